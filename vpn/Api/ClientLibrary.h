@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+#include "vpn/Api/PreferenceMgr.h"
+#include "vpn/Common/Logging/AppLog.h"
+#include "vpn/include/StatusCode.h"
+
+/// Brings up what a selection stands on and takes it down again.
+///
+/// Construction opens the log, reads preferences and profiles, applies the preferences that concern
+/// the probes, and creates the API execution context, in this order. Destruction goes the other way.
+/// A run that is still under way keeps what it has acquired; a run that starts afterwards fails with
+/// the NO_INSTANCE codes. One object a process at a time; construction and destruction on one thread.
+class CClientLibrary {
+ public:
+  struct Options {
+    PreferenceMgr::Sources sources;
+    CAppLog::Targets log;
+    /// Why a log target could not be opened is reported here and does not stop the start.
+    std::string logProblem;
+  };
+
+  /// @param status receives 0, or the code of the part that could not be brought up; the parts
+  ///        before it are then taken down again by the destructor.
+  CClientLibrary(Options& options, STATUSCODE& status);
+  ~CClientLibrary();
+
+  CClientLibrary(const CClientLibrary&) = delete;
+  CClientLibrary& operator=(const CClientLibrary&) = delete;
+
+ private:
+  PreferenceMgr* m_pPreferenceMgr;
+  class CExecutionContext* m_pExecutionContext;
+};

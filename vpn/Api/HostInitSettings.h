@@ -1,0 +1,17 @@
+#pragma once
+
+#include "vpn/Api/Preference.h"
+
+/// What one profile file sets for its hosts. Constant once it is parsed; any thread may then read it.
+class HostInitSettings {
+ public:
+  explicit HostInitSettings(const PreferenceInfo& preferences);
+
+  const PreferenceInfo& getPreferences() const;
+
+  /// Whether the profile sets the preference with that attribute.
+  bool isEnabled(PreferenceId id, PreferenceAttribute attribute) const;
+
+ private:
+  PreferenceInfo m_preferences;
+};

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+/// One host entry of a profile. Constant; any thread may read it.
+class HostProfile {
+ public:
+  /// @param profileName name of the profile that holds the entry.
+  /// @param hostName the entry's name, as a person picks it from a list.
+  /// @param address where it is reached; may be empty.
+  /// @param line line of the entry in its file, 0 if it comes from no file.
+  HostProfile(const std::string& profileName, const std::string& hostName,
+              const std::string& address, unsigned int line);
+
+  // The order of these four is part of the interface: name second, address fourth.
+  virtual const std::string& getProfileName() const;
+  virtual const std::string& getHostName() const;
+  virtual unsigned int getLine() const;
+  virtual const std::string& getHostAddress() const;
+
+  virtual ~HostProfile();
+  HostProfile(const HostProfile&) = delete;
+  HostProfile& operator=(const HostProfile&) = delete;
+
+ private:
+  std::string m_profileName;
+  std::string m_hostName;
+  std::string m_address;
+  unsigned int m_line;
+};

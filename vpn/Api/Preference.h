@@ -1,0 +1,111 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+/// The preferences of the client, by number. The names in the files and the defaults are in
+/// `PreferenceBase`.
+enum PreferenceId {
+  ProxySettings = 20,
+  ProxyHost = 21,
+  ProxyPort = 22,
+  EnableAutomaticServerSelection = 50,
+  SelectionResumeTime = 51,
+  SelectionImprovement = 52,
+  SelectionClearCache = 53,
+  SelectionConnectTimeout = 54,
+  SelectionReconnectTimeout = 55,
+  SelectionPingTimeout = 56,
+  SelectionPingsPerHeadend = 57,
+  SelectionTestPingTimeout = 58,
+  SelectionMaxResults = 59,
+  RoundTripTime = 60,
+  UnknownPreference = 0xFFFF,
+};
+
+/// What a file can say of a preference besides its value.
+enum PreferenceAttribute {
+  /// The user may change the preference.
+  UserControllable = 1,
+};
+
+/// Whose preference file.
+enum PreferenceScope {
+  User = 0,
+  Global = 1,
+};
+
+/// Names, defaults and fixed values of the preferences. Constant; any thread may read it.
+class PreferenceBase {
+ public:
+  PreferenceBase() = delete;
+
+  /// "true": the value of a switch that is on.
+  static const std::string PreferenceEnabled;
+  /// "false": the value of a switch that is off.
+  static const std::string PreferenceDisabled;
+  /// "override": the value of `ProxySettings` that means the host and port in the preferences.
+  static const std::string ProxyOverride;
+  /// "system": the value of `ProxySettings` that means what the system is set to.
+  static const std::string ProxySystem;
+  /// "none": the value of `ProxySettings` that means a direct connection.
+  static const std::string ProxyNone;
+  /// "network" and "response": the values of `RoundTripTime`.
+  static const std::string RoundTripNetwork;
+  static const std::string RoundTripResponse;
+
+  /// One preference that a file may set.
+  struct Definition {
+    PreferenceId id;
+    const char* name;          ///< as it is written in the files, letter case included
+    const char* defaultValue;  ///< in force when no file sets it
+    bool inProfile;            ///< a profile may set it
+    bool inPreferences;        ///< a preferences file may set it
+    /// For a number: unit and range; for a word: null.
+    const char* unit;
+    unsigned int least;
+    unsigned int most;
+    /// For a word: the values allowed, null after the last; all null: any text.
+    const char* words[4];
+  };
+
+  /// All preferences, `count` entries.
+  static const Definition* definitions(std::size_t& count);
+  /// The preference of a name (exact) or a number; null if there is none.
+  static const Definition* find(const std::string& name);
+  static const Definition* find(PreferenceId id);
+
+  /// What is wrong with `value` for a preference, as a sentence that says what is allowed; empty if
+  /// it may stand.
+  static std::string findError(const Definition& definition, const std::string& value);
+};
+
+/// One preference as a file sets it.
+class Preference {
+ public:
+  Preference(PreferenceId id, const std::string& value, bool userControllable);
+
+  PreferenceId getPreferenceId() const;
+  const std::string& getPreferenceValue() const;
+  bool isUserControllable() const;
+
+ private:
+  PreferenceId m_id;
+  std::string m_value;
+  bool m_userControllable;
+};
+
+/// The preferences that one file sets.
+class PreferenceInfo {
+ public:
+  /// Finds a preference. The object found belongs to this one.
+  /// @param preference receives the preference; left alone when the file does not set it.
+  /// @return whether the file sets it.
+  bool getPreference(const PreferenceId& id, Preference*& preference) const;
+
+  /// Adds a preference, or replaces it.
+  void set(const Preference& preference);
+
+ private:
+  std::map<PreferenceId, Preference> m_preferences;
+};

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "vpn/Api/Preference.h"
+#include "vpn/Api/ProfileMgr.h"
+#include "vpn/Api/UserPreferences.h"
+#include "vpn/include/StatusCode.h"
+
+/// Status codes of the preference manager (module 0x32).
+enum PREFERENCEMGR_ERRORS : STATUSCODE {
+  PREFERENCEMGR_SUCCESS = 0,
+  PREFERENCEMGR_ERROR_BAD_PARAMETER = 0xFE320002,
+  PREFERENCEMGR_ERROR_ALREADY_EXISTS = 0xFE320008,
+  PREFERENCEMGR_ERROR_NO_INSTANCE = 0xFE32000A,
+};
+
+/// The preferences and profiles of the process.
+///
+/// The start-up of the client library creates the one instance from its files; users acquire and
+/// release it in pairs, and the last release destroys it. The files are read once, at creation, and
+/// everything is constant from then on. All operations may be called from any thread.
+class PreferenceMgr {
+ public:
+  /// Where preferences and profiles come from. An empty path stands for nothing to read; a file or
+  /// directory that does not exist counts as empty.
+  struct Sources {
+    std::string profileDirectory;
+    std::string userPreferencesFile;
+    std::string globalPreferencesFile;
+    /// Where the selection cache is kept between processes; empty: in memory only.
+    std::string cacheFile;
+    /// Addresses that take the place of all profiles, if there are any.
+    std::vector<std::string> addresses;
+  };
+
+  /// Creates the instance and acquires it for the caller. Wrong files are no failure: they are
+  /// logged, listed by `getProblems`, and skipped.
+  /// @return 0 or PREFERENCEMGR_ERROR_ALREADY_EXISTS.
+  static STATUSCODE createInstance(const Sources& sources);
+
+  /// The instance with its acquisition counted, or null when none exists.
+  static PreferenceMgr* acquireInstance();
+
+  /// Gives back one acquisition.
+  void releaseInstance();
+
+  /// The profiles; they belong to this object.
+  STATUSCODE getProfileMgr(ProfileMgr*& profileMgr);
+
+  /// The value in force: that of the user's file, else of the global file, else the default.
+  /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no preference.
+  STATUSCODE getPreferenceValue(PreferenceId id, std::string& value);
+
+  /// The parsed file of a scope, an empty one when there is no such file; belongs to this object.
+  STATUSCODE getParsedPreferenceFile(PreferenceScope scope, UserPreferences*& preferences);
+
+  /// See `Sources::cacheFile`.
+  const std::string& getCacheFile() const;
+
+  /// What was wrong with preferences and profiles, in the order they were read.
+  std::vector<FileProblem> getProblems() const;
+
+  PreferenceMgr(const PreferenceMgr&) = delete;
+  PreferenceMgr& operator=(const PreferenceMgr&) = delete;
+
+ private:
+  explicit PreferenceMgr(const Sources& sources);
+  ~PreferenceMgr();
+
+  ProfileMgr m_profileMgr;
+  UserPreferences m_userPreferences;
+  UserPreferences m_globalPreferences;
+  std::string m_cacheFile;
+  std::vector<FileProblem> m_problems;
+};

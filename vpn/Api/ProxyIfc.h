@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+/// How a proxy wants its users to prove who they are.
+enum ProxyType {
+  BasicProxy = 0,
+  NTLMProxy = 1,
+  KerberosProxy = 2,
+  NoProxy = 3,
+  ProxyTypeMax = 4,
+};
+
+/// A provider of a proxy and of the credentials for it, written by the client.
+///
+/// A selection run that is given a provider owns and deletes it. `getProxyType` is called from many
+/// threads at once, also after the run's result has been delivered; the others on the run's thread.
+class ProxyIfc {
+ public:
+  /// A credential in clear. Destruction overwrites its characters before their memory is released.
+  class UnprotectedCredential {
+   public:
+    UnprotectedCredential();
+    UnprotectedCredential(const UnprotectedCredential& other);
+    explicit UnprotectedCredential(const std::string& value);
+    ~UnprotectedCredential();
+
+    /// Both wipe what was held before.
+    UnprotectedCredential& operator=(const UnprotectedCredential& other);
+    UnprotectedCredential& operator=(const char* value);
+
+    const std::string& GetValue() const;
+    const char* c_str() const;
+    std::size_t GetLength() const;
+    std::size_t length() const;
+    bool empty() const;
+
+    /// Both wipe the buffer that an append outgrows.
+    UnprotectedCredential& operator+=(const UnprotectedCredential& other);
+    UnprotectedCredential& operator+=(const char* value);
+
+   private:
+    void append(const char* characters, std::size_t count);
+
+    std::string m_tstrValue;
+  };
+
+  ProxyIfc() = default;
+  virtual ~ProxyIfc();
+  ProxyIfc(const ProxyIfc&) = delete;
+  ProxyIfc& operator=(const ProxyIfc&) = delete;
+
+  virtual UnprotectedCredential getProxyUser() = 0;
+  virtual UnprotectedCredential getProxyPswd() = 0;
+  /// Host of the provider's own proxy; empty when it knows none.
+  virtual std::string getProxyHost() = 0;
+  virtual ProxyType getProxyType() = 0;
+};

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "vpn/Api/Preference.h"
+
+/// One parsed preferences file. Constant once it is parsed; any thread may then read it.
+class UserPreferences {
+ public:
+  /// The manually configured proxy; empty when unset.
+  std::string getProxyHost() const;
+  std::string getProxyPort() const;
+
+  const PreferenceInfo& getPreferences() const;
+
+  void setPreferences(const PreferenceInfo& preferences);
+
+ private:
+  PreferenceInfo m_preferences;
+};

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "vpn/include/HttpSession.h"
+#include "vpn/include/StatusCode.h"
+
+/// Sends single HTTP(S) requests to find out whether a host answers, and how far away it is.
+///
+/// All operations are static and may be called from any thread; probes of different threads run in
+/// parallel and share nothing.
+class HttpProbe {
+ public:
+  struct HTTP_PROBE_RESULTS {
+    /// Round-trip time in milliseconds, rounded to the nearest; 0 when nothing answered.
+    unsigned int uiRtt = 0;
+    /// Status code of the answer; 0 when there was none. A proxy's refusal counts (407).
+    unsigned int uiHttpStatusCode = 0;
+    /// The transport's own error number: libcurl's CURLcode (libcurl-errors(3)), 0 for none.
+    unsigned int uiLastError = 0;
+    /// The header lines of the last answer as received, at most 64 KiB.
+    std::string tstrResponseHeaders;
+    /// The value of the answer's Location header; it is never followed.
+    std::string tstrLocation;
+  };
+
+  /// Which results are wanted; the others stay as they are.
+  enum HTTP_PROBE_OPTIONS : unsigned int {
+    HTTP_PROBE_RETURN_ALL_HEADERS = 1,
+    HTTP_PROBE_RETURN_STATUSCODE = 2,
+    HTTP_PROBE_RETURN_LAST_ERROR = 4,
+    HTTP_PROBE_RETURN_RTT = 8,
+    HTTP_PROBE_RETURN_LOCATION = 16,
+  };
+
+  /// What `uiRtt` is.
+  enum class RoundTripMeasure {
+    /// The smallest round trip that the kernel saw on the probe's connection (tcp(7), TCP_INFO,
+    /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it.
+    /// Through a proxy the connection ends at the proxy, so there it is `Response`.
+    Network,
+    /// From the request to the first byte of the answer: a slow gateway counts as far away.
+    Response,
+  };
+
+  /// Everything known of one probe, in the order of events. Times are in microseconds from the
+  /// start of the probe, -1 for what did not happen; round trips are durations.
+  struct Report {
+    std::string host;
+    unsigned short port = 0;
+    bool secure = false;
+    unsigned int options = 0;   ///< as given to `SendHttpProbe`
+    STATUSCODE status = 0;
+    unsigned int rttMs = 0;     ///< what `uiRtt` is for this probe
+    unsigned int httpStatus = 0;
+    unsigned int transportError = 0;
+    long long connectUs = -1;       ///< the connection stood
+    long long tlsUs = -1;           ///< the TLS handshake was done
+    long long totalUs = 0;          ///< the probe was over
+    long long networkRttUs = -1;    ///< smallest round trip that the kernel saw
+    long long responseRttUs = -1;   ///< from the request to the first byte of the answer
+    std::string address;            ///< the address that was connected to, if any
+  };
+
+  /// Is told of every probe of the process, on the probe's own thread, which it holds up.
+  class Watcher {
+   public:
+    virtual ~Watcher();
+    /// A probe is about to start; only host, port, secure and options are known.
+    virtual void ProbeStarted(const Report& report) = 0;
+    virtual void ProbeEnded(const Report& report) = 0;
+  };
+
+  HttpProbe() = delete;
+
+  /// Sends one request to a host and waits for the head of its answer.
+  ///
+  /// @param host a name, an IPv4 address, or an IPv6 address with or without brackets.
+  /// @param secure HTTPS instead of HTTP.
+  /// @param reserved always false.
+  /// @param port 1 to 65535.
+  /// @param userAgent value of the User-Agent header; empty for none.
+  /// @param timeoutSeconds limit of the whole probe, name resolution included; 0 counts as 1.
+  /// @param options bit-or of HTTP_PROBE_OPTIONS.
+  /// @return 0 when the server answered with HTTP, whatever its status code. Otherwise a code of
+  ///         HTTP_SESSION_ERRORS; `uiRtt` is measured also for those that are an answer:
+  ///         UNTRUSTED_CERTIFICATE, CLIENT_AUTH_CERT_NEEDED, INVALID_SERVER_RESPONSE.
+  ///
+  /// The body of an answer is neither asked for nor read, redirects are an answer and not followed,
+  /// and nothing is ever sent to a server whose certificate is not trusted. At most 64 KiB of an
+  /// answer's head are kept.
+  static STATUSCODE SendHttpProbe(const std::string& host, bool secure, bool reserved,
+                                  unsigned short port, const std::string& userAgent,
+                                  unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
+                                  unsigned int options, HTTP_PROBE_RESULTS& results);
+
+  /// Chooses the measure for probes that start from now on; `Network` until it is called.
+  static void SetRoundTripMeasure(RoundTripMeasure measure);
+
+  /// Sets the one watcher, null for none. A watcher that is being called is kept alive until it
+  /// returns.
+  static void SetWatcher(std::shared_ptr<Watcher> watcher);
+
+  /// Adds certificates (a PEM file) to those trusted; an empty path for the system's alone.
+  static void SetTrustFile(const std::string& path);
+};

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <atomic>
+#include <new>
+
+/// A task of the API that is run once and may delete itself.
+///
+/// Deleting and freeing are two moments. Threads that may come late (a timer that is firing, a
+/// worker that nobody waits for) each hold the object with `enter` and give it up with `leave`;
+/// the creator holds it from the start. `delete` gives up the creator's hold and returns at once.
+/// The last holder out destroys the object and frees its memory. In the ordinary case nobody else
+/// holds it and `delete` does both on the spot, on the deleting thread.
+///
+/// `enter` may be called only by who already knows the object to be held; `leave` once per `enter`.
+/// Both may be called from any thread.
+class ApiRunnable {
+ public:
+  ApiRunnable();
+  virtual ~ApiRunnable();
+  virtual void run() = 0;
+
+  void enter() noexcept;
+
+  /// Gives up a hold. The last one destroys the object on this thread.
+  void leave() noexcept;
+
+  /// As `leave`, for a thread that must not be held up by what a destructor waits for: the last
+  /// hold destroys the object on a thread of its own (on this one only if none can be had).
+  void leaveWithoutWaiting() noexcept;
+
+  /// Gives up the creator's hold: what a `delete` expression calls in place of the destructor.
+  static void operator delete(ApiRunnable* object, std::destroying_delete_t);
+  /// Frees the memory of an object whose construction threw.
+  static void operator delete(void* memory) noexcept;
+
+ protected:
+  ApiRunnable(const ApiRunnable&);
+  ApiRunnable& operator=(const ApiRunnable&) = delete;
+
+ private:
+  static void destroy(ApiRunnable* object) noexcept;
+
+  std::atomic<unsigned int> m_holders;
+};

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <new>
+
+#include "vpn/include/StatusCode.h"
+#include "vpn/include/ThreadAnnotations.h"
+
+class ApiRunnable;
+
+/// Status codes of threads (module 0x34).
+enum THREAD_ERRORS : STATUSCODE {
+  THREAD_SUCCESS = 0,
+  /// A thread could not be created; the system's limit of threads or memory is reached.
+  THREAD_ERROR_CREATE_FAILED = 0xFE34000A,
+  /// The time-out of a wait passed.
+  THREAD_ERROR_TIMEOUT = 0xFE34000B,
+  /// Started before, or waited for though it does not run and was never started.
+  THREAD_ERROR_INVALID_STATE = 0xFE34000D,
+};
+
+/// Something with a body that a thread can run.
+class IRunnable {
+ public:
+  IRunnable() = default;
+  virtual STATUSCODE Run() = 0;
+  virtual ~IRunnable();
+  virtual IRunnable* Clone() = 0;
+  virtual void Destroy() = 0;
+
+  IRunnable(const IRunnable&) = delete;
+  IRunnable& operator=(const IRunnable&) = delete;
+};
+
+/// One thread: derive, write `Run`, call `Start`.
+///
+/// Deleting an object whose thread still runs is allowed: `delete` returns at once and the object
+/// is destroyed when its thread has left it. All signals are blocked in the thread, so that the
+/// host's handlers run on the host's threads. An exception that leaves `Run` is logged and ends the
+/// thread with the exit code 0xFFFFFFFF.
+class CThread : public IRunnable {
+ public:
+  /// No time-out, for `WaitForCompletion`.
+  static constexpr unsigned int Infinite = 0xFFFFFFFF;
+  /// Stack of a thread that asks for none, in bytes. Address space only: what is touched is a few
+  /// pages, so a thousand threads fit in a laptop's memory and in its overcommit limit.
+  static constexpr std::size_t DefaultStackSize = std::size_t{256} * 1024;
+
+  /// @param stackSize bytes of stack, 0 for `DefaultStackSize`; less than the system's minimum is
+  ///        raised to it.
+  explicit CThread(std::size_t stackSize = 0);
+  ~CThread() override;
+
+  /// Starts the thread, which runs `Run()` once.
+  /// @return 0; THREAD_ERROR_INVALID_STATE when it was started before; THREAD_ERROR_CREATE_FAILED
+  ///         when the system gives no thread, after which the object can still be waited for (as a
+  ///         thread that was never started), started again or deleted.
+  STATUSCODE Start();
+
+  /// Waits until the thread has ended. Any thread but itself may call it, also more than once.
+  /// @param exitCode receives the low 32 bits of `Run()`'s result when the thread has ended; is left
+  ///        alone otherwise.
+  /// @param timeoutMs longest wait in milliseconds, `Infinite` for no limit.
+  /// @return 0; THREAD_ERROR_TIMEOUT; THREAD_ERROR_INVALID_STATE for a thread that does not run and
+  ///         was never started.
+  STATUSCODE WaitForCompletion(unsigned int& exitCode, unsigned int timeoutMs);
+
+  /// Threads cannot be cloned: a null pointer.
+  IRunnable* Clone() override;
+  /// Threads are deleted, not destroyed: logs an error and does nothing.
+  void Destroy() override;
+
+  /// Gives up the owner's hold: what a `delete` expression calls in place of the destructor.
+  static void operator delete(CThread* object, std::destroying_delete_t);
+  /// Frees the memory of an object whose construction threw.
+  static void operator delete(void* memory) noexcept;
+
+  /// Threads of this class that exist in the process now, for tests and diagnosis.
+  static unsigned int RunningCount() noexcept;
+
+ protected:
+  /// Keeps `task` alive from `Start` until `Run` has returned, so that the thread may use it even
+  /// when its owner has deleted it. To be called before `Start`, at most once.
+  void KeepAlive(ApiRunnable& task);
+
+ private:
+  enum class State { NotStarted, Running, Ended };
+
+  static void* threadEntry(void* object);
+  void execute();
+  static void leave(CThread* object) noexcept;
+
+  const std::size_t m_stackSize;
+  ApiRunnable* m_pKeptAlive;  // written before Start, read by the thread: ordered by its creation
+  std::atomic<unsigned int> m_holders;  // the owner, and the thread while it runs
+
+  std::mutex m_stateLock;
+  std::condition_variable m_ended;
+  State m_state;            // guarded by m_stateLock
+  unsigned int m_exitCode;  // guarded by m_stateLock
+};

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <memory>
+
+#include "vpn/include/StatusCode.h"
+
+class ApiRunnable;
+
+/// Status codes of timers (module 0x36).
+enum TIMER_ERRORS : STATUSCODE {
+  TIMER_SUCCESS = 0,
+  TIMER_ERROR_BAD_PARAMETER = 0xFE360002,
+  /// The list is no longer serviced: its execution context is being taken down.
+  TIMER_ERROR_LIST_CLOSED = 0xFE36000A,
+};
+
+/// Called when a timer expires, with the two context values given to the timer.
+using timercb = void (*)(void* ptrVal, unsigned long longVal);
+
+/// The timers of one execution context, in order of expiry on the monotonic clock.
+///
+/// `Service` is run by one thread, the context's. The other operations belong to `CTimer`. A timer
+/// may outlive its list; it then never fires.
+class CTimerList {
+ public:
+  CTimerList();
+  ~CTimerList();
+  CTimerList(const CTimerList&) = delete;
+  CTimerList& operator=(const CTimerList&) = delete;
+
+  /// Calls back each timer as it expires, never early, one at a time, and returns after `Close`.
+  void Service();
+
+  /// Ends `Service` (a callback under way is not waited for) and refuses further timers.
+  void Close();
+
+ private:
+  friend class CTimer;
+  struct Shared;
+  std::shared_ptr<Shared> m_pShared;
+};
+
+/// A one-shot timer. The operations may be called from any thread, one at a time.
+///
+/// Deleting a timer takes it off its list: its callback is not called from then on. A callback
+/// that is under way already goes on, and the destructor does not wait for it, so a timer may be
+/// deleted from its own callback and by a thread that holds a lock the callback wants.
+class CTimer {
+ public:
+  /// @param status receives 0, or TIMER_ERROR_BAD_PARAMETER for a null list or callback.
+  /// @param callback called once, on the list's thread, with `ptrVal` and `longVal`.
+  CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, void* ptrVal,
+         unsigned long longVal);
+  ~CTimer();
+  CTimer(const CTimer&) = delete;
+  CTimer& operator=(const CTimer&) = delete;
+
+  /// Arms the timer to expire after `milliseconds`; a timer that is armed already is armed anew.
+  /// @return 0; TIMER_ERROR_BAD_PARAMETER when construction failed; TIMER_ERROR_LIST_CLOSED.
+  STATUSCODE StartTimer(unsigned long milliseconds);
+
+  /// Keeps `task` alive while the callback runs, so that the callback may use it even when its owner
+  /// deletes it meanwhile. The task must delete this timer before it is gone. To be called before
+  /// `StartTimer`.
+  void KeepAlive(ApiRunnable& task);
+
+ private:
+  struct Entry;
+  std::shared_ptr<CTimerList::Shared> m_pShared;
+  std::shared_ptr<Entry> m_pEntry;
+};

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <string>
+
+/// How a URL says it is to be reached.
+enum URLPROTOCOL {
+  URLPROTOCOL_HTTP = 0,
+  URLPROTOCOL_HTTPS = 1,
+  URLPROTOCOL_LDAP = 2,
+  /// The text names no scheme.
+  URLPROTOCOL_NONE = 3,
+  /// The text is no address that this class understands.
+  URLPROTOCOL_UNKNOWN = 4,
+};
+
+/// The address of a server, as a person writes it. A value class: copies share nothing, and
+/// constant objects may be read from any thread.
+///
+/// Grammar (RFC 3986, narrowed to what a headend address needs; blanks around the text are dropped):
+///
+///     address  = [ scheme "://" ] host [ ":" port ] [ location ]
+///     scheme   = "http" / "https" / "ldap"                       in any letter case
+///     host     = name / IPv4 / "[" IPv6 [ "%25" zone ] "]"
+///     name     = 1 to 253 letters, digits, "-", "_", "." and bytes above 127 (UTF-8), no empty label
+///     port     = decimal number from 1 to 65535, or nothing
+///     location = ( "/" / "?" / "#" ) followed by anything but control characters and blanks
+///
+/// Refused, so that the protocol is URLPROTOCOL_UNKNOWN and every other part empty: control
+/// characters and blanks inside the text, user information ("user@host"), an IPv6 address without
+/// brackets, any other scheme, a text longer than 2048 bytes.
+class URL {
+ public:
+  /// The empty address: no scheme, no host.
+  URL();
+  /// Parses `text`; the empty text gives the empty address.
+  explicit URL(const std::string& text);
+  URL(const URL& other);
+  URL(URL&& other) noexcept;
+  URL& operator=(const URL& other);
+  URL& operator=(URL&& other) noexcept;
+  ~URL();
+
+  /// What is wrong with `text`, as a sentence that says how to mend it; empty if it is an address.
+  static std::string findError(const std::string& text);
+
+  URLPROTOCOL getProtocol() const;
+
+  /// The host as it is looked up: a name, an IPv4 address, or an IPv6 address without brackets.
+  const std::string& getHost() const;
+
+  /// The port in decimal as it was written, leading zeros dropped; empty if none was.
+  const std::string& getPort() const;
+
+  /// What follows host and port, with its leading "/", "?" or "#"; empty if nothing does.
+  const std::string& getLocation() const;
+
+  /// The host as it stands in a URL: like `getHost`, an IPv6 address in brackets.
+  std::string getHostFragment() const;
+
+  /// The host fragment, followed by ":" and the port when there is one.
+  /// @param withDefaultPort add the scheme's default port (80, 443, 389; 443 without a scheme) when
+  ///        the address has none.
+  std::string getHostAndPort(bool withDefaultPort) const;
+
+ private:
+  URLPROTOCOL m_eProtocol;
+  std::string m_sHost;
+  std::string m_sPort;
+  std::string m_sLocation;
+};

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+
+#include "vpn/include/StatusCode.h"
+
+/// Status codes of an HTTP session (module 0x46).
+enum HTTP_SESSION_ERRORS : STATUSCODE {
+  HTTP_SESSION_SUCCESS = 0,
+  /// The request could not be set up: the host, the port or the proxy is unusable.
+  HTTP_SESSION_ERROR_BAD_PARAMETER = 0xFE460002,
+  HTTP_SESSION_ERROR_MEMALLOC_FAILED = 0xFE460004,
+  /// The proxy could not be reached or its name could not be resolved.
+  HTTP_SESSION_ERROR_CONNECT = 0xFE46000C,
+  /// The server answered with a certificate that is not trusted.
+  HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE = 0xFE460017,
+  /// The server's name could not be resolved.
+  HTTP_SESSION_ERROR_DNS_RESOLUTION = 0xFE460019,
+  /// The server answered that it wants a client certificate.
+  HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED = 0xFE46001A,
+  /// The time-out passed before an answer was complete.
+  HTTP_SESSION_ERROR_TIMEOUT = 0xFE46001B,
+  /// Something answered, but not with HTTP.
+  HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE = 0xFE46001C,
+  /// The server could not be reached.
+  HTTP_SESSION_ERROR_CANNOT_CONNECT = 0xFE46001D,
+};
+
+/// The proxy of an HTTP request and the credentials for it. The user name and the password are
+/// secrets: destruction overwrites their characters before the memory is given back.
+struct PROXY_DATA {
+  PROXY_DATA();
+  ~PROXY_DATA();
+  PROXY_DATA(const PROXY_DATA&) = default;
+  PROXY_DATA& operator=(const PROXY_DATA&) = default;
+
+  /// True: the probe finds the proxy itself from the system's settings. False: `proxyServer` holds,
+  /// and an empty `proxyServer` means a direct connection.
+  bool determineProxy;
+  /// "http=http://" followed by the host and an optional ":" and port.
+  std::string proxyServer;
+  std::string proxyUser;
+  std::string proxyPswd;
+};

@@ -1,0 +1,25 @@
+// The lock of the client library: a recursive mutex whose waiters spin a little before they sleep.
+
+#include "vpn/include/Locks.h"
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+CManualLock::CManualLock(unsigned long spinCount) : m_spinCount(spinCount) {}
+
+CManualLock::~CManualLock() = default;
+
+void CManualLock::Lock() AHS_NO_THREAD_SAFETY_ANALYSIS {
+  for (unsigned long attempt = 0; attempt < m_spinCount; ++attempt) {
+    if (m_mutex.try_lock()) {
+      return;
+    }
+#if defined(__x86_64__)
+    _mm_pause();
+#endif
+  }
+  m_mutex.lock();
+}
+
+void CManualLock::Unlock() AHS_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+#include "vpn/include/ThreadAnnotations.h"
+
+/// A mutual-exclusion lock taken and given back by explicit calls.
+///
+/// The lock is recursive: the thread that holds it may take it again and must give it back as
+/// often. It is not copyable. Every operation may be called from any thread; `Unlock` only by the
+/// thread that holds the lock.
+class AHS_CAPABILITY("mutex") CManualLock {
+ public:
+  /// @param spinCount how often a waiting thread tries again before it sleeps. The critical
+  ///        sections here are a few hundred instructions long, so a short spin saves two context
+  ///        switches; 0 sleeps at once.
+  explicit CManualLock(unsigned long spinCount = 0);
+  ~CManualLock();
+
+  CManualLock(const CManualLock&) = delete;
+  CManualLock& operator=(const CManualLock&) = delete;
+
+  /// Takes the lock, waiting as long as another thread holds it.
+  void Lock() AHS_ACQUIRE();
+
+  /// Gives the lock back once.
+  void Unlock() AHS_RELEASE();
+
+ private:
+  std::recursive_mutex m_mutex;
+  const unsigned long m_spinCount;
+};
+
+/// Holds a lock for the length of a scope: taken on construction, given back on every exit.
+template <class LockT>
+class AHS_SCOPED_CAPABILITY CAutoLockT {
+ public:
+  explicit CAutoLockT(LockT& lock) AHS_ACQUIRE(lock) : m_lock(lock) { m_lock.Lock(); }
+  ~CAutoLockT() AHS_RELEASE() { m_lock.Unlock(); }
+
+  CAutoLockT(const CAutoLockT&) = delete;
+  CAutoLockT& operator=(const CAutoLockT&) = delete;
+
+ private:
+  LockT& m_lock;
+};
+
+/// Reads a plain flag that another thread may be setting. No ordering with other memory is implied.
+inline bool readSharedFlag(const bool& flag) {
+  // std::atomic_ref takes no const object before C++26; a relaxed load does not write to it.
+  return std::atomic_ref<bool>(const_cast<bool&>(flag)).load(std::memory_order_relaxed);
+}
+
+/// Sets a plain flag that another thread may be reading with `readSharedFlag`.
+inline void writeSharedFlag(bool& flag, bool value) {
+  std::atomic_ref<bool>(flag).store(value, std::memory_order_relaxed);
+}

@@ -1,1 +1,240 @@
+// The run and its end. Whatever happens to a run that was started, it ends in one results thread
+// that calls the client once: run thread and timer thread both come to finishAHS, and the first one
+// there decides what the client is told.
 
+#include "vpn/Api/AHS/HeadendSelection.h"
+
+#include <pthread.h>
+
+#include "vpn/Common/Logging/AppLog.h"
+
+CHeadendSelection::CHeadendSelection(ClientIfcBase* pAHSCB, const std::string& lastHeadend,
+                                     unsigned int uiReason, long& status)
+    : m_pAHSCB(nullptr),
+      m_uiReason(uiReason),
+      m_terminatedThreads(false),
+      m_AHSFinished(false),
+      m_foundInCache(false),
+      m_headendCacheLock(LockSpinCount),
+      m_headendThreadLock(LockSpinCount),
+      m_settings(),
+      m_pTimer(nullptr),
+      m_cache(nullptr),
+      m_pProxy(nullptr),
+      m_pResultsThread(nullptr) {
+  status = CSelectionCache::createSingletonInstance(m_cache);
+  if (status != 0) {
+    CAppLog::LogReturnCode("CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
+                           "CSelectionCache::createSingletonInstance", status, 0, nullptr);
+    if (m_cache != nullptr) {
+      m_cache->releaseInstance();
+      m_cache = nullptr;
+    }
+    return;
+  }
+  CAHSSettings::GetSettings(m_settings);
+  status = getHeadendListFromProfile(lastHeadend);
+  if (status != 0) {
+    // The text names the cache, and whoever searches logs for this failure knows it by that name.
+    CAppLog::LogReturnCode("CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
+                           "CSelectionCache::getHeadendListFromProfile", status, 0, nullptr);
+    return;
+  }
+  m_pAHSCB = pAHSCB;
+}
+
+CHeadendSelection::~CHeadendSelection() {
+  if (m_pResultsThread != nullptr) {
+    unsigned int exitCode = 0;
+    const STATUSCODE status = m_pResultsThread->WaitForCompletion(exitCode, CThread::Infinite);
+    if (status != 0 && status != THREAD_ERROR_INVALID_STATE) {
+      CAppLog::LogReturnCode("~CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
+                             "CThread::WaitForCompletion", status, 0, nullptr);
+    }
+  }
+  deleteTimer();
+  delete m_pProxy;
+  m_pProxy = nullptr;
+  delete m_pResultsThread;
+  m_pResultsThread = nullptr;
+  if (m_cache != nullptr) {
+    m_cache->releaseInstance();
+  }
+  for (std::size_t i = 0; i < m_pThreads.size(); ++i) {
+    delete m_pThreads[i];
+    m_pThreads[i] = nullptr;
+  }
+}
+
+void CHeadendSelection::SetProxy(ProxyIfc* pProxy) { m_pProxy = pProxy; }
+
+bool CHeadendSelection::isThreadTerminated() { return readSharedFlag(m_terminatedThreads); }
+
+void CHeadendSelection::setThreadTerminated(bool termFlag) {
+  writeSharedFlag(m_terminatedThreads, termFlag);
+}
+
+void CHeadendSelection::run() {
+  // The conversion of %d takes an int: the low half of the identifier is what the line shows.
+  CAppLog::LogVerboseMessage("run", "HeadendSelection", __LINE__, Logging::DBG_Info, CLC_VPN_API,
+                             CUST_LOG_LEVEL_3, "CHeadendSelection thread ID '%d'",
+                             static_cast<int>(pthread_self()));
+  // The run's own view of the outcome; what the client gets is built by finishAHS.
+  std::vector<std::string> headendList;
+  std::string extraInfo;
+  const STATUSCODE status = selectHeadend(headendList, extraInfo);
+  if (status != 0) {
+    CAppLog::LogReturnCode("run", LogSource, __LINE__, Logging::DBG_Warning,
+                           "CHeadendSelection::selectHeadend", status, 0, nullptr);
+  }
+  finishAHS(true, status, extraInfo);
+  delete this;
+}
+
+STATUSCODE CHeadendSelection::selectHeadend(std::vector<std::string>& headendList,
+                                            std::string& extraInfo) {
+  const std::string lastHost = m_lastHeadend.getHost();
+  const std::string reasonText = getReasonText();
+  CAppLog::LogDebugMessage("selectHeadend", LogSource, __LINE__, Logging::DBG_Info,
+                           "Starting QIB processing during %s attempt. Last headend: %s",
+                           reasonText.c_str(), lastHost.c_str());
+  if (m_cache == nullptr) {
+    CAppLog::LogDebugMessage("selectHeadend", LogSource, __LINE__, Logging::DBG_Error,
+                             "QIB cache could not be created.");
+    return HEADENDSELECTION_ERROR_CACHE_FAILURE;
+  }
+  if (m_headendList.empty()) {
+    CAppLog::LogDebugMessage("selectHeadend", LogSource, __LINE__, Logging::DBG_Error,
+                             "QIB has no hosts to process.");
+    return HEADENDSELECTION_ERROR_NO_HEADENDS;
+  }
+  std::string knownHeadends = getKnownHeadends();
+  m_foundInCache = m_cache->IsInCache(knownHeadends, getPingResults());
+  if (m_foundInCache) {
+    return 0;
+  }
+  const STATUSCODE status = startPingThreads(extraInfo);
+  if (status != 0) {
+    headendList.push_back(m_lastHeadend.getHostAndPort(false));
+  }
+  return status;
+}
+
+std::string CHeadendSelection::getReasonText() {
+  switch (m_uiReason) {
+    case 0:
+      return "connection";
+    case ReconnectionReason:
+      return "reconnection";
+    case 2:
+      return "preferences change";
+    case 3:
+      return "proxy authentication";
+    case 4:
+      return "process launch";
+    case 5:
+      return "disconnect";
+    default:
+      return "unknown";
+  }
+}
+
+void CHeadendSelection::finishAHS(bool killTimer, long statusReturnCode,
+                                  const std::string& extraInfo) {
+  const CAutoLockT<CManualLock> methodLock(m_headendThreadLock);
+  if (m_AHSFinished) {
+    deleteTimer();
+    CAppLog::LogDebugMessage("finishAHS", LogSource, __LINE__, Logging::DBG_Info,
+                             "QIB in finishAHS() a second time");
+    return;
+  }
+  m_AHSFinished = true;
+  CAppLog::LogDebugMessage("finishAHS", LogSource, __LINE__, Logging::DBG_Info,
+                           "QIB in finishAHS() for first time");
+  if (killTimer) {
+    deleteTimer();
+  }
+  writeSharedFlag(m_terminatedThreads, true);
+
+  std::vector<std::string> headendList;
+  const STATUSCODE status = decideResult(statusReturnCode, headendList);
+  m_pResultsThread = new CResultsThread(m_pAHSCB, m_uiReason, headendList, status, extraInfo);
+  m_pResultsThread->Start();
+}
+
+// What the client is told for the status that the run or its timer ended with.
+STATUSCODE CHeadendSelection::decideResult(long statusReturnCode,
+                                           std::vector<std::string>& headendList) {
+  STATUSCODE status = statusReturnCode;
+  if (status == HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
+    return status;  // nothing was measured, and the client has to log in at the proxy first
+  }
+  bool ranked = false;
+  if (status == 0 || status == HEADENDSELECTION_ERROR_TIMEOUT) {
+    // Out of time with some results is as good as done: the ranking's status counts.
+    status = getBestHeadendsList(headendList);
+    ranked = status == 0;
+  }
+  if (!ranked) {
+    headendList.clear();
+    retainLastHeadend(headendList);
+  }
+  if (headendList.empty()) {
+    CAppLog::LogDebugMessage("finishAHS", LogSource, __LINE__, Logging::DBG_Info,
+                             "Finished QIB thread, unable to select a host");
+  } else {
+    CAppLog::LogDebugMessage("finishAHS", LogSource, __LINE__, Logging::DBG_Info,
+                             "Finished QIB thread, selected %s", headendList.front().c_str());
+  }
+  if (status == 0 && !m_foundInCache) {
+    status = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
+  }
+  return status;
+}
+
+void CHeadendSelection::retainLastHeadend(std::vector<std::string>& headendList) {
+  if (!m_lastHeadend.getHost().empty()) {
+    headendList.push_back(m_lastHeadend.getHostAndPort(false));
+  }
+}
+
+void CHeadendSelection::deleteTimer() {
+  delete m_pTimer;
+  m_pTimer = nullptr;
+}
+
+void CHeadendSelection::OnTimerExpired(void* ptrVal, unsigned long /*longVal*/) {
+  CAppLog::LogDebugMessage("OnTimerExpired", LogSource, __LINE__, Logging::DBG_Warning,
+                           "QIB timer expired");
+  if (ptrVal == nullptr) {
+    CAppLog::LogDebugMessage("OnTimerExpired", LogSource, __LINE__, Logging::DBG_Error,
+                             "Invalid parameter sent to QIB OnTimerExpired");
+    return;
+  }
+  static_cast<CHeadendSelection*>(ptrVal)->finishAHS(false, HEADENDSELECTION_ERROR_TIMEOUT, "");
+}
+
+CHeadendSelection::CResultsThread::CResultsThread(ClientIfcBase* pAHSCB, unsigned int uiReason,
+                                                  const std::vector<std::string>& headendList,
+                                                  long statusReturnCode,
+                                                  const std::string& extraInfo)
+    : CThread(0),
+      m_pAHSCB(pAHSCB),
+      m_uiReason(uiReason),
+      m_lStatusReturnCode(statusReturnCode),
+      m_tstrExtraInfo(extraInfo) {
+  const auto count = static_cast<unsigned int>(headendList.size());
+  m_slHeadendList.resize(count);
+  for (unsigned int i = 0; i < count; ++i) {
+    m_slHeadendList[i] = headendList[i].c_str();  // up to the first NUL: a host name has none
+  }
+}
+
+CHeadendSelection::CResultsThread::~CResultsThread() = default;
+
+STATUSCODE CHeadendSelection::CResultsThread::Run() {
+  // The record is constant; being told the outcome is the client's own business.
+  const_cast<ClientIfcBase*>(m_pAHSCB)->AHSSelectedHost(m_uiReason, m_slHeadendList,
+                                                        m_lStatusReturnCode, m_tstrExtraInfo);
+  return 0;
+}

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -11,6 +11,7 @@
 #include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Api/ProxyIfc.h"
+#include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/Thread.h"
 #include "vpn/Common/Utility/TimerList.h"
@@ -19,16 +20,18 @@
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 
+class ProfileMgr;
+
 /// One automatic headend selection.
 ///
 /// A run gathers the headends that the profiles allow, asks the selection cache, on a miss measures
-/// all of them at once within a time limit, ranks them, and calls the client back exactly once. On a
-/// reconnection the headend used last stays first unless another is better by the percentage of the
-/// settings.
+/// all of them at once within a time limit, ranks them, and calls the client back exactly once. On
+/// a reconnection the headend used last stays first unless another is better by the percentage of
+/// the settings.
 ///
-/// Life: construct it, look at the status, hand over a proxy provider if there is one, call `run` on
-/// a thread of its own, and forget it: it deletes itself. A run whose construction status is not 0
-/// is not run but deleted. Construction and `SetProxy` happen on one thread, before `run`.
+/// Life: construct it, look at the status, hand over a proxy provider if there is one, call `run`
+/// on a thread of its own, and forget it: it deletes itself. A run whose construction status is not
+/// 0 is not run but deleted. Construction and `SetProxy` happen on one thread, before `run`.
 ///
 /// Threads of a run: the one that calls `run`; the timer thread of the API execution context, which
 /// ends the run when its time is over; one worker per headend; the results thread, which calls the
@@ -37,7 +40,8 @@ class CHeadendSelection : public ApiRunnable {
  public:
   /// Reads settings and profiles; starts nothing.
   /// @param pAHSCB the client to call back; not owned, must outlive the run.
-  /// @param lastHeadend name of the host entry that was used last, in any letter case; may be empty.
+  /// @param lastHeadend name of the host entry that was used last, in any letter case; may be
+  /// empty.
   /// @param uiReason 0 connection, 1 reconnection, 2 preferences change, 3 proxy authentication,
   ///        4 process launch, 5 disconnect; any other value is passed through. Only 1 changes what
   ///        the run does.
@@ -64,17 +68,33 @@ class CHeadendSelection : public ApiRunnable {
 
   CHeadendSelection(const CHeadendSelection&);
 
+  /// The source that the log lines of all of the class name.
+  static constexpr const char* LogSource = "vpn/Api/AHS/HeadendSelection";
+  /// The reason that turns the retention of the last headend on.
+  static constexpr unsigned int ReconnectionReason = 1;
+  /// How often a thread that waits for one of the locks here tries again before it sleeps.
+  static constexpr unsigned long LockSpinCount = 500;
+
   // The run and its end: HeadendSelection.cpp
   STATUSCODE selectHeadend(std::vector<std::string>& headendList, std::string& extraInfo);
   std::string getReasonText();
   void finishAHS(bool killTimer, long statusReturnCode, const std::string& extraInfo);
+  STATUSCODE decideResult(long statusReturnCode, std::vector<std::string>& headendList)
+      AHS_REQUIRES(m_headendThreadLock);
+  void retainLastHeadend(std::vector<std::string>& headendList);
+  void deleteTimer();
   static void OnTimerExpired(void* ptrVal, unsigned long longVal);
 
   // The measurement: HeadendSelectionProbing.cpp
   STATUSCODE startPingThreads(std::string& extraInfo);
+  STATUSCODE startTimer(CTimerList& timerList, unsigned int totalTime);
+  STATUSCODE sendTestPing(HttpProbe::HTTP_PROBE_RESULTS& results, std::string& extraInfo);
+  STATUSCODE startWorkers(unsigned int timeout);
+  void waitForWorkers();
 
   // Headends and proxy: HeadendSelectionInputs.cpp
   STATUSCODE getHeadendListFromProfile(const std::string& lastHeadend);
+  static std::map<std::string, bool> findProfilesWithAHS(ProfileMgr& profileMgr);
   std::string getKnownHeadends();
   ProxyIfc* getProxy();
   std::string getProxyServer();
@@ -83,6 +103,9 @@ class CHeadendSelection : public ApiRunnable {
   void addHeadendToList(const std::string& headend, unsigned int pingMetric);
   CCacheEntry& getPingResults();
   STATUSCODE getBestHeadendsList(std::vector<std::string>& headendList);
+  bool rankForReconnection(const std::vector<CHeadendRTT>& ranked,
+                           std::vector<std::string>& headendList);
+  void storeInCache();
   bool compareRTT(unsigned int a, unsigned int b);
   void logPingResults(std::vector<CHeadendRTT>& pingedHeadendList, bool selectedBest);
 
@@ -97,11 +120,10 @@ class CHeadendSelection : public ApiRunnable {
   bool m_AHSFinished AHS_GUARDED_BY(m_headendThreadLock);
   bool m_foundInCache;  // written before any other thread of the run exists
 
-  // Written by the cache look-up before any other thread of the run exists, and from then on under
-  // m_headendCacheLock, which is also held while it is ranked.
-  CCacheEntry m_pingResults;
+  // The cache look-up fills it unlocked, before any other thread of the run exists.
+  CCacheEntry m_pingResults AHS_GUARDED_BY(m_headendCacheLock);
 
-  std::vector<URL> m_headendList;            // written by construction only
+  std::vector<URL> m_headendList;             // written by construction only
   std::vector<CSelectionThread*> m_pThreads;  // the run thread's, and the destructor's
   CManualLock m_headendCacheLock;
   CManualLock m_headendThreadLock;
@@ -117,8 +139,8 @@ class CHeadendSelection : public ApiRunnable {
   CResultsThread* m_pResultsThread AHS_GUARDED_BY(m_headendThreadLock);
 };
 
-/// Measures one headend: sends it probe after probe without a pause, reduces the round-trip times to
-/// one metric, and reports that to the run at most once.
+/// Measures one headend: sends it probe after probe without a pause, reduces the round-trip times
+/// to one metric, and reports that to the run at most once.
 class CHeadendSelection::CSelectionThread : public CThread {
  public:
   /// @param parent the run that owns the worker.
@@ -147,6 +169,9 @@ class CHeadendSelection::CSelectionThread : public CThread {
   std::string GetHeadend();
 
  private:
+  bool takeSample(STATUSCODE status, const HttpProbe::HTTP_PROBE_RESULTS& results,
+                  std::vector<unsigned int>& pings, unsigned int& timeoutCnt);
+
   CHeadendSelection& m_parent;
   URL m_headend;  // constant
   bool m_terminateFlag AHS_GUARDED_BY(m_headendPingThreadLock);

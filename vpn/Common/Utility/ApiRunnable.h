@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <new>
 
 /// A task of the API that is run once and may delete itself.
@@ -28,6 +29,9 @@ class ApiRunnable {
   /// hold destroys the object on a thread of its own (on this one only if none can be had).
   void leaveWithoutWaiting() noexcept;
 
+  /// Allocates memory as the global operator does; here because a class that has its own `delete`
+  /// needs its own `new`.
+  static void* operator new(std::size_t size);
   /// Gives up the creator's hold: what a `delete` expression calls in place of the destructor.
   static void operator delete(ApiRunnable* object, std::destroying_delete_t);
   /// Frees the memory of an object whose construction threw.

@@ -73,6 +73,9 @@ class CThread : public IRunnable {
   /// Threads are deleted, not destroyed: logs an error and does nothing.
   void Destroy() override;
 
+  /// Allocates memory as the global operator does; here because a class that has its own `delete`
+  /// needs its own `new`.
+  static void* operator new(std::size_t size);
   /// Gives up the owner's hold: what a `delete` expression calls in place of the destructor.
   static void operator delete(CThread* object, std::destroying_delete_t);
   /// Frees the memory of an object whose construction threw.

@@ -1,0 +1,48 @@
+# The front door: every way to use this checkout is a target here.
+# `make help` lists them.
+
+JOBS ?= $(shell nproc)
+CTEST_JOBS ?= $(shell nproc)
+
+.DEFAULT_GOAL := help
+
+.PHONY: help
+help: ## List the targets
+	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/  make \1\t\2/' | expand -t 22
+
+.PHONY: demo
+demo: deps-build release ## Build, then watch a selection among simulated gateways
+	simulator/demo.sh build/release
+
+.PHONY: test
+test: deps-test release ## Build and run all tests
+	ctest --preset release -j $(CTEST_JOBS)
+
+.PHONY: asan tsan debug clang
+asan tsan debug clang: deps-test ## Build and run all tests: sanitizers, no optimisation, clang
+	cmake --preset $@
+	cmake --build --preset $@ -j $(JOBS)
+	ctest --preset $@ -j $(CTEST_JOBS)
+
+.PHONY: lint
+lint: deps-lint ## Check formatting, clang's warnings and lock annotations, clang-tidy, shell scripts
+	tools/lint.sh $(JOBS)
+
+.PHONY: bench
+bench: deps-bench ## Measure, side by side with named peers
+	cmake --preset release -DAHS_BENCHMARKS=ON
+	cmake --build --preset release -j $(JOBS)
+	bench/run.sh build/release
+
+.PHONY: release
+release: ## Build, optimised, into build/release
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+
+.PHONY: deps-build deps-test deps-lint deps-bench
+deps-build deps-test deps-lint deps-bench:
+	@tools/install-packages.sh $(@:deps-%=%)
+
+.PHONY: clean
+clean: ## Remove everything that was built
+	rm -rf build

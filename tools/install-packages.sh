@@ -1,0 +1,48 @@
+#!/bin/bash
+# Installs the Debian packages that are missing for one purpose: build, test, lint or bench.
+# Touches nothing when all are there. Needs root, else sudo.
+set -euo pipefail
+
+build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-dev libspdlog-dev
+  libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev iproute2 curl openssl)
+test=("${build[@]}" nginx haproxy fping binutils procps)
+lint=("${test[@]}" clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev shellcheck)
+bench=("${test[@]}" libbenchmark-dev httping)
+
+case "${1:-}" in
+  build) wanted=("${build[@]}") ;;
+  test) wanted=("${test[@]}") ;;
+  lint) wanted=("${lint[@]}") ;;
+  bench) wanted=("${bench[@]}") ;;
+  *)
+    echo "usage: $0 build|test|lint|bench" >&2
+    exit 2
+    ;;
+esac
+
+missing=()
+for package in "${wanted[@]}"; do
+  state=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) || state=
+  [ "$state" = installed ] || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "These Debian packages are missing, and installing them needs root: ${missing[*]}" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+echo "Installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+# Servers are installed for the tests, which start their own: none is to be started by its package.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+  "${as_root[@]}" chmod 755 "$policy"
+  trap '"${as_root[@]}" rm -f "$policy"' EXIT
+fi
+"${as_root[@]}" apt-get update -q
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "${missing[@]}"

@@ -6,6 +6,20 @@
 
 PROXY_DATA::PROXY_DATA() : determineProxy(false) {}
 
+PROXY_DATA& PROXY_DATA::operator=(const PROXY_DATA& other) {
+  if (this == &other) {
+    return *this;
+  }
+  // Assignment to a string may give its old buffer back.
+  CStringUtils::wipe(proxyUser);
+  CStringUtils::wipe(proxyPswd);
+  determineProxy = other.determineProxy;
+  proxyServer = other.proxyServer;
+  proxyUser = other.proxyUser;
+  proxyPswd = other.proxyPswd;
+  return *this;
+}
+
 PROXY_DATA::~PROXY_DATA() {
   CStringUtils::wipe(proxyUser);
   CStringUtils::wipe(proxyPswd);

@@ -27,12 +27,12 @@ enum HTTP_SESSION_ERRORS : STATUSCODE {
 };
 
 /// The proxy of an HTTP request and the credentials for it. The user name and the password are
-/// secrets: destruction overwrites their characters before the memory is given back.
+/// secrets: destruction and assignment overwrite their characters before the memory is given back.
 struct PROXY_DATA {
   PROXY_DATA();
   ~PROXY_DATA();
   PROXY_DATA(const PROXY_DATA&) = default;
-  PROXY_DATA& operator=(const PROXY_DATA&) = default;
+  PROXY_DATA& operator=(const PROXY_DATA& other);
 
   /// True: the probe finds the proxy itself from the system's settings. False: `proxyServer` holds,
   /// and an empty `proxyServer` means a direct connection.

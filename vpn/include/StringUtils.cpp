@@ -35,9 +35,9 @@ std::string CStringUtils::printable(const std::string& text, std::size_t maxLeng
 }
 
 void CStringUtils::wipe(std::string& secret) {
-  if (secret.empty()) {
-    return;
-  }
+  // The whole buffer: a shorter text that was assigned later leaves the rest of a longer one
+  // behind.
+  secret.resize(secret.capacity());
   // A plain loop of assignments to a string that is about to die is dead code to the optimiser;
   // explicit_bzero(3) is defined to be kept.
   explicit_bzero(secret.data(), secret.size());

@@ -16,7 +16,7 @@ class CStringUtils {
   /// backslash become \xNN, and what exceeds `maxLength` characters is cut and marked "...".
   static std::string printable(const std::string& text, std::size_t maxLength = 200);
 
-  /// Wipes a secret: sets every character to 0 in place, in a way that the optimiser keeps, then
-  /// empties the string. An empty string is left alone.
+  /// Wipes a secret: sets every character of the string's buffer to 0 in place, also those beyond
+  /// its end, in a way that the optimiser keeps, then empties the string. Throws nothing.
   static void wipe(std::string& secret);
 };

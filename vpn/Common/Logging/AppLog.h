@@ -26,16 +26,19 @@ enum CUST_LOG_LEVEL { CUST_LOG_LEVEL_3 = 3 };
 /// The client's log.
 ///
 /// Every line carries its time, severity, thread, function and source position. All operations may
-/// be called from any thread at any time, also before a target exists (the line is then dropped). A
-/// message is written in one piece, however many lines it has and whatever other threads write. A
-/// call below the severity filter costs one atomic read. Control characters in a message, except
-/// line feeds and tabs, are written escaped, so that nothing that came from a network can forge or
-/// colour a line; a message is cut at `MaxMessageLength` characters.
+/// be called from any thread at any time, also before a target exists (the line is then dropped);
+/// a log call throws nothing and leaves errno alone. A message is written in one piece, however
+/// many lines it has and whatever other threads write; its second line and those after it are
+/// indented. A call below the severity filter costs one atomic read. Control characters in a
+/// message, except line feeds and tabs, and what is not well-formed UTF-8 are written escaped
+/// (\x1b), so that nothing that came from a network can forge or colour a line; a message is cut at
+/// `MaxMessageLength` bytes and marked " [cut]". Warnings and errors are written out at once.
 class CAppLog {
  public:
   static constexpr std::size_t MaxMessageLength = 256 * 1024;
 
-  /// One message as a listener sees it; the pointers hold during the call only.
+  /// One message as a listener sees it: escaped and cut, but not indented. The pointers hold during
+  /// the call only.
   struct Record {
     const char* function;
     const char* file;
@@ -53,7 +56,10 @@ class CAppLog {
     bool off = false;
     bool terminal = false;  ///< standard error
     bool syslog = false;    ///< syslog(3), identity "ahs"
-    std::string file;       ///< path of a file that is rotated; empty for none
+    /// Path of a regular file that is rotated ("a.log", "a.1.log", ...), empty for none. A new file
+    /// can be read by its owner alone. Messages that cannot be written are counted, and the count
+    /// is written once the file can be used again.
+    std::string file;
     std::size_t fileSize = 4 * 1024 * 1024;  ///< bytes of one file before it is rotated
     std::size_t fileCount = 3;               ///< rotated files kept beside the current one
   };
@@ -66,14 +72,16 @@ class CAppLog {
                               Logging::DebugImportance severity, const char* format, ...)
       __attribute__((format(printf, 5, 6)));
 
-  /// Reports that the operation `failedCall` failed with `code`.
+  /// Reports that the operation `failedCall` failed with `code`, as in
+  /// "Return code from connect: 0xFE46000C (Connection refused): extra".
   /// @param systemError an errno value that explains the failure, 0 for none.
   /// @param extraText one more word on what was asked for, null for none.
   static void LogReturnCode(const char* function, const char* file, unsigned int line,
                             Logging::DebugImportance severity, const char* failedCall,
                             STATUSCODE code, int systemError, const char* extraText);
 
-  /// Writes a printf-style message of one component at a detail level.
+  /// Writes a printf-style message of one component at a detail level. Component and level choose
+  /// among channels where a client has several; there is one, which takes all of them.
   static void LogVerboseMessage(const char* function, const char* file, unsigned int line,
                                 Logging::DebugImportance severity, CLC_COMPONENT component,
                                 CUST_LOG_LEVEL level, const char* format, ...)
@@ -91,7 +99,8 @@ class CAppLog {
   static void Flush();
 
   /// Sets the one listener that hears every message, whatever the severity filter; an empty
-  /// function takes it away. It is called on the logging thread and must not log. When this returns
-  /// the former listener is not running and will not run again.
+  /// function takes it away. It is called on the logging thread, by one thread at a time, and must
+  /// neither log nor call this; what it throws is dropped. When this returns the former listener is
+  /// not running and will not run again.
   static void SetListener(Listener listener);
 };

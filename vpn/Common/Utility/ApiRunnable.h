@@ -13,7 +13,8 @@
 /// holds it and `delete` does both on the spot, on the deleting thread.
 ///
 /// `enter` may be called only by who already knows the object to be held; `leave` once per `enter`.
-/// Both may be called from any thread.
+/// All of it may be called from any thread. Objects that are held or deleted are created with
+/// `new`; a class derived from this must not ask for more than the ordinary alignment.
 class ApiRunnable {
  public:
   ApiRunnable();
@@ -21,6 +22,11 @@ class ApiRunnable {
   virtual void run() = 0;
 
   void enter() noexcept;
+
+  /// As `enter`, for who only knows that the memory is still there: takes no hold on an object
+  /// whose last holder has left and which is therefore being destroyed.
+  /// @return whether the object is held now.
+  bool enterIfHeld() noexcept;
 
   /// Gives up a hold. The last one destroys the object on this thread.
   void leave() noexcept;
@@ -42,6 +48,7 @@ class ApiRunnable {
   ApiRunnable& operator=(const ApiRunnable&) = delete;
 
  private:
+  static void* destroyerEntry(void* object);
   static void destroy(ApiRunnable* object) noexcept;
 
   std::atomic<unsigned int> m_holders;

@@ -1,1 +1,186 @@
+// Threads that may outlive their owner. An object is held by its owner and, from Start until the
+// thread's very last step, by its thread; the last of the two destroys it. A thread ends in this
+// order: Run has returned, the kept task is given up, waiters are woken, the object is given up.
 
+#include "vpn/Common/Utility/Thread.h"
+
+#include <cxxabi.h>
+#include <pthread.h>
+
+#include <chrono>
+#include <exception>
+
+#include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/ApiRunnable.h"
+#include "vpn/Common/Utility/DetachedThread.h"
+
+namespace {
+
+constexpr char SourceFile[] = "vpn/Common/Utility/Thread";
+
+// No errno value.
+constexpr int StartedBefore = -1;
+
+// Never destroyed, so that a thread may end while the process exits.
+constinit std::atomic<unsigned int> runningThreads{0};
+
+void logException(const char* what) {
+  CAppLog::LogDebugMessage("Run", SourceFile, __LINE__, Logging::DBG_Error,
+                           "thread ended by an exception: %s", what);
+}
+
+}  // namespace
+
+IRunnable::~IRunnable() = default;
+
+/// Ends the thread however its body was left; pthread_exit(3) and cancellation unwind the stack
+/// too.
+class CThread::Ending {
+ public:
+  explicit Ending(CThread* thread) : exitCode(AbnormalExitCode), m_thread(thread) {}
+  ~Ending() {
+    if (m_thread->m_pKeptAlive != nullptr) {
+      m_thread->m_pKeptAlive->leave();
+    }
+    m_thread->setEnded(exitCode);
+    leave(m_thread);
+    runningThreads.fetch_sub(1, std::memory_order_release);
+  }
+  Ending(const Ending&) = delete;
+  Ending& operator=(const Ending&) = delete;
+
+  unsigned int exitCode;
+
+ private:
+  CThread* const m_thread;
+};
+
+CThread::CThread(std::size_t stackSize)
+    : m_stackSize(stackSize != 0 ? stackSize : DefaultStackSize),
+      m_pKeptAlive(nullptr),
+      m_holders(1),
+      m_state(State::NotStarted),
+      m_exitCode(0) {}
+
+CThread::~CThread() = default;
+
+STATUSCODE CThread::Start() {
+  const int error = startOnce();
+  if (error == 0) {
+    return THREAD_SUCCESS;
+  }
+  if (error == StartedBefore) {
+    return THREAD_ERROR_INVALID_STATE;
+  }
+  CAppLog::LogReturnCode("Start", SourceFile, __LINE__, Logging::DBG_Error, "pthread_create",
+                         THREAD_ERROR_CREATE_FAILED, error, nullptr);
+  return THREAD_ERROR_CREATE_FAILED;
+}
+
+/// @return 0, StartedBefore, or the errno value of why there is no thread.
+int CThread::startOnce() {
+  // Held until the outcome is known, so that nobody waits for a thread that does not come about.
+  const std::lock_guard<std::mutex> lock(m_stateLock);
+  if (m_state != State::NotStarted) {
+    return StartedBefore;
+  }
+  // The new thread's holds are taken here: it may end before this one goes on.
+  m_holders.fetch_add(1, std::memory_order_relaxed);
+  runningThreads.fetch_add(1, std::memory_order_relaxed);
+  if (m_pKeptAlive != nullptr) {
+    m_pKeptAlive->enter();
+  }
+
+  const int error = startDetachedThread(threadEntry, this, m_stackSize);
+  if (error == 0) {
+    m_state = State::Running;
+    return 0;
+  }
+
+  // No hold is the last one here: the owner, who starts the thread, holds both.
+  if (m_pKeptAlive != nullptr) {
+    m_pKeptAlive->leave();
+  }
+  runningThreads.fetch_sub(1, std::memory_order_relaxed);
+  m_holders.fetch_sub(1, std::memory_order_relaxed);
+  return error;
+}
+
+void* CThread::threadEntry(void* object) {
+  pthread_setname_np(pthread_self(), "ahs");
+  auto* const thread = static_cast<CThread*>(object);
+  Ending ending(thread);
+  ending.exitCode = thread->runGuarded();
+  return nullptr;
+}
+
+unsigned int CThread::runGuarded() {
+  try {
+    return static_cast<unsigned int>(Run());
+  } catch (abi::__forced_unwind&) {
+    throw;  // not an exception but the end of the thread: swallowing it aborts the process
+  } catch (const std::exception& exception) {
+    logException(exception.what());
+  } catch (...) {
+    logException("of unknown type");
+  }
+  return AbnormalExitCode;
+}
+
+void CThread::setEnded(unsigned int exitCode) {
+  const std::lock_guard<std::mutex> lock(m_stateLock);
+  m_exitCode = exitCode;
+  m_state = State::Ended;
+  m_ended.notify_all();
+}
+
+STATUSCODE CThread::WaitForCompletion(unsigned int& exitCode, unsigned int timeoutMs) {
+  std::unique_lock<std::mutex> lock(m_stateLock);
+  if (m_state == State::NotStarted) {
+    return THREAD_ERROR_INVALID_STATE;
+  }
+  const auto hasEnded = [this] { return m_state == State::Ended; };
+  if (timeoutMs == Infinite) {
+    m_ended.wait(lock, hasEnded);
+  } else {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    if (!m_ended.wait_until(lock, limit, hasEnded)) {
+      return THREAD_ERROR_TIMEOUT;
+    }
+  }
+  exitCode = m_exitCode;
+  return THREAD_SUCCESS;
+}
+
+IRunnable* CThread::Clone() { return nullptr; }
+
+void CThread::Destroy() {
+  CAppLog::LogDebugMessage("Destroy", SourceFile, __LINE__, Logging::DBG_Error,
+                           "IRunnable::Destroy not Implemented");
+}
+
+void CThread::KeepAlive(ApiRunnable& task) { m_pKeptAlive = &task; }
+
+unsigned int CThread::RunningCount() noexcept {
+  return runningThreads.load(std::memory_order_acquire);
+}
+
+void CThread::leave(CThread* object) noexcept {
+  // Release: what this holder did happens before the destruction. Acquire: so did what the other
+  // did.
+  if (object->m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    void* const whole = dynamic_cast<void*>(object);
+    object->~CThread();
+    ::operator delete(whole);
+  }
+}
+
+void* CThread::operator new(std::size_t size) { return ::operator new(size); }
+
+void CThread::operator delete(CThread* object, std::destroying_delete_t) {
+  if (object != nullptr) {
+    leave(object);
+  }
+}
+
+void CThread::operator delete(void* memory) noexcept { ::operator delete(memory); }

@@ -37,14 +37,18 @@ class IRunnable {
 
 /// One thread: derive, write `Run`, call `Start`.
 ///
+/// Objects are created with `new` and given up with `delete`, by one owner, who also calls `Start`.
 /// Deleting an object whose thread still runs is allowed: `delete` returns at once and the object
-/// is destroyed when its thread has left it. All signals are blocked in the thread, so that the
-/// host's handlers run on the host's threads. An exception that leaves `Run` is logged and ends the
-/// thread with the exit code 0xFFFFFFFF.
+/// is destroyed when its thread has left it, on that thread. Signals are blocked in the thread, so
+/// that the host's handlers run on the host's threads (faults of the thread itself excepted). An
+/// exception that leaves `Run` is logged and ends the thread with the exit code 0xFFFFFFFF. A class
+/// derived from this must not ask for more than the ordinary alignment.
 class CThread : public IRunnable {
  public:
   /// No time-out, for `WaitForCompletion`.
   static constexpr unsigned int Infinite = 0xFFFFFFFF;
+  /// Exit code of a thread that did not end by returning from `Run`.
+  static constexpr unsigned int AbnormalExitCode = 0xFFFFFFFF;
   /// Stack of a thread that asks for none, in bytes. Address space only: what is touched is a few
   /// pages, so a thousand threads fit in a laptop's memory and in its overcommit limit.
   static constexpr std::size_t DefaultStackSize = std::size_t{256} * 1024;
@@ -54,14 +58,15 @@ class CThread : public IRunnable {
   explicit CThread(std::size_t stackSize = 0);
   ~CThread() override;
 
-  /// Starts the thread, which runs `Run()` once.
+  /// Starts the thread, which runs `Run()` once. Throws nothing.
   /// @return 0; THREAD_ERROR_INVALID_STATE when it was started before; THREAD_ERROR_CREATE_FAILED
-  ///         when the system gives no thread, after which the object can still be waited for (as a
-  ///         thread that was never started), started again or deleted.
+  ///         when the system gives no thread (the reason is logged), after which the object can
+  ///         still be waited for (as a thread that was never started), started again or deleted.
   STATUSCODE Start();
 
   /// Waits until the thread has ended. Any thread but itself may call it, also more than once.
-  /// @param exitCode receives the low 32 bits of `Run()`'s result when the thread has ended; is left
+  /// @param exitCode receives the low 32 bits of `Run()`'s result when the thread has ended; is
+  /// left
   ///        alone otherwise.
   /// @param timeoutMs longest wait in milliseconds, `Infinite` for no limit.
   /// @return 0; THREAD_ERROR_TIMEOUT; THREAD_ERROR_INVALID_STATE for a thread that does not run and
@@ -81,19 +86,24 @@ class CThread : public IRunnable {
   /// Frees the memory of an object whose construction threw.
   static void operator delete(void* memory) noexcept;
 
-  /// Threads of this class that exist in the process now, for tests and diagnosis.
+  /// Threads of this class that exist in the process now, for tests and diagnosis. A thread counts
+  /// until it has touched its object for the last time.
   static unsigned int RunningCount() noexcept;
 
  protected:
   /// Keeps `task` alive from `Start` until `Run` has returned, so that the thread may use it even
-  /// when its owner has deleted it. To be called before `Start`, at most once.
+  /// when its owner has deleted it. The hold is given up before the thread counts as ended: who has
+  /// waited for the thread finds it gone. To be called before `Start`, at most once.
   void KeepAlive(ApiRunnable& task);
 
  private:
   enum class State { NotStarted, Running, Ended };
+  class Ending;
 
+  int startOnce();
   static void* threadEntry(void* object);
-  void execute();
+  unsigned int runGuarded();
+  void setEnded(unsigned int exitCode);
   static void leave(CThread* object) noexcept;
 
   const std::size_t m_stackSize;

@@ -10,6 +10,7 @@ class ApiRunnable;
 enum TIMER_ERRORS : STATUSCODE {
   TIMER_SUCCESS = 0,
   TIMER_ERROR_BAD_PARAMETER = 0xFE360002,
+  TIMER_ERROR_MEMALLOC_FAILED = 0xFE360004,
   /// The list is no longer serviced: its execution context is being taken down.
   TIMER_ERROR_LIST_CLOSED = 0xFE36000A,
 };
@@ -28,10 +29,12 @@ class CTimerList {
   CTimerList(const CTimerList&) = delete;
   CTimerList& operator=(const CTimerList&) = delete;
 
-  /// Calls back each timer as it expires, never early, one at a time, and returns after `Close`.
+  /// Calls back each timer as it expires, never early, one at a time, and returns after `Close`. An
+  /// exception that leaves a callback is logged and changes nothing for the other timers.
   void Service();
 
-  /// Ends `Service` (a callback under way is not waited for) and refuses further timers.
+  /// Ends `Service` (a callback under way is not waited for) and refuses further timers; those that
+  /// are armed do not fire any more.
   void Close();
 
  private:
@@ -47,7 +50,8 @@ class CTimerList {
 /// deleted from its own callback and by a thread that holds a lock the callback wants.
 class CTimer {
  public:
-  /// @param status receives 0, or TIMER_ERROR_BAD_PARAMETER for a null list or callback.
+  /// @param status receives 0; TIMER_ERROR_BAD_PARAMETER for a null list or callback;
+  ///        TIMER_ERROR_MEMALLOC_FAILED.
   /// @param callback called once, on the list's thread, with `ptrVal` and `longVal`.
   CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, void* ptrVal,
          unsigned long longVal);
@@ -55,16 +59,21 @@ class CTimer {
   CTimer(const CTimer&) = delete;
   CTimer& operator=(const CTimer&) = delete;
 
-  /// Arms the timer to expire after `milliseconds`; a timer that is armed already is armed anew.
-  /// @return 0; TIMER_ERROR_BAD_PARAMETER when construction failed; TIMER_ERROR_LIST_CLOSED.
+  /// Arms the timer to expire after `milliseconds`, 0 for at once; a timer that is armed already is
+  /// armed anew. A time of more than a hundred years counts as a hundred years.
+  /// @return 0; TIMER_ERROR_BAD_PARAMETER when construction failed; TIMER_ERROR_LIST_CLOSED;
+  ///         TIMER_ERROR_MEMALLOC_FAILED, the timer then being armed as before.
   STATUSCODE StartTimer(unsigned long milliseconds);
 
-  /// Keeps `task` alive while the callback runs, so that the callback may use it even when its owner
-  /// deletes it meanwhile. The task must delete this timer before it is gone. To be called before
+  /// Keeps `task` alive while the callback runs, so that the callback may use it even when its
+  /// owner deletes it meanwhile. Should the callback's be the last hold, the task is destroyed on a
+  /// thread of its own and does not hold up other timers. A task that is being destroyed is not
+  /// called back any more; its destructor deletes this timer at the latest. To be called before
   /// `StartTimer`.
   void KeepAlive(ApiRunnable& task);
 
  private:
+  friend class CTimerList;
   struct Entry;
   std::shared_ptr<CTimerList::Shared> m_pShared;
   std::shared_ptr<Entry> m_pEntry;

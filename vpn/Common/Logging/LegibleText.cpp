@@ -1,0 +1,99 @@
+// What a log shows of text that may come from anywhere. Plain printable text passes untouched; of
+// the rest only well-formed, harmless UTF-8 does.
+
+#include "vpn/Common/Logging/LegibleText.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr char CutMark[] = " [cut]";
+constexpr char Indentation[] = "  ";
+
+bool isPlain(char c) { return (c >= 0x20 && c < 0x7f) || c == '\n' || c == '\t'; }
+
+unsigned int byteAt(const std::string& text, std::size_t position) {
+  return position < text.size() ? static_cast<unsigned char>(text[position]) : 0U;
+}
+
+/// Length of the sequence that a lead byte announces; 0 for a byte that leads none.
+std::size_t announcedLength(unsigned int lead) {
+  if (lead >= 0xc2 && lead < 0xe0) {
+    return 2;
+  }
+  if (lead >= 0xe0 && lead < 0xf0) {
+    return 3;
+  }
+  return lead >= 0xf0 && lead < 0xf5 ? 4 : 0;
+}
+
+bool isHarmless(unsigned int codePoint, std::size_t length) {
+  constexpr unsigned int smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  const bool wellFormed = codePoint >= smallest[length] && codePoint <= 0x10ffff &&
+                          !(codePoint >= 0xd800 && codePoint < 0xe000);
+  const bool isControl = codePoint < 0xa0;  // 0x80 to 0x9f: some terminals obey them
+  const bool turnsOrSeparates = codePoint == 0x200e || codePoint == 0x200f ||
+                                (codePoint >= 0x2028 && codePoint <= 0x202e) ||
+                                (codePoint >= 0x2066 && codePoint <= 0x2069);
+  return wellFormed && !isControl && !turnsOrSeparates;
+}
+
+/// Length of the harmless character at `position`; 0 if what stands there has to be escaped.
+std::size_t characterLength(const std::string& text, std::size_t position) {
+  if (isPlain(text[position])) {
+    return 1;
+  }
+  const unsigned int lead = byteAt(text, position);
+  const std::size_t length = announcedLength(lead);
+  if (length == 0) {
+    return 0;
+  }
+  unsigned int codePoint = lead & (0x7fU >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    const unsigned int next = byteAt(text, position + i);
+    if ((next & 0xc0U) != 0x80) {
+      return 0;
+    }
+    codePoint = codePoint << 6U | (next & 0x3fU);
+  }
+  return isHarmless(codePoint, length) ? length : 0;
+}
+
+std::string escaped(unsigned int byte) {
+  static const char digits[] = "0123456789abcdef";
+  return {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
+}
+
+}  // namespace
+
+std::string legible(std::string text, std::size_t maxLength) {
+  if (text.size() <= maxLength && std::all_of(text.begin(), text.end(), isPlain)) {
+    return text;
+  }
+  std::string result;
+  result.reserve(std::min(text.size(), maxLength) + sizeof CutMark);
+  for (std::size_t position = 0; position < text.size();) {
+    const std::size_t length = characterLength(text, position);
+    const std::string piece =
+        length != 0 ? text.substr(position, length) : escaped(byteAt(text, position));
+    if (result.size() + piece.size() > maxLength) {
+      return result + CutMark;
+    }
+    result += piece;
+    position += std::max(length, std::size_t{1});
+  }
+  return result;
+}
+
+std::string indentContinuation(const std::string& message) {
+  const std::size_t end = message.find_last_not_of('\n');
+  std::string indented;
+  indented.reserve(message.size());
+  for (std::size_t position = 0; end != std::string::npos && position <= end; ++position) {
+    indented += message[position];
+    if (message[position] == '\n' && message[position + 1] != '\n') {
+      indented += Indentation;
+    }
+  }
+  return indented;
+}

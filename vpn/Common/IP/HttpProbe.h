@@ -13,13 +13,16 @@
 class HttpProbe {
  public:
   struct HTTP_PROBE_RESULTS {
-    /// Round-trip time in milliseconds, rounded to the nearest; 0 when nothing answered.
+    /// Round-trip time in milliseconds, rounded to the nearest; 0 when nothing answered. Where the
+    /// outcome counts as an answer it is always measured.
     unsigned int uiRtt = 0;
-    /// Status code of the answer; 0 when there was none. A proxy's refusal counts (407).
+    /// Status code of the answer; 0 when there was none. A proxy's refusal counts (407), its
+    /// consent to open a tunnel does not.
     unsigned int uiHttpStatusCode = 0;
     /// The transport's own error number: libcurl's CURLcode (libcurl-errors(3)), 0 for none.
     unsigned int uiLastError = 0;
-    /// The header lines of the last answer as received, at most 64 KiB.
+    /// The header lines of the last answer as received, its status line first; whole lines, at
+    /// most 64 KiB.
     std::string tstrResponseHeaders;
     /// The value of the answer's Location header; it is never followed.
     std::string tstrLocation;
@@ -38,9 +41,15 @@ class HttpProbe {
   enum class RoundTripMeasure {
     /// The smallest round trip that the kernel saw on the probe's connection (tcp(7), TCP_INFO,
     /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it.
-    /// Through a proxy the connection ends at the proxy, so there it is `Response`.
+    /// Through a proxy the connection ends at the proxy, so there it is `Response`. Where the
+    /// kernel
+    /// cannot say, it is the time that the connection took to open.
     Network,
-    /// From the request to the first byte of the answer: a slow gateway counts as far away.
+    /// From the request to the first byte of the answer: a slow gateway counts as far away. Where
+    /// no byte came, it ends with the probe (the connection was closed); where no request could be
+    /// sent, it starts with the TLS handshake that failed, or with the attempt to connect to the
+    /// proxy that refused a tunnel. Where a proxy has the request repeated to authenticate it, it
+    /// is the sum over all of them.
     Response,
   };
 
@@ -50,20 +59,21 @@ class HttpProbe {
     std::string host;
     unsigned short port = 0;
     bool secure = false;
-    unsigned int options = 0;   ///< as given to `SendHttpProbe`
+    unsigned int options = 0;  ///< as given to `SendHttpProbe`
     STATUSCODE status = 0;
-    unsigned int rttMs = 0;     ///< what `uiRtt` is for this probe
+    unsigned int rttMs = 0;  ///< what `uiRtt` is for this probe
     unsigned int httpStatus = 0;
     unsigned int transportError = 0;
-    long long connectUs = -1;       ///< the connection stood
-    long long tlsUs = -1;           ///< the TLS handshake was done
-    long long totalUs = 0;          ///< the probe was over
-    long long networkRttUs = -1;    ///< smallest round trip that the kernel saw
-    long long responseRttUs = -1;   ///< from the request to the first byte of the answer
-    std::string address;            ///< the address that was connected to, if any
+    long long connectUs = -1;      ///< the connection stood
+    long long tlsUs = -1;          ///< the TLS handshake was done
+    long long totalUs = 0;         ///< the probe was over
+    long long networkRttUs = -1;   ///< smallest round trip that the kernel saw on the connection
+    long long responseRttUs = -1;  ///< from the request to the first byte of the answer
+    std::string address;           ///< the address that was connected to (a proxy's, too), if any
   };
 
-  /// Is told of every probe of the process, on the probe's own thread, which it holds up.
+  /// Is told of every probe of the process, on the probe's own thread, which it holds up. What it
+  /// throws is dropped.
   class Watcher {
    public:
     virtual ~Watcher();
@@ -74,22 +84,43 @@ class HttpProbe {
 
   HttpProbe() = delete;
 
-  /// Sends one request to a host and waits for the head of its answer.
+  /// Sends one request (HEAD for "/") to a host and waits for the head of its answer.
   ///
-  /// @param host a name, an IPv4 address, or an IPv6 address with or without brackets.
+  /// @param host a name, an IPv4 address, or an IPv6 address with or without brackets; see `URL`.
   /// @param secure HTTPS instead of HTTP.
   /// @param reserved always false.
   /// @param port 1 to 65535.
-  /// @param userAgent value of the User-Agent header; empty for none.
+  /// @param userAgent value of the User-Agent header, control characters left out; empty for none.
   /// @param timeoutSeconds limit of the whole probe, name resolution included; 0 counts as 1.
+  /// @param proxyData the proxy to go through. With `determineProxy` it is the one that the
+  ///        environment names (http_proxy, https_proxy, all_proxy, no_proxy), else `proxyServer`,
+  ///        whose port is 80 if it names none. The environment is heeded in no other case. The
+  ///        credentials go to the proxy alone, by Basic, NTLM or Negotiate as it asks.
   /// @param options bit-or of HTTP_PROBE_OPTIONS.
-  /// @return 0 when the server answered with HTTP, whatever its status code. Otherwise a code of
-  ///         HTTP_SESSION_ERRORS; `uiRtt` is measured also for those that are an answer:
-  ///         UNTRUSTED_CERTIFICATE, CLIENT_AUTH_CERT_NEEDED, INVALID_SERVER_RESPONSE.
+  /// @return HTTP_SESSION_SUCCESS when the server (or a proxy on its behalf) answered with HTTP,
+  ///         whatever the status code. Otherwise HTTP_SESSION_ERROR_ and one of
+  ///
+  ///     UNTRUSTED_CERTIFICATE    certificate not trusted, expired, or for another host
+  ///     CLIENT_AUTH_CERT_NEEDED  client certificate demanded; the connection ended without one
+  ///     INVALID_SERVER_RESPONSE  connection closed or reset, TLS alert, something that is no HTTP,
+  ///                              head too long, tunnel refused by the proxy
+  ///     CANNOT_CONNECT           connection refused, network unreachable, port 0, memory or
+  ///                              sockets run out
+  ///     CONNECT                  the same for the proxy, or its name or address is unusable
+  ///     DNS_RESOLUTION           name unknown, name server failed, or the host is no host
+  ///     TIMEOUT                  time-out, in whatever state
+  ///
+  /// The first three are answers: `uiRtt` is measured for them as for success. No other status is
+  /// returned: callers count one that they do not know as a sample of 0 ms, and what could not even
+  /// be tried must not look like the nearest server.
   ///
   /// The body of an answer is neither asked for nor read, redirects are an answer and not followed,
   /// and nothing is ever sent to a server whose certificate is not trusted. At most 64 KiB of an
-  /// answer's head are kept.
+  /// answer's head are kept, and one that goes on beyond 256 KiB, 1,000 lines or 10 answers (the
+  /// interim ones) is cut off. Throws nothing. SIGPIPE is not raised, whatever the peer does.
+  ///
+  /// A name server that stays silent does not hold up the time-out; the thread that asks it ends by
+  /// itself, later.
   static STATUSCODE SendHttpProbe(const std::string& host, bool secure, bool reserved,
                                   unsigned short port, const std::string& userAgent,
                                   unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
@@ -98,10 +129,11 @@ class HttpProbe {
   /// Chooses the measure for probes that start from now on; `Network` until it is called.
   static void SetRoundTripMeasure(RoundTripMeasure measure);
 
-  /// Sets the one watcher, null for none. A watcher that is being called is kept alive until it
-  /// returns.
+  /// Sets the one watcher for probes that start from now on, null for none. A probe tells the end
+  /// to the watcher that it told the start, and keeps it alive until then.
   static void SetWatcher(std::shared_ptr<Watcher> watcher);
 
-  /// Adds certificates (a PEM file) to those trusted; an empty path for the system's alone.
+  /// Adds certificates (a PEM file) to those trusted, for probes that start from now on; an empty
+  /// path for the system's alone. The file is read at once; one that cannot be read adds nothing.
   static void SetTrustFile(const std::string& path);
 };

@@ -1,1 +1,328 @@
+// Addresses of servers. A text is taken apart from left to right by the grammar in the header, and
+// either every part is well formed or none is kept: whoever holds a URL with a host may put that
+// host into a request, a log line or a cache key as it stands.
 
+#include "vpn/Common/Utility/URL.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+// Longest address taken. Long enough for every name with a generous path, short enough that a
+// damaged profile cannot fill a log or a cache key.
+constexpr std::size_t kMaxTextLength = 2048;
+// RFC 1035: 255 bytes on the wire, which is 253 characters of text.
+constexpr std::size_t kMaxNameLength = 253;
+// IFNAMSIZ of Linux is 16 with the closing zero.
+constexpr std::size_t kMaxZoneLength = 15;
+constexpr unsigned long kMaxPort = 65535;
+
+constexpr std::string_view kAroundText = " \t\r\n";
+constexpr std::string_view kLocationStart = "/?#";
+
+struct PARTS {
+  URLPROTOCOL protocol = URLPROTOCOL_NONE;
+  std::string host;
+  std::string port;
+  std::string location;
+};
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+
+bool isNameCharacter(char c) {
+  return isDigit(c) || isLetter(c) || c == '-' || c == '_' || c == '.' ||
+         static_cast<unsigned char>(c) > 127;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(kAroundText);
+  if (first == std::string_view::npos) {
+    return {};
+  }
+  return text.substr(first, text.find_last_not_of(kAroundText) - first + 1);
+}
+
+/// The length of the UTF-8 sequence of a character above 127 at the start of `text`; 0 if it is not
+/// well formed (overlong forms and surrogates included) or is a control character.
+std::size_t wideCharacterLength(std::string_view text) {
+  const auto lead = static_cast<unsigned char>(text[0]);
+  const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (lead < 0xC2 || lead > 0xF4 || text.size() < length) {
+    return 0;
+  }
+  unsigned int point = lead & (0xFFU >> (length + 1));
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if ((byte & 0xC0U) != 0x80U) {
+      return 0;
+    }
+    point = (point << 6U) | (byte & 0x3FU);
+  }
+  const unsigned int smallest = length == 4 ? 0x10000U : length == 3 ? 0x800U : 0xA0U;
+  const bool surrogate = point >= 0xD800U && point <= 0xDFFFU;
+  return point < smallest || point > 0x10FFFFU || surrogate ? 0 : length;
+}
+
+/// What no part of an address may contain.
+std::string findBadCharacter(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte == ' ' || byte == '\t') {
+      return "It has a blank in it; write one address without blanks.";
+    }
+    if (byte < ' ' || byte == 127) {
+      return "It has a control character in it; take it out.";
+    }
+    const std::size_t length = byte < 127 ? 1 : wideCharacterLength(text.substr(i));
+    if (length == 0) {
+      return "It has a character in it that is not printable UTF-8; write the address in UTF-8.";
+    }
+    i += length;
+  }
+  return {};
+}
+
+std::string takeScheme(std::string_view& rest, URLPROTOCOL& protocol) {
+  const std::size_t end = rest.find("://");
+  if (end == std::string_view::npos || end > rest.find_first_of(kLocationStart)) {
+    protocol = URLPROTOCOL_NONE;
+    return {};
+  }
+  const std::string scheme = CStringUtils::toLower(std::string(rest.substr(0, end)));
+  if (scheme == "http") {
+    protocol = URLPROTOCOL_HTTP;
+  } else if (scheme == "https") {
+    protocol = URLPROTOCOL_HTTPS;
+  } else if (scheme == "ldap") {
+    protocol = URLPROTOCOL_LDAP;
+  } else {
+    return "The part before \"://\" is no known scheme; write http, https or ldap, or leave it "
+           "out.";
+  }
+  rest.remove_prefix(end + 3);
+  return {};
+}
+
+std::string takeIPv6(std::string_view& rest, std::string& host) {
+  static const std::string kError =
+      "The text in brackets is no IPv6 address; write it like [2001:db8::1].";
+  const std::size_t end = rest.find(']');
+  if (end == std::string_view::npos) {
+    return "The bracket is not closed; write an IPv6 address like [2001:db8::1].";
+  }
+  const std::string_view inside = rest.substr(1, end - 1);
+  const std::size_t zoneAt = inside.find('%');
+  const std::string address(inside.substr(0, zoneAt));
+  in6_addr binary{};
+  if (inet_pton(AF_INET6, address.c_str(), &binary) != 1) {
+    return kError;
+  }
+  host = address;
+  if (zoneAt != std::string_view::npos) {
+    std::string_view zone = inside.substr(zoneAt);
+    if (!zone.starts_with("%25")) {
+      return "The zone of the IPv6 address does not follow \"%25\"; write it like "
+             "[fe80::1%25eth0].";
+    }
+    zone.remove_prefix(3);
+    const bool known = std::all_of(zone.begin(), zone.end(), [](char c) {
+      return isNameCharacter(c) && static_cast<unsigned char>(c) < 128;
+    });
+    if (!known || zone.empty() || zone.size() > kMaxZoneLength) {
+      return "The zone of the IPv6 address is no interface name; write it like [fe80::1%25eth0].";
+    }
+    host.append("%").append(zone);
+  }
+  rest.remove_prefix(end + 1);
+  return {};
+}
+
+/// Whether a program that takes old spellings of IPv4 addresses reads `label`, the last of a name,
+/// as a number.
+bool isNumber(std::string_view label) {
+  if (label.starts_with("0x") || label.starts_with("0X")) {
+    return std::all_of(label.begin() + 2, label.end(), isHexDigit);
+  }
+  return std::all_of(label.begin(), label.end(), isDigit);
+}
+
+std::string checkName(const std::string& name) {
+  if (name.empty()) {
+    return "It has no host; write a name or an address before the port or the path.";
+  }
+  if (!std::all_of(name.begin(), name.end(), isNameCharacter)) {
+    return "The host has a character in it that no name has; use letters, digits, \"-\", \"_\" "
+           "and \".\".";
+  }
+  if (name.size() > kMaxNameLength) {
+    return "The host is longer than 253 bytes, which no name is; shorten it.";
+  }
+  if (name.front() == '.' || name.back() == '.' || name.find("..") != std::string::npos) {
+    return "The host has a dot too many; write it without a dot at either end and without two in a "
+           "row.";
+  }
+  in_addr binary{};
+  if (isNumber(std::string_view(name).substr(name.rfind('.') + 1)) &&
+      inet_pton(AF_INET, name.c_str(), &binary) != 1) {
+    return "The host ends in a number but is no IPv4 address; write four numbers from 0 to 255, "
+           "like 192.0.2.1.";
+  }
+  return {};
+}
+
+std::string takeHost(std::string_view& rest, std::string& host) {
+  const std::string_view authority = rest.substr(0, rest.find_first_of(kLocationStart));
+  if (authority.find('@') != std::string_view::npos) {
+    return "It has a user name in it; leave out everything up to the \"@\".";
+  }
+  if (authority.starts_with('[')) {
+    return takeIPv6(rest, host);
+  }
+  const std::size_t colon = authority.find(':');
+  if (colon != std::string_view::npos && authority.find(':', colon + 1) != std::string_view::npos) {
+    return "It has several colons; write an IPv6 address in brackets, like [2001:db8::1]:443.";
+  }
+  host = authority.substr(0, colon);
+  rest.remove_prefix(host.size());
+  return checkName(host);
+}
+
+std::string takePort(std::string_view& rest, std::string& port) {
+  if (rest.empty() || kLocationStart.find(rest[0]) != std::string_view::npos) {
+    return {};
+  }
+  static const std::string kError =
+      "What follows the host is no port; write \":\" and a number from 1 to 65535.";
+  const std::size_t end = std::min(rest.find_first_of(kLocationStart), rest.size());
+  if (rest[0] != ':') {
+    return kError;
+  }
+  const std::string_view written = rest.substr(1, end - 1);
+  rest.remove_prefix(end);
+  if (written.empty()) {
+    return {};
+  }
+  const std::string_view digits =
+      written.substr(std::min(written.find_first_not_of('0'), written.size()));
+  unsigned long number = 0;
+  for (const char c : digits) {
+    if (!isDigit(c)) {
+      return kError;
+    }
+    number = std::min(number * 10 + static_cast<unsigned long>(c - '0'), kMaxPort + 1);
+  }
+  if (number == 0 || number > kMaxPort) {
+    return kError;
+  }
+  port = digits;
+  return {};
+}
+
+/// Takes `text` apart. Returns what is wrong with it, or nothing; then `parts` holds.
+std::string parse(std::string_view text, PARTS& parts) {
+  std::string_view rest = trimmed(text);
+  if (rest.size() > kMaxTextLength) {
+    return "It is longer than 2048 bytes; shorten it.";
+  }
+  std::string error = findBadCharacter(rest);
+  if (error.empty()) {
+    error = takeScheme(rest, parts.protocol);
+  }
+  if (error.empty()) {
+    error = takeHost(rest, parts.host);
+  }
+  if (error.empty()) {
+    error = takePort(rest, parts.port);
+  }
+  parts.location = rest;
+  return error;
+}
+
+std::string_view defaultPort(URLPROTOCOL protocol) {
+  switch (protocol) {
+    case URLPROTOCOL_HTTP:
+      return "80";
+    case URLPROTOCOL_LDAP:
+      return "389";
+    case URLPROTOCOL_HTTPS:
+    case URLPROTOCOL_NONE:
+    case URLPROTOCOL_UNKNOWN:
+      break;
+  }
+  return "443";
+}
+
+}  // namespace
+
+URL::URL() : m_eProtocol(URLPROTOCOL_NONE) {}
+
+URL::URL(const std::string& text) : m_eProtocol(URLPROTOCOL_NONE) {
+  if (trimmed(text).empty()) {
+    return;
+  }
+  PARTS parts;
+  if (!parse(text, parts).empty()) {
+    m_eProtocol = URLPROTOCOL_UNKNOWN;
+    return;
+  }
+  m_eProtocol = parts.protocol;
+  m_sHost = std::move(parts.host);
+  m_sPort = std::move(parts.port);
+  m_sLocation = std::move(parts.location);
+}
+
+URL::URL(const URL& other) = default;
+URL::URL(URL&& other) noexcept = default;
+URL& URL::operator=(const URL& other) = default;
+URL& URL::operator=(URL&& other) noexcept = default;
+URL::~URL() = default;
+
+std::string URL::findError(const std::string& text) {
+  if (trimmed(text).empty()) {
+    return "It is empty; write a name or an address.";
+  }
+  PARTS parts;
+  return parse(text, parts);
+}
+
+URLPROTOCOL URL::getProtocol() const { return m_eProtocol; }
+
+const std::string& URL::getHost() const { return m_sHost; }
+
+const std::string& URL::getPort() const { return m_sPort; }
+
+const std::string& URL::getLocation() const { return m_sLocation; }
+
+std::string URL::getHostFragment() const {
+  if (m_sHost.find(':') == std::string::npos) {
+    return m_sHost;
+  }
+  std::string host = m_sHost;
+  const std::size_t zoneAt = host.find('%');
+  if (zoneAt != std::string::npos) {
+    host.insert(zoneAt + 1, "25");
+  }
+  return "[" + host + "]";
+}
+
+std::string URL::getHostAndPort(bool withDefaultPort) const {
+  std::string text = getHostFragment();
+  if (text.empty()) {
+    return text;
+  }
+  if (!m_sPort.empty()) {
+    text.append(":").append(m_sPort);
+  } else if (withDefaultPort) {
+    text.append(":").append(defaultPort(m_eProtocol));
+  }
+  return text;
+}

@@ -16,23 +16,33 @@ enum URLPROTOCOL {
 /// The address of a server, as a person writes it. A value class: copies share nothing, and
 /// constant objects may be read from any thread.
 ///
-/// Grammar (RFC 3986, narrowed to what a headend address needs; blanks around the text are dropped):
+/// Grammar (RFC 3986, narrowed to what a headend address needs; spaces, tabs and line ends around
+/// the text are dropped):
 ///
 ///     address  = [ scheme "://" ] host [ ":" port ] [ location ]
 ///     scheme   = "http" / "https" / "ldap"                       in any letter case
 ///     host     = name / IPv4 / "[" IPv6 [ "%25" zone ] "]"
-///     name     = 1 to 253 letters, digits, "-", "_", "." and bytes above 127 (UTF-8), no empty label
+///     name     = 1 to 253 letters, digits, "-", "_", "." and bytes above 127 (UTF-8), no empty
+///                label (so no dot at the end), and a last label that is no number
+///     IPv4     = four decimal numbers from 0 to 255 without leading zeros
+///     IPv6     = an address as inet_pton(3) takes it
+///     zone     = 1 to 15 letters, digits, "-", "_" and "."       the name of a network interface
 ///     port     = decimal number from 1 to 65535, or nothing
 ///     location = ( "/" / "?" / "#" ) followed by anything but control characters and blanks
 ///
 /// Refused, so that the protocol is URLPROTOCOL_UNKNOWN and every other part empty: control
-/// characters and blanks inside the text, user information ("user@host"), an IPv6 address without
-/// brackets, any other scheme, a text longer than 2048 bytes.
+/// characters (those of Unicode above 127 included) and blanks inside the text, text that is not
+/// UTF-8, user information ("user@host"), an IPv6 address without brackets, a number where a name
+/// should end ("10.1.2", "0x7f000001": what reads it as an address reads it differently from a
+/// person), any other scheme, a text longer than 2048 bytes.
+///
+/// A host is kept in the letter case and spelling it was written in; nothing is decoded.
 class URL {
  public:
   /// The empty address: no scheme, no host.
   URL();
-  /// Parses `text`; the empty text gives the empty address.
+  /// Parses `text`; a text that is empty or blank gives the empty address. Takes time in proportion
+  /// to the text's length, whatever is in it.
   explicit URL(const std::string& text);
   URL(const URL& other);
   URL(URL&& other) noexcept;
@@ -41,11 +51,13 @@ class URL {
   ~URL();
 
   /// What is wrong with `text`, as a sentence that says how to mend it; empty if it is an address.
+  /// The empty text is none.
   static std::string findError(const std::string& text);
 
   URLPROTOCOL getProtocol() const;
 
-  /// The host as it is looked up: a name, an IPv4 address, or an IPv6 address without brackets.
+  /// The host as it is looked up: a name, an IPv4 address, or an IPv6 address without brackets, its
+  /// zone after a plain "%".
   const std::string& getHost() const;
 
   /// The port in decimal as it was written, leading zeros dropped; empty if none was.
@@ -54,10 +66,11 @@ class URL {
   /// What follows host and port, with its leading "/", "?" or "#"; empty if nothing does.
   const std::string& getLocation() const;
 
-  /// The host as it stands in a URL: like `getHost`, an IPv6 address in brackets.
+  /// The host as it stands in a URL: like `getHost`, an IPv6 address in brackets and its zone after
+  /// "%25".
   std::string getHostFragment() const;
 
-  /// The host fragment, followed by ":" and the port when there is one.
+  /// The host fragment, followed by ":" and the port when there is one. Empty without a host.
   /// @param withDefaultPort add the scheme's default port (80, 443, 389; 443 without a scheme) when
   ///        the address has none.
   std::string getHostAndPort(bool withDefaultPort) const;

@@ -6,12 +6,15 @@
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/include/StatusCode.h"
 
+class CExecutionContext;
+
 /// Brings up what a selection stands on and takes it down again.
 ///
 /// Construction opens the log, reads preferences and profiles, applies the preferences that concern
-/// the probes, and creates the API execution context, in this order. Destruction goes the other way.
-/// A run that is still under way keeps what it has acquired; a run that starts afterwards fails with
-/// the NO_INSTANCE codes. One object a process at a time; construction and destruction on one thread.
+/// the probes, and creates the API execution context, in this order. Destruction goes the other
+/// way. A run that is still under way keeps what it has acquired; once that is given back, a run
+/// that starts fails with the NO_INSTANCE codes. One object a process at a time; construction and
+/// destruction on one thread.
 class CClientLibrary {
  public:
   struct Options {
@@ -21,6 +24,7 @@ class CClientLibrary {
     std::string logProblem;
   };
 
+  /// @param options what to bring up; `logProblem` is the one field that is written.
   /// @param status receives 0, or the code of the part that could not be brought up; the parts
   ///        before it are then taken down again by the destructor.
   CClientLibrary(Options& options, STATUSCODE& status);
@@ -30,6 +34,7 @@ class CClientLibrary {
   CClientLibrary& operator=(const CClientLibrary&) = delete;
 
  private:
+  // One acquisition each, null for a part that was not brought up. Used by one thread.
   PreferenceMgr* m_pPreferenceMgr;
-  class CExecutionContext* m_pExecutionContext;
+  CExecutionContext* m_pExecutionContext;
 };

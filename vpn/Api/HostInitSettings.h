@@ -2,7 +2,8 @@
 
 #include "vpn/Api/Preference.h"
 
-/// What one profile file sets for its hosts. Constant once it is parsed; any thread may then read it.
+/// What one profile file sets for its hosts. Constant once it is parsed; any thread may then read
+/// it.
 class HostInitSettings {
  public:
   explicit HostInitSettings(const PreferenceInfo& preferences);

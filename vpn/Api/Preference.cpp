@@ -1,1 +1,183 @@
+// The table of all preferences, the one place that knows their names, defaults and ranges, and the
+// preferences that one file sets. A value that `findError` accepts can be used without a check.
 
+#include "vpn/Api/Preference.h"
+
+#include <charconv>
+#include <iterator>
+
+#include "vpn/Common/Utility/URL.h"
+
+// Never freed: threads that are still running while the process ends may compare with them.
+const std::string& PreferenceBase::PreferenceEnabled = *new std::string("true");
+const std::string& PreferenceBase::PreferenceDisabled = *new std::string("false");
+const std::string& PreferenceBase::ProxyOverride = *new std::string("override");
+const std::string& PreferenceBase::ProxySystem = *new std::string("system");
+const std::string& PreferenceBase::ProxyNone = *new std::string("none");
+const std::string& PreferenceBase::RoundTripNetwork = *new std::string("network");
+const std::string& PreferenceBase::RoundTripResponse = *new std::string("response");
+
+namespace {
+
+using Definition = PreferenceBase::Definition;
+
+constexpr Definition wordOf(PreferenceId id, const char* name, const char* first,
+                            const char* second, const char* third, const char* defaultValue) {
+  return {
+      id, name, defaultValue, false, true, false, nullptr, 0, 0, {first, second, third, nullptr}};
+}
+
+constexpr Definition numberOf(PreferenceId id, const char* name, const char* defaultValue,
+                              const char* unit, unsigned int least, unsigned int most) {
+  return {id, name, defaultValue, false, true, true, unit, least, most, {}};
+}
+
+constexpr unsigned int HoursOfAYear = 8760;
+constexpr unsigned int TenMinutesMs = 600000;
+// A shorter budget than this has passed before one far gateway has answered.
+constexpr unsigned int LeastBudgetMs = 100;
+// The probe counts whole seconds.
+constexpr unsigned int OneSecondMs = 1000;
+constexpr unsigned int OneMinuteMs = 60000;
+
+const Definition Definitions[] = {
+    wordOf(ProxySettings, "ProxySettings", "system", "none", "override", "system"),
+    {ProxyHost, "ProxyHost", "", false, true, false, nullptr, 0, 0, {}},
+    {ProxyPort, "ProxyPort", "", false, true, false, "", 1, 65535, {}},
+    // The profile's value is compared with "true" by its reader, so any other value means off.
+    {EnableAutomaticServerSelection,
+     "EnableAutomaticServerSelection",
+     "false",
+     true,
+     false,
+     true,
+     nullptr,
+     0,
+     0,
+     {"true", "false", nullptr}},
+    numberOf(SelectionResumeTime, "SelectionResumeTime", "4", "hours", 0, HoursOfAYear),
+    numberOf(SelectionImprovement, "SelectionImprovement", "20", "percent", 0, 1000),
+    numberOf(SelectionClearCache, "SelectionClearCache", "14", "days", 1, 365),
+    numberOf(SelectionConnectTimeout, "SelectionConnectTimeout", "10000", "ms", LeastBudgetMs,
+             TenMinutesMs),
+    numberOf(SelectionReconnectTimeout, "SelectionReconnectTimeout", "5000", "ms", LeastBudgetMs,
+             TenMinutesMs),
+    numberOf(SelectionPingTimeout, "SelectionPingTimeout", "2000", "ms", OneSecondMs, OneMinuteMs),
+    numberOf(SelectionPingsPerHeadend, "SelectionPingsPerHeadend", "3", "probes", 1, 100),
+    numberOf(SelectionTestPingTimeout, "SelectionTestPingTimeout", "5", "seconds", 1, 60),
+    numberOf(SelectionMaxResults, "SelectionMaxResults", "100", "results", 1, 100000),
+    wordOf(RoundTripTime, "RoundTripTime", "network", "response", nullptr, "network"),
+};
+
+std::string allowedNumbers(const Definition& definition) {
+  std::string text = "a whole number from " + std::to_string(definition.least) + " to " +
+                     std::to_string(definition.most);
+  return *definition.unit != '\0' ? text + " (" + definition.unit + ")" : text;
+}
+
+std::string allowedWords(const Definition& definition) {
+  std::string text;
+  for (const char* const* allowed = definition.words; *allowed != nullptr; ++allowed) {
+    if (!text.empty()) {
+      text += allowed[1] != nullptr ? ", " : " or ";
+    }
+    text += std::string("\"") + *allowed + "\"";
+  }
+  return text;
+}
+
+bool isOneOf(const char* const* words, const std::string& value) {
+  while (*words != nullptr && value != *words) {
+    ++words;
+  }
+  return *words != nullptr;
+}
+
+std::string findHostError(const std::string& value) {
+  const std::string error = URL::findError(value);
+  if (!error.empty()) {
+    return "must be a host name or an address: " + error;
+  }
+  const URL url(value);
+  if (url.getProtocol() != URLPROTOCOL_NONE || url.getHost().empty() || !url.getPort().empty() ||
+      !url.getLocation().empty() || value.find_first_of(" \t\r\n") != std::string::npos) {
+    return "must be a host name or an address alone, without scheme, port, path and blanks";
+  }
+  return {};
+}
+
+}  // namespace
+
+const PreferenceBase::Definition* PreferenceBase::definitions(std::size_t& count) {
+  count = std::size(Definitions);
+  return Definitions;
+}
+
+const PreferenceBase::Definition* PreferenceBase::find(const std::string& name) {
+  for (const Definition& definition : Definitions) {
+    if (name == definition.name) {
+      return &definition;
+    }
+  }
+  return nullptr;
+}
+
+const PreferenceBase::Definition* PreferenceBase::find(PreferenceId id) {
+  for (const Definition& definition : Definitions) {
+    if (id == definition.id) {
+      return &definition;
+    }
+  }
+  return nullptr;
+}
+
+std::string PreferenceBase::findError(const Definition& definition, const std::string& value) {
+  if (value == definition.defaultValue) {
+    return {};
+  }
+  if (definition.unit != nullptr) {
+    unsigned int ignored = 0;
+    return parseNumber(definition, value, ignored) ? std::string()
+                                                   : "must be " + allowedNumbers(definition);
+  }
+  if (definition.words[0] == nullptr) {
+    return findHostError(value);
+  }
+  return isOneOf(definition.words, value) ? std::string() : "must be " + allowedWords(definition);
+}
+
+bool PreferenceBase::parseNumber(const Definition& definition, const std::string& value,
+                                 unsigned int& number) {
+  unsigned int parsed = 0;
+  const char* const end = value.data() + value.size();
+  const std::from_chars_result result = std::from_chars(value.data(), end, parsed);
+  if (result.ec != std::errc() || result.ptr != end || parsed < definition.least ||
+      parsed > definition.most) {
+    return false;
+  }
+  number = parsed;
+  return true;
+}
+
+Preference::Preference(PreferenceId id, const std::string& value, bool userControllable)
+    : m_id(id), m_value(value), m_userControllable(userControllable) {}
+
+PreferenceId Preference::getPreferenceId() const { return m_id; }
+
+const std::string& Preference::getPreferenceValue() const { return m_value; }
+
+bool Preference::isUserControllable() const { return m_userControllable; }
+
+bool PreferenceInfo::getPreference(const PreferenceId& id, Preference*& preference) const {
+  const auto found = m_preferences.find(id);
+  if (found == m_preferences.end()) {
+    return false;
+  }
+  // The interface has no const here, but a Preference has no operation that changes it.
+  preference = const_cast<Preference*>(&found->second);
+  return true;
+}
+
+void PreferenceInfo::set(const Preference& preference) {
+  m_preferences.insert_or_assign(preference.getPreferenceId(), preference);
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string>
 
@@ -41,18 +42,18 @@ class PreferenceBase {
   PreferenceBase() = delete;
 
   /// "true": the value of a switch that is on.
-  static const std::string PreferenceEnabled;
+  static const std::string& PreferenceEnabled;
   /// "false": the value of a switch that is off.
-  static const std::string PreferenceDisabled;
+  static const std::string& PreferenceDisabled;
   /// "override": the value of `ProxySettings` that means the host and port in the preferences.
-  static const std::string ProxyOverride;
+  static const std::string& ProxyOverride;
   /// "system": the value of `ProxySettings` that means what the system is set to.
-  static const std::string ProxySystem;
+  static const std::string& ProxySystem;
   /// "none": the value of `ProxySettings` that means a direct connection.
-  static const std::string ProxyNone;
+  static const std::string& ProxyNone;
   /// "network" and "response": the values of `RoundTripTime`.
-  static const std::string RoundTripNetwork;
-  static const std::string RoundTripResponse;
+  static const std::string& RoundTripNetwork;
+  static const std::string& RoundTripResponse;
 
   /// One preference that a file may set.
   struct Definition {
@@ -61,11 +62,14 @@ class PreferenceBase {
     const char* defaultValue;  ///< in force when no file sets it
     bool inProfile;            ///< a profile may set it
     bool inPreferences;        ///< a preferences file may set it
-    /// For a number: unit and range; for a word: null.
+    /// A value that is not allowed is loaded as it was written all the same, because whoever reads
+    /// the preference checks it. Otherwise it is left out, as if the file did not set it.
+    bool checkedByReader;
+    /// For a number: unit, empty for none, and range; for everything else: null.
     const char* unit;
     unsigned int least;
     unsigned int most;
-    /// For a word: the values allowed, null after the last; all null: any text.
+    /// For a word: the values allowed, null after the last; all null: a host or nothing.
     const char* words[4];
   };
 
@@ -75,9 +79,15 @@ class PreferenceBase {
   static const Definition* find(const std::string& name);
   static const Definition* find(PreferenceId id);
 
-  /// What is wrong with `value` for a preference, as a sentence that says what is allowed; empty if
-  /// it may stand.
+  /// What is wrong with `value` for a preference, as a phrase that says what is allowed; empty if
+  /// it may stand. The default may always stand.
   static std::string findError(const Definition& definition, const std::string& value);
+
+  /// Reads the value of a preference that is a number.
+  /// @param number receives it; left alone on failure.
+  /// @return false if `value` is not a decimal number within the preference's range.
+  static bool parseNumber(const Definition& definition, const std::string& value,
+                          unsigned int& number);
 };
 
 /// One preference as a file sets it.
@@ -98,12 +108,12 @@ class Preference {
 /// The preferences that one file sets.
 class PreferenceInfo {
  public:
-  /// Finds a preference. The object found belongs to this one.
+  /// Finds a preference. The object found belongs to this one and is constant like it.
   /// @param preference receives the preference; left alone when the file does not set it.
   /// @return whether the file sets it.
   bool getPreference(const PreferenceId& id, Preference*& preference) const;
 
-  /// Adds a preference, or replaces it.
+  /// Adds a preference, or replaces it. Not while another thread may read.
   void set(const Preference& preference);
 
  private:

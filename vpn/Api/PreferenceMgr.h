@@ -6,12 +6,14 @@
 #include "vpn/Api/Preference.h"
 #include "vpn/Api/ProfileMgr.h"
 #include "vpn/Api/UserPreferences.h"
+#include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 
 /// Status codes of the preference manager (module 0x32).
 enum PREFERENCEMGR_ERRORS : STATUSCODE {
   PREFERENCEMGR_SUCCESS = 0,
   PREFERENCEMGR_ERROR_BAD_PARAMETER = 0xFE320002,
+  PREFERENCEMGR_ERROR_MEMALLOC_FAILED = 0xFE320004,
   PREFERENCEMGR_ERROR_ALREADY_EXISTS = 0xFE320008,
   PREFERENCEMGR_ERROR_NO_INSTANCE = 0xFE32000A,
 };
@@ -37,13 +39,13 @@ class PreferenceMgr {
 
   /// Creates the instance and acquires it for the caller. Wrong files are no failure: they are
   /// logged, listed by `getProblems`, and skipped.
-  /// @return 0 or PREFERENCEMGR_ERROR_ALREADY_EXISTS.
+  /// @return 0, PREFERENCEMGR_ERROR_ALREADY_EXISTS or PREFERENCEMGR_ERROR_MEMALLOC_FAILED.
   static STATUSCODE createInstance(const Sources& sources);
 
   /// The instance with its acquisition counted, or null when none exists.
   static PreferenceMgr* acquireInstance();
 
-  /// Gives back one acquisition.
+  /// Gives back one acquisition; the last one destroys the instance and all it has handed out.
   void releaseInstance();
 
   /// The profiles; they belong to this object.
@@ -54,12 +56,14 @@ class PreferenceMgr {
   STATUSCODE getPreferenceValue(PreferenceId id, std::string& value);
 
   /// The parsed file of a scope, an empty one when there is no such file; belongs to this object.
+  /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no scope.
   STATUSCODE getParsedPreferenceFile(PreferenceScope scope, UserPreferences*& preferences);
 
   /// See `Sources::cacheFile`.
   const std::string& getCacheFile() const;
 
-  /// What was wrong with preferences and profiles, in the order they were read.
+  /// What was wrong, in the order of reading: the user's preferences, the global ones, the
+  /// profiles.
   std::vector<FileProblem> getProblems() const;
 
   PreferenceMgr(const PreferenceMgr&) = delete;
@@ -69,6 +73,16 @@ class PreferenceMgr {
   explicit PreferenceMgr(const Sources& sources);
   ~PreferenceMgr();
 
+  void loadPreferences(const std::string& path, UserPreferences& preferences);
+  void logProblems() const;
+
+  // The lock is never freed, so that a thread that outlives the process's static objects may still
+  // ask for the instance.
+  static CManualLock& sm_instanceLock;
+  static PreferenceMgr* sm_pInstance AHS_GUARDED_BY(sm_instanceLock);
+  static unsigned int sm_uiAcquisitionCount AHS_GUARDED_BY(sm_instanceLock);
+
+  // Written by the constructor only, hence without a lock.
   ProfileMgr m_profileMgr;
   UserPreferences m_userPreferences;
   UserPreferences m_globalPreferences;

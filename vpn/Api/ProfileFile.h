@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,7 @@ struct FileProblem {
   unsigned int line = 0;  ///< 0: the file as a whole
   std::string text;       ///< what was found and what is allowed
 
-  /// "file:line: text".
+  /// "file:line: text" in one line, "file: text" for the file as a whole.
   std::string toString() const;
 };
 
@@ -26,8 +27,25 @@ struct ProfileFile {
   std::vector<Host> hosts;
 };
 
-/// Reads a profile file. The file is not trusted: it is read up to `MaxConfigurationFileSize` bytes,
-/// no entity is expanded and nothing outside the file is fetched.
+/// Largest profile or preferences file, in bytes: ten thousand host entries take one.
+constexpr std::size_t MaxConfigurationFileSize = std::size_t{8} * 1024 * 1024;
+
+/// Most host entries that are taken from one profile. A run has a thread for each of them, so far
+/// more than a machine can measure.
+constexpr std::size_t MaxHostsPerFile = 100000;
+
+/// Longest name of a host entry, in bytes.
+constexpr std::size_t MaxHostNameLength = 255;
+
+/// Most problems that are told of one file, besides the one for which it is skipped; the last of
+/// them says that there are more.
+constexpr std::size_t MaxProblemsPerFile = 100;
+
+/// Reads a profile file (see docs/formats.md). The file is not trusted: only a regular file is
+/// read, up to `MaxConfigurationFileSize` bytes of UTF-8; a document type is refused, so no entity
+/// is ever expanded and nothing outside the file is fetched; time and memory grow with the size
+/// alone. Any thread may call it.
+/// @param profile receives what the file says; left alone when the file cannot be used.
 /// @param problems receives what is wrong, appended.
 /// @return whether the file is a profile that can be used (a wrong entry or preference is left out
 ///         and reported, and the rest is used).
@@ -37,6 +55,3 @@ bool readProfileFile(const std::string& path, ProfileFile& profile,
 /// Reads a preferences file in the same way.
 bool readPreferencesFile(const std::string& path, PreferenceInfo& preferences,
                          std::vector<FileProblem>& problems);
-
-/// Largest profile or preferences file, in bytes: ten thousand host entries take one.
-constexpr std::size_t MaxConfigurationFileSize = std::size_t{8} * 1024 * 1024;

@@ -12,25 +12,34 @@
 
 /// The profiles of the client: every "*.xml" file of a directory, read once.
 ///
-/// A profile's name is its file's name without ".xml". Files are read in ascending byte order of
-/// their names. A host entry's name belongs to the first profile that has it; a later entry of the
-/// same name is reported and left out. A file that cannot be read or is not a profile is reported
-/// and skipped, and so is an entry whose address cannot be parsed; the rest is used. Constant after
-/// construction; any thread may then read it. Objects handed out belong to the manager.
+/// A profile's name is its file's name without ".xml"; a file whose name begins with a dot is no
+/// profile. Files are read in ascending byte order of their names. A host entry's name belongs to
+/// the first profile that has it; a later entry of the same name is reported and left out. A file
+/// that cannot be read or is not a profile is reported and skipped, and so is an entry whose
+/// address cannot be parsed; the rest is used. Constant once it is loaded; any thread may then read
+/// it. Objects handed out belong to the manager.
 class ProfileMgr {
  public:
+  /// Bounds of one manager. What exceeds them is reported and not read.
+  static constexpr std::size_t MaxProfiles = 10000;
+  static constexpr std::size_t MaxHosts = 100000;
+  static constexpr std::size_t MaxTotalSize =
+      std::size_t{64} * 1024 * 1024;  ///< bytes of all files
+  /// Most problems that are kept; the last of them says that there are more.
+  static constexpr std::size_t MaxProblems = 1000;
+
   /// No profile at all.
   ProfileMgr();
   ~ProfileMgr();
   ProfileMgr(const ProfileMgr&) = delete;
   ProfileMgr& operator=(const ProfileMgr&) = delete;
 
-  /// Reads the profiles of a directory.
+  /// Reads the profiles of a directory; one that does not exist counts as empty.
   void loadDirectory(const std::string& directory);
 
   /// Adds one profile made of the given addresses, automatic selection switched on; an address is
-  /// also the name of its entry.
-  /// @param addresses texts that `URL` can parse; each once.
+  /// also the name of its entry. One that `URL` cannot parse, or that is there already, is reported
+  /// and left out.
   void addAddresses(const std::string& profileName, const std::vector<std::string>& addresses);
 
   /// Profile name to what the profile sets.
@@ -46,11 +55,21 @@ class ProfileMgr {
   const std::vector<FileProblem>& getProblems() const;
 
  private:
-  void addProfile(const std::string& profileName, const ProfileFile& profile);
+  void loadFile(const std::string& path, const std::string& profileName);
+  void addProfile(const std::string& profileName, const std::string& path,
+                  const ProfileFile& profile);
+  void addHost(const std::string& profileName, const std::string& path,
+               const ProfileFile::Host& host);
+  void report(const std::string& file, unsigned int line, const std::string& text);
+  void report(const std::vector<FileProblem>& problems);
+  std::string placeOf(const HostProfile& host) const;
 
-  std::map<std::string, HostInitSettings*> m_fileInitMap;
-  std::map<std::string, HostProfile*> m_hostProfileMap;
+  // What the two maps point to, by address for as long as the manager lives.
   std::vector<std::unique_ptr<HostInitSettings>> m_settings;
   std::vector<std::unique_ptr<HostProfile>> m_hosts;
+  std::map<std::string, HostInitSettings*> m_fileInitMap;
+  std::map<std::string, HostProfile*> m_hostProfileMap;
+  std::map<std::string, std::string> m_profilePaths;  // profile name to its file, for messages
   std::vector<FileProblem> m_problems;
+  bool m_full = false;  // MaxHosts is reached
 };

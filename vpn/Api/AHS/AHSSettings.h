@@ -2,7 +2,9 @@
 
 /// The settings of automatic headend selection. Read once per run.
 struct HS_SETTINGS {
-  /// Automatic selection as a whole; whether a headend takes part is decided per profile.
+  /// Automatic selection as a whole: what `EnableAutomaticServerSelection` is in the preferences in
+  /// force. Profiles alone may set it, so it is the default, off; whether a headend takes part is
+  /// decided per profile.
   bool bAHSEnabled;
   /// Hours of suspension after which a client should select anew.
   unsigned int nResumeTime;

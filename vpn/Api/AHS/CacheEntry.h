@@ -6,18 +6,22 @@
 #include "vpn/Api/AHS/HeadendRTT.h"
 #include "vpn/include/StatusCode.h"
 
-/// The results of one selection run. A value class without a lock of its own.
+/// The results of one selection run: the headends that answered, in the order in which they were
+/// added. A value class without a lock of its own.
 class CCacheEntry {
  public:
   CCacheEntry();
   explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList);
   ~CCacheEntry();
   CCacheEntry(const CCacheEntry& other);
+  /// Copies all or, when memory is short, throws and changes nothing.
   CCacheEntry& operator=(const CCacheEntry& other);
 
+  /// Replaces the results.
   void SetHeadendList(const std::vector<CHeadendRTT>& headendList);
-  /// Fills `headendList` with the results in stored order; always 0.
+  /// Replaces `headendList` by the results in stored order; always 0.
   STATUSCODE GetHeadendList(std::vector<CHeadendRTT>& headendList) const;
+  /// How many results there are.
   unsigned int GetListSize() const;
   /// Appends one result.
   void AddHeadend(const CHeadendRTT& headend);
@@ -30,7 +34,8 @@ class CCacheEntry {
   void SetKnownHeadends(const std::string& knownHeadends);
   std::string GetKnownHeadends() const;
 
-  /// Key, time stamp and one line a result.
+  /// A line with time stamp (in UTC) and key, then an indented line a result; each ends with a line
+  /// feed.
   std::string toString() const;
 
  private:

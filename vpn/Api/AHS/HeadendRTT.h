@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// One headend with its measured metric. A value class.
+/// One headend with its measured metric. A value class without a lock of its own.
 class CHeadendRTT {
  public:
   CHeadendRTT();
@@ -12,9 +12,12 @@ class CHeadendRTT {
   CHeadendRTT(const CHeadendRTT& other);
   CHeadendRTT& operator=(const CHeadendRTT& other);
 
+  /// A copy of the host, or host ":" port.
   std::string GetHeadend() const;
+  /// The metric in milliseconds.
   unsigned int GetRTT() const;
-  /// "host     metric", as in the selection report.
+  /// Host, five blanks, metric: a line of the selection report without its line feed. Characters
+  /// that do not belong on a line are escaped.
   std::string toString() const;
 
  private:

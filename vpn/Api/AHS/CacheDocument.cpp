@@ -1,0 +1,353 @@
+// The text form of the selection cache, read with libxml2's event parser: nothing is kept of a
+// document but what passed every check, and nothing at all unless the whole document passed.
+
+#include "vpn/Api/AHS/CacheDocument.h"
+
+#include <libxml/parser.h>
+#include <libxml/parserInternals.h>
+#include <libxml/xmlerror.h>
+
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <string_view>
+
+#include "vpn/include/StringUtils.h"
+
+namespace CacheDocument {
+
+namespace {
+
+/// Blanks of any kind in one tag. Every attribute needs one before it, and the parser compares each
+/// attribute of a tag with all others: without a bound a file of 16 MiB keeps it busy for an hour.
+constexpr unsigned int MaxBlanksInTag = 256;
+
+/// The largest time stamp that is taken for one: the last second of the year 9999.
+constexpr unsigned long MaxTimestamp = 253402300799UL;
+
+/// Longest piece of a wrong text in a message.
+constexpr std::size_t MaxQuote = 60;
+
+bool tagsAreShort(const std::string& text) {
+  unsigned int blanks = 0;
+  for (const char c : text) {
+    if (c == '<') {
+      blanks = 0;
+    } else if ((c == ' ' || c == '\n' || c == '\t' || c == '\r') && ++blanks > MaxBlanksInTag) {
+      return false;
+    }
+  }
+  return true;
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
+}
+
+template <class NumberT>
+bool parseNumber(std::string_view text, NumberT least, NumberT most, NumberT& number) {
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  return result.ec == std::errc() && result.ptr == text.data() + text.size() && number >= least &&
+         number <= most;
+}
+
+/// The attributes of one element as the parser hands them over: five pointers each, of which the
+/// first is the name and the last two bound the value.
+class CAttributes {
+ public:
+  CAttributes(const xmlChar** attributes, int count) : m_attributes(attributes), m_count(count) {}
+
+  bool find(std::string_view name, std::string_view& value) const {
+    for (int i = 0; i < m_count; ++i) {
+      const xmlChar** attribute = m_attributes + 5 * static_cast<std::ptrdiff_t>(i);
+      if (attribute[1] == nullptr && name == reinterpret_cast<const char*>(attribute[0])) {
+        value = std::string_view(reinterpret_cast<const char*>(attribute[3]),
+                                 static_cast<std::size_t>(attribute[4] - attribute[3]));
+        return true;
+      }
+    }
+    return false;
+  }
+
+  /// The same with an encoded value.
+  bool find(std::string_view name, std::string& decoded) const {
+    std::string_view value;
+    return find(name, value) && decode(std::string(value), decoded);
+  }
+
+ private:
+  const xmlChar** m_attributes;
+  int m_count;
+};
+
+/// Takes the parser's events and builds the selections. The first error ends it.
+class CReader {
+ public:
+  std::string read(const std::string& text, std::map<std::string, CCacheEntry>& entries);
+
+ private:
+  static void onStart(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri,
+                      int namespaceCount, const xmlChar** namespaces, int attributeCount,
+                      int defaultedCount, const xmlChar** attributes);
+  static void onEnd(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri);
+  static void onDocumentType(void* context, const xmlChar* name, const xmlChar* publicId,
+                             const xmlChar* systemId);
+  static void onError(void* context, xmlErrorPtr error);
+
+  void start(const std::string& name, const CAttributes& attributes);
+  void startRoot(const std::string& name, const CAttributes& attributes);
+  void startSelection(const std::string& name, const CAttributes& attributes);
+  void startHeadend(const std::string& name, const CAttributes& attributes);
+  void end();
+  void fail(const std::string& what);
+
+  xmlParserCtxtPtr m_parser = nullptr;
+  std::map<std::string, CCacheEntry> m_entries;
+  std::map<std::string, CCacheEntry>::iterator m_current = m_entries.end();
+  unsigned int m_depth = 0;
+  std::string m_problem;
+  // An exception of a callback must not cross the parser, which is C.
+  std::exception_ptr m_exception;
+};
+
+void CReader::fail(const std::string& what) {
+  if (m_problem.empty()) {
+    m_problem = "line " + std::to_string(xmlSAX2GetLineNumber(m_parser)) + ": " + what;
+  }
+  xmlStopParser(m_parser);
+}
+
+void CReader::start(const std::string& name, const CAttributes& attributes) {
+  switch (++m_depth) {
+    case 1:
+      return startRoot(name, attributes);
+    case 2:
+      return startSelection(name, attributes);
+    case 3:
+      return startHeadend(name, attributes);
+    default:
+      return fail(std::string("an element inside a ") + HeadendName);
+  }
+}
+
+void CReader::startRoot(const std::string& name, const CAttributes& attributes) {
+  std::string_view found;
+  if (name != RootName) {
+    fail("the document is a " + CStringUtils::printable(name, MaxQuote) + ", not a " + RootName);
+  } else if (!attributes.find(VersionAttribute, found) || found != Version) {
+    fail(std::string("not of version ") + Version);
+  }
+}
+
+void CReader::startSelection(const std::string& name, const CAttributes& attributes) {
+  std::string_view place;
+  std::string_view stored;
+  std::string knownHeadends;
+  unsigned long timestamp = 0;
+  if (name != SelectionName) {
+    return fail(CStringUtils::printable(name, MaxQuote) + " where a " + SelectionName + " belongs");
+  }
+  if (m_entries.size() >= MaxEntries) {
+    return fail("more than " + std::to_string(MaxEntries) + " selections");
+  }
+  if (!attributes.find(PlaceAttribute, place) || place.find('\n') != std::string_view::npos) {
+    return fail("a selection without a right place");
+  }
+  if (!attributes.find(KnownHeadendsAttribute, knownHeadends)) {
+    return fail("a selection without right candidates");
+  }
+  if (!attributes.find(StoredAttribute, stored) ||
+      !parseNumber(stored, 1UL, MaxTimestamp, timestamp)) {
+    return fail("a selection without a right time stamp");
+  }
+  const auto added =
+      m_entries.try_emplace(selectionKey(std::string(place), knownHeadends), CCacheEntry());
+  if (!added.second) {
+    return fail("a second selection for the same candidates at the same place");
+  }
+  m_current = added.first;
+  m_current->second.SetKnownHeadends(knownHeadends);
+  m_current->second.SetTimestamp(timestamp);
+}
+
+void CReader::startHeadend(const std::string& name, const CAttributes& attributes) {
+  std::string_view metricText;
+  std::string headend;
+  unsigned int metric = 0;
+  if (name != HeadendName) {
+    return fail(CStringUtils::printable(name, MaxQuote) + " where a " + HeadendName + " belongs");
+  }
+  if (m_current->second.GetListSize() >= MaxRecords) {
+    return fail("more than " + std::to_string(MaxRecords) + " headends");
+  }
+  if (!attributes.find(NameAttribute, headend) || headend.empty() ||
+      headend.size() > MaxHeadendLength) {
+    return fail("a headend without a right name");
+  }
+  if (!attributes.find(MetricAttribute, metricText) ||
+      !parseNumber(metricText, 0U, std::numeric_limits<unsigned int>::max(), metric)) {
+    return fail("a headend without a right metric");
+  }
+  m_current->second.AddHeadend(CHeadendRTT(std::move(headend), metric));
+}
+
+void CReader::end() {
+  if (m_depth-- == 2 && m_current->second.GetListSize() == 0) {
+    m_entries.erase(m_current);  // a selection that names no headend answers no question
+  }
+}
+
+void CReader::onStart(void* context, const xmlChar* name, const xmlChar*, const xmlChar*, int,
+                      const xmlChar**, int attributeCount, int, const xmlChar** attributes) {
+  CReader& reader = *static_cast<CReader*>(context);
+  try {
+    reader.start(reinterpret_cast<const char*>(name), CAttributes(attributes, attributeCount));
+  } catch (...) {
+    reader.m_exception = std::current_exception();
+    xmlStopParser(reader.m_parser);
+  }
+}
+
+void CReader::onEnd(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+  static_cast<CReader*>(context)->end();
+}
+
+void CReader::onDocumentType(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+  CReader& reader = *static_cast<CReader*>(context);
+  try {
+    reader.fail("a document type declaration");
+  } catch (...) {
+    reader.m_exception = std::current_exception();
+    xmlStopParser(reader.m_parser);
+  }
+}
+
+void CReader::onError(void* context, xmlErrorPtr error) {
+  CReader& reader = *static_cast<CReader*>(context);
+  if (error->level < XML_ERR_ERROR || !reader.m_problem.empty()) {
+    return;
+  }
+  try {
+    std::string message = error->message != nullptr ? error->message : "not well-formed";
+    while (!message.empty() && message.back() == '\n') {
+      message.pop_back();
+    }
+    reader.m_problem =
+        "line " + std::to_string(error->line) + ": " + CStringUtils::printable(message, MaxQuote);
+  } catch (...) {
+    reader.m_exception = std::current_exception();
+  }
+}
+
+std::string CReader::read(const std::string& text, std::map<std::string, CCacheEntry>& entries) {
+  const std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> parser(
+      xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size())), &xmlFreeParserCtxt);
+  if (parser == nullptr) {
+    throw std::bad_alloc();
+  }
+  m_parser = parser.get();
+  // Without NOENT the parser hands over an ampersand as "&#38;". It gives no entity a chance: those
+  // that are not XML's own need a document type, which ends the parse.
+  xmlCtxtUseOptions(m_parser, XML_PARSE_NONET | XML_PARSE_NOENT);
+  xmlSAXHandler handler;
+  std::memset(&handler, 0, sizeof handler);
+  handler.initialized = XML_SAX2_MAGIC;
+  handler.startElementNs = &onStart;
+  handler.endElementNs = &onEnd;
+  handler.internalSubset = &onDocumentType;
+  handler.serror = &onError;
+  *m_parser->sax = handler;
+  m_parser->userData = this;
+
+  const int parsed = xmlParseDocument(m_parser);
+  if (m_exception != nullptr) {
+    std::rethrow_exception(m_exception);
+  }
+  if (m_problem.empty() && (parsed != 0 || m_parser->wellFormed == 0)) {
+    m_problem = "not well-formed";
+  }
+  if (m_problem.empty()) {
+    entries.swap(m_entries);
+  }
+  return m_problem;
+}
+
+}  // namespace
+
+std::string selectionKey(const std::string& place, const std::string& knownHeadends) {
+  return place + KeySeparator + knownHeadends;
+}
+
+std::string encode(const std::string& text) {
+  static const char digits[] = "0123456789abcdef";
+  std::string encoded;
+  encoded.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte > 0x20 && byte < 0x7f && c != '\\') {
+      encoded += c;
+    } else {
+      encoded += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
+    }
+  }
+  return encoded;
+}
+
+bool decode(const std::string& text, std::string& decoded) {
+  std::string plain;
+  plain.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\') {
+      plain += text[i];
+      continue;
+    }
+    if (i + 3 >= text.size() || text[i + 1] != 'x') {
+      return false;
+    }
+    const int high = hexValue(text[i + 2]);
+    const int low = hexValue(text[i + 3]);
+    if (high < 0 || low < 0) {
+      return false;
+    }
+    plain += static_cast<char>(high * 16 + low);
+    i += 3;
+  }
+  decoded.swap(plain);
+  return true;
+}
+
+std::size_t writtenSize(const std::string& text) {
+  constexpr std::size_t LongestEscape = 6;  // &quot; is longer than \xNN
+  std::size_t size = 0;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool plain =
+        byte > 0x20 && byte < 0x7f && c != '\\' && c != '&' && c != '<' && c != '>' && c != '"';
+    size += plain ? 1 : LongestEscape;
+  }
+  return size;
+}
+
+std::string parse(const std::string& text, std::map<std::string, CCacheEntry>& entries) {
+  // Once for all threads: the library's own lazy initialisation is not made for several at once.
+  static const bool initialised = (xmlInitParser(), true);
+  static_cast<void>(initialised);
+  if (text.empty()) {
+    return "the file is empty";
+  }
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    return "the file is too long";
+  }
+  if (!tagsAreShort(text)) {
+    return "a tag is too long";
+  }
+  return CReader().read(text, entries);
+}
+
+}  // namespace CacheDocument

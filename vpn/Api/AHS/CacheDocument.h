@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+
+#include "vpn/Api/AHS/CacheEntry.h"
+
+/// The text form of the selection cache (docs/cache.md): how it is read, and the two encodings that
+/// reader and writer share. Pure functions that any thread may call.
+namespace CacheDocument {
+
+/// Selections in one document.
+constexpr std::size_t MaxEntries = 64;
+/// Results in one selection; more gateways than any profile directory may name.
+constexpr std::size_t MaxRecords = 100000;
+/// Characters of one headend in the document: a host name has at most 253 and a port 6, each of
+/// which may take four characters there.
+constexpr std::size_t MaxHeadendLength = 2048;
+
+/// Element and attribute names.
+constexpr const char* RootName = "selectionCache";
+constexpr const char* SelectionName = "selection";
+constexpr const char* HeadendName = "headend";
+constexpr const char* VersionAttribute = "version";
+constexpr const char* PlaceAttribute = "place";
+constexpr const char* KnownHeadendsAttribute = "knownHeadends";
+constexpr const char* StoredAttribute = "stored";
+constexpr const char* NameAttribute = "name";
+constexpr const char* MetricAttribute = "rtt";
+/// The one version there is.
+constexpr const char* Version = "1";
+
+/// The key of a selection among all: the candidate set `knownHeadends`, measured at `place`.
+std::string selectionKey(const std::string& place, const std::string& knownHeadends);
+/// Stands between place and candidate set in a selection key; a place has none.
+constexpr const char* KeySeparator = "\n";
+
+/// `text` as it stands in an attribute: blanks, control characters, the backslash and bytes above
+/// 126 as \xNN. Any text can be written this way, whatever its encoding.
+std::string encode(const std::string& text);
+/// Undoes `encode`. @return false when `text` is not something that `encode` gives.
+bool decode(const std::string& text, std::string& decoded);
+
+/// An upper bound of the characters that `encode`d text takes in an attribute.
+std::size_t writtenSize(const std::string& text);
+
+/// Reads a document that may come from anyone. Document type declarations and with them entities
+/// are refused; sizes, counts and numbers are checked.
+/// @param entries receives the selections by their keys; is left alone on failure.
+/// @return an empty string, or what is wrong, with the line.
+std::string parse(const std::string& text, std::map<std::string, CCacheEntry>& entries);
+
+}  // namespace CacheDocument

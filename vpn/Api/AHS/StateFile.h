@@ -1,0 +1,96 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+/// A small file in which the processes of one user keep what they know between them.
+///
+/// Reading trusts nothing: only a regular file of bounded size that belongs to the user and that
+/// nobody else can write is read. Replacing it is atomic: whoever reads, and whatever moment the
+/// power fails, sees the old text or the new one. Beside the file at PATH stand PATH.lock, which
+/// processes lock while they read, change and replace it, PATH.new, the text under way, and
+/// PATH.corrupt, a text that could not be understood.
+///
+/// Used by one thread at a time. What went wrong is told as a sentence for the log.
+class CStateFile {
+ public:
+  enum class Content {
+    Unchanged,  ///< the same as at the last successful read or replacement
+    Missing,    ///< there is no such file
+    Read,       ///< read
+    Refused,    ///< not to be trusted, or unreadable; must not be replaced either
+  };
+  enum class Locking {
+    Held,
+    Busy,    ///< another process held the lock for the whole time
+    Failed,  ///< the lock cannot be used: no directory, no permission, no such service
+  };
+
+  /// @param path empty for no file at all. @param maxSize largest text that is read, in bytes.
+  CStateFile(std::string path, std::size_t maxSize);
+
+  bool isSet() const { return !m_path.empty(); }
+  const std::string& path() const { return m_path; }
+
+  /// Reads the file unless it is unchanged.
+  /// @param text receives the text when it was read. @param problem says why it was refused.
+  Content read(std::string& text, std::string& problem);
+
+  /// Makes the next `read` read, whether the file has changed or not.
+  void forget();
+
+  /// Replaces the file. The caller holds the lock.
+  /// @return false and the problem when the old file is still in place.
+  bool replace(const std::string& text, std::string& problem);
+
+  /// Makes the last replacement survive a power failure; the lock is not needed.
+  bool syncDirectory(std::string& problem);
+
+  /// Gives the present file the further name PATH.corrupt, unless that name is taken.
+  void keepAside();
+
+  /// Holds the lock between processes for the length of a scope.
+  class Lock {
+   public:
+    /// Creates the file's directory when it is missing (mode 0700) and waits for the lock.
+    /// @param patience longest wait.
+    Lock(const CStateFile& file, std::chrono::milliseconds patience);
+    ~Lock();
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+    Locking state() const { return m_state; }
+    const std::string& problem() const { return m_problem; }
+    /// Gives the lock back before the scope ends.
+    void release();
+
+   private:
+    int m_descriptor;
+    Locking m_state;
+    std::string m_problem;
+  };
+
+ private:
+  /// What tells one content of the file from another without reading it.
+  struct Version {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = -1;  // never that of a file
+    timespec modified{};
+    timespec changed{};
+  };
+  static Version versionOf(const struct stat& status);
+  static bool same(const Version& a, const Version& b);
+
+  std::string findDistrust(const struct stat& status) const;
+  bool readAll(int descriptor, std::string& text, std::string& problem) const;
+  bool writeNew(const std::string& text, std::string& problem);
+
+  const std::string m_path;
+  const std::size_t m_maxSize;
+  Version m_version;
+};

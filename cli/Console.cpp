@@ -1,0 +1,69 @@
+// Writing to the terminal and to pipes. Nothing here buffers, so there is nothing to lose when the
+// process is ended by a signal, and every failed write is seen by the one who asked for it.
+
+#include "cli/Console.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "cli/ExitStatus.h"
+
+std::string Console::write(int descriptor, const std::string& text) {
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t count = ::write(descriptor, text.data() + written, text.size() - written);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0 && errno == EAGAIN) {
+      // Whoever handed the descriptor over made it non-blocking for itself.
+      pollfd ready{descriptor, POLLOUT, 0};
+      static_cast<void>(poll(&ready, 1, -1));
+      continue;
+    }
+    if (count < 0) {
+      return strerrordesc_np(errno);
+    }
+    written += static_cast<std::size_t>(count);
+  }
+  return "";
+}
+
+int Console::writeResult(const std::string& text, int exitStatus) {
+  const std::string error = write(STDOUT_FILENO, text);
+  if (error.empty()) {
+    return exitStatus;
+  }
+  complain("the result could not be written to standard output: " + error +
+           ". Check where the output goes (a closed pipe, a full disk) and run the command again.");
+  return ExitUsage;
+}
+
+void Console::complain(const std::string& text) { note("ahs: " + text); }
+
+void Console::note(const std::string& text) {
+  // Standard error is the last place to report to; when it fails there is nobody left to tell.
+  static_cast<void>(write(STDERR_FILENO, text + "\n"));
+}
+
+std::string Console::visible(const std::string& text) {
+  static const char digits[] = "0123456789abcdef";
+  std::string result;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0U;
+    const bool isC1 = byte == 0xc2 && next >= 0x80 && next <= 0x9f;
+    if (byte >= 0x20 && byte != 0x7f && !isC1) {
+      result += text[i];
+      continue;
+    }
+    const unsigned int shown = isC1 ? next : byte;
+    result += "\\x";
+    result += digits[shown >> 4U];
+    result += digits[shown & 0xfU];
+    i += isC1 ? 1 : 0;
+  }
+  return result;
+}

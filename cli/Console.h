@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+/// Words to the person at the terminal and bytes to the program behind the pipe. Any thread may
+/// call any of these; each call writes with as few system calls as the kernel allows, so that lines
+/// of several threads do not mix.
+class Console {
+ public:
+  Console() = delete;
+
+  /// Writes `text` to a file descriptor, to its last byte.
+  /// @return an empty string, or why it could not be written.
+  static std::string write(int descriptor, const std::string& text);
+
+  /// Writes the command's result to standard output.
+  /// @return `exitStatus`, or ExitUsage after a message when the result could not be written: a
+  ///         caller that lost the result must not believe in success.
+  static int writeResult(const std::string& text, int exitStatus);
+
+  /// "ahs: text" on standard error. A person reads it: what happened, why, what to do next.
+  static void complain(const std::string& text);
+
+  /// `text` and a line feed on standard error, without the prefix.
+  static void note(const std::string& text);
+
+  /// `text` with control characters (C0, DEL, and C1 as UTF-8 encodes it) written as \xNN, so that
+  /// nothing that came from a file or a network can move the cursor or colour a terminal. Line
+  /// feeds count as control characters; other UTF-8 is left as it is.
+  static std::string visible(const std::string& text);
+};

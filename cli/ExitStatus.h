@@ -1,0 +1,10 @@
+#pragma once
+
+/// What the process tells its caller. Scripts rely on these numbers.
+enum ExitStatus : int {
+  ExitSelected = 0,      ///< a headend was selected, measured now or found in the cache
+  ExitNotMeasured = 1,   ///< nothing could be measured
+  ExitUsage = 2,         ///< usage, configuration, or output that could not be written
+  ExitProxyAsks = 3,     ///< a proxy asks for authentication
+  ExitSignalBase = 128,  ///< added to the number of the signal that ended the process
+};

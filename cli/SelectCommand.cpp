@@ -1,0 +1,281 @@
+// `ahs select`: one selection from the options to the exit status. The steps stand in runSelect in
+// the order in which they happen; nothing is printed on standard output but the result.
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cli/Candidates.h"
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/Interruption.h"
+#include "cli/ProbeRecorder.h"
+#include "cli/ProgressLine.h"
+#include "cli/SelectOptions.h"
+#include "cli/SelectionOutput.h"
+#include "cli/SelectionResult.h"
+#include "cli/SelectionRun.h"
+#include "vpn/Api/AHS/AHSSettings.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Api/ClientLibrary.h"
+#include "vpn/include/InstanceSmartPtr.h"
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+// How often the progress line is drawn: fast enough to look alive, slow enough to cost nothing.
+constexpr std::chrono::milliseconds DrawingInterval{100};
+// A run whose result is there ends within microseconds, unless the time limit ended it and workers
+// are still waiting for an answer; those are not waited for.
+constexpr std::chrono::milliseconds LongestRunEnd{100};
+// The reason code of a reconnection, which has a time limit of its own.
+constexpr unsigned int Reconnection = 1;
+
+// Holds the cache over the end of the run, so that the run's records can still be read.
+class HeldCache {
+ public:
+  HeldCache() : m_cache(nullptr) {
+    static_cast<void>(CSelectionCache::createSingletonInstance(m_cache));
+  }
+  ~HeldCache() {
+    if (m_cache != nullptr) {
+      m_cache->releaseInstance();
+    }
+  }
+  HeldCache(const HeldCache&) = delete;
+  HeldCache& operator=(const HeldCache&) = delete;
+
+  std::vector<CHeadendRTT> lastRecords() const {
+    CCacheEntry entry;
+    std::vector<CHeadendRTT> records;
+    if (m_cache != nullptr && m_cache->GetLastUsed(entry)) {
+      static_cast<void>(entry.GetHeadendList(records));
+    }
+    return records;
+  }
+
+ private:
+  CSelectionCache* m_cache;
+};
+
+int complainOfUsage(const std::string& error, const std::vector<std::string>& problems) {
+  for (const std::string& problem : problems) {
+    Console::note(problem);
+  }
+  Console::complain(error + " 'ahs select --help' shows all options.");
+  return ExitUsage;
+}
+
+// What was read and is wrong is told in any case: a profile that is skipped in silence is missed.
+bool hasProfiles() {
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  ProfileMgr* profiles = nullptr;
+  if (preferences == nullptr || preferences->getProfileMgr(profiles) != 0) {
+    return false;
+  }
+  for (const FileProblem& problem : preferences->getProblems()) {
+    Console::note(Console::visible(problem.toString()));
+  }
+  return !profiles->getFileInitMap().empty();
+}
+
+void noteUnknownLast(const std::string& last, const std::vector<Candidate>& candidates) {
+  const std::string wanted = CStringUtils::toLower(last);
+  for (const Candidate& candidate : candidates) {
+    if (CStringUtils::toLower(candidate.name) == wanted) {
+      return;
+    }
+  }
+  if (!last.empty()) {
+    Console::complain("warning: no host entry that takes part is named '" + Console::visible(last) +
+                      "'; the selection goes on without a last headend. --last takes the name of a "
+                      "host entry, or a host of the command line.");
+  }
+}
+
+std::chrono::milliseconds timeLimit(unsigned int reason) {
+  HS_SETTINGS settings{};
+  CAHSSettings::GetSettings(settings);
+  return std::chrono::milliseconds(reason == Reconnection ? settings.nReconnectTimeout
+                                                          : settings.nConnectTimeout);
+}
+
+bool wantsProgress(const SelectOptions& options, const SelectPlan& plan) {
+  return !options.quiet && !options.json && !plan.log.terminal && ProgressLine::isPossible();
+}
+
+void waitWithProgress(SelectionRun& run, const ProbeRecorder& recorder,
+                      const std::vector<Candidate>& candidates, unsigned int reason) {
+  const auto line = std::make_shared<ProgressLine>();
+  Interruption::setTidyUp([line] {
+    line->closeInHaste();
+    CAppLog::Flush();
+  });
+  ProgressState state;
+  state.headends = static_cast<unsigned int>(candidates.size());
+  state.budget = timeLimit(reason);
+  while (!run.waitForDelivery(DrawingInterval)) {
+    const ProbeRecorder::Progress progress = recorder.progress();
+    state.answered = progress.placesAnswered;
+    state.probesEnded = progress.probesEnded;
+    state.elapsed = run.elapsed();
+    line->draw(state);
+  }
+  line->close();
+}
+
+void waitQuietly(SelectionRun& run) {
+  while (!run.waitForDelivery(std::chrono::hours(1))) {
+  }
+}
+
+SelectionResult resultOf(const SelectionRun& run, const SelectPlan& plan,
+                         const std::vector<Candidate>& candidates, const ProbeRecorder& recorder,
+                         const HeldCache& cache) {
+  SelectionRun::Delivery delivery = run.delivery();
+  SelectionResult result;
+  result.reason = plan.reason;
+  result.status = delivery.status;
+  result.headends = std::move(delivery.headends);
+  result.extraInfo = std::move(delivery.extraInfo);
+  result.report = std::move(delivery.report);
+  result.elapsed = delivery.elapsed;
+  result.fromCache = result.status == HEADENDSELECTION_SUCCESS;
+  const bool isSelected = exitStatusOf(result.status) == ExitSelected;
+  result.results = collectResults(result.headends, candidates, recorder.tracks(),
+                                  isSelected ? cache.lastRecords() : std::vector<CHeadendRTT>{},
+                                  result.fromCache);
+  return result;
+}
+
+int print(const SelectionResult& result, const SelectOptions& options, const SelectPlan& plan) {
+  const std::string text = options.json    ? jsonOutput(result)
+                           : options.quiet ? quietOutput(result)
+                                           : textOutput(result);
+  const int exitStatus = Console::writeResult(text, exitStatusOf(result.status));
+  const std::string advice = adviceFor(result, plan.profilePlaces);
+  if (!advice.empty()) {
+    Console::complain(advice);
+  }
+  return exitStatus;
+}
+
+int measureAndPrint(const SelectOptions& options, const SelectPlan& plan) {
+  const std::vector<Candidate> candidates = findCandidates();
+  noteUnknownLast(plan.last, candidates);
+  const auto recorder = std::make_shared<ProbeRecorder>();
+  HttpProbe::SetWatcher(recorder);
+  const HeldCache cache;
+  SelectionRun run;
+  const STATUSCODE status = run.start(plan.reason, plan.last);
+  if (status != 0) {
+    Console::complain("the selection could not be started: " + std::string(statusCodeName(status)) +
+                      " (" + statusAsHex(status) +
+                      "). 'ahs select --log-level info' tells each step.");
+    return ExitNotMeasured;
+  }
+  if (wantsProgress(options, plan)) {
+    waitWithProgress(run, *recorder, candidates, plan.reason);
+  } else {
+    waitQuietly(run);
+  }
+  const int exitStatus = print(resultOf(run, plan, candidates, *recorder, cache), options, plan);
+  if (!run.waitForEnd(LongestRunEnd)) {
+    // Threads that still wait for an answer must not see their process taken down around them.
+    CAppLog::Flush();
+    _exit(exitStatus);
+  }
+  HttpProbe::SetWatcher(nullptr);
+  return exitStatus;
+}
+
+int runSelect(const SelectOptions& options) {
+  Interruption::setTidyUp([] { CAppLog::Flush(); });
+  SelectPlan plan;
+  std::vector<std::string> problems;
+  const std::string error = makePlan(options, defaultPaths(), plan, problems);
+  if (!error.empty()) {
+    return complainOfUsage(error, problems);
+  }
+  CClientLibrary::Options libraryOptions{plan.sources, plan.log, ""};
+  STATUSCODE status = 0;
+  const CClientLibrary library(libraryOptions, status);
+  if (!libraryOptions.logProblem.empty()) {
+    return complainOfUsage("the log cannot be written: " + libraryOptions.logProblem, {});
+  }
+  if (status != 0) {
+    Console::complain(
+        "the client library could not be started: " + std::string(statusCodeName(status)) + " (" +
+        statusAsHex(status) + "). The machine may be short of memory or threads.");
+    return ExitUsage;
+  }
+  if (!hasProfiles()) {
+    return complainOfUsage(
+        "no host was given and no usable profile was found: profiles (files *.xml) were looked for "
+        "in " +
+            plan.profilePlaces +
+            ". Name hosts, as in 'ahs select gw1.example.com gw2.example.com:8443', or a directory "
+            "with --profiles.",
+        {});
+  }
+  return measureAndPrint(options, plan);
+}
+
+void addInputs(CLI::App& command, SelectOptions& options) {
+  command.add_option("HOST", options.hosts, "Hosts to measure, in place of all profiles")
+      ->option_text("[HOST[:PORT]...]");
+  command.add_option("--profiles", options.profiles, "Directory of the profiles")
+      ->option_text("DIR");
+  command.add_option("--preferences", options.preferences, "The user's preferences file")
+      ->option_text("FILE");
+  command
+      .add_option("--global-preferences", options.globalPreferences,
+                  "The machine's preferences file")
+      ->option_text("FILE");
+  command.add_option("--last", options.last, "Host entry that was used last")->option_text("NAME");
+  command
+      .add_option("--reason", options.reason,
+                  "Why a headend is wanted: " + reasonNames() +
+                      " (or 0 to 5); connection "
+                      "unless given")
+      ->option_text("NAME|0-5");
+}
+
+void addCacheAndOutput(CLI::App& command, SelectOptions& options) {
+  command.add_option("--cache-dir", options.cacheDirectory, "Directory of the selection cache")
+      ->option_text("DIR");
+  command.add_flag("--no-cache", options.noCache, "Measure anew and store nothing");
+  command.add_flag("--json", options.json, "Print one JSON object");
+  command.add_flag("--quiet", options.quiet, "Print the first headend only");
+  command
+      .add_option("--log-level", options.logLevel,
+                  "Least important message that is logged; to standard error unless another "
+                  "target is named")
+      ->option_text("error|warning|info|off");
+  command.add_option("--log-file", options.logFile, "Log to a file, rotated at 4 MiB")
+      ->option_text("FILE");
+  command.add_flag("--syslog", options.syslog, "Log to the system's log");
+}
+
+}  // namespace
+
+void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
+  CLI::App* command = tool.add_subcommand(
+      "select", "Measure the headends and print the nearest first, or take them from the cache");
+  const auto options = std::make_shared<SelectOptions>();
+  addInputs(*command, *options);
+  addCacheAndOutput(*command, *options);
+  command->footer(
+      "Examples:\n"
+      "  ahs select                                     the headends of the profiles\n"
+      "  ahs select gw1.example.com gw2.example.com:8443\n"
+      "  ahs select --reason reconnection --last Berlin\n"
+      "  ahs select --json --no-cache | jq '.headends[0]'\n"
+      "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
+      "3 a proxy asks for authentication, 128 + number of the signal that ended it.");
+  command->callback([&chosen, options] { chosen = [options] { return runSelect(*options); }; });
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "vpn/Api/ClientIfcBase.h"
+#include "vpn/Common/Utility/Thread.h"
+#include "vpn/include/StatusCode.h"
+
+/// One selection run seen by its client: starts it on a thread, hears its result and its report.
+/// The client library must be up. An object whose run has started must not be destroyed before the
+/// run has ended.
+class SelectionRun : public ClientIfcBase {
+ public:
+  /// What the run delivered.
+  struct Delivery {
+    STATUSCODE status = 0;
+    std::vector<std::string> headends;
+    std::string extraInfo;
+    std::string report;  ///< empty when the run wrote none
+    std::chrono::milliseconds elapsed{0};
+  };
+
+  SelectionRun();
+  ~SelectionRun() override;
+
+  /// Starts the run. To be called once.
+  /// @return 0, or why there is no run; nothing is delivered then.
+  STATUSCODE start(unsigned int reason, const std::string& last);
+
+  /// Waits for the result. @return whether it is there.
+  bool waitForDelivery(std::chrono::milliseconds longest);
+
+  /// The result; empty before it is there.
+  Delivery delivery() const;
+
+  /// Time since the start.
+  std::chrono::milliseconds elapsed() const;
+
+  /// Waits until the run's thread has ended, which after a time-out is later than the result.
+  /// @return whether it has.
+  bool waitForEnd(std::chrono::milliseconds longest);
+
+  void AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends, long status,
+                       const std::string& extraInfo) override;
+
+ private:
+  std::chrono::steady_clock::time_point m_start;  // written before the run's threads exist
+  std::unique_ptr<CThread> m_thread;              // the owner's thread's
+
+  mutable std::mutex m_lock;
+  std::condition_variable m_delivered;
+  bool m_isDelivered;   // guarded by m_lock
+  Delivery m_delivery;  // guarded by m_lock
+};

@@ -1,0 +1,102 @@
+// Makes certificates through OpenSSL's API: no key is ever in a file or an argument list.
+
+#include "simulator/Certificates.h"
+
+#include <openssl/ec.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace simulator {
+namespace {
+
+constexpr long kDay = 24 * 60 * 60;
+/// Clocks of a test's machines may differ.
+constexpr long kValidFrom = -kDay;
+constexpr long kValidUntil = 30 * kDay;
+
+[[noreturn]] void Fail(const char* operation) {
+  char reason[256] = {};
+  ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
+  throw std::runtime_error(std::string(operation) + ": " + reason);
+}
+
+OpenSslPtr<EVP_PKEY> MakeKey() {
+  // The cheapest of the common curves to sign with, and every client knows it.
+  OpenSslPtr<EVP_PKEY> key(EVP_EC_gen("P-256"));
+  if (!key) Fail("EVP_EC_gen");
+  return key;
+}
+
+/// A certificate with all but extensions and signature.
+OpenSslPtr<X509> MakeCertificate(const std::string& commonName, EVP_PKEY* key) {
+  OpenSslPtr<X509> certificate(X509_new());
+  if (!certificate) Fail("X509_new");
+  constexpr long kVersion3 = 2;
+  X509_set_version(certificate.get(), kVersion3);
+
+  std::uint64_t serial = 0;
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1) Fail("RAND_bytes");
+  // A serial number is positive.
+  ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), (serial >> 1) | 1);
+  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), kValidFrom);
+  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), kValidUntil);
+  X509_set_pubkey(certificate.get(), key);
+  X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_UTF8,
+                             reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1, 0);
+  return certificate;
+}
+
+void AddExtension(X509* certificate, X509* issuer, int kind, const std::string& value) {
+  X509V3_CTX context;
+  X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str());
+  if (extension == nullptr) Fail("X509V3_EXT_conf_nid");
+  X509_add_ext(certificate, extension, -1);
+  X509_EXTENSION_free(extension);
+}
+
+}  // namespace
+
+CertificateAuthority::CertificateAuthority()
+    : m_key(MakeKey()),
+      m_serverKey(MakeKey()),
+      m_certificate(MakeCertificate("Simulated gateways' authority", m_key.get())) {
+  X509* self = m_certificate.get();
+  X509_set_issuer_name(self, X509_get_subject_name(self));
+  AddExtension(self, self, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
+  AddExtension(self, self, NID_key_usage, "critical,keyCertSign,cRLSign");
+  AddExtension(self, self, NID_subject_key_identifier, "hash");
+  if (X509_sign(self, m_key.get(), EVP_sha256()) == 0) Fail("X509_sign");
+}
+
+void CertificateAuthority::Write(const std::string& path) const {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "we"),
+                                                             std::fclose);
+  if (!file || PEM_write_X509(file.get(), m_certificate.get()) != 1 ||
+      std::fflush(file.get()) != 0) {
+    throw std::runtime_error(path + ": cannot be written");
+  }
+}
+
+OpenSslPtr<X509> CertificateAuthority::Issue(const IpAddress& address,
+                                             const std::vector<std::string>& names) const {
+  auto certificate =
+      MakeCertificate(names.empty() ? address.Text() : names.front(), m_serverKey.get());
+  std::string alternatives = "IP:" + address.Text();
+  for (const std::string& name : names) alternatives += ",DNS:" + name;
+
+  X509_set_issuer_name(certificate.get(), X509_get_subject_name(m_certificate.get()));
+  AddExtension(certificate.get(), m_certificate.get(), NID_basic_constraints, "critical,CA:FALSE");
+  AddExtension(certificate.get(), m_certificate.get(), NID_ext_key_usage, "serverAuth");
+  AddExtension(certificate.get(), m_certificate.get(), NID_subject_alt_name, alternatives);
+  AddExtension(certificate.get(), m_certificate.get(), NID_authority_key_identifier, "keyid");
+  if (X509_sign(certificate.get(), m_key.get(), EVP_sha256()) == 0) Fail("X509_sign");
+  return certificate;
+}
+
+}  // namespace simulator

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace simulator {
+
+/// Owns an open file and closes it at the end. -1 stands for none.
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int fd) : m_fd(fd) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    std::swap(m_fd, other.m_fd);
+    return *this;
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() { Close(); }
+
+  int Get() const { return m_fd; }
+  explicit operator bool() const { return m_fd >= 0; }
+
+  void Close() {
+    if (m_fd >= 0) close(std::exchange(m_fd, -1));
+  }
+
+ private:
+  int m_fd = -1;
+};
+
+}  // namespace simulator

@@ -1,0 +1,393 @@
+// One loop plays all gateways. Every socket is watched edge-triggered and each event drives its
+// connection until the socket has nothing more to give or take; a connection that waits (for its
+// gateway's delay, or to be closed as idle) has an appointment in one queue. What a peer can make
+// this process keep is bounded: the head of a request, the number of connections, and the time of
+// each.
+
+#include "simulator/GatewayServer.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <optional>
+#include <system_error>
+
+namespace simulator {
+namespace {
+
+/// As web servers have it.
+constexpr std::size_t kMostHeadBytes = 16 * 1024;
+/// Beyond it the oldest way of a server to defend itself: it closes newcomers.
+constexpr std::size_t kMostConnections = 50'000;
+/// Longer than any probe waits, so that it is the client who gives up on a silent gateway.
+constexpr auto kLongestIdle = std::chrono::seconds(90);
+/// The kernel cuts it to its own limit (net.core.somaxconn).
+constexpr int kBacklog = 65'535;
+/// First byte of a TLS handshake record.
+constexpr unsigned char kTlsHandshake = 0x16;
+
+/// Keys of epoll: listeners by index, then these, then connections.
+constexpr std::uint64_t kStopKey = 1'000'000'000;
+constexpr std::uint64_t kAlarmKey = kStopKey + 1;
+constexpr std::uint64_t kFirstConnectionKey = kStopKey + 2;
+
+[[noreturn]] void Fail(const std::string& operation) {
+  throw std::system_error(errno, std::generic_category(), operation);
+}
+
+enum class Io { Done, WouldBlock, Ended };
+
+}  // namespace
+
+/// One client: what it said, what it is owed, and when.
+class Connection {
+ public:
+  Connection(FileDescriptor socket, const Gateway& gateway, const Behaviour& behaviour,
+             std::function<OpenSslPtr<SSL>(int)> makeTls)
+      : m_socket(std::move(socket)),
+        m_gateway(gateway),
+        m_behaviour(behaviour),
+        m_makeTls(std::move(makeTls)),
+        m_idleUntil(Clock::now() + kLongestIdle) {}
+
+  /// Does what can be done now. @return false when the connection is over.
+  bool Advance(Clock::time_point now);
+
+  /// The moment at which `Advance` has to be called again if nothing happens before.
+  Clock::time_point NextAppointment() const {
+    return m_due ? std::min(*m_due, m_idleUntil) : m_idleUntil;
+  }
+
+  /// The moment that stands in the server's queue.
+  Clock::time_point appointment;
+
+ private:
+  enum class Phase { Unspoken, Plain, Tls };
+
+  bool Read();
+  bool BeginIfAsked(Clock::time_point now);
+  bool NextPiece(Clock::time_point now);
+  bool EndAnswer();
+  Io ReadSome(char* buffer, std::size_t size, std::size_t& count);
+  Io WriteSome();
+  Io TlsResult(int result);
+
+  FileDescriptor m_socket;
+  const Gateway& m_gateway;
+  const Behaviour& m_behaviour;
+  std::function<OpenSslPtr<SSL>(int)> m_makeTls;
+  Clock::time_point m_idleUntil;
+  Phase m_phase = Phase::Unspoken;
+  OpenSslPtr<SSL> m_tls;
+  std::string m_input;
+  /// The request that is being answered, and how far.
+  std::optional<Request> m_request;
+  std::size_t m_nextPiece = 0;
+  std::string m_output;
+  /// When `m_output` may go out.
+  std::optional<Clock::time_point> m_due;
+};
+
+bool Connection::Advance(Clock::time_point now) {
+  if (now >= m_idleUntil) return false;
+  if (!Read()) return false;
+  // A handshake takes its time, which is not part of the gateway's delay.
+  now = Clock::now();
+  // Ends: every turn answers a request, and there is no more input than was read.
+  while (BeginIfAsked(now)) {
+    if (m_due && now < *m_due) return true;
+    m_due.reset();
+    switch (WriteSome()) {
+      case Io::WouldBlock:
+        return true;
+      case Io::Ended:
+        return false;
+      case Io::Done:
+        break;
+    }
+    m_idleUntil = now + kLongestIdle;
+    if (!NextPiece(now) && !EndAnswer()) return false;
+  }
+  return true;
+}
+
+bool Connection::Read() {
+  if (m_phase == Phase::Unspoken) {
+    unsigned char first = 0;
+    const ssize_t count = recv(m_socket.Get(), &first, 1, MSG_PEEK);
+    if (count < 0) return errno == EAGAIN || errno == EINTR;
+    if (count == 0) return false;
+    m_phase = Phase::Plain;
+    if (first == kTlsHandshake && m_behaviour.acts == Behaviour::Acts::OnRequest) {
+      m_phase = Phase::Tls;
+      m_tls = m_makeTls(m_socket.Get());
+      if (!m_tls) return false;
+    }
+  }
+  std::array<char, 4096> buffer;
+  // Ends: the input is bounded.
+  while (m_input.size() <= kMostHeadBytes) {
+    std::size_t count = 0;
+    switch (ReadSome(buffer.data(), buffer.size(), count)) {
+      case Io::WouldBlock:
+        return true;
+      case Io::Ended:
+        return false;
+      case Io::Done:
+        break;
+    }
+    m_input.append(buffer.data(), count);
+  }
+  // A gateway that never acts lets its peer talk until the kernel's buffers are full.
+  return m_behaviour.acts == Behaviour::Acts::Never;
+}
+
+/// @return whether an answer is under way.
+bool Connection::BeginIfAsked(Clock::time_point now) {
+  if (m_request) return true;
+  if (m_behaviour.acts == Behaviour::Acts::Never) return false;
+  Request request;
+  if (m_behaviour.acts == Behaviour::Acts::OnFirstBytes) {
+    if (m_input.empty()) return false;
+    m_input.clear();
+  } else {
+    constexpr std::string_view kHeadEnd = "\r\n\r\n";
+    const std::size_t end = m_input.find(kHeadEnd);
+    if (end == std::string::npos) return false;
+    request.secure = m_phase == Phase::Tls;
+    request.head = m_input.substr(0, end + kHeadEnd.size());
+    m_input.erase(0, end + kHeadEnd.size());
+  }
+  m_request = std::move(request);
+  m_nextPiece = 0;
+  NextPiece(now);
+  m_due = m_due.value_or(now) + m_gateway.delay;
+  return true;
+}
+
+/// @return whether there is one.
+bool Connection::NextPiece(Clock::time_point now) {
+  if (m_behaviour.answer == nullptr) return false;
+  auto piece = m_behaviour.answer(*m_request, m_nextPiece);
+  if (!piece) return false;
+  ++m_nextPiece;
+  m_output = std::move(piece->bytes);
+  m_due = now + piece->pause;
+  return true;
+}
+
+/// @return whether the connection goes on.
+bool Connection::EndAnswer() {
+  const bool ends =
+      m_behaviour.afterwards != Behaviour::Afterwards::AsHttpSays || EndsConnection(*m_request);
+  m_request.reset();
+  if (!ends) return true;
+  if (m_behaviour.afterwards == Behaviour::Afterwards::Reset) {
+    const linger atOnce{1, 0};
+    setsockopt(m_socket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  } else if (m_tls) {
+    SSL_shutdown(m_tls.get());
+  }
+  return false;
+}
+
+Io Connection::ReadSome(char* buffer, std::size_t size, std::size_t& count) {
+  if (m_tls) {
+    ERR_clear_error();
+    return TlsResult(SSL_read_ex(m_tls.get(), buffer, size, &count));
+  }
+  const ssize_t result = recv(m_socket.Get(), buffer, size, 0);
+  if (result > 0) {
+    count = static_cast<std::size_t>(result);
+    return Io::Done;
+  }
+  if (result < 0 && (errno == EAGAIN || errno == EINTR)) return Io::WouldBlock;
+  return Io::Ended;
+}
+
+Io Connection::WriteSome() {
+  while (!m_output.empty()) {
+    std::size_t count = 0;
+    if (m_tls) {
+      ERR_clear_error();
+      const Io result =
+          TlsResult(SSL_write_ex(m_tls.get(), m_output.data(), m_output.size(), &count));
+      if (result != Io::Done) return result;
+    } else {
+      const ssize_t result = send(m_socket.Get(), m_output.data(), m_output.size(), MSG_NOSIGNAL);
+      if (result < 0) return errno == EAGAIN || errno == EINTR ? Io::WouldBlock : Io::Ended;
+      count = static_cast<std::size_t>(result);
+    }
+    m_output.erase(0, count);
+  }
+  return Io::Done;
+}
+
+Io Connection::TlsResult(int result) {
+  if (result == 1) return Io::Done;
+  const int error = SSL_get_error(m_tls.get(), result);
+  return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? Io::WouldBlock : Io::Ended;
+}
+
+GatewayServer::GatewayServer(const Scene& scene, const CertificateAuthority& authority)
+    : m_authority(authority), m_gateways(scene.gateways), m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
+  if (!m_epoll) Fail("epoll_create1");
+  // A peer that is gone must not end the process while TLS writes to it.
+  std::signal(SIGPIPE, SIG_IGN);
+  MakeContext();
+  for (const HostName& host : scene.names) m_namesOfAddress.emplace(host.address.Text(), host.name);
+
+  // Connections keep references to the listeners' gateways: neither moves from here on.
+  for (std::size_t i = 0; i < m_gateways.size(); ++i) {
+    const Behaviour* behaviour = FindBehaviour(m_gateways[i].behaviour);
+    if (behaviour == nullptr) throw SceneError("no behaviour '" + m_gateways[i].behaviour + "'");
+    if (behaviour->listens) Listen(i, *behaviour);
+  }
+  for (std::size_t i = 0; i < m_listeners.size(); ++i)
+    Watch(m_listeners[i].socket.Get(), i, EPOLLIN);
+  Watch(m_alarm.Fd(), kAlarmKey, EPOLLIN);
+  m_nextKey = kFirstConnectionKey;
+}
+
+GatewayServer::~GatewayServer() = default;
+
+void GatewayServer::MakeContext() {
+  m_context.reset(SSL_CTX_new(TLS_server_method()));
+  if (!m_context) throw std::runtime_error("SSL_CTX_new failed");
+  // Thousands of clients that come once: nothing is remembered of them.
+  SSL_CTX_set_session_cache_mode(m_context.get(), SSL_SESS_CACHE_OFF);
+  SSL_CTX_set_mode(m_context.get(), SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE |
+                                        SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+}
+
+void GatewayServer::Listen(std::size_t gateway, const Behaviour& behaviour) {
+  const IpAddress& address = m_gateways[gateway].address;
+  FileDescriptor socket(
+      ::socket(address.IsV4() ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const std::string where = address.Text() + " port " + std::to_string(m_gateways[gateway].port);
+  if (!socket) Fail(where);
+  const int on = 1;
+  setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  // An address of a range that is routed to this machine belongs to no interface.
+  setsockopt(socket.Get(), SOL_IP, IP_FREEBIND, &on, sizeof on);
+  setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+
+  sockaddr_storage name;
+  socklen_t length = address.ToSocketAddress(m_gateways[gateway].port, name);
+  if (bind(socket.Get(), reinterpret_cast<sockaddr*>(&name), length) != 0 ||
+      listen(socket.Get(), kBacklog) != 0 ||
+      getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&name), &length) != 0) {
+    Fail(where);
+  }
+  // The port is at the same place in both kinds of address.
+  m_gateways[gateway].port = ntohs(reinterpret_cast<const sockaddr_in*>(&name)->sin_port);
+  m_listeners.push_back({std::move(socket), gateway, &behaviour, nullptr});
+}
+
+void GatewayServer::Watch(int fd, std::uint64_t key, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = key;
+  if (epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, fd, &event) != 0) Fail("epoll_ctl");
+}
+
+void GatewayServer::Run(int stopFd) {
+  Watch(stopFd, kStopKey, EPOLLIN);
+  std::array<epoll_event, 256> events;
+  // Ends when the stop file becomes readable.
+  while (true) {
+    m_alarm.Set(m_appointments.empty() ? std::nullopt : std::optional(m_appointments.top().due));
+    const int count = epoll_wait(m_epoll.Get(), events.data(), static_cast<int>(events.size()), -1);
+    if (count < 0 && errno != EINTR) Fail("epoll_wait");
+    for (int i = 0; i < count; ++i) {
+      const std::uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
+      if (key == kStopKey) return;
+      if (key == kAlarmKey) {
+        m_alarm.Acknowledge();
+      } else if (key < kStopKey) {
+        Accept(m_listeners[key]);
+      } else {
+        Advance(key);
+      }
+    }
+    KeepAppointments();
+  }
+}
+
+void GatewayServer::Accept(Listener& listener) {
+  // The rest of a longer queue waits for its turn: the listener stays readable.
+  constexpr int kMostAtOnce = 64;
+  for (int i = 0; i < kMostAtOnce; ++i) {
+    FileDescriptor socket(
+        accept4(listener.socket.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket) return;
+    if (m_connections.size() >= kMostConnections) continue;
+    const std::uint64_t key = m_nextKey++;
+    const int fd = socket.Get();
+    auto& connection = m_connections[key];
+    connection = std::make_unique<Connection>(
+        std::move(socket), m_gateways[listener.gateway], *listener.behaviour,
+        [this, &listener](int tlsFd) { return MakeTls(tlsFd, listener); });
+    Appoint(key, *connection);
+    Watch(fd, key, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET);
+  }
+}
+
+void GatewayServer::Advance(std::uint64_t key) {
+  const auto found = m_connections.find(key);
+  if (found == m_connections.end()) return;
+  Connection& connection = *found->second;
+  if (!connection.Advance(Clock::now())) {
+    m_connections.erase(found);
+  } else if (connection.NextAppointment() < connection.appointment) {
+    // A later one is made when the earlier one is kept.
+    Appoint(key, connection);
+  }
+}
+
+void GatewayServer::Appoint(std::uint64_t key, Connection& connection) {
+  connection.appointment = connection.NextAppointment();
+  m_appointments.push({connection.appointment, key});
+}
+
+void GatewayServer::KeepAppointments() {
+  const auto now = Clock::now();
+  while (!m_appointments.empty() && m_appointments.top().due <= now) {
+    const auto [due, key] = m_appointments.top();
+    m_appointments.pop();
+    const auto found = m_connections.find(key);
+    // An earlier one took the place of this one.
+    if (found == m_connections.end() || found->second->appointment != due) continue;
+    if (found->second->Advance(now)) {
+      Appoint(key, *found->second);
+    } else {
+      m_connections.erase(found);
+    }
+  }
+}
+
+OpenSslPtr<SSL> GatewayServer::MakeTls(int fd, Listener& listener) {
+  const IpAddress& address = m_gateways[listener.gateway].address;
+  if (!listener.certificate) {
+    std::vector<std::string> names;
+    const auto [begin, end] = m_namesOfAddress.equal_range(address.Text());
+    for (auto name = begin; name != end; ++name) names.push_back(name->second);
+    listener.certificate = m_authority.Issue(address, names);
+  }
+  OpenSslPtr<SSL> tls(SSL_new(m_context.get()));
+  if (!tls || SSL_set_fd(tls.get(), fd) != 1 ||
+      SSL_use_certificate(tls.get(), listener.certificate.get()) != 1 ||
+      SSL_use_PrivateKey(tls.get(), m_authority.ServerKey()) != 1) {
+    return nullptr;
+  }
+  SSL_set_accept_state(tls.get());
+  return tls;
+}
+
+}  // namespace simulator

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <queue>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "simulator/Alarm.h"
+#include "simulator/Behaviours.h"
+#include "simulator/Certificates.h"
+#include "simulator/FileDescriptor.h"
+#include "simulator/Scene.h"
+
+namespace simulator {
+
+class Connection;
+
+/// Plays all gateways of a scene on the thread that calls it; thousands of gateways and connections
+/// are no burden. Not for several threads.
+class GatewayServer {
+ public:
+  /// Listens on every gateway's address and port that its behaviour wants listened on.
+  /// @throws SceneError for an unknown behaviour, std::system_error for an address that cannot be
+  /// had.
+  GatewayServer(const Scene& scene, const CertificateAuthority& authority);
+  ~GatewayServer();
+  GatewayServer(const GatewayServer&) = delete;
+  GatewayServer& operator=(const GatewayServer&) = delete;
+
+  /// The gateways as they listen, ports filled in; those that do not listen are among them.
+  const std::vector<Gateway>& Gateways() const { return m_gateways; }
+
+  /// Serves until `stopFd` is readable.
+  void Run(int stopFd);
+
+ private:
+  struct Listener {
+    FileDescriptor socket;
+    std::size_t gateway = 0;
+    const Behaviour* behaviour = nullptr;
+    /// Made when the first client speaks TLS.
+    OpenSslPtr<X509> certificate;
+  };
+  /// A connection wants attention at a moment.
+  struct Appointment {
+    Clock::time_point due;
+    std::uint64_t connection;
+    bool operator>(const Appointment& other) const { return due > other.due; }
+  };
+
+  void MakeContext();
+  void Listen(std::size_t gateway, const Behaviour& behaviour);
+  void Watch(int fd, std::uint64_t key, std::uint32_t events);
+  void Accept(Listener& listener);
+  void Advance(std::uint64_t key);
+  void Appoint(std::uint64_t key, Connection& connection);
+  void KeepAppointments();
+  OpenSslPtr<SSL> MakeTls(int fd, Listener& listener);
+
+  const CertificateAuthority& m_authority;
+  std::unordered_multimap<std::string, std::string> m_namesOfAddress;
+  OpenSslPtr<SSL_CTX> m_context;
+  std::vector<Gateway> m_gateways;
+  FileDescriptor m_epoll;
+  Alarm m_alarm;
+  std::vector<Listener> m_listeners;
+  std::uint64_t m_nextKey = 0;
+  std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> m_connections;
+  std::priority_queue<Appointment, std::vector<Appointment>, std::greater<>> m_appointments;
+};
+
+}  // namespace simulator

@@ -1,0 +1,96 @@
+// The command `ahs-gateways`: gateways that speak real TLS, in the foreground, until a signal or
+// the end of whoever started it. It says "ready" on its standard output once all of them listen.
+
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <exception>
+#include <iostream>
+
+#include "simulator/GatewayServer.h"
+#include "simulator/Processes.h"
+
+namespace {
+
+using namespace simulator;
+
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
+std::string Footer() {
+  std::string text =
+      "A gateway is written ADDRESS:PORT[,delay=MS][,behaviour=NAME]; port 0 takes a free "
+      "one.\nBehaviours:";
+  for (const Behaviour& behaviour : AllBehaviours()) {
+    text += "\n  " + std::string(behaviour.name) + ": " + std::string(behaviour.summary);
+  }
+  return text;
+}
+
+/// Signals that end the program, as a file.
+FileDescriptor BlockEndSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
+}
+
+/// A file for every connection of thousands of gateways.
+void AllowManyFiles() {
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) != 0) return;
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
+}
+
+void Announce(const GatewayServer& server) {
+  for (const Gateway& gateway : server.Gateways()) {
+    const bool v4 = gateway.address.IsV4();
+    std::cout << "gateway " << (v4 ? "" : "[") << gateway.address.Text() << (v4 ? "" : "]") << ':'
+              << gateway.port << ' ' << gateway.behaviour << '\n';
+  }
+  std::cout << "ready" << std::endl;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string config;
+  std::string authorityFile;
+  std::vector<std::string> gateways;
+  CLI::App app("Plays VPN gateways that speak TLS.", "ahs-gateways");
+  app.add_option("--config", config, "File that describes the scene (see simulator/README.md)");
+  app.add_option("--gateway", gateways, "A gateway; may be given several times")
+      ->allow_extra_args(false);
+  app.add_option("--write-ca", authorityFile, "Write the certificate to trust to this file (PEM)");
+  app.footer(Footer());
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kUsage;
+  }
+
+  const FileDescriptor stop = BlockEndSignals();
+  if (!EndWithParent()) return kFailed;
+  try {
+    Scene scene;
+    if (!config.empty()) scene.AddFile(config);
+    for (const std::string& gateway : gateways) scene.AddLine("gateway " + gateway);
+    AllowManyFiles();
+    const CertificateAuthority authority;
+    if (!authorityFile.empty()) authority.Write(authorityFile);
+    GatewayServer server(scene, authority);
+    Announce(server);
+    server.Run(stop.Get());
+    return 0;
+  } catch (const SceneError& error) {
+    std::cerr << "ahs-gateways: " << error.what() << '\n';
+    return kUsage;
+  } catch (const std::exception& error) {
+    std::cerr << "ahs-gateways: " << error.what() << '\n';
+    return kFailed;
+  }
+}

@@ -1,0 +1,140 @@
+// Starts programs and sees to it that none of them is left behind: each dies with this process,
+// each is ended by its number, and those that have lost their parent have become children of this
+// process.
+
+#include "simulator/Processes.h"
+
+#include <dirent.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <system_error>
+#include <thread>
+
+namespace simulator {
+namespace {
+
+/// What the child does between fork and exec; async-signal-safe calls only.
+[[noreturn]] void Become(const Launch& launch, char* const* arguments, pid_t parent) {
+  sigset_t none;
+  sigemptyset(&none);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const bool prepared =
+      getppid() == parent &&
+      (launch.networkNamespace < 0 || setns(launch.networkNamespace, CLONE_NEWNET) == 0) &&
+      (launch.standardInput < 0 || dup2(launch.standardInput, STDIN_FILENO) >= 0) &&
+      (launch.standardOutput < 0 || dup2(launch.standardOutput, STDOUT_FILENO) >= 0) &&
+      (launch.standardError < 0 || dup2(launch.standardError, STDERR_FILENO) >= 0);
+  if (!prepared) _exit(kExitOwnFailure);
+  std::signal(SIGPIPE, SIG_DFL);
+  // A script's background jobs have it ignored, and could not be interrupted from a terminal.
+  std::signal(SIGINT, SIG_DFL);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  execvp(arguments[0], arguments);
+  const int error = errno;
+  const char* const reason = strerrordesc_np(error);
+  for (const char* text : {static_cast<const char*>(arguments[0]), ": ", reason, "\n"}) {
+    if (write(STDERR_FILENO, text, std::strlen(text)) < 0) break;
+  }
+  _exit(error == ENOENT ? kExitNotFound : kExitCannotExecute);
+}
+
+/// The children of this process; /proc/PID/task/TID/children would say it, where kernels have it.
+std::vector<pid_t> Children() {
+  std::vector<pid_t> children;
+  const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
+  if (!processes) return children;
+  while (const dirent* entry = readdir(processes.get())) {
+    pid_t pid = 0;
+    const char* const end = entry->d_name + std::strlen(entry->d_name);
+    if (std::from_chars(entry->d_name, end, pid).ptr != end) continue;
+    std::ifstream file("/proc/" + std::string(entry->d_name) + "/stat");
+    const std::string stat{std::istreambuf_iterator<char>(file), {}};
+    // "pid (name) state parent ...", and a name may have brackets of its own.
+    const std::size_t nameEnd = stat.rfind(") ");
+    if (nameEnd == std::string::npos || nameEnd + 4 >= stat.size()) continue;
+    pid_t parent = 0;
+    std::from_chars(stat.data() + nameEnd + 4, stat.data() + stat.size(), parent);
+    if (parent == getpid()) children.push_back(pid);
+  }
+  return children;
+}
+
+/// @return whether there are none left.
+bool Reap() {
+  pid_t ended = 0;
+  do {
+    ended = waitpid(-1, nullptr, WNOHANG);
+  } while (ended > 0);
+  return ended < 0 && errno == ECHILD;
+}
+
+}  // namespace
+
+bool EndWithParent() {
+  const pid_t parent = getppid();
+  return prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && getppid() == parent;
+}
+
+pid_t Start(const Launch& launch) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : launch.arguments) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));
+  }
+  arguments.push_back(nullptr);
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (child == 0) Become(launch, arguments.data(), parent);
+  return child;
+}
+
+int ExitStatus(int waitStatus) {
+  constexpr int kSignalled = 128;
+  return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : kSignalled + WTERMSIG(waitStatus);
+}
+
+int Run(const Launch& launch) {
+  const pid_t child = Start(launch);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "waitpid");
+  }
+  return ExitStatus(status);
+}
+
+void AdoptOrphans() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+
+void EndAllChildren(std::chrono::milliseconds patience) {
+  constexpr auto kStep = std::chrono::milliseconds(10);
+  const auto patienceEnds = std::chrono::steady_clock::now() + patience;
+  std::vector<pid_t> asked;
+  // Ends: what is killed does not come back, and its children are killed in the next turn. Without
+  // /proc none is found; they then die with this process.
+  while (!Reap()) {
+    const bool kill = std::chrono::steady_clock::now() >= patienceEnds;
+    const std::vector<pid_t> children = Children();
+    if (children.empty() && kill) return;
+    for (const pid_t child : children) {
+      if (kill) {
+        ::kill(child, SIGKILL);
+      } else if (std::ranges::find(asked, child) == asked.end()) {
+        ::kill(child, SIGTERM);
+        asked.push_back(child);
+      }
+    }
+    std::this_thread::sleep_for(kStep);
+  }
+}
+
+}  // namespace simulator

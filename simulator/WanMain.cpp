@@ -1,0 +1,315 @@
+// The command `ahs-wan`: runs a command in a network of its own, from which gateways are as far
+// away as the scene says. One thread carries all packets: it reads what the kernel has, lets each
+// packet wait its time in the delay line, and writes it to the other side.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <system_error>
+
+#include "simulator/Alarm.h"
+#include "simulator/DelayLine.h"
+#include "simulator/Network.h"
+#include "simulator/Processes.h"
+
+namespace {
+
+using namespace simulator;
+using namespace std::chrono_literals;
+
+constexpr int kUsage = 2;
+/// What automake and ctest take as "skipped".
+constexpr int kExitNotPermitted = 77;
+
+/// Thousands of gateways with certificates are ready within one second.
+constexpr auto kServersStartLimit = 30s;
+constexpr auto kEndPatience = 2s;
+
+struct Options {
+  std::string config;
+  std::vector<std::string> paths;
+  std::vector<std::string> names;
+  std::string servers;
+  std::uint64_t seed = 1;
+  bool statistics = false;
+  std::vector<std::string> command;
+};
+
+FileDescriptor BlockSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&signals, signal);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+/// Whoever leaves the room, no child stays.
+struct ChildrenEnd {
+  ~ChildrenEnd() { EndAllChildren(kEndPatience); }
+};
+
+/// On a busy machine packets must not wait for a processor: that would be a delay of the machine
+/// and not of the network. Where it is not permitted the network is as exact as the machine is
+/// idle.
+void TakePrecedence() {
+  sched_param priority{};
+  priority.sched_priority = sched_get_priority_min(SCHED_RR);
+  constexpr int kHighest = -20;
+  if (sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority) != 0) {
+    setpriority(PRIO_PROCESS, 0, kHighest);
+  }
+}
+
+class Wan {
+ public:
+  Wan(const Options& options, const Scene& scene);
+
+  /// Runs servers and command. @return the command's status.
+  int Run();
+
+ private:
+  void StartServers();
+  void Watch(int fd);
+  bool HandleSignals(int& status);
+  void DrainServers();
+  bool Read(Direction direction);
+  void Forward();
+  int Carry();
+  void PrintStatistics() const;
+
+  const Options& m_options;
+  FileDescriptor m_signals;
+  Network m_network;
+  DelayLine m_line;
+  ChildrenEnd m_childrenEnd;
+  FileDescriptor m_epoll;
+  Alarm m_alarm;
+  FileDescriptor m_serversOutput;
+  pid_t m_servers = 0;
+  pid_t m_command = 0;
+};
+
+Wan::Wan(const Options& options, const Scene& scene)
+    : m_options(options),
+      m_signals(BlockSignals()),
+      m_network(Network::Make(scene)),
+      m_line(scene, options.seed),
+      m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
+  HideOtherNames(scene);
+  AdoptOrphans();
+  for (const int fd :
+       {m_signals.Get(), m_network.gatewayTun.Get(), m_network.clientTun.Get(), m_alarm.Fd()}) {
+    Watch(fd);
+  }
+}
+
+void Wan::Watch(int fd) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = fd;
+  if (epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+  }
+}
+
+int Wan::Run() {
+  if (!m_options.servers.empty()) StartServers();
+  Launch launch;
+  launch.arguments = m_options.command;
+  m_command = Start(launch);
+  TakePrecedence();
+  const int status = Carry();
+  if (m_options.statistics) PrintStatistics();
+  return status;
+}
+
+/// Starts the servers and waits until they say "ready" on a line of their own.
+void Wan::StartServers() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+    throw std::system_error(errno, std::generic_category(), "pipe2");
+  }
+  m_serversOutput = FileDescriptor(ends[0]);
+  FileDescriptor writeEnd(ends[1]);
+  fcntl(writeEnd.Get(), F_SETFL, 0);
+  Launch launch;
+  launch.arguments = {"/bin/sh", "-c", "exec " + m_options.servers};
+  launch.networkNamespace = m_network.gatewayNamespace.Get();
+  launch.standardOutput = writeEnd.Get();
+  m_servers = Start(launch);
+  writeEnd.Close();
+
+  const auto limit = Clock::now() + kServersStartLimit;
+  std::string output = "\n";
+  while (output.find("\nready\n") == std::string::npos) {
+    std::array<char, 4096> buffer;
+    const ssize_t count = read(m_serversOutput.Get(), buffer.data(), buffer.size());
+    if (count > 0) {
+      output.append(buffer.data(), static_cast<std::size_t>(count));
+    } else if (count == 0) {
+      throw std::runtime_error("the servers ended before they were ready");
+    } else if (Clock::now() > limit) {
+      throw std::runtime_error("the servers are not ready in time");
+    } else {
+      signalfd_siginfo signal;
+      const bool interrupted =
+          read(m_signals.Get(), &signal, sizeof signal) > 0 && signal.ssi_signo != SIGCHLD;
+      if (interrupted) throw std::runtime_error("interrupted");
+      pollfd waiting{m_serversOutput.Get(), POLLIN, 0};
+      poll(&waiting, 1, 50);
+    }
+  }
+  Watch(m_serversOutput.Get());
+}
+
+/// Carries packets until the command has ended. @return its status.
+int Wan::Carry() {
+  int status = 0;
+  bool more = false;
+  while (true) {
+    Forward();
+    m_alarm.Set(m_line.NextDue());
+    std::array<epoll_event, 8> events;
+    const int count = epoll_wait(m_epoll.Get(), events.data(), events.size(), more ? 0 : -1);
+    if (count < 0 && errno != EINTR) {
+      throw std::system_error(errno, std::generic_category(), "epoll_wait");
+    }
+    for (int i = 0; i < count; ++i) {
+      const int fd = events[static_cast<std::size_t>(i)].data.fd;
+      if (fd == m_alarm.Fd()) m_alarm.Acknowledge();
+      if (fd == m_signals.Get() && HandleSignals(status)) return status;
+      if (fd == m_serversOutput.Get()) DrainServers();
+    }
+    more = Read(Direction::ToGateways);
+    more = Read(Direction::ToClients) || more;
+  }
+}
+
+/// @return whether the command has ended, and then its status.
+bool Wan::HandleSignals(int& status) {
+  signalfd_siginfo signal;
+  while (read(m_signals.Get(), &signal, sizeof signal) == sizeof signal) {
+    // The terminal has sent its own to the command as well.
+    const bool fromTerminal = signal.ssi_signo == SIGINT && signal.ssi_code == SI_KERNEL;
+    if (signal.ssi_signo != SIGCHLD && !fromTerminal) {
+      kill(m_command, static_cast<int>(signal.ssi_signo));
+    }
+  }
+  int waitStatus = 0;
+  pid_t ended = 0;
+  while ((ended = waitpid(-1, &waitStatus, WNOHANG)) > 0) {
+    if (ended == m_servers) std::cerr << "ahs-wan: the servers have ended\n";
+    if (ended == m_command) {
+      status = ExitStatus(waitStatus);
+      return true;
+    }
+  }
+  return false;
+}
+
+/// What servers print is of no interest once they are ready, but they must not wait for a reader.
+void Wan::DrainServers() {
+  std::array<char, 4096> buffer;
+  if (read(m_serversOutput.Get(), buffer.data(), buffer.size()) == 0) m_serversOutput.Close();
+}
+
+/// @return whether there may be more to read.
+bool Wan::Read(Direction direction) {
+  // Few at a time, so that packets that become due meanwhile do not wait for a burst.
+  constexpr int kMostAtOnce = 32;
+  const int tun =
+      direction == Direction::ToGateways ? m_network.clientTun.Get() : m_network.gatewayTun.Get();
+  std::array<unsigned char, 65'536> buffer;
+  for (int i = 0; i < kMostAtOnce; ++i) {
+    const ssize_t length = read(tun, buffer.data(), buffer.size());
+    if (length <= 0) return false;
+    m_line.Accept(direction, {buffer.data(), static_cast<std::size_t>(length)}, Clock::now());
+  }
+  return true;
+}
+
+void Wan::Forward() {
+  while (const auto packet = m_line.TakeDue(Clock::now())) {
+    const int tun = packet->direction == Direction::ToGateways ? m_network.gatewayTun.Get()
+                                                               : m_network.clientTun.Get();
+    // What the other side does not take is lost, as on any network.
+    if (write(tun, packet->bytes.data(), packet->bytes.size()) < 0) continue;
+  }
+}
+
+void Wan::PrintStatistics() const {
+  const DelayLine::Statistics& statistics = m_line.GetStatistics();
+  const std::chrono::duration<double, std::micro> worst = statistics.worstLateness;
+  const std::chrono::duration<double, std::micro> total = statistics.totalLateness;
+  const double count = statistics.forwarded == 0 ? 1 : static_cast<double>(statistics.forwarded);
+  std::cerr << "ahs-wan: " << statistics.forwarded << " packets carried, " << statistics.lost
+            << " lost, " << statistics.dropped << " dropped; mean " << total.count() / count
+            << " us late, worst " << worst.count() << " us\n";
+}
+
+/// @return -1 to go on, else the status to exit with.
+int ParseCommandLine(int argc, char** argv, Options& options) {
+  CLI::App app("Runs a command in a network in which gateways are far away.", "ahs-wan");
+  app.add_option("--config", options.config,
+                 "File that describes the scene (see simulator/README.md)");
+  app.add_option(
+         "--path", options.paths,
+         "ADDRESS[,rtt=MS][,jitter=MS][,loss=PERCENT][,reorder]; may be given several times")
+      ->allow_extra_args(false);
+  app.add_option("--name", options.names, "NAME,ADDRESS; may be given several times")
+      ->allow_extra_args(false);
+  app.add_option("--servers", options.servers,
+                 "Shell command that runs on the gateways' side; it prints \"ready\" when it is");
+  app.add_option("--seed", options.seed, "What jitter and loss begin with")->capture_default_str();
+  app.add_flag("--stats", options.statistics, "Say at the end how exact the network was");
+  app.add_option("command", options.command, "Command for the clients' side, after --")->required();
+  app.footer(
+      "Exit status: the command's; 2 usage, 77 not permitted on this machine, 125 own failure.");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kUsage;
+  }
+  return -1;
+}
+
+Scene ReadScene(const Options& options) {
+  Scene scene;
+  if (!options.config.empty()) scene.AddFile(options.config);
+  for (const std::string& path : options.paths) scene.AddLine("path " + path);
+  for (const std::string& name : options.names) scene.AddLine("name " + name);
+  return scene;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (const int status = ParseCommandLine(argc, argv, options); status >= 0) return status;
+  if (!EndWithParent()) return kExitOwnFailure;
+  try {
+    const Scene scene = ReadScene(options);
+    Wan wan(options, scene);
+    return wan.Run();
+  } catch (const NotPermitted& error) {
+    std::cerr << "ahs-wan: no network of its own here: " << error.what() << '\n';
+    return kExitNotPermitted;
+  } catch (const SceneError& error) {
+    std::cerr << "ahs-wan: " << error.what() << '\n';
+    return kUsage;
+  } catch (const std::exception& error) {
+    std::cerr << "ahs-wan: " << error.what() << '\n';
+    return kExitOwnFailure;
+  }
+}

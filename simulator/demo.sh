@@ -1,0 +1,268 @@
+#!/bin/bash
+# The demonstration: gateways that differ in distance, three that are of no use, and four selections
+# among them. Every outcome is checked. Whatever it starts it ends, also when it is interrupted.
+#
+#     demo.sh [--loopback] BUILD_DIRECTORY
+#
+# Where it may make a network of its own, it runs itself again inside ahs-wan (as `demo.sh --within
+# BUILD_DIRECTORY SCRATCH_DIRECTORY`) and the distances are the network's. Elsewhere, and with
+# --loopback, the gateways listen on the loopback interface and delay their answers, and the
+# preferences say to measure the answer.
+
+set -euo pipefail
+
+# Name, round-trip time in ms, last part of its address. Brussels is within 20 % of Amsterdam, the
+# improvement that makes a client leave the gateway it had; Sydney is far from it.
+readonly gateways=(
+  'Amsterdam   60 11'
+  'Brussels    66 12'
+  'Frankfurt   85 13'
+  'Madrid     110 14'
+  'New-York   140 15'
+  'Singapore  200 16'
+  'Sydney     280 17'
+)
+readonly refusing='Oslo' refusing_number=18
+readonly silent='Cairo' silent_number=19
+readonly unknown='Atlantis'
+
+# How often a measurement may be repeated: the network's round trips do not depend on how busy the
+# machine is, a program's answers do.
+attempts=1
+scratch=''
+gateways_pid=''
+
+end() {
+  local status=$?
+  trap - EXIT INT TERM HUP
+  if [[ -n $gateways_pid ]]; then
+    kill "$gateways_pid" 2>/dev/null || true
+    wait "$gateways_pid" 2>/dev/null || true
+  fi
+  if [[ -n $scratch ]]; then rm -rf "$scratch"; fi
+  exit "$status"
+}
+
+fail() {
+  printf '\ndemo: %s\n' "$1" >&2
+  exit 1
+}
+
+# say TEXT...: an explanation, set off from what the tool prints.
+say() {
+  printf '\n\033[1m== %s\033[0m\n' "$*" | if [[ -t 1 ]]; then cat; else sed 's/\x1b\[[0-9;]*m//g'; fi
+}
+
+host_entry() { printf '    <host name="%s" address="%s"/>\n' "$1" "$2"; }
+
+write_profile() {
+  local entry
+  mkdir "$scratch/profiles" "$scratch/cache"
+  {
+    printf '<profile version="1">\n  <preferences>\n'
+    printf '    <preference name="EnableAutomaticServerSelection" value="true"/>\n'
+    printf '  </preferences>\n  <hosts>\n'
+    while read -r entry; do
+      # shellcheck disable=SC2086 # name and address are two words
+      host_entry $entry
+    done
+    printf '  </hosts>\n</profile>\n'
+  } >"$scratch/profiles/demo.xml"
+}
+
+# write_preferences MEASURE PROBES: a silent gateway is given up after one second a probe, to keep it
+# short.
+write_preferences() {
+  cat >"$scratch/preferences.xml" <<XML
+<preferences version="1">
+  <preference name="SelectionPingTimeout" value="1000"/>
+  <preference name="SelectionTestPingTimeout" value="1"/>
+  <preference name="RoundTripTime" value="$1"/>
+  <preference name="SelectionPingsPerHeadend" value="$2"/>
+</preferences>
+XML
+}
+
+# run OPTION...: a selection, shown and kept.
+run() {
+  # What a proxy is set to on this machine has no say here.
+  env -u http_proxy -u https_proxy -u all_proxy -u HTTP_PROXY -u HTTPS_PROXY -u ALL_PROXY \
+    RES_OPTIONS='timeout:1 attempts:1' \
+    "$build/bin/ahs" select --profiles "$scratch/profiles" \
+    --preferences "$scratch/preferences.xml" --cache-dir "$scratch/cache" "$@" |
+    tee "$scratch/output" || fail "'ahs select' ended with status ${PIPESTATUS[0]}"
+}
+
+# came_out FIRST LINE: whether that is the first headend, and the report has the line.
+came_out() {
+  local first
+  first=$(sed -n 's/^ *1\. *\([^ ]*\).*/\1/p' "$scratch/output")
+  [[ $first == "$1" ]] && grep -qF -- "$2" "$scratch/output"
+}
+
+# measure FIRST LINE OPTION...: a selection that measures, and has to come out so.
+measure() {
+  local first=$1 line=$2 attempt
+  shift 2
+  for ((attempt = 1; attempt <= attempts; ++attempt)); do
+    rm -f "$scratch"/cache/*
+    run "$@"
+    if came_out "$first" "$line"; then return 0; fi
+    if ((attempt < attempts)); then say 'This machine is too busy to tell the gateways apart: once more'; fi
+  done
+  fail "expected $first first, and the report to say: $line"
+}
+
+# recall FIRST: a selection from the cache.
+recall() {
+  run
+  came_out "$1" 'Results obtained from QIB cache. No ping tests were performed.' ||
+    fail "expected $1 first, from the cache"
+}
+
+# show AMSTERDAM BRUSSELS USELESS...: the four selections; the arguments are how these are reported.
+show() {
+  local amsterdam=$1 brussels=$2 useless
+  shift 2
+  say "A connection: of ten gateways $refusing refuses, $silent is silent, the name of $unknown does not exist"
+  measure "$amsterdam" "Selected '$amsterdam' as the optimal server."
+  for useless in "$@"; do
+    if sed -n 's/^ *[0-9]*\. *\([^ ]*\).*/\1/p' "$scratch/output" | grep -qxF -- "$useless"; then
+      fail "$useless has a place in the list"
+    fi
+  done
+
+  say 'The same again: the answer is in the cache, nothing is measured'
+  recall "$amsterdam"
+
+  say 'A reconnection from Brussels: not 20 % slower than the best, so the client stays where it was'
+  measure "$brussels" 'Retained the last server to maximize the user experience.' \
+    --reason reconnection --last Brussels
+
+  say 'A reconnection from Sydney: far slower than the best, so the client moves'
+  measure "$amsterdam" "Selected '$amsterdam' as the optimal server." \
+    --reason reconnection --last Sydney
+
+  say 'All four came out as they should.'
+}
+
+# --- In a network of its own ----------------------------------------------------------------------
+
+write_wan_scene() {
+  local name rtt number
+  for gateway in "${gateways[@]}"; do
+    read -r name rtt number <<<"$gateway"
+    printf 'path 10.77.0.%s rtt=%s\n' "$number" "$rtt"
+    printf 'gateway 10.77.0.%s:443\n' "$number"
+    printf 'name %s.vpn.example 10.77.0.%s\n' "${name,,}" "$number"
+  done
+  printf 'path 10.77.0.%s rtt=50\n' "$refusing_number" "$silent_number"
+  printf 'gateway 10.77.0.%s:443 behaviour=silent\n' "$silent_number"
+  printf 'name %s.vpn.example 10.77.0.%s\n' \
+    "${refusing,,}" "$refusing_number" "${silent,,}" "$silent_number"
+}
+
+run_in_wan() {
+  local name
+  write_wan_scene >"$scratch/scene"
+  for name in "${gateways[@]%% *}" "$refusing" "$silent" "$unknown"; do
+    printf '%s %s.vpn.example\n' "$name" "${name,,}"
+  done | write_profile
+  write_preferences network 3
+  say 'The gateways are in a network of their own on this machine; the delays are those of the network.'
+  local servers
+  printf -v servers '%q --config %q' "$build/bin/ahs-gateways" "$scratch/scene"
+  # In the background and waited for: a trap then acts at once and not when the program has ended.
+  "$build/bin/ahs-wan" --config "$scratch/scene" --servers "$servers" \
+    -- "$0" --within "$build" "$scratch" &
+  gateways_pid=$!
+  local status=0
+  wait "$gateways_pid" || status=$?
+  gateways_pid=''
+  return "$status"
+}
+
+# --- On the loopback interface --------------------------------------------------------------------
+
+# Twice the delays, and more probes than usual: the answer of a program waits for a processor, and a busy
+# machine must not hide the differences.
+write_loopback_scene() {
+  local port=$1 name rtt number
+  for gateway in "${gateways[@]}"; do
+    read -r name rtt number <<<"$gateway"
+    printf 'gateway 127.0.77.%s:%s delay=%s\n' "$number" "$port" "$((2 * rtt))"
+  done
+  printf 'gateway 127.0.77.%s:%s behaviour=silent\n' "$silent_number" "$port"
+}
+
+# start_gateways PORT: returns whether they all listen.
+start_gateways() {
+  local line
+  write_loopback_scene "$1" >"$scratch/scene"
+  : >"$scratch/gateways"
+  "$build/bin/ahs-gateways" --config "$scratch/scene" >"$scratch/gateways" 2>&1 &
+  gateways_pid=$!
+  while kill -0 "$gateways_pid" 2>/dev/null; do
+    line=$(tail -n 1 "$scratch/gateways")
+    if [[ $line == ready ]]; then return 0; fi
+    sleep 0.05
+  done
+  gateways_pid=''
+  return 1
+}
+
+run_on_loopback() {
+  local port name number
+  for port in 8443 18443 28443 38443 ''; do
+    [[ -n $port ]] || fail "the gateways do not start: $(tail -n 1 "$scratch/gateways")"
+    if start_gateways "$port"; then break; fi
+  done
+  {
+    for gateway in "${gateways[@]}"; do
+      read -r name _ number <<<"$gateway"
+      printf '%s 127.0.77.%s:%s\n' "$name" "$number" "$port"
+    done
+    printf '%s 127.0.77.%s:%s\n' "$refusing" "$refusing_number" "$port" \
+      "$silent" "$silent_number" "$port"
+    # A name that never exists, on any network (RFC 2606).
+    printf '%s %s.invalid\n' "$unknown" "${unknown,,}"
+  } | write_profile
+  write_preferences response 5
+  attempts=3
+  show "127.0.77.11:$port" "127.0.77.12:$port" "127.0.77.$refusing_number:$port" \
+    "127.0.77.$silent_number:$port" "${unknown,,}.invalid"
+}
+
+# --------------------------------------------------------------------------------------------------
+
+trap end EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
+
+if [[ ${1-} == --within ]]; then
+  build=$2
+  scratch=$3
+  # The directory belongs to the caller.
+  trap - EXIT
+  show {amsterdam,brussels,oslo,cairo,atlantis}.vpn.example
+  exit 0
+fi
+
+force_loopback=''
+if [[ ${1-} == --loopback ]]; then
+  force_loopback='as was asked for'
+  shift
+fi
+if (($# != 1)) || [[ ! -x $1/bin/ahs ]]; then
+  printf 'usage: %s [--loopback] BUILD_DIRECTORY (one that has been built)\n' "$0" >&2
+  exit 2
+fi
+build=$(realpath "$1")
+scratch=$(mktemp -d)
+if [[ -z $force_loopback ]] && reason=$("$build/bin/ahs-wan" -- true 2>&1); then
+  run_in_wan
+else
+  reason=${force_loopback:-${reason#ahs-wan: }}
+  say "The gateways are on the loopback interface and delay their answers, which are measured ($reason)."
+  run_on_loopback
+fi

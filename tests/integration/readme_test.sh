@@ -1,0 +1,9 @@
+#!/bin/bash
+# The lines of C++ in the README are those of examples/embed.cpp, which the build compiles.
+# Usage: readme_test.sh SOURCE-DIRECTORY
+set -euo pipefail
+cd "$1"
+shown=$(sed -n '/^```cpp$/,/^```$/p' README.md | sed '1d;$d')
+compiled=$(sed -n '/^\/\/ \[README\]$/,/^\/\/ \[README\]$/p' examples/embed.cpp | sed '1d;$d')
+[ -n "$compiled" ] || { echo "examples/embed.cpp has no [README] region"; exit 1; }
+diff <(echo "$shown") <(echo "$compiled") && echo "README.md shows what is compiled"

@@ -1,0 +1,656 @@
+// The `ahs` command as a user meets it: the real program, real sockets on the loopback interface,
+// its two outputs, its exit status, and a terminal where one matters. On the loopback interface the
+// network takes no time, so distances are made by gateways that answer late and the measure is the
+// response.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/ScriptedServer.h"
+
+namespace {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* Welcome = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+constexpr const char* ProxyChallenge =
+    "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"Head "
+    "office\"\r\n"
+    "Content-Length: 0\r\nConnection: close\r\n\r\n";
+// Longer than any run here takes; a program that hangs fails its test in place of the whole suite.
+constexpr auto LongestRun = std::chrono::seconds(60);
+
+// ---- Gateways ---------------------------------------------------------------------------------
+
+/// A gateway on 127.0.0.1 that answers each request with the same text after a delay.
+class Gateway {
+ public:
+  explicit Gateway(milliseconds delay, const std::string& answer = Welcome)
+      : m_server([delay, answer](tests::Connection& connection) {
+          connection.readHead();
+          connection.wait(delay);
+          connection.send(answer);
+          connection.drain();
+        }) {}
+
+  std::string port() const { return std::to_string(m_server.port()); }
+  std::string address() const { return "127.0.0.1:" + port(); }
+  unsigned int requests() const { return m_server.accepted(); }
+
+ private:
+  tests::ScriptedServer m_server;
+};
+
+/// A gateway that takes connections and never answers.
+class SilentGateway {
+ public:
+  SilentGateway() : m_server([](tests::Connection& connection) { connection.waitForPeer(); }) {}
+
+  std::string address() const { return "127.0.0.1:" + std::to_string(m_server.port()); }
+
+ private:
+  tests::ScriptedServer m_server;
+};
+
+/// A port that refuses connections.
+class ClosedGateway {
+ public:
+  std::string address() const { return m_port.Where().Text(); }
+
+ private:
+  tests::RefusingPort m_port{"127.0.0.1"};
+};
+
+// ---- The program ------------------------------------------------------------------------------
+
+struct Outcome {
+  int exitStatus = -1;  ///< -1: it was ended by a signal that it did not handle
+  std::string out;
+  std::string err;
+};
+
+/// One running `ahs`, with its outputs on pipes or its standard error on a terminal of its own.
+class Program {
+ public:
+  /// @param standardOutput a descriptor to use as its standard output, -1 for a pipe.
+  Program(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
+          bool onTerminal = false, int standardOutput = -1) {
+    int out[2] = {-1, standardOutput};
+    if (standardOutput < 0 && pipe2(out, O_CLOEXEC) != 0) {
+      throw std::runtime_error("no pipe");
+    }
+    int err[2];
+    if (onTerminal ? openpty(&err[0], &err[1], nullptr, nullptr, nullptr) != 0
+                   : pipe2(err, O_CLOEXEC) != 0) {
+      throw std::runtime_error("no pipe or terminal");
+    }
+    std::vector<std::string> words = arguments;
+    words.insert(words.begin(), "ahs");
+    const std::vector<char*> argv = pointersTo(words);
+    const std::vector<char*> envp = pointersTo(environment);
+    m_pid = fork();
+    if (m_pid == 0) {
+      become(argv, envp, onTerminal, out[1], err[1]);
+    }
+    m_out = out[0];
+    m_err = err[0];
+    if (standardOutput < 0) {
+      close(out[1]);
+    }
+    close(err[1]);
+  }
+  ~Program() {
+    if (m_pid > 0) {
+      kill(m_pid, SIGKILL);
+      waitpid(m_pid, nullptr, 0);
+    }
+    closeIfOpen(m_out);
+    closeIfOpen(m_err);
+  }
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  pid_t pid() const { return m_pid; }
+  int terminal() const { return m_err; }
+
+  /// Reads until standard error has shown `text`, or the program has ended.
+  bool waitForError(const std::string& text) {
+    while (m_outcome.err.find(text) == std::string::npos) {
+      if (!readSome()) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  /// Reads until both outputs are closed, and waits for the end.
+  Outcome finish() {
+    while (readSome()) {
+    }
+    int status = 0;
+    waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    m_outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return m_outcome;
+  }
+
+ private:
+  // Made before the fork: the gateways' threads may hold the allocator's lock at that moment.
+  static std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (const std::string& text : texts) {
+      pointers.push_back(const_cast<char*>(text.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+  }
+
+  [[noreturn]] static void become(const std::vector<char*>& argv, const std::vector<char*>& envp,
+                                  bool onTerminal, int out, int err) {
+    if (onTerminal) {
+      login_tty(err);  // makes it the controlling terminal, so that Ctrl-C is a signal
+    } else {
+      dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+      dup2(err, STDERR_FILENO);
+    }
+    dup2(out, STDOUT_FILENO);
+    execve(AHS_PROGRAM, argv.data(), envp.data());
+    _exit(127);
+  }
+
+  static void closeIfOpen(int& descriptor) {
+    if (descriptor >= 0) {
+      close(descriptor);
+      descriptor = -1;
+    }
+  }
+
+  // Reads what is there from both outputs, waiting for some. False when both are at their end, or
+  // when it takes too long; the program is then killed.
+  bool readSome() {
+    pollfd outputs[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
+    if (m_out < 0 && m_err < 0) {
+      return false;
+    }
+    const auto left =
+        std::chrono::duration_cast<milliseconds>(m_deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || poll(outputs, 2, static_cast<int>(left.count())) == 0) {
+      ADD_FAILURE() << "the program did not end";
+      kill(m_pid, SIGKILL);
+      return false;
+    }
+    readFrom(outputs[0], m_out, m_outcome.out);
+    readFrom(outputs[1], m_err, m_outcome.err);
+    return true;
+  }
+
+  static void readFrom(const pollfd& output, int& descriptor, std::string& text) {
+    if (output.revents == 0) {
+      return;
+    }
+    char bytes[4096];
+    const ssize_t count = read(descriptor, bytes, sizeof bytes);
+    if (count > 0) {
+      text.append(bytes, static_cast<std::size_t>(count));
+    } else {
+      closeIfOpen(
+          descriptor);  // a terminal whose last user has gone gives an error, a pipe its end
+    }
+  }
+
+  pid_t m_pid = -1;
+  int m_out = -1;
+  int m_err = -1;
+  Outcome m_outcome;
+  const std::chrono::steady_clock::time_point m_deadline =
+      std::chrono::steady_clock::now() + LongestRun;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/// A user with a home directory of his own and preferences that make delays count.
+class SelectCommandTest : public testing::Test {
+ protected:
+  SelectCommandTest() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "ahs-select-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("no temporary directory");
+    }
+    home = pattern;
+    environment = {"HOME=" + home, "TERM=xterm", "PATH=/usr/bin:/bin"};
+    writePreferences("");
+  }
+  ~SelectCommandTest() override {
+    std::error_code ignored;
+    std::filesystem::remove_all(home, ignored);
+  }
+
+  void writeFile(const std::string& name, const std::string& text) const {
+    const std::filesystem::path file = home + "/" + name;
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << text;
+  }
+
+  void writePreferences(const std::string& more) const {
+    writeFile(".config/ahs/preferences.xml",
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<preferences version=\"1\">\n"
+              "  <preference name=\"RoundTripTime\" value=\"response\"/>\n" +
+                  more + "</preferences>\n");
+  }
+
+  static std::string preference(const std::string& name, const std::string& value) {
+    return "  <preference name=\"" + name + "\" value=\"" + value + "\"/>\n";
+  }
+
+  void writeProfile(const std::string& enabled, const std::string& hosts) const {
+    writeFile(".config/ahs/profiles/office.xml",
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<profile version=\"1\">\n<preferences>\n"
+              "<preference name=\"EnableAutomaticServerSelection\" value=\"" +
+                  enabled + "\" user-controllable=\"false\"/>\n</preferences>\n<hosts>\n" + hosts +
+                  "</hosts>\n</profile>\n");
+  }
+
+  static std::string host(const std::string& name, const std::string& address) {
+    return "<host name=\"" + name + "\" address=\"" + address + "\"/>\n";
+  }
+
+  Outcome run(const std::vector<std::string>& arguments) const {
+    return Program(arguments, environment).finish();
+  }
+
+  json runJson(std::vector<std::string> arguments, int exitStatus) const {
+    arguments.insert(arguments.begin(), {"select", "--json"});
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.exitStatus, exitStatus) << outcome.err;
+    return json::parse(outcome.out, nullptr, false);
+  }
+
+  std::string home;
+  std::vector<std::string> environment;
+};
+
+json resultOf(const json& object, const std::string& headend) {
+  for (const json& result : object.at("results")) {
+    if (result.at("headend") == headend) {
+      return result;
+    }
+  }
+  return {};
+}
+
+// Far enough apart to be told apart on a busy machine.
+constexpr milliseconds Near{5};
+constexpr milliseconds Far{300};
+
+}  // namespace
+
+// ---- What is selected -------------------------------------------------------------------------
+
+TEST_F(SelectCommandTest, TheNearestHostComesFirst) {
+  const Gateway far(Far);
+  const Gateway near(Near);
+  const json object = runJson({far.address(), near.address()}, 0);
+  EXPECT_EQ(object.at("headends"), json({near.address(), far.address()}));
+  EXPECT_EQ(object.at("status"), "0xFE530010");
+  EXPECT_EQ(object.at("statusName"), "HEADENDSELECTION_ERROR_ADDED_TO_CACHE");
+  EXPECT_EQ(object.at("fromCache"), false);
+  EXPECT_EQ(object.at("reason"), 0);
+  EXPECT_EQ(object.at("reasonName"), "connection");
+  EXPECT_GE(object.at("elapsedMs"), 3 * Far.count());
+  const json result = resultOf(object, far.address());
+  EXPECT_EQ(result.at("outcome"), "answered");
+  EXPECT_EQ(result.at("samplesMs").size(), 3U);
+  EXPECT_EQ(result.at("metricMs"),
+            *std::min_element(result.at("samplesMs").begin(), result.at("samplesMs").end()));
+  EXPECT_GE(result.at("metricMs"), Far.count());
+  EXPECT_EQ(result.at("probes").size(), 3U);
+  EXPECT_EQ(result.at("probes").at(0).at("httpStatus"), 200);
+  EXPECT_EQ(result.at("probes").at(0).at("address"), "127.0.0.1");
+}
+
+TEST_F(SelectCommandTest, HostsThatGiveNoResultAreToldWithTheReason) {
+  writePreferences(preference("SelectionPingTimeout", "1000"));
+  const Gateway good(Near);
+  const SilentGateway silent;
+  const Gateway garbage(Near, "this is no HTTP\r\n\r\n");
+  const ClosedGateway refusing;
+  const std::string closed = refusing.address();
+  const json object =
+      runJson({good.address(), silent.address(), garbage.address(), closed, "gw.invalid"}, 0);
+  EXPECT_EQ(object.at("headends").size(), 2U);
+  EXPECT_EQ(resultOf(object, good.address()).at("outcome"), "answered");
+  EXPECT_EQ(resultOf(object, garbage.address()).at("outcome"), "not HTTP");
+  for (const auto& [headend, reason] :
+       std::map<std::string, std::string>{{silent.address(), "timed out"},
+                                          {closed, "cannot connect"},
+                                          {"gw.invalid", "name not resolved"}}) {
+    const json result = resultOf(object, headend);
+    EXPECT_EQ(result.at("outcome"), reason) << headend;
+    EXPECT_TRUE(result.at("metricMs").is_null()) << headend;
+    EXPECT_EQ(result.at("samplesMs"), json::array()) << headend;
+  }
+}
+
+TEST_F(SelectCommandTest, TheProfilesHostsAreMeasuredAndReportedByAddress) {
+  const Gateway far(Far);
+  const Gateway near(Near);
+  writeProfile("true", host("Berlin", far.address()) + host("Lagos", near.address()));
+  const json object = runJson({}, 0);
+  EXPECT_EQ(object.at("headends"), json({near.address(), far.address()}));
+}
+
+TEST_F(SelectCommandTest, TheSecondRunIsAnsweredByTheCache) {
+  const Gateway far(Far);
+  const Gateway near(Near);
+  const json first = runJson({far.address(), near.address()}, 0);
+  const unsigned int requests = far.requests() + near.requests();
+  const json second = runJson({far.address(), near.address()}, 0);
+  EXPECT_EQ(far.requests() + near.requests(), requests);
+  EXPECT_EQ(second.at("fromCache"), true);
+  EXPECT_EQ(second.at("status"), "0x00000000");
+  EXPECT_EQ(second.at("headends"), first.at("headends"));
+  const json result = resultOf(second, far.address());
+  EXPECT_EQ(result.at("metricMs"), resultOf(first, far.address()).at("metricMs"));
+  EXPECT_EQ(result.at("samplesMs"), json::array());
+  EXPECT_EQ(result.at("outcome"), "from cache");
+}
+
+TEST_F(SelectCommandTest, WithoutTheCacheEveryRunMeasuresAndNothingIsStored) {
+  const Gateway near(Near);
+  EXPECT_EQ(runJson({near.address(), "--no-cache"}, 0).at("fromCache"), false);
+  EXPECT_EQ(runJson({near.address(), "--no-cache"}, 0).at("fromCache"), false);
+  EXPECT_FALSE(std::filesystem::exists(home + "/.cache"));
+}
+
+TEST_F(SelectCommandTest, ANamedCacheDirectoryHoldsTheCache) {
+  const Gateway near(Near);
+  std::filesystem::create_directory(home + "/mine");
+  runJson({near.address(), "--cache-dir", home + "/mine"}, 0);
+  EXPECT_TRUE(std::filesystem::exists(home + "/mine/selections.xml"));
+  EXPECT_EQ(runJson({near.address(), "--cache-dir", home + "/mine"}, 0).at("fromCache"), true);
+}
+
+TEST_F(SelectCommandTest, OnAReconnectionTheLastHeadendStaysUnlessAnotherIsClearlyBetter) {
+  const Gateway far(Far);
+  const Gateway near(Near);
+  const std::vector<std::string> arguments = {far.address(),  near.address(), "--reason",
+                                              "reconnection", "--last",       far.address(),
+                                              "--no-cache"};
+  EXPECT_EQ(runJson(arguments, 0).at("headends").at(0), near.address());
+  const Gateway alike(Far + Near);
+  const json object = runJson(
+      {alike.address(), far.address(), "--reason", "1", "--last", alike.address(), "--no-cache"},
+      0);
+  EXPECT_EQ(object.at("headends").at(0), alike.address());
+  EXPECT_EQ(object.at("reasonName"), "reconnection");
+}
+
+TEST_F(SelectCommandTest, WhenNothingAnswersTheLastHeadendIsKeptAndTheStatusIsOne) {
+  const ClosedGateway refusing;
+  const std::string closed = refusing.address();
+  const json object = runJson({closed, "--last", closed}, 1);
+  EXPECT_EQ(object.at("headends"), json({closed}));
+  EXPECT_EQ(object.at("statusName"), "HEADENDSELECTION_ERROR_SELECTION_FAILURE");
+  EXPECT_EQ(resultOf(object, closed).at("outcome"), "cannot connect");
+}
+
+TEST_F(SelectCommandTest, TheTimeLimitEndsTheCommandThoughProbesAreStillOut) {
+  writePreferences(preference("SelectionReconnectTimeout", "1000") +
+                   preference("SelectionPingTimeout", "30000"));
+  const Gateway near(Near);
+  const SilentGateway silent;
+  const json object = runJson({near.address(), silent.address(), "--reason", "reconnection"}, 0);
+  EXPECT_EQ(object.at("headends"), json({near.address()}));
+  EXPECT_EQ(resultOf(object, silent.address()).at("outcome"), "no answer in time");
+  EXPECT_LT(object.at("elapsedMs"), 30000);
+}
+
+TEST_F(SelectCommandTest, AProxyThatAsksForAuthenticationIsNamedByItsRealm) {
+  const Gateway proxy(Near, ProxyChallenge);
+  writeFile("global.xml", "<preferences version=\"1\">\n" +
+                              preference("ProxySettings", "override") +
+                              preference("ProxyHost", "127.0.0.1") +
+                              preference("ProxyPort", proxy.port()) + "</preferences>\n");
+  const Outcome outcome = run({"select", "--json", "--global-preferences", home + "/global.xml",
+                               ClosedGateway().address()});
+  EXPECT_EQ(outcome.exitStatus, 3);
+  const json object = json::parse(outcome.out);
+  EXPECT_EQ(object.at("extraInfo"), "Head office");
+  EXPECT_EQ(object.at("headends"), json::array());
+  EXPECT_THAT(outcome.err, HasSubstr("ahs: a proxy asks for authentication for the realm 'Head "
+                                     "office'"));
+}
+
+// ---- What is printed --------------------------------------------------------------------------
+
+TEST_F(SelectCommandTest, TheTextIsTheReportOfTheLogAndTheOrderedList) {
+  const Gateway near(Near);
+  const std::string log = home + "/ahs.log";
+  const ClosedGateway refusing;
+  const std::string closed = refusing.address();
+  const Outcome outcome = run({"select", near.address(), closed, "--log-file", log});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(outcome.err, "");
+  const std::size_t end = outcome.out.find("\nHeadends, best first:\n");
+  ASSERT_NE(end, std::string::npos) << outcome.out;
+  const std::string report = outcome.out.substr(0, end);
+  EXPECT_THAT(report, StartsWith("*** QIB Selection Results ***\nQIB performed for connection "
+                                 "attempt. Last server: '"));
+  EXPECT_THAT(report, HasSubstr("Selected '" + near.address() + "' as the optimal server.\n"));
+  // The log's file indents the lines of a message that has several.
+  const std::string logged =
+      std::regex_replace(readFile(log), std::regex("\n  "), std::string("\n"));
+  EXPECT_THAT(logged, HasSubstr(report));
+  EXPECT_THAT(outcome.out, HasSubstr("   1. " + near.address()));
+  EXPECT_THAT(outcome.out, HasSubstr("Without a result:\n      " + closed));
+  EXPECT_THAT(outcome.out, HasSubstr("cannot connect\nStatus: Selected from measurements"));
+}
+
+TEST_F(SelectCommandTest, QuietIsTheFirstHeadendAlone) {
+  const Gateway near(Near);
+  const Outcome outcome = run({"select", "--quiet", near.address()});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(outcome.out, near.address() + "\n");
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(SelectCommandTest, ALevelAloneSendsTheLogToStandardError) {
+  const Gateway near(Near);
+  const Outcome outcome = run({"select", "--quiet", near.address(), "--log-level", "info"});
+  EXPECT_EQ(outcome.out, near.address() + "\n");
+  EXPECT_THAT(outcome.err, HasSubstr("Starting QIB processing during connection attempt"));
+}
+
+TEST_F(SelectCommandTest, AnOutputThatCannotBeWrittenIsAnError) {
+  const Gateway near(Near);
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(full, 0);
+  const Outcome outcome = Program({"select", near.address()}, environment, false, full).finish();
+  close(full);
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("could not be written to standard output: No space left"));
+}
+
+TEST_F(SelectCommandTest, AReaderThatHasGoneIsAnErrorAndNoSignal) {
+  const Gateway near(Near);
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  close(ends[0]);
+  const Outcome outcome = Program({"select", near.address()}, environment, false, ends[1]).finish();
+  close(ends[1]);
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("Broken pipe"));
+}
+
+TEST_F(SelectCommandTest, HelpAndVersionGoToStandardOutput) {
+  const Outcome help = run({"select", "--help"});
+  EXPECT_EQ(help.exitStatus, 0);
+  EXPECT_THAT(help.out, HasSubstr("--global-preferences"));
+  EXPECT_THAT(help.out, HasSubstr("Exit status: 0 selected"));
+  EXPECT_EQ(help.err, "");
+  const Outcome version = run({"--version"});
+  EXPECT_EQ(version.exitStatus, 0);
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("ahs \\d+\\.\\d+\\.\\d+\n"))) << version.out;
+}
+
+// ---- What is refused --------------------------------------------------------------------------
+
+TEST_F(SelectCommandTest, AWrongCommandLineIsExplained) {
+  const std::vector<std::vector<std::string>> wrong = {
+      {},
+      {"selekt"},
+      {"select", "--no-such-option"},
+      {"select", "--last"},
+      {"select", "gw:99999"},
+      {"select", "gw", "--reason", "holiday"},
+      {"select", "gw", "--json", "--quiet"},
+      {"select", "gw", "--profiles", home + "/none"},
+      {"select", "gw", "--preferences", home + "/none"},
+      {"select", "gw", "--cache-dir", home + "/none"},
+      {"select", "gw", "--log-file", home + "/none/log"},
+  };
+  for (const auto& arguments : wrong) {
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.exitStatus, 2) << testing::PrintToString(arguments);
+    EXPECT_EQ(outcome.out, "") << testing::PrintToString(arguments);
+    EXPECT_THAT(outcome.err, StartsWith("ahs: ")) << testing::PrintToString(arguments);
+    EXPECT_THAT(outcome.err, HasSubstr("--help'")) << testing::PrintToString(arguments);
+  }
+}
+
+TEST_F(SelectCommandTest, WithoutHostsAndProfilesItSaysWhereItLooked) {
+  const Outcome outcome = run({"select"});
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_THAT(outcome.err, HasSubstr(home + "/.config/ahs/profiles"));
+  EXPECT_THAT(outcome.err, HasSubstr("/etc/ahs/profiles"));
+  EXPECT_THAT(outcome.err, HasSubstr("ahs select gw1.example.com"));
+}
+
+TEST_F(SelectCommandTest, ProfilesInWhichNothingTakesPartAreAConfigurationError) {
+  writeProfile("false", host("Berlin", ClosedGateway().address()));
+  const Outcome outcome = run({"select", "--json"});
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_EQ(json::parse(outcome.out).at("statusName"), "HEADENDSELECTION_ERROR_NO_HEADENDS");
+  EXPECT_THAT(outcome.err, HasSubstr("set EnableAutomaticServerSelection to true"));
+}
+
+TEST_F(SelectCommandTest, AMistakeInAProfileIsToldWithFileAndLineAndTheRestIsUsed) {
+  const Gateway near(Near);
+  writeProfile("true", host("Berlin", near.address()) + host("Lagos", "user@nowhere"));
+  const Outcome outcome = run({"select", "--quiet"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(outcome.out, near.address() + "\n");
+  EXPECT_THAT(outcome.err, HasSubstr("/.config/ahs/profiles/office.xml:8: "));
+}
+
+TEST_F(SelectCommandTest, AMalformedPreferencesFileThatWasNamedIsRefused) {
+  writeFile("wrong.xml", "<preferences version=\"1\">\n<preference\n");
+  const Outcome outcome = run({"select", "gw", "--preferences", home + "/wrong.xml"});
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_THAT(outcome.err, HasSubstr(home + "/wrong.xml:"));
+  EXPECT_THAT(outcome.err, HasSubstr("not a well-formed preferences file"));
+}
+
+TEST_F(SelectCommandTest, ALastHeadendThatNobodyKnowsIsWarnedOf) {
+  const Gateway near(Near);
+  const Outcome outcome = run({"select", "--quiet", near.address(), "--last", "Atlantis"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.err, HasSubstr("ahs: warning: no host entry that takes part is named "
+                                     "'Atlantis'"));
+}
+
+// ---- The terminal and the end -----------------------------------------------------------------
+
+TEST_F(SelectCommandTest, ProgressIsShownOnATerminalAndRemoved) {
+  const Gateway far(Far);
+  Program program({"select", far.address()}, environment, true);
+  const Outcome outcome = program.finish();
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.err, HasSubstr("\r\x1b[KMeasuring: \x1b[1m0 of 1\x1b[0m headends answered"));
+  EXPECT_THAT(outcome.err, HasSubstr("\x1b[1m1 of 1\x1b[0m headends answered, "));
+  EXPECT_THAT(outcome.err, testing::EndsWith("\r\x1b[K"));
+  EXPECT_THAT(outcome.out, StartsWith("*** QIB Selection Results ***\n"));
+}
+
+TEST_F(SelectCommandTest, ProgressHasNoColourWhenTheUserWantsNone) {
+  environment.push_back("NO_COLOR=1");
+  const Gateway far(Far);
+  const Outcome outcome = Program({"select", far.address()}, environment, true).finish();
+  EXPECT_THAT(outcome.err, HasSubstr("Measuring: 0 of 1 headends answered"));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("\x1b[1m")));
+}
+
+TEST_F(SelectCommandTest, NothingIsRedrawnOnATerminalThatCannotOrWhenAProgramReads) {
+  const Gateway far(Far);
+  for (const char* form : {"--json", "--quiet"}) {
+    EXPECT_EQ(
+        Program({"select", "--no-cache", form, far.address()}, environment, true).finish().err, "");
+  }
+  environment[1] = "TERM=dumb";
+  EXPECT_EQ(Program({"select", "--no-cache", far.address()}, environment, true).finish().err, "");
+}
+
+TEST_F(SelectCommandTest, CtrlCEndsItAtOnceAndRestoresTheLine) {
+  const SilentGateway silent;
+  Program program({"select", silent.address(), "--log-file", home + "/log"}, environment, true);
+  ASSERT_TRUE(program.waitForError("Measuring"));
+  ASSERT_EQ(write(program.terminal(), "\x03", 1), 1);
+  const Outcome outcome = program.finish();
+  EXPECT_EQ(outcome.exitStatus, 130);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, testing::EndsWith("\r\x1b[K"));
+  EXPECT_THAT(readFile(home + "/log"), HasSubstr("Starting QIB processing"));
+}
+
+TEST_F(SelectCommandTest, ATerminationSignalEndsItToo) {
+  const SilentGateway silent;
+  Program program({"select", silent.address(), "--log-level", "info"}, environment);
+  ASSERT_TRUE(program.waitForError("Sending test ping"));
+  ASSERT_EQ(kill(program.pid(), SIGTERM), 0);
+  EXPECT_EQ(program.finish().exitStatus, 143);
+}
+
+TEST_F(SelectCommandTest, ItCanBeEndedWhileNobodyReadsItsOutput) {
+  const Gateway near(Near);
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  // Fills the pipe, so that the program's own write waits.
+  ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+  const std::string filling(65536, 'x');
+  while (write(ends[1], filling.data(), filling.size()) > 0) {
+  }
+  ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
+  Program program({"select", near.address(), "--log-level", "info"}, environment, false, ends[1]);
+  ASSERT_TRUE(program.waitForError("*** QIB Selection Results ***"));
+  ASSERT_EQ(kill(program.pid(), SIGINT), 0);
+  EXPECT_EQ(program.finish().exitStatus, 130);
+  close(ends[0]);
+  close(ends[1]);
+}

@@ -1,0 +1,151 @@
+// Endpoints on the loopback interface for servers and for what does not serve. The ports lie below
+// the range that the kernel picks from for outgoing connections, and each process of the test run
+// looks in a window of its own, so that tests side by side do not take each other's.
+
+#include "tests/support/LoopbackSockets.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace tests {
+
+namespace {
+
+constexpr unsigned int FirstPort = 20000;
+constexpr unsigned int LastPort = 31999;
+/// Ports of one process: more than a test has servers.
+constexpr unsigned int PortsPerProcess = 40;
+
+struct AddressInfoDeleter {
+  void operator()(addrinfo* info) const { ::freeaddrinfo(info); }
+};
+
+std::unique_ptr<addrinfo, AddressInfoDeleter> resolve(const Endpoint& where) {
+  addrinfo hints = {};
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* info = nullptr;
+  const int error =
+      ::getaddrinfo(where.address.c_str(), std::to_string(where.port).c_str(), &hints, &info);
+  if (error != 0) {
+    throw std::runtime_error(where.address + " is no address: " + ::gai_strerror(error));
+  }
+  return std::unique_ptr<addrinfo, AddressInfoDeleter>(info);
+}
+
+/// A socket bound to an endpoint; -1 with errno when that is not possible.
+int bindSocket(const Endpoint& where) {
+  const auto info = resolve(where);
+  const int handle = ::socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  // Connections of the server that was here before may still be on their way out.
+  const int on = 1;
+  if (handle >= 0 && (::setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+                      ::bind(handle, info->ai_addr, info->ai_addrlen) != 0)) {
+    const int error = errno;
+    ::close(handle);
+    errno = error;
+    return -1;
+  }
+  return handle;
+}
+
+int bindOrThrow(const Endpoint& where) {
+  const int handle = bindSocket(where);
+  if (handle < 0) {
+    throw std::runtime_error("cannot bind " + where.Text() + ": " + std::strerror(errno));
+  }
+  return handle;
+}
+
+int listenOrThrow(const Endpoint& where) {
+  const int handle = bindOrThrow(where);
+  if (::listen(handle, SOMAXCONN) != 0) {
+    const int error = errno;
+    ::close(handle);
+    throw std::runtime_error("cannot listen at " + where.Text() + ": " + std::strerror(error));
+  }
+  return handle;
+}
+
+}  // namespace
+
+std::string Endpoint::Text() const {
+  const bool isIPv6 = address.find(':') != std::string::npos;
+  return (isIPv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
+}
+
+bool hasAddress(const std::string& address) {
+  const int handle = bindSocket({address, 0});
+  if (handle >= 0) {
+    ::close(handle);
+  }
+  return handle >= 0;
+}
+
+Endpoint freeEndpoint(const std::string& address) {
+  // Goes round, so that a port that was just given away is not given away again soon.
+  static unsigned int next = 0;
+  const unsigned int windows = (LastPort - FirstPort + 1) / PortsPerProcess;
+  const unsigned int window = static_cast<unsigned int>(::getpid()) % windows;
+  for (unsigned int tried = 0; tried < PortsPerProcess; ++tried) {
+    const unsigned int port = FirstPort + window * PortsPerProcess + next++ % PortsPerProcess;
+    const Endpoint candidate{address, static_cast<unsigned short>(port)};
+    const int handle = bindSocket(candidate);
+    if (handle >= 0) {
+      const bool isFree = ::listen(handle, 1) == 0;
+      ::close(handle);
+      if (isFree) {
+        return candidate;
+      }
+    }
+  }
+  throw std::runtime_error("no free port left for this test on " + address);
+}
+
+bool isListening(const Endpoint& endpoint) {
+  const auto info = resolve(endpoint);
+  const int handle = ::socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool connected = handle >= 0 && ::connect(handle, info->ai_addr, info->ai_addrlen) ==
+                                            0;  // at once on loopback
+  if (handle >= 0) {
+    ::close(handle);
+  }
+  return connected;
+}
+
+RefusingPort::RefusingPort(const std::string& address)
+    : m_where(freeEndpoint(address)), m_socket(bindOrThrow(m_where)) {}
+
+RefusingPort::~RefusingPort() { ::close(m_socket); }
+
+SilentListener::SilentListener(const std::string& address)
+    : SilentListener(freeEndpoint(address)) {}
+
+SilentListener::SilentListener(const Endpoint& where)
+    : m_where(where), m_socket(listenOrThrow(where)) {}
+
+SilentListener::~SilentListener() {
+  for (const int connection : m_connections) {
+    ::close(connection);
+  }
+  ::close(m_socket);
+}
+
+std::size_t SilentListener::ConnectionCount() {
+  for (;;) {
+    const int connection = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
+    if (connection < 0) {
+      return m_connections.size();
+    }
+    m_connections.push_back(connection);
+  }
+}
+
+}  // namespace tests

@@ -1,0 +1,140 @@
+// Real servers as headends. Each runs unprivileged, in the foreground, from a directory of its own
+// with a configuration written by the test, so that nothing of the machine's own set-up matters.
+
+#include "tests/support/RealServers.h"
+
+#include <chrono>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace tests {
+
+namespace {
+
+/// How long a server may take to start on a busy machine.
+constexpr std::chrono::milliseconds StartLimit{15000};
+
+constexpr std::chrono::milliseconds PollInterval{5};
+
+/// nginx's directories for bodies: the built-in ones belong to root.
+constexpr const char* NginxTemporaryPaths =
+    "  client_body_temp_path body;\n"
+    "  proxy_temp_path proxy;\n"
+    "  fastcgi_temp_path fastcgi;\n"
+    "  uwsgi_temp_path uwsgi;\n"
+    "  scgi_temp_path scgi;\n";
+
+constexpr const char* HaproxyDefaults =
+    "global\n"
+    "  maxconn 100\n"
+    "defaults\n"
+    "  mode http\n"
+    "  timeout connect 10s\n"
+    "  timeout client 10s\n"
+    "  timeout server 10s\n"
+    "  timeout http-request 10s\n";
+
+constexpr const char* HaproxyAnswer =
+    "  http-request return status 200 content-type text/plain string answer\n";
+
+std::vector<std::string> haproxyCommand() {
+  return {findProgram("haproxy", "haproxy"), "-db", "-f", "haproxy.cfg"};
+}
+
+}  // namespace
+
+RealServer::RealServer(const std::string& address) : m_where(freeEndpoint(address)) {}
+
+RealServer::~RealServer() = default;
+
+void RealServer::Start(const std::vector<std::string>& command) {
+  m_command = command;
+  Start();
+}
+
+void RealServer::Start() {
+  Stop();
+  m_process =
+      std::make_unique<ChildProcess>(m_command, m_directory.File("output"), m_directory.Path());
+  const auto deadline = std::chrono::steady_clock::now() + StartLimit;
+  while (!isListening(m_where)) {
+    if (!m_process->IsRunning() || std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error(m_command.front() + " does not listen at " + Address() +
+                               "; it wrote: " + Output());
+    }
+    std::this_thread::sleep_for(PollInterval);
+  }
+}
+
+void RealServer::Stop() { m_process.reset(); }
+
+std::string RealServer::Output() const { return readFile(m_directory.File("output")); }
+
+NginxServer::NginxServer(const TestCertificates& certificates, const std::string& address,
+                         ClientCertificate clientCertificate)
+    : RealServer(address) {
+  std::string server = "    listen " + Address() + " ssl;\n    ssl_certificate " +
+                       certificates.Certificate() + ";\n    ssl_certificate_key " +
+                       certificates.Key() + ";\n    location / { return 200 answer; }\n";
+  if (clientCertificate == ClientCertificate::Demanded) {
+    server +=
+        "    ssl_verify_client on;\n    ssl_client_certificate " + certificates.Authority() + ";\n";
+  }
+  Directory().Write("nginx.conf",
+                    "daemon off;\nmaster_process off;\npid nginx.pid;\nerror_log stderr info;\n"
+                    "events { worker_connections 100; }\nhttp {\n  access_log access.log;\n" +
+                        std::string(NginxTemporaryPaths) + "  server {\n" + server + "  }\n}\n");
+  Start({findProgram("nginx", "nginx"), "-e", "stderr", "-p", Directory().Path(), "-c",
+         "nginx.conf"});
+}
+
+std::vector<std::string> NginxServer::Requests() const {
+  std::istringstream log(readFile(Directory().File("access.log")));
+  std::vector<std::string> requests;
+  std::string line;
+  while (std::getline(log, line)) {
+    requests.push_back(line);
+  }
+  return requests;
+}
+
+HaproxyServer::HaproxyServer(const TestCertificates& certificates) : RealServer("127.0.0.1") {
+  Directory().Write("haproxy.cfg", HaproxyDefaults + std::string("frontend headend\n  bind ") +
+                                       Address() + " ssl crt " + certificates.CertificateAndKey() +
+                                       "\n" + HaproxyAnswer);
+  Start(haproxyCommand());
+}
+
+SlowHaproxyServer::SlowHaproxyServer(unsigned int delayMs) : RealServer("127.0.0.1") {
+  // An HTTP frontend takes the whole request for the end of the inspection, so the wait is done by
+  // one that knows bytes only.
+  const std::string answer = Directory().File("answer.sock");
+  Directory().Write("haproxy.cfg",
+                    HaproxyDefaults + std::string("frontend headend\n  mode tcp\n  bind ") +
+                        Address() + "\n  tcp-request inspect-delay " + std::to_string(delayMs) +
+                        "ms\n  tcp-request content accept if WAIT_END\n"
+                        "  default_backend answer\n"
+                        "backend answer\n  mode tcp\n  server answer unix@" +
+                        answer + "\nfrontend answer\n  bind unix@" + answer + "\n" + HaproxyAnswer);
+  Start(haproxyCommand());
+}
+
+OpensslServer::OpensslServer(const TestCertificates& certificates, Mode mode)
+    : RealServer("127.0.0.1") {
+  std::vector<std::string> command = {findProgram("openssl", "openssl"),
+                                      "s_server",
+                                      "-accept",
+                                      Address(),
+                                      "-cert",
+                                      certificates.Certificate(),
+                                      "-key",
+                                      certificates.Key(),
+                                      mode == Mode::ReversedText ? "-rev" : "-www"};
+  if (mode == Mode::ClientCertificate) {
+    command.insert(command.end(), {"-Verify", "1", "-CAfile", certificates.Authority()});
+  }
+  Start(command);
+}
+
+}  // namespace tests

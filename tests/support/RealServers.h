@@ -1,0 +1,91 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TestCertificates.h"
+
+namespace tests {
+
+/// A real server, in the foreground as the test's child; it runs from its construction on. Used by
+/// one thread. Constructors and `Start` throw std::runtime_error, with what the server has written,
+/// when it cannot be started.
+class RealServer {
+ public:
+  ~RealServer();
+  RealServer(const RealServer&) = delete;
+  RealServer& operator=(const RealServer&) = delete;
+
+  /// Where it listens, the same after a restart.
+  const Endpoint& Where() const { return m_where; }
+  /// The same as text, as it is written in a profile.
+  std::string Address() const { return m_where.Text(); }
+
+  /// Starts it again and waits until it takes connections.
+  void Start();
+
+  /// Ends it and waits for it.
+  void Stop();
+
+  /// What it has written so far.
+  std::string Output() const;
+
+ protected:
+  /// Chooses where it is to listen; starts nothing.
+  explicit RealServer(const std::string& address);
+
+  /// Starts the server with this command, now and whenever it is started again.
+  void Start(const std::vector<std::string>& command);
+  const TemporaryDirectory& Directory() const { return m_directory; }
+
+ private:
+  TemporaryDirectory m_directory;
+  std::vector<std::string> m_command;
+  Endpoint m_where;
+  std::unique_ptr<ChildProcess> m_process;
+};
+
+/// nginx with TLS; it answers a plain HTTP request with 400. Runs from its construction on, like
+/// the others below.
+class NginxServer : public RealServer {
+ public:
+  enum class ClientCertificate { NotAsked, Demanded };
+
+  explicit NginxServer(const TestCertificates& certificates,
+                       const std::string& address = "127.0.0.1",
+                       ClientCertificate clientCertificate = ClientCertificate::NotAsked);
+
+  /// The requests that it has read, a line each; complete once it has been stopped.
+  std::vector<std::string> Requests() const;
+};
+
+/// HAProxy with TLS that answers every request itself; it hangs up on a plain HTTP request.
+class HaproxyServer : public RealServer {
+ public:
+  explicit HaproxyServer(const TestCertificates& certificates);
+};
+
+/// HAProxy without TLS that lets every connection wait before it passes it to the answer.
+class SlowHaproxyServer : public RealServer {
+ public:
+  explicit SlowHaproxyServer(unsigned int delayMs);
+};
+
+/// `openssl s_server`; it hangs up on a plain HTTP request and serves one connection after another.
+class OpensslServer : public RealServer {
+ public:
+  /// What it makes of a request over TLS.
+  enum class Mode {
+    Page,               ///< answers GET with a page, anything else not at all
+    ReversedText,       ///< sends each line back in reverse: no HTTP
+    ClientCertificate,  ///< as `Page`, for clients that have a certificate
+  };
+
+  explicit OpensslServer(const TestCertificates& certificates, Mode mode = Mode::Page);
+};
+
+}  // namespace tests

@@ -1,0 +1,334 @@
+// Servers for tests, on plain sockets so that they can misbehave in every way that a script asks
+// for. Whatever a script does, its thread looks at the server's stop flag at least every few
+// milliseconds, so a server always ends soon after its test.
+
+#include "tests/support/ScriptedServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "tests/support/TestAuthority.h"
+
+namespace tests {
+
+namespace {
+
+// How often a waiting thread looks whether it is to stop.
+constexpr std::chrono::milliseconds kStopCheck(10);
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+struct ADDRESS {
+  sockaddr_storage storage{};
+  socklen_t length = 0;
+  sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+};
+
+ADDRESS makeAddress(const std::string& text, unsigned short port) {
+  ADDRESS address;
+  auto* v4 = reinterpret_cast<sockaddr_in*>(&address.storage);
+  auto* v6 = reinterpret_cast<sockaddr_in6*>(&address.storage);
+  if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
+    v4->sin_family = AF_INET;
+    v4->sin_port = htons(port);
+    address.length = sizeof *v4;
+  } else if (inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
+    v6->sin6_family = AF_INET6;
+    v6->sin6_port = htons(port);
+    address.length = sizeof *v6;
+  } else {
+    throw std::runtime_error("no address: " + text);
+  }
+  return address;
+}
+
+/// A socket bound to an address, and the port that it got.
+int bindSocket(const std::string& text, unsigned short& port) {
+  ADDRESS address = makeAddress(text, port);
+  const int socket = ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket < 0) {
+    fail("socket");
+  }
+  const int on = 1;
+  setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (bind(socket, address.get(), address.length) != 0 ||
+      getsockname(socket, address.get(), &address.length) != 0) {
+    close(socket);
+    fail("bind " + text);
+  }
+  port = ntohs(address.storage.ss_family == AF_INET
+                   ? reinterpret_cast<sockaddr_in*>(&address.storage)->sin_port
+                   : reinterpret_cast<sockaddr_in6*>(&address.storage)->sin6_port);
+  return socket;
+}
+
+bool waitReadable(int socket) {
+  pollfd entry{socket, POLLIN, 0};
+  return poll(&entry, 1, static_cast<int>(kStopCheck.count())) > 0;
+}
+
+/// Keeps the SIGPIPE of OpenSSL's writes away from the test program.
+void blockSigPipe() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+}  // namespace
+
+TlsServerContext::TlsServerContext(const IssuedCertificate& certificate)
+    : TlsServerContext(certificate, Settings()) {}
+
+TlsServerContext::TlsServerContext(const IssuedCertificate& certificate, const Settings& settings)
+    : m_context(SSL_CTX_new(TLS_server_method()),
+                [](void* context) { SSL_CTX_free(static_cast<SSL_CTX*>(context)); }) {
+  auto* context = static_cast<SSL_CTX*>(m_context.get());
+  SSL_CTX_use_certificate(context, static_cast<X509*>(certificate.certificate.get()));
+  SSL_CTX_use_PrivateKey(context, static_cast<EVP_PKEY*>(certificate.key.get()));
+  // So that old versions can be offered at all, to clients that then have to refuse them.
+  SSL_CTX_set_security_level(context, 0);
+  SSL_CTX_set_min_proto_version(context, settings.minVersion);
+  SSL_CTX_set_max_proto_version(context, settings.maxVersion);
+  if (settings.demandClientCertificate) {
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+  }
+}
+
+Connection::Connection(int socket, const std::atomic<bool>& stopping)
+    : m_socket(socket), m_stopping(stopping) {}
+
+Connection::~Connection() {
+  m_tls.reset();
+  close(m_socket);
+}
+
+bool Connection::startTls(const TlsServerContext& context) {
+  m_tls = std::shared_ptr<void>(SSL_new(static_cast<SSL_CTX*>(context.native())),
+                                [](void* tls) { SSL_free(static_cast<SSL*>(tls)); });
+  auto* tls = static_cast<SSL*>(m_tls.get());
+  SSL_set_fd(tls, m_socket);
+  const bool done = readable() && SSL_accept(tls) == 1;
+  ERR_clear_error();
+  return done;
+}
+
+bool Connection::readable() const {
+  if (m_tls && SSL_pending(static_cast<SSL*>(m_tls.get())) > 0) {
+    return true;
+  }
+  while (!m_stopping) {
+    if (waitReadable(m_socket)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+long Connection::receive(char* buffer, std::size_t size) {
+  if (!readable()) {
+    return 0;
+  }
+  if (m_tls) {
+    const int got = SSL_read(static_cast<SSL*>(m_tls.get()), buffer, static_cast<int>(size));
+    ERR_clear_error();
+    return got;
+  }
+  return recv(m_socket, buffer, size, 0);
+}
+
+std::string Connection::readHead() {
+  // Far above what a probe sends; a client gone mad must not fill the memory.
+  constexpr std::size_t kMaxHead = 64UL * 1024;
+  std::string head;
+  std::array<char, 4096> buffer{};
+  while (head.find("\r\n\r\n") == std::string::npos && head.size() < kMaxHead) {
+    const long got = receive(buffer.data(), buffer.size());
+    if (got <= 0) {
+      break;
+    }
+    head.append(buffer.data(), static_cast<std::size_t>(got));
+  }
+  return head;
+}
+
+std::string Connection::readSome() {
+  std::array<char, 4096> buffer{};
+  const long got = receive(buffer.data(), buffer.size());
+  return got > 0 ? std::string(buffer.data(), static_cast<std::size_t>(got)) : std::string();
+}
+
+bool Connection::send(std::string_view text) {
+  while (!text.empty() && !m_stopping) {
+    // The kernel's send time-out bounds each call, so a peer that does not read is no obstacle.
+    long sent = 0;
+    if (m_tls) {
+      sent = SSL_write(static_cast<SSL*>(m_tls.get()), text.data(), static_cast<int>(text.size()));
+      ERR_clear_error();
+    } else {
+      sent = ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL);
+    }
+    if (sent <= 0) {
+      return false;
+    }
+    text.remove_prefix(static_cast<std::size_t>(sent));
+  }
+  return text.empty();
+}
+
+void Connection::wait(std::chrono::milliseconds time) const {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (!m_stopping && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+        kStopCheck, end - std::chrono::steady_clock::now()));
+  }
+}
+
+void Connection::waitForPeer() {
+  std::array<char, 4096> buffer{};
+  while (receive(buffer.data(), buffer.size()) > 0) {
+  }
+}
+
+void Connection::drain() {
+  std::array<char, 4096> buffer{};
+  while (recv(m_socket, buffer.data(), buffer.size(), MSG_DONTWAIT) > 0) {
+  }
+}
+
+void Connection::resetAtEnd() {
+  const linger abort{1, 0};
+  setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+}
+
+void Connection::tunnelTo(unsigned short port) {
+  ADDRESS address = makeAddress("127.0.0.1", port);
+  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::array<char, 16384> buffer{};
+  bool open = other >= 0 && connect(other, address.get(), address.length) == 0;
+  while (open && !m_stopping) {
+    std::array<pollfd, 2> ends{pollfd{m_socket, POLLIN, 0}, pollfd{other, POLLIN, 0}};
+    poll(ends.data(), ends.size(), static_cast<int>(kStopCheck.count()));
+    for (std::size_t i = 0; i < ends.size() && open; ++i) {
+      if (ends[i].revents != 0) {
+        const long got = recv(ends[i].fd, buffer.data(), buffer.size(), 0);
+        open = got > 0 && ::send(ends[1 - i].fd, buffer.data(), static_cast<std::size_t>(got),
+                                 MSG_NOSIGNAL) == got;
+      }
+    }
+  }
+  if (other >= 0) {
+    close(other);
+  }
+}
+
+ScriptedServer::ScriptedServer(Script script, const std::string& address, unsigned short port)
+    : m_script(std::move(script)), m_port(port) {
+  m_listener = bindSocket(address, m_port);
+  if (listen(m_listener, SOMAXCONN) != 0) {
+    close(m_listener);
+    fail("listen");
+  }
+  m_acceptor = std::thread([this] { acceptLoop(); });
+}
+
+ScriptedServer::~ScriptedServer() {
+  m_stopping = true;
+  m_acceptor.join();
+  for (std::thread& connection : m_connections) {
+    connection.join();
+  }
+  close(m_listener);
+}
+
+void ScriptedServer::acceptLoop() {
+  blockSigPipe();
+  const timeval limit{0, 100000};
+  while (!m_stopping) {
+    if (!waitReadable(m_listener)) {
+      continue;
+    }
+    const int socket = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (socket < 0) {
+      continue;
+    }
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    // So that a TLS answer does not wait for the client's delayed acknowledgement of the tickets.
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    ++m_accepted;
+    m_connections.emplace_back([this, socket] {
+      Connection connection(socket, m_stopping);
+      m_script(connection);
+    });
+  }
+}
+
+void RequestLog::add(const std::string& request) {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  m_requests.push_back(request);
+}
+
+std::vector<std::string> RequestLog::all() const {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  return m_requests;
+}
+
+ScriptedServer::Script answering(std::string answer, RequestLog* log) {
+  return [answer = std::move(answer), log](Connection& connection) {
+    const std::string request = connection.readHead();
+    if (log != nullptr) {
+      log->add(request);
+    }
+    connection.send(answer);
+    connection.waitForPeer();
+  };
+}
+
+ScriptedServer::Script answeringOverTls(TlsServerContext context, std::string answer,
+                                        RequestLog* log) {
+  return [context = std::move(context),
+          script = answering(std::move(answer), log)](Connection& connection) {
+    if (connection.startTls(context)) {
+      script(connection);
+    }
+  };
+}
+
+SilentPort::SilentPort(const std::string& address, unsigned short port) : m_port(port) {
+  m_listener = bindSocket(address, m_port);
+  listen(m_listener, 0);
+  // The kernel drops attempts once the queue of a listener is full, and nobody empties this one.
+  constexpr int kMoreThanTheQueueHolds = 4;
+  for (int i = 0; i < kMoreThanTheQueueHolds; ++i) {
+    ADDRESS target = makeAddress(address, m_port);
+    const int filler =
+        socket(target.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    static_cast<void>(connect(filler, target.get(), target.length));
+    m_fillers.push_back(filler);
+  }
+}
+
+SilentPort::~SilentPort() {
+  for (const int filler : m_fillers) {
+    close(filler);
+  }
+  close(m_listener);
+}
+
+}  // namespace tests

@@ -1,0 +1,191 @@
+// One run as the world sees it: the client's call, the log, the probes. It is over when the client
+// has been called and no thread that the run started is left.
+
+#include "tests/support/SelectionRecorder.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <regex>
+#include <thread>
+
+#include "vpn/Api/AHS/HeadendSelection.h"
+#include "vpn/Common/Logging/AppLog.h"
+
+namespace tests {
+
+namespace {
+
+/// Longer than any run of a test, even on a machine that does a hundred other things.
+constexpr std::chrono::seconds Limit{90};
+constexpr std::chrono::milliseconds PollInterval{2};
+
+unsigned int threadNumber() {
+  static std::atomic<unsigned int> last{0};
+  thread_local const unsigned int number = ++last;
+  return number;
+}
+
+/// What the machine decides becomes "N", so that lines can be compared whole.
+std::string masked(const std::string& message) {
+  std::string text = std::regex_replace(message, std::regex("(QIB test ping took )\\d+"), "$1N");
+  text = std::regex_replace(text, std::regex("(thread ID ')-?\\d+"), "$1N");
+  text = std::regex_replace(text, std::regex("(     )\\d+\n"), "$1N\n");
+  const std::size_t open = text.rfind('(');
+  if (text.rfind("QIB ping results for ", 0) == 0 && open != std::string::npos) {
+    text = text.substr(0, open) + std::regex_replace(text.substr(open), std::regex("\\d+"), "N");
+  }
+  return text;
+}
+
+/// Everything that a run tells. It outlives the run's last thread because the callbacks share it.
+class Recorder : public ClientIfcBase, public HttpProbe::Watcher {
+ public:
+  void AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends, long status,
+                       const std::string& extraInfo) override {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_seen.calls == 0) {
+      m_seen.reason = reason;
+      m_seen.headends = headends;
+      m_seen.status = status;
+      m_seen.extraInfo = extraInfo;
+    }
+    ++m_seen.calls;
+    m_called.notify_all();
+  }
+
+  void ProbeStarted(const HttpProbe::Report& /*report*/) override {}
+
+  void ProbeEnded(const HttpProbe::Report& report) override {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_seen.probes.push_back(report);
+  }
+
+  void Hear(const CAppLog::Record& record) {
+    const std::string file = record.file;
+    if (file != "vpn/Api/AHS/HeadendSelection" && file != "HeadendSelection") {
+      return;
+    }
+    const std::string function = record.function;
+    const std::string text =
+        std::string(1, record.severity) + " " + function + ": " + masked(record.message);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_seen.log.push_back({threadNumber(), text});
+    if (function == "logPingResults") {
+      m_seen.report = record.message;
+    }
+  }
+
+  bool WaitForCall() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_called.wait_for(lock, Limit, [this] { return m_seen.calls != 0; });
+  }
+
+  Selection Seen() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_seen;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_called;
+  Selection m_seen;
+};
+
+bool waitForThreads(unsigned int count) {
+  const auto deadline = std::chrono::steady_clock::now() + Limit;
+  while (CThread::RunningCount() > count) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(PollInterval);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, unsigned int>> Selection::Results() const {
+  static const std::regex row("(\\S+)     (\\d+)\n");
+  std::vector<std::pair<std::string, unsigned int>> results;
+  for (std::sregex_iterator i(report.begin(), report.end(), row), end; i != end; ++i) {
+    results.emplace_back((*i)[1], static_cast<unsigned int>(std::stoul((*i)[2])));
+  }
+  return results;
+}
+
+std::vector<std::string> Selection::LinesOf(unsigned int thread) const {
+  std::vector<std::string> lines;
+  for (const LogLine& line : log) {
+    if (line.thread == thread) {
+      lines.push_back(line.text);
+    }
+  }
+  return lines;
+}
+
+std::vector<std::string> Selection::RunLog() const {
+  for (const LogLine& line : log) {
+    if (line.text.rfind("I run: ", 0) == 0) {
+      return LinesOf(line.thread);
+    }
+  }
+  return {};
+}
+
+std::vector<std::string> Selection::TimerLog() const {
+  for (const LogLine& line : log) {
+    if (line.text.rfind("W OnTimerExpired: ", 0) == 0) {
+      return LinesOf(line.thread);
+    }
+  }
+  return {};
+}
+
+std::vector<std::string> Selection::WorkerLog(const std::string& headend) const {
+  for (const LogLine& line : log) {
+    if (line.text == "I Run: QIB terminating thread for " + headend) {
+      return LinesOf(line.thread);
+    }
+  }
+  return {};
+}
+
+std::vector<HttpProbe::Report> Selection::ProbesOf(unsigned short port) const {
+  std::vector<HttpProbe::Report> found;
+  for (const HttpProbe::Report& probe : probes) {
+    // The test probe is the one that asks for the headers.
+    if (probe.port == port && (probe.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) == 0) {
+      found.push_back(probe);
+    }
+  }
+  return found;
+}
+
+Selection runSelection(const std::string& lastHeadend, unsigned int reason, ProxyIfc* proxy) {
+  const unsigned int threadsBefore = CThread::RunningCount();
+  const auto recorder = std::make_shared<Recorder>();
+  CAppLog::SetListener([recorder](const CAppLog::Record& record) { recorder->Hear(record); });
+  HttpProbe::SetWatcher(recorder);
+
+  long status = -1;
+  auto* const selection = new CHeadendSelection(recorder.get(), lastHeadend, reason, status);
+  selection->SetProxy(proxy);
+  if (status == 0) {
+    std::thread([selection] { selection->run(); }).join();
+    EXPECT_TRUE(recorder->WaitForCall()) << "the client was not called";
+  } else {
+    ADD_FAILURE() << "the run could not be constructed: " << status;
+    delete selection;
+  }
+  EXPECT_TRUE(waitForThreads(threadsBefore)) << "the run left threads behind";
+
+  HttpProbe::SetWatcher(nullptr);
+  CAppLog::SetListener({});
+  return recorder->Seen();
+}
+
+}  // namespace tests

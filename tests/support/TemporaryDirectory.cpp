@@ -1,0 +1,49 @@
+// A directory that lives as long as the test: its name is made by mkdtemp(3), so that tests that
+// run side by side never share one.
+
+#include "tests/support/TemporaryDirectory.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+
+namespace tests {
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::string path = (std::filesystem::temp_directory_path() / "ahs-test-XXXXXX").string();
+  if (::mkdtemp(path.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), "cannot make the directory " + path);
+  }
+  m_path = path;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(m_path, ignored);
+}
+
+std::string TemporaryDirectory::MakeDirectory(const std::string& name) const {
+  std::filesystem::create_directories(File(name));
+  return File(name);
+}
+
+std::string TemporaryDirectory::Write(const std::string& name, const std::string& contents) const {
+  std::ofstream file(File(name), std::ios::binary | std::ios::trunc);
+  file << contents;
+  file.close();
+  if (!file) {
+    throw std::runtime_error("cannot write " + File(name));
+  }
+  return File(name);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace tests

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace tests {
+
+/// A certificate and its private key, as OpenSSL holds them (X509, EVP_PKEY).
+struct IssuedCertificate {
+  std::shared_ptr<void> certificate;
+  std::shared_ptr<void> key;
+};
+
+/// A certificate authority made on the spot, and the certificates that it signs.
+class TestAuthority {
+ public:
+  struct Subject {
+    /// As in the extension subjectAltName of openssl-x509v3_config(5).
+    std::string alternativeNames = "IP:127.0.0.1,IP:::1,DNS:localhost";
+    /// Seconds from now.
+    long validFrom = -3600;
+    long validUntil = 3600;
+  };
+
+  TestAuthority();
+  /// Removes the file again.
+  ~TestAuthority();
+  TestAuthority(const TestAuthority&) = delete;
+  TestAuthority& operator=(const TestAuthority&) = delete;
+
+  IssuedCertificate issue() const { return issue(Subject()); }
+  IssuedCertificate issue(const Subject& subject) const;
+
+  /// A PEM file with the authority's certificate, for those who are to trust it.
+  const std::string& file() const { return m_file; }
+
+ private:
+  IssuedCertificate m_own;
+  std::string m_file;
+};
+
+}  // namespace tests

@@ -1,0 +1,34 @@
+// Stands in for the resolver's settings, so that a test can move the machine to another network.
+
+#include "tests/unit/ahs/resolver_double.h"
+
+#include <mutex>
+
+#include "vpn/Api/AHS/ResolverPlace.h"
+
+namespace {
+
+std::mutex lock;
+std::vector<std::string> presentPlace;
+bool isBroken = false;
+
+}  // namespace
+
+void tests::setResolverPlace(const std::vector<std::string>& place) {
+  const std::lock_guard<std::mutex> guard(lock);
+  presentPlace = place;
+  isBroken = false;
+}
+
+void tests::breakResolver() {
+  const std::lock_guard<std::mutex> guard(lock);
+  isBroken = true;
+}
+
+bool readResolverPlace(std::vector<std::string>& place) {
+  const std::lock_guard<std::mutex> guard(lock);
+  if (!isBroken) {
+    place = presentPlace;
+  }
+  return !isBroken;
+}

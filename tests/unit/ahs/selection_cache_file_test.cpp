@@ -1,0 +1,427 @@
+// The cache file: kept between processes, replaced whole, and never worth a selection.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/ahs/cache_fixture.h"
+#include "tests/unit/ahs/resolver_double.h"
+#include "vpn/Api/AHS/CacheDocument.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace tests {
+namespace {
+
+constexpr uid_t Nobody = 65534;
+
+class SelectionCacheFile : public CacheTest {
+ protected:
+  mode_t modeOf(const std::string& path) const {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777U;
+  }
+
+  /// Everything in the directory of the cache file.
+  std::vector<std::string> names() const {
+    std::vector<std::string> all;
+    for (const auto& item : std::filesystem::directory_iterator(m_directory)) {
+      all.push_back(item.path().filename().string());
+    }
+    std::sort(all.begin(), all.end());
+    return all;
+  }
+
+  /// Looks up and stores through one acquisition, as a run does, while the file is unusable: the
+  /// store must be found again in memory, at the price of one warning.
+  void expectMemoryOnly() {
+    {
+      const CacheHold cache;
+      std::string key = "gw-b;";
+      CCacheEntry entry;
+      EXPECT_FALSE(cache->IsInCache(key, entry));
+      entry = entryOf("gw-b;", {{"gw-b", 40}});
+      EXPECT_EQ(cache->AddEntry(entry), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+      CCacheEntry found;
+      EXPECT_TRUE(cache->IsInCache(key, found));
+      EXPECT_EQ(recordsOf(found), (Records{{"gw-b", 40}}));
+    }
+    EXPECT_EQ(m_warnings.size(), 1U);
+  }
+};
+
+/// A limit of file size in this process for the length of a scope: writing beyond it fails as on a
+/// full disk.
+class FullDisk {
+ public:
+  FullDisk() : m_handler(signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &m_limit);
+    rlimit small = m_limit;
+    small.rlim_cur = 64;
+    setrlimit(RLIMIT_FSIZE, &small);
+  }
+  ~FullDisk() {
+    setrlimit(RLIMIT_FSIZE, &m_limit);
+    signal(SIGXFSZ, m_handler);
+  }
+
+ private:
+  rlimit m_limit{};
+  void (*m_handler)(int);
+};
+
+/// Holds the lock between processes from outside.
+class ForeignLock {
+ public:
+  explicit ForeignLock(const std::string& file)
+      : m_descriptor(open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    EXPECT_EQ(flock(m_descriptor, LOCK_EX | LOCK_NB), 0);
+  }
+  ~ForeignLock() { close(m_descriptor); }
+
+ private:
+  int m_descriptor;
+};
+
+}  // namespace
+
+TEST_F(SelectionCacheFile, IsFoundAgainByTheNextInstance) {
+  EXPECT_EQ(store("gw-b;gw-a;", {{"gw-b:8443", 4294967295U}, {"gw-a", 0}}), 0);
+  ASSERT_EQ(CSelectionCache::acquireInstance(), nullptr);
+  Records records;
+  ASSERT_TRUE(find("gw-b;gw-a;", records));
+  EXPECT_EQ(records, (Records{{"gw-b:8443", 4294967295U}, {"gw-a", 0}}));
+}
+
+TEST_F(SelectionCacheFile, IsReadableToPeople) {
+  store("gw-a;", {{"gw-a", 40}});
+  EXPECT_THAT(read(m_file), HasSubstr("<selection place=\"nameserver 192.0.2.1 search home.test\" "
+                                      "knownHeadends=\"gw-a;\" stored=\""));
+  EXPECT_THAT(read(m_file), HasSubstr("<headend name=\"gw-a\" rtt=\"40\"/>"));
+}
+
+TEST_F(SelectionCacheFile, HoldsAnyTextWhateverItsEncoding) {
+  const std::string headend = "gw \xff\x01<&\"'>\\x41\n" + std::string(1, '\0') + "\xc3\xbc";
+  const std::string key = headend + ";";
+  store(key, {{headend, 40}});
+  Records records;
+  ASSERT_TRUE(find(key, records));
+  EXPECT_EQ(records, (Records{{headend, 40}}));
+}
+
+TEST_F(SelectionCacheFile, BelongsToTheUserAloneAndSoDoesItsDirectory) {
+  m_file = m_directory + "/one/two/selections.xml";
+  usePreferences(m_file);
+  const mode_t mask = umask(0);
+  EXPECT_EQ(store("gw-a;", {{"gw-a", 40}}), 0);
+  umask(mask);
+  EXPECT_EQ(modeOf(m_file), 0600U);
+  EXPECT_EQ(modeOf(m_file + ".lock"), 0600U);
+  EXPECT_EQ(modeOf(m_directory + "/one"), 0700U);
+  EXPECT_EQ(modeOf(m_directory + "/one/two"), 0700U);
+  EXPECT_TRUE(has("gw-a;"));
+}
+
+TEST_F(SelectionCacheFile, IsNotCreatedByALookUp) {
+  EXPECT_FALSE(has("gw-a;"));
+  EXPECT_TRUE(names().empty());
+}
+
+TEST_F(SelectionCacheFile, IsReplacedNotRewritten) {
+  store("gw-a;", {{"gw-a", 40}});
+  const int reader = open(m_file.c_str(), O_RDONLY | O_CLOEXEC);
+  const std::string before = read(m_file);
+  store("gw-b;", {{"gw-b", 40}});
+  std::string seen(before.size() + 1, '\0');
+  EXPECT_EQ(::read(reader, seen.data(), seen.size()), static_cast<ssize_t>(before.size()));
+  close(reader);
+  EXPECT_EQ(seen.substr(0, before.size()), before);
+  EXPECT_THAT(names(), ElementsAre("selections.xml", "selections.xml.lock"));
+}
+
+TEST_F(SelectionCacheFile, AnotherProcessesSelectionIsSeenByALivingInstance) {
+  const CacheHold cache;
+  std::string key = "gw-b;";
+  CCacheEntry entry;
+  ASSERT_FALSE(cache->IsInCache(key, entry));
+  ASSERT_EQ(inProcess([] { return store("gw-b;", {{"gw-b", 40}}) == 0 ? 0 : 1; }), 0);
+  EXPECT_TRUE(cache->IsInCache(key, entry));
+}
+
+TEST_F(SelectionCacheFile, AStoreKeepsWhatAnotherProcessStoredMeanwhile) {
+  {
+    const CacheHold cache;
+    CCacheEntry entry = entryOf("mine;", {{"gw-a", 40}});
+    cache->AddEntry(entry);
+    ASSERT_EQ(inProcess([] { return store("theirs;", {{"gw-b", 40}}) == 0 ? 0 : 1; }), 0);
+    CCacheEntry second = entryOf("mine too;", {{"gw-c", 40}});
+    cache->AddEntry(second);
+  }
+  EXPECT_TRUE(has("mine;"));
+  EXPECT_TRUE(has("theirs;"));
+  EXPECT_TRUE(has("mine too;"));
+}
+
+TEST_F(SelectionCacheFile, DeletingItClearsALivingInstance) {
+  const CacheHold cache;
+  CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
+  cache->AddEntry(entry);
+  ASSERT_EQ(unlink(m_file.c_str()), 0);
+  std::string key = "gw-a;";
+  EXPECT_FALSE(cache->IsInCache(key, entry));
+}
+
+TEST_F(SelectionCacheFile, ACorruptOneIsKeptAsideOnceAndReplacedAtTheNextStore) {
+  write(m_file, "first noise");
+  {
+    const CacheHold cache;
+    std::string key = "gw-a;";
+    CCacheEntry entry;
+    EXPECT_FALSE(cache->IsInCache(key, entry));
+    EXPECT_FALSE(cache->IsInCache(key, entry));
+    EXPECT_EQ(read(m_file), "first noise");
+    entry = entryOf("gw-a;", {{"gw-a", 40}});
+    EXPECT_EQ(cache->AddEntry(entry), 0);
+  }
+  ASSERT_EQ(m_warnings.size(), 1U);
+  EXPECT_THAT(m_warnings[0], HasSubstr(m_file + " is no selection cache and is ignored: line 1"));
+  EXPECT_EQ(read(m_file + ".corrupt"), "first noise");
+  EXPECT_TRUE(has("gw-a;"));
+
+  write(m_file, "second noise");
+  EXPECT_EQ(store("gw-a;", {{"gw-a", 40}}), 0);
+  EXPECT_EQ(read(m_file + ".corrupt"), "first noise");
+  EXPECT_TRUE(has("gw-a;"));
+}
+
+TEST_F(SelectionCacheFile, ALinkIsRefusedAndLeftAlone) {
+  write(m_directory + "/target", "precious");
+  ASSERT_EQ(symlink((m_directory + "/target").c_str(), m_file.c_str()), 0);
+  expectMemoryOnly();
+  EXPECT_EQ(read(m_directory + "/target"), "precious");
+  EXPECT_TRUE(std::filesystem::is_symlink(m_file));
+}
+
+TEST_F(SelectionCacheFile, AFifoIsRefusedWithoutWaiting) {
+  ASSERT_EQ(mkfifo(m_file.c_str(), 0600), 0);
+  expectMemoryOnly();
+  EXPECT_TRUE(std::filesystem::is_fifo(m_file));
+}
+
+TEST_F(SelectionCacheFile, ADirectoryInItsPlaceIsRefused) {
+  ASSERT_EQ(mkdir(m_file.c_str(), 0700), 0);
+  expectMemoryOnly();
+}
+
+TEST_F(SelectionCacheFile, OneThatOthersCanWriteIsRefused) {
+  writeSelection(60);
+  ASSERT_EQ(chmod(m_file.c_str(), 0620), 0);
+  EXPECT_FALSE(has("gw-a;"));
+  m_warnings.clear();
+  expectMemoryOnly();
+  EXPECT_THAT(m_warnings[0], HasSubstr("can be written by other users"));
+}
+
+TEST_F(SelectionCacheFile, OneOfAnotherUserIsRefused) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a file away";
+  }
+  writeSelection(60);
+  ASSERT_EQ(chown(m_file.c_str(), Nobody, Nobody), 0);
+  expectMemoryOnly();
+  EXPECT_THAT(m_warnings[0], HasSubstr("belongs to another user"));
+}
+
+TEST_F(SelectionCacheFile, OneThatIsTooLargeIsRefused) {
+  writeSelection(60);
+  ASSERT_EQ(truncate(m_file.c_str(), static_cast<off_t>(CSelectionCache::MaxFileSize) + 1), 0);
+  expectMemoryOnly();
+  EXPECT_THAT(m_warnings[0], HasSubstr("has more than 16777216 bytes"));
+}
+
+TEST_F(SelectionCacheFile, AMissingDirectoryThatCannotBeMadeCostsOneWarning) {
+  write(m_directory + "/file", "");
+  usePreferences(m_directory + "/file/selections.xml");
+  expectMemoryOnly();
+  EXPECT_THAT(m_warnings[0], HasSubstr("Not a directory"));
+}
+
+TEST_F(SelectionCacheFile, AReadOnlyDirectoryCostsOneWarning) {
+  writeSelection(60);
+  ASSERT_EQ(chown(m_file.c_str(), geteuid() == 0 ? Nobody : geteuid(), getegid()), 0);
+  ASSERT_EQ(chmod(m_directory.c_str(), 0555), 0);
+  const int status = inProcess([this] {
+    if (geteuid() == 0 && setresuid(Nobody, Nobody, Nobody) != 0) {
+      return 1;
+    }
+    if (!has("gw-a;")) {
+      return 2;
+    }
+    expectMemoryOnly();
+    return HasFailure() ? 3 : 0;
+  });
+  ASSERT_EQ(chmod(m_directory.c_str(), 0700), 0);
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(SelectionCacheFile, AFullDiskLeavesTheOldFileAndNothingElse) {
+  store("gw-a;", {{"gw-a", 40}});
+  const std::string before = read(m_file);
+  {
+    const FullDisk full;
+    expectMemoryOnly();
+  }
+  EXPECT_EQ(read(m_file), before);
+  EXPECT_THAT(names(), ElementsAre("selections.xml", "selections.xml.lock"));
+}
+
+TEST_F(SelectionCacheFile, AStoreThatFailedIsTriedAgainAtTheLastRelease) {
+  {
+    const CacheHold cache;
+    const FullDisk full;
+    CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
+    EXPECT_EQ(cache->AddEntry(entry), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  }
+  EXPECT_TRUE(has("gw-a;"));
+}
+
+TEST_F(SelectionCacheFile, AStoreThatFailedIsMadeUpForByTheNextOne) {
+  const CacheHold cache;
+  {
+    const FullDisk full;
+    CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
+    EXPECT_EQ(cache->AddEntry(entry), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  }
+  CCacheEntry entry = entryOf("gw-b;", {{"gw-b", 40}});
+  EXPECT_EQ(cache->AddEntry(entry), 0);
+  EXPECT_THAT(read(m_file), HasSubstr("gw-a;"));
+}
+
+TEST_F(SelectionCacheFile, AStoreGoesOnWithoutALockThatAnotherHolds) {
+  {
+    const CacheHold cache;
+    {
+      const ForeignLock foreign(m_file);
+      CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
+      EXPECT_EQ(cache->AddEntry(entry), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+      std::string key = "gw-a;";
+      EXPECT_TRUE(cache->IsInCache(key, entry));
+      EXPECT_FALSE(exists(m_file));
+    }
+    EXPECT_TRUE(m_warnings.empty()) << "it will still be written";
+  }
+  EXPECT_TRUE(has("gw-a;"));
+}
+
+TEST_F(SelectionCacheFile, ALockThatIsNeverGivenBackCostsOneWarning) {
+  {
+    const ForeignLock foreign(m_file);
+    EXPECT_EQ(store("gw-a;", {{"gw-a", 40}}), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  }
+  ASSERT_EQ(m_warnings.size(), 1U);
+  EXPECT_THAT(m_warnings[0], HasSubstr("is held by another process"));
+  EXPECT_FALSE(has("gw-a;"));
+}
+
+TEST_F(SelectionCacheFile, ASelectionThatIsTooLargeIsKeptInMemoryOnly) {
+  const CacheHold cache;
+  CCacheEntry small = entryOf("small;", {{"gw-a", 40}});
+  ASSERT_EQ(cache->AddEntry(small), 0);
+  CCacheEntry large = entryOf(std::string(CSelectionCache::MaxFileSize, 'k'), {{"gw-b", 40}});
+  EXPECT_EQ(cache->AddEntry(large), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  CCacheEntry longName = entryOf("long;", {{std::string(3000, 'n'), 40}});
+  EXPECT_EQ(cache->AddEntry(longName), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  std::string key = "long;";
+  CCacheEntry found;
+  EXPECT_TRUE(cache->IsInCache(key, found));
+  CCacheEntry next = entryOf("next;", {{"gw-c", 40}});
+  EXPECT_EQ(cache->AddEntry(next), 0);
+  EXPECT_THAT(read(m_file), HasSubstr("small;"));
+  EXPECT_THAT(read(m_file), HasSubstr("next;"));
+}
+
+TEST_F(SelectionCacheFile, LargeSelectionsPushTheOldestOut) {
+  const std::string padding(3 * 1024 * 1024, 'k');
+  for (int i = 0; i < 7; ++i) {
+    ASSERT_EQ(store(std::to_string(i) + padding, {{"gw", 1}}), 0);
+  }
+  EXPECT_LE(read(m_file).size(), CSelectionCache::MaxFileSize);
+  EXPECT_TRUE(has("6" + padding));
+}
+
+TEST_F(SelectionCacheFile, TenProcessesThatStoreAtOnceLoseNothing) {
+  constexpr int Processes = 10;
+  constexpr int Rounds = 3;
+  for (int round = 0; round < Rounds; ++round) {
+    int barrier[2];
+    ASSERT_EQ(pipe(barrier), 0);
+    std::vector<pid_t> children;
+    for (int i = 0; i < Processes; ++i) {
+      const pid_t child = fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        char start = 0;
+        close(barrier[1]);
+        const bool started = ::read(barrier[0], &start, 1) == 0;  // ends when all are there
+        store(std::to_string(round) + "-" + std::to_string(i) + ";", {{"gw", 40}});
+        _exit(started ? 0 : 1);
+      }
+      children.push_back(child);
+    }
+    close(barrier[0]);
+    close(barrier[1]);
+    for (const pid_t child : children) {
+      int status = -1;
+      EXPECT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_EQ(status, 0);
+    }
+  }
+  for (int round = 0; round < Rounds; ++round) {
+    for (int i = 0; i < Processes; ++i) {
+      EXPECT_TRUE(has(std::to_string(round) + "-" + std::to_string(i) + ";"));
+    }
+  }
+}
+
+TEST_F(SelectionCacheFile, IsTheOldOneOrTheNewOneAfterAKillAtAnyInstant) {
+  constexpr int Kills = 40;
+  std::mt19937 random(12345);
+  std::uniform_int_distribution<int> delay(0, 20000);
+  store("steady;", {{"gw", 1}});
+  for (int i = 0; i < Kills; ++i) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      for (unsigned int n = 0; n < 10000; ++n) {
+        store("changing;", {{"gw", n}});
+      }
+      _exit(0);
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
+    kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    std::map<std::string, CCacheEntry> entries;
+    ASSERT_EQ(CacheDocument::parse(read(m_file), entries), "");
+    ASSERT_TRUE(has("steady;"));
+  }
+  EXPECT_LE(names().size(), 3U) << "killed processes leave at most one file behind";
+}
+
+}  // namespace tests

@@ -1,0 +1,141 @@
+// The settings of a selection: defaults, values in force, and values that may not stand.
+
+#include "tests/support/private_access.h"
+#include "tests/unit/api/api_fixture.h"
+#include "vpn/Api/AHS/AHSSettings.h"
+
+AHS_EXPOSE(UserFile, &PreferenceMgr::m_userPreferences);
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using tests::LogCapture;
+using tests::preferenceElement;
+using tests::preferencesText;
+using tests::ScopedPreferenceMgr;
+using tests::TemporaryDirectory;
+
+namespace {
+
+struct NumberRow {
+  const char* name;
+  unsigned int HS_SETTINGS::*field;
+  unsigned int defaultValue;
+  const char* belowRange;  // null where the range begins at 0
+  unsigned int least;
+  unsigned int most;
+};
+
+const NumberRow NumberRows[] = {
+    {"SelectionResumeTime", &HS_SETTINGS::nResumeTime, 4, nullptr, 0, 8760},
+    {"SelectionImprovement", &HS_SETTINGS::nImprovement, 20, nullptr, 0, 1000},
+    {"SelectionClearCache", &HS_SETTINGS::nClearCache, 14, "0", 1, 365},
+    {"SelectionConnectTimeout", &HS_SETTINGS::nConnectTimeout, 10000, "99", 100, 600000},
+    {"SelectionReconnectTimeout", &HS_SETTINGS::nReconnectTimeout, 5000, "99", 100, 600000},
+    {"SelectionPingTimeout", &HS_SETTINGS::nPingTimeout, 2000, "999", 1000, 60000},
+    {"SelectionPingsPerHeadend", &HS_SETTINGS::nPingsPerHeadend, 3, "0", 1, 100},
+    {"SelectionTestPingTimeout", &HS_SETTINGS::nTestPingTimeout, 5, "0", 1, 60},
+    {"SelectionMaxResults", &HS_SETTINGS::nMaxResults, 100, "0", 1, 100000},
+};
+
+class AHSSettingsTest : public testing::Test {
+ protected:
+  HS_SETTINGS read() {
+    HS_SETTINGS settings;
+    settings.bAHSEnabled = true;
+    for (const NumberRow& row : NumberRows) {
+      settings.*row.field = 4711;
+    }
+    CAHSSettings::GetSettings(settings);
+    return settings;
+  }
+
+  HS_SETTINGS readFrom(const std::string& name, const std::string& value) {
+    PreferenceMgr::Sources sources;
+    sources.userPreferencesFile =
+        m_directory.Write("user.xml", preferencesText(preferenceElement(name, value)));
+    const ScopedPreferenceMgr preferences(sources);
+    return read();
+  }
+
+  TemporaryDirectory m_directory;
+};
+
+void expectDefaults(const HS_SETTINGS& settings) {
+  EXPECT_FALSE(settings.bAHSEnabled);
+  for (const NumberRow& row : NumberRows) {
+    EXPECT_EQ(settings.*row.field, row.defaultValue) << row.name;
+  }
+}
+
+}  // namespace
+
+TEST_F(AHSSettingsTest, WithoutPreferencesAllAreDefaultsAndNothingIsLogged) {
+  const LogCapture log;
+  expectDefaults(read());
+  EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(AHSSettingsTest, PreferencesThatAreMissingGiveDefaultsWithoutAWord) {
+  const ScopedPreferenceMgr preferences({});
+  const LogCapture log;
+  expectDefaults(read());
+  EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(AHSSettingsTest, TheEndsOfEveryRangeAreTakenWithoutAWord) {
+  const LogCapture log;
+  for (const NumberRow& row : NumberRows) {
+    EXPECT_EQ(readFrom(row.name, std::to_string(row.least)).*row.field, row.least) << row.name;
+    EXPECT_EQ(readFrom(row.name, std::to_string(row.most)).*row.field, row.most) << row.name;
+  }
+  EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(AHSSettingsTest, OneValueChangesItsOwnFieldOnly) {
+  HS_SETTINGS settings = readFrom("SelectionPingsPerHeadend", "7");
+  EXPECT_EQ(settings.nPingsPerHeadend, 7U);
+  settings.nPingsPerHeadend = 3;
+  expectDefaults(settings);
+}
+
+TEST_F(AHSSettingsTest, AValueThatMayNotStandGivesTheDefaultAndAWarning) {
+  for (const NumberRow& row : NumberRows) {
+    for (const std::string& wrong : {std::to_string(row.most + 1),
+                                     std::string(row.belowRange != nullptr ? row.belowRange : "-1"),
+                                     std::string("many"), std::string()}) {
+      const LogCapture log;
+      EXPECT_EQ(readFrom(row.name, wrong).*row.field, row.defaultValue) << row.name << wrong;
+      // The first line is the file's; the second says what is done about it.
+      ASSERT_THAT(log.Lines(), SizeIs(2)) << row.name << wrong;
+      const tests::LogLine& line = log.Lines()[1];
+      EXPECT_EQ(line.function, "GetSettings");
+      EXPECT_EQ(line.file, "vpn/Api/AHS/AHSSettings");
+      EXPECT_EQ(line.severity, Logging::DBG_Warning);
+      EXPECT_THAT(line.message, HasSubstr(std::string(row.name) + " is \"" + wrong + "\""));
+      EXPECT_THAT(line.message,
+                  HasSubstr("the default " + std::to_string(row.defaultValue) + " is used"));
+    }
+  }
+}
+
+TEST_F(AHSSettingsTest, AValueThatComesFromElsewhereThanAFileIsCheckedToo) {
+  const ScopedPreferenceMgr preferences({});
+  PreferenceInfo elsewhere;
+  elsewhere.set(Preference(SelectionMaxResults, "1\n2", false));
+  PreferenceMgr* instance = PreferenceMgr::acquireInstance();
+  tests::member<tests::UserFile>(*instance).setPreferences(elsewhere);
+  instance->releaseInstance();
+  const LogCapture log;
+  EXPECT_EQ(read().nMaxResults, 100U);
+  ASSERT_THAT(log.Lines(), SizeIs(1));
+  EXPECT_THAT(log.Lines()[0].message, HasSubstr("SelectionMaxResults is \"1\\x0a2\""));
+}
+
+TEST_F(AHSSettingsTest, TheAcquisitionIsGivenBack) {
+  {
+    const ScopedPreferenceMgr preferences({});
+    read();
+  }
+  EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
+}

@@ -1,0 +1,68 @@
+// What the documentation shows is what the program reads: the examples load without a word, stand
+// in the text as they are, and the table of preferences has each with its default and its range.
+
+#include "tests/unit/api/api_fixture.h"
+#include "vpn/Api/ProfileMgr.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Key;
+
+namespace {
+
+const std::string Root = AHS_SOURCE_DIR;
+
+std::string formats() { return tests::readFile(Root + "/docs/formats.md"); }
+
+/// The row of a preference in the table, empty if it has none.
+std::string rowOf(const std::string& text, const char* name) {
+  const std::size_t begin = text.find("\n| `" + std::string(name) + "` |");
+  return begin == std::string::npos ? ""
+                                    : text.substr(begin + 1, text.find('\n', begin + 1) - begin);
+}
+
+}  // namespace
+
+TEST(Documents, TheExampleProfilesLoadWithoutAProblem) {
+  ProfileMgr profiles;
+  profiles.loadDirectory(Root + "/examples/profiles");
+  EXPECT_THAT(profiles.getProblems(), IsEmpty());
+  EXPECT_THAT(profiles.getFileInitMap(), ElementsAre(Key("europe"), Key("laboratory")));
+  EXPECT_THAT(profiles.getHostProfileMap(), ElementsAre(Key("Amsterdam"), Key("Laboratory"),
+                                                        Key("Zürich"), Key("gw-par.example.com")));
+}
+
+TEST(Documents, TheExamplePreferencesLoadWithoutAProblem) {
+  const tests::PreferencesReading reading =
+      tests::readPreferences(Root + "/examples/preferences.xml");
+  EXPECT_TRUE(reading.usable);
+  EXPECT_THAT(reading.problems, IsEmpty());
+  EXPECT_EQ(reading.Value(SelectionImprovement), "30");
+}
+
+TEST(Documents, TheFormatsShowTheExamplesAsTheyAre) {
+  EXPECT_THAT(formats(), HasSubstr(tests::readFile(Root + "/examples/profiles/europe.xml")));
+  EXPECT_THAT(formats(), HasSubstr(tests::readFile(Root + "/examples/preferences.xml")));
+}
+
+TEST(Documents, TheTableHasEveryPreferenceWithUnitRangeDefaultAndPlace) {
+  const std::string text = formats();
+  std::size_t count = 0;
+  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string row = rowOf(text, all[i].name);
+    EXPECT_THAT(row, HasSubstr(all[i].inProfile ? "| profile |" : "| preferences |"));
+    if (all[i].unit != nullptr) {
+      const std::string unit = *all[i].unit != '\0' ? std::string(" ") + all[i].unit : "";
+      EXPECT_THAT(row, HasSubstr("|" + unit + " | " + std::to_string(all[i].least) + " to " +
+                                 std::to_string(all[i].most)));
+    }
+    for (const char* const* word = all[i].words; *word != nullptr; ++word) {
+      EXPECT_THAT(row, HasSubstr(std::string("`") + *word + "`"));
+    }
+    const std::string defaultValue = *all[i].defaultValue != '\0' ? all[i].defaultValue : "nothing";
+    EXPECT_THAT(row, testing::AnyOf(HasSubstr("| " + defaultValue + " |"),
+                                    HasSubstr("| `" + defaultValue + "` |")));
+  }
+}

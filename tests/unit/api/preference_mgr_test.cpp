@@ -1,0 +1,231 @@
+// The preference manager: precedence, what it hands out, its life, and what it tells of wrong
+// files.
+
+#include <atomic>
+#include <thread>
+
+#include "tests/unit/api/api_fixture.h"
+#include "vpn/Api/PreferenceMgr.h"
+#include "vpn/include/InstanceSmartPtr.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Key;
+using testing::SizeIs;
+using tests::LogCapture;
+using tests::preferenceElement;
+using tests::preferencesText;
+using tests::ProblemAt;
+using tests::profileWithHosts;
+using tests::ScopedPreferenceMgr;
+using tests::TemporaryDirectory;
+using Pieces = std::vector<std::string>;
+
+namespace {
+
+class PreferenceMgrTest : public testing::Test {
+ protected:
+  void writeUser(const std::string& inside) {
+    m_sources.userPreferencesFile = m_directory.Write("user.xml", preferencesText(inside));
+  }
+  void writeGlobal(const std::string& inside) {
+    m_sources.globalPreferencesFile = m_directory.Write("global.xml", preferencesText(inside));
+  }
+
+  TemporaryDirectory m_directory;
+  PreferenceMgr::Sources m_sources;
+};
+
+std::string valueOf(const ScopedPreferenceMgr& preferences, PreferenceId id) {
+  std::string value = "untouched";
+  EXPECT_EQ(preferences->getPreferenceValue(id, value), PREFERENCEMGR_SUCCESS);
+  return value;
+}
+
+}  // namespace
+
+TEST_F(PreferenceMgrTest, ThereIsNoneUntilItIsCreated) {
+  EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
+  EXPECT_TRUE(CInstanceSmartPtr<PreferenceMgr>() == nullptr);
+}
+
+TEST_F(PreferenceMgrTest, ASecondCannotBeCreated) {
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(preferences.Status(), PREFERENCEMGR_SUCCESS);
+  EXPECT_EQ(PreferenceMgr::createInstance(m_sources), PREFERENCEMGR_ERROR_ALREADY_EXISTS);
+}
+
+TEST_F(PreferenceMgrTest, ItLivesUntilTheLastAcquisitionIsGivenBack) {
+  ASSERT_EQ(PreferenceMgr::createInstance(m_sources), PREFERENCEMGR_SUCCESS);
+  PreferenceMgr* first = PreferenceMgr::acquireInstance();
+  PreferenceMgr* second = PreferenceMgr::acquireInstance();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first, second);
+  first->releaseInstance();
+  first->releaseInstance();
+  EXPECT_EQ(PreferenceMgr::acquireInstance(), second);
+  second->releaseInstance();
+  second->releaseInstance();
+  EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
+}
+
+TEST_F(PreferenceMgrTest, ItCanBeCreatedAgainFromOtherFiles) {
+  writeUser(preferenceElement("SelectionImprovement", "5"));
+  {
+    const ScopedPreferenceMgr preferences(m_sources);
+    EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5");
+  }
+  const ScopedPreferenceMgr preferences({});
+  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "20");
+}
+
+TEST_F(PreferenceMgrTest, WithoutFilesEveryPreferenceHasItsDefault) {
+  const ScopedPreferenceMgr preferences(m_sources);
+  std::size_t count = 0;
+  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    EXPECT_EQ(valueOf(preferences, all[i].id), all[i].defaultValue) << all[i].name;
+  }
+  EXPECT_THAT(preferences->getProblems(), IsEmpty());
+}
+
+TEST_F(PreferenceMgrTest, TheUsersValueGoesBeforeTheGlobalOneAndThatBeforeTheDefault) {
+  writeUser(preferenceElement("SelectionImprovement", "5"));
+  writeGlobal(preferenceElement("SelectionImprovement", "6") +
+              preferenceElement("SelectionClearCache", "7"));
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5");
+  EXPECT_EQ(valueOf(preferences, SelectionClearCache), "7");
+  EXPECT_EQ(valueOf(preferences, SelectionMaxResults), "100");
+}
+
+TEST_F(PreferenceMgrTest, ANumberThatIsNotAllowedStandsAsItIsWritten) {
+  writeUser(preferenceElement("SelectionImprovement", "5000"));
+  writeGlobal(preferenceElement("SelectionImprovement", "6"));
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5000");
+}
+
+TEST_F(PreferenceMgrTest, AWordThatIsNotAllowedGivesWayToTheGlobalOne) {
+  writeUser(preferenceElement("ProxySettings", "overide"));
+  writeGlobal(preferenceElement("ProxySettings", "none"));
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyNone);
+}
+
+TEST_F(PreferenceMgrTest, ANumberThatIsNoPreferenceIsRefused) {
+  const ScopedPreferenceMgr preferences(m_sources);
+  std::string value = "untouched";
+  EXPECT_EQ(preferences->getPreferenceValue(UnknownPreference, value),
+            PREFERENCEMGR_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(value, "untouched");
+}
+
+TEST_F(PreferenceMgrTest, EachScopeHasItsParsedFile) {
+  writeUser(preferenceElement("ProxyHost", "users"));
+  writeGlobal(preferenceElement("ProxyHost", "proxy1") + preferenceElement("ProxyPort", "3128"));
+  const ScopedPreferenceMgr preferences(m_sources);
+  UserPreferences* user = nullptr;
+  UserPreferences* global = nullptr;
+  ASSERT_EQ(preferences->getParsedPreferenceFile(User, user), PREFERENCEMGR_SUCCESS);
+  ASSERT_EQ(preferences->getParsedPreferenceFile(Global, global), PREFERENCEMGR_SUCCESS);
+  EXPECT_EQ(user->getProxyHost(), "users");
+  EXPECT_EQ(user->getProxyPort(), "");
+  EXPECT_EQ(global->getProxyHost(), "proxy1");
+  EXPECT_EQ(global->getProxyPort(), "3128");
+}
+
+TEST_F(PreferenceMgrTest, AScopeWithoutAFileHasAnEmptyOne) {
+  m_sources.globalPreferencesFile = m_directory.File("none.xml");
+  const ScopedPreferenceMgr preferences(m_sources);
+  UserPreferences* global = nullptr;
+  ASSERT_EQ(preferences->getParsedPreferenceFile(Global, global), PREFERENCEMGR_SUCCESS);
+  ASSERT_NE(global, nullptr);
+  EXPECT_EQ(global->getProxyHost(), "");
+  EXPECT_THAT(preferences->getProblems(), IsEmpty());
+}
+
+TEST_F(PreferenceMgrTest, TheProfilesOfTheDirectoryAreItsProfiles) {
+  m_sources.profileDirectory = m_directory.MakeDirectory("profiles");
+  m_directory.Write("profiles/europe.xml", profileWithHosts("<host name=\"gw\"/>"));
+  const ScopedPreferenceMgr preferences(m_sources);
+  ProfileMgr* profiles = nullptr;
+  ASSERT_EQ(preferences->getProfileMgr(profiles), PREFERENCEMGR_SUCCESS);
+  EXPECT_THAT(profiles->getHostProfileMap(), ElementsAre(Key("gw")));
+}
+
+TEST_F(PreferenceMgrTest, GivenAddressesTakeThePlaceOfAllProfiles) {
+  m_sources.profileDirectory = m_directory.MakeDirectory("profiles");
+  m_directory.Write("profiles/europe.xml", "no profile");
+  m_sources.addresses = {"gw1", "gw2:8443"};
+  const ScopedPreferenceMgr preferences(m_sources);
+  ProfileMgr* profiles = nullptr;
+  ASSERT_EQ(preferences->getProfileMgr(profiles), PREFERENCEMGR_SUCCESS);
+  EXPECT_THAT(profiles->getHostProfileMap(), ElementsAre(Key("gw1"), Key("gw2:8443")));
+  EXPECT_THAT(profiles->getFileInitMap(),
+              ElementsAre(Key(profiles->getProfileNameFromHost("gw1"))));
+  EXPECT_THAT(preferences->getProblems(), IsEmpty());
+}
+
+TEST_F(PreferenceMgrTest, TheCacheFileIsTheOneOfTheSources) {
+  m_sources.cacheFile = "/var/cache/some/file";
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(preferences->getCacheFile(), "/var/cache/some/file");
+}
+
+TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach) {
+  writeUser("<preferense/>");
+  writeGlobal("<");
+  m_sources.profileDirectory = m_directory.MakeDirectory("profiles");
+  m_directory.Write("profiles/a.xml", profileWithHosts("<host/>"));
+  const LogCapture log;
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(preferences.Status(), PREFERENCEMGR_SUCCESS);
+  const std::vector<FileProblem> problems = preferences->getProblems();
+  EXPECT_THAT(problems, ElementsAre(ProblemAt(3, Pieces{"did you mean <preference>?"}),
+                                    ProblemAt(3, Pieces{"not well-formed"}),
+                                    ProblemAt(4, Pieces{"without a name"})));
+  ASSERT_THAT(log.Lines(), SizeIs(3));
+  for (std::size_t i = 0; i < problems.size(); ++i) {
+    EXPECT_EQ(log.Lines()[i].function, "PreferenceMgr");
+    EXPECT_EQ(log.Lines()[i].file, "vpn/Api/PreferenceMgr");
+    EXPECT_EQ(log.Lines()[i].severity, Logging::DBG_Warning);
+    EXPECT_EQ(log.Lines()[i].message, problems[i].toString());
+  }
+}
+
+TEST_F(PreferenceMgrTest, AFileNameWithAFormatInItIsLoggedAsItStands) {
+  m_sources.userPreferencesFile = m_directory.Write("100%s%n.xml", "<");
+  const LogCapture log;
+  const ScopedPreferenceMgr preferences(m_sources);
+  ASSERT_THAT(log.Lines(), SizeIs(1));
+  EXPECT_THAT(log.Lines()[0].message, testing::HasSubstr("/100%s%n.xml:1: "));
+}
+
+TEST_F(PreferenceMgrTest, ManyThreadsMayAcquireReadAndReleaseWhileItIsTakenDown) {
+  writeUser(preferenceElement("SelectionImprovement", "5"));
+  std::atomic<bool> stop{false};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        const CInstanceSmartPtr<PreferenceMgr> preferences;
+        std::string value;
+        if (!(preferences == nullptr) &&
+            (preferences->getPreferenceValue(SelectionImprovement, value) != 0 || value != "5")) {
+          ++wrong;
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 200; ++i) {
+    const ScopedPreferenceMgr preferences(m_sources);
+  }
+  stop = true;
+  for (std::thread& reader : readers) {
+    reader.join();
+  }
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
+}

@@ -1,0 +1,57 @@
+// Where files are looked for, by environment.
+
+#include "cli/Paths.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "temporary_directory.h"
+
+TEST(Paths, StandBelowTheHomeDirectory) {
+  const DefaultPaths paths = defaultPathsFor(nullptr, nullptr, "/home/kim");
+  EXPECT_EQ(paths.userProfiles, "/home/kim/.config/ahs/profiles");
+  EXPECT_EQ(paths.userPreferences, "/home/kim/.config/ahs/preferences.xml");
+  EXPECT_EQ(paths.cacheDirectory, "/home/kim/.cache/ahs");
+  EXPECT_EQ(paths.systemProfiles, "/etc/ahs/profiles");
+  EXPECT_EQ(paths.globalPreferences, "/etc/ahs/preferences.xml");
+}
+
+TEST(Paths, FollowTheXdgVariables) {
+  const DefaultPaths paths = defaultPathsFor("/conf", "/cache", "/home/kim");
+  EXPECT_EQ(paths.userProfiles, "/conf/ahs/profiles");
+  EXPECT_EQ(paths.userPreferences, "/conf/ahs/preferences.xml");
+  EXPECT_EQ(paths.cacheDirectory, "/cache/ahs");
+}
+
+TEST(Paths, EmptyOrRelativeXdgVariablesAreNotUsed) {
+  const DefaultPaths paths = defaultPathsFor("", "cache", "/home/kim");
+  EXPECT_EQ(paths.userProfiles, "/home/kim/.config/ahs/profiles");
+  EXPECT_EQ(paths.cacheDirectory, "/home/kim/.cache/ahs");
+}
+
+TEST(Paths, AUserWithoutAHomeDirectoryHasTheSystemsOnly) {
+  const DefaultPaths paths = defaultPathsFor(nullptr, nullptr, nullptr);
+  EXPECT_EQ(paths.userProfiles, "");
+  EXPECT_EQ(paths.cacheDirectory, "");
+  EXPECT_EQ(paths.systemProfiles, "/etc/ahs/profiles");
+}
+
+TEST(Paths, ADirectoryIsNotTakenForAFileNorAFileForADirectory) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.write("file", "");
+  EXPECT_EQ(findDirectoryError(directory.path()), "");
+  EXPECT_EQ(findFileError(file), "");
+  EXPECT_EQ(findDirectoryError(file), "it is not a directory");
+  EXPECT_EQ(findFileError(directory.path()), "it is a directory, not a file");
+}
+
+TEST(Paths, WhatDoesNotExistIsSaidNotToExist) {
+  EXPECT_EQ(findDirectoryError("/no/such"), "No such file or directory");
+  EXPECT_EQ(findFileError(""), "No such file or directory");
+}
+
+TEST(Paths, AFifoIsNotWaitedFor) {
+  const TemporaryDirectory directory;
+  ASSERT_EQ(mkfifo(directory.path("fifo").c_str(), 0600), 0);
+  EXPECT_EQ(findFileError(directory.path("fifo")), "it is not a regular file");
+}

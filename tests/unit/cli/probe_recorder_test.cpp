@@ -1,0 +1,71 @@
+// What is remembered of probes.
+
+#include <gtest/gtest.h>
+
+#include "cli/ProbeRecorder.h"
+#include "vpn/include/HttpSession.h"
+
+namespace {
+
+HttpProbe::Report report(const std::string& host, STATUSCODE status, unsigned int rttMs = 0) {
+  HttpProbe::Report probe;
+  probe.host = host;
+  probe.port = 443;
+  probe.options = HttpProbe::HTTP_PROBE_RETURN_STATUSCODE |
+                  HttpProbe::HTTP_PROBE_RETURN_LAST_ERROR | HttpProbe::HTTP_PROBE_RETURN_RTT;
+  probe.status = status;
+  probe.rttMs = rttMs;
+  return probe;
+}
+
+}  // namespace
+
+TEST(ProbeRecorder, TheProbeThatTestsTheWayIsLeftOut) {
+  ProbeRecorder recorder;
+  HttpProbe::Report test = report("gw", HTTP_SESSION_SUCCESS, 5);
+  test.options |= HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS;
+  recorder.ProbeStarted(test);
+  recorder.ProbeEnded(test);
+  EXPECT_TRUE(recorder.tracks().empty());
+  EXPECT_EQ(recorder.progress().probesEnded, 0U);
+}
+
+TEST(ProbeRecorder, AHeadendThatAnswersTwiceCountsOnce) {
+  ProbeRecorder recorder;
+  for (int i = 0; i < 2; ++i) {
+    recorder.ProbeStarted(report("gw", 0));
+    recorder.ProbeEnded(report("gw", HTTP_SESSION_SUCCESS, 5));
+  }
+  EXPECT_EQ(recorder.progress().placesAnswered, 1U);
+  EXPECT_EQ(recorder.progress().probesEnded, 2U);
+}
+
+TEST(ProbeRecorder, ARefusedConnectionIsNoAnswer) {
+  ProbeRecorder recorder;
+  recorder.ProbeStarted(report("gw", 0));
+  recorder.ProbeEnded(report("gw", HTTP_SESSION_ERROR_CANNOT_CONNECT));
+  EXPECT_EQ(recorder.progress().placesAnswered, 0U);
+  EXPECT_EQ(recorder.progress().probesEnded, 1U);
+}
+
+TEST(ProbeRecorder, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {
+  ProbeRecorder recorder;
+  recorder.ProbeStarted(report("[::1]", 0));
+  recorder.ProbeEnded(report("::1", HTTP_SESSION_SUCCESS, 5));
+  const auto tracks = recorder.tracks();
+  ASSERT_EQ(tracks.size(), 1U);
+  EXPECT_EQ(tracks.at(Place("::1", 443)).started, 1U);
+  EXPECT_EQ(tracks.at(Place("::1", 443)).ended.size(), 1U);
+}
+
+TEST(ProbeRecorder, EveryStatusThatAServerCausedIsASample) {
+  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_SUCCESS));
+  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE));
+  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED));
+  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
+  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_BAD_PARAMETER));
+  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CONNECT));
+  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CANNOT_CONNECT));
+  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_TIMEOUT));
+  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_DNS_RESOLUTION));
+}

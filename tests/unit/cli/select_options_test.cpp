@@ -1,0 +1,186 @@
+// From typed options to a plan.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cli/SelectOptions.h"
+#include "temporary_directory.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class SelectOptionsTest : public testing::Test {
+ protected:
+  std::string make() { return makePlan(options, paths, plan, problems); }
+
+  TemporaryDirectory directory;
+  DefaultPaths paths =
+      defaultPathsFor(directory.path("config").c_str(), directory.path("cache").c_str(), nullptr);
+  SelectOptions options;
+  SelectPlan plan;
+  std::vector<std::string> problems;
+};
+
+}  // namespace
+
+TEST_F(SelectOptionsTest, NothingGivenIsAConnectionWithDefaultPlacesAndNoLog) {
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.reason, 0U);
+  EXPECT_EQ(plan.last, "");
+  EXPECT_TRUE(plan.log.off);
+  EXPECT_EQ(plan.sources.userPreferencesFile, directory.path("config/ahs/preferences.xml"));
+  EXPECT_EQ(plan.sources.globalPreferencesFile, "/etc/ahs/preferences.xml");
+  EXPECT_EQ(plan.sources.cacheFile, directory.path("cache/ahs/selections.xml"));
+}
+
+TEST_F(SelectOptionsTest, TheUsersProfilesComeBeforeTheSystems) {
+  std::filesystem::create_directories(paths.userProfiles);
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.sources.profileDirectory, paths.userProfiles);
+}
+
+TEST_F(SelectOptionsTest, WithoutProfilesOfTheUserTheSystemsAreRead) {
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.sources.profileDirectory, "/etc/ahs/profiles");
+  EXPECT_THAT(plan.profilePlaces, HasSubstr(paths.userProfiles));
+  EXPECT_THAT(plan.profilePlaces, HasSubstr("/etc/ahs/profiles"));
+}
+
+TEST_F(SelectOptionsTest, EveryReasonHasANameAndANumber) {
+  for (unsigned int reason = 0; reason <= 5; ++reason) {
+    EXPECT_EQ(parseReason(std::to_string(reason)), reason);
+    EXPECT_EQ(parseReason(reasonName(reason)), reason);
+  }
+  EXPECT_STREQ(reasonName(1), "reconnection");
+  EXPECT_STREQ(reasonName(6), "unknown");
+}
+
+TEST_F(SelectOptionsTest, AnUnknownReasonIsRefusedWithTheNamesThatExist) {
+  for (const char* wrong : {"6", "-1", "", "Reconnection", "01", "unknown"}) {
+    options.reason = wrong;
+    EXPECT_THAT(make(), HasSubstr("connection, reconnection, preferences-change, "
+                                  "proxy-authentication, process-launch, disconnect"))
+        << wrong;
+  }
+}
+
+TEST_F(SelectOptionsTest, HostsThatNameOnePlaceAreMeasuredOnce) {
+  options.hosts = {"gw-a", "gw-b:8443", "GW-A", "gw-a", "gw-b", "[::1]:443"};
+  EXPECT_EQ(make(), "");
+  EXPECT_THAT(plan.sources.addresses, ElementsAre("gw-a", "gw-b:8443", "gw-b", "[::1]:443"));
+}
+
+TEST_F(SelectOptionsTest, AHostThatIsNoAddressIsRefusedByName) {
+  for (const char* wrong : {"", "gw:0", "gw:99999", "user@gw", "::1", "a b", "ftp://gw"}) {
+    options.hosts = {"gw-a", wrong};
+    EXPECT_THAT(make(), HasSubstr("the host '" + std::string(wrong) + "' cannot be used")) << wrong;
+  }
+}
+
+TEST_F(SelectOptionsTest, ControlCharactersOfAHostDoNotReachTheTerminal) {
+  options.hosts = {"gw\x1b[31m"};
+  EXPECT_THAT(make(), HasSubstr("'gw\\x1b[31m'"));
+}
+
+TEST_F(SelectOptionsTest, TheLastHeadendMayBeSpeltOtherwiseThanTheHostThatIsMeant) {
+  options.hosts = {"gw-a", "https://GW-B:8443"};
+  options.last = "gw-b:8443";
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.last, "https://GW-B:8443");
+}
+
+TEST_F(SelectOptionsTest, TheLastHeadendOfAProfileIsTakenAsItIs) {
+  options.last = "Berlin, main office";
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.last, "Berlin, main office");
+}
+
+TEST_F(SelectOptionsTest, AnEmptyLastHeadendNamesNoHost) {
+  options.hosts = {"gw-a"};
+  options.last = "";
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.last, "");
+}
+
+TEST_F(SelectOptionsTest, NamedPlacesHaveToExist) {
+  options.profiles = directory.path("none");
+  EXPECT_THAT(make(), HasSubstr("the profile directory '" + directory.path("none")));
+  options.profiles.reset();
+  options.cacheDirectory = directory.path("none");
+  EXPECT_THAT(make(), HasSubstr("the cache directory '" + directory.path("none")));
+  options.cacheDirectory.reset();
+  options.preferences = directory.path("none");
+  EXPECT_THAT(make(), HasSubstr("the preferences file '" + directory.path("none")));
+  options.preferences.reset();
+  options.globalPreferences = directory.path("none");
+  EXPECT_THAT(make(), HasSubstr("--global-preferences"));
+}
+
+TEST_F(SelectOptionsTest, AMalformedPreferencesFileThatWasNamedIsRefusedWithFileAndLine) {
+  options.preferences = directory.write("preferences.xml", "<?xml version=\"1.0\"?>\n<oops\n");
+  EXPECT_THAT(make(), HasSubstr("not a well-formed preferences file"));
+  ASSERT_FALSE(problems.empty());
+  EXPECT_THAT(problems.front(), HasSubstr(*options.preferences + ":"));
+}
+
+TEST_F(SelectOptionsTest, NoCacheMeansNoFile) {
+  options.noCache = true;
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.sources.cacheFile, "");
+  options.cacheDirectory = directory.path();
+  EXPECT_THAT(make(), HasSubstr("exclude each other"));
+}
+
+TEST_F(SelectOptionsTest, ACacheDirectoryHoldsTheCacheFile) {
+  options.cacheDirectory = directory.path();
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.sources.cacheFile, directory.path("selections.xml"));
+}
+
+TEST_F(SelectOptionsTest, ALevelAloneLogsToStandardError) {
+  options.logLevel = "warning";
+  EXPECT_EQ(make(), "");
+  EXPECT_TRUE(plan.log.terminal);
+  EXPECT_FALSE(plan.log.off);
+  EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Warning);
+}
+
+TEST_F(SelectOptionsTest, ALevelAppliesToTheFileThatIsNamed) {
+  options.logLevel = "error";
+  options.logFile = directory.path("log");
+  EXPECT_EQ(make(), "");
+  EXPECT_FALSE(plan.log.terminal);
+  EXPECT_EQ(plan.log.file, directory.path("log"));
+  EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Error);
+}
+
+TEST_F(SelectOptionsTest, AFileAloneHoldsEverything) {
+  options.logFile = directory.path("log");
+  EXPECT_EQ(make(), "");
+  EXPECT_FALSE(plan.log.off);
+  EXPECT_FALSE(plan.log.terminal);
+  EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Info);
+}
+
+TEST_F(SelectOptionsTest, LevelOffOpensNothing) {
+  options.logLevel = "off";
+  options.logFile = directory.path("log");
+  options.syslog = true;
+  EXPECT_EQ(make(), "");
+  EXPECT_TRUE(plan.log.off);
+  EXPECT_EQ(plan.log.file, "");
+  EXPECT_FALSE(plan.log.syslog);
+}
+
+TEST_F(SelectOptionsTest, AnUnknownLevelIsRefused) {
+  options.logLevel = "debug";
+  EXPECT_THAT(make(), HasSubstr("error, warning, info or off"));
+}
+
+TEST_F(SelectOptionsTest, OneFormOfOutputAtATime) {
+  options.json = true;
+  options.quiet = true;
+  EXPECT_THAT(make(), HasSubstr("exclude each other"));
+}

@@ -1,0 +1,291 @@
+// Probes through proxies: plain requests, tunnels, authentication, and proxies that are broken.
+
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/TestAuthority.h"
+#include "tests/unit/common/http_probe_fixture.h"
+#include "vpn/Common/IP/HttpHeaderResponse.h"
+#include "vpn/Common/IP/HttpProbe.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using tests::answering;
+using tests::answeringOverTls;
+using tests::Connection;
+using tests::RefusingPort;
+using tests::RequestLog;
+using tests::ScriptedServer;
+using tests::SilentPort;
+using tests::TestAuthority;
+using tests::TlsServerContext;
+using namespace std::chrono_literals;
+
+constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+constexpr char kAuthenticate[] =
+    "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"Office\"\r\n"
+    "Content-Length: 0\r\n\r\n";
+
+// An address that is never contacted: the proxy answers for it.
+constexpr char kElsewhere[] = "192.0.2.1";
+
+std::string proxyAt(unsigned short port) { return "http=http://127.0.0.1:" + std::to_string(port); }
+
+/// A proxy that wants a user name and password, in whatever letter case it is asked.
+ScriptedServer::Script authenticatingProxy(RequestLog* log) {
+  return [log](Connection& connection) {
+    for (std::string request = connection.readHead(); !request.empty();
+         request = connection.readHead()) {
+      log->add(request);
+      // "user:secret"
+      const bool known =
+          request.find("Proxy-Authorization: Basic dXNlcjpzZWNyZXQ=\r\n") != std::string::npos;
+      connection.send(known ? kOk : kAuthenticate);
+    }
+  };
+}
+
+TEST_F(HttpProbeTest, APlainRequestGoesToTheProxyWhole) {
+  RequestLog log;
+  const ScriptedServer server(answering(kOk, &log));
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probe(8080, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(results.uiHttpStatusCode, 200U);
+  ASSERT_EQ(log.all().size(), 1U);
+  EXPECT_THAT(log.all()[0], StartsWith("HEAD http://192.0.2.1:8080/ HTTP/1.1\r\n"));
+  EXPECT_THAT(log.all()[0], Not(HasSubstr("Authorization")));
+}
+
+TEST_F(HttpProbeTest, AProxyIsTakenInEverySpellingOfItsAddress) {
+  const ScriptedServer server(answering(kOk));
+  const std::string port = std::to_string(server.port());
+  for (const std::string& text :
+       {"http=http://127.0.0.1:" + port, "http://127.0.0.1:" + port, "127.0.0.1:" + port,
+        "http=127.0.0.1:" + port, "http://127.0.0.1:" + port + "/"}) {
+    proxy.proxyServer = text;
+    EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS) << text;
+  }
+  EXPECT_EQ(server.accepted(), 5U);
+}
+
+TEST_F(HttpProbeTest, AProxyMayHaveAnIpv6Address) {
+  if (!tests::hasAddress("::1")) {
+    GTEST_SKIP() << "this machine has no IPv6";
+  }
+  const ScriptedServer server(answering(kOk), "::1");
+  proxy.proxyServer = "http=http://[::1]:" + std::to_string(server.port());
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+}
+
+TEST_F(HttpProbeTest, AConfiguredProxyIsUsedWhateverTheEnvironmentExempts) {
+  const ScriptedServer server(answering(kOk));
+  setenv("no_proxy", "*", 1);
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+  unsetenv("no_proxy");
+}
+
+class HttpProbeThroughNoProxy : public HttpProbeTest,
+                                public testing::WithParamInterface<std::string> {};
+
+TEST_P(HttpProbeThroughNoProxy, IsAConnectErrorAndSendsNothing) {
+  const ScriptedServer server(answering(kOk));
+  proxy.proxyServer = GetParam();
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_CONNECT);
+  EXPECT_EQ(results.uiLastError, CURLE_COULDNT_RESOLVE_PROXY);
+  EXPECT_EQ(server.accepted(), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Proxy, HttpProbeThroughNoProxy,
+                         testing::Values("http=", "http=http://", "http=http://:3128",
+                                         "socks5://127.0.0.1", "http=http://a b",
+                                         "http=http://u:p@127.0.0.1:1", "http=http://127.0.0.1:0",
+                                         "http=http://127.0.0.1:x", "http=http://127.0.0.1/x",
+                                         "http=http://127.0.0.1\r\nX: y", "http=http://[::1",
+                                         "http=https://127.0.0.1:1", " ",
+                                         std::string(1 << 20, 'a')),
+                         [](const auto& param) { return std::to_string(param.index); });
+
+TEST_F(HttpProbeTest, AProxyThatRefusesTheConnectionIsAConnectError) {
+  const RefusingPort closed("127.0.0.1");
+  proxy.proxyServer = proxyAt(closed.Where().port);
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_ERROR_CONNECT);
+  EXPECT_EQ(probeSecurely(443, kPatience, kElsewhere), HTTP_SESSION_ERROR_CONNECT);
+  EXPECT_EQ(results.uiRtt, 0U);
+}
+
+TEST_F(HttpProbeTest, ASilentProxyIsATimeOut) {
+  const SilentPort dead;
+  proxy.proxyServer = proxyAt(dead.port());
+  EXPECT_EQ(probe(80, 1, kElsewhere), HTTP_SESSION_ERROR_TIMEOUT);
+  const ScriptedServer silent([](Connection& connection) { connection.waitForPeer(); });
+  proxy.proxyServer = proxyAt(silent.port());
+  EXPECT_EQ(probe(80, 1, kElsewhere), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_EQ(probeSecurely(443, 1, kElsewhere), HTTP_SESSION_ERROR_TIMEOUT);
+}
+
+TEST_F(HttpProbeTest, AProxyThatAnswersGarbageIsAnInvalidResponse) {
+  const ScriptedServer server(answering("SSH-2.0-x\r\n\r\n"));
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_GE(report().responseRttUs, 0);
+}
+
+TEST_F(HttpProbeTest, AProxyThatClosesTheTunnelIsAnInvalidResponse) {
+  const ScriptedServer server([](Connection& connection) { connection.readHead(); });
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probeSecurely(443, kPatience, kElsewhere), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_GE(report().responseRttUs, 0);
+  EXPECT_EQ(results.uiHttpStatusCode, 0U);
+}
+
+TEST_F(HttpProbeTest, EndlessHeadersOfAProxysConsentAreCutOff) {
+  const ScriptedServer server([](Connection& connection) {
+    connection.readHead();
+    connection.send("HTTP/1.1 200 Established\r\n");
+    while (connection.send("X-Header: some value or other\r\n")) {
+    }
+  });
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probeSecurely(443, kPatience, kElsewhere), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_LE(results.tstrResponseHeaders.size(), 64UL * 1024);
+}
+
+TEST_F(HttpProbeTest, APlainRequestThatNeedsAuthenticationIsASuccessWith407) {
+  RequestLog log;
+  const ScriptedServer server(authenticatingProxy(&log));
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(results.uiHttpStatusCode, 407U);
+  CHttpHeaderResponse response;
+  response.set(results.tstrResponseHeaders);
+  EXPECT_EQ(response.getProxyAuthRealm("Basic"), "Office");
+}
+
+TEST_F(HttpProbeTest, ATunnelThatNeedsAuthenticationIsAnInvalidResponseWith407) {
+  RequestLog log;
+  const ScriptedServer server(authenticatingProxy(&log));
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probeSecurely(443, kPatience, kElsewhere), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_EQ(results.uiHttpStatusCode, 407U);
+  CHttpHeaderResponse response;
+  response.set(results.tstrResponseHeaders);
+  EXPECT_EQ(response.getProxyAuthRealm("Basic"), "Office");
+  ASSERT_EQ(log.all().size(), 1U);
+  EXPECT_THAT(log.all()[0], StartsWith("CONNECT 192.0.2.1:443 HTTP/1.1\r\n"));
+  EXPECT_GE(report().responseRttUs, 0);
+}
+
+TEST_F(HttpProbeTest, ATunnelThatIsRefusedIsAnInvalidResponseWithTheProxysStatus) {
+  const ScriptedServer server(answering("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n"));
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probeSecurely(443, kPatience, kElsewhere), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_EQ(results.uiHttpStatusCode, 403U);
+}
+
+TEST_F(HttpProbeTest, CredentialsAreGivenToAProxyThatAsks) {
+  RequestLog log;
+  const ScriptedServer server(authenticatingProxy(&log));
+  proxy.proxyServer = proxyAt(server.port());
+  proxy.proxyUser = "user";
+  proxy.proxyPswd = "secret";
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(results.uiHttpStatusCode, 200U);
+  EXPECT_EQ(results.tstrResponseHeaders, kOk);
+}
+
+TEST_F(HttpProbeTest, WrongCredentialsEndIn407) {
+  RequestLog log;
+  const ScriptedServer server(authenticatingProxy(&log));
+  proxy.proxyServer = proxyAt(server.port());
+  proxy.proxyUser = "user";
+  proxy.proxyPswd = "wrong";
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(results.uiHttpStatusCode, 407U);
+  EXPECT_LE(log.all().size(), 2U);
+}
+
+TEST_F(HttpProbeTest, CredentialsAreGivenToNoServer) {
+  RequestLog log;
+  const ScriptedServer server(authenticatingProxy(&log));
+  proxy.proxyUser = "user";
+  proxy.proxyPswd = "secret";
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(results.uiHttpStatusCode, 407U);
+  ASSERT_EQ(log.all().size(), 1U);
+  EXPECT_THAT(log.all()[0], Not(HasSubstr("Authorization")));
+}
+
+TEST_F(HttpProbeTest, ASecureProbeGoesThroughATunnel) {
+  const TestAuthority authority;
+  HttpProbe::SetTrustFile(authority.file());
+  RequestLog serverLog;
+  RequestLog proxyLog;
+  const ScriptedServer server(
+      answeringOverTls(TlsServerContext(authority.issue()), kOk, &serverLog));
+  const ScriptedServer tunnel([&](Connection& connection) {
+    proxyLog.add(connection.readHead());
+    connection.send("HTTP/1.1 200 Established\r\nX: proxy\r\n\r\n");
+    connection.tunnelTo(server.port());
+  });
+  proxy.proxyServer = proxyAt(tunnel.port());
+  proxy.proxyUser = "user";
+  proxy.proxyPswd = "secret";
+  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(results.uiHttpStatusCode, 200U);
+  EXPECT_EQ(results.tstrResponseHeaders, kOk);
+  ASSERT_EQ(serverLog.all().size(), 1U);
+  EXPECT_THAT(serverLog.all()[0], Not(HasSubstr("Proxy-Authorization")));
+  ASSERT_EQ(proxyLog.all().size(), 1U);
+
+  HttpProbe::SetTrustFile("");
+  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
+  EXPECT_EQ(results.uiHttpStatusCode, 0U);
+  EXPECT_GE(report().responseRttUs, 0);
+}
+
+TEST_F(HttpProbeTest, ThroughAProxyTheResponseIsMeasured) {
+  const ScriptedServer server([](Connection& connection) {
+    connection.readHead();
+    connection.wait(300ms);
+    connection.send(kOk);
+  });
+  proxy.proxyServer = proxyAt(server.port());
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+  EXPECT_GE(results.uiRtt, 300U);
+}
+
+TEST_F(HttpProbeTest, TheSystemsProxyIsTheEnvironments) {
+  RequestLog log;
+  const ScriptedServer server(answering(kOk, &log));
+  proxy.determineProxy = true;
+  const std::string address = "http://127.0.0.1:" + std::to_string(server.port());
+  setenv("http_proxy", address.c_str(), 1);
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
+  ASSERT_EQ(log.all().size(), 1U);
+  EXPECT_THAT(log.all()[0], StartsWith("HEAD http://192.0.2.1/ HTTP/1.1\r\n"));
+  const RefusingPort closed("127.0.0.1");
+  setenv("http_proxy", ("http://" + closed.Where().Text()).c_str(), 1);
+  EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_ERROR_CONNECT);
+  unsetenv("http_proxy");
+}
+
+TEST_F(HttpProbeTest, WithoutAProxyInTheEnvironmentTheConnectionIsDirect) {
+  RequestLog log;
+  const ScriptedServer server(answering(kOk, &log));
+  proxy.determineProxy = true;
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  ASSERT_EQ(log.all().size(), 1U);
+  EXPECT_THAT(log.all()[0], StartsWith("HEAD / HTTP/1.1\r\n"));
+  const RefusingPort closed("127.0.0.1");
+  EXPECT_EQ(probe(closed.Where().port), HTTP_SESSION_ERROR_CANNOT_CONNECT);
+}
+
+}  // namespace

@@ -1,0 +1,90 @@
+// The lock of the client library, its scoped guard, and flags shared without a lock.
+
+#include "vpn/include/Locks.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/common/counted.h"
+
+namespace {
+
+struct Sum {
+  explicit Sum(unsigned long spinCount) : lock(spinCount) {}
+  CManualLock lock;
+  long value AHS_GUARDED_BY(lock) = 0;
+};
+
+long sumOfFourThreads(unsigned long spinCount) {
+  constexpr int turns = 20000;
+  Sum sum(spinCount);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&sum] {
+      for (int turn = 0; turn < turns; ++turn) {
+        const CAutoLockT<CManualLock> guard(sum.lock);
+        ++sum.value;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  const CAutoLockT<CManualLock> guard(sum.lock);
+  return sum.value;
+}
+
+TEST(ManualLock, ItLetsOneThreadInAtATime) {
+  EXPECT_EQ(sumOfFourThreads(0), 80000);
+  EXPECT_EQ(sumOfFourThreads(500), 80000);
+}
+
+/// Whether another thread gets the lock without waiting for this one.
+bool isFree(CManualLock& lock) {
+  std::atomic<bool> got{false};
+  std::thread other([&lock, &got]() AHS_NO_THREAD_SAFETY_ANALYSIS {
+    lock.Lock();
+    got = true;
+    lock.Unlock();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const bool result = got;
+  other.detach();
+  return result;
+}
+
+TEST(ManualLock, TheHolderMayTakeItAgainAndMustGiveItBackAsOften) AHS_NO_THREAD_SAFETY_ANALYSIS {
+  static CManualLock& lock = *new CManualLock(500);
+  lock.Lock();
+  lock.Lock();
+  EXPECT_FALSE(isFree(lock));
+  lock.Unlock();
+  EXPECT_FALSE(isFree(lock));
+  lock.Unlock();
+  EXPECT_TRUE(eventually([] { return isFree(lock); }));
+}
+
+TEST(AutoLock, ItGivesTheLockBackOnEveryExit) {
+  static CManualLock& lock = *new CManualLock(0);
+  try {
+    const CAutoLockT<CManualLock> guard(lock);
+    throw std::runtime_error("an exit");
+  } catch (const std::runtime_error&) {
+  }
+  EXPECT_TRUE(eventually([] { return isFree(lock); }));
+}
+
+TEST(SharedFlag, WhatOneThreadSetsAnotherReads) {
+  bool flag = false;
+  std::thread setter([&flag] { writeSharedFlag(flag, true); });
+  EXPECT_TRUE(eventually([&flag] { return readSharedFlag(flag); }));
+  setter.join();
+  writeSharedFlag(flag, false);
+  EXPECT_FALSE(readSharedFlag(flag));
+}
+
+}  // namespace

@@ -1,0 +1,156 @@
+// A log that only remembers. It takes the place of the client library's at link time, so a test
+// sees each call with its arguments, in the order in which the threads made them.
+
+#include "tests/unit/selection/doubles/app_log.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <utility>
+
+#include "tests/unit/selection/doubles/gate.h"
+
+namespace doubles {
+namespace {
+
+std::string render(const char* format, va_list arguments) {
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  std::string text(static_cast<std::size_t>(length) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  text.pop_back();
+  return text;
+}
+
+LogLine lineOf(LogLine::Kind kind, const char* function, const char* file, unsigned int line,
+               Logging::DebugImportance severity) {
+  LogLine entry;
+  entry.kind = kind;
+  entry.function = function;
+  entry.file = file;
+  entry.line = line;
+  entry.severity = severity;
+  entry.thread = std::this_thread::get_id();
+  return entry;
+}
+
+}  // namespace
+
+std::string LogLine::toString() const {
+  std::string text = function + " " + severity + " " + message;
+  if (kind == Kind::ReturnCode) {
+    char number[32];
+    std::snprintf(number, sizeof number, " 0x%lX", static_cast<unsigned long>(code));
+    text += number;
+  }
+  return text;
+}
+
+void Log::reset() {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  m_lines.clear();
+  m_hook = nullptr;
+}
+
+void Log::setHook(Hook hook) {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  m_hook = std::move(hook);
+}
+
+std::vector<LogLine> Log::lines() const {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  return m_lines;
+}
+
+std::vector<std::string> Log::texts() const {
+  std::vector<std::string> result;
+  for (const LogLine& line : lines()) {
+    result.push_back(line.toString());
+  }
+  return result;
+}
+
+std::vector<std::string> Log::textsOf(const std::string& function) const {
+  std::vector<std::string> result;
+  for (const LogLine& line : lines()) {
+    if (line.function == function) {
+      result.push_back(line.toString());
+    }
+  }
+  return result;
+}
+
+std::size_t Log::count(const std::string& text) const {
+  const std::vector<std::string> all = texts();
+  return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
+}
+
+bool Log::await(const std::string& text) const {
+  return eventually([&] { return count(text) > 0; });
+}
+
+void Log::add(LogLine line) {
+  Hook hook;
+  {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_lines.push_back(line);
+    hook = m_hook;
+  }
+  if (hook) {
+    hook(line);
+  }
+}
+
+Log& log() {
+  static Log& instance = *new Log;  // late threads may still write to it
+  return instance;
+}
+
+}  // namespace doubles
+
+void CAppLog::LogDebugMessage(const char* function, const char* file, unsigned int line,
+                              Logging::DebugImportance severity, const char* format, ...) {
+  doubles::LogLine entry =
+      doubles::lineOf(doubles::LogLine::Kind::Debug, function, file, line, severity);
+  entry.format = format;
+  va_list arguments;
+  va_start(arguments, format);
+  entry.message = doubles::render(format, arguments);
+  va_end(arguments);
+  doubles::log().add(std::move(entry));
+}
+
+void CAppLog::LogReturnCode(const char* function, const char* file, unsigned int line,
+                            Logging::DebugImportance severity, const char* failedCall,
+                            STATUSCODE code, int systemError, const char* extraText) {
+  doubles::LogLine entry =
+      doubles::lineOf(doubles::LogLine::Kind::ReturnCode, function, file, line, severity);
+  entry.message = failedCall;
+  entry.code = code;
+  entry.systemError = systemError;
+  entry.hasExtraText = extraText != nullptr;
+  entry.extraText = extraText != nullptr ? extraText : "";
+  doubles::log().add(std::move(entry));
+}
+
+void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned int line,
+                                Logging::DebugImportance severity, CLC_COMPONENT component,
+                                CUST_LOG_LEVEL level, const char* format, ...) {
+  doubles::LogLine entry =
+      doubles::lineOf(doubles::LogLine::Kind::Verbose, function, file, line, severity);
+  entry.component = component;
+  entry.level = level;
+  entry.format = format;
+  va_list arguments;
+  va_start(arguments, format);
+  entry.message = doubles::render(format, arguments);
+  va_end(arguments);
+  doubles::log().add(std::move(entry));
+}
+
+std::string CAppLog::Open(const Targets&) { return {}; }
+void CAppLog::Close() {}
+void CAppLog::Flush() {}
+void CAppLog::SetListener(Listener) {}

@@ -1,0 +1,127 @@
+// Preferences and profiles straight from the test, without files, where every step can fail.
+
+#include "tests/unit/selection/doubles/preferences.h"
+
+#include "vpn/Api/PreferenceMgr.h"
+#include "vpn/Api/ProfileMgr.h"
+#include "vpn/Api/UserPreferences.h"
+
+namespace doubles {
+
+void PreferenceScript::reset() { *this = PreferenceScript{}; }
+
+void PreferenceScript::useAddresses(const std::vector<std::string>& addresses) {
+  profiles = {{.name = "profile"}};
+  hosts.clear();
+  for (const std::string& address : addresses) {
+    hosts.push_back({.name = address, .address = address, .profile = "profile"});
+  }
+}
+
+PreferenceScript& preferences() {
+  static PreferenceScript& instance = *new PreferenceScript;
+  return instance;
+}
+
+}  // namespace doubles
+
+ProfileMgr::ProfileMgr() {
+  const doubles::PreferenceScript& script = doubles::preferences();
+  for (const auto& profile : script.profiles) {
+    PreferenceInfo info;
+    if (profile.automaticSelection) {
+      info.set(Preference(EnableAutomaticServerSelection, *profile.automaticSelection,
+                          profile.userControllable));
+    }
+    m_settings.push_back(std::make_unique<HostInitSettings>(info));
+    m_fileInitMap[profile.name] = m_settings.back().get();
+  }
+  for (const auto& host : script.hosts) {
+    if (host.isNull) {
+      m_hostProfileMap[host.name] = nullptr;
+      continue;
+    }
+    m_hosts.push_back(std::make_unique<HostProfile>(host.profile, host.name, host.address, 0));
+    m_hostProfileMap[host.name] = m_hosts.back().get();
+  }
+}
+
+ProfileMgr::~ProfileMgr() = default;
+void ProfileMgr::loadDirectory(const std::string&) {}
+void ProfileMgr::addAddresses(const std::string&, const std::vector<std::string>&) {}
+
+const std::map<std::string, HostInitSettings*>& ProfileMgr::getFileInitMap() const {
+  return m_fileInitMap;
+}
+
+const std::map<std::string, HostProfile*>& ProfileMgr::getHostProfileMap() const {
+  return m_hostProfileMap;
+}
+
+std::string ProfileMgr::getProfileNameFromHost(const std::string& hostName) const {
+  for (const auto& host : doubles::preferences().hosts) {
+    if (host.name == hostName) {
+      return host.profile;
+    }
+  }
+  return {};
+}
+
+const std::vector<FileProblem>& ProfileMgr::getProblems() const { return m_problems; }
+
+std::string UserPreferences::getProxyHost() const {
+  ++doubles::preferences().hostReads;
+  return doubles::preferences().proxyHost;
+}
+
+std::string UserPreferences::getProxyPort() const {
+  ++doubles::preferences().portReads;
+  return doubles::preferences().proxyPort;
+}
+
+const PreferenceInfo& UserPreferences::getPreferences() const { return m_preferences; }
+void UserPreferences::setPreferences(const PreferenceInfo& preferences) {
+  m_preferences = preferences;
+}
+
+PreferenceMgr::PreferenceMgr(const Sources&) {}
+PreferenceMgr::~PreferenceMgr() = default;
+
+PreferenceMgr* PreferenceMgr::acquireInstance() {
+  doubles::PreferenceScript& script = doubles::preferences();
+  if (!script.hasInstance) {
+    return nullptr;
+  }
+  ++script.acquired;
+  return new PreferenceMgr(Sources{});
+}
+
+void PreferenceMgr::releaseInstance() {
+  ++doubles::preferences().released;
+  delete this;
+}
+
+STATUSCODE PreferenceMgr::getProfileMgr(ProfileMgr*& profileMgr) {
+  ++doubles::preferences().profileMgrRequests;
+  if (doubles::preferences().profileMgrStatus == 0) {
+    profileMgr = &m_profileMgr;
+  }
+  return doubles::preferences().profileMgrStatus;
+}
+
+STATUSCODE PreferenceMgr::getPreferenceValue(PreferenceId id, std::string& value) {
+  doubles::preferences().valuesAsked.push_back(id);
+  if (doubles::preferences().valueStatus == 0) {
+    value = doubles::preferences().proxySettings;
+  }
+  return doubles::preferences().valueStatus;
+}
+
+STATUSCODE PreferenceMgr::getParsedPreferenceFile(PreferenceScope scope,
+                                                  UserPreferences*& preferences) {
+  doubles::preferences().filesAsked.push_back(scope);
+  if (doubles::preferences().fileStatus == 0) {
+    preferences = &m_globalPreferences;
+  }
+  return doubles::preferences().fileStatus;
+}

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/selection/doubles/app_log.h"
+#include "tests/unit/selection/doubles/gate.h"
+#include "tests/unit/selection/doubles/http_probe.h"
+#include "tests/unit/selection/doubles/preferences.h"
+#include "tests/unit/selection/doubles/seams.h"
+#include "tests/unit/selection/doubles/selection_cache.h"
+#include "tests/unit/selection/doubles/timers.h"
+#include "tests/unit/selection/selection_access.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/ClientIfcBase.h"
+#include "vpn/Api/ProxyIfc.h"
+
+namespace tests {
+
+using Texts = std::vector<std::string>;
+
+enum ReasonCode : unsigned int { Connection = 0, Reconnection = 1 };
+
+/// A client that keeps what it is told. It may be made to take its time.
+class Client : public ClientIfcBase {
+ public:
+  struct Outcome {
+    unsigned int reason = 0;
+    Texts headends;
+    long status = 0;
+    std::string extraInfo;
+    std::thread::id thread;
+  };
+
+  void AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends, long status,
+                       const std::string& extraInfo) override;
+
+  std::size_t calls() const;
+  std::vector<Outcome> outcomes() const;
+  /// The one outcome; a test failure when there is none or more than one.
+  Outcome only() const;
+
+  /// Is called inside the callback, before the outcome counts.
+  std::function<void()> during;
+
+ private:
+  mutable std::mutex m_lock;
+  std::vector<Outcome> m_outcomes;
+};
+
+/// A provider with fixed answers, which tells the journal when it is deleted.
+class Provider : public ProxyIfc {
+ public:
+  Provider(ProxyType type, std::string user, std::string pswd, std::string host)
+      : m_type(type), m_user(std::move(user)), m_pswd(std::move(pswd)), m_host(std::move(host)) {}
+  ~Provider() override { doubles::journal().add("provider deleted"); }
+
+  UnprotectedCredential getProxyUser() override { return UnprotectedCredential(m_user); }
+  UnprotectedCredential getProxyPswd() override { return UnprotectedCredential(m_pswd); }
+  std::string getProxyHost() override { return m_host; }
+  ProxyType getProxyType() override { return m_type; }
+
+ private:
+  const ProxyType m_type;
+  const std::string m_user;
+  const std::string m_pswd;
+  const std::string m_host;
+};
+
+/// A selection run among doubles. After each test everything must be given back and every thread
+/// gone, and every line of the component must name its source.
+class SelectionTest : public testing::Test {
+ protected:
+  SelectionTest();
+  ~SelectionTest() override;
+  void TearDown() override;
+
+  /// A run that has been constructed, with status 0, for `client`.
+  CHeadendSelection& make(unsigned int reason = Connection, const std::string& last = "");
+  /// Deletes a run that `run` does not delete.
+  void destroy();
+  /// Runs the run of `make` on a thread of its own to its end, which includes its deletion.
+  void runToEnd();
+  /// Starts the same without waiting; `joinRun` waits.
+  void startRun();
+  void joinRun();
+
+  /// Waits until all threads have gone and all that was acquired is released.
+  bool quiet();
+
+  /// Lets the timer expire on a thread of its own, as the timer thread does, and waits for it.
+  bool fireTimer();
+
+  /// The first line of every run; `id` is the run thread's.
+  std::string threadLine() const;
+
+  Client client;
+  CHeadendSelection* run = nullptr;
+  std::thread runThread;
+  int threadId = 0;
+  std::thread::id runThreadId;
+  std::thread::id timerThreadId;
+};
+
+/// Results as (host, metric), for direct use of the ranking.
+CCacheEntry entryOf(const std::vector<std::pair<std::string, unsigned int>>& results);
+
+/// The records of an entry as "host metric".
+Texts recordsOf(const CCacheEntry& entry);
+
+/// Host and port of each address.
+Texts keysOf(const std::vector<URL>& urls);
+
+}  // namespace tests

@@ -1,0 +1,242 @@
+// The timer against the run's own end, at every point where the two can meet. However they meet,
+// the client is called once, nothing is touched after it was freed, and no thread or acquisition is
+// left.
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/unit/selection/selection_fixture.h"
+
+namespace tests {
+namespace {
+
+using doubles::cache;
+using doubles::Gate;
+using doubles::preferences;
+using doubles::probes;
+using doubles::seams;
+using doubles::timers;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr long AddedToCache = 0xFE530010;
+constexpr long SelectionFailure = 0xFE53000F;
+const char SecondTime[] = "finishAHS I QIB in finishAHS() a second time";
+
+class TimerRace : public SelectionTest {
+ protected:
+  /// After the run has ended: one call, and everything is quiet.
+  Client::Outcome outcome() {
+    EXPECT_TRUE(quiet());
+    return client.only();
+  }
+};
+
+TEST_F(TimerRace, BeforeAnyResultGivesTheLastHeadend) {
+  preferences().useAddresses({"gw1", "gw2"});
+  probes().answerTest({.rtt = 3, .during = [&] { EXPECT_TRUE(fireTimer()); }});
+  make(Connection, "gw2");
+  runToEnd();
+
+  EXPECT_EQ(outcome().status, SelectionFailure);
+  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
+  EXPECT_EQ(doubles::log().count(SecondTime), 1U);
+}
+
+TEST_F(TimerRace, BetweenTwoStartsAbandonsTheWorkersWithoutWaitingForThem) {
+  preferences().useAddresses({"gw0", "gw1", "gw2", "gw3", "gw4"});
+  Gate release;
+  for (const char* host : {"gw0", "gw1", "gw2"}) {
+    probes().answer(host, {{.rtt = 30, .during = [&] { EXPECT_TRUE(release.wait()); }}});
+  }
+  int started = 0;
+  seams().setAfterStart([&](CThread& thread) {
+    if (dynamic_cast<Worker*>(&thread) != nullptr && ++started == 3) {
+      EXPECT_TRUE(fireTimer());
+    }
+  });
+  make();
+  runToEnd();  // comes back although three workers are still probing
+
+  EXPECT_EQ(client.only().status, SelectionFailure);
+  EXPECT_THAT(client.only().headends, ElementsAre("gw0"));
+  EXPECT_EQ(doubles::log().count("run W CHeadendSelection::selectHeadend 0xFE53000B"), 1U);
+  EXPECT_GE(CThread::RunningCount(), 3U);
+  release.open();
+  EXPECT_THAT(outcome().headends, ElementsAre("gw0"));
+  EXPECT_THAT(doubles::log().textsOf("logThreadPingResults"), SizeIs(3))
+      << "late workers still report, to a run that is kept for them";
+  EXPECT_THAT(cache().stored(), IsEmpty());
+}
+
+TEST_F(TimerRace, BetweenTwoStartsWithTheFirstResultInGivesThatResult) {
+  preferences().useAddresses({"gw0", "gw1", "gw2"});
+  Gate release;
+  probes().answer("gw0", {{.rtt = 12}});
+  probes().answer("gw1", {{.rtt = 30, .during = [&] { EXPECT_TRUE(release.wait()); }}});
+  int started = 0;
+  seams().setAfterStart([&](CThread& thread) {
+    if (dynamic_cast<Worker*>(&thread) != nullptr && ++started == 2) {
+      EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for gw0"));
+      EXPECT_TRUE(fireTimer());
+    }
+  });
+  make();
+  runToEnd();
+  release.open();
+
+  EXPECT_EQ(outcome().status, AddedToCache);
+  EXPECT_THAT(client.only().headends, ElementsAre("gw0"));
+  EXPECT_THAT(probes().workerCalls("gw2"), IsEmpty());
+}
+
+TEST_F(TimerRace, WhileWorkersRunGivesTheResultsThatAreIn) {
+  preferences().useAddresses({"fast", "slow"});
+  Gate release;
+  probes().answer("fast", {{.rtt = 12}});
+  probes().answer("slow", {{.rtt = 3, .during = [&] { EXPECT_TRUE(release.wait()); }}});
+  make();
+  startRun();
+  EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for fast"));
+  EXPECT_TRUE(doubles::eventually([] { return probes().workerCalls("slow").size() == 1; }));
+  EXPECT_TRUE(fireTimer());
+  EXPECT_TRUE(doubles::eventually([&] { return client.calls() == 1; }))
+      << "the client does not wait for the slow worker";
+  release.open();
+  joinRun();
+
+  EXPECT_EQ(outcome().status, AddedToCache);
+  EXPECT_THAT(client.only().headends, ElementsAre("fast"));
+  EXPECT_NE(client.only().thread, timerThreadId);
+  EXPECT_NE(client.only().thread, runThreadId);
+  ASSERT_THAT(cache().stored(), SizeIs(1));
+  EXPECT_THAT(recordsOf(cache().stored()[0]), ElementsAre("fast 12"));
+  EXPECT_EQ(doubles::log().texts().back(), SecondTime);
+}
+
+TEST_F(TimerRace, AfterTheEndFindsNoTimer) {
+  preferences().useAddresses({"gw1"});
+  make();
+  runToEnd();
+
+  EXPECT_FALSE(fireTimer());
+  EXPECT_EQ(outcome().status, AddedToCache);
+  EXPECT_EQ(doubles::log().count("OnTimerExpired W QIB timer expired"), 0U);
+}
+
+TEST_F(TimerRace, DuringTheNormalEndIsTooLate) {
+  preferences().useAddresses({"gw1"});
+  std::thread timerThread;
+  doubles::log().setHook([&](const doubles::LogLine& line) {
+    // The run thread holds the end lock here and has not yet deleted the timer.
+    if (line.message == "QIB in finishAHS() for first time") {
+      timerThread = std::thread([] { timers().fire(); });
+      EXPECT_TRUE(doubles::log().await("OnTimerExpired W QIB timer expired"));
+    }
+  });
+  make();
+  runToEnd();
+  ASSERT_TRUE(timerThread.joinable());
+  timerThread.join();
+
+  EXPECT_EQ(outcome().status, AddedToCache);
+  EXPECT_EQ(doubles::log().count(SecondTime), 1U);
+}
+
+TEST_F(TimerRace, DuringItsOwnEndHoldsUpTheRunAndDecides) {
+  preferences().useAddresses({"gw1"});
+  Gate timerIsIn;
+  std::thread timerThread;
+  probes().answer("gw1", {{.rtt = 5, .during = [&] {
+                             if (!timerThread.joinable()) {
+                               timerThread = std::thread([] { timers().fire(); });
+                               EXPECT_TRUE(timerIsIn.wait());
+                             }
+                           }}});
+  doubles::log().setHook([&](const doubles::LogLine& line) {
+    if (line.function == "finishAHS" && line.message == "QIB in finishAHS() for first time") {
+      timerIsIn.open();
+      // The worker and then the run thread go on meanwhile, up to the end lock.
+      EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for gw1"));
+    }
+  });
+  make();
+  runToEnd();
+  ASSERT_TRUE(timerThread.joinable());
+  timerThread.join();
+
+  EXPECT_EQ(outcome().status, AddedToCache);
+  EXPECT_EQ(doubles::log().count(SecondTime), 1U);
+}
+
+TEST_F(TimerRace, WhileTheClientTakesItsTimeDoesNotHoldUpTheTimer) {
+  preferences().useAddresses({"gw1"});
+  Gate release;
+  Gate mayReturn;
+  client.during = [&] { EXPECT_TRUE(mayReturn.wait()); };
+  probes().answer("gw1", {{.rtt = 5, .during = [&] { EXPECT_TRUE(release.wait()); }}});
+  make();
+  startRun();
+  EXPECT_TRUE(doubles::eventually([] { return probes().workerCalls().size() == 1; }));
+  EXPECT_TRUE(fireTimer()) << "returns while the client's callback is still running";
+  EXPECT_EQ(client.calls(), 0U);
+  mayReturn.open();
+  release.open();
+  joinRun();
+
+  EXPECT_EQ(outcome().status, SelectionFailure);
+}
+
+TEST_F(TimerRace, AtAnyMomentGivesExactlyOneCall) {
+  constexpr int Rounds = 300;
+  preferences().useAddresses({"gw1", "gw2", "gw3"});
+  for (int round = 0; round < Rounds && !HasFailure(); ++round) {
+    doubles::log().reset();
+    const std::size_t before = client.calls();
+    std::atomic<bool> done{false};
+    // Waits a different number of events each round, so that it meets the run everywhere.
+    std::thread timerThread([&done, wanted = static_cast<std::size_t>(round % 25)] {
+      while (!done && doubles::log().lines().size() < wanted) {
+        std::this_thread::yield();
+      }
+      timers().fire();
+    });
+    make(static_cast<unsigned int>(round % 2));
+    runToEnd();
+    done = true;
+    timerThread.join();
+    EXPECT_TRUE(quiet());
+    EXPECT_EQ(client.calls(), before + 1) << "round " << round;
+  }
+}
+
+TEST_F(TimerRace, SeveralRunsAtOnceEachCallTheirOwnClientOnce) {
+  constexpr std::size_t Runs = 8;
+  preferences().useAddresses({"gw1", "gw2"});
+  std::vector<Client> clients(Runs);
+  std::vector<CHeadendSelection*> runs;
+  for (Client& each : clients) {
+    long status = -1;
+    runs.push_back(new CHeadendSelection(&each, "", Reconnection, status));
+    EXPECT_EQ(status, 0);
+  }
+  std::vector<std::thread> threads;
+  for (CHeadendSelection* each : runs) {
+    threads.emplace_back([each] { each->run(); });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+
+  for (const Client& each : clients) {
+    EXPECT_EQ(each.only().status, AddedToCache);
+    EXPECT_THAT(each.only().headends, SizeIs(2));
+  }
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,66 @@
+#!/bin/bash
+# What a selection run needs of the client library around it must be exactly what the porting list
+# says, and the porting guide must explain all of it. Beyond that the objects may use only the C++
+# runtime.
+#
+# usage: undefined_symbols_test.sh LIBRARY LIST GUIDE NM AR
+set -euo pipefail
+
+library=$(realpath "$1")
+list=$(realpath "$2")
+guide=$(realpath "$3")
+nm=$4
+ar=$5
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+"$ar" t "$library" | grep '^HeadendSelection.*\.o$' > members || {
+  echo "no member HeadendSelection*.o in $library"
+  exit 1
+}
+xargs "$ar" x "$library" < members
+
+# Demangled names in the words of the source.
+readable() {
+  sed -E -e 's/\[abi:cxx11\]//g' \
+    -e 's/std::(__cxx11|__1)::basic_string<char, std::char_traits<char>, std::allocator<char> ?>/std::string/g' \
+    -e 's/std::vector<([A-Za-z:_]+), std::allocator<[A-Za-z:_]+ ?> ?>/std::vector<\1>/g'
+}
+
+# The runtime: the standard library, the language's support, and what a compiler calls by itself.
+runtime='^(std::|(vtable|VTT|typeinfo|guard variable) for (std::|__cxxabiv1::)'
+runtime+='|operator (new|delete)(\[\])?\(|__cxa_|__gxx_|_Unwind_|__stack_chk_|_GLOBAL_OFFSET_TABLE_$|__dso_handle$'
+runtime+='|(mem(cpy|move|cmp|set|chr)|bcmp|strlen)$)'
+
+xargs "$nm" -C --undefined-only < members | sed -nE 's/^ +[Uwv] //p' | readable | sort -u > undefined
+xargs "$nm" -C --defined-only < members | sed -nE 's/^[0-9a-f]+ [A-Za-z] //p' | readable | sort -u > defined
+comm -23 undefined defined | grep -vE "$runtime" | sort -u > needed || true
+sed -E -e 's/#.*//' -e 's/ +$//' "$list" | grep -v '^$' | sort > listed || true
+
+status=0
+if [ ! -s needed ]; then
+  echo "the objects need nothing at all, which cannot be"
+  status=1
+fi
+if [ -n "$(uniq -d listed)" ]; then
+  echo "listed twice:"
+  uniq -d listed
+  status=1
+fi
+if ! diff <(sort -u listed) needed > difference; then
+  echo "The symbols that HeadendSelection*.o leave undefined differ from $list"
+  echo "(< listed but not needed, > needed but not listed):"
+  grep '^[<>]' difference
+  status=1
+fi
+# "CThread::Start()" has to be explained as `CThread::Start`.
+while read -r symbol; do
+  name=$(sed -E -e 's/^(vtable|typeinfo) for //' -e 's/\(.*//' <<< "$symbol")
+  if ! grep -qF "$name" "$guide"; then
+    echo "not explained in $guide: $name"
+    status=1
+  fi
+done < listed
+exit $status

@@ -2,7 +2,6 @@
 // Usage: embed [PROFILE-DIRECTORY]
 
 #include <cstdio>
-#include <semaphore>
 #include <thread>
 
 #include "vpn/Api/AHS/HeadendSelection.h"
@@ -13,18 +12,14 @@ struct Client : ClientIfcBase {
   void AHSSelectedHost(unsigned int, const std::vector<std::string>& headends, long status,
                        const std::string&) override {
     std::printf("%s: %s\n", statusCodeName(status), headends.empty() ? "-" : headends[0].c_str());
-    called.release();
   }
-  std::binary_semaphore called{0};
 };
 
 void selectOnce(Client& client) {
   long status = 0;
   auto* run = new CHeadendSelection(&client, "name of the last headend", 0 /*connection*/, status);
   if (status != 0) return delete run;
-  std::thread thread([run] { run->run(); });  // deletes itself
-  client.called.acquire();
-  thread.join();
+  std::thread([run] { run->run(); }).join();  // calls the client, then deletes itself
 }
 // [README]
 

@@ -23,7 +23,8 @@ class ProxyIfc {
    public:
     UnprotectedCredential();
     UnprotectedCredential(const UnprotectedCredential& other);
-    explicit UnprotectedCredential(const std::string& value);
+    /// Not explicit, so that a provider can return the string that it holds.
+    UnprotectedCredential(const std::string& value);
     ~UnprotectedCredential();
 
     /// Both wipe what was held before.

@@ -44,13 +44,10 @@ CHeadendSelection::CHeadendSelection(ClientIfcBase* pAHSCB, const std::string& l
 }
 
 CHeadendSelection::~CHeadendSelection() {
-  if (m_pResultsThread != nullptr) {
-    unsigned int exitCode = 0;
-    const STATUSCODE status = m_pResultsThread->WaitForCompletion(exitCode, CThread::Infinite);
-    if (status != 0 && status != THREAD_ERROR_INVALID_STATE) {
-      CAppLog::LogReturnCode("~CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
-                             "CThread::WaitForCompletion", status, 0, nullptr);
-    }
+  const STATUSCODE status = waitForDelivery();
+  if (status != 0 && status != THREAD_ERROR_INVALID_STATE) {
+    CAppLog::LogReturnCode("~CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
+                           "CThread::WaitForCompletion", status, 0, nullptr);
   }
   deleteTimer();
   delete m_pProxy;
@@ -88,6 +85,10 @@ void CHeadendSelection::run() {
                            "CHeadendSelection::selectHeadend", status, 0, nullptr);
   }
   finishAHS(true, status, extraInfo);
+  // The destructor waits for the client's callback. It comes later, on another thread, when a
+  // worker or the timer is late; who waits for this thread must find the callback over all the
+  // same.
+  waitForDelivery();
   delete this;
 }
 
@@ -196,6 +197,18 @@ void CHeadendSelection::retainLastHeadend(std::vector<std::string>& headendList)
   if (!m_lastHeadend.getHost().empty()) {
     headendList.push_back(m_lastHeadend.getHostAndPort(false));
   }
+}
+
+// Waits, without limit, until the client's callback has returned; 0 when there is none to wait for.
+STATUSCODE CHeadendSelection::waitForDelivery() {
+  CResultsThread* pResultsThread = nullptr;
+  {
+    const CAutoLockT<CManualLock> endOfRun(m_headendThreadLock);
+    pResultsThread = m_pResultsThread;
+  }
+  unsigned int exitCode = 0;
+  return pResultsThread == nullptr ? 0
+                                   : pResultsThread->WaitForCompletion(exitCode, CThread::Infinite);
 }
 
 void CHeadendSelection::deleteTimer() {

@@ -52,10 +52,13 @@ class CHeadendSelection : public ApiRunnable {
   /// Waits, without limit, until the client's callback has returned.
   ~CHeadendSelection() override;
 
-  /// Runs the selection to its end and deletes the object. To be called once.
+  /// Runs the selection to its end and deletes the object. To be called once. When it returns, the
+  /// client's callback has returned.
   void run() override;
 
   /// Hands over a provider of proxy credentials, which the run owns from now on. Before `run` only.
+  /// The provider is deleted with the run: usually before `run` returns, else by the last worker
+  /// that was still probing when the time was over.
   void SetProxy(ProxyIfc* pProxy);
 
   /// Whether the run has been finished; unlocked.
@@ -82,6 +85,7 @@ class CHeadendSelection : public ApiRunnable {
   STATUSCODE decideResult(long statusReturnCode, std::vector<std::string>& headendList)
       AHS_REQUIRES(m_headendThreadLock);
   void retainLastHeadend(std::vector<std::string>& headendList);
+  STATUSCODE waitForDelivery();
   void deleteTimer();
   static void OnTimerExpired(void* ptrVal, unsigned long longVal);
 
@@ -105,6 +109,7 @@ class CHeadendSelection : public ApiRunnable {
   STATUSCODE getBestHeadendsList(std::vector<std::string>& headendList);
   bool rankForReconnection(const std::vector<CHeadendRTT>& ranked,
                            std::vector<std::string>& headendList);
+  CCacheEntry copyPingResults();
   void storeInCache();
   bool compareRTT(unsigned int a, unsigned int b);
   void logPingResults(std::vector<CHeadendRTT>& pingedHeadendList, bool selectedBest);

@@ -2,6 +2,7 @@
 // login, and one worker a headend, all at once. Once the timer is armed the run may be finished
 // under our feet at any moment; then no further worker is started.
 
+#include <locale>
 #include <sstream>
 #include <utility>
 
@@ -38,6 +39,7 @@ unsigned int portOf(const URL& headend) {
   unsigned int port = DefaultPort;
   if (!headend.getPort().empty()) {
     std::istringstream stream(headend.getPort());
+    stream.imbue(std::locale::classic());  // the host's locale may group digits
     stream >> port;
   }
   return port;

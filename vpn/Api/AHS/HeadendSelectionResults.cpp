@@ -2,6 +2,7 @@
 // last one in front unless the best is better by the required percentage.
 
 #include <algorithm>
+#include <locale>
 #include <sstream>
 
 #include "vpn/Api/AHS/HeadendSelection.h"
@@ -30,7 +31,7 @@ STATUSCODE CHeadendSelection::getBestHeadendsList(std::vector<std::string>& head
   {
     // When the timer ended the run, workers may be reporting at this moment.
     const CAutoLockT<CManualLock> noReports(m_headendCacheLock);
-    status = getPingResults().GetHeadendList(pingedHeadendList);
+    status = m_pingResults.GetHeadendList(pingedHeadendList);
   }
   if (status != 0 || pingedHeadendList.empty()) {
     headendList.push_back(m_lastHeadend.getHostAndPort(false));
@@ -83,14 +84,17 @@ bool CHeadendSelection::rankForReconnection(const std::vector<CHeadendRTT>& rank
   return selectedBest;
 }
 
+CCacheEntry CHeadendSelection::copyPingResults() {
+  const CAutoLockT<CManualLock> noReports(m_headendCacheLock);
+  return m_pingResults;
+}
+
 // Keeps a fresh result for the next run. What came from the cache is not made young again.
 void CHeadendSelection::storeInCache() {
   if (m_foundInCache || m_cache == nullptr) {
     return;
   }
-  m_headendCacheLock.Lock();
-  CCacheEntry cacheEntry = getPingResults();
-  m_headendCacheLock.Unlock();
+  CCacheEntry cacheEntry = copyPingResults();
   cacheEntry.SetKnownHeadends(getKnownHeadends());
   m_cache->AddEntry(cacheEntry);
 }
@@ -100,6 +104,7 @@ bool CHeadendSelection::compareRTT(unsigned int a, unsigned int b) { return a < 
 void CHeadendSelection::logPingResults(std::vector<CHeadendRTT>& pingedHeadendList,
                                        bool selectedBest) {
   std::ostringstream resultStr;
+  resultStr.imbue(std::locale::classic());  // the host's locale may group digits
   resultStr << "*** QIB Selection Results ***\n";
   resultStr << "QIB performed for " << getReasonText() << " attempt. Last server: '"
             << m_lastHeadend.getHostAndPort(false) << "'\n\n";

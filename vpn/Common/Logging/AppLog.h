@@ -35,7 +35,8 @@ enum CUST_LOG_LEVEL { CUST_LOG_LEVEL_3 = 3 };
 /// `MaxMessageLength` bytes and marked " [cut]". Warnings and errors are written out at once.
 class CAppLog {
  public:
-  static constexpr std::size_t MaxMessageLength = 256 * 1024;
+  /// Room for a report of a hundred thousand headends.
+  static constexpr std::size_t MaxMessageLength = std::size_t{8} * 1024 * 1024;
 
   /// One message as a listener sees it: escaped and cut, but not indented. The pointers hold during
   /// the call only.

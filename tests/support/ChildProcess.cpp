@@ -88,7 +88,8 @@ std::string findProgram(const std::string& name, const std::string& debianPackag
                                  ServerDirectories);
   std::string directory;
   while (std::getline(directories, directory, ':')) {
-    const std::string candidate = directory + "/" + name;
+    std::string candidate = directory;
+    candidate.append("/").append(name);
     if (!directory.empty() && ::access(candidate.c_str(), X_OK) == 0) {
       return candidate;
     }
@@ -102,6 +103,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const std::s
                            const std::string& workingDirectory)
     : m_pid(-1), m_exitStatus(-1) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) {
     arguments.push_back(const_cast<char*>(argument.c_str()));  // execv(3) changes none of them
   }

@@ -96,7 +96,7 @@ Endpoint freeEndpoint(const std::string& address) {
   const unsigned int window = static_cast<unsigned int>(::getpid()) % windows;
   for (unsigned int tried = 0; tried < PortsPerProcess; ++tried) {
     const unsigned int port = FirstPort + window * PortsPerProcess + next++ % PortsPerProcess;
-    const Endpoint candidate{address, static_cast<unsigned short>(port)};
+    Endpoint candidate{address, static_cast<unsigned short>(port)};
     const int handle = bindSocket(candidate);
     if (handle >= 0) {
       const bool isFree = ::listen(handle, 1) == 0;

@@ -13,7 +13,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
@@ -81,6 +83,12 @@ bool waitReadable(int socket) {
   return poll(&entry, 1, static_cast<int>(kStopCheck.count())) > 0;
 }
 
+/// Whether an operation of OpenSSL ended only because the socket's time-out passed.
+bool wantsRepeat(const SSL* tls, int result) {
+  const int error = SSL_get_error(tls, result);
+  return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+}
+
 /// Keeps the SIGPIPE of OpenSSL's writes away from the test program.
 void blockSigPipe() {
   sigset_t set;
@@ -122,9 +130,13 @@ bool Connection::startTls(const TlsServerContext& context) {
                                 [](void* tls) { SSL_free(static_cast<SSL*>(tls)); });
   auto* tls = static_cast<SSL*>(m_tls.get());
   SSL_set_fd(tls, m_socket);
-  const bool done = readable() && SSL_accept(tls) == 1;
+  int done = 0;
+  do {
+    ERR_clear_error();
+    done = SSL_accept(tls);
+  } while (done != 1 && wantsRepeat(tls, done) && !m_stopping);
   ERR_clear_error();
-  return done;
+  return done == 1;
 }
 
 bool Connection::readable() const {
@@ -144,7 +156,12 @@ long Connection::receive(char* buffer, std::size_t size) {
     return 0;
   }
   if (m_tls) {
-    const int got = SSL_read(static_cast<SSL*>(m_tls.get()), buffer, static_cast<int>(size));
+    auto* tls = static_cast<SSL*>(m_tls.get());
+    int got = 0;
+    do {
+      ERR_clear_error();
+      got = SSL_read(tls, buffer, static_cast<int>(size));
+    } while (got <= 0 && wantsRepeat(tls, got) && !m_stopping);
     ERR_clear_error();
     return got;
   }
@@ -174,18 +191,24 @@ std::string Connection::readSome() {
 
 bool Connection::send(std::string_view text) {
   while (!text.empty() && !m_stopping) {
-    // The kernel's send time-out bounds each call, so a peer that does not read is no obstacle.
+    // The kernel's send time-out bounds each call, so a peer that does not read is no obstacle to
+    // stopping.
     long sent = 0;
+    bool again = false;
     if (m_tls) {
-      sent = SSL_write(static_cast<SSL*>(m_tls.get()), text.data(), static_cast<int>(text.size()));
+      auto* tls = static_cast<SSL*>(m_tls.get());
+      ERR_clear_error();
+      sent = SSL_write(tls, text.data(), static_cast<int>(text.size()));
+      again = sent <= 0 && wantsRepeat(tls, static_cast<int>(sent));
       ERR_clear_error();
     } else {
       sent = ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL);
+      again = sent < 0 && errno == EAGAIN;
     }
-    if (sent <= 0) {
+    if (sent <= 0 && !again) {
       return false;
     }
-    text.remove_prefix(static_cast<std::size_t>(sent));
+    text.remove_prefix(sent > 0 ? static_cast<std::size_t>(sent) : 0);
   }
   return text.empty();
 }

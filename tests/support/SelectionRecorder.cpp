@@ -5,11 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <regex>
+#include <sstream>
 #include <thread>
 
 #include "vpn/Api/AHS/HeadendSelection.h"
@@ -23,22 +24,46 @@ namespace {
 constexpr std::chrono::seconds Limit{90};
 constexpr std::chrono::milliseconds PollInterval{2};
 
+/// What stands between headend and metric in the report.
+const std::string ResultGap = "     ";
+
 unsigned int threadNumber() {
   static std::atomic<unsigned int> last{0};
   thread_local const unsigned int number = ++last;
   return number;
 }
 
-/// What the machine decides becomes "N", so that lines can be compared whole.
-std::string masked(const std::string& message) {
-  std::string text = std::regex_replace(message, std::regex("(QIB test ping took )\\d+"), "$1N");
-  text = std::regex_replace(text, std::regex("(thread ID ')-?\\d+"), "$1N");
-  text = std::regex_replace(text, std::regex("(     )\\d+\n"), "$1N\n");
-  const std::size_t open = text.rfind('(');
-  if (text.rfind("QIB ping results for ", 0) == 0 && open != std::string::npos) {
-    text = text.substr(0, open) + std::regex_replace(text.substr(open), std::regex("\\d+"), "N");
+constexpr const char* Digits = "0123456789";
+
+/// `text` with an "N" for every number that follows `before` at once.
+std::string withoutNumbers(std::string text, const std::string& before) {
+  for (std::size_t at = text.find(before); at != std::string::npos; at = text.find(before, at)) {
+    at += before.size();
+    const std::size_t end = std::min(text.find_first_not_of(Digits, at), text.size());
+    if (end != at) {
+      text.replace(at, end - at, "N");
+    }
   }
   return text;
+}
+
+/// What the machine decides becomes "N", so that lines can be compared whole.
+std::string masked(const std::string& function, const std::string& message) {
+  if (function == "run" && message.find("thread ID '") != std::string::npos) {
+    return message.substr(0, message.find('\'')) + "'N'";  // may be negative
+  }
+  if (function == "startPingThreads") {
+    return withoutNumbers(message, "QIB test ping took ");
+  }
+  if (function == "logPingResults") {
+    return withoutNumbers(message, ResultGap);
+  }
+  const std::size_t samples = message.rfind('(');
+  if (function == "logThreadPingResults" && samples != std::string::npos) {
+    return message.substr(0, samples) +
+           withoutNumbers(withoutNumbers(message.substr(samples), "("), " ");
+  }
+  return message;
 }
 
 /// Everything that a run tells. It outlives the run's last thread because the callbacks share it.
@@ -71,7 +96,7 @@ class Recorder : public ClientIfcBase, public HttpProbe::Watcher {
     }
     const std::string function = record.function;
     const std::string text =
-        std::string(1, record.severity) + " " + function + ": " + masked(record.message);
+        std::string(1, record.severity) + " " + function + ": " + masked(function, record.message);
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_seen.log.push_back({threadNumber(), text});
     if (function == "logPingResults") {
@@ -109,10 +134,15 @@ bool waitForThreads(unsigned int count) {
 }  // namespace
 
 std::vector<std::pair<std::string, unsigned int>> Selection::Results() const {
-  static const std::regex row("(\\S+)     (\\d+)\n");
   std::vector<std::pair<std::string, unsigned int>> results;
-  for (std::sregex_iterator i(report.begin(), report.end(), row), end; i != end; ++i) {
-    results.emplace_back((*i)[1], static_cast<unsigned int>(std::stoul((*i)[2])));
+  std::istringstream lines(report);
+  std::string line;
+  while (std::getline(lines, line)) {
+    const std::size_t gap = line.find(ResultGap);
+    const std::string metric = gap == std::string::npos ? "" : line.substr(gap + ResultGap.size());
+    if (!metric.empty() && metric.find_first_not_of(Digits) == std::string::npos) {
+      results.emplace_back(line.substr(0, gap), static_cast<unsigned int>(std::stoul(metric)));
+    }
   }
   return results;
 }

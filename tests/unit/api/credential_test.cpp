@@ -69,15 +69,16 @@ class InPlace {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would see malloc and free meet operator delete and new, and warn.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* const memory = std::malloc(size != 0 ? size : 1);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
   return memory;
 }
-void operator delete(void* memory) noexcept { release(memory); }
-void operator delete(void* memory, std::size_t) noexcept { release(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { release(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { release(memory); }
 
 TEST(UnprotectedCredential, ADefaultOneIsEmpty) {
   const Credential credential;

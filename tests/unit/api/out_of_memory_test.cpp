@@ -27,7 +27,8 @@ class FailingAllocation {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: the compiler would see malloc and free meet operator delete and new, and warn.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (g_failing > 0 && --g_failing == 0) {
     throw std::bad_alloc();
   }
@@ -37,8 +38,8 @@ void* operator new(std::size_t size) {
   }
   return memory;
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 TEST(PreferenceMgr, AnyAllocationThatFailsEndsTheStartWithItsCodeAndTheNextStartSucceeds) {
   const tests::TemporaryDirectory directory;

@@ -262,6 +262,27 @@ TEST_F(HttpProbeTest, ThroughAProxyTheResponseIsMeasured) {
   EXPECT_GE(results.uiRtt, 300U);
 }
 
+TEST_F(HttpProbeTest, ThroughATunnelTheServersResponseIsMeasured) {
+  const TestAuthority authority;
+  HttpProbe::SetTrustFile(authority.file());
+  const ScriptedServer server(
+      [context = TlsServerContext(authority.issue())](Connection& connection) {
+        connection.startTls(context);
+        connection.readHead();
+        connection.wait(300ms);
+        connection.send(kOk);
+        connection.waitForPeer();
+      });
+  const ScriptedServer tunnel([&](Connection& connection) {
+    connection.readHead();
+    connection.send("HTTP/1.1 200 Established\r\n\r\n");
+    connection.tunnelTo(server.port());
+  });
+  proxy.proxyServer = proxyAt(tunnel.port());
+  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_GE(results.uiRtt, 300U);
+}
+
 TEST_F(HttpProbeTest, TheSystemsProxyIsTheEnvironments) {
   RequestLog log;
   const ScriptedServer server(answering(kOk, &log));

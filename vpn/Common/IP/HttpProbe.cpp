@@ -11,8 +11,6 @@
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -127,36 +125,6 @@ bool initialiseTransport() {
   static const bool done = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   return done;
 }
-
-/// Keeps SIGPIPE from the process while OpenSSL writes to a connection that the peer has reset. The
-/// process's own handling of the signal is not ours to change, so it is blocked on this thread and
-/// taken off again.
-class SigPipeBlock {
- public:
-  SigPipeBlock() {
-    sigemptyset(&m_signal);
-    sigaddset(&m_signal, SIGPIPE);
-    sigset_t pending;
-    sigemptyset(&pending);
-    sigpending(&pending);
-    m_wasPending = sigismember(&pending, SIGPIPE) == 1;
-    pthread_sigmask(SIG_BLOCK, &m_signal, &m_before);
-  }
-  ~SigPipeBlock() {
-    if (!m_wasPending) {
-      const timespec now{};
-      sigtimedwait(&m_signal, nullptr, &now);
-    }
-    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
-  }
-  SigPipeBlock(const SigPipeBlock&) = delete;
-  SigPipeBlock& operator=(const SigPipeBlock&) = delete;
-
- private:
-  sigset_t m_signal{};
-  sigset_t m_before{};
-  bool m_wasPending = false;
-};
 
 /// Makes libcurl read the bytes of an international name as UTF-8 on this thread, whatever locale
 /// the process runs in. Names in ASCII need nothing.
@@ -304,6 +272,22 @@ class Transfer {
   OUTCOME perform(const REQUEST& request);
 
  private:
+  using Clock = std::chrono::steady_clock;
+
+  /// What the callbacks gather of one probe.
+  struct GATHERED {
+    Clock::time_point start;
+    long long connectedUs = 0;
+    long long tlsStartUs = 0;
+    bool clientCertificateAsked = false;
+    long long networkRttUs = kUnknown;
+    std::string headers;
+    std::size_t headerBytes = 0;
+    unsigned int headerLines = 0;
+    unsigned int answers = 0;
+    bool headEnded = true;
+  };
+
   template <class T>
   void set(CURLoption option, T value) {
     if (m_setup == CURLE_OK) {
@@ -332,22 +316,11 @@ class Transfer {
 
   long long sinceStart() const {
     using std::chrono::microseconds;
-    return std::chrono::duration_cast<microseconds>(Clock::now() - m_start).count();
+    return std::chrono::duration_cast<microseconds>(Clock::now() - m_seen.start).count();
   }
 
-  using Clock = std::chrono::steady_clock;
-
   CURLcode m_setup = CURLE_OK;
-  Clock::time_point m_start;
-  long long m_connectedUs = 0;
-  long long m_tlsStartUs = 0;
-  bool m_clientCertificateAsked = false;
-  long long m_networkRttUs = kUnknown;
-  std::string m_headers;
-  std::size_t m_headerBytes = 0;
-  unsigned int m_headerLines = 0;
-  unsigned int m_answers = 0;
-  bool m_headEnded = true;
+  GATHERED m_seen;
   // Last, so that it goes first: the callbacks of its closing sockets write to the others.
   std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> m_handle;
 };
@@ -358,17 +331,9 @@ OUTCOME Transfer::perform(const REQUEST& request) {
     outcome.code = CURLE_OUT_OF_MEMORY;
     return outcome;
   }
-  m_clientCertificateAsked = false;
-  m_networkRttUs = kUnknown;
-  m_headers.clear();
-  m_headerBytes = 0;
-  m_headerLines = 0;
-  m_answers = 0;
-  m_headEnded = true;
   setUp(request);
-  m_connectedUs = 0;
-  m_tlsStartUs = 0;
-  m_start = Clock::now();
+  m_seen = GATHERED();
+  m_seen.start = Clock::now();
   outcome.code = m_setup == CURLE_OK ? curl_easy_perform(m_handle.get()) : m_setup;
   dropCredentials();
   collect(outcome);
@@ -453,16 +418,17 @@ void Transfer::setUpTls() {
 }
 
 void Transfer::collect(OUTCOME& outcome) {
-  outcome.clientCertificateAsked = m_clientCertificateAsked;
+  outcome.clientCertificateAsked = m_seen.clientCertificateAsked;
   outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
   outcome.tunnelStatus = get<long>(CURLINFO_HTTP_CONNECTCODE);
   outcome.osError = get<long>(CURLINFO_OS_ERRNO);
   outcome.lookupUs = get<curl_off_t>(CURLINFO_NAMELOOKUP_TIME_T);
   outcome.connectUs = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);
-  if (m_connectedUs > 0 && (outcome.connectUs == 0 || outcome.connectUs > m_connectedUs)) {
-    outcome.connectUs = m_connectedUs;
+  if (m_seen.connectedUs > 0 &&
+      (outcome.connectUs == 0 || outcome.connectUs > m_seen.connectedUs)) {
+    outcome.connectUs = m_seen.connectedUs;
   }
-  outcome.tlsStartUs = m_tlsStartUs;
+  outcome.tlsStartUs = m_seen.tlsStartUs;
   outcome.tlsUs = get<curl_off_t>(CURLINFO_APPCONNECT_TIME_T);
   outcome.requestUs = get<curl_off_t>(CURLINFO_PRETRANSFER_TIME_T);
   outcome.firstByteUs = get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T);
@@ -470,7 +436,7 @@ void Transfer::collect(OUTCOME& outcome) {
   // A connection that the handle keeps is asked now; one that has closed was asked as it did.
   curl_socket_t open = CURL_SOCKET_BAD;
   curl_easy_getinfo(m_handle.get(), CURLINFO_ACTIVESOCKET, &open);
-  outcome.networkRttUs = open == CURL_SOCKET_BAD ? m_networkRttUs : smallestRoundTrip(open);
+  outcome.networkRttUs = open == CURL_SOCKET_BAD ? m_seen.networkRttUs : smallestRoundTrip(open);
   if (const char* address = get<const char*>(CURLINFO_PRIMARY_IP); address != nullptr) {
     outcome.address = address;
   }
@@ -480,23 +446,23 @@ void Transfer::collect(OUTCOME& outcome) {
       CURLHE_OK) {
     outcome.location = location->value;
   }
-  outcome.headers = std::move(m_headers);
+  outcome.headers = std::move(m_seen.headers);
 }
 
 /// Keeps a line of a head, the last answer's alone. False when the peer has sent too much.
 bool Transfer::keepHeader(std::string_view line) {
-  m_headerBytes += line.size();
-  ++m_headerLines;
-  if (m_headEnded) {
-    m_headers.clear();
-    ++m_answers;
+  m_seen.headerBytes += line.size();
+  ++m_seen.headerLines;
+  if (m_seen.headEnded) {
+    m_seen.headers.clear();
+    ++m_seen.answers;
   }
-  m_headEnded = line == "\r\n" || line == "\n";
-  if (m_headers.size() + line.size() <= kMaxKeptHeaderBytes) {
-    m_headers += line;
+  m_seen.headEnded = line == "\r\n" || line == "\n";
+  if (m_seen.headers.size() + line.size() <= kMaxKeptHeaderBytes) {
+    m_seen.headers += line;
   }
-  return m_headerBytes <= kMaxHeaderBytes && m_headerLines <= kMaxHeaderLines &&
-         m_answers <= kMaxAnswers;
+  return m_seen.headerBytes <= kMaxHeaderBytes && m_seen.headerLines <= kMaxHeaderLines &&
+         m_seen.answers <= kMaxAnswers;
 }
 
 std::size_t Transfer::onHeader(char* data, std::size_t size, std::size_t count, void* transfer) {
@@ -514,7 +480,7 @@ std::size_t Transfer::onHeader(char* data, std::size_t size, std::size_t count, 
 int Transfer::onClose(void* transfer, curl_socket_t connection) {
   const long long rtt = smallestRoundTrip(connection);
   if (rtt != kUnknown) {
-    static_cast<Transfer*>(transfer)->m_networkRttUs = rtt;
+    static_cast<Transfer*>(transfer)->m_seen.networkRttUs = rtt;
   }
   return close(connection);
 }
@@ -523,7 +489,7 @@ int Transfer::onClose(void* transfer, curl_socket_t connection) {
 /// versions count the handshake into the time to connect, and give none where it failed.
 CURLcode Transfer::onTlsContext(CURL*, void* context, void* transfer) {
   auto* self = static_cast<Transfer*>(transfer);
-  self->m_connectedUs = self->sinceStart();
+  self->m_seen.connectedUs = self->sinceStart();
   auto* tls = static_cast<SSL_CTX*>(context);
   try {
     const std::shared_ptr<X509_STORE> store = trust();
@@ -535,7 +501,7 @@ CURLcode Transfer::onTlsContext(CURL*, void* context, void* transfer) {
     return CURLE_OUT_OF_MEMORY;
   }
   SSL_CTX_set_client_cert_cb(tls, &Transfer::onClientCertificate);
-  self->m_tlsStartUs = self->sinceStart();
+  self->m_seen.tlsStartUs = self->sinceStart();
   return CURLE_OK;
 }
 
@@ -544,7 +510,7 @@ int Transfer::onClientCertificate(SSL* connection, X509**, EVP_PKEY**) {
   auto* transfer =
       static_cast<Transfer*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), contextIndex()));
   if (transfer != nullptr) {
-    transfer->m_clientCertificateAsked = true;
+    transfer->m_seen.clientCertificateAsked = true;
   }
   return 0;
 }
@@ -678,7 +644,6 @@ OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, REQUEST& requ
   OUTCOME outcome;
   outcome.code = prepare(host, proxyData, request);
   if (outcome.code == CURLE_OK) {
-    const SigPipeBlock noSigPipe;
     const Utf8Names utf8(request.host);
     Transfer transfer;
     outcome = transfer.perform(request);

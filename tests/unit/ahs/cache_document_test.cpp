@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "vpn/Api/AHS/CacheDocument.h"
 
@@ -74,11 +75,25 @@ TEST(CacheDocument, PassesOverASelectionWithoutHeadends) {
   EXPECT_TRUE(entries.empty());
 }
 
-TEST(CacheDocument, PassesOverAttributesOfLaterReleases) {
+TEST(CacheDocument, ReadsACandidateSetOfMegabytes) {
   Entries entries;
-  EXPECT_EQ(CacheDocument::parse(selectionOf("<headend name='a' rtt='1' jitter='2'/>"), entries),
+  const std::string key = repeated("gw&amp;;", 1000000);
+  ASSERT_EQ(CacheDocument::parse(documentOf("<selection place='p' knownHeadends='" + key +
+                                            "' stored='1'><headend name='a' rtt='1'/></selection>"),
+                                 entries),
             "");
-  EXPECT_EQ(entries.size(), 1U);
+  EXPECT_EQ(entries.begin()->second.GetKnownHeadends(), repeated("gw&;", 1000000));
+}
+
+TEST(CacheDocument, IsAsciiWhateverItSaysOfItself) {
+  Entries entries;
+  EXPECT_EQ(CacheDocument::parse("<?xml version='1.0' encoding='UTF-7'?>" +
+                                     selectionOf("<headend name='+AGE-' rtt='1'/>"),
+                                 entries),
+            "");
+  std::vector<CHeadendRTT> headends;
+  entries.begin()->second.GetHeadendList(headends);
+  EXPECT_EQ(headends[0].GetHeadend(), "+AGE-");
 }
 
 TEST(CacheDocument, EveryTextSurvivesEncoding) {
@@ -168,6 +183,12 @@ INSTANTIATE_TEST_SUITE_P(
                       selectionOf("<headend name='a' rtt='4294967296'/>")},
         WrongDocument{"a metric with a unit", selectionOf("<headend name='a' rtt='12ms'/>")},
         WrongDocument{"a metric with a blank", selectionOf("<headend name='a' rtt=' 12'/>")},
+        WrongDocument{"an attribute of no meaning",
+                      selectionOf("<headend name='a' rtt='1' jitter='2'/>")},
+        WrongDocument{"a namespace", selectionOf("<headend xmlns='n' name='a' rtt='1'/>")},
+        WrongDocument{"a prefix", selectionOf("<xml:headend name='a' rtt='1'/>")},
+        WrongDocument{"a processing instruction", documentOf("<?a b?>")},
+        WrongDocument{"UTF-16", std::string("\xff\xfe<\0s\0/\0>\0", 10)},
         WrongDocument{"the same attribute twice",
                       selectionOf("<headend name='a' name='b' rtt='1'/>")},
         WrongDocument{"the same candidates twice",
@@ -183,6 +204,27 @@ INSTANTIATE_TEST_SUITE_P(
                       }()},
         WrongDocument{"too many headends",
                       selectionOf(repeated("<headend name='a' rtt='1'/>", 100001))},
+        WrongDocument{"names without number", [] {
+                        std::string all;
+                        for (int i = 0; i < 2000000; ++i) {
+                          all += "<?a" + std::to_string(i) + "?>";
+                        }
+                        return documentOf(all);
+                      }()},
+        WrongDocument{"names without number after an error", [] {
+                        std::string all = "</wrong>";
+                        for (int i = 0; i < 2000000; ++i) {
+                          all += "<a" + std::to_string(i) + "/>";
+                        }
+                        return documentOf(all);
+                      }()},
+        WrongDocument{"a tag without an end in another encoding", [] {
+                        std::string tag = "<?xml version='1.0' encoding='UTF-7'?><headend";
+                        for (int i = 0; i < 200000; ++i) {
+                          tag += "+ACA-a" + std::to_string(i) + "=''";
+                        }
+                        return tag + "/>";
+                      }()},
         WrongDocument{"a tag without an end", [] {
                         std::string tag = "<headend";
                         for (int i = 0; i < 200000; ++i) {

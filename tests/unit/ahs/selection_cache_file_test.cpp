@@ -357,12 +357,17 @@ TEST_F(SelectionCacheFile, ASelectionThatIsTooLargeIsKeptInMemoryOnly) {
 }
 
 TEST_F(SelectionCacheFile, LargeSelectionsPushTheOldestOut) {
-  const std::string padding(3 * 1024 * 1024, 'k');
-  for (int i = 0; i < 7; ++i) {
+  const std::string padding(5 * 1024 * 1024, 'k');
+  for (int i = 0; i < 4; ++i) {
     ASSERT_EQ(store(std::to_string(i) + padding, {{"gw", 1}}), 0);
   }
   EXPECT_LE(read(m_file).size(), CSelectionCache::MaxFileSize);
-  EXPECT_TRUE(has("6" + padding));
+  EXPECT_TRUE(has("3" + padding));
+  int kept = 0;
+  for (int i = 0; i < 4; ++i) {
+    kept += has(std::to_string(i) + padding) ? 1 : 0;
+  }
+  EXPECT_EQ(kept, 3);
 }
 
 TEST_F(SelectionCacheFile, TenProcessesThatStoreAtOnceLoseNothing) {

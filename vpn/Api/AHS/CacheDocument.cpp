@@ -1,5 +1,11 @@
 // The text form of the selection cache, read with libxml2's event parser: nothing is kept of a
 // document but what passed every check, and nothing at all unless the whole document passed.
+//
+// Whoever wrote the document, reading it takes time in proportion to its size. The parser alone
+// does not give that: it compares each attribute of a tag with all others, and its table of names
+// gets slow with many of them. Hence a tag is bounded before the parser sees it, no name is let
+// through but those of the format, and the text is handed over in pieces, so that the first error
+// is the end.
 
 #include "vpn/Api/AHS/CacheDocument.h"
 
@@ -7,6 +13,7 @@
 #include <libxml/parserInternals.h>
 #include <libxml/xmlerror.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -21,9 +28,12 @@ namespace CacheDocument {
 
 namespace {
 
-/// Blanks of any kind in one tag. Every attribute needs one before it, and the parser compares each
-/// attribute of a tag with all others: without a bound a file of 16 MiB keeps it busy for an hour.
+/// Blanks of any kind in one tag. Every attribute needs one before it.
 constexpr unsigned int MaxBlanksInTag = 256;
+
+/// What the parser is given at a time, in bytes: few enough for the names that still come after an
+/// error, and so many that a token as long as the file is not looked through too often.
+constexpr std::size_t PieceSize = std::size_t{256} * 1024;
 
 /// The largest time stamp that is taken for one: the last second of the year 9999.
 constexpr unsigned long MaxTimestamp = 253402300799UL;
@@ -31,16 +41,23 @@ constexpr unsigned long MaxTimestamp = 253402300799UL;
 /// Longest piece of a wrong text in a message.
 constexpr std::size_t MaxQuote = 60;
 
-bool tagsAreShort(const std::string& text) {
+bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
+
+/// What is wrong with the bytes of a document, before anything is made of them.
+std::string findWrongBytes(const std::string& text) {
   unsigned int blanks = 0;
   for (const char c : text) {
     if (c == '<') {
       blanks = 0;
-    } else if ((c == ' ' || c == '\n' || c == '\t' || c == '\r') && ++blanks > MaxBlanksInTag) {
-      return false;
+    } else if (isBlank(c)) {
+      if (++blanks > MaxBlanksInTag) {
+        return "a tag is too long";
+      }
+    } else if (c < 0x21 || c > 0x7e) {
+      return "not a text of ASCII characters";
     }
   }
-  return true;
+  return text.empty() ? "the file is empty" : "";
 }
 
 int hexValue(char c) {
@@ -75,6 +92,8 @@ class CAttributes {
     return false;
   }
 
+  int count() const { return m_count; }
+
   /// The same with an encoded value.
   bool find(std::string_view name, std::string& decoded) const {
     std::string_view value;
@@ -98,6 +117,7 @@ class CReader {
   static void onEnd(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri);
   static void onDocumentType(void* context, const xmlChar* name, const xmlChar* publicId,
                              const xmlChar* systemId);
+  static void onInstruction(void* context, const xmlChar* target, const xmlChar* data);
   static void onError(void* context, xmlErrorPtr error);
 
   void start(const std::string& name, const CAttributes& attributes);
@@ -106,6 +126,8 @@ class CReader {
   void startHeadend(const std::string& name, const CAttributes& attributes);
   void end();
   void fail(const std::string& what);
+  void failSafely(const char* what) noexcept;
+  void parse(const std::string& text);
 
   xmlParserCtxtPtr m_parser = nullptr;
   std::map<std::string, CCacheEntry> m_entries;
@@ -138,7 +160,9 @@ void CReader::start(const std::string& name, const CAttributes& attributes) {
 
 void CReader::startRoot(const std::string& name, const CAttributes& attributes) {
   std::string_view found;
-  if (name != RootName) {
+  if (attributes.count() != 1) {
+    fail("a document with other attributes than its version");
+  } else if (name != RootName) {
     fail("the document is a " + CStringUtils::printable(name, MaxQuote) + ", not a " + RootName);
   } else if (!attributes.find(VersionAttribute, found) || found != Version) {
     fail(std::string("not of version ") + Version);
@@ -152,6 +176,9 @@ void CReader::startSelection(const std::string& name, const CAttributes& attribu
   unsigned long timestamp = 0;
   if (name != SelectionName) {
     return fail(CStringUtils::printable(name, MaxQuote) + " where a " + SelectionName + " belongs");
+  }
+  if (attributes.count() != 3) {
+    return fail("a selection with more or fewer attributes than three");
   }
   if (m_entries.size() >= MaxEntries) {
     return fail("more than " + std::to_string(MaxEntries) + " selections");
@@ -183,6 +210,9 @@ void CReader::startHeadend(const std::string& name, const CAttributes& attribute
   if (name != HeadendName) {
     return fail(CStringUtils::printable(name, MaxQuote) + " where a " + HeadendName + " belongs");
   }
+  if (attributes.count() != 2) {
+    return fail("a headend with more or fewer attributes than two");
+  }
   if (m_current->second.GetListSize() >= MaxRecords) {
     return fail("more than " + std::to_string(MaxRecords) + " headends");
   }
@@ -203,9 +233,13 @@ void CReader::end() {
   }
 }
 
-void CReader::onStart(void* context, const xmlChar* name, const xmlChar*, const xmlChar*, int,
-                      const xmlChar**, int attributeCount, int, const xmlChar** attributes) {
+void CReader::onStart(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar*,
+                      int namespaceCount, const xmlChar**, int attributeCount, int,
+                      const xmlChar** attributes) {
   CReader& reader = *static_cast<CReader*>(context);
+  if (prefix != nullptr || namespaceCount != 0) {
+    return reader.failSafely("a name with a namespace");
+  }
   try {
     reader.start(reinterpret_cast<const char*>(name), CAttributes(attributes, attributeCount));
   } catch (...) {
@@ -218,14 +252,21 @@ void CReader::onEnd(void* context, const xmlChar*, const xmlChar*, const xmlChar
   static_cast<CReader*>(context)->end();
 }
 
-void CReader::onDocumentType(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
-  CReader& reader = *static_cast<CReader*>(context);
+void CReader::failSafely(const char* what) noexcept {
   try {
-    reader.fail("a document type declaration");
+    fail(what);
   } catch (...) {
-    reader.m_exception = std::current_exception();
-    xmlStopParser(reader.m_parser);
+    m_exception = std::current_exception();
+    xmlStopParser(m_parser);
   }
+}
+
+void CReader::onDocumentType(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+  static_cast<CReader*>(context)->failSafely("a document type declaration");
+}
+
+void CReader::onInstruction(void* context, const xmlChar*, const xmlChar*) {
+  static_cast<CReader*>(context)->failSafely("a processing instruction");
 }
 
 void CReader::onError(void* context, xmlErrorPtr error) {
@@ -245,31 +286,41 @@ void CReader::onError(void* context, xmlErrorPtr error) {
   }
 }
 
-std::string CReader::read(const std::string& text, std::map<std::string, CCacheEntry>& entries) {
-  const std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> parser(
-      xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size())), &xmlFreeParserCtxt);
-  if (parser == nullptr) {
-    throw std::bad_alloc();
+void CReader::parse(const std::string& text) {
+  for (std::size_t begin = 0; begin < text.size(); begin += PieceSize) {
+    const std::size_t size = std::min(PieceSize, text.size() - begin);
+    if (xmlParseChunk(m_parser, text.data() + begin, static_cast<int>(size), 0) != 0) {
+      return;
+    }
   }
-  m_parser = parser.get();
-  // Without NOENT the parser hands over an ampersand as "&#38;". It gives no entity a chance: those
-  // that are not XML's own need a document type, which ends the parse.
-  xmlCtxtUseOptions(m_parser, XML_PARSE_NONET | XML_PARSE_NOENT);
+  xmlParseChunk(m_parser, "", 0, 1);
+}
+
+std::string CReader::read(const std::string& text, std::map<std::string, CCacheEntry>& entries) {
   xmlSAXHandler handler;
   std::memset(&handler, 0, sizeof handler);
   handler.initialized = XML_SAX2_MAGIC;
   handler.startElementNs = &onStart;
   handler.endElementNs = &onEnd;
   handler.internalSubset = &onDocumentType;
+  handler.processingInstruction = &onInstruction;
   handler.serror = &onError;
-  *m_parser->sax = handler;
-  m_parser->userData = this;
-
-  const int parsed = xmlParseDocument(m_parser);
+  const std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> parser(
+      xmlCreatePushParserCtxt(&handler, this, nullptr, 0, nullptr), &xmlFreeParserCtxt);
+  if (parser == nullptr) {
+    throw std::bad_alloc();
+  }
+  m_parser = parser.get();
+  // NOENT: otherwise the parser hands over an ampersand as "&#38;"; XML's own entities are the only
+  // ones without a document type. HUGE: the parser's own limits would refuse the key of a large
+  // candidate set. IGNORE_ENC: the text is ASCII, whatever it says of itself.
+  xmlCtxtUseOptions(m_parser,
+                    XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_HUGE | XML_PARSE_IGNORE_ENC);
+  parse(text);
   if (m_exception != nullptr) {
     std::rethrow_exception(m_exception);
   }
-  if (m_problem.empty() && (parsed != 0 || m_parser->wellFormed == 0)) {
+  if (m_problem.empty() && m_parser->wellFormed == 0) {
     m_problem = "not well-formed";
   }
   if (m_problem.empty()) {
@@ -338,14 +389,9 @@ std::string parse(const std::string& text, std::map<std::string, CCacheEntry>& e
   // Once for all threads: the library's own lazy initialisation is not made for several at once.
   static const bool initialised = (xmlInitParser(), true);
   static_cast<void>(initialised);
-  if (text.empty()) {
-    return "the file is empty";
-  }
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-    return "the file is too long";
-  }
-  if (!tagsAreShort(text)) {
-    return "a tag is too long";
+  const std::string problem = findWrongBytes(text);
+  if (!problem.empty()) {
+    return problem;
   }
   return CReader().read(text, entries);
 }

@@ -455,19 +455,18 @@ void CSelectionCache::trim() {
 /// The keys of all entries: the one used last, then by age. Stamps count seconds, so an entry just
 /// stored is not always younger than the others.
 std::vector<std::string> CSelectionCache::keysNewestFirst() {
-  std::vector<std::pair<unsigned long, const std::string*>> ages;
-  for (const auto& [key, entry] : m_cache) {
-    ages.emplace_back(ageOf(entry), &key);
-  }
-  const std::string& lastUsed = m_lastUsedKey;
-  std::stable_sort(ages.begin(), ages.end(), [&lastUsed](const auto& a, const auto& b) {
-    const bool aIsLast = *a.second == lastUsed;
-    const bool bIsLast = *b.second == lastUsed;
-    return aIsLast != bIsLast ? aIsLast : a.first < b.first;
-  });
   std::vector<std::string> keys;
-  for (const auto& aged : ages) {
-    keys.push_back(*aged.second);
+  std::vector<std::pair<unsigned long, std::string>> others;
+  for (const auto& [key, entry] : m_cache) {
+    if (key == m_lastUsedKey) {
+      keys.push_back(key);
+    } else {
+      others.emplace_back(ageOf(entry), key);
+    }
+  }
+  std::sort(others.begin(), others.end());
+  for (auto& other : others) {
+    keys.push_back(std::move(other.second));
   }
   return keys;
 }

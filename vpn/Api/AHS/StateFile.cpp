@@ -225,10 +225,9 @@ bool CStateFile::syncDirectory(std::string& problem) {
 }
 
 void CStateFile::keepAside() {
-  // link(2) never replaces an existing name, so what is kept is the first corrupt file.
-  if (link(m_path.c_str(), (m_path + ".corrupt").c_str()) != 0) {
-    return;
-  }
+  // link(2) never replaces an existing name, so what is kept is the first corrupt file. Where it
+  // fails for another reason there is no file to diagnose, which is no reason not to store.
+  static_cast<void>(!link(m_path.c_str(), (m_path + ".corrupt").c_str()));
 }
 
 CStateFile::Lock::Lock(const CStateFile& file, std::chrono::milliseconds patience)

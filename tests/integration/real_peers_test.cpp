@@ -32,12 +32,10 @@ namespace {
 using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::Field;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
-using testing::UnorderedElementsAre;
+using testing::UnorderedElementsAreArray;
 
 using Lines = std::vector<std::string>;
 /// Host entry name to address.
@@ -205,13 +203,13 @@ class RealPeers : public testing::Test {
         "<profile version=\"1\">\n  <preferences>\n    <preference "
         "name=\"EnableAutomaticServerSelection\" value=\"true\"/>\n  </preferences>\n  <hosts>\n";
     for (const auto& [name, address] : hosts) {
-      profile += "    <host name=\"" + name + "\" address=\"" + address + "\"/>\n";
+      profile.append("    <host name=\"" + name).append("\" address=\"" + address).append("\"/>\n");
     }
     m_directory.Write("profiles/office.xml", profile + "  </hosts>\n</profile>\n");
 
     std::string file = "<preferences version=\"1\">\n";
     for (const auto& [name, value] : preferences) {
-      file += "  <preference name=\"" + name + "\" value=\"" + value + "\"/>\n";
+      file.append("  <preference name=\"" + name).append("\" value=\"" + value).append("\"/>\n");
     }
     m_directory.Write("preferences.xml", file + "</preferences>\n");
     RestartClient();
@@ -266,8 +264,8 @@ void expectFreshSelection(const Selection& selection, const Lines& headends) {
   EXPECT_EQ(1U, selection.calls);
   EXPECT_EQ(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, selection.status);
   EXPECT_EQ("", selection.extraInfo);
-  EXPECT_THAT(selection.headends, testing::UnorderedElementsAreArray(headends));
-  EXPECT_THAT(headendsOf(selection.Results()), testing::UnorderedElementsAreArray(headends));
+  EXPECT_THAT(selection.headends, UnorderedElementsAreArray(headends));
+  EXPECT_THAT(headendsOf(selection.Results()), UnorderedElementsAreArray(headends));
   EXPECT_TRUE(isRanked(selection.Results())) << selection.report;
 }
 
@@ -379,7 +377,7 @@ TEST_F(RealPeers, TheSameSelectionAgainComesFromTheCacheAndReachesNoServer) {
     EXPECT_EQ(1U, cached.calls);
     EXPECT_EQ(0, cached.status);
     EXPECT_EQ(headendsOf(cached.Results()), cached.headends);
-    EXPECT_THAT(cached.Results(), testing::UnorderedElementsAreArray(fresh.Results()));
+    EXPECT_THAT(cached.Results(), UnorderedElementsAreArray(fresh.Results()));
     EXPECT_THAT(cached.probes, IsEmpty());
     EXPECT_EQ(runStarted("connection", "127.0.0.1") + lines(FirstEnd) +
                   reportWritten("connection", nginx.Address(), cached.headends, FromCache,

@@ -59,7 +59,7 @@ TEST_F(HttpProbeTest, APlainRequestGoesToTheProxyWhole) {
   EXPECT_EQ(probe(8080, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
   EXPECT_EQ(results.uiHttpStatusCode, 200U);
   ASSERT_EQ(log.all().size(), 1U);
-  EXPECT_THAT(log.all()[0], StartsWith("HEAD http://192.0.2.1:8080/ HTTP/1.1\r\n"));
+  EXPECT_THAT(log.all()[0], StartsWith("GET http://192.0.2.1:8080/ HTTP/1.1\r\n"));
   EXPECT_THAT(log.all()[0], Not(HasSubstr("Authorization")));
 }
 
@@ -291,7 +291,7 @@ TEST_F(HttpProbeTest, TheSystemsProxyIsTheEnvironments) {
   setenv("http_proxy", address.c_str(), 1);
   EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_SUCCESS);
   ASSERT_EQ(log.all().size(), 1U);
-  EXPECT_THAT(log.all()[0], StartsWith("HEAD http://192.0.2.1/ HTTP/1.1\r\n"));
+  EXPECT_THAT(log.all()[0], StartsWith("GET http://192.0.2.1/ HTTP/1.1\r\n"));
   const RefusingPort closed("127.0.0.1");
   setenv("http_proxy", ("http://" + closed.Where().Text()).c_str(), 1);
   EXPECT_EQ(probe(80, kPatience, kElsewhere), HTTP_SESSION_ERROR_CONNECT);
@@ -304,7 +304,7 @@ TEST_F(HttpProbeTest, WithoutAProxyInTheEnvironmentTheConnectionIsDirect) {
   proxy.determineProxy = true;
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
   ASSERT_EQ(log.all().size(), 1U);
-  EXPECT_THAT(log.all()[0], StartsWith("HEAD / HTTP/1.1\r\n"));
+  EXPECT_THAT(log.all()[0], StartsWith("GET / HTTP/1.1\r\n"));
   const RefusingPort closed("127.0.0.1");
   EXPECT_EQ(probe(closed.Where().port), HTTP_SESSION_ERROR_CANNOT_CONNECT);
 }

@@ -38,12 +38,12 @@ TEST_F(HttpProbeTest, AnAnswerIsASuccess) {
   EXPECT_EQ(results.tstrLocation, "");
 }
 
-TEST_F(HttpProbeTest, TheRequestIsAHeadForTheRootAndSaysLittle) {
+TEST_F(HttpProbeTest, TheRequestIsForTheRootAndSaysLittle) {
   RequestLog log;
   const ScriptedServer server(answering(kOk, &log));
   probe(server.port());
   ASSERT_EQ(log.all().size(), 1U);
-  EXPECT_EQ(log.all()[0], "HEAD / HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) +
+  EXPECT_EQ(log.all()[0], "GET / HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) +
                               "\r\nAccept: */*\r\n\r\n");
 }
 
@@ -84,7 +84,14 @@ TEST_F(HttpProbeTest, ADemandForProxyAuthenticationIsAnAnswer) {
   EXPECT_THAT(results.tstrResponseHeaders, HasSubstr("realm=\"r\""));
 }
 
-TEST_F(HttpProbeTest, ABodyThatAHeadMayNotHaveIsNotRead) {
+TEST_F(HttpProbeTest, AnAnnouncedBodyIsNotWaitedFor) {
+  const ScriptedServer server(answering("HTTP/1.1 200 OK\r\nContent-Length: 1000000000\r\n\r\n"));
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(results.uiHttpStatusCode, 200U);
+  EXPECT_EQ(results.uiLastError, 0U);
+}
+
+TEST_F(HttpProbeTest, AnEndlessBodyIsNotRead) {
   const ScriptedServer server([](Connection& connection) {
     connection.readHead();
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 1000000000\r\n\r\n");

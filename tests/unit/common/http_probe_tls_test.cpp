@@ -46,7 +46,7 @@ TEST_F(HttpProbeTlsTest, ATrustedServerIsASuccess) {
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
   EXPECT_EQ(results.uiHttpStatusCode, 200U);
   ASSERT_EQ(log.all().size(), 1U);
-  EXPECT_THAT(log.all()[0], StartsWith("HEAD / HTTP/1.1\r\n"));
+  EXPECT_THAT(log.all()[0], StartsWith("GET / HTTP/1.1\r\n"));
   EXPECT_TRUE(report().secure);
   EXPECT_GE(report().tlsUs, report().connectUs);
   expectAnswerWithRoundTripTime();

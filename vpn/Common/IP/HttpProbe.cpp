@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <climits>
 #include <cstddef>
@@ -259,6 +260,16 @@ bool isAnswer(STATUSCODE status) {
          status == HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED;
 }
 
+/// The status code in the first line of a head, "HTTP/1.1 200 OK"; 0 if it has none.
+unsigned int statusOfLine(std::string_view line) {
+  const std::size_t blank = line.find(' ');
+  unsigned int status = 0;
+  if (blank != std::string_view::npos) {
+    std::from_chars(line.data() + blank + 1, line.data() + line.size(), status);
+  }
+  return status;
+}
+
 /// A libcurl handle and what its callbacks gather. The handle's connections live as long as it, and
 /// their sockets report to it when they close.
 class Transfer {
@@ -286,6 +297,14 @@ class Transfer {
     unsigned int headerLines = 0;
     unsigned int answers = 0;
     bool headEnded = true;
+    /// Of the head under way, from its first line; 0 if that has none.
+    unsigned int headStatus = 0;
+    /// The next final head is a proxy's.
+    bool awaitsTunnel = false;
+    /// libcurl answers a proxy's challenge by itself.
+    bool mayLogIn = false;
+    /// A final head is complete: what is missing is at most its body.
+    bool answered = false;
   };
 
   template <class T>
@@ -307,8 +326,10 @@ class Transfer {
   void dropCredentials();
   void collect(OUTCOME& outcome);
   bool keepHeader(std::string_view line);
+  bool endOfHead();
 
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* transfer);
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* nothing);
   static int onClose(void* transfer, curl_socket_t connection);
   static CURLcode onTlsContext(CURL* handle, void* context, void* transfer);
   static int onClientCertificate(SSL* connection, X509** certificate, EVP_PKEY** key);
@@ -333,8 +354,13 @@ OUTCOME Transfer::perform(const REQUEST& request) {
   }
   setUp(request);
   m_seen = GATHERED();
+  m_seen.awaitsTunnel = request.secure && request.proxied();
+  m_seen.mayLogIn = request.proxied() && !request.credentials->proxyUser.empty();
   m_seen.start = Clock::now();
   outcome.code = m_setup == CURLE_OK ? curl_easy_perform(m_handle.get()) : m_setup;
+  if (outcome.code == CURLE_WRITE_ERROR && m_seen.answered) {
+    outcome.code = CURLE_OK;  // we stopped it: the rest is of no interest
+  }
   dropCredentials();
   collect(outcome);
   return outcome;
@@ -357,6 +383,7 @@ void Transfer::setUp(const REQUEST& request) {
   set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
   set(CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
   set(CURLOPT_HEADERDATA, this);
+  set(CURLOPT_WRITEFUNCTION, &Transfer::onBody);
   set(CURLOPT_CLOSESOCKETFUNCTION, &Transfer::onClose);
   set(CURLOPT_CLOSESOCKETDATA, this);
 }
@@ -378,7 +405,9 @@ void Transfer::setUpTarget(const REQUEST& request) {
   const std::unique_ptr<char, decltype(&curl_free)> address(text, curl_free);
   set(CURLOPT_URL, address.get());
   set(CURLOPT_PROTOCOLS_STR, "http,https");
-  set(CURLOPT_NOBODY, 1L);
+  // Not HEAD, which some servers leave without an answer. The body is not waited for: see
+  // endOfHead.
+  set(CURLOPT_HTTPGET, 1L);
   set(CURLOPT_FOLLOWLOCATION, 0L);
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
@@ -456,14 +485,36 @@ bool Transfer::keepHeader(std::string_view line) {
   if (m_seen.headEnded) {
     m_seen.headers.clear();
     ++m_seen.answers;
+    m_seen.headStatus = statusOfLine(line);
   }
   m_seen.headEnded = line == "\r\n" || line == "\n";
   if (m_seen.headers.size() + line.size() <= kMaxKeptHeaderBytes) {
     m_seen.headers += line;
   }
   return m_seen.headerBytes <= kMaxHeaderBytes && m_seen.headerLines <= kMaxHeaderLines &&
-         m_seen.answers <= kMaxAnswers;
+         m_seen.answers <= kMaxAnswers && !(m_seen.headEnded && endOfHead());
 }
+
+/// Whether the head that has just ended is the answer, so that the transfer can stop here. Interim
+/// answers are not, nor a proxy's consent to a tunnel, nor a challenge that libcurl may answer.
+bool Transfer::endOfHead() {
+  constexpr unsigned int kFirstFinal = 200;
+  constexpr unsigned int kFirstRefusal = 300;
+  constexpr unsigned int kChallenge = 407;
+  if (m_seen.headStatus < kFirstFinal) {
+    return false;
+  }
+  if (m_seen.awaitsTunnel) {
+    m_seen.awaitsTunnel = m_seen.headStatus >= kFirstRefusal;
+    return false;
+  }
+  m_seen.answered = true;
+  return m_seen.headStatus != kChallenge || !m_seen.mayLogIn;
+}
+
+/// Stops the transfer: libcurl hands over the body of an answer that is final after all, such as a
+/// proxy's second challenge.
+std::size_t Transfer::onBody(char*, std::size_t, std::size_t, void*) { return 0; }
 
 std::size_t Transfer::onHeader(char* data, std::size_t size, std::size_t count, void* transfer) {
   // libcurl is C and cannot be thrown through.

@@ -114,11 +114,11 @@ class HttpProbe {
   /// returned: callers count one that they do not know as a sample of 0 ms, and what could not even
   /// be tried must not look like the nearest server.
   ///
-  /// The body of an answer is neither asked for nor read, redirects are an answer and not followed,
-  /// and nothing is ever sent to a server whose certificate is not trusted. At most 64 KiB of an
-  /// answer's head are kept, and one that goes on beyond 256 KiB, 1,000 lines or 10 answers
-  /// (interim ones counted) is cut off. Throws nothing and raises no signal, whatever the peer
-  /// does.
+  /// A probe ends with the head of the answer, whatever body it announces; redirects are an answer
+  /// and not followed, and nothing is ever sent to a server whose certificate is not trusted. At
+  /// most 64 KiB of an answer's head are kept, and one that goes on beyond 256 KiB, 1,000 lines or
+  /// 10 answers (interim ones counted) is cut off. Throws nothing and raises no signal, whatever
+  /// the peer does.
   ///
   /// A name server that stays silent does not hold up the time-out; the thread that asks it ends by
   /// itself, later.

@@ -115,23 +115,32 @@ STATUSCODE CSelectionCache::createSingletonInstance(CSelectionCache*& pCache) {
 }
 
 void CSelectionCache::releaseInstance() {
-  bool isLast = false;
-  {
-    const CAutoLockT<CManualLock> lock(sm_instanceLock);
-    isLast = sm_uiAcquisitionCount == 1;
-  }
-  if (isLast && m_storePending.load()) {
+  // Written before the acquisition is given back and without the lock, which nobody shall wait for
+  // as long as a disk takes. Others may come and go meanwhile, so who is last is asked again.
+  bool flushed = false;
+  while (!releaseOnce(flushed)) {
     flush();
+    flushed = true;
   }
+}
+
+/// Gives one acquisition back; the last one destroys the instance.
+/// @return false, with nothing given back, when it is the last one and a store is still to be
+/// tried.
+bool CSelectionCache::releaseOnce(bool flushed) {
   CSelectionCache* pEnded = nullptr;
   {
     const CAutoLockT<CManualLock> lock(sm_instanceLock);
+    if (sm_uiAcquisitionCount == 1 && !flushed && m_storePending.load()) {
+      return false;
+    }
     if (sm_uiAcquisitionCount == 0 || --sm_uiAcquisitionCount > 0) {
-      return;
+      return true;
     }
     std::swap(pEnded, sm_pInstance);
   }
   delete pEnded;
+  return true;
 }
 
 CSelectionCache::CSelectionCache(STATUSCODE& status)

@@ -102,6 +102,7 @@ class CSelectionCache {
   bool isExpired(unsigned long age) const;
   void warnOnce(const char* function, const std::string& problem) AHS_REQUIRES(m_lock);
   void flush();
+  bool releaseOnce(bool flushed);
 
   static CSelectionCache* sm_pInstance AHS_GUARDED_BY(sm_instanceLock);
   static unsigned int sm_uiAcquisitionCount AHS_GUARDED_BY(sm_instanceLock);

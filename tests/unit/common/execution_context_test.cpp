@@ -101,6 +101,7 @@ TEST(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
   SlowCallback callback;
   STATUSCODE status = -1;
   CTimer timer(status, &context->GetTimerList(), SlowCallback::run, &callback, 0);
+  CTimer late(status, &context->GetTimerList(), SlowCallback::run, &callback, 0);
   ASSERT_EQ(timer.StartTimer(0), TIMER_SUCCESS);
   ASSERT_TRUE(eventually([&callback] { return callback.entered.load(); }));
   context->releaseInstance();
@@ -110,8 +111,9 @@ TEST(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
     context->releaseInstance();
     released = true;
   });
-  EXPECT_TRUE(
-      eventually([] { return CExecutionContext::acquireInstance(API_INSTANCE) == nullptr; }));
+  // A list that takes no timer shows that the release has begun.
+  EXPECT_TRUE(eventually([&late] { return late.StartTimer(60000) == TIMER_ERROR_LIST_CLOSED; }));
+  EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
   EXPECT_FALSE(released);
   callback.gate.open();
   releaser.join();

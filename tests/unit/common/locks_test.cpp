@@ -43,39 +43,47 @@ TEST(ManualLock, ItLetsOneThreadInAtATime) {
   EXPECT_EQ(sumOfFourThreads(500), 80000);
 }
 
-/// Whether another thread gets the lock without waiting for this one.
-bool isFree(CManualLock& lock) {
-  std::atomic<bool> got{false};
-  std::thread other([&lock, &got]() AHS_NO_THREAD_SAFETY_ANALYSIS {
-    lock.Lock();
-    got = true;
-    lock.Unlock();
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  const bool result = got;
-  other.detach();
-  return result;
-}
+/// Another thread that takes a lock and gives it back.
+class Rival {
+ public:
+  explicit Rival(CManualLock& lock) : m_thread([this, &lock] { take(lock); }) {}
+  ~Rival() { m_thread.join(); }
+  Rival(const Rival&) = delete;
+  Rival& operator=(const Rival&) = delete;
+
+  bool gotIt() const { return m_gotIt; }
+
+ private:
+  void take(CManualLock& lock) {
+    const CAutoLockT<CManualLock> guard(lock);
+    m_gotIt = true;
+  }
+
+  std::atomic<bool> m_gotIt{false};
+  std::thread m_thread;
+};
 
 TEST(ManualLock, TheHolderMayTakeItAgainAndMustGiveItBackAsOften) AHS_NO_THREAD_SAFETY_ANALYSIS {
-  static CManualLock& lock = *new CManualLock(500);
+  CManualLock lock(500);
   lock.Lock();
   lock.Lock();
-  EXPECT_FALSE(isFree(lock));
+  const Rival rival(lock);
   lock.Unlock();
-  EXPECT_FALSE(isFree(lock));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(rival.gotIt());
   lock.Unlock();
-  EXPECT_TRUE(eventually([] { return isFree(lock); }));
+  EXPECT_TRUE(eventually([&rival] { return rival.gotIt(); }));
 }
 
 TEST(AutoLock, ItGivesTheLockBackOnEveryExit) {
-  static CManualLock& lock = *new CManualLock(0);
+  CManualLock lock(0);
   try {
     const CAutoLockT<CManualLock> guard(lock);
     throw std::runtime_error("an exit");
   } catch (const std::runtime_error&) {
   }
-  EXPECT_TRUE(eventually([] { return isFree(lock); }));
+  const Rival rival(lock);
+  EXPECT_TRUE(eventually([&rival] { return rival.gotIt(); }));
 }
 
 TEST(SharedFlag, WhatOneThreadSetsAnotherReads) {

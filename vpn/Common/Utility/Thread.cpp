@@ -4,15 +4,14 @@
 
 #include "vpn/Common/Utility/Thread.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 
 #include <chrono>
-#include <exception>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/Common/Utility/GuardedCall.h"
 
 namespace {
 
@@ -110,21 +109,9 @@ void* CThread::threadEntry(void* object) {
   pthread_setname_np(pthread_self(), "ahs");
   auto* const thread = static_cast<CThread*>(object);
   Ending ending(thread);
-  ending.exitCode = thread->runGuarded();
+  guardedCall([thread, &ending] { ending.exitCode = static_cast<unsigned int>(thread->Run()); },
+              logException);
   return nullptr;
-}
-
-unsigned int CThread::runGuarded() {
-  try {
-    return static_cast<unsigned int>(Run());
-  } catch (abi::__forced_unwind&) {
-    throw;  // not an exception but the end of the thread: swallowing it aborts the process
-  } catch (const std::exception& exception) {
-    logException(exception.what());
-  } catch (...) {
-    logException("of unknown type");
-  }
-  return AbnormalExitCode;
 }
 
 void CThread::setEnded(unsigned int exitCode) {

@@ -102,7 +102,6 @@ class CThread : public IRunnable {
 
   int startOnce();
   static void* threadEntry(void* object);
-  unsigned int runGuarded();
   void setEnded(unsigned int exitCode);
   static void leave(CThread* object) noexcept;
 

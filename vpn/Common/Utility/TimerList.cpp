@@ -4,18 +4,16 @@
 
 #include "vpn/Common/Utility/TimerList.h"
 
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <exception>
 #include <map>
 #include <mutex>
 #include <new>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
+#include "vpn/Common/Utility/GuardedCall.h"
 
 namespace {
 
@@ -104,18 +102,6 @@ class KeptTask {
   ApiRunnable* const m_task;
 };
 
-void callBack(timercb callback, void* ptrVal, unsigned long longVal) {
-  try {
-    callback(ptrVal, longVal);
-  } catch (abi::__forced_unwind&) {
-    throw;  // not an exception but the end of the thread: swallowing it aborts the process
-  } catch (const std::exception& exception) {
-    logException(exception.what());
-  } catch (...) {
-    logException("of unknown type");
-  }
-}
-
 }  // namespace
 
 CTimerList::CTimerList() : m_pShared(std::make_shared<Shared>()) {}
@@ -128,7 +114,7 @@ void CTimerList::Service() {
   CTimer::Entry expired;
   while (shared->waitForExpired(expired)) {
     const KeptTask keptTask(expired.pKeptAlive);
-    callBack(expired.callback, expired.ptrVal, expired.longVal);
+    guardedCall([&expired] { expired.callback(expired.ptrVal, expired.longVal); }, logException);
   }
 }
 

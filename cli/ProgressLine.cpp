@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "cli/Console.h"
 
@@ -20,9 +21,10 @@ constexpr const char* Bold = "\x1b[1m";
 constexpr const char* Plain = "\x1b[0m";
 // What a terminal that does not tell its width is taken for.
 constexpr std::size_t UsualWidth = 80;
-// How long the end of the process waits for a drawing that is under way; a terminal that takes
-// longer is stopped, and nothing can be erased on it.
-constexpr std::chrono::milliseconds LongestDrawing{200};
+// How often, and how far apart, the end of the process looks whether a drawing that is under way is
+// done. A terminal that takes longer than these 200 ms is stopped, and nothing can be erased on it.
+constexpr int DrawingAttempts = 20;
+constexpr std::chrono::milliseconds DrawingPause{10};
 
 bool isSet(const char* variable) {
   const char* value = getenv(variable);
@@ -65,7 +67,7 @@ void ProgressLine::draw(const ProgressState& state) {
   if (tcgetpgrp(STDERR_FILENO) != getpgrp()) {
     return;
   }
-  const std::lock_guard<std::timed_mutex> guard(m_lock);
+  const std::lock_guard<std::mutex> guard(m_lock);
   if (!m_isClosed) {
     m_isDrawn = true;
     static_cast<void>(
@@ -74,14 +76,18 @@ void ProgressLine::draw(const ProgressState& state) {
 }
 
 void ProgressLine::close() {
-  const std::lock_guard<std::timed_mutex> guard(m_lock);
+  const std::lock_guard<std::mutex> guard(m_lock);
   erase();
 }
 
 void ProgressLine::closeInHaste() {
-  const std::unique_lock<std::timed_mutex> guard(m_lock, LongestDrawing);
-  if (guard.owns_lock()) {
-    erase();
+  for (int attempt = 0; attempt < DrawingAttempts; ++attempt) {
+    const std::unique_lock<std::mutex> guard(m_lock, std::try_to_lock);
+    if (guard.owns_lock()) {
+      erase();
+      return;
+    }
+    std::this_thread::sleep_for(DrawingPause);
   }
 }
 

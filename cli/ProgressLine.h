@@ -39,7 +39,7 @@ class ProgressLine {
   void erase();
 
   const bool m_colour;
-  std::timed_mutex m_lock;
+  std::mutex m_lock;
   bool m_isDrawn;   // guarded by m_lock
   bool m_isClosed;  // guarded by m_lock
 };

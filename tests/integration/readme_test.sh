@@ -3,6 +3,8 @@
 # Usage: readme_test.sh SOURCE-DIRECTORY
 set -euo pipefail
 cd "$1"
+# The backquotes are Markdown.
+# shellcheck disable=SC2016
 shown=$(sed -n '/^```cpp$/,/^```$/p' README.md | sed '1d;$d')
 compiled=$(sed -n '/^\/\/ \[README\]$/,/^\/\/ \[README\]$/p' examples/embed.cpp | sed '1d;$d')
 [ -n "$compiled" ] || { echo "examples/embed.cpp has no [README] region"; exit 1; }

@@ -511,7 +511,7 @@ TEST_F(SelectCommandTest, AReaderThatHasGoneIsAnErrorAndNoSignal) {
   close(ends[0]);
   const Outcome outcome = Program({"select", near.address()}, environment, false, ends[1]).finish();
   close(ends[1]);
-  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_EQ(outcome.exitStatus, 2) << outcome.err;
   EXPECT_THAT(outcome.err, HasSubstr("Broken pipe"));
 }
 

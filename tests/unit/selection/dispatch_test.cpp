@@ -450,7 +450,6 @@ TEST_F(Dispatch, ReturnsOnlyWhenEveryWorkerHasEnded) {
 
   EXPECT_EQ(dispatch(), 0);
   EXPECT_THAT(doubles::log().textsOf("Run"), SizeIs(4)) << "both have logged their end";
-  EXPECT_EQ(CThread::RunningCount(), 0U);
 }
 
 TEST_F(Dispatch, AWaitThatFailsIsLoggedAndTheNextWorkerIsWaitedFor) {
@@ -478,6 +477,22 @@ TEST_F(Dispatch, AWaitThatFailsDoesNotHideTheWorkersOwnFailure) {
   EXPECT_THAT(dispatchLines(),
               ElementsAre("startPingThreads W CSelectionThread::WaitForCompletion 0xFE34000B",
                           "startPingThreads W CSelectionThread::Run 0xFE460019"));
+}
+
+TEST_F(Dispatch, AWaitThatFailsDoesNotRepeatTheFailureOfTheWorkerBefore) {
+  probes().answer("gw1", {{.status = HTTP_SESSION_ERROR_DNS_RESOLUTION}});
+  makeFor({"gw1", "gw2"}, Reconnection);
+  seams().setBeforeStart([](CThread& thread) -> std::optional<STATUSCODE> {
+    if (dynamic_cast<Worker&>(thread).GetHeadend() == "gw2") {
+      return THREAD_ERROR_CREATE_FAILED;
+    }
+    return std::nullopt;
+  });
+
+  EXPECT_EQ(dispatch(), 0);
+  EXPECT_THAT(dispatchLines(),
+              ElementsAre("startPingThreads W CSelectionThread::Run 0xFE460019",
+                          "startPingThreads W CSelectionThread::WaitForCompletion 0xFE34000D"));
 }
 
 TEST_F(Dispatch, AWorkerThatEndsWithAFailureIsLoggedAndIsNoFailureOfTheMeasurement) {

@@ -188,6 +188,8 @@ INSTANTIATE_TEST_SUITE_P(
         ThresholdCase{18, 50, 59, true}, ThresholdCase{43, 100, 143, true},
         // Both metrics become 2^24 in single precision, so the ratio is exactly 1.
         ThresholdCase{0, 16777216, 16777217, false}, ThresholdCase{1, 16777216, 16777217, true},
+        // Above 2^24 each conversion rounds by itself, before the division.
+        ThresholdCase{43, 19734520, 28220363, false}, ThresholdCase{20, 184156890, 220988275, true},
         // As signed numbers these would be negative.
         ThresholdCase{10, 4000000000U, 4200000000U, true},
         ThresholdCase{Largest, 1, 42000000, true}, ThresholdCase{2147483648U, 1, 21474836, false}));

@@ -1,8 +1,6 @@
 // A run from its first line to the client's callback: the driver's decisions one by one, and the
 // whole log of typical runs, line by line.
 
-#include <chrono>
-#include <future>
 #include <utility>
 #include <vector>
 
@@ -19,14 +17,12 @@ using doubles::probes;
 using doubles::seams;
 using doubles::timers;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 constexpr long AddedToCache = 0xFE530010;
 constexpr long NoHeadends = 0xFE53000D;
 constexpr long NoCache = 0xFE53000C;
 constexpr long AuthProxy = 0xFE53000A;
-constexpr long TimedOut = 0xFE53000B;
 constexpr long SelectionFailure = 0xFE53000F;
 constexpr STATUSCODE NoContext = 0xFE8D000A;
 

@@ -61,6 +61,7 @@ TEST_F(TimerRace, BetweenTwoStartsAbandonsTheWorkersWithoutWaitingForThem) {
   });
   make();
   runToEnd();  // comes back although three workers are still probing
+  EXPECT_TRUE(doubles::eventually([&] { return client.calls() == 1; }));
 
   EXPECT_EQ(client.only().status, SelectionFailure);
   EXPECT_THAT(client.only().headends, ElementsAre("gw0"));

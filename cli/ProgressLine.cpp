@@ -57,7 +57,8 @@ std::string progressText(const ProgressState& state, std::size_t width, bool col
 
 bool ProgressLine::isPossible() {
   const char* terminal = getenv("TERM");
-  return isatty(STDERR_FILENO) == 1 && isSet("TERM") && strcmp(terminal, "dumb") != 0;
+  return isatty(STDERR_FILENO) == 1 && terminal != nullptr && *terminal != '\0' &&
+         strcmp(terminal, "dumb") != 0;
 }
 
 ProgressLine::ProgressLine() : m_colour(!isSet("NO_COLOR")), m_isDrawn(false), m_isClosed(false) {}

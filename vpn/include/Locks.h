@@ -16,7 +16,7 @@ class AHS_CAPABILITY("mutex") CManualLock {
   ///        sections here are a few hundred instructions long, so a short spin saves two context
   ///        switches; 0 sleeps at once.
   explicit CManualLock(unsigned long spinCount = 0);
-  ~CManualLock();
+  ~CManualLock();  // NOLINT(performance-trivially-destructible): another client's lock need not be
 
   CManualLock(const CManualLock&) = delete;
   CManualLock& operator=(const CManualLock&) = delete;

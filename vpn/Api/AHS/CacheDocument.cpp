@@ -389,7 +389,7 @@ std::string parse(const std::string& text, std::map<std::string, CCacheEntry>& e
   // Once for all threads: the library's own lazy initialisation is not made for several at once.
   static const bool initialised = (xmlInitParser(), true);
   static_cast<void>(initialised);
-  const std::string problem = findWrongBytes(text);
+  std::string problem = findWrongBytes(text);
   if (!problem.empty()) {
     return problem;
   }

@@ -239,7 +239,8 @@ CHeadendSelection::CResultsThread::CResultsThread(ClientIfcBase* pAHSCB, unsigne
   const auto count = static_cast<unsigned int>(headendList.size());
   m_slHeadendList.resize(count);
   for (unsigned int i = 0; i < count; ++i) {
-    m_slHeadendList[i] = headendList[i].c_str();  // up to the first NUL: a host name has none
+    // Up to the first NUL: a host name has none. NOLINTNEXTLINE(readability-redundant-string-cstr)
+    m_slHeadendList[i] = headendList[i].c_str();
   }
 }
 

@@ -48,6 +48,8 @@ STATUSCODE CHeadendSelection::getHeadendListFromProfile(const std::string& lastH
 // them.
 std::map<std::string, bool> CHeadendSelection::findProfilesWithAHS(ProfileMgr& profileMgr) {
   std::map<std::string, bool> profilesWithAHS;
+  // A copy, as of the hosts: the walk shall not hold on to the profile manager's own container.
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const std::map<std::string, HostInitSettings*> profileMap = profileMgr.getFileInitMap();
   for (const auto& [profileName, pSettings] : profileMap) {
     Preference* pPreference = nullptr;

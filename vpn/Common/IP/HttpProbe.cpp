@@ -747,7 +747,7 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
   RoundTripMeasure measure = RoundTripMeasure::Network;
   Report report;
   OUTCOME outcome;
-  bool proxied = proxyData.determineProxy || !proxyData.proxyServer.empty();
+  REQUEST request;
   try {
     watcher = currentWatcher();
     measure = settings().measure;
@@ -756,18 +756,16 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
     report.secure = secure;
     report.options = options;
     tell(watcher, &Watcher::ProbeStarted, report);
-    REQUEST request;
     request.secure = secure;
     request.port = port;
     request.userAgent = userAgent;
     request.timeoutSeconds = timeoutSeconds;
     outcome = send(host, proxyData, request);
-    proxied = request.proxied();
   } catch (...) {
     outcome = OUTCOME();
     outcome.code = CURLE_OUT_OF_MEMORY;
   }
-  fillReport(outcome, proxied, measure, report);
+  fillReport(outcome, request.proxied(), measure, report);
   writeResults(report, outcome, results);
   tell(watcher, &Watcher::ProbeEnded, report);
   return report.status;

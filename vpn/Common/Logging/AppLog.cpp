@@ -290,7 +290,7 @@ std::string CAppLog::Open(const Targets& targets) {
   log.targets.reset();
 
   Sinks sinks;
-  const std::string problem = addAll(sinks, targets);
+  std::string problem = addAll(sinks, targets);
   const unsigned int bits = sinks.empty() ? 0 : bitsOf(targets);
   log.targets = std::make_unique<spdlog::logger>("ahs", sinks.begin(), sinks.end());
   log.targets->set_level(spdlog::level::trace);

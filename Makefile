@@ -29,9 +29,7 @@ lint: deps-lint ## Check formatting, clang's warnings and lock annotations, clan
 	tools/lint.sh $(JOBS)
 
 .PHONY: bench
-bench: deps-bench ## Measure, side by side with named peers
-	cmake --preset release -DAHS_BENCHMARKS=ON
-	cmake --build --preset release -j $(JOBS)
+bench: deps-bench release ## Measure, side by side with named peers (needs the right to make namespaces)
 	bench/run.sh build/release
 
 .PHONY: release

@@ -7,7 +7,7 @@ build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-
   libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev iproute2 curl openssl)
 test=("${build[@]}" nginx haproxy fping binutils procps)
 lint=("${test[@]}" clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev shellcheck)
-bench=("${test[@]}" libbenchmark-dev httping)
+bench=("${build[@]}" python3)
 
 case "${1:-}" in
   build) wanted=("${build[@]}") ;;

@@ -14,6 +14,21 @@ clang-format-14 --dry-run --Werror "${sources[@]}"
 echo "shellcheck: ${#scripts[@]} files"
 shellcheck "${scripts[@]}"
 
+echo "floors: a room includes only rooms on its own floor or below"
+above() { # above ROOM PATTERN: the includes of a room that reach a floor above it
+  git grep -nE "^#include \"($2)" -- "$1" || true
+}
+reached=$(
+  above vpn/include 'vpn/Common|vpn/Api|cli|simulator'
+  above vpn/Common 'vpn/Api|cli|simulator'
+  above ':(glob)vpn/Api/*' 'vpn/Api/AHS|cli|simulator'
+  above vpn/Api/AHS 'cli|simulator'
+)
+if [ -n "$reached" ]; then
+  printf '%s\n' "$reached"
+  exit 1
+fi
+
 echo "clang: warnings and lock annotations"
 cmake --preset clang >build/clang-configure.log 2>&1 || { cat build/clang-configure.log; exit 1; }
 cmake --build --preset clang -j "$jobs"

@@ -8,7 +8,7 @@ CTEST_JOBS ?= $(shell nproc)
 
 .PHONY: help
 help: ## List the targets
-	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/  make \1\t\2/' | expand -t 22
+	@grep -hE '^[a-z -]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/^([a-z -]+):.*## (.*)/  make \1\t\2/' | expand -t 34
 
 .PHONY: demo
 demo: deps-build release ## Build, then watch a selection among simulated gateways
@@ -19,6 +19,7 @@ test: deps-test release ## Build and run all tests
 	ctest --preset release -j $(CTEST_JOBS)
 
 .PHONY: asan tsan debug clang
+clang: deps-lint
 asan tsan debug clang: deps-test ## Build and run all tests: sanitizers, no optimisation, clang
 	cmake --preset $@
 	cmake --build --preset $@ -j $(JOBS)

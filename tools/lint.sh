@@ -4,6 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-$(nproc)}
+mkdir -p build
 
 mapfile -t sources < <(git ls-files '*.cpp' '*.h')
 mapfile -t scripts < <(git ls-files '*.sh' .ci/run)

@@ -7,14 +7,11 @@
 /// Status codes of an HTTP session (module 0x46).
 enum HTTP_SESSION_ERRORS : STATUSCODE {
   HTTP_SESSION_SUCCESS = 0,
-  /// The request could not be set up: the host, the port or the proxy is unusable.
-  HTTP_SESSION_ERROR_BAD_PARAMETER = 0xFE460002,
-  HTTP_SESSION_ERROR_MEMALLOC_FAILED = 0xFE460004,
   /// The proxy could not be reached or its name could not be resolved.
   HTTP_SESSION_ERROR_CONNECT = 0xFE46000C,
   /// The server answered with a certificate that is not trusted.
   HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE = 0xFE460017,
-  /// The server's name could not be resolved.
+  /// The server's name could not be resolved, or is none.
   HTTP_SESSION_ERROR_DNS_RESOLUTION = 0xFE460019,
   /// The server answered that it wants a client certificate.
   HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED = 0xFE46001A,

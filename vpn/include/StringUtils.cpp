@@ -1,4 +1,4 @@
-// Small string helpers: locale-free folding, escaping for one line of output, wiping of secrets.
+// Small string functions: locale-free folding, escaping for one line of output, wiping of secrets.
 
 #include "vpn/include/StringUtils.h"
 

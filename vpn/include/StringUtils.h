@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// String helpers shared by the client library. All are pure functions that any thread may call.
+/// String functions shared by the client library. All are pure functions that any thread may call.
 class CStringUtils {
  public:
   CStringUtils() = delete;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/ProbeRecorder.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -63,7 +64,7 @@ TEST(ProbeRecorder, EveryStatusThatAServerCausedIsASample) {
   EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE));
   EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED));
   EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
-  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_BAD_PARAMETER));
+  EXPECT_TRUE(ProbeRecorder::isSample(HEADENDSELECTION_ERROR_UNKNOWN));
   EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CONNECT));
   EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CANNOT_CONNECT));
   EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_TIMEOUT));

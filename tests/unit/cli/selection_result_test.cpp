@@ -56,7 +56,7 @@ TEST(Outcome, OfAMeasuredHeadendSaysHowItAnswered) {
   EXPECT_EQ(measuredOutcome(HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED),
             "client certificate wanted");
   EXPECT_EQ(measuredOutcome(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE), "not HTTP");
-  EXPECT_EQ(measuredOutcome(HTTP_SESSION_ERROR_BAD_PARAMETER), "failed");
+  EXPECT_EQ(measuredOutcome(HEADENDSELECTION_ERROR_UNKNOWN), "failed");
 }
 
 TEST(Outcome, OfAMeasuredHeadendIsNotSpoiltByALostProbe) {

@@ -1,4 +1,4 @@
-// String helpers, and the wiping of secrets.
+// String functions, and the wiping of secrets.
 
 #include <gtest/gtest.h>
 

@@ -62,7 +62,7 @@ unsigned int now() { return static_cast<unsigned int>(GetCurrentTimeMillis()); }
 }  // namespace
 
 STATUSCODE CHeadendSelection::startPingThreads(std::string& extraInfo) {
-  HttpProbe::HTTP_PROBE_RESULTS results;
+  HttpProbe::HTTP_PROBE_RESULTS results{};
   const unsigned int totalTime =
       m_uiReason == ReconnectionReason ? m_settings.nReconnectTimeout : m_settings.nConnectTimeout;
 
@@ -241,7 +241,7 @@ STATUSCODE CHeadendSelection::CSelectionThread::Run() {
       status = HEADENDSELECTION_ERROR_TIMEOUT;
       break;
     }
-    HttpProbe::HTTP_PROBE_RESULTS results;
+    HttpProbe::HTTP_PROBE_RESULTS results{};
     status = HttpProbe::SendHttpProbe(m_headend.getHost(), isSecure, false,
                                       static_cast<unsigned short>(port), tstrUserAgent,
                                       m_pingTimeout / 1000, noProxy, PingOptions, results);

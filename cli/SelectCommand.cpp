@@ -205,7 +205,7 @@ int runSelect(const SelectOptions& options) {
   STATUSCODE status = 0;
   const CClientLibrary library(libraryOptions, status);
   if (!libraryOptions.logProblem.empty()) {
-    return complainOfUsage("the log cannot be written: " + libraryOptions.logProblem, {});
+    return complainOfUsage("the log cannot be written: " + libraryOptions.logProblem + ".", {});
   }
   if (status != 0) {
     Console::complain(

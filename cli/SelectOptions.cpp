@@ -26,7 +26,7 @@ std::string inQuotes(const std::string& text) { return "'" + Console::visible(te
 std::string takeHosts(const std::vector<std::string>& hosts, std::vector<std::string>& addresses) {
   std::set<std::string> seen;
   for (const std::string& host : hosts) {
-    const std::string error = host.empty() ? "it is empty" : URL::findError(host);
+    const std::string error = host.empty() ? "it is empty." : URL::findError(host);
     if (!error.empty()) {
       return "the host " + inQuotes(host) + " cannot be used: " + error +
              " A host is a name, an IPv4 address or an IPv6 address in brackets, with an optional "

@@ -81,7 +81,7 @@ std::string numberedList(const SelectionResult& result, std::size_t width) {
   for (const HeadendResult& headend : result.results) {
     known.emplace(headend.headend, &headend);
   }
-  std::string text = "Headends, best first:\n";
+  std::string text = "Headends, in order of choice:\n";
   for (std::size_t i = 0; i < result.headends.size(); ++i) {
     char number[32];
     snprintf(number, sizeof number, "%*zu. ", NumberWidth, i + 1);

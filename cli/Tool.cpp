@@ -24,7 +24,7 @@ int answer(const CLI::App& tool, const CLI::ParseError& error) {
     command += " " + chosen->get_name();
   }
   Console::complain(Console::visible(error.what()) + ". '" + command +
-                    " --help' shows what can be given.");
+                    " --help' shows all options.");
   return ExitUsage;
 }
 

@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   CClientLibrary::Options options;
   options.sources.profileDirectory = argc > 1 ? argv[1] : "examples/profiles";
   options.log.terminal = true;
+  options.log.leastImportant = Logging::DBG_Warning;
   STATUSCODE status = 0;
   const CClientLibrary library(options, status);
   if (status != 0) {

@@ -465,7 +465,7 @@ TEST_F(SelectCommandTest, TheTextIsTheReportOfTheLogAndTheOrderedList) {
   const Outcome outcome = run({"select", near.address(), closed, "--log-file", log});
   EXPECT_EQ(outcome.exitStatus, 0);
   EXPECT_EQ(outcome.err, "");
-  const std::size_t end = outcome.out.find("\nHeadends, best first:\n");
+  const std::size_t end = outcome.out.find("\nHeadends, in order of choice:\n");
   ASSERT_NE(end, std::string::npos) << outcome.out;
   const std::string report = outcome.out.substr(0, end);
   EXPECT_THAT(report, StartsWith("*** QIB Selection Results ***\nQIB performed for connection "

@@ -61,6 +61,7 @@ void PreferenceMgr::releaseInstance() {
 
 PreferenceMgr::PreferenceMgr(const Sources& sources) : m_cacheFile(sources.cacheFile) {
   loadPreferences(sources.userPreferencesFile, m_userPreferences);
+  reportProxyOfUser(sources.userPreferencesFile);
   loadPreferences(sources.globalPreferencesFile, m_globalPreferences);
   if (!sources.addresses.empty()) {
     m_profileMgr.addAddresses(AddressProfile, sources.addresses);
@@ -118,6 +119,20 @@ void PreferenceMgr::loadPreferences(const std::string& path, UserPreferences& pr
   PreferenceInfo parsed;
   if (readPreferencesFile(path, parsed, m_problems)) {
     preferences.setPreferences(parsed);
+  }
+}
+
+// Which proxy there is belongs to the machine, so host and port count in the global file alone.
+void PreferenceMgr::reportProxyOfUser(const std::string& path) {
+  for (const PreferenceId id : {ProxyHost, ProxyPort}) {
+    Preference* preference = nullptr;
+    if (m_userPreferences.getPreferences().getPreference(id, preference)) {
+      FileProblem problem;
+      problem.file = path;
+      problem.text = std::string(PreferenceBase::find(id)->name) +
+                     " has no effect in a user's preferences; set it in the global ones";
+      m_problems.push_back(problem);
+    }
   }
 }
 

@@ -74,6 +74,7 @@ class PreferenceMgr {
   ~PreferenceMgr();
 
   void loadPreferences(const std::string& path, UserPreferences& preferences);
+  void reportProxyOfUser(const std::string& path);
   void logProblems() const;
 
   // The lock is never freed, so that a thread that outlives the process's static objects may still

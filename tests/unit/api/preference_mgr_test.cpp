@@ -113,6 +113,16 @@ TEST_F(PreferenceMgrTest, AWordThatIsNotAllowedGivesWayToTheGlobalOne) {
   EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyNone);
 }
 
+TEST_F(PreferenceMgrTest, AProxyInTheUsersPreferencesIsReportedAsWithoutEffect) {
+  writeUser(preferenceElement("ProxyHost", "proxy.example.com"));
+  writeGlobal(preferenceElement("ProxyPort", "3128"));
+  const ScopedPreferenceMgr preferences(m_sources);
+  ASSERT_THAT(preferences->getProblems(), SizeIs(1));
+  EXPECT_EQ(preferences->getProblems()[0].text,
+            "ProxyHost has no effect in a user's preferences; set it in the global ones");
+  EXPECT_EQ(preferences->getProblems()[0].file, m_sources.userPreferencesFile);
+}
+
 TEST_F(PreferenceMgrTest, ANumberThatIsNoPreferenceIsRefused) {
   const ScopedPreferenceMgr preferences(m_sources);
   std::string value = "untouched";

@@ -64,7 +64,7 @@ TEST(TextOutput, IsReportThenListThenStatus) {
             "*** QIB Selection Results ***\n"
             "lines\n"
             "\n"
-            "Headends, best first:\n"
+            "Headends, in order of choice:\n"
             "   1. gw-b:8443  20 ms\n"
             "   2. gw-a       40 ms (untrusted certificate)\n"
             "Without a result:\n"

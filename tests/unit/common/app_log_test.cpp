@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -364,21 +363,20 @@ TEST_F(AppLog, TheOtherTargetsAreOpenEvenWhenTheFileIsNot) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("vpn/source:12 on the terminal\n"));
 }
 
-/// Lets the process open no further file for the length of a scope.
-class NoMoreFiles {
+/// Takes a directory away for the length of a scope, so that no file in it can be opened.
+class DirectoryAway {
  public:
-  NoMoreFiles() {
-    getrlimit(RLIMIT_NOFILE, &m_former);
-    rlimit limit = m_former;
-    limit.rlim_cur = 0;
-    setrlimit(RLIMIT_NOFILE, &limit);
+  explicit DirectoryAway(const std::filesystem::path& directory)
+      : m_directory(directory), m_elsewhere(directory.string() + ".away") {
+    std::filesystem::rename(m_directory, m_elsewhere);
   }
-  ~NoMoreFiles() { setrlimit(RLIMIT_NOFILE, &m_former); }
-  NoMoreFiles(const NoMoreFiles&) = delete;
-  NoMoreFiles& operator=(const NoMoreFiles&) = delete;
+  ~DirectoryAway() { std::filesystem::rename(m_elsewhere, m_directory); }
+  DirectoryAway(const DirectoryAway&) = delete;
+  DirectoryAway& operator=(const DirectoryAway&) = delete;
 
  private:
-  rlimit m_former = {};
+  const std::filesystem::path m_directory;
+  const std::filesystem::path m_elsewhere;
 };
 
 TEST_F(AppLog, ARotationThatCannotOpenTheNewFileLosesLinesAndNothingElse) {
@@ -387,7 +385,7 @@ TEST_F(AppLog, ARotationThatCannotOpenTheNewFileLosesLinesAndNothingElse) {
   ASSERT_EQ(CAppLog::Open(targets), "");
   error("before");
   {
-    const NoMoreFiles noMoreFiles;
+    const DirectoryAway directoryAway(m_directory);
     error(std::string(950, 'x').c_str());
     error("too short to be rotated");
     error("lost");

@@ -59,6 +59,29 @@ class Ranking : public SelectionTest {
     return "no report";
   }
 
+  /// How often this thread holds the results lock whenever the ranking reads the results this way.
+  std::vector<int> locksHeldAtEach(doubles::Seams::Reading way) {
+    CHeadendSelection& selection = make();
+    call<AddHeadendToList>(selection, "gw-a", 1U);
+    int held = 0;  // by this thread: there is no other
+    std::vector<int> heldAtEach;
+    seams().setLockHook([&](const CManualLock* lock, bool taken) {
+      if (lock == &member<CacheLock>(selection)) {
+        held += taken ? 1 : -1;
+      }
+    });
+    seams().setBeforeReading([&](const CCacheEntry& entry, doubles::Seams::Reading reading) {
+      if (&entry == &member<PingResults>(selection) && reading == way) {
+        heldAtEach.push_back(held);
+      }
+    });
+    rankAgain();
+    seams().setBeforeReading(nullptr);
+    seams().setLockHook(nullptr);
+    EXPECT_EQ(held, 0);
+    return heldAtEach;
+  }
+
   STATUSCODE status = -1;
 };
 
@@ -224,6 +247,13 @@ TEST_F(Ranking, ExtremeMetricsStandAtTheEnds) {
   EXPECT_THAT(report(), testing::HasSubstr("near     0\nmid     9999\nfar     4294967295\n\n"));
 }
 
+TEST_F(Ranking, IsReportedWithoutSeparatorsEvenWhereTheHostGroupsDigits) {
+  const GroupedDigits grouped(',');
+  rank(Connection, "", 20, {{"far", Largest}, {"mid", 9999}});
+
+  EXPECT_THAT(report(), testing::HasSubstr("\nmid     9999\nfar     4294967295\n\n"));
+}
+
 TEST_F(Ranking, EqualMetricsMayStandInAnyOrder) {
   EXPECT_THAT(rank(Connection, "", 20, {{"a", 7}, {"b", 7}, {"c", 7}}),
               UnorderedElementsAre("a", "b", "c"));
@@ -273,6 +303,14 @@ TEST_F(Ranking, ResultsAreAppendedUnderTheResultsLock) {
   seams().setLockHook(nullptr);
 
   EXPECT_THAT(events, ElementsAre("taken", "back", "taken", "back"));
+}
+
+TEST_F(Ranking, ResultsAreReadUnderTheResultsLock) {
+  EXPECT_THAT(locksHeldAtEach(doubles::Seams::Reading::List), ElementsAre(1));
+}
+
+TEST_F(Ranking, ResultsAreCopiedForTheCacheUnderTheResultsLock) {
+  EXPECT_THAT(locksHeldAtEach(doubles::Seams::Reading::Copy), ElementsAre(1));
 }
 
 TEST_F(Ranking, AFreshResultIsStoredUnrankedUnderTheCandidatesKey) {

@@ -253,30 +253,44 @@ TEST_F(Run, ASelectionFromTheCacheMeasuresNothingAndSaysSo) {
   EXPECT_EQ(timers().created(), 0);
 }
 
-TEST_F(Run, AReconnectionThatRetainsTheLastHeadendSaysSo) {
-  preferences().useAddresses({"gw-b"});
-  probes().answer("gw-b", {{.rtt = 46}});
+TEST_F(Run, AReconnectionThatRetainsAWorseLastHeadendSaysSo) {
+  preferences().useAddresses({"gw-a", "gw-b"});
+  // Both workers are out at once, and the first one ends before the second one gets an answer.
+  seams().setAfterStart([](CThread& thread) {
+    if (dynamic_cast<Worker*>(&thread) != nullptr) {
+      EXPECT_TRUE(doubles::log().await("Run I QIB starting thread named gw-a"));
+    }
+  });
+  const auto after = [](const char* line) {
+    return [line] { EXPECT_TRUE(doubles::log().await(line)); };
+  };
+  probes().answer("gw-a", {{.rtt = 40, .during = after("Run I QIB starting thread named gw-b")}});
+  probes().answer("gw-b", {{.rtt = 46, .during = after("Run I QIB terminating thread for gw-a")}});
   cache().settings.nPingsPerHeadend = 2;
   make(Reconnection, "GW-B");
   runToEnd();
 
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre(threadLine(), starting("reconnection", "gw-b"),
-                          "Run I QIB starting thread named gw-b",
-                          "logThreadPingResults I QIB ping results for gw-b: (46 46 )",
-                          "Run I QIB terminating thread for gw-b",
-                          "finishAHS I QIB in finishAHS() for first time",
-                          "logPingResults I *** QIB Selection Results ***\n"
-                          "QIB performed for reconnection attempt. Last server: 'gw-b'\n"
-                          "\n"
-                          "Server Address     RTT (ms)\n"
-                          "gw-b     46\n"
-                          "\n"
-                          "Retained the last server to maximize the user experience.\n",
-                          "finishAHS I Finished QIB thread, selected gw-b"));
+  EXPECT_THAT(
+      doubles::log().texts(),
+      ElementsAre(threadLine(), starting("reconnection", "gw-b"),
+                  "Run I QIB starting thread named gw-a", "Run I QIB starting thread named gw-b",
+                  "logThreadPingResults I QIB ping results for gw-a: (40 40 )",
+                  "Run I QIB terminating thread for gw-a",
+                  "logThreadPingResults I QIB ping results for gw-b: (46 46 )",
+                  "Run I QIB terminating thread for gw-b",
+                  "finishAHS I QIB in finishAHS() for first time",
+                  "logPingResults I *** QIB Selection Results ***\n"
+                  "QIB performed for reconnection attempt. Last server: 'gw-b'\n"
+                  "\n"
+                  "Server Address     RTT (ms)\n"
+                  "gw-a     40\n"
+                  "gw-b     46\n"
+                  "\n"
+                  "Retained the last server to maximize the user experience.\n",
+                  "finishAHS I Finished QIB thread, selected gw-b"));
   EXPECT_EQ(client.only().reason, Reconnection);
   EXPECT_EQ(client.only().status, AddedToCache);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw-b"));
+  EXPECT_THAT(client.only().headends, ElementsAre("gw-b", "gw-a"));
 }
 
 TEST_F(Run, ATimeOutDuringTheProbesKeepsTheLastHeadendAndEndsTwiceInTheLog) {

@@ -6,19 +6,77 @@
 
 #include <pthread.h>
 
+#include <set>
 #include <utility>
 
 #include "vpn/Common/Utility/Thread.h"
 
 namespace tests {
+namespace {
+
+/// Function and format of every message of the component. What comes from a profile or the network
+/// is an argument and never part of a format.
+const std::set<std::pair<std::string, std::string>>& knownFormats() {
+  static const std::set<std::pair<std::string, std::string>> known{
+      {"run", "CHeadendSelection thread ID '%d'"},
+      {"selectHeadend", "Starting QIB processing during %s attempt. Last headend: %s"},
+      {"selectHeadend", "QIB cache could not be created."},
+      {"selectHeadend", "QIB has no hosts to process."},
+      {"finishAHS", "QIB in finishAHS() for first time"},
+      {"finishAHS", "QIB in finishAHS() a second time"},
+      {"finishAHS", "Finished QIB thread, selected %s"},
+      {"finishAHS", "Finished QIB thread, unable to select a host"},
+      {"OnTimerExpired", "QIB timer expired"},
+      {"OnTimerExpired", "Invalid parameter sent to QIB OnTimerExpired"},
+      {"startPingThreads", "QIB Sending test ping to %s:%d"},
+      {"startPingThreads", "QIB test ping took %d"},
+      {"startPingThreads", "QIB: Encountered an auth proxy"},
+      {"startPingThreads", "QIB timer expired before any servers could be pinged."},
+      {"startPingThreads", "QIB timer expired before starting thread %d"},
+      {"Run", "QIB starting thread named %s"},
+      {"Run", "QIB terminating thread for %s"},
+      {"Run", "QIB ping timeout or couldn't connect: %s"},
+      {"Run", "QIB: DNS error for %s, time: %d"},
+      {"Run", "QIB ping error for %s: %d"},
+      {"TerminateThread", "QIB forcibly terminating thread for %s"},
+      {"logThreadPingResults", "QIB ping results for %s: %s"},
+      {"addHeadendToList", "Empty headend."},
+      {"getBestHeadendsList", "unable to get QIB results from CCacheEntry::GetHeadendList()"},
+      {"getBestHeadendsList", "didn't get any QIB results from CCacheEntry::GetHeadendList()"},
+      {"logPingResults", "%s"},
+      {"getHeadendListFromProfile", "QIB unable to get preference EnableAutomaticServerSelection"},
+  };
+  return known;
+}
+
+class Grouping : public std::numpunct<char> {
+ public:
+  explicit Grouping(char separator) : m_separator(separator) {}
+
+ protected:
+  char do_thousands_sep() const override { return m_separator; }
+  std::string do_grouping() const override { return "\3"; }
+
+ private:
+  const char m_separator;
+};
+
+}  // namespace
+
+GroupedDigits::GroupedDigits(char separator)
+    : m_before(std::locale::global(std::locale(std::locale::classic(), new Grouping(separator)))) {}
 
 void Client::AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends,
                              long status, const std::string& extraInfo) {
+  ++m_busy;
   if (during) {
     during();
   }
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_outcomes.push_back({reason, headends, status, extraInfo, std::this_thread::get_id()});
+  {
+    const std::lock_guard<std::mutex> hold(m_lock);
+    m_outcomes.push_back({reason, headends, status, extraInfo, std::this_thread::get_id()});
+  }
+  --m_busy;
 }
 
 std::size_t Client::calls() const {
@@ -68,6 +126,10 @@ void SelectionTest::TearDown() {
                              : "vpn/Api/AHS/HeadendSelection")
         << line.toString();
     EXPECT_GT(line.line, 0U) << line.toString();
+    if (line.kind != doubles::LogLine::Kind::ReturnCode) {
+      EXPECT_EQ(knownFormats().count({line.function, line.format}), 1U)
+          << line.function << " has no format \"" << line.format << '"';
+    }
     EXPECT_EQ(line.systemError, 0) << line.toString();
     EXPECT_EQ(line.hasExtraText, line.message == "PreferenceMgr::getPreferenceValue")
         << line.toString();
@@ -94,6 +156,7 @@ void SelectionTest::startRun() {
     threadId = static_cast<int>(pthread_self());
     runThreadId = std::this_thread::get_id();
     started->run();
+    hasRunReturned = true;
   });
 }
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <locale>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -43,6 +44,8 @@ class Client : public ClientIfcBase {
                        const std::string& extraInfo) override;
 
   std::size_t calls() const;
+  /// How many callbacks have begun and not yet returned.
+  int busy() const { return m_busy; }
   std::vector<Outcome> outcomes() const;
   /// The one outcome; a test failure when there is none or more than one.
   Outcome only() const;
@@ -53,6 +56,7 @@ class Client : public ClientIfcBase {
  private:
   mutable std::mutex m_lock;
   std::vector<Outcome> m_outcomes;
+  std::atomic<int> m_busy{0};
 };
 
 /// A provider with fixed answers, which tells the journal when it is deleted.
@@ -74,8 +78,20 @@ class Provider : public ProxyIfc {
   const std::string m_host;
 };
 
+/// While it exists, new streams of the whole program group digits by three, with this separator.
+class GroupedDigits {
+ public:
+  explicit GroupedDigits(char separator);
+  ~GroupedDigits() { std::locale::global(m_before); }
+  GroupedDigits(const GroupedDigits&) = delete;
+  GroupedDigits& operator=(const GroupedDigits&) = delete;
+
+ private:
+  const std::locale m_before;
+};
+
 /// A selection run among doubles. After each test everything must be given back and every thread
-/// gone, and every line of the component must name its source.
+/// gone, and every line of the component must name its source and have one of its formats.
 class SelectionTest : public testing::Test {
  protected:
   SelectionTest();
@@ -104,6 +120,7 @@ class SelectionTest : public testing::Test {
   Client client;
   CHeadendSelection* run = nullptr;
   std::thread runThread;
+  std::atomic<bool> hasRunReturned{false};
   int threadId = 0;
   std::thread::id runThreadId;
   std::thread::id timerThreadId;

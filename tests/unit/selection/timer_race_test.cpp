@@ -61,7 +61,6 @@ TEST_F(TimerRace, BetweenTwoStartsAbandonsTheWorkersWithoutWaitingForThem) {
   });
   make();
   runToEnd();  // comes back although three workers are still probing
-  EXPECT_TRUE(doubles::eventually([&] { return client.calls() == 1; }));
 
   EXPECT_EQ(client.only().status, SelectionFailure);
   EXPECT_THAT(client.only().headends, ElementsAre("gw0"));
@@ -72,6 +71,47 @@ TEST_F(TimerRace, BetweenTwoStartsAbandonsTheWorkersWithoutWaitingForThem) {
   EXPECT_THAT(doubles::log().textsOf("logThreadPingResults"), SizeIs(3))
       << "late workers still report, to a run that is kept for them";
   EXPECT_THAT(cache().stored(), IsEmpty());
+}
+
+TEST_F(TimerRace, BetweenTwoStartsHoldsTheRunUntilTheClientsCallbackHasReturned) {
+  preferences().useAddresses({"gw0", "gw1"});
+  Gate release;
+  Gate clientIsCalled;
+  Gate mayReturn;
+  probes().answer("gw0", {{.rtt = 30, .during = [&] { EXPECT_TRUE(release.wait()); }}});
+  client.during = [&] {
+    clientIsCalled.open();
+    EXPECT_TRUE(mayReturn.wait());
+  };
+  seams().setAfterStart([&](CThread& thread) {
+    if (dynamic_cast<Worker*>(&thread) != nullptr) {
+      EXPECT_TRUE(fireTimer());
+    }
+  });
+  std::atomic<bool> runWaits{false};
+  seams().setBeforeWait([&](CThread& thread, unsigned int timeoutMs) {
+    if (dynamic_cast<ResultsThread*>(&thread) != nullptr &&
+        std::this_thread::get_id() == runThreadId) {
+      EXPECT_EQ(timeoutMs, CThread::Infinite);
+      runWaits = true;
+    }
+  });
+  make();
+  startRun();
+  EXPECT_TRUE(clientIsCalled.wait());
+  EXPECT_TRUE(doubles::eventually([&] { return runWaits || hasRunReturned; }));
+  EXPECT_FALSE(hasRunReturned) << "the client is still busy";
+  mayReturn.open();
+  joinRun();
+
+  // At once: who joins the run thread may take the client away. The worker still keeps the run.
+  EXPECT_EQ(client.calls(), 1U);
+  EXPECT_EQ(client.busy(), 0);
+  EXPECT_GE(CThread::RunningCount(), 1U);
+  EXPECT_LT(cache().released(), cache().acquired());
+  release.open();
+  EXPECT_THAT(outcome().headends, ElementsAre("gw0"));
+  EXPECT_EQ(CThread::RunningCount(), 0U);
 }
 
 TEST_F(TimerRace, BetweenTwoStartsWithTheFirstResultInGivesThatResult) {

@@ -96,6 +96,25 @@ TEST_F(AWorker, APortThatIsNoNumberCountsAs0) {
   EXPECT_EQ(probes().workerCalls()[0].port, 0U);
 }
 
+TEST_F(AWorker, ReadsThePortAlikeWhereTheHostGroupsDigits) {
+  // A port has no separators: only a locale that takes one of its digits for one shows here.
+  for (const char separator : {',', '8', '4', '3'}) {
+    const GroupedDigits grouped(separator);
+    build("gw1:8443", 1).Run();
+
+    EXPECT_EQ(probes().workerCalls().back().port, 8443U) << "separator " << separator;
+  }
+}
+
+TEST_F(AWorker, LogsItsSamplesAlikeWhereTheHostGroupsDigits) {
+  const GroupedDigits grouped(',');
+  probes().answer("gw1", {{.rtt = 9999}, {.rtt = 4294967295}});
+  build("gw1", 2).Run();
+
+  EXPECT_THAT(doubles::log().textsOf("logThreadPingResults"),
+              ElementsAre("logThreadPingResults I QIB ping results for gw1: (9999 4294967295 )"));
+}
+
 struct ProviderCase {
   ProxyType type;
   bool secure;

@@ -13,8 +13,10 @@ void Seams::reset() {
   const std::lock_guard<std::mutex> hold(m_lock);
   m_beforeStart = nullptr;
   m_afterStart = nullptr;
+  m_beforeWait = nullptr;
   m_afterWait = nullptr;
   m_lockHook = nullptr;
+  m_beforeReading = nullptr;
   m_headendListStatus = 0;
   m_fills = false;
   m_starts = 0;
@@ -32,6 +34,11 @@ void Seams::setAfterStart(AfterStart hook) {
   m_afterStart = std::move(hook);
 }
 
+void Seams::setBeforeWait(BeforeWait hook) {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  m_beforeWait = std::move(hook);
+}
+
 void Seams::setAfterWait(AfterWait hook) {
   const std::lock_guard<std::mutex> hold(m_lock);
   m_afterWait = std::move(hook);
@@ -40,6 +47,11 @@ void Seams::setAfterWait(AfterWait hook) {
 void Seams::setLockHook(AfterLock hook) {
   const std::lock_guard<std::mutex> hold(m_lock);
   m_lockHook = std::move(hook);
+}
+
+void Seams::setBeforeReading(BeforeReading hook) {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  m_beforeReading = std::move(hook);
 }
 
 void Seams::failHeadendList(STATUSCODE status) {
@@ -79,6 +91,11 @@ Seams::AfterStart Seams::afterStart() const {
   return m_afterStart;
 }
 
+Seams::BeforeWait Seams::beforeWait() const {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  return m_beforeWait;
+}
+
 Seams::AfterWait Seams::afterWait() const {
   const std::lock_guard<std::mutex> hold(m_lock);
   return m_afterWait;
@@ -87,6 +104,11 @@ Seams::AfterWait Seams::afterWait() const {
 Seams::AfterLock Seams::lockHook() const {
   const std::lock_guard<std::mutex> hold(m_lock);
   return m_lockHook;
+}
+
+Seams::BeforeReading Seams::beforeReading() const {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  return m_beforeReading;
 }
 
 STATUSCODE Seams::headendListStatus(bool& fills) const {
@@ -125,6 +147,7 @@ STATUSCODE __real__ZN7CThread17WaitForCompletionERjj(CThread* thread, unsigned i
                                                      unsigned int timeoutMs);
 STATUSCODE __real__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS1_EE(
     const CCacheEntry* entry, std::vector<CHeadendRTT>* list);
+void __real__ZN11CCacheEntryC1ERKS_(CCacheEntry* entry, const CCacheEntry* other);
 void __real__ZN11CManualLock4LockEv(CManualLock* lock);
 void __real__ZN11CManualLock6UnlockEv(CManualLock* lock);
 void __real__ZN11CManualLockC1Em(CManualLock* lock, unsigned long argument);
@@ -146,6 +169,9 @@ STATUSCODE __wrap__ZN7CThread5StartEv(CThread* thread) {
 
 STATUSCODE __wrap__ZN7CThread17WaitForCompletionERjj(CThread* thread, unsigned int* exitCode,
                                                      unsigned int timeoutMs) {
+  if (const auto hook = doubles::seams().beforeWait()) {
+    hook(*thread, timeoutMs);
+  }
   const STATUSCODE status = __real__ZN7CThread17WaitForCompletionERjj(thread, exitCode, timeoutMs);
   if (const auto hook = doubles::seams().afterWait()) {
     return hook(*thread, status, *exitCode, timeoutMs);
@@ -155,6 +181,9 @@ STATUSCODE __wrap__ZN7CThread17WaitForCompletionERjj(CThread* thread, unsigned i
 
 STATUSCODE __wrap__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS1_EE(
     const CCacheEntry* entry, std::vector<CHeadendRTT>* list) {
+  if (const auto hook = doubles::seams().beforeReading()) {
+    hook(*entry, doubles::Seams::Reading::List);
+  }
   bool fills = false;
   const STATUSCODE failure = doubles::seams().headendListStatus(fills);
   if (failure != 0 && !fills) {
@@ -163,6 +192,13 @@ STATUSCODE __wrap__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS
   const STATUSCODE status =
       __real__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS1_EE(entry, list);
   return failure != 0 ? failure : status;
+}
+
+void __wrap__ZN11CCacheEntryC1ERKS_(CCacheEntry* entry, const CCacheEntry* other) {
+  if (const auto hook = doubles::seams().beforeReading()) {
+    hook(*other, doubles::Seams::Reading::Copy);
+  }
+  __real__ZN11CCacheEntryC1ERKS_(entry, other);
 }
 
 void __wrap__ZN11CManualLock4LockEv(CManualLock* lock) {

@@ -55,19 +55,21 @@ void inspect(void* block) noexcept {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (void* const block = std::malloc(size == 0 ? 1 : size)) {
     return block;
   }
   throw std::bad_alloc();
 }
 
-void operator delete(void* block) noexcept {
+[[gnu::noinline]] void operator delete(void* block) noexcept {
   inspect(block);
   std::free(block);
 }
 
-void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
+  operator delete(block);
+}
 
 namespace tests {
 namespace {

@@ -116,7 +116,11 @@ void BindOver(const std::string& file, const std::string& place, bool essential)
 Network Network::Make(const Scene& scene) {
   CheckAddresses(scene);
   EnterOwnNamespaces();
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) Fail("mount");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    // So it is after chroot(2), where nothing can be hidden from the command.
+    if (errno == EINVAL) throw NotPermitted("the root directory is no mount point");
+    Fail("mount");
+  }
   const bool needsV6 = HasV6(scene);
   Network network;
   network.gatewayTun = OpenTun();

@@ -84,7 +84,8 @@ class HttpProbe {
 
   HttpProbe() = delete;
 
-  /// Sends one request (GET for "/", left at the end of the head) to a host and waits for the head of its answer.
+  /// Sends one request (GET for "/", left at the end of the head) to a host and waits for the head
+  /// of its answer.
   ///
   /// @param host a name, an IPv4 address, or an IPv6 address with or without brackets; see `URL`.
   /// @param secure HTTPS instead of HTTP.

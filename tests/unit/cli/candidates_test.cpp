@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "temporary_directory.h"
+#include "tests/support/TemporaryDirectory.h"
 #include "vpn/Api/PreferenceMgr.h"
 
 namespace {
@@ -46,26 +46,26 @@ std::vector<std::string> headends() {
 }  // namespace
 
 TEST(Candidates, AreTheHostsOfProfilesWithTheSwitchOnOrLeftToTheUser) {
-  const TemporaryDirectory directory;
-  directory.write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
-  directory.write("user.xml", profile("value=\"false\" user-controllable=\"true\"",
+  const tests::TemporaryDirectory directory;
+  directory.Write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
+  directory.Write("user.xml", profile("value=\"false\" user-controllable=\"true\"",
                                       "<host name=\"b\" address=\"gw-b:8443\"/>"));
-  directory.write("off.xml", profile("value=\"false\" user-controllable=\"false\"",
+  directory.Write("off.xml", profile("value=\"false\" user-controllable=\"false\"",
                                      "<host name=\"a\" address=\"gw-a\"/>"));
-  directory.write("none.xml",
+  directory.Write("none.xml",
                   "<?xml version=\"1.0\"?><profile version=\"1\"><hosts>"
                   "<host name=\"d\" address=\"gw-d\"/></hosts></profile>");
   PreferenceMgr::Sources sources;
-  sources.profileDirectory = directory.path();
+  sources.profileDirectory = directory.Path();
   const Loaded loaded(sources);
   EXPECT_THAT(headends(), ElementsAre("gw-b:8443", "gw-c"));
 }
 
 TEST(Candidates, AnEntryWithoutAnAddressIsReachedByItsName) {
-  const TemporaryDirectory directory;
-  directory.write("on.xml", profile("value=\"true\"", "<host name=\"gw.example.com:444\"/>"));
+  const tests::TemporaryDirectory directory;
+  directory.Write("on.xml", profile("value=\"true\"", "<host name=\"gw.example.com:444\"/>"));
   PreferenceMgr::Sources sources;
-  sources.profileDirectory = directory.path();
+  sources.profileDirectory = directory.Path();
   const Loaded loaded(sources);
   const auto candidates = findCandidates();
   ASSERT_EQ(candidates.size(), 1U);
@@ -75,10 +75,10 @@ TEST(Candidates, AnEntryWithoutAnAddressIsReachedByItsName) {
 }
 
 TEST(Candidates, AddressesTakeThePlaceOfAllProfiles) {
-  const TemporaryDirectory directory;
-  directory.write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
+  const tests::TemporaryDirectory directory;
+  directory.Write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
   PreferenceMgr::Sources sources;
-  sources.profileDirectory = directory.path();
+  sources.profileDirectory = directory.Path();
   sources.addresses = {"gw-x", "[::1]:8443"};
   const Loaded loaded(sources);
   const auto candidates = findCandidates();

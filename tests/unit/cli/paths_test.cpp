@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "temporary_directory.h"
+#include "tests/support/TemporaryDirectory.h"
 
 TEST(Paths, StandBelowTheHomeDirectory) {
   const DefaultPaths paths = defaultPathsFor(nullptr, nullptr, "/home/kim");
@@ -37,12 +37,12 @@ TEST(Paths, AUserWithoutAHomeDirectoryHasTheSystemsOnly) {
 }
 
 TEST(Paths, ADirectoryIsNotTakenForAFileNorAFileForADirectory) {
-  const TemporaryDirectory directory;
-  const std::string file = directory.write("file", "");
-  EXPECT_EQ(findDirectoryError(directory.path()), "");
+  const tests::TemporaryDirectory directory;
+  const std::string file = directory.Write("file", "");
+  EXPECT_EQ(findDirectoryError(directory.Path()), "");
   EXPECT_EQ(findFileError(file), "");
   EXPECT_EQ(findDirectoryError(file), "it is not a directory");
-  EXPECT_EQ(findFileError(directory.path()), "it is a directory, not a file");
+  EXPECT_EQ(findFileError(directory.Path()), "it is a directory, not a file");
 }
 
 TEST(Paths, WhatDoesNotExistIsSaidNotToExist) {
@@ -51,7 +51,7 @@ TEST(Paths, WhatDoesNotExistIsSaidNotToExist) {
 }
 
 TEST(Paths, AFifoIsNotWaitedFor) {
-  const TemporaryDirectory directory;
-  ASSERT_EQ(mkfifo(directory.path("fifo").c_str(), 0600), 0);
-  EXPECT_EQ(findFileError(directory.path("fifo")), "it is not a regular file");
+  const tests::TemporaryDirectory directory;
+  ASSERT_EQ(mkfifo(directory.File("fifo").c_str(), 0600), 0);
+  EXPECT_EQ(findFileError(directory.File("fifo")), "it is not a regular file");
 }

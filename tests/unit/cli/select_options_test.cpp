@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "cli/SelectOptions.h"
-#include "temporary_directory.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
@@ -15,9 +17,9 @@ class SelectOptionsTest : public testing::Test {
  protected:
   std::string make() { return makePlan(options, paths, plan, problems); }
 
-  TemporaryDirectory directory;
+  tests::TemporaryDirectory directory;
   DefaultPaths paths =
-      defaultPathsFor(directory.path("config").c_str(), directory.path("cache").c_str(), nullptr);
+      defaultPathsFor(directory.File("config").c_str(), directory.File("cache").c_str(), nullptr);
   SelectOptions options;
   SelectPlan plan;
   std::vector<std::string> problems;
@@ -30,9 +32,9 @@ TEST_F(SelectOptionsTest, NothingGivenIsAConnectionWithDefaultPlacesAndNoLog) {
   EXPECT_EQ(plan.reason, 0U);
   EXPECT_EQ(plan.last, "");
   EXPECT_TRUE(plan.log.off);
-  EXPECT_EQ(plan.sources.userPreferencesFile, directory.path("config/ahs/preferences.xml"));
+  EXPECT_EQ(plan.sources.userPreferencesFile, directory.File("config/ahs/preferences.xml"));
   EXPECT_EQ(plan.sources.globalPreferencesFile, "/etc/ahs/preferences.xml");
-  EXPECT_EQ(plan.sources.cacheFile, directory.path("cache/ahs/selections.xml"));
+  EXPECT_EQ(plan.sources.cacheFile, directory.File("cache/ahs/selections.xml"));
 }
 
 TEST_F(SelectOptionsTest, TheUsersProfilesComeBeforeTheSystems) {
@@ -105,21 +107,21 @@ TEST_F(SelectOptionsTest, AnEmptyLastHeadendNamesNoHost) {
 }
 
 TEST_F(SelectOptionsTest, NamedPlacesHaveToExist) {
-  options.profiles = directory.path("none");
-  EXPECT_THAT(make(), HasSubstr("the profile directory '" + directory.path("none")));
+  options.profiles = directory.File("none");
+  EXPECT_THAT(make(), HasSubstr("the profile directory '" + directory.File("none")));
   options.profiles.reset();
-  options.cacheDirectory = directory.path("none");
-  EXPECT_THAT(make(), HasSubstr("the cache directory '" + directory.path("none")));
+  options.cacheDirectory = directory.File("none");
+  EXPECT_THAT(make(), HasSubstr("the cache directory '" + directory.File("none")));
   options.cacheDirectory.reset();
-  options.preferences = directory.path("none");
-  EXPECT_THAT(make(), HasSubstr("the preferences file '" + directory.path("none")));
+  options.preferences = directory.File("none");
+  EXPECT_THAT(make(), HasSubstr("the preferences file '" + directory.File("none")));
   options.preferences.reset();
-  options.globalPreferences = directory.path("none");
+  options.globalPreferences = directory.File("none");
   EXPECT_THAT(make(), HasSubstr("--global-preferences"));
 }
 
 TEST_F(SelectOptionsTest, AMalformedPreferencesFileThatWasNamedIsRefusedWithFileAndLine) {
-  options.preferences = directory.write("preferences.xml", "<?xml version=\"1.0\"?>\n<oops\n");
+  options.preferences = directory.Write("preferences.xml", "<?xml version=\"1.0\"?>\n<oops\n");
   EXPECT_THAT(make(), HasSubstr("not a well-formed preferences file"));
   ASSERT_FALSE(problems.empty());
   EXPECT_THAT(problems.front(), HasSubstr(*options.preferences + ":"));
@@ -129,14 +131,14 @@ TEST_F(SelectOptionsTest, NoCacheMeansNoFile) {
   options.noCache = true;
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.sources.cacheFile, "");
-  options.cacheDirectory = directory.path();
+  options.cacheDirectory = directory.Path();
   EXPECT_THAT(make(), HasSubstr("exclude each other"));
 }
 
 TEST_F(SelectOptionsTest, ACacheDirectoryHoldsTheCacheFile) {
-  options.cacheDirectory = directory.path();
+  options.cacheDirectory = directory.Path();
   EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.sources.cacheFile, directory.path("selections.xml"));
+  EXPECT_EQ(plan.sources.cacheFile, directory.File("selections.xml"));
 }
 
 TEST_F(SelectOptionsTest, ALevelAloneLogsToStandardError) {
@@ -149,15 +151,15 @@ TEST_F(SelectOptionsTest, ALevelAloneLogsToStandardError) {
 
 TEST_F(SelectOptionsTest, ALevelAppliesToTheFileThatIsNamed) {
   options.logLevel = "error";
-  options.logFile = directory.path("log");
+  options.logFile = directory.File("log");
   EXPECT_EQ(make(), "");
   EXPECT_FALSE(plan.log.terminal);
-  EXPECT_EQ(plan.log.file, directory.path("log"));
+  EXPECT_EQ(plan.log.file, directory.File("log"));
   EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Error);
 }
 
 TEST_F(SelectOptionsTest, AFileAloneHoldsEverything) {
-  options.logFile = directory.path("log");
+  options.logFile = directory.File("log");
   EXPECT_EQ(make(), "");
   EXPECT_FALSE(plan.log.off);
   EXPECT_FALSE(plan.log.terminal);
@@ -166,7 +168,7 @@ TEST_F(SelectOptionsTest, AFileAloneHoldsEverything) {
 
 TEST_F(SelectOptionsTest, LevelOffOpensNothing) {
   options.logLevel = "off";
-  options.logFile = directory.path("log");
+  options.logFile = directory.File("log");
   options.syslog = true;
   EXPECT_EQ(make(), "");
   EXPECT_TRUE(plan.log.off);

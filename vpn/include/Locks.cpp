@@ -1,4 +1,5 @@
-// The lock of the client library: a recursive mutex whose waiters spin a little before they sleep.
+// The locks of the client library: a recursive mutex whose waiters spin a little before they sleep,
+// and a plain one that its holder can wait on.
 
 #include "vpn/include/Locks.h"
 
@@ -23,3 +24,19 @@ void CManualLock::Lock() AHS_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void CManualLock::Unlock() AHS_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
+
+CMonitor::CMonitor() = default;
+
+CMonitor::~CMonitor() = default;
+
+void CMonitor::Lock() AHS_NO_THREAD_SAFETY_ANALYSIS { m_mutex.lock(); }
+
+void CMonitor::Unlock() AHS_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
+
+void CMonitor::Wait() {
+  std::unique_lock<std::mutex> held(m_mutex, std::adopt_lock);
+  m_changed.wait(held);
+  held.release();
+}
+
+void CMonitor::NotifyAll() { m_changed.notify_all(); }

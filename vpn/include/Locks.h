@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 #include "vpn/include/ThreadAnnotations.h"
@@ -30,6 +32,41 @@ class AHS_CAPABILITY("mutex") CManualLock {
  private:
   std::recursive_mutex m_mutex;
   const unsigned long m_spinCount;
+};
+
+/// A lock together with the condition that its holders wait for: a monitor.
+///
+/// Unlike `CManualLock` it is not recursive, because a wait gives it back entirely. Who changes
+/// what others may be waiting for calls `NotifyAll` with the lock held. A wait may also end without
+/// a reason, so it stands in a loop that looks at the condition. Every operation may be called from
+/// any thread; waits and `Unlock` only by the thread that holds the lock.
+class AHS_CAPABILITY("mutex") CMonitor {
+ public:
+  CMonitor();
+  ~CMonitor();  // NOLINT(performance-trivially-destructible): as for CManualLock
+
+  CMonitor(const CMonitor&) = delete;
+  CMonitor& operator=(const CMonitor&) = delete;
+
+  void Lock() AHS_ACQUIRE();
+  void Unlock() AHS_RELEASE();
+
+  /// Gives the lock back, sleeps until it is notified, and takes the lock again.
+  void Wait() AHS_REQUIRES(this);
+
+  /// As `Wait`, but at most until `limit` on the clock of the caller's choice.
+  template <class Clock, class Duration>
+  void WaitUntil(const std::chrono::time_point<Clock, Duration>& limit) AHS_REQUIRES(this) {
+    std::unique_lock<std::mutex> held(m_mutex, std::adopt_lock);
+    m_changed.wait_until(held, limit);
+    held.release();
+  }
+
+  void NotifyAll() AHS_REQUIRES(this);
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
 };
 
 /// Holds a lock for the length of a scope: taken on construction, given back on every exit.

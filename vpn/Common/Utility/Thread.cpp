@@ -12,6 +12,7 @@
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/GuardedCall.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
 
 namespace {
 
@@ -79,7 +80,7 @@ STATUSCODE CThread::Start() {
 /// @return 0, StartedBefore, or the errno value of why there is no thread.
 int CThread::startOnce() {
   // Held until the outcome is known, so that nobody waits for a thread that does not come about.
-  const std::lock_guard<std::mutex> lock(m_stateLock);
+  const CAutoLockT<CMonitor> lock(m_stateLock);
   if (m_state != State::NotStarted) {
     return StartedBefore;
   }
@@ -115,23 +116,24 @@ void* CThread::threadEntry(void* object) {
 }
 
 void CThread::setEnded(unsigned int exitCode) {
-  const std::lock_guard<std::mutex> lock(m_stateLock);
+  const CAutoLockT<CMonitor> lock(m_stateLock);
   m_exitCode = exitCode;
   m_state = State::Ended;
-  m_ended.notify_all();
+  m_stateLock.NotifyAll();
 }
 
 STATUSCODE CThread::WaitForCompletion(unsigned int& exitCode, unsigned int timeoutMs) {
-  std::unique_lock<std::mutex> lock(m_stateLock);
+  const auto limit = MonotonicClock::now() + std::chrono::milliseconds(timeoutMs);
+  const CAutoLockT<CMonitor> lock(m_stateLock);
   if (m_state == State::NotStarted) {
     return THREAD_ERROR_INVALID_STATE;
   }
-  const auto hasEnded = [this] { return m_state == State::Ended; };
-  if (timeoutMs == Infinite) {
-    m_ended.wait(lock, hasEnded);
-  } else {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    if (!m_ended.wait_until(lock, limit, hasEnded)) {
+  while (m_state != State::Ended) {
+    if (timeoutMs == Infinite) {
+      m_stateLock.Wait();
+    } else if (MonotonicClock::now() < limit) {
+      m_stateLock.WaitUntil(limit);
+    } else {
       return THREAD_ERROR_TIMEOUT;
     }
   }

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <new>
 
+#include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 #include "vpn/include/ThreadAnnotations.h"
 
@@ -109,8 +108,7 @@ class CThread : public IRunnable {
   ApiRunnable* m_pKeptAlive;  // written before Start, read by the thread: ordered by its creation
   std::atomic<unsigned int> m_holders;  // the owner, and the thread while it runs
 
-  std::mutex m_stateLock;
-  std::condition_variable m_ended;
-  State m_state;            // guarded by m_stateLock
-  unsigned int m_exitCode;  // guarded by m_stateLock
+  CMonitor m_stateLock;  // notified when the thread has ended
+  State m_state AHS_GUARDED_BY(m_stateLock);
+  unsigned int m_exitCode AHS_GUARDED_BY(m_stateLock);
 };

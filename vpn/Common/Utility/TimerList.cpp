@@ -6,18 +6,18 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <new>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/GuardedCall.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/include/Locks.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = MonotonicClock;
 
 constexpr char SourceFile[] = "vpn/Common/Utility/TimerList";
 
@@ -38,13 +38,12 @@ void logException(const char* what) {
 struct CTimerList::Shared {
   using Armed = std::multimap<Clock::time_point, std::shared_ptr<CTimer::Entry>>;
 
-  bool takeExpired(CTimer::Entry& expired);
+  bool takeExpired(CTimer::Entry& expired) AHS_REQUIRES(lock);
   bool waitForExpired(CTimer::Entry& expired);
 
-  std::mutex lock;
-  std::condition_variable changed;  // a new first timer, or the end
-  bool closed = false;              // guarded by lock
-  Armed armed;                      // guarded by lock
+  CMonitor lock;  // notified of a new first timer, and of the end
+  bool closed AHS_GUARDED_BY(lock) = false;
+  Armed armed AHS_GUARDED_BY(lock);
 };
 
 /// What a timer and its place on the list share; guarded by the list's lock.
@@ -58,7 +57,7 @@ struct CTimer::Entry {
 };
 
 /// Takes the first timer off the list if its time has come and its task is still there to be
-/// called. Called under the lock.
+/// called.
 bool CTimerList::Shared::takeExpired(CTimer::Entry& expired) {
   const auto first = armed.begin();
   const std::shared_ptr<CTimer::Entry> entry = first->second;
@@ -71,12 +70,12 @@ bool CTimerList::Shared::takeExpired(CTimer::Entry& expired) {
 
 /// @return false when the list has been closed.
 bool CTimerList::Shared::waitForExpired(CTimer::Entry& expired) {
-  std::unique_lock<std::mutex> guard(lock);
+  const CAutoLockT<CMonitor> guard(lock);
   while (!closed) {
     if (armed.empty()) {
-      changed.wait(guard);
+      lock.Wait();
     } else if (const Clock::time_point next = armed.begin()->first; next > Clock::now()) {
-      changed.wait_until(guard, next);
+      lock.WaitUntil(next);
     } else if (takeExpired(expired)) {
       return true;
     }
@@ -119,9 +118,9 @@ void CTimerList::Service() {
 }
 
 void CTimerList::Close() {
-  const std::lock_guard<std::mutex> guard(m_pShared->lock);
+  const CAutoLockT<CMonitor> guard(m_pShared->lock);
   m_pShared->closed = true;
-  m_pShared->changed.notify_all();
+  m_pShared->lock.NotifyAll();
 }
 
 CTimer::CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, void* ptrVal,
@@ -147,7 +146,7 @@ CTimer::~CTimer() {
   if (m_pShared == nullptr) {
     return;
   }
-  const std::lock_guard<std::mutex> guard(m_pShared->lock);
+  const CAutoLockT<CMonitor> guard(m_pShared->lock);
   if (m_pEntry->isArmed) {
     m_pShared->armed.erase(m_pEntry->position);
   }
@@ -157,7 +156,7 @@ STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
   if (m_pShared == nullptr) {
     return TIMER_ERROR_BAD_PARAMETER;
   }
-  const std::lock_guard<std::mutex> guard(m_pShared->lock);
+  const CAutoLockT<CMonitor> guard(m_pShared->lock);
   if (m_pShared->closed) {
     return TIMER_ERROR_LIST_CLOSED;
   }
@@ -174,7 +173,7 @@ STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
   m_pEntry->position = position;
   m_pEntry->isArmed = true;
   if (position == armed.begin()) {
-    m_pShared->changed.notify_one();
+    m_pShared->lock.NotifyAll();
   }
   return TIMER_SUCCESS;
 }
@@ -183,6 +182,6 @@ void CTimer::KeepAlive(ApiRunnable& task) {
   if (m_pShared == nullptr) {
     return;
   }
-  const std::lock_guard<std::mutex> guard(m_pShared->lock);
+  const CAutoLockT<CMonitor> guard(m_pShared->lock);
   m_pEntry->pKeptAlive = &task;
 }

@@ -3,6 +3,8 @@
 
 #include "vpn/Api/ClientLibrary.h"
 
+#include <new>
+
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 
@@ -23,13 +25,23 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
 
 CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status)
     : m_pPreferenceMgr(nullptr), m_pExecutionContext(nullptr) {
+  try {
+    status = start(options);
+  } catch (const std::bad_alloc&) {
+    status = PREFERENCEMGR_ERROR_MEMALLOC_FAILED;
+    CAppLog::LogReturnCode(Function, SourceFile, __LINE__, Logging::DBG_Error,
+                           "CClientLibrary::start", status, 0, nullptr);
+  }
+}
+
+STATUSCODE CClientLibrary::start(Options& options) {
   options.logProblem = CAppLog::Open(options.log);
 
-  status = PreferenceMgr::createInstance(options.sources);
+  STATUSCODE status = PreferenceMgr::createInstance(options.sources);
   if (status != PREFERENCEMGR_SUCCESS) {
     CAppLog::LogReturnCode(Function, SourceFile, __LINE__, Logging::DBG_Error,
                            "PreferenceMgr::createInstance", status, 0, nullptr);
-    return;
+    return status;
   }
   // Creation has counted the acquisition that this object holds; the one made to get at the
   // instance goes back.
@@ -41,10 +53,11 @@ CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status)
   if (status != EXECUTIONCONTEXT_SUCCESS) {
     CAppLog::LogReturnCode(Function, SourceFile, __LINE__, Logging::DBG_Error,
                            "CExecutionContext::createInstance", status, 0, nullptr);
-    return;
+    return status;
   }
   m_pExecutionContext = CExecutionContext::acquireInstance(API_INSTANCE);
   m_pExecutionContext->releaseInstance();
+  return status;
 }
 
 CClientLibrary::~CClientLibrary() {

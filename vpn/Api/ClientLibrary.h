@@ -25,8 +25,9 @@ class CClientLibrary {
   };
 
   /// @param options what to bring up; `logProblem` is the one field that is written.
-  /// @param status receives 0, or the code of the part that could not be brought up; the parts
-  ///        before it are then taken down again by the destructor.
+  /// @param status receives 0, or the code of the part that could not be brought up, or
+  ///        PREFERENCEMGR_ERROR_MEMALLOC_FAILED; the parts before it are then taken down again by
+  ///        the destructor.
   CClientLibrary(Options& options, STATUSCODE& status);
   ~CClientLibrary();
 
@@ -34,6 +35,8 @@ class CClientLibrary {
   CClientLibrary& operator=(const CClientLibrary&) = delete;
 
  private:
+  STATUSCODE start(Options& options);
+
   // One acquisition each, null for a part that was not brought up. Used by one thread.
   PreferenceMgr* m_pPreferenceMgr;
   CExecutionContext* m_pExecutionContext;

@@ -159,7 +159,8 @@ TEST_F(Construction, ThreadsAreMadeWithTheArgument0) {
   delete new Worker(selection, URL("gw1"), 1, 1, 1);
   delete new ResultsThread(&client, 0, {}, 0, "");
 
-  EXPECT_THAT(seams().threadArguments(), ElementsAre(0U, 0U));
+  // The first is the results thread that a run keeps for the case that there is no memory.
+  EXPECT_THAT(seams().threadArguments(), ElementsAre(0U, 0U, 0U));
 }
 
 TEST_F(Construction, TheProviderIsKeptUncheckedAndDeletedWithTheRun) {

@@ -6,6 +6,9 @@
 
 #include <pthread.h>
 
+#include <exception>
+#include <utility>
+
 #include "vpn/Common/Logging/AppLog.h"
 
 CHeadendSelection::CHeadendSelection(ClientIfcBase* pAHSCB, const std::string& lastHeadend,
@@ -21,8 +24,19 @@ CHeadendSelection::CHeadendSelection(ClientIfcBase* pAHSCB, const std::string& l
       m_pTimer(nullptr),
       m_cache(nullptr),
       m_pProxy(nullptr),
-      m_pResultsThread(nullptr) {
-  status = CSelectionCache::createSingletonInstance(m_cache);
+      m_pResultsThread(nullptr),
+      m_pSpareResultsThread(nullptr) {
+  try {
+    status = prepare(pAHSCB, lastHeadend);
+  } catch (const std::exception&) {
+    status = HEADENDSELECTION_ERROR_MEMALLOC_FAILED;  // nothing else throws here
+    CAppLog::LogReturnCode("CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
+                           "CHeadendSelection::prepare", status, 0, nullptr);
+  }
+}
+
+STATUSCODE CHeadendSelection::prepare(ClientIfcBase* pAHSCB, const std::string& lastHeadend) {
+  STATUSCODE status = CSelectionCache::createSingletonInstance(m_cache);
   if (status != 0) {
     CAppLog::LogReturnCode("CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
                            "CSelectionCache::createSingletonInstance", status, 0, nullptr);
@@ -30,7 +44,7 @@ CHeadendSelection::CHeadendSelection(ClientIfcBase* pAHSCB, const std::string& l
       m_cache->releaseInstance();
       m_cache = nullptr;
     }
-    return;
+    return status;
   }
   CAHSSettings::GetSettings(m_settings);
   status = getHeadendListFromProfile(lastHeadend);
@@ -38,9 +52,14 @@ CHeadendSelection::CHeadendSelection(ClientIfcBase* pAHSCB, const std::string& l
     // The text names the cache, and whoever searches logs for this failure knows it by that name.
     CAppLog::LogReturnCode("CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
                            "CSelectionCache::getHeadendListFromProfile", status, 0, nullptr);
-    return;
+    return status;
   }
+  std::vector<std::string> headendList;
+  retainLastHeadend(headendList);
+  m_pSpareResultsThread = new CResultsThread(pAHSCB, m_uiReason, headendList,
+                                             HEADENDSELECTION_ERROR_MEMALLOC_FAILED, "");
   m_pAHSCB = pAHSCB;
+  return status;
 }
 
 CHeadendSelection::~CHeadendSelection() {
@@ -54,6 +73,8 @@ CHeadendSelection::~CHeadendSelection() {
   m_pProxy = nullptr;
   delete m_pResultsThread;
   m_pResultsThread = nullptr;
+  delete m_pSpareResultsThread;
+  m_pSpareResultsThread = nullptr;
   if (m_cache != nullptr) {
     m_cache->releaseInstance();
   }
@@ -79,7 +100,7 @@ void CHeadendSelection::run() {
   // The run's own view of the outcome; what the client gets is built by finishAHS.
   std::vector<std::string> headendList;
   std::string extraInfo;
-  const STATUSCODE status = selectHeadend(headendList, extraInfo);
+  const STATUSCODE status = selectOrFail(headendList, extraInfo);
   if (status != 0) {
     CAppLog::LogReturnCode("run", LogSource, __LINE__, Logging::DBG_Warning,
                            "CHeadendSelection::selectHeadend", status, 0, nullptr);
@@ -90,6 +111,16 @@ void CHeadendSelection::run() {
   // same.
   waitForDelivery();
   delete this;
+}
+
+// The client hears of every run that was started, also of one that ran out of memory.
+STATUSCODE CHeadendSelection::selectOrFail(std::vector<std::string>& headendList,
+                                           std::string& extraInfo) {
+  try {
+    return selectHeadend(headendList, extraInfo);
+  } catch (const std::exception&) {
+    return HEADENDSELECTION_ERROR_MEMALLOC_FAILED;  // nothing else throws here
+  }
 }
 
 STATUSCODE CHeadendSelection::selectHeadend(std::vector<std::string>& headendList,
@@ -157,10 +188,22 @@ void CHeadendSelection::finishAHS(bool killTimer, long statusReturnCode,
   }
   writeSharedFlag(m_terminatedThreads, true);
 
-  std::vector<std::string> headendList;
-  const STATUSCODE status = decideResult(statusReturnCode, headendList);
-  m_pResultsThread = new CResultsThread(m_pAHSCB, m_uiReason, headendList, status, extraInfo);
+  m_pResultsThread = makeResultsThread(statusReturnCode, extraInfo);
   m_pResultsThread->Start();
+}
+
+CHeadendSelection::CResultsThread* CHeadendSelection::makeResultsThread(
+    long statusReturnCode, const std::string& extraInfo) {
+  try {
+    std::vector<std::string> headendList;
+    const STATUSCODE status = decideResult(statusReturnCode, headendList);
+    return new CResultsThread(m_pAHSCB, m_uiReason, headendList, status, extraInfo);
+  } catch (const std::exception&) {
+    CAppLog::LogReturnCode("finishAHS", LogSource, __LINE__, Logging::DBG_Error,
+                           "CHeadendSelection::makeResultsThread",
+                           HEADENDSELECTION_ERROR_MEMALLOC_FAILED, 0, nullptr);
+    return std::exchange(m_pSpareResultsThread, nullptr);
+  }
 }
 
 // What the client is told for the status that the run or its timer ended with.
@@ -236,6 +279,7 @@ CHeadendSelection::CResultsThread::CResultsThread(ClientIfcBase* pAHSCB, unsigne
       m_uiReason(uiReason),
       m_lStatusReturnCode(statusReturnCode),
       m_tstrExtraInfo(extraInfo) {
+  UseReserve();
   const auto count = static_cast<unsigned int>(headendList.size());
   m_slHeadendList.resize(count);
   for (unsigned int i = 0; i < count; ++i) {

@@ -79,9 +79,13 @@ class CHeadendSelection : public ApiRunnable {
   static constexpr unsigned long LockSpinCount = 500;
 
   // The run and its end: HeadendSelection.cpp
+  STATUSCODE prepare(ClientIfcBase* pAHSCB, const std::string& lastHeadend);
+  STATUSCODE selectOrFail(std::vector<std::string>& headendList, std::string& extraInfo);
   STATUSCODE selectHeadend(std::vector<std::string>& headendList, std::string& extraInfo);
   std::string getReasonText();
   void finishAHS(bool killTimer, long statusReturnCode, const std::string& extraInfo);
+  CResultsThread* makeResultsThread(long statusReturnCode, const std::string& extraInfo)
+      AHS_REQUIRES(m_headendThreadLock);
   STATUSCODE decideResult(long statusReturnCode, std::vector<std::string>& headendList)
       AHS_REQUIRES(m_headendThreadLock);
   void retainLastHeadend(std::vector<std::string>& headendList);
@@ -94,6 +98,7 @@ class CHeadendSelection : public ApiRunnable {
   STATUSCODE startTimer(CTimerList& timerList, unsigned int totalTime);
   STATUSCODE sendTestPing(HttpProbe::HTTP_PROBE_RESULTS& results, std::string& extraInfo);
   STATUSCODE startWorkers(unsigned int timeout);
+  void startWorker(std::size_t index, unsigned int timeout);
   void waitForWorkers();
 
   // Headends and proxy: HeadendSelectionInputs.cpp
@@ -142,6 +147,10 @@ class CHeadendSelection : public ApiRunnable {
   PROXY_DATA m_proxyData;    // the run thread's
   ProxyIfc* m_pProxy;        // written by SetProxy before any thread of the run exists
   CResultsThread* m_pResultsThread AHS_GUARDED_BY(m_headendThreadLock);
+
+  // What tells the client that there is no memory, made while there was some. Never started unless
+  // m_pResultsThread cannot be made. Written by construction, and by finishAHS under its lock.
+  CResultsThread* m_pSpareResultsThread;
 };
 
 /// Measures one headend: sends it probe after probe without a pause, reduces the round-trip times
@@ -187,7 +196,8 @@ class CHeadendSelection::CSelectionThread : public CThread {
 };
 
 /// Calls the client with the outcome of a run. It shares nothing with the run, so that the client
-/// may take its time. All members are constant once it is built.
+/// may take its time, and it runs even when the system gives no thread. All members are constant
+/// once it is built.
 class CHeadendSelection::CResultsThread : public CThread {
  public:
   CResultsThread(ClientIfcBase* pAHSCB, unsigned int uiReason,

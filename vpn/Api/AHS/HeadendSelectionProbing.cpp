@@ -3,6 +3,7 @@
 // under our feet at any moment; then no further worker is started.
 
 #include <locale>
+#include <new>
 #include <sstream>
 #include <utility>
 
@@ -183,15 +184,29 @@ STATUSCODE CHeadendSelection::startWorkers(unsigned int timeout) {
                                "QIB timer expired before starting thread %d", static_cast<int>(i));
       return HEADENDSELECTION_ERROR_TIMEOUT;
     }
-    m_pThreads[i] = new CSelectionThread(*this, m_headendList[i], m_settings.nPingsPerHeadend,
-                                         timeout, m_settings.nPingTimeout);
-    m_pThreads[i]->Start();
+    startWorker(i, timeout);
   }
   return 0;
 }
 
+// A headend whose worker cannot be had takes no part; the others are a choice all the same.
+void CHeadendSelection::startWorker(std::size_t index, unsigned int timeout) {
+  try {
+    m_pThreads[index] = new CSelectionThread(
+        *this, m_headendList[index], m_settings.nPingsPerHeadend, timeout, m_settings.nPingTimeout);
+  } catch (const std::bad_alloc&) {
+    CAppLog::LogReturnCode("startPingThreads", LogSource, __LINE__, Logging::DBG_Warning,
+                           "CSelectionThread", HEADENDSELECTION_ERROR_MEMALLOC_FAILED, 0, nullptr);
+    return;
+  }
+  m_pThreads[index]->Start();
+}
+
 void CHeadendSelection::waitForWorkers() {
   for (CSelectionThread* pThread : m_pThreads) {
+    if (pThread == nullptr) {
+      continue;
+    }
     unsigned int statusCode = 0;
     const STATUSCODE waitStatus = pThread->WaitForCompletion(statusCode, CThread::Infinite);
     if (waitStatus != 0) {

@@ -15,12 +15,12 @@ constexpr std::size_t DestroyerStackSize = std::size_t{256} * 1024;
 
 }  // namespace
 
-ApiRunnable::ApiRunnable() : m_holders(1) {}
+ApiRunnable::ApiRunnable() : m_holders(1) { CReserveThread::AddHolder(); }
 
 // A copy is an object of its own: nobody but its creator holds it.
-ApiRunnable::ApiRunnable(const ApiRunnable&) : m_holders(1) {}
+ApiRunnable::ApiRunnable(const ApiRunnable&) : m_holders(1) { CReserveThread::AddHolder(); }
 
-ApiRunnable::~ApiRunnable() = default;
+ApiRunnable::~ApiRunnable() { CReserveThread::RemoveHolder(); }
 
 void ApiRunnable::enter() noexcept { m_holders.fetch_add(1, std::memory_order_relaxed); }
 
@@ -42,8 +42,14 @@ void ApiRunnable::leave() noexcept {
 }
 
 void ApiRunnable::leaveWithoutWaiting() noexcept {
-  if (m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1 &&
-      startDetachedThread(destroyerEntry, this, DestroyerStackSize) != 0) {
+  if (m_holders.fetch_sub(1, std::memory_order_acq_rel) != 1 ||
+      startDetachedThread(destroyerEntry, this, DestroyerStackSize) == 0) {
+    return;
+  }
+  // What the destructor waits for has been handed to the reserve before, so it comes first there.
+  m_destruction.function = destroyerEntry;
+  m_destruction.argument = this;
+  if (!CReserveThread::Run(m_destruction)) {
     destroy(this);
   }
 }

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <new>
 
+#include "vpn/Common/Utility/ReserveThread.h"
+
 /// A task of the API that is run once and may delete itself.
 ///
 /// Deleting and freeing are two moments. Threads that may come late (a timer that is firing, a
@@ -11,6 +13,9 @@
 /// the creator holds it from the start. `delete` gives up the creator's hold and returns at once.
 /// The last holder out destroys the object and frees its memory. In the ordinary case nobody else
 /// holds it and `delete` does both on the spot, on the deleting thread.
+///
+/// While it exists the thread in reserve is kept too, which delivers what the task ends with when
+/// the system gives no other.
 ///
 /// `enter` may be called only by who already knows the object to be held; `leave` once per `enter`.
 /// All of it may be called from any thread. Objects that are held or deleted are created with
@@ -32,7 +37,8 @@ class ApiRunnable {
   void leave() noexcept;
 
   /// As `leave`, for a thread that must not be held up by what a destructor waits for: the last
-  /// hold destroys the object on a thread of its own (on this one only if none can be had).
+  /// hold destroys the object on another thread (on this one only if not even the one in reserve
+  /// can be had).
   void leaveWithoutWaiting() noexcept;
 
   /// Allocates memory as the global operator does; here because a class that has its own `delete`
@@ -52,4 +58,5 @@ class ApiRunnable {
   static void destroy(ApiRunnable* object) noexcept;
 
   std::atomic<unsigned int> m_holders;
+  CReserveThread::Body m_destruction;  // the last holder's, and then the reserve thread's
 };

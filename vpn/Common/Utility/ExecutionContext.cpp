@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/ReserveThread.h"
 #include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/Locks.h"
 
@@ -101,11 +102,26 @@ void CExecutionContext::releaseInstance() {
 
 CTimerList& CExecutionContext::GetTimerList() { return m_timerList; }
 
-CExecutionContext::CExecutionContext() : m_pTimerThread(new CTimerThread(m_timerList)) {}
+CExecutionContext::CExecutionContext()
+    : m_pTimerThread(new CTimerThread(m_timerList)), m_holdsReserve(false) {}
 
-CExecutionContext::~CExecutionContext() { delete m_pTimerThread; }
+CExecutionContext::~CExecutionContext() {
+  delete m_pTimerThread;
+  if (m_holdsReserve) {
+    CReserveThread::RemoveHolder();
+  }
+}
 
-STATUSCODE CExecutionContext::start() { return m_pTimerThread->Start(); }
+STATUSCODE CExecutionContext::start() {
+  const int error = CReserveThread::Create();
+  if (error != 0) {
+    CAppLog::LogReturnCode("start", SourceFile, __LINE__, Logging::DBG_Error,
+                           "CReserveThread::Create", THREAD_ERROR_CREATE_FAILED, error, nullptr);
+    return THREAD_ERROR_CREATE_FAILED;
+  }
+  m_holdsReserve = true;
+  return m_pTimerThread->Start();
+}
 
 void CExecutionContext::stop() {
   m_timerList.Close();

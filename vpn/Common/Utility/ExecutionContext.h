@@ -14,7 +14,8 @@ enum EXECUTIONCONTEXT_ERRORS : STATUSCODE {
 /// Which of the process's execution contexts.
 enum EXECUTIONCONTEXT_INSTANCE { API_INSTANCE = 0 };
 
-/// A place where asynchronous work of the process is serviced: a timer list and its thread.
+/// A place where asynchronous work of the process is serviced: a timer list and its thread, and the
+/// thread in reserve.
 ///
 /// The start-up of the client library creates the instance; users acquire and release it in pairs.
 /// The last release ends the timer thread and destroys the instance; timers that are armed then do
@@ -23,7 +24,7 @@ class CExecutionContext {
  public:
   /// Creates the context and acquires it for the caller.
   /// @return 0; EXECUTIONCONTEXT_ERROR_ALREADY_EXISTS; EXECUTIONCONTEXT_ERROR_MEMALLOC_FAILED; a
-  ///         code of `CThread::Start`.
+  ///         code of `CThread::Start` when the system gives no thread.
   static STATUSCODE createInstance(EXECUTIONCONTEXT_INSTANCE instance);
 
   /// The context with its acquisition counted, or null when it was not created.
@@ -48,6 +49,8 @@ class CExecutionContext {
   STATUSCODE start();
   void stop();
 
-  CTimerList m_timerList;        // has a lock of its own
-  CTimerThread* m_pTimerThread;  // written by creation and by the last release only
+  CTimerList m_timerList;  // has a lock of its own
+  // Both written by creation and by the last release only.
+  CTimerThread* m_pTimerThread;
+  bool m_holdsReserve;
 };

@@ -58,6 +58,7 @@ class CThread::Ending {
 CThread::CThread(std::size_t stackSize)
     : m_stackSize(stackSize != 0 ? stackSize : DefaultStackSize),
       m_pKeptAlive(nullptr),
+      m_usesReserve(false),
       m_holders(1),
       m_state(State::NotStarted),
       m_exitCode(0) {}
@@ -65,8 +66,14 @@ CThread::CThread(std::size_t stackSize)
 CThread::~CThread() = default;
 
 STATUSCODE CThread::Start() {
-  const int error = startOnce();
+  bool onReserve = false;
+  const int error = startOnce(onReserve);
   if (error == 0) {
+    return THREAD_SUCCESS;
+  }
+  if (onReserve) {
+    CAppLog::LogReturnCode("Start", SourceFile, __LINE__, Logging::DBG_Warning, "pthread_create",
+                           THREAD_ERROR_CREATE_FAILED, error, "the thread in reserve takes over");
     return THREAD_SUCCESS;
   }
   if (error == StartedBefore) {
@@ -77,8 +84,9 @@ STATUSCODE CThread::Start() {
   return THREAD_ERROR_CREATE_FAILED;
 }
 
-/// @return 0, StartedBefore, or the errno value of why there is no thread.
-int CThread::startOnce() {
+/// @return 0, StartedBefore, or the errno value of why there is no thread of its own; `onReserve`
+///         then tells whether it has been started all the same.
+int CThread::startOnce(bool& onReserve) {
   // Held until the outcome is known, so that nobody waits for a thread that does not come about.
   const CAutoLockT<CMonitor> lock(m_stateLock);
   if (m_state != State::NotStarted) {
@@ -91,10 +99,10 @@ int CThread::startOnce() {
     m_pKeptAlive->enter();
   }
 
-  const int error = startDetachedThread(threadEntry, this, m_stackSize);
-  if (error == 0) {
+  const int error = create(onReserve);
+  if (error == 0 || onReserve) {
     m_state = State::Running;
-    return 0;
+    return error;
   }
 
   // No hold is the last one here: the owner, who starts the thread, holds both.
@@ -103,6 +111,16 @@ int CThread::startOnce() {
   }
   runningThreads.fetch_sub(1, std::memory_order_relaxed);
   m_holders.fetch_sub(1, std::memory_order_relaxed);
+  return error;
+}
+
+int CThread::create(bool& onReserve) {
+  const int error = startDetachedThread(threadEntry, this, m_stackSize);
+  if (error != 0 && m_usesReserve) {
+    m_reserved.function = threadEntry;
+    m_reserved.argument = this;
+    onReserve = CReserveThread::Run(m_reserved);
+  }
   return error;
 }
 
@@ -149,6 +167,8 @@ void CThread::Destroy() {
 }
 
 void CThread::KeepAlive(ApiRunnable& task) { m_pKeptAlive = &task; }
+
+void CThread::UseReserve() { m_usesReserve = true; }
 
 unsigned int CThread::RunningCount() noexcept {
   return runningThreads.load(std::memory_order_acquire);

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <new>
 
+#include "vpn/Common/Utility/ReserveThread.h"
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 #include "vpn/include/ThreadAnnotations.h"
@@ -61,6 +62,7 @@ class CThread : public IRunnable {
   /// @return 0; THREAD_ERROR_INVALID_STATE when it was started before; THREAD_ERROR_CREATE_FAILED
   ///         when the system gives no thread (the reason is logged), after which the object can
   ///         still be waited for (as a thread that was never started), started again or deleted.
+  ///         A thread that uses the reserve is then started on that, and the result is 0.
   STATUSCODE Start();
 
   /// Waits until the thread has ended. Any thread but itself may call it, also more than once.
@@ -95,17 +97,25 @@ class CThread : public IRunnable {
   /// waited for the thread finds it gone. To be called before `Start`, at most once.
   void KeepAlive(ApiRunnable& task);
 
+  /// Lets the thread that is kept in reserve run the body when the system gives no thread. For
+  /// what must happen at any price, and that alone. To be called before `Start`.
+  void UseReserve();
+
  private:
   enum class State { NotStarted, Running, Ended };
   class Ending;
 
-  int startOnce();
+  int startOnce(bool& onReserve);
+  int create(bool& onReserve);
   static void* threadEntry(void* object);
   void setEnded(unsigned int exitCode);
   static void leave(CThread* object) noexcept;
 
   const std::size_t m_stackSize;
-  ApiRunnable* m_pKeptAlive;  // written before Start, read by the thread: ordered by its creation
+  // Written before Start, read by the thread: ordered by its creation.
+  ApiRunnable* m_pKeptAlive;
+  bool m_usesReserve;                   // written before Start, read by it
+  CReserveThread::Body m_reserved;      // the reserve thread's, once Start has handed it over
   std::atomic<unsigned int> m_holders;  // the owner, and the thread while it runs
 
   CMonitor m_stateLock;  // notified when the thread has ended

@@ -1,0 +1,34 @@
+#pragma once
+
+/// One thread of the process that is made in advance and kept for a body that must run although the
+/// system gives no thread: a limit is reached, or there is no memory for a stack.
+///
+/// It exists from `Create` until its last holder has left and nothing is left for it to do. Holders
+/// are the execution context, which creates it, and every task that may still need it. All
+/// operations may be called from any thread; none throws, waits for a body or allocates memory,
+/// but for `Create`, which creates the thread.
+class CReserveThread {
+ public:
+  /// A body that waits for the thread, in storage of its caller's that must stay where it is until
+  /// the body is called.
+  struct Body {
+    void* (*function)(void*) = nullptr;
+    void* argument = nullptr;
+    Body* next = nullptr;  // the reserve thread's
+  };
+
+  /// Makes the caller a holder, and the thread if there is none.
+  /// @return 0, or the errno value of why there is no thread; the caller is no holder then.
+  static int Create() noexcept;
+
+  /// Makes the caller a holder of what there is, if it is only nothing.
+  static void AddHolder() noexcept;
+
+  /// Ends what `Create` or `AddHolder` began.
+  static void RemoveHolder() noexcept;
+
+  /// Has the body called. Bodies that wait at the same time begin in the order they came, each on a
+  /// thread of its own as far as the system gives one.
+  /// @return false when there is no reserve thread; the body is not called then.
+  static bool Run(Body& body) noexcept;
+};

@@ -18,11 +18,6 @@ void PreferenceScript::useAddresses(const std::vector<std::string>& addresses) {
   }
 }
 
-PreferenceScript& preferences() {
-  static PreferenceScript& instance = *new PreferenceScript;
-  return instance;
-}
-
 }  // namespace doubles
 
 ProfileMgr::ProfileMgr() {

@@ -46,6 +46,8 @@ struct PreferenceScript {
   int portReads = 0;
 };
 
+/// The script that holds for the calling thread. A program has one for all threads
+/// (preference_script.cpp) or brings its own.
 PreferenceScript& preferences();
 
 }  // namespace doubles

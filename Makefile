@@ -3,6 +3,7 @@
 
 JOBS ?= $(shell nproc)
 CTEST_JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 600
 
 .DEFAULT_GOAL := help
 
@@ -17,8 +18,18 @@ demo: deps-build ## Build what it takes, then watch a selection among simulated 
 	simulator/demo.sh build/release
 
 .PHONY: test
-test: deps-test release ## Build and run all tests
+test: deps-test release fuzzers ## Build and run all tests, and fuzz each reader for half a minute
 	ctest --preset release -j $(CTEST_JOBS)
+	FUZZ_SECONDS=30 tools/fuzz.sh build/fuzz
+
+.PHONY: fuzz
+fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
+	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz
+
+.PHONY: fuzzers
+fuzzers: deps-test
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
 
 .PHONY: asan tsan debug clang
 clang: deps-lint

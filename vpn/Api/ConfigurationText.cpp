@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 #include <system_error>
+#include <utility>
 
 #include "vpn/Common/Logging/LegibleText.h"
 #include "vpn/include/StringUtils.h"
@@ -187,11 +188,12 @@ bool ConfigurationText::isBlank(std::string_view text) {
 }
 
 std::string ConfigurationText::oneLine(const std::string& text, std::size_t maxLength) {
+  // Escaped before it is cut: an escape is longer than what it stands for.
   std::string line;
-  for (const char c : legible(text, maxLength)) {
+  for (const char c : text) {
     line += c == '\n' || c == '\t' ? CStringUtils::printable(std::string(1, c)) : std::string(1, c);
   }
-  return line;
+  return legible(std::move(line), maxLength);
 }
 
 std::string ConfigurationText::quoted(const std::string& text) {

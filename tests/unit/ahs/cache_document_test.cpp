@@ -107,6 +107,14 @@ TEST(CacheDocument, EveryTextSurvivesEncoding) {
   EXPECT_GE(CacheDocument::writtenSize(text), CacheDocument::encode(text).size());
 }
 
+TEST(CacheDocument, OneTextHasOneSpelling) {
+  for (const std::string text : {"\\x41", "a b", "\\x0A", "a\x7f", "\xc3\xa4"}) {
+    std::string decoded = "untouched";
+    EXPECT_FALSE(CacheDocument::decode(text, decoded)) << text;
+    EXPECT_EQ(decoded, "untouched");
+  }
+}
+
 TEST(CacheDocument, NamesTheLineOfAnError) {
   Entries entries;
   EXPECT_EQ(
@@ -158,6 +166,15 @@ INSTANTIATE_TEST_SUITE_P(
                       documentOf("<selection knownHeadends='k' stored='1'></selection>")},
         WrongDocument{"a place of two lines",
                       documentOf("<selection place='a&#10;b' knownHeadends='k' stored='1'/>")},
+        WrongDocument{"a place that would be unreadable once written again",
+                      documentOf("<selection place='a&#127;b' knownHeadends='k' stored='1'>"
+                                 "<headend name='a' rtt='1'/></selection>")},
+        WrongDocument{"a place of other characters than ASCII",
+                      documentOf("<selection place='&#xfc;' knownHeadends='k' stored='1'>"
+                                 "<headend name='a' rtt='1'/></selection>")},
+        WrongDocument{"an escape where none is needed",
+                      selectionOf("<headend name='\\x41' rtt='1'/>")},
+        WrongDocument{"a blank in a headend name", selectionOf("<headend name='a b' rtt='1'/>")},
         WrongDocument{"no candidates", documentOf("<selection place='p' stored='1'></selection>")},
         WrongDocument{"no time stamp", documentOf("<selection place='p' knownHeadends='k'/>")},
         WrongDocument{"a time stamp of 0",

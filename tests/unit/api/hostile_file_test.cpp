@@ -302,3 +302,14 @@ TEST_F(HostileFileTest, AFileWithAnyByteReplacedIsReadInPeace) {
     }
   }
 }
+
+TEST_F(HostileFileTest, AMessageIsNoLongerForWhatItHasToEscape) {
+  std::string name = "a";
+  for (int i = 0; i < 200; ++i) {
+    name += "&#10;";
+  }
+  const ProfileReading reading = read(profileWithHosts("<host name=\"" + name + "\"/>"));
+  ASSERT_THAT(reading.problems, SizeIs(1));
+  EXPECT_THAT(reading.problems[0].text, HasSubstr("\\x0a"));
+  EXPECT_LT(reading.problems[0].text.size(), 200U);
+}

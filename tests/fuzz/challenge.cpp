@@ -1,0 +1,97 @@
+// Challenges of proxies. Whatever the head of an answer, a realm is a bounded text without control
+// characters that stands in it, and how the head is folded, written or surrounded plays no part.
+
+#include <algorithm>
+#include <string>
+
+#include "tests/fuzz/require.h"
+#include "vpn/Common/IP/HttpHeaderResponse.h"
+
+namespace {
+
+using tests::textOf;
+
+constexpr std::size_t LongestRealm = 4096;
+
+std::string realmOf(const std::string& head, const std::string& scheme) {
+  CHttpHeaderResponse response;
+  response.set(head);
+  return response.getProxyAuthRealm(scheme);
+}
+
+bool isControl(char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; }
+
+bool isVisible(char c) { return c != ' ' && !isControl(c); }
+
+/// Whether all of `part` stands in `whole` in this order: escapes leave characters out, and a fold,
+/// which may be a tab, becomes a blank.
+bool standsIn(const std::string& part, const std::string& whole) {
+  std::size_t found = 0;
+  for (const char c : whole) {
+    const char meant = c == '\t' ? ' ' : c;
+    found += found < part.size() && part[found] == meant ? 1 : 0;
+  }
+  return found == part.size();
+}
+
+bool isFolded(const std::string& head) {
+  return head.find("\n ") != std::string::npos || head.find("\n\t") != std::string::npos;
+}
+
+/// The same head with a fold in the place of every single blank.
+std::string folded(const std::string& head) {
+  std::string result;
+  for (std::size_t i = 0; i < head.size(); ++i) {
+    const bool isSingleBlank = head[i] == ' ' && i > 0 && i + 1 < head.size() &&
+                               isVisible(head[i - 1]) && isVisible(head[i + 1]);
+    result += isSingleBlank ? "\r\n " : head.substr(i, 1);
+  }
+  return result;
+}
+
+std::string quoted(const std::string& realm) {
+  std::string result = "\"";
+  for (const char c : realm) {
+    result += c == '"' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+  }
+  return result + "\"";
+}
+
+/// Every realm that may be shown is found as it was meant, and no other.
+void requireFaithful(const std::string& realm) {
+  const bool mayBeShown =
+      realm.size() <= LongestRealm && std::none_of(realm.begin(), realm.end(), isControl);
+  const std::string found = realmOf(
+      "HTTP/1.1 407 x\r\nProxy-Authenticate: Basic realm=" + quoted(realm) + "\r\n\r\n", "Basic");
+  REQUIRE(!mayBeShown || found == realm);
+  REQUIRE(standsIn(found, realm));
+}
+
+void requireProperties(const std::string& head, const std::string& scheme) {
+  const std::string realm = realmOf(head, scheme);
+  REQUIRE(realm.size() <= LongestRealm);
+  REQUIRE(std::none_of(realm.begin(), realm.end(), isControl));
+  REQUIRE(standsIn(realm, head));
+  if (!isFolded(head)) {
+    REQUIRE(realmOf(folded(head), scheme) == realm);
+  }
+  if (!head.starts_with(' ') && !head.starts_with('\t')) {
+    REQUIRE(realmOf("HTTP/1.1 407 Proxy Authentication Required\r\n" + head, scheme) == realm);
+  }
+  if (!head.ends_with('\r')) {
+    REQUIRE(realmOf(head + "\r\nVia: 1.1 x\r\n\r\n", scheme) == realm);
+  }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text = textOf(data, size);
+  for (const char* scheme : {"Basic", "NTLM", "Negotiate", "Digest"}) {
+    requireProperties(text, scheme);
+  }
+  REQUIRE(realmOf(text, "bASIC") == realmOf(text, "Basic"));
+  REQUIRE(realmOf(text, "").empty());
+  requireFaithful(text);
+  return 0;
+}

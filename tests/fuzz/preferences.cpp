@@ -1,0 +1,127 @@
+// Preferences files. Whatever the bytes, as the user's file, the machine's or both: every setting
+// that a selection reads is within its range, and a proxy that is taken is a host and a port.
+
+#include <string>
+#include <vector>
+
+#include "tests/fuzz/MemoryFile.h"
+#include "tests/fuzz/problems.h"
+#include "tests/fuzz/require.h"
+#include "vpn/Api/AHS/AHSSettings.h"
+#include "vpn/Api/PreferenceMgr.h"
+#include "vpn/Api/ProfileFile.h"
+#include "vpn/Common/Utility/URL.h"
+
+namespace {
+
+using tests::textOf;
+
+// Never freed, like all that lives until the process ends.
+const tests::MemoryFile& file() {
+  static const tests::MemoryFile& instance = *new tests::MemoryFile;
+  return instance;
+}
+
+std::string valueOf(const PreferenceInfo& preferences, PreferenceId id) {
+  Preference* preference = nullptr;
+  return preferences.getPreference(id, preference) ? preference->getPreferenceValue() : "unset";
+}
+
+void requireOnlyRightValues(const PreferenceInfo& preferences) {
+  std::size_t count = 0;
+  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    Preference* preference = nullptr;
+    if (preferences.getPreference(all[i].id, preference)) {
+      REQUIRE(all[i].inPreferences);
+      REQUIRE(!preference->isUserControllable());
+      REQUIRE(all[i].checkedByReader ||
+              PreferenceBase::findError(all[i], preference->getPreferenceValue()).empty());
+    }
+  }
+}
+
+/// Reads the bytes by themselves, twice.
+PreferenceInfo requireRightFile(const std::string& text) {
+  PreferenceInfo preferences;
+  PreferenceInfo again;
+  std::vector<FileProblem> problems;
+  std::vector<FileProblem> problemsAgain;
+  const bool usable = readPreferencesFile(file().Path(), preferences, problems);
+  REQUIRE(usable || !problems.empty());
+  REQUIRE(readPreferencesFile(file().Path(), again, problemsAgain) == usable);
+  REQUIRE(tests::sameProblems(problems, problemsAgain));
+  tests::requireHelpfulProblems(problems, file().Path(), text);
+  requireOnlyRightValues(preferences);
+  return preferences;
+}
+
+void requireProxy(PreferenceMgr& manager) {
+  UserPreferences* global = nullptr;
+  REQUIRE(manager.getParsedPreferenceFile(Global, global) == PREFERENCEMGR_SUCCESS);
+  const std::string host = global->getProxyHost();
+  const std::string port = global->getProxyPort();
+  const URL url(host);
+  REQUIRE(host.empty() || !url.getHost().empty());
+  REQUIRE(url.getPort().empty() && url.getLocation().empty());
+  REQUIRE(port.empty() || URL("h:" + port).getHost() == "h");
+}
+
+struct Range {
+  unsigned int HS_SETTINGS::*field;
+  unsigned int least;
+  unsigned int most;
+};
+
+// As the documentation has them.
+constexpr Range Ranges[] = {
+    {&HS_SETTINGS::nResumeTime, 0, 8760},
+    {&HS_SETTINGS::nImprovement, 0, 1000},
+    {&HS_SETTINGS::nClearCache, 1, 365},
+    {&HS_SETTINGS::nConnectTimeout, 100, 600000},
+    {&HS_SETTINGS::nReconnectTimeout, 100, 600000},
+    {&HS_SETTINGS::nPingTimeout, 1000, 60000},
+    {&HS_SETTINGS::nPingsPerHeadend, 1, 100},
+    {&HS_SETTINGS::nTestPingTimeout, 1, 60},
+    {&HS_SETTINGS::nMaxResults, 1, 100000},
+};
+
+void requireSettingsWithinRange() {
+  HS_SETTINGS settings{};
+  CAHSSettings::GetSettings(settings);
+  REQUIRE(!settings.bAHSEnabled);
+  for (const Range& range : Ranges) {
+    REQUIRE(settings.*range.field >= range.least);
+    REQUIRE(settings.*range.field <= range.most);
+  }
+}
+
+/// The manager of the process with the file in both places.
+void requireRightManager(const PreferenceInfo& preferences) {
+  PreferenceMgr::Sources sources;
+  sources.userPreferencesFile = file().Path();
+  sources.globalPreferencesFile = file().Path();
+  REQUIRE(PreferenceMgr::createInstance(sources) == PREFERENCEMGR_SUCCESS);
+  PreferenceMgr* const manager = PreferenceMgr::acquireInstance();
+  requireSettingsWithinRange();
+  requireProxy(*manager);
+  std::size_t count = 0;
+  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    std::string value;
+    REQUIRE(manager->getPreferenceValue(all[i].id, value) == PREFERENCEMGR_SUCCESS);
+    const std::string found = valueOf(preferences, all[i].id);
+    REQUIRE(value == (found == "unset" ? all[i].defaultValue : found));
+  }
+  manager->releaseInstance();
+  manager->releaseInstance();
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text = textOf(data, size);
+  file().Write(text);
+  requireRightManager(requireRightFile(text));
+  return 0;
+}

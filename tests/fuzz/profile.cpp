@@ -1,0 +1,127 @@
+// Profile files. Whatever the bytes, what is accepted can be used as it stands, what is not is told
+// with file and line, and reading the same bytes again gives the same.
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/fuzz/MemoryFile.h"
+#include "tests/fuzz/problems.h"
+#include "tests/fuzz/require.h"
+#include "tests/support/private_access.h"
+#include "vpn/Api/ProfileFile.h"
+#include "vpn/Api/ProfileMgr.h"
+#include "vpn/Common/Utility/URL.h"
+
+AHS_EXPOSE(LoadFile, &ProfileMgr::loadFile);
+
+namespace {
+
+using tests::isLegible;
+using tests::textOf;
+
+struct Reading {
+  bool usable = false;
+  ProfileFile profile;
+  std::vector<FileProblem> problems;
+};
+
+// Never freed, like all that lives until the process ends.
+const tests::MemoryFile& file() {
+  static const tests::MemoryFile& instance = *new tests::MemoryFile;
+  return instance;
+}
+
+Reading read(const std::string& text) {
+  Reading reading;
+  file().Write(text);
+  reading.usable = readProfileFile(file().Path(), reading.profile, reading.problems);
+  return reading;
+}
+
+std::string addressOf(const ProfileFile::Host& host) {
+  return host.address.find_first_not_of(" \t\r\n") == std::string::npos ? host.name : host.address;
+}
+
+void requireUsable(const ProfileFile& profile) {
+  REQUIRE(profile.hosts.size() <= MaxHostsPerFile);
+  for (const ProfileFile::Host& host : profile.hosts) {
+    REQUIRE(isLegible(host.name));
+    REQUIRE(host.name.find_first_not_of(' ') != std::string::npos);
+    REQUIRE(host.name.size() <= MaxHostNameLength);
+    REQUIRE(URL::findError(addressOf(host)).empty());
+    REQUIRE(!URL(addressOf(host)).getHostAndPort(false).empty());
+  }
+  std::size_t count = 0;
+  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    Preference* preference = nullptr;
+    REQUIRE(all[i].inProfile || !profile.preferences.getPreference(all[i].id, preference));
+  }
+}
+
+bool sameHosts(const ProfileFile& a, const ProfileFile& b) {
+  bool same = a.hosts.size() == b.hosts.size();
+  for (std::size_t i = 0; same && i < a.hosts.size(); ++i) {
+    same = a.hosts[i].name == b.hosts[i].name && a.hosts[i].address == b.hosts[i].address &&
+           a.hosts[i].line == b.hosts[i].line;
+  }
+  return same;
+}
+
+/// The manager takes the first entry of each name, and says so of every other.
+void requireManaged(const Reading& reading) {
+  ProfileMgr manager;
+  tests::call<tests::LoadFile>(manager, file().Path(), "profile");
+  std::map<std::string, const ProfileFile::Host*> first;
+  for (const ProfileFile::Host& host : reading.profile.hosts) {
+    first.emplace(host.name, &host);
+  }
+  REQUIRE(manager.getFileInitMap().size() == (reading.usable ? 1 : 0));
+  REQUIRE(manager.getHostProfileMap().size() == first.size());
+  for (const auto& [name, host] : manager.getHostProfileMap()) {
+    REQUIRE(host->getHostAddress() == first.at(name)->address);
+    REQUIRE(manager.getProfileNameFromHost(name) == "profile");
+  }
+  const std::size_t taken = reading.profile.hosts.size() - first.size();
+  REQUIRE(manager.getProblems().size() == reading.problems.size() + taken ||
+          manager.getProblems().size() == ProfileMgr::MaxProblems);
+}
+
+std::string asAttribute(const std::string& text) {
+  std::string result;
+  for (const char c : text) {
+    const bool isPlain = static_cast<unsigned char>(c) > '>' || c == ' ';
+    result +=
+        isPlain ? std::string(1, c) : "&#" + std::to_string(static_cast<unsigned char>(c)) + ";";
+  }
+  return result;
+}
+
+/// A name is taken as it was written, or not at all.
+void requireFaithful(const std::string& name) {
+  const Reading reading = read("<profile version=\"1\"><hosts><host name=\"" + asAttribute(name) +
+                               "\" address=\"gw\"/></hosts></profile>");
+  const bool isPlain = tests::isPrintableAscii(name) && name.size() <= MaxHostNameLength &&
+                       name.find_first_not_of(' ') != std::string::npos;
+  REQUIRE(!isPlain || (reading.profile.hosts.size() == 1 && reading.problems.empty()));
+  REQUIRE(reading.profile.hosts.empty() || reading.profile.hosts[0].name == name);
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text = textOf(data, size);
+  const Reading reading = read(text);
+  requireUsable(reading.profile);
+  tests::requireHelpfulProblems(reading.problems, file().Path(), text);
+  REQUIRE(reading.usable || !reading.problems.empty());
+  REQUIRE(reading.usable || reading.profile.hosts.empty());
+  requireManaged(reading);
+  const Reading again = read(text);
+  REQUIRE(again.usable == reading.usable);
+  REQUIRE(sameHosts(again.profile, reading.profile));
+  REQUIRE(tests::sameProblems(again.problems, reading.problems));
+  requireFaithful(text.substr(0, 2 * MaxHostNameLength));
+  return 0;
+}

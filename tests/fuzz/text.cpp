@@ -1,0 +1,179 @@
+// Text that is shown, compared and kept. Whatever the bytes, what comes out is bounded and can be
+// shown, and an encoding loses nothing. The search domains of the resolver are such a text.
+
+#include <arpa/inet.h>
+#include <resolv.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/fuzz/require.h"
+#include "vpn/Api/AHS/CacheDocument.h"
+#include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/ConfigurationText.h"
+#include "vpn/Common/Logging/LegibleText.h"
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+using tests::isLegible;
+using tests::isPrintableAscii;
+using tests::textOf;
+
+constexpr std::size_t LengthOfCut = 6;     // " [cut]"
+constexpr std::size_t LengthOfEscape = 4;  // \xNN
+
+/// The lines of the text under test, which are the domains that the resolver searches.
+std::vector<std::string>& resolverLines() {
+  static std::vector<std::string>& lines = *new std::vector<std::string>;
+  return lines;
+}
+
+std::string withoutLineEndsAndTabs(std::string text) {
+  text.erase(
+      std::remove_if(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }),
+      text.end());
+  return text;
+}
+
+/// Characters that turn the direction of writing or separate lines.
+bool turnsOrSeparates(const std::string& text) {
+  for (std::size_t at = text.find('\xe2'); at != std::string::npos;
+       at = text.find('\xe2', at + 1)) {
+    const std::string character = text.substr(at, 3);
+    if (character == "\u200e" || character == "\u200f" ||
+        (character >= "\u2028" && character <= "\u202e") ||
+        (character >= "\u2066" && character <= "\u2069")) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void requireLegible(const std::string& text) {
+  for (const std::size_t longest : {0U, 5U, 80U, 100000U}) {
+    const std::string shown = legible(text, longest);
+    REQUIRE(shown.size() <= longest + LengthOfCut);
+    REQUIRE(isLegible(withoutLineEndsAndTabs(shown)));
+    REQUIRE(!turnsOrSeparates(shown));
+  }
+  const std::string whole = legible(text, text.size() * LengthOfEscape);
+  REQUIRE(legible(whole, whole.size()) == whole);
+}
+
+/// Undoes the indentation, so that nothing of the message can have been lost.
+void requireIndented(const std::string& message) {
+  const std::string indented = indentContinuation(message);
+  std::string plain;
+  for (std::size_t i = 0; i < indented.size(); ++i) {
+    plain += indented[i];
+    if (indented[i] == '\n' && indented[i + 1] != '\n') {
+      REQUIRE(indented.compare(i + 1, 2, "  ") == 0);
+      i += 2;
+    }
+  }
+  REQUIRE(plain == message.substr(0, message.find_last_not_of('\n') + 1));
+}
+
+void requirePrintable(const std::string& text) {
+  for (const std::size_t longest : {0U, 7U, 200U}) {
+    const std::string shown = CStringUtils::printable(text, longest);
+    REQUIRE(isPrintableAscii(shown));
+    REQUIRE(shown.size() <= longest + LengthOfEscape - 1 + std::strlen("..."));
+  }
+}
+
+void requireFolded(const std::string& text) {
+  const std::string lower = CStringUtils::toLower(text);
+  REQUIRE(lower.size() == text.size());
+  REQUIRE(lower.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ") == std::string::npos);
+  REQUIRE(CStringUtils::toLower(lower) == lower);
+}
+
+void requireEncoded(const std::string& text) {
+  const std::string encoded = CacheDocument::encode(text);
+  std::string decoded;
+  REQUIRE(isPrintableAscii(encoded));
+  REQUIRE(encoded.find(' ') == std::string::npos);
+  REQUIRE(encoded.size() <= CacheDocument::writtenSize(text));
+  REQUIRE(CacheDocument::decode(encoded, decoded));
+  REQUIRE(decoded == text);
+  // One spelling a text: otherwise one candidate set would have several keys.
+  REQUIRE(!CacheDocument::decode(text, decoded) || CacheDocument::encode(decoded) == text);
+}
+
+void requireRightMessages(const std::string& text) {
+  constexpr std::size_t longest = 100;
+  const std::string line = ConfigurationText::oneLine(text, longest);
+  REQUIRE(isLegible(line));
+  REQUIRE(line.size() <= longest + LengthOfCut);
+  REQUIRE(ConfigurationText::quoted(text).size() <= longest);
+  const std::vector<const char*> names{"SelectionPingTimeout", "ProxyHost", "ProxyPort"};
+  const char* const meant = ConfigurationText::nearest(text, names);
+  REQUIRE(meant == nullptr || std::find(names.begin(), names.end(), meant) != names.end());
+}
+
+void requireRightBytes(const std::string& text) {
+  const ConfigurationText::ByteProblem problem = ConfigurationText::findByteProblem(text);
+  REQUIRE(problem.line <= 1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
+  REQUIRE(isPrintableAscii(problem.text));
+  const bool isFit = tests::isUtf8(text) && !ConfigurationText::isBlank(text);
+  REQUIRE(problem.text.empty() ? isFit : !isFit || text.size() > ConfigurationText::MaxTagLength);
+}
+
+void requireRightPlace(const std::string& text) {
+  resolverLines().clear();
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    resolverLines().push_back(line);
+  }
+  std::vector<std::string> place;
+  REQUIRE(readResolverPlace(place));
+  REQUIRE(place.size() <= MAXNS + MAXDNSRCH);
+  for (const std::string& part : place) {
+    REQUIRE(isPrintableAscii(part));
+    REQUIRE(part.starts_with("nameserver ") || part.starts_with("search "));
+    REQUIRE(part.size() < 256);
+    REQUIRE(part == CStringUtils::toLower(part));
+  }
+}
+
+}  // namespace
+
+// In the place of the C library's: name servers and search domains are the lines of the text.
+extern "C" int __wrap___res_ninit(res_state state) {
+  std::memset(state, 0, sizeof *state);
+  std::vector<std::string>& lines = resolverLines();
+  state->nscount = static_cast<int>(std::min<std::size_t>(lines.size(), MAXNS));
+  for (int i = 0; i < state->nscount; ++i) {
+    static sockaddr_in6 servers[MAXNS];
+    const char* const address = lines[static_cast<std::size_t>(i)].c_str();
+    sockaddr_in& v4 = state->nsaddr_list[i];
+    v4.sin_family = inet_pton(AF_INET, address, &v4.sin_addr) == 1 ? AF_INET : 0;
+    servers[i].sin6_family = AF_INET6;
+    const bool isV6 = inet_pton(AF_INET6, address, &servers[i].sin6_addr) == 1;
+    state->_u._ext.nsaddrs[i] = isV6 ? &servers[i] : nullptr;
+  }
+  for (std::size_t i = 0; i < std::min<std::size_t>(lines.size(), MAXDNSRCH); ++i) {
+    state->dnsrch[i] = lines[i].data();
+  }
+  return 0;
+}
+
+extern "C" void __wrap___res_nclose(res_state) {}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text = textOf(data, size);
+  requireLegible(text);
+  requireIndented(text);
+  requirePrintable(text);
+  requireFolded(text);
+  requireEncoded(text);
+  requireRightMessages(text);
+  requireRightBytes(text);
+  requireRightPlace(text);
+  return 0;
+}

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "vpn/Api/ConfigurationText.h"
+#include "vpn/Api/XmlScope.h"
 #include "vpn/Common/Utility/URL.h"
 
 namespace {
@@ -139,6 +140,7 @@ class DocumentReader {
   static void onEnd(void* user, const xmlChar*, const xmlChar*, const xmlChar*);
   static void onText(void* user, const xmlChar* text, int length);
   static void onDocumentType(void* user, const xmlChar*, const xmlChar*, const xmlChar*);
+  static void onEndOfDocument(void* user);
   static void onError(void* user, xmlErrorPtr error);
 
   void start(const std::string& name, const Attributes& attributes);
@@ -173,6 +175,7 @@ class DocumentReader {
   bool m_textReported = false;
   bool m_hostsFull = false;
   bool m_refused = false;
+  bool m_hasEnded = false;         // the parser has come to the end of the document
   std::exception_ptr m_exception;  // thrown in a callback, which may not leave through libxml2
 };
 
@@ -193,6 +196,9 @@ bool DocumentReader::read(ProfileFile& result) {
   if (m_exception) {
     std::rethrow_exception(m_exception);
   }
+  if (!m_refused && !m_hasEnded) {
+    throw std::bad_alloc();  // the only reason to stop that it may keep to itself
+  }
   if (!m_refused && m_context->wellFormed == 0) {
     refuse(0, "is not well-formed XML");
   }
@@ -204,6 +210,7 @@ bool DocumentReader::read(ProfileFile& result) {
 }
 
 void DocumentReader::parse(const std::string& contents) {
+  const CXmlScope library;
   m_context.reset(xmlNewParserCtxt());
   if (m_context == nullptr) {
     throw std::bad_alloc();
@@ -226,6 +233,7 @@ xmlSAXHandler DocumentReader::callbacks() {
   handler.characters = onText;
   handler.cdataBlock = onText;
   handler.internalSubset = onDocumentType;
+  handler.endDocument = onEndOfDocument;
   handler.serror = onError;
   return handler;
 }
@@ -300,6 +308,10 @@ void DocumentReader::onDocumentType(void* user, const xmlChar*, const xmlChar*, 
   guarded(user, [](DocumentReader& reader) {
     reader.refuse(reader.line(), "a document type (<!DOCTYPE ...>) is not allowed; remove it");
   });
+}
+
+void DocumentReader::onEndOfDocument(void* user) {
+  static_cast<DocumentReader*>(user)->m_hasEnded = true;
 }
 
 void DocumentReader::onError(void* user, xmlErrorPtr error) {

@@ -4,6 +4,8 @@
 
 #include <libxml/xmlwriter.h>
 
+#include "vpn/Api/XmlScope.h"
+
 namespace {
 
 const xmlChar* xmlText(const std::string& text) {
@@ -33,6 +35,7 @@ struct CSaxMemoryWriter::Output {
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
+  const CXmlScope library;  // first: the others are libxml2's
   xmlBufferPtr buffer;
   xmlTextWriterPtr writer;
 };

@@ -22,6 +22,7 @@
 #include <memory>
 #include <string_view>
 
+#include "vpn/Api/XmlScope.h"
 #include "vpn/include/StringUtils.h"
 
 namespace CacheDocument {
@@ -58,6 +59,15 @@ std::string findWrongBytes(const std::string& text) {
     }
   }
   return text.empty() ? "the file is empty" : "";
+}
+
+/// What stands in an attribute as it is; everything else `encode`s as \xNN.
+bool isPlain(unsigned char byte) { return byte > 0x20 && byte < 0x7f && byte != '\\'; }
+
+/// Whether `place` could have been written: a reference can bring in characters that the bytes of
+/// the document did not show, and some of them would make it unreadable once it is written again.
+bool isPlace(std::string_view place) {
+  return std::all_of(place.begin(), place.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
 int hexValue(char c) {
@@ -104,6 +114,13 @@ class CAttributes {
   const xmlChar** m_attributes;
   int m_count;
 };
+
+/// Whether the parser ended because it got no memory, which it does not always report, and which
+/// says nothing of the document.
+bool ranOutOfMemory(const xmlParserCtxt& parser) {
+  constexpr int InputLost = XML_PARSER_EOF;  // what it says when its input buffer cannot grow
+  return parser.errNo == XML_ERR_NO_MEMORY || parser.errNo == InputLost;
+}
 
 /// Takes the parser's events and builds the selections. The first error ends it.
 class CReader {
@@ -183,7 +200,7 @@ void CReader::startSelection(const std::string& name, const CAttributes& attribu
   if (m_entries.size() >= MaxEntries) {
     return fail("more than " + std::to_string(MaxEntries) + " selections");
   }
-  if (!attributes.find(PlaceAttribute, place) || place.find('\n') != std::string_view::npos) {
+  if (!attributes.find(PlaceAttribute, place) || !isPlace(place)) {
     return fail("a selection without a right place");
   }
   if (!attributes.find(KnownHeadendsAttribute, knownHeadends)) {
@@ -320,6 +337,9 @@ std::string CReader::read(const std::string& text, std::map<std::string, CCacheE
   if (m_exception != nullptr) {
     std::rethrow_exception(m_exception);
   }
+  if (ranOutOfMemory(*m_parser)) {
+    throw std::bad_alloc();
+  }
   if (m_problem.empty() && m_parser->wellFormed == 0) {
     m_problem = "not well-formed";
   }
@@ -341,7 +361,7 @@ std::string encode(const std::string& text) {
   encoded.reserve(text.size());
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (byte > 0x20 && byte < 0x7f && c != '\\') {
+    if (isPlain(byte)) {
       encoded += c;
     } else {
       encoded += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
@@ -354,16 +374,17 @@ bool decode(const std::string& text, std::string& decoded) {
   std::string plain;
   plain.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\') {
+    if (isPlain(static_cast<unsigned char>(text[i]))) {
       plain += text[i];
       continue;
     }
-    if (i + 3 >= text.size() || text[i + 1] != 'x') {
+    if (text[i] != '\\' || i + 3 >= text.size() || text[i + 1] != 'x') {
       return false;
     }
     const int high = hexValue(text[i + 2]);
     const int low = hexValue(text[i + 3]);
-    if (high < 0 || low < 0) {
+    // One spelling a text, so that what was read is written again to the letter.
+    if (high < 0 || low < 0 || isPlain(static_cast<unsigned char>(high * 16 + low))) {
       return false;
     }
     plain += static_cast<char>(high * 16 + low);
@@ -378,21 +399,18 @@ std::size_t writtenSize(const std::string& text) {
   std::size_t size = 0;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    const bool plain =
-        byte > 0x20 && byte < 0x7f && c != '\\' && c != '&' && c != '<' && c != '>' && c != '"';
+    const bool plain = isPlain(byte) && c != '&' && c != '<' && c != '>' && c != '"';
     size += plain ? 1 : LongestEscape;
   }
   return size;
 }
 
 std::string parse(const std::string& text, std::map<std::string, CCacheEntry>& entries) {
-  // Once for all threads: the library's own lazy initialisation is not made for several at once.
-  static const bool initialised = (xmlInitParser(), true);
-  static_cast<void>(initialised);
   std::string problem = findWrongBytes(text);
   if (!problem.empty()) {
     return problem;
   }
+  const CXmlScope library;
   return CReader().read(text, entries);
 }
 

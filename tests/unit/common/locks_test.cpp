@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/unit/common/counted.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
 
 namespace {
 
@@ -84,6 +85,58 @@ TEST(AutoLock, ItGivesTheLockBackOnEveryExit) {
   }
   const Rival rival(lock);
   EXPECT_TRUE(eventually([&rival] { return rival.gotIt(); }));
+}
+
+struct Turns {
+  CMonitor lock;
+  int next AHS_GUARDED_BY(lock) = 0;
+
+  /// Waits for the turn of `parity` and gives the other one its own.
+  void take(int parity, int turns) {
+    for (int turn = 0; turn < turns; ++turn) {
+      const CAutoLockT<CMonitor> guard(lock);
+      while (next % 2 != parity) {
+        lock.Wait();
+      }
+      ++next;
+      lock.NotifyAll();
+    }
+  }
+};
+
+TEST(Monitor, AWaitGivesTheLockBackAndEndsWithANotification) {
+  constexpr int EachThreads = 500;
+  Turns turns;
+  std::thread other([&turns] { turns.take(1, EachThreads); });
+  turns.take(0, EachThreads);
+  other.join();
+  const CAutoLockT<CMonitor> guard(turns.lock);
+  EXPECT_EQ(turns.next, 2 * EachThreads);
+}
+
+TEST(Monitor, ATimedWaitEndsWithoutANotificationOnceItsLimitHasPassed) {
+  CMonitor lock;
+  const auto limit = MonotonicClock::now() + std::chrono::milliseconds(5);
+  const CAutoLockT<CMonitor> guard(lock);
+  while (MonotonicClock::now() < limit) {
+    lock.WaitUntil(limit);
+  }
+}
+
+TEST(Monitor, AWaitThatHasEndedHoldsTheLock) AHS_NO_THREAD_SAFETY_ANALYSIS {
+  CMonitor lock;
+  lock.Lock();
+  lock.WaitUntil(MonotonicClock::now());
+  std::atomic<bool> gotIt{false};
+  std::thread rival([&] {
+    const CAutoLockT<CMonitor> guard(lock);
+    gotIt = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(gotIt);
+  lock.Unlock();
+  rival.join();
+  EXPECT_TRUE(gotIt);
 }
 
 TEST(SharedFlag, WhatOneThreadSetsAnotherReads) {

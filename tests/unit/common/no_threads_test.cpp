@@ -25,7 +25,8 @@ namespace {
 
 std::atomic<bool> refuses{true};
 
-/// Threads made by this program and not yet ended.
+/// Threads made by this program: in all, and those not yet ended.
+std::atomic<int> made{0};
 std::atomic<int> existing{0};
 
 struct Body {
@@ -51,6 +52,7 @@ int startDetachedThread(void* (*body)(void*), void* argument, std::size_t) noexc
   if (refuses) {
     return EAGAIN;
   }
+  ++made;
   ++existing;
   pthread_t thread;
   const int error = pthread_create(&thread, nullptr, counted, new Body{body, argument});
@@ -247,13 +249,14 @@ TEST_F(WithAReserve, OneThatTakesItsTimeHoldsUpNobodyOnceThereAreThreadsAgain) {
 }
 
 TEST_F(WithAReserve, ABodyThatEndsItsThreadIsSucceeded) {
+  const int before = made;
   auto* const leaving = new MustRun([] {
     refuses = false;  // none could be had before the body, one can be had after it
     pthread_exit(nullptr);
   });
   EXPECT_EQ(leaving->Start(), THREAD_SUCCESS);
   EXPECT_EQ(MustRun::finish(leaving), CThread::AbnormalExitCode);
-  ASSERT_TRUE(eventually([] { return existing == 1; }));
+  ASSERT_TRUE(eventually([before] { return made == before + 1; }));
   refuses = true;
   auto* const next = new MustRun([] {});
   EXPECT_EQ(next->Start(), THREAD_SUCCESS);
@@ -264,7 +267,7 @@ TEST_F(WithAReserve, ABodyThatEndsTheLastThreadLeavesNoneAndTheNextHolderMakesOn
   auto* const leaving = new MustRun([] { pthread_exit(nullptr); });
   EXPECT_EQ(leaving->Start(), THREAD_SUCCESS);
   MustRun::finish(leaving);
-  ASSERT_TRUE(eventually([] { return existing == 0; }));
+  ASSERT_TRUE(eventually([] { return existing == 0; })) << "which includes that it has said so";
   auto* const next = new MustRun([] {});
   EXPECT_EQ(next->Start(), THREAD_ERROR_CREATE_FAILED);
   refuses = false;

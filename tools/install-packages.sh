@@ -4,9 +4,9 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-dev libspdlog-dev
-  libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev iproute2 curl openssl)
-test=("${build[@]}" nginx haproxy fping binutils)
-lint=("${test[@]}" clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev shellcheck)
+  libproxy-dev libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev iproute2 curl openssl)
+test=("${build[@]}" nginx haproxy squid fping binutils clang-14 libclang-rt-14-dev)
+lint=("${test[@]}" clang-format-14 clang-tidy-14 shellcheck)
 bench=("${build[@]}" python3)
 
 case "${1:-}" in

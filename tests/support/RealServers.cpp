@@ -3,7 +3,10 @@
 
 #include "tests/support/RealServers.h"
 
+#include <unistd.h>
+
 #include <chrono>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -37,6 +40,62 @@ constexpr const char* HaproxyDefaults =
 
 constexpr const char* HaproxyAnswer =
     "  http-request return status 200 content-type text/plain string answer\n";
+
+/// Nothing is kept, in files or otherwise, and no name server is asked.
+constexpr const char* SquidDefaults =
+    "visible_hostname proxy.test\n"
+    "pid_filename none\n"
+    "cache_log /dev/null\n"
+    "access_log none\n"
+    "cache deny all\n"
+    "cache_mem 1 MB\n"
+    "memory_cache_shared off\n"
+    "collapsed_forwarding off\n"
+    "netdb_filename none\n"
+    "pinger_enable off\n"
+    "coredump_dir none\n"
+    "dns_nameservers 127.0.0.1\n"
+    "shutdown_lifetime 0 seconds\n";
+
+/// Where Debian keeps squid's programs for authentication.
+const std::string SquidPrograms = "/usr/lib/squid/";
+
+/// The password as `openssl passwd -apr1` writes it.
+constexpr const char* SquidPasswordHash = "$apr1$abcdefgh$nEyPIMQo/TGjICQdR0Zit/";
+
+std::string squidLogIns(const SquidProxy::Settings& settings, const TemporaryDirectory& directory) {
+  std::string logIns;
+  if (settings.ntlm) {
+    logIns +=
+        "auth_param ntlm program " + SquidPrograms + "ntlm_fake_auth\nauth_param ntlm children 1\n";
+  }
+  if (!settings.realm.empty()) {
+    std::string lines = SquidProxy::User + std::string(":") + SquidPasswordHash + "\n";
+    if (!settings.otherUser.empty()) {
+      lines.append(settings.otherUser + ":").append(settings.otherPasswordHash + "\n");
+    }
+    const std::string users = directory.Write("users", lines);
+    logIns += "auth_param basic program " + SquidPrograms + "basic_ncsa_auth " + users +
+              "\nauth_param basic children 1\nauth_param basic casesensitive on\nauth_param basic "
+              "realm " +
+              settings.realm + "\n";
+  }
+  return logIns;
+}
+
+std::string squidRules(const SquidProxy::Settings& settings) {
+  std::string rules = "acl tunnels port " + std::to_string(settings.tunnelPort) +
+                      "\nhttp_access deny CONNECT !tunnels\n";
+  rules += settings.ntlm || !settings.realm.empty()
+               ? "acl known proxy_auth REQUIRED\nhttp_access allow known\nhttp_access deny all\n"
+               : "http_access allow all\n";
+  if (settings.parent != 0) {
+    rules += "cache_peer 127.0.0.1 parent " + std::to_string(settings.parent) +
+             " 0 no-query no-digest no-netdb-exchange\ncache_peer_access 127.0.0.1 allow CONNECT\n"
+             "never_direct allow CONNECT\n";
+  }
+  return rules;
+}
 
 std::vector<std::string> haproxyCommand() {
   return {findProgram("haproxy", "haproxy"), "-db", "-f", "haproxy.cfg"};
@@ -134,6 +193,34 @@ OpensslServer::OpensslServer(const TestCertificates& certificates, Mode mode)
   if (mode == Mode::ClientCertificate) {
     command.insert(command.end(), {"-Verify", "1", "-CAfile", certificates.Authority()});
   }
+  Start(command);
+}
+
+SquidProxy::SquidProxy(const Settings& settings) : RealServer(settings.address) {
+  namespace fs = std::filesystem;
+  const bool isRoot = ::geteuid() == 0;
+  if (isRoot) {
+    // It is to read its files as another user.
+    fs::permissions(Directory().Path(), fs::perms::others_read | fs::perms::others_exec,
+                    fs::perm_options::add);
+  }
+  Directory().Write("squid.conf", SquidDefaults + ("http_port " + Address() + "\n") +
+                                      squidLogIns(settings, Directory()) + squidRules(settings));
+  std::vector<std::string> command;
+  if (isRoot) {
+    // squid would change its user by itself, but then outlive a test that dies.
+    command = {findProgram("setpriv", "util-linux"),
+               "--reuid=proxy",
+               "--regid=proxy",
+               "--clear-groups",
+               "--pdeathsig",
+               "KILL"};
+  }
+  // The name tells the shared memory of several apart.
+  command.insert(command.end(),
+                 {findProgram("squid", "squid"), "-N", "-d", "1", "-n",
+                  "test" + std::to_string(::getpid()) + "x" + std::to_string(Where().port), "-f",
+                  "squid.conf"});
   Start(command);
 }
 

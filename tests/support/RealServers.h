@@ -88,4 +88,31 @@ class OpensslServer : public RealServer {
   explicit OpensslServer(const TestCertificates& certificates, Mode mode = Mode::Page);
 };
 
+/// squid, a proxy. It takes tunnels to one port alone, and may send them to another proxy instead
+/// of where they are to go. Started by root it runs as squid's own user.
+class SquidProxy : public RealServer {
+ public:
+  struct Settings {
+    std::string address = "127.0.0.1";
+    /// Realm of the Basic authentication that it demands; empty: it lets everybody in. It is sent
+    /// as it stands: squid escapes nothing.
+    std::string realm;
+    /// A user whom Basic authentication knows besides, and the password as crypt(3) has it; both
+    /// may be empty.
+    std::string otherUser;
+    std::string otherPasswordHash;
+    /// Demands NTLM besides, or alone without a realm, and takes every password.
+    bool ntlm = false;
+    /// The one port that tunnels may go to.
+    unsigned short tunnelPort = 443;
+    /// Port of a proxy of this machine that all tunnels are sent to; 0 for none.
+    unsigned short parent = 0;
+  };
+  /// The user that Basic authentication knows.
+  static constexpr const char* User = "anna";
+  static constexpr const char* Password = "swordfish-Of-The-Office";
+
+  explicit SquidProxy(const Settings& settings);
+};
+
 }  // namespace tests

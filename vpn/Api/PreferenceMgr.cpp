@@ -63,6 +63,7 @@ PreferenceMgr::PreferenceMgr(const Sources& sources) : m_cacheFile(sources.cache
   loadPreferences(sources.userPreferencesFile, m_userPreferences);
   reportProxyOfUser(sources.userPreferencesFile);
   loadPreferences(sources.globalPreferencesFile, m_globalPreferences);
+  chooseProxy(sources.proxy);
   if (!sources.addresses.empty()) {
     m_profileMgr.addAddresses(AddressProfile, sources.addresses);
   } else if (!sources.profileDirectory.empty()) {
@@ -134,6 +135,27 @@ void PreferenceMgr::reportProxyOfUser(const std::string& path) {
       m_problems.push_back(problem);
     }
   }
+}
+
+// The choice goes into both files, because a run reads the setting from whichever has it and the
+// proxy from the global one.
+void PreferenceMgr::chooseProxy(const Sources::Proxy& proxy) {
+  if (proxy.choice == Sources::Proxy::Choice::OfFiles) {
+    return;
+  }
+  const bool isGiven = proxy.choice == Sources::Proxy::Choice::Given;
+  const Preference setting(
+      ProxySettings, isGiven ? PreferenceBase::ProxyOverride : PreferenceBase::ProxyNone, false);
+  PreferenceInfo user = m_userPreferences.getPreferences();
+  user.set(setting);
+  m_userPreferences.setPreferences(user);
+  PreferenceInfo global = m_globalPreferences.getPreferences();
+  global.set(setting);
+  if (isGiven) {
+    global.set(Preference(ProxyHost, proxy.host, false));
+    global.set(Preference(ProxyPort, proxy.port, false));
+  }
+  m_globalPreferences.setPreferences(global);
 }
 
 void PreferenceMgr::logProblems() const {

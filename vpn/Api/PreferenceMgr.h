@@ -28,6 +28,18 @@ class PreferenceMgr {
   /// Where preferences and profiles come from. An empty path stands for nothing to read; a file or
   /// directory that does not exist counts as empty.
   struct Sources {
+    /// The caller's own choice of a proxy. It stands as if every file held it.
+    struct Proxy {
+      enum class Choice {
+        OfFiles,  ///< the caller makes none
+        None,     ///< `ProxySettings` is "none"
+        Given,    ///< `ProxySettings` is "override"; host and port go before the global file's
+      };
+      Choice choice = Choice::OfFiles;
+      std::string host;  ///< as it stands in a URL: an IPv6 address in brackets
+      std::string port;  ///< empty for the default
+    };
+
     std::string profileDirectory;
     std::string userPreferencesFile;
     std::string globalPreferencesFile;
@@ -35,6 +47,7 @@ class PreferenceMgr {
     std::string cacheFile;
     /// Addresses that take the place of all profiles, if there are any.
     std::vector<std::string> addresses;
+    Proxy proxy;
   };
 
   /// Creates the instance and acquires it for the caller. Wrong files are no failure: they are
@@ -51,11 +64,13 @@ class PreferenceMgr {
   /// The profiles; they belong to this object.
   STATUSCODE getProfileMgr(ProfileMgr*& profileMgr);
 
-  /// The value in force: that of the user's file, else of the global file, else the default.
+  /// The value in force: the caller's choice, else that of the user's file, else of the global
+  /// file, else the default.
   /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no preference.
   STATUSCODE getPreferenceValue(PreferenceId id, std::string& value);
 
-  /// The parsed file of a scope, an empty one when there is no such file; belongs to this object.
+  /// The parsed file of a scope, an empty one when there is no such file; belongs to this object. A
+  /// proxy that the caller chose stands in it in place of the file's.
   /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no scope.
   STATUSCODE getParsedPreferenceFile(PreferenceScope scope, UserPreferences*& preferences);
 
@@ -75,6 +90,7 @@ class PreferenceMgr {
 
   void loadPreferences(const std::string& path, UserPreferences& preferences);
   void reportProxyOfUser(const std::string& path);
+  void chooseProxy(const Sources::Proxy& proxy);
   void logProblems() const;
 
   // The lock is never freed, so that a thread that outlives the process's static objects may still

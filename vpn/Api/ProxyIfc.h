@@ -12,7 +12,8 @@ enum ProxyType {
   ProxyTypeMax = 4,
 };
 
-/// A provider of a proxy and of the credentials for it, written by the client.
+/// A provider of a proxy and of the credentials for it, written by the client or taken ready-made
+/// from `ProxyProviders.h`.
 ///
 /// A selection run that is given a provider owns and deletes it. `getProxyType` is called from many
 /// threads at once, also after the run's result has been delivered; the others on the run's thread.

@@ -6,6 +6,10 @@
 
 PROXY_DATA::PROXY_DATA() : determineProxy(false) {}
 
+// By way of a complete object: its destructor wipes what has been copied when there is no memory
+// for the rest.
+PROXY_DATA::PROXY_DATA(const PROXY_DATA& other) : PROXY_DATA() { *this = other; }
+
 PROXY_DATA& PROXY_DATA::operator=(const PROXY_DATA& other) {
   if (this == &other) {
     return *this;

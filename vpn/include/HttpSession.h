@@ -25,10 +25,11 @@ enum HTTP_SESSION_ERRORS : STATUSCODE {
 
 /// The proxy of an HTTP request and the credentials for it. The user name and the password are
 /// secrets: destruction and assignment overwrite their characters before the memory is given back.
+/// There is no move: a copy leaves the original's characters where its destructor finds them.
 struct PROXY_DATA {
   PROXY_DATA();
   ~PROXY_DATA();
-  PROXY_DATA(const PROXY_DATA&) = default;
+  PROXY_DATA(const PROXY_DATA& other);
   PROXY_DATA& operator=(const PROXY_DATA& other);
 
   /// True: the probe finds the proxy itself from the system's settings. False: `proxyServer` holds,

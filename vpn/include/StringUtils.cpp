@@ -1,10 +1,13 @@
-// Small string functions: locale-free folding, escaping for one line of output, wiping of secrets.
+// Small string functions: locale-free folding, escaping for one line of output, and the holder of
+// secrets. There is one rule of wiping, SecureString::Reset; whatever holds a secret follows it
+// before memory is released or reused.
 
 #include "vpn/include/StringUtils.h"
 
 #include <string.h>
 
 #include <algorithm>
+#include <stdexcept>
 
 std::string CStringUtils::toLower(const std::string& text) {
   std::string lowered(text);
@@ -34,12 +37,113 @@ std::string CStringUtils::printable(const std::string& text, std::size_t maxLeng
   return escaped;
 }
 
-void CStringUtils::wipe(std::string& secret) {
-  // The whole buffer: a shorter text that was assigned later leaves the rest of a longer one
-  // behind.
-  secret.resize(secret.capacity());
-  // A plain loop of assignments to a string that is about to die is dead code to the optimiser;
-  // explicit_bzero(3) is defined to be kept.
-  explicit_bzero(secret.data(), secret.size());
-  secret.clear();
+void CStringUtils::wipe(std::string& secret) noexcept { SecureString<std::string>::Reset(secret); }
+
+namespace {
+
+/// So many characters are to fit after text has moved to a larger buffer: a run of small appends
+/// shall not copy the secret each time.
+constexpr std::size_t Headroom = 256;
+
+template <class StrT>
+std::size_t lengthToNul(const StrT& s) {
+  return StrT::traits_type::length(s.c_str());
 }
+
+template <class CharT>
+const CharT* checked(const CharT* str) {
+  if (str == nullptr) {
+    throw std::logic_error("basic_string::_S_construct null not valid");
+  }
+  return str;
+}
+
+/// A loop of assignments, or memset, to memory that is about to be released is dead code to the
+/// optimiser; explicit_bzero(3) is defined to be kept.
+template <class CharT>
+void zero(CharT* characters, std::size_t count) {
+  explicit_bzero(characters, count * sizeof(CharT));
+}
+
+/// Empties a string after its whole buffer has been set to zero. Allocates nothing.
+template <class StrT>
+void zeroBuffer(StrT& s) {
+  s.resize(s.capacity());  // a shorter text leaves the rest of a longer one behind its end
+  zero(s.data(), s.size());
+  s.clear();
+}
+
+}  // namespace
+
+template <class StrT>
+SecureString<StrT>::SecureString(const_pointerT str) : m_strValue(checked(str)) {}
+
+template <class StrT>
+SecureString<StrT>::SecureString(const_pointerT str, std::size_t n) {
+  if (n != 0) {
+    m_strValue.assign(checked(str), n);
+  }
+}
+
+template <class StrT>
+SecureString<StrT>::SecureString(const StrT& s) : m_strValue(s.c_str(), lengthToNul(s)) {}
+
+template <class StrT>
+SecureString<StrT>::SecureString(const SecureString& other) : m_strValue(other.c_str()) {}
+
+template <class StrT>
+SecureString<StrT>::~SecureString() {
+  Reset(m_strValue);
+}
+
+// Without a check for self-assignment on purpose: callers know that it empties the text.
+template <class StrT>
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment, cert-oop54-cpp)
+SecureString<StrT>& SecureString<StrT>::operator=(const SecureString& other) {
+  Reset(m_strValue);
+  m_strValue.assign(other.c_str());  // a buffer that this outgrows holds zeros
+  return *this;
+}
+
+template <class StrT>
+SecureString<StrT>& SecureString<StrT>::operator+=(const StrT& s) {
+  if (m_strValue.length() + s.length() < m_strValue.capacity()) {
+    m_strValue.append(s.c_str(), lengthToNul(s));
+  } else {
+    grow(s);
+  }
+  return *this;
+}
+
+template <class StrT>
+void SecureString<StrT>::grow(const StrT& s) {
+  const SecureString tmp(m_strValue.data(), m_strValue.length());
+  const bool itself = &s == &m_strValue;
+  const StrT& added = itself ? tmp.m_strValue : s;  // what is appended to itself is about to go
+  const std::size_t needed = added.length() + tmp.length() + Headroom;
+  Reset(m_strValue);
+  m_strValue.reserve(needed);
+  m_strValue.assign(tmp.m_strValue);
+  m_strValue.append(added.c_str(), lengthToNul(added));
+}
+
+template <class StrT>
+void SecureString<StrT>::Reset(StrT& s) noexcept {
+  zeroBuffer(s);
+  // A short text is kept inside the string object. When it grows out of it, the object still has
+  // characters of it: they are reached while the buffer is parked elsewhere.
+  StrT parked;
+  parked.swap(s);
+  zeroBuffer(s);
+  s.swap(parked);
+}
+
+template <class StrT>
+SecureString<StrT> SecureString<StrT>::GetAndClear(const_pointerT str) {
+  SecureString copy(str);
+  zero(const_cast<typename StrT::value_type*>(str), copy.length());
+  return copy;
+}
+
+template class SecureString<std::string>;
+template class SecureString<std::wstring>;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 /// String functions shared by the client library. All are pure functions that any thread may call.
@@ -16,7 +17,61 @@ class CStringUtils {
   /// backslash become \xNN, and what exceeds `maxLength` characters is cut and marked "...".
   static std::string printable(const std::string& text, std::size_t maxLength = 200);
 
-  /// Wipes a secret: sets every character of the string's buffer to 0 in place, also those beyond
-  /// its end, in a way that the optimiser keeps, then empties the string. Throws nothing.
-  static void wipe(std::string& secret);
+  /// Wipes a secret; see `SecureString::Reset`.
+  static void wipe(std::string& secret) noexcept;
 };
+
+/// A secret text. Whatever it held is overwritten with zeros before its memory is released or
+/// reused. There is one for `std::string` and one for `std::wstring`; lengths are in characters.
+///
+/// An object may be used by one thread at a time. Copies own buffers of their own; there is no
+/// move, which might leave characters behind in the object that was moved from. Sources that are
+/// null throw std::logic_error("basic_string::_S_construct null not valid"); all that copies may
+/// throw std::bad_alloc.
+template <class StrT>
+class SecureString {
+ public:
+  using const_pointerT = typename StrT::const_pointer;
+
+  SecureString() = default;
+  /// The characters up to the terminating NUL.
+  SecureString(const_pointerT str);
+  /// Exactly `n` characters, NULs included. A null `str` will do if there are none.
+  SecureString(const_pointerT str, std::size_t n);
+  /// The characters up to the first NUL.
+  SecureString(const StrT& s);
+  SecureString(const SecureString& other);
+  ~SecureString();
+
+  /// Wipes the own text, then takes the other's characters up to the first NUL. Assigned to itself,
+  /// the text becomes empty.
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment, cert-oop54-cpp): see above
+  SecureString& operator=(const SecureString& other);
+
+  /// Appends the characters up to the first NUL. Text that no longer fits moves to a larger buffer
+  /// with room for 256 characters more, after the old one has been wiped. `s` may be the own text.
+  SecureString& operator+=(const StrT& s);
+
+  /// The text itself. What its own operations outgrow or move elsewhere is not wiped.
+  operator StrT&() { return m_strValue; }
+
+  const_pointerT c_str() const { return m_strValue.c_str(); }
+  std::size_t length() const { return m_strValue.length(); }
+
+  /// Wipes a string in place and leaves it empty: every character of its buffer becomes 0, also
+  /// those beyond its end, and those of a short text that the object itself held before it had a
+  /// buffer. The buffer is kept. No other string is changed, and the optimiser drops none of it.
+  static void Reset(StrT& s) noexcept;
+
+  /// A copy of `str` up to its terminating NUL; the source's characters are set to 0, although
+  /// `str` promises not to. They must be writable.
+  static SecureString GetAndClear(const_pointerT str);
+
+ private:
+  void grow(const StrT& s);
+
+  StrT m_strValue;
+};
+
+extern template class SecureString<std::string>;
+extern template class SecureString<std::wstring>;

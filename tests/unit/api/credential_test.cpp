@@ -3,16 +3,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <new>
+#include <string>
+#include <utility>
 
+#include "tests/support/ReleasedMemory.h"
 #include "vpn/Api/ProxyIfc.h"
 
 using Credential = ProxyIfc::UnprotectedCredential;
+using InPlace = tests::InPlace<Credential>;
+using tests::FailingAllocation;
+using tests::LeakWatch;
 
 namespace {
 
@@ -20,65 +22,7 @@ namespace {
 const char* const LongSecret = "correct-horse-battery-staple-0123456789";
 const char* const ShortSecret = "hunter2!";
 
-// What is looked for; null: nothing. A part of it counts.
-std::atomic<const char*> g_lookedFor{nullptr};
-std::atomic<int> g_leaks{0};
-
-bool contains(const void* memory, std::size_t size, const char* text) {
-  return memmem(memory, size, text, std::strlen(text)) != nullptr;
-}
-
-void release(void* memory) noexcept {
-  const char* const lookedFor = g_lookedFor.load();
-  if (memory != nullptr && lookedFor != nullptr &&
-      contains(memory, malloc_usable_size(memory), lookedFor)) {
-    ++g_leaks;
-  }
-  std::free(memory);
-}
-
-/// Counts released blocks that hold the text.
-class LeakWatch {
- public:
-  explicit LeakWatch(const char* text) {
-    g_leaks = 0;
-    g_lookedFor = text;
-  }
-  ~LeakWatch() { g_lookedFor = nullptr; }
-  LeakWatch(const LeakWatch&) = delete;
-  LeakWatch& operator=(const LeakWatch&) = delete;
-
-  int Leaks() const { return g_leaks; }
-};
-
-/// A credential in storage that outlives it, so that its own bytes can be looked at afterwards.
-class InPlace {
- public:
-  template <class... Args>
-  explicit InPlace(Args&&... args) {
-    m_object = new (m_storage) Credential(std::forward<Args>(args)...);
-  }
-  Credential& operator*() { return *m_object; }
-  void destroy() { m_object->~Credential(); }
-  bool holds(const char* text) const { return contains(m_storage, sizeof m_storage, text); }
-
- private:
-  alignas(Credential) unsigned char m_storage[sizeof(Credential)] = {};
-  Credential* m_object;
-};
-
 }  // namespace
-
-// Not inlined: the compiler would see malloc and free meet operator delete and new, and warn.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const memory = std::malloc(size != 0 ? size : 1);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { release(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { release(memory); }
 
 TEST(UnprotectedCredential, ADefaultOneIsEmpty) {
   const Credential credential;
@@ -164,7 +108,10 @@ TEST(UnprotectedCredential, ItCanBeAppendedToItself) {
 
 TEST(UnprotectedCredential, TheSearchOfReleasedMemoryFindsWhatIsNotWiped) {
   const LeakWatch watch(LongSecret);
-  { const std::string plain(LongSecret); }
+  {
+    const std::string plain(LongSecret);
+    tests::use(plain.data());
+  }
   EXPECT_EQ(watch.Leaks(), 1);
 }
 
@@ -204,6 +151,58 @@ TEST(UnprotectedCredential, GrowthOutOfTheObjectLeavesNothingInIt) {
   credential.destroy();
 }
 
+TEST(UnprotectedCredential, GrowthOutOfTheObjectLeavesNothingInItAfterItsDestructionEither) {
+  InPlace credential;
+  *credential = "0123456789-hunt";
+  EXPECT_TRUE(credential.holds("89-hunt"));
+  *credential += "a text that does not fit inside the object any more";
+  credential.destroy();
+  EXPECT_FALSE(credential.holds("89-hunt"));
+}
+
+TEST(UnprotectedCredential, WhatIsMovedIsCopiedSoNothingIsLeftUnwipedInTheSource) {
+  const LeakWatch watch("staple");
+  InPlace source;
+  *source = ShortSecret;
+  {
+    Credential longOne;
+    longOne = LongSecret;
+    const Credential moved(std::move(longOne));
+    EXPECT_STREQ(moved.c_str(), LongSecret);
+    Credential assigned;
+    assigned = std::move(*source);
+    EXPECT_STREQ(assigned.c_str(), ShortSecret);
+  }
+  source.destroy();
+  EXPECT_FALSE(source.holds("unter2"));
+  EXPECT_EQ(watch.Leaks(), 0);
+}
+
+TEST(UnprotectedCredential, WhatFindsNoMemoryLeavesNothingBehind) {
+  const std::string longer(5000, 'z');
+  Credential other;
+  other = longer.c_str();
+  const LeakWatch watch("staple");
+  {
+    Credential copied;
+    copied = LongSecret;
+    Credential assigned(copied);
+    const FailingAllocation failing(1);
+    EXPECT_THROW(assigned = other, std::bad_alloc);
+    EXPECT_TRUE(assigned.empty());
+    EXPECT_TRUE(failing.HasFailed());
+  }
+  {
+    Credential grown;
+    grown = LongSecret;
+    const FailingAllocation failing(1);
+    EXPECT_THROW(grown += other, std::bad_alloc);
+    EXPECT_STREQ(grown.c_str(), LongSecret);
+    EXPECT_TRUE(failing.HasFailed());
+  }
+  EXPECT_EQ(watch.Leaks(), 0);
+}
+
 TEST(UnprotectedCredential, AShorterValueLeavesNothingOfALongerOne) {
   const LeakWatch watch("staple");
   Credential credential;
@@ -212,9 +211,9 @@ TEST(UnprotectedCredential, AShorterValueLeavesNothingOfALongerOne) {
   const std::size_t length = std::strlen(LongSecret);
   credential = "x";
   ASSERT_EQ(credential.c_str(), buffer) << "the buffer is kept, so its end can be looked at";
-  EXPECT_FALSE(contains(buffer, length, "staple"));
+  EXPECT_FALSE(tests::holds(buffer, length, "staple"));
   credential = Credential{std::string("yy")};
-  EXPECT_FALSE(contains(buffer, length, "staple"));
+  EXPECT_FALSE(tests::holds(buffer, length, "staple"));
   EXPECT_EQ(watch.Leaks(), 0);
 }
 

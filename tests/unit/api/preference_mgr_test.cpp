@@ -123,6 +123,46 @@ TEST_F(PreferenceMgrTest, AProxyInTheUsersPreferencesIsReportedAsWithoutEffect) 
   EXPECT_EQ(preferences->getProblems()[0].file, m_sources.userPreferencesFile);
 }
 
+TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesGoesBeforeBothFiles) {
+  writeUser(preferenceElement("ProxySettings", "none"));
+  writeGlobal(preferenceElement("ProxySettings", "system") +
+              preferenceElement("ProxyHost", "proxy1") + preferenceElement("ProxyPort", "3128"));
+  m_sources.proxy = {PreferenceMgr::Sources::Proxy::Choice::Given, "[::1]", ""};
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyOverride);
+  UserPreferences* global = nullptr;
+  ASSERT_EQ(preferences->getParsedPreferenceFile(Global, global), PREFERENCEMGR_SUCCESS);
+  EXPECT_EQ(global->getProxyHost(), "[::1]");
+  EXPECT_EQ(global->getProxyPort(), "");
+}
+
+TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesNeedsNoFile) {
+  m_sources.proxy = {PreferenceMgr::Sources::Proxy::Choice::Given, "proxy2", "8080"};
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyOverride);
+  EXPECT_EQ(valueOf(preferences, ProxyHost), "proxy2");
+  EXPECT_EQ(valueOf(preferences, ProxyPort), "8080");
+  EXPECT_THAT(preferences->getProblems(), IsEmpty());
+}
+
+TEST_F(PreferenceMgrTest, ACallerWithoutAProxyGoesBeforeBothFiles) {
+  writeUser(preferenceElement("ProxySettings", "override"));
+  writeGlobal(preferenceElement("ProxySettings", "override") +
+              preferenceElement("ProxyHost", "proxy1"));
+  m_sources.proxy.choice = PreferenceMgr::Sources::Proxy::Choice::None;
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyNone);
+}
+
+TEST_F(PreferenceMgrTest, AChoiceOfAProxyLeavesTheOtherPreferencesAsTheyAre) {
+  writeUser(preferenceElement("SelectionImprovement", "5"));
+  writeGlobal(preferenceElement("SelectionClearCache", "7"));
+  m_sources.proxy = {PreferenceMgr::Sources::Proxy::Choice::Given, "proxy2", "8080"};
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5");
+  EXPECT_EQ(valueOf(preferences, SelectionClearCache), "7");
+}
+
 TEST_F(PreferenceMgrTest, ANumberThatIsNoPreferenceIsRefused) {
   const ScopedPreferenceMgr preferences(m_sources);
   std::string value = "untouched";

@@ -70,6 +70,27 @@ TEST(HttpHeaderResponse, SeveralChallengesMayStandInSeveralLines) {
             "b");
 }
 
+TEST(HttpHeaderResponse, UnknownSchemesBeforeAndAfterDoNotMatter) {
+  EXPECT_EQ(realmOfChallenge("X-Own abc/+==, Own2 a=b, c=\"d, Basic realm=no\", Basic realm=\"b\", "
+                             "Basic2 realm=\"c\""),
+            "b");
+  EXPECT_EQ(realmOf("Proxy-Authenticate: Own realm=\"no\"\r\nProxy-Authenticate: Digest\r\n"
+                    " realm=\"no\"\r\nProxy-Authenticate: Negotiate YII=\r\n"
+                    "Proxy-Authenticate: Basic realm=\"b\"\r\n"),
+            "b");
+}
+
+TEST(HttpHeaderResponse, AChallengeThatIsNotBasicsOwnDoesNotLendItsRealm) {
+  EXPECT_EQ(realmOfChallenge("Basic, Digest realm=\"d\""), "");
+  EXPECT_EQ(realmOf("Proxy-Authenticate: Basic\r\nProxy-Authenticate: realm=\"x\"\r\n"), "");
+}
+
+TEST(HttpHeaderResponse, QuotesThatAProxyDoesNotEscapeMakeNoRealm) {
+  EXPECT_EQ(realmOfChallenge(R"(Basic realm="the "Office"")"), "");
+  EXPECT_EQ(realmOfChallenge(R"(Basic realm="First "office", 2nd floor")"), "");
+  EXPECT_EQ(realmOfChallenge("Basic realm='Office'"), "'Office'");
+}
+
 TEST(HttpHeaderResponse, TheFirstRealmOfASchemeCounts) {
   EXPECT_EQ(realmOfChallenge("Basic realm=\"one\", Basic realm=\"two\""), "one");
   EXPECT_EQ(realmOfChallenge("Basic realm=\"\", Basic realm=\"two\""), "two");
@@ -132,6 +153,10 @@ TEST(HttpHeaderResponse, ARealmWithControlCharactersIsRefused) {
   EXPECT_EQ(realmOfChallenge("Basic realm=\"a\rb\""), "");
   EXPECT_EQ(realmOfChallenge("Basic realm=\"a\\\x7f\""), "");
   EXPECT_EQ(realmOfChallenge(std::string("Basic realm=\"a\0b\"", 17)), "");
+  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\xc2\x9b"
+                             "2J\""),
+            "");
+  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\xc2\xa0\xc3\x9c\""), "a\xc2\xa0\xc3\x9c");
 }
 
 TEST(HttpHeaderResponse, ARealmIsTakenUpTo4096Bytes) {

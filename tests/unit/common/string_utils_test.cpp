@@ -6,7 +6,6 @@
 #include <clocale>
 #include <string>
 
-#include "vpn/include/HttpSession.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
@@ -65,42 +64,6 @@ TEST(StringUtils, WipeOfAnEmptyStringLeavesItEmpty) {
   std::string empty;
   CStringUtils::wipe(empty);
   EXPECT_TRUE(empty.empty());
-}
-
-TEST(ProxyData, ItStartsWithoutAProxy) {
-  const PROXY_DATA data;
-  EXPECT_FALSE(data.determineProxy);
-  EXPECT_TRUE(data.proxyServer.empty());
-  EXPECT_TRUE(data.proxyUser.empty());
-  EXPECT_TRUE(data.proxyPswd.empty());
-}
-
-TEST(ProxyData, AssignmentTakesEveryFieldAndLeavesNothingOfTheFormerSecrets) {
-  PROXY_DATA data;
-  data.proxyPswd = std::string(100, 'x');
-  const char* const buffer = data.proxyPswd.data();
-  PROXY_DATA other;
-  other.determineProxy = true;
-  other.proxyServer = "http=http://proxy:3128";
-  other.proxyUser = "user";
-  other.proxyPswd = "short";
-  data = other;
-  EXPECT_TRUE(data.determineProxy);
-  EXPECT_EQ(data.proxyServer, other.proxyServer);
-  EXPECT_EQ(data.proxyUser, "user");
-  EXPECT_EQ(data.proxyPswd, "short");
-  ASSERT_EQ(data.proxyPswd.data(), buffer);
-  EXPECT_EQ(std::count(buffer, buffer + 100, 'x'), 0);
-}
-
-TEST(ProxyData, AssignmentToItselfKeepsItsSecrets) {
-  PROXY_DATA data;
-  data.proxyUser = "user";
-  data.proxyPswd = "password";
-  PROXY_DATA& same = data;
-  data = same;
-  EXPECT_EQ(data.proxyUser, "user");
-  EXPECT_EQ(data.proxyPswd, "password");
 }
 
 }  // namespace

@@ -31,6 +31,19 @@ bool isTokenCharacter(char c) {
 
 bool isControl(char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; }
 
+/// Also those above 127 in UTF-8, which a terminal obeys like the others.
+bool hasControl(std::string_view text) {
+  unsigned char before = 0;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (isControl(c) || (before == 0xC2U && byte >= 0x80U && byte < 0xA0U)) {
+      return true;
+    }
+    before = byte;
+  }
+  return false;
+}
+
 bool equalsIgnoringCase(std::string_view text, std::string_view lowerCase) {
   return text.size() == lowerCase.size() && CStringUtils::toLower(std::string(text)) == lowerCase;
 }
@@ -145,8 +158,7 @@ void readParameter(std::string_view element, CHALLENGE& challenge) {
 /// The realm of a challenge that has been read to its end, if it is one that was looked for.
 std::string usableRealm(const CHALLENGE& challenge) {
   const bool usable = challenge.wanted && challenge.wellFormed &&
-                      challenge.realm.size() <= kMaxRealmLength &&
-                      std::none_of(challenge.realm.begin(), challenge.realm.end(), isControl);
+                      challenge.realm.size() <= kMaxRealmLength && !hasControl(challenge.realm);
   return usable ? challenge.realm : std::string();
 }
 

@@ -16,7 +16,8 @@ class CHttpHeaderResponse {
   /// The realm of the proxy's challenge for an authentication scheme ("Basic", in any letter case),
   /// unescaped; empty if there is no such challenge or it names no realm. Several challenges may
   /// stand in one Proxy-Authenticate line or in several. A challenge that is not well formed is
-  /// skipped, and so is a realm longer than 4096 bytes or with control characters in it.
+  /// skipped, and so is a realm longer than 4096 bytes or with control characters in it, those of
+  /// Unicode above 127 included.
   std::string getProxyAuthRealm(std::string scheme) const;
 
  private:

@@ -6,9 +6,11 @@
 #include "vpn/Common/IP/HttpProbe.h"
 
 #include <curl/curl.h>
+#include <dirent.h>
 #include <linux/tcp.h>  // glibc's netinet/tcp.h ends before tcpi_min_rtt
 #include <locale.h>
 #include <netinet/in.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
@@ -21,11 +23,12 @@
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
-#include <filesystem>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
+#include "vpn/Common/IP/SystemProxy.h"
+#include "vpn/Common/IP/TransportMemory.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/Locks.h"
 
@@ -51,10 +54,19 @@ constexpr unsigned int kMaxTimeoutSeconds = INT_MAX / 1000;
 // The default of the scheme in "http://proxy".
 constexpr std::string_view kDefaultProxyPort = "80";
 
+// The ways to log in to a proxy that take a password.
+constexpr auto kPasswordLogIns = CURLAUTH_BASIC | CURLAUTH_NTLM;
+
+constexpr unsigned int kProxyChallenge = 407;
+
 constexpr long long kUnknown = -1;
 
 /// The process's settings. Probes run on threads that nobody waits for, so they are never freed.
 struct SETTINGS {
+  /// Nor may OpenSSL's own state go while the process exits: a probe may be in a handshake then.
+  /// Who is first to use OpenSSL in a process decides, so this comes before everything else here.
+  SETTINGS() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
+
   CManualLock lock;
   std::shared_ptr<HttpProbe::Watcher> watcher AHS_GUARDED_BY(lock);
   /// Null until the first secure probe needs it.
@@ -68,15 +80,16 @@ SETTINGS& settings() {
   return instance;
 }
 
-/// Whether OpenSSL can look certificates up in a directory, by links named for their hash.
+/// Whether OpenSSL can look certificates up in a directory, by links named for their hash. The
+/// iterators of the standard library end the process when they get no memory for a name.
 bool isCertificateDirectory(const char* path) {
-  if (path == nullptr) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(path != nullptr ? opendir(path) : nullptr,
+                                                      closedir);
+  if (!directory) {
     return false;
   }
-  std::error_code error;
-  std::filesystem::directory_iterator entry(path, error);
-  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-    if (entry->path().extension() == ".0") {
+  while (const dirent* entry = readdir(directory.get())) {
+    if (std::string_view(static_cast<const char*>(entry->d_name)).ends_with(".0")) {
       return true;
     }
   }
@@ -121,11 +134,20 @@ std::shared_ptr<HttpProbe::Watcher> currentWatcher() {
   return process.watcher;
 }
 
-/// libcurl's own process-wide state. It is never torn down: a probe may still run at exit.
+/// libcurl's own process-wide state. It is never torn down: a probe may still run at exit. Its
+/// memory is wiped before it is given back, for it holds credentials in many forms and wipes none
+/// itself.
 bool initialiseTransport() {
-  static const bool done = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  static const bool done =
+      curl_global_init_mem(CURL_GLOBAL_DEFAULT, &TransportMemory::Allocate, &TransportMemory::Free,
+                           &TransportMemory::Resize, &TransportMemory::Duplicate,
+                           &TransportMemory::AllocateZeroed) == CURLE_OK;
   return done;
 }
+
+/// Whether OpenSSL has come up with `initialiseTransport`. If it got no memory for that it stays
+/// down, does not say so to libcurl, and crashes when it is used.
+bool isTlsUsable() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
 
 /// Makes libcurl read the bytes of an international name as UTF-8 on this thread, whatever locale
 /// the process runs in. Names in ASCII need nothing.
@@ -171,9 +193,16 @@ struct REQUEST {
   unsigned short port = 0;
   std::string userAgent;
   unsigned int timeoutSeconds = 0;
+  /// What is left of the time-out when the request is sent, and what was spent before.
+  std::chrono::milliseconds timeLeft{};
+  std::chrono::microseconds timeSpent{};
   /// "http://host:port"; empty for none, or for the environment's when `environmentProxy` is set.
   std::string proxy;
   bool environmentProxy = false;
+  /// The environment's exceptions (no_proxy) hold for `proxy`, which the system's settings named.
+  bool heedsExceptions = false;
+  /// Log in with a Kerberos ticket, should the proxy take one.
+  bool mayUseTicket = true;
   /// The caller's, which outlives the request: no copy of the credentials is made here.
   const PROXY_DATA* credentials = nullptr;
 
@@ -186,6 +215,8 @@ struct OUTCOME {
   bool clientCertificateAsked = false;
   long httpStatus = 0;
   long tunnelStatus = 0;
+  /// The ways to log in that the proxy offers (CURLAUTH_).
+  long offeredLogIns = 0;
   long osError = 0;
   long long lookupUs = 0;
   long long connectUs = 0;
@@ -330,6 +361,7 @@ class Transfer {
 
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* transfer);
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* nothing);
+  static curl_socket_t onOpen(void* nothing, curlsocktype purpose, curl_sockaddr* address);
   static int onClose(void* transfer, curl_socket_t connection);
   static CURLcode onTlsContext(CURL* handle, void* context, void* transfer);
   static int onClientCertificate(SSL* connection, X509** certificate, EVP_PKEY** key);
@@ -374,8 +406,7 @@ void Transfer::setUp(const REQUEST& request) {
   if (request.secure) {
     setUpTls();
   }
-  const unsigned int seconds = std::clamp(request.timeoutSeconds, 1U, kMaxTimeoutSeconds);
-  set(CURLOPT_TIMEOUT_MS, 1000L * seconds);
+  set(CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeLeft.count()));
   set(CURLOPT_NOSIGNAL, 1L);
   // The thread that waits for a silent name server is left behind when the time-out passes.
   set(CURLOPT_QUICK_EXIT, 1L);
@@ -384,6 +415,7 @@ void Transfer::setUp(const REQUEST& request) {
   set(CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
   set(CURLOPT_HEADERDATA, this);
   set(CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+  set(CURLOPT_OPENSOCKETFUNCTION, &Transfer::onOpen);
   set(CURLOPT_CLOSESOCKETFUNCTION, &Transfer::onClose);
   set(CURLOPT_CLOSESOCKETDATA, this);
 }
@@ -421,12 +453,15 @@ void Transfer::setUpProxy(const REQUEST& request) {
     // An empty proxy is none, and an empty list of exceptions has none: without them libcurl would
     // read the environment.
     set(CURLOPT_PROXY, request.proxy.c_str());
-    set(CURLOPT_NOPROXY, "");
+    if (!request.heedsExceptions) {
+      set(CURLOPT_NOPROXY, "");
+    }
   }
   if (request.proxied() && !request.credentials->proxyUser.empty()) {
     set(CURLOPT_PROXYUSERNAME, request.credentials->proxyUser.c_str());
     set(CURLOPT_PROXYPASSWORD, request.credentials->proxyPswd.c_str());
-    set(CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_BASIC | CURLAUTH_NTLM | CURLAUTH_NEGOTIATE));
+    set(CURLOPT_PROXYAUTH, static_cast<long>(kPasswordLogIns) |
+                               (request.mayUseTicket ? static_cast<long>(CURLAUTH_NEGOTIATE) : 0L));
   }
 }
 
@@ -450,6 +485,7 @@ void Transfer::collect(OUTCOME& outcome) {
   outcome.clientCertificateAsked = m_seen.clientCertificateAsked;
   outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
   outcome.tunnelStatus = get<long>(CURLINFO_HTTP_CONNECTCODE);
+  outcome.offeredLogIns = get<long>(CURLINFO_PROXYAUTH_AVAIL);
   outcome.osError = get<long>(CURLINFO_OS_ERRNO);
   outcome.lookupUs = get<curl_off_t>(CURLINFO_NAMELOOKUP_TIME_T);
   outcome.connectUs = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);
@@ -500,7 +536,6 @@ bool Transfer::keepHeader(std::string_view line) {
 bool Transfer::endOfHead() {
   constexpr unsigned int kFirstFinal = 200;
   constexpr unsigned int kFirstRefusal = 300;
-  constexpr unsigned int kChallenge = 407;
   if (m_seen.headStatus < kFirstFinal) {
     return false;
   }
@@ -509,7 +544,7 @@ bool Transfer::endOfHead() {
     return false;
   }
   m_seen.answered = true;
-  return m_seen.headStatus != kChallenge || !m_seen.mayLogIn;
+  return m_seen.headStatus != kProxyChallenge || !m_seen.mayLogIn;
 }
 
 /// Stops the transfer: libcurl hands over the body of an answer that is final after all, such as a
@@ -524,6 +559,12 @@ std::size_t Transfer::onHeader(char* data, std::size_t size, std::size_t count, 
   } catch (...) {
     return 0;
   }
+}
+
+/// The host may start programs at any moment: a connection is none of theirs, and would stay open
+/// as long as they run.
+curl_socket_t Transfer::onOpen(void*, curlsocktype, curl_sockaddr* address) {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 /// Of several sockets (a name with two families), those that lost the race close before the
@@ -599,15 +640,77 @@ std::string checkedProxy(const std::string& setting) {
          (url.getPort().empty() ? std::string(kDefaultProxyPort) : url.getPort());
 }
 
-/// Whether the environment names a proxy that libcurl would take. The exceptions in no_proxy are
-/// libcurl's to find; a host among them is measured as if there were a proxy.
-bool environmentNamesProxy(bool secure) {
-  const auto isSet = [](const char* name) {
-    const char* value = getenv(name);
-    return value != nullptr && *value != '\0';
-  };
-  return isSet("all_proxy") || isSet("ALL_PROXY") ||
-         (secure ? isSet("https_proxy") || isSet("HTTPS_PROXY") : isSet("http_proxy"));
+/// Who has the say about the system's proxy.
+enum class SETTLED_BY { Environment, System, Nobody };
+
+bool isSet(const char* name) {
+  const char* value = getenv(name);
+  return value != nullptr && *value != '\0';
+}
+
+/// Whether a variable names no proxy but where to ask for one. libcurl cannot; libproxy can.
+bool namesWayToAsk(const char* name) {
+  const char* value = getenv(name);
+  return value != nullptr && (std::string_view(value).starts_with("pac+") ||
+                              std::string_view(value).starts_with("wpad:"));
+}
+
+/// The environment, where it names a proxy that libcurl would take. The exceptions in no_proxy are
+/// libcurl's to find; a host among them is measured as if there were a proxy. An environment that
+/// names proxies, but none for this scheme, means that there is none: libproxy would take the other
+/// scheme's, or HTTP_PROXY, which a web server's client can set (RFC 3875, section 4.1.18).
+SETTLED_BY systemProxySettledBy(bool secure) {
+  for (const char* name : {secure ? "https_proxy" : "http_proxy", secure ? "HTTPS_PROXY" : ""}) {
+    if (isSet(name)) {
+      return namesWayToAsk(name) ? SETTLED_BY::System : SETTLED_BY::Environment;
+    }
+  }
+  if (isSet("all_proxy") || isSet("ALL_PROXY")) {
+    return SETTLED_BY::Environment;
+  }
+  const bool namesOther =
+      isSet("http_proxy") || isSet("HTTP_PROXY") || isSet("https_proxy") || isSet("HTTPS_PROXY");
+  return namesOther ? SETTLED_BY::Nobody : SETTLED_BY::System;
+}
+
+/// Takes the first entry of the system's list that can be used: a proxy that speaks HTTP, or none.
+CURLcode takeFirstUsable(const std::vector<std::string>& entries, REQUEST& request) {
+  constexpr std::string_view kHttp = "http://";
+  for (const std::string& entry : entries) {
+    if (entry == "direct://") {
+      return CURLE_OK;
+    }
+    if (entry.starts_with(kHttp)) {
+      request.proxy = checkedProxy(entry);
+      if (!request.proxy.empty()) {
+        return CURLE_OK;
+      }
+    }
+  }
+  return CURLE_COULDNT_RESOLVE_PROXY;
+}
+
+CURLcode askSystem(REQUEST& request) {
+  const auto start = MonotonicClock::now();
+  const std::string url = (request.secure ? "https://" : "http://") + request.host + ":" +
+                          std::to_string(request.port) + "/";
+  std::vector<std::string> entries;
+  const SystemProxy::Outcome outcome = SystemProxy::Find(url, request.timeLeft, entries);
+  const auto spent = MonotonicClock::now() - start;
+  request.timeSpent = std::chrono::ceil<std::chrono::microseconds>(spent);
+  request.timeLeft -= std::chrono::floor<std::chrono::milliseconds>(spent);
+  if (outcome == SystemProxy::Outcome::Late || request.timeLeft.count() <= 0) {
+    return CURLE_OPERATION_TIMEDOUT;
+  }
+  request.heedsExceptions = true;
+  return outcome == SystemProxy::Outcome::Found ? takeFirstUsable(entries, request)
+                                                : CURLE_COULDNT_RESOLVE_PROXY;
+}
+
+CURLcode determineProxy(REQUEST& request) {
+  const SETTLED_BY settledBy = systemProxySettledBy(request.secure);
+  request.environmentProxy = settledBy == SETTLED_BY::Environment;
+  return settledBy == SETTLED_BY::System ? askSystem(request) : CURLE_OK;
 }
 
 std::string withoutControlCharacters(std::string text) {
@@ -617,7 +720,7 @@ std::string withoutControlCharacters(std::string text) {
 
 /// Checks and completes a request. What cannot be sent is told by the code that libcurl has for it.
 CURLcode prepare(const std::string& host, const PROXY_DATA& proxyData, REQUEST& request) {
-  if (!initialiseTransport()) {
+  if (!initialiseTransport() || (request.secure && !isTlsUsable())) {
     return CURLE_FAILED_INIT;
   }
   request.host = checkedHost(host);
@@ -629,9 +732,12 @@ CURLcode prepare(const std::string& host, const PROXY_DATA& proxyData, REQUEST& 
   }
   request.userAgent = withoutControlCharacters(request.userAgent);
   request.credentials = &proxyData;
+  request.timeLeft =
+      std::chrono::seconds(std::clamp(request.timeoutSeconds, 1U, kMaxTimeoutSeconds));
   if (proxyData.determineProxy) {
-    request.environmentProxy = environmentNamesProxy(request.secure);
-  } else if (!proxyData.proxyServer.empty()) {
+    return determineProxy(request);
+  }
+  if (!proxyData.proxyServer.empty()) {
     request.proxy = checkedProxy(proxyData.proxyServer);
     if (request.proxy.empty()) {
       return CURLE_COULDNT_RESOLVE_PROXY;
@@ -690,14 +796,41 @@ void fillReport(OUTCOME& outcome, bool proxied, HttpProbe::RoundTripMeasure meas
   }
 }
 
+/// The transport's times start with the transfer; the probe's with the search for its proxy.
+void countFromStart(long long spentUs, HttpProbe::Report& report) {
+  report.totalUs += spentUs;
+  for (long long* time : {&report.connectUs, &report.tlsUs}) {
+    if (*time != kUnknown) {
+      *time += spentUs;
+    }
+  }
+}
+
+/// Whether a log-in failed that a password could have made: of what a proxy offers libcurl tries
+/// the strongest alone, and Negotiate without a ticket is no more than another request.
+bool passwordIsUntried(const OUTCOME& outcome, const REQUEST& request) {
+  const auto offered = static_cast<unsigned long>(outcome.offeredLogIns);
+  return httpStatusOf(outcome) == kProxyChallenge && request.proxied() && request.mayUseTicket &&
+         !request.credentials->proxyUser.empty() && !request.credentials->proxyPswd.empty() &&
+         (offered & CURLAUTH_NEGOTIATE) != 0 && (offered & kPasswordLogIns) != 0;
+}
+
 /// Sends the probe. Throws nothing that is not std::bad_alloc's kind.
 OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, REQUEST& request) {
   OUTCOME outcome;
   outcome.code = prepare(host, proxyData, request);
-  if (outcome.code == CURLE_OK) {
-    const Utf8Names utf8(request.host);
-    Transfer transfer;
-    outcome = transfer.perform(request);
+  if (outcome.code != CURLE_OK) {
+    return outcome;
+  }
+  const Utf8Names utf8(request.host);
+  outcome = Transfer().perform(request);
+  const auto spent = std::chrono::microseconds(outcome.totalUs);
+  const auto left = request.timeLeft - std::chrono::ceil<std::chrono::milliseconds>(spent);
+  if (left.count() > 0 && passwordIsUntried(outcome, request)) {
+    request.mayUseTicket = false;
+    request.timeLeft = left;
+    request.timeSpent += spent;
+    outcome = Transfer().perform(request);
   }
   return outcome;
 }
@@ -734,18 +867,15 @@ void tell(const std::shared_ptr<HttpProbe::Watcher>& watcher,
   }
 }
 
-}  // namespace
-
-HttpProbe::Watcher::~Watcher() = default;
-
-STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool reserved,
-                                    unsigned short port, const std::string& userAgent,
-                                    unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
-                                    unsigned int options, HTTP_PROBE_RESULTS& results) {
-  static_cast<void>(reserved);
-  std::shared_ptr<Watcher> watcher;
-  RoundTripMeasure measure = RoundTripMeasure::Network;
-  Report report;
+/// The whole of a probe. Not inlined: what it leaves on the stack is then below its caller's frame.
+[[gnu::noinline]] STATUSCODE sendAndReport(const std::string& host, bool secure,
+                                           unsigned short port, const std::string& userAgent,
+                                           unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
+                                           unsigned int options,
+                                           HttpProbe::HTTP_PROBE_RESULTS& results) {
+  std::shared_ptr<HttpProbe::Watcher> watcher;
+  HttpProbe::RoundTripMeasure measure = HttpProbe::RoundTripMeasure::Network;
+  HttpProbe::Report report;
   OUTCOME outcome;
   REQUEST request;
   try {
@@ -755,7 +885,7 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
     report.port = port;
     report.secure = secure;
     report.options = options;
-    tell(watcher, &Watcher::ProbeStarted, report);
+    tell(watcher, &HttpProbe::Watcher::ProbeStarted, report);
     request.secure = secure;
     request.port = port;
     request.userAgent = userAgent;
@@ -766,9 +896,27 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
     outcome.code = CURLE_OUT_OF_MEMORY;
   }
   fillReport(outcome, request.proxied(), measure, report);
+  countFromStart(request.timeSpent.count(), report);
   writeResults(report, outcome, results);
-  tell(watcher, &Watcher::ProbeEnded, report);
+  tell(watcher, &HttpProbe::Watcher::ProbeEnded, report);
   return report.status;
+}
+
+}  // namespace
+
+HttpProbe::Watcher::~Watcher() = default;
+
+STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool reserved,
+                                    unsigned short port, const std::string& userAgent,
+                                    unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
+                                    unsigned int options, HTTP_PROBE_RESULTS& results) {
+  static_cast<void>(reserved);
+  const STATUSCODE status =
+      sendAndReport(host, secure, port, userAgent, timeoutSeconds, proxyData, options, results);
+  if (!proxyData.proxyUser.empty()) {
+    TransportMemory::WipeStack();
+  }
+  return status;
 }
 
 void HttpProbe::SetRoundTripMeasure(RoundTripMeasure measure) { settings().measure = measure; }
@@ -780,8 +928,8 @@ void HttpProbe::SetWatcher(std::shared_ptr<Watcher> watcher) {
 }
 
 void HttpProbe::SetTrustFile(const std::string& path) {
+  SETTINGS& process = settings();  // first: it prepares OpenSSL
   std::shared_ptr<X509_STORE> store = makeTrust(path);
-  SETTINGS& process = settings();
   CAutoLockT<CManualLock> guard(process.lock);
   process.trust.swap(store);
 }

@@ -49,7 +49,7 @@ class HttpProbe {
     /// no byte came, it ends with the probe (the connection was closed); where no request could be
     /// sent, it starts with the TLS handshake that failed, or with the attempt to connect to the
     /// proxy that refused a tunnel. Where a proxy has the request repeated to authenticate it, it
-    /// is the sum over all of them.
+    /// is the sum over all of them (from the first with a password, if there was no ticket).
     Response,
   };
 
@@ -94,9 +94,11 @@ class HttpProbe {
   /// @param userAgent value of the User-Agent header, control characters left out; empty for none.
   /// @param timeoutSeconds limit of the whole probe, name resolution included; 0 counts as 1.
   /// @param proxyData the proxy to go through. With `determineProxy` it is the one that the
-  ///        environment names (http_proxy, https_proxy, all_proxy, no_proxy), else `proxyServer`,
-  ///        whose port is 80 if it names none. The environment is heeded in no other case. The
-  ///        credentials go to the proxy alone, by Basic, NTLM or Negotiate as it asks.
+  ///        environment names (http_proxy, https_proxy, all_proxy, no_proxy) or, where it names
+  ///        none, the system's settings (`SystemProxy`), else `proxyServer`, whose port is 80 if it
+  ///        names none. The environment is heeded in no other case. The credentials go to the proxy
+  ///        alone, by Basic, NTLM or Negotiate as it asks: the strongest, and a password's if there
+  ///        is no ticket for Negotiate.
   /// @param options bit-or of HTTP_PROBE_OPTIONS.
   /// @return HTTP_SESSION_SUCCESS when the server (or a proxy on its behalf) answered with HTTP,
   ///         whatever the status code. Otherwise HTTP_SESSION_ERROR_ and one of
@@ -107,7 +109,8 @@ class HttpProbe {
   ///                              head too long, tunnel refused by the proxy
   ///     CANNOT_CONNECT           connection refused, network unreachable, port 0, memory or
   ///                              sockets run out
-  ///     CONNECT                  the same for the proxy, or its name or address is unusable
+  ///     CONNECT                  the same for the proxy, or its name or address is unusable, or
+  ///                              the system's settings could not be asked or name no usable one
   ///     DNS_RESOLUTION           name unknown, name server failed, or the host is no host
   ///     TIMEOUT                  time-out, in whatever state
   ///
@@ -123,6 +126,11 @@ class HttpProbe {
   ///
   /// A name server that stays silent does not hold up the time-out; the thread that asks it ends by
   /// itself, later.
+  ///
+  /// Of the credentials nothing is left in memory when it returns: the first probe of the process
+  /// gives libcurl an allocator that wipes what it frees, and one with a user name wipes the stack
+  /// that it has used. libcurl takes an allocator once: if the host has initialised it before, the
+  /// host's stays, and what libcurl frees keeps the credentials.
   static STATUSCODE SendHttpProbe(const std::string& host, bool secure, bool reserved,
                                   unsigned short port, const std::string& userAgent,
                                   unsigned int timeoutSeconds, const PROXY_DATA& proxyData,

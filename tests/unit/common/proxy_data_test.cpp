@@ -1,0 +1,177 @@
+// The proxy record, and what is left of its secrets in memory.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "tests/support/ReleasedMemory.h"
+#include "vpn/include/HttpSession.h"
+
+namespace tests {
+namespace {
+
+// Longer than the buffer inside a std::string object, and shorter.
+constexpr const char* LongSecret = "correct-horse-battery-staple-0123456789";
+constexpr const char* ShortSecret = "hunter2-hunter";
+
+/// Fills a record with copies that are nobody else's.
+void fill(PROXY_DATA& data, const char* user, const char* pswd) {
+  data.determineProxy = true;
+  data.proxyServer = "http=http://proxy:3128";
+  data.proxyUser = user;
+  data.proxyPswd = pswd;
+}
+
+TEST(ProxyData, ItStartsWithoutAProxy) {
+  const PROXY_DATA data;
+  EXPECT_FALSE(data.determineProxy);
+  EXPECT_TRUE(data.proxyServer.empty());
+  EXPECT_TRUE(data.proxyUser.empty());
+  EXPECT_TRUE(data.proxyPswd.empty());
+}
+
+TEST(ProxyData, DestructionLeavesNothingOfLongSecrets) {
+  const LeakWatch watch("staple");
+  {
+    PROXY_DATA data;
+    fill(data, LongSecret, LongSecret);
+  }
+  EXPECT_EQ(watch.Blocks(), 3);
+  EXPECT_EQ(watch.Leaks(), 0);
+}
+
+TEST(ProxyData, DestructionLeavesNothingOfShortSecretsInsideTheRecord) {
+  InPlace<PROXY_DATA> data;
+  fill(*data, ShortSecret, ShortSecret);
+  EXPECT_TRUE(data.holds("unter2-hunter"));
+  data.destroy();
+  EXPECT_FALSE(data.holds("unter"));
+  EXPECT_FALSE(data.holds("2-hu"));
+}
+
+TEST(ProxyData, DestructionLeavesNothingOfAShortSecretThatALongOneReplaced) {
+  InPlace<PROXY_DATA> data;
+  fill(*data, ShortSecret, ShortSecret);
+  data->proxyPswd = LongSecret;
+  EXPECT_TRUE(data.holds("hunter")) << "else there is nothing to be tested";
+  data.destroy();
+  EXPECT_FALSE(data.holds("unter"));
+}
+
+TEST(ProxyData, TheNameOfTheProxyIsNoSecret) {
+  const LeakWatch watch("proxy.example.org");
+  {
+    PROXY_DATA data;
+    data.proxyServer = "http=http://proxy.example.org:3128";
+  }
+  EXPECT_EQ(watch.Leaks(), 1);
+}
+
+TEST(ProxyData, ItsDestructionLeavesTheStringsThatItWasFilledFromIntact) {
+  const std::string user = LongSecret;
+  const std::string pswd = ShortSecret;
+  {
+    PROXY_DATA data;
+    data.proxyUser = user;
+    data.proxyPswd = pswd;
+  }
+  EXPECT_EQ(user, LongSecret);
+  EXPECT_EQ(pswd, ShortSecret);
+}
+
+TEST(ProxyData, ACopyHasEveryField) {
+  PROXY_DATA data;
+  fill(data, "user", LongSecret);
+  const PROXY_DATA copy(data);
+  EXPECT_TRUE(copy.determineProxy);
+  EXPECT_EQ(copy.proxyServer, data.proxyServer);
+  EXPECT_EQ(copy.proxyUser, "user");
+  EXPECT_EQ(copy.proxyPswd, LongSecret);
+}
+
+TEST(ProxyData, WhatIsMovedIsCopiedSoNothingIsLeftUnwipedInTheSource) {
+  InPlace<PROXY_DATA> source;
+  fill(*source, ShortSecret, LongSecret);
+  const LeakWatch watch("staple");
+  {
+    const PROXY_DATA moved(std::move(*source));
+    EXPECT_EQ(moved.proxyUser, ShortSecret);
+    PROXY_DATA assigned;
+    assigned = std::move(*source);
+    EXPECT_EQ(assigned.proxyPswd, LongSecret);
+  }
+  source.destroy();
+  EXPECT_FALSE(source.holds("unter"));
+  EXPECT_EQ(watch.Leaks(), 0);
+}
+
+TEST(ProxyData, ACopyThatFindsNoMemoryLeavesNothingBehind) {
+  PROXY_DATA data;
+  fill(data, LongSecret, LongSecret);
+  for (const long number : {1L, 2L, 3L}) {
+    const LeakWatch watch("staple");
+    {
+      const FailingAllocation failing(number);
+      EXPECT_THROW(PROXY_DATA{data}, std::bad_alloc);
+      EXPECT_TRUE(failing.HasFailed());
+    }
+    EXPECT_EQ(watch.Leaks(), 0) << number;
+  }
+}
+
+TEST(ProxyData, AssignmentTakesEveryFieldAndLeavesNothingOfTheFormerSecrets) {
+  PROXY_DATA data;
+  data.proxyPswd = std::string(100, 'x');
+  const char* const buffer = data.proxyPswd.data();
+  PROXY_DATA other;
+  fill(other, "user", "short");
+  data = other;
+  EXPECT_TRUE(data.determineProxy);
+  EXPECT_EQ(data.proxyServer, other.proxyServer);
+  EXPECT_EQ(data.proxyUser, "user");
+  EXPECT_EQ(data.proxyPswd, "short");
+  ASSERT_EQ(data.proxyPswd.data(), buffer);
+  EXPECT_EQ(std::count(buffer, buffer + 100, 'x'), 0);
+}
+
+TEST(ProxyData, AssignmentLeavesNothingInTheBuffersThatItOutgrows) {
+  PROXY_DATA other;
+  fill(other, std::string(500, 'u').c_str(), std::string(500, 'p').c_str());
+  PROXY_DATA data;
+  fill(data, LongSecret, LongSecret);
+  const LeakWatch watch("staple");
+  data = other;
+  EXPECT_EQ(data.proxyPswd, std::string(500, 'p'));
+  EXPECT_GE(watch.Blocks(), 2);
+  EXPECT_EQ(watch.Leaks(), 0);
+}
+
+TEST(ProxyData, AssignmentThatFindsNoMemoryLeavesNothingBehind) {
+  PROXY_DATA other;
+  fill(other, std::string(500, 'u').c_str(), std::string(500, 'p').c_str());
+  for (const long number : {1L, 2L}) {
+    const LeakWatch watch("staple");
+    {
+      PROXY_DATA data;
+      fill(data, LongSecret, LongSecret);
+      const FailingAllocation failing(number);
+      EXPECT_THROW(data = other, std::bad_alloc);
+    }
+    EXPECT_EQ(watch.Leaks(), 0) << number;
+  }
+}
+
+TEST(ProxyData, AssignmentToItselfKeepsItsSecrets) {
+  PROXY_DATA data;
+  data.proxyUser = "user";
+  data.proxyPswd = "password";
+  PROXY_DATA& same = data;
+  data = same;
+  EXPECT_EQ(data.proxyUser, "user");
+  EXPECT_EQ(data.proxyPswd, "password");
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,182 @@
+// The memory of the transport: what malloc's functions do, and that nothing is left in what is
+// given back. The program's own free looks at every block that it is handed.
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "tests/support/OwnStack.h"
+#include "vpn/Common/IP/TransportMemory.h"
+
+namespace {
+
+constexpr std::string_view Secret = "correct-horse-battery-staple";
+
+/// Of the block that was given back last.
+const void* g_freed = nullptr;
+bool g_freedIsZero = false;
+
+std::size_t zeros(const void* memory, std::size_t size) {
+  const auto* const bytes = static_cast<const volatile char*>(memory);
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    count += bytes[i] == 0 ? 1U : 0U;
+  }
+  return count;
+}
+
+void fill(void* block, std::size_t size) { std::memset(block, 'x', size); }
+
+}  // namespace
+
+extern "C" void __real_free(void* block);
+extern "C" void __wrap_free(void* block);
+void __wrap_free(void* block) {
+  if (block != nullptr) {
+    g_freed = block;
+    const std::size_t size = malloc_usable_size(block);
+    g_freedIsZero = zeros(block, size) == size;
+  }
+  __real_free(block);
+}
+
+namespace {
+
+TEST(TransportMemory, AllocatedMemoryCanBeUsedAndIsWipedInWholeWhenItIsFreed) {
+  for (const std::size_t size :
+       {std::size_t{0}, std::size_t{1}, std::size_t{100}, std::size_t{1} << 20}) {
+    void* const block = TransportMemory::Allocate(size);
+    ASSERT_NE(block, nullptr);
+    fill(block, malloc_usable_size(block));
+    TransportMemory::Free(block);
+    EXPECT_EQ(g_freed, block);
+    EXPECT_TRUE(g_freedIsZero) << size;
+  }
+}
+
+TEST(TransportMemory, TheWatchSeesWhatIsNotWiped) {
+  void* const block = TransportMemory::Allocate(100);
+  fill(block, 100);
+  free(block);
+  EXPECT_EQ(g_freed, block);
+  EXPECT_FALSE(g_freedIsZero);
+}
+
+TEST(TransportMemory, FreeingNothingDoesNothing) {
+  g_freed = &g_freed;
+  TransportMemory::Free(nullptr);
+  EXPECT_EQ(g_freed, &g_freed);
+}
+
+TEST(TransportMemory, AGrownBlockKeepsItsTextAndTheOldOneIsWiped) {
+  void* const block = TransportMemory::Allocate(Secret.size());
+  std::memcpy(block, Secret.data(), Secret.size());
+  void* const grown = TransportMemory::Resize(block, 5000);
+  ASSERT_NE(grown, nullptr);
+  EXPECT_EQ(g_freed, block);
+  EXPECT_TRUE(g_freedIsZero);
+  EXPECT_EQ(std::memcmp(grown, Secret.data(), Secret.size()), 0);
+  fill(grown, 5000);
+  TransportMemory::Free(grown);
+  EXPECT_TRUE(g_freedIsZero);
+}
+
+TEST(TransportMemory, AShrunkBlockKeepsItsBeginningAndLeavesNothingOfTheRest) {
+  for (const std::size_t size : {std::size_t{4000}, std::size_t{10}}) {
+    void* const block = TransportMemory::Allocate(5000);
+    fill(block, 5000);
+    void* const shrunk = TransportMemory::Resize(block, size);
+    ASSERT_NE(shrunk, nullptr);
+    EXPECT_EQ(zeros(shrunk, size), 0U);
+    EXPECT_TRUE(shrunk == block || g_freedIsZero);
+    TransportMemory::Free(shrunk);
+    EXPECT_TRUE(g_freedIsZero);
+  }
+}
+
+TEST(TransportMemory, ResizingNothingAllocates) {
+  void* const block = TransportMemory::Resize(nullptr, 100);
+  ASSERT_NE(block, nullptr);
+  fill(block, 100);
+  TransportMemory::Free(block);
+}
+
+TEST(TransportMemory, ABlockThatCannotGrowStaysAsItIs) {
+  void* const block = TransportMemory::Allocate(Secret.size());
+  std::memcpy(block, Secret.data(), Secret.size());
+  const volatile std::size_t tooMuch = PTRDIFF_MAX;
+  EXPECT_EQ(TransportMemory::Resize(block, tooMuch), nullptr);
+  EXPECT_EQ(std::memcmp(block, Secret.data(), Secret.size()), 0);
+  TransportMemory::Free(block);
+}
+
+TEST(TransportMemory, ADuplicateHasTheTextAndIsWipedWhenItIsFreed) {
+  char* const copy = TransportMemory::Duplicate(Secret.data());
+  ASSERT_STREQ(copy, Secret.data());
+  TransportMemory::Free(copy);
+  EXPECT_TRUE(g_freedIsZero);
+}
+
+TEST(TransportMemory, ZeroedMemoryIsZeroAndItsSizeCannotOverflow) {
+  void* const block = TransportMemory::AllocateZeroed(30, 40);
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(zeros(block, 1200), 1200U);
+  TransportMemory::Free(block);
+  const volatile std::size_t half = SIZE_MAX / 2;
+  EXPECT_EQ(TransportMemory::AllocateZeroed(half, 3), nullptr);
+}
+
+/// Puts the secret on the stack, `depth` bytes below its caller's frame.
+template <std::size_t Depth>
+[[gnu::noinline]] void leaveOnStack() {
+  std::array<char, Depth> frame{};
+  std::copy(Secret.begin(), Secret.end(), frame.begin());
+  asm volatile("" : : "r"(frame.data()) : "memory");
+}
+
+constexpr std::size_t Shallow = 100;
+constexpr std::size_t Deep = 23UL * 1024;
+
+template <std::size_t Depth, bool Wipe>
+void* useStack(void*) {
+  leaveOnStack<Depth>();
+  if (Wipe) {
+    TransportMemory::WipeStack();
+  }
+  return nullptr;
+}
+
+TEST(TransportMemory, WipingTheStackLeavesNothingOfWhatWasCalledBefore) {
+  tests::OwnStack shallow;
+  shallow.Run(useStack<Shallow, true>);
+  EXPECT_FALSE(shallow.Holds("staple"));
+  tests::OwnStack deep;
+  deep.Run(useStack<Deep, true>);
+  EXPECT_FALSE(deep.Holds("staple"));
+}
+
+TEST(TransportMemory, WithoutWipingTheStackKeepsIt) {
+  tests::OwnStack shallow;
+  shallow.Run(useStack<Shallow, false>);
+  EXPECT_TRUE(shallow.Holds("staple"));
+  tests::OwnStack deep;
+  deep.Run(useStack<Deep, false>);
+  EXPECT_TRUE(deep.Holds("staple"));
+}
+
+TEST(TransportMemory, WipingTheStackEmptiesTheRegistersThatTextIsCopiedWith) {
+  std::array<char, 16> left{};
+  std::memcpy(left.data(), Secret.data(), left.size());
+  asm volatile("movdqu %0, %%xmm3" : : "m"(left) : "xmm3");
+  TransportMemory::WipeStack();
+  asm volatile("movdqu %%xmm3, %0" : "=m"(left));
+  EXPECT_EQ(zeros(left.data(), left.size()), left.size());
+}
+
+}  // namespace

@@ -1,0 +1,45 @@
+// The ready-made proxy providers. They differ in nothing but their type: the credentials lie in
+// wiping holders from construction to destruction and leave them only as wiping copies.
+
+#include "vpn/Api/ProxyProviders.h"
+
+CProxyProvider::CProxyProvider(ProxyType type, const SecureString<std::string>& user,
+                               const SecureString<std::string>& pswd, const std::string& host)
+    : m_type(type), m_user(user), m_pswd(pswd), m_host(host) {}
+
+CProxyProvider::~CProxyProvider() = default;
+
+ProxyIfc::UnprotectedCredential CProxyProvider::getProxyUser() {
+  // Not by way of a std::string, which would be a copy that nobody wipes.
+  UnprotectedCredential user;
+  user = m_user.c_str();
+  return user;
+}
+
+ProxyIfc::UnprotectedCredential CProxyProvider::getProxyPswd() {
+  UnprotectedCredential pswd;
+  pswd = m_pswd.c_str();
+  return pswd;
+}
+
+std::string CProxyProvider::getProxyHost() { return m_host; }
+
+ProxyType CProxyProvider::getProxyType() { return m_type; }
+
+CBasicProxyProvider::CBasicProxyProvider(const SecureString<std::string>& user,
+                                         const SecureString<std::string>& pswd,
+                                         const std::string& host)
+    : CProxyProvider(BasicProxy, user, pswd, host) {}
+
+CNtlmProxyProvider::CNtlmProxyProvider(const SecureString<std::string>& user,
+                                       const SecureString<std::string>& pswd,
+                                       const std::string& host)
+    : CProxyProvider(NTLMProxy, user, pswd, host) {}
+
+CKerberosProxyProvider::CKerberosProxyProvider(const SecureString<std::string>& user,
+                                               const SecureString<std::string>& pswd,
+                                               const std::string& host)
+    : CProxyProvider(KerberosProxy, user, pswd, host) {}
+
+CNoProxyProvider::CNoProxyProvider(const std::string& host)
+    : CProxyProvider(NoProxy, {}, {}, host) {}

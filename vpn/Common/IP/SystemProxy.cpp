@@ -1,0 +1,192 @@
+// The system's proxy settings, by libproxy. It loads modules, may fetch a file without a time
+// limit, and may never return, so nobody but a thread of its own ever waits for it. The number of
+// these threads is bounded by the number of factories (libproxy's objects): one is in the hands of
+// one thread or idle, and none is ever destroyed, because that would unload modules that have
+// threads and processes of their own.
+
+#include "vpn/Common/IP/SystemProxy.h"
+
+#include <proxy.h>
+#include <string.h>
+
+#include <array>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/Common/Utility/GuardedCall.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/include/Locks.h"
+
+namespace {
+
+// A healthy one answers within milliseconds, so this many serve any number of probes; as many that
+// hang are proof enough that the next would hang as well.
+constexpr std::size_t kMostFactories = 4;
+
+// The modules are written for the stack of a main program: some run a script interpreter.
+constexpr std::size_t kStackBytes = 8UL * 1024 * 1024;
+
+// A list names one proxy or two. The length is what `URL` takes.
+constexpr std::size_t kMostEntries = 16;
+constexpr std::size_t kMostEntryBytes = 2048;
+
+/// One question. It belongs to the thread that asks libproxy and, until that is late, to the one
+/// that waits.
+struct LOOKUP {
+  std::string url;
+  /// Null until the thread has made it.
+  pxProxyFactory* factory = nullptr;
+  SystemProxy::Outcome outcome = SystemProxy::Outcome::Failed;
+  std::vector<std::string> entries;
+  // The rest is guarded by the lock of the factories.
+  bool ended = false;
+  bool late = false;
+};
+
+/// Who may ask. Threads that are late come back at any time, so it is never freed.
+class Factories {
+ public:
+  Factories() { m_idle.fill(nullptr); }
+
+  /// Takes a factory, or the right to make one, waiting until one is idle.
+  SystemProxy::Outcome Take(MonotonicClock::time_point deadline, LOOKUP& lookup);
+  /// Gives it back.
+  void End(LOOKUP& lookup);
+  /// Waits for the end.
+  SystemProxy::Outcome Wait(MonotonicClock::time_point deadline, LOOKUP& lookup);
+
+ private:
+  CMonitor m_lock;
+  /// A stack, so that those already made are taken first.
+  std::array<pxProxyFactory*, kMostFactories> m_idle AHS_GUARDED_BY(m_lock);
+  std::size_t m_idleCount AHS_GUARDED_BY(m_lock) = kMostFactories;
+  std::size_t m_lateCount AHS_GUARDED_BY(m_lock) = 0;
+};
+
+SystemProxy::Outcome Factories::Take(MonotonicClock::time_point deadline, LOOKUP& lookup) {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  while (m_idleCount == 0) {
+    if (m_lateCount == kMostFactories) {
+      return SystemProxy::Outcome::Failed;
+    }
+    if (MonotonicClock::now() >= deadline) {
+      return SystemProxy::Outcome::Late;
+    }
+    m_lock.WaitUntil(deadline);
+  }
+  lookup.factory = m_idle[--m_idleCount];
+  return SystemProxy::Outcome::Found;
+}
+
+void Factories::End(LOOKUP& lookup) {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  lookup.ended = true;
+  m_idle[m_idleCount++] = lookup.factory;
+  if (lookup.late) {
+    --m_lateCount;
+  }
+  m_lock.NotifyAll();
+}
+
+SystemProxy::Outcome Factories::Wait(MonotonicClock::time_point deadline, LOOKUP& lookup) {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  while (!lookup.ended && MonotonicClock::now() < deadline) {
+    m_lock.WaitUntil(deadline);
+  }
+  if (lookup.ended) {
+    return lookup.outcome;
+  }
+  lookup.late = true;
+  ++m_lateCount;
+  m_lock.NotifyAll();  // who waits for an idle one may have nothing left to wait for
+  return SystemProxy::Outcome::Late;
+}
+
+Factories& factories() {
+  static Factories& instance = *new Factories;
+  return instance;
+}
+
+/// An entry without a user name and a password: what stands between the scheme and the last "@".
+std::string withoutCredentials(std::string_view entry) {
+  constexpr std::string_view kSchemeEnd = "://";
+  const std::size_t scheme = entry.find(kSchemeEnd);
+  const std::size_t start = scheme == std::string_view::npos ? 0 : scheme + kSchemeEnd.size();
+  const std::size_t at = entry.rfind('@');
+  const bool names = at != std::string_view::npos && at >= start;
+  return std::string(entry.substr(0, start)).append(entry.substr(names ? at + 1 : start));
+}
+
+void keepEntries(char** list, std::vector<std::string>& entries) {
+  for (char** entry = list; *entry != nullptr && entries.size() < kMostEntries; ++entry) {
+    const std::string_view text(*entry);
+    if (text.size() <= kMostEntryBytes) {
+      entries.push_back(withoutCredentials(text));
+    }
+  }
+}
+
+void wipeAndFree(char** list) {
+  for (char** entry = list; *entry != nullptr; ++entry) {
+    explicit_bzero(*entry, strlen(*entry));
+  }
+  px_proxy_factory_free_proxies(list);
+}
+
+void ask(LOOKUP& lookup) {
+  if (lookup.factory == nullptr) {
+    lookup.factory = px_proxy_factory_new();
+  }
+  if (lookup.factory == nullptr) {
+    return;
+  }
+  const std::unique_ptr<char*, decltype(&wipeAndFree)> list(
+      px_proxy_factory_get_proxies(lookup.factory, lookup.url.c_str()), wipeAndFree);
+  if (list) {
+    keepEntries(list.get(), lookup.entries);
+    lookup.outcome = SystemProxy::Outcome::Found;
+  }
+}
+
+void* askOnThread(void* argument) {
+  const std::unique_ptr<std::shared_ptr<LOOKUP>> lookup(
+      static_cast<std::shared_ptr<LOOKUP>*>(argument));
+  // What a module throws is the module's trouble: there is no answer then.
+  guardedCall([&] { ask(**lookup); }, [](const char*) {});
+  factories().End(**lookup);
+  return nullptr;
+}
+
+bool startAsking(const std::shared_ptr<LOOKUP>& lookup) {
+  std::unique_ptr<std::shared_ptr<LOOKUP>> handedOver(new (std::nothrow)
+                                                          std::shared_ptr<LOOKUP>(lookup));
+  if (!handedOver || startDetachedThread(askOnThread, handedOver.get(), kStackBytes) != 0) {
+    return false;
+  }
+  static_cast<void>(handedOver.release());  // the thread's
+  return true;
+}
+
+}  // namespace
+
+SystemProxy::Outcome SystemProxy::Find(const std::string& url, std::chrono::milliseconds limit,
+                                       std::vector<std::string>& entries) {
+  const MonotonicClock::time_point deadline = MonotonicClock::now() + limit;
+  const auto lookup = std::make_shared<LOOKUP>();
+  lookup->url = url;
+  Outcome outcome = factories().Take(deadline, *lookup);
+  if (outcome != Outcome::Found) {
+    return outcome;
+  }
+  if (!startAsking(lookup)) {
+    factories().End(*lookup);
+    return Outcome::Failed;
+  }
+  outcome = factories().Wait(deadline, *lookup);
+  if (outcome == Outcome::Found) {
+    entries.swap(lookup->entries);
+  }
+  return outcome;
+}

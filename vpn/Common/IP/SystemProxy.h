@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+/// Asks the system's proxy settings for the way to a server: those of the desktop and, where the
+/// machine has what that takes, a PAC file, which may have to be fetched over the network.
+///
+/// All operations are static and may be called from any thread.
+class SystemProxy {
+ public:
+  enum class Outcome {
+    Found,   ///< the list is what the settings say
+    Failed,  ///< the settings could not be asked
+    Late,    ///< they gave no answer within the limit
+  };
+
+  SystemProxy() = delete;
+
+  /// Asks, and waits at most until `limit` has passed.
+  ///
+  /// What is asked has no time limit of its own, so a thread of its own asks it. One that is late
+  /// is left to itself and ends when its answer comes, which nobody hears. At most four ask at a
+  /// time; who comes when all four are late is told `Failed` at once.
+  ///
+  /// @param url the server's, "http://host:port/" or "https://host:port/".
+  /// @param entries receives what to try, best first: "direct://" for no proxy,
+  ///        "http://host:port", other schemes as the settings have them. Not checked beyond its
+  ///        size: at most 16 entries of at most 2048 bytes, longer ones left out. A user name and
+  ///        a password in an entry are left out of it and wiped where they came from.
+  /// @return the outcome; throws nothing but std::bad_alloc.
+  static Outcome Find(const std::string& url, std::chrono::milliseconds limit,
+                      std::vector<std::string>& entries);
+};

@@ -1,0 +1,80 @@
+// Memory that holds nothing any more when it is given back. A block is wiped in whole, not only as
+// far as it was asked for: the C library may have made it larger, and it may have been shrunk.
+
+#include "vpn/Common/IP/TransportMemory.h"
+
+#include <alloca.h>
+#include <malloc.h>
+#include <string.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+// Twice as deep as a log-in to a proxy and the TLS handshake after it reach, and not so deep that a
+// thread with a small stack could do the one and not the other.
+constexpr std::size_t kStackDepth = 24UL * 1024;
+
+/// Text that is copied goes through vector registers and stays there; the dynamic linker puts them
+/// on the stack when it looks up a function at its first call, a signal whenever it comes.
+void wipeVectorRegisters() {
+  if (__builtin_cpu_supports("avx512f")) {
+    // Not declared: where the compiler may not use these, it does not know them. No function
+    // expects them to stay as they are across a call.
+    asm volatile(
+        "vpxorq %zmm16, %zmm16, %zmm16\n\tvpxorq %zmm17, %zmm17, %zmm17\n\t"
+        "vpxorq %zmm18, %zmm18, %zmm18\n\tvpxorq %zmm19, %zmm19, %zmm19\n\t"
+        "vpxorq %zmm20, %zmm20, %zmm20\n\tvpxorq %zmm21, %zmm21, %zmm21\n\t"
+        "vpxorq %zmm22, %zmm22, %zmm22\n\tvpxorq %zmm23, %zmm23, %zmm23\n\t"
+        "vpxorq %zmm24, %zmm24, %zmm24\n\tvpxorq %zmm25, %zmm25, %zmm25\n\t"
+        "vpxorq %zmm26, %zmm26, %zmm26\n\tvpxorq %zmm27, %zmm27, %zmm27\n\t"
+        "vpxorq %zmm28, %zmm28, %zmm28\n\tvpxorq %zmm29, %zmm29, %zmm29\n\t"
+        "vpxorq %zmm30, %zmm30, %zmm30\n\tvpxorq %zmm31, %zmm31, %zmm31");
+  }
+  if (__builtin_cpu_supports("avx")) {
+    asm volatile("vzeroall"
+                 :
+                 :
+                 : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9",
+                   "xmm10", "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
+  }
+}
+
+}  // namespace
+
+void* TransportMemory::Allocate(std::size_t size) { return std::malloc(size); }
+
+void TransportMemory::Free(void* block) {
+  if (block != nullptr) {
+    explicit_bzero(block, malloc_usable_size(block));
+    std::free(block);
+  }
+}
+
+void* TransportMemory::Resize(void* block, std::size_t size) {
+  const std::size_t held = block == nullptr ? 0 : malloc_usable_size(block);
+  if (size <= held && size >= held / 2) {
+    return block;
+  }
+  // Never realloc(3), which gives the old block back as it is.
+  void* const resized = std::malloc(size);
+  if (resized != nullptr && block != nullptr) {
+    memcpy(resized, block, std::min(held, size));
+    Free(block);
+  }
+  return resized;
+}
+
+char* TransportMemory::Duplicate(const char* text) { return strdup(text); }
+
+void* TransportMemory::AllocateZeroed(std::size_t count, std::size_t size) {
+  return std::calloc(count, size);
+}
+
+// Its own frame begins where those of the functions before it began.
+[[gnu::noinline]] void TransportMemory::WipeStack() {
+  wipeVectorRegisters();  // first: the next call may put them on the stack
+  void* const left = alloca(kStackDepth);
+  explicit_bzero(left, kStackDepth);
+}

@@ -1,6 +1,7 @@
-// Ending by a signal. A thread of its own takes the signals, so that the process ends at once also
-// while its main thread is stuck: in a write to a pipe that nobody reads, or on a file system that
-// does not answer. What is tidied up gets a second; an alarm ends the process if it takes longer.
+// Ending and stopping by a signal. A thread of its own takes the signals, so that the process ends
+// at once also while its main thread is stuck: in a write to a pipe that nobody reads, or on a file
+// system that does not answer. What is tidied up gets a second; an alarm ends the process if it
+// takes longer.
 
 #include "cli/Interruption.h"
 
@@ -11,6 +12,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "cli/ExitStatus.h"
 
@@ -20,29 +22,45 @@ constexpr unsigned int LongestTidyUpSeconds = 1;
 
 std::atomic<int> statusAtEnd{ExitSignalBase};
 
-struct TidyUp {
+struct State {
   std::mutex lock;
-  std::function<void()> operation;  // guarded by lock
+  Interruption::Duties duties;  // guarded by lock
 };
 
 // Never freed: the waiting thread may need it while the process is ending.
-TidyUp& tidyUpState() {
-  static TidyUp* const state = new TidyUp;
-  return *state;
+State& state() {
+  static State* const instance = new State;
+  return *instance;
 }
 
-sigset_t signalsThatEnd() {
+bool isIgnored(int signal) {
+  struct sigaction action {};
+  sigaction(signal, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
+}
+
+sigset_t signalsOfInterest() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  // nohup(1) starts a program with SIGHUP ignored and means it. SIGINT is taken even so: a shell
-  // script's background job starts with it ignored, and kill -INT is then still a clear request.
-  struct sigaction hangUp {};
-  sigaction(SIGHUP, nullptr, &hangUp);
-  if (hangUp.sa_handler != SIG_IGN) {
-    sigaddset(&signals, SIGHUP);
+  sigaddset(&signals, SIGQUIT);
+  sigaddset(&signals, SIGCONT);
+  // nohup(1) starts a program with SIGHUP ignored and means it, and a shell without job control
+  // does the same with SIGTSTP. SIGINT is taken even so: a shell script's background job starts
+  // with it ignored, and kill -INT is then still a clear request.
+  for (const int signal : {SIGHUP, SIGTSTP}) {
+    if (!isIgnored(signal)) {
+      sigaddset(&signals, signal);
+    }
   }
+  return signals;
+}
+
+sigset_t only(int signal) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, signal);
   return signals;
 }
 
@@ -52,43 +70,71 @@ void limitTidyUp() {
   struct sigaction action {};
   action.sa_handler = endNow;
   sigaction(SIGALRM, &action, nullptr);
-  sigset_t alarmOnly;
-  sigemptyset(&alarmOnly);
-  sigaddset(&alarmOnly, SIGALRM);
+  const sigset_t alarmOnly = only(SIGALRM);
   pthread_sigmask(SIG_UNBLOCK, &alarmOnly, nullptr);
   alarm(LongestTidyUpSeconds);
 }
 
-void waitAndEnd(const sigset_t& signals) {
-  int signal = 0;
-  while (sigwait(&signals, &signal) != 0) {
+void perform(std::function<void()> Interruption::Duties::*duty) {
+  const std::lock_guard<std::mutex> guard(state().lock);
+  if (state().duties.*duty) {
+    (state().duties.*duty)();
   }
+}
+
+[[noreturn]] void end(int signal) {
   statusAtEnd = ExitSignalBase + signal;
   limitTidyUp();
-  TidyUp& state = tidyUpState();
-  const std::lock_guard<std::mutex> guard(state.lock);
-  if (state.operation) {
-    state.operation();
-  }
+  perform(&Interruption::Duties::beforeEnd);
   _exit(statusAtEnd);
+}
+
+// Stops by the signal itself, so that the kernel can refuse when there is no shell left that could
+// continue the process.
+void stop() {
+  perform(&Interruption::Duties::beforeStop);
+  const sigset_t stopOnly = only(SIGTSTP);
+  pthread_sigmask(SIG_UNBLOCK, &stopOnly, nullptr);
+  raise(SIGTSTP);
+  pthread_sigmask(SIG_BLOCK, &stopOnly, nullptr);
+  // What continued the process waits to be taken; what it says is done here.
+  const sigset_t continueOnly = only(SIGCONT);
+  const timespec atOnce{};
+  static_cast<void>(sigtimedwait(&continueOnly, nullptr, &atOnce));
+  perform(&Interruption::Duties::afterStop);
+}
+
+[[noreturn]] void waitForSignals(const sigset_t& signals) {
+  while (true) {
+    int signal = 0;
+    if (sigwait(&signals, &signal) != 0) {
+      continue;
+    }
+    if (signal == SIGTSTP) {
+      stop();
+    } else if (signal == SIGCONT) {
+      perform(&Interruption::Duties::afterStop);
+    } else {
+      end(signal);
+    }
+  }
 }
 
 }  // namespace
 
 void Interruption::begin() {
   signal(SIGPIPE, SIG_IGN);
-  const sigset_t signals = signalsThatEnd();
+  const sigset_t signals = signalsOfInterest();
   sigset_t before;
   pthread_sigmask(SIG_BLOCK, &signals, &before);
   try {
-    std::thread(waitAndEnd, signals).detach();
+    std::thread(waitForSignals, signals).detach();
   } catch (const std::system_error&) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
 }
 
-void Interruption::setTidyUp(std::function<void()> tidyUp) {
-  TidyUp& state = tidyUpState();
-  const std::lock_guard<std::mutex> guard(state.lock);
-  state.operation = std::move(tidyUp);
+void Interruption::setDuties(Duties duties) {
+  const std::lock_guard<std::mutex> guard(state().lock);
+  state().duties = std::move(duties);
 }

@@ -2,11 +2,22 @@
 
 #include <functional>
 
-/// Ends the process on Ctrl-C, SIGTERM and SIGHUP, whatever its threads are doing: one thread waits
-/// for these signals, which are blocked in all others, tidies up, and ends the process with the
-/// exit status 128 + the signal's number. Nobody is waited for.
+/// Ends the process on Ctrl-C, Ctrl-\, SIGTERM and SIGHUP, whatever its threads are doing: one
+/// thread waits for these signals, which are blocked in all others, tidies up, and ends the process
+/// with the exit status 128 + the signal's number. Nobody is waited for. The same thread stops the
+/// process on Ctrl-Z, and is told when it goes on.
 class Interruption {
  public:
+  /// What is done on a signal. The operations run on the waiting thread; any may be empty.
+  struct Duties {
+    /// Before the process ends; must not wait for anything for long, and gets one second.
+    std::function<void()> beforeEnd;
+    /// Before the process stops.
+    std::function<void()> beforeStop;
+    /// When the process has been continued.
+    std::function<void()> afterStop;
+  };
+
   Interruption() = delete;
 
   /// Starts waiting, and lets a closed pipe be an error of the writer in place of a signal. To be
@@ -14,7 +25,7 @@ class Interruption {
   /// their default action, which ends the process untidily.
   static void begin();
 
-  /// Sets what is done before the process ends by a signal; it must not wait for anything for long,
-  /// and gets one second. It may be called on any thread and runs on the waiting thread.
-  static void setTidyUp(std::function<void()> tidyUp);
+  /// Sets what is done from now on. May be called on any thread; returns when an operation of the
+  /// duties before that is under way has ended.
+  static void setDuties(Duties duties);
 };

@@ -78,23 +78,32 @@ void ProgressLine::draw(const ProgressState& state) {
 
 void ProgressLine::close() {
   const std::lock_guard<std::mutex> guard(m_lock);
-  erase();
+  eraseForGood();
 }
 
-void ProgressLine::closeInHaste() {
+void ProgressLine::closeInHaste() { inHaste(&ProgressLine::eraseForGood); }
+
+void ProgressLine::eraseInHaste() { inHaste(&ProgressLine::erase); }
+
+void ProgressLine::inHaste(void (ProgressLine::*operation)()) {
   for (int attempt = 0; attempt < DrawingAttempts; ++attempt) {
     const std::unique_lock<std::mutex> guard(m_lock, std::try_to_lock);
     if (guard.owns_lock()) {
-      erase();
+      (this->*operation)();
       return;
     }
     std::this_thread::sleep_for(DrawingPause);
   }
 }
 
+void ProgressLine::eraseForGood() {
+  erase();
+  m_isClosed = true;
+}
+
 void ProgressLine::erase() {
-  if (m_isDrawn && !m_isClosed) {
+  if (m_isDrawn) {
     static_cast<void>(Console::write(STDERR_FILENO, EraseLine));
   }
-  m_isClosed = true;
+  m_isDrawn = false;
 }

@@ -35,8 +35,14 @@ class ProgressLine {
   /// The same for a process that is about to end: gives up when another thread is stuck in drawing.
   void closeInHaste();
 
+  /// Removes the line before the process stops; it comes back with the next drawing. Gives up as
+  /// `closeInHaste` does.
+  void eraseInHaste();
+
  private:
   void erase();
+  void inHaste(void (ProgressLine::*operation)());
+  void eraseForGood();
 
   const bool m_colour;
   std::mutex m_lock;

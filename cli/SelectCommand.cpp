@@ -14,10 +14,12 @@
 #include "cli/Interruption.h"
 #include "cli/ProbeRecorder.h"
 #include "cli/ProgressLine.h"
+#include "cli/ProxyLogin.h"
 #include "cli/SelectOptions.h"
 #include "cli/SelectionOutput.h"
 #include "cli/SelectionResult.h"
 #include "cli/SelectionRun.h"
+#include "cli/Terminal.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -34,6 +36,8 @@ constexpr std::chrono::milliseconds DrawingInterval{100};
 constexpr std::chrono::milliseconds LongestRunEnd{100};
 // The reason code of a reconnection, which has a time limit of its own.
 constexpr unsigned int Reconnection = 1;
+// The reason code of a run that follows a login at the proxy.
+constexpr unsigned int ProxyAuthentication = 3;
 
 // Holds the cache over the end of the run, so that the run's records can still be read.
 class HeldCache {
@@ -111,10 +115,12 @@ bool wantsProgress(const SelectOptions& options, const SelectPlan& plan) {
 void waitWithProgress(SelectionRun& run, const ProbeRecorder& recorder,
                       const std::vector<Candidate>& candidates, unsigned int reason) {
   const auto line = std::make_shared<ProgressLine>();
-  Interruption::setTidyUp([line] {
-    line->closeInHaste();
-    CAppLog::Flush();
-  });
+  Interruption::setDuties({[line] {
+                             line->closeInHaste();
+                             CAppLog::Flush();
+                           },
+                           [line] { line->eraseInHaste(); },
+                           {}});
   ProgressState state;
   state.headends = static_cast<unsigned int>(candidates.size());
   state.budget = timeLimit(reason);
@@ -133,23 +139,68 @@ void waitQuietly(SelectionRun& run) {
   }
 }
 
-SelectionResult resultOf(const SelectionRun& run, const SelectPlan& plan,
+void waitForEnd(SelectionRun& run) {
+  while (!run.waitForEnd(std::chrono::hours(1))) {
+  }
+}
+
+SelectionResult resultOf(const SelectionRun& run, unsigned int reason, bool hadLogin,
                          const std::vector<Candidate>& candidates, const ProbeRecorder& recorder,
                          const HeldCache& cache) {
   SelectionRun::Delivery delivery = run.delivery();
   SelectionResult result;
-  result.reason = plan.reason;
+  result.reason = reason;
   result.status = delivery.status;
   result.headends = std::move(delivery.headends);
   result.extraInfo = std::move(delivery.extraInfo);
   result.report = std::move(delivery.report);
   result.elapsed = delivery.elapsed;
   result.fromCache = result.status == HEADENDSELECTION_SUCCESS;
+  result.hadLogin = hadLogin;
   const bool isSelected = exitStatusOf(result.status) == ExitSelected;
   result.results = collectResults(result.headends, candidates, recorder.tracks(),
                                   isSelected ? cache.lastRecords() : std::vector<CHeadendRTT>{},
                                   result.fromCache);
   return result;
+}
+
+// Which proxy the preferences of the process ask for.
+struct ProxyInForce {
+  bool isSystems = false;
+  std::string place;  // host and port of the preferences' own proxy; empty for any other
+};
+
+ProxyInForce findProxy() {
+  ProxyInForce proxy;
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  std::string setting;
+  UserPreferences* global = nullptr;
+  if (preferences == nullptr || preferences->getPreferenceValue(ProxySettings, setting) != 0 ||
+      preferences->getParsedPreferenceFile(Global, global) != 0) {
+    return proxy;
+  }
+  proxy.isSystems = setting == PreferenceBase::ProxySystem;
+  if (setting == PreferenceBase::ProxyOverride) {
+    const std::string port = global->getProxyPort();
+    proxy.place = global->getProxyHost() + (port.empty() ? "" : ":" + port);
+  }
+  return proxy;
+}
+
+// Whatever happens while the person is asked, the terminal is given back as it was.
+bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
+               const std::string& proxy, const std::string& realm) {
+  if (terminal != nullptr) {
+    Interruption::setDuties({[terminal] {
+                               terminal->leave();
+                               CAppLog::Flush();
+                             },
+                             [terminal] { terminal->stepAside(); },
+                             [terminal] { terminal->comeBack(); }});
+  }
+  const bool found = login.find(proxy, realm);
+  Interruption::setDuties({CAppLog::Flush, {}, {}});
+  return found;
 }
 
 int print(const SelectionResult& result, const SelectOptions& options, const SelectPlan& plan) {
@@ -164,26 +215,14 @@ int print(const SelectionResult& result, const SelectOptions& options, const Sel
   return exitStatus;
 }
 
-int measureAndPrint(const SelectOptions& options, const SelectPlan& plan) {
-  const std::vector<Candidate> candidates = findCandidates();
-  noteUnknownLast(plan.last, candidates);
-  const auto recorder = std::make_shared<ProbeRecorder>();
-  HttpProbe::SetWatcher(recorder);
-  const HeldCache cache;
-  SelectionRun run;
-  const STATUSCODE status = run.start(plan.reason, plan.last);
-  if (status != 0) {
-    Console::complain("the selection could not be started: " + std::string(statusCodeName(status)) +
-                      " (" + statusAsHex(status) +
-                      "). 'ahs select --log-level info' tells each step.");
-    return ExitNotMeasured;
-  }
-  if (wantsProgress(options, plan)) {
-    waitWithProgress(run, *recorder, candidates, plan.reason);
-  } else {
-    waitQuietly(run);
-  }
-  const int exitStatus = print(resultOf(run, plan, candidates, *recorder, cache), options, plan);
+int complainOfStart(STATUSCODE status) {
+  Console::complain("the selection could not be started: " + std::string(statusCodeName(status)) +
+                    " (" + statusAsHex(status) +
+                    "). 'ahs select --log-level info' tells each step.");
+  return ExitNotMeasured;
+}
+
+int endRun(SelectionRun& run, int exitStatus) {
   if (!run.waitForEnd(LongestRunEnd)) {
     // Threads that still wait for an answer must not see their process taken down around them.
     CAppLog::Flush();
@@ -193,13 +232,53 @@ int measureAndPrint(const SelectOptions& options, const SelectPlan& plan) {
   return exitStatus;
 }
 
+// One run, and another one after each login at a proxy that asks for one.
+int measureAndPrint(const SelectOptions& options, const SelectPlan& plan,
+                    const std::optional<Secret>& password) {
+  const std::vector<Candidate> candidates = findCandidates();
+  noteUnknownLast(plan.last, candidates);
+  const HeldCache cache;
+  const ProxyInForce proxy = findProxy();
+  const std::shared_ptr<Terminal> terminal = Terminal::find();
+  ProxyLogin login(plan.proxy.user, password, terminal, proxy.isSystems);
+  for (unsigned int reason = plan.reason;; reason = ProxyAuthentication) {
+    const auto recorder = std::make_shared<ProbeRecorder>();
+    HttpProbe::SetWatcher(recorder);
+    SelectionRun run;
+    const STATUSCODE status = run.start(reason, plan.last, login.provider());
+    if (status != 0) {
+      return complainOfStart(status);
+    }
+    if (wantsProgress(options, plan)) {
+      waitWithProgress(run, *recorder, candidates, reason);
+    } else {
+      waitQuietly(run);
+    }
+    const SelectionResult result =
+        resultOf(run, reason, login.hasCredentials(), candidates, *recorder, cache);
+    if (result.status == HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
+      // It has started no worker, so nothing holds it up; its copy of the login goes with it.
+      waitForEnd(run);
+      if (findLogin(login, terminal, proxy.place, result.extraInfo)) {
+        continue;
+      }
+    }
+    return endRun(run, print(result, options, plan));
+  }
+}
+
 int runSelect(const SelectOptions& options) {
-  Interruption::setTidyUp([] { CAppLog::Flush(); });
+  Interruption::setDuties({CAppLog::Flush, {}, {}});
   SelectPlan plan;
   std::vector<std::string> problems;
   const std::string error = makePlan(options, defaultPaths(), plan, problems);
   if (!error.empty()) {
     return complainOfUsage(error, problems);
+  }
+  std::optional<Secret> password;
+  const std::string passwordError = readPassword(plan.proxy, password);
+  if (!passwordError.empty()) {
+    return complainOfUsage(passwordError, {});
   }
   CClientLibrary::Options libraryOptions{plan.sources, plan.log, ""};
   STATUSCODE status = 0;
@@ -222,7 +301,7 @@ int runSelect(const SelectOptions& options) {
             "with --profiles.",
         {});
   }
-  return measureAndPrint(options, plan);
+  return measureAndPrint(options, plan, password);
 }
 
 void addInputs(CLI::App& command, SelectOptions& options) {
@@ -243,6 +322,34 @@ void addInputs(CLI::App& command, SelectOptions& options) {
                       " (or 0 to 5); connection "
                       "unless given")
       ->option_text("NAME|0-5");
+}
+
+void addProxy(CLI::App& command, ProxyOptions& options) {
+  command
+      .add_option("--proxy", options.proxy, "Go through this proxy, whatever the preferences say")
+      ->option_text("HOST[:PORT]");
+  command.add_flag("--no-proxy", options.noProxy, "Go through none, whatever the preferences say");
+  command
+      .add_option("--proxy-user", options.user,
+                  "User name for a proxy that asks for a login; without a password it is asked for "
+                  "on the terminal")
+      ->option_text("NAME");
+  command
+      .add_option("--proxy-password-file", options.passwordFile,
+                  "File with the password; nobody else may read or write it")
+      ->option_text("FILE");
+  command
+      .add_option("--proxy-password-fd", options.passwordDescriptor,
+                  "Open descriptor to read the password from")
+      ->option_text("N");
+  // Not offered, but tried; the answer says what to do instead.
+  constexpr int AnyNumber = 1;
+  command
+      .add_option_function<std::string>(
+          "--proxy-password", [&options](const std::string&) { options.passwordAsArgument = true; },
+          "")
+      ->expected(0, AnyNumber)
+      ->group("");
 }
 
 void addCacheAndOutput(CLI::App& command, SelectOptions& options) {
@@ -268,6 +375,7 @@ void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
       "select", "Measure the headends and print the nearest first, or take them from the cache");
   const auto options = std::make_shared<SelectOptions>();
   addInputs(*command, *options);
+  addProxy(*command, options->proxy);
   addCacheAndOutput(*command, *options);
   command->footer(
       "Examples:\n"
@@ -276,6 +384,7 @@ void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
       "  ahs select --reason reconnection --last Berlin\n"
       "  ahs select --json --no-cache | jq '.headends[0]'\n"
       "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
-      "3 a proxy asks for authentication, 128 + number of the signal that ended it.");
+      "3 a proxy asks for a login and was given none or a wrong one,\n"
+      "128 + number of the signal that ended it.");
   command->callback([&chosen, options] { chosen = [options] { return runSelect(*options); }; });
 }

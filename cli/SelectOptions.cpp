@@ -181,6 +181,10 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   plan.reason = *reason;
   std::string error = takeLog(options, plan.log);
   if (error.empty()) {
+    error = makeProxyPlan(options.proxy, plan.proxy);
+    plan.sources.proxy = plan.proxy.proxy;
+  }
+  if (error.empty()) {
     error = takeHosts(options.hosts, plan.sources.addresses);
   }
   plan.last = findLast(options.last.value_or(""), plan.sources.addresses);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cli/Paths.h"
+#include "cli/ProxyOptions.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Logging/AppLog.h"
 
@@ -23,6 +24,7 @@ struct SelectOptions {
   bool json = false;
   bool quiet = false;
   bool syslog = false;
+  ProxyOptions proxy;
 };
 
 /// What a selection needs to know, checked and complete.
@@ -33,6 +35,8 @@ struct SelectPlan {
   std::string last;
   /// Where profiles are looked for, for messages: one directory, or the user's and the system's.
   std::string profilePlaces;
+  /// Its proxy stands in `sources` as well.
+  ProxyPlan proxy;
 };
 
 /// Turns options into a plan. The files named are looked at, not read, except preferences files

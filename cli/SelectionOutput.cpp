@@ -13,6 +13,7 @@
 #include "cli/Console.h"
 #include "cli/SelectOptions.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Common/Logging/LegibleText.h"
 
 namespace {
 
@@ -103,6 +104,25 @@ std::string missingList(const SelectionResult& result, std::size_t width) {
   return text.empty() ? "" : "Without a result:\n" + text;
 }
 
+// A realm is told by whoever runs the proxy; more than this is no name.
+constexpr std::size_t MostRealmBytes = 200;
+
+std::string adviceForLogin(const SelectionResult& result) {
+  const std::string realm =
+      result.extraInfo.empty() ? "" : " for the realm '" + visibleRealm(result.extraInfo) + "'";
+  if (result.hadLogin) {
+    return "the proxy does not accept the user name and password" + realm +
+           ", so no headend was measured. Check both, and whether the proxy is the right one; "
+           "--proxy HOST:PORT names another one, --no-proxy none.";
+  }
+  return "a proxy asks for authentication" +
+         (realm.empty() ? " and names no realm for the Basic scheme" : realm) +
+         ", so no headend was measured. Give the user name with --proxy-user NAME and the password "
+         "with --proxy-password-file FILE (which nobody else may read) or --proxy-password-fd N; "
+         "or run the command on a terminal to be asked; or choose another proxy with --proxy "
+         "HOST:PORT, or none with --no-proxy.";
+}
+
 }  // namespace
 
 std::string statusAsHex(STATUSCODE status) {
@@ -170,19 +190,17 @@ std::string quietOutput(const SelectionResult& result) {
   return result.headends.empty() ? "" : result.headends.front() + "\n";
 }
 
+std::string visibleRealm(const std::string& realm) {
+  return Console::visible(legible(realm, MostRealmBytes));
+}
+
 std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces) {
   if (isSelected(result.status)) {
     return "";
   }
   switch (result.status) {
-    case HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED: {
-      const std::string realm = result.extraInfo.empty()
-                                    ? "and names no realm for the Basic scheme"
-                                    : "for the realm '" + Console::visible(result.extraInfo) + "'";
-      return "a proxy asks for authentication " + realm +
-             ", so no headend was measured. Log in to the proxy and try again, or choose another "
-             "one, or none, with the preference ProxySettings.";
-    }
+    case HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED:
+      return adviceForLogin(result);
     case HEADENDSELECTION_ERROR_NO_HEADENDS:
       return "no host entry takes part in automatic selection. In the profiles in " +
              profilePlaces +

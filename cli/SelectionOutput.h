@@ -20,6 +20,10 @@ std::string statusInWords(const SelectionResult& result);
 /// A status as it is written for programs: "0xFE530010".
 std::string statusAsHex(STATUSCODE status);
 
+/// A proxy's realm for a person: what could be taken for something else is shown as its code, and a
+/// long one is cut.
+std::string visibleRealm(const std::string& realm);
+
 /// What a selection without success means and what to do next, for standard error; empty after a
 /// success.
 std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces);

@@ -27,6 +27,7 @@ struct SelectionResult {
   std::vector<std::string> headends;  ///< as delivered, best first
   std::string extraInfo;
   bool fromCache = false;
+  bool hadLogin = false;  ///< the run had credentials for the proxy
   std::chrono::milliseconds elapsed{0};
   std::string report;  ///< the selection report as the log has it; empty when there was no ranking
   /// The delivered headends in their order, then the other candidates in theirs.

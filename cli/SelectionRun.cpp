@@ -45,13 +45,15 @@ SelectionRun::SelectionRun() : m_start(std::chrono::steady_clock::now()), m_isDe
 
 SelectionRun::~SelectionRun() { CAppLog::SetListener(nullptr); }
 
-STATUSCODE SelectionRun::start(unsigned int reason, const std::string& last) {
+STATUSCODE SelectionRun::start(unsigned int reason, const std::string& last,
+                               std::unique_ptr<ProxyIfc> provider) {
   m_start = std::chrono::steady_clock::now();
   long status = 0;
   auto selection = std::make_unique<CHeadendSelection>(this, last, reason, status);
   if (status != 0) {
     return status;
   }
+  selection->SetProxy(provider.release());
   m_thread = std::make_unique<RunThread>(std::move(selection));
   return m_thread->Start();
 }

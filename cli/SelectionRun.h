@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vpn/Api/ClientIfcBase.h"
+#include "vpn/Api/ProxyIfc.h"
 #include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/StatusCode.h"
 
@@ -29,8 +30,10 @@ class SelectionRun : public ClientIfcBase {
   ~SelectionRun() override;
 
   /// Starts the run. To be called once.
+  /// @param provider of the proxy and the credentials for it; null for none.
   /// @return 0, or why there is no run; nothing is delivered then.
-  STATUSCODE start(unsigned int reason, const std::string& last);
+  STATUSCODE start(unsigned int reason, const std::string& last,
+                   std::unique_ptr<ProxyIfc> provider);
 
   /// Waits for the result. @return whether it is there.
   bool waitForDelivery(std::chrono::milliseconds longest);

@@ -36,7 +36,8 @@ int runTool(int argumentCount, char** arguments) {
   tool.require_subcommand(1);
   tool.footer(
       "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
-      "3 a proxy asks for authentication, 128 + number of the signal that ended it.");
+      "3 a proxy asks for a login and was given none or a wrong one,\n"
+      "128 + number of the signal that ended it.");
   ChosenCommand chosen;
   addSelectCommand(tool, chosen);
   Interruption::begin();

@@ -6,13 +6,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pty.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include <algorithm>
 #include <chrono>
@@ -24,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/integration/running_program.h"
 #include "tests/support/LoopbackSockets.h"
 #include "tests/support/ScriptedServer.h"
 
@@ -34,15 +31,14 @@ using std::chrono::milliseconds;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
+using tests::Outcome;
+using tests::Program;
 
 constexpr const char* Welcome = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
 constexpr const char* ProxyChallenge =
     "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"Head "
     "office\"\r\n"
     "Content-Length: 0\r\nConnection: close\r\n\r\n";
-// Longer than any run here takes; a program that hangs fails its test in place of the whole suite.
-constexpr auto LongestRun = std::chrono::seconds(60);
-
 // ---- Gateways ---------------------------------------------------------------------------------
 
 /// A gateway on 127.0.0.1 that answers each request with the same text after a delay.
@@ -82,151 +78,6 @@ class ClosedGateway {
 
  private:
   tests::RefusingPort m_port{"127.0.0.1"};
-};
-
-// ---- The program ------------------------------------------------------------------------------
-
-struct Outcome {
-  int exitStatus = -1;  ///< -1: it was ended by a signal that it did not handle
-  std::string out;
-  std::string err;
-};
-
-/// One running `ahs`, with its outputs on pipes or its standard error on a terminal of its own.
-class Program {
- public:
-  /// @param standardOutput a descriptor to use as its standard output, -1 for a pipe.
-  Program(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
-          bool onTerminal = false, int standardOutput = -1) {
-    int out[2] = {-1, standardOutput};
-    if (standardOutput < 0 && pipe2(out, O_CLOEXEC) != 0) {
-      throw std::runtime_error("no pipe");
-    }
-    int err[2];
-    if (onTerminal ? openpty(&err[0], &err[1], nullptr, nullptr, nullptr) != 0
-                   : pipe2(err, O_CLOEXEC) != 0) {
-      throw std::runtime_error("no pipe or terminal");
-    }
-    std::vector<std::string> words = arguments;
-    words.insert(words.begin(), "ahs");
-    const std::vector<char*> argv = pointersTo(words);
-    const std::vector<char*> envp = pointersTo(environment);
-    m_pid = fork();
-    if (m_pid == 0) {
-      become(argv, envp, onTerminal, out[1], err[1]);
-    }
-    m_out = out[0];
-    m_err = err[0];
-    if (standardOutput < 0) {
-      close(out[1]);
-    }
-    close(err[1]);
-  }
-  ~Program() {
-    if (m_pid > 0) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, nullptr, 0);
-    }
-    closeIfOpen(m_out);
-    closeIfOpen(m_err);
-  }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
-  pid_t pid() const { return m_pid; }
-  int terminal() const { return m_err; }
-
-  /// Reads until standard error has shown `text`, or the program has ended.
-  bool waitForError(const std::string& text) {
-    while (m_outcome.err.find(text) == std::string::npos) {
-      if (!readSome()) {
-        return false;
-      }
-    }
-    return true;
-  }
-
-  /// Reads until both outputs are closed, and waits for the end.
-  Outcome finish() {
-    while (readSome()) {
-    }
-    int status = 0;
-    waitpid(m_pid, &status, 0);
-    m_pid = -1;
-    m_outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return m_outcome;
-  }
-
- private:
-  // Made before the fork: the gateways' threads may hold the allocator's lock at that moment.
-  static std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (const std::string& text : texts) {
-      pointers.push_back(const_cast<char*>(text.c_str()));
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-  }
-
-  [[noreturn]] static void become(const std::vector<char*>& argv, const std::vector<char*>& envp,
-                                  bool onTerminal, int out, int err) {
-    if (onTerminal) {
-      login_tty(err);  // makes it the controlling terminal, so that Ctrl-C is a signal
-    } else {
-      dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-      dup2(err, STDERR_FILENO);
-    }
-    dup2(out, STDOUT_FILENO);
-    execve(AHS_PROGRAM, argv.data(), envp.data());
-    _exit(127);
-  }
-
-  static void closeIfOpen(int& descriptor) {
-    if (descriptor >= 0) {
-      close(descriptor);
-      descriptor = -1;
-    }
-  }
-
-  // Reads what is there from both outputs, waiting for some. False when both are at their end, or
-  // when it takes too long; the program is then killed.
-  bool readSome() {
-    pollfd outputs[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
-    if (m_out < 0 && m_err < 0) {
-      return false;
-    }
-    const auto left =
-        std::chrono::duration_cast<milliseconds>(m_deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || poll(outputs, 2, static_cast<int>(left.count())) == 0) {
-      ADD_FAILURE() << "the program did not end";
-      kill(m_pid, SIGKILL);
-      return false;
-    }
-    readFrom(outputs[0], m_out, m_outcome.out);
-    readFrom(outputs[1], m_err, m_outcome.err);
-    return true;
-  }
-
-  static void readFrom(const pollfd& output, int& descriptor, std::string& text) {
-    if (output.revents == 0) {
-      return;
-    }
-    char bytes[4096];
-    const ssize_t count = read(descriptor, bytes, sizeof bytes);
-    if (count > 0) {
-      text.append(bytes, static_cast<std::size_t>(count));
-    } else {
-      closeIfOpen(
-          descriptor);  // a terminal whose last user has gone gives an error, a pipe its end
-    }
-  }
-
-  pid_t m_pid = -1;
-  int m_out = -1;
-  int m_err = -1;
-  Outcome m_outcome;
-  const std::chrono::steady_clock::time_point m_deadline =
-      std::chrono::steady_clock::now() + LongestRun;
 };
 
 std::string readFile(const std::string& path) {
@@ -498,7 +349,8 @@ TEST_F(SelectCommandTest, AnOutputThatCannotBeWrittenIsAnError) {
   const Gateway near(Near);
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
   ASSERT_GE(full, 0);
-  const Outcome outcome = Program({"select", near.address()}, environment, false, full).finish();
+  const Outcome outcome =
+      Program({"select", near.address()}, environment, Program::Terminal::None, full).finish();
   close(full);
   EXPECT_EQ(outcome.exitStatus, 2);
   EXPECT_THAT(outcome.err, HasSubstr("could not be written to standard output: No space left"));
@@ -509,7 +361,8 @@ TEST_F(SelectCommandTest, AReaderThatHasGoneIsAnErrorAndNoSignal) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   close(ends[0]);
-  const Outcome outcome = Program({"select", near.address()}, environment, false, ends[1]).finish();
+  const Outcome outcome =
+      Program({"select", near.address()}, environment, Program::Terminal::None, ends[1]).finish();
   close(ends[1]);
   EXPECT_EQ(outcome.exitStatus, 2) << outcome.err;
   EXPECT_THAT(outcome.err, HasSubstr("Broken pipe"));
@@ -596,7 +449,7 @@ TEST_F(SelectCommandTest, ALastHeadendThatNobodyKnowsIsWarnedOf) {
 
 TEST_F(SelectCommandTest, ProgressIsShownOnATerminalAndRemoved) {
   const Gateway far(Far);
-  Program program({"select", far.address()}, environment, true);
+  Program program({"select", far.address()}, environment, Program::Terminal::Errors);
   const Outcome outcome = program.finish();
   EXPECT_EQ(outcome.exitStatus, 0);
   EXPECT_THAT(outcome.err, HasSubstr("\r\x1b[KMeasuring: \x1b[1m0 of 1\x1b[0m headends answered"));
@@ -608,7 +461,8 @@ TEST_F(SelectCommandTest, ProgressIsShownOnATerminalAndRemoved) {
 TEST_F(SelectCommandTest, ProgressHasNoColourWhenTheUserWantsNone) {
   environment.push_back("NO_COLOR=1");
   const Gateway far(Far);
-  const Outcome outcome = Program({"select", far.address()}, environment, true).finish();
+  const Outcome outcome =
+      Program({"select", far.address()}, environment, Program::Terminal::Errors).finish();
   EXPECT_THAT(outcome.err, HasSubstr("Measuring: 0 of 1 headends answered"));
   EXPECT_THAT(outcome.err, Not(HasSubstr("\x1b[1m")));
 }
@@ -616,23 +470,42 @@ TEST_F(SelectCommandTest, ProgressHasNoColourWhenTheUserWantsNone) {
 TEST_F(SelectCommandTest, NothingIsRedrawnOnATerminalThatCannotOrWhenAProgramReads) {
   const Gateway far(Far);
   for (const char* form : {"--json", "--quiet"}) {
-    EXPECT_EQ(
-        Program({"select", "--no-cache", form, far.address()}, environment, true).finish().err, "");
+    EXPECT_EQ(Program({"select", "--no-cache", form, far.address()}, environment,
+                      Program::Terminal::Errors)
+                  .finish()
+                  .err,
+              "");
   }
   environment[1] = "TERM=dumb";
-  EXPECT_EQ(Program({"select", "--no-cache", far.address()}, environment, true).finish().err, "");
+  EXPECT_EQ(Program({"select", "--no-cache", far.address()}, environment, Program::Terminal::Errors)
+                .finish()
+                .err,
+            "");
 }
 
 TEST_F(SelectCommandTest, CtrlCEndsItAtOnceAndRestoresTheLine) {
   const SilentGateway silent;
-  Program program({"select", silent.address(), "--log-file", home + "/log"}, environment, true);
+  Program program({"select", silent.address(), "--log-file", home + "/log"}, environment,
+                  Program::Terminal::Errors);
   ASSERT_TRUE(program.waitForError("Measuring"));
-  ASSERT_EQ(write(program.terminal(), "\x03", 1), 1);
+  program.type("\x03");
   const Outcome outcome = program.finish();
   EXPECT_EQ(outcome.exitStatus, 130);
   EXPECT_EQ(outcome.out, "");
   EXPECT_THAT(outcome.err, testing::EndsWith("\r\x1b[K"));
   EXPECT_THAT(readFile(home + "/log"), HasSubstr("Starting QIB processing"));
+}
+
+TEST_F(SelectCommandTest, CtrlZRemovesTheLineUntilItIsBroughtBack) {
+  const SilentGateway silent;
+  Program program({"select", silent.address()}, environment, Program::Terminal::Job);
+  ASSERT_TRUE(program.waitForNext("Measuring"));
+  program.type("\x1a");
+  ASSERT_TRUE(program.waitForStop());
+  program.bringBack();
+  ASSERT_TRUE(program.waitForNext("\r\x1b[K\r\x1b[KMeasuring")) << program.soFar().err;
+  program.type("\x03");
+  EXPECT_EQ(program.finish().exitStatus, 130);
 }
 
 TEST_F(SelectCommandTest, ATerminationSignalEndsItToo) {
@@ -653,7 +526,8 @@ TEST_F(SelectCommandTest, ItCanBeEndedWhileNobodyReadsItsOutput) {
   while (write(ends[1], filling.data(), filling.size()) > 0) {
   }
   ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
-  Program program({"select", near.address(), "--log-level", "info"}, environment, false, ends[1]);
+  Program program({"select", near.address(), "--log-level", "info"}, environment,
+                  Program::Terminal::None, ends[1]);
   ASSERT_TRUE(program.waitForError("*** QIB Selection Results ***"));
   ASSERT_EQ(kill(program.pid(), SIGINT), 0);
   EXPECT_EQ(program.finish().exitStatus, 130);

@@ -181,6 +181,19 @@ TEST_F(SelectOptionsTest, AnUnknownLevelIsRefused) {
   EXPECT_THAT(make(), HasSubstr("error, warning, info or off"));
 }
 
+TEST_F(SelectOptionsTest, AProxyGoesBeforeThePreferences) {
+  options.proxy.proxy = "proxy:3128";
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.sources.proxy.choice, PreferenceMgr::Sources::Proxy::Choice::Given);
+  EXPECT_EQ(plan.sources.proxy.host, "proxy");
+  EXPECT_EQ(plan.sources.proxy.port, "3128");
+}
+
+TEST_F(SelectOptionsTest, AWrongProxyIsRefused) {
+  options.proxy.proxy = "proxy:x";
+  EXPECT_THAT(make(), HasSubstr("the proxy 'proxy:x' cannot be used"));
+}
+
 TEST_F(SelectOptionsTest, OneFormOfOutputAtATime) {
   options.json = true;
   options.quiet = true;

@@ -157,6 +157,23 @@ TEST(Advice, NamesTheRealmWithItsControlCharactersShown) {
   EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("the realm 'Office\\x1b[2J'"));
 }
 
+TEST(Advice, SaysHowToLogInToAProxy) {
+  const std::string advice =
+      adviceFor(failed(HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED, {}), "'/p'");
+  for (const char* option :
+       {"--proxy-user", "--proxy-password-file", "--proxy-password-fd", "--no-proxy"}) {
+    EXPECT_THAT(advice, HasSubstr(option));
+  }
+}
+
+TEST(Advice, SaysThatALoginWasRefused) {
+  SelectionResult result = failed(HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED, {});
+  result.extraInfo = "Office";
+  result.hadLogin = true;
+  EXPECT_THAT(adviceFor(result, "'/p'"),
+              HasSubstr("does not accept the user name and password for the realm 'Office'"));
+}
+
 TEST(Advice, SaysWhereTheProfilesStandWhenNoneTakesPart) {
   EXPECT_THAT(adviceFor(failed(HEADENDSELECTION_ERROR_NO_HEADENDS, {}), "'/p'"),
               HasSubstr("the profiles in '/p', set EnableAutomaticServerSelection to true"));

@@ -1,0 +1,175 @@
+// Questions on a terminal. The state of the terminal is changed under one lock and never by a call
+// that can wait for the terminal's output, so that the thread that is told of a signal always gets
+// to put it right.
+
+#include "cli/Terminal.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "cli/Console.h"
+
+std::shared_ptr<Terminal> Terminal::find() {
+  if (isatty(STDIN_FILENO) != 1) {
+    return nullptr;
+  }
+  const int controlling = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
+  if (controlling >= 0) {
+    auto terminal = std::make_shared<Terminal>(controlling, controlling);
+    terminal->m_owned = controlling;
+    return terminal;
+  }
+  return isatty(STDERR_FILENO) == 1 ? std::make_shared<Terminal>(STDIN_FILENO, STDERR_FILENO)
+                                    : nullptr;
+}
+
+Terminal::Terminal(int input, int output)
+    : m_input(input),
+      m_output(output),
+      m_owned(-1),
+      m_echo(Echo::On),
+      m_isHidden(false),
+      m_isLeft(false),
+      m_found{} {}
+
+Terminal::~Terminal() {
+  if (m_owned >= 0) {
+    close(m_owned);
+  }
+}
+
+void Terminal::say(const std::string& line) {
+  // A terminal that is gone ends the next question.
+  static_cast<void>(Console::write(m_output, line + "\n"));
+}
+
+Terminal::Answer Terminal::ask(const std::string& prompt, Echo echo, Secret& answer) {
+  if (!begin(prompt, echo)) {
+    return Answer::None;
+  }
+  static_cast<void>(Console::write(m_output, prompt));
+  const Answer result = readLine(answer);
+  end();
+  // The line feed of an answer that is not shown is not shown either; an ended input has none.
+  if (echo == Echo::Off || result == Answer::None) {
+    say("");
+  }
+  return result;
+}
+
+void Terminal::leave() {
+  const std::lock_guard<std::mutex> guard(m_lock);
+  const bool wasAsking = !m_prompt.empty();
+  if (!m_isLeft && isOurs()) {
+    restore();
+    if (wasAsking) {
+      static_cast<void>(::write(m_output, "\n", 1) == 1);
+    }
+  }
+  m_isLeft = true;
+}
+
+void Terminal::stepAside() {
+  const std::lock_guard<std::mutex> guard(m_lock);
+  if (isOurs()) {
+    restore();
+  }
+}
+
+void Terminal::comeBack() {
+  std::string prompt;
+  {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    // In the background the question waits until the person brings the command back.
+    if (m_prompt.empty() || m_isLeft || !isOurs() || (m_echo == Echo::Off && !hide())) {
+      return;
+    }
+    prompt = "\r" + m_prompt;
+  }
+  static_cast<void>(Console::write(m_output, prompt));
+}
+
+bool Terminal::begin(const std::string& prompt, Echo echo) {
+  const std::lock_guard<std::mutex> guard(m_lock);
+  if (m_isLeft || (echo == Echo::Off && !hide())) {
+    return false;
+  }
+  m_prompt = prompt;
+  m_echo = echo;
+  return true;
+}
+
+void Terminal::end() {
+  const std::lock_guard<std::mutex> guard(m_lock);
+  m_prompt.clear();
+  if (m_isHidden) {
+    restore();
+  }
+}
+
+// Also when it is hidden already: a shell may have changed the terminal while the command was
+// stopped.
+bool Terminal::hide() {
+  if (!m_isHidden && tcgetattr(m_input, &m_found) != 0) {
+    return false;
+  }
+  termios hidden = m_found;
+  hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
+  if (tcsetattr(m_input, TCSANOW, &hidden) != 0) {
+    return false;
+  }
+  m_isHidden = true;
+  static_cast<void>(tcflush(m_input, TCIFLUSH));
+  return true;
+}
+
+// A part of a secret that was typed but not read must not reach whoever reads next.
+void Terminal::restore() {
+  if (m_isHidden) {
+    static_cast<void>(tcflush(m_input, TCIFLUSH));
+    static_cast<void>(tcsetattr(m_input, TCSANOW, &m_found));
+    m_isHidden = false;
+  }
+}
+
+// A process in the background that changes its terminal is stopped by the kernel, and what it would
+// change belongs to somebody else by then. Where there is no job control, nobody else is there.
+bool Terminal::isOurs() const {
+  const pid_t foreground = tcgetpgrp(m_input);
+  return foreground < 0 || foreground == getpgrp();
+}
+
+Terminal::Answer Terminal::readLine(Secret& answer) const {
+  SecretBuffer line;
+  std::size_t length = 0;
+  bool isTooLong = false;
+  while (true) {
+    // A line that is too long is read to its end, over and over into the same place.
+    isTooLong = isTooLong || length == SecretBuffer::Size;
+    length = isTooLong ? 0 : length;
+    const ssize_t count = read(m_input, line.data() + length, SecretBuffer::Size - length);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0 && errno == EAGAIN) {
+      pollfd ready{m_input, POLLIN, 0};
+      static_cast<void>(poll(&ready, 1, -1));
+      continue;
+    }
+    if (count <= 0) {
+      return Answer::None;
+    }
+    length += static_cast<std::size_t>(count);
+    if (line.text()[length - 1] == '\n') {
+      break;
+    }
+  }
+  line.data()[length - 1] = '\0';
+  if (isTooLong || length - 1 > MostCredentialBytes) {
+    return Answer::TooLong;
+  }
+  answer = line.text();
+  return Answer::Given;
+}

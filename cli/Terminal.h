@@ -1,0 +1,66 @@
+#pragma once
+
+#include <termios.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "cli/Credentials.h"
+
+/// The terminal at which a person is asked. While a secret is typed the terminal does not show it,
+/// and however the question ends (an answer, a signal, a stop), the terminal is left as it was
+/// found.
+///
+/// One thread says and asks. The other three operations are for the thread that is told of signals.
+class Terminal {
+ public:
+  enum class Echo { On, Off };
+  enum class Answer {
+    Given,
+    TooLong,  ///< more than MostCredentialBytes; all of the line has been read
+    None,     ///< the person has ended the input, or the terminal is gone
+  };
+
+  /// The terminal of the person who started the command: the controlling one, which redirections
+  /// do not touch, else the one behind standard input. Null when standard input is no terminal:
+  /// whoever redirected it does not expect to be asked.
+  static std::shared_ptr<Terminal> find();
+
+  /// @param input, output descriptors of one terminal, or the same one twice; not owned.
+  Terminal(int input, int output);
+  ~Terminal();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  void say(const std::string& line);
+
+  /// Asks and waits for a line, however long the person takes. What was typed before a question
+  /// whose answer is not shown is dropped: it was shown.
+  Answer ask(const std::string& prompt, Echo echo, Secret& answer);
+
+  /// The process is about to end: gives the terminal back for good.
+  void leave();
+  /// The process is about to stop: gives the terminal back.
+  void stepAside();
+  /// The process goes on: a question that is still open is put again.
+  void comeBack();
+
+ private:
+  bool begin(const std::string& prompt, Echo echo);
+  void end();
+  bool hide();
+  void restore();
+  bool isOurs() const;
+  Answer readLine(Secret& answer) const;
+
+  const int m_input;
+  const int m_output;
+  int m_owned;  // closed at the end; -1 for none
+  std::mutex m_lock;
+  std::string m_prompt;  // guarded by m_lock; of the open question, empty when there is none
+  Echo m_echo;           // guarded by m_lock; of the open question
+  bool m_isHidden;       // guarded by m_lock; what is typed is not shown, by our doing
+  bool m_isLeft;         // guarded by m_lock
+  termios m_found;       // guarded by m_lock; the terminal's state to go back to while m_isHidden
+};

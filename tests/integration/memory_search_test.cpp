@@ -1,0 +1,505 @@
+// What is left of a proxy's user name and password in the memory of a host after a selection. The
+// host is a program of its own, whose allocator leaves freed blocks as they are; this one makes the
+// secrets up, lets it run a whole selection through an authenticating proxy, and then searches all
+// memory that it can write to, and a core image of it, for any part of them in any form that they
+// take on the way.
+
+#include <crypt.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/provider.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/integration/secret_search.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/RealServers.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TestAuthority.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+
+namespace tests {
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr char Answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+constexpr char Established[] = "HTTP/1.1 200 Established\r\n\r\n";
+
+/// Longer than anything here takes, even on a machine that does a hundred other things.
+constexpr std::chrono::seconds Limit{60};
+constexpr std::chrono::milliseconds PollInterval{2};
+
+template <class Condition>
+bool eventually(const Condition& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + Limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(PollInterval);
+  }
+  return true;
+}
+
+// ---- Secrets, and the forms that they take ------------------------------------------------------
+
+std::string randomText(std::size_t length) {
+  constexpr std::string_view Letters =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::string text(length, '\0');
+  if (getrandom(text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+    throw std::runtime_error("no random bytes");
+  }
+  for (char& c : text) {
+    c = Letters[static_cast<unsigned char>(c) % Letters.size()];
+  }
+  return text;
+}
+
+std::string base64(const std::string& text) {
+  std::vector<unsigned char> encoded((text.size() + 2) / 3 * 4 + 1);
+  const int length =
+      EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(text.data()),
+                      static_cast<int>(text.size()));
+  return {encoded.begin(), encoded.begin() + length};
+}
+
+/// As Windows has text; plain ASCII only.
+std::string utf16(const std::string& text) {
+  std::string wide;
+  for (const char c : text) {
+    wide += c;
+    wide += '\0';
+  }
+  return wide;
+}
+
+std::string upperCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c; });
+  return text;
+}
+
+/// What NTLM makes of a password first, and what would do in its place.
+std::string ntHash(const std::string& password) {
+  static OSSL_PROVIDER* const legacy = OSSL_PROVIDER_load(nullptr, "legacy");
+  static OSSL_PROVIDER* const standard = OSSL_PROVIDER_load(nullptr, "default");
+  const std::string text = utf16(password);
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (legacy == nullptr || standard == nullptr ||
+      EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_md4(), nullptr) != 1) {
+    throw std::runtime_error("OpenSSL has no MD4");
+  }
+  return {digest.begin(), digest.begin() + length};
+}
+
+/// As a server keeps a password. Few rounds: nobody gets at the file.
+std::string cryptHash(const std::string& password) {
+  crypt_data scratch{};
+  const char* const hash = ::crypt_r(password.c_str(), "$5$rounds=1000$test$", &scratch);
+  if (hash == nullptr) {
+    throw std::runtime_error("crypt has no SHA-256");
+  }
+  return hash;
+}
+
+// ---- Proxies ------------------------------------------------------------------------------------
+
+/// A little-endian number.
+std::string bytes(unsigned long number, std::size_t size) {
+  std::string text;
+  for (std::size_t i = 0; i < size; ++i) {
+    text += static_cast<char>(number >> (8 * i));
+  }
+  return text;
+}
+
+/// The ways in which NTLM proves knowledge of a password; the challenge decides.
+enum class Ntlm { Version1, Session, Version2 };
+
+/// The challenge of a proxy in the domain "OFFICE" ([MS-NLMP], section 2.2.1.2).
+std::string ntlmChallenge(Ntlm version) {
+  constexpr unsigned long Unicode = 0x1;
+  constexpr unsigned long NtlmKey = 0x200;
+  constexpr unsigned long SessionKey = 0x80000;
+  constexpr unsigned long TargetInfo = 0x800000;
+  constexpr std::size_t HeadSize = 48;
+  const std::string name = utf16("OFFICE");
+  // The domain's name, and the end of the list.
+  const std::string info = version == Ntlm::Version2
+                               ? bytes(2, 2) + bytes(name.size(), 2) + name + bytes(0, 4)
+                               : std::string();
+  const unsigned long flags = Unicode | NtlmKey | (version == Ntlm::Session ? SessionKey : 0) |
+                              (version == Ntlm::Version2 ? TargetInfo : 0);
+  const auto field = [](std::size_t size, std::size_t offset) {
+    return bytes(size, 2) + bytes(size, 2) + bytes(offset, 4);
+  };
+  return base64(std::string("NTLMSSP", 8) + bytes(2, 4) + field(name.size(), HeadSize) +
+                bytes(flags, 4) + "\1\2\3\4\5\6\7\10" + bytes(0, 8) +
+                field(info.size(), HeadSize + name.size()) + name + info);
+}
+
+std::string demand(const std::string& challenge) {
+  return "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: " + challenge +
+         "\r\nContent-Length: 0\r\n\r\n";
+}
+
+/// What a proxy does once it has been given the credentials.
+enum class Then { Accept, Refuse, Close, Reset, StaySilent, AnswerGarbage };
+
+/// A proxy that asks for credentials, and waits when it has got them until it is released.
+class AskingProxy {
+ public:
+  /// @param scheme "Basic realm=x" or the like; the NTLM of the dialogue is in `version`.
+  AskingProxy(std::string scheme, std::string lastMessage, Then then, unsigned short headend,
+              Ntlm version = Ntlm::Version1)
+      : m_scheme(std::move(scheme)),
+        m_lastMessage(std::move(lastMessage)),
+        m_then(then),
+        m_headend(headend),
+        m_challenge("NTLM " + ntlmChallenge(version)),
+        m_server([this](Connection& connection) { Serve(connection); }) {}
+  ~AskingProxy() { Release(); }
+
+  unsigned short Port() const { return m_server.port(); }
+  bool HasCredentials() const { return m_hasCredentials; }
+  void Release() { m_released = true; }
+
+ private:
+  void Serve(Connection& connection) {
+    for (std::string head = connection.readHead(); !head.empty(); head = connection.readHead()) {
+      if (head.find("\r\nProxy-Authorization: " + m_lastMessage) != std::string::npos) {
+        Wait(connection);
+        Finish(connection);
+        return;
+      }
+      const bool first =
+          head.find("\r\nProxy-Authorization: NTLM TlRMTVNTUAAB") != std::string::npos;
+      connection.send(demand(first ? m_challenge : m_scheme));
+    }
+  }
+
+  void Wait(Connection& connection) {
+    m_hasCredentials = true;
+    while (!m_released) {
+      connection.wait(PollInterval);
+    }
+  }
+
+  void Finish(Connection& connection) {
+    if (m_then == Then::Accept) {
+      connection.send(Established);
+      connection.tunnelTo(m_headend);
+    } else if (m_then == Then::Refuse) {
+      connection.send(demand(m_scheme));
+      connection.waitForPeer();
+    } else if (m_then == Then::AnswerGarbage) {
+      connection.send("SSH-2.0-x\r\n\r\n");
+      connection.waitForPeer();
+    } else if (m_then == Then::StaySilent) {
+      connection.waitForPeer();
+    } else if (m_then == Then::Reset) {
+      connection.resetAtEnd();
+    }
+  }
+
+  const std::string m_scheme;
+  const std::string m_lastMessage;
+  const Then m_then;
+  const unsigned short m_headend;
+  const std::string m_challenge;
+  std::atomic<bool> m_hasCredentials{false};
+  std::atomic<bool> m_released{false};
+  ScriptedServer m_server;  // last, because its threads use the others
+};
+
+// ---- The host -----------------------------------------------------------------------------------
+
+class MemorySearch : public testing::Test {
+ protected:
+  MemorySearch() { MakeSecrets(20, 30); }
+
+  ~MemorySearch() override {
+    if (m_pipe >= 0) {
+      ::close(m_pipe);
+    }
+  }
+
+  /// New secrets of these lengths.
+  void MakeSecrets(std::size_t userLength, std::size_t passwordLength) {
+    m_user = randomText(userLength);
+    m_password = randomText(passwordLength);
+    m_search = SecretSearch();
+    m_search.Add("the user name", m_user);
+    m_search.Add("the password", m_password);
+    m_search.Add("the password in upper case", upperCase(m_password));
+    m_search.Add("both in base64", base64(m_user + ":" + m_password));
+    constexpr std::size_t WidePart = 16;  // eight characters
+    for (const auto& [name, text] : {std::pair{"the user name", m_user},
+                                     std::pair{"the user name in upper case", upperCase(m_user)},
+                                     std::pair{"the password", m_password}}) {
+      m_search.Add(name + std::string(", wide"), utf16(text), WidePart);
+    }
+    m_search.Add("the password's hash", ntHash(m_password), WidePart / 2);
+  }
+
+  std::string Basic() const { return "Basic " + base64(m_user + ":" + m_password); }
+
+  void StartHost(unsigned short proxyPort, const std::string& scheme,
+                 const std::string& left = "nothing", const std::string& testPingTimeout = "20") {
+    WritePreferences("global",
+                     {{"ProxyHost", "127.0.0.1"}, {"ProxyPort", std::to_string(proxyPort)}});
+    WritePreferences("user", {{"SelectionConnectTimeout", "60000"},
+                              {"SelectionPingTimeout", "20000"},
+                              {"SelectionTestPingTimeout", testPingTimeout},
+                              {"SelectionPingsPerHeadend", "2"},
+                              {"ProxySettings", "override"}});
+    const std::string pipe = m_directory.File("pipe");
+    ASSERT_EQ(0, ::mkfifo(pipe.c_str(), 0600));
+    m_pipe = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);
+    const std::string lines = m_user + "\n" + m_password + "\n";
+    ASSERT_EQ(static_cast<ssize_t>(lines.size()), ::write(m_pipe, lines.data(), lines.size()));
+    m_host = std::make_unique<ChildProcess>(
+        std::vector<std::string>{AHS_MEMORY_SEARCH_HOST, pipe, m_directory.Path(),
+                                 m_authority.file(), scheme, left, Headend(0), Headend(1)},
+        m_directory.File("output"), m_directory.Path());
+  }
+
+  /// Waits until the selection is over. @return how it ended.
+  std::string Outcome() {
+    const std::string key = "ended, ";
+    EXPECT_TRUE(eventually([&] {
+      const std::string output = Output();
+      return output.find(key) != std::string::npos || !m_host->IsRunning();
+    }));
+    const std::string output = Output();
+    const std::size_t at = output.find(key);
+    return at == std::string::npos ? output : output.substr(at + key.size());
+  }
+
+  void ExpectSelected(const std::string& outcome) const {
+    EXPECT_THAT(outcome,
+                StartsWith("status " + std::to_string(HEADENDSELECTION_ERROR_ADDED_TO_CACHE)));
+    EXPECT_THAT(outcome, HasSubstr(Headend(0)));
+    EXPECT_THAT(outcome, HasSubstr(Headend(1)));
+  }
+
+  std::vector<std::string> FoundInMemory() const { return m_search.InProcess(m_host->Pid()); }
+
+  std::vector<std::string> FoundInCore() const {
+    const std::string prefix = m_directory.File("core");
+    runToEnd({findProgram("gcore", "gdb"), "-a", "-o", prefix, std::to_string(m_host->Pid())},
+             m_directory.Path());
+    return m_search.InFile(prefix + "." + std::to_string(m_host->Pid()));
+  }
+
+  /// What the host has written, and what others can read of it while it runs.
+  std::vector<std::string> FoundInPublic() const {
+    const std::string process = "/proc/" + std::to_string(m_host->Pid());
+    m_directory.Write("public", Output() + readFile(m_directory.File("host.log")) +
+                                    readFile(process + "/cmdline") +
+                                    readFile(process + "/environ"));
+    return m_search.InFile(m_directory.File("public"));
+  }
+
+  void ExpectNothingLeft() const {
+    EXPECT_THAT(FoundInMemory(), IsEmpty());
+    EXPECT_THAT(FoundInCore(), IsEmpty());
+    EXPECT_THAT(FoundInPublic(), IsEmpty());
+  }
+
+  void WaitForCredentials(const AskingProxy& proxy) {
+    ASSERT_TRUE(eventually([&] { return proxy.HasCredentials() || !m_host->IsRunning(); }));
+    ASSERT_TRUE(m_host->IsRunning()) << Output();
+  }
+
+  /// A selection through a proxy that asks for credentials; the memory is searched while the proxy
+  /// has them, and afterwards.
+  void SelectThrough(AskingProxy& proxy, const std::string& scheme,
+                     const std::string& testPingTimeout = "20") {
+    StartHost(proxy.Port(), scheme, "nothing", testPingTimeout);
+    WaitForCredentials(proxy);
+    EXPECT_THAT(FoundInMemory(), Contains(StartsWith("the password at")));
+    proxy.Release();
+    m_outcome = Outcome();
+    ExpectNothingLeft();
+  }
+
+  unsigned short HeadendPort() const { return m_headends[0].port(); }
+  const std::string& LastOutcome() const { return m_outcome; }
+  const std::string& User() const { return m_user; }
+  const std::string& Password() const { return m_password; }
+
+ private:
+  std::string Output() const { return readFile(m_directory.File("output")); }
+  std::string Headend(std::size_t index) const {
+    return "127.0.0.1:" + std::to_string(m_headends.at(index).port());
+  }
+  void WritePreferences(const std::string& name,
+                        const std::map<std::string, std::string>& values) const {
+    std::string text = "<preferences version=\"1\">\n";
+    for (const auto& [key, value] : values) {
+      text.append("  <preference name=\"" + key).append("\" value=\"" + value).append("\"/>\n");
+    }
+    m_directory.Write(name + ".xml", text + "</preferences>\n");
+  }
+
+  TemporaryDirectory m_directory;
+  TestAuthority m_authority;
+  TlsServerContext m_tls{m_authority.issue()};
+  std::array<ScriptedServer, 2> m_headends{ScriptedServer(answeringOverTls(m_tls, Answer)),
+                                           ScriptedServer(answeringOverTls(m_tls, Answer))};
+  std::string m_user;
+  std::string m_password;
+  SecretSearch m_search;
+  int m_pipe = -1;
+  std::string m_outcome;
+  std::unique_ptr<ChildProcess> m_host;
+};
+
+// ---- What is left behind is found ---------------------------------------------------------------
+
+class MemorySearchFinds : public MemorySearch, public testing::WithParamInterface<std::string> {};
+
+TEST_P(MemorySearchFinds, APasswordThatTheHostLeavesBehind) {
+  AskingProxy proxy("Basic realm=\"x\"", Basic(), Then::Accept, HeadendPort());
+  proxy.Release();
+  StartHost(proxy.Port(), "basic", GetParam());
+  ExpectSelected(Outcome());
+  EXPECT_THAT(FoundInMemory(), Contains(StartsWith("the password at")));
+  EXPECT_THAT(FoundInCore(), Contains(StartsWith("the password at")));
+  EXPECT_THAT(FoundInPublic(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Memory, MemorySearchFinds, testing::Values("freed", "stack", "static"),
+                         [](const auto& param) { return param.param; });
+
+TEST_F(MemorySearch, FindsWhatATransportOfTheHostsOwnLeavesBehind) {
+  AskingProxy proxy("Basic realm=\"x\"", Basic(), Then::Accept, HeadendPort());
+  proxy.Release();
+  StartHost(proxy.Port(), "basic", "transport");
+  ExpectSelected(Outcome());
+  EXPECT_THAT(FoundInMemory(), Contains(StartsWith("the password at")));
+}
+
+// ---- Nothing of ours is -------------------------------------------------------------------------
+
+TEST_F(MemorySearch, FindsNothingAfterASelectionThroughSquid) {
+  RequestLog requests;
+  const ScriptedServer behind([&](Connection& connection) {
+    requests.add(connection.readHead());
+    connection.send(Established);
+    connection.tunnelTo(HeadendPort());
+  });
+  SquidProxy::Settings settings;
+  settings.realm = "Office";
+  settings.otherUser = User();
+  settings.otherPasswordHash = cryptHash(Password());
+  settings.parent = behind.port();
+  const SquidProxy squid(settings);
+  StartHost(squid.Where().port, "basic");
+  ExpectSelected(Outcome());
+  EXPECT_THAT(requests.all(), Contains(StartsWith("CONNECT "))) << "squid let the probe through";
+  ExpectNothingLeft();
+}
+
+TEST_F(MemorySearch, FindsNothingAfterBasicAuthentication) {
+  AskingProxy proxy("Basic realm=\"x\"", Basic(), Then::Accept, HeadendPort());
+  SelectThrough(proxy, "basic");
+  ExpectSelected(LastOutcome());
+}
+
+TEST_F(MemorySearch, FindsNothingOfSecretsThatFitInsideAStringObject) {
+  MakeSecrets(8, 15);
+  AskingProxy proxy("Basic realm=\"x\"", Basic(), Then::Accept, HeadendPort());
+  SelectThrough(proxy, "basic");
+  ExpectSelected(LastOutcome());
+}
+
+TEST_F(MemorySearch, FindsNothingOfLongSecrets) {
+  MakeSecrets(100, 250);
+  AskingProxy proxy("Basic realm=\"x\"", Basic(), Then::Accept, HeadendPort());
+  SelectThrough(proxy, "basic");
+  ExpectSelected(LastOutcome());
+}
+
+TEST_F(MemorySearch, FindsNothingAfterWrongCredentials) {
+  AskingProxy proxy("Basic realm=\"x\"", Basic(), Then::Refuse, HeadendPort());
+  SelectThrough(proxy, "basic");
+  EXPECT_EQ(LastOutcome(),
+            "status " + std::to_string(HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) + "\n");
+}
+
+class MemorySearchAfter : public MemorySearch,
+                          public testing::WithParamInterface<std::pair<const char*, Then>> {};
+
+TEST_P(MemorySearchAfter, AProxyThatDoesNotAnswerTheCredentialsFindsNothing) {
+  AskingProxy proxy("Basic realm=\"x\"", Basic(), GetParam().second, HeadendPort());
+  SelectThrough(proxy, "basic", GetParam().second == Then::StaySilent ? "2" : "20");
+  EXPECT_THAT(LastOutcome(), StartsWith("status "));
+}
+
+INSTANTIATE_TEST_SUITE_P(Memory, MemorySearchAfter,
+                         testing::Values(std::pair{"Closes", Then::Close},
+                                         std::pair{"Resets", Then::Reset},
+                                         std::pair{"StaysSilent", Then::StaySilent},
+                                         std::pair{"AnswersGarbage", Then::AnswerGarbage}),
+                         [](const auto& param) { return param.param.first; });
+
+class MemorySearchNtlm : public MemorySearch,
+                         public testing::WithParamInterface<std::pair<const char*, Ntlm>> {
+ protected:
+  /// The message that answers the challenge; its beginning is the same whoever the user is.
+  static constexpr const char* LastMessage = "NTLM TlRMTVNTUAAD";
+};
+
+TEST_P(MemorySearchNtlm, FindsNothingAfterItsChallenge) {
+  AskingProxy proxy("NTLM", LastMessage, Then::Accept, HeadendPort(), GetParam().second);
+  SelectThrough(proxy, "ntlm");
+  ExpectSelected(LastOutcome());
+}
+
+TEST_P(MemorySearchNtlm, FindsNothingOfAShortPassword) {
+  MakeSecrets(8, 14);
+  AskingProxy proxy("NTLM", LastMessage, Then::Accept, HeadendPort(), GetParam().second);
+  SelectThrough(proxy, "ntlm");
+  ExpectSelected(LastOutcome());
+}
+
+INSTANTIATE_TEST_SUITE_P(Memory, MemorySearchNtlm,
+                         testing::Values(std::pair{"Version1", Ntlm::Version1},
+                                         std::pair{"Session", Ntlm::Session},
+                                         std::pair{"Version2", Ntlm::Version2}),
+                         [](const auto& param) { return param.param.first; });
+
+TEST_F(MemorySearch, FindsNothingAfterNegotiateWithoutATicketFallsBackToBasic) {
+  AskingProxy proxy("Negotiate\r\nProxy-Authenticate: Basic realm=\"x\"", Basic(), Then::Accept,
+                    HeadendPort());
+  proxy.Release();
+  StartHost(proxy.Port(), "kerberos");
+  Outcome();
+  ExpectNothingLeft();
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,172 @@
+// The login at a proxy: what a person is asked, how often, and what a run is given for it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+
+#include "cli/ProxyLogin.h"
+#include "tests/unit/cli/person.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char* Name = "User name (empty to give up): ";
+constexpr const char* Password = "Password: ";
+constexpr const char* Refusal = "The proxy does not accept this user name and password.";
+
+class ProxyLoginTest : public testing::Test {
+ protected:
+  // Asking for a password makes the process one that tools cannot look into.
+  ~ProxyLoginTest() override { prctl(PR_SET_DUMPABLE, 1, 0, 0, 0); }
+
+  static std::shared_ptr<Terminal> at(const Person& person) {
+    return std::make_shared<Terminal>(person.terminal(), person.terminal());
+  }
+
+  static std::string credentialsOf(const ProxyLogin& login) {
+    const std::unique_ptr<ProxyIfc> provider = login.provider();
+    return provider == nullptr ? "none"
+                               : std::string(provider->getProxyUser().c_str()) + "/" +
+                                     provider->getProxyPswd().c_str();
+  }
+};
+
+}  // namespace
+
+TEST_F(ProxyLoginTest, APersonIsAskedForUserAndPassword) {
+  const Person person(Person::Lines{{Name, "alice\n"}, {Password, "fly by night\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_EQ(login.provider(), nullptr);
+  EXPECT_TRUE(login.find("proxy.example.com:3128", "Head office"));
+  EXPECT_EQ(credentialsOf(login), "alice/fly by night");
+  EXPECT_EQ(login.provider()->getProxyType(), BasicProxy);
+  EXPECT_EQ(login.provider()->getProxyHost(), "");
+  EXPECT_TRUE(person.waitFor(std::string("Password: \r\n")));
+  EXPECT_EQ(person.shown(),
+            "The proxy proxy.example.com:3128 asks for a login for 'Head office'.\r\n"
+            "User name (empty to give up): alice\r\nPassword: \r\n");
+}
+
+TEST_F(ProxyLoginTest, ARealmCannotMoveTheCursorOrTurnTheText) {
+  const Person person(Person::Lines{{Name, "\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_FALSE(login.find("", "Office\x1b[2J\xe2\x80\xae\xff M\xc3\xbcnchen"));
+  EXPECT_TRUE(
+      person.waitFor("A proxy asks for a login for 'Office\\x1b[2J\\xe2\\x80\\xae\\xff "
+                     "M\xc3\xbcnchen'."));
+}
+
+TEST_F(ProxyLoginTest, ALongRealmIsCut) {
+  const Person person(Person::Lines{{Name, "\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_FALSE(login.find("", std::string(4096, 'x')));
+  EXPECT_TRUE(person.waitFor(std::string(200, 'x') + " [cut]'."));
+}
+
+TEST_F(ProxyLoginTest, AMissingRealmIsNotSpokenOf) {
+  const Person person(Person::Lines{{Name, "\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_FALSE(login.find("", ""));
+  EXPECT_TRUE(person.waitFor("A proxy asks for a login.\r\n"));
+}
+
+TEST_F(ProxyLoginTest, AfterARefusalThePersonIsToldAndAskedAgainThreeTimesInAll) {
+  const Person person(Person::Lines{{Name, "alice\n"},
+                                    {Password, "one\n"},
+                                    {Name, "alice\n"},
+                                    {Password, "two\n"},
+                                    {Name, "bob\n"},
+                                    {Password, "three\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_THAT(person.shown(), HasSubstr(Refusal));
+  EXPECT_EQ(credentialsOf(login), "alice/two");
+  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_EQ(credentialsOf(login), "bob/three");
+  EXPECT_FALSE(login.find("", "Office"));
+  EXPECT_EQ(credentialsOf(login), "none");
+}
+
+TEST_F(ProxyLoginTest, AnEmptyUserOrAnEndedInputGivesUp) {
+  const std::vector<Person::Lines> ways = {
+      {{Name, "\n"}}, {{Name, "\x04"}}, {{Name, "alice\n"}, {Password, "\x04"}}};
+  for (const Person::Lines& lines : ways) {
+    const Person person(lines);
+    ProxyLogin login({}, {}, at(person), false);
+    EXPECT_FALSE(login.find("", "Office"));
+    EXPECT_EQ(credentialsOf(login), "none");
+  }
+}
+
+TEST_F(ProxyLoginTest, APasswordMayBeEmpty) {
+  const Person person(Person::Lines{{Name, "alice\n"}, {Password, "\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_EQ(credentialsOf(login), "alice/");
+}
+
+TEST_F(ProxyLoginTest, WhatNoProxyCouldTakeIsAskedForAgain) {
+  const Person person(Person::Lines{{Name, "alice:secret\n"},
+                                    {Name, std::string(MostCredentialBytes + 1, 'a') + "\n"},
+                                    {Name, "alice\n"},
+                                    {Password, "a\tb\n"},
+                                    {Password, "ab\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_EQ(credentialsOf(login), "alice/ab");
+  EXPECT_THAT(person.shown(), HasSubstr("cannot have a colon in it"));
+  EXPECT_THAT(person.shown(), HasSubstr("it is longer than 1024 bytes"));
+  EXPECT_THAT(person.shown(), HasSubstr("a password for a proxy cannot have control characters"));
+}
+
+TEST_F(ProxyLoginTest, SomebodyWhoNeverAnswersProperlyIsNotAskedForEver) {
+  const Person person(Person::Lines{{Name, "a:b\n"}, {Name, "a:b\n"}, {Name, "a:b\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  EXPECT_FALSE(login.find("", "Office"));
+}
+
+TEST_F(ProxyLoginTest, AUserWhoIsKnownIsAskedForThePasswordAlone) {
+  const Person person(Person::Lines{{Password, "fly\n"}});
+  ProxyLogin login("alice", {}, at(person), false);
+  EXPECT_EQ(login.provider(), nullptr);
+  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_EQ(credentialsOf(login), "alice/fly");
+  EXPECT_THAT(person.shown(), Not(HasSubstr("User name")));
+}
+
+TEST_F(ProxyLoginTest, CredentialsOfOptionsServeTheFirstRunAndNobodyIsAsked) {
+  const Person person(Person::Lines{});
+  ProxyLogin login("alice", Secret("fly"), at(person), false);
+  EXPECT_EQ(credentialsOf(login), "alice/fly");
+  EXPECT_TRUE(login.hasCredentials());
+  EXPECT_FALSE(login.find("", "Office"));
+  EXPECT_EQ(person.shown(), "");
+}
+
+TEST_F(ProxyLoginTest, WithoutATerminalNobodyIsAsked) {
+  ProxyLogin login({}, {}, nullptr, false);
+  EXPECT_FALSE(login.find("", "Office"));
+  EXPECT_EQ(login.provider(), nullptr);
+  EXPECT_FALSE(login.hasCredentials());
+}
+
+TEST_F(ProxyLoginTest, TheSystemsProxyIsAskedForWithAndWithoutCredentials) {
+  const ProxyLogin without({}, {}, nullptr, true);
+  EXPECT_EQ(without.provider()->getProxyType(), NoProxy);
+  EXPECT_NE(without.provider()->getProxyHost(), "");
+  EXPECT_TRUE(without.provider()->getProxyUser().empty());
+  const ProxyLogin with("alice", Secret("fly"), nullptr, true);
+  EXPECT_EQ(with.provider()->getProxyType(), BasicProxy);
+  EXPECT_NE(with.provider()->getProxyHost(), "");
+}
+
+TEST_F(ProxyLoginTest, AskingKeepsTheProcessOutOfCoreDumps) {
+  const Person person(Person::Lines{{Name, "alice\n"}, {Password, "fly\n"}});
+  ProxyLogin login({}, {}, at(person), false);
+  ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1, 0, 0, 0), 0);
+  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_EQ(prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 0);
+}

@@ -1,0 +1,168 @@
+// From the typed options about the proxy to a plan.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cli/ProxyOptions.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using Choice = PreferenceMgr::Sources::Proxy::Choice;
+
+constexpr const char* Password = "correct-horse";
+
+class ProxyOptionsTest : public testing::Test {
+ protected:
+  // Reading a password makes the process one that tools cannot look into.
+  ~ProxyOptionsTest() override { prctl(PR_SET_DUMPABLE, 1, 0, 0, 0); }
+
+  std::string make() {
+    plan = ProxyPlan();
+    return makeProxyPlan(options, plan);
+  }
+
+  ProxyOptions options;
+  ProxyPlan plan;
+};
+
+}  // namespace
+
+TEST_F(ProxyOptionsTest, NothingGivenLeavesTheProxyToTheFiles) {
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.proxy.choice, Choice::OfFiles);
+  EXPECT_EQ(plan.user.length(), 0U);
+  std::optional<Secret> password;
+  EXPECT_EQ(readPassword(plan, password), "");
+  EXPECT_FALSE(password);
+}
+
+TEST_F(ProxyOptionsTest, AProxyIsAHostWithOrWithoutAPort) {
+  struct Case {
+    const char* text;
+    const char* host;
+    const char* port;
+  };
+  for (const Case& each :
+       {Case{"proxy.example.com:3128", "proxy.example.com", "3128"}, Case{"proxy", "proxy", ""},
+        Case{"192.0.2.7:8080", "192.0.2.7", "8080"},
+        Case{"[2001:db8::7]:3128", "[2001:db8::7]", "3128"}, Case{"[::1]", "[::1]", ""},
+        Case{"http://proxy:3128/", "proxy", "3128"}}) {
+    options.proxy = each.text;
+    EXPECT_EQ(make(), "") << each.text;
+    EXPECT_EQ(plan.proxy.choice, Choice::Given);
+    EXPECT_EQ(plan.proxy.host, each.host);
+    EXPECT_EQ(plan.proxy.port, each.port);
+  }
+}
+
+TEST_F(ProxyOptionsTest, WhatIsNoProxyIsRefusedWithAnExample) {
+  for (const char* wrong : {"", " ", "::1", "proxy:0", "proxy:99999", "proxy:x", "a b",
+                            "https://proxy", "socks5://proxy", "http://proxy/path", "proxy\x1b"}) {
+    options.proxy = wrong;
+    EXPECT_THAT(make(), HasSubstr("proxy.example.com:3128")) << wrong;
+    EXPECT_THAT(make(), Not(HasSubstr("\x1b")));
+  }
+}
+
+TEST_F(ProxyOptionsTest, CredentialsInTheProxyAreRefusedWithoutRepeatingThem) {
+  options.proxy = std::string("http://alice:") + Password + "@proxy:3128";
+  EXPECT_THAT(make(), HasSubstr("--proxy-password-file FILE"));
+  EXPECT_THAT(make(), Not(HasSubstr(Password)));
+}
+
+TEST_F(ProxyOptionsTest, NoProxyIsAChoiceToo) {
+  options.noProxy = true;
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.proxy.choice, Choice::None);
+}
+
+TEST_F(ProxyOptionsTest, AUserMayStandAlone) {
+  options.user = "DOMAIN\\alice";
+  EXPECT_EQ(make(), "");
+  EXPECT_STREQ(plan.user.c_str(), "DOMAIN\\alice");
+}
+
+TEST_F(ProxyOptionsTest, AUserThatCannotBeSentIsRefusedWithoutRepeatingIt) {
+  for (const std::string& wrong : {std::string("alice:") + Password, std::string(Password) + "\n",
+                                   std::string(Password) + std::string(1024, 'x')}) {
+    options.user = wrong;
+    EXPECT_THAT(make(), HasSubstr("--proxy-user: "));
+    EXPECT_THAT(make(), Not(HasSubstr(Password)));
+  }
+  options.user = "";
+  EXPECT_THAT(make(), HasSubstr("--proxy-user needs a user name"));
+}
+
+TEST_F(ProxyOptionsTest, ContradictionsAreRefused) {
+  options.proxy = "proxy";
+  options.noProxy = true;
+  EXPECT_THAT(make(), HasSubstr("--proxy and --no-proxy exclude each other"));
+  options.proxy.reset();
+  options.user = "alice";
+  EXPECT_THAT(make(), HasSubstr("nothing to log in to"));
+  options.noProxy = false;
+  options.passwordFile = "file";
+  options.passwordDescriptor = "3";
+  EXPECT_THAT(make(), HasSubstr("--proxy-password-file and --proxy-password-fd exclude"));
+  options.passwordDescriptor.reset();
+  options.user.reset();
+  EXPECT_THAT(make(), HasSubstr("add --proxy-user NAME"));
+}
+
+TEST_F(ProxyOptionsTest, APasswordAsAnArgumentIsAnsweredWithTheWaysThereAre) {
+  options.passwordAsArgument = true;
+  EXPECT_THAT(make(), HasSubstr("every user of the machine can read"));
+  EXPECT_THAT(make(), HasSubstr("--proxy-password-file FILE"));
+}
+
+TEST_F(ProxyOptionsTest, ADescriptorIsANumberThatIsNoOutput) {
+  options.user = "alice";
+  for (const auto& [text, number] : {std::pair{"0", 0}, std::pair{"3", 3}, std::pair{"17", 17}}) {
+    options.passwordDescriptor = text;
+    EXPECT_EQ(make(), "");
+    EXPECT_EQ(plan.passwordDescriptor, number);
+  }
+  for (const char* wrong : {"", "1", "2", "-1", "3x", "99999999999", Password}) {
+    options.passwordDescriptor = wrong;
+    EXPECT_THAT(make(), HasSubstr("--proxy-password-fd takes the number")) << wrong;
+    EXPECT_THAT(make(), Not(HasSubstr(Password)));
+  }
+}
+
+TEST_F(ProxyOptionsTest, ThePasswordIsReadFromWhereThePlanSaysAndNotDumped) {
+  const tests::TemporaryDirectory directory;
+  options.user = "alice";
+  options.passwordFile = directory.Write("password", Password);
+  ASSERT_EQ(chmod(options.passwordFile->c_str(), 0600), 0);
+  ASSERT_EQ(make(), "");
+  ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1, 0, 0, 0), 0);
+  std::optional<Secret> password;
+  EXPECT_EQ(readPassword(plan, password), "");
+  ASSERT_TRUE(password);
+  EXPECT_STREQ(password->c_str(), Password);
+  EXPECT_EQ(prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 0);
+
+  const int file = open(options.passwordFile->c_str(), O_RDONLY | O_CLOEXEC);
+  options.passwordFile.reset();
+  options.passwordDescriptor = std::to_string(file);
+  ASSERT_EQ(make(), "");
+  password.reset();
+  EXPECT_EQ(readPassword(plan, password), "");
+  EXPECT_STREQ(password->c_str(), Password);
+}
+
+TEST_F(ProxyOptionsTest, APasswordThatCannotBeReadIsAnError) {
+  options.user = "alice";
+  options.passwordFile = "/nonexistent/password";
+  ASSERT_EQ(make(), "");
+  std::optional<Secret> password;
+  EXPECT_THAT(readPassword(plan, password), HasSubstr("'/nonexistent/password' cannot be used"));
+  EXPECT_FALSE(password);
+}

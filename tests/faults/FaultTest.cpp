@@ -1,0 +1,246 @@
+// The promise, checked once for every fault. Each disturbed selection has a client library of its
+// own, so that it finds the log file open and leaves nothing to hide behind.
+
+#include "tests/faults/FaultTest.h"
+
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Common/Utility/Thread.h"
+#include "vpn/Common/Utility/TimerList.h"
+
+extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
+
+namespace tests {
+namespace {
+
+/// Threads race, so that runs differ a little in how often they call what fails.
+constexpr int CountingRuns = 3;
+constexpr unsigned long CallsBeyond = 3;
+
+/// A sweep goes on after a failure, to show which faults are alike, but not for ever.
+constexpr int MostFailures = 5;
+
+/// Statuses with which a selection may end that something disturbed.
+constexpr STATUSCODE Endings[] = {
+    HEADENDSELECTION_ERROR_ADDED_TO_CACHE,
+    HEADENDSELECTION_ERROR_SELECTION_FAILURE,
+    HEADENDSELECTION_ERROR_MEMALLOC_FAILED,
+    TIMER_ERROR_MEMALLOC_FAILED,
+};
+
+std::string askedFor() {
+  const char* const text = std::getenv("AHS_FAULTS");
+  return text != nullptr ? text : "";
+}
+
+bool areSanitized() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return true;
+#else
+  return false;
+#endif
+}
+
+/// The numbers of the calls that fail in turn.
+std::vector<unsigned long> numbers(unsigned long calls, unsigned long most) {
+  const std::string asked = askedFor();
+  if (!asked.empty() && asked != "all") {
+    return {std::stoul(asked)};
+  }
+  const unsigned long step = asked == "all" ? 1 : std::max(1UL, (calls + most - 1) / most);
+  std::vector<unsigned long> result;
+  for (unsigned long number = 1; number <= calls + CallsBeyond; number += step) {
+    result.push_back(number);
+  }
+  return result;
+}
+
+int failureCount() {
+  return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+}
+
+}  // namespace
+
+std::unique_ptr<Host> FaultTest::sm_host;
+
+void FaultTest::SetUpTestSuite() {
+  startFirstThread();
+  sm_host = std::make_unique<Host>();
+}
+
+void FaultTest::TearDownTestSuite() { sm_host.reset(); }
+
+void FaultTest::Run(const Sweep& sweep) {
+  const Exemption own;
+  CountCalls(sweep);
+  unsigned long calls = 0;
+  for (int run = 0; run < CountingRuns; ++run) {
+    calls = std::max(calls, CountCalls(sweep));
+  }
+  DisturbAll(sweep, calls, ManyRuns, &FaultTest::Disturb);
+}
+
+void FaultTest::RunFirst(const Sweep& sweep) {
+  const Exemption own;
+  const Seen seen = InChild([this, &sweep] { return Seen{CountCalls(sweep), 0}; });
+  DisturbAll(sweep, seen.calls, ManyFirstRuns, &FaultTest::DisturbFirst);
+}
+
+void FaultTest::DisturbAll(const Sweep& sweep, unsigned long calls, unsigned long most,
+                           void (FaultTest::*disturb)(const Sweep&, const Fault&)) {
+  ASSERT_GT(calls, 0U) << "a selection makes no such call";
+  const std::vector<unsigned long> faults = numbers(calls, areSanitized() ? most / 3 : most);
+  m_strikes = 0;
+  int failures = 0;
+  for (const unsigned long number : faults) {
+    Fault fault = sweep.fault;
+    fault.first = number;
+    SCOPED_TRACE("at call " + std::to_string(number) + " of " + std::to_string(calls) +
+                 (fault.lasting ? " and from there on" : ""));
+    const int failuresBefore = failureCount();
+    (this->*disturb)(sweep, fault);
+    failures += failureCount() != failuresBefore ? 1 : 0;
+    if (failures == MostFailures) {
+      return;
+    }
+  }
+  std::cout << calls << " calls; " << faults.size() << " selections, " << m_strikes
+            << " of them disturbed" << std::endl;
+  EXPECT_GT(m_strikes, 0U);
+}
+
+void FaultTest::Prepare(const Sweep& sweep) {
+  ASSERT_EQ(sm_host->Start(), 0);
+  sm_host->ResetCache();
+  if (!sweep.hasCacheDirectory) {
+    sm_host->RemoveCacheDirectory();
+  }
+}
+
+unsigned long FaultTest::CountCalls(const Sweep& sweep) {
+  Prepare(sweep);
+  Fault none;
+  none.call = sweep.fault.call;
+  const unsigned long calls = sm_host->Select(none, sweep.probing).seen.calls;
+  sm_host->Stop();
+  return calls;
+}
+
+void FaultTest::Disturb(const Sweep& sweep, const Fault& fault) {
+  const long blocks = liveBlocks();
+  const unsigned int descriptors = openDescriptors();
+  m_strikes += Examine(sweep, fault).failed != 0 ? 1 : 0;
+  if (fault.call == Call::AllocateInC) {
+    mendStandardInput();
+  }
+  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_EQ(liveBlocks(), blocks);
+}
+
+void FaultTest::DisturbFirst(const Sweep& sweep, const Fault& fault) {
+  m_strikes +=
+      InChild([this, &sweep, &fault] { return Examine(sweep, fault); }).failed != 0 ? 1 : 0;
+}
+
+/// Lets a child select. Its failures become this process's.
+Seen FaultTest::InChild(const std::function<Seen()>& selection) {
+  constexpr int Failed = 1;
+  auto* const seen = static_cast<Seen*>(
+      mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const int failuresBefore = failureCount();
+  const pid_t child = fork();
+  if (child == 0) {
+    startFirstThread();
+    wakeResolver();
+    *seen = selection();
+    if (__lsan_do_recoverable_leak_check != nullptr) {
+      EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+    }
+    std::cout.flush();
+    std::fflush(nullptr);
+    _exit(failureCount() != failuresBefore ? Failed
+                                           : 0);  // the gateways and the files are the parent's
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << (WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "see above");
+  const Seen result = *seen;
+  munmap(seen, sizeof(Seen));
+  return result;
+}
+
+Seen FaultTest::Examine(const Sweep& sweep, const Fault& fault) {
+  const int failuresBefore = failureCount();
+  Prepare(sweep);
+  const unsigned int descriptors = openDescriptors();
+  const unsigned int threads = CThread::RunningCount();
+  const unsigned int tasks = threadCount();
+  const Outcome outcome = sm_host->Select(fault, sweep.probing);
+  CheckDisturbed(sweep, outcome);
+  EXPECT_LE(CThread::RunningCount(), threads);
+  EXPECT_LE(threadCount(), tasks);
+  EXPECT_LE(openDescriptors(), descriptors);
+  if (sweep.hasCacheDirectory) {
+    EXPECT_EQ(sm_host->FindCacheFlaw(), "");
+  }
+  if (sweep.isStored) {
+    EXPECT_TRUE(sm_host->IsCacheChanged());
+  }
+  CheckUndisturbed(sweep.probing);
+  sm_host->Stop();
+  if (failureCount() != failuresBefore) {
+    std::cout << sm_host->Log() << std::flush;
+  }
+  return outcome.seen;
+}
+
+void FaultTest::CheckDisturbed(const Sweep& sweep, const Outcome& outcome) {
+  if (!outcome.isConstructed) {
+    EXPECT_EQ(sweep.fault.call == Call::Allocate || sweep.fault.call == Call::AllocateInC, true);
+    EXPECT_TRUE(outcome.threw || outcome.construction == HEADENDSELECTION_ERROR_MEMALLOC_FAILED)
+        << std::hex << outcome.construction;
+    EXPECT_EQ(outcome.calls, 0U);
+    return;
+  }
+  EXPECT_EQ(outcome.calls, 1U);
+  EXPECT_TRUE(outcome.areKnown);
+  EXPECT_GE(outcome.headends, std::max(1U, sweep.leastHeadends));
+  EXPECT_THAT(Endings, testing::Contains(outcome.status)) << std::hex << outcome.status;
+  if (sweep.leastHeadends > 1) {
+    EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
+  }
+  if (outcome.status != HEADENDSELECTION_ERROR_ADDED_TO_CACHE) {
+    EXPECT_EQ(outcome.headends, 1U);
+    EXPECT_TRUE(outcome.isLastFirst);
+  }
+}
+
+void FaultTest::CheckUndisturbed(Probing probing) {
+  SCOPED_TRACE("the selection after it");
+  sm_host->ResetCache();
+  const Outcome outcome = sm_host->Select(Fault(), probing);
+  EXPECT_TRUE(outcome.isConstructed);
+  EXPECT_EQ(outcome.calls, 1U);
+  if (probing == Probing::Secure && !isTlsUsable()) {
+    EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_SELECTION_FAILURE);
+    return;
+  }
+  EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
+  EXPECT_EQ(outcome.headends, Host::HeadendCount);
+  EXPECT_TRUE(outcome.areKnown);
+  EXPECT_TRUE(sm_host->IsCacheChanged());
+  EXPECT_EQ(sm_host->FindCacheFlaw(), "");
+}
+
+}  // namespace tests

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/faults/Injection.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "vpn/Api/ClientLibrary.h"
+#include "vpn/include/StatusCode.h"
+
+namespace tests {
+
+/// How a selection probes: plainly, or over TLS as it does for a client with a proxy that wants a
+/// login.
+enum class Probing { Plain, Secure };
+
+/// What became of one selection.
+struct Outcome {
+  bool isConstructed = false;
+  bool threw = false;            ///< construction ended by std::bad_alloc
+  STATUSCODE construction = -1;  ///< the status of construction
+  unsigned int calls = 0;        ///< of the client
+  STATUSCODE status = -1;        ///< of the first call, as the rest
+  unsigned int headends = 0;     ///< how many were delivered
+  bool areKnown = false;         ///< they are all of the profile, and none comes twice
+  bool isLastFirst = false;      ///< the first one is the last headend
+  Seen seen;
+};
+
+/// A process that selects: gateways of its own on the loopback interface, one of them known by a
+/// name, and one more that is down; a profile and preferences for them, a log file, a cache file.
+/// Used by one thread, which is exempt from faults.
+///
+/// A selection that does not end, and a process that dies in one, say which fault was at work.
+class Host {
+ public:
+  /// Headends that answer.
+  static constexpr unsigned int HeadendCount = 3;
+
+  Host();
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  /// Brings the client library up, with a new log. @return its status.
+  STATUSCODE Start();
+  /// Takes it down and waits until its threads are gone.
+  void Stop();
+
+  /// What has been logged since.
+  std::string Log() const;
+
+  /// Runs one selection to its end while `fault` is armed, and waits until none of its threads is
+  /// left. No block of memory that it takes for itself is left either.
+  Outcome Select(const Fault& fault, Probing probing);
+
+  /// Puts the cache file back to what it was: one selection, which is not that of the profile.
+  void ResetCache() const;
+  /// Takes away the directory that the cache file is in.
+  void RemoveCacheDirectory() const;
+
+  /// Whether the cache file is no longer what it was.
+  bool IsCacheChanged() const;
+  /// What is wrong with the cache file: something, unless it is what it was, or holds that and the
+  /// profile's selection.
+  std::string FindCacheFlaw() const;
+
+ private:
+  void WriteConfiguration();
+  void StartGateways();
+  std::string CacheDirectory() const { return m_directory.File("state"); }
+  std::string CacheFile() const { return CacheDirectory() + "/selections.xml"; }
+
+  TemporaryDirectory m_directory;
+  std::unique_ptr<ChildProcess> m_gateways;
+  RefusingPort m_down;
+  std::string m_cacheText;
+  CClientLibrary::Options m_options;
+  std::unique_ptr<CClientLibrary> m_library;
+  // What there was before the library.
+  unsigned int m_ourThreads = 0;
+  unsigned int m_allThreads = 0;
+};
+
+/// Open file descriptors of this process.
+unsigned int openDescriptors();
+
+/// Threads of this process.
+unsigned int threadCount();
+
+/// Starts a thread that ends at once. ThreadSanitizer starts one of its own, which stays, with the
+/// first of a process: threads are to be counted after that.
+void startFirstThread();
+
+/// Opens the standard input again if it has been closed. libcurl up to 7.88 closes descriptor 0
+/// when it gets no memory for the lock of a look-up (it takes a field that is not set yet for a
+/// socket).
+void mendStandardInput();
+
+/// Has the C library make what its resolver needs for good. That of glibc 2.36 does not survive if
+/// it gets no memory for it: it then keeps a lock for ever, or never works again.
+void wakeResolver();
+
+/// Whether OpenSSL has come up. It tries once a process.
+bool isTlsUsable();
+
+}  // namespace tests

@@ -1,0 +1,204 @@
+// What the tests of a host have in common: the real client library on files of the test, gateways
+// on loopback addresses, a client that remembers.
+
+#include "tests/host/HostScene.h"
+
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Api/PreferenceMgr.h"
+#include "vpn/Common/Utility/ExecutionContext.h"
+#include "vpn/Common/Utility/Thread.h"
+
+namespace tests {
+
+namespace {
+
+constexpr std::chrono::milliseconds PollInterval{1};
+
+std::string preferencesFile(const Host::Preferences& preferences) {
+  std::string text = "<preferences version=\"1\">\n";
+  for (const auto& [name, value] : preferences) {
+    text.append("  <preference name=\"" + name).append("\" value=\"" + value).append("\"/>\n");
+  }
+  return text + "</preferences>\n";
+}
+
+/// Whether a singleton is gone; asking for it leaves it as it was.
+template <class Singleton>
+bool isGone(Singleton* acquired) {
+  if (acquired != nullptr) {
+    acquired->releaseInstance();
+  }
+  return acquired == nullptr;
+}
+
+}  // namespace
+
+bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + Limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(PollInterval);
+  }
+  return true;
+}
+
+GatewayProcess::GatewayProcess(const std::vector<std::string>& gateways) {
+  std::vector<std::string> command = {AHS_GATEWAYS, "--write-ca", Authority()};
+  for (const std::string& gateway : gateways) {
+    command.emplace_back("--gateway");
+    command.push_back("127.0.0.1:0" + (gateway.empty() ? "" : "," + gateway));
+  }
+  const std::string output = m_directory.File("output");
+  m_process = std::make_unique<ChildProcess>(command, output, m_directory.Path());
+  if (!eventually([&] {
+        return readFile(output).find("ready\n") != std::string::npos || !m_process->IsRunning();
+      })) {
+    throw std::runtime_error("the gateways do not start");
+  }
+  std::istringstream lines(readFile(output));
+  std::string word;
+  while (lines >> word) {
+    if (word == "gateway" && lines >> word) {
+      m_addresses.push_back(word);
+    }
+  }
+  if (m_addresses.size() != gateways.size()) {
+    throw std::runtime_error("the gateways did not start: " + readFile(output));
+  }
+  HttpProbe::SetTrustFile(Authority());
+}
+
+GatewayProcess::~GatewayProcess() { HttpProbe::SetTrustFile(""); }
+
+HeldGateway::HeldGateway(unsigned int answersFirst)
+    : m_answersFirst(answersFirst),
+      m_server([this](Connection& connection) { Serve(connection); }) {}
+
+HeldGateway::~HeldGateway() { Release(); }
+
+std::string HeldGateway::Address() const { return "127.0.0.1:" + std::to_string(m_server.port()); }
+
+bool HeldGateway::WaitUntilAsked() {
+  return eventually([this] { return m_waiting.load() != 0; });
+}
+
+void HeldGateway::Release() { m_released = true; }
+
+void HeldGateway::Serve(Connection& connection) {
+  if (connection.readHead().empty()) {
+    return;
+  }
+  if (m_requests++ >= m_answersFirst) {
+    ++m_waiting;
+    while (!m_released) {
+      connection.wait(PollInterval);
+    }
+  }
+  connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+  connection.waitForPeer();
+}
+
+Host::Preferences Host::patient() {
+  return {{"SelectionConnectTimeout", "60000"}, {"SelectionReconnectTimeout", "60000"},
+          {"SelectionPingTimeout", "20000"},    {"SelectionTestPingTimeout", "20"},
+          {"SelectionPingsPerHeadend", "1"},    {"ProxySettings", "none"}};
+}
+
+Host::Host(const Preferences& user, const Preferences& global) { SetPreferences(user, global); }
+
+void Host::SetPreferences(const Preferences& user, const Preferences& global) {
+  m_directory.Write("user.xml", preferencesFile(user));
+  m_directory.Write("global.xml", preferencesFile(global));
+}
+
+void Host::BringUp(const std::vector<std::string>& addresses) {
+  TakeDown();
+  CClientLibrary::Options options;
+  options.log.file = LogFile();
+  options.log.fileSize = 256UL * 1024;  // so that it is rotated now and then
+  options.sources.addresses = addresses;
+  options.sources.userPreferencesFile = m_directory.File("user.xml");
+  options.sources.globalPreferencesFile = m_directory.File("global.xml");
+  options.sources.cacheFile = CacheFile();
+  STATUSCODE status = -1;
+  m_library = std::make_unique<CClientLibrary>(options, status);
+  if (status != 0 || !options.logProblem.empty()) {
+    throw std::runtime_error("the library does not come up: " + std::to_string(status) + " " +
+                             options.logProblem);
+  }
+}
+
+void Host::ForgetSelections() const { std::filesystem::remove(CacheFile()); }
+
+Client::Client(std::function<void()> reaction) : m_reaction(std::move(reaction)) {}
+
+Client::~Client() = default;
+
+void Client::AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends,
+                             long status, const std::string& extraInfo) {
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_calls.push_back({reason, headends, status, extraInfo});
+    m_called.notify_all();
+  }
+  if (m_reaction) {
+    m_reaction();
+  }
+}
+
+bool Client::WaitForCall() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_called.wait_for(lock, Limit, [this] { return !m_calls.empty(); });
+}
+
+std::vector<Client::Call> Client::Calls() const {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_calls;
+}
+
+long Client::Status() const {
+  const std::vector<Call> calls = Calls();
+  if (calls.empty()) {
+    return -1;
+  }
+  return calls.size() == 1 ? calls.front().status : -2;
+}
+
+CHeadendSelection* makeRun(ClientIfcBase& client, unsigned int reason,
+                           const std::string& lastHeadend, ProxyIfc* proxy) {
+  long status = -1;
+  auto* const run = new CHeadendSelection(&client, lastHeadend, reason, status);
+  run->SetProxy(proxy);
+  if (status != 0) {
+    delete run;
+    throw std::runtime_error("the run cannot be started: " + std::to_string(status));
+  }
+  return run;
+}
+
+void executeRun(CHeadendSelection* run) {
+  std::thread([run] { run->run(); }).join();
+}
+
+bool nothingIsLeft() {
+  return eventually([] {
+    return CThread::RunningCount() == 0 && isGone(CSelectionCache::acquireInstance()) &&
+           isGone(CExecutionContext::acquireInstance(API_INSTANCE)) &&
+           isGone(PreferenceMgr::acquireInstance());
+  });
+}
+
+}  // namespace tests
+
+/// Read by ThreadSanitizer where a program is built with it. OpenSSL's library is not, so that the
+/// atomic flag by which it publishes what it has computed of a certificate once for all threads
+/// stays hidden from the sanitizer, and each reader seems to race with who has computed it.
+extern "C" const char* __tsan_default_suppressions();  // NOLINT: its name
+extern "C" const char* __tsan_default_suppressions() { return "race:libcrypto.so"; }  // NOLINT

@@ -1,0 +1,439 @@
+// The order of locks, as it is and as it is written down. Selections of every kind are made while a
+// recorder notes which lock is taken with which others held; locks are put into classes by where
+// they are built. What was seen must be allowed by the table in docs/architecture.md.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+
+#include "tests/host/HostScene.h"
+#include "tests/host/LockRecorder.h"
+#include "tests/support/private_access.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/Utility/ExecutionContext.h"
+#include "vpn/Common/Utility/TimerList.h"
+
+AHS_EXPOSE(CacheInstanceLock, &CSelectionCache::sm_instanceLock);
+
+namespace {
+
+/// What the calling thread does after it has started its first thread, once.
+thread_local std::function<void()> t_afterStart;
+
+/// Whether the system has no thread to give.
+std::atomic<bool> g_noThreads{false};
+
+}  // namespace
+
+extern "C" {
+long __real__ZN7CThread5StartEv(void* thread);  // NOLINT: the linker's name for CThread::Start
+long __wrap__ZN7CThread5StartEv(void* thread);  // NOLINT
+
+long __wrap__ZN7CThread5StartEv(void* thread) {  // NOLINT
+  const long status = __real__ZN7CThread5StartEv(thread);
+  if (t_afterStart) {
+    std::exchange(t_afterStart, nullptr)();
+  }
+  return status;
+}
+
+using ThreadBody = void* (*)(void*);
+// startDetachedThread
+int __real__Z19startDetachedThreadPFPvS_ES_m(ThreadBody, void*, std::size_t) noexcept;  // NOLINT
+int __wrap__Z19startDetachedThreadPFPvS_ES_m(ThreadBody, void*, std::size_t) noexcept;  // NOLINT
+
+int __wrap__Z19startDetachedThreadPFPvS_ES_m(ThreadBody body, void* argument,  // NOLINT
+                                             std::size_t stackSize) noexcept {
+  return g_noThreads ? EAGAIN : __real__Z19startDetachedThreadPFPvS_ES_m(body, argument, stackSize);
+}
+}
+
+namespace tests {
+namespace {
+
+using Names = std::vector<std::string>;
+
+/// The classes of locks by the source that builds them, in the order of their members there.
+const std::map<std::string, Names>& classesOfSources() {
+  static const auto& classes = *new std::map<std::string, Names>{
+      {"HeadendSelection.cpp", {"m_headendCacheLock", "m_headendThreadLock"}},
+      {"HeadendSelectionProbing.cpp", {"m_headendPingThreadLock"}},
+      {"SelectionCache.cpp", {"the cache's lock"}},
+      {"PreferenceMgr.cpp", {"the preference manager's lock"}},
+      {"ExecutionContext.cpp", {"the execution context's lock"}},
+      {"Thread.cpp", {"a thread's state lock"}},
+      {"TimerList.cpp", {"a timer list's lock"}},
+      {"ReserveThread.cpp", {"the reserve's lock"}},
+      {"HttpProbe.cpp", {"the lock of the probe's settings"}},
+      {"SystemProxy.cpp", {"the lock of the system's proxy settings"}},
+      {"AppLog.cpp", {"the log's listener lock", "its targets' lock"}},
+  };
+  return classes;
+}
+
+/// Puts locks into classes.
+class Classes {
+ public:
+  Classes() : m_map(AHS_LINK_MAP), m_locks(LockRecorder::BuiltLocks()) {}
+
+  std::string NameOf(int index) const {
+    if (index < 0) {
+      return "a lock whose construction was not seen";
+    }
+    const BuiltLock& lock = m_locks.at(static_cast<std::size_t>(index));
+    if (lock.address == exposed(CacheInstanceLock{})) {
+      return "the cache's singleton lock";
+    }
+    const std::string source = SourceOf(lock);
+    const auto found = classesOfSources().find(source);
+    if (found == classesOfSources().end()) {
+      return "an unknown lock, built by " + source;
+    }
+    return found->second.at(std::min(PositionOf(lock), found->second.size() - 1));
+  }
+
+  /// Pairs of classes: the second was taken with the first held.
+  std::set<std::pair<std::string, std::string>> Nestings() const {
+    std::set<std::pair<std::string, std::string>> pairs;
+    for (const auto& [outer, inner] : LockRecorder::Nestings()) {
+      pairs.emplace(NameOf(outer), NameOf(inner));
+    }
+    return pairs;
+  }
+
+ private:
+  std::string SourceOf(const BuiltLock& lock) const {
+    // The instruction before the one that the constructor returns to.
+    return m_map.SourceOf(static_cast<const char*>(lock.builtAt) - 1);
+  }
+
+  /// Which lock of its object it is: the members of one object are built one after the other and
+  /// lie side by side, closer than any two objects.
+  std::size_t PositionOf(const BuiltLock& lock) const {
+    constexpr std::ptrdiff_t Closest = 128;
+    if (lock.previous < 0) {
+      return 0;
+    }
+    const BuiltLock& before = m_locks.at(static_cast<std::size_t>(lock.previous));
+    const std::ptrdiff_t distance =
+        static_cast<const char*>(lock.address) - static_cast<const char*>(before.address);
+    const bool isNeighbour =
+        distance > 0 && distance < Closest && SourceOf(before) == SourceOf(lock);
+    return isNeighbour ? PositionOf(before) + 1 : 0;
+  }
+
+  const LinkMap m_map;
+  const std::vector<BuiltLock> m_locks;
+};
+
+/// Where foreign code is called, and how often a lock was held there.
+struct Moment {
+  std::atomic<int> seen{0};
+  std::atomic<int> withLocks{0};
+
+  void Note(std::size_t allowed = 0) {
+    ++seen;
+    withLocks += LockRecorder::HeldByThisThread().size() > allowed ? 1 : 0;
+  }
+};
+
+struct Moments {
+  Moment callback;
+  Moment probe;
+  Moment timer;
+  Moment runsTimer;
+};
+
+/// Notes from any thread until the end of the process.
+Moments& moments() {
+  static Moments& instance = *new Moments;
+  return instance;
+}
+
+class ProbeWatcher : public HttpProbe::Watcher {
+ public:
+  void ProbeStarted(const HttpProbe::Report& /*report*/) override { moments().probe.Note(); }
+  void ProbeEnded(const HttpProbe::Report& /*report*/) override { moments().probe.Note(); }
+};
+
+/// Selections of every kind, made once in the process.
+class Selections {
+ public:
+  Selections() {
+    HttpProbe::SetWatcher(std::make_shared<ProbeWatcher>());
+    CAppLog::SetListener([](const CAppLog::Record& record) {
+      if (record.message == "QIB timer expired") {
+        moments().runsTimer.Note(1);  // the listener's own lock
+      }
+    });
+    FreshAndCached();
+    TimerFirst();
+    TimerBetweenTwoStarts();
+    ProxyThatAsksForALogin();
+    WithoutHeadends();
+    WithoutTheLibrary();
+    WithoutThreads();
+    WithACacheFileThatIsNone();
+    EXPECT_TRUE(nothingIsLeft());
+    CAppLog::SetListener({});
+    HttpProbe::SetWatcher(nullptr);
+  }
+
+ private:
+  static void Select(long status, unsigned int reason, ProxyIfc* proxy = nullptr,
+                     const std::function<void()>& afterFirstStart = {}) {
+    Client client([] { moments().callback.Note(); });
+    CHeadendSelection* const run = makeRun(client, reason, "", proxy);
+    std::thread([&] {
+      t_afterStart = afterFirstStart;
+      run->run();
+    }).join();
+    EXPECT_EQ(client.Status(), status);
+  }
+
+  /// Also lets a timer of the test's own expire.
+  void FreshAndCached() {
+    const GatewayProcess gateways({"", "behaviour=refuse", "behaviour=closes"});
+    m_host.BringUp(gateways.Addresses());
+    CExecutionContext* const context = CExecutionContext::acquireInstance(API_INSTANCE);
+    STATUSCODE status = -1;
+    CTimer timer(
+        status, &context->GetTimerList(), [](void*, unsigned long) { moments().timer.Note(); },
+        nullptr, 0);
+    EXPECT_EQ(timer.StartTimer(1), 0);
+    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtConnection);
+    Select(0, AtReconnection);
+    m_host.ForgetSelections();
+    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtConnection, new SecureProvider);
+    EXPECT_TRUE(eventually([] { return moments().timer.seen != 0; }));
+    context->releaseInstance();
+    m_host.TakeDown();
+  }
+
+  void TimerFirst() {
+    const GatewayProcess gateways({"", "delay=400"});
+    Host::Preferences hasty = Host::patient();
+    hasty["SelectionReconnectTimeout"] = "250";
+    m_host.SetPreferences(hasty, {});
+    m_host.BringUp(gateways.Addresses());
+    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtReconnection, new SecureProvider);
+    m_host.TakeDown();
+  }
+
+  /// Its second worker is never started, and its first one outlives the run.
+  void TimerBetweenTwoStarts() {
+    HeldGateway gateway;
+    Host::Preferences hasty = Host::patient();
+    hasty["SelectionReconnectTimeout"] = "100";
+    m_host.SetPreferences(hasty, {});
+    m_host.BringUp({gateway.Address(), "127.0.0.1:9"});
+    const int before = moments().callback.seen;
+    Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE, AtReconnection, nullptr, [before] {
+      EXPECT_TRUE(eventually([before] { return moments().callback.seen > before; }));
+    });
+    gateway.Release();
+    m_host.TakeDown();
+  }
+
+  void ProxyThatAsksForALogin() {
+    const ScriptedServer proxy(
+        answering("HTTP/1.1 407 Proxy Authentication Required\r\nContent-Length: 0\r\n\r\n"));
+    Host::Preferences behindProxy = Host::patient();
+    behindProxy["ProxySettings"] = "override";
+    m_host.SetPreferences(
+        behindProxy, {{"ProxyHost", "127.0.0.1"}, {"ProxyPort", std::to_string(proxy.port())}});
+    m_host.BringUp({"127.0.0.1:9"});
+    Select(HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED, AtConnection);
+    m_host.TakeDown();
+  }
+
+  void WithoutHeadends() {
+    m_host.BringUp({});
+    Select(HEADENDSELECTION_ERROR_NO_HEADENDS, AtConnection);
+    m_host.TakeDown();
+  }
+
+  void WithoutTheLibrary() {
+    m_host.BringUp({"127.0.0.1:9"});
+    Client client([] { moments().callback.Note(); });
+    CHeadendSelection* const run = makeRun(client);
+    m_host.TakeDown();
+    executeRun(run);
+    EXPECT_EQ(client.Status(), EXECUTIONCONTEXT_ERROR_NO_INSTANCE);
+  }
+
+  /// The client is called on the thread in reserve.
+  void WithoutThreads() {
+    m_host.BringUp({"127.0.0.1:9"});
+    g_noThreads = true;
+    Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE, AtReconnection);
+    g_noThreads = false;
+    m_host.TakeDown();
+  }
+
+  /// The cache has something to complain about.
+  void WithACacheFileThatIsNone() {
+    const HeldGateway gateway(1000);
+    m_host.ForgetSelections();
+    std::ofstream(m_host.CacheFile()) << "no cache";
+    std::filesystem::permissions(m_host.CacheFile(), std::filesystem::perms::owner_read);
+    m_host.BringUp({gateway.Address()});
+    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtReconnection);
+    m_host.TakeDown();
+  }
+
+  Host m_host;
+};
+
+/// The rows of the table, with the locks of each in the order in which they stand there.
+std::vector<Names> documentedOrder() {
+  std::ifstream document(AHS_SOURCE_DIRECTORY "/docs/architecture.md");
+  std::vector<Names> rows;
+  std::string line;
+  bool inTable = false;
+  while (std::getline(document, line)) {
+    inTable =
+        line.starts_with("Order, first taken first:") || (inTable && !line.starts_with("A lock"));
+    const std::size_t text = line.find(". ");
+    if (!inTable || text == std::string::npos || line.find_first_not_of("0123456789") != text) {
+      continue;
+    }
+    std::erase(line, '`');
+    rows.emplace_back();
+    std::istringstream parts(line.substr(line.find(". ") + 2));
+    std::string part;
+    // "a; b" for locks that are never nested, "a, then b" for locks that may be.
+    while (std::getline(parts, part,
+                        part.empty() && line.find(", then ") != std::string::npos ? ',' : ';')) {
+      const std::size_t start = part.starts_with(" then ") ? 6 : part.find_first_not_of(' ');
+      rows.back().push_back(part.substr(start));
+    }
+  }
+  return rows;
+}
+
+/// Whether `inner` may be taken with `outer` held.
+bool isAllowed(const std::vector<Names>& rows, const std::string& outer, const std::string& inner) {
+  // Of these, no two of a row may be held at once.
+  constexpr std::size_t RowsWithoutNesting = 3;
+  const auto rowOf = [&rows](const std::string& name) {
+    return static_cast<std::size_t>(std::find_if(rows.begin(), rows.end(),
+                                                 [&](const Names& row) {
+                                                   return std::find(row.begin(), row.end(), name) !=
+                                                          row.end();
+                                                 }) -
+                                    rows.begin());
+  };
+  const std::size_t outerRow = rowOf(outer);
+  const std::size_t innerRow = rowOf(inner);
+  if (outerRow == rows.size()) {
+    return false;  // a leaf
+  }
+  if (outerRow != innerRow) {
+    return outerRow < innerRow;
+  }
+  const Names& row = rows[outerRow];
+  return outerRow >= RowsWithoutNesting &&
+         std::find(row.begin(), row.end(), outer) < std::find(row.begin(), row.end(), inner);
+}
+
+class LockOrder : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { static const Selections selections; }
+  const Classes m_classes;
+};
+
+TEST_F(LockOrder, EveryLockBelongsToAKnownClass) {
+  std::set<std::string> seen;
+  for (std::size_t i = 0; i < LockRecorder::BuiltLocks().size(); ++i) {
+    seen.insert(m_classes.NameOf(static_cast<int>(i)));
+  }
+  for (const std::string& name : seen) {
+    EXPECT_EQ(name.find("an unknown lock"), std::string::npos) << name;
+  }
+  for (const Names& row : documentedOrder()) {
+    for (const std::string& name : row) {
+      EXPECT_EQ(seen.count(name), 1U) << name << " was never built";
+    }
+  }
+}
+
+TEST_F(LockOrder, EveryNestingIsAllowedByTheTableInTheDocumentation) {
+  const std::vector<Names> rows = documentedOrder();
+  ASSERT_GE(rows.size(), 4U);
+  for (const auto& [outer, inner] : m_classes.Nestings()) {
+    std::cout << outer << " > " << inner << '\n';
+    EXPECT_TRUE(isAllowed(rows, outer, inner))
+        << inner << " is taken while " << outer << " is held";
+  }
+}
+
+TEST_F(LockOrder, TheNestingsThatTheCodeIsKnownToHaveWereSeen) {
+  const auto nestings = m_classes.Nestings();
+  const Names innerLocks = {"m_headendCacheLock",
+                            "the cache's lock",
+                            "a thread's state lock",
+                            "a timer list's lock",
+                            "the preference manager's lock",
+                            "the reserve's lock",
+                            "its targets' lock"};
+  for (const std::string& inner : innerLocks) {
+    const bool isSeen = std::any_of(nestings.begin(), nestings.end(),
+                                    [&](const auto& nesting) { return nesting.second == inner; });
+    EXPECT_TRUE(isSeen) << inner << " was never taken with another lock held";
+  }
+  EXPECT_EQ(nestings.count({"m_headendThreadLock", "m_headendCacheLock"}), 1U);
+}
+
+TEST_F(LockOrder, NoLockIsNestedInOneOfItsOwnClassAndThereIsNoCycle) {
+  auto left = m_classes.Nestings();
+  // A lock that is never the inner one is part of no cycle, and neither is what it leads to.
+  bool changed = true;
+  while (changed) {
+    changed = false;
+    for (auto nesting = left.begin(); nesting != left.end();) {
+      const std::string& outer = nesting->first;
+      const bool isInner = std::any_of(left.begin(), left.end(),
+                                       [&](const auto& other) { return other.second == outer; });
+      changed = changed || !isInner;
+      nesting = isInner ? std::next(nesting) : left.erase(nesting);
+    }
+  }
+  for (const auto& [outer, inner] : left) {
+    ADD_FAILURE() << "on a cycle: " << inner << " is taken while " << outer << " is held";
+  }
+}
+
+TEST_F(LockOrder, NobodySleepsOnALockWithAnotherOneHeld) {
+  for (const int index : LockRecorder::WaitedOnWithOthersHeld()) {
+    ADD_FAILURE() << "a thread waited on " << m_classes.NameOf(index) << " with another lock held";
+  }
+}
+
+TEST_F(LockOrder, NoLockIsHeldWhileTheClientIsCalled) {
+  EXPECT_GT(moments().callback.seen, 6);
+  EXPECT_EQ(moments().callback.withLocks, 0);
+}
+
+TEST_F(LockOrder, NoLockIsHeldWhileAProbeIsSent) {
+  EXPECT_GT(moments().probe.seen, 10);
+  EXPECT_EQ(moments().probe.withLocks, 0);
+}
+
+TEST_F(LockOrder, NoLockIsHeldWhileATimersCallbackIsEntered) {
+  EXPECT_GT(moments().timer.seen, 0);
+  EXPECT_EQ(moments().timer.withLocks, 0);
+  EXPECT_GT(moments().runsTimer.seen, 1);
+  EXPECT_EQ(moments().runsTimer.withLocks, 0);
+}
+
+}  // namespace
+}  // namespace tests

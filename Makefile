@@ -4,6 +4,7 @@
 JOBS ?= $(shell nproc)
 CTEST_JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 600
+SOAK_RUNS ?= 200000
 
 .DEFAULT_GOAL := help
 
@@ -25,6 +26,18 @@ test: deps-test release fuzzers ## Build and run all tests, and fuzz each reader
 .PHONY: fuzz
 fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz
+
+.PHONY: soak
+soak: deps-test release ## Run for hours: races under both sanitizers, every fault at every call, levels, valgrind
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS) --target selection_stress
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS) --target selection_stress
+	tests/stress/soak.sh build/asan build/tsan $(SOAK_RUNS)
+	build/release/bin/many_selections --runs 10000
+	tests/host/valgrind.sh build/release 100
+	AHS_FAULTS=all build/release/bin/faults_test
+	AHS_FAULTS=all build/release/bin/faults_c_memory_test
 
 .PHONY: fuzzers
 fuzzers: deps-test

@@ -9,12 +9,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
 
 #include "cli/ExitStatus.h"
+#include "vpn/include/Locks.h"
 
 namespace {
 
@@ -23,8 +23,8 @@ constexpr unsigned int LongestTidyUpSeconds = 1;
 std::atomic<int> statusAtEnd{ExitSignalBase};
 
 struct State {
-  std::mutex lock;
-  Interruption::Duties duties;  // guarded by lock
+  CManualLock lock;
+  Interruption::Duties duties AHS_GUARDED_BY(lock);
 };
 
 // Never freed: the waiting thread may need it while the process is ending.
@@ -76,9 +76,10 @@ void limitTidyUp() {
 }
 
 void perform(std::function<void()> Interruption::Duties::*duty) {
-  const std::lock_guard<std::mutex> guard(state().lock);
-  if (state().duties.*duty) {
-    (state().duties.*duty)();
+  State& all = state();
+  const CAutoLockT<CManualLock> guard(all.lock);
+  if (all.duties.*duty) {
+    (all.duties.*duty)();
   }
 }
 
@@ -135,6 +136,7 @@ void Interruption::begin() {
 }
 
 void Interruption::setDuties(Duties duties) {
-  const std::lock_guard<std::mutex> guard(state().lock);
-  state().duties = std::move(duties);
+  State& all = state();
+  const CAutoLockT<CManualLock> guard(all.lock);
+  all.duties = std::move(duties);
 }

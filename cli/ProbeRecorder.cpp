@@ -30,7 +30,7 @@ void ProbeRecorder::ProbeStarted(const HttpProbe::Report& report) {
   if (isTestProbe(report)) {
     return;
   }
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   ++m_tracks[placeOf(report.host, report.port)].started;
   ++m_progress.probesStarted;
 }
@@ -39,7 +39,7 @@ void ProbeRecorder::ProbeEnded(const HttpProbe::Report& report) {
   if (isTestProbe(report)) {
     return;
   }
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   Track& track = m_tracks[placeOf(report.host, report.port)];
   const bool isFirstAnswer = isSample(report.status) && !hasAnswered(track);
   track.ended.push_back(report);
@@ -48,11 +48,11 @@ void ProbeRecorder::ProbeEnded(const HttpProbe::Report& report) {
 }
 
 ProbeRecorder::Progress ProbeRecorder::progress() const {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   return m_progress;
 }
 
 std::map<Place, ProbeRecorder::Track> ProbeRecorder::tracks() const {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   return m_tracks;
 }

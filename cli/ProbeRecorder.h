@@ -1,11 +1,11 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <vector>
 
 #include "cli/Candidates.h"
 #include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/include/Locks.h"
 
 /// Remembers every probe of the process that measures a headend. The probe that only tests the way
 /// through a proxy (it asks for all headers) is left out. Any thread may call anything.
@@ -34,7 +34,7 @@ class ProbeRecorder : public HttpProbe::Watcher {
   static bool isSample(STATUSCODE status);
 
  private:
-  mutable std::mutex m_lock;
-  std::map<Place, Track> m_tracks;  // guarded by m_lock
-  Progress m_progress;              // guarded by m_lock
+  mutable CManualLock m_lock;
+  std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
+  Progress m_progress AHS_GUARDED_BY(m_lock);
 };

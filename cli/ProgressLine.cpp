@@ -68,7 +68,7 @@ void ProgressLine::draw(const ProgressState& state) {
   if (tcgetpgrp(STDERR_FILENO) != getpgrp()) {
     return;
   }
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   if (!m_isClosed) {
     m_isDrawn = true;
     static_cast<void>(
@@ -77,23 +77,32 @@ void ProgressLine::draw(const ProgressState& state) {
 }
 
 void ProgressLine::close() {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   eraseForGood();
 }
 
-void ProgressLine::closeInHaste() { inHaste(&ProgressLine::eraseForGood); }
+void ProgressLine::closeInHaste() {
+  if (lockInHaste()) {
+    eraseForGood();
+    m_lock.Unlock();
+  }
+}
 
-void ProgressLine::eraseInHaste() { inHaste(&ProgressLine::erase); }
+void ProgressLine::eraseInHaste() {
+  if (lockInHaste()) {
+    erase();
+    m_lock.Unlock();
+  }
+}
 
-void ProgressLine::inHaste(void (ProgressLine::*operation)()) {
+bool ProgressLine::lockInHaste() {
   for (int attempt = 0; attempt < DrawingAttempts; ++attempt) {
-    const std::unique_lock<std::mutex> guard(m_lock, std::try_to_lock);
-    if (guard.owns_lock()) {
-      (this->*operation)();
-      return;
+    if (m_lock.TryLock()) {
+      return true;
     }
     std::this_thread::sleep_for(DrawingPause);
   }
+  return false;
 }
 
 void ProgressLine::eraseForGood() {

@@ -1,8 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <mutex>
 #include <string>
+
+#include "vpn/include/Locks.h"
 
 /// How far a measurement is.
 struct ProgressState {
@@ -40,12 +41,12 @@ class ProgressLine {
   void eraseInHaste();
 
  private:
-  void erase();
-  void inHaste(void (ProgressLine::*operation)());
-  void eraseForGood();
+  void erase() AHS_REQUIRES(m_lock);
+  void eraseForGood() AHS_REQUIRES(m_lock);
+  bool lockInHaste() AHS_TRY_ACQUIRE(true, m_lock);
 
   const bool m_colour;
-  std::mutex m_lock;
-  bool m_isDrawn;   // guarded by m_lock
-  bool m_isClosed;  // guarded by m_lock
+  CManualLock m_lock;
+  bool m_isDrawn AHS_GUARDED_BY(m_lock);
+  bool m_isClosed AHS_GUARDED_BY(m_lock);
 };

@@ -37,7 +37,7 @@ std::chrono::milliseconds since(std::chrono::steady_clock::time_point start) {
 SelectionRun::SelectionRun() : m_start(std::chrono::steady_clock::now()), m_isDelivered(false) {
   CAppLog::SetListener([this](const CAppLog::Record& record) {
     if (strcmp(record.function, ReportFunction) == 0) {
-      const std::lock_guard<std::mutex> guard(m_lock);
+      const CAutoLockT<CMonitor> guard(m_lock);
       m_delivery.report = record.message;
     }
   });
@@ -59,12 +59,16 @@ STATUSCODE SelectionRun::start(unsigned int reason, const std::string& last,
 }
 
 bool SelectionRun::waitForDelivery(std::chrono::milliseconds longest) {
-  std::unique_lock<std::mutex> guard(m_lock);
-  return m_delivered.wait_for(guard, longest, [this] { return m_isDelivered; });
+  const auto limit = std::chrono::steady_clock::now() + longest;
+  const CAutoLockT<CMonitor> guard(m_lock);
+  while (!m_isDelivered && std::chrono::steady_clock::now() < limit) {
+    m_lock.WaitUntil(limit);
+  }
+  return m_isDelivered;
 }
 
 SelectionRun::Delivery SelectionRun::delivery() const {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CMonitor> guard(m_lock);
   return m_delivery;
 }
 
@@ -79,11 +83,11 @@ bool SelectionRun::waitForEnd(std::chrono::milliseconds longest) {
 void SelectionRun::AHSSelectedHost(unsigned int /*reason*/,
                                    const std::vector<std::string>& headends, long status,
                                    const std::string& extraInfo) {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CMonitor> guard(m_lock);
   m_delivery.status = status;
   m_delivery.headends = headends;
   m_delivery.extraInfo = extraInfo;
   m_delivery.elapsed = since(m_start);
   m_isDelivered = true;
-  m_delivered.notify_all();
+  m_lock.NotifyAll();
 }

@@ -1,15 +1,14 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Api/ProxyIfc.h"
 #include "vpn/Common/Utility/Thread.h"
+#include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 
 /// One selection run seen by its client: starts it on a thread, hears its result and its report.
@@ -55,8 +54,7 @@ class SelectionRun : public ClientIfcBase {
   std::chrono::steady_clock::time_point m_start;  // written before the run's threads exist
   std::unique_ptr<CThread> m_thread;              // the owner's thread's
 
-  mutable std::mutex m_lock;
-  std::condition_variable m_delivered;
-  bool m_isDelivered;   // guarded by m_lock
-  Delivery m_delivery;  // guarded by m_lock
+  mutable CMonitor m_lock;  // notified of the delivery
+  bool m_isDelivered AHS_GUARDED_BY(m_lock);
+  Delivery m_delivery AHS_GUARDED_BY(m_lock);
 };

@@ -60,7 +60,7 @@ Terminal::Answer Terminal::ask(const std::string& prompt, Echo echo, Secret& ans
 }
 
 void Terminal::leave() {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   const bool wasAsking = !m_prompt.empty();
   if (!m_isLeft && isOurs()) {
     restore();
@@ -72,7 +72,7 @@ void Terminal::leave() {
 }
 
 void Terminal::stepAside() {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   if (isOurs()) {
     restore();
   }
@@ -81,7 +81,7 @@ void Terminal::stepAside() {
 void Terminal::comeBack() {
   std::string prompt;
   {
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const CAutoLockT<CManualLock> guard(m_lock);
     // In the background the question waits until the person brings the command back.
     if (m_prompt.empty() || m_isLeft || !isOurs() || (m_echo == Echo::Off && !hide())) {
       return;
@@ -92,7 +92,7 @@ void Terminal::comeBack() {
 }
 
 bool Terminal::begin(const std::string& prompt, Echo echo) {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   if (m_isLeft || (echo == Echo::Off && !hide())) {
     return false;
   }
@@ -102,7 +102,7 @@ bool Terminal::begin(const std::string& prompt, Echo echo) {
 }
 
 void Terminal::end() {
-  const std::lock_guard<std::mutex> guard(m_lock);
+  const CAutoLockT<CManualLock> guard(m_lock);
   m_prompt.clear();
   if (m_isHidden) {
     restore();

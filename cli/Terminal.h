@@ -3,10 +3,10 @@
 #include <termios.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "cli/Credentials.h"
+#include "vpn/include/Locks.h"
 
 /// The terminal at which a person is asked. While a secret is typed the terminal does not show it,
 /// and however the question ends (an answer, a signal, a stop), the terminal is left as it was
@@ -49,18 +49,21 @@ class Terminal {
  private:
   bool begin(const std::string& prompt, Echo echo);
   void end();
-  bool hide();
-  void restore();
+  bool hide() AHS_REQUIRES(m_lock);
+  void restore() AHS_REQUIRES(m_lock);
   bool isOurs() const;
   Answer readLine(Secret& answer) const;
 
   const int m_input;
   const int m_output;
   int m_owned;  // closed at the end; -1 for none
-  std::mutex m_lock;
-  std::string m_prompt;  // guarded by m_lock; of the open question, empty when there is none
-  Echo m_echo;           // guarded by m_lock; of the open question
-  bool m_isHidden;       // guarded by m_lock; what is typed is not shown, by our doing
-  bool m_isLeft;         // guarded by m_lock
-  termios m_found;       // guarded by m_lock; the terminal's state to go back to while m_isHidden
+  CManualLock m_lock;
+  // Of the open question; empty when there is none.
+  std::string m_prompt AHS_GUARDED_BY(m_lock);
+  Echo m_echo AHS_GUARDED_BY(m_lock);
+  // What is typed is not shown, by our doing.
+  bool m_isHidden AHS_GUARDED_BY(m_lock);
+  bool m_isLeft AHS_GUARDED_BY(m_lock);
+  // The terminal's state to go back to while m_isHidden.
+  termios m_found AHS_GUARDED_BY(m_lock);
 };

@@ -14,6 +14,7 @@
 #define AHS_SCOPED_CAPABILITY AHS_THREAD_ATTRIBUTE(scoped_lockable)
 #define AHS_GUARDED_BY(lock) AHS_THREAD_ATTRIBUTE(guarded_by(lock))
 #define AHS_ACQUIRE(...) AHS_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define AHS_TRY_ACQUIRE(...) AHS_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define AHS_RELEASE(...) AHS_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define AHS_REQUIRES(...) AHS_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define AHS_EXCLUDES(...) AHS_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))

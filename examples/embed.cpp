@@ -54,8 +54,9 @@ void askForLogIn(AskingClient& client) {
               CStringUtils::printable(client.realm).c_str());
   std::string user;
   std::getline(std::cin, user);
+  const auto secretUser = SecureString<std::string>::GetAndClear(user.c_str());
   if (char* typed = getpass("Password: "); typed != nullptr) {
-    selectWithLogIn(client, user, SecureString<std::string>::GetAndClear(typed));
+    selectWithLogIn(client, secretUser, SecureString<std::string>::GetAndClear(typed));
   }
 }
 

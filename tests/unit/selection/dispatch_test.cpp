@@ -224,6 +224,19 @@ TEST_F(Dispatch, AProviderWithAUserMakesTheTestProbeSecureOnPort443) {
   EXPECT_EQ(dispatchLines().front(), "startPingThreads I QIB Sending test ping to gw1:443");
 }
 
+TEST_F(Dispatch, ThePasswordIsAskedForBeforeTheUser) {
+  preferences().useAddresses({"gw1"});
+  auto* const provider = new Provider(BasicProxy, "anna", "secret", "");
+  make().SetProxy(provider);
+  doubles::log().setHook([provider](const doubles::LogLine& line) {
+    if (line.message == "QIB Sending test ping to gw1:443") {
+      EXPECT_EQ(provider->asked, "password user ");
+    }
+  });
+  runToEnd();
+  EXPECT_EQ(doubles::log().count("startPingThreads I QIB Sending test ping to gw1:443"), 1U);
+}
+
 TEST_F(Dispatch, AProviderWithoutAUserLeavesTheTestProbePlainAndWithoutCredentials) {
   makeFor({"gw1:8443"}, Connection, "gw1:8443");
   run->SetProxy(new Provider(BasicProxy, "", "secret", ""));

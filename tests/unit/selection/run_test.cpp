@@ -1,6 +1,7 @@
 // A run from its first line to the client's callback: the driver's decisions one by one, and the
 // whole log of typical runs, line by line.
 
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -23,6 +24,7 @@ constexpr long AddedToCache = 0xFE530010;
 constexpr long NoHeadends = 0xFE53000D;
 constexpr long NoCache = 0xFE53000C;
 constexpr long AuthProxy = 0xFE53000A;
+constexpr long Unexpected = 0xFE530009;
 constexpr long SelectionFailure = 0xFE53000F;
 constexpr STATUSCODE NoContext = 0xFE8D000A;
 
@@ -185,6 +187,38 @@ TEST_F(Run, CallsTheClientOnAThreadThatIsNotItsOwn) {
   runToEnd();
 
   EXPECT_NE(client.only().thread, runThreadId);
+}
+
+/// A provider with a mistake in it.
+template <class Exception>
+class ThrowingProvider : public Provider {
+ public:
+  explicit ThrowingProvider(Exception exception)
+      : Provider(BasicProxy, "", "", ""), m_exception(exception) {}
+  UnprotectedCredential getProxyPswd() override { throw m_exception; }
+
+ private:
+  const Exception m_exception;
+};
+
+TEST_F(Run, AProviderThatThrowsCostsTheSelectionAndNotTheProcess) {
+  preferences().useAddresses({"gw1", "gw2"});
+  make(Connection, "gw2")
+      .SetProxy(new ThrowingProvider<std::runtime_error>(std::runtime_error("no key ring")));
+  runToEnd();
+
+  EXPECT_EQ(client.only().status, Unexpected);
+  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
+  EXPECT_EQ(doubles::log().count("run E QIB ended by an exception: no key ring"), 1U);
+}
+
+TEST_F(Run, AProviderThatThrowsWhatIsNoExceptionDoesNotEither) {
+  preferences().useAddresses({"gw1"});
+  make().SetProxy(new ThrowingProvider<int>(7));
+  runToEnd();
+
+  EXPECT_EQ(client.only().status, Unexpected);
+  EXPECT_THAT(client.only().headends, ElementsAre("gw1")) << "the test probe has made it the last";
 }
 
 TEST_F(Run, PassesAnUnknownReasonOnUnchanged) {

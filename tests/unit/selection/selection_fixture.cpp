@@ -19,6 +19,7 @@ namespace {
 const std::set<std::pair<std::string, std::string>>& knownFormats() {
   static const std::set<std::pair<std::string, std::string>> known{
       {"run", "CHeadendSelection thread ID '%d'"},
+      {"run", "QIB ended by an exception: %s"},
       {"selectHeadend", "Starting QIB processing during %s attempt. Last headend: %s"},
       {"selectHeadend", "QIB cache could not be created."},
       {"selectHeadend", "QIB has no hosts to process."},

@@ -66,10 +66,19 @@ class Provider : public ProxyIfc {
       : m_type(type), m_user(std::move(user)), m_pswd(std::move(pswd)), m_host(std::move(host)) {}
   ~Provider() override { doubles::journal().add("provider deleted"); }
 
-  UnprotectedCredential getProxyUser() override { return UnprotectedCredential(m_user); }
-  UnprotectedCredential getProxyPswd() override { return UnprotectedCredential(m_pswd); }
+  UnprotectedCredential getProxyUser() override {
+    asked += "user ";
+    return UnprotectedCredential(m_user);
+  }
+  UnprotectedCredential getProxyPswd() override {
+    asked += "password ";
+    return UnprotectedCredential(m_pswd);
+  }
   std::string getProxyHost() override { return m_host; }
   ProxyType getProxyType() override { return m_type; }
+
+  /// What the run's thread has asked for, in order.
+  std::string asked;
 
  private:
   const ProxyType m_type;

@@ -7,9 +7,11 @@
 #include <pthread.h>
 
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/GuardedCall.h"
 
 CHeadendSelection::CHeadendSelection(ClientIfcBase* pAHSCB, const std::string& lastHeadend,
                                      unsigned int uiReason, long& status)
@@ -113,14 +115,23 @@ void CHeadendSelection::run() {
   delete this;
 }
 
-// The client hears of every run that was started, also of one that ran out of memory.
+// The client hears of every run that was started, also of one that ran out of memory or whose
+// provider, which is the client's, has thrown.
 STATUSCODE CHeadendSelection::selectOrFail(std::vector<std::string>& headendList,
                                            std::string& extraInfo) {
-  try {
-    return selectHeadend(headendList, extraInfo);
-  } catch (const std::exception&) {
-    return HEADENDSELECTION_ERROR_MEMALLOC_FAILED;  // nothing else throws here
-  }
+  STATUSCODE status = HEADENDSELECTION_ERROR_UNEXPECTED;
+  const auto select = [&] {
+    try {
+      status = selectHeadend(headendList, extraInfo);
+    } catch (const std::bad_alloc&) {
+      status = HEADENDSELECTION_ERROR_MEMALLOC_FAILED;
+    }
+  };
+  guardedCall(select, [](const char* what) {
+    CAppLog::LogDebugMessage("run", LogSource, __LINE__, Logging::DBG_Error,
+                             "QIB ended by an exception: %s", what);
+  });
+  return status;
 }
 
 STATUSCODE CHeadendSelection::selectHeadend(std::vector<std::string>& headendList,

@@ -17,7 +17,8 @@ enum ProxyType {
 ///
 /// A selection run that is given a provider owns and deletes it. `getProxyType` is called from many
 /// threads at once, also after the run's result has been delivered; the others on the run's thread.
-/// What they throw ends the run with HEADENDSELECTION_ERROR_UNEXPECTED, or a worker without a result.
+/// What they throw ends the run with HEADENDSELECTION_ERROR_UNEXPECTED, or a worker without a
+/// result.
 class ProxyIfc {
  public:
   /// A credential in clear. Destruction overwrites its characters before their memory is released.

@@ -196,9 +196,3 @@ bool nothingIsLeft() {
 }
 
 }  // namespace tests
-
-/// Read by ThreadSanitizer where a program is built with it. OpenSSL's library is not, so that the
-/// atomic flag by which it publishes what it has computed of a certificate once for all threads
-/// stays hidden from the sanitizer, and each reader seems to race with who has computed it.
-extern "C" const char* __tsan_default_suppressions();  // NOLINT: its name
-extern "C" const char* __tsan_default_suppressions() { return "race:libcrypto.so"; }  // NOLINT

@@ -38,17 +38,6 @@ bool isGone(Singleton* acquired) {
 
 }  // namespace
 
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + Limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(PollInterval);
-  }
-  return true;
-}
-
 GatewayProcess::GatewayProcess(const std::vector<std::string>& gateways) {
   std::vector<std::string> command = {AHS_GATEWAYS, "--write-ca", Authority()};
   for (const std::string& gateway : gateways) {

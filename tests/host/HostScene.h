@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
@@ -21,14 +22,8 @@
 
 namespace tests {
 
-/// Longer than anything here takes, even on a machine that does a hundred other things.
-constexpr std::chrono::seconds Limit{60};
-
 constexpr unsigned int AtConnection = 0;
 constexpr unsigned int AtReconnection = 1;
-
-/// Waits until `condition` holds. @return whether it did within `Limit`.
-bool eventually(const std::function<bool()>& condition);
 
 /// The `ahs-gateways` program with gateways on ports of its own, ended with the object. Used by the
 /// thread that made it.

@@ -27,6 +27,7 @@
 
 #include "tests/integration/secret_search.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/RealServers.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -44,21 +45,7 @@ using testing::StartsWith;
 constexpr char Answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
 constexpr char Established[] = "HTTP/1.1 200 Established\r\n\r\n";
 
-/// Longer than anything here takes, even on a machine that does a hundred other things.
-constexpr std::chrono::seconds Limit{60};
 constexpr std::chrono::milliseconds PollInterval{2};
-
-template <class Condition>
-bool eventually(const Condition& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + Limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(PollInterval);
-  }
-  return true;
-}
 
 // ---- Secrets, and the forms that they take ------------------------------------------------------
 

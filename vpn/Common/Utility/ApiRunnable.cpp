@@ -7,11 +7,12 @@
 #include <pthread.h>
 
 #include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/Common/Utility/Thread.h"
 
 namespace {
 
 // A destructor waits, deletes and logs; it needs no more than a worker does.
-constexpr std::size_t DestroyerStackSize = std::size_t{256} * 1024;
+constexpr std::size_t DestroyerStackSize = CThread::DefaultStackSize;
 
 }  // namespace
 

@@ -11,12 +11,13 @@
 #include <utility>
 
 #include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/Locks.h"
 
 namespace {
 
-// As other threads of the library: a body does not know which kind it runs on.
-constexpr std::size_t StackSize = std::size_t{256} * 1024;
+// A body does not know which kind of thread it runs on.
+constexpr std::size_t StackSize = CThread::DefaultStackSize;
 
 /// The one reserve. It has no destructor that a late thread could trip over: see `reserve`.
 struct Reserve {

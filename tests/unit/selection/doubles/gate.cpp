@@ -2,8 +2,6 @@
 
 #include "tests/unit/selection/doubles/gate.h"
 
-#include <thread>
-
 namespace doubles {
 
 void Journal::reset() {
@@ -24,17 +22,6 @@ std::vector<std::string> Journal::events() const {
 Journal& journal() {
   static Journal& instance = *new Journal;  // late threads may still write to it
   return instance;
-}
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + Patience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
 }
 
 }  // namespace doubles

@@ -1,16 +1,13 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
-namespace doubles {
+#include "tests/support/Eventually.h"
 
-/// Long enough for the slowest machine under a sanitizer; reached only when a test has failed.
-constexpr std::chrono::seconds Patience{60};
+namespace doubles {
 
 /// A door that threads wait at until a test opens it.
 class Gate {
@@ -21,10 +18,10 @@ class Gate {
     m_changed.notify_all();
   }
 
-  /// @return false when nobody opened the gate within `Patience`.
+  /// @return false when nobody opened the gate within `tests::Limit`.
   bool wait() {
     std::unique_lock<std::mutex> hold(m_lock);
-    return m_changed.wait_for(hold, Patience, [this] { return m_open; });
+    return m_changed.wait_for(hold, tests::Limit, [this] { return m_open; });
   }
 
  private:
@@ -47,7 +44,6 @@ class Journal {
 
 Journal& journal();
 
-/// Tries a condition again and again until it holds; false when it does not within `Patience`.
-bool eventually(const std::function<bool()>& condition);
+using tests::eventually;
 
 }  // namespace doubles

@@ -38,6 +38,7 @@ json probeAsJson(const HttpProbe::Report& probe) {
           {"rttMs", ProbeRecorder::isSample(probe.status) ? json(probe.rttMs) : json(nullptr)},
           {"httpStatus", probe.httpStatus == 0 ? json(nullptr) : json(probe.httpStatus)},
           {"address", probe.address.empty() ? json(nullptr) : json(probe.address)},
+          {"reused", probe.reused},
           {"connectMs", milliseconds(probe.connectUs)},
           {"tlsMs", milliseconds(probe.tlsUs)},
           {"totalMs", milliseconds(probe.totalUs)},

@@ -186,6 +186,9 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool, bool, unsigne
              : stress::sendWorkerProbe(*stage, headend, results);
 }
 
+HttpProbe::KeptConnection::KeptConnection() noexcept = default;
+HttpProbe::KeptConnection::~KeptConnection() = default;
+
 // Each run has preferences of its own; they are asked for on the thread that constructs it and on
 // the run thread only.
 doubles::PreferenceScript& doubles::preferences() { return self().stage->preferences; }

@@ -314,12 +314,16 @@ std::vector<std::string> RequestLog::all() const {
 
 ScriptedServer::Script answering(std::string answer, RequestLog* log) {
   return [answer = std::move(answer), log](Connection& connection) {
-    const std::string request = connection.readHead();
-    if (log != nullptr) {
-      log->add(request);
+    std::string request = connection.readHead();
+    bool open = true;
+    while (open) {
+      if (log != nullptr) {
+        log->add(request);
+      }
+      open = connection.send(answer);
+      request = connection.readHead();
+      open = open && !request.empty();
     }
-    connection.send(answer);
-    connection.waitForPeer();
   };
 }
 

@@ -124,7 +124,7 @@ class RequestLog {
   std::vector<std::string> m_requests;
 };
 
-/// A script that reads a request, sends `answer` and waits until the client closes.
+/// A script that answers each request of the connection with `answer` until the client closes.
 ScriptedServer::Script answering(std::string answer, RequestLog* log = nullptr);
 
 /// The same over TLS. A failed handshake ends the script.

@@ -13,6 +13,17 @@
 
 namespace tests {
 
+namespace {
+
+// What the tests read has to be trusted, whatever the umask.
+void denyOthers(const std::string& path) {
+  using std::filesystem::perms;
+  std::filesystem::permissions(path, perms::group_write | perms::others_write,
+                               std::filesystem::perm_options::remove);
+}
+
+}  // namespace
+
 TemporaryDirectory::TemporaryDirectory() {
   std::string path = (std::filesystem::temp_directory_path() / "ahs-test-XXXXXX").string();
   if (::mkdtemp(path.data()) == nullptr) {
@@ -28,6 +39,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 
 std::string TemporaryDirectory::MakeDirectory(const std::string& name) const {
   std::filesystem::create_directories(File(name));
+  denyOthers(File(name));
   return File(name);
 }
 
@@ -38,6 +50,7 @@ std::string TemporaryDirectory::Write(const std::string& name, const std::string
   if (!file) {
     throw std::runtime_error("cannot write " + File(name));
   }
+  denyOthers(File(name));
   return File(name);
 }
 

@@ -112,6 +112,7 @@ TEST(JsonOutput, HasTheDetailsOfEachProbe) {
   EXPECT_EQ(probe.at("rttMs"), 20);
   EXPECT_EQ(probe.at("httpStatus"), 200);
   EXPECT_EQ(probe.at("address"), "192.0.2.7");
+  EXPECT_EQ(probe.at("reused"), false);
   EXPECT_DOUBLE_EQ(probe.at("connectMs"), 20.25);
   EXPECT_TRUE(probe.at("tlsMs").is_null());
   EXPECT_DOUBLE_EQ(probe.at("networkRttMs"), 20.125);

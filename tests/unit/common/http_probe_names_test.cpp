@@ -170,6 +170,42 @@ TEST_F(HttpProbeTest, ANameWithADeadIpv6AddressIsReachedByIpv4) {
   EXPECT_LT(report().networkRttUs, report().connectUs);
 }
 
+TEST_F(HttpProbeTest, AKeptConnectionToANameWithADeadIpv6AddressIsTheIpv4One) {
+  if (!tests::hasAddress("::1")) {
+    GTEST_SKIP() << "this machine has no IPv6";
+  }
+  const ScriptedServer server(
+      [](tests::Connection& connection) {
+        while (!connection.readHead().empty() && connection.send(kOk)) {
+        }
+      },
+      "127.0.0.1");
+  const SilentPort dead("::1", server.port());
+  const HttpProbe::KeptConnection kept;
+  for (const bool reused : {false, true, true}) {
+    EXPECT_EQ(probe(server.port(), kPatience, "both.test"), HTTP_SESSION_SUCCESS);
+    EXPECT_EQ(report().reused, reused);
+    EXPECT_EQ(report().address, "127.0.0.1");
+    EXPECT_GE(report().networkRttUs, 0);
+  }
+}
+
+TEST_F(HttpProbeTest, AThreadThatKeepsItsConnectionLooksANameUpOnceEvenIfTheServerCloses) {
+  const ScriptedServer server(
+      answering("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"));
+  const HttpProbe::KeptConnection kept;
+  std::size_t before = 0;
+  {
+    const std::lock_guard<std::mutex> guard(names().mutex);
+    before = names().asked.size();
+  }
+  EXPECT_EQ(probe(server.port(), kPatience, "one.test"), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(probe(server.port(), kPatience, "one.test"), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(server.accepted(), 2U);
+  const std::lock_guard<std::mutex> guard(names().mutex);
+  EXPECT_EQ(names().asked.size(), before + 1);
+}
+
 TEST_F(HttpProbeTest, ANameWhoseIpv6AddressRefusesIsReachedByIpv4) {
   if (!tests::hasAddress("::1")) {
     GTEST_SKIP() << "this machine has no IPv6";

@@ -87,6 +87,13 @@ TEST_F(Dispatch, GivesAReconnectionTheReconnectBudgetWholeAndSendsNoTestProbe) {
   EXPECT_EQ(member<LastHeadend>(selection).getHost(), "") << "only the test probe needs one";
 }
 
+TEST_F(Dispatch, TheTestProbeKeepsNoConnection) {
+  makeFor({"gw1"}, 3);
+
+  EXPECT_EQ(dispatch(), 0);
+  EXPECT_FALSE(testProbe().connectionKept);
+}
+
 TEST_F(Dispatch, EveryOtherReasonCountsAsAConnection) {
   makeFor({"gw1"}, 3);
 

@@ -56,6 +56,17 @@ TEST_F(AWorker, SendsItsProbesOneAfterAnotherAndReportsTheSmallest) {
                           "Run I QIB terminating thread for gw1"));
 }
 
+TEST_F(AWorker, LetsItsProbesShareAConnectionThatEndsWithIt) {
+  build("gw1", 3).Run();
+
+  const std::vector<ProbeCall> calls = probes().workerCalls();
+  ASSERT_EQ(calls.size(), 3U);
+  for (const ProbeCall& call : calls) {
+    EXPECT_TRUE(call.connectionKept);
+  }
+  EXPECT_EQ(doubles::keptConnections(), 0U);
+}
+
 TEST_F(AWorker, ConnectsDirectlyWithThePingTimeOutInWholeSeconds) {
   EXPECT_EQ(build("gw1", 1, 10000, 2999).Run(), 0);
 

@@ -244,6 +244,7 @@ STATUSCODE CHeadendSelection::CSelectionThread::Run() {
   const bool isSecure = pProxy != nullptr && pProxy->getProxyType() != NoProxy;
   const std::string tstrUserAgent;
   const PROXY_DATA noProxy;  // a round trip through a proxy would measure the proxy
+  const HttpProbe::KeptConnection connection;
 
   std::vector<unsigned int> pings;
   const unsigned int startTimer = now();

@@ -1,15 +1,18 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
 #include "vpn/include/HttpSession.h"
 #include "vpn/include/StatusCode.h"
 
+class HttpTransfer;
+
 /// Sends single HTTP(S) requests to find out whether a host answers, and how far away it is.
 ///
 /// All operations are static and may be called from any thread; probes of different threads run in
-/// parallel and share nothing.
+/// parallel and share nothing but the settings.
 class HttpProbe {
  public:
   struct HTTP_PROBE_RESULTS {
@@ -40,10 +43,11 @@ class HttpProbe {
   /// What `uiRtt` is.
   enum class RoundTripMeasure {
     /// The smallest round trip that the kernel saw on the probe's connection (tcp(7), TCP_INFO,
-    /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it.
-    /// Through a proxy the connection ends at the proxy, so there it is `Response`. Where the
-    /// kernel
-    /// cannot say, it is the time that the connection took to open.
+    /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it. On
+    /// a
+    /// connection that is used again (`KeptConnection`) it is the smallest so far. Through a proxy
+    /// the connection ends at the proxy, so there it is `Response`. Where the kernel cannot say, it
+    /// is the time that the connection took to open, whichever probe opened it.
     Network,
     /// From the request to the first byte of the answer: a slow gateway counts as far away. Where
     /// no byte came, it ends with the probe (the connection was closed); where no request could be
@@ -64,6 +68,7 @@ class HttpProbe {
     unsigned int rttMs = 0;  ///< what `uiRtt` is for this probe
     unsigned int httpStatus = 0;
     unsigned int transportError = 0;
+    bool reused = false;           ///< on an earlier probe's connection; then the next two are -1
     long long connectUs = -1;      ///< the connection stood
     long long tlsUs = -1;          ///< the TLS handshake was done
     long long totalUs = 0;         ///< the probe was over
@@ -80,6 +85,31 @@ class HttpProbe {
     /// A probe is about to start; only host, port, secure and options are known.
     virtual void ProbeStarted(const Report& report) = 0;
     virtual void ProbeEnded(const Report& report) = 0;
+  };
+
+  /// As long as one lives, the probes that its thread sends straight to one server go through one
+  /// connection if the server lets them: a secure one pays for the TLS handshake once. It closes
+  /// with this object. Probes through a proxy, probes with credentials and those of other threads
+  /// are as without it, and one within another does nothing. Outcomes stay what they are: a kept
+  /// connection that turns out to be gone, or stays silent for half of the time-out, is replaced
+  /// within the same probe and its time-out, once.
+  ///
+  /// To be used again a connection has to be at the end of an answer, so the body of a short answer
+  /// (14 KiB in all) that announces its length or comes in chunks is read, when the next probe
+  /// begins. Where it is not there a round trip after its head, or is longer or compressed, the
+  /// connection is given up; no probe waits for the body of its own answer.
+  ///
+  /// Lives on the stack of the thread that it is for. Where there is no memory, nothing is kept.
+  class KeptConnection {
+   public:
+    KeptConnection() noexcept;
+    ~KeptConnection();
+    KeptConnection(const KeptConnection&) = delete;
+    KeptConnection& operator=(const KeptConnection&) = delete;
+    static void* operator new(std::size_t) = delete;
+
+   private:
+    std::shared_ptr<HttpTransfer> m_transfer;
   };
 
   HttpProbe() = delete;

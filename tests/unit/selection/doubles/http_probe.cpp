@@ -8,6 +8,12 @@
 
 #include "tests/unit/selection/doubles/timers.h"
 
+namespace {
+
+thread_local unsigned int keptHere = 0;
+
+}  // namespace
+
 namespace doubles {
 
 void Probes::reset() {
@@ -96,6 +102,8 @@ Probes& probes() {
   return instance;
 }
 
+unsigned int keptConnections() { return keptHere; }
+
 }  // namespace doubles
 
 STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool reserved,
@@ -121,10 +129,13 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
   call.resultsWereZero = results.uiRtt == 0 && results.uiHttpStatusCode == 0 &&
                          results.uiLastError == 0 && results.tstrResponseHeaders.empty() &&
                          results.tstrLocation.empty();
+  call.connectionKept = keptHere != 0;
   call.thread = std::this_thread::get_id();
   return doubles::probes().send(call, results);
 }
 
+HttpProbe::KeptConnection::KeptConnection() noexcept { ++keptHere; }
+HttpProbe::KeptConnection::~KeptConnection() { --keptHere; }
 HttpProbe::Watcher::~Watcher() = default;
 void HttpProbe::SetRoundTripMeasure(RoundTripMeasure) {}
 void HttpProbe::SetWatcher(std::shared_ptr<Watcher>) {}

@@ -33,6 +33,7 @@ struct ProbeCall {
   const void* pswdBuffer = nullptr;
   unsigned int options = 0;
   bool resultsWereZero = false;
+  bool connectionKept = false;  ///< within the life of a `KeptConnection` of the thread
   std::thread::id thread;
 };
 
@@ -79,5 +80,8 @@ class Probes {
 };
 
 Probes& probes();
+
+/// How many `KeptConnection`s live on this thread.
+unsigned int keptConnections();
 
 }  // namespace doubles

@@ -1,0 +1,206 @@
+// What a probe makes of what the kernel says of its connection. This program has its own
+// getsockopt(2) where the product asks for TCP_INFO, and its own connect(2), which takes its time:
+// on a loopback interface nothing else would.
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "tests/support/ScriptedServer.h"
+#include "tests/unit/common/http_probe_fixture.h"
+#include "vpn/Common/IP/HttpProbe.h"
+
+namespace {
+
+using tests::Connection;
+using tests::ScriptedServer;
+
+/// What the kernel of this program says.
+struct KERNEL {
+  std::atomic<unsigned int> minRttUs{0};
+  std::atomic<std::size_t> infoLength{sizeof(tcp_info)};
+  std::atomic<bool> fails{false};
+  std::atomic<unsigned int> asked{0};
+  std::atomic<int> connectTakesMs{0};
+
+  void reset() {
+    minRttUs = 0;
+    infoLength = sizeof(tcp_info);
+    fails = false;
+    asked = 0;
+    connectTakesMs = 0;
+  }
+};
+
+KERNEL& kernel() {
+  static KERNEL& instance = *new KERNEL;
+  return instance;
+}
+
+}  // namespace
+
+extern "C" {
+
+int __real_getsockopt(int socket, int level, int option, void* value, socklen_t* length);
+int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t* length);
+
+int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t* length) {
+  if (level != IPPROTO_TCP || option != TCP_INFO) {
+    return __real_getsockopt(socket, level, option, value, length);
+  }
+  ++kernel().asked;
+  if (kernel().fails) {
+    errno = ENOPROTOOPT;
+    return -1;
+  }
+  tcp_info info{};
+  info.tcpi_min_rtt = kernel().minRttUs;
+  *length = static_cast<socklen_t>(std::min<std::size_t>(*length, kernel().infoLength));
+  std::memcpy(value, &info, *length);
+  return 0;
+}
+
+int connect(int socket, const sockaddr* address, socklen_t length) {
+  using Function = int (*)(int, const sockaddr*, socklen_t);
+  static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "connect"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(kernel().connectTakesMs));
+  return real(socket, address, length);
+}
+
+}  // extern "C"
+
+namespace {
+
+constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+constexpr unsigned int kConnectTakesMs = 60;
+
+void answerAll(Connection& connection) {
+  while (!connection.readHead().empty() && connection.send(kOk)) {
+  }
+}
+
+class HttpProbeKernelTest : public HttpProbeTest {
+ protected:
+  void SetUp() override {
+    HttpProbeTest::SetUp();
+    kernel().reset();
+  }
+  void TearDown() override {
+    kernel().reset();
+    HttpProbeTest::TearDown();
+  }
+};
+
+TEST_F(HttpProbeKernelTest, TheSmallestRoundTripIsRoundedToTheNearestMillisecond) {
+  const ScriptedServer server(answerAll);
+  for (const auto& [microseconds, rtt] :
+       std::initializer_list<std::pair<unsigned int, unsigned int>>{
+           {1, 0}, {499, 0}, {500, 1}, {1499, 1}, {1500, 2}, {77'000, 77}}) {
+    kernel().minRttUs = microseconds;
+    EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+    EXPECT_EQ(results.uiRtt, rtt);
+    EXPECT_EQ(report().networkRttUs, microseconds);
+  }
+}
+
+TEST_F(HttpProbeKernelTest, AKeptConnectionIsAskedAtTheEndOfEachProbe) {
+  const ScriptedServer server(answerAll);
+  const HttpProbe::KeptConnection kept;
+  for (const unsigned int milliseconds : {30U, 20U, 10U}) {
+    kernel().minRttUs = milliseconds * 1000;
+    EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+    EXPECT_EQ(results.uiRtt, milliseconds);
+  }
+  EXPECT_TRUE(report().reused);
+}
+
+TEST_F(HttpProbeKernelTest, AConnectionThatIsClosedIsAskedAsItCloses) {
+  const ScriptedServer server([](Connection& connection) { connection.readHead(); });
+  kernel().minRttUs = 25'000;
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_EQ(results.uiRtt, 25U);
+}
+
+/// A kernel that cannot say.
+struct SILENCE {
+  const char* name;
+  unsigned int minRttUs;
+  std::size_t infoLength;
+  bool fails;
+};
+
+class HttpProbeOfASilentKernel : public HttpProbeKernelTest,
+                                 public testing::WithParamInterface<SILENCE> {
+ protected:
+  void SetUp() override {
+    HttpProbeKernelTest::SetUp();
+    kernel().minRttUs = GetParam().minRttUs;
+    kernel().infoLength = GetParam().infoLength;
+    kernel().fails = GetParam().fails;
+    kernel().connectTakesMs = kConnectTakesMs;
+  }
+};
+
+TEST_P(HttpProbeOfASilentKernel, TakesTheTimeToConnectInstead) {
+  const ScriptedServer server(answerAll);
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_GT(kernel().asked, 0U);
+  EXPECT_EQ(report().networkRttUs, -1);
+  EXPECT_GE(results.uiRtt, kConnectTakesMs);
+  EXPECT_LE(results.uiRtt, (report().connectUs + 500) / 1000);
+}
+
+TEST_P(HttpProbeOfASilentKernel, RemembersTheTimeToConnectOfAKeptConnection) {
+  const ScriptedServer server(answerAll);
+  const HttpProbe::KeptConnection kept;
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  const unsigned int first = results.uiRtt;
+  EXPECT_GE(first, kConnectTakesMs);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+    EXPECT_TRUE(report().reused);
+    EXPECT_EQ(report().networkRttUs, -1);
+    EXPECT_EQ(results.uiRtt, first);
+  }
+}
+
+TEST_P(HttpProbeOfASilentKernel, HasARoundTripForAnAnswerThatIsNoHttpToo) {
+  const ScriptedServer closing([](Connection& connection) { connection.readHead(); });
+  EXPECT_EQ(probe(closing.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_GE(results.uiRtt, kConnectTakesMs);
+  const ScriptedServer alerting([](Connection& connection) {
+    connection.readSome();
+    connection.send(std::string("\x15\x03\x01\x00\x02\x02\x46", 7));
+    connection.waitForPeer();
+  });
+  EXPECT_EQ(probeSecurely(alerting.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_GE(results.uiRtt, kConnectTakesMs);
+  const ScriptedServer resetting([](Connection& connection) { connection.resetAtEnd(); });
+  EXPECT_EQ(probe(resetting.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_GE(results.uiRtt, kConnectTakesMs);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernel, HttpProbeOfASilentKernel,
+                         testing::Values(SILENCE{"WithoutTheField", 7000,
+                                                 offsetof(tcp_info, tcpi_min_rtt), false},
+                                         SILENCE{"WithHalfOfTheField", 7000,
+                                                 offsetof(tcp_info, tcpi_min_rtt) + 2, false},
+                                         SILENCE{"WithoutASample", ~0U, sizeof(tcp_info), false},
+                                         SILENCE{"ThatLeavesItZero", 0, sizeof(tcp_info), false},
+                                         SILENCE{"ThatRefuses", 7000, sizeof(tcp_info), true}),
+                         [](const auto& param) { return param.param.name; });
+
+}  // namespace

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// The heads of the answers to one request, line by line as they arrive: interim ones, a proxy's,
+/// and the final one that the request waits for. Bounded, whatever the peer sends.
+class AnswerHead {
+ public:
+  struct Expectations {
+    /// The next final head is a proxy's, which opens a tunnel or refuses it.
+    bool tunnel = false;
+    /// The transport answers a proxy's challenge by itself.
+    bool logIn = false;
+    /// The body is wanted too, if that leaves the connection ready for another request soon.
+    bool body = false;
+  };
+
+  AnswerHead() = default;
+  explicit AnswerHead(const Expectations& expectations) : m_expects(expectations) {}
+
+  /// Takes a line with its end. False when nothing more is wanted: the peer has sent too much, or
+  /// the head is complete and its body is not worth having.
+  bool Add(std::string_view line);
+
+  /// Takes note of bytes of a body. False when nothing more is wanted.
+  bool AddBody(std::size_t bytes);
+
+  /// A final head is complete: what is missing is at most its body.
+  bool IsComplete() const { return m_complete; }
+  /// Nothing at all has come.
+  bool IsEmpty() const { return m_bytes == 0; }
+  /// The lines of the last head, its status line first; whole lines, of a long head the first ones.
+  std::string TakeLines() { return std::move(m_lines); }
+
+ private:
+  /// What a head says of the body after it and of the connection.
+  struct Body {
+    bool persistent = false;  ///< the connection stays open
+    bool strange = false;     ///< is encoded in a way that is more than it says
+    bool chunked = false;
+    std::optional<std::size_t> length;
+  };
+
+  void beginHead(std::string_view line);
+  void takeField(std::string_view line);
+  bool endOfHead();
+  bool bodyIsWorthHaving() const;
+
+  Expectations m_expects;
+  std::string m_lines;
+  std::size_t m_bytes = 0;
+  std::size_t m_bodyBytes = 0;
+  unsigned int m_lineCount = 0;
+  unsigned int m_answers = 0;
+  bool m_ended = true;
+  bool m_complete = false;
+  /// Of the head under way, from its first line; 0 if that has none.
+  unsigned int m_status = 0;
+  Body m_body;
+};

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+
+#include "vpn/Common/IP/HttpProbe.h"
+
+/// What came of a request, as libcurl, the kernel and the callbacks tell. Times are in microseconds
+/// from the start of the transfer, 0 for what did not happen.
+struct PROBE_OUTCOME {
+  unsigned int code = 0;  ///< libcurl's CURLcode
+  /// The request went out on the connection of an earlier one.
+  bool reused = false;
+  bool clientCertificateAsked = false;
+  long httpStatus = 0;
+  long tunnelStatus = 0;
+  /// The ways to log in that the proxy offers (CURLAUTH_).
+  long offeredLogIns = 0;
+  long osError = 0;
+  long long lookupUs = 0;
+  long long connectUs = 0;
+  long long tlsStartUs = 0;
+  long long tlsUs = 0;
+  long long requestUs = 0;
+  long long firstByteUs = 0;
+  long long totalUs = 0;
+  /// How long the connection, whosever it was, took to open; 0 if there was none.
+  long long connectTookUs = 0;
+  long long networkRttUs = -1;  ///< -1 where the kernel cannot say
+  std::string address;
+  std::string headers;
+  std::string location;
+
+  /// A connection reset before libcurl looked at it counts: something had answered.
+  bool Connected() const;
+  /// The answer's; a proxy's refusal counts, its consent to a tunnel does not.
+  unsigned int HttpStatus() const;
+
+  /// Says what it means. Takes the address out of the outcome, so that nothing is allocated.
+  void Fill(HttpProbe::Report& report, bool proxied, HttpProbe::RoundTripMeasure measure);
+};

@@ -1,0 +1,165 @@
+// What a probe is asked to do, made into something that can be sent. Hosts and proxies are texts of
+// strangers: what is not one of them in full is refused, so that nothing else of a URL comes in
+// with them.
+
+#include "vpn/Common/IP/ProbeRequest.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <string_view>
+#include <vector>
+
+#include "vpn/Common/IP/HttpTransfer.h"
+#include "vpn/Common/IP/SystemProxy.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/Common/Utility/URL.h"
+
+namespace {
+
+// libcurl refuses time-outs above INT_MAX milliseconds.
+constexpr unsigned int kMaxTimeoutSeconds = INT_MAX / 1000;
+
+// The default of the scheme in "http://proxy".
+constexpr std::string_view kDefaultProxyPort = "80";
+
+/// The host as it stands in a URL; empty if it is no host.
+std::string checkedHost(const std::string& host) {
+  const bool bareIPv6 = host.find(':') != std::string::npos && !host.starts_with('[');
+  std::string text = bareIPv6 ? "[" + host + "]" : host;
+  const std::size_t zoneAt = text.find('%');
+  if (zoneAt != std::string::npos && text.compare(zoneAt, 3, "%25") != 0) {
+    text.insert(zoneAt + 1, "25");
+  }
+  const URL url(text);
+  // What has more to it than a host, a port or a path for one, differs from its host fragment.
+  return url.getHostFragment() == text ? text : std::string();
+}
+
+/// "http=http://host:port" as libcurl takes it, "http://host:port"; empty if it is no proxy.
+std::string checkedProxy(const std::string& setting) {
+  constexpr std::string_view kForScheme = "http=";
+  const std::size_t start = setting.starts_with(kForScheme) ? kForScheme.size() : 0;
+  const URL url(setting.substr(start));
+  const bool scheme =
+      url.getProtocol() == URLPROTOCOL_HTTP || url.getProtocol() == URLPROTOCOL_NONE;
+  if (!scheme || url.getHost().empty() ||
+      (!url.getLocation().empty() && url.getLocation() != "/")) {
+    return {};
+  }
+  return "http://" + url.getHostFragment() + ":" +
+         (url.getPort().empty() ? std::string(kDefaultProxyPort) : url.getPort());
+}
+
+/// Who has the say about the system's proxy.
+enum class SETTLED_BY { Environment, System, Nobody };
+
+bool isSet(const char* name) {
+  const char* value = getenv(name);
+  return value != nullptr && *value != '\0';
+}
+
+/// Whether a variable names no proxy but where to ask for one. libcurl cannot; libproxy can.
+bool namesWayToAsk(const char* name) {
+  const char* value = getenv(name);
+  return value != nullptr && (std::string_view(value).starts_with("pac+") ||
+                              std::string_view(value).starts_with("wpad:"));
+}
+
+/// The environment, where it names a proxy that libcurl would take. The exceptions in no_proxy are
+/// libcurl's to find; a host among them is measured as if there were a proxy. An environment that
+/// names proxies, but none for this scheme, means that there is none: libproxy would take the other
+/// scheme's, or HTTP_PROXY, which a web server's client can set (RFC 3875, section 4.1.18).
+SETTLED_BY systemProxySettledBy(bool secure) {
+  for (const char* name : {secure ? "https_proxy" : "http_proxy", secure ? "HTTPS_PROXY" : ""}) {
+    if (isSet(name)) {
+      return namesWayToAsk(name) ? SETTLED_BY::System : SETTLED_BY::Environment;
+    }
+  }
+  if (isSet("all_proxy") || isSet("ALL_PROXY")) {
+    return SETTLED_BY::Environment;
+  }
+  const bool namesOther =
+      isSet("http_proxy") || isSet("HTTP_PROXY") || isSet("https_proxy") || isSet("HTTPS_PROXY");
+  return namesOther ? SETTLED_BY::Nobody : SETTLED_BY::System;
+}
+
+/// Takes the first entry of the system's list that can be used: a proxy that speaks HTTP, or none.
+CURLcode takeFirstUsable(const std::vector<std::string>& entries, std::string& proxy) {
+  constexpr std::string_view kHttp = "http://";
+  for (const std::string& entry : entries) {
+    if (entry == "direct://") {
+      return CURLE_OK;
+    }
+    if (entry.starts_with(kHttp)) {
+      proxy = checkedProxy(entry);
+      if (!proxy.empty()) {
+        return CURLE_OK;
+      }
+    }
+  }
+  return CURLE_COULDNT_RESOLVE_PROXY;
+}
+
+std::string withoutControlCharacters(std::string text) {
+  std::erase_if(text, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; });
+  return text;
+}
+
+}  // namespace
+
+bool PROBE_REQUEST::Spend(std::chrono::microseconds time) {
+  timeSpent += time;
+  timeLeft -= std::chrono::ceil<std::chrono::milliseconds>(time);
+  return timeLeft.count() > 0;
+}
+
+unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA& proxyData) {
+  if (!HttpTransfer::Initialise(secure)) {
+    return CURLE_FAILED_INIT;
+  }
+  host = checkedHost(toHost);
+  if (host.empty()) {
+    return CURLE_URL_MALFORMAT;
+  }
+  if (port == 0) {
+    return CURLE_COULDNT_CONNECT;
+  }
+  userAgent = withoutControlCharacters(userAgent);
+  credentials = &proxyData;
+  timeLeft = std::chrono::seconds(std::clamp(timeoutSeconds, 1U, kMaxTimeoutSeconds));
+  if (proxyData.determineProxy) {
+    return DetermineProxy();
+  }
+  if (!proxyData.proxyServer.empty()) {
+    proxy = checkedProxy(proxyData.proxyServer);
+    if (proxy.empty()) {
+      return CURLE_COULDNT_RESOLVE_PROXY;
+    }
+  }
+  return CURLE_OK;
+}
+
+unsigned int PROBE_REQUEST::DetermineProxy() {
+  const SETTLED_BY settledBy = systemProxySettledBy(secure);
+  environmentProxy = settledBy == SETTLED_BY::Environment;
+  return settledBy == SETTLED_BY::System ? AskSystem() : unsigned{CURLE_OK};
+}
+
+unsigned int PROBE_REQUEST::AskSystem() {
+  const auto start = MonotonicClock::now();
+  const std::string url =
+      (secure ? "https://" : "http://") + host + ":" + std::to_string(port) + "/";
+  std::vector<std::string> entries;
+  const SystemProxy::Outcome outcome = SystemProxy::Find(url, timeLeft, entries);
+  const bool inTime =
+      Spend(std::chrono::ceil<std::chrono::microseconds>(MonotonicClock::now() - start));
+  if (outcome == SystemProxy::Outcome::Late || !inTime) {
+    return CURLE_OPERATION_TIMEDOUT;
+  }
+  heedsExceptions = true;
+  return outcome == SystemProxy::Outcome::Found ? takeFirstUsable(entries, proxy)
+                                                : CURLE_COULDNT_RESOLVE_PROXY;
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "vpn/include/HttpSession.h"
+
+/// What is sent, and to whom.
+struct PROBE_TARGET {
+  /// As it stands in a URL.
+  std::string host;
+  bool secure = false;
+  unsigned short port = 0;
+  std::string userAgent;
+
+  bool operator==(const PROBE_TARGET&) const = default;
+};
+
+/// One probe as it is to be sent, checked.
+struct PROBE_REQUEST : PROBE_TARGET {
+  unsigned int timeoutSeconds = 0;
+  /// What is left of the time-out when the request is sent, and what was spent before.
+  std::chrono::milliseconds timeLeft{};
+  std::chrono::microseconds timeSpent{};
+  /// "http://host:port"; empty for none, or for the environment's when `environmentProxy` is set.
+  std::string proxy;
+  bool environmentProxy = false;
+  /// The environment's exceptions (no_proxy) hold for `proxy`, which the system's settings named.
+  bool heedsExceptions = false;
+  /// Log in with a Kerberos ticket, should the proxy take one.
+  bool mayUseTicket = true;
+  /// The caller's, which outlives the request: no copy of the credentials is made here.
+  const PROXY_DATA* credentials = nullptr;
+
+  bool Proxied() const { return environmentProxy || !proxy.empty(); }
+  /// Whether it goes straight to the server and carries no secret.
+  bool IsDirect() const {
+    return !Proxied() && credentials->proxyUser.empty() && credentials->proxyPswd.empty();
+  }
+
+  /// Notes that time has passed. False if none is left.
+  bool Spend(std::chrono::microseconds time);
+
+  /// Checks and completes a request whose port, security, user agent and time-out are set, and
+  /// finds its proxy.
+  /// @return 0, or what cannot be sent, by the number that libcurl has for it.
+  unsigned int Prepare(const std::string& toHost, const PROXY_DATA& proxyData);
+
+ private:
+  unsigned int DetermineProxy();
+  unsigned int AskSystem();
+};

@@ -1,0 +1,110 @@
+// The settings that probes share. Probes run on threads that nobody waits for, so the settings are
+// never freed; a probe takes what it needs once, so that a change concerns later probes alone.
+
+#include "vpn/Common/IP/ProbeSettings.h"
+
+#include <curl/curl.h>
+#include <dirent.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/x509_vfy.h>
+
+#include <atomic>
+#include <string_view>
+
+#include "vpn/include/Locks.h"
+
+namespace {
+
+struct SETTINGS {
+  /// Nor may OpenSSL's own state go while the process exits: a probe may be in a handshake then.
+  /// Who is first to use OpenSSL in a process decides, so this comes before everything else here.
+  SETTINGS() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
+
+  CManualLock lock;
+  std::shared_ptr<HttpProbe::Watcher> watcher AHS_GUARDED_BY(lock);
+  /// Null until the first secure probe needs it.
+  ProbeSettings::Trust trust AHS_GUARDED_BY(lock);
+  /// On its own: a probe reads it once and nothing else depends on it.
+  std::atomic<HttpProbe::RoundTripMeasure> measure{HttpProbe::RoundTripMeasure::Network};
+};
+
+SETTINGS& settings() {
+  static SETTINGS& instance = *new SETTINGS;
+  return instance;
+}
+
+/// Whether OpenSSL can look certificates up in a directory, by links named for their hash. The
+/// iterators of the standard library end the process when they get no memory for a name.
+bool isCertificateDirectory(const char* path) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(path != nullptr ? opendir(path) : nullptr,
+                                                      closedir);
+  if (!directory) {
+    return false;
+  }
+  while (const dirent* entry = readdir(directory.get())) {
+    if (std::string_view(static_cast<const char*>(entry->d_name)).ends_with(".0")) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// What libcurl trusts by default, and `extraFile`. One store serves all probes. The system's
+/// directory is preferred to its one large file, which takes longer to read than many a probe: what
+/// is looked up in a directory is read when it is needed.
+ProbeSettings::Trust makeTrust(const std::string& extraFile) {
+  ProbeSettings::Trust store(X509_STORE_new(), X509_STORE_free);
+  if (!store) {
+    return store;
+  }
+  const curl_version_info_data* version = curl_version_info(CURLVERSION_NOW);
+  if (isCertificateDirectory(version->capath)) {
+    X509_STORE_load_path(store.get(), version->capath);
+  } else if (version->cainfo != nullptr) {
+    X509_STORE_load_file(store.get(), version->cainfo);
+  }
+  if (!extraFile.empty()) {
+    X509_STORE_load_file(store.get(), extraFile.c_str());
+  }
+  // As libcurl does: an intermediate certificate that is trusted may end a chain.
+  X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
+  ERR_clear_error();
+  return store;
+}
+
+}  // namespace
+
+std::shared_ptr<HttpProbe::Watcher> ProbeSettings::Watcher() {
+  SETTINGS& process = settings();
+  CAutoLockT<CManualLock> guard(process.lock);
+  return process.watcher;
+}
+
+void ProbeSettings::SetWatcher(std::shared_ptr<HttpProbe::Watcher> watcher) {
+  SETTINGS& process = settings();
+  CAutoLockT<CManualLock> guard(process.lock);
+  process.watcher.swap(watcher);
+}
+
+HttpProbe::RoundTripMeasure ProbeSettings::Measure() { return settings().measure; }
+
+void ProbeSettings::SetMeasure(HttpProbe::RoundTripMeasure measure) {
+  settings().measure = measure;
+}
+
+ProbeSettings::Trust ProbeSettings::TrustedCertificates() {
+  SETTINGS& process = settings();
+  CAutoLockT<CManualLock> guard(process.lock);
+  if (!process.trust) {
+    process.trust = makeTrust({});
+  }
+  return process.trust;
+}
+
+void ProbeSettings::SetTrustFile(const std::string& path) {
+  SETTINGS& process = settings();  // first: it prepares OpenSSL
+  Trust store = makeTrust(path);
+  CAutoLockT<CManualLock> guard(process.lock);
+  process.trust.swap(store);
+}

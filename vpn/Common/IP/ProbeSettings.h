@@ -1,0 +1,27 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "vpn/Common/IP/HttpProbe.h"
+
+struct x509_store_st;
+
+/// What holds for all probes of the process that start from now on. May be called from any thread.
+class ProbeSettings {
+ public:
+  using Trust = std::shared_ptr<x509_store_st>;
+
+  ProbeSettings() = delete;
+
+  static std::shared_ptr<HttpProbe::Watcher> Watcher();
+  static void SetWatcher(std::shared_ptr<HttpProbe::Watcher> watcher);
+
+  static HttpProbe::RoundTripMeasure Measure();
+  static void SetMeasure(HttpProbe::RoundTripMeasure measure);
+
+  /// The certificates that are trusted, the same object until `SetTrustFile`; null if there is no
+  /// memory for them. The first call reads the system's.
+  static Trust TrustedCertificates();
+  static void SetTrustFile(const std::string& path);
+};

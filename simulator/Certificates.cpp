@@ -84,18 +84,29 @@ void CertificateAuthority::Write(const std::string& path) const {
 }
 
 OpenSslPtr<X509> CertificateAuthority::Issue(const IpAddress& address,
-                                             const std::vector<std::string>& names) const {
+                                             const std::vector<std::string>& names,
+                                             CertificateFlaw flaw) const {
   auto certificate =
       MakeCertificate(names.empty() ? address.Text() : names.front(), m_serverKey.get());
   std::string alternatives = "IP:" + address.Text();
   for (const std::string& name : names) alternatives += ",DNS:" + name;
+  if (flaw == CertificateFlaw::OtherHost) alternatives = "DNS:elsewhere.invalid";
+  if (flaw == CertificateFlaw::Expired) {
+    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), kValidFrom / 2);
+  } else if (flaw == CertificateFlaw::NotYetValid) {
+    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), kValidUntil / 2);
+  }
 
-  X509_set_issuer_name(certificate.get(), X509_get_subject_name(m_certificate.get()));
-  AddExtension(certificate.get(), m_certificate.get(), NID_basic_constraints, "critical,CA:FALSE");
-  AddExtension(certificate.get(), m_certificate.get(), NID_ext_key_usage, "serverAuth");
-  AddExtension(certificate.get(), m_certificate.get(), NID_subject_alt_name, alternatives);
-  AddExtension(certificate.get(), m_certificate.get(), NID_authority_key_identifier, "keyid");
-  if (X509_sign(certificate.get(), m_key.get(), EVP_sha256()) == 0) Fail("X509_sign");
+  const bool selfSigned = flaw == CertificateFlaw::SelfSigned;
+  X509* const issuer = selfSigned ? certificate.get() : m_certificate.get();
+  X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer));
+  AddExtension(certificate.get(), issuer, NID_basic_constraints, "critical,CA:FALSE");
+  AddExtension(certificate.get(), issuer, NID_ext_key_usage, "serverAuth");
+  AddExtension(certificate.get(), issuer, NID_subject_alt_name, alternatives);
+  // A certificate of its own has no key to point at but the one it is for.
+  if (!selfSigned) AddExtension(certificate.get(), issuer, NID_authority_key_identifier, "keyid");
+  EVP_PKEY* const key = selfSigned ? m_serverKey.get() : m_key.get();
+  if (X509_sign(certificate.get(), key, EVP_sha256()) == 0) Fail("X509_sign");
   return certificate;
 }
 

@@ -22,6 +22,9 @@ struct OpenSslDeleter {
 template <typename T>
 using OpenSslPtr = std::unique_ptr<T, OpenSslDeleter>;
 
+/// What is wrong with a server's certificate.
+enum class CertificateFlaw { None, Expired, NotYetValid, SelfSigned, OtherHost };
+
 /// A certificate authority that lives as long as the process: its key is in memory alone, so that
 /// whoever trusts its certificate trusts this one run.
 class CertificateAuthority {
@@ -32,9 +35,10 @@ class CertificateAuthority {
   /// Writes the authority's certificate (PEM). @throws std::runtime_error.
   void Write(const std::string& path) const;
 
-  /// Makes a server's certificate for an address and its names, valid from yesterday for a month,
-  /// for the key `ServerKey`. @throws std::runtime_error.
-  OpenSslPtr<X509> Issue(const IpAddress& address, const std::vector<std::string>& names) const;
+  /// Makes a server's certificate for an address and its names, valid from yesterday for a month
+  /// but for its flaw, for the key `ServerKey`. @throws std::runtime_error.
+  OpenSslPtr<X509> Issue(const IpAddress& address, const std::vector<std::string>& names,
+                         CertificateFlaw flaw) const;
 
   /// The key of all servers: to make one each would only cost time.
   EVP_PKEY* ServerKey() const { return m_serverKey.get(); }

@@ -29,19 +29,35 @@ constexpr std::size_t kMostConnections = 50'000;
 constexpr auto kLongestIdle = std::chrono::seconds(90);
 /// The kernel cuts it to its own limit (net.core.somaxconn).
 constexpr int kBacklog = 65'535;
+/// Each connection's turn ends after so many pieces of an answer, for one that takes in what it is
+/// sent as fast as it comes must not keep the others waiting.
+constexpr std::size_t kMostPiecesAtOnce = 16;
+constexpr auto kPauseBetweenTurns = std::chrono::microseconds(100);
 /// First byte of a TLS handshake record.
 constexpr unsigned char kTlsHandshake = 0x16;
 
 /// Keys of epoll: listeners by index, then these, then connections.
 constexpr std::uint64_t kStopKey = 1'000'000'000;
 constexpr std::uint64_t kAlarmKey = kStopKey + 1;
-constexpr std::uint64_t kFirstConnectionKey = kStopKey + 2;
+constexpr std::uint64_t kServeTooKey = kStopKey + 2;
+constexpr std::uint64_t kFirstConnectionKey = kStopKey + 3;
 
 [[noreturn]] void Fail(const std::string& operation) {
   throw std::system_error(errno, std::generic_category(), operation);
 }
 
 enum class Io { Done, WouldBlock, Ended };
+
+void SetManner(SSL* tls, const TlsManner& manner) {
+  // Versions below 1.2 need signatures that OpenSSL otherwise refuses to make.
+  const bool isOld = manner.newestVersion != 0 && manner.newestVersion < TLS1_2_VERSION;
+  if (isOld) SSL_set_security_level(tls, 0);
+  SSL_set_min_proto_version(tls, isOld ? TLS1_VERSION : manner.oldestVersion);
+  SSL_set_max_proto_version(tls, manner.newestVersion);
+  if (manner.demandsClientCertificate) {
+    SSL_set_verify(tls, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+  }
+}
 
 }  // namespace
 
@@ -52,7 +68,7 @@ class Connection {
              std::function<OpenSslPtr<SSL>(int)> makeTls)
       : m_socket(std::move(socket)),
         m_gateway(gateway),
-        m_behaviour(behaviour),
+        m_behaviour(&behaviour),
         m_makeTls(std::move(makeTls)),
         m_idleUntil(Clock::now() + kLongestIdle) {}
 
@@ -80,7 +96,7 @@ class Connection {
 
   FileDescriptor m_socket;
   const Gateway& m_gateway;
-  const Behaviour& m_behaviour;
+  const Behaviour* m_behaviour;
   std::function<OpenSslPtr<SSL>(int)> m_makeTls;
   Clock::time_point m_idleUntil;
   Phase m_phase = Phase::Unspoken;
@@ -99,8 +115,9 @@ bool Connection::Advance(Clock::time_point now) {
   if (!Read()) return false;
   // A handshake takes its time, which is not part of the gateway's delay.
   now = Clock::now();
-  // Ends: every turn answers a request, and there is no more input than was read.
-  while (BeginIfAsked(now)) {
+  // Ends: every turn answers a request or sends a piece of an answer, whose number is limited, and
+  // there is no more input than was read.
+  for (std::size_t piece = 1; BeginIfAsked(now); ++piece) {
     if (m_due && now < *m_due) return true;
     m_due.reset();
     switch (WriteSome()) {
@@ -113,6 +130,8 @@ bool Connection::Advance(Clock::time_point now) {
     }
     m_idleUntil = now + kLongestIdle;
     if (!NextPiece(now) && !EndAnswer()) return false;
+    if (piece % kMostPiecesAtOnce == 0 && m_request)
+      m_due = std::max(*m_due, now) + kPauseBetweenTurns;
   }
   return true;
 }
@@ -124,7 +143,7 @@ bool Connection::Read() {
     if (count < 0) return errno == EAGAIN || errno == EINTR;
     if (count == 0) return false;
     m_phase = Phase::Plain;
-    if (first == kTlsHandshake && m_behaviour.acts == Behaviour::Acts::OnRequest) {
+    if (first == kTlsHandshake && m_behaviour->acts == Behaviour::Acts::OnRequest) {
       m_phase = Phase::Tls;
       m_tls = m_makeTls(m_socket.Get());
       if (!m_tls) return false;
@@ -145,18 +164,18 @@ bool Connection::Read() {
     m_input.append(buffer.data(), count);
   }
   // A gateway that never acts lets its peer talk until the kernel's buffers are full.
-  return m_behaviour.acts == Behaviour::Acts::Never;
+  return m_behaviour->acts == Behaviour::Acts::Never;
 }
 
 /// @return whether an answer is under way.
 bool Connection::BeginIfAsked(Clock::time_point now) {
   if (m_request) return true;
-  if (m_behaviour.acts == Behaviour::Acts::Never) return false;
+  if (m_behaviour->acts == Behaviour::Acts::Never) return false;
   Request request;
-  if (m_behaviour.acts == Behaviour::Acts::OnFirstBytes) {
+  if (m_behaviour->acts == Behaviour::Acts::OnFirstBytes) {
     if (m_input.empty()) return false;
     m_input.clear();
-  } else {
+  } else if (m_behaviour->acts == Behaviour::Acts::OnRequest) {
     constexpr std::string_view kHeadEnd = "\r\n\r\n";
     const std::size_t end = m_input.find(kHeadEnd);
     if (end == std::string::npos) return false;
@@ -173,8 +192,8 @@ bool Connection::BeginIfAsked(Clock::time_point now) {
 
 /// @return whether there is one.
 bool Connection::NextPiece(Clock::time_point now) {
-  if (m_behaviour.answer == nullptr) return false;
-  auto piece = m_behaviour.answer(*m_request, m_nextPiece);
+  if (m_behaviour->answer == nullptr) return false;
+  auto piece = m_behaviour->answer(*m_request, m_nextPiece);
   if (!piece) return false;
   ++m_nextPiece;
   m_output = std::move(piece->bytes);
@@ -184,11 +203,16 @@ bool Connection::NextPiece(Clock::time_point now) {
 
 /// @return whether the connection goes on.
 bool Connection::EndAnswer() {
-  const bool ends =
-      m_behaviour.afterwards != Behaviour::Afterwards::AsHttpSays || EndsConnection(*m_request);
+  using Afterwards = Behaviour::Afterwards;
+  const bool goesOn =
+      m_behaviour->afterwards == Afterwards::Keep ||
+      (m_behaviour->afterwards == Afterwards::AsHttpSays && !EndsConnection(*m_request));
   m_request.reset();
-  if (!ends) return true;
-  if (m_behaviour.afterwards == Behaviour::Afterwards::Reset) {
+  if (goesOn) {
+    if (!m_behaviour->later.empty()) m_behaviour = FindBehaviour(m_behaviour->later);
+    return true;
+  }
+  if (m_behaviour->afterwards == Afterwards::Reset) {
     const linger atOnce{1, 0};
     setsockopt(m_socket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
   } else if (m_tls) {
@@ -247,7 +271,7 @@ GatewayServer::GatewayServer(const Scene& scene, const CertificateAuthority& aut
   for (std::size_t i = 0; i < m_gateways.size(); ++i) {
     const Behaviour* behaviour = FindBehaviour(m_gateways[i].behaviour);
     if (behaviour == nullptr) throw SceneError("no behaviour '" + m_gateways[i].behaviour + "'");
-    if (behaviour->listens) Listen(i, *behaviour);
+    Listen(i, *behaviour);
   }
   for (std::size_t i = 0; i < m_listeners.size(); ++i)
     Watch(m_listeners[i].socket.Get(), i, EPOLLIN);
@@ -280,14 +304,36 @@ void GatewayServer::Listen(std::size_t gateway, const Behaviour& behaviour) {
 
   sockaddr_storage name;
   socklen_t length = address.ToSocketAddress(m_gateways[gateway].port, name);
+  const bool isClosed = behaviour.door == Behaviour::Door::Closed;
+  const bool isBlocked = behaviour.door == Behaviour::Door::Blocked;
   if (bind(socket.Get(), reinterpret_cast<sockaddr*>(&name), length) != 0 ||
-      listen(socket.Get(), kBacklog) != 0 ||
+      (!isClosed && listen(socket.Get(), isBlocked ? 0 : kBacklog) != 0) ||
       getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&name), &length) != 0) {
     Fail(where);
   }
   // The port is at the same place in both kinds of address.
   m_gateways[gateway].port = ntohs(reinterpret_cast<const sockaddr_in*>(&name)->sin_port);
-  m_listeners.push_back({std::move(socket), gateway, &behaviour, nullptr});
+  if (isBlocked) Block(m_gateways[gateway]);
+  if (isClosed || isBlocked) {
+    m_placeholders.push_back(std::move(socket));
+  } else {
+    m_listeners.push_back({std::move(socket), gateway, &behaviour, nullptr});
+  }
+}
+
+/// Fills the queue of a listener, which nobody empties: the kernel drops what comes then.
+void GatewayServer::Block(const Gateway& gateway) {
+  constexpr int kMoreThanTheQueueHolds = 4;
+  sockaddr_storage name;
+  const socklen_t length = gateway.address.ToSocketAddress(gateway.port, name);
+  for (int i = 0; i < kMoreThanTheQueueHolds; ++i) {
+    FileDescriptor filler(::socket(name.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (connect(filler.Get(), reinterpret_cast<sockaddr*>(&name), length) != 0 &&
+        errno != EINPROGRESS) {
+      Fail(gateway.address.Text());
+    }
+    m_placeholders.push_back(std::move(filler));
+  }
 }
 
 void GatewayServer::Watch(int fd, std::uint64_t key, std::uint32_t events) {
@@ -295,6 +341,11 @@ void GatewayServer::Watch(int fd, std::uint64_t key, std::uint32_t events) {
   event.events = events;
   event.data.u64 = key;
   if (epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, fd, &event) != 0) Fail("epoll_ctl");
+}
+
+void GatewayServer::ServeToo(int fd, std::function<void()> serve) {
+  m_serveToo = std::move(serve);
+  Watch(fd, kServeTooKey, EPOLLIN);
 }
 
 void GatewayServer::Run(int stopFd) {
@@ -310,6 +361,8 @@ void GatewayServer::Run(int stopFd) {
       if (key == kStopKey) return;
       if (key == kAlarmKey) {
         m_alarm.Acknowledge();
+      } else if (key == kServeTooKey) {
+        m_serveToo();
       } else if (key < kStopKey) {
         Accept(m_listeners[key]);
       } else {
@@ -378,7 +431,7 @@ OpenSslPtr<SSL> GatewayServer::MakeTls(int fd, Listener& listener) {
     std::vector<std::string> names;
     const auto [begin, end] = m_namesOfAddress.equal_range(address.Text());
     for (auto name = begin; name != end; ++name) names.push_back(name->second);
-    listener.certificate = m_authority.Issue(address, names);
+    listener.certificate = m_authority.Issue(address, names, listener.behaviour->tls.flaw);
   }
   OpenSslPtr<SSL> tls(SSL_new(m_context.get()));
   if (!tls || SSL_set_fd(tls.get(), fd) != 1 ||
@@ -386,6 +439,7 @@ OpenSslPtr<SSL> GatewayServer::MakeTls(int fd, Listener& listener) {
       SSL_use_PrivateKey(tls.get(), m_authority.ServerKey()) != 1) {
     return nullptr;
   }
+  SetManner(tls.get(), listener.behaviour->tls);
   SSL_set_accept_state(tls.get());
   return tls;
 }

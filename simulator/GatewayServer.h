@@ -22,7 +22,7 @@ class Connection;
 /// are no burden. Not for several threads.
 class GatewayServer {
  public:
-  /// Listens on every gateway's address and port that its behaviour wants listened on.
+  /// Takes every gateway's address and port, and listens where its behaviour wants it.
   /// @throws SceneError for an unknown behaviour, std::system_error for an address that cannot be
   /// had.
   GatewayServer(const Scene& scene, const CertificateAuthority& authority);
@@ -30,8 +30,11 @@ class GatewayServer {
   GatewayServer(const GatewayServer&) = delete;
   GatewayServer& operator=(const GatewayServer&) = delete;
 
-  /// The gateways as they listen, ports filled in; those that do not listen are among them.
+  /// The gateways with their ports filled in; those that do not listen are among them.
   const std::vector<Gateway>& Gateways() const { return m_gateways; }
+
+  /// Has `Run` call a function whenever a file is readable. There is one such file.
+  void ServeToo(int fd, std::function<void()> serve);
 
   /// Serves until `stopFd` is readable.
   void Run(int stopFd);
@@ -53,6 +56,7 @@ class GatewayServer {
 
   void MakeContext();
   void Listen(std::size_t gateway, const Behaviour& behaviour);
+  void Block(const Gateway& gateway);
   void Watch(int fd, std::uint64_t key, std::uint32_t events);
   void Accept(Listener& listener);
   void Advance(std::uint64_t key);
@@ -65,8 +69,11 @@ class GatewayServer {
   OpenSslPtr<SSL_CTX> m_context;
   std::vector<Gateway> m_gateways;
   FileDescriptor m_epoll;
+  std::function<void()> m_serveToo;
   Alarm m_alarm;
   std::vector<Listener> m_listeners;
+  /// What is open for the sake of the ports alone: of gateways that refuse, and of blocked ones.
+  std::vector<FileDescriptor> m_placeholders;
   std::uint64_t m_nextKey = 0;
   std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> m_connections;
   std::priority_queue<Appointment, std::vector<Appointment>, std::greater<>> m_appointments;

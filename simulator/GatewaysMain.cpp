@@ -8,8 +8,10 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <optional>
 
 #include "simulator/GatewayServer.h"
+#include "simulator/NameServer.h"
 #include "simulator/Processes.h"
 
 namespace {
@@ -83,6 +85,11 @@ int main(int argc, char** argv) {
     const CertificateAuthority authority;
     if (!authorityFile.empty()) authority.Write(authorityFile);
     GatewayServer server(scene, authority);
+    std::optional<NameServer> names;
+    if (scene.resolver && !scene.answers.empty()) {
+      names.emplace(scene);
+      server.ServeToo(names->Fd(), [&names] { names->Answer(); });
+    }
     Announce(server);
     server.Run(stop.Get());
     return 0;

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstring>
 #include <fstream>
@@ -125,6 +126,30 @@ Gateway ParseGateway(const Words& words) {
   return gateway;
 }
 
+NameAnswer ParseAnswer(const Words& words) {
+  using Manner = NameAnswer::Manner;
+  static const std::map<std::string_view, Manner> kManners = {{"failure", Manner::Failure},
+                                                              {"silence", Manner::Silence},
+                                                              {"loop", Manner::Loop},
+                                                              {"odd-name", Manner::OddName},
+                                                              {"garbage", Manner::Garbage}};
+  NameAnswer answer;
+  std::size_t first = 2;
+  if (const auto manner = kManners.find(words[first]); manner != kManners.end()) {
+    answer.manner = manner->second;
+    ++first;
+  }
+  for (std::size_t i = first; i < words.size(); ++i) {
+    answer.addresses.push_back(ParseAddress(words[i]));
+  }
+  return answer;
+}
+
+std::string InLowerCase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
 }  // namespace
 
 std::optional<IpAddress> IpAddress::Parse(std::string_view text) {
@@ -205,8 +230,13 @@ void Scene::AddLine(std::string_view line) {
   } else if (kind == "resolver") {
     expectWords(2, 2, "expected: resolver ADDRESS");
     resolver = ParseAddress(words[1]);
+  } else if (kind == "answer") {
+    constexpr std::size_t kMostAddresses = 1000;
+    expectWords(3, 3 + kMostAddresses,
+                "expected: answer NAME [failure|silence|loop|odd-name|garbage] [ADDRESS...]");
+    answers[InLowerCase(ParseName(words[1]))] = ParseAnswer(words);
   } else {
-    Refuse(kind, "expected path, gateway, name or resolver");
+    Refuse(kind, "expected path, gateway, name, resolver or answer");
   }
 }
 

@@ -70,6 +70,23 @@ struct HostName {
   IpAddress address;
 };
 
+/// What the scene's name server says when it is asked for a name.
+struct NameAnswer {
+  enum class Manner {
+    Addresses,
+    Failure,
+    Silence,
+    /// The name is another name for one that is another name for it.
+    Loop,
+    /// The addresses, of a name of control characters that this is another name for.
+    OddName,
+    /// Something that cannot be read.
+    Garbage,
+  };
+  Manner manner = Manner::Addresses;
+  std::vector<IpAddress> addresses;
+};
+
 /// A line or file that cannot be understood; `what` says where and what was expected.
 class SceneError : public std::runtime_error {
  public:
@@ -82,6 +99,7 @@ class SceneError : public std::runtime_error {
 ///     gateway ADDRESS:PORT [delay=MS] [behaviour=NAME]
 ///     name NAME ADDRESS
 ///     resolver ADDRESS
+///     answer NAME [failure|silence|loop|odd-name|garbage] [ADDRESS...]
 ///
 /// Milliseconds and per cent may have decimals. An IPv6 address before a port stands in brackets.
 /// Gateways and network read the same file and each takes what concerns it.
@@ -93,6 +111,8 @@ struct Scene {
   std::vector<HostName> names;
   /// The DNS server that programs in the network ask; none: only `names` are known.
   std::optional<IpAddress> resolver;
+  /// What it says; with any, `ahs-gateways` plays it, and it knows no other name.
+  std::map<std::string, NameAnswer> answers;
 
   /// Adds one line, its words separated by blanks or commas. An empty one adds nothing.
   /// @throws SceneError.

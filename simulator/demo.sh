@@ -11,6 +11,9 @@
 
 set -euo pipefail
 
+# What a selection reads and keeps must not be for a group to write.
+umask 022
+
 # Name, round-trip time in ms, last part of its address. Brussels is within 20 % of Amsterdam, the
 # improvement that makes a client leave the gateway it had; Sydney is far from it.
 readonly gateways=(
@@ -85,10 +88,11 @@ XML
 
 # run OPTION...: a selection, shown and kept.
 run() {
-  # What a proxy is set to on this machine has no say here.
+  # What a proxy is set to on this machine has no say here. In a network of its own the machine's root is
+  # nobody, and what belongs to nobody is not trusted.
   env -u http_proxy -u https_proxy -u all_proxy -u HTTP_PROXY -u HTTPS_PROXY -u ALL_PROXY \
     RES_OPTIONS='timeout:1 attempts:1' \
-    "$build/bin/ahs" select --profiles "$scratch/profiles" \
+    "$build/bin/ahs" select --trust-profiles --profiles "$scratch/profiles" \
     --preferences "$scratch/preferences.xml" --cache-dir "$scratch/cache" "$@" |
     tee "$scratch/output" || fail "'ahs select' ended with status ${PIPESTATUS[0]}"
 }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "tests/support/LoopbackSockets.h"
+#include "tests/support/ProviderWithoutProxy.h"
 #include "tests/support/RealServers.h"
 #include "tests/support/SelectionRecorder.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -79,16 +80,6 @@ std::string pingTimeoutForUnknownNames() {
   const bool quick = std::chrono::steady_clock::now() - start < std::chrono::milliseconds(300);
   return quick ? "1000" : "4000";
 }
-
-/// A proxy provider that knows neither a proxy nor a user: all that is left of it is that the
-/// workers' probes are sent over TLS.
-class ProviderWithoutProxy : public ProxyIfc {
- public:
-  UnprotectedCredential getProxyUser() override { return UnprotectedCredential(); }
-  UnprotectedCredential getProxyPswd() override { return UnprotectedCredential(); }
-  std::string getProxyHost() override { return ""; }
-  ProxyType getProxyType() override { return BasicProxy; }
-};
 
 // ---- What the log must say --------------------------------------------------------------------
 

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -229,7 +230,8 @@ TEST_P(WrongLine, IsRefused) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Scene, WrongLine,
-                         testing::Values("road 10.77.0.1", "path", "path 10.77.0",
+                         testing::Values("answer a", "answer a x", "answer a loop x",
+                                         "road 10.77.0.1", "path", "path 10.77.0",
                                          "path 10.77.0.1 rtt",
                                          "path default rtt=", "path default rtt=-1",
                                          "path default rtt=nan", "path default rtt=60001",
@@ -238,6 +240,18 @@ INSTANTIATE_TEST_SUITE_P(Scene, WrongLine,
                                          "gateway 10.77.0.1:", "gateway 10.77.0.1:65536",
                                          "gateway fd77::1:443", "gateway 10.77.0.1:443 delay=x",
                                          "name a", "name a b", "name a;b 10.77.0.1", "resolver x"));
+
+TEST(Scene, ANameServersAnswerHasAMannerOrAddressesOrBoth) {
+  Scene scene;
+  scene.AddLine("answer A.example 10.77.0.1 fd77::1");
+  scene.AddLine("answer b.example silence");
+  scene.AddLine("answer c.example odd-name 10.77.0.1");
+  EXPECT_EQ(scene.answers.at("a.example").manner, NameAnswer::Manner::Addresses);
+  EXPECT_EQ(scene.answers.at("a.example").addresses.size(), 2U);
+  EXPECT_EQ(scene.answers.at("b.example").manner, NameAnswer::Manner::Silence);
+  EXPECT_EQ(scene.answers.at("c.example").manner, NameAnswer::Manner::OddName);
+  EXPECT_EQ(scene.answers.at("c.example").addresses.size(), 1U);
+}
 
 TEST(Scene, AWrongLineOfAFileIsReportedWithFileAndLine) {
   const std::string file = testing::TempDir() + "wrong-scene";
@@ -398,10 +412,41 @@ TEST_F(Gateways, ASilentOneSaysNothing) {
 }
 
 TEST_F(Gateways, OneThatRefusesDoesNotListen) {
-  // Port 0 stays 0 where nobody listens; port 1 has no server either.
-  Play("behaviour=refuse");
-  EXPECT_EQ(Get("http://127.0.77.1:1/").result, CURLE_COULDNT_CONNECT);
+  EXPECT_EQ(Get("http://" + Play("behaviour=refuse") + "/").result, CURLE_COULDNT_CONNECT);
 }
+
+TEST_F(Gateways, OneThatDropsNeitherTakesConnectionsNorRefusesThem) {
+  EXPECT_EQ(Get("http://" + Play("behaviour=drop") + "/").result, CURLE_OPERATION_TIMEDOUT);
+}
+
+class Bombs : public Gateways, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Bombs, ExpandWithoutEnd) {
+  constexpr std::size_t kFarBeyondWhatIsSent = 256UL * 1024 * 1024;
+  const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
+  const std::string url = "http://" + Play(std::string("behaviour=") + GetParam()) + "/";
+  curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl.get(), CURLOPT_PROXY, "");
+  curl_easy_setopt(curl.get(), CURLOPT_ACCEPT_ENCODING, "");
+  std::size_t expanded = 0;
+  const auto add = +[](char*, std::size_t size, std::size_t count, void* sum) {
+    auto& bytes = *static_cast<std::size_t*>(sum);
+    bytes += size * count;
+    return bytes < kFarBeyondWhatIsSent ? size * count : 0;
+  };
+  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, add);
+  curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &expanded);
+  EXPECT_EQ(curl_easy_perform(curl.get()), CURLE_WRITE_ERROR);
+  curl_off_t received = 0;
+  curl_easy_getinfo(curl.get(), CURLINFO_SIZE_DOWNLOAD_T, &received);
+  EXPECT_GE(expanded, kFarBeyondWhatIsSent);
+  EXPECT_LT(static_cast<std::size_t>(received), expanded / 100);
+}
+
+INSTANTIATE_TEST_SUITE_P(That, Bombs, testing::Values("bomb-gzip", "bomb-deflate", "bomb-br"),
+                         [](const auto& param) {
+                           return std::string(param.param).substr(std::strlen("bomb-"));
+                         });
 
 TEST_F(Gateways, OneThatClosesSaysNothingBeforeItDoes) {
   const std::string where = Play("behaviour=closes");

@@ -1,0 +1,207 @@
+// A name server that does as the scene says, right or wrong. Answers are put together from the
+// question, which is copied whole, so that every name in them can point there.
+
+#include "simulator/NameServer.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+namespace simulator {
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+constexpr std::uint16_t kDnsPort = 53;
+constexpr std::size_t kHeaderBytes = 12;
+constexpr std::size_t kMostNameBytes = 255;
+
+// RFC 1035, section 4.1.1: an answer, with authority, from a server that recurses.
+constexpr unsigned char kFlagsHigh = 0x84;
+constexpr unsigned char kFlagsLow = 0x80;
+constexpr unsigned char kServerFailure = 2;
+constexpr unsigned char kNoSuchName = 3;
+
+constexpr unsigned char kA = 1;
+constexpr unsigned char kCname = 5;
+constexpr unsigned char kAaaa = 28;
+
+/// A name that is the question's: a pointer to where that begins.
+constexpr std::array<unsigned char, 2> kNameAsked = {0xC0, kHeaderBytes};
+
+struct Question {
+  std::string name;
+  unsigned int type = 0;
+  /// Where it ends.
+  std::size_t end = 0;
+};
+
+std::optional<Question> Parse(const Bytes& packet) {
+  Question question;
+  std::size_t at = kHeaderBytes;
+  while (at < packet.size() && packet[at] != 0) {
+    const std::size_t length = packet[at++];
+    if (at + length > packet.size() || question.name.size() + length > kMostNameBytes) return {};
+    if (!question.name.empty()) question.name += '.';
+    for (std::size_t i = 0; i < length; ++i) {
+      question.name += static_cast<char>(std::tolower(packet[at + i]));
+    }
+    at += length;
+  }
+  constexpr std::size_t kTypeAndClass = 4;
+  question.end = at + 1 + kTypeAndClass;
+  if (question.end > packet.size()) return {};
+  question.type = packet[at + 1] * 256U + packet[at + 2];
+  return question;
+}
+
+/// An answer under way.
+class Message {
+ public:
+  Message(const Bytes& question, std::size_t end)
+      : m_bytes(question.begin(), Place(question, end)) {
+    m_bytes[2] = static_cast<unsigned char>(kFlagsHigh | (question[2] & 1));
+    m_bytes[3] = kFlagsLow;
+    // One question, and no records yet.
+    for (std::size_t i = 4; i < kHeaderBytes; ++i) m_bytes[i] = i == 5 ? 1 : 0;
+  }
+
+  void Fail(unsigned char code) { m_bytes[3] |= code; }
+
+  /// Adds a record. @return where its data begins.
+  std::size_t Add(const Bytes& owner, unsigned char type, const Bytes& data) {
+    Append(owner);
+    Append({0, type, 0, 1, 0, 0, 0, 0});  // of the Internet, to be asked for again each time
+    Append({static_cast<unsigned char>(data.size() >> 8), static_cast<unsigned char>(data.size())});
+    const std::size_t begin = m_bytes.size();
+    Append(data);
+    if (++m_bytes[7] == 0) ++m_bytes[6];
+    return begin;
+  }
+
+  Bytes Take() { return std::move(m_bytes); }
+
+ private:
+  static Bytes::const_iterator Place(const Bytes& bytes, std::size_t index) {
+    return bytes.begin() + static_cast<Bytes::difference_type>(index);
+  }
+  void Append(const Bytes& bytes) { m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end()); }
+
+  Bytes m_bytes;
+};
+
+Bytes NameAsked() { return {kNameAsked.begin(), kNameAsked.end()}; }
+
+Bytes PointerTo(std::size_t place) {
+  return {static_cast<unsigned char>(0xC0U | (place >> 8)), static_cast<unsigned char>(place)};
+}
+
+void AddAddresses(const Bytes& owner, unsigned int type, const std::vector<IpAddress>& addresses,
+                  Message& message) {
+  for (const IpAddress& address : addresses) {
+    const auto& bytes = address.Bytes();
+    if (type == kA && address.IsV4()) message.Add(owner, kA, {bytes.begin() + 12, bytes.end()});
+    if (type == kAaaa && !address.IsV4()) message.Add(owner, kAaaa, {bytes.begin(), bytes.end()});
+  }
+}
+
+/// "x.NAME" is another name for NAME, and that for "x.NAME".
+void AddLoop(Message& message) {
+  const std::size_t other = message.Add(NameAsked(), kCname, {1, 'x', 0xC0, kHeaderBytes});
+  message.Add(PointerTo(other), kCname, NameAsked());
+}
+
+/// Another name of bytes that no host has, and that name's addresses.
+void AddOddName(unsigned int type, const std::vector<IpAddress>& addresses, Message& message) {
+  const Bytes odd = {9, 0x1B, '[', '3', '1', 'm', '\n', '%', 'n', 0xFF, 0};
+  const std::size_t name = message.Add(NameAsked(), kCname, odd);
+  AddAddresses(PointerTo(name), type, addresses, message);
+}
+
+/// Announces more records than there are, of which the first has itself for a name.
+Bytes Garbage(Message message) {
+  Bytes bytes = message.Take();
+  bytes[6] = bytes[7] = 0xFF;
+  const Bytes self = PointerTo(bytes.size());
+  bytes.insert(bytes.end(), self.begin(), self.end());
+  return bytes;
+}
+
+}  // namespace
+
+std::vector<unsigned char> AnswerTo(const std::vector<unsigned char>& question,
+                                    const std::map<std::string, NameAnswer>& answers) {
+  const auto asked = question.size() > kHeaderBytes ? Parse(question) : std::nullopt;
+  if (!asked) return {};
+  Message message(question, asked->end);
+  const auto found = answers.find(asked->name);
+  if (found == answers.end()) {
+    message.Fail(kNoSuchName);
+    return message.Take();
+  }
+  switch (found->second.manner) {
+    case NameAnswer::Manner::Addresses:
+      AddAddresses(NameAsked(), asked->type, found->second.addresses, message);
+      break;
+    case NameAnswer::Manner::Failure:
+      message.Fail(kServerFailure);
+      break;
+    case NameAnswer::Manner::Silence:
+      return {};
+    case NameAnswer::Manner::Loop:
+      AddLoop(message);
+      break;
+    case NameAnswer::Manner::OddName:
+      AddOddName(asked->type, found->second.addresses, message);
+      break;
+    case NameAnswer::Manner::Garbage:
+      return Garbage(std::move(message));
+  }
+  return message.Take();
+}
+
+NameServer::NameServer(const Scene& scene) : m_answers(scene.answers) {
+  const IpAddress& address = scene.resolver.value();
+  m_socket = FileDescriptor(
+      ::socket(address.IsV4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  // Questions of thousands of probes at once wait for their turn.
+  const int room = 4 * 1024 * 1024;
+  sockaddr_storage name;
+  const socklen_t length = address.ToSocketAddress(kDnsPort, name);
+  setsockopt(m_socket.Get(), SOL_IP, IP_FREEBIND, &on, sizeof on);
+  setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room);
+  if (!m_socket || bind(m_socket.Get(), reinterpret_cast<sockaddr*>(&name), length) != 0) {
+    throw std::system_error(errno, std::generic_category(), "name server at " + address.Text());
+  }
+}
+
+void NameServer::Answer() {
+  // The rest waits for its turn: the socket stays readable.
+  constexpr int kMostAtOnce = 64;
+  constexpr std::size_t kMostQuestionBytes = 512;
+  for (int i = 0; i < kMostAtOnce; ++i) {
+    Bytes question(kMostQuestionBytes);
+    sockaddr_storage client;
+    socklen_t length = sizeof client;
+    const ssize_t count = recvfrom(m_socket.Get(), question.data(), question.size(), 0,
+                                   reinterpret_cast<sockaddr*>(&client), &length);
+    if (count < 0) return;
+    question.resize(static_cast<std::size_t>(count));
+    const Bytes answer = AnswerTo(question, m_answers);
+    if (answer.empty()) continue;
+    // An answer that cannot be sent is lost, as on any network.
+    if (sendto(m_socket.Get(), answer.data(), answer.size(), 0,
+               reinterpret_cast<const sockaddr*>(&client), length) < 0) {
+      continue;
+    }
+  }
+}
+
+}  // namespace simulator

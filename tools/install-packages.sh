@@ -5,10 +5,12 @@ set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-dev libspdlog-dev
   libproxy-dev libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev iproute2 curl openssl)
-test=("${build[@]}" nginx haproxy squid fping binutils valgrind gdb
+# What the benchmarks, and the short run of them that is a test, put beside ahs.
+peers=(python3 fping httping)
+test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind gdb
   clang-14 libclang-rt-14-dev)
 lint=("${test[@]}" clang-format-14 clang-tidy-14 shellcheck)
-bench=("${build[@]}" python3)
+bench=("${build[@]}" "${peers[@]}")
 
 case "${1:-}" in
   build) wanted=("${build[@]}") ;;

@@ -1,0 +1,104 @@
+"""What a selection costs the machine, and how that grows."""
+
+import growth as g
+import picture
+from figures import Figure
+
+MOST_MIB = 48
+# A headend that costs more than this many times what one cost before is a bend.
+BEND = 1.5
+# The bend must not come before so many.
+STRAIGHT_UNTIL = 1000
+
+
+def processor(bench):
+    count = bench.sizes.counts[-1]
+    found = bench.growth.at(count)
+    ours, theirs = found.cost("processor"), found.cost("processor", "curlCost")
+    return [Figure(f"processor time of {count * g.PINGS:,} plain probes", "below `curl --parallel`'s",
+                   f"{ours:,.0f} ms", f"`curl --parallel` {theirs:,.0f} ms", f"{ours / theirs:.2f}",
+                   ours < theirs)]
+
+
+def memory(bench):
+    count = bench.sizes.counts[-1]
+    found = bench.growth.at(count)
+    ours, theirs = found.cost("peak_mib"), found.cost("peak_mib", "curlCost")
+    return [Figure(f"memory at {count:,} headends, peak resident", f"at most {MOST_MIB} MiB",
+                   f"{ours:.1f} MiB", f"`curl --parallel` (300 at once) {theirs:.1f} MiB",
+                   f"{ours / theirs:.2f}", ours <= MOST_MIB)]
+
+
+def of_a_headend(values, counts):
+    """What one more headend costs between each two numbers of headends."""
+    pairs = list(zip(counts, values))
+    return [(b - a) / (m - n) for (n, a), (m, b) in zip(pairs, pairs[1:])]
+
+
+def bend_of(values, counts, least):
+    """The number of headends after which one more costs more than it did before; none if it never does.
+    What one costs is compared with the mean until then; below `least` it is not worth a word."""
+    for i in range(1, len(counts) - 1):
+        before = (values[i] - values[0]) / (counts[i] - counts[0])
+        after = (values[i + 1] - values[i]) / (counts[i + 1] - counts[i])
+        if after > BEND * max(before, least):
+            return counts[i]
+    return None
+
+
+def growth(bench):
+    """Four quantities over the number of headends, and the picture of them."""
+    counts = bench.sizes.growth
+    found = {count: bench.growth.at(count) for count in counts}
+    # The last number of each is the least of a headend that counts: noise is below it. For the time it is
+    # what a headend may cost where a thousand of them take 15 % longer than the limit.
+    panels = [
+        picture.Panel("time to result", "ms", [found[n].median("elapsed") for n in counts],
+                      [found[n].limit for n in counts], "limit", 0.19),
+        picture.Panel("processor time", "ms", [found[n].cost("processor") for n in counts],
+                      [found[n].cost("processor", "curlCost") for n in counts], "curl", 0.2),
+        picture.Panel("memory", "MiB", [found[n].cost("peak_mib") for n in counts],
+                      [found[n].cost("peak_mib", "curlCost") for n in counts], "curl", 0.01),
+        picture.Panel("threads", "", [found[n].cost("threads") for n in counts],
+                      [found[n].cost("threads", "curlCost") for n in counts], "curl", 0.1),
+    ]
+    picture.draw(bench.picture, counts, panels)
+    bends = {panel.name: bend_of(panel.ours, counts, panel.least) for panel in panels}
+    early = [name for name, bend in bends.items() if bend is not None and bend < STRAIGHT_UNTIL]
+    bench.notes.append(describe(panels, counts, bends))
+    bench.notes.append(everything(found))
+    last = found[counts[-1]]
+    return [Figure(f"time, processor time, memory, threads, up to {counts[-1]:,} headends",
+                   f"no bend before {STRAIGHT_UNTIL:,}", summary(last, last.median("elapsed"), "cost"),
+                   f"`curl --parallel` {summary(last, last.cost('elapsed', 'curlCost'), 'curlCost')}", "",
+                   not early)]
+
+
+def summary(found, elapsed, of):
+    return (f"{elapsed:,.0f} ms, {found.cost('processor', of):,.0f} ms, "
+            f"{found.cost('peak_mib', of):.1f} MiB, {found.cost('threads', of):,.0f}")
+
+
+def everything(found):
+    """A table of all the numbers in the picture."""
+    lines = ["| headends | limit | ahs: time, processor time, memory, threads "
+             "| `curl --parallel` (300 at once) |", "|---|---|---|---|"]
+    for count, one in found.items():
+        ours = summary(one, one.median("elapsed"), "cost")
+        curl = summary(one, one.cost("elapsed", "curlCost"), "curlCost")
+        lines.append(f"| {count:,} | {one.limit:,.0f} ms | {ours} | {curl} |")
+    return "\n".join(lines)
+
+
+def describe(panels, counts, bends):
+    """Where it bends, in words."""
+    parts = []
+    for panel in panels:
+        each = ", ".join(f"{value:.2g}" for value in of_a_headend(panel.ours, counts))
+        unit = f" {panel.unit}" if panel.unit else ""
+        bend = bends[panel.name]
+        where = f"bends after {bend:,} headends" if bend else "does not bend"
+        parts.append(f"{panel.name} {where} (one more headend costs {each}{unit})")
+    steps = ", ".join(f"{n:,} to {m:,}" for n, m in zip(counts, counts[1:]))
+    return (f"Growth, from {steps} headends: " + "; ".join(parts) + f". A bend is where one more headend "
+            f"costs {BEND} times what one cost before.")

@@ -1,0 +1,70 @@
+"""Selections among ever more gateways, and `curl --parallel` beside each: the rows of time, error,
+processor time and memory are read off the same runs."""
+
+import dataclasses
+import statistics
+
+import world as w
+
+PINGS = 3
+# A plain probe is a connection and a request.
+ROUND_TRIPS_A_PROBE = 2
+NEAREST_MS = 20
+FARTHEST_MS = 200
+
+
+def limit_of(gateways):
+    """What physics allows: the test probe, which goes to the first name in byte order, then the probes
+    of the farthest gateway."""
+    truth = w.distances(gateways)
+    return ROUND_TRIPS_A_PROBE * (truth[min(truth)] + PINGS * max(truth.values()))
+
+
+def measure(world, gateways, rounds):
+    """Inside: ours and curl's by turns."""
+    result = []
+    for _ in range(rounds):
+        ours = w.select(world, gateways)
+        times, cost = w.run_curl(world, gateways, PINGS)
+        result.append({"elapsed": ours.elapsed, "metrics": ours.metrics,
+                       "cost": dataclasses.asdict(ours.cost),
+                       "curl": times, "curlCost": dataclasses.asdict(cost)})
+    return result
+
+
+@dataclasses.dataclass
+class Measurement:
+    """All rounds among so many gateways."""
+
+    gateways: list
+    rounds: list
+
+    @property
+    def limit(self):
+        return limit_of(self.gateways)
+
+    def median(self, member):
+        return statistics.median(round[member] for round in self.rounds)
+
+    def cost(self, member, of="cost"):
+        return statistics.median(round[of][member] for round in self.rounds)
+
+    def error(self, of="metrics"):
+        return w.error_of(self.gateways, [round[of] for round in self.rounds])
+
+
+class Growth:
+    """Measures each number of gateways once, whichever row asks first."""
+
+    def __init__(self, world, sizes):
+        self._world = world
+        self._sizes = sizes
+        self._known = {}
+
+    def at(self, count):
+        if count not in self._known:
+            sizes = self._sizes
+            gateways = w.spread(count, NEAREST_MS * sizes.scale, FARTHEST_MS * sizes.scale)
+            self._known[count] = Measurement(
+                gateways, self._world.visit(gateways, measure, rounds=sizes.rounds))
+        return self._known[count]

@@ -1,0 +1,333 @@
+"""The world that the benchmarks measure in, and what runs in it.
+
+A world has gateways at known distances behind the simulated wide area network. What happens inside of it
+is a function of one of the modules here, which `World.visit` runs there in a process of its own; the
+functions below run the tools that measure. Every process is started with a limit of time and ended by
+its own number; the networks go with the processes in them.
+"""
+
+import contextlib
+import dataclasses
+import importlib
+import json
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+# Longer than any scene takes; what runs longer hangs.
+VISIT_SECONDS = 300
+TOOL_SECONDS = 60
+
+# Status of ahs-wan where it may not make networks; ctest takes it as "skipped".
+NOT_PERMITTED = 77
+
+PORT = 443
+# What curl 7.88 allows at most.
+CURL_AT_ONCE = 300
+
+
+class NotPermitted(Exception):
+    """This machine lets nobody make networks."""
+
+
+@dataclasses.dataclass
+class Gateway:
+    """One gateway; times in milliseconds, of the round trip."""
+
+    address: str
+    rtt: float
+    jitter: float = 0
+    loss: float = 0
+    behaviour: str = "normal"
+
+    def lines(self):
+        return (f"path {self.address} rtt={self.rtt} jitter={self.jitter} loss={self.loss}\n"
+                f"gateway {self.address}:{PORT} behaviour={self.behaviour}\n")
+
+
+def address(index):
+    return f"10.77.{1 + index // 200}.{1 + index % 200}"
+
+
+def spread(count, nearest, farthest, **properties):
+    """Gateways at whole distances, evenly from the nearest to the farthest."""
+    step = (farthest - nearest) / max(count - 1, 1)
+    return [Gateway(address(i), round(nearest + i * step), **properties) for i in range(count)]
+
+
+@contextlib.contextmanager
+def running(command, **streams):
+    """A process for the length of a block, ended by its number however the block is left."""
+    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, **streams)
+    try:
+        yield process
+    finally:
+        if process.poll() is None:
+            process.terminate()
+            try:
+                process.wait(5)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+
+
+class World:
+    """Where the programs are, and a directory for what is made on the way."""
+
+    def __init__(self, build, scratch):
+        self.build = build
+        self.scratch = scratch
+        # Packets carried, and how late in microseconds: mean and worst of each scene.
+        self.lateness = []
+
+    def program(self, name):
+        return os.path.join(self.build, "bin", name)
+
+    def path(self, name):
+        return os.path.join(self.scratch, name)
+
+    def visit(self, gateways, function, seed=1, **arguments):
+        """Runs `function(world, gateways, **arguments)` inside. It returns what JSON can hold."""
+        with open(self.path("scene"), "w", encoding="utf-8") as scene:
+            scene.writelines(gateway.lines() for gateway in gateways)
+        job = {"module": function.__module__, "function": function.__name__, "build": self.build,
+               "scratch": self.scratch, "gateways": [dataclasses.asdict(g) for g in gateways],
+               "arguments": arguments}
+        with open(self.path("job"), "w", encoding="utf-8") as file:
+            json.dump(job, file)
+        with contextlib.suppress(FileNotFoundError):
+            os.remove(self.path("result"))
+        servers = f"'{self.program('ahs-gateways')}' --config '{self.path('scene')}' " \
+                  f"--write-ca '{self.path('ca.pem')}'"
+        command = [self.program("ahs-wan"), "--config", self.path("scene"), "--seed", str(seed),
+                   "--stats", "--servers", servers, "--",
+                   sys.executable, "-B", os.path.abspath(__file__), self.path("job")]
+        with tempfile.TemporaryFile("w+", dir=self.scratch) as errors:
+            with running(command, stderr=errors) as wan:
+                status = wan.wait(VISIT_SECONDS)
+            errors.seek(0)
+            said = errors.read()
+        if status == NOT_PERMITTED:
+            raise NotPermitted(said.strip())
+        if status != 0:
+            raise RuntimeError(f"{function.__name__} failed with status {status}:\n{said}")
+        self._note_lateness(said)
+        with open(self.path("result"), encoding="utf-8") as file:
+            return json.load(file)
+
+    def _note_lateness(self, said):
+        found = re.search(r"(\d+) packets carried, .* mean ([\d.e+-]+) us late, worst ([\d.e+-]+) us", said)
+        if found:
+            self.lateness.append((int(found[1]), float(found[2]), float(found[3])))
+
+
+def be_inside(job_file):
+    """The other end of `World.visit`."""
+    with open(job_file, encoding="utf-8") as file:
+        job = json.load(file)
+    world = World(job["build"], job["scratch"])
+    gateways = [Gateway(**fields) for fields in job["gateways"]]
+    function = getattr(importlib.import_module(job["module"]), job["function"])
+    result = function(world, gateways, **job["arguments"])
+    with open(world.path("result"), "w", encoding="utf-8") as file:
+        json.dump(result, file)
+
+
+# --- Tools, to be run inside ----------------------------------------------------------------------
+
+
+@dataclasses.dataclass
+class Cost:
+    """What a command took: times in milliseconds."""
+
+    elapsed: float
+    processor: float
+    peak_mib: float
+    threads: int
+
+
+def environment(**changes):
+    """No proxy of this machine has a say, whatever the changes do not set."""
+    clean = {name: value for name, value in os.environ.items()
+             if not name.lower().endswith("_proxy")}
+    return {**clean, "LC_ALL": "C.UTF-8", **changes}
+
+
+def run_measured(world, command, env=None, statuses=(0,)):
+    """Output and cost of a command."""
+    report = world.path("cost")
+    with tempfile.TemporaryFile("w+", dir=world.scratch) as output:
+        with running([world.program("bench-measure"), report, *command], stdout=output,
+                     env=env or environment()) as process:
+            status = process.wait(TOOL_SECONDS)
+        if status not in statuses:
+            raise RuntimeError(f"{command[0]} ended with status {status}")
+        output.seek(0)
+        text = output.read()
+    with open(report, encoding="utf-8") as file:
+        cost = json.load(file)
+    return text, Cost(cost["elapsedMs"], cost["userMs"] + cost["systemMs"], cost["peakKib"] / 1024,
+                      cost["threads"])
+
+
+@dataclasses.dataclass
+class Selection:
+    """What `ahs select` measured; times in milliseconds, by address."""
+
+    elapsed: float
+    first: str
+    metrics: dict
+    probes: dict
+    cost: Cost
+
+    def smallest(self, member):
+        """The smallest time of each gateway's probes, of those that have it."""
+        found = {}
+        for host, probes in self.probes.items():
+            times = [probe[member] for probe in probes if probe[member] is not None]
+            if times:
+                found[host] = min(times)
+        return found
+
+
+def select(world, gateways, options=(), env=None):
+    """One selection with three probes a gateway."""
+    command = [world.program("ahs"), "select", "--json", "--no-cache", *options,
+               *(gateway.address for gateway in gateways)]
+    output, cost = run_measured(world, command, env)
+    said = json.loads(output)
+    return Selection(
+        elapsed=said["elapsedMs"],
+        first=said["headends"][0],
+        metrics={r["headend"]: r["metricMs"] for r in said["results"] if r["metricMs"] is not None},
+        probes={r["headend"]: r["probes"] for r in said["results"]},
+        cost=cost)
+
+
+def run_curl(world, gateways, requests=3):
+    """`curl --parallel`: the smallest time to connect of each gateway, and the cost. Its options are
+    what makes it do the same: plain HTTP/1.1 without a proxy, as many at once as it can."""
+    config = world.path("curl")
+    with open(config, "w", encoding="utf-8") as file:
+        for _ in range(requests):
+            file.writelines(f'url = "http://{gateway.address}:{PORT}/"\noutput = "/dev/null"\n'
+                            for gateway in gateways)
+    command = ["curl", "--disable", "--silent", "--no-progress-meter", "--http1.1", "--noproxy", "*",
+               "--parallel", "--parallel-immediate", "--parallel-max", str(CURL_AT_ONCE),
+               "--max-time", "10", "--write-out", "%{remote_ip} %{time_connect}\\n",
+               "--config", config]
+    # Its status is that of some transfer that failed; the missing line tells.
+    output, cost = run_measured(world, command, statuses=range(126))
+    times = {}
+    for line in output.splitlines():
+        # A transfer that failed has no address.
+        found = re.fullmatch(r"([\d.]+) ([\d.]+)", line)
+        if found and float(found[2]) > 0:
+            time = float(found[2]) * 1000
+            times[found[1]] = min(time, times.get(found[1], time))
+    return times, cost
+
+
+def run_httping(gateways, requests=3):
+    """One httping a gateway, all at once: the smallest time to connect of each."""
+    times = {}
+    with contextlib.ExitStack() as stack:
+        started = []
+        for gateway in gateways:
+            output = stack.enter_context(tempfile.TemporaryFile("w+"))
+            command = ["httping", "-M", "-c", str(requests), "-i", "0", "-t", "10",
+                       "-g", f"http://{gateway.address}:{PORT}/"]
+            process = stack.enter_context(
+                running(command, stdout=output, stderr=subprocess.DEVNULL, env=environment()))
+            started.append((gateway.address, process, output))
+        for host, process, output in started:
+            process.wait(TOOL_SECONDS)
+            output.seek(0)
+            found = [float(time) for time in re.findall(r'"connect_ms" : "([\d.e+-]+)"', output.read())]
+            if found:
+                times[host] = min(found)
+    return times
+
+
+def run_fping(gateways, requests=3):
+    """The smallest echo time of each gateway. Where it is permitted fping takes precedence over other
+    programs, so that it tells how exact the network is and not how busy the machine is."""
+    precedence = ["chrt", "--fifo", "1"]
+    if subprocess.run([*precedence, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
+        precedence = []
+    command = [*precedence, "fping", "-C", str(requests), "-q", "-p", "400", "-i", "2", "-t", "1000",
+               *(gateway.address for gateway in gateways)]
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
+                          timeout=TOOL_SECONDS)
+    times = {}
+    for line in done.stderr.splitlines():
+        host, _, said = line.partition(" : ")
+        found = [float(time) for time in said.split() if time != "-"]
+        if found:
+            times[host.strip()] = min(found)
+    return times
+
+
+@contextlib.contextmanager
+def busy_loops(count):
+    """So many processes that never rest, for the length of a block."""
+    with contextlib.ExitStack() as stack:
+        for _ in range(count):
+            stack.enter_context(running(["sh", "-c", "while :; do :; done"]))
+        yield
+
+
+def trust_gateways(world):
+    """Makes the gateways' authority the only one that is trusted inside, with the means of the system:
+    a directory of certificates. It hides the machine's own in this network's file systems alone."""
+    directory = world.path("certificates")
+    shutil.rmtree(directory, ignore_errors=True)
+    os.mkdir(directory)
+    shutil.copy(world.path("ca.pem"), os.path.join(directory, "ca.pem"))
+    for command in (["openssl", "rehash", directory],
+                    ["mount", "--bind", directory, "/etc/ssl/certs"]):
+        subprocess.run(command, check=True, stdin=subprocess.DEVNULL, timeout=TOOL_SECONDS)
+
+
+# --- Statistics -----------------------------------------------------------------------------------
+
+
+def distances(gateways):
+    return {gateway.address: gateway.rtt for gateway in gateways}
+
+
+def errors(gateways, measured):
+    """How far off each measured distance is, in milliseconds."""
+    truth = distances(gateways)
+    return [abs(time - truth[host]) for host, time in measured.items() if host in truth]
+
+
+@dataclasses.dataclass
+class Error:
+    """How far off a measurement is: median and worst in milliseconds, and how many had no result."""
+
+    median: float
+    worst: float
+    missing: int
+
+    def __str__(self):
+        missing = f", {self.missing:,} missing" if self.missing else ""
+        return f"{self.median:.2f} / {self.worst:.2f} ms{missing}"
+
+
+def error_of(gateways, rounds):
+    """Over all gateways and rounds."""
+    found = [error for measured in rounds for error in errors(gateways, measured)]
+    missing = len(gateways) * len(rounds) - len(found)
+    return Error(statistics.median(found), max(found), missing) if found else Error(9999, 9999, missing)
+
+
+if __name__ == "__main__":
+    try:
+        be_inside(sys.argv[1])
+    except KeyboardInterrupt:
+        sys.exit(130)

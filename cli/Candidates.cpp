@@ -6,6 +6,8 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
+
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/InstanceSmartPtr.h"
@@ -15,14 +17,53 @@ namespace {
 // Headends are probed on the port of TLS unless their address names another.
 constexpr unsigned short DefaultPort = 443;
 
-bool takesPart(const HostInitSettings& settings) {
+struct Verdict {
+  bool takesPart;
+  std::string reason;
+};
+
+/// The rule for the hosts of one profile.
+Verdict verdictOf(const HostInitSettings& settings) {
   Preference* preference = nullptr;
   if (!settings.getPreferences().getPreference(EnableAutomaticServerSelection, preference) ||
       preference == nullptr) {
-    return false;
+    return {false, "its profile does not set EnableAutomaticServerSelection"};
   }
-  return preference->getPreferenceValue() == PreferenceBase::PreferenceEnabled ||
-         settings.isEnabled(EnableAutomaticServerSelection, UserControllable);
+  const std::string& value = preference->getPreferenceValue();
+  if (value == PreferenceBase::PreferenceEnabled) {
+    return {true, "EnableAutomaticServerSelection is true"};
+  }
+  const std::string found = "EnableAutomaticServerSelection is \"" + value + "\"";
+  return settings.isEnabled(EnableAutomaticServerSelection, UserControllable)
+             ? Verdict{true, found + ", but left to the user"}
+             : Verdict{false, found + " and not user-controllable"};
+}
+
+HostEntry entryOf(const ProfileMgr& profiles, const HostProfile& host) {
+  const std::string profileName = profiles.getProfileNameFromHost(host.getHostName());
+  const auto profile = profiles.getFileInitMap().find(profileName);
+  const Verdict verdict = profile != profiles.getFileInitMap().end()
+                              ? verdictOf(*profile->second)
+                              : Verdict{false, "there is no such profile"};
+  const std::string& address = host.getHostAddress();
+  return {host.getHostName(),
+          profileName,
+          host.getLine() != 0 ? profiles.getProfilePath(profileName) : "",
+          host.getLine(),
+          address.empty() ? host.getHostName() : address,
+          verdict.takesPart,
+          verdict.reason};
+}
+
+HostEntry entryOf(const ProfileMgr::LeftOutHost& leftOut) {
+  const ProfileFile::Host& host = leftOut.host;
+  return {host.name,
+          leftOut.profileName,
+          leftOut.path,
+          host.line,
+          host.address.empty() ? host.name : host.address,
+          false,
+          "left out: " + leftOut.reason};
 }
 
 Candidate candidateOf(const std::string& name, const std::string& address) {
@@ -43,21 +84,32 @@ Place placeOf(const std::string& host, unsigned short port) {
   return {host, port};
 }
 
-std::vector<Candidate> findCandidates() {
-  std::vector<Candidate> candidates;
+std::vector<HostEntry> findHostEntries() {
+  std::vector<HostEntry> entries;
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   ProfileMgr* profiles = nullptr;
   if (preferences == nullptr || preferences->getProfileMgr(profiles) != 0 || profiles == nullptr) {
-    return candidates;
+    return entries;
   }
-  const auto& settings = profiles->getFileInitMap();
   for (const auto& [name, host] : profiles->getHostProfileMap()) {
-    const auto profile = settings.find(profiles->getProfileNameFromHost(name));
-    if (host == nullptr || profile == settings.end() || !takesPart(*profile->second)) {
-      continue;
+    if (host != nullptr) {
+      entries.push_back(entryOf(*profiles, *host));
     }
-    candidates.push_back(candidateOf(
-        name, host->getHostAddress().empty() ? host->getHostName() : host->getHostAddress()));
+  }
+  for (const ProfileMgr::LeftOutHost& host : profiles->getLeftOutHosts()) {
+    entries.push_back(entryOf(host));
+  }
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const HostEntry& a, const HostEntry& b) { return a.name < b.name; });
+  return entries;
+}
+
+std::vector<Candidate> findCandidates() {
+  std::vector<Candidate> candidates;
+  for (const HostEntry& entry : findHostEntries()) {
+    if (entry.takesPart) {
+      candidates.push_back(candidateOf(entry.name, entry.address));
+    }
   }
   return candidates;
 }

@@ -15,10 +15,25 @@ struct Candidate {
   Place place;
 };
 
+/// One host entry of the profiles.
+struct HostEntry {
+  std::string name;
+  std::string profile;
+  std::string file;        ///< empty for one of the command line
+  unsigned int line = 0;   ///< in the file
+  std::string address;     ///< where it is reached: its address, else its name
+  bool takesPart = false;  ///< in automatic selection
+  std::string reason;      ///< why it does, or does not
+};
+
 /// The place that a probe with this host and port goes to.
 Place placeOf(const std::string& host, unsigned short port);
 
-/// The headends that take part in automatic selection, in the order in which a run takes them: the
-/// host entries, in ascending order of their names, of those profiles in which the switch is on or
-/// left to the user. Reads the process's preference manager; empty when there is none.
+/// All host entries, in ascending order of their names, and what becomes of each: those of a
+/// profile in which the switch is on or left to the user take part. An entry that has a mistake, or
+/// another entry's name, comes after that one. Reads the process's preference manager; empty when
+/// there is none.
+std::vector<HostEntry> findHostEntries();
+
+/// The headends that take part in automatic selection, in the order in which a run takes them.
 std::vector<Candidate> findCandidates();

@@ -11,6 +11,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
+#include "cli/FileOptions.h"
 #include "cli/Interruption.h"
 #include "cli/ProbeRecorder.h"
 #include "cli/ProgressLine.h"
@@ -52,6 +53,12 @@ class HeldCache {
   }
   HeldCache(const HeldCache&) = delete;
   HeldCache& operator=(const HeldCache&) = delete;
+
+  void waitForStores() const {
+    if (m_cache != nullptr) {
+      static_cast<void>(m_cache->WaitForStores());
+    }
+  }
 
   std::vector<CHeadendRTT> lastRecords() const {
     CCacheEntry entry;
@@ -98,6 +105,14 @@ void noteUnknownLast(const std::string& last, const std::vector<Candidate>& cand
     Console::complain("warning: no host entry that takes part is named '" + Console::visible(last) +
                       "'; the selection goes on without a last headend. --last takes the name of a "
                       "host entry, or a host of the command line.");
+  }
+}
+
+void noteMissingCache(const SelectOptions& options, const SelectPlan& plan) {
+  if (plan.sources.cacheFile.empty() && !options.noCache) {
+    Console::complain(
+        "warning: neither HOME nor XDG_CACHE_HOME is set, so the selection is not kept for the "
+        "next time. Name a directory with --cache-dir, or say --no-cache.");
   }
 }
 
@@ -222,9 +237,11 @@ int complainOfStart(STATUSCODE status) {
   return ExitNotMeasured;
 }
 
-int endRun(SelectionRun& run, int exitStatus) {
+int endRun(SelectionRun& run, const HeldCache& cache, int exitStatus) {
   if (!run.waitForEnd(LongestRunEnd)) {
-    // Threads that still wait for an answer must not see their process taken down around them.
+    // Threads that still wait for an answer must not see their process taken down around them. The
+    // cache's own ends by itself; on a slow disk it is given its time.
+    cache.waitForStores();
     CAppLog::Flush();
     _exit(exitStatus);
   }
@@ -263,7 +280,7 @@ int measureAndPrint(const SelectOptions& options, const SelectPlan& plan,
         continue;
       }
     }
-    return endRun(run, print(result, options, plan));
+    return endRun(run, cache, print(result, options, plan));
   }
 }
 
@@ -275,6 +292,7 @@ int runSelect(const SelectOptions& options) {
   if (!error.empty()) {
     return complainOfUsage(error, problems);
   }
+  noteMissingCache(options, plan);
   std::optional<Secret> password;
   const std::string passwordError = readPassword(plan.proxy, password);
   if (!passwordError.empty()) {
@@ -307,14 +325,7 @@ int runSelect(const SelectOptions& options) {
 void addInputs(CLI::App& command, SelectOptions& options) {
   command.add_option("HOST", options.hosts, "Hosts to measure, in place of all profiles")
       ->option_text("[HOST[:PORT]...]");
-  command.add_option("--profiles", options.profiles, "Directory of the profiles")
-      ->option_text("DIR");
-  command.add_option("--preferences", options.preferences, "The user's preferences file")
-      ->option_text("FILE");
-  command
-      .add_option("--global-preferences", options.globalPreferences,
-                  "The machine's preferences file")
-      ->option_text("FILE");
+  addFileOptions(command, options);
   command.add_option("--last", options.last, "Host entry that was used last")->option_text("NAME");
   command
       .add_option("--reason", options.reason,

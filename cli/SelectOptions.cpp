@@ -75,7 +75,7 @@ std::string takeProfiles(const SelectOptions& options, const DefaultPaths& paths
 }
 
 std::string takePreferences(const std::optional<std::string>& given, const std::string& standard,
-                            const char* option, std::string& path,
+                            const char* option, bool trusts, std::string& path,
                             std::vector<std::string>& problems) {
   path = standard;
   if (!given) {
@@ -89,14 +89,15 @@ std::string takePreferences(const std::optional<std::string>& given, const std::
   path = *given;
   PreferenceInfo preferences;
   std::vector<FileProblem> found;
-  if (readPreferencesFile(*given, preferences, found)) {
+  const FileTrust::Check check = trusts ? FileTrust::Check::Waived : FileTrust::Check::Strict;
+  if (readPreferencesFile(*given, preferences, found, check)) {
     return "";
   }
   for (const FileProblem& problem : found) {
     problems.push_back(Console::visible(problem.toString()));
   }
-  return "the preferences file " + inQuotes(*given) +
-         " is not a well-formed preferences file. Mend it, or leave out " + option + ".";
+  return "the preferences file " + inQuotes(*given) + " cannot be used. Mend it, or leave out " +
+         option + ".";
 }
 
 std::string takeCache(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan) {
@@ -168,6 +169,22 @@ std::string reasonNames() {
   return names;
 }
 
+std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
+                         std::vector<std::string>& problems) {
+  plan.sources.trustFiles = options.trustProfiles;
+  std::string error = takeProfiles(options, paths, plan);
+  if (error.empty()) {
+    error = takePreferences(options.preferences, paths.userPreferences, "--preferences",
+                            options.trustProfiles, plan.sources.userPreferencesFile, problems);
+  }
+  if (error.empty()) {
+    error =
+        takePreferences(options.globalPreferences, paths.globalPreferences, "--global-preferences",
+                        options.trustProfiles, plan.sources.globalPreferencesFile, problems);
+  }
+  return error;
+}
+
 std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                      std::vector<std::string>& problems) {
   if (options.json && options.quiet) {
@@ -189,18 +206,7 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   }
   plan.last = findLast(options.last.value_or(""), plan.sources.addresses);
   if (error.empty()) {
-    error = takeProfiles(options, paths, plan);
-  }
-  if (error.empty()) {
     error = takeCache(options, paths, plan);
   }
-  if (error.empty()) {
-    error = takePreferences(options.preferences, paths.userPreferences, "--preferences",
-                            plan.sources.userPreferencesFile, problems);
-  }
-  if (error.empty()) {
-    error = takePreferences(options.globalPreferences, paths.globalPreferences,
-                            "--global-preferences", plan.sources.globalPreferencesFile, problems);
-  }
-  return error;
+  return error.empty() ? makeFilePlan(options, paths, plan, problems) : error;
 }

@@ -20,6 +20,7 @@ struct SelectOptions {
   std::optional<std::string> reason;
   std::optional<std::string> logLevel;
   std::optional<std::string> logFile;
+  bool trustProfiles = false;
   bool noCache = false;
   bool json = false;
   bool quiet = false;
@@ -38,6 +39,12 @@ struct SelectPlan {
   /// Its proxy stands in `sources` as well.
   ProxyPlan proxy;
 };
+
+/// What only concerns the files of a person: the options `profiles`, `preferences`,
+/// `globalPreferences` and `trustProfiles`. Other options are not looked at. The result is as with
+/// `makePlan`.
+std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
+                         std::vector<std::string>& problems);
 
 /// Turns options into a plan. The files named are looked at, not read, except preferences files
 /// that were named: those have to be well formed, because a person who names a file means it.

@@ -20,7 +20,8 @@ int answer(const CLI::App& tool, const CLI::ParseError& error) {
     return Console::writeResult(text.str(), ExitSelected);
   }
   std::string command = tool.get_name();
-  for (const CLI::App* chosen : tool.get_subcommands()) {
+  for (const CLI::App* chosen = &tool; !chosen->get_subcommands().empty();) {
+    chosen = chosen->get_subcommands().front();
     command += " " + chosen->get_name();
   }
   Console::complain(Console::visible(error.what()) + ". '" + command +
@@ -35,11 +36,14 @@ int runTool(int argumentCount, char** arguments) {
   tool.set_version_flag("--version", "ahs " AHS_VERSION, "Print the version and leave");
   tool.require_subcommand(1);
   tool.footer(
-      "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
+      "Exit status of select: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
       "3 a proxy asks for a login and was given none or a wrong one,\n"
       "128 + number of the signal that ended it.");
   ChosenCommand chosen;
   addSelectCommand(tool, chosen);
+  addProfileCommand(tool, chosen);
+  addPreferencesCommand(tool, chosen);
+  addCacheCommand(tool, chosen);
   Interruption::begin();
   try {
     tool.parse(argumentCount, arguments);

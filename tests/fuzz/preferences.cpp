@@ -16,6 +16,9 @@ namespace {
 
 using tests::textOf;
 
+// The file has no place that could be looked at.
+constexpr FileTrust::Check Trusted = FileTrust::Check::Waived;
+
 // Never freed, like all that lives until the process ends.
 const tests::MemoryFile& file() {
   static const tests::MemoryFile& instance = *new tests::MemoryFile;
@@ -28,16 +31,12 @@ std::string valueOf(const PreferenceInfo& preferences, PreferenceId id) {
 }
 
 void requireOnlyRightValues(const PreferenceInfo& preferences) {
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    Preference* preference = nullptr;
-    if (preferences.getPreference(all[i].id, preference)) {
-      REQUIRE(all[i].inPreferences);
-      REQUIRE(!preference->isUserControllable());
-      REQUIRE(all[i].checkedByReader ||
-              PreferenceBase::findError(all[i], preference->getPreferenceValue()).empty());
-    }
+  for (const auto& [id, preference] : preferences.all()) {
+    const PreferenceBase::Definition& definition = *PreferenceBase::find(id);
+    REQUIRE(id != EnableAutomaticServerSelection);
+    REQUIRE(!preference.isUserControllable());
+    REQUIRE(definition.checkedByReader ||
+            PreferenceBase::findError(definition, preference.getPreferenceValue()).empty());
   }
 }
 
@@ -47,9 +46,9 @@ PreferenceInfo requireRightFile(const std::string& text) {
   PreferenceInfo again;
   std::vector<FileProblem> problems;
   std::vector<FileProblem> problemsAgain;
-  const bool usable = readPreferencesFile(file().Path(), preferences, problems);
+  const bool usable = readPreferencesFile(file().Path(), preferences, problems, Trusted);
   REQUIRE(usable || !problems.empty());
-  REQUIRE(readPreferencesFile(file().Path(), again, problemsAgain) == usable);
+  REQUIRE(readPreferencesFile(file().Path(), again, problemsAgain, Trusted) == usable);
   REQUIRE(tests::sameProblems(problems, problemsAgain));
   tests::requireHelpfulProblems(problems, file().Path(), text);
   requireOnlyRightValues(preferences);
@@ -99,6 +98,7 @@ void requireSettingsWithinRange() {
 /// The manager of the process with the file in both places.
 void requireRightManager(const PreferenceInfo& preferences) {
   PreferenceMgr::Sources sources;
+  sources.trustFiles = true;
   sources.userPreferencesFile = file().Path();
   sources.globalPreferencesFile = file().Path();
   REQUIRE(PreferenceMgr::createInstance(sources) == PREFERENCEMGR_SUCCESS);

@@ -21,8 +21,11 @@ void requireHelpful(const FileProblem& problem, const std::string& path, std::si
   const std::string line = problem.toString();
   REQUIRE(isLegible(line));
   REQUIRE(line.ends_with(problem.text));
-  const std::string number = problem.line == 0 ? "" : std::to_string(problem.line) + ":";
-  REQUIRE(line.starts_with(path + ":" + number + " "));
+  REQUIRE((problem.line == 0) == (problem.column == 0));
+  const std::string place =
+      problem.line == 0 ? ""
+                        : std::to_string(problem.line) + ":" + std::to_string(problem.column) + ":";
+  REQUIRE(line.starts_with(path + ":" + place + " "));
 }
 
 }  // namespace

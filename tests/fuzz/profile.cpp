@@ -1,5 +1,5 @@
 // Profile files. Whatever the bytes, what is accepted can be used as it stands, what is not is told
-// with file and line, and reading the same bytes again gives the same.
+// with file, line and column, and reading the same bytes again gives the same.
 
 #include <map>
 #include <string>
@@ -35,7 +35,8 @@ const tests::MemoryFile& file() {
 Reading read(const std::string& text) {
   Reading reading;
   file().Write(text);
-  reading.usable = readProfileFile(file().Path(), reading.profile, reading.problems);
+  reading.usable =
+      readProfileFile(file().Path(), reading.profile, reading.problems, FileTrust::Check::Waived);
   return reading;
 }
 
@@ -52,11 +53,11 @@ void requireUsable(const ProfileFile& profile) {
     REQUIRE(URL::findError(addressOf(host)).empty());
     REQUIRE(!URL(addressOf(host)).getHostAndPort(false).empty());
   }
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    Preference* preference = nullptr;
-    REQUIRE(all[i].inProfile || !profile.preferences.getPreference(all[i].id, preference));
+  for (const auto& [id, preference] : profile.preferences.all()) {
+    const PreferenceBase::Definition& definition = *PreferenceBase::find(id);
+    REQUIRE(id != ProxySettings && id != ProxyHost && id != ProxyPort);
+    REQUIRE(definition.checkedByReader ||
+            PreferenceBase::findError(definition, preference.getPreferenceValue()).empty());
   }
 }
 
@@ -64,7 +65,7 @@ bool sameHosts(const ProfileFile& a, const ProfileFile& b) {
   bool same = a.hosts.size() == b.hosts.size();
   for (std::size_t i = 0; same && i < a.hosts.size(); ++i) {
     same = a.hosts[i].name == b.hosts[i].name && a.hosts[i].address == b.hosts[i].address &&
-           a.hosts[i].line == b.hosts[i].line;
+           a.hosts[i].line == b.hosts[i].line && a.hosts[i].column == b.hosts[i].column;
   }
   return same;
 }
@@ -72,6 +73,7 @@ bool sameHosts(const ProfileFile& a, const ProfileFile& b) {
 /// The manager takes the first entry of each name, and says so of every other.
 void requireManaged(const Reading& reading) {
   ProfileMgr manager;
+  manager.trustFiles();
   tests::call<tests::LoadFile>(manager, file().Path(), "profile");
   std::map<std::string, const ProfileFile::Host*> first;
   for (const ProfileFile::Host& host : reading.profile.hosts) {

@@ -111,14 +111,15 @@ void requireRightMessages(const std::string& text) {
   REQUIRE(isLegible(line));
   REQUIRE(line.size() <= longest + LengthOfCut);
   REQUIRE(ConfigurationText::quoted(text).size() <= longest);
-  const std::vector<const char*> names{"SelectionPingTimeout", "ProxyHost", "ProxyPort"};
-  const char* const meant = ConfigurationText::nearest(text, names);
-  REQUIRE(meant == nullptr || std::find(names.begin(), names.end(), meant) != names.end());
+  const std::vector<std::string> names{"SelectionPingTimeout", "ProxyHost", "ProxyPort"};
+  const std::string* const meant = ConfigurationText::nearest(text, names);
+  REQUIRE(meant == nullptr || std::find(names.begin(), names.end(), *meant) != names.end());
 }
 
 void requireRightBytes(const std::string& text) {
   const ConfigurationText::ByteProblem problem = ConfigurationText::findByteProblem(text);
-  REQUIRE(problem.line <= 1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
+  REQUIRE(problem.place.line <=
+          1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
   REQUIRE(isPrintableAscii(problem.text));
   const bool isFit = tests::isUtf8(text) && !ConfigurationText::isBlank(text);
   REQUIRE(problem.text.empty() ? isFit : !isFit || text.size() > ConfigurationText::MaxTagLength);

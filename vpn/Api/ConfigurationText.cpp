@@ -3,13 +3,11 @@
 
 #include "vpn/Api/ConfigurationText.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <system_error>
 #include <utility>
@@ -25,25 +23,6 @@ constexpr std::size_t MaxQuotedLength = 80;
 // Names longer than this are no misspelling of ours, and the comparison takes the square of it.
 constexpr std::size_t MaxNameToCompare = 64;
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(const std::string& path)
-      // Without O_NONBLOCK, opening a FIFO would wait for its writer.
-      : m_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
-  ~FileDescriptor() {
-    if (m_descriptor >= 0) {
-      ::close(m_descriptor);
-    }
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-  int get() const { return m_descriptor; }
-
- private:
-  const int m_descriptor;
-};
-
 std::string systemError(const char* what, int error) {
   // strerror(3) is not for threads.
   return std::string(what) + ": " + std::generic_category().message(error);
@@ -54,24 +33,33 @@ std::string tooLarge(std::size_t maxSize) {
          " MiB, the most that is read";
 }
 
-std::string readAll(const FileDescriptor& file, std::size_t maxSize, std::string& contents) {
-  constexpr std::size_t step = std::size_t{64} * 1024;
-  // One byte more than allowed shows a file that has grown since its size was taken.
-  const std::size_t limit = maxSize + 1;
-  while (contents.size() < limit) {
-    const std::size_t filled = contents.size();
-    contents.resize(std::min(limit, filled + step));
+/// Reads a file of that size. One byte more shows a file that has grown since its size was taken,
+/// and nothing makes this read further.
+std::string readAll(const FileTrust::Descriptor& file, std::size_t size, std::string& contents) {
+  contents.resize(size + 1);
+  std::size_t filled = 0;
+  while (filled < contents.size()) {
     const ssize_t count = ::read(file.get(), contents.data() + filled, contents.size() - filled);
-    const int error = errno;
-    contents.resize(filled + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0) {
+      return systemError("cannot be read", errno);
+    }
     if (count == 0) {
-      return {};
+      break;
     }
-    if (count < 0 && error != EINTR) {
-      return systemError("cannot be read", error);
-    }
+    filled += static_cast<std::size_t>(count);
   }
-  return tooLarge(maxSize);
+  contents.resize(filled);
+  return {};
+}
+
+bool isSame(const struct stat& a, const struct stat& b) {
+  const auto equal = [](const timespec& one, const timespec& other) {
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+  };
+  return a.st_size == b.st_size && equal(a.st_mtim, b.st_mtim) && equal(a.st_ctim, b.st_ctim);
 }
 
 unsigned char byteAt(std::string_view text, std::size_t index) {
@@ -111,9 +99,11 @@ std::size_t utf8Length(std::string_view text, std::size_t index) {
   return length;
 }
 
-unsigned int lineOf(std::string_view contents, std::size_t offset) {
-  const std::string_view before = contents.substr(0, offset);
-  return static_cast<unsigned int>(1 + std::count(before.begin(), before.end(), '\n'));
+/// How many characters a piece of UTF-8 has: what continues one is none of its own.
+unsigned int characters(std::string_view text) {
+  return static_cast<unsigned int>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;
+  }));
 }
 
 /// How many letters must be inserted, removed, replaced or swapped with their neighbour to turn one
@@ -143,40 +133,72 @@ std::size_t editDistance(std::string_view from, std::string_view to) {
 }  // namespace
 
 std::string ConfigurationText::readRegularFile(const std::string& path, std::size_t maxSize,
-                                               std::string& contents) {
-  const FileDescriptor file(path);
-  struct stat status = {};
-  if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
-    return systemError("cannot be opened", errno);
+                                               FileTrust::Check check, std::string& contents) {
+  // Whoever writes a file in place is done soon, or never.
+  constexpr int MaxReadings = 3;
+  for (int reading = 0; reading < MaxReadings; ++reading) {
+    FileTrust::Descriptor file;
+    FileTrust::Refusal refusal;
+    if (!FileTrust::openFile(path, check, file, refusal)) {
+      return refusal.text;
+    }
+    struct stat before = {};
+    struct stat after = {};
+    if (::fstat(file.get(), &before) != 0) {
+      return systemError("cannot be read", errno);
+    }
+    if (before.st_size > static_cast<off_t>(maxSize)) {
+      return tooLarge(maxSize);
+    }
+    const auto size = static_cast<std::size_t>(before.st_size);
+    std::string error = readAll(file, size, contents);
+    if (!error.empty()) {
+      return error;
+    }
+    if (contents.size() == size && ::fstat(file.get(), &after) == 0 && isSame(before, after)) {
+      return {};
+    }
   }
-  if (!S_ISREG(status.st_mode)) {
-    return "is not a regular file";
+  return "changes while it is read; write it elsewhere and rename it";
+}
+
+ConfigurationText::Place ConfigurationText::PlaceFinder::placeOf(std::size_t offset) {
+  const std::size_t wanted = std::min(offset, m_text.size());
+  const bool isForward = wanted >= m_offset;
+  const std::string_view between =
+      m_text.substr(std::min(wanted, m_offset), isForward ? wanted - m_offset : m_offset - wanted);
+  const auto lines = static_cast<unsigned int>(std::count(between.begin(), between.end(), '\n'));
+  m_offset = wanted;
+  if (lines == 0) {
+    m_place.column =
+        isForward ? m_place.column + characters(between) : m_place.column - characters(between);
+  } else {
+    m_place.line = isForward ? m_place.line + lines : m_place.line - lines;
+    const std::string_view before = m_text.substr(0, wanted);
+    const std::size_t lineEnd = before.rfind('\n');
+    m_place.column = 1 + characters(before.substr(lineEnd + 1));  // npos + 1 is 0
   }
-  if (status.st_size > static_cast<off_t>(maxSize)) {
-    return tooLarge(maxSize);
-  }
-  contents.clear();
-  contents.reserve(static_cast<std::size_t>(status.st_size) + 1);
-  return readAll(file, maxSize, contents);
+  return m_place;
 }
 
 ConfigurationText::ByteProblem ConfigurationText::findByteProblem(std::string_view contents) {
   if (isBlank(contents)) {
-    return {0, "is empty"};
+    return {{}, "is empty"};
   }
+  PlaceFinder places(contents);
   std::size_t lastOpen = 0;
   for (std::size_t i = 0; i < contents.size();) {
     const std::size_t length = utf8Length(contents, i);
     if (length == 0 || contents[i] == '\0') {
-      return {lineOf(contents, i), "the byte " +
-                                       CStringUtils::printable(std::string(1, contents[i])) +
-                                       " is not UTF-8 text; save the file as UTF-8"};
+      return {places.placeOf(i), "the byte " +
+                                     CStringUtils::printable(std::string(1, contents[i])) +
+                                     " is not UTF-8 text; save the file as UTF-8"};
     }
     lastOpen = contents[i] == '<' ? i : lastOpen;
     if (i - lastOpen > MaxTagLength) {
-      return {lineOf(contents, lastOpen), "a tag, text or comment is longer than " +
-                                              std::to_string(MaxTagLength / 1024) +
-                                              " KiB, the most that is allowed"};
+      return {places.placeOf(lastOpen), "a tag, text or comment is longer than " +
+                                            std::to_string(MaxTagLength / 1024) +
+                                            " KiB, the most that is allowed"};
     }
     i += length;
   }
@@ -200,19 +222,19 @@ std::string ConfigurationText::quoted(const std::string& text) {
   return "\"" + oneLine(text, MaxQuotedLength) + "\"";
 }
 
-const char* ConfigurationText::nearest(const std::string& found,
-                                       const std::vector<const char*>& candidates) {
+const std::string* ConfigurationText::nearest(const std::string& found,
+                                              const std::vector<std::string>& candidates) {
   if (found.size() > MaxNameToCompare) {
     return nullptr;
   }
-  const char* best = nullptr;
+  const std::string* best = nullptr;
   std::size_t bestDistance = std::numeric_limits<std::size_t>::max();
-  for (const char* candidate : candidates) {
+  for (const std::string& candidate : candidates) {
     const std::size_t distance =
         editDistance(CStringUtils::toLower(found), CStringUtils::toLower(candidate));
-    const std::size_t tolerated = std::max<std::size_t>(1, std::strlen(candidate) / 3);
+    const std::size_t tolerated = std::max<std::size_t>(1, candidate.size() / 3);
     if (distance <= tolerated && distance < bestDistance) {
-      best = candidate;
+      best = &candidate;
       bestDistance = distance;
     }
   }

@@ -23,13 +23,12 @@ using Definition = PreferenceBase::Definition;
 
 constexpr Definition wordOf(PreferenceId id, const char* name, const char* first,
                             const char* second, const char* third, const char* defaultValue) {
-  return {
-      id, name, defaultValue, false, true, false, nullptr, 0, 0, {first, second, third, nullptr}};
+  return {id, name, defaultValue, false, nullptr, 0, 0, {first, second, third, nullptr}};
 }
 
 constexpr Definition numberOf(PreferenceId id, const char* name, const char* defaultValue,
                               const char* unit, unsigned int least, unsigned int most) {
-  return {id, name, defaultValue, false, true, true, unit, least, most, {}};
+  return {id, name, defaultValue, true, unit, least, most, {}};
 }
 
 constexpr unsigned int HoursOfAYear = 8760;
@@ -42,14 +41,12 @@ constexpr unsigned int OneMinuteMs = 60000;
 
 const Definition Definitions[] = {
     wordOf(ProxySettings, "ProxySettings", "system", "none", "override", "system"),
-    {ProxyHost, "ProxyHost", "", false, true, false, nullptr, 0, 0, {}},
-    {ProxyPort, "ProxyPort", "", false, true, false, "", 1, 65535, {}},
+    {ProxyHost, "ProxyHost", "", false, nullptr, 0, 0, {}},
+    {ProxyPort, "ProxyPort", "", false, "", 1, 65535, {}},
     // The profile's value is compared with "true" by its reader, so any other value means off.
     {EnableAutomaticServerSelection,
      "EnableAutomaticServerSelection",
      "false",
-     true,
-     false,
      true,
      nullptr,
      0,
@@ -159,14 +156,23 @@ bool PreferenceBase::parseNumber(const Definition& definition, const std::string
   return true;
 }
 
-Preference::Preference(PreferenceId id, const std::string& value, bool userControllable)
-    : m_id(id), m_value(value), m_userControllable(userControllable) {}
+Preference::Preference(PreferenceId id, const std::string& value, bool userControllable,
+                       unsigned int line, unsigned int column)
+    : m_id(id),
+      m_value(value),
+      m_userControllable(userControllable),
+      m_line(line),
+      m_column(column) {}
 
 PreferenceId Preference::getPreferenceId() const { return m_id; }
 
 const std::string& Preference::getPreferenceValue() const { return m_value; }
 
 bool Preference::isUserControllable() const { return m_userControllable; }
+
+unsigned int Preference::getLine() const { return m_line; }
+
+unsigned int Preference::getColumn() const { return m_column; }
 
 bool PreferenceInfo::getPreference(const PreferenceId& id, Preference*& preference) const {
   const auto found = m_preferences.find(id);

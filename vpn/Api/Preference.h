@@ -36,7 +36,8 @@ enum PreferenceScope {
   Global = 1,
 };
 
-/// Names, defaults and fixed values of the preferences. Constant; any thread may read it.
+/// Names, defaults and fixed values of the preferences. Which of them a file may set says the
+/// schema of its format. Constant; any thread may read it.
 class PreferenceBase {
  public:
   PreferenceBase() = delete;
@@ -60,8 +61,6 @@ class PreferenceBase {
     PreferenceId id;
     const char* name;          ///< as it is written in the files, letter case included
     const char* defaultValue;  ///< in force when no file sets it
-    bool inProfile;            ///< a profile may set it
-    bool inPreferences;        ///< a preferences file may set it
     /// A value that is not allowed is loaded as it was written all the same, because whoever reads
     /// the preference checks it. Otherwise it is left out, as if the file did not set it.
     bool checkedByReader;
@@ -93,16 +92,22 @@ class PreferenceBase {
 /// One preference as a file sets it.
 class Preference {
  public:
-  Preference(PreferenceId id, const std::string& value, bool userControllable);
+  /// @param line, column place in its file, 0 if it comes from no file.
+  Preference(PreferenceId id, const std::string& value, bool userControllable,
+             unsigned int line = 0, unsigned int column = 0);
 
   PreferenceId getPreferenceId() const;
   const std::string& getPreferenceValue() const;
   bool isUserControllable() const;
+  unsigned int getLine() const;
+  unsigned int getColumn() const;
 
  private:
   PreferenceId m_id;
   std::string m_value;
   bool m_userControllable;
+  unsigned int m_line;
+  unsigned int m_column;
 };
 
 /// The preferences that one file sets.
@@ -112,6 +117,9 @@ class PreferenceInfo {
   /// @param preference receives the preference; left alone when the file does not set it.
   /// @return whether the file sets it.
   bool getPreference(const PreferenceId& id, Preference*& preference) const;
+
+  /// All that the file sets.
+  const std::map<PreferenceId, Preference>& all() const { return m_preferences; }
 
   /// Adds a preference, or replaces it. Not while another thread may read.
   void set(const Preference& preference);

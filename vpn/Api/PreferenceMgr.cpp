@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
 
@@ -59,11 +60,14 @@ void PreferenceMgr::releaseInstance() {
   }
 }
 
-PreferenceMgr::PreferenceMgr(const Sources& sources) : m_cacheFile(sources.cacheFile) {
+PreferenceMgr::PreferenceMgr(const Sources& sources) : m_sources(sources) {
   loadPreferences(sources.userPreferencesFile, m_userPreferences);
-  reportProxyOfUser(sources.userPreferencesFile);
+  reportProxyOfUser();
   loadPreferences(sources.globalPreferencesFile, m_globalPreferences);
-  chooseProxy(sources.proxy);
+  chooseProxy();
+  if (sources.trustFiles) {
+    m_profileMgr.trustFiles();
+  }
   if (!sources.addresses.empty()) {
     m_profileMgr.addAddresses(AddressProfile, sources.addresses);
   } else if (!sources.profileDirectory.empty()) {
@@ -82,18 +86,30 @@ STATUSCODE PreferenceMgr::getProfileMgr(ProfileMgr*& profileMgr) {
 }
 
 STATUSCODE PreferenceMgr::getPreferenceValue(PreferenceId id, std::string& value) {
-  const PreferenceBase::Definition* definition = PreferenceBase::find(id);
-  if (definition == nullptr) {
+  const std::vector<Setting> settings = getSettings(id);
+  if (settings.empty()) {
     return PREFERENCEMGR_ERROR_BAD_PARAMETER;
   }
-  Preference* preference = nullptr;
-  if (m_userPreferences.getPreferences().getPreference(id, preference) ||
-      m_globalPreferences.getPreferences().getPreference(id, preference)) {
-    value = preference->getPreferenceValue();
-  } else {
-    value = definition->defaultValue;
-  }
+  value = settings.front().value;
   return PREFERENCEMGR_SUCCESS;
+}
+
+std::vector<PreferenceMgr::Setting> PreferenceMgr::getSettings(PreferenceId id) const {
+  std::vector<Setting> settings;
+  const PreferenceBase::Definition* definition = PreferenceBase::find(id);
+  if (definition == nullptr) {
+    return settings;
+  }
+  addProfileSetting(id, settings);
+  if (id != ProxyHost && id != ProxyPort) {
+    addFileSetting(User, id, settings);
+  }
+  if (settings.size() == 2 && settings.front().isUserControllable) {
+    std::swap(settings.front(), settings.back());
+  }
+  addFileSetting(Global, id, settings);
+  settings.push_back({Setting::Origin::Default, definition->defaultValue, "", 0, "", false});
+  return settings;
 }
 
 STATUSCODE PreferenceMgr::getParsedPreferenceFile(PreferenceScope scope,
@@ -109,7 +125,7 @@ STATUSCODE PreferenceMgr::getParsedPreferenceFile(PreferenceScope scope,
   return PREFERENCEMGR_ERROR_BAD_PARAMETER;
 }
 
-const std::string& PreferenceMgr::getCacheFile() const { return m_cacheFile; }
+const std::string& PreferenceMgr::getCacheFile() const { return m_sources.cacheFile; }
 
 std::vector<FileProblem> PreferenceMgr::getProblems() const { return m_problems; }
 
@@ -118,28 +134,30 @@ void PreferenceMgr::loadPreferences(const std::string& path, UserPreferences& pr
     return;
   }
   PreferenceInfo parsed;
-  if (readPreferencesFile(path, parsed, m_problems)) {
+  const FileTrust::Check check =
+      m_sources.trustFiles ? FileTrust::Check::Waived : FileTrust::Check::Strict;
+  if (readPreferencesFile(path, parsed, m_problems, check)) {
     preferences.setPreferences(parsed);
   }
 }
 
 // Which proxy there is belongs to the machine, so host and port count in the global file alone.
-void PreferenceMgr::reportProxyOfUser(const std::string& path) {
+void PreferenceMgr::reportProxyOfUser() {
   for (const PreferenceId id : {ProxyHost, ProxyPort}) {
     Preference* preference = nullptr;
     if (m_userPreferences.getPreferences().getPreference(id, preference)) {
-      FileProblem problem;
-      problem.file = path;
-      problem.text = std::string(PreferenceBase::find(id)->name) +
-                     " has no effect in a user's preferences; set it in the global ones";
-      m_problems.push_back(problem);
+      m_problems.push_back(
+          {m_sources.userPreferencesFile, preference->getLine(), preference->getColumn(),
+           std::string(PreferenceBase::find(id)->name) +
+               " has no effect in a user's preferences; set it in the global ones"});
     }
   }
 }
 
 // The choice goes into both files, because a run reads the setting from whichever has it and the
 // proxy from the global one.
-void PreferenceMgr::chooseProxy(const Sources::Proxy& proxy) {
+void PreferenceMgr::chooseProxy() {
+  const Sources::Proxy& proxy = m_sources.proxy;
   if (proxy.choice == Sources::Proxy::Choice::OfFiles) {
     return;
   }
@@ -156,6 +174,50 @@ void PreferenceMgr::chooseProxy(const Sources::Proxy& proxy) {
     global.set(Preference(ProxyPort, proxy.port, false));
   }
   m_globalPreferences.setPreferences(global);
+}
+
+bool PreferenceMgr::isCallersChoice(PreferenceId id) const {
+  const auto choice = m_sources.proxy.choice;
+  return id == ProxySettings
+             ? choice != Sources::Proxy::Choice::OfFiles
+             : (id == ProxyHost || id == ProxyPort) && choice == Sources::Proxy::Choice::Given;
+}
+
+void PreferenceMgr::addProfileSetting(PreferenceId id, std::vector<Setting>& settings) const {
+  if (id == EnableAutomaticServerSelection) {
+    return;  // each profile's own
+  }
+  for (const auto& [name, profile] : m_profileMgr.getFileInitMap()) {
+    Preference* preference = nullptr;
+    if (profile->getPreferences().getPreference(id, preference)) {
+      settings.push_back({Setting::Origin::Profile, preference->getPreferenceValue(),
+                          m_profileMgr.getProfilePath(name), preference->getLine(), name,
+                          preference->isUserControllable()});
+      return;
+    }
+  }
+}
+
+void PreferenceMgr::addFileSetting(PreferenceScope scope, PreferenceId id,
+                                   std::vector<Setting>& settings) const {
+  const UserPreferences& file = scope == User ? m_userPreferences : m_globalPreferences;
+  Preference* preference = nullptr;
+  if (!file.getPreferences().getPreference(id, preference)) {
+    return;
+  }
+  if (isCallersChoice(id)) {
+    if (scope == User) {
+      return;  // it stands in the global one as well
+    }
+    settings.push_back(
+        {Setting::Origin::Caller, preference->getPreferenceValue(), "", 0, "", false});
+    return;
+  }
+  const bool isUsers = scope == User;
+  settings.push_back({isUsers ? Setting::Origin::User : Setting::Origin::Global,
+                      preference->getPreferenceValue(),
+                      isUsers ? m_sources.userPreferencesFile : m_sources.globalPreferencesFile,
+                      preference->getLine(), "", false});
 }
 
 void PreferenceMgr::logProblems() const {

@@ -48,6 +48,20 @@ class PreferenceMgr {
     /// Addresses that take the place of all profiles, if there are any.
     std::vector<std::string> addresses;
     Proxy proxy;
+    /// Files are read whoever could have written them. Otherwise one that another user could have
+    /// written counts as wrong; see FileTrust.
+    bool trustFiles = false;
+  };
+
+  /// One place that gives a preference a value.
+  struct Setting {
+    enum class Origin { Caller, Profile, User, Global, Default };
+    Origin origin = Origin::Default;
+    std::string value;
+    std::string file;                 ///< empty for the caller and the default
+    unsigned int line = 0;            ///< in the file
+    std::string profile;              ///< its name, for one that a profile sets
+    bool isUserControllable = false;  ///< the profile leaves it to the user
   };
 
   /// Creates the instance and acquires it for the caller. Wrong files are no failure: they are
@@ -64,10 +78,17 @@ class PreferenceMgr {
   /// The profiles; they belong to this object.
   STATUSCODE getProfileMgr(ProfileMgr*& profileMgr);
 
-  /// The value in force: the caller's choice, else that of the user's file, else of the global
-  /// file, else the default.
+  /// The value in force: the caller's choice, else that of the profiles, of the user's file, of the
+  /// global file, else the default. What a profile leaves to the user, his file goes before. Of
+  /// several profiles the first counts that sets it, in byte order of their names. For
+  /// `EnableAutomaticServerSelection`, which is each profile's own, the default; for `ProxyHost`
+  /// and `ProxyPort` the global file alone counts.
   /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no preference.
   STATUSCODE getPreferenceValue(PreferenceId id, std::string& value);
+
+  /// All places that set a preference, the one in force first and the default last; empty for a
+  /// number that is no preference.
+  std::vector<Setting> getSettings(PreferenceId id) const;
 
   /// The parsed file of a scope, an empty one when there is no such file; belongs to this object. A
   /// proxy that the caller chose stands in it in place of the file's.
@@ -89,8 +110,11 @@ class PreferenceMgr {
   ~PreferenceMgr();
 
   void loadPreferences(const std::string& path, UserPreferences& preferences);
-  void reportProxyOfUser(const std::string& path);
-  void chooseProxy(const Sources::Proxy& proxy);
+  void reportProxyOfUser();
+  void chooseProxy();
+  bool isCallersChoice(PreferenceId id) const;
+  void addProfileSetting(PreferenceId id, std::vector<Setting>& settings) const;
+  void addFileSetting(PreferenceScope scope, PreferenceId id, std::vector<Setting>& settings) const;
   void logProblems() const;
 
   // The lock is never freed, so that a thread that outlives the process's static objects may still
@@ -103,6 +127,6 @@ class PreferenceMgr {
   ProfileMgr m_profileMgr;
   UserPreferences m_userPreferences;
   UserPreferences m_globalPreferences;
-  std::string m_cacheFile;
+  const Sources m_sources;
   std::vector<FileProblem> m_problems;
 };

@@ -1,23 +1,26 @@
 // Reads profile and preferences files. Nothing in a file is trusted. Its bytes are checked first
 // (size, UTF-8, no endless tag), so that the time the XML parser takes grows with the size alone; a
-// document type ends the parse before an entity can be declared; and what an element may hold
-// stands in one table of rules. Whatever is found wrong becomes a FileProblem, and the rest is
-// used.
+// document type ends the parse before an entity can be declared; and each element is put to the
+// schema as it comes. Whatever is found wrong becomes a FileProblem, and the rest is used.
 
 #include "vpn/Api/ProfileFile.h"
 
-#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <map>
 #include <memory>
 #include <new>
+#include <optional>
+#include <set>
 #include <string_view>
 #include <utility>
 
+#include "vpn/Api/ConfigurationSchema.h"
 #include "vpn/Api/ConfigurationText.h"
+#include "vpn/Api/XmlProblem.h"
 #include "vpn/Api/XmlScope.h"
 #include "vpn/Common/Utility/URL.h"
 
@@ -49,62 +52,116 @@ std::string trimmed(const std::string& text) {
   return begin == std::string::npos ? std::string() : text.substr(begin, end - begin + 1);
 }
 
+std::string meantText(const std::string* meant, const std::string& open, const std::string& close) {
+  return meant != nullptr ? " (did you mean " + open + *meant + close + "?)" : "";
+}
+
 /// "; allowed here: a, b (did you mean a?)", each name between `open` and `close`.
-std::string allowedText(const std::string& found, const std::vector<const char*>& candidates,
+std::string allowedText(const std::string& found, const std::vector<std::string>& candidates,
                         const std::string& open, const std::string& close) {
   if (candidates.empty()) {
     return "; none is allowed here";
   }
   std::string text = "; allowed here: ";
-  for (const char* candidate : candidates) {
-    text += (candidate == candidates.front() ? "" : ", ") + open + candidate + close;
+  for (const std::string& candidate : candidates) {
+    text += (&candidate == candidates.data() ? "" : ", ") + open + candidate + close;
   }
-  const char* meant = nearest(found, candidates);
-  return meant != nullptr ? text + " (did you mean " + open + meant + close + "?)" : text;
+  return text + meantText(nearest(found, candidates), open, close);
 }
 
-// ---- What an element may hold -----------------------------------------------------------------
-
-enum class ElementKind { Root, Group, Preference, Host };
-
-struct ElementRule {
-  const char* name;
-  ElementKind kind;
-  std::vector<const char*> attributes;
-  std::vector<const ElementRule*> children;
-};
-
-struct FormatRule {
-  ElementRule root;
-  bool PreferenceBase::Definition::*allows;  ///< which preferences may stand in the format
-  const char* otherPlace;                    ///< where the others belong
-};
-
-// The rules are never freed: a thread may still be reading files while the process ends.
-
-const FormatRule& profileFormat() {
-  static const ElementRule& preference = *new ElementRule{
-      "preference", ElementKind::Preference, {"name", "value", "user-controllable"}, {}};
-  static const ElementRule& host =
-      *new ElementRule{"host", ElementKind::Host, {"name", "address"}, {}};
-  static const ElementRule& preferences =
-      *new ElementRule{"preferences", ElementKind::Group, {}, {&preference}};
-  static const ElementRule& hosts = *new ElementRule{"hosts", ElementKind::Group, {}, {&host}};
-  static const FormatRule& format =
-      *new FormatRule{{"profile", ElementKind::Root, {"version"}, {&preferences, &hosts}},
-                      &PreferenceBase::Definition::inProfile,
-                      "a preferences file"};
-  return format;
+std::vector<std::string> namesOf(const auto& rules) {
+  std::vector<std::string> names;
+  names.reserve(rules.size());
+  for (const auto& rule : rules) {
+    names.push_back(rule.name);
+  }
+  return names;
 }
 
-const FormatRule& preferencesFormat() {
-  static const ElementRule& preference =
-      *new ElementRule{"preference", ElementKind::Preference, {"name", "value"}, {}};
-  static const FormatRule& format =
-      *new FormatRule{{"preferences", ElementKind::Root, {"version"}, {&preference}},
-                      &PreferenceBase::Definition::inPreferences,
-                      "a profile"};
-  return format;
+const ElementRule::Attribute* ruleOf(const ElementRule& rule, const std::string& name) {
+  const auto found = std::find_if(rule.attributes.begin(), rule.attributes.end(),
+                                  [&](const auto& attribute) { return attribute.name == name; });
+  return found != rule.attributes.end() ? &*found : nullptr;
+}
+
+/// Whether a value of an element that the schema rejects is to blame for sure.
+bool isSurelyWrong(const ElementRule::Attribute& allowed, const std::string& value) {
+  return allowed.words.empty()
+             ? !allowed.rule.empty() && isBlank(value)
+             : std::find(allowed.words.begin(), allowed.words.end(), value) == allowed.words.end();
+}
+
+/// What a mistake in an attribute costs.
+std::string consequence(const ElementRule& rule, const ElementRule::Attribute* attribute) {
+  // With a misspelt address the name would take its place, and be another gateway.
+  return rule.name == "host"                              ? "; the entry is left out"
+         : attribute != nullptr && !attribute->isRequired ? "; it counts as if it were not there"
+                                                          : "";
+}
+
+/// How an element is to be written.
+std::string usageOf(const ElementRule& rule) {
+  std::string text = "<" + rule.name;
+  for (const ElementRule::Attribute& attribute : rule.attributes) {
+    const std::string value = attribute.words.size() == 1 ? attribute.words.front() : "...";
+    text += attribute.isRequired || attribute.words.empty()
+                ? " " + attribute.name + "=\"" + value + "\""
+                : "";
+  }
+  return text + (rule.children.empty() ? "/>" : ">");
+}
+
+constexpr ConfigurationKind AnyKind = ConfigurationKind::Unknown;
+
+struct KnownSchema {
+  ConfigurationKind kind;
+  const CConfigurationSchema* schema;
+};
+
+std::array<KnownSchema, 2> schemas() {
+  return {{{ConfigurationKind::Profile, &CConfigurationSchema::profile()},
+           {ConfigurationKind::Preferences, &CConfigurationSchema::preferences()}}};
+}
+
+const std::string* find(const std::vector<CSchemaValidator::Attribute>& attributes,
+                        const std::string& name) {
+  for (const CSchemaValidator::Attribute& attribute : attributes) {
+    if (attribute.name == name) {
+      return &attribute.value;
+    }
+  }
+  return nullptr;
+}
+
+std::string valueOf(const std::vector<CSchemaValidator::Attribute>& attributes,
+                    const std::string& name) {
+  const std::string* value = find(attributes, name);
+  return value != nullptr ? *value : std::string();
+}
+
+/// What speaks against a host entry that the schema allows: what a schema cannot say.
+struct HostError {
+  const char* attribute;
+  std::string text;  ///< empty if there is none
+};
+
+HostError findHostError(const std::string& name, const std::string& address) {
+  if (name.size() > MaxHostNameLength) {
+    return {"name", "its name is longer than " + std::to_string(MaxHostNameLength) + " bytes"};
+  }
+  if (oneLine(name, MaxHostNameLength) != name) {
+    return {"name", "its name has a character that cannot be shown"};
+  }
+  const std::string& reached = isBlank(address) ? name : address;
+  const std::string error = URL::findError(reached);
+  if (error.empty() && !URL(reached).getHost().empty()) {
+    return {"", ""};
+  }
+  const std::string reason = error.empty() ? "it names no host" : oneLine(error, MaxSentenceLength);
+  return isBlank(address)
+             ? HostError{"name", "it has no address, and its name cannot stand for one: " + reason}
+             : HostError{"address",
+                         "its address " + quoted(address) + " cannot be used: " + reason};
 }
 
 // ---- The parse --------------------------------------------------------------------------------
@@ -116,21 +173,23 @@ struct ParserContextDeleter {
 /// Reads one document. Used by one thread, once.
 class DocumentReader {
  public:
-  DocumentReader(const std::string& path, const FormatRule& format,
+  /// @param format Unknown: whichever the outermost element names.
+  DocumentReader(const std::string& path, ConfigurationKind format, FileTrust::Check check,
                  std::vector<FileProblem>& problems)
-      : m_path(path), m_format(format), m_problems(problems) {}
+      : m_path(path), m_format(format), m_check(check), m_problems(problems) {}
 
   /// @return whether `result` holds what the document says.
   bool read(ProfileFile& result);
 
- private:
-  struct Attribute {
-    std::string name;
-    std::string value;
-  };
-  using Attributes = std::vector<Attribute>;
+  /// Known once the outermost element is.
+  ConfigurationKind format() const { return m_format; }
 
-  void parse(const std::string& contents);
+ private:
+  using Attribute = CSchemaValidator::Attribute;
+  using Attributes = std::vector<Attribute>;
+  using Place = ConfigurationText::Place;
+
+  void parse();
   static xmlSAXHandler callbacks();
   template <class FunctionT>
   static void guarded(void* user, FunctionT function);
@@ -146,31 +205,44 @@ class DocumentReader {
   void start(const std::string& name, const Attributes& attributes);
   void end();
   void text(const std::string& found);
-  const ElementRule* findRule(const std::string& name) const;
+  const ElementRule* findRule(const std::string& name);
+  const ElementRule* findRoot(const std::string& name);
   void reportUnknownElement(const std::string& name);
-  Attributes knownAttributes(const ElementRule& rule, const Attributes& attributes);
-  void readVersion(const Attributes& attributes);
+
+  void explain(const ElementRule& rule, const Attributes& attributes);
+  void explainMissing(const ElementRule& rule, const ElementRule::Attribute& missing);
+  void explainValue(const ElementRule& rule, const ElementRule::Attribute& allowed,
+                    const std::string& value);
+  void explainPreferenceName(const std::vector<std::string>& allowed, const std::string& name);
+  bool isWrong(const char* attribute) const { return m_wrong.contains(attribute); }
+
   void readPreference(const Attributes& attributes);
-  const PreferenceBase::Definition* findPreference(const std::string& name);
   bool isFirst(const PreferenceBase::Definition& definition);
   bool checkValue(const PreferenceBase::Definition& definition, const std::string& value);
-  bool readUserControllable(const std::string& preference, const Attributes& attributes);
   void readHost(const Attributes& attributes);
-  std::string findHostError(const std::string& name, const std::string& address) const;
+  void takeHost(const ProfileFile::Host& host);
+  void leaveOut(const ProfileFile::Host& host, const std::string& reason);
 
-  static const std::string* find(const Attributes& attributes, const char* name);
-  unsigned int line() const;
-  void report(unsigned int line, const std::string& text);
-  void refuse(unsigned int line, const std::string& text);
+  std::size_t offset() const;
+  std::size_t offsetOfAttribute(const std::string& name) const;
+  Place placeOf(const std::string& attribute);
+  void report(Place place, const std::string& text);
+  void refuse(Place place, const std::string& text);
 
   const std::string& m_path;
-  const FormatRule& m_format;
+  ConfigurationKind m_format;
+  const FileTrust::Check m_check;
   std::vector<FileProblem>& m_problems;
   std::size_t m_problemCount = 0;
   ProfileFile m_result;
 
+  std::string m_contents;
+  std::optional<ConfigurationText::PlaceFinder> m_places;  // in the contents
   std::unique_ptr<xmlParserCtxt, ParserContextDeleter> m_context;
+  std::optional<CSchemaValidator> m_validator;  // from the outermost element on
   std::vector<const ElementRule*> m_open;  // the elements around the current place; null: unknown
+  std::size_t m_tag = 0;                   // where the last tag begins
+  std::set<std::string> m_wrong;           // attributes of the last tag that were reported
   std::map<PreferenceId, unsigned int> m_preferenceLines;
   bool m_textReported = false;
   bool m_hostsFull = false;
@@ -180,19 +252,21 @@ class DocumentReader {
 };
 
 bool DocumentReader::read(ProfileFile& result) {
-  std::string contents;
   const std::string error =
-      ConfigurationText::readRegularFile(m_path, MaxConfigurationFileSize, contents);
+      ConfigurationText::readRegularFile(m_path, MaxConfigurationFileSize, m_check, m_contents);
   if (!error.empty()) {
-    refuse(0, error);
+    refuse({}, error);
     return false;
   }
-  const ConfigurationText::ByteProblem problem = ConfigurationText::findByteProblem(contents);
+  const ConfigurationText::ByteProblem problem = ConfigurationText::findByteProblem(m_contents);
   if (!problem.text.empty()) {
-    refuse(problem.line, problem.text);
+    refuse(problem.place, problem.text);
     return false;
   }
-  parse(contents);
+  m_places.emplace(m_contents);
+  const CXmlScope library;
+  parse();
+  m_validator.reset();
   if (m_exception) {
     std::rethrow_exception(m_exception);
   }
@@ -200,8 +274,9 @@ bool DocumentReader::read(ProfileFile& result) {
     throw std::bad_alloc();  // the only reason to stop that it may keep to itself
   }
   if (!m_refused && m_context->wellFormed == 0) {
-    refuse(0, "is not well-formed XML");
+    refuse({}, "is not well-formed XML");
   }
+  m_context.reset();
   if (m_refused) {
     return false;
   }
@@ -209,8 +284,7 @@ bool DocumentReader::read(ProfileFile& result) {
   return true;
 }
 
-void DocumentReader::parse(const std::string& contents) {
-  const CXmlScope library;
+void DocumentReader::parse() {
   m_context.reset(xmlNewParserCtxt());
   if (m_context == nullptr) {
     throw std::bad_alloc();
@@ -220,8 +294,8 @@ void DocumentReader::parse(const std::string& contents) {
   // The bytes are known to be UTF-8, whatever the document says of itself.
   constexpr int options = XML_PARSE_NONET | XML_PARSE_IGNORE_ENC;
   // Without the callbacks that build one, there is no document to return.
-  xmlCtxtReadMemory(m_context.get(), contents.data(), static_cast<int>(contents.size()), nullptr,
-                    nullptr, options);
+  xmlCtxtReadMemory(m_context.get(), m_contents.data(), static_cast<int>(m_contents.size()),
+                    nullptr, nullptr, options);
 }
 
 xmlSAXHandler DocumentReader::callbacks() {
@@ -276,9 +350,12 @@ void DocumentReader::onStart(void* user, const xmlChar* localName, const xmlChar
                              const xmlChar*, int namespaceCount, const xmlChar** namespaces,
                              int attributeCount, int, const xmlChar** attributes) {
   guarded(user, [&](DocumentReader& reader) {
+    // A "<" stands nowhere in a tag but at its beginning.
+    reader.m_tag = reader.m_contents.rfind('<', reader.offset());
     if (attributeCount > MaxAttributes || namespaceCount > MaxAttributes) {
-      reader.refuse(reader.line(), "an element has more than " + std::to_string(MaxAttributes) +
-                                       " attributes, the most that is allowed");
+      reader.refuse(reader.placeOf(""), "an element has more than " +
+                                            std::to_string(MaxAttributes) +
+                                            " attributes, the most that is allowed");
       return;
     }
     Attributes list;
@@ -306,7 +383,8 @@ void DocumentReader::onText(void* user, const xmlChar* text, int length) {
 
 void DocumentReader::onDocumentType(void* user, const xmlChar*, const xmlChar*, const xmlChar*) {
   guarded(user, [](DocumentReader& reader) {
-    reader.refuse(reader.line(), "a document type (<!DOCTYPE ...>) is not allowed; remove it");
+    reader.refuse(reader.m_places->placeOf(reader.m_contents.rfind("<!DOCTYPE", reader.offset())),
+                  "a document type (<!DOCTYPE ...>) is not allowed; remove it");
   });
 }
 
@@ -322,64 +400,79 @@ void DocumentReader::onError(void* user, xmlErrorPtr error) {
     if (error->code == XML_ERR_NO_MEMORY) {
       throw std::bad_alloc();
     }
-    std::string message = error->message != nullptr ? error->message : "syntax error";
-    while (!message.empty() && message.back() == '\n') {
-      message.pop_back();
-    }
-    reader.refuse(static_cast<unsigned int>(std::max(error->line, 0)),
-                  "is not well-formed XML: " + oneLine(message, MaxSentenceLength));
+    reader.refuse(reader.m_places->placeOf(reader.offset()), xmlProblem(*error));
   });
 }
 
 void DocumentReader::start(const std::string& name, const Attributes& attributes) {
   m_textReported = false;
+  m_wrong.clear();
   if (m_open.size() >= MaxDepth) {
-    refuse(line(), "elements are nested more than " + std::to_string(MaxDepth) + " deep");
+    refuse(placeOf(""), "elements are nested more than " + std::to_string(MaxDepth) + " deep");
     return;
   }
-  if (!m_open.empty() && m_open.back() == nullptr) {
-    m_open.push_back(nullptr);
-    return;
-  }
-  const ElementRule* rule = findRule(name);
-  if (rule == nullptr) {
+  const bool isKnown = m_open.empty() || m_open.back() != nullptr;
+  const ElementRule* rule = isKnown ? findRule(name) : nullptr;
+  if (isKnown && rule == nullptr) {
     reportUnknownElement(name);
-    m_open.push_back(nullptr);
-    return;
   }
   m_open.push_back(rule);
-  const Attributes known = knownAttributes(*rule, attributes);
-  if (rule->kind == ElementKind::Root) {
-    readVersion(known);
-  } else if (rule->kind == ElementKind::Preference) {
-    readPreference(known);
-  } else if (rule->kind == ElementKind::Host && known.size() == attributes.size()) {
-    // With a misspelt address the name would take its place, and be another gateway.
-    readHost(known);
+  if (rule == nullptr || m_refused) {
+    return;
+  }
+  if (!m_validator->start(*rule, attributes)) {
+    explain(*rule, attributes);
+  }
+  // The schema has an element of a name in one place.
+  if (rule->name == "preference") {
+    readPreference(attributes);
+  } else if (rule->name == "host") {
+    readHost(attributes);
   }
 }
 
 void DocumentReader::end() {
+  if (m_open.back() != nullptr) {
+    m_validator->end(*m_open.back());
+  }
   m_open.pop_back();
   m_textReported = false;
 }
 
 void DocumentReader::text(const std::string& found) {
-  if (m_textReported || isBlank(found) || m_open.empty() || m_open.back() == nullptr) {
+  if (m_textReported || isBlank(found) || m_open.empty() || m_open.back() == nullptr ||
+      m_validator->text(found)) {
     return;
   }
   m_textReported = true;
-  report(line(), "text inside <" + std::string(m_open.back()->name) +
-                     "> is ignored: " + quoted(trimmed(found)));
+  const std::size_t end = offset();
+  const std::size_t tag = m_contents.rfind('>', end - 1);
+  std::size_t begin = m_contents.find_first_not_of(" \t\r\n", tag + 1);
+  if (begin >= end) {  // the text is a <![CDATA[...]]>
+    begin = m_contents.rfind('<', end - 1);
+  }
+  report(m_places->placeOf(begin),
+         "text inside <" + m_open.back()->name + "> is ignored: " + quoted(trimmed(found)));
 }
 
-const ElementRule* DocumentReader::findRule(const std::string& name) const {
+const ElementRule* DocumentReader::findRule(const std::string& name) {
   if (m_open.empty()) {
-    return name == m_format.root.name ? &m_format.root : nullptr;
+    return findRoot(name);
   }
-  for (const ElementRule* child : m_open.back()->children) {
-    if (name == child->name) {
-      return child;
+  for (const ElementRule& child : m_open.back()->children) {
+    if (name == child.name) {
+      return &child;
+    }
+  }
+  return nullptr;
+}
+
+const ElementRule* DocumentReader::findRoot(const std::string& name) {
+  for (const auto& [kind, schema] : schemas()) {
+    if (schema->root().name == name && (m_format == kind || m_format == AnyKind)) {
+      m_format = kind;
+      m_validator.emplace(*schema);
+      return &schema->root();
     }
   }
   return nullptr;
@@ -387,88 +480,110 @@ const ElementRule* DocumentReader::findRule(const std::string& name) const {
 
 void DocumentReader::reportUnknownElement(const std::string& name) {
   const std::string found = "<" + oneLine(name, MaxElementLength) + ">";
-  if (m_open.empty()) {
-    refuse(line(),
-           "the outermost element is " + found + ", but must be <" + m_format.root.name + ">");
+  if (!m_open.empty()) {
+    report(placeOf(""), "unknown element " + found + " inside <" + m_open.back()->name + ">" +
+                            allowedText(name, namesOf(m_open.back()->children), "<", ">"));
     return;
   }
-  std::vector<const char*> allowed;
-  for (const ElementRule* child : m_open.back()->children) {
-    allowed.push_back(child->name);
-  }
-  report(line(), "unknown element " + found + " inside <" + m_open.back()->name + ">" +
-                     allowedText(name, allowed, "<", ">"));
-}
-
-DocumentReader::Attributes DocumentReader::knownAttributes(const ElementRule& rule,
-                                                           const Attributes& attributes) {
-  Attributes known;
-  for (const Attribute& attribute : attributes) {
-    if (std::find(rule.attributes.begin(), rule.attributes.end(), attribute.name) !=
-        rule.attributes.end()) {
-      known.push_back(attribute);
-    } else {
-      report(line(), "unknown attribute " + quoted(attribute.name) + " of <" + rule.name + ">" +
-                         allowedText(attribute.name, rule.attributes, "\"", "\""));
+  std::vector<std::string> allowed;
+  for (const auto& [kind, schema] : schemas()) {
+    if (m_format == kind || m_format == AnyKind) {
+      allowed.push_back(schema->root().name);
     }
   }
-  return known;
+  refuse(placeOf(""), "the outermost element is " + found + allowedText(name, allowed, "<", ">"));
 }
 
-void DocumentReader::readVersion(const Attributes& attributes) {
-  const std::string* version = find(attributes, "version");
-  const std::string root = m_format.root.name;
-  if (version == nullptr) {
-    report(line(), "<" + root + "> has no version; write <" + root + " version=\"1\">");
-  } else if (*version != "1") {
-    refuse(line(),
-           "version " + quoted(*version) + " of <" + root + "> is not known, only \"1\" is");
+// ---- What the schema has rejected -------------------------------------------------------------
+
+void DocumentReader::explain(const ElementRule& rule, const Attributes& attributes) {
+  for (const Attribute& attribute : attributes) {
+    const ElementRule::Attribute* allowed = ruleOf(rule, attribute.name);
+    if (allowed == nullptr) {
+      m_wrong.insert(attribute.name);
+      report(placeOf(attribute.name),
+             "unknown attribute " + quoted(attribute.name) + " of <" + rule.name + ">" +
+                 allowedText(attribute.name, namesOf(rule.attributes), "\"", "\"") +
+                 consequence(rule, nullptr));
+    } else if (isSurelyWrong(*allowed, attribute.value)) {
+      explainValue(rule, *allowed, attribute.value);
+    }
+  }
+  for (const ElementRule::Attribute& attribute : rule.attributes) {
+    if (attribute.isRequired && find(attributes, attribute.name) == nullptr) {
+      explainMissing(rule, attribute);
+    }
+  }
+  // Whatever else the schema has against it, it is a value that no list of words can describe.
+  for (const Attribute& attribute : attributes) {
+    const ElementRule::Attribute* allowed = ruleOf(rule, attribute.name);
+    if (m_wrong.empty() && allowed != nullptr && !allowed->rule.empty()) {
+      explainValue(rule, *allowed, attribute.value);
+    }
   }
 }
+
+void DocumentReader::explainMissing(const ElementRule& rule,
+                                    const ElementRule::Attribute& missing) {
+  m_wrong.insert(missing.name);
+  // The outermost element is used without its version.
+  report(placeOf(""), "a <" + rule.name + "> without \"" + missing.name + "\"" +
+                          (rule.children.empty() ? " is left out" : "") + "; write " +
+                          usageOf(rule));
+}
+
+void DocumentReader::explainValue(const ElementRule& rule, const ElementRule::Attribute& allowed,
+                                  const std::string& value) {
+  m_wrong.insert(allowed.name);
+  if (rule.name == "preference" && allowed.name == "name") {
+    explainPreferenceName(allowed.words, value);
+    return;
+  }
+  const std::string text =
+      "the value " + quoted(value) + " of \"" + allowed.name + "\" of <" + rule.name + "> " +
+      (allowed.words.empty() ? allowed.rule
+                             : "is not known" + allowedText(value, allowed.words, "\"", "\"")) +
+      consequence(rule, &allowed);
+  if (m_open.size() == 1) {
+    refuse(placeOf(allowed.name), text);  // another version means other things by the same words
+  } else {
+    report(placeOf(allowed.name), text);
+  }
+}
+
+void DocumentReader::explainPreferenceName(const std::vector<std::string>& allowed,
+                                           const std::string& name) {
+  const bool isElsewhere = PreferenceBase::find(name) != nullptr;
+  report(placeOf("name"),
+         isElsewhere
+             ? "the preference " + quoted(name) + " has no effect here, it belongs in " +
+                   (m_format == ConfigurationKind::Profile ? "a preferences file" : "a profile")
+             : "unknown preference " + quoted(name) + allowedText(name, allowed, "\"", "\""));
+}
+
+// ---- What the entries say ---------------------------------------------------------------------
 
 void DocumentReader::readPreference(const Attributes& attributes) {
-  const std::string* name = find(attributes, "name");
-  const std::string* value = find(attributes, "value");
-  if (name == nullptr || value == nullptr) {
-    report(line(), std::string("a <preference> without \"") + (name == nullptr ? "name" : "value") +
-                       "\" is left out; write <preference name=\"...\" value=\"...\"/>");
+  if (isWrong("name") || isWrong("value")) {
     return;
   }
-  const PreferenceBase::Definition* definition = findPreference(*name);
-  if (definition != nullptr && checkValue(*definition, *value) && isFirst(*definition)) {
-    const bool userControllable = readUserControllable(*name, attributes);
-    m_result.preferences.set(Preference(definition->id, *value, userControllable));
+  const PreferenceBase::Definition* definition = PreferenceBase::find(valueOf(attributes, "name"));
+  const std::string value = valueOf(attributes, "value");
+  if (definition != nullptr && checkValue(*definition, value) && isFirst(*definition)) {
+    const bool isUsers =
+        !isWrong("user-controllable") &&
+        valueOf(attributes, "user-controllable") == PreferenceBase::PreferenceEnabled;
+    const Place here = placeOf("");
+    m_result.preferences.set(Preference(definition->id, value, isUsers, here.line, here.column));
   }
-}
-
-const PreferenceBase::Definition* DocumentReader::findPreference(const std::string& name) {
-  const PreferenceBase::Definition* definition = PreferenceBase::find(name);
-  if (definition != nullptr) {
-    if (definition->*m_format.allows) {
-      return definition;
-    }
-    report(line(), "the preference " + quoted(name) + " has no effect here, it belongs in " +
-                       m_format.otherPlace);
-    return nullptr;
-  }
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  std::vector<const char*> allowed;
-  for (std::size_t i = 0; i < count; ++i) {
-    if (all[i].*m_format.allows) {
-      allowed.push_back(all[i].name);
-    }
-  }
-  report(line(), "unknown preference " + quoted(name) + allowedText(name, allowed, "\"", "\""));
-  return nullptr;
 }
 
 bool DocumentReader::isFirst(const PreferenceBase::Definition& definition) {
-  const auto [place, isNew] = m_preferenceLines.emplace(definition.id, line());
+  const Place here = placeOf("");
+  const auto [line, isNew] = m_preferenceLines.emplace(definition.id, here.line);
   if (!isNew) {
-    report(line(), std::string("the preference \"") + definition.name +
-                       "\" stands already in line " + std::to_string(place->second) +
-                       "; the first one counts");
+    report(here, std::string("the preference \"") + definition.name + "\" stands already in line " +
+                     std::to_string(line->second) + "; the first one counts");
   }
   return isNew;
 }
@@ -479,96 +594,97 @@ bool DocumentReader::checkValue(const PreferenceBase::Definition& definition,
   if (error.empty()) {
     return true;
   }
-  std::vector<const char*> words;
+  std::vector<std::string> words;
   for (const char* const* allowed = definition.words; *allowed != nullptr; ++allowed) {
-    words.push_back(*allowed);
+    words.emplace_back(*allowed);
   }
-  const char* meant = nearest(value, words);
-  report(line(), "the value " + quoted(value) + " of " + definition.name + " " +
-                     oneLine(error, MaxSentenceLength) +
-                     (meant != nullptr ? std::string(" (did you mean \"") + meant + "\"?)" : ""));
+  report(placeOf("value"), "the value " + quoted(value) + " of " + definition.name + " " +
+                               oneLine(error, MaxSentenceLength) +
+                               meantText(nearest(value, words), "\"", "\""));
   return definition.checkedByReader;
 }
 
-bool DocumentReader::readUserControllable(const std::string& preference,
-                                          const Attributes& attributes) {
-  const std::string* value = find(attributes, "user-controllable");
-  if (value == nullptr || *value == "false") {
-    return false;
-  }
-  if (*value != "true") {
-    report(line(), "user-controllable=" + quoted(*value) + " of " + preference +
-                       " must be \"true\" or \"false\"; it counts as \"false\"");
-  }
-  return *value == "true";
-}
-
 void DocumentReader::readHost(const Attributes& attributes) {
-  const std::string* name = find(attributes, "name");
-  const std::string* address = find(attributes, "address");
-  const std::string error =
-      findHostError(name != nullptr ? *name : "", address != nullptr ? *address : "");
-  if (!error.empty()) {
-    report(line(), error);
+  const std::string name = valueOf(attributes, "name");
+  const std::string address = valueOf(attributes, "address");
+  const Place here = placeOf("");
+  const ProfileFile::Host host{name, address, here.line, here.column};
+  if (!m_wrong.empty()) {
+    leaveOut(host, "it has a mistake");
     return;
   }
+  const HostError error = findHostError(name, address);
+  if (error.text.empty()) {
+    takeHost(host);
+    return;
+  }
+  report(placeOf(error.attribute),
+         "the host entry " + quoted(name) + " is left out: " + error.text);
+  leaveOut(host, error.text);
+}
+
+void DocumentReader::leaveOut(const ProfileFile::Host& host, const std::string& reason) {
+  if (m_result.leftOut.size() < MaxProblemsPerFile) {
+    m_result.leftOut.push_back({host, reason});
+  }
+}
+
+void DocumentReader::takeHost(const ProfileFile::Host& host) {
   if (m_result.hosts.size() < MaxHostsPerFile) {
-    m_result.hosts.push_back({*name, address != nullptr ? *address : "", line()});
+    m_result.hosts.push_back(host);
   } else if (!m_hostsFull) {
     m_hostsFull = true;
-    report(line(), "there are more than " + std::to_string(MaxHostsPerFile) +
-                       " host entries; those from here on are left out");
+    report({host.line, host.column}, "there are more than " + std::to_string(MaxHostsPerFile) +
+                                         " host entries; those from here on are left out");
   }
 }
 
-std::string DocumentReader::findHostError(const std::string& name,
-                                          const std::string& address) const {
-  if (isBlank(name)) {
-    return "a <host> without a name is left out; write <host name=\"...\" address=\"...\"/>";
-  }
-  const std::string host = "the host entry " + quoted(name) + " is left out: ";
-  if (name.size() > MaxHostNameLength) {
-    return host + "its name is longer than " + std::to_string(MaxHostNameLength) + " bytes";
-  }
-  if (oneLine(name, MaxHostNameLength) != name) {
-    return host + "its name has a character that cannot be shown";
-  }
-  const std::string& reached = isBlank(address) ? name : address;
-  const std::string error = URL::findError(reached);
-  if (error.empty() && !URL(reached).getHost().empty()) {
-    return {};
-  }
-  const std::string reason = error.empty() ? "it names no host" : oneLine(error, MaxSentenceLength);
-  return isBlank(address) ? host + "it has no address, and its name cannot stand for one: " + reason
-                          : host + "its address " + quoted(address) + " cannot be used: " + reason;
+// ---- Places -----------------------------------------------------------------------------------
+
+/// How far the parser has come.
+std::size_t DocumentReader::offset() const {
+  const long consumed = xmlByteConsumed(m_context.get());
+  return std::min(static_cast<std::size_t>(std::max(consumed, 0L)), m_contents.size());
 }
 
-const std::string* DocumentReader::find(const Attributes& attributes, const char* name) {
-  for (const Attribute& attribute : attributes) {
-    if (attribute.name == name) {
-      return &attribute.value;
+/// Where an attribute of the last tag begins, the tag itself if it has none of that name.
+std::size_t DocumentReader::offsetOfAttribute(const std::string& name) const {
+  const std::size_t end = name.empty() ? m_tag : offset();
+  std::size_t at = m_contents.find_first_of(" \t\r\n/>", m_tag);
+  while (at < end) {
+    const std::size_t begin = m_contents.find_first_not_of(" \t\r\n", at);
+    const std::size_t open = m_contents.find_first_of("\"'", begin);
+    if (begin >= end || open >= end) {
+      break;
     }
+    if (m_contents.compare(begin, name.size(), name) == 0 &&
+        m_contents.find_first_of(" \t\r\n=", begin) == begin + name.size()) {
+      return begin;
+    }
+    at = m_contents.find(m_contents[open], open + 1);
+    at = at == std::string::npos ? at : at + 1;
   }
-  return nullptr;
+  return m_tag;
 }
 
-unsigned int DocumentReader::line() const {
-  return static_cast<unsigned int>(std::max(xmlSAX2GetLineNumber(m_context.get()), 0));
+DocumentReader::Place DocumentReader::placeOf(const std::string& attribute) {
+  return m_places->placeOf(offsetOfAttribute(attribute));
 }
 
-void DocumentReader::report(unsigned int line, const std::string& text) {
+void DocumentReader::report(Place place, const std::string& text) {
   ++m_problemCount;
   if (m_problemCount < MaxProblemsPerFile) {
-    m_problems.push_back({m_path, line, text});
+    m_problems.push_back({m_path, place.line, place.column, text});
   } else if (m_problemCount == MaxProblemsPerFile) {
-    m_problems.push_back({m_path, line, "the problems from here on are not listed"});
+    m_problems.push_back(
+        {m_path, place.line, place.column, "the problems from here on are not listed"});
   }
 }
 
-void DocumentReader::refuse(unsigned int line, const std::string& text) {
+void DocumentReader::refuse(Place place, const std::string& text) {
   m_refused = true;
   // Listed even when the file has had its share of messages: it says why all the rest is moot.
-  m_problems.push_back({m_path, line, text + "; the whole file is skipped"});
+  m_problems.push_back({m_path, place.line, place.column, text + "; the whole file is skipped"});
   if (m_context != nullptr) {
     xmlStopParser(m_context.get());
   }
@@ -578,20 +694,30 @@ void DocumentReader::refuse(unsigned int line, const std::string& text) {
 
 std::string FileProblem::toString() const {
   const std::string place = oneLine(file, MaxPathLength);
-  return line != 0 ? place + ":" + std::to_string(line) + ": " + text : place + ": " + text;
+  return line == 0
+             ? place + ": " + text
+             : place + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + text;
 }
 
 bool readProfileFile(const std::string& path, ProfileFile& profile,
-                     std::vector<FileProblem>& problems) {
-  return DocumentReader(path, profileFormat(), problems).read(profile);
+                     std::vector<FileProblem>& problems, FileTrust::Check check) {
+  return DocumentReader(path, ConfigurationKind::Profile, check, problems).read(profile);
 }
 
 bool readPreferencesFile(const std::string& path, PreferenceInfo& preferences,
-                         std::vector<FileProblem>& problems) {
+                         std::vector<FileProblem>& problems, FileTrust::Check check) {
   ProfileFile file;
-  if (!DocumentReader(path, preferencesFormat(), problems).read(file)) {
+  if (!DocumentReader(path, ConfigurationKind::Preferences, check, problems).read(file)) {
     return false;
   }
   preferences = std::move(file.preferences);
   return true;
+}
+
+ConfigurationKind readConfigurationFile(const std::string& path, ProfileFile& contents,
+                                        std::vector<FileProblem>& problems,
+                                        FileTrust::Check check) {
+  DocumentReader reader(path, ConfigurationKind::Unknown, check, problems);
+  static_cast<void>(reader.read(contents));
+  return reader.format();
 }

@@ -4,15 +4,17 @@
 #include <string>
 #include <vector>
 
+#include "vpn/Api/FileTrust.h"
 #include "vpn/Api/Preference.h"
 
 /// Something wrong in a file, told so that a person can mend it.
 struct FileProblem {
   std::string file;
-  unsigned int line = 0;  ///< 0: the file as a whole
-  std::string text;       ///< what was found and what is allowed
+  unsigned int line = 0;    ///< from 1; 0: the file as a whole
+  unsigned int column = 0;  ///< from 1, in characters; a tab is one
+  std::string text;         ///< what was found and what is allowed
 
-  /// "file:line: text" in one line, "file: text" for the file as a whole.
+  /// "file:line:column: text" in one line, "file: text" for the file as a whole.
   std::string toString() const;
 };
 
@@ -20,11 +22,18 @@ struct FileProblem {
 struct ProfileFile {
   struct Host {
     std::string name;
-    std::string address;  ///< empty when the entry gives none
-    unsigned int line = 0;
+    std::string address;    ///< empty when the entry gives none
+    unsigned int line = 0;  ///< of its tag's beginning
+    unsigned int column = 0;
+  };
+  /// An entry that has a mistake, which is reported.
+  struct LeftOut {
+    Host host;
+    std::string reason;
   };
   PreferenceInfo preferences;
   std::vector<Host> hosts;
+  std::vector<LeftOut> leftOut;  ///< the first `MaxProblemsPerFile`
 };
 
 /// Largest profile or preferences file, in bytes: ten thousand host entries take one.
@@ -41,17 +50,28 @@ constexpr std::size_t MaxHostNameLength = 255;
 /// them says that there are more.
 constexpr std::size_t MaxProblemsPerFile = 100;
 
-/// Reads a profile file (see docs/formats.md). The file is not trusted: only a regular file is
-/// read, up to `MaxConfigurationFileSize` bytes of UTF-8; a document type is refused, so no entity
-/// is ever expanded and nothing outside the file is fetched; time and memory grow with the size
-/// alone. Any thread may call it.
+enum class ConfigurationKind { Unknown, Profile, Preferences };
+
+/// Reads a profile file (see docs/profiles.md). The file is not trusted: only a regular file that
+/// nobody else could have written is read, up to `MaxConfigurationFileSize` bytes of UTF-8; a
+/// document type is refused, so no entity is ever expanded and nothing outside the file is fetched;
+/// time and memory grow with the size alone. Any thread may call it.
 /// @param profile receives what the file says; left alone when the file cannot be used.
 /// @param problems receives what is wrong, appended.
+/// @param check `Waived`: whoever could have written the file.
 /// @return whether the file is a profile that can be used (a wrong entry or preference is left out
 ///         and reported, and the rest is used).
 bool readProfileFile(const std::string& path, ProfileFile& profile,
-                     std::vector<FileProblem>& problems);
+                     std::vector<FileProblem>& problems,
+                     FileTrust::Check check = FileTrust::Check::Strict);
 
 /// Reads a preferences file in the same way.
 bool readPreferencesFile(const std::string& path, PreferenceInfo& preferences,
-                         std::vector<FileProblem>& problems);
+                         std::vector<FileProblem>& problems,
+                         FileTrust::Check check = FileTrust::Check::Strict);
+
+/// Reads a file of either kind in the same way.
+/// @return the kind that its outermost element names; Unknown when it was not reached.
+ConfigurationKind readConfigurationFile(const std::string& path, ProfileFile& contents,
+                                        std::vector<FileProblem>& problems,
+                                        FileTrust::Check check = FileTrust::Check::Strict);

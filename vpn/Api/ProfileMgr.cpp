@@ -11,6 +11,7 @@
 #include <set>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Common/Utility/URL.h"
@@ -25,34 +26,41 @@ constexpr std::string_view ProfileSuffix = ".xml";
 struct ProfileNames {
   std::set<std::string> names;
   std::size_t found = 0;
+  bool isComplete = true;
 };
 
 struct DirectoryCloser {
   void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
+void take(const std::string& name, ProfileNames& profiles) {
+  if (name.ends_with(ProfileSuffix) && !name.starts_with('.')) {
+    ++profiles.found;
+    profiles.names.insert(name);
+    if (profiles.names.size() > ProfileMgr::MaxProfiles) {
+      profiles.names.erase(std::prev(profiles.names.end()));
+    }
+  }
+}
+
 /// @return an errno value, 0 on success. Not std::filesystem: its directory iterator ends the
 /// process when memory is short.
-int listProfiles(const std::string& path, ProfileNames& profiles) {
-  const std::unique_ptr<DIR, DirectoryCloser> directory(::opendir(path.c_str()));
+int listProfiles(FileTrust::Descriptor descriptor, ProfileNames& profiles) {
+  const std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(descriptor.get()));
   if (directory == nullptr) {
     return errno;
   }
-  for (;;) {
+  descriptor.release();  // it goes with the directory
+  for (std::size_t count = 0; count < ProfileMgr::MaxDirectoryEntries; ++count) {
     errno = 0;
     const dirent* entry = ::readdir(directory.get());
     if (entry == nullptr) {
       return errno;
     }
-    const std::string name = entry->d_name;
-    if (name.ends_with(ProfileSuffix) && !name.starts_with('.')) {
-      ++profiles.found;
-      profiles.names.insert(name);
-      if (profiles.names.size() > ProfileMgr::MaxProfiles) {
-        profiles.names.erase(std::prev(profiles.names.end()));
-      }
-    }
+    take(entry->d_name, profiles);
   }
+  profiles.isComplete = false;
+  return 0;
 }
 
 std::string pathText(const std::string& path) {
@@ -72,29 +80,44 @@ ProfileMgr::ProfileMgr() = default;
 
 ProfileMgr::~ProfileMgr() = default;
 
-void ProfileMgr::loadDirectory(const std::string& directory) {
-  ProfileNames profiles;
-  const int error = listProfiles(directory, profiles);
-  if (error == ENOENT) {
+void ProfileMgr::loadDirectory(const std::string& path) {
+  FileTrust::Descriptor directory;
+  FileTrust::Refusal refusal;
+  if (!FileTrust::openDirectory(path, m_check, directory, refusal)) {
+    if (refusal.error != ENOENT) {
+      report({path, 0, 0, "the directory " + refusal.text});
+    }
     return;
   }
+  ProfileNames profiles;
+  const int error = listProfiles(std::move(directory), profiles);
   if (error != 0) {
-    report(directory, 0, "the directory cannot be read: " + std::generic_category().message(error));
+    report({path, 0, 0, "the directory cannot be read: " + std::generic_category().message(error)});
+  }
+  if (!profiles.isComplete) {
+    report({path, 0, 0,
+            "holds more than " + std::to_string(MaxDirectoryEntries) +
+                " names; the profiles among the others are not read"});
   }
   if (profiles.found > profiles.names.size()) {
-    report(directory, 0,
-           "holds " + std::to_string(profiles.found) + " profiles; only the first " +
-               std::to_string(MaxProfiles) + " in order of name are read");
+    report({path, 0, 0,
+            "holds " + std::to_string(profiles.found) + " profiles; only the first " +
+                std::to_string(MaxProfiles) + " in order of name are read"});
   }
+  loadFiles(path, profiles.names);
+  reportConflicts();
+}
+
+void ProfileMgr::loadFiles(const std::string& directory, const std::set<std::string>& names) {
   std::size_t totalSize = 0;
-  for (const std::string& name : profiles.names) {
+  for (const std::string& name : names) {
     const std::string path = directory + "/" + name;
     totalSize += sizeOf(path);
     if (totalSize > MaxTotalSize) {
-      report(
-          path, 0,
-          "this profile and those after it are not read: together the profiles are larger than " +
-              std::to_string(MaxTotalSize / (1024 * 1024)) + " MiB");
+      report({path, 0, 0,
+              "this profile and those after it are not read: together the profiles are larger "
+              "than " +
+                  std::to_string(MaxTotalSize / (1024 * 1024)) + " MiB"});
       return;
     }
     if (m_full) {
@@ -112,11 +135,11 @@ void ProfileMgr::addAddresses(const std::string& profileName,
   for (const std::string& address : addresses) {
     const std::string error = URL::findError(address);
     if (!error.empty() || URL(address).getHost().empty()) {
-      report(profileName, 0,
-             "the address " + quoted(address) +
-                 " is left out: " + (error.empty() ? "it names no host" : error));
+      report({profileName, 0, 0,
+              "the address " + quoted(address) +
+                  " is left out: " + (error.empty() ? "it names no host" : error)});
     } else {
-      profile.hosts.push_back({address, address, 0});
+      profile.hosts.push_back({address, address, 0, 0});
     }
   }
   addProfile(profileName, profileName, profile);
@@ -135,12 +158,24 @@ std::string ProfileMgr::getProfileNameFromHost(const std::string& hostName) cons
   return found != m_hostProfileMap.end() ? found->second->getProfileName() : std::string();
 }
 
+const std::vector<ProfileMgr::LeftOutHost>& ProfileMgr::getLeftOutHosts() const {
+  return m_leftOut;
+}
+
+std::string ProfileMgr::getProfilePath(const std::string& profileName) const {
+  const auto path = m_profilePaths.find(profileName);
+  return path != m_profilePaths.end() ? path->second : std::string();
+}
+
+std::size_t ProfileMgr::getFileCount() const { return m_fileCount; }
+
 const std::vector<FileProblem>& ProfileMgr::getProblems() const { return m_problems; }
 
 void ProfileMgr::loadFile(const std::string& path, const std::string& profileName) {
   ProfileFile profile;
   std::vector<FileProblem> problems;
-  const bool usable = readProfileFile(path, profile, problems);
+  const bool usable = readProfileFile(path, profile, problems, m_check);
+  ++m_fileCount;
   report(problems);
   if (usable) {
     addProfile(profileName, path, profile);
@@ -151,15 +186,18 @@ void ProfileMgr::addProfile(const std::string& profileName, const std::string& p
                             const ProfileFile& profile) {
   const auto [known, isNew] = m_profilePaths.emplace(profileName, path);
   if (!isNew) {
-    report(path, 0,
-           "the profile " + quoted(profileName) + " is there already, from " +
-               pathText(known->second) + "; this file is skipped");
+    report({path, 0, 0,
+            "the profile " + quoted(profileName) + " is there already, from " +
+                pathText(known->second) + "; this file is skipped"});
     return;
   }
   m_settings.push_back(std::make_unique<HostInitSettings>(profile.preferences));
   m_fileInitMap[profileName] = m_settings.back().get();
   for (const ProfileFile::Host& host : profile.hosts) {
     addHost(profileName, path, host);
+  }
+  for (const ProfileFile::LeftOut& entry : profile.leftOut) {
+    leaveOut(profileName, path, entry.host, entry.reason);
   }
 }
 
@@ -168,40 +206,75 @@ void ProfileMgr::addHost(const std::string& profileName, const std::string& path
   if (m_hosts.size() >= MaxHosts) {
     if (!m_full) {
       m_full = true;
-      report(path, host.line,
-             "there are more than " + std::to_string(MaxHosts) +
-                 " host entries; those from here on, and the profiles after this, are left out");
+      report({path, host.line, host.column,
+              "there are more than " + std::to_string(MaxHosts) +
+                  " host entries; those from here on, and the profiles after this, are left out"});
     }
     return;
   }
   const auto [known, isNew] = m_hostProfileMap.emplace(host.name, nullptr);
   if (!isNew) {
-    report(path, host.line,
-           "the host entry " + quoted(host.name) +
-               " is left out: the name belongs to the entry in " + placeOf(*known->second));
+    const std::string reason = "the name belongs to the entry in " +
+                               placeOf(known->second->getProfileName(), known->second->getLine());
+    report({path, host.line, host.column,
+            "the host entry " + quoted(host.name) + " is left out: " + reason});
+    leaveOut(profileName, path, host, reason);
     return;
   }
   m_hosts.push_back(std::make_unique<HostProfile>(profileName, host.name, host.address, host.line));
   known->second = m_hosts.back().get();
 }
 
-void ProfileMgr::report(const std::string& file, unsigned int line, const std::string& text) {
+void ProfileMgr::leaveOut(const std::string& profileName, const std::string& path,
+                          const ProfileFile::Host& host, const std::string& reason) {
+  if (m_leftOut.size() < MaxProblems) {
+    m_leftOut.push_back({profileName, path, host, reason});
+  }
+}
+
+void ProfileMgr::reportConflicts() {
+  struct Setting {
+    std::string profileName;
+    const Preference* preference;
+  };
+  std::map<PreferenceId, Setting> counting;
+  for (const auto& [name, settings] : m_fileInitMap) {
+    for (const auto& [id, preference] : settings->getPreferences().all()) {
+      const auto [first, isFirst] = counting.emplace(id, Setting{name, &preference});
+      // The switch is each profile's own.
+      if (isFirst || id == EnableAutomaticServerSelection ||
+          first->second.preference->getPreferenceValue() == preference.getPreferenceValue()) {
+        continue;
+      }
+      const Setting& other = first->second;
+      report({m_profilePaths[name], preference.getLine(), preference.getColumn(),
+              std::string(PreferenceBase::find(id)->name) + " " +
+                  quoted(preference.getPreferenceValue()) + " has no effect: the profile " +
+                  quoted(other.profileName) + " sets " +
+                  quoted(other.preference->getPreferenceValue()) + " in " +
+                  placeOf(other.profileName, other.preference->getLine()) +
+                  ", and the first profile in order of name counts"});
+    }
+  }
+}
+
+void ProfileMgr::report(const FileProblem& problem) {
   if (m_problems.size() + 1 < MaxProblems) {
-    m_problems.push_back({file, line, text});
+    m_problems.push_back(problem);
   } else if (m_problems.size() < MaxProblems) {
-    m_problems.push_back({file, line, "the problems from here on are not listed"});
+    m_problems.push_back(
+        {problem.file, problem.line, problem.column, "the problems from here on are not listed"});
   }
 }
 
 void ProfileMgr::report(const std::vector<FileProblem>& problems) {
   for (const FileProblem& problem : problems) {
-    report(problem.file, problem.line, problem.text);
+    report(problem);
   }
 }
 
-std::string ProfileMgr::placeOf(const HostProfile& host) const {
-  const auto path = m_profilePaths.find(host.getProfileName());
-  const std::string file = path != m_profilePaths.end() ? path->second : host.getProfileName();
-  return pathText(file) +
-         (host.getLine() != 0 ? ":" + std::to_string(host.getLine()) : std::string());
+std::string ProfileMgr::placeOf(const std::string& profileName, unsigned int line) const {
+  const std::string path = getProfilePath(profileName);
+  return pathText(path.empty() ? profileName : path) +
+         (line != 0 ? ":" + std::to_string(line) : std::string());
 }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,9 @@
 ///
 /// A profile's name is its file's name without ".xml"; a file whose name begins with a dot is no
 /// profile. Files are read in ascending byte order of their names. A host entry's name belongs to
-/// the first profile that has it; a later entry of the same name is reported and left out. A file
+/// the first profile that has it; a later entry of the same name is reported and left out. Of
+/// profiles that give a preference different values the first in byte order of their names counts,
+/// and the others are reported. A file
 /// that cannot be read or is not a profile is reported and skipped, and so is an entry whose
 /// address cannot be parsed; the rest is used. Constant once it is loaded; any thread may then read
 /// it. Objects handed out belong to the manager.
@@ -25,6 +28,8 @@ class ProfileMgr {
   static constexpr std::size_t MaxHosts = 100000;
   static constexpr std::size_t MaxTotalSize =
       std::size_t{64} * 1024 * 1024;  ///< bytes of all files
+  /// Names that are looked at in a directory, whatever they are.
+  static constexpr std::size_t MaxDirectoryEntries = 1000000;
   /// Most problems that are kept; the last of them says that there are more.
   static constexpr std::size_t MaxProblems = 1000;
 
@@ -34,7 +39,11 @@ class ProfileMgr {
   ProfileMgr(const ProfileMgr&) = delete;
   ProfileMgr& operator=(const ProfileMgr&) = delete;
 
-  /// Reads the profiles of a directory; one that does not exist counts as empty.
+  /// From now on files are read whoever could have written them.
+  void trustFiles() { m_check = FileTrust::Check::Waived; }
+
+  /// Reads the profiles of a directory; one that does not exist counts as empty. One in which
+  /// another user could have put files is refused as a whole.
   void loadDirectory(const std::string& directory);
 
   /// Adds one profile made of the given addresses, automatic selection switched on; an address is
@@ -51,18 +60,39 @@ class ProfileMgr {
   /// The name of the profile that holds the entry; empty if there is none.
   std::string getProfileNameFromHost(const std::string& hostName) const;
 
+  /// A host entry that is in none of the maps.
+  struct LeftOutHost {
+    std::string profileName;
+    std::string path;
+    ProfileFile::Host host;
+    std::string reason;
+  };
+
+  /// Entries that have a mistake or another's name, `MaxProblems` at most.
+  const std::vector<LeftOutHost>& getLeftOutHosts() const;
+
+  /// The file of a profile; empty if there is no such profile.
+  std::string getProfilePath(const std::string& profileName) const;
+
+  /// How many files were read, profiles or not.
+  std::size_t getFileCount() const;
+
   /// What was wrong with the files, in the order they were read.
   const std::vector<FileProblem>& getProblems() const;
 
  private:
+  void loadFiles(const std::string& directory, const std::set<std::string>& names);
   void loadFile(const std::string& path, const std::string& profileName);
   void addProfile(const std::string& profileName, const std::string& path,
                   const ProfileFile& profile);
   void addHost(const std::string& profileName, const std::string& path,
                const ProfileFile::Host& host);
-  void report(const std::string& file, unsigned int line, const std::string& text);
+  void leaveOut(const std::string& profileName, const std::string& path,
+                const ProfileFile::Host& host, const std::string& reason);
+  void reportConflicts();
+  void report(const FileProblem& problem);
   void report(const std::vector<FileProblem>& problems);
-  std::string placeOf(const HostProfile& host) const;
+  std::string placeOf(const std::string& profileName, unsigned int line) const;
 
   // What the two maps point to, by address for as long as the manager lives.
   std::vector<std::unique_ptr<HostInitSettings>> m_settings;
@@ -70,6 +100,9 @@ class ProfileMgr {
   std::map<std::string, HostInitSettings*> m_fileInitMap;
   std::map<std::string, HostProfile*> m_hostProfileMap;
   std::map<std::string, std::string> m_profilePaths;  // profile name to its file, for messages
+  std::vector<LeftOutHost> m_leftOut;
   std::vector<FileProblem> m_problems;
+  FileTrust::Check m_check = FileTrust::Check::Strict;
+  std::size_t m_fileCount = 0;
   bool m_full = false;  // MaxHosts is reached
 };

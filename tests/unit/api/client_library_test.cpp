@@ -74,7 +74,7 @@ TEST_F(ClientLibraryTest, TheLogIsOpenBeforeTheFilesAreReadAndClosedAtTheEnd) {
     const CClientLibrary library(m_options, m_status);
     EXPECT_EQ(m_status, 0);
   }
-  EXPECT_THAT(tests::readFile(m_options.log.file), HasSubstr("user.xml:1: is not well-formed"));
+  EXPECT_THAT(tests::readFile(m_options.log.file), HasSubstr("user.xml:1:2: is not well-formed"));
   CAppLog::LogDebugMessage("f", "file", 1, Logging::DBG_Error, "%s", "after the end");
   CAppLog::Flush();
   EXPECT_THAT(tests::readFile(m_options.log.file), testing::Not(HasSubstr("after the end")));

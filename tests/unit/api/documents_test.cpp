@@ -1,7 +1,10 @@
 // What the documentation shows is what the program reads: the examples load without a word, stand
 // in the text as they are, and the table of preferences has each with its default and its range.
 
+#include <algorithm>
+
 #include "tests/unit/api/api_fixture.h"
+#include "vpn/Api/ConfigurationSchema.h"
 #include "vpn/Api/ProfileMgr.h"
 
 using testing::ElementsAre;
@@ -13,7 +16,7 @@ namespace {
 
 const std::string Root = AHS_SOURCE_DIR;
 
-std::string formats() { return tests::readFile(Root + "/docs/formats.md"); }
+std::string formats() { return tests::readFile(Root + "/docs/profiles.md"); }
 
 /// The row of a preference in the table, empty if it has none.
 std::string rowOf(const std::string& text, const char* name) {
@@ -22,10 +25,38 @@ std::string rowOf(const std::string& text, const char* name) {
                                     : text.substr(begin + 1, text.find('\n', begin + 1) - begin);
 }
 
+/// The names that a <preference> may have anywhere below an element.
+std::vector<std::string> namesAllowedIn(const ElementRule& rule) {
+  std::vector<std::string> names;
+  for (const ElementRule& child : rule.children) {
+    for (const std::string& name : namesAllowedIn(child)) {
+      names.push_back(name);
+    }
+  }
+  for (const ElementRule::Attribute& attribute : rule.attributes) {
+    if (rule.name == "preference" && attribute.name == "name") {
+      names.insert(names.end(), attribute.words.begin(), attribute.words.end());
+    }
+  }
+  return names;
+}
+
+std::string placesOf(const std::string& preference) {
+  const auto isIn = [&](const CConfigurationSchema& schema) {
+    const std::vector<std::string> names = namesAllowedIn(schema.root());
+    return std::find(names.begin(), names.end(), preference) != names.end();
+  };
+  const bool isInPreferences = isIn(CConfigurationSchema::preferences());
+  return !isIn(CConfigurationSchema::profile()) ? "preferences"
+         : isInPreferences                      ? "both"
+                                                : "profile";
+}
+
 }  // namespace
 
 TEST(Documents, TheExampleProfilesLoadWithoutAProblem) {
   ProfileMgr profiles;
+  profiles.trustFiles();  // a checkout may be anybody's
   profiles.loadDirectory(Root + "/examples/profiles");
   EXPECT_THAT(profiles.getProblems(), IsEmpty());
   EXPECT_THAT(profiles.getFileInitMap(), ElementsAre(Key("europe"), Key("laboratory")));
@@ -46,13 +77,28 @@ TEST(Documents, TheFormatsShowTheExamplesAsTheyAre) {
   EXPECT_THAT(formats(), HasSubstr(tests::readFile(Root + "/examples/preferences.xml")));
 }
 
+TEST(Documents, ThePreferencesOfTheSchemasAreThoseThatThereAre) {
+  std::vector<std::string> known;
+  std::size_t count = 0;
+  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    known.emplace_back(all[i].name);
+  }
+  std::vector<std::string> allowed = namesAllowedIn(CConfigurationSchema::preferences().root());
+  EXPECT_THAT(known, testing::IsSupersetOf(allowed));
+  for (const std::string& name : namesAllowedIn(CConfigurationSchema::profile().root())) {
+    allowed.push_back(name);
+  }
+  EXPECT_THAT(allowed, testing::IsSupersetOf(known));
+}
+
 TEST(Documents, TheTableHasEveryPreferenceWithUnitRangeDefaultAndPlace) {
-  const std::string text = formats();
+  const std::string text = formats().substr(formats().find("\n## All preferences\n"));
   std::size_t count = 0;
   const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
   for (std::size_t i = 0; i < count; ++i) {
     const std::string row = rowOf(text, all[i].name);
-    EXPECT_THAT(row, HasSubstr(all[i].inProfile ? "| profile |" : "| preferences |"));
+    EXPECT_THAT(row, HasSubstr("| " + placesOf(all[i].name) + " |"));
     if (all[i].unit != nullptr) {
       const std::string unit = *all[i].unit != '\0' ? std::string(" ") + all[i].unit : "";
       EXPECT_THAT(row, HasSubstr("|" + unit + " | " + std::to_string(all[i].least) + " to " +

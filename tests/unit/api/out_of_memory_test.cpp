@@ -72,7 +72,7 @@ TEST(PreferenceMgr, AnyAllocationThatFailsEndsTheStartWithItsCodeAndTheNextStart
     PreferenceMgr* instance = PreferenceMgr::acquireInstance();
     ASSERT_EQ(instance != nullptr, status == PREFERENCEMGR_SUCCESS) << number;
     if (instance != nullptr) {
-      EXPECT_EQ(instance->getProblems().size(), 9U) << number;
+      EXPECT_EQ(instance->getProblems().size(), 10U) << number;
       instance->releaseInstance();
       instance->releaseInstance();
     }

@@ -234,7 +234,7 @@ TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach
   const std::vector<FileProblem> problems = preferences->getProblems();
   EXPECT_THAT(problems, ElementsAre(ProblemAt(3, Pieces{"did you mean <preference>?"}),
                                     ProblemAt(3, Pieces{"not well-formed"}),
-                                    ProblemAt(4, Pieces{"without a name"})));
+                                    ProblemAt(4, Pieces{"without \"name\""})));
   ASSERT_THAT(log.Lines(), SizeIs(3));
   for (std::size_t i = 0; i < problems.size(); ++i) {
     EXPECT_EQ(log.Lines()[i].function, "PreferenceMgr");
@@ -249,7 +249,7 @@ TEST_F(PreferenceMgrTest, AFileNameWithAFormatInItIsLoggedAsItStands) {
   const LogCapture log;
   const ScopedPreferenceMgr preferences(m_sources);
   ASSERT_THAT(log.Lines(), SizeIs(1));
-  EXPECT_THAT(log.Lines()[0].message, testing::HasSubstr("/100%s%n.xml:1: "));
+  EXPECT_THAT(log.Lines()[0].message, testing::HasSubstr("/100%s%n.xml:1:2: "));
 }
 
 TEST_F(PreferenceMgrTest, ManyThreadsMayAcquireReadAndReleaseWhileItIsTakenDown) {

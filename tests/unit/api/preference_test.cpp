@@ -58,7 +58,6 @@ TEST(PreferenceBase, DefaultsAreAllowedAndWithinTheirRange) {
   const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
   for (std::size_t i = 0; i < count; ++i) {
     EXPECT_EQ(PreferenceBase::findError(all[i], all[i].defaultValue), "") << all[i].name;
-    EXPECT_NE(all[i].inProfile, all[i].inPreferences) << all[i].name;
     unsigned int number = 0;
     if (all[i].unit != nullptr && *all[i].defaultValue != '\0') {
       EXPECT_TRUE(PreferenceBase::parseNumber(all[i], all[i].defaultValue, number)) << all[i].name;

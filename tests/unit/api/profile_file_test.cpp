@@ -85,6 +85,83 @@ TEST_F(ProfileFileTest, CommentsAndAByteOrderMarkAreNoMatter) {
   EXPECT_THAT(reading.problems, IsEmpty());
 }
 
+TEST_F(ProfileFileTest, AMistakeIsToldWithThePlaceWhereTheTagAttributeOrTextBegins) {
+  const ProfileReading reading = read(
+      "\xEF\xBB\xBF<profile version='1'>\n"
+      "\t<hosts>\n"
+      "  <host name=\"Zürich\" adress=\"gw\"/><hsot/>\n"
+      "  <host\n"
+      "      name=\"a name&#61;b\"\n"
+      "      address='g w'/> text\n"
+      "  <host name='东京'/><host address=\"name\" />\r\n"
+      "  <host name=\"b\"><![CDATA[in]]></host>\n"
+      "  </hosts></profile>");
+  std::vector<std::string> places;
+  for (const FileProblem& problem : reading.problems) {
+    places.push_back(std::to_string(problem.line) + ":" + std::to_string(problem.column) + " " +
+                     problem.text.substr(0, 12));
+  }
+  EXPECT_THAT(places, ElementsAre("3:23 unknown attr", "3:36 unknown elem", "6:7 the host ent",
+                                  "6:23 text inside ", "7:20 a <host> wit", "8:18 text inside "));
+}
+
+TEST_F(ProfileFileTest, AMistakeInXmlIsToldInWordsOfOursWithItsPlace) {
+  struct Case {
+    const char* text;
+    const char* message;
+  };
+  constexpr Case cases[] = {
+      {"<profile version=\"1\">\n<hosts>\n</host>",
+       "</host> stands where <hosts> has to be closed"},
+      {"<profile version=\"1\">\n<hosts>\n", "the file ends inside <hosts>"},
+      {"<profile version=\"1\"/>\n<hosts/>", "after the end of the outermost element"},
+      {"<profile version=1/>", "between quotation marks"},
+      {"<profile version/>", "an attribute has no value"},
+      {"<profile version=\"1/>\n<hosts/>", "the closing quotation mark before it is missing"},
+      {"<profile version=\"1\"><hosts><host name=\"R&D\"/></hosts></profile>", "written as &amp;"},
+      {"<profile version=\"1\" version=\"1\"/>", "stands twice in one tag"},
+      {"<profile version=\"1\"><x:hosts/></profile>", "the prefix \"x:\" is not known"},
+      {"<profile version=\"1\"><!-- a -- b --></profile>",
+       "\"--\" must not stand inside a comment"},
+      {"<profile version=\"1\">\x01</profile>", "breaks a rule|does not allow"},
+      {"profile", "the file has to begin with a tag"},
+  };
+  for (const Case& wrong : cases) {
+    const ProfileReading reading = read(wrong.text);
+    EXPECT_FALSE(reading.usable) << wrong.text;
+    ASSERT_THAT(reading.problems, SizeIs(1)) << wrong.text;
+    EXPECT_THAT(reading.problems[0].text, testing::ContainsRegex(wrong.message));
+    EXPECT_GT(reading.problems[0].line, 0U) << wrong.text;
+    EXPECT_GT(reading.problems[0].column, 0U) << wrong.text;
+  }
+}
+
+TEST_F(ProfileFileTest, EntriesWithAMistakeAreKeptAsideWithTheReason) {
+  const ProfileReading reading =
+      read(profileWithHosts("<host name=\"a\" address=\"g w\"/><host name=\"b\" adress=\"gw\"/>"));
+  EXPECT_THAT(reading.profile.hosts, IsEmpty());
+  ASSERT_THAT(reading.profile.leftOut, SizeIs(2));
+  EXPECT_EQ(reading.profile.leftOut[0].host.name, "a");
+  EXPECT_THAT(reading.profile.leftOut[0].reason, testing::HasSubstr("\"g w\" cannot be used"));
+  EXPECT_EQ(reading.profile.leftOut[1].host.name, "b");
+  EXPECT_EQ(reading.profile.leftOut[1].reason, "it has a mistake");
+}
+
+TEST_F(ProfileFileTest, AFileOfEitherKindIsToldByItsOutermostElement) {
+  ProfileFile contents;
+  std::vector<FileProblem> problems;
+  EXPECT_EQ(readConfigurationFile(m_directory.Write("p", profileText("")), contents, problems),
+            ConfigurationKind::Profile);
+  EXPECT_EQ(
+      readConfigurationFile(m_directory.Write("q", tests::preferencesText("")), contents, problems),
+      ConfigurationKind::Preferences);
+  EXPECT_THAT(problems, IsEmpty());
+  EXPECT_EQ(readConfigurationFile(m_directory.Write("r", "<profil/>"), contents, problems),
+            ConfigurationKind::Unknown);
+  EXPECT_THAT(problems, ElementsAre(ProblemAt(1, Pieces{"<profil>", "<profile>, <preferences>",
+                                                        "did you mean <profile>?"})));
+}
+
 TEST_F(ProfileFileTest, WindowsLineEndsAreCountedOnce) {
   const ProfileReading reading = read(
       "<profile version=\"1\">\r\n<hosts>\r\n<host name=\"a\"/>\r\n</hosts>\r\n</profile>\r\n");
@@ -101,7 +178,7 @@ TEST_F(ProfileFileTest, LinesBeyondSixteenBitsAreCountedRight) {
   const ProfileReading reading = read(profileWithHosts(lines + "<host name=\"a\"/><host/>"));
   ASSERT_THAT(reading.profile.hosts, SizeIs(1));
   EXPECT_EQ(reading.profile.hosts[0].line, 70004U);
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(70004, Pieces{"without a name"})));
+  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(70004, Pieces{"without \"name\""})));
 }
 
 TEST_F(ProfileFileTest, NamesOfAnyLanguageAreTakenByteForByte) {
@@ -128,9 +205,9 @@ TEST_F(ProfileFileTest, AnEntryWithoutANameIsLeftOutAndTheRestUsed) {
       "<host name=\"right\" address=\"gw3\"/>"));
   EXPECT_TRUE(reading.usable);
   EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("right"));
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"without a name"}),
-                                            ProblemAt(5, Pieces{"without a name"}),
-                                            ProblemAt(6, Pieces{"without a name"})));
+  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"without \"name\"", "is left out"}),
+                                            ProblemAt(5, Pieces{"\"\"", "not blanks alone"}),
+                                            ProblemAt(6, Pieces{"\"  \"", "not blanks alone"})));
 }
 
 TEST_F(ProfileFileTest, AnAddressThatCannotBeParsedLeavesItsEntryOut) {
@@ -178,7 +255,7 @@ TEST_F(ProfileFileTest, ANameMayHaveTwoHundredAndFiftyFiveBytesAndNoMore) {
       read(profileWithHosts("<host name=\"" + longest + "\" address=\"gw\"/><host name=\"" +
                             longest + "n\" address=\"gw\"/>"));
   EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre(longest));
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"longer than 255 bytes"})));
+  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"must be 1 to 255 bytes"})));
 }
 
 TEST_F(ProfileFileTest, AMisspeltAddressLeavesItsEntryOutBecauseTheNameIsAnotherGateway) {
@@ -222,12 +299,12 @@ TEST_F(ProfileFileTest, AMisspeltPreferenceIsLeftOutWithTheNearestRightName) {
 }
 
 TEST_F(ProfileFileTest, APreferenceOfThePreferencesFileIsSentThere) {
-  const ProfileReading reading = read(profileText(
-      "<preferences><preference name=\"SelectionImprovement\" value=\"5\"/></preferences>"));
+  const ProfileReading reading = read(
+      profileText("<preferences><preference name=\"ProxyHost\" value=\"proxy\"/></preferences>"));
   Preference* preference = nullptr;
-  EXPECT_FALSE(reading.profile.preferences.getPreference(SelectionImprovement, preference));
+  EXPECT_FALSE(reading.profile.preferences.getPreference(ProxyHost, preference));
   EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(3, Pieces{"\"SelectionImprovement\"", "a preferences file"})));
+              ElementsAre(ProblemAt(3, Pieces{"\"ProxyHost\"", "a preferences file"})));
 }
 
 TEST_F(ProfileFileTest, ASwitchThatIsNeitherOnNorOffIsReportedAndKeptAsItIsWritten) {
@@ -248,7 +325,7 @@ TEST_F(ProfileFileTest, UserControllableWithAnotherWordCountsAsFalse) {
   ASSERT_NE(switchOf(reading.profile), nullptr);
   EXPECT_FALSE(switchOf(reading.profile)->isUserControllable());
   EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(3, Pieces{"\"yes\"", "counts as \"false\""})));
+              ElementsAre(ProblemAt(3, Pieces{"\"yes\"", "counts as if it were not there"})));
 }
 
 TEST_F(ProfileFileTest, APreferenceWithAnUnknownAttributeIsUsedWithoutIt) {
@@ -329,7 +406,7 @@ TEST_F(ProfileFileTest, AFileThatIsNotWellFormedIsSkippedAsAWhole) {
 
 TEST_F(ProfileFileTest, AFileThatCannotBeUsedLeavesTheResultAlone) {
   ProfileFile profile;
-  profile.hosts.push_back({"before", "", 0});
+  profile.hosts.push_back({"before", "", 0, 0});
   std::vector<FileProblem> problems(1);
   EXPECT_FALSE(
       readProfileFile(m_directory.Write("p.xml", profileWithHosts("<")), profile, problems));
@@ -343,17 +420,17 @@ TEST_F(ProfileFileTest, AMissingFileIsReportedWithTheReason) {
   EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(0, Pieces{"No such file or directory"})));
 }
 
-TEST_F(ProfileFileTest, AProblemReadsAsFileLineAndText) {
+TEST_F(ProfileFileTest, AProblemReadsAsFileLineColumnAndText) {
   const ProfileReading reading = read(profileWithHosts("<host/>"));
   ASSERT_THAT(reading.problems, SizeIs(1));
   EXPECT_EQ(reading.problems[0].toString(),
-            m_directory.File("profile.xml") + ":4: " + reading.problems[0].text);
+            m_directory.File("profile.xml") + ":4:1: " + reading.problems[0].text);
 }
 
 TEST(FileProblem, WithoutALineTheFileAndTheTextAreLeft) {
-  EXPECT_EQ((FileProblem{"a.xml", 0, "is empty"}.toString()), "a.xml: is empty");
+  EXPECT_EQ((FileProblem{"a.xml", 0, 0, "is empty"}.toString()), "a.xml: is empty");
 }
 
 TEST(FileProblem, AFileNameCannotForgeALine) {
-  EXPECT_EQ((FileProblem{"a\nb.xml", 7, "is empty"}.toString()), "a\\x0ab.xml:7: is empty");
+  EXPECT_EQ((FileProblem{"a\nb.xml", 7, 3, "is empty"}.toString()), "a\\x0ab.xml:7:3: is empty");
 }

@@ -88,6 +88,18 @@ TEST(Candidates, AddressesTakeThePlaceOfAllProfiles) {
   EXPECT_EQ(candidates[1].place, Place("gw-x", 443));
 }
 
+TEST(HostEntries, OfTheCommandLineTakePartAndHaveNoFile) {
+  PreferenceMgr::Sources sources;
+  sources.addresses = {"gw-x"};
+  const Loaded loaded(sources);
+  const auto entries = findHostEntries();
+  ASSERT_EQ(entries.size(), 1U);
+  EXPECT_TRUE(entries[0].takesPart);
+  EXPECT_EQ(entries[0].file, "");
+  EXPECT_EQ(entries[0].address, "gw-x");
+}
+
 TEST(Candidates, WithoutAPreferenceManagerThereAreNone) {
+  EXPECT_THAT(findHostEntries(), IsEmpty());
   EXPECT_THAT(findCandidates(), IsEmpty());
 }

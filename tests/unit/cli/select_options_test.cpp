@@ -122,9 +122,21 @@ TEST_F(SelectOptionsTest, NamedPlacesHaveToExist) {
 
 TEST_F(SelectOptionsTest, AMalformedPreferencesFileThatWasNamedIsRefusedWithFileAndLine) {
   options.preferences = directory.Write("preferences.xml", "<?xml version=\"1.0\"?>\n<oops\n");
-  EXPECT_THAT(make(), HasSubstr("not a well-formed preferences file"));
+  EXPECT_THAT(make(), HasSubstr("cannot be used"));
   ASSERT_FALSE(problems.empty());
   EXPECT_THAT(problems.front(), HasSubstr(*options.preferences + ":"));
+}
+
+TEST_F(SelectOptionsTest, AFileThatAnotherUserCouldHaveWrittenIsRefusedUnlessFilesAreTrusted) {
+  options.preferences = directory.Write("preferences.xml", "<preferences version=\"1\"/>");
+  std::filesystem::permissions(*options.preferences, std::filesystem::perms::all);
+  EXPECT_THAT(make(), HasSubstr("cannot be used"));
+  ASSERT_FALSE(problems.empty());
+  EXPECT_THAT(problems.front(), HasSubstr("chmod go-w"));
+  EXPECT_FALSE(plan.sources.trustFiles);
+  options.trustProfiles = true;
+  EXPECT_EQ(make(), "");
+  EXPECT_TRUE(plan.sources.trustFiles);
 }
 
 TEST_F(SelectOptionsTest, NoCacheMeansNoFile) {

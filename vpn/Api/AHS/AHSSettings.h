@@ -32,7 +32,7 @@ class CAHSSettings {
   CAHSSettings() = delete;
 
   /// Fills every field. A preference that is missing, not a number or out of its range (see
-  /// docs/formats.md) gives the default, the latter two with a warning in the log; without
+  /// docs/profiles.md) gives the default, the latter two with a warning in the log; without
   /// preferences all are defaults. Any thread may call it.
   static void GetSettings(HS_SETTINGS& settings);
 };

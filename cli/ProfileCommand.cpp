@@ -1,0 +1,140 @@
+// `ahs profile check` and `ahs profile list`: what is wrong with the files, and what becomes of
+// each host entry. Neither measures anything.
+
+#include <errno.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "cli/Candidates.h"
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/FileOptions.h"
+#include "cli/ProfileCheck.h"
+#include "cli/Table.h"
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+constexpr int JsonSchema = 1;
+constexpr int JsonIndent = 2;
+
+struct CheckOptions {
+  std::vector<std::string> places;
+  bool trustProfiles = false;
+  bool json = false;
+};
+
+int complainOfPlace(const std::string& text) {
+  Console::complain(text + " 'ahs profile check --help' shows all options.");
+  return ExitUsage;
+}
+
+// A FIFO or a device is for the reader to refuse, which takes no look at its contents.
+bool isThere(const std::string& place) {
+  struct stat status {};
+  return ::stat(place.c_str(), &status) == 0 || errno != ENOENT;
+}
+
+int runCheck(const CheckOptions& options) {
+  std::vector<std::string> places = options.places;
+  if (places.empty()) {
+    SelectPlan plan;
+    std::vector<std::string> none;
+    static_cast<void>(makeFilePlan({}, defaultPaths(), plan, none));
+    if (!isThere(plan.sources.profileDirectory)) {
+      return complainOfPlace("there is no profile directory: it was looked for in " +
+                             plan.profilePlaces + ". Name a directory or files to check.");
+    }
+    places.push_back(plan.sources.profileDirectory);
+  }
+  for (const std::string& place : places) {
+    if (!isThere(place)) {
+      return complainOfPlace("there is no file or directory '" + Console::visible(place) + "'.");
+    }
+  }
+  const CheckResult result = checkFiles(
+      places, options.trustProfiles ? FileTrust::Check::Waived : FileTrust::Check::Strict);
+  return Console::writeResult(options.json ? checkJson(result) : checkText(result),
+                              result.problems.empty() ? ExitNoMistakes : ExitMistakes);
+}
+
+std::string listText(const std::vector<HostEntry>& entries) {
+  std::vector<std::vector<std::string>> rows;
+  rows.reserve(entries.size());
+  for (const HostEntry& entry : entries) {
+    rows.push_back(
+        {entry.name, entry.profile, entry.address, entry.takesPart ? "yes" : "no", entry.reason});
+  }
+  return tableText({"HOST ENTRY", "PROFILE", "ADDRESS", "TAKES PART", "BECAUSE"}, rows);
+}
+
+std::string listJson(const std::vector<HostEntry>& entries) {
+  json object;
+  object["schema"] = JsonSchema;
+  object["hosts"] = json::array();
+  for (const HostEntry& entry : entries) {
+    object["hosts"].push_back({{"name", entry.name},
+                               {"profile", entry.profile},
+                               {"file", entry.file},
+                               {"line", entry.line},
+                               {"address", entry.address},
+                               {"takesPart", entry.takesPart},
+                               {"because", entry.reason}});
+  }
+  return object.dump(JsonIndent, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+int runList(const SelectOptions& options) {
+  const LoadedFiles files(options, "ahs profile list");
+  if (!files.areThere()) {
+    return ExitUsage;
+  }
+  const std::vector<HostEntry> entries = findHostEntries();
+  if (entries.empty()) {
+    Console::complain("there is no host entry in the profiles in " + files.profilePlaces() + ".");
+  }
+  return Console::writeResult(options.json ? listJson(entries) : listText(entries), ExitNoMistakes);
+}
+
+void addCheck(CLI::App& profile, ChosenCommand& chosen) {
+  CLI::App* command =
+      profile.add_subcommand("check", "Print every mistake in profiles and preferences files");
+  const auto options = std::make_shared<CheckOptions>();
+  command
+      ->add_option("PLACE", options->places,
+                   "Directories of profiles, and files of either kind; the directory that a "
+                   "selection would use unless given")
+      ->option_text("[DIR|FILE...]");
+  command->add_flag("--trust-profiles", options->trustProfiles,
+                    "Read files whoever could have written them");
+  command->add_flag("--json", options->json, "Print one JSON object");
+  command->footer("Exit status: 0 no mistakes, 1 mistakes, 2 usage.");
+  command->callback([&chosen, options] { chosen = [options] { return runCheck(*options); }; });
+}
+
+void addList(CLI::App& profile, ChosenCommand& chosen) {
+  CLI::App* command = profile.add_subcommand(
+      "list", "Print every host entry, and whether it takes part in automatic selection");
+  const auto options = std::make_shared<SelectOptions>();
+  command->add_option("--profiles", options->profiles, "Directory of the profiles")
+      ->option_text("DIR");
+  command->add_flag("--trust-profiles", options->trustProfiles,
+                    "Read files whoever could have written them");
+  command->add_flag("--json", options->json, "Print one JSON object");
+  command->footer("Exit status: 0 printed, 2 usage.");
+  command->callback([&chosen, options] { chosen = [options] { return runList(*options); }; });
+}
+
+}  // namespace
+
+void addProfileCommand(CLI::App& tool, ChosenCommand& chosen) {
+  CLI::App* command = tool.add_subcommand("profile", "Check and list profiles");
+  command->require_subcommand(1);
+  addCheck(*command, chosen);
+  addList(*command, chosen);
+}

@@ -1,0 +1,266 @@
+// Opens a path step by step from the root, as the kernel would, and looks at each step before it is
+// taken. Links are followed by hand, so the directories they stand in and lead through are looked
+// at too. What is read in the end is the very file that was looked at.
+
+#include "vpn/Api/FileTrust.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "vpn/Api/ConfigurationText.h"
+
+namespace {
+
+using FileTrust::Check;
+using FileTrust::Descriptor;
+using FileTrust::Refusal;
+
+// As many as the kernel follows.
+constexpr int MaxLinks = 40;
+
+constexpr mode_t OthersMayWrite = S_IWGRP | S_IWOTH;
+
+// Without O_NONBLOCK, opening a FIFO that has taken a file's place would wait for its writer.
+constexpr int ForReading = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+bool fail(Refusal& refusal, int error) {
+  // strerror(3) is not for threads.
+  refusal = {error, "cannot be opened: " + std::generic_category().message(error)};
+  return false;
+}
+
+bool refuse(Refusal& refusal, const std::string& text) {
+  refusal = {0, text};
+  return false;
+}
+
+std::string octal(mode_t mode) {
+  std::string text = "0000";
+  for (std::size_t i = text.size(); i-- > 0; mode >>= 3U) {
+    text[i] = static_cast<char>('0' + (mode & 7U));
+  }
+  return text;
+}
+
+std::string shown(const std::string& path) { return ConfigurationText::oneLine(path, PATH_MAX); }
+
+std::string distrust(const std::string& what, const std::string& remedy) {
+  return "is refused because another user could have changed it: " + what + ". Run '" + remedy +
+         "', or read it all the same with --trust-profiles";
+}
+
+/// What speaks against a file, directory or link.
+std::string findDistrust(const struct stat& status, const std::string& path) {
+  const uid_t user = ::geteuid();
+  if (status.st_uid != 0 && status.st_uid != user) {
+    return distrust(shown(path) + " belongs to user " + std::to_string(status.st_uid) +
+                        ", neither to root nor to the user who reads it, " + std::to_string(user),
+                    "chown " + std::to_string(user) + " " + shown(path));
+  }
+  const bool onlyOwnEntries = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
+  if (S_ISLNK(status.st_mode) || onlyOwnEntries || (status.st_mode & OthersMayWrite) == 0) {
+    return {};
+  }
+  const bool byGroup = (status.st_mode & S_IWGRP) != 0;
+  const bool byAll = (status.st_mode & S_IWOTH) != 0;
+  return distrust(
+      shown(path) + " may be written by " +
+          (byAll ? "every user" : "group " + std::to_string(status.st_gid)) + " (mode " +
+          octal(status.st_mode & 07777U) + ")",
+      std::string("chmod ") + (byGroup ? "g" : "") + (byAll ? "o" : "") + "-w " + shown(path));
+}
+
+/// Where something was found: what to open from where.
+struct Place {
+  Descriptor directory;  // none: the name is a whole path
+  std::string name;
+};
+
+/// Goes to the end of one path. Used once.
+class Walk {
+ public:
+  Walk(std::string path, Refusal& refusal) : m_path(std::move(path)), m_refusal(refusal) {}
+
+  /// @param status of what stands there; never a link.
+  bool goTo(Place& place, struct stat& status);
+
+ private:
+  bool begin();
+  bool look(const std::string& name, Descriptor& found, struct stat& status);
+  bool follow(const Descriptor& link);
+  bool enterRoot();
+  void push(const std::string& path);
+  std::string pathOf(const std::string& name) const;
+
+  const std::string m_path;
+  Refusal& m_refusal;
+  Descriptor m_directory;                // where the walk is
+  std::string m_place;                   // its path, "" for the root
+  std::vector<std::string> m_remaining;  // names to go, the next one last
+  int m_links = 0;
+};
+
+bool Walk::goTo(Place& place, struct stat& status) {
+  if (!begin()) {
+    return false;
+  }
+  place.name = ".";
+  while (!m_remaining.empty()) {
+    place.name = std::move(m_remaining.back());
+    m_remaining.pop_back();
+    Descriptor found;
+    if (!look(place.name, found, status)) {
+      return false;
+    }
+    if (S_ISLNK(status.st_mode)) {
+      if (!follow(found)) {
+        return false;
+      }
+    } else if (S_ISDIR(status.st_mode)) {
+      m_place = pathOf(place.name);
+      m_directory = std::move(found);
+      place.name = ".";
+    } else if (!m_remaining.empty()) {
+      return fail(m_refusal, ENOTDIR);
+    }
+  }
+  place.directory = std::move(m_directory);
+  return place.name != "." || ::fstat(place.directory.get(), &status) == 0 ||
+         fail(m_refusal, errno);
+}
+
+bool Walk::begin() {
+  if (m_path.empty()) {
+    return fail(m_refusal, ENOENT);
+  }
+  push(m_path);
+  if (m_path.front() != '/') {
+    std::array<char, PATH_MAX> working{};
+    if (::getcwd(working.data(), working.size()) == nullptr) {
+      return fail(m_refusal, errno);
+    }
+    push(working.data());
+  }
+  return enterRoot();
+}
+
+bool Walk::look(const std::string& name, Descriptor& found, struct stat& status) {
+  found = Descriptor(::openat(m_directory.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (found.get() < 0 || ::fstat(found.get(), &status) != 0) {
+    return fail(m_refusal, errno);
+  }
+  if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)) {
+    return true;  // for the caller to refuse, whoever owns it
+  }
+  const std::string distrust = findDistrust(status, pathOf(name));
+  return distrust.empty() || refuse(m_refusal, distrust);
+}
+
+bool Walk::follow(const Descriptor& link) {
+  std::array<char, PATH_MAX> text{};
+  const ssize_t length = ::readlinkat(link.get(), "", text.data(), text.size());
+  if (length < 0 || ++m_links > MaxLinks) {
+    return fail(m_refusal, length < 0 ? errno : ELOOP);
+  }
+  const std::string path(text.data(), static_cast<std::size_t>(length));
+  push(path);
+  return path.starts_with('/') ? enterRoot() : true;
+}
+
+bool Walk::enterRoot() {
+  m_directory = Descriptor(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  m_place.clear();
+  struct stat status = {};
+  if (m_directory.get() < 0 || ::fstat(m_directory.get(), &status) != 0) {
+    return fail(m_refusal, errno);
+  }
+  const std::string distrust = findDistrust(status, "/");
+  return distrust.empty() || refuse(m_refusal, distrust);
+}
+
+/// Puts the names of a path before those that remain.
+void Walk::push(const std::string& path) {
+  std::size_t end = path.size();
+  while (end > 0) {
+    const std::size_t slash = path.rfind('/', end - 1);
+    const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
+    const std::string name = path.substr(begin, end - begin);
+    if (!name.empty() && name != ".") {
+      m_remaining.push_back(name);
+    }
+    end = slash == std::string::npos ? 0 : slash;
+  }
+}
+
+std::string Walk::pathOf(const std::string& name) const {
+  return name == ".." ? m_place.substr(0, m_place.rfind('/')) : m_place + "/" + name;
+}
+
+bool locate(const std::string& path, Check check, Place& place, struct stat& status,
+            Refusal& refusal) {
+  if (check == Check::Strict) {
+    return Walk(path, refusal).goTo(place, status);
+  }
+  place.name = path;
+  return ::stat(path.c_str(), &status) == 0 || fail(refusal, errno);
+}
+
+/// Opens for reading what was looked at, or nothing.
+bool open(const Place& place, int flags, const struct stat& expected, Descriptor& opened,
+          Refusal& refusal) {
+  const bool isChecked = place.directory.get() >= 0;
+  opened = Descriptor(::openat(isChecked ? place.directory.get() : AT_FDCWD, place.name.c_str(),
+                               ForReading | flags | (isChecked ? O_NOFOLLOW : 0)));
+  struct stat status = {};
+  if (opened.get() < 0 || ::fstat(opened.get(), &status) != 0) {
+    return fail(refusal, errno);
+  }
+  return (status.st_dev == expected.st_dev && status.st_ino == expected.st_ino) ||
+         refuse(refusal, "was replaced while it was opened");
+}
+
+}  // namespace
+
+Descriptor::~Descriptor() {
+  if (m_descriptor >= 0) {
+    ::close(m_descriptor);
+  }
+}
+
+Descriptor::Descriptor(Descriptor&& other) noexcept : m_descriptor(other.release()) {}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  std::swap(m_descriptor, other.m_descriptor);
+  return *this;
+}
+
+int Descriptor::release() { return std::exchange(m_descriptor, -1); }
+
+bool FileTrust::openFile(const std::string& path, Check check, Descriptor& file, Refusal& refusal) {
+  Place place;
+  struct stat status = {};
+  if (!locate(path, check, place, status, refusal)) {
+    return false;
+  }
+  return S_ISREG(status.st_mode) ? open(place, 0, status, file, refusal)
+                                 : refuse(refusal, "is not a regular file");
+}
+
+bool FileTrust::openDirectory(const std::string& path, Check check, Descriptor& directory,
+                              Refusal& refusal) {
+  Place place;
+  struct stat status = {};
+  if (!locate(path, check, place, status, refusal)) {
+    return false;
+  }
+  return S_ISDIR(status.st_mode) ? open(place, O_DIRECTORY, status, directory, refusal)
+                                 : fail(refusal, ENOTDIR);
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+/// Opening files whose contents decide where a client connects: what another user could have
+/// written is refused.
+///
+/// A file is trusted when it, and every directory and link on the way to it from the root on,
+/// belongs to root or to the effective user, and nobody else may write it. A directory in which
+/// everybody may write but only own entries change (the sticky bit, as /tmp has it) is trusted:
+/// what stands in it belongs to somebody who is trusted himself, or is refused for its owner. A
+/// group counts as others whoever is in it, for who that is may change at any time. Each step is
+/// checked on an open descriptor and taken from there, so nobody can exchange what was checked. Any
+/// thread may call these.
+namespace FileTrust {
+
+enum class Check {
+  Strict,
+  Waived,  ///< whoever could have written it
+};
+
+/// An open file or directory, closed with the object.
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor = -1) : m_descriptor(descriptor) {}
+  ~Descriptor();
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept;
+  Descriptor& operator=(Descriptor&& other) noexcept;
+
+  int get() const { return m_descriptor; }
+  /// Gives the descriptor to the caller.
+  int release();
+
+ private:
+  int m_descriptor;
+};
+
+/// Why there is nothing to read.
+struct Refusal {
+  int error = 0;     ///< of the system (ENOENT, ...); 0: the file is there and refused
+  std::string text;  ///< for a person, with a remedy where it is not trusted
+};
+
+/// Opens a regular file for reading, or one that links lead to. Never waits, whatever stands there.
+/// @return whether `file` is open; else `refusal` says why not.
+bool openFile(const std::string& path, Check check, Descriptor& file, Refusal& refusal);
+
+/// Opens a directory for reading in the same way.
+bool openDirectory(const std::string& path, Check check, Descriptor& directory, Refusal& refusal);
+
+}  // namespace FileTrust

@@ -15,16 +15,18 @@
 #include "tests/support/private_access.h"
 #include "tests/unit/ahs/resolver_double.h"
 #include "vpn/Api/AHS/CacheDocument.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/PreferenceMgr.h"
 
-AHS_EXPOSE(CacheEntries, &CSelectionCache::m_cache);
 AHS_EXPOSE(WriteDocument, &CSelectionCache::writeDocument);
 
 namespace {
 
+using CacheDocument::Contents;
+using CacheDocument::Entries;
+using CacheDocument::Form;
 using tests::textOf;
-using Entries = std::map<std::string, CCacheEntry>;
 
 constexpr const char* Place = "nameserver 192.0.2.1 search home.test";
 /// When every process starts, in seconds since 1970, so that the same text has the same fate.
@@ -120,15 +122,15 @@ void requireSame(const Entries& a, const Entries& b) {
 }
 
 /// What was read can be written, and what was written reads the same.
-void requireRoundTrip(const Entries& entries) {
-  const CacheHold cache;
-  tests::member<tests::CacheEntries>(*cache) = entries;
+void requireRoundTrip(const Contents& contents) {
   std::string document;
-  Entries again;
-  REQUIRE(tests::call<tests::WriteDocument>(*cache, document));
+  std::string problem;
+  Contents again;
+  REQUIRE(exposed(tests::WriteDocument{})(contents, "", document));
   REQUIRE(document.size() <= CSelectionCache::MaxFileSize);
-  REQUIRE(CacheDocument::parse(document, again).empty());
-  requireSame(entries, again);
+  REQUIRE(CacheDocument::parse(document, again, problem) == Form::Right);
+  requireSame(contents.entries, again.entries);
+  REQUIRE(contents.uses == again.uses);
 }
 
 unsigned long now() {
@@ -161,17 +163,22 @@ void requireRightHits(const Entries& entries) {
   }
 }
 
+/// However long the disk takes, the entry is there when the cache has been released.
 void store() {
   const CacheHold cache;
   CCacheEntry entry({CHeadendRTT("gw-new", 7)});
   entry.SetKnownHeadends(NewCandidates);
-  REQUIRE(cache->AddEntry(entry) == 0);
+  const STATUSCODE status = cache->AddEntry(entry);
+  REQUIRE(status == 0 || status == HEADENDSELECTION_ERROR_CACHE_FAILURE);
 }
 
 /// After a store the file holds it and, of what it held before, at least what is current and fits.
 void requireStored(const Entries& before) {
-  Entries after;
-  REQUIRE(CacheDocument::parse(tests::readFile(surroundings().File()), after).empty());
+  Contents contents;
+  std::string problem;
+  REQUIRE(CacheDocument::parse(tests::readFile(surroundings().File()), contents, problem) ==
+          Form::Right);
+  const Entries& after = contents.entries;
   const std::string stored = CacheDocument::selectionKey(Place, NewCandidates);
   REQUIRE(after.size() <= CacheDocument::MaxEntries);
   REQUIRE(after.contains(stored));
@@ -203,22 +210,42 @@ std::chrono::system_clock::time_point shiftedNow() {
   return time - shift;
 }
 
+namespace {
+
+/// What a later version has written stays as it is.
+void requireLeftAlone(const std::string& text) {
+  store();
+  REQUIRE(tests::readFile(surroundings().File()) == text);
+  REQUIRE(tests::readFile(surroundings().CorruptFile()).empty());
+}
+
+}  // namespace
+
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text = textOf(data, size);
   surroundings().Write(text);
-  Entries entries;
-  const std::string problem = CacheDocument::parse(text, entries);
+  Contents contents;
+  std::string problem;
+  const Form form = CacheDocument::parse(text, contents, problem);
   REQUIRE(tests::isPrintableAscii(problem));
   REQUIRE(problem.size() < 200);
-  REQUIRE(problem.empty() || entries.empty());
-  REQUIRE(entries.size() <= CacheDocument::MaxEntries);
-  for (const auto& [key, entry] : entries) {
+  REQUIRE(problem.empty() == (form == Form::Right));
+  REQUIRE(problem.empty() || (contents.entries.empty() && contents.uses.empty()));
+  REQUIRE(contents.entries.size() <= CacheDocument::MaxEntries);
+  for (const auto& [key, entry] : contents.entries) {
     requireRightEntry(key, entry);
   }
-  requireRoundTrip(entries);
-  requireRightHits(entries);
+  for (const auto& [key, use] : contents.uses) {
+    REQUIRE(contents.entries.contains(key) && use >= 1);
+  }
+  if (form == Form::Newer) {
+    requireLeftAlone(text);
+    return 0;
+  }
+  requireRoundTrip(contents);
+  requireRightHits(contents.entries);
   store();
-  requireStored(entries);
+  requireStored(contents.entries);
   REQUIRE(tests::readFile(surroundings().CorruptFile()) == (problem.empty() ? "" : text));
   return 0;
 }

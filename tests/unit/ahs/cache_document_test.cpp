@@ -10,7 +10,20 @@
 
 namespace {
 
-using Entries = std::map<std::string, CCacheEntry>;
+using CacheDocument::Contents;
+using CacheDocument::Entries;
+using CacheDocument::Form;
+
+/// Reads a text. @return what is wrong with it.
+std::string parse(const std::string& text, Entries& entries) {
+  Contents contents;
+  contents.entries = entries;
+  std::string problem;
+  const Form form = CacheDocument::parse(text, contents, problem);
+  EXPECT_EQ(form == Form::Right, problem.empty());
+  entries = contents.entries;
+  return problem;
+}
 
 const char* const RightSelection =
     "<selection place='nameserver 192.0.2.1' knownHeadends='gw-a;' stored='1700000000'>"
@@ -23,6 +36,12 @@ std::string documentOf(const std::string& content) {
 std::string selectionOf(const std::string& content) {
   return documentOf("<selection place='p' knownHeadends='k' stored='1'>" + content +
                     "</selection>");
+}
+
+/// A document of version 2 with one selection.
+std::string usedAt(const std::string& time) {
+  return "<selectionCache version='2'><selection place='p' knownHeadends='k' stored='7' used='" +
+         time + "'><headend name='a' rtt='1'/></selection></selectionCache>";
 }
 
 std::string repeated(const std::string& text, unsigned int times) {
@@ -48,7 +67,7 @@ void PrintTo(const WrongDocument& document, std::ostream* out) { *out << documen
 
 TEST(CacheDocument, ReadsASelection) {
   Entries entries;
-  ASSERT_EQ(CacheDocument::parse(documentOf(RightSelection), entries), "");
+  ASSERT_EQ(parse(documentOf(RightSelection), entries), "");
   ASSERT_EQ(entries.size(), 1U);
   const auto& [key, entry] = *entries.begin();
   EXPECT_EQ(key, CacheDocument::selectionKey("nameserver 192.0.2.1", "gw-a;"));
@@ -61,12 +80,55 @@ TEST(CacheDocument, ReadsASelection) {
   EXPECT_EQ(headends[0].GetRTT(), 12U);
 }
 
+TEST(CacheDocument, ReadsTheTimeOfTheLastUse) {
+  Contents contents;
+  std::string problem;
+  ASSERT_EQ(CacheDocument::parse(usedAt("1700000000"), contents, problem), Form::Right) << problem;
+  EXPECT_EQ(contents.uses,
+            (CacheDocument::Uses{{CacheDocument::selectionKey("p", "k"), 1700000000UL}}));
+}
+
+TEST(CacheDocument, OfTheVersionBeforeHasNoTimeOfUse) {
+  Contents contents;
+  std::string problem;
+  ASSERT_EQ(CacheDocument::parse(documentOf(RightSelection), contents, problem), Form::Right);
+  EXPECT_EQ(contents.entries.size(), 1U);
+  EXPECT_TRUE(contents.uses.empty());
+}
+
+TEST(CacheDocument, OfALaterVersionIsToldFromAWrongOneWhateverElseItHolds) {
+  for (const std::string text :
+       {"<selectionCache version='3'/>", "<selectionCache version='999' and='more'><new/>",
+        "<?xml version='1.0'?><!-- later --><selectionCache version='3'><a>text</a></wrong>"}) {
+    Contents contents;
+    std::string problem;
+    EXPECT_EQ(CacheDocument::parse(text, contents, problem), Form::Newer) << text;
+    EXPECT_NE(problem.find("later than 2"), std::string::npos) << problem;
+  }
+}
+
+TEST(CacheDocument, APlaceIsTheSameInAnyOrder) {
+  EXPECT_EQ(CacheDocument::placeText({"search b", "nameserver 2", "nameserver 1", "search b"}),
+            "nameserver 1 nameserver 2 search b");
+  EXPECT_EQ(CacheDocument::placeText({}), "");
+}
+
+TEST(CacheDocument, PassesOverTheUseOfASelectionWithoutHeadends) {
+  Contents contents;
+  std::string problem;
+  ASSERT_EQ(CacheDocument::parse("<selectionCache version='2'><selection place='p' "
+                                 "knownHeadends='k' stored='7' used='8'/></selectionCache>",
+                                 contents, problem),
+            Form::Right);
+  EXPECT_TRUE(contents.entries.empty());
+  EXPECT_TRUE(contents.uses.empty());
+}
+
 TEST(CacheDocument, TakesTheWholeRangeOfMetrics) {
   Entries entries;
-  ASSERT_EQ(
-      CacheDocument::parse(
-          selectionOf("<headend name='a' rtt='0'/><headend name='b' rtt='4294967295'/>"), entries),
-      "");
+  ASSERT_EQ(parse(selectionOf("<headend name='a' rtt='0'/><headend name='b' rtt='4294967295'/>"),
+                  entries),
+            "");
   std::vector<CHeadendRTT> headends;
   entries.begin()->second.GetHeadendList(headends);
   EXPECT_EQ(headends[0].GetRTT(), 0U);
@@ -75,25 +137,25 @@ TEST(CacheDocument, TakesTheWholeRangeOfMetrics) {
 
 TEST(CacheDocument, PassesOverASelectionWithoutHeadends) {
   Entries entries;
-  EXPECT_EQ(CacheDocument::parse(selectionOf(""), entries), "");
+  EXPECT_EQ(parse(selectionOf(""), entries), "");
   EXPECT_TRUE(entries.empty());
 }
 
 TEST(CacheDocument, ReadsACandidateSetOfMegabytes) {
   Entries entries;
   const std::string key = repeated("gw&amp;;", 1000000);
-  ASSERT_EQ(CacheDocument::parse(documentOf("<selection place='p' knownHeadends='" + key +
-                                            "' stored='1'><headend name='a' rtt='1'/></selection>"),
-                                 entries),
+  ASSERT_EQ(parse(documentOf("<selection place='p' knownHeadends='" + key +
+                             "' stored='1'><headend name='a' rtt='1'/></selection>"),
+                  entries),
             "");
   EXPECT_EQ(entries.begin()->second.GetKnownHeadends(), repeated("gw&;", 1000000));
 }
 
 TEST(CacheDocument, IsAsciiWhateverItSaysOfItself) {
   Entries entries;
-  EXPECT_EQ(CacheDocument::parse("<?xml version='1.0' encoding='UTF-7'?>" +
-                                     selectionOf("<headend name='+AGE-' rtt='1'/>"),
-                                 entries),
+  EXPECT_EQ(parse("<?xml version='1.0' encoding='UTF-7'?>" +
+                      selectionOf("<headend name='+AGE-' rtt='1'/>"),
+                  entries),
             "");
   std::vector<CHeadendRTT> headends;
   entries.begin()->second.GetHeadendList(headends);
@@ -121,16 +183,14 @@ TEST(CacheDocument, OneTextHasOneSpelling) {
 
 TEST(CacheDocument, NamesTheLineOfAnError) {
   Entries entries;
-  EXPECT_EQ(
-      CacheDocument::parse("<selectionCache version='1'>\n\n<wrong/>\n</selectionCache>", entries),
-      "line 3: wrong where a selection belongs");
+  EXPECT_EQ(parse("<selectionCache version='1'>\n\n<wrong/>\n</selectionCache>", entries),
+            "line 3: wrong where a selection belongs");
 }
 
 TEST(CacheDocument, LeavesTheEntriesAloneWhenItIsWrong) {
   Entries entries;
-  ASSERT_EQ(CacheDocument::parse(documentOf(RightSelection), entries), "");
-  EXPECT_NE(CacheDocument::parse(documentOf(RightSelection + std::string("<wrong/>")), entries),
-            "");
+  ASSERT_EQ(parse(documentOf(RightSelection), entries), "");
+  EXPECT_NE(parse(documentOf(RightSelection + std::string("<wrong/>")), entries), "");
   EXPECT_EQ(entries.size(), 1U);
 }
 
@@ -138,7 +198,7 @@ class WrongCacheDocument : public ::testing::TestWithParam<WrongDocument> {};
 
 TEST_P(WrongCacheDocument, IsRefusedWhole) {
   Entries entries;
-  EXPECT_NE(CacheDocument::parse(GetParam().whole(), entries), "");
+  EXPECT_NE(parse(GetParam().whole(), entries), "");
   EXPECT_TRUE(entries.empty());
 }
 
@@ -151,7 +211,16 @@ INSTANTIATE_TEST_SUITE_P(
         WrongDocument{"two roots", documentOf("") + documentOf("")},
         WrongDocument{"another root", "<other version='1'/>"},
         WrongDocument{"no version", "<selectionCache/>"},
-        WrongDocument{"a later version", "<selectionCache version='2'/>"},
+        WrongDocument{"a version of 0", "<selectionCache version='0'/>"},
+        WrongDocument{"a version that is no number", "<selectionCache version='new'/>"},
+        WrongDocument{"a version beyond all numbers", "<selectionCache version='99999999999'/>"},
+        WrongDocument{"a version of no meaning", "<selectionCache version='5000'/>"},
+        WrongDocument{"a time of use in version 1",
+                      documentOf("<selection place='p' knownHeadends='k' stored='1' used='1'>"
+                                 "<headend name='a' rtt='1'/></selection>")},
+        WrongDocument{"a time of use of 0", usedAt("0")},
+        WrongDocument{"a time of use after the year 9999", usedAt("253402300800")},
+        WrongDocument{"a time of use that is no number", usedAt("today")},
         WrongDocument{"a document type", "<!DOCTYPE selectionCache>" + documentOf(RightSelection)},
         WrongDocument{"an entity bomb",
                       "<!DOCTYPE a [<!ENTITY b 'bbbbbbbbbb'><!ENTITY c '&b;&b;&b;&b;&b;&b;&b;'>]>" +

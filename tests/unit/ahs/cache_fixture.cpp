@@ -13,7 +13,10 @@
 #include <fstream>
 #include <iterator>
 
+#include "tests/support/Eventually.h"
+#include "tests/support/TemporaryDirectory.h"
 #include "tests/unit/ahs/resolver_double.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Logging/AppLog.h"
 
@@ -44,7 +47,24 @@ CacheHold::CacheHold() : m_cache(nullptr) {
 
 CacheHold::~CacheHold() { m_cache->releaseInstance(); }
 
+STATUSCODE keep(const CacheHold& cache, CCacheEntry& entry) {
+  const STATUSCODE status = cache->AddEntry(entry);
+  return status == HEADENDSELECTION_ERROR_CACHE_FAILURE ? cache->WaitForStores() : status;
+}
+
+void waitForWriters() {
+  EXPECT_TRUE(eventually([] {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      if (readFile(task.path() / "comm") == "ahs\n") {
+        return false;
+      }
+    }
+    return true;
+  }));
+}
+
 int inProcess(const std::function<int()>& body) {
+  waitForWriters();
   const pid_t child = fork();
   if (child == 0) {
     _exit(body());
@@ -96,7 +116,7 @@ void CacheTest::usePreferences(const std::string& cacheFile,
 STATUSCODE CacheTest::store(const std::string& knownHeadends, const Records& records) {
   const CacheHold cache;
   CCacheEntry entry = entryOf(knownHeadends, records);
-  return cache->AddEntry(entry);
+  return keep(cache, entry);
 }
 
 bool CacheTest::find(const std::string& knownHeadends, Records& records) {

@@ -32,6 +32,13 @@ class CacheHold {
   CSelectionCache* m_cache;
 };
 
+/// Stores, waiting for the disk however long it takes. @return what became of it in the end.
+STATUSCODE keep(const CacheHold& cache, CCacheEntry& entry);
+
+/// Waits until the cache's own threads have ended: ThreadSanitizer lets a child of fork have
+/// threads only if the parent had none.
+void waitForWriters();
+
 /// Runs `body` in a process of its own. @return its exit status, which is what `body` returned.
 int inProcess(const std::function<int()>& body);
 

@@ -10,16 +10,53 @@
 
 #include "tests/unit/ahs/cache_fixture.h"
 #include "tests/unit/ahs/resolver_double.h"
+#include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace tests {
 namespace {
 
 constexpr long Day = 24L * 60 * 60;
 
-class SelectionCache : public CacheTest {};
+constexpr long Hour = 60L * 60;
+
+class SelectionCache : public CacheTest {
+ protected:
+  /// When a selection was stored and used last, in seconds ago; 0: not used since.
+  struct Ages {
+    long stored;
+    long used;
+  };
+
+  /// A cache file that is full of selections at home: these, and others of a minute ago.
+  void writeSelections(const std::vector<std::pair<std::string, Ages>>& selections) const {
+    std::string text;
+    const auto add = [&text, now = std::time(nullptr)](const std::string& key, const Ages& ages) {
+      text += "<selection place=\"nameserver 192.0.2.1 search home.test\" knownHeadends=\"" +
+              CacheDocument::encode(key) + "\" stored=\"" + std::to_string(now - ages.stored) +
+              "\"" + (ages.used == 0 ? "" : " used=\"" + std::to_string(now - ages.used) + "\"") +
+              "><headend name=\"gw\" rtt=\"7\"/></selection>";
+    };
+    for (const auto& [key, ages] : selections) {
+      add(key, ages);
+    }
+    for (std::size_t i = selections.size(); i < CSelectionCache::MaxEntries; ++i) {
+      add("filler " + std::to_string(i), {60, 0});
+    }
+    write(m_file, "<selectionCache version=\"2\">" + text + "</selectionCache>");
+  }
+
+  /// The stamp of the first selection of a document.
+  static std::string stampIn(const std::string& document) {
+    const std::string before = "stored=\"";
+    const std::size_t begin = document.find(before) + before.size();
+    return document.substr(begin, document.find('"', begin) - begin);
+  }
+};
 
 }  // namespace
 
@@ -39,7 +76,7 @@ TEST_F(SelectionCache, AHitGivesRecordsInArrivalOrderWithStampAndKey) {
   const CacheHold cache;
   CCacheEntry stored = entryOf("gw-b;gw-a;", {{"gw-b", 46}, {"gw-a", 40}});
   const auto before = static_cast<unsigned long>(std::time(nullptr));
-  ASSERT_EQ(cache->AddEntry(stored), 0);
+  ASSERT_EQ(keep(cache, stored), 0);
   std::string key = "gw-b;gw-a;";
   CCacheEntry entry = entryOf("", {{"gw-x", 1}});
   ASSERT_TRUE(cache->IsInCache(key, entry));
@@ -97,7 +134,7 @@ TEST_F(SelectionCache, AnotherPlaceMissesAndComingBackHits) {
 TEST_F(SelectionCache, AMoveIsNoticedWithinOneInstance) {
   const CacheHold cache;
   CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
-  cache->AddEntry(entry);
+  keep(cache, entry);
   std::string key = "gw-a;";
   setResolverPlace({"nameserver 198.51.100.1"});
   EXPECT_FALSE(cache->IsInCache(key, entry));
@@ -184,7 +221,7 @@ TEST_F(SelectionCache, TheLimitHoldsInMemoryToo) {
   const CacheHold cache;
   for (unsigned int i = 0; i < CSelectionCache::MaxEntries + 6; ++i) {
     CCacheEntry entry = entryOf(std::to_string(i) + ";", {{"gw", i}});
-    ASSERT_EQ(cache->AddEntry(entry), 0);
+    ASSERT_EQ(keep(cache, entry), 0);
     std::string key = entry.GetKnownHeadends();
     EXPECT_TRUE(cache->IsInCache(key, entry)) << "the selection just stored went first";
   }
@@ -206,6 +243,64 @@ TEST_F(SelectionCache, AnySelectionFromTheFutureGoesBeforeARightOne) {
   EXPECT_EQ(read(m_file).find("gw-a;"), std::string::npos);
 }
 
+TEST_F(SelectionCache, TheSelectionsUsedLongestAgoGoFirst) {
+  writeSelections({{"oldest but used;", {10 * Day, Hour}}, {"younger;", {Day, 0}}});
+  EXPECT_EQ(store("one more;", {{"gw", 1}}), 0);
+  EXPECT_TRUE(has("oldest but used;"));
+  EXPECT_FALSE(has("younger;"));
+}
+
+TEST_F(SelectionCache, AHitIsAUse) {
+  writeSelections({{"oldest;", {10 * Day, 0}}, {"younger;", {Day, 0}}});
+  EXPECT_TRUE(has("oldest;"));
+  EXPECT_EQ(store("one more;", {{"gw", 1}}), 0);
+  EXPECT_TRUE(has("oldest;"));
+  EXPECT_FALSE(has("younger;"));
+}
+
+TEST_F(SelectionCache, AHitLeavesTheStampThatDecidesExpiry) {
+  writeSelection(13 * Day);
+  const std::string stamp = stampIn(read(m_file));
+  EXPECT_TRUE(has("gw-a;"));
+  EXPECT_EQ(stampIn(read(m_file)), stamp);
+  EXPECT_THAT(read(m_file), HasSubstr(" used=\""));
+}
+
+TEST_F(SelectionCache, AUseDoesNotKeepASelectionThatIsOutOfDate) {
+  writeSelections({{"old;", {15 * Day, 60}}});
+  EXPECT_FALSE(has("old;"));
+  EXPECT_EQ(store("one more;", {{"gw", 1}}), 0);
+  EXPECT_THAT(read(m_file), Not(HasSubstr("old;")));
+}
+
+TEST_F(SelectionCache, AHitCostsNoWriteWhileAUseOfTheSameHourIsOnRecord) {
+  writeSelections({{"just stored;", {Hour / 2, 0}}, {"just used;", {Day, Hour / 2}}});
+  const std::string before = read(m_file);
+  EXPECT_TRUE(has("just stored;"));
+  EXPECT_TRUE(has("just used;"));
+  EXPECT_EQ(read(m_file), before);
+  EXPECT_FALSE(exists(m_file + ".lock"));
+}
+
+TEST_F(SelectionCache, UsesThatAreNotOnRecordGoThereWithTheNextStore) {
+  writeSelections({{"used;", {Hour / 2, 0}}});
+  const CacheHold cache;
+  std::string key = "used;";
+  CCacheEntry entry;
+  ASSERT_TRUE(cache->IsInCache(key, entry));
+  ASSERT_THAT(read(m_file), Not(HasSubstr(" used=\"")));
+  CCacheEntry other = entryOf("other;", {{"gw", 1}});
+  ASSERT_EQ(keep(cache, other), 0);
+  EXPECT_THAT(read(m_file), ContainsRegex("knownHeadends=\"used;\" stored=\"[0-9]+\" used=\""));
+}
+
+TEST_F(SelectionCache, AUseOrAStampFromTheFutureKeepsNoSelection) {
+  writeSelections({{"wrong clock;", {10 * Day, -Day}}, {"right;", {9 * Day, 0}}});
+  EXPECT_EQ(store("one more;", {{"gw", 1}}), 0);
+  EXPECT_FALSE(has("wrong clock;"));
+  EXPECT_TRUE(has("right;"));
+}
+
 TEST_F(SelectionCache, TheEntryUsedLastIsThatOfTheLastHitOrStore) {
   const CacheHold cache;
   CCacheEntry entry = entryOf("mine", {});
@@ -213,8 +308,8 @@ TEST_F(SelectionCache, TheEntryUsedLastIsThatOfTheLastHitOrStore) {
   EXPECT_EQ(entry.GetKnownHeadends(), "mine");
   CCacheEntry first = entryOf("first;", {{"gw-1", 1}});
   CCacheEntry second = entryOf("second;", {{"gw-2", 2}});
-  cache->AddEntry(first);
-  cache->AddEntry(second);
+  keep(cache, first);
+  keep(cache, second);
   ASSERT_TRUE(cache->GetLastUsed(entry));
   EXPECT_EQ(entry.GetKnownHeadends(), "second;");
   std::string key = "first;";
@@ -232,7 +327,7 @@ TEST_F(SelectionCache, ReadsAsPlaceStateAndEntry) {
   const CacheHold cache;
   EXPECT_EQ(cache->toString(), "");
   CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
-  cache->AddEntry(entry);
+  keep(cache, entry);
   EXPECT_EQ(cache->toString(),
             "at nameserver 192.0.2.1 search home.test, current: " + entry.toString());
 }
@@ -247,7 +342,7 @@ TEST_F(SelectionCache, WithoutPreferencesItWorksInMemory) {
   usePreferences("");
   const CacheHold cache;
   CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
-  EXPECT_EQ(cache->AddEntry(entry), 0);
+  EXPECT_EQ(keep(cache, entry), 0);
   std::string key = "gw-a;";
   EXPECT_TRUE(cache->IsInCache(key, entry));
   EXPECT_TRUE(m_warnings.empty());
@@ -273,7 +368,7 @@ TEST_F(SelectionCache, ThreadsMayCreateUseAndReleaseItAtOnce) {
     threads.emplace_back([i] {
       for (unsigned int round = 0; round < 10; ++round) {
         const std::string key = std::to_string(i) + ";";
-        ASSERT_EQ(store(key, {{"gw", round}}), 0);
+        store(key, {{"gw", round}});  // while another one's store is not in the file it may say so
         Records records;
         ASSERT_TRUE(find(key, records));
         ASSERT_EQ(records, (Records{{"gw", round}}));

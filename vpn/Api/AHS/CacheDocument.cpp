@@ -39,6 +39,9 @@ constexpr std::size_t PieceSize = std::size_t{256} * 1024;
 /// The largest time stamp that is taken for one: the last second of the year 9999.
 constexpr unsigned long MaxTimestamp = 253402300799UL;
 
+/// The largest version that there may ever be.
+constexpr unsigned int MaxVersion = 999;
+
 /// Longest piece of a wrong text in a message.
 constexpr std::size_t MaxQuote = 60;
 
@@ -125,7 +128,7 @@ bool ranOutOfMemory(const xmlParserCtxt& parser) {
 /// Takes the parser's events and builds the selections. The first error ends it.
 class CReader {
  public:
-  std::string read(const std::string& text, std::map<std::string, CCacheEntry>& entries);
+  Form read(const std::string& text, Contents& contents, std::string& problem);
 
  private:
   static void onStart(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri,
@@ -139,6 +142,7 @@ class CReader {
 
   void start(const std::string& name, const CAttributes& attributes);
   void startRoot(const std::string& name, const CAttributes& attributes);
+  bool takeUse(const CAttributes& attributes, const std::string& key);
   void startSelection(const std::string& name, const CAttributes& attributes);
   void startHeadend(const std::string& name, const CAttributes& attributes);
   void end();
@@ -147,8 +151,9 @@ class CReader {
   void parse(const std::string& text);
 
   xmlParserCtxtPtr m_parser = nullptr;
-  std::map<std::string, CCacheEntry> m_entries;
-  std::map<std::string, CCacheEntry>::iterator m_current = m_entries.end();
+  Contents m_contents;
+  Entries::iterator m_current = m_contents.entries.end();
+  unsigned int m_version = 0;
   unsigned int m_depth = 0;
   std::string m_problem;
   // An exception of a callback must not cross the parser, which is C.
@@ -177,13 +182,38 @@ void CReader::start(const std::string& name, const CAttributes& attributes) {
 
 void CReader::startRoot(const std::string& name, const CAttributes& attributes) {
   std::string_view found;
-  if (attributes.count() != 1) {
-    fail("a document with other attributes than its version");
-  } else if (name != RootName) {
+  if (name != RootName) {
     fail("the document is a " + CStringUtils::printable(name, MaxQuote) + ", not a " + RootName);
-  } else if (!attributes.find(VersionAttribute, found) || found != Version) {
-    fail(std::string("not of version ") + Version);
+  } else if (!attributes.find(VersionAttribute, found) ||
+             !parseNumber(found, 1U, MaxVersion, m_version)) {
+    m_version = 0;
+    fail("a document without a right version");
+  } else if (m_version > Version) {
+    // What else a later version has, this one cannot know.
+    fail("version " + std::to_string(m_version) + " of the format, later than " +
+         std::to_string(Version));
+  } else if (attributes.count() != 1) {
+    fail("a document with other attributes than its version");
   }
+}
+
+/// The time of the last use, if there is one.
+bool CReader::takeUse(const CAttributes& attributes, const std::string& key) {
+  std::string_view used;
+  unsigned long time = 0;
+  const bool hasUse = attributes.find(UsedAttribute, used);
+  if (attributes.count() != (hasUse ? 4 : 3) || (hasUse && m_version == 1)) {
+    fail("a selection with more or fewer attributes than it has");
+    return false;
+  }
+  if (hasUse && !parseNumber(used, 1UL, MaxTimestamp, time)) {
+    fail("a selection without a right time of use");
+    return false;
+  }
+  if (hasUse) {
+    m_contents.uses[key] = time;
+  }
+  return true;
 }
 
 void CReader::startSelection(const std::string& name, const CAttributes& attributes) {
@@ -194,10 +224,7 @@ void CReader::startSelection(const std::string& name, const CAttributes& attribu
   if (name != SelectionName) {
     return fail(CStringUtils::printable(name, MaxQuote) + " where a " + SelectionName + " belongs");
   }
-  if (attributes.count() != 3) {
-    return fail("a selection with more or fewer attributes than three");
-  }
-  if (m_entries.size() >= MaxEntries) {
+  if (m_contents.entries.size() >= MaxEntries) {
     return fail("more than " + std::to_string(MaxEntries) + " selections");
   }
   if (!attributes.find(PlaceAttribute, place) || !isPlace(place)) {
@@ -210,10 +237,13 @@ void CReader::startSelection(const std::string& name, const CAttributes& attribu
       !parseNumber(stored, 1UL, MaxTimestamp, timestamp)) {
     return fail("a selection without a right time stamp");
   }
-  const auto added =
-      m_entries.try_emplace(selectionKey(std::string(place), knownHeadends), CCacheEntry());
+  const std::string key = selectionKey(std::string(place), knownHeadends);
+  const auto added = m_contents.entries.try_emplace(key, CCacheEntry());
   if (!added.second) {
     return fail("a second selection for the same candidates at the same place");
+  }
+  if (!takeUse(attributes, key)) {
+    return;
   }
   m_current = added.first;
   m_current->second.SetKnownHeadends(knownHeadends);
@@ -246,7 +276,8 @@ void CReader::startHeadend(const std::string& name, const CAttributes& attribute
 
 void CReader::end() {
   if (m_depth-- == 2 && m_current->second.GetListSize() == 0) {
-    m_entries.erase(m_current);  // a selection that names no headend answers no question
+    m_contents.uses.erase(m_current->first);
+    m_contents.entries.erase(m_current);  // a selection that names no headend answers no question
   }
 }
 
@@ -313,7 +344,7 @@ void CReader::parse(const std::string& text) {
   xmlParseChunk(m_parser, "", 0, 1);
 }
 
-std::string CReader::read(const std::string& text, std::map<std::string, CCacheEntry>& entries) {
+Form CReader::read(const std::string& text, Contents& contents, std::string& problem) {
   xmlSAXHandler handler;
   std::memset(&handler, 0, sizeof handler);
   handler.initialized = XML_SAX2_MAGIC;
@@ -344,9 +375,12 @@ std::string CReader::read(const std::string& text, std::map<std::string, CCacheE
     m_problem = "not well-formed";
   }
   if (m_problem.empty()) {
-    entries.swap(m_entries);
+    contents.entries.swap(m_contents.entries);
+    contents.uses.swap(m_contents.uses);
+    return Form::Right;
   }
-  return m_problem;
+  problem.swap(m_problem);
+  return m_version > Version ? Form::Newer : Form::Wrong;
 }
 
 }  // namespace
@@ -405,13 +439,24 @@ std::size_t writtenSize(const std::string& text) {
   return size;
 }
 
-std::string parse(const std::string& text, std::map<std::string, CCacheEntry>& entries) {
-  std::string problem = findWrongBytes(text);
-  if (!problem.empty()) {
-    return problem;
+std::string placeText(std::vector<std::string> place) {
+  std::sort(place.begin(), place.end());
+  place.erase(std::unique(place.begin(), place.end()), place.end());
+  std::string text;
+  for (const std::string& part : place) {
+    text += (text.empty() ? "" : " ") + part;
+  }
+  return text;
+}
+
+Form parse(const std::string& text, Contents& contents, std::string& problem) {
+  std::string wrong = findWrongBytes(text);
+  if (!wrong.empty()) {
+    problem.swap(wrong);
+    return Form::Wrong;
   }
   const CXmlScope library;
-  return CReader().read(text, entries);
+  return CReader().read(text, contents, problem);
 }
 
 }  // namespace CacheDocument

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "vpn/Api/AHS/CacheEntry.h"
 
@@ -26,10 +27,30 @@ constexpr const char* VersionAttribute = "version";
 constexpr const char* PlaceAttribute = "place";
 constexpr const char* KnownHeadendsAttribute = "knownHeadends";
 constexpr const char* StoredAttribute = "stored";
+constexpr const char* UsedAttribute = "used";
 constexpr const char* NameAttribute = "name";
 constexpr const char* MetricAttribute = "rtt";
-/// The one version there is.
-constexpr const char* Version = "1";
+/// The version that is written. Version 1, which has no `used`, is read as well.
+constexpr unsigned int Version = 2;
+
+/// Selections by their keys.
+using Entries = std::map<std::string, CCacheEntry>;
+/// When a selection was used last, in seconds since 1970-01-01 00:00 UTC, by its key. One that has
+/// not been used since it was stored has no such time.
+using Uses = std::map<std::string, unsigned long>;
+
+/// What a document holds. Every use is that of an entry.
+struct Contents {
+  Entries entries;
+  Uses uses;
+};
+
+/// What a text is.
+enum class Form {
+  Right,
+  Newer,  ///< a document of a later version, which is not for this program to touch
+  Wrong,
+};
 
 /// The key of a selection among all: the candidate set `knownHeadends`, measured at `place`.
 std::string selectionKey(const std::string& place, const std::string& knownHeadends);
@@ -45,10 +66,14 @@ bool decode(const std::string& text, std::string& decoded);
 /// An upper bound of the characters that `encode`d text takes in an attribute.
 std::size_t writtenSize(const std::string& text);
 
+/// A place as a key and a document have it: its parts (`readResolverPlace`) sorted, each once, one
+/// blank apart. So the order of name servers does not count.
+std::string placeText(std::vector<std::string> place);
+
 /// Reads a document that may come from anyone. Document type declarations and with them entities
 /// are refused; sizes, counts and numbers are checked.
-/// @param entries receives the selections by their keys; is left alone on failure.
-/// @return an empty string, or what is wrong, with the line.
-std::string parse(const std::string& text, std::map<std::string, CCacheEntry>& entries);
+/// @param contents is left alone unless the text is right.
+/// @param problem receives what is wrong, with the line, or which version it is.
+Form parse(const std::string& text, Contents& contents, std::string& problem);
 
 }  // namespace CacheDocument

@@ -1,7 +1,8 @@
 // The selection cache. The file is the truth, the map in memory a copy of it plus what this process
-// could not write yet: every look-up and every store first takes over what others have written, and
-// a store reads, changes and replaces the file under a lock between processes, so that none loses
-// another's entry. Failure of the file, of memory or of the clock makes a miss, never more.
+// has stored since: every look-up first takes over what others have written, and what is stored is
+// handed to the writer, whose job is the file (SelectionCacheFile.cpp). The lock of the cache is
+// never held while the disk is written. Failure of the file, of memory or of the clock makes a
+// miss, never more.
 
 #include "vpn/Api/AHS/SelectionCache.h"
 
@@ -10,9 +11,9 @@
 #include <limits>
 #include <utility>
 
-#include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/AHS/SelectionTimes.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Api/SaxWriterIfc.h"
 #include "vpn/Common/Logging/AppLog.h"
@@ -23,58 +24,37 @@ namespace {
 
 constexpr const char* SourceFile = "vpn/Api/AHS/SelectionCache";
 
-/// How long a store waits for other processes: it happens before the client is called back, so it
-/// may cost what a person does not notice.
+/// How long a store waits for the file: it happens before the client is called back, so it may cost
+/// what a person does not notice. An ordinary disk is done by then.
 constexpr std::chrono::milliseconds StorePatience{50};
-/// How long the last release waits: the client has its result by then, and ten processes that end
-/// at once on a disk that takes 100 ms a flush are all served in this time.
-constexpr std::chrono::milliseconds ReleasePatience{2000};
+/// How long the last release waits: the client has its result by then. Longer than a job waits for
+/// other processes.
+constexpr std::chrono::milliseconds ReleasePatience{2500};
 
-constexpr unsigned long SecondsPerDay = 24UL * 60 * 60;
-/// The age of an entry from the future: older than all others.
-constexpr unsigned long BeyondAge = std::numeric_limits<unsigned long>::max();
+/// How old the file's record of a use may be, in seconds. A use that is found on record costs no
+/// write, so that someone who selects all day costs the disk one an hour; the price is that those
+/// used longest ago are told apart to the hour.
+constexpr unsigned long UseGranularity = 60UL * 60;
+
+/// The number of a store that is kept in memory only: no job ever has it.
+constexpr unsigned long MemoryOnly = std::numeric_limits<unsigned long>::max();
 
 /// Longest problem in the log; it holds a path, which has at most 4096 characters.
 constexpr std::size_t MaxProblemLength = 4400;
-
-/// Size of a document without its text, and of one selection's and one headend's tags, rounded up.
-constexpr std::size_t DocumentOverhead = 256;
-constexpr std::size_t SelectionOverhead = 128;
-constexpr std::size_t HeadendOverhead = 64;
-
-static_assert(CacheDocument::MaxEntries == CSelectionCache::MaxEntries,
-              "what is kept is what can be read");
-
-unsigned long secondsNow() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count();
-  return seconds > 0 ? static_cast<unsigned long>(seconds) : 0;
-}
 
 std::string configuredFile() {
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   return preferences == nullptr ? "" : preferences->getCacheFile();
 }
 
-/// An upper bound of the entry's size in a document; beyond every limit for one that a reader would
-/// refuse.
-std::size_t writtenSize(const std::string& key, const CCacheEntry& entry) {
-  constexpr std::size_t TooLarge = CSelectionCache::MaxFileSize + 1;
-  std::vector<CHeadendRTT> headends;
-  entry.GetHeadendList(headends);
-  if (headends.size() > CacheDocument::MaxRecords) {
-    return TooLarge;
-  }
-  // The key holds the place and the candidate set.
-  std::size_t size = SelectionOverhead + CacheDocument::writtenSize(key);
-  for (const CHeadendRTT& headend : headends) {
-    const std::string name = headend.GetHeadend();
-    if (name.empty() || name.size() > CacheDocument::MaxHeadendLength) {
-      return TooLarge;
-    }
-    size += HeadendOverhead + CacheDocument::writtenSize(name);
-  }
-  return size;
+unsigned long useOf(const CacheDocument::Uses& uses, const std::string& key) {
+  const auto found = uses.find(key);
+  return found == uses.end() ? 0 : found->second;
+}
+
+void logShortage(const char* function, const char* call) {
+  CAppLog::LogReturnCode(function, SourceFile, __LINE__, Logging::DBG_Warning, call,
+                         HEADENDSELECTION_ERROR_MEMALLOC_FAILED, 0, nullptr);
 }
 
 }  // namespace
@@ -115,13 +95,48 @@ STATUSCODE CSelectionCache::createSingletonInstance(CSelectionCache*& pCache) {
 }
 
 void CSelectionCache::releaseInstance() {
-  // Written before the acquisition is given back and without the lock, which nobody shall wait for
-  // as long as a disk takes. Others may come and go meanwhile, so who is last is asked again.
+  // Waited for before the acquisition is given back and without the lock, which nobody shall wait
+  // for as long as a disk takes. Others may come and go meanwhile, so who is last is asked again.
   bool flushed = false;
   while (!releaseOnce(flushed)) {
-    flush();
+    WaitForStores();
     flushed = true;
   }
+}
+
+STATUSCODE CSelectionCache::WaitForStores() {
+  const auto deadline = std::chrono::steady_clock::now() + ReleasePatience;
+  CCacheWriter::Ticket ticket;
+  startFlush(ticket);
+  return endFlush(ticket.WaitUntil(deadline));
+}
+
+/// @param ticket receives the job to wait for; one is begun when a store is not in the file.
+void CSelectionCache::startFlush(CCacheWriter::Ticket& ticket) {
+  const CAutoLockT<CManualLock> lock(m_lock);
+  settle();
+  try {
+    if (!m_writer.IsBusy() && hasUnsaved() && updateCache() != HEADENDSELECTION_SUCCESS) {
+      warnOnce("releaseInstance", "selection not kept in the cache file: there is no thread");
+    }
+    ticket = m_writer.Last();
+  } catch (const std::exception&) {
+    logShortage("releaseInstance", "CSelectionCache::updateCache");
+  }
+}
+
+STATUSCODE CSelectionCache::endFlush(bool isEnded) {
+  const CAutoLockT<CManualLock> lock(m_lock);
+  settle();
+  try {
+    if (!isEnded && hasUnsaved()) {
+      warnOnce("releaseInstance",
+               "selection not kept in the cache file so far: the disk takes its time");
+    }
+  } catch (const std::exception&) {
+    logShortage("releaseInstance", "CSelectionCache::updateCache");
+  }
+  return m_unsaved.empty() ? HEADENDSELECTION_SUCCESS : HEADENDSELECTION_ERROR_CACHE_FAILURE;
 }
 
 /// Gives one acquisition back; the last one destroys the instance.
@@ -146,7 +161,8 @@ bool CSelectionCache::releaseOnce(bool flushed) {
 CSelectionCache::CSelectionCache(STATUSCODE& status)
     : m_settings(),
       m_file(configuredFile(), MaxFileSize),
-      m_fileIsCorrupt(false),
+      m_number(0),
+      m_hasWarned(false),
       m_storePending(false) {
   CAHSSettings::GetSettings(m_settings);
   status = HEADENDSELECTION_SUCCESS;
@@ -159,12 +175,13 @@ std::string CSelectionCache::toString() {
   try {
     buildCacheFromPrefs();
     std::string text;
-    for (const std::string& key : keysNewestFirst()) {
+    for (const std::string& key : keysByUse(m_cache, m_uses, m_lastUsedKey)) {
       const CCacheEntry& entry = m_cache[key];
       std::vector<std::string> parts;
       splitString(key, CacheDocument::KeySeparator, parts);
+      const bool isOld = SelectionTimes::isExpired(entry, m_settings.nClearCache);
       text += "at " + CStringUtils::printable(parts.front()) +
-              (isExpired(ageOf(entry)) ? ", out of date: " : ", current: ") + entry.toString();
+              (isOld ? ", out of date: " : ", current: ") + entry.toString();
     }
     return text;
   } catch (const std::exception&) {
@@ -183,15 +200,14 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
       return false;
     }
     std::string usedKey = placeKey(key);
+    noteUse(usedKey, found);
     m_lastUsed = found;
     entry = found;
     m_lastUsedKey.swap(usedKey);
     return true;
   } catch (const std::exception&) {
     m_file.forget();  // it may have been read, but not taken over
-    CAppLog::LogReturnCode("IsInCache", SourceFile, __LINE__, Logging::DBG_Warning,
-                           "CSelectionCache::buildCacheFromPrefs",
-                           HEADENDSELECTION_ERROR_MEMALLOC_FAILED, 0, nullptr);
+    logShortage("IsInCache", "CSelectionCache::buildCacheFromPrefs");
     return false;
   }
 }
@@ -208,27 +224,54 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
   if (entry.GetListSize() == 0) {
     return HEADENDSELECTION_ERROR_BAD_PARAMETER;
   }
+  const auto deadline = std::chrono::steady_clock::now() + StorePatience;
+  CCacheWriter::Ticket ticket;
+  unsigned long number = 0;
+  const STATUSCODE status = store(entry, key, ticket, number);
+  if (status != HEADENDSELECTION_SUCCESS) {
+    return status;
+  }
+  static_cast<void>(ticket.WaitUntil(deadline));
+  const CAutoLockT<CManualLock> lock(m_lock);
+  settle();
+  const bool isUnsaved = std::any_of(m_unsaved.begin(), m_unsaved.end(),
+                                     [number](const auto& item) { return item.second == number; });
+  return isUnsaved ? HEADENDSELECTION_ERROR_CACHE_FAILURE : HEADENDSELECTION_SUCCESS;
+}
+
+/// Puts a selection into the map and hands the writing over.
+/// @param number receives the store's.
+STATUSCODE CSelectionCache::store(CCacheEntry& entry, const std::string& key,
+                                  CCacheWriter::Ticket& ticket, unsigned long& number) {
   const CAutoLockT<CManualLock> lock(m_lock);
   try {
     const STATUSCODE status = calculateKey(ml_dnsList);
     if (status != HEADENDSELECTION_SUCCESS) {
       return status;
     }
-    entry.SetTimestamp(secondsNow());
+    entry.SetTimestamp(SelectionTimes::now());
     CCacheEntry stored(entry);
     stored.SetKnownHeadends(key);
     const std::string mapKey = placeKey(key);
     std::string usedKey(mapKey);
-    m_unsaved.insert(mapKey);
+    const bool fits = !m_file.isSet() || writtenSize(mapKey, stored) <= MaxFileSize;
+    number = fits ? ++m_number : MemoryOnly;
+    m_unsaved[mapKey] = number;
     m_cache.insert_or_assign(mapKey, stored);
+    m_uses.erase(mapKey);  // its stamp is its last use
     m_lastUsed = stored;
     m_lastUsedKey.swap(usedKey);
-    return updateCache();
+    keepWithinLimits();
+    if (!fits) {
+      warnOnce("updateCache", "a selection of " + std::to_string(stored.GetListSize()) +
+                                  " headends is too large for the cache file");
+      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
+    }
+    const STATUSCODE handedOver = updateCache();
+    ticket = m_writer.Last();
+    return handedOver;
   } catch (const std::exception&) {
-    m_file.forget();
-    CAppLog::LogReturnCode("AddEntry", SourceFile, __LINE__, Logging::DBG_Warning,
-                           "CSelectionCache::updateCache", HEADENDSELECTION_ERROR_MEMALLOC_FAILED,
-                           0, nullptr);
+    logShortage("AddEntry", "CSelectionCache::updateCache");
     return HEADENDSELECTION_ERROR_MEMALLOC_FAILED;
   }
 }
@@ -250,33 +293,86 @@ STATUSCODE CSelectionCache::buildCacheFromPrefs() {
   if (!m_file.isSet()) {
     return HEADENDSELECTION_SUCCESS;
   }
-  std::string text;
+  Contents fromFile;
   std::string problem;
-  switch (m_file.read(text, problem)) {
-    case CStateFile::Content::Unchanged:
+  switch (readFile(m_file, fromFile, problem)) {
+    case Found::Unchanged:
       return HEADENDSELECTION_SUCCESS;
-    case CStateFile::Content::Refused:
-      warnOnce("buildCacheFromPrefs", problem + "; the selection cache is kept in memory only");
+    case Found::Refused:
+      warnOnce("buildCacheFromPrefs", problem);
       return HEADENDSELECTION_ERROR_CACHE_FAILURE;
-    case CStateFile::Content::Missing:
-      m_fileIsCorrupt = false;
-      adopt(Entries());
-      return HEADENDSELECTION_SUCCESS;
-    case CStateFile::Content::Read:
+    case Found::Wrong:
+    case Found::Newer:
+      warnOnce("buildCacheFromPrefs", problem);
       break;
-  }
-  Entries fromFile;
-  problem = CacheDocument::parse(text, fromFile);
-  m_fileIsCorrupt = !problem.empty();
-  if (m_fileIsCorrupt) {
-    warnOnce("buildCacheFromPrefs",
-             m_file.path() + " is no selection cache and is ignored: " + problem);
+    case Found::Nothing:
+    case Found::Selections:
+      break;
   }
   adopt(std::move(fromFile));
   return HEADENDSELECTION_SUCCESS;
 }
 
-STATUSCODE CSelectionCache::updateCache() { return writeFile(StorePatience); }
+STATUSCODE CSelectionCache::updateCache() {
+  if (!m_file.isSet()) {
+    m_unsaved.clear();
+    return HEADENDSELECTION_SUCCESS;
+  }
+  m_storePending.store(true);
+  auto batch = std::make_shared<const Batch>(makeBatch());
+  const bool isHandedOver =
+      m_writer.Submit(++m_number, [batch = std::move(batch)] { return writeFile(*batch); });
+  return isHandedOver ? HEADENDSELECTION_SUCCESS : HEADENDSELECTION_ERROR_CACHE_FAILURE;
+}
+
+CSelectionCache::Batch CSelectionCache::makeBatch() {
+  Batch batch;
+  batch.path = m_file.path();
+  for (const auto& [key, number] : m_unsaved) {
+    if (number != MemoryOnly) {
+      batch.mine.entries.emplace(key, m_cache[key]);
+    }
+  }
+  batch.mine.uses = m_uses;
+  batch.latest = m_lastUsedKey;
+  batch.clearCache = m_settings.nClearCache;
+  return batch;
+}
+
+/// Takes note of what has become of the job that ended last. Without memory for a word about it,
+/// nothing is said.
+void CSelectionCache::settle() {
+  CCacheWriter::Outcome outcome;
+  if (!m_writer.Take(outcome)) {
+    return;
+  }
+  // What is not on record but a use, nobody misses.
+  const bool isOfAStore = hasUnsaved();
+  const bool isWritten = outcome.status == HEADENDSELECTION_SUCCESS;
+  if (isWritten) {
+    std::erase_if(m_unsaved,
+                  [&outcome](const auto& item) { return item.second <= outcome.number; });
+  }
+  m_storePending.store(hasUnsaved() || m_writer.IsBusy());
+  if (outcome.status == HEADENDSELECTION_ERROR_MEMALLOC_FAILED) {
+    logShortage("updateCache", "CSelectionCache::writeFile");
+  } else if (!outcome.problem.empty() && isOfAStore) {
+    try {
+      warnOnce("updateCache", outcome.problem);
+    } catch (const std::exception&) {
+      logShortage("updateCache", "CSelectionCache::warnOnce");
+    }
+  } else if (isWritten) {
+    m_hasWarned = false;
+    m_lastProblem.clear();
+  }
+}
+
+/// Whether something that was stored may not be in the file, although it fits.
+bool CSelectionCache::hasUnsaved() {
+  return std::any_of(m_unsaved.begin(), m_unsaved.end(),
+                     [](const auto& item) { return item.second != MemoryOnly; });
+}
 
 STATUSCODE CSelectionCache::calculateKey(std::vector<std::string>& dnsList) {
   std::vector<std::string> place;
@@ -286,7 +382,6 @@ STATUSCODE CSelectionCache::calculateKey(std::vector<std::string>& dnsList) {
     return HEADENDSELECTION_ERROR_UNEXPECTED;
   }
   std::sort(place.begin(), place.end());
-  place.erase(std::unique(place.begin(), place.end()), place.end());
   dnsList.swap(place);
   return HEADENDSELECTION_SUCCESS;
 }
@@ -310,7 +405,8 @@ void CSelectionCache::splitString(const std::string& text, const std::string& se
 }
 
 bool CSelectionCache::isCacheCurrent(std::string& key, CCacheEntry& entry) {
-  return entry.GetKnownHeadends() == key && entry.GetListSize() > 0 && !isExpired(ageOf(entry));
+  return entry.GetKnownHeadends() == key && entry.GetListSize() > 0 &&
+         !SelectionTimes::isExpired(entry, m_settings.nClearCache);
 }
 
 bool CSelectionCache::findDnsCacheEntry(std::string& key, CCacheEntry& entry) {
@@ -324,191 +420,61 @@ bool CSelectionCache::findDnsCacheEntry(std::string& key, CCacheEntry& entry) {
 
 /// The key in the map of a candidate set at the place in `ml_dnsList`.
 std::string CSelectionCache::placeKey(const std::string& knownHeadends) {
-  std::string place;
-  for (const std::string& part : ml_dnsList) {
-    place += (place.empty() ? "" : " ") + part;
-  }
-  return CacheDocument::selectionKey(place, knownHeadends);
+  return CacheDocument::selectionKey(CacheDocument::placeText(ml_dnsList), knownHeadends);
 }
 
-/// Brings the file up to date with the map: under the lock between processes it takes over what
-/// others have written, and replaces the file by the whole.
-STATUSCODE CSelectionCache::writeFile(std::chrono::milliseconds patience) {
-  if (!m_file.isSet()) {
-    trim();
-    return HEADENDSELECTION_SUCCESS;
+/// Counts a hit as a use, and has it put on record unless one of late is.
+void CSelectionCache::noteUse(const std::string& key, const CCacheEntry& entry) {
+  const unsigned long now = SelectionTimes::now();
+  m_uses[key] = now;
+  const unsigned long onRecord = SelectionTimes::lastUse(entry, useOf(m_recorded, key), now);
+  if (m_file.isSet() && !m_unsaved.contains(key) && now - onRecord >= UseGranularity &&
+      !m_writer.IsBusy()) {
+    static_cast<void>(updateCache());
   }
-  m_storePending.store(true);
-  std::string problem;
-  {
-    CStateFile::Lock fileLock(m_file, patience);
-    const bool busy = fileLock.state() == CStateFile::Locking::Busy;
-    if (fileLock.state() != CStateFile::Locking::Held) {
-      trim();
-      if (!busy || patience == ReleasePatience) {
-        warnOnce("updateCache", "selection not kept in the cache file: " + fileLock.problem());
-      }
-      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
-    }
-    const STATUSCODE status = buildCacheFromPrefs();
-    trim();
-    if (status != HEADENDSELECTION_SUCCESS) {
-      return status;
-    }
-    std::string document;
-    if (!writeDocument(document)) {
-      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
-    }
-    if (m_fileIsCorrupt) {
-      m_file.keepAside();
-    }
-    if (!m_file.replace(document, problem)) {
-      warnOnce("updateCache", "selection not kept in the cache file: " + problem);
-      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
-    }
-    m_fileIsCorrupt = false;
-    m_unsaved.clear();
-    m_storePending.store(false);
-  }
-  // The new file is in place for everyone; that it also outlives a power failure now need not keep
-  // other processes waiting.
-  if (!m_file.syncDirectory(problem)) {
-    warnOnce("updateCache", problem);
-  }
-  return HEADENDSELECTION_SUCCESS;
 }
 
-/// Writes the selections, newest first, as far as they fit into the file; the rest is older.
-/// @return false when the newest alone does not fit or memory is short.
-bool CSelectionCache::writeDocument(std::string& document) {
-  CSaxMemoryWriter writer;
-  writer.startElement(CacheDocument::RootName);
-  storeAttribute(&writer, CacheDocument::VersionAttribute, CacheDocument::Version);
-  std::size_t size = DocumentOverhead;
-  for (const std::string& key : keysNewestFirst()) {
-    const CCacheEntry& entry = m_cache[key];
-    const std::size_t entrySize = writtenSize(key, entry);
-    if (size + entrySize <= MaxFileSize) {
-      writeSelection(writer, key, entry);
-      size += entrySize;
-    } else if (key == m_lastUsedKey) {
-      warnOnce("updateCache", "a selection of " + std::to_string(entry.GetListSize()) +
-                                  " headends is too large for the cache file");
-      m_storePending.store(false);  // it will not get smaller
-      return false;
-    }
-  }
-  if (!writer.finish(document)) {
-    warnOnce("updateCache", "the cache file's text could not be built");
-    return false;
-  }
-  return true;
-}
-
-void CSelectionCache::writeSelection(SaxWriterIfc& writer, const std::string& key,
-                                     const CCacheEntry& entry) {
-  std::vector<std::string> parts;
-  splitString(key, CacheDocument::KeySeparator, parts);
-  writer.startElement(CacheDocument::SelectionName);
-  storeAttribute(&writer, CacheDocument::PlaceAttribute, parts.front());
-  storeAttribute(&writer, CacheDocument::KnownHeadendsAttribute,
-                 CacheDocument::encode(entry.GetKnownHeadends()));
-  storeAttribute(&writer, CacheDocument::StoredAttribute, std::to_string(entry.GetTimestamp()));
-  std::vector<CHeadendRTT> headends;
-  entry.GetHeadendList(headends);
-  for (const CHeadendRTT& headend : headends) {
-    writer.startElement(CacheDocument::HeadendName);
-    storeAttribute(&writer, CacheDocument::NameAttribute,
-                   CacheDocument::encode(headend.GetHeadend()));
-    storeAttribute(&writer, CacheDocument::MetricAttribute, std::to_string(headend.GetRTT()));
-    writer.endElement();
-  }
-  writer.endElement();
-}
-
-/// Makes the map what the file holds, plus what this process has not written yet; where both have
-/// an entry the newer one stays. Changes nothing when memory is short.
-void CSelectionCache::adopt(Entries&& fromFile) {
-  std::set<std::string> unsaved;
-  for (const std::string& key : m_unsaved) {
-    const auto mine = m_cache.find(key);
-    const auto theirs = fromFile.find(key);
-    if (mine == m_cache.end() ||
-        (theirs != fromFile.end() && ageOf(theirs->second) < ageOf(mine->second))) {
+/// Makes the map what the file holds, plus what this process has stored and the file may not have;
+/// where both have an entry the newer one stays. Changes nothing when memory is short.
+void CSelectionCache::adopt(Contents&& fromFile) {
+  Contents mine;
+  std::map<std::string, unsigned long> unsaved;
+  for (const auto& [key, number] : m_unsaved) {
+    const auto own = m_cache.find(key);
+    const auto theirs = fromFile.entries.find(key);
+    if (own == m_cache.end() ||
+        (theirs != fromFile.entries.end() &&
+         SelectionTimes::ageOf(theirs->second) < SelectionTimes::ageOf(own->second))) {
       continue;
     }
-    fromFile[key] = mine->second;
-    unsaved.insert(key);
+    mine.entries.emplace(key, own->second);
+    unsaved.emplace(key, number);
   }
-  m_cache.swap(fromFile);
+  mine.uses = m_uses;
+  Uses recorded = fromFile.uses;
+  merge(fromFile, mine);
+  m_cache.swap(fromFile.entries);
+  m_uses.swap(fromFile.uses);
+  m_recorded.swap(recorded);
   m_unsaved.swap(unsaved);
 }
 
-/// Drops what is out of date and, beyond the number of entries that are kept, the oldest. Entries
-/// from the future stay while there is room: if the clock is what is wrong, they will be right
-/// again.
-void CSelectionCache::trim() {
-  std::size_t kept = 0;
-  for (const std::string& key : keysNewestFirst()) {
-    const unsigned long age = ageOf(m_cache[key]);
-    const bool isOld = isExpired(age) && age != BeyondAge && key != m_lastUsedKey;
-    if (isOld || kept == MaxEntries) {
-      m_cache.erase(key);
-      m_unsaved.erase(key);
-    } else {
-      ++kept;
-    }
-  }
+void CSelectionCache::keepWithinLimits() {
+  trim(m_cache, m_uses, m_lastUsedKey, m_settings.nClearCache);
+  std::erase_if(m_unsaved, [this](const auto& item)
+                               AHS_REQUIRES(m_lock) { return !m_cache.contains(item.first); });
 }
 
-/// The keys of all entries: the one used last, then by age. Stamps count seconds, so an entry just
-/// stored is not always younger than the others.
-std::vector<std::string> CSelectionCache::keysNewestFirst() {
-  std::vector<std::string> keys;
-  std::vector<std::pair<unsigned long, std::string>> others;
-  for (const auto& [key, entry] : m_cache) {
-    if (key == m_lastUsedKey) {
-      keys.push_back(key);
-    } else {
-      others.emplace_back(ageOf(entry), key);
-    }
-  }
-  std::sort(others.begin(), others.end());
-  for (auto& other : others) {
-    keys.push_back(std::move(other.second));
-  }
-  return keys;
-}
-
-/// Seconds since the entry was stored, `BeyondAge` for one from the future: after the clock went
-/// backwards nobody can say how old it is.
-unsigned long CSelectionCache::ageOf(const CCacheEntry& entry) const {
-  const unsigned long now = secondsNow();
-  return entry.GetTimestamp() > now ? BeyondAge : now - entry.GetTimestamp();
-}
-
-bool CSelectionCache::isExpired(unsigned long age) const {
-  return m_settings.nClearCache == 0 || age > m_settings.nClearCache * SecondsPerDay;
-}
-
-/// Warns of a problem unless it is the one warned of last: a file that stays wrong is met again at
-/// every look-up and every store.
+/// Warns of a problem. One warning is enough until a store has succeeded: what else is found wrong
+/// is logged as information, and what was logged last not at all, for a file that stays wrong is
+/// met again at every look-up and every store.
 void CSelectionCache::warnOnce(const char* function, const std::string& problem) {
   if (problem == m_lastProblem) {
     return;
   }
   m_lastProblem = problem;
-  CAppLog::LogDebugMessage(function, SourceFile, __LINE__, Logging::DBG_Warning, "%s",
+  CAppLog::LogDebugMessage(function, SourceFile, __LINE__,
+                           m_hasWarned ? Logging::DBG_Info : Logging::DBG_Warning, "%s",
                            CStringUtils::printable(problem, MaxProblemLength).c_str());
-}
-
-void CSelectionCache::flush() {
-  const CAutoLockT<CManualLock> lock(m_lock);
-  try {
-    writeFile(ReleasePatience);
-  } catch (const std::exception&) {
-    CAppLog::LogReturnCode("releaseInstance", SourceFile, __LINE__, Logging::DBG_Warning,
-                           "CSelectionCache::updateCache", HEADENDSELECTION_ERROR_MEMALLOC_FAILED,
-                           0, nullptr);
-  }
+  m_hasWarned = true;
 }

@@ -4,12 +4,13 @@
 #include <chrono>
 #include <cstddef>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "vpn/Api/AHS/AHSSettings.h"
+#include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/CacheEntry.h"
+#include "vpn/Api/AHS/CacheWriter.h"
 #include "vpn/Api/AHS/StateFile.h"
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
@@ -20,11 +21,12 @@ class SaxWriterIfc;
 ///
 /// A selection is found again for the same candidate set at the same place (the name servers and
 /// search domains that the resolver uses) until the clear-cache time of the settings has passed. At
-/// most `MaxEntries` selections are kept; the oldest go first. What is wrong with the file costs a
-/// warning and never a selection: the cache then works in memory. No operation throws.
+/// most `MaxEntries` selections are kept; those that were used longest ago go first. What is wrong
+/// with the file costs a warning and never a selection: the cache then works in memory. No
+/// operation throws.
 ///
-/// All operations may be called from any thread that holds an acquisition; look-ups and stores wait
-/// for one another, for the length of a flush to disk at most.
+/// All operations may be called from any thread that holds an acquisition. The file is written on a
+/// thread of the cache's own, so that a slow disk holds nobody up for longer than is said here.
 class CSelectionCache {
  public:
   static constexpr std::size_t MaxEntries = 64;
@@ -40,24 +42,31 @@ class CSelectionCache {
   /// @return 0, or HEADENDSELECTION_ERROR_MEMALLOC_FAILED with a null `pCache`.
   static STATUSCODE createSingletonInstance(CSelectionCache*& pCache);
 
-  /// Gives back one acquisition. The last one writes what an earlier store could not, because other
-  /// processes were writing, and destroys the instance.
+  /// Gives back one acquisition. The last one waits as `WaitForStores` does and destroys the
+  /// instance.
   void releaseInstance();
+
+  /// Waits until what has been stored is in the file, after one more attempt where the last one has
+  /// failed; for 2.5 seconds at most. A disk that takes longer is left to itself: the file follows
+  /// when it can, unless the process ends.
+  /// @return 0, or HEADENDSELECTION_ERROR_CACHE_FAILURE when the file does not have all of it.
+  STATUSCODE WaitForStores();
 
   /// The selections that are kept, for people: for each its place and whether it is current, then
   /// its entry. Empty when memory is short.
   std::string toString();
 
-  /// Looks a candidate set up at the present place.
+  /// Looks a candidate set up at the present place. A hit counts as a use of the selection; where
+  /// the file's record of that is old, it is renewed in the background.
   /// @param entry receives results, time stamp and key on a hit; is left alone on a miss.
   /// @return whether there is a current selection.
   bool IsInCache(std::string& key, CCacheEntry& entry);
 
   /// Stores a selection under its own key at the present place, in place of an older one, and
-  /// stamps `entry` with the time of day.
+  /// stamps `entry` with the time of day. Waits 50 ms at most for the file.
   /// @return 0; HEADENDSELECTION_ERROR_BAD_PARAMETER for an entry without results, which is not
-  ///         stored; HEADENDSELECTION_ERROR_CACHE_FAILURE when it is kept in memory but not in the
-  ///         file; HEADENDSELECTION_ERROR_UNEXPECTED when the place is unknown and
+  ///         stored; HEADENDSELECTION_ERROR_CACHE_FAILURE when it is kept in memory but not, or not
+  ///         yet, in the file; HEADENDSELECTION_ERROR_UNEXPECTED when the place is unknown and
   ///         HEADENDSELECTION_ERROR_MEMALLOC_FAILED: not stored.
   STATUSCODE AddEntry(CCacheEntry& entry);
   /// The same under a given key, which the stored entry then carries.
@@ -74,35 +83,73 @@ class CSelectionCache {
   explicit CSelectionCache(STATUSCODE& status);
   ~CSelectionCache();
 
+  using Entries = CacheDocument::Entries;
+  using Uses = CacheDocument::Uses;
+  using Contents = CacheDocument::Contents;
+
+  /// What stands in the file.
+  enum class Found {
+    Unchanged,   ///< what it held at the last reading
+    Nothing,     ///< there is no file
+    Selections,  ///< it was read
+    Wrong,       ///< it is no cache; it is kept aside and replaced
+    Newer,       ///< a later version's; left alone
+    Refused,     ///< not to be trusted or not to be read; left alone
+  };
+
+  /// What a job of the writer knows: all that the file may not have.
+  struct Batch {
+    std::string path;
+    Contents mine;  // entries that were stored, and uses of any
+    std::string latest;
+    unsigned int clearCache = 0;
+  };
+
   /// Takes over what other processes have written since the file was last read.
   STATUSCODE buildCacheFromPrefs() AHS_REQUIRES(m_lock);
-  /// Writes the file, with the short patience of a store.
+  /// Has the file brought up to date with the map, in the background.
   STATUSCODE updateCache() AHS_REQUIRES(m_lock);
   /// The present place, sorted, so that the order of name servers does not count.
   STATUSCODE calculateKey(std::vector<std::string>& dnsList);
-  void storeAttribute(SaxWriterIfc* pWriter, const std::string& name, const std::string& value);
+  static void storeAttribute(SaxWriterIfc* pWriter, const std::string& name,
+                             const std::string& value);
   /// Appends the pieces of `text` between `separators` to `parts`; an empty text has one, empty.
-  void splitString(const std::string& text, const std::string& separators,
-                   std::vector<std::string>& parts);
+  static void splitString(const std::string& text, const std::string& separators,
+                          std::vector<std::string>& parts);
   /// Whether an entry answers for a candidate set now.
   bool isCacheCurrent(std::string& key, CCacheEntry& entry) AHS_REQUIRES(m_lock);
   /// Copies the entry of a candidate set at the place in `ml_dnsList`, current or not.
   bool findDnsCacheEntry(std::string& key, CCacheEntry& entry) AHS_REQUIRES(m_lock);
 
-  using Entries = std::map<std::string, CCacheEntry>;
-
   std::string placeKey(const std::string& knownHeadends) AHS_REQUIRES(m_lock);
-  STATUSCODE writeFile(std::chrono::milliseconds patience) AHS_REQUIRES(m_lock);
-  bool writeDocument(std::string& document) AHS_REQUIRES(m_lock);
-  void writeSelection(SaxWriterIfc& writer, const std::string& key, const CCacheEntry& entry);
-  void adopt(Entries&& fromFile) AHS_REQUIRES(m_lock);
-  void trim() AHS_REQUIRES(m_lock);
-  std::vector<std::string> keysNewestFirst() AHS_REQUIRES(m_lock);
-  unsigned long ageOf(const CCacheEntry& entry) const;
-  bool isExpired(unsigned long age) const;
+  void noteUse(const std::string& key, const CCacheEntry& entry) AHS_REQUIRES(m_lock);
+  STATUSCODE store(CCacheEntry& entry, const std::string& key, CCacheWriter::Ticket& ticket,
+                   unsigned long& number);
+  Batch makeBatch() AHS_REQUIRES(m_lock);
+  void adopt(Contents&& fromFile) AHS_REQUIRES(m_lock);
+  void keepWithinLimits() AHS_REQUIRES(m_lock);
+  void settle() AHS_REQUIRES(m_lock);
+  bool hasUnsaved() AHS_REQUIRES(m_lock);
   void warnOnce(const char* function, const std::string& problem) AHS_REQUIRES(m_lock);
-  void flush();
+  void startFlush(CCacheWriter::Ticket& ticket);
+  STATUSCODE endFlush(bool isEnded);
   bool releaseOnce(bool flushed);
+
+  // The file's part (SelectionCacheFile.cpp). These run on the writer's thread, which may outlive
+  // the instance.
+  static CCacheWriter::Outcome writeFile(const Batch& batch);
+  /// @param problem says what is wrong, as a sentence for the log; empty if nothing is.
+  static Found readFile(CStateFile& file, Contents& contents, std::string& problem);
+  static bool writeDocument(const Contents& contents, const std::string& latest,
+                            std::string& document);
+  static void writeSelection(SaxWriterIfc& writer, const std::string& key, const CCacheEntry& entry,
+                             unsigned long use);
+  static std::size_t writtenSize(const std::string& key, const CCacheEntry& entry);
+  static void merge(Contents& contents, const Contents& mine);
+  static void trim(Entries& entries, Uses& uses, const std::string& latest,
+                   unsigned int clearCache);
+  static std::vector<std::string> keysByUse(const Entries& entries, const Uses& uses,
+                                            const std::string& latest);
 
   static CSelectionCache* sm_pInstance AHS_GUARDED_BY(sm_instanceLock);
   static unsigned int sm_uiAcquisitionCount AHS_GUARDED_BY(sm_instanceLock);
@@ -115,13 +162,19 @@ class CSelectionCache {
 
   CManualLock m_lock;
   CStateFile m_file AHS_GUARDED_BY(m_lock);
-  // Keys in m_cache that this process stored and the file does not have.
-  std::set<std::string> m_unsaved AHS_GUARDED_BY(m_lock);
-  bool m_fileIsCorrupt AHS_GUARDED_BY(m_lock);
-  std::string m_lastProblem AHS_GUARDED_BY(m_lock);  // the one that was warned of last
+  CCacheWriter m_writer AHS_GUARDED_BY(m_lock);
+  // By the keys of m_cache: the last use, and the one on record in the file.
+  Uses m_uses AHS_GUARDED_BY(m_lock);
+  Uses m_recorded AHS_GUARDED_BY(m_lock);
+  // Keys in m_cache that this process stored and the file may not have, with the number that the
+  // store got; a job of the same or a larger number has it.
+  std::map<std::string, unsigned long> m_unsaved AHS_GUARDED_BY(m_lock);
+  unsigned long m_number AHS_GUARDED_BY(m_lock);
+  std::string m_lastProblem AHS_GUARDED_BY(m_lock);  // the one that was logged last
+  bool m_hasWarned AHS_GUARDED_BY(m_lock);
   std::string m_lastUsedKey AHS_GUARDED_BY(m_lock);
   CCacheEntry m_lastUsed AHS_GUARDED_BY(m_lock);
-  // Whether a store is to be tried again. Atomic: releaseInstance asks without m_lock, so that it
-  // does not wait for a flush while it holds sm_instanceLock.
+  // Whether there is something to wait for. Atomic: releaseInstance asks without m_lock, so that it
+  // does not wait for a parse while it holds sm_instanceLock.
   std::atomic<bool> m_storePending;
 };

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -70,6 +71,24 @@ void createDirectories(const std::string& directory) {
   mkdir(directory.c_str(), DirectoryMode);
 }
 
+/// Why there must be no files in a directory; empty if there may, or if it cannot be told, which
+/// shows when the directory is used.
+std::string findDistrustOfDirectory(const std::string& directory) {
+  struct stat status {};
+  if (stat(directory.c_str(), &status) != 0) {
+    return "";
+  }
+  if (status.st_uid != geteuid() && status.st_uid != 0) {
+    return "the directory " + directory + " belongs to another user";
+  }
+  // Not even a sticky one: there others could make the files that are not there yet.
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return "the directory " + directory +
+           " can be written by other users (mend it with chmod go-w)";
+  }
+  return "";
+}
+
 bool writeAll(int descriptor, const std::string& text) {
   std::size_t written = 0;
   while (written < text.size()) {
@@ -107,7 +126,7 @@ std::string CStateFile::findDistrust(const struct stat& status) const {
     return m_path + " belongs to another user";
   }
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    return m_path + " can be written by other users";
+    return m_path + " can be written by other users (mend it with chmod go-w)";
   }
   if (static_cast<std::size_t>(status.st_size) > m_maxSize) {
     return m_path + " has more than " + std::to_string(m_maxSize) + " bytes";
@@ -153,7 +172,10 @@ CStateFile::Content CStateFile::read(std::string& text, std::string& problem) {
   }
   // Looked at before it is opened, because opening a device or a FIFO can have effects of its own;
   // looked at again once it is open, because it may have been exchanged in between.
-  problem = findDistrust(status);
+  problem = findDistrustOfDirectory(directoryOf(m_path));
+  if (problem.empty()) {
+    problem = findDistrust(status);
+  }
   if (!problem.empty()) {
     return Content::Refused;
   }
@@ -230,9 +252,41 @@ void CStateFile::keepAside() {
   static_cast<void>(!link(m_path.c_str(), (m_path + ".corrupt").c_str()));
 }
 
+namespace {
+
+/// What there may be besides the lock.
+constexpr const char* Suffixes[] = {"", ".new", ".corrupt"};
+
+}  // namespace
+
+bool CStateFile::remove(std::string& problem) {
+  bool isGone = true;
+  for (const char* const suffix : Suffixes) {
+    const std::string path = m_path + suffix;
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+      problem = failure("remove", path);
+      isGone = false;
+    }
+  }
+  forget();
+  return isGone;
+}
+
+bool CStateFile::isThere() const {
+  return std::any_of(std::begin(Suffixes), std::end(Suffixes), [this](const char* suffix) {
+    struct stat status {};
+    return lstat((m_path + suffix).c_str(), &status) == 0;
+  });
+}
+
 CStateFile::Lock::Lock(const CStateFile& file, std::chrono::milliseconds patience)
     : m_descriptor(-1), m_state(Locking::Failed) {
-  createDirectories(directoryOf(file.path()));
+  const std::string directory = directoryOf(file.path());
+  createDirectories(directory);
+  m_problem = findDistrustOfDirectory(directory);
+  if (!m_problem.empty()) {
+    return;
+  }
   const std::string path = file.path() + ".lock";
   m_descriptor =
       open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, FileMode);

@@ -9,11 +9,12 @@
 
 /// A small file in which the processes of one user keep what they know between them.
 ///
-/// Reading trusts nothing: only a regular file of bounded size that belongs to the user and that
-/// nobody else can write is read. Replacing it is atomic: whoever reads, and whatever moment the
-/// power fails, sees the old text or the new one. Beside the file at PATH stand PATH.lock, which
-/// processes lock while they read, change and replace it, PATH.new, the text under way, and
-/// PATH.corrupt, a text that could not be understood.
+/// Nothing is trusted: only a regular file of bounded size that belongs to the user and that nobody
+/// else can write is read, and only in a directory that nobody else can write are there any files.
+/// Replacing it is atomic: whoever reads, and whatever moment the power fails, sees the old text or
+/// the new one. Beside the file at PATH stand PATH.lock, which processes lock while they read,
+/// change and replace it, PATH.new, the text under way, and PATH.corrupt, a text that could not be
+/// understood.
 ///
 /// Used by one thread at a time. What went wrong is told as a sentence for the log.
 class CStateFile {
@@ -53,10 +54,18 @@ class CStateFile {
   /// Gives the present file the further name PATH.corrupt, unless that name is taken.
   void keepAside();
 
+  /// Removes the file, whatever it is, and what stands beside it but for the lock, which the caller
+  /// holds. @return false and the problem when something is left.
+  bool remove(std::string& problem);
+
+  /// Whether there is anything to remove.
+  bool isThere() const;
+
   /// Holds the lock between processes for the length of a scope.
   class Lock {
    public:
-    /// Creates the file's directory when it is missing (mode 0700) and waits for the lock.
+    /// Creates the file's directory when it is missing (mode 0700) and waits for the lock. Where
+    /// other users could write there, it fails and leaves nothing behind.
     /// @param patience longest wait.
     Lock(const CStateFile& file, std::chrono::milliseconds patience);
     ~Lock();

@@ -1,0 +1,396 @@
+// The selection cache as the `ahs` command has it: across networks, processes, full disks and wrong
+// files, and `ahs cache`, which shows, clears and finds it. What needs a file system or a network
+// place of its own runs in a mount namespace, where root can make one.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tests {
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::Not;
+using Words = std::vector<std::string>;
+
+struct Output {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+/// A gateway on 127.0.0.1 that answers everybody.
+class Gateway {
+ public:
+  std::string Address() const { return "127.0.0.1:" + std::to_string(m_server.port()); }
+  unsigned int Requests() const { return m_server.accepted(); }
+
+ private:
+  ScriptedServer m_server{[](Connection& connection) {
+    connection.readHead();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+    connection.drain();
+  }};
+};
+
+/// One running `ahs` or shell.
+class Running {
+ public:
+  explicit Running(const Words& command)
+      : m_process(Shell(command, m_directory), m_directory.File("rest"), m_directory.Path()) {}
+
+  Output Finish() {
+    EXPECT_TRUE(m_process.WaitForEnd(Limit)) << "it hangs";
+    return {m_process.ExitStatus(), readFile(m_directory.File("out")),
+            readFile(m_directory.File("err"))};
+  }
+
+ private:
+  static Words Shell(const Words& command, const TemporaryDirectory& directory) {
+    Words shell = {"/bin/sh", "-c", "exec >\"$0\" 2>\"$1\"; shift; exec \"$@\"",
+                   directory.File("out"), directory.File("err")};
+    shell.insert(shell.end(), command.begin(), command.end());
+    return shell;
+  }
+
+  const TemporaryDirectory m_directory;
+  ChildProcess m_process;
+};
+
+class CacheCommandTest : public testing::Test {
+ protected:
+  CacheCommandTest() : m_home(m_directory.MakeDirectory("home")) {
+    m_cacheDirectory = m_home + "/.cache/ahs";
+    m_file = m_cacheDirectory + "/selections.xml";
+  }
+
+  /// A command line of `ahs` with an environment of its own.
+  Words Command(const Words& arguments) const {
+    Words command = {"/usr/bin/env", "-i", "HOME=" + m_home, "PATH=/usr/bin:/bin", AHS_PROGRAM};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+  }
+
+  Output Run(const Words& arguments) const { return Running(Command(arguments)).Finish(); }
+
+  json RunJson(Words arguments, int status = 0) const {
+    arguments.emplace_back("--json");
+    const Output output = Run(arguments);
+    EXPECT_EQ(output.status, status) << output.err;
+    return json::parse(output.out);
+  }
+
+  /// Runs a script in a mount namespace of its own; $1 is `ahs`, the rest its arguments.
+  static Output RunInNamespace(const std::string& script, const Words& words) {
+    Words command = {"/usr/bin/env", "unshare", "--mount", "/bin/sh", "-e", "-c", script, "sh"};
+    command.insert(command.end(), words.begin(), words.end());
+    return Running(command).Finish();
+  }
+
+  static bool HasNamespaces() { return geteuid() == 0 && RunInNamespace("true", {}).status == 0; }
+
+  void WriteFile(const std::string& text) const {
+    mkdir((m_home + "/.cache").c_str(), 0700);
+    mkdir(m_cacheDirectory.c_str(), 0700);
+    m_directory.Write("home/.cache/ahs/selections.xml", text);
+    chmod(m_file.c_str(), 0600);
+  }
+
+  static std::string SelectionOf(const std::string& place, const std::string& candidates, long age,
+                                 const std::string& results) {
+    return "<selection place=\"" + place + "\" knownHeadends=\"" + candidates + "\" stored=\"" +
+           std::to_string(std::time(nullptr) - age) + "\">" + results + "</selection>";
+  }
+
+  static std::string DocumentOf(const std::string& selections) {
+    return "<selectionCache version=\"2\">" + selections + "</selectionCache>";
+  }
+
+  static bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+  const TemporaryDirectory m_directory;
+  const std::string m_home;
+  std::string m_cacheDirectory;
+  std::string m_file;
+};
+
+// ---- Places, processes, disks -----------------------------------------------------------------
+
+TEST_F(CacheCommandTest, AnotherNetworkMissesAndComingBackHits) {
+  if (!HasNamespaces()) {
+    GTEST_SKIP() << "needs the right to make mount namespaces";
+  }
+  const Gateway gateway;
+  const std::string home =
+      m_directory.Write("home.conf", "nameserver 192.0.2.1\nsearch home.test\n");
+  const std::string work =
+      m_directory.Write("work.conf", "nameserver 198.51.100.1\nsearch work.test\n");
+  const auto isCachedAt = [&](const std::string& place) {
+    Words words = {place};
+    const Words command = Command({"select", "--json", gateway.Address()});
+    words.insert(words.end(), command.begin(), command.end());
+    const Output output = RunInNamespace(
+        "mount --bind \"$1\" \"$(readlink -f /etc/resolv.conf)\"; shift; exec \"$@\"", words);
+    EXPECT_EQ(output.status, 0) << output.err;
+    return json::parse(output.out).at("fromCache").get<bool>();
+  };
+  EXPECT_FALSE(isCachedAt(home));
+  EXPECT_TRUE(isCachedAt(home));
+  EXPECT_FALSE(isCachedAt(work));
+  EXPECT_TRUE(isCachedAt(home));
+  EXPECT_TRUE(isCachedAt(work));
+}
+
+TEST_F(CacheCommandTest, TenSelectionsAtOnceLoseNone) {
+  constexpr std::size_t Processes = 10;
+  std::vector<std::unique_ptr<Gateway>> gateways;
+  std::vector<std::unique_ptr<Running>> running;
+  for (std::size_t i = 0; i < Processes; ++i) {
+    gateways.push_back(std::make_unique<Gateway>());
+  }
+  for (const auto& gateway : gateways) {
+    running.push_back(
+        std::make_unique<Running>(Command({"select", "--quiet", gateway->Address()})));
+  }
+  for (const auto& process : running) {
+    const Output output = process->Finish();
+    EXPECT_EQ(output.status, 0) << output.err;
+  }
+  EXPECT_EQ(RunJson({"cache", "show"}).at("selections").size(), Processes);
+  for (const auto& gateway : gateways) {
+    EXPECT_EQ(RunJson({"select", gateway->Address()}).at("fromCache"), true);
+  }
+}
+
+TEST_F(CacheCommandTest, TenSelectionsOfTheSameCandidatesAtOnceLeaveOne) {
+  constexpr int Processes = 10;
+  const Gateway gateway;
+  std::vector<std::unique_ptr<Running>> running;
+  for (int i = 0; i < Processes; ++i) {
+    running.push_back(std::make_unique<Running>(Command({"select", "--quiet", gateway.Address()})));
+  }
+  for (const auto& process : running) {
+    const Output output = process->Finish();
+    EXPECT_EQ(output.status, 0) << output.err;
+    EXPECT_EQ(output.out, gateway.Address() + "\n");
+  }
+  EXPECT_EQ(RunJson({"cache", "show"}).at("selections").size(), 1U);
+}
+
+TEST_F(CacheCommandTest, AFullDiskCostsOneWarningAndNoSelection) {
+  if (!HasNamespaces()) {
+    GTEST_SKIP() << "needs the right to make mount namespaces";
+  }
+  const Gateway gateway;
+  const std::string disk = m_directory.MakeDirectory("disk");
+  Words words = {disk};
+  const Words command = Command(
+      {"select", "--quiet", "--log-level", "warning", "--cache-dir", disk, gateway.Address()});
+  words.insert(words.end(), command.begin(), command.end());
+  const Output output = RunInNamespace(
+      "mount -t tmpfs -o size=4k,mode=0700 tmpfs \"$1\"\n"
+      "dd if=/dev/zero of=\"$1/filler\" bs=4096 count=1 2>/dev/null\n"
+      "disk=$1; shift; \"$@\"; status=$?; ls \"$disk\"; exit $status",
+      words);
+  EXPECT_EQ(output.status, 0) << output.err;
+  EXPECT_EQ(output.out, gateway.Address() + "\nfiller\nselections.xml.lock\n");
+  EXPECT_THAT(output.err, HasSubstr("No space left on device"));
+  EXPECT_EQ(std::count(output.err.begin(), output.err.end(), '\n'), 1) << output.err;
+}
+
+TEST_F(CacheCommandTest, WithoutAHomeDirectoryTheSelectionGoesOnWithOneWarning) {
+  const Gateway gateway;
+  const Words words = {"/usr/bin/env", "-i", AHS_PROGRAM, "select", "--quiet", gateway.Address()};
+  const Output output = Running(words).Finish();
+  EXPECT_EQ(output.status, 0);
+  EXPECT_EQ(output.out, gateway.Address() + "\n");
+  EXPECT_THAT(output.err, HasSubstr("ahs: warning: neither HOME nor XDG_CACHE_HOME is set"));
+  EXPECT_EQ(std::count(output.err.begin(), output.err.end(), '\n'), 1) << output.err;
+}
+
+TEST_F(CacheCommandTest, AFileThatIsNoneCostsOneWarningAndIsKeptAsideOnce) {
+  const Gateway gateway;
+  for (const std::string text : {"first noise", "second noise"}) {
+    WriteFile(text);
+    const Output output = Run({"select", "--quiet", "--log-level", "warning", gateway.Address()});
+    EXPECT_EQ(output.status, 0);
+    EXPECT_THAT(output.err, HasSubstr("is no selection cache and is ignored"));
+    EXPECT_EQ(std::count(output.err.begin(), output.err.end(), '\n'), 1) << output.err;
+    EXPECT_EQ(readFile(m_file + ".corrupt"), "first noise");
+    EXPECT_EQ(RunJson({"cache", "show"}).at("selections").size(), 1U);
+  }
+}
+
+// ---- ahs cache --------------------------------------------------------------------------------
+
+TEST_F(CacheCommandTest, ThePathIsPrintedWhetherTheFileIsThereOrNot) {
+  EXPECT_EQ(Run({"cache", "path"}).out, m_file + "\n");
+  EXPECT_EQ(RunJson({"cache", "path"}).at("exists"), false);
+  WriteFile(DocumentOf(""));
+  EXPECT_EQ(RunJson({"cache", "path"}), (json{{"schema", 1}, {"path", m_file}, {"exists", true}}));
+  EXPECT_EQ(Run({"cache", "path", "--cache-dir", "/none"}).out, "/none/selections.xml\n");
+}
+
+TEST_F(CacheCommandTest, WithoutAHomeDirectoryThereIsNoPath) {
+  for (const std::string action : {"path", "show", "clear"}) {
+    const Output output = Running({"/usr/bin/env", "-i", AHS_PROGRAM, "cache", action}).Finish();
+    EXPECT_EQ(output.status, 2) << action;
+    EXPECT_EQ(output.out, "");
+    EXPECT_THAT(output.err, HasSubstr("name a directory with --cache-dir"));
+  }
+}
+
+TEST_F(CacheCommandTest, ASelectionIsShownWithItsPlaceAgeAndRankedResults) {
+  const Gateway first;
+  const Gateway second;
+  Run({"select", "--quiet", first.Address(), second.Address()});
+  const Output output = Run({"cache", "show"});
+  EXPECT_EQ(output.status, 0) << output.err;
+  EXPECT_THAT(output.out, HasSubstr("File: " + m_file + "\n"));
+  EXPECT_THAT(output.out, HasSubstr("Selections: 1\n"));
+  EXPECT_THAT(output.out, HasSubstr("* answers here and now, for these candidates\n"));
+  EXPECT_THAT(output.out, HasSubstr("candidates: "));
+  EXPECT_THAT(output.out, HasSubstr("expires:    "));
+  EXPECT_THAT(output.out, HasSubstr("     1. 127.0.0.1:"));
+
+  const json selection = RunJson({"cache", "show"}).at("selections").at(0);
+  EXPECT_EQ(selection.at("answersNow"), true);
+  EXPECT_EQ(selection.at("here"), true);
+  EXPECT_EQ(selection.at("current"), true);
+  EXPECT_EQ(selection.at("results").size(), 2U);
+  EXPECT_LE(selection.at("results").at(0).at("metricMs"),
+            selection.at("results").at(1).at("metricMs"));
+  EXPECT_LT(selection.at("ageSeconds"), 60);
+  EXPECT_EQ(selection.at("candidates").size(), 2U);
+}
+
+TEST_F(CacheCommandTest, WhatAnswersNothingIsShownAsThat) {
+  constexpr long Day = 24L * 60 * 60;
+  const std::string result = "<headend name=\"gw\" rtt=\"7\"/>";
+  const std::string here = RunJson({"cache", "show"}).at("place");
+  WriteFile(DocumentOf(
+      SelectionOf(here, "old;", 15 * Day, result) + SelectionOf(here, "new;", -Day, result) +
+      SelectionOf("nameserver 203.0.113.9 search cafe.test", "there;", 60, result)));
+  const Output output = Run({"cache", "show"});
+  EXPECT_EQ(output.status, 0) << output.err;
+  EXPECT_THAT(output.out, HasSubstr("  out of date: it answers nothing any more\n"));
+  EXPECT_THAT(output.out, HasSubstr("  stored in the future: it answers nothing until"));
+  EXPECT_THAT(output.out, HasSubstr("  of another place\n"));
+  EXPECT_THAT(output.out, HasSubstr("name server 203.0.113.9, search domain cafe.test"));
+  EXPECT_THAT(output.out, Not(HasSubstr("* ")));
+  const json shown = RunJson({"cache", "show"});
+  for (const json& selection : shown.at("selections")) {
+    EXPECT_EQ(selection.at("answersNow"), false);
+  }
+}
+
+TEST_F(CacheCommandTest, TheClearCacheTimeOfThePreferencesDecidesWhatIsOutOfDate) {
+  constexpr long Day = 24L * 60 * 60;
+  const std::string preferences = m_directory.Write(
+      "preferences.xml",
+      "<preferences version=\"1\"><preference name=\"SelectionClearCache\" value=\"20\"/>"
+      "</preferences>");
+  chmod(preferences.c_str(), 0600);
+  WriteFile(DocumentOf(SelectionOf("", "old;", 15 * Day, "<headend name=\"gw\" rtt=\"7\"/>")));
+  EXPECT_EQ(RunJson({"cache", "show"}).at("selections").at(0).at("current"), false);
+  EXPECT_EQ(
+      RunJson({"cache", "show", "--preferences", preferences}).at("selections").at(0).at("current"),
+      true);
+}
+
+TEST_F(CacheCommandTest, AHostileFileIsShownWithinBoundsAndWithoutControlCharacters) {
+  std::string results;
+  for (int i = 0; i < 10000; ++i) {
+    results += "<headend name=\"gw\\x1b[31m" + std::to_string(i) + "\\x0a\" rtt=\"7\"/>";
+  }
+  WriteFile(DocumentOf(SelectionOf(std::string(100000, 'p'),
+                                   "a\\x1b;" + std::string(100000, 'k') + ";", 60, results)));
+  const Output output = Run({"cache", "show"});
+  EXPECT_EQ(output.status, 0) << output.err;
+  EXPECT_LT(output.out.size(), 8000U);
+  EXPECT_THAT(output.out, HasSubstr("and 9990 more; --json shows all"));
+  EXPECT_THAT(output.out, Not(HasSubstr("\x1b")));
+  EXPECT_EQ(RunJson({"cache", "show"}).at("selections").at(0).at("results").size(), 10000U);
+}
+
+TEST_F(CacheCommandTest, AFileThatCannotBeUsedIsExplained) {
+  WriteFile("noise");
+  const Output output = Run({"cache", "show"});
+  EXPECT_EQ(output.status, 1);
+  EXPECT_THAT(output.err, HasSubstr("is not understood: line 1"));
+  EXPECT_THAT(output.err, HasSubstr("'ahs cache clear' removes it"));
+  EXPECT_THAT(RunJson({"cache", "show"}, 1).at("problem").get<std::string>(),
+              HasSubstr("is not understood"));
+  EXPECT_EQ(readFile(m_file), "noise");
+
+  ASSERT_EQ(chmod(m_file.c_str(), 0666), 0);
+  EXPECT_THAT(Run({"cache", "show"}).err, HasSubstr("can be written by other users"));
+}
+
+TEST_F(CacheCommandTest, ClearingLeavesNothingButTheLock) {
+  const Gateway gateway;
+  Run({"select", "--quiet", gateway.Address()});
+  m_directory.Write("home/.cache/ahs/selections.xml.corrupt", "noise");
+  m_directory.Write("home/.cache/ahs/selections.xml.new", "half");
+  const Output output = Run({"cache", "clear"});
+  EXPECT_EQ(output.status, 0) << output.err;
+  EXPECT_EQ(output.out, "Removed 1 selection: " + m_file + "\n");
+  EXPECT_FALSE(Exists(m_file));
+  EXPECT_FALSE(Exists(m_file + ".corrupt"));
+  EXPECT_FALSE(Exists(m_file + ".new"));
+  EXPECT_EQ(Run({"cache", "clear"}).out, "There was nothing to remove: " + m_file + "\n");
+  EXPECT_EQ(RunJson({"select", gateway.Address()}).at("fromCache"), false);
+}
+
+TEST_F(CacheCommandTest, ClearingACacheThatIsNotThereMakesNothing) {
+  EXPECT_EQ(RunJson({"cache", "clear"}),
+            (json{{"schema", 1}, {"path", m_file}, {"removed", false}, {"selections", 0}}));
+  EXPECT_FALSE(Exists(m_home + "/.cache"));
+}
+
+TEST_F(CacheCommandTest, AFileThatIsNotUnderstoodIsClearedToo) {
+  WriteFile("noise");
+  EXPECT_EQ(RunJson({"cache", "clear"}).at("removed"), true);
+  EXPECT_FALSE(Exists(m_file));
+}
+
+TEST_F(CacheCommandTest, WhereOthersCanWriteNothingIsCleared) {
+  WriteFile("noise");
+  ASSERT_EQ(chmod(m_cacheDirectory.c_str(), 0777), 0);
+  const Output output = Run({"cache", "clear"});
+  EXPECT_EQ(output.status, 1);
+  EXPECT_THAT(output.err, HasSubstr("was not cleared: the directory " + m_cacheDirectory +
+                                    " can be written by other users"));
+  EXPECT_EQ(readFile(m_file), "noise");
+}
+
+TEST_F(CacheCommandTest, AWrongCommandLineIsExplained) {
+  for (const Words& arguments :
+       {Words{"cache"}, Words{"cache", "list"}, Words{"cache", "clear", "--all"},
+        Words{"cache", "path", "--cache-dir", ""},
+        Words{"cache", "show", "--preferences", m_home + "/none"}}) {
+    const Output output = Run(arguments);
+    EXPECT_EQ(output.status, 2) << testing::PrintToString(arguments);
+    EXPECT_EQ(output.out, "") << testing::PrintToString(arguments);
+    EXPECT_THAT(output.err, HasSubstr("ahs: ")) << testing::PrintToString(arguments);
+  }
+}
+
+}  // namespace
+}  // namespace tests

@@ -35,6 +35,7 @@ soak: deps-test release ## Run for hours: races under both sanitizers, every fau
 	cmake --build --preset tsan -j $(JOBS) --target selection_stress
 	tests/stress/soak.sh build/asan build/tsan $(SOAK_RUNS)
 	build/release/bin/many_selections --runs 10000
+	AHS_CACHE_KILLS=1000 build/release/bin/cache_kill_test
 	tests/host/valgrind.sh build/release 100
 	AHS_FAULTS=all build/release/bin/faults_test
 	AHS_FAULTS=all build/release/bin/faults_c_memory_test

@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 
 #include "cli/Candidates.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
+#include "cli/Explanation.h"
 #include "cli/FileOptions.h"
 #include "cli/Interruption.h"
 #include "cli/ProbeRecorder.h"
@@ -60,13 +62,13 @@ class HeldCache {
     }
   }
 
-  std::vector<CHeadendRTT> lastRecords() const {
+  /// What the run used or stored; an entry without records if it did neither.
+  CCacheEntry lastEntry() const {
     CCacheEntry entry;
-    std::vector<CHeadendRTT> records;
-    if (m_cache != nullptr && m_cache->GetLastUsed(entry)) {
-      static_cast<void>(entry.GetHeadendList(records));
+    if (m_cache != nullptr) {
+      m_cache->GetLastUsed(entry);
     }
-    return records;
+    return entry;
   }
 
  private:
@@ -159,6 +161,38 @@ void waitForEnd(SelectionRun& run) {
   }
 }
 
+// The headend of the host entry that was named as the last one; empty if there is none.
+std::string headendOf(const std::string& last, const std::vector<Candidate>& candidates) {
+  const std::string wanted = CStringUtils::toLower(last);
+  const auto found = std::ranges::find_if(candidates, [&wanted](const Candidate& candidate) {
+    return CStringUtils::toLower(candidate.name) == wanted;
+  });
+  return last.empty() || found == candidates.end() ? last : found->headend;
+}
+
+// The rules that the run went by, for those who ask why.
+void tellRules(const std::string& last, const std::vector<Candidate>& candidates,
+               SelectionResult& result) {
+  HS_SETTINGS settings{};
+  CAHSSettings::GetSettings(settings);
+  result.last = headendOf(last, candidates);
+  result.improvementPercent = settings.nImprovement;
+  result.cacheDays = settings.nClearCache;
+  std::string measure;
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  result.isResponseMeasured = preferences != nullptr &&
+                              preferences->getPreferenceValue(RoundTripTime, measure) == 0 &&
+                              measure == PreferenceBase::RoundTripResponse;
+}
+
+// Time since an entry was made; none if the clock has been put back since.
+std::optional<std::chrono::seconds> ageOf(const CCacheEntry& entry) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto age = std::chrono::duration_cast<std::chrono::seconds>(now) -
+                   std::chrono::seconds(entry.GetTimestamp());
+  return age.count() < 0 ? std::nullopt : std::optional(age);
+}
+
 SelectionResult resultOf(const SelectionRun& run, unsigned int reason, bool hadLogin,
                          const std::vector<Candidate>& candidates, const ProbeRecorder& recorder,
                          const HeldCache& cache) {
@@ -172,10 +206,16 @@ SelectionResult resultOf(const SelectionRun& run, unsigned int reason, bool hadL
   result.elapsed = delivery.elapsed;
   result.fromCache = result.status == HEADENDSELECTION_SUCCESS;
   result.hadLogin = hadLogin;
-  const bool isSelected = exitStatusOf(result.status) == ExitSelected;
-  result.results = collectResults(result.headends, candidates, recorder.tracks(),
-                                  isSelected ? cache.lastRecords() : std::vector<CHeadendRTT>{},
-                                  result.fromCache);
+  const CCacheEntry entry = cache.lastEntry();
+  std::vector<CHeadendRTT> records;
+  if (exitStatusOf(result.status) == ExitSelected) {
+    static_cast<void>(entry.GetHeadendList(records));
+  }
+  if (result.fromCache) {
+    result.cacheAge = ageOf(entry);
+  }
+  result.results =
+      collectResults(result.headends, candidates, recorder.tracks(), records, result.fromCache);
   return result;
 }
 
@@ -219,9 +259,10 @@ bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
 }
 
 int print(const SelectionResult& result, const SelectOptions& options, const SelectPlan& plan) {
-  const std::string text = options.json    ? jsonOutput(result)
-                           : options.quiet ? quietOutput(result)
-                                           : textOutput(result);
+  const std::string text = options.json ? jsonOutput(result)
+                           : options.quiet
+                               ? quietOutput(result)
+                               : textOutput(result) + (options.explain ? explanation(result) : "");
   const int exitStatus = Console::writeResult(text, exitStatusOf(result.status));
   const std::string advice = adviceFor(result, plan.profilePlaces);
   if (!advice.empty()) {
@@ -271,8 +312,9 @@ int measureAndPrint(const SelectOptions& options, const SelectPlan& plan,
     } else {
       waitQuietly(run);
     }
-    const SelectionResult result =
+    SelectionResult result =
         resultOf(run, reason, login.hasCredentials(), candidates, *recorder, cache);
+    tellRules(plan.last, candidates, result);
     if (result.status == HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
       // It has started no worker, so nothing holds it up; its copy of the login goes with it.
       waitForEnd(run);
@@ -369,6 +411,7 @@ void addCacheAndOutput(CLI::App& command, SelectOptions& options) {
   command.add_flag("--no-cache", options.noCache, "Measure anew and store nothing");
   command.add_flag("--json", options.json, "Print one JSON object");
   command.add_flag("--quiet", options.quiet, "Print the first headend only");
+  command.add_flag("--explain", options.explain, "Tell why this headend, in numbers");
   command
       .add_option("--log-level", options.logLevel,
                   "Least important message that is logged; to standard error unless another "

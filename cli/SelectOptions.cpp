@@ -190,6 +190,11 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   if (options.json && options.quiet) {
     return "--json and --quiet exclude each other: leave one out.";
   }
+  if (options.explain && (options.json || options.quiet)) {
+    return std::string("--explain and ") + (options.json ? "--json" : "--quiet") +
+           " exclude each other: leave one out" +
+           (options.json ? "; the JSON object holds the decision in any case." : ".");
+  }
   const std::optional<unsigned int> reason = parseReason(options.reason.value_or("connection"));
   if (!reason) {
     return "there is no reason " + inQuotes(*options.reason) + ". Use one of " + reasonNames() +

@@ -24,6 +24,7 @@ struct SelectOptions {
   bool noCache = false;
   bool json = false;
   bool quiet = false;
+  bool explain = false;
   bool syslog = false;
   ProxyOptions proxy;
 };

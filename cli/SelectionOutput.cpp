@@ -11,6 +11,7 @@
 #include <set>
 
 #include "cli/Console.h"
+#include "cli/Explanation.h"
 #include "cli/SelectOptions.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Common/Logging/LegibleText.h"
@@ -56,6 +57,26 @@ json headendAsJson(const HeadendResult& headend) {
           {"samplesMs", headend.samplesMs},
           {"outcome", headend.outcome},
           {"probes", probes}};
+}
+
+json decisionAsJson(const SelectionResult& result) {
+  const Decision decision = decisionOf(result);
+  const auto nameOf = [](const HeadendResult* headend) {
+    return headend == nullptr ? json(nullptr) : json(headend->headend);
+  };
+  json early = json::array();
+  for (const EarlyAnswer& answer : decision.earlyAnswers) {
+    early.push_back({{"headend", answer.headend},
+                     {"networkRttMs", milliseconds(answer.networkUs)},
+                     {"responseRttMs", milliseconds(answer.responseUs)}});
+  }
+  return {{"words", decisionInWords(result)},
+          {"best", nameOf(decision.best)},
+          {"last", result.last.empty() ? json(nullptr) : json(result.last)},
+          {"ratio", decision.ratio ? json(*decision.ratio) : json(nullptr)},
+          {"threshold", decision.threshold ? json(*decision.threshold) : json(nullptr)},
+          {"retained", decision.isRetained},
+          {"earlyAnswers", early}};
 }
 
 std::string padded(const std::string& text, std::size_t width) {
@@ -178,7 +199,9 @@ std::string jsonOutput(const SelectionResult& result) {
   object["headends"] = result.headends;
   object["extraInfo"] = result.extraInfo;
   object["fromCache"] = result.fromCache;
+  object["cacheAgeSeconds"] = result.cacheAge ? json(result.cacheAge->count()) : json(nullptr);
   object["elapsedMs"] = result.elapsed.count();
+  object["decision"] = decisionAsJson(result);
   object["results"] = json::array();
   for (const HeadendResult& headend : result.results) {
     object["results"].push_back(headendAsJson(headend));

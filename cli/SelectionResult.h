@@ -27,7 +27,12 @@ struct SelectionResult {
   std::vector<std::string> headends;  ///< as delivered, best first
   std::string extraInfo;
   bool fromCache = false;
-  bool hadLogin = false;  ///< the run had credentials for the proxy
+  bool hadLogin = false;                ///< the run had credentials for the proxy
+  std::string last;                     ///< the headend used last, as in `headends`; empty for none
+  unsigned int improvementPercent = 0;  ///< how much better another one must be
+  bool isResponseMeasured = false;      ///< metrics are times to the gateways' answers
+  std::optional<std::chrono::seconds> cacheAge;  ///< since the cached measurement, if it is known
+  unsigned int cacheDays = 0;                    ///< how long a measurement may be used again
   std::chrono::milliseconds elapsed{0};
   std::string report;  ///< the selection report as the log has it; empty when there was no ranking
   /// The delivered headends in their order, then the other candidates in theirs.

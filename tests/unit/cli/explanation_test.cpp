@@ -1,0 +1,183 @@
+// Why a selection came out as it did: the numbers, and the words for them.
+
+#include "cli/Explanation.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr unsigned int Reconnection = 1;
+
+HeadendResult headend(const std::string& name, std::optional<unsigned int> metric) {
+  HeadendResult result;
+  result.headend = name;
+  result.metricMs = metric;
+  result.outcome = metric ? "answered" : "timed out";
+  return result;
+}
+
+SelectionResult measured(const std::vector<HeadendResult>& results) {
+  SelectionResult result;
+  result.status = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
+  result.results = results;
+  for (const HeadendResult& one : results) {
+    if (one.metricMs) {
+      result.headends.push_back(one.headend);
+    }
+  }
+  result.improvementPercent = 20;
+  result.cacheDays = 14;
+  return result;
+}
+
+SelectionResult reconnection(const std::string& last, const std::vector<HeadendResult>& results) {
+  SelectionResult result = measured(results);
+  result.reason = Reconnection;
+  result.last = last;
+  return result;
+}
+
+HttpProbe::Report probe(long long networkUs, long long responseUs) {
+  HttpProbe::Report report;
+  report.networkRttUs = networkUs;
+  report.responseRttUs = responseUs;
+  return report;
+}
+
+}  // namespace
+
+TEST(Decision, IsTheSmallestMetric) {
+  const SelectionResult result =
+      measured({headend("gw-b", 18), headend("gw-a", 41), headend("gw-c", std::nullopt)});
+  const Decision decision = decisionOf(result);
+  ASSERT_NE(decision.best, nullptr);
+  EXPECT_EQ(decision.best->headend, "gw-b");
+  EXPECT_EQ(decision.last, nullptr);
+  EXPECT_FALSE(decision.ratio);
+  EXPECT_EQ(decisionInWords(result), "Chose gw-b: 18 ms, the smallest of 2 metrics.");
+}
+
+TEST(Decision, OfTheOnlyMetricSaysSo) {
+  EXPECT_EQ(decisionInWords(measured({headend("gw-a", 41)})),
+            "Chose gw-a: 41 ms, the only metric.");
+}
+
+TEST(Decision, KeepsTheLastHeadendBelowTheThreshold) {
+  const SelectionResult result =
+      reconnection("gw-b", {headend("gw-b", 46), headend("gw-a", 40), headend("gw-c", 90)});
+  const Decision decision = decisionOf(result);
+  EXPECT_TRUE(decision.isRetained);
+  EXPECT_FLOAT_EQ(*decision.ratio, 1.15F);
+  EXPECT_FLOAT_EQ(*decision.threshold, 1.2F);
+  EXPECT_EQ(decisionInWords(result),
+            "Stays with gw-b: 46 ms, less than 1.20 times the best metric, 40 ms of gw-a.");
+  EXPECT_THAT(explanation(result), HasSubstr("46 / 40 = 1.150, less: it stays"));
+}
+
+TEST(Decision, LeavesTheLastHeadendAtATieWithTheThreshold) {
+  const SelectionResult result = reconnection("gw-b", {headend("gw-a", 40), headend("gw-b", 48)});
+  EXPECT_FALSE(decisionOf(result).isRetained);
+  EXPECT_THAT(explanation(result), HasSubstr("48 / 40 = 1.200, not less: it goes"));
+}
+
+TEST(Decision, LeavesTheLastHeadendWhereTheBestIsAtNoDistance) {
+  const SelectionResult bothZero = reconnection("gw-b", {headend("gw-a", 0), headend("gw-b", 0)});
+  EXPECT_FALSE(decisionOf(bothZero).isRetained);
+  EXPECT_THAT(explanation(bothZero), HasSubstr("0 / 0 = no number, not less: it goes"));
+
+  const SelectionResult zero = reconnection("gw-b", {headend("gw-a", 0), headend("gw-b", 3)});
+  EXPECT_FALSE(decisionOf(zero).isRetained);
+  EXPECT_THAT(explanation(zero), HasSubstr("3 / 0 = infinite, not less: it goes"));
+}
+
+TEST(Decision, NamesNoOtherHeadendWhereTheLastOneIsTheBest) {
+  const SelectionResult result = reconnection("gw-a", {headend("gw-a", 40), headend("gw-b", 48)});
+  EXPECT_TRUE(decisionOf(result).isRetained);
+  EXPECT_EQ(decisionInWords(result),
+            "Stays with gw-a: 40 ms, less than 1.20 times the best metric, 40 ms.");
+}
+
+TEST(Decision, AppliesNoRuleToALastHeadendWithoutAMetric) {
+  const SelectionResult result =
+      reconnection("gw-b", {headend("gw-a", 40), headend("gw-b", std::nullopt)});
+  EXPECT_FALSE(decisionOf(result).ratio);
+  EXPECT_THAT(explanation(result), HasSubstr("last:       gw-b  no metric: timed out"));
+}
+
+TEST(Decision, SuspectsAMiddleboxWhereTheNetworkAnswersLongBeforeTheGateway) {
+  SelectionResult result = measured({headend("gw-a", 2), headend("gw-b", 3)});
+  result.results[0].probes = {probe(2'000, 95'000), probe(1'900, 99'000)};
+  result.results[1].probes = {probe(3'000, 20'000)};
+  const Decision decision = decisionOf(result);
+  ASSERT_EQ(decision.earlyAnswers.size(), 1U);
+  EXPECT_EQ(decision.earlyAnswers[0].headend, "gw-a");
+  EXPECT_EQ(decision.earlyAnswers[0].networkUs, 1'900);
+  EXPECT_EQ(decision.earlyAnswers[0].responseUs, 95'000);
+  EXPECT_THAT(explanation(result), HasSubstr("gw-a's network answers in 1.9 ms, it itself in "
+                                             "95.0 ms"));
+  EXPECT_THAT(explanation(result), HasSubstr("RoundTripTime"));
+}
+
+TEST(Decision, SuspectsNothingWhereBothTimesAreShortOrAlike) {
+  SelectionResult result = measured({headend("near", 1), headend("far", 200)});
+  result.results[0].probes = {probe(100, 25'000)};
+  result.results[1].probes = {probe(200'000, 260'000)};
+  EXPECT_TRUE(decisionOf(result).earlyAnswers.empty());
+}
+
+TEST(Decision, DoesNotAdviseTheMeasureThatIsInForce) {
+  SelectionResult result = measured({headend("gw-a", 95)});
+  result.isResponseMeasured = true;
+  result.results[0].probes = {probe(2'000, 95'000)};
+  EXPECT_THAT(explanation(result), HasSubstr("odd:"));
+  EXPECT_THAT(explanation(result), Not(HasSubstr("RoundTripTime")));
+}
+
+TEST(Explanation, TellsWhenTheCacheMeasured) {
+  SelectionResult result = measured({headend("gw-a", 40)});
+  result.status = HEADENDSELECTION_SUCCESS;
+  result.fromCache = true;
+  for (const auto& [seconds, words] :
+       std::vector<std::pair<int, std::string>>{{1, "1 second ago"},
+                                                {119, "119 seconds ago"},
+                                                {120, "2 minutes ago"},
+                                                {7'200, "2 hours ago"},
+                                                {172'800, "2 days ago"}}) {
+    result.cacheAge = std::chrono::seconds(seconds);
+    EXPECT_THAT(explanation(result), HasSubstr("the cache; measured " + words));
+  }
+  result.cacheAge.reset();
+  EXPECT_THAT(explanation(result), HasSubstr("the cache; measured earlier"));
+}
+
+TEST(Explanation, NamesTheHeadendsWithoutAMetricUpToATenth) {
+  std::vector<HeadendResult> results = {headend("gw", 40)};
+  for (int i = 0; i < 12; ++i) {
+    results.push_back(headend("lost-" + std::to_string(i), std::nullopt));
+  }
+  const std::string text = explanation(measured(results));
+  EXPECT_THAT(text, HasSubstr("no metric:  lost-0  timed out\n"));
+  EXPECT_THAT(text, HasSubstr("lost-9  timed out\n"));
+  EXPECT_THAT(text, Not(HasSubstr("lost-10")));
+  EXPECT_THAT(text, HasSubstr("and 2 more\n"));
+}
+
+TEST(Explanation, OfAFailureIsTheStatusInWords) {
+  SelectionResult result;
+  result.status = HEADENDSELECTION_ERROR_SELECTION_FAILURE;
+  result.results = {headend("gw-a", std::nullopt)};
+  EXPECT_EQ(decisionInWords(result), "No headend could be measured.");
+  EXPECT_THAT(explanation(result), HasSubstr("best:       none has a metric\n"));
+}
+
+TEST(Explanation, ShowsControlCharactersOfNamesAsTheirCodes) {
+  const std::string text = explanation(measured({headend("gw\x1b[31m", 40)}));
+  EXPECT_THAT(text, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(text, HasSubstr("gw\\x1b[31m"));
+}

@@ -4,6 +4,7 @@
 #include "cli/Console.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <string.h>
 #include <unistd.h>
@@ -38,6 +39,22 @@ int Console::writeResult(const std::string& text, int exitStatus) {
   }
   complain("the result could not be written to standard output: " + error +
            ". Check where the output goes (a closed pipe, a full disk) and run the command again.");
+  return ExitUsage;
+}
+
+int Console::writeFile(const std::string& path, const std::string& text, int exitStatus) {
+  constexpr mode_t ReadableByAll = 0644;
+  const int file =
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, ReadableByAll);
+  std::string error = file < 0 ? strerrordesc_np(errno) : write(file, text);
+  if (file >= 0 && close(file) != 0 && error.empty()) {
+    error = strerrordesc_np(errno);
+  }
+  if (error.empty()) {
+    return exitStatus;
+  }
+  complain("the file '" + visible(path) + "' could not be written: " + error +
+           ". Name a file in a directory that you may write to and that has room.");
   return ExitUsage;
 }
 

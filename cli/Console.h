@@ -18,6 +18,10 @@ class Console {
   ///         caller that lost the result must not believe in success.
   static int writeResult(const std::string& text, int exitStatus);
 
+  /// Writes a file of the result, in place of an older one.
+  /// @return `exitStatus`, or ExitUsage after a message when it could not be written.
+  static int writeFile(const std::string& path, const std::string& text, int exitStatus);
+
   /// "ahs: text" on standard error. A person reads it: what happened, why, what to do next.
   static void complain(const std::string& text);
 

@@ -2,6 +2,7 @@
 // the order in which they happen; nothing is printed on standard output but the result.
 
 #include <stdlib.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,7 @@
 #include <memory>
 
 #include "cli/Candidates.h"
+#include "cli/Chart.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
@@ -18,6 +20,7 @@
 #include "cli/ProbeRecorder.h"
 #include "cli/ProgressLine.h"
 #include "cli/ProxyLogin.h"
+#include "cli/ResultPage.h"
 #include "cli/SelectOptions.h"
 #include "cli/SelectionOutput.h"
 #include "cli/SelectionResult.h"
@@ -258,12 +261,29 @@ bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
   return found;
 }
 
+// The present time as people write it, with the zone: pages are read elsewhere.
+std::string timeOfDay() {
+  const time_t now = time(nullptr);
+  tm local{};
+  char text[64] = "";
+  if (localtime_r(&now, &local) != nullptr) {
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &local);
+  }
+  return text;
+}
+
 int print(const SelectionResult& result, const SelectOptions& options, const SelectPlan& plan) {
   const std::string text = options.json ? jsonOutput(result)
                            : options.quiet
                                ? quietOutput(result)
                                : textOutput(result) + (options.explain ? explanation(result) : "");
-  const int exitStatus = Console::writeResult(text, exitStatusOf(result.status));
+  int exitStatus = Console::writeResult(text, exitStatusOf(result.status));
+  if (options.html) {
+    exitStatus = Console::writeFile(*options.html, pageOf(result, timeOfDay()), exitStatus);
+  }
+  if (options.svg) {
+    exitStatus = Console::writeFile(*options.svg, chartOf(result), exitStatus);
+  }
   const std::string advice = adviceFor(result, plan.profilePlaces);
   if (!advice.empty()) {
     Console::complain(advice);
@@ -411,6 +431,9 @@ void addCacheAndOutput(CLI::App& command, SelectOptions& options) {
   command.add_flag("--no-cache", options.noCache, "Measure anew and store nothing");
   command.add_flag("--json", options.json, "Print one JSON object");
   command.add_flag("--quiet", options.quiet, "Print the first headend only");
+  command.add_option("--html", options.html, "Write the result as a page too")->option_text("FILE");
+  command.add_option("--svg", options.svg, "Write the ranking as a picture too")
+      ->option_text("FILE");
   command.add_flag("--explain", options.explain, "Tell why this headend, in numbers");
   command
       .add_option("--log-level", options.logLevel,

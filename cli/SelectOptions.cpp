@@ -195,6 +195,11 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
            " exclude each other: leave one out" +
            (options.json ? "; the JSON object holds the decision in any case." : ".");
   }
+  for (const auto& [option, file] : {std::pair("--html", options.html), {"--svg", options.svg}}) {
+    if (file && file->empty()) {
+      return std::string(option) + " needs the name of a file.";
+    }
+  }
   const std::optional<unsigned int> reason = parseReason(options.reason.value_or("connection"));
   if (!reason) {
     return "there is no reason " + inQuotes(*options.reason) + ". Use one of " + reasonNames() +

@@ -20,6 +20,8 @@ struct SelectOptions {
   std::optional<std::string> reason;
   std::optional<std::string> logLevel;
   std::optional<std::string> logFile;
+  std::optional<std::string> html;
+  std::optional<std::string> svg;
   bool trustProfiles = false;
   bool noCache = false;
   bool json = false;

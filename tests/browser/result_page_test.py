@@ -1,0 +1,244 @@
+#!/usr/bin/env python3
+"""The page of `ahs select --html` as a browser shows it: rendered by headless Chromium, asked over
+WebDriver (https://www.w3.org/TR/webdriver2/), never read as text. Ends with 77, skipped, where there
+is no Chromium.
+
+Usage: result_page_test.py BINARIES OUTPUT-DIRECTORY
+"""
+
+import base64
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.request
+
+SKIPPED = 77
+PATIENCE_S = 60
+GATEWAYS = ["127.0.0.1:0,delay=20", "127.0.0.1:0,delay=80"]
+# Port 1 (tcpmux) is used by nobody any more.
+CLOSED = "127.0.0.1:1"
+
+
+def die_with_parent():
+    """Lets the kernel end the child if the test dies first."""
+    import ctypes
+
+    ctypes.CDLL(None).prctl(1, signal.SIGKILL)
+
+
+class Process:
+    """A program that is ended by its own process id."""
+
+    def __init__(self, command, **options):
+        self.child = subprocess.Popen(command, preexec_fn=die_with_parent, text=True, **options)
+
+    def __enter__(self):
+        return self.child
+
+    def __exit__(self, *_):
+        self.child.terminate()
+        try:
+            self.child.wait(10)
+        except subprocess.TimeoutExpired:
+            self.child.kill()
+            self.child.wait()
+        if self.child.stdout:
+            self.child.stdout.close()
+
+
+def start_gateways(child):
+    """Waits until the gateways are ready and returns their addresses."""
+    addresses = []
+    for line in child.stdout:
+        words = line.split()
+        if words and words[0] == "gateway":
+            addresses.append(words[1])
+        if words == ["ready"]:
+            return addresses
+    raise RuntimeError("ahs-gateways ended")
+
+
+class Browser:
+    """A WebDriver session."""
+
+    def __init__(self, port):
+        self.root = f"http://127.0.0.1:{port}"
+        deadline = time.monotonic() + PATIENCE_S
+        while True:
+            try:
+                if self.ask("GET", "/status")["ready"]:
+                    break
+            except OSError:
+                if time.monotonic() > deadline:
+                    raise
+            time.sleep(0.05)
+        arguments = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                     "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1"]
+        session = self.ask("POST", "/session", {
+            "capabilities": {"alwaysMatch": {
+                "browserName": "chrome",
+                "goog:chromeOptions": {"args": arguments, "binary": shutil.which("chromium")}}}})
+        self.root += "/session/" + session["sessionId"]
+
+    def ask(self, method, path, body=None):
+        data = None if body is None else json.dumps(body).encode()
+        request = urllib.request.Request(self.root + path, data, {"Content-Type": "application/json"},
+                                         method=method)
+        opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        with opener.open(request, timeout=PATIENCE_S) as answer:
+            return json.load(answer)["value"]
+
+    def open(self, path):
+        self.ask("POST", "/url", {"url": "file://" + path})
+
+    def run(self, script):
+        return self.ask("POST", "/execute/sync", {"script": "return " + script, "args": []})
+
+    def resize(self, width, height):
+        self.command("Emulation.setDeviceMetricsOverride",
+                     {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
+
+    def prefer(self, scheme):
+        self.command("Emulation.setEmulatedMedia",
+                     {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+
+    def command(self, name, parameters):
+        return self.ask("POST", "/goog/cdp/execute", {"cmd": name, "params": parameters})
+
+    def picture(self, path):
+        picture = base64.b64decode(self.ask("GET", "/screenshot"))
+        with open(path, "wb") as file:
+            file.write(picture)
+        return picture
+
+    def close(self):
+        self.ask("DELETE", "")
+
+
+class ResultPage(unittest.TestCase):
+    binaries = ""
+    output = ""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = tempfile.TemporaryDirectory()
+        cls.page = os.path.join(cls.scratch.name, "page.html")
+        cls.chart = os.path.join(cls.scratch.name, "chart.svg")
+        command = [os.path.join(cls.binaries, "ahs-gateways")]
+        for gateway in GATEWAYS:
+            command += ["--gateway", gateway]
+        cls.gateways = Process(command, stdout=subprocess.PIPE)
+        cls.addresses = start_gateways(cls.gateways.child) + [CLOSED]
+        preferences = os.path.join(cls.scratch.name, "preferences.xml")
+        with open(preferences, "w", encoding="utf-8") as file:
+            file.write('<preferences version="1"><preference name="RoundTripTime" value="response"/>'
+                       "</preferences>")
+        outcome = subprocess.run(
+            [os.path.join(cls.binaries, "ahs"), "select", "--no-cache", "--no-proxy", "--json",
+             "--preferences", preferences, "--html", cls.page, "--svg", cls.chart, *cls.addresses],
+            stdout=subprocess.PIPE, check=True, timeout=PATIENCE_S)
+        cls.result = json.loads(outcome.stdout)
+        cls.driver = Process(["chromedriver", "--port=0"], stdout=subprocess.PIPE,
+                             stderr=subprocess.STDOUT, env={**os.environ, "HOME": cls.scratch.name})
+        port = 0
+        for line in cls.driver.child.stdout:
+            if "successfully on port" in line:
+                port = int(line.rstrip(". \n").split()[-1])
+                break
+        cls.browser = Browser(port)
+        cls.browser.resize(1000, 900)
+        cls.browser.open(cls.page)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.browser.close()
+        cls.driver.__exit__()
+        cls.gateways.__exit__()
+        cls.scratch.cleanup()
+
+    def test_the_headline_is_the_decision(self):
+        words = self.result["decision"]["words"]
+        self.assertIn(self.addresses[0], words)
+        self.assertEqual(self.browser.run("document.querySelector('h1').innerText"), words)
+        self.assertEqual(self.browser.run("document.title"), words)
+
+    def test_the_bars_are_as_long_as_the_metrics(self):
+        widths = self.browser.run(
+            "[...document.querySelectorAll('svg rect')].map(r => r.getBoundingClientRect().width)")
+        metrics = [one["metricMs"] for one in self.result["results"] if one["metricMs"]]
+        self.assertEqual(len(widths), len(metrics))
+        for width, metric in zip(widths, metrics):
+            self.assertAlmostEqual(width / widths[0], metric / metrics[0], delta=0.02)
+
+    def test_there_is_a_dot_for_every_sample(self):
+        dots = self.browser.run("document.querySelectorAll('svg circle').length")
+        self.assertEqual(dots, sum(len(one["samplesMs"]) for one in self.result["results"]))
+
+    def test_the_table_has_a_row_for_every_headend(self):
+        rows = self.browser.run("[...document.querySelectorAll('tbody tr')]"
+                                ".map(r => [...r.cells].map(c => c.innerText))")
+        self.assertEqual([row[1] for row in rows],
+                         [one["headend"] for one in self.result["results"]])
+        self.assertEqual([row[4] for row in rows],
+                         [one["outcome"] for one in self.result["results"]])
+
+    def test_nothing_is_fetched_and_no_script_runs(self):
+        self.assertEqual(self.browser.run("performance.getEntriesByType('resource').length"), 0)
+        self.assertEqual(self.browser.run("document.scripts.length"), 0)
+
+    def test_the_words_of_the_chart_do_not_overlap(self):
+        overlaps = self.browser.run("""(() => {
+            const boxes = [...document.querySelectorAll('svg text')].map(t => t.getBoundingClientRect());
+            let count = 0;
+            for (let i = 0; i < boxes.length; ++i)
+              for (let j = 0; j < i; ++j)
+                if (boxes[i].left < boxes[j].right && boxes[j].left < boxes[i].right &&
+                    boxes[i].top + 4 < boxes[j].bottom && boxes[j].top + 4 < boxes[i].bottom) ++count;
+            return count; })()""")
+        self.assertEqual(overlaps, 0)
+
+    def test_a_narrow_window_is_not_scrolled_sideways(self):
+        self.browser.resize(360, 700)
+        try:
+            self.assertLessEqual(self.browser.run("document.documentElement.scrollWidth"), 360)
+        finally:
+            self.browser.resize(1000, 900)
+
+    def test_light_and_dark_have_pictures_of_their_own(self):
+        grounds, pictures = [], []
+        for scheme in ("light", "dark"):
+            self.browser.prefer(scheme)
+            grounds.append(self.browser.run("getComputedStyle(document.body).backgroundColor"))
+            pictures.append(self.browser.picture(os.path.join(self.output, f"page-{scheme}.png")))
+        self.assertEqual(grounds, ["rgb(255, 255, 255)", "rgb(21, 25, 30)"])
+        self.assertNotEqual(pictures[0], pictures[1])
+        self.browser.prefer("light")
+
+    def test_the_picture_alone_is_drawn_too(self):
+        self.browser.open(self.chart)
+        try:
+            self.assertEqual(self.browser.run("document.documentElement.localName"), "svg")
+            width = self.browser.run(
+                "document.querySelector('rect').getBoundingClientRect().width")
+            self.assertGreater(width, 0)
+        finally:
+            self.browser.open(self.page)
+
+
+def main():
+    if not shutil.which("chromium") or not shutil.which("chromedriver"):
+        print("skipped: chromium and chromedriver are not installed (Debian: chromium, chromium-driver)")
+        sys.exit(SKIPPED)
+    ResultPage.binaries, ResultPage.output = sys.argv[1:3]
+    os.makedirs(ResultPage.output, exist_ok=True)
+    unittest.main(argv=[sys.argv[0]], verbosity=2)
+
+
+if __name__ == "__main__":
+    main()

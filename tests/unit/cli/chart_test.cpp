@@ -1,0 +1,145 @@
+// The ranking as a picture, and the page around it: what a browser test cannot reach, such as names
+// that try to be markup.
+
+#include "cli/Chart.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+
+#include <memory>
+
+#include "cli/ResultPage.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+HeadendResult headend(const std::string& name, std::optional<unsigned int> metric,
+                      const std::vector<unsigned int>& samples = {}) {
+  HeadendResult result;
+  result.headend = name;
+  result.metricMs = metric;
+  result.samplesMs = samples;
+  result.outcome = metric ? "answered" : "timed out";
+  return result;
+}
+
+SelectionResult measured(const std::vector<HeadendResult>& results) {
+  SelectionResult result;
+  result.status = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
+  result.results = results;
+  for (const HeadendResult& one : results) {
+    if (one.metricMs) {
+      result.headends.push_back(one.headend);
+    }
+  }
+  return result;
+}
+
+bool isWellFormed(const std::string& xml) {
+  const std::unique_ptr<xmlDoc, void (*)(xmlDoc*)> document(
+      xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "chart.svg", nullptr,
+                    XML_PARSE_NONET | XML_PARSE_NOERROR),
+      xmlFreeDoc);
+  return document != nullptr;
+}
+
+std::size_t countOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+TEST(Chart, HasABarForEachMetricAndADotForEachSample) {
+  const std::string svg = chartOf(measured(
+      {headend("gw-a", 20, {20, 25, 21}), headend("gw-b", 40, {40}), headend("gw-c", {})}));
+  EXPECT_TRUE(isWellFormed(svg));
+  EXPECT_EQ(countOf(svg, "<rect"), 2U);
+  EXPECT_EQ(countOf(svg, "<circle"), 4U);
+  EXPECT_EQ(countOf(svg, "class=\"first\""), 1U);
+  EXPECT_THAT(svg, HasSubstr(">timed out</text>"));
+}
+
+TEST(Chart, DrawsBarsInProportionAndDotsInsideTheScale) {
+  const std::string svg = chartOf(measured({headend("gw-a", 100, {100, 300})}));
+  // 300 ms is the last tick, at 680; the bar of 100 ms is a third of the way from 250.
+  EXPECT_THAT(svg, HasSubstr("width=\"143.3\""));
+  EXPECT_THAT(svg, HasSubstr("cx=\"680\""));
+  EXPECT_THAT(svg, HasSubstr(">300 ms</text>"));
+}
+
+TEST(Chart, HasAScaleForEverySize) {
+  for (const unsigned int metric : {0U, 1U, 6U, 7U, 99U, 9'999U, 4'294'967'295U}) {
+    const std::string svg = chartOf(measured({headend("gw-a", metric, {metric})}));
+    EXPECT_TRUE(isWellFormed(svg)) << metric;
+    EXPECT_LE(countOf(svg, "class=\"grid\""), 8U) << metric;
+    EXPECT_GE(countOf(svg, "class=\"grid\""), 2U) << metric;
+    EXPECT_THAT(svg, Not(HasSubstr("nan")));
+    EXPECT_THAT(svg, Not(HasSubstr("inf")));
+  }
+}
+
+TEST(Chart, OfNothingIsStillAPicture) { EXPECT_TRUE(isWellFormed(chartOf(SelectionResult()))); }
+
+TEST(Chart, DrawsAHundredHeadendsAndCountsTheRest) {
+  std::vector<HeadendResult> results;
+  for (int i = 0; i < 1'000; ++i) {
+    results.push_back(headend("gw-" + std::to_string(i), 10 + i, {}));
+  }
+  const std::string svg = chartOf(measured(results));
+  EXPECT_EQ(countOf(svg, "<rect"), 100U);
+  EXPECT_THAT(svg, HasSubstr(">and 900 more</text>"));
+}
+
+TEST(Chart, CutsALongNameBetweenCharactersAndKeepsItAsTheTitle) {
+  std::string name;
+  for (int i = 0; i < 40; ++i) {
+    name += "\u00fc";
+  }
+  const std::string svg = chartOf(measured({headend(name, 10)}));
+  EXPECT_TRUE(isWellFormed(svg));
+  EXPECT_THAT(svg, HasSubstr("<title>" + name + ": answered"));
+  EXPECT_THAT(svg, HasSubstr(">" + name.substr(0, 64) + "\u2026</text>"));
+}
+
+TEST(Chart, ShowsMarkupInNamesAsText) {
+  const std::string name = "<script>alert('&\"')</script>";
+  const std::string svg = chartOf(measured({headend(name, 10)}));
+  EXPECT_TRUE(isWellFormed(svg));
+  EXPECT_THAT(svg, Not(HasSubstr("<script")));
+  EXPECT_THAT(svg, HasSubstr("&lt;script&gt;"));
+}
+
+TEST(Chart, ShowsControlCharactersAndWrongUtf8AsTheirCodes) {
+  const std::string svg = chartOf(measured({headend("a\x1b\xff\nb", 10)}));
+  EXPECT_TRUE(isWellFormed(svg));
+  EXPECT_THAT(svg, HasSubstr("a\\x1b\\xff\\x0ab"));
+}
+
+TEST(ResultPage, ShowsMarkupInNamesAsTextEverywhere) {
+  SelectionResult result = measured({headend("<b>gw</b>", 10)});
+  result.last = "</pre><script>";
+  result.extraInfo = "<i>";
+  const std::string page = pageOf(result, "<now>");
+  for (const char* markup : {"<b>", "<script", "<i>", "<now>"}) {
+    EXPECT_THAT(page, Not(HasSubstr(markup)));
+  }
+  EXPECT_THAT(page, HasSubstr("&lt;now&gt;"));
+}
+
+TEST(ResultPage, RanksWhatWasDeliveredAndListsTheRest) {
+  const std::string page = pageOf(
+      measured({headend("gw-a", 20, {20, 25}), headend("gw-b", 40), headend("gw-c", {})}), "now");
+  EXPECT_THAT(page, HasSubstr("<tr class=\"chosen\"><td class=\"n\">1</td><td>gw-a</td>"
+                              "<td class=\"n\">20</td><td>20 25</td><td>answered</td>"));
+  EXPECT_THAT(page, HasSubstr("<tr><td class=\"n\">2</td><td>gw-b</td>"));
+  EXPECT_THAT(page, HasSubstr("<tr><td class=\"n\"></td><td>gw-c</td><td class=\"n\"></td>"
+                              "<td></td><td>timed out</td>"));
+}

@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <functional>
+#include <map>
 #include <memory>
 
 #include "cli/Candidates.h"
@@ -17,8 +19,8 @@
 #include "cli/Explanation.h"
 #include "cli/FileOptions.h"
 #include "cli/Interruption.h"
+#include "cli/LiveTable.h"
 #include "cli/ProbeRecorder.h"
-#include "cli/ProgressLine.h"
 #include "cli/ProxyLogin.h"
 #include "cli/ResultPage.h"
 #include "cli/SelectOptions.h"
@@ -35,8 +37,10 @@
 
 namespace {
 
-// How often the progress line is drawn: fast enough to look alive, slow enough to cost nothing.
+// How often the table is drawn: fast enough to look alive, slow enough to cost nothing.
 constexpr std::chrono::milliseconds DrawingInterval{100};
+// How often a line tells the progress where no table can be drawn: lines stay.
+constexpr std::chrono::milliseconds LineInterval{2000};
 // A run whose result is there ends within microseconds, unless the time limit ended it and workers
 // are still waiting for an answer; those are not waited for.
 constexpr std::chrono::milliseconds LongestRunEnd{100};
@@ -113,6 +117,7 @@ void noteUnknownLast(const std::string& last, const std::vector<Candidate>& cand
   }
 }
 
+// What a person sees while they wait: a table on a terminal, else a line now and then.
 void noteMissingCache(const SelectOptions& options, const SelectPlan& plan) {
   if (plan.sources.cacheFile.empty() && !options.noCache) {
     Console::complain(
@@ -121,37 +126,52 @@ void noteMissingCache(const SelectOptions& options, const SelectPlan& plan) {
   }
 }
 
-std::chrono::milliseconds timeLimit(unsigned int reason) {
-  HS_SETTINGS settings{};
-  CAHSSettings::GetSettings(settings);
-  return std::chrono::milliseconds(reason == Reconnection ? settings.nReconnectTimeout
-                                                          : settings.nConnectTimeout);
-}
-
 bool wantsProgress(const SelectOptions& options, const SelectPlan& plan) {
-  return !options.quiet && !options.json && !plan.log.terminal && ProgressLine::isPossible();
+  return !options.quiet && !options.json && !plan.log.terminal;
 }
 
-void waitWithProgress(SelectionRun& run, const ProbeRecorder& recorder,
-                      const std::vector<Candidate>& candidates, unsigned int reason) {
-  const auto line = std::make_shared<ProgressLine>();
-  Interruption::setDuties({[line] {
-                             line->closeInHaste();
+LiveState liveStateOf(const SelectionRun& run, const ProbeRecorder& recorder,
+                      const std::vector<Candidate>& candidates, const HS_SETTINGS& settings,
+                      unsigned int reason) {
+  const ProbeRecorder::Progress progress = recorder.progress();
+  const std::map<Place, ProbeRecorder::Track> tracks = recorder.tracks();
+  LiveState state;
+  state.answered = progress.placesAnswered;
+  state.probesEnded = progress.probesEnded;
+  state.elapsed = run.elapsed();
+  state.budget = std::chrono::milliseconds(reason == Reconnection ? settings.nReconnectTimeout
+                                                                  : settings.nConnectTimeout);
+  for (const Candidate& candidate : candidates) {
+    const auto track = tracks.find(candidate.place);
+    state.rows.push_back(liveRowOf(candidate.headend,
+                                   track == tracks.end() ? nullptr : &track->second,
+                                   settings.nPingsPerHeadend));
+  }
+  return state;
+}
+
+void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
+  const auto table = std::make_shared<LiveTable>();
+  Interruption::setDuties({[table] {
+                             table->closeInHaste();
                              CAppLog::Flush();
                            },
-                           [line] { line->eraseInHaste(); },
+                           [table] { table->eraseInHaste(); },
                            {}});
-  ProgressState state;
-  state.headends = static_cast<unsigned int>(candidates.size());
-  state.budget = timeLimit(reason);
   while (!run.waitForDelivery(DrawingInterval)) {
-    const ProbeRecorder::Progress progress = recorder.progress();
-    state.answered = progress.placesAnswered;
-    state.probesEnded = progress.probesEnded;
-    state.elapsed = run.elapsed();
-    line->draw(state);
+    table->draw(look());
   }
-  line->close();
+  table->close();
+}
+
+void waitVisibly(SelectionRun& run, const std::function<LiveState()>& look) {
+  if (LiveTable::isPossible()) {
+    waitWithTable(run, look);
+    return;
+  }
+  while (!run.waitForDelivery(LineInterval)) {
+    Console::note(liveLine(look()));
+  }
 }
 
 void waitQuietly(SelectionRun& run) {
@@ -175,9 +195,7 @@ std::string headendOf(const std::string& last, const std::vector<Candidate>& can
 
 // The rules that the run went by, for those who ask why.
 void tellRules(const std::string& last, const std::vector<Candidate>& candidates,
-               SelectionResult& result) {
-  HS_SETTINGS settings{};
-  CAHSSettings::GetSettings(settings);
+               const HS_SETTINGS& settings, SelectionResult& result) {
   result.last = headendOf(last, candidates);
   result.improvementPercent = settings.nImprovement;
   result.cacheDays = settings.nClearCache;
@@ -316,6 +334,8 @@ int measureAndPrint(const SelectOptions& options, const SelectPlan& plan,
   const std::vector<Candidate> candidates = findCandidates();
   noteUnknownLast(plan.last, candidates);
   const HeldCache cache;
+  HS_SETTINGS settings{};
+  CAHSSettings::GetSettings(settings);
   const ProxyInForce proxy = findProxy();
   const std::shared_ptr<Terminal> terminal = Terminal::find();
   ProxyLogin login(plan.proxy.user, password, terminal, proxy.isSystems);
@@ -328,13 +348,13 @@ int measureAndPrint(const SelectOptions& options, const SelectPlan& plan,
       return complainOfStart(status);
     }
     if (wantsProgress(options, plan)) {
-      waitWithProgress(run, *recorder, candidates, reason);
+      waitVisibly(run, [&] { return liveStateOf(run, *recorder, candidates, settings, reason); });
     } else {
       waitQuietly(run);
     }
     SelectionResult result =
         resultOf(run, reason, login.hasCredentials(), candidates, *recorder, cache);
-    tellRules(plan.last, candidates, result);
+    tellRules(plan.last, candidates, settings, result);
     if (result.status == HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
       // It has started no worker, so nothing holds it up; its copy of the login goes with it.
       waitForEnd(run);

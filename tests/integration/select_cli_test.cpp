@@ -453,24 +453,39 @@ TEST_F(SelectCommandTest, ALastHeadendThatNobodyKnowsIsWarnedOf) {
 
 // ---- The terminal and the end -----------------------------------------------------------------
 
-TEST_F(SelectCommandTest, ProgressIsShownOnATerminalAndRemoved) {
+// From the only row up to the headline, and all of it erased.
+const std::string TableRemoved = "\r\x1b[1A\x1b[J";
+
+TEST_F(SelectCommandTest, ATableIsShownOnATerminalAndRemoved) {
   const Gateway far(Far);
   Program program({"select", far.address()}, environment, Program::Terminal::Errors);
   const Outcome outcome = program.finish();
   EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_THAT(outcome.err, HasSubstr("\r\x1b[KMeasuring: \x1b[1m0 of 1\x1b[0m headends answered"));
+  EXPECT_THAT(outcome.err, HasSubstr("\rMeasuring: \x1b[1m0 of 1\x1b[0m headends answered"));
   EXPECT_THAT(outcome.err, HasSubstr("\x1b[1m1 of 1\x1b[0m headends answered, "));
-  EXPECT_THAT(outcome.err, testing::EndsWith("\r\x1b[K"));
+  EXPECT_THAT(outcome.err, HasSubstr("\n" + far.address() + " "));
+  EXPECT_THAT(outcome.err, HasSubstr("waits for answer 3 of 3"));
+  EXPECT_THAT(outcome.err, testing::EndsWith(TableRemoved));
   EXPECT_THAT(outcome.out, StartsWith("*** QIB Selection Results ***\n"));
 }
 
-TEST_F(SelectCommandTest, ProgressHasNoColourWhenTheUserWantsNone) {
+TEST_F(SelectCommandTest, TheTableHasNoColourWhenTheUserWantsNone) {
   environment.push_back("NO_COLOR=1");
   const Gateway far(Far);
   const Outcome outcome =
       Program({"select", far.address()}, environment, Program::Terminal::Errors).finish();
   EXPECT_THAT(outcome.err, HasSubstr("Measuring: 0 of 1 headends answered"));
   EXPECT_THAT(outcome.err, Not(HasSubstr("\x1b[1m")));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("\x1b[32m")));
+}
+
+TEST_F(SelectCommandTest, WithoutATerminalALineTellsTheProgressNowAndThen) {
+  const SilentGateway silent;
+  const Outcome outcome =
+      run({"select", "--no-cache", "--reason", "reconnection", silent.address()});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_THAT(outcome.err, StartsWith("Measuring: 0 of 1 headends answered, "));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("\x1b")));
 }
 
 TEST_F(SelectCommandTest, NothingIsRedrawnOnATerminalThatCannotOrWhenAProgramReads) {
@@ -489,7 +504,7 @@ TEST_F(SelectCommandTest, NothingIsRedrawnOnATerminalThatCannotOrWhenAProgramRea
             "");
 }
 
-TEST_F(SelectCommandTest, CtrlCEndsItAtOnceAndRestoresTheLine) {
+TEST_F(SelectCommandTest, CtrlCEndsItAtOnceAndRemovesTheTable) {
   const SilentGateway silent;
   Program program({"select", silent.address(), "--log-file", home + "/log"}, environment,
                   Program::Terminal::Errors);
@@ -498,18 +513,18 @@ TEST_F(SelectCommandTest, CtrlCEndsItAtOnceAndRestoresTheLine) {
   const Outcome outcome = program.finish();
   EXPECT_EQ(outcome.exitStatus, 130);
   EXPECT_EQ(outcome.out, "");
-  EXPECT_THAT(outcome.err, testing::EndsWith("\r\x1b[K"));
+  EXPECT_THAT(outcome.err, testing::EndsWith(TableRemoved));
   EXPECT_THAT(readFile(home + "/log"), HasSubstr("Starting QIB processing"));
 }
 
-TEST_F(SelectCommandTest, CtrlZRemovesTheLineUntilItIsBroughtBack) {
+TEST_F(SelectCommandTest, CtrlZRemovesTheTableUntilItIsBroughtBack) {
   const SilentGateway silent;
   Program program({"select", silent.address()}, environment, Program::Terminal::Job);
   ASSERT_TRUE(program.waitForNext("Measuring"));
   program.type("\x1a");
   ASSERT_TRUE(program.waitForStop());
   program.bringBack();
-  ASSERT_TRUE(program.waitForNext("\r\x1b[K\r\x1b[KMeasuring")) << program.soFar().err;
+  ASSERT_TRUE(program.waitForNext(TableRemoved + "\rMeasuring")) << program.soFar().err;
   program.type("\x03");
   EXPECT_EQ(program.finish().exitStatus, 130);
 }

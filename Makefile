@@ -60,13 +60,17 @@ lint: deps-lint ## Check formatting, clang's warnings and lock annotations, clan
 bench: deps-bench release ## Measure, side by side with named peers (needs the right to make namespaces)
 	bench/run.sh build/release
 
+.PHONY: deb
+deb: deps-deb ## Build Debian packages into build/deb: library, development files, command
+	tools/deb.sh
+
 .PHONY: release
 release: ## Build, optimised, into build/release
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 
-.PHONY: deps-build deps-test deps-lint deps-bench
-deps-build deps-test deps-lint deps-bench:
+.PHONY: deps-build deps-test deps-lint deps-bench deps-deb
+deps-build deps-test deps-lint deps-bench deps-deb:
 	@tools/install-packages.sh $(@:deps-%=%)
 
 .PHONY: clean

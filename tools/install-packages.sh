@@ -1,5 +1,5 @@
 #!/bin/bash
-# Installs the Debian packages that are missing for one purpose: build, test, lint or bench.
+# Installs the Debian packages that are missing for one purpose: build, test, lint, bench or deb.
 # Touches nothing when all are there. Needs root, else sudo.
 set -euo pipefail
 
@@ -10,6 +10,7 @@ peers=(python3 fping httping)
 test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind gdb
   clang-14 libclang-rt-14-dev)
 lint=("${test[@]}" clang-format-14 clang-tidy-14 shellcheck)
+deb=("${build[@]}" debhelper lintian)
 bench=("${build[@]}" "${peers[@]}")
 
 case "${1:-}" in
@@ -17,8 +18,9 @@ case "${1:-}" in
   test) wanted=("${test[@]}") ;;
   lint) wanted=("${lint[@]}") ;;
   bench) wanted=("${bench[@]}") ;;
+  deb) wanted=("${deb[@]}") ;;
   *)
-    echo "usage: $0 build|test|lint|bench" >&2
+    echo "usage: $0 build|test|lint|bench|deb" >&2
     exit 2
     ;;
 esac

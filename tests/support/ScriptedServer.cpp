@@ -139,6 +139,20 @@ bool Connection::startTls(const TlsServerContext& context) {
   return done == 1;
 }
 
+bool Connection::updateKeys() {
+  auto* tls = static_cast<SSL*>(m_tls.get());
+  if (SSL_key_update(tls, SSL_KEY_UPDATE_NOT_REQUESTED) != 1) {
+    return false;
+  }
+  int done = 0;
+  do {
+    ERR_clear_error();
+    done = SSL_do_handshake(tls);
+  } while (done != 1 && wantsRepeat(tls, done) && !m_stopping);
+  ERR_clear_error();
+  return done == 1 && !m_stopping;
+}
+
 bool Connection::readable() const {
   if (m_tls && SSL_pending(static_cast<SSL*>(m_tls.get())) > 0) {
     return true;

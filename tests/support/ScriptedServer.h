@@ -57,6 +57,10 @@ class Connection {
   /// Sends all of it; false if the peer is gone.
   bool send(std::string_view text);
 
+  /// Tells the peer to change its keys, which is no answer (RFC 8446, section 4.6.3); after
+  /// `startTls`, under TLS 1.3. False if the peer is gone.
+  bool updateKeys();
+
   /// Waits, not longer than until the server is being stopped.
   void wait(std::chrono::milliseconds time) const;
 

@@ -43,16 +43,18 @@ int resolveForReal(const char* node, const char* service, const addrinfo* hints,
   return real(node, service, hints, result);
 }
 
-/// IPv6 first, as RFC 6724 orders them.
-int bothFamilies(const char* service, const addrinfo* hints, addrinfo** result) {
-  addrinfo* last = nullptr;
-  const int status = resolveForReal("::1", service, hints, result);
-  if (status != 0) {
-    return status;
+/// Several addresses of one name, in this order.
+int several(const std::vector<std::string>& addresses, const char* service, const addrinfo* hints,
+            addrinfo** result) {
+  for (const std::string& address : addresses) {
+    if (const int status = resolveForReal(address.c_str(), service, hints, result); status != 0) {
+      return status;
+    }
+    while (*result != nullptr) {
+      result = &(*result)->ai_next;
+    }
   }
-  for (last = *result; last->ai_next != nullptr; last = last->ai_next) {
-  }
-  return resolveForReal("127.0.0.1", service, hints, &last->ai_next);
+  return 0;
 }
 
 int hang() {
@@ -87,7 +89,14 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
     return EAI_FAIL;
   }
   if (name == "both.test") {
-    return bothFamilies(service, hints, result);
+    return several({"::1", "127.0.0.1"}, service, hints, result);  // as RFC 6724 orders them
+  }
+  if (name == "many.test") {
+    std::vector<std::string> addresses;
+    for (int last = 30; last > 0; --last) {
+      addresses.push_back("127.0.0." + std::to_string(last));
+    }
+    return several(addresses, service, hints, result);
   }
   if (name == "one.test" || name.starts_with("xn--")) {
     return resolveForReal("127.0.0.1", service, hints, result);
@@ -122,6 +131,26 @@ TEST_F(HttpProbeTest, ANameThatDoesNotResolveIsADnsError) {
     EXPECT_EQ(report().connectUs, -1);
   }
   EXPECT_EQ(probeSecurely(443, kPatience, "unknown.test"), HTTP_SESSION_ERROR_DNS_RESOLUTION);
+}
+
+// Nobody listens at all but the last. The refusals come at once; a wait after each would use up the
+// time.
+TEST_F(HttpProbeTest, AnAddressThatRefusesLeadsToTheNextAtOnce) {
+  const ScriptedServer server(answering(kOk));
+  constexpr unsigned int kShortTime = 1;
+  EXPECT_EQ(probe(server.port(), kShortTime, "many.test"), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(report().address, "127.0.0.1");
+  EXPECT_GE(report().networkRttUs, 0);
+}
+
+TEST_F(HttpProbeTest, TheRoundTripIsThatOfTheAddressThatAnsweredOnAKeptConnectionToo) {
+  const ScriptedServer server(answering(kOk));
+  const HttpProbe::KeptConnection kept;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(probe(server.port(), kPatience, "many.test"), HTTP_SESSION_SUCCESS);
+    EXPECT_EQ(report().reused, i > 0);
+    EXPECT_GE(report().networkRttUs, 0);
+  }
 }
 
 TEST_F(HttpProbeTest, AProxysNameThatDoesNotResolveIsAConnectError) {

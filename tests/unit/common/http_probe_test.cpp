@@ -231,6 +231,12 @@ std::vector<BROKEN> brokenServers() {
          connection.readHead();
          connection.send("HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\n");
        }},
+      {"SwitchingProtocolsForGood",
+       [](Connection& connection) {
+         connection.readHead();
+         connection.send("HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\n");
+         connection.waitForPeer();
+       }},
       {"InterimAnswerAlone",
        [](Connection& connection) {
          connection.readHead();

@@ -252,4 +252,60 @@ TEST_F(HttpProbeTlsTest, SecureProbesOfManyThreadsShareWhatTheyTrust) {
   EXPECT_EQ(wrong, 0);
 }
 
+// OpenSSL reads messages that lead nowhere by itself, as long as they come. The servers here would
+// go on for much longer than the probe has time; at their end they would hang up, which is another
+// outcome.
+constexpr auto MuchLater = 20s;
+constexpr unsigned int ShortTime = 1;
+
+TEST_F(HttpProbeTlsTest, AHandshakeOfEndlessRequestsToBeginAgainEndsWithTheTimeout) {
+  const ScriptedServer server([](Connection& connection) {
+    connection.readSome();
+    // Records of TLS 1.2 with HelloRequest messages (RFC 5246, section 7.4.1.1).
+    std::string requests;
+    for (int i = 0; i < 1000; ++i) {
+      requests += std::string("\x16\x03\x03\x00\x04\x00\x00\x00\x00", 9);
+    }
+    const auto end = std::chrono::steady_clock::now() + MuchLater;
+    while (std::chrono::steady_clock::now() < end && connection.send(requests)) {
+    }
+  });
+  EXPECT_EQ(probeSecurely(server.port(), ShortTime), HTTP_SESSION_ERROR_TIMEOUT);
+}
+
+TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysInPlaceOfAnAnswerEndWithTheTimeout) {
+  HttpProbe::SetTrustFile(authority.file());
+  const TlsServerContext context(authority.issue());
+  const ScriptedServer server([&context](Connection& connection) {
+    if (!connection.startTls(context)) {
+      return;
+    }
+    connection.readHead();
+    const auto end = std::chrono::steady_clock::now() + MuchLater;
+    while (std::chrono::steady_clock::now() < end && connection.updateKeys()) {
+    }
+  });
+  EXPECT_EQ(probeSecurely(server.port(), ShortTime), HTTP_SESSION_ERROR_TIMEOUT);
+}
+
+TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysAfterAnAnswerDoNotHoldTheNextProbeUp) {
+  HttpProbe::SetTrustFile(authority.file());
+  const TlsServerContext context(authority.issue());
+  const ScriptedServer server([&context](Connection& connection) {
+    if (!connection.startTls(context)) {
+      return;
+    }
+    connection.readHead();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n");
+    const auto end = std::chrono::steady_clock::now() + MuchLater;
+    while (std::chrono::steady_clock::now() < end && connection.updateKeys()) {
+    }
+  });
+  const HttpProbe::KeptConnection kept;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS) << i;
+  }
+  EXPECT_EQ(server.accepted(), 3U);
+}
+
 }  // namespace

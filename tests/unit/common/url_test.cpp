@@ -54,6 +54,14 @@ TEST(Url, BlanksAroundTheTextAreDropped) {
   EXPECT_EQ(URL(" \t vpn.example.com:443 \r\n").getHostAndPort(false), "vpn.example.com:443");
 }
 
+TEST(Url, NoPartOfAHostBeginsWithAHyphen) {
+  for (const char* address : {"-oProxy", "-gw.example.com:8443", "gw.-x.example", "https://-gw/"}) {
+    EXPECT_NE(URL::findError(address).find("begins with \"-\""), std::string::npos) << address;
+    EXPECT_EQ(URL(address).getHost(), "");
+  }
+  EXPECT_EQ(URL("gw--1-.example").getHost(), "gw--1-.example");
+}
+
 TEST(Url, AnEmptyPortIsNone) {
   EXPECT_EQ(URL("host:").getHost(), "host");
   EXPECT_EQ(URL("host:").getPort(), "");

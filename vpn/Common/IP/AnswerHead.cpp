@@ -22,6 +22,7 @@ constexpr unsigned int kMaxAnswers = 10;
 // 6928). A longer answer takes more round trips to arrive than a new connection takes to open.
 constexpr std::size_t kMaxAnswerAtOnce = 10UL * 1460;
 
+constexpr unsigned int kSwitchingProtocols = 101;
 constexpr unsigned int kFirstFinal = 200;
 constexpr unsigned int kFirstRefusal = 300;
 constexpr unsigned int kProxyChallenge = 407;
@@ -126,6 +127,10 @@ void AnswerHead::takeField(std::string_view line) {
 /// Whether nothing more is wanted. Interim answers are not the answer, nor a proxy's consent to a
 /// tunnel, nor a challenge that the transport may answer.
 bool AnswerHead::endOfHead() {
+  if (m_status == kSwitchingProtocols && !m_expects.tunnel) {
+    m_complete = true;  // nobody asked for another protocol, and no HTTP follows
+    return true;
+  }
   if (m_status < kFirstFinal) {
     return false;
   }

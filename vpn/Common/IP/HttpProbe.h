@@ -97,7 +97,9 @@ class HttpProbe {
   /// To be used again a connection has to be at the end of an answer, so the body of a short answer
   /// (14 KiB in all) that announces its length or comes in chunks is read, when the next probe
   /// begins. Where it is not there a round trip after its head, or is longer or compressed, the
-  /// connection is given up; no probe waits for the body of its own answer.
+  /// connection is given up; no probe waits for the body of its own answer. Nor is a connection
+  /// kept that took half of the time-out to give its first answer, or a quarter to give any: what
+  /// is left would not do for another one, should it be gone.
   ///
   /// Lives on the stack of the thread that it is for. Where there is no memory, nothing is kept.
   class KeptConnection {

@@ -47,6 +47,9 @@ constexpr microseconds kMostBodyWait(250'000);
 // libcurl knows itself when it has to act; this only keeps a wait from being endless.
 constexpr milliseconds kMaxPoll(1000);
 
+// libcurl turns to the next address of a name when it is asked to, not when one has refused.
+constexpr milliseconds kNextAddress(10);
+
 // Parts of a probe's time-out: how long a kept connection may be silent before a fresh one is tried
 // in the rest, and how soon a server has to answer for its connection to be kept at all.
 constexpr int kSilentPart = 2;
@@ -106,10 +109,17 @@ int portOf(curl_socket_t connection) {
 }
 
 /// The sockets that were opened for one request. libcurl tries several addresses at once, and does
-/// not tell when it closes those that lost.
+/// not always tell when it closes those that lost.
 class Candidates {
  public:
-  void add(curl_socket_t opened) { m_sockets[m_count++ % m_sockets.size()] = opened; }
+  void add(curl_socket_t opened) {
+    auto* free = std::find(m_sockets.begin(), m_sockets.end(), CURL_SOCKET_BAD);
+    *(free == m_sockets.end() ? m_sockets.begin() : free) = opened;
+    ++m_count;
+  }
+  void remove(curl_socket_t closed) {
+    std::replace(m_sockets.begin(), m_sockets.end(), closed, CURL_SOCKET_BAD);
+  }
   bool isEmpty() const { return m_count == 0; }
 
   /// The one that has become the connection, which starts at this port of ours.
@@ -148,12 +158,16 @@ class HttpTransfer::Impl {
   /// What the callbacks gather of one attempt to send the request.
   struct GATHERED {
     Clock::time_point start;
+    Clock::time_point end;          ///< when the time for it is over
+    bool lost = false;              ///< a candidate has failed and libcurl may turn to the next
+    bool late = false;              ///< the peer's TLS talk has gone on beyond that
     Clock::time_point silentUntil;  ///< what a kept connection has to say something by
     long long connectedUs = 0;
     long long tlsStartUs = 0;
     Candidates opened;
-    /// The request was about to be sent.
-    bool requested = false;
+    /// How often a request was about to be sent, and when it first was.
+    unsigned int requests = 0;
+    long long requestUs = 0;
     /// The head is complete and the rest of the answer is under way.
     bool bodyDue = false;
     long long closedRttUs = kUnknown;
@@ -193,7 +207,7 @@ class HttpTransfer::Impl {
   void detach();
   bool staysSilent() const;
   milliseconds longestWait() const;
-  bool isReused() const { return m_seen.requested && m_seen.opened.isEmpty(); }
+  bool isReused() const { return m_seen.requests > 0 && m_seen.opened.isEmpty(); }
   bool hasUnasked() const;
   bool lostKeptConnection(const PROBE_OUTCOME& outcome) const;
   void collect(PROBE_OUTCOME& outcome);
@@ -206,6 +220,8 @@ class HttpTransfer::Impl {
   static int onRequest(void* self, char* address, char* local, int port, int localPort);
   static CURLcode onTlsContext(CURL* handle, void* context, void* self);
   static int onClientCertificate(SSL* connection, X509** certificate, EVP_PKEY** key);
+  static void onTlsMessage(int sent, int version, int type, const void* data, std::size_t length,
+                           SSL* connection, void* self);
   static int contextIndex();
 
   const PROBE_TARGET m_target;
@@ -274,7 +290,9 @@ PROBE_OUTCOME HttpTransfer::Impl::perform(PROBE_REQUEST& request) {
     outcome = request.Spend(microseconds(outcome.totalUs)) ? attempt(request)
                                                            : endedBy(CURLE_OPERATION_TIMEDOUT);
   }
-  m_slow = microseconds(outcome.firstByteUs - outcome.requestUs) > request.timeLeft / kPromptPart;
+  // Where a new connection takes longer than would be left for it, none is kept.
+  m_slow = microseconds(outcome.firstByteUs - outcome.requestUs) > request.timeLeft / kPromptPart ||
+           (!outcome.reused && microseconds(outcome.firstByteUs) > request.timeLeft / kSilentPart);
   return outcome;
 }
 
@@ -287,6 +305,7 @@ PROBE_OUTCOME HttpTransfer::Impl::attempt(const PROBE_REQUEST& request) {
   m_seen.head = AnswerHead(expects);
   set(CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeLeft.count()));
   m_seen.start = Clock::now();
+  m_seen.end = m_seen.start + request.timeLeft;
   m_seen.silentUntil = m_seen.start + request.timeLeft / kSilentPart;
   PROBE_OUTCOME outcome = endedBy(m_setup == CURLE_OK ? run() : m_setup);
   if (m_easy) {
@@ -332,6 +351,9 @@ bool HttpTransfer::Impl::staysSilent() const {
 }
 
 milliseconds HttpTransfer::Impl::longestWait() const {
+  if (m_seen.lost && m_seen.requests == 0) {
+    return kNextAddress;
+  }
   const auto left = std::chrono::ceil<milliseconds>(m_seen.silentUntil - Clock::now());
   return isReused() && left.count() > 0 ? std::min(left, kMaxPoll) : kMaxPoll;
 }
@@ -342,6 +364,9 @@ CURLcode HttpTransfer::Impl::resultOfEnded() {
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(m_multi.get(), &left);
   const CURLcode result = message != nullptr ? message->data.result : CURLE_OUT_OF_MEMORY;
+  if (m_seen.late && !m_seen.head.IsComplete()) {
+    return CURLE_OPERATION_TIMEDOUT;
+  }
   const bool isBodys = m_wantsBody || result == CURLE_WRITE_ERROR;
   return m_seen.head.IsComplete() && isBodys ? CURLE_OK : result;
 }
@@ -355,6 +380,7 @@ microseconds HttpTransfer::Impl::fetchBody() {
       m_connection.rttUs != kUnknown ? m_connection.rttUs : m_connection.tookUs;
   const Clock::time_point end =
       m_headAt + std::clamp(microseconds(roundTrip), kLeastBodyWait, kMostBodyWait);
+  m_seen.end = std::max(end, start + kLeastBodyWait);
   int running = 1;
   int ready = 0;
   milliseconds left(1);
@@ -501,7 +527,11 @@ void HttpTransfer::Impl::collect(PROBE_OUTCOME& outcome) {
 
 void HttpTransfer::Impl::collectTimes(PROBE_OUTCOME& outcome) {
   outcome.lookupUs = get<curl_off_t>(CURLINFO_NAMELOOKUP_TIME_T);
-  outcome.requestUs = get<curl_off_t>(CURLINFO_PRETRANSFER_TIME_T);
+  // libcurl takes its time once the request is sent. A thread that was held up in between would
+  // find the answer there already, and a busy machine would make a server the nearest. Of several
+  // requests libcurl's times are sums, and go together.
+  outcome.requestUs =
+      m_seen.requests == 1 ? m_seen.requestUs : get<curl_off_t>(CURLINFO_PRETRANSFER_TIME_T);
   outcome.firstByteUs = get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T);
   outcome.totalUs = since(m_seen.start);
   if (!outcome.reused) {
@@ -562,6 +592,8 @@ curl_socket_t HttpTransfer::Impl::onOpen(void* self, curlsocktype, curl_sockaddr
 int HttpTransfer::Impl::onClose(void* self, curl_socket_t connection) {
   Impl& transfer = *static_cast<Impl*>(self);
   const long long rtt = smallestRoundTrip(connection);
+  transfer.m_seen.lost = true;
+  transfer.m_seen.opened.remove(connection);
   if (rtt != kUnknown) {
     transfer.m_seen.closedRttUs = rtt;
   }
@@ -575,7 +607,9 @@ int HttpTransfer::Impl::onClose(void* self, curl_socket_t connection) {
 /// libcurl calls this when a connection, new or kept, is ready for the request.
 int HttpTransfer::Impl::onRequest(void* self, char*, char*, int, int localPort) {
   Impl& transfer = *static_cast<Impl*>(self);
-  transfer.m_seen.requested = true;
+  if (transfer.m_seen.requests++ == 0) {
+    transfer.m_seen.requestUs = since(transfer.m_seen.start);
+  }
   if (!transfer.m_seen.opened.isEmpty()) {
     transfer.m_socket = transfer.m_seen.opened.connected(localPort);
     const auto* tls = transfer.get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
@@ -602,9 +636,27 @@ CURLcode HttpTransfer::Impl::onTlsContext(CURL*, void* context, void* self) {
   }
   // A kept connection is idle most of the time, and there may be a thousand.
   SSL_CTX_set_mode(tls, SSL_MODE_RELEASE_BUFFERS);
+  SSL_CTX_clear_mode(tls, SSL_MODE_AUTO_RETRY);
+  SSL_CTX_set_msg_callback(tls, &Impl::onTlsMessage);
+  SSL_CTX_set_msg_callback_arg(tls, self);
   SSL_CTX_set_client_cert_cb(tls, &Impl::onClientCertificate);
   transfer.m_seen.tlsStartUs = since(transfer.m_seen.start);
   return CURLE_OK;
+}
+
+/// OpenSSL reads messages that lead to nothing (HelloRequest, KeyUpdate) for as long as they come,
+/// and libcurl cannot look at its clock meanwhile: without input OpenSSL has to return.
+void HttpTransfer::Impl::onTlsMessage(int sent, int, int type, const void*, std::size_t,
+                                      SSL* connection, void* self) {
+  Impl& transfer = *static_cast<Impl*>(self);
+  if (sent != 0 || type != SSL3_RT_HEADER || transfer.m_seen.late ||
+      Clock::now() < transfer.m_seen.end) {
+    return;
+  }
+  if (BIO* const nothing = BIO_new(BIO_s_null()); nothing != nullptr) {
+    transfer.m_seen.late = true;
+    SSL_set0_rbio(connection, nothing);
+  }
 }
 
 /// The server asks for a client certificate: there is none, but it is good to know that it asked.

@@ -179,6 +179,11 @@ std::string checkName(const std::string& name) {
     return "The host has a dot too many; write it without a dot at either end and without two in a "
            "row.";
   }
+  // RFC 952 and RFC 1123, section 2.1. To the programs that a host is handed on to, it would be an
+  // option.
+  if (name.front() == '-' || name.find(".-") != std::string::npos) {
+    return "The host has a part that begins with \"-\", which no name has; write it without.";
+  }
   in_addr binary{};
   if (isNumber(std::string_view(name).substr(name.rfind('.') + 1)) &&
       inet_pton(AF_INET, name.c_str(), &binary) != 1) {

@@ -47,8 +47,10 @@ constexpr microseconds kMostBodyWait(250'000);
 // libcurl knows itself when it has to act; this only keeps a wait from being endless.
 constexpr milliseconds kMaxPoll(1000);
 
-// libcurl turns to the next address of a name when it is asked to, not when one has refused.
+// libcurl turns to the next address of a name when it is called, not when one has refused, or has
+// had half of the time that is left.
 constexpr milliseconds kNextAddress(10);
+constexpr milliseconds kLaterAddress(50);
 
 // Parts of a probe's time-out: how long a kept connection may be silent before a fresh one is tried
 // in the rest, and how soon a server has to answer for its connection to be kept at all.
@@ -351,10 +353,17 @@ bool HttpTransfer::Impl::staysSilent() const {
 }
 
 milliseconds HttpTransfer::Impl::longestWait() const {
-  if (m_seen.lost && m_seen.requests == 0) {
-    return kNextAddress;
+  const auto now = Clock::now();
+  if (m_seen.requests == 0) {
+    const auto half = m_seen.start + (m_seen.end - m_seen.start) / 2;
+    if (m_seen.lost) {
+      return kNextAddress;
+    }
+    return now > half
+               ? kLaterAddress
+               : std::min(std::chrono::ceil<milliseconds>(half - now) + milliseconds(1), kMaxPoll);
   }
-  const auto left = std::chrono::ceil<milliseconds>(m_seen.silentUntil - Clock::now());
+  const auto left = std::chrono::ceil<milliseconds>(m_seen.silentUntil - now);
   return isReused() && left.count() > 0 ? std::min(left, kMaxPoll) : kMaxPoll;
 }
 

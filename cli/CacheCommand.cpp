@@ -44,11 +44,12 @@ std::string findCacheFile(const CacheOptions& options) {
   if (!directory.empty()) {
     return directory + "/" + CacheFileName;
   }
-  Console::complain(options.cacheDirectory
-                        ? "--cache-dir needs the name of a directory."
-                        : "there is no place for a selection cache: neither HOME nor "
-                          "XDG_CACHE_HOME is set. Set one of them, or name a directory with "
-                          "--cache-dir.");
+  Console::complain(
+      options.cacheDirectory
+          ? "--cache-dir needs the name of a directory."
+          : "there is no place for a selection cache: neither HOME nor "
+            "XDG_CACHE_HOME is set to an absolute path. Set one of them, or name a directory with "
+            "--cache-dir.");
   return "";
 }
 
@@ -75,8 +76,10 @@ int showCache(const CacheOptions& options) {
   const CacheReport report = readCacheReport(path, *clearCache);
   const bool isUsable = report.state != CacheReport::State::Unusable;
   if (!isUsable) {
+    const bool isRemovable = CStateFile(path, CSelectionCache::MaxFileSize).isRemovable();
     Console::complain("the selection cache cannot be used: " + Console::visible(report.problem) +
-                      ". Selections work without it; 'ahs cache clear' removes it.");
+                      ". Selections work without it" +
+                      (isRemovable ? "; 'ahs cache clear' removes it." : "."));
   }
   return Console::writeResult(options.json ? cacheReportAsJson(report) : cacheReportAsText(report),
                               isUsable ? ExitDone : ExitUnusable);
@@ -114,12 +117,13 @@ int clearCache(const CacheOptions& options) {
   } else {
     constexpr unsigned int AnyAge = 1;
     const std::size_t selections = readCacheReport(path, AnyAge).selections.size();
-    if (file.remove(problem)) {
+    if (file.remove(lock, problem)) {
       return tellCleared(options, path, true, selections);
     }
   }
   Console::complain("the selection cache was not cleared: " + Console::visible(problem) +
-                    ". Remove " + Console::visible(path) + " yourself, or try again.");
+                    (lock.state() == CStateFile::Locking::Busy ? ". Try again later."
+                                                               : ". Mend that, and try again."));
   return ExitUnusable;
 }
 

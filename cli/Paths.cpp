@@ -15,7 +15,8 @@ std::string baseDirectory(const char* value, const char* home, const char* below
   if (value != nullptr && value[0] == '/') {
     return value;
   }
-  if (home != nullptr && home[0] != '\0') {
+  // A relative one would mean another place in each directory the tool is started in.
+  if (home != nullptr && home[0] == '/') {
     return std::string(home) + belowHome;
   }
   return "";

@@ -14,7 +14,7 @@ struct DefaultPaths {
 /// The default paths for an environment. A pure function.
 /// @param configHome, cacheHome values of XDG_CONFIG_HOME and XDG_CACHE_HOME; null, empty or
 ///        relative values are not used, as the XDG rules ask.
-/// @param home value of HOME; null or empty for none.
+/// @param home value of HOME; null, empty or relative for none.
 DefaultPaths defaultPathsFor(const char* configHome, const char* cacheHome, const char* home);
 
 /// The default paths of this process.

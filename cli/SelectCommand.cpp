@@ -121,8 +121,8 @@ void noteUnknownLast(const std::string& last, const std::vector<Candidate>& cand
 void noteMissingCache(const SelectOptions& options, const SelectPlan& plan) {
   if (plan.sources.cacheFile.empty() && !options.noCache) {
     Console::complain(
-        "warning: neither HOME nor XDG_CACHE_HOME is set, so the selection is not kept for the "
-        "next time. Name a directory with --cache-dir, or say --no-cache.");
+        "warning: neither HOME nor XDG_CACHE_HOME is set to an absolute path, so the selection is "
+        "not kept for the next time. Name a directory with --cache-dir, or say --no-cache.");
   }
 }
 

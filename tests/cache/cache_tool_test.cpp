@@ -343,6 +343,36 @@ TEST_F(CacheCommandTest, AFileThatCannotBeUsedIsExplained) {
   EXPECT_THAT(Run({"cache", "show"}).err, HasSubstr("can be written by other users"));
 }
 
+TEST_F(CacheCommandTest, WhatClearingWouldRefuseIsNotAdvised) {
+  WriteFile("noise");
+  ASSERT_EQ(chmod(m_cacheDirectory.c_str(), 0777), 0);
+  const std::string inSharedDirectory = Run({"cache", "show"}).err;
+  EXPECT_THAT(inSharedDirectory, HasSubstr("mend it with chmod go-w"));
+  EXPECT_THAT(inSharedDirectory, Not(HasSubstr("ahs cache clear")));
+
+  ASSERT_EQ(chmod(m_cacheDirectory.c_str(), 0700), 0);
+  ASSERT_EQ(unlink(m_file.c_str()), 0);
+  ASSERT_EQ(mkdir(m_file.c_str(), 0700), 0);
+  const std::string directoryInItsPlace = Run({"cache", "show"}).err;
+  EXPECT_THAT(directoryInItsPlace, HasSubstr(m_file + " is not a regular file"));
+  EXPECT_THAT(directoryInItsPlace, Not(HasSubstr("ahs cache clear")));
+}
+
+TEST_F(CacheCommandTest, WhatStandsInTheWayOfClearingIsNamed) {
+  WriteFile("noise");
+  ASSERT_EQ(mkdir((m_file + ".lock").c_str(), 0700), 0);
+  const Output locked = Run({"cache", "clear"});
+  EXPECT_EQ(locked.status, 1);
+  EXPECT_THAT(locked.err, HasSubstr("cannot open " + m_file + ".lock"));
+  EXPECT_THAT(locked.err, Not(HasSubstr("Remove " + m_file)));
+
+  ASSERT_EQ(rmdir((m_file + ".lock").c_str()), 0);
+  ASSERT_EQ(mkdir((m_file + ".new-0").c_str(), 0700), 0);
+  const Output half = Run({"cache", "clear"});
+  EXPECT_EQ(half.status, 1);
+  EXPECT_THAT(half.err, HasSubstr("cannot remove " + m_file + ".new-0"));
+}
+
 TEST_F(CacheCommandTest, ClearingLeavesNothingButTheLock) {
   const Gateway gateway;
   Run({"select", "--quiet", gateway.Address()});

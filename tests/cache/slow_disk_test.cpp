@@ -2,7 +2,10 @@
 // allowed to. The client is called first, what was stored is found meanwhile, and in the end it is
 // in the file.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -10,11 +13,14 @@
 #include <fstream>
 #include <mutex>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tests/host/HostScene.h"
 #include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Api/AHS/StateFile.h"
 #include "vpn/Common/Logging/AppLog.h"
 
 namespace {
@@ -26,16 +32,25 @@ class Disk {
     const std::lock_guard<std::mutex> guard(m_lock);
     m_isStopped = true;
   }
+  /// The next flush alone does not answer.
+  void StopTheNext() {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_isNextStopped = true;
+    m_isOneHeld = true;
+  }
   void GoOn() {
     const std::lock_guard<std::mutex> guard(m_lock);
     m_isStopped = false;
+    m_isNextStopped = false;
+    m_isOneHeld = false;
     m_changed.notify_all();
   }
   void Flush() {
     std::unique_lock<std::mutex> guard(m_lock);
     ++m_flushes;
     ++m_waiting;
-    m_changed.wait(guard, [this] { return !m_isStopped; });
+    const bool isTheOne = std::exchange(m_isNextStopped, false);
+    m_changed.wait(guard, [this, isTheOne] { return !m_isStopped && !(isTheOne && m_isOneHeld); });
     --m_waiting;
   }
   unsigned int Flushes() {
@@ -51,12 +66,45 @@ class Disk {
   std::mutex m_lock;
   std::condition_variable m_changed;
   bool m_isStopped = false;
+  bool m_isNextStopped = false;
+  bool m_isOneHeld = false;
   unsigned int m_waiting = 0;
   unsigned int m_flushes = 0;
 };
 
 Disk& disk() {
   static Disk& instance = *new Disk;
+  return instance;
+}
+
+/// What was flushed and renamed, in order: a file by its number, with the size it had then.
+struct Step {
+  enum class Kind { FlushFile, Rename, FlushDirectory };
+  Kind kind;
+  ino_t file;
+  off_t size;
+  bool operator==(const Step&) const = default;
+};
+
+class Steps {
+ public:
+  void Add(Step::Kind kind, const struct stat& status) {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_steps.push_back(
+        {kind, status.st_ino, kind == Step::Kind::FlushDirectory ? 0 : status.st_size});
+  }
+  std::vector<Step> Take() {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return std::exchange(m_steps, {});
+  }
+
+ private:
+  std::mutex m_lock;
+  std::vector<Step> m_steps;
+};
+
+Steps& steps() {
+  static Steps& instance = *new Steps;
   return instance;
 }
 
@@ -71,7 +119,25 @@ int __wrap_fsync(int descriptor);  // NOLINT
 
 int __wrap_fsync(int descriptor) {  // NOLINT
   disk().Flush();
-  return __real_fsync(descriptor);
+  const int result = __real_fsync(descriptor);
+  struct stat status {};
+  if (result == 0 && fstat(descriptor, &status) == 0) {
+    steps().Add(S_ISDIR(status.st_mode) ? Step::Kind::FlushDirectory : Step::Kind::FlushFile,
+                status);
+  }
+  return result;
+}
+
+int __real_renameat(int, const char*, int, const char*);               // NOLINT
+int __wrap_renameat(int from, const char*, int to, const char* name);  // NOLINT
+
+int __wrap_renameat(int from, const char* old, int to, const char* name) {  // NOLINT
+  const int result = __real_renameat(from, old, to, name);
+  struct stat status {};
+  if (result == 0 && fstatat(to, name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    steps().Add(Step::Kind::Rename, status);
+  }
+  return result;
 }
 
 using ThreadBody = void* (*)(void*);
@@ -204,7 +270,53 @@ TEST_F(SlowDisk, AHitDoesNotWaitForIt) {
     EXPECT_TRUE(IsFound(*cache, "mine;"));
     disk().GoOn();
   }
-  EXPECT_TRUE(IsInFile("used=\""));
+  EXPECT_TRUE(eventually([this] { return IsInFile("used=\""); }));
+  EXPECT_EQ(m_warnings, 0U);
+}
+
+TEST_F(SlowDisk, ANewFileIsOnItCompleteBeforeItHasTheNameAndTheNameBeforeTheStoreIsOver) {
+  const CacheHold cache;
+  ASSERT_EQ(Store(*cache, "first;"), 0);
+  steps().Take();
+  Store(*cache, "second;");
+  ASSERT_EQ((*cache).WaitForStores(), 0);
+  struct stat file {};
+  struct stat directory {};
+  ASSERT_EQ(stat(m_host.CacheFile().c_str(), &file), 0);
+  const std::string parent = m_host.CacheFile().substr(0, m_host.CacheFile().rfind('/'));
+  ASSERT_EQ(stat(parent.c_str(), &directory), 0);
+  EXPECT_EQ(steps().Take(), (std::vector<Step>{{Step::Kind::FlushFile, file.st_ino, file.st_size},
+                                               {Step::Kind::Rename, file.st_ino, file.st_size},
+                                               {Step::Kind::FlushDirectory, directory.st_ino, 0}}));
+}
+
+TEST_F(SlowDisk, ALockRemovedWhileItIsHeldCostsNeitherProcessItsSelection) {
+  const std::string path = m_host.CacheFile();
+  {
+    const CacheHold cache;
+    ASSERT_EQ(Store(*cache, "theirs;"), 0);
+  }
+  const std::string theirs = readFile(path);
+  ASSERT_EQ(unlink(path.c_str()), 0);
+
+  const CacheHold cache;
+  disk().StopTheNext();
+  EXPECT_EQ(Store(*cache, "mine;"), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  ASSERT_EQ(disk().Waiting(), 1U);
+  ASSERT_EQ(unlink((path + ".lock").c_str()), 0);
+  {
+    CStateFile file(path, CSelectionCache::MaxFileSize);
+    const CStateFile::Lock lock(file, std::chrono::milliseconds(0));
+    ASSERT_EQ(lock.state(), CStateFile::Locking::Held) << lock.problem();
+    std::string problem;
+    ASSERT_EQ(file.replace(lock, theirs, problem), CStateFile::Replacing::Done) << problem;
+    EXPECT_EQ(disk().Waiting(), 1U);
+    EXPECT_EQ(readFile(path), theirs);
+  }
+  disk().GoOn();
+  EXPECT_EQ((*cache).WaitForStores(), 0);
+  EXPECT_TRUE(IsInFile("mine;"));
+  EXPECT_TRUE(IsInFile("theirs;"));
   EXPECT_EQ(m_warnings, 0U);
 }
 

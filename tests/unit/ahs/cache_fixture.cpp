@@ -3,11 +3,14 @@
 
 #include "tests/unit/ahs/cache_fixture.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -52,15 +55,22 @@ STATUSCODE keep(const CacheHold& cache, CCacheEntry& entry) {
   return status == HEADENDSELECTION_ERROR_CACHE_FAILURE ? cache->WaitForStores() : status;
 }
 
-void waitForWriters() {
-  EXPECT_TRUE(eventually([] {
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-      if (readFile(task.path() / "comm") == "ahs\n") {
-        return false;
-      }
+bool hasWriter() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::any_of(begin(tasks), end(tasks), [](const auto& task) {
+    // A stream would throw when the thread ends before it is read.
+    const int comm = open((task.path() / "comm").c_str(), O_RDONLY | O_CLOEXEC);
+    std::array<char, 16> name{};
+    const ssize_t length = comm < 0 ? -1 : ::read(comm, name.data(), name.size());
+    if (comm >= 0) {
+      close(comm);
     }
-    return true;
-  }));
+    return length > 0 && std::string(name.data(), static_cast<std::size_t>(length)) == "ahs\n";
+  });
+}
+
+void waitForWriters() {
+  EXPECT_TRUE(eventually([] { return !hasWriter(); }));
 }
 
 int inProcess(const std::function<int()>& body) {
@@ -120,11 +130,15 @@ STATUSCODE CacheTest::store(const std::string& knownHeadends, const Records& rec
 }
 
 bool CacheTest::find(const std::string& knownHeadends, Records& records) {
-  const CacheHold cache;
-  std::string key = knownHeadends;
-  CCacheEntry entry;
-  const bool found = cache->IsInCache(key, entry);
-  records = recordsOf(entry);
+  bool found = false;
+  {
+    const CacheHold cache;
+    std::string key = knownHeadends;
+    CCacheEntry entry;
+    found = cache->IsInCache(key, entry);
+    records = recordsOf(entry);
+  }
+  waitForWriters();
   return found;
 }
 

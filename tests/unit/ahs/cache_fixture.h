@@ -35,6 +35,9 @@ class CacheHold {
 /// Stores, waiting for the disk however long it takes. @return what became of it in the end.
 STATUSCODE keep(const CacheHold& cache, CCacheEntry& entry);
 
+/// Whether the cache has a thread of its own now.
+bool hasWriter();
+
 /// Waits until the cache's own threads have ended: ThreadSanitizer lets a child of fork have
 /// threads only if the parent had none.
 void waitForWriters();
@@ -54,7 +57,7 @@ class CacheTest : public ::testing::Test {
 
   /// Stores through an acquisition of its own.
   static STATUSCODE store(const std::string& knownHeadends, const Records& records);
-  /// Looks up through an acquisition of its own.
+  /// Looks up through an acquisition of its own, and waits until that is on record.
   static bool find(const std::string& knownHeadends, Records& records);
   static bool has(const std::string& knownHeadends);
 

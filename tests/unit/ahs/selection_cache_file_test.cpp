@@ -243,6 +243,78 @@ TEST_F(SelectionCacheFile, WhatAKilledProcessHasLeftIsNeverReadAndGoesWithTheNex
   EXPECT_THAT(names(), ElementsAre("selections.xml", "selections.xml.lock"));
 }
 
+TEST_F(SelectionCacheFile, BelowADirectoryThatOthersCanWriteThereIsNone) {
+  const std::string parent = m_directory + "/parent";
+  ASSERT_EQ(mkdir(parent.c_str(), 0700), 0);
+  ASSERT_EQ(mkdir((parent + "/ahs").c_str(), 0700), 0);
+  ASSERT_EQ(chmod(parent.c_str(), 0777), 0);
+  usePreferences(parent + "/ahs/selections.xml");
+  expectMemoryOnly();
+  EXPECT_THAT(m_warnings[0], HasSubstr(parent + " may be written by every user"));
+  EXPECT_THAT(m_warnings[0], HasSubstr("Run 'chmod go-w " + parent + "'; the selection cache"));
+  EXPECT_TRUE(std::filesystem::is_empty(parent + "/ahs"));
+}
+
+TEST_F(SelectionCacheFile, BelowADirectoryThatOthersCanWriteNoneIsMade) {
+  const std::string parent = m_directory + "/parent";
+  ASSERT_EQ(mkdir(parent.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(parent.c_str(), 0777), 0);
+  usePreferences(parent + "/one/two/selections.xml");
+  expectMemoryOnly();
+  EXPECT_TRUE(std::filesystem::is_empty(parent));
+}
+
+TEST_F(SelectionCacheFile, BehindALinkOfAnotherUserThereIsNone) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a link away";
+  }
+  const std::string sticky = m_directory + "/sticky";
+  const std::string target = m_directory + "/target";
+  ASSERT_EQ(mkdir(sticky.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(sticky.c_str(), 01777), 0);
+  ASSERT_EQ(mkdir(target.c_str(), 0700), 0);
+  ASSERT_EQ(symlink(target.c_str(), (sticky + "/ahs").c_str()), 0);
+  ASSERT_EQ(lchown((sticky + "/ahs").c_str(), Nobody, Nobody), 0);
+  usePreferences(sticky + "/ahs/selections.xml");
+  expectMemoryOnly();
+  EXPECT_THAT(m_warnings[0], HasSubstr(sticky + "/ahs belongs to user 65534"));
+  EXPECT_TRUE(std::filesystem::is_empty(target));
+}
+
+TEST_F(SelectionCacheFile, InADirectoryOfOnesOwnBelowAStickyOneAndBehindALinkOfOnesOwnIsKept) {
+  const std::string sticky = m_directory + "/sticky";
+  const std::string link = m_directory + "/link";
+  ASSERT_EQ(mkdir(sticky.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(sticky.c_str(), 01777), 0);
+  ASSERT_EQ(symlink(sticky.c_str(), link.c_str()), 0);
+  usePreferences(link + "/one//two/selections.xml");
+  EXPECT_EQ(store("gw-a;", {{"gw-a", 40}}), 0);
+  EXPECT_TRUE(has("gw-a;"));
+  EXPECT_TRUE(exists(sticky + "/one/two/selections.xml"));
+  EXPECT_EQ(modeOf(sticky + "/one"), 0700U);
+  EXPECT_TRUE(m_warnings.empty());
+}
+
+TEST_F(SelectionCacheFile, ADirectoryThatMayBePassedButNotReadMayLeadToIt) {
+  const std::string passed = m_directory + "/passed";
+  ASSERT_EQ(mkdir(passed.c_str(), 0700), 0);
+  ASSERT_EQ(mkdir((passed + "/home").c_str(), 0700), 0);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chmod(m_directory.c_str(), 0755), 0);
+    ASSERT_EQ(chown((passed + "/home").c_str(), Nobody, Nobody), 0);
+  }
+  ASSERT_EQ(chmod(passed.c_str(), 0111), 0);
+  usePreferences(passed + "/home/.cache/ahs/selections.xml");
+  EXPECT_EQ(inProcess([] {
+              if (geteuid() == 0 && setresuid(Nobody, Nobody, Nobody) != 0) {
+                return 1;
+              }
+              return store("gw-a;", {{"gw-a", 40}}) == 0 && has("gw-a;") ? 0 : 2;
+            }),
+            0);
+  ASSERT_EQ(chmod(passed.c_str(), 0700), 0);
+}
+
 TEST_F(SelectionCacheFile, InADirectoryThatOthersCanWriteThereIsNone) {
   for (const mode_t mode : {0770U, 0707U, 01777U}) {
     ASSERT_EQ(chmod(m_directory.c_str(), 0700), 0);
@@ -285,6 +357,23 @@ TEST_F(SelectionCacheFile, AUseThatCannotBePutOnRecordCostsNoWarning) {
   EXPECT_THAT(read(m_file), HasSubstr("version=\"1\""));
 }
 
+TEST_F(SelectionCacheFile, TheLastReleaseDoesNotWaitForTheLockToPutAMereUseOnRecord) {
+  writeSelection(25L * 60 * 60);
+  {
+    const ForeignLock foreign(m_file);
+    {
+      const CacheHold cache;
+      std::string key = "gw-a;";
+      CCacheEntry entry;
+      EXPECT_TRUE(cache->IsInCache(key, entry));
+      EXPECT_TRUE(eventually(hasWriter)) << "it is to be put on record";
+    }
+  }
+  EXPECT_TRUE(eventually([this] { return read(m_file).find("used=") != std::string::npos; }))
+      << "the release came after the writer had given the lock up";
+  EXPECT_TRUE(m_warnings.empty());
+}
+
 TEST_F(SelectionCacheFile, ClearedMeanwhileIsNotBroughtBackByAUse) {
   writeSelection(24L * 60 * 60);
   const CacheHold cache;
@@ -295,7 +384,7 @@ TEST_F(SelectionCacheFile, ClearedMeanwhileIsNotBroughtBackByAUse) {
     ASSERT_TRUE(cache->IsInCache(key, entry));
     ASSERT_EQ(unlink(m_file.c_str()), 0);
   }
-  cache->WaitForStores();
+  waitForWriters();
   EXPECT_FALSE(exists(m_file));
 }
 

@@ -36,6 +36,15 @@ TEST(Paths, AUserWithoutAHomeDirectoryHasTheSystemsOnly) {
   EXPECT_EQ(paths.systemProfiles, "/etc/ahs/profiles");
 }
 
+TEST(Paths, ARelativeHomeDirectoryCountsAsNone) {
+  for (const char* home : {"home/kim", ".", ""}) {
+    const DefaultPaths paths = defaultPathsFor("config", "cache", home);
+    EXPECT_EQ(paths.userProfiles, "") << home;
+    EXPECT_EQ(paths.userPreferences, "") << home;
+    EXPECT_EQ(paths.cacheDirectory, "") << home;
+  }
+}
+
 TEST(Paths, ADirectoryIsNotTakenForAFileNorAFileForADirectory) {
   const tests::TemporaryDirectory directory;
   const std::string file = directory.Write("file", "");

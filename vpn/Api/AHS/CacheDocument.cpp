@@ -14,6 +14,7 @@
 #include <libxml/xmlerror.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -42,23 +43,42 @@ constexpr unsigned long MaxTimestamp = 253402300799UL;
 /// The largest version that there may ever be.
 constexpr unsigned int MaxVersion = 999;
 
+/// Results for which room is made at once, however many candidates a document claims.
+constexpr std::size_t MaxReserved = 4096;
+
 /// Longest piece of a wrong text in a message.
 constexpr std::size_t MaxQuote = 60;
 
-bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
+/// What a byte is to the check of a document.
+enum class ByteKind : unsigned char { Plain, Blank, TagBegin, Wrong };
 
-/// What is wrong with the bytes of a document, before anything is made of them.
+constexpr std::array<ByteKind, 256> byteKinds() {
+  std::array<ByteKind, 256> kinds{};
+  kinds.fill(ByteKind::Wrong);
+  std::fill(kinds.begin() + 0x21, kinds.begin() + 0x7f, ByteKind::Plain);
+  for (const char c : {' ', '\n', '\t', '\r'}) {
+    kinds[static_cast<unsigned char>(c)] = ByteKind::Blank;
+  }
+  kinds['<'] = ByteKind::TagBegin;
+  return kinds;
+}
+
+/// What is wrong with the bytes of a document, before anything is made of them. One look at each:
+/// this is done at every cold start.
 std::string findWrongBytes(const std::string& text) {
+  static constexpr std::array<ByteKind, 256> Kinds = byteKinds();
   unsigned int blanks = 0;
   for (const char c : text) {
-    if (c == '<') {
-      blanks = 0;
-    } else if (isBlank(c)) {
-      if (++blanks > MaxBlanksInTag) {
-        return "a tag is too long";
-      }
-    } else if (c < 0x21 || c > 0x7e) {
+    const ByteKind kind = Kinds[static_cast<unsigned char>(c)];
+    if (kind == ByteKind::Plain) {
+      continue;
+    }
+    if (kind == ByteKind::Wrong) {
       return "not a text of ASCII characters";
+    }
+    blanks = kind == ByteKind::Blank ? blanks + 1 : 0;
+    if (blanks > MaxBlanksInTag) {
+      return "a tag is too long";
     }
   }
   return text.empty() ? "the file is empty" : "";
@@ -110,7 +130,7 @@ class CAttributes {
   /// The same with an encoded value.
   bool find(std::string_view name, std::string& decoded) const {
     std::string_view value;
-    return find(name, value) && decode(std::string(value), decoded);
+    return find(name, value) && decode(value, decoded);
   }
 
  private:
@@ -140,11 +160,11 @@ class CReader {
   static void onInstruction(void* context, const xmlChar* target, const xmlChar* data);
   static void onError(void* context, xmlErrorPtr error);
 
-  void start(const std::string& name, const CAttributes& attributes);
-  void startRoot(const std::string& name, const CAttributes& attributes);
+  void start(std::string_view name, const CAttributes& attributes);
+  void startRoot(std::string_view name, const CAttributes& attributes);
   bool takeUse(const CAttributes& attributes, const std::string& key);
-  void startSelection(const std::string& name, const CAttributes& attributes);
-  void startHeadend(const std::string& name, const CAttributes& attributes);
+  void startSelection(std::string_view name, const CAttributes& attributes);
+  void startHeadend(std::string_view name, const CAttributes& attributes);
   void end();
   void fail(const std::string& what);
   void failSafely(const char* what) noexcept;
@@ -153,6 +173,7 @@ class CReader {
   xmlParserCtxtPtr m_parser = nullptr;
   Contents m_contents;
   Entries::iterator m_current = m_contents.entries.end();
+  std::vector<CHeadendRTT> m_headends;  // of m_current, so far
   unsigned int m_version = 0;
   unsigned int m_depth = 0;
   std::string m_problem;
@@ -167,7 +188,7 @@ void CReader::fail(const std::string& what) {
   xmlStopParser(m_parser);
 }
 
-void CReader::start(const std::string& name, const CAttributes& attributes) {
+void CReader::start(std::string_view name, const CAttributes& attributes) {
   switch (++m_depth) {
     case 1:
       return startRoot(name, attributes);
@@ -180,10 +201,11 @@ void CReader::start(const std::string& name, const CAttributes& attributes) {
   }
 }
 
-void CReader::startRoot(const std::string& name, const CAttributes& attributes) {
+void CReader::startRoot(std::string_view name, const CAttributes& attributes) {
   std::string_view found;
   if (name != RootName) {
-    fail("the document is a " + CStringUtils::printable(name, MaxQuote) + ", not a " + RootName);
+    fail("the document is a " + CStringUtils::printable(std::string(name), MaxQuote) + ", not a " +
+         RootName);
   } else if (!attributes.find(VersionAttribute, found) ||
              !parseNumber(found, 1U, MaxVersion, m_version)) {
     m_version = 0;
@@ -216,13 +238,14 @@ bool CReader::takeUse(const CAttributes& attributes, const std::string& key) {
   return true;
 }
 
-void CReader::startSelection(const std::string& name, const CAttributes& attributes) {
+void CReader::startSelection(std::string_view name, const CAttributes& attributes) {
   std::string_view place;
   std::string_view stored;
   std::string knownHeadends;
   unsigned long timestamp = 0;
   if (name != SelectionName) {
-    return fail(CStringUtils::printable(name, MaxQuote) + " where a " + SelectionName + " belongs");
+    return fail(CStringUtils::printable(std::string(name), MaxQuote) + " where a " + SelectionName +
+                " belongs");
   }
   if (m_contents.entries.size() >= MaxEntries) {
     return fail("more than " + std::to_string(MaxEntries) + " selections");
@@ -248,19 +271,24 @@ void CReader::startSelection(const std::string& name, const CAttributes& attribu
   m_current = added.first;
   m_current->second.SetKnownHeadends(knownHeadends);
   m_current->second.SetTimestamp(timestamp);
+  m_headends.clear();
+  const auto candidates =
+      static_cast<std::size_t>(std::count(knownHeadends.begin(), knownHeadends.end(), ';'));
+  m_headends.reserve(std::min(candidates, MaxReserved));
 }
 
-void CReader::startHeadend(const std::string& name, const CAttributes& attributes) {
+void CReader::startHeadend(std::string_view name, const CAttributes& attributes) {
   std::string_view metricText;
   std::string headend;
   unsigned int metric = 0;
   if (name != HeadendName) {
-    return fail(CStringUtils::printable(name, MaxQuote) + " where a " + HeadendName + " belongs");
+    return fail(CStringUtils::printable(std::string(name), MaxQuote) + " where a " + HeadendName +
+                " belongs");
   }
   if (attributes.count() != 2) {
     return fail("a headend with more or fewer attributes than two");
   }
-  if (m_current->second.GetListSize() >= MaxRecords) {
+  if (m_headends.size() >= MaxRecords) {
     return fail("more than " + std::to_string(MaxRecords) + " headends");
   }
   if (!attributes.find(NameAttribute, headend) || headend.empty() ||
@@ -271,13 +299,18 @@ void CReader::startHeadend(const std::string& name, const CAttributes& attribute
       !parseNumber(metricText, 0U, std::numeric_limits<unsigned int>::max(), metric)) {
     return fail("a headend without a right metric");
   }
-  m_current->second.AddHeadend(CHeadendRTT(std::move(headend), metric));
+  m_headends.emplace_back(std::move(headend), metric);
 }
 
 void CReader::end() {
-  if (m_depth-- == 2 && m_current->second.GetListSize() == 0) {
+  if (m_depth-- != 2) {
+    return;
+  }
+  if (m_headends.empty()) {
     m_contents.uses.erase(m_current->first);
     m_contents.entries.erase(m_current);  // a selection that names no headend answers no question
+  } else {
+    m_current->second.SetHeadendList(std::move(m_headends));
   }
 }
 
@@ -404,10 +437,15 @@ std::string encode(const std::string& text) {
   return encoded;
 }
 
-bool decode(const std::string& text, std::string& decoded) {
+bool decode(std::string_view text, std::string& decoded) {
+  // Mostly there is nothing to undo.
+  const auto escaped = std::find_if_not(
+      text.begin(), text.end(), [](char c) { return isPlain(static_cast<unsigned char>(c)); });
+  auto i = static_cast<std::size_t>(escaped - text.begin());
   std::string plain;
   plain.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
+  plain.assign(text, 0, i);
+  for (; i < text.size(); ++i) {
     if (isPlain(static_cast<unsigned char>(text[i]))) {
       plain += text[i];
       continue;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vpn/Api/AHS/CacheEntry.h"
@@ -61,7 +62,7 @@ constexpr const char* KeySeparator = "\n";
 /// 126 as \xNN. Any text can be written this way, whatever its encoding.
 std::string encode(const std::string& text);
 /// Undoes `encode`. @return false when `text` is not something that `encode` gives.
-bool decode(const std::string& text, std::string& decoded);
+bool decode(std::string_view text, std::string& decoded);
 
 /// An upper bound of the characters that `encode`d text takes in an attribute.
 std::size_t writtenSize(const std::string& text);

@@ -37,9 +37,7 @@ CCacheEntry::CCacheEntry(const CCacheEntry& other) = default;
 
 CCacheEntry& CCacheEntry::operator=(const CCacheEntry& other) {
   CCacheEntry copy(other);
-  m_headendList.swap(copy.m_headendList);
-  m_tstrKnownHeadends.swap(copy.m_tstrKnownHeadends);
-  m_timestamp = copy.m_timestamp;
+  Swap(copy);
   return *this;
 }
 

@@ -19,6 +19,10 @@ class CCacheEntry {
 
   /// Replaces the results.
   void SetHeadendList(const std::vector<CHeadendRTT>& headendList);
+  /// The same, taking them over: what is in `headendList` then is unspecified.
+  void SetHeadendList(std::vector<CHeadendRTT>&& headendList) noexcept {
+    m_headendList.swap(headendList);
+  }
   /// Replaces `headendList` by the results in stored order; always 0.
   STATUSCODE GetHeadendList(std::vector<CHeadendRTT>& headendList) const;
   /// How many results there are.
@@ -33,6 +37,14 @@ class CCacheEntry {
   /// The key of the candidate set that was measured.
   void SetKnownHeadends(const std::string& knownHeadends);
   std::string GetKnownHeadends() const;
+
+  void Swap(CCacheEntry& other) noexcept {
+    m_headendList.swap(other.m_headendList);
+    m_tstrKnownHeadends.swap(other.m_tstrKnownHeadends);
+    const long timestamp = m_timestamp;
+    m_timestamp = other.m_timestamp;
+    other.m_timestamp = timestamp;
+  }
 
   /// A line with time stamp (in UTC) and key, then an indented line a result; each ends with a line
   /// feed.

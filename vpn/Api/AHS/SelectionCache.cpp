@@ -30,6 +30,8 @@ constexpr std::chrono::milliseconds StorePatience{50};
 /// How long the last release waits: the client has its result by then. Longer than a job waits for
 /// other processes.
 constexpr std::chrono::milliseconds ReleasePatience{2500};
+/// How long it waits when a use is all that is to be put on record, which may be lost.
+constexpr std::chrono::milliseconds UsePatience{50};
 
 /// How old the file's record of a use may be, in seconds. A use that is found on record costs no
 /// write, so that someone who selects all day costs the disk one an hour; the price is that those
@@ -105,14 +107,15 @@ void CSelectionCache::releaseInstance() {
 }
 
 STATUSCODE CSelectionCache::WaitForStores() {
-  const auto deadline = std::chrono::steady_clock::now() + ReleasePatience;
+  const auto start = std::chrono::steady_clock::now();
   CCacheWriter::Ticket ticket;
-  startFlush(ticket);
-  return endFlush(ticket.WaitUntil(deadline));
+  const std::chrono::milliseconds patience = startFlush(ticket);
+  return endFlush(ticket.WaitUntil(start + patience));
 }
 
 /// @param ticket receives the job to wait for; one is begun when a store is not in the file.
-void CSelectionCache::startFlush(CCacheWriter::Ticket& ticket) {
+/// @return how long it is worth waiting for.
+std::chrono::milliseconds CSelectionCache::startFlush(CCacheWriter::Ticket& ticket) {
   const CAutoLockT<CManualLock> lock(m_lock);
   settle();
   try {
@@ -123,6 +126,7 @@ void CSelectionCache::startFlush(CCacheWriter::Ticket& ticket) {
   } catch (const std::exception&) {
     logShortage("releaseInstance", "CSelectionCache::updateCache");
   }
+  return hasUnsaved() ? ReleasePatience : UsePatience;
 }
 
 STATUSCODE CSelectionCache::endFlush(bool isEnded) {
@@ -201,8 +205,8 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
     }
     std::string usedKey = placeKey(key);
     noteUse(usedKey, found);
-    m_lastUsed = found;
     entry = found;
+    m_lastUsed.Swap(found);
     m_lastUsedKey.swap(usedKey);
     return true;
   } catch (const std::exception&) {

@@ -48,7 +48,7 @@ class CSelectionCache {
 
   /// Waits until what has been stored is in the file, after one more attempt where the last one has
   /// failed; for 2.5 seconds at most. A disk that takes longer is left to itself: the file follows
-  /// when it can, unless the process ends.
+  /// when it can, unless the process ends. The record of a mere use is waited for 50 ms at most.
   /// @return 0, or HEADENDSELECTION_ERROR_CACHE_FAILURE when the file does not have all of it.
   STATUSCODE WaitForStores();
 
@@ -131,15 +131,18 @@ class CSelectionCache {
   void settle() AHS_REQUIRES(m_lock);
   bool hasUnsaved() AHS_REQUIRES(m_lock);
   void warnOnce(const char* function, const std::string& problem) AHS_REQUIRES(m_lock);
-  void startFlush(CCacheWriter::Ticket& ticket);
+  std::chrono::milliseconds startFlush(CCacheWriter::Ticket& ticket);
   STATUSCODE endFlush(bool isEnded);
   bool releaseOnce(bool flushed);
 
   // The file's part (SelectionCacheFile.cpp). These run on the writer's thread, which may outlive
   // the instance.
   static CCacheWriter::Outcome writeFile(const Batch& batch);
+  static CCacheWriter::Outcome writeOnce(const Batch& batch, bool& isLockLost);
   /// @param problem says what is wrong, as a sentence for the log; empty if nothing is.
   static Found readFile(CStateFile& file, Contents& contents, std::string& problem);
+  static Found understand(const CStateFile& file, CStateFile::Content content,
+                          const std::string& text, Contents& contents, std::string& problem);
   static bool writeDocument(const Contents& contents, const std::string& latest,
                             std::string& document);
   static void writeSelection(SaxWriterIfc& writer, const std::string& key, const CCacheEntry& entry,

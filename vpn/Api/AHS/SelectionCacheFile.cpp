@@ -17,6 +17,10 @@ namespace {
 /// flush are all served in this time.
 constexpr std::chrono::milliseconds LockPatience{2000};
 
+/// How often a job begins when the lock is removed under it. Whoever cleans up does it now and
+/// then.
+constexpr int WriteAttempts = 5;
+
 constexpr const char* InMemoryOnly = "; the selection cache is kept in memory only";
 constexpr const char* NotKept = "selection not kept in the cache file: ";
 
@@ -33,7 +37,16 @@ static_assert(CacheDocument::MaxEntries == CSelectionCache::MaxEntries,
 CSelectionCache::Found CSelectionCache::readFile(CStateFile& file, Contents& contents,
                                                  std::string& problem) {
   std::string text;
-  switch (file.read(text, problem)) {
+  const CStateFile::Content content = file.read(text, problem);
+  return understand(file, content, text, contents, problem);
+}
+
+/// What a text is that has been read, or why there is none.
+CSelectionCache::Found CSelectionCache::understand(const CStateFile& file,
+                                                   CStateFile::Content content,
+                                                   const std::string& text, Contents& contents,
+                                                   std::string& problem) {
+  switch (content) {
     case CStateFile::Content::Unchanged:
       return Found::Unchanged;
     case CStateFile::Content::Refused:
@@ -60,43 +73,63 @@ CSelectionCache::Found CSelectionCache::readFile(CStateFile& file, Contents& con
 
 CCacheWriter::Outcome CSelectionCache::writeFile(const Batch& batch) {
   CCacheWriter::Outcome outcome;
+  bool isLockLost = true;
+  for (int i = 0; i < WriteAttempts && isLockLost; ++i) {
+    outcome = writeOnce(batch, isLockLost);
+  }
+  return outcome;
+}
+
+/// @param isLockLost receives whether another process may have written at the same time, so that
+/// all has to be read again.
+CCacheWriter::Outcome CSelectionCache::writeOnce(const Batch& batch, bool& isLockLost) {
+  isLockLost = false;
+  CCacheWriter::Outcome outcome;
   outcome.status = HEADENDSELECTION_ERROR_CACHE_FAILURE;
   CStateFile file(batch.path, MaxFileSize);
+  CStateFile::Lock fileLock(file, LockPatience);
+  if (fileLock.state() != CStateFile::Locking::Held) {
+    outcome.problem = NotKept + fileLock.problem();
+    return outcome;
+  }
+  Contents contents;
+  std::string text;
+  const CStateFile::Content content = file.read(fileLock, text, outcome.problem);
+  const Found found = understand(file, content, text, contents, outcome.problem);
+  if (found == Found::Refused || found == Found::Newer) {
+    return outcome;
+  }
+  if (found != Found::Selections && batch.mine.entries.empty()) {
+    outcome.status = HEADENDSELECTION_SUCCESS;  // what was used has been cleared
+    return outcome;
+  }
+  merge(contents, batch.mine);
+  trim(contents.entries, contents.uses, batch.latest, batch.clearCache);
+  std::string document;
+  if (!writeDocument(contents, batch.latest, document)) {
+    outcome.problem = std::string(NotKept) + "its text could not be built";
+    return outcome;
+  }
+  if (found == Found::Wrong) {
+    file.keepAside(fileLock);
+  }
   std::string problem;
-  {
-    const CStateFile::Lock fileLock(file, LockPatience);
-    if (fileLock.state() != CStateFile::Locking::Held) {
-      outcome.problem = NotKept + fileLock.problem();
-      return outcome;
-    }
-    Contents contents;
-    const Found found = readFile(file, contents, outcome.problem);
-    if (found == Found::Refused || found == Found::Newer) {
-      return outcome;
-    }
-    if (found != Found::Selections && batch.mine.entries.empty()) {
-      outcome.status = HEADENDSELECTION_SUCCESS;  // what was used has been cleared
-      return outcome;
-    }
-    merge(contents, batch.mine);
-    trim(contents.entries, contents.uses, batch.latest, batch.clearCache);
-    std::string document;
-    if (!writeDocument(contents, batch.latest, document)) {
-      outcome.problem = std::string(NotKept) + "its text could not be built";
-      return outcome;
-    }
-    if (found == Found::Wrong) {
-      file.keepAside();
-    }
-    if (!file.replace(document, problem)) {
+  switch (file.replace(fileLock, document, problem)) {
+    case CStateFile::Replacing::Failed:
       outcome.problem = NotKept + problem;
       return outcome;
-    }
+    case CStateFile::Replacing::LockLost:
+      isLockLost = true;
+      outcome.problem = NotKept + batch.path + " is locked by nobody for long";
+      return outcome;
+    case CStateFile::Replacing::Done:
+      break;
   }
-  outcome.status = HEADENDSELECTION_SUCCESS;
   // The new file is in place for everyone; that it also outlives a power failure now need not keep
   // other processes waiting.
-  if (!file.syncDirectory(problem)) {
+  fileLock.release();
+  outcome.status = HEADENDSELECTION_SUCCESS;
+  if (!file.syncDirectory(fileLock, problem)) {
     outcome.problem = problem;
   }
   return outcome;

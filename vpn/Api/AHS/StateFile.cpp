@@ -1,22 +1,33 @@
 // A file shared by the processes of one user. It is replaced by renaming a complete and flushed new
 // file over it and is never written in place, so that no reader ever needs the lock. Only one
-// process at a time builds a new file, because it holds the lock: its name can be a fixed one, and
-// a process that is killed leaves at most that one file behind.
+// process at a time builds a new file, because it holds the lock. Should somebody remove the lock
+// file under its holder, two may do so: hence a text under way has a name of its own, and the
+// holder looks whether the lock is still the one that counts, before and after it has replaced the
+// file.
+//
+// Every name is looked up in a directory that is open and was found to be nobody else's, along with
+// all that leads to it.
 
 #include "vpn/Api/AHS/StateFile.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <iterator>
+#include <cstdint>
+#include <memory>
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace {
+
+using FileTrust::Descriptor;
 
 /// Pause between two attempts to take the lock. It is held for a flush to disk, a few milliseconds.
 constexpr std::chrono::milliseconds LockRetryPause{1};
@@ -25,59 +36,32 @@ constexpr mode_t FileMode = 0600;
 constexpr mode_t DirectoryMode = 0700;
 constexpr std::size_t ReadSize = std::size_t{64} * 1024;
 
-/// A file descriptor that is closed at the end of its scope.
-class CDescriptor {
- public:
-  explicit CDescriptor(int descriptor) : m_descriptor(descriptor) {}
-  ~CDescriptor() {
-    if (m_descriptor >= 0) {
-      close(m_descriptor);
-    }
-  }
-  CDescriptor(const CDescriptor&) = delete;
-  CDescriptor& operator=(const CDescriptor&) = delete;
+constexpr const char* LockSuffix = ".lock";
+constexpr const char* CorruptSuffix = ".corrupt";
+/// Followed by digits of chance.
+constexpr const char* NewSuffix = ".new";
+/// A name that is taken is as rare as a guess of 64 bits, and a second one is none.
+constexpr int NameAttempts = 3;
 
-  int get() const { return m_descriptor; }
-  bool isOpen() const { return m_descriptor >= 0; }
-
- private:
-  const int m_descriptor;
-};
-
-std::string failure(const std::string& what, const std::string& path) {
-  const int error = errno;
+std::string failure(const std::string& what, const std::string& path, int error) {
   return "cannot " + what + " " + path + ": " + std::system_category().message(error);
 }
 
 std::string directoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
+  std::size_t end = path.rfind('/');
+  if (end == std::string::npos) {
     return ".";
   }
-  return path.substr(0, std::max<std::size_t>(slash, 1));
+  while (end > 0 && path[end - 1] == '/') {
+    --end;
+  }
+  return path.substr(0, std::max<std::size_t>(end, 1));
 }
 
-/// Creates the missing ones among a directory and its parents. What fails here shows when the
-/// directory is used.
-void createDirectories(const std::string& directory) {
-  struct stat status {};
-  if (stat(directory.c_str(), &status) == 0) {
-    return;
-  }
-  for (std::size_t end = directory.find('/', 1); end != std::string::npos;
-       end = directory.find('/', end + 1)) {
-    mkdir(directory.substr(0, end).c_str(), DirectoryMode);
-  }
-  mkdir(directory.c_str(), DirectoryMode);
-}
+std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-/// Why there must be no files in a directory; empty if there may, or if it cannot be told, which
-/// shows when the directory is used.
-std::string findDistrustOfDirectory(const std::string& directory) {
-  struct stat status {};
-  if (stat(directory.c_str(), &status) != 0) {
-    return "";
-  }
+/// Why there must be no files in a directory; empty if there may.
+std::string findDistrustOfDirectory(const std::string& directory, const struct stat& status) {
   if (status.st_uid != geteuid() && status.st_uid != 0) {
     return "the directory " + directory + " belongs to another user";
   }
@@ -87,6 +71,75 @@ std::string findDistrustOfDirectory(const std::string& directory) {
            " can be written by other users (mend it with chmod go-w)";
   }
   return "";
+}
+
+/// What FileTrust says against a directory, without the option that waives it for profiles.
+std::string asProblem(const std::string& directory, const FileTrust::Refusal& refusal) {
+  return "the directory " + directory + " " +
+         refusal.text.substr(0, refusal.text.rfind(", or read"));
+}
+
+/// Opens a directory that nobody else can write or exchange.
+/// @param error the system's when it cannot be opened, 0 when it is not trusted.
+bool openDirectory(const std::string& path, Descriptor& directory, int& error,
+                   std::string& problem) {
+  struct stat status {};
+  // The directory itself first: what leads to it is trusted more easily.
+  if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    problem = findDistrustOfDirectory(path, status);
+    if (!problem.empty()) {
+      error = 0;
+      return false;
+    }
+  }
+  FileTrust::Refusal refusal;
+  if (!FileTrust::openDirectory(path, FileTrust::Check::Strict, directory, refusal)) {
+    error = refusal.error;
+    problem = asProblem(path, refusal);
+    return false;
+  }
+  if (fstat(directory.get(), &status) != 0) {
+    error = errno;
+    problem = failure("look at", path, error);
+    return false;
+  }
+  error = 0;
+  problem = findDistrustOfDirectory(path, status);
+  return problem.empty();
+}
+
+/// Goes on to a directory inside `directory`, and makes it where it is missing.
+bool enter(const std::string& path, Descriptor& directory, std::string& problem) {
+  if (mkdirat(directory.get(), nameOf(path).c_str(), DirectoryMode) != 0 && errno != EEXIST) {
+    problem = failure("create", path, errno);
+    return false;
+  }
+  FileTrust::Refusal refusal;
+  if (!FileTrust::openDirectory(path, FileTrust::Check::Strict, directory, refusal)) {
+    problem = asProblem(path, refusal);
+    return false;
+  }
+  return true;
+}
+
+/// Opens a directory like openDirectory; makes it and those that lead to it where they are missing.
+bool makeDirectory(const std::string& path, Descriptor& directory, std::string& problem) {
+  std::vector<std::string> missing;
+  std::string place = path;
+  FileTrust::Refusal refusal;
+  // From the end on: on the way there may be directories that may be passed but not read.
+  while (!FileTrust::openDirectory(place, FileTrust::Check::Strict, directory, refusal) &&
+         refusal.error == ENOENT && place != "/" && place != ".") {
+    missing.push_back(place);
+    place = directoryOf(place);
+  }
+  for (; directory.get() >= 0 && !missing.empty(); missing.pop_back()) {
+    if (!enter(missing.back(), directory, problem)) {
+      return false;
+    }
+  }
+  int error = 0;
+  return openDirectory(path, directory, error, problem);
 }
 
 bool writeAll(int descriptor, const std::string& text) {
@@ -100,6 +153,108 @@ bool writeAll(int descriptor, const std::string& text) {
     }
   }
   return true;
+}
+
+bool isSameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+/// A name for a text under way that no other process has.
+std::string chooseName(const std::string& name) {
+  constexpr const char* Digits = "0123456789abcdef";
+  std::uint64_t chance = 0;
+  // Without chance, which a kernel that is up never lacks, the name is merely taken more often.
+  static_cast<void>(getrandom(&chance, sizeof chance, GRND_NONBLOCK) == sizeof chance);
+  std::string chosen = name + NewSuffix + "-";
+  for (unsigned int shift = 0; shift < 64; shift += 4) {
+    chosen += Digits[(chance >> shift) & 0xfU];
+  }
+  return chosen;
+}
+
+/// The text under way, in a file that is locked while its process lives: so whoever finds one that
+/// is not knows that nobody will come back for it.
+class CNewFile {
+ public:
+  CNewFile(int directory, const std::string& name) : m_directory(directory) {
+    for (int i = 0; i < NameAttempts && m_file.get() < 0; ++i) {
+      m_name = chooseName(name);
+      m_file = Descriptor(openat(directory, m_name.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, FileMode));
+    }
+    m_isThere = m_file.get() >= 0;
+    if (m_isThere) {
+      // Where there are no locks, the file is taken for a leftover at worst, and missed by
+      // `rename`.
+      static_cast<void>(flock(m_file.get(), LOCK_EX | LOCK_NB));
+    }
+  }
+  ~CNewFile() {
+    if (m_isThere) {
+      unlinkat(m_directory, m_name.c_str(), 0);
+    }
+    if (m_file.get() >= 0) {
+      // Closing alone is not enough: a child that the host forked meanwhile shares the lock.
+      flock(m_file.get(), LOCK_UN);
+    }
+  }
+  CNewFile(const CNewFile&) = delete;
+  CNewFile& operator=(const CNewFile&) = delete;
+
+  bool isOpen() const { return m_file.get() >= 0; }
+  const std::string& name() const { return m_name; }
+  bool write(const std::string& text) const {
+    return writeAll(m_file.get(), text) && fsync(m_file.get()) == 0;
+  }
+  bool renameTo(const std::string& name) {
+    m_isThere = renameat(m_directory, m_name.c_str(), m_directory, name.c_str()) != 0;
+    return !m_isThere;
+  }
+
+ private:
+  const int m_directory;
+  std::string m_name;
+  Descriptor m_file;
+  bool m_isThere = false;
+};
+
+/// The names of the texts under way, dead or alive.
+std::vector<std::string> listNew(int directory, const std::string& name) {
+  std::vector<std::string> names;
+  // A descriptor of its own: reading moves its place.
+  Descriptor own(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const auto closeDirectory = [](DIR* opened) { closedir(opened); };
+  const std::unique_ptr<DIR, decltype(closeDirectory)> listed(fdopendir(own.get()));
+  if (listed == nullptr) {
+    return names;
+  }
+  static_cast<void>(own.release());
+  const std::string prefix = name + NewSuffix;
+  while (const dirent* const item = readdir(listed.get())) {  // NOLINT(concurrency-mt-unsafe)
+    const std::string found = item->d_name;
+    if (found == prefix || found.starts_with(prefix + "-")) {
+      names.push_back(found);
+    }
+  }
+  return names;
+}
+
+/// Removes what killed processes have left behind.
+void removeLeftovers(int directory, const std::string& name) {
+  for (const std::string& found : listNew(directory, name)) {
+    struct stat status {};
+    if (fstatat(directory, found.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      continue;
+    }
+    if (S_ISREG(status.st_mode)) {
+      const Descriptor file(openat(directory, found.c_str(),
+                                   O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+      if (file.get() >= 0 && flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        continue;  // its process lives
+      }
+    }
+    unlinkat(directory, found.c_str(), 0);
+  }
 }
 
 }  // namespace
@@ -116,6 +271,8 @@ bool CStateFile::same(const Version& a, const Version& b) {
          a.modified.tv_sec == b.modified.tv_sec && a.modified.tv_nsec == b.modified.tv_nsec &&
          a.changed.tv_sec == b.changed.tv_sec && a.changed.tv_nsec == b.changed.tv_nsec;
 }
+
+std::string CStateFile::name() const { return nameOf(m_path); }
 
 /// Why a file must not be read; empty if it may.
 std::string CStateFile::findDistrust(const struct stat& status) const {
@@ -145,7 +302,7 @@ bool CStateFile::readAll(int descriptor, std::string& text, std::string& problem
       continue;
     }
     if (count < 0) {
-      problem = failure("read", m_path);
+      problem = failure("read", m_path, errno);
       return false;
     }
     used += static_cast<std::size_t>(count);
@@ -161,31 +318,46 @@ bool CStateFile::readAll(int descriptor, std::string& text, std::string& problem
 }
 
 CStateFile::Content CStateFile::read(std::string& text, std::string& problem) {
+  Descriptor directory;
+  int error = 0;
+  if (openDirectory(directoryOf(m_path), directory, error, problem)) {
+    return readIn(directory.get(), text, problem);
+  }
+  if (error == ENOENT || error == ENOTDIR) {
+    problem.clear();
+    forget();
+    return Content::Missing;
+  }
+  return Content::Refused;
+}
+
+CStateFile::Content CStateFile::read(const Lock& lock, std::string& text, std::string& problem) {
+  return readIn(lock.m_directory.get(), text, problem);
+}
+
+CStateFile::Content CStateFile::readIn(int directory, std::string& text, std::string& problem) {
   struct stat status {};
-  if (lstat(m_path.c_str(), &status) != 0) {
-    if (errno == ENOENT || errno == ENOTDIR) {
+  if (fstatat(directory, name().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT) {
       forget();
       return Content::Missing;
     }
-    problem = failure("look at", m_path);
+    problem = failure("look at", m_path, errno);
     return Content::Refused;
   }
   // Looked at before it is opened, because opening a device or a FIFO can have effects of its own;
   // looked at again once it is open, because it may have been exchanged in between.
-  problem = findDistrustOfDirectory(directoryOf(m_path));
-  if (problem.empty()) {
-    problem = findDistrust(status);
-  }
+  problem = findDistrust(status);
   if (!problem.empty()) {
     return Content::Refused;
   }
   if (same(versionOf(status), m_version)) {
     return Content::Unchanged;
   }
-  const CDescriptor file(
-      open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
-  if (!file.isOpen() || fstat(file.get(), &status) != 0) {
-    problem = failure("open", m_path);
+  const Descriptor file(
+      openat(directory, name().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+  if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+    problem = failure("open", m_path, errno);
     return Content::Refused;
   }
   problem = findDistrust(status);
@@ -198,73 +370,64 @@ CStateFile::Content CStateFile::read(std::string& text, std::string& problem) {
 
 void CStateFile::forget() { m_version = Version(); }
 
-/// Writes the text under way to its own name and flushes it. A failure leaves no file.
-bool CStateFile::writeNew(const std::string& text, std::string& problem) {
-  const std::string path = m_path + ".new";
-  unlink(path.c_str());
-  const CDescriptor file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, FileMode));
+CStateFile::Replacing CStateFile::replace(const Lock& lock, const std::string& text,
+                                          std::string& problem) {
+  const int directory = lock.m_directory.get();
+  const std::string prefix = directoryOf(m_path) + "/";
+  removeLeftovers(directory, name());
+  CNewFile file(directory, name());
   if (!file.isOpen()) {
-    problem = failure("create", path);
-    return false;
+    problem = failure("create", prefix + file.name(), errno);
+    return Replacing::Failed;
   }
-  if (!writeAll(file.get(), text) || fsync(file.get()) != 0) {
-    problem = failure("write", path);
-    unlink(path.c_str());
-    return false;
+  if (!file.write(text)) {
+    problem = failure("write", prefix + file.name(), errno);
+    return Replacing::Failed;
   }
-  return true;
-}
-
-bool CStateFile::replace(const std::string& text, std::string& problem) {
-  const std::string path = m_path + ".new";
-  if (!writeNew(text, problem)) {
-    return false;
+  if (!lock.isInPlace()) {
+    return Replacing::LockLost;
   }
-  if (rename(path.c_str(), m_path.c_str()) != 0) {
-    problem = failure("replace", m_path);
-    unlink(path.c_str());
-    return false;
+  if (!file.renameTo(name())) {
+    problem = failure("replace", m_path, errno);
+    // Only somebody who does not know of this process removes what it is about to rename.
+    return lock.isInPlace() ? Replacing::Failed : Replacing::LockLost;
   }
   struct stat status {};
-  if (lstat(m_path.c_str(), &status) == 0) {
+  if (fstatat(directory, name().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
     m_version = versionOf(status);
   } else {
     forget();
   }
-  return true;
+  // Another process may have begun with the old file and finish with it: then once more.
+  return lock.isInPlace() ? Replacing::Done : Replacing::LockLost;
 }
 
-bool CStateFile::syncDirectory(std::string& problem) {
-  const std::string directory = directoryOf(m_path);
-  const CDescriptor descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+bool CStateFile::syncDirectory(const Lock& lock, std::string& problem) {
   // EINVAL: a file system that has nothing to flush for a directory.
-  if (descriptor.isOpen() && (fsync(descriptor.get()) == 0 || errno == EINVAL)) {
+  if (fsync(lock.m_directory.get()) == 0 || errno == EINVAL) {
     return true;
   }
-  problem = failure("flush", directory);
+  problem = failure("flush", directoryOf(m_path), errno);
   return false;
 }
 
-void CStateFile::keepAside() {
+void CStateFile::keepAside(const Lock& lock) {
+  const int directory = lock.m_directory.get();
   // link(2) never replaces an existing name, so what is kept is the first corrupt file. Where it
   // fails for another reason there is no file to diagnose, which is no reason not to store.
-  static_cast<void>(!link(m_path.c_str(), (m_path + ".corrupt").c_str()));
+  static_cast<void>(
+      !linkat(directory, name().c_str(), directory, (name() + CorruptSuffix).c_str(), 0));
 }
 
-namespace {
-
-/// What there may be besides the lock.
-constexpr const char* Suffixes[] = {"", ".new", ".corrupt"};
-
-}  // namespace
-
-bool CStateFile::remove(std::string& problem) {
+bool CStateFile::remove(const Lock& lock, std::string& problem) {
+  const int directory = lock.m_directory.get();
+  std::vector<std::string> names = listNew(directory, name());
+  names.push_back(name());
+  names.push_back(name() + CorruptSuffix);
   bool isGone = true;
-  for (const char* const suffix : Suffixes) {
-    const std::string path = m_path + suffix;
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-      problem = failure("remove", path);
+  for (const std::string& item : names) {
+    if (unlinkat(directory, item.c_str(), 0) != 0 && errno != ENOENT) {
+      problem = failure("remove", directoryOf(m_path) + "/" + item, errno);
       isGone = false;
     }
   }
@@ -273,44 +436,81 @@ bool CStateFile::remove(std::string& problem) {
 }
 
 bool CStateFile::isThere() const {
-  return std::any_of(std::begin(Suffixes), std::end(Suffixes), [this](const char* suffix) {
+  const auto exists = [this](const char* suffix) {
     struct stat status {};
     return lstat((m_path + suffix).c_str(), &status) == 0;
-  });
+  };
+  if (exists("") || exists(CorruptSuffix)) {
+    return true;
+  }
+  const Descriptor directory(open(directoryOf(m_path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return directory.get() >= 0 && !listNew(directory.get(), name()).empty();
+}
+
+bool CStateFile::isRemovable() const {
+  Descriptor directory;
+  int error = 0;
+  std::string problem;
+  struct stat status {};
+  return openDirectory(directoryOf(m_path), directory, error, problem) &&
+         faccessat(directory.get(), ".", W_OK | X_OK, AT_EACCESS) == 0 &&
+         fstatat(directory.get(), name().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+         !S_ISDIR(status.st_mode);
 }
 
 CStateFile::Lock::Lock(const CStateFile& file, std::chrono::milliseconds patience)
-    : m_descriptor(-1), m_state(Locking::Failed) {
-  const std::string directory = directoryOf(file.path());
-  createDirectories(directory);
-  m_problem = findDistrustOfDirectory(directory);
-  if (!m_problem.empty()) {
-    return;
-  }
-  const std::string path = file.path() + ".lock";
-  m_descriptor =
-      open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, FileMode);
-  if (m_descriptor < 0) {
-    m_problem = failure("open", path);
+    : m_path(file.path() + LockSuffix), m_descriptor(-1), m_state(Locking::Failed) {
+  if (!makeDirectory(directoryOf(m_path), m_directory, m_problem)) {
     return;
   }
   const auto end = std::chrono::steady_clock::now() + patience;
-  while (flock(m_descriptor, LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EWOULDBLOCK && errno != EINTR) {
-      m_problem = failure("lock", path);
-      return;
-    }
+  while (!tryToLock()) {
     if (std::chrono::steady_clock::now() >= end) {
       m_state = Locking::Busy;
-      m_problem = path + " is held by another process";
+      m_problem = m_path + " is held by another process";
       return;
     }
     std::this_thread::sleep_for(LockRetryPause);
   }
-  m_state = Locking::Held;
+}
+
+/// @return whether it came to an end, good or bad; else another process holds the lock.
+bool CStateFile::Lock::tryToLock() {
+  if (m_descriptor < 0) {
+    m_descriptor = openat(m_directory.get(), nameOf(m_path).c_str(),
+                          O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, FileMode);
+    if (m_descriptor < 0) {
+      m_problem = failure("open", m_path, errno);
+      return true;
+    }
+  }
+  const bool isLocked = flock(m_descriptor, LOCK_EX | LOCK_NB) == 0;
+  if (!isLocked && errno != EWOULDBLOCK && errno != EINTR) {
+    m_problem = failure("lock", m_path, errno);
+    return true;
+  }
+  if (!isInPlace()) {
+    close();  // a lock that nobody else will ask for keeps nobody away
+    return false;
+  }
+  m_state = isLocked ? Locking::Held : m_state;
+  return isLocked;
 }
 
 CStateFile::Lock::~Lock() { release(); }
+
+bool CStateFile::Lock::isInPlace() const {
+  struct stat held {};
+  struct stat found {};
+  return m_descriptor >= 0 && fstat(m_descriptor, &held) == 0 &&
+         fstatat(m_directory.get(), nameOf(m_path).c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+         isSameFile(held, found);
+}
+
+void CStateFile::Lock::close() {
+  ::close(m_descriptor);
+  m_descriptor = -1;
+}
 
 void CStateFile::Lock::release() {
   if (m_descriptor < 0) {
@@ -320,6 +520,5 @@ void CStateFile::Lock::release() {
     // Closing alone is not enough: a child that the host forked meanwhile shares the lock.
     flock(m_descriptor, LOCK_UN);
   }
-  close(m_descriptor);
-  m_descriptor = -1;
+  close();
 }

@@ -9,7 +9,10 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <limits>
+
 #include "cli/ExitStatus.h"
+#include "vpn/Api/ConfigurationText.h"
 
 std::string Console::write(int descriptor, const std::string& text) {
   std::size_t written = 0;
@@ -66,21 +69,5 @@ void Console::note(const std::string& text) {
 }
 
 std::string Console::visible(const std::string& text) {
-  static const char digits[] = "0123456789abcdef";
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0U;
-    const bool isC1 = byte == 0xc2 && next >= 0x80 && next <= 0x9f;
-    if (byte >= 0x20 && byte != 0x7f && !isC1) {
-      result += text[i];
-      continue;
-    }
-    const unsigned int shown = isC1 ? next : byte;
-    result += "\\x";
-    result += digits[shown >> 4U];
-    result += digits[shown & 0xfU];
-    i += isC1 ? 1 : 0;
-  }
-  return result;
+  return ConfigurationText::oneLine(text, std::numeric_limits<std::size_t>::max());
 }

@@ -28,8 +28,9 @@ class Console {
   /// `text` and a line feed on standard error, without the prefix.
   static void note(const std::string& text);
 
-  /// `text` with control characters (C0, DEL, and C1 as UTF-8 encodes it) written as \xNN, so that
-  /// nothing that came from a file or a network can move the cursor or colour a terminal. Line
-  /// feeds count as control characters; other UTF-8 is left as it is.
+  /// `text` with each byte written as \xNN that could pass for something else: of control
+  /// characters, line feeds and tabs among them, of characters that turn the direction of writing
+  /// or separate lines, and of what is not UTF-8. So nothing that came from a file or a network can
+  /// move the cursor, colour a terminal or show a name as another; other UTF-8 is left as it is.
   static std::string visible(const std::string& text);
 };

@@ -1,12 +1,10 @@
 // `ahs profile check` and `ahs profile list`: what is wrong with the files, and what becomes of
 // each host entry. Neither measures anything.
 
-#include <errno.h>
-#include <sys/stat.h>
-
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "cli/Candidates.h"
 #include "cli/Commands.h"
@@ -34,33 +32,42 @@ int complainOfPlace(const std::string& text) {
   return ExitUsage;
 }
 
-// A FIFO or a device is for the reader to refuse, which takes no look at its contents.
-bool isThere(const std::string& place) {
-  struct stat status {};
-  return ::stat(place.c_str(), &status) == 0 || errno != ENOENT;
+int showCheck(const CheckOptions& options, const CheckResult& result) {
+  return Console::writeResult(options.json ? checkJson(result) : checkText(result),
+                              result.problems.empty() ? ExitNoMistakes : ExitMistakes);
+}
+
+int checkWhatASelectionReads(const CheckOptions& options) {
+  SelectOptions files;
+  files.trustProfiles = options.trustProfiles;
+  SelectPlan plan;
+  std::vector<std::string> none;
+  static_cast<void>(makeFilePlan(files, defaultPaths(), plan, none));
+  const std::optional<CheckResult> result = checkSources(plan.sources);
+  if (!result) {
+    Console::complain("the files cannot be read: the machine is short of memory.");
+    return ExitUsage;
+  }
+  if (result->places.empty()) {
+    return complainOfPlace("there is no profile directory: it was looked for in " +
+                           plan.profilePlaces +
+                           "; nor are there preferences. Name a directory or files to check.");
+  }
+  return showCheck(options, *result);
 }
 
 int runCheck(const CheckOptions& options) {
-  std::vector<std::string> places = options.places;
-  if (places.empty()) {
-    SelectPlan plan;
-    std::vector<std::string> none;
-    static_cast<void>(makeFilePlan({}, defaultPaths(), plan, none));
-    if (!isThere(plan.sources.profileDirectory)) {
-      return complainOfPlace("there is no profile directory: it was looked for in " +
-                             plan.profilePlaces + ". Name a directory or files to check.");
-    }
-    places.push_back(plan.sources.profileDirectory);
+  if (options.places.empty()) {
+    return checkWhatASelectionReads(options);
   }
-  for (const std::string& place : places) {
+  for (const std::string& place : options.places) {
     if (!isThere(place)) {
       return complainOfPlace("there is no file or directory '" + Console::visible(place) + "'.");
     }
   }
-  const CheckResult result = checkFiles(
-      places, options.trustProfiles ? FileTrust::Check::Waived : FileTrust::Check::Strict);
-  return Console::writeResult(options.json ? checkJson(result) : checkText(result),
-                              result.problems.empty() ? ExitNoMistakes : ExitMistakes);
+  return showCheck(options,
+                   checkFiles(options.places, options.trustProfiles ? FileTrust::Check::Waived
+                                                                    : FileTrust::Check::Strict));
 }
 
 std::string listText(const std::vector<HostEntry>& entries) {
@@ -107,8 +114,9 @@ void addCheck(CLI::App& profile, ChosenCommand& chosen) {
   const auto options = std::make_shared<CheckOptions>();
   command
       ->add_option("PLACE", options->places,
-                   "Directories of profiles, and files of either kind; the directory that a "
-                   "selection would use unless given")
+                   "Directories of profiles, and files of either kind; unless given, all that a "
+                   "selection would read: the profile directory, the user's preferences and the "
+                   "global ones")
       ->option_text("[DIR|FILE...]");
   command->add_flag("--trust-profiles", options->trustProfiles,
                     "Read files whoever could have written them");

@@ -75,7 +75,10 @@ TEST_F(ProfileCommandTest, CheckFindsNothingInRightFilesOfTheUsualDirectory) {
   writeProfile("b.xml", "", "<host name=\"y\"/><host name=\"z\"/>\n");
   const Outcome outcome = run({"profile", "check"});
   EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_EQ(outcome.out, "2 files, 3 host entries, no mistakes\n");
+  const std::vector<std::string> lines = linesOf(outcome.out);
+  ASSERT_GE(lines.size(), 2U);
+  EXPECT_THAT(lines[0], StartsWith("looked at: " + m_profiles));
+  EXPECT_EQ(lines.back(), "2 files, 3 host entries, no mistakes");
   EXPECT_EQ(outcome.err, "");
 }
 
@@ -86,12 +89,12 @@ TEST_F(ProfileCommandTest, CheckPrintsEveryMistakeWithItsPlaceAndEndsWithOne) {
   const Outcome outcome = run({"profile", "check"});
   EXPECT_EQ(outcome.exitStatus, 1);
   const std::vector<std::string> lines = linesOf(outcome.out);
-  ASSERT_EQ(lines.size(), 4U) << outcome.out;
+  ASSERT_GE(lines.size(), 5U) << outcome.out;
   EXPECT_THAT(lines[0], StartsWith(a + ":3:64: the value \"ture\""));
   EXPECT_THAT(lines[0], HasSubstr("did you mean \"true\"?"));
   EXPECT_THAT(lines[1], StartsWith(a + ":5:16: unknown attribute \"adress\""));
   EXPECT_THAT(lines[2], StartsWith(b + ":7:"));
-  EXPECT_EQ(lines[3], "2 files, 0 host entries, 3 mistakes");
+  EXPECT_EQ(lines.back(), "2 files, 0 host entries, 3 mistakes");
   EXPECT_EQ(outcome.err, "");
 }
 
@@ -111,6 +114,99 @@ TEST_F(ProfileCommandTest, CheckTakesFilesOfEitherKindAndDirectories) {
   EXPECT_EQ(result["problems"][0]["column"], 13);
   EXPECT_THAT(result["problems"][0]["text"].get<std::string>(),
               HasSubstr("did you mean \"SelectionImprovement\"?"));
+}
+
+TEST_F(ProfileCommandTest, CheckWithoutAPlaceLooksAtThePreferencesAsASelectionWould) {
+  writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n");
+  const std::string preferences = m_home.Write(
+      ".config/ahs/preferences.xml",
+      "<preferences version=\"1\">\n<preference name=\"SelectionImprovment\" value=\"5\"/>\n"
+      "<preference name=\"ProxyHost\" value=\"proxy\"/></preferences>");
+  const Outcome outcome = run({"profile", "check"});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_THAT(outcome.out, HasSubstr(preferences + ":2:13: unknown preference"));
+  EXPECT_THAT(outcome.out, HasSubstr(preferences + ":3:1: ProxyHost has no effect in a user's"));
+  EXPECT_THAT(outcome.out, HasSubstr("looked at: " + m_profiles + ", " + preferences));
+  EXPECT_THAT(outcome.out, HasSubstr("2 files, 1 host entry, 2 mistakes\n"));
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_THAT(runJson({"profile", "check"}, 1)["lookedAt"], testing::Contains(preferences));
+}
+
+TEST_F(ProfileCommandTest, CheckSaysWhichPlacesAreNotThere) {
+  writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n");
+  EXPECT_THAT(run({"profile", "check"}).out,
+              HasSubstr("not there: " + m_home.File(".config/ahs/preferences.xml")));
+}
+
+TEST_F(ProfileCommandTest, CheckOfPreferencesAloneNeedsNoProfileDirectory) {
+  std::filesystem::remove(m_profiles);
+  m_home.Write(".config/ahs/preferences.xml", "<preferences version=\"1\"/>");
+  const Outcome outcome = run({"profile", "check"});
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, HasSubstr("no mistakes\n"));
+}
+
+TEST_F(ProfileCommandTest, CheckOfAFileFindsANameThatStandsTwice) {
+  const std::string a =
+      writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n<host name=\"x\"/>\n");
+  const Outcome outcome = run({"profile", "check", a});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_EQ(outcome.out,
+            a + ":6:1: the host entry \"x\" is left out: the name belongs to the entry in " + a +
+                ":5\n1 file, 1 host entry, 1 mistake\n");
+  EXPECT_EQ(run({"profile", "check", m_profiles}).out, outcome.out);
+}
+
+TEST_F(ProfileCommandTest, CheckThatDoesNotListEveryMistakeDoesNotCallThoseListedAll) {
+  std::string hosts;
+  for (int i = 0; i < 1000; ++i) {
+    hosts += "<host/>\n";
+  }
+  const std::string a = writeProfile("a.xml", "value=\"true\"", hosts);
+  const Outcome outcome = run({"profile", "check", a});
+  EXPECT_THAT(outcome.out, HasSubstr("1 file, 0 host entries, more than 99 mistakes\n"));
+  const json result = runJson({"profile", "check", a}, 1);
+  EXPECT_EQ(result["problems"].size(), 99U);
+  EXPECT_EQ(result["problemsAreComplete"], false);
+}
+
+TEST_F(ProfileCommandTest, TheExampleOfTheDocumentationIsAcceptedAndAllThreeTakePart) {
+  const std::string text = tests::readFile(AHS_SOURCE_DIR "/docs/profiles.md");
+  const std::string fence = "```xml\n";
+  const std::size_t begin = text.find(fence) + fence.size();
+  const std::size_t end = text.find("```", begin);
+  ASSERT_LT(begin, end);
+  const std::string profile =
+      m_home.Write(".config/ahs/profiles/europe.xml", text.substr(begin, end - begin));
+  const Outcome check = run({"profile", "check", profile});
+  EXPECT_EQ(check.exitStatus, 0);
+  EXPECT_EQ(check.out, "1 file, 3 host entries, no mistakes\n");
+  const Outcome list = run({"profile", "list"});
+  EXPECT_EQ(list.exitStatus, 0);
+  EXPECT_EQ(list.err, "");
+  // The page shows this very table.
+  EXPECT_THAT(text, HasSubstr("$ ahs profile list\n" + list.out));
+  const json entries = runJson({"profile", "list"}, 0)["hosts"];
+  ASSERT_EQ(entries.size(), 3U);
+  for (const json& entry : entries) {
+    EXPECT_EQ(entry["takesPart"], true) << entry;
+  }
+}
+
+TEST_F(ProfileCommandTest, PreferencesShowWhatTurnsTheDirectionOfWritingAsItsCode) {
+  writeProfile("a\xe2\x80\xae.xml", "value=\"true\"", "");
+  m_home.Write(".config/ahs/profiles/b\xe2\x80\xae.xml",
+               "<profile version=\"1\"><preferences>\n"
+               "<preference name=\"SelectionImprovement\" value=\"10\"/></preferences></profile>");
+  const Outcome outcome = run({"preferences", "show"});
+  EXPECT_THAT(outcome.out, HasSubstr("b\\xe2\\x80\\xae.xml:2"));
+  EXPECT_THAT(outcome.out, Not(HasSubstr("\xe2\x80\xae")));
+}
+
+TEST_F(ProfileCommandTest, AHostOfTheCommandLineThatIsNoUtf8IsShownWithCodes) {
+  const Outcome outcome = run({"select", "gw\xff.example"});
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("the host 'gw\\xff.example' cannot be used"));
 }
 
 TEST_F(ProfileCommandTest, CheckOfAPlaceThatIsNotThereIsAUsageError) {

@@ -233,7 +233,8 @@ const std::string* ConfigurationText::nearest(const std::string& found,
     const std::size_t distance =
         editDistance(CStringUtils::toLower(found), CStringUtils::toLower(candidate));
     const std::size_t tolerated = std::max<std::size_t>(1, candidate.size() / 3);
-    if (distance <= tolerated && distance < bestDistance) {
+    const bool keepsALetter = distance < candidate.size();
+    if (keepsALetter && distance <= tolerated && distance < bestDistance) {
       best = &candidate;
       bestDistance = distance;
     }

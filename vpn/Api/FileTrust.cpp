@@ -82,6 +82,7 @@ std::string findDistrust(const struct stat& status, const std::string& path) {
 struct Place {
   Descriptor directory;  // none: the name is a whole path
   std::string name;
+  std::string path;  // the whole, for messages
 };
 
 /// Goes to the end of one path. Used once.
@@ -132,6 +133,7 @@ bool Walk::goTo(Place& place, struct stat& status) {
       return fail(m_refusal, ENOTDIR);
     }
   }
+  place.path = place.name == "." ? (m_place.empty() ? "/" : m_place) : pathOf(place.name);
   place.directory = std::move(m_directory);
   return place.name != "." || ::fstat(place.directory.get(), &status) == 0 ||
          fail(m_refusal, errno);
@@ -223,8 +225,13 @@ bool open(const Place& place, int flags, const struct stat& expected, Descriptor
   if (opened.get() < 0 || ::fstat(opened.get(), &status) != 0) {
     return fail(refusal, errno);
   }
-  return (status.st_dev == expected.st_dev && status.st_ino == expected.st_ino) ||
-         refuse(refusal, "was replaced while it was opened");
+  if (status.st_dev != expected.st_dev || status.st_ino != expected.st_ino) {
+    return refuse(refusal, "was replaced while it was opened");
+  }
+  // A number alone does not tell the file: what was looked at is closed, and a new file may have
+  // been given the number of one that was removed.
+  const std::string distrust = isChecked ? findDistrust(status, place.path) : std::string();
+  return distrust.empty() || refuse(refusal, distrust);
 }
 
 }  // namespace

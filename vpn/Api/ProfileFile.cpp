@@ -1,7 +1,8 @@
 // Reads profile and preferences files. Nothing in a file is trusted. Its bytes are checked first
-// (size, UTF-8, no endless tag), so that the time the XML parser takes grows with the size alone; a
-// document type ends the parse before an entity can be declared; and each element is put to the
-// schema as it comes. Whatever is found wrong becomes a FileProblem, and the rest is used.
+// (size, UTF-8, no endless tag), and the parse ends when the names in it become too many, so that
+// the time the XML parser takes grows with the size alone; a document type ends it before an entity
+// can be declared; and each element is put to the schema as it comes. Whatever is found wrong
+// becomes a FileProblem, and the rest is used.
 
 #include "vpn/Api/ProfileFile.h"
 
@@ -37,6 +38,10 @@ constexpr std::size_t MaxDepth = 16;
 // No element takes more than three; the rest is not worth a message each.
 constexpr int MaxAttributes = 16;
 
+// Most names of elements, attributes and processing instructions in a file. libxml2 keeps each in a
+// table whose look-ups grow with it; the formats have a dozen.
+constexpr int MaxNames = 1000;
+
 // As much of an element's name as a message shows, in bytes.
 constexpr std::size_t MaxElementLength = 80;
 
@@ -56,17 +61,17 @@ std::string meantText(const std::string* meant, const std::string& open, const s
   return meant != nullptr ? " (did you mean " + open + *meant + close + "?)" : "";
 }
 
-/// "; allowed here: a, b (did you mean a?)", each name between `open` and `close`.
+/// " (did you mean a?); allowed here: a, b", each name between `open` and `close`.
 std::string allowedText(const std::string& found, const std::vector<std::string>& candidates,
                         const std::string& open, const std::string& close) {
   if (candidates.empty()) {
     return "; none is allowed here";
   }
-  std::string text = "; allowed here: ";
+  std::string text = meantText(nearest(found, candidates), open, close) + "; allowed here: ";
   for (const std::string& candidate : candidates) {
     text += (&candidate == candidates.data() ? "" : ", ") + open + candidate + close;
   }
-  return text + meantText(nearest(found, candidates), open, close);
+  return text;
 }
 
 std::vector<std::string> namesOf(const auto& rules) {
@@ -94,9 +99,10 @@ bool isSurelyWrong(const ElementRule::Attribute& allowed, const std::string& val
 /// What a mistake in an attribute costs.
 std::string consequence(const ElementRule& rule, const ElementRule::Attribute* attribute) {
   // With a misspelt address the name would take its place, and be another gateway.
-  return rule.name == "host"                              ? "; the entry is left out"
-         : attribute != nullptr && !attribute->isRequired ? "; it counts as if it were not there"
-                                                          : "";
+  return rule.name == "host"      ? "; the entry is left out"
+         : attribute == nullptr   ? "; it is ignored"
+         : !attribute->isRequired ? "; it counts as if it were not there"
+                                  : "";
 }
 
 /// How an element is to be written.
@@ -198,16 +204,19 @@ class DocumentReader {
                       int attributeCount, int defaultedCount, const xmlChar** attributes);
   static void onEnd(void* user, const xmlChar*, const xmlChar*, const xmlChar*);
   static void onText(void* user, const xmlChar* text, int length);
+  static void onInstruction(void* user, const xmlChar*, const xmlChar*);
   static void onDocumentType(void* user, const xmlChar*, const xmlChar*, const xmlChar*);
   static void onEndOfDocument(void* user);
   static void onError(void* user, xmlErrorPtr error);
 
+  bool hasTooManyNames();
   void start(const std::string& name, const Attributes& attributes);
   void end();
   void text(const std::string& found);
   const ElementRule* findRule(const std::string& name);
   const ElementRule* findRoot(const std::string& name);
   void reportUnknownElement(const std::string& name);
+  std::string abandonHost();
 
   void explain(const ElementRule& rule, const Attributes& attributes);
   void explainMissing(const ElementRule& rule, const ElementRule::Attribute& missing);
@@ -244,6 +253,7 @@ class DocumentReader {
   std::size_t m_tag = 0;                   // where the last tag begins
   std::set<std::string> m_wrong;           // attributes of the last tag that were reported
   std::map<PreferenceId, unsigned int> m_preferenceLines;
+  std::optional<ProfileFile::Host> m_host;  // the open entry, as long as it has no mistake
   bool m_textReported = false;
   bool m_hostsFull = false;
   bool m_refused = false;
@@ -306,6 +316,7 @@ xmlSAXHandler DocumentReader::callbacks() {
   handler.endElementNs = onEnd;
   handler.characters = onText;
   handler.cdataBlock = onText;
+  handler.processingInstruction = onInstruction;
   handler.internalSubset = onDocumentType;
   handler.endDocument = onEndOfDocument;
   handler.serror = onError;
@@ -352,6 +363,9 @@ void DocumentReader::onStart(void* user, const xmlChar* localName, const xmlChar
   guarded(user, [&](DocumentReader& reader) {
     // A "<" stands nowhere in a tag but at its beginning.
     reader.m_tag = reader.m_contents.rfind('<', reader.offset());
+    if (reader.hasTooManyNames()) {
+      return;
+    }
     if (attributeCount > MaxAttributes || namespaceCount > MaxAttributes) {
       reader.refuse(reader.placeOf(""), "an element has more than " +
                                             std::to_string(MaxAttributes) +
@@ -381,6 +395,13 @@ void DocumentReader::onText(void* user, const xmlChar* text, int length) {
   });
 }
 
+void DocumentReader::onInstruction(void* user, const xmlChar*, const xmlChar*) {
+  guarded(user, [](DocumentReader& reader) {
+    reader.m_tag = reader.m_contents.rfind("<?", reader.offset());
+    static_cast<void>(reader.hasTooManyNames());
+  });
+}
+
 void DocumentReader::onDocumentType(void* user, const xmlChar*, const xmlChar*, const xmlChar*) {
   guarded(user, [](DocumentReader& reader) {
     reader.refuse(reader.m_places->placeOf(reader.m_contents.rfind("<!DOCTYPE", reader.offset())),
@@ -402,6 +423,16 @@ void DocumentReader::onError(void* user, xmlErrorPtr error) {
     }
     reader.refuse(reader.m_places->placeOf(reader.offset()), xmlProblem(*error));
   });
+}
+
+bool DocumentReader::hasTooManyNames() {
+  if (xmlDictSize(m_context->dict) <= MaxNames) {
+    return false;
+  }
+  refuse(placeOf(""),
+         "there are more than " + std::to_string(MaxNames) +
+             " different names of elements, attributes and <? ?> in it, the most that is allowed");
+  return true;
 }
 
 void DocumentReader::start(const std::string& name, const Attributes& attributes) {
@@ -434,6 +465,10 @@ void DocumentReader::start(const std::string& name, const Attributes& attributes
 void DocumentReader::end() {
   if (m_open.back() != nullptr) {
     m_validator->end(*m_open.back());
+    if (m_host) {  // nothing that could be open within it is known
+      takeHost(*m_host);
+      m_host.reset();
+    }
   }
   m_open.pop_back();
   m_textReported = false;
@@ -451,8 +486,10 @@ void DocumentReader::text(const std::string& found) {
   if (begin >= end) {  // the text is a <![CDATA[...]]>
     begin = m_contents.rfind('<', end - 1);
   }
-  report(m_places->placeOf(begin),
-         "text inside <" + m_open.back()->name + "> is ignored: " + quoted(trimmed(found)));
+  const std::string& element = m_open.back()->name;
+  report(m_places->placeOf(begin), "text inside <" + element +
+                                       "> is ignored: " + quoted(trimmed(found)) +
+                                       (element == "host" ? abandonHost() : ""));
 }
 
 const ElementRule* DocumentReader::findRule(const std::string& name) {
@@ -481,8 +518,13 @@ const ElementRule* DocumentReader::findRoot(const std::string& name) {
 void DocumentReader::reportUnknownElement(const std::string& name) {
   const std::string found = "<" + oneLine(name, MaxElementLength) + ">";
   if (!m_open.empty()) {
-    report(placeOf(""), "unknown element " + found + " inside <" + m_open.back()->name + ">" +
-                            allowedText(name, namesOf(m_open.back()->children), "<", ">"));
+    const ElementRule& parent = *m_open.back();
+    const bool isAttribute = ruleOf(parent, name) != nullptr;
+    report(placeOf(""), "unknown element " + found + " inside <" + parent.name +
+                            "> is passed over" +
+                            (isAttribute ? "; write it as an attribute, " + name + "=\"...\""
+                                         : allowedText(name, namesOf(parent.children), "<", ">")) +
+                            (parent.name == "host" ? abandonHost() : ""));
     return;
   }
   std::vector<std::string> allowed;
@@ -558,7 +600,8 @@ void DocumentReader::explainPreferenceName(const std::vector<std::string>& allow
          isElsewhere
              ? "the preference " + quoted(name) + " has no effect here, it belongs in " +
                    (m_format == ConfigurationKind::Profile ? "a preferences file" : "a profile")
-             : "unknown preference " + quoted(name) + allowedText(name, allowed, "\"", "\""));
+             : "unknown preference " + quoted(name) + " is ignored" +
+                   allowedText(name, allowed, "\"", "\""));
 }
 
 // ---- What the entries say ---------------------------------------------------------------------
@@ -598,9 +641,12 @@ bool DocumentReader::checkValue(const PreferenceBase::Definition& definition,
   for (const char* const* allowed = definition.words; *allowed != nullptr; ++allowed) {
     words.emplace_back(*allowed);
   }
-  report(placeOf("value"), "the value " + quoted(value) + " of " + definition.name + " " +
-                               oneLine(error, MaxSentenceLength) +
-                               meantText(nearest(value, words), "\"", "\""));
+  const std::string cost = definition.checkedByReader
+                               ? std::string("it counts as \"") + definition.defaultValue + "\""
+                               : "it is left out";
+  report(placeOf("value"), "the value " + quoted(value) + " of " + definition.name +
+                               meantText(nearest(value, words), "\"", "\"") + " " +
+                               oneLine(error, MaxSentenceLength) + "; " + cost);
   return definition.checkedByReader;
 }
 
@@ -615,12 +661,22 @@ void DocumentReader::readHost(const Attributes& attributes) {
   }
   const HostError error = findHostError(name, address);
   if (error.text.empty()) {
-    takeHost(host);
+    m_host = host;  // taken at its end, if nothing wrong is inside
     return;
   }
   report(placeOf(error.attribute),
          "the host entry " + quoted(name) + " is left out: " + error.text);
   leaveOut(host, error.text);
+}
+
+/// Leaves the open entry out for what is inside it: where somebody has written the address there,
+/// the name would take its place, and be another gateway.
+std::string DocumentReader::abandonHost() {
+  if (m_host) {
+    leaveOut(*m_host, "it has a mistake");
+    m_host.reset();
+  }
+  return "; the entry is left out";
 }
 
 void DocumentReader::leaveOut(const ProfileFile::Host& host, const std::string& reason) {
@@ -677,7 +733,7 @@ void DocumentReader::report(Place place, const std::string& text) {
     m_problems.push_back({m_path, place.line, place.column, text});
   } else if (m_problemCount == MaxProblemsPerFile) {
     m_problems.push_back(
-        {m_path, place.line, place.column, "the problems from here on are not listed"});
+        {m_path, place.line, place.column, "the problems from here on are not listed", true});
   }
 }
 

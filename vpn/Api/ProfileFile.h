@@ -13,6 +13,7 @@ struct FileProblem {
   unsigned int line = 0;    ///< from 1; 0: the file as a whole
   unsigned int column = 0;  ///< from 1, in characters; a tab is one
   std::string text;         ///< what was found and what is allowed
+  bool endsList = false;    ///< no problem itself: says that there are more, which are not listed
 
   /// "file:line:column: text" in one line, "file: text" for the file as a whole.
   std::string toString() const;

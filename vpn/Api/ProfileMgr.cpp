@@ -68,10 +68,12 @@ std::string pathText(const std::string& path) {
   return ConfigurationText::oneLine(path, maxLength);
 }
 
-std::size_t sizeOf(const std::string& path) {
+/// How many bytes of a file are read; one that is too large is refused unread.
+std::size_t readSizeOf(const std::string& path) {
   struct stat status = {};
-  const bool regular = ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-  return regular ? static_cast<std::size_t>(status.st_size) : 0;
+  const bool isRead = ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+                      status.st_size <= static_cast<off_t>(MaxConfigurationFileSize);
+  return isRead ? static_cast<std::size_t>(status.st_size) : 0;
 }
 
 }  // namespace
@@ -112,7 +114,7 @@ void ProfileMgr::loadFiles(const std::string& directory, const std::set<std::str
   std::size_t totalSize = 0;
   for (const std::string& name : names) {
     const std::string path = directory + "/" + name;
-    totalSize += sizeOf(path);
+    totalSize += readSizeOf(path);
     if (totalSize > MaxTotalSize) {
       report({path, 0, 0,
               "this profile and those after it are not read: together the profiles are larger "
@@ -262,8 +264,8 @@ void ProfileMgr::report(const FileProblem& problem) {
   if (m_problems.size() + 1 < MaxProblems) {
     m_problems.push_back(problem);
   } else if (m_problems.size() < MaxProblems) {
-    m_problems.push_back(
-        {problem.file, problem.line, problem.column, "the problems from here on are not listed"});
+    m_problems.push_back({problem.file, problem.line, problem.column,
+                          "the problems from here on are not listed", true});
   }
 }
 

@@ -51,6 +51,11 @@ class ProfileMgr {
   /// and left out.
   void addAddresses(const std::string& profileName, const std::vector<std::string>& addresses);
 
+  /// Adds a profile that was read already. A name that is there, of a profile or of a host entry,
+  /// is reported and left out.
+  void addProfile(const std::string& profileName, const std::string& path,
+                  const ProfileFile& profile);
+
   /// Profile name to what the profile sets.
   const std::map<std::string, HostInitSettings*>& getFileInitMap() const;
 
@@ -83,8 +88,6 @@ class ProfileMgr {
  private:
   void loadFiles(const std::string& directory, const std::set<std::string>& names);
   void loadFile(const std::string& path, const std::string& profileName);
-  void addProfile(const std::string& profileName, const std::string& path,
-                  const ProfileFile& profile);
   void addHost(const std::string& profileName, const std::string& path,
                const ProfileFile::Host& host);
   void leaveOut(const std::string& profileName, const std::string& path,

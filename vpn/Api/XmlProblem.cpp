@@ -31,7 +31,9 @@ constexpr std::array Sentences = {
     Sentence{XML_ERR_LT_IN_ATTRIBUTE,
              "\"<\" stands in a value; the closing quotation mark before it is missing, or it has "
              "to be written as &lt;"},
-    Sentence{XML_ERR_SPACE_REQUIRED, "a blank is missing"},
+    Sentence{XML_ERR_SPACE_REQUIRED,
+             "a blank is missing; probably a quotation mark before this place is missing or "
+             "surplus"},
     Sentence{XML_ERR_GT_REQUIRED,
              "the \">\" at the end of a tag is missing, or what stands there "
              "is no attribute"},

@@ -1,5 +1,6 @@
-// A file that changes in the middle of its being read: the double of read(2) changes it when the
-// reader has just had its first bytes.
+// A file that changes in the middle of its being read, or just before it is opened: the double of
+// read(2) changes it when the reader has just had its first bytes, that of openat(2) when it has
+// been looked at.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -21,6 +22,9 @@ namespace {
 
 // What happens after a reading of bytes. One thread only.
 std::function<void()>* g_afterRead = nullptr;
+
+// What happens before an opening for reading. One thread only.
+std::function<void()>* g_beforeOpening = nullptr;
 
 /// Calls a function after each of the first `times` reads that bring something.
 class Meanwhile {
@@ -74,6 +78,35 @@ extern "C" ssize_t __wrap_read(int descriptor, void* buffer, std::size_t size) {
     (*g_afterRead)();
   }
   return count;
+}
+
+extern "C" int __real_openat(int directory, const char* path, int flags, ...);
+extern "C" int __wrap_openat(int directory, const char* path, int flags, ...) {
+  // Nothing under test makes a file, which would take a mode.
+  if ((flags & O_PATH) == 0 && g_beforeOpening != nullptr) {
+    (*g_beforeOpening)();
+  }
+  return __real_openat(directory, path, flags);
+}
+
+TEST_F(ChangingFileTest, OneThatOthersMayWriteByTheTimeItIsOpenedIsRefused) {
+  std::function<void()> change = [this] { ASSERT_EQ(::chmod(m_path.c_str(), 0666), 0); };
+  g_beforeOpening = &change;
+  const ProfileReading reading = tests::readProfile(m_path);
+  g_beforeOpening = nullptr;
+  EXPECT_FALSE(reading.usable);
+  EXPECT_THAT(reading.problems,
+              ElementsAre(ProblemAt(0, Pieces{m_path + " may be written by every user"})));
+}
+
+TEST_F(ChangingFileTest, OneThatIsReplacedByTheTimeItIsOpenedIsRefused) {
+  const std::string other = m_directory.Write("other", profileWithHosts("<host name=\"after\"/>"));
+  std::function<void()> change = [&] { std::filesystem::rename(other, m_path); };
+  g_beforeOpening = &change;
+  const ProfileReading reading = tests::readProfile(m_path);
+  g_beforeOpening = nullptr;
+  EXPECT_FALSE(reading.usable);
+  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(0, Pieces{"was replaced"})));
 }
 
 TEST_F(ChangingFileTest, OneThatGrowsOnceIsReadAgain) {

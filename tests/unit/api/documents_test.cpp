@@ -60,8 +60,8 @@ TEST(Documents, TheExampleProfilesLoadWithoutAProblem) {
   profiles.loadDirectory(Root + "/examples/profiles");
   EXPECT_THAT(profiles.getProblems(), IsEmpty());
   EXPECT_THAT(profiles.getFileInitMap(), ElementsAre(Key("europe"), Key("laboratory")));
-  EXPECT_THAT(profiles.getHostProfileMap(), ElementsAre(Key("Amsterdam"), Key("Laboratory"),
-                                                        Key("Zürich"), Key("gw-par.example.com")));
+  EXPECT_THAT(profiles.getHostProfileMap(),
+              ElementsAre(Key("192.0.2.7"), Key("Amsterdam"), Key("Laboratory"), Key("Zürich")));
 }
 
 TEST(Documents, TheExamplePreferencesLoadWithoutAProblem) {

@@ -37,6 +37,7 @@ class HostileFileTest : public testing::Test {
 };
 
 const Pieces NoDocumentType{"<!DOCTYPE", "file is skipped"};
+const Pieces TooManyNames{"more than 1000 different names", "file is skipped"};
 
 }  // namespace
 
@@ -255,6 +256,54 @@ TEST_F(HostileFileTest, ManyAttributesAreRefused) {
   EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"more than 16 attributes"})));
 }
 
+TEST_F(HostileFileTest, TooManyNamesOfElementsAreRefused) {
+  std::string elements;
+  for (int i = 0; elements.size() < std::size_t{7} * 1024 * 1024; ++i) {
+    elements += "<e" + std::to_string(i) + "/>";
+  }
+  const ProfileReading reading = read(profileText(elements));
+  EXPECT_FALSE(reading.usable);
+  ASSERT_THAT(reading.problems, SizeIs(MaxProblemsPerFile + 1));
+  EXPECT_THAT(reading.problems.back(), ProblemAt(3, TooManyNames));
+}
+
+TEST_F(HostileFileTest, TooManyNamesOfAttributesAreRefused) {
+  std::string elements;
+  for (int i = 0; elements.size() < std::size_t{7} * 1024 * 1024; ++i) {
+    elements += "<preference a" + std::to_string(i) + "=\"\"/>";
+  }
+  const ProfileReading reading = read(profileText("<preferences>" + elements + "</preferences>"));
+  EXPECT_FALSE(reading.usable);
+  EXPECT_THAT(reading.problems.back(), ProblemAt(3, TooManyNames));
+}
+
+TEST_F(HostileFileTest, TooManyNamesOfProcessingInstructionsAreRefusedWhereverTheyStand) {
+  std::string instructions;
+  for (int i = 0; instructions.size() < std::size_t{7} * 1024 * 1024; ++i) {
+    instructions += "<?p" + std::to_string(i) + "?>";
+  }
+  const std::string profile = "<profile version=\"1\"/>\n";
+  for (const std::string& text : {instructions + profile, profile + instructions,
+                                  "<profile version=\"1\">\n" + instructions + "</profile>"}) {
+    const ProfileReading reading = read(text);
+    EXPECT_FALSE(reading.usable);
+    EXPECT_THAT(reading.problems,
+                ElementsAre(testing::Field(&FileProblem::text, HasSubstr(TooManyNames.front()))));
+  }
+}
+
+TEST_F(HostileFileTest, AFewHundredNamesAreNotTooMany) {
+  std::string instructions;
+  for (int i = 0; i < 900; ++i) {
+    instructions += "<?p" + std::to_string(i) + "?>";
+  }
+  const ProfileReading reading = read(
+      instructions +
+      profileWithHosts("<host name=\"a\"/>").substr(std::string("<?xml version=\"1.0\"?>").size()));
+  EXPECT_THAT(reading.problems, IsEmpty());
+  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
+}
+
 TEST_F(HostileFileTest, AThousandMistakesAreToldAHundredTimes) {
   std::string hosts;
   for (int i = 0; i < 1000; ++i) {
@@ -265,6 +314,8 @@ TEST_F(HostileFileTest, AThousandMistakesAreToldAHundredTimes) {
   EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
   ASSERT_THAT(reading.problems, SizeIs(MaxProblemsPerFile));
   EXPECT_THAT(reading.problems.back(), ProblemAt(103, Pieces{"from here on are not listed"}));
+  EXPECT_TRUE(reading.problems.back().endsList);
+  EXPECT_FALSE(reading.problems.front().endsList);
 }
 
 TEST_F(HostileFileTest, WhyAFileIsSkippedIsToldAfterAThousandMistakesToo) {

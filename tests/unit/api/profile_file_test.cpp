@@ -124,6 +124,8 @@ TEST_F(ProfileFileTest, AMistakeInXmlIsToldInWordsOfOursWithItsPlace) {
       {"<profile version=\"1\"><!-- a -- b --></profile>",
        "\"--\" must not stand inside a comment"},
       {"<profile version=\"1\">\x01</profile>", "breaks a rule|does not allow"},
+      {"<profile version=\"1\"><host name=\"Zürich address=\"x\"/></profile>",
+       "quotation mark before this place is missing"},
       {"profile", "the file has to begin with a tag"},
   };
   for (const Case& wrong : cases) {
@@ -298,6 +300,41 @@ TEST_F(ProfileFileTest, AMisspeltPreferenceIsLeftOutWithTheNearestRightName) {
   EXPECT_EQ(reading.problems[2].text.find("did you mean"), std::string::npos);
 }
 
+TEST_F(ProfileFileTest, AMistakeIsToldWithWhatItCostsAndTheMeantNameBeforeTheAllowedOnes) {
+  const ProfileReading reading =
+      read(profileText("<preferences>\n"
+                       "<preference name=\"EnableAutomaticServerSelektion\" value=\"true\"/>\n"
+                       "<preference name=\"EnableAutomaticServerSelection\" value=\"ture\"/>\n"
+                       "<preference name=\"SelectionImprovement\" value=\"x\"/>\n"
+                       "<preference name=\"RoundTripTime\" value=\"x\"/>\n"
+                       "</preferences>\n<host/>"));
+  std::vector<std::string> texts;
+  for (const FileProblem& problem : reading.problems) {
+    texts.push_back(problem.text);
+  }
+  using testing::StartsWith;
+  EXPECT_THAT(
+      texts,
+      ElementsAre(
+          StartsWith("unknown preference \"EnableAutomaticServerSelektion\" is ignored (did you "
+                     "mean \"EnableAutomaticServerSelection\"?); allowed here: \"Enable"),
+          "the value \"ture\" of EnableAutomaticServerSelection (did you mean \"true\"?) must be "
+          "\"true\" or \"false\"; it counts as \"false\"",
+          "the value \"x\" of SelectionImprovement must be a whole number from 0 to 1000 "
+          "(percent); it counts as \"20\"",
+          "the value \"x\" of RoundTripTime must be \"network\" or \"response\"; it is left out",
+          "unknown element <host> inside <profile> is passed over (did you mean <hosts>?); allowed "
+          "here: <preferences>, <hosts>"));
+}
+
+TEST_F(ProfileFileTest, AHostThatBeginsWithAHyphenLeavesItsEntryOut) {
+  const ProfileReading reading =
+      read(profileWithHosts("<host name=\"a\" address=\"-oProxy\"/><host name=\"-oProxy\"/>"));
+  EXPECT_THAT(reading.profile.hosts, IsEmpty());
+  const Pieces reason{"begins with \"-\""};
+  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, reason), ProblemAt(4, reason)));
+}
+
 TEST_F(ProfileFileTest, APreferenceOfThePreferencesFileIsSentThere) {
   const ProfileReading reading = read(
       profileText("<preferences><preference name=\"ProxyHost\" value=\"proxy\"/></preferences>"));
@@ -357,14 +394,26 @@ TEST_F(ProfileFileTest, APreferenceWithoutNameOrValueIsLeftOut) {
                                             ProblemAt(5, Pieces{"without \"value\""})));
 }
 
-TEST_F(ProfileFileTest, TextBetweenElementsIsReportedAndIgnored) {
+TEST_F(ProfileFileTest, TextBetweenElementsIsReportedAndOneInsideAHostLeavesTheEntryOut) {
   const ProfileReading reading =
       read(profileWithHosts("Amsterdam<host name=\"a\"/><host name=\"b\">gw</host>"
                             "<host name=\"c\"><![CDATA[gw]]></host>"));
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a", "b", "c"));
+  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
+  const Pieces leftOut{"<host>", "\"gw\"", "the entry is left out"};
   EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"<hosts>", "\"Amsterdam\""}),
-                                            ProblemAt(4, Pieces{"<host>", "\"gw\""}),
-                                            ProblemAt(4, Pieces{"<host>", "\"gw\""})));
+                                            ProblemAt(4, leftOut), ProblemAt(4, leftOut)));
+}
+
+TEST_F(ProfileFileTest,
+       AnAddressWrittenAsAnElementLeavesItsEntryOutBecauseTheNameIsAnotherGateway) {
+  const ProfileReading reading = read(profileWithHosts(
+      "<host name=\"gw8\"><address>real</address></host>\n<host name=\"b\"> <!-- --> </host>"));
+  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("b"));
+  ASSERT_THAT(reading.profile.leftOut, SizeIs(1));
+  EXPECT_EQ(reading.profile.leftOut[0].host.name, "gw8");
+  EXPECT_THAT(reading.problems,
+              ElementsAre(ProblemAt(4, Pieces{"<address> inside <host>", "as an attribute",
+                                              "the entry is left out"})));
 }
 
 TEST_F(ProfileFileTest, ANamespaceDeclarationIsAnUnknownAttribute) {
@@ -387,6 +436,7 @@ TEST_F(ProfileFileTest, AnotherVersionSkipsTheFile) {
   EXPECT_FALSE(reading.usable);
   EXPECT_THAT(reading.profile.hosts, IsEmpty());
   EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(1, Pieces{"\"2\"", "file is skipped"})));
+  EXPECT_THAT(reading.problems[0].text, testing::Not(testing::HasSubstr("did you mean")));
 }
 
 TEST_F(ProfileFileTest, AnotherOutermostElementSkipsTheFile) {

@@ -208,6 +208,15 @@ TEST_F(ProfileMgrTest, ProfilesBeyondTheTotalSizeAreNotRead) {
   EXPECT_THAT(m_profiles.getProblems().back(), ProblemAt(0, Pieces{"64 MiB"}));
 }
 
+TEST_F(ProfileMgrTest, AFileThatIsRefusedForItsSizeTakesNoneOfTheOthersWithIt) {
+  std::filesystem::resize_file(m_directory.Write("a.xml", ""), std::uintmax_t{1} << 30U);
+  m_directory.Write("b.xml", profileWithHosts("<host name=\"b\"/>"));
+  load();
+  EXPECT_THAT(m_profiles.getHostProfileMap(), ElementsAre(Key("b")));
+  EXPECT_THAT(m_profiles.getProblems(), ElementsAre(ProblemAt(0, Pieces{"larger than 8 MiB"})));
+  EXPECT_EQ(m_profiles.getProblems()[0].file, m_directory.File("a.xml"));
+}
+
 TEST_F(ProfileMgrTest, EntriesBeyondAHundredThousandAltogetherAreLeftOut) {
   std::ostringstream hosts;
   for (std::size_t i = 0; i < ProfileMgr::MaxHosts - 1; ++i) {

@@ -17,15 +17,33 @@ TEST(Console, ControlCharactersAreShownAsTheirCodes) {
 TEST(Console, ControlCharactersEncodedAsUtf8AreShownAsTheirCodes) {
   EXPECT_EQ(Console::visible("a\xc2\x9b"
                              "31m"),
-            "a\\x9b31m");
+            "a\\xc2\\x9b31m");
 }
 
 TEST(Console, OtherUtf8IsShownAsItIs) {
   EXPECT_EQ(Console::visible("M\xc3\xbcnchen \xe2\x82\xac"), "M\xc3\xbcnchen \xe2\x82\xac");
 }
 
+TEST(Console, CharactersThatTurnTheDirectionOfWritingAreShownAsTheirCodes) {
+  EXPECT_EQ(Console::visible("a\xe2\x80\xae"
+                             "b\xe2\x81\xa6\xe2\x80\xa8"),
+            "a\\xe2\\x80\\xaeb\\xe2\\x81\\xa6\\xe2\\x80\\xa8");
+}
+
+TEST(Console, BytesThatAreNoUtf8AreShownAsTheirCodes) {
+  EXPECT_EQ(Console::visible("gw\xff.example"), "gw\\xff.example");
+  EXPECT_EQ(Console::visible("\x9b"
+                             "31m\t"),
+            "\\x9b31m\\x09");
+}
+
+TEST(Console, ALongTextIsShownWhole) {
+  const std::string text(std::size_t{1} << 20U, 'x');
+  EXPECT_EQ(Console::visible(text), text);
+}
+
 TEST(Console, AFirstByteAtTheEndOfTheTextIsNoReasonToReadOn) {
-  EXPECT_EQ(Console::visible("a\xc2"), "a\xc2");
+  EXPECT_EQ(Console::visible("a\xc2"), "a\\xc2");
 }
 
 TEST(Console, AFullDeviceIsReported) {

@@ -20,7 +20,6 @@ enum class Call {
   Close,          ///< close, fclose
   Rename,         ///< rename
   Link,           ///< link
-  Unlink,         ///< unlink, remove
   Lock,           ///< flock
   MakeDirectory,  ///< mkdir
   LookAt,         ///< stat, lstat, fstat

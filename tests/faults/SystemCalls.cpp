@@ -82,6 +82,15 @@ extern "C" int open(const char* path, int flags, ...) {
   return strikes(Call::Open) ? -1 : real(path, flags, mode);
 }
 
+extern "C" int openat(int directory, const char* path, int flags, ...) {
+  static auto* const real = original<int(int, const char*, int, ...)>("openat");
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = modeOf(flags, arguments);
+  va_end(arguments);
+  return strikes(Call::Open) ? -1 : real(directory, path, flags, mode);
+}
+
 extern "C" FILE* fopen(const char* path, const char* mode) {
   static auto* const real = original<FILE*(const char*, const char*)>("fopen");
   return strikes(Call::Open) ? nullptr : real(path, mode);
@@ -147,19 +156,21 @@ extern "C" int rename(const char* from, const char* to) noexcept {
   return strikes(Call::Rename) ? -1 : real(from, to);
 }
 
+extern "C" int renameat(int fromDirectory, const char* from, int toDirectory,
+                        const char* to) noexcept {
+  static auto* const real = original<int(int, const char*, int, const char*)>("renameat");
+  return strikes(Call::Rename) ? -1 : real(fromDirectory, from, toDirectory, to);
+}
+
 extern "C" int link(const char* from, const char* to) noexcept {
   static auto* const real = original<int(const char*, const char*)>("link");
   return strikes(Call::Link) ? -1 : real(from, to);
 }
 
-extern "C" int unlink(const char* path) noexcept {
-  static auto* const real = original<int(const char*)>("unlink");
-  return strikes(Call::Unlink) ? -1 : real(path);
-}
-
-extern "C" int remove(const char* path) noexcept {
-  static auto* const real = original<int(const char*)>("remove");
-  return strikes(Call::Unlink) ? -1 : real(path);
+extern "C" int linkat(int fromDirectory, const char* from, int toDirectory, const char* to,
+                      int flags) noexcept {
+  static auto* const real = original<int(int, const char*, int, const char*, int)>("linkat");
+  return strikes(Call::Link) ? -1 : real(fromDirectory, from, toDirectory, to, flags);
 }
 
 extern "C" int flock(int descriptor, int operation) noexcept {
@@ -172,9 +183,19 @@ extern "C" int mkdir(const char* path, mode_t mode) noexcept {
   return strikes(Call::MakeDirectory) ? -1 : real(path, mode);
 }
 
+extern "C" int mkdirat(int directory, const char* path, mode_t mode) noexcept {
+  static auto* const real = original<int(int, const char*, mode_t)>("mkdirat");
+  return strikes(Call::MakeDirectory) ? -1 : real(directory, path, mode);
+}
+
 extern "C" int stat(const char* path, struct stat* result) noexcept {
   static auto* const real = original<int(const char*, struct stat*)>("stat");
   return strikes(Call::LookAt) ? -1 : real(path, result);
+}
+
+extern "C" int fstatat(int directory, const char* path, struct stat* result, int flags) noexcept {
+  static auto* const real = original<int(int, const char*, struct stat*, int)>("fstatat");
+  return strikes(Call::LookAt) ? -1 : real(directory, path, result, flags);
 }
 
 extern "C" int lstat(const char* path, struct stat* result) noexcept {

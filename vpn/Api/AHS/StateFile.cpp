@@ -459,7 +459,7 @@ bool CStateFile::isRemovable() const {
 }
 
 CStateFile::Lock::Lock(const CStateFile& file, std::chrono::milliseconds patience)
-    : m_path(file.path() + LockSuffix), m_descriptor(-1), m_state(Locking::Failed) {
+    : m_path(file.path() + LockSuffix), m_state(Locking::Failed) {
   if (!makeDirectory(directoryOf(m_path), m_directory, m_problem)) {
     return;
   }
@@ -476,21 +476,22 @@ CStateFile::Lock::Lock(const CStateFile& file, std::chrono::milliseconds patienc
 
 /// @return whether it came to an end, good or bad; else another process holds the lock.
 bool CStateFile::Lock::tryToLock() {
-  if (m_descriptor < 0) {
-    m_descriptor = openat(m_directory.get(), nameOf(m_path).c_str(),
-                          O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, FileMode);
-    if (m_descriptor < 0) {
+  if (m_descriptor.get() < 0) {
+    m_descriptor =
+        Descriptor(openat(m_directory.get(), nameOf(m_path).c_str(),
+                          O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, FileMode));
+    if (m_descriptor.get() < 0) {
       m_problem = failure("open", m_path, errno);
       return true;
     }
   }
-  const bool isLocked = flock(m_descriptor, LOCK_EX | LOCK_NB) == 0;
+  const bool isLocked = flock(m_descriptor.get(), LOCK_EX | LOCK_NB) == 0;
   if (!isLocked && errno != EWOULDBLOCK && errno != EINTR) {
     m_problem = failure("lock", m_path, errno);
     return true;
   }
   if (!isInPlace()) {
-    close();  // a lock that nobody else will ask for keeps nobody away
+    m_descriptor = Descriptor();  // a lock that nobody else will ask for keeps nobody away
     return false;
   }
   m_state = isLocked ? Locking::Held : m_state;
@@ -502,23 +503,15 @@ CStateFile::Lock::~Lock() { release(); }
 bool CStateFile::Lock::isInPlace() const {
   struct stat held {};
   struct stat found {};
-  return m_descriptor >= 0 && fstat(m_descriptor, &held) == 0 &&
+  return m_descriptor.get() >= 0 && fstat(m_descriptor.get(), &held) == 0 &&
          fstatat(m_directory.get(), nameOf(m_path).c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
          isSameFile(held, found);
 }
 
-void CStateFile::Lock::close() {
-  ::close(m_descriptor);
-  m_descriptor = -1;
-}
-
 void CStateFile::Lock::release() {
-  if (m_descriptor < 0) {
-    return;
-  }
-  if (m_state == Locking::Held) {
+  if (m_state == Locking::Held && m_descriptor.get() >= 0) {
     // Closing alone is not enough: a child that the host forked meanwhile shares the lock.
-    flock(m_descriptor, LOCK_UN);
+    flock(m_descriptor.get(), LOCK_UN);
   }
-  close();
+  m_descriptor = Descriptor();
 }

@@ -68,11 +68,10 @@ class CStateFile {
    private:
     friend class CStateFile;
     bool tryToLock();
-    void close();
 
     const std::string m_path;  // of the lock file
     FileTrust::Descriptor m_directory;
-    int m_descriptor;
+    FileTrust::Descriptor m_descriptor;
     Locking m_state;
     std::string m_problem;
   };

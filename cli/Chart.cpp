@@ -6,6 +6,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 #include "cli/Console.h"
@@ -85,13 +86,11 @@ Scale scaleFor(const SelectionResult& result) {
   }
   Scale scale;
   // 1, 2, 5, 10, 20, 50, ...
-  for (double power = 1; largest / scale.step > MostTicks; power *= 10) {
-    for (const double step : {1.0, 2.0, 5.0}) {
-      scale.step = step * power;
-      if (largest / scale.step <= MostTicks) {
-        break;
-      }
-    }
+  constexpr std::array<double, 3> Digits = {1, 2, 5};
+  double power = 1;
+  for (std::size_t i = 0; largest / scale.step > MostTicks; ++i) {
+    power *= i > 0 && i % Digits.size() == 0 ? 10 : 1;
+    scale.step = Digits.at(i % Digits.size()) * power;
   }
   scale.end = std::ceil(largest / scale.step) * scale.step;
   return scale;
@@ -99,11 +98,13 @@ Scale scaleFor(const SelectionResult& result) {
 
 std::string axis(const Scale& scale, double bottom) {
   std::string ticks;
-  for (double ms = 0; ms <= scale.end; ms += scale.step) {
+  const int count = static_cast<int>(std::lround(scale.end / scale.step));
+  for (int i = 0; i <= count; ++i) {
+    const double ms = i * scale.step;
     const double x = scale.place(ms);
     ticks += "<line class=\"grid\"" + attribute("x1", x) + attribute("y1", Margin) +
              attribute("x2", x) + attribute("y2", bottom) + "/>\n";
-    const bool isLast = ms + scale.step > scale.end;
+    const bool isLast = i == count;
     ticks += "<text class=\"soft\" text-anchor=\"middle\"" + attribute("x", x) +
              attribute("y", bottom + 18) + ">" + number(ms) + (isLast ? " ms" : "") + "</text>\n";
   }

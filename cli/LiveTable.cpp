@@ -49,8 +49,8 @@ bool isSet(const char* variable) {
 /// Whether the terminal is told to take UTF-8, by the variables that setlocale(3) reads, in order.
 bool takesUtf8() {
   for (const char* variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-    if (isSet(variable)) {
-      const char* value = getenv(variable);
+    const char* value = getenv(variable);
+    if (value != nullptr && value[0] != '\0') {
       return strcasestr(value, "utf-8") != nullptr || strcasestr(value, "utf8") != nullptr;
     }
   }
@@ -113,6 +113,7 @@ unsigned int smallestOf(const LiveRow& row) {
 /// Nearest first, then those without a sample; each in their own order.
 std::vector<const LiveRow*> ordered(const std::vector<LiveRow>& rows) {
   std::vector<const LiveRow*> sorted;
+  sorted.reserve(rows.size());
   for (const LiveRow& row : rows) {
     sorted.push_back(&row);
   }

@@ -20,10 +20,11 @@ above() { # above ROOM PATTERN: the includes of a room that reach a floor above 
   git grep -nE "^#include \"($2)" -- "$1" || true
 }
 reached=$(
-  above vpn/include 'vpn/Common|vpn/Api|cli|simulator'
-  above vpn/Common 'vpn/Api|cli|simulator'
-  above ':(glob)vpn/Api/*' 'vpn/Api/AHS|cli|simulator'
-  above vpn/Api/AHS 'cli|simulator'
+  above vpn/include 'vpn/Common|vpn/Api|capi|cli|simulator'
+  above vpn/Common 'vpn/Api|capi|cli|simulator'
+  above ':(glob)vpn/Api/*' 'vpn/Api/AHS|capi|cli|simulator'
+  above vpn/Api/AHS 'capi|cli|simulator'
+  above capi 'cli|simulator'
 )
 if [ -n "$reached" ]; then
   printf '%s\n' "$reached"

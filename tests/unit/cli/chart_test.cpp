@@ -10,34 +10,13 @@
 #include <memory>
 
 #include "cli/ResultPage.h"
+#include "tests/unit/cli/some_results.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
 namespace {
 
 using testing::HasSubstr;
 using testing::Not;
-
-HeadendResult headend(const std::string& name, std::optional<unsigned int> metric,
-                      const std::vector<unsigned int>& samples = {}) {
-  HeadendResult result;
-  result.headend = name;
-  result.metricMs = metric;
-  result.samplesMs = samples;
-  result.outcome = metric ? "answered" : "timed out";
-  return result;
-}
-
-SelectionResult measured(const std::vector<HeadendResult>& results) {
-  SelectionResult result;
-  result.status = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
-  result.results = results;
-  for (const HeadendResult& one : results) {
-    if (one.metricMs) {
-      result.headends.push_back(one.headend);
-    }
-  }
-  return result;
-}
 
 bool isWellFormed(const std::string& xml) {
   const std::unique_ptr<xmlDoc, void (*)(xmlDoc*)> document(

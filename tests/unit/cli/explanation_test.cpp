@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/unit/cli/some_results.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
 namespace {
@@ -13,28 +14,6 @@ using testing::HasSubstr;
 using testing::Not;
 
 constexpr unsigned int Reconnection = 1;
-
-HeadendResult headend(const std::string& name, std::optional<unsigned int> metric) {
-  HeadendResult result;
-  result.headend = name;
-  result.metricMs = metric;
-  result.outcome = metric ? "answered" : "timed out";
-  return result;
-}
-
-SelectionResult measured(const std::vector<HeadendResult>& results) {
-  SelectionResult result;
-  result.status = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
-  result.results = results;
-  for (const HeadendResult& one : results) {
-    if (one.metricMs) {
-      result.headends.push_back(one.headend);
-    }
-  }
-  result.improvementPercent = 20;
-  result.cacheDays = 14;
-  return result;
-}
 
 SelectionResult reconnection(const std::string& last, const std::vector<HeadendResult>& results) {
   SelectionResult result = measured(results);

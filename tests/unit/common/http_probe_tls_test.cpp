@@ -273,34 +273,34 @@ TEST_F(HttpProbeTlsTest, AHandshakeOfEndlessRequestsToBeginAgainEndsWithTheTimeo
   EXPECT_EQ(probeSecurely(server.port(), ShortTime), HTTP_SESSION_ERROR_TIMEOUT);
 }
 
-TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysInPlaceOfAnAnswerEndWithTheTimeout) {
-  HttpProbe::SetTrustFile(authority.file());
-  const TlsServerContext context(authority.issue());
-  const ScriptedServer server([&context](Connection& connection) {
+ScriptedServer::Script changingKeysAfter(const TlsServerContext& context,
+                                         const std::string& answer) {
+  return [&context, answer](Connection& connection) {
     if (!connection.startTls(context)) {
       return;
     }
     connection.readHead();
+    if (!answer.empty()) {
+      connection.send(answer);
+    }
     const auto end = std::chrono::steady_clock::now() + MuchLater;
     while (std::chrono::steady_clock::now() < end && connection.updateKeys()) {
     }
-  });
+  };
+}
+
+TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysInPlaceOfAnAnswerEndWithTheTimeout) {
+  HttpProbe::SetTrustFile(authority.file());
+  const TlsServerContext context(authority.issue());
+  const ScriptedServer server(changingKeysAfter(context, ""));
   EXPECT_EQ(probeSecurely(server.port(), ShortTime), HTTP_SESSION_ERROR_TIMEOUT);
 }
 
 TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysAfterAnAnswerDoNotHoldTheNextProbeUp) {
   HttpProbe::SetTrustFile(authority.file());
   const TlsServerContext context(authority.issue());
-  const ScriptedServer server([&context](Connection& connection) {
-    if (!connection.startTls(context)) {
-      return;
-    }
-    connection.readHead();
-    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n");
-    const auto end = std::chrono::steady_clock::now() + MuchLater;
-    while (std::chrono::steady_clock::now() < end && connection.updateKeys()) {
-    }
-  });
+  const ScriptedServer server(
+      changingKeysAfter(context, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n"));
   const HttpProbe::KeptConnection kept;
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS) << i;

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "tests/host/HostScene.h"
+#include "tests/support/RefusedThreads.h"
 #include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -108,9 +109,6 @@ Steps& steps() {
   return instance;
 }
 
-/// Whether the system has no thread to give.
-std::atomic<bool> g_noThreads{false};
-
 }  // namespace
 
 extern "C" {
@@ -138,16 +136,6 @@ int __wrap_renameat(int from, const char* old, int to, const char* name) {  // N
     steps().Add(Step::Kind::Rename, status);
   }
   return result;
-}
-
-using ThreadBody = void* (*)(void*);
-// startDetachedThread
-int __real__Z19startDetachedThreadPFPvS_ES_m(ThreadBody, void*, std::size_t) noexcept;  // NOLINT
-int __wrap__Z19startDetachedThreadPFPvS_ES_m(ThreadBody, void*, std::size_t) noexcept;  // NOLINT
-
-int __wrap__Z19startDetachedThreadPFPvS_ES_m(ThreadBody body, void* argument,  // NOLINT
-                                             std::size_t stackSize) noexcept {
-  return g_noThreads ? EAGAIN : __real__Z19startDetachedThreadPFPvS_ES_m(body, argument, stackSize);
 }
 }
 
@@ -322,12 +310,12 @@ TEST_F(SlowDisk, ALockRemovedWhileItIsHeldCostsNeitherProcessItsSelection) {
 
 TEST_F(SlowDisk, WithoutAThreadASelectionIsKeptInMemoryAndTriedAgain) {
   const CacheHold cache;
-  g_noThreads = true;
+  tests::refusesThreads = true;
   EXPECT_EQ(Store(*cache, "mine;"), HEADENDSELECTION_ERROR_CACHE_FAILURE);
   EXPECT_TRUE(IsFound(*cache, "mine;"));
   EXPECT_EQ((*cache).WaitForStores(), HEADENDSELECTION_ERROR_CACHE_FAILURE);
   EXPECT_EQ(m_warnings, 1U);
-  g_noThreads = false;
+  tests::refusesThreads = false;
   EXPECT_EQ((*cache).WaitForStores(), 0);
   EXPECT_TRUE(IsInFile("mine;"));
 }

@@ -14,6 +14,7 @@
 
 #include "tests/host/HostScene.h"
 #include "tests/host/LockRecorder.h"
+#include "tests/support/RefusedThreads.h"
 #include "tests/support/private_access.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -30,9 +31,6 @@ thread_local std::function<void()> t_afterStart;
 
 /// Notes that a file is flushed by this thread.
 void noteFlush();
-
-/// Whether the system has no thread to give.
-std::atomic<bool> g_noThreads{false};
 
 }  // namespace
 
@@ -54,16 +52,6 @@ int __wrap_fsync(int descriptor);  // NOLINT
 int __wrap_fsync(int descriptor) {  // NOLINT
   noteFlush();
   return __real_fsync(descriptor);
-}
-
-using ThreadBody = void* (*)(void*);
-// startDetachedThread
-int __real__Z19startDetachedThreadPFPvS_ES_m(ThreadBody, void*, std::size_t) noexcept;  // NOLINT
-int __wrap__Z19startDetachedThreadPFPvS_ES_m(ThreadBody, void*, std::size_t) noexcept;  // NOLINT
-
-int __wrap__Z19startDetachedThreadPFPvS_ES_m(ThreadBody body, void* argument,  // NOLINT
-                                             std::size_t stackSize) noexcept {
-  return g_noThreads ? EAGAIN : __real__Z19startDetachedThreadPFPvS_ES_m(body, argument, stackSize);
 }
 }
 
@@ -298,9 +286,9 @@ class Selections {
   /// The client is called on the thread in reserve.
   void WithoutThreads() {
     m_host.BringUp({"127.0.0.1:9"});
-    g_noThreads = true;
+    tests::refusesThreads = true;
     Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE, AtReconnection);
-    g_noThreads = false;
+    tests::refusesThreads = false;
     m_host.TakeDown();
   }
 

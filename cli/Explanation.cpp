@@ -80,17 +80,11 @@ std::string line(const std::string& label, const std::string& text) {
          "\n";
 }
 
-std::string samplesOf(const HeadendResult& headend) {
-  std::string text;
-  for (const unsigned int sample : headend.samplesMs) {
-    text += (text.empty() ? "" : ", ") + std::to_string(sample);
-  }
-  return text.empty() ? "" : " (samples " + text + ")";
-}
-
 std::string describe(const HeadendResult& headend) {
+  const std::string samples =
+      headend.samplesMs.empty() ? "" : " (samples " + samplesText(headend.samplesMs, ", ") + ")";
   return name(headend) + "  " +
-         (headend.metricMs ? milliseconds(*headend.metricMs) + samplesOf(headend)
+         (headend.metricMs ? milliseconds(*headend.metricMs) + samples
                            : "no metric: " + headend.outcome);
 }
 

@@ -126,14 +126,6 @@ std::vector<const LiveRow*> ordered(const std::vector<LiveRow>& rows) {
   return sorted;
 }
 
-std::string samplesOf(const LiveRow& row) {
-  std::string text;
-  for (const unsigned int sample : row.samplesMs) {
-    text += (text.empty() ? "" : " ") + std::to_string(sample);
-  }
-  return text;
-}
-
 /// The columns of a table, and what one of the bar's stands for.
 struct Layout {
   std::size_t width = 0;
@@ -177,7 +169,8 @@ std::string bar(const LiveRow& row, const Layout& layout, const LiveLook& look) 
 std::string rowLine(const LiveRow& row, const Layout& layout, const LiveLook& look) {
   const std::string number = row.samplesMs.empty() ? "" : std::to_string(smallestOf(row)) + " ms";
   const std::size_t shift = NumberColumns - std::min(NumberColumns, number.size());
-  std::string words = std::string(shift, ' ') + number + std::string(Gap, ' ') + samplesOf(row);
+  std::string words =
+      std::string(shift, ' ') + number + std::string(Gap, ' ') + samplesText(row.samplesMs, " ");
   words += row.waitsFor.empty() ? "" : (row.samplesMs.empty() ? "" : "  ") + row.waitsFor;
   const std::size_t used = layout.name + Gap + (layout.bar == 0 ? 0 : layout.bar + Gap);
   const std::string start = padded(Console::visible(row.headend), layout.name);

@@ -58,14 +58,6 @@ const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
   return nearest;
 }
 
-std::string samplesOf(const HeadendResult& headend) {
-  std::string text;
-  for (const unsigned int sample : headend.samplesMs) {
-    text += (text.empty() ? "" : " ") + std::to_string(sample);
-  }
-  return text;
-}
-
 std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen) {
   static const HttpProbe::Report NoProbe;
   const HttpProbe::Report* nearest = nearestProbe(headend);
@@ -73,7 +65,7 @@ std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen)
   return std::string(isChosen ? "<tr class=\"chosen\">" : "<tr>") +
          cell(rank == 0 ? "" : std::to_string(rank), true) + cell(headend.headend) +
          cell(headend.metricMs ? std::to_string(*headend.metricMs) : "", true) +
-         cell(samplesOf(headend)) + cell(headend.outcome) +
+         cell(samplesText(headend.samplesMs, " ")) + cell(headend.outcome) +
          cell(milliseconds(probe.networkRttUs), true) +
          cell(milliseconds(probe.responseRttUs), true) + cell(probe.address) + "</tr>\n";
 }

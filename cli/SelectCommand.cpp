@@ -103,14 +103,17 @@ bool hasProfiles() {
   return !profiles->getFileInitMap().empty();
 }
 
+// The candidate of a host entry's name, in any letter case; null if there is none.
+const Candidate* findCandidate(const std::string& name, const std::vector<Candidate>& candidates) {
+  const std::string wanted = CStringUtils::toLower(name);
+  const auto found = std::ranges::find_if(candidates, [&wanted](const Candidate& candidate) {
+    return CStringUtils::toLower(candidate.name) == wanted;
+  });
+  return found == candidates.end() ? nullptr : &*found;
+}
+
 void noteUnknownLast(const std::string& last, const std::vector<Candidate>& candidates) {
-  const std::string wanted = CStringUtils::toLower(last);
-  for (const Candidate& candidate : candidates) {
-    if (CStringUtils::toLower(candidate.name) == wanted) {
-      return;
-    }
-  }
-  if (!last.empty()) {
+  if (!last.empty() && findCandidate(last, candidates) == nullptr) {
     Console::complain("warning: no host entry that takes part is named '" + Console::visible(last) +
                       "'; the selection goes on without a last headend. --last takes the name of a "
                       "host entry, or a host of the command line.");
@@ -184,19 +187,11 @@ void waitForEnd(SelectionRun& run) {
   }
 }
 
-// The headend of the host entry that was named as the last one; empty if there is none.
-std::string headendOf(const std::string& last, const std::vector<Candidate>& candidates) {
-  const std::string wanted = CStringUtils::toLower(last);
-  const auto found = std::ranges::find_if(candidates, [&wanted](const Candidate& candidate) {
-    return CStringUtils::toLower(candidate.name) == wanted;
-  });
-  return last.empty() || found == candidates.end() ? last : found->headend;
-}
-
 // The rules that the run went by, for those who ask why.
 void tellRules(const std::string& last, const std::vector<Candidate>& candidates,
                const HS_SETTINGS& settings, SelectionResult& result) {
-  result.last = headendOf(last, candidates);
+  const Candidate* known = findCandidate(last, candidates);
+  result.last = last.empty() || known == nullptr ? last : known->headend;
   result.improvementPercent = settings.nImprovement;
   result.cacheDays = settings.nClearCache;
   std::string measure;

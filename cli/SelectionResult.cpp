@@ -86,6 +86,14 @@ class Collector {
 
 }  // namespace
 
+std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* separator) {
+  std::string text;
+  for (const unsigned int sample : samplesMs) {
+    text += (text.empty() ? "" : separator) + std::to_string(sample);
+  }
+  return text;
+}
+
 std::string outcomeOf(const ProbeRecorder::Track* track, bool hasMetric, bool fromCache) {
   if (fromCache) {
     return hasMetric ? "from cache" : "not in cache";

@@ -39,6 +39,9 @@ struct SelectionResult {
   std::vector<HeadendResult> results;
 };
 
+/// Round trips in decimal, in their order.
+std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* separator);
+
 /// What became of a headend, in a few words that stay the same from version to version:
 /// with a metric: "answered", "untrusted certificate", "client certificate wanted", "not HTTP",
 /// "failed" (an answer of another kind), "from cache"; without one: "cannot connect", "timed out",

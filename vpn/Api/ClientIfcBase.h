@@ -21,6 +21,9 @@ class ClientIfcBase {
                                long status, const std::string& extraInfo) = 0;
 
  protected:
+  /// There is nothing to copy; for clients that are copied themselves.
+  /// @{
   ClientIfcBase(const ClientIfcBase&) = default;
   ClientIfcBase& operator=(const ClientIfcBase&) = default;
+  /// @}
 };

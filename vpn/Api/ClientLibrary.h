@@ -17,9 +17,10 @@ class CExecutionContext;
 /// destruction on one thread.
 class CClientLibrary {
  public:
+  /// What is brought up.
   struct Options {
-    PreferenceMgr::Sources sources;
-    CAppLog::Targets log;
+    PreferenceMgr::Sources sources;  ///< where preferences and profiles come from
+    CAppLog::Targets log;            ///< where the log goes
     /// Why a log target could not be opened is reported here and does not stop the start.
     std::string logProblem;
   };

@@ -16,21 +16,27 @@
 /// thread may call these.
 namespace FileTrust {
 
+/// Who may have written a file.
 enum class Check {
-  Strict,
+  Strict,  ///< root and the effective user alone
   Waived,  ///< whoever could have written it
 };
 
 /// An open file or directory, closed with the object.
 class Descriptor {
  public:
+  /// @param descriptor the object's from now on; negative for none.
   explicit Descriptor(int descriptor = -1) : m_descriptor(descriptor) {}
   ~Descriptor();
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
+  /// Takes the other's over; assignment exchanges the two.
+  /// @{
   Descriptor(Descriptor&& other) noexcept;
   Descriptor& operator=(Descriptor&& other) noexcept;
+  /// @}
 
+  /// The descriptor, still the object's; negative for none.
   int get() const { return m_descriptor; }
   /// Gives the descriptor to the caller.
   int release();

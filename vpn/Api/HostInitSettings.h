@@ -6,8 +6,10 @@
 /// it.
 class HostInitSettings {
  public:
+  /// @param preferences copied.
   explicit HostInitSettings(const PreferenceInfo& preferences);
 
+  /// All that the profile sets; belongs to this object.
   const PreferenceInfo& getPreferences() const;
 
   /// Whether the profile sets the preference with that attribute.

@@ -13,10 +13,14 @@ class HostProfile {
               const std::string& address, unsigned int line);
 
   // The order of these four is part of the interface: name second, address fourth.
+
+  /// What the entry was made with; the texts belong to it.
+  /// @{
   virtual const std::string& getProfileName() const;
   virtual const std::string& getHostName() const;
   virtual unsigned int getLine() const;
   virtual const std::string& getHostAddress() const;
+  /// @}
 
   virtual ~HostProfile();
   HostProfile(const HostProfile&) = delete;

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// What preferences there are.
+
 #include <cstddef>
 #include <map>
 #include <string>
@@ -53,12 +56,14 @@ class PreferenceBase {
   /// "none": the value of `ProxySettings` that means a direct connection.
   static const std::string& ProxyNone;
   /// "network" and "response": the values of `RoundTripTime`.
+  /// @{
   static const std::string& RoundTripNetwork;
   static const std::string& RoundTripResponse;
+  /// @}
 
   /// One preference that a file may set.
   struct Definition {
-    PreferenceId id;
+    PreferenceId id;           ///< its number
     const char* name;          ///< as it is written in the files, letter case included
     const char* defaultValue;  ///< in force when no file sets it
     /// A value that is not allowed is loaded as it was written all the same, because whoever reads
@@ -66,8 +71,8 @@ class PreferenceBase {
     bool checkedByReader;
     /// For a number: unit, empty for none, and range; for everything else: null.
     const char* unit;
-    unsigned int least;
-    unsigned int most;
+    unsigned int least;  ///< smallest number allowed
+    unsigned int most;   ///< largest number allowed
     /// For a word: the values allowed, null after the last; all null: a host or nothing.
     const char* words[4];
   };
@@ -75,14 +80,18 @@ class PreferenceBase {
   /// All preferences, `count` entries.
   static const Definition* definitions(std::size_t& count);
   /// The preference of a name (exact) or a number; null if there is none.
+  /// @{
   static const Definition* find(const std::string& name);
   static const Definition* find(PreferenceId id);
+  /// @}
 
   /// What is wrong with `value` for a preference, as a phrase that says what is allowed; empty if
   /// it may stand. The default may always stand.
   static std::string findError(const Definition& definition, const std::string& value);
 
   /// Reads the value of a preference that is a number.
+  /// @param definition the preference.
+  /// @param value as a file has it.
   /// @param number receives it; left alone on failure.
   /// @return false if `value` is not a decimal number within the preference's range.
   static bool parseNumber(const Definition& definition, const std::string& value,
@@ -92,15 +101,21 @@ class PreferenceBase {
 /// One preference as a file sets it.
 class Preference {
  public:
+  /// @param id which one.
+  /// @param value as the file has it, checked or not.
+  /// @param userControllable the file leaves it to the user.
   /// @param line, column place in its file, 0 if it comes from no file.
   Preference(PreferenceId id, const std::string& value, bool userControllable,
              unsigned int line = 0, unsigned int column = 0);
 
+  /// What it was made with.
+  /// @{
   PreferenceId getPreferenceId() const;
   const std::string& getPreferenceValue() const;
   bool isUserControllable() const;
   unsigned int getLine() const;
   unsigned int getColumn() const;
+  /// @}
 
  private:
   PreferenceId m_id;
@@ -114,6 +129,7 @@ class Preference {
 class PreferenceInfo {
  public:
   /// Finds a preference. The object found belongs to this one and is constant like it.
+  /// @param id which one.
   /// @param preference receives the preference; left alone when the file does not set it.
   /// @return whether the file sets it.
   bool getPreference(const PreferenceId& id, Preference*& preference) const;

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The preferences and profiles of the process.
+
 #include <string>
 #include <vector>
 
@@ -30,24 +33,25 @@ class PreferenceMgr {
   struct Sources {
     /// The caller's own choice of a proxy. It stands as if every file held it.
     struct Proxy {
+      /// What the caller wants.
       enum class Choice {
         OfFiles,  ///< the caller makes none
         None,     ///< `ProxySettings` is "none"
         Given,    ///< `ProxySettings` is "override"; host and port go before the global file's
       };
-      Choice choice = Choice::OfFiles;
-      std::string host;  ///< as it stands in a URL: an IPv6 address in brackets
-      std::string port;  ///< empty for the default
+      Choice choice = Choice::OfFiles;  ///< the next two count with `Given` alone
+      std::string host;                 ///< as it stands in a URL: an IPv6 address in brackets
+      std::string port;                 ///< empty for the default
     };
 
-    std::string profileDirectory;
-    std::string userPreferencesFile;
-    std::string globalPreferencesFile;
+    std::string profileDirectory;       ///< its "*.xml" files are the profiles
+    std::string userPreferencesFile;    ///< path of the user's own file
+    std::string globalPreferencesFile;  ///< path of the machine's file
     /// Where the selection cache is kept between processes; empty: in memory only.
     std::string cacheFile;
     /// Addresses that take the place of all profiles, if there are any.
     std::vector<std::string> addresses;
-    Proxy proxy;
+    Proxy proxy;  ///< the caller's choice
     /// Files are read whoever could have written them. Otherwise one that another user could have
     /// written counts as wrong; see FileTrust.
     bool trustFiles = false;
@@ -55,9 +59,10 @@ class PreferenceMgr {
 
   /// One place that gives a preference a value.
   struct Setting {
+    /// Whose setting it is.
     enum class Origin { Caller, Profile, User, Global, Default };
-    Origin origin = Origin::Default;
-    std::string value;
+    Origin origin = Origin::Default;  ///< whose it is
+    std::string value;                ///< as it stands there
     std::string file;                 ///< empty for the caller and the default
     unsigned int line = 0;            ///< in the file
     std::string profile;              ///< its name, for one that a profile sets

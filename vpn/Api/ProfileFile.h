@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Reading one profile or preferences file.
+
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -9,7 +12,7 @@
 
 /// Something wrong in a file, told so that a person can mend it.
 struct FileProblem {
-  std::string file;
+  std::string file;         ///< its path
   unsigned int line = 0;    ///< from 1; 0: the file as a whole
   unsigned int column = 0;  ///< from 1, in characters; a tab is one
   std::string text;         ///< what was found and what is allowed
@@ -21,19 +24,20 @@ struct FileProblem {
 
 /// What a profile file says.
 struct ProfileFile {
+  /// A host entry.
   struct Host {
-    std::string name;
-    std::string address;    ///< empty when the entry gives none
-    unsigned int line = 0;  ///< of its tag's beginning
-    unsigned int column = 0;
+    std::string name;         ///< as a person picks it, 1 to `MaxHostNameLength` bytes
+    std::string address;      ///< empty when the entry gives none
+    unsigned int line = 0;    ///< of its tag's beginning
+    unsigned int column = 0;  ///< the same
   };
   /// An entry that has a mistake, which is reported.
   struct LeftOut {
-    Host host;
-    std::string reason;
+    Host host;           ///< what could be read of it
+    std::string reason;  ///< why, as a phrase
   };
-  PreferenceInfo preferences;
-  std::vector<Host> hosts;
+  PreferenceInfo preferences;    ///< what the profile sets
+  std::vector<Host> hosts;       ///< in the order of the file
   std::vector<LeftOut> leftOut;  ///< the first `MaxProblemsPerFile`
 };
 
@@ -51,12 +55,14 @@ constexpr std::size_t MaxHostNameLength = 255;
 /// them says that there are more.
 constexpr std::size_t MaxProblemsPerFile = 100;
 
+/// What a file is, by its outermost element.
 enum class ConfigurationKind { Unknown, Profile, Preferences };
 
 /// Reads a profile file (see docs/profiles.md). The file is not trusted: only a regular file that
 /// nobody else could have written is read, up to `MaxConfigurationFileSize` bytes of UTF-8; a
 /// document type is refused, so no entity is ever expanded and nothing outside the file is fetched;
 /// time and memory grow with the size alone. Any thread may call it.
+/// @param path the file, or a link to it.
 /// @param profile receives what the file says; left alone when the file cannot be used.
 /// @param problems receives what is wrong, appended.
 /// @param check `Waived`: whoever could have written the file.

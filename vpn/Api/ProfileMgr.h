@@ -23,11 +23,13 @@
 /// it. Objects handed out belong to the manager.
 class ProfileMgr {
  public:
-  /// Bounds of one manager. What exceeds them is reported and not read.
+  /// Bounds of one manager: profiles, host entries, bytes of all files. What exceeds them is
+  /// reported and not read.
+  /// @{
   static constexpr std::size_t MaxProfiles = 10000;
   static constexpr std::size_t MaxHosts = 100000;
-  static constexpr std::size_t MaxTotalSize =
-      std::size_t{64} * 1024 * 1024;  ///< bytes of all files
+  static constexpr std::size_t MaxTotalSize = std::size_t{64} * 1024 * 1024;
+  /// @}
   /// Names that are looked at in a directory, whatever they are.
   static constexpr std::size_t MaxDirectoryEntries = 1000000;
   /// Most problems that are kept; the last of them says that there are more.
@@ -67,10 +69,10 @@ class ProfileMgr {
 
   /// A host entry that is in none of the maps.
   struct LeftOutHost {
-    std::string profileName;
-    std::string path;
-    ProfileFile::Host host;
-    std::string reason;
+    std::string profileName;  ///< of the profile that holds it
+    std::string path;         ///< of that profile's file
+    ProfileFile::Host host;   ///< what could be read of it
+    std::string reason;       ///< why it is in none, as a phrase
   };
 
   /// Entries that have a mistake or another's name, `MaxProblems` at most.

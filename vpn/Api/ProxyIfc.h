@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// What a client implements to hand in a proxy and a login.
+
 #include <cstddef>
 #include <string>
 
@@ -25,24 +28,37 @@ class ProxyIfc {
   class UnprotectedCredential {
    public:
     UnprotectedCredential();
+    /// A copy of its own, which is wiped by itself.
     UnprotectedCredential(const UnprotectedCredential& other);
     /// Not explicit, so that a provider can return the string that it holds.
     UnprotectedCredential(const std::string& value);
     ~UnprotectedCredential();
 
-    /// Both wipe what was held before.
+    /// Wipes what was held before. A null pointer stands for the empty text; it may point into the
+    /// object's own.
+    /// @{
     UnprotectedCredential& operator=(const UnprotectedCredential& other);
     UnprotectedCredential& operator=(const char* value);
+    /// @}
 
+    /// The characters, as long as the object is not changed; copies are not wiped.
+    /// @{
     const std::string& GetValue() const;
     const char* c_str() const;
+    /// @}
+    /// How many bytes there are.
+    /// @{
     std::size_t GetLength() const;
     std::size_t length() const;
+    /// @}
+    /// Whether there are none.
     bool empty() const;
 
-    /// Both wipe the buffer that an append outgrows.
+    /// Appends, and wipes the buffer that it outgrows. A null pointer stands for the empty text.
+    /// @{
     UnprotectedCredential& operator+=(const UnprotectedCredential& other);
     UnprotectedCredential& operator+=(const char* value);
+    /// @}
 
    private:
     void append(const char* characters, std::size_t count);
@@ -55,9 +71,12 @@ class ProxyIfc {
   ProxyIfc(const ProxyIfc&) = delete;
   ProxyIfc& operator=(const ProxyIfc&) = delete;
 
+  /// The user name for the proxy; empty for none, then no credentials are used.
   virtual UnprotectedCredential getProxyUser() = 0;
+  /// The password for the proxy.
   virtual UnprotectedCredential getProxyPswd() = 0;
   /// Host of the provider's own proxy; empty when it knows none.
   virtual std::string getProxyHost() = 0;
+  /// How the proxy wants its users to prove who they are.
   virtual ProxyType getProxyType() = 0;
 };

@@ -22,12 +22,16 @@ class CProxyProvider : public ProxyIfc {
  public:
   ~CProxyProvider() override;
 
+  /// What the provider was made with.
+  /// @{
   UnprotectedCredential getProxyUser() override;
   UnprotectedCredential getProxyPswd() override;
   std::string getProxyHost() override;
   ProxyType getProxyType() override;
+  /// @}
 
  protected:
+  /// For the classes below: copies what it is told.
   CProxyProvider(ProxyType type, const SecureString<std::string>& user,
                  const SecureString<std::string>& pswd, const std::string& host);
 
@@ -42,6 +46,8 @@ class CProxyProvider : public ProxyIfc {
 /// HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED with a realm.
 class CBasicProxyProvider : public CProxyProvider {
  public:
+  /// @param user, pswd copied; the caller's own are the caller's to wipe.
+  /// @param host of the system's proxy; empty: the preferences name the proxy.
   CBasicProxyProvider(const SecureString<std::string>& user, const SecureString<std::string>& pswd,
                       const std::string& host = {});
 };
@@ -50,6 +56,8 @@ class CBasicProxyProvider : public CProxyProvider {
 /// does not leave the machine. The user is "user", "DOMAIN\user" or "user@domain".
 class CNtlmProxyProvider : public CProxyProvider {
  public:
+  /// @param user, pswd copied; the caller's own are the caller's to wipe.
+  /// @param host of the system's proxy; empty: the preferences name the proxy.
   CNtlmProxyProvider(const SecureString<std::string>& user, const SecureString<std::string>& pswd,
                      const std::string& host = {});
 };
@@ -59,6 +67,8 @@ class CNtlmProxyProvider : public CProxyProvider {
 /// matter. Without a password nothing but the ticket is tried.
 class CKerberosProxyProvider : public CProxyProvider {
  public:
+  /// @param user any name. @param pswd tried where there is no ticket; empty for none.
+  /// @param host of the system's proxy; empty: the preferences name the proxy.
   explicit CKerberosProxyProvider(const SecureString<std::string>& user,
                                   const SecureString<std::string>& pswd = {},
                                   const std::string& host = {});
@@ -67,5 +77,6 @@ class CKerberosProxyProvider : public CProxyProvider {
 /// For a proxy that asks for nothing. Without a host it does what no provider does.
 class CNoProxyProvider : public CProxyProvider {
  public:
+  /// @param host of the system's proxy; empty: as without a provider.
   explicit CNoProxyProvider(const std::string& host = {});
 };

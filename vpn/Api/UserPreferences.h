@@ -8,11 +8,15 @@
 class UserPreferences {
  public:
   /// The manually configured proxy; empty when unset.
+  /// @{
   std::string getProxyHost() const;
   std::string getProxyPort() const;
+  /// @}
 
+  /// All that the file sets; belongs to this object.
   const PreferenceInfo& getPreferences() const;
 
+  /// Replaces what the file sets. Not while another thread may read.
   void setPreferences(const PreferenceInfo& preferences);
 
  private:

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// How an HTTP request ends, and the proxy that it takes.
+
 #include <string>
 
 #include "vpn/include/StatusCode.h"
@@ -27,16 +30,20 @@ enum HTTP_SESSION_ERRORS : STATUSCODE {
 /// secrets: destruction and assignment overwrite their characters before the memory is given back.
 /// There is no move: a copy leaves the original's characters where its destructor finds them.
 struct PROXY_DATA {
+  /// No proxy and no credentials.
   PROXY_DATA();
   ~PROXY_DATA();
+  /// Copies are wiped by themselves; assignment wipes what was there.
+  /// @{
   PROXY_DATA(const PROXY_DATA& other);
   PROXY_DATA& operator=(const PROXY_DATA& other);
+  /// @}
 
   /// True: the probe finds the proxy itself from the system's settings. False: `proxyServer` holds,
   /// and an empty `proxyServer` means a direct connection.
   bool determineProxy;
   /// "http=http://" followed by the host and an optional ":" and port.
   std::string proxyServer;
-  std::string proxyUser;
-  std::string proxyPswd;
+  std::string proxyUser;  ///< empty: no credentials are used
+  std::string proxyPswd;  ///< counts only together with a user name
 };

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Locks that clang can check the use of.
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -51,7 +54,9 @@ class AHS_CAPABILITY("mutex") CMonitor {
   CMonitor(const CMonitor&) = delete;
   CMonitor& operator=(const CMonitor&) = delete;
 
+  /// Takes the lock, waiting as long as another thread holds it.
   void Lock() AHS_ACQUIRE();
+  /// Gives the lock back.
   void Unlock() AHS_RELEASE();
 
   /// Gives the lock back, sleeps until it is notified, and takes the lock again.
@@ -65,6 +70,7 @@ class AHS_CAPABILITY("mutex") CMonitor {
     held.release();
   }
 
+  /// Ends the waits of all other threads.
   void NotifyAll() AHS_REQUIRES(this);
 
  private:
@@ -76,6 +82,7 @@ class AHS_CAPABILITY("mutex") CMonitor {
 template <class LockT>
 class AHS_SCOPED_CAPABILITY CAutoLockT {
  public:
+  /// Takes `lock`, which must outlive the object.
   explicit CAutoLockT(LockT& lock) AHS_ACQUIRE(lock) : m_lock(lock) { m_lock.Lock(); }
   ~CAutoLockT() AHS_RELEASE() { m_lock.Unlock(); }
 

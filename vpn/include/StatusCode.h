@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The result of an operation.
+
 /// The result of an operation: 0 is success, every other value names a failure.
 ///
 /// A failure code is a 32-bit value of the form 0xFE, one byte of module number, two bytes of

@@ -14,7 +14,7 @@ class CStringUtils {
   static std::string toLower(const std::string& text);
 
   /// `text` fit for one line of a log or a terminal: control characters, bytes above 126 and the
-  /// backslash become \xNN, and what exceeds `maxLength` characters is cut and marked "...".
+  /// backslash become `\xNN`, and what exceeds `maxLength` characters is cut and marked "...".
   static std::string printable(const std::string& text, std::size_t maxLength = 200);
 
   /// Wipes a secret; see `SecureString::Reset`.
@@ -31,6 +31,7 @@ class CStringUtils {
 template <class StrT>
 class SecureString {
  public:
+  /// Pointer to the characters of a constant text.
   using const_pointerT = typename StrT::const_pointer;
 
   SecureString() = default;
@@ -40,6 +41,7 @@ class SecureString {
   SecureString(const_pointerT str, std::size_t n);
   /// The characters up to the first NUL.
   SecureString(const StrT& s);
+  /// A copy of the characters up to the first NUL.
   SecureString(const SecureString& other);
   ~SecureString();
 
@@ -55,7 +57,9 @@ class SecureString {
   /// The text itself. What its own operations outgrow or move elsewhere is not wiped.
   operator StrT&() { return m_strValue; }
 
+  /// The text, ended by a NUL; valid until the object is changed or destroyed.
   const_pointerT c_str() const { return m_strValue.c_str(); }
+  /// Its length in characters.
   std::size_t length() const { return m_strValue.length(); }
 
   /// Wipes a string in place and leaves it empty: every character of its buffer becomes 0, also

@@ -21,6 +21,7 @@ constexpr std::size_t MaxRecords = 100000;
 constexpr std::size_t MaxHeadendLength = 2048;
 
 /// Element and attribute names.
+/// @{
 constexpr const char* RootName = "selectionCache";
 constexpr const char* SelectionName = "selection";
 constexpr const char* HeadendName = "headend";
@@ -31,6 +32,7 @@ constexpr const char* StoredAttribute = "stored";
 constexpr const char* UsedAttribute = "used";
 constexpr const char* NameAttribute = "name";
 constexpr const char* MetricAttribute = "rtt";
+/// @}
 /// The version that is written. Version 1, which has no `used`, is read as well.
 constexpr unsigned int Version = 2;
 
@@ -42,8 +44,8 @@ using Uses = std::map<std::string, unsigned long>;
 
 /// What a document holds. Every use is that of an entry.
 struct Contents {
-  Entries entries;
-  Uses uses;
+  Entries entries;  ///< the selections
+  Uses uses;        ///< when some of them were used last
 };
 
 /// What a text is.
@@ -59,7 +61,7 @@ std::string selectionKey(const std::string& place, const std::string& knownHeade
 constexpr const char* KeySeparator = "\n";
 
 /// `text` as it stands in an attribute: blanks, control characters, the backslash and bytes above
-/// 126 as \xNN. Any text can be written this way, whatever its encoding.
+/// 126 as `\xNN`. Any text can be written this way, whatever its encoding.
 std::string encode(const std::string& text);
 /// Undoes `encode`. @return false when `text` is not something that `encode` gives.
 bool decode(std::string_view text, std::string& decoded);
@@ -73,6 +75,7 @@ std::string placeText(std::vector<std::string> place);
 
 /// Reads a document that may come from anyone. Document type declarations and with them entities
 /// are refused; sizes, counts and numbers are checked.
+/// @param text the whole document.
 /// @param contents is left alone unless the text is right.
 /// @param problem receives what is wrong, with the line, or which version it is.
 Form parse(const std::string& text, Contents& contents, std::string& problem);

@@ -11,8 +11,10 @@
 class CCacheEntry {
  public:
   CCacheEntry();
+  /// An entry with these results, without time stamp and key.
   explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList);
   ~CCacheEntry();
+  /// A copy that shares nothing.
   CCacheEntry(const CCacheEntry& other);
   /// Copies all or, when memory is short, throws and changes nothing.
   CCacheEntry& operator=(const CCacheEntry& other);
@@ -31,13 +33,18 @@ class CCacheEntry {
   void AddHeadend(const CHeadendRTT& headend);
 
   /// Seconds since 1970-01-01 00:00 UTC; 0 for an entry that was never stored.
+  /// @{
   void SetTimestamp(unsigned long timestamp);
   unsigned long GetTimestamp() const;
+  /// @}
 
   /// The key of the candidate set that was measured.
+  /// @{
   void SetKnownHeadends(const std::string& knownHeadends);
   std::string GetKnownHeadends() const;
+  /// @}
 
+  /// Exchanges the contents of two entries.
   void Swap(CCacheEntry& other) noexcept {
     m_headendList.swap(other.m_headendList);
     m_tstrKnownHeadends.swap(other.m_tstrKnownHeadends);

@@ -21,12 +21,13 @@ class CCacheWriter {
  public:
   /// What became of a job.
   struct Outcome {
-    unsigned long number = 0;
-    STATUSCODE status = 0;
+    unsigned long number = 0;  ///< the job's, as it was submitted
+    STATUSCODE status = 0;     ///< 0, or what went wrong
     /// What went wrong, as a sentence for the log; may be set without a failure.
     std::string problem;
   };
 
+  /// Does the work, on the writer's thread. What it throws makes its outcome a failure.
   using Job = std::function<Outcome()>;
 
  private:
@@ -54,6 +55,7 @@ class CCacheWriter {
 
   /// Hands a job over.
   /// @param number larger than that of every job before.
+  /// @param job what is to be done.
   /// @return whether there is a thread for it; if not, the job is dropped.
   /// @throws std::bad_alloc with nothing changed.
   bool Submit(unsigned long number, Job job);

@@ -1,16 +1,23 @@
 #pragma once
 
+/// @file
+/// One measured headend.
+
 #include <string>
 
 /// One headend with its measured metric. A value class without a lock of its own.
 class CHeadendRTT {
  public:
+  /// No headend, metric 0.
   CHeadendRTT();
   /// @param headend host, or host ":" port. @param rtt round-trip time metric in milliseconds.
   CHeadendRTT(std::string headend, unsigned int rtt);
   ~CHeadendRTT();
+  /// Copies share nothing.
+  /// @{
   CHeadendRTT(const CHeadendRTT& other);
   CHeadendRTT& operator=(const CHeadendRTT& other);
+  /// @}
 
   /// A copy of the host, or host ":" port.
   std::string GetHeadend() const;

@@ -61,9 +61,11 @@ class CHeadendSelection : public ApiRunnable {
   /// that was still probing when the time was over.
   void SetProxy(ProxyIfc* pProxy);
 
-  /// Whether the run has been finished; unlocked.
+  /// Whether the run has been finished; any thread may ask. Setting it is the run's own affair.
+  /// @{
   bool isThreadTerminated();
   void setThreadTerminated(bool termFlag);
+  /// @}
 
  private:
   class CSelectionThread;
@@ -175,8 +177,7 @@ class CHeadendSelection::CSelectionThread : public CThread {
   void addHeadendToList(const std::vector<unsigned int>& pings);
   void logThreadPingResults(const std::string& headend, const std::vector<unsigned int>& pings);
 
-  /// The smallest round-trip time that is not 0, at most 9999; 9999 without one. 0 when every probe
-  /// was answered in 0 ms.
+  /// See `metricOfSamples`.
   unsigned int calculateRTTMetric(const std::vector<unsigned int>& rttList);
 
   /// The headend as host, or host ":" port.

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// How a selection ends.
+
 #include "vpn/include/StatusCode.h"
 
 /// Status codes of headend selection (module 0x53).

@@ -29,6 +29,7 @@ class SaxWriterIfc;
 /// thread of the cache's own, so that a slow disk holds nobody up for longer than is said here.
 class CSelectionCache {
  public:
+  /// Selections that are kept at most.
   static constexpr std::size_t MaxEntries = 64;
   /// Largest cache file that is read or written, in bytes.
   static constexpr std::size_t MaxFileSize = std::size_t{16} * 1024 * 1024;
@@ -58,6 +59,7 @@ class CSelectionCache {
 
   /// Looks a candidate set up at the present place. A hit counts as a use of the selection; where
   /// the file's record of that is old, it is renewed in the background.
+  /// @param key the candidate set; left alone.
   /// @param entry receives results, time stamp and key on a hit; is left alone on a miss.
   /// @return whether there is a current selection.
   bool IsInCache(std::string& key, CCacheEntry& entry);

@@ -21,19 +21,22 @@
 /// Used by one thread at a time. What went wrong is told as a sentence for the log.
 class CStateFile {
  public:
+  /// What a reading found.
   enum class Content {
     Unchanged,  ///< the same as at the last successful read or replacement
     Missing,    ///< there is no such file
     Read,       ///< read
     Refused,    ///< not to be trusted, or unreadable; must not be replaced either
   };
+  /// What became of an attempt to lock.
   enum class Locking {
-    Held,
+    Held,    ///< the lock is this process's
     Busy,    ///< another process held the lock for the whole time
     Failed,  ///< the lock cannot be used: no directory, no permission, no such service
   };
+  /// What became of a replacement.
   enum class Replacing {
-    Done,
+    Done,      ///< the new text is in place
     LockLost,  ///< the lock file has been removed, so another process may have replaced the file
                ///< meanwhile: to be begun again, from the lock on
     Failed,    ///< the old file is still in place
@@ -42,7 +45,9 @@ class CStateFile {
   /// @param path empty for no file at all. @param maxSize largest text that is read, in bytes.
   CStateFile(std::string path, std::size_t maxSize);
 
+  /// Whether there is a file at all.
   bool isSet() const { return !m_path.empty(); }
+  /// The path as it was given.
   const std::string& path() const { return m_path; }
 
   /// Holds the lock between processes for the length of a scope, and the directory that the file
@@ -51,13 +56,16 @@ class CStateFile {
    public:
     /// Creates the file's directory when it is missing (mode 0700) and waits for the lock. Where
     /// other users could write there, it fails and leaves nothing behind.
+    /// @param file the file to be locked.
     /// @param patience longest wait.
     Lock(const CStateFile& file, std::chrono::milliseconds patience);
     ~Lock();
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
 
+    /// Whether the lock is held, and if not, why.
     Locking state() const { return m_state; }
+    /// What went wrong, as a sentence for the log; empty while the lock is held.
     const std::string& problem() const { return m_problem; }
     /// Whether the lock file is still the one that others would lock: whoever removes it, or puts
     /// another in its place, lets them in.

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The log.
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -31,8 +34,8 @@ enum CUST_LOG_LEVEL { CUST_LOG_LEVEL_3 = 3 };
 /// many lines it has and whatever other threads write; its second line and those after it are
 /// indented. A call below the severity filter costs one atomic read. Control characters in a
 /// message, except line feeds and tabs, and what is not well-formed UTF-8 are written escaped
-/// (\x1b), so that nothing that came from a network can forge or colour a line; a message is cut at
-/// `MaxMessageLength` bytes and marked " [cut]". Warnings and errors are written out at once.
+/// (`\x1b`), so that nothing that came from a network can forge or colour a line; a message is cut
+/// at `MaxMessageLength` bytes and marked " [cut]". Warnings and errors are written out at once.
 class CAppLog {
  public:
   /// Room for a report of a hundred thousand headends.
@@ -41,12 +44,13 @@ class CAppLog {
   /// One message as a listener sees it: escaped and cut, but not indented. The pointers hold during
   /// the call only.
   struct Record {
-    const char* function;
-    const char* file;
-    unsigned int line;
-    Logging::DebugImportance severity;
-    const std::string& message;
+    const char* function;               ///< the logging function's bare name
+    const char* file;                   ///< its source path
+    unsigned int line;                  ///< in that source
+    Logging::DebugImportance severity;  ///< how much it matters
+    const std::string& message;         ///< its text, without the line's beginning
   };
+  /// Hears messages; see `SetListener`.
   using Listener = std::function<void(const Record&)>;
 
   /// Where the log goes and what it lets through.
@@ -68,13 +72,20 @@ class CAppLog {
   CAppLog() = delete;
 
   /// Writes a printf-style message.
-  /// @param function the calling function's bare name; @param file its source path.
+  /// @param function the calling function's bare name.
+  /// @param file its source path.
+  /// @param line line of the call.
+  /// @param severity how much the message matters.
+  /// @param format of printf(3), for the arguments that follow.
   static void LogDebugMessage(const char* function, const char* file, unsigned int line,
                               Logging::DebugImportance severity, const char* format, ...)
       __attribute__((format(printf, 5, 6)));
 
   /// Reports that the operation `failedCall` failed with `code`, as in
   /// "Return code from connect: 0xFE46000C (Connection refused): extra".
+  /// @param function, file, line, severity as for `LogDebugMessage`.
+  /// @param failedCall the operation that failed.
+  /// @param code what it returned.
   /// @param systemError an errno value that explains the failure, 0 for none.
   /// @param extraText one more word on what was asked for, null for none.
   static void LogReturnCode(const char* function, const char* file, unsigned int line,

@@ -24,8 +24,10 @@ class ApiRunnable {
  public:
   ApiRunnable();
   virtual ~ApiRunnable();
+  /// Does the task, once. It may delete the object.
   virtual void run() = 0;
 
+  /// Takes a hold.
   void enter() noexcept;
 
   /// As `enter`, for who only knows that the memory is still there: takes no hold on an object
@@ -50,6 +52,7 @@ class ApiRunnable {
   static void operator delete(void* memory) noexcept;
 
  protected:
+  /// An object of its own, held by its creator alone.
   ApiRunnable(const ApiRunnable&);
   ApiRunnable& operator=(const ApiRunnable&) = delete;
 

@@ -12,9 +12,9 @@ class CReserveThread {
   /// A body that waits for the thread, in storage of its caller's that must stay where it is until
   /// the body is called.
   struct Body {
-    void* (*function)(void*) = nullptr;
-    void* argument = nullptr;
-    Body* next = nullptr;  // the reserve thread's
+    void* (*function)(void*) = nullptr;  ///< what is called; its result is dropped
+    void* argument = nullptr;            ///< what it is called with
+    Body* next = nullptr;                ///< the reserve thread's
   };
 
   /// Makes the caller a holder, and the thread if there is none.

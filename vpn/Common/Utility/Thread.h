@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// One thread, and how starting it and waiting for it end.
+
 #include <atomic>
 #include <cstddef>
 #include <new>
@@ -26,9 +29,12 @@ enum THREAD_ERRORS : STATUSCODE {
 class IRunnable {
  public:
   IRunnable() = default;
+  /// The body. @return 0 or a failure.
   virtual STATUSCODE Run() = 0;
   virtual ~IRunnable();
+  /// Another one like this, the caller's; null if there can be none.
   virtual IRunnable* Clone() = 0;
+  /// Ends the object's life, where that is not the part of `delete`.
   virtual void Destroy() = 0;
 
   IRunnable(const IRunnable&) = delete;

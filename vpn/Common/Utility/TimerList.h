@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Timers, and how arming one ends.
+
 #include <memory>
 
 #include "vpn/include/StatusCode.h"
@@ -52,7 +55,10 @@ class CTimer {
  public:
   /// @param status receives 0; TIMER_ERROR_BAD_PARAMETER for a null list or callback;
   ///        TIMER_ERROR_MEMALLOC_FAILED.
-  /// @param callback called once, on the list's thread, with `ptrVal` and `longVal`.
+  /// @param pTimerList the list that calls back.
+  /// @param callback called once, on the list's thread, with the two values that follow.
+  /// @param ptrVal not owned; null will do.
+  /// @param longVal any value.
   CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, void* ptrVal,
          unsigned long longVal);
   ~CTimer();

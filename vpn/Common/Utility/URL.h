@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The address of a server.
+
 #include <string>
 
 /// How a URL says it is to be reached.
@@ -44,16 +47,20 @@ class URL {
   /// Parses `text`; a text that is empty or blank gives the empty address. Takes time in proportion
   /// to the text's length, whatever is in it.
   explicit URL(const std::string& text);
+  /// Copies share nothing. What was moved from may be assigned to or destroyed, no more.
+  /// @{
   URL(const URL& other);
   URL(URL&& other) noexcept;
   URL& operator=(const URL& other);
   URL& operator=(URL&& other) noexcept;
+  /// @}
   ~URL();
 
   /// What is wrong with `text`, as a sentence that says how to mend it; empty if it is an address.
   /// The empty text is none.
   static std::string findError(const std::string& text);
 
+  /// How the address says it is to be reached.
   URLPROTOCOL getProtocol() const;
 
   /// The host as it is looked up: a name, an IPv4 address, or an IPv6 address without brackets, its

@@ -15,6 +15,7 @@
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Common/Logging/LegibleText.h"
+#include "vpn/Common/Utility/NearestName.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
@@ -112,7 +113,7 @@ void requireRightMessages(const std::string& text) {
   REQUIRE(line.size() <= longest + LengthOfCut);
   REQUIRE(ConfigurationText::quoted(text).size() <= longest);
   const std::vector<std::string> names{"SelectionPingTimeout", "ProxyHost", "ProxyPort"};
-  const std::string* const meant = ConfigurationText::nearest(text, names);
+  const std::string* const meant = nearestName(text, names);
   REQUIRE(meant == nullptr || std::find(names.begin(), names.end(), *meant) != names.end());
 }
 

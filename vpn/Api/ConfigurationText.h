@@ -61,7 +61,4 @@ std::string oneLine(const std::string& text, std::size_t maxLength);
 /// The same between quotation marks, as much of it as a message needs.
 std::string quoted(const std::string& text);
 
-/// The candidate that was probably meant by a misspelt name; null if none is near.
-const std::string* nearest(const std::string& found, const std::vector<std::string>& candidates);
-
 }  // namespace ConfigurationText

@@ -23,12 +23,12 @@
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/XmlProblem.h"
 #include "vpn/Api/XmlScope.h"
+#include "vpn/Common/Utility/NearestName.h"
 #include "vpn/Common/Utility/URL.h"
 
 namespace {
 
 using ConfigurationText::isBlank;
-using ConfigurationText::nearest;
 using ConfigurationText::oneLine;
 using ConfigurationText::quoted;
 
@@ -67,7 +67,7 @@ std::string allowedText(const std::string& found, const std::vector<std::string>
   if (candidates.empty()) {
     return "; none is allowed here";
   }
-  std::string text = meantText(nearest(found, candidates), open, close) + "; allowed here: ";
+  std::string text = meantText(nearestName(found, candidates), open, close) + "; allowed here: ";
   for (const std::string& candidate : candidates) {
     text += (&candidate == candidates.data() ? "" : ", ") + open + candidate + close;
   }
@@ -645,7 +645,7 @@ bool DocumentReader::checkValue(const PreferenceBase::Definition& definition,
                                ? std::string("it counts as \"") + definition.defaultValue + "\""
                                : "it is left out";
   report(placeOf("value"), "the value " + quoted(value) + " of " + definition.name +
-                               meantText(nearest(value, words), "\"", "\"") + " " +
+                               meantText(nearestName(value, words), "\"", "\"") + " " +
                                oneLine(error, MaxSentenceLength) + "; " + cost);
   return definition.checkedByReader;
 }

@@ -47,6 +47,39 @@ TEST_F(HttpProbeTest, TheRequestIsForTheRootAndSaysLittle) {
                               "\r\nAccept: */*\r\n\r\n");
 }
 
+TEST_F(HttpProbeTest, TheRequestIsToldAsItWasSentIfItIsWanted) {
+  RequestLog log;
+  const ScriptedServer server(answering(kOk, &log));
+  probe(server.port());
+  EXPECT_EQ(results.tstrRequest, "");
+  for (int i = 0; i < 2; ++i) {
+    const HttpProbe::KeptConnection connection;
+    results = {};
+    HttpProbe::SendHttpProbe("127.0.0.1", false, false, server.port(), "ahs", kPatience,
+                             PROXY_DATA(), HttpProbe::HTTP_PROBE_RETURN_REQUEST, results);
+    ASSERT_FALSE(log.all().empty());
+    EXPECT_EQ(results.tstrRequest, log.all().back());
+    EXPECT_THAT(results.tstrRequest, HasSubstr("User-Agent: ahs\r\n"));
+  }
+}
+
+TEST_F(HttpProbeTest, WithoutAConnectionNoRequestIsTold) {
+  const RefusingPort port("127.0.0.1");
+  HttpProbe::SendHttpProbe("127.0.0.1", false, false, port.Where().port, "", kPatience,
+                           PROXY_DATA(), HttpProbe::HTTP_PROBE_RETURN_REQUEST, results);
+  EXPECT_EQ(results.tstrRequest, "");
+}
+
+TEST_F(HttpProbeTest, ARequestToAProxyWhichMayCarryALoginIsNotTold) {
+  RequestLog log;
+  const ScriptedServer server(answering(kOk, &log));
+  proxy.proxyServer = "127.0.0.1:" + std::to_string(server.port());
+  HttpProbe::SendHttpProbe("gw.example", false, false, 80, "", kPatience, proxy,
+                           HttpProbe::HTTP_PROBE_RETURN_REQUEST, results);
+  EXPECT_EQ(log.all().size(), 1U);
+  EXPECT_EQ(results.tstrRequest, "");
+}
+
 TEST_F(HttpProbeTest, AUserAgentIsSentWithoutItsControlCharacters) {
   RequestLog log;
   const ScriptedServer server(answering(kOk, &log));

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "vpn/Api/AHS/HeadendSelection.h"
+#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 #include "vpn/Common/IP/HttpHeaderResponse.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/Clock.h"
@@ -30,12 +31,6 @@ constexpr unsigned int PingOptions = HttpProbe::HTTP_PROBE_RETURN_STATUSCODE |
 /// "Proxy Authentication Required" (RFC 9110, section 15.5.8).
 constexpr unsigned int HttpStatusProxyAuthenticationRequired = 407;
 
-/// Ceiling of a metric, and the metric of a headend without a usable sample.
-constexpr unsigned int WorstMetric = 9999;
-
-/// Failures to connect after which a worker gives its headend up: one may be a lost packet.
-constexpr unsigned int MostConnectFailures = 2;
-
 unsigned int portOf(const URL& headend) {
   unsigned int port = DefaultPort;
   if (!headend.getPort().empty()) {
@@ -44,18 +39,6 @@ unsigned int portOf(const URL& headend) {
     stream >> port;
   }
   return port;
-}
-
-/// Whether the server itself answered, if only with something that is of no use to a client.
-bool isServerAnswer(STATUSCODE status) {
-  return status == 0 || status == HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE ||
-         status == HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE ||
-         status == HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED;
-}
-
-bool isConnectFailure(STATUSCODE status) {
-  return status == HTTP_SESSION_ERROR_CONNECT || status == HTTP_SESSION_ERROR_TIMEOUT ||
-         status == HTTP_SESSION_ERROR_CANNOT_CONNECT;
 }
 
 unsigned int now() { return static_cast<unsigned int>(GetCurrentTimeMillis()); }
@@ -156,7 +139,7 @@ STATUSCODE CHeadendSelection::sendTestPing(HttpProbe::HTTP_PROBE_RESULTS& result
   const STATUSCODE status = HttpProbe::SendHttpProbe(
       m_lastHeadend.getHost(), isSecure, false, static_cast<unsigned short>(port), tstrUserAgent,
       m_settings.nTestPingTimeout, proxyData, TestPingOptions, results);
-  if (!isServerAnswer(status)) {
+  if (worthOfProbe(status) != ProbeWorth::Sample) {
     // The transport's own error says more about the path than the status that it was reduced to.
     CAppLog::LogReturnCode("startPingThreads", LogSource, __LINE__, Logging::DBG_Error,
                            "HttpProbe::SendHttpProbe QIB test ping failed", results.uiLastError, 0,
@@ -277,7 +260,8 @@ bool CHeadendSelection::CSelectionThread::takeSample(STATUSCODE status,
                                                      const HttpProbe::HTTP_PROBE_RESULTS& results,
                                                      std::vector<unsigned int>& pings,
                                                      unsigned int& timeoutCnt) {
-  if (isConnectFailure(status)) {
+  const ProbeWorth worth = worthOfProbe(status);
+  if (worth == ProbeWorth::ConnectFailure) {
     CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
                              "QIB ping timeout or couldn't connect: %s",
                              m_headend.getHost().c_str());
@@ -288,7 +272,7 @@ bool CHeadendSelection::CSelectionThread::takeSample(STATUSCODE status,
     }
     return true;
   }
-  if (status == HTTP_SESSION_ERROR_DNS_RESOLUTION) {
+  if (worth == ProbeWorth::Unresolved) {
     setThreadTerminated(true);
     CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
                              "QIB: DNS error for %s, time: %d", m_headend.getHost().c_str(),
@@ -296,7 +280,7 @@ bool CHeadendSelection::CSelectionThread::takeSample(STATUSCODE status,
     return false;
   }
   pings.push_back(results.uiRtt);
-  if (!isServerAnswer(status)) {
+  if (worth == ProbeWorth::SampleDespiteError) {
     CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
                              "QIB ping error for %s: %d", m_headend.getHost().c_str(),
                              results.uiLastError);
@@ -346,19 +330,7 @@ void CHeadendSelection::CSelectionThread::logThreadPingResults(
 
 unsigned int CHeadendSelection::CSelectionThread::calculateRTTMetric(
     const std::vector<unsigned int>& rttList) {
-  unsigned int minRTT = WorstMetric;
-  unsigned int pingSum = 0;
-  for (const unsigned int rtt : rttList) {
-    pingSum += rtt;
-    if (rtt < minRTT && rtt != 0) {
-      minRTT = rtt;
-    }
-  }
-  // One 0 among others is a measurement gone wrong; nothing but 0 is a headend next door.
-  if (m_numPings == rttList.size() && pingSum == 0) {
-    return 0;
-  }
-  return minRTT;
+  return metricOfSamples(rttList, m_numPings);
 }
 
 std::string CHeadendSelection::CSelectionThread::GetHeadend() {

@@ -122,6 +122,9 @@ void writeResults(const HttpProbe::Report& report, PROBE_OUTCOME& outcome,
   if ((report.options & HttpProbe::HTTP_PROBE_RETURN_LOCATION) != 0) {
     results.tstrLocation = std::move(outcome.location);
   }
+  if ((report.options & HttpProbe::HTTP_PROBE_RETURN_REQUEST) != 0) {
+    results.tstrRequest = std::move(outcome.request);
+  }
 }
 
 void tell(const std::shared_ptr<HttpProbe::Watcher>& watcher,
@@ -159,6 +162,7 @@ void tell(const std::shared_ptr<HttpProbe::Watcher>& watcher,
     request.secure = secure;
     request.port = port;
     request.userAgent = userAgent;
+    request.tellsRequest = (options & HttpProbe::HTTP_PROBE_RETURN_REQUEST) != 0;
     request.timeoutSeconds = timeoutSeconds;
     outcome = send(host, proxyData, request);
   } catch (...) {

@@ -15,6 +15,7 @@ class HttpTransfer;
 /// parallel and share nothing but the settings.
 class HttpProbe {
  public:
+  /// What a probe found out.
   struct HTTP_PROBE_RESULTS {
     /// Round-trip time in milliseconds, rounded to the nearest; 0 when nothing answered. Where the
     /// outcome counts as an answer it is always measured.
@@ -29,6 +30,8 @@ class HttpProbe {
     std::string tstrResponseHeaders;
     /// The value of the answer's Location header; it is never followed.
     std::string tstrLocation;
+    /// The head of the last request that was sent straight to the server; empty when none was.
+    std::string tstrRequest;
   };
 
   /// Which results are wanted; the others stay as they are.
@@ -38,6 +41,7 @@ class HttpProbe {
     HTTP_PROBE_RETURN_LAST_ERROR = 4,
     HTTP_PROBE_RETURN_RTT = 8,
     HTTP_PROBE_RETURN_LOCATION = 16,
+    HTTP_PROBE_RETURN_REQUEST = 32,
   };
 
   /// What `uiRtt` is.
@@ -60,14 +64,14 @@ class HttpProbe {
   /// Everything known of one probe, in the order of events. Times are in microseconds from the
   /// start of the probe, -1 for what did not happen; round trips are durations.
   struct Report {
-    std::string host;
-    unsigned short port = 0;
-    bool secure = false;
-    unsigned int options = 0;  ///< as given to `SendHttpProbe`
-    STATUSCODE status = 0;
-    unsigned int rttMs = 0;  ///< what `uiRtt` is for this probe
-    unsigned int httpStatus = 0;
-    unsigned int transportError = 0;
+    std::string host;                 ///< as given to `SendHttpProbe`, like port and secure
+    unsigned short port = 0;          ///< 1 to 65535
+    bool secure = false;              ///< HTTPS
+    unsigned int options = 0;         ///< as given to `SendHttpProbe`
+    STATUSCODE status = 0;            ///< as `SendHttpProbe` returns it
+    unsigned int rttMs = 0;           ///< what `uiRtt` is for this probe
+    unsigned int httpStatus = 0;      ///< what `uiHttpStatusCode` is; 0: none
+    unsigned int transportError = 0;  ///< what `uiLastError` is
     bool reused = false;           ///< on an earlier probe's connection; then the next two are -1
     long long connectUs = -1;      ///< the connection stood
     long long tlsUs = -1;          ///< the TLS handshake was done
@@ -84,6 +88,7 @@ class HttpProbe {
     virtual ~Watcher();
     /// A probe is about to start; only host, port, secure and options are known.
     virtual void ProbeStarted(const Report& report) = 0;
+    /// A probe is over; everything of its report is known.
     virtual void ProbeEnded(const Report& report) = 0;
   };
 
@@ -132,6 +137,7 @@ class HttpProbe {
   ///        alone, by Basic, NTLM or Negotiate as it asks: the strongest, and a password's if there
   ///        is no ticket for Negotiate.
   /// @param options bit-or of HTTP_PROBE_OPTIONS.
+  /// @param results receives what `options` name; the rest is left alone.
   /// @return HTTP_SESSION_SUCCESS when the server (or a proxy on its behalf) answered with HTTP,
   ///         whatever the status code. Otherwise HTTP_SESSION_ERROR_ and one of
   ///

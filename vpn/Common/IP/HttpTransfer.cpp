@@ -173,6 +173,7 @@ class HttpTransfer::Impl {
     /// The head is complete and the rest of the answer is under way.
     bool bodyDue = false;
     long long closedRttUs = kUnknown;
+    std::string request;
     AnswerHead head;
   };
 
@@ -200,6 +201,7 @@ class HttpTransfer::Impl {
   void setUpProxy(const PROBE_REQUEST& request);
   void setUpTls();
   void setUpCallbacks();
+  void setUpTelling(const PROBE_REQUEST& request);
   void dropCredentials();
 
   PROBE_OUTCOME attempt(const PROBE_REQUEST& request);
@@ -220,6 +222,7 @@ class HttpTransfer::Impl {
   static curl_socket_t onOpen(void* self, curlsocktype purpose, curl_sockaddr* address);
   static int onClose(void* self, curl_socket_t connection);
   static int onRequest(void* self, char* address, char* local, int port, int localPort);
+  static int onTalk(CURL* handle, curl_infotype type, char* data, std::size_t size, void* self);
   static CURLcode onTlsContext(CURL* handle, void* context, void* self);
   static int onClientCertificate(SSL* connection, X509** certificate, EVP_PKEY** key);
   static void onTlsMessage(int sent, int version, int type, const void* data, std::size_t length,
@@ -436,6 +439,7 @@ void HttpTransfer::Impl::setUp(const PROBE_REQUEST& request) {
   set(CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
   set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
   setUpCallbacks();
+  setUpTelling(request);
 }
 
 void HttpTransfer::Impl::setUpCallbacks() {
@@ -449,6 +453,15 @@ void HttpTransfer::Impl::setUpCallbacks() {
   set(CURLOPT_CLOSESOCKETDATA, this);
   set(CURLOPT_PREREQFUNCTION, &Impl::onRequest);
   set(CURLOPT_PREREQDATA, this);
+}
+
+/// One to a proxy may carry credentials, of which no copy is made.
+void HttpTransfer::Impl::setUpTelling(const PROBE_REQUEST& request) {
+  if (request.tellsRequest && request.IsDirect()) {
+    set(CURLOPT_DEBUGFUNCTION, &Impl::onTalk);
+    set(CURLOPT_DEBUGDATA, this);
+    set(CURLOPT_VERBOSE, 1L);
+  }
 }
 
 /// The address is put together from its parts, so that none can reach into another.
@@ -532,6 +545,7 @@ void HttpTransfer::Impl::collect(PROBE_OUTCOME& outcome) {
     outcome.location = location->value;
   }
   outcome.headers = m_seen.head.TakeLines();
+  outcome.request = std::move(m_seen.request);
 }
 
 void HttpTransfer::Impl::collectTimes(PROBE_OUTCOME& outcome) {
@@ -626,6 +640,19 @@ int HttpTransfer::Impl::onRequest(void* self, char*, char*, int, int localPort) 
         transfer.m_target.secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
   }
   return CURL_PREREQFUNC_OK;
+}
+
+int HttpTransfer::Impl::onTalk(CURL*, curl_infotype type, char* data, std::size_t size,
+                               void* self) {
+  // libcurl is C and cannot be thrown through.
+  try {
+    if (type == CURLINFO_HEADER_OUT) {
+      static_cast<Impl*>(self)->m_seen.request.assign(data, size);
+    }
+  } catch (...) {
+    return 0;
+  }
+  return 0;
 }
 
 /// libcurl calls this once the connection stands and the handshake is about to start. Some of its

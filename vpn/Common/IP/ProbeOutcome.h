@@ -29,6 +29,7 @@ struct PROBE_OUTCOME {
   std::string address;
   std::string headers;
   std::string location;
+  std::string request;
 
   /// A connection reset before libcurl looked at it counts: something had answered.
   bool Connected() const;

@@ -12,6 +12,8 @@ struct PROBE_TARGET {
   bool secure = false;
   unsigned short port = 0;
   std::string userAgent;
+  /// The request is wanted back as it was sent.
+  bool tellsRequest = false;
 
   bool operator==(const PROBE_TARGET&) const = default;
 };

@@ -1,0 +1,60 @@
+// The name that a misspelt one was probably meant to be. Whoever wrote it, a comparison is bounded.
+
+#include "vpn/Common/Utility/NearestName.h"
+
+#include <algorithm>
+#include <limits>
+#include <string_view>
+
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+// Names longer than this are no misspelling of ours, and the comparison takes the square of it.
+constexpr std::size_t MaxNameToCompare = 64;
+
+/// How many letters must be inserted, removed, replaced or swapped with their neighbour to turn one
+/// text into the other.
+std::size_t editDistance(std::string_view from, std::string_view to) {
+  std::vector<std::size_t> beforeLast(to.size() + 1);
+  std::vector<std::size_t> last(to.size() + 1);
+  std::vector<std::size_t> row(to.size() + 1);
+  for (std::size_t j = 0; j <= to.size(); ++j) {
+    last[j] = j;
+  }
+  for (std::size_t i = 1; i <= from.size(); ++i) {
+    row[0] = i;
+    for (std::size_t j = 1; j <= to.size(); ++j) {
+      const std::size_t replaced = last[j - 1] + (from[i - 1] == to[j - 1] ? 0 : 1);
+      row[j] = std::min({last[j] + 1, row[j - 1] + 1, replaced});
+      if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1]) {
+        row[j] = std::min(row[j], beforeLast[j - 2] + 1);
+      }
+    }
+    beforeLast.swap(last);
+    last.swap(row);
+  }
+  return last[to.size()];
+}
+
+}  // namespace
+
+const std::string* nearestName(const std::string& found,
+                               const std::vector<std::string>& candidates) {
+  if (found.size() > MaxNameToCompare) {
+    return nullptr;
+  }
+  const std::string* best = nullptr;
+  std::size_t bestDistance = std::numeric_limits<std::size_t>::max();
+  for (const std::string& candidate : candidates) {
+    const std::size_t distance =
+        editDistance(CStringUtils::toLower(found), CStringUtils::toLower(candidate));
+    const std::size_t tolerated = std::max<std::size_t>(1, candidate.size() / 3);
+    const bool keepsALetter = distance < candidate.size();
+    if (keepsALetter && distance <= tolerated && distance < bestDistance) {
+      best = &candidate;
+      bestDistance = distance;
+    }
+  }
+  return best;
+}

@@ -3,13 +3,13 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "cli/CacheReport.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/FileOptions.h"
+#include "cli/Json.h"
 #include "cli/Paths.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -17,10 +17,8 @@
 
 namespace {
 
-using json = nlohmann::ordered_json;
+using json = Json;
 
-constexpr int JsonSchema = 1;
-constexpr int JsonIndent = 2;
 constexpr int ExitDone = ExitSelected;
 // The cache cannot be shown or cleared; the command line was right.
 constexpr int ExitUnusable = ExitNotMeasured;
@@ -32,11 +30,6 @@ struct CacheOptions {
   SelectOptions files;
   bool json = false;
 };
-
-std::string asText(const json& object) {
-  // A path may be no UTF-8.
-  return object.dump(JsonIndent, ' ', false, json::error_handler_t::replace) + "\n";
-}
 
 // The path of the cache file; empty after a complaint.
 std::string findCacheFile(const CacheOptions& options) {
@@ -88,10 +81,10 @@ int showCache(const CacheOptions& options) {
 int tellCleared(const CacheOptions& options, const std::string& path, bool wasThere,
                 std::size_t selections) {
   if (options.json) {
-    return Console::writeResult(asText({{"schema", JsonSchema},
-                                        {"path", path},
-                                        {"removed", wasThere},
-                                        {"selections", selections}}),
+    return Console::writeResult(jsonText({{"schema", JsonSchema},
+                                          {"path", path},
+                                          {"removed", wasThere},
+                                          {"selections", selections}}),
                                 ExitDone);
   }
   return Console::writeResult(
@@ -133,10 +126,11 @@ int showPath(const CacheOptions& options) {
     return ExitUsage;
   }
   return Console::writeResult(
-      options.json ? asText({{"schema", JsonSchema},
-                             {"path", path},
-                             {"exists", CStateFile(path, CSelectionCache::MaxFileSize).isThere()}})
-                   : path + "\n",
+      options.json
+          ? jsonText({{"schema", JsonSchema},
+                      {"path", path},
+                      {"exists", CStateFile(path, CSelectionCache::MaxFileSize).isThere()}})
+          : path + "\n",
       ExitDone);
 }
 

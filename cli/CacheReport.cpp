@@ -9,10 +9,10 @@
 
 #include <algorithm>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "cli/Console.h"
+#include "cli/Json.h"
 #include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -21,10 +21,8 @@
 
 namespace {
 
-using json = nlohmann::ordered_json;
+using json = Json;
 
-constexpr int JsonSchema = 1;
-constexpr int JsonIndent = 2;
 constexpr unsigned long SecondsPerMinute = 60;
 constexpr unsigned long SecondsPerHour = 60 * SecondsPerMinute;
 constexpr unsigned long SecondsPerDay = 24 * SecondsPerHour;
@@ -258,5 +256,5 @@ std::string cacheReportAsJson(const CacheReport& report) {
                        {"clearCacheDays", report.clearCacheDays},
                        {"selections", selections}};
   // A path may be no UTF-8.
-  return object.dump(JsonIndent, ' ', false, json::error_handler_t::replace) + "\n";
+  return jsonText(object);
 }

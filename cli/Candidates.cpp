@@ -11,6 +11,7 @@
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/InstanceSmartPtr.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -66,6 +67,15 @@ HostEntry entryOf(const ProfileMgr::LeftOutHost& leftOut) {
           "left out: " + leftOut.reason};
 }
 
+}  // namespace
+
+Place placeOf(const std::string& host, unsigned short port) {
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+    return {host.substr(1, host.size() - 2), port};
+  }
+  return {host, port};
+}
+
 Candidate candidateOf(const std::string& name, const std::string& address) {
   const URL url(address);
   const unsigned short port =
@@ -75,13 +85,11 @@ Candidate candidateOf(const std::string& name, const std::string& address) {
   return {name, url.getHostAndPort(false), placeOf(url.getHost(), port)};
 }
 
-}  // namespace
-
-Place placeOf(const std::string& host, unsigned short port) {
-  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
-    return {host.substr(1, host.size() - 2), port};
-  }
-  return {host, port};
+std::string nameBeside(const std::string& headend, const std::string& name) {
+  const std::string place = CStringUtils::toLower(headend);
+  const bool isAddress = CStringUtils::toLower(name) == place ||
+                         CStringUtils::toLower(URL(name).getHostAndPort(false)) == place;
+  return isAddress ? "" : name;
 }
 
 std::vector<HostEntry> findHostEntries() {

@@ -29,6 +29,13 @@ struct HostEntry {
 /// The place that a probe with this host and port goes to.
 Place placeOf(const std::string& host, unsigned short port);
 
+/// The headend at an address.
+Candidate candidateOf(const std::string& name, const std::string& address);
+
+/// The name of a host entry as it is told beside its headend's address; empty where it is no name
+/// but the address itself, in whichever spelling.
+std::string nameBeside(const std::string& headend, const std::string& name);
+
 /// All host entries, in ascending order of their names, and what becomes of each: those of a
 /// profile in which the switch is on or left to the user take part. An entry that has a mistake, or
 /// another entry's name, comes after that one. Reads the process's preference manager; empty when

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <span>
 
 #include "cli/Console.h"
 #include "cli/Explanation.h"
@@ -24,7 +25,13 @@ constexpr std::size_t NameColumn = 32;
 constexpr int Width = 760;
 constexpr int BarsStart = 250;
 constexpr int BarsEnd = 680;
-constexpr int RowHeight = 24;
+constexpr int LowRow = 24;
+// With a name above the address.
+constexpr int HighRow = 36;
+// From the middle of a row down to the base of a line: of a single one, and of two.
+constexpr int Base = 4;
+constexpr int UpperBase = -3;
+constexpr int LowerBase = 11;
 constexpr int BarHeight = 12;
 constexpr int Margin = 12;
 constexpr int AxisHeight = 34;
@@ -36,7 +43,8 @@ constexpr const char* Style =
     "--dot:#1d4f91;font:13px system-ui,'DejaVu Sans',sans-serif}"
     "@media(prefers-color-scheme:dark){.ahs{--ink:#e3e8ee;--soft:#93a0ae;--line:#3a4450;"
     "--bar:#4d6480;--first:#5fbd85;--dot:#bcd3f2}}"
-    ".ahs text{fill:var(--ink)}.ahs .soft{fill:var(--soft)}.ahs .grid{stroke:var(--line)}"
+    ".ahs text{fill:var(--ink)}.ahs .soft{fill:var(--soft)}.ahs .small{font-size:11px}.ahs "
+    ".grid{stroke:var(--line)}"
     ".ahs .bar{fill:var(--bar)}.ahs .first{fill:var(--first)}.ahs .dot{fill:var(--dot)}</style>\n";
 
 /// A number with at most one decimal, without one where it is whole.
@@ -111,8 +119,7 @@ std::string axis(const Scale& scale, double bottom) {
   return ticks;
 }
 
-std::string bar(const HeadendResult& headend, const Scale& scale, double top, bool isFirst) {
-  const double middle = top + RowHeight / 2.0;
+std::string bar(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
   std::string drawn = std::string("<rect class=\"") + (isFirst ? "first" : "bar") + "\" rx=\"2\"" +
                       attribute("x", BarsStart) + attribute("y", middle - BarHeight / 2.0) +
                       attribute("width", scale.place(*headend.metricMs) - BarsStart) +
@@ -121,18 +128,29 @@ std::string bar(const HeadendResult& headend, const Scale& scale, double top, bo
     drawn += "<circle class=\"dot\"" + attribute("cx", scale.place(sample)) +
              attribute("cy", middle) + attribute("r", DotRadius) + "/>\n";
   }
-  return drawn + text(BarsEnd + 10, middle + 4, "", std::to_string(*headend.metricMs) + " ms");
+  return drawn + text(BarsEnd + 10, middle + Base, "", std::to_string(*headend.metricMs) + " ms");
 }
 
-std::string row(const HeadendResult& headend, const Scale& scale, double top, bool isFirst) {
-  const std::string name = legible(headend.headend, LongestName);
-  std::string drawn = "<g><title>" + asXmlText(name) + ": " + asXmlText(headend.outcome) +
-                      "</title>\n" +
-                      text(Margin, top + RowHeight / 2.0 + 4, "", asXmlText(shortened(name)));
-  drawn += headend.metricMs
-               ? bar(headend, scale, top, isFirst)
-               : text(BarsStart + 6, top + RowHeight / 2.0 + 4, "soft", asXmlText(headend.outcome));
-  return drawn + "</g>\n";
+/// A person looks for the name, so it stands above the address.
+std::string label(const HeadendResult& headend, double middle) {
+  const std::string address = asXmlText(shortened(legible(headend.headend, LongestName)));
+  const std::string name = nameBeside(headend.headend, headend.name);
+  if (name.empty()) {
+    return text(Margin, middle + Base, "", address);
+  }
+  return text(Margin, middle + UpperBase, "", asXmlText(shortened(legible(name, LongestName)))) +
+         text(Margin, middle + LowerBase, "soft small", address);
+}
+
+std::string row(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
+  // Both names of a headend and the parentheses.
+  const std::string title = legible(titleOf(headend), 2 * LongestName + 3);
+  return "<g><title>" + asXmlText(title) + ": " + asXmlText(headend.outcome) + "</title>\n" +
+         label(headend, middle) +
+         (headend.metricMs
+              ? bar(headend, scale, middle, isFirst)
+              : text(BarsStart + 6, middle + Base, "soft", asXmlText(headend.outcome))) +
+         "</g>\n";
 }
 
 }  // namespace
@@ -167,16 +185,22 @@ std::string chartOf(const SelectionResult& result) {
   const std::size_t rows = std::min(result.results.size(), MostRows);
   const std::size_t left = result.results.size() - rows;
   const Scale scale = scaleFor(result);
-  const double bottom = Margin + static_cast<double>(rows) * RowHeight;
-  const double height = bottom + AxisHeight + (left > 0 ? RowHeight : 0);
+  const auto drawn = std::span(result.results).first(rows);
+  const bool hasNames = std::ranges::any_of(drawn, [](const HeadendResult& headend) {
+    return !nameBeside(headend.headend, headend.name).empty();
+  });
+  const int rowHeight = hasNames ? HighRow : LowRow;
+  const double bottom = Margin + static_cast<double>(rows) * rowHeight;
+  const double height = bottom + AxisHeight + (left > 0 ? LowRow : 0);
   std::string svg = "<svg xmlns=\"http://www.w3.org/2000/svg\" class=\"ahs\" role=\"img\"" +
                     attribute("width", Width) + attribute("height", height) + " viewBox=\"0 0 " +
                     number(Width) + " " + number(height) + "\" aria-label=\"" +
                     asXmlText(decisionInWords(result)) + "\">\n" + Style + axis(scale, bottom);
-  for (std::size_t i = 0; i < rows; ++i) {
-    const HeadendResult& headend = result.results[i];
+  double middle = Margin + rowHeight / 2.0;
+  for (const HeadendResult& headend : drawn) {
     const bool isFirst = !result.headends.empty() && headend.headend == result.headends.front();
-    svg += row(headend, scale, Margin + static_cast<double>(i) * RowHeight, isFirst);
+    svg += row(headend, scale, middle, isFirst);
+    middle += rowHeight;
   }
   if (left > 0) {
     svg += text(Margin, height - 8, "soft", "and " + std::to_string(left) + " more");

@@ -1,12 +1,18 @@
 #pragma once
 
+#include <string>
+
 /// What the process tells its caller. Scripts rely on these numbers.
 enum ExitStatus : int {
   ExitSelected = 0,      ///< a headend was selected, measured now or found in the cache
   ExitNotMeasured = 1,   ///< nothing could be measured
+  ExitMeasured = 0,      ///< of a probe: the headend would have a metric
   ExitNoMistakes = 0,    ///< of the commands that look into files: what was asked for is printed
   ExitMistakes = 1,      ///< files that were checked have mistakes
   ExitUsage = 2,         ///< usage, configuration, or output that could not be written
   ExitProxyAsks = 3,     ///< a proxy asks for authentication
   ExitSignalBase = 128,  ///< added to the number of the signal that ended the process
 };
+
+/// What each status means, of which commands: a line each.
+std::string exitStatusTable();

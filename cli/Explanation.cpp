@@ -28,7 +28,7 @@ constexpr std::size_t MostNames = 10;
 
 constexpr long long MicrosecondsPerMillisecond = 1000;
 
-std::string name(const HeadendResult& headend) { return Console::visible(headend.headend); }
+std::string name(const HeadendResult& headend) { return Console::visible(titleOf(headend)); }
 
 std::string milliseconds(unsigned int metric) { return std::to_string(metric) + " ms"; }
 
@@ -174,7 +174,7 @@ std::string earlyLines(const SelectionResult& result, const Decision& decision) 
            " ms";
   };
   std::string text =
-      line("odd", Console::visible(first.headend) + "'s network answers in " +
+      line("odd", name(*find(result, first.headend)) + "'s network answers in " +
                       inMilliseconds(first.networkUs) + ", it itself in " +
                       inMilliseconds(first.responseUs) +
                       (decision.earlyAnswers.size() > 1

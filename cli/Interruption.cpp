@@ -83,6 +83,12 @@ void perform(std::function<void()> Interruption::Duties::*duty) {
   }
 }
 
+bool isTakenOver(const siginfo_t& signal) {
+  State& all = state();
+  const CAutoLockT<CManualLock> guard(all.lock);
+  return all.duties.takeOver && all.duties.takeOver(signal.si_signo, signal.si_code == SI_KERNEL);
+}
+
 [[noreturn]] void end(int signal) {
   statusAtEnd = ExitSignalBase + signal;
   limitTidyUp();
@@ -107,15 +113,16 @@ void stop() {
 
 [[noreturn]] void waitForSignals(const sigset_t& signals) {
   while (true) {
-    int signal = 0;
-    if (sigwait(&signals, &signal) != 0) {
+    siginfo_t told{};
+    const int signal = sigwaitinfo(&signals, &told);
+    if (signal < 0) {
       continue;
     }
     if (signal == SIGTSTP) {
       stop();
     } else if (signal == SIGCONT) {
       perform(&Interruption::Duties::afterStop);
-    } else {
+    } else if (!isTakenOver(told)) {
       end(signal);
     }
   }

@@ -16,6 +16,10 @@ class Interruption {
     std::function<void()> beforeStop;
     /// When the process has been continued.
     std::function<void()> afterStop;
+    /// Before `beforeEnd`: whether somebody else answers the signal, so that the process goes on.
+    /// @param signal its number.
+    /// @param toAll it comes from the terminal, which has sent it to the process's children too.
+    std::function<bool(int signal, bool toAll)> takeOver{};
   };
 
   Interruption() = delete;

@@ -66,10 +66,11 @@ winsize terminalSize() {
   return size;
 }
 
-/// Columns that a character may take at most, by its first byte in UTF-8; 0 within a character.
+/// Columns that a character takes, by its first byte in UTF-8; 0 within a character. Letters up to
+/// U+07FF take one, later ones may take two.
 std::size_t columnsOf(char byte) {
   const auto value = static_cast<unsigned char>(byte);
-  return value < 0x80 ? 1 : (value & 0xC0U) == 0x80U ? 0 : 2;
+  return value < 0x80 ? 1 : (value & 0xC0U) == 0x80U ? 0 : value < 0xE0 ? 1 : 2;
 }
 
 std::size_t columnsOf(const std::string& text) {
@@ -78,6 +79,13 @@ std::size_t columnsOf(const std::string& text) {
     columns += columnsOf(byte);
   }
   return columns;
+}
+
+/// Columns that a text takes beyond `columnsOf` on a terminal that draws foreign letters wide.
+std::size_t surplusOf(const std::string& text) {
+  return static_cast<std::size_t>(std::ranges::count_if(text, [](char byte) {
+    return columnsOf(byte) == 1 && static_cast<unsigned char>(byte) >= 0x80;
+  }));
 }
 
 /// As much of `text` as fits, cut between characters.
@@ -129,22 +137,38 @@ std::vector<const LiveRow*> ordered(const std::vector<LiveRow>& rows) {
 /// The columns of a table, and what one of the bar's stands for.
 struct Layout {
   std::size_t width = 0;
-  std::size_t name = 0;
-  std::size_t bar = 0;  // 0 for none
+  std::size_t headend = 0;
+  std::size_t name = 0;  // 0 for none
+  std::size_t bar = 0;   // 0 for none
   unsigned int largest = 1;
 };
+
+/// Columns that address and name take.
+std::size_t startOf(const Layout& layout) {
+  return layout.headend + (layout.name == 0 ? 0 : Gap + layout.name);
+}
 
 Layout layOut(const std::vector<const LiveRow*>& rows, const LiveLook& look) {
   Layout layout;
   layout.width = look.width > 0 ? look.width - 1 : 0;
+  std::size_t name = 0;
+  std::size_t surplus = 0;
   for (const LiveRow* row : rows) {
-    layout.name = std::max(layout.name, columnsOf(Console::visible(row->headend)));
+    const std::string headend = Console::visible(row->headend);
+    const std::string ownName = Console::visible(row->name);
+    layout.headend = std::max(layout.headend, columnsOf(headend));
+    name = std::max(name, columnsOf(ownName));
+    surplus = std::max(surplus, surplusOf(headend + ownName));
     layout.largest = std::max(layout.largest, smallestOf(*row));
   }
-  layout.name = std::min(layout.name, layout.width / 2);
+  layout.width -= std::min(layout.width, surplus);
+  // The rest is for what changes.
+  const std::size_t half = layout.width / 2;
+  layout.headend = std::min(layout.headend, half);
+  layout.name = layout.headend + Gap + name <= half ? name : 0;
   // A quarter of the rest: the words at the end need more.
   constexpr std::size_t Share = 4;
-  const std::size_t bar = (layout.width - layout.name) / Share;
+  const std::size_t bar = (layout.width - startOf(layout)) / Share;
   layout.bar = bar < NarrowestBar ? 0 : std::min(bar, WidestBar);
   return layout;
 }
@@ -172,8 +196,11 @@ std::string rowLine(const LiveRow& row, const Layout& layout, const LiveLook& lo
   std::string words =
       std::string(shift, ' ') + number + std::string(Gap, ' ') + samplesText(row.samplesMs, " ");
   words += row.waitsFor.empty() ? "" : (row.samplesMs.empty() ? "" : "  ") + row.waitsFor;
-  const std::size_t used = layout.name + Gap + (layout.bar == 0 ? 0 : layout.bar + Gap);
-  const std::string start = padded(Console::visible(row.headend), layout.name);
+  const std::size_t used = startOf(layout) + Gap + (layout.bar == 0 ? 0 : layout.bar + Gap);
+  std::string start = padded(Console::visible(row.headend), layout.headend);
+  if (layout.name > 0) {
+    start += std::string(Gap, ' ') + padded(Console::visible(row.name), layout.name);
+  }
   if (used >= layout.width) {
     return cut(start, layout.width);
   }
@@ -206,10 +233,11 @@ std::vector<std::string> liveTable(const LiveState& state, const LiveLook& look)
 
 std::string liveLine(const LiveState& state) { return headline(state, "", ""); }
 
-LiveRow liveRowOf(const std::string& headend, const ProbeRecorder::Track* track,
+LiveRow liveRowOf(const Candidate& candidate, const ProbeRecorder::Track* track,
                   unsigned int probes) {
   LiveRow row;
-  row.headend = headend;
+  row.headend = candidate.headend;
+  row.name = nameBeside(candidate.headend, candidate.name);
   if (track == nullptr) {
     row.waitsFor = "waits to be measured";
     return row;

@@ -5,12 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "cli/Candidates.h"
 #include "cli/ProbeRecorder.h"
 #include "vpn/include/Locks.h"
 
 /// One headend while it is being measured.
 struct LiveRow {
   std::string headend;
+  std::string name;                     ///< beside the headend; empty for none
   std::vector<unsigned int> samplesMs;  ///< so far, in the order in which they came
   std::string waitsFor;                 ///< or what became of it; empty when it is done
 };
@@ -33,7 +35,8 @@ struct LiveLook {
 };
 
 /// The table as lines that fit, none of them wrapped, fewer than `height`: how far the measurement
-/// is, then the headends, nearest first, as many as there is room for.
+/// is, then the headends, nearest first, as many as there is room for. Names stand beside them
+/// where half of the width has room for both.
 std::vector<std::string> liveTable(const LiveState& state, const LiveLook& look);
 
 /// The same for where nothing can be drawn over: one line, without colour.
@@ -42,7 +45,7 @@ std::string liveLine(const LiveState& state);
 /// The row of a headend.
 /// @param track its probes; null before the first.
 /// @param probes how many it gets.
-LiveRow liveRowOf(const std::string& headend, const ProbeRecorder::Track* track,
+LiveRow liveRowOf(const Candidate& candidate, const ProbeRecorder::Track* track,
                   unsigned int probes);
 
 /// A table on the terminal behind standard error that is drawn over and over in the same place and

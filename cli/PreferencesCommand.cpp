@@ -3,22 +3,19 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/FileOptions.h"
+#include "cli/Json.h"
 #include "cli/Table.h"
 #include "vpn/include/InstanceSmartPtr.h"
 
 namespace {
 
-using json = nlohmann::ordered_json;
+using json = Json;
 using Setting = PreferenceMgr::Setting;
-
-constexpr int JsonSchema = 1;
-constexpr int JsonIndent = 2;
 
 /// One preference as a selection sees it.
 struct Effective {
@@ -120,7 +117,7 @@ std::string showJson(const std::vector<Effective>& all) {
                                      {"isDefaultBecauseNotAllowed", effective.isReplaced},
                                      {"settings", settings}});
   }
-  return object.dump(JsonIndent, ' ', false, json::error_handler_t::replace) + "\n";
+  return jsonText(object);
 }
 
 int runShow(const SelectOptions& options) {

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "vpn/include/HttpSession.h"
+#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 
 namespace {
 
@@ -22,8 +22,8 @@ bool hasAnswered(const ProbeRecorder::Track& track) {
 }  // namespace
 
 bool ProbeRecorder::isSample(STATUSCODE status) {
-  return status != HTTP_SESSION_ERROR_CONNECT && status != HTTP_SESSION_ERROR_TIMEOUT &&
-         status != HTTP_SESSION_ERROR_CANNOT_CONNECT && status != HTTP_SESSION_ERROR_DNS_RESOLUTION;
+  const ProbeWorth worth = worthOfProbe(status);
+  return worth == ProbeWorth::Sample || worth == ProbeWorth::SampleDespiteError;
 }
 
 void ProbeRecorder::ProbeStarted(const HttpProbe::Report& report) {

@@ -6,17 +6,14 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 #include "cli/Console.h"
+#include "cli/Json.h"
 #include "vpn/Api/ProfileMgr.h"
 
 namespace {
 
-using json = nlohmann::ordered_json;
-
-constexpr int JsonSchema = 1;
-constexpr int JsonIndent = 2;
+using json = Json;
 
 bool isDirectory(const std::string& path) {
   struct stat status {};
@@ -155,5 +152,5 @@ std::string checkJson(const CheckResult& result) {
     object["lookedAt"] = result.places;
     object["notThere"] = result.missing;
   }
-  return object.dump(JsonIndent, ' ', false, json::error_handler_t::replace) + "\n";
+  return jsonText(object);
 }

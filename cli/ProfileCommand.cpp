@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "cli/Candidates.h"
@@ -11,15 +10,13 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/FileOptions.h"
+#include "cli/Json.h"
 #include "cli/ProfileCheck.h"
 #include "cli/Table.h"
 
 namespace {
 
-using json = nlohmann::ordered_json;
-
-constexpr int JsonSchema = 1;
-constexpr int JsonIndent = 2;
+using json = Json;
 
 struct CheckOptions {
   std::vector<std::string> places;
@@ -93,7 +90,7 @@ std::string listJson(const std::vector<HostEntry>& entries) {
                                {"takesPart", entry.takesPart},
                                {"because", entry.reason}});
   }
-  return object.dump(JsonIndent, ' ', false, json::error_handler_t::replace) + "\n";
+  return jsonText(object);
 }
 
 int runList(const SelectOptions& options) {

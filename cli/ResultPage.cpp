@@ -5,6 +5,8 @@
 
 #include <stdio.h>
 
+#include <algorithm>
+
 #include "cli/Chart.h"
 #include "cli/Explanation.h"
 #include "cli/ProbeRecorder.h"
@@ -20,11 +22,11 @@ background:#fff;color:#1f2933}
 @media(prefers-color-scheme:dark){body{background:#15191e;color:#e3e8ee}}
 h1{font-size:1.35em;margin:0 0 .2em}
 .note{opacity:.7}
-.outcome{white-space:nowrap}
 .wide{overflow-x:auto}
 svg{max-width:100%;height:auto}
-table{border-collapse:collapse;width:100%;font-variant-numeric:tabular-nums}
-th,td{text-align:left;padding:.25em .8em .25em 0;border-bottom:1px solid #8884;vertical-align:top}
+table{border-collapse:collapse;width:100%;font-size:.9em;font-variant-numeric:tabular-nums}
+th,td{text-align:left;padding:.25em .6em .25em 0;border-bottom:1px solid #8884;vertical-align:top;
+overflow-wrap:normal}
 td.n,th.n{text-align:right}
 tr.chosen td{font-weight:600}
 pre{white-space:pre-wrap;padding:1em;background:#8882;border-radius:6px}
@@ -58,12 +60,17 @@ const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
   return nearest;
 }
 
-std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen) {
+bool hasName(const HeadendResult& headend) {
+  return !nameBeside(headend.headend, headend.name).empty();
+}
+
+std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen, bool hasNames) {
   static const HttpProbe::Report NoProbe;
   const HttpProbe::Report* nearest = nearestProbe(headend);
   const HttpProbe::Report& probe = nearest == nullptr ? NoProbe : *nearest;
   return std::string(isChosen ? "<tr class=\"chosen\">" : "<tr>") +
          cell(rank == 0 ? "" : std::to_string(rank), true) + cell(headend.headend) +
+         (hasNames ? cell(nameBeside(headend.headend, headend.name)) : "") +
          cell(headend.metricMs ? std::to_string(*headend.metricMs) : "", true) +
          cell(samplesText(headend.samplesMs, " ")) + cell(headend.outcome) +
          cell(milliseconds(probe.networkRttUs), true) +
@@ -71,8 +78,10 @@ std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen)
 }
 
 std::string tableOf(const SelectionResult& result) {
+  const bool hasNames = std::ranges::any_of(result.results, hasName);
   std::string table =
-      "<div class=\"wide\"><table>\n<thead><tr><th class=\"n\">#</th><th>headend</th>"
+      std::string("<div class=\"wide\"><table>\n<thead><tr><th class=\"n\">#</th>") +
+      "<th>headend</th>" + (hasNames ? "<th>name</th>" : "") +
       "<th class=\"n\">metric, ms</th><th>samples, ms</th><th>outcome</th>"
       "<th class=\"n\">network, ms</th><th class=\"n\">answer, ms</th><th>address</th></tr>"
       "</thead>\n<tbody>\n";
@@ -80,7 +89,7 @@ std::string tableOf(const SelectionResult& result) {
   for (const HeadendResult& headend : result.results) {
     const bool isRanked = rank < result.headends.size() && headend.headend == result.headends[rank];
     rank += isRanked ? 1 : 0;
-    table += rowOf(headend, isRanked ? rank : 0, isRanked && rank == 1);
+    table += rowOf(headend, isRanked ? rank : 0, isRanked && rank == 1, hasNames);
   }
   return table + "</tbody></table></div>\n";
 }

@@ -7,44 +7,23 @@
 
 #include <algorithm>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <set>
 
 #include "cli/Console.h"
 #include "cli/Explanation.h"
+#include "cli/Json.h"
+#include "cli/ReportJson.h"
 #include "cli/SelectOptions.h"
+#include "cli/Table.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Common/Logging/LegibleText.h"
 
 namespace {
 
-using json = nlohmann::ordered_json;
-
-constexpr int JsonSchema = 1;
-constexpr int JsonIndent = 2;
+using json = Json;
 
 bool isSelected(STATUSCODE status) {
   return status == HEADENDSELECTION_SUCCESS || status == HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
-}
-
-// Null tells an event that did not happen.
-json milliseconds(long long microseconds) {
-  constexpr double MicrosecondsPerMillisecond = 1000.0;
-  return microseconds < 0 ? json(nullptr)
-                          : json(static_cast<double>(microseconds) / MicrosecondsPerMillisecond);
-}
-
-json probeAsJson(const HttpProbe::Report& probe) {
-  return {{"status", statusAsHex(probe.status)},
-          {"rttMs", ProbeRecorder::isSample(probe.status) ? json(probe.rttMs) : json(nullptr)},
-          {"httpStatus", probe.httpStatus == 0 ? json(nullptr) : json(probe.httpStatus)},
-          {"address", probe.address.empty() ? json(nullptr) : json(probe.address)},
-          {"reused", probe.reused},
-          {"connectMs", milliseconds(probe.connectUs)},
-          {"tlsMs", milliseconds(probe.tlsUs)},
-          {"totalMs", milliseconds(probe.totalUs)},
-          {"networkRttMs", milliseconds(probe.networkRttUs)},
-          {"responseRttMs", milliseconds(probe.responseRttUs)}};
 }
 
 json headendAsJson(const HeadendResult& headend) {
@@ -53,6 +32,7 @@ json headendAsJson(const HeadendResult& headend) {
     probes.push_back(probeAsJson(probe));
   }
   return {{"headend", headend.headend},
+          {"name", headend.name},
           {"metricMs", headend.metricMs ? json(*headend.metricMs) : json(nullptr)},
           {"samplesMs", headend.samplesMs},
           {"outcome", headend.outcome},
@@ -67,8 +47,8 @@ json decisionAsJson(const SelectionResult& result) {
   json early = json::array();
   for (const EarlyAnswer& answer : decision.earlyAnswers) {
     early.push_back({{"headend", answer.headend},
-                     {"networkRttMs", milliseconds(answer.networkUs)},
-                     {"responseRttMs", milliseconds(answer.responseUs)}});
+                     {"networkRttMs", millisecondsAsJson(answer.networkUs)},
+                     {"responseRttMs", millisecondsAsJson(answer.responseUs)}});
   }
   return {{"words", decisionInWords(result)},
           {"best", nameOf(decision.best)},
@@ -80,7 +60,8 @@ json decisionAsJson(const SelectionResult& result) {
 }
 
 std::string padded(const std::string& text, std::size_t width) {
-  return text + std::string(width > text.size() ? width - text.size() : 0, ' ');
+  const std::size_t own = widthOf(text);
+  return text + std::string(width > own ? width - own : 0, ' ');
 }
 
 std::string describe(const HeadendResult* headend) {
@@ -96,7 +77,34 @@ std::string describe(const HeadendResult* headend) {
 // Width of the number in front of a headend: a list of a thousand still stands in columns.
 constexpr int NumberWidth = 4;
 
-std::string numberedList(const SelectionResult& result, std::size_t width) {
+/// The widths of the columns in front of the metrics.
+struct Columns {
+  std::size_t headend = 0;
+  std::size_t name = 0;  // 0: no headend has a name beside its address
+};
+
+std::string visibleName(const HeadendResult& headend) {
+  return Console::visible(nameBeside(headend.headend, headend.name));
+}
+
+Columns columnsOf(const SelectionResult& result) {
+  Columns columns;
+  for (const HeadendResult& headend : result.results) {
+    columns.headend = std::max(columns.headend, widthOf(Console::visible(headend.headend)));
+    columns.name = std::max(columns.name, widthOf(visibleName(headend)));
+  }
+  return columns;
+}
+
+std::string start(const std::string& headend, const HeadendResult* known, const Columns& columns) {
+  constexpr const char* Gap = "  ";
+  const std::string address = padded(Console::visible(headend), columns.headend) + Gap;
+  return columns.name == 0
+             ? address
+             : address + padded(known == nullptr ? "" : visibleName(*known), columns.name) + Gap;
+}
+
+std::string numberedList(const SelectionResult& result, const Columns& columns) {
   if (result.headends.empty()) {
     return "Headends: none\n";
   }
@@ -108,19 +116,19 @@ std::string numberedList(const SelectionResult& result, std::size_t width) {
   for (std::size_t i = 0; i < result.headends.size(); ++i) {
     char number[32];
     snprintf(number, sizeof number, "%*zu. ", NumberWidth, i + 1);
-    text += number + padded(Console::visible(result.headends[i]), width) + "  " +
-            describe(known[result.headends[i]]) + "\n";
+    const HeadendResult* headend = known[result.headends[i]];
+    text += number + start(result.headends[i], headend, columns) + describe(headend) + "\n";
   }
   return text;
 }
 
-std::string missingList(const SelectionResult& result, std::size_t width) {
+std::string missingList(const SelectionResult& result, const Columns& columns) {
   const std::set<std::string> delivered(result.headends.begin(), result.headends.end());
   std::string text;
   for (const HeadendResult& headend : result.results) {
     if (delivered.count(headend.headend) == 0) {
-      text += std::string(NumberWidth + 2, ' ') + padded(Console::visible(headend.headend), width) +
-              "  " + headend.outcome + "\n";
+      text += std::string(NumberWidth + 2, ' ') + start(headend.headend, &headend, columns) +
+              headend.outcome + "\n";
     }
   }
   return text.empty() ? "" : "Without a result:\n" + text;
@@ -177,13 +185,10 @@ std::string statusInWords(const SelectionResult& result) {
 }
 
 std::string textOutput(const SelectionResult& result) {
-  std::size_t width = 0;
-  for (const HeadendResult& headend : result.results) {
-    width = std::max(width, Console::visible(headend.headend).size());
-  }
+  const Columns columns = columnsOf(result);
   std::string text = result.report;
   text += text.empty() ? "" : "\n";
-  text += numberedList(result, width) + missingList(result, width);
+  text += numberedList(result, columns) + missingList(result, columns);
   text += "Status: " + statusInWords(result) + " (" + statusAsHex(result.status) + " " +
           statusCodeName(result.status) + ")\n";
   return text;
@@ -207,7 +212,7 @@ std::string jsonOutput(const SelectionResult& result) {
     object["results"].push_back(headendAsJson(headend));
   }
   // A realm comes from the network and need not be UTF-8; the output always is.
-  return object.dump(JsonIndent, ' ', false, json::error_handler_t::replace) + "\n";
+  return jsonText(object);
 }
 
 std::string quietOutput(const SelectionResult& result) {

@@ -56,6 +56,7 @@ class Collector {
   HeadendResult resultOf(const std::string& headend, const Candidate* candidate) const {
     HeadendResult result;
     result.headend = headend;
+    result.name = candidate == nullptr ? headend : candidate->name;
     const auto metric = m_metrics.find(headend);
     if (metric != m_metrics.end()) {
       result.metricMs = metric->second;
@@ -85,6 +86,11 @@ class Collector {
 };
 
 }  // namespace
+
+std::string titleOf(const HeadendResult& headend) {
+  const std::string name = nameBeside(headend.headend, headend.name);
+  return headend.headend + (name.empty() ? "" : " (" + name + ")");
+}
 
 std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* separator) {
   std::string text;

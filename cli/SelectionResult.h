@@ -14,6 +14,7 @@
 /// What became of one headend.
 struct HeadendResult {
   std::string headend;                    ///< host, or host ":" port
+  std::string name;                       ///< of its host entry, the first where there are several
   std::optional<unsigned int> metricMs;   ///< none: the headend has no result in this selection
   std::vector<unsigned int> samplesMs;    ///< measured now, in the order in which they came
   std::string outcome;                    ///< see `outcomeOf`
@@ -38,6 +39,10 @@ struct SelectionResult {
   /// The delivered headends in their order, then the other candidates in theirs.
   std::vector<HeadendResult> results;
 };
+
+/// A headend for a person: "gw-ams.example.com:8443 (Amsterdam)", or the address alone where the
+/// host entry has no name of its own. May hold anything: it is still to be made visible.
+std::string titleOf(const HeadendResult& headend);
 
 /// Round trips in decimal, in their order.
 std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* separator);

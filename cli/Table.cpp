@@ -8,12 +8,6 @@
 
 namespace {
 
-std::size_t widthOf(const std::string& text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;  // not what continues a character
-  }));
-}
-
 std::string lineOf(const std::vector<std::string>& cells, const std::vector<std::size_t>& widths) {
   constexpr std::size_t Gap = 2;
   std::string line;
@@ -26,6 +20,12 @@ std::string lineOf(const std::vector<std::string>& cells, const std::vector<std:
 }
 
 }  // namespace
+
+std::size_t widthOf(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;  // not what continues a character
+  }));
+}
 
 std::string tableText(const std::vector<std::string>& heading,
                       const std::vector<std::vector<std::string>>& rows) {

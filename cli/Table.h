@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -8,3 +9,6 @@
 /// of a cell is its number of characters.
 std::string tableText(const std::vector<std::string>& heading,
                       const std::vector<std::vector<std::string>>& rows);
+
+/// Characters of a UTF-8 text.
+std::size_t widthOf(const std::string& text);

@@ -2,53 +2,116 @@
 // with. A subcommand has a source of its own and is added here by one line.
 
 #include <CLI/CLI.hpp>
-#include <sstream>
+#include <algorithm>
 
+#include "cli/BuildFacts.h"
+#include "cli/CommandTree.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
+#include "cli/WrongCommandLine.h"
 
 namespace {
 
-// What CLI11 throws for a wrong command line, and for help and version, which are none.
+constexpr int ExitPrinted = ExitNoMistakes;
+
+// What CLI11 throws for a wrong command line, and for help, which is none.
 int answer(const CLI::App& tool, const CLI::ParseError& error) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-    std::ostringstream text;
-    std::ostringstream unused;
-    static_cast<void>(tool.exit(error, text, unused));
-    return Console::writeResult(text.str(), ExitSelected);
+    const CLI::App* command = &tool;
+    while (!command->get_subcommands().empty()) {
+      command = command->get_subcommands().front();
+    }
+    return Console::writeResult(CommandTree::helpOf(*command), ExitPrinted);
   }
-  std::string command = tool.get_name();
-  for (const CLI::App* chosen = &tool; !chosen->get_subcommands().empty();) {
-    chosen = chosen->get_subcommands().front();
-    command += " " + chosen->get_name();
-  }
-  Console::complain(Console::visible(error.what()) + ". '" + command +
-                    " --help' shows all options.");
+  Console::complain(explainWrongCommandLine(tool, error));
   return ExitUsage;
+}
+
+int showHelp(const CLI::App& tool, const std::vector<std::string>& words) {
+  const CLI::App* command = &tool;
+  for (const std::string& word : words) {
+    const CLI::App* const below = CommandTree::findCommand(*command, word);
+    if (below == nullptr) {
+      Console::complain(explainUnknownCommand(*command, word));
+      return ExitUsage;
+    }
+    command = below;
+  }
+  return Console::writeResult(CommandTree::helpOf(*command), ExitPrinted);
+}
+
+void addHelpCommand(CLI::App& tool, ChosenCommand& chosen) {
+  CLI::App* const command = tool.add_subcommand("help", "Print the help of a command");
+  const auto words = std::make_shared<std::vector<std::string>>();
+  command
+      ->add_option("COMMAND", *words, "Command to print the help of; the tool itself unless given")
+      ->option_text("[COMMAND...]");
+  command->callback([&, words] { chosen = [&tool, words] { return showHelp(tool, *words); }; });
+}
+
+/// Thrown by --version, which needs no command and hears of nothing else on the line.
+struct VersionWanted {};
+
+// A --json of the tool itself exists for its --version; before a command it would be no command's.
+void addVersion(CLI::App& tool) {
+  tool.add_flag_callback(
+      "--version", [] { throw VersionWanted(); },
+      "Print the version, and what the program was built from and runs with");
+  tool.add_flag_function(
+      "--json", [](std::int64_t) {}, "With --version: print one JSON object");
+}
+
+// What stands after the "--" of `ahs exec` is another program's command line and no part of this
+// one.
+std::vector<std::string> takeProgram(int& argumentCount, char** arguments) {
+  std::vector<std::string> program;
+  if (argumentCount < 2 || std::string(arguments[1]) != "exec") {
+    return program;
+  }
+  char** const end = arguments + argumentCount;
+  char** const mark = std::find(arguments, end, std::string("--"));
+  if (mark != end) {
+    program.assign(mark + 1, end);
+    argumentCount = static_cast<int>(mark - arguments);
+  }
+  return program;
 }
 
 }  // namespace
 
 int runTool(int argumentCount, char** arguments) {
+  const std::vector<std::string> program = takeProgram(argumentCount, arguments);
   CLI::App tool("Chooses the VPN gateway (headend) that is nearest.", "ahs");
-  tool.set_version_flag("--version", "ahs " AHS_VERSION, "Print the version and leave");
+  addVersion(tool);
   tool.require_subcommand(1);
-  tool.footer(
-      "Exit status of select: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
-      "3 a proxy asks for a login and was given none or a wrong one,\n"
-      "128 + number of the signal that ended it.");
+  tool.footer("Exit status:\n" + exitStatusTable() +
+              "\n'ahs COMMAND --help' shows the options of a command; the manual is ahs(1).");
   ChosenCommand chosen;
   addSelectCommand(tool, chosen);
+  addWatchCommand(tool, chosen);
+  addExecCommand(tool, chosen, program);
+  addProbeCommand(tool, chosen);
   addProfileCommand(tool, chosen);
   addPreferencesCommand(tool, chosen);
   addCacheCommand(tool, chosen);
+  addCompletionCommand(tool, chosen);
+  addHelpCommand(tool, chosen);
   Interruption::begin();
   try {
     tool.parse(argumentCount, arguments);
+  } catch (const VersionWanted&) {
+    return Console::writeResult(
+        tool.count("--json") > 0 ? BuildFacts::asJson() : BuildFacts::asText(), ExitPrinted);
   } catch (const CLI::ParseError& error) {
     return answer(tool, error);
+  }
+  if (tool.count("--json") > 0) {
+    Console::complain("--json stands behind the command whose result is wanted as JSON, as in '" +
+                      CommandTree::fullName(*tool.get_subcommands().front()) +
+                      " --json'. 'ahs --help' shows all options.");
+    return ExitUsage;
   }
   return chosen();
 }

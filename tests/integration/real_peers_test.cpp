@@ -404,8 +404,8 @@ class Reconnections : public RealPeers {
 
   // The wait begins with the connection, so a client that is slow to ask sees less of it: a machine
   // that is busy with other tests shortens these by some tens of milliseconds.
-  const SlowHaproxyServer m_near{150};
-  const SlowHaproxyServer m_far{200};
+  const SlowHaproxyServer m_near{300};
+  const SlowHaproxyServer m_far{400};
 };
 
 TEST_F(Reconnections, TheLastHeadendIsRetainedWhenItAnswersWithinTheThreshold) {

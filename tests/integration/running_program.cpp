@@ -182,8 +182,12 @@ bool Program::showsWhatIsTyped() const {
   return tcgetattr(m_err, &state) == 0 && (state.c_lflag & ECHO) != 0;
 }
 
-bool Program::waitForError(const std::string& text) {
-  while (m_outcome.err.find(text) == std::string::npos) {
+bool Program::waitForError(const std::string& text) { return waitFor(m_outcome.err, text); }
+
+bool Program::waitForOutput(const std::string& text) { return waitFor(m_outcome.out, text); }
+
+bool Program::waitFor(const std::string& shown, const std::string& text) {
+  while (shown.find(text) == std::string::npos) {
     if (!readSome()) {
       return false;
     }

@@ -43,7 +43,10 @@ class Program {
   /// Reads until standard error has shown `text`, or the program has ended.
   bool waitForError(const std::string& text);
 
-  /// The same for what has been shown since the last call.
+  /// The same for its standard output.
+  bool waitForOutput(const std::string& text);
+
+  /// The same for what standard error has shown since the last call.
   bool waitForNext(const std::string& text);
 
   /// What has been read so far.
@@ -59,6 +62,7 @@ class Program {
   Outcome finish();
 
  private:
+  bool waitFor(const std::string& shown, const std::string& text);
   bool readSome();
 
   pid_t m_pid = -1;

@@ -7,84 +7,37 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/integration/command_test.h"
 #include "tests/integration/running_program.h"
-#include "tests/support/LoopbackSockets.h"
-#include "tests/support/ScriptedServer.h"
 
 namespace {
 
 using nlohmann::json;
-using std::chrono::milliseconds;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
+using tests::ClosedGateway;
+using tests::Far;
+using tests::Gateway;
+using tests::Near;
 using tests::Outcome;
 using tests::Program;
+using tests::readFile;
+using tests::SilentGateway;
 
-constexpr const char* Welcome = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
 constexpr const char* ProxyChallenge =
     "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"Head "
     "office\"\r\n"
     "Content-Length: 0\r\nConnection: close\r\n\r\n";
-// ---- Gateways ---------------------------------------------------------------------------------
-
-/// A gateway on 127.0.0.1 that answers each request with the same text after a delay.
-class Gateway {
- public:
-  explicit Gateway(milliseconds delay, const std::string& answer = Welcome)
-      : m_server([delay, answer](tests::Connection& connection) {
-          connection.readHead();
-          connection.wait(delay);
-          connection.send(answer);
-          connection.drain();
-        }) {}
-
-  std::string port() const { return std::to_string(m_server.port()); }
-  std::string address() const { return "127.0.0.1:" + port(); }
-  unsigned int requests() const { return m_server.accepted(); }
-
- private:
-  tests::ScriptedServer m_server;
-};
-
-/// A gateway that takes connections and never answers.
-class SilentGateway {
- public:
-  SilentGateway() : m_server([](tests::Connection& connection) { connection.waitForPeer(); }) {}
-
-  std::string address() const { return "127.0.0.1:" + std::to_string(m_server.port()); }
-
- private:
-  tests::ScriptedServer m_server;
-};
-
-/// A port that refuses connections.
-class ClosedGateway {
- public:
-  std::string address() const { return m_port.Where().Text(); }
-
- private:
-  tests::RefusingPort m_port{"127.0.0.1"};
-};
-
-std::string readFile(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 std::string withoutIndentation(std::string text) {
   std::size_t at = 0;
   while ((at = text.find("\n  ", at)) != std::string::npos) {
@@ -93,71 +46,14 @@ std::string withoutIndentation(std::string text) {
   return text;
 }
 
-/// A user with a home directory of his own and preferences that make delays count.
-class SelectCommandTest : public testing::Test {
+class SelectCommandTest : public tests::CommandTest {
  protected:
-  SelectCommandTest() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ahs-select-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("no temporary directory");
-    }
-    home = pattern;
-    environment = {"HOME=" + home, "TERM=xterm", "PATH=/usr/bin:/bin"};
-    writePreferences("");
-  }
-  ~SelectCommandTest() override {
-    std::error_code ignored;
-    std::filesystem::remove_all(home, ignored);
-  }
-
-  void writeFile(const std::string& name, const std::string& text) const {
-    const std::filesystem::path file = home + "/" + name;
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file) << text;
-    // Whatever the umask, nobody else may have written it.
-    using std::filesystem::perms;
-    for (std::filesystem::path place = file; place != home; place = place.parent_path()) {
-      std::filesystem::permissions(place, perms::group_write | perms::others_write,
-                                   std::filesystem::perm_options::remove);
-    }
-  }
-
-  void writePreferences(const std::string& more) const {
-    writeFile(".config/ahs/preferences.xml",
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<preferences version=\"1\">\n"
-              "  <preference name=\"RoundTripTime\" value=\"response\"/>\n" +
-                  more + "</preferences>\n");
-  }
-
-  static std::string preference(const std::string& name, const std::string& value) {
-    return "  <preference name=\"" + name + "\" value=\"" + value + "\"/>\n";
-  }
-
-  void writeProfile(const std::string& enabled, const std::string& hosts) const {
-    writeFile(".config/ahs/profiles/office.xml",
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<profile version=\"1\">\n<preferences>\n"
-              "<preference name=\"EnableAutomaticServerSelection\" value=\"" +
-                  enabled + "\" user-controllable=\"false\"/>\n</preferences>\n<hosts>\n" + hosts +
-                  "</hosts>\n</profile>\n");
-  }
-
-  static std::string host(const std::string& name, const std::string& address) {
-    return "<host name=\"" + name + "\" address=\"" + address + "\"/>\n";
-  }
-
-  Outcome run(const std::vector<std::string>& arguments) const {
-    return Program(arguments, environment).finish();
-  }
-
   json runJson(std::vector<std::string> arguments, int exitStatus) const {
     arguments.insert(arguments.begin(), {"select", "--json"});
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.exitStatus, exitStatus) << outcome.err;
     return json::parse(outcome.out, nullptr, false);
   }
-
-  std::string home;
-  std::vector<std::string> environment;
 };
 
 json resultOf(const json& object, const std::string& headend) {
@@ -168,10 +64,6 @@ json resultOf(const json& object, const std::string& headend) {
   }
   return {};
 }
-
-// Far enough apart to be told apart on a busy machine.
-constexpr milliseconds Near{5};
-constexpr milliseconds Far{300};
 
 }  // namespace
 

@@ -127,3 +127,11 @@ TEST(Candidates, WithoutAPreferenceManagerThereAreNone) {
   EXPECT_THAT(findHostEntries(), IsEmpty());
   EXPECT_THAT(findCandidates(), IsEmpty());
 }
+
+TEST(NameBeside, IsEmptyWhereTheNameIsTheAddressInAnySpelling) {
+  EXPECT_EQ(nameBeside("gw.example.com", "gw.example.com"), "");
+  EXPECT_EQ(nameBeside("gw.example.com", "GW.example.com"), "");
+  EXPECT_EQ(nameBeside("gw.example.com:8443", "https://gw.example.com:8443/group"), "");
+  EXPECT_EQ(nameBeside("gw.example.com:8443", "gw.example.com"), "gw.example.com");
+  EXPECT_EQ(nameBeside("gw.example.com", "Bern"), "Bern");
+}

@@ -88,9 +88,23 @@ TEST(Chart, CutsALongNameBetweenCharactersAndKeepsItAsTheTitle) {
   EXPECT_THAT(svg, HasSubstr(">" + name.substr(0, 64) + "\u2026</text>"));
 }
 
+TEST(Chart, ShowsTheNameOfAHostEntryAboveItsAddress) {
+  SelectionResult result = measured({headend("gw-a:8443", 20), headend("gw-b", 40)});
+  EXPECT_THAT(chartOf(result), Not(HasSubstr("soft small")));
+  result.results[0].name = "Bern";
+  const std::string svg = chartOf(result);
+  EXPECT_TRUE(isWellFormed(svg));
+  EXPECT_THAT(svg, HasSubstr("<title>gw-a:8443 (Bern): answered</title>"));
+  EXPECT_THAT(svg, HasSubstr("y=\"27\">Bern</text>"));
+  EXPECT_THAT(svg, HasSubstr("y=\"41\" class=\"soft small\">gw-a:8443</text>"));
+  EXPECT_THAT(svg, HasSubstr("y=\"70\">gw-b</text>"));
+}
+
 TEST(Chart, ShowsMarkupInNamesAsText) {
   const std::string name = "<script>alert('&\"')</script>";
-  const std::string svg = chartOf(measured({headend(name, 10)}));
+  HeadendResult both = headend(name, 10);
+  both.name = "<script>";
+  const std::string svg = chartOf(measured({both}));
   EXPECT_TRUE(isWellFormed(svg));
   EXPECT_THAT(svg, Not(HasSubstr("<script")));
   EXPECT_THAT(svg, HasSubstr("&lt;script&gt;"));
@@ -104,6 +118,7 @@ TEST(Chart, ShowsControlCharactersAndWrongUtf8AsTheirCodes) {
 
 TEST(ResultPage, ShowsMarkupInNamesAsTextEverywhere) {
   SelectionResult result = measured({headend("<b>gw</b>", 10)});
+  result.results[0].name = "<script src='x'>";
   result.last = "</pre><script>";
   result.extraInfo = "<i>";
   const std::string page = pageOf(result, "<now>");
@@ -111,6 +126,16 @@ TEST(ResultPage, ShowsMarkupInNamesAsTextEverywhere) {
     EXPECT_THAT(page, Not(HasSubstr(markup)));
   }
   EXPECT_THAT(page, HasSubstr("&lt;now&gt;"));
+}
+
+TEST(ResultPage, HasAColumnForNamesWhereThereAreAny) {
+  SelectionResult result = measured({headend("gw-a", 20), headend("gw-b", 40)});
+  EXPECT_THAT(pageOf(result, "now"), Not(HasSubstr("<th>name</th>")));
+  result.results[1].name = "Bern";
+  const std::string page = pageOf(result, "now");
+  EXPECT_THAT(page, HasSubstr("<th>headend</th><th>name</th>"));
+  EXPECT_THAT(page, HasSubstr("<td>gw-a</td><td></td>"));
+  EXPECT_THAT(page, HasSubstr("<td>gw-b</td><td>Bern</td>"));
 }
 
 TEST(ResultPage, RanksWhatWasDeliveredAndListsTheRest) {

@@ -47,6 +47,18 @@ TEST(Decision, OfTheOnlyMetricSaysSo) {
             "Chose gw-a: 41 ms, the only metric.");
 }
 
+TEST(Decision, NamesTheHostEntriesBesideTheAddresses) {
+  SelectionResult result = reconnection("gw-b", {headend("gw-b", 46), headend("gw-a", 40)});
+  result.results[0].name = "Bern\x1b[31m";
+  result.results[1].name = "Aarau";
+  result.results[1].probes = {probe(2'000, 95'000)};
+  EXPECT_EQ(decisionInWords(result),
+            "Stays with gw-b (Bern\\x1b[31m): 46 ms, less than 1.20 times the best metric, 40 ms "
+            "of gw-a (Aarau).");
+  EXPECT_THAT(explanation(result), HasSubstr("best:       gw-a (Aarau)  40 ms\n"));
+  EXPECT_THAT(explanation(result), HasSubstr("gw-a (Aarau)'s network answers in 2.0 ms"));
+}
+
 TEST(Decision, KeepsTheLastHeadendBelowTheThreshold) {
   const SelectionResult result =
       reconnection("gw-b", {headend("gw-b", 46), headend("gw-a", 40), headend("gw-c", 90)});

@@ -22,9 +22,9 @@ LiveState someState() {
   state.probesEnded = 5;
   state.elapsed = std::chrono::milliseconds(2600);
   state.budget = std::chrono::milliseconds(10000);
-  state.rows = {{"far", {100, 110}, "waits for answer 3 of 3"},
-                {"lost", {}, "waits for answer 1 of 3"},
-                {"near", {26, 25, 30}, ""}};
+  state.rows = {{"far", "", {100, 110}, "waits for answer 3 of 3"},
+                {"lost", "", {}, "waits for answer 1 of 3"},
+                {"near", "", {26, 25, 30}, ""}};
   return state;
 }
 
@@ -41,6 +41,8 @@ ProbeRecorder::Track track(const std::vector<STATUSCODE>& statuses) {
   }
   return made;
 }
+
+Candidate gateway() { return {"gw", "gw", {"gw", 443}}; }
 
 }  // namespace
 
@@ -92,15 +94,29 @@ TEST(LiveTable, NamesTakeNoMoreThanHalfOfTheWidth) {
   EXPECT_THAT(liveTable(state, look(60))[2], HasSubstr(" 100 ms "));
 }
 
+TEST(LiveTable, ShowsNamesBesideTheAddressesWhereHalfOfTheWidthHasRoomForBoth) {
+  LiveState state = someState();
+  state.rows[0].name = "M\u00fcnchen";
+  state.rows[2].name = "Bern";
+  // One column is left free: a letter of the name may take two.
+  EXPECT_THAT(liveTable(state, look(60)),
+              ElementsAre(HasSubstr("2 of 3"), "near  Bern     ##             25 ms  26 25 30",
+                          "far   M\u00fcnchen  ###########   100 ms  100 110  waits for an",
+                          HasSubstr("lost                                 waits for answer 1 of")));
+  EXPECT_THAT(liveTable(state, look(28)), testing::Contains(StartsWith("near  Bern ")));
+  EXPECT_THAT(liveTable(state, look(27)), Each(Not(HasSubstr("Bern"))));
+}
+
 TEST(LiveTable, ShowsControlCharactersOfNamesAsTheirCodes) {
   LiveState state = someState();
   state.rows[0].headend = "\x1b[2J";
+  state.rows[0].name = "\x1b[31m";
   EXPECT_THAT(liveTable(state, look(80)), Each(Not(HasSubstr("\x1b"))));
 }
 
 TEST(LiveTable, CutsNamesBetweenCharacters) {
   LiveState state = someState();
-  state.rows = {{"\u6771\u4eac\u6771\u4eac\u6771\u4eac", {5}, ""}};
+  state.rows = {{"\u6771\u4eac\u6771\u4eac\u6771\u4eac", "", {5}, ""}};
   // Ten columns of nineteen are left for the name: each character may take two.
   EXPECT_THAT(liveTable(state, look(20))[1], StartsWith("\u6771\u4eac\u6771\u4eac "));
 }
@@ -118,23 +134,30 @@ TEST(LiveTable, NoTimeIsLeftAfterTheLimit) {
 }
 
 TEST(LiveRow, TellsWhatAHeadendWaitsFor) {
-  EXPECT_EQ(liveRowOf("gw", nullptr, 3).waitsFor, "waits to be measured");
+  EXPECT_EQ(liveRowOf(gateway(), nullptr, 3).waitsFor, "waits to be measured");
   const ProbeRecorder::Track none = track({});
-  EXPECT_EQ(liveRowOf("gw", &none, 3).waitsFor, "waits for answer 1 of 3");
+  EXPECT_EQ(liveRowOf(gateway(), &none, 3).waitsFor, "waits for answer 1 of 3");
   const ProbeRecorder::Track two = track({0, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE});
-  EXPECT_EQ(liveRowOf("gw", &two, 3).waitsFor, "waits for answer 3 of 3");
-  EXPECT_THAT(liveRowOf("gw", &two, 3).samplesMs, ElementsAre(10, 11));
+  EXPECT_EQ(liveRowOf(gateway(), &two, 3).waitsFor, "waits for answer 3 of 3");
+  EXPECT_THAT(liveRowOf(gateway(), &two, 3).samplesMs, ElementsAre(10, 11));
+}
+
+TEST(LiveRow, HasTheNameOfTheHostEntryWhereItIsNotTheAddress) {
+  EXPECT_EQ(liveRowOf(gateway(), nullptr, 3).name, "");
+  const LiveRow row = liveRowOf({"Bern", "gw:8443", {"gw", 8443}}, nullptr, 3);
+  EXPECT_EQ(row.headend, "gw:8443");
+  EXPECT_EQ(row.name, "Bern");
 }
 
 TEST(LiveRow, OfAHeadendThatIsDoneWaitsForNothing) {
   const ProbeRecorder::Track done = track({0, HTTP_SESSION_ERROR_TIMEOUT, 0});
-  EXPECT_THAT(liveRowOf("gw", &done, 3).waitsFor, IsEmpty());
+  EXPECT_THAT(liveRowOf(gateway(), &done, 3).waitsFor, IsEmpty());
 }
 
 TEST(LiveRow, TellsWhyNoMoreProbesAreSent) {
   const ProbeRecorder::Track unknown = track({HTTP_SESSION_ERROR_DNS_RESOLUTION});
-  EXPECT_EQ(liveRowOf("gw", &unknown, 3).waitsFor, "name not resolved");
+  EXPECT_EQ(liveRowOf(gateway(), &unknown, 3).waitsFor, "name not resolved");
   const ProbeRecorder::Track closed =
       track({HTTP_SESSION_ERROR_CANNOT_CONNECT, HTTP_SESSION_ERROR_CANNOT_CONNECT});
-  EXPECT_EQ(liveRowOf("gw", &closed, 3).waitsFor, "cannot connect");
+  EXPECT_EQ(liveRowOf(gateway(), &closed, 3).waitsFor, "cannot connect");
 }

@@ -73,6 +73,19 @@ TEST(TextOutput, IsReportThenListThenStatus) {
             "(0xFE530010 HEADENDSELECTION_ERROR_ADDED_TO_CACHE)\n");
 }
 
+TEST(TextOutput, ShowsTheNamesOfHostEntriesInAColumnOfTheirOwn) {
+  SelectionResult result = measured();
+  result.results[0].name = "M\u00fcnchen";
+  result.results[1].name = "gw-a";
+  result.results[2].name = "Oslo\x1b[2J";
+  const std::string text = textOutput(result);
+  EXPECT_THAT(text, testing::StartsWith(result.report));
+  EXPECT_THAT(text, HasSubstr("   1. gw-b:8443  M\u00fcnchen      20 ms\n"
+                              "   2. gw-a                    40 ms (untrusted certificate)\n"
+                              "Without a result:\n"
+                              "      gw-c       Oslo\\x1b[2J  cannot connect\n"));
+}
+
 TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {"gw-a"});
   result.results = {headend("gw-a", std::nullopt, "timed out")};
@@ -132,6 +145,15 @@ TEST(JsonOutput, AHeadendWithoutAResultHasNullsInPlaceOfNumbers) {
   EXPECT_TRUE(last.at("probes").at(0).at("address").is_null());
 }
 
+TEST(JsonOutput, TellsTheNameOfEachHostEntry) {
+  SelectionResult result = measured();
+  result.results[0].name = "Bern";
+  result.results[1].name = "gw-a";
+  const json results = json::parse(jsonOutput(result)).at("results");
+  EXPECT_EQ(results.at(0).at("name"), "Bern");
+  EXPECT_EQ(results.at(1).at("name"), "gw-a");
+}
+
 TEST(JsonOutput, ARealmThatIsNotUtf8StillGivesJson) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED, {});
   result.extraInfo = "caf\xe9";
@@ -139,7 +161,11 @@ TEST(JsonOutput, ARealmThatIsNotUtf8StillGivesJson) {
   EXPECT_EQ(object.at("extraInfo"), "caf\xef\xbf\xbd");
 }
 
-TEST(QuietOutput, IsTheFirstHeadendAlone) { EXPECT_EQ(quietOutput(measured()), "gw-b:8443\n"); }
+TEST(QuietOutput, IsTheFirstHeadendAlone) {
+  SelectionResult result = measured();
+  result.results[0].name = "Bern";
+  EXPECT_EQ(quietOutput(result), "gw-b:8443\n");
+}
 
 TEST(QuietOutput, IsNothingWithoutAHeadend) {
   EXPECT_EQ(quietOutput(failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {})), "");

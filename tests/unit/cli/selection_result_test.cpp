@@ -115,6 +115,15 @@ TEST(CollectResults, AHeadendOfTwoEntriesIsToldOnce) {
   EXPECT_EQ(results[0].metricMs, 5U);
 }
 
+TEST(CollectResults, AHeadendHasTheNameOfItsFirstEntry) {
+  const auto results = collectResults(
+      {"gw-a"}, {{"Bern", "gw-a", placeOf("gw-a", 443)}, {"Capital", "gw-a", placeOf("gw-a", 443)}},
+      {}, {}, false);
+  ASSERT_EQ(results.size(), 1U);
+  EXPECT_EQ(results[0].name, "Bern");
+  EXPECT_EQ(titleOf(results[0]), "gw-a (Bern)");
+}
+
 TEST(CollectResults, TheHeadendThatIsOnlyRetainedHasNoMetric) {
   const auto results = collectResults({"gw-a"}, {candidate("gw-a")}, {}, {}, false);
   ASSERT_EQ(results.size(), 1U);

@@ -1,0 +1,131 @@
+// The facts about the build, and the versions of the libraries: as the headers had them when this
+// was compiled, and as the libraries say when it runs, where they can be asked and the answer
+// differs.
+
+#include "cli/BuildFacts.h"
+
+#include <curl/curl.h>
+#include <libxml/parser.h>
+#include <openssl/crypto.h>
+#include <openssl/opensslv.h>
+#include <spdlog/version.h>
+
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <vector>
+
+#include "cli/BuildCommit.h"
+#include "cli/Json.h"
+#include "vpn/Api/AHS/CacheDocument.h"
+
+namespace {
+
+// The version of both formats that a person writes, the one that their schemas allow.
+constexpr int ProfileVersion = 1;
+
+struct Library {
+  std::string name;
+  std::string built;
+  std::optional<std::string> running;  // nothing where the library cannot be asked
+  std::string with;                    // what it works with, for one that has a choice
+};
+
+std::string dotted(int major, int minor, int patch) {
+  return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch);
+}
+
+/// "20914-GITv2.9.14" is 2.9.14.
+std::string libxmlVersion() {
+  constexpr int Hundred = 100;
+  constexpr int Decimal = 10;
+  const auto number = static_cast<int>(std::strtol(xmlParserVersion, nullptr, Decimal));
+  return dotted(number / (Hundred * Hundred), number / Hundred % Hundred, number % Hundred);
+}
+
+std::vector<Library> libraries() {
+  const curl_version_info_data* const curl = curl_version_info(CURLVERSION_NOW);
+  return {
+      {"libcurl", LIBCURL_VERSION, curl->version,
+       curl->ssl_version != nullptr ? curl->ssl_version : ""},
+      {"OpenSSL", OPENSSL_VERSION_STR, OpenSSL_version(OPENSSL_VERSION_STRING), ""},
+      {"libxml2", LIBXML_DOTTED_VERSION, libxmlVersion(), ""},
+      {"spdlog", dotted(SPDLOG_VER_MAJOR, SPDLOG_VER_MINOR, SPDLOG_VER_PATCH), std::nullopt, ""},
+      {"libproxy", AHS_LIBPROXY_VERSION, std::nullopt, ""},
+  };
+}
+
+std::string compiler() {
+#if defined(__clang__)
+  return "clang " + dotted(__clang_major__, __clang_minor__, __clang_patchlevel__);
+#else
+  return "g++ " + dotted(__GNUC__, __GNUC_MINOR__, __GNUC_PATCHLEVEL__);
+#endif
+}
+
+std::string standardLibrary() {
+#if defined(_LIBCPP_VERSION)
+  return "libc++ " + std::to_string(_LIBCPP_VERSION);
+#else
+  return "libstdc++ " + std::to_string(_GLIBCXX_RELEASE) + " (" + std::to_string(__GLIBCXX__) + ")";
+#endif
+}
+
+std::string orNone(const char* text) { return *text == '\0' ? "none" : text; }
+
+Json orNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
+
+std::string line(std::string name, const std::string& value) {
+  constexpr std::size_t ColumnWidth = 12;
+  name += ":";
+  name.resize(std::max(name.size() + 1, ColumnWidth), ' ');
+  return name + value + "\n";
+}
+
+std::string describe(const Library& library) {
+  std::string text = library.built;
+  if (library.running && *library.running != library.built) {
+    text += ", running with " + *library.running;
+  }
+  return library.with.empty() ? text : text + " (" + library.with + ")";
+}
+
+}  // namespace
+
+std::string BuildFacts::asText() {
+  std::string text = "ahs " AHS_VERSION "\n";
+  const std::string commit = AHS_BUILD_COMMIT;
+  if (!commit.empty()) {
+    text += line("commit", commit);
+  }
+  text += line("build", orNone(AHS_BUILD_TYPE));
+  text += line("compiler", compiler() + ", " + standardLibrary());
+  text += line("sanitizer", orNone(AHS_SANITIZER));
+  for (const Library& library : libraries()) {
+    text += line(library.name, describe(library));
+  }
+  return text + line("formats", "profile and preferences " + std::to_string(ProfileVersion) +
+                                    ", cache " + std::to_string(CacheDocument::Version) +
+                                    ", JSON " + std::to_string(JsonSchema));
+}
+
+std::string BuildFacts::asJson() {
+  Json facts = newJson();
+  facts["version"] = AHS_VERSION;
+  facts["commit"] = orNull(AHS_BUILD_COMMIT);
+  facts["buildType"] = AHS_BUILD_TYPE;
+  facts["compiler"] = compiler();
+  facts["standardLibrary"] = standardLibrary();
+  facts["sanitizer"] = orNull(AHS_SANITIZER);
+  facts["libraries"] = Json::array();
+  for (const Library& library : libraries()) {
+    facts["libraries"].push_back(
+        {{"name", library.name},
+         {"built", library.built},
+         {"running", library.running ? Json(*library.running) : Json(nullptr)},
+         {"with", orNull(library.with)}});
+  }
+  facts["formats"] = {
+      {"profile", ProfileVersion}, {"cache", CacheDocument::Version}, {"json", JsonSchema}};
+  return jsonText(facts);
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+/// The tool's own description of its commands and options, which the parser has, as messages, help
+/// and completions need it. What is hidden from the help is left out.
+namespace CommandTree {
+
+/// The commands below one, in the order of the help.
+std::vector<const CLI::App*> commandsOf(const CLI::App& command);
+
+/// The command of that name below another; null if there is none.
+const CLI::App* findCommand(const CLI::App& command, const std::string& name);
+
+/// What a person types to get there: "ahs cache show".
+std::string fullName(const CLI::App& command);
+
+/// The options, without operands, in the order of the help.
+std::vector<const CLI::Option*> optionsOf(const CLI::App& command);
+
+/// The operands ("HOST").
+std::vector<const CLI::Option*> operandsOf(const CLI::App& command);
+
+/// An option's names with their hyphens, the short ones first.
+std::vector<std::string> namesOf(const CLI::Option& option);
+
+/// Whether something has to stand behind it.
+bool takesValue(const CLI::Option& option);
+
+/// What stands for the value, or operand, in the help: "DIR".
+std::string placeholderOf(const CLI::Option& option);
+
+/// The help of a command.
+std::string helpOf(const CLI::App& command);
+
+}  // namespace CommandTree

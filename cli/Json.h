@@ -1,0 +1,20 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+/// JSON for programs: one object, whose first member tells the version of its form.
+using Json = nlohmann::ordered_json;
+
+/// The value of the member "schema". Members may be added under the same number; none changes its
+/// meaning.
+constexpr int JsonSchema = 1;
+
+/// An object that has its "schema".
+inline Json newJson() { return {{"schema", JsonSchema}}; }
+
+/// An object as it is printed. What is no UTF-8 in it (a path) is replaced.
+inline std::string jsonText(const Json& object) {
+  constexpr int Indent = 2;
+  return object.dump(Indent, ' ', false, Json::error_handler_t::replace) + "\n";
+}

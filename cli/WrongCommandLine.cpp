@@ -1,0 +1,200 @@
+// Words for a command line that was not understood. What was typed may hold a password, so of a
+// wrong option the name is repeated and the value is not.
+
+#include "cli/WrongCommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "cli/CommandTree.h"
+#include "vpn/Api/ConfigurationText.h"
+#include "vpn/Common/Utility/NearestName.h"
+
+namespace {
+
+// As much of a word as a person needs to find it again, in bytes.
+constexpr std::size_t MaxWordLength = 80;
+
+// As much of the parser's own words, which may hold what was typed.
+constexpr std::size_t MaxTextLength = 300;
+
+std::string inQuotes(const std::string& word) {
+  return "'" + ConfigurationText::oneLine(word, MaxWordLength) + "'";
+}
+
+std::string whereHelpIs(const CLI::App& command) {
+  return " '" + CommandTree::fullName(command) + " --help' shows all " +
+         (CommandTree::commandsOf(command).empty() ? "options." : "commands.");
+}
+
+std::vector<std::string> namesOfOptions(const CLI::App& command) {
+  std::vector<std::string> all;
+  for (const CLI::Option* const option : CommandTree::optionsOf(command)) {
+    const std::vector<std::string> names = CommandTree::namesOf(*option);
+    all.insert(all.end(), names.begin(), names.end());
+  }
+  return all;
+}
+
+std::vector<std::string> namesOfCommands(const CLI::App& command) {
+  std::vector<std::string> all;
+  for (const CLI::App* const below : CommandTree::commandsOf(command)) {
+    all.push_back(below->get_name());
+  }
+  return all;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : ", ") + word;
+  }
+  return text;
+}
+
+/// The commands that were chosen, from the tool on.
+std::vector<const CLI::App*> chosenCommands(const CLI::App& tool) {
+  std::vector<const CLI::App*> chosen = {&tool};
+  while (!chosen.back()->get_subcommands().empty()) {
+    chosen.push_back(chosen.back()->get_subcommands().front());
+  }
+  return chosen;
+}
+
+/// The command of which an option of that name is, for one that stands behind another command.
+const CLI::App* findOwner(const std::vector<const CLI::App*>& chosen, const std::string& name) {
+  for (const CLI::App* const command : chosen) {
+    const std::vector<std::string> names = namesOfOptions(*command);
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+      return command;
+    }
+  }
+  return nullptr;
+}
+
+std::string explainUnknownOption(const std::vector<const CLI::App*>& chosen,
+                                 const CLI::App& command, const std::string& word) {
+  const std::string name = word.substr(0, word.find('='));
+  std::string text =
+      "there is no option " + inQuotes(name) + " of '" + CommandTree::fullName(command) + "'";
+  if (const CLI::App* const owner = findOwner(chosen, name); owner != nullptr) {
+    return text + "; did you mean '" + CommandTree::fullName(*owner) + " " + name + "'?" +
+           whereHelpIs(*owner);
+  }
+  const std::vector<std::string> names = namesOfOptions(command);
+  // Among letters everything is near.
+  const std::string* const meant = name.starts_with("--") ? nearestName(name, names) : nullptr;
+  return text + (meant != nullptr ? "; did you mean '" + *meant + "'?" : ".") +
+         whereHelpIs(command);
+}
+
+bool isOption(const std::string& word) { return word.size() > 1 && word.front() == '-'; }
+
+std::string explainLeftOver(const std::vector<const CLI::App*>& chosen, const CLI::App& command) {
+  const std::vector<std::string> words = command.remaining(false);
+  const auto name = std::find_if_not(words.begin(), words.end(), isOption);
+  // The options behind a command that is not known are not known either.
+  if (name != words.end() && &command == chosen.back() &&
+      !CommandTree::commandsOf(command).empty()) {
+    return explainUnknownCommand(command, *name);
+  }
+  const auto option = std::find_if(words.begin(), words.end(), isOption);
+  if (option != words.end()) {
+    return explainUnknownOption(chosen, command, *option);
+  }
+  return inQuotes(words.front()) + " is one argument too many for '" +
+         CommandTree::fullName(command) + "'." + whereHelpIs(command);
+}
+
+std::string explainMissingCommand(const CLI::App& command) {
+  const std::vector<const CLI::App*> commands = CommandTree::commandsOf(command);
+  const std::string name = CommandTree::fullName(command);
+  if (command.get_parent() != nullptr) {
+    return "'" + name + "' needs one of " + joined(namesOfCommands(command)) + ", as in '" + name +
+           " " + commands.front()->get_name() + "'." + whereHelpIs(command);
+  }
+  constexpr std::size_t ColumnWidth = 14;
+  std::string text = "a command is missing.\nUsage: " + name + " COMMAND [options]\n\n";
+  for (const CLI::App* const below : commands) {
+    std::string column = "  " + below->get_name();
+    column.resize(std::max(column.size() + 1, ColumnWidth), ' ');
+    text += column + below->get_description() + "\n";
+  }
+  return text + "\nTo begin with: '" + name +
+         " select HOST...' measures gateways and names the "
+         "nearest; '" +
+         name + " help COMMAND' or '" + name + " COMMAND --help' tells more.";
+}
+
+constexpr std::string_view NotConverted = "Could not convert: ";
+
+/// The parser names the option or operand that it complains of at the beginning of its text.
+const CLI::Option* findBlamed(const CLI::App& command, std::string text) {
+  if (text.starts_with(NotConverted)) {
+    text.erase(0, NotConverted.size());
+  }
+  const std::string name = text.substr(0, text.find_first_of(": "));
+  for (const CLI::Option* const option : command.get_options()) {
+    const std::vector<std::string> names = CommandTree::namesOf(*option);
+    if (option->get_name() == name || option->get_name(true, false) == name ||
+        std::find(names.begin(), names.end(), name) != names.end()) {
+      return option;
+    }
+  }
+  return nullptr;
+}
+
+std::string explainValue(const CLI::Option& option, const CLI::ParseError& error) {
+  const std::string name = CommandTree::namesOf(option).back();
+  if (!CommandTree::takesValue(option)) {
+    return name + " takes no value: leave out the \"=\" and what follows it.";
+  }
+  const std::string usage = "'" + name + " " + CommandTree::placeholderOf(option) + "'";
+  if (option.count() > 1) {
+    return name + " is given " + std::to_string(option.count()) + " times; give it once.";
+  }
+  if (option.count() == 0) {
+    return name + " needs a value: " + usage + ".";
+  }
+  const std::string text = error.what();
+  if (text.starts_with(NotConverted)) {
+    return name + " takes a number: " + usage + ".";
+  }
+  return ConfigurationText::oneLine(text, MaxTextLength) + ".";
+}
+
+std::string explainOtherwise(const CLI::App& command, const CLI::ParseError& error) {
+  const CLI::Option* const blamed = findBlamed(command, error.what());
+  const bool isOperand = blamed != nullptr && blamed->get_positional();
+  return (isOperand ? "'" + CommandTree::fullName(command) + "' needs " +
+                          CommandTree::placeholderOf(*blamed) + "."
+          : blamed != nullptr ? explainValue(*blamed, error)
+                              : ConfigurationText::oneLine(error.what(), MaxTextLength) + ".") +
+         whereHelpIs(command);
+}
+
+}  // namespace
+
+std::string explainUnknownCommand(const CLI::App& above, const std::string& name) {
+  const std::vector<std::string> names = namesOfCommands(above);
+  const std::string* const meant = nearestName(name, names);
+  const std::string of =
+      above.get_parent() == nullptr ? "" : " of '" + CommandTree::fullName(above) + "'";
+  return "there is no command " + inQuotes(name) + of +
+         (meant != nullptr ? "; did you mean '" + *meant + "'?"
+                           : "; there are " + joined(names) + ".") +
+         whereHelpIs(above);
+}
+
+std::string explainWrongCommandLine(const CLI::App& tool, const CLI::ParseError& error) {
+  const std::vector<const CLI::App*> chosen = chosenCommands(tool);
+  for (const CLI::App* const command : chosen) {
+    if (!command->get_allow_extras() && !command->get_prefix_command() &&
+        !command->remaining(false).empty()) {
+      return explainLeftOver(chosen, *command);
+    }
+  }
+  const CLI::App& last = *chosen.back();
+  return CommandTree::commandsOf(last).empty() ? explainOtherwise(last, error)
+                                               : explainMissingCommand(last);
+}

@@ -1,0 +1,242 @@
+// The command line as a person and as a program meet it: what a misspelling is answered with, help
+// and version, and the one form of all JSON.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/integration/command_test.h"
+
+namespace tests {
+namespace {
+
+using json = nlohmann::ordered_json;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using Words = std::vector<std::string>;
+
+class CommandLineTest : public CommandTest {
+ protected:
+  /// What a command line is refused with: one line, status 2, nothing on standard output.
+  std::string refusalOf(const Words& arguments) const {
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.exitStatus, 2) << testing::PrintToString(arguments);
+    EXPECT_EQ(outcome.out, "") << testing::PrintToString(arguments);
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
+    EXPECT_THAT(outcome.err, StartsWith("ahs: "));
+    return outcome.err;
+  }
+
+  /// The names below a title of a help text.
+  Words namesBelow(const Words& command, const std::string& title) const {
+    Words arguments = command;
+    arguments.emplace_back("--help");
+    std::istringstream help(run(arguments).out);
+    Words names;
+    bool isBelow = false;
+    for (std::string line; std::getline(help, line);) {
+      isBelow = line == title + ":" || (isBelow && !line.empty());
+      if (isBelow && line.size() > 2 && line.starts_with("  ") && line[2] != ' ') {
+        names.push_back(line.substr(2, line.find_first_of(" ,", 2) - 2));
+      }
+    }
+    return names;
+  }
+
+  /// Every command that can be run and knows --json, as a person types it.
+  void findJsonCommands(const Words& command, std::set<std::string>& found) const {
+    const Words below = namesBelow(command, "Subcommands");
+    for (const std::string& name : below) {
+      Words longer = command;
+      longer.push_back(name);
+      findJsonCommands(longer, found);
+    }
+    const Words options = namesBelow(command, "Options");
+    if (std::find(options.begin(), options.end(), "--json") != options.end()) {
+      std::string name;
+      for (const std::string& word : command) {
+        name += (name.empty() ? "" : " ") + word;
+      }
+      found.insert(name);
+    }
+  }
+};
+
+void expectSchemaFirst(const std::string& text, const std::string& command) {
+  const json object = json::parse(text, nullptr, false);
+  ASSERT_TRUE(object.is_object() && !object.empty()) << command << ": " << text;
+  EXPECT_EQ(object.begin().key(), "schema") << command;
+  EXPECT_EQ(object.begin().value(), 1) << command;
+}
+
+// ---- Misspellings -----------------------------------------------------------------------------
+
+TEST_F(CommandLineTest, AMisspeltCommandIsAnsweredWithTheOneThatWasMeant) {
+  EXPECT_EQ(refusalOf({"slect"}),
+            "ahs: there is no command 'slect'; did you mean 'select'? 'ahs --help' shows all "
+            "commands.\n");
+  EXPECT_EQ(refusalOf({"cache", "shw"}),
+            "ahs: there is no command 'shw' of 'ahs cache'; did you mean 'show'? 'ahs cache "
+            "--help' shows all commands.\n");
+  EXPECT_THAT(refusalOf({"help", "profle"}), HasSubstr("did you mean 'profile'?"));
+  EXPECT_THAT(refusalOf({"help", "profile", "chck"}), HasSubstr("did you mean 'check'?"));
+}
+
+TEST_F(CommandLineTest, ACommandNearToNoneIsAnsweredWithAllOfThem) {
+  EXPECT_THAT(refusalOf({"xyzzy"}), AllOf(HasSubstr("there are select, "), HasSubstr("cache"),
+                                          Not(HasSubstr("did you mean"))));
+}
+
+TEST_F(CommandLineTest, AMisspeltOptionIsAnsweredWithTheOneThatWasMeant) {
+  EXPECT_EQ(refusalOf({"select", "--profile", "X"}),
+            "ahs: there is no option '--profile' of 'ahs select'; did you mean '--profiles'? 'ahs "
+            "select --help' shows all options.\n");
+  EXPECT_THAT(refusalOf({"cache", "show", "--jsno"}), HasSubstr("did you mean '--json'?"));
+  EXPECT_THAT(refusalOf({"profile", "list", "-q"}), Not(HasSubstr("did you mean")));
+}
+
+TEST_F(CommandLineTest, AnOptionAtTheWrongPlaceIsAnsweredWithTheRightOne) {
+  EXPECT_THAT(refusalOf({"--profiles", "x", "select"}),
+              HasSubstr("did you mean 'ahs select --profiles'?"));
+  EXPECT_THAT(refusalOf({"select", "--version"}), HasSubstr("did you mean 'ahs --version'?"));
+  EXPECT_THAT(refusalOf({"--json", "select"}), HasSubstr("'ahs select --json'"));
+}
+
+TEST_F(CommandLineTest, WhatIsMissingIsNamed) {
+  EXPECT_THAT(refusalOf({"select", "--last"}), HasSubstr("--last needs a value: '--last NAME'."));
+  EXPECT_THAT(refusalOf({"cache"}), HasSubstr("needs one of show, clear, path"));
+  EXPECT_THAT(refusalOf({"completion"}), HasSubstr("needs bash|zsh|fish."));
+  EXPECT_THAT(refusalOf({"completion", "csh"}), HasSubstr("needs bash|zsh|fish."));
+  EXPECT_THAT(refusalOf({"probe"}), HasSubstr("needs HOST[:PORT]."));
+}
+
+TEST_F(CommandLineTest, OptionsBehindAMisspeltCommandAreNotToBlame) {
+  EXPECT_THAT(refusalOf({"exce", "--tries", "3", "--", "vpn", "-x"}),
+              HasSubstr("did you mean 'exec'?"));
+  EXPECT_THAT(refusalOf({"slect", "--json"}), HasSubstr("did you mean 'select'?"));
+}
+
+TEST_F(CommandLineTest, AValueThatIsNotAllowedIsToldWithWhatIs) {
+  EXPECT_THAT(refusalOf({"exec", "--tries", "0", "--", "x"}),
+              HasSubstr("--tries: Value 0 not in range 1 to "));
+  EXPECT_THAT(refusalOf({"exec", "--tries", "many", "--", "x"}),
+              HasSubstr("--tries: Value many not in range 1 to "));
+  EXPECT_THAT(refusalOf({"select", "--json=maybe"}), HasSubstr("--json takes no value"));
+}
+
+TEST_F(CommandLineTest, WhatIsTooMuchIsNamed) {
+  EXPECT_THAT(refusalOf({"cache", "path", "x"}), HasSubstr("'x' is one argument too many"));
+  EXPECT_THAT(refusalOf({"select", "--last", "a", "--last", "b"}), HasSubstr("give it once"));
+}
+
+TEST_F(CommandLineTest, TheValueOfAMisspeltOptionIsNotRepeated) {
+  EXPECT_THAT(refusalOf({"select", "--proxy-passwort=geheim"}), Not(HasSubstr("geheim")));
+}
+
+TEST_F(CommandLineTest, WhatWasTypedMovesNoCursorAndHasAnEnd) {
+  EXPECT_THAT(refusalOf({"\x1b[31m\n"}), HasSubstr("'\\x1b[31m\\x0a'"));
+  EXPECT_LT(refusalOf({std::string(100'000, 'x')}).size(), 400U);
+  EXPECT_LT(refusalOf({"select", "--" + std::string(100'000, 'x')}).size(), 400U);
+}
+
+TEST_F(CommandLineTest, TheBareNameIsAnsweredWithTheCommandsAndTheNextStep) {
+  const Outcome outcome = run({});
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, StartsWith("ahs: a command is missing.\nUsage: ahs COMMAND"));
+  for (const std::string& command : namesBelow({}, "Subcommands")) {
+    EXPECT_THAT(outcome.err, HasSubstr("\n  " + command + " "));
+  }
+  EXPECT_THAT(outcome.err, HasSubstr("To begin with: 'ahs select HOST...'"));
+}
+
+// ---- Help and version -------------------------------------------------------------------------
+
+TEST_F(CommandLineTest, HelpIsToldInBothWays) {
+  EXPECT_EQ(run({"help"}).out, run({"--help"}).out);
+  EXPECT_EQ(run({"help", "cache", "show"}).out, run({"cache", "show", "--help"}).out);
+  EXPECT_THAT(run({"help", "cache", "show"}).out, HasSubstr("Usage: ahs cache show"));
+  EXPECT_EQ(run({"help", "select"}).exitStatus, 0);
+}
+
+TEST_F(CommandLineTest, TheVersionTellsWhatTheProgramWasBuiltFrom) {
+  const Outcome outcome = run({"--version"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.out, StartsWith("ahs " AHS_PROGRAM_VERSION "\n"));
+  for (const char* fact :
+       {"\nbuild: ", "\ncompiler: ", "libstdc++", "\nsanitizer: ", "\nlibcurl: ", "(OpenSSL/",
+        "\nlibxml2: ", "\nspdlog: ", "\nlibproxy: ", "\nformats: "}) {
+    EXPECT_THAT(outcome.out, HasSubstr(fact));
+  }
+}
+
+TEST_F(CommandLineTest, TheVersionIsToldWhateverElseIsWrong) {
+  EXPECT_EQ(run({"--no-such", "--version"}).exitStatus, 0);
+}
+
+// ---- For programs -----------------------------------------------------------------------------
+
+TEST_F(CommandLineTest, EveryJsonObjectBeginsWithItsSchema) {
+  const Gateway gateway(Near);
+  writeProfile("true", host("Berlin", gateway.address()));
+  const std::map<std::string, Words> commands = {
+      {"", {"--version"}},
+      {"select", {"select", gateway.address()}},
+      {"probe", {"probe", gateway.address()}},
+      {"watch", {"watch", gateway.address()}},
+      {"profile check", {"profile", "check"}},
+      {"profile list", {"profile", "list"}},
+      {"preferences show", {"preferences", "show"}},
+      {"cache show", {"cache", "show"}},
+      {"cache path", {"cache", "path"}},
+      {"cache clear", {"cache", "clear"}},
+  };
+  std::set<std::string> known;
+  findJsonCommands({}, known);
+  std::set<std::string> tried;
+  for (const auto& [name, words] : commands) {
+    tried.insert(name);
+    Words arguments = words;
+    arguments.emplace_back("--json");
+    Program program(arguments, environment);
+    if (name == "watch") {
+      EXPECT_TRUE(program.waitForOutput("\n"));
+      kill(program.pid(), SIGTERM);
+    }
+    expectSchemaFirst(program.finish().out, name);
+  }
+  EXPECT_EQ(tried, known);
+}
+
+// ---- For completions --------------------------------------------------------------------------
+
+TEST_F(CommandLineTest, EntriesForACompletionAreThoseThatAreWhatTheyLookLike) {
+  writeProfile(
+      "true", host("plain", "gw-a:8443") + host("a b", "gw-b") + host("turned\u202Eround", "gw-c"));
+  EXPECT_EQ(run({"completion", "entries", "names"}).out, "a b\nplain\n");
+  EXPECT_THAT(run({"completion", "entries", "headends"}).out, HasSubstr("gw-a:8443\n"));
+}
+
+TEST_F(CommandLineTest, OfManyEntriesACompletionGetsThoseThatFitToWhatWasTyped) {
+  std::string hosts;
+  for (int i = 0; i < 3000; ++i) {
+    hosts += host("gate-" + std::to_string(i), "gw" + std::to_string(i));
+  }
+  writeProfile("true", hosts);
+  const std::string all = run({"completion", "entries", "names"}).out;
+  EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1000);
+  EXPECT_EQ(run({"completion", "entries", "names", "--begin=GATE-2999"}).out, "gate-2999\n");
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,212 @@
+// `ahs exec` with real programs: what they are told, when another headend is tried, and that
+// signals and descriptors reach them as a shell's would.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/integration/command_test.h"
+#include "tests/integration/running_program.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using tests::ChildProcess;
+using tests::ClosedGateway;
+using tests::Far;
+using tests::Gateway;
+using tests::Near;
+using tests::Outcome;
+using tests::Program;
+using tests::readFile;
+
+class ExecCommandTest : public tests::CommandTest {
+ protected:
+  /// `ahs exec` with two gateways and a shell script.
+  Outcome runScript(const std::vector<std::string>& options, const std::string& script) const {
+    return run(command(options, script));
+  }
+
+  std::vector<std::string> command(const std::vector<std::string>& options,
+                                   const std::string& script) const {
+    std::vector<std::string> words = {"exec", far.address(), near.address()};
+    words.insert(words.end(), options.begin(), options.end());
+    words.insert(words.end(), {"--", "sh", "-c", script, "{headend}", "{host}", "{port}"});
+    return words;
+  }
+
+  const Gateway far{Far};
+  const Gateway near{Near};
+};
+
+/// The signals of a mask in hexadecimal, but for those with which threads are ended: the C library
+/// keeps them (nptl(7)), and lets programs that it starts ignore them.
+unsigned long programsSignals(const std::string& mask) {
+  constexpr unsigned long Programs = 0xFFFFFFFE7FFFFFFF;
+  return std::stoul(mask, nullptr, 16) & Programs;
+}
+
+}  // namespace
+
+TEST_F(ExecCommandTest, TheProgramIsToldTheBestHeadendInItsArgumentsAndItsEnvironment) {
+  const Outcome outcome = runScript(
+      {},
+      "echo $0 $1 $2; echo $AHS_HEADEND $AHS_HOST $AHS_PORT $AHS_NAME; echo \"$AHS_METRIC_MS\"");
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
+  EXPECT_THAT(outcome.out,
+              StartsWith(near.address() + " 127.0.0.1 " + near.port() + "\n" + near.address() +
+                         " 127.0.0.1 " + near.port() + " " + near.address() + "\n"));
+  EXPECT_THAT(outcome.err, HasSubstr("running with " + near.address() + ", "));
+}
+
+TEST_F(ExecCommandTest, AHostEntrysNameIsInTheEnvironmentWhateverItHolds) {
+  writeProfile("true", host("-rf $(touch x) `id`", near.address()));
+  const Outcome outcome = run({"exec", "--", "printenv", "AHS_NAME"});
+  EXPECT_EQ(outcome.out, "-rf $(touch x) `id`\n") << outcome.err;
+}
+
+TEST_F(ExecCommandTest, AProgramThatFailsAtOnceIsTriedWithTheNextHeadend) {
+  const Outcome outcome = runScript({}, "echo $0; test $0 = " + far.address() + " || exit 9");
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(outcome.out, near.address() + "\n" + far.address() + "\n");
+  EXPECT_THAT(outcome.err,
+              HasSubstr("ahs: for " + near.address() + ", 'sh' ended with status 9 after "));
+  EXPECT_THAT(outcome.err, HasSubstr("ahs: trying " + far.address()));
+}
+
+TEST_F(ExecCommandTest, WhenAllFailTheLastStatusIsTheCommands) {
+  const Outcome outcome = runScript({}, "test $0 = " + far.address() + " && exit 11; exit 9");
+  EXPECT_EQ(outcome.exitStatus, 11);
+  EXPECT_THAT(outcome.err, HasSubstr("there is no other headend to try"));
+}
+
+TEST_F(ExecCommandTest, NoMoreHeadendsAreTriedThanAsked) {
+  const Outcome outcome = runScript({"--tries", "1"}, "echo $0; exit 9");
+  EXPECT_EQ(outcome.exitStatus, 9);
+  EXPECT_EQ(outcome.out, near.address() + "\n");
+  EXPECT_THAT(outcome.err, HasSubstr("no other headend is tried, as --tries says"));
+}
+
+TEST_F(ExecCommandTest, AProgramThatHasStartedIsNotTriedAgainWhenItFails) {
+  const Outcome outcome = runScript({"--start-time", "0"}, "echo $0; sleep 0.3; exit 9");
+  EXPECT_EQ(outcome.exitStatus, 9);
+  EXPECT_EQ(outcome.out, near.address() + "\n");
+}
+
+TEST_F(ExecCommandTest, AProgramThatASignalEndsCountsAsFailed) {
+  const Outcome outcome = runScript({}, "test $0 = " + far.address() + " && exit 0; kill -SEGV $$");
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.err, HasSubstr("'sh' was ended by signal 11"));
+}
+
+TEST_F(ExecCommandTest, AProgramThatDoesNotExistIsToldAndNoOtherHeadendIsTried) {
+  const Outcome outcome =
+      run({"exec", far.address(), near.address(), "--", "no-such-program", "{headend}"});
+  EXPECT_EQ(outcome.exitStatus, 127);
+  EXPECT_THAT(outcome.err, HasSubstr("'no-such-program' cannot be run: No such file or directory"));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("trying")));
+  EXPECT_EQ(run({"exec", near.address(), "--", home, "x"}).exitStatus, 126);
+}
+
+TEST_F(ExecCommandTest, WithoutAProgramItSaysWhereOneStands) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"exec", "gw"}, {"exec", "gw", "--"}}) {
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.exitStatus, 2);
+    EXPECT_THAT(outcome.err, HasSubstr("it stands after --, as in 'ahs exec -- "));
+  }
+}
+
+TEST_F(ExecCommandTest, TheProgramsOwnOptionsAreItsOwn) {
+  const Outcome outcome = run({"exec", near.address(), "--", "echo", "--help", "--", "--json"});
+  EXPECT_EQ(outcome.out, "--help -- --json\n") << outcome.err;
+}
+
+TEST_F(ExecCommandTest, NothingIsRunWhenAProxyAsksForALogin) {
+  const Gateway proxy(Near,
+                      "HTTP/1.1 407 Proxy Authentication Required\r\n"
+                      "Proxy-Authenticate: Basic realm=\"Head office\"\r\n"
+                      "Content-Length: 0\r\nConnection: close\r\n\r\n");
+  const Outcome outcome =
+      run({"exec", near.address(), "--proxy", proxy.address(), "--", "echo", "ran"});
+  EXPECT_EQ(outcome.exitStatus, 3) << outcome.err;
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, HasSubstr("'Head office'"));
+}
+
+TEST_F(ExecCommandTest, ALastHeadendThatWasKeptIsRunWith) {
+  const ClosedGateway closed;
+  const Outcome outcome = run({"exec", closed.address(), "--last", closed.address(), "--", "sh",
+                               "-c", "echo \"$0 [$AHS_METRIC_MS]\"", "{headend}"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(outcome.out, closed.address() + " []\n");
+}
+
+TEST_F(ExecCommandTest, TheProgramHasTheSignalsThatTheCommandWasStartedWith) {
+  for (const char* const state : {"SigBlk", "SigIgn"}) {
+    const std::string look =
+        "sed -n 's/^" + std::string(state) + ":[[:space:]]*//p' /proc/self/status";
+    const Outcome outcome = run({"exec", near.address(), "--", "sh", "-c", look});
+    ChildProcess directly({"/bin/sh", "-c", look}, home + "/" + state, home);
+    ASSERT_TRUE(directly.WaitForEnd(tests::Limit));
+    EXPECT_EQ(programsSignals(outcome.out), programsSignals(readFile(home + "/" + state))) << state;
+  }
+}
+
+TEST_F(ExecCommandTest, TheProgramInheritsNoDescriptorOfTheCommand) {
+  const Outcome outcome = run({"exec", near.address(), "--log-file", home + "/ahs.log", "--", "sh",
+                               "-c", "ls -l /proc/$$/fd; grep -c . " + home + "/ahs.log"});
+  EXPECT_THAT(outcome.out, HasSubstr(" 1 -> pipe:"));
+  EXPECT_THAT(outcome.out, Not(HasSubstr("socket:")));
+  EXPECT_THAT(outcome.out, Not(HasSubstr("anon_inode")));
+  EXPECT_THAT(outcome.out, Not(HasSubstr(home)));
+}
+
+TEST_F(ExecCommandTest, ASignalIsHandedToTheProgramAndNoOtherHeadendIsTried) {
+  Program program(command({},
+                          "trap 'echo ended; exit 5' TERM; echo ready; "
+                          "while :; do sleep 0.05; done"),
+                  environment);
+  ASSERT_TRUE(program.waitForOutput("ready"));
+  kill(program.pid(), SIGTERM);
+  const Outcome outcome = program.finish();
+  EXPECT_EQ(outcome.exitStatus, 5);
+  EXPECT_EQ(outcome.out, "ready\nended\n");
+  EXPECT_THAT(outcome.err, Not(HasSubstr("trying")));
+}
+
+TEST_F(ExecCommandTest, CtrlCReachesTheProgramOnceAndNoOtherHeadendIsTried) {
+  Program program(command({},
+                          "n=0; trap 'n=$((n+1))' INT; echo ready; "
+                          "while [ $n -eq 0 ]; do sleep 0.05; done; "
+                          "sleep 0.2; echo interrupted $n; exit 7"),
+                  environment, Program::Terminal::All);
+  ASSERT_TRUE(program.waitForError("ready"));
+  program.type("\x03");
+  const Outcome outcome = program.finish();
+  EXPECT_EQ(outcome.exitStatus, 7);
+  EXPECT_THAT(outcome.err, HasSubstr("interrupted 1"));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("trying")));
+}
+
+TEST_F(ExecCommandTest, CtrlZStopsBothUntilTheyAreBroughtBack) {
+  Program program(command({}, "echo ready; while ! test -e " + home +
+                                  "/gate; do sleep 0.05; done; echo went on; exit 6"),
+                  environment, Program::Terminal::Job);
+  ASSERT_TRUE(program.waitForError("ready"));
+  program.type("\x1a");
+  ASSERT_TRUE(program.waitForStop());
+  writeFile("gate", "");
+  program.bringBack();
+  const Outcome outcome = program.finish();
+  EXPECT_THAT(outcome.err, HasSubstr("went on"));
+  EXPECT_EQ(outcome.exitStatus, 6);
+}

@@ -1,0 +1,252 @@
+// `ahs watch`: when it selects, what it tells, and the command it runs. Where the network changes,
+// it is one of the test's own.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/integration/command_test.h"
+#include "tests/integration/running_program.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
+
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::Not;
+using tests::ClosedGateway;
+using tests::Far;
+using tests::Gateway;
+using tests::Near;
+using tests::Outcome;
+using tests::Program;
+using tests::SilentGateway;
+
+// No other selection than those that something else asks for.
+constexpr const char* Never = "86400";
+
+class WatchCommandTest : public tests::CommandTest {
+ protected:
+  Outcome end(Program& program) const {
+    kill(program.pid(), SIGTERM);
+    return program.finish();
+  }
+
+  static std::vector<json> linesOf(const Outcome& outcome) {
+    std::vector<json> lines;
+    for (std::size_t at = 0; at < outcome.out.size();) {
+      const std::size_t end = outcome.out.find('\n', at);
+      lines.push_back(json::parse(outcome.out.substr(at, end - at)));
+      at = end + 1;
+    }
+    return lines;
+  }
+};
+
+/// The same in a network that the test may change.
+class NetworkWatchTest : public WatchCommandTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0 || unshare(CLONE_NEWNET) != 0) {
+      GTEST_SKIP() << "making a network takes the right to (CAP_SYS_ADMIN)";
+    }
+    tests::runToEnd({"/bin/sh", "-c", "ip link set lo up"}, home);
+  }
+
+  void change(const std::string& what) const {
+    tests::runToEnd({"/bin/sh", "-c", "ip " + what}, home);
+  }
+};
+
+}  // namespace
+
+TEST_F(WatchCommandTest, ALineTellsTheFirstChoiceAndEachNewOne) {
+  Gateway first(Near);
+  const Gateway second(Near + Near);
+  Program program({"watch", first.address(), second.address(), "--interval", "1", "--json"},
+                  environment);
+  ASSERT_TRUE(program.waitForOutput(first.address()));
+  first.setDelay(Far);
+  ASSERT_TRUE(program.waitForOutput("\"headend\":\"" + second.address()));
+  const Outcome outcome = end(program);
+  EXPECT_EQ(outcome.exitStatus, 128 + SIGTERM);
+  const std::vector<json> lines = linesOf(outcome);
+  ASSERT_EQ(lines.size(), 2U) << outcome.out;
+  EXPECT_EQ(lines[0].at("schema"), 1);
+  EXPECT_EQ(lines[0].at("cause"), "start");
+  EXPECT_EQ(lines[0].at("previousHeadend"), nullptr);
+  EXPECT_GE(lines[0].at("metricMs"), Near.count());
+  EXPECT_EQ(lines[1].at("cause"), "interval");
+  EXPECT_EQ(lines[1].at("previousHeadend"), first.address());
+  EXPECT_EQ(lines[1].at("name"), second.address());
+}
+
+TEST_F(WatchCommandTest, AChoiceThatStaysIsNotToldAgainThoughItIsMeasuredAgain) {
+  const Gateway gateway(Near);
+  Program program({"watch", gateway.address(), "--interval", "1"}, environment);
+  ASSERT_TRUE(program.waitForOutput(gateway.address()));
+  ASSERT_TRUE(tests::eventually([&] { return gateway.requests() >= 9; }));
+  const Outcome outcome = end(program);
+  EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 1) << outcome.out;
+  EXPECT_THAT(outcome.out, HasSubstr("; first choice\n"));
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(WatchCommandTest, AHeadendThatIsALittleBetterDoesNotChangeTheChoice) {
+  Gateway last(Far);
+  Gateway other(Far + Far);
+  Program program({"watch", last.address(), other.address(), "--interval", "1"}, environment);
+  ASSERT_TRUE(program.waitForOutput(last.address()));
+  other.setDelay(Far - Near - Near);
+  const unsigned int before = other.requests();
+  ASSERT_TRUE(tests::eventually([&] { return other.requests() >= before + 9; }));
+  EXPECT_THAT(end(program).out, Not(HasSubstr(other.address())));
+}
+
+TEST_F(WatchCommandTest, ANamedLastHeadendStaysFromTheFirstSelectionOn) {
+  const Gateway last(Far);
+  const Gateway better(Far - Near - Near);
+  Program program(
+      {"watch", last.address(), better.address(), "--last", last.address(), "--interval", Never},
+      environment);
+  ASSERT_TRUE(program.waitForOutput("first choice"));
+  EXPECT_THAT(end(program).out, HasSubstr(last.address() + ", "));
+}
+
+TEST_F(WatchCommandTest, ProfilesThatHaveChangedCount) {
+  const Gateway far(Far);
+  const Gateway near(Near);
+  writeProfile("true", host("Berlin", far.address()));
+  Program program({"watch", "--interval", "1"}, environment);
+  ASSERT_TRUE(program.waitForOutput("Berlin (" + far.address() + "), "));
+  writeProfile("true", host("Berlin", far.address()) + host("Lagos", near.address()));
+  ASSERT_TRUE(program.waitForOutput("Lagos (" + near.address() + "), "));
+  EXPECT_THAT(end(program).out, HasSubstr("; before: Berlin ("));
+}
+
+TEST_F(WatchCommandTest, AMistakeInAProfileIsToldOnce) {
+  const Gateway gateway(Near);
+  writeProfile("true", host("Berlin", gateway.address()) + "<host adress=\"x\"/>\n");
+  Program program({"watch", "--interval", "1"}, environment);
+  ASSERT_TRUE(tests::eventually([&] { return gateway.requests() >= 9; }));
+  const Outcome outcome = end(program);
+  const std::size_t first = outcome.err.find("unknown attribute \"adress\"");
+  ASSERT_NE(first, std::string::npos) << outcome.err;
+  EXPECT_EQ(outcome.err.find("unknown attribute \"adress\"", first + 1), std::string::npos);
+}
+
+TEST_F(WatchCommandTest, ProfilesThatAreGoneForAWhileAreToldOnceAndAreNotTheEnd) {
+  const Gateway gateway(Near);
+  const Gateway other(Near);
+  writeProfile("true", host("Berlin", gateway.address()));
+  Program program({"watch", "--interval", "1"}, environment);
+  ASSERT_TRUE(program.waitForOutput("Berlin"));
+  std::filesystem::remove(home + "/.config/ahs/profiles/office.xml");
+  ASSERT_TRUE(program.waitForError("no usable profile was found"));
+  writeProfile("true", host("Lagos", other.address()));
+  ASSERT_TRUE(program.waitForOutput("Lagos"));
+  const Outcome outcome = end(program);
+  const std::size_t first = outcome.err.find("no usable profile was found");
+  EXPECT_EQ(outcome.err.find("no usable profile was found", first + 1), std::string::npos);
+}
+
+TEST_F(WatchCommandTest, NothingMeasuredIsToldOnceAndIsNotTheEnd) {
+  writePreferences(preference("SelectionPingTimeout", "1000"));
+  Gateway gateway(std::chrono::seconds(5));
+  Program program({"watch", gateway.address(), "--interval", "1"}, environment);
+  ASSERT_TRUE(program.waitForError("No headend could be measured."));
+  ASSERT_TRUE(program.waitForError("It is tried again every 1 s, and when the network changes."));
+  gateway.setDelay(Near);
+  ASSERT_TRUE(program.waitForError("headends can be measured again"));
+  const Outcome outcome = end(program);
+  const std::size_t first = outcome.err.find("No headend could be measured.");
+  EXPECT_EQ(outcome.err.find("No headend could be measured.", first + 1), std::string::npos);
+}
+
+TEST_F(WatchCommandTest, TheCommandFindsTheChoiceInItsEnvironment) {
+  Gateway first(Near);
+  const Gateway second(Near + Near);
+  Program program({"watch", first.address(), second.address(), "--interval", "1", "--exec",
+                   "echo \"[$AHS_CAUSE $AHS_HEADEND $AHS_HOST $AHS_PORT before "
+                   "$AHS_PREVIOUS_HEADEND]\" >&2"},
+                  environment);
+  ASSERT_TRUE(program.waitForError("[start " + first.address() + " 127.0.0.1 " + first.port() +
+                                   " before ]"));
+  first.setDelay(Far);
+  ASSERT_TRUE(program.waitForError("[interval " + second.address() + " 127.0.0.1 " + second.port() +
+                                   " before " + first.address() + "]"));
+  end(program);
+}
+
+TEST_F(WatchCommandTest, ACommandThatFailsIsTold) {
+  const Gateway gateway(Near);
+  Program program({"watch", gateway.address(), "--exec", "exit 4"}, environment);
+  EXPECT_TRUE(program.waitForError("the command of --exec ended with status 4"));
+  end(program);
+}
+
+TEST_F(WatchCommandTest, OneCommandRunsAtATimeAndTheNewestChoiceWaits) {
+  Gateway first(Near);
+  Gateway second(Far);
+  const std::string gate = home + "/gate";
+  Program program({"watch", first.address(), second.address(), "--interval", "1", "--exec",
+                   "echo \"[begin $AHS_HEADEND]\" >&2; while ! test -e " + gate +
+                       "; do sleep 0.05; done; echo \"[end $AHS_HEADEND]\" >&2"},
+                  environment);
+  ASSERT_TRUE(program.waitForError("[begin " + first.address()));
+  first.setDelay(Far + Far);
+  second.setDelay(Near);
+  ASSERT_TRUE(program.waitForOutput("  " + second.address()));
+  EXPECT_THAT(program.soFar().err, Not(HasSubstr("[begin " + second.address())));
+  writeFile("gate", "");
+  ASSERT_TRUE(program.waitForError("[end " + second.address()));
+  const std::string shown = end(program).err;
+  EXPECT_LT(shown.find("[end " + first.address()), shown.find("[begin " + second.address()));
+}
+
+TEST_F(WatchCommandTest, AnOutputThatNobodyReadsEndsIt) {
+  const Gateway gateway(Near);
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  close(ends[0]);
+  const Outcome outcome =
+      Program({"watch", gateway.address()}, environment, Program::Terminal::None, ends[1]).finish();
+  close(ends[1]);
+  EXPECT_EQ(outcome.exitStatus, 2) << outcome.err;
+}
+
+TEST_F(WatchCommandTest, WhatItCannotDoIsRefusedAtOnce) {
+  EXPECT_EQ(run({"watch"}).exitStatus, 2);
+  EXPECT_EQ(run({"watch", "gw", "--interval", "0"}).exitStatus, 2);
+  EXPECT_EQ(run({"watch", "gw", "--interval", "soon"}).exitStatus, 2);
+}
+
+TEST_F(WatchCommandTest, ASignalEndsItAlsoWhileItMeasures) {
+  const SilentGateway silent;
+  Program program({"watch", silent.address(), "--log-level", "info"}, environment);
+  ASSERT_TRUE(program.waitForError("QIB"));
+  EXPECT_EQ(end(program).exitStatus, 128 + SIGTERM);
+}
+
+TEST_F(NetworkWatchTest, ANewAddressAsksForASelection) {
+  Gateway first(Near);
+  const Gateway second(Near + Near);
+  Program program({"watch", first.address(), second.address(), "--interval", Never, "--json"},
+                  environment);
+  ASSERT_TRUE(program.waitForOutput(first.address()));
+  first.setDelay(Far);
+  change("addr add 192.0.2.9/24 dev lo");
+  ASSERT_TRUE(program.waitForOutput("\"headend\":\"" + second.address()));
+  EXPECT_EQ(linesOf(end(program)).at(1).at("cause"), "network");
+}

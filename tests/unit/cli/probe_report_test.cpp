@@ -1,0 +1,248 @@
+// What `ahs probe` tells people and programs.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/ProbeReport.h"
+#include "tests/unit/cli/some_probes.h"
+
+namespace {
+
+using nlohmann::json;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+CheckedAddress address(const std::string& text, const std::string& outcome) {
+  CheckedAddress checked;
+  checked.text = text;
+  checked.outcome = outcome;
+  checked.took = std::chrono::microseconds(18250);
+  return checked;
+}
+
+/// A headend as most are: a TLS server that refuses plain HTTP.
+ProbeFindings someFindings() {
+  ProbeFindings findings;
+  findings.plan = somePlan(3);
+  findings.probes = {answered(18), answered(20), answered(19)};
+  findings.probes[1].report.reused = true;
+  findings.probes[1].report.connectUs = -1;
+  findings.request = "GET / HTTP/1.1\r\nHost: gw.example.com:443\r\nAccept: */*\r\n\r\n";
+  findings.answerHead = "HTTP/1.1 400 Bad Request\r\nServer: x\r\n\r\n";
+  findings.addresses.addresses = {address("192.0.2.7", "connected"),
+                                  address("2001:db8::7", "unreachable")};
+  findings.tls = TlsInspection();
+  findings.tls->address = "192.0.2.7";
+  findings.tls->speaksTls = true;
+  findings.tls->version = "TLSv1.3";
+  findings.tls->cipher = "TLS_AES_256_GCM_SHA384";
+  CertificateSummary certificate;
+  certificate.subject = "CN = gw.example.com";
+  certificate.issuer = "CN = Example CA";
+  certificate.validFrom = "2026-01-01T00:00:00Z";
+  certificate.validUntil = "2027-01-01T00:00:00Z";
+  certificate.daysLeft = 40;
+  certificate.names = {"gw.example.com", "vpn.example.com"};
+  certificate.key = "EC prime256v1, 256 bits";
+  findings.tls->certificate = certificate;
+  return findings;
+}
+
+ProbeFindings unresolved() {
+  ProbeFindings findings;
+  findings.plan = somePlan(3);
+  findings.probes = {failed(HTTP_SESSION_ERROR_DNS_RESOLUTION)};
+  findings.addresses.problem = "the name servers know no address of it";
+  findings.nameServers = {"192.0.2.1", "192.0.2.2"};
+  findings.searchDomains = {"example.com"};
+  return findings;
+}
+
+TEST(ProbeReport, TheHeadingSaysWhatIsProbedAndHow) {
+  ProbePlan plan = somePlan(3);
+  EXPECT_EQ(probeHeading(plan),
+            "Probing gw.example.com:443: 3 probes of plain HTTP, each 2 s at most\n");
+  plan.secure = true;
+  plan.count = 1;
+  plan.place = {"2001:db8::7", 8443};
+  plan.entry = "Berlin\n";
+  plan.profile = "europe.xml";
+  EXPECT_EQ(probeHeading(plan),
+            "Probing [2001:db8::7]:8443 (host entry 'Berlin\\x0a' of the profile 'europe.xml'): 1 "
+            "probe of HTTPS, each 2 s at most\n");
+}
+
+TEST(ProbeReport, AProbeIsALineWithItsSampleTimesAndStatus) {
+  const ProbeFindings findings = someFindings();
+  EXPECT_EQ(probeLine(findings.probes[0], 0),
+            "   1. 18 ms  answered, HTTP 400  network 18.000 ms, response 19.000 ms, connected "
+            "after 18.100 ms  HTTP_SESSION_SUCCESS (0x00000000)\n");
+  EXPECT_EQ(probeLine(findings.probes[1], 999),
+            "1000. 20 ms  answered, HTTP 400  network 20.000 ms, response 21.000 ms, same "
+            "connection  HTTP_SESSION_SUCCESS (0x00000000)\n");
+  EXPECT_EQ(probeLine(failed(HTTP_SESSION_ERROR_TIMEOUT), 1),
+            "   2. no sample  timed out  ended after 1.500 ms  HTTP_SESSION_ERROR_TIMEOUT "
+            "(0xFE46001B)\n");
+}
+
+TEST(ProbeReport, TheSumHasSpreadMetricAndLoss) {
+  ProbeFindings findings = someFindings();
+  findings.probes.push_back(failed(HTTP_SESSION_ERROR_TIMEOUT));
+  EXPECT_EQ(probeSummary(findings),
+            "4 probes, 3 with a sample, 1 without (25 %)\n"
+            "  network   min 18.000, median 19.000, max 20.000 ms\n"
+            "  response  min 19.000, median 20.000, max 21.000 ms\n"
+            "  metric    18 ms of all samples\n");
+  EXPECT_EQ(probeSummary(unresolved()), "1 probe, 0 with a sample, 1 without (100 %)\n");
+}
+
+TEST(ProbeReport, TheDetailsOfAGatewayAreAllThere) {
+  const std::string text = probeDetails(someFindings());
+  EXPECT_THAT(text, HasSubstr("  192.0.2.7    connected in 18.250 ms; the probes went there\n"
+                              "  2001:db8::7  unreachable\n"));
+  EXPECT_THAT(text, HasSubstr("TLSv1.3, TLS_AES_256_GCM_SHA384\n"
+                              "  subject:  CN = gw.example.com\n"
+                              "  issuer:   CN = Example CA\n"
+                              "  valid:    2026-01-01T00:00:00Z to 2027-01-01T00:00:00Z, 40 days "
+                              "left\n"
+                              "  names:    gw.example.com, vpn.example.com\n"
+                              "  key:      EC prime256v1, 256 bits\n"
+                              "  trusted:  yes\n"));
+  EXPECT_THAT(text, HasSubstr("Request, as it was sent:\n  GET / HTTP/1.1\n"
+                              "  Host: gw.example.com:443\n  Accept: */*\n"
+                              "Answer: HTTP/1.1 400 Bad Request\n"));
+  EXPECT_THAT(text, HasSubstr("  samples:  18 20 19\n  metric:   18 ms\n  outcome:  answered\n"));
+  EXPECT_THAT(text, HasSubstr("--secure"));
+  EXPECT_THAT(probeAdvice(someFindings()), "");
+}
+
+TEST(ProbeReport, ACertificateThatIsNotTrustedSaysWhy) {
+  ProbeFindings findings = someFindings();
+  findings.tls->certificate->doubts = {"certificate has expired", "hostname mismatch"};
+  findings.tls->certificate->isExpired = true;
+  findings.tls->certificate->daysLeft = -3;
+  findings.tls->certificate->moreNames = 7;
+  findings.tls->asksForClientCertificate = true;
+  const std::string text = probeDetails(findings);
+  EXPECT_THAT(text, HasSubstr("trusted:  no: certificate has expired; hostname mismatch\n"));
+  EXPECT_THAT(text, HasSubstr("expired 2 days ago\n"));
+  EXPECT_THAT(text, HasSubstr(", and 7 more\n"));
+  EXPECT_THAT(text, HasSubstr("  asks for a client certificate\n"));
+}
+
+TEST(ProbeReport, AHostEntryThatTakesNoPartIsSaidToBeOne) {
+  ProbeFindings findings = someFindings();
+  EXPECT_EQ(json::parse(probeJson(findings))["takesPart"], nullptr);
+  findings.plan.entry = "Berlin";
+  EXPECT_EQ(json::parse(probeJson(findings))["takesPart"], true);
+  findings.plan.leftOut = "it is switched off";
+  EXPECT_EQ(json::parse(probeJson(findings))["takesPart"], false);
+  EXPECT_THAT(probeDetails(findings),
+              HasSubstr("But the host entry takes no part in a selection: it is switched off.\n"));
+}
+
+TEST(ProbeReport, AServerWithoutTlsIsSaidToBeOne) {
+  ProbeFindings findings = someFindings();
+  findings.tls->problem = "speaks no TLS: it hangs up on a TLS greeting";
+  findings.tls->certificate.reset();
+  EXPECT_THAT(probeDetails(findings),
+              HasSubstr("192.0.2.7 speaks no TLS: it hangs up on a TLS greeting\n"));
+}
+
+TEST(ProbeReport, WhatTheHeadendSaysCannotMoveTheCursorAndIsCut) {
+  ProbeFindings findings = someFindings();
+  findings.answerHead = "HTTP/1.1 200 \x1b[2J" + std::string(5000, 'x') + "\r\n\r\n";
+  const std::string text = probeDetails(findings);
+  EXPECT_THAT(text, AllOf(HasSubstr("\\x1b[2J"), Not(HasSubstr("\x1b"))));
+  EXPECT_LT(text.size(), 3000U);
+}
+
+TEST(ProbeReport, OfANameThatIsNotResolvedTheNameServersAreTold) {
+  const ProbeFindings findings = unresolved();
+  EXPECT_THAT(probeDetails(findings),
+              AllOf(HasSubstr("Addresses: none: the name servers know no address of it\n"),
+                    HasSubstr("TLS: not tried"), HasSubstr("Request: none was sent\n"),
+                    HasSubstr("  metric:   none\n  outcome:  name not resolved\n")));
+  EXPECT_EQ(probeAdvice(findings),
+            "the name 'gw.example.com' is not resolved: the name servers know no address of it. "
+            "Name servers: 192.0.2.1, 192.0.2.2; search domains: example.com. Check the spelling, "
+            "and the network that these name servers belong to.");
+}
+
+TEST(ProbeReport, ANameServerThatIsSilentIsNoSilentGateway) {
+  ProbeFindings findings = unresolved();
+  findings.probes = {failed(HTTP_SESSION_ERROR_TIMEOUT), failed(HTTP_SESSION_ERROR_TIMEOUT)};
+  findings.addresses.problem = "the name servers do not answer in time";
+  EXPECT_THAT(probeAdvice(findings),
+              StartsWith("the name 'gw.example.com' is not resolved: the name servers do not "
+                         "answer in time. Name servers: 192.0.2.1"));
+}
+
+TEST(ProbeReport, WithoutAConnectionTheAdviceGoesByTheAddresses) {
+  ProbeFindings findings;
+  findings.plan = somePlan(1);
+  findings.probes = {failed(HTTP_SESSION_ERROR_CANNOT_CONNECT)};
+  findings.addresses.addresses = {address("192.0.2.7", "refused"),
+                                  address("2001:db8::7", "unreachable")};
+  EXPECT_THAT(probeAdvice(findings),
+              AllOf(StartsWith("no connection to gw.example.com:443 could be made. A machine "
+                               "refuses"),
+                    HasSubstr("no way to an address")));
+  findings.addresses.addresses.push_back(address("192.0.2.8", "connected"));
+  EXPECT_THAT(probeAdvice(findings), HasSubstr("try again"));
+}
+
+TEST(ProbeReport, WithoutAnAnswerTheAdviceSaysHowLongWasWaited) {
+  ProbeFindings findings;
+  findings.plan = somePlan(1);
+  findings.probes = {failed(HTTP_SESSION_ERROR_TIMEOUT)};
+  EXPECT_THAT(probeAdvice(findings), StartsWith("gw.example.com:443 does not answer within 2 s."));
+  findings.probes = {answered(18)};
+  findings.probes[0].endedAfter = std::chrono::seconds(11);
+  EXPECT_THAT(probeAdvice(findings), HasSubstr("SelectionConnectTimeout"));
+}
+
+TEST(ProbeReport, TheJsonObjectHasEverythingByName) {
+  const json object = json::parse(probeJson(someFindings()));
+  EXPECT_EQ(object["schema"], 1);
+  EXPECT_EQ(object["headend"], "gw.example.com");
+  EXPECT_EQ(object["port"], 443);
+  EXPECT_EQ(object["hostEntry"], nullptr);
+  EXPECT_EQ(object["secure"], false);
+  EXPECT_EQ(object["timeoutMs"], 2000);
+  EXPECT_EQ(object["roundTripTime"], "network");
+  ASSERT_EQ(object["probes"].size(), 3U);
+  EXPECT_EQ(object["probes"][0]["statusName"], "HTTP_SESSION_SUCCESS");
+  EXPECT_EQ(object["probes"][0]["rttMs"], 18);
+  EXPECT_EQ(object["probes"][1]["connectMs"], nullptr);
+  EXPECT_EQ(object["summary"]["lossPercent"], 0);
+  EXPECT_EQ(object["summary"]["network"]["medianMs"], 19.0);
+  EXPECT_EQ(object["summary"]["metricMs"], 18);
+  EXPECT_EQ(object["selection"]["metricMs"], 18);
+  EXPECT_EQ(object["selection"]["outcome"], "answered");
+  EXPECT_THAT(object["selection"]["samplesMs"], ElementsAre(18, 20, 19));
+  EXPECT_EQ(object["addresses"][1]["outcome"], "unreachable");
+  EXPECT_EQ(object["addresses"][1]["connectMs"], nullptr);
+  EXPECT_EQ(object["tls"]["certificate"]["daysLeft"], 40);
+  EXPECT_EQ(object["tls"]["certificate"]["trusted"], true);
+  EXPECT_EQ(object["request"][0], "GET / HTTP/1.1");
+  EXPECT_EQ(object["answer"], "HTTP/1.1 400 Bad Request");
+}
+
+TEST(ProbeReport, InJsonNullStandsForWhatDidNotHappen) {
+  const json object = json::parse(probeJson(unresolved()));
+  EXPECT_EQ(object["tls"], nullptr);
+  EXPECT_EQ(object["answer"], nullptr);
+  EXPECT_EQ(object["selection"]["metricMs"], nullptr);
+  EXPECT_EQ(object["summary"]["metricMs"], nullptr);
+  EXPECT_EQ(object["summary"]["network"], nullptr);
+  EXPECT_EQ(object["resolverProblem"], "the name servers know no address of it");
+  EXPECT_THAT(object["nameServers"], ElementsAre("192.0.2.1", "192.0.2.2"));
+}
+
+}  // namespace

@@ -1,0 +1,223 @@
+// A look at the addresses and certificates of servers of the test's own.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cli/AddressCheck.h"
+#include "cli/TlsInspection.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/TestAuthority.h"
+#include "vpn/Common/IP/HttpProbe.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using tests::Connection;
+using tests::ScriptedServer;
+using tests::TestAuthority;
+using tests::TlsServerContext;
+
+constexpr std::chrono::milliseconds Patience = tests::Limit;
+constexpr std::chrono::milliseconds Impatience{50};
+
+TlsInspection inspect(unsigned short port, const std::string& host = "localhost",
+                      std::chrono::milliseconds limit = Patience) {
+  const AddressCheck check = checkAddresses("127.0.0.1", port, Patience);
+  const CheckedAddress* address = findConnected(check, "127.0.0.1");
+  return address == nullptr ? TlsInspection() : inspectTls(*address, host, limit);
+}
+
+/// Does its side of a handshake and waits for the end.
+ScriptedServer::Script shakingHands(const TlsServerContext& context) {
+  return [context](Connection& connection) {
+    connection.startTls(context);
+    connection.waitForPeer();
+  };
+}
+
+class TlsInspectionTest : public testing::Test {
+ protected:
+  TlsInspectionTest() { HttpProbe::SetTrustFile(m_authority.file()); }
+  ~TlsInspectionTest() override { HttpProbe::SetTrustFile(""); }
+
+  TestAuthority m_authority;
+};
+
+TEST_F(TlsInspectionTest, ATrustedCertificateIsSummedUp) {
+  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue())));
+  const TlsInspection tls = inspect(server.port());
+  EXPECT_EQ(tls.problem, "");
+  EXPECT_TRUE(tls.speaksTls);
+  EXPECT_EQ(tls.version, "TLSv1.3");
+  EXPECT_THAT(tls.cipher, StartsWith("TLS_"));
+  ASSERT_TRUE(tls.certificate);
+  EXPECT_EQ(tls.certificate->subject, "CN = Test server");
+  EXPECT_EQ(tls.certificate->issuer, "CN = Test authority");
+  EXPECT_THAT(tls.certificate->names, ElementsAre("127.0.0.1", "::1", "localhost"));
+  EXPECT_EQ(tls.certificate->key, "EC prime256v1, 256 bits");
+  EXPECT_EQ(tls.certificate->daysLeft, 0);
+  EXPECT_FALSE(tls.certificate->isExpired);
+  EXPECT_THAT(tls.certificate->doubts, IsEmpty());
+}
+
+TEST_F(TlsInspectionTest, AnAddressIsLookedForAmongTheAddresses) {
+  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue())));
+  EXPECT_THAT(inspect(server.port(), "127.0.0.1").certificate->doubts, IsEmpty());
+  EXPECT_THAT(inspect(server.port(), "127.0.0.2").certificate->doubts,
+              ElementsAre(HasSubstr("IP address mismatch")));
+}
+
+TEST_F(TlsInspectionTest, EveryDoubtIsTold) {
+  TestAuthority::Subject subject;
+  subject.alternativeNames = "DNS:elsewhere.example";
+  subject.validFrom = -10L * 24 * 3600;
+  subject.validUntil = -2L * 24 * 3600 - 60;
+  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(subject))));
+  HttpProbe::SetTrustFile("");
+  const TlsInspection tls = inspect(server.port());
+  EXPECT_EQ(tls.problem, "");
+  ASSERT_TRUE(tls.certificate);
+  EXPECT_TRUE(tls.certificate->isExpired);
+  EXPECT_EQ(tls.certificate->daysLeft, -2);
+  EXPECT_THAT(tls.certificate->doubts, Contains(HasSubstr("hostname mismatch")));
+  EXPECT_THAT(tls.certificate->doubts, Contains(HasSubstr("expired")));
+  EXPECT_THAT(tls.certificate->doubts, Contains(HasSubstr("issuer")));
+}
+
+TEST_F(TlsInspectionTest, AnInternationalNameIsComparedAsCertificatesHaveIt) {
+  TestAuthority::Subject subject;
+  subject.alternativeNames = "DNS:xn--mnchen-3ya.example";
+  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(subject))));
+  EXPECT_THAT(inspect(server.port(), "m\xc3\xbcnchen.example").certificate->doubts, IsEmpty());
+}
+
+TEST_F(TlsInspectionTest, OfManyNamesTheFirstAreTold) {
+  TestAuthority::Subject subject;
+  subject.alternativeNames = "DNS:localhost";
+  for (int i = 0; i < 100; ++i) {
+    subject.alternativeNames += ",DNS:gw" + std::to_string(i) + ".example";
+  }
+  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(subject))));
+  const TlsInspection tls = inspect(server.port());
+  ASSERT_TRUE(tls.certificate);
+  EXPECT_EQ(tls.certificate->names.size(), 20U);
+  EXPECT_EQ(tls.certificate->moreNames, 81U);
+}
+
+TEST_F(TlsInspectionTest, AClientCertificateThatIsDemandedIsTold) {
+  TlsServerContext::Settings settings;
+  settings.demandClientCertificate = true;
+  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(), settings)));
+  const TlsInspection tls = inspect(server.port());
+  EXPECT_TRUE(tls.asksForClientCertificate);
+  EXPECT_TRUE(tls.certificate);
+}
+
+TEST_F(TlsInspectionTest, AServerIsAskedForAName) {
+  tests::RequestLog greetings;
+  const ScriptedServer server(
+      [&greetings](Connection& connection) { greetings.add(connection.readSome()); });
+  inspect(server.port(), "gw.example.com");
+  inspect(server.port(), "127.0.0.1");
+  // The looks at the address come and go without a word.
+  std::vector<std::string> all = greetings.all();
+  std::erase(all, "");
+  ASSERT_EQ(all.size(), 2U);
+  EXPECT_THAT(all[0], HasSubstr("gw.example.com"));
+  EXPECT_THAT(all[1], testing::Not(HasSubstr("127.0.0.1")));
+}
+
+TEST_F(TlsInspectionTest, AServerOfPlainHttpSpeaksNoTls) {
+  const ScriptedServer server([](Connection& connection) {
+    connection.readSome();
+    connection.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+    connection.waitForPeer();
+  });
+  const TlsInspection tls = inspect(server.port());
+  EXPECT_FALSE(tls.speaksTls);
+  EXPECT_THAT(tls.problem, StartsWith("speaks no TLS: it answers"));
+  EXPECT_FALSE(tls.certificate);
+}
+
+TEST_F(TlsInspectionTest, AServerThatHangsUpSpeaksNoTls) {
+  const ScriptedServer server([](Connection& connection) {
+    connection.readSome();
+    connection.drain();
+  });
+  EXPECT_THAT(inspect(server.port()).problem, StartsWith("speaks no TLS: it hangs up"));
+}
+
+TEST_F(TlsInspectionTest, SilenceHoldsItUpNoLongerThanTheLimit) {
+  tests::SilentListener silent("127.0.0.1");
+  EXPECT_THAT(inspect(silent.Where().port, "localhost", Impatience).problem,
+              StartsWith("speaks no TLS: it says nothing"));
+}
+
+TEST_F(TlsInspectionTest, AnAlertIsTlsAndNoHandshake) {
+  const ScriptedServer server([](Connection& connection) {
+    connection.readSome();
+    connection.send(std::string("\x15\x03\x03\x00\x02\x02\x28", 7));
+    connection.waitForPeer();
+  });
+  const TlsInspection tls = inspect(server.port());
+  EXPECT_TRUE(tls.speaksTls);
+  EXPECT_THAT(tls.problem, StartsWith("fails the TLS handshake: "));
+}
+
+TEST_F(TlsInspectionTest, AHandshakeWithoutEndIsGivenUp) {
+  // Warning alerts lead to nothing, and a handshake goes on after them.
+  const std::string warning("\x15\x03\x03\x00\x02\x01\x5a", 7);
+  std::string flood;
+  for (int i = 0; i < 1000; ++i) {
+    flood += warning;
+  }
+  const ScriptedServer server([flood](Connection& connection) {
+    connection.readSome();
+    while (connection.send(flood)) {
+    }
+  });
+  EXPECT_NE(inspect(server.port()).problem, "");
+}
+
+TEST(AddressCheck, EachAddressIsTried) {
+  const tests::RefusingPort refusing("127.0.0.1");
+  const AddressCheck refused = checkAddresses("127.0.0.1", refusing.Where().port, Patience);
+  ASSERT_EQ(refused.addresses.size(), 1U);
+  EXPECT_EQ(refused.problem, "");
+  EXPECT_EQ(refused.addresses[0].text, "127.0.0.1");
+  EXPECT_EQ(refused.addresses[0].outcome, "refused");
+  EXPECT_EQ(findConnected(refused, ""), nullptr);
+
+  tests::SilentListener listening("127.0.0.1");
+  const AddressCheck taken = checkAddresses("localhost", listening.Where().port, Patience);
+  const CheckedAddress* connected = findConnected(taken, "127.0.0.1");
+  ASSERT_NE(connected, nullptr);
+  EXPECT_EQ(connected->text, "127.0.0.1");
+}
+
+TEST(AddressCheck, AnAddressThatSaysNothingTimesOut) {
+  const tests::SilentPort silent;
+  const AddressCheck check = checkAddresses("127.0.0.1", silent.port(), Impatience);
+  ASSERT_EQ(check.addresses.size(), 1U);
+  EXPECT_EQ(check.addresses[0].outcome, "timed out");
+}
+
+TEST(AddressCheck, TheAddressThatWasUsedGoesBeforeTheFirstThatConnects) {
+  AddressCheck check;
+  for (const char* text : {"192.0.2.1", "192.0.2.2", "192.0.2.3"}) {
+    CheckedAddress address;
+    address.text = text;
+    address.outcome = check.addresses.empty() ? "refused" : "connected";
+    check.addresses.push_back(address);
+  }
+  EXPECT_EQ(findConnected(check, "192.0.2.3")->text, "192.0.2.3");
+  EXPECT_EQ(findConnected(check, "192.0.2.1")->text, "192.0.2.2");
+}
+
+}  // namespace

@@ -1,0 +1,121 @@
+// What a worker of a selection would make of probes.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cli/WorkerView.h"
+#include "tests/unit/cli/some_probes.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+TEST(WorkerView, TheMetricIsTheSmallestSampleThatIsNotZero) {
+  const WorkerView view = workerViewOf(somePlan(3), {answered(25), answered(0), answered(18)});
+  EXPECT_EQ(view.metricMs, 18U);
+  EXPECT_THAT(view.samplesMs, ElementsAre(25, 0, 18));
+  EXPECT_EQ(view.outcome, "answered");
+  EXPECT_THAT(view.why, HasSubstr("smallest sample"));
+}
+
+TEST(WorkerView, OnlyAsManyProbesCountAsASelectionSends) {
+  const WorkerView view =
+      workerViewOf(somePlan(5), {answered(25), answered(24), answered(23), answered(1)});
+  EXPECT_EQ(view.probes, 3U);
+  EXPECT_EQ(view.metricMs, 23U);
+}
+
+TEST(WorkerView, NothingButZeroIsTheBestMetricThereIs) {
+  const WorkerView view = workerViewOf(somePlan(3), {answered(0), answered(0), answered(0)});
+  EXPECT_EQ(view.metricMs, 0U);
+  EXPECT_THAT(view.why, HasSubstr("The metric is 0"));
+}
+
+TEST(WorkerView, ZeroAmongLostProbesIsNoUsableSample) {
+  const WorkerView view =
+      workerViewOf(somePlan(3), {answered(0), failed(HTTP_SESSION_ERROR_TIMEOUT), answered(0)});
+  EXPECT_EQ(view.metricMs, 9999U);
+  EXPECT_THAT(view.why, HasSubstr("worst"));
+}
+
+TEST(WorkerView, OneFailureToConnectCostsASampleOnly) {
+  const WorkerView view = workerViewOf(
+      somePlan(3), {failed(HTTP_SESSION_ERROR_CANNOT_CONNECT), answered(25), answered(24)});
+  EXPECT_EQ(view.metricMs, 24U);
+  EXPECT_EQ(view.outcome, "answered");
+}
+
+TEST(WorkerView, TheSecondFailureToConnectEndsTheHeadendWhateverWasMeasured) {
+  const WorkerView view =
+      workerViewOf(somePlan(3), {failed(HTTP_SESSION_ERROR_TIMEOUT), answered(25),
+                                 failed(HTTP_SESSION_ERROR_CANNOT_CONNECT)});
+  EXPECT_EQ(view.metricMs, std::nullopt);
+  EXPECT_EQ(view.outcome, "cannot connect");
+  EXPECT_THAT(view.why, HasSubstr("probe 3, whatever it has measured before"));
+}
+
+TEST(WorkerView, AfterTheEndOfTheHeadendNoProbeCounts) {
+  const WorkerView view = workerViewOf(
+      somePlan(3),
+      {failed(HTTP_SESSION_ERROR_TIMEOUT), failed(HTTP_SESSION_ERROR_TIMEOUT), answered(25)});
+  EXPECT_EQ(view.probes, 2U);
+  EXPECT_THAT(view.samplesMs, IsEmpty());
+  EXPECT_EQ(view.outcome, "timed out");
+}
+
+TEST(WorkerView, ANameThatIsNotResolvedEndsTheHeadend) {
+  const WorkerView view = workerViewOf(somePlan(3), {failed(HTTP_SESSION_ERROR_DNS_RESOLUTION)});
+  EXPECT_EQ(view.metricMs, std::nullopt);
+  EXPECT_EQ(view.outcome, "name not resolved");
+  EXPECT_THAT(view.why, HasSubstr("not resolved"));
+}
+
+TEST(WorkerView, ARefusalByTheServerIsASample) {
+  EndedProbe refused = answered(18);
+  refused.report.status = HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE;
+  const WorkerView view = workerViewOf(somePlan(1), {refused});
+  EXPECT_EQ(view.metricMs, 18U);
+  EXPECT_EQ(view.outcome, "untrusted certificate");
+}
+
+TEST(WorkerView, ASingleProbeWithoutAConnectionGivesNoResult) {
+  const WorkerView view = workerViewOf(somePlan(1), {failed(HTTP_SESSION_ERROR_CANNOT_CONNECT)});
+  EXPECT_EQ(view.metricMs, std::nullopt);
+  EXPECT_EQ(view.outcome, "cannot connect");
+  EXPECT_EQ(view.why, "No result: there is no sample.");
+}
+
+TEST(WorkerView, AProbeThatEndsAfterTheTimeLimitOfASelectionComesTooLate) {
+  EndedProbe late = answered(25);
+  late.endedAfter = milliseconds(10001);
+  const WorkerView view = workerViewOf(somePlan(3), {answered(24), late});
+  EXPECT_EQ(view.metricMs, std::nullopt);
+  EXPECT_EQ(view.outcome, "not finished in time");
+  EXPECT_THAT(view.why, HasSubstr("10000 ms (SelectionConnectTimeout)"));
+}
+
+TEST(WorkerView, TheTimeLimitDoesNotConcernProbesThatASelectionDoesNotSend) {
+  EndedProbe late = answered(25);
+  late.endedAfter = milliseconds(10001);
+  EXPECT_EQ(workerViewOf(somePlan(4), {answered(24), answered(23), answered(22), late}).metricMs,
+            22U);
+}
+
+TEST(Spread, TheMedianOfAnEvenNumberLiesBetweenTheTwoInTheMiddle) {
+  const std::optional<Spread> spread = spreadOf({40, 10, -1, 30, 20});
+  ASSERT_TRUE(spread);
+  EXPECT_EQ(spread->leastUs, 10);
+  EXPECT_EQ(spread->medianUs, 25);
+  EXPECT_EQ(spread->mostUs, 40);
+  EXPECT_EQ(spreadOf({3, 1, 2})->medianUs, 2);
+}
+
+TEST(Spread, OfNothingThereIsNone) {
+  EXPECT_FALSE(spreadOf({}));
+  EXPECT_FALSE(spreadOf({-1, -1}));
+}
+
+}  // namespace

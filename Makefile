@@ -64,6 +64,16 @@ bench: deps-bench release ## Measure, side by side with named peers (needs the r
 deb: deps-deb ## Build Debian packages into build/deb: library, development files, command
 	tools/deb.sh
 
+.PHONY: deb-check
+deb-check: deb release ## Build them, and install and use them in a clean root (needs to be root)
+	tests/package/clean_root_test.sh . build/release build/clean-root build/deb
+
+.PHONY: reference
+reference: deps-test ## Make the reference of the library's headers: build/reference/index.html
+	cmake --preset release
+	mkdir -p build/reference
+	cd build/reference && doxygen ../release/packaging/Doxyfile
+
 .PHONY: release
 release: ## Build, optimised, into build/release
 	cmake --preset release

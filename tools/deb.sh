@@ -1,12 +1,23 @@
 #!/bin/bash
-# Builds the Debian packages into build/deb from what is committed or changed in the checkout, and
-# checks them with lintian.
+# Builds the Debian packages from what is committed or changed in the checkout, and checks them with
+# lintian. With BUILD-DIRECTORY they hold what is compiled there.
+# Usage: deb.sh [TARGET-DIRECTORY (build/deb) [BUILD-DIRECTORY]]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-target=$PWD/build/deb
+target=${1:-build/deb}
 rm -rf "$target"
 mkdir -p "$target/ahs"
-git ls-files -co --exclude-standard -z | tar -c --null -T - | tar -x -C "$target/ahs"
+target=$(cd "$target" && pwd)
+if [ -n "${2:-}" ]; then
+  AHS_BUILT=$(cd "$2" && pwd)
+  export AHS_BUILT
+  # The symbols take most of the time.
+  export DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:-} noautodbgsym"
+fi
+# What is deleted and not committed yet is still listed.
+git ls-files -co --exclude-standard -z |
+  while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
+  tar -c --null -T - | tar -x -C "$target/ahs"
 cd "$target/ahs"
 # debhelper gives the build a home of its own, in which ccache would find nothing.
 if command -v ccache >/dev/null; then

@@ -7,10 +7,11 @@ build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-
   libproxy-dev libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev iproute2 curl openssl)
 # What the benchmarks, and the short run of them that is a test, put beside ahs.
 peers=(python3 fping httping)
-test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind gdb
-  clang-14 libclang-rt-14-dev)
+test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind gdb doxygen
+  mandoc man-db zsh fish bash-completion
+  clang-14 libclang-rt-14-dev debhelper lintian debootstrap)
 lint=("${test[@]}" clang-format-14 clang-tidy-14 shellcheck)
-deb=("${build[@]}" debhelper lintian)
+deb=("${build[@]}" debhelper lintian debootstrap)
 bench=("${build[@]}" "${peers[@]}")
 
 case "${1:-}" in

@@ -3,7 +3,10 @@
 WebDriver (https://www.w3.org/TR/webdriver2/), never read as text. Ends with 77, skipped, where there
 is no Chromium.
 
-Usage: result_page_test.py BINARIES OUTPUT-DIRECTORY
+Pictures of pages are left in OUTPUT-DIRECTORY; those of the README are made anew with
+AHS_WRITE_PICTURES=1 in the environment.
+
+Usage: result_page_test.py BINARIES OUTPUT-DIRECTORY PICTURES-DIRECTORY
 """
 
 import base64
@@ -11,18 +14,28 @@ import json
 import os
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
 import urllib.request
+from xml.sax.saxutils import quoteattr
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import wan_scene  # noqa: E402  (it lies beside the tests' other helpers)
 
 SKIPPED = 77
 PATIENCE_S = 60
 GATEWAYS = ["127.0.0.1:0,delay=20", "127.0.0.1:0,delay=80"]
 # Port 1 (tcpmux) is used by nobody any more.
 CLOSED = "127.0.0.1:1"
+# A host entry's name is markup, and one entry has no name but its address.
+NAMES = ["Near", "<b>Far</b>", CLOSED]
+# A picture of the README, down to the end of the table, is about as wide as its column and loads at once.
+PICTURE_WIDTH, PICTURE_MOST_BYTES = 920, 150_000
 
 
 def die_with_parent():
@@ -64,6 +77,11 @@ def start_gateways(child):
     raise RuntimeError("ahs-gateways ended")
 
 
+def width_of(png):
+    """The width of a picture in pixels (PNG, section 11.2.2)."""
+    return struct.unpack(">I", png[16:20])[0]
+
+
 class Browser:
     """A WebDriver session."""
 
@@ -79,6 +97,7 @@ class Browser:
                     raise
             time.sleep(0.05)
         arguments = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                     "--hide-scrollbars", "--disable-lcd-text", "--force-color-profile=srgb",
                      "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1"]
         session = self.ask("POST", "/session", {
             "capabilities": {"alwaysMatch": {
@@ -124,6 +143,7 @@ class Browser:
 class ResultPage(unittest.TestCase):
     binaries = ""
     output = ""
+    pictures = ""
 
     @classmethod
     def setUpClass(cls):
@@ -139,9 +159,18 @@ class ResultPage(unittest.TestCase):
         with open(preferences, "w", encoding="utf-8") as file:
             file.write('<preferences version="1"><preference name="RoundTripTime" value="response"/>'
                        "</preferences>")
+        profiles = os.path.join(cls.scratch.name, "profiles")
+        os.umask(0o022)
+        os.mkdir(profiles)
+        with open(os.path.join(profiles, "vpn.xml"), "w", encoding="utf-8") as file:
+            file.write('<profile version="1"><preferences><preference name="EnableAutomaticServerSelection"'
+                       ' value="true"/></preferences><hosts>')
+            for name, address in zip(NAMES, cls.addresses):
+                file.write(f"<host name={quoteattr(name)} address={quoteattr(address)}/>")
+            file.write("</hosts></profile>")
         outcome = subprocess.run(
             [os.path.join(cls.binaries, "ahs"), "select", "--no-cache", "--no-proxy", "--json",
-             "--preferences", preferences, "--html", cls.page, "--svg", cls.chart, *cls.addresses],
+             "--preferences", preferences, "--profiles", profiles, "--html", cls.page, "--svg", cls.chart],
             stdout=subprocess.PIPE, check=True, timeout=PATIENCE_S)
         cls.result = json.loads(outcome.stdout)
         cls.driver = Process(["chromedriver", "--port=0"], stdout=subprocess.PIPE,
@@ -185,8 +214,16 @@ class ResultPage(unittest.TestCase):
                                 ".map(r => [...r.cells].map(c => c.innerText))")
         self.assertEqual([row[1] for row in rows],
                          [one["headend"] for one in self.result["results"]])
-        self.assertEqual([row[4] for row in rows],
+        self.assertEqual([row[5] for row in rows],
                          [one["outcome"] for one in self.result["results"]])
+
+    def test_the_names_of_host_entries_stand_beside_the_addresses(self):
+        names = self.browser.run("[...document.querySelectorAll('tbody tr')].map(r => r.cells[2].innerText)")
+        self.assertEqual(names, ["Near", "<b>Far</b>", ""])
+        self.assertEqual([one["name"] for one in self.result["results"]], NAMES)
+        drawn = self.browser.run("[...document.querySelectorAll('svg g')]"
+                                 ".map(g => g.querySelector('text').textContent)")
+        self.assertEqual(drawn, NAMES)
 
     def test_nothing_is_fetched_and_no_script_runs(self):
         self.assertEqual(self.browser.run("performance.getEntriesByType('resource').length"), 0)
@@ -220,6 +257,34 @@ class ResultPage(unittest.TestCase):
         self.assertNotEqual(pictures[0], pictures[1])
         self.browser.prefer("light")
 
+    def test_the_readme_shows_a_page_like_this(self):
+        page = os.path.join(self.scratch.name, "scene.html")
+        with tempfile.TemporaryDirectory() as scratch:
+            status = wan_scene.run(self.binaries, scratch, wan_scene.select_command(self.binaries, scratch) +
+                                   ["--json", "--html", page])
+        if status == wan_scene.SKIPPED:
+            self.skipTest("no network of its own can be made here")
+        self.assertEqual(status, 0)
+        self.browser.open(page)
+        try:
+            for scheme, name in (("light", "result-page.png"), ("dark", "result-page-dark.png")):
+                self.browser.resize(PICTURE_WIDTH, 600)
+                self.browser.prefer(scheme)
+                height = self.browser.run("Math.ceil(document.querySelector('table')"
+                                          ".getBoundingClientRect().bottom) + 16")
+                self.browser.resize(PICTURE_WIDTH, height)
+                picture = self.browser.picture(os.path.join(self.output, name))
+                self.assertLess(len(picture), PICTURE_MOST_BYTES)
+                kept = os.path.join(self.pictures, name)
+                if os.environ.get("AHS_WRITE_PICTURES"):
+                    shutil.copy(os.path.join(self.output, name), kept)
+                with open(kept, "rb") as file:
+                    self.assertEqual(width_of(file.read()), width_of(picture))
+        finally:
+            self.browser.prefer("light")
+            self.browser.resize(1000, 900)
+            self.browser.open(self.page)
+
     def test_the_picture_alone_is_drawn_too(self):
         self.browser.open(self.chart)
         try:
@@ -235,7 +300,7 @@ def main():
     if not shutil.which("chromium") or not shutil.which("chromedriver"):
         print("skipped: chromium and chromedriver are not installed (Debian: chromium, chromium-driver)")
         sys.exit(SKIPPED)
-    ResultPage.binaries, ResultPage.output = sys.argv[1:3]
+    ResultPage.binaries, ResultPage.output, ResultPage.pictures = map(os.path.abspath, sys.argv[1:4])
     os.makedirs(ResultPage.output, exist_ok=True)
     unittest.main(argv=[sys.argv[0]], verbosity=2)
 

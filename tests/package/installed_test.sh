@@ -92,4 +92,12 @@ selects python python3 "$source/examples/python/select_headend.py" "${addresses[
 
 echo "== tool"
 "$scratch/usr/bin/ahs" --version
+share=$scratch/usr/share
+for file in man/man1/ahs.1 man/man5/ahs-profile.5; do
+  [ -s "$share/$file" ] || fail "there is no $file"
+done
+for file in bash-completion/completions/ahs zsh/site-functions/_ahs fish/vendor_completions.d/ahs.fish; do
+  shell=${file%%[-/]*}
+  "$scratch/usr/bin/ahs" completion "$shell" | cmp - "$share/$file" || fail "$file is not the tool's"
+done
 echo "All of it works."

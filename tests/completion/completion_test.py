@@ -1,0 +1,283 @@
+#!/usr/bin/env python3
+"""Completions as the shells make them, of the scripts that this build prints: bash and zsh at a terminal,
+where a key is pressed and the line is looked at, fish by its own `complete -C`. Host entries have names
+that would run a command in any shell that evaluates them; no shell does.
+Usage: completion_test.py DIRECTORY-OF-AHS"""
+import os
+import pty
+import re
+import select
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+BIN = os.path.abspath(sys.argv.pop(1))
+PATIENCE = 60  # seconds; nothing here takes one
+HOSTS = ["$(touch pwned)", "`touch pwned`", "a b", "it's", 'say "hi" twice', "back\\slash", "x;touch pwned", "Z\u00fcrich", "wow!",
+         "plain", "~", "*", "&& touch pwned"]
+QUOTED_XML = {"&": "&amp;", "<": "&lt;", '"': "&quot;"}
+
+
+def xml(text):
+    return "".join(QUOTED_XML.get(c, c) for c in text)
+
+
+class Place:
+    """A home with profiles, an `ahs` on PATH, and a directory to be in."""
+
+    def __init__(self):
+        self.root = tempfile.mkdtemp(prefix="ahs-completion-")
+        os.chmod(self.root, 0o755)
+        self.work = os.path.join(self.root, "work")
+        os.makedirs(os.path.join(self.work, "a directory"))
+        open(os.path.join(self.work, "a file.xml"), "w").close()
+        self.profiles(os.path.join(self.root, ".config/ahs/profiles"),
+                      [(name, "gw%d.example.com:8443" % i) for i, name in enumerate(HOSTS)])
+        self.profiles(os.path.join(self.root, "other place"), [("elsewhere", "[2001:db8::1]:8443")])
+        # As they are installed.
+        self.scripts = {"bash": "share/bash-completion/completions/ahs", "zsh": "share/zsh/site-functions/_ahs",
+                        "fish": "share/fish/vendor_completions.d/ahs.fish"}
+        for shell, path in self.scripts.items():
+            script = subprocess.run([BIN + "/ahs", "completion", shell], capture_output=True, check=True).stdout
+            os.makedirs(os.path.dirname(self.path(path)))
+            with open(self.path(path), "wb") as file:
+                file.write(script)
+        self.environment = {"HOME": self.root, "PATH": BIN + ":/usr/bin:/bin", "TERM": "dumb", "LC_ALL": "C.UTF-8",
+                            "XDG_CONFIG_HOME": self.root + "/.config", "HISTFILE": "/dev/null",
+                            "XDG_DATA_DIRS": self.root + "/share:/usr/share"}
+
+    def path(self, name):
+        return os.path.join(self.root, name)
+
+    @staticmethod
+    def profiles(directory, hosts):
+        os.makedirs(directory, mode=0o755)
+        path = os.path.join(directory, "p.xml")
+        with open(path, "w", encoding="utf-8") as file:
+            file.write('<profile version="1"><preferences><preference name="EnableAutomaticServerSelection" '
+                       'value="true"/></preferences><hosts>')
+            for name, address in hosts:
+                file.write('<host name="%s" address="%s"/>' % (xml(name), address))
+            file.write("</hosts></profile>")
+        os.chmod(path, 0o644)
+
+    def is_unharmed(self):
+        return sorted(os.listdir(self.work)) == ["a directory", "a file.xml"] and \
+            "pwned" not in os.listdir(self.root)
+
+    def remove(self):
+        shutil.rmtree(self.root)
+
+
+class Terminal:
+    """A shell at a terminal. What stands in the line is asked of the shell: it writes it to a file on a key."""
+
+    def __init__(self, place, command, ready):
+        self.place = place
+        self.pid, self.fd = pty.fork()
+        if self.pid == 0:
+            os.chdir(place.work)
+            os.execve(command[0], command, place.environment)
+        self.seen = b""
+        self.type(ready + "\n")
+        self.wait(b"<GO>")
+
+    def type(self, text):
+        os.write(self.fd, text.encode())
+
+    def wait(self, text):
+        deadline = time.monotonic() + PATIENCE
+        while text not in self.seen:
+            if not select.select([self.fd], [], [], max(0, deadline - time.monotonic()))[0]:
+                raise AssertionError("the shell has shown %r" % self.seen)
+            self.seen += os.read(self.fd, 65536)
+        self.seen = b""
+
+    def complete(self, line):
+        """The line after it was typed and the completion key was pressed."""
+        answer = self.place.path("line")
+        if os.path.exists(answer):
+            os.remove(answer)
+        self.type("\x15" + line + "\t\x18\x07")
+        deadline = time.monotonic() + PATIENCE
+        while not os.path.exists(answer):
+            if time.monotonic() > deadline:
+                raise AssertionError("no line; the shell has shown %r" % self.seen)
+            if select.select([self.fd], [], [], 0.02)[0]:
+                self.seen += os.read(self.fd, 65536)
+        with open(answer, encoding="utf-8") as file:
+            return file.read()
+
+    def end(self):
+        os.kill(self.pid, 9)
+        os.waitpid(self.pid, 0)
+        os.close(self.fd)
+
+
+# The prompt that tells that the shell is ready does not stand like that in the line that is echoed.
+def bash(place, load):
+    return Terminal(place, ["/bin/bash", "--norc", "--noprofile", "-i"],
+                    "%s; write() { printf %%s \"$READLINE_LINE\" >%s/line.new; mv %s/line.new %s/line; }; "
+                    "bind -x '\"\\C-x\\C-g\": write'; bind 'set bell-style none'; bind 'set enable-bracketed-paste off'; "
+                    "PS1='<''GO>'" % ((load,) + (place.root,) * 3))
+
+
+def zsh(place, before, after):
+    setup = place.path("setup.zsh")
+    with open(setup, "w", encoding="utf-8") as file:
+        file.write("""
+%(before)s
+autoload -U compinit; compinit -u -D
+%(after)s
+unsetopt beep automenu autolist listbeep
+PS1='<''GO>'
+write() { print -rn -- "$BUFFER" >%(root)s/line.new; mv %(root)s/line.new %(root)s/line }
+zle -N write
+bindkey -e
+bindkey '^X^G' write
+bindkey '^U' kill-whole-line
+bindkey '^I' complete-word
+""" % {"root": place.root, "before": before, "after": after})
+    return Terminal(place, ["/usr/bin/zsh", "-f", "-i"], "source " + setup)
+
+
+class Shells(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.place = Place()
+        # The way that each is found once it is installed.
+        cls.terminals = {"bash": bash(cls.place, "source /usr/share/bash-completion/bash_completion"),
+                         "zsh": zsh(cls.place, "fpath=(%s/share/zsh/site-functions $fpath)" % cls.place.root, "")}
+
+    @classmethod
+    def tearDownClass(cls):
+        for terminal in cls.terminals.values():
+            terminal.end()
+        cls.place.remove()
+
+    def tearDown(self):
+        self.assertTrue(self.place.is_unharmed(), "a name has been run")
+
+    def fish(self, line):
+        """What fish offers for a line: texts, each with its description."""
+        run = subprocess.run(["/usr/bin/fish", "-c", "complete -C $argv[1]", line],
+                             capture_output=True, check=True, text=True, env=self.place.environment,
+                             cwd=self.place.work, stdin=subprocess.DEVNULL, timeout=PATIENCE)
+        self.assertEqual(run.stderr, "")
+        return dict((text.split("\t") + [""])[:2] for text in run.stdout.splitlines())
+
+    def becomes(self, line, completed, shells=("bash", "zsh")):
+        for shell in shells:
+            with self.subTest(shell=shell, line=line):
+                # zsh goes on with the value behind an equals sign.
+                self.assertEqual(self.terminals[shell].complete(line).rstrip(" ="), completed)
+
+    def test_commands(self):
+        self.becomes("ahs sel", "ahs select")
+        self.becomes("ahs profile ch", "ahs profile check")
+        self.becomes("ahs help pref", "ahs help preferences")
+        self.assertIn("select", self.fish("ahs sel"))
+        self.assertEqual(sorted(self.fish("ahs cache ")), ["clear", "path", "show"])
+        self.assertIn("Measure", self.fish("ahs sel")["select"])
+
+    def test_options(self):
+        self.becomes("ahs select --glob", "ahs select --global-preferences")
+        self.becomes("ahs cache show --cac", "ahs cache show --cache-dir")
+        self.becomes("ahs select --cache-dir /tmp --expl", "ahs select --cache-dir /tmp --explain")
+        self.assertEqual(self.fish("ahs select --glob"),
+                         {"--global-preferences": "The machine's preferences file"})
+        # Nothing of one command is offered for another.
+        self.becomes("ahs cache path --expl", "ahs cache path --expl")
+        self.assertEqual(self.fish("ahs cache path --expl"), {})
+
+    def test_fixed_words(self):
+        self.becomes("ahs select --reason proc", "ahs select --reason process-launch")
+        self.becomes("ahs select --reason=proc", "ahs select --reason=process-launch")
+        self.becomes("ahs select --log-level w", "ahs select --log-level warning")
+        self.becomes("ahs completion f", "ahs completion fish")
+        self.assertEqual(sorted(self.fish("ahs completion ")), ["bash", "fish", "zsh"])
+        self.assertEqual(sorted(self.fish("ahs select --log-level ")), ["error", "info", "off", "warning"])
+        self.assertEqual(list(self.fish("ahs select --reason=proc")), ["--reason=process-launch"])
+
+    def test_files_and_directories(self):
+        self.becomes("ahs profile check a\\ f", "ahs profile check a\\ file.xml")
+        self.becomes("ahs select --preferences a\\ f", "ahs select --preferences a\\ file.xml")
+        self.becomes("ahs select --cache-dir a", "ahs select --cache-dir a\\ directory/")
+        self.becomes("ahs select --cache-dir=a", "ahs select --cache-dir=a\\ directory/")
+        self.becomes("ahs select --html=a\\ f", "ahs select --html=a\\ file.xml")
+        self.assertIn("a file.xml", self.fish("ahs profile check a"))
+        self.assertEqual(list(self.fish("ahs select --cache-dir a")), ["a directory/"])
+
+    def test_names_of_host_entries_are_quoted_and_never_run(self):
+        for typed, bash_word, zsh_word in [
+                ("pl", "plain", "plain"),
+                ("a", "a\\ b", "a\\ b"),
+                ("a\\ ", "a\\ b", "a\\ b"),
+                ("it", "it\\'s", "it\\'s"),
+                ("say", 'say\\ \\"hi\\"\\ twice', 'say\\ \\"hi\\"\\ twice'),
+                ("bac", "back\\\\slash", "back\\\\slash"),
+                ("x", "x\\;touch\\ pwned", "x\\;touch\\ pwned"),
+                ("wow", "wow\\!", "wow\\!"),
+                ("Z", "Z\u00fcrich", "Z\u00fcrich"),
+                ("\\$", "\\$\\(touch\\ pwned\\)", "\\$\\(touch\\ pwned\\)"),
+                ("\\`", "\\`touch\\ pwned\\`", "\\`touch\\ pwned\\`"),
+                ("'$", "'$(touch pwned)'", "'$(touch pwned)'"),
+                ("\\~", "\\~", "\\~"),
+                ("\\*", "\\*", "\\*"),
+                ("\\&", "\\&\\&\\ touch\\ pwned", "\\&\\&\\ touch\\ pwned"),
+                ("'it", "'it'\\''s'", "'it'\\''s'"),
+                ('"say', '"say \\"hi\\" twice"', '"say \\"hi\\" twice"'),
+                ('"\\$', '"\\$(touch pwned)"', '"\\$(touch pwned)"')]:
+            self.becomes("ahs select --last " + typed, "ahs select --last " + bash_word, ["bash"])
+            self.becomes("ahs select --last " + typed, "ahs select --last " + zsh_word, ["zsh"])
+        self.assertEqual(sorted(self.fish("ahs select --last ")), sorted(HOSTS))
+        self.becomes("ahs select --last=pl", "ahs select --last=plain")
+        self.becomes("ahs probe pl", "ahs probe plain")
+        self.assertEqual(list(self.fish("ahs probe pl")), ["plain"])
+
+    def test_what_was_typed_is_not_run_either(self):
+        for line in ['ahs select --last $(touch pwned)', 'ahs select --last "$(touch pwned)', 'ahs select --last `touch pwned`',
+                     'ahs select --profiles "$(touch pwned)" --last p', 'ahs select --profiles `touch pwned` --last p']:
+            for terminal in self.terminals.values():
+                terminal.complete(line)
+            self.fish(line)
+
+    def test_addresses_of_headends_though_a_colon_parts_words(self):
+        self.becomes("ahs select gw10.example.com:8", "ahs select gw10.example.com:8443")
+        self.becomes("ahs select gw10.ex", "ahs select gw10.example.com:8443")
+        self.assertEqual(list(self.fish("ahs select gw10")), ["gw10.example.com:8443"])
+        self.becomes("ahs select --profiles ~/other\\ place [2001:db",
+                     "ahs select --profiles ~/other\\ place [2001:db8::1\\]:8443", ["bash"])
+
+    def test_the_profiles_that_the_line_names(self):
+        for other in ("~/other\\ place", "'%s'" % self.place.path("other place"),
+                      '"%s"' % self.place.path("other place")):
+            self.becomes("ahs select --profiles %s --last el" % other,
+                         "ahs select --profiles %s --last elsewhere" % other)
+            self.assertEqual(list(self.fish("ahs select --profiles %s --last el" % other)), ["elsewhere"])
+        self.becomes("ahs select --profiles=~/other\\ place --last el",
+                     "ahs select --profiles=~/other\\ place --last elsewhere")
+
+    def test_the_program_of_exec(self):
+        self.becomes("ahs exec --tries 2 -- dpkg-arch", "ahs exec --tries 2 -- dpkg-architecture")
+        self.becomes("ahs watch --exec dpkg-arch", "ahs watch --exec dpkg-architecture")
+        self.becomes("ahs exec -- cat a\\ f", "ahs exec -- cat a\\ file.xml")
+        self.assertIn("dpkg-architecture", self.fish("ahs exec --tries 2 -- dpkg-arch"))
+
+    def test_a_script_can_be_sourced_too(self):
+        path = {shell: self.place.path(script) for shell, script in self.place.scripts.items()}
+        for terminal in (bash(self.place, "source " + path["bash"]), zsh(self.place, "", "source " + path["zsh"])):
+            try:
+                self.assertEqual(terminal.complete("ahs select --last a").rstrip(), "ahs select --last a\\ b")
+            finally:
+                terminal.end()
+
+    def test_without_a_usable_profile_nothing_is_said(self):
+        self.becomes("ahs select --profiles /nowhere --last p", "ahs select --profiles /nowhere --last p")
+        self.assertEqual(self.fish("ahs select --profiles /nowhere --last p"), {})
+
+if __name__ == "__main__":
+    unittest.main()

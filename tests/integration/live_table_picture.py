@@ -1,0 +1,220 @@
+#!/usr/bin/env python3
+"""The live table as a person sees it: `ahs select` runs in a pseudo-terminal among simulated gateways,
+what it writes is put on a screen, and one moment of it becomes a picture (docs/live-table.svg). The test
+compares that picture with a new one: the same command, headings and headends; the numbers are the machine's.
+Ends with 77, skipped, where no network of its own can be made.
+
+Usage: live_table_picture.py BINARIES PICTURE [--write]
+"""
+
+import fcntl
+import json
+import os
+import pty
+import re
+import struct
+import sys
+import tempfile
+import termios
+from xml.sax.saxutils import escape
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import wan_scene  # noqa: E402  (it lies beside the tests' other helpers)
+
+COLUMNS, ROWS = 88, 24
+COMMAND = "ahs select"
+ATTEMPTS = 4
+
+
+class Screen:
+    """The part of a terminal that the table needs. Anything else is an error: it would be a smear on a
+    real one."""
+
+    TOKEN = re.compile(r"\x1b\[(\d*)([A-Za-z])|(\r)|(\n)|([^\x00-\x1f\x7f])")
+
+    def __init__(self):
+        self.lines = [[]]
+        self.row = self.column = 0
+        self.style = ""
+
+    def write(self, text):
+        """Takes whole sequences and returns what is left of an unfinished one at the end."""
+        at = 0
+        while at < len(text):
+            token = self.TOKEN.match(text, at)
+            if not token:
+                rest = text[at:]
+                if re.fullmatch(r"\x1b(\[\d*)?", rest):
+                    return rest
+                raise ValueError(f"the table wrote {rest[:10]!r}")
+            at = token.end()
+            self.obey(*token.groups())
+        return ""
+
+    def obey(self, number, letter, carriage_return, line_feed, character):
+        if carriage_return:
+            self.column = 0
+        elif line_feed:
+            self.row += 1
+            while len(self.lines) <= self.row:
+                self.lines.append([])
+        elif character:
+            line = self.lines[self.row]
+            line += [(" ", "")] * (self.column + 1 - len(line))
+            line[self.column] = (character, self.style)
+            self.column += 1
+            if self.column > COLUMNS:
+                raise ValueError("a line is wider than the terminal")
+        elif letter == "A":
+            self.row = max(0, self.row - int(number or 1))
+        elif letter in "KJ":
+            del self.lines[self.row][self.column:]
+            if letter == "J":
+                del self.lines[self.row + 1:]
+        elif letter == "m":
+            self.style = {"": "", "0": "", "1": "bold", "32": "bar"}[number]
+        else:
+            raise ValueError(f"the table wrote the sequence {letter!r}")
+
+    def runs(self):
+        """Each line as pieces of one style: [column, style, text]."""
+        result = []
+        for line in self.lines:
+            pieces = []
+            for column, (character, style) in enumerate(line):
+                if pieces and pieces[-1][1] == style:
+                    pieces[-1][2] += character
+                else:
+                    pieces.append([column, style, character])
+            result.append(pieces)
+        return result
+
+    def text(self):
+        return ["".join(character for character, _ in line).rstrip() for line in self.lines]
+
+
+def select(binaries, scratch):
+    """Runs the command on a terminal of its own and returns the screen's moments."""
+    command = wan_scene.select_command(binaries, scratch)
+    child, terminal = pty.fork()
+    if child == 0:
+        fcntl.ioctl(2, termios.TIOCSWINSZ, struct.pack("HHHH", ROWS, COLUMNS, 0, 0))
+        output = os.open(os.path.join(scratch, "result"), os.O_WRONLY | os.O_CREAT, 0o600)
+        os.dup2(output, 1)
+        os.execve(command[0], command, {**os.environ, "TERM": "xterm", "LC_ALL": "C.UTF-8"})
+    screen, rest, raw, moments = Screen(), "", b"", []
+    while True:
+        try:
+            raw += os.read(terminal, 65536)
+        except OSError:  # the other side is closed
+            break
+        if not raw:
+            break
+        # A drawing is written with one call, and begins at the left.
+        text = raw.decode("utf-8", "ignore")
+        raw = raw[len(text.encode()):]
+        rest = screen.write(rest + text)
+        moments.append({"runs": screen.runs(), "text": screen.text()})
+    _, status = os.waitpid(child, 0)
+    return {"moments": moments, "status": os.waitstatus_to_exitcode(status), "left": screen.text()}
+
+
+def run_in_wan(binaries, scratch):
+    status = wan_scene.run(binaries, scratch,
+                           [sys.executable, os.path.abspath(__file__), "--within", binaries, scratch])
+    if status == wan_scene.SKIPPED:
+        sys.exit(status)
+    if status != 0:
+        sys.exit(f"FAILED: ahs-wan ended with status {status}")
+    with open(os.path.join(scratch, "moments"), encoding="utf-8") as file:
+        return json.load(file)
+
+
+def is_the_moment(moment):
+    """The gateway that is furthest away has answered, but not often enough."""
+    row = next((line for line in moment["text"] if f" {wan_scene.FURTHEST} " in line), "")
+    return bool(re.search(r" ms  \d+ .*waits for answer 2 of 3$", row))
+
+
+def picture(moment):
+    """Pieces of text have a place and a length of their own, and bars are drawn: so columns are straight in
+    every font."""
+    step, height, left, top = 8.4, 18, 20, 32
+    lines = [[[0, "soft", "$ "], [2, "", COMMAND]]] + moment["runs"]
+    width, tall = int(COLUMNS * step + 2 * left), len(lines) * height + 36
+    svg = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{tall}" viewBox="0 0 {width} {tall}" '
+           'role="img" aria-label="The table while headends are measured">',
+           "<style>text{font:14px ui-monospace,'DejaVu Sans Mono',Menlo,Consolas,monospace;fill:#d8dee9;"
+           "white-space:pre}.bold{font-weight:bold;fill:#fff}.soft{fill:#88c0d0}.bar{fill:#a3be8c}</style>",
+           '<rect width="100%" height="100%" rx="8" fill="#1c2128"/>']
+    for row, pieces in enumerate(lines):
+        base = top + row * height
+        for column, style, text in pieces:
+            x = left + column * step
+            if style == "bar":
+                svg.append(f'<rect class="bar" x="{x:.1f}" y="{base - 11}" width="{len(text) * step:.1f}" '
+                           'height="12"/>')
+                continue
+            for word in re.finditer(r"\S+(?: \S+)*", text):
+                at, said = x + word.start() * step, word.group()
+                name = f' class="{style}"' if style else ""
+                svg.append(f'<text{name} x="{at:.1f}" y="{base}" textLength="{len(said) * step:.1f}" '
+                           f'xml:space="preserve">{escape(said)}</text>')
+    return "\n".join(svg) + "\n</svg>\n"
+
+
+def structure(svg):
+    """What does not depend on the machine: the first words of each line, without numbers."""
+    lines = {}
+    for y, said in re.findall(r'<text[^>]* y="(\d+)"[^>]*>([^<]*)</text>', svg):
+        lines.setdefault(int(y), []).append(said)
+    names = [address for _, address, _, _ in wan_scene.GATEWAYS]
+    result = []
+    for _, words in sorted(lines.items()):
+        result.append(words[:2] if words[0] in names else [re.sub(r"[\d.]+", "0", " ".join(words))])
+    return result
+
+
+def check(result):
+    """What holds whatever the machine is like."""
+    if result["status"] != 0:
+        sys.exit(f"FAILED: the command ended with status {result['status']}")
+    if any(result["left"]):
+        sys.exit(f"FAILED: the table leaves something behind: {result['left']}")
+
+
+def main():
+    if sys.argv[1] == "--within":
+        binaries, scratch = sys.argv[2:4]
+        with open(os.path.join(scratch, "moments"), "w", encoding="utf-8") as file:
+            json.dump(select(binaries, scratch), file)
+        return
+    binaries, path = sys.argv[1:3]
+    wanted = None
+    if "--write" not in sys.argv:
+        with open(path, encoding="utf-8") as file:
+            wanted = structure(file.read())
+    drawn = None
+    # The moment lasts as long as the furthest round trip. A machine that is too busy to draw in it, or to
+    # measure the others before, tries again.
+    for _ in range(ATTEMPTS):
+        with tempfile.TemporaryDirectory() as scratch:
+            result = run_in_wan(os.path.abspath(binaries), scratch)
+        check(result)
+        moment = next((one for one in result["moments"] if is_the_moment(one)), None)
+        drawn = picture(moment) if moment else drawn
+        if drawn and wanted in (None, structure(drawn)):
+            break
+    else:
+        found = structure(drawn) if drawn else "nothing like it"
+        sys.exit(f"FAILED: {path} shows\n{wanted}\nand the command\n{found}\n"
+                 "If that is as it should be, make the picture anew: docs/testing.md tells how.")
+    if wanted is None:
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(drawn)
+    print("\n".join(moment["text"]))
+
+
+if __name__ == "__main__":
+    main()

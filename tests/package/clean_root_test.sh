@@ -1,0 +1,161 @@
+#!/bin/bash
+# The Debian packages in a machine that has nothing else: a root made with debootstrap, in which apt
+# installs them with what they depend on. There the command chooses among three gateways, and the
+# example of a client is compiled against the development files and chooses as well.
+#
+# Mirrors, keys and proxies are those of this machine's apt. The root without the packages is kept
+# for a day in CACHE-DIRECTORY, and so is what apt fetched. Mounts live in a namespace of their own and
+# go with it. Ends with 77, skipped, without root's rights or a mirror.
+# Usage: clean_root_test.sh SOURCE-DIRECTORY BUILD-DIRECTORY CACHE-DIRECTORY [PACKAGES-DIRECTORY]
+# Without PACKAGES-DIRECTORY the packages are made of what is compiled in BUILD-DIRECTORY.
+set -euo pipefail
+fail() {
+  echo "FAILED: $*" >&2
+  exit 1
+}
+skip() {
+  echo "skipped: $*"
+  exit 77
+}
+if [ "$1" != --inside ]; then
+  [ "$(id -u)" -eq 0 ] || skip "a root is made by root alone"
+  unshare --mount true 2>/dev/null || skip "no namespace for mounts can be made here"
+  exec unshare --mount -- "$0" --inside "$@"
+fi
+shift
+source=$1 build=$2 cache=$3 packages=${4:-}
+scratch=$(mktemp -d)
+root=$scratch/root
+gateways=
+cleanup() {
+  [ -z "$gateways" ] || kill "$gateways" 2>/dev/null || true
+  for place in proc var/cache/apt/archives .; do
+    umount -q "$root/$place" 2>/dev/null || true
+  done
+  rm -rf --one-file-system "$scratch"
+}
+trap cleanup EXIT
+phase() { echo "== $* (after $SECONDS s)"; }
+
+# quiet NAME COMMAND...: its output is shown if it fails.
+quiet() {
+  local log=$scratch/$1.log status=0
+  shift
+  "$@" >"$log" 2>&1 </dev/null || status=$?
+  [ "$status" -eq 0 ] || tail -n 30 "$log"
+  return "$status"
+}
+
+within() { chroot "$root" "$@"; } # within COMMAND...: in the root
+apt() { within env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 apt-get -q -y --no-install-recommends "$@"; }
+
+for program in debootstrap dpkg-buildpackage dh lintian; do
+  command -v "$program" >/dev/null || skip "$program is not installed"
+done
+git -C "$source" rev-parse 2>/dev/null || skip "the sources are no checkout of git"
+codename=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+# repositories FORMAT: one line for each of Debian's that this machine's apt uses.
+repositories() { apt-get indextargets --format "$1" 'Created-By: Packages' 'Origin: Debian' | sort -u; }
+mirror=$(repositories "\$(CODENAME) \$(SITE)" | sed -n "s/^$codename //p" | head -n 1)
+[ -n "$mirror" ] || skip "apt of this machine knows no mirror of $codename (is apt-get update due?)"
+
+make_base() {
+  local keys=/usr/share/keyrings/debian-archive-keyring.gpg
+  quiet debootstrap debootstrap --variant=minbase --keyring="$keys" "$codename" "$root" "$mirror" || return 1
+  repositories "deb \$(REPO_URI) \$(RELEASE) \$(COMPONENT)" >"$root/etc/apt/sources.list"
+  # A mirror of one's own may have keys of its own.
+  find /etc/apt/trusted.gpg.d /etc/apt/keyrings -type f -exec cp -t "$root/etc/apt/trusted.gpg.d" {} + 2>/dev/null || true
+  {
+    apt-config dump Acquire
+    echo 'APT::Sandbox::User "root";'
+  } >"$root/etc/apt/apt.conf.d/90machine"
+  # It is thrown away: nothing has to survive a power failure.
+  echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/unsafe-io"
+  printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
+  chmod 755 "$root/usr/sbin/policy-rc.d"
+  cp -L /etc/resolv.conf /etc/hosts "$root/etc"
+  quiet update apt update || return 1
+}
+
+if [ -z "$packages" ]; then
+  phase "packages"
+  packages=$cache/packages
+  quiet packages "$source/tools/deb.sh" "$packages" "$build" || fail "the packages cannot be made"
+  grep -E '^[EW]: ' "$scratch/packages.log" || true
+fi
+
+phase "base system"
+mkdir "$root"
+# What is not written to a disk need not be removed from it. The root takes up to 1 GiB.
+if [ "$(sed -n 's/^MemAvailable: *\([0-9]*\) kB/\1/p' /proc/meminfo)" -gt $((4 * 1024 * 1024)) ]; then
+  mount -t tmpfs -o size=2g,mode=755 clean-root "$root"
+fi
+today=$cache/$(date +%F)
+mkdir -p "$today/archives"
+find "$cache" -mindepth 1 -maxdepth 1 -name '2*' ! -path "$today" -exec rm -rf {} +
+if [ ! -e "$today/base.tar" ]; then
+  make_base || skip "the mirror of this machine gives no base system"
+  tar -C "$root" --one-file-system -cf "$today/base.tar.new" .
+  mv "$today/base.tar.new" "$today/base.tar"
+else
+  tar -C "$root" -xf "$today/base.tar"
+fi
+mount -t proc proc "$root/proc"
+mount --bind "$today/archives" "$root/var/cache/apt/archives"
+
+phase "ahs and its library"
+mkdir "$root/packages"
+for package in ahs libahs0.1 libahs-dev; do
+  cp "$packages/$package"_*.deb "$root/packages/$package.deb"
+done
+quiet install apt install /packages/ahs.deb /packages/libahs0.1.deb || fail "apt does not install the packages"
+
+for file in man/man1/ahs.1.gz man/man5/ahs-profile.5.gz bash-completion/completions/ahs; do
+  [ -e "$root/usr/share/$file" ] || fail "$file is missing"
+done
+
+phase "selection"
+"$build/bin/ahs-gateways" --gateway 127.0.0.1:0,delay=200 --gateway 127.0.0.1:0,delay=20 \
+  --gateway 127.0.0.1:0,delay=400 >"$scratch/gateways" &
+gateways=$!
+for ((i = 0; i < 600; ++i)); do
+  ! grep -q '^ready$' "$scratch/gateways" || break
+  sleep 0.1
+done
+mapfile -t addresses < <(sed -n 's/^gateway \([^ ]*\) .*/\1/p' "$scratch/gateways")
+[ ${#addresses[@]} -eq 3 ] || fail "the gateways did not start"
+mkdir -p "$root/etc/ahs/profiles"
+cat >"$root/etc/ahs/profiles/test.xml" <<XML
+<profile version="1">
+  <preferences><preference name="EnableAutomaticServerSelection" value="true"/></preferences>
+  <hosts>
+    <host name="Far" address="${addresses[0]}"/>
+    <host name="Near" address="${addresses[1]}"/>
+    <host name="Farthest" address="${addresses[2]}"/>
+  </hosts>
+</profile>
+XML
+cat >"$root/etc/ahs/preferences.xml" <<XML
+<preferences version="1"><preference name="RoundTripTime" value="response"/></preferences>
+XML
+within ahs --version
+within env HOME=/root ahs select --no-proxy --explain | tee "$scratch/selection"
+grep -qE "^ +1\. ${addresses[1]} +Near " "$scratch/selection" || fail "the nearest gateway is not the first"
+[ "$(grep -cE '^ +[123]\. 127\.0\.0\.1:' "$scratch/selection")" -eq 3 ] || fail "not all gateways were measured"
+[ "$(within env HOME=/root ahs select --no-proxy --quiet)" = "${addresses[1]}" ] || fail "the cache does not answer"
+
+phase "development files"
+quiet development apt install g++ pkg-config /packages/libahs-dev.deb || fail "apt does not install the development files"
+cp "$source/examples/embed/embed.cpp" "$root/root/client.cpp"
+# The flags are several words, and the root's.
+# shellcheck disable=SC2016
+quiet compile within sh -c 'cd /root && c++ -std=c++20 -o client client.cpp $(pkg-config --cflags --libs ahs)' ||
+  fail "the example does not compile against the packages"
+phase "a client"
+within /root/client /etc/ahs/profiles | tee "$scratch/client"
+grep -q "^HEADENDSELECTION_ERROR_ADDED_TO_CACHE: 127.0.0.1:" "$scratch/client" || fail "the client selects nothing"
+
+phase "removal"
+quiet remove apt purge ahs libahs0.1 libahs-dev || fail "apt does not remove the packages"
+! within sh -c 'ls /usr/bin/ahs /usr/lib/*/libahs*' 2>/dev/null || fail "something is left"
+echo "All of it works in a clean root, after $SECONDS s."

@@ -1,0 +1,34 @@
+#!/bin/bash
+# The reference: doxygen has nothing to complain about in the headers that are installed, and each of
+# them is in it. Ends with 77, skipped, where there is no doxygen.
+# Usage: reference_test.sh BUILD-DIRECTORY
+set -euo pipefail
+build=$1
+if ! command -v doxygen >/dev/null; then
+  echo "skipped: doxygen is not installed"
+  exit 77
+fi
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+mkdir "$scratch/reference"
+(cd "$scratch/reference" && doxygen "$build/packaging/Doxyfile") || {
+  echo "FAILED: a header is not documented as it should be" >&2
+  exit 1
+}
+
+cmake --install "$build" --component development --prefix "$scratch/usr" >"$scratch/install.log" || {
+  cat "$scratch/install.log"
+  exit 1
+}
+count=0
+while read -r header; do
+  # A class's page names the header to include, a header's own page is titled by it.
+  grep -qF -e "#include &lt;$header&gt;" -e "<title>ahs: $header " "$scratch"/reference/*.html || {
+    echo "FAILED: $header is not in the reference" >&2
+    exit 1
+  }
+  count=$((count + 1))
+done < <(cd "$scratch/usr/include/ahs" && find . -name '*.h' -printf '%P\n')
+[ "$count" -gt 0 ] || { echo "FAILED: no header is installed" >&2; exit 1; }
+echo "$count headers are in the reference"

@@ -6,7 +6,7 @@
 
 #include <sstream>
 
-#include "cli/Candidates.h"
+#include "cli/files/Candidates.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/private_access.h"
 #include "vpn/Api/AHS/HeadendSelection.h"

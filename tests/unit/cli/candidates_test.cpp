@@ -1,6 +1,6 @@
 // The candidates as the tool sees them, from real profile files.
 
-#include "cli/Candidates.h"
+#include "cli/files/Candidates.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/HeadendProgram.h"
+#include "cli/select/HeadendProgram.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "cli/NetworkChanges.h"
+#include "cli/select/NetworkChanges.h"
 #include "tests/support/ChildProcess.h"
 
 namespace {

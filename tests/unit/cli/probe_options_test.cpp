@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "cli/ProbeOptions.h"
+#include "cli/probe/ProbeOptions.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/ProbeRecorder.h"
+#include "cli/select/ProbeRecorder.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
 

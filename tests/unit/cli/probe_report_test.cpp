@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cli/ProbeReport.h"
+#include "cli/probe/ProbeReport.h"
 #include "tests/unit/cli/some_probes.h"
 
 namespace {

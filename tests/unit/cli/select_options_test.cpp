@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "cli/SelectOptions.h"
+#include "cli/select/SelectOptions.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cli/SelectionOutput.h"
+#include "cli/select/SelectionOutput.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
 

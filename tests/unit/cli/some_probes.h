@@ -1,6 +1,6 @@
 #pragma once
 
-#include "cli/WorkerView.h"
+#include "cli/probe/WorkerView.h"
 #include "vpn/include/HttpSession.h"
 
 /// A plan for so many probes, in a process whose selections send three.

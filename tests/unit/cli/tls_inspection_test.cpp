@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "cli/AddressCheck.h"
-#include "cli/TlsInspection.h"
+#include "cli/probe/AddressCheck.h"
+#include "cli/probe/TlsInspection.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LoopbackSockets.h"
 #include "tests/support/ScriptedServer.h"

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "cli/WorkerView.h"
+#include "cli/probe/WorkerView.h"
 #include "tests/unit/cli/some_probes.h"
 
 namespace {

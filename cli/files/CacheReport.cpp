@@ -1,0 +1,260 @@
+// The cache file for people and programs. The file may be anybody's text: it is read by the parser
+// that the selections use, within the same bounds, and nothing of it is printed but printable
+// ASCII.
+
+#include "cli/files/CacheReport.h"
+
+#include <stdio.h>
+#include <time.h>
+
+#include <algorithm>
+#include <limits>
+#include <sstream>
+
+#include "cli/Console.h"
+#include "cli/Json.h"
+#include "vpn/Api/AHS/CacheDocument.h"
+#include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Api/AHS/SelectionTimes.h"
+#include "vpn/Api/AHS/StateFile.h"
+
+namespace {
+
+using json = Json;
+
+constexpr unsigned long SecondsPerMinute = 60;
+constexpr unsigned long SecondsPerHour = 60 * SecondsPerMinute;
+constexpr unsigned long SecondsPerDay = 24 * SecondsPerHour;
+// Lines of a list, and characters of a text, that a person is shown: a file may hold a hundred
+// thousand results of four thousand characters.
+constexpr std::size_t MostLines = 10;
+constexpr std::size_t MostCharacters = 200;
+
+std::string shortened(const std::string& text) {
+  return text.size() <= MostCharacters ? text : text.substr(0, MostCharacters) + "...";
+}
+
+// The candidate set as the run has built it: each ends with a semicolon, the first one comes last.
+std::vector<std::string> candidatesOf(const std::string& knownHeadends) {
+  std::vector<std::string> candidates;
+  std::istringstream parts(knownHeadends);
+  for (std::string part; std::getline(parts, part, ';');) {
+    candidates.push_back(CacheDocument::encode(part));
+  }
+  std::reverse(candidates.begin(), candidates.end());
+  return candidates;
+}
+
+void takePlace(const std::string& place, CachedSelection& selection) {
+  selection.place = place;
+  std::istringstream words(place);
+  for (std::string kind, value; words >> kind >> value;) {
+    if (kind == "nameserver") {
+      selection.nameServers.push_back(value);
+    } else if (kind == "search") {
+      selection.searchDomains.push_back(value);
+    }
+  }
+}
+
+CachedSelection describe(const std::string& key, const CCacheEntry& entry, unsigned long use,
+                         const CacheReport& report) {
+  CachedSelection selection;
+  takePlace(key.substr(0, key.find(CacheDocument::KeySeparator)), selection);
+  selection.candidates = candidatesOf(entry.GetKnownHeadends());
+  selection.stored = entry.GetTimestamp();
+  selection.used = std::max(SelectionTimes::lastUse(entry, use, report.now), selection.stored);
+  selection.expires = selection.stored + report.clearCacheDays * SecondsPerDay;
+  selection.isFuture = selection.stored > report.now;
+  selection.isCurrent = !SelectionTimes::isExpired(entry, report.clearCacheDays);
+  selection.isHere = report.place && *report.place == selection.place;
+  std::vector<CHeadendRTT> headends;
+  static_cast<void>(entry.GetHeadendList(headends));
+  for (const CHeadendRTT& headend : headends) {
+    selection.ranked.emplace_back(CacheDocument::encode(headend.GetHeadend()), headend.GetRTT());
+  }
+  std::stable_sort(selection.ranked.begin(), selection.ranked.end());
+  return selection;
+}
+
+std::string timeText(unsigned long time) {
+  const auto seconds = static_cast<time_t>(time);
+  struct tm parts {};
+  char text[64] = "";
+  if (gmtime_r(&seconds, &parts) == nullptr ||
+      strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
+    return std::to_string(time) + " s";
+  }
+  return text;
+}
+
+std::string count(unsigned long number, const char* noun) {
+  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+std::string span(unsigned long seconds) {
+  if (seconds >= 2 * SecondsPerDay) {
+    return count(seconds / SecondsPerDay, "day");
+  }
+  if (seconds >= 2 * SecondsPerHour) {
+    return count(seconds / SecondsPerHour, "hour");
+  }
+  return seconds >= 2 * SecondsPerMinute ? count(seconds / SecondsPerMinute, "minute")
+                                         : count(seconds, "second");
+}
+
+std::string moment(unsigned long time, unsigned long now) {
+  return timeText(time) +
+         (time > now ? " (in " + span(time - now) + ")" : " (" + span(now - time) + " ago)");
+}
+
+std::string placeInWords(const CachedSelection& selection) {
+  std::string text;
+  const auto add = [&text](const char* what, const std::vector<std::string>& names) {
+    for (std::size_t i = 0; i < std::min(names.size(), MostLines); ++i) {
+      text += (text.empty() ? "" : ", ") + std::string(what) + " " + names[i];
+    }
+  };
+  add("name server", selection.nameServers);
+  add("search domain", selection.searchDomains);
+  if (!text.empty()) {
+    return shortened(text);
+  }
+  return selection.place.empty() ? "no name servers" : shortened(selection.place);
+}
+
+std::string placeInWords(const std::string& place) {
+  CachedSelection here;
+  takePlace(place, here);
+  return placeInWords(here);
+}
+
+std::string worth(const CachedSelection& selection) {
+  if (selection.isFuture) {
+    return "stored in the future: it answers nothing until the clock is right";
+  }
+  if (!selection.isCurrent) {
+    return "out of date: it answers nothing any more";
+  }
+  return selection.isHere ? "answers here and now, for these candidates" : "of another place";
+}
+
+std::string candidateList(const std::vector<std::string>& candidates) {
+  std::string text;
+  for (std::size_t i = 0; i < std::min(candidates.size(), MostLines); ++i) {
+    text += (i == 0 ? "" : ", ") + shortened(candidates[i]);
+  }
+  return candidates.size() <= MostLines
+             ? text
+             : text + " and " + std::to_string(candidates.size() - MostLines) + " more";
+}
+
+std::string resultList(const std::vector<CHeadendRTT>& ranked) {
+  std::string text;
+  for (std::size_t i = 0; i < std::min(ranked.size(), MostLines); ++i) {
+    char number[32];
+    snprintf(number, sizeof number, "  %4zu. ", i + 1);
+    text += number + shortened(ranked[i].GetHeadend()) + "  " + std::to_string(ranked[i].GetRTT()) +
+            " ms\n";
+  }
+  if (ranked.size() > MostLines) {
+    text +=
+        "        and " + std::to_string(ranked.size() - MostLines) + " more; --json shows all\n";
+  }
+  return text;
+}
+
+std::string selectionAsText(const CachedSelection& selection, const CacheReport& report) {
+  return std::string(selection.isHere && selection.isCurrent ? "* " : "  ") + worth(selection) +
+         "\n    place:      " + placeInWords(selection) +
+         "\n    candidates: " + candidateList(selection.candidates) +
+         "\n    stored:     " + moment(selection.stored, report.now) +
+         "\n    last used:  " + moment(selection.used, report.now) +
+         "\n    expires:    " + moment(selection.expires, report.now) + "\n" +
+         resultList(selection.ranked);
+}
+
+json selectionAsJson(const CachedSelection& selection, const CacheReport& report) {
+  json results = json::array();
+  for (const CHeadendRTT& headend : selection.ranked) {
+    results.push_back({{"headend", headend.GetHeadend()}, {"metricMs", headend.GetRTT()}});
+  }
+  return {{"place", selection.place},
+          {"nameServers", selection.nameServers},
+          {"searchDomains", selection.searchDomains},
+          {"candidates", selection.candidates},
+          {"stored", timeText(selection.stored)},
+          {"ageSeconds", selection.isFuture ? json(nullptr) : json(report.now - selection.stored)},
+          {"lastUsed", timeText(selection.used)},
+          {"expires", timeText(selection.expires)},
+          {"current", selection.isCurrent},
+          {"here", selection.isHere},
+          {"answersNow", selection.isHere && selection.isCurrent},
+          {"results", results}};
+}
+
+}  // namespace
+
+CacheReport readCacheReport(const std::string& path, unsigned int clearCacheDays) {
+  CacheReport report;
+  report.path = path;
+  report.now = SelectionTimes::now();
+  report.clearCacheDays = clearCacheDays;
+  std::vector<std::string> place;
+  if (readResolverPlace(place)) {
+    report.place = CacheDocument::placeText(place);
+  }
+  CStateFile file(path, CSelectionCache::MaxFileSize);
+  std::string text;
+  const CStateFile::Content content = file.read(text, report.problem);
+  if (content == CStateFile::Content::Missing) {
+    return report;
+  }
+  CacheDocument::Contents contents;
+  std::string wrong;
+  if (content != CStateFile::Content::Refused &&
+      CacheDocument::parse(text, contents, wrong) != CacheDocument::Form::Right) {
+    report.problem = path + " is not understood: " + wrong;
+  }
+  report.state = report.problem.empty() ? CacheReport::State::Read : CacheReport::State::Unusable;
+  for (const auto& [key, entry] : contents.entries) {
+    const auto use = contents.uses.find(key);
+    report.selections.push_back(
+        describe(key, entry, use == contents.uses.end() ? 0 : use->second, report));
+  }
+  std::stable_sort(report.selections.begin(), report.selections.end(),
+                   [](const CachedSelection& a, const CachedSelection& b) {
+                     return a.isHere != b.isHere ? a.isHere : a.used > b.used;
+                   });
+  return report;
+}
+
+std::string cacheReportAsText(const CacheReport& report) {
+  std::string text = "File: " + Console::visible(report.path) +
+                     (report.state == CacheReport::State::Missing ? " (not there yet)" : "") +
+                     "\nThis place: " +
+                     (report.place ? placeInWords(*report.place)
+                                   : "unknown, the resolver's settings cannot be read") +
+                     "\nSelections: " + std::to_string(report.selections.size()) + "\n";
+  for (const CachedSelection& selection : report.selections) {
+    text += "\n" + selectionAsText(selection, report);
+  }
+  return text;
+}
+
+std::string cacheReportAsJson(const CacheReport& report) {
+  json selections = json::array();
+  for (const CachedSelection& selection : report.selections) {
+    selections.push_back(selectionAsJson(selection, report));
+  }
+  const json object = {{"schema", JsonSchema},
+                       {"path", report.path},
+                       {"exists", report.state != CacheReport::State::Missing},
+                       {"problem", report.problem.empty() ? json(nullptr) : json(report.problem)},
+                       {"place", report.place ? json(*report.place) : json(nullptr)},
+                       {"clearCacheDays", report.clearCacheDays},
+                       {"selections", selections}};
+  // A path may be no UTF-8.
+  return jsonText(object);
+}

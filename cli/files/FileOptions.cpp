@@ -1,0 +1,51 @@
+// The files of a person: the options that name them, and a look into them without a selection.
+
+#include "cli/files/FileOptions.h"
+
+#include <CLI/CLI.hpp>
+
+#include "cli/Console.h"
+#include "vpn/include/InstanceSmartPtr.h"
+
+void addFileOptions(CLI::App& command, SelectOptions& options) {
+  command.add_option("--profiles", options.profiles, "Directory of the profiles")
+      ->option_text("DIR");
+  command.add_option("--preferences", options.preferences, "The user's preferences file")
+      ->option_text("FILE");
+  command
+      .add_option("--global-preferences", options.globalPreferences,
+                  "The machine's preferences file")
+      ->option_text("FILE");
+  command.add_flag("--trust-profiles", options.trustProfiles,
+                   "Read profiles and preferences whoever could have written them");
+}
+
+LoadedFiles::LoadedFiles(const SelectOptions& options, const std::string& command) {
+  std::vector<std::string> problems;
+  const std::string error = makeFilePlan(options, defaultPaths(), m_plan, problems);
+  for (const std::string& problem : problems) {
+    Console::note(problem);
+  }
+  if (!error.empty()) {
+    Console::complain(error + " '" + command + " --help' shows all options.");
+    return;
+  }
+  m_isLoaded = PreferenceMgr::createInstance(m_plan.sources) == PREFERENCEMGR_SUCCESS;
+  if (!m_isLoaded) {
+    Console::complain("the files cannot be read: the machine is short of memory.");
+    return;
+  }
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  for (const FileProblem& problem : preferences->getProblems()) {
+    Console::note(Console::visible(problem.toString()));
+  }
+}
+
+LoadedFiles::~LoadedFiles() {
+  if (m_isLoaded) {
+    // One acquisition is the creation's, the other this look-up's own.
+    PreferenceMgr* const manager = PreferenceMgr::acquireInstance();
+    manager->releaseInstance();
+    manager->releaseInstance();
+  }
+}

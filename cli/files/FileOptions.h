@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+#include "cli/select/SelectOptions.h"
+
+namespace CLI {
+class App;
+}
+
+/// Adds the options that say where profiles and preferences are: --profiles, --preferences,
+/// --global-preferences, --trust-profiles.
+void addFileOptions(CLI::App& command, SelectOptions& options);
+
+/// The process's profiles and preferences for the length of a scope.
+class LoadedFiles {
+ public:
+  /// Reads the files that the options name, and tells on standard error what is wrong in them.
+  /// @param command for messages: "ahs profile list".
+  LoadedFiles(const SelectOptions& options, const std::string& command);
+  ~LoadedFiles();
+  LoadedFiles(const LoadedFiles&) = delete;
+  LoadedFiles& operator=(const LoadedFiles&) = delete;
+
+  /// Whether there is a preference manager; what is in the way has been told otherwise.
+  bool areThere() const { return m_isLoaded; }
+  /// Where profiles were looked for.
+  const std::string& profilePlaces() const { return m_plan.profilePlaces; }
+
+ private:
+  SelectPlan m_plan;
+  bool m_isLoaded = false;
+};

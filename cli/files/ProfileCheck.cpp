@@ -1,0 +1,156 @@
+// Reads files as a selection would and keeps nothing but what is wrong with them.
+
+#include "cli/files/ProfileCheck.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "cli/Console.h"
+#include "cli/Json.h"
+#include "vpn/Api/ProfileMgr.h"
+
+namespace {
+
+using json = Json;
+
+bool isDirectory(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+void add(const ProfileMgr& profiles, CheckResult& result) {
+  result.hostEntries += profiles.getHostProfileMap().size();
+  const std::vector<FileProblem>& problems = profiles.getProblems();
+  result.problems.insert(result.problems.end(), problems.begin(), problems.end());
+}
+
+void checkDirectory(const std::string& path, FileTrust::Check check, CheckResult& result) {
+  ProfileMgr profiles;
+  if (check == FileTrust::Check::Waived) {
+    profiles.trustFiles();
+  }
+  profiles.loadDirectory(path);
+  result.files += profiles.getFileCount();
+  add(profiles, result);
+}
+
+/// What a manager has against the entries of one file is what it would have in a directory.
+void checkFile(const std::string& path, FileTrust::Check check, CheckResult& result) {
+  ProfileFile contents;
+  static_cast<void>(readConfigurationFile(path, contents, result.problems, check));
+  ++result.files;
+  ProfileMgr profiles;
+  profiles.addProfile(path, path, contents);
+  add(profiles, result);
+}
+
+std::string counted(std::size_t count, const std::string& one, const std::string& many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+bool isListed(const FileProblem& problem) { return !problem.endsList; }
+
+/// How many mistakes there are, as far as that is known.
+std::string mistakesText(const std::vector<FileProblem>& problems) {
+  const auto listed =
+      static_cast<std::size_t>(std::count_if(problems.begin(), problems.end(), isListed));
+  if (problems.empty()) {
+    return "no mistakes";
+  }
+  return (listed < problems.size() ? "more than " : "") + counted(listed, "mistake", "mistakes");
+}
+
+std::string joined(const std::vector<std::string>& places) {
+  std::string text;
+  for (const std::string& place : places) {
+    text += (text.empty() ? "" : ", ") + Console::visible(place);
+  }
+  return text;
+}
+
+}  // namespace
+
+bool isThere(const std::string& place) {
+  struct stat status {};
+  return ::stat(place.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+CheckResult checkFiles(const std::vector<std::string>& places, FileTrust::Check check) {
+  CheckResult result;
+  for (const std::string& place : places) {
+    if (isDirectory(place)) {
+      checkDirectory(place, check, result);
+      continue;
+    }
+    checkFile(place, check, result);
+  }
+  return result;
+}
+
+std::optional<CheckResult> checkSources(const PreferenceMgr::Sources& sources) {
+  CheckResult result;
+  for (const std::string& place :
+       {sources.profileDirectory, sources.userPreferencesFile, sources.globalPreferencesFile}) {
+    if (!place.empty()) {
+      (isThere(place) ? result.places : result.missing).push_back(place);
+    }
+  }
+  if (PreferenceMgr::createInstance(sources) != PREFERENCEMGR_SUCCESS) {
+    return std::nullopt;
+  }
+  PreferenceMgr* const preferences = PreferenceMgr::acquireInstance();
+  ProfileMgr* profiles = nullptr;
+  if (preferences->getProfileMgr(profiles) == PREFERENCEMGR_SUCCESS) {
+    result.files = profiles->getFileCount() + (isThere(sources.userPreferencesFile) ? 1 : 0) +
+                   (isThere(sources.globalPreferencesFile) ? 1 : 0);
+    result.hostEntries = profiles->getHostProfileMap().size();
+  }
+  result.problems = preferences->getProblems();
+  // One acquisition is the creation's, the other this look-up's own.
+  preferences->releaseInstance();
+  preferences->releaseInstance();
+  return result;
+}
+
+std::string checkText(const CheckResult& result) {
+  std::string text;
+  for (const FileProblem& problem : result.problems) {
+    text += Console::visible(problem.toString()) + "\n";
+  }
+  if (!result.places.empty()) {
+    text += "looked at: " + joined(result.places) + "\n";
+  }
+  if (!result.missing.empty()) {
+    text += "not there: " + joined(result.missing) + "\n";
+  }
+  return text + counted(result.files, "file", "files") + ", " +
+         counted(result.hostEntries, "host entry", "host entries") + ", " +
+         mistakesText(result.problems) + "\n";
+}
+
+std::string checkJson(const CheckResult& result) {
+  json object;
+  object["schema"] = JsonSchema;
+  object["files"] = result.files;
+  object["hostEntries"] = result.hostEntries;
+  object["problemsAreComplete"] =
+      std::all_of(result.problems.begin(), result.problems.end(), isListed);
+  object["problems"] = json::array();
+  for (const FileProblem& problem : result.problems) {
+    if (!isListed(problem)) {
+      continue;
+    }
+    const bool hasPlace = problem.line != 0;
+    object["problems"].push_back({{"file", problem.file},
+                                  {"line", hasPlace ? json(problem.line) : json(nullptr)},
+                                  {"column", hasPlace ? json(problem.column) : json(nullptr)},
+                                  {"text", problem.text}});
+  }
+  if (!result.places.empty() || !result.missing.empty()) {
+    object["lookedAt"] = result.places;
+    object["notThere"] = result.missing;
+  }
+  return jsonText(object);
+}

@@ -1,0 +1,244 @@
+// `ahs probe`: one headend in detail. It is measured first, as a worker of a selection measures it,
+// probe after probe on one thread; only then is anything looked at that would disturb that.
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <memory>
+#include <utility>
+
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/Interruption.h"
+#include "cli/files/Candidates.h"
+#include "cli/files/FileOptions.h"
+#include "cli/probe/ProbeOptions.h"
+#include "cli/probe/ProbeReport.h"
+#include "cli/select/SelectionOutput.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/ClientLibrary.h"
+#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/include/InstanceSmartPtr.h"
+#include "vpn/include/Locks.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr const char* Command = "ahs probe";
+
+// Besides what a worker asks for, what was said on the wire.
+constexpr unsigned int Wanted =
+    HttpProbe::HTTP_PROBE_RETURN_STATUSCODE | HttpProbe::HTTP_PROBE_RETURN_LAST_ERROR |
+    HttpProbe::HTTP_PROBE_RETURN_RTT | HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS |
+    HttpProbe::HTTP_PROBE_RETURN_REQUEST;
+
+/// Keeps the report of the last probe. Probes and their reader are one thread.
+class LastReport : public HttpProbe::Watcher {
+ public:
+  void ProbeStarted(const HttpProbe::Report& /*report*/) override {}
+  void ProbeEnded(const HttpProbe::Report& report) override { m_report = report; }
+
+  const HttpProbe::Report& report() const { return m_report; }
+
+ private:
+  HttpProbe::Report m_report;
+};
+
+/// The probes so far, and what is printed of them. Ctrl-C comes on another thread and sums up what
+/// there is; a line is either before the sum or never written.
+class Measurement {
+ public:
+  Measurement(ProbePlan plan, bool isShown) : m_isShown(isShown) {
+    m_findings.plan = std::move(plan);
+  }
+
+  /// @return whether it could be told: not to a closed pipe.
+  bool add(EndedProbe probe, HttpProbe::HTTP_PROBE_RESULTS results) {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    if (!results.tstrRequest.empty()) {
+      m_findings.request = std::move(results.tstrRequest);
+    }
+    if (!results.tstrResponseHeaders.empty()) {
+      m_findings.answerHead = std::move(results.tstrResponseHeaders);
+    }
+    m_findings.probes.push_back(std::move(probe));
+    return show(probeLine(m_findings.probes.back(), m_findings.probes.size() - 1));
+  }
+
+  bool begin() {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    return show(probeHeading(m_findings.plan));
+  }
+
+  bool sumUp() {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    m_isSummedUp = true;
+    return show(probeSummary(m_findings));
+  }
+
+  /// What is still to be said when the process is about to end.
+  void sumUpInHaste() {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    if (!std::exchange(m_isSummedUp, true) && m_isShown && !m_findings.probes.empty()) {
+      // After the ^C that the terminal shows.
+      static_cast<void>(Console::writeResult("\n" + probeSummary(m_findings), ExitMeasured));
+    }
+  }
+
+  ProbeFindings findings() const {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    return m_findings;
+  }
+
+ private:
+  bool show(const std::string& text) const AHS_REQUIRES(m_lock) {
+    return !m_isShown || Console::writeResult(text, ExitMeasured) == ExitMeasured;
+  }
+
+  const bool m_isShown;
+  mutable CManualLock m_lock;
+  bool m_isSummedUp AHS_GUARDED_BY(m_lock) = false;
+  ProbeFindings m_findings AHS_GUARDED_BY(m_lock);
+};
+
+/// @return whether all could be told.
+bool measure(const ProbePlan& plan, Measurement& measurement) {
+  const auto watcher = std::make_shared<LastReport>();
+  HttpProbe::SetWatcher(watcher);
+  const HttpProbe::KeptConnection connection;
+  const PROXY_DATA noProxy;  // a round trip through a proxy would measure the proxy
+  const auto start = Clock::now();
+  bool isTold = measurement.begin();
+  for (unsigned int i = 0; isTold && i < plan.count; ++i) {
+    HttpProbe::HTTP_PROBE_RESULTS results;
+    const STATUSCODE status = HttpProbe::SendHttpProbe(
+        plan.place.first, plan.secure, false, plan.place.second, "",
+        static_cast<unsigned int>(plan.timeout.count()), noProxy, Wanted, results);
+    const auto elapsed = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+    isTold = measurement.add({watcher->report(), elapsed}, std::move(results));
+    if (worthOfProbe(status) == ProbeWorth::Unresolved) {
+      break;  // there is nobody to probe
+    }
+  }
+  HttpProbe::SetWatcher(nullptr);
+  return isTold && measurement.sumUp();
+}
+
+void takeNameServers(ProbeFindings& findings) {
+  std::vector<std::string> place;
+  static_cast<void>(readResolverPlace(place));
+  for (const std::string& entry : place) {
+    const std::size_t blank = entry.find(' ');
+    const std::string value = blank == std::string::npos ? "" : entry.substr(blank + 1);
+    (entry.starts_with("nameserver ") ? findings.nameServers : findings.searchDomains)
+        .push_back(value);
+  }
+}
+
+/// What the probes do not tell is found out by other means.
+void lookCloser(ProbeFindings& findings) {
+  const ProbePlan& plan = findings.plan;
+  takeNameServers(findings);
+  findings.addresses = checkAddresses(plan.place.first, plan.place.second, plan.timeout);
+  const CheckedAddress* address = findConnected(findings.addresses, usedAddressOf(findings));
+  if (address != nullptr) {
+    findings.tls = inspectTls(*address, plan.place.first, plan.timeout);
+  }
+}
+
+int probe(const ProbePlan& plan, bool isJson) {
+  const auto measurement = std::make_shared<Measurement>(plan, !isJson);
+  Interruption::setDuties({[measurement] { measurement->sumUpInHaste(); }, {}, {}});
+  if (!measure(plan, *measurement)) {
+    return ExitUsage;
+  }
+  ProbeFindings findings = measurement->findings();
+  lookCloser(findings);
+  const bool hasMetric = workerViewOf(plan, findings.probes).metricMs.has_value();
+  const int exitStatus = Console::writeResult(isJson ? probeJson(findings) : probeDetails(findings),
+                                              hasMetric ? ExitMeasured : ExitNotMeasured);
+  if (const std::string advice = probeAdvice(findings); !advice.empty()) {
+    Console::complain(advice);
+  }
+  return exitStatus;
+}
+
+int complainOfOptions(const std::string& error, const std::vector<std::string>& problems) {
+  for (const std::string& problem : problems) {
+    Console::note(problem);
+  }
+  Console::complain(error + " '" + Command + " --help' shows all options.");
+  return ExitUsage;
+}
+
+/// What the preferences in force say, and what is wrong with the files that they come from.
+void readPreferences(ProbePlan& plan) {
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  if (preferences == nullptr) {
+    return;
+  }
+  for (const FileProblem& problem : preferences->getProblems()) {
+    Console::note(Console::visible(problem.toString()));
+  }
+  std::string measure;
+  plan.isResponseMeasured = preferences->getPreferenceValue(RoundTripTime, measure) == 0 &&
+                            measure == PreferenceBase::RoundTripResponse;
+}
+
+int runProbe(const ProbeOptions& options) {
+  SelectPlan files;
+  std::vector<std::string> problems;
+  const std::string fileError = makeFilePlan(options.files, defaultPaths(), files, problems);
+  if (!fileError.empty()) {
+    return complainOfOptions(fileError, problems);
+  }
+  CAppLog::Targets noLog;
+  noLog.off = true;
+  CClientLibrary::Options libraryOptions{files.sources, noLog, ""};
+  STATUSCODE status = 0;
+  const CClientLibrary library(libraryOptions, status);
+  if (status != 0) {
+    Console::complain(
+        "the client library could not be started: " + std::string(statusCodeName(status)) + " (" +
+        statusAsHex(status) + "). The machine may be short of memory or threads.");
+    return ExitUsage;
+  }
+  ProbePlan plan;
+  readPreferences(plan);
+  HS_SETTINGS settings{};
+  CAHSSettings::GetSettings(settings);
+  const std::string error = makeProbePlan(options, findHostEntries(), settings, plan);
+  return error.empty() ? probe(plan, options.json) : complainOfOptions(error, {});
+}
+
+}  // namespace
+
+void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
+  CLI::App* command = tool.add_subcommand(
+      "probe", "Measure one headend and tell everything about it that a selection sees");
+  const auto options = std::make_shared<ProbeOptions>();
+  command
+      ->add_option("HOST", options->host,
+                   "The headend: the name of a host entry of the profiles, or a host")
+      ->option_text("HOST[:PORT]")
+      ->required();
+  command
+      ->add_option("-c,--count", options->count,
+                   "Probes to send, 1 to 1000; unless given, as many as a selection sends")
+      ->option_text("N");
+  command
+      ->add_option("--timeout", options->timeout,
+                   "Time limit of one probe, in seconds; unless given, that of a selection")
+      ->option_text("SECONDS");
+  command->add_flag("--secure", options->secure,
+                    "Probe over TLS, as a selection with a login at a proxy does");
+  addFileOptions(*command, options->files);
+  command->add_flag("--json", options->json, "Print one JSON object");
+  command->footer(
+      "Exit status: 0 a selection would have a result for it, 1 it would have none, 2 usage.");
+  command->callback([&chosen, options] { chosen = [options] { return runProbe(*options); }; });
+}

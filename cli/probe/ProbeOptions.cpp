@@ -1,0 +1,86 @@
+// From typed options to a plan for the probes of one headend. What a person can get wrong is found
+// here, before anything is sent.
+
+#include "cli/probe/ProbeOptions.h"
+
+#include <algorithm>
+#include <charconv>
+#include <system_error>
+
+#include "cli/Console.h"
+#include "vpn/Common/Utility/URL.h"
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+// More probes than these would tell nothing new, and a gateway has other things to do.
+constexpr unsigned int MostProbes = 1000;
+// An hour: whoever waits longer has lost the terminal.
+constexpr unsigned int LongestTimeoutSeconds = 3600;
+constexpr unsigned int MillisecondsPerSecond = 1000;
+
+std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
+
+std::string takeNumber(const std::optional<std::string>& text, const char* option,
+                       unsigned int most, unsigned int& number) {
+  if (!text) {
+    return "";
+  }
+  unsigned int parsed = 0;
+  const char* const end = text->data() + text->size();
+  const auto [stop, error] = std::from_chars(text->data(), end, parsed);
+  if (error != std::errc() || stop != end || parsed == 0 || parsed > most) {
+    return std::string(option) + " takes a whole number from 1 to " + std::to_string(most) +
+           ", not " + inQuotes(*text) + ".";
+  }
+  number = parsed;
+  return "";
+}
+
+const HostEntry* findEntry(const std::string& name, const std::vector<HostEntry>& entries) {
+  const std::string wanted = CStringUtils::toLower(name);
+  const auto found = std::ranges::find_if(entries, [&wanted](const HostEntry& entry) {
+    return CStringUtils::toLower(entry.name) == wanted;
+  });
+  return found == entries.end() ? nullptr : &*found;
+}
+
+std::string takeHost(const std::string& host, const std::vector<HostEntry>& entries,
+                     ProbePlan& plan) {
+  const HostEntry* entry = findEntry(host, entries);
+  const std::string address = entry == nullptr ? host : entry->address;
+  const std::string error = address.empty() ? "it is empty." : URL::findError(address);
+  if (!error.empty()) {
+    return "the host " + inQuotes(address) + " cannot be used: " + error +
+           " Name a host entry of the profiles, or a host: a name, an IPv4 address or an IPv6 "
+           "address in brackets, with an optional port: gw.example.com, 192.0.2.7:8443, "
+           "[2001:db8::7].";
+  }
+  const Candidate candidate = candidateOf(host, address);
+  plan.headend = candidate.headend;
+  plan.place = candidate.place;
+  if (entry != nullptr) {
+    plan.entry = entry->name;
+    plan.profile = entry->profile;
+    plan.leftOut = entry->takesPart ? "" : entry->reason;
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEntry>& entries,
+                          const HS_SETTINGS& settings, ProbePlan& plan) {
+  plan.secure = options.secure;
+  plan.selectionCount = settings.nPingsPerHeadend;
+  plan.selectionLimit = std::chrono::milliseconds(settings.nConnectTimeout);
+  plan.count = settings.nPingsPerHeadend;
+  // Whole seconds count, as for a worker; a probe takes less than one for one.
+  unsigned int timeout = std::max(settings.nPingTimeout / MillisecondsPerSecond, 1U);
+  std::string error = takeNumber(options.count, "--count", MostProbes, plan.count);
+  if (error.empty()) {
+    error = takeNumber(options.timeout, "--timeout", LongestTimeoutSeconds, timeout);
+  }
+  plan.timeout = std::chrono::seconds(timeout);
+  return error.empty() ? takeHost(options.host, entries, plan) : error;
+}

@@ -1,0 +1,65 @@
+// Small pieces that the text and the JSON of `ahs probe` are made of.
+
+#include "cli/probe/ProbeText.h"
+
+#include <sstream>
+
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/ConfigurationText.h"
+#include "vpn/Common/IP/HttpProbe.h"
+
+namespace {
+
+constexpr std::size_t MostLines = 20;
+constexpr std::size_t MostLineBytes = 200;
+
+std::optional<Spread> spreadOfAll(const std::vector<EndedProbe>& probes,
+                                  long long HttpProbe::Report::*roundTrip) {
+  std::vector<long long> roundTrips;
+  roundTrips.reserve(probes.size());
+  for (const EndedProbe& probe : probes) {
+    roundTrips.push_back(probe.report.*roundTrip);
+  }
+  return spreadOf(roundTrips);
+}
+
+}  // namespace
+
+std::string candidateWithPort(const ProbePlan& plan) {
+  const auto& [host, port] = plan.place;
+  const bool isIPv6 = host.find(':') != std::string::npos;
+  return (isIPv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+std::vector<std::string> headLines(const std::string& head) {
+  std::vector<std::string> lines;
+  std::istringstream stream(head);
+  for (std::string line; lines.size() < MostLines && std::getline(stream, line);) {
+    if (line.ends_with('\r')) {
+      line.pop_back();
+    }
+    if (line.empty()) {
+      break;
+    }
+    lines.push_back(ConfigurationText::oneLine(line, MostLineBytes));
+  }
+  return lines;
+}
+
+std::string probeStatusName(STATUSCODE status) {
+  // 0 is every module's success; a probe's is this one.
+  return status == HTTP_SESSION_SUCCESS ? "HTTP_SESSION_SUCCESS" : statusCodeName(status);
+}
+
+unsigned int lossPercent(std::size_t sent, std::size_t samples) {
+  constexpr std::size_t Hundred = 100;
+  return sent == 0 ? 0 : static_cast<unsigned int>(((sent - samples) * Hundred + sent / 2) / sent);
+}
+
+std::optional<Spread> networkSpread(const std::vector<EndedProbe>& probes) {
+  return spreadOfAll(probes, &HttpProbe::Report::networkRttUs);
+}
+
+std::optional<Spread> responseSpread(const std::vector<EndedProbe>& probes) {
+  return spreadOfAll(probes, &HttpProbe::Report::responseRttUs);
+}

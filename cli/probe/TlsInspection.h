@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/probe/AddressCheck.h"
+
+/// What a server's certificate says. All texts are visible and bounded: they are a stranger's.
+struct CertificateSummary {
+  std::string subject;
+  std::string issuer;
+  std::string validFrom;   ///< "2026-11-18T09:12:44Z"
+  std::string validUntil;  ///< the same
+  long daysLeft = 0;       ///< whole days until then; less than 0 when it is over
+  bool isExpired = false;
+  std::vector<std::string> names;   ///< that it is for
+  std::size_t moreNames = 0;        ///< there are so many more
+  std::string key;                  ///< "EC prime256v1, 256 bits"
+  std::vector<std::string> doubts;  ///< why it is not trusted for this host; none: it is
+};
+
+/// What a TLS handshake with a server showed.
+struct TlsInspection {
+  std::string address;  ///< that was connected to
+  /// What was in the way of a whole handshake, a sentence without its full stop; empty if nothing.
+  std::string problem;
+  /// The server has said something that is TLS.
+  bool speaksTls = false;
+  std::string version;  ///< "TLSv1.3"; empty without a handshake
+  std::string cipher;
+  bool asksForClientCertificate = false;
+  std::optional<CertificateSummary> certificate;
+};
+
+/// Does a TLS handshake with a server, sends nothing, and closes. Versions and trusted certificates
+/// are those of the probes. Takes at most `limit` and 256 KiB of what the server sends.
+/// @param host what the certificate is to be for, and the server is asked for: a name, or an
+/// address
+///        without brackets.
+TlsInspection inspectTls(const CheckedAddress& address, const std::string& host,
+                         std::chrono::milliseconds limit);

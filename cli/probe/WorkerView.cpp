@@ -1,0 +1,116 @@
+// What a worker of a selection would make of probes that were sent without it. The rules are the
+// worker's own; only the loop around them stands here once more, without a selection.
+
+#include "cli/probe/WorkerView.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "cli/select/ProbeRecorder.h"
+#include "cli/select/SelectionResult.h"
+#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+
+namespace {
+
+/// The worker, as far as the probes have led it.
+struct Worker {
+  WorkerView view;
+  ProbeRecorder::Track track;
+  unsigned int failures = 0;
+  bool hasGivenUp = false;
+  bool isLate = false;  // the time limit of the selection came first
+};
+
+void take(const EndedProbe& probe, Worker& worker) {
+  worker.track.ended.push_back(probe.report);
+  ++worker.view.probes;
+  switch (worthOfProbe(probe.report.status)) {
+    case ProbeWorth::Sample:
+    case ProbeWorth::SampleDespiteError:
+      worker.view.samplesMs.push_back(probe.report.rttMs);
+      break;
+    case ProbeWorth::ConnectFailure:
+      worker.hasGivenUp = ++worker.failures == MostConnectFailures;
+      break;
+    case ProbeWorth::Unresolved:
+      worker.hasGivenUp = true;
+      break;
+  }
+}
+
+std::string whyOf(const Worker& worker, const ProbePlan& plan) {
+  const std::string number = std::to_string(worker.view.probes);
+  if (worker.isLate) {
+    return "No result: the time limit of a selection, " +
+           std::to_string(plan.selectionLimit.count()) +
+           " ms (SelectionConnectTimeout), comes before its probes have ended.";
+  }
+  if (worker.hasGivenUp && worker.failures < MostConnectFailures) {
+    return "No result: a worker gives up a headend whose name is not resolved.";
+  }
+  if (worker.hasGivenUp) {
+    return "No result: a worker gives up at the second probe without a connection or an answer in "
+           "time, probe " +
+           number + (worker.view.samplesMs.empty() ? "." : ", whatever it has measured before.");
+  }
+  if (!worker.view.metricMs) {
+    return "No result: there is no sample.";
+  }
+  const auto& samples = worker.view.samplesMs;
+  if (*worker.view.metricMs == 0) {
+    return "The metric is 0: every sample is.";
+  }
+  return std::find(samples.begin(), samples.end(), *worker.view.metricMs) == samples.end()
+             ? "The metric is the worst that there is: no sample is better, or 0 alone among "
+               "others."
+             : "The metric is the smallest sample that is not 0; the smallest metric is chosen.";
+}
+
+}  // namespace
+
+WorkerView workerViewOf(const ProbePlan& plan, const std::vector<EndedProbe>& probes) {
+  const unsigned int wanted = std::min(plan.count, plan.selectionCount);
+  Worker worker;
+  worker.track.started = wanted;
+  for (const EndedProbe& probe : probes) {
+    if (worker.hasGivenUp || worker.view.probes == wanted) {
+      break;
+    }
+    worker.isLate = probe.endedAfter > plan.selectionLimit;
+    if (worker.isLate) {
+      break;
+    }
+    take(probe, worker);
+  }
+  WorkerView& view = worker.view;
+  if (!worker.isLate && !worker.hasGivenUp && !view.samplesMs.empty()) {
+    view.metricMs = metricOfSamples(view.samplesMs, wanted);
+  }
+  view.outcome = outcomeOf(&worker.track, view.metricMs.has_value(), false);
+  view.why = whyOf(worker, plan);
+  return view;
+}
+
+std::optional<Spread> spreadOf(const std::vector<long long>& roundTripsUs) {
+  std::vector<long long> sorted;
+  std::copy_if(roundTripsUs.begin(), roundTripsUs.end(), std::back_inserter(sorted),
+               [](long long roundTrip) { return roundTrip >= 0; });
+  if (sorted.empty()) {
+    return std::nullopt;
+  }
+  std::sort(sorted.begin(), sorted.end());
+  const std::size_t middle = sorted.size() / 2;
+  const long long median =
+      sorted.size() % 2 == 1 ? sorted[middle] : (sorted[middle - 1] + sorted[middle]) / 2;
+  return Spread{sorted.front(), median, sorted.back()};
+}
+
+std::vector<unsigned int> samplesOf(const std::vector<EndedProbe>& probes) {
+  std::vector<unsigned int> samples;
+  for (const EndedProbe& probe : probes) {
+    if (ProbeRecorder::isSample(probe.report.status)) {
+      samples.push_back(probe.report.rttMs);
+    }
+  }
+  return samples;
+}

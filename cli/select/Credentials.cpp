@@ -1,0 +1,193 @@
+// Credentials from outside. A secret is read by read(2) into a buffer of ours and copied once, into
+// a holder that wipes itself: no stream, no growing string, and no message ever has it.
+
+#include "cli/select/Credentials.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "cli/Console.h"
+
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
+  ~Descriptor() {
+    if (m_descriptor >= 0) {
+      close(m_descriptor);
+    }
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const { return m_descriptor; }
+
+ private:
+  const int m_descriptor;
+};
+
+bool hasControlCharacter(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7f;
+  });
+}
+
+std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
+
+// A word of a shell command that names the file, whatever its name is.
+std::string asShellWord(const std::string& path) {
+  std::string word = "'";
+  for (const char c : path) {
+    word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  }
+  return Console::visible(word + "'");
+}
+
+// Reads to the end, or as much as fits. -1 and errno on failure.
+ssize_t readToEnd(int descriptor, SecretBuffer& buffer) {
+  std::size_t length = 0;
+  while (length < SecretBuffer::Size) {
+    const ssize_t count = read(descriptor, buffer.data() + length, SecretBuffer::Size - length);
+    if (count < 0 && errno == EAGAIN) {
+      // Whoever handed the descriptor over made it non-blocking for itself.
+      pollfd ready{descriptor, POLLIN, 0};
+      static_cast<void>(poll(&ready, 1, -1));
+    } else if (count < 0 && errno != EINTR) {
+      return -1;
+    } else if (count == 0) {
+      break;
+    }
+    length += count > 0 ? static_cast<std::size_t>(count) : 0;
+  }
+  return static_cast<ssize_t>(length);
+}
+
+// Takes what can be read as a password. @return an empty string, or what is wrong, as a phrase.
+std::string take(int descriptor, Secret& password) {
+  SecretBuffer buffer;
+  const ssize_t count = readToEnd(descriptor, buffer);
+  if (count < 0) {
+    return std::string("it cannot be read: ") + strerrordesc_np(errno) + ".";
+  }
+  auto length = static_cast<std::size_t>(count);
+  if (length > 0 && buffer.text()[length - 1] == '\n') {
+    --length;
+    buffer.data()[length] = '\0';
+  }
+  if (length == 0) {
+    return "it is empty. Write the password into it, in one line.";
+  }
+  if (length > MostCredentialBytes) {
+    return "it is longer than " + std::to_string(MostCredentialBytes) +
+           " bytes. It has to hold the password and nothing else.";
+  }
+  if (hasControlCharacter({buffer.text(), length})) {
+    return "it holds a control character or a second line. It has to hold the password in one "
+           "line, without the line end of Windows.";
+  }
+  password = buffer.text();
+  return "";
+}
+
+// Whoever else can read the file knows the password, and whoever can write it chooses what is sent.
+std::string findFileFault(const struct stat& facts, const std::string& path) {
+  constexpr mode_t AccessOfOthers = S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
+  if (!S_ISREG(facts.st_mode)) {
+    return "it is no regular file. Name a file, or hand the password over with "
+           "--proxy-password-fd.";
+  }
+  if (facts.st_uid != geteuid() && facts.st_uid != 0) {
+    return "it belongs to another user. Take it over: chown " + std::to_string(geteuid()) + " " +
+           asShellWord(path) + ".";
+  }
+  if ((facts.st_mode & AccessOfOthers) != 0) {
+    return "others may read or write it. Keep it to yourself: chmod 600 " + asShellWord(path) +
+           ". If it was readable for long, change the password.";
+  }
+  return "";
+}
+
+// A link is refused, because whoever can change it can have any file of this user sent to the
+// proxy. A pipe must not hold up the opening.
+int openPasswordFile(const std::string& path) {
+  return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+}
+
+std::string openingFault(int error) {
+  if (error == ELOOP) {
+    return "it is a link. Name the file itself, or hand it over with --proxy-password-fd, as in "
+           "'--proxy-password-fd 3 3<FILE'.";
+  }
+  return std::string("it cannot be opened: ") + strerrordesc_np(error) +
+         ". Name a file that holds the password and that you alone may read.";
+}
+
+}  // namespace
+
+SecretBuffer::~SecretBuffer() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
+
+void keepMemoryPrivate() {
+  // A limit of 0 on core files would not do: it does not hold where the kernel pipes them into a
+  // program. Fails on no kernel that knows the operation, which is every one since 2.4.
+  static_cast<void>(prctl(PR_SET_DUMPABLE, 0, 0, 0, 0));
+}
+
+std::string findUserError(const Secret& user) {
+  const std::string_view text(user.c_str(), user.length());
+  if (text.find(':') != std::string_view::npos) {
+    return "a user name for a proxy cannot have a colon in it.";
+  }
+  if (hasControlCharacter(text)) {
+    return "a user name for a proxy cannot have control characters in it.";
+  }
+  return "";
+}
+
+std::string findPasswordError(const Secret& password) {
+  return hasControlCharacter({password.c_str(), password.length()})
+             ? "a password for a proxy cannot have control characters in it."
+             : "";
+}
+
+std::string readPasswordFile(const std::string& path, Secret& password) {
+  const std::string name = "the password file " + inQuotes(path) + " cannot be used: ";
+  const Descriptor file(openPasswordFile(path));
+  if (file.get() < 0) {
+    return name + openingFault(errno);
+  }
+  struct stat facts {};
+  if (fstat(file.get(), &facts) != 0) {
+    return name + openingFault(errno);
+  }
+  std::string fault = findFileFault(facts, path);
+  if (fault.empty()) {
+    fault = take(file.get(), password);
+  }
+  return fault.empty() ? "" : name + fault;
+}
+
+std::string readPasswordDescriptor(int descriptor, Secret& password) {
+  const std::string name =
+      "the password descriptor " + std::to_string(descriptor) + " cannot be used: ";
+  if (fcntl(descriptor, F_GETFD) < 0) {
+    return name + "it is not open. Open it for the command, as in '--proxy-password-fd 3 3<FILE'.";
+  }
+  const Descriptor source(descriptor);
+  if (isatty(descriptor) == 1) {
+    return name +
+           "it is a terminal. Leave --proxy-password-fd out to be asked without the password being "
+           "shown.";
+  }
+  const std::string fault = take(descriptor, password);
+  return fault.empty() ? "" : name + fault;
+}

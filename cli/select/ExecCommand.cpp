@@ -1,0 +1,217 @@
+// `ahs exec`: a selection, and then a program with the headend it has found. A program that ends
+// badly at once gets the next headend; whatever else it does is its own affair, and its exit status
+// is the command's.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/Interruption.h"
+#include "cli/select/ChildProgram.h"
+#include "cli/select/HeadendProgram.h"
+#include "cli/select/Selecting.h"
+#include "cli/select/SelectionInputs.h"
+#include "cli/select/SelectionOutput.h"
+#include "vpn/Common/Logging/AppLog.h"
+#include "vpn/include/Locks.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// Longer than most programs try to reach a gateway that does not answer.
+constexpr unsigned int StartSeconds = 30;
+constexpr unsigned int MostStartSeconds = 86'400;
+
+struct ExecOptions {
+  SelectOptions select;
+  unsigned int startSeconds = StartSeconds;
+  unsigned int tries = std::numeric_limits<unsigned int>::max();
+  std::vector<std::string> program;
+};
+
+/// Hands signals to the program under way, and remembers that there was one: after it, no other
+/// program is started.
+class Foreground {
+ public:
+  void enter(std::shared_ptr<ChildProgram> program) {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    m_program = std::move(program);
+    // One that came while the program was being started.
+    if (m_signal) {
+      m_program->signal(*m_signal);
+    }
+  }
+
+  std::optional<int> signal() const {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    return m_signal;
+  }
+
+  bool takeOver(int signal, bool toAll) {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    if (m_program == nullptr) {
+      return false;
+    }
+    m_signal = signal;
+    if (!toAll) {
+      m_program->signal(signal);
+    }
+    return true;
+  }
+
+ private:
+  mutable CManualLock m_lock;
+  std::shared_ptr<ChildProgram> m_program AHS_GUARDED_BY(m_lock);
+  std::optional<int> m_signal AHS_GUARDED_BY(m_lock);
+};
+
+std::string inSeconds(steady_clock::duration time) {
+  const auto tenths = std::chrono::duration_cast<milliseconds>(time).count() / 100;
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
+}
+
+std::string howItEnded(int status) {
+  return status > ExitSignalBase ? "was ended by signal " + std::to_string(status - ExitSignalBase)
+                                 : "ended with status " + std::to_string(status);
+}
+
+/// How one program went.
+struct Attempt {
+  int status = 0;
+  bool mayTryNext = false;
+};
+
+Attempt runProgram(const ExecOptions& options, const ChosenHeadend& chosen,
+                   Foreground& foreground) {
+  const std::vector<std::string> command = commandFor(options.program, chosen);
+  const auto start = steady_clock::now();
+  const auto program = std::make_shared<ChildProgram>(command, variablesOf(chosen));
+  if (!program->problem().empty()) {
+    Console::complain("'" + Console::visible(command.front()) +
+                      "' cannot be run: " + program->problem() +
+                      ". What stands after -- is the program and its "
+                      "arguments; name one that is on PATH, or its path.");
+    return {program->problemStatus(), false};
+  }
+  foreground.enter(program);
+  std::optional<int> status = program->waitForEnd(std::chrono::seconds(options.startSeconds));
+  const bool hasStarted = !status;
+  if (!status) {
+    status = program->waitForEnd();
+  }
+  if (hasStarted || *status == 0 || foreground.signal()) {
+    return {*status, false};
+  }
+  Console::complain("for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " +
+                    howItEnded(*status) + " after " + inSeconds(steady_clock::now() - start) + ".");
+  return {*status, true};
+}
+
+int runPrograms(const ExecOptions& options, const SelectionResult& result,
+                const std::vector<Candidate>& candidates) {
+  const auto foreground = std::make_shared<Foreground>();
+  Interruption::setDuties({CAppLog::Flush, {}, {}, [foreground](int signal, bool toAll) {
+                             return foreground->takeOver(signal, toAll);
+                           }});
+  Attempt attempt;
+  const std::size_t most = std::min<std::size_t>(result.headends.size(), options.tries);
+  for (std::size_t place = 0; place < most; ++place) {
+    const ChosenHeadend chosen = chosenHeadend(result.headends[place], result, candidates);
+    Console::complain((place == 0 ? "running with " : "trying ") + chosen.headend +
+                      (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "") +
+                      ".");
+    attempt = runProgram(options, chosen, *foreground);
+    if (!attempt.mayTryNext) {
+      return attempt.status;
+    }
+    if (const std::optional<int> signal = foreground->signal()) {
+      return ExitSignalBase + *signal;
+    }
+  }
+  Console::complain(most < result.headends.size() ? "no other headend is tried, as --tries says."
+                                                  : "there is no other headend to try.");
+  return attempt.status;
+}
+
+int runExec(const ExecOptions& options) {
+  const std::string command = "ahs exec";
+  if (options.program.empty()) {
+    return complainOfUsage(command,
+                           "there is no program to run: it stands after --, as in 'ahs exec -- "
+                           "vpn-client --gateway {headend}'.",
+                           {});
+  }
+  SelectPlan plan;
+  std::optional<Secret> password;
+  if (!takePlan(options.select, command, plan, password)) {
+    return ExitUsage;
+  }
+  Selecting selecting(plan, command);
+  if (!selecting.isReady()) {
+    return ExitUsage;
+  }
+  const std::optional<SelectionResult> result = selecting.run(
+      password, plan.log.terminal ? Selecting::Progress::Hidden : Selecting::Progress::Shown);
+  password.reset();
+  if (!result) {
+    return ExitNotMeasured;
+  }
+  const int selected = exitStatusOf(result->status);
+  const std::string advice = adviceFor(*result, plan.profilePlaces);
+  if (!advice.empty()) {
+    Console::complain(advice);
+  }
+  // A headend that was kept without a measurement is what a client would connect to as well.
+  if (result->headends.empty() || (selected != ExitSelected && selected != ExitNotMeasured)) {
+    return selecting.leave(selected);
+  }
+  return selecting.leave(runPrograms(options, *result, selecting.candidates()));
+}
+
+}  // namespace
+
+void addExecCommand(CLI::App& tool, ChosenCommand& chosen,
+                    const std::vector<std::string>& program) {
+  CLI::App* command = tool.add_subcommand(
+      "exec", "Run a program with the nearest headend, and with the next one if it fails to start");
+  const auto options = std::make_shared<ExecOptions>();
+  addHostOptions(*command, options->select);
+  addReasonOption(*command, options->select);
+  command
+      ->add_option("--start-time", options->startSeconds,
+                   "A program that fails within so many seconds has not started: 30 unless given")
+      ->option_text("S")
+      ->check(CLI::Range(0U, MostStartSeconds));
+  command->add_option("--tries", options->tries, "The most headends to try; all unless given")
+      ->option_text("N")
+      ->check(CLI::Range(1U, std::numeric_limits<unsigned int>::max()));
+  addProxyOptions(*command, options->select.proxy);
+  addCacheOptions(*command, options->select);
+  addLogOptions(*command, options->select);
+  command->footer(
+      "After -- stands the program with its arguments:\n"
+      "  ahs exec [OPTIONS] [HOST[:PORT]...] -- PROGRAM [ARGUMENT...]\n"
+      "In the program's arguments {headend}, {host} and {port} are replaced; in its environment\n"
+      "are AHS_HEADEND, AHS_HOST, AHS_PORT, AHS_NAME and AHS_METRIC_MS.\n"
+      "Examples:\n"
+      "  ahs exec -- vpn-client --gateway {headend}\n"
+      "  ahs exec gw1.example.com gw2.example.com -- vpn-client -p {port} {host}\n"
+      "Exit status: that of the program; 127 no such program, 126 it cannot be run;\n"
+      "without a program run: 1 nothing could be measured, 2 usage or configuration,\n"
+      "3 a proxy asks for a login and was given none or a wrong one.");
+  command->callback([&chosen, options, &program] {
+    options->program = program;
+    chosen = [options] { return runExec(*options); };
+  });
+}

@@ -1,0 +1,237 @@
+// The decision of a selection, told in numbers. Nothing is measured or decided here: what the run
+// delivered is read back, with the arithmetic of the run, so that a tie is told as the tie it was.
+
+#include "cli/select/Explanation.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/select/SelectionOutput.h"
+
+namespace {
+
+// The reason code that turns the rule of retention on.
+constexpr unsigned int Reconnection = 1;
+
+// A gateway that answers this much later than its network is behind something that took the
+// connection for it, or is so slow itself that its distance is not what matters. The difference
+// keeps short distances out, where a process's wake-up alone is a multiple of the round trip.
+constexpr long long EarlyFactor = 3;
+constexpr long long EarlyDifferenceUs = 30'000;
+
+// Names of headends without a result that are listed; a thousand of them are no explanation.
+constexpr std::size_t MostNames = 10;
+
+constexpr long long MicrosecondsPerMillisecond = 1000;
+
+std::string name(const HeadendResult& headend) { return Console::visible(titleOf(headend)); }
+
+std::string milliseconds(unsigned int metric) { return std::to_string(metric) + " ms"; }
+
+std::string fixed(double value, int digits) {
+  char text[64];
+  snprintf(text, sizeof text, "%.*f", digits, value);
+  return text;
+}
+
+/// The smallest of a kind of round trip over a headend's probes; -1 if no probe has one.
+long long smallest(const HeadendResult& headend, long long HttpProbe::Report::*time) {
+  long long least = -1;
+  for (const HttpProbe::Report& probe : headend.probes) {
+    const long long value = probe.*time;
+    if (value >= 0 && (least < 0 || value < least)) {
+      least = value;
+    }
+  }
+  return least;
+}
+
+std::vector<EarlyAnswer> findEarlyAnswers(const SelectionResult& result) {
+  std::vector<EarlyAnswer> found;
+  for (const HeadendResult& headend : result.results) {
+    const long long network = smallest(headend, &HttpProbe::Report::networkRttUs);
+    const long long response = smallest(headend, &HttpProbe::Report::responseRttUs);
+    if (network >= 0 && response > network * EarlyFactor &&
+        response - network > EarlyDifferenceUs) {
+      found.push_back({headend.headend, network, response});
+    }
+  }
+  return found;
+}
+
+const HeadendResult* find(const SelectionResult& result, const std::string& headend) {
+  const auto found = std::ranges::find(result.results, headend, &HeadendResult::headend);
+  return found == result.results.end() ? nullptr : &*found;
+}
+
+std::size_t countMetrics(const SelectionResult& result) {
+  return static_cast<std::size_t>(std::ranges::count_if(
+      result.results, [](const HeadendResult& headend) { return headend.metricMs.has_value(); }));
+}
+
+std::string line(const std::string& label, const std::string& text) {
+  constexpr std::size_t LabelWidth = 12;
+  const std::string start = label.empty() ? " " : label + ":";
+  return "  " + start + std::string(LabelWidth - std::min(LabelWidth, start.size()), ' ') + text +
+         "\n";
+}
+
+std::string describe(const HeadendResult& headend) {
+  const std::string samples =
+      headend.samplesMs.empty() ? "" : " (samples " + samplesText(headend.samplesMs, ", ") + ")";
+  return name(headend) + "  " +
+         (headend.metricMs ? milliseconds(*headend.metricMs) + samples
+                           : "no metric: " + headend.outcome);
+}
+
+// A best metric of 0 makes it no number; the last headend goes then, however near it is.
+std::string ratioInWords(float ratio) {
+  return std::isfinite(ratio) ? fixed(ratio, 3) : std::isnan(ratio) ? "no number" : "infinite";
+}
+
+std::string ruleLines(const SelectionResult& result, const Decision& decision) {
+  if (result.reason != Reconnection) {
+    return line("rule", "the smallest metric wins; only a reconnection favours the last headend");
+  }
+  std::string text = line(
+      "rule", "on a reconnection the last headend stays if its metric is less than " +
+                  fixed(1.0 + result.improvementPercent / 100.0, 2) + " times the best one's " +
+                  "(SelectionImprovement " + std::to_string(result.improvementPercent) + " %)");
+  if (decision.ratio) {
+    text += line("ratio", std::to_string(*decision.last->metricMs) + " / " +
+                              std::to_string(*decision.best->metricMs) + " = " +
+                              ratioInWords(*decision.ratio) +
+                              (decision.isRetained ? ", less: it stays" : ", not less: it goes"));
+  }
+  return text;
+}
+
+std::string lastLine(const SelectionResult& result, const Decision& decision) {
+  if (result.last.empty()) {
+    return line("last", "none was named");
+  }
+  return line("last", decision.last != nullptr ? describe(*decision.last)
+                                               : Console::visible(result.last) + "  no candidate");
+}
+
+std::string duration(std::chrono::seconds time) {
+  constexpr long long SecondsPerMinute = 60;
+  constexpr long long SecondsPerHour = 3600;
+  constexpr long long SecondsPerDay = 86400;
+  const long long seconds = time.count();
+  if (seconds >= 2 * SecondsPerDay) {
+    return std::to_string(seconds / SecondsPerDay) + " days";
+  }
+  if (seconds >= 2 * SecondsPerHour) {
+    return std::to_string(seconds / SecondsPerHour) + " hours";
+  }
+  if (seconds >= 2 * SecondsPerMinute) {
+    return std::to_string(seconds / SecondsPerMinute) + " minutes";
+  }
+  return std::to_string(seconds) + (seconds == 1 ? " second" : " seconds");
+}
+
+std::string sourceLine(const SelectionResult& result) {
+  if (!result.fromCache) {
+    return line("source", "measured now, in " + std::to_string(result.elapsed.count()) + " ms, " +
+                              (result.isResponseMeasured ? "up to the gateways' answers"
+                                                         : "the network alone"));
+  }
+  return line("source", "the cache; measured " +
+                            (result.cacheAge ? duration(*result.cacheAge) + " ago" : "earlier") +
+                            ", asked again after " + std::to_string(result.cacheDays) +
+                            " days (SelectionClearCache); --no-cache measures now");
+}
+
+std::string missingLines(const SelectionResult& result) {
+  std::vector<const HeadendResult*> missing;
+  for (const HeadendResult& headend : result.results) {
+    if (!headend.metricMs) {
+      missing.push_back(&headend);
+    }
+  }
+  std::string text;
+  for (std::size_t i = 0; i < std::min(missing.size(), MostNames); ++i) {
+    text += line(i == 0 ? "no metric" : "", name(*missing[i]) + "  " + missing[i]->outcome);
+  }
+  if (missing.size() > MostNames) {
+    text += line("", "and " + std::to_string(missing.size() - MostNames) + " more");
+  }
+  return text;
+}
+
+std::string earlyLines(const SelectionResult& result, const Decision& decision) {
+  if (decision.earlyAnswers.empty()) {
+    return "";
+  }
+  const EarlyAnswer& first = decision.earlyAnswers.front();
+  const auto inMilliseconds = [](long long time) {
+    return fixed(static_cast<double>(time) / static_cast<double>(MicrosecondsPerMillisecond), 1) +
+           " ms";
+  };
+  std::string text =
+      line("odd", name(*find(result, first.headend)) + "'s network answers in " +
+                      inMilliseconds(first.networkUs) + ", it itself in " +
+                      inMilliseconds(first.responseUs) +
+                      (decision.earlyAnswers.size() > 1
+                           ? "; so do " + std::to_string(decision.earlyAnswers.size() - 1) + " more"
+                           : ""));
+  text += line("", "either it is slow, or something on the way takes connections on its behalf");
+  if (!result.isResponseMeasured) {
+    text += line("", "set the preference RoundTripTime to 'response' to rank by answers instead");
+  }
+  return text;
+}
+
+}  // namespace
+
+Decision decisionOf(const SelectionResult& result) {
+  Decision decision;
+  for (const HeadendResult& headend : result.results) {
+    const bool isBetter = headend.metricMs && (decision.best == nullptr ||
+                                               *headend.metricMs < *decision.best->metricMs);
+    if (isBetter) {
+      decision.best = &headend;
+    }
+  }
+  decision.last = result.last.empty() ? nullptr : find(result, result.last);
+  decision.earlyAnswers = findEarlyAnswers(result);
+  const bool isRuleApplied = result.reason == Reconnection && decision.best != nullptr &&
+                             decision.last != nullptr && decision.last->metricMs.has_value();
+  if (isRuleApplied) {
+    decision.ratio =
+        static_cast<float>(*decision.last->metricMs) / static_cast<float>(*decision.best->metricMs);
+    decision.threshold = static_cast<float>(result.improvementPercent) / 100.0F + 1.0F;
+    decision.isRetained = *decision.threshold > *decision.ratio;
+  }
+  return decision;
+}
+
+std::string decisionInWords(const SelectionResult& result) {
+  const Decision decision = decisionOf(result);
+  if (decision.best == nullptr || exitStatusOf(result.status) != ExitSelected) {
+    return statusInWords(result);
+  }
+  const std::string best = milliseconds(*decision.best->metricMs);
+  if (decision.isRetained) {
+    return "Stays with " + name(*decision.last) + ": " + milliseconds(*decision.last->metricMs) +
+           ", less than " + fixed(*decision.threshold, 2) + " times the best metric, " + best +
+           (decision.best == decision.last ? "" : " of " + name(*decision.best)) + ".";
+  }
+  const std::size_t count = countMetrics(result);
+  return "Chose " + name(*decision.best) + ": " + best +
+         (count == 1 ? ", the only metric."
+                     : ", the smallest of " + std::to_string(count) + " metrics.");
+}
+
+std::string explanation(const SelectionResult& result) {
+  const Decision decision = decisionOf(result);
+  std::string text = "Why: " + decisionInWords(result) + "\n";
+  text += line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best));
+  text += lastLine(result, decision) + ruleLines(result, decision) + sourceLine(result);
+  return text + missingLines(result) + earlyLines(result, decision);
+}

@@ -1,0 +1,77 @@
+// How a program is told its headend. A headend is safe as an argument: the profile's reader lets no
+// host begin with a hyphen. A host entry's name may hold anything, so it is in the environment
+// alone.
+
+#include "cli/select/HeadendProgram.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "vpn/Common/Utility/URL.h"
+
+namespace {
+
+struct Parts {
+  std::string host;
+  std::string port;
+};
+
+Parts partsOf(const std::string& headend) {
+  // The port is that of TLS unless it is given, as for a probe.
+  constexpr const char* DefaultPort = "443";
+  const URL url(headend);
+  return {url.getHost(), url.getPort().empty() ? DefaultPort : url.getPort()};
+}
+
+// One pass, so that what has been put in is not looked at again.
+std::string replaced(const std::string& text,
+                     const std::array<std::pair<std::string_view, std::string>, 3>& values) {
+  std::string result;
+  for (std::size_t at = 0; at < text.size();) {
+    const auto value = std::ranges::find_if(values, [&text, at](const auto& candidate) {
+      return std::string_view(text).substr(at).starts_with(candidate.first);
+    });
+    result += value == values.end() ? text.substr(at, 1) : value->second;
+    at += value == values.end() ? 1 : value->first.size();
+  }
+  return result;
+}
+
+}  // namespace
+
+ChosenHeadend chosenHeadend(const std::string& headend, const SelectionResult& result,
+                            const std::vector<Candidate>& candidates) {
+  ChosenHeadend chosen{headend, "", std::nullopt};
+  const auto candidate = std::ranges::find(candidates, headend, &Candidate::headend);
+  if (candidate != candidates.end()) {
+    chosen.name = candidate->name;
+  }
+  const auto known = std::ranges::find(result.results, headend, &HeadendResult::headend);
+  if (known != result.results.end()) {
+    chosen.metricMs = known->metricMs;
+  }
+  return chosen;
+}
+
+ChildProgram::Variables variablesOf(const ChosenHeadend& chosen) {
+  const Parts parts = partsOf(chosen.headend);
+  return {{"AHS_HEADEND", chosen.headend},
+          {"AHS_HOST", parts.host},
+          {"AHS_PORT", parts.port},
+          {"AHS_NAME", chosen.name},
+          {"AHS_METRIC_MS", chosen.metricMs ? std::to_string(*chosen.metricMs) : ""}};
+}
+
+std::vector<std::string> commandFor(const std::vector<std::string>& command,
+                                    const ChosenHeadend& chosen) {
+  const Parts parts = partsOf(chosen.headend);
+  std::vector<std::string> result;
+  for (const std::string& argument : command) {
+    result.push_back(replaced(
+        argument,
+        {{{"{headend}", chosen.headend}, {"{host}", parts.host}, {"{port}", parts.port}}}));
+  }
+  return result;
+}

@@ -1,0 +1,106 @@
+// `ahs select`: one selection from the options to the exit status. Nothing is printed on standard
+// output but the result.
+
+#include <time.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/select/Chart.h"
+#include "cli/select/Explanation.h"
+#include "cli/select/ResultPage.h"
+#include "cli/select/Selecting.h"
+#include "cli/select/SelectionInputs.h"
+#include "cli/select/SelectionOutput.h"
+
+namespace {
+
+bool wantsProgress(const SelectOptions& options, const SelectPlan& plan) {
+  return !options.quiet && !options.json && !plan.log.terminal;
+}
+
+// The present time as people write it, with the zone: pages are read elsewhere.
+std::string timeOfDay() {
+  const time_t now = time(nullptr);
+  tm local{};
+  char text[64] = "";
+  if (localtime_r(&now, &local) != nullptr) {
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &local);
+  }
+  return text;
+}
+
+int print(const SelectionResult& result, const SelectOptions& options, const SelectPlan& plan) {
+  const std::string text = options.json ? jsonOutput(result)
+                           : options.quiet
+                               ? quietOutput(result)
+                               : textOutput(result) + (options.explain ? explanation(result) : "");
+  int exitStatus = Console::writeResult(text, exitStatusOf(result.status));
+  if (options.html) {
+    exitStatus = Console::writeFile(*options.html, pageOf(result, timeOfDay()), exitStatus);
+  }
+  if (options.svg) {
+    exitStatus = Console::writeFile(*options.svg, chartOf(result), exitStatus);
+  }
+  const std::string advice = adviceFor(result, plan.profilePlaces);
+  if (!advice.empty()) {
+    Console::complain(advice);
+  }
+  return exitStatus;
+}
+
+int runSelect(const SelectOptions& options) {
+  SelectPlan plan;
+  std::optional<Secret> password;
+  const std::string command = "ahs select";
+  if (!takePlan(options, command, plan, password)) {
+    return ExitUsage;
+  }
+  Selecting selecting(plan, command);
+  if (!selecting.isReady()) {
+    return ExitUsage;
+  }
+  const std::optional<SelectionResult> result =
+      selecting.run(password, wantsProgress(options, plan) ? Selecting::Progress::Shown
+                                                           : Selecting::Progress::Hidden);
+  if (!result) {
+    return ExitNotMeasured;
+  }
+  return selecting.leave(print(*result, options, plan));
+}
+
+void addOutput(CLI::App& command, SelectOptions& options) {
+  command.add_flag("--json", options.json, "Print one JSON object");
+  command.add_flag("--quiet", options.quiet, "Print the first headend only");
+  command.add_option("--html", options.html, "Write the result as a page too")->option_text("FILE");
+  command.add_option("--svg", options.svg, "Write the ranking as a picture too")
+      ->option_text("FILE");
+  command.add_flag("--explain", options.explain, "Tell why this headend, in numbers");
+}
+
+}  // namespace
+
+void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
+  CLI::App* command = tool.add_subcommand(
+      "select", "Measure the headends and print the nearest first, or take them from the cache");
+  const auto options = std::make_shared<SelectOptions>();
+  addHostOptions(*command, *options);
+  addReasonOption(*command, *options);
+  addProxyOptions(*command, options->proxy);
+  addCacheOptions(*command, *options);
+  addOutput(*command, *options);
+  addLogOptions(*command, *options);
+  command->footer(
+      "Examples:\n"
+      "  ahs select                                     the headends of the profiles\n"
+      "  ahs select gw1.example.com gw2.example.com:8443\n"
+      "  ahs select --reason reconnection --last Berlin\n"
+      "  ahs select --json --no-cache | jq '.headends[0]'\n"
+      "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
+      "3 a proxy asks for a login and was given none or a wrong one,\n"
+      "128 + number of the signal that ended it.");
+  command->callback([&chosen, options] { chosen = [options] { return runSelect(*options); }; });
+}

@@ -1,0 +1,222 @@
+// From typed options to a checked plan. Everything that a person can get wrong on the command line
+// is found here, before anything is started, so that a wrong option never costs a measurement.
+
+#include "cli/select/SelectOptions.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <set>
+
+#include "cli/Console.h"
+#include "vpn/Api/ProfileFile.h"
+#include "vpn/Common/Utility/URL.h"
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+// The index is the reason code.
+constexpr std::array<const char*, 6> ReasonNames = {"connection",         "reconnection",
+                                                    "preferences-change", "proxy-authentication",
+                                                    "process-launch",     "disconnect"};
+
+std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
+
+// A headend measured twice would only keep itself busy, so a name that comes again is dropped.
+std::string takeHosts(const std::vector<std::string>& hosts, std::vector<std::string>& addresses) {
+  std::set<std::string> seen;
+  for (const std::string& host : hosts) {
+    const std::string error = host.empty() ? "it is empty." : URL::findError(host);
+    if (!error.empty()) {
+      return "the host " + inQuotes(host) + " cannot be used: " + error +
+             " A host is a name, an IPv4 address or an IPv6 address in brackets, with an optional "
+             "port: gw.example.com, 192.0.2.7:8443, [2001:db8::7].";
+    }
+    if (seen.insert(CStringUtils::toLower(URL(host).getHostAndPort(false))).second) {
+      addresses.push_back(host);
+    }
+  }
+  return "";
+}
+
+// The run knows a headend by the name of its entry, which is the address as it was typed; a person
+// may name the last one in another spelling of the same place.
+std::string findLast(const std::string& last, const std::vector<std::string>& addresses) {
+  const std::string place = CStringUtils::toLower(URL(last).getHostAndPort(false));
+  for (const std::string& address : addresses) {
+    if (CStringUtils::toLower(URL(address).getHostAndPort(false)) == place) {
+      return address;
+    }
+  }
+  return last;
+}
+
+std::string takeProfiles(const SelectOptions& options, const DefaultPaths& paths,
+                         SelectPlan& plan) {
+  if (options.profiles) {
+    const std::string error = findDirectoryError(*options.profiles);
+    if (!error.empty()) {
+      return "the profile directory " + inQuotes(*options.profiles) + " cannot be used: " + error +
+             ". Name a directory that holds profiles with --profiles, or leave the option out.";
+    }
+    plan.sources.profileDirectory = *options.profiles;
+    plan.profilePlaces = inQuotes(*options.profiles);
+    return "";
+  }
+  std::error_code ignored;
+  const bool hasUserProfiles =
+      !paths.userProfiles.empty() && std::filesystem::exists(paths.userProfiles, ignored);
+  plan.sources.profileDirectory = hasUserProfiles ? paths.userProfiles : paths.systemProfiles;
+  plan.profilePlaces = inQuotes(plan.sources.profileDirectory);
+  if (!hasUserProfiles && !paths.userProfiles.empty()) {
+    plan.profilePlaces = inQuotes(paths.userProfiles) + " and " + inQuotes(paths.systemProfiles);
+  }
+  return "";
+}
+
+std::string takePreferences(const std::optional<std::string>& given, const std::string& standard,
+                            const char* option, bool trusts, std::string& path,
+                            std::vector<std::string>& problems) {
+  path = standard;
+  if (!given) {
+    return "";
+  }
+  const std::string error = findFileError(*given);
+  if (!error.empty()) {
+    return "the preferences file " + inQuotes(*given) + " cannot be used: " + error +
+           ". Name a file that exists with " + option + ", or leave the option out.";
+  }
+  path = *given;
+  PreferenceInfo preferences;
+  std::vector<FileProblem> found;
+  const FileTrust::Check check = trusts ? FileTrust::Check::Waived : FileTrust::Check::Strict;
+  if (readPreferencesFile(*given, preferences, found, check)) {
+    return "";
+  }
+  for (const FileProblem& problem : found) {
+    problems.push_back(Console::visible(problem.toString()));
+  }
+  return "the preferences file " + inQuotes(*given) + " cannot be used. Mend it, or leave out " +
+         option + ".";
+}
+
+std::string takeCache(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan) {
+  if (options.noCache) {
+    return options.cacheDirectory ? "--cache-dir and --no-cache exclude each other: leave one out."
+                                  : "";
+  }
+  std::string directory = paths.cacheDirectory;
+  if (options.cacheDirectory) {
+    directory = *options.cacheDirectory;
+    const std::string error = findDirectoryError(directory);
+    if (!error.empty()) {
+      return "the cache directory " + inQuotes(directory) + " cannot be used: " + error +
+             ". Create it, name another one with --cache-dir, or use --no-cache.";
+    }
+  }
+  if (!directory.empty()) {
+    plan.sources.cacheFile = directory + "/" + CacheFileName;
+  }
+  return "";
+}
+
+std::string takeLog(const SelectOptions& options, CAppLog::Targets& log) {
+  const std::string level = options.logLevel.value_or("info");
+  if (level == "error") {
+    log.leastImportant = Logging::DBG_Error;
+  } else if (level == "warning") {
+    log.leastImportant = Logging::DBG_Warning;
+  } else if (level == "info") {
+    log.leastImportant = Logging::DBG_Info;
+  } else if (level != "off") {
+    return "there is no log level " + inQuotes(level) + ". Use error, warning, info or off.";
+  }
+  if (options.logFile && options.logFile->empty()) {
+    return "--log-file needs the name of a file.";
+  }
+  log.file = options.logFile.value_or("");
+  log.syslog = options.syslog;
+  log.terminal = options.logLevel && log.file.empty() && !log.syslog && level != "off";
+  log.off = level == "off" || (log.file.empty() && !log.syslog && !log.terminal);
+  if (log.off) {
+    log.file.clear();
+    log.syslog = false;
+  }
+  return "";
+}
+
+}  // namespace
+
+std::optional<unsigned int> parseReason(const std::string& text) {
+  for (unsigned int reason = 0; reason < ReasonNames.size(); ++reason) {
+    if (text == ReasonNames[reason] || text == std::to_string(reason)) {
+      return reason;
+    }
+  }
+  return std::nullopt;
+}
+
+const char* reasonName(unsigned int reason) {
+  return reason < ReasonNames.size() ? ReasonNames[reason] : "unknown";
+}
+
+std::string reasonNames() {
+  std::string names;
+  for (const char* name : ReasonNames) {
+    names += names.empty() ? "" : ", ";
+    names += name;
+  }
+  return names;
+}
+
+std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
+                         std::vector<std::string>& problems) {
+  plan.sources.trustFiles = options.trustProfiles;
+  std::string error = takeProfiles(options, paths, plan);
+  if (error.empty()) {
+    error = takePreferences(options.preferences, paths.userPreferences, "--preferences",
+                            options.trustProfiles, plan.sources.userPreferencesFile, problems);
+  }
+  if (error.empty()) {
+    error =
+        takePreferences(options.globalPreferences, paths.globalPreferences, "--global-preferences",
+                        options.trustProfiles, plan.sources.globalPreferencesFile, problems);
+  }
+  return error;
+}
+
+std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
+                     std::vector<std::string>& problems) {
+  if (options.json && options.quiet) {
+    return "--json and --quiet exclude each other: leave one out.";
+  }
+  if (options.explain && (options.json || options.quiet)) {
+    return std::string("--explain and ") + (options.json ? "--json" : "--quiet") +
+           " exclude each other: leave one out" +
+           (options.json ? "; the JSON object holds the decision in any case." : ".");
+  }
+  for (const auto& [option, file] : {std::pair("--html", options.html), {"--svg", options.svg}}) {
+    if (file && file->empty()) {
+      return std::string(option) + " needs the name of a file.";
+    }
+  }
+  const std::optional<unsigned int> reason = parseReason(options.reason.value_or("connection"));
+  if (!reason) {
+    return "there is no reason " + inQuotes(*options.reason) + ". Use one of " + reasonNames() +
+           ", or its number from 0 to 5.";
+  }
+  plan.reason = *reason;
+  std::string error = takeLog(options, plan.log);
+  if (error.empty()) {
+    error = makeProxyPlan(options.proxy, plan.proxy);
+    plan.sources.proxy = plan.proxy.proxy;
+  }
+  if (error.empty()) {
+    error = takeHosts(options.hosts, plan.sources.addresses);
+  }
+  plan.last = findLast(options.last.value_or(""), plan.sources.addresses);
+  if (error.empty()) {
+    error = takeCache(options, paths, plan);
+  }
+  return error.empty() ? makeFilePlan(options, paths, plan, problems) : error;
+}

@@ -1,0 +1,343 @@
+// One selection, from the client library's start to the result. A run that ends with a proxy's
+// question for a login is followed by another one; each run has ended before the next begins, so
+// there is one copy of the login at a time.
+
+#include "cli/select/Selecting.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <utility>
+
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/Interruption.h"
+#include "cli/Terminal.h"
+#include "cli/select/SelectionOutput.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/include/InstanceSmartPtr.h"
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+// How often the table is drawn: fast enough to look alive, slow enough to cost nothing.
+constexpr std::chrono::milliseconds DrawingInterval{100};
+// How often a line tells the progress where no table can be drawn: lines stay.
+constexpr std::chrono::milliseconds LineInterval{2000};
+// A run whose result is there ends within microseconds, unless the time limit ended it and workers
+// are still waiting for an answer; a process that ends does not wait for those.
+constexpr std::chrono::milliseconds LongestRunEnd{100};
+// A wait without a limit is made of these.
+constexpr std::chrono::hours LongestWait{1};
+// The reason code of a reconnection, which has a time limit of its own.
+constexpr unsigned int Reconnection = 1;
+// The reason code of a run that follows a login at the proxy.
+constexpr unsigned int ProxyAuthentication = 3;
+
+// Whether a mistake has not been told before; null for a person who has been told nothing.
+bool isNew(const std::string& mistake, std::set<std::string>* told) {
+  return told == nullptr || told->insert(mistake).second;
+}
+
+// What was read and is wrong is told in any case: a profile that is skipped in silence is missed.
+bool hasProfiles(std::set<std::string>* told) {
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  ProfileMgr* profiles = nullptr;
+  if (preferences == nullptr || preferences->getProfileMgr(profiles) != 0) {
+    return false;
+  }
+  for (const FileProblem& problem : preferences->getProblems()) {
+    const std::string text = problem.toString();
+    if (isNew(text, told)) {
+      Console::note(Console::visible(text));
+    }
+  }
+  return !profiles->getFileInitMap().empty();
+}
+
+// The candidate of a host entry's name, in any letter case; null if there is none.
+const Candidate* findCandidate(const std::string& name, const std::vector<Candidate>& candidates) {
+  const std::string wanted = CStringUtils::toLower(name);
+  const auto found = std::ranges::find_if(candidates, [&wanted](const Candidate& candidate) {
+    return CStringUtils::toLower(candidate.name) == wanted;
+  });
+  return found == candidates.end() ? nullptr : &*found;
+}
+
+void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
+  const auto table = std::make_shared<LiveTable>();
+  Interruption::setDuties({[table] {
+                             table->closeInHaste();
+                             CAppLog::Flush();
+                           },
+                           [table] { table->eraseInHaste(); },
+                           {}});
+  while (!run.waitForDelivery(DrawingInterval)) {
+    table->draw(look());
+  }
+  table->close();
+}
+
+void waitVisibly(SelectionRun& run, const std::function<LiveState()>& look) {
+  if (LiveTable::isPossible()) {
+    waitWithTable(run, look);
+    return;
+  }
+  while (!run.waitForDelivery(LineInterval)) {
+    Console::note(liveLine(look()));
+  }
+}
+
+// Time since an entry was made; none if the clock has been put back since.
+std::optional<std::chrono::seconds> ageOf(const CCacheEntry& entry) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto age = std::chrono::duration_cast<std::chrono::seconds>(now) -
+                   std::chrono::seconds(entry.GetTimestamp());
+  return age.count() < 0 ? std::nullopt : std::optional(age);
+}
+
+// Which proxy the preferences of the process ask for.
+struct ProxyInForce {
+  bool isSystems = false;
+  std::string place;  // host and port of the preferences' own proxy; empty for any other
+};
+
+ProxyInForce findProxy() {
+  ProxyInForce proxy;
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  std::string setting;
+  UserPreferences* global = nullptr;
+  if (preferences == nullptr || preferences->getPreferenceValue(ProxySettings, setting) != 0 ||
+      preferences->getParsedPreferenceFile(Global, global) != 0) {
+    return proxy;
+  }
+  proxy.isSystems = setting == PreferenceBase::ProxySystem;
+  if (setting == PreferenceBase::ProxyOverride) {
+    const std::string port = global->getProxyPort();
+    proxy.place = global->getProxyHost() + (port.empty() ? "" : ":" + port);
+  }
+  return proxy;
+}
+
+// Whatever happens while the person is asked, the terminal is given back as it was.
+bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
+               const std::string& proxy, const std::string& realm) {
+  if (terminal != nullptr) {
+    Interruption::setDuties({[terminal] {
+                               terminal->leave();
+                               CAppLog::Flush();
+                             },
+                             [terminal] { terminal->stepAside(); },
+                             [terminal] { terminal->comeBack(); }});
+  }
+  const bool found = login.find(proxy, realm);
+  Interruption::setDuties({CAppLog::Flush, {}, {}});
+  return found;
+}
+
+}  // namespace
+
+int complainOfUsage(const std::string& command, const std::string& error,
+                    const std::vector<std::string>& problems) {
+  for (const std::string& problem : problems) {
+    Console::note(problem);
+  }
+  Console::complain(error + " '" + command + " --help' shows all options.");
+  return ExitUsage;
+}
+
+/// Holds the cache over the end of the run, so that the run's records can still be read.
+class HeldCache {
+ public:
+  HeldCache() : m_cache(nullptr) {
+    static_cast<void>(CSelectionCache::createSingletonInstance(m_cache));
+  }
+  ~HeldCache() {
+    if (m_cache != nullptr) {
+      m_cache->releaseInstance();
+    }
+  }
+  HeldCache(const HeldCache&) = delete;
+  HeldCache& operator=(const HeldCache&) = delete;
+
+  void waitForStores() const {
+    if (m_cache != nullptr) {
+      static_cast<void>(m_cache->WaitForStores());
+    }
+  }
+
+  /// What the run used or stored; an entry without records if it did neither.
+  CCacheEntry lastEntry() const {
+    CCacheEntry entry;
+    if (m_cache != nullptr) {
+      m_cache->GetLastUsed(entry);
+    }
+    return entry;
+  }
+
+ private:
+  CSelectionCache* m_cache;
+};
+
+Selecting::Selecting(const SelectPlan& plan, std::string command, std::set<std::string>* told)
+    : m_plan(plan), m_command(std::move(command)), m_isReady(prepare(told)) {}
+
+Selecting::~Selecting() {
+  endRun();
+  HttpProbe::SetWatcher(nullptr);
+}
+
+/// Brings up what a selection stands on. @return whether there is anything to select from.
+bool Selecting::prepare(std::set<std::string>* told) {
+  Interruption::setDuties({CAppLog::Flush, {}, {}});
+  CClientLibrary::Options options{m_plan.sources, m_plan.log, ""};
+  STATUSCODE status = 0;
+  m_library = std::make_unique<CClientLibrary>(options, status);
+  std::string error;
+  if (!options.logProblem.empty()) {
+    error = "the log cannot be written: " + options.logProblem + ".";
+  } else if (status != 0) {
+    error = "the client library could not be started: " + std::string(statusCodeName(status)) +
+            " (" + statusAsHex(status) + "). The machine may be short of memory or threads.";
+  } else if (!hasProfiles(told)) {
+    error =
+        "no host was given and no usable profile was found: profiles (files *.xml) were looked for "
+        "in " +
+        m_plan.profilePlaces + ". Name hosts, as in '" + m_command +
+        " gw1.example.com gw2.example.com:8443', or a directory with --profiles.";
+  }
+  if (!error.empty()) {
+    if (isNew(error, told)) {
+      complainOfUsage(m_command, error, {});
+    }
+    return false;
+  }
+  m_candidates = findCandidates();
+  m_cache = std::make_unique<HeldCache>();
+  CAHSSettings::GetSettings(m_settings);
+  return true;
+}
+
+std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& password,
+                                              Progress progress) {
+  if (!m_plan.last.empty() && findCandidate(m_plan.last, m_candidates) == nullptr) {
+    Console::complain("warning: no host entry that takes part is named '" +
+                      Console::visible(m_plan.last) +
+                      "'; the selection goes on without a last headend. --last takes the name of a "
+                      "host entry, or a host of the command line.");
+  }
+  const ProxyInForce proxy = findProxy();
+  const std::shared_ptr<Terminal> terminal = Terminal::find();
+  ProxyLogin login(m_plan.proxy.user, password, terminal, proxy.isSystems);
+  for (unsigned int reason = m_plan.reason;; reason = ProxyAuthentication) {
+    if (!runOnce(reason, login, progress)) {
+      return std::nullopt;
+    }
+    SelectionResult result = resultOf(reason, login.hasCredentials());
+    if (result.status != HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
+      return result;
+    }
+    // It has started no worker, so nothing holds it up; its copy of the login goes with it.
+    endRun();
+    if (!findLogin(login, terminal, proxy.place, result.extraInfo)) {
+      return result;
+    }
+  }
+}
+
+/// Runs one selection up to its result. @return whether it could be started.
+bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, Progress progress) {
+  m_recorder = std::make_shared<ProbeRecorder>();
+  HttpProbe::SetWatcher(m_recorder);
+  m_run = std::make_unique<SelectionRun>();
+  const STATUSCODE status = m_run->start(reason, m_plan.last, login.provider());
+  if (status != 0) {
+    m_run.reset();
+    Console::complain("the selection could not be started: " + std::string(statusCodeName(status)) +
+                      " (" + statusAsHex(status) + "). '" + m_command +
+                      " --log-level info' tells each step.");
+    return false;
+  }
+  if (progress == Progress::Shown) {
+    waitVisibly(*m_run, [this, reason] { return look(reason); });
+  }
+  while (!m_run->waitForDelivery(LongestWait)) {
+  }
+  return true;
+}
+
+/// How far the run is.
+LiveState Selecting::look(unsigned int reason) const {
+  const ProbeRecorder::Progress progress = m_recorder->progress();
+  const std::map<Place, ProbeRecorder::Track> tracks = m_recorder->tracks();
+  LiveState state;
+  state.answered = progress.placesAnswered;
+  state.probesEnded = progress.probesEnded;
+  state.elapsed = m_run->elapsed();
+  state.budget = std::chrono::milliseconds(reason == Reconnection ? m_settings.nReconnectTimeout
+                                                                  : m_settings.nConnectTimeout);
+  for (const Candidate& candidate : m_candidates) {
+    const auto track = tracks.find(candidate.place);
+    state.rows.push_back(liveRowOf(candidate, track == tracks.end() ? nullptr : &track->second,
+                                   m_settings.nPingsPerHeadend));
+  }
+  return state;
+}
+
+SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
+  SelectionRun::Delivery delivery = m_run->delivery();
+  SelectionResult result;
+  result.reason = reason;
+  result.status = delivery.status;
+  result.headends = std::move(delivery.headends);
+  result.extraInfo = std::move(delivery.extraInfo);
+  result.report = std::move(delivery.report);
+  result.elapsed = delivery.elapsed;
+  result.fromCache = result.status == HEADENDSELECTION_SUCCESS;
+  result.hadLogin = hadLogin;
+  const CCacheEntry entry = m_cache->lastEntry();
+  std::vector<CHeadendRTT> records;
+  if (exitStatusOf(result.status) == ExitSelected) {
+    static_cast<void>(entry.GetHeadendList(records));
+  }
+  if (result.fromCache) {
+    result.cacheAge = ageOf(entry);
+  }
+  result.results = collectResults(result.headends, m_candidates, m_recorder->tracks(), records,
+                                  result.fromCache);
+  tellRules(result);
+  return result;
+}
+
+/// The rules that the run went by, for those who ask why.
+void Selecting::tellRules(SelectionResult& result) const {
+  const Candidate* known = findCandidate(m_plan.last, m_candidates);
+  result.last = m_plan.last.empty() || known == nullptr ? m_plan.last : known->headend;
+  result.improvementPercent = m_settings.nImprovement;
+  result.cacheDays = m_settings.nClearCache;
+  std::string measure;
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  result.isResponseMeasured = preferences != nullptr &&
+                              preferences->getPreferenceValue(RoundTripTime, measure) == 0 &&
+                              measure == PreferenceBase::RoundTripResponse;
+}
+
+void Selecting::endRun() {
+  while (m_run != nullptr && !m_run->waitForEnd(LongestWait)) {
+  }
+  m_run.reset();
+}
+
+int Selecting::leave(int exitStatus) {
+  if (m_run != nullptr && !m_run->waitForEnd(LongestRunEnd)) {
+    // Threads that still wait for an answer must not see their process taken down around them. The
+    // cache's own ends by itself; on a slow disk it is given its time.
+    m_cache->waitForStores();
+    CAppLog::Flush();
+    _exit(exitStatus);
+  }
+  return exitStatus;
+}

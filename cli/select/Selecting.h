@@ -1,0 +1,82 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "cli/files/Candidates.h"
+#include "cli/select/Credentials.h"
+#include "cli/select/LiveTable.h"
+#include "cli/select/ProbeRecorder.h"
+#include "cli/select/ProxyLogin.h"
+#include "cli/select/SelectOptions.h"
+#include "cli/select/SelectionResult.h"
+#include "cli/select/SelectionRun.h"
+#include "vpn/Api/AHS/AHSSettings.h"
+#include "vpn/Api/ClientLibrary.h"
+
+class HeldCache;
+
+/// Says on standard error why a command cannot be carried out, after the mistakes in files that are
+/// the reason, and where its options are explained.
+/// @param command as a person calls it: "ahs select".
+/// @return ExitUsage.
+int complainOfUsage(const std::string& command, const std::string& error,
+                    const std::vector<std::string>& problems);
+
+/// One selection for a person: it reads the files of a plan, runs the selection, and runs it again
+/// after each login at a proxy that asks for one. What is wrong is told on standard error. The
+/// client library is up as long as the object lives, so there is one at a time; used by one thread.
+class Selecting {
+ public:
+  /// What a person sees on standard error while it measures.
+  enum class Progress { Shown, Hidden };
+
+  /// @param plan with the reason and the last headend; has to outlive the object.
+  /// @param command as a person calls it, for messages: "ahs select".
+  /// @param told mistakes in files that have been told before, and are not told again; grows by
+  ///        those that are told now. Null where there is no before.
+  Selecting(const SelectPlan& plan, std::string command, std::set<std::string>* told = nullptr);
+  /// Waits for the run's threads, which after a time limit still wait for answers.
+  ~Selecting();
+  Selecting(const Selecting&) = delete;
+  Selecting& operator=(const Selecting&) = delete;
+
+  /// Whether there are headends to select from; what is in the way has been told otherwise, and is
+  /// a matter of usage or configuration.
+  bool isReady() const { return m_isReady; }
+
+  /// Runs the selection. To be called once, when it is ready.
+  /// @param password that goes with the plan's user name at the proxy, if one was given.
+  /// @return the result; none if it could not be started, which has been told.
+  std::optional<SelectionResult> run(const std::optional<Secret>& password, Progress progress);
+
+  /// The headends that take part.
+  const std::vector<Candidate>& candidates() const { return m_candidates; }
+
+  /// To be called last in a process that ends now: does not wait for threads that wait for answers,
+  /// but ends the process under them.
+  /// @return `exitStatus`, when there are none.
+  int leave(int exitStatus);
+
+ private:
+  bool prepare(std::set<std::string>* told);
+  bool runOnce(unsigned int reason, ProxyLogin& login, Progress progress);
+  LiveState look(unsigned int reason) const;
+  SelectionResult resultOf(unsigned int reason, bool hadLogin) const;
+  void tellRules(SelectionResult& result) const;
+  void endRun();
+
+  const SelectPlan& m_plan;
+  const std::string m_command;
+  std::unique_ptr<CClientLibrary> m_library;
+  std::vector<Candidate> m_candidates;
+  HS_SETTINGS m_settings{};
+  std::unique_ptr<HeldCache> m_cache;
+  std::shared_ptr<ProbeRecorder> m_recorder;
+  std::unique_ptr<SelectionRun> m_run;  // null when none is under way
+  const bool m_isReady;
+};

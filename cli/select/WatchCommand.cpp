@@ -1,0 +1,307 @@
+// `ahs watch`: selects again and again, each time as a reconnection from the headend of the time
+// before, and tells when the choice is another one. Each selection brings up the client library
+// anew, so that it sees the profiles as they are, and measures, so that it sees the network as it
+// is.
+
+#include <time.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitStatus.h"
+#include "cli/Json.h"
+#include "cli/select/ChildProgram.h"
+#include "cli/select/HeadendProgram.h"
+#include "cli/select/NetworkChanges.h"
+#include "cli/select/Selecting.h"
+#include "cli/select/SelectionInputs.h"
+#include "cli/select/SelectionOutput.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr unsigned int IntervalSeconds = 300;
+constexpr unsigned int LongestIntervalSeconds = 86'400;
+// A network that gives no answer is asked again sooner.
+constexpr seconds FailureInterval{30};
+// How often a program under way is looked at.
+constexpr milliseconds LookInterval{200};
+// The reason code of a reconnection.
+constexpr const char* Reconnection = "reconnection";
+
+struct WatchOptions {
+  SelectOptions select;
+  unsigned int intervalSeconds = IntervalSeconds;
+  std::string program;
+};
+
+/// Why a selection is made.
+enum class Cause { Start, Interval, Network };
+
+struct CauseWords {
+  const char* word;  // for programs
+  const char* text;  // for people
+};
+
+CauseWords wordsOf(Cause cause) {
+  switch (cause) {
+    case Cause::Network:
+      return {"network", "the network has changed"};
+    case Cause::Interval:
+      return {"interval", "measured again"};
+    case Cause::Start:
+      break;
+  }
+  return {"start", "first choice"};
+}
+
+/// The present time, in the zone of the machine for people, else in UTC (ISO 8601).
+std::string presentTime(bool forPeople) {
+  const time_t now = time(nullptr);
+  tm parts{};
+  char text[64] = "";
+  if ((forPeople ? localtime_r(&now, &parts) : gmtime_r(&now, &parts)) != nullptr) {
+    strftime(text, sizeof text, forPeople ? "%Y-%m-%d %H:%M:%S" : "%Y-%m-%dT%H:%M:%SZ", &parts);
+  }
+  return text;
+}
+
+std::string inWords(const ChosenHeadend& chosen) {
+  const bool hasName = !chosen.name.empty() && chosen.name != chosen.headend;
+  return (hasName ? Console::visible(chosen.name) + " (" + chosen.headend + ")" : chosen.headend) +
+         (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "");
+}
+
+std::string lineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
+                   Cause cause) {
+  return presentTime(true) + "  " + inWords(chosen) + "; " +
+         (previous ? "before: " + inWords(*previous) + "; " : "") + wordsOf(cause).text + "\n";
+}
+
+std::string jsonLineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
+                       Cause cause) {
+  Json line = newJson();
+  line["time"] = presentTime(false);
+  line["headend"] = chosen.headend;
+  line["name"] = chosen.name;
+  line["metricMs"] = chosen.metricMs ? Json(*chosen.metricMs) : nullptr;
+  line["previousHeadend"] = previous ? Json(previous->headend) : nullptr;
+  line["cause"] = wordsOf(cause).word;
+  return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+/// Runs the person's command once for each choice, one at a time. While one runs the newest choice
+/// waits; older ones that waited are dropped, because they are no longer true.
+class Hook {
+ public:
+  explicit Hook(std::string program) : m_program(std::move(program)) {}
+
+  void announce(ChildProgram::Variables variables) {
+    if (!m_program.empty()) {
+      m_next = std::move(variables);
+      look();
+    }
+  }
+
+  /// Takes note of an end, and starts what waits. @return whether there is something to look at.
+  bool look() {
+    if (m_running != nullptr) {
+      const std::optional<int> status = m_running->waitForEnd(milliseconds(0));
+      if (!status) {
+        return true;
+      }
+      m_running.reset();
+      if (*status != 0) {
+        Console::complain("the command of --exec ended with status " + std::to_string(*status) +
+                          ".");
+      }
+    }
+    if (m_next) {
+      start(*std::exchange(m_next, std::nullopt));
+    }
+    return m_running != nullptr;
+  }
+
+ private:
+  void start(const ChildProgram::Variables& variables) {
+    const std::vector<std::string> command{"/bin/sh", "-c", m_program};
+    m_running = std::make_unique<ChildProgram>(command, variables);
+    if (!m_running->problem().empty()) {
+      Console::complain("the command of --exec cannot be run: " + m_running->problem() + ".");
+      m_running.reset();
+    }
+  }
+
+  const std::string m_program;
+  std::unique_ptr<ChildProgram> m_running;
+  std::optional<ChildProgram::Variables> m_next;
+};
+
+/// The watch: what is chosen now, and how it came about.
+class Watch {
+ public:
+  Watch(const WatchOptions& options, SelectPlan plan, std::optional<Secret> password)
+      : m_options(options),
+        m_plan(std::move(plan)),
+        m_password(std::move(password)),
+        m_hook(options.program) {}
+
+  /// Goes on until nothing can be selected, or told any more. @return the exit status.
+  int run() {
+    if (!m_network.problem().empty()) {
+      Console::complain("warning: changes of the network cannot be heard of (" +
+                        m_network.problem() + "); the interval alone says when to select again.");
+    }
+    for (Cause cause = Cause::Start;; cause = wait()) {
+      m_network.remember();
+      const std::optional<int> end = selectOnce(cause);
+      if (end) {
+        return *end;
+      }
+    }
+  }
+
+ private:
+  /// @return the exit status, if this is the end.
+  std::optional<int> selectOnce(Cause cause) {
+    Selecting selecting(m_plan, "ahs watch", &m_told);
+    if (!selecting.isReady()) {
+      m_hasFailed = true;
+      return cause == Cause::Start ? std::optional<int>(ExitUsage) : std::nullopt;
+    }
+    const std::optional<SelectionResult> result =
+        selecting.run(m_password, Selecting::Progress::Hidden);
+    if (!result) {
+      return ExitNotMeasured;
+    }
+    const int status = exitStatusOf(result->status);
+    if (status == ExitProxyAsks) {
+      Console::complain(adviceFor(*result, m_plan.profilePlaces));
+      return status;
+    }
+    noteFailure(*result, status != ExitSelected);
+    if (result->headends.empty()) {
+      return std::nullopt;
+    }
+    return take(chosenHeadend(result->headends.front(), *result, selecting.candidates()), cause);
+  }
+
+  void noteFailure(const SelectionResult& result, bool hasFailed) {
+    if (hasFailed && !m_hasFailed) {
+      Console::complain(statusInWords(result) + " It is tried again every " +
+                        std::to_string(interval(true).count()) +
+                        " s, and when the network changes.");
+    } else if (!hasFailed && m_hasFailed) {
+      Console::complain("headends can be measured again.");
+      m_told.clear();
+    }
+    m_hasFailed = hasFailed;
+  }
+
+  std::optional<int> take(ChosenHeadend chosen, Cause cause) {
+    const bool isNew = !m_chosen || m_chosen->headend != chosen.headend;
+    std::optional<int> end;
+    if (isNew) {
+      const int status =
+          Console::writeResult(m_options.select.json ? jsonLineOf(chosen, m_chosen, cause)
+                                                     : lineOf(chosen, m_chosen, cause),
+                               ExitSelected);
+      end = status == ExitSelected ? std::nullopt : std::optional(status);
+      ChildProgram::Variables variables = variablesOf(chosen);
+      variables.emplace_back("AHS_PREVIOUS_HEADEND", m_chosen ? m_chosen->headend : "");
+      variables.emplace_back("AHS_CAUSE", wordsOf(cause).word);
+      m_hook.announce(std::move(variables));
+    }
+    m_plan.last = chosen.name;
+    m_plan.reason = *parseReason(Reconnection);
+    m_chosen = std::move(chosen);
+    return end;
+  }
+
+  seconds interval(bool hasFailed) const {
+    const seconds given(m_options.intervalSeconds);
+    return hasFailed ? std::min(given, FailureInterval) : given;
+  }
+
+  Cause wait() {
+    const auto end = steady_clock::now() + interval(m_hasFailed);
+    while (true) {
+      const auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now());
+      if (left.count() <= 0) {
+        return Cause::Interval;
+      }
+      const milliseconds longest = m_hook.look() ? std::min(left, LookInterval) : left;
+      if (m_network.wait(longest) == NetworkChanges::Heard::Change) {
+        return Cause::Network;
+      }
+    }
+  }
+
+  const WatchOptions& m_options;
+  SelectPlan m_plan;
+  const std::optional<Secret> m_password;
+  NetworkChanges m_network;
+  Hook m_hook;
+  std::optional<ChosenHeadend> m_chosen;
+  std::set<std::string> m_told;
+  bool m_hasFailed = false;
+};
+
+int runWatch(WatchOptions options) {
+  // What a selection of before has measured is no news.
+  options.select.noCache = true;
+  const std::string command = "ahs watch";
+  SelectPlan plan;
+  std::optional<Secret> password;
+  if (options.select.last) {
+    options.select.reason = Reconnection;
+  }
+  if (!takePlan(options.select, command, plan, password)) {
+    return ExitUsage;
+  }
+  return Watch(options, std::move(plan), std::move(password)).run();
+}
+
+}  // namespace
+
+void addWatchCommand(CLI::App& tool, ChosenCommand& chosen) {
+  CLI::App* command = tool.add_subcommand(
+      "watch",
+      "Select again at an interval and when the network changes; tell when the choice does");
+  const auto options = std::make_shared<WatchOptions>();
+  addHostOptions(*command, options->select);
+  command
+      ->add_option("--interval", options->intervalSeconds,
+                   "Time from one selection to the next, in seconds: 300 unless given")
+      ->option_text("S")
+      ->check(CLI::Range(1U, LongestIntervalSeconds));
+  command
+      ->add_option("--exec", options->program,
+                   "Run this by /bin/sh for each choice; the headend is in $AHS_HEADEND")
+      ->option_text("COMMAND");
+  command->add_flag("--json", options->select.json, "Print one JSON object a line");
+  addProxyOptions(*command, options->select.proxy);
+  addLogOptions(*command, options->select);
+  command->footer(
+      "The command of --exec finds AHS_HEADEND, AHS_HOST, AHS_PORT, AHS_NAME, AHS_METRIC_MS,\n"
+      "AHS_PREVIOUS_HEADEND and AHS_CAUSE (start, interval, network) in its environment.\n"
+      "Examples:\n"
+      "  ahs watch --interval 60\n"
+      "  ahs watch --exec 'logger \"nearest gateway: $AHS_HEADEND\"'\n"
+      "Exit status: 2 usage or configuration, or the output could not be written,\n"
+      "3 a proxy asks for a login and was given none or a wrong one,\n"
+      "128 + number of the signal that ended it.");
+  command->callback([&chosen, options] { chosen = [options] { return runWatch(*options); }; });
+}

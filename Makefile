@@ -75,7 +75,7 @@ reference: deps-test ## Make the reference of the library's headers: build/refer
 	cd build/reference && doxygen ../release/packaging/Doxyfile
 
 .PHONY: release
-release: ## Build, optimised, into build/release
+release: deps-build ## Build, optimised, into build/release
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 

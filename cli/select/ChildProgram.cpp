@@ -58,6 +58,9 @@ std::vector<std::string> environmentWith(const ChildProgram::Variables& variable
 
 ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variables& variables)
     : m_problemStatus(0), m_pid(-1), m_isOurs(false) {
+  // Whoever starts the command may ignore its children's ends; then there would be none to wait
+  // for.
+  ::signal(SIGCHLD, SIG_DFL);
   std::vector<std::string> arguments = command;
   std::vector<std::string> environment = environmentWith(variables);
   posix_spawnattr_t attributes;

@@ -61,11 +61,13 @@ std::vector<const CLI::App*> chosenCommands(const CLI::App& tool) {
   return chosen;
 }
 
-/// The command of which an option of that name is, for one that stands behind another command.
+/// The command of which an option of that name is, for one that stands behind another command. The
+/// tool's own --json is for its --version alone, and meant by nobody who names a command.
 const CLI::App* findOwner(const std::vector<const CLI::App*>& chosen, const std::string& name) {
   for (const CLI::App* const command : chosen) {
     const std::vector<std::string> names = namesOfOptions(*command);
-    if (std::find(names.begin(), names.end(), name) != names.end()) {
+    const bool isForVersion = command->get_parent() == nullptr && name == "--json";
+    if (!isForVersion && std::find(names.begin(), names.end(), name) != names.end()) {
       return command;
     }
   }
@@ -177,7 +179,10 @@ std::string explainOtherwise(const CLI::App& command, const CLI::ParseError& err
 
 std::string explainUnknownCommand(const CLI::App& above, const std::string& name) {
   const std::vector<std::string> names = namesOfCommands(above);
-  const std::string* const meant = nearestName(name, names);
+  const std::vector<std::string> options = namesOfOptions(above);
+  const std::string asOption = "--" + name;
+  const bool isOptionsName = std::find(options.begin(), options.end(), asOption) != options.end();
+  const std::string* const meant = isOptionsName ? &asOption : nearestName(name, names);
   const std::string of =
       above.get_parent() == nullptr ? "" : " of '" + CommandTree::fullName(above) + "'";
   return "there is no command " + inQuotes(name) + of +

@@ -112,6 +112,13 @@ std::vector<HostEntry> findHostEntries() {
   return entries;
 }
 
+std::size_t countTakingPart(const ProfileMgr& profiles) {
+  const auto& hosts = profiles.getHostProfileMap();
+  return static_cast<std::size_t>(std::ranges::count_if(hosts, [&profiles](const auto& entry) {
+    return entry.second != nullptr && entryOf(profiles, *entry.second).takesPart;
+  }));
+}
+
 std::vector<Candidate> findCandidates() {
   std::vector<Candidate> candidates;
   for (const HostEntry& entry : findHostEntries()) {

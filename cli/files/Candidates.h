@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+class ProfileMgr;
+
 /// A host and the port that is probed there: what tells a probe's headend. An IPv6 address stands
 /// without brackets.
 using Place = std::pair<std::string, unsigned short>;
@@ -41,6 +43,9 @@ std::string nameBeside(const std::string& headend, const std::string& name);
 /// another entry's name, comes after that one. Reads the process's preference manager; empty when
 /// there is none.
 std::vector<HostEntry> findHostEntries();
+
+/// How many host entries of some profiles take part in automatic selection.
+std::size_t countTakingPart(const ProfileMgr& profiles);
 
 /// The headends that take part in automatic selection, in the order in which a run takes them.
 std::vector<Candidate> findCandidates();

@@ -9,6 +9,7 @@
 
 #include "cli/Console.h"
 #include "cli/Json.h"
+#include "cli/files/Candidates.h"
 #include "vpn/Api/ProfileMgr.h"
 
 namespace {
@@ -22,6 +23,7 @@ bool isDirectory(const std::string& path) {
 
 void add(const ProfileMgr& profiles, CheckResult& result) {
   result.hostEntries += profiles.getHostProfileMap().size();
+  result.takingPart += countTakingPart(profiles);
   const std::vector<FileProblem>& problems = profiles.getProblems();
   result.problems.insert(result.problems.end(), problems.begin(), problems.end());
 }
@@ -106,6 +108,7 @@ std::optional<CheckResult> checkSources(const PreferenceMgr::Sources& sources) {
     result.files = profiles->getFileCount() + (isThere(sources.userPreferencesFile) ? 1 : 0) +
                    (isThere(sources.globalPreferencesFile) ? 1 : 0);
     result.hostEntries = profiles->getHostProfileMap().size();
+    result.takingPart = countTakingPart(*profiles);
   }
   result.problems = preferences->getProblems();
   // One acquisition is the creation's, the other this look-up's own.

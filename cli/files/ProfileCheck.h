@@ -11,6 +11,7 @@
 struct CheckResult {
   std::size_t files = 0;        ///< that were read
   std::size_t hostEntries = 0;  ///< without a mistake
+  std::size_t takingPart = 0;   ///< of these, in automatic selection
   std::vector<FileProblem> problems;
   std::vector<std::string> missing;  ///< places that were looked at and are not there
   std::vector<std::string> places;   ///< places that were looked at and are there

@@ -30,6 +30,11 @@ int complainOfPlace(const std::string& text) {
 }
 
 int showCheck(const CheckOptions& options, const CheckResult& result) {
+  if (result.hostEntries > 0 && result.takingPart == 0) {
+    Console::complain(
+        "no host entry takes part in automatic selection: set EnableAutomaticServerSelection to "
+        "true in its profile. 'ahs profile list' shows it of every entry.");
+  }
   return Console::writeResult(options.json ? checkJson(result) : checkText(result),
                               result.problems.empty() ? ExitNoMistakes : ExitMistakes);
 }
@@ -100,7 +105,9 @@ int runList(const SelectOptions& options) {
   }
   const std::vector<HostEntry> entries = findHostEntries();
   if (entries.empty()) {
-    Console::complain("there is no host entry in the profiles in " + files.profilePlaces() + ".");
+    Console::complain("there is no host entry in the profiles in " + files.profilePlaces() +
+                      ". 'ahs profile check' looks for mistakes; the manual page "
+                      "ahs-profile(5) and docs/profiles.md begin with an example.");
   }
   return Console::writeResult(options.json ? listJson(entries) : listText(entries), ExitNoMistakes);
 }

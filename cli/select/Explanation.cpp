@@ -182,7 +182,9 @@ std::string earlyLines(const SelectionResult& result, const Decision& decision) 
                            : ""));
   text += line("", "either it is slow, or something on the way takes connections on its behalf");
   if (!result.isResponseMeasured) {
-    text += line("", "set the preference RoundTripTime to 'response' to rank by answers instead");
+    text += line("",
+                 "set the preference RoundTripTime to 'response' to rank by answers instead, and "
+                 "run 'ahs cache clear': what is remembered was measured the other way");
   }
   return text;
 }

@@ -153,6 +153,16 @@ std::string adviceForLogin(const SelectionResult& result) {
          "HOST:PORT, or none with --no-proxy.";
 }
 
+/// Of a run that measured nothing, the status has been told already; of any other it says why.
+std::string adviceForFailure(const SelectionResult& result) {
+  const bool wasMeasuring = result.status == HEADENDSELECTION_ERROR_SELECTION_FAILURE;
+  const std::string headend = result.results.empty() ? "HOST" : result.results.front().headend;
+  return "no headend was selected by measurement." +
+         (wasMeasuring ? "" : " " + statusInWords(result)) +
+         " Check the network and the addresses; 'ahs probe " + headend +
+         "' tells what is in the way there, and 'ahs select --log-level info' each step.";
+}
+
 }  // namespace
 
 std::string statusAsHex(STATUSCODE status) {
@@ -236,7 +246,6 @@ std::string adviceFor(const SelectionResult& result, const std::string& profileP
              ", set EnableAutomaticServerSelection to true in one that has host entries, or name "
              "hosts on the command line.";
     default:
-      return "no headend was selected by measurement. " + statusInWords(result) +
-             " Check the network and the addresses; 'ahs select --log-level info' tells each step.";
+      return adviceForFailure(result);
   }
 }

@@ -36,6 +36,8 @@ constexpr unsigned int IntervalSeconds = 300;
 constexpr unsigned int LongestIntervalSeconds = 86'400;
 // A network that gives no answer is asked again sooner.
 constexpr seconds FailureInterval{30};
+// Metrics are whole milliseconds: up to this one, none is clearly better than another.
+constexpr unsigned int NextDoorMs = 1;
 // How often a program under way is looked at.
 constexpr milliseconds LookInterval{200};
 // The reason code of a reconnection.
@@ -81,7 +83,7 @@ std::string presentTime(bool forPeople) {
 std::string inWords(const ChosenHeadend& chosen) {
   const bool hasName = !chosen.name.empty() && chosen.name != chosen.headend;
   return (hasName ? Console::visible(chosen.name) + " (" + chosen.headend + ")" : chosen.headend) +
-         (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "");
+         (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : ", not measured");
 }
 
 std::string lineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
@@ -195,7 +197,19 @@ class Watch {
     if (result->headends.empty()) {
       return std::nullopt;
     }
-    return take(chosenHeadend(result->headends.front(), *result, selecting.candidates()), cause);
+    return take(choiceOf(*result, selecting.candidates()), cause);
+  }
+
+  /// What the selection chose, or the choice before where both are next door: a metric of 0 has no
+  /// ratio that could hold the last headend, and the choice would go to and fro.
+  ChosenHeadend choiceOf(const SelectionResult& result,
+                         const std::vector<Candidate>& candidates) const {
+    ChosenHeadend best = chosenHeadend(result.headends.front(), result, candidates);
+    if (!m_chosen || best.metricMs != 0U) {
+      return best;
+    }
+    ChosenHeadend before = chosenHeadend(m_chosen->headend, result, candidates);
+    return before.metricMs && *before.metricMs <= NextDoorMs ? before : best;
   }
 
   void noteFailure(const SelectionResult& result, bool hasFailed) {

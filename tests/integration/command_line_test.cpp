@@ -88,6 +88,7 @@ TEST_F(CommandLineTest, AMisspeltCommandIsAnsweredWithTheOneThatWasMeant) {
   EXPECT_EQ(refusalOf({"cache", "shw"}),
             "ahs: there is no command 'shw' of 'ahs cache'; did you mean 'show'? 'ahs cache "
             "--help' shows all commands.\n");
+  EXPECT_THAT(refusalOf({"version"}), HasSubstr("did you mean '--version'?"));
   EXPECT_THAT(refusalOf({"help", "profle"}), HasSubstr("did you mean 'profile'?"));
   EXPECT_THAT(refusalOf({"help", "profile", "chck"}), HasSubstr("did you mean 'check'?"));
 }
@@ -102,6 +103,7 @@ TEST_F(CommandLineTest, AMisspeltOptionIsAnsweredWithTheOneThatWasMeant) {
             "ahs: there is no option '--profile' of 'ahs select'; did you mean '--profiles'? 'ahs "
             "select --help' shows all options.\n");
   EXPECT_THAT(refusalOf({"cache", "show", "--jsno"}), HasSubstr("did you mean '--json'?"));
+  EXPECT_THAT(refusalOf({"exec", "--json", "--", "true"}), Not(HasSubstr("ahs --json")));
   EXPECT_THAT(refusalOf({"profile", "list", "-q"}), Not(HasSubstr("did you mean")));
 }
 

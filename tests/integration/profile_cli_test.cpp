@@ -138,6 +138,17 @@ TEST_F(ProfileCommandTest, CheckSaysWhichPlacesAreNotThere) {
               HasSubstr("not there: " + m_home.File(".config/ahs/preferences.xml")));
 }
 
+TEST_F(ProfileCommandTest, CheckSaysThatNoHostEntryTakesPart) {
+  m_home.Write(".config/ahs/profiles/a.xml",
+               "<profile version=\"1\"><hosts><host name=\"x\"/></hosts></profile>");
+  const Outcome whole = run({"profile", "check"});
+  EXPECT_EQ(whole.exitStatus, 0);
+  EXPECT_THAT(whole.err, HasSubstr("no host entry takes part in automatic selection"));
+  EXPECT_THAT(run({"profile", "check", m_profiles}).err, HasSubstr("'ahs profile list' shows"));
+  EXPECT_THAT(run({"profile", "check", m_profiles + "/a.xml"}).err,
+              HasSubstr("set EnableAutomaticServerSelection to true"));
+}
+
 TEST_F(ProfileCommandTest, CheckOfPreferencesAloneNeedsNoProfileDirectory) {
   std::filesystem::remove(m_profiles);
   m_home.Write(".config/ahs/preferences.xml", "<preferences version=\"1\"/>");

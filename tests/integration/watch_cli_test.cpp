@@ -114,6 +114,19 @@ TEST_F(WatchCommandTest, AHeadendThatIsALittleBetterDoesNotChangeTheChoice) {
   EXPECT_THAT(end(program).out, Not(HasSubstr(other.address())));
 }
 
+TEST_F(WatchCommandTest, BetweenGatewaysNextDoorTheChoiceStays) {
+  writeFile("network.xml", "<preferences version=\"1\"/>\n");
+  const Gateway one(Near);
+  const Gateway another(Near);
+  const Gateway third(Near);
+  Program program({"watch", one.address(), another.address(), third.address(), "--interval", "1",
+                   "--preferences", home + "/network.xml"},
+                  environment);
+  ASSERT_TRUE(tests::eventually([&] { return third.requests() >= 18; }));
+  const Outcome outcome = end(program);
+  EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 1) << outcome.out;
+}
+
 TEST_F(WatchCommandTest, ANamedLastHeadendStaysFromTheFirstSelectionOn) {
   const Gateway last(Far);
   const Gateway better(Far - Near - Near);

@@ -176,6 +176,14 @@ TEST(StatusAsHex, IsAlwaysEightDigits) {
   EXPECT_EQ(statusAsHex(HEADENDSELECTION_ERROR_ADDED_TO_CACHE), "0xFE530010");
 }
 
+TEST(Advice, AfterAFailureNamesAHeadendToProbe) {
+  SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {});
+  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe HOST' tells what is in the way"));
+  result.results.resize(1);
+  result.results.front().headend = "gw:8443";
+  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe gw:8443' tells"));
+}
+
 TEST(Advice, IsNotGivenAfterASuccess) { EXPECT_EQ(adviceFor(measured(), "'/p'"), ""); }
 
 TEST(Advice, NamesTheRealmWithItsControlCharactersShown) {

@@ -15,11 +15,12 @@ struct Meaning {
 
 constexpr std::array Meanings = {
     Meaning{"0", "select", "a headend was selected, measured now or from the cache"},
-    Meaning{"0", "probe", "a selection would have a result for the headend"},
+    Meaning{"0", "probe", "the headend has a metric for a selection"},
     Meaning{"0", "profile check", "there are no mistakes"},
     Meaning{"0", "all others", "done"},
-    Meaning{"1", "select, watch, exec", "nothing could be measured"},
-    Meaning{"1", "probe", "a selection would have no result for the headend"},
+    Meaning{"1", "select, exec", "nothing could be measured"},
+    Meaning{"1", "watch", "the first selection could not be started"},
+    Meaning{"1", "probe", "the headend has no metric for a selection"},
     Meaning{"1", "profile check", "there are mistakes"},
     Meaning{"1", "cache show, cache clear", "the cache cannot be used, or not be removed"},
     Meaning{"2", "all", "usage, configuration, or the output could not be written"},

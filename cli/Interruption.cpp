@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "cli/ExitStatus.h"
+#include "cli/Surroundings.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -47,9 +48,8 @@ sigset_t signalsOfInterest() {
   sigaddset(&signals, SIGQUIT);
   sigaddset(&signals, SIGCONT);
   // nohup(1) starts a program with SIGHUP ignored and means it, and a shell without job control
-  // does the same with SIGTSTP. SIGINT is taken even so: a shell script's background job starts
-  // with it ignored, and kill -INT is then still a clear request.
-  for (const int signal : {SIGHUP, SIGTSTP}) {
+  // does the same with SIGTSTP. SIGINT and SIGQUIT are taken even so: see `isMeantForOthers`.
+  for (const int signal : {SIGHUP, SIGTSTP, SIGUSR1, SIGUSR2}) {
     if (!isIgnored(signal)) {
       sigaddset(&signals, signal);
     }
@@ -83,10 +83,10 @@ void perform(std::function<void()> Interruption::Duties::*duty) {
   }
 }
 
-bool isTakenOver(const siginfo_t& signal) {
+bool isTakenOver(int signal, bool fromTerminal) {
   State& all = state();
   const CAutoLockT<CManualLock> guard(all.lock);
-  return all.duties.takeOver && all.duties.takeOver(signal.si_signo, signal.si_code == SI_KERNEL);
+  return all.duties.takeOver && all.duties.takeOver(signal, fromTerminal);
 }
 
 [[noreturn]] void end(int signal) {
@@ -111,19 +111,36 @@ void stop() {
   perform(&Interruption::Duties::afterStop);
 }
 
+/// The kernel sends in the name of the terminal; but a hang-up goes to the session's leader alone.
+bool isFromTerminal(const siginfo_t& told) {
+  return told.si_code == SI_KERNEL && told.si_signo != SIGHUP;
+}
+
+/// A shell without job control lets its background jobs ignore what the terminal sends to the job
+/// in front; kill -INT means the process itself and is a clear request.
+bool isMeantForOthers(const siginfo_t& told) {
+  return isFromTerminal(told) && Surroundings::wasIgnored(told.si_signo);
+}
+
+void answer(const siginfo_t& told) {
+  const int signal = told.si_signo;
+  if (signal == SIGTSTP) {
+    static_cast<void>(isTakenOver(SIGTSTP, isFromTerminal(told)));
+    stop();
+    static_cast<void>(isTakenOver(SIGCONT, false));
+  } else if (signal == SIGCONT) {
+    perform(&Interruption::Duties::afterStop);
+    static_cast<void>(isTakenOver(SIGCONT, false));
+  } else if (!isMeantForOthers(told) && !isTakenOver(signal, isFromTerminal(told))) {
+    end(signal);
+  }
+}
+
 [[noreturn]] void waitForSignals(const sigset_t& signals) {
   while (true) {
     siginfo_t told{};
-    const int signal = sigwaitinfo(&signals, &told);
-    if (signal < 0) {
-      continue;
-    }
-    if (signal == SIGTSTP) {
-      stop();
-    } else if (signal == SIGCONT) {
-      perform(&Interruption::Duties::afterStop);
-    } else if (!isTakenOver(told)) {
-      end(signal);
+    if (sigwaitinfo(&signals, &told) > 0) {
+      answer(told);
     }
   }
 }

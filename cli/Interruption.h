@@ -17,9 +17,11 @@ class Interruption {
     /// When the process has been continued.
     std::function<void()> afterStop;
     /// Before `beforeEnd`: whether somebody else answers the signal, so that the process goes on.
+    /// Also told of SIGTSTP, before the process stops, and of SIGCONT, when it goes on, whatever it
+    /// returns.
     /// @param signal its number.
-    /// @param toAll it comes from the terminal, which has sent it to the process's children too.
-    std::function<bool(int signal, bool toAll)> takeOver{};
+    /// @param fromTerminal the terminal has sent it to the whole process group.
+    std::function<bool(int signal, bool fromTerminal)> takeOver{};
   };
 
   Interruption() = delete;

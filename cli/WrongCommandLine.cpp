@@ -159,6 +159,11 @@ std::string explainValue(const CLI::Option& option, const CLI::ParseError& error
     return name + " needs a value: " + usage + ".";
   }
   const std::string text = error.what();
+  constexpr std::string_view NotInRange = " not in range ";
+  if (const std::size_t at = text.find(NotInRange); at != std::string::npos) {
+    return name + " takes a whole number from " + text.substr(at + NotInRange.size()) + ": " +
+           usage + ".";
+  }
   if (text.starts_with(NotConverted)) {
     return name + " takes a number: " + usage + ".";
   }

@@ -8,6 +8,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
+#include "cli/Surroundings.h"
 
 namespace {
 
@@ -24,6 +25,7 @@ int runGuarded(int argumentCount, char** arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  Surroundings::note();
   // Everything is written and closed by now, but threads whose work is done may still be leaving.
   // What libraries free in their exit handlers is what these threads use, so no handler is run.
   _exit(runGuarded(argc, argv));

@@ -1,32 +1,36 @@
-// Running another program. The command blocks signals for a thread that waits for them and ignores
-// SIGPIPE; the program gets neither.
+// Running another program. It gets the descriptors and signals that the command was started with
+// and none of the command's own: libraries open descriptors that are not closed by an exec.
 
 #include "cli/select/ChildProgram.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <string.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 
 #include "cli/ExitStatus.h"
+#include "cli/Surroundings.h"
 
 namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 // As shells have it (POSIX, 2.8.2 "Exit Status for Commands").
 constexpr int NotFound = 127;
 constexpr int NotExecutable = 126;
 
-// How often a wait with a limit looks: fast enough for a person, slow enough to cost nothing.
-constexpr std::chrono::milliseconds LookInterval{20};
-
-int statusOf(int wait) {
-  return WIFSIGNALED(wait) ? ExitSignalBase + WTERMSIG(wait) : WEXITSTATUS(wait);
-}
+// How often a wait looks where the kernel does not tell of a process's end.
+constexpr milliseconds LookInterval{20};
+// The longest wait in one piece.
+constexpr milliseconds LongestWait{std::chrono::hours(24)};
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
@@ -54,71 +58,134 @@ std::vector<std::string> environmentWith(const ChildProgram::Variables& variable
   return environment;
 }
 
+/// What is done with the descriptors between fork and exec.
+class Descriptors {
+ public:
+  explicit Descriptors(ChildProgram::Output output) {
+    posix_spawn_file_actions_init(&m_actions);
+    if (output == ChildProgram::Output::Errors) {
+      posix_spawn_file_actions_adddup2(&m_actions, STDERR_FILENO, STDOUT_FILENO);
+    }
+    int next = STDERR_FILENO + 1;
+    for (const int inherited : Surroundings::descriptors()) {
+      for (; next < inherited; ++next) {
+        posix_spawn_file_actions_addclose(&m_actions, next);
+      }
+      ++next;
+    }
+    posix_spawn_file_actions_addclosefrom_np(&m_actions, next);
+  }
+  ~Descriptors() { posix_spawn_file_actions_destroy(&m_actions); }
+  Descriptors(const Descriptors&) = delete;
+  Descriptors& operator=(const Descriptors&) = delete;
+
+  const posix_spawn_file_actions_t* get() const { return &m_actions; }
+
+ private:
+  posix_spawn_file_actions_t m_actions{};
+};
+
+/// The signals as the command found them.
+class Signals {
+ public:
+  Signals() {
+    posix_spawnattr_init(&m_attributes);
+    sigset_t changed;
+    sigemptyset(&changed);
+    if (!Surroundings::wasIgnored(SIGPIPE)) {
+      sigaddset(&changed, SIGPIPE);
+    }
+    posix_spawnattr_setsigmask(&m_attributes, &Surroundings::blockedSignals());
+    posix_spawnattr_setsigdefault(&m_attributes, &changed);
+    posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  }
+  ~Signals() { posix_spawnattr_destroy(&m_attributes); }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+
+  const posix_spawnattr_t* get() const { return &m_attributes; }
+
+ private:
+  posix_spawnattr_t m_attributes{};
+};
+
 }  // namespace
 
-ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variables& variables)
-    : m_problemStatus(0), m_pid(-1), m_isOurs(false) {
-  // Whoever starts the command may ignore its children's ends; then there would be none to wait
-  // for.
+ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variables& variables,
+                           Output output)
+    : m_problemStatus(0), m_pid(-1), m_pidDescriptor(-1), m_isOurs(false) {
+  // Whoever starts the command may ignore its children's ends; there would be none to wait for.
   ::signal(SIGCHLD, SIG_DFL);
   std::vector<std::string> arguments = command;
   std::vector<std::string> environment = environmentWith(variables);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t none;
-  sigset_t changed;
-  sigemptyset(&none);
-  sigemptyset(&changed);
-  sigaddset(&changed, SIGPIPE);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &changed);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  const int error = posix_spawnp(&m_pid, arguments.front().c_str(), nullptr, &attributes,
-                                 pointersTo(arguments).data(), pointersTo(environment).data());
-  posix_spawnattr_destroy(&attributes);
+  const int error =
+      posix_spawnp(&m_pid, arguments.front().c_str(), Descriptors(output).get(), Signals().get(),
+                   pointersTo(arguments).data(), pointersTo(environment).data());
   if (error != 0) {
-    m_problem = strerrordesc_np(error);
+    m_problem = std::system_category().message(error);
     m_problemStatus = error == ENOENT ? NotFound : NotExecutable;
+    return;
   }
+  // The C library's header declares it for C alone.
+  m_pidDescriptor = static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0));
   const CAutoLockT<CManualLock> guard(m_lock);
-  m_isOurs = error == 0;
+  m_isOurs = true;
 }
 
-std::optional<int> ChildProgram::waitForEnd(std::chrono::milliseconds longest) {
-  const auto end = std::chrono::steady_clock::now() + longest;
+ChildProgram::~ChildProgram() {
+  if (m_pidDescriptor >= 0) {
+    close(m_pidDescriptor);
+  }
+}
+
+std::optional<ChildProgram::End> ChildProgram::waitForEnd(milliseconds longest) {
+  return waitForExit(longest) ? std::optional(takeEnd()) : std::nullopt;
+}
+
+ChildProgram::End ChildProgram::waitForEnd() {
+  while (!waitForExit(LongestWait)) {
+  }
+  return takeEnd();
+}
+
+/// Waits until it has ended, and leaves it to be taken. @return whether it has.
+bool ChildProgram::waitForExit(milliseconds longest) const {
+  const auto end = steady_clock::now() + longest;
   while (true) {
     siginfo_t ended{};
     if (waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOWAIT | WNOHANG) == 0 &&
         ended.si_pid == m_pid) {
-      return takeStatus();
+      return true;
     }
-    if (std::chrono::steady_clock::now() >= end) {
-      return std::nullopt;
+    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
+    if (left.count() <= 0) {
+      return false;
     }
-    std::this_thread::sleep_for(LookInterval);
+    pollfd program{m_pidDescriptor, POLLIN, 0};
+    if (m_pidDescriptor < 0) {
+      std::this_thread::sleep_for(std::min(left, LookInterval));
+    } else {
+      poll(&program, 1, static_cast<int>(std::min(left, LongestWait).count()));
+    }
   }
-}
-
-int ChildProgram::waitForEnd() {
-  siginfo_t ended{};
-  while (waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOWAIT) != 0 &&
-         errno == EINTR) {
-  }
-  return takeStatus();
 }
 
 /// Takes the status of a program that has ended, which gives its number back.
-int ChildProgram::takeStatus() {
+ChildProgram::End ChildProgram::takeEnd() {
   const CAutoLockT<CManualLock> guard(m_lock);
   int status = 0;
   waitpid(m_pid, &status, 0);
   m_isOurs = false;
-  return statusOf(status);
+  if (WIFSIGNALED(status)) {
+    return {ExitSignalBase + WTERMSIG(status), true};
+  }
+  return {WEXITSTATUS(status), false};
 }
 
-void ChildProgram::signal(int number) {
+bool ChildProgram::signal(int number, bool fromTerminal) {
   const CAutoLockT<CManualLock> guard(m_lock);
-  if (m_isOurs) {
+  if (m_isOurs && !(fromTerminal && getpgid(m_pid) == getpgrp())) {
     static_cast<void>(kill(m_pid, number));
   }
+  return m_isOurs;
 }

@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "cli/Console.h"
+#include "cli/Surroundings.h"
 
 namespace {
 
@@ -182,12 +183,16 @@ std::string readPasswordDescriptor(int descriptor, Secret& password) {
   if (fcntl(descriptor, F_GETFD) < 0) {
     return name + "it is not open. Open it for the command, as in '--proxy-password-fd 3 3<FILE'.";
   }
-  const Descriptor source(descriptor);
   if (isatty(descriptor) == 1) {
     return name +
            "it is a terminal. Leave --proxy-password-fd out to be asked without the password being "
            "shown.";
   }
-  const std::string fault = take(descriptor, password);
+  std::string fault;
+  {
+    const Descriptor source(descriptor);
+    fault = take(descriptor, password);
+  }
+  Surroundings::forget(descriptor);
   return fault.empty() ? "" : name + fault;
 }

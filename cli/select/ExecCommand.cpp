@@ -2,10 +2,13 @@
 // badly at once gets the next headend; whatever else it does is its own affair, and its exit status
 // is the command's.
 
+#include <signal.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,24 +35,35 @@ using std::chrono::steady_clock;
 // Longer than most programs try to reach a gateway that does not answer.
 constexpr unsigned int StartSeconds = 30;
 constexpr unsigned int MostStartSeconds = 86'400;
+constexpr unsigned int MostTries = 100'000;
+// The status of a program that does not exist, as shells have it.
+constexpr int NoSuchProgram = 127;
 
 struct ExecOptions {
   SelectOptions select;
   unsigned int startSeconds = StartSeconds;
-  unsigned int tries = std::numeric_limits<unsigned int>::max();
+  unsigned int tries = MostTries;
   std::vector<std::string> program;
 };
 
 /// Hands signals to the program under way, and remembers that there was one: after it, no other
-/// program is started.
+/// program is started. Where no program is there to be handed a signal, it is the command's.
 class Foreground {
  public:
-  void enter(std::shared_ptr<ChildProgram> program) {
+  /// Signals from now on are for the program that is being started.
+  void beginStart() {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    m_program.reset();
+    m_isStarting = true;
+  }
+
+  /// The program is there; null if it could not be started.
+  void endStart(std::shared_ptr<ChildProgram> program) {
     const CAutoLockT<CManualLock> guard(m_lock);
     m_program = std::move(program);
-    // One that came while the program was being started.
-    if (m_signal) {
-      m_program->signal(*m_signal);
+    m_isStarting = false;
+    if (m_signal && m_program != nullptr) {
+      m_program->signal(*m_signal, false);
     }
   }
 
@@ -58,22 +72,39 @@ class Foreground {
     return m_signal;
   }
 
-  bool takeOver(int signal, bool toAll) {
+  bool takeOver(int signal, bool fromTerminal) {
     const CAutoLockT<CManualLock> guard(m_lock);
-    if (m_program == nullptr) {
-      return false;
+    const bool isTaken =
+        m_isStarting || (m_program != nullptr && m_program->signal(signal, fromTerminal));
+    if (isTaken && signal != SIGTSTP && signal != SIGCONT) {
+      m_signal = signal;
     }
-    m_signal = signal;
-    if (!toAll) {
-      m_program->signal(signal);
-    }
-    return true;
+    return isTaken;
   }
 
  private:
   mutable CManualLock m_lock;
   std::shared_ptr<ChildProgram> m_program AHS_GUARDED_BY(m_lock);
+  bool m_isStarting AHS_GUARDED_BY(m_lock) = false;
   std::optional<int> m_signal AHS_GUARDED_BY(m_lock);
+};
+
+/// The terminal's settings, for a program that fails and leaves them changed.
+class TerminalSettings {
+ public:
+  TerminalSettings() : m_isKnown(isInFront() && tcgetattr(STDIN_FILENO, &m_settings) == 0) {}
+
+  void restore() const {
+    if (m_isKnown && isInFront()) {
+      tcsetattr(STDIN_FILENO, TCSADRAIN, &m_settings);
+    }
+  }
+
+ private:
+  static bool isInFront() { return tcgetpgrp(STDIN_FILENO) == getpgrp(); }
+
+  termios m_settings{};
+  const bool m_isKnown;
 };
 
 std::string inSeconds(steady_clock::duration time) {
@@ -81,9 +112,9 @@ std::string inSeconds(steady_clock::duration time) {
   return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
 }
 
-std::string howItEnded(int status) {
-  return status > ExitSignalBase ? "was ended by signal " + std::to_string(status - ExitSignalBase)
-                                 : "ended with status " + std::to_string(status);
+std::string howItEnded(const ChildProgram::End& end) {
+  return end.bySignal ? "was ended by signal " + std::to_string(end.status - ExitSignalBase)
+                      : "ended with status " + std::to_string(end.status);
 }
 
 /// How one program went.
@@ -92,37 +123,43 @@ struct Attempt {
   bool mayTryNext = false;
 };
 
+void complainOfProgram(const std::string& name, const ChildProgram& program) {
+  Console::complain("'" + Console::visible(name) + "' cannot be run: " + program.problem() +
+                    (program.problemStatus() == NoSuchProgram
+                         ? ". What stands after -- is the program and its arguments; name one that "
+                           "is on PATH, or its path."
+                         : "."));
+}
+
 Attempt runProgram(const ExecOptions& options, const ChosenHeadend& chosen,
                    Foreground& foreground) {
   const std::vector<std::string> command = commandFor(options.program, chosen);
+  const TerminalSettings terminal;
   const auto start = steady_clock::now();
+  foreground.beginStart();
   const auto program = std::make_shared<ChildProgram>(command, variablesOf(chosen));
+  foreground.endStart(program->problem().empty() ? program : nullptr);
   if (!program->problem().empty()) {
-    Console::complain("'" + Console::visible(command.front()) +
-                      "' cannot be run: " + program->problem() +
-                      ". What stands after -- is the program and its "
-                      "arguments; name one that is on PATH, or its path.");
+    complainOfProgram(command.front(), *program);
     return {program->problemStatus(), false};
   }
-  foreground.enter(program);
-  std::optional<int> status = program->waitForEnd(std::chrono::seconds(options.startSeconds));
-  const bool hasStarted = !status;
-  if (!status) {
-    status = program->waitForEnd();
+  const std::optional<ChildProgram::End> early =
+      program->waitForEnd(std::chrono::seconds(options.startSeconds));
+  const ChildProgram::End end = early ? *early : program->waitForEnd();
+  if (!early || options.startSeconds == 0 || end.status == 0 || foreground.signal()) {
+    return {end.status, false};
   }
-  if (hasStarted || *status == 0 || foreground.signal()) {
-    return {*status, false};
-  }
+  terminal.restore();
   Console::complain("for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " +
-                    howItEnded(*status) + " after " + inSeconds(steady_clock::now() - start) + ".");
-  return {*status, true};
+                    howItEnded(end) + " after " + inSeconds(steady_clock::now() - start) + ".");
+  return {end.status, true};
 }
 
 int runPrograms(const ExecOptions& options, const SelectionResult& result,
                 const std::vector<Candidate>& candidates) {
   const auto foreground = std::make_shared<Foreground>();
-  Interruption::setDuties({CAppLog::Flush, {}, {}, [foreground](int signal, bool toAll) {
-                             return foreground->takeOver(signal, toAll);
+  Interruption::setDuties({CAppLog::Flush, {}, {}, [foreground](int signal, bool fromTerminal) {
+                             return foreground->takeOver(signal, fromTerminal);
                            }});
   Attempt attempt;
   const std::size_t most = std::min<std::size_t>(result.headends.size(), options.tries);
@@ -195,7 +232,7 @@ void addExecCommand(CLI::App& tool, ChosenCommand& chosen,
       ->check(CLI::Range(0U, MostStartSeconds));
   command->add_option("--tries", options->tries, "The most headends to try; all unless given")
       ->option_text("N")
-      ->check(CLI::Range(1U, std::numeric_limits<unsigned int>::max()));
+      ->check(CLI::Range(1U, MostTries));
   addProxyOptions(*command, options->select.proxy);
   addCacheOptions(*command, options->select);
   addLogOptions(*command, options->select);

@@ -183,7 +183,7 @@ class HeldCache {
 };
 
 Selecting::Selecting(const SelectPlan& plan, std::string command, std::set<std::string>* told)
-    : m_plan(plan), m_command(std::move(command)), m_isReady(prepare(told)) {}
+    : m_plan(plan), m_command(std::move(command)), m_told(told), m_isReady(prepare()) {}
 
 Selecting::~Selecting() {
   endRun();
@@ -191,7 +191,7 @@ Selecting::~Selecting() {
 }
 
 /// Brings up what a selection stands on. @return whether there is anything to select from.
-bool Selecting::prepare(std::set<std::string>* told) {
+bool Selecting::prepare() {
   Interruption::setDuties({CAppLog::Flush, {}, {}});
   CClientLibrary::Options options{m_plan.sources, m_plan.log, ""};
   STATUSCODE status = 0;
@@ -202,7 +202,7 @@ bool Selecting::prepare(std::set<std::string>* told) {
   } else if (status != 0) {
     error = "the client library could not be started: " + std::string(statusCodeName(status)) +
             " (" + statusAsHex(status) + "). The machine may be short of memory or threads.";
-  } else if (!hasProfiles(told)) {
+  } else if (!hasProfiles(m_told)) {
     error =
         "no host was given and no usable profile was found: profiles (files *.xml) were looked for "
         "in " +
@@ -210,7 +210,7 @@ bool Selecting::prepare(std::set<std::string>* told) {
         " gw1.example.com gw2.example.com:8443', or a directory with --profiles.";
   }
   if (!error.empty()) {
-    if (isNew(error, told)) {
+    if (isNew(error, m_told)) {
       complainOfUsage(m_command, error, {});
     }
     return false;
@@ -221,14 +221,22 @@ bool Selecting::prepare(std::set<std::string>* told) {
   return true;
 }
 
+void Selecting::noteUnknownLast() const {
+  if (m_plan.last.empty() || findCandidate(m_plan.last, m_candidates) != nullptr) {
+    return;
+  }
+  const std::string text =
+      "warning: no host entry that takes part is named '" + Console::visible(m_plan.last) +
+      "'; the selection goes on without a last headend. --last takes the name of a host entry, or "
+      "a host of the command line.";
+  if (isNew(text, m_told)) {
+    Console::complain(text);
+  }
+}
+
 std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& password,
                                               Progress progress) {
-  if (!m_plan.last.empty() && findCandidate(m_plan.last, m_candidates) == nullptr) {
-    Console::complain("warning: no host entry that takes part is named '" +
-                      Console::visible(m_plan.last) +
-                      "'; the selection goes on without a last headend. --last takes the name of a "
-                      "host entry, or a host of the command line.");
-  }
+  noteUnknownLast();
   const ProxyInForce proxy = findProxy();
   const std::shared_ptr<Terminal> terminal = Terminal::find();
   ProxyLogin login(m_plan.proxy.user, password, terminal, proxy.isSystems);

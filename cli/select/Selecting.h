@@ -63,7 +63,8 @@ class Selecting {
   int leave(int exitStatus);
 
  private:
-  bool prepare(std::set<std::string>* told);
+  bool prepare();
+  void noteUnknownLast() const;
   bool runOnce(unsigned int reason, ProxyLogin& login, Progress progress);
   LiveState look(unsigned int reason) const;
   SelectionResult resultOf(unsigned int reason, bool hadLogin) const;
@@ -72,6 +73,7 @@ class Selecting {
 
   const SelectPlan& m_plan;
   const std::string m_command;
+  std::set<std::string>* const m_told;
   std::unique_ptr<CClientLibrary> m_library;
   std::vector<Candidate> m_candidates;
   HS_SETTINGS m_settings{};

@@ -4,10 +4,12 @@
 // is.
 
 #include <time.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <set>
@@ -30,7 +32,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using std::chrono::steady_clock;
 
 constexpr unsigned int IntervalSeconds = 300;
 constexpr unsigned int LongestIntervalSeconds = 86'400;
@@ -71,6 +72,7 @@ CauseWords wordsOf(Cause cause) {
 
 /// The present time, in the zone of the machine for people, else in UTC (ISO 8601).
 std::string presentTime(bool forPeople) {
+  tzset();  // the zone may be another one than a day ago
   const time_t now = time(nullptr);
   tm parts{};
   char text[64] = "";
@@ -104,29 +106,34 @@ std::string jsonLineOf(const ChosenHeadend& chosen, const std::optional<ChosenHe
   return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-/// Runs the person's command once for each choice, one at a time. While one runs the newest choice
+/// Runs the person's command once for each choice, one at a time. What it prints is no part of the
+/// result. While one runs the newest choice
 /// waits; older ones that waited are dropped, because they are no longer true.
 class Hook {
  public:
   explicit Hook(std::string program) : m_program(std::move(program)) {}
 
   void announce(ChildProgram::Variables variables) {
-    if (!m_program.empty()) {
-      m_next = std::move(variables);
-      look();
+    if (m_program.empty()) {
+      return;
+    }
+    const bool isFirstToWait = !m_next;
+    m_next = std::move(variables);
+    if (look() && m_next && isFirstToWait) {
+      Console::complain("the command of --exec still runs; it is run again when it has ended.");
     }
   }
 
   /// Takes note of an end, and starts what waits. @return whether there is something to look at.
   bool look() {
     if (m_running != nullptr) {
-      const std::optional<int> status = m_running->waitForEnd(milliseconds(0));
-      if (!status) {
+      const std::optional<ChildProgram::End> end = m_running->waitForEnd(milliseconds(0));
+      if (!end) {
         return true;
       }
       m_running.reset();
-      if (*status != 0) {
-        Console::complain("the command of --exec ended with status " + std::to_string(*status) +
+      if (end->status != 0) {
+        Console::complain("the command of --exec ended with status " + std::to_string(end->status) +
                           ".");
       }
     }
@@ -139,7 +146,7 @@ class Hook {
  private:
   void start(const ChildProgram::Variables& variables) {
     const std::vector<std::string> command{"/bin/sh", "-c", m_program};
-    m_running = std::make_unique<ChildProgram>(command, variables);
+    m_running = std::make_unique<ChildProgram>(command, variables, ChildProgram::Output::Errors);
     if (!m_running->problem().empty()) {
       Console::complain("the command of --exec cannot be run: " + m_running->problem() + ".");
       m_running.reset();
@@ -149,6 +156,30 @@ class Hook {
   const std::string m_program;
   std::unique_ptr<ChildProgram> m_running;
   std::optional<ChildProgram::Variables> m_next;
+};
+
+/// How soon a change of the network is answered: at once, but for a network that changes all the
+/// time, which is not to make a measurement of each change.
+class ChangeLimit {
+ public:
+  /// @return when to answer a change that comes now.
+  BootClock::time_point take() {
+    const auto now = BootClock::now();
+    while (!m_answered.empty() && m_answered.front() + Period <= now) {
+      m_answered.pop_front();
+    }
+    const auto when = m_answered.size() < Most ? now : m_answered.front() + Period;
+    if (m_answered.empty() || m_answered.back() < when) {
+      m_answered.push_back(when);
+    }
+    return when;
+  }
+
+ private:
+  static constexpr seconds Period{60};
+  static constexpr std::size_t Most = 3;
+
+  std::deque<BootClock::time_point> m_answered;
 };
 
 /// The watch: what is chosen now, and how it came about.
@@ -166,13 +197,17 @@ class Watch {
       Console::complain("warning: changes of the network cannot be heard of (" +
                         m_network.problem() + "); the interval alone says when to select again.");
     }
-    for (Cause cause = Cause::Start;; cause = wait()) {
+    std::optional<Cause> cause = Cause::Start;
+    while (cause) {
       m_network.remember();
-      const std::optional<int> end = selectOnce(cause);
+      const std::optional<int> end = selectOnce(*cause);
       if (end) {
         return *end;
       }
+      cause = wait();
     }
+    Console::complain("nobody reads the output any more.");
+    return ExitUsage;
   }
 
  private:
@@ -186,7 +221,8 @@ class Watch {
     const std::optional<SelectionResult> result =
         selecting.run(m_password, Selecting::Progress::Hidden);
     if (!result) {
-      return ExitNotMeasured;
+      m_hasFailed = true;
+      return cause == Cause::Start ? std::optional<int>(ExitNotMeasured) : std::nullopt;
     }
     const int status = exitStatusOf(result->status);
     if (status == ExitProxyAsks) {
@@ -249,16 +285,26 @@ class Watch {
     return hasFailed ? std::min(given, FailureInterval) : given;
   }
 
-  Cause wait() {
-    const auto end = steady_clock::now() + interval(m_hasFailed);
+  /// @return why to select again; nothing when nobody reads what is told.
+  std::optional<Cause> wait() {
+    Cause cause = Cause::Interval;
+    auto end = BootClock::now() + interval(m_hasFailed);
     while (true) {
-      const auto left = std::chrono::duration_cast<milliseconds>(end - steady_clock::now());
+      const auto left = std::chrono::ceil<milliseconds>(end - BootClock::now());
       if (left.count() <= 0) {
-        return Cause::Interval;
+        return cause;
       }
-      const milliseconds longest = m_hook.look() ? std::min(left, LookInterval) : left;
-      if (m_network.wait(longest) == NetworkChanges::Heard::Change) {
-        return Cause::Network;
+      const bool looks = m_hook.look();
+      switch (m_network.wait(looks ? std::min(left, LookInterval) : left)) {
+        case NetworkChanges::Heard::Closed:
+          return std::nullopt;
+        case NetworkChanges::Heard::Change:
+          cause = Cause::Network;
+          end = std::min(end, m_changes.take());
+          m_network.remember();
+          break;
+        case NetworkChanges::Heard::Nothing:
+          break;
       }
     }
   }
@@ -266,7 +312,8 @@ class Watch {
   const WatchOptions& m_options;
   SelectPlan m_plan;
   const std::optional<Secret> m_password;
-  NetworkChanges m_network;
+  NetworkChanges m_network{STDOUT_FILENO};
+  ChangeLimit m_changes;
   Hook m_hook;
   std::optional<ChosenHeadend> m_chosen;
   std::set<std::string> m_told;

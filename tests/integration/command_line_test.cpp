@@ -130,9 +130,9 @@ TEST_F(CommandLineTest, OptionsBehindAMisspeltCommandAreNotToBlame) {
 
 TEST_F(CommandLineTest, AValueThatIsNotAllowedIsToldWithWhatIs) {
   EXPECT_THAT(refusalOf({"exec", "--tries", "0", "--", "x"}),
-              HasSubstr("--tries: Value 0 not in range 1 to "));
+              HasSubstr("--tries takes a whole number from 1 to 100000: "));
   EXPECT_THAT(refusalOf({"exec", "--tries", "many", "--", "x"}),
-              HasSubstr("--tries: Value many not in range 1 to "));
+              HasSubstr("--tries takes a whole number from 1 to 100000: "));
   EXPECT_THAT(refusalOf({"select", "--json=maybe"}), HasSubstr("--json takes no value"));
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -27,6 +29,7 @@ using tests::Near;
 using tests::Outcome;
 using tests::Program;
 using tests::readFile;
+using tests::SilentGateway;
 
 class ExecCommandTest : public tests::CommandTest {
  protected:
@@ -41,6 +44,18 @@ class ExecCommandTest : public tests::CommandTest {
     words.insert(words.end(), options.begin(), options.end());
     words.insert(words.end(), {"--", "sh", "-c", script, "{headend}", "{host}", "{port}"});
     return words;
+  }
+
+  /// A command line of a shell, in which `ahs` is the command.
+  Outcome shell(const std::string& line) const {
+    const std::string output = home + "/output";
+    const std::string named = "ahs() { command \"" + std::string(AHS_PROGRAM) + "\" \"$@\"; }; ";
+    std::vector<std::string> words = {"/usr/bin/env", "-i"};
+    words.insert(words.end(), environment.begin(), environment.end());
+    words.insert(words.end(), {"/bin/sh", "-c", named + line});
+    ChildProcess process(words, output, home);
+    EXPECT_TRUE(process.WaitForEnd(tests::Limit));
+    return {process.ExitStatus(), readFile(output), ""};
   }
 
   const Gateway far{Far};
@@ -96,9 +111,23 @@ TEST_F(ExecCommandTest, NoMoreHeadendsAreTriedThanAsked) {
 }
 
 TEST_F(ExecCommandTest, AProgramThatHasStartedIsNotTriedAgainWhenItFails) {
-  const Outcome outcome = runScript({"--start-time", "0"}, "echo $0; sleep 0.3; exit 9");
+  const Outcome outcome = runScript({"--start-time", "1"}, "echo $0; sleep 1.2; exit 9");
   EXPECT_EQ(outcome.exitStatus, 9);
   EXPECT_EQ(outcome.out, near.address() + "\n");
+}
+
+TEST_F(ExecCommandTest, WithoutAStartTimeNoOtherHeadendIsTriedHoweverSoonItFails) {
+  for (int i = 0; i < 5; ++i) {
+    const Outcome outcome = runScript({"--start-time", "0"}, "echo $0; exit 9");
+    EXPECT_EQ(outcome.exitStatus, 9);
+    EXPECT_EQ(outcome.out, near.address() + "\n");
+  }
+}
+
+TEST_F(ExecCommandTest, AHighStatusIsNotTakenForASignal) {
+  const Outcome outcome = runScript({}, "exit 255");
+  EXPECT_EQ(outcome.exitStatus, 255);
+  EXPECT_THAT(outcome.err, HasSubstr("'sh' ended with status 255 after"));
 }
 
 TEST_F(ExecCommandTest, AProgramThatASignalEndsCountsAsFailed) {
@@ -162,12 +191,49 @@ TEST_F(ExecCommandTest, TheProgramHasTheSignalsThatTheCommandWasStartedWith) {
 }
 
 TEST_F(ExecCommandTest, TheProgramInheritsNoDescriptorOfTheCommand) {
-  const Outcome outcome = run({"exec", near.address(), "--log-file", home + "/ahs.log", "--", "sh",
-                               "-c", "ls -l /proc/$$/fd; grep -c . " + home + "/ahs.log"});
+  // A worker that still waits for an answer has more descriptors open than one that is done.
+  const SilentGateway silent;
+  writePreferences(preference("SelectionConnectTimeout", "1000") +
+                   preference("SelectionPingTimeout", "20000"));
+  const Outcome outcome = run({"exec", near.address(), silent.address(), "--log-file",
+                               home + "/ahs.log", "--", "sh", "-c", "ls -l /proc/$$/fd"});
   EXPECT_THAT(outcome.out, HasSubstr(" 1 -> pipe:"));
   EXPECT_THAT(outcome.out, Not(HasSubstr("socket:")));
   EXPECT_THAT(outcome.out, Not(HasSubstr("anon_inode")));
   EXPECT_THAT(outcome.out, Not(HasSubstr(home)));
+}
+
+TEST_F(ExecCommandTest, TheProgramInheritsWhatTheCommandWasGiven) {
+  const Outcome outcome = shell("exec 7>" + home + "/given; ahs exec " + near.address() +
+                                " -- sh -c 'echo written >&7'");
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
+  EXPECT_EQ(readFile(home + "/given"), "written\n");
+}
+
+TEST_F(ExecCommandTest, StandardDescriptorsThatAreClosedAreNoOthers) {
+  const Outcome outcome = shell("ahs exec --log-file " + home + "/ahs.log " + near.address() +
+                                " -- sh -c 'ls -l /proc/$$/fd' <&- 2>&-");
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.out, AllOf(HasSubstr(" 0 -> /dev/null"), HasSubstr(" 2 -> /dev/null")));
+}
+
+TEST_F(ExecCommandTest, AUsersSignalIsHandedToTheProgram) {
+  Program program(
+      command({}, "trap 'echo told; exit 5' USR1; echo ready; while :; do sleep 0.05; done"),
+      environment);
+  ASSERT_TRUE(program.waitForOutput("ready"));
+  kill(program.pid(), SIGUSR1);
+  EXPECT_EQ(program.finish().exitStatus, 5);
+}
+
+TEST_F(ExecCommandTest, AHangUpOfTheTerminalReachesTheProgram) {
+  auto program = std::make_unique<Program>(command({}, "trap 'echo hung up >" + home +
+                                                           "/told; exit 5' HUP; echo ready; "
+                                                           "while :; do sleep 0.05; done"),
+                                           environment, Program::Terminal::All);
+  ASSERT_TRUE(program->waitForError("ready"));
+  program->hangUp();
+  EXPECT_TRUE(tests::eventually([this] { return readFile(home + "/told") == "hung up\n"; }));
 }
 
 TEST_F(ExecCommandTest, ASignalIsHandedToTheProgramAndNoOtherHeadendIsTried) {

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -117,19 +118,21 @@ void readFrom(const pollfd& output, int& descriptor, std::string& text) {
 }  // namespace
 
 Program::Program(const std::vector<std::string>& arguments,
-                 const std::vector<std::string>& environment, Terminal terminal, int standardOutput)
+                 const std::vector<std::string>& environment, Terminal terminal, int standardOutput,
+                 Window window)
     : m_deadline(std::chrono::steady_clock::now() + LongestRun) {
   const bool hasOut = terminal == Terminal::None || terminal == Terminal::Errors;
   int out[2] = {-1, standardOutput};
   int err[2];
   int events[2] = {-1, -1};
   int orders[2] = {-1, -1};
+  const winsize size{window.rows, window.columns, 0, 0};
   if (hasOut && standardOutput < 0) {
     makePipe(out);
   }
   if (terminal == Terminal::None) {
     makePipe(err);
-  } else if (openpty(&err[0], &err[1], nullptr, nullptr, nullptr) != 0 ||
+  } else if (openpty(&err[0], &err[1], nullptr, nullptr, &size) != 0 ||
              fcntl(err[0], F_SETFD, FD_CLOEXEC) != 0) {
     throw std::runtime_error("no terminal");
   }
@@ -170,6 +173,15 @@ Program::~Program() {
   closeIfOpen(m_events);
   closeIfOpen(m_orders);
 }
+
+void Program::resize(Window window) const {
+  const winsize size{window.rows, window.columns, 0, 0};
+  if (ioctl(m_err, TIOCSWINSZ, &size) != 0) {
+    throw std::runtime_error("the terminal keeps its size");
+  }
+}
+
+void Program::hangUp() { closeIfOpen(m_err); }
 
 void Program::type(const std::string& text) const {
   if (write(m_err, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {

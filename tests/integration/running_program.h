@@ -24,15 +24,28 @@ class Program {
     Job,     ///< the same, as the job of a shell that can stop and continue it
   };
 
+  /// The size of a terminal; one of 0 is not told.
+  struct Window {
+    unsigned short columns = 0;
+    unsigned short rows = 0;
+  };
+
   /// @param standardOutput a descriptor to use as its standard output, -1 for a pipe.
+  /// @param window of the terminal, where there is one.
   Program(const std::vector<std::string>& arguments, const std::vector<std::string>& environment,
-          Terminal terminal = Terminal::None, int standardOutput = -1);
+          Terminal terminal = Terminal::None, int standardOutput = -1, Window window = {0, 0});
   ~Program();
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
   /// Of the `ahs`.
   pid_t pid() const { return m_job > 0 ? m_job : m_pid; }
+
+  /// Gives the terminal another size.
+  void resize(Window window) const;
+
+  /// The terminal is closed, as by a window that goes away.
+  void hangUp();
 
   /// Types at the terminal.
   void type(const std::string& text) const;

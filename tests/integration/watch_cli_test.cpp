@@ -239,6 +239,43 @@ TEST_F(WatchCommandTest, AnOutputThatNobodyReadsEndsIt) {
   EXPECT_EQ(outcome.exitStatus, 2) << outcome.err;
 }
 
+TEST_F(WatchCommandTest, AReaderThatGoesAwayEndsItThoughNothingIsToBeTold) {
+  const Gateway gateway(Near);
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  Program program({"watch", gateway.address(), "--interval", Never}, environment,
+                  Program::Terminal::None, ends[1]);
+  close(ends[1]);
+  char first = 0;
+  ASSERT_EQ(read(ends[0], &first, 1), 1);
+  close(ends[0]);
+  const Outcome outcome = program.finish();
+  EXPECT_EQ(outcome.exitStatus, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("nobody reads the output any more"));
+}
+
+TEST_F(WatchCommandTest, WhatTheCommandPrintsIsNoPartOfTheResult) {
+  const Gateway gateway(Near);
+  Program program({"watch", gateway.address(), "--json", "--exec", "echo printed"}, environment);
+  ASSERT_TRUE(program.waitForError("printed"));
+  EXPECT_EQ(linesOf(end(program)).size(), 1U);
+}
+
+TEST_F(WatchCommandTest, ALastHeadendThatNobodyKnowsIsToldOnce) {
+  const ClosedGateway closed;
+  Program program(
+      {"watch", closed.address(), "--last", "Nope", "--interval", "1", "--log-level", "info"},
+      environment);
+  const std::string begin = "Starting QIB processing";
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(program.waitForNext(begin));
+  }
+  const Outcome outcome = end(program);
+  const std::size_t first = outcome.err.find("is named 'Nope'");
+  ASSERT_NE(first, std::string::npos);
+  EXPECT_EQ(outcome.err.find("is named 'Nope'", first + 1), std::string::npos);
+}
+
 TEST_F(WatchCommandTest, WhatItCannotDoIsRefusedAtOnce) {
   EXPECT_EQ(run({"watch"}).exitStatus, 2);
   EXPECT_EQ(run({"watch", "gw", "--interval", "0"}).exitStatus, 2);

@@ -1,0 +1,70 @@
+// What a process inherits. Everything is noted by the main thread before there is another one, and
+// only read after that.
+
+#include "cli/Surroundings.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+
+namespace {
+
+constexpr std::array Signals = {SIGPIPE, SIGINT, SIGQUIT};
+
+struct Noted {
+  std::vector<int> descriptors;
+  sigset_t blocked{};
+  sigset_t ignored{};
+};
+
+// Never freed: threads may ask while the process is ending.
+Noted& noted() {
+  static Noted* const instance = new Noted;
+  return *instance;
+}
+
+bool isOpen(int descriptor) { return fcntl(descriptor, F_GETFD) >= 0 || errno != EBADF; }
+
+void fillStandardDescriptors() {
+  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+    // The lowest that is free is the one that is opened; an output that cannot be written to lets
+    // the writer know that nobody reads.
+    if (!isOpen(descriptor)) {
+      static_cast<void>(open("/dev/null", O_RDONLY));
+    }
+  }
+}
+
+}  // namespace
+
+void Surroundings::note() {
+  fillStandardDescriptors();
+  Noted& all = noted();
+  for (int descriptor = STDERR_FILENO + 1; descriptor < MostDescriptors; ++descriptor) {
+    if (isOpen(descriptor)) {
+      all.descriptors.push_back(descriptor);
+    }
+  }
+  sigemptyset(&all.ignored);
+  for (const int signal : Signals) {
+    struct sigaction action {};
+    sigaction(signal, nullptr, &action);
+    if (action.sa_handler == SIG_IGN) {
+      sigaddset(&all.ignored, signal);
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, nullptr, &all.blocked);
+}
+
+void Surroundings::forget(int descriptor) {
+  std::erase(noted().descriptors, descriptor);
+  fillStandardDescriptors();
+}
+
+const std::vector<int>& Surroundings::descriptors() { return noted().descriptors; }
+
+const sigset_t& Surroundings::blockedSignals() { return noted().blocked; }
+
+bool Surroundings::wasIgnored(int signal) { return sigismember(&noted().ignored, signal) == 1; }

@@ -4,19 +4,25 @@
 
 #include "cli/probe/AddressCheck.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <locale.h>
+#include <net/if.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <memory>
+#include <system_error>
 #include <utility>
 
+#include "cli/Console.h"
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/include/Locks.h"
 
@@ -141,6 +147,53 @@ void resolve(const std::string& host, unsigned short port, milliseconds limit,
   }
 }
 
+/// The number of the zone of an IPv6 address, which is a number or an interface's name; 0 for none.
+unsigned int zoneNumber(const std::string& zone) {
+  unsigned int number = 0;
+  const char* const end = zone.data() + zone.size();
+  const auto [stop, error] = std::from_chars(zone.data(), end, number);
+  return error == std::errc() && stop == end ? number : if_nametoindex(zone.c_str());
+}
+
+/// No name server has to do with an address. Zones go with any IPv6 address here, as they do in
+/// probes; the resolver takes names of interfaces for link-local ones alone.
+void takeLiteral(const std::string& host, unsigned short port, AddressCheck& check) {
+  const std::size_t zoneAt = host.find('%');
+  CheckedAddress address;
+  address.text = host;
+  if (auto* v4 = reinterpret_cast<sockaddr_in*>(&address.address);
+      inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1) {
+    v4->sin_family = AF_INET;
+    v4->sin_port = htons(port);
+    address.length = sizeof *v4;
+    check.addresses.push_back(std::move(address));
+    return;
+  }
+  auto* v6 = reinterpret_cast<sockaddr_in6*>(&address.address);
+  if (inet_pton(AF_INET6, host.substr(0, zoneAt).c_str(), &v6->sin6_addr) != 1) {
+    check.problem = "it is no address";
+    return;
+  }
+  v6->sin6_family = AF_INET6;
+  v6->sin6_port = htons(port);
+  address.length = sizeof *v6;
+  if (zoneAt != std::string::npos) {
+    v6->sin6_scope_id = zoneNumber(host.substr(zoneAt + 1));
+    if (v6->sin6_scope_id == 0) {
+      check.problem = "this machine has no network interface '" +
+                      Console::visible(host.substr(zoneAt + 1)) + "'";
+      return;
+    }
+  }
+  check.addresses.push_back(std::move(address));
+}
+
+bool needsZone(const CheckedAddress& address) {
+  const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&address.address);
+  return address.address.ss_family == AF_INET6 && v6->sin6_scope_id == 0 &&
+         IN6_IS_ADDR_LINKLOCAL(&v6->sin6_addr);
+}
+
 std::string outcomeOfError(int error) {
   switch (error) {
     case 0:
@@ -154,7 +207,7 @@ std::string outcomeOfError(int error) {
     case EADDRNOTAVAIL:
       return "unreachable";
     default:
-      return strerrordesc_np(error);
+      return std::generic_category().message(error);
   }
 }
 
@@ -188,7 +241,8 @@ class Attempt {
     end(error);
   }
   void end(int error) {
-    m_target.outcome = outcomeOfError(error);
+    m_target.outcome =
+        error == EINVAL && needsZone(m_target) ? "needs a zone" : outcomeOfError(error);
     m_target.took = std::chrono::duration_cast<microseconds>(Clock::now() - m_start);
     close();
   }
@@ -238,16 +292,29 @@ void connectToAll(std::vector<CheckedAddress>& addresses, milliseconds limit) {
 
 AddressCheck checkAddresses(const std::string& host, unsigned short port, milliseconds limit) {
   AddressCheck check;
-  resolve(host, port, limit, check);
+  if (isAddressLiteral(host)) {
+    takeLiteral(host, port, check);
+  } else {
+    resolve(host, port, limit, check);
+  }
   connectToAll(check.addresses, limit);
   return check;
+}
+
+bool isAddressLiteral(const std::string& host) {
+  in_addr unused{};
+  return inet_pton(AF_INET, host.c_str(), &unused) == 1 || host.find(':') != std::string::npos;
+}
+
+bool isSameAddress(const CheckedAddress& address, const std::string& told) {
+  return address.text.substr(0, address.text.find('%')) == told.substr(0, told.find('%'));
 }
 
 const CheckedAddress* findConnected(const AddressCheck& check, const std::string& preferred) {
   const CheckedAddress* found = nullptr;
   for (const CheckedAddress& address : check.addresses) {
     const bool isConnected = address.outcome == "connected";
-    if (isConnected && (found == nullptr || address.text == preferred)) {
+    if (isConnected && (found == nullptr || isSameAddress(address, preferred))) {
       found = &address;
     }
   }

@@ -10,10 +10,11 @@
 
 /// One address of a name, and what became of an attempt to connect to it.
 struct CheckedAddress {
-  std::string text;  ///< "192.0.2.7", "2001:db8::7"
+  std::string text;  ///< "192.0.2.7", "2001:db8::7", "fe80::7%eth0"
   sockaddr_storage address{};
   socklen_t length = 0;
-  /// "connected", "refused", "unreachable", "timed out", or the system's own words.
+  /// "connected", "refused", "unreachable", "timed out", "needs a zone" (for an address that each
+  /// network has for itself), or the system's own words.
   std::string outcome;
   std::chrono::microseconds took{0};
 };
@@ -31,6 +32,12 @@ struct AddressCheck {
 /// @param host a name, or an address without brackets.
 AddressCheck checkAddresses(const std::string& host, unsigned short port,
                             std::chrono::milliseconds limit);
+
+/// Whether a host (without brackets) is an address rather than a name.
+bool isAddressLiteral(const std::string& host);
+
+/// Whether an address is the one that a probe tells, which leaves the zone out.
+bool isSameAddress(const CheckedAddress& address, const std::string& told);
 
 /// The address that was connected to, `preferred` if it is one of them; null if none was.
 const CheckedAddress* findConnected(const AddressCheck& check, const std::string& preferred);

@@ -80,12 +80,22 @@ class Measurement {
     return show(probeSummary(m_findings));
   }
 
-  /// What is still to be said when the process is about to end.
+  /// The rest is about to be told, the verdict with it.
+  void conclude() {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    m_isConcluded = true;
+  }
+
+  /// What is still to be said when the process is about to end: the sum of what was measured, or
+  /// after the sum the verdict, which waits for what is found out besides.
   void sumUpInHaste() {
     const CAutoLockT<CManualLock> guard(m_lock);
-    if (!std::exchange(m_isSummedUp, true) && m_isShown && !m_findings.probes.empty()) {
+    const bool isSummedUp = std::exchange(m_isSummedUp, true);
+    if (!std::exchange(m_isConcluded, true) && m_isShown && !m_findings.probes.empty()) {
       // After the ^C that the terminal shows.
-      static_cast<void>(Console::writeResult("\n" + probeSummary(m_findings), ExitMeasured));
+      const std::string rest =
+          "\n" + (isSummedUp ? probeVerdict(m_findings) : probeSummary(m_findings));
+      static_cast<void>(Console::writeResult(rest, ExitMeasured));
     }
   }
 
@@ -102,6 +112,7 @@ class Measurement {
   const bool m_isShown;
   mutable CManualLock m_lock;
   bool m_isSummedUp AHS_GUARDED_BY(m_lock) = false;
+  bool m_isConcluded AHS_GUARDED_BY(m_lock) = false;
   ProbeFindings m_findings AHS_GUARDED_BY(m_lock);
 };
 
@@ -158,6 +169,7 @@ int probe(const ProbePlan& plan, bool isJson) {
   }
   ProbeFindings findings = measurement->findings();
   lookCloser(findings);
+  measurement->conclude();
   const bool hasMetric = workerViewOf(plan, findings.probes).metricMs.has_value();
   const int exitStatus = Console::writeResult(isJson ? probeJson(findings) : probeDetails(findings),
                                               hasMetric ? ExitMeasured : ExitNotMeasured);
@@ -239,6 +251,6 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
   addFileOptions(*command, options->files);
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer(
-      "Exit status: 0 a selection would have a result for it, 1 it would have none, 2 usage.");
+      "Exit status: 0 it has a metric for a selection, 1 it has none, 2 usage or configuration.");
   command->callback([&chosen, options] { chosen = [options] { return runProbe(*options); }; });
 }

@@ -77,6 +77,7 @@ std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEnt
   plan.count = settings.nPingsPerHeadend;
   // Whole seconds count, as for a worker; a probe takes less than one for one.
   unsigned int timeout = std::max(settings.nPingTimeout / MillisecondsPerSecond, 1U);
+  plan.selectionTimeout = std::chrono::seconds(timeout);
   std::string error = takeNumber(options.count, "--count", MostProbes, plan.count);
   if (error.empty()) {
     error = takeNumber(options.timeout, "--timeout", LongestTimeoutSeconds, timeout);

@@ -31,6 +31,7 @@ struct ProbePlan {
   unsigned int count = 0;
   std::chrono::seconds timeout{0};              ///< of one probe
   unsigned int selectionCount = 0;              ///< probes that a selection sends
+  std::chrono::seconds selectionTimeout{0};     ///< of one probe of a selection
   std::chrono::milliseconds selectionLimit{0};  ///< time limit of a selection
   bool isResponseMeasured = false;              ///< a sample is the time to the gateway's answer
 };

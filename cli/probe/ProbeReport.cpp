@@ -6,6 +6,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "cli/Console.h"
 #include "cli/probe/ProbeText.h"
@@ -34,6 +35,18 @@ std::string listed(const std::vector<std::string>& items, const char* separator 
     text += (text.empty() ? "" : separator) + item;
   }
   return text;
+}
+
+/// A name that could be taken for several, or for none, in quotes.
+std::string distinct(const std::string& name) {
+  if (!name.empty() && name.find_first_of(" ,\"") == std::string::npos) {
+    return name;
+  }
+  std::string text;
+  for (const char c : name) {
+    text += c == '"' ? std::string("\\x22") : std::string(1, c);
+  }
+  return "\"" + text + "\"";
 }
 
 std::string place(const ProbePlan& plan) { return Console::visible(candidateWithPort(plan)); }
@@ -90,7 +103,7 @@ std::string addressesInWords(const ProbeFindings& findings) {
     text += "  " + Console::visible(address.text) +
             std::string(width - address.text.size() + 2, ' ') + address.outcome +
             (address.outcome == "connected" ? " in " + exactMs(address.took.count()) + " ms" : "") +
-            (address.text == used ? "; the probes went there" : "") + "\n";
+            (isSameAddress(address, used) ? "; the probes went there" : "") + "\n";
   }
   if (check.leftOut > 0) {
     text += "  and " + std::to_string(check.leftOut) + " more, not tried\n";
@@ -102,13 +115,15 @@ std::string daysInWords(const CertificateSummary& certificate) {
   if (!certificate.isExpired) {
     return count(static_cast<std::size_t>(certificate.daysLeft), "day") + " left";
   }
-  // The day that has begun counts as one.
-  const auto days = static_cast<std::size_t>(-certificate.daysLeft);
-  return days <= 1 ? "expired" : "expired " + count(days - 1, "day") + " ago";
+  const auto days = static_cast<std::size_t>(-certificate.daysLeft - 1);
+  return days == 0 ? "expired less than a day ago" : "expired " + count(days, "day") + " ago";
 }
 
 std::string certificateInWords(const CertificateSummary& certificate) {
-  std::string names = certificate.names.empty() ? "none" : listed(certificate.names);
+  std::vector<std::string> distinctNames;
+  distinctNames.reserve(certificate.names.size());
+  std::ranges::transform(certificate.names, std::back_inserter(distinctNames), distinct);
+  std::string names = distinctNames.empty() ? "none" : listed(distinctNames);
   if (certificate.moreNames > 0) {
     names += ", and " + std::to_string(certificate.moreNames) + " more";
   }
@@ -171,24 +186,15 @@ std::string schemeInWords(const ProbePlan& plan) {
                "probes over TLS.";
 }
 
-std::string selectionInWords(const ProbeFindings& findings) {
-  const WorkerView view = workerViewOf(findings.plan, findings.probes);
-  return "In a selection of " + count(findings.plan.selectionCount, "probe") +
-         " a headend (SelectionPingsPerHeadend), judged by " +
-         (view.probes == 1 ? "the first:" : "the first " + std::to_string(view.probes) + ":") +
-         "\n  samples:  " + (view.samplesMs.empty() ? "none" : samplesText(view.samplesMs, " ")) +
-         "\n  metric:   " + (view.metricMs ? std::to_string(*view.metricMs) + " ms" : "none") +
-         "\n  outcome:  " + view.outcome + "\n  " + view.why + "\n  " +
-         measureInWords(findings.plan) + "\n  " + schemeInWords(findings.plan) + "\n" +
-         (findings.plan.leftOut.empty() ? ""
-                                        : "  But the host entry takes no part in a selection: " +
-                                              Console::visible(findings.plan.leftOut) + ".\n");
-}
-
 // ---- Advice -----------------------------------------------------------------------------------
 
 std::string adviceForName(const ProbeFindings& findings) {
   const std::string& problem = findings.addresses.problem;
+  if (isAddressLiteral(findings.plan.place.first)) {
+    return place(findings.plan) + " cannot be reached" + (problem.empty() ? "" : ": " + problem) +
+           ". Check the address; the zone of an IPv6 address is the name of an interface, as in "
+           "[fe80::7%25eth0].";
+  }
   const std::string domains = listed(findings.searchDomains);
   return "the name '" + Console::visible(findings.plan.place.first) +
          "' is not resolved: " + (problem.empty() ? "it was not a moment ago" : problem) +
@@ -206,7 +212,15 @@ std::string adviceForAddresses(const AddressCheck& check) {
   if (isThere("connected")) {
     return "An address takes connections now: try again.";
   }
+  if (!check.problem.empty()) {
+    return "The address check found none: " + check.problem + ".";
+  }
   std::string advice;
+  if (isThere("needs a zone")) {
+    advice +=
+        " Every network has such an address: add %25 and the name of the interface that leads "
+        "there, as in [fe80::7%25eth0].";
+  }
   if (isThere("refused")) {
     advice += " A machine refuses: nothing listens on that port there. Check the port.";
   }
@@ -263,9 +277,25 @@ std::string probeSummary(const ProbeFindings& findings) {
   return text;
 }
 
+std::string probeVerdict(const ProbeFindings& findings) {
+  const WorkerView view = workerViewOf(findings.plan, findings.probes);
+  const bool takesPart = findings.plan.leftOut.empty();
+  return "In a selection of " + count(findings.plan.selectionCount, "probe") +
+         " a headend (SelectionPingsPerHeadend), " + (takesPart ? "" : "if it took part, ") +
+         "judged by " +
+         (view.probes == 1 ? "the first:" : "the first " + std::to_string(view.probes) + ":") +
+         "\n  samples:  " + (view.samplesMs.empty() ? "none" : samplesText(view.samplesMs, " ")) +
+         "\n  metric:   " + (view.metricMs ? std::to_string(*view.metricMs) + " ms" : "none") +
+         "\n  outcome:  " + view.outcome + "\n  " + view.why + "\n  " +
+         measureInWords(findings.plan) + "\n  " + schemeInWords(findings.plan) + "\n" +
+         (takesPart ? ""
+                    : "  But the host entry takes no part in a selection: " +
+                          Console::visible(findings.plan.leftOut) + ".\n");
+}
+
 std::string probeDetails(const ProbeFindings& findings) {
   return addressesInWords(findings) + tlsInWords(findings) + requestInWords(findings) +
-         answerInWords(findings) + selectionInWords(findings);
+         answerInWords(findings) + probeVerdict(findings);
 }
 
 std::string probeAdvice(const ProbeFindings& findings) {
@@ -275,6 +305,11 @@ std::string probeAdvice(const ProbeFindings& findings) {
   }
   const std::string where = place(findings.plan);
   const bool isSilent = view.outcome == "timed out";
+  if (isSilent && view.lateAnswers > 0) {
+    return where + " answers, but not within the " +
+           std::to_string(findings.plan.selectionTimeout.count()) +
+           " s that a selection waits. The preference SelectionPingTimeout makes it wait longer.";
+  }
   if (view.outcome == "name not resolved" || (isSilent && !findings.addresses.problem.empty())) {
     return adviceForName(findings);
   }
@@ -287,5 +322,5 @@ std::string probeAdvice(const ProbeFindings& findings) {
            " s. A firewall may drop what is sent, the machine may be off, or another program may "
            "listen on the port. --timeout SECONDS waits longer.";
   }
-  return where + " would have no result in a selection. " + view.why;
+  return where + " would have no metric in a selection. " + view.why;
 }

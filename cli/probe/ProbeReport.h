@@ -26,16 +26,17 @@ struct ProbeFindings {
 std::string usedAddressOf(const ProbeFindings& findings);
 
 /// The parts of what a person reads, whole lines each: what is about to be probed; one probe,
-/// counted from 0; the sum of all probes; what else was found, and what a selection would make of
-/// it.
+/// counted from 0; the sum of all probes; what a selection would make of them; what else was found,
+/// and then the same.
 std::string probeHeading(const ProbePlan& plan);
 std::string probeLine(const EndedProbe& probe, std::size_t index);
 std::string probeSummary(const ProbeFindings& findings);
+std::string probeVerdict(const ProbeFindings& findings);
 std::string probeDetails(const ProbeFindings& findings);
 
 /// All of it as one JSON object and a line feed; the members are described in docs/cli.md.
 std::string probeJson(const ProbeFindings& findings);
 
-/// For standard error: why a selection would have no result for it, and what to do. Empty if it
+/// For standard error: why it would have no metric in a selection, and what to do. Empty if it
 /// would.
 std::string probeAdvice(const ProbeFindings& findings);

@@ -2,6 +2,7 @@
 
 #include "cli/probe/ProbeText.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
@@ -26,8 +27,11 @@ std::optional<Spread> spreadOfAll(const std::vector<EndedProbe>& probes,
 }  // namespace
 
 std::string candidateWithPort(const ProbePlan& plan) {
-  const auto& [host, port] = plan.place;
+  auto [host, port] = plan.place;
   const bool isIPv6 = host.find(':') != std::string::npos;
+  if (const std::size_t zoneAt = host.find('%'); isIPv6 && zoneAt != std::string::npos) {
+    host.insert(zoneAt + 1, "25");  // as it is typed
+  }
   return (isIPv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
@@ -52,8 +56,12 @@ std::string probeStatusName(STATUSCODE status) {
 }
 
 unsigned int lossPercent(std::size_t sent, std::size_t samples) {
-  constexpr std::size_t Hundred = 100;
-  return sent == 0 ? 0 : static_cast<unsigned int>(((sent - samples) * Hundred + sent / 2) / sent);
+  constexpr unsigned int Hundred = 100;
+  if (sent == 0 || samples == sent) {
+    return 0;
+  }
+  const auto rounded = static_cast<unsigned int>(((sent - samples) * Hundred + sent / 2) / sent);
+  return samples == 0 ? Hundred : std::clamp(rounded, 1U, Hundred - 1);
 }
 
 std::optional<Spread> networkSpread(const std::vector<EndedProbe>& probes) {

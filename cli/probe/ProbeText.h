@@ -19,7 +19,7 @@ std::vector<std::string> headLines(const std::string& head);
 /// The name of a probe's status: "HTTP_SESSION_SUCCESS".
 std::string probeStatusName(STATUSCODE status);
 
-/// Share of the probes without a sample, rounded to the nearest.
+/// Share of the probes without a sample, rounded to the nearest; 0 and 100 only for none and all.
 unsigned int lossPercent(std::size_t sent, std::size_t samples);
 
 std::optional<Spread> networkSpread(const std::vector<EndedProbe>& probes);

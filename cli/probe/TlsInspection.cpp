@@ -239,7 +239,7 @@ CertificateSummary summaryOf(X509* certificate) {
   int seconds = 0;
   if (ASN1_TIME_diff(&days, &seconds, nullptr, until) == 1) {
     summary.isExpired = days < 0 || seconds < 0;
-    summary.daysLeft = summary.isExpired && days == 0 ? -1 : days;
+    summary.daysLeft = summary.isExpired ? days - 1 : days;  // OpenSSL rounds towards 0
   }
   takeNames(certificate, summary);
   summary.key = keyText(certificate);
@@ -285,11 +285,6 @@ int onClientCertificate(SSL* connection, X509** /*certificate*/, EVP_PKEY** /*ke
   return 0;  // there is none
 }
 
-bool isAddress(const std::string& host) {
-  in6_addr unused{};
-  return inet_pton(AF_INET, host.c_str(), &unused) == 1 || host.find(':') != std::string::npos;
-}
-
 /// An international name as it stands in certificates; any other as it is.
 std::string asciiName(const std::string& host) {
   const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
@@ -306,20 +301,52 @@ std::string asciiName(const std::string& host) {
     uselocale(before);
     freelocale(utf8);
   }
+  if (name.size() > 1 && name.ends_with('.')) {
+    name.pop_back();  // which no certificate has
+  }
   return name;
 }
 
-/// Tells OpenSSL what the certificate has to be for.
-bool expect(SSL* connection, const std::string& host) {
-  X509_VERIFY_PARAM* expected = SSL_get0_param(connection);
-  if (isAddress(host)) {
-    const std::string plain = host.substr(0, host.find('%'));  // no certificate names a zone
-    return X509_VERIFY_PARAM_set1_ip_asc(expected, plain.c_str()) == 1;
+/// Tells the server which host it is asked as; an address is no name.
+bool askFor(SSL* connection, const std::string& host) {
+  return isAddressLiteral(host) ||
+         SSL_set_tlsext_host_name(connection, asciiName(host).c_str()) == 1;
+}
+
+bool hasAlternativeNames(const X509* certificate) {
+  const Names names(static_cast<GENERAL_NAMES*>(
+      X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+  for (int i = 0; names && i < sk_GENERAL_NAME_num(names.get()); ++i) {
+    const int type = sk_GENERAL_NAME_value(names.get(), i)->type;
+    if (type == GEN_DNS || type == GEN_IPADD) {
+      return true;
+    }
   }
-  X509_VERIFY_PARAM_set_hostflags(expected, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-  const std::string name = asciiName(host);
-  return X509_VERIFY_PARAM_set1_host(expected, name.c_str(), name.size()) == 1 &&
-         SSL_set_tlsext_host_name(connection, name.c_str()) == 1;
+  return false;
+}
+
+/// Whether the certificate is for the host, by the rule of the probes: only where it has no
+/// alternative name of either kind its common name counts, for an address too. OpenSSL's own rule
+/// is another, so it is asked for single comparisons.
+bool isFor(X509* certificate, const std::string& host) {
+  const bool isAddress = isAddressLiteral(host);
+  const std::string name =
+      isAddress ? host.substr(0, host.find('%')) : asciiName(host);  // no certificate names a zone
+  if (!hasAlternativeNames(certificate)) {
+    const unsigned int flags =
+        isAddress ? X509_CHECK_FLAG_NO_WILDCARDS : X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS;
+    return X509_check_host(certificate, name.c_str(), name.size(), flags, nullptr) == 1;
+  }
+  return isAddress ? X509_check_ip_asc(certificate, name.c_str(), 0) == 1
+                   : X509_check_host(
+                         certificate, name.c_str(), name.size(),
+                         X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT,
+                         nullptr) == 1;
+}
+
+std::string mismatchWith(const std::string& host) {
+  return X509_verify_cert_error_string(isAddressLiteral(host) ? X509_V_ERR_IP_ADDRESS_MISMATCH
+                                                              : X509_V_ERR_HOSTNAME_MISMATCH);
 }
 
 Context makeContext() {
@@ -384,7 +411,8 @@ bool shakeHands(SSL* connection, Wire& wire, BIO* fromServer, BIO* toServer) {
   }
 }
 
-void describe(SSL* connection, const Gathered& gathered, TlsInspection& inspection) {
+void describe(SSL* connection, const std::string& host, const Gathered& gathered,
+              TlsInspection& inspection) {
   if (inspection.problem.empty()) {
     inspection.version = SSL_get_version(connection);
     inspection.cipher = SSL_get_cipher_name(connection);
@@ -394,6 +422,9 @@ void describe(SSL* connection, const Gathered& gathered, TlsInspection& inspecti
   if (X509* certificate = SSL_get0_peer_certificate(connection); certificate != nullptr) {
     inspection.certificate = summaryOf(certificate);
     inspection.certificate->doubts = gathered.doubts;
+    if (!isFor(certificate, host)) {
+      inspection.certificate->doubts.push_back(mismatchWith(host));
+    }
   }
 }
 
@@ -417,7 +448,7 @@ TlsInspection inspectTls(const CheckedAddress& address, const std::string& host,
   }
   SSL_set_bio(connection.get(), fromServer, toServer);  // which owns them now
   ERR_clear_error();
-  if (!expect(connection.get(), host)) {
+  if (!askFor(connection.get(), host)) {
     inspection.problem = "cannot be asked for a certificate of that name";
     return inspection;
   }
@@ -426,7 +457,7 @@ TlsInspection inspectTls(const CheckedAddress& address, const std::string& host,
   const bool isDone = shakeHands(connection.get(), wire, fromServer, toServer);
   inspection.problem = problemOf(wire, isDone);
   inspection.speaksTls = isTls(wire.firstByte());
-  describe(connection.get(), gathered, inspection);
+  describe(connection.get(), host, gathered, inspection);
   ERR_clear_error();
   return inspection;
 }

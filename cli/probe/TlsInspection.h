@@ -14,7 +14,7 @@ struct CertificateSummary {
   std::string issuer;
   std::string validFrom;   ///< "2026-11-18T09:12:44Z"
   std::string validUntil;  ///< the same
-  long daysLeft = 0;       ///< whole days until then; less than 0 when it is over
+  long daysLeft = 0;       ///< whole days until then; -1 on the first day after, then -2
   bool isExpired = false;
   std::vector<std::string> names;   ///< that it is for
   std::size_t moreNames = 0;        ///< there are so many more

@@ -1,5 +1,6 @@
 // What a worker of a selection would make of probes that were sent without it. The rules are the
-// worker's own; only the loop around them stands here once more, without a selection.
+// worker's own; only the loop around them stands here once more, without a selection, and its time
+// limit for a probe, which these probes may have exceeded.
 
 #include "cli/probe/WorkerView.h"
 
@@ -9,8 +10,11 @@
 #include "cli/select/ProbeRecorder.h"
 #include "cli/select/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/include/HttpSession.h"
 
 namespace {
+
+using std::chrono::milliseconds;
 
 /// The worker, as far as the probes have led it.
 struct Worker {
@@ -19,11 +23,28 @@ struct Worker {
   unsigned int failures = 0;
   bool hasGivenUp = false;
   bool isLate = false;  // the time limit of the selection came first
+  bool hasTimedOut = false;
+  milliseconds saved{0};  // by which its probes were over sooner than these
 };
+
+/// A probe as a worker would have it, which waits for none longer than for its own.
+EndedProbe asSent(const EndedProbe& probe, const ProbePlan& plan, Worker& worker) {
+  const auto took = std::chrono::microseconds(probe.report.totalUs);
+  EndedProbe own = probe;
+  if (plan.timeout > plan.selectionTimeout && took > plan.selectionTimeout) {
+    worker.view.lateAnswers += ProbeRecorder::isSample(probe.report.status) ? 1 : 0;
+    worker.saved += std::chrono::floor<milliseconds>(took - plan.selectionTimeout);
+    own.report.status = HTTP_SESSION_ERROR_TIMEOUT;
+    own.report.rttMs = 0;
+  }
+  own.endedAfter -= worker.saved;
+  return own;
+}
 
 void take(const EndedProbe& probe, Worker& worker) {
   worker.track.ended.push_back(probe.report);
   ++worker.view.probes;
+  worker.hasTimedOut = worker.hasTimedOut || probe.report.status == HTTP_SESSION_ERROR_TIMEOUT;
   switch (worthOfProbe(probe.report.status)) {
     case ProbeWorth::Sample:
     case ProbeWorth::SampleDespiteError:
@@ -36,6 +57,18 @@ void take(const EndedProbe& probe, Worker& worker) {
       worker.hasGivenUp = true;
       break;
   }
+}
+
+/// What a time limit other than a selection's has to do with it.
+std::string limitInWords(const Worker& worker, const ProbePlan& plan) {
+  const std::string limit =
+      std::to_string(plan.selectionTimeout.count()) + " s (SelectionPingTimeout)";
+  if (worker.view.lateAnswers > 0) {
+    return " A selection waits for an answer no longer than " + limit + ".";
+  }
+  return worker.hasTimedOut && plan.timeout < plan.selectionTimeout
+             ? " A selection waits longer for an answer, " + limit + ", and may get one."
+             : "";
 }
 
 std::string whyOf(const Worker& worker, const ProbePlan& plan) {
@@ -76,18 +109,19 @@ WorkerView workerViewOf(const ProbePlan& plan, const std::vector<EndedProbe>& pr
     if (worker.hasGivenUp || worker.view.probes == wanted) {
       break;
     }
-    worker.isLate = probe.endedAfter > plan.selectionLimit;
+    const EndedProbe own = asSent(probe, plan, worker);
+    worker.isLate = own.endedAfter > plan.selectionLimit;
     if (worker.isLate) {
       break;
     }
-    take(probe, worker);
+    take(own, worker);
   }
   WorkerView& view = worker.view;
   if (!worker.isLate && !worker.hasGivenUp && !view.samplesMs.empty()) {
     view.metricMs = metricOfSamples(view.samplesMs, wanted);
   }
   view.outcome = outcomeOf(&worker.track, view.metricMs.has_value(), false);
-  view.why = whyOf(worker, plan);
+  view.why = whyOf(worker, plan) + limitInWords(worker, plan);
   return view;
 }
 

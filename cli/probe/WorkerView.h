@@ -18,6 +18,7 @@ struct EndedProbe {
 /// What a selection would make of a headend whose probes end like these.
 struct WorkerView {
   std::size_t probes = 0;                ///< how many of them it would take
+  std::size_t lateAnswers = 0;           ///< that came when its own probes had timed out
   std::vector<unsigned int> samplesMs;   ///< that it would take from them
   std::optional<unsigned int> metricMs;  ///< none: the headend would have no result
   std::string outcome;                   ///< see `outcomeOf`

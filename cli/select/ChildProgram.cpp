@@ -34,6 +34,7 @@ constexpr milliseconds LongestWait{std::chrono::hours(24)};
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) {
     pointers.push_back(text.data());
   }

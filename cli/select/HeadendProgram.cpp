@@ -68,6 +68,7 @@ std::vector<std::string> commandFor(const std::vector<std::string>& command,
                                     const ChosenHeadend& chosen) {
   const Parts parts = partsOf(chosen.headend);
   std::vector<std::string> result;
+  result.reserve(command.size());
   for (const std::string& argument : command) {
     result.push_back(replaced(
         argument,

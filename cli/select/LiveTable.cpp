@@ -1,21 +1,25 @@
 // The table that is drawn while headends are measured. It owns the lines at the terminal's cursor
 // from its first drawing until it is removed; whoever else writes to the terminal removes it first.
-// No line is as wide as the terminal, so that none is wrapped and all can be found again.
+// No line is as wide as the terminal, so that none is wrapped and all can be found again; when the
+// terminal has become narrower since, it is known how many rows each of them takes now.
 
 #include "cli/select/LiveTable.h"
 
+#include <locale.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <wchar.h>
 
 #include <algorithm>
+#include <iterator>
 #include <thread>
 
 #include "cli/Console.h"
 #include "cli/select/SelectionResult.h"
-#include "vpn/include/HttpSession.h"
+#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 
 namespace {
 
@@ -38,8 +42,9 @@ constexpr std::size_t NumberColumns = 7;
 // Below this a bar tells nothing, and its columns are better used for words.
 constexpr std::size_t NarrowestBar = 8;
 constexpr std::size_t WidestBar = 30;
-// The second failure to connect ends a worker.
-constexpr long FailuresThatEnd = 2;
+constexpr const char* Dots = "...";
+// Below this an address is not known again with a round trip beside it.
+constexpr std::size_t NarrowestHeadend = 8;
 
 bool isSet(const char* variable) {
   const char* value = getenv(variable);
@@ -59,11 +64,50 @@ bool takesUtf8() {
 
 winsize terminalSize() {
   winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
-    size.ws_col = UsualWidth;
-    size.ws_row = UsualHeight;
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0) {
+    size = {};
   }
+  size.ws_col = size.ws_col == 0 ? UsualWidth : size.ws_col;
+  size.ws_row = size.ws_row == 0 ? UsualHeight : size.ws_row;
   return size;
+}
+
+/// Whether the terminal that becomes narrower wraps what stands on it, as most do; the others cut
+/// it off.
+bool wrapsAnew() {
+  const char* terminal = getenv("TERM");
+  if (isSet("TMUX")) {
+    return true;
+  }
+  return !isSet("STY") && !isSet("XTERM_VERSION") &&
+         (terminal == nullptr || strcmp(terminal, "linux") != 0);
+}
+
+/// Columns that a line of UTF-8 takes on a terminal, its colours none. Unlike the estimate that
+/// lines are laid out with this goes by each character.
+std::size_t columnsShown(const std::string& line) {
+  const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  const locale_t before = utf8 == nullptr ? nullptr : uselocale(utf8);
+  std::size_t columns = 0;
+  mbstate_t state{};
+  for (std::size_t i = 0; i < line.size();) {
+    if (line[i] == '\x1b') {
+      i = std::min(line.find('m', i), line.size() - 1) + 1;
+      continue;
+    }
+    wchar_t character = 0;
+    const std::size_t length = mbrtowc(&character, line.data() + i, line.size() - i, &state);
+    const bool isCharacter = length > 0 && length <= line.size() - i;
+    const int width = isCharacter ? wcwidth(character) : 1;
+    columns += static_cast<std::size_t>(std::max(width, 0));
+    i += isCharacter ? length : 1;
+    state = isCharacter ? state : mbstate_t{};
+  }
+  if (utf8 != nullptr) {
+    uselocale(before);
+    freelocale(utf8);
+  }
+  return columns;
 }
 
 /// Columns that a character takes, by its first byte in UTF-8; 0 within a character. Letters up to
@@ -100,18 +144,68 @@ std::string cut(const std::string& text, std::size_t columns) {
   return text;
 }
 
+/// The end of `text`, as much as fits.
+std::string lastOf(const std::string& text, std::size_t columns) {
+  std::size_t start = text.size();
+  std::size_t used = 0;
+  for (std::size_t i = text.size(); i-- > 0;) {
+    used += columnsOf(text[i]);
+    if (used > columns) {
+      break;
+    }
+    start = columnsOf(text[i]) > 0 ? i : start;  // not within a character
+  }
+  return text.substr(start);
+}
+
+/// As much of both ends of `text` as fits: addresses differ in their hosts and in their ports.
+std::string cutInTheMiddle(const std::string& text, std::size_t columns) {
+  const std::size_t dots = strlen(Dots);
+  if (columnsOf(text) <= columns || columns < NarrowestHeadend) {
+    return cut(text, columns);
+  }
+  const std::string end = lastOf(text, (columns - dots) / 2);
+  return cut(text, columns - dots - columnsOf(end)) + Dots + end;
+}
+
 std::string padded(const std::string& text, std::size_t columns) {
-  const std::string fitting = cut(text, columns);
+  const std::string fitting = cutInTheMiddle(text, columns);
   return fitting + std::string(columns - columnsOf(fitting), ' ');
 }
 
-std::string headline(const LiveState& state, const char* before, const char* after) {
+/// How far the measurement is, around the number of answers.
+struct Headline {
+  std::string before;
+  std::string answered;
+  std::string after;
+
+  std::string plain() const { return before + answered + after; }
+};
+
+Headline headline(const LiveState& state) {
   const auto left = std::max(state.budget - state.elapsed, std::chrono::milliseconds(0));
   char rest[96];
   snprintf(rest, sizeof rest, " headends answered, %u probe%s done, %.1f s left", state.probesEnded,
            state.probesEnded == 1 ? "" : "s", static_cast<double>(left.count()) / 1000.0);
-  return "Measuring: " + (before + std::to_string(state.answered)) + " of " +
-         std::to_string(state.rows.size()) + after + rest;
+  return {"Measuring: ",
+          std::to_string(state.answered) + " of " + std::to_string(state.rows.size()), rest};
+}
+
+/// The same for a narrow window: without what can be missed.
+Headline shortHeadline(const LiveState& state) {
+  Headline line = headline(state);
+  return {"", line.answered, " answered" + line.after.substr(line.after.rfind(','))};
+}
+
+std::string fittingHeadline(const LiveState& state, const LiveLook& look) {
+  Headline line = headline(state);
+  if (line.plain().size() >= look.width) {
+    line = shortHeadline(state);
+  }
+  if (line.plain().size() >= look.width) {
+    return cut(line.plain(), look.width > 0 ? look.width - 1 : 0);
+  }
+  return look.colour ? line.before + Bold + line.answered + Plain + line.after : line.plain();
 }
 
 unsigned int smallestOf(const LiveRow& row) {
@@ -148,6 +242,12 @@ std::size_t startOf(const Layout& layout) {
   return layout.headend + (layout.name == 0 ? 0 : Gap + layout.name);
 }
 
+/// Addresses go before all but the round trip, and where that has no room either before all.
+std::size_t widestHeadend(std::size_t width) {
+  constexpr std::size_t Rest = Gap + NumberColumns;
+  return width < NarrowestHeadend + Rest ? width : width - Rest;
+}
+
 Layout layOut(const std::vector<const LiveRow*>& rows, const LiveLook& look) {
   Layout layout;
   layout.width = look.width > 0 ? look.width - 1 : 0;
@@ -162,13 +262,13 @@ Layout layOut(const std::vector<const LiveRow*>& rows, const LiveLook& look) {
     layout.largest = std::max(layout.largest, smallestOf(*row));
   }
   layout.width -= std::min(layout.width, surplus);
-  // The rest is for what changes.
+  // The other half is for what changes, as far as the addresses leave it.
   const std::size_t half = layout.width / 2;
-  layout.headend = std::min(layout.headend, half);
+  layout.headend = std::min(layout.headend, widestHeadend(layout.width));
   layout.name = layout.headend + Gap + name <= half ? name : 0;
   // A quarter of the rest: the words at the end need more.
   constexpr std::size_t Share = 4;
-  const std::size_t bar = (layout.width - startOf(layout)) / Share;
+  const std::size_t bar = (layout.width - std::min(layout.width, startOf(layout))) / Share;
   layout.bar = bar < NarrowestBar ? 0 : std::min(bar, WidestBar);
   return layout;
 }
@@ -190,12 +290,29 @@ std::string bar(const LiveRow& row, const Layout& layout, const LiveLook& look) 
   return coloured + std::string(layout.bar - filled + Gap, ' ');
 }
 
-std::string rowLine(const LiveRow& row, const Layout& layout, const LiveLook& look) {
+/// The samples that fit, none of them in part: that would be another number.
+std::string fittingSamples(const std::vector<unsigned int>& samplesMs, std::size_t columns) {
+  std::string text = samplesText(samplesMs, " ");
+  while (text.size() > columns) {
+    const std::size_t blank = text.rfind(' ');
+    text.resize(blank == std::string::npos ? 0 : blank);
+  }
+  return text;
+}
+
+/// What changes in a row: its smallest round trip, all of them, and what it waits for.
+std::string wordsOf(const LiveRow& row, std::size_t columns) {
   const std::string number = row.samplesMs.empty() ? "" : std::to_string(smallestOf(row)) + " ms";
   const std::size_t shift = NumberColumns - std::min(NumberColumns, number.size());
-  std::string words =
-      std::string(shift, ' ') + number + std::string(Gap, ' ') + samplesText(row.samplesMs, " ");
-  words += row.waitsFor.empty() ? "" : (row.samplesMs.empty() ? "" : "  ") + row.waitsFor;
+  std::string words = std::string(shift, ' ') + number;
+  const std::size_t taken = std::min(columns, words.size() + Gap);
+  const std::string samples = fittingSamples(row.samplesMs, columns - taken);
+  words += std::string(samples.empty() && row.waitsFor.empty() ? 0 : Gap, ' ') + samples;
+  words += row.waitsFor.empty() ? "" : (samples.empty() ? "" : "  ") + row.waitsFor;
+  return cut(words, columns);
+}
+
+std::string rowLine(const LiveRow& row, const Layout& layout, const LiveLook& look) {
   const std::size_t used = startOf(layout) + Gap + (layout.bar == 0 ? 0 : layout.bar + Gap);
   std::string start = padded(Console::visible(row.headend), layout.headend);
   if (layout.name > 0) {
@@ -204,17 +321,13 @@ std::string rowLine(const LiveRow& row, const Layout& layout, const LiveLook& lo
   if (used >= layout.width) {
     return cut(start, layout.width);
   }
-  return start + std::string(Gap, ' ') + bar(row, layout, look) + cut(words, layout.width - used);
+  return start + std::string(Gap, ' ') + bar(row, layout, look) + wordsOf(row, layout.width - used);
 }
 
 }  // namespace
 
 std::vector<std::string> liveTable(const LiveState& state, const LiveLook& look) {
-  const std::string plain = headline(state, "", "");
-  const bool fits = plain.size() < look.width;
-  std::vector<std::string> lines = {!fits         ? cut(plain, look.width > 0 ? look.width - 1 : 0)
-                                    : look.colour ? headline(state, Bold, Plain)
-                                                  : plain};
+  std::vector<std::string> lines = {fittingHeadline(state, look)};
   std::vector<const LiveRow*> rows = ordered(state.rows);
   // The headline, and the line that counts the rest; one is left free for the shell's prompt.
   constexpr std::size_t OtherLines = 3;
@@ -231,7 +344,7 @@ std::vector<std::string> liveTable(const LiveState& state, const LiveLook& look)
   return lines;
 }
 
-std::string liveLine(const LiveState& state) { return headline(state, "", ""); }
+std::string liveLine(const LiveState& state) { return headline(state).plain(); }
 
 LiveRow liveRowOf(const Candidate& candidate, const ProbeRecorder::Track* track,
                   unsigned int probes) {
@@ -242,17 +355,21 @@ LiveRow liveRowOf(const Candidate& candidate, const ProbeRecorder::Track* track,
     row.waitsFor = "waits to be measured";
     return row;
   }
-  long failures = 0;
+  if (track->started == 0 && track->testing > 0) {
+    row.waitsFor = "waits for the test of the way there";
+    return row;
+  }
+  unsigned int failures = 0;
   bool isUnknown = false;
   for (const HttpProbe::Report& probe : track->ended) {
-    isUnknown = isUnknown || probe.status == HTTP_SESSION_ERROR_DNS_RESOLUTION;
+    const ProbeWorth worth = worthOfProbe(probe.status);
+    isUnknown = isUnknown || worth == ProbeWorth::Unresolved;
+    failures += worth == ProbeWorth::ConnectFailure ? 1 : 0;
     if (ProbeRecorder::isSample(probe.status)) {
       row.samplesMs.push_back(probe.rttMs);
-    } else {
-      ++failures;
     }
   }
-  if (isUnknown || failures >= FailuresThatEnd) {
+  if (isUnknown || failures >= MostConnectFailures) {
     row.waitsFor = outcomeOf(track, false, false);
   } else if (track->ended.size() < probes) {
     row.waitsFor = "waits for answer " + std::to_string(track->ended.size() + 1) + " of " +
@@ -268,7 +385,10 @@ bool LiveTable::isPossible() {
 }
 
 LiveTable::LiveTable()
-    : m_colour(!isSet("NO_COLOR")), m_blocks(takesUtf8()), m_linesDrawn(0), m_isClosed(false) {}
+    : m_colour(!isSet("NO_COLOR")),
+      m_wraps(wrapsAnew()),
+      m_blocks(takesUtf8()),
+      m_isClosed(false) {}
 
 void LiveTable::draw(const LiveState& state) {
   // A job in the background must not scribble over what its user is typing.
@@ -283,12 +403,14 @@ void LiveTable::draw(const LiveState& state) {
     return;
   }
   // Over the old one rather than in place of it: a table that goes and comes flickers.
-  std::string text = m_linesDrawn > 1 ? "\r\x1b[" + std::to_string(m_linesDrawn - 1) + "A" : "\r";
+  std::string text = toFirstLine(size.ws_col);
   for (std::size_t i = 0; i < lines.size(); ++i) {
     text += (i == 0 ? "" : "\n") + lines[i] + EraseToEndOfLine;
   }
-  m_linesDrawn = lines.size();
-  static_cast<void>(Console::write(STDERR_FILENO, text + EraseBelow));
+  m_columnsDrawn.clear();
+  std::ranges::transform(lines, std::back_inserter(m_columnsDrawn), columnsShown);
+  // At the start of its line the cursor stays where it is when the terminal wraps the line.
+  static_cast<void>(Console::write(STDERR_FILENO, text + EraseBelow + "\r"));
 }
 
 void LiveTable::close() {
@@ -325,11 +447,19 @@ void LiveTable::eraseForGood() {
   m_isClosed = true;
 }
 
-void LiveTable::erase() {
-  if (m_linesDrawn > 0) {
-    const std::string up =
-        m_linesDrawn > 1 ? "\x1b[" + std::to_string(m_linesDrawn - 1) + "A" : std::string();
-    static_cast<void>(Console::write(STDERR_FILENO, "\r" + up + EraseBelow));
+std::string LiveTable::toFirstLine(std::size_t width) const {
+  std::size_t rows = 0;
+  for (std::size_t i = 0; i + 1 < m_columnsDrawn.size(); ++i) {
+    const std::size_t wrapped = m_wraps ? (m_columnsDrawn[i] + width - 1) / width : 1;
+    rows += std::max<std::size_t>(wrapped, 1);
   }
-  m_linesDrawn = 0;
+  return rows > 0 ? "\r\x1b[" + std::to_string(rows) + "A" : "\r";
+}
+
+void LiveTable::erase() {
+  if (!m_columnsDrawn.empty()) {
+    static_cast<void>(
+        Console::write(STDERR_FILENO, toFirstLine(terminalSize().ws_col) + EraseBelow));
+  }
+  m_columnsDrawn.clear();
 }

@@ -36,7 +36,8 @@ struct LiveLook {
 
 /// The table as lines that fit, none of them wrapped, fewer than `height`: how far the measurement
 /// is, then the headends, nearest first, as many as there is room for. Names stand beside them
-/// where half of the width has room for both.
+/// where half of the width has room for both. In a narrow window addresses keep their room as long
+/// as a round trip fits beside them.
 std::vector<std::string> liveTable(const LiveState& state, const LiveLook& look);
 
 /// The same for where nothing can be drawn over: one line, without colour.
@@ -71,13 +72,16 @@ class LiveTable {
   void eraseInHaste();
 
  private:
+  /// What moves the cursor from where a drawing leaves it to the start of the first line.
+  std::string toFirstLine(std::size_t width) const AHS_REQUIRES(m_lock);
   void erase() AHS_REQUIRES(m_lock);
   void eraseForGood() AHS_REQUIRES(m_lock);
   bool lockInHaste() AHS_TRY_ACQUIRE(true, m_lock);
 
   const bool m_colour;
+  const bool m_wraps;
   const bool m_blocks;
   CManualLock m_lock;
-  std::size_t m_linesDrawn AHS_GUARDED_BY(m_lock);
+  std::vector<std::size_t> m_columnsDrawn AHS_GUARDED_BY(m_lock);  // of each line
   bool m_isClosed AHS_GUARDED_BY(m_lock);
 };

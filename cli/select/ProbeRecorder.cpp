@@ -27,20 +27,26 @@ bool ProbeRecorder::isSample(STATUSCODE status) {
 }
 
 void ProbeRecorder::ProbeStarted(const HttpProbe::Report& report) {
+  const CAutoLockT<CManualLock> guard(m_lock);
   if (isTestProbe(report)) {
+    ++m_tracks[placeOf(report.host, report.port)].testing;
     return;
   }
-  const CAutoLockT<CManualLock> guard(m_lock);
   ++m_tracks[placeOf(report.host, report.port)].started;
   ++m_progress.probesStarted;
 }
 
 void ProbeRecorder::ProbeEnded(const HttpProbe::Report& report) {
+  const Place place = placeOf(report.host, report.port);
+  const CAutoLockT<CManualLock> guard(m_lock);
+  Track& track = m_tracks[place];
   if (isTestProbe(report)) {
+    track.testing -= track.testing > 0 ? 1 : 0;
+    if (track.testing == 0 && track.started == 0 && track.ended.empty()) {
+      m_tracks.erase(place);  // it measures nothing
+    }
     return;
   }
-  const CAutoLockT<CManualLock> guard(m_lock);
-  Track& track = m_tracks[placeOf(report.host, report.port)];
   const bool isFirstAnswer = isSample(report.status) && !hasAnswered(track);
   track.ended.push_back(report);
   ++m_progress.probesEnded;

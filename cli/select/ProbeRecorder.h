@@ -8,13 +8,15 @@
 #include "vpn/include/Locks.h"
 
 /// Remembers every probe of the process that measures a headend. The probe that only tests the way
-/// through a proxy (it asks for all headers) is left out. Any thread may call anything.
+/// through a proxy (it asks for all headers) is known as long as it is out, and then left out. Any
+/// thread may call anything.
 class ProbeRecorder : public HttpProbe::Watcher {
  public:
   /// The probes of one place.
   struct Track {
     unsigned int started = 0;
     std::vector<HttpProbe::Report> ended;  ///< in the order in which they ended
+    unsigned int testing = 0;              ///< probes that test the way and are out
   };
   /// How far the measurement is.
   struct Progress {

@@ -40,6 +40,19 @@ std::string withoutLineEndsAndTabs(std::string text) {
   return text;
 }
 
+/// Characters that take no room; the joiners have letters that they belong to.
+bool hides(const std::string& text) {
+  for (const char* character :
+       {"\u061c", "\u200b", "\u2060", "\u2061", "\u2062", "\u2063", "\u2064", "\ufeff", "a\u200c",
+        "a\u200d", "\u200c\u200c", "\u200c\u200d", "\u200d\u200c", "\u200d\u200d", "\U000e0001",
+        "\U000e0041", "\U000e007f"}) {
+    if (text.find(character) != std::string::npos) {
+      return true;
+    }
+  }
+  return text.starts_with("\u200c") || text.starts_with("\u200d");
+}
+
 /// Characters that turn the direction of writing or separate lines.
 bool turnsOrSeparates(const std::string& text) {
   for (std::size_t at = text.find('\xe2'); at != std::string::npos;
@@ -60,6 +73,7 @@ void requireLegible(const std::string& text) {
     REQUIRE(shown.size() <= longest + LengthOfCut);
     REQUIRE(isLegible(withoutLineEndsAndTabs(shown)));
     REQUIRE(!turnsOrSeparates(shown));
+    REQUIRE(!hides(shown));
   }
   const std::string whole = legible(text, text.size() * LengthOfEscape);
   REQUIRE(legible(whole, whole.size()) == whole);

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <nlohmann/json.hpp>
 
 #include "tests/integration/running_program.h"
@@ -15,6 +16,7 @@
 #include "tests/support/RealServers.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TestAuthority.h"
 #include "tests/support/TestCertificates.h"
 
 namespace {
@@ -132,6 +134,42 @@ TEST_F(ProbeCommandTest, ASilentPortTimesOut) {
   EXPECT_THAT(outcome.err, HasSubstr("does not answer within 1 s"));
 }
 
+TEST_F(ProbeCommandTest, AnAnswerThatASelectionDoesNotWaitForIsNoResult) {
+  const std::string preferences = m_home.Write(
+      "preferences.xml",
+      "<preferences version=\"1\"><preference name=\"SelectionPingTimeout\" value=\"1000\"/>"
+      "</preferences>");
+  const tests::ScriptedServer server([](tests::Connection& connection) {
+    connection.readHead();
+    connection.wait(std::chrono::milliseconds(1300));
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+    connection.drain();
+  });
+  const Outcome outcome = run({"127.0.0.1:" + std::to_string(server.port()), "-c", "2", "--timeout",
+                               "30", "--preferences", preferences});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_THAT(outcome.out, HasSubstr("2 probes, 2 with a sample, 0 without (0 %)"));
+  EXPECT_THAT(outcome.out, HasSubstr("  metric:   none\n  outcome:  timed out\n"));
+  EXPECT_THAT(outcome.err, HasSubstr("answers, but not within the 1 s that a selection waits"));
+}
+
+TEST_F(ProbeCommandTest, AnIpv6AddressWithAZoneIsOneAsTheProbesHaveIt) {
+  tests::SilentListener silent("::1");
+  const Outcome outcome =
+      run({"[::1%25lo]:" + std::to_string(silent.Where().port), "-c", "1", "--timeout", "1"});
+  EXPECT_THAT(outcome.out, StartsWith("Probing [::1%25lo]:"));
+  EXPECT_THAT(outcome.out, HasSubstr("\n  ::1%lo  connected in "));
+  EXPECT_THAT(outcome.out, HasSubstr("; the probes went there\n"));
+}
+
+TEST_F(ProbeCommandTest, ALinkLocalAddressWithoutAZoneIsSaidToNeedOne) {
+  const Outcome outcome = run({"[fe80::7]", "-c", "2", "--timeout", "1"});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_THAT(outcome.out, HasSubstr("\n  fe80::7  needs a zone\n"));
+  EXPECT_THAT(outcome.err, HasSubstr("as in [fe80::7%25eth0]"));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("ame servers")));
+}
+
 TEST_F(ProbeCommandTest, ANameThatIsUnknownIsToldWithWhatToDo) {
   // Whatever the machine's name servers are, they know no such name (RFC 6761).
   const Outcome outcome = run({"no-such-gateway.invalid", "-c", "100"});
@@ -152,6 +190,21 @@ TEST_F(ProbeCommandTest, ExpiredAndSelfSignedCertificatesAreSaidToBe) {
   EXPECT_THAT(selfSigned["tls"]["certificate"]["doubts"], Contains(HasSubstr("self-signed")));
   EXPECT_EQ(selfSigned["tls"]["certificate"]["subject"],
             selfSigned["tls"]["certificate"]["issuer"]);
+}
+
+TEST_F(ProbeCommandTest, TheDaysSinceACertificateWasOverAreCounted) {
+  const tests::TestAuthority authority;
+  tests::TestAuthority::Subject subject;
+  subject.validFrom = -30L * 24 * 3600;
+  subject.validUntil = -5L * 24 * 3600 - 60;
+  const tests::TlsServerContext context(authority.issue(subject));
+  const tests::ScriptedServer server([&context](tests::Connection& connection) {
+    connection.startTls(context);
+    connection.drain();
+  });
+  const std::string where = "127.0.0.1:" + std::to_string(server.port());
+  EXPECT_THAT(run({where, "--secure", "-c", "1"}).out, HasSubstr(", expired 5 days ago\n"));
+  EXPECT_EQ(runJson({where, "--secure", "-c", "1"}, 0)["tls"]["certificate"]["daysLeft"], -6);
 }
 
 TEST_F(ProbeCommandTest, WhateverAGatewayDoesTheOutputIsWholeAndLegible) {
@@ -243,6 +296,27 @@ TEST_F(ProbeCommandTest, CtrlCSumsUpWhatWasMeasuredSoFar) {
   EXPECT_EQ(outcome.exitStatus, 128 + SIGINT);
   EXPECT_THAT(outcome.err, HasSubstr("2 probes, 2 with a sample, 0 without (0 %)"));
   EXPECT_THAT(outcome.err, Not(HasSubstr("In a selection")));
+}
+
+TEST_F(ProbeCommandTest, CtrlCAfterTheSumGivesTheVerdict) {
+  // It answers the probes, and then takes connections and says nothing.
+  std::atomic<int> connections = 0;
+  const tests::ScriptedServer server([&connections](tests::Connection& connection) {
+    if (connections++ == 0) {
+      for (int i = 0; i < 3 && !connection.readHead().empty(); ++i) {
+        connection.send(Welcome);
+      }
+    }
+    connection.waitForPeer();
+  });
+  Program program({"probe", "127.0.0.1:" + std::to_string(server.port()), "--timeout", "600"},
+                  environment(), Program::Terminal::All);
+  EXPECT_TRUE(program.waitForError(" ms of all samples")) << program.soFar().err;
+  program.type("\x03");
+  const Outcome outcome = program.finish();
+  EXPECT_EQ(outcome.exitStatus, 128 + SIGINT);
+  EXPECT_THAT(outcome.err, HasSubstr("In a selection of 3 probes a headend"));
+  EXPECT_THAT(outcome.err, HasSubstr("  outcome:  answered\r\n"));
 }
 
 TEST_F(ProbeCommandTest, InterruptedJsonIsNoJson) {

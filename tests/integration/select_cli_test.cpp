@@ -204,6 +204,61 @@ TEST_F(SelectCommandTest, AProxyThatAsksForAuthenticationIsNamedByItsRealm) {
                                      "office'"));
 }
 
+// ---- Why --------------------------------------------------------------------------------------
+
+TEST_F(SelectCommandTest, OnAReconnectionRatioAndThresholdAreExplained) {
+  const Gateway far(Far);
+  const Gateway near(Near);
+  const Outcome left = run({"select", "--explain", "--no-cache", far.address(), near.address(),
+                            "--reason", "reconnection", "--last", far.address()});
+  EXPECT_EQ(left.exitStatus, 0);
+  EXPECT_THAT(left.out, HasSubstr("\nWhy: Chose " + near.address() + ": "));
+  EXPECT_THAT(left.out, HasSubstr(", the smallest of 2 metrics.\n"));
+  EXPECT_THAT(left.out, HasSubstr("less than 1.20 times the best one's (SelectionImprovement 20"));
+  EXPECT_THAT(left.out, testing::ContainsRegex("  ratio: +3[0-9][0-9] / [0-9]+ = [0-9]+\\.[0-9]+, "
+                                               "not less: it goes\n"));
+  const Gateway alike(Far + Near);
+  const Outcome kept = run({"select", "--explain", "--no-cache", alike.address(), far.address(),
+                            "--reason", "reconnection", "--last", alike.address()});
+  EXPECT_THAT(kept.out, HasSubstr("\nWhy: Stays with " + alike.address() + ": "));
+  EXPECT_THAT(kept.out, testing::ContainsRegex("  ratio: +3[0-9][0-9] / 3[0-9][0-9] = [01]\\.[0-9]+"
+                                               ", less: it stays\n"));
+  EXPECT_THAT(kept.out, HasSubstr("up to the gateways' answers\n"));
+}
+
+TEST_F(SelectCommandTest, AHeadendWithoutAMetricIsExplained) {
+  const Gateway near(Near);
+  const ClosedGateway refusing;
+  const Outcome outcome = run({"select", "--explain", near.address(), refusing.address()});
+  EXPECT_THAT(outcome.out, HasSubstr("\nWhy: Chose " + near.address() + ": "));
+  EXPECT_THAT(outcome.out, HasSubstr(", the only metric.\n"));
+  EXPECT_THAT(outcome.out,
+              testing::ContainsRegex("  no metric: +" + refusing.address() + "  cannot connect\n"));
+}
+
+TEST_F(SelectCommandTest, ASelectionFromTheCacheIsExplainedAsOne) {
+  const Gateway near(Near);
+  EXPECT_THAT(run({"select", "--explain", near.address()}).out,
+              testing::ContainsRegex("  source: +measured now, in "));
+  EXPECT_THAT(run({"select", "--explain", near.address()}).out,
+              testing::ContainsRegex("  source: +the cache; measured [0-9]+ seconds? ago, asked "
+                                     "again after [0-9]+ days"));
+}
+
+TEST_F(SelectCommandTest, AGatewayThatAnswersMuchLaterThanItsNetworkIsOdd) {
+  writeFile(".config/ahs/preferences.xml", "<preferences version=\"1\">\n" +
+                                               preference("RoundTripTime", "network") +
+                                               "</preferences>\n");
+  const Gateway late(std::chrono::milliseconds(100));
+  const Outcome outcome = run({"select", "--explain", late.address()});
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, testing::ContainsRegex("  odd: +" + late.address() +
+                                                  "'s network answers in [0-9.]+ ms, it itself in "
+                                                  "[0-9.]+ ms\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("set the preference RoundTripTime to 'response'"));
+  EXPECT_THAT(outcome.out, HasSubstr("the network alone\n"));
+}
+
 // ---- What is printed --------------------------------------------------------------------------
 
 TEST_F(SelectCommandTest, TheTextIsTheReportOfTheLogAndTheOrderedList) {
@@ -359,6 +414,65 @@ TEST_F(SelectCommandTest, ATableIsShownOnATerminalAndRemoved) {
   EXPECT_THAT(outcome.err, HasSubstr("waits for answer 3 of 3"));
   EXPECT_THAT(outcome.err, testing::EndsWith(TableRemoved));
   EXPECT_THAT(outcome.out, StartsWith("*** QIB Selection Results ***\n"));
+}
+
+TEST_F(SelectCommandTest, TheRankingFollowsTheTableAndStays) {
+  const Gateway far(Far);
+  const Outcome outcome =
+      Program({"select", far.address()}, environment, Program::Terminal::All).finish();
+  EXPECT_EQ(outcome.exitStatus, 0);
+  const std::size_t removed = outcome.err.rfind(TableRemoved);
+  ASSERT_NE(removed, std::string::npos) << outcome.err;
+  const std::string last = outcome.err.substr(removed + TableRemoved.size());
+  EXPECT_THAT(last, StartsWith("*** QIB Selection Results ***\r\n"));
+  EXPECT_THAT(last, HasSubstr("Headends, in order of choice:\r\n   1. " + far.address()));
+  EXPECT_THAT(last, Not(HasSubstr("\x1b["))) << "nothing is drawn over it or erased";
+}
+
+TEST_F(SelectCommandTest, ATableInAWindowThatBecomesNarrowerIsFoundAgain) {
+  const SilentGateway silent;
+  Program program({"select", silent.address()}, environment, Program::Terminal::Errors, -1,
+                  {90, 24});
+  // Some 60 columns, and a row that the cursor stands at the start of.
+  ASSERT_TRUE(program.waitForNext("0 of 1\x1b[0m headends answered, 0 probes done, "));
+  ASSERT_TRUE(program.waitForNext("\x1b[J\r"));
+  program.resize({25, 24});
+  ASSERT_TRUE(program.waitForNext("\r\x1b[3A")) << program.soFar().err;
+  ASSERT_TRUE(program.waitForNext("\r\x1b[1A")) << "the lines of the new width are found too";
+  program.type("\x03");
+  EXPECT_THAT(program.finish().err, testing::EndsWith(TableRemoved));
+}
+
+TEST_F(SelectCommandTest, ATerminalThatCutsLinesOffKeepsWhatStandsAboveTheTable) {
+  environment.push_back("XTERM_VERSION=XTerm(379)");
+  const SilentGateway silent;
+  Program program({"select", silent.address()}, environment, Program::Terminal::Errors, -1,
+                  {90, 24});
+  ASSERT_TRUE(program.waitForNext("headends answered"));
+  program.resize({25, 24});
+  ASSERT_TRUE(program.waitForNext(" answered, "));
+  program.type("\x03");
+  EXPECT_THAT(program.finish().err, Not(HasSubstr("\x1b[3A")));
+}
+
+TEST_F(SelectCommandTest, ANarrowWindowShowsWholeAddressesAndTheTimeLeft) {
+  const SilentGateway silent;
+  Program program({"select", silent.address()}, environment, Program::Terminal::Errors, -1,
+                  {40, 0});
+  EXPECT_TRUE(program.waitForNext("\x1b[1m0 of 1\x1b[0m answered, ")) << program.soFar().err;
+  EXPECT_TRUE(program.waitForNext(" s left")) << program.soFar().err;
+  EXPECT_TRUE(program.waitForNext("\n" + silent.address() + " ")) << program.soFar().err;
+  program.type("\x03");
+  EXPECT_EQ(program.finish().exitStatus, 130);
+}
+
+TEST_F(SelectCommandTest, WhileTheWayIsTestedTheTableSaysSo) {
+  const SilentGateway silent;
+  Program program({"select", silent.address()}, environment, Program::Terminal::Errors);
+  EXPECT_TRUE(program.waitForNext("waits for the test of the way there")) << program.soFar().err;
+  EXPECT_TRUE(program.waitForNext("waits for answer 1 of 3")) << program.soFar().err;
+  program.type("\x03");
+  EXPECT_EQ(program.finish().exitStatus, 130);
 }
 
 TEST_F(SelectCommandTest, TheTableHasNoColourWhenTheUserWantsNone) {

@@ -85,9 +85,12 @@ TestAuthority::TestAuthority() {
 TestAuthority::~TestAuthority() { unlink(m_file.c_str()); }
 
 IssuedCertificate TestAuthority::issue(const Subject& subject) const {
-  IssuedCertificate made = makeCertificate("Test server", subject.validFrom, subject.validUntil);
+  IssuedCertificate made =
+      makeCertificate(subject.commonName, subject.validFrom, subject.validUntil);
   X509_set_issuer_name(x509(made), X509_get_subject_name(x509(m_own)));
-  addExtension(x509(made), x509(m_own), NID_subject_alt_name, subject.alternativeNames);
+  if (!subject.alternativeNames.empty()) {
+    addExtension(x509(made), x509(m_own), NID_subject_alt_name, subject.alternativeNames);
+  }
   X509_sign(x509(made), key(m_own), EVP_sha256());
   return made;
 }

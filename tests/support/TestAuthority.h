@@ -15,7 +15,8 @@ struct IssuedCertificate {
 class TestAuthority {
  public:
   struct Subject {
-    /// As in the extension subjectAltName of openssl-x509v3_config(5).
+    std::string commonName = "Test server";
+    /// As in the extension subjectAltName of openssl-x509v3_config(5); empty for none.
     std::string alternativeNames = "IP:127.0.0.1,IP:::1,DNS:localhost";
     /// Seconds from now.
     long validFrom = -3600;

@@ -71,7 +71,7 @@ TEST(LiveTable, FitsEveryWidth) {
 
 TEST(LiveTable, LeavesTheBarOutInANarrowWindow) {
   EXPECT_THAT(liveTable(someState(), look(24)),
-              ElementsAre("Measuring: 2 of 3 heade", "near    25 ms  26 25 30",
+              ElementsAre("2 of 3 answered, 7.4 s ", "near    25 ms  26 25 30",
                           "far    100 ms  100 110 ", "lost           waits fo"));
 }
 
@@ -85,13 +85,30 @@ TEST(LiveTable, FitsEveryHeightAndCountsTheRest) {
   EXPECT_EQ(lines[2], "and 2 more");
 }
 
-TEST(LiveTable, NamesTakeNoMoreThanHalfOfTheWidth) {
+TEST(LiveTable, AnAddressLeavesRoomForTheRoundTripAndIsCutInTheMiddle) {
   LiveState state = someState();
-  state.rows[0].headend = std::string(200, 'x');
-  for (const std::string& line : liveTable(state, look(60))) {
-    EXPECT_LT(line.size(), 60U);
+  state.rows[0].headend = "gw" + std::string(200, 'x') + ".example.com:8443";
+  for (std::size_t width = 0; width < 100; ++width) {
+    for (const std::string& line : liveTable(state, look(width))) {
+      EXPECT_LT(line.size(), std::max<std::size_t>(width, 1)) << width;
+    }
   }
-  EXPECT_THAT(liveTable(state, look(60))[2], HasSubstr(" 100 ms "));
+  EXPECT_EQ(liveTable(state, look(60))[2],
+            "gwxxxxxxxxxxxxxxxxxxxxxx...xxxxxx.example.com:8443   100 ms");
+  EXPECT_THAT(liveTable(state, look(14))[2], StartsWith("gwxxx...:8443"))
+      << "alone where there is room for nothing else";
+}
+
+TEST(LiveTable, ANarrowWindowShowsWholeAddressesAndTheTimeLeft) {
+  LiveState state = someState();
+  state.rows = {{"127.0.0.1:21201", "", {100, 110}, "waits for answer 3 of 3"},
+                {"127.0.0.1:21202", "", {}, "waits for answer 1 of 3"}};
+  EXPECT_THAT(liveTable(state, look(40)),
+              ElementsAre("2 of 2 answered, 7.4 s left", "127.0.0.1:21201   100 ms  100 110  wait",
+                          "127.0.0.1:21202           waits for ans"));
+  EXPECT_THAT(liveTable(state, look(30)),
+              ElementsAre("2 of 2 answered, 7.4 s left", "127.0.0.1:21201   100 ms  100",
+                          "127.0.0.1:21202           wai"));
 }
 
 TEST(LiveTable, ShowsNamesBesideTheAddressesWhereHalfOfTheWidthHasRoomForBoth) {
@@ -118,7 +135,7 @@ TEST(LiveTable, CutsNamesBetweenCharacters) {
   LiveState state = someState();
   state.rows = {{"\u6771\u4eac\u6771\u4eac\u6771\u4eac", "", {5}, ""}};
   // Ten columns of nineteen are left for the name: each character may take two.
-  EXPECT_THAT(liveTable(state, look(20))[1], StartsWith("\u6771\u4eac\u6771\u4eac "));
+  EXPECT_THAT(liveTable(state, look(20))[1], StartsWith("\u6771\u4eac...\u4eac "));
 }
 
 TEST(LiveTable, OneProbeIsOneProbe) {
@@ -152,6 +169,14 @@ TEST(LiveRow, HasTheNameOfTheHostEntryWhereItIsNotTheAddress) {
 TEST(LiveRow, OfAHeadendThatIsDoneWaitsForNothing) {
   const ProbeRecorder::Track done = track({0, HTTP_SESSION_ERROR_TIMEOUT, 0});
   EXPECT_THAT(liveRowOf(gateway(), &done, 3).waitsFor, IsEmpty());
+}
+
+TEST(LiveRow, TellsThatTheWayIsTested) {
+  ProbeRecorder::Track tested;
+  tested.testing = 1;
+  EXPECT_EQ(liveRowOf(gateway(), &tested, 3).waitsFor, "waits for the test of the way there");
+  tested.started = 1;
+  EXPECT_EQ(liveRowOf(gateway(), &tested, 3).waitsFor, "waits for answer 1 of 3");
 }
 
 TEST(LiveRow, TellsWhyNoMoreProbesAreSent) {

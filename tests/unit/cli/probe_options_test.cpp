@@ -39,6 +39,7 @@ TEST_F(ProbeOptionsTest, NothingGivenIsWhatAWorkerDoes) {
   EXPECT_EQ(plan.count, 3U);
   EXPECT_EQ(plan.selectionCount, 3U);
   EXPECT_EQ(plan.timeout, seconds(2));
+  EXPECT_EQ(plan.selectionTimeout, seconds(2));
   EXPECT_EQ(plan.selectionLimit, milliseconds(10000));
 }
 

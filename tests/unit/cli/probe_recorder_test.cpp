@@ -31,6 +31,18 @@ TEST(ProbeRecorder, TheProbeThatTestsTheWayIsLeftOut) {
   EXPECT_EQ(recorder.progress().probesEnded, 0U);
 }
 
+TEST(ProbeRecorder, TheProbeThatTestsTheWayIsKnownWhileItIsOut) {
+  ProbeRecorder recorder;
+  HttpProbe::Report test = report("gw", HTTP_SESSION_SUCCESS, 5);
+  test.options |= HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS;
+  recorder.ProbeStarted(test);
+  EXPECT_EQ(recorder.tracks().at(Place("gw", 443)).testing, 1U);
+  recorder.ProbeStarted(report("gw", 0));
+  recorder.ProbeEnded(test);
+  EXPECT_EQ(recorder.tracks().at(Place("gw", 443)).testing, 0U);
+  EXPECT_EQ(recorder.tracks().at(Place("gw", 443)).started, 1U);
+}
+
 TEST(ProbeRecorder, AHeadendThatAnswersTwiceCountsOnce) {
   ProbeRecorder recorder;
   for (int i = 0; i < 2; ++i) {

@@ -69,12 +69,13 @@ TEST(ProbeReport, TheHeadingSaysWhatIsProbedAndHow) {
             "Probing gw.example.com:443: 3 probes of plain HTTP, each 2 s at most\n");
   plan.secure = true;
   plan.count = 1;
-  plan.place = {"2001:db8::7", 8443};
+  plan.place = {"fe80::7%eth0", 8443};
   plan.entry = "Berlin\n";
   plan.profile = "europe.xml";
-  EXPECT_EQ(probeHeading(plan),
-            "Probing [2001:db8::7]:8443 (host entry 'Berlin\\x0a' of the profile 'europe.xml'): 1 "
-            "probe of HTTPS, each 2 s at most\n");
+  EXPECT_EQ(
+      probeHeading(plan),
+      "Probing [fe80::7%25eth0]:8443 (host entry 'Berlin\\x0a' of the profile 'europe.xml'): 1 "
+      "probe of HTTPS, each 2 s at most\n");
 }
 
 TEST(ProbeReport, AProbeIsALineWithItsSampleTimesAndStatus) {
@@ -135,6 +136,71 @@ TEST(ProbeReport, ACertificateThatIsNotTrustedSaysWhy) {
   EXPECT_THAT(text, HasSubstr("  asks for a client certificate\n"));
 }
 
+TEST(ProbeReport, DaysSinceTheEndOfACertificateAreWholeOnes) {
+  ProbeFindings findings = someFindings();
+  CertificateSummary& certificate = *findings.tls->certificate;
+  EXPECT_THAT(probeDetails(findings), HasSubstr(", 40 days left\n"));
+  certificate.isExpired = true;
+  certificate.daysLeft = -1;
+  EXPECT_THAT(probeDetails(findings), HasSubstr(", expired less than a day ago\n"));
+  certificate.daysLeft = -2;
+  EXPECT_THAT(probeDetails(findings), HasSubstr(", expired 1 day ago\n"));
+}
+
+TEST(ProbeReport, ANameThatLooksLikeSeveralOrNoneIsQuoted) {
+  ProbeFindings findings = someFindings();
+  findings.tls->certificate->names = {"gw.example.com", "a, b", "", "c\"", "d"};
+  EXPECT_THAT(probeDetails(findings),
+              HasSubstr("  names:    gw.example.com, \"a, b\", \"\", \"c\\x22\", d\n"));
+}
+
+TEST(ProbeReport, NoLossAndNoAnswerAreSaidOfNothingElse) {
+  ProbeFindings findings;
+  findings.plan = somePlan(400);
+  findings.probes.assign(400, answered(18));
+  EXPECT_THAT(probeSummary(findings), HasSubstr(" 0 without (0 %)"));
+  findings.probes[7] = failed(HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_THAT(probeSummary(findings), HasSubstr(" 1 without (1 %)"));
+  findings.probes.assign(400, failed(HTTP_SESSION_ERROR_TIMEOUT));
+  EXPECT_THAT(probeSummary(findings), HasSubstr(" 400 without (100 %)"));
+  findings.probes[7] = answered(18);
+  EXPECT_THAT(probeSummary(findings), HasSubstr(" 399 without (99 %)"));
+}
+
+TEST(ProbeReport, AnAnswerAfterTheTimeOfASelectionIsNoSilence) {
+  ProbeFindings findings;
+  findings.plan = somePlan(2);
+  findings.plan.timeout = std::chrono::seconds(6);
+  findings.probes = {answered(18), answered(18)};
+  for (EndedProbe& probe : findings.probes) {
+    probe.report.totalUs = 2'600'000;
+  }
+  EXPECT_THAT(probeAdvice(findings),
+              StartsWith("gw.example.com:443 answers, but not within the 2 s that a selection "
+                         "waits. The preference SelectionPingTimeout"));
+}
+
+TEST(ProbeReport, AnAddressIsAdvisedOnWithoutNameServers) {
+  ProbeFindings findings = unresolved();
+  findings.plan.place = {"fe80::7%nowhere", 443};
+  findings.addresses.problem = "this machine has no network interface 'nowhere'";
+  EXPECT_THAT(probeAdvice(findings),
+              AllOf(StartsWith("[fe80::7%25nowhere]:443 cannot be reached: this machine has no "
+                               "network interface 'nowhere'."),
+                    Not(HasSubstr("ame servers"))));
+  findings.plan.place = {"fe80::7", 443};
+  findings.probes = {failed(HTTP_SESSION_ERROR_CANNOT_CONNECT)};
+  findings.addresses.problem.clear();
+  findings.addresses.addresses = {address("fe80::7", "needs a zone")};
+  EXPECT_THAT(probeAdvice(findings), HasSubstr("add %25 and the name of the interface"));
+}
+
+TEST(ProbeReport, TheProbesWentToAnAddressWhateverItsZone) {
+  ProbeFindings findings = someFindings();
+  findings.addresses.addresses = {address("192.0.2.7%eth0", "connected")};
+  EXPECT_THAT(probeDetails(findings), HasSubstr("in 18.250 ms; the probes went there\n"));
+}
+
 TEST(ProbeReport, AHostEntryThatTakesNoPartIsSaidToBeOne) {
   ProbeFindings findings = someFindings();
   EXPECT_EQ(json::parse(probeJson(findings))["takesPart"], nullptr);
@@ -143,7 +209,11 @@ TEST(ProbeReport, AHostEntryThatTakesNoPartIsSaidToBeOne) {
   findings.plan.leftOut = "it is switched off";
   EXPECT_EQ(json::parse(probeJson(findings))["takesPart"], false);
   EXPECT_THAT(probeDetails(findings),
-              HasSubstr("But the host entry takes no part in a selection: it is switched off.\n"));
+              AllOf(HasSubstr("(SelectionPingsPerHeadend), if it took part, judged by"),
+                    HasSubstr("But the host entry takes no part in a selection: it is switched "
+                              "off.\n")));
+  findings.plan.leftOut.clear();
+  EXPECT_THAT(probeDetails(findings), Not(HasSubstr("took part")));
 }
 
 TEST(ProbeReport, AServerWithoutTlsIsSaidToBeOne) {

@@ -11,6 +11,7 @@ inline ProbePlan somePlan(unsigned int count) {
   plan.count = count;
   plan.timeout = std::chrono::seconds(2);
   plan.selectionCount = 3;
+  plan.selectionTimeout = plan.timeout;
   plan.selectionLimit = std::chrono::seconds(10);
   return plan;
 }

@@ -10,6 +10,7 @@
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TestAuthority.h"
 #include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/include/HttpSession.h"
 
 namespace {
 
@@ -84,10 +85,58 @@ TEST_F(TlsInspectionTest, EveryDoubtIsTold) {
   EXPECT_EQ(tls.problem, "");
   ASSERT_TRUE(tls.certificate);
   EXPECT_TRUE(tls.certificate->isExpired);
-  EXPECT_EQ(tls.certificate->daysLeft, -2);
+  EXPECT_EQ(tls.certificate->daysLeft, -3) << "the third day after has begun";
   EXPECT_THAT(tls.certificate->doubts, Contains(HasSubstr("hostname mismatch")));
   EXPECT_THAT(tls.certificate->doubts, Contains(HasSubstr("expired")));
   EXPECT_THAT(tls.certificate->doubts, Contains(HasSubstr("issuer")));
+}
+
+/// Whether a probe over TLS trusts the server.
+bool isTrustedByProbe(unsigned short port, const std::string& host) {
+  HttpProbe::HTTP_PROBE_RESULTS results;
+  const STATUSCODE status =
+      HttpProbe::SendHttpProbe(host, true, false, port, "", 10, PROXY_DATA(), 0, results);
+  return status != HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE;
+}
+
+TEST_F(TlsInspectionTest, IsOfOneMindWithTheProbesAboutTheHostOfACertificate) {
+  struct Case {
+    const char* commonName;
+    const char* alternativeNames;
+    const char* host;
+    bool isTrusted;
+  };
+  const Case cases[] = {
+      {"127.0.0.1", "", "127.0.0.1", true},
+      {"127.0.0.2", "", "127.0.0.1", false},
+      {"*.0.0.1", "", "127.0.0.1", false},
+      {"LOCALHOST", "", "localhost", true},
+      {"elsewhere.example", "", "localhost", false},
+      {"localhost", "IP:127.0.0.1", "localhost", false},
+      {"localhost", "DNS:elsewhere.example", "localhost", false},
+      {"127.0.0.1", "DNS:elsewhere.example", "127.0.0.1", false},
+      {"127.0.0.1", "DNS:127.0.0.1", "127.0.0.1", false},
+      {"localhost", "email:someone@example.com", "localhost", true},
+      {"elsewhere.example", "DNS:localhost", "localhost", true},
+      {"elsewhere.example", "IP:127.0.0.1", "127.0.0.1", true},
+  };
+  for (const Case& one : cases) {
+    const std::string what =
+        std::string(one.commonName) + ", " + one.alternativeNames + " for " + one.host;
+    TestAuthority::Subject subject;
+    subject.commonName = one.commonName;
+    subject.alternativeNames = one.alternativeNames;
+    const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(subject))));
+    const TlsInspection tls = inspect(server.port(), one.host);
+    ASSERT_TRUE(tls.certificate) << what;
+    EXPECT_EQ(tls.certificate->doubts.empty(), one.isTrusted) << what;
+    const ScriptedServer answering([&](Connection& connection) {
+      connection.startTls(TlsServerContext(m_authority.issue(subject)));
+      connection.readHead();
+      connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    EXPECT_EQ(isTrustedByProbe(answering.port(), one.host), one.isTrusted) << what;
+  }
 }
 
 TEST_F(TlsInspectionTest, AnInternationalNameIsComparedAsCertificatesHaveIt) {
@@ -199,6 +248,38 @@ TEST(AddressCheck, EachAddressIsTried) {
   const CheckedAddress* connected = findConnected(taken, "127.0.0.1");
   ASSERT_NE(connected, nullptr);
   EXPECT_EQ(connected->text, "127.0.0.1");
+}
+
+TEST(AddressCheck, AnyIpv6AddressTakesAZone) {
+  tests::SilentListener listening("::1");
+  const AddressCheck check = checkAddresses("::1%lo", listening.Where().port, Patience);
+  EXPECT_EQ(check.problem, "");
+  ASSERT_EQ(check.addresses.size(), 1U);
+  EXPECT_EQ(check.addresses[0].text, "::1%lo");
+  EXPECT_EQ(check.addresses[0].outcome, "connected");
+  EXPECT_NE(findConnected(check, "::1"), nullptr);
+  EXPECT_TRUE(isSameAddress(check.addresses[0], "::1")) << "as a probe tells it";
+  EXPECT_FALSE(isSameAddress(check.addresses[0], "::2"));
+  EXPECT_EQ(checkAddresses("::1%1", listening.Where().port, Patience).addresses[0].outcome,
+            "connected");
+}
+
+TEST(AddressCheck, AZoneThatIsNoInterfaceIsSaidToBeNone) {
+  const AddressCheck check = checkAddresses("fe80::7%nowhere", 443, Patience);
+  EXPECT_TRUE(check.addresses.empty());
+  EXPECT_EQ(check.problem, "this machine has no network interface 'nowhere'");
+}
+
+TEST(AddressCheck, AnAddressThatEachNetworkHasNeedsAZone) {
+  const AddressCheck check = checkAddresses("fe80::7", 443, Impatience);
+  ASSERT_EQ(check.addresses.size(), 1U);
+  EXPECT_EQ(check.addresses[0].outcome, "needs a zone");
+}
+
+TEST(AddressCheck, AnAddressIsNoName) {
+  EXPECT_TRUE(isAddressLiteral("192.0.2.7"));
+  EXPECT_TRUE(isAddressLiteral("fe80::7%eth0"));
+  EXPECT_FALSE(isAddressLiteral("gw.example.com"));
 }
 
 TEST(AddressCheck, AnAddressThatSaysNothingTimesOut) {

@@ -104,6 +104,50 @@ TEST(WorkerView, TheTimeLimitDoesNotConcernProbesThatASelectionDoesNotSend) {
             22U);
 }
 
+/// A probe that was waited for longer than a selection waits.
+EndedProbe answeredAfter(milliseconds time) {
+  EndedProbe probe = answered(25);
+  probe.report.totalUs = std::chrono::microseconds(time).count();
+  return probe;
+}
+
+TEST(WorkerView, AnAnswerThatComesAfterTheTimeLimitOfAWorkersProbeIsATimeOut) {
+  ProbePlan plan = somePlan(3);
+  plan.timeout = std::chrono::seconds(6);
+  const EndedProbe late = answeredAfter(milliseconds(2600));
+  const WorkerView view = workerViewOf(plan, {late, answered(24), late});
+  EXPECT_EQ(view.metricMs, std::nullopt);
+  EXPECT_EQ(view.lateAnswers, 2U);
+  EXPECT_EQ(view.outcome, "timed out");
+  EXPECT_THAT(view.why, HasSubstr("no longer than 2 s (SelectionPingTimeout)"));
+  EXPECT_EQ(workerViewOf(plan, {late, answered(24), answered(23)}).metricMs, 23U)
+      << "one of them costs a sample only";
+  EXPECT_EQ(workerViewOf(plan, {answeredAfter(milliseconds(2000))}).metricMs, 25U);
+}
+
+TEST(WorkerView, AWorkerIsDoneSoonerThanProbesThatWaitLonger) {
+  ProbePlan plan = somePlan(3);
+  plan.timeout = std::chrono::seconds(9);
+  EndedProbe late = answeredAfter(milliseconds(9000));
+  late.endedAfter = milliseconds(9000);
+  EndedProbe last = answered(24);
+  last.endedAfter = milliseconds(16999);
+  EXPECT_EQ(workerViewOf(plan, {late, answered(25), last}).metricMs, 24U)
+      << "its first probe was over 7 s sooner, its last after 9.999 s";
+  last.endedAfter = milliseconds(17001);
+  EXPECT_EQ(workerViewOf(plan, {late, answered(25), last}).outcome, "not finished in time");
+}
+
+TEST(WorkerView, AShorterTimeLimitThanAWorkersLeavesTheVerdictOpen) {
+  ProbePlan plan = somePlan(2);
+  plan.timeout = std::chrono::seconds(1);
+  const EndedProbe lost = failed(HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_THAT(workerViewOf(plan, {lost, lost}).why,
+              HasSubstr("A selection waits longer for an answer, 2 s (SelectionPingTimeout)"));
+  const EndedProbe refused = failed(HTTP_SESSION_ERROR_CANNOT_CONNECT);
+  EXPECT_THAT(workerViewOf(plan, {refused, refused}).why, testing::Not(HasSubstr("longer")));
+}
+
 TEST(Spread, TheMedianOfAnEvenNumberLiesBetweenTheTwoInTheMiddle) {
   const std::optional<Spread> spread = spreadOf({40, 10, -1, 30, 20});
   ASSERT_TRUE(spread);

@@ -27,36 +27,61 @@ std::size_t announcedLength(unsigned int lead) {
   return lead >= 0xf0 && lead < 0xf5 ? 4 : 0;
 }
 
+/// Characters that take no room: a name with one looks like another name, and a text in tags, which
+/// mirror ASCII, like none.
+bool isInvisible(unsigned int codePoint) {
+  return codePoint == 0x200b || (codePoint >= 0x2060 && codePoint <= 0x2065) ||
+         codePoint == 0xfeff || (codePoint >= 0xe0000 && codePoint <= 0xe007f);
+}
+
+/// The two joiners are as invisible, but Persian and many Indic names cannot be written without
+/// them.
+bool isJoiner(unsigned int codePoint) { return codePoint == 0x200c || codePoint == 0x200d; }
+
+/// Where one may stand: behind a letter of a script that comes after those of Europe, none of which
+/// has a use for it. In "example" it would hide.
+bool takesJoiner(unsigned int codePoint) {
+  constexpr unsigned int FirstArabic = 0x600;
+  return codePoint >= FirstArabic && !isJoiner(codePoint);
+}
+
 bool isHarmless(unsigned int codePoint, std::size_t length) {
   constexpr unsigned int smallest[] = {0, 0, 0x80, 0x800, 0x10000};
   const bool wellFormed = codePoint >= smallest[length] && codePoint <= 0x10ffff &&
                           !(codePoint >= 0xd800 && codePoint < 0xe000);
   const bool isControl = codePoint < 0xa0;  // 0x80 to 0x9f: some terminals obey them
-  const bool turnsOrSeparates = codePoint == 0x200e || codePoint == 0x200f ||
+  const bool turnsOrSeparates = codePoint == 0x61c || codePoint == 0x200e || codePoint == 0x200f ||
                                 (codePoint >= 0x2028 && codePoint <= 0x202e) ||
                                 (codePoint >= 0x2066 && codePoint <= 0x2069);
-  return wellFormed && !isControl && !turnsOrSeparates;
+  return wellFormed && !isControl && !turnsOrSeparates && !isInvisible(codePoint);
 }
 
-/// Length of the harmless character at `position`; 0 if what stands there has to be escaped.
-std::size_t characterLength(const std::string& text, std::size_t position) {
-  if (isPlain(text[position])) {
-    return 1;
-  }
+struct Character {
+  unsigned int codePoint = 0;
+  std::size_t length = 0;  ///< 0 if what stands there has to be escaped
+};
+
+/// The harmless character at `position`.
+/// @param before code point of the one before; 0 for none, and for one that was escaped.
+Character characterAt(const std::string& text, std::size_t position, unsigned int before) {
   const unsigned int lead = byteAt(text, position);
+  if (isPlain(text[position])) {
+    return {lead, 1};
+  }
   const std::size_t length = announcedLength(lead);
   if (length == 0) {
-    return 0;
+    return {};
   }
   unsigned int codePoint = lead & (0x7fU >> length);
   for (std::size_t i = 1; i < length; ++i) {
     const unsigned int next = byteAt(text, position + i);
     if ((next & 0xc0U) != 0x80) {
-      return 0;
+      return {};
     }
     codePoint = codePoint << 6U | (next & 0x3fU);
   }
-  return isHarmless(codePoint, length) ? length : 0;
+  const bool isLost = isJoiner(codePoint) && !takesJoiner(before);
+  return isHarmless(codePoint, length) && !isLost ? Character{codePoint, length} : Character{};
 }
 
 std::string escaped(unsigned int byte) {
@@ -72,15 +97,16 @@ std::string legible(std::string text, std::size_t maxLength) {
   }
   std::string result;
   result.reserve(std::min(text.size(), maxLength) + sizeof CutMark);
+  Character character;
   for (std::size_t position = 0; position < text.size();) {
-    const std::size_t length = characterLength(text, position);
-    const std::string piece =
-        length != 0 ? text.substr(position, length) : escaped(byteAt(text, position));
+    character = characterAt(text, position, character.codePoint);
+    const std::string piece = character.length != 0 ? text.substr(position, character.length)
+                                                    : escaped(byteAt(text, position));
     if (result.size() + piece.size() > maxLength) {
       return result + CutMark;
     }
     result += piece;
-    position += std::max(length, std::size_t{1});
+    position += std::max(character.length, std::size_t{1});
   }
   return result;
 }

@@ -11,6 +11,7 @@
 
 // [README]
 struct Client : ClientIfcBase {
+  // Success is 0, from the cache, and HEADENDSELECTION_ERROR_ADDED_TO_CACHE, measured now.
   void AHSSelectedHost(unsigned int, const std::vector<std::string>& headends, long status,
                        const std::string& realm) override {
     std::printf("%s: %s%s\n", statusCodeName(status), headends.empty() ? "-" : headends[0].c_str(),

@@ -1,11 +1,12 @@
 #!/bin/bash
 # The Debian packages in a machine that has nothing else: a root made with debootstrap, in which apt
 # installs them with what they depend on. There the command chooses among three gateways, and the
-# example of a client is compiled against the development files and chooses as well.
+# example of a client is compiled against the development files, by hand and by CMake, and chooses as well.
 #
 # Mirrors, keys and proxies are those of this machine's apt. The root without the packages is kept
 # for a day in CACHE-DIRECTORY, and so is what apt fetched. Mounts live in a namespace of their own and
-# go with it. Ends with 77, skipped, without root's rights or a mirror.
+# go with it. Ends with 77, skipped, without root's rights or a mirror;
+# with AHS_NO_SKIP in the environment that is a failure.
 # Usage: clean_root_test.sh SOURCE-DIRECTORY BUILD-DIRECTORY CACHE-DIRECTORY [PACKAGES-DIRECTORY]
 # Without PACKAGES-DIRECTORY the packages are made of what is compiled in BUILD-DIRECTORY.
 set -euo pipefail
@@ -15,6 +16,7 @@ fail() {
 }
 skip() {
   echo "skipped: $*"
+  [ -z "${AHS_NO_SKIP:-}" ] || fail "nothing is skipped here"
   exit 77
 }
 if [ "$1" != --inside ]; then
@@ -110,7 +112,8 @@ for package in ahs libahs0.1 libahs-dev; do
 done
 quiet install apt install /packages/ahs.deb /packages/libahs0.1.deb || fail "apt does not install the packages"
 
-for file in man/man1/ahs.1.gz man/man5/ahs-profile.5.gz bash-completion/completions/ahs; do
+for file in man/man1/ahs.1.gz man/man5/ahs-profile.5.gz bash-completion/completions/ahs \
+  doc/ahs/README.md doc/ahs/docs/cli.md doc/ahs/docs/result-page.png; do
   [ -e "$root/usr/share/$file" ] || fail "$file is missing"
 done
 
@@ -145,15 +148,19 @@ grep -qE "^ +1\. ${addresses[1]} +Near " "$scratch/selection" || fail "the neare
 [ "$(within env HOME=/root ahs select --no-proxy --quiet)" = "${addresses[1]}" ] || fail "the cache does not answer"
 
 phase "development files"
-quiet development apt install g++ pkg-config /packages/libahs-dev.deb || fail "apt does not install the development files"
-cp "$source/examples/embed/embed.cpp" "$root/root/client.cpp"
+quiet development apt install g++ pkg-config cmake make /packages/libahs-dev.deb || fail "apt does not install the development files"
+examples=/usr/share/doc/libahs-dev/examples
 # The flags are several words, and the root's.
 # shellcheck disable=SC2016
-quiet compile within sh -c 'cd /root && c++ -std=c++20 -o client client.cpp $(pkg-config --cflags --libs ahs)' ||
+quiet compile within sh -c "c++ -std=c++20 -o /root/client $examples/embed/embed.cpp"' $(pkg-config --cflags --libs ahs)' ||
   fail "the example does not compile against the packages"
-phase "a client"
-within /root/client /etc/ahs/profiles | tee "$scratch/client"
-grep -q "^HEADENDSELECTION_ERROR_ADDED_TO_CACHE: 127.0.0.1:" "$scratch/client" || fail "the client selects nothing"
+quiet configure within cmake -S "$examples/embed" -B /root/embed || fail "CMake does not find the packages"
+quiet build within cmake --build /root/embed || fail "the example is not built by its own CMakeLists.txt"
+for client in /root/client /root/embed/embed; do
+  phase "a client, $client"
+  within "$client" /etc/ahs/profiles | tee "$scratch/client"
+  grep -q "^HEADENDSELECTION_ERROR_ADDED_TO_CACHE: 127.0.0.1:" "$scratch/client" || fail "the client selects nothing"
+done
 
 phase "removal"
 quiet remove apt purge ahs libahs0.1 libahs-dev || fail "apt does not remove the packages"

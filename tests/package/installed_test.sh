@@ -20,11 +20,16 @@ cmake --install "$build" --prefix "$scratch/usr" >"$scratch/install.log" || { ca
 libdir=$(dirname "$(find "$scratch/usr" -name 'libahs.so')")
 
 echo "== names"
-nm -DC --defined-only "$libdir/libahs.so" | cut -d' ' -f3- | sort -u >"$scratch/names"
-grep -qx 'ahs_select' "$scratch/names" || fail "the C interface is not visible"
-grep -q '^CHeadendSelection::CHeadendSelection(' "$scratch/names" || fail "the selection is not visible"
 public='ahs_[a-z_]+$|statusCodeName|(vtable for |typeinfo (name )?for )?(CHeadendSelection|ApiRunnable|ClientIfcBase|CClientLibrary|ProxyIfc|C[A-Z][a-z]*ProxyProvider|CProxyProvider|CStringUtils|CAppLog|HttpProbe)\b|SecureString<'
-! grep -vE "^($public)" "$scratch/names" || fail "these names should stay inside"
+# only_public_names NM-OPTION LIBRARY
+only_public_names() {
+  nm "$1" -C --defined-only --extern-only "$2" | sed -n 's/^[0-9a-f]* [A-Zuvw] //p' | sort -u >"$scratch/names"
+  grep -qx 'ahs_select' "$scratch/names" || fail "$2: the C interface is not visible"
+  grep -q '^CHeadendSelection::CHeadendSelection(' "$scratch/names" || fail "$2: the selection is not visible"
+  ! grep -vE "^($public)" "$scratch/names" || fail "$2: these names should stay inside"
+}
+only_public_names --dynamic "$libdir/libahs.so"
+only_public_names --quiet "$libdir/libahs.a"
 
 echo "== headers, each alone"
 (cd "$scratch/usr/include/ahs" && find . -name '*.h') | while read -r header; do
@@ -78,6 +83,17 @@ cp "$source/examples/embed/embed.cpp" "$scratch/static-source"
 built "$scratch/static-source" "$scratch/static"
 selects static env -u LD_LIBRARY_PATH "$scratch/static/embed" "$scratch/profiles"
 
+echo "== a component that there is not"
+mkdir "$scratch/wrong"
+sed 's/find_package(ahs 0.1 REQUIRED)/find_package(ahs 0.1 REQUIRED COMPONENTS statik)/' \
+  "$source/examples/embed/CMakeLists.txt" >"$scratch/wrong/CMakeLists.txt"
+! cmake -S "$scratch/wrong" -B "$scratch/wrong/build" -DCMAKE_PREFIX_PATH="$scratch/usr" \
+  -DCMAKE_CXX_COMPILER="$cxx" >"$scratch/wrong.log" 2>&1 || fail "a component that there is not is found"
+grep -q 'there is no component statik; the only one is static' <(tr -s '\n ' ' ' <"$scratch/wrong.log") || {
+  cat "$scratch/wrong.log"
+  fail "it is not said which components there are"
+}
+
 echo "== pkg-config and C"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 sed 's|"capi/ahs.h"|<ahs.h>|' "$source/tests/capi/c_client.c" >"$scratch/client.c"
@@ -86,6 +102,22 @@ sed 's|"capi/ahs.h"|<ahs.h>|' "$source/tests/capi/c_client.c" >"$scratch/client.
 "$cc" -std=c11 -Wall -Wextra -Wpedantic -o "$scratch/client" "$scratch/client.c" \
   $(pkg-config --cflags --libs ahs) || fail "C does not link"
 selects c "$scratch/client" "${addresses[@]}"
+
+echo "== a client with names like those inside"
+objects=()
+for name in main names; do
+  objects+=("$scratch/$name.o")
+  "$cxx" -std=c++20 -Wall -Wextra -c -o "$scratch/$name.o" -I "$scratch/usr/include/ahs" \
+    "$source/tests/package/client/$name.cpp" || fail "the client does not compile"
+done
+# shellcheck disable=SC2046
+"$cxx" -o "$scratch/shared-client" "${objects[@]}" $(pkg-config --libs ahs) || fail "the shared library does not link"
+# The archive takes what it is made of, and that from shared libraries.
+# shellcheck disable=SC2046
+"$cxx" -o "$scratch/static-client" "${objects[@]}" \
+  "$libdir/libahs.a" $(pkg-config --libs $(pkg-config --print-requires-private ahs)) -lresolv -pthread || fail "the static library does not link"
+selects shared-client "$scratch/shared-client" "$scratch/profiles"
+selects static-client env -u LD_LIBRARY_PATH "$scratch/static-client" "$scratch/profiles"
 
 echo "== Python"
 selects python python3 "$source/examples/python/select_headend.py" "${addresses[@]}"

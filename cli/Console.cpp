@@ -63,6 +63,15 @@ int Console::writeFile(const std::string& path, const std::string& text, int exi
 
 void Console::complain(const std::string& text) { note("ahs: " + text); }
 
+int Console::complainOfUsage(const std::string& command, const std::string& error,
+                             const std::vector<std::string>& problems) {
+  for (const std::string& problem : problems) {
+    note(problem);
+  }
+  complain(error + " '" + command + " --help' shows all options.");
+  return ExitUsage;
+}
+
 void Console::note(const std::string& text) {
   // Standard error is the last place to report to; when it fails there is nobody left to tell.
   static_cast<void>(write(STDERR_FILENO, text + "\n"));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 /// Words to the person at the terminal and bytes to the program behind the pipe. Any thread may
 /// call any of these; each call writes with as few system calls as the kernel allows, so that lines
@@ -24,6 +25,13 @@ class Console {
 
   /// "ahs: text" on standard error. A person reads it: what happened, why, what to do next.
   static void complain(const std::string& text);
+
+  /// Says why a command cannot be carried out, after the mistakes in files that are the reason, and
+  /// where its options are explained.
+  /// @param command as a person calls it: "ahs select".
+  /// @return ExitUsage.
+  static int complainOfUsage(const std::string& command, const std::string& error,
+                             const std::vector<std::string>& problems = {});
 
   /// `text` and a line feed on standard error, without the prefix.
   static void note(const std::string& text);

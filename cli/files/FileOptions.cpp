@@ -23,11 +23,8 @@ void addFileOptions(CLI::App& command, SelectOptions& options) {
 LoadedFiles::LoadedFiles(const SelectOptions& options, const std::string& command) {
   std::vector<std::string> problems;
   const std::string error = makeFilePlan(options, defaultPaths(), m_plan, problems);
-  for (const std::string& problem : problems) {
-    Console::note(problem);
-  }
   if (!error.empty()) {
-    Console::complain(error + " '" + command + " --help' shows all options.");
+    Console::complainOfUsage(command, error, problems);
     return;
   }
   m_isLoaded = PreferenceMgr::createInstance(m_plan.sources) == PREFERENCEMGR_SUCCESS;

@@ -24,11 +24,6 @@ struct CheckOptions {
   bool json = false;
 };
 
-int complainOfPlace(const std::string& text) {
-  Console::complain(text + " 'ahs profile check --help' shows all options.");
-  return ExitUsage;
-}
-
 int showCheck(const CheckOptions& options, const CheckResult& result) {
   if (result.hostEntries > 0 && result.takingPart == 0) {
     Console::complain(
@@ -51,9 +46,10 @@ int checkWhatASelectionReads(const CheckOptions& options) {
     return ExitUsage;
   }
   if (result->places.empty()) {
-    return complainOfPlace("there is no profile directory: it was looked for in " +
-                           plan.profilePlaces +
-                           "; nor are there preferences. Name a directory or files to check.");
+    return Console::complainOfUsage(
+        "ahs profile check",
+        "there is no profile directory: it was looked for in " + plan.profilePlaces +
+            "; nor are there preferences. Name a directory or files to check.");
   }
   return showCheck(options, *result);
 }
@@ -64,7 +60,8 @@ int runCheck(const CheckOptions& options) {
   }
   for (const std::string& place : options.places) {
     if (!isThere(place)) {
-      return complainOfPlace("there is no file or directory '" + Console::visible(place) + "'.");
+      return Console::complainOfUsage(
+          "ahs profile check", "there is no file or directory '" + Console::visible(place) + "'.");
     }
   }
   return showCheck(options,

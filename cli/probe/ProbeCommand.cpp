@@ -179,14 +179,6 @@ int probe(const ProbePlan& plan, bool isJson) {
   return exitStatus;
 }
 
-int complainOfOptions(const std::string& error, const std::vector<std::string>& problems) {
-  for (const std::string& problem : problems) {
-    Console::note(problem);
-  }
-  Console::complain(error + " '" + Command + " --help' shows all options.");
-  return ExitUsage;
-}
-
 /// What the preferences in force say, and what is wrong with the files that they come from.
 void readPreferences(ProbePlan& plan) {
   const CInstanceSmartPtr<PreferenceMgr> preferences;
@@ -206,7 +198,7 @@ int runProbe(const ProbeOptions& options) {
   std::vector<std::string> problems;
   const std::string fileError = makeFilePlan(options.files, defaultPaths(), files, problems);
   if (!fileError.empty()) {
-    return complainOfOptions(fileError, problems);
+    return Console::complainOfUsage(Command, fileError, problems);
   }
   CAppLog::Targets noLog;
   noLog.off = true;
@@ -224,7 +216,7 @@ int runProbe(const ProbeOptions& options) {
   HS_SETTINGS settings{};
   CAHSSettings::GetSettings(settings);
   const std::string error = makeProbePlan(options, findHostEntries(), settings, plan);
-  return error.empty() ? probe(plan, options.json) : complainOfOptions(error, {});
+  return error.empty() ? probe(plan, options.json) : Console::complainOfUsage(Command, error);
 }
 
 }  // namespace

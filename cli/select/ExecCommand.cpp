@@ -184,10 +184,10 @@ int runPrograms(const ExecOptions& options, const SelectionResult& result,
 int runExec(const ExecOptions& options) {
   const std::string command = "ahs exec";
   if (options.program.empty()) {
-    return complainOfUsage(command,
-                           "there is no program to run: it stands after --, as in 'ahs exec -- "
-                           "vpn-client --gateway {headend}'.",
-                           {});
+    return Console::complainOfUsage(
+        command,
+        "there is no program to run: it stands after --, as in 'ahs exec -- "
+        "vpn-client --gateway {headend}'.");
   }
   SelectPlan plan;
   std::optional<Secret> password;

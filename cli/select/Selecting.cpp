@@ -140,15 +140,6 @@ bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
 
 }  // namespace
 
-int complainOfUsage(const std::string& command, const std::string& error,
-                    const std::vector<std::string>& problems) {
-  for (const std::string& problem : problems) {
-    Console::note(problem);
-  }
-  Console::complain(error + " '" + command + " --help' shows all options.");
-  return ExitUsage;
-}
-
 /// Holds the cache over the end of the run, so that the run's records can still be read.
 class HeldCache {
  public:
@@ -211,7 +202,7 @@ bool Selecting::prepare() {
   }
   if (!error.empty()) {
     if (isNew(error, m_told)) {
-      complainOfUsage(m_command, error, {});
+      Console::complainOfUsage(m_command, error);
     }
     return false;
   }

@@ -20,13 +20,6 @@
 
 class HeldCache;
 
-/// Says on standard error why a command cannot be carried out, after the mistakes in files that are
-/// the reason, and where its options are explained.
-/// @param command as a person calls it: "ahs select".
-/// @return ExitUsage.
-int complainOfUsage(const std::string& command, const std::string& error,
-                    const std::vector<std::string>& problems);
-
 /// One selection for a person: it reads the files of a plan, runs the selection, and runs it again
 /// after each login at a proxy that asks for one. What is wrong is told on standard error. The
 /// client library is up as long as the object lives, so there is one at a time; used by one thread.

@@ -7,7 +7,6 @@
 
 #include "cli/Console.h"
 #include "cli/files/FileOptions.h"
-#include "cli/select/Selecting.h"
 
 namespace {
 
@@ -26,13 +25,13 @@ bool takePlan(const SelectOptions& options, const std::string& command, SelectPl
   std::vector<std::string> problems;
   const std::string error = makePlan(options, defaultPaths(), plan, problems);
   if (!error.empty()) {
-    complainOfUsage(command, error, problems);
+    Console::complainOfUsage(command, error, problems);
     return false;
   }
   noteMissingCache(options, plan);
   const std::string passwordError = readPassword(plan.proxy, password);
   if (!passwordError.empty()) {
-    complainOfUsage(command, passwordError, {});
+    Console::complainOfUsage(command, passwordError);
     return false;
   }
   return true;

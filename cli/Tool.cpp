@@ -79,6 +79,16 @@ std::vector<std::string> takeProgram(int& argumentCount, char** arguments) {
   return program;
 }
 
+// "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence.
+void refuseValuesOfFlags(CLI::App& command) {
+  for (CLI::Option* const option : command.get_options()) {
+    option->disable_flag_override(!CommandTree::takesValue(*option));
+  }
+  for (CLI::App* const below : command.get_subcommands({})) {
+    refuseValuesOfFlags(*below);
+  }
+}
+
 }  // namespace
 
 int runTool(int argumentCount, char** arguments) {
@@ -98,6 +108,7 @@ int runTool(int argumentCount, char** arguments) {
   addCacheCommand(tool, chosen);
   addCompletionCommand(tool, chosen);
   addHelpCommand(tool, chosen);
+  refuseValuesOfFlags(tool);
   Interruption::begin();
   try {
     tool.parse(argumentCount, arguments);

@@ -139,7 +139,8 @@ const CLI::Option* findBlamed(const CLI::App& command, std::string text) {
   for (const CLI::Option* const option : command.get_options()) {
     const std::vector<std::string> names = CommandTree::namesOf(*option);
     if (option->get_name() == name || option->get_name(true, false) == name ||
-        std::find(names.begin(), names.end(), name) != names.end()) {
+        std::find(names.begin(), names.end(), name) != names.end() ||
+        std::find(names.begin(), names.end(), "--" + name) != names.end()) {
       return option;
     }
   }

@@ -134,6 +134,7 @@ TEST_F(CommandLineTest, AValueThatIsNotAllowedIsToldWithWhatIs) {
   EXPECT_THAT(refusalOf({"exec", "--tries", "many", "--", "x"}),
               HasSubstr("--tries takes a whole number from 1 to 100000: "));
   EXPECT_THAT(refusalOf({"select", "--json=maybe"}), HasSubstr("--json takes no value"));
+  EXPECT_THAT(refusalOf({"select", "--no-cache=false"}), HasSubstr("--no-cache takes no value"));
 }
 
 TEST_F(CommandLineTest, WhatIsTooMuchIsNamed) {

@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 
 #include "cli/Commands.h"
@@ -15,6 +16,8 @@
 #include "cli/select/Selecting.h"
 #include "cli/select/SelectionInputs.h"
 #include "cli/select/SelectionOutput.h"
+#include "vpn/Api/ProfileMgr.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -33,6 +36,33 @@ std::string timeOfDay() {
   return text;
 }
 
+// Hosts of the command line go in place of the profiles, so the name of an entry is one more host
+// that no name server knows.
+void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& plan) {
+  const auto isUnknown = [](const HeadendResult& headend) {
+    return headend.outcome == "name not resolved";
+  };
+  if (plan.sources.addresses.empty() || std::ranges::none_of(result.results, isUnknown)) {
+    return;
+  }
+  ProfileMgr profiles;
+  if (plan.sources.trustFiles) {
+    profiles.trustFiles();
+  }
+  profiles.loadDirectory(plan.sources.profileDirectory);
+  for (const auto& [name, host] : profiles.getHostProfileMap()) {
+    const auto isMeant = [&name](const HeadendResult& headend) {
+      return CStringUtils::toLower(headend.headend) == CStringUtils::toLower(name);
+    };
+    if (host != nullptr && !host->getHostAddress().empty() &&
+        std::ranges::any_of(result.results, isMeant)) {
+      Console::complain("'" + Console::visible(name) + "' is a host entry of the profiles: name " +
+                        "its address, " + host->getHostAddress() +
+                        ", or leave the hosts out to select among all entries.");
+    }
+  }
+}
+
 int print(const SelectionResult& result, const SelectOptions& options, const SelectPlan& plan) {
   const std::string text = options.json ? jsonOutput(result)
                            : options.quiet
@@ -49,6 +79,7 @@ int print(const SelectionResult& result, const SelectOptions& options, const Sel
   if (!advice.empty()) {
     Console::complain(advice);
   }
+  noteEntriesTakenForHosts(result, plan);
   return exitStatus;
 }
 

@@ -390,6 +390,17 @@ TEST_F(SelectCommandTest, AMalformedPreferencesFileThatWasNamedIsRefused) {
   EXPECT_THAT(outcome.err, HasSubstr("cannot be used"));
 }
 
+TEST_F(SelectCommandTest, AHostEntrysNameInPlaceOfAHostIsAnsweredWithItsAddress) {
+  const Gateway near(Near);
+  writeProfile("true", host("Oslo.invalid", near.address()));
+  const Outcome outcome = run({"select", near.address(), "oslo.invalid", "gw.invalid"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_THAT(outcome.err, HasSubstr("'Oslo.invalid' is a host entry of the profiles: name its "
+                                     "address, " +
+                                     near.address() + ","));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("gw.invalid")));
+}
+
 TEST_F(SelectCommandTest, ALastHeadendThatNobodyKnowsIsWarnedOf) {
   const Gateway near(Near);
   const Outcome outcome = run({"select", "--quiet", near.address(), "--last", "Atlantis"});

@@ -36,6 +36,12 @@ std::string timeOfDay() {
   return text;
 }
 
+bool isNamed(const SelectionResult& result, const std::string& name) {
+  return std::ranges::any_of(result.results, [&name](const HeadendResult& headend) {
+    return CStringUtils::toLower(headend.headend) == CStringUtils::toLower(name);
+  });
+}
+
 // Hosts of the command line go in place of the profiles, so the name of an entry is one more host
 // that no name server knows.
 void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& plan) {
@@ -51,11 +57,7 @@ void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& p
   }
   profiles.loadDirectory(plan.sources.profileDirectory);
   for (const auto& [name, host] : profiles.getHostProfileMap()) {
-    const auto isMeant = [&name](const HeadendResult& headend) {
-      return CStringUtils::toLower(headend.headend) == CStringUtils::toLower(name);
-    };
-    if (host != nullptr && !host->getHostAddress().empty() &&
-        std::ranges::any_of(result.results, isMeant)) {
+    if (host != nullptr && !host->getHostAddress().empty() && isNamed(result, name)) {
       Console::complain("'" + Console::visible(name) + "' is a host entry of the profiles: name " +
                         "its address, " + host->getHostAddress() +
                         ", or leave the hosts out to select among all entries.");

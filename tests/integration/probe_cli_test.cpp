@@ -46,6 +46,17 @@ class ProbeCommandTest : public testing::Test {
     return json::parse(outcome.out, nullptr, false);
   }
 
+  /// Ctrl-C at the terminal when this has been shown.
+  Outcome interruptAt(unsigned int port, const std::string& shown) const {
+    Program program({"probe", "127.0.0.1:" + std::to_string(port), "--timeout", "600"},
+                    environment(), Program::Terminal::All);
+    EXPECT_TRUE(program.waitForError(shown)) << program.soFar().err;
+    program.type("\x03");
+    Outcome outcome = program.finish();
+    EXPECT_EQ(outcome.exitStatus, 128 + SIGINT);
+    return outcome;
+  }
+
   std::vector<std::string> environment() const {
     return {"HOME=" + m_home.Path(), "PATH=/usr/bin:/bin", "TERM=xterm"};
   }
@@ -288,12 +299,7 @@ TEST_F(ProbeCommandTest, CtrlCSumsUpWhatWasMeasuredSoFar) {
     }
     connection.waitForPeer();
   });
-  Program program({"probe", "127.0.0.1:" + std::to_string(server.port()), "--timeout", "600"},
-                  environment(), Program::Terminal::All);
-  EXPECT_TRUE(program.waitForError("   2. ")) << program.soFar().err;
-  program.type("\x03");
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 128 + SIGINT);
+  const Outcome outcome = interruptAt(server.port(), "   2. ");
   EXPECT_THAT(outcome.err, HasSubstr("2 probes, 2 with a sample, 0 without (0 %)"));
   EXPECT_THAT(outcome.err, Not(HasSubstr("In a selection")));
 }
@@ -309,12 +315,7 @@ TEST_F(ProbeCommandTest, CtrlCAfterTheSumGivesTheVerdict) {
     }
     connection.waitForPeer();
   });
-  Program program({"probe", "127.0.0.1:" + std::to_string(server.port()), "--timeout", "600"},
-                  environment(), Program::Terminal::All);
-  EXPECT_TRUE(program.waitForError(" ms of all samples")) << program.soFar().err;
-  program.type("\x03");
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 128 + SIGINT);
+  const Outcome outcome = interruptAt(server.port(), " ms of all samples");
   EXPECT_THAT(outcome.err, HasSubstr("In a selection of 3 probes a headend"));
   EXPECT_THAT(outcome.err, HasSubstr("  outcome:  answered\r\n"));
 }

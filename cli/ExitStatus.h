@@ -11,6 +11,8 @@ enum ExitStatus : int {
   ExitMistakes = 1,      ///< files that were checked have mistakes
   ExitUsage = 2,         ///< usage, configuration, or output that could not be written
   ExitProxyAsks = 3,     ///< a proxy asks for authentication
+  ExitCannotRun = 126,   ///< a program is there and cannot be run (POSIX, 2.8.2, as the next)
+  ExitNoProgram = 127,   ///< there is no such program
   ExitSignalBase = 128,  ///< added to the number of the signal that ended the process
 };
 

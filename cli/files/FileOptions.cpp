@@ -20,6 +20,26 @@ void addFileOptions(CLI::App& command, SelectOptions& options) {
                    "Read profiles and preferences whoever could have written them");
 }
 
+void tellFileProblems(std::set<std::string>* told) {
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  if (preferences == nullptr) {
+    return;
+  }
+  for (const FileProblem& problem : preferences->getProblems()) {
+    const std::string text = problem.toString();
+    if (told == nullptr || told->insert(text).second) {
+      Console::note(Console::visible(text));
+    }
+  }
+}
+
+bool isResponseMeasured() {
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  std::string measure;
+  return preferences != nullptr && preferences->getPreferenceValue(RoundTripTime, measure) == 0 &&
+         measure == PreferenceBase::RoundTripResponse;
+}
+
 LoadedFiles::LoadedFiles(const SelectOptions& options, const std::string& command) {
   std::vector<std::string> problems;
   const std::string error = makeFilePlan(options, defaultPaths(), m_plan, problems);
@@ -32,10 +52,7 @@ LoadedFiles::LoadedFiles(const SelectOptions& options, const std::string& comman
     Console::complain("the files cannot be read: the machine is short of memory.");
     return;
   }
-  const CInstanceSmartPtr<PreferenceMgr> preferences;
-  for (const FileProblem& problem : preferences->getProblems()) {
-    Console::note(Console::visible(problem.toString()));
-  }
+  tellFileProblems();
 }
 
 LoadedFiles::~LoadedFiles() {

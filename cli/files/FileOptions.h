@@ -1,5 +1,6 @@
 #pragma once
 
+#include <set>
 #include <string>
 
 #include "cli/select/SelectOptions.h"
@@ -11,6 +12,15 @@ class App;
 /// Adds the options that say where profiles and preferences are: --profiles, --preferences,
 /// --global-preferences, --trust-profiles.
 void addFileOptions(CLI::App& command, SelectOptions& options);
+
+/// Says on standard error what is wrong in the files that the process has read: a profile that is
+/// skipped in silence is missed.
+/// @param told what has been told before and is not told again; grows by what is told now. Null
+///        where there is no before.
+void tellFileProblems(std::set<std::string>* told = nullptr);
+
+/// Whether the preferences of the process let a round trip be the time to the gateway's answer.
+bool isResponseMeasured();
 
 /// The process's profiles and preferences for the length of a scope.
 class LoadedFiles {

@@ -7,7 +7,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <locale.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -24,6 +23,7 @@
 
 #include "cli/Console.h"
 #include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/Common/Utility/Utf8Locale.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -46,17 +46,12 @@ class Question {
 
   void ask() {
     // An international name is UTF-8, whatever locale the process runs in.
-    const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    const locale_t before = utf8 == nullptr ? nullptr : uselocale(utf8);
+    const Utf8Locale utf8;
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_IDN;
     addrinfo* found = nullptr;
     const int error = getaddrinfo(m_host.c_str(), m_port.c_str(), &hints, &found);
-    if (utf8 != nullptr) {
-      uselocale(before);
-      freelocale(utf8);
-    }
     const CAutoLockT<CMonitor> guard(m_lock);
     m_found = Addresses(error == 0 ? found : nullptr, freeaddrinfo);
     m_error = error;

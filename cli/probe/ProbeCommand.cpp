@@ -179,20 +179,6 @@ int probe(const ProbePlan& plan, bool isJson) {
   return exitStatus;
 }
 
-/// What the preferences in force say, and what is wrong with the files that they come from.
-void readPreferences(ProbePlan& plan) {
-  const CInstanceSmartPtr<PreferenceMgr> preferences;
-  if (preferences == nullptr) {
-    return;
-  }
-  for (const FileProblem& problem : preferences->getProblems()) {
-    Console::note(Console::visible(problem.toString()));
-  }
-  std::string measure;
-  plan.isResponseMeasured = preferences->getPreferenceValue(RoundTripTime, measure) == 0 &&
-                            measure == PreferenceBase::RoundTripResponse;
-}
-
 int runProbe(const ProbeOptions& options) {
   SelectPlan files;
   std::vector<std::string> problems;
@@ -206,13 +192,12 @@ int runProbe(const ProbeOptions& options) {
   STATUSCODE status = 0;
   const CClientLibrary library(libraryOptions, status);
   if (status != 0) {
-    Console::complain(
-        "the client library could not be started: " + std::string(statusCodeName(status)) + " (" +
-        statusAsHex(status) + "). The machine may be short of memory or threads.");
+    Console::complain(libraryProblem(status));
     return ExitUsage;
   }
   ProbePlan plan;
-  readPreferences(plan);
+  tellFileProblems();
+  plan.isResponseMeasured = isResponseMeasured();
   HS_SETTINGS settings{};
   CAHSSettings::GetSettings(settings);
   const std::string error = makeProbePlan(options, findHostEntries(), settings, plan);

@@ -7,7 +7,6 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <errno.h>
-#include <locale.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
@@ -24,6 +23,7 @@
 
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Common/IP/ProbeSettings.h"
+#include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
 
@@ -287,8 +287,7 @@ int onClientCertificate(SSL* connection, X509** /*certificate*/, EVP_PKEY** /*ke
 
 /// An international name as it stands in certificates; any other as it is.
 std::string asciiName(const std::string& host) {
-  const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-  const locale_t before = utf8 == nullptr ? nullptr : uselocale(utf8);
+  const Utf8Locale utf8;
   const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), curl_url_cleanup);
   char* text = nullptr;
   std::string name = host;
@@ -296,10 +295,6 @@ std::string asciiName(const std::string& host) {
       curl_url_get(url.get(), CURLUPART_HOST, &text, CURLU_PUNYCODE) == CURLUE_OK) {
     name = text;
     curl_free(text);
-  }
-  if (utf8 != nullptr) {
-    uselocale(before);
-    freelocale(utf8);
   }
   if (name.size() > 1 && name.ends_with('.')) {
     name.pop_back();  // which no certificate has

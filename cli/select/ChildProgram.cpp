@@ -23,10 +23,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// As shells have it (POSIX, 2.8.2 "Exit Status for Commands").
-constexpr int NotFound = 127;
-constexpr int NotExecutable = 126;
-
 // How often a wait looks where the kernel does not tell of a process's end.
 constexpr milliseconds LookInterval{20};
 // The longest wait in one piece.
@@ -124,7 +120,7 @@ ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variab
                    pointersTo(arguments).data(), pointersTo(environment).data());
   if (error != 0) {
     m_problem = std::system_category().message(error);
-    m_problemStatus = error == ENOENT ? NotFound : NotExecutable;
+    m_problemStatus = error == ENOENT ? ExitNoProgram : ExitCannotRun;
     return;
   }
   // The C library's header declares it for C alone.

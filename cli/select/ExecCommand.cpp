@@ -36,8 +36,6 @@ using std::chrono::steady_clock;
 constexpr unsigned int StartSeconds = 30;
 constexpr unsigned int MostStartSeconds = 86'400;
 constexpr unsigned int MostTries = 100'000;
-// The status of a program that does not exist, as shells have it.
-constexpr int NoSuchProgram = 127;
 
 struct ExecOptions {
   SelectOptions select;
@@ -125,7 +123,7 @@ struct Attempt {
 
 void complainOfProgram(const std::string& name, const ChildProgram& program) {
   Console::complain("'" + Console::visible(name) + "' cannot be run: " + program.problem() +
-                    (program.problemStatus() == NoSuchProgram
+                    (program.problemStatus() == ExitNoProgram
                          ? ". What stands after -- is the program and its arguments; name one that "
                            "is on PATH, or its path."
                          : "."));
@@ -155,8 +153,7 @@ Attempt runProgram(const ExecOptions& options, const ChosenHeadend& chosen,
   return {end.status, true};
 }
 
-int runPrograms(const ExecOptions& options, const SelectionResult& result,
-                const std::vector<Candidate>& candidates) {
+int runPrograms(const ExecOptions& options, const SelectionResult& result) {
   const auto foreground = std::make_shared<Foreground>();
   Interruption::setDuties({CAppLog::Flush, {}, {}, [foreground](int signal, bool fromTerminal) {
                              return foreground->takeOver(signal, fromTerminal);
@@ -164,7 +161,7 @@ int runPrograms(const ExecOptions& options, const SelectionResult& result,
   Attempt attempt;
   const std::size_t most = std::min<std::size_t>(result.headends.size(), options.tries);
   for (std::size_t place = 0; place < most; ++place) {
-    const ChosenHeadend chosen = chosenHeadend(result.headends[place], result, candidates);
+    const ChosenHeadend chosen = chosenHeadend(result.headends[place], result);
     Console::complain((place == 0 ? "running with " : "trying ") + chosen.headend +
                       (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "") +
                       ".");
@@ -213,7 +210,7 @@ int runExec(const ExecOptions& options) {
   if (result->headends.empty() || (selected != ExitSelected && selected != ExitNotMeasured)) {
     return selecting.leave(selected);
   }
-  return selecting.leave(runPrograms(options, *result, selecting.candidates()));
+  return selecting.leave(runPrograms(options, *result));
 }
 
 }  // namespace

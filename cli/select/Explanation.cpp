@@ -10,12 +10,10 @@
 
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
+#include "cli/select/SelectOptions.h"
 #include "cli/select/SelectionOutput.h"
 
 namespace {
-
-// The reason code that turns the rule of retention on.
-constexpr unsigned int Reconnection = 1;
 
 // A gateway that answers this much later than its network is behind something that took the
 // connection for it, or is so slow itself that its distance is not what matters. The difference
@@ -94,7 +92,7 @@ std::string ratioInWords(float ratio) {
 }
 
 std::string ruleLines(const SelectionResult& result, const Decision& decision) {
-  if (result.reason != Reconnection) {
+  if (result.reason != ReasonReconnection) {
     return line("rule", "the smallest metric wins; only a reconnection favours the last headend");
   }
   std::string text = line(
@@ -202,7 +200,7 @@ Decision decisionOf(const SelectionResult& result) {
   }
   decision.last = result.last.empty() ? nullptr : find(result, result.last);
   decision.earlyAnswers = findEarlyAnswers(result);
-  const bool isRuleApplied = result.reason == Reconnection && decision.best != nullptr &&
+  const bool isRuleApplied = result.reason == ReasonReconnection && decision.best != nullptr &&
                              decision.last != nullptr && decision.last->metricMs.has_value();
   if (isRuleApplied) {
     decision.ratio =

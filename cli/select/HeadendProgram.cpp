@@ -9,21 +9,12 @@
 #include <string_view>
 #include <utility>
 
-#include "vpn/Common/Utility/URL.h"
+#include "cli/files/Candidates.h"
 
 namespace {
 
-struct Parts {
-  std::string host;
-  std::string port;
-};
-
-Parts partsOf(const std::string& headend) {
-  // The port is that of TLS unless it is given, as for a probe.
-  constexpr const char* DefaultPort = "443";
-  const URL url(headend);
-  return {url.getHost(), url.getPort().empty() ? DefaultPort : url.getPort()};
-}
+/// The place that a probe of a headend goes to.
+Place placeOfHeadend(const std::string& headend) { return candidateOf("", headend).place; }
 
 // One pass, so that what has been put in is not looked at again.
 std::string replaced(const std::string& text,
@@ -41,38 +32,30 @@ std::string replaced(const std::string& text,
 
 }  // namespace
 
-ChosenHeadend chosenHeadend(const std::string& headend, const SelectionResult& result,
-                            const std::vector<Candidate>& candidates) {
-  ChosenHeadend chosen{headend, "", std::nullopt};
-  const auto candidate = std::ranges::find(candidates, headend, &Candidate::headend);
-  if (candidate != candidates.end()) {
-    chosen.name = candidate->name;
-  }
+ChosenHeadend chosenHeadend(const std::string& headend, const SelectionResult& result) {
   const auto known = std::ranges::find(result.results, headend, &HeadendResult::headend);
-  if (known != result.results.end()) {
-    chosen.metricMs = known->metricMs;
-  }
-  return chosen;
+  return known == result.results.end() ? ChosenHeadend{headend, "", std::nullopt}
+                                       : ChosenHeadend{headend, known->name, known->metricMs};
 }
 
 ChildProgram::Variables variablesOf(const ChosenHeadend& chosen) {
-  const Parts parts = partsOf(chosen.headend);
+  const auto [host, port] = placeOfHeadend(chosen.headend);
   return {{"AHS_HEADEND", chosen.headend},
-          {"AHS_HOST", parts.host},
-          {"AHS_PORT", parts.port},
+          {"AHS_HOST", host},
+          {"AHS_PORT", std::to_string(port)},
           {"AHS_NAME", chosen.name},
           {"AHS_METRIC_MS", chosen.metricMs ? std::to_string(*chosen.metricMs) : ""}};
 }
 
 std::vector<std::string> commandFor(const std::vector<std::string>& command,
                                     const ChosenHeadend& chosen) {
-  const Parts parts = partsOf(chosen.headend);
+  const auto [host, port] = placeOfHeadend(chosen.headend);
   std::vector<std::string> result;
   result.reserve(command.size());
   for (const std::string& argument : command) {
     result.push_back(replaced(
         argument,
-        {{{"{headend}", chosen.headend}, {"{host}", parts.host}, {"{port}", parts.port}}}));
+        {{{"{headend}", chosen.headend}, {"{host}", host}, {"{port}", std::to_string(port)}}}));
   }
   return result;
 }

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/Candidates.h"
 #include "cli/select/ChildProgram.h"
 #include "cli/select/SelectionResult.h"
 
@@ -16,8 +15,7 @@ struct ChosenHeadend {
 };
 
 /// One of the delivered headends with what is known of it.
-ChosenHeadend chosenHeadend(const std::string& headend, const SelectionResult& result,
-                            const std::vector<Candidate>& candidates);
+ChosenHeadend chosenHeadend(const std::string& headend, const SelectionResult& result);
 
 /// What a program finds in its environment: AHS_HEADEND, AHS_HOST (an IPv6 address without
 /// brackets), AHS_PORT, AHS_NAME, and AHS_METRIC_MS, which is empty without a metric.

@@ -5,7 +5,6 @@
 
 #include "cli/select/LiveTable.h"
 
-#include <locale.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,6 +19,7 @@
 #include "cli/Console.h"
 #include "cli/select/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
 
@@ -86,8 +86,7 @@ bool wrapsAnew() {
 /// Columns that a line of UTF-8 takes on a terminal, its colours none. Unlike the estimate that
 /// lines are laid out with this goes by each character.
 std::size_t columnsShown(const std::string& line) {
-  const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-  const locale_t before = utf8 == nullptr ? nullptr : uselocale(utf8);
+  const Utf8Locale utf8;
   std::size_t columns = 0;
   mbstate_t state{};
   for (std::size_t i = 0; i < line.size();) {
@@ -102,10 +101,6 @@ std::size_t columnsShown(const std::string& line) {
     columns += static_cast<std::size_t>(std::max(width, 0));
     i += isCharacter ? length : 1;
     state = isCharacter ? state : mbstate_t{};
-  }
-  if (utf8 != nullptr) {
-    uselocale(before);
-    freelocale(utf8);
   }
   return columns;
 }

@@ -56,6 +56,11 @@ std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths
 std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                      std::vector<std::string>& problems);
 
+/// The reason codes with a meaning of their own: a reconnection has its own time limit and keeps
+/// the last headend by the rule; a run that follows a login at the proxy.
+constexpr unsigned int ReasonReconnection = 1;
+constexpr unsigned int ReasonProxyAuthentication = 3;
+
 /// The reason code of a name ("reconnection") or of a digit from 0 to 5.
 std::optional<unsigned int> parseReason(const std::string& text);
 

@@ -15,6 +15,7 @@
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
 #include "cli/Terminal.h"
+#include "cli/files/FileOptions.h"
 #include "cli/select/SelectionOutput.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -32,30 +33,17 @@ constexpr std::chrono::milliseconds LineInterval{2000};
 constexpr std::chrono::milliseconds LongestRunEnd{100};
 // A wait without a limit is made of these.
 constexpr std::chrono::hours LongestWait{1};
-// The reason code of a reconnection, which has a time limit of its own.
-constexpr unsigned int Reconnection = 1;
-// The reason code of a run that follows a login at the proxy.
-constexpr unsigned int ProxyAuthentication = 3;
 
 // Whether a mistake has not been told before; null for a person who has been told nothing.
 bool isNew(const std::string& mistake, std::set<std::string>* told) {
   return told == nullptr || told->insert(mistake).second;
 }
 
-// What was read and is wrong is told in any case: a profile that is skipped in silence is missed.
-bool hasProfiles(std::set<std::string>* told) {
+bool hasProfiles() {
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   ProfileMgr* profiles = nullptr;
-  if (preferences == nullptr || preferences->getProfileMgr(profiles) != 0) {
-    return false;
-  }
-  for (const FileProblem& problem : preferences->getProblems()) {
-    const std::string text = problem.toString();
-    if (isNew(text, told)) {
-      Console::note(Console::visible(text));
-    }
-  }
-  return !profiles->getFileInitMap().empty();
+  return preferences != nullptr && preferences->getProfileMgr(profiles) == 0 &&
+         !profiles->getFileInitMap().empty();
 }
 
 // The candidate of a host entry's name, in any letter case; null if there is none.
@@ -191,14 +179,16 @@ bool Selecting::prepare() {
   if (!options.logProblem.empty()) {
     error = "the log cannot be written: " + options.logProblem + ".";
   } else if (status != 0) {
-    error = "the client library could not be started: " + std::string(statusCodeName(status)) +
-            " (" + statusAsHex(status) + "). The machine may be short of memory or threads.";
-  } else if (!hasProfiles(m_told)) {
-    error =
-        "no host was given and no usable profile was found: profiles (files *.xml) were looked for "
-        "in " +
-        m_plan.profilePlaces + ". Name hosts, as in '" + m_command +
-        " gw1.example.com gw2.example.com:8443', or a directory with --profiles.";
+    error = libraryProblem(status);
+  } else {
+    tellFileProblems(m_told);
+    if (!hasProfiles()) {
+      error =
+          "no host was given and no usable profile was found: profiles (files *.xml) were looked "
+          "for in " +
+          m_plan.profilePlaces + ". Name hosts, as in '" + m_command +
+          " gw1.example.com gw2.example.com:8443', or a directory with --profiles.";
+    }
   }
   if (!error.empty()) {
     if (isNew(error, m_told)) {
@@ -231,7 +221,7 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
   const ProxyInForce proxy = findProxy();
   const std::shared_ptr<Terminal> terminal = Terminal::find();
   ProxyLogin login(m_plan.proxy.user, password, terminal, proxy.isSystems);
-  for (unsigned int reason = m_plan.reason;; reason = ProxyAuthentication) {
+  for (unsigned int reason = m_plan.reason;; reason = ReasonProxyAuthentication) {
     if (!runOnce(reason, login, progress)) {
       return std::nullopt;
     }
@@ -276,8 +266,8 @@ LiveState Selecting::look(unsigned int reason) const {
   state.answered = progress.placesAnswered;
   state.probesEnded = progress.probesEnded;
   state.elapsed = m_run->elapsed();
-  state.budget = std::chrono::milliseconds(reason == Reconnection ? m_settings.nReconnectTimeout
-                                                                  : m_settings.nConnectTimeout);
+  state.budget = std::chrono::milliseconds(
+      reason == ReasonReconnection ? m_settings.nReconnectTimeout : m_settings.nConnectTimeout);
   for (const Candidate& candidate : m_candidates) {
     const auto track = tracks.find(candidate.place);
     state.rows.push_back(liveRowOf(candidate, track == tracks.end() ? nullptr : &track->second,
@@ -317,11 +307,7 @@ void Selecting::tellRules(SelectionResult& result) const {
   result.last = m_plan.last.empty() || known == nullptr ? m_plan.last : known->headend;
   result.improvementPercent = m_settings.nImprovement;
   result.cacheDays = m_settings.nClearCache;
-  std::string measure;
-  const CInstanceSmartPtr<PreferenceMgr> preferences;
-  result.isResponseMeasured = preferences != nullptr &&
-                              preferences->getPreferenceValue(RoundTripTime, measure) == 0 &&
-                              measure == PreferenceBase::RoundTripResponse;
+  result.isResponseMeasured = isResponseMeasured();
 }
 
 void Selecting::endRun() {

@@ -47,9 +47,6 @@ class Selecting {
   /// @return the result; none if it could not be started, which has been told.
   std::optional<SelectionResult> run(const std::optional<Secret>& password, Progress progress);
 
-  /// The headends that take part.
-  const std::vector<Candidate>& candidates() const { return m_candidates; }
-
   /// To be called last in a process that ends now: does not wait for threads that wait for answers,
   /// but ends the process under them.
   /// @return `exitStatus`, when there are none.

@@ -229,6 +229,11 @@ std::string quietOutput(const SelectionResult& result) {
   return result.headends.empty() ? "" : result.headends.front() + "\n";
 }
 
+std::string libraryProblem(STATUSCODE status) {
+  return "the client library could not be started: " + std::string(statusCodeName(status)) + " (" +
+         statusAsHex(status) + "). The machine may be short of memory or threads.";
+}
+
 std::string visibleRealm(const std::string& realm) {
   return Console::visible(legible(realm, MostRealmBytes));
 }

@@ -20,6 +20,9 @@ std::string statusInWords(const SelectionResult& result);
 /// A status as it is written for programs: "0xFE530010".
 std::string statusAsHex(STATUSCODE status);
 
+/// Why the client library could not be started, a whole sentence and what may be the matter.
+std::string libraryProblem(STATUSCODE status);
+
 /// A proxy's realm for a person: what could be taken for something else is shown as its code, and a
 /// long one is cut.
 std::string visibleRealm(const std::string& realm);

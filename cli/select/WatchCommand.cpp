@@ -41,8 +41,6 @@ constexpr seconds FailureInterval{30};
 constexpr unsigned int NextDoorMs = 1;
 // How often a program under way is looked at.
 constexpr milliseconds LookInterval{200};
-// The reason code of a reconnection.
-constexpr const char* Reconnection = "reconnection";
 
 struct WatchOptions {
   SelectOptions select;
@@ -83,8 +81,8 @@ std::string presentTime(bool forPeople) {
 }
 
 std::string inWords(const ChosenHeadend& chosen) {
-  const bool hasName = !chosen.name.empty() && chosen.name != chosen.headend;
-  return (hasName ? Console::visible(chosen.name) + " (" + chosen.headend + ")" : chosen.headend) +
+  const std::string name = nameBeside(chosen.headend, chosen.name);
+  return (name.empty() ? chosen.headend : Console::visible(name) + " (" + chosen.headend + ")") +
          (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : ", not measured");
 }
 
@@ -106,9 +104,9 @@ std::string jsonLineOf(const ChosenHeadend& chosen, const std::optional<ChosenHe
   return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-/// Runs the person's command once for each choice, one at a time. What it prints is no part of the
-/// result. While one runs the newest choice
-/// waits; older ones that waited are dropped, because they are no longer true.
+/// Runs the person's command once for each choice, one at a time. While one runs the newest choice
+/// waits; older ones that waited are dropped, because they are no longer true. What the command
+/// prints is no part of the result.
 class Hook {
  public:
   explicit Hook(std::string program) : m_program(std::move(program)) {}
@@ -233,18 +231,17 @@ class Watch {
     if (result->headends.empty()) {
       return std::nullopt;
     }
-    return take(choiceOf(*result, selecting.candidates()), cause);
+    return take(choiceOf(*result), cause);
   }
 
   /// What the selection chose, or the choice before where both are next door: a metric of 0 has no
   /// ratio that could hold the last headend, and the choice would go to and fro.
-  ChosenHeadend choiceOf(const SelectionResult& result,
-                         const std::vector<Candidate>& candidates) const {
-    ChosenHeadend best = chosenHeadend(result.headends.front(), result, candidates);
+  ChosenHeadend choiceOf(const SelectionResult& result) const {
+    ChosenHeadend best = chosenHeadend(result.headends.front(), result);
     if (!m_chosen || best.metricMs != 0U) {
       return best;
     }
-    ChosenHeadend before = chosenHeadend(m_chosen->headend, result, candidates);
+    ChosenHeadend before = chosenHeadend(m_chosen->headend, result);
     return before.metricMs && *before.metricMs <= NextDoorMs ? before : best;
   }
 
@@ -275,7 +272,7 @@ class Watch {
       m_hook.announce(std::move(variables));
     }
     m_plan.last = chosen.name;
-    m_plan.reason = *parseReason(Reconnection);
+    m_plan.reason = ReasonReconnection;
     m_chosen = std::move(chosen);
     return end;
   }
@@ -327,7 +324,7 @@ int runWatch(WatchOptions options) {
   SelectPlan plan;
   std::optional<Secret> password;
   if (options.select.last) {
-    options.select.reason = Reconnection;
+    options.select.reason = reasonName(ReasonReconnection);
   }
   if (!takePlan(options.select, command, plan, password)) {
     return ExitUsage;

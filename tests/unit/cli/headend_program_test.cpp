@@ -48,17 +48,16 @@ TEST(HeadendProgram, TheEnvironmentNamesEverythingThatIsKnown) {
   EXPECT_THAT(variablesOf({"gw", "", std::nullopt}), testing::Contains(Pair("AHS_METRIC_MS", "")));
 }
 
-TEST(HeadendProgram, AHeadendIsFoundAmongTheCandidatesAndTheResults) {
+TEST(HeadendProgram, AHeadendIsFoundAmongTheResults) {
   SelectionResult result;
   result.results = {{}, {}};
   result.results[1].headend = "gw:8443";
+  result.results[1].name = "Bonn";
   result.results[1].metricMs = 18;
-  const std::vector<Candidate> candidates = {{"Oslo", "gw-oslo", {"gw-oslo", 443}},
-                                             {"Bonn", "gw:8443", {"gw", 8443}}};
-  const ChosenHeadend known = chosenHeadend("gw:8443", result, candidates);
+  const ChosenHeadend known = chosenHeadend("gw:8443", result);
   EXPECT_EQ(known.name, "Bonn");
   EXPECT_EQ(known.metricMs, 18U);
-  const ChosenHeadend unknown = chosenHeadend("another", result, candidates);
+  const ChosenHeadend unknown = chosenHeadend("another", result);
   EXPECT_EQ(unknown.headend, "another");
   EXPECT_EQ(unknown.name, "");
   EXPECT_EQ(unknown.metricMs, std::nullopt);

@@ -6,9 +6,9 @@
 #include "vpn/Common/IP/HttpProbe.h"
 
 #include <curl/curl.h>
-#include <locale.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "vpn/Common/IP/HttpTransfer.h"
@@ -16,6 +16,7 @@
 #include "vpn/Common/IP/ProbeRequest.h"
 #include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/TransportMemory.h"
+#include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
 
@@ -27,29 +28,10 @@ constexpr long long kUnknown = -1;
 /// needs no memory to set up and none to take down.
 thread_local std::shared_ptr<HttpTransfer>* keptHere = nullptr;
 
-/// Makes libcurl read the bytes of an international name as UTF-8 on this thread, whatever locale
-/// the process runs in. Names in ASCII need nothing.
-class Utf8Names {
- public:
-  explicit Utf8Names(const std::string& host) {
-    const bool ascii = std::all_of(host.begin(), host.end(),
-                                   [](char c) { return static_cast<unsigned char>(c) < 128; });
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    if (!ascii && utf8 != nullptr) {
-      m_before = uselocale(utf8);
-    }
-  }
-  ~Utf8Names() {
-    if (m_before != nullptr) {
-      uselocale(m_before);
-    }
-  }
-  Utf8Names(const Utf8Names&) = delete;
-  Utf8Names& operator=(const Utf8Names&) = delete;
-
- private:
-  locale_t m_before = nullptr;
-};
+bool isAscii(const std::string& host) {
+  return std::all_of(host.begin(), host.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 128; });
+}
 
 /// The transport's times start with the transfer; the probe's with the search for its proxy.
 void countFromStart(long long spentUs, HttpProbe::Report& report) {
@@ -100,7 +82,11 @@ PROBE_OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, PROBE_R
   if (outcome.code != CURLE_OK) {
     return outcome;
   }
-  const Utf8Names utf8(request.host);
+  // libcurl reads an international name in the thread's locale; one in ASCII needs nothing.
+  std::optional<Utf8Locale> utf8;
+  if (!isAscii(request.host)) {
+    utf8.emplace();
+  }
   return keptHere != nullptr && request.IsDirect() ? sendByKept(*keptHere, request)
                                                    : sendOnce(request);
 }

@@ -402,8 +402,6 @@ class Reconnections : public RealPeers {
                 with(Patient, {{"RoundTripTime", "response"}, {"SelectionImprovement", percent}}));
   }
 
-  // The wait begins with the connection, so a client that is slow to ask sees less of it: a machine
-  // that is busy with other tests shortens these by some tens of milliseconds.
   const SlowHaproxyServer m_near{300};
   const SlowHaproxyServer m_far{400};
 };

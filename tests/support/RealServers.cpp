@@ -166,16 +166,11 @@ HaproxyServer::HaproxyServer(const TestCertificates& certificates) : RealServer(
 }
 
 SlowHaproxyServer::SlowHaproxyServer(unsigned int delayMs) : RealServer("127.0.0.1") {
-  // An HTTP frontend takes the whole request for the end of the inspection, so the wait is done by
-  // one that knows bytes only.
-  const std::string answer = Directory().File("answer.sock");
-  Directory().Write("haproxy.cfg",
-                    HaproxyDefaults + std::string("frontend headend\n  mode tcp\n  bind ") +
-                        Address() + "\n  tcp-request inspect-delay " + std::to_string(delayMs) +
-                        "ms\n  tcp-request content accept if WAIT_END\n"
-                        "  default_backend answer\n"
-                        "backend answer\n  mode tcp\n  server answer unix@" +
-                        answer + "\nfrontend answer\n  bind unix@" + answer + "\n" + HaproxyAnswer);
+  // The wait begins when the request has been read, so that no client, however slow to ask, and no
+  // request on a kept connection sees less of it.
+  Directory().Write("haproxy.cfg", HaproxyDefaults + std::string("  timeout tarpit ") +
+                                       std::to_string(delayMs) + "ms\nfrontend headend\n  bind " +
+                                       Address() + "\n  http-request tarpit deny_status 200\n");
   Start(haproxyCommand());
 }
 

@@ -69,7 +69,7 @@ class HaproxyServer : public RealServer {
   explicit HaproxyServer(const TestCertificates& certificates);
 };
 
-/// HAProxy without TLS that lets every connection wait before it passes it to the answer.
+/// HAProxy without TLS that lets every request wait before it answers it.
 class SlowHaproxyServer : public RealServer {
  public:
   explicit SlowHaproxyServer(unsigned int delayMs);

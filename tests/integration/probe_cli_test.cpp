@@ -278,13 +278,8 @@ TEST_F(ProbeCommandTest, AWrongCommandLineSaysWhatIsWrongAndSendsNothing) {
 
 TEST_F(ProbeCommandTest, AnOutputThatCannotBeWrittenIsAnErrorAndEndsTheProbes) {
   const tests::ScriptedServer server(tests::answering(Welcome));
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  close(ends[0]);
-  Program program({"probe", "127.0.0.1:" + std::to_string(server.port()), "-c", "1000"},
-                  environment(), Program::Terminal::None, ends[1]);
-  close(ends[1]);
-  const Outcome outcome = program.finish();
+  const Outcome outcome = tests::runForNobody(
+      {"probe", "127.0.0.1:" + std::to_string(server.port()), "-c", "1000"}, environment());
   EXPECT_EQ(outcome.exitStatus, 2);
   EXPECT_THAT(outcome.err, HasSubstr("could not be written"));
   EXPECT_EQ(server.accepted(), 0U);

@@ -262,4 +262,14 @@ bool Program::readSome() {
   return true;
 }
 
+Outcome runForNobody(const std::vector<std::string>& arguments,
+                     const std::vector<std::string>& environment) {
+  int ends[2];
+  makePipe(ends);
+  close(ends[0]);
+  Program program(arguments, environment, Program::Terminal::None, ends[1]);
+  close(ends[1]);
+  return program.finish();
+}
+
 }  // namespace tests

@@ -89,4 +89,8 @@ class Program {
   const std::chrono::steady_clock::time_point m_deadline;
 };
 
+/// Runs `ahs` to its end with a standard output whose reader has gone.
+Outcome runForNobody(const std::vector<std::string>& arguments,
+                     const std::vector<std::string>& environment);
+
 }  // namespace tests

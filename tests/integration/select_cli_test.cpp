@@ -311,12 +311,7 @@ TEST_F(SelectCommandTest, AnOutputThatCannotBeWrittenIsAnError) {
 
 TEST_F(SelectCommandTest, AReaderThatHasGoneIsAnErrorAndNoSignal) {
   const Gateway near(Near);
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  close(ends[0]);
-  const Outcome outcome =
-      Program({"select", near.address()}, environment, Program::Terminal::None, ends[1]).finish();
-  close(ends[1]);
+  const Outcome outcome = tests::runForNobody({"select", near.address()}, environment);
   EXPECT_EQ(outcome.exitStatus, 2) << outcome.err;
   EXPECT_THAT(outcome.err, HasSubstr("Broken pipe"));
 }

@@ -230,12 +230,7 @@ TEST_F(WatchCommandTest, OneCommandRunsAtATimeAndTheNewestChoiceWaits) {
 
 TEST_F(WatchCommandTest, AnOutputThatNobodyReadsEndsIt) {
   const Gateway gateway(Near);
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  close(ends[0]);
-  const Outcome outcome =
-      Program({"watch", gateway.address()}, environment, Program::Terminal::None, ends[1]).finish();
-  close(ends[1]);
+  const Outcome outcome = tests::runForNobody({"watch", gateway.address()}, environment);
   EXPECT_EQ(outcome.exitStatus, 2) << outcome.err;
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "cli/CommandTree.h"
+#include "cli/Wording.h"
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Common/Utility/NearestName.h"
 
@@ -42,14 +43,6 @@ std::vector<std::string> namesOfCommands(const CLI::App& command) {
     all.push_back(below->get_name());
   }
   return all;
-}
-
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : ", ") + word;
-  }
-  return text;
 }
 
 /// The commands that were chosen, from the tool on.
@@ -112,8 +105,8 @@ std::string explainMissingCommand(const CLI::App& command) {
   const std::vector<const CLI::App*> commands = CommandTree::commandsOf(command);
   const std::string name = CommandTree::fullName(command);
   if (command.get_parent() != nullptr) {
-    return "'" + name + "' needs one of " + joined(namesOfCommands(command)) + ", as in '" + name +
-           " " + commands.front()->get_name() + "'." + whereHelpIs(command);
+    return "'" + name + "' needs one of " + Wording::joined(namesOfCommands(command)) +
+           ", as in '" + name + " " + commands.front()->get_name() + "'." + whereHelpIs(command);
   }
   constexpr std::size_t ColumnWidth = 14;
   std::string text = "a command is missing.\nUsage: " + name + " COMMAND [options]\n\n";
@@ -193,7 +186,7 @@ std::string explainUnknownCommand(const CLI::App& above, const std::string& name
       above.get_parent() == nullptr ? "" : " of '" + CommandTree::fullName(above) + "'";
   return "there is no command " + inQuotes(name) + of +
          (meant != nullptr ? "; did you mean '" + *meant + "'?"
-                           : "; there are " + joined(names) + ".") +
+                           : "; there are " + Wording::joined(names) + ".") +
          whereHelpIs(above);
 }
 

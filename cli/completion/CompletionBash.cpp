@@ -1,25 +1,18 @@
 // The script for bash. bash puts what a completion offers into the line as it is, so the script
 // quotes it; and it takes quotes off what was typed by itself, without ever evaluating a word.
 
+#include "cli/Wording.h"
 #include "cli/completion/Completion.h"
 
 namespace {
 
 using Completion::Kind;
 
-std::string joined(const std::vector<std::string>& words, const char* between) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : between) + word;
-  }
-  return text;
-}
-
 /// A kind as the script's `_ahs_offer` takes it.
 std::string kindOf(const Completion::Value& value) {
   switch (value.kind) {
     case Kind::Words:
-      return "words:" + joined(value.words, " ");
+      return "words:" + Wording::joined(value.words, " ");
     case Kind::File:
       return "file";
     case Kind::Directory:
@@ -56,7 +49,7 @@ std::string valueCases(const std::vector<const Completion::Command*>& commands) 
     for (const Completion::Option& option : command->options) {
       if (option.value.kind != Kind::Nothing) {
         const std::string between = "' | '" + command->path + " ";
-        text += "    '" + command->path + " " + joined(option.names, between.c_str()) +
+        text += "    '" + command->path + " " + Wording::joined(option.names, between) +
                 "') _ahs_kind='" + kindOf(option.value) + "' ;;\n";
       }
     }
@@ -69,7 +62,7 @@ std::string optionCases(const std::vector<const Completion::Command*>& commands)
   for (const Completion::Command* const command : commands) {
     std::string names;
     for (const Completion::Option& option : command->options) {
-      names += (names.empty() ? "" : " ") + joined(option.names, " ");
+      names += (names.empty() ? "" : " ") + Wording::joined(option.names, " ");
     }
     text += "    '" + command->path + "') _ahs_kind='words:" + names + "' ;;\n";
   }
@@ -84,7 +77,7 @@ std::string operandCases(const std::vector<const Completion::Command*>& commands
       names.push_back(below.name);
     }
     const std::string kind =
-        names.empty() ? kindOf(command->operands) : "words:" + joined(names, " ");
+        names.empty() ? kindOf(command->operands) : "words:" + Wording::joined(names, " ");
     text += "    '" + command->path +
             (command->takesProgram ? "" : "' | '" + command->path + " --") + "') _ahs_kind='" +
             kind + "' ;;\n";

@@ -1,5 +1,6 @@
 // The script for fish. fish quotes what is offered, a line each; the script evaluates none of it.
 
+#include "cli/Wording.h"
 #include "cli/completion/Completion.h"
 
 namespace {
@@ -10,19 +11,11 @@ std::string between(const std::string& text) {
   return Completion::withoutApostrophes(text, R"(\')");
 }
 
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : " ") + word;
-  }
-  return text;
-}
-
 /// The arguments of `complete` for what stands there.
 std::string valueArguments(const Completion::Value& value) {
   switch (value.kind) {
     case Kind::Words:
-      return " -x -a '" + joined(value.words) + "'";
+      return " -x -a '" + Wording::joined(value.words, " ") + "'";
     case Kind::File:
       return " -r -F";
     case Kind::Directory:

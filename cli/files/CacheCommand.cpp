@@ -8,6 +8,7 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Json.h"
+#include "cli/Wording.h"
 #include "cli/files/CacheReport.h"
 #include "cli/files/FileOptions.h"
 #include "cli/files/Paths.h"
@@ -87,11 +88,11 @@ int tellCleared(const CacheOptions& options, const std::string& path, bool wasTh
                                           {"selections", selections}}),
                                 ExitDone);
   }
-  return Console::writeResult(
-      wasThere ? "Removed " + std::to_string(selections) + " selection" +
-                     (selections == 1 ? "" : "s") + ": " + Console::visible(path) + "\n"
-               : "There was nothing to remove: " + Console::visible(path) + "\n",
-      ExitDone);
+  return Console::writeResult(wasThere
+                                  ? "Removed " + Wording::counted(selections, "selection") + ": " +
+                                        Console::visible(path) + "\n"
+                                  : "There was nothing to remove: " + Console::visible(path) + "\n",
+                              ExitDone);
 }
 
 int clearCache(const CacheOptions& options) {

@@ -13,6 +13,7 @@
 
 #include "cli/Console.h"
 #include "cli/Json.h"
+#include "cli/Wording.h"
 #include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -23,9 +24,7 @@ namespace {
 
 using json = Json;
 
-constexpr unsigned long SecondsPerMinute = 60;
-constexpr unsigned long SecondsPerHour = 60 * SecondsPerMinute;
-constexpr unsigned long SecondsPerDay = 24 * SecondsPerHour;
+constexpr unsigned long SecondsPerDay = 86400;
 // Lines of a list, and characters of a text, that a person is shown: a file may hold a hundred
 // thousand results of four thousand characters.
 constexpr std::size_t MostLines = 10;
@@ -81,32 +80,12 @@ CachedSelection describe(const std::string& key, const CCacheEntry& entry, unsig
 std::string timeText(unsigned long time) {
   const auto seconds = static_cast<time_t>(time);
   struct tm parts {};
-  char text[64] = "";
-  if (gmtime_r(&seconds, &parts) == nullptr ||
-      strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
-    return std::to_string(time) + " s";
-  }
-  return text;
-}
-
-std::string count(unsigned long number, const char* noun) {
-  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
-
-std::string span(unsigned long seconds) {
-  if (seconds >= 2 * SecondsPerDay) {
-    return count(seconds / SecondsPerDay, "day");
-  }
-  if (seconds >= 2 * SecondsPerHour) {
-    return count(seconds / SecondsPerHour, "hour");
-  }
-  return seconds >= 2 * SecondsPerMinute ? count(seconds / SecondsPerMinute, "minute")
-                                         : count(seconds, "second");
+  return gmtime_r(&seconds, &parts) == nullptr ? std::to_string(time) + " s" : Wording::utc(parts);
 }
 
 std::string moment(unsigned long time, unsigned long now) {
-  return timeText(time) +
-         (time > now ? " (in " + span(time - now) + ")" : " (" + span(now - time) + " ago)");
+  return timeText(time) + (time > now ? " (in " + Wording::duration(time - now) + ")"
+                                      : " (" + Wording::duration(now - time) + " ago)");
 }
 
 std::string placeInWords(const CachedSelection& selection) {

@@ -9,6 +9,7 @@
 
 #include "cli/Console.h"
 #include "cli/Json.h"
+#include "cli/Wording.h"
 #include "cli/files/Candidates.h"
 #include "vpn/Api/ProfileMgr.h"
 
@@ -48,10 +49,6 @@ void checkFile(const std::string& path, FileTrust::Check check, CheckResult& res
   add(profiles, result);
 }
 
-std::string counted(std::size_t count, const std::string& one, const std::string& many) {
-  return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
 bool isListed(const FileProblem& problem) { return !problem.endsList; }
 
 /// How many mistakes there are, as far as that is known.
@@ -61,15 +58,7 @@ std::string mistakesText(const std::vector<FileProblem>& problems) {
   if (problems.empty()) {
     return "no mistakes";
   }
-  return (listed < problems.size() ? "more than " : "") + counted(listed, "mistake", "mistakes");
-}
-
-std::string joined(const std::vector<std::string>& places) {
-  std::string text;
-  for (const std::string& place : places) {
-    text += (text.empty() ? "" : ", ") + Console::visible(place);
-  }
-  return text;
+  return (listed < problems.size() ? "more than " : "") + Wording::counted(listed, "mistake");
 }
 
 }  // namespace
@@ -123,13 +112,13 @@ std::string checkText(const CheckResult& result) {
     text += Console::visible(problem.toString()) + "\n";
   }
   if (!result.places.empty()) {
-    text += "looked at: " + joined(result.places) + "\n";
+    text += "looked at: " + Console::visible(Wording::joined(result.places)) + "\n";
   }
   if (!result.missing.empty()) {
-    text += "not there: " + joined(result.missing) + "\n";
+    text += "not there: " + Console::visible(Wording::joined(result.missing)) + "\n";
   }
-  return text + counted(result.files, "file", "files") + ", " +
-         counted(result.hostEntries, "host entry", "host entries") + ", " +
+  return text + Wording::counted(result.files, "file") + ", " +
+         Wording::counted(result.hostEntries, "host entry", "host entries") + ", " +
          mistakesText(result.problems) + "\n";
 }
 

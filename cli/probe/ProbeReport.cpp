@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "cli/Console.h"
+#include "cli/Wording.h"
 #include "cli/probe/ProbeText.h"
 #include "cli/select/ProbeRecorder.h"
 #include "cli/select/SelectionOutput.h"
@@ -16,10 +17,6 @@
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 
 namespace {
-
-std::string count(std::size_t number, const char* noun) {
-  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
 
 std::string exactMs(long long microseconds) {
   constexpr double MicrosecondsPerMillisecond = 1000.0;
@@ -113,10 +110,11 @@ std::string addressesInWords(const ProbeFindings& findings) {
 
 std::string daysInWords(const CertificateSummary& certificate) {
   if (!certificate.isExpired) {
-    return count(static_cast<std::size_t>(certificate.daysLeft), "day") + " left";
+    return Wording::counted(static_cast<std::size_t>(certificate.daysLeft), "day") + " left";
   }
   const auto days = static_cast<std::size_t>(-certificate.daysLeft - 1);
-  return days == 0 ? "expired less than a day ago" : "expired " + count(days, "day") + " ago";
+  return days == 0 ? "expired less than a day ago"
+                   : "expired " + Wording::counted(days, "day") + " ago";
 }
 
 std::string certificateInWords(const CertificateSummary& certificate) {
@@ -246,7 +244,7 @@ std::string probeHeading(const ProbePlan& plan) {
                                 ? ""
                                 : " (host entry '" + Console::visible(plan.entry) +
                                       "' of the profile '" + Console::visible(plan.profile) + "')";
-  return "Probing " + place(plan) + entry + ": " + count(plan.count, "probe") + " of " +
+  return "Probing " + place(plan) + entry + ": " + Wording::counted(plan.count, "probe") + " of " +
          (plan.secure ? "HTTPS" : "plain HTTP") + ", each " + std::to_string(plan.timeout.count()) +
          " s at most\n";
 }
@@ -264,7 +262,7 @@ std::string probeLine(const EndedProbe& probe, std::size_t index) {
 std::string probeSummary(const ProbeFindings& findings) {
   const std::size_t sent = findings.probes.size();
   const std::vector<unsigned int> samples = samplesOf(findings.probes);
-  std::string text = count(sent, "probe") + ", " + std::to_string(samples.size()) +
+  std::string text = Wording::counted(sent, "probe") + ", " + std::to_string(samples.size()) +
                      " with a sample, " + std::to_string(sent - samples.size()) + " without (" +
                      std::to_string(lossPercent(sent, samples.size())) + " %)\n";
   addSpread("network", networkSpread(findings.probes), text);
@@ -280,7 +278,7 @@ std::string probeSummary(const ProbeFindings& findings) {
 std::string probeVerdict(const ProbeFindings& findings) {
   const WorkerView view = workerViewOf(findings.plan, findings.probes);
   const bool takesPart = findings.plan.leftOut.empty();
-  return "In a selection of " + count(findings.plan.selectionCount, "probe") +
+  return "In a selection of " + Wording::counted(findings.plan.selectionCount, "probe") +
          " a headend (SelectionPingsPerHeadend), " + (takesPart ? "" : "if it took part, ") +
          "judged by " +
          (view.probes == 1 ? "the first:" : "the first " + std::to_string(view.probes) + ":") +

@@ -21,6 +21,7 @@
 #include <memory>
 #include <utility>
 
+#include "cli/Wording.h"
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
@@ -172,12 +173,7 @@ std::string nameText(const X509_NAME* name) {
 
 std::string timeText(const ASN1_TIME* time) {
   tm parts{};
-  std::array<char, 64> text{};
-  if (ASN1_TIME_to_tm(time, &parts) != 1 ||
-      strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
-    return "?";
-  }
-  return text.data();
+  return ASN1_TIME_to_tm(time, &parts) == 1 ? Wording::utc(parts) : "?";
 }
 
 std::string bytesOf(const ASN1_STRING* text) {

@@ -10,6 +10,7 @@
 
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
+#include "cli/Wording.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/SelectionOutput.h"
 
@@ -116,33 +117,20 @@ std::string lastLine(const SelectionResult& result, const Decision& decision) {
                                                : Console::visible(result.last) + "  no candidate");
 }
 
-std::string duration(std::chrono::seconds time) {
-  constexpr long long SecondsPerMinute = 60;
-  constexpr long long SecondsPerHour = 3600;
-  constexpr long long SecondsPerDay = 86400;
-  const long long seconds = time.count();
-  if (seconds >= 2 * SecondsPerDay) {
-    return std::to_string(seconds / SecondsPerDay) + " days";
-  }
-  if (seconds >= 2 * SecondsPerHour) {
-    return std::to_string(seconds / SecondsPerHour) + " hours";
-  }
-  if (seconds >= 2 * SecondsPerMinute) {
-    return std::to_string(seconds / SecondsPerMinute) + " minutes";
-  }
-  return std::to_string(seconds) + (seconds == 1 ? " second" : " seconds");
-}
-
 std::string sourceLine(const SelectionResult& result) {
   if (!result.fromCache) {
     return line("source", "measured now, in " + std::to_string(result.elapsed.count()) + " ms, " +
                               (result.isResponseMeasured ? "up to the gateways' answers"
                                                          : "the network alone"));
   }
-  return line("source", "the cache; measured " +
-                            (result.cacheAge ? duration(*result.cacheAge) + " ago" : "earlier") +
-                            ", asked again after " + std::to_string(result.cacheDays) +
-                            " days (SelectionClearCache); --no-cache measures now");
+  return line(
+      "source",
+      "the cache; measured " +
+          (result.cacheAge
+               ? Wording::duration(static_cast<std::size_t>(result.cacheAge->count())) + " ago"
+               : "earlier") +
+          ", asked again after " + std::to_string(result.cacheDays) +
+          " days (SelectionClearCache); --no-cache measures now");
 }
 
 std::string missingLines(const SelectionResult& result) {

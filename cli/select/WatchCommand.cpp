@@ -21,6 +21,7 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Json.h"
+#include "cli/Wording.h"
 #include "cli/select/ChildProgram.h"
 #include "cli/select/HeadendProgram.h"
 #include "cli/select/NetworkChanges.h"
@@ -68,16 +69,22 @@ CauseWords wordsOf(Cause cause) {
   return {"start", "first choice"};
 }
 
-/// The present time, in the zone of the machine for people, else in UTC (ISO 8601).
-std::string presentTime(bool forPeople) {
+/// The present time in the zone of the machine, for people.
+std::string localTime() {
   tzset();  // the zone may be another one than a day ago
   const time_t now = time(nullptr);
   tm parts{};
   char text[64] = "";
-  if ((forPeople ? localtime_r(&now, &parts) : gmtime_r(&now, &parts)) != nullptr) {
-    strftime(text, sizeof text, forPeople ? "%Y-%m-%d %H:%M:%S" : "%Y-%m-%dT%H:%M:%SZ", &parts);
+  if (localtime_r(&now, &parts) != nullptr) {
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
   }
   return text;
+}
+
+std::string utcTime() {
+  const time_t now = time(nullptr);
+  tm parts{};
+  return gmtime_r(&now, &parts) == nullptr ? "" : Wording::utc(parts);
 }
 
 std::string inWords(const ChosenHeadend& chosen) {
@@ -88,14 +95,14 @@ std::string inWords(const ChosenHeadend& chosen) {
 
 std::string lineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
                    Cause cause) {
-  return presentTime(true) + "  " + inWords(chosen) + "; " +
+  return localTime() + "  " + inWords(chosen) + "; " +
          (previous ? "before: " + inWords(*previous) + "; " : "") + wordsOf(cause).text + "\n";
 }
 
 std::string jsonLineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
                        Cause cause) {
   Json line = newJson();
-  line["time"] = presentTime(false);
+  line["time"] = utcTime();
   line["headend"] = chosen.headend;
   line["name"] = chosen.name;
   line["metricMs"] = chosen.metricMs ? Json(*chosen.metricMs) : nullptr;

@@ -1,0 +1,32 @@
+#include "cli/Wording.h"
+
+std::string Wording::joined(const std::vector<std::string>& words, const std::string& between) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : between) + word;
+  }
+  return text;
+}
+
+std::string Wording::counted(std::size_t number, const std::string& one, const std::string& many) {
+  return std::to_string(number) + " " + (number == 1 ? one : many.empty() ? one + "s" : many);
+}
+
+std::string Wording::duration(std::size_t seconds) {
+  constexpr std::size_t SecondsPerMinute = 60;
+  constexpr std::size_t SecondsPerHour = 3600;
+  constexpr std::size_t SecondsPerDay = 86400;
+  if (seconds >= 2 * SecondsPerDay) {
+    return counted(seconds / SecondsPerDay, "day");
+  }
+  if (seconds >= 2 * SecondsPerHour) {
+    return counted(seconds / SecondsPerHour, "hour");
+  }
+  return seconds >= 2 * SecondsPerMinute ? counted(seconds / SecondsPerMinute, "minute")
+                                         : counted(seconds, "second");
+}
+
+std::string Wording::utc(const std::tm& parts) {
+  char text[64];  // holds every year
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <string>
+#include <vector>
+
+/// Turns of speech that the commands share, so that all of them say a thing alike.
+class Wording {
+ public:
+  Wording() = delete;
+
+  /// The words, with `between` them.
+  static std::string joined(const std::vector<std::string>& words,
+                            const std::string& between = ", ");
+
+  /// "1 day", "2 days"; `many` for nouns that do not take an s.
+  static std::string counted(std::size_t number, const std::string& one,
+                             const std::string& many = "");
+
+  /// A span of time in the largest unit, up to days, that it has twice: "119 minutes", "2 hours".
+  static std::string duration(std::size_t seconds);
+
+  /// A point of time in UTC, as ISO 8601 writes it: "2026-01-31T12:00:00Z".
+  static std::string utc(const std::tm& parts);
+};

@@ -266,17 +266,19 @@ TEST_F(HttpProbeKeptTest, AServerThatClosesAfterEachAnswerIsConnectedToAnew) {
 }
 
 TEST_F(HttpProbeKeptTest, AServerThatLeavesAMessageBeforeItClosesIsConnectedToAnew) {
-  const ScriptedServer server([](Connection& connection) {
+  std::atomic<int> left{0};
+  const ScriptedServer server([&](Connection& connection) {
     connection.readHead();
     connection.send(kOk);
     connection.wait(20ms);
     connection.send("HTTP/1.1 408 Request Timeout\r\nContent-Length: 0\r\n\r\n");
+    ++left;
   });
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 1; i <= 3; ++i) {
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
     EXPECT_EQ(results.uiHttpStatusCode, 200U);
     expectOpenedAnew();
-    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(eventually([&] { return left == i; }));
   }
 }
 
@@ -383,9 +385,9 @@ TEST_F(HttpProbeKeptTest, SilenceOnAKeptConnectionIsNoTimeOutIfAFreshOneIsAnswer
     connection.waitForPeer();
   });
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(probe(server.port(), 1), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(probe(server.port(), 4), HTTP_SESSION_SUCCESS);
   expectOpenedAnew();
-  EXPECT_GE(report().connectUs, 490'000);
+  EXPECT_GE(report().connectUs, 1'990'000);
   EXPECT_EQ(server.accepted(), 2U);
   // Once is enough.
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
@@ -402,20 +404,20 @@ TEST_F(HttpProbeKeptTest, SilenceOnAKeptConnectionAndAFreshOneIsATimeOut) {
     return connection.send(kOk);
   });
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(probe(server.port(), 1), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_EQ(probe(server.port(), 4), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_EQ(results.uiRtt, 0U);
-  EXPECT_GE(report().totalUs, 990'000);
-  EXPECT_EQ(server.connections(), 2U);
+  EXPECT_GE(report().totalUs, 3'990'000);
+  EXPECT_TRUE(eventually([&] { return server.connections() == 2; }));
 }
 
 // What it takes its time for on a kept connection would have to be asked for twice.
 TEST_F(HttpProbeKeptTest, AServerThatTakesMuchOfTheTimeOutHasAllOfItOnAConnectionOfItsOwn) {
   Requests server([](unsigned int, Connection& connection) {
-    connection.wait(600ms);
+    connection.wait(2200ms);
     return connection.send(kOk);
   });
   for (unsigned int i = 1; i <= 2; ++i) {
-    EXPECT_EQ(probe(server.port(), 1), HTTP_SESSION_SUCCESS);
+    EXPECT_EQ(probe(server.port(), 4), HTTP_SESSION_SUCCESS);
     expectOpenedAnew();
     EXPECT_EQ(server.connections(), i);
   }
@@ -427,18 +429,18 @@ TEST_F(HttpProbeKeptTest, SilenceAfterAResetDoesNotOutlastTheTimeOutOfTheProbe) 
       return connection.send(kOk);
     }
     if (number == 2) {
-      connection.wait(600ms);
+      connection.wait(2s);  // of the three that a kept connection has
       return reset(connection);
     }
     connection.waitForPeer();
     return false;
   });
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(probe(server.port(), 1), HTTP_SESSION_ERROR_TIMEOUT);
-  EXPECT_EQ(server.connections(), 2U);
-  // Had the second attempt a time-out of its own, this would be 1.6 s at least.
-  EXPECT_LT(report().totalUs, 1'600'000);
-  EXPECT_GE(report().totalUs, 990'000);
+  EXPECT_EQ(probe(server.port(), 6), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_TRUE(eventually([&] { return server.connections() == 2; }));
+  // Had the second attempt a time-out of its own, this would be 8 s at least.
+  EXPECT_LT(report().totalUs, 8'000'000);
+  EXPECT_GE(report().totalUs, 5'990'000);
 }
 
 TEST_F(HttpProbeKeptTest, TheResponseMeasureOfAKeptConnectionStartsAtTheRequest) {
@@ -453,8 +455,11 @@ TEST_F(HttpProbeKeptTest, TheResponseMeasureOfAKeptConnectionStartsAtTheRequest)
   EXPECT_GE(results.uiRtt, 300U);
   EXPECT_EQ(results.uiRtt, (report().responseRttUs + 500) / 1000);
   const auto slow = report().responseRttUs;
-  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  EXPECT_LT(report().responseRttUs, slow);
+  // A measure from the connection on would never be smaller; one of a busy machine may be once.
+  EXPECT_TRUE(eventually([&] {
+    EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+    return report().responseRttUs < slow;
+  }));
 }
 
 TEST_F(HttpProbeKeptTest, TheConnectionClosesWithTheScope) {
@@ -522,7 +527,7 @@ TEST_F(HttpProbeKeptTest, AnotherTargetHasAConnectionOfItsOwn) {
   expectOpenedAnew();
   EXPECT_EQ(probeSecurely(one.port(), 1), HTTP_SESSION_ERROR_TIMEOUT);
   expectOpenedAnew();
-  EXPECT_EQ(one.accepted(), 4U);
+  EXPECT_TRUE(eventually([&] { return one.accepted() == 4; }));
   EXPECT_EQ(other.accepted(), 1U);
 }
 

@@ -197,9 +197,10 @@ TEST(CInterface, AResultThatIsThereGoesBeforeACancelledWait) {
 }
 
 TEST(CInterface, ASelectionThatWasGivenUpCallsNobody) {
-  const ScriptedServer server([](Connection& connection) {
+  std::atomic<bool> mayAnswer{false};
+  const ScriptedServer server([&](Connection& connection) {
     connection.readHead();
-    connection.wait(std::chrono::milliseconds(300));
+    tests::eventually([&] { return mayAnswer.load(); });
     connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
   });
   Told told;
@@ -209,6 +210,7 @@ TEST(CInterface, ASelectionThatWasGivenUpCallsNobody) {
     const ahs_request request = reconnection();
     ASSERT_EQ(ahs_select(library.Get(), &request, onResult, &told, &selection), AHS_SUCCESS);
     ahs_free(selection);
+    mayAnswer = true;
     // A second selection that ends later than the first.
     ASSERT_EQ(ahs_select(library.Get(), &request, nullptr, nullptr, &selection), AHS_SUCCESS);
     ASSERT_EQ(ahs_wait(selection, AHS_WAIT_FOREVER), AHS_WAIT_DELIVERED);

@@ -172,7 +172,7 @@ TEST(Terminal, ComingBackWithoutAQuestionShowsNothing) {
   Terminal terminal(person.terminal(), person.terminal());
   terminal.comeBack();
   terminal.say("next");
-  ASSERT_TRUE(person.waitFor("next"));
+  ASSERT_TRUE(person.waitFor("next\r\n"));
   EXPECT_EQ(person.shown(), "next\r\n");
 }
 

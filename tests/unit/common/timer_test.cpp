@@ -119,9 +119,13 @@ TEST(Timer, TimersFireInTheOrderOfTheirExpiry) {
   const auto third = timerFor(&list, calls, 3);
   const auto first = timerFor(&list, calls, 1);
   const auto second = timerFor(&list, calls, 2);
-  ASSERT_EQ(third->StartTimer(15), TIMER_SUCCESS);
-  ASSERT_EQ(first->StartTimer(0), TIMER_SUCCESS);
-  ASSERT_EQ(second->StartTimer(5), TIMER_SUCCESS);
+  SteadyClock::time_point start;
+  do {  // held up in between, the third one would be armed for an earlier moment than the second
+    start = SteadyClock::now();
+    ASSERT_EQ(third->StartTimer(15), TIMER_SUCCESS);
+    ASSERT_EQ(first->StartTimer(0), TIMER_SUCCESS);
+    ASSERT_EQ(second->StartTimer(5), TIMER_SUCCESS);
+  } while (SteadyClock::now() - start >= std::chrono::milliseconds(10));
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   std::thread service([&list] { list.Service(); });
   EXPECT_TRUE(calls.waitFor(3));
@@ -153,13 +157,16 @@ TEST(Timer, OneThatIsNotStartedDoesNotFire) {
 
 TEST(Timer, DeletingItTakesItOffTheList) {
   Calls calls;
-  ServicedList serviced;
-  auto deleted = timerFor(serviced.list(), calls, 1);
-  ASSERT_EQ(deleted->StartTimer(30), TIMER_SUCCESS);
+  CTimerList list;
+  auto deleted = timerFor(&list, calls, 1);
+  ASSERT_EQ(deleted->StartTimer(0), TIMER_SUCCESS);
   deleted.reset();
-  const auto fence = timerFor(serviced.list(), calls, 2);
-  ASSERT_EQ(fence->StartTimer(40), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(1));
+  const auto fence = timerFor(&list, calls, 2);
+  ASSERT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
+  std::thread service([&list] { list.Service(); });
+  EXPECT_TRUE(calls.waitFor(1));
+  list.Close();
+  service.join();
   EXPECT_EQ(calls.values(), std::vector<unsigned long>{2});
 }
 
@@ -363,18 +370,21 @@ TEST(Timer, ItDoesNotKeepItsTaskWhileItWaits) {
   EXPECT_EQ(TimedTask::entered(), 0);
 }
 
-/// Stays in its destructor until its timer's time has surely come.
+/// Stays in its destructor until its timer's time has surely come; no timer fires before that.
 class TaskThatGoesSlowly : public ApiRunnable {
  public:
   TaskThatGoesSlowly(CTimerList* list, Calls& calls) : m_list(list), m_calls(calls) {
     m_timer = timerFor(list, calls, 1);
     m_timer->KeepAlive(*this);
-    EXPECT_EQ(m_timer->StartTimer(5), TIMER_SUCCESS);
+    EXPECT_EQ(m_timer->StartTimer(0), TIMER_SUCCESS);
   }
   ~TaskThatGoesSlowly() override {
     const auto fence = timerFor(m_list, m_calls, 2);
-    EXPECT_EQ(fence->StartTimer(10), TIMER_SUCCESS);
+    EXPECT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
+    std::thread service([this] { m_list->Service(); });
     EXPECT_TRUE(m_calls.waitFor(1));
+    m_list->Close();
+    service.join();
   }
   void run() override {}
 
@@ -386,8 +396,8 @@ class TaskThatGoesSlowly : public ApiRunnable {
 
 TEST(Timer, ATaskThatIsBeingDestroyedIsNotCalledBack) {
   Calls calls;
-  ServicedList serviced;
-  delete new TaskThatGoesSlowly(serviced.list(), calls);
+  CTimerList list;
+  delete new TaskThatGoesSlowly(&list, calls);
   EXPECT_EQ(calls.values(), std::vector<unsigned long>{2});
 }
 

@@ -126,6 +126,16 @@ void Host::BringUp(const std::vector<std::string>& addresses) {
 
 void Host::ForgetSelections() const { std::filesystem::remove(CacheFile()); }
 
+bool Host::WaitUntilStored() {
+  CSelectionCache* const cache = CSelectionCache::acquireInstance();
+  if (cache == nullptr) {
+    return true;
+  }
+  const bool isStored = eventually([cache] { return cache->WaitForStores() == 0; });
+  cache->releaseInstance();
+  return isStored;
+}
+
 Client::Client(std::function<void()> reaction) : m_reaction(std::move(reaction)) {}
 
 Client::~Client() = default;

@@ -88,6 +88,9 @@ class Host {
   std::string CacheFile() const { return m_directory.File("cache.xml"); }
   std::string LogFile() const { return m_directory.File("ahs.log"); }
   void ForgetSelections() const;
+  /// For a test that forgets selections while a run keeps the cache in memory: what a slow disk has
+  /// not taken yet is in neither place afterwards.
+  static bool WaitUntilStored();
 
  private:
   TemporaryDirectory m_directory;

@@ -232,9 +232,10 @@ class Selections {
   }
 
   void TimerFirst() {
-    const GatewayProcess gateways({"", "delay=400"});
+    const GatewayProcess gateways({"", "behaviour=silent"});
     Host::Preferences hasty = Host::patient();
-    hasty["SelectionReconnectTimeout"] = "250";
+    hasty["SelectionReconnectTimeout"] = "2000";  // time enough for the one that answers
+    hasty["SelectionPingTimeout"] = "4000";
     m_host.SetPreferences(hasty, {});
     m_host.BringUp(gateways.Addresses());
     Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtReconnection, new SecureProvider);

@@ -221,7 +221,8 @@ long median(std::vector<Figures>::const_iterator from, std::vector<Figures>::con
   std::vector<long> values;
   std::transform(from, to, std::back_inserter(values),
                  [value](const Figures& figures) { return figures.*value; });
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  // Of an even number the lower one of the two in the middle.
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>((values.size() - 1) / 2);
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
 }

@@ -69,7 +69,7 @@ TEST_F(TakingDown, WhileWorkersProbeLeavesTheRunItsTimer) {
   HeldGateway silent;
   HeldGateway near(1000);
   Host::Preferences hasty = Host::patient();
-  hasty["SelectionReconnectTimeout"] = "300";
+  hasty["SelectionReconnectTimeout"] = "3000";  // time enough for the one that is near
   m_host.SetPreferences(hasty, {});
   m_host.BringUp({silent.Address(), near.Address()});
   std::thread run([this] { makeRun(m_client, AtReconnection)->run(); });

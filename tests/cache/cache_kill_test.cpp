@@ -156,7 +156,7 @@ TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneAtWhicheverInstant) {
   unsigned int left = 0;
   unsigned int stores = 0;
   for (unsigned int i = 0; i < kills && !HasFailure(); ++i) {
-    const unsigned int firstMetric = 1000000 + i * 1000;
+    const unsigned int firstMetric = (i + 1) * 1000000;  // more than one child stores
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {

@@ -198,7 +198,7 @@ TEST_F(SlowDisk, TheClientIsCalledBeforeTheDiskHasAnswered) {
   disk().Stop();
   std::thread run([&client] { makeRun(client)->run(); });
   EXPECT_TRUE(client.WaitForCall());
-  EXPECT_EQ(disk().Waiting(), 1U);
+  EXPECT_TRUE(eventually([] { return disk().Waiting() == 1; }));
   EXPECT_EQ(readFile(m_host.CacheFile()), "");
   disk().GoOn();
   run.join();
@@ -227,6 +227,7 @@ TEST_F(SlowDisk, WhatIsStoredMeanwhileIsFoundAtOnceAndIsWrittenTogether) {
   for (const std::string candidates : {"first;", "second;", "third;", "fourth;"}) {
     EXPECT_EQ(Store(*cache, candidates), HEADENDSELECTION_ERROR_CACHE_FAILURE);
     EXPECT_TRUE(IsFound(*cache, candidates));
+    EXPECT_TRUE(eventually([] { return disk().Waiting() == 1; }));
   }
   EXPECT_TRUE(IsFound(*cache, "first;"));
   EXPECT_EQ(readFile(m_host.CacheFile()), "");
@@ -264,7 +265,8 @@ TEST_F(SlowDisk, AHitDoesNotWaitForIt) {
 
 TEST_F(SlowDisk, ANewFileIsOnItCompleteBeforeItHasTheNameAndTheNameBeforeTheStoreIsOver) {
   const CacheHold cache;
-  ASSERT_EQ(Store(*cache, "first;"), 0);
+  Store(*cache, "first;");
+  ASSERT_EQ((*cache).WaitForStores(), 0);
   steps().Take();
   Store(*cache, "second;");
   ASSERT_EQ((*cache).WaitForStores(), 0);
@@ -282,7 +284,8 @@ TEST_F(SlowDisk, ALockRemovedWhileItIsHeldCostsNeitherProcessItsSelection) {
   const std::string path = m_host.CacheFile();
   {
     const CacheHold cache;
-    ASSERT_EQ(Store(*cache, "theirs;"), 0);
+    Store(*cache, "theirs;");
+    ASSERT_EQ((*cache).WaitForStores(), 0);
   }
   const std::string theirs = readFile(path);
   ASSERT_EQ(unlink(path.c_str()), 0);
@@ -290,7 +293,7 @@ TEST_F(SlowDisk, ALockRemovedWhileItIsHeldCostsNeitherProcessItsSelection) {
   const CacheHold cache;
   disk().StopTheNext();
   EXPECT_EQ(Store(*cache, "mine;"), HEADENDSELECTION_ERROR_CACHE_FAILURE);
-  ASSERT_EQ(disk().Waiting(), 1U);
+  ASSERT_TRUE(eventually([] { return disk().Waiting() == 1; }));
   ASSERT_EQ(unlink((path + ".lock").c_str()), 0);
   {
     CStateFile file(path, CSelectionCache::MaxFileSize);

@@ -510,7 +510,14 @@ TEST_F(SelectionCacheFile, AStoreGoesOnWithoutALockThatAnotherHolds) {
 TEST_F(SelectionCacheFile, ALockThatIsNeverGivenBackCostsOneWarning) {
   {
     const ForeignLock foreign(m_file);
-    EXPECT_EQ(store("gw-a;", {{"gw-a", 40}}), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+    const CacheHold cache;
+    CCacheEntry entry = entryOf("gw-a;", {{"gw-a", 40}});
+    EXPECT_EQ(cache->AddEntry(entry), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+    // A writer that is held up may need more than one wait to say so.
+    EXPECT_TRUE(eventually([&] {
+      EXPECT_EQ(cache->WaitForStores(), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+      return !m_warnings.empty();
+    }));
   }
   ASSERT_EQ(m_warnings.size(), 1U);
   EXPECT_THAT(m_warnings[0], HasSubstr("is held by another process"));
@@ -568,8 +575,13 @@ TEST_F(SelectionCacheFile, TenProcessesThatStoreAtOnceLoseNothing) {
         char start = 0;
         close(barrier[1]);
         const bool started = ::read(barrier[0], &start, 1) == 0;  // ends when all are there
-        store(std::to_string(round) + "-" + std::to_string(i) + ";", {{"gw", 40}});
-        _exit(started ? 0 : 1);
+        const CacheHold cache;
+        CCacheEntry entry =
+            entryOf(std::to_string(round) + "-" + std::to_string(i) + ";", {{"gw", 40}});
+        cache->AddEntry(entry);
+        // On a slow disk ten of them take longer than one wait for the lock.
+        const bool isStored = eventually([&] { return cache->WaitForStores() == 0; });
+        _exit(started && isStored ? 0 : 1);
       }
       children.push_back(child);
     }

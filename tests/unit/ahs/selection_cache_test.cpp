@@ -107,7 +107,8 @@ TEST_F(SelectionCache, ASelectionStoredUnderAGivenKeyIsFoundUnderThat) {
   {
     const CacheHold cache;
     CCacheEntry entry = entryOf("its own;", {{"gw-a", 40}});
-    ASSERT_EQ(cache->AddEntry(entry, "given;"), 0);
+    cache->AddEntry(entry, "given;");
+    ASSERT_EQ(cache->WaitForStores(), 0);
     EXPECT_EQ(entry.GetKnownHeadends(), "its own;");
   }
   EXPECT_TRUE(has("given;"));

@@ -41,11 +41,12 @@ std::unique_ptr<addrinfo, AddressInfoDeleter> resolve(const Endpoint& where) {
 }
 
 /// A socket bound to an endpoint; -1 with errno when that is not possible.
-int bindSocket(const Endpoint& where) {
+/// @param reuse whether connections of the server that was here before may still be on their way
+///        out; then another such socket can be bound to it as well, until one of them listens.
+int bindSocket(const Endpoint& where, bool reuse = true) {
   const auto info = resolve(where);
   const int handle = ::socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  // Connections of the server that was here before may still be on their way out.
-  const int on = 1;
+  const int on = reuse ? 1 : 0;
   if (handle >= 0 && (::setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
                       ::bind(handle, info->ai_addr, info->ai_addrlen) != 0)) {
     const int error = errno;
@@ -56,16 +57,11 @@ int bindSocket(const Endpoint& where) {
   return handle;
 }
 
-int bindOrThrow(const Endpoint& where) {
+int listenOrThrow(const Endpoint& where) {
   const int handle = bindSocket(where);
   if (handle < 0) {
     throw std::runtime_error("cannot bind " + where.Text() + ": " + std::strerror(errno));
   }
-  return handle;
-}
-
-int listenOrThrow(const Endpoint& where) {
-  const int handle = bindOrThrow(where);
   if (::listen(handle, SOMAXCONN) != 0) {
     const int error = errno;
     ::close(handle);
@@ -120,8 +116,16 @@ bool isListening(const Endpoint& endpoint) {
   return connected;
 }
 
-RefusingPort::RefusingPort(const std::string& address)
-    : m_where(freeEndpoint(address)), m_socket(bindOrThrow(m_where)) {}
+RefusingPort::RefusingPort(const std::string& address) {
+  // A server of another test that runs beside this one must not take the port.
+  for (unsigned int tried = 0; m_socket < 0 && tried < PortsPerProcess; ++tried) {
+    m_where = freeEndpoint(address);
+    m_socket = bindSocket(m_where, false);
+  }
+  if (m_socket < 0) {
+    throw std::runtime_error("no port of " + address + " is this test's own");
+  }
+}
 
 RefusingPort::~RefusingPort() { ::close(m_socket); }
 

@@ -37,7 +37,7 @@ class RefusingPort {
 
  private:
   Endpoint m_where;
-  int m_socket;
+  int m_socket = -1;
 };
 
 /// A listener that lets the kernel take every connection and never says a word. Used by one thread.

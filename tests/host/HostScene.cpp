@@ -17,8 +17,6 @@ namespace tests {
 
 namespace {
 
-constexpr std::chrono::milliseconds PollInterval{1};
-
 std::string preferencesFile(const Host::Preferences& preferences) {
   std::string text = "<preferences version=\"1\">\n";
   for (const auto& [name, value] : preferences) {
@@ -65,34 +63,6 @@ GatewayProcess::GatewayProcess(const std::vector<std::string>& gateways) {
 }
 
 GatewayProcess::~GatewayProcess() { HttpProbe::SetTrustFile(""); }
-
-HeldGateway::HeldGateway(unsigned int answersFirst)
-    : m_answersFirst(answersFirst),
-      m_server([this](Connection& connection) { Serve(connection); }) {}
-
-HeldGateway::~HeldGateway() { Release(); }
-
-std::string HeldGateway::Address() const { return "127.0.0.1:" + std::to_string(m_server.port()); }
-
-bool HeldGateway::WaitUntilAsked() {
-  return eventually([this] { return m_waiting.load() != 0; });
-}
-
-void HeldGateway::Release() { m_released = true; }
-
-void HeldGateway::Serve(Connection& connection) {
-  if (connection.readHead().empty()) {
-    return;
-  }
-  if (m_requests++ >= m_answersFirst) {
-    ++m_waiting;
-    while (!m_released) {
-      connection.wait(PollInterval);
-    }
-  }
-  connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-  connection.waitForPeer();
-}
 
 Host::Preferences Host::patient() {
   return {{"SelectionConnectTimeout", "60000"}, {"SelectionReconnectTimeout", "60000"},

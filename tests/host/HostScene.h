@@ -13,6 +13,7 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/HeldGateway.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
@@ -44,28 +45,6 @@ class GatewayProcess {
   TemporaryDirectory m_directory;
   std::unique_ptr<ChildProcess> m_process;
   std::vector<std::string> m_addresses;
-};
-
-/// A gateway in this process that answers as many requests as it is told to and lets the others
-/// wait until it is released. Operations may be called from any thread.
-class HeldGateway {
- public:
-  explicit HeldGateway(unsigned int answersFirst = 0);
-  ~HeldGateway();
-
-  std::string Address() const;
-  /// Waits until a request waits for its answer.
-  bool WaitUntilAsked();
-  void Release();
-
- private:
-  void Serve(Connection& connection);
-
-  const unsigned int m_answersFirst;
-  std::atomic<unsigned int> m_requests{0};
-  std::atomic<unsigned int> m_waiting{0};
-  std::atomic<bool> m_released{false};
-  ScriptedServer m_server;  // last, because its threads use the others
 };
 
 /// The client library of a host, on files in a directory of its own. Used by one thread.

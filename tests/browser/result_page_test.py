@@ -30,7 +30,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import wan_scene  # noqa: E402  (it lies beside the tests' other helpers)
 
 PATIENCE_S = 60
-GATEWAYS = ["127.0.0.1:0,delay=20", "127.0.0.1:0,delay=80"]
+GATEWAYS = ["127.0.0.1:0,delay=100", "127.0.0.1:0,delay=400"]
 # Port 1 (tcpmux) is used by nobody any more.
 CLOSED = "127.0.0.1:1"
 # A host entry's name is markup, and one entry has no name but its address.

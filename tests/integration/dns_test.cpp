@@ -70,7 +70,8 @@ TEST_F(Names, ThatCannotBeResolvedAreToldAndDoNotHoldUpTheOthers) {
              "answer garbage.example garbage", "answer six-alone.example odd-name fd77::9"});
   selection.hosts = {"good.example", "nobody.example", "failing.example", "loop.example",
                      "garbage.example"};
-  selection.resolverOptions = "timeout:1 attempts:1";
+  selection.resolverOptions = "timeout:5 attempts:1";
+  selection.pingTimeoutMs = 10'000;
   const json object = Run(selection);
 
   EXPECT_EQ(json({"good.example"}), object.at("headends"));
@@ -113,7 +114,7 @@ void PrintTo(const Eyeballs& eyeballs, std::ostream* stream) { *stream << eyebal
 class NamesOfBothFamilies : public Names, public testing::WithParamInterface<Eyeballs> {};
 
 TEST_P(NamesOfBothFamilies, AreReachedByTheLivingOne) {
-  constexpr double RoundTripMs = 30;
+  constexpr double RoundTripMs = 200;
   WanSelection selection = Scene({"answer both.example fd77::2 10.77.0.2"});
   selection.scene.insert(selection.scene.end(), GetParam().scene.begin(), GetParam().scene.end());
   selection.hosts = {"both.example"};
@@ -128,7 +129,7 @@ TEST_P(NamesOfBothFamilies, AreReachedByTheLivingOne) {
     EXPECT_GE(probe.at("networkRttMs"), RoundTripMs);
     EXPECT_LT(probe.at("networkRttMs"), 2 * RoundTripMs);
     if (GetParam().waits) {
-      EXPECT_GT(probe.at("connectMs"), probe.at("networkRttMs").get<double>() + RoundTripMs);
+      EXPECT_GT(probe.at("connectMs"), probe.at("networkRttMs").get<double>() + RoundTripMs / 2);
     }
   }
 }
@@ -137,19 +138,19 @@ INSTANTIATE_TEST_SUITE_P(
     OfWhich, NamesOfBothFamilies,
     testing::Values(
         Eyeballs{"Ipv6IsDead",
-                 {"path fd77::2 loss=100", "path 10.77.0.2 rtt=30", "gateway 10.77.0.2:443"},
+                 {"path fd77::2 loss=100", "path 10.77.0.2 rtt=200", "gateway 10.77.0.2:443"},
                  "10.77.0.2",
                  true},
         Eyeballs{"Ipv6Refuses",
-                 {"path fd77::2 rtt=30", "path 10.77.0.2 rtt=30", "gateway 10.77.0.2:443"},
+                 {"path fd77::2 rtt=200", "path 10.77.0.2 rtt=200", "gateway 10.77.0.2:443"},
                  "10.77.0.2",
                  false},
         Eyeballs{"Ipv4IsDead",
-                 {"path 10.77.0.2 loss=100", "path fd77::2 rtt=30", "gateway [fd77::2]:443"},
+                 {"path 10.77.0.2 loss=100", "path fd77::2 rtt=200", "gateway [fd77::2]:443"},
                  "fd77::2",
                  false},
         Eyeballs{"Ipv4Refuses",
-                 {"path 10.77.0.2 rtt=30", "path fd77::2 rtt=30", "gateway [fd77::2]:443"},
+                 {"path 10.77.0.2 rtt=200", "path fd77::2 rtt=200", "gateway [fd77::2]:443"},
                  "fd77::2",
                  false}),
     [](const auto& param) { return param.param.name; });
@@ -178,7 +179,7 @@ TEST_F(Names, WithOneDeadAddressAreReachedByTheNext) {
                                   "answer two.example 10.77.9.1 10.77.0.1"});
   selection.hosts = {"two.example"};
   // An address may take up half of it.
-  selection.pingTimeoutMs = 2000;
+  selection.pingTimeoutMs = 6000;
   const json result = ResultOf(Run(selection), "two.example");
 
   EXPECT_EQ("answered", result.at("outcome"));
@@ -193,7 +194,9 @@ TEST_F(Names, AThousandAtOnceAreAllMeasured) {
   constexpr int Count = 1000;
   constexpr double RoundTripMs = 20;
   WanSelection selection = Scene({"path default rtt=20"});
-  selection.pingTimeoutMs = 20'000;
+  selection.pingTimeoutMs = 40'000;
+  // A server that is slow in telling them all is no failure, and neither is a packet that is lost.
+  selection.resolverOptions = "timeout:10 attempts:3";
   for (int i = 0; i < Count; ++i) {
     const std::string name = "gw" + std::to_string(i) + ".example";
     const std::string address =

@@ -117,6 +117,12 @@ std::string nameOf(const Hostile& hostile) {
   return name;
 }
 
+/// Answers the first request of a connection, and the second with what is none.
+bool fallsOutOfItsPart(const Hostile& hostile) {
+  const std::string behaviour = hostile.behaviour;
+  return behaviour == "keeps-then-garbage" || behaviour == "keeps-then-resets-midway";
+}
+
 /// Answers the first request of a connection and no other.
 bool fallsSilent(const Hostile& hostile) {
   return hostile.behaviour == std::string("keeps-then-silent");
@@ -255,11 +261,10 @@ INSTANTIATE_TEST_SUITE_P(That, HostileGateway, testing::ValuesIn(hostiles()),
 /// then falls out of its part is met with that part at the latest; where it has ended the
 /// connection instead, the probe has taken another.
 testing::Matcher<STATUSCODE> laterStatus(const Hostile& hostile, const Verdict& first) {
-  const std::string behaviour = hostile.behaviour;
   if (fallsSilent(hostile)) {
     return AnyOf(Success, TimedOut);
   }
-  if (behaviour == "keeps-then-garbage" || behaviour == "keeps-then-resets-midway") {
+  if (fallsOutOfItsPart(hostile)) {
     return AnyOf(Success, NoHttp);
   }
   return testing::Eq(first.status);
@@ -320,7 +325,7 @@ class HostileSelection : public testing::Test {
                       "<preferences version=\"1\">\n"
                       "<preference name=\"SelectionConnectTimeout\" value=\"60000\"/>\n"
                       "<preference name=\"SelectionReconnectTimeout\" value=\"60000\"/>\n"
-                      "<preference name=\"SelectionPingTimeout\" value=\"3000\"/>\n"
+                      "<preference name=\"SelectionPingTimeout\" value=\"6000\"/>\n"
                       "</preferences>\n");
     CClientLibrary::Options options;
     options.log.file = m_directory.File("log");
@@ -371,16 +376,22 @@ class HostileSelection : public testing::Test {
     }
   }
 
-  /// What the workers came to.
-  Lines ExpectedOutcomes(const Verdict Hostile::*verdict) const {
+  /// What the workers came to: what the last probe did. Where a gateway answers the first request
+  /// of a connection alone, it depends on how many were kept, and none is where an answer is late.
+  Lines ExpectedOutcomes(const Selection& selection, const Verdict Hostile::*verdict) const {
     const std::map<STATUSCODE, std::string> codes = {{Untrusted, "0xFE460017"},
                                                      {WantsCertificate, "0xFE46001A"},
                                                      {TimedOut, "0xFE46001B"},
                                                      {NoHttp, "0xFE46001C"},
                                                      {NoConnection, "0xFE46001D"}};
     Lines outcomes;
-    for (const Hostile& hostile : m_hostiles) {
-      const STATUSCODE status = (hostile.*verdict).status;
+    for (std::size_t i = 0; i < m_hostiles.size(); ++i) {
+      STATUSCODE status = (m_hostiles[i].*verdict).status;
+      if (fallsOutOfItsPart(m_hostiles[i])) {
+        const auto probes = selection.ProbesOf(m_gateways.Where()[i].port);
+        status = probes.empty() ? TimedOut : probes.back().status;
+        EXPECT_THAT(status, AnyOf(Success, NoHttp)) << m_hostiles[i].behaviour;
+      }
       if (status != Success) {
         outcomes.push_back("W startPingThreads: Return code from CSelectionThread::Run: " +
                            codes.at(status));
@@ -438,7 +449,8 @@ TEST_F(HostileSelection, MeasuresThoseThatAnswerAndLogsNothingOfTheirs) {
 
   EXPECT_EQ(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, selection.status);
   ExpectWorkerLogs(selection, &Hostile::plain);
-  EXPECT_THAT(outcomesOf(selection), UnorderedElementsAreArray(ExpectedOutcomes(&Hostile::plain)));
+  EXPECT_THAT(outcomesOf(selection),
+              UnorderedElementsAreArray(ExpectedOutcomes(selection, &Hostile::plain)));
   ExpectLegibleLog(selection);
 }
 
@@ -447,7 +459,8 @@ TEST_F(HostileSelection, MeasuresThoseThatAnswerOverTlsAndLogsNothingOfTheirs) {
 
   EXPECT_EQ(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, selection.status);
   ExpectWorkerLogs(selection, &Hostile::secure);
-  EXPECT_THAT(outcomesOf(selection), UnorderedElementsAreArray(ExpectedOutcomes(&Hostile::secure)));
+  EXPECT_THAT(outcomesOf(selection),
+              UnorderedElementsAreArray(ExpectedOutcomes(selection, &Hostile::secure)));
   ExpectLegibleLog(selection);
 }
 

@@ -442,7 +442,7 @@ class MemorySearchAfter : public MemorySearch,
 
 TEST_P(MemorySearchAfter, AProxyThatDoesNotAnswerTheCredentialsFindsNothing) {
   AskingProxy proxy("Basic realm=\"x\"", Basic(), GetParam().second, HeadendPort());
-  SelectThrough(proxy, "basic", GetParam().second == Then::StaySilent ? "2" : "20");
+  SelectThrough(proxy, "basic", GetParam().second == Then::StaySilent ? "8" : "20");
   EXPECT_THAT(LastOutcome(), StartsWith("status "));
 }
 

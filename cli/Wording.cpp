@@ -1,5 +1,7 @@
 #include "cli/Wording.h"
 
+#include <time.h>
+
 std::string Wording::joined(const std::vector<std::string>& words, const std::string& between) {
   std::string text;
   for (const std::string& word : words) {
@@ -24,6 +26,18 @@ std::string Wording::duration(std::size_t seconds) {
   }
   return seconds >= 2 * SecondsPerMinute ? counted(seconds / SecondsPerMinute, "minute")
                                          : counted(seconds, "second");
+}
+
+std::string Wording::localTime(bool withZone) {
+  tzset();  // the zone may be another one than a day ago
+  const std::time_t now = std::time(nullptr);
+  std::tm parts{};
+  char text[64] = "";
+  if (localtime_r(&now, &parts) != nullptr) {
+    std::strftime(text, sizeof text, withZone ? "%Y-%m-%d %H:%M:%S %z" : "%Y-%m-%d %H:%M:%S",
+                  &parts);
+  }
+  return text;
 }
 
 std::string Wording::utc(const std::tm& parts) {

@@ -21,6 +21,10 @@ class Wording {
   /// A span of time in the largest unit, up to days, that it has twice: "119 minutes", "2 hours".
   static std::string duration(std::size_t seconds);
 
+  /// The present time in the zone of the machine, as people write it.
+  /// @param withZone for what is read elsewhere: "2026-01-31 12:00:00 +0100".
+  static std::string localTime(bool withZone = false);
+
   /// A point of time in UTC, as ISO 8601 writes it: "2026-01-31T12:00:00Z".
   static std::string utc(const std::tm& parts);
 };

@@ -26,14 +26,6 @@ std::string exactMs(long long microseconds) {
   return text;
 }
 
-std::string listed(const std::vector<std::string>& items, const char* separator = ", ") {
-  std::string text;
-  for (const std::string& item : items) {
-    text += (text.empty() ? "" : separator) + item;
-  }
-  return text;
-}
-
 /// A name that could be taken for several, or for none, in quotes.
 std::string distinct(const std::string& name) {
   if (!name.empty() && name.find_first_of(" ,\"") == std::string::npos) {
@@ -121,7 +113,7 @@ std::string certificateInWords(const CertificateSummary& certificate) {
   std::vector<std::string> distinctNames;
   distinctNames.reserve(certificate.names.size());
   std::ranges::transform(certificate.names, std::back_inserter(distinctNames), distinct);
-  std::string names = distinctNames.empty() ? "none" : listed(distinctNames);
+  std::string names = distinctNames.empty() ? "none" : Wording::joined(distinctNames);
   if (certificate.moreNames > 0) {
     names += ", and " + std::to_string(certificate.moreNames) + " more";
   }
@@ -129,7 +121,8 @@ std::string certificateInWords(const CertificateSummary& certificate) {
          "\n  valid:    " + certificate.validFrom + " to " + certificate.validUntil + ", " +
          daysInWords(certificate) + "\n  names:    " + names + "\n  key:      " + certificate.key +
          "\n  trusted:  " +
-         (certificate.doubts.empty() ? "yes" : "no: " + listed(certificate.doubts, "; ")) + "\n";
+         (certificate.doubts.empty() ? "yes" : "no: " + Wording::joined(certificate.doubts, "; ")) +
+         "\n";
 }
 
 std::string tlsInWords(const ProbeFindings& findings) {
@@ -193,11 +186,11 @@ std::string adviceForName(const ProbeFindings& findings) {
            ". Check the address; the zone of an IPv6 address is the name of an interface, as in "
            "[fe80::7%25eth0].";
   }
-  const std::string domains = listed(findings.searchDomains);
+  const std::string domains = Wording::joined(findings.searchDomains);
   return "the name '" + Console::visible(findings.plan.place.first) +
          "' is not resolved: " + (problem.empty() ? "it was not a moment ago" : problem) +
          ". Name servers: " +
-         (findings.nameServers.empty() ? "none are set" : listed(findings.nameServers)) +
+         (findings.nameServers.empty() ? "none are set" : Wording::joined(findings.nameServers)) +
          (domains.empty() ? "" : "; search domains: " + domains) +
          ". Check the spelling, and the network that these name servers belong to.";
 }

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "cli/Console.h"
+#include "cli/Wording.h"
 #include "cli/select/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
@@ -180,8 +181,9 @@ struct Headline {
 Headline headline(const LiveState& state) {
   const auto left = std::max(state.budget - state.elapsed, std::chrono::milliseconds(0));
   char rest[96];
-  snprintf(rest, sizeof rest, " headends answered, %u probe%s done, %.1f s left", state.probesEnded,
-           state.probesEnded == 1 ? "" : "s", static_cast<double>(left.count()) / 1000.0);
+  snprintf(rest, sizeof rest, " headends answered, %s done, %.1f s left",
+           Wording::counted(state.probesEnded, "probe").c_str(),
+           static_cast<double>(left.count()) / 1000.0);
   return {"Measuring: ",
           std::to_string(state.answered) + " of " + std::to_string(state.rows.size()), rest};
 }

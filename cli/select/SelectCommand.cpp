@@ -1,8 +1,6 @@
 // `ahs select`: one selection from the options to the exit status. Nothing is printed on standard
 // output but the result.
 
-#include <time.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
@@ -10,6 +8,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
+#include "cli/Wording.h"
 #include "cli/select/Chart.h"
 #include "cli/select/Explanation.h"
 #include "cli/select/ResultPage.h"
@@ -23,17 +22,6 @@ namespace {
 
 bool wantsProgress(const SelectOptions& options, const SelectPlan& plan) {
   return !options.quiet && !options.json && !plan.log.terminal;
-}
-
-// The present time as people write it, with the zone: pages are read elsewhere.
-std::string timeOfDay() {
-  const time_t now = time(nullptr);
-  tm local{};
-  char text[64] = "";
-  if (localtime_r(&now, &local) != nullptr) {
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &local);
-  }
-  return text;
 }
 
 bool isNamed(const SelectionResult& result, const std::string& name) {
@@ -72,7 +60,8 @@ int print(const SelectionResult& result, const SelectOptions& options, const Sel
                                : textOutput(result) + (options.explain ? explanation(result) : "");
   int exitStatus = Console::writeResult(text, exitStatusOf(result.status));
   if (options.html) {
-    exitStatus = Console::writeFile(*options.html, pageOf(result, timeOfDay()), exitStatus);
+    exitStatus =
+        Console::writeFile(*options.html, pageOf(result, Wording::localTime(true)), exitStatus);
   }
   if (options.svg) {
     exitStatus = Console::writeFile(*options.svg, chartOf(result), exitStatus);

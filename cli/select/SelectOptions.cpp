@@ -9,6 +9,7 @@
 #include <set>
 
 #include "cli/Console.h"
+#include "cli/Wording.h"
 #include "vpn/Api/ProfileFile.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
@@ -160,14 +161,7 @@ const char* reasonName(unsigned int reason) {
   return reason < ReasonNames.size() ? ReasonNames[reason] : "unknown";
 }
 
-std::string reasonNames() {
-  std::string names;
-  for (const char* name : ReasonNames) {
-    names += names.empty() ? "" : ", ";
-    names += name;
-  }
-  return names;
-}
+std::string reasonNames() { return Wording::joined({ReasonNames.begin(), ReasonNames.end()}); }
 
 std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                          std::vector<std::string>& problems) {

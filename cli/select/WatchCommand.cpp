@@ -69,18 +69,6 @@ CauseWords wordsOf(Cause cause) {
   return {"start", "first choice"};
 }
 
-/// The present time in the zone of the machine, for people.
-std::string localTime() {
-  tzset();  // the zone may be another one than a day ago
-  const time_t now = time(nullptr);
-  tm parts{};
-  char text[64] = "";
-  if (localtime_r(&now, &parts) != nullptr) {
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  }
-  return text;
-}
-
 std::string utcTime() {
   const time_t now = time(nullptr);
   tm parts{};
@@ -95,7 +83,7 @@ std::string inWords(const ChosenHeadend& chosen) {
 
 std::string lineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
                    Cause cause) {
-  return localTime() + "  " + inWords(chosen) + "; " +
+  return Wording::localTime() + "  " + inWords(chosen) + "; " +
          (previous ? "before: " + inWords(*previous) + "; " : "") + wordsOf(cause).text + "\n";
 }
 

@@ -1,8 +1,10 @@
 #include "cli/Wording.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
-#include <ctime>
+#include <string>
 
 namespace {
 
@@ -39,6 +41,17 @@ TEST(Wording, APointOfTimeIsToldInUtc) {
   parts.tm_mday = 21;
   parts.tm_hour = 9;
   EXPECT_EQ(Wording::utc(parts), "2026-11-21T09:00:00Z");
+}
+
+TEST(Wording, TheLocalTimeIsThatOfTheZoneInForceNow) {
+  for (const std::string zone : {"+0530", "-0300"}) {
+    // POSIX counts westwards.
+    setenv("TZ", zone[0] == '+' ? "EAST-5:30" : "WEST3", 1);
+    EXPECT_THAT(Wording::localTime(true), testing::EndsWith(" " + zone));
+    EXPECT_THAT(Wording::localTime(),
+                testing::MatchesRegex("[0-9]+-[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+"));
+  }
+  unsetenv("TZ");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <chrono>
+#include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
@@ -98,6 +99,7 @@ int CThread::startOnce(bool& onReserve) {
   if (m_pKeptAlive != nullptr) {
     m_pKeptAlive->enter();
   }
+  m_task = CTask::Current();
 
   const int error = create(onReserve);
   if (error == 0 || onReserve) {
@@ -106,6 +108,7 @@ int CThread::startOnce(bool& onReserve) {
   }
 
   // No hold is the last one here: the owner, who starts the thread, holds both.
+  m_task.reset();
   if (m_pKeptAlive != nullptr) {
     m_pKeptAlive->leave();
   }
@@ -127,6 +130,8 @@ int CThread::create(bool& onReserve) {
 void* CThread::threadEntry(void* object) {
   pthread_setname_np(pthread_self(), "ahs");
   auto* const thread = static_cast<CThread*>(object);
+  // Destroyed last: the task outlives all that the thread does for it.
+  const CTask::Scope scope(std::move(thread->m_task));
   Ending ending(thread);
   guardedCall([thread, &ending] { ending.exitCode = static_cast<unsigned int>(thread->Run()); },
               logException);

@@ -5,9 +5,11 @@
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <new>
 
 #include "vpn/Common/Utility/ReserveThread.h"
+#include "vpn/Common/Utility/Task.h"
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 #include "vpn/include/ThreadAnnotations.h"
@@ -41,7 +43,8 @@ class IRunnable {
   IRunnable& operator=(const IRunnable&) = delete;
 };
 
-/// One thread: derive, write `Run`, call `Start`.
+/// One thread: derive, write `Run`, call `Start`. It works for the task of the thread that starts
+/// it.
 ///
 /// Objects are created with `new` and given up with `delete`, by one owner, who also calls `Start`.
 /// Deleting an object whose thread still runs is allowed: `delete` returns at once and the object
@@ -120,6 +123,7 @@ class CThread : public IRunnable {
   const std::size_t m_stackSize;
   // Written before Start, read by the thread: ordered by its creation.
   ApiRunnable* m_pKeptAlive;
+  std::shared_ptr<CTask> m_task;        // written by Start, taken over by the thread
   bool m_usesReserve;                   // written before Start, read by it
   CReserveThread::Body m_reserved;      // the reserve thread's, once Start has handed it over
   std::atomic<unsigned int> m_holders;  // the owner, and the thread while it runs

@@ -8,11 +8,13 @@
 #include <chrono>
 #include <map>
 #include <new>
+#include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/GuardedCall.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/Common/Utility/Task.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -52,6 +54,7 @@ struct CTimer::Entry {
   void* ptrVal = nullptr;
   unsigned long longVal = 0;
   ApiRunnable* pKeptAlive = nullptr;
+  std::shared_ptr<CTask> task;
   bool isArmed = false;
   CTimerList::Shared::Armed::iterator position = {};
 };
@@ -64,7 +67,8 @@ bool CTimerList::Shared::takeExpired(CTimer::Entry& expired) {
   armed.erase(first);
   entry->isArmed = false;
   expired = *entry;
-  // The task's memory is there: it deletes the timer first, which takes the lock held here.
+  entry->task.reset();
+  // The run's memory is there: it deletes the timer first, which takes the lock held here.
   return expired.pKeptAlive == nullptr || expired.pKeptAlive->enterIfHeld();
 }
 
@@ -112,6 +116,7 @@ void CTimerList::Service() {
   const std::shared_ptr<Shared> shared = m_pShared;
   CTimer::Entry expired;
   while (shared->waitForExpired(expired)) {
+    const CTask::Scope scope(std::move(expired.task));
     const KeptTask keptTask(expired.pKeptAlive);
     guardedCall([&expired] { expired.callback(expired.ptrVal, expired.longVal); }, logException);
   }
@@ -170,6 +175,7 @@ STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
   if (m_pEntry->isArmed) {
     armed.erase(m_pEntry->position);
   }
+  m_pEntry->task = CTask::Current();
   m_pEntry->position = position;
   m_pEntry->isArmed = true;
   if (position == armed.begin()) {

@@ -46,7 +46,8 @@ class CTimerList {
   std::shared_ptr<Shared> m_pShared;
 };
 
-/// A one-shot timer. The operations may be called from any thread, one at a time.
+/// A one-shot timer. The operations may be called from any thread, one at a time. The callback
+/// works for the task of the thread that armed the timer.
 ///
 /// Deleting a timer takes it off its list: its callback is not called from then on. A callback
 /// that is under way already goes on, and the destructor does not wait for it, so a timer may be

@@ -1,0 +1,23 @@
+// The task of each thread: a pointer to what a scope on the thread's own stack holds.
+
+#include "vpn/Common/Utility/Task.h"
+
+#include <utility>
+
+namespace {
+
+/// A plain pointer: it needs no memory to set up and none to take down.
+thread_local const std::shared_ptr<CTask>* current = nullptr;
+
+}  // namespace
+
+CTask::~CTask() = default;
+
+std::shared_ptr<CTask> CTask::Current() noexcept { return current != nullptr ? *current : nullptr; }
+
+CTask::Scope::Scope(std::shared_ptr<CTask> task) noexcept
+    : m_task(std::move(task)), m_former(current) {
+  current = &m_task;
+}
+
+CTask::Scope::~Scope() { current = m_former; }

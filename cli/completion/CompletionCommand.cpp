@@ -11,8 +11,8 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/completion/Completion.h"
-#include "cli/files/Candidates.h"
 #include "cli/files/FileOptions.h"
+#include "vpn/Api/AHS/Candidates.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {

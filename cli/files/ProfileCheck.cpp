@@ -10,7 +10,7 @@
 #include "cli/Console.h"
 #include "cli/Json.h"
 #include "cli/Wording.h"
-#include "cli/files/Candidates.h"
+#include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/ProfileMgr.h"
 
 namespace {

@@ -10,9 +10,9 @@
 #include "cli/ExitStatus.h"
 #include "cli/Json.h"
 #include "cli/Table.h"
-#include "cli/files/Candidates.h"
 #include "cli/files/FileOptions.h"
 #include "cli/files/ProfileCheck.h"
+#include "vpn/Api/AHS/Candidates.h"
 
 namespace {
 

@@ -10,16 +10,17 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
-#include "cli/files/Candidates.h"
 #include "cli/files/FileOptions.h"
 #include "cli/probe/ProbeOptions.h"
 #include "cli/probe/ProbeReport.h"
 #include "cli/select/SelectionOutput.h"
+#include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/ClientLibrary.h"
 #include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/Locks.h"
 
@@ -37,9 +38,8 @@ constexpr unsigned int Wanted =
     HttpProbe::HTTP_PROBE_RETURN_REQUEST;
 
 /// Keeps the report of the last probe. Probes and their reader are one thread.
-class LastReport : public HttpProbe::Watcher {
+class LastReport : public ProbeTask {
  public:
-  void ProbeStarted(const HttpProbe::Report& /*report*/) override {}
   void ProbeEnded(const HttpProbe::Report& report) override { m_report = report; }
 
   const HttpProbe::Report& report() const { return m_report; }
@@ -119,7 +119,7 @@ class Measurement {
 /// @return whether all could be told.
 bool measure(const ProbePlan& plan, Measurement& measurement) {
   const auto watcher = std::make_shared<LastReport>();
-  HttpProbe::SetWatcher(watcher);
+  const CTask::Scope scope(watcher);
   const HttpProbe::KeptConnection connection;
   const PROXY_DATA noProxy;  // a round trip through a proxy would measure the proxy
   const auto start = Clock::now();
@@ -135,7 +135,6 @@ bool measure(const ProbePlan& plan, Measurement& measurement) {
       break;  // there is nobody to probe
     }
   }
-  HttpProbe::SetWatcher(nullptr);
   return isTold && measurement.sumUp();
 }
 

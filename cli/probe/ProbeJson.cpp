@@ -43,7 +43,7 @@ Json selectionAsJson(const ProbePlan& plan, const WorkerView& view) {
           {"probesPerHeadend", plan.selectionCount},
           {"samplesMs", view.samplesMs},
           {"metricMs", view.metricMs ? Json(*view.metricMs) : Json(nullptr)},
-          {"outcome", view.outcome},
+          {"outcome", outcomeName(view.outcome)},
           {"words", view.why}};
 }
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/Candidates.h"
 #include "cli/select/SelectOptions.h"
 #include "vpn/Api/AHS/AHSSettings.h"
+#include "vpn/Api/AHS/Candidates.h"
 
 /// The options of `ahs probe` as a person typed them; an optional without a value was not given.
 struct ProbeOptions {

@@ -11,10 +11,10 @@
 #include "cli/Console.h"
 #include "cli/Wording.h"
 #include "cli/probe/ProbeText.h"
-#include "cli/select/ProbeRecorder.h"
 #include "cli/select/SelectionOutput.h"
 #include "cli/select/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 
 namespace {
 
@@ -43,8 +43,9 @@ std::string place(const ProbePlan& plan) { return Console::visible(candidateWith
 // ---- The probes -------------------------------------------------------------------------------
 
 std::string answerInWords(const HttpProbe::Report& report) {
-  const ProbeRecorder::Track track{1, {report}};
-  const std::string outcome = outcomeOf(&track, ProbeRecorder::isSample(report.status), false);
+  const SelectionRecord::Track track{1, {report}};
+  const std::string outcome =
+      outcomeName(outcomeOf(&track, SelectionRecord::isSample(report.status), false));
   return report.httpStatus == 0 ? outcome : outcome + ", HTTP " + std::to_string(report.httpStatus);
 }
 
@@ -245,7 +246,7 @@ std::string probeHeading(const ProbePlan& plan) {
 std::string probeLine(const EndedProbe& probe, std::size_t index) {
   const HttpProbe::Report& report = probe.report;
   const std::string worth =
-      ProbeRecorder::isSample(report.status) ? std::to_string(report.rttMs) + " ms" : "no sample";
+      SelectionRecord::isSample(report.status) ? std::to_string(report.rttMs) + " ms" : "no sample";
   char number[32];
   snprintf(number, sizeof number, "%4zu. ", index + 1);
   return number + worth + "  " + answerInWords(report) + "  " + timesInWords(report) + "  " +
@@ -277,7 +278,7 @@ std::string probeVerdict(const ProbeFindings& findings) {
          (view.probes == 1 ? "the first:" : "the first " + std::to_string(view.probes) + ":") +
          "\n  samples:  " + (view.samplesMs.empty() ? "none" : samplesText(view.samplesMs, " ")) +
          "\n  metric:   " + (view.metricMs ? std::to_string(*view.metricMs) + " ms" : "none") +
-         "\n  outcome:  " + view.outcome + "\n  " + view.why + "\n  " +
+         "\n  outcome:  " + outcomeName(view.outcome) + "\n  " + view.why + "\n  " +
          measureInWords(findings.plan) + "\n  " + schemeInWords(findings.plan) + "\n" +
          (takesPart ? ""
                     : "  But the host entry takes no part in a selection: " +
@@ -295,16 +296,17 @@ std::string probeAdvice(const ProbeFindings& findings) {
     return "";
   }
   const std::string where = place(findings.plan);
-  const bool isSilent = view.outcome == "timed out";
+  const bool isSilent = view.outcome == HeadendOutcome::TimedOut;
   if (isSilent && view.lateAnswers > 0) {
     return where + " answers, but not within the " +
            std::to_string(findings.plan.selectionTimeout.count()) +
            " s that a selection waits. The preference SelectionPingTimeout makes it wait longer.";
   }
-  if (view.outcome == "name not resolved" || (isSilent && !findings.addresses.problem.empty())) {
+  if (view.outcome == HeadendOutcome::NameNotResolved ||
+      (isSilent && !findings.addresses.problem.empty())) {
     return adviceForName(findings);
   }
-  if (view.outcome == "cannot connect") {
+  if (view.outcome == HeadendOutcome::CannotConnect) {
     return "no connection to " + where + " could be made. " +
            adviceForAddresses(findings.addresses);
   }

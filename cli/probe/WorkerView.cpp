@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "cli/select/ProbeRecorder.h"
 #include "cli/select/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 /// The worker, as far as the probes have led it.
 struct Worker {
   WorkerView view;
-  ProbeRecorder::Track track;
+  SelectionRecord::Track track;
   unsigned int failures = 0;
   bool hasGivenUp = false;
   bool isLate = false;  // the time limit of the selection came first
@@ -32,7 +32,7 @@ EndedProbe asSent(const EndedProbe& probe, const ProbePlan& plan, Worker& worker
   const auto took = std::chrono::microseconds(probe.report.totalUs);
   EndedProbe own = probe;
   if (plan.timeout > plan.selectionTimeout && took > plan.selectionTimeout) {
-    worker.view.lateAnswers += ProbeRecorder::isSample(probe.report.status) ? 1 : 0;
+    worker.view.lateAnswers += SelectionRecord::isSample(probe.report.status) ? 1 : 0;
     worker.saved += std::chrono::floor<milliseconds>(took - plan.selectionTimeout);
     own.report.status = HTTP_SESSION_ERROR_TIMEOUT;
     own.report.rttMs = 0;
@@ -142,7 +142,7 @@ std::optional<Spread> spreadOf(const std::vector<long long>& roundTripsUs) {
 std::vector<unsigned int> samplesOf(const std::vector<EndedProbe>& probes) {
   std::vector<unsigned int> samples;
   for (const EndedProbe& probe : probes) {
-    if (ProbeRecorder::isSample(probe.report.status)) {
+    if (SelectionRecord::isSample(probe.report.status)) {
       samples.push_back(probe.report.rttMs);
     }
   }

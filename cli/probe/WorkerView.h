@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli/probe/ProbeOptions.h"
+#include "vpn/Api/AHS/HeadendResult.h"
 #include "vpn/Common/IP/HttpProbe.h"
 
 /// A probe that has ended.
@@ -21,8 +22,8 @@ struct WorkerView {
   std::size_t lateAnswers = 0;           ///< that came when its own probes had timed out
   std::vector<unsigned int> samplesMs;   ///< that it would take from them
   std::optional<unsigned int> metricMs;  ///< none: the headend would have no result
-  std::string outcome;                   ///< see `outcomeOf`
-  std::string why;                       ///< a sentence
+  HeadendOutcome outcome = HeadendOutcome::NotProbed;
+  std::string why;  ///< a sentence
 };
 
 /// Looks at the first probes, as many as a selection sends; all of them if there are fewer.

@@ -145,11 +145,11 @@ std::string label(const HeadendResult& headend, double middle) {
 std::string row(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
   // Both names of a headend and the parentheses.
   const std::string title = legible(titleOf(headend), 2 * LongestName + 3);
-  return "<g><title>" + asXmlText(title) + ": " + asXmlText(headend.outcome) + "</title>\n" +
-         label(headend, middle) +
-         (headend.metricMs
-              ? bar(headend, scale, middle, isFirst)
-              : text(BarsStart + 6, middle + Base, "soft", asXmlText(headend.outcome))) +
+  return "<g><title>" + asXmlText(title) + ": " + asXmlText(outcomeName(headend.outcome)) +
+         "</title>\n" + label(headend, middle) +
+         (headend.metricMs ? bar(headend, scale, middle, isFirst)
+                           : text(BarsStart + 6, middle + Base, "soft",
+                                  asXmlText(outcomeName(headend.outcome)))) +
          "</g>\n";
 }
 

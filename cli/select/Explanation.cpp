@@ -84,7 +84,7 @@ std::string describe(const HeadendResult& headend) {
       headend.samplesMs.empty() ? "" : " (samples " + samplesText(headend.samplesMs, ", ") + ")";
   return name(headend) + "  " +
          (headend.metricMs ? milliseconds(*headend.metricMs) + samples
-                           : "no metric: " + headend.outcome);
+                           : std::string("no metric: ") + outcomeName(headend.outcome));
 }
 
 // A best metric of 0 makes it no number; the last headend goes then, however near it is.
@@ -142,7 +142,8 @@ std::string missingLines(const SelectionResult& result) {
   }
   std::string text;
   for (std::size_t i = 0; i < std::min(missing.size(), MostNames); ++i) {
-    text += line(i == 0 ? "no metric" : "", name(*missing[i]) + "  " + missing[i]->outcome);
+    text += line(i == 0 ? "no metric" : "",
+                 name(*missing[i]) + "  " + outcomeName(missing[i]->outcome));
   }
   if (missing.size() > MostNames) {
     text += line("", "and " + std::to_string(missing.size() - MostNames) + " more");

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <utility>
 
-#include "cli/files/Candidates.h"
+#include "vpn/Api/AHS/Candidates.h"
 
 namespace {
 

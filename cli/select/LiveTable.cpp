@@ -343,7 +343,7 @@ std::vector<std::string> liveTable(const LiveState& state, const LiveLook& look)
 
 std::string liveLine(const LiveState& state) { return headline(state).plain(); }
 
-LiveRow liveRowOf(const Candidate& candidate, const ProbeRecorder::Track* track,
+LiveRow liveRowOf(const Candidate& candidate, const SelectionRecord::Track* track,
                   unsigned int probes) {
   LiveRow row;
   row.headend = candidate.headend;
@@ -362,12 +362,12 @@ LiveRow liveRowOf(const Candidate& candidate, const ProbeRecorder::Track* track,
     const ProbeWorth worth = worthOfProbe(probe.status);
     isUnknown = isUnknown || worth == ProbeWorth::Unresolved;
     failures += worth == ProbeWorth::ConnectFailure ? 1 : 0;
-    if (ProbeRecorder::isSample(probe.status)) {
+    if (SelectionRecord::isSample(probe.status)) {
       row.samplesMs.push_back(probe.rttMs);
     }
   }
   if (isUnknown || failures >= MostConnectFailures) {
-    row.waitsFor = outcomeOf(track, false, false);
+    row.waitsFor = outcomeName(outcomeOf(track, false, false));
   } else if (track->ended.size() < probes) {
     row.waitsFor = "waits for answer " + std::to_string(track->ended.size() + 1) + " of " +
                    std::to_string(probes);

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/Candidates.h"
-#include "cli/select/ProbeRecorder.h"
+#include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/include/Locks.h"
 
 /// One headend while it is being measured.
@@ -46,7 +46,7 @@ std::string liveLine(const LiveState& state);
 /// The row of a headend.
 /// @param track its probes; null before the first.
 /// @param probes how many it gets.
-LiveRow liveRowOf(const Candidate& candidate, const ProbeRecorder::Track* track,
+LiveRow liveRowOf(const Candidate& candidate, const SelectionRecord::Track* track,
                   unsigned int probes);
 
 /// A table on the terminal behind standard error that is drawn over and over in the same place and

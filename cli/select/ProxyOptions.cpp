@@ -8,7 +8,7 @@
 #include <charconv>
 
 #include "cli/Console.h"
-#include "vpn/Common/Utility/URL.h"
+#include "vpn/Api/ProxyChoice.h"
 
 namespace {
 
@@ -16,30 +16,13 @@ constexpr const char* WaysToGivePassword =
     "Put it into a file that you alone may read and name that with --proxy-password-file FILE, or "
     "hand it over with --proxy-password-fd N.";
 
-std::string takeProxy(const std::string& text, PreferenceMgr::Sources::Proxy& proxy) {
+std::string takeProxy(const std::string& text, std::map<PreferenceId, std::string>& preferences) {
   if (text.find('@') != std::string::npos) {
     return "--proxy takes no user name and password. Use --proxy-user NAME. For the password: " +
            std::string(WaysToGivePassword);
   }
-  const URL url(text);
-  std::string error = text.empty() ? "it is empty." : URL::findError(text);
-  if (error.empty() && url.getProtocol() != URLPROTOCOL_NONE &&
-      url.getProtocol() != URLPROTOCOL_HTTP) {
-    error = "only proxies that are reached by plain HTTP can be used.";
-  }
-  if (error.empty() && !url.getLocation().empty() && url.getLocation() != "/") {
-    error = "a proxy has no path.";
-  }
-  if (!error.empty()) {
-    return "the proxy '" + Console::visible(text) + "' cannot be used: " + error +
-           " A proxy is a name, an IPv4 address or an IPv6 address in brackets, with its port, "
-           "which is 80 unless one is given: proxy.example.com:3128, 192.0.2.7:8080, "
-           "[2001:db8::7]:3128.";
-  }
-  proxy.choice = PreferenceMgr::Sources::Proxy::Choice::Given;
-  proxy.host = url.getHostFragment();
-  proxy.port = url.getPort();
-  return "";
+  const std::string error = takeProxyChoice(text, preferences);
+  return error.empty() ? "" : "the proxy '" + Console::visible(text) + "' cannot be used: " + error;
 }
 
 std::string takeUser(const std::string& text, Secret& user) {
@@ -98,10 +81,10 @@ std::string findContradiction(const ProxyOptions& options) {
 std::string makeProxyPlan(const ProxyOptions& options, ProxyPlan& plan) {
   std::string error = findContradiction(options);
   if (error.empty() && options.proxy) {
-    error = takeProxy(*options.proxy, plan.proxy);
+    error = takeProxy(*options.proxy, plan.preferences);
   }
   if (options.noProxy) {
-    plan.proxy.choice = PreferenceMgr::Sources::Proxy::Choice::None;
+    plan.preferences[ProxySettings] = PreferenceBase::ProxyNone;
   }
   if (error.empty() && options.user) {
     error = takeUser(*options.user, plan.user);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -19,8 +20,8 @@ struct ProxyOptions {
 
 /// The same, checked.
 struct ProxyPlan {
-  PreferenceMgr::Sources::Proxy proxy;
-  Secret user;  ///< empty for none
+  std::map<PreferenceId, std::string> preferences;  ///< what the options choose; empty for nothing
+  Secret user;                                      ///< empty for none
   /// Where the password is to be read; at most one has a value.
   std::optional<std::string> passwordFile;
   std::optional<int> passwordDescriptor;

@@ -2,8 +2,8 @@
 
 #include "cli/select/ReportJson.h"
 
-#include "cli/select/ProbeRecorder.h"
 #include "cli/select/SelectionOutput.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 
 Json millisecondsAsJson(long long microseconds) {
   constexpr double MicrosecondsPerMillisecond = 1000.0;
@@ -13,7 +13,7 @@ Json millisecondsAsJson(long long microseconds) {
 
 Json probeAsJson(const HttpProbe::Report& probe) {
   return {{"status", statusAsHex(probe.status)},
-          {"rttMs", ProbeRecorder::isSample(probe.status) ? Json(probe.rttMs) : Json(nullptr)},
+          {"rttMs", SelectionRecord::isSample(probe.status) ? Json(probe.rttMs) : Json(nullptr)},
           {"httpStatus", probe.httpStatus == 0 ? Json(nullptr) : Json(probe.httpStatus)},
           {"address", probe.address.empty() ? Json(nullptr) : Json(probe.address)},
           {"reused", probe.reused},

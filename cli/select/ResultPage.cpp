@@ -9,9 +9,9 @@
 
 #include "cli/select/Chart.h"
 #include "cli/select/Explanation.h"
-#include "cli/select/ProbeRecorder.h"
 #include "cli/select/SelectionOutput.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 
 namespace {
 
@@ -52,7 +52,7 @@ std::string milliseconds(long long microseconds) {
 const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
   const HttpProbe::Report* nearest = nullptr;
   for (const HttpProbe::Report& probe : headend.probes) {
-    if (ProbeRecorder::isSample(probe.status) &&
+    if (SelectionRecord::isSample(probe.status) &&
         (nearest == nullptr || probe.rttMs < nearest->rttMs)) {
       nearest = &probe;
     }
@@ -72,7 +72,7 @@ std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen,
          cell(rank == 0 ? "" : std::to_string(rank), true) + cell(headend.headend) +
          (hasNames ? cell(nameBeside(headend.headend, headend.name)) : "") +
          cell(headend.metricMs ? std::to_string(*headend.metricMs) : "", true) +
-         cell(samplesText(headend.samplesMs, " ")) + cell(headend.outcome) +
+         cell(samplesText(headend.samplesMs, " ")) + cell(outcomeName(headend.outcome)) +
          cell(milliseconds(probe.networkRttUs), true) +
          cell(milliseconds(probe.responseRttUs), true) + cell(probe.address) + "</tr>\n";
 }

@@ -34,9 +34,9 @@ bool isNamed(const SelectionResult& result, const std::string& name) {
 // that no name server knows.
 void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& plan) {
   const auto isUnknown = [](const HeadendResult& headend) {
-    return headend.outcome == "name not resolved";
+    return headend.outcome == HeadendOutcome::NameNotResolved;
   };
-  if (plan.sources.addresses.empty() || std::ranges::none_of(result.results, isUnknown)) {
+  if (plan.sources.headends.empty() || std::ranges::none_of(result.results, isUnknown)) {
     return;
   }
   ProfileMgr profiles;

@@ -24,7 +24,7 @@ constexpr std::array<const char*, 6> ReasonNames = {"connection",         "recon
 std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
 
 // A headend measured twice would only keep itself busy, so a name that comes again is dropped.
-std::string takeHosts(const std::vector<std::string>& hosts, std::vector<std::string>& addresses) {
+std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHeadend>& headends) {
   std::set<std::string> seen;
   for (const std::string& host : hosts) {
     const std::string error = host.empty() ? "it is empty." : URL::findError(host);
@@ -34,7 +34,7 @@ std::string takeHosts(const std::vector<std::string>& hosts, std::vector<std::st
              "port: gw.example.com, 192.0.2.7:8443, [2001:db8::7].";
     }
     if (seen.insert(CStringUtils::toLower(URL(host).getHostAndPort(false))).second) {
-      addresses.push_back(host);
+      headends.emplace_back(host);
     }
   }
   return "";
@@ -42,11 +42,11 @@ std::string takeHosts(const std::vector<std::string>& hosts, std::vector<std::st
 
 // The run knows a headend by the name of its entry, which is the address as it was typed; a person
 // may name the last one in another spelling of the same place.
-std::string findLast(const std::string& last, const std::vector<std::string>& addresses) {
+std::string findLast(const std::string& last, const std::vector<GivenHeadend>& headends) {
   const std::string place = CStringUtils::toLower(URL(last).getHostAndPort(false));
-  for (const std::string& address : addresses) {
-    if (CStringUtils::toLower(URL(address).getHostAndPort(false)) == place) {
-      return address;
+  for (const GivenHeadend& headend : headends) {
+    if (CStringUtils::toLower(URL(headend.address).getHostAndPort(false)) == place) {
+      return headend.name;
     }
   }
   return last;
@@ -203,12 +203,12 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   std::string error = takeLog(options, plan.log);
   if (error.empty()) {
     error = makeProxyPlan(options.proxy, plan.proxy);
-    plan.sources.proxy = plan.proxy.proxy;
+    plan.sources.preferences = plan.proxy.preferences;
   }
   if (error.empty()) {
-    error = takeHosts(options.hosts, plan.sources.addresses);
+    error = takeHosts(options.hosts, plan.sources.headends);
   }
-  plan.last = findLast(options.last.value_or(""), plan.sources.addresses);
+  plan.last = findLast(options.last.value_or(""), plan.sources.headends);
   if (error.empty()) {
     error = takeCache(options, paths, plan);
   }

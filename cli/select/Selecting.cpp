@@ -128,7 +128,7 @@ bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
 
 }  // namespace
 
-/// Holds the cache over the end of the run, so that the run's records can still be read.
+/// Holds the cache over the end of the run, which would else wait for the disk.
 class HeldCache {
  public:
   HeldCache() : m_cache(nullptr) {
@@ -148,15 +148,6 @@ class HeldCache {
     }
   }
 
-  /// What the run used or stored; an entry without records if it did neither.
-  CCacheEntry lastEntry() const {
-    CCacheEntry entry;
-    if (m_cache != nullptr) {
-      m_cache->GetLastUsed(entry);
-    }
-    return entry;
-  }
-
  private:
   CSelectionCache* m_cache;
 };
@@ -164,15 +155,15 @@ class HeldCache {
 Selecting::Selecting(const SelectPlan& plan, std::string command, std::set<std::string>* told)
     : m_plan(plan), m_command(std::move(command)), m_told(told), m_isReady(prepare()) {}
 
-Selecting::~Selecting() {
-  endRun();
-  HttpProbe::SetWatcher(nullptr);
-}
+Selecting::~Selecting() { endRun(); }
 
 /// Brings up what a selection stands on. @return whether there is anything to select from.
 bool Selecting::prepare() {
   Interruption::setDuties({CAppLog::Flush, {}, {}});
   CClientLibrary::Options options{m_plan.sources, m_plan.log, ""};
+  if (!options.sources.headends.empty()) {
+    options.sources.profileDirectory.clear();  // hosts of the command line go in its place
+  }
   STATUSCODE status = 0;
   m_library = std::make_unique<CClientLibrary>(options, status);
   std::string error;
@@ -239,8 +230,8 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
 
 /// Runs one selection up to its result. @return whether it could be started.
 bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, Progress progress) {
-  m_recorder = std::make_shared<ProbeRecorder>();
-  HttpProbe::SetWatcher(m_recorder);
+  m_recorder = std::make_shared<SelectionRecord>();
+  const CTask::Scope scope(m_recorder);
   m_run = std::make_unique<SelectionRun>();
   const STATUSCODE status = m_run->start(reason, m_plan.last, login.provider());
   if (status != 0) {
@@ -260,8 +251,8 @@ bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, Progress progres
 
 /// How far the run is.
 LiveState Selecting::look(unsigned int reason) const {
-  const ProbeRecorder::Progress progress = m_recorder->progress();
-  const std::map<Place, ProbeRecorder::Track> tracks = m_recorder->tracks();
+  const SelectionRecord::Progress progress = m_recorder->progress();
+  const std::map<Place, SelectionRecord::Track> tracks = m_recorder->tracks();
   LiveState state;
   state.answered = progress.placesAnswered;
   state.probesEnded = progress.probesEnded;
@@ -287,7 +278,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
   result.elapsed = delivery.elapsed;
   result.fromCache = result.status == HEADENDSELECTION_SUCCESS;
   result.hadLogin = hadLogin;
-  const CCacheEntry entry = m_cache->lastEntry();
+  const CCacheEntry entry = m_recorder->entry();
   std::vector<CHeadendRTT> records;
   if (exitStatusOf(result.status) == ExitSelected) {
     static_cast<void>(entry.GetHeadendList(records));

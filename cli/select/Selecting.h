@@ -7,15 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/Candidates.h"
 #include "cli/select/Credentials.h"
 #include "cli/select/LiveTable.h"
-#include "cli/select/ProbeRecorder.h"
 #include "cli/select/ProxyLogin.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/SelectionResult.h"
 #include "cli/select/SelectionRun.h"
 #include "vpn/Api/AHS/AHSSettings.h"
+#include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/ClientLibrary.h"
 
 class HeldCache;
@@ -68,7 +68,7 @@ class Selecting {
   std::vector<Candidate> m_candidates;
   HS_SETTINGS m_settings{};
   std::unique_ptr<HeldCache> m_cache;
-  std::shared_ptr<ProbeRecorder> m_recorder;
+  std::shared_ptr<SelectionRecord> m_recorder;
   std::unique_ptr<SelectionRun> m_run;  // null when none is under way
   const bool m_isReady;
 };

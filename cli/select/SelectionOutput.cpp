@@ -35,7 +35,7 @@ json headendAsJson(const HeadendResult& headend) {
           {"name", headend.name},
           {"metricMs", headend.metricMs ? json(*headend.metricMs) : json(nullptr)},
           {"samplesMs", headend.samplesMs},
-          {"outcome", headend.outcome},
+          {"outcome", outcomeName(headend.outcome)},
           {"probes", probes}};
 }
 
@@ -66,12 +66,14 @@ std::string padded(const std::string& text, std::size_t width) {
 
 std::string describe(const HeadendResult* headend) {
   if (headend == nullptr || !headend->metricMs) {
-    return "kept, not measured" + (headend == nullptr ? "" : " (" + headend->outcome + ")");
+    return "kept, not measured" +
+           (headend == nullptr ? "" : std::string(" (") + outcomeName(headend->outcome) + ")");
   }
   const std::string metric = std::to_string(*headend->metricMs) + " ms";
-  return headend->outcome == "answered" || headend->outcome == "from cache"
+  return headend->outcome == HeadendOutcome::Answered ||
+                 headend->outcome == HeadendOutcome::FromCache
              ? metric
-             : metric + " (" + headend->outcome + ")";
+             : metric + std::string(" (") + outcomeName(headend->outcome) + ")";
 }
 
 // Width of the number in front of a headend: a list of a thousand still stands in columns.
@@ -128,7 +130,7 @@ std::string missingList(const SelectionResult& result, const Columns& columns) {
   for (const HeadendResult& headend : result.results) {
     if (delivered.count(headend.headend) == 0) {
       text += std::string(NumberWidth + 2, ' ') + start(headend.headend, &headend, columns) +
-              headend.outcome + "\n";
+              outcomeName(headend.outcome) + "\n";
     }
   }
   return text.empty() ? "" : "Without a result:\n" + text;

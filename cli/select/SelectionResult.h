@@ -1,25 +1,12 @@
 #pragma once
 
 #include <chrono>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "cli/files/Candidates.h"
-#include "cli/select/ProbeRecorder.h"
-#include "vpn/Api/AHS/HeadendRTT.h"
+#include "vpn/Api/AHS/HeadendResult.h"
 #include "vpn/include/StatusCode.h"
-
-/// What became of one headend.
-struct HeadendResult {
-  std::string headend;                    ///< host, or host ":" port
-  std::string name;                       ///< of its host entry, the first where there are several
-  std::optional<unsigned int> metricMs;   ///< none: the headend has no result in this selection
-  std::vector<unsigned int> samplesMs;    ///< measured now, in the order in which they came
-  std::string outcome;                    ///< see `outcomeOf`
-  std::vector<HttpProbe::Report> probes;  ///< all of this selection, also those without an answer
-};
 
 /// Everything that is printed about one selection.
 struct SelectionResult {
@@ -46,20 +33,6 @@ std::string titleOf(const HeadendResult& headend);
 
 /// Round trips in decimal, in their order.
 std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* separator);
-
-/// What became of a headend, in a few words that stay the same from version to version:
-/// with a metric: "answered", "untrusted certificate", "client certificate wanted", "not HTTP",
-/// "failed" (an answer of another kind), "from cache"; without one: "cannot connect", "timed out",
-/// "name not resolved", "no answer in time", "not finished in time", "not probed", "not in cache".
-/// @param track the headend's probes; null when there were none.
-std::string outcomeOf(const ProbeRecorder::Track* track, bool hasMetric, bool fromCache);
-
-/// Puts together what is known of each headend.
-/// @param measured the records of the run, empty for a run that failed.
-std::vector<HeadendResult> collectResults(const std::vector<std::string>& headends,
-                                          const std::vector<Candidate>& candidates,
-                                          const std::map<Place, ProbeRecorder::Track>& tracks,
-                                          const std::vector<CHeadendRTT>& measured, bool fromCache);
 
 /// The exit status that a selection's status stands for.
 int exitStatusOf(STATUSCODE status);

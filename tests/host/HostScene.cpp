@@ -82,7 +82,7 @@ void Host::BringUp(const std::vector<std::string>& addresses) {
   CClientLibrary::Options options;
   options.log.file = LogFile();
   options.log.fileSize = 256UL * 1024;  // so that it is rotated now and then
-  options.sources.addresses = addresses;
+  options.sources.headends.assign(addresses.begin(), addresses.end());
   options.sources.userPreferencesFile = m_directory.File("user.xml");
   options.sources.globalPreferencesFile = m_directory.File("global.xml");
   options.sources.cacheFile = CacheFile();

@@ -18,7 +18,7 @@
 #include "tests/support/private_access.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/Common/Utility/TimerList.h"
 
@@ -171,7 +171,7 @@ void noteFlush() { tests::moments().cacheFile.Note(); }
 namespace tests {
 namespace {
 
-class ProbeWatcher : public HttpProbe::Watcher {
+class ProbeWatcher : public ProbeTask {
  public:
   void ProbeStarted(const HttpProbe::Report& /*report*/) override { moments().probe.Note(); }
   void ProbeEnded(const HttpProbe::Report& /*report*/) override { moments().probe.Note(); }
@@ -181,7 +181,7 @@ class ProbeWatcher : public HttpProbe::Watcher {
 class Selections {
  public:
   Selections() {
-    HttpProbe::SetWatcher(std::make_shared<ProbeWatcher>());
+    const CTask::Scope scope(std::make_shared<ProbeWatcher>());
     CAppLog::SetListener([](const CAppLog::Record& record) {
       if (record.message == "QIB timer expired") {
         moments().runsTimer.Note(1);  // the listener's own lock
@@ -197,7 +197,6 @@ class Selections {
     WithACacheFileThatIsNone();
     EXPECT_TRUE(nothingIsLeft());
     CAppLog::SetListener({});
-    HttpProbe::SetWatcher(nullptr);
   }
 
  private:
@@ -205,7 +204,8 @@ class Selections {
                      const std::function<void()>& afterFirstStart = {}) {
     Client client([] { moments().callback.Note(); });
     CHeadendSelection* const run = makeRun(client, reason, "", proxy);
-    std::thread([&] {
+    std::thread([&, task = CTask::Current()] {
+      const CTask::Scope scope(task);
       t_afterStart = afterFirstStart;
       run->run();
     }).join();

@@ -21,7 +21,7 @@
 #include "tests/support/TemporaryDirectory.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/ClientLibrary.h"
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/HttpSession.h"
 
 namespace tests {
@@ -130,16 +130,11 @@ bool fallsSilent(const Hostile& hostile) {
 
 // ---- One probe --------------------------------------------------------------------------------
 
-/// Remembers the last probe of each thread that asks.
-class LastProbe : public HttpProbe::Watcher {
- public:
-  void ProbeStarted(const HttpProbe::Report& /*report*/) override {}
-  void ProbeEnded(const HttpProbe::Report& report) override { last() = report; }
+/// Remembers the last probe.
+struct LastProbe : ProbeTask {
+  void ProbeEnded(const HttpProbe::Report& ended) override { report = ended; }
 
-  static HttpProbe::Report& last() {
-    thread_local HttpProbe::Report report;
-    return report;
-  }
+  HttpProbe::Report report;
 };
 
 struct Probed {
@@ -150,9 +145,11 @@ struct Probed {
 Probed probe(const Endpoint& where, bool secure, unsigned int timeoutSeconds) {
   constexpr unsigned int Everything = 31;
   Probed probed;
+  const auto last = std::make_shared<LastProbe>();
+  const CTask::Scope scope(last);
   HttpProbe::SendHttpProbe(where.address, secure, false, where.port, "", timeoutSeconds,
                            PROXY_DATA(), Everything, probed.results);
-  probed.report = LastProbe::last();
+  probed.report = last->report;
   return probed;
 }
 
@@ -206,7 +203,6 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
   HostileGateway()
       : m_gateways({"behaviour=normal", std::string("behaviour=") + GetParam().behaviour}) {
     HttpProbe::SetTrustFile(m_gateways.Authority());
-    HttpProbe::SetWatcher(std::make_shared<LastProbe>());
     // What the process loads once, the first probes have loaded.
     EXPECT_EQ(Success, probe(m_gateways.Where().at(0), true, PatienceSeconds).report.status);
     EXPECT_EQ(Success, probe(m_gateways.Where().at(0), false, PatienceSeconds).report.status);
@@ -214,7 +210,6 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
   ~HostileGateway() override {
     HttpProbe::SetRoundTripMeasure(Measure::Network);
     HttpProbe::SetTrustFile("");
-    HttpProbe::SetWatcher(nullptr);
   }
 
   const Endpoint& Where() const { return m_gateways.Where().at(1); }

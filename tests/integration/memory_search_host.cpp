@@ -161,7 +161,7 @@ int main(int count, char** values) {
   HttpProbe::SetTrustFile(values[3]);
   CClientLibrary::Options options;
   options.log.file = directory + "/host.log";
-  options.sources.addresses.assign(values + FirstAddress, values + count);
+  options.sources.headends.assign(values + FirstAddress, values + count);
   options.sources.userPreferencesFile = directory + "/user.xml";
   options.sources.globalPreferencesFile = directory + "/global.xml";
   STATUSCODE status = -1;

@@ -6,9 +6,9 @@
 
 #include <sstream>
 
-#include "cli/files/Candidates.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/private_access.h"
+#include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/PreferenceMgr.h"
 

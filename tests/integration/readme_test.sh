@@ -1,5 +1,5 @@
 #!/bin/bash
-# The lines of C++ in the README are those of examples/embed/embed.cpp, which a test compiles.
+# The lines of C++ in the README are those of examples/embed/embed.cpp, which tests compile and run.
 # Usage: readme_test.sh SOURCE-DIRECTORY
 set -euo pipefail
 cd "$1"

@@ -67,7 +67,7 @@ std::string masked(const std::string& function, const std::string& message) {
 }
 
 /// Everything that a run tells. It outlives the run's last thread because the callbacks share it.
-class Recorder : public ClientIfcBase, public HttpProbe::Watcher {
+class Recorder : public ClientIfcBase, public ProbeTask {
  public:
   void AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends, long status,
                        const std::string& extraInfo) override {
@@ -81,8 +81,6 @@ class Recorder : public ClientIfcBase, public HttpProbe::Watcher {
     ++m_seen.calls;
     m_called.notify_all();
   }
-
-  void ProbeStarted(const HttpProbe::Report& /*report*/) override {}
 
   void ProbeEnded(const HttpProbe::Report& report) override {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -199,13 +197,15 @@ Selection runSelection(const std::string& lastHeadend, unsigned int reason, Prox
   const unsigned int threadsBefore = CThread::RunningCount();
   const auto recorder = std::make_shared<Recorder>();
   CAppLog::SetListener([recorder](const CAppLog::Record& record) { recorder->Hear(record); });
-  HttpProbe::SetWatcher(recorder);
 
   long status = -1;
   auto* const selection = new CHeadendSelection(recorder.get(), lastHeadend, reason, status);
   selection->SetProxy(proxy);
   if (status == 0) {
-    std::thread([selection] { selection->run(); }).join();
+    std::thread([selection, recorder] {
+      const CTask::Scope scope(recorder);
+      selection->run();
+    }).join();
     EXPECT_TRUE(recorder->WaitForCall()) << "the client was not called";
   } else {
     ADD_FAILURE() << "the run could not be constructed: " << status;
@@ -213,7 +213,6 @@ Selection runSelection(const std::string& lastHeadend, unsigned int reason, Prox
   }
   EXPECT_TRUE(waitForThreads(threadsBefore)) << "the run left threads behind";
 
-  HttpProbe::SetWatcher(nullptr);
   CAppLog::SetListener({});
   return recorder->Seen();
 }

@@ -15,8 +15,8 @@ namespace {
 
 constexpr const char* SourceFile = "vpn/Api/PreferenceMgr";
 
-/// Name of the profile that addresses given by the caller make up.
-constexpr const char* AddressProfile = "given addresses";
+/// Name of the profile that headends given by the caller make up.
+constexpr const char* GivenProfile = "given addresses";
 
 /// A file that may be there but cannot be looked at is for the reader to report.
 bool mayExist(const std::string& path) {
@@ -64,13 +64,14 @@ PreferenceMgr::PreferenceMgr(const Sources& sources) : m_sources(sources) {
   loadPreferences(sources.userPreferencesFile, m_userPreferences);
   reportProxyOfUser();
   loadPreferences(sources.globalPreferencesFile, m_globalPreferences);
-  chooseProxy();
+  preferCaller();
   if (sources.trustFiles) {
     m_profileMgr.trustFiles();
   }
-  if (!sources.addresses.empty()) {
-    m_profileMgr.addAddresses(AddressProfile, sources.addresses);
-  } else if (!sources.profileDirectory.empty()) {
+  if (!sources.headends.empty()) {
+    m_profileMgr.addHeadends(GivenProfile, sources.headends);
+  }
+  if (!sources.profileDirectory.empty()) {
     m_profileMgr.loadDirectory(sources.profileDirectory);
   }
   const std::vector<FileProblem>& problems = m_profileMgr.getProblems();
@@ -107,6 +108,9 @@ std::vector<PreferenceMgr::Setting> PreferenceMgr::getSettings(PreferenceId id) 
   if (settings.size() == 2 && settings.front().isUserControllable) {
     std::swap(settings.front(), settings.back());
   }
+  if (const auto callers = m_sources.preferences.find(id); callers != m_sources.preferences.end()) {
+    settings.insert(settings.begin(), {Setting::Origin::Caller, callers->second, "", 0, "", false});
+  }
   addFileSetting(Global, id, settings);
   settings.push_back({Setting::Origin::Default, definition->defaultValue, "", 0, "", false});
   return settings;
@@ -119,7 +123,7 @@ STATUSCODE PreferenceMgr::getParsedPreferenceFile(PreferenceScope scope,
       preferences = &m_userPreferences;
       return PREFERENCEMGR_SUCCESS;
     case Global:
-      preferences = &m_globalPreferences;
+      preferences = &m_globalInForce;
       return PREFERENCEMGR_SUCCESS;
   }
   return PREFERENCEMGR_ERROR_BAD_PARAMETER;
@@ -154,33 +158,13 @@ void PreferenceMgr::reportProxyOfUser() {
   }
 }
 
-// The choice goes into both files, because a run reads the setting from whichever has it and the
-// proxy from the global one.
-void PreferenceMgr::chooseProxy() {
-  const Sources::Proxy& proxy = m_sources.proxy;
-  if (proxy.choice == Sources::Proxy::Choice::OfFiles) {
-    return;
-  }
-  const bool isGiven = proxy.choice == Sources::Proxy::Choice::Given;
-  const Preference setting(
-      ProxySettings, isGiven ? PreferenceBase::ProxyOverride : PreferenceBase::ProxyNone, false);
-  PreferenceInfo user = m_userPreferences.getPreferences();
-  user.set(setting);
-  m_userPreferences.setPreferences(user);
+// A run reads the proxy's host and port from the global file.
+void PreferenceMgr::preferCaller() {
   PreferenceInfo global = m_globalPreferences.getPreferences();
-  global.set(setting);
-  if (isGiven) {
-    global.set(Preference(ProxyHost, proxy.host, false));
-    global.set(Preference(ProxyPort, proxy.port, false));
+  for (const auto& [id, value] : m_sources.preferences) {
+    global.set(Preference(id, value, false));
   }
-  m_globalPreferences.setPreferences(global);
-}
-
-bool PreferenceMgr::isCallersChoice(PreferenceId id) const {
-  const auto choice = m_sources.proxy.choice;
-  return id == ProxySettings
-             ? choice != Sources::Proxy::Choice::OfFiles
-             : (id == ProxyHost || id == ProxyPort) && choice == Sources::Proxy::Choice::Given;
+  m_globalInForce.setPreferences(global);
 }
 
 void PreferenceMgr::addProfileSetting(PreferenceId id, std::vector<Setting>& settings) const {
@@ -203,14 +187,6 @@ void PreferenceMgr::addFileSetting(PreferenceScope scope, PreferenceId id,
   const UserPreferences& file = scope == User ? m_userPreferences : m_globalPreferences;
   Preference* preference = nullptr;
   if (!file.getPreferences().getPreference(id, preference)) {
-    return;
-  }
-  if (isCallersChoice(id)) {
-    if (scope == User) {
-      return;  // it stands in the global one as well
-    }
-    settings.push_back(
-        {Setting::Origin::Caller, preference->getPreferenceValue(), "", 0, "", false});
     return;
   }
   const bool isUsers = scope == User;

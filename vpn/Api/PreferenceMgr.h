@@ -3,6 +3,7 @@
 /// @file
 /// The preferences and profiles of the process.
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,30 +32,21 @@ class PreferenceMgr {
   /// Where preferences and profiles come from. An empty path stands for nothing to read; a file or
   /// directory that does not exist counts as empty.
   struct Sources {
-    /// The caller's own choice of a proxy. It stands as if every file held it.
-    struct Proxy {
-      /// What the caller wants.
-      enum class Choice {
-        OfFiles,  ///< the caller makes none
-        None,     ///< `ProxySettings` is "none"
-        Given,    ///< `ProxySettings` is "override"; host and port go before the global file's
-      };
-      Choice choice = Choice::OfFiles;  ///< the next two count with `Given` alone
-      std::string host;                 ///< as it stands in a URL: an IPv6 address in brackets
-      std::string port;                 ///< empty for the default
-    };
-
     std::string profileDirectory;       ///< its "*.xml" files are the profiles
     std::string userPreferencesFile;    ///< path of the user's own file
     std::string globalPreferencesFile;  ///< path of the machine's file
     /// Where the selection cache is kept between processes; empty: in memory only.
     std::string cacheFile;
-    /// Addresses that take the place of all profiles, if there are any.
-    std::vector<std::string> addresses;
-    Proxy proxy;  ///< the caller's choice
+    /// Headends that take part beside those of the profiles.
+    std::vector<GivenHeadend> headends;
+    /// The caller's own preferences, which go before every file's. Values must be allowed ones
+    /// (`PreferenceBase::findError`).
+    std::map<PreferenceId, std::string> preferences;
     /// Files are read whoever could have written them. Otherwise one that another user could have
     /// written counts as wrong; see FileTrust.
     bool trustFiles = false;
+
+    bool operator==(const Sources&) const = default;
   };
 
   /// One place that gives a preference a value.
@@ -95,8 +87,8 @@ class PreferenceMgr {
   /// number that is no preference.
   std::vector<Setting> getSettings(PreferenceId id) const;
 
-  /// The parsed file of a scope, an empty one when there is no such file; belongs to this object. A
-  /// proxy that the caller chose stands in it in place of the file's.
+  /// The parsed file of a scope, an empty one when there is no such file; belongs to this object.
+  /// The caller's preferences stand in the global one in place of the file's.
   /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no scope.
   STATUSCODE getParsedPreferenceFile(PreferenceScope scope, UserPreferences*& preferences);
 
@@ -116,8 +108,7 @@ class PreferenceMgr {
 
   void loadPreferences(const std::string& path, UserPreferences& preferences);
   void reportProxyOfUser();
-  void chooseProxy();
-  bool isCallersChoice(PreferenceId id) const;
+  void preferCaller();
   void addProfileSetting(PreferenceId id, std::vector<Setting>& settings) const;
   void addFileSetting(PreferenceScope scope, PreferenceId id, std::vector<Setting>& settings) const;
   void logProblems() const;
@@ -132,6 +123,7 @@ class PreferenceMgr {
   ProfileMgr m_profileMgr;
   UserPreferences m_userPreferences;
   UserPreferences m_globalPreferences;
+  UserPreferences m_globalInForce;  // with the caller's in place of the file's
   const Sources m_sources;
   std::vector<FileProblem> m_problems;
 };

@@ -129,19 +129,19 @@ void ProfileMgr::loadFiles(const std::string& directory, const std::set<std::str
   }
 }
 
-void ProfileMgr::addAddresses(const std::string& profileName,
-                              const std::vector<std::string>& addresses) {
+void ProfileMgr::addHeadends(const std::string& profileName,
+                             const std::vector<GivenHeadend>& headends) {
   ProfileFile profile;
   profile.preferences.set(
       Preference(EnableAutomaticServerSelection, PreferenceBase::PreferenceEnabled, false));
-  for (const std::string& address : addresses) {
+  for (const auto& [name, address] : headends) {
     const std::string error = URL::findError(address);
     if (!error.empty() || URL(address).getHost().empty()) {
       report({profileName, 0, 0,
               "the address " + quoted(address) +
                   " is left out: " + (error.empty() ? "it names no host" : error)});
     } else {
-      profile.hosts.push_back({address, address, 0, 0});
+      profile.hosts.push_back({name, address, 0, 0});
     }
   }
   addProfile(profileName, profileName, profile);

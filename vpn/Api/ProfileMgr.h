@@ -5,11 +5,28 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vpn/Api/HostInitSettings.h"
 #include "vpn/Api/HostProfile.h"
 #include "vpn/Api/ProfileFile.h"
+
+/// A headend that a caller gives, in no file.
+struct GivenHeadend {
+  /// One that is named by its address.
+  /// @{
+  GivenHeadend(const char* itsAddress) : name(itsAddress), address(itsAddress) {}
+  GivenHeadend(const std::string& itsAddress) : name(itsAddress), address(itsAddress) {}
+  /// @}
+  GivenHeadend(std::string itsName, std::string itsAddress)
+      : name(std::move(itsName)), address(std::move(itsAddress)) {}
+
+  std::string name;     ///< of its host entry
+  std::string address;  ///< host, host:port or URL
+
+  bool operator==(const GivenHeadend&) const = default;
+};
 
 /// The profiles of the client: every "*.xml" file of a directory, read once.
 ///
@@ -48,10 +65,9 @@ class ProfileMgr {
   /// another user could have put files is refused as a whole.
   void loadDirectory(const std::string& directory);
 
-  /// Adds one profile made of the given addresses, automatic selection switched on; an address is
-  /// also the name of its entry. One that `URL` cannot parse, or that is there already, is reported
-  /// and left out.
-  void addAddresses(const std::string& profileName, const std::vector<std::string>& addresses);
+  /// Adds one profile made of the given headends, automatic selection switched on. One whose
+  /// address `URL` cannot parse, or whose name is there already, is reported and left out.
+  void addHeadends(const std::string& profileName, const std::vector<GivenHeadend>& headends);
 
   /// Adds a profile that was read already. A name that is there, of a profile or of a host entry,
   /// is reported and left out.

@@ -12,6 +12,7 @@
 #include "tests/unit/ahs/resolver_double.h"
 #include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
@@ -302,26 +303,41 @@ TEST_F(SelectionCache, AUseOrAStampFromTheFutureKeepsNoSelection) {
   EXPECT_TRUE(has("right;"));
 }
 
-TEST_F(SelectionCache, TheEntryUsedLastIsThatOfTheLastHitOrStore) {
+TEST_F(SelectionCache, TellsTheSelectionOfTheThreadWhichEntryItUsedOrStored) {
   const CacheHold cache;
-  CCacheEntry entry = entryOf("mine", {});
-  EXPECT_FALSE(cache->GetLastUsed(entry));
-  EXPECT_EQ(entry.GetKnownHeadends(), "mine");
   CCacheEntry first = entryOf("first;", {{"gw-1", 1}});
   CCacheEntry second = entryOf("second;", {{"gw-2", 2}});
-  keep(cache, first);
-  keep(cache, second);
-  ASSERT_TRUE(cache->GetLastUsed(entry));
-  EXPECT_EQ(entry.GetKnownHeadends(), "second;");
-  std::string key = "first;";
+  const auto record = std::make_shared<SelectionRecord>();
+  const auto other = std::make_shared<SelectionRecord>();
+  {
+    const CTask::Scope scope(record);
+    keep(cache, first);
+  }
+  EXPECT_EQ(recordsOf(record->entry()), (Records{{"gw-1", 1}}));
+  {
+    const CTask::Scope scope(other);
+    keep(cache, second);
+    std::string key = "missing;";
+    CCacheEntry found;
+    EXPECT_FALSE(cache->IsInCache(key, found));
+    EXPECT_EQ(other->entry().GetKnownHeadends(), "second;");
+    key = "first;";
+    ASSERT_TRUE(cache->IsInCache(key, found));
+    EXPECT_EQ(other->entry().GetKnownHeadends(), "first;");
+  }
+  EXPECT_EQ(record->entry().GetKnownHeadends(), "first;") << "each selection has its own";
+}
+
+TEST_F(SelectionCache, DoesNotKeepWhatACancelledSelectionHasMeasured) {
+  const CacheHold cache;
+  const auto record = std::make_shared<SelectionRecord>();
+  const CTask::Scope scope(record);
+  record->Cancel();
+  CCacheEntry partial = entryOf("key;", {{"gw-1", 1}});
+  EXPECT_EQ(cache->AddEntry(partial), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  std::string key = "key;";
   CCacheEntry found;
-  ASSERT_TRUE(cache->IsInCache(key, found));
-  ASSERT_TRUE(cache->GetLastUsed(entry));
-  EXPECT_EQ(recordsOf(entry), (Records{{"gw-1", 1}}));
-  key = "missing;";
   EXPECT_FALSE(cache->IsInCache(key, found));
-  ASSERT_TRUE(cache->GetLastUsed(entry));
-  EXPECT_EQ(entry.GetKnownHeadends(), "first;");
 }
 
 TEST_F(SelectionCache, ReadsAsPlaceStateAndEntry) {
@@ -375,8 +391,6 @@ TEST_F(SelectionCache, ThreadsMayCreateUseAndReleaseItAtOnce) {
         ASSERT_EQ(records, (Records{{"gw", round}}));
         const CacheHold cache;
         cache->toString();
-        CCacheEntry entry;
-        cache->GetLastUsed(entry);
       }
     });
   }

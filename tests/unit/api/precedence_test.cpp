@@ -137,7 +137,7 @@ TEST_F(PreferenceSettings, AreAllPlacesInTheirOrderWithFileAndLine) {
 }
 
 TEST_F(PreferenceSettings, OfTheCallersProxyAreItsOwn) {
-  m_sources.proxy = {PreferenceMgr::Sources::Proxy::Choice::Given, "proxy1", "8080"};
+  m_sources.preferences = {{ProxySettings, "override"}, {ProxyHost, "proxy1"}, {ProxyPort, "8080"}};
   const ScopedPreferenceMgr preferences(m_sources);
   const auto settings = preferences->getSettings(ProxyHost);
   ASSERT_EQ(settings.size(), 2U);

@@ -127,7 +127,7 @@ TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesGoesBeforeBothFiles) {
   writeUser(preferenceElement("ProxySettings", "none"));
   writeGlobal(preferenceElement("ProxySettings", "system") +
               preferenceElement("ProxyHost", "proxy1") + preferenceElement("ProxyPort", "3128"));
-  m_sources.proxy = {PreferenceMgr::Sources::Proxy::Choice::Given, "[::1]", ""};
+  m_sources.preferences = {{ProxySettings, "override"}, {ProxyHost, "[::1]"}, {ProxyPort, ""}};
   const ScopedPreferenceMgr preferences(m_sources);
   EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyOverride);
   UserPreferences* global = nullptr;
@@ -137,7 +137,7 @@ TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesGoesBeforeBothFiles) {
 }
 
 TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesNeedsNoFile) {
-  m_sources.proxy = {PreferenceMgr::Sources::Proxy::Choice::Given, "proxy2", "8080"};
+  m_sources.preferences = {{ProxySettings, "override"}, {ProxyHost, "proxy2"}, {ProxyPort, "8080"}};
   const ScopedPreferenceMgr preferences(m_sources);
   EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyOverride);
   EXPECT_EQ(valueOf(preferences, ProxyHost), "proxy2");
@@ -149,7 +149,7 @@ TEST_F(PreferenceMgrTest, ACallerWithoutAProxyGoesBeforeBothFiles) {
   writeUser(preferenceElement("ProxySettings", "override"));
   writeGlobal(preferenceElement("ProxySettings", "override") +
               preferenceElement("ProxyHost", "proxy1"));
-  m_sources.proxy.choice = PreferenceMgr::Sources::Proxy::Choice::None;
+  m_sources.preferences = {{ProxySettings, "none"}};
   const ScopedPreferenceMgr preferences(m_sources);
   EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyNone);
 }
@@ -157,7 +157,7 @@ TEST_F(PreferenceMgrTest, ACallerWithoutAProxyGoesBeforeBothFiles) {
 TEST_F(PreferenceMgrTest, AChoiceOfAProxyLeavesTheOtherPreferencesAsTheyAre) {
   writeUser(preferenceElement("SelectionImprovement", "5"));
   writeGlobal(preferenceElement("SelectionClearCache", "7"));
-  m_sources.proxy = {PreferenceMgr::Sources::Proxy::Choice::Given, "proxy2", "8080"};
+  m_sources.preferences = {{ProxySettings, "override"}, {ProxyHost, "proxy2"}, {ProxyPort, "8080"}};
   const ScopedPreferenceMgr preferences(m_sources);
   EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5");
   EXPECT_EQ(valueOf(preferences, SelectionClearCache), "7");
@@ -204,17 +204,29 @@ TEST_F(PreferenceMgrTest, TheProfilesOfTheDirectoryAreItsProfiles) {
   EXPECT_THAT(profiles->getHostProfileMap(), ElementsAre(Key("gw")));
 }
 
-TEST_F(PreferenceMgrTest, GivenAddressesTakeThePlaceOfAllProfiles) {
+TEST_F(PreferenceMgrTest, GivenHeadendsStandBesideTheProfilesAndHaveNamesFirst) {
   m_sources.profileDirectory = m_directory.MakeDirectory("profiles");
-  m_directory.Write("profiles/europe.xml", "no profile");
-  m_sources.addresses = {"gw1", "gw2:8443"};
+  m_directory.Write("profiles/europe.xml",
+                    profileWithHosts("<host name=\"gw\"/><host name=\"Given\" address=\"x\"/>"));
+  m_sources.headends = {"gw2:8443", {"Given", "gw1"}};
   const ScopedPreferenceMgr preferences(m_sources);
   ProfileMgr* profiles = nullptr;
   ASSERT_EQ(preferences->getProfileMgr(profiles), PREFERENCEMGR_SUCCESS);
-  EXPECT_THAT(profiles->getHostProfileMap(), ElementsAre(Key("gw1"), Key("gw2:8443")));
-  EXPECT_THAT(profiles->getFileInitMap(),
-              ElementsAre(Key(profiles->getProfileNameFromHost("gw1"))));
-  EXPECT_THAT(preferences->getProblems(), IsEmpty());
+  EXPECT_THAT(profiles->getHostProfileMap(), ElementsAre(Key("Given"), Key("gw"), Key("gw2:8443")));
+  EXPECT_EQ(profiles->getHostProfileMap().at("Given")->getHostAddress(), "gw1");
+  EXPECT_THAT(preferences->getProblems(), SizeIs(1)) << "the profile's entry of that name";
+}
+
+TEST_F(PreferenceMgrTest, ThePreferencesOfTheCallerGoBeforeEveryFile) {
+  m_sources.profileDirectory = m_directory.MakeDirectory("profiles");
+  m_directory.Write("profiles/a.xml", "<profile version=\"1\"><preferences>" +
+                                          preferenceElement("SelectionImprovement", "10") +
+                                          "</preferences></profile>");
+  writeUser(preferenceElement("SelectionImprovement", "5"));
+  writeGlobal(preferenceElement("SelectionImprovement", "6"));
+  m_sources.preferences = {{SelectionImprovement, "33"}};
+  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "33");
 }
 
 TEST_F(PreferenceMgrTest, TheCacheFileIsTheOneOfTheSources) {

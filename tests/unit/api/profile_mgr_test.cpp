@@ -158,8 +158,8 @@ TEST_F(ProfileMgrTest, AProfileNameInTwoDirectoriesBelongsToTheFirst) {
               ElementsAre(ProblemAt(0, Pieces{"\"a\"", m_directory.File("one/a.xml")})));
 }
 
-TEST_F(ProfileMgrTest, GivenAddressesMakeAProfileThatTakesPart) {
-  m_profiles.addAddresses("line", {"gw1:8443", "[::1]"});
+TEST_F(ProfileMgrTest, GivenHeadendsMakeAProfileThatTakesPart) {
+  m_profiles.addHeadends("line", {"gw1:8443", "[::1]"});
   EXPECT_THAT(m_profiles.getHostProfileMap(), ElementsAre(Key("[::1]"), Key("gw1:8443")));
   EXPECT_EQ(m_profiles.getProfileNameFromHost("gw1:8443"), "line");
   EXPECT_EQ(host("gw1:8443").getHostAddress(), "gw1:8443");
@@ -171,8 +171,8 @@ TEST_F(ProfileMgrTest, GivenAddressesMakeAProfileThatTakesPart) {
   EXPECT_THAT(m_profiles.getProblems(), IsEmpty());
 }
 
-TEST_F(ProfileMgrTest, GivenAddressesThatAreNoneOrThereAlreadyAreReported) {
-  m_profiles.addAddresses("line", {"gw1", "g w", "", "gw1"});
+TEST_F(ProfileMgrTest, GivenHeadendsThatAreNoneOrThereAlreadyAreReported) {
+  m_profiles.addHeadends("line", {"gw1", "g w", "", "gw1"});
   EXPECT_THAT(m_profiles.getHostProfileMap(), ElementsAre(Key("gw1")));
   EXPECT_THAT(m_profiles.getProblems(), SizeIs(3));
 }

@@ -1,6 +1,6 @@
 // The candidates as the tool sees them, from real profile files.
 
-#include "cli/files/Candidates.h"
+#include "vpn/Api/AHS/Candidates.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -78,23 +78,24 @@ TEST(Candidates, AnEntryWithoutAnAddressIsReachedByItsName) {
   EXPECT_EQ(candidates[0].place, Place("gw.example.com", 444));
 }
 
-TEST(Candidates, AddressesTakeThePlaceOfAllProfiles) {
+TEST(Candidates, GivenHeadendsTakePartBesideThoseOfTheProfiles) {
   const tests::TemporaryDirectory directory;
   directory.Write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
   PreferenceMgr::Sources sources;
   sources.profileDirectory = directory.Path();
-  sources.addresses = {"gw-x", "[::1]:8443"};
+  sources.headends = {"gw-x", "[::1]:8443"};
   const Loaded loaded(sources);
   const auto candidates = findCandidates();
-  ASSERT_EQ(candidates.size(), 2U);
+  ASSERT_EQ(candidates.size(), 3U);
   EXPECT_EQ(candidates[0].headend, "[::1]:8443");
   EXPECT_EQ(candidates[0].place, Place("::1", 8443));
-  EXPECT_EQ(candidates[1].place, Place("gw-x", 443));
+  EXPECT_EQ(candidates[1].name, "c");
+  EXPECT_EQ(candidates[2].place, Place("gw-x", 443));
 }
 
 TEST(HostEntries, OfTheCommandLineTakePartAndHaveNoFile) {
   PreferenceMgr::Sources sources;
-  sources.addresses = {"gw-x"};
+  sources.headends = {"gw-x"};
   const Loaded loaded(sources);
   const auto entries = findHostEntries();
   ASSERT_EQ(entries.size(), 1U);

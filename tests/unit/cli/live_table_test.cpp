@@ -30,8 +30,8 @@ LiveState someState() {
 
 LiveLook look(std::size_t width, std::size_t height = 24) { return {width, height, false, false}; }
 
-ProbeRecorder::Track track(const std::vector<STATUSCODE>& statuses) {
-  ProbeRecorder::Track made;
+SelectionRecord::Track track(const std::vector<STATUSCODE>& statuses) {
+  SelectionRecord::Track made;
   made.started = static_cast<unsigned int>(statuses.size());
   for (const STATUSCODE status : statuses) {
     HttpProbe::Report report;
@@ -152,9 +152,9 @@ TEST(LiveTable, NoTimeIsLeftAfterTheLimit) {
 
 TEST(LiveRow, TellsWhatAHeadendWaitsFor) {
   EXPECT_EQ(liveRowOf(gateway(), nullptr, 3).waitsFor, "waits to be measured");
-  const ProbeRecorder::Track none = track({});
+  const SelectionRecord::Track none = track({});
   EXPECT_EQ(liveRowOf(gateway(), &none, 3).waitsFor, "waits for answer 1 of 3");
-  const ProbeRecorder::Track two = track({0, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE});
+  const SelectionRecord::Track two = track({0, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE});
   EXPECT_EQ(liveRowOf(gateway(), &two, 3).waitsFor, "waits for answer 3 of 3");
   EXPECT_THAT(liveRowOf(gateway(), &two, 3).samplesMs, ElementsAre(10, 11));
 }
@@ -167,12 +167,12 @@ TEST(LiveRow, HasTheNameOfTheHostEntryWhereItIsNotTheAddress) {
 }
 
 TEST(LiveRow, OfAHeadendThatIsDoneWaitsForNothing) {
-  const ProbeRecorder::Track done = track({0, HTTP_SESSION_ERROR_TIMEOUT, 0});
+  const SelectionRecord::Track done = track({0, HTTP_SESSION_ERROR_TIMEOUT, 0});
   EXPECT_THAT(liveRowOf(gateway(), &done, 3).waitsFor, IsEmpty());
 }
 
 TEST(LiveRow, TellsThatTheWayIsTested) {
-  ProbeRecorder::Track tested;
+  SelectionRecord::Track tested;
   tested.testing = 1;
   EXPECT_EQ(liveRowOf(gateway(), &tested, 3).waitsFor, "waits for the test of the way there");
   tested.started = 1;
@@ -180,9 +180,9 @@ TEST(LiveRow, TellsThatTheWayIsTested) {
 }
 
 TEST(LiveRow, TellsWhyNoMoreProbesAreSent) {
-  const ProbeRecorder::Track unknown = track({HTTP_SESSION_ERROR_DNS_RESOLUTION});
+  const SelectionRecord::Track unknown = track({HTTP_SESSION_ERROR_DNS_RESOLUTION});
   EXPECT_EQ(liveRowOf(gateway(), &unknown, 3).waitsFor, "name not resolved");
-  const ProbeRecorder::Track closed =
+  const SelectionRecord::Track closed =
       track({HTTP_SESSION_ERROR_CANNOT_CONNECT, HTTP_SESSION_ERROR_CANNOT_CONNECT});
   EXPECT_EQ(liveRowOf(gateway(), &closed, 3).waitsFor, "cannot connect");
 }

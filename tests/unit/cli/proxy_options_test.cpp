@@ -14,7 +14,6 @@ namespace {
 
 using testing::HasSubstr;
 using testing::Not;
-using Choice = PreferenceMgr::Sources::Proxy::Choice;
 
 constexpr const char* Password = "correct-horse";
 
@@ -36,7 +35,7 @@ class ProxyOptionsTest : public testing::Test {
 
 TEST_F(ProxyOptionsTest, NothingGivenLeavesTheProxyToTheFiles) {
   EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.proxy.choice, Choice::OfFiles);
+  EXPECT_TRUE(plan.preferences.empty());
   EXPECT_EQ(plan.user.length(), 0U);
   std::optional<Secret> password;
   EXPECT_EQ(readPassword(plan, password), "");
@@ -56,9 +55,9 @@ TEST_F(ProxyOptionsTest, AProxyIsAHostWithOrWithoutAPort) {
         Case{"http://proxy:3128/", "proxy", "3128"}}) {
     options.proxy = each.text;
     EXPECT_EQ(make(), "") << each.text;
-    EXPECT_EQ(plan.proxy.choice, Choice::Given);
-    EXPECT_EQ(plan.proxy.host, each.host);
-    EXPECT_EQ(plan.proxy.port, each.port);
+    EXPECT_EQ(plan.preferences[ProxySettings], "override");
+    EXPECT_EQ(plan.preferences[ProxyHost], each.host);
+    EXPECT_EQ(plan.preferences[ProxyPort], each.port);
   }
 }
 
@@ -80,7 +79,7 @@ TEST_F(ProxyOptionsTest, CredentialsInTheProxyAreRefusedWithoutRepeatingThem) {
 TEST_F(ProxyOptionsTest, NoProxyIsAChoiceToo) {
   options.noProxy = true;
   EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.proxy.choice, Choice::None);
+  EXPECT_EQ(plan.preferences[ProxySettings], "none");
 }
 
 TEST_F(ProxyOptionsTest, AUserMayStandAlone) {

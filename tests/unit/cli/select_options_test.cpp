@@ -71,7 +71,7 @@ TEST_F(SelectOptionsTest, AnUnknownReasonIsRefusedWithTheNamesThatExist) {
 TEST_F(SelectOptionsTest, HostsThatNameOnePlaceAreMeasuredOnce) {
   options.hosts = {"gw-a", "gw-b:8443", "GW-A", "gw-a", "gw-b", "[::1]:443"};
   EXPECT_EQ(make(), "");
-  EXPECT_THAT(plan.sources.addresses, ElementsAre("gw-a", "gw-b:8443", "gw-b", "[::1]:443"));
+  EXPECT_THAT(plan.sources.headends, ElementsAre("gw-a", "gw-b:8443", "gw-b", "[::1]:443"));
 }
 
 TEST_F(SelectOptionsTest, AHostThatIsNoAddressIsRefusedByName) {
@@ -196,9 +196,9 @@ TEST_F(SelectOptionsTest, AnUnknownLevelIsRefused) {
 TEST_F(SelectOptionsTest, AProxyGoesBeforeThePreferences) {
   options.proxy.proxy = "proxy:3128";
   EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.sources.proxy.choice, PreferenceMgr::Sources::Proxy::Choice::Given);
-  EXPECT_EQ(plan.sources.proxy.host, "proxy");
-  EXPECT_EQ(plan.sources.proxy.port, "3128");
+  EXPECT_EQ(plan.sources.preferences.at(ProxySettings), "override");
+  EXPECT_EQ(plan.sources.preferences.at(ProxyHost), "proxy");
+  EXPECT_EQ(plan.sources.preferences.at(ProxyPort), "3128");
 }
 
 TEST_F(SelectOptionsTest, AWrongProxyIsRefused) {

@@ -16,7 +16,7 @@ using testing::HasSubstr;
 using testing::Not;
 
 HeadendResult headend(const std::string& name, std::optional<unsigned int> metric,
-                      const std::string& outcome) {
+                      HeadendOutcome outcome) {
   HeadendResult result;
   result.headend = name;
   result.metricMs = metric;
@@ -31,9 +31,9 @@ SelectionResult measured() {
   result.headends = {"gw-b:8443", "gw-a"};
   result.report = "*** QIB Selection Results ***\nlines\n";
   result.elapsed = std::chrono::milliseconds(321);
-  result.results = {headend("gw-b:8443", 20, "answered"),
-                    headend("gw-a", 40, "untrusted certificate"),
-                    headend("gw-c", std::nullopt, "cannot connect")};
+  result.results = {headend("gw-b:8443", 20, HeadendOutcome::Answered),
+                    headend("gw-a", 40, HeadendOutcome::UntrustedCertificate),
+                    headend("gw-c", std::nullopt, HeadendOutcome::CannotConnect)};
   HttpProbe::Report probe;
   probe.rttMs = 20;
   probe.httpStatus = 200;
@@ -88,7 +88,7 @@ TEST(TextOutput, ShowsTheNamesOfHostEntriesInAColumnOfTheirOwn) {
 
 TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {"gw-a"});
-  result.results = {headend("gw-a", std::nullopt, "timed out")};
+  result.results = {headend("gw-a", std::nullopt, HeadendOutcome::TimedOut)};
   const std::string text = textOutput(result);
   EXPECT_THAT(text, HasSubstr("1. gw-a  kept, not measured (timed out)\n"));
   EXPECT_THAT(text, HasSubstr("The headend of the list is kept without a measurement."));

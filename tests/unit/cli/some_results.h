@@ -14,7 +14,7 @@ inline HeadendResult headend(const std::string& name, std::optional<unsigned int
   result.headend = name;
   result.metricMs = metric;
   result.samplesMs = samples;
-  result.outcome = metric ? "answered" : "timed out";
+  result.outcome = metric ? HeadendOutcome::Answered : HeadendOutcome::TimedOut;
   return result;
 }
 

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "tests/support/ScriptedServer.h"
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/ProbeTask.h"
 
 /// Remembers what it is told.
-class RecordingWatcher : public HttpProbe::Watcher {
+class RecordingWatcher : public ProbeTask {
  public:
   void ProbeStarted(const HttpProbe::Report& report) override {
     const std::lock_guard<std::mutex> guard(m_mutex);
@@ -44,9 +44,7 @@ class HttpProbeTest : public testing::Test {
   // Long enough that only what never answers reaches it.
   static constexpr unsigned int kPatience = 20;
 
-  void SetUp() override { HttpProbe::SetWatcher(watcher); }
   void TearDown() override {
-    HttpProbe::SetWatcher(nullptr);
     HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Network);
     HttpProbe::SetTrustFile("");
   }
@@ -63,6 +61,7 @@ class HttpProbeTest : public testing::Test {
   HttpProbe::Report report() const { return watcher->ended().back(); }
 
   const std::shared_ptr<RecordingWatcher> watcher = std::make_shared<RecordingWatcher>();
+  const CTask::Scope scope{watcher};
   PROXY_DATA proxy;
   std::string userAgent;
   HttpProbe::HTTP_PROBE_RESULTS results;

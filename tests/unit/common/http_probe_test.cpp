@@ -445,31 +445,14 @@ TEST_F(HttpProbeTest, AWatcherIsToldOfStartAndEnd) {
 }
 
 TEST_F(HttpProbeTest, WhatAWatcherThrowsDoesNotReachTheCaller) {
-  class Thrower : public HttpProbe::Watcher {
+  class Thrower : public ProbeTask {
    public:
     void ProbeStarted(const HttpProbe::Report&) override { throw std::runtime_error("start"); }
     void ProbeEnded(const HttpProbe::Report&) override { throw 1; }
   };
-  HttpProbe::SetWatcher(std::make_shared<Thrower>());
+  const CTask::Scope thrower(std::make_shared<Thrower>());
   const ScriptedServer server(answering(kOk));
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-}
-
-TEST_F(HttpProbeTest, AWatcherThatIsReplacedWhileAProbeRunsStillSeesItsEnd) {
-  class Replacer : public RecordingWatcher {
-   public:
-    void ProbeStarted(const HttpProbe::Report& report) override {
-      RecordingWatcher::ProbeStarted(report);
-      HttpProbe::SetWatcher(nullptr);
-    }
-  };
-  const auto replacer = std::make_shared<Replacer>();
-  HttpProbe::SetWatcher(replacer);
-  const ScriptedServer server(answering(kOk));
-  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(replacer->ended().size(), 1U);
-  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(replacer->ended().size(), 1U);
 }
 
 TEST_F(HttpProbeTest, ProbesOfManyThreadsDoNotDisturbEachOther) {
@@ -494,7 +477,6 @@ TEST_F(HttpProbeTest, ProbesOfManyThreadsDoNotDisturbEachOther) {
   }
   for (int round = 0; round < kRounds; ++round) {
     HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
-    HttpProbe::SetWatcher(round % 2 == 0 ? nullptr : watcher);
     HttpProbe::SetTrustFile("");
   }
   for (std::thread& thread : threads) {

@@ -13,6 +13,7 @@
 
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionTimes.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Api/SaxWriterIfc.h"
@@ -57,6 +58,23 @@ unsigned long useOf(const CacheDocument::Uses& uses, const std::string& key) {
 void logShortage(const char* function, const char* call) {
   CAppLog::LogReturnCode(function, SourceFile, __LINE__, Logging::DBG_Warning, call,
                          HEADENDSELECTION_ERROR_MEMALLOC_FAILED, 0, nullptr);
+}
+
+/// Whoever is cancelled has measured some of the headends, and the nearest may not be among them.
+bool isOfCancelledSelection() {
+  const auto record = SelectionRecord::Current();
+  return record != nullptr && record->IsCancelled();
+}
+
+/// Without memory for the note, the selection is told without its metrics.
+void noteForSelection(const CCacheEntry& entry) {
+  try {
+    if (const auto record = SelectionRecord::Current(); record != nullptr) {
+      record->NoteEntry(entry);
+    }
+  } catch (const std::exception&) {
+    logShortage("noteForSelection", "SelectionRecord::NoteEntry");
+  }
 }
 
 }  // namespace
@@ -205,8 +223,8 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
     }
     std::string usedKey = placeKey(key);
     noteUse(usedKey, found);
-    entry = found;
-    m_lastUsed.Swap(found);
+    noteForSelection(found);
+    entry.Swap(found);
     m_lastUsedKey.swap(usedKey);
     return true;
   } catch (const std::exception&) {
@@ -231,6 +249,10 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
   const auto deadline = std::chrono::steady_clock::now() + StorePatience;
   CCacheWriter::Ticket ticket;
   unsigned long number = 0;
+  noteForSelection(entry);
+  if (isOfCancelledSelection()) {
+    return HEADENDSELECTION_ERROR_CACHE_FAILURE;
+  }
   const STATUSCODE status = store(entry, key, ticket, number);
   if (status != HEADENDSELECTION_SUCCESS) {
     return status;
@@ -263,7 +285,6 @@ STATUSCODE CSelectionCache::store(CCacheEntry& entry, const std::string& key,
     m_unsaved[mapKey] = number;
     m_cache.insert_or_assign(mapKey, stored);
     m_uses.erase(mapKey);  // its stamp is its last use
-    m_lastUsed = stored;
     m_lastUsedKey.swap(usedKey);
     keepWithinLimits();
     if (!fits) {
@@ -277,19 +298,6 @@ STATUSCODE CSelectionCache::store(CCacheEntry& entry, const std::string& key,
   } catch (const std::exception&) {
     logShortage("AddEntry", "CSelectionCache::updateCache");
     return HEADENDSELECTION_ERROR_MEMALLOC_FAILED;
-  }
-}
-
-bool CSelectionCache::GetLastUsed(CCacheEntry& entry) {
-  const CAutoLockT<CManualLock> lock(m_lock);
-  try {
-    if (m_lastUsedKey.empty()) {
-      return false;
-    }
-    entry = m_lastUsed;
-    return true;
-  } catch (const std::exception&) {
-    return false;
   }
 }
 

@@ -23,7 +23,8 @@ class SaxWriterIfc;
 /// search domains that the resolver uses) until the clear-cache time of the settings has passed. At
 /// most `MaxEntries` selections are kept; those that were used longest ago go first. What is wrong
 /// with the file costs a warning and never a selection: the cache then works in memory. No
-/// operation throws.
+/// operation throws. The selection that the calling thread works for (`SelectionRecord`) notes the
+/// entry that a look-up has found or a store was given.
 ///
 /// All operations may be called from any thread that holds an acquisition. The file is written on a
 /// thread of the cache's own, so that a slow disk holds nobody up for longer than is said here.
@@ -68,15 +69,12 @@ class CSelectionCache {
   /// stamps `entry` with the time of day. Waits 50 ms at most for the file.
   /// @return 0; HEADENDSELECTION_ERROR_BAD_PARAMETER for an entry without results, which is not
   ///         stored; HEADENDSELECTION_ERROR_CACHE_FAILURE when it is kept in memory but not, or not
-  ///         yet, in the file; HEADENDSELECTION_ERROR_UNEXPECTED when the place is unknown and
+  ///         yet, in the file, or when the selection that the thread works for was cancelled and
+  ///         nothing is stored; HEADENDSELECTION_ERROR_UNEXPECTED when the place is unknown and
   ///         HEADENDSELECTION_ERROR_MEMALLOC_FAILED: not stored.
   STATUSCODE AddEntry(CCacheEntry& entry);
   /// The same under a given key, which the stored entry then carries.
   STATUSCODE AddEntry(CCacheEntry& entry, const std::string& key);
-
-  /// The entry that the last hit returned or the last `AddEntry` stored, in this process.
-  /// @return false, with `entry` left alone, if there is none.
-  bool GetLastUsed(CCacheEntry& entry);
 
   CSelectionCache(const CSelectionCache&) = delete;
   CSelectionCache& operator=(const CSelectionCache&) = delete;
@@ -178,7 +176,6 @@ class CSelectionCache {
   std::string m_lastProblem AHS_GUARDED_BY(m_lock);  // the one that was logged last
   bool m_hasWarned AHS_GUARDED_BY(m_lock);
   std::string m_lastUsedKey AHS_GUARDED_BY(m_lock);
-  CCacheEntry m_lastUsed AHS_GUARDED_BY(m_lock);
   // Whether there is something to wait for. Atomic: releaseInstance asks without m_lock, so that it
   // does not wait for a parse while it holds sm_instanceLock.
   std::atomic<bool> m_storePending;

@@ -15,6 +15,7 @@
 #include "vpn/Common/IP/ProbeOutcome.h"
 #include "vpn/Common/IP/ProbeRequest.h"
 #include "vpn/Common/IP/ProbeSettings.h"
+#include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
 
@@ -113,16 +114,15 @@ void writeResults(const HttpProbe::Report& report, PROBE_OUTCOME& outcome,
   }
 }
 
-void tell(const std::shared_ptr<HttpProbe::Watcher>& watcher,
-          void (HttpProbe::Watcher::*what)(const HttpProbe::Report&),
+void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
           const HttpProbe::Report& report) {
-  if (!watcher) {
+  if (task == nullptr) {
     return;
   }
   try {
-    (watcher.get()->*what)(report);
+    (task->*what)(report);
   } catch (...) {
-    // A watcher's trouble is not the probe's.
+    // The trouble of who is told is not the probe's.
   }
 }
 
@@ -132,19 +132,20 @@ void tell(const std::shared_ptr<HttpProbe::Watcher>& watcher,
                                            unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
                                            unsigned int options,
                                            HttpProbe::HTTP_PROBE_RESULTS& results) {
-  std::shared_ptr<HttpProbe::Watcher> watcher;
+  // The thread works for it, and so holds it.
+  ProbeTask* const task = ProbeTask::Current().get();
   HttpProbe::RoundTripMeasure measure = HttpProbe::RoundTripMeasure::Network;
   HttpProbe::Report report;
   PROBE_OUTCOME outcome;
   PROBE_REQUEST request;
   try {
-    watcher = ProbeSettings::Watcher();
     measure = ProbeSettings::Measure();
     report.host = host;
     report.port = port;
     report.secure = secure;
     report.options = options;
-    tell(watcher, &HttpProbe::Watcher::ProbeStarted, report);
+    tell(task, &ProbeTask::ProbeStarted, report);
+    request.task = task;
     request.secure = secure;
     request.port = port;
     request.userAgent = userAgent;
@@ -158,13 +159,11 @@ void tell(const std::shared_ptr<HttpProbe::Watcher>& watcher,
   outcome.Fill(report, request.Proxied(), measure);
   countFromStart(request.timeSpent.count(), report);
   writeResults(report, outcome, results);
-  tell(watcher, &HttpProbe::Watcher::ProbeEnded, report);
+  tell(task, &ProbeTask::ProbeEnded, report);
   return report.status;
 }
 
 }  // namespace
-
-HttpProbe::Watcher::~Watcher() = default;
 
 STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool reserved,
                                     unsigned short port, const std::string& userAgent,
@@ -193,10 +192,6 @@ HttpProbe::KeptConnection::~KeptConnection() {
 
 void HttpProbe::SetRoundTripMeasure(RoundTripMeasure measure) {
   ProbeSettings::SetMeasure(measure);
-}
-
-void HttpProbe::SetWatcher(std::shared_ptr<Watcher> watcher) {
-  ProbeSettings::SetWatcher(std::move(watcher));
 }
 
 void HttpProbe::SetTrustFile(const std::string& path) { ProbeSettings::SetTrustFile(path); }

@@ -12,7 +12,8 @@ class HttpTransfer;
 /// Sends single HTTP(S) requests to find out whether a host answers, and how far away it is.
 ///
 /// All operations are static and may be called from any thread; probes of different threads run in
-/// parallel and share nothing but the settings.
+/// parallel and share nothing but the settings. The task of the probe's thread (`ProbeTask`) is
+/// told of the probe and may cancel it.
 class HttpProbe {
  public:
   /// What a probe found out.
@@ -79,17 +80,6 @@ class HttpProbe {
     long long networkRttUs = -1;   ///< smallest round trip that the kernel saw on the connection
     long long responseRttUs = -1;  ///< from the request to the first byte of the answer
     std::string address;           ///< the address that was connected to (a proxy's, too), if any
-  };
-
-  /// Is told of every probe of the process, on the probe's own thread, which it holds up. What it
-  /// throws is dropped.
-  class Watcher {
-   public:
-    virtual ~Watcher();
-    /// A probe is about to start; only host, port, secure and options are known.
-    virtual void ProbeStarted(const Report& report) = 0;
-    /// A probe is over; everything of its report is known.
-    virtual void ProbeEnded(const Report& report) = 0;
   };
 
   /// As long as one lives, the probes that its thread sends straight to one server go through one
@@ -176,10 +166,6 @@ class HttpProbe {
 
   /// Chooses the measure for probes that start from now on; `Network` until it is called.
   static void SetRoundTripMeasure(RoundTripMeasure measure);
-
-  /// Sets the one watcher for probes that start from now on, null for none. A probe tells the end
-  /// to the watcher that it told the start, and keeps it alive until then.
-  static void SetWatcher(std::shared_ptr<Watcher> watcher);
 
   /// Adds certificates (a PEM file) to those trusted, for probes that start from now on; an empty
   /// path for the system's alone. The file is read at once; one that cannot be read adds nothing.

@@ -23,6 +23,7 @@
 
 #include "vpn/Common/IP/AnswerHead.h"
 #include "vpn/Common/IP/ProbeSettings.h"
+#include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/IP/TransportMemory.h"
 
 namespace {
@@ -207,10 +208,13 @@ class HttpTransfer::Impl {
   PROBE_OUTCOME attempt(const PROBE_REQUEST& request);
   CURLcode run();
   CURLcode resultOfEnded();
+  CURLMcode wait(milliseconds longest, int& ready);
+  bool isCancelled() const { return m_task != nullptr && m_task->IsCancelled(); }
   microseconds fetchBody();
   void detach();
   bool staysSilent() const;
   milliseconds longestWait() const;
+  bool mayConnect(curl_socket_t opened, int family) const;
   bool isReused() const { return m_seen.requests > 0 && m_seen.opened.isEmpty(); }
   bool hasUnasked() const;
   bool lostKeptConnection(const PROBE_OUTCOME& outcome) const;
@@ -231,6 +235,8 @@ class HttpTransfer::Impl {
 
   const PROBE_TARGET m_target;
   const bool m_keeps;
+  /// The one of the request under way; null for none.
+  ProbeTask* m_task = nullptr;
   /// The rest of an answer is worth waiting for.
   bool m_wantsBody;
   /// The server took long for its last answer.
@@ -284,6 +290,7 @@ bool HttpTransfer::Impl::hasUnasked() const {
 }
 
 PROBE_OUTCOME HttpTransfer::Impl::perform(PROBE_REQUEST& request) {
+  m_task = request.task;
   if (m_attached && !request.Spend(fetchBody())) {
     return endedBy(CURLE_OPERATION_TIMEDOUT);
   }
@@ -302,6 +309,9 @@ PROBE_OUTCOME HttpTransfer::Impl::perform(PROBE_REQUEST& request) {
 }
 
 PROBE_OUTCOME HttpTransfer::Impl::attempt(const PROBE_REQUEST& request) {
+  if (isCancelled()) {
+    return endedBy(CURLE_ABORTED_BY_CALLBACK);
+  }
   AnswerHead::Expectations expects;
   expects.tunnel = request.secure && request.Proxied();
   expects.logIn = request.Proxied() && !request.credentials->proxyUser.empty();
@@ -328,6 +338,7 @@ CURLcode HttpTransfer::Impl::run() {
   int running = 1;
   CURLMcode state = curl_multi_add_handle(m_multi.get(), m_easy.get());
   m_attached = state == CURLM_OK;
+  int ready = 0;
   while (state == CURLM_OK) {
     state = curl_multi_perform(m_multi.get(), &running);
     if (state == CURLM_OK && running == 0) {
@@ -342,11 +353,20 @@ CURLcode HttpTransfer::Impl::run() {
       return CURLE_GOT_NOTHING;
     }
     if (state == CURLM_OK) {
-      state = curl_multi_poll(m_multi.get(), nullptr, 0, static_cast<int>(longestWait().count()),
-                              nullptr);
+      state = wait(longestWait(), ready);
+    }
+    if (isCancelled()) {
+      return CURLE_ABORTED_BY_CALLBACK;
     }
   }
   return state == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT;
+}
+
+/// Waits for the network, or for the end of the task.
+CURLMcode HttpTransfer::Impl::wait(milliseconds longest, int& ready) {
+  curl_waitfd end{m_task != nullptr ? m_task->CancelDescriptor() : -1, CURL_WAIT_POLLIN, 0};
+  return curl_multi_poll(m_multi.get(), &end, end.fd >= 0 ? 1 : 0,
+                         static_cast<int>(longest.count()), &ready);
 }
 
 /// Whether a kept connection has had its time and nothing has come.
@@ -397,11 +417,10 @@ microseconds HttpTransfer::Impl::fetchBody() {
   int ready = 0;
   milliseconds left(1);
   // What is there already is read, however late it is.
-  while ((left.count() > 0 || ready > 0) &&
+  while ((left.count() > 0 || ready > 0) && !isCancelled() &&
          curl_multi_perform(m_multi.get(), &running) == CURLM_OK && running != 0) {
     left = std::max(std::chrono::ceil<milliseconds>(end - Clock::now()), milliseconds());
-    if (curl_multi_poll(m_multi.get(), nullptr, 0, static_cast<int>(left.count()), &ready) !=
-        CURLM_OK) {
+    if (wait(left, ready) != CURLM_OK) {
       break;
     }
   }
@@ -422,8 +441,8 @@ void HttpTransfer::Impl::detach() {
 /// gone. libcurl takes the end of a connection for a first byte, so its time alone does not tell.
 bool HttpTransfer::Impl::lostKeptConnection(const PROBE_OUTCOME& outcome) const {
   return outcome.reused && outcome.code != CURLE_OK && outcome.code != CURLE_OPERATION_TIMEDOUT &&
-         outcome.code != CURLE_OUT_OF_MEMORY && m_seen.head.IsEmpty() &&
-         (outcome.code == CURLE_GOT_NOTHING || outcome.firstByteUs == 0);
+         outcome.code != CURLE_ABORTED_BY_CALLBACK && outcome.code != CURLE_OUT_OF_MEMORY &&
+         m_seen.head.IsEmpty() && (outcome.code == CURLE_GOT_NOTHING || outcome.firstByteUs == 0);
 }
 
 /// The target does not change, so most is said to libcurl once.
@@ -604,10 +623,24 @@ curl_socket_t HttpTransfer::Impl::onOpen(void* self, curlsocktype, curl_sockaddr
   }
   const curl_socket_t opened =
       socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (opened != CURL_SOCKET_BAD && !transfer.mayConnect(opened, address->family)) {
+    close(opened);
+    return CURL_SOCKET_BAD;
+  }
   if (opened != CURL_SOCKET_BAD) {
     transfer.m_seen.opened.add(opened);
   }
   return opened;
+}
+
+/// Whether the task lets a socket connect.
+bool HttpTransfer::Impl::mayConnect(curl_socket_t opened, int family) const {
+  // libcurl is C and cannot be thrown through.
+  try {
+    return m_task == nullptr || m_task->SocketOpened(opened, family);
+  } catch (...) {
+    return false;
+  }
 }
 
 /// Of several sockets (a name with two families), those that lost the race close before the

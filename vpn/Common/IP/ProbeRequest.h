@@ -5,6 +5,8 @@
 
 #include "vpn/include/HttpSession.h"
 
+class ProbeTask;
+
 /// What is sent, and to whom.
 struct PROBE_TARGET {
   /// As it stands in a URL.
@@ -31,6 +33,8 @@ struct PROBE_REQUEST : PROBE_TARGET {
   bool heedsExceptions = false;
   /// Log in with a Kerberos ticket, should the proxy take one.
   bool mayUseTicket = true;
+  /// The one of the probe's thread, which outlives the request; null for none.
+  ProbeTask* task = nullptr;
   /// The caller's, which outlives the request: no copy of the credentials is made here.
   const PROXY_DATA* credentials = nullptr;
 

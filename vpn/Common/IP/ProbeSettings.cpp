@@ -22,7 +22,6 @@ struct SETTINGS {
   SETTINGS() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
 
   CManualLock lock;
-  std::shared_ptr<HttpProbe::Watcher> watcher AHS_GUARDED_BY(lock);
   /// Null until the first secure probe needs it.
   ProbeSettings::Trust trust AHS_GUARDED_BY(lock);
   /// On its own: a probe reads it once and nothing else depends on it.
@@ -74,18 +73,6 @@ ProbeSettings::Trust makeTrust(const std::string& extraFile) {
 }
 
 }  // namespace
-
-std::shared_ptr<HttpProbe::Watcher> ProbeSettings::Watcher() {
-  SETTINGS& process = settings();
-  CAutoLockT<CManualLock> guard(process.lock);
-  return process.watcher;
-}
-
-void ProbeSettings::SetWatcher(std::shared_ptr<HttpProbe::Watcher> watcher) {
-  SETTINGS& process = settings();
-  CAutoLockT<CManualLock> guard(process.lock);
-  process.watcher.swap(watcher);
-}
 
 HttpProbe::RoundTripMeasure ProbeSettings::Measure() { return settings().measure; }
 

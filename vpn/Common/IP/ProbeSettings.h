@@ -14,9 +14,6 @@ class ProbeSettings {
 
   ProbeSettings() = delete;
 
-  static std::shared_ptr<HttpProbe::Watcher> Watcher();
-  static void SetWatcher(std::shared_ptr<HttpProbe::Watcher> watcher);
-
   static HttpProbe::RoundTripMeasure Measure();
   static void SetMeasure(HttpProbe::RoundTripMeasure measure);
 

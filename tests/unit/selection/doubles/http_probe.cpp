@@ -136,7 +136,5 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
 
 HttpProbe::KeptConnection::KeptConnection() noexcept { ++keptHere; }
 HttpProbe::KeptConnection::~KeptConnection() { --keptHere; }
-HttpProbe::Watcher::~Watcher() = default;
 void HttpProbe::SetRoundTripMeasure(RoundTripMeasure) {}
-void HttpProbe::SetWatcher(std::shared_ptr<Watcher>) {}
 void HttpProbe::SetTrustFile(const std::string&) {}

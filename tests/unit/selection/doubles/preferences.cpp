@@ -43,7 +43,7 @@ ProfileMgr::ProfileMgr() {
 
 ProfileMgr::~ProfileMgr() = default;
 void ProfileMgr::loadDirectory(const std::string&) {}
-void ProfileMgr::addAddresses(const std::string&, const std::vector<std::string>&) {}
+void ProfileMgr::addHeadends(const std::string&, const std::vector<GivenHeadend>&) {}
 
 const std::map<std::string, HostInitSettings*>& ProfileMgr::getFileInitMap() const {
   return m_fileInitMap;

@@ -1,16 +1,19 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <vector>
 
-#include "cli/files/Candidates.h"
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Api/AHS/CacheEntry.h"
+#include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/Locks.h"
 
-/// Remembers every probe of the process that measures a headend. The probe that only tests the way
-/// through a proxy (it asks for all headers) is known as long as it is out, and then left out. Any
-/// thread may call anything.
-class ProbeRecorder : public HttpProbe::Watcher {
+/// What is known of one selection while it runs: the task of the run's threads. Remembers every
+/// probe that measures a headend, and what the run used or stored of the cache. The probe that only
+/// tests the way through a proxy (it asks for all headers) is known as long as it is out, and then
+/// left out. Any thread may call anything.
+class SelectionRecord : public ProbeTask {
  public:
   /// The probes of one place.
   struct Track {
@@ -28,6 +31,14 @@ class ProbeRecorder : public HttpProbe::Watcher {
   void ProbeStarted(const HttpProbe::Report& report) override;
   void ProbeEnded(const HttpProbe::Report& report) override;
 
+  /// The record of the selection that this thread works for; null for none.
+  static std::shared_ptr<SelectionRecord> Current();
+
+  /// The run has used or stored this entry of the cache.
+  void NoteEntry(const CCacheEntry& entry);
+  /// That entry; one without records if there is none.
+  CCacheEntry entry() const;
+
   Progress progress() const;
   std::map<Place, Track> tracks() const;
 
@@ -35,8 +46,12 @@ class ProbeRecorder : public HttpProbe::Watcher {
   /// the server is as good a measurement as a welcome.
   static bool isSample(STATUSCODE status);
 
+  /// Whether a probe tests the way through a proxy and measures no headend.
+  static bool isTestProbe(const HttpProbe::Report& report);
+
  private:
   mutable CManualLock m_lock;
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
   Progress m_progress AHS_GUARDED_BY(m_lock);
+  CCacheEntry m_entry AHS_GUARDED_BY(m_lock);
 };

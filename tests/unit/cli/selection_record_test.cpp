@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/select/ProbeRecorder.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -21,8 +21,8 @@ HttpProbe::Report report(const std::string& host, STATUSCODE status, unsigned in
 
 }  // namespace
 
-TEST(ProbeRecorder, TheProbeThatTestsTheWayIsLeftOut) {
-  ProbeRecorder recorder;
+TEST(SelectionRecord, TheProbeThatTestsTheWayIsLeftOut) {
+  SelectionRecord recorder;
   HttpProbe::Report test = report("gw", HTTP_SESSION_SUCCESS, 5);
   test.options |= HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS;
   recorder.ProbeStarted(test);
@@ -31,8 +31,8 @@ TEST(ProbeRecorder, TheProbeThatTestsTheWayIsLeftOut) {
   EXPECT_EQ(recorder.progress().probesEnded, 0U);
 }
 
-TEST(ProbeRecorder, TheProbeThatTestsTheWayIsKnownWhileItIsOut) {
-  ProbeRecorder recorder;
+TEST(SelectionRecord, TheProbeThatTestsTheWayIsKnownWhileItIsOut) {
+  SelectionRecord recorder;
   HttpProbe::Report test = report("gw", HTTP_SESSION_SUCCESS, 5);
   test.options |= HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS;
   recorder.ProbeStarted(test);
@@ -43,8 +43,8 @@ TEST(ProbeRecorder, TheProbeThatTestsTheWayIsKnownWhileItIsOut) {
   EXPECT_EQ(recorder.tracks().at(Place("gw", 443)).started, 1U);
 }
 
-TEST(ProbeRecorder, AHeadendThatAnswersTwiceCountsOnce) {
-  ProbeRecorder recorder;
+TEST(SelectionRecord, AHeadendThatAnswersTwiceCountsOnce) {
+  SelectionRecord recorder;
   for (int i = 0; i < 2; ++i) {
     recorder.ProbeStarted(report("gw", 0));
     recorder.ProbeEnded(report("gw", HTTP_SESSION_SUCCESS, 5));
@@ -53,16 +53,16 @@ TEST(ProbeRecorder, AHeadendThatAnswersTwiceCountsOnce) {
   EXPECT_EQ(recorder.progress().probesEnded, 2U);
 }
 
-TEST(ProbeRecorder, ARefusedConnectionIsNoAnswer) {
-  ProbeRecorder recorder;
+TEST(SelectionRecord, ARefusedConnectionIsNoAnswer) {
+  SelectionRecord recorder;
   recorder.ProbeStarted(report("gw", 0));
   recorder.ProbeEnded(report("gw", HTTP_SESSION_ERROR_CANNOT_CONNECT));
   EXPECT_EQ(recorder.progress().placesAnswered, 0U);
   EXPECT_EQ(recorder.progress().probesEnded, 1U);
 }
 
-TEST(ProbeRecorder, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {
-  ProbeRecorder recorder;
+TEST(SelectionRecord, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {
+  SelectionRecord recorder;
   recorder.ProbeStarted(report("[::1]", 0));
   recorder.ProbeEnded(report("::1", HTTP_SESSION_SUCCESS, 5));
   const auto tracks = recorder.tracks();
@@ -71,14 +71,14 @@ TEST(ProbeRecorder, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {
   EXPECT_EQ(tracks.at(Place("::1", 443)).ended.size(), 1U);
 }
 
-TEST(ProbeRecorder, EveryStatusThatAServerCausedIsASample) {
-  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_SUCCESS));
-  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE));
-  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED));
-  EXPECT_TRUE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
-  EXPECT_TRUE(ProbeRecorder::isSample(HEADENDSELECTION_ERROR_UNKNOWN));
-  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CONNECT));
-  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_CANNOT_CONNECT));
-  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_TIMEOUT));
-  EXPECT_FALSE(ProbeRecorder::isSample(HTTP_SESSION_ERROR_DNS_RESOLUTION));
+TEST(SelectionRecord, EveryStatusThatAServerCausedIsASample) {
+  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_SUCCESS));
+  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE));
+  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED));
+  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
+  EXPECT_TRUE(SelectionRecord::isSample(HEADENDSELECTION_ERROR_UNKNOWN));
+  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_CONNECT));
+  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_CANNOT_CONNECT));
+  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_TIMEOUT));
+  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_DNS_RESOLUTION));
 }

@@ -1,7 +1,7 @@
 // What the probes did, as told by the probes themselves. The record is complete at any moment: late
 // probes may still be added to it while an earlier copy is being printed.
 
-#include "cli/select/ProbeRecorder.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 
 #include <algorithm>
 
@@ -9,24 +9,24 @@
 
 namespace {
 
-bool isTestProbe(const HttpProbe::Report& report) {
-  return (report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;
-}
-
-bool hasAnswered(const ProbeRecorder::Track& track) {
+bool hasAnswered(const SelectionRecord::Track& track) {
   return std::any_of(track.ended.begin(), track.ended.end(), [](const HttpProbe::Report& report) {
-    return ProbeRecorder::isSample(report.status);
+    return SelectionRecord::isSample(report.status);
   });
 }
 
 }  // namespace
 
-bool ProbeRecorder::isSample(STATUSCODE status) {
+bool SelectionRecord::isSample(STATUSCODE status) {
   const ProbeWorth worth = worthOfProbe(status);
   return worth == ProbeWorth::Sample || worth == ProbeWorth::SampleDespiteError;
 }
 
-void ProbeRecorder::ProbeStarted(const HttpProbe::Report& report) {
+bool SelectionRecord::isTestProbe(const HttpProbe::Report& report) {
+  return (report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;
+}
+
+void SelectionRecord::ProbeStarted(const HttpProbe::Report& report) {
   const CAutoLockT<CManualLock> guard(m_lock);
   if (isTestProbe(report)) {
     ++m_tracks[placeOf(report.host, report.port)].testing;
@@ -36,7 +36,7 @@ void ProbeRecorder::ProbeStarted(const HttpProbe::Report& report) {
   ++m_progress.probesStarted;
 }
 
-void ProbeRecorder::ProbeEnded(const HttpProbe::Report& report) {
+void SelectionRecord::ProbeEnded(const HttpProbe::Report& report) {
   const Place place = placeOf(report.host, report.port);
   const CAutoLockT<CManualLock> guard(m_lock);
   Track& track = m_tracks[place];
@@ -53,12 +53,26 @@ void ProbeRecorder::ProbeEnded(const HttpProbe::Report& report) {
   m_progress.placesAnswered += isFirstAnswer ? 1 : 0;
 }
 
-ProbeRecorder::Progress ProbeRecorder::progress() const {
+std::shared_ptr<SelectionRecord> SelectionRecord::Current() {
+  return std::dynamic_pointer_cast<SelectionRecord>(CTask::Current());
+}
+
+void SelectionRecord::NoteEntry(const CCacheEntry& entry) {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  m_entry = entry;
+}
+
+CCacheEntry SelectionRecord::entry() const {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  return m_entry;
+}
+
+SelectionRecord::Progress SelectionRecord::progress() const {
   const CAutoLockT<CManualLock> guard(m_lock);
   return m_progress;
 }
 
-std::map<Place, ProbeRecorder::Track> ProbeRecorder::tracks() const {
+std::map<Place, SelectionRecord::Track> SelectionRecord::tracks() const {
   const CAutoLockT<CManualLock> guard(m_lock);
   return m_tracks;
 }

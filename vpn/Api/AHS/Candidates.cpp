@@ -1,8 +1,8 @@
-// The candidates of a run as the tool sees them. They are worked out from the profiles by the same
-// rule as the run's own list, which the run keeps to itself; without them a headend that gives no
-// answer would be missing from the output.
+// The candidates of a run as door and command see them. They are worked out from the profiles by
+// the same rule as the run's own list, which the run keeps to itself; without them a headend that
+// gives no answer would be missing from what is told.
 
-#include "cli/files/Candidates.h"
+#include "vpn/Api/AHS/Candidates.h"
 
 #include <stdlib.h>
 

@@ -1,0 +1,89 @@
+// Probes of a task: what a cancel does to them, and how they leave the machine.
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/unit/common/http_probe_fixture.h"
+
+namespace {
+
+using tests::answering;
+using tests::Connection;
+using tests::ScriptedServer;
+
+constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+
+/// A task that looks at its sockets.
+class Sockets : public ProbeTask {
+ public:
+  explicit Sockets(std::function<bool(int, int)> look) : m_look(std::move(look)) {}
+  bool SocketOpened(int socket, int family) override { return m_look(socket, family); }
+
+ private:
+  const std::function<bool(int, int)> m_look;
+};
+
+}  // namespace
+
+TEST_F(HttpProbeTest, ACancelEndsTheProbeThatIsOutAndClosesItsConnection) {
+  std::promise<void> asked;
+  std::promise<bool> closed;
+  const ScriptedServer server([&](Connection& connection) {
+    connection.readHead();
+    asked.set_value();
+    closed.set_value(connection.readHead().empty());
+  });
+  auto status = std::async(std::launch::async, [&] {
+    const CTask::Scope own(watcher);
+    return probe(server.port());
+  });
+  asked.get_future().wait();
+  watcher->Cancel();
+  EXPECT_EQ(status.get(), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_TRUE(closed.get_future().get());
+}
+
+TEST_F(HttpProbeTest, ACancelledTaskConnectsNowhere) {
+  const ScriptedServer server(answering(kOk));
+  const HttpProbe::KeptConnection kept;
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  watcher->Cancel();
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_EQ(report().connectUs, -1);
+  EXPECT_EQ(server.accepted(), 1U);
+}
+
+TEST_F(HttpProbeTest, ATaskSeesEachSocketBeforeItConnects) {
+  const ScriptedServer server(answering(kOk));
+  std::atomic<int> seen{0};
+  const CTask::Scope own(std::make_shared<Sockets>([&seen](int socket, int family) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    const bool isConnected = getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) == 0;
+    seen += family == AF_INET && !isConnected ? 1 : 100;
+    return true;
+  }));
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(seen, 1);
+}
+
+TEST_F(HttpProbeTest, ASocketThatTheTaskRefusesConnectsNowhere) {
+  const ScriptedServer server(answering(kOk));
+  for (const bool isThrown : {false, true}) {
+    const CTask::Scope own(std::make_shared<Sockets>([isThrown](int, int) -> bool {
+      if (isThrown) {
+        throw std::runtime_error("socket");
+      }
+      return false;
+    }));
+    EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_CANNOT_CONNECT);
+  }
+  EXPECT_EQ(server.accepted(), 0U);
+}

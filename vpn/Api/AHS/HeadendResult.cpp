@@ -1,0 +1,161 @@
+// One headend of a selection: what the run delivered, joined with what its probes told. No number
+// stands for a measurement that did not happen.
+
+#include "vpn/Api/AHS/HeadendResult.h"
+
+#include <algorithm>
+
+#include "vpn/include/HttpSession.h"
+
+namespace {
+
+// A headend that was measured is described by its last answer, not by a probe that was lost.
+HeadendOutcome outcomeOfMeasured(const SelectionRecord::Track& track) {
+  const auto last = std::find_if(
+      track.ended.rbegin(), track.ended.rend(),
+      [](const HttpProbe::Report& report) { return SelectionRecord::isSample(report.status); });
+  return outcomeOfStatus(last == track.ended.rend() ? HTTP_SESSION_SUCCESS : last->status);
+}
+
+class Collector {
+ public:
+  Collector(const std::map<Place, SelectionRecord::Track>& tracks,
+            const std::vector<CHeadendRTT>& measured, bool fromCache)
+      : m_tracks(tracks), m_fromCache(fromCache) {
+    for (const CHeadendRTT& record : measured) {
+      const auto [entry, isNew] = m_metrics.emplace(record.GetHeadend(), record.GetRTT());
+      entry->second = std::min(entry->second, record.GetRTT());
+    }
+  }
+
+  HeadendResult resultOf(const std::string& headend, const Candidate* candidate) const {
+    HeadendResult result;
+    result.headend = headend;
+    result.name = candidate == nullptr ? headend : candidate->name;
+    const auto metric = m_metrics.find(headend);
+    if (metric != m_metrics.end()) {
+      result.metricMs = metric->second;
+    }
+    const SelectionRecord::Track* track = trackOf(candidate);
+    result.outcome = outcomeOf(track, result.metricMs.has_value(), m_fromCache);
+    if (track != nullptr) {
+      result.probes = track->ended;
+    }
+    for (const HttpProbe::Report& probe : result.probes) {
+      if (SelectionRecord::isSample(probe.status)) {
+        result.samplesMs.push_back(probe.rttMs);
+      }
+    }
+    return result;
+  }
+
+ private:
+  const SelectionRecord::Track* trackOf(const Candidate* candidate) const {
+    const auto track = candidate == nullptr ? m_tracks.end() : m_tracks.find(candidate->place);
+    return track == m_tracks.end() ? nullptr : &track->second;
+  }
+
+  const std::map<Place, SelectionRecord::Track>& m_tracks;
+  const bool m_fromCache;
+  std::map<std::string, unsigned int> m_metrics;
+};
+
+}  // namespace
+
+const char* outcomeName(HeadendOutcome outcome) {
+  switch (outcome) {
+    case HeadendOutcome::Answered:
+      return "answered";
+    case HeadendOutcome::UntrustedCertificate:
+      return "untrusted certificate";
+    case HeadendOutcome::ClientCertificateWanted:
+      return "client certificate wanted";
+    case HeadendOutcome::NotHttp:
+      return "not HTTP";
+    case HeadendOutcome::Failed:
+      return "failed";
+    case HeadendOutcome::FromCache:
+      return "from cache";
+    case HeadendOutcome::CannotConnect:
+      return "cannot connect";
+    case HeadendOutcome::TimedOut:
+      return "timed out";
+    case HeadendOutcome::NameNotResolved:
+      return "name not resolved";
+    case HeadendOutcome::NoAnswerInTime:
+      return "no answer in time";
+    case HeadendOutcome::NotFinishedInTime:
+      return "not finished in time";
+    case HeadendOutcome::NotProbed:
+      return "not probed";
+    case HeadendOutcome::NotInCache:
+      return "not in cache";
+  }
+  return "unknown";
+}
+
+HeadendOutcome outcomeOfStatus(STATUSCODE status) {
+  switch (status) {
+    case HTTP_SESSION_SUCCESS:
+      return HeadendOutcome::Answered;
+    case HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE:
+      return HeadendOutcome::UntrustedCertificate;
+    case HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED:
+      return HeadendOutcome::ClientCertificateWanted;
+    case HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE:
+      return HeadendOutcome::NotHttp;
+    case HTTP_SESSION_ERROR_CONNECT:
+    case HTTP_SESSION_ERROR_CANNOT_CONNECT:
+      return HeadendOutcome::CannotConnect;
+    case HTTP_SESSION_ERROR_TIMEOUT:
+      return HeadendOutcome::TimedOut;
+    case HTTP_SESSION_ERROR_DNS_RESOLUTION:
+      return HeadendOutcome::NameNotResolved;
+    default:
+      return HeadendOutcome::Failed;
+  }
+}
+
+HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bool fromCache) {
+  if (fromCache) {
+    return hasMetric ? HeadendOutcome::FromCache : HeadendOutcome::NotInCache;
+  }
+  if (track == nullptr) {
+    return hasMetric ? HeadendOutcome::Answered : HeadendOutcome::NotProbed;
+  }
+  if (hasMetric) {
+    return outcomeOfMeasured(*track);
+  }
+  if (track->ended.empty()) {
+    return HeadendOutcome::NoAnswerInTime;
+  }
+  const STATUSCODE last = track->ended.back().status;
+  return SelectionRecord::isSample(last) ? HeadendOutcome::NotFinishedInTime
+                                         : outcomeOfStatus(last);
+}
+
+std::vector<HeadendResult> collectResults(const std::vector<std::string>& headends,
+                                          const std::vector<Candidate>& candidates,
+                                          const std::map<Place, SelectionRecord::Track>& tracks,
+                                          const std::vector<CHeadendRTT>& measured,
+                                          bool fromCache) {
+  // Several entries may name one headend; its result is told once.
+  std::map<std::string, const Candidate*> waiting;
+  for (const Candidate& candidate : candidates) {
+    waiting.emplace(candidate.headend, &candidate);
+  }
+  const Collector collector(tracks, measured, fromCache);
+  std::vector<HeadendResult> results;
+  const auto tell = [&](const std::string& headend) {
+    const auto found = waiting.find(headend);
+    if (found != waiting.end()) {
+      results.push_back(collector.resultOf(headend, found->second));
+      waiting.erase(found);
+    }
+  };
+  std::for_each(headends.begin(), headends.end(), tell);
+  for (const Candidate& candidate : candidates) {
+    tell(candidate.headend);
+  }
+  return results;
+}

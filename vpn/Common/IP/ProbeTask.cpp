@@ -1,0 +1,33 @@
+// The end of a task reaches its probes by a descriptor that all of them poll and nobody reads.
+
+#include "vpn/Common/IP/ProbeTask.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+ProbeTask::ProbeTask() : m_descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_cancelled(false) {}
+
+ProbeTask::~ProbeTask() {
+  if (m_descriptor >= 0) {
+    close(m_descriptor);
+  }
+}
+
+std::shared_ptr<ProbeTask> ProbeTask::Current() {
+  return std::dynamic_pointer_cast<ProbeTask>(CTask::Current());
+}
+
+void ProbeTask::ProbeStarted(const HttpProbe::Report& /*report*/) {}
+
+void ProbeTask::ProbeEnded(const HttpProbe::Report& /*report*/) {}
+
+bool ProbeTask::SocketOpened(int /*socket*/, int /*family*/) { return true; }
+
+void ProbeTask::Cancel() noexcept {
+  m_cancelled = true;
+  if (m_descriptor >= 0) {
+    eventfd_write(m_descriptor, 1);
+  }
+}
+
+bool ProbeTask::IsCancelled() const noexcept { return m_cancelled; }

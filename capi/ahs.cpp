@@ -1,31 +1,75 @@
-// The C interface: handles around the client library and one selection each. A run may outlive its
-// handle, so what it reports to is held by both; nothing thrown gets past a function of this file.
+// The C functions. A handle is a number that stands for an object as long as nobody has given it
+// back, and for none ever after, so a wrong one does no harm. Nothing thrown gets past this file.
 
-#include "capi/ahs.h"
+#include "ahs/ahs.h"
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <cstring>
+#include <exception>
+#include <map>
 #include <memory>
 #include <new>
-#include <span>
 #include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
-#include "vpn/Api/AHS/HeadendSelection.h"
+#include "capi/Arguments.h"
+#include "capi/ErrorText.h"
+#include "capi/Library.h"
+#include "capi/Selection.h"
+#include "vpn/Api/AHS/HeadendResult.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
-#include "vpn/Api/ClientIfcBase.h"
-#include "vpn/Api/ClientLibrary.h"
-#include "vpn/Api/ProxyProviders.h"
-#include "vpn/Common/Utility/ExecutionContext.h"
-#include "vpn/Common/Utility/MonotonicClock.h"
-#include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/Locks.h"
 
 namespace {
+
+/// A number that no handle of either kind has had. It looks like a pointer to those who look.
+std::uintptr_t newNumber() {
+  constexpr std::uintptr_t step = 16;
+  static std::atomic<std::uintptr_t> last{0};
+  return last += step;
+}
+
+/// The objects that clients hold, by handle. Any thread may call anything.
+template <typename Handle, typename Object>
+class Handles {
+ public:
+  /// All of the process; never freed, so that they may be given back at exit.
+  static Handles& instance() {
+    static Handles& all = *new Handles;
+    return all;
+  }
+
+  Handle* add(std::shared_ptr<Object> object) {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    // Never dereferenced. NOLINTNEXTLINE(performance-no-int-to-ptr)
+    auto* const handle = reinterpret_cast<Handle*>(newNumber());
+    m_objects.emplace(handle, std::move(object));
+    return handle;
+  }
+
+  /// The object, null if there is none.
+  std::shared_ptr<Object> find(const Handle* handle) {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    const auto found = m_objects.find(handle);
+    return found == m_objects.end() ? nullptr : found->second;
+  }
+
+  /// The same; the handle is none from now on.
+  std::shared_ptr<Object> take(const Handle* handle) {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    const auto node = m_objects.extract(handle);
+    return node.empty() ? nullptr : node.mapped();
+  }
+
+ private:
+  CManualLock m_lock;
+  std::map<const Handle*, std::shared_ptr<Object>> m_objects AHS_GUARDED_BY(m_lock);
+};
+
+using Libraries = Handles<ahs_library, Library>;
+using Selections = Handles<ahs_selection, Selection>;
+
+constexpr ahs_status Unexpected = HEADENDSELECTION_ERROR_UNEXPECTED;
 
 /// Runs `operation`, whatever it throws.
 template <typename Operation>
@@ -33,257 +77,183 @@ ahs_status guarded(Operation operation) noexcept {
   try {
     return operation();
   } catch (const std::bad_alloc&) {
-    return AHS_ERROR_OUT_OF_MEMORY;
-  } catch (...) {
-    return static_cast<ahs_status>(HEADENDSELECTION_ERROR_UNEXPECTED);
+    return failed(AHS_ERROR_OUT_OF_MEMORY, "there is no memory");
+  } catch (const std::exception& exception) {
+    return failed(Unexpected, exception.what());
   }
 }
 
-std::string textOf(const char* text) { return text == nullptr ? std::string() : text; }
+ahs_status refused(std::string_view why) noexcept { return failed(AHS_ERROR_BAD_PARAMETER, why); }
 
-/// A structure of the caller's, which may be of an older version and then ends earlier.
-/// @return whether it can be used; `copy` keeps its defaults for members that are not there.
-template <typename Structure>
-bool take(const Structure* given, Structure& copy) {
-  if (given == nullptr || given->size < sizeof given->size || given->size > sizeof copy) {
-    return false;
-  }
-  std::memcpy(&copy, given, given->size);
-  return true;
+ahs_status noLibrary(const ahs_library* handle) noexcept {
+  return refused(handle == nullptr ? "library is null"
+                                   : "library is no handle of a library that is up");
 }
 
-/// Whether the library has been brought up by this interface: a second one would take the first
-/// one's log away before it is refused.
-std::atomic<bool>& isUp() {
-  static std::atomic<bool> up{false};
-  return up;
+ahs_status noSelection(const ahs_selection* handle) noexcept {
+  return refused(handle == nullptr ? "selection is null"
+                                   : "selection is no handle, or it was given back");
 }
 
-/// What a run reports to and a client asks.
-class Outcome : public ClientIfcBase {
- public:
-  Outcome(ahs_callback callback, void* context) : m_callback(callback), m_context(context) {}
-
-  void AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends, long status,
-                       const std::string& extraInfo) override {
-    ahs_callback callback = nullptr;
-    {
-      const CAutoLockT<CMonitor> guard(m_lock);
-      store(reason, headends, status, extraInfo);
-      m_caller = std::this_thread::get_id();
-      callback = std::exchange(m_callback, nullptr);
-    }
-    if (callback != nullptr) {
-      callback(&m_result, m_context);
-    }
-    const CAutoLockT<CMonitor> guard(m_lock);
-    m_caller = {};
-    m_delivered = true;
-    m_lock.NotifyAll();
+ahs_status startLibrary(const ahs_options* options, ahs_library*& library) {
+  StartPlan plan;
+  std::string error = takeOptions(options, plan);
+  if (!error.empty()) {
+    return refused(error);
   }
-
-  ahs_wait_result wait(std::uint32_t timeoutMs) {
-    const auto limit = MonotonicClock::now() + std::chrono::milliseconds(timeoutMs);
-    const CAutoLockT<CMonitor> guard(m_lock);
-    while (!isDelivered()) {
-      if (m_cancelled) {
-        return AHS_WAIT_CANCELLED;
-      }
-      if (timeoutMs == AHS_WAIT_FOREVER) {
-        m_lock.Wait();
-      } else if (MonotonicClock::now() >= limit) {
-        return AHS_WAIT_TIMEOUT;
-      } else {
-        m_lock.WaitUntil(limit);
-      }
-    }
-    return AHS_WAIT_DELIVERED;
+  ahs_status status = AHS_SUCCESS;
+  auto started = Library::start(plan, status, error);
+  if (started == nullptr) {
+    return failed(status, error.empty() ? ahs_status_text(status) : error);
   }
-
-  void cancelWait() {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    m_cancelled = true;
-    m_lock.NotifyAll();
-  }
-
-  /// Once there, the result stays as it is.
-  const ahs_result* result() const {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    return m_stored ? &m_result : nullptr;
-  }
-
-  /// No callback runs, or will, when this has returned; but the one that calls it.
-  void abandon() {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    m_callback = nullptr;
-    while (m_caller != std::thread::id() && m_caller != std::this_thread::get_id()) {
-      m_lock.Wait();
-    }
-  }
-
- private:
-  void store(unsigned int reason, const std::vector<std::string>& headends, long status,
-             const std::string& extraInfo) AHS_REQUIRES(m_lock) {
-    m_result.size = sizeof m_result;
-    m_result.status = static_cast<ahs_status>(status);
-    m_result.reason = reason;
-    m_result.extra_info = "";
-    try {
-      m_headends = headends;
-      m_extraInfo = extraInfo;
-      m_pointers.reserve(m_headends.size());
-      for (const std::string& headend : m_headends) {
-        m_pointers.push_back(headend.c_str());
-      }
-      m_result.extra_info = m_extraInfo.c_str();
-      m_result.headends = m_pointers.data();
-      m_result.headend_count = m_pointers.size();
-    } catch (...) {
-      m_result.status = AHS_ERROR_OUT_OF_MEMORY;
-    }
-    m_stored = true;
-  }
-
-  bool isDelivered() const AHS_REQUIRES(m_lock) {
-    return m_delivered || m_caller == std::this_thread::get_id();
-  }
-
-  mutable CMonitor m_lock;  // notified of every change of the state
-  ahs_callback m_callback AHS_GUARDED_BY(m_lock);
-  void* const m_context;
-  std::thread::id m_caller AHS_GUARDED_BY(m_lock);  // the thread that calls back, while it does
-  bool m_stored AHS_GUARDED_BY(m_lock) = false;
-  bool m_delivered AHS_GUARDED_BY(m_lock) = false;
-  bool m_cancelled AHS_GUARDED_BY(m_lock) = false;
-  // Written once, before m_stored is set under the lock; read by those who have seen that.
-  std::vector<std::string> m_headends;
-  std::vector<const char*> m_pointers;
-  std::string m_extraInfo;
-  ahs_result m_result{};
-};
-
-/// Runs the selection, and keeps what it reports to until it is over.
-class RunThread : public CThread {
- public:
-  RunThread(std::shared_ptr<Outcome> outcome, std::unique_ptr<CHeadendSelection> selection)
-      : m_outcome(std::move(outcome)), m_selection(std::move(selection)) {}
-
-  STATUSCODE Run() override {
-    m_selection.release()->run();  // deletes the selection
-    return 0;
-  }
-
- private:
-  std::shared_ptr<Outcome> m_outcome;
-  std::unique_ptr<CHeadendSelection> m_selection;
-};
-
-std::unique_ptr<ProxyIfc> providerFor(const ahs_request& request) {
-  if (request.proxy_user == nullptr || *request.proxy_user == '\0') {
-    return nullptr;
-  }
-  const char* password = request.proxy_password == nullptr ? "" : request.proxy_password;
-  return std::make_unique<CBasicProxyProvider>(SecureString<std::string>(request.proxy_user),
-                                               SecureString<std::string>(password));
+  library = Libraries::instance().add(std::move(started));
+  return AHS_SUCCESS;
 }
 
-ahs_status startRun(const ahs_request& request, const std::shared_ptr<Outcome>& outcome) {
-  long status = 0;
-  auto run = std::make_unique<CHeadendSelection>(outcome.get(), textOf(request.last_headend),
-                                                 request.reason, status);
-  if (status == 0) {
-    run->SetProxy(providerFor(request).release());
-    status = std::make_unique<RunThread>(outcome, std::move(run))->Start();
+ahs_status startSelection(Library& library, const ahs_request* request, ahs_callback callback,
+                          void* context, ahs_selection*& handle) {
+  ahs_request given = AHS_REQUEST_INIT;
+  std::string error = takeRequest(request, given);
+  if (!error.empty()) {
+    return refused(error);
   }
-  return static_cast<ahs_status>(status);
-}
-
-}  // namespace
-
-struct ahs_library {
-  std::unique_ptr<CClientLibrary> clientLibrary;
-};
-
-struct ahs_selection {
-  std::shared_ptr<Outcome> outcome;
-};
-
-namespace {
-
-ahs_status bringUp(const ahs_options& options, ahs_library*& library) {
-  CClientLibrary::Options all;
-  all.sources.profileDirectory = textOf(options.profile_directory);
-  all.sources.userPreferencesFile = textOf(options.user_preferences_file);
-  all.sources.globalPreferencesFile = textOf(options.global_preferences_file);
-  all.sources.cacheFile = textOf(options.cache_file);
-  all.log.file = textOf(options.log_file);
-  for (const char* address : std::span(options.addresses, options.address_count)) {
-    all.sources.addresses.push_back(textOf(address));
+  const auto selection = library.makeSelection(
+      {nullptr, callback, context, given.on_progress, given.progress_context}, given.reason);
+  if (selection == nullptr) {
+    return refused("library is being stopped");
   }
+  // The callback may come, and give the handle back, before this has returned.
+  handle = Selections::instance().add(selection);
   STATUSCODE status = 0;
-  auto handle = std::make_unique<ahs_library>();
-  handle->clientLibrary = std::make_unique<CClientLibrary>(all, status);
+  error = selection->start(given, library.core().usesSystemProxy(), library.presences(), status);
   if (status == 0) {
-    library = handle.release();
+    return AHS_SUCCESS;
   }
-  // A selection that has outlived the library it was started with holds on to one or the other.
-  const bool exists = status == PREFERENCEMGR_ERROR_ALREADY_EXISTS ||
-                      status == EXECUTIONCONTEXT_ERROR_ALREADY_EXISTS;
-  return exists ? AHS_ERROR_ALREADY_STARTED : static_cast<ahs_status>(status);
+  Selections::instance().take(handle);
+  selection->abandon();
+  return failed(static_cast<ahs_status>(status), error);
 }
 
 }  // namespace
+
+void ahs_no_callback(const ahs_result* /*result*/, void* /*context*/) {}
 
 const char* ahs_version(void) { return AHS_VERSION; }
 
-const char* ahs_status_name(ahs_status status) { return statusCodeName(STATUSCODE{status}); }
+int ahs_is_success(ahs_status status) {
+  return status == AHS_SUCCESS || status == AHS_ADDED_TO_CACHE ? 1 : 0;
+}
+
+const char* ahs_status_name(ahs_status status) {
+  return status == AHS_ERROR_CANCELLED ? "AHS_ERROR_CANCELLED" : statusCodeName(STATUSCODE{status});
+}
+
+const char* ahs_status_text(ahs_status status) {
+  switch (status) {
+    case AHS_SUCCESS:
+      return "done, or selected from the cache";
+    case AHS_ADDED_TO_CACHE:
+      return "selected from measurements made now";
+    case AHS_ERROR_BAD_PARAMETER:
+      return "an argument is wrong; ahs_error_text() says which";
+    case AHS_ERROR_OUT_OF_MEMORY:
+      return "the machine is short of memory, threads or descriptors";
+    case AHS_ERROR_AUTH_PROXY_DETECTED:
+      return "nothing was measured: a proxy asks for a login; select again with user name and "
+             "password";
+    case AHS_ERROR_TIMEOUT:
+      return "nothing was measured within the time limit; check the network, or raise "
+             "SelectionConnectTimeout";
+    case AHS_ERROR_NO_HEADENDS:
+      return "no headend takes part; give headends, or set EnableAutomaticServerSelection to true "
+             "in a profile that has some";
+    case AHS_ERROR_SELECTION_FAILURE:
+      return "no headend could be measured; check the network and the addresses";
+    case AHS_ERROR_ALREADY_STARTED:
+      return "the library is up with other options; stop it, or start with equal ones";
+    case AHS_ERROR_CANCELLED:
+      return "the selection was cancelled";
+    default:
+      return "the selection failed; the log tells more";
+  }
+}
+
+const char* ahs_outcome_name(uint32_t outcome) {
+  return outcome <= AHS_OUTCOME_NOT_IN_CACHE ? outcomeName(static_cast<HeadendOutcome>(outcome))
+                                             : "unknown";
+}
+
+const char* ahs_error_text(void) { return errorText(); }
 
 ahs_status ahs_start(const ahs_options* options, ahs_library** library) {
   if (library == nullptr) {
-    return AHS_ERROR_BAD_PARAMETER;
+    return refused("library, which receives the handle, is null");
   }
   *library = nullptr;
-  ahs_options given = AHS_OPTIONS_INIT;
-  if (!take(options, given) || (given.addresses == nullptr && given.address_count != 0)) {
-    return AHS_ERROR_BAD_PARAMETER;
-  }
-  if (isUp().exchange(true)) {
-    return AHS_ERROR_ALREADY_STARTED;
-  }
-  const ahs_status status = guarded([&given, library] { return bringUp(given, *library); });
-  if (status != AHS_SUCCESS) {
-    isUp() = false;
-  }
-  return status;
+  return guarded([options, library] { return startLibrary(options, *library); });
 }
 
-void ahs_stop(ahs_library* library) {
-  if (library != nullptr) {
-    delete library;
-    isUp() = false;
+ahs_status ahs_stop(ahs_library* library) {
+  if (library == nullptr) {
+    return AHS_SUCCESS;
   }
+  return guarded([library] {
+    const auto stopped = Libraries::instance().take(library);
+    if (stopped == nullptr) {
+      return noLibrary(library);
+    }
+    stopped->stop();
+    return AHS_SUCCESS;
+  });
+}
+
+size_t ahs_problems(ahs_library* library, const ahs_problem* const** problems) {
+  const auto found = Libraries::instance().find(library);
+  if (found == nullptr || problems == nullptr) {
+    static_cast<void>(found == nullptr ? noLibrary(library) : refused("problems is null"));
+    return 0;
+  }
+  const auto& all = found->core().problems();
+  *problems = all.empty() ? nullptr : all.data();
+  return all.size();
+}
+
+int ahs_descriptor(ahs_library* library) {
+  const auto found = Libraries::instance().find(library);
+  if (found == nullptr) {
+    static_cast<void>(noLibrary(library));
+    return -1;
+  }
+  return found->teller().descriptor();
+}
+
+ahs_status ahs_dispatch(ahs_library* library) {
+  return guarded([library] {
+    const auto found = Libraries::instance().find(library);
+    if (found == nullptr) {
+      return noLibrary(library);
+    }
+    if (found->teller().descriptor() < 0) {
+      return refused("library was started without own_loop: its callbacks come by themselves");
+    }
+    found->teller().tellAll();
+    return AHS_SUCCESS;
+  });
 }
 
 ahs_status ahs_select(ahs_library* library, const ahs_request* request, ahs_callback callback,
                       void* context, ahs_selection** selection) {
   if (selection == nullptr) {
-    return AHS_ERROR_BAD_PARAMETER;
+    return refused("selection, which receives the handle, is null");
   }
   *selection = nullptr;
-  ahs_request given = AHS_REQUEST_INIT;
-  if (library == nullptr || (request != nullptr && !take(request, given))) {
-    return AHS_ERROR_BAD_PARAMETER;
+  if (callback == nullptr) {
+    return refused("callback is null; ahs_no_callback does nothing");
   }
-  const ahs_status status = guarded([&given, callback, context, selection] {
-    const auto outcome = std::make_shared<Outcome>(callback, context);
-    auto handle = std::make_unique<ahs_selection>(ahs_selection{outcome});
-    // The callback may come, and free the handle, before this has returned.
-    *selection = handle.get();
-    const ahs_status started = startRun(given, outcome);
-    if (started == AHS_SUCCESS) {
-      static_cast<void>(handle.release());
-    }
-    return started;
+  const ahs_status status = guarded([=] {
+    const auto found = Libraries::instance().find(library);
+    return found == nullptr ? noLibrary(library)
+                            : startSelection(*found, request, callback, context, *selection);
   });
   if (status != AHS_SUCCESS) {
     *selection = nullptr;
@@ -291,19 +261,36 @@ ahs_status ahs_select(ahs_library* library, const ahs_request* request, ahs_call
   return status;
 }
 
-ahs_wait_result ahs_wait(ahs_selection* selection, uint32_t timeout_ms) {
-  return selection->outcome->wait(timeout_ms);
+ahs_status ahs_cancel(ahs_selection* selection) {
+  return guarded([selection] {
+    const auto found = Selections::instance().find(selection);
+    if (found == nullptr) {
+      return noSelection(selection);
+    }
+    found->cancel();
+    return AHS_SUCCESS;
+  });
 }
 
-void ahs_cancel_wait(ahs_selection* selection) { selection->outcome->cancelWait(); }
-
-const ahs_result* ahs_get_result(const ahs_selection* selection) {
-  return selection->outcome->result();
-}
-
-void ahs_free(ahs_selection* selection) {
-  if (selection != nullptr) {
-    selection->outcome->abandon();
-    delete selection;
+const ahs_result* ahs_wait(ahs_selection* selection, uint32_t timeout_ms) {
+  const auto found = Selections::instance().find(selection);
+  if (found == nullptr) {
+    static_cast<void>(noSelection(selection));
+    return nullptr;
   }
+  return found->wait(timeout_ms);
+}
+
+ahs_status ahs_free(ahs_selection* selection) {
+  if (selection == nullptr) {
+    return AHS_SUCCESS;
+  }
+  return guarded([selection] {
+    const auto found = Selections::instance().take(selection);
+    if (found == nullptr) {
+      return noSelection(selection);
+    }
+    found->abandon();
+    return AHS_SUCCESS;
+  });
 }

@@ -1,9 +1,9 @@
 /* A client in C: selects among the addresses that it is given and prints what it is told. It ends
  * with 0 when there is a headend. Usage: c_client ADDRESS... */
 
+#include <ahs/ahs.h>
 #include <stdio.h>
-
-#include "capi/ahs.h"
+#include <stdlib.h>
 
 static void onResult(const ahs_result* result, void* context) {
   int* told = context;
@@ -15,8 +15,8 @@ static void onResult(const ahs_result* result, void* context) {
   printf("\n");
 }
 
-static int fail(const char* operation, ahs_status status) {
-  fprintf(stderr, "%s: %s (0x%08X)\n", operation, ahs_status_name(status), (unsigned int)status);
+static int fail(const char* operation) {
+  fprintf(stderr, "%s: %s\n", operation, ahs_error_text());
   return 2;
 }
 
@@ -25,27 +25,27 @@ static int selectOnce(ahs_library* library) {
   request.reason = AHS_REASON_RECONNECTION;
   ahs_selection* selection = NULL;
   int told = 0;
-  const ahs_status status = ahs_select(library, &request, onResult, &told, &selection);
-  if (status != AHS_SUCCESS) {
-    return fail("ahs_select", status);
+  if (ahs_select(library, &request, onResult, &told, &selection) != AHS_SUCCESS) {
+    return fail("ahs_select");
   }
-  const enum ahs_wait_result waited = ahs_wait(selection, AHS_WAIT_FOREVER);
-  const ahs_result* result = ahs_get_result(selection);
-  const int selected = waited == AHS_WAIT_DELIVERED && told == 1 && result->headend_count > 0;
+  const ahs_result* result = ahs_wait(selection, AHS_WAIT_FOREVER);
+  const int selected = result != NULL && ahs_is_success(result->status);
+  ahs_stop(library); /* the callback comes before this returns */
   ahs_free(selection);
-  return selected ? 0 : 1;
+  return selected && told == 1 ? 0 : 1;
 }
 
 int main(int argc, char** argv) {
+  const size_t count = (size_t)(argc - 1);
+  ahs_headend* headends = calloc(count + 1, sizeof *headends);
+  for (size_t i = 0; headends != NULL && i < count; ++i) {
+    headends[i].address = argv[i + 1];
+  }
   ahs_options options = AHS_OPTIONS_INIT;
-  options.addresses = (const char* const*)(argv + 1);
-  options.address_count = (size_t)(argc - 1);
+  options.headends = headends;
+  options.headend_count = count;
   ahs_library* library = NULL;
   const ahs_status status = ahs_start(&options, &library);
-  if (status != AHS_SUCCESS) {
-    return fail("ahs_start", status);
-  }
-  const int exitStatus = selectOnce(library);
-  ahs_stop(library);
-  return exitStatus;
+  free(headends);
+  return status == AHS_SUCCESS ? selectOnce(library) : fail("ahs_start");
 }

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "ahs/ahs.h"
+#include "vpn/Api/ClientLibrary.h"
+#include "vpn/Api/ProxyIfc.h"
+
+/// What a library is started with, checked.
+struct StartPlan {
+  PreferenceMgr::Sources sources;
+  CAppLog::Targets log;
+  ahs_log_callback onLog = nullptr;
+  void* logContext = nullptr;
+  bool ownLoop = false;
+
+  /// Whether another start asks for the same library.
+  bool isSame(const StartPlan& other) const;
+};
+
+/// Checks options. @param options null for AHS_OPTIONS_INIT.
+/// @return an empty text, or which one is wrong and how to mend it.
+std::string takeOptions(const ahs_options* options, StartPlan& plan);
+
+/// Copies a request as far as it goes and checks it. The texts stay the caller's.
+/// @param request null for AHS_REQUEST_INIT.
+/// @return an empty text, or what is wrong and how to mend it.
+std::string takeRequest(const ahs_request* request, ahs_request& copy);
+
+/// The provider that a checked request asks for; null for none.
+/// @param isSystemProxy the proxy is the one that the system is set to.
+std::unique_ptr<ProxyIfc> providerFor(const ahs_request& request, bool isSystemProxy);

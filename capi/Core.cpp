@@ -1,0 +1,70 @@
+// The part of the door that exists once a process.
+
+#include "capi/Core.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/include/InstanceSmartPtr.h"
+#include "vpn/include/StringUtils.h"
+
+Candidates::Candidates(std::vector<Candidate> all) : m_all(std::move(all)) {
+  for (std::size_t i = 0; i < m_all.size(); ++i) {
+    m_places.emplace(m_all[i].place, i);
+  }
+}
+
+const Candidate* Candidates::at(const Place& place) const {
+  const auto found = m_places.find(place);
+  return found == m_places.end() ? nullptr : &m_all[found->second];
+}
+
+const Candidate* Candidates::named(const std::string& name) const {
+  const std::string wanted = CStringUtils::toLower(name);
+  const auto found = std::ranges::find_if(m_all, [&wanted](const Candidate& candidate) {
+    return CStringUtils::toLower(candidate.name) == wanted;
+  });
+  return found == m_all.end() ? nullptr : &*found;
+}
+
+Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {
+  CClientLibrary::Options options{plan.sources, plan.log, ""};
+  m_library = std::make_unique<CClientLibrary>(options, status);
+  if (status != 0) {
+    return;
+  }
+  status = CSelectionCache::createSingletonInstance(m_cache);
+  if (status == 0) {
+    look();
+    keepProblems(options.logProblem);
+  }
+}
+
+Core::~Core() {
+  if (m_cache != nullptr) {
+    m_cache->releaseInstance();
+  }
+}
+
+void Core::look() {
+  m_candidates = std::make_shared<const Candidates>(findCandidates());
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  std::string proxy;
+  m_usesSystemProxy = preferences->getPreferenceValue(ProxySettings, proxy) == 0 &&
+                      proxy == PreferenceBase::ProxySystem;
+  m_fileProblems = preferences->getProblems();
+}
+
+void Core::keepProblems(const std::string& logProblem) {
+  if (!logProblem.empty()) {
+    m_fileProblems.push_back({m_plan.log.file, 0, 0, "the log cannot be written: " + logProblem});
+  }
+  for (const FileProblem& problem : m_fileProblems) {
+    m_problems.push_back({sizeof(ahs_problem), problem.file.c_str(), problem.line, problem.column,
+                          problem.text.c_str()});
+  }
+  for (const ahs_problem& problem : m_problems) {
+    m_problemPointers.push_back(&problem);
+  }
+}

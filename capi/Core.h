@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ahs/ahs.h"
+#include "capi/Arguments.h"
+#include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Api/ClientLibrary.h"
+
+class CSelectionCache;
+
+/// The headends that take part. Constant; any thread may read it.
+class Candidates {
+ public:
+  explicit Candidates(std::vector<Candidate> all);
+
+  const std::vector<Candidate>& all() const { return m_all; }
+  /// The one that is probed at a place; null if there is none.
+  const Candidate* at(const Place& place) const;
+  /// The one of a host entry's name, in any letter case; null if there is none.
+  const Candidate* named(const std::string& name) const;
+
+ private:
+  const std::vector<Candidate> m_all;
+  std::map<Place, std::size_t> m_places;
+};
+
+/// What all libraries of the process share: the client library while it is up, and what was read
+/// when it came up. Constant once it is made; made and destroyed by one thread at a time.
+class Core {
+ public:
+  /// @param status receives 0, or why it is not up. It is then good for destruction only.
+  Core(const StartPlan& plan, STATUSCODE& status);
+  ~Core();
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
+
+  const StartPlan& plan() const { return m_plan; }
+  /// What takes part; it may outlive the core.
+  const std::shared_ptr<const Candidates>& candidates() const { return m_candidates; }
+  const std::vector<const ahs_problem*>& problems() const { return m_problemPointers; }
+
+  /// Whether the preferences in force name the system's proxy.
+  bool usesSystemProxy() const { return m_usesSystemProxy; }
+
+ private:
+  void look();
+  void keepProblems(const std::string& logProblem);
+
+  const StartPlan m_plan;
+  std::unique_ptr<CClientLibrary> m_library;
+  CSelectionCache* m_cache = nullptr;  // held, so that selections in memory outlive their runs
+  bool m_usesSystemProxy = false;
+  std::shared_ptr<const Candidates> m_candidates;
+  std::vector<FileProblem> m_fileProblems;
+  std::vector<ahs_problem> m_problems;
+  std::vector<const ahs_problem*> m_problemPointers;
+};

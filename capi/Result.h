@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ahs/ahs.h"
+#include "vpn/Api/AHS/HeadendResult.h"
+
+/// An ahs_result and all that it points to. It does not change once it is made.
+class Result {
+ public:
+  /// A result that names no headend; takes no memory.
+  Result(ahs_status status, uint32_t reason) noexcept;
+  /// @param headends as delivered. @param candidates see `collectResults`.
+  Result(ahs_status status, uint32_t reason, std::vector<std::string> headends,
+         const std::string& realm, std::vector<HeadendResult> candidates);
+  Result(const Result&) = delete;
+  Result& operator=(const Result&) = delete;
+  /// Pointers into what is moved stay good.
+  /// @{
+  Result(Result&&) noexcept = default;
+  Result& operator=(Result&&) noexcept = default;
+  /// @}
+  ~Result();
+
+  const ahs_result& get() const { return m_result; }
+
+  void setElapsed(uint32_t milliseconds) { m_result.elapsed_ms = milliseconds; }
+  /// @param seconds -1 if they are not known.
+  void setFromCache(int64_t seconds);
+
+ private:
+  std::vector<std::string> m_headends;
+  std::vector<const char*> m_headendPointers;
+  std::vector<char> m_realm;
+  std::vector<HeadendResult> m_found;
+  std::vector<std::string> m_addresses;
+  std::vector<ahs_candidate> m_candidates;
+  std::vector<const ahs_candidate*> m_candidatePointers;
+  ahs_result m_result{};
+};
+
+/// The outcome as the door numbers it.
+uint32_t outcomeNumber(HeadendOutcome outcome);

@@ -1,0 +1,302 @@
+// A selection of a client. The result is settled once, by the run's one call or by a cancel, and
+// what the client is told is posted under the same lock: so nothing is told after it. The run is
+// the task of its threads; it goes when the last of them has ended, which may be after the handle.
+
+#include "capi/Selection.h"
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "capi/SocketWay.h"
+#include "vpn/Api/AHS/HeadendSelection.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
+
+using std::chrono::milliseconds;
+
+namespace {
+
+/// Seconds since an entry was made; -1 if the clock has been put back since.
+int64_t ageOf(const CCacheEntry& entry) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto age = std::chrono::duration_cast<std::chrono::seconds>(now).count() -
+                   static_cast<int64_t>(entry.GetTimestamp());
+  return std::max<int64_t>(age, -1);
+}
+
+}  // namespace
+
+Presences::Token::Token(std::shared_ptr<Presences> presences) : m_presences(std::move(presences)) {
+  const CAutoLockT<CMonitor> guard(m_presences->m_lock);
+  ++m_presences->m_count;
+}
+
+Presences::Token::~Token() {
+  const CAutoLockT<CMonitor> guard(m_presences->m_lock);
+  if (--m_presences->m_count == 0) {
+    m_presences->m_lock.NotifyAll();
+  }
+}
+
+bool Presences::waitForNone(milliseconds longest) {
+  const auto limit = MonotonicClock::now() + longest;
+  const CAutoLockT<CMonitor> guard(m_lock);
+  while (m_count > 0 && MonotonicClock::now() < limit) {
+    m_lock.WaitUntil(limit);
+  }
+  return m_count == 0;
+}
+
+/// The task of a run's threads. The token is the last to go.
+class Selection::Run : public SelectionRecord {
+ public:
+  Run(std::shared_ptr<Selection> selection, const std::shared_ptr<Presences>& presences)
+      : m_token(presences), m_selection(std::move(selection)) {}
+
+  SocketWay& way() { return m_way; }
+
+  void ProbeStarted(const HttpProbe::Report& report) override {
+    SelectionRecord::ProbeStarted(report);
+    m_selection->noteProbe(report, false);
+  }
+  void ProbeEnded(const HttpProbe::Report& report) override {
+    SelectionRecord::ProbeEnded(report);
+    m_selection->noteProbe(report, true);
+  }
+  bool SocketOpened(int socket, int family) override {
+    // The client may cancel while it looks at the socket.
+    return !IsCancelled() && m_way.prepare(socket, family) && !IsCancelled();
+  }
+
+ private:
+  const Presences::Token m_token;
+  const std::shared_ptr<Selection> m_selection;
+  SocketWay m_way;
+};
+
+class Selection::RunThread : public CThread {
+ public:
+  explicit RunThread(std::unique_ptr<CHeadendSelection> selection)
+      : m_selection(std::move(selection)) {}
+
+  STATUSCODE Run() override {
+    m_selection.release()->run();  // deletes the selection
+    return 0;
+  }
+
+ private:
+  std::unique_ptr<CHeadendSelection> m_selection;
+};
+
+/// Made with the selection, so that telling the result takes no memory. It gets its hold on the
+/// selection when it is posted.
+class Selection::ResultMessage : public Teller::Message {
+ public:
+  explicit ResultMessage(Selection* selection) : Message(selection), m_subject(selection) {}
+
+  void hold() { m_selection = m_subject->shared_from_this(); }
+  void tell() override {
+    m_selection->m_client.callback(&m_selection->m_result.get(), m_selection->m_client.context);
+  }
+
+ private:
+  Selection* const m_subject;
+  std::shared_ptr<Selection> m_selection;
+};
+
+class Selection::ProbeMessage : public Teller::Message {
+ public:
+  ProbeMessage(std::shared_ptr<Selection> selection, const Candidate& candidate,
+               std::string address)
+      : Message(selection.get()), m_selection(std::move(selection)), m_address(std::move(address)) {
+    probe.size = sizeof probe;
+    probe.name = candidate.name.c_str();  // the candidate list's, which the selection holds
+    probe.headend = candidate.headend.c_str();
+    probe.address = m_address.c_str();
+  }
+
+  void tell() override {
+    m_selection->m_client.progress(&probe, m_selection->m_client.progressContext);
+  }
+
+  ahs_probe probe{};
+
+ private:
+  const std::shared_ptr<Selection> m_selection;
+  const std::string m_address;
+};
+
+Selection::Selection(std::shared_ptr<const Candidates> candidates, const Client& client,
+                     uint32_t reason)
+    : m_candidates(std::move(candidates)),
+      m_client(client),
+      m_reason(reason),
+      m_start(std::chrono::steady_clock::now()),
+      m_result(AHS_SUCCESS, reason) {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  m_resultMessage.push_back(std::make_unique<ResultMessage>(this));
+}
+
+Selection::~Selection() = default;
+
+std::string Selection::start(const ahs_request& request, bool isSystemProxy,
+                             const std::shared_ptr<Presences>& presences, STATUSCODE& status) {
+  status = HEADENDSELECTION_ERROR_BAD_PARAMETER;
+  const auto run = std::make_shared<Run>(shared_from_this(), presences);
+  const std::string last = request.last_headend == nullptr ? "" : request.last_headend;
+  std::string error = run->way().take(request);
+  if (!error.empty()) {
+    return error;
+  }
+  {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    m_run = run;
+    if (m_isDone) {
+      run->Cancel();  // the library is being stopped
+    } else if (const Candidate* known = m_candidates->named(last); known != nullptr) {
+      m_last = {known->headend};
+    }
+  }
+  auto selection = std::make_unique<CHeadendSelection>(this, last, m_reason, status);
+  if (status == 0) {
+    selection->SetProxy(providerFor(request, isSystemProxy).release());
+    const CTask::Scope scope(run);
+    status = std::make_unique<RunThread>(std::move(selection))->Start();
+  }
+  return status == 0 ? ""
+                     : std::string("the selection cannot be started: ") + statusCodeName(status);
+}
+
+void Selection::cancel() {
+  std::shared_ptr<Run> run;
+  std::vector<std::string> last;
+  bool isDone = false;
+  {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    run = m_run.lock();
+    last.swap(m_last);
+    isDone = m_isDone;
+  }
+  if (!isDone) {
+    settle(resultOf(last, AHS_ERROR_CANCELLED, ""));
+  }
+  // Also one whose result is there may have workers that are late.
+  if (run != nullptr) {
+    run->Cancel();
+  }
+}
+
+void Selection::endSocketCallbacks() {
+  if (const auto under = run(); under != nullptr) {
+    under->way().close();
+  }
+}
+
+void Selection::abandon() {
+  m_client.teller->forget(*this);
+  cancel();
+  endSocketCallbacks();
+}
+
+const ahs_result* Selection::wait(uint32_t timeoutMs) {
+  const auto limit = MonotonicClock::now() + milliseconds(timeoutMs);
+  const CAutoLockT<CMonitor> guard(m_lock);
+  while (!m_isDone) {
+    if (timeoutMs == AHS_WAIT_FOREVER) {
+      m_lock.Wait();
+    } else if (MonotonicClock::now() >= limit) {
+      return nullptr;
+    } else {
+      m_lock.WaitUntil(limit);
+    }
+  }
+  return &m_result.get();
+}
+
+void Selection::AHSSelectedHost(unsigned int /*reason*/, const std::vector<std::string>& headends,
+                                long status, const std::string& extraInfo) {
+  settle(resultOf(headends, status, extraInfo));
+}
+
+/// What is known now. Without memory for that, the status alone; a success is none then.
+Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE status,
+                           const std::string& realm) noexcept {
+  const auto code = static_cast<ahs_status>(status);
+  try {
+    const bool isFromCache = status == HEADENDSELECTION_SUCCESS;
+    std::map<Place, SelectionRecord::Track> tracks;
+    CCacheEntry entry;
+    if (const auto under = run(); under != nullptr) {
+      tracks = under->tracks();
+      entry = under->entry();
+    }
+    std::vector<CHeadendRTT> measured;
+    if (ahs_is_success(code) != 0) {
+      static_cast<void>(entry.GetHeadendList(measured));
+    }
+    Result result(code, m_reason, headends, realm,
+                  collectResults(headends, m_candidates->all(), tracks, measured, isFromCache));
+    if (isFromCache) {
+      result.setFromCache(ageOf(entry));
+    }
+    return result;
+  } catch (const std::exception&) {
+    return {ahs_is_success(code) != 0 ? AHS_ERROR_OUT_OF_MEMORY : code, m_reason};
+  }
+}
+
+/// Null when its last thread has ended.
+std::shared_ptr<Selection::Run> Selection::run() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  return m_run.lock();
+}
+
+/// Makes this the result, unless there is one.
+void Selection::settle(Result&& result) {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  if (m_isDone) {
+    return;
+  }
+  m_result = std::move(result);
+  m_result.setElapsed(elapsedMs());
+  m_isDone = true;
+  m_lock.NotifyAll();
+  static_cast<ResultMessage&>(*m_resultMessage.front()).hold();
+  m_client.teller->post(m_resultMessage);
+}
+
+void Selection::noteProbe(const HttpProbe::Report& report, bool ended) {
+  const Candidate* const candidate = m_candidates->at(placeOf(report.host, report.port));
+  if (m_client.progress == nullptr || SelectionRecord::isTestProbe(report) ||
+      candidate == nullptr) {
+    return;
+  }
+  auto message = std::make_unique<ProbeMessage>(shared_from_this(), *candidate, report.address);
+  Teller::Messages messages;
+  ahs_probe& probe = message->probe;
+  probe.ended = ended ? 1 : 0;
+  probe.outcome = outcomeNumber(outcomeOfStatus(report.status));
+  probe.rtt_ms = report.rttMs;
+  probe.headend_count = static_cast<uint32_t>(m_candidates->all().size());
+  messages.push_back(std::move(message));
+
+  const CAutoLockT<CMonitor> guard(m_lock);
+  if (m_isDone) {
+    return;
+  }
+  (ended ? m_probesEnded : m_probesStarted) += 1;
+  if (ended && SelectionRecord::isSample(report.status)) {
+    m_answered.insert(candidate);
+  }
+  probe.probes_started = m_probesStarted;
+  probe.probes_ended = m_probesEnded;
+  probe.headends_answered = static_cast<uint32_t>(m_answered.size());
+  m_client.teller->post(messages);
+}
+
+uint32_t Selection::elapsedMs() const {
+  return static_cast<uint32_t>(
+      std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - m_start).count());
+}

@@ -1,0 +1,137 @@
+// Interface, source address and mark of probes. A socket that cannot be given its way is not used:
+// a probe that left by another one would measure the tunnel that it is to keep out of.
+
+#include "capi/SocketWay.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/GuardedCall.h"
+
+namespace {
+
+constexpr const char* SourceFile = "capi/SocketWay";
+
+/// Whose callback this thread is in.
+thread_local const SocketWay* asking = nullptr;
+
+std::string problem(const char* member, int error, const char* remedy) {
+  const char* const description = strerrordesc_np(error);
+  return std::string("request.") + member + ": " +
+         (description != nullptr ? description : std::to_string(error)) +
+         (error == EPERM || error == EACCES ? remedy : "");
+}
+
+}  // namespace
+
+std::string SocketWay::take(const ahs_request& request) {
+  m_mark = request.mark;
+  m_callback = request.on_socket;
+  m_context = request.socket_context;
+  m_interface = request.interface_name == nullptr ? "" : request.interface_name;
+  if (m_interface.size() >= IFNAMSIZ) {
+    return "request.interface_name is longer than a name of an interface can be";
+  }
+  if (request.source_address != nullptr && *request.source_address != '\0') {
+    addrinfo hints{};
+    // What has no colon has to be four numbers; the resolver would take fewer.
+    in_addr numbers{};
+    const bool isSix = strchr(request.source_address, ':') != nullptr;
+    hints.ai_family = isSix ? AF_INET6 : AF_INET;
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if ((!isSix && inet_pton(AF_INET, request.source_address, &numbers) != 1) ||
+        getaddrinfo(request.source_address, nullptr, &hints, &found) != 0) {
+      return "request.source_address is no IPv4 or IPv6 address";
+    }
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> address(found, freeaddrinfo);
+    memcpy(&m_source, found->ai_addr, found->ai_addrlen);
+    m_sourceLength = found->ai_addrlen;
+  }
+  if (m_mark == 0 && m_interface.empty() && m_sourceLength == 0) {
+    return "";
+  }
+  const int family = m_sourceLength != 0 ? m_source.ss_family : AF_INET;
+  const int trial = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (trial < 0) {
+    return "";  // the probes will tell
+  }
+  std::string error = apply(trial);
+  ::close(trial);
+  return error;
+}
+
+bool SocketWay::prepare(int socket, int family) {
+  if (m_sourceLength != 0 && m_source.ss_family != family) {
+    return false;
+  }
+  const std::string error = apply(socket);
+  if (!error.empty()) {
+    if (!m_hasFailed.exchange(true)) {
+      CAppLog::LogDebugMessage("prepare", SourceFile, __LINE__, Logging::DBG_Warning,
+                               "probes cannot leave as they are asked to: %s", error.c_str());
+    }
+    return false;
+  }
+  return m_callback == nullptr || ask(socket);
+}
+
+/// Asks the client. What it throws refuses the socket.
+bool SocketWay::ask(int socket) {
+  {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    if (m_isClosed) {
+      return false;
+    }
+    ++m_callbacks;
+  }
+  const SocketWay* const former = std::exchange(asking, this);
+  bool isGranted = false;
+  guardedCall([&] { isGranted = m_callback(socket, m_context) == 0; },
+              [](const char* what) {
+                CAppLog::LogDebugMessage("ask", SourceFile, __LINE__, Logging::DBG_Error,
+                                         "a callback of the client has thrown: %s", what);
+              });
+  asking = former;
+  const CAutoLockT<CMonitor> guard(m_lock);
+  --m_callbacks;
+  m_lock.NotifyAll();
+  return isGranted;
+}
+
+void SocketWay::close() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  m_isClosed = true;
+  while (m_callbacks > (asking == this ? 1U : 0U)) {
+    m_lock.Wait();
+  }
+}
+
+std::string SocketWay::apply(int socket) const {
+  if (m_mark != 0 && setsockopt(socket, SOL_SOCKET, SO_MARK, &m_mark, sizeof m_mark) != 0) {
+    return problem("mark", errno, "; it takes the capability CAP_NET_ADMIN");
+  }
+  if (!m_interface.empty() && setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, m_interface.c_str(),
+                                         static_cast<socklen_t>(m_interface.size())) != 0) {
+    return problem("interface_name", errno, "; it takes the capability CAP_NET_RAW");
+  }
+  if (m_sourceLength != 0) {
+    // The port is found when the socket connects, so that a thousand probes do not use them up.
+    const int late = 1;
+    static_cast<void>(setsockopt(socket, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof late));
+    if (bind(socket, reinterpret_cast<const sockaddr*>(&m_source), m_sourceLength) != 0) {
+      return problem("source_address", errno, "");
+    }
+  }
+  return "";
+}

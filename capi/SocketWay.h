@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "ahs/ahs.h"
+#include "vpn/include/Locks.h"
+
+/// How the sockets of a selection leave the machine.
+class SocketWay {
+ public:
+  /// Takes what a request says and tries it on a socket of its own.
+  /// @return an empty text, or which member is wrong and why.
+  std::string take(const ahs_request& request);
+
+  /// Prepares a socket, and lets the client look at it. The first failure is logged. Any thread may
+  /// call it. @return whether it may be used.
+  bool prepare(int socket, int family);
+
+  /// Lets no socket out from now on, and waits for the client's callback where it runs, except on
+  /// its own thread. Any thread may call it.
+  void close();
+
+ private:
+  std::string apply(int socket) const;
+  bool ask(int socket);
+
+  // Constant from `take` on.
+  std::string m_interface;
+  sockaddr_storage m_source{};
+  socklen_t m_sourceLength = 0;  // 0: none
+  uint32_t m_mark = 0;
+  ahs_socket_callback m_callback = nullptr;
+  void* m_context = nullptr;
+
+  std::atomic<bool> m_hasFailed{false};
+  CMonitor m_lock;  // notified of a callback's end
+  bool m_isClosed AHS_GUARDED_BY(m_lock) = false;
+  unsigned int m_callbacks AHS_GUARDED_BY(m_lock) = 0;  // that run
+};

@@ -1,0 +1,159 @@
+// What a client is told goes through one queue. Its lock is never held while the client is called,
+// and nobody logs who holds it: the log's listener posts here.
+
+#include "capi/Teller.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/GuardedCall.h"
+
+namespace {
+
+constexpr const char* SourceFile = "capi/Teller";
+
+void tellOne(Teller::Message& message) {
+  guardedCall([&message] { message.tell(); },
+              [](const char* what) {
+                CAppLog::LogDebugMessage("tell", SourceFile, __LINE__, Logging::DBG_Error,
+                                         "a callback of the client has thrown: %s", what);
+              });
+}
+
+}  // namespace
+
+Teller::Message::~Message() = default;
+
+/// Holds the teller until it is closed.
+class Teller::TellingThread : public CThread {
+ public:
+  explicit TellingThread(std::shared_ptr<Teller> teller) : m_teller(std::move(teller)) {}
+
+  STATUSCODE Run() override {
+    m_teller->serve();
+    return 0;
+  }
+
+ private:
+  const std::shared_ptr<Teller> m_teller;
+};
+
+Teller::Teller(bool byClient)
+    : m_descriptor(byClient ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1) {}
+
+Teller::~Teller() {
+  if (m_descriptor >= 0) {
+    ::close(m_descriptor);
+  }
+}
+
+std::shared_ptr<Teller> Teller::make(bool byClient, bool& isUp) {
+  std::shared_ptr<Teller> teller(new Teller(byClient));
+  if (byClient) {
+    isUp = teller->m_descriptor >= 0;
+    return teller;
+  }
+  {
+    const CAutoLockT<CMonitor> guard(teller->m_lock);
+    teller->m_isServed = true;
+  }
+  isUp = std::make_unique<TellingThread>(teller)->Start() == THREAD_SUCCESS;
+  if (!isUp) {
+    const CAutoLockT<CMonitor> guard(teller->m_lock);
+    teller->m_isServed = false;
+  }
+  return teller;
+}
+
+void Teller::post(Messages& messages) noexcept {
+  Messages dropped;  // destroyed without the lock
+  const CAutoLockT<CMonitor> guard(m_lock);
+  if (m_isClosing) {
+    dropped.swap(messages);
+    return;
+  }
+  m_queue.splice(m_queue.end(), messages);
+  m_lock.NotifyAll();
+  if (m_descriptor >= 0) {
+    eventfd_write(m_descriptor, 1);
+  }
+}
+
+void Teller::tellAll() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  if (m_thread == std::thread::id()) {
+    tellQueue();
+  }
+}
+
+void Teller::tellQueue() {
+  const std::thread::id former = std::exchange(m_thread, std::this_thread::get_id());
+  while (!m_queue.empty()) {
+    Messages one;
+    one.splice(one.begin(), m_queue, m_queue.begin());
+    Subject* const subject = one.front()->m_subject;
+    const bool isWanted = subject == nullptr || !subject->m_isForgotten;
+    if (subject != nullptr) {
+      ++subject->m_beingTold;
+    }
+    m_lock.Unlock();
+    if (isWanted) {
+      tellOne(*one.front());
+    }
+    m_lock.Lock();
+    if (subject != nullptr) {
+      --subject->m_beingTold;
+    }
+    m_lock.NotifyAll();
+    // The last holder of the subject may be the message, whose destruction takes other locks.
+    m_lock.Unlock();
+    one.clear();
+    m_lock.Lock();
+  }
+  if (m_descriptor >= 0) {
+    eventfd_t ignored = 0;
+    eventfd_read(m_descriptor, &ignored);
+  }
+  m_thread = former;
+  m_lock.NotifyAll();
+}
+
+void Teller::serve() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  while (!m_isClosing) {
+    if (m_queue.empty()) {
+      m_lock.Wait();
+    } else {
+      tellQueue();
+    }
+  }
+  // What came before the closing; inside a message all of it was told.
+  tellQueue();
+  m_isServed = false;
+  m_lock.NotifyAll();
+}
+
+void Teller::forget(Subject& subject) {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  subject.m_isForgotten = true;
+  while (subject.m_beingTold > 0 && !isMine()) {
+    m_lock.Wait();
+  }
+}
+
+void Teller::close() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  m_isClosing = true;
+  m_lock.NotifyAll();
+  if (isMine()) {
+    tellQueue();
+    return;
+  }
+  while (m_isServed || m_thread != std::thread::id()) {
+    m_lock.Wait();
+  }
+  tellQueue();
+}

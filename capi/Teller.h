@@ -1,0 +1,78 @@
+#pragma once
+
+#include <list>
+#include <memory>
+#include <thread>
+
+#include "vpn/Common/Utility/Thread.h"
+#include "vpn/include/Locks.h"
+
+/// Tells a client what happens, one message after the other: on a thread of its own, or when the
+/// client asks for it. Any thread may call anything.
+class Teller {
+ public:
+  /// Whom a message is about. The teller's lock guards it.
+  class Subject {
+   private:
+    friend class Teller;
+    int m_beingTold = 0;
+    bool m_isForgotten = false;
+  };
+
+  /// Something to be told. It is destroyed by the thread that tells it, or that drops it.
+  class Message {
+   public:
+    /// @param subject null for none; else it outlives the message.
+    explicit Message(Subject* subject) : m_subject(subject) {}
+    virtual ~Message();
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+
+    /// Calls the client. What it throws is logged and dropped.
+    virtual void tell() = 0;
+
+   private:
+    friend class Teller;
+    Subject* const m_subject;
+  };
+  /// A list, so that a message can be made in advance and takes no memory when its time has come.
+  using Messages = std::list<std::unique_ptr<Message>>;
+
+  /// @param byClient the client tells itself, with `tellAll`.
+  /// @param isUp receives whether a descriptor or a thread could be had, as it takes.
+  static std::shared_ptr<Teller> make(bool byClient, bool& isUp);
+  ~Teller();
+  Teller(const Teller&) = delete;
+  Teller& operator=(const Teller&) = delete;
+
+  /// Appends messages, which leaves `messages` empty; drops them once the teller is closed.
+  void post(Messages& messages) noexcept;
+
+  /// Tells what there is. Does nothing inside a message, and while another thread tells.
+  void tellAll();
+
+  /// Drops what is to be told about a subject from now on, and waits for a message about it that is
+  /// being told by another thread.
+  void forget(Subject& subject);
+
+  /// Tells what there is, by the one thread or the other, and nothing from then on.
+  void close();
+
+  /// Polls readable while there is something to tell; -1 where the client does not tell.
+  int descriptor() const { return m_descriptor; }
+
+ private:
+  class TellingThread;
+
+  explicit Teller(bool byClient);
+  void serve();
+  void tellQueue() AHS_REQUIRES(m_lock);
+  bool isMine() const AHS_REQUIRES(m_lock) { return m_thread == std::this_thread::get_id(); }
+
+  const int m_descriptor;
+  CMonitor m_lock;  // notified of messages, of the end of telling, and of the closing
+  Messages m_queue AHS_GUARDED_BY(m_lock);
+  std::thread::id m_thread AHS_GUARDED_BY(m_lock);  // the one that tells, while it does
+  bool m_isClosing AHS_GUARDED_BY(m_lock) = false;
+  bool m_isServed AHS_GUARDED_BY(m_lock) = false;  // by a thread of its own
+};

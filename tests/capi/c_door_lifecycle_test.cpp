@@ -1,0 +1,481 @@
+// Starts and stops of the library, and all that comes between them on many threads.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/capi/c_door_fixture.h"
+
+namespace tests {
+namespace {
+
+using testing::IsEmpty;
+using testing::SizeIs;
+
+TEST(Start, WithEqualOptionsSharesTheLibrary) {
+  const Gateway gateway;
+  Log log;
+  Library first({gateway.Address()});
+  const Library second({gateway.Address()}, {}, [&](ahs_options& options) {
+    log.Hear(options);
+    options.own_loop = 1;
+  });
+  ASSERT_EQ(second.Status(), AHS_SUCCESS) << "callbacks, contexts and own_loop do not count";
+  EXPECT_NE(first.Get(), second.Get());
+  EXPECT_EQ(selectOnce(first).status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(selectOnce(second).status, AHS_SUCCESS) << "they have one cache";
+
+  first.Stop();
+  EXPECT_EQ(selectOnce(second).status, AHS_SUCCESS) << "it goes on";
+  ahs_dispatch(second.Get());
+  EXPECT_THAT(log.All(), testing::Not(IsEmpty()));
+}
+
+TEST(Start, SharesWithOneWhoseFirstHandleIsStoppedOnly) {
+  Library first({});
+  const Library second({});
+  first.Stop();
+  EXPECT_EQ(Library({}).Status(), AHS_SUCCESS);
+  EXPECT_EQ(Library({"127.0.0.1"}).Status(), AHS_ERROR_ALREADY_STARTED);
+}
+
+TEST(Start, OfASharedLibraryHasSelectionsOfItsOwn) {
+  Gateway gateway(Gateway::silent());
+  Client cancelled;
+  Client other;
+  Library first({gateway.Address()});
+  const Library second({gateway.Address()});
+  const Selection one(first, cancelled);
+  const Selection two(second, other);
+  ASSERT_TRUE(gateway.WaitUntilAsked(2));
+  first.Stop();
+  EXPECT_EQ(cancelled.Status(), AHS_ERROR_CANCELLED);
+  ASSERT_TRUE(gateway.WaitUntilLeft());
+  gateway.Answer(UINT_MAX);
+  EXPECT_EQ(two.Wait().status, AHS_ADDED_TO_CACHE);
+}
+
+/// A member of the options that differs.
+struct Difference {
+  const char* name;
+  void (*change)(ahs_options&);
+
+  friend void PrintTo(const Difference& difference, std::ostream* out) { *out << difference.name; }
+};
+
+class StartWithOther : public testing::TestWithParam<Difference> {};
+
+constexpr ahs_headend OtherHeadend[] = {{"other", "127.0.0.1:1"}};
+constexpr ahs_preference OtherPreference[] = {{"SelectionImprovement", "21"}};
+
+INSTANTIATE_TEST_SUITE_P(
+    Start, StartWithOther,
+    testing::Values(
+        Difference{"ProfileDirectory", [](ahs_options& o) { o.profile_directory = "/nowhere"; }},
+        Difference{"UserPreferences", [](ahs_options& o) { o.user_preferences_file = "/nowhere"; }},
+        Difference{"GlobalPreferences",
+                   [](ahs_options& o) { o.global_preferences_file = "/nowhere"; }},
+        Difference{"Headends",
+                   [](ahs_options& o) {
+                     o.headends = OtherHeadend;
+                     o.headend_count = 1;
+                   }},
+        Difference{"Preferences",
+                   [](ahs_options& o) {
+                     o.preferences = OtherPreference;
+                     o.preference_count = 1;
+                   }},
+        Difference{"Proxy", [](ahs_options& o) { o.proxy = "127.0.0.1:1"; }},
+        Difference{"NoProxyOfItsOwn", [](ahs_options& o) { o.proxy = nullptr; }},
+        Difference{"CacheFile", [](ahs_options& o) { o.cache_file = "/nowhere/cache"; }},
+        Difference{"LogFile", [](ahs_options& o) { o.log_file = "/nowhere/log"; }},
+        Difference{"LogLevel", [](ahs_options& o) { o.log_level = AHS_LOG_ERROR; }}),
+    [](const auto& instance) { return instance.param.name; });
+
+TEST_P(StartWithOther, IsRefusedAndTheFirstGoesOn) {
+  const Gateway gateway;
+  const Library first({gateway.Address()});
+  const Library second({gateway.Address()}, {}, GetParam().change);
+  EXPECT_EQ(second.Status(), AHS_ERROR_ALREADY_STARTED);
+  EXPECT_STRNE(ahs_error_text(), "");
+  EXPECT_EQ(selectOnce(first).status, AHS_ADDED_TO_CACHE);
+}
+
+TEST(Start, IsPossibleAgainRightAfterTheStopThatEndedSelections) {
+  constexpr int Rounds = 20;
+  for (int round = 0; round < Rounds; ++round) {
+    Gateway gateway(Gateway::silent());
+    Client client;
+    Library library({gateway.Address()});
+    ASSERT_EQ(library.Status(), AHS_SUCCESS) << ahs_error_text();
+    const Selection selection(library, client);
+    if (round % 2 == 0) {
+      ASSERT_TRUE(gateway.WaitUntilAsked());
+    }
+    library.Stop();
+  }
+}
+
+TEST(Start, IsPossibleAgainWhileASelectionOfTheFormerLibraryIsKept) {
+  const Gateway gateway;
+  Client client;
+  Library former({gateway.Address()});
+  const Selection selection(former, client);
+  ASSERT_EQ(selection.Wait().status, AHS_ADDED_TO_CACHE);
+  former.Stop();
+  const Library other({});
+  ASSERT_EQ(other.Status(), AHS_SUCCESS) << ahs_error_text();
+  EXPECT_EQ(selectOnce(other).status, AHS_ERROR_NO_HEADENDS);
+  const Result kept = selection.Wait();
+  EXPECT_THAT(kept.headends, testing::ElementsAre(gateway.Address()));
+  EXPECT_EQ(kept.Of(gateway.Address()).headend, gateway.Address());
+}
+
+TEST(Callbacks, ComeOneAtATimeOnOneThreadThatIsNotTheClients) {
+  constexpr int Selections = 4;
+  const Gateway gateway;
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlap{false};
+  std::mutex mutex;
+  std::vector<std::thread::id> threads;
+  const auto enter = [&] {
+    if (++inside != 1) {
+      overlap = true;
+    }
+    {
+      const std::lock_guard<std::mutex> guard(mutex);
+      threads.push_back(std::this_thread::get_id());
+    }
+    std::this_thread::yield();
+    --inside;
+  };
+  struct Context {
+    std::function<void()> enter;
+  } context{enter};
+  Client clients[Selections];
+  {
+    const Library library({gateway.Address()}, {}, [&](ahs_options& options) {
+      options.on_log = [](const ahs_log_message*, void* c) { static_cast<Context*>(c)->enter(); };
+      options.log_context = &context;
+    });
+    std::vector<std::unique_ptr<Selection>> selections;
+    for (Client& client : clients) {
+      client.atResult = [&](ahs_selection*) { enter(); };
+      client.atProbe = [&](const ahs_probe&, ahs_selection*) { enter(); };
+      selections.push_back(std::make_unique<Selection>(library, client));
+    }
+    for (Client& client : clients) {
+      EXPECT_TRUE(client.WaitUntilTold());
+    }
+  }
+  EXPECT_FALSE(overlap);
+  ASSERT_THAT(threads, testing::Not(IsEmpty()));
+  EXPECT_NE(threads.front(), std::this_thread::get_id());
+  EXPECT_THAT(threads, testing::Each(threads.front()));
+}
+
+TEST(Callbacks, ThatTakeLongHoldUpNoMeasurement) {
+  Gateway gateway;
+  Signal mayReturn;
+  Client client;
+  client.atProbe = [&](const ahs_probe&, ahs_selection*) { mayReturn.Wait(); };
+  const Library library({gateway.Address()}, {{"SelectionPingsPerHeadend", "3"}});
+  const Selection selection(library, client);
+  EXPECT_TRUE(gateway.WaitUntilAsked(3));
+  EXPECT_EQ(selection.Wait().status, AHS_ADDED_TO_CACHE);
+  EXPECT_THAT(client.Results(), IsEmpty());
+  mayReturn.Give();
+  EXPECT_TRUE(client.WaitUntilTold());
+}
+
+TEST(Callbacks, MayStartASelection) {
+  const Gateway gateway;
+  Client inner;
+  Client outer;
+  const Library library({gateway.Address()});
+  outer.atResult = [&](ahs_selection*) {
+    EXPECT_EQ(ahs_select(library.Get(), nullptr, Client::OnResult, &inner, &inner.selection),
+              AHS_SUCCESS);
+    EXPECT_NE(ahs_wait(inner.selection, AHS_WAIT_FOREVER), nullptr);
+  };
+  const Selection selection(library, outer);
+  EXPECT_TRUE(inner.WaitUntilTold());
+  EXPECT_EQ(inner.Status(), AHS_SUCCESS);
+  ahs_free(inner.selection);
+}
+
+TEST(Callbacks, FindTheHandleSet) {
+  constexpr int Rounds = 50;
+  const Library library({});
+  for (int round = 0; round < Rounds; ++round) {
+    Client client;
+    ahs_selection* told = nullptr;
+    client.atResult = [&](ahs_selection* handle) { told = handle; };
+    Selection selection(library, client);
+    const ahs_selection* const handle = selection.Get();
+    ASSERT_TRUE(client.WaitUntilTold());
+    selection.Free();  // the callback has returned
+    ASSERT_EQ(told, handle);
+  }
+}
+
+/// Where a client's callback throws.
+struct Throwing {
+  const char* name;
+  void (*set)(Client&, ahs_options&);
+
+  friend void PrintTo(const Throwing& throwing, std::ostream* out) { *out << throwing.name; }
+};
+
+class ThrowingCallback : public testing::TestWithParam<Throwing> {};
+
+INSTANTIATE_TEST_SUITE_P(Callbacks, ThrowingCallback,
+                         testing::Values(Throwing{"AtTheResult",
+                                                  [](Client& client, ahs_options&) {
+                                                    client.atResult = [](ahs_selection*) {
+                                                      throw std::runtime_error("no");
+                                                    };
+                                                  }},
+                                         Throwing{"AtAProbe",
+                                                  [](Client& client, ahs_options&) {
+                                                    client.atProbe = [](const ahs_probe&,
+                                                                        ahs_selection*) {
+                                                      throw 4711;
+                                                    };
+                                                  }},
+                                         Throwing{"AtALogMessage",
+                                                  [](Client&, ahs_options& options) {
+                                                    options.on_log = [](const ahs_log_message*,
+                                                                        void*) { throw 4711; };
+                                                  }}),
+                         [](const auto& instance) { return instance.param.name; });
+
+TEST_P(ThrowingCallback, HarmsNothing) {
+  const Gateway gateway;
+  Client bad;
+  Library library({gateway.Address()}, {},
+                  [&](ahs_options& options) { GetParam().set(bad, options); });
+  const Selection selection(library, bad);
+  EXPECT_EQ(selection.Wait().status, AHS_ADDED_TO_CACHE);
+  EXPECT_TRUE(bad.WaitUntilTold());
+  EXPECT_EQ(selectOnce(library).status, AHS_SUCCESS);
+  library.Stop();
+  EXPECT_EQ(bad.Status(), AHS_ADDED_TO_CACHE);
+}
+
+TEST(Threads, MayAllUseALibraryAtOnce) {
+  constexpr int Threads = 4;
+  constexpr int Rounds = 20;
+  const Gateway gateway;
+  const Library library({gateway.Address()});
+  std::atomic<int> wrong{0};
+  const auto work = [&](int number) {
+    for (int round = 0; round < Rounds; ++round) {
+      Client client;
+      Selection selection(library, client);
+      if ((number + round) % 3 == 0) {
+        ahs_cancel(selection.Get());
+      }
+      if ((number + round) % 3 == 1) {
+        wrong += selection.Free() == AHS_SUCCESS ? 0 : 1;
+        continue;
+      }
+      const ahs_status status = selection.Wait().status;
+      const ahs_problem* const* problems = nullptr;
+      wrong += ahs_is_success(status) != 0 || status == AHS_ERROR_CANCELLED ? 0 : 1;
+      wrong += ahs_problems(library.Get(), &problems) == 0 ? 0 : 1;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < Threads; ++i) {
+    threads.emplace_back(work, i);
+  }
+  std::ranges::for_each(threads, &std::thread::join);
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(Threads, MayStartAndStopAtOnce) {
+  constexpr int Threads = 4;
+  constexpr int Rounds = 20;
+  const Gateway gateway;
+  std::atomic<int> wrong{0};
+  const auto work = [&] {
+    for (int round = 0; round < Rounds; ++round) {
+      Client client;
+      Library library({gateway.Address()});
+      const Selection selection(library, client);
+      library.Stop();
+      const ahs_status status = client.Status();
+      wrong += ahs_is_success(status) != 0 || status == AHS_ERROR_CANCELLED ? 0 : 1;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < Threads; ++i) {
+    threads.emplace_back(work);
+  }
+  std::ranges::for_each(threads, &std::thread::join);
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(Threads, HaveErrorTextsOfTheirOwn) {
+  EXPECT_EQ(ahs_cancel(nullptr), AHS_ERROR_BAD_PARAMETER);
+  EXPECT_STRNE(ahs_error_text(), "");
+  std::thread([] { EXPECT_STREQ(ahs_error_text(), "") << "nothing has failed here"; }).join();
+}
+
+/// A library whose callbacks come when it is told to make them.
+class OwnLoop : public testing::Test {
+ protected:
+  bool HasSomethingToTell(int timeoutMs) const {
+    pollfd entry{ahs_descriptor(m_library.Get()), POLLIN, 0};
+    return poll(&entry, 1, timeoutMs) == 1;
+  }
+
+  bool WaitUntilSomethingIsDue() const {
+    return HasSomethingToTell(std::chrono::milliseconds(Limit).count());
+  }
+
+  Gateway m_gateway{Gateway::silent()};
+  Client m_client;
+  Library m_library{{m_gateway.Address()}, {}, [](ahs_options& options) { options.own_loop = 1; }};
+};
+
+TEST_F(OwnLoop, TellsInsideTheDispatchAndNowhereElse) {
+  EXPECT_FALSE(HasSomethingToTell(0));
+  EXPECT_EQ(ahs_dispatch(m_library.Get()), AHS_SUCCESS) << "it does not wait";
+  std::thread::id thread;
+  m_client.atResult = [&](ahs_selection*) { thread = std::this_thread::get_id(); };
+  const Selection selection(m_library, m_client);
+  ASSERT_TRUE(m_gateway.WaitUntilAsked());
+  m_gateway.Answer(UINT_MAX);
+  EXPECT_EQ(selection.Wait().status, AHS_ADDED_TO_CACHE) << "the wait needs no dispatch";
+  EXPECT_TRUE(WaitUntilSomethingIsDue());
+  EXPECT_THAT(m_client.Results(), IsEmpty());
+  EXPECT_THAT(m_client.Probes(), IsEmpty());
+
+  EXPECT_EQ(ahs_dispatch(m_library.Get()), AHS_SUCCESS);
+  EXPECT_EQ(m_client.Status(), AHS_ADDED_TO_CACHE);
+  EXPECT_THAT(m_client.Probes(), SizeIs(2));
+  EXPECT_EQ(thread, std::this_thread::get_id());
+  EXPECT_FALSE(HasSomethingToTell(0));
+}
+
+TEST_F(OwnLoop, PollsReadableForAResultAlone) {
+  const Selection selection(m_library, m_client,
+                            [](ahs_request& request) { request.on_progress = nullptr; });
+  ASSERT_TRUE(m_gateway.WaitUntilAsked());
+  EXPECT_FALSE(HasSomethingToTell(0));
+  ahs_cancel(selection.Get());
+  EXPECT_TRUE(HasSomethingToTell(0)) << "the result is there when the call returns";
+  ahs_dispatch(m_library.Get());
+  EXPECT_EQ(m_client.Status(), AHS_ERROR_CANCELLED);
+}
+
+TEST_F(OwnLoop, TellsAResultThatWasThereBeforeTheCancel) {
+  const Selection selection(m_library, m_client);
+  m_gateway.Answer(UINT_MAX);
+  selection.Wait();
+  ahs_cancel(selection.Get());
+  ahs_dispatch(m_library.Get());
+  EXPECT_EQ(m_client.Status(), AHS_ADDED_TO_CACHE);
+}
+
+TEST_F(OwnLoop, TellsNothingOfASelectionThatWasGivenBack) {
+  Selection selection(m_library, m_client);
+  ASSERT_TRUE(m_gateway.WaitUntilAsked());
+  ahs_cancel(selection.Get());
+  selection.Free();
+  ahs_dispatch(m_library.Get());
+  EXPECT_THAT(m_client.Results(), IsEmpty());
+  EXPECT_THAT(m_client.Probes(), IsEmpty());
+}
+
+TEST_F(OwnLoop, DispatchInsideACallbackDoesNothing) {
+  Client second;
+  m_client.atResult = [&](ahs_selection*) {
+    EXPECT_EQ(ahs_dispatch(m_library.Get()), AHS_SUCCESS);
+    EXPECT_THAT(second.Results(), IsEmpty());
+  };
+  const Selection one(m_library, m_client);
+  const Selection two(m_library, second);
+  ahs_cancel(one.Get());
+  ahs_cancel(two.Get());
+  ahs_dispatch(m_library.Get());
+  EXPECT_EQ(m_client.Status(), AHS_ERROR_CANCELLED);
+  EXPECT_EQ(second.Status(), AHS_ERROR_CANCELLED) << "it goes on until there are none";
+}
+
+TEST_F(OwnLoop, DispatchWhileAnotherThreadIsInItDoesNothing) {
+  Client second;
+  Signal entered;
+  Signal mayReturn;
+  m_client.atResult = [&](ahs_selection*) {
+    entered.Give();
+    mayReturn.Wait();
+  };
+  const Selection one(m_library, m_client);
+  const Selection two(m_library, second);
+  ahs_cancel(one.Get());
+  ahs_cancel(two.Get());
+  std::thread other([this] { ahs_dispatch(m_library.Get()); });
+  ASSERT_TRUE(entered.Wait());
+  EXPECT_EQ(ahs_dispatch(m_library.Get()), AHS_SUCCESS);
+  EXPECT_THAT(second.Results(), IsEmpty());
+  mayReturn.Give();
+  other.join();
+  EXPECT_EQ(second.Status(), AHS_ERROR_CANCELLED);
+}
+
+TEST_F(OwnLoop, StopTellsWhatIsDueOnItsThread) {
+  std::thread::id thread;
+  m_client.atResult = [&](ahs_selection*) { thread = std::this_thread::get_id(); };
+  const Selection selection(m_library, m_client);
+  ASSERT_TRUE(m_gateway.WaitUntilAsked());
+  const int descriptor = ahs_descriptor(m_library.Get());
+  EXPECT_GE(fcntl(descriptor, F_GETFD), 0);
+  m_library.Stop();
+  EXPECT_EQ(m_client.Status(), AHS_ERROR_CANCELLED);
+  EXPECT_EQ(thread, std::this_thread::get_id());
+}
+
+TEST_F(OwnLoop, DispatchMayStopTheLibrary) {
+  m_client.atResult = [this](ahs_selection*) { m_library.Stop(); };
+  const Selection selection(m_library, m_client);
+  ahs_library* const library = m_library.Get();
+  ahs_cancel(selection.Get());
+  ahs_dispatch(library);
+  EXPECT_EQ(m_client.Status(), AHS_ERROR_CANCELLED);
+  EXPECT_EQ(ahs_dispatch(library), AHS_ERROR_BAD_PARAMETER);
+}
+
+TEST(OwnLoopsDescriptor, IsClosedByTheStop) {
+  Library library({}, {}, [](ahs_options& options) { options.own_loop = 1; });
+  const int descriptor = ahs_descriptor(library.Get());
+  ASSERT_GE(fcntl(descriptor, F_GETFD), 0);
+  library.Stop();
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST(WithoutAnOwnLoop, ThereIsNoDescriptorAndNoDispatch) {
+  const Library library({});
+  EXPECT_EQ(ahs_descriptor(library.Get()), -1);
+  EXPECT_EQ(ahs_dispatch(library.Get()), AHS_ERROR_BAD_PARAMETER);
+}
+
+}  // namespace
+}  // namespace tests

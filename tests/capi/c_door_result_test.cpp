@@ -1,0 +1,404 @@
+// What a client is told: the result with every headend, each probe on its way, the log.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/capi/c_door_fixture.h"
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TestAuthority.h"
+
+namespace tests {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::Field;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+/// Further away than a busy machine makes the nearest one.
+constexpr milliseconds Far{1000};
+
+/// One that answers so late every time.
+Gateway::Settings after(milliseconds delay) {
+  Gateway::Settings settings;
+  settings.delays.assign(100, delay);
+  return settings;
+}
+
+testing::Matcher<Candidate> without(ahs_outcome outcome) {
+  return AllOf(Field(&Candidate::outcome, std::uint32_t{outcome}),
+               Field(&Candidate::metric, AHS_NO_METRIC), Field(&Candidate::samples, IsEmpty()));
+}
+
+TEST(Result, HasTheHeadendsThatAnsweredBestFirstAndThenTheOthers) {
+  const Gateway near;
+  const Gateway far(after(Far));
+  Gateway::Settings talksOtherwise = after(2 * Far);
+  talksOtherwise.answer = "SSH-2.0-hello\r\n";
+  const Gateway notHttp(talksOtherwise);
+  const RefusingPort refuses("127.0.0.1");
+  const SilentListener silent("127.0.0.1");
+  const Library library({silent.Where().Text(), notHttp.Address(), refuses.Where().Text(),
+                         far.Address(), near.Address()},
+                        {{"RoundTripTime", "response"}, {"SelectionPingTimeout", "4000"}});
+  const Result result = selectOnce(library);
+
+  EXPECT_EQ(result.status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(result.reason, std::uint32_t{AHS_REASON_RECONNECTION});
+  EXPECT_THAT(result.headends, ElementsAre(near.Address(), far.Address(), notHttp.Address()));
+  ASSERT_THAT(result.candidates, SizeIs(5));
+  for (std::size_t i = 0; i < result.headends.size(); ++i) {
+    const Candidate& candidate = result.candidates[i];
+    EXPECT_EQ(candidate.name, result.headends[i]);
+    EXPECT_EQ(candidate.headend, result.headends[i]);
+    EXPECT_EQ(candidate.address, "127.0.0.1");
+    EXPECT_THAT(candidate.samples, SizeIs(1));
+    EXPECT_EQ(candidate.outcome,
+              std::uint32_t{i == 2 ? AHS_OUTCOME_NOT_HTTP : AHS_OUTCOME_ANSWERED});
+  }
+  EXPECT_GE(result.candidates[1].metric, Far.count());
+  EXPECT_THAT(result.Of(refuses.Where().Text()), without(AHS_OUTCOME_CANNOT_CONNECT));
+  EXPECT_THAT(result.Of(silent.Where().Text()), without(AHS_OUTCOME_TIMED_OUT));
+  EXPECT_FALSE(result.fromCache);
+  EXPECT_EQ(result.cacheAge, -1);
+  EXPECT_EQ(result.realm, "");
+}
+
+TEST(Result, OfTwoNamesForOneAddressHasACandidateForEachOfItsHeadends) {
+  const Gateway gateway;
+  const std::string address = gateway.Address();
+  const ahs_headend headends[] = {{"Oslo", address.c_str()}, {"Bergen", address.c_str()}};
+  const Library library({}, {}, [&](ahs_options& options) {
+    options.headends = headends;
+    options.headend_count = std::size(headends);
+  });
+  const Result result = selectOnce(library);
+  ASSERT_GE(result.candidates.size(), result.headends.size());
+  for (std::size_t i = 0; i < result.headends.size(); ++i) {
+    EXPECT_EQ(result.candidates[i].headend, result.headends[i]);
+  }
+}
+
+TEST(Result, MetricIsTheSmallestOfTheSamplesWhichStandInTheirOrder) {
+  Gateway::Settings settings;
+  settings.delays = {Far, milliseconds(20)};
+  const Gateway gateway(settings);
+  const Library library({gateway.Address()},
+                        {{"RoundTripTime", "response"}, {"SelectionPingsPerHeadend", "2"}});
+  const Candidate candidate = selectOnce(library).Of(gateway.Address());
+  ASSERT_THAT(candidate.samples, SizeIs(2));
+  EXPECT_GT(candidate.samples[0], candidate.samples[1]);
+  EXPECT_EQ(candidate.metric, candidate.samples[1]);
+}
+
+TEST(Result, SaysOfACertificateThatIsNotTrusted) {
+  const TestAuthority authority;
+  const ScriptedServer server(
+      answeringOverTls(TlsServerContext(authority.issue()), "HTTP/1.1 200 OK\r\n\r\n"));
+  const std::string address = "127.0.0.1:" + std::to_string(server.port());
+  const Library library({address});
+  const Result result = selectOnce(library, [](ahs_request& request) {
+    request.proxy_user = "anna";  // with one, probes go over TLS
+    request.proxy_password = "";
+  });
+  EXPECT_THAT(result.headends, ElementsAre(address));
+  EXPECT_EQ(result.Of(address).outcome, std::uint32_t{AHS_OUTCOME_UNTRUSTED_CERTIFICATE});
+  EXPECT_NE(result.Of(address).metric, AHS_NO_METRIC);
+}
+
+TEST(Result, SaysOfANameThatIsNotResolved) {
+  // Too long a label for a name server to be asked.
+  const std::string name = std::string(64, 'x') + ".example";
+  const Library library({name});
+  const Result result = selectOnce(library);
+  EXPECT_EQ(result.status, AHS_ERROR_SELECTION_FAILURE);
+  EXPECT_THAT(result.Of(name), without(AHS_OUTCOME_NAME_NOT_RESOLVED));
+}
+
+TEST(Result, OfASecondSelectionComesFromTheCache) {
+  const Gateway gateway;
+  const RefusingPort refuses("127.0.0.1");
+  const Library library({gateway.Address(), refuses.Where().Text()});
+  const Result first = selectOnce(library);
+  const Result second = selectOnce(library);
+
+  EXPECT_EQ(second.status, AHS_SUCCESS);
+  EXPECT_TRUE(second.fromCache);
+  EXPECT_GE(second.cacheAge, 0);
+  EXPECT_LE(second.cacheAge, Limit.count());
+  EXPECT_EQ(second.headends, first.headends);
+  const Candidate remembered = second.Of(gateway.Address());
+  EXPECT_EQ(remembered.outcome, std::uint32_t{AHS_OUTCOME_FROM_CACHE});
+  EXPECT_EQ(remembered.metric, first.Of(gateway.Address()).metric);
+  EXPECT_EQ(remembered.address, "") << "it was not measured now";
+  EXPECT_THAT(remembered.samples, IsEmpty());
+  EXPECT_THAT(second.Of(refuses.Where().Text()), without(AHS_OUTCOME_NOT_IN_CACHE));
+}
+
+TEST(Result, AtTheTimeLimitHasWhatWasFoundOutUntilThen) {
+  Gateway silent(Gateway::silent());
+  Gateway::Settings once = Gateway::silent();
+  once.answers = 1;
+  Gateway unfinished(once);
+  const Gateway done;
+  Client client;
+  Library library({silent.Address(), unfinished.Address(), done.Address()},
+                  {{"SelectionReconnectTimeout", "3000"}, {"SelectionPingsPerHeadend", "2"}});
+  const Selection selection(library, client);
+  const Result result = selection.Wait();
+  silent.Answer(UINT_MAX);
+  unfinished.Answer(UINT_MAX);
+
+  EXPECT_EQ(result.status, AHS_ADDED_TO_CACHE);
+  EXPECT_THAT(result.headends, ElementsAre(done.Address()));
+  EXPECT_THAT(result.Of(silent.Address()), without(AHS_OUTCOME_NO_ANSWER_IN_TIME));
+  const Candidate half = result.Of(unfinished.Address());
+  EXPECT_EQ(half.outcome, std::uint32_t{AHS_OUTCOME_NOT_FINISHED_IN_TIME});
+  EXPECT_EQ(half.metric, AHS_NO_METRIC);
+  EXPECT_THAT(half.samples, SizeIs(1));
+  library.Stop();
+  EXPECT_EQ(client.Status(), AHS_ADDED_TO_CACHE);
+  EXPECT_THAT(client.Probes(), Each(Field(&Probe::afterResult, false)));
+}
+
+TEST(Result, OfASelectionThatMeasuredNothingIsAFailureWithoutHeadends) {
+  const RefusingPort refuses("127.0.0.1");
+  const Library library({refuses.Where().Text()});
+  for (const ahs_reason reason : {AHS_REASON_CONNECTION, AHS_REASON_RECONNECTION}) {
+    const Result result =
+        selectOnce(library, [&](ahs_request& request) { request.reason = reason; });
+    EXPECT_EQ(result.status, AHS_ERROR_SELECTION_FAILURE);
+    EXPECT_THAT(result.headends, IsEmpty()) << "none was used last; reason " << reason;
+    EXPECT_THAT(result.candidates, ElementsAre(without(AHS_OUTCOME_CANNOT_CONNECT)));
+  }
+}
+
+TEST(Result, OfALibraryWithoutHeadendsSaysSo) {
+  const Library library({});
+  const Result result = selectOnce(library);
+  EXPECT_EQ(result.status, AHS_ERROR_NO_HEADENDS);
+  EXPECT_THAT(result.headends, IsEmpty());
+  EXPECT_THAT(result.candidates, IsEmpty());
+}
+
+TEST(Result, TellsHowLongItTook) {
+  using Clock = std::chrono::steady_clock;
+  Gateway gateway(Gateway::silent());
+  Client client;
+  const Library library({gateway.Address()});
+  const Clock::time_point before = Clock::now();
+  const Selection selection(library, client);
+  const Clock::time_point started = Clock::now();
+  std::this_thread::sleep_for(milliseconds(50));
+  const Clock::time_point released = Clock::now();
+  gateway.Answer(UINT_MAX);
+  const milliseconds elapsed(selection.Wait().elapsedMs);
+  constexpr milliseconds Rounding{1};
+  EXPECT_GE(elapsed + Rounding, released - started);
+  EXPECT_LE(elapsed - Rounding, Clock::now() - before);
+}
+
+TEST(Result, IsThereAfterTheWaitAndNotBefore) {
+  Gateway gateway(Gateway::silent());
+  Client client;
+  const Library library({gateway.Address()});
+  const Selection selection(library, client);
+  ASSERT_TRUE(gateway.WaitUntilAsked());
+  EXPECT_EQ(ahs_wait(selection.Get(), 0), nullptr);
+  EXPECT_EQ(ahs_wait(selection.Get(), 20), nullptr);
+  gateway.Answer(UINT_MAX);
+  EXPECT_NE(ahs_wait(selection.Get(), AHS_WAIT_FOREVER), nullptr);
+  EXPECT_NE(ahs_wait(selection.Get(), 0), nullptr);
+  EXPECT_TRUE(client.WaitUntilTold());
+  EXPECT_EQ(client.Results().front().headends, selection.Wait().headends);
+}
+
+TEST(Result, IsThereForAClientWithoutACallback) {
+  const Library library({});
+  ahs_selection* selection = nullptr;
+  ASSERT_EQ(ahs_select(library.Get(), nullptr, ahs_no_callback, nullptr, &selection), AHS_SUCCESS);
+  const ahs_result* const result = ahs_wait(selection, AHS_WAIT_FOREVER);
+  ASSERT_NE(result, nullptr);
+  EXPECT_EQ(result->reason, std::uint32_t{AHS_REASON_CONNECTION});
+  EXPECT_EQ(ahs_free(selection), AHS_SUCCESS);
+}
+
+TEST(Progress, TellsTheStartAndTheEndOfEveryProbeInOrder) {
+  const Gateway gateway;
+  Client client;
+  Library library({gateway.Address()}, {{"SelectionPingsPerHeadend", "3"}});
+  const Selection selection(library, client);
+  const Result result = selection.Wait();
+  library.Stop();
+
+  const std::vector<Probe> probes = client.Probes();
+  ASSERT_THAT(probes, SizeIs(6));
+  for (std::size_t i = 0; i < probes.size(); ++i) {
+    const Probe& probe = probes[i];
+    EXPECT_EQ(probe.name, gateway.Address());
+    EXPECT_EQ(probe.headend, gateway.Address());
+    EXPECT_EQ(probe.ended, i % 2 == 1);
+    EXPECT_EQ(probe.probesStarted, i / 2 + 1);
+    EXPECT_EQ(probe.probesEnded, (i + 1) / 2);
+    EXPECT_EQ(probe.headendCount, 1U);
+    EXPECT_FALSE(probe.afterResult);
+    if (probe.ended) {
+      EXPECT_EQ(probe.outcome, std::uint32_t{AHS_OUTCOME_ANSWERED});
+      EXPECT_EQ(probe.address, "127.0.0.1");
+      EXPECT_EQ(probe.rttMs, result.candidates.at(0).samples.at(i / 2));
+    }
+  }
+  EXPECT_EQ(probes.front().headendsAnswered, 0U);
+  EXPECT_EQ(probes.back().headendsAnswered, 1U);
+}
+
+TEST(Progress, CountsTheProbesOfAllHeadends) {
+  const Gateway gateways[3];
+  const RefusingPort refuses("127.0.0.1");
+  Client client;
+  Library library(
+      {gateways[0].Address(), gateways[1].Address(), gateways[2].Address(), refuses.Where().Text()},
+      {{"SelectionPingsPerHeadend", "2"}});
+  const Selection selection(library, client);
+  selection.Wait();
+  library.Stop();
+
+  const std::vector<Probe> probes = client.Probes();
+  ASSERT_THAT(probes, SizeIs(16));
+  Probe before;
+  for (const Probe& probe : probes) {
+    EXPECT_EQ(probe.probesStarted, before.probesStarted + (probe.ended ? 0 : 1));
+    EXPECT_EQ(probe.probesEnded, before.probesEnded + (probe.ended ? 1 : 0));
+    EXPECT_GE(probe.headendsAnswered, before.headendsAnswered);
+    EXPECT_EQ(probe.headendCount, 4U);
+    before = probe;
+    if (probe.ended && probe.name == refuses.Where().Text()) {
+      EXPECT_EQ(probe.outcome, std::uint32_t{AHS_OUTCOME_CANNOT_CONNECT});
+      EXPECT_EQ(probe.address, "");
+      EXPECT_EQ(probe.rttMs, 0U);
+    }
+  }
+  EXPECT_EQ(before.probesEnded, 8U);
+  EXPECT_EQ(before.headendsAnswered, 3U);
+}
+
+TEST(Progress, OfTwoSelectionsAtOnceIsToldToEachItsOwn) {
+  Gateway gateway(Gateway::silent());
+  Client clients[2];
+  Library library({gateway.Address()}, {{"SelectionPingsPerHeadend", "2"}});
+  const Selection one(library, clients[0]);
+  const Selection two(library, clients[1]);
+  ASSERT_TRUE(gateway.WaitUntilAsked(2));
+  gateway.Answer(UINT_MAX);
+  one.Wait();
+  two.Wait();
+  library.Stop();
+  for (const Client& client : clients) {
+    ASSERT_THAT(client.Probes(), SizeIs(4));
+    EXPECT_EQ(client.Probes().back().probesEnded, 2U);
+    EXPECT_THAT(client.Results().front().Of(gateway.Address()).samples, SizeIs(2));
+  }
+}
+
+TEST(Log, TellsTheMessagesOfASelection) {
+  const Gateway gateway;
+  Log log;
+  Library library({gateway.Address()}, {}, [&](ahs_options& options) { log.Hear(options); });
+  selectOnce(library);
+  library.Stop();
+  EXPECT_THAT(log.All(), Contains(AllOf(Field(&Log::Message::level, std::uint32_t{AHS_LOG_INFO}),
+                                        Field(&Log::Message::text, HasSubstr(gateway.Address())),
+                                        Field(&Log::Message::function, Not(IsEmpty())))));
+  EXPECT_THAT(log.All(), Each(Field(&Log::Message::lost, 0U)));
+}
+
+TEST(Log, LeavesOutWhatMattersLessThanItsLevel) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.File("ahs.log");
+  const RefusingPort refuses("127.0.0.1");
+  const Gateway gateway;
+  for (const ahs_log_level level : {AHS_LOG_ERROR, AHS_LOG_WARNING, AHS_LOG_INFO}) {
+    Log log;
+    Library library({refuses.Where().Text(), gateway.Address()}, {}, [&](ahs_options& options) {
+      log.Hear(options);
+      options.log_level = level;
+      options.log_file = file.c_str();
+    });
+    selectOnce(library);
+    library.Stop();
+    const auto isAllowed = Field(&Log::Message::level, testing::Le(std::uint32_t{level}));
+    EXPECT_THAT(log.All(), Each(isAllowed));
+    const auto says = Contains(Field(&Log::Message::level, std::uint32_t{level}));
+    EXPECT_THAT(log.All(), testing::Conditional(level == AHS_LOG_ERROR, IsEmpty(), says));
+    EXPECT_EQ(readFile(file).find("couldn't connect") != std::string::npos, level != AHS_LOG_ERROR);
+    EXPECT_EQ(readFile(file).find("Selection Results") != std::string::npos, level == AHS_LOG_INFO);
+  }
+}
+
+TEST(Log, TellsWhatWasWrittenByStrangersEscaped) {
+  const TemporaryDirectory directory;
+  directory.Write("a.xml", "<profile version=\"1\"><oops\xC2\x85/></profile>");
+  const std::string profiles = directory.Path();
+  Log log;
+  Library library({}, {}, [&](ahs_options& options) {
+    log.Hear(options);
+    options.profile_directory = profiles.c_str();
+  });
+  library.Stop();
+  EXPECT_THAT(log.All(), Contains(Field(&Log::Message::text, HasSubstr("a.xml"))));
+  EXPECT_THAT(log.All(), Each(Field(&Log::Message::text, Not(HasSubstr("\xC2\x85")))));
+}
+
+// Names that need no name server (RFC 6761), long ones, so that each report of a selection is long.
+TEST(Log, CountsWhatIsLostWhileNobodyListens) {
+  constexpr std::size_t More = std::size_t{5} * 1024 * 1024;
+  constexpr int Headends = 100;
+  const Gateway gateway;
+  std::vector<std::string> addresses;
+  for (int i = 0; i < Headends; ++i) {
+    addresses.push_back(std::to_string(i) + "." + std::string(60, 'x') + "." +
+                        std::string(60, 'y') + "." + std::string(60, 'z') +
+                        ".localhost:" + gateway.Port());
+  }
+  Log log;
+  Library library(addresses, {}, [&](ahs_options& options) {
+    log.Hear(options);
+    options.own_loop = 1;
+  });
+  ASSERT_EQ(selectOnce(library).headends.size(), addresses.size());
+  for (std::size_t written = 0; written < More; written += Headends * addresses.back().size()) {
+    ASSERT_EQ(selectOnce(library).status, AHS_SUCCESS);
+  }
+  ahs_dispatch(library.Get());
+  selectOnce(library);
+  ahs_dispatch(library.Get());
+  std::uint64_t lost = 0;
+  std::size_t told = 0;
+  for (const Log::Message& message : log.All()) {
+    lost += message.lost;
+    told += message.text.size();
+  }
+  EXPECT_GT(lost, 0U);
+  EXPECT_GT(told, More / 2) << "most of it was kept";
+  EXPECT_EQ(log.All().back().lost, 0U);
+}
+
+}  // namespace
+}  // namespace tests

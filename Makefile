@@ -5,6 +5,8 @@ JOBS ?= $(shell nproc)
 CTEST_JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 600
 SOAK_RUNS ?= 200000
+PREFIX ?= /usr/local
+DESTDIR ?=
 
 .DEFAULT_GOAL := help
 
@@ -18,10 +20,25 @@ demo: deps-build ## Build what it takes, then watch a selection among simulated 
 	cmake --build --preset release -j $(JOBS) --target ahs ahs-gateways ahs-wan
 	simulator/demo.sh build/release
 
+.PHONY: lib
+lib: deps-lib ## Build what is installed, library and command, and nothing else
+	cmake --preset lib
+	cmake --build --preset lib -j $(JOBS)
+
+# Does not build where `make lib` has: who may write to PREFIX is often not who built.
+.PHONY: install
+install: ## Install that below PREFIX (/usr/local), within DESTDIR if that is set
+	test -e build/lib/packaging/libahs.so || $(MAKE) lib
+	DESTDIR=$(DESTDIR) cmake --install build/lib --prefix $(PREFIX)
+	$(if $(DESTDIR),,ldconfig || echo "ldconfig did not run: the loader may not find the library yet")
+
 .PHONY: test
 test: deps-test release fuzzers ## Build and run all tests, and fuzz each reader for half a minute
 	ctest --preset release -j $(CTEST_JOBS)
 	FUZZ_SECONDS=30 tools/fuzz.sh build/fuzz
+
+.PHONY: test-world
+test-world: deb-check ## Run the tests that are too long for that
 
 .PHONY: fuzz
 fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
@@ -65,8 +82,13 @@ deb: deps-deb ## Build Debian packages into build/deb: library, development file
 	tools/deb.sh
 
 .PHONY: deb-check
-deb-check: deb release ## Build them, and install and use them in a clean root (needs to be root)
-	tests/package/clean_root_test.sh . build/release build/clean-root build/deb
+deb-check: deb ## Build them twice, compare, and use them in a clean root (needs to be root)
+	tests/package/reproducible_test.sh build/deb
+	tests/package/clean_root_test.sh . build/clean-root build/deb
+
+.PHONY: abi
+abi: deps-test release ## Describe anew the binary interface that its test compares with: see docs/versions.md
+	tests/package/abi_test.sh . build/release --write
 
 .PHONY: reference
 reference: deps-test ## Make the reference of the library's headers: build/reference/index.html
@@ -79,8 +101,8 @@ release: deps-build ## Build, optimised, into build/release
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 
-.PHONY: deps-build deps-test deps-lint deps-bench deps-deb
-deps-build deps-test deps-lint deps-bench deps-deb:
+.PHONY: deps-lib deps-build deps-test deps-lint deps-bench deps-deb
+deps-lib deps-build deps-test deps-lint deps-bench deps-deb:
 	@tools/install-packages.sh $(@:deps-%=%)
 
 .PHONY: clean

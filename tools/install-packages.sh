@@ -1,27 +1,29 @@
 #!/bin/bash
-# Installs the Debian packages that are missing for one purpose: build, test, lint, bench or deb.
+# Installs the Debian packages that are missing for one purpose: lib, build, test, lint, bench or deb.
 # Touches nothing when all are there. Needs root, else sudo.
 set -euo pipefail
 
-build=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-dev libspdlog-dev
-  libproxy-dev libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev iproute2 curl openssl)
+lib=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-dev libspdlog-dev
+  libproxy-dev libcli11-dev nlohmann-json3-dev)
+build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
 # What the benchmarks, and the short run of them that is a test, put beside ahs.
 peers=(python3 fping httping)
 test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind gdb doxygen
   mandoc man-db zsh fish bash-completion
-  clang-14 libclang-rt-14-dev debhelper lintian debootstrap)
+  clang-14 libclang-rt-14-dev debhelper lintian debootstrap abigail-tools)
 lint=("${test[@]}" clang-format-14 clang-tidy-14 shellcheck)
-deb=("${build[@]}" debhelper lintian debootstrap)
+deb=("${lib[@]}" debhelper lintian debootstrap)
 bench=("${build[@]}" "${peers[@]}")
 
 case "${1:-}" in
+  lib) wanted=("${lib[@]}") ;;
   build) wanted=("${build[@]}") ;;
   test) wanted=("${test[@]}") ;;
   lint) wanted=("${lint[@]}") ;;
   bench) wanted=("${bench[@]}") ;;
   deb) wanted=("${deb[@]}") ;;
   *)
-    echo "usage: $0 build|test|lint|bench|deb" >&2
+    echo "usage: $0 lib|build|test|lint|bench|deb" >&2
     exit 2
     ;;
 esac

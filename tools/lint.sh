@@ -6,8 +6,8 @@ cd "$(dirname "$0")/.."
 jobs=${1:-$(nproc)}
 mkdir -p build
 
-mapfile -t sources < <(git ls-files '*.cpp' '*.h' '*.c')
-mapfile -t scripts < <(git ls-files '*.sh' .ci/run)
+mapfile -t sources < <(git ls-files '*.cpp' '*.hpp' '*.h' '*.c')
+mapfile -t scripts < <(git ls-files '*.sh' .ci/run debian/tests/command debian/tests/clients)
 
 echo "clang-format: ${#sources[@]} files"
 clang-format-14 --dry-run --Werror "${sources[@]}"
@@ -25,6 +25,7 @@ reached=$(
   above ':(glob)vpn/Api/*' 'vpn/Api/AHS|capi|cli|simulator'
   above vpn/Api/AHS 'capi|cli|simulator'
   above capi 'cli|simulator'
+  above include 'vpn|capi|cli|simulator'
 )
 if [ -n "$reached" ]; then
   printf '%s\n' "$reached"

@@ -1,14 +1,13 @@
 #!/bin/bash
 # The Debian packages in a machine that has nothing else: a root made with debootstrap, in which apt
-# installs them with what they depend on. There the command chooses among three gateways, and the
-# example of a client is compiled against the development files, by hand and by CMake, and chooses as well.
+# installs them with what they depend on, and their own tests (debian/tests) run.
 #
 # Mirrors, keys and proxies are those of this machine's apt. The root without the packages is kept
 # for a day in CACHE-DIRECTORY, and so is what apt fetched. Mounts live in a namespace of their own and
 # go with it. Ends with 77, skipped, without root's rights or a mirror;
 # with AHS_NO_SKIP in the environment that is a failure.
-# Usage: clean_root_test.sh SOURCE-DIRECTORY BUILD-DIRECTORY CACHE-DIRECTORY [PACKAGES-DIRECTORY]
-# Without PACKAGES-DIRECTORY the packages are made of what is compiled in BUILD-DIRECTORY.
+# Usage: clean_root_test.sh SOURCE-DIRECTORY CACHE-DIRECTORY PACKAGES-DIRECTORY [BUILD-DIRECTORY]
+# With BUILD-DIRECTORY the packages are made first, of what is compiled there.
 set -euo pipefail
 fail() {
   echo "FAILED: $*" >&2
@@ -25,12 +24,10 @@ if [ "$1" != --inside ]; then
   exec unshare --mount -- "$0" --inside "$@"
 fi
 shift
-source=$1 build=$2 cache=$3 packages=${4:-}
+source=$1 cache=$2 packages=$3 build=${4:-}
 scratch=$(mktemp -d)
 root=$scratch/root
-gateways=
 cleanup() {
-  [ -z "$gateways" ] || kill "$gateways" 2>/dev/null || true
   for place in proc var/cache/apt/archives .; do
     umount -q "$root/$place" 2>/dev/null || true
   done
@@ -79,9 +76,8 @@ make_base() {
   quiet update apt update || return 1
 }
 
-if [ -z "$packages" ]; then
+if [ -n "$build" ]; then
   phase "packages"
-  packages=$cache/packages
   quiet packages "$source/tools/deb.sh" "$packages" "$build" || fail "the packages cannot be made"
   grep -E '^[EW]: ' "$scratch/packages.log" || true
 fi
@@ -105,64 +101,34 @@ fi
 mount -t proc proc "$root/proc"
 mount --bind "$today/archives" "$root/var/cache/apt/archives"
 
-phase "ahs and its library"
-mkdir "$root/packages"
-for package in ahs libahs0.1 libahs-dev; do
+mkdir "$root/packages" "$root/source"
+for package in ahs libahs1 libahs-dev; do
   cp "$packages/$package"_*.deb "$root/packages/$package.deb"
 done
-quiet install apt install /packages/ahs.deb /packages/libahs0.1.deb || fail "apt does not install the packages"
+cp -r "$source/debian" "$source/examples" "$root/source"
 
+# run_test NAME: one of debian/tests, with its dependencies.
+run_test() {
+  local words
+  phase "test $1"
+  words=$(sed -n "/^Tests: $1\$/,/^\$/s/^Depends: //p" "$source/debian/tests/control" | tr -d ,)
+  # The names are several words.
+  # shellcheck disable=SC2001,SC2046
+  quiet install apt install $(sed -E 's=\b(ahs|libahs-dev)\b=/packages/\1.deb=g' <<<"$words") /packages/libahs1.deb ||
+    fail "apt does not install the packages"
+  mkdir "$root/root/$1"
+  quiet "$1" within env -C /source AUTOPKGTEST_TMP="/root/$1" "debian/tests/$1" || fail "$1"
+}
+run_test command
 for file in man/man1/ahs.1.gz man/man5/ahs-profile.5.gz bash-completion/completions/ahs \
   doc/ahs/README.md doc/ahs/docs/cli.md doc/ahs/docs/result-page.png; do
   [ -e "$root/usr/share/$file" ] || fail "$file is missing"
 done
-
-phase "selection"
-"$build/bin/ahs-gateways" --gateway 127.0.0.1:0,delay=200 --gateway 127.0.0.1:0,delay=20 \
-  --gateway 127.0.0.1:0,delay=400 >"$scratch/gateways" &
-gateways=$!
-for ((i = 0; i < 600; ++i)); do
-  ! grep -q '^ready$' "$scratch/gateways" || break
-  sleep 0.1
-done
-mapfile -t addresses < <(sed -n 's/^gateway \([^ ]*\) .*/\1/p' "$scratch/gateways")
-[ ${#addresses[@]} -eq 3 ] || fail "the gateways did not start"
-mkdir -p "$root/etc/ahs/profiles"
-cat >"$root/etc/ahs/profiles/test.xml" <<XML
-<profile version="1">
-  <preferences><preference name="EnableAutomaticServerSelection" value="true"/></preferences>
-  <hosts>
-    <host name="Far" address="${addresses[0]}"/>
-    <host name="Near" address="${addresses[1]}"/>
-    <host name="Farthest" address="${addresses[2]}"/>
-  </hosts>
-</profile>
-XML
-cat >"$root/etc/ahs/preferences.xml" <<XML
-<preferences version="1"><preference name="RoundTripTime" value="response"/></preferences>
-XML
-within ahs --version
-within env HOME=/root ahs select --no-proxy --explain | tee "$scratch/selection"
-grep -qE "^ +1\. ${addresses[1]} +Near " "$scratch/selection" || fail "the nearest gateway is not the first"
-[ "$(grep -cE '^ +[123]\. 127\.0\.0\.1:' "$scratch/selection")" -eq 3 ] || fail "not all gateways were measured"
-[ "$(within env HOME=/root ahs select --no-proxy --quiet)" = "${addresses[1]}" ] || fail "the cache does not answer"
-
-phase "development files"
-quiet development apt install g++ pkg-config cmake make /packages/libahs-dev.deb || fail "apt does not install the development files"
-examples=/usr/share/doc/libahs-dev/examples
-# The flags are several words, and the root's.
-# shellcheck disable=SC2016
-quiet compile within sh -c "c++ -std=c++20 -o /root/client $examples/embed/embed.cpp"' $(pkg-config --cflags --libs ahs)' ||
-  fail "the example does not compile against the packages"
-quiet configure within cmake -S "$examples/embed" -B /root/embed || fail "CMake does not find the packages"
-quiet build within cmake --build /root/embed || fail "the example is not built by its own CMakeLists.txt"
-for client in /root/client /root/embed/embed; do
-  phase "a client, $client"
-  within "$client" /etc/ahs/profiles | tee "$scratch/client"
-  grep -q "^HEADENDSELECTION_ERROR_ADDED_TO_CACHE: 127.0.0.1:" "$scratch/client" || fail "the client selects nothing"
-done
+run_test clients
+# What a client's author needs is the library alone.
+! within dpkg-query -W | grep -E '^lib(curl|proxy|spdlog|ssl|xml2).*-dev\b' || fail "development files of others are there"
 
 phase "removal"
-quiet remove apt purge ahs libahs0.1 libahs-dev || fail "apt does not remove the packages"
+quiet remove apt purge ahs libahs1 libahs-dev || fail "apt does not remove the packages"
 ! within sh -c 'ls /usr/bin/ahs /usr/lib/*/libahs*' 2>/dev/null || fail "something is left"
 echo "All of it works in a clean root, after $SECONDS s."

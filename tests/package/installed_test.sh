@@ -1,6 +1,6 @@
 #!/bin/bash
-# What `cmake --install` puts in place, used as the author of a client would: the names that the shared
-# library shows, the CMake package with both libraries, pkg-config, C, and Python.
+# What `cmake --install` puts in place, used as the author of a client would: the names that the library shows,
+# its headers, CMake, pkg-config, C, C++, Python, and the command.
 # Usage: installed_test.sh SOURCE-DIRECTORY BUILD-DIRECTORY C++-COMPILER C-COMPILER
 set -euo pipefail
 source=$1 build=$2 cxx=$3 cc=$4
@@ -19,34 +19,70 @@ fail() {
 cmake --install "$build" --prefix "$scratch/usr" >"$scratch/install.log" || { cat "$scratch/install.log"; fail install; }
 libdir=$(dirname "$(find "$scratch/usr" -name 'libahs.so')")
 
+echo "== files"
+diff <(printf 'ahs/%s\n' ahs.h ahs.hpp) <(cd "$scratch/usr/include" && find . -type f -printf '%P\n' | sort) ||
+  fail "other headers are installed than two"
+diff <(printf 'libahs.so%s\n' '' .1 .1.0.0) <(cd "$libdir" && find . -name 'libahs*' -printf '%P\n' | sort) ||
+  fail "other libraries are installed than one"
+
 echo "== names"
-public='ahs_[a-z_]+$|statusCodeName|(vtable for |typeinfo (name )?for )?(CHeadendSelection|ApiRunnable|ClientIfcBase|CClientLibrary|ProxyIfc|C[A-Z][a-z]*ProxyProvider|CProxyProvider|CStringUtils|CAppLog|HttpProbe)\b|SecureString<'
-# only_public_names NM-OPTION LIBRARY
-only_public_names() {
-  nm "$1" -C --defined-only --extern-only "$2" | sed -n 's/^[0-9a-f]* [A-Zuvw] //p' | sort -u >"$scratch/names"
-  grep -qx 'ahs_select' "$scratch/names" || fail "$2: the C interface is not visible"
-  grep -q '^CHeadendSelection::CHeadendSelection(' "$scratch/names" || fail "$2: the selection is not visible"
-  ! grep -vE "^($public)" "$scratch/names" || fail "$2: these names should stay inside"
-}
-only_public_names --dynamic "$libdir/libahs.so"
-only_public_names --quiet "$libdir/libahs.a"
+diff <(sed -nE 's/^[a-z].*\b(ahs_[a-z_]+)\(.*/\1@@AHS_1/p' "$scratch/usr/include/ahs/ahs.h" | sort) \
+  <(nm --dynamic --defined-only "$libdir/libahs.so" | sed -n 's/.* T //p' | sort) ||
+  fail "the library shows other functions than the header declares"
+nm --dynamic --defined-only "$libdir/libahs.so" | grep -v ' T ahs_' | grep -vx '0* A AHS_1' && fail "these names should stay inside"
 
 echo "== headers, each alone"
-(cd "$scratch/usr/include/ahs" && find . -name '*.h') | while read -r header; do
-  echo "#include \"$header\""  >"$scratch/header.cpp"
-  "$cxx" -std=c++20 -Wall -Wextra -fsyntax-only -I "$scratch/usr/include/ahs" "$scratch/header.cpp" ||
-    fail "$header does not compile alone"
+warnings=(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fsyntax-only -I "$scratch/usr/include")
+echo '#include <ahs/ahs.h>' | tee "$scratch/header.c" >"$scratch/header.cpp"
+echo '#include <ahs/ahs.hpp>' >"$scratch/header++.cpp"
+for compiler in gcc clang-14; do
+  "$compiler" -std=c11 "${warnings[@]}" "$scratch/header.c" || fail "$compiler does not take ahs.h"
+done
+for compiler in g++ clang++-14; do
+  for header in "$scratch"/header*.cpp; do
+    "$compiler" -std=c++20 "${warnings[@]}" "$header" || fail "$compiler does not take: $(cat "$header")"
+  done
 done
 
-echo "== gateways"
-"$build/bin/ahs-gateways" --gateway 127.0.0.1:0 --gateway 127.0.0.1:0,delay=30 >"$scratch/gateways" &
-gateways=$!
-for ((i = 0; i < 600; ++i)); do
-  ! grep -q '^ready$' "$scratch/gateways" || break
-  sleep 0.1
+export LD_LIBRARY_PATH=$libdir PKG_CONFIG_PATH=$libdir/pkgconfig CMAKE_PREFIX_PATH=$scratch/usr CC=$cc CXX=$cxx
+echo "== packages' tests"
+for test in command clients; do
+  mkdir "$scratch/$test"
+  (cd "$source" && PATH="$scratch/usr/bin:$PATH" AUTOPKGTEST_TMP=$scratch/$test debian/tests/$test) \
+    >"$scratch/log" 2>&1 || { cat "$scratch/log"; fail "$test"; }
 done
-mapfile -t addresses < <(sed -n 's/^gateway \([^ ]*\) .*/\1/p' "$scratch/gateways")
-[ ${#addresses[@]} -eq 2 ] || fail "the gateways did not start"
+
+exec {from_gateways}< <(exec "$source/debian/tests/gateways" 0 0)
+gateways=$!
+read -r -a addresses <&"$from_gateways"
+# selects NAME COMMAND...: the command prints a headend, and whatever else.
+selects() {
+  local output
+  output=$("${@:2}") || fail "$1: status $?"
+  echo "$1: $output"
+  [[ $output == *127.0.0.1:* ]] || fail "$1 selects nothing"
+}
+
+echo "== a project in C alone"
+[ "$(pkg-config --print-requires --print-requires-private ahs)" = "" ] || fail "pkg-config asks for other libraries"
+mkdir "$scratch/c"
+cp "$source/tests/capi/c_client.c" "$scratch/c"
+cat >"$scratch/c/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(client LANGUAGES C)
+find_package(ahs 1 REQUIRED)
+add_executable(client c_client.c)
+target_link_libraries(client PRIVATE ahs::ahs)
+CMAKE
+{ cmake -S "$scratch/c" -B "$scratch/c/build" && cmake --build "$scratch/c/build"; } >"$scratch/log" 2>&1 || {
+  cat "$scratch/log"
+  fail "C does not build"
+}
+selects c "$scratch/c/build/client" "${addresses[@]}"
+sed -i 's/ahs 1/ahs 2/' "$scratch/c/CMakeLists.txt"
+! cmake -S "$scratch/c" -B "$scratch/c/build" >/dev/null 2>&1 || fail "a version that there is not is found"
+
+echo "== a client with names and libraries like those inside"
 mkdir "$scratch/profiles"
 cat >"$scratch/profiles/test.xml" <<XML
 <profile version="1">
@@ -54,82 +90,26 @@ cat >"$scratch/profiles/test.xml" <<XML
   <hosts><host name="a" address="${addresses[0]}"/><host name="b" address="${addresses[1]}"/></hosts>
 </profile>
 XML
-
-# selects NAME COMMAND...: the command prints a status and a headend.
-selects() {
-  local name=$1 output
-  shift
-  output=$("$@") || fail "$name: status $?"
-  echo "$name: $output"
-  [[ $output == HEADENDSELECTION_ERROR_ADDED_TO_CACHE*127.0.0.1:* ]] || fail "$name selects nothing"
-}
-
-# built SOURCE BUILD: a project of its own that finds the installed library.
-built() {
-  {
-    cmake -S "$1" -B "$2" -DCMAKE_PREFIX_PATH="$scratch/usr" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=Debug
-    cmake --build "$2"
-  } >"$scratch/build.log" 2>&1 || { cat "$scratch/build.log"; fail "$1 does not build"; }
-}
-
-echo "== CMake package"
-export LD_LIBRARY_PATH=$libdir
-built "$source/examples/embed" "$scratch/embed"
-selects embed "$scratch/embed/embed" "$scratch/profiles"
-mkdir "$scratch/static-source"
-sed 's/find_package(ahs 0.1 REQUIRED)/find_package(ahs 0.1 REQUIRED COMPONENTS static)/; s/ahs::ahs/ahs::static/' \
-  "$source/examples/embed/CMakeLists.txt" >"$scratch/static-source/CMakeLists.txt"
-cp "$source/examples/embed/embed.cpp" "$scratch/static-source"
-built "$scratch/static-source" "$scratch/static"
-selects static env -u LD_LIBRARY_PATH "$scratch/static/embed" "$scratch/profiles"
-
-echo "== a component that there is not"
-mkdir "$scratch/wrong"
-sed 's/find_package(ahs 0.1 REQUIRED)/find_package(ahs 0.1 REQUIRED COMPONENTS statik)/' \
-  "$source/examples/embed/CMakeLists.txt" >"$scratch/wrong/CMakeLists.txt"
-! cmake -S "$scratch/wrong" -B "$scratch/wrong/build" -DCMAKE_PREFIX_PATH="$scratch/usr" \
-  -DCMAKE_CXX_COMPILER="$cxx" >"$scratch/wrong.log" 2>&1 || fail "a component that there is not is found"
-grep -q 'there is no component statik; the only one is static' <(tr -s '\n ' ' ' <"$scratch/wrong.log") || {
-  cat "$scratch/wrong.log"
-  fail "it is not said which components there are"
-}
-
-echo "== pkg-config and C"
-export PKG_CONFIG_PATH=$libdir/pkgconfig
-sed 's|"capi/ahs.h"|<ahs.h>|' "$source/tests/capi/c_client.c" >"$scratch/client.c"
-# The flags are several words.
-# shellcheck disable=SC2046
-"$cc" -std=c11 -Wall -Wextra -Wpedantic -o "$scratch/client" "$scratch/client.c" \
-  $(pkg-config --cflags --libs ahs) || fail "C does not link"
-selects c "$scratch/client" "${addresses[@]}"
-
-echo "== a client with names like those inside"
-objects=()
-for name in main names; do
-  objects+=("$scratch/$name.o")
-  "$cxx" -std=c++20 -Wall -Wextra -c -o "$scratch/$name.o" -I "$scratch/usr/include/ahs" \
-    "$source/tests/package/client/$name.cpp" || fail "the client does not compile"
+echo '<profile' >"$scratch/profiles/wrong.xml"
+# Its spdlog is another than that of the library where it consists of headers alone.
+for definitions in '' '-DSPDLOG_FMT_EXTERNAL -DFMT_HEADER_ONLY'; do
+  # The flags are several words.
+  # shellcheck disable=SC2046,SC2086
+  "$cxx" -std=c++20 -o "$scratch/client" "$source"/tests/package/client/*.cpp \
+    ${definitions:-$(pkg-config --cflags spdlog)} $(pkg-config --cflags --libs ahs libxml-2.0) \
+    $([ -n "$definitions" ] || pkg-config --libs spdlog) || fail "the client is not built"
+  rm -f "$scratch/client.log"
+  selects "client ${definitions:-with spdlog of the system}" "$scratch/client" "$scratch/profiles" "$scratch/client.log"
+  [ -s "$scratch/client.log" ] || fail "the library has not logged"
 done
-# shellcheck disable=SC2046
-"$cxx" -o "$scratch/shared-client" "${objects[@]}" $(pkg-config --libs ahs) || fail "the shared library does not link"
-# The archive takes what it is made of, and that from shared libraries.
-# shellcheck disable=SC2046
-"$cxx" -o "$scratch/static-client" "${objects[@]}" \
-  "$libdir/libahs.a" $(pkg-config --libs $(pkg-config --print-requires-private ahs)) -lresolv -pthread || fail "the static library does not link"
-selects shared-client "$scratch/shared-client" "$scratch/profiles"
-selects static-client env -u LD_LIBRARY_PATH "$scratch/static-client" "$scratch/profiles"
 
-echo "== Python"
-selects python python3 "$source/examples/python/select_headend.py" "${addresses[@]}"
-
-echo "== tool"
-"$scratch/usr/bin/ahs" --version
+echo "== the command's pages and completions"
 share=$scratch/usr/share
 for file in man/man1/ahs.1 man/man5/ahs-profile.5; do
   [ -s "$share/$file" ] || fail "there is no $file"
 done
 for file in bash-completion/completions/ahs zsh/site-functions/_ahs fish/vendor_completions.d/ahs.fish; do
   shell=${file%%[-/]*}
-  "$scratch/usr/bin/ahs" completion "$shell" | cmp - "$share/$file" || fail "$file is not the tool's"
+  "$scratch/usr/bin/ahs" completion "$shell" | cmp - "$share/$file" || fail "$file is not the command's"
 done
 echo "All of it works."

@@ -31,6 +31,6 @@ while read -r header; do
     exit 1
   }
   count=$((count + 1))
-done < <(cd "$scratch/usr/include/ahs" && find . -name '*.h' -printf '%P\n')
+done < <(cd "$scratch/usr/include" && find . -name '*.h' -o -name '*.hpp' | sed 's|^./||')
 [ "$count" -gt 0 ] || { echo "FAILED: no header is installed" >&2; exit 1; }
 echo "$count headers are in the reference"

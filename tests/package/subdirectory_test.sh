@@ -1,7 +1,7 @@
 #!/bin/bash
-# A checkout as a subdirectory of another project: a client in C++, which sets no standard of the
-# language, and one in C find the headers and are compiled with their own flags. Only the clients' objects
-# are compiled, which tells as much as the library would and takes a second.
+# A checkout as a subdirectory of another project: clients in C and C++ of the door, and one that puts the class
+# itself on a client library of its own, find the headers and are compiled with their own flags. Only the
+# clients' objects are compiled, which tells as much as the library would and takes a second.
 # Usage: subdirectory_test.sh SOURCE-DIRECTORY C++-COMPILER C-COMPILER
 set -euo pipefail
 source=$1 cxx=$2 cc=$3
@@ -12,27 +12,34 @@ fail() {
   exit 1
 }
 
-cp "$source/examples/embed/embed.cpp" "$scratch"
-sed 's|"capi/ahs.h"|"ahs.h"|' "$source/tests/capi/c_client.c" >"$scratch/c_client.c"
+cp "$source/examples/embed/embed.cpp" "$source/tests/capi/c_client.c" "$scratch"
+cat >"$scratch/port.cpp" <<CODE
+#include "vpn/Api/AHS/HeadendSelection.h"
+long begin(ClientIfcBase& client) {
+  long status = 0;
+  delete new CHeadendSelection(&client, "", 0, status);
+  return status;
+}
+CODE
 # The library's own warnings would be errors here.
 echo 'int narrow(double value, int unused) { int value2 = value; { int value2 = 1; (void)value2; } return value2; }' |
-  tee -a "$scratch/embed.cpp" >>"$scratch/c_client.c"
+  tee -a "$scratch/embed.cpp" "$scratch/port.cpp" >>"$scratch/c_client.c"
 cat >"$scratch/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.25)
 project(host LANGUAGES C CXX)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 add_subdirectory("$source" ahs EXCLUDE_FROM_ALL)
-add_executable(embed embed.cpp)
-target_link_libraries(embed PRIVATE vpn_ahs)
-add_executable(c_client c_client.c)
-target_link_libraries(c_client PRIVATE ahs_c)
+add_library(doors OBJECT embed.cpp c_client.c)
+target_link_libraries(doors PRIVATE ahs_c)
+add_library(port OBJECT port.cpp)
+target_link_libraries(port PRIVATE vpn_ahs)
 CMAKE
 {
   cmake -G Ninja -S "$scratch" -B "$scratch/build" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc"
-  ninja -C "$scratch/build" CMakeFiles/embed.dir/embed.cpp.o CMakeFiles/c_client.dir/c_client.c.o
+  ninja -C "$scratch/build" CMakeFiles/doors.dir/{embed.cpp,c_client.c}.o CMakeFiles/port.dir/port.cpp.o
 } >"$scratch/log" 2>&1 || { cat "$scratch/log"; fail "the clients are not compiled"; }
 
-for client in embed.cpp c_client.c; do
+for client in embed.cpp c_client.c port.cpp; do
   command=$(grep "\"command\".* $scratch/$client\"" "$scratch/build/compile_commands.json") ||
     fail "$client is not in the compile commands"
   for flag in $command; do
@@ -41,4 +48,4 @@ for client in embed.cpp c_client.c; do
 done
 ! grep -q -- '-Werror' "$scratch/build/compile_commands.json" || fail "a warning of a later compiler would be an error"
 grep -q -- '-Wconversion' "$scratch/build/compile_commands.json" || fail "the library has lost its warnings"
-echo "Both clients are compiled with their own flags."
+echo "All clients are compiled with their own flags."

@@ -1,77 +1,75 @@
-// A client that has names of its own like those inside the library, and lets cross the border what
-// C++ can: classes derived from the library's, casts, exceptions. Prints what the callback was
-// told. Usage: client PROFILE-DIRECTORY
+// A client with names like those inside the library, an spdlog and a libxml2: it goes on using them while
+// the library does, and neither hears of the other. Prints the chosen headend.
+// Usage: client PROFILE-DIRECTORY LOG-FILE. One of the profiles is no XML.
 
-#include <chrono>
-#include <condition_variable>
+#include <libxml/parser.h>
+#include <libxml/xmlerror.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <ahs/ahs.hpp>
 #include <cstdio>
 #include <memory>
-#include <mutex>
-#include <stdexcept>
-#include <thread>
-#include <typeinfo>
-
-#include "names.h"
-#include "vpn/Api/AHS/HeadendSelection.h"
-#include "vpn/Api/ClientLibrary.h"
-#include "vpn/Api/ProxyProviders.h"
+#include <sstream>
+#include <string>
 
 namespace {
 
-class CallersError : public std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+int errorsHeard = 0;
 
-/// Leaves its callback by an exception that no code of the library knows.
-class Client : public ClientIfcBase {
- public:
-  void AHSSelectedHost(unsigned int, const std::vector<std::string>& headends, long status,
-                       const std::string&) override {
-    const std::scoped_lock lock(m_mutex);
-    std::printf("%s: %s\n", statusCodeName(status), headends.empty() ? "-" : headends[0].c_str());
-    m_told = true;
-    m_changed.notify_all();
-    throw CallersError("the client's own");
+void hearError(void*, xmlErrorPtr) { ++errorsHeard; }
+
+bool isXml(const std::string& text) {
+  xmlDocPtr const document =
+      xmlReadMemory(text.data(), static_cast<int>(text.size()), "", nullptr, 0);
+  xmlFreeDoc(document);
+  return document != nullptr;
+}
+
+bool fail(const char* what) {
+  std::fprintf(stderr, "client: %s\n", what);
+  return false;
+}
+
+bool selects(const char* profiles, const char* log) {
+  ahs::Library library({.profileDirectory = profiles, .proxy = "", .logFile = log});
+  if (!library) {
+    return fail(library.error().c_str());
   }
-
-  bool isTold() {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::minutes(1), [this] { return m_told; });
+  if (library.problems().empty() || errorsHeard != 0) {
+    return fail("what is wrong with a profile is told to the wrong one");
   }
+  const ahs::Result result = library.select();
+  std::puts(result ? result.headends.front().c_str() : result.error.c_str());
+  return static_cast<bool>(result);
+}
 
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  bool m_told = false;
-};
-
-bool select(Client& client) {
-  long status = 0;
-  auto run = std::make_unique<CHeadendSelection>(&client, std::string(), 0U, status);
-  const ApiRunnable& runnable = *run;
-  if (dynamic_cast<const CHeadendSelection*>(&runnable) == nullptr ||
-      typeid(runnable) != typeid(CHeadendSelection) || status != 0) {
-    return false;
+bool ownLibrariesAreAsTheyWere(const std::string& logged) {
+  if (!isXml("<a/>") || errorsHeard != 0 || isXml("<a>") || errorsHeard == 0) {
+    return fail("libxml2 is not as the client left it");
   }
-  std::thread([&run] { run.release()->run(); }).join();
-  return client.isTold();
+  int loggers = 0;
+  spdlog::apply_all([&](const std::shared_ptr<spdlog::logger>&) { ++loggers; });
+  if (loggers != 1 || spdlog::default_logger()->name() != "client" || logged != "before\nafter\n") {
+    return fail("spdlog is not as the client left it");
+  }
+  return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::unique_ptr<ProxyIfc> provider = providerOfAnotherObject();
-  if (argc != 2 || worthOfProbe(7) != 49 || numberOf("seven") != "7" ||
-      dynamic_cast<CBasicProxyProvider*>(provider.get()) == nullptr ||
-      dynamic_cast<CNtlmProxyProvider*>(provider.get()) != nullptr ||
-      provider->getProxyUser().GetValue() != "anna") {
-    std::fputs("the client's own names are mistaken for others\n", stderr);
+  if (argc != 3) {
     return 2;
   }
-  CClientLibrary::Options options;
-  options.sources.profileDirectory = argv[1];
-  STATUSCODE status = 0;
-  const CClientLibrary library(options, status);
-  Client client;
-  return status == 0 && select(client) ? 0 : 1;
+  std::ostringstream logged;
+  spdlog::set_default_logger(std::make_shared<spdlog::logger>(
+      "client", std::make_shared<spdlog::sinks::ostream_sink_mt>(logged)));
+  spdlog::set_pattern("%v");
+  spdlog::info("before");
+  xmlSetStructuredErrorFunc(nullptr, hearError);
+  const bool selected = selects(argv[1], argv[2]);
+  spdlog::info("after");
+  return selected && ownLibrariesAreAsTheyWere(logged.str()) ? 0 : 1;
 }

@@ -1,21 +1,34 @@
-// The client's second object: what templates and inline functions the library and both objects have
-// in common is defined in each of the three.
+// Names of the client's own that are also those of classes and functions inside the library, with the
+// same parameters: the library that called one of these would end the client.
 
-#include "names.h"
+#include <cstdlib>
+#include <string>
 
-#include <map>
+class URL {
+ public:
+  URL();
+  explicit URL(const std::string& text);
+  ~URL();
+  static std::string findError(const std::string& text);
+  const std::string& getHost() const;
+  std::string getHostAndPort(bool withDefaultPort) const;
 
-#include "vpn/Api/ProxyProviders.h"
+ private:
+  char m_small = 0;
+};
 
-long worthOfProbe(long value) { return value * value; }
+URL::URL() { std::abort(); }
+URL::URL(const std::string&) { std::abort(); }
+URL::~URL() { std::abort(); }
+std::string URL::findError(const std::string&) { std::abort(); }
+const std::string& URL::getHost() const { std::abort(); }
+std::string URL::getHostAndPort(bool) const { std::abort(); }
 
-std::string numberOf(const std::string& word) {
-  const auto numbers = std::make_shared<std::map<std::string, unsigned long>>();
-  numbers->emplace("seven", 7);
-  return std::to_string(numbers->at(word));
-}
+class CHeadendSelection {
+ public:
+  void run();
+};
 
-std::unique_ptr<ProxyIfc> providerOfAnotherObject() {
-  return std::make_unique<CBasicProxyProvider>(SecureString<std::string>("anna"),
-                                               SecureString<std::string>("secret"));
-}
+void CHeadendSelection::run() { std::abort(); }
+
+const char* statusCodeName(long) { std::abort(); }

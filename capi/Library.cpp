@@ -1,5 +1,5 @@
-// Starting and stopping. One lock of the process serialises both, so that a core is up once; it is
-// not held while clients are called or runs are waited for.
+// Starting and stopping. Whoever starts or stops a core takes turns with others in the process, so
+// that a core is up once. Nobody has the turn while clients are called or runs are waited for.
 
 #include "capi/Library.h"
 
@@ -14,10 +14,31 @@ namespace {
 /// a slow disk or the system's proxy settings.
 constexpr std::chrono::seconds LongestEnd{5};
 
+/// The turn to start or stop. It is used like a lock, but while somebody has it no lock is held.
+class AHS_CAPABILITY("mutex") Turn {
+ public:
+  void Lock() AHS_ACQUIRE() {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    while (m_isTaken) {
+      m_lock.Wait();
+    }
+    m_isTaken = true;
+  }
+  void Unlock() AHS_RELEASE() {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    m_isTaken = false;
+    m_lock.NotifyAll();
+  }
+
+ private:
+  CMonitor m_lock;  // notified when the turn is free
+  bool m_isTaken AHS_GUARDED_BY(m_lock) = false;
+};
+
 /// What is up in the process. Never freed, as what it guards may be stopped at exit.
 struct Process {
-  CManualLock lock;
-  std::weak_ptr<const Core> core AHS_GUARDED_BY(lock);
+  Turn turn;
+  std::weak_ptr<const Core> core AHS_GUARDED_BY(turn);
 };
 
 Process& process() {
@@ -27,7 +48,7 @@ Process& process() {
 
 /// @return the core for a plan, made or shared; null after a failure.
 std::shared_ptr<const Core> coreFor(const StartPlan& plan, ahs_status& status, std::string& error)
-    AHS_REQUIRES(process().lock) {
+    AHS_REQUIRES(process().turn) {
   if (auto core = process().core.lock(); core != nullptr) {
     if (core->plan().isSame(plan)) {
       return core;
@@ -70,7 +91,7 @@ std::shared_ptr<Library> Library::start(const StartPlan& plan, ahs_status& statu
   }
   try {
     std::shared_ptr<Library> library(new Library(teller));
-    const CAutoLockT<CManualLock> guard(process().lock);
+    const CAutoLockT<Turn> guard(process().turn);
     if (plan.onLog != nullptr) {
       library->m_logListener.emplace(teller, plan.onLog, plan.logContext, plan.log.leastImportant);
     }
@@ -102,11 +123,11 @@ void Library::stop() {
   }
   m_presences->waitForNone(LongestEnd);
   {
-    const CAutoLockT<CManualLock> guard(process().lock);
+    const CAutoLockT<Turn> guard(process().turn);
     m_logListener.reset();
   }
   m_teller->close();
-  const CAutoLockT<CManualLock> guard(process().lock);
+  const CAutoLockT<Turn> guard(process().turn);
   m_core.reset();
 }
 

@@ -39,7 +39,7 @@ class Library {
 
   const std::shared_ptr<Teller> m_teller;
   const std::shared_ptr<Presences> m_presences;
-  // Written by start and stop, which the process's lock serialises.
+  // Written by start and stop, which take turns.
   std::optional<LogListener> m_logListener;
   std::shared_ptr<const Core> m_core;
 

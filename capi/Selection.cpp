@@ -28,27 +28,6 @@ int64_t ageOf(const CCacheEntry& entry) {
 
 }  // namespace
 
-Presences::Token::Token(std::shared_ptr<Presences> presences) : m_presences(std::move(presences)) {
-  const CAutoLockT<CMonitor> guard(m_presences->m_lock);
-  ++m_presences->m_count;
-}
-
-Presences::Token::~Token() {
-  const CAutoLockT<CMonitor> guard(m_presences->m_lock);
-  if (--m_presences->m_count == 0) {
-    m_presences->m_lock.NotifyAll();
-  }
-}
-
-bool Presences::waitForNone(milliseconds longest) {
-  const auto limit = MonotonicClock::now() + longest;
-  const CAutoLockT<CMonitor> guard(m_lock);
-  while (m_count > 0 && MonotonicClock::now() < limit) {
-    m_lock.WaitUntil(limit);
-  }
-  return m_count == 0;
-}
-
 /// The task of a run's threads. The token is the last to go.
 class Selection::Run : public SelectionRecord {
  public:
@@ -135,7 +114,6 @@ Selection::Selection(std::shared_ptr<const Candidates> candidates, const Client&
       m_reason(reason),
       m_start(std::chrono::steady_clock::now()),
       m_result(AHS_SUCCESS, reason) {
-  const CAutoLockT<CMonitor> guard(m_lock);
   m_resultMessage.push_back(std::make_unique<ResultMessage>(this));
 }
 

@@ -8,34 +8,12 @@
 
 #include "ahs/ahs.h"
 #include "capi/Core.h"
+#include "capi/Presences.h"
 #include "capi/Result.h"
 #include "capi/Teller.h"
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
-
-/// Counts what is under way, for who waits for its end. Any thread may call anything.
-class Presences {
- public:
-  /// One that is there as long as the object lives.
-  class Token {
-   public:
-    explicit Token(std::shared_ptr<Presences> presences);
-    ~Token();
-    Token(const Token&) = delete;
-    Token& operator=(const Token&) = delete;
-
-   private:
-    const std::shared_ptr<Presences> m_presences;
-  };
-
-  /// Waits until nothing is there. @return false if the time has passed.
-  bool waitForNone(std::chrono::milliseconds longest);
-
- private:
-  CMonitor m_lock;  // notified when the last one has gone
-  unsigned int m_count AHS_GUARDED_BY(m_lock) = 0;
-};
 
 /// One selection as its client sees it: hears the run, keeps the result, and has the client told of
 /// it once. What the run says after the result is there, or after a cancel, is dropped. Lives as

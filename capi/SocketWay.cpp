@@ -33,6 +33,10 @@ std::string problem(const char* member, int error, const char* remedy) {
 
 }  // namespace
 
+SocketWay::SocketWay() = default;
+
+SocketWay::~SocketWay() = default;
+
 std::string SocketWay::take(const ahs_request& request) {
   m_mark = request.mark;
   m_callback = request.on_socket;

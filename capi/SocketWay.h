@@ -12,6 +12,11 @@
 /// How the sockets of a selection leave the machine.
 class SocketWay {
  public:
+  SocketWay();
+  ~SocketWay();
+  SocketWay(const SocketWay&) = delete;
+  SocketWay& operator=(const SocketWay&) = delete;
+
   /// Takes what a request says and tries it on a socket of its own.
   /// @return an empty text, or which member is wrong and why.
   std::string take(const ahs_request& request);

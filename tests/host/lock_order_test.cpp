@@ -12,13 +12,14 @@
 #include <iterator>
 #include <sstream>
 
+#include "ahs/ahs.h"
 #include "tests/host/HostScene.h"
 #include "tests/host/LockRecorder.h"
 #include "tests/support/RefusedThreads.h"
 #include "tests/support/private_access.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
-#include "vpn/Common/IP/ProbeTask.h"
+#include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/Common/Utility/TimerList.h"
 
@@ -75,6 +76,14 @@ const std::map<std::string, Names>& classesOfSources() {
       {"ProbeSettings.cpp", {"the lock of the probe's settings"}},
       {"SystemProxy.cpp", {"the lock of the system's proxy settings"}},
       {"AppLog.cpp", {"the log's listener lock", "its targets' lock"}},
+      {"SelectionRecord.cpp", {"the lock of a selection's record"}},
+      {"Library.cpp", {"the door's locks of start and stop"}},
+      {"Selection.cpp", {"the door's lock of a selection"}},
+      {"LogListener.cpp", {"the lock of its hearers"}},
+      {"ahs.cpp", {"the door's lock of handles"}},
+      {"Presences.cpp", {"the door's lock of what is under way"}},
+      {"SocketWay.cpp", {"the door's lock of a selection's sockets"}},
+      {"Teller.cpp", {"the teller's lock"}},
   };
   return classes;
 }
@@ -151,6 +160,7 @@ struct Moments {
   Moment timer;
   Moment runsTimer;
   Moment cacheFile;
+  Moment doorsCallback;
 };
 
 /// Notes from any thread until the end of the process.
@@ -171,10 +181,16 @@ void noteFlush() { tests::moments().cacheFile.Note(); }
 namespace tests {
 namespace {
 
-class ProbeWatcher : public ProbeTask {
+class ProbeWatcher : public SelectionRecord {
  public:
-  void ProbeStarted(const HttpProbe::Report& /*report*/) override { moments().probe.Note(); }
-  void ProbeEnded(const HttpProbe::Report& /*report*/) override { moments().probe.Note(); }
+  void ProbeStarted(const HttpProbe::Report& report) override {
+    moments().probe.Note();
+    SelectionRecord::ProbeStarted(report);
+  }
+  void ProbeEnded(const HttpProbe::Report& report) override {
+    moments().probe.Note();
+    SelectionRecord::ProbeEnded(report);
+  }
 };
 
 /// Selections of every kind, made once in the process.
@@ -197,6 +213,8 @@ class Selections {
     WithACacheFileThatIsNone();
     EXPECT_TRUE(nothingIsLeft());
     CAppLog::SetListener({});
+    ThroughTheDoor();
+    EXPECT_TRUE(nothingIsLeft());
   }
 
  private:
@@ -304,6 +322,51 @@ class Selections {
     m_host.TakeDown();
   }
 
+  static void TakeNote(const ahs_result* /*result*/, void* /*context*/) {
+    moments().doorsCallback.Note();
+  }
+  static void HearProbe(const ahs_probe* /*probe*/, void* /*context*/) {
+    moments().doorsCallback.Note();
+  }
+  static void HearLog(const ahs_log_message* /*message*/, void* /*context*/) {
+    moments().doorsCallback.Note();
+  }
+  static int LookAtSocket(int /*socket*/, void* /*context*/) {
+    moments().doorsCallback.Note();
+    return 0;
+  }
+
+  /// One selection that ends, one that is cancelled, and one that the stop finds.
+  static void ThroughTheDoor() {
+    HeldGateway silent;
+    const std::string address = silent.Address();
+    const ahs_headend headends[] = {{nullptr, address.c_str()}};
+    const ahs_preference preferences[] = {{"ProxySettings", "none"}};
+    ahs_options options = AHS_OPTIONS_INIT;
+    options.headends = headends;
+    options.headend_count = 1;
+    options.preferences = preferences;
+    options.preference_count = 1;
+    options.on_log = HearLog;
+    ahs_request request = AHS_REQUEST_INIT;
+    request.reason = AHS_REASON_RECONNECTION;
+    request.on_progress = HearProbe;
+    request.on_socket = LookAtSocket;
+    ahs_library* library = nullptr;
+    EXPECT_EQ(ahs_start(&options, &library), AHS_SUCCESS) << ahs_error_text();
+    ahs_selection* selections[3] = {};
+    for (ahs_selection*& selection : selections) {
+      EXPECT_EQ(ahs_select(library, &request, TakeNote, nullptr, &selection), AHS_SUCCESS);
+    }
+    EXPECT_EQ(ahs_cancel(selections[0]), AHS_SUCCESS);
+    silent.Release();
+    EXPECT_NE(ahs_wait(selections[1], AHS_WAIT_FOREVER), nullptr);
+    EXPECT_EQ(ahs_stop(library), AHS_SUCCESS);
+    for (ahs_selection* selection : selections) {
+      EXPECT_EQ(ahs_free(selection), AHS_SUCCESS);
+    }
+  }
+
   Host m_host;
 };
 
@@ -337,7 +400,7 @@ std::vector<Names> documentedOrder() {
 /// Whether `inner` may be taken with `outer` held.
 bool isAllowed(const std::vector<Names>& rows, const std::string& outer, const std::string& inner) {
   // Of these, no two of a row may be held at once.
-  constexpr std::size_t RowsWithoutNesting = 3;
+  constexpr std::size_t RowsWithoutNesting = 4;
   const auto rowOf = [&rows](const std::string& name) {
     return static_cast<std::size_t>(std::find_if(rows.begin(), rows.end(),
                                                  [&](const Names& row) {
@@ -439,6 +502,8 @@ TEST_F(LockOrder, WhoWritesTheFileOfTheCacheHoldsNoLock) {
 TEST_F(LockOrder, NoLockIsHeldWhileTheClientIsCalled) {
   EXPECT_GT(moments().callback.seen, 6);
   EXPECT_EQ(moments().callback.withLocks, 0);
+  EXPECT_GT(moments().doorsCallback.seen, 10);
+  EXPECT_EQ(moments().doorsCallback.withLocks, 0);
 }
 
 TEST_F(LockOrder, NoLockIsHeldWhileAProbeIsSent) {

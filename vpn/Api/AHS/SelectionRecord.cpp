@@ -17,6 +17,10 @@ bool hasAnswered(const SelectionRecord::Track& track) {
 
 }  // namespace
 
+SelectionRecord::SelectionRecord() = default;
+
+SelectionRecord::~SelectionRecord() = default;
+
 bool SelectionRecord::isSample(STATUSCODE status) {
   const ProbeWorth worth = worthOfProbe(status);
   return worth == ProbeWorth::Sample || worth == ProbeWorth::SampleDespiteError;

@@ -137,32 +137,25 @@ std::string Selection::start(const ahs_request& request, bool isSystemProxy,
       m_last = {known->headend};
     }
   }
-  auto selection = std::make_unique<CHeadendSelection>(this, last, m_reason, status);
-  if (status == 0) {
+  STATUSCODE started = 0;
+  auto selection = std::make_unique<CHeadendSelection>(this, last, m_reason, started);
+  if (started == 0) {
     selection->SetProxy(providerFor(request, isSystemProxy).release());
     const CTask::Scope scope(run);
-    status = std::make_unique<RunThread>(std::move(selection))->Start();
+    started = std::make_unique<RunThread>(std::move(selection))->Start();
   }
+  status = started;
   return status == 0 ? ""
                      : std::string("the selection cannot be started: ") + statusCodeName(status);
 }
 
-void Selection::cancel() {
-  std::shared_ptr<Run> run;
-  std::vector<std::string> last;
-  bool isDone = false;
-  {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    run = m_run.lock();
-    last.swap(m_last);
-    isDone = m_isDone;
-  }
-  if (!isDone) {
-    settle(resultOf(last, AHS_ERROR_CANCELLED, ""));
+void Selection::cancel() noexcept {
+  if (wait(0) == nullptr) {
+    settle(resultOf({}, AHS_ERROR_CANCELLED, ""));
   }
   // Also one whose result is there may have workers that are late.
-  if (run != nullptr) {
-    run->Cancel();
+  if (const auto under = run(); under != nullptr) {
+    under->Cancel();
   }
 }
 
@@ -214,8 +207,9 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
     if (ahs_is_success(code) != 0) {
       static_cast<void>(entry.GetHeadendList(measured));
     }
-    Result result(code, m_reason, headends, realm,
-                  collectResults(headends, m_candidates->all(), tracks, measured, isFromCache));
+    const std::vector<std::string> kept = code == AHS_ERROR_CANCELLED ? last() : headends;
+    Result result(code, m_reason, kept, realm,
+                  collectResults(kept, m_candidates->all(), tracks, measured, isFromCache));
     if (isFromCache) {
       result.setFromCache(ageOf(entry));
     }
@@ -223,6 +217,11 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
   } catch (const std::exception&) {
     return {ahs_is_success(code) != 0 ? AHS_ERROR_OUT_OF_MEMORY : code, m_reason};
   }
+}
+
+std::vector<std::string> Selection::last() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  return m_last;
 }
 
 /// Null when its last thread has ended.

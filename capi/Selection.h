@@ -41,7 +41,7 @@ class Selection : public ClientIfcBase,
   std::string start(const ahs_request& request, bool isSystemProxy,
                     const std::shared_ptr<Presences>& presences, STATUSCODE& status);
 
-  void cancel();
+  void cancel() noexcept;
   /// Lets no socket callback come from now on, and waits for one that runs.
   void endSocketCallbacks();
   /// Cancels, and has nothing told any more.
@@ -59,6 +59,7 @@ class Selection : public ClientIfcBase,
   class ProbeMessage;
 
   std::shared_ptr<Run> run();
+  std::vector<std::string> last();
   Result resultOf(const std::vector<std::string>& headends, STATUSCODE status,
                   const std::string& realm) noexcept;
   void settle(Result&& result);

@@ -102,11 +102,16 @@ ahs_status startLibrary(const ahs_options* options, ahs_library*& library) {
     return refused(error);
   }
   ahs_status status = AHS_SUCCESS;
-  auto started = Library::start(plan, status, error);
+  const auto started = Library::start(plan, status, error);
   if (started == nullptr) {
     return failed(status, error.empty() ? ahs_status_text(status) : error);
   }
-  library = Libraries::instance().add(std::move(started));
+  try {
+    library = Libraries::instance().add(started);
+  } catch (const std::bad_alloc&) {
+    started->stop();
+    throw;
+  }
   return AHS_SUCCESS;
 }
 
@@ -125,13 +130,19 @@ ahs_status startSelection(Library& library, const ahs_request* request, ahs_call
   // The callback may come, and give the handle back, before this has returned.
   handle = Selections::instance().add(selection);
   STATUSCODE status = 0;
-  error = selection->start(given, library.core().usesSystemProxy(), library.presences(), status);
+  try {
+    error = selection->start(given, library.core().usesSystemProxy(), library.presences(), status);
+  } catch (const std::bad_alloc&) {
+    status = HEADENDSELECTION_ERROR_MEMALLOC_FAILED;
+    error.clear();
+  }
   if (status == 0) {
     return AHS_SUCCESS;
   }
   Selections::instance().take(handle);
   selection->abandon();
-  return failed(static_cast<ahs_status>(status), error);
+  return failed(static_cast<ahs_status>(status),
+                error.empty() ? ahs_status_text(AHS_ERROR_OUT_OF_MEMORY) : error);
 }
 
 }  // namespace

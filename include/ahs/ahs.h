@@ -258,7 +258,8 @@ typedef struct ahs_result {
   /** With AHS_ERROR_AUTH_PROXY_DETECTED the realm of the proxy that asks; else empty. It may hold
    * anything: make it visible before you show it. */
   const char* proxy_realm;
-  /** Every headend that takes part: those of `headends` in that order, then the others. */
+  /** Every headend that takes part, once: those of `headends` in that order, then the others. One
+   * that several host entries name goes by the first name in byte order. */
   const ahs_candidate* const* candidates;
   size_t candidate_count; /**< of these */
   int from_cache;         /**< the metrics are those of an earlier selection */

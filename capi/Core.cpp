@@ -2,7 +2,10 @@
 
 #include "capi/Core.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "vpn/Api/AHS/SelectionCache.h"
@@ -22,10 +25,15 @@ const Candidate* Candidates::at(const Place& place) const {
 
 const Candidate* Candidates::named(const std::string& name) const {
   const std::string wanted = CStringUtils::toLower(name);
-  const auto found = std::ranges::find_if(m_all, [&wanted](const Candidate& candidate) {
-    return CStringUtils::toLower(candidate.name) == wanted;
-  });
-  return found == m_all.end() ? nullptr : &*found;
+  for (const auto member : {&Candidate::name, &Candidate::headend}) {
+    const auto found = std::ranges::find_if(m_all, [&](const Candidate& candidate) {
+      return CStringUtils::toLower(candidate.*member) == wanted;
+    });
+    if (found != m_all.end()) {
+      return &*found;
+    }
+  }
+  return nullptr;
 }
 
 Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {
@@ -59,6 +67,10 @@ void Core::look() {
 void Core::keepProblems(const std::string& logProblem) {
   if (!logProblem.empty()) {
     m_fileProblems.push_back({m_plan.log.file, 0, 0, "the log cannot be written: " + logProblem});
+  }
+  const std::string& directory = m_plan.sources.profileDirectory;
+  if (!directory.empty() && access(directory.c_str(), F_OK) != 0 && errno == ENOENT) {
+    m_fileProblems.push_back({directory, 0, 0, "the directory of the profiles does not exist"});
   }
   for (const FileProblem& problem : m_fileProblems) {
     m_problems.push_back({sizeof(ahs_problem), problem.file.c_str(), problem.line, problem.column,

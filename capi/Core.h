@@ -21,7 +21,7 @@ class Candidates {
   const std::vector<Candidate>& all() const { return m_all; }
   /// The one that is probed at a place; null if there is none.
   const Candidate* at(const Place& place) const;
-  /// The one of a host entry's name, in any letter case; null if there is none.
+  /// The one of a host entry's name, else of a headend, in any letter case; null if there is none.
   const Candidate* named(const std::string& name) const;
 
  private:

@@ -12,11 +12,15 @@
 #include "capi/SocketWay.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/include/StringUtils.h"
 
 using std::chrono::milliseconds;
 
 namespace {
+
+constexpr const char* SourceFile = "capi/Selection";
 
 /// Seconds since an entry was made; -1 if the clock has been put back since.
 int64_t ageOf(const CCacheEntry& entry) {
@@ -128,17 +132,26 @@ std::string Selection::start(const ahs_request& request, bool isSystemProxy,
   if (!error.empty()) {
     return error;
   }
+  run->SetTerms({run->way().words(), request.measure_now != 0});
+  const Candidate* const known = m_candidates->named(last);
   {
     const CAutoLockT<CMonitor> guard(m_lock);
     m_run = run;
     if (m_isDone) {
       run->Cancel();  // the library is being stopped
-    } else if (const Candidate* known = m_candidates->named(last); known != nullptr) {
+    } else if (known != nullptr) {
       m_last = {known->headend};
     }
   }
+  if (known == nullptr && !last.empty()) {
+    CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,
+                             "request.last_headend \"%s\" is no headend that takes part",
+                             CStringUtils::printable(last).c_str());
+  }
   STATUSCODE started = 0;
-  auto selection = std::make_unique<CHeadendSelection>(this, last, m_reason, started);
+  // The run knows a headend by the name of its entry.
+  auto selection = std::make_unique<CHeadendSelection>(this, known != nullptr ? known->name : last,
+                                                       m_reason, started);
   if (started == 0) {
     selection->SetProxy(providerFor(request, isSystemProxy).release());
     const CTask::Scope scope(run);

@@ -16,6 +16,7 @@
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/GuardedCall.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -46,6 +47,7 @@ std::string SocketWay::take(const ahs_request& request) {
     return "request.interface_name is longer than a name of an interface can be";
   }
   if (request.source_address != nullptr && *request.source_address != '\0') {
+    m_sourceText = request.source_address;
     addrinfo hints{};
     // What has no colon has to be four numbers; the resolver would take fewer.
     in_addr numbers{};
@@ -73,6 +75,20 @@ std::string SocketWay::take(const ahs_request& request) {
   std::string error = apply(trial);
   ::close(trial);
   return error;
+}
+
+std::vector<std::string> SocketWay::words() const {
+  std::vector<std::string> words;
+  if (m_mark != 0) {
+    words.push_back("mark " + std::to_string(m_mark));
+  }
+  if (!m_interface.empty()) {
+    words.push_back("interface " + CStringUtils::printable(m_interface));
+  }
+  if (m_sourceLength != 0) {
+    words.push_back("source " + CStringUtils::printable(m_sourceText));
+  }
+  return words;
 }
 
 bool SocketWay::prepare(int socket, int family) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "ahs/ahs.h"
 #include "vpn/include/Locks.h"
@@ -21,6 +22,9 @@ class SocketWay {
   /// @return an empty text, or which member is wrong and why.
   std::string take(const ahs_request& request);
 
+  /// What is taken, in words that tell one way from another.
+  std::vector<std::string> words() const;
+
   /// Prepares a socket, and lets the client look at it. The first failure is logged. Any thread may
   /// call it. @return whether it may be used.
   bool prepare(int socket, int family);
@@ -35,6 +39,7 @@ class SocketWay {
 
   // Constant from `take` on.
   std::string m_interface;
+  std::string m_sourceText;
   sockaddr_storage m_source{};
   socklen_t m_sourceLength = 0;  // 0: none
   uint32_t m_mark = 0;

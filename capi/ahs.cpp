@@ -155,8 +155,32 @@ int ahs_is_success(ahs_status status) {
   return status == AHS_SUCCESS || status == AHS_ADDED_TO_CACHE ? 1 : 0;
 }
 
+// Those that the header names go by the names there, any other by the one of the log.
 const char* ahs_status_name(ahs_status status) {
-  return status == AHS_ERROR_CANCELLED ? "AHS_ERROR_CANCELLED" : statusCodeName(STATUSCODE{status});
+  switch (status) {
+    case AHS_SUCCESS:
+      return "AHS_SUCCESS";
+    case AHS_ADDED_TO_CACHE:
+      return "AHS_ADDED_TO_CACHE";
+    case AHS_ERROR_BAD_PARAMETER:
+      return "AHS_ERROR_BAD_PARAMETER";
+    case AHS_ERROR_OUT_OF_MEMORY:
+      return "AHS_ERROR_OUT_OF_MEMORY";
+    case AHS_ERROR_AUTH_PROXY_DETECTED:
+      return "AHS_ERROR_AUTH_PROXY_DETECTED";
+    case AHS_ERROR_TIMEOUT:
+      return "AHS_ERROR_TIMEOUT";
+    case AHS_ERROR_NO_HEADENDS:
+      return "AHS_ERROR_NO_HEADENDS";
+    case AHS_ERROR_SELECTION_FAILURE:
+      return "AHS_ERROR_SELECTION_FAILURE";
+    case AHS_ERROR_ALREADY_STARTED:
+      return "AHS_ERROR_ALREADY_STARTED";
+    case AHS_ERROR_CANCELLED:
+      return "AHS_ERROR_CANCELLED";
+    default:
+      return statusCodeName(STATUSCODE{status});
+  }
 }
 
 const char* ahs_status_text(ahs_status status) {

@@ -65,7 +65,7 @@ typedef uint32_t ahs_status;
 /** ahs_cancel() ended the selection. */
 #define AHS_ERROR_CANCELLED ((ahs_status)0xFE7A0001)
 
-/** What a client is doing that it needs a headend. */
+/** What a client is doing that it needs a headend. Only a reconnection changes what happens. */
 enum ahs_reason {
   AHS_REASON_CONNECTION = 0,
   /** Keeps the last headend unless another is better by the preference SelectionImprovement. */
@@ -148,10 +148,10 @@ typedef struct ahs_options {
   /** The proxy: "host" or "host:port"; "" for none; null: the preferences decide, whose default is
    * the system's proxy. */
   const char* proxy;
-  const char*
-      cache_file;       /**< keeps selections between processes; null: in memory, until the stop */
-  const char* log_file; /**< rotated at 4 MiB; null: none */
-  uint32_t log_level;   /**< least important that is logged, one of ahs_log_level */
+  const char* cache_file; /**< keeps selections between processes, in a directory that is made;
+                             null: in memory */
+  const char* log_file;   /**< rotated at 4 MiB; null: none */
+  uint32_t log_level;     /**< least important that is logged, one of ahs_log_level */
   /** Not 0: callbacks come inside ahs_dispatch() alone; see ahs_descriptor(). */
   int own_loop;
   ahs_log_callback on_log; /**< hears what is logged; null for nobody */
@@ -209,7 +209,7 @@ typedef struct ahs_request {
   size_t size;                /**< sizeof(ahs_request) */
   uint32_t reason;            /**< one of ahs_reason */
   uint32_t proxy_type;        /**< one of ahs_proxy_type; without a user name only NONE matters */
-  const char* last_headend;   /**< name of the host entry used last, in any letter case */
+  const char* last_headend;   /**< used last: its name, or as in ahs_result; in any letter case */
   const char* proxy_user;     /**< for a proxy that asked */
   const char* proxy_password; /**< wiped from the library's memory when the selection is over */
   /** Probes leave through this network interface (SO_BINDTODEVICE, socket(7)). */
@@ -217,6 +217,8 @@ typedef struct ahs_request {
   /** Probes leave from this IPv4 or IPv6 address, and reach headends of its family alone. */
   const char* source_address;
   uint32_t mark; /**< probes carry it (SO_MARK, socket(7); takes CAP_NET_ADMIN); 0 for none */
+  /** Not 0: measured now, whatever the cache has, which then keeps the new result. */
+  int measure_now;
   ahs_socket_callback on_socket;     /**< is given each socket; null for nobody */
   void* socket_context;              /**< handed to on_socket */
   ahs_progress_callback on_progress; /**< hears of each probe; null for nobody */
@@ -227,7 +229,7 @@ typedef struct ahs_request {
 #define AHS_REQUEST_INIT                                                                          \
   {                                                                                               \
     sizeof(ahs_request), AHS_REASON_CONNECTION, AHS_PROXY_BASIC, NULL, NULL, NULL, NULL, NULL, 0, \
-        NULL, NULL, NULL, NULL                                                                    \
+        0, NULL, NULL, NULL, NULL                                                                 \
   }
 
 /** No metric, for ahs_candidate. */
@@ -285,7 +287,7 @@ const char* ahs_version(void);
 /** Whether a selection that ended so has chosen: AHS_SUCCESS or AHS_ADDED_TO_CACHE. */
 int ahs_is_success(ahs_status status);
 
-/** Name of a status, such as "HEADENDSELECTION_ERROR_TIMEOUT"; "UNKNOWN" for any other; static. */
+/** Name of a status, such as "AHS_ERROR_TIMEOUT"; "UNKNOWN" for any other; static. */
 const char* ahs_status_name(ahs_status status);
 
 /** A status in a sentence that says what to do, without a full stop at its end; static. */
@@ -358,8 +360,9 @@ ahs_status ahs_select(ahs_library* library, const ahs_request* request, ahs_call
 
 /**
  * Ends a selection and returns at once: its result is there, with AHS_ERROR_CANCELLED and what was
- * found out so far, and its callback comes. Connections close, no new one starts, and what was
- * still found out is dropped. Does nothing to a selection whose result is there.
+ * found out so far (samples, no metrics), and its callback comes. Connections close, no new one
+ * starts, and what was still found out is dropped. Does nothing to a selection whose result is
+ * there.
  */
 ahs_status ahs_cancel(ahs_selection* selection);
 

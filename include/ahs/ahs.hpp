@@ -1,6 +1,10 @@
 #ifndef AHS_HPP
 #define AHS_HPP
 
+#if __cplusplus < 202002L
+#error "ahs.hpp needs C++20 (-std=c++20); ahs.h is C"
+#endif
+
 /**
  * @file
  * Selection of the nearest VPN gateway ("headend") for clients in C++20.
@@ -206,7 +210,8 @@ struct Request {
   std::string interfaceName{};
   /// Probes leave from this IPv4 or IPv6 address, and reach headends of its family alone.
   std::string sourceAddress{};
-  std::uint32_t mark = 0;  ///< probes carry it (SO_MARK; takes CAP_NET_ADMIN); 0 for none
+  std::uint32_t mark = 0;   ///< probes carry it (SO_MARK; takes CAP_NET_ADMIN); 0 for none
+  bool measureNow = false;  ///< whatever the cache has, which then keeps the new result
   /// Is given each socket that a probe is about to connect, after the three above were set, on the
   /// probe's own thread and several at a time. It must not close the socket, and of this library
   /// may call Probe::cancel() and Selection::cancel() only. The probe fails as if it could not
@@ -485,6 +490,7 @@ class Library {
     native.interface_name = detail::orNull(request.interfaceName);
     native.source_address = detail::orNull(request.sourceAddress);
     native.mark = request.mark;
+    native.measure_now = request.measureNow ? 1 : 0;
     native.on_socket = callbacks->onSocket ? detail::Callbacks::tellSocket : nullptr;
     native.socket_context = callbacks.get();
     native.on_progress = callbacks->onProgress ? detail::Callbacks::tellProgress : nullptr;

@@ -60,6 +60,12 @@ void logShortage(const char* function, const char* call) {
                          HEADENDSELECTION_ERROR_MEMALLOC_FAILED, 0, nullptr);
 }
 
+/// What the selection that this thread works for asks for.
+SelectionRecord::Terms termsOfSelection() {
+  const auto record = SelectionRecord::Current();
+  return record != nullptr ? record->terms() : SelectionRecord::Terms();
+}
+
 /// Whoever is cancelled has measured some of the headends, and the nearest may not be among them.
 bool isOfCancelledSelection() {
   const auto record = SelectionRecord::Current();
@@ -215,6 +221,9 @@ std::string CSelectionCache::toString() {
 bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
   const CAutoLockT<CManualLock> lock(m_lock);
   try {
+    if (termsOfSelection().measuresNow) {
+      return false;
+    }
     buildCacheFromPrefs();
     CCacheEntry found;
     if (calculateKey(ml_dnsList) != HEADENDSELECTION_SUCCESS || !findDnsCacheEntry(key, found) ||
@@ -393,6 +402,8 @@ STATUSCODE CSelectionCache::calculateKey(std::vector<std::string>& dnsList) {
                            "readResolverPlace", HEADENDSELECTION_ERROR_UNEXPECTED, 0, nullptr);
     return HEADENDSELECTION_ERROR_UNEXPECTED;
   }
+  const SelectionRecord::Terms terms = termsOfSelection();
+  place.insert(place.end(), terms.way.begin(), terms.way.end());
   std::sort(place.begin(), place.end());
   dnsList.swap(place);
   return HEADENDSELECTION_SUCCESS;

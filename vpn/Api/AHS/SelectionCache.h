@@ -24,7 +24,8 @@ class SaxWriterIfc;
 /// most `MaxEntries` selections are kept; those that were used longest ago go first. What is wrong
 /// with the file costs a warning and never a selection: the cache then works in memory. No
 /// operation throws. The selection that the calling thread works for (`SelectionRecord`) notes the
-/// entry that a look-up has found or a store was given.
+/// entry that a look-up has found or a store was given. The way that its probes leave the machine
+/// belongs to the place, and it may ask that no selection be found.
 ///
 /// All operations may be called from any thread that holds an acquisition. The file is written on a
 /// thread of the cache's own, so that a slow disk holds nobody up for longer than is said here.

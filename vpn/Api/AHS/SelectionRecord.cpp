@@ -4,6 +4,7 @@
 #include "vpn/Api/AHS/SelectionRecord.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 
@@ -59,6 +60,16 @@ void SelectionRecord::ProbeEnded(const HttpProbe::Report& report) {
 
 std::shared_ptr<SelectionRecord> SelectionRecord::Current() {
   return std::dynamic_pointer_cast<SelectionRecord>(CTask::Current());
+}
+
+void SelectionRecord::SetTerms(Terms terms) {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  m_terms = std::move(terms);
+}
+
+SelectionRecord::Terms SelectionRecord::terms() const {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  return m_terms;
 }
 
 void SelectionRecord::NoteEntry(const CCacheEntry& entry) {

@@ -37,6 +37,18 @@ class SelectionRecord : public ProbeTask {
   /// The record of the selection that this thread works for; null for none.
   static std::shared_ptr<SelectionRecord> Current();
 
+  /// What a selection asks for besides what the run is given.
+  struct Terms {
+    /// How its probes leave the machine, for the cache: what was measured another way was measured
+    /// at another place. Printable ASCII.
+    std::vector<std::string> way;
+    /// The cache has nothing for it; what it measures is stored.
+    bool measuresNow = false;
+  };
+  /// To be set before the run starts.
+  void SetTerms(Terms terms);
+  Terms terms() const;
+
   /// The run has used or stored this entry of the cache.
   void NoteEntry(const CCacheEntry& entry);
   /// That entry; one without records if there is none.
@@ -57,4 +69,5 @@ class SelectionRecord : public ProbeTask {
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
   Progress m_progress AHS_GUARDED_BY(m_lock);
   CCacheEntry m_entry AHS_GUARDED_BY(m_lock);
+  Terms m_terms AHS_GUARDED_BY(m_lock);
 };

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/ProxyChoice.h"
 #include "vpn/Api/ProxyProviders.h"
 #include "vpn/Common/Utility/URL.h"
@@ -26,11 +27,6 @@ constexpr std::size_t LargestStructure = 4096;
 std::string textOf(const char* text) { return text == nullptr ? std::string() : text; }
 
 std::string quoted(const std::string& text) { return "\"" + CStringUtils::printable(text) + "\""; }
-
-bool isControl(char character) {
-  const auto byte = static_cast<unsigned char>(character);
-  return byte < 0x20 || byte == 0x7F;
-}
 
 std::string element(const char* array, std::size_t index) {
   return std::string(array) + "[" + std::to_string(index) + "]";
@@ -85,9 +81,9 @@ std::string takeHeadends(const ahs_options& options, std::vector<GivenHeadend>& 
     if (name.empty()) {
       return where + ".name is empty: null stands for the address";
     }
-    if (name.size() > MaxHostNameLength || std::ranges::any_of(name, isControl)) {
+    if (ConfigurationText::oneLine(name, MaxHostNameLength) != name) {
       return where + ".name " + quoted(name) + " is longer than " +
-             std::to_string(MaxHostNameLength) + " bytes or has control characters";
+             std::to_string(MaxHostNameLength) + " bytes, has control characters, or is not UTF-8";
     }
     const auto [known, isNew] = names.emplace(CStringUtils::toLower(name), i);
     if (!isNew) {

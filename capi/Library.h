@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "ahs/ahs.h"
-#include "capi/Core.h"
+#include "capi/HeldCore.h"
 #include "capi/LogListener.h"
 #include "capi/Selection.h"
 #include "capi/Teller.h"
@@ -29,9 +29,8 @@ class Library {
 
   /// A selection that is not started yet; null for a library that stops.
   std::shared_ptr<Selection> makeSelection(Selection::Client client, uint32_t reason);
-  const std::shared_ptr<Presences>& presences() const { return m_presences; }
-
-  const Core& core() const { return *m_core; }
+  /// Null once it is stopped.
+  std::shared_ptr<HeldCore> core() const;
   Teller& teller() { return *m_teller; }
 
  private:
@@ -39,11 +38,10 @@ class Library {
 
   const std::shared_ptr<Teller> m_teller;
   const std::shared_ptr<Presences> m_presences;
-  // Written by start and stop, which take turns.
-  std::optional<LogListener> m_logListener;
-  std::shared_ptr<const Core> m_core;
+  std::optional<LogListener> m_logListener;  // written by start and stop
 
-  CManualLock m_lock;
+  mutable CManualLock m_lock;
+  std::shared_ptr<HeldCore> m_core AHS_GUARDED_BY(m_lock);
   bool m_isStopping AHS_GUARDED_BY(m_lock) = false;
   std::vector<std::weak_ptr<Selection>> m_selections AHS_GUARDED_BY(m_lock);
 };

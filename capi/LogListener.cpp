@@ -57,13 +57,22 @@ class LogListener::Heard : public Teller::Message {
         m_function(record.function),
         m_message{sizeof m_message, levelOf(record.severity), m_text.c_str(), m_function.c_str(),
                   lost} {
-    m_ear->m_waiting += m_text.size();
+    m_ear->m_waiting += size();
   }
-  ~Heard() override { m_ear->m_waiting -= m_text.size(); }
+  ~Heard() override { m_ear->m_waiting -= size(); }
+
+  /// With what the list and the heap add.
+  static std::size_t sizeOf(const CAppLog::Record& record) {
+    return sizeof(Heard) + Overhead + record.message.size();
+  }
 
   void tell() override { m_ear->m_callback(&m_message, m_ear->m_context); }
 
  private:
+  static constexpr std::size_t Overhead = 160;
+
+  std::size_t size() const { return sizeof(Heard) + Overhead + m_text.size(); }
+
   const std::shared_ptr<Ear> m_ear;
   const std::string m_text;
   const std::string m_function;
@@ -74,7 +83,7 @@ void LogListener::Ear::hear(const CAppLog::Record& record) {
   if (levelOf(record.severity) > m_level) {
     return;
   }
-  if (m_waiting + record.message.size() > MostWaiting) {
+  if (m_waiting + Heard::sizeOf(record) > MostWaiting) {
     ++m_lost;
     return;
   }

@@ -35,9 +35,12 @@ int64_t ageOf(const CCacheEntry& entry) {
 /// The task of a run's threads. The token is the last to go.
 class Selection::Run : public SelectionRecord {
  public:
-  Run(std::shared_ptr<Selection> selection, const std::shared_ptr<Presences>& presences)
-      : m_token(presences), m_selection(std::move(selection)) {}
+  Run(const std::shared_ptr<HeldCore>& core, const std::shared_ptr<Presences>& presences)
+      : m_token(presences), m_core(core) {}
 
+  /// Lets it hold the selection that it is a part of, before any thread of it exists.
+  void hold(std::shared_ptr<Selection> selection) { m_selection = std::move(selection); }
+  const Core& core() const { return m_core->get(); }
   SocketWay& way() { return m_way; }
 
   void ProbeStarted(const HttpProbe::Report& report) override {
@@ -54,8 +57,10 @@ class Selection::Run : public SelectionRecord {
   }
 
  private:
+  // Who waits for the token finds the core let go.
   const Presences::Token m_token;
-  const std::shared_ptr<Selection> m_selection;
+  const std::shared_ptr<HeldCore> m_core;
+  std::shared_ptr<Selection> m_selection;
   SocketWay m_way;
 };
 
@@ -111,22 +116,24 @@ class Selection::ProbeMessage : public Teller::Message {
   const std::string m_address;
 };
 
-Selection::Selection(std::shared_ptr<const Candidates> candidates, const Client& client,
+Selection::Selection(const std::shared_ptr<HeldCore>& core,
+                     const std::shared_ptr<Presences>& presences, const Client& client,
                      uint32_t reason)
-    : m_candidates(std::move(candidates)),
+    : m_candidates(core->get().candidates()),
       m_client(client),
       m_reason(reason),
       m_start(std::chrono::steady_clock::now()),
+      m_unstarted(std::make_shared<Run>(core, presences)),
       m_result(AHS_SUCCESS, reason) {
   m_resultMessage.push_back(std::make_unique<ResultMessage>(this));
 }
 
 Selection::~Selection() = default;
 
-std::string Selection::start(const ahs_request& request, bool isSystemProxy,
-                             const std::shared_ptr<Presences>& presences, STATUSCODE& status) {
+std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
   status = HEADENDSELECTION_ERROR_BAD_PARAMETER;
-  const auto run = std::make_shared<Run>(shared_from_this(), presences);
+  const std::shared_ptr<Run> run = takeUnstarted();
+  run->hold(shared_from_this());
   const std::string last = request.last_headend == nullptr ? "" : request.last_headend;
   std::string error = run->way().take(request);
   if (!error.empty()) {
@@ -134,35 +141,69 @@ std::string Selection::start(const ahs_request& request, bool isSystemProxy,
   }
   run->SetTerms({run->way().words(), request.measure_now != 0});
   const Candidate* const known = m_candidates->named(last);
-  {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    m_run = run;
-    if (m_isDone) {
-      run->Cancel();  // the library is being stopped
-    } else if (known != nullptr) {
-      m_last = {known->headend};
-    }
-  }
   if (known == nullptr && !last.empty()) {
     CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,
                              "request.last_headend \"%s\" is no headend that takes part",
                              CStringUtils::printable(last).c_str());
   }
-  STATUSCODE started = 0;
+  note(run, known);
   // The run knows a headend by the name of its entry.
+  STATUSCODE started = 0;
   auto selection = std::make_unique<CHeadendSelection>(this, known != nullptr ? known->name : last,
                                                        m_reason, started);
   if (started == 0) {
-    selection->SetProxy(providerFor(request, isSystemProxy).release());
+    selection->SetProxy(providerFor(request, run->core().usesSystemProxy()).release());
+    const auto thread = std::make_unique<RunThread>(std::move(selection));
+    if (isCancelWanted()) {
+      return "library is being stopped";
+    }
     const CTask::Scope scope(run);
-    started = std::make_unique<RunThread>(std::move(selection))->Start();
+    started = thread->Start();
   }
   status = started;
-  return status == 0 ? ""
-                     : std::string("the selection cannot be started: ") + statusCodeName(status);
+  if (status != 0) {
+    return std::string("the selection cannot be started: ") + statusCodeName(status);
+  }
+  if (endUnstarted()) {
+    cancel();
+  }
+  return "";
+}
+
+std::shared_ptr<Selection::Run> Selection::takeUnstarted() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  return m_unstarted;
+}
+
+void Selection::note(const std::shared_ptr<Run>& run, const Candidate* last) {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  m_run = run;
+  if (last != nullptr) {
+    m_last = {last->headend};
+  }
+}
+
+bool Selection::isCancelWanted() {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  return m_isCancelWanted;
+}
+
+/// Ends the time in which a cancel has to wait. @return whether there was one.
+bool Selection::endUnstarted() {
+  std::shared_ptr<Run> started;  // goes without the lock
+  const CAutoLockT<CMonitor> guard(m_lock);
+  started.swap(m_unstarted);
+  return m_isCancelWanted;
 }
 
 void Selection::cancel() noexcept {
+  {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    if (m_unstarted != nullptr) {
+      m_isCancelWanted = true;
+      return;
+    }
+  }
   if (wait(0) == nullptr) {
     settle(resultOf({}, AHS_ERROR_CANCELLED, ""));
   }
@@ -180,6 +221,7 @@ void Selection::endSocketCallbacks() {
 
 void Selection::abandon() {
   m_client.teller->forget(*this);
+  endUnstarted();
   cancel();
   endSocketCallbacks();
 }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "ahs/ahs.h"
-#include "capi/Core.h"
+#include "capi/HeldCore.h"
 #include "capi/Presences.h"
 #include "capi/Result.h"
 #include "capi/Teller.h"
@@ -31,16 +31,18 @@ class Selection : public ClientIfcBase,
     void* progressContext = nullptr;
   };
 
-  Selection(std::shared_ptr<const Candidates> candidates, const Client& client, uint32_t reason);
+  /// @param core held until the last thread of the run has ended.
+  /// @param presences counts this from now on until then.
+  Selection(const std::shared_ptr<HeldCore>& core, const std::shared_ptr<Presences>& presences,
+            const Client& client, uint32_t reason);
   ~Selection() override;
 
   /// Starts the run. To be called once.
-  /// @param request checked. @param isSystemProxy see `providerFor`.
-  /// @param presences counts the run until its last thread has ended.
-  /// @param status receives why there is no run. @return what is wrong, empty if nothing is.
-  std::string start(const ahs_request& request, bool isSystemProxy,
-                    const std::shared_ptr<Presences>& presences, STATUSCODE& status);
+  /// @param request checked. @param status receives why there is no run. @return what is wrong,
+  /// empty if nothing is.
+  std::string start(const ahs_request& request, STATUSCODE& status);
 
+  /// One that is not started yet is cancelled as soon as it is.
   void cancel() noexcept;
   /// Lets no socket callback come from now on, and waits for one that runs.
   void endSocketCallbacks();
@@ -58,6 +60,10 @@ class Selection : public ClientIfcBase,
   class ResultMessage;
   class ProbeMessage;
 
+  std::shared_ptr<Run> takeUnstarted();
+  void note(const std::shared_ptr<Run>& run, const Candidate* last);
+  bool isCancelWanted();
+  bool endUnstarted();
   std::shared_ptr<Run> run();
   std::vector<std::string> last();
   Result resultOf(const std::vector<std::string>& headends, STATUSCODE status,
@@ -71,6 +77,8 @@ class Selection : public ClientIfcBase,
   const uint32_t m_reason;
   const std::chrono::steady_clock::time_point m_start;
   CMonitor m_lock;  // notified of the result; taken before the teller's
+  std::shared_ptr<Run> m_unstarted AHS_GUARDED_BY(m_lock);  // until `start` is through
+  bool m_isCancelWanted AHS_GUARDED_BY(m_lock) = false;     // before that
   std::weak_ptr<Run> m_run AHS_GUARDED_BY(m_lock);
   std::vector<std::string> m_last AHS_GUARDED_BY(m_lock);  // the headend used last, or nothing
   bool m_isDone AHS_GUARDED_BY(m_lock) = false;

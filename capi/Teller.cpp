@@ -6,6 +6,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
@@ -15,12 +17,18 @@ namespace {
 
 constexpr const char* SourceFile = "capi/Teller";
 
+/// How many messages of any teller this thread is inside. Who waited in one for another thread
+/// could wait for one that waits for it.
+thread_local int depth = 0;
+
 void tellOne(Teller::Message& message) {
+  ++depth;
   guardedCall([&message] { message.tell(); },
               [](const char* what) {
                 CAppLog::LogDebugMessage("tell", SourceFile, __LINE__, Logging::DBG_Error,
                                          "a callback of the client has thrown: %s", what);
               });
+  --depth;
 }
 
 }  // namespace
@@ -30,7 +38,11 @@ Teller::Message::~Message() = default;
 /// Holds the teller until it is closed.
 class Teller::TellingThread : public CThread {
  public:
-  explicit TellingThread(std::shared_ptr<Teller> teller) : m_teller(std::move(teller)) {}
+  // What a client does in its callbacks has room as on any thread of its own.
+  static constexpr std::size_t StackSize = std::size_t{8} * 1024 * 1024;
+
+  explicit TellingThread(std::shared_ptr<Teller> teller)
+      : CThread(StackSize), m_teller(std::move(teller)) {}
 
   STATUSCODE Run() override {
     m_teller->serve();
@@ -53,7 +65,7 @@ Teller::~Teller() {
 std::shared_ptr<Teller> Teller::make(bool byClient, bool& isUp) {
   std::shared_ptr<Teller> teller(new Teller(byClient));
   if (byClient) {
-    isUp = teller->m_descriptor >= 0;
+    isUp = teller->descriptor() >= 0;
     return teller;
   }
   {
@@ -71,7 +83,10 @@ std::shared_ptr<Teller> Teller::make(bool byClient, bool& isUp) {
 void Teller::post(Messages& messages) noexcept {
   Messages dropped;  // destroyed without the lock
   const CAutoLockT<CMonitor> guard(m_lock);
-  if (m_isClosing) {
+  const bool isForgotten = std::ranges::any_of(messages, [](const auto& message) {
+    return message->m_subject != nullptr && message->m_subject->m_isForgotten;
+  });
+  if (m_isClosing || isForgotten) {
     dropped.swap(messages);
     return;
   }
@@ -113,10 +128,7 @@ void Teller::tellQueue() {
     one.clear();
     m_lock.Lock();
   }
-  if (m_descriptor >= 0) {
-    eventfd_t ignored = 0;
-    eventfd_read(m_descriptor, &ignored);
-  }
+  calm();
   m_thread = former;
   m_lock.NotifyAll();
 }
@@ -136,10 +148,29 @@ void Teller::serve() {
   m_lock.NotifyAll();
 }
 
+/// Nothing is to be told.
+void Teller::calm() {
+  eventfd_t ignored = 0;
+  if (m_descriptor >= 0) {
+    eventfd_read(m_descriptor, &ignored);
+  }
+}
+
 void Teller::forget(Subject& subject) {
+  Messages dropped;  // destroyed without the lock
   const CAutoLockT<CMonitor> guard(m_lock);
   subject.m_isForgotten = true;
-  while (subject.m_beingTold > 0 && !isMine()) {
+  for (auto message = m_queue.begin(); message != m_queue.end();) {
+    const auto next = std::next(message);
+    if ((*message)->m_subject == &subject) {
+      dropped.splice(dropped.end(), m_queue, message);
+    }
+    message = next;
+  }
+  if (m_queue.empty()) {
+    calm();
+  }
+  while (subject.m_beingTold > 0 && depth == 0) {
     m_lock.Wait();
   }
 }
@@ -148,12 +179,29 @@ void Teller::close() {
   const CAutoLockT<CMonitor> guard(m_lock);
   m_isClosing = true;
   m_lock.NotifyAll();
-  if (isMine()) {
-    tellQueue();
-    return;
-  }
-  while (m_isServed || m_thread != std::thread::id()) {
+  while (depth == 0 && (m_isServed || m_thread != std::thread::id())) {
     m_lock.Wait();
   }
-  tellQueue();
+  // Whoever is inside a message of this one tells the rest here; a thread that serves it goes on.
+  if (isMine() || (!m_isServed && m_thread == std::thread::id())) {
+    tellQueue();
+  }
+  if (m_descriptor >= 0) {
+    ::close(m_descriptor);
+    m_descriptor = -1;
+  }
+}
+
+void Teller::drop() {
+  Messages dropped;  // destroyed without the lock
+  {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    dropped.swap(m_queue);
+  }
+  close();
+}
+
+int Teller::descriptor() const {
+  const CAutoLockT<CMonitor> guard(m_lock);
+  return m_descriptor;
 }

@@ -51,15 +51,20 @@ class Teller {
   /// Tells what there is. Does nothing inside a message, and while another thread tells.
   void tellAll();
 
-  /// Drops what is to be told about a subject from now on, and waits for a message about it that is
-  /// being told by another thread.
+  /// Drops what is to be told about a subject now and later, and waits for a message about it that
+  /// is being told by another thread, except inside a message.
   void forget(Subject& subject);
 
-  /// Tells what there is, by the one thread or the other, and nothing from then on.
+  /// Tells what there is, by the one thread or the other, and nothing from then on. Inside a
+  /// message of another teller it does not wait for that.
   void close();
 
-  /// Polls readable while there is something to tell; -1 where the client does not tell.
-  int descriptor() const { return m_descriptor; }
+  /// The same, but tells nothing more.
+  void drop();
+
+  /// Polls readable while there is something to tell; -1 where the client does not tell, and once
+  /// it is closed.
+  int descriptor() const;
 
  private:
   class TellingThread;
@@ -67,10 +72,11 @@ class Teller {
   explicit Teller(bool byClient);
   void serve();
   void tellQueue() AHS_REQUIRES(m_lock);
+  void calm() AHS_REQUIRES(m_lock);
   bool isMine() const AHS_REQUIRES(m_lock) { return m_thread == std::this_thread::get_id(); }
 
-  const int m_descriptor;
-  CMonitor m_lock;  // notified of messages, of the end of telling, and of the closing
+  mutable CMonitor m_lock;  // notified of messages, of the end of telling, and of the closing
+  int m_descriptor AHS_GUARDED_BY(m_lock);
   Messages m_queue AHS_GUARDED_BY(m_lock);
   std::thread::id m_thread AHS_GUARDED_BY(m_lock);  // the one that tells, while it does
   bool m_isClosing AHS_GUARDED_BY(m_lock) = false;

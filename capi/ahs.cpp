@@ -131,7 +131,7 @@ ahs_status startSelection(Library& library, const ahs_request* request, ahs_call
   handle = Selections::instance().add(selection);
   STATUSCODE status = 0;
   try {
-    error = selection->start(given, library.core().usesSystemProxy(), library.presences(), status);
+    error = selection->start(given, status);
   } catch (const std::bad_alloc&) {
     status = HEADENDSELECTION_ERROR_MEMALLOC_FAILED;
     error.clear();
@@ -248,7 +248,12 @@ size_t ahs_problems(ahs_library* library, const ahs_problem* const** problems) {
     static_cast<void>(found == nullptr ? noLibrary(library) : refused("problems is null"));
     return 0;
   }
-  const auto& all = found->core().problems();
+  const std::shared_ptr<HeldCore> core = found->core();
+  if (core == nullptr) {
+    static_cast<void>(noLibrary(library));
+    return 0;
+  }
+  const auto& all = core->get().problems();
   *problems = all.empty() ? nullptr : all.data();
   return all.size();
 }

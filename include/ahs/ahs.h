@@ -31,7 +31,7 @@
  * function says otherwise. All callbacks of a library but ahs_socket_callback come one at a time
  * and in order: on a thread of the library, or, for a client with an event loop, inside
  * ahs_dispatch(). A callback that takes long holds up the callbacks after it and no measurement.
- * None may throw, or end its thread.
+ * None may throw or end its thread, and no thread may be cancelled (pthread_cancel(3)) in here.
  */
 
 #include <stddef.h>
@@ -198,6 +198,7 @@ typedef void (*ahs_progress_callback)(const ahs_probe* probe, void* context);
  * Is given each socket that a probe is about to connect, after interface, source address and mark
  * of the request were set. Comes on the probe's own thread, several at a time, and holds up that
  * probe; it must not close the socket, and of this library's functions may call ahs_cancel() only.
+ * Its stack has 256 KiB.
  * @param socket a TCP socket that is neither bound (but for the request's source address) nor
  *        connected.
  * @return 0 to go on; anything else: the probe fails as if it could not connect.
@@ -211,7 +212,7 @@ typedef struct ahs_request {
   uint32_t proxy_type;        /**< one of ahs_proxy_type; without a user name only NONE matters */
   const char* last_headend;   /**< used last: its name, or as in ahs_result; in any letter case */
   const char* proxy_user;     /**< for a proxy that asked */
-  const char* proxy_password; /**< wiped from the library's memory when the selection is over */
+  const char* proxy_password; /**< wiped from the library's memory when its last thread has ended */
   /** Probes leave through this network interface (SO_BINDTODEVICE, socket(7)). */
   const char* interface_name;
   /** Probes leave from this IPv4 or IPv6 address, and reach headends of its family alone. */
@@ -253,8 +254,8 @@ typedef struct ahs_result {
   size_t size;       /**< of this structure, as the library has it */
   ahs_status status; /**< how the selection ended; see ahs_is_success() */
   uint32_t reason;   /**< as it was requested */
-  /** Host, or host:port, best first. With a failure at most one, which was not measured: the
-   * headend used last, or, where probes were sent without one, the first that takes part. */
+  /** Host, or host:port, best first. With a failure at most one, to fall back on: the headend used
+   * last, or, where a selection other than a cancelled one had none, the first that takes part. */
   const char* const* headends;
   size_t headend_count; /**< of these */
   /** With AHS_ERROR_AUTH_PROXY_DETECTED the realm of the proxy that asks; else empty. It may hold

@@ -200,7 +200,7 @@ struct Probe {
 /// What is wanted of one selection. An empty text stands for nothing.
 struct Request {
   Reason reason = Reason::Connection;      ///< why a headend is needed
-  std::string lastHeadend{};               ///< name of the host entry used last, in any letter case
+  std::string lastHeadend{};               ///< used last: its name, or as in Result::headends
   ProxyType proxyType = ProxyType::Basic;  ///< without a user name only None matters
   std::string proxyUser{};                 ///< for a proxy that asked
   /// The library wipes its copy when the selection is over. This one is the client's, who may
@@ -214,7 +214,7 @@ struct Request {
   bool measureNow = false;  ///< whatever the cache has, which then keeps the new result
   /// Is given each socket that a probe is about to connect, after the three above were set, on the
   /// probe's own thread and several at a time. It must not close the socket, and of this library
-  /// may call Probe::cancel() and Selection::cancel() only. The probe fails as if it could not
+  /// may call Selection::cancel() only. The probe fails as if it could not
   /// connect if it gives false or throws.
   std::function<bool(int socket)> onSocket{};
   /// Hears that a probe has started or ended; not after the result.
@@ -366,7 +366,9 @@ struct Owned {
     }
   }
   Status status() const noexcept { return handle ? Success : failure; }
-  std::string error() const { return handle ? "" : text.empty() ? failure.text() : text; }
+  std::string error() const {
+    return handle ? "" : text.empty() ? "there is none: it was moved from, or never made" : text;
+  }
 };
 
 }  // namespace detail

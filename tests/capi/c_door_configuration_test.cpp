@@ -377,6 +377,14 @@ TEST(Problems, AreNoneOfALibraryThatFoundNone) {
   EXPECT_EQ(problems, nullptr);
 }
 
+TEST(Problems, SayThatTheDirectoryOfProfilesIsNotThere) {
+  const TemporaryDirectory directory;
+  const std::string missing = directory.File("missing");
+  const Library library({}, {},
+                        [&](ahs_options& options) { options.profile_directory = missing.c_str(); });
+  EXPECT_THAT(problemsOf(library), ElementsAre(Field(&Problem::file, missing)));
+}
+
 TEST(Problems, OfWhichThereAreManyAreAThousandAtMost) {
   constexpr int Files = 12;
   constexpr int MistakesOfAFile = 100;

@@ -151,6 +151,41 @@ TEST(Result, OfASecondSelectionComesFromTheCache) {
   EXPECT_THAT(second.Of(refuses.Where().Text()), without(AHS_OUTCOME_NOT_IN_CACHE));
 }
 
+TEST(Result, OfASelectionThatIsToMeasureNowIsMeasuredAndKept) {
+  const Gateway gateway;
+  const Library library({gateway.Address()});
+  const auto now = [](ahs_request& request) { request.measure_now = 1; };
+  EXPECT_EQ(selectOnce(library).status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(selectOnce(library, now).status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(selectOnce(library).status, AHS_SUCCESS);
+}
+
+TEST(Result, OfProbesThatLeaveAnotherWayIsNotThatOfTheCache) {
+  const Gateway gateway;
+  const Library library({gateway.Address()});
+  const auto otherWay = [](ahs_request& request) { request.source_address = "127.0.0.9"; };
+  EXPECT_EQ(selectOnce(library).status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(selectOnce(library, otherWay).status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(selectOnce(library, otherWay).status, AHS_SUCCESS) << "the same way again";
+}
+
+TEST(Result, KeepsTheLastHeadendByItsNameOrAsAResultHasIt) {
+  const RefusingPort refuses("127.0.0.1");
+  const std::string address = refuses.Where().Text();
+  const ahs_headend headends[] = {{"Oslo", address.c_str()}};
+  const Library library({}, {}, [&](ahs_options& options) {
+    options.headends = headends;
+    options.headend_count = std::size(headends);
+  });
+  for (const char* last : {"oslo", address.c_str()}) {
+    const Result result = selectOnce(library, [last](ahs_request& request) {
+      request.reason = AHS_REASON_RECONNECTION;
+      request.last_headend = last;
+    });
+    EXPECT_THAT(result.headends, ElementsAre(address)) << last;
+  }
+}
+
 TEST(Result, AtTheTimeLimitHasWhatWasFoundOutUntilThen) {
   Gateway silent(Gateway::silent());
   Gateway::Settings once = Gateway::silent();

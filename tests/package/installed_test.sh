@@ -103,6 +103,19 @@ for definitions in '' '-DSPDLOG_FMT_EXTERNAL -DFMT_HEADER_ONLY'; do
   [ -s "$scratch/client.log" ] || fail "the library has not logged"
 done
 
+echo "== a client that loads the library by hand, and unloads it"
+python3 - "$libdir/libahs.so.1" <<'PYTHON' || fail "unloading ends in status $?"
+import _ctypes, ctypes as c, sys
+for _ in range(50):
+    ahs = c.CDLL(sys.argv[1])
+    library, selection = c.c_void_p(), c.c_void_p()
+    assert ahs.ahs_start(None, c.byref(library)) == 0
+    assert ahs.ahs_select(library, None, ahs.ahs_no_callback, None, c.byref(selection)) == 0
+    ahs.ahs_free(selection)
+    ahs.ahs_stop(library)
+    _ctypes.dlclose(ahs._handle)
+PYTHON
+
 echo "== the command's pages and completions"
 share=$scratch/usr/share
 for file in man/man1/ahs.1 man/man5/ahs-profile.5; do

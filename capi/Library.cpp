@@ -34,13 +34,15 @@ std::shared_ptr<Library> Library::start(const StartPlan& plan, ahs_status& statu
     if (plan.onLog != nullptr) {
       library->m_logListener.emplace(teller, plan.onLog, plan.logContext, plan.log.leastImportant);
     }
-    library->m_core = HeldCore::forPlan(plan, status, error);
+    const auto core = HeldCore::forPlan(plan, status, error);
+    const CAutoLockT<CManualLock> guard(library->m_lock);
+    library->m_core = core;
   } catch (...) {
     library.reset();
     teller->drop();
     throw;
   }
-  if (library->m_core == nullptr) {
+  if (library->core() == nullptr) {
     library.reset();
     teller->drop();
   }

@@ -1,5 +1,5 @@
-// Names of the client's own that are also those of classes and functions inside the library, with the
-// same parameters: the library that called one of these would end the client.
+// Names of the client's own that are also those of classes and functions inside the library, with
+// the same parameters: the library that called one of these would end the client.
 
 #include <cstdlib>
 #include <string>

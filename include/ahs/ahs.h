@@ -54,7 +54,8 @@ typedef uint32_t ahs_status;
 #define AHS_ERROR_OUT_OF_MEMORY ((ahs_status)0xFE530004)
 /** A proxy asks for a user name and a password: select again with them. */
 #define AHS_ERROR_AUTH_PROXY_DETECTED ((ahs_status)0xFE53000A)
-/** The time limit of the selection (preference SelectionConnectTimeout) passed. */
+/** The time limit passed. No result has it: what was measured until then is a selection, and
+ * nothing is AHS_ERROR_SELECTION_FAILURE. */
 #define AHS_ERROR_TIMEOUT ((ahs_status)0xFE53000B)
 /** No headend takes part in automatic selection. */
 #define AHS_ERROR_NO_HEADENDS ((ahs_status)0xFE53000D)
@@ -254,8 +255,9 @@ typedef struct ahs_result {
   size_t size;       /**< of this structure, as the library has it */
   ahs_status status; /**< how the selection ended; see ahs_is_success() */
   uint32_t reason;   /**< as it was requested */
-  /** Host, or host:port, best first. With a failure at most one, to fall back on: the headend used
-   * last, or, where a selection other than a cancelled one had none, the first that takes part. */
+  /** Host, or host:port, best first; one that two host entries name stands here twice. With a
+   * failure at most one, to fall back on: the headend used last, or, where a test probe was sent
+   * without one, the first that takes part. */
   const char* const* headends;
   size_t headend_count; /**< of these */
   /** With AHS_ERROR_AUTH_PROXY_DETECTED the realm of the proxy that asks; else empty. It may hold
@@ -288,7 +290,7 @@ const char* ahs_version(void);
 /** Whether a selection that ended so has chosen: AHS_SUCCESS or AHS_ADDED_TO_CACHE. */
 int ahs_is_success(ahs_status status);
 
-/** Name of a status, such as "AHS_ERROR_TIMEOUT"; "UNKNOWN" for any other; static. */
+/** Name of a status, such as "AHS_ADDED_TO_CACHE"; "UNKNOWN" for any other; static. */
 const char* ahs_status_name(ahs_status status);
 
 /** A status in a sentence that says what to do, without a full stop at its end; static. */

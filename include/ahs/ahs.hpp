@@ -49,7 +49,7 @@ struct Status {
   /// Whether it is a success: Success or AddedToCache.
   explicit operator bool() const noexcept { return ahs_is_success(value) != 0; }
   bool operator==(const Status&) const = default;  ///< compares values
-  /// Such as "HEADENDSELECTION_ERROR_TIMEOUT"; "UNKNOWN" for a value that has no name.
+  /// Such as "AHS_ADDED_TO_CACHE"; "UNKNOWN" for a value that has no name.
   const char* name() const noexcept { return ahs_status_name(value); }
   /// A sentence that says what to do, without a full stop at its end.
   const char* text() const noexcept { return ahs_status_text(value); }
@@ -62,7 +62,8 @@ inline constexpr Status BadParameter{AHS_ERROR_BAD_PARAMETER};  ///< the error s
 inline constexpr Status OutOfMemory{AHS_ERROR_OUT_OF_MEMORY};   ///< there is no memory
 /// A proxy asks for a user name and a password: select again with them.
 inline constexpr Status AuthProxyDetected{AHS_ERROR_AUTH_PROXY_DETECTED};
-/// The time limit of the selection (preference SelectionConnectTimeout) passed.
+/// The time limit passed. No result has it: it has what was measured until then, or is a
+/// SelectionFailure.
 inline constexpr Status Timeout{AHS_ERROR_TIMEOUT};
 inline constexpr Status NoHeadends{AHS_ERROR_NO_HEADENDS};              ///< none takes part
 inline constexpr Status SelectionFailure{AHS_ERROR_SELECTION_FAILURE};  ///< none could be measured

@@ -94,7 +94,8 @@ void LogListener::Ear::hear(const CAppLog::Record& record) {
 
 /// All of the process. Never freed: threads may log until the process is gone.
 struct LogListener::Ears {
-  CManualLock lock;  // taken after the log's own
+  CManualLock changing;  // held over a change of `all` and of the log's listener with it
+  CManualLock lock;      // taken after the log's own
   std::vector<std::shared_ptr<Ear>> all AHS_GUARDED_BY(lock);
 };
 
@@ -106,6 +107,7 @@ LogListener::Ears& LogListener::ears() {
 LogListener::LogListener(std::shared_ptr<Teller> teller, ahs_log_callback callback, void* context,
                          Logging::DebugImportance leastImportant)
     : m_ear(std::make_shared<Ear>(std::move(teller), callback, context, levelOf(leastImportant))) {
+  const CAutoLockT<CManualLock> change(ears().changing);
   {
     const CAutoLockT<CManualLock> guard(ears().lock);
     ears().all.push_back(m_ear);
@@ -119,6 +121,7 @@ LogListener::LogListener(std::shared_ptr<Teller> teller, ahs_log_callback callba
 }
 
 LogListener::~LogListener() {
+  const CAutoLockT<CManualLock> change(ears().changing);
   bool isLast = false;
   {
     const CAutoLockT<CManualLock> guard(ears().lock);

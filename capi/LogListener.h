@@ -7,8 +7,7 @@
 #include "capi/Teller.h"
 #include "vpn/Common/Logging/AppLog.h"
 
-/// A client that hears the log, as long as the object lives. Made and destroyed by one thread of
-/// the process at a time.
+/// A client that hears the log, as long as the object lives. Any thread may make and destroy one.
 class LogListener {
  public:
   /// Bytes of messages that wait for the client at most; later ones are lost, and counted.

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <climits>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -329,6 +330,40 @@ TEST(Threads, MayStartAndStopAtOnce) {
   }
   std::ranges::for_each(threads, &std::thread::join);
   EXPECT_EQ(wrong, 0);
+}
+
+/// Starts a library that counts the messages it hears, selects, and stops it.
+int messagesOfASelection() {
+  std::atomic<int> heard{0};
+  ahs_options options = AHS_OPTIONS_INIT;
+  options.on_log = [](const ahs_log_message*, void* count) {
+    ++*static_cast<std::atomic<int>*>(count);
+  };
+  options.log_context = &heard;
+  ahs_library* library = nullptr;
+  ahs_selection* selection = nullptr;
+  EXPECT_EQ(ahs_start(&options, &library), AHS_SUCCESS);
+  EXPECT_EQ(ahs_select(library, nullptr, ahs_no_callback, nullptr, &selection), AHS_SUCCESS);
+  EXPECT_NE(ahs_wait(selection, AHS_WAIT_FOREVER), nullptr);
+  ahs_free(selection);
+  ahs_stop(library);
+  return heard;
+}
+
+TEST(Threads, ThatStartAndStopDoNotTakeTheLogFromOneAnother) {
+  constexpr int Rounds = 2000;
+  const int alone = messagesOfASelection();
+  EXPECT_GT(alone, 0);
+  auto other = std::async(std::launch::async, [] {
+    for (int round = 0; round < Rounds; ++round) {
+      messagesOfASelection();
+    }
+  });
+  for (int round = 0; round < Rounds; ++round) {
+    // Those of the other's selections are heard besides.
+    ASSERT_GE(messagesOfASelection(), alone) << "round " << round;
+  }
+  other.get();
 }
 
 TEST(Threads, HaveErrorTextsOfTheirOwn) {

@@ -80,7 +80,7 @@ const std::map<std::string, Names>& classesOfSources() {
       {"HeldCore.cpp", {"the door's lock of the turn"}},
       {"Library.cpp", {"the door's lock of a library"}},
       {"Selection.cpp", {"the door's lock of a selection"}},
-      {"LogListener.cpp", {"the lock of its hearers"}},
+      {"LogListener.cpp", {"the door's lock of a change of hearers", "the lock of its hearers"}},
       {"ahs.cpp", {"the door's lock of handles"}},
       {"Presences.cpp", {"the door's lock of what is under way"}},
       {"SocketWay.cpp", {"the door's lock of a selection's sockets"}},

@@ -17,10 +17,6 @@
 
 namespace {
 
-/// A provider's host makes a run use the proxy that the system is set to; which host it is does not
-/// matter.
-constexpr const char* SystemProxyHost = "system";
-
 /// No structure of any version is larger; a size beyond it was never set.
 constexpr std::size_t LargestStructure = 4096;
 
@@ -223,7 +219,7 @@ std::string takeRequest(const ahs_request* request, ahs_request& copy) {
 
 std::unique_ptr<ProxyIfc> providerFor(const ahs_request& request, bool isSystemProxy) {
   using Secret = SecureString<std::string>;
-  const std::string host = isSystemProxy ? SystemProxyHost : "";
+  const std::string host = isSystemProxy ? CProxyProvider::SystemHost : "";
   if (request.proxy_user == nullptr || *request.proxy_user == '\0') {
     const bool isNeeded = isSystemProxy || request.proxy_type == AHS_PROXY_NONE;
     return isNeeded ? std::make_unique<CNoProxyProvider>(host) : nullptr;

@@ -24,16 +24,14 @@ const Candidate* Candidates::at(const Place& place) const {
 }
 
 const Candidate* Candidates::named(const std::string& name) const {
-  const std::string wanted = CStringUtils::toLower(name);
-  for (const auto member : {&Candidate::name, &Candidate::headend}) {
-    const auto found = std::ranges::find_if(m_all, [&](const Candidate& candidate) {
-      return CStringUtils::toLower(candidate.*member) == wanted;
-    });
-    if (found != m_all.end()) {
-      return &*found;
-    }
+  if (const Candidate* const found = findNamed(name, m_all); found != nullptr) {
+    return found;
   }
-  return nullptr;
+  const std::string wanted = CStringUtils::toLower(name);
+  const auto found = std::ranges::find_if(m_all, [&wanted](const Candidate& candidate) {
+    return CStringUtils::toLower(candidate.headend) == wanted;
+  });
+  return found == m_all.end() ? nullptr : &*found;
 }
 
 Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {

@@ -12,6 +12,8 @@
 #include "capi/SocketWay.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionThread.h"
+#include "vpn/Api/AHS/SelectionTimes.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/include/StringUtils.h"
@@ -24,10 +26,8 @@ constexpr const char* SourceFile = "capi/Selection";
 
 /// Seconds since an entry was made; -1 if the clock has been put back since.
 int64_t ageOf(const CCacheEntry& entry) {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto age = std::chrono::duration_cast<std::chrono::seconds>(now).count() -
-                   static_cast<int64_t>(entry.GetTimestamp());
-  return std::max<int64_t>(age, -1);
+  const unsigned long age = SelectionTimes::ageOf(entry);
+  return age == SelectionTimes::BeyondAge ? -1 : static_cast<int64_t>(age);
 }
 
 }  // namespace
@@ -62,20 +62,6 @@ class Selection::Run : public SelectionRecord {
   const std::shared_ptr<HeldCore> m_core;
   std::shared_ptr<Selection> m_selection;
   SocketWay m_way;
-};
-
-class Selection::RunThread : public CThread {
- public:
-  explicit RunThread(std::unique_ptr<CHeadendSelection> selection)
-      : m_selection(std::move(selection)) {}
-
-  STATUSCODE Run() override {
-    m_selection.release()->run();  // deletes the selection
-    return 0;
-  }
-
- private:
-  std::unique_ptr<CHeadendSelection> m_selection;
 };
 
 /// Made with the selection, so that telling the result takes no memory. It gets its hold on the
@@ -132,7 +118,7 @@ Selection::~Selection() = default;
 
 std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
   status = HEADENDSELECTION_ERROR_BAD_PARAMETER;
-  const std::shared_ptr<Run> run = takeUnstarted();
+  const std::shared_ptr<Run> run = unstarted();
   run->hold(shared_from_this());
   const std::string last = request.last_headend == nullptr ? "" : request.last_headend;
   std::string error = run->way().take(request);
@@ -153,7 +139,7 @@ std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
                                                        m_reason, started);
   if (started == 0) {
     selection->SetProxy(providerFor(request, run->core().usesSystemProxy()).release());
-    const auto thread = std::make_unique<RunThread>(std::move(selection));
+    const auto thread = std::make_unique<SelectionThread>(std::move(selection));
     if (isCancelWanted()) {
       return "library is being stopped";
     }
@@ -170,7 +156,7 @@ std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
   return "";
 }
 
-std::shared_ptr<Selection::Run> Selection::takeUnstarted() {
+std::shared_ptr<Selection::Run> Selection::unstarted() {
   const CAutoLockT<CMonitor> guard(m_lock);
   return m_unstarted;
 }

@@ -56,11 +56,10 @@ class Selection : public ClientIfcBase,
 
  private:
   class Run;
-  class RunThread;
   class ResultMessage;
   class ProbeMessage;
 
-  std::shared_ptr<Run> takeUnstarted();
+  std::shared_ptr<Run> unstarted();
   void note(const std::shared_ptr<Run>& run, const Candidate* last);
   bool isCancelWanted();
   bool endUnstarted();

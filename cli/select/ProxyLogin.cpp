@@ -15,10 +15,6 @@ namespace {
 constexpr int MostAttempts = 3;
 // How often an answer that no proxy could take is asked for again.
 constexpr int MostQuestions = 3;
-// A provider's host makes a run use the proxy that the system is set to; which host it is does not
-// matter.
-constexpr const char* SystemProxy = "system";
-
 }  // namespace
 
 ProxyLogin::ProxyLogin(const Secret& user, const std::optional<Secret>& password,
@@ -34,7 +30,7 @@ ProxyLogin::ProxyLogin(const Secret& user, const std::optional<Secret>& password
 }
 
 std::unique_ptr<ProxyIfc> ProxyLogin::provider() const {
-  const std::string host = m_isSystemProxy ? SystemProxy : "";
+  const std::string host = m_isSystemProxy ? CProxyProvider::SystemHost : "";
   if (m_credentials) {
     return std::make_unique<CBasicProxyProvider>(m_credentials->user, m_credentials->password,
                                                  host);

@@ -19,6 +19,7 @@
 #include "cli/select/SelectionOutput.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Api/AHS/SelectionTimes.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/StringUtils.h"
 
@@ -44,15 +45,6 @@ bool hasProfiles() {
   ProfileMgr* profiles = nullptr;
   return preferences != nullptr && preferences->getProfileMgr(profiles) == 0 &&
          !profiles->getFileInitMap().empty();
-}
-
-// The candidate of a host entry's name, in any letter case; null if there is none.
-const Candidate* findCandidate(const std::string& name, const std::vector<Candidate>& candidates) {
-  const std::string wanted = CStringUtils::toLower(name);
-  const auto found = std::ranges::find_if(candidates, [&wanted](const Candidate& candidate) {
-    return CStringUtils::toLower(candidate.name) == wanted;
-  });
-  return found == candidates.end() ? nullptr : &*found;
 }
 
 void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
@@ -81,10 +73,8 @@ void waitVisibly(SelectionRun& run, const std::function<LiveState()>& look) {
 
 // Time since an entry was made; none if the clock has been put back since.
 std::optional<std::chrono::seconds> ageOf(const CCacheEntry& entry) {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto age = std::chrono::duration_cast<std::chrono::seconds>(now) -
-                   std::chrono::seconds(entry.GetTimestamp());
-  return age.count() < 0 ? std::nullopt : std::optional(age);
+  const unsigned long age = SelectionTimes::ageOf(entry);
+  return age == SelectionTimes::BeyondAge ? std::nullopt : std::optional(std::chrono::seconds(age));
 }
 
 // Which proxy the preferences of the process ask for.
@@ -194,7 +184,7 @@ bool Selecting::prepare() {
 }
 
 void Selecting::noteUnknownLast() const {
-  if (m_plan.last.empty() || findCandidate(m_plan.last, m_candidates) != nullptr) {
+  if (m_plan.last.empty() || findNamed(m_plan.last, m_candidates) != nullptr) {
     return;
   }
   const std::string text =
@@ -294,7 +284,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
 
 /// The rules that the run went by, for those who ask why.
 void Selecting::tellRules(SelectionResult& result) const {
-  const Candidate* known = findCandidate(m_plan.last, m_candidates);
+  const Candidate* known = findNamed(m_plan.last, m_candidates);
   result.last = m_plan.last.empty() || known == nullptr ? m_plan.last : known->headend;
   result.improvementPercent = m_settings.nImprovement;
   result.cacheDays = m_settings.nClearCache;

@@ -5,27 +5,13 @@
 
 #include <string.h>
 
-#include "vpn/Api/AHS/HeadendSelection.h"
+#include "vpn/Api/AHS/SelectionThread.h"
 #include "vpn/Common/Logging/AppLog.h"
 
 namespace {
 
 // The function under whose name the run logs its report.
 constexpr const char* ReportFunction = "logPingResults";
-
-class RunThread : public CThread {
- public:
-  explicit RunThread(std::unique_ptr<CHeadendSelection> selection)
-      : m_selection(std::move(selection)) {}
-
-  STATUSCODE Run() override {
-    m_selection.release()->run();  // deletes the selection
-    return 0;
-  }
-
- private:
-  std::unique_ptr<CHeadendSelection> m_selection;
-};
 
 std::chrono::milliseconds since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
@@ -54,7 +40,7 @@ STATUSCODE SelectionRun::start(unsigned int reason, const std::string& last,
     return status;
   }
   selection->SetProxy(provider.release());
-  m_thread = std::make_unique<RunThread>(std::move(selection));
+  m_thread = std::make_unique<SelectionThread>(std::move(selection));
   return m_thread->Start();
 }
 

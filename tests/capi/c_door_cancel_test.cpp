@@ -252,7 +252,8 @@ TEST(Free, EndsASelectionWithoutACallback) {
   EXPECT_EQ(client.Probes().size(), toldSoFar);
 }
 
-TEST(Free, WaitsForTheCallbackThatRuns) {
+/// Whether `giveBack` comes back only when the callback that runs has returned.
+bool waitsForTheCallback(const std::function<void(Library&, Selection&)>& giveBack) {
   Signal entered;
   Signal mayReturn;
   std::atomic<bool> hasReturned{false};
@@ -262,16 +263,20 @@ TEST(Free, WaitsForTheCallbackThatRuns) {
     mayReturn.Wait();
     hasReturned = true;
   };
-  const Library library({});
+  Library library({});
   Selection selection(library, client);
-  ASSERT_TRUE(entered.Wait());
+  EXPECT_TRUE(entered.Wait());
   auto hadReturned = std::async(std::launch::async, [&] {
-    selection.Free();
+    giveBack(library, selection);
     return hasReturned.load();
   });
   std::this_thread::sleep_for(TimeToReturn);
   mayReturn.Give();
-  EXPECT_TRUE(hadReturned.get());
+  return hadReturned.get();
+}
+
+TEST(Free, WaitsForTheCallbackThatRuns) {
+  EXPECT_TRUE(waitsForTheCallback([](Library&, Selection& selection) { selection.Free(); }));
 }
 
 TEST(Free, DoesNotWaitForACallbackOfAnotherSelection) {
@@ -364,25 +369,7 @@ TEST(Stop, LeavesResultsThatAreThere) {
 }
 
 TEST(Stop, WaitsForTheCallbackThatRuns) {
-  Signal entered;
-  Signal mayReturn;
-  std::atomic<bool> hasReturned{false};
-  Client client;
-  client.atResult = [&](ahs_selection*) {
-    entered.Give();
-    mayReturn.Wait();
-    hasReturned = true;
-  };
-  Library library({});
-  const Selection selection(library, client);
-  ASSERT_TRUE(entered.Wait());
-  auto hadReturned = std::async(std::launch::async, [&] {
-    library.Stop();
-    return hasReturned.load();
-  });
-  std::this_thread::sleep_for(TimeToReturn);
-  mayReturn.Give();
-  EXPECT_TRUE(hadReturned.get());
+  EXPECT_TRUE(waitsForTheCallback([](Library& library, Selection&) { library.Stop(); }));
 }
 
 TEST(Stop, InsideACallbackTakesTheLibraryDown) {

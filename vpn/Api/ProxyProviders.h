@@ -20,6 +20,9 @@
 /// gateways measured over TLS.
 class CProxyProvider : public ProxyIfc {
  public:
+  /// A host for who wants the system's proxy; which one it is does not matter.
+  static constexpr const char* SystemHost = "system";
+
   ~CProxyProvider() override;
 
   /// What the provider was made with.

@@ -119,6 +119,14 @@ std::size_t countTakingPart(const ProfileMgr& profiles) {
   }));
 }
 
+const Candidate* findNamed(const std::string& name, const std::vector<Candidate>& candidates) {
+  const std::string wanted = CStringUtils::toLower(name);
+  const auto found = std::ranges::find_if(candidates, [&wanted](const Candidate& candidate) {
+    return CStringUtils::toLower(candidate.name) == wanted;
+  });
+  return found == candidates.end() ? nullptr : &*found;
+}
+
 std::vector<Candidate> findCandidates() {
   std::vector<Candidate> candidates;
   for (const HostEntry& entry : findHostEntries()) {

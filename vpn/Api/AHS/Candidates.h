@@ -47,5 +47,8 @@ std::vector<HostEntry> findHostEntries();
 /// How many host entries of some profiles take part in automatic selection.
 std::size_t countTakingPart(const ProfileMgr& profiles);
 
+/// The candidate of a host entry's name, in any letter case; null if there is none.
+const Candidate* findNamed(const std::string& name, const std::vector<Candidate>& candidates);
+
 /// The headends that take part in automatic selection, in the order in which a run takes them.
 std::vector<Candidate> findCandidates();

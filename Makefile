@@ -45,7 +45,7 @@ fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz
 
 .PHONY: soak
-soak: deps-test release ## Run for hours: races under both sanitizers, every fault at every call, levels, valgrind
+soak: deps-test release ## Run for hours: races under both sanitizers, every fault at every call, levels, valgrind, mutants
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS) --target selection_stress
 	cmake --preset tsan
@@ -56,6 +56,11 @@ soak: deps-test release ## Run for hours: races under both sanitizers, every fau
 	tests/host/valgrind.sh build/release 100
 	AHS_FAULTS=all build/release/bin/faults_test
 	AHS_FAULTS=all build/release/bin/faults_c_memory_test
+	JOBS=$(JOBS) tests/mutants/run.sh
+
+.PHONY: mutants
+mutants: deps-test ## Break each promise in turn and see that its tests fall: a quarter of an hour
+	JOBS=$(JOBS) tests/mutants/run.sh
 
 .PHONY: fuzzers
 fuzzers: deps-test

@@ -217,17 +217,25 @@ class Destruction : public SelectionTest {
   }
 };
 
-TEST_F(Destruction, WaitsForTheClientThenGivesBackTimerProviderAndCacheInThisOrder) {
+TEST_F(Destruction, WaitsForTheClientThenGivesEverythingBackInThisOrder) {
   makeFinished();
   seams().setAfterWait([&](CThread&, STATUSCODE result, unsigned int&, unsigned int timeoutMs) {
     journal().add(timeoutMs == CThread::Infinite ? "waited" : "waited with a limit");
     return result;
   });
+  seams().setBeforeDelete([results = member<Results>(*run)](CThread& thread) {
+    if (&thread == results) {
+      journal().add("results thread deleted");
+    } else if (dynamic_cast<Worker*>(&thread) != nullptr) {
+      journal().add("worker deleted");
+    }
+  });
 
   destroy();
 
   EXPECT_THAT(journal().events(),
-              ElementsAre("waited", "timer deleted", "provider deleted", "cache released"));
+              ElementsAre("waited", "timer deleted", "provider deleted", "results thread deleted",
+                          "cache released", "worker deleted"));
 }
 
 TEST_F(Destruction, DoesNotEndBeforeTheClientsCallbackHasReturned) {

@@ -3,6 +3,7 @@
 
 #include "tests/unit/selection/doubles/seams.h"
 
+#include <new>
 #include <utility>
 
 #include "vpn/Api/AHS/CacheEntry.h"
@@ -15,6 +16,7 @@ void Seams::reset() {
   m_afterStart = nullptr;
   m_beforeWait = nullptr;
   m_afterWait = nullptr;
+  m_beforeDelete = nullptr;
   m_lockHook = nullptr;
   m_beforeReading = nullptr;
   m_headendListStatus = 0;
@@ -42,6 +44,11 @@ void Seams::setBeforeWait(BeforeWait hook) {
 void Seams::setAfterWait(AfterWait hook) {
   const std::lock_guard<std::mutex> hold(m_lock);
   m_afterWait = std::move(hook);
+}
+
+void Seams::setBeforeDelete(BeforeDelete hook) {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  m_beforeDelete = std::move(hook);
 }
 
 void Seams::setLockHook(AfterLock hook) {
@@ -101,6 +108,11 @@ Seams::AfterWait Seams::afterWait() const {
   return m_afterWait;
 }
 
+Seams::BeforeDelete Seams::beforeDelete() const {
+  const std::lock_guard<std::mutex> hold(m_lock);
+  return m_beforeDelete;
+}
+
 Seams::AfterLock Seams::lockHook() const {
   const std::lock_guard<std::mutex> hold(m_lock);
   return m_lockHook;
@@ -145,6 +157,7 @@ extern "C" {
 STATUSCODE __real__ZN7CThread5StartEv(CThread* thread);
 STATUSCODE __real__ZN7CThread17WaitForCompletionERjj(CThread* thread, unsigned int* exitCode,
                                                      unsigned int timeoutMs);
+void __real__ZN7CThreaddlEPS_St19destroying_delete_t(CThread* thread, std::destroying_delete_t tag);
 STATUSCODE __real__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS1_EE(
     const CCacheEntry* entry, std::vector<CHeadendRTT>* list);
 void __real__ZN11CCacheEntryC1ERKS_(CCacheEntry* entry, const CCacheEntry* other);
@@ -177,6 +190,14 @@ STATUSCODE __wrap__ZN7CThread17WaitForCompletionERjj(CThread* thread, unsigned i
     return hook(*thread, status, *exitCode, timeoutMs);
   }
   return status;
+}
+
+void __wrap__ZN7CThreaddlEPS_St19destroying_delete_t(CThread* thread,
+                                                     std::destroying_delete_t tag) {
+  if (const auto hook = doubles::seams().beforeDelete(); hook && thread != nullptr) {
+    hook(*thread);
+  }
+  __real__ZN7CThreaddlEPS_St19destroying_delete_t(thread, tag);
 }
 
 STATUSCODE __wrap__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS1_EE(

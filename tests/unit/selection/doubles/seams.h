@@ -22,6 +22,7 @@ class Seams {
   using BeforeWait = std::function<void(CThread&, unsigned int timeoutMs)>;
   using AfterWait = std::function<STATUSCODE(CThread&, STATUSCODE result, unsigned int& exitCode,
                                              unsigned int timeoutMs)>;
+  using BeforeDelete = std::function<void(CThread&)>;
   using AfterLock = std::function<void(const CManualLock*, bool taken)>;
   enum class Reading { List, Copy };
   using BeforeReading = std::function<void(const CCacheEntry&, Reading)>;
@@ -35,6 +36,8 @@ class Seams {
   void setBeforeWait(BeforeWait hook);
   /// Is called when a wait has ended; what it gives is the wait's result.
   void setAfterWait(AfterWait hook);
+  /// Is called when an owner is about to give a thread up.
+  void setBeforeDelete(BeforeDelete hook);
   /// Is called when a lock was taken (true), and when it is about to be given back (false).
   void setLockHook(AfterLock hook);
   /// Is called when an entry's results are about to be handed out as a list, or to be copied into
@@ -56,6 +59,7 @@ class Seams {
   AfterStart afterStart() const;
   BeforeWait beforeWait() const;
   AfterWait afterWait() const;
+  BeforeDelete beforeDelete() const;
   AfterLock lockHook() const;
   BeforeReading beforeReading() const;
   STATUSCODE headendListStatus(bool& fills) const;
@@ -69,6 +73,7 @@ class Seams {
   AfterStart m_afterStart;
   BeforeWait m_beforeWait;
   AfterWait m_afterWait;
+  BeforeDelete m_beforeDelete;
   AfterLock m_lockHook;
   BeforeReading m_beforeReading;
   STATUSCODE m_headendListStatus = 0;

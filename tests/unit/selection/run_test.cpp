@@ -189,6 +189,26 @@ TEST_F(Run, CallsTheClientOnAThreadThatIsNotItsOwn) {
   EXPECT_NE(client.only().thread, runThreadId);
 }
 
+/// A provider that tells which thread deletes it: the one that deletes its run.
+class Leaver : public Provider {
+ public:
+  explicit Leaver(std::thread::id& deletedBy)
+      : Provider(NoProxy, "", "", ""), m_deletedBy(deletedBy) {}
+  ~Leaver() override { m_deletedBy = std::this_thread::get_id(); }
+
+ private:
+  std::thread::id& m_deletedBy;
+};
+
+TEST_F(Run, IsDeletedOnItsOwnThread) {
+  preferences().useAddresses({"gw1"});
+  std::thread::id deletedBy;
+  make().SetProxy(new Leaver(deletedBy));
+  runToEnd();
+
+  EXPECT_EQ(deletedBy, runThreadId);
+}
+
 /// A provider with a mistake in it.
 template <class Exception>
 class ThrowingProvider : public Provider {

@@ -71,9 +71,12 @@ TEST_F(Completion, ASecondCallDeliversNothingAndOnlyLogs) {
   EXPECT_EQ(delivered().status, AddedToCache);
 }
 
-TEST_F(Completion, TheFirstCallDeletesTheTimerWhenAskedTo) {
+TEST_F(Completion, TheFirstCallDeletesTheTimerWhenAskedToAfterItsFirstLine) {
   makeWithResults();
   arm();
+  doubles::log().setHook([](const doubles::LogLine& line) {
+    EXPECT_EQ(timers().live(), line.message == "QIB in finishAHS() for first time" ? 1 : 0);
+  });
   finish(true, Success);
 
   EXPECT_EQ(member<Timer>(*run), nullptr);
@@ -107,7 +110,12 @@ TEST_F(Completion, ASecondCallDeletesTheTimerEvenWhenNotAskedTo) {
 TEST_F(Completion, StopsTheStartOfFurtherWorkers) {
   makeWithResults();
   EXPECT_FALSE(member<TerminatedThreads>(*run));
+  bool stoppedBeforeRanking = false;
+  doubles::log().setHook([&](const doubles::LogLine& line) {
+    stoppedBeforeRanking |= line.function == "logPingResults" && run->isThreadTerminated();
+  });
   finish(false, TimedOut);
+  EXPECT_TRUE(stoppedBeforeRanking);
 
   EXPECT_TRUE(member<TerminatedThreads>(*run));
   EXPECT_TRUE(run->isThreadTerminated());
@@ -257,6 +265,25 @@ TEST_F(Completion, HoldsTheEndLockFromTheFirstLineToTheStartOfTheResultsThread) 
   EXPECT_THAT(depths, testing::SizeIs(4)) << "two lines, the report, and the start";
   EXPECT_THAT(depths, testing::Each(1));
   EXPECT_EQ(depth, 0);
+}
+
+TEST_F(Completion, ASecondCallHoldsTheEndLockUntilItHasDeletedTheTimerAndLogged) {
+  CHeadendSelection& selection = makeWithResults();
+  finish(false, TimedOut);
+  arm();
+  Texts events;
+  seams().setLockHook([&, end = &member<EndLock>(selection)](const CManualLock* lock, bool taken) {
+    if (lock == end) {
+      events.emplace_back(taken ? "taken" : "given back");
+    }
+  });
+  doubles::log().setHook([&](const doubles::LogLine&) {
+    events.emplace_back(timers().live() == 0 ? "logged without timer" : "logged");
+  });
+  finish(true, Success);
+  seams().setLockHook(nullptr);
+
+  EXPECT_THAT(events, ElementsAre("taken", "logged without timer", "given back"));
 }
 
 TEST_F(Completion, AResultsThreadThatDoesNotStartIsNotReported) {

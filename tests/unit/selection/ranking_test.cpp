@@ -215,6 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
         ThresholdCase{43, 19734520, 28220363, false}, ThresholdCase{20, 184156890, 220988275, true},
         // As signed numbers these would be negative.
         ThresholdCase{10, 4000000000U, 4200000000U, true},
+        ThresholdCase{10, 2000000000U, 3000000000U, false},
         ThresholdCase{Largest, 1, 42000000, true}, ThresholdCase{2147483648U, 1, 21474836, false}));
 
 TEST_F(Ranking, TheLastHeadendIsComparedWithItsPortByteForByte) {

@@ -320,6 +320,9 @@ TEST_F(Ranking, AFreshResultIsStoredUnrankedUnderTheCandidatesKey) {
   member<PingResults>(selection).SetTimestamp(77);
   call<AddHeadendToList>(selection, "gw-b:8443", 20U);
   call<AddHeadendToList>(selection, "GW-A", 10U);
+  doubles::log().setHook([](const doubles::LogLine& line) {
+    EXPECT_EQ(cache().storeCount(), 1U) << "when it is reported: " << line.message;
+  });
   EXPECT_THAT(rankAgain(), ElementsAre("GW-A", "gw-b:8443"));
 
   ASSERT_THAT(cache().stored(), SizeIs(1));

@@ -159,6 +159,21 @@ TEST_F(TimerRace, WhileWorkersRunGivesTheResultsThatAreIn) {
   EXPECT_EQ(doubles::log().texts().back(), SecondTime);
 }
 
+TEST_F(TimerRace, AfterATestProbeSlowerThanTheBudgetEndsTheRunThoughNoWorkerIsOutOfTime) {
+  preferences().useAddresses({"gw1"});
+  cache().settings.nConnectTimeout = 100;
+  probes().answerTest({.rtt = 250, .httpStatus = 200});
+  probes().answer("gw1", {{.rtt = 30, .takesMs = 500, .during = [&] { EXPECT_TRUE(fireTimer()); }},
+                          {.rtt = 20, .takesMs = 500}});
+  make();
+  runToEnd();
+
+  EXPECT_THAT(probes().workerCalls("gw1"), SizeIs(3)) << "what is left of the budget has wrapped";
+  EXPECT_EQ(outcome().status, SelectionFailure);
+  EXPECT_THAT(client.only().headends, ElementsAre("gw1"));
+  EXPECT_EQ(doubles::log().texts().back(), SecondTime);
+}
+
 TEST_F(TimerRace, AfterTheEndFindsNoTimer) {
   preferences().useAddresses({"gw1"});
   make();

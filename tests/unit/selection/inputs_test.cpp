@@ -76,6 +76,17 @@ TEST_F(Candidates, ArePreferencesAcquiredAndGivenBackOnce) {
   EXPECT_EQ(preferences().released, before + 1);
 }
 
+TEST_F(Candidates, AreThoseThatWereThereAtTheStartWhateverHappensToTheProfilesMeanwhile) {
+  preferences().profiles = {{.name = "a", .automaticSelection = std::nullopt}, {.name = "b"}};
+  preferences().hosts = {{.name = "gw1", .address = "gw1", .profile = "b"},
+                         {.name = "gw2", .address = "gw2", .profile = "b"}};
+  doubles::log().setHook([](const doubles::LogLine&) { preferences().forgetAllProfilesBut("a"); });
+  preferences().whenAskedForAProfile = [] { preferences().forgetAllHostsBut("gw1"); };
+
+  EXPECT_EQ(gather(), 0);
+  EXPECT_THAT(keys(), ElementsAre("gw1", "gw2"));
+}
+
 TEST_F(Candidates, StandInByteOrderOfTheirEntryNames) {
   preferences().useAddresses({"b", "A", "a"});
 

@@ -2,11 +2,25 @@
 
 #include "tests/unit/selection/doubles/preferences.h"
 
+#include "tests/support/private_access.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Api/ProfileMgr.h"
 #include "vpn/Api/UserPreferences.h"
 
+AHS_EXPOSE(Profiles, &ProfileMgr::m_fileInitMap);
+AHS_EXPOSE(Hosts, &ProfileMgr::m_hostProfileMap);
+
 namespace doubles {
+
+void PreferenceScript::forgetAllProfilesBut(const std::string& name) const {
+  std::erase_if(tests::member<tests::Profiles>(*handedOut),
+                [&name](const auto& profile) { return profile.first != name; });
+}
+
+void PreferenceScript::forgetAllHostsBut(const std::string& name) const {
+  std::erase_if(tests::member<tests::Hosts>(*handedOut),
+                [&name](const auto& host) { return host.first != name; });
+}
 
 void PreferenceScript::reset() { *this = PreferenceScript{}; }
 
@@ -54,7 +68,11 @@ const std::map<std::string, HostProfile*>& ProfileMgr::getHostProfileMap() const
 }
 
 std::string ProfileMgr::getProfileNameFromHost(const std::string& hostName) const {
-  for (const auto& host : doubles::preferences().hosts) {
+  const doubles::PreferenceScript& script = doubles::preferences();
+  if (script.whenAskedForAProfile) {
+    script.whenAskedForAProfile();
+  }
+  for (const auto& host : script.hosts) {
     if (host.name == hostName) {
       return host.profile;
     }
@@ -100,6 +118,7 @@ STATUSCODE PreferenceMgr::getProfileMgr(ProfileMgr*& profileMgr) {
   ++doubles::preferences().profileMgrRequests;
   if (doubles::preferences().profileMgrStatus == 0) {
     profileMgr = &m_profileMgr;
+    doubles::preferences().handedOut = profileMgr;
   }
   return doubles::preferences().profileMgrStatus;
 }

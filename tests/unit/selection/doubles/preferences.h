@@ -1,11 +1,14 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "vpn/Api/Preference.h"
 #include "vpn/include/StatusCode.h"
+
+class ProfileMgr;
 
 namespace doubles {
 
@@ -27,6 +30,12 @@ struct PreferenceScript {
   /// One profile in which automatic selection is on; an address is also its entry's name.
   void useAddresses(const std::vector<std::string>& addresses);
 
+  /// Changes the profile manager that was handed out last, while somebody uses it.
+  /// @{
+  void forgetAllProfilesBut(const std::string& name) const;
+  void forgetAllHostsBut(const std::string& name) const;
+  /// @}
+
   bool hasInstance = true;
   STATUSCODE profileMgrStatus = 0;
   std::vector<Profile> profiles;
@@ -36,7 +45,9 @@ struct PreferenceScript {
   STATUSCODE fileStatus = 0;
   std::string proxyHost;
   std::string proxyPort;
+  std::function<void()> whenAskedForAProfile;  ///< by the name of a host entry
 
+  ProfileMgr* handedOut = nullptr;
   int acquired = 0;
   int released = 0;
   int profileMgrRequests = 0;

@@ -224,6 +224,7 @@ TYPED_TEST(SecureStringTest, BelowTheCapacityTextIsAppendedInPlace) {
 TYPED_TEST(SecureStringTest, AtTheCapacityTextMovesToALargerBufferWithHeadroom) {
   SecureString<TypeParam> secret(this->m_long);
   TypeParam& inner = secret;
+  inner.reserve(100);
   const std::size_t capacity = inner.capacity();
   const TypeParam added(capacity - secret.length(), 'b');
   const TypeParam sum = this->m_long + added;
@@ -265,10 +266,13 @@ TYPED_TEST(SecureStringTest, WhatIsAppendedEndsAtItsFirstNul) {
   inPlace += added;
   EXPECT_EQ(this->textOf(inPlace), this->text("abcd"));
   SecureString<TypeParam> moved(this->m_long);
+  static_cast<TypeParam&>(moved).reserve(100);
   TypeParam much = added;
   much.resize(2000, 'x');
   moved += much;
   EXPECT_EQ(this->textOf(moved), this->m_long + this->text("cd"));
+  EXPECT_GE(static_cast<TypeParam&>(moved).capacity(), this->m_long.length() + 2000)
+      << "the room that is needed counts what stands behind the NUL";
 }
 
 TYPED_TEST(SecureStringTest, NulsInsideItStayWhetherOrNotItMoves) {

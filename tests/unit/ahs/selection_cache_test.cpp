@@ -104,6 +104,16 @@ TEST_F(SelectionCache, ANewSelectionReplacesTheOlderOneOfItsKey) {
   EXPECT_EQ(records, (Records{{"gw-a", 12}}));
 }
 
+TEST_F(SelectionCache, ANewSelectionReplacesTheOlderOneWithinOneInstanceToo) {
+  usePreferences("");
+  const CacheHold cache;
+  store("gw-a;", {{"gw-a", 40}});
+  store("gw-a;", {{"gw-a", 12}});
+  Records records;
+  ASSERT_TRUE(find("gw-a;", records));
+  EXPECT_EQ(records, (Records{{"gw-a", 12}}));
+}
+
 TEST_F(SelectionCache, ASelectionStoredUnderAGivenKeyIsFoundUnderThat) {
   {
     const CacheHold cache;

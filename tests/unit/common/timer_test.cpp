@@ -139,6 +139,8 @@ TEST(Timer, AnEarlierTimerOvertakesTheOneThatIsWaitedFor) {
   ServicedList serviced;
   const auto late = timerFor(serviced.list(), calls, 2);
   ASSERT_EQ(late->StartTimer(60000), TIMER_SUCCESS);
+  // Long enough for the list's thread to sleep; if it is held up, nothing is shown.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
   const auto soon = timerFor(serviced.list(), calls, 1);
   ASSERT_EQ(soon->StartTimer(1), TIMER_SUCCESS);
   ASSERT_TRUE(calls.waitFor(1));
@@ -183,6 +185,21 @@ TEST(Timer, StartingItAgainArmsItAnew) {
   ASSERT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
   ASSERT_TRUE(calls.waitFor(3));
   EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 1, 2}));
+}
+
+TEST(Timer, OneThatIsStartedTwiceBeforeItExpiresFiresOnce) {
+  Calls calls;
+  CTimerList list;
+  const auto timer = timerFor(&list, calls, 1);
+  const auto fence = timerFor(&list, calls, 2);
+  ASSERT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
+  ASSERT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
+  ASSERT_EQ(fence->StartTimer(1), TIMER_SUCCESS);
+  std::thread service([&list] { list.Service(); });
+  EXPECT_TRUE(calls.waitFor(2));
+  list.Close();
+  service.join();
+  EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 2}));
 }
 
 TEST(Timer, TheLargestTimeIsFarAwayAndNotInThePast) {

@@ -114,10 +114,13 @@ TEST_F(PreferenceMgrTest, AWordThatIsNotAllowedGivesWayToTheGlobalOne) {
 }
 
 TEST_F(PreferenceMgrTest, AProxyInTheUsersPreferencesIsReportedAsWithoutEffect) {
-  writeUser(preferenceElement("ProxyHost", "proxy.example.com"));
+  writeUser(preferenceElement("ProxyHost", "proxy.example.com") +
+            preferenceElement("ProxyPort", "8080"));
   writeGlobal(preferenceElement("ProxyPort", "3128"));
   const ScopedPreferenceMgr preferences(m_sources);
-  ASSERT_THAT(preferences->getProblems(), SizeIs(1));
+  EXPECT_EQ(valueOf(preferences, ProxyHost), "");
+  EXPECT_EQ(valueOf(preferences, ProxyPort), "3128");
+  ASSERT_THAT(preferences->getProblems(), SizeIs(2)) << "one each";
   EXPECT_EQ(preferences->getProblems()[0].text,
             "ProxyHost has no effect in a user's preferences; set it in the global ones");
   EXPECT_EQ(preferences->getProblems()[0].file, m_sources.userPreferencesFile);

@@ -128,7 +128,7 @@ void Measure(int count, int runs) {
   WriteProfile(scratch.path / "profiles", count);
   CClientLibrary::Options options;
   options.sources.profileDirectory = (scratch.path / "profiles").string();
-  options.sources.cacheFile = (scratch.path / "selections.xml").string();
+  options.sources.cacheDirectory = (scratch.path / "selections.xml").string();
   options.log.off = true;
   STATUSCODE status = 0;
   const CClientLibrary library(options, status);

@@ -58,7 +58,7 @@ int main(int argc, char** argv) {
   const std::size_t stores = argc > 2 ? std::stoul(argv[2]) : UsualStores;
   const auto headends = argc > 3 ? static_cast<unsigned int>(std::stoul(argv[3])) : UsualHeadends;
   PreferenceMgr::Sources sources;
-  sources.cacheFile = std::string(argv[1]) + "/selections.xml";
+  sources.cacheDirectory = std::string(argv[1]) + "/selections.xml";
   if (PreferenceMgr::createInstance(sources) != 0) {
     return EXIT_FAILURE;
   }

@@ -195,7 +195,7 @@ std::string takeOptions(const ahs_options* options, StartPlan& plan) {
   plan.sources.profileDirectory = textOf(given.profile_directory);
   plan.sources.userPreferencesFile = textOf(given.user_preferences_file);
   plan.sources.globalPreferencesFile = textOf(given.global_preferences_file);
-  plan.sources.cacheFile = textOf(given.cache_file);
+  plan.sources.cacheDirectory = textOf(given.cache_directory);
   plan.log.file = textOf(given.log_file);
   plan.log.leastImportant = importanceOf(given.log_level);
   plan.onLog = given.on_log;

@@ -13,7 +13,7 @@
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionThread.h"
-#include "vpn/Api/AHS/SelectionTimes.h"
+#include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/include/StringUtils.h"
@@ -26,8 +26,8 @@ constexpr const char* SourceFile = "capi/Selection";
 
 /// Seconds since an entry was made; -1 if the clock has been put back since.
 int64_t ageOf(const CCacheEntry& entry) {
-  const unsigned long age = SelectionTimes::ageOf(entry);
-  return age == SelectionTimes::BeyondAge ? -1 : static_cast<int64_t>(age);
+  const auto age = SelectionTimes::ageOf(entry);
+  return age ? age->count() : -1;
 }
 
 }  // namespace

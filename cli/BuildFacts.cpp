@@ -17,7 +17,6 @@
 
 #include "cli/BuildCommit.h"
 #include "cli/Json.h"
-#include "vpn/Api/AHS/CacheDocument.h"
 
 namespace {
 
@@ -105,7 +104,6 @@ std::string BuildFacts::asText() {
     text += line(library.name, describe(library));
   }
   return text + line("formats", "profile and preferences " + std::to_string(ProfileVersion) +
-                                    ", cache " + std::to_string(CacheDocument::Version) +
                                     ", JSON " + std::to_string(JsonSchema));
 }
 
@@ -125,7 +123,6 @@ std::string BuildFacts::asJson() {
          {"running", library.running ? Json(*library.running) : Json(nullptr)},
          {"with", orNull(library.with)}});
   }
-  facts["formats"] = {
-      {"profile", ProfileVersion}, {"cache", CacheDocument::Version}, {"json", JsonSchema}};
+  facts["formats"] = {{"profile", ProfileVersion}, {"json", JsonSchema}};
   return jsonText(facts);
 }

@@ -1,5 +1,5 @@
-// `ahs cache`: shows, clears and finds the selection cache. It works on the file alone, under the
-// lock that selections take, so it may be used while they run.
+// `ahs cache`: shows, clears and finds the selection cache. It works on the files alone, which
+// selections may read and write meanwhile.
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -13,18 +13,13 @@
 #include "cli/files/FileOptions.h"
 #include "cli/files/Paths.h"
 #include "vpn/Api/AHS/AHSSettings.h"
-#include "vpn/Api/AHS/SelectionCache.h"
-#include "vpn/Api/AHS/StateFile.h"
+#include "vpn/Api/AHS/SelectionFiles.h"
 
 namespace {
-
-using json = Json;
 
 constexpr int ExitDone = ExitSelected;
 // The cache cannot be shown or cleared; the command line was right.
 constexpr int ExitUnusable = ExitNotMeasured;
-// Other processes hold the lock for as long as a disk takes to flush a file.
-constexpr std::chrono::milliseconds LockPatience{3000};
 
 struct CacheOptions {
   std::optional<std::string> cacheDirectory;
@@ -32,19 +27,18 @@ struct CacheOptions {
   bool json = false;
 };
 
-// The path of the cache file; empty after a complaint.
-std::string findCacheFile(const CacheOptions& options) {
+// The path of the cache directory; empty after a complaint.
+std::string findDirectory(const CacheOptions& options) {
   const std::string directory = options.cacheDirectory.value_or(defaultPaths().cacheDirectory);
-  if (!directory.empty()) {
-    return directory + "/" + CacheFileName;
+  if (directory.empty()) {
+    Console::complain(
+        options.cacheDirectory
+            ? "--cache-dir needs the name of a directory."
+            : "there is no place for a selection cache: neither HOME nor "
+              "XDG_CACHE_HOME is set to an absolute path. Set one of them, or name a directory "
+              "with --cache-dir.");
   }
-  Console::complain(
-      options.cacheDirectory
-          ? "--cache-dir needs the name of a directory."
-          : "there is no place for a selection cache: neither HOME nor "
-            "XDG_CACHE_HOME is set to an absolute path. Set one of them, or name a directory with "
-            "--cache-dir.");
-  return "";
+  return directory;
 }
 
 // The clear-cache time in force, in days. Nothing after a complaint.
@@ -59,79 +53,51 @@ std::optional<unsigned int> findClearCache(const CacheOptions& options) {
 }
 
 int showCache(const CacheOptions& options) {
-  const std::string path = findCacheFile(options);
-  if (path.empty()) {
+  const std::string directory = findDirectory(options);
+  if (directory.empty()) {
     return ExitUsage;
   }
   const std::optional<unsigned int> clearCache = findClearCache(options);
   if (!clearCache) {
     return ExitUsage;
   }
-  const CacheReport report = readCacheReport(path, *clearCache);
-  const bool isUsable = report.state != CacheReport::State::Unusable;
-  if (!isUsable) {
-    const bool isRemovable = CStateFile(path, CSelectionCache::MaxFileSize).isRemovable();
-    Console::complain("the selection cache cannot be used: " + Console::visible(report.problem) +
-                      ". Selections work without it" +
-                      (isRemovable ? "; 'ahs cache clear' removes it." : "."));
+  const CacheReport report = readCacheReport(directory, *clearCache);
+  if (!report.problem.empty()) {
+    Console::complain(
+        "not all of the selection cache can be used: " + Console::visible(report.problem) +
+        ". Selections work without it; 'ahs cache clear' removes what is wrong.");
   }
   return Console::writeResult(options.json ? cacheReportAsJson(report) : cacheReportAsText(report),
-                              isUsable ? ExitDone : ExitUnusable);
-}
-
-int tellCleared(const CacheOptions& options, const std::string& path, bool wasThere,
-                std::size_t selections) {
-  if (options.json) {
-    return Console::writeResult(jsonText({{"schema", JsonSchema},
-                                          {"path", path},
-                                          {"removed", wasThere},
-                                          {"selections", selections}}),
-                                ExitDone);
-  }
-  return Console::writeResult(wasThere
-                                  ? "Removed " + Wording::counted(selections, "selection") + ": " +
-                                        Console::visible(path) + "\n"
-                                  : "There was nothing to remove: " + Console::visible(path) + "\n",
-                              ExitDone);
+                              report.problem.empty() ? ExitDone : ExitUnusable);
 }
 
 int clearCache(const CacheOptions& options) {
-  const std::string path = findCacheFile(options);
-  if (path.empty()) {
+  const std::string directory = findDirectory(options);
+  if (directory.empty()) {
     return ExitUsage;
   }
-  CStateFile file(path, CSelectionCache::MaxFileSize);
-  if (!file.isThere()) {
-    return tellCleared(options, path, false, 0);
-  }
   std::string problem;
-  const CStateFile::Lock lock(file, LockPatience);
-  if (lock.state() != CStateFile::Locking::Held) {
-    problem = lock.problem();
-  } else {
-    constexpr unsigned int AnyAge = 1;
-    const std::size_t selections = readCacheReport(path, AnyAge).selections.size();
-    if (file.remove(lock, problem)) {
-      return tellCleared(options, path, true, selections);
-    }
+  const std::size_t removed = SelectionFiles::clear(directory, problem);
+  if (!problem.empty()) {
+    Console::complain("the selection cache was not cleared: " + Console::visible(problem) +
+                      ". Mend that, and try again.");
+    return ExitUnusable;
   }
-  Console::complain("the selection cache was not cleared: " + Console::visible(problem) +
-                    (lock.state() == CStateFile::Locking::Busy ? ". Try again later."
-                                                               : ". Mend that, and try again."));
-  return ExitUnusable;
+  const std::string shown = Console::visible(directory);
+  return Console::writeResult(
+      options.json   ? jsonText({{"schema", JsonSchema}, {"path", directory}, {"removed", removed}})
+      : removed == 0 ? "There was nothing to remove: " + shown + "\n"
+                     : "Removed " + Wording::counted(removed, "file") + ": " + shown + "\n",
+      ExitDone);
 }
 
 int showPath(const CacheOptions& options) {
-  const std::string path = findCacheFile(options);
-  if (path.empty()) {
+  const std::string directory = findDirectory(options);
+  if (directory.empty()) {
     return ExitUsage;
   }
   return Console::writeResult(
-      options.json
-          ? jsonText({{"schema", JsonSchema},
-                      {"path", path},
-                      {"exists", CStateFile(path, CSelectionCache::MaxFileSize).isThere()}})
-          : path + "\n",
+      options.json ? jsonText({{"schema", JsonSchema}, {"path", directory}}) : directory + "\n",
       ExitDone);
 }
 
@@ -160,7 +126,7 @@ void addCacheCommand(CLI::App& tool, ChosenCommand& chosen) {
                 &showCache, options, chosen);
   addFileOptions(show, options->files);
   addAction(*command, "clear", "Forget all selections", &clearCache, options, chosen);
-  addAction(*command, "path", "Print the path of the file", &showPath, options, chosen);
+  addAction(*command, "path", "Print the path of the directory", &showPath, options, chosen);
   command->footer(
       "Examples:\n"
       "  ahs cache show\n"

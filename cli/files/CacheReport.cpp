@@ -1,6 +1,5 @@
-// The cache file for people and programs. The file may be anybody's text: it is read by the parser
-// that the selections use, within the same bounds, and nothing of it is printed but printable
-// ASCII.
+// The selection cache for people and programs. A file may be anybody's text: it is read as the
+// selections read it, within the same bounds, and nothing of it is printed but printable ASCII.
 
 #include "cli/files/CacheReport.h"
 
@@ -8,17 +7,15 @@
 #include <time.h>
 
 #include <algorithm>
-#include <limits>
 #include <sstream>
 
 #include "cli/Console.h"
 #include "cli/Json.h"
 #include "cli/Wording.h"
-#include "vpn/Api/AHS/CacheDocument.h"
+#include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
-#include "vpn/Api/AHS/SelectionCache.h"
-#include "vpn/Api/AHS/SelectionTimes.h"
-#include "vpn/Api/AHS/StateFile.h"
+#include "vpn/Api/AHS/SelectionFiles.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -39,39 +36,40 @@ std::vector<std::string> candidatesOf(const std::string& knownHeadends) {
   std::vector<std::string> candidates;
   std::istringstream parts(knownHeadends);
   for (std::string part; std::getline(parts, part, ';');) {
-    candidates.push_back(CacheDocument::encode(part));
+    candidates.push_back(CStringUtils::printable(part));
   }
   std::reverse(candidates.begin(), candidates.end());
   return candidates;
 }
 
-void takePlace(const std::string& place, CachedSelection& selection) {
-  selection.place = place;
+// The values of one kind in a place: name servers or search domains.
+std::vector<std::string> partsOf(const std::string& place, const std::string& kind) {
+  std::vector<std::string> values;
   std::istringstream words(place);
-  for (std::string kind, value; words >> kind >> value;) {
-    if (kind == "nameserver") {
-      selection.nameServers.push_back(value);
-    } else if (kind == "search") {
-      selection.searchDomains.push_back(value);
+  for (std::string found, value; words >> found >> value;) {
+    if (found == kind) {
+      values.push_back(value);
     }
   }
+  return values;
 }
 
-CachedSelection describe(const std::string& key, const CCacheEntry& entry, unsigned long use,
-                         const CacheReport& report) {
+CachedSelection describe(const SelectionFiles::Selection& stored, const CacheReport& report) {
+  const CCacheEntry& entry = stored.entry;
   CachedSelection selection;
-  takePlace(key.substr(0, key.find(CacheDocument::KeySeparator)), selection);
+  selection.place = CStringUtils::printable(stored.place);
   selection.candidates = candidatesOf(entry.GetKnownHeadends());
   selection.stored = entry.GetTimestamp();
-  selection.used = std::max(SelectionTimes::lastUse(entry, use, report.now), selection.stored);
+  const auto used = static_cast<unsigned long>(stored.used.time_since_epoch().count());
+  selection.used = std::max(used, selection.stored);
   selection.expires = selection.stored + report.clearCacheDays * SecondsPerDay;
   selection.isFuture = selection.stored > report.now;
   selection.isCurrent = !SelectionTimes::isExpired(entry, report.clearCacheDays);
-  selection.isHere = report.place && *report.place == selection.place;
+  selection.isHere = report.place && *report.place == stored.place;
   std::vector<CHeadendRTT> headends;
   static_cast<void>(entry.GetHeadendList(headends));
   for (const CHeadendRTT& headend : headends) {
-    selection.ranked.emplace_back(CacheDocument::encode(headend.GetHeadend()), headend.GetRTT());
+    selection.ranked.emplace_back(CStringUtils::printable(headend.GetHeadend()), headend.GetRTT());
   }
   std::stable_sort(selection.ranked.begin(), selection.ranked.end());
   return selection;
@@ -88,25 +86,15 @@ std::string moment(unsigned long time, unsigned long now) {
                                       : " (" + Wording::duration(now - time) + " ago)");
 }
 
-std::string placeInWords(const CachedSelection& selection) {
-  std::string text;
-  const auto add = [&text](const char* what, const std::vector<std::string>& names) {
-    for (std::size_t i = 0; i < std::min(names.size(), MostLines); ++i) {
-      text += (text.empty() ? "" : ", ") + std::string(what) + " " + names[i];
-    }
-  };
-  add("name server", selection.nameServers);
-  add("search domain", selection.searchDomains);
-  if (!text.empty()) {
-    return shortened(text);
-  }
-  return selection.place.empty() ? "no name servers" : shortened(selection.place);
-}
-
 std::string placeInWords(const std::string& place) {
-  CachedSelection here;
-  takePlace(place, here);
-  return placeInWords(here);
+  std::string text;
+  for (const auto& [kind, words] :
+       {std::pair("nameserver", "name server "), std::pair("search", "search domain ")}) {
+    for (const std::string& value : partsOf(place, kind)) {
+      text += (text.empty() ? "" : ", ") + std::string(words) + value;
+    }
+  }
+  return !text.empty() ? shortened(text) : place.empty() ? "no name servers" : shortened(place);
 }
 
 std::string worth(const CachedSelection& selection) {
@@ -146,7 +134,7 @@ std::string resultList(const std::vector<CHeadendRTT>& ranked) {
 
 std::string selectionAsText(const CachedSelection& selection, const CacheReport& report) {
   return std::string(selection.isHere && selection.isCurrent ? "* " : "  ") + worth(selection) +
-         "\n    place:      " + placeInWords(selection) +
+         "\n    place:      " + placeInWords(selection.place) +
          "\n    candidates: " + candidateList(selection.candidates) +
          "\n    stored:     " + moment(selection.stored, report.now) +
          "\n    last used:  " + moment(selection.used, report.now) +
@@ -160,8 +148,8 @@ json selectionAsJson(const CachedSelection& selection, const CacheReport& report
     results.push_back({{"headend", headend.GetHeadend()}, {"metricMs", headend.GetRTT()}});
   }
   return {{"place", selection.place},
-          {"nameServers", selection.nameServers},
-          {"searchDomains", selection.searchDomains},
+          {"nameServers", partsOf(selection.place, "nameserver")},
+          {"searchDomains", partsOf(selection.place, "search")},
           {"candidates", selection.candidates},
           {"stored", timeText(selection.stored)},
           {"ageSeconds", selection.isFuture ? json(nullptr) : json(report.now - selection.stored)},
@@ -175,44 +163,27 @@ json selectionAsJson(const CachedSelection& selection, const CacheReport& report
 
 }  // namespace
 
-CacheReport readCacheReport(const std::string& path, unsigned int clearCacheDays) {
+CacheReport readCacheReport(const std::string& directory, unsigned int clearCacheDays) {
   CacheReport report;
-  report.path = path;
+  report.path = directory;
   report.now = SelectionTimes::now();
   report.clearCacheDays = clearCacheDays;
   std::vector<std::string> place;
   if (readResolverPlace(place)) {
-    report.place = CacheDocument::placeText(place);
+    report.place = SelectionFiles::placeText(place);
   }
-  CStateFile file(path, CSelectionCache::MaxFileSize);
-  std::string text;
-  const CStateFile::Content content = file.read(text, report.problem);
-  if (content == CStateFile::Content::Missing) {
-    return report;
+  for (const SelectionFiles::Selection& selection :
+       SelectionFiles::list(directory, report.problem)) {
+    report.selections.push_back(describe(selection, report));
   }
-  CacheDocument::Contents contents;
-  std::string wrong;
-  if (content != CStateFile::Content::Refused &&
-      CacheDocument::parse(text, contents, wrong) != CacheDocument::Form::Right) {
-    report.problem = path + " is not understood: " + wrong;
-  }
-  report.state = report.problem.empty() ? CacheReport::State::Read : CacheReport::State::Unusable;
-  for (const auto& [key, entry] : contents.entries) {
-    const auto use = contents.uses.find(key);
-    report.selections.push_back(
-        describe(key, entry, use == contents.uses.end() ? 0 : use->second, report));
-  }
-  std::stable_sort(report.selections.begin(), report.selections.end(),
-                   [](const CachedSelection& a, const CachedSelection& b) {
-                     return a.isHere != b.isHere ? a.isHere : a.used > b.used;
-                   });
+  std::stable_sort(
+      report.selections.begin(), report.selections.end(),
+      [](const CachedSelection& a, const CachedSelection& b) { return a.isHere && !b.isHere; });
   return report;
 }
 
 std::string cacheReportAsText(const CacheReport& report) {
-  std::string text = "File: " + Console::visible(report.path) +
-                     (report.state == CacheReport::State::Missing ? " (not there yet)" : "") +
-                     "\nThis place: " +
+  std::string text = "Directory: " + Console::visible(report.path) + "\nThis place: " +
                      (report.place ? placeInWords(*report.place)
                                    : "unknown, the resolver's settings cannot be read") +
                      "\nSelections: " + std::to_string(report.selections.size()) + "\n";
@@ -229,7 +200,6 @@ std::string cacheReportAsJson(const CacheReport& report) {
   }
   const json object = {{"schema", JsonSchema},
                        {"path", report.path},
-                       {"exists", report.state != CacheReport::State::Missing},
                        {"problem", report.problem.empty() ? json(nullptr) : json(report.problem)},
                        {"place", report.place ? json(*report.place) : json(nullptr)},
                        {"clearCacheDays", report.clearCacheDays},

@@ -6,12 +6,9 @@
 
 #include "vpn/Api/AHS/HeadendRTT.h"
 
-/// One selection of the cache file, for people. Texts are as the file has them: printable ASCII,
-/// other bytes as \xNN.
+/// One selection of the cache, for people. Texts are printable ASCII, other bytes as \xNN.
 struct CachedSelection {
   std::string place;
-  std::vector<std::string> nameServers;
-  std::vector<std::string> searchDomains;
   std::vector<std::string> candidates;
   unsigned long stored = 0;  ///< times are seconds since 1970-01-01 00:00 UTC
   unsigned long used = 0;    ///< the store counts as a use
@@ -22,21 +19,18 @@ struct CachedSelection {
   std::vector<CHeadendRTT> ranked;  ///< nearest first
 };
 
-/// What the cache file holds and what it is worth now.
+/// What the cache directory holds and what it is worth now.
 struct CacheReport {
-  enum class State { Missing, Read, Unusable };
-
   std::string path;
-  State state = State::Missing;
-  std::string problem;               ///< why it is unusable
+  std::string problem;               ///< why it, or the first file that is wrong, is not used
   std::optional<std::string> place;  ///< the present one, if the resolver's settings can be read
   unsigned long now = 0;
   unsigned int clearCacheDays = 0;
   std::vector<CachedSelection> selections;  ///< those of this place first, then by last use
 };
 
-/// Reads the cache file at `path`, which may be anybody's text, and the present place.
-CacheReport readCacheReport(const std::string& path, unsigned int clearCacheDays);
+/// Reads the cache directory, whose files may be anybody's text, and the present place.
+CacheReport readCacheReport(const std::string& directory, unsigned int clearCacheDays);
 
 /// As a person reads it; lists are cut after some lines. Ends with a line feed.
 std::string cacheReportAsText(const CacheReport& report);

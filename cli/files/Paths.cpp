@@ -41,8 +41,6 @@ std::string findError(const std::string& path, bool wantDirectory) {
 
 }  // namespace
 
-const char* const CacheFileName = "selections.xml";
-
 DefaultPaths defaultPathsFor(const char* configHome, const char* cacheHome, const char* home) {
   DefaultPaths paths;
   const std::string config = baseDirectory(configHome, home, "/.config");

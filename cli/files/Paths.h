@@ -20,9 +20,6 @@ DefaultPaths defaultPathsFor(const char* configHome, const char* cacheHome, cons
 /// The default paths of this process.
 DefaultPaths defaultPaths();
 
-/// The name of the cache file inside the cache directory.
-extern const char* const CacheFileName;
-
 /// What is wrong with a directory, or a file, that a person named: that it does not exist, is
 /// something else, or cannot be read. Empty if it can be used.
 std::string findDirectoryError(const std::string& path);

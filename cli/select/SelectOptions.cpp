@@ -115,9 +115,7 @@ std::string takeCache(const SelectOptions& options, const DefaultPaths& paths, S
              ". Create it, name another one with --cache-dir, or use --no-cache.";
     }
   }
-  if (!directory.empty()) {
-    plan.sources.cacheFile = directory + "/" + CacheFileName;
-  }
+  plan.sources.cacheDirectory = directory;
   return "";
 }
 

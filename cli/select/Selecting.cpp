@@ -19,7 +19,7 @@
 #include "cli/select/SelectionOutput.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
-#include "vpn/Api/AHS/SelectionTimes.h"
+#include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/StringUtils.h"
 
@@ -71,12 +71,6 @@ void waitVisibly(SelectionRun& run, const std::function<LiveState()>& look) {
   }
 }
 
-// Time since an entry was made; none if the clock has been put back since.
-std::optional<std::chrono::seconds> ageOf(const CCacheEntry& entry) {
-  const unsigned long age = SelectionTimes::ageOf(entry);
-  return age == SelectionTimes::BeyondAge ? std::nullopt : std::optional(std::chrono::seconds(age));
-}
-
 // Which proxy the preferences of the process ask for.
 struct ProxyInForce {
   bool isSystems = false;
@@ -118,7 +112,7 @@ bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
 
 }  // namespace
 
-/// Holds the cache over the end of the run, which would else wait for the disk.
+/// Holds the cache, so that selections in memory outlive their runs.
 class HeldCache {
  public:
   HeldCache() : m_cache(nullptr) {
@@ -131,12 +125,6 @@ class HeldCache {
   }
   HeldCache(const HeldCache&) = delete;
   HeldCache& operator=(const HeldCache&) = delete;
-
-  void waitForStores() const {
-    if (m_cache != nullptr) {
-      static_cast<void>(m_cache->WaitForStores());
-    }
-  }
 
  private:
   CSelectionCache* m_cache;
@@ -274,7 +262,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
     static_cast<void>(entry.GetHeadendList(records));
   }
   if (result.fromCache) {
-    result.cacheAge = ageOf(entry);
+    result.cacheAge = SelectionTimes::ageOf(entry);
   }
   result.results = collectResults(result.headends, m_candidates, m_recorder->tracks(), records,
                                   result.fromCache);
@@ -299,9 +287,9 @@ void Selecting::endRun() {
 
 int Selecting::leave(int exitStatus) {
   if (m_run != nullptr && !m_run->waitForEnd(LongestRunEnd)) {
-    // Threads that still wait for an answer must not see their process taken down around them. The
-    // cache's own ends by itself; on a slow disk it is given its time.
-    m_cache->waitForStores();
+    // Threads that still wait for an answer must not see their process taken down around them, and
+    // their run gives the cache back too late.
+    m_cache.reset();
     CAppLog::Flush();
     _exit(exitStatus);
   }

@@ -11,7 +11,7 @@
 namespace {
 
 void noteMissingCache(const SelectOptions& options, const SelectPlan& plan) {
-  if (plan.sources.cacheFile.empty() && !options.noCache) {
+  if (plan.sources.cacheDirectory.empty() && !options.noCache) {
     Console::complain(
         "warning: neither HOME nor XDG_CACHE_HOME is set to an absolute path, so the selection is "
         "not kept for the next time. Name a directory with --cache-dir, or say --no-cache.");

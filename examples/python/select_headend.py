@@ -13,7 +13,7 @@ class Options(c.Structure):
     _fields_ = [("size", c.c_size_t), ("profile_directory", c.c_char_p), ("user_preferences_file", c.c_char_p),
                 ("global_preferences_file", c.c_char_p), ("headends", c.POINTER(Headend)), ("headend_count", c.c_size_t),
                 ("preferences", c.c_void_p), ("preference_count", c.c_size_t), ("proxy", c.c_char_p),
-                ("cache_file", c.c_char_p), ("log_file", c.c_char_p), ("log_level", c.c_uint32),
+                ("cache_directory", c.c_char_p), ("log_file", c.c_char_p), ("log_level", c.c_uint32),
                 ("own_loop", c.c_int), ("on_log", c.c_void_p), ("log_context", c.c_void_p)]
 
 

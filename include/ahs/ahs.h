@@ -149,10 +149,11 @@ typedef struct ahs_options {
   /** The proxy: "host" or "host:port"; "" for none; null: the preferences decide, whose default is
    * the system's proxy. */
   const char* proxy;
-  const char* cache_file; /**< keeps selections between processes, in a directory that is made;
-                             null: in memory */
-  const char* log_file;   /**< rotated at 4 MiB; null: none */
-  uint32_t log_level;     /**< least important that is logged, one of ahs_log_level */
+  /** Keeps selections between processes, one small file each; it is made where it is missing. Null:
+   * in memory, until the end. */
+  const char* cache_directory;
+  const char* log_file; /**< rotated at 4 MiB; null: none */
+  uint32_t log_level;   /**< least important that is logged, one of ahs_log_level */
   /** Not 0: callbacks come inside ahs_dispatch() alone; see ahs_descriptor(). */
   int own_loop;
   ahs_log_callback on_log; /**< hears what is logged; null for nobody */

@@ -165,7 +165,7 @@ struct Options {
   /// "host" or "host:port"; "" for none; nullopt: the preferences decide, whose default is the
   /// system's proxy.
   std::optional<std::string> proxy{};
-  std::string cacheFile{};  ///< keeps selections between processes; empty: in memory, until the end
+  std::string cacheDirectory{};  ///< keeps selections between processes; empty: until the end
   std::string logFile{};    ///< rotated at 4 MiB
   LogLevel logLevel = LogLevel::Info;              ///< least important that is logged
   std::function<void(const LogMessage&)> onLog{};  ///< hears what is logged
@@ -439,7 +439,7 @@ class Library {
     native.preferences = preferences.data();
     native.preference_count = preferences.size();
     native.proxy = options.proxy ? options.proxy->c_str() : nullptr;
-    native.cache_file = detail::orNull(options.cacheFile);
+    native.cache_directory = detail::orNull(options.cacheDirectory);
     native.log_file = detail::orNull(options.logFile);
     native.log_level = static_cast<std::uint32_t>(options.logLevel);
     native.own_loop = options.ownLoop ? 1 : 0;

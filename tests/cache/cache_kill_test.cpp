@@ -68,7 +68,7 @@ class KilledProcess : public testing::Test {
   [[noreturn]] void StoreForEver(unsigned int metric) {
     setResolverPlace({Place});
     PreferenceMgr::Sources sources;
-    sources.cacheFile = m_file;
+    sources.cacheDirectory = m_file;
     CSelectionCache* cache = nullptr;
     if (PreferenceMgr::createInstance(sources) != 0 ||
         CSelectionCache::createSingletonInstance(cache) != 0) {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -77,7 +78,6 @@ class CacheCommandTest : public testing::Test {
  protected:
   CacheCommandTest() : m_home(m_directory.MakeDirectory("home")) {
     m_cacheDirectory = m_home + "/.cache/ahs";
-    m_file = m_cacheDirectory + "/selections.xml";
   }
 
   /// A command line of `ahs` with an environment of its own.
@@ -105,21 +105,21 @@ class CacheCommandTest : public testing::Test {
 
   static bool HasNamespaces() { return geteuid() == 0 && RunInNamespace("true", {}).status == 0; }
 
-  void WriteFile(const std::string& text) const {
+  /// Puts a file into the cache directory. @return its path.
+  std::string WriteFile(const std::string& text,
+                        const std::string& name = "selection-1.xml") const {
     mkdir((m_home + "/.cache").c_str(), 0700);
     mkdir(m_cacheDirectory.c_str(), 0700);
-    m_directory.Write("home/.cache/ahs/selections.xml", text);
-    chmod(m_file.c_str(), 0600);
+    const std::string path = m_directory.Write("home/.cache/ahs/" + name, text);
+    chmod(path.c_str(), 0600);
+    return path;
   }
 
-  static std::string SelectionOf(const std::string& place, const std::string& candidates, long age,
-                                 const std::string& results) {
-    return "<selection place=\"" + place + "\" knownHeadends=\"" + candidates + "\" stored=\"" +
-           std::to_string(std::time(nullptr) - age) + "\">" + results + "</selection>";
-  }
-
-  static std::string DocumentOf(const std::string& selections) {
-    return "<selectionCache version=\"2\">" + selections + "</selectionCache>";
+  static std::string SelectionOf(const std::string& place, const std::string& candidate, long age,
+                                 const std::string& results = "<result name=\"gw\" rtt=\"7\"/>") {
+    return "<selection place=\"" + place + "\" stored=\"" +
+           std::to_string(std::time(nullptr) - age) + "\"><candidate name=\"" + candidate + "\"/>" +
+           results + "</selection>";
   }
 
   static bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
@@ -127,7 +127,6 @@ class CacheCommandTest : public testing::Test {
   const TemporaryDirectory m_directory;
   const std::string m_home;
   std::string m_cacheDirectory;
-  std::string m_file;
 };
 
 // ---- Places, processes, disks -----------------------------------------------------------------
@@ -209,7 +208,7 @@ TEST_F(CacheCommandTest, AFullDiskCostsOneWarningAndNoSelection) {
       "disk=$1; shift; \"$@\"; status=$?; ls \"$disk\"; exit $status",
       words);
   EXPECT_EQ(output.status, 0) << output.err;
-  EXPECT_EQ(output.out, gateway.Address() + "\nfiller\nselections.xml.lock\n");
+  EXPECT_EQ(output.out, gateway.Address() + "\nfiller\n");
   EXPECT_THAT(output.err, HasSubstr("No space left on device"));
   EXPECT_EQ(std::count(output.err.begin(), output.err.end(), '\n'), 1) << output.err;
 }
@@ -224,27 +223,24 @@ TEST_F(CacheCommandTest, WithoutAHomeDirectoryTheSelectionGoesOnWithOneWarning) 
   EXPECT_EQ(std::count(output.err.begin(), output.err.end(), '\n'), 1) << output.err;
 }
 
-TEST_F(CacheCommandTest, AFileThatIsNoneCostsOneWarningAndIsKeptAsideOnce) {
+TEST_F(CacheCommandTest, AFileThatIsNotUnderstoodCostsOneWarningAndIsReplaced) {
   const Gateway gateway;
-  for (const std::string text : {"first noise", "second noise"}) {
-    WriteFile(text);
-    const Output output = Run({"select", "--quiet", "--log-level", "warning", gateway.Address()});
-    EXPECT_EQ(output.status, 0);
-    EXPECT_THAT(output.err, HasSubstr("is no selection cache and is ignored"));
-    EXPECT_EQ(std::count(output.err.begin(), output.err.end(), '\n'), 1) << output.err;
-    EXPECT_EQ(readFile(m_file + ".corrupt"), "first noise");
-    EXPECT_EQ(RunJson({"cache", "show"}).at("selections").size(), 1U);
-  }
+  Run({"select", "--quiet", gateway.Address()});
+  const std::string file = std::filesystem::directory_iterator(m_cacheDirectory)->path().filename();
+  const std::string path = WriteFile("noise", file);
+  const Output output = Run({"select", "--quiet", "--log-level", "warning", gateway.Address()});
+  EXPECT_EQ(output.status, 0);
+  EXPECT_THAT(output.err, HasSubstr(path + " is no selection of the cache, see line 1"));
+  EXPECT_EQ(std::count(output.err.begin(), output.err.end(), '\n'), 1) << output.err;
+  EXPECT_EQ(RunJson({"select", gateway.Address()}).at("fromCache"), true);
 }
 
 // ---- ahs cache --------------------------------------------------------------------------------
 
-TEST_F(CacheCommandTest, ThePathIsPrintedWhetherTheFileIsThereOrNot) {
-  EXPECT_EQ(Run({"cache", "path"}).out, m_file + "\n");
-  EXPECT_EQ(RunJson({"cache", "path"}).at("exists"), false);
-  WriteFile(DocumentOf(""));
-  EXPECT_EQ(RunJson({"cache", "path"}), (json{{"schema", 1}, {"path", m_file}, {"exists", true}}));
-  EXPECT_EQ(Run({"cache", "path", "--cache-dir", "/none"}).out, "/none/selections.xml\n");
+TEST_F(CacheCommandTest, ThePathIsPrintedWhetherTheDirectoryIsThereOrNot) {
+  EXPECT_EQ(Run({"cache", "path"}).out, m_cacheDirectory + "\n");
+  EXPECT_EQ(RunJson({"cache", "path"}), (json{{"schema", 1}, {"path", m_cacheDirectory}}));
+  EXPECT_EQ(Run({"cache", "path", "--cache-dir", "/none"}).out, "/none\n");
 }
 
 TEST_F(CacheCommandTest, WithoutAHomeDirectoryThereIsNoPath) {
@@ -262,7 +258,7 @@ TEST_F(CacheCommandTest, ASelectionIsShownWithItsPlaceAgeAndRankedResults) {
   Run({"select", "--quiet", first.Address(), second.Address()});
   const Output output = Run({"cache", "show"});
   EXPECT_EQ(output.status, 0) << output.err;
-  EXPECT_THAT(output.out, HasSubstr("File: " + m_file + "\n"));
+  EXPECT_THAT(output.out, HasSubstr("Directory: " + m_cacheDirectory + "\n"));
   EXPECT_THAT(output.out, HasSubstr("Selections: 1\n"));
   EXPECT_THAT(output.out, HasSubstr("* answers here and now, for these candidates\n"));
   EXPECT_THAT(output.out, HasSubstr("candidates: "));
@@ -282,11 +278,10 @@ TEST_F(CacheCommandTest, ASelectionIsShownWithItsPlaceAgeAndRankedResults) {
 
 TEST_F(CacheCommandTest, WhatAnswersNothingIsShownAsThat) {
   constexpr long Day = 24L * 60 * 60;
-  const std::string result = "<headend name=\"gw\" rtt=\"7\"/>";
   const std::string here = RunJson({"cache", "show"}).at("place");
-  WriteFile(DocumentOf(
-      SelectionOf(here, "old;", 15 * Day, result) + SelectionOf(here, "new;", -Day, result) +
-      SelectionOf("nameserver 203.0.113.9 search cafe.test", "there;", 60, result)));
+  WriteFile(SelectionOf(here, "old", 15 * Day), "selection-1.xml");
+  WriteFile(SelectionOf(here, "new", -Day), "selection-2.xml");
+  WriteFile(SelectionOf("nameserver 203.0.113.9 search cafe.test", "there", 60), "selection-3.xml");
   const Output output = Run({"cache", "show"});
   EXPECT_EQ(output.status, 0) << output.err;
   EXPECT_THAT(output.out, HasSubstr("  out of date: it answers nothing any more\n"));
@@ -307,7 +302,7 @@ TEST_F(CacheCommandTest, TheClearCacheTimeOfThePreferencesDecidesWhatIsOutOfDate
       "<preferences version=\"1\"><preference name=\"SelectionClearCache\" value=\"20\"/>"
       "</preferences>");
   chmod(preferences.c_str(), 0600);
-  WriteFile(DocumentOf(SelectionOf("", "old;", 15 * Day, "<headend name=\"gw\" rtt=\"7\"/>")));
+  WriteFile(SelectionOf("", "old", 15 * Day));
   EXPECT_EQ(RunJson({"cache", "show"}).at("selections").at(0).at("current"), false);
   EXPECT_EQ(
       RunJson({"cache", "show", "--preferences", preferences}).at("selections").at(0).at("current"),
@@ -317,97 +312,70 @@ TEST_F(CacheCommandTest, TheClearCacheTimeOfThePreferencesDecidesWhatIsOutOfDate
 TEST_F(CacheCommandTest, AHostileFileIsShownWithinBoundsAndWithoutControlCharacters) {
   std::string results;
   for (int i = 0; i < 10000; ++i) {
-    results += "<headend name=\"gw\\x1b[31m" + std::to_string(i) + "\\x0a\" rtt=\"7\"/>";
+    results += "<result name=\"gw&#x9;\xc2\x9b" + std::to_string(i) + "\" rtt=\"7\"/>";
   }
-  WriteFile(DocumentOf(SelectionOf(std::string(100000, 'p'),
-                                   "a\\x1b;" + std::string(100000, 'k') + ";", 60, results)));
+  WriteFile(SelectionOf(std::string(10000, 'p'), std::string(10000, 'k'), 60, results));
   const Output output = Run({"cache", "show"});
   EXPECT_EQ(output.status, 0) << output.err;
   EXPECT_LT(output.out.size(), 8000U);
   EXPECT_THAT(output.out, HasSubstr("and 9990 more; --json shows all"));
-  EXPECT_THAT(output.out, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(output.out, HasSubstr("gw\\x09\\xc2\\x9b0"));
   EXPECT_EQ(RunJson({"cache", "show"}).at("selections").at(0).at("results").size(), 10000U);
 }
 
-TEST_F(CacheCommandTest, AFileThatCannotBeUsedIsExplained) {
-  WriteFile("noise");
+TEST_F(CacheCommandTest, AFileThatCannotBeUsedIsExplainedAndTheOthersAreShown) {
+  const std::string file = WriteFile("noise");
+  WriteFile(SelectionOf("", "right", 60), "selection-2.xml");
   const Output output = Run({"cache", "show"});
   EXPECT_EQ(output.status, 1);
-  EXPECT_THAT(output.err, HasSubstr("is not understood: line 1"));
-  EXPECT_THAT(output.err, HasSubstr("'ahs cache clear' removes it"));
-  EXPECT_THAT(RunJson({"cache", "show"}, 1).at("problem").get<std::string>(),
-              HasSubstr("is not understood"));
-  EXPECT_EQ(readFile(m_file), "noise");
-
-  ASSERT_EQ(chmod(m_file.c_str(), 0666), 0);
-  EXPECT_THAT(Run({"cache", "show"}).err, HasSubstr("can be written by other users"));
+  EXPECT_THAT(output.err, HasSubstr(file + " is no selection of the cache, see line 1"));
+  EXPECT_THAT(output.err, HasSubstr("'ahs cache clear' removes what is wrong"));
+  const json shown = RunJson({"cache", "show"}, 1);
+  EXPECT_THAT(shown.at("problem").get<std::string>(), HasSubstr("is no selection"));
+  EXPECT_EQ(shown.at("selections").size(), 1U);
+  ASSERT_EQ(chmod(file.c_str(), 0666), 0);
+  EXPECT_THAT(Run({"cache", "show"}).err, HasSubstr("may be written by every user"));
 }
 
-TEST_F(CacheCommandTest, WhatClearingWouldRefuseIsNotAdvised) {
+TEST_F(CacheCommandTest, WhatCannotBeClearedIsNamed) {
   WriteFile("noise");
-  ASSERT_EQ(chmod(m_cacheDirectory.c_str(), 0777), 0);
-  const std::string inSharedDirectory = Run({"cache", "show"}).err;
-  EXPECT_THAT(inSharedDirectory, HasSubstr("mend it with chmod go-w"));
-  EXPECT_THAT(inSharedDirectory, Not(HasSubstr("ahs cache clear")));
-
-  ASSERT_EQ(chmod(m_cacheDirectory.c_str(), 0700), 0);
-  ASSERT_EQ(unlink(m_file.c_str()), 0);
-  ASSERT_EQ(mkdir(m_file.c_str(), 0700), 0);
-  const std::string directoryInItsPlace = Run({"cache", "show"}).err;
-  EXPECT_THAT(directoryInItsPlace, HasSubstr(m_file + " is not a regular file"));
-  EXPECT_THAT(directoryInItsPlace, Not(HasSubstr("ahs cache clear")));
-}
-
-TEST_F(CacheCommandTest, WhatStandsInTheWayOfClearingIsNamed) {
-  WriteFile("noise");
-  ASSERT_EQ(mkdir((m_file + ".lock").c_str(), 0700), 0);
-  const Output locked = Run({"cache", "clear"});
-  EXPECT_EQ(locked.status, 1);
-  EXPECT_THAT(locked.err, HasSubstr("cannot open " + m_file + ".lock"));
-  EXPECT_THAT(locked.err, Not(HasSubstr("Remove " + m_file)));
-
-  ASSERT_EQ(rmdir((m_file + ".lock").c_str()), 0);
-  ASSERT_EQ(mkdir((m_file + ".new-0").c_str(), 0700), 0);
+  ASSERT_EQ(mkdir((m_cacheDirectory + "/selection-2.xml").c_str(), 0700), 0);
   const Output half = Run({"cache", "clear"});
   EXPECT_EQ(half.status, 1);
-  EXPECT_THAT(half.err, HasSubstr("cannot remove " + m_file + ".new-0"));
+  EXPECT_THAT(half.err, HasSubstr("cannot remove " + m_cacheDirectory + "/selection-2.xml"));
 }
 
-TEST_F(CacheCommandTest, ClearingLeavesNothingButTheLock) {
+TEST_F(CacheCommandTest, ClearingRemovesWhatThisAndFormerVersionsHaveLeftAndNothingElse) {
   const Gateway gateway;
   Run({"select", "--quiet", gateway.Address()});
-  m_directory.Write("home/.cache/ahs/selections.xml.corrupt", "noise");
-  m_directory.Write("home/.cache/ahs/selections.xml.new", "half");
+  for (const char* name : {"selection-1.xml", "selection-1.xml.new-a1b2c3", "selections.xml",
+                           "selections.xml.lock", "selections.xml.corrupt", "mine"}) {
+    WriteFile("noise", name);
+  }
   const Output output = Run({"cache", "clear"});
   EXPECT_EQ(output.status, 0) << output.err;
-  EXPECT_EQ(output.out, "Removed 1 selection: " + m_file + "\n");
-  EXPECT_FALSE(Exists(m_file));
-  EXPECT_FALSE(Exists(m_file + ".corrupt"));
-  EXPECT_FALSE(Exists(m_file + ".new"));
-  EXPECT_EQ(Run({"cache", "clear"}).out, "There was nothing to remove: " + m_file + "\n");
+  EXPECT_EQ(output.out, "Removed 6 files: " + m_cacheDirectory + "\n");
+  EXPECT_EQ(unlink((m_cacheDirectory + "/mine").c_str()), 0);
+  EXPECT_TRUE(std::filesystem::is_empty(m_cacheDirectory));
+  EXPECT_EQ(Run({"cache", "clear"}).out, "There was nothing to remove: " + m_cacheDirectory + "\n");
   EXPECT_EQ(RunJson({"select", gateway.Address()}).at("fromCache"), false);
 }
 
 TEST_F(CacheCommandTest, ClearingACacheThatIsNotThereMakesNothing) {
   EXPECT_EQ(RunJson({"cache", "clear"}),
-            (json{{"schema", 1}, {"path", m_file}, {"removed", false}, {"selections", 0}}));
+            (json{{"schema", 1}, {"path", m_cacheDirectory}, {"removed", 0}}));
   EXPECT_FALSE(Exists(m_home + "/.cache"));
 }
 
-TEST_F(CacheCommandTest, AFileThatIsNotUnderstoodIsClearedToo) {
-  WriteFile("noise");
-  EXPECT_EQ(RunJson({"cache", "clear"}).at("removed"), true);
-  EXPECT_FALSE(Exists(m_file));
-}
-
-TEST_F(CacheCommandTest, WhereOthersCanWriteNothingIsCleared) {
-  WriteFile("noise");
+TEST_F(CacheCommandTest, WhereOthersCanWriteNothingIsShownNorCleared) {
+  const std::string file = WriteFile("noise");
   ASSERT_EQ(chmod(m_cacheDirectory.c_str(), 0777), 0);
-  const Output output = Run({"cache", "clear"});
-  EXPECT_EQ(output.status, 1);
-  EXPECT_THAT(output.err, HasSubstr("was not cleared: the directory " + m_cacheDirectory +
-                                    " can be written by other users"));
-  EXPECT_EQ(readFile(m_file), "noise");
+  for (const char* action : {"show", "clear"}) {
+    const Output output = Run({"cache", action});
+    EXPECT_EQ(output.status, 1);
+    EXPECT_THAT(output.err, HasSubstr(m_cacheDirectory + " may be written by every user"));
+  }
+  EXPECT_EQ(readFile(file), "noise");
 }
 
 TEST_F(CacheCommandTest, AWrongCommandLineIsExplained) {

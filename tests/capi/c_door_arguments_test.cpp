@@ -334,7 +334,7 @@ TEST(Arguments, AreCopied) {
   options.headend_count = 1;
   options.preferences = &preference;
   options.preference_count = 1;
-  options.cache_file = texts[6].Get();
+  options.cache_directory = texts[6].Get();
   ahs_request request = AHS_REQUEST_INIT;
   request.reason = AHS_REASON_RECONNECTION;
   request.last_headend = texts[4].Get();

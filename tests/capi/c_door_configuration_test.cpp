@@ -305,7 +305,7 @@ TEST(TheCache, IsKeptInItsFileBetweenLibraries) {
   const Gateway gateway;
   const TemporaryDirectory directory;
   const std::string file = directory.File("cache.xml");
-  const auto withFile = [&](ahs_options& options) { options.cache_file = file.c_str(); };
+  const auto withFile = [&](ahs_options& options) { options.cache_directory = file.c_str(); };
   EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, withFile)).status, AHS_ADDED_TO_CACHE);
   EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, withFile)).status, AHS_SUCCESS);
 }

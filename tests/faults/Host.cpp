@@ -205,7 +205,7 @@ Host::Host() : m_down(KnownAddress) {
   WriteConfiguration();
   m_options.sources.profileDirectory = m_directory.File("profiles");
   m_options.sources.userPreferencesFile = m_directory.File("preferences.xml");
-  m_options.sources.cacheFile = CacheFile();
+  m_options.sources.cacheDirectory = CacheFile();
   m_options.log.file = m_directory.File("selection.log");
   m_cacheText =
       "<selectionCache version=\"1\"><selection place=\"nameserver 192.0.2.1\" knownHeadends=\"" +

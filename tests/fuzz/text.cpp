@@ -1,5 +1,5 @@
-// Text that is shown, compared and kept. Whatever the bytes, what comes out is bounded and can be
-// shown, and an encoding loses nothing. The search domains of the resolver are such a text.
+// Text that is shown and compared. Whatever the bytes, what comes out is bounded and can be shown.
+// The search domains of the resolver are such a text.
 
 #include <arpa/inet.h>
 #include <resolv.h>
@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "tests/fuzz/require.h"
-#include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Common/Logging/LegibleText.h"
@@ -108,18 +107,6 @@ void requireFolded(const std::string& text) {
   REQUIRE(CStringUtils::toLower(lower) == lower);
 }
 
-void requireEncoded(const std::string& text) {
-  const std::string encoded = CacheDocument::encode(text);
-  std::string decoded;
-  REQUIRE(isPrintableAscii(encoded));
-  REQUIRE(encoded.find(' ') == std::string::npos);
-  REQUIRE(encoded.size() <= CacheDocument::writtenSize(text));
-  REQUIRE(CacheDocument::decode(encoded, decoded));
-  REQUIRE(decoded == text);
-  // One spelling a text: otherwise one candidate set would have several keys.
-  REQUIRE(!CacheDocument::decode(text, decoded) || CacheDocument::encode(decoded) == text);
-}
-
 void requireRightMessages(const std::string& text) {
   constexpr std::size_t longest = 100;
   const std::string line = ConfigurationText::oneLine(text, longest);
@@ -187,7 +174,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   requireIndented(text);
   requirePrintable(text);
   requireFolded(text);
-  requireEncoded(text);
   requireRightMessages(text);
   requireRightBytes(text);
   requireRightPlace(text);

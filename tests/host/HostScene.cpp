@@ -85,7 +85,7 @@ void Host::BringUp(const std::vector<std::string>& addresses) {
   options.sources.headends.assign(addresses.begin(), addresses.end());
   options.sources.userPreferencesFile = m_directory.File("user.xml");
   options.sources.globalPreferencesFile = m_directory.File("global.xml");
-  options.sources.cacheFile = CacheFile();
+  options.sources.cacheDirectory = CacheDirectory();
   STATUSCODE status = -1;
   m_library = std::make_unique<CClientLibrary>(options, status);
   if (status != 0 || !options.logProblem.empty()) {
@@ -94,16 +94,9 @@ void Host::BringUp(const std::vector<std::string>& addresses) {
   }
 }
 
-void Host::ForgetSelections() const { std::filesystem::remove(CacheFile()); }
-
-bool Host::WaitUntilStored() {
-  CSelectionCache* const cache = CSelectionCache::acquireInstance();
-  if (cache == nullptr) {
-    return true;
-  }
-  const bool isStored = eventually([cache] { return cache->WaitForStores() == 0; });
-  cache->releaseInstance();
-  return isStored;
+void Host::ForgetSelections() const {
+  static_cast<void>(isGone(CSelectionCache::acquireInstance()));  // the release writes them
+  std::filesystem::remove_all(CacheDirectory());
 }
 
 Client::Client(std::function<void()> reaction) : m_reaction(std::move(reaction)) {}

@@ -64,12 +64,10 @@ class Host {
   void TakeDown() { m_library.reset(); }
 
   void SetPreferences(const Preferences& user, const Preferences& global);
-  std::string CacheFile() const { return m_directory.File("cache.xml"); }
+  std::string CacheDirectory() const { return m_directory.File("cache"); }
   std::string LogFile() const { return m_directory.File("ahs.log"); }
+  /// Also those that are in memory.
   void ForgetSelections() const;
-  /// For a test that forgets selections while a run keeps the cache in memory: what a slow disk has
-  /// not taken yet is in neither place afterwards.
-  static bool WaitUntilStored();
 
  private:
   TemporaryDirectory m_directory;

@@ -78,7 +78,6 @@ class EndlessCallback : public testing::Test {
 TEST_F(EndlessCallback, HoldsUpNoOtherRun) {
   Client fromCache;
   executeRun(makeRun(fromCache));
-  EXPECT_TRUE(Host::WaitUntilStored());
   m_host.ForgetSelections();
   Client measured;
   executeRun(makeRun(measured, AtReconnection));
@@ -140,7 +139,6 @@ class NestedRun : public testing::Test {
     host.BringUp({gateway.Address()});
     Client inner;
     Client outer([&] {
-      EXPECT_TRUE(Host::WaitUntilStored());
       host.ForgetSelections();
       execute(makeRun(inner));
     });

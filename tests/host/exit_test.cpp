@@ -1,5 +1,5 @@
-// A host process that ends while workers probe, the timer is armed or fires, the cache file is read
-// or the client's callback runs. Its exit status is its own, it does not crash and it does not
+// A host process that ends while workers probe, the timer is armed or fires, a file of the cache is
+// read or the client's callback runs. Its exit status is its own, it does not crash and it does not
 // hang.
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // A host that forks in the middle of a selection. The child execs or ends at once; the exec'd
-// program is given none of the component's descriptors, the parent's run is not disturbed, and a
-// child that stays holds no lock that the parent has given back.
+// program is given none of the component's descriptors, and the parent's run is not disturbed, nor
+// by a child that stays.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,29 +14,6 @@
 
 #include "tests/host/HostScene.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
-#include "vpn/Api/AHS/StateFile.h"
-
-namespace {
-
-/// What the next flush of a file does before it starts. Set while nobody flushes.
-std::function<void()>& beforeFlush() {
-  static auto& hook = *new std::function<void()>;
-  return hook;
-}
-
-}  // namespace
-
-extern "C" {
-int __real_fsync(int descriptor);  // NOLINT: the linker's name for it
-int __wrap_fsync(int descriptor);  // NOLINT
-
-int __wrap_fsync(int descriptor) {  // NOLINT
-  if (beforeFlush()) {
-    beforeFlush()();
-  }
-  return __real_fsync(descriptor);
-}
-}
 
 namespace tests {
 namespace {
@@ -154,23 +131,6 @@ class IdleChild {
  private:
   const pid_t m_child;
 };
-
-TEST_F(ForkingHost, WhileTheCacheIsStoredLeavesTheLockOfTheCacheFileToTheParent) {
-  std::unique_ptr<IdleChild> child;
-  beforeFlush() = [&] {
-    if (child == nullptr) {
-      child = std::make_unique<IdleChild>();
-    }
-  };
-  StartRun();
-  m_run.join();
-  beforeFlush() = nullptr;
-  ASSERT_NE(child, nullptr) << "no store was under way";
-  EXPECT_EQ(m_client->Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-
-  const CStateFile::Lock lock(CStateFile(m_host.CacheFile(), 1), std::chrono::milliseconds(0));
-  EXPECT_EQ(lock.state(), CStateFile::Locking::Held) << lock.problem();
-}
 
 TEST_F(ForkingHost, WithAChildThatStaysLetsItsRunsEndAndItsConnectionsBeAnswered) {
   StartRun();

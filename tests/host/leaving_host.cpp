@@ -1,15 +1,14 @@
 // A host that ends in the middle of a selection: brings the library up, starts runs, waits, and
 // leaves in the way it is told to, with exit status 7. Should it hang, an alarm ends it.
 // Usage: leaving_host return|exit|quick_exit|_exit|exec MICROSECONDS PLAN AUTHORITY ADDRESS...
-// PLAN: plain, secure; busy for TLS handshakes without a pause; cached for runs that read the cache
-// file again and again; endless for a callback that does not return, from whose call on it waits.
+// PLAN: plain, secure; busy for TLS handshakes without a pause; cached for runs that read a file of
+// the cache again and again; endless for a callback that does not return, from whose call on it
+// waits.
 
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
-#include <system_error>
 
 #include "tests/host/HostScene.h"
 
@@ -43,15 +42,11 @@ struct Process {
     std::thread([run] { run->run(); }).detach();
   }
 
-  /// Runs that find the file changed each time, so that each of them parses it.
   void StartReaders() {
     tests::executeRun(tests::makeRun(client));
     for (int i = 0; i < Readers; ++i) {
       std::thread([this] {
         for (;;) {
-          const std::filesystem::file_time_type now = std::filesystem::file_time_type::clock::now();
-          std::error_code ignored;  // the file may be about to be replaced
-          std::filesystem::last_write_time(host.CacheFile(), now, ignored);
           tests::makeRun(client)->run();
         }
       }).detach();

@@ -3,6 +3,7 @@
 // they are built. What was seen must be allowed by the table in docs/architecture.md.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -30,8 +31,8 @@ namespace {
 /// What the calling thread does after it has started its first thread, once.
 thread_local std::function<void()> t_afterStart;
 
-/// Notes that a file is flushed by this thread.
-void noteFlush();
+/// Notes that this thread may wait for the disk, for a file of the cache.
+void noteDisk();
 
 }  // namespace
 
@@ -47,12 +48,20 @@ long __wrap__ZN7CThread5StartEv(void* thread) {  // NOLINT
   return status;
 }
 
-int __real_fsync(int descriptor);  // NOLINT
-int __wrap_fsync(int descriptor);  // NOLINT
+int __real_lstat(const char* path, struct stat* status);  // NOLINT
+int __wrap_lstat(const char* path, struct stat* status);  // NOLINT
 
-int __wrap_fsync(int descriptor) {  // NOLINT
-  noteFlush();
-  return __real_fsync(descriptor);
+int __wrap_lstat(const char* path, struct stat* status) {  // NOLINT
+  noteDisk();
+  return __real_lstat(path, status);
+}
+
+int __real_rename(const char* from, const char* to);  // NOLINT
+int __wrap_rename(const char* from, const char* to);  // NOLINT
+
+int __wrap_rename(const char* from, const char* to) {  // NOLINT
+  noteDisk();
+  return __real_rename(from, to);
 }
 }
 
@@ -66,8 +75,7 @@ const std::map<std::string, Names>& classesOfSources() {
   static const auto& classes = *new std::map<std::string, Names>{
       {"HeadendSelection.cpp", {"m_headendCacheLock", "m_headendThreadLock"}},
       {"HeadendSelectionProbing.cpp", {"m_headendPingThreadLock"}},
-      {"SelectionCache.cpp", {"the cache's lock"}},
-      {"CacheWriter.cpp", {"the cache writer's lock"}},
+      {"SelectionCache.cpp", {"the cache's writer lock", "the cache's lock"}},
       {"PreferenceMgr.cpp", {"the preference manager's lock"}},
       {"ExecutionContext.cpp", {"the execution context's lock"}},
       {"Thread.cpp", {"a thread's state lock"}},
@@ -160,8 +168,9 @@ struct Moments {
   Moment probe;
   Moment timer;
   Moment runsTimer;
-  Moment cacheFile;
   Moment doorsCallback;
+  std::mutex diskLock;
+  std::multiset<std::vector<int>> disk;  // the locks held each time
 };
 
 /// Notes from any thread until the end of the process.
@@ -175,7 +184,10 @@ Moments& moments() {
 
 namespace {
 
-void noteFlush() { tests::moments().cacheFile.Note(); }
+void noteDisk() {
+  const std::lock_guard<std::mutex> lock(tests::moments().diskLock);
+  tests::moments().disk.insert(tests::LockRecorder::HeldByThisThread());
+}
 
 }  // namespace
 
@@ -211,7 +223,7 @@ class Selections {
     WithoutHeadends();
     WithoutTheLibrary();
     WithoutThreads();
-    WithACacheFileThatIsNone();
+    WithACacheDirectoryThatIsRefused();
     EXPECT_TRUE(nothingIsLeft());
     CAppLog::SetListener({});
     ThroughTheDoor();
@@ -313,11 +325,10 @@ class Selections {
   }
 
   /// The cache has something to complain about.
-  void WithACacheFileThatIsNone() {
+  void WithACacheDirectoryThatIsRefused() {
     const HeldGateway gateway(1000);
-    m_host.ForgetSelections();
-    std::ofstream(m_host.CacheFile()) << "no cache";
-    std::filesystem::permissions(m_host.CacheFile(), std::filesystem::perms::owner_read);
+    std::filesystem::create_directory(m_host.CacheDirectory());
+    std::filesystem::permissions(m_host.CacheDirectory(), std::filesystem::perms::all);
     m_host.BringUp({gateway.Address()});
     Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtReconnection);
     m_host.TakeDown();
@@ -456,10 +467,13 @@ TEST_F(LockOrder, EveryNestingIsAllowedByTheTableInTheDocumentation) {
 
 TEST_F(LockOrder, TheNestingsThatTheCodeIsKnownToHaveWereSeen) {
   const auto nestings = m_classes.Nestings();
-  const Names innerLocks = {"m_headendCacheLock",      "the cache's lock",
-                            "the cache writer's lock", "a thread's state lock",
-                            "a timer list's lock",     "the preference manager's lock",
-                            "the reserve's lock",      "its targets' lock"};
+  const Names innerLocks = {"m_headendCacheLock",
+                            "the cache's lock",
+                            "a thread's state lock",
+                            "a timer list's lock",
+                            "the preference manager's lock",
+                            "the reserve's lock",
+                            "its targets' lock"};
   for (const std::string& inner : innerLocks) {
     const bool isSeen = std::any_of(nestings.begin(), nestings.end(),
                                     [&](const auto& nesting) { return nesting.second == inner; });
@@ -487,17 +501,21 @@ TEST_F(LockOrder, NoLockIsNestedInOneOfItsOwnClassAndThereIsNoCycle) {
   }
 }
 
-TEST_F(LockOrder, NobodySleepsOnALockWithAnotherOneHeldButForTheFileOfTheCache) {
+TEST_F(LockOrder, NobodySleepsOnALockWithAnotherOneHeld) {
   for (const int index : LockRecorder::WaitedOnWithOthersHeld()) {
-    // A run's end waits for the file, for 50 ms at most; the writer takes no other lock.
-    EXPECT_EQ(m_classes.NameOf(index), "the cache writer's lock")
-        << "a thread waited on it with another lock held";
+    ADD_FAILURE() << "a thread waited on " << m_classes.NameOf(index) << " with another lock held";
   }
 }
 
-TEST_F(LockOrder, WhoWritesTheFileOfTheCacheHoldsNoLock) {
-  EXPECT_GT(moments().cacheFile.seen, 2);
-  EXPECT_EQ(moments().cacheFile.withLocks, 0);
+TEST_F(LockOrder, WhoeverWaitsForTheDiskHoldsTheCachesWriterLockOrNone) {
+  EXPECT_GT(moments().disk.count({}), 2U) << "no look-up was seen";
+  EXPECT_GT(moments().disk.size() - moments().disk.count({}), 2U) << "no writing was seen";
+  for (const std::vector<int>& held : moments().disk) {
+    EXPECT_LE(held.size(), 1U);
+    for (const int index : held) {
+      EXPECT_EQ(m_classes.NameOf(index), "the cache's writer lock");
+    }
+  }
 }
 
 TEST_F(LockOrder, NoLockIsHeldWhileTheClientIsCalled) {

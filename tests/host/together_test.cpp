@@ -1,4 +1,4 @@
-// Several runs of one process at once. They share the selection cache and its file; each ends in
+// Several runs of one process at once. They share the selection cache and its files; each ends in
 // one callback and no selection of one of them is lost to another.
 
 #include <gtest/gtest.h>

@@ -192,7 +192,7 @@ class RealPeers : public testing::Test {
     options.log.off = true;  // the tests listen
     options.sources.profileDirectory = m_directory.File("profiles");
     options.sources.userPreferencesFile = m_directory.File("preferences.xml");
-    options.sources.cacheFile = m_directory.File("cache.xml");
+    options.sources.cacheDirectory = m_directory.File("cache.xml");
     STATUSCODE status = -1;
     m_library = std::make_unique<CClientLibrary>(options, status);
     ASSERT_EQ(0, status);

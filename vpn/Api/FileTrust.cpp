@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -52,18 +53,18 @@ std::string octal(mode_t mode) {
 
 std::string shown(const std::string& path) { return ConfigurationText::oneLine(path, PATH_MAX); }
 
-std::string distrust(const std::string& what, const std::string& remedy) {
+std::string distrust(const std::string& what, const std::string& remedy, Check check) {
   return "is refused because another user could have changed it: " + what + ". Run '" + remedy +
-         "', or read it all the same with --trust-profiles";
+         (check == Check::Private ? "'" : "', or read it all the same with --trust-profiles");
 }
 
 /// What speaks against a file, directory or link.
-std::string findDistrust(const struct stat& status, const std::string& path) {
+std::string findDistrust(const struct stat& status, const std::string& path, Check check) {
   const uid_t user = ::geteuid();
   if (status.st_uid != 0 && status.st_uid != user) {
     return distrust(shown(path) + " belongs to user " + std::to_string(status.st_uid) +
                         ", neither to root nor to the user who reads it, " + std::to_string(user),
-                    "chown " + std::to_string(user) + " " + shown(path));
+                    "chown " + std::to_string(user) + " " + shown(path), check);
   }
   const bool onlyOwnEntries = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
   if (S_ISLNK(status.st_mode) || onlyOwnEntries || (status.st_mode & OthersMayWrite) == 0) {
@@ -75,7 +76,8 @@ std::string findDistrust(const struct stat& status, const std::string& path) {
       shown(path) + " may be written by " +
           (byAll ? "every user" : "group " + std::to_string(status.st_gid)) + " (mode " +
           octal(status.st_mode & 07777U) + ")",
-      std::string("chmod ") + (byGroup ? "g" : "") + (byAll ? "o" : "") + "-w " + shown(path));
+      std::string("chmod ") + (byGroup ? "g" : "") + (byAll ? "o" : "") + "-w " + shown(path),
+      check);
 }
 
 /// Where something was found: what to open from where.
@@ -88,7 +90,8 @@ struct Place {
 /// Goes to the end of one path. Used once.
 class Walk {
  public:
-  Walk(std::string path, Refusal& refusal) : m_path(std::move(path)), m_refusal(refusal) {}
+  Walk(std::string path, Check check, Refusal& refusal)
+      : m_path(std::move(path)), m_check(check), m_refusal(refusal) {}
 
   /// @param status of what stands there; never a link.
   bool goTo(Place& place, struct stat& status);
@@ -102,6 +105,7 @@ class Walk {
   std::string pathOf(const std::string& name) const;
 
   const std::string m_path;
+  const Check m_check;
   Refusal& m_refusal;
   Descriptor m_directory;                // where the walk is
   std::string m_place;                   // its path, "" for the root
@@ -162,7 +166,7 @@ bool Walk::look(const std::string& name, Descriptor& found, struct stat& status)
   if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)) {
     return true;  // for the caller to refuse, whoever owns it
   }
-  const std::string distrust = findDistrust(status, pathOf(name));
+  const std::string distrust = findDistrust(status, pathOf(name), m_check);
   return distrust.empty() || refuse(m_refusal, distrust);
 }
 
@@ -184,7 +188,7 @@ bool Walk::enterRoot() {
   if (m_directory.get() < 0 || ::fstat(m_directory.get(), &status) != 0) {
     return fail(m_refusal, errno);
   }
-  const std::string distrust = findDistrust(status, "/");
+  const std::string distrust = findDistrust(status, "/", m_check);
   return distrust.empty() || refuse(m_refusal, distrust);
 }
 
@@ -208,17 +212,17 @@ std::string Walk::pathOf(const std::string& name) const {
 
 bool locate(const std::string& path, Check check, Place& place, struct stat& status,
             Refusal& refusal) {
-  if (check == Check::Strict) {
-    return Walk(path, refusal).goTo(place, status);
+  if (check != Check::Waived) {
+    return Walk(path, check, refusal).goTo(place, status);
   }
   place.name = path;
   return ::stat(path.c_str(), &status) == 0 || fail(refusal, errno);
 }
 
 /// Opens for reading what was looked at, or nothing.
-bool open(const Place& place, int flags, const struct stat& expected, Descriptor& opened,
-          Refusal& refusal) {
-  const bool isChecked = place.directory.get() >= 0;
+bool open(const Place& place, Check check, int flags, const struct stat& expected,
+          Descriptor& opened, Refusal& refusal) {
+  const bool isChecked = check != Check::Waived;
   opened = Descriptor(::openat(isChecked ? place.directory.get() : AT_FDCWD, place.name.c_str(),
                                ForReading | flags | (isChecked ? O_NOFOLLOW : 0)));
   struct stat status = {};
@@ -230,7 +234,7 @@ bool open(const Place& place, int flags, const struct stat& expected, Descriptor
   }
   // A number alone does not tell the file: what was looked at is closed, and a new file may have
   // been given the number of one that was removed.
-  const std::string distrust = isChecked ? findDistrust(status, place.path) : std::string();
+  const std::string distrust = isChecked ? findDistrust(status, place.path, check) : std::string();
   return distrust.empty() || refuse(refusal, distrust);
 }
 
@@ -257,7 +261,7 @@ bool FileTrust::openFile(const std::string& path, Check check, Descriptor& file,
   if (!locate(path, check, place, status, refusal)) {
     return false;
   }
-  return S_ISREG(status.st_mode) ? open(place, 0, status, file, refusal)
+  return S_ISREG(status.st_mode) ? open(place, check, 0, status, file, refusal)
                                  : refuse(refusal, "is not a regular file");
 }
 
@@ -268,6 +272,25 @@ bool FileTrust::openDirectory(const std::string& path, Check check, Descriptor& 
   if (!locate(path, check, place, status, refusal)) {
     return false;
   }
-  return S_ISDIR(status.st_mode) ? open(place, O_DIRECTORY, status, directory, refusal)
+  // Where entries are safe from others, others may still add their own.
+  if (check == Check::Private && (status.st_mode & OthersMayWrite) != 0) {
+    return refuse(refusal, distrust(shown(path) + " may be written by other users",
+                                    "chmod go-w " + shown(path), check));
+  }
+  return S_ISDIR(status.st_mode) ? open(place, check, O_DIRECTORY, status, directory, refusal)
                                  : fail(refusal, ENOTDIR);
+}
+
+bool FileTrust::makeDirectory(const std::string& path, Refusal& refusal) {
+  Descriptor directory;
+  if (openDirectory(path, Check::Strict, directory, refusal)) {
+    return true;
+  }
+  // From the end on: on the way there may be directories that may be passed but not read.
+  const std::filesystem::path whole(path);
+  const std::filesystem::path parent = whole.has_parent_path() ? whole.parent_path() : ".";
+  if (refusal.error != ENOENT || parent == whole || !makeDirectory(parent, refusal)) {
+    return false;
+  }
+  return ::mkdir(path.c_str(), S_IRWXU) == 0 || errno == EEXIST || fail(refusal, errno);
 }

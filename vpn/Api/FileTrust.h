@@ -18,8 +18,9 @@ namespace FileTrust {
 
 /// Who may have written a file.
 enum class Check {
-  Strict,  ///< root and the effective user alone
-  Waived,  ///< whoever could have written it
+  Strict,   ///< root and the effective user alone
+  Private,  ///< the same for what is no configuration; in a directory, nobody else even adds files
+  Waived,   ///< whoever could have written it
 };
 
 /// An open file or directory, closed with the object.
@@ -57,5 +58,10 @@ bool openFile(const std::string& path, Check check, Descriptor& file, Refusal& r
 
 /// Opens a directory for reading in the same way.
 bool openDirectory(const std::string& path, Check check, Descriptor& directory, Refusal& refusal);
+
+/// Makes a directory for the user alone (mode 0700), and what leads to it, where they are missing:
+/// only in one that is trusted.
+/// @return whether it is there; else `refusal` says why not.
+bool makeDirectory(const std::string& path, Refusal& refusal);
 
 }  // namespace FileTrust

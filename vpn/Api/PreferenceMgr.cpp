@@ -129,7 +129,7 @@ STATUSCODE PreferenceMgr::getParsedPreferenceFile(PreferenceScope scope,
   return PREFERENCEMGR_ERROR_BAD_PARAMETER;
 }
 
-const std::string& PreferenceMgr::getCacheFile() const { return m_sources.cacheFile; }
+const std::string& PreferenceMgr::getCacheDirectory() const { return m_sources.cacheDirectory; }
 
 std::vector<FileProblem> PreferenceMgr::getProblems() const { return m_problems; }
 

@@ -35,8 +35,8 @@ class PreferenceMgr {
     std::string profileDirectory;       ///< its "*.xml" files are the profiles
     std::string userPreferencesFile;    ///< path of the user's own file
     std::string globalPreferencesFile;  ///< path of the machine's file
-    /// Where the selection cache is kept between processes; empty: in memory only.
-    std::string cacheFile;
+    /// Directory in which selections are kept between processes; empty: in memory only.
+    std::string cacheDirectory;
     /// Headends that take part beside those of the profiles.
     std::vector<GivenHeadend> headends;
     /// The caller's own preferences, which go before every file's. Values must be allowed ones
@@ -92,8 +92,8 @@ class PreferenceMgr {
   /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no scope.
   STATUSCODE getParsedPreferenceFile(PreferenceScope scope, UserPreferences*& preferences);
 
-  /// See `Sources::cacheFile`.
-  const std::string& getCacheFile() const;
+  /// See `Sources::cacheDirectory`.
+  const std::string& getCacheDirectory() const;
 
   /// What was wrong, in the order of reading: the user's preferences, the global ones, the
   /// profiles.

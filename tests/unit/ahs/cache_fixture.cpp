@@ -10,18 +10,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
-#include "tests/support/Eventually.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/private_access.h"
 #include "tests/unit/ahs/resolver_double.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Logging/AppLog.h"
+
+AHS_EXPOSE(HasWarned, &CSelectionCache::sm_hasWarned);
 
 namespace tests {
 
@@ -50,31 +50,7 @@ CacheHold::CacheHold() : m_cache(nullptr) {
 
 CacheHold::~CacheHold() { m_cache->releaseInstance(); }
 
-STATUSCODE keep(const CacheHold& cache, CCacheEntry& entry) {
-  const STATUSCODE status = cache->AddEntry(entry);
-  return status == HEADENDSELECTION_ERROR_CACHE_FAILURE ? cache->WaitForStores() : status;
-}
-
-bool hasWriter() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return std::any_of(begin(tasks), end(tasks), [](const auto& task) {
-    // A stream would throw when the thread ends before it is read.
-    const int comm = open((task.path() / "comm").c_str(), O_RDONLY | O_CLOEXEC);
-    std::array<char, 16> name{};
-    const ssize_t length = comm < 0 ? -1 : ::read(comm, name.data(), name.size());
-    if (comm >= 0) {
-      close(comm);
-    }
-    return length > 0 && std::string(name.data(), static_cast<std::size_t>(length)) == "ahs\n";
-  });
-}
-
-void waitForWriters() {
-  EXPECT_TRUE(eventually([] { return !hasWriter(); }));
-}
-
 int inProcess(const std::function<int()>& body) {
-  waitForWriters();
   const pid_t child = fork();
   if (child == 0) {
     _exit(body());
@@ -90,9 +66,9 @@ void CacheTest::SetUp() {
   std::string pattern = (std::filesystem::temp_directory_path() / "ahs-cache-XXXXXX").string();
   ASSERT_NE(mkdtemp(pattern.data()), nullptr);
   m_directory = pattern;
-  m_file = m_directory + "/selections.xml";
   setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
-  usePreferences(m_file);
+  usePreferences(m_directory);
+  forgetWarnings();
   CAppLog::SetListener([this](const CAppLog::Record& record) {
     if (record.severity == Logging::DBG_Warning || record.severity == Logging::DBG_Error) {
       m_warnings.push_back(record.message);
@@ -109,14 +85,14 @@ void CacheTest::TearDown() {
   std::filesystem::remove_all(m_directory);
 }
 
-void CacheTest::usePreferences(const std::string& cacheFile,
+void CacheTest::usePreferences(const std::string& cacheDirectory,
                                const std::string& userPreferencesFile) {
   if (m_preferences != nullptr) {
     m_preferences->releaseInstance();
     m_preferences = nullptr;
   }
   PreferenceMgr::Sources sources;
-  sources.cacheFile = cacheFile;
+  sources.cacheDirectory = cacheDirectory;
   sources.userPreferencesFile = userPreferencesFile;
   ASSERT_EQ(PreferenceMgr::createInstance(sources), 0);
   m_preferences = PreferenceMgr::acquireInstance();
@@ -126,25 +102,49 @@ void CacheTest::usePreferences(const std::string& cacheFile,
 STATUSCODE CacheTest::store(const std::string& knownHeadends, const Records& records) {
   const CacheHold cache;
   CCacheEntry entry = entryOf(knownHeadends, records);
-  return keep(cache, entry);
+  return cache->AddEntry(entry);
 }
 
 bool CacheTest::find(const std::string& knownHeadends, Records& records) {
-  bool found = false;
-  {
-    const CacheHold cache;
-    std::string key = knownHeadends;
-    CCacheEntry entry;
-    found = cache->IsInCache(key, entry);
-    records = recordsOf(entry);
-  }
-  waitForWriters();
+  const CacheHold cache;
+  std::string key = knownHeadends;
+  CCacheEntry entry;
+  const bool found = cache->IsInCache(key, entry);
+  records = recordsOf(entry);
   return found;
 }
 
 bool CacheTest::has(const std::string& knownHeadends) {
   Records records;
   return find(knownHeadends, records);
+}
+
+std::string CacheTest::fileOf(const std::string& knownHeadends) {
+  std::string& file = m_files[knownHeadends];
+  if (file.empty()) {
+    const std::vector<std::string> before = names();
+    EXPECT_EQ(store(knownHeadends), 0);
+    for (const std::string& name : names()) {
+      file = std::ranges::count(before, name) == 0 ? m_directory + "/" + name : file;
+    }
+  }
+  return file;
+}
+
+void CacheTest::storeAged(const std::string& knownHeadends, long stored, long used) {
+  const std::string file = fileOf(knownHeadends);
+  const long now = std::time(nullptr);
+  write(file, "<selection place=\"nameserver 192.0.2.1 search home.test\" stored=\"" +
+                  std::to_string(now - stored) + "\"><candidate name=\"" +
+                  knownHeadends.substr(0, knownHeadends.size() - 1) +
+                  "\"/><result name=\"gw\" rtt=\"7\"/></selection>");
+  const timespec times[2] = {{now - used, 0}, {now - used, 0}};
+  EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+}
+
+void CacheTest::forgetWarnings() {
+  exposed(HasWarned{})->clear();
+  m_warnings.clear();
 }
 
 std::string CacheTest::read(const std::string& path) {
@@ -157,18 +157,13 @@ void CacheTest::write(const std::string& path, const std::string& text) {
   chmod(path.c_str(), 0600);
 }
 
-bool CacheTest::exists(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0;
-}
-
-void CacheTest::writeSelection(long age) const {
-  write(m_file,
-        "<selectionCache version=\"1\">"
-        "<selection place=\"nameserver 192.0.2.1 search home.test\" knownHeadends=\"gw-a;\""
-        " stored=\"" +
-            std::to_string(std::time(nullptr) - age) +
-            "\"><headend name=\"gw-a\" rtt=\"7\"/></selection></selectionCache>");
+std::vector<std::string> CacheTest::names() const {
+  std::vector<std::string> all;
+  for (const auto& item : std::filesystem::directory_iterator(m_directory)) {
+    all.push_back(item.path().filename());
+  }
+  std::ranges::sort(all);
+  return all;
 }
 
 }  // namespace tests

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,47 +33,45 @@ class CacheHold {
   CSelectionCache* m_cache;
 };
 
-/// Stores, waiting for the disk however long it takes. @return what became of it in the end.
-STATUSCODE keep(const CacheHold& cache, CCacheEntry& entry);
-
-/// Whether the cache has a thread of its own now.
-bool hasWriter();
-
-/// Waits until the cache's own threads have ended: ThreadSanitizer lets a child of fork have
-/// threads only if the parent had none.
-void waitForWriters();
-
 /// Runs `body` in a process of its own. @return its exit status, which is what `body` returned.
 int inProcess(const std::function<int()>& body);
 
-/// A directory of its own, preferences that keep the cache there, a machine at home, and a count of
+/// A directory of its own, preferences that keep the cache there, a machine at home, and a list of
 /// warnings.
 class CacheTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
-  /// Starts the preferences anew. @param cacheFile empty: nothing is kept between processes.
-  void usePreferences(const std::string& cacheFile, const std::string& userPreferencesFile = "");
+  /// Starts the preferences anew. @param cacheDirectory empty: nothing is kept between processes.
+  void usePreferences(const std::string& cacheDirectory,
+                      const std::string& userPreferencesFile = "");
 
   /// Stores through an acquisition of its own.
-  static STATUSCODE store(const std::string& knownHeadends, const Records& records);
-  /// Looks up through an acquisition of its own, and waits until that is on record.
+  static STATUSCODE store(const std::string& knownHeadends, const Records& records = {{"gw", 7}});
+  /// Looks up through an acquisition of its own.
   static bool find(const std::string& knownHeadends, Records& records);
   static bool has(const std::string& knownHeadends);
 
+  /// The file of a candidate set at home, which may not be there; there has been one.
+  std::string fileOf(const std::string& knownHeadends);
+  /// Stores a candidate set, as if it was stored and used last so many seconds ago.
+  void storeAged(const std::string& knownHeadends, long stored, long used);
+
+  /// As a new process has had none.
+  void forgetWarnings();
+
   static std::string read(const std::string& path);
   static void write(const std::string& path, const std::string& text);
-  static bool exists(const std::string& path);
-  /// A cache file with one selection, "gw-a;" at home, that was stored `age` seconds ago.
-  void writeSelection(long age) const;
+  /// The names in the cache's directory, sorted.
+  std::vector<std::string> names() const;
 
-  std::string m_directory;
-  std::string m_file;
+  std::string m_directory;  // the cache's
   std::vector<std::string> m_warnings;
 
  private:
   PreferenceMgr* m_preferences = nullptr;
+  std::map<std::string, std::string> m_files;  // by candidate set
 };
 
 }  // namespace tests

@@ -1,5 +1,5 @@
 // libxml2 runs out of memory, at every allocation in turn or with every amount of it left. What it
-// reads is then not taken for wrong, and what it writes is whole or is not handed out. libxml2 lets
+// reads and what it writes is then whole or is not handed out. libxml2 lets
 // a program bring its allocator; the library's own allocations come from the same amount.
 
 #include <gtest/gtest.h>
@@ -14,9 +14,11 @@
 #include <string>
 
 #include "tests/support/TemporaryDirectory.h"
-#include "vpn/Api/AHS/CacheDocument.h"
+#include "tests/support/private_access.h"
+#include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/ProfileFile.h"
-#include "vpn/Api/SaxWriterIfc.h"
+
+AHS_EXPOSE(DocumentOf, &CSelectionCache::documentOf);
 
 // libxml2 2.9 forgets the element that it could not put on its stack.
 extern "C" const char* __lsan_default_suppressions();
@@ -106,52 +108,51 @@ class XmlMemory : public testing::Test {
   XmlMemory() { xmlMemSetup(release, allocate, reallocate, duplicate); }
 };
 
-/// A document that is read in several pieces and outgrows the first buffers.
-std::string largeDocument() {
-  CSaxMemoryWriter writer;
-  writer.startElement(CacheDocument::RootName);
-  writer.addAttribute(CacheDocument::VersionAttribute, std::to_string(CacheDocument::Version));
-  for (int selection = 0; selection < 20; ++selection) {
-    writer.startElement(CacheDocument::SelectionName);
-    writer.addAttribute(CacheDocument::PlaceAttribute, "nameserver 192.0.2.1");
-    writer.addAttribute(CacheDocument::KnownHeadendsAttribute,
-                        std::string(2000, 'k') + std::to_string(selection));
-    writer.addAttribute(CacheDocument::StoredAttribute, "1700000000");
-    writer.startElement(CacheDocument::HeadendName);
-    writer.addAttribute(CacheDocument::NameAttribute, "gw" + std::to_string(selection));
-    writer.addAttribute(CacheDocument::MetricAttribute, "7");
-    writer.endElement();
-    writer.endElement();
+/// A selection whose document outgrows the first buffers and is read in several pieces.
+SelectionFiles::Selection largeSelection() {
+  CCacheEntry entry;
+  std::string candidates;
+  for (int i = 0; i < 20; ++i) {
+    const std::string name = "a & b" + std::string(500, 'k') + std::to_string(i);
+    candidates += name + ";";
+    entry.AddHeadend(CHeadendRTT(name, 7));
   }
-  std::string document;
-  return writer.finish(document) ? document : "";
+  entry.SetKnownHeadends(candidates);
+  entry.SetTimestamp(1700000000);
+  return {"nameserver 192.0.2.1", entry, {}};
 }
 
-TEST_F(XmlMemory, ACacheDocumentIsReadWholeOrNotAtAllAndIsNotCalledWrong) {
-  const std::string document = largeDocument();
-  CacheDocument::Contents complete;
-  std::string none;
-  ASSERT_EQ(CacheDocument::parse(document, complete, none), CacheDocument::Form::Right) << none;
-  ASSERT_EQ(complete.entries.size(), 20U);
-  const unsigned long failures = failEach([&document] {
-    CacheDocument::Contents contents;
+std::string documentOf(const SelectionFiles::Selection& selection) {
+  return exposed(tests::DocumentOf{})(selection);
+}
+
+TEST_F(XmlMemory, ASelectionIsReadWholeOrNotAtAll) {
+  const SelectionFiles::Selection complete = largeSelection();
+  const std::string document = documentOf(complete);
+  bool isRead = false;
+  const unsigned long failures = failEach([&] {
+    SelectionFiles::Selection selection;
     std::string problem;
     try {
-      EXPECT_EQ(CacheDocument::parse(document, contents, problem), CacheDocument::Form::Right)
-          << problem;
-      EXPECT_EQ(contents.entries.size(), 20U);
+      isRead = SelectionFiles::parse(document, selection, problem);
     } catch (const std::bad_alloc&) {
-      EXPECT_EQ(contents.entries.size(), 0U);
+      isRead = false;
     }
+    failing = 0;
+    EXPECT_EQ(selection.place, isRead ? complete.place : "");
+    EXPECT_EQ(selection.entry.toString(), (isRead ? complete.entry : CCacheEntry()).toString());
   });
+  EXPECT_TRUE(isRead);
   EXPECT_GT(failures, 10U);
 }
 
 TEST_F(XmlMemory, ADocumentIsWrittenWholeOrNotAtAll) {
-  const std::string complete = largeDocument();
-  const unsigned long failures = failEach([&complete] {
+  const SelectionFiles::Selection selection = largeSelection();
+  const std::string complete = documentOf(selection);
+  EXPECT_NE(complete, "");
+  const unsigned long failures = failEach([&] {
     try {
-      const std::string document = largeDocument();
+      const std::string document = documentOf(selection);
       EXPECT_TRUE(document.empty() || document == complete) << document;
     } catch (const std::bad_alloc&) {
     }

@@ -233,9 +233,9 @@ TEST_F(PreferenceMgrTest, ThePreferencesOfTheCallerGoBeforeEveryFile) {
 }
 
 TEST_F(PreferenceMgrTest, TheCacheFileIsTheOneOfTheSources) {
-  m_sources.cacheFile = "/var/cache/some/file";
+  m_sources.cacheDirectory = "/var/cache/some/file";
   const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(preferences->getCacheFile(), "/var/cache/some/file");
+  EXPECT_EQ(preferences->getCacheDirectory(), "/var/cache/some/file");
 }
 
 TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach) {

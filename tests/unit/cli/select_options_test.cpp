@@ -34,7 +34,7 @@ TEST_F(SelectOptionsTest, NothingGivenIsAConnectionWithDefaultPlacesAndNoLog) {
   EXPECT_TRUE(plan.log.off);
   EXPECT_EQ(plan.sources.userPreferencesFile, directory.File("config/ahs/preferences.xml"));
   EXPECT_EQ(plan.sources.globalPreferencesFile, "/etc/ahs/preferences.xml");
-  EXPECT_EQ(plan.sources.cacheFile, directory.File("cache/ahs/selections.xml"));
+  EXPECT_EQ(plan.sources.cacheDirectory, directory.File("cache/ahs/selections.xml"));
 }
 
 TEST_F(SelectOptionsTest, TheUsersProfilesComeBeforeTheSystems) {
@@ -142,7 +142,7 @@ TEST_F(SelectOptionsTest, AFileThatAnotherUserCouldHaveWrittenIsRefusedUnlessFil
 TEST_F(SelectOptionsTest, NoCacheMeansNoFile) {
   options.noCache = true;
   EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.sources.cacheFile, "");
+  EXPECT_EQ(plan.sources.cacheDirectory, "");
   options.cacheDirectory = directory.Path();
   EXPECT_THAT(make(), HasSubstr("exclude each other"));
 }
@@ -150,7 +150,7 @@ TEST_F(SelectOptionsTest, NoCacheMeansNoFile) {
 TEST_F(SelectOptionsTest, ACacheDirectoryHoldsTheCacheFile) {
   options.cacheDirectory = directory.Path();
   EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.sources.cacheFile, directory.File("selections.xml"));
+  EXPECT_EQ(plan.sources.cacheDirectory, directory.File("selections.xml"));
 }
 
 TEST_F(SelectOptionsTest, ALevelAloneLogsToStandardError) {

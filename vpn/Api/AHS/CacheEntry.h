@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,55 +12,51 @@
 /// added. A value class without a lock of its own.
 class CCacheEntry {
  public:
-  CCacheEntry();
+  CCacheEntry() = default;
   /// An entry with these results, without time stamp and key.
-  explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList);
-  ~CCacheEntry();
-  /// A copy that shares nothing.
-  CCacheEntry(const CCacheEntry& other);
-  /// Copies all or, when memory is short, throws and changes nothing.
-  CCacheEntry& operator=(const CCacheEntry& other);
+  explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList) : m_headendList(headendList) {}
 
   /// Replaces the results.
-  void SetHeadendList(const std::vector<CHeadendRTT>& headendList);
-  /// The same, taking them over: what is in `headendList` then is unspecified.
-  void SetHeadendList(std::vector<CHeadendRTT>&& headendList) noexcept {
-    m_headendList.swap(headendList);
-  }
+  void SetHeadendList(const std::vector<CHeadendRTT>& headendList) { m_headendList = headendList; }
   /// Replaces `headendList` by the results in stored order; always 0.
   STATUSCODE GetHeadendList(std::vector<CHeadendRTT>& headendList) const;
   /// How many results there are.
-  unsigned int GetListSize() const;
+  unsigned int GetListSize() const { return static_cast<unsigned int>(m_headendList.size()); }
   /// Appends one result.
-  void AddHeadend(const CHeadendRTT& headend);
+  void AddHeadend(const CHeadendRTT& headend) { m_headendList.push_back(headend); }
 
   /// Seconds since 1970-01-01 00:00 UTC; 0 for an entry that was never stored.
   /// @{
-  void SetTimestamp(unsigned long timestamp);
-  unsigned long GetTimestamp() const;
+  void SetTimestamp(unsigned long timestamp) { m_timestamp = static_cast<long>(timestamp); }
+  unsigned long GetTimestamp() const { return static_cast<unsigned long>(m_timestamp); }
   /// @}
 
   /// The key of the candidate set that was measured.
   /// @{
-  void SetKnownHeadends(const std::string& knownHeadends);
-  std::string GetKnownHeadends() const;
+  void SetKnownHeadends(const std::string& knownHeadends) { m_tstrKnownHeadends = knownHeadends; }
+  std::string GetKnownHeadends() const { return m_tstrKnownHeadends; }
   /// @}
 
-  /// Exchanges the contents of two entries.
-  void Swap(CCacheEntry& other) noexcept {
-    m_headendList.swap(other.m_headendList);
-    m_tstrKnownHeadends.swap(other.m_tstrKnownHeadends);
-    const long timestamp = m_timestamp;
-    m_timestamp = other.m_timestamp;
-    other.m_timestamp = timestamp;
-  }
-
-  /// A line with time stamp (in UTC) and key, then an indented line a result; each ends with a line
-  /// feed.
+  /// A line with time stamp and key, then an indented line a result; each ends with a line feed.
   std::string toString() const;
 
  private:
   std::vector<CHeadendRTT> m_headendList;
-  long m_timestamp;
+  long m_timestamp = 0;
   std::string m_tstrKnownHeadends;
 };
+
+/// Ages by the time of day, which may go backwards: what is stamped later than now counts as old,
+/// not as eternal. Any thread may call these.
+namespace SelectionTimes {
+
+/// Seconds since 1970-01-01 00:00 UTC.
+unsigned long now();
+
+/// Time since the entry was stored; none for a stamp of the future: nobody can say how old it is.
+std::optional<std::chrono::seconds> ageOf(const CCacheEntry& entry);
+
+/// Whether an entry has passed the clear-cache time, in days; 0 days let none answer.
+bool isExpired(const CCacheEntry& entry, unsigned int clearCacheDays);
+
+}  // namespace SelectionTimes

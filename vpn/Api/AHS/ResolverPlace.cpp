@@ -8,30 +8,11 @@
 #include <resolv.h>
 
 #include <algorithm>
+#include <memory>
 
 #include "vpn/include/StringUtils.h"
 
 namespace {
-
-/// A resolver state that is closed at the end of its scope.
-class CResolverState {
- public:
-  CResolverState() : m_state(), m_open(res_ninit(&m_state) == 0) {}
-  ~CResolverState() {
-    if (m_open) {
-      res_nclose(&m_state);
-    }
-  }
-  CResolverState(const CResolverState&) = delete;
-  CResolverState& operator=(const CResolverState&) = delete;
-
-  bool isOpen() const { return m_open; }
-  const struct __res_state& get() const { return m_state; }
-
- private:
-  struct __res_state m_state;
-  bool m_open;
-};
 
 /// The address of a name server; empty for a slot that holds none. The C library keeps IPv4 servers
 /// in one array and IPv6 servers, at the same index, in another.
@@ -50,21 +31,20 @@ std::string serverText(const struct __res_state& state, int index) {
 }  // namespace
 
 bool readResolverPlace(std::vector<std::string>& place) {
-  const CResolverState resolver;
-  if (!resolver.isOpen()) {
+  struct __res_state state {};
+  if (res_ninit(&state) != 0) {
     return false;
   }
-  const struct __res_state& state = resolver.get();
-  std::vector<std::string> found;
+  const std::unique_ptr<struct __res_state, decltype(&res_nclose)> closed(&state, &res_nclose);
+  place.clear();
   for (int i = 0; i < std::min(state.nscount, MAXNS); ++i) {
     const std::string server = serverText(state, i);
     if (!server.empty()) {
-      found.push_back("nameserver " + server);
+      place.push_back("nameserver " + server);
     }
   }
   for (int i = 0; i < MAXDNSRCH && state.dnsrch[i] != nullptr; ++i) {
-    found.push_back("search " + CStringUtils::printable(CStringUtils::toLower(state.dnsrch[i])));
+    place.push_back("search " + CStringUtils::printable(CStringUtils::toLower(state.dnsrch[i])));
   }
-  place.swap(found);
   return true;
 }

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "vpn/Api/AHS/CacheEntry.h"
+
+/// The files in which the processes of one user keep their selections (docs/cache.md): one small
+/// XML document a selection, all in one directory.
+///
+/// Nothing is trusted. Files are read and made only in a directory that nobody but the user and
+/// root can write, nor exchange by what leads to it; only a regular file of the user's own is read,
+/// of bounded size, that nobody else can write; and its text may come from anyone. A file is
+/// written under a temporary name and renamed, so whoever reads sees the old text or the new one.
+/// The time of its last change says when its selection was last used.
+///
+/// Any thread may call these. All but `parse` may wait for the disk. What is wrong is told as a
+/// sentence for the log; where a directory or a file is merely missing, nothing is wrong.
+namespace SelectionFiles {
+
+/// Files that are kept at most.
+constexpr std::size_t MaxFiles = 64;
+/// Largest text that is read or written, in bytes.
+constexpr std::size_t MaxSize = std::size_t{16} * 1024 * 1024;
+
+/// What a file holds.
+struct Selection {
+  std::string place;  ///< where it was measured, as one line
+  CCacheEntry entry;  ///< with its stamp and its candidate set
+  std::chrono::sys_seconds used{};
+};
+
+/// A place in one line: its parts sorted, each once, one blank apart. So their order does not
+/// count.
+std::string placeText(std::vector<std::string> place);
+
+/// The key of a selection among all: its place, a line feed, its candidate set.
+std::string keyOf(const Selection& selection);
+
+/// Reads the file of a selection.
+/// @return whether there is one, and it is understood; else `entry` is left alone.
+bool read(const std::string& directory, const std::string& key, CCacheEntry& entry,
+          std::string& problem);
+
+/// Makes or replaces the file of a selection, and the directory where it is missing; the user alone
+/// may use them. Removes the files used longest ago beyond `MaxFiles`.
+/// @param text of `selection`: what `parse` does not give back is not written.
+/// @return whether it is there; else the old file still is.
+bool write(const std::string& directory, const Selection& selection, const std::string& text,
+           std::string& problem);
+
+/// Notes that a selection is used now. Without its file, nothing is noted.
+void noteUse(const std::string& directory, const std::string& key);
+
+/// All selections that are understood, those used last first.
+/// @param problem receives the last problem; the others' selections are there all the same.
+std::vector<Selection> list(const std::string& directory, std::string& problem);
+
+/// Removes all selections, and what former versions of this program have left.
+/// @return how many files went. @param problem says why one is left.
+std::size_t clear(const std::string& directory, std::string& problem);
+
+/// Reads a text in time in proportion to its size.
+/// @return whether it is a selection with at least one result; else `selection` is left alone.
+bool parse(const std::string& text, Selection& selection, std::string& problem);
+
+}  // namespace SelectionFiles

@@ -11,13 +11,9 @@
 #include <utility>
 
 #include "vpn/Common/Utility/DetachedThread.h"
-#include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/Locks.h"
 
 namespace {
-
-// A body does not know which kind of thread it runs on.
-constexpr std::size_t StackSize = CThread::DefaultStackSize;
 
 /// The one reserve. It has no destructor that a late thread could trip over: see `reserve`.
 struct Reserve {
@@ -60,9 +56,9 @@ void* serve(void* nothing);
 /// of the stack comes by here, an ordinary return finds it done.
 class Succession {
  public:
-  Succession() : m_isSettled(startDetachedThread(serve, nullptr, StackSize) == 0) {}
+  Succession() : m_isSettled(startDetachedThread(serve, nullptr, DefaultStackSize) == 0) {}
   ~Succession() {
-    if (!m_isSettled && startDetachedThread(serve, nullptr, StackSize) != 0) {
+    if (!m_isSettled && startDetachedThread(serve, nullptr, DefaultStackSize) != 0) {
       const CAutoLockT<CMonitor> guard(reserve().lock);
       reserve().hasThread = false;  // what waits is left to the next thread that is made
     }
@@ -95,7 +91,7 @@ int CReserveThread::Create() noexcept {
   Reserve& all = reserve();
   const CAutoLockT<CMonitor> guard(all.lock);
   if (!all.hasThread) {
-    const int error = startDetachedThread(serve, nullptr, StackSize);
+    const int error = startDetachedThread(serve, nullptr, DefaultStackSize);
     if (error != 0) {
       return error;
     }

@@ -6,12 +6,12 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <chrono>
 #include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
-#include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/GuardedCall.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 
@@ -44,7 +44,7 @@ class CThread::Ending {
       m_thread->m_pKeptAlive->leave();
     }
     m_thread->setEnded(exitCode);
-    leave(m_thread);
+    m_thread->leave();
     runningThreads.fetch_sub(1, std::memory_order_release);
   }
   Ending(const Ending&) = delete;
@@ -60,7 +60,6 @@ CThread::CThread(std::size_t stackSize)
     : m_stackSize(stackSize != 0 ? stackSize : DefaultStackSize),
       m_pKeptAlive(nullptr),
       m_usesReserve(false),
-      m_holders(1),
       m_state(State::NotStarted),
       m_exitCode(0) {}
 
@@ -94,7 +93,7 @@ int CThread::startOnce(bool& onReserve) {
     return StartedBefore;
   }
   // The new thread's holds are taken here: it may end before this one goes on.
-  m_holders.fetch_add(1, std::memory_order_relaxed);
+  enter();
   runningThreads.fetch_add(1, std::memory_order_relaxed);
   if (m_pKeptAlive != nullptr) {
     m_pKeptAlive->enter();
@@ -113,7 +112,7 @@ int CThread::startOnce(bool& onReserve) {
     m_pKeptAlive->leave();
   }
   runningThreads.fetch_sub(1, std::memory_order_relaxed);
-  m_holders.fetch_sub(1, std::memory_order_relaxed);
+  leave();
   return error;
 }
 
@@ -178,23 +177,3 @@ void CThread::UseReserve() { m_usesReserve = true; }
 unsigned int CThread::RunningCount() noexcept {
   return runningThreads.load(std::memory_order_acquire);
 }
-
-void CThread::leave(CThread* object) noexcept {
-  // Release: what this holder did happens before the destruction. Acquire: so did what the other
-  // did.
-  if (object->m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-    void* const whole = dynamic_cast<void*>(object);
-    object->~CThread();
-    ::operator delete(whole);
-  }
-}
-
-void* CThread::operator new(std::size_t size) { return ::operator new(size); }
-
-void CThread::operator delete(CThread* object, std::destroying_delete_t) {
-  if (object != nullptr) {
-    leave(object);
-  }
-}
-
-void CThread::operator delete(void* memory) noexcept { ::operator delete(memory); }

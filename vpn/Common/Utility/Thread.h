@@ -3,11 +3,11 @@
 /// @file
 /// One thread, and how starting it and waiting for it end.
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
-#include <new>
 
+#include "vpn/Common/Utility/CountedLife.h"
+#include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/ReserveThread.h"
 #include "vpn/Common/Utility/Task.h"
 #include "vpn/include/Locks.h"
@@ -50,17 +50,15 @@ class IRunnable {
 /// Deleting an object whose thread still runs is allowed: `delete` returns at once and the object
 /// is destroyed when its thread has left it, on that thread. Signals are blocked in the thread, so
 /// that the host's handlers run on the host's threads (faults of the thread itself excepted). An
-/// exception that leaves `Run` is logged and ends the thread with the exit code 0xFFFFFFFF. A class
-/// derived from this must not ask for more than the ordinary alignment.
-class CThread : public IRunnable {
+/// exception that leaves `Run` is logged and ends the thread with the exit code 0xFFFFFFFF.
+class CThread : public IRunnable, public CCountedLife<CThread> {
  public:
   /// No time-out, for `WaitForCompletion`.
   static constexpr unsigned int Infinite = 0xFFFFFFFF;
   /// Exit code of a thread that did not end by returning from `Run`.
   static constexpr unsigned int AbnormalExitCode = 0xFFFFFFFF;
-  /// Stack of a thread that asks for none, in bytes. Address space only: what is touched is a few
-  /// pages, so a thousand threads fit in a laptop's memory and in its overcommit limit.
-  static constexpr std::size_t DefaultStackSize = std::size_t{256} * 1024;
+  /// Stack of a thread that asks for none, in bytes.
+  static constexpr std::size_t DefaultStackSize = ::DefaultStackSize;
 
   /// @param stackSize bytes of stack, 0 for `DefaultStackSize`; less than the system's minimum is
   ///        raised to it.
@@ -88,13 +86,8 @@ class CThread : public IRunnable {
   /// Threads are deleted, not destroyed: logs an error and does nothing.
   void Destroy() override;
 
-  /// Allocates memory as the global operator does; here because a class that has its own `delete`
-  /// needs its own `new`.
-  static void* operator new(std::size_t size);
-  /// Gives up the owner's hold: what a `delete` expression calls in place of the destructor.
-  static void operator delete(CThread* object, std::destroying_delete_t);
-  /// Frees the memory of an object whose construction threw.
-  static void operator delete(void* memory) noexcept;
+  using CCountedLife::operator delete;
+  static void operator delete(CThread* object, std::destroying_delete_t) { giveUp(object); }
 
   /// Threads of this class that exist in the process now, for tests and diagnosis. A thread counts
   /// until it has touched its object for the last time.
@@ -118,15 +111,13 @@ class CThread : public IRunnable {
   int create(bool& onReserve);
   static void* threadEntry(void* object);
   void setEnded(unsigned int exitCode);
-  static void leave(CThread* object) noexcept;
 
   const std::size_t m_stackSize;
   // Written before Start, read by the thread: ordered by its creation.
   ApiRunnable* m_pKeptAlive;
-  std::shared_ptr<CTask> m_task;        // written by Start, taken over by the thread
-  bool m_usesReserve;                   // written before Start, read by it
-  CReserveThread::Body m_reserved;      // the reserve thread's, once Start has handed it over
-  std::atomic<unsigned int> m_holders;  // the owner, and the thread while it runs
+  std::shared_ptr<CTask> m_task;    // written by Start, taken over by the thread
+  bool m_usesReserve;               // written before Start, read by it
+  CReserveThread::Body m_reserved;  // the reserve thread's, once Start has handed it over
 
   CMonitor m_stateLock;  // notified when the thread has ended
   State m_state AHS_GUARDED_BY(m_stateLock);

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <new>
+
+/// The life of an object that threads may still need when its owner deletes it. Deleting and
+/// freeing are two moments: `delete` gives up the creator's hold and returns at once, and the last
+/// holder out destroys the object and frees its memory. In the ordinary case nobody else holds it,
+/// and `delete` does both on the spot.
+///
+/// @tparam T the class that derives from this, with an `operator delete` of its own that calls
+///         `giveUp`, for the compiler wants that with the object's own type. Its objects are
+///         created with `new`; a class derived from it must not ask for more than the ordinary
+///         alignment.
+///
+/// All operations may be called from any thread.
+template <class T>
+class CCountedLife {
+ public:
+  /// Takes a hold. The caller knows the object to be held already.
+  void enter() noexcept { m_holders.fetch_add(1, std::memory_order_relaxed); }
+
+  /// As `enter`, for who only knows that the memory is still there: takes no hold on an object
+  /// whose last holder has left and which is therefore being destroyed.
+  /// @return whether the object is held now.
+  bool enterIfHeld() noexcept {
+    unsigned int holders = m_holders.load(std::memory_order_relaxed);
+    while (holders != 0) {
+      if (m_holders.compare_exchange_weak(holders, holders + 1, std::memory_order_relaxed)) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  /// Gives up a hold, once for each `enter`. The last one destroys the object on this thread.
+  void leave() noexcept {
+    if (isLastOut()) {
+      destroy();
+    }
+  }
+
+  /// Allocates memory as the global operator does; here because a class that has its own `delete`
+  /// needs its own `new`.
+  static void* operator new(std::size_t size) { return ::operator new(size); }
+  /// Frees the memory of an object whose construction threw.
+  static void operator delete(void* memory) noexcept { ::operator delete(memory); }
+
+ protected:
+  /// Gives up the creator's hold: what a `delete` expression does in place of the destructor.
+  static void giveUp(T* object) noexcept {
+    if (object != nullptr) {
+      object->leave();
+    }
+  }
+
+  CCountedLife() = default;
+  /// A copy is an object of its own: nobody but its creator holds it.
+  CCountedLife(const CCountedLife& /*other*/) noexcept {}
+  CCountedLife& operator=(const CCountedLife&) = delete;
+  ~CCountedLife() = default;
+
+  /// Gives up a hold. @return whether it was the last one: then nobody takes a hold from now on,
+  /// and the caller, who is alone with the object, has to destroy it.
+  bool isLastOut() noexcept {
+    // Release: what this holder did happens before the destruction. Acquire: so did what others
+    // did.
+    return m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1;
+  }
+
+  void destroy() noexcept {
+    auto* const object = static_cast<T*>(this);
+    // The memory starts where the whole object does, which is not where this base need be; after
+    // the destructor nobody could tell any more.
+    void* const whole = dynamic_cast<void*>(object);
+    object->~T();
+    ::operator delete(whole);
+  }
+
+ private:
+  std::atomic<unsigned int> m_holders{1};
+};

@@ -21,6 +21,7 @@
 #include "tests/support/TemporaryDirectory.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/ClientLibrary.h"
+#include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/HttpSession.h"
 

@@ -9,6 +9,7 @@
 
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Api/ProxyIfc.h"
+#include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/StatusCode.h"
 

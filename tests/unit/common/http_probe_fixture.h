@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/ScriptedServer.h"
+#include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/ProbeTask.h"
 
 /// Remembers what it is told.

@@ -6,6 +6,7 @@
 
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/Locks.h"
 

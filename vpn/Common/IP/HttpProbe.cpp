@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "vpn/Common/IP/HttpTransfer.h"
+#include "vpn/Common/IP/KeptTransfer.h"
 #include "vpn/Common/IP/ProbeOutcome.h"
 #include "vpn/Common/IP/ProbeRequest.h"
 #include "vpn/Common/IP/ProbeSettings.h"
@@ -23,25 +24,13 @@ namespace {
 
 constexpr unsigned int kProxyChallenge = 407;
 
-constexpr long long kUnknown = -1;
-
 /// Where this thread's probes keep their transfer; null where they keep none. A plain pointer: it
 /// needs no memory to set up and none to take down.
-thread_local std::shared_ptr<HttpTransfer>* keptHere = nullptr;
+thread_local std::shared_ptr<KeptTransfer>* keptHere = nullptr;
 
 bool isAscii(const std::string& host) {
   return std::all_of(host.begin(), host.end(),
                      [](char c) { return static_cast<unsigned char>(c) < 128; });
-}
-
-/// The transport's times start with the transfer; the probe's with the search for its proxy.
-void countFromStart(long long spentUs, HttpProbe::Report& report) {
-  report.totalUs += spentUs;
-  for (long long* time : {&report.connectUs, &report.tlsUs}) {
-    if (*time != kUnknown) {
-      *time += spentUs;
-    }
-  }
 }
 
 /// Whether a log-in failed that a password could have made: of what a proxy offers libcurl tries
@@ -53,25 +42,18 @@ bool passwordIsUntried(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& reques
          (offered & CURLAUTH_NEGOTIATE) != 0 && (offered & (CURLAUTH_BASIC | CURLAUTH_NTLM)) != 0;
 }
 
-/// Sends the request by the thread's kept transfer. What has failed is not kept.
-PROBE_OUTCOME sendByKept(std::shared_ptr<HttpTransfer>& kept, PROBE_REQUEST& request) {
-  if (!kept || !kept->Serves(request)) {
-    kept.reset();
-    kept = std::make_shared<HttpTransfer>(request, HttpTransfer::Connection::Kept);
-  }
-  PROBE_OUTCOME outcome = kept->Perform(request);
-  if (outcome.code != CURLE_OK) {
-    kept.reset();
-  }
-  return outcome;
+PROBE_OUTCOME sendOnce(PROBE_REQUEST& request) {
+  HttpTransfer transfer(request, false, nullptr);
+  transfer.Start(request);
+  transfer.Run(request.deadline);
+  return transfer.TakeOutcome();
 }
 
-PROBE_OUTCOME sendOnce(PROBE_REQUEST& request) {
-  PROBE_OUTCOME outcome = HttpTransfer(request, HttpTransfer::Connection::Once).Perform(request);
-  if (passwordIsUntried(outcome, request) &&
-      request.Spend(std::chrono::microseconds(outcome.totalUs))) {
+PROBE_OUTCOME sendLoggingIn(PROBE_REQUEST& request) {
+  PROBE_OUTCOME outcome = sendOnce(request);
+  if (passwordIsUntried(outcome, request) && request.TimeLeft().count() > 0) {
     request.mayUseTicket = false;
-    outcome = HttpTransfer(request, HttpTransfer::Connection::Once).Perform(request);
+    outcome = sendOnce(request);
   }
   return outcome;
 }
@@ -88,8 +70,13 @@ PROBE_OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, PROBE_R
   if (!isAscii(request.host)) {
     utf8.emplace();
   }
-  return keptHere != nullptr && request.IsDirect() ? sendByKept(*keptHere, request)
-                                                   : sendOnce(request);
+  if (keptHere == nullptr || !request.IsDirect()) {
+    return sendLoggingIn(request);
+  }
+  if (*keptHere == nullptr) {
+    *keptHere = std::make_shared<KeptTransfer>();
+  }
+  return (*keptHere)->Send(request);
 }
 
 void writeResults(const HttpProbe::Report& report, PROBE_OUTCOME& outcome,
@@ -156,8 +143,10 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
     outcome = PROBE_OUTCOME();
     outcome.code = CURLE_OUT_OF_MEMORY;
   }
+  outcome.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
+                        PROBE_REQUEST::Clock::now() - request.start)
+                        .count();
   outcome.Fill(report, request.Proxied(), measure);
-  countFromStart(request.timeSpent.count(), report);
   writeResults(report, outcome, results);
   tell(task, &ProbeTask::ProbeEnded, report);
   return report.status;

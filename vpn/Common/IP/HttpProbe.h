@@ -4,10 +4,11 @@
 #include <memory>
 #include <string>
 
+#include "vpn/Common/IP/ProbeReport.h"
 #include "vpn/include/HttpSession.h"
 #include "vpn/include/StatusCode.h"
 
-class HttpTransfer;
+class KeptTransfer;
 
 /// Sends single HTTP(S) requests to find out whether a host answers, and how far away it is.
 ///
@@ -45,56 +46,24 @@ class HttpProbe {
     HTTP_PROBE_RETURN_REQUEST = 32,
   };
 
-  /// What `uiRtt` is.
-  enum class RoundTripMeasure {
-    /// The smallest round trip that the kernel saw on the probe's connection (tcp(7), TCP_INFO,
-    /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it. On
-    /// a
-    /// connection that is used again (`KeptConnection`) it is the smallest so far. Through a proxy
-    /// the connection ends at the proxy, so there it is `Response`. Where the kernel cannot say, it
-    /// is the time that the connection took to open, whichever probe opened it.
-    Network,
-    /// From the request to the first byte of the answer: a slow gateway counts as far away. Where
-    /// no byte came, it ends with the probe (the connection was closed); where no request could be
-    /// sent, it starts with the TLS handshake that failed, or with the attempt to connect to the
-    /// proxy that refused a tunnel. Where a proxy has the request repeated to authenticate it, it
-    /// is the sum over all of them (from the first with a password, if there was no ticket).
-    Response,
-  };
-
-  /// Everything known of one probe, in the order of events. Times are in microseconds from the
-  /// start of the probe, -1 for what did not happen; round trips are durations.
-  struct Report {
-    std::string host;                 ///< as given to `SendHttpProbe`, like port and secure
-    unsigned short port = 0;          ///< 1 to 65535
-    bool secure = false;              ///< HTTPS
-    unsigned int options = 0;         ///< as given to `SendHttpProbe`
-    STATUSCODE status = 0;            ///< as `SendHttpProbe` returns it
-    unsigned int rttMs = 0;           ///< what `uiRtt` is for this probe
-    unsigned int httpStatus = 0;      ///< what `uiHttpStatusCode` is; 0: none
-    unsigned int transportError = 0;  ///< what `uiLastError` is
-    bool reused = false;           ///< on an earlier probe's connection; then the next two are -1
-    long long connectUs = -1;      ///< the connection stood
-    long long tlsUs = -1;          ///< the TLS handshake was done
-    long long totalUs = 0;         ///< the probe was over
-    long long networkRttUs = -1;   ///< smallest round trip that the kernel saw on the connection
-    long long responseRttUs = -1;  ///< from the request to the first byte of the answer
-    std::string address;           ///< the address that was connected to (a proxy's, too), if any
-  };
+  using RoundTripMeasure = ::RoundTripMeasure;
+  using Report = ProbeReport;
 
   /// As long as one lives, the probes that its thread sends straight to one server go through one
   /// connection if the server lets them: a secure one pays for the TLS handshake once. It closes
   /// with this object. Probes through a proxy, probes with credentials and those of other threads
-  /// are as without it, and one within another does nothing. Outcomes stay what they are: a kept
-  /// connection that turns out to be gone, or stays silent for half of the time-out, is replaced
-  /// within the same probe and its time-out, once.
+  /// are as without it, and one within another does nothing. Outcomes stay what they are: what a
+  /// kept connection does not answer within a quarter of the time-out is asked on a fresh one too,
+  /// within the same time-out, and the first answer counts; what it loses, or does not answer with
+  /// HTTP, is asked on a fresh one. A server whose connection could not be used again once is not
+  /// asked to keep another.
   ///
   /// To be used again a connection has to be at the end of an answer, so the body of a short answer
   /// (14 KiB in all) that announces its length or comes in chunks is read, when the next probe
-  /// begins. Where it is not there a round trip after its head, or is longer or compressed, the
-  /// connection is given up; no probe waits for the body of its own answer. Nor is a connection
-  /// kept that took half of the time-out to give its first answer, or a quarter to give any: what
-  /// is left would not do for another one, should it be gone.
+  /// begins. Where it is not there a round trip after its head, or is longer or compressed, or
+  /// where anything comes after it, the connection is given up; no probe waits for the body of its
+  /// own answer. Nor is a connection kept that took half of the time-out to give its first answer,
+  /// or a quarter to give any: what is left would not do for another one, should it be gone.
   ///
   /// Lives on the stack of the thread that it is for. Where there is no memory, nothing is kept.
   class KeptConnection {
@@ -106,7 +75,7 @@ class HttpProbe {
     static void* operator new(std::size_t) = delete;
 
    private:
-    std::shared_ptr<HttpTransfer> m_transfer;
+    std::shared_ptr<KeptTransfer> m_transfer;
   };
 
   HttpProbe() = delete;

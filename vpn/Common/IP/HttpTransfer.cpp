@@ -1,6 +1,6 @@
-// Requests on libcurl. A transfer is left as soon as the head of the answer is complete. Where the
-// connection is to be kept, the rest of a short answer is fetched when the next request comes, so
-// that a body never holds up the probe that it answers. What the peer sends is bounded in size by
+// Requests on libcurl. A request is over as soon as the head of its answer is complete. Where the
+// connection is to be kept, the rest of a short answer is fetched before the next request, so that
+// a body never holds up the probe that it answers. What the peer sends is bounded in size by
 // `AnswerHead` and in time by libcurl's time-out; the address, trust and secrecy of a request are
 // fixed when the transfer is made, so a connection cannot come to serve another one.
 
@@ -9,32 +9,26 @@
 #include <curl/curl.h>
 #include <linux/tcp.h>  // glibc's netinet/tcp.h ends before tcpi_min_rtt
 #include <netinet/in.h>
-#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <string_view>
 #include <utility>
 
 #include "vpn/Common/IP/AnswerHead.h"
-#include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/ProbeTask.h"
-#include "vpn/Common/IP/TransportMemory.h"
+#include "vpn/Common/IP/TlsWatch.h"
+#include "vpn/Common/IP/TransferSetup.h"
 
 namespace {
 
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
-
-// A head fits, and there may be a thousand probes at a time. Both are the least that libcurl takes.
-constexpr long kReceiveBufferBytes = 1024;
-constexpr long kSendBufferBytes = 16L * 1024;
+using Clock = HttpTransfer::Clock;
 
 // A transfer has one connection. More are open only while libcurl tries several addresses.
 constexpr long kMaxConnections = 1;
@@ -53,30 +47,7 @@ constexpr milliseconds kMaxPoll(1000);
 constexpr milliseconds kNextAddress(10);
 constexpr milliseconds kLaterAddress(50);
 
-// Parts of a probe's time-out: how long a kept connection may be silent before a fresh one is tried
-// in the rest, and how soon a server has to answer for its connection to be kept at all.
-constexpr int kSilentPart = 2;
-constexpr int kPromptPart = 4;
-
-// The ways to log in to a proxy that take a password.
-constexpr long kPasswordLogIns = static_cast<long>(CURLAUTH_BASIC | CURLAUTH_NTLM);
-
 constexpr long long kUnknown = -1;
-
-/// libcurl's own process-wide state. It is never torn down: a probe may still run at exit. Its
-/// memory is wiped before it is given back, for it holds credentials in many forms and wipes none
-/// itself.
-bool initialiseTransport() {
-  static const bool done =
-      curl_global_init_mem(CURL_GLOBAL_DEFAULT, &TransportMemory::Allocate, &TransportMemory::Free,
-                           &TransportMemory::Resize, &TransportMemory::Duplicate,
-                           &TransportMemory::AllocateZeroed) == CURLE_OK;
-  return done;
-}
-
-/// Whether OpenSSL has come up with `initialiseTransport`. If it got no memory for that it stays
-/// down, does not say so to libcurl, and crashes when it is used.
-bool isTlsUsable() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
 
 /// The smallest round trip that the kernel saw on a connection, in microseconds.
 long long smallestRoundTrip(curl_socket_t connection) {
@@ -91,16 +62,6 @@ long long smallestRoundTrip(curl_socket_t connection) {
   return info.tcpi_min_rtt;
 }
 
-long long since(Clock::time_point start) {
-  return std::chrono::duration_cast<microseconds>(Clock::now() - start).count();
-}
-
-PROBE_OUTCOME endedBy(CURLcode code) {
-  PROBE_OUTCOME outcome;
-  outcome.code = code;
-  return outcome;
-}
-
 int portOf(curl_socket_t connection) {
   sockaddr_storage address{};
   socklen_t length = sizeof address;
@@ -111,78 +72,34 @@ int portOf(curl_socket_t connection) {
   return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
 }
 
-/// The sockets that were opened for one request. libcurl tries several addresses at once, and does
-/// not always tell when it closes those that lost.
-class Candidates {
- public:
-  void add(curl_socket_t opened) {
-    auto* free = std::find(m_sockets.begin(), m_sockets.end(), CURL_SOCKET_BAD);
-    *(free == m_sockets.end() ? m_sockets.begin() : free) = opened;
-    ++m_count;
-  }
-  void remove(curl_socket_t closed) {
-    std::replace(m_sockets.begin(), m_sockets.end(), closed, CURL_SOCKET_BAD);
-  }
-  bool isEmpty() const { return m_count == 0; }
-
-  /// The one that has become the connection, which starts at this port of ours.
-  curl_socket_t connected(int port) const {
-    if (m_count == 1) {
-      return m_sockets.front();
-    }
-    const auto* found =
-        std::find_if(m_sockets.begin(), m_sockets.end(),
-                     [port](curl_socket_t socket) { return portOf(socket) == port; });
-    return found == m_sockets.end() ? CURL_SOCKET_BAD : *found;
-  }
-
- private:
-  // The last few addresses that were tried, more than are tried at a time.
-  std::array<curl_socket_t, 4> m_sockets{CURL_SOCKET_BAD, CURL_SOCKET_BAD, CURL_SOCKET_BAD,
-                                         CURL_SOCKET_BAD};
-  std::size_t m_count = 0;
-};
-
 }  // namespace
 
 /// The libcurl handles of a transfer and what their callbacks gather. The connection lives as long
 /// as they, and its socket reports when it closes.
 class HttpTransfer::Impl {
  public:
-  Impl(const PROBE_REQUEST& request, Connection connection);
-  ~Impl();
+  Impl(const PROBE_REQUEST& request, bool keeps, const Names& names);
+  ~Impl() { detach(); }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  bool serves(const PROBE_REQUEST& request) const;
-  PROBE_OUTCOME perform(PROBE_REQUEST& request);
+  void start(const PROBE_REQUEST& request);
+  void run(Clock::time_point limit, Impl* rival);
+  bool hasEnded() const { return m_hasEnded; }
+  bool hasAnswer() const { return m_hasEnded && m_code == CURLE_OK; }
+  PROBE_OUTCOME takeOutcome();
+  bool isReady(const PROBE_REQUEST& request);
 
  private:
-  /// What the callbacks gather of one attempt to send the request.
+  /// What the callbacks gather of one request. Times are in microseconds since the probe started, 0
+  /// for what did not happen.
   struct GATHERED {
-    Clock::time_point start;
-    Clock::time_point end;          ///< when the time for it is over
-    bool lost = false;              ///< a candidate has failed and libcurl may turn to the next
-    bool late = false;              ///< the peer's TLS talk has gone on beyond that
-    Clock::time_point silentUntil;  ///< what a kept connection has to say something by
-    long long connectedUs = 0;
-    long long tlsStartUs = 0;
-    Candidates opened;
-    /// How often a request was about to be sent, and when it first was.
-    unsigned int requests = 0;
-    long long requestUs = 0;
-    /// The head is complete and the rest of the answer is under way.
-    bool bodyDue = false;
-    long long closedRttUs = kUnknown;
-    std::string request;
     AnswerHead head;
-  };
-
-  /// What is known of a connection beyond the attempt that opened it.
-  struct CONNECTION {
-    bool clientCertificateAsked = false;
-    long long tookUs = 0;
-    long long rttUs = kUnknown;
+    std::string request;
+    long long tlsStartUs = 0;
+    long long requestUs = 0;       ///< when the first request was about to be sent
+    long long firstByteUs = 0;     ///< of the last answer
+    curl_off_t firstByteMark = 0;  ///< libcurl's time of it, which changes when one has come
   };
 
   template <class T>
@@ -197,70 +114,58 @@ class HttpTransfer::Impl {
     return curl_easy_getinfo(m_easy.get(), info, &value) == CURLE_OK ? value : T{};
   }
 
-  void setUp(const PROBE_REQUEST& request);
-  void setUpTarget(const PROBE_REQUEST& request);
-  void setUpProxy(const PROBE_REQUEST& request);
-  void setUpTls();
-  void setUpCallbacks();
-  void setUpTelling(const PROBE_REQUEST& request);
-  void dropCredentials();
-
-  PROBE_OUTCOME attempt(const PROBE_REQUEST& request);
-  CURLcode run();
+  void setUpCallbacks(bool tellsRequest);
+  void step();
+  void end(CURLcode code);
   CURLcode resultOfEnded();
-  CURLMcode wait(milliseconds longest, int& ready);
-  bool isCancelled() const { return m_task != nullptr && m_task->IsCancelled(); }
-  microseconds fetchBody();
+  void noteFirstByte();
+  CURLMcode wait(milliseconds longest, curl_socket_t other, int& ready);
+  milliseconds longestWait(Clock::time_point limit) const;
+  bool isCancelled() const { return m_request->task != nullptr && m_request->task->IsCancelled(); }
+  void fetchBody();
   void detach();
-  bool staysSilent() const;
-  milliseconds longestWait() const;
-  bool mayConnect(curl_socket_t opened, int family) const;
-  bool isReused() const { return m_seen.requests > 0 && m_seen.opened.isEmpty(); }
-  bool hasUnasked() const;
-  bool lostKeptConnection(const PROBE_OUTCOME& outcome) const;
-  void collect(PROBE_OUTCOME& outcome);
+  long long now() const { return sinceStart(Clock::now()); }
+  long long sinceStart(Clock::time_point time) const {
+    return std::chrono::duration_cast<microseconds>(time - m_request->start).count();
+  }
   void collectTimes(PROBE_OUTCOME& outcome);
 
-  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
-  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
-  static curl_socket_t onOpen(void* self, curlsocktype purpose, curl_sockaddr* address);
-  static int onClose(void* self, curl_socket_t connection);
-  static int onRequest(void* self, char* address, char* local, int port, int localPort);
-  static int onTalk(CURL* handle, curl_infotype type, char* data, std::size_t size, void* self);
-  static CURLcode onTlsContext(CURL* handle, void* context, void* self);
-  static int onClientCertificate(SSL* connection, X509** certificate, EVP_PKEY** key);
-  static void onTlsMessage(int sent, int version, int type, const void* data, std::size_t length,
-                           SSL* connection, void* self);
-  static int contextIndex();
+  curl_socket_t open(const curl_sockaddr& address);
+  int close(curl_socket_t connection);
+  void noteRequest(int localPort);
 
-  const PROBE_TARGET m_target;
   const bool m_keeps;
-  /// The one of the request under way; null for none.
-  ProbeTask* m_task = nullptr;
-  /// The rest of an answer is worth waiting for.
-  bool m_wantsBody;
-  /// The server took long for its last answer.
-  bool m_slow = false;
-  ProbeSettings::Trust m_trust;
+  const PROBE_REQUEST* m_request = nullptr;  ///< the one under way
   CURLcode m_setup = CURLE_OK;
+  bool m_hasEnded = false;
+  CURLcode m_code = CURLE_OK;
   GATHERED m_seen;
-  CONNECTION m_connection;
-  /// The connection's, while it is open and once a request could be sent.
-  curl_socket_t m_socket = CURL_SOCKET_BAD;
-  /// The same of a secure one.
-  SSL* m_tls = nullptr;
-  /// The easy handle is with the multi handle. After an attempt it is only if a body is due.
+  TlsWatch m_tlsWatch;
+  // The connection's, over all its requests.
+  bool m_reused = false;
+  bool m_lost = false;  ///< an address has failed and libcurl may turn to the next
+  long long m_openedUs = 0;
+  long long m_tookUs = 0;
+  long long m_rttUs = kUnknown;
+  /// The last few sockets that were made, more than libcurl tries at a time.
+  std::array<curl_socket_t, 4> m_opened{CURL_SOCKET_BAD, CURL_SOCKET_BAD, CURL_SOCKET_BAD,
+                                        CURL_SOCKET_BAD};
+  std::size_t m_openedCount = 0;
+  curl_socket_t m_socket = CURL_SOCKET_BAD;  ///< while it is open and once a request could be sent
+  SSL* m_tls = nullptr;                      ///< the same of a secure one
+  /// The easy handle is with the multi handle. After a request it is only if a body is due.
   bool m_attached = false;
+  Clock::time_point m_startedAt;
   Clock::time_point m_headAt;
+  const Names m_names;
   // Last, so that they go first: the callbacks of the closing sockets write to the others.
   const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> m_multi;
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> m_easy;
 };
 
-HttpTransfer::Impl::Impl(const PROBE_REQUEST& request, Connection connection)
-    : m_target(request),
-      m_keeps(connection == Connection::Kept),
-      m_wantsBody(m_keeps),
+HttpTransfer::Impl::Impl(const PROBE_REQUEST& request, bool keeps, const Names& names)
+    : m_keeps(keeps),
+      m_names(names),
       m_multi(curl_multi_init(), curl_multi_cleanup),
       m_easy(curl_easy_init(), curl_easy_cleanup) {
   if (!m_multi || !m_easy ||
@@ -268,126 +173,78 @@ HttpTransfer::Impl::Impl(const PROBE_REQUEST& request, Connection connection)
     m_setup = CURLE_OUT_OF_MEMORY;
     return;
   }
-  setUp(request);
+  m_setup = static_cast<CURLcode>(setUpTransfer(m_easy.get(), request));
+  set(CURLOPT_SHARE, names.get());
+  setUpCallbacks(request.tellsRequest && request.IsDirect());
 }
 
-HttpTransfer::Impl::~Impl() { detach(); }
-
-bool HttpTransfer::Impl::serves(const PROBE_REQUEST& request) const {
-  return m_keeps && !m_slow && request.IsDirect() && request == m_target && !hasUnasked() &&
-         (!request.secure || m_trust == ProbeSettings::TrustedCertificates());
-}
-
-/// Whether something has come on the kept connection after the last answer. Whatever it is, it must
-/// not be taken for the answer to the next request.
-bool HttpTransfer::Impl::hasUnasked() const {
-  if (m_attached || m_socket == CURL_SOCKET_BAD) {
-    return false;
-  }
-  char byte = 0;
-  return (m_tls != nullptr && SSL_has_pending(m_tls) != 0) ||
-         recv(m_socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) > 0;
-}
-
-PROBE_OUTCOME HttpTransfer::Impl::perform(PROBE_REQUEST& request) {
-  m_task = request.task;
-  if (m_attached && !request.Spend(fetchBody())) {
-    return endedBy(CURLE_OPERATION_TIMEDOUT);
-  }
-  PROBE_OUTCOME outcome = attempt(request);
-  // A server may close a connection that it has kept at any time, or forget it, so this says
-  // nothing about the server yet: a new connection does.
-  if (lostKeptConnection(outcome)) {
-    m_wantsBody = m_wantsBody && !staysSilent();
-    outcome = request.Spend(microseconds(outcome.totalUs)) ? attempt(request)
-                                                           : endedBy(CURLE_OPERATION_TIMEDOUT);
-  }
-  // Where a new connection takes longer than would be left for it, none is kept.
-  m_slow = microseconds(outcome.firstByteUs - outcome.requestUs) > request.timeLeft / kPromptPart ||
-           (!outcome.reused && microseconds(outcome.firstByteUs) > request.timeLeft / kSilentPart);
-  return outcome;
-}
-
-PROBE_OUTCOME HttpTransfer::Impl::attempt(const PROBE_REQUEST& request) {
-  if (isCancelled()) {
-    return endedBy(CURLE_ABORTED_BY_CALLBACK);
-  }
+void HttpTransfer::Impl::start(const PROBE_REQUEST& request) {
+  m_request = &request;
+  m_reused = m_socket != CURL_SOCKET_BAD;
+  m_hasEnded = false;
   AnswerHead::Expectations expects;
   expects.tunnel = request.secure && request.Proxied();
-  expects.logIn = request.Proxied() && !request.credentials->proxyUser.empty();
-  expects.body = m_wantsBody;
+  expects.logIn = request.LogsIn();
+  expects.body = m_keeps;
   m_seen = GATHERED();
   m_seen.head = AnswerHead(expects);
-  set(CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeLeft.count()));
-  m_seen.start = Clock::now();
-  m_seen.end = m_seen.start + request.timeLeft;
-  m_seen.silentUntil = m_seen.start + request.timeLeft / kSilentPart;
-  PROBE_OUTCOME outcome = endedBy(m_setup == CURLE_OK ? run() : m_setup);
-  if (m_easy) {
-    dropCredentials();
-    collect(outcome);
+  m_startedAt = Clock::now();
+  m_tlsWatch.SetEnd(request.deadline);
+  const milliseconds left = request.TimeLeft();
+  set(CURLOPT_TIMEOUT_MS, static_cast<long>(left.count()));
+  if (m_setup != CURLE_OK) {
+    end(m_setup);
+  } else if (isCancelled()) {
+    end(CURLE_ABORTED_BY_CALLBACK);
+  } else if (left.count() <= 0) {
+    end(CURLE_OPERATION_TIMEDOUT);
+  } else {
+    m_attached = curl_multi_add_handle(m_multi.get(), m_easy.get()) == CURLM_OK;
+    if (!m_attached) {
+      end(CURLE_OUT_OF_MEMORY);
+    }
   }
-  if (!m_seen.bodyDue) {
-    detach();
-  }
-  return outcome;
 }
 
-/// Drives the transfer to its end, or to the end of the head where the body is for later.
-CURLcode HttpTransfer::Impl::run() {
+void HttpTransfer::Impl::run(Clock::time_point limit, Impl* rival) {
+  while (!m_hasEnded) {
+    step();
+    if (rival != nullptr && !rival->m_hasEnded) {
+      rival->step();
+    }
+    if (m_hasEnded || (rival != nullptr && rival->hasAnswer()) || Clock::now() >= limit) {
+      return;
+    }
+    int ready = 0;
+    const curl_socket_t other =
+        rival == nullptr || rival->m_hasEnded ? CURL_SOCKET_BAD : rival->m_socket;
+    if (wait(longestWait(limit), other, ready) != CURLM_OK) {
+      end(CURLE_OUT_OF_MEMORY);
+    } else if (isCancelled()) {
+      end(CURLE_ABORTED_BY_CALLBACK);
+    }
+  }
+}
+
+/// Lets libcurl do what can be done without waiting.
+void HttpTransfer::Impl::step() {
   int running = 1;
-  CURLMcode state = curl_multi_add_handle(m_multi.get(), m_easy.get());
-  m_attached = state == CURLM_OK;
-  int ready = 0;
-  while (state == CURLM_OK) {
-    state = curl_multi_perform(m_multi.get(), &running);
-    if (state == CURLM_OK && running == 0) {
-      return resultOfEnded();
-    }
-    if (state == CURLM_OK && m_wantsBody && m_seen.head.IsComplete()) {
-      m_headAt = Clock::now();
-      m_seen.bodyDue = true;
-      return CURLE_OK;
-    }
-    if (state == CURLM_OK && staysSilent()) {
-      return CURLE_GOT_NOTHING;
-    }
-    if (state == CURLM_OK) {
-      state = wait(longestWait(), ready);
-    }
-    if (isCancelled()) {
-      return CURLE_ABORTED_BY_CALLBACK;
-    }
+  const CURLMcode state = curl_multi_perform(m_multi.get(), &running);
+  noteFirstByte();
+  if (state != CURLM_OK) {
+    end(state == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT);
+  } else if (running == 0) {
+    end(resultOfEnded());
+  } else if (m_keeps && m_seen.head.IsComplete()) {
+    m_headAt = Clock::now();
+    m_hasEnded = true;  // the body is for later
+    m_code = CURLE_OK;
   }
-  return state == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT;
 }
 
-/// Waits for the network, or for the end of the task.
-CURLMcode HttpTransfer::Impl::wait(milliseconds longest, int& ready) {
-  curl_waitfd end{m_task != nullptr ? m_task->CancelDescriptor() : -1, CURL_WAIT_POLLIN, 0};
-  return curl_multi_poll(m_multi.get(), &end, end.fd >= 0 ? 1 : 0,
-                         static_cast<int>(longest.count()), &ready);
-}
-
-/// Whether a kept connection has had its time and nothing has come.
-bool HttpTransfer::Impl::staysSilent() const {
-  return isReused() && m_seen.head.IsEmpty() && Clock::now() >= m_seen.silentUntil &&
-         get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T) == 0;
-}
-
-milliseconds HttpTransfer::Impl::longestWait() const {
-  const auto now = Clock::now();
-  if (m_seen.requests == 0) {
-    const auto half = m_seen.start + (m_seen.end - m_seen.start) / 2;
-    if (m_seen.lost) {
-      return kNextAddress;
-    }
-    return now > half
-               ? kLaterAddress
-               : std::min(std::chrono::ceil<milliseconds>(half - now) + milliseconds(1), kMaxPoll);
-  }
-  const auto left = std::chrono::ceil<milliseconds>(m_seen.silentUntil - now);
-  return isReused() && left.count() > 0 ? std::min(left, kMaxPoll) : kMaxPoll;
+void HttpTransfer::Impl::end(CURLcode code) {
+  m_hasEnded = true;
+  m_code = code;
 }
 
 /// The result of a transfer that libcurl has ended. Once the head is complete, what becomes of the
@@ -396,23 +253,65 @@ CURLcode HttpTransfer::Impl::resultOfEnded() {
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(m_multi.get(), &left);
   const CURLcode result = message != nullptr ? message->data.result : CURLE_OUT_OF_MEMORY;
-  if (m_seen.late && !m_seen.head.IsComplete()) {
+  if (m_tlsWatch.IsLate() && !m_seen.head.IsComplete()) {
     return CURLE_OPERATION_TIMEDOUT;
   }
-  const bool isBodys = m_wantsBody || result == CURLE_WRITE_ERROR;
+  const bool isBodys = m_keeps || result == CURLE_WRITE_ERROR;
   return m_seen.head.IsComplete() && isBodys ? CURLE_OK : result;
 }
 
-/// Brings in what is left of the previous answer, so that its connection can be used again, or
-/// gives the connection up. A server that lets its body be waited for once is not waited for again.
-/// @return how long that took.
-microseconds HttpTransfer::Impl::fetchBody() {
+/// The first byte's time is taken on the clock that the request's is taken on: a difference of two
+/// clocks that start one after the other would be too small by what lies between their starts.
+void HttpTransfer::Impl::noteFirstByte() {
+  const auto mark = get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T);
+  if (mark != m_seen.firstByteMark) {
+    m_seen.firstByteMark = mark;
+    m_seen.firstByteUs = now();
+  }
+}
+
+/// Waits for the network, for another transfer's connection, or for the end of the task.
+CURLMcode HttpTransfer::Impl::wait(milliseconds longest, curl_socket_t other, int& ready) {
+  std::array<curl_waitfd, 2> also{};
+  unsigned int count = 0;
+  for (const int descriptor :
+       {m_request->task != nullptr ? m_request->task->CancelDescriptor() : -1, other}) {
+    if (descriptor >= 0) {
+      also.at(count++) = {descriptor, CURL_WAIT_POLLIN, 0};
+    }
+  }
+  return curl_multi_poll(m_multi.get(), also.data(), count, static_cast<int>(longest.count()),
+                         &ready);
+}
+
+milliseconds HttpTransfer::Impl::longestWait(Clock::time_point limit) const {
+  const auto current = Clock::now();
+  milliseconds longest = std::min(std::chrono::ceil<milliseconds>(limit - current), kMaxPoll);
+  if (m_seen.requestUs == 0) {
+    const auto half = m_startedAt + (m_request->deadline - m_startedAt) / 2;
+    const auto toHalf = std::chrono::ceil<milliseconds>(half - current) + milliseconds(1);
+    longest = std::min(longest, m_lost ? kNextAddress : current > half ? kLaterAddress : toHalf);
+  }
+  return longest;
+}
+
+bool HttpTransfer::Impl::isReady(const PROBE_REQUEST& request) {
+  m_request = &request;
+  if (m_attached) {
+    fetchBody();
+  }
+  char byte = 0;
+  return m_socket != CURL_SOCKET_BAD && (m_tls == nullptr || m_tlsWatch.IsTrustCurrent()) &&
+         (m_tls == nullptr || SSL_has_pending(m_tls) == 0) &&
+         recv(m_socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) < 0;
+}
+
+/// Brings in what is left of the answer, or gives the connection up.
+void HttpTransfer::Impl::fetchBody() {
   const Clock::time_point start = Clock::now();
-  const long long roundTrip =
-      m_connection.rttUs != kUnknown ? m_connection.rttUs : m_connection.tookUs;
-  const Clock::time_point end =
-      m_headAt + std::clamp(microseconds(roundTrip), kLeastBodyWait, kMostBodyWait);
-  m_seen.end = std::max(end, start + kLeastBodyWait);
+  const microseconds roundTrip(m_rttUs != kUnknown ? m_rttUs : m_tookUs);
+  const Clock::time_point end = m_headAt + std::clamp(roundTrip, kLeastBodyWait, kMostBodyWait);
+  m_tlsWatch.SetEnd(std::max(end, start + kLeastBodyWait));
   int running = 1;
   int ready = 0;
   milliseconds left(1);
@@ -420,13 +319,11 @@ microseconds HttpTransfer::Impl::fetchBody() {
   while ((left.count() > 0 || ready > 0) && !isCancelled() &&
          curl_multi_perform(m_multi.get(), &running) == CURLM_OK && running != 0) {
     left = std::max(std::chrono::ceil<milliseconds>(end - Clock::now()), milliseconds());
-    if (wait(left, ready) != CURLM_OK) {
+    if (wait(left, CURL_SOCKET_BAD, ready) != CURLM_OK) {
       break;
     }
   }
-  m_wantsBody = running == 0;
   detach();
-  return std::chrono::ceil<microseconds>(Clock::now() - start);
 }
 
 /// Takes the transfer from libcurl, which closes a connection that is in the midst of an answer.
@@ -437,321 +334,216 @@ void HttpTransfer::Impl::detach() {
   }
 }
 
-/// Whether a request on a kept connection had no answer of any kind because the connection was
-/// gone. libcurl takes the end of a connection for a first byte, so its time alone does not tell.
-bool HttpTransfer::Impl::lostKeptConnection(const PROBE_OUTCOME& outcome) const {
-  return outcome.reused && outcome.code != CURLE_OK && outcome.code != CURLE_OPERATION_TIMEDOUT &&
-         outcome.code != CURLE_ABORTED_BY_CALLBACK && outcome.code != CURLE_OUT_OF_MEMORY &&
-         m_seen.head.IsEmpty() && (outcome.code == CURLE_GOT_NOTHING || outcome.firstByteUs == 0);
-}
-
-/// The target does not change, so most is said to libcurl once.
-void HttpTransfer::Impl::setUp(const PROBE_REQUEST& request) {
-  setUpTarget(request);
-  setUpProxy(request);
-  if (request.secure) {
-    setUpTls();
-  }
-  set(CURLOPT_NOSIGNAL, 1L);
-  // The thread that waits for a silent name server is left behind when the time-out passes.
-  set(CURLOPT_QUICK_EXIT, 1L);
-  set(CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
-  set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
-  setUpCallbacks();
-  setUpTelling(request);
-}
-
-void HttpTransfer::Impl::setUpCallbacks() {
-  set(CURLOPT_HEADERFUNCTION, &Impl::onHeader);
-  set(CURLOPT_HEADERDATA, this);
-  set(CURLOPT_WRITEFUNCTION, &Impl::onBody);
-  set(CURLOPT_WRITEDATA, this);
-  set(CURLOPT_OPENSOCKETFUNCTION, &Impl::onOpen);
-  set(CURLOPT_OPENSOCKETDATA, this);
-  set(CURLOPT_CLOSESOCKETFUNCTION, &Impl::onClose);
-  set(CURLOPT_CLOSESOCKETDATA, this);
-  set(CURLOPT_PREREQFUNCTION, &Impl::onRequest);
-  set(CURLOPT_PREREQDATA, this);
-}
-
-/// One to a proxy may carry credentials, of which no copy is made.
-void HttpTransfer::Impl::setUpTelling(const PROBE_REQUEST& request) {
-  if (request.tellsRequest && request.IsDirect()) {
-    set(CURLOPT_DEBUGFUNCTION, &Impl::onTalk);
-    set(CURLOPT_DEBUGDATA, this);
-    set(CURLOPT_VERBOSE, 1L);
-  }
-}
-
-/// The address is put together from its parts, so that none can reach into another.
-void HttpTransfer::Impl::setUpTarget(const PROBE_REQUEST& request) {
-  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), curl_url_cleanup);
-  const char* scheme = request.secure ? "https" : "http";
-  const std::string port = std::to_string(request.port);
-  char* text = nullptr;
-  if (!url || curl_url_set(url.get(), CURLUPART_SCHEME, scheme, 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_HOST, request.host.c_str(), 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_PORT, port.c_str(), 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_PATH, "/", 0) != CURLUE_OK ||
-      curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
-    m_setup = CURLE_URL_MALFORMAT;
-    return;
-  }
-  const std::unique_ptr<char, decltype(&curl_free)> address(text, curl_free);
-  set(CURLOPT_URL, address.get());
-  set(CURLOPT_PROTOCOLS_STR, "http,https");
-  // Not HEAD, which some servers leave without an answer.
-  set(CURLOPT_HTTPGET, 1L);
-  set(CURLOPT_FOLLOWLOCATION, 0L);
-  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
-  if (!request.userAgent.empty()) {
-    set(CURLOPT_USERAGENT, request.userAgent.c_str());
-  }
-}
-
-void HttpTransfer::Impl::setUpProxy(const PROBE_REQUEST& request) {
-  if (!request.environmentProxy) {
-    // An empty proxy is none, and an empty list of exceptions has none: without them libcurl would
-    // read the environment.
-    set(CURLOPT_PROXY, request.proxy.c_str());
-    if (!request.heedsExceptions) {
-      set(CURLOPT_NOPROXY, "");
+PROBE_OUTCOME HttpTransfer::Impl::takeOutcome() {
+  PROBE_OUTCOME outcome;
+  outcome.code = m_code;
+  if (m_easy) {
+    dropCredentials(m_easy.get());
+    outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
+    outcome.tunnelStatus = get<long>(CURLINFO_HTTP_CONNECTCODE);
+    outcome.offeredLogIns = get<long>(CURLINFO_PROXYAUTH_AVAIL);
+    outcome.osError = get<long>(CURLINFO_OS_ERRNO);
+    if (const char* address = get<const char*>(CURLINFO_PRIMARY_IP); address != nullptr) {
+      outcome.address = address;
     }
+    curl_header* location = nullptr;
+    constexpr int kLastRequest = -1;
+    if (curl_easy_header(m_easy.get(), "Location", 0, CURLH_HEADER, kLastRequest, &location) ==
+        CURLHE_OK) {
+      outcome.location = location->value;
+    }
+    collectTimes(outcome);
   }
-  if (request.Proxied() && !request.credentials->proxyUser.empty()) {
-    set(CURLOPT_PROXYUSERNAME, request.credentials->proxyUser.c_str());
-    set(CURLOPT_PROXYPASSWORD, request.credentials->proxyPswd.c_str());
-    set(CURLOPT_PROXYAUTH,
-        kPasswordLogIns | (request.mayUseTicket ? static_cast<long>(CURLAUTH_NEGOTIATE) : 0L));
-  }
-}
-
-void HttpTransfer::Impl::dropCredentials() {
-  const char* none = nullptr;
-  curl_easy_setopt(m_easy.get(), CURLOPT_PROXYUSERNAME, none);
-  curl_easy_setopt(m_easy.get(), CURLOPT_PROXYPASSWORD, none);
-}
-
-/// Versions, ciphers and checks stay libcurl's. Only where the trusted certificates come from is
-/// ours: from the shared store instead of the disk.
-void HttpTransfer::Impl::setUpTls() {
-  const char* none = nullptr;
-  set(CURLOPT_CAINFO, none);
-  set(CURLOPT_CAPATH, none);
-  set(CURLOPT_SSL_CTX_FUNCTION, &Impl::onTlsContext);
-  set(CURLOPT_SSL_CTX_DATA, this);
-}
-
-void HttpTransfer::Impl::collect(PROBE_OUTCOME& outcome) {
-  outcome.reused = isReused();
-  if (outcome.reused && outcome.code == CURLE_COULDNT_CONNECT) {
-    outcome.code = CURLE_GOT_NOTHING;  // what made libcurl ask for another connection
-  }
-  outcome.clientCertificateAsked = m_connection.clientCertificateAsked;
-  outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
-  outcome.tunnelStatus = get<long>(CURLINFO_HTTP_CONNECTCODE);
-  outcome.offeredLogIns = get<long>(CURLINFO_PROXYAUTH_AVAIL);
-  outcome.osError = get<long>(CURLINFO_OS_ERRNO);
-  collectTimes(outcome);
-  if (const char* address = get<const char*>(CURLINFO_PRIMARY_IP); address != nullptr) {
-    outcome.address = address;
-  }
-  curl_header* location = nullptr;
-  constexpr int kLastRequest = -1;
-  if (curl_easy_header(m_easy.get(), "Location", 0, CURLH_HEADER, kLastRequest, &location) ==
-      CURLHE_OK) {
-    outcome.location = location->value;
-  }
+  outcome.reused = m_reused;
+  outcome.clientCertificateAsked = m_tlsWatch.IsClientCertificateAsked();
   outcome.headers = m_seen.head.TakeLines();
   outcome.request = std::move(m_seen.request);
+  if (!(hasAnswer() && m_keeps)) {
+    detach();
+  }
+  return outcome;
 }
 
 void HttpTransfer::Impl::collectTimes(PROBE_OUTCOME& outcome) {
-  outcome.lookupUs = get<curl_off_t>(CURLINFO_NAMELOOKUP_TIME_T);
-  // libcurl takes its time once the request is sent. A thread that was held up in between would
-  // find the answer there already, and a busy machine would make a server the nearest. Of several
-  // requests libcurl's times are sums, and go together.
-  outcome.requestUs =
-      m_seen.requests == 1 ? m_seen.requestUs : get<curl_off_t>(CURLINFO_PRETRANSFER_TIME_T);
-  outcome.firstByteUs = get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T);
-  outcome.totalUs = since(m_seen.start);
-  if (!outcome.reused) {
-    outcome.connectUs = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);
-    if (m_seen.connectedUs > 0 &&
-        (outcome.connectUs == 0 || outcome.connectUs > m_seen.connectedUs)) {
-      outcome.connectUs = m_seen.connectedUs;
+  outcome.requestUs = m_seen.requestUs;
+  outcome.firstByteUs = m_seen.firstByteUs;
+  outcome.tlsStartUs = m_seen.tlsStartUs;
+  outcome.totalUs = now();
+  if (!m_reused) {
+    const long long before = sinceStart(m_startedAt);
+    const auto connected = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);
+    const auto secured = get<curl_off_t>(CURLINFO_APPCONNECT_TIME_T);
+    outcome.connectUs = connected == 0 ? 0 : connected + before;
+    outcome.tlsUs = secured == 0 ? 0 : secured + before;
+    // Some versions count the handshake into the time to connect, and give none where it failed.
+    if (m_seen.tlsStartUs > 0 &&
+        (outcome.connectUs == 0 || outcome.connectUs > m_seen.tlsStartUs)) {
+      outcome.connectUs = m_seen.tlsStartUs;
     }
-    outcome.tlsStartUs = m_seen.tlsStartUs;
-    outcome.tlsUs = get<curl_off_t>(CURLINFO_APPCONNECT_TIME_T);
-    m_connection.tookUs = std::max(outcome.connectUs - outcome.lookupUs, 0LL);
+    outcome.openedUs = m_openedUs;
+    m_tookUs = std::max(outcome.connectUs - m_openedUs, 0LL);
   }
-  outcome.connectTookUs = m_connection.tookUs;
+  outcome.connectTookUs = m_tookUs;
   // A connection that is open is asked now; one that has closed was asked as it did.
-  outcome.networkRttUs =
-      m_socket == CURL_SOCKET_BAD ? m_seen.closedRttUs : smallestRoundTrip(m_socket);
-  m_connection.rttUs = outcome.networkRttUs;
-}
-
-std::size_t HttpTransfer::Impl::onBody(char*, std::size_t size, std::size_t count, void* self) {
-  const std::size_t length = size * count;
-  return static_cast<Impl*>(self)->m_seen.head.AddBody(length) ? length : 0;
-}
-
-std::size_t HttpTransfer::Impl::onHeader(char* data, std::size_t size, std::size_t count,
-                                         void* self) {
-  // libcurl is C and cannot be thrown through.
-  try {
-    const std::size_t length = size * count;
-    return static_cast<Impl*>(self)->m_seen.head.Add({data, length}) ? length : 0;
-  } catch (...) {
-    return 0;
+  if (m_socket != CURL_SOCKET_BAD) {
+    m_rttUs = smallestRoundTrip(m_socket);
   }
+  outcome.networkRttUs = m_rttUs;
+}
+
+// libcurl is C, and a callback must not be thrown through.
+
+void HttpTransfer::Impl::setUpCallbacks(bool tellsRequest) {
+  set(
+      CURLOPT_HEADERFUNCTION, +[](char* data, std::size_t size, std::size_t count, void* self) {
+        try {
+          const std::string_view line(data, size * count);
+          return static_cast<Impl*>(self)->m_seen.head.Add(line) ? line.size() : 0;
+        } catch (...) {
+          return std::size_t{0};
+        }
+      });
+  set(CURLOPT_HEADERDATA, this);
+  set(
+      CURLOPT_WRITEFUNCTION, +[](char*, std::size_t size, std::size_t count, void* self) {
+        return static_cast<Impl*>(self)->m_seen.head.AddBody(size * count) ? size * count : 0;
+      });
+  set(CURLOPT_WRITEDATA, this);
+  set(
+      CURLOPT_OPENSOCKETFUNCTION, +[](void* self, curlsocktype, curl_sockaddr* address) {
+        try {
+          return static_cast<Impl*>(self)->open(*address);
+        } catch (...) {
+          return CURL_SOCKET_BAD;
+        }
+      });
+  set(CURLOPT_OPENSOCKETDATA, this);
+  set(
+      CURLOPT_CLOSESOCKETFUNCTION, +[](void* self, curl_socket_t connection) {
+        return static_cast<Impl*>(self)->close(connection);
+      });
+  set(CURLOPT_CLOSESOCKETDATA, this);
+  set(
+      CURLOPT_PREREQFUNCTION, +[](void* self, char*, char*, int, int localPort) {
+        static_cast<Impl*>(self)->noteRequest(localPort);
+        return CURL_PREREQFUNC_OK;
+      });
+  set(CURLOPT_PREREQDATA, this);
+  set(
+      CURLOPT_SSL_CTX_FUNCTION, +[](CURL*, void* context, void* self) {
+        try {
+          Impl& transfer = *static_cast<Impl*>(self);
+          const bool done = transfer.m_tlsWatch.Attach(static_cast<SSL_CTX*>(context));
+          transfer.m_seen.tlsStartUs = transfer.now();
+          return done ? CURLE_OK : CURLE_OUT_OF_MEMORY;
+        } catch (...) {
+          return CURLE_OUT_OF_MEMORY;
+        }
+      });
+  set(CURLOPT_SSL_CTX_DATA, this);
+  // The watch brings the trusted certificates: from the shared store instead of the disk.
+  const char* none = nullptr;
+  set(CURLOPT_CAINFO, none);
+  set(CURLOPT_CAPATH, none);
+  if (!tellsRequest) {
+    return;
+  }
+  set(
+      CURLOPT_DEBUGFUNCTION,
+      +[](CURL*, curl_infotype type, char* data, std::size_t size, void* self) {
+        try {
+          if (type == CURLINFO_HEADER_OUT) {
+            static_cast<Impl*>(self)->m_seen.request.assign(data, size);
+          }
+        } catch (...) {
+          return 0;
+        }
+        return 0;
+      });
+  set(CURLOPT_DEBUGDATA, this);
+  set(CURLOPT_VERBOSE, 1L);
 }
 
 /// The host may start programs at any moment: a connection is none of theirs, and would stay open
-/// as long as they run. libcurl would send a request again whose connection is lost, and add the
-/// times up; see `perform` for how that is done here.
-curl_socket_t HttpTransfer::Impl::onOpen(void* self, curlsocktype, curl_sockaddr* address) {
-  Impl& transfer = *static_cast<Impl*>(self);
-  if (transfer.isReused()) {
+/// as long as they run. A request that a kept connection loses is not libcurl's to send again.
+curl_socket_t HttpTransfer::Impl::open(const curl_sockaddr& address) {
+  if (m_reused) {
     return CURL_SOCKET_BAD;
   }
-  if (transfer.m_seen.opened.isEmpty()) {
-    transfer.m_seen.closedRttUs = kUnknown;  // that was a kept connection that was found closed
-    transfer.m_connection = CONNECTION();
+  if (m_openedUs == 0) {
+    m_openedUs = now();
   }
   const curl_socket_t opened =
-      socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (opened != CURL_SOCKET_BAD && !transfer.mayConnect(opened, address->family)) {
-    close(opened);
-    return CURL_SOCKET_BAD;
-  }
-  if (opened != CURL_SOCKET_BAD) {
-    transfer.m_seen.opened.add(opened);
-  }
-  return opened;
-}
-
-/// Whether the task lets a socket connect.
-bool HttpTransfer::Impl::mayConnect(curl_socket_t opened, int family) const {
-  // libcurl is C and cannot be thrown through.
+      socket(address.family, address.socktype | SOCK_CLOEXEC, address.protocol);
+  ProbeTask* const task = m_request->task;
   try {
-    return m_task == nullptr || m_task->SocketOpened(opened, family);
+    if (opened == CURL_SOCKET_BAD || task == nullptr ||
+        task->SocketOpened(opened, address.family)) {
+      m_opened.at(m_openedCount++ % m_opened.size()) = opened;
+      return opened;
+    }
   } catch (...) {
-    return false;
+    // What the task throws is dropped; it does not let the socket connect.
   }
+  ::close(opened);
+  return CURL_SOCKET_BAD;
 }
 
 /// Of several sockets (a name with two families), those that lost the race close before the
 /// connection's own, so the last one with a round trip is the connection's.
-int HttpTransfer::Impl::onClose(void* self, curl_socket_t connection) {
-  Impl& transfer = *static_cast<Impl*>(self);
+int HttpTransfer::Impl::close(curl_socket_t connection) {
   const long long rtt = smallestRoundTrip(connection);
-  transfer.m_seen.lost = true;
-  transfer.m_seen.opened.remove(connection);
+  m_lost = true;
+  std::replace(m_opened.begin(), m_opened.end(), connection, CURL_SOCKET_BAD);
   if (rtt != kUnknown) {
-    transfer.m_seen.closedRttUs = rtt;
+    m_rttUs = rtt;
   }
-  if (connection == transfer.m_socket) {
-    transfer.m_socket = CURL_SOCKET_BAD;
-    transfer.m_tls = nullptr;
+  if (connection == m_socket) {
+    m_socket = CURL_SOCKET_BAD;
+    m_tls = nullptr;
   }
-  return close(connection);
+  return ::close(connection);
 }
 
-/// libcurl calls this when a connection, new or kept, is ready for the request.
-int HttpTransfer::Impl::onRequest(void* self, char*, char*, int, int localPort) {
-  Impl& transfer = *static_cast<Impl*>(self);
-  if (transfer.m_seen.requests++ == 0) {
-    transfer.m_seen.requestUs = since(transfer.m_seen.start);
+/// A connection, new or kept, is ready for the request. libcurl takes its own time once the request
+/// is sent: a thread that was held up in between would find the answer there already, and a busy
+/// machine would make a server the nearest.
+void HttpTransfer::Impl::noteRequest(int localPort) {
+  if (m_seen.requestUs == 0) {
+    m_seen.requestUs = now();
   }
-  if (!transfer.m_seen.opened.isEmpty()) {
-    transfer.m_socket = transfer.m_seen.opened.connected(localPort);
-    const auto* tls = transfer.get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
-    transfer.m_tls =
-        transfer.m_target.secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
-  }
-  return CURL_PREREQFUNC_OK;
+  // Only a finished transfer knows its socket.
+  const auto* const found =
+      std::find_if(m_opened.begin(), m_opened.end(),
+                   [localPort](curl_socket_t socket) { return portOf(socket) == localPort; });
+  m_socket = found == m_opened.end() ? CURL_SOCKET_BAD : *found;
+  const auto* tls = get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
+  m_tls = m_request->secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
 }
 
-int HttpTransfer::Impl::onTalk(CURL*, curl_infotype type, char* data, std::size_t size,
-                               void* self) {
-  // libcurl is C and cannot be thrown through.
-  try {
-    if (type == CURLINFO_HEADER_OUT) {
-      static_cast<Impl*>(self)->m_seen.request.assign(data, size);
-    }
-  } catch (...) {
-    return 0;
+HttpTransfer::Names HttpTransfer::MakeNames() {
+  Names names(curl_share_init(), [](void* share) { curl_share_cleanup(share); });
+  if (names) {
+    curl_share_setopt(names.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
   }
-  return 0;
+  return names;
 }
 
-/// libcurl calls this once the connection stands and the handshake is about to start. Some of its
-/// versions count the handshake into the time to connect, and give none where it failed.
-CURLcode HttpTransfer::Impl::onTlsContext(CURL*, void* context, void* self) {
-  Impl& transfer = *static_cast<Impl*>(self);
-  transfer.m_seen.connectedUs = since(transfer.m_seen.start);
-  auto* tls = static_cast<SSL_CTX*>(context);
-  try {
-    transfer.m_trust = ProbeSettings::TrustedCertificates();
-    if (!transfer.m_trust || SSL_CTX_set_ex_data(tls, contextIndex(), self) != 1) {
-      return CURLE_OUT_OF_MEMORY;
-    }
-    SSL_CTX_set1_cert_store(tls, transfer.m_trust.get());
-  } catch (...) {
-    return CURLE_OUT_OF_MEMORY;
-  }
-  // A kept connection is idle most of the time, and there may be a thousand.
-  SSL_CTX_set_mode(tls, SSL_MODE_RELEASE_BUFFERS);
-  SSL_CTX_clear_mode(tls, SSL_MODE_AUTO_RETRY);
-  SSL_CTX_set_msg_callback(tls, &Impl::onTlsMessage);
-  SSL_CTX_set_msg_callback_arg(tls, self);
-  SSL_CTX_set_client_cert_cb(tls, &Impl::onClientCertificate);
-  transfer.m_seen.tlsStartUs = since(transfer.m_seen.start);
-  return CURLE_OK;
-}
-
-/// OpenSSL reads messages that lead to nothing (HelloRequest, KeyUpdate) for as long as they come,
-/// and libcurl cannot look at its clock meanwhile: without input OpenSSL has to return.
-void HttpTransfer::Impl::onTlsMessage(int sent, int, int type, const void*, std::size_t,
-                                      SSL* connection, void* self) {
-  Impl& transfer = *static_cast<Impl*>(self);
-  if (sent != 0 || type != SSL3_RT_HEADER || transfer.m_seen.late ||
-      Clock::now() < transfer.m_seen.end) {
-    return;
-  }
-  if (BIO* const nothing = BIO_new(BIO_s_null()); nothing != nullptr) {
-    transfer.m_seen.late = true;
-    SSL_set0_rbio(connection, nothing);
-  }
-}
-
-/// The server asks for a client certificate: there is none, but it is good to know that it asked.
-int HttpTransfer::Impl::onClientCertificate(SSL* connection, X509**, EVP_PKEY**) {
-  auto* transfer =
-      static_cast<Impl*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), contextIndex()));
-  if (transfer != nullptr) {
-    transfer->m_connection.clientCertificateAsked = true;
-  }
-  return 0;
-}
-
-int HttpTransfer::Impl::contextIndex() {
-  static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-  return index;
-}
-
-HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, Connection connection)
-    : m_impl(std::make_unique<Impl>(request, connection)) {}
+HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names& names)
+    : m_impl(std::make_unique<Impl>(request, keeps, names)) {}
 
 HttpTransfer::~HttpTransfer() = default;
 
-bool HttpTransfer::Serves(const PROBE_REQUEST& request) const { return m_impl->serves(request); }
+void HttpTransfer::Start(const PROBE_REQUEST& request) { m_impl->start(request); }
 
-PROBE_OUTCOME HttpTransfer::Perform(PROBE_REQUEST& request) { return m_impl->perform(request); }
-
-bool HttpTransfer::Initialise(bool secure) {
-  return initialiseTransport() && (!secure || isTlsUsable());
+void HttpTransfer::Run(Clock::time_point limit, HttpTransfer* rival) {
+  m_impl->run(limit, rival == nullptr ? nullptr : rival->m_impl.get());
 }
+
+bool HttpTransfer::HasEnded() const { return m_impl->hasEnded(); }
+
+bool HttpTransfer::HasAnswer() const { return m_impl->hasAnswer(); }
+
+PROBE_OUTCOME HttpTransfer::TakeOutcome() { return m_impl->takeOutcome(); }
+
+bool HttpTransfer::IsReadyFor(const PROBE_REQUEST& request) { return m_impl->isReady(request); }

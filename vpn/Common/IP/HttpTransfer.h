@@ -1,38 +1,43 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include "vpn/Common/IP/ProbeOutcome.h"
 #include "vpn/Common/IP/ProbeRequest.h"
 
-/// A request that can be sent, once or again and again, and the connection that it goes through.
-/// Used by one thread.
+/// Requests to one target over one connection: the first one opens it, and each later one goes out
+/// on it again. Used by one thread.
 class HttpTransfer {
  public:
-  enum class Connection {
-    /// Goes with the answer.
-    Once,
-    /// Stays open for the next time, if the server lets it and its answer is short.
-    Kept,
-  };
+  using Clock = PROBE_REQUEST::Clock;
+  /// Addresses of names that transfers of one thread share; it outlives them. Null shares none.
+  using Names = std::shared_ptr<void>;
 
-  /// @param request its time-out is not looked at. Credentials need not outlive the first
-  /// `Perform`.
-  HttpTransfer(const PROBE_REQUEST& request, Connection connection);
+  static Names MakeNames();
+
+  /// @param keeps whether the rest of a short answer is wanted, so that the connection can be used
+  ///        again.
+  HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names& names);
   ~HttpTransfer();
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-  /// Whether this is the transfer for a request: all that is sent, and to whom, is the same, and so
-  /// is what is trusted.
-  bool Serves(const PROBE_REQUEST& request) const;
+  /// Begins to send a request of the same target, which outlives it.
+  void Start(const PROBE_REQUEST& request);
 
-  /// Sends the request within what is left of its time-out, and waits for the head of the answer.
-  /// What had to be done before it could be sent is noted in the request as time spent.
-  PROBE_OUTCOME Perform(PROBE_REQUEST& request);
+  /// Goes on until the request has ended, until `limit`, or until a rival, which goes on meanwhile,
+  /// has its answer. A request ends with the head of its answer, or within its time-out.
+  void Run(Clock::time_point limit, HttpTransfer* rival = nullptr);
+  bool HasEnded() const;
+  bool HasAnswer() const;
+  /// What came of a request that has ended. To be called once.
+  PROBE_OUTCOME TakeOutcome();
 
-  /// Prepares the process for transfers. False if that could not be done.
-  static bool Initialise(bool secure);
+  /// Whether another request of the same target can be sent: brings in what is left of the answer,
+  /// if it is there or comes within a round trip of its head, and looks whether the connection is
+  /// open and nothing has come that nobody asked for, which must not be taken for the next answer.
+  bool IsReadyFor(const PROBE_REQUEST& request);
 
  private:
   class Impl;

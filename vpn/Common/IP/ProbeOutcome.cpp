@@ -7,62 +7,47 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <utility>
+
+#include "vpn/include/HttpSession.h"
 
 namespace {
 
 constexpr long long kUnknown = -1;
 
-struct MEANING {
-  CURLcode code;
-  STATUSCODE direct;
-  STATUSCODE throughProxy;
-};
-
-/// What libcurl's codes mean. A code that is not listed means that what was connected to did not
-/// answer with HTTP, or, without a connection, that none could be made; see `statusOf`.
-constexpr MEANING kMeanings[] = {
-    {CURLE_OK, HTTP_SESSION_SUCCESS, HTTP_SESSION_SUCCESS},
-    {CURLE_COULDNT_RESOLVE_PROXY, HTTP_SESSION_ERROR_CONNECT, HTTP_SESSION_ERROR_CONNECT},
-    {CURLE_COULDNT_RESOLVE_HOST, HTTP_SESSION_ERROR_DNS_RESOLUTION,
-     HTTP_SESSION_ERROR_DNS_RESOLUTION},
-    // The name has no form that could be looked up.
-    {CURLE_URL_MALFORMAT, HTTP_SESSION_ERROR_DNS_RESOLUTION, HTTP_SESSION_ERROR_DNS_RESOLUTION},
-    {CURLE_OPERATION_TIMEDOUT, HTTP_SESSION_ERROR_TIMEOUT, HTTP_SESSION_ERROR_TIMEOUT},
-    // Its task was cancelled.
-    {CURLE_ABORTED_BY_CALLBACK, HTTP_SESSION_ERROR_TIMEOUT, HTTP_SESSION_ERROR_TIMEOUT},
-    {CURLE_PEER_FAILED_VERIFICATION, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE,
-     HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE},
-    {CURLE_SSL_ISSUER_ERROR, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE,
-     HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE},
-    {CURLE_SSL_CACERT_BADFILE, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE,
-     HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE},
-    {CURLE_SSL_CRL_BADFILE, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE,
-     HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE},
-    {CURLE_SSL_INVALIDCERTSTATUS, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE,
-     HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE},
-    {CURLE_SSL_CLIENTCERT, HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED,
-     HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED},
-};
-
+/// What libcurl's code means. One that is not listed means that what was connected to did not
+/// answer with HTTP, or, without a connection, that none could be made.
 STATUSCODE statusOf(const PROBE_OUTCOME& outcome, bool proxied) {
-  const auto* meaning = std::find_if(std::begin(kMeanings), std::end(kMeanings),
-                                     [&](const MEANING& m) { return m.code == outcome.code; });
-  STATUSCODE status = proxied ? HTTP_SESSION_ERROR_CONNECT : HTTP_SESSION_ERROR_CANNOT_CONNECT;
-  if (meaning != std::end(kMeanings)) {
-    status = proxied ? meaning->throughProxy : meaning->direct;
-  } else if (outcome.Connected()) {
-    status = HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE;
+  constexpr long kFirstFinal = 200;
+  switch (outcome.code) {
+    case CURLE_OK:
+      if (outcome.httpStatus >= kFirstFinal) {
+        return HTTP_SESSION_SUCCESS;
+      }
+      break;  // interim answers promise a final one; without it nothing has been answered
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return HTTP_SESSION_ERROR_CONNECT;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_URL_MALFORMAT:  // the name has no form that could be looked up
+      return HTTP_SESSION_ERROR_DNS_RESOLUTION;
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_ABORTED_BY_CALLBACK:  // its task was cancelled
+      return HTTP_SESSION_ERROR_TIMEOUT;
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+      return HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE;
+    case CURLE_SSL_CLIENTCERT:
+      return HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED;
+    default:
+      if (!outcome.Connected()) {
+        return proxied ? HTTP_SESSION_ERROR_CONNECT : HTTP_SESSION_ERROR_CANNOT_CONNECT;
+      }
   }
-  // Interim answers promise a final one; without it nothing has been answered.
-  if (status == HTTP_SESSION_SUCCESS && outcome.httpStatus < 200) {
-    status = HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE;
-  }
-  if (status == HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE && outcome.clientCertificateAsked) {
-    status = HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED;
-  }
-  return status;
+  return outcome.clientCertificateAsked ? HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED
+                                        : HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE;
 }
 
 bool isAnswer(STATUSCODE status) {
@@ -74,12 +59,9 @@ bool isAnswer(STATUSCODE status) {
 /// From the request to the first byte of the answer, or to what stood in its place.
 long long responseRoundTrip(const PROBE_OUTCOME& outcome) {
   if (outcome.requestUs == 0) {
-    const long long start = std::max({outcome.lookupUs, outcome.connectUs, outcome.tlsStartUs});
-    return std::max(outcome.totalUs - start, 0LL);
+    return outcome.totalUs - std::max(outcome.openedUs, outcome.tlsStartUs);
   }
-  return std::max(outcome.firstByteUs > 0 ? outcome.firstByteUs : outcome.totalUs,
-                  outcome.requestUs) -
-         outcome.requestUs;
+  return (outcome.firstByteUs > 0 ? outcome.firstByteUs : outcome.totalUs) - outcome.requestUs;
 }
 
 long long ifHappened(long long time) { return time > 0 ? time : kUnknown; }
@@ -94,7 +76,7 @@ long long networkRoundTrip(const PROBE_OUTCOME& outcome) {
   if (outcome.networkRttUs != kUnknown) {
     return outcome.networkRttUs;
   }
-  return outcome.connectTookUs > 0 ? outcome.connectTookUs : outcome.totalUs - outcome.lookupUs;
+  return outcome.connectTookUs > 0 ? outcome.connectTookUs : outcome.totalUs - outcome.openedUs;
 }
 
 }  // namespace
@@ -109,8 +91,7 @@ unsigned int PROBE_OUTCOME::HttpStatus() const {
   return static_cast<unsigned int>(httpStatus == 0 && refused ? tunnelStatus : httpStatus);
 }
 
-void PROBE_OUTCOME::Fill(HttpProbe::Report& report, bool proxied,
-                         HttpProbe::RoundTripMeasure measure) {
+void PROBE_OUTCOME::Fill(ProbeReport& report, bool proxied, RoundTripMeasure measure) {
   report.status = statusOf(*this, proxied);
   report.transportError = code;
   report.httpStatus = HttpStatus();
@@ -126,6 +107,6 @@ void PROBE_OUTCOME::Fill(HttpProbe::Report& report, bool proxied,
     return;
   }
   report.responseRttUs = responseRoundTrip(*this);
-  const bool response = proxied || measure == HttpProbe::RoundTripMeasure::Response;
+  const bool response = proxied || measure == RoundTripMeasure::Response;
   report.rttMs = toMilliseconds(response ? report.responseRttUs : networkRoundTrip(*this));
 }

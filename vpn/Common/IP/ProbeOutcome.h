@@ -2,10 +2,10 @@
 
 #include <string>
 
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/ProbeReport.h"
 
 /// What came of a request, as libcurl, the kernel and the callbacks tell. Times are in microseconds
-/// from the start of the transfer, 0 for what did not happen.
+/// from the start of the probe, 0 for what did not happen.
 struct PROBE_OUTCOME {
   unsigned int code = 0;  ///< libcurl's CURLcode
   /// The request went out on the connection of an earlier one.
@@ -16,7 +16,7 @@ struct PROBE_OUTCOME {
   /// The ways to log in that the proxy offers (CURLAUTH_).
   long offeredLogIns = 0;
   long osError = 0;
-  long long lookupUs = 0;
+  long long openedUs = 0;  ///< the first attempt to connect began
   long long connectUs = 0;
   long long tlsStartUs = 0;
   long long tlsUs = 0;
@@ -37,5 +37,5 @@ struct PROBE_OUTCOME {
   unsigned int HttpStatus() const;
 
   /// Says what it means. Takes the address out of the outcome, so that nothing is allocated.
-  void Fill(HttpProbe::Report& report, bool proxied, HttpProbe::RoundTripMeasure measure);
+  void Fill(ProbeReport& report, bool proxied, RoundTripMeasure measure);
 };

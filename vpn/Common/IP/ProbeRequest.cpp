@@ -12,9 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "vpn/Common/IP/HttpTransfer.h"
+#include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/SystemProxy.h"
-#include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/Common/Utility/URL.h"
 
 namespace {
@@ -110,14 +109,12 @@ std::string withoutControlCharacters(std::string text) {
 
 }  // namespace
 
-bool PROBE_REQUEST::Spend(std::chrono::microseconds time) {
-  timeSpent += time;
-  timeLeft -= std::chrono::ceil<std::chrono::milliseconds>(time);
-  return timeLeft.count() > 0;
+std::chrono::milliseconds PROBE_REQUEST::TimeLeft() const {
+  return std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
 }
 
 unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA& proxyData) {
-  if (!HttpTransfer::Initialise(secure)) {
+  if (!ProbeSettings::PrepareTransport(secure)) {
     return CURLE_FAILED_INIT;
   }
   host = checkedHost(toHost);
@@ -129,7 +126,8 @@ unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA&
   }
   userAgent = withoutControlCharacters(userAgent);
   credentials = &proxyData;
-  timeLeft = std::chrono::seconds(std::clamp(timeoutSeconds, 1U, kMaxTimeoutSeconds));
+  timeout = std::chrono::seconds(std::clamp(timeoutSeconds, 1U, kMaxTimeoutSeconds));
+  deadline = start + timeout;
   if (proxyData.determineProxy) {
     return DetermineProxy();
   }
@@ -149,14 +147,11 @@ unsigned int PROBE_REQUEST::DetermineProxy() {
 }
 
 unsigned int PROBE_REQUEST::AskSystem() {
-  const auto start = MonotonicClock::now();
   const std::string url =
       (secure ? "https://" : "http://") + host + ":" + std::to_string(port) + "/";
   std::vector<std::string> entries;
-  const SystemProxy::Outcome outcome = SystemProxy::Find(url, timeLeft, entries);
-  const bool inTime =
-      Spend(std::chrono::ceil<std::chrono::microseconds>(MonotonicClock::now() - start));
-  if (outcome == SystemProxy::Outcome::Late || !inTime) {
+  const SystemProxy::Outcome outcome = SystemProxy::Find(url, TimeLeft(), entries);
+  if (outcome == SystemProxy::Outcome::Late || TimeLeft().count() <= 0) {
     return CURLE_OPERATION_TIMEDOUT;
   }
   heedsExceptions = true;

@@ -22,10 +22,14 @@ struct PROBE_TARGET {
 
 /// One probe as it is to be sent, checked.
 struct PROBE_REQUEST : PROBE_TARGET {
+  using Clock = std::chrono::steady_clock;
+
   unsigned int timeoutSeconds = 0;
-  /// What is left of the time-out when the request is sent, and what was spent before.
-  std::chrono::milliseconds timeLeft{};
-  std::chrono::microseconds timeSpent{};
+  /// When the probe started, its whole time-out, and when that is over. Times of an outcome count
+  /// from the start, whatever comes before the request is sent.
+  Clock::time_point start = Clock::now();
+  std::chrono::milliseconds timeout{};
+  Clock::time_point deadline;
   /// "http://host:port"; empty for none, or for the environment's when `environmentProxy` is set.
   std::string proxy;
   bool environmentProxy = false;
@@ -39,13 +43,14 @@ struct PROBE_REQUEST : PROBE_TARGET {
   const PROXY_DATA* credentials = nullptr;
 
   bool Proxied() const { return environmentProxy || !proxy.empty(); }
+  bool LogsIn() const { return Proxied() && !credentials->proxyUser.empty(); }
   /// Whether it goes straight to the server and carries no secret.
   bool IsDirect() const {
     return !Proxied() && credentials->proxyUser.empty() && credentials->proxyPswd.empty();
   }
 
-  /// Notes that time has passed. False if none is left.
-  bool Spend(std::chrono::microseconds time);
+  /// What is left of the time-out; 0 or less for nothing.
+  std::chrono::milliseconds TimeLeft() const;
 
   /// Checks and completes a request whose port, security, user agent and time-out are set, and
   /// finds its proxy.

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <string_view>
 
+#include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -25,7 +26,7 @@ struct SETTINGS {
   /// Null until the first secure probe needs it.
   ProbeSettings::Trust trust AHS_GUARDED_BY(lock);
   /// On its own: a probe reads it once and nothing else depends on it.
-  std::atomic<HttpProbe::RoundTripMeasure> measure{HttpProbe::RoundTripMeasure::Network};
+  std::atomic<RoundTripMeasure> measure{RoundTripMeasure::Network};
 };
 
 SETTINGS& settings() {
@@ -72,13 +73,30 @@ ProbeSettings::Trust makeTrust(const std::string& extraFile) {
   return store;
 }
 
+/// libcurl's own process-wide state. It is never torn down: a probe may still run at exit. Its
+/// memory is wiped before it is given back, for it holds credentials in many forms and wipes none
+/// itself.
+bool initialiseTransport() {
+  static const bool done =
+      curl_global_init_mem(CURL_GLOBAL_DEFAULT, &TransportMemory::Allocate, &TransportMemory::Free,
+                           &TransportMemory::Resize, &TransportMemory::Duplicate,
+                           &TransportMemory::AllocateZeroed) == CURLE_OK;
+  return done;
+}
+
+/// Whether OpenSSL has come up with `initialiseTransport`. If it got no memory for that it stays
+/// down, does not say so to libcurl, and crashes when it is used.
+bool isTlsUsable() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
+
 }  // namespace
 
-HttpProbe::RoundTripMeasure ProbeSettings::Measure() { return settings().measure; }
-
-void ProbeSettings::SetMeasure(HttpProbe::RoundTripMeasure measure) {
-  settings().measure = measure;
+bool ProbeSettings::PrepareTransport(bool secure) {
+  return initialiseTransport() && (!secure || isTlsUsable());
 }
+
+RoundTripMeasure ProbeSettings::Measure() { return settings().measure; }
+
+void ProbeSettings::SetMeasure(RoundTripMeasure measure) { settings().measure = measure; }
 
 ProbeSettings::Trust ProbeSettings::TrustedCertificates() {
   SETTINGS& process = settings();

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/ProbeReport.h"
 
 struct x509_store_st;
 
@@ -14,8 +14,11 @@ class ProbeSettings {
 
   ProbeSettings() = delete;
 
-  static HttpProbe::RoundTripMeasure Measure();
-  static void SetMeasure(HttpProbe::RoundTripMeasure measure);
+  /// Prepares the process for probes. False if that could not be done.
+  static bool PrepareTransport(bool secure);
+
+  static RoundTripMeasure Measure();
+  static void SetMeasure(RoundTripMeasure measure);
 
   /// The certificates that are trusted, the same object until `SetTrustFile`; null if there is no
   /// memory for them. The first call reads the system's.

@@ -17,9 +17,9 @@ std::shared_ptr<ProbeTask> ProbeTask::Current() {
   return std::dynamic_pointer_cast<ProbeTask>(CTask::Current());
 }
 
-void ProbeTask::ProbeStarted(const HttpProbe::Report& /*report*/) {}
+void ProbeTask::ProbeStarted(const ProbeReport& /*report*/) {}
 
-void ProbeTask::ProbeEnded(const HttpProbe::Report& /*report*/) {}
+void ProbeTask::ProbeEnded(const ProbeReport& /*report*/) {}
 
 bool ProbeTask::SocketOpened(int /*socket*/, int /*family*/) { return true; }
 

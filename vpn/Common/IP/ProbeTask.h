@@ -3,7 +3,7 @@
 #include <atomic>
 #include <memory>
 
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/ProbeReport.h"
 #include "vpn/Common/Utility/Task.h"
 
 /// A task whose threads send probes: is told of each, gives each socket its way out of the machine,
@@ -20,9 +20,9 @@ class ProbeTask : public CTask {
   static std::shared_ptr<ProbeTask> Current();
 
   /// A probe is about to start; only host, port, secure and options are known.
-  virtual void ProbeStarted(const HttpProbe::Report& report);
+  virtual void ProbeStarted(const ProbeReport& report);
   /// A probe is over; everything of its report is known.
-  virtual void ProbeEnded(const HttpProbe::Report& report);
+  virtual void ProbeEnded(const ProbeReport& report);
   /// A TCP socket was made and is about to connect, to the server or to a proxy.
   /// @param family AF_INET or AF_INET6. @return false if it must not be used.
   virtual bool SocketOpened(int socket, int family);

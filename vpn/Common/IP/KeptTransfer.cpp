@@ -1,0 +1,78 @@
+// Connections that serve several probes. A server may close a connection that it has kept at any
+// time, or forget it, so what a kept connection does other than answer says nothing about the
+// server: a fresh connection does, and has enough of the time-out left to do so.
+
+#include "vpn/Common/IP/KeptTransfer.h"
+
+#include <curl/curl.h>
+
+#include <utility>
+
+namespace {
+
+// Parts of a probe's time-out: how long a kept connection may be silent on its own, and how soon a
+// server has to answer for its connection to be kept at all. So a fresh connection always has time
+// for what the last one took, should the kept one be gone.
+constexpr int kSilentPart = 4;
+constexpr int kPromptPart = 4;
+constexpr int kOpenedPart = 2;
+
+bool isPrompt(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& request) {
+  const auto tookToAnswer = std::chrono::microseconds(outcome.firstByteUs - outcome.requestUs);
+  const auto tookInAll = std::chrono::microseconds(outcome.firstByteUs - outcome.openedUs);
+  return tookToAnswer <= request.timeout / kPromptPart &&
+         (outcome.reused || tookInAll <= request.timeout / kOpenedPart);
+}
+
+}  // namespace
+
+/// The kept connection, if it can serve the request.
+KeptTransfer::Transfer KeptTransfer::takeIdle(const PROBE_REQUEST& request) {
+  if (request != m_target) {
+    m_idle.reset();
+    m_target = request;
+    m_keeps = true;
+  }
+  Transfer idle = std::move(m_idle);
+  if (idle && !idle->IsReadyFor(request)) {
+    m_keeps = false;
+    idle.reset();
+  }
+  return idle;
+}
+
+/// Sends the request on a fresh connection, while a kept one may still answer.
+KeptTransfer::Transfer KeptTransfer::sendFresh(const PROBE_REQUEST& request,
+                                               HttpTransfer* silent) const {
+  auto fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
+  fresh->Start(request);
+  fresh->Run(request.deadline, silent);
+  if (silent != nullptr && !silent->HasEnded() && !fresh->HasAnswer()) {
+    silent->Run(request.deadline);
+  }
+  return fresh;
+}
+
+PROBE_OUTCOME KeptTransfer::Send(const PROBE_REQUEST& request) {
+  if (!m_names) {
+    m_names = HttpTransfer::MakeNames();
+  }
+  Transfer transfer = takeIdle(request);
+  if (transfer) {
+    transfer->Start(request);
+    transfer->Run(HttpTransfer::Clock::now() + request.timeout / kSilentPart);
+  }
+  if (!transfer || !transfer->HasAnswer()) {
+    m_keeps = m_keeps && !transfer;
+    Transfer fresh = sendFresh(request, transfer.get());
+    if (!transfer || !transfer->HasAnswer()) {
+      transfer = std::move(fresh);
+    }
+  }
+  PROBE_OUTCOME outcome = transfer->TakeOutcome();
+  m_keeps = m_keeps && outcome.code == CURLE_OK && isPrompt(outcome, request);
+  if (m_keeps) {
+    m_idle = std::move(transfer);
+  }
+  return outcome;
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+
+#include "vpn/include/StatusCode.h"
+
+/// What `uiRtt` is.
+enum class RoundTripMeasure {
+  /// The smallest round trip that the kernel saw on the probe's connection (tcp(7), TCP_INFO,
+  /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it. On
+  /// a
+  /// connection that is used again (`KeptConnection`) it is the smallest so far. Through a proxy
+  /// the connection ends at the proxy, so there it is `Response`. Where the kernel cannot say, it
+  /// is the time that the connection took to open, whichever probe opened it.
+  Network,
+  /// From the request to the first byte of the answer: a slow gateway counts as far away. Where
+  /// no byte came, it ends with the probe (the connection was closed); where no request could be
+  /// sent, it starts with the TLS handshake that failed, or with the attempt to connect to the
+  /// proxy that refused a tunnel. Where a proxy has the request repeated to authenticate it, it
+  /// goes from the first of them (from the first with a password, if there was no ticket) to the
+  /// answer of the last.
+  Response,
+};
+
+/// Everything known of one probe, in the order of events. Times are in microseconds from the
+/// start of the probe, -1 for what did not happen; round trips are durations.
+struct ProbeReport {
+  std::string host;                 ///< as given to `SendHttpProbe`, like port and secure
+  unsigned short port = 0;          ///< 1 to 65535
+  bool secure = false;              ///< HTTPS
+  unsigned int options = 0;         ///< as given to `SendHttpProbe`
+  STATUSCODE status = 0;            ///< as `SendHttpProbe` returns it
+  unsigned int rttMs = 0;           ///< what `uiRtt` is for this probe
+  unsigned int httpStatus = 0;      ///< what `uiHttpStatusCode` is; 0: none
+  unsigned int transportError = 0;  ///< what `uiLastError` is
+  bool reused = false;              ///< on an earlier probe's connection; then the next two are -1
+  long long connectUs = -1;         ///< the connection stood
+  long long tlsUs = -1;             ///< the TLS handshake was done
+  long long totalUs = 0;            ///< the probe was over
+  long long networkRttUs = -1;      ///< smallest round trip that the kernel saw on the connection
+  long long responseRttUs = -1;     ///< from the request to the first byte of the answer
+  std::string address;              ///< the address that was connected to (a proxy's, too), if any
+};

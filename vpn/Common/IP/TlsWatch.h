@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+struct ssl_ctx_st;
+struct ssl_st;
+struct x509_st;
+struct x509_store_st;
+
+/// Sees to the TLS of one transfer: gives it the certificates that are trusted, keeps it within its
+/// time, and notes what the server says. Versions, ciphers and checks stay the transport's.
+class TlsWatch {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  TlsWatch() = default;
+  TlsWatch(const TlsWatch&) = delete;
+  TlsWatch& operator=(const TlsWatch&) = delete;
+
+  /// To be called before a handshake begins; this outlives the connections of `context`.
+  /// @return false if there is no memory.
+  bool Attach(ssl_ctx_st* context);
+
+  /// When the time for talk that leads to nothing is over.
+  void SetEnd(Clock::time_point end) { m_end = end; }
+  /// The server's talk went on beyond the end and was cut off.
+  bool IsLate() const { return m_late; }
+  bool IsClientCertificateAsked() const { return m_clientCertificateAsked; }
+  /// Whether what was trusted in the handshake is what is trusted now.
+  bool IsTrustCurrent() const;
+
+ private:
+  static void onMessage(int sent, int version, int type, const void* data, std::size_t length,
+                        ssl_st* connection, void* self);
+  static int contextIndex();
+
+  std::shared_ptr<x509_store_st> m_trust;
+  Clock::time_point m_end;
+  bool m_late = false;
+  bool m_clientCertificateAsked = false;
+};

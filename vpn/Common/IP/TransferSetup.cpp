@@ -1,0 +1,103 @@
+// A request in libcurl's options. The address is put together from its parts, so that none can
+// reach into another, and nothing is left to the environment but what the request says.
+
+#include "vpn/Common/IP/TransferSetup.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <string>
+
+#include "vpn/Common/IP/ProbeRequest.h"
+
+namespace {
+
+// A head fits, and there may be a thousand probes at a time. Both are the least that libcurl takes.
+constexpr long kReceiveBufferBytes = 1024;
+constexpr long kSendBufferBytes = 16L * 1024;
+
+// The ways to log in to a proxy that take a password.
+constexpr long kPasswordLogIns = static_cast<long>(CURLAUTH_BASIC | CURLAUTH_NTLM);
+
+/// Sets options until one fails.
+class Options {
+ public:
+  explicit Options(CURL* easy) : m_easy(easy) {}
+
+  template <class T>
+  void set(CURLoption option, T value) {
+    if (m_result == CURLE_OK) {
+      m_result = curl_easy_setopt(m_easy, option, value);
+    }
+  }
+  void fail(CURLcode result) { m_result = result; }
+  CURLcode result() const { return m_result; }
+
+ private:
+  CURL* const m_easy;
+  CURLcode m_result = CURLE_OK;
+};
+
+void setTarget(const PROBE_REQUEST& request, Options& options) {
+  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), curl_url_cleanup);
+  const char* scheme = request.secure ? "https" : "http";
+  const std::string port = std::to_string(request.port);
+  char* text = nullptr;
+  if (!url || curl_url_set(url.get(), CURLUPART_SCHEME, scheme, 0) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_HOST, request.host.c_str(), 0) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_PORT, port.c_str(), 0) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_PATH, "/", 0) != CURLUE_OK ||
+      curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
+    options.fail(CURLE_URL_MALFORMAT);
+    return;
+  }
+  const std::unique_ptr<char, decltype(&curl_free)> address(text, curl_free);
+  options.set(CURLOPT_URL, address.get());
+  options.set(CURLOPT_PROTOCOLS_STR, "http,https");
+  // Not HEAD, which some servers leave without an answer.
+  options.set(CURLOPT_HTTPGET, 1L);
+  options.set(CURLOPT_FOLLOWLOCATION, 0L);
+  options.set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  options.set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+  if (!request.userAgent.empty()) {
+    options.set(CURLOPT_USERAGENT, request.userAgent.c_str());
+  }
+}
+
+void setProxy(const PROBE_REQUEST& request, Options& options) {
+  if (!request.environmentProxy) {
+    // An empty proxy is none, and an empty list of exceptions has none: without them libcurl would
+    // read the environment.
+    options.set(CURLOPT_PROXY, request.proxy.c_str());
+    if (!request.heedsExceptions) {
+      options.set(CURLOPT_NOPROXY, "");
+    }
+  }
+  if (request.LogsIn()) {
+    options.set(CURLOPT_PROXYUSERNAME, request.credentials->proxyUser.c_str());
+    options.set(CURLOPT_PROXYPASSWORD, request.credentials->proxyPswd.c_str());
+    options.set(
+        CURLOPT_PROXYAUTH,
+        kPasswordLogIns | (request.mayUseTicket ? static_cast<long>(CURLAUTH_NEGOTIATE) : 0L));
+  }
+}
+
+}  // namespace
+
+unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
+  Options options(easy);
+  setTarget(request, options);
+  setProxy(request, options);
+  options.set(CURLOPT_NOSIGNAL, 1L);
+  // The thread that waits for a silent name server is left behind when the time-out passes.
+  options.set(CURLOPT_QUICK_EXIT, 1L);
+  options.set(CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
+  options.set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
+  return options.result();
+}
+
+void dropCredentials(void* easy) {
+  const char* none = nullptr;
+  curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, none);
+  curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, none);
+}

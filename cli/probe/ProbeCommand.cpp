@@ -154,9 +154,8 @@ void lookCloser(ProbeFindings& findings) {
   const ProbePlan& plan = findings.plan;
   takeNameServers(findings);
   findings.addresses = checkAddresses(plan.place.first, plan.place.second, plan.timeout);
-  const CheckedAddress* address = findConnected(findings.addresses, usedAddressOf(findings));
-  if (address != nullptr) {
-    findings.tls = inspectTls(*address, plan.place.first, plan.timeout);
+  if (findConnected(findings.addresses, usedAddressOf(findings)) != nullptr) {
+    findings.tls = inspectTls(plan.place.first, plan.place.second, plan.timeout);
   }
 }
 

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "cli/probe/AddressCheck.h"
-
 /// What a server's certificate says. All texts are visible and bounded: they are a stranger's.
 struct CertificateSummary {
   std::string subject;
@@ -35,10 +33,6 @@ struct TlsInspection {
   std::optional<CertificateSummary> certificate;
 };
 
-/// Does a TLS handshake with a server, sends nothing, and closes. Versions and trusted certificates
-/// are those of the probes. Takes at most `limit` and 256 KiB of what the server sends.
-/// @param host what the certificate is to be for, and the server is asked for: a name, or an
-/// address
-///        without brackets.
-TlsInspection inspectTls(const CheckedAddress& address, const std::string& host,
-                         std::chrono::milliseconds limit);
+/// Does the TLS handshake of a probe and sends nothing more. Takes at most `limit`.
+/// @param host a name, or an address without brackets.
+TlsInspection inspectTls(const std::string& host, unsigned short port, std::chrono::seconds limit);

@@ -70,7 +70,7 @@ PROBE_OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, PROBE_R
   if (!isAscii(request.host)) {
     utf8.emplace();
   }
-  if (keptHere == nullptr || !request.IsDirect()) {
+  if (keptHere == nullptr || !request.IsDirect() || request.handshake != nullptr) {
     return sendLoggingIn(request);
   }
   if (*keptHere == nullptr) {
@@ -165,6 +165,29 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
     TransportMemory::WipeStack();
   }
   return status;
+}
+
+TLS_HANDSHAKE HttpProbe::ShakeHands(const std::string& host, unsigned short port,
+                                    std::chrono::seconds timeout) noexcept {
+  TLS_HANDSHAKE shown;
+  const PROXY_DATA noProxy;
+  PROBE_OUTCOME outcome;
+  PROBE_REQUEST request;
+  request.task = ProbeTask::Current().get();
+  request.secure = true;
+  request.port = port;
+  request.timeoutSeconds = static_cast<unsigned int>(timeout.count());
+  request.handshake = &shown;
+  try {
+    outcome = send(host, noProxy, request);
+  } catch (...) {
+    outcome.code = CURLE_OUT_OF_MEMORY;
+  }
+  shown.isForAnotherHost = shown.isDone && outcome.code == CURLE_PEER_FAILED_VERIFICATION;
+  shown.isTimedOut = outcome.code == CURLE_OPERATION_TIMEDOUT;
+  shown.asksForClientCertificate = outcome.clientCertificateAsked;
+  shown.address = std::move(outcome.address);
+  return shown;
 }
 
 HttpProbe::KeptConnection::KeptConnection() noexcept {

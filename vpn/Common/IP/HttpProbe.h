@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
 
 #include "vpn/Common/IP/ProbeReport.h"
+#include "vpn/Common/IP/TlsHandshake.h"
 #include "vpn/include/HttpSession.h"
 #include "vpn/include/StatusCode.h"
 
@@ -132,6 +134,11 @@ class HttpProbe {
                                   unsigned short port, const std::string& userAgent,
                                   unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
                                   unsigned int options, HTTP_PROBE_RESULTS& results);
+
+  /// Does the TLS handshake of a direct, secure probe and closes: no request is sent. It goes on in
+  /// spite of doubts about the certificate, to tell them all. Throws nothing.
+  static TLS_HANDSHAKE ShakeHands(const std::string& host, unsigned short port,
+                                  std::chrono::seconds timeout) noexcept;
 
   /// Chooses the measure for probes that start from now on; `Network` until it is called.
   static void SetRoundTripMeasure(RoundTripMeasure measure);

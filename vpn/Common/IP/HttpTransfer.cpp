@@ -433,7 +433,8 @@ void HttpTransfer::Impl::setUpCallbacks(bool tellsRequest) {
       CURLOPT_SSL_CTX_FUNCTION, +[](CURL*, void* context, void* self) {
         try {
           Impl& transfer = *static_cast<Impl*>(self);
-          const bool done = transfer.m_tlsWatch.Attach(static_cast<SSL_CTX*>(context));
+          const bool done = transfer.m_tlsWatch.Attach(static_cast<SSL_CTX*>(context),
+                                                       transfer.m_request->handshake);
           transfer.m_seen.tlsStartUs = transfer.now();
           return done ? CURLE_OK : CURLE_OUT_OF_MEMORY;
         } catch (...) {

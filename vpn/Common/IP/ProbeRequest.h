@@ -6,6 +6,7 @@
 #include "vpn/include/HttpSession.h"
 
 class ProbeTask;
+struct TLS_HANDSHAKE;
 
 /// What is sent, and to whom.
 struct PROBE_TARGET {
@@ -39,6 +40,8 @@ struct PROBE_REQUEST : PROBE_TARGET {
   bool mayUseTicket = true;
   /// The one of the probe's thread, which outlives the request; null for none.
   ProbeTask* task = nullptr;
+  /// Where to tell of the TLS handshake, in place of a request; null for an ordinary one.
+  TLS_HANDSHAKE* handshake = nullptr;
   /// The caller's, which outlives the request: no copy of the credentials is made here.
   const PROXY_DATA* credentials = nullptr;
 

@@ -4,10 +4,39 @@
 #include "vpn/Common/IP/TlsWatch.h"
 
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
 
 #include "vpn/Common/IP/ProbeSettings.h"
+#include "vpn/Common/IP/TlsHandshake.h"
 
-bool TlsWatch::Attach(ssl_ctx_st* context) {
+namespace {
+
+constexpr std::size_t kMostDoubts = 8;
+
+/// OpenSSL is C and cannot be thrown through. Without memory the rest is left out.
+template <class Body>
+void withoutThrowing(Body body) {
+  try {
+    body();
+  } catch (...) {
+  }
+}
+
+void noteCertificate(X509* certificate, std::string& der) {
+  unsigned char* bytes = nullptr;
+  if (const int size = i2d_X509(certificate, &bytes); size > 0) {
+    withoutThrowing(
+        [&] { der.assign(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size)); });
+    OPENSSL_free(bytes);
+  }
+}
+
+}  // namespace
+
+bool TlsWatch::Attach(ssl_ctx_st* context, TLS_HANDSHAKE* shown) {
+  m_shown = shown;
   m_trust = ProbeSettings::TrustedCertificates();
   if (!m_trust || SSL_CTX_set_ex_data(context, contextIndex(), this) != 1) {
     return false;
@@ -20,11 +49,13 @@ bool TlsWatch::Attach(ssl_ctx_st* context) {
   SSL_CTX_set_msg_callback_arg(context, this);
   // There is no client certificate, but it is good to know that the server asked for one.
   SSL_CTX_set_client_cert_cb(context, [](SSL* connection, X509**, EVP_PKEY**) {
-    SSL_CTX* const asked = SSL_get_SSL_CTX(connection);
-    static_cast<TlsWatch*>(SSL_CTX_get_ex_data(asked, contextIndex()))->m_clientCertificateAsked =
-        true;
+    of(connection).m_clientCertificateAsked = true;
     return 0;
   });
+  if (m_shown != nullptr) {
+    SSL_CTX_set_verify(context, SSL_VERIFY_NONE, &TlsWatch::onVerified);
+    SSL_CTX_set_info_callback(context, &TlsWatch::onProgress);
+  }
   return true;
 }
 
@@ -32,9 +63,13 @@ bool TlsWatch::IsTrustCurrent() const { return m_trust == ProbeSettings::Trusted
 
 /// OpenSSL reads messages that lead to nothing (HelloRequest, KeyUpdate) for as long as they come,
 /// and libcurl cannot look at its clock meanwhile: without input OpenSSL has to return.
-void TlsWatch::onMessage(int sent, int /*version*/, int type, const void* /*data*/,
+void TlsWatch::onMessage(int sent, int /*version*/, int type, const void* data,
                          std::size_t /*length*/, ssl_st* connection, void* self) {
   TlsWatch& watch = *static_cast<TlsWatch*>(self);
+  if (watch.m_shown != nullptr && sent == 0 && type == SSL3_RT_HEADER &&
+      watch.m_shown->firstByte < 0) {
+    watch.m_shown->firstByte = *static_cast<const unsigned char*>(data);
+  }
   if (sent != 0 || type != SSL3_RT_HEADER || watch.m_late || Clock::now() < watch.m_end) {
     return;
   }
@@ -42,6 +77,38 @@ void TlsWatch::onMessage(int sent, int /*version*/, int type, const void* /*data
     watch.m_late = true;
     SSL_set0_rbio(connection, nothing);
   }
+}
+
+/// OpenSSL tells each doubt; going on in spite of one brings out the others.
+int TlsWatch::onVerified(int isFine, x509_store_ctx_st* store) {
+  const auto* connection = static_cast<const SSL*>(
+      X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+  TLS_HANDSHAKE& shown = *of(connection).m_shown;
+  if (shown.certificate.empty()) {
+    noteCertificate(X509_STORE_CTX_get0_cert(store), shown.certificate);
+  }
+  if (isFine == 0 && shown.doubts.size() < kMostDoubts) {
+    const char* doubt = X509_verify_cert_error_string(X509_STORE_CTX_get_error(store));
+    if (std::find(shown.doubts.begin(), shown.doubts.end(), doubt) == shown.doubts.end()) {
+      withoutThrowing([&] { shown.doubts.emplace_back(doubt); });
+    }
+  }
+  return 1;
+}
+
+void TlsWatch::onProgress(const ssl_st* connection, int where, int /*result*/) {
+  if ((where & SSL_CB_HANDSHAKE_DONE) != 0) {
+    TLS_HANDSHAKE& shown = *of(connection).m_shown;
+    withoutThrowing([&] {
+      shown.isDone = true;
+      shown.version = SSL_get_version(connection);
+      shown.cipher = SSL_get_cipher_name(connection);
+    });
+  }
+}
+
+TlsWatch& TlsWatch::of(const ssl_st* connection) {
+  return *static_cast<TlsWatch*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), contextIndex()));
 }
 
 int TlsWatch::contextIndex() {

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 
 struct ssl_ctx_st;
 struct ssl_st;
-struct x509_st;
+struct x509_store_ctx_st;
 struct x509_store_st;
+struct TLS_HANDSHAKE;
 
 /// Sees to the TLS of one transfer: gives it the certificates that are trusted, keeps it within its
 /// time, and notes what the server says. Versions, ciphers and checks stay the transport's.
@@ -19,8 +21,10 @@ class TlsWatch {
   TlsWatch& operator=(const TlsWatch&) = delete;
 
   /// To be called before a handshake begins; this outlives the connections of `context`.
+  /// @param shown null, or what is to be filled in: then every doubt about the certificate is
+  ///        looked for and the handshake goes on in spite of it.
   /// @return false if there is no memory.
-  bool Attach(ssl_ctx_st* context);
+  bool Attach(ssl_ctx_st* context, TLS_HANDSHAKE* shown);
 
   /// When the time for talk that leads to nothing is over.
   void SetEnd(Clock::time_point end) { m_end = end; }
@@ -33,9 +37,13 @@ class TlsWatch {
  private:
   static void onMessage(int sent, int version, int type, const void* data, std::size_t length,
                         ssl_st* connection, void* self);
+  static int onVerified(int isFine, x509_store_ctx_st* store);
+  static void onProgress(const ssl_st* connection, int where, int result);
+  static TlsWatch& of(const ssl_st* connection);
   static int contextIndex();
 
   std::shared_ptr<x509_store_st> m_trust;
+  TLS_HANDSHAKE* m_shown = nullptr;
   Clock::time_point m_end;
   bool m_late = false;
   bool m_clientCertificateAsked = false;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "vpn/Common/IP/ProbeRequest.h"
+#include "vpn/Common/IP/TlsHandshake.h"
 
 namespace {
 
@@ -82,6 +83,15 @@ void setProxy(const PROBE_REQUEST& request, Options& options) {
   }
 }
 
+/// The connection is made and nothing is sent. Doubts about the certificate are told by the
+/// handshake; libcurl looks for the host alone.
+void setHandshakeAlone(TLS_HANDSHAKE& handshake, Options& options) {
+  static_assert(sizeof handshake.failure >= CURL_ERROR_SIZE);
+  options.set(CURLOPT_CONNECT_ONLY, 1L);
+  options.set(CURLOPT_SSL_VERIFYPEER, 0L);
+  options.set(CURLOPT_ERRORBUFFER, handshake.failure.data());
+}
+
 }  // namespace
 
 unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
@@ -93,6 +103,9 @@ unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
   options.set(CURLOPT_QUICK_EXIT, 1L);
   options.set(CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
   options.set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
+  if (request.handshake != nullptr) {
+    setHandshakeAlone(*request.handshake, options);
+  }
   return options.result();
 }
 

@@ -14,21 +14,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstddef>
 #include <string_view>
 #include <utility>
 
-#include "vpn/Common/IP/AnswerHead.h"
 #include "vpn/Common/IP/ProbeTask.h"
-#include "vpn/Common/IP/TlsWatch.h"
 #include "vpn/Common/IP/TransferSetup.h"
 
 namespace {
 
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
-using Clock = HttpTransfer::Clock;
 
 // A transfer has one connection. More are open only while libcurl tries several addresses.
 constexpr long kMaxConnections = 1;
@@ -50,7 +45,7 @@ constexpr milliseconds kLaterAddress(50);
 constexpr long long kUnknown = -1;
 
 /// The smallest round trip that the kernel saw on a connection, in microseconds.
-long long smallestRoundTrip(curl_socket_t connection) {
+long long smallestRoundTrip(int connection) {
   tcp_info info{};
   socklen_t length = sizeof info;
   constexpr socklen_t kNeeded = offsetof(tcp_info, tcpi_min_rtt) + sizeof info.tcpi_min_rtt;
@@ -62,7 +57,7 @@ long long smallestRoundTrip(curl_socket_t connection) {
   return info.tcpi_min_rtt;
 }
 
-int portOf(curl_socket_t connection) {
+int portOf(int connection) {
   sockaddr_storage address{};
   socklen_t length = sizeof address;
   if (getsockname(connection, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -72,115 +67,62 @@ int portOf(curl_socket_t connection) {
   return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
 }
 
+/// libcurl is C, and a callback must not be thrown through.
+template <class Result, class Body>
+Result unlessThrown(Result otherwise, Body body) {
+  try {
+    return body();
+  } catch (...) {
+    return otherwise;
+  }
+}
+
 }  // namespace
 
-/// The libcurl handles of a transfer and what their callbacks gather. The connection lives as long
-/// as they, and its socket reports when it closes.
-class HttpTransfer::Impl {
- public:
-  Impl(const PROBE_REQUEST& request, bool keeps, const Names& names);
-  ~Impl() { detach(); }
-  Impl(const Impl&) = delete;
-  Impl& operator=(const Impl&) = delete;
-
-  void start(const PROBE_REQUEST& request);
-  void run(Clock::time_point limit, Impl* rival);
-  bool hasEnded() const { return m_hasEnded; }
-  bool hasAnswer() const { return m_hasEnded && m_code == CURLE_OK; }
-  PROBE_OUTCOME takeOutcome();
-  bool isReady(const PROBE_REQUEST& request);
-
- private:
-  /// What the callbacks gather of one request. Times are in microseconds since the probe started, 0
-  /// for what did not happen.
-  struct GATHERED {
-    AnswerHead head;
-    std::string request;
-    long long tlsStartUs = 0;
-    long long requestUs = 0;       ///< when the first request was about to be sent
-    long long firstByteUs = 0;     ///< of the last answer
-    curl_off_t firstByteMark = 0;  ///< libcurl's time of it, which changes when one has come
-  };
-
-  template <class T>
-  void set(CURLoption option, T value) {
-    if (m_setup == CURLE_OK) {
-      m_setup = curl_easy_setopt(m_easy.get(), option, value);
-    }
+template <class Option, class T>
+void HttpTransfer::set(Option option, T value) {
+  if (m_setup == CURLE_OK) {
+    m_setup = curl_easy_setopt(m_easy.get(), option, value);
   }
-  template <class T>
-  T get(CURLINFO info) const {
-    T value{};
-    return curl_easy_getinfo(m_easy.get(), info, &value) == CURLE_OK ? value : T{};
-  }
+}
 
-  void setUpCallbacks(bool tellsRequest);
-  void step();
-  void end(CURLcode code);
-  CURLcode resultOfEnded();
-  void noteFirstByte();
-  CURLMcode wait(milliseconds longest, curl_socket_t other, int& ready);
-  milliseconds longestWait(Clock::time_point limit) const;
-  bool isCancelled() const { return m_request->task != nullptr && m_request->task->IsCancelled(); }
-  void fetchBody();
-  void detach();
-  long long now() const { return sinceStart(Clock::now()); }
-  long long sinceStart(Clock::time_point time) const {
-    return std::chrono::duration_cast<microseconds>(time - m_request->start).count();
-  }
-  void collectTimes(PROBE_OUTCOME& outcome);
+template <class T, class Info>
+T HttpTransfer::get(Info info) const {
+  T value{};
+  return curl_easy_getinfo(m_easy.get(), info, &value) == CURLE_OK ? value : T{};
+}
 
-  curl_socket_t open(const curl_sockaddr& address);
-  int close(curl_socket_t connection);
-  void noteRequest(int localPort);
-
-  const bool m_keeps;
-  const PROBE_REQUEST* m_request = nullptr;  ///< the one under way
-  CURLcode m_setup = CURLE_OK;
-  bool m_hasEnded = false;
-  CURLcode m_code = CURLE_OK;
-  GATHERED m_seen;
-  TlsWatch m_tlsWatch;
-  // The connection's, over all its requests.
-  bool m_reused = false;
-  bool m_lost = false;  ///< an address has failed and libcurl may turn to the next
-  long long m_openedUs = 0;
-  long long m_tookUs = 0;
-  long long m_rttUs = kUnknown;
-  /// The last few sockets that were made, more than libcurl tries at a time.
-  std::array<curl_socket_t, 4> m_opened{CURL_SOCKET_BAD, CURL_SOCKET_BAD, CURL_SOCKET_BAD,
-                                        CURL_SOCKET_BAD};
-  std::size_t m_openedCount = 0;
-  curl_socket_t m_socket = CURL_SOCKET_BAD;  ///< while it is open and once a request could be sent
-  SSL* m_tls = nullptr;                      ///< the same of a secure one
-  /// The easy handle is with the multi handle. After a request it is only if a body is due.
-  bool m_attached = false;
-  Clock::time_point m_startedAt;
-  Clock::time_point m_headAt;
-  const Names m_names;
-  // Last, so that they go first: the callbacks of the closing sockets write to the others.
-  const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> m_multi;
-  const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> m_easy;
-};
-
-HttpTransfer::Impl::Impl(const PROBE_REQUEST& request, bool keeps, const Names& names)
+HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names& names)
     : m_keeps(keeps),
       m_names(names),
-      m_multi(curl_multi_init(), curl_multi_cleanup),
+      m_multi(curl_multi_init(), [](void* multi) { curl_multi_cleanup(multi); }),
       m_easy(curl_easy_init(), curl_easy_cleanup) {
   if (!m_multi || !m_easy ||
       curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, kMaxConnections) != CURLM_OK) {
     m_setup = CURLE_OUT_OF_MEMORY;
     return;
   }
-  m_setup = static_cast<CURLcode>(setUpTransfer(m_easy.get(), request));
+  m_setup = setUpTransfer(m_easy.get(), request);
   set(CURLOPT_SHARE, names.get());
-  setUpCallbacks(request.tellsRequest && request.IsDirect());
+  setUpCallbacks();
+  if (request.tellsRequest && request.IsDirect()) {
+    setUpTelling();
+  }
 }
 
-void HttpTransfer::Impl::start(const PROBE_REQUEST& request) {
+HttpTransfer::~HttpTransfer() { detach(); }
+
+bool HttpTransfer::isCancelled() const {
+  return m_request->task != nullptr && m_request->task->IsCancelled();
+}
+
+long long HttpTransfer::sinceStart(Clock::time_point time) const {
+  return std::chrono::duration_cast<microseconds>(time - m_request->start).count();
+}
+
+void HttpTransfer::Start(const PROBE_REQUEST& request) {
   m_request = &request;
-  m_reused = m_socket != CURL_SOCKET_BAD;
+  m_reused = m_socket != kNoSocket;
   m_hasEnded = false;
   AnswerHead::Expectations expects;
   expects.tunnel = request.secure && request.Proxied();
@@ -206,19 +148,18 @@ void HttpTransfer::Impl::start(const PROBE_REQUEST& request) {
   }
 }
 
-void HttpTransfer::Impl::run(Clock::time_point limit, Impl* rival) {
+void HttpTransfer::Run(Clock::time_point limit, HttpTransfer* rival) {
   while (!m_hasEnded) {
     step();
     if (rival != nullptr && !rival->m_hasEnded) {
       rival->step();
     }
-    if (m_hasEnded || (rival != nullptr && rival->hasAnswer()) || Clock::now() >= limit) {
+    if (m_hasEnded || (rival != nullptr && rival->HasAnswer()) || Clock::now() >= limit) {
       return;
     }
     int ready = 0;
-    const curl_socket_t other =
-        rival == nullptr || rival->m_hasEnded ? CURL_SOCKET_BAD : rival->m_socket;
-    if (wait(longestWait(limit), other, ready) != CURLM_OK) {
+    const int other = rival == nullptr || rival->m_hasEnded ? kNoSocket : rival->m_socket;
+    if (!wait(longestWait(limit), other, ready)) {
       end(CURLE_OUT_OF_MEMORY);
     } else if (isCancelled()) {
       end(CURLE_ABORTED_BY_CALLBACK);
@@ -227,7 +168,7 @@ void HttpTransfer::Impl::run(Clock::time_point limit, Impl* rival) {
 }
 
 /// Lets libcurl do what can be done without waiting.
-void HttpTransfer::Impl::step() {
+void HttpTransfer::step() {
   int running = 1;
   const CURLMcode state = curl_multi_perform(m_multi.get(), &running);
   noteFirstByte();
@@ -237,19 +178,18 @@ void HttpTransfer::Impl::step() {
     end(resultOfEnded());
   } else if (m_keeps && m_seen.head.IsComplete()) {
     m_headAt = Clock::now();
-    m_hasEnded = true;  // the body is for later
-    m_code = CURLE_OK;
+    end(CURLE_OK);  // the body is for later
   }
 }
 
-void HttpTransfer::Impl::end(CURLcode code) {
+void HttpTransfer::end(unsigned int code) {
   m_hasEnded = true;
   m_code = code;
 }
 
 /// The result of a transfer that libcurl has ended. Once the head is complete, what becomes of the
 /// body, which we may have refused ourselves, is of no interest.
-CURLcode HttpTransfer::Impl::resultOfEnded() {
+unsigned int HttpTransfer::resultOfEnded() {
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(m_multi.get(), &left);
   const CURLcode result = message != nullptr ? message->data.result : CURLE_OUT_OF_MEMORY;
@@ -262,7 +202,7 @@ CURLcode HttpTransfer::Impl::resultOfEnded() {
 
 /// The first byte's time is taken on the clock that the request's is taken on: a difference of two
 /// clocks that start one after the other would be too small by what lies between their starts.
-void HttpTransfer::Impl::noteFirstByte() {
+void HttpTransfer::noteFirstByte() {
   const auto mark = get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T);
   if (mark != m_seen.firstByteMark) {
     m_seen.firstByteMark = mark;
@@ -271,20 +211,20 @@ void HttpTransfer::Impl::noteFirstByte() {
 }
 
 /// Waits for the network, for another transfer's connection, or for the end of the task.
-CURLMcode HttpTransfer::Impl::wait(milliseconds longest, curl_socket_t other, int& ready) {
+bool HttpTransfer::wait(milliseconds longest, int otherSocket, int& ready) {
+  const int task = m_request->task != nullptr ? m_request->task->CancelDescriptor() : kNoSocket;
   std::array<curl_waitfd, 2> also{};
   unsigned int count = 0;
-  for (const int descriptor :
-       {m_request->task != nullptr ? m_request->task->CancelDescriptor() : -1, other}) {
-    if (descriptor >= 0) {
+  for (const int descriptor : {task, otherSocket}) {
+    if (descriptor != kNoSocket) {
       also.at(count++) = {descriptor, CURL_WAIT_POLLIN, 0};
     }
   }
   return curl_multi_poll(m_multi.get(), also.data(), count, static_cast<int>(longest.count()),
-                         &ready);
+                         &ready) == CURLM_OK;
 }
 
-milliseconds HttpTransfer::Impl::longestWait(Clock::time_point limit) const {
+milliseconds HttpTransfer::longestWait(Clock::time_point limit) const {
   const auto current = Clock::now();
   milliseconds longest = std::min(std::chrono::ceil<milliseconds>(limit - current), kMaxPoll);
   if (m_seen.requestUs == 0) {
@@ -295,19 +235,19 @@ milliseconds HttpTransfer::Impl::longestWait(Clock::time_point limit) const {
   return longest;
 }
 
-bool HttpTransfer::Impl::isReady(const PROBE_REQUEST& request) {
+bool HttpTransfer::IsReadyFor(const PROBE_REQUEST& request) {
   m_request = &request;
   if (m_attached) {
     fetchBody();
   }
   char byte = 0;
-  return m_socket != CURL_SOCKET_BAD && (m_tls == nullptr || m_tlsWatch.IsTrustCurrent()) &&
+  return m_socket != kNoSocket && (m_tls == nullptr || m_tlsWatch.IsTrustCurrent()) &&
          (m_tls == nullptr || SSL_has_pending(m_tls) == 0) &&
          recv(m_socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) < 0;
 }
 
 /// Brings in what is left of the answer, or gives the connection up.
-void HttpTransfer::Impl::fetchBody() {
+void HttpTransfer::fetchBody() {
   const Clock::time_point start = Clock::now();
   const microseconds roundTrip(m_rttUs != kUnknown ? m_rttUs : m_tookUs);
   const Clock::time_point end = m_headAt + std::clamp(roundTrip, kLeastBodyWait, kMostBodyWait);
@@ -319,7 +259,7 @@ void HttpTransfer::Impl::fetchBody() {
   while ((left.count() > 0 || ready > 0) && !isCancelled() &&
          curl_multi_perform(m_multi.get(), &running) == CURLM_OK && running != 0) {
     left = std::max(std::chrono::ceil<milliseconds>(end - Clock::now()), milliseconds());
-    if (wait(left, CURL_SOCKET_BAD, ready) != CURLM_OK) {
+    if (!wait(left, kNoSocket, ready)) {
       break;
     }
   }
@@ -327,14 +267,14 @@ void HttpTransfer::Impl::fetchBody() {
 }
 
 /// Takes the transfer from libcurl, which closes a connection that is in the midst of an answer.
-void HttpTransfer::Impl::detach() {
+void HttpTransfer::detach() {
   if (m_attached) {
     m_attached = false;
     curl_multi_remove_handle(m_multi.get(), m_easy.get());
   }
 }
 
-PROBE_OUTCOME HttpTransfer::Impl::takeOutcome() {
+PROBE_OUTCOME HttpTransfer::TakeOutcome() {
   PROBE_OUTCOME outcome;
   outcome.code = m_code;
   if (m_easy) {
@@ -358,13 +298,13 @@ PROBE_OUTCOME HttpTransfer::Impl::takeOutcome() {
   outcome.clientCertificateAsked = m_tlsWatch.IsClientCertificateAsked();
   outcome.headers = m_seen.head.TakeLines();
   outcome.request = std::move(m_seen.request);
-  if (!(hasAnswer() && m_keeps)) {
+  if (!(HasAnswer() && m_keeps)) {
     detach();
   }
   return outcome;
 }
 
-void HttpTransfer::Impl::collectTimes(PROBE_OUTCOME& outcome) {
+void HttpTransfer::collectTimes(PROBE_OUTCOME& outcome) {
   outcome.requestUs = m_seen.requestUs;
   outcome.firstByteUs = m_seen.firstByteUs;
   outcome.tlsStartUs = m_seen.tlsStartUs;
@@ -385,81 +325,68 @@ void HttpTransfer::Impl::collectTimes(PROBE_OUTCOME& outcome) {
   }
   outcome.connectTookUs = m_tookUs;
   // A connection that is open is asked now; one that has closed was asked as it did.
-  if (m_socket != CURL_SOCKET_BAD) {
+  if (m_socket != kNoSocket) {
     m_rttUs = smallestRoundTrip(m_socket);
   }
   outcome.networkRttUs = m_rttUs;
 }
 
-// libcurl is C, and a callback must not be thrown through.
-
-void HttpTransfer::Impl::setUpCallbacks(bool tellsRequest) {
+void HttpTransfer::setUpCallbacks() {
   set(
       CURLOPT_HEADERFUNCTION, +[](char* data, std::size_t size, std::size_t count, void* self) {
-        try {
-          const std::string_view line(data, size * count);
-          return static_cast<Impl*>(self)->m_seen.head.Add(line) ? line.size() : 0;
-        } catch (...) {
-          return std::size_t{0};
-        }
+        const std::string_view line(data, size * count);
+        return unlessThrown(std::size_t{0}, [&] {
+          return static_cast<HttpTransfer*>(self)->m_seen.head.Add(line) ? line.size() : 0;
+        });
       });
   set(CURLOPT_HEADERDATA, this);
   set(
       CURLOPT_WRITEFUNCTION, +[](char*, std::size_t size, std::size_t count, void* self) {
-        return static_cast<Impl*>(self)->m_seen.head.AddBody(size * count) ? size * count : 0;
+        const std::size_t length = size * count;
+        return static_cast<HttpTransfer*>(self)->m_seen.head.AddBody(length) ? length : 0;
       });
   set(CURLOPT_WRITEDATA, this);
   set(
       CURLOPT_OPENSOCKETFUNCTION, +[](void* self, curlsocktype, curl_sockaddr* address) {
-        try {
-          return static_cast<Impl*>(self)->open(*address);
-        } catch (...) {
-          return CURL_SOCKET_BAD;
-        }
+        return static_cast<HttpTransfer*>(self)->open(address->family, address->socktype,
+                                                      address->protocol);
       });
   set(CURLOPT_OPENSOCKETDATA, this);
   set(
       CURLOPT_CLOSESOCKETFUNCTION, +[](void* self, curl_socket_t connection) {
-        return static_cast<Impl*>(self)->close(connection);
+        return static_cast<HttpTransfer*>(self)->close(connection);
       });
   set(CURLOPT_CLOSESOCKETDATA, this);
   set(
       CURLOPT_PREREQFUNCTION, +[](void* self, char*, char*, int, int localPort) {
-        static_cast<Impl*>(self)->noteRequest(localPort);
+        static_cast<HttpTransfer*>(self)->noteRequest(localPort);
         return CURL_PREREQFUNC_OK;
       });
   set(CURLOPT_PREREQDATA, this);
   set(
       CURLOPT_SSL_CTX_FUNCTION, +[](CURL*, void* context, void* self) {
-        try {
-          Impl& transfer = *static_cast<Impl*>(self);
+        HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
+        transfer.m_seen.tlsStartUs = transfer.now();
+        return unlessThrown(CURLE_OUT_OF_MEMORY, [&] {
           const bool done = transfer.m_tlsWatch.Attach(static_cast<SSL_CTX*>(context),
                                                        transfer.m_request->handshake);
-          transfer.m_seen.tlsStartUs = transfer.now();
           return done ? CURLE_OK : CURLE_OUT_OF_MEMORY;
-        } catch (...) {
-          return CURLE_OUT_OF_MEMORY;
-        }
+        });
       });
   set(CURLOPT_SSL_CTX_DATA, this);
-  // The watch brings the trusted certificates: from the shared store instead of the disk.
-  const char* none = nullptr;
-  set(CURLOPT_CAINFO, none);
-  set(CURLOPT_CAPATH, none);
-  if (!tellsRequest) {
-    return;
-  }
+}
+
+/// One to a proxy may carry credentials, of which no copy is made.
+void HttpTransfer::setUpTelling() {
   set(
       CURLOPT_DEBUGFUNCTION,
       +[](CURL*, curl_infotype type, char* data, std::size_t size, void* self) {
-        try {
+        return unlessThrown(0, [&] {
           if (type == CURLINFO_HEADER_OUT) {
-            static_cast<Impl*>(self)->m_seen.request.assign(data, size);
+            static_cast<HttpTransfer*>(self)->m_seen.request.assign(data, size);
           }
-        } catch (...) {
           return 0;
-        }
-        return 0;
+        });
       });
   set(CURLOPT_DEBUGDATA, this);
   set(CURLOPT_VERBOSE, 1L);
@@ -467,40 +394,35 @@ void HttpTransfer::Impl::setUpCallbacks(bool tellsRequest) {
 
 /// The host may start programs at any moment: a connection is none of theirs, and would stay open
 /// as long as they run. A request that a kept connection loses is not libcurl's to send again.
-curl_socket_t HttpTransfer::Impl::open(const curl_sockaddr& address) {
+int HttpTransfer::open(int family, int type, int protocol) {
   if (m_reused) {
-    return CURL_SOCKET_BAD;
+    return kNoSocket;
   }
   if (m_openedUs == 0) {
     m_openedUs = now();
   }
-  const curl_socket_t opened =
-      socket(address.family, address.socktype | SOCK_CLOEXEC, address.protocol);
+  const int opened = socket(family, type | SOCK_CLOEXEC, protocol);
   ProbeTask* const task = m_request->task;
-  try {
-    if (opened == CURL_SOCKET_BAD || task == nullptr ||
-        task->SocketOpened(opened, address.family)) {
-      m_opened.at(m_openedCount++ % m_opened.size()) = opened;
-      return opened;
-    }
-  } catch (...) {
-    // What the task throws is dropped; it does not let the socket connect.
+  if (opened != kNoSocket && task != nullptr &&
+      !unlessThrown(false, [&] { return task->SocketOpened(opened, family); })) {
+    ::close(opened);
+    return kNoSocket;
   }
-  ::close(opened);
-  return CURL_SOCKET_BAD;
+  m_opened.at(m_openedCount++ % m_opened.size()) = opened;
+  return opened;
 }
 
 /// Of several sockets (a name with two families), those that lost the race close before the
 /// connection's own, so the last one with a round trip is the connection's.
-int HttpTransfer::Impl::close(curl_socket_t connection) {
+int HttpTransfer::close(int connection) {
   const long long rtt = smallestRoundTrip(connection);
   m_lost = true;
-  std::replace(m_opened.begin(), m_opened.end(), connection, CURL_SOCKET_BAD);
+  std::replace(m_opened.begin(), m_opened.end(), connection, kNoSocket);
   if (rtt != kUnknown) {
     m_rttUs = rtt;
   }
   if (connection == m_socket) {
-    m_socket = CURL_SOCKET_BAD;
+    m_socket = kNoSocket;
     m_tls = nullptr;
   }
   return ::close(connection);
@@ -509,15 +431,15 @@ int HttpTransfer::Impl::close(curl_socket_t connection) {
 /// A connection, new or kept, is ready for the request. libcurl takes its own time once the request
 /// is sent: a thread that was held up in between would find the answer there already, and a busy
 /// machine would make a server the nearest.
-void HttpTransfer::Impl::noteRequest(int localPort) {
+void HttpTransfer::noteRequest(int localPort) {
   if (m_seen.requestUs == 0) {
     m_seen.requestUs = now();
   }
   // Only a finished transfer knows its socket.
-  const auto* const found =
-      std::find_if(m_opened.begin(), m_opened.end(),
-                   [localPort](curl_socket_t socket) { return portOf(socket) == localPort; });
-  m_socket = found == m_opened.end() ? CURL_SOCKET_BAD : *found;
+  const auto* const found = std::find_if(m_opened.begin(), m_opened.end(), [localPort](int socket) {
+    return portOf(socket) == localPort;
+  });
+  m_socket = found == m_opened.end() ? kNoSocket : *found;
   const auto* tls = get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
   m_tls = m_request->secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
 }
@@ -529,22 +451,3 @@ HttpTransfer::Names HttpTransfer::MakeNames() {
   }
   return names;
 }
-
-HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names& names)
-    : m_impl(std::make_unique<Impl>(request, keeps, names)) {}
-
-HttpTransfer::~HttpTransfer() = default;
-
-void HttpTransfer::Start(const PROBE_REQUEST& request) { m_impl->start(request); }
-
-void HttpTransfer::Run(Clock::time_point limit, HttpTransfer* rival) {
-  m_impl->run(limit, rival == nullptr ? nullptr : rival->m_impl.get());
-}
-
-bool HttpTransfer::HasEnded() const { return m_impl->hasEnded(); }
-
-bool HttpTransfer::HasAnswer() const { return m_impl->hasAnswer(); }
-
-PROBE_OUTCOME HttpTransfer::TakeOutcome() { return m_impl->takeOutcome(); }
-
-bool HttpTransfer::IsReadyFor(const PROBE_REQUEST& request) { return m_impl->isReady(request); }

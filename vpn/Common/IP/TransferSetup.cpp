@@ -98,6 +98,10 @@ unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
   Options options(easy);
   setTarget(request, options);
   setProxy(request, options);
+  // Trusted certificates come from the shared store instead of the disk.
+  const char* none = nullptr;
+  options.set(CURLOPT_CAINFO, none);
+  options.set(CURLOPT_CAPATH, none);
   options.set(CURLOPT_NOSIGNAL, 1L);
   // The thread that waits for a silent name server is left behind when the time-out passes.
   options.set(CURLOPT_QUICK_EXIT, 1L);

@@ -51,7 +51,7 @@ namespace {
 TEST(TransportMemory, AllocatedMemoryCanBeUsedAndIsWipedInWholeWhenItIsFreed) {
   for (const std::size_t size :
        {std::size_t{0}, std::size_t{1}, std::size_t{100}, std::size_t{1} << 20}) {
-    void* const block = TransportMemory::Allocate(size);
+    void* const block = malloc(size);
     ASSERT_NE(block, nullptr);
     fill(block, malloc_usable_size(block));
     TransportMemory::Free(block);
@@ -61,7 +61,7 @@ TEST(TransportMemory, AllocatedMemoryCanBeUsedAndIsWipedInWholeWhenItIsFreed) {
 }
 
 TEST(TransportMemory, TheWatchSeesWhatIsNotWiped) {
-  void* const block = TransportMemory::Allocate(100);
+  void* const block = malloc(100);
   fill(block, 100);
   free(block);
   EXPECT_EQ(g_freed, block);
@@ -75,7 +75,7 @@ TEST(TransportMemory, FreeingNothingDoesNothing) {
 }
 
 TEST(TransportMemory, AGrownBlockKeepsItsTextAndTheOldOneIsWiped) {
-  void* const block = TransportMemory::Allocate(Secret.size());
+  void* const block = malloc(Secret.size());
   std::memcpy(block, Secret.data(), Secret.size());
   void* const grown = TransportMemory::Resize(block, 5000);
   ASSERT_NE(grown, nullptr);
@@ -89,7 +89,7 @@ TEST(TransportMemory, AGrownBlockKeepsItsTextAndTheOldOneIsWiped) {
 
 TEST(TransportMemory, AShrunkBlockKeepsItsBeginningAndLeavesNothingOfTheRest) {
   for (const std::size_t size : {std::size_t{4000}, std::size_t{10}}) {
-    void* const block = TransportMemory::Allocate(5000);
+    void* const block = malloc(5000);
     fill(block, 5000);
     void* const shrunk = TransportMemory::Resize(block, size);
     ASSERT_NE(shrunk, nullptr);
@@ -108,28 +108,12 @@ TEST(TransportMemory, ResizingNothingAllocates) {
 }
 
 TEST(TransportMemory, ABlockThatCannotGrowStaysAsItIs) {
-  void* const block = TransportMemory::Allocate(Secret.size());
+  void* const block = malloc(Secret.size());
   std::memcpy(block, Secret.data(), Secret.size());
   const volatile std::size_t tooMuch = PTRDIFF_MAX;
   EXPECT_EQ(TransportMemory::Resize(block, tooMuch), nullptr);
   EXPECT_EQ(std::memcmp(block, Secret.data(), Secret.size()), 0);
   TransportMemory::Free(block);
-}
-
-TEST(TransportMemory, ADuplicateHasTheTextAndIsWipedWhenItIsFreed) {
-  char* const copy = TransportMemory::Duplicate(Secret.data());
-  ASSERT_STREQ(copy, Secret.data());
-  TransportMemory::Free(copy);
-  EXPECT_TRUE(g_freedIsZero);
-}
-
-TEST(TransportMemory, ZeroedMemoryIsZeroAndItsSizeCannotOverflow) {
-  void* const block = TransportMemory::AllocateZeroed(30, 40);
-  ASSERT_NE(block, nullptr);
-  EXPECT_EQ(zeros(block, 1200), 1200U);
-  TransportMemory::Free(block);
-  const volatile std::size_t half = SIZE_MAX / 2;
-  EXPECT_EQ(TransportMemory::AllocateZeroed(half, 3), nullptr);
 }
 
 /// Puts the secret on the stack, `depth` bytes below its caller's frame.

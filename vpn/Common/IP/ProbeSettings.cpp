@@ -8,6 +8,8 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include <atomic>
 #include <string_view>
@@ -78,9 +80,8 @@ ProbeSettings::Trust makeTrust(const std::string& extraFile) {
 /// itself.
 bool initialiseTransport() {
   static const bool done =
-      curl_global_init_mem(CURL_GLOBAL_DEFAULT, &TransportMemory::Allocate, &TransportMemory::Free,
-                           &TransportMemory::Resize, &TransportMemory::Duplicate,
-                           &TransportMemory::AllocateZeroed) == CURLE_OK;
+      curl_global_init_mem(CURL_GLOBAL_DEFAULT, malloc, &TransportMemory::Free,
+                           &TransportMemory::Resize, strdup, calloc) == CURLE_OK;
   return done;
 }
 

@@ -43,8 +43,6 @@ void wipeVectorRegisters() {
 
 }  // namespace
 
-void* TransportMemory::Allocate(std::size_t size) { return std::malloc(size); }
-
 void TransportMemory::Free(void* block) {
   if (block != nullptr) {
     explicit_bzero(block, malloc_usable_size(block));
@@ -64,12 +62,6 @@ void* TransportMemory::Resize(void* block, std::size_t size) {
     Free(block);
   }
   return resized;
-}
-
-char* TransportMemory::Duplicate(const char* text) { return strdup(text); }
-
-void* TransportMemory::AllocateZeroed(std::size_t count, std::size_t size) {
-  return std::calloc(count, size);
 }
 
 // Its own frame begins where those of the functions before it began.

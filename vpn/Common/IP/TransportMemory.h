@@ -9,13 +9,9 @@ class TransportMemory {
  public:
   TransportMemory() = delete;
 
-  /// As malloc(3), free(3), realloc(3), strdup(3) and calloc(3). A block from here may be given to
-  /// the C library's functions and the other way round.
-  static void* Allocate(std::size_t size);
+  /// As free(3) and realloc(3), for blocks of malloc(3).
   static void Free(void* block);
   static void* Resize(void* block, std::size_t size);
-  static char* Duplicate(const char* text);
-  static void* AllocateZeroed(std::size_t count, std::size_t size);
 
   /// Sets to zero what the functions that the caller has called have left on the thread's stack, 24
   /// KiB deep, and in the registers that text is copied with. Takes that much of the stack itself.

@@ -4,7 +4,6 @@
 #include "vpn/Common/Logging/LogFile.h"
 
 #include <fcntl.h>
-#include <spdlog/pattern_formatter.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -72,21 +71,15 @@ spdlog::file_event_handlers eventHandlers() {
 }  // namespace
 
 CLogFile::CLogFile(std::string path, std::size_t fileSize, std::size_t fileCount)
-    : m_path(std::move(path)),
-      m_fileSize(fileSize),
-      m_fileCount(fileCount),
-      m_formatter(std::make_unique<spdlog::pattern_formatter>()),
-      m_lost(0) {
+    : m_path(std::move(path)), m_fileSize(fileSize), m_fileCount(fileCount) {
   open();
 }
-
-CLogFile::~CLogFile() = default;
 
 void CLogFile::open() {
   constexpr bool rotateOnOpen = false;
   auto file =
       std::make_unique<File>(m_path, m_fileSize, m_fileCount, rotateOnOpen, eventHandlers());
-  file->set_formatter(m_formatter->clone());
+  file->set_formatter(formatter_->clone());
   m_file = std::move(file);
 }
 
@@ -120,7 +113,7 @@ void CLogFile::reportLost() {
   m_lost = 0;
 }
 
-void CLogFile::log(const spdlog::details::log_msg& message) {
+void CLogFile::sink_it_(const spdlog::details::log_msg& message) {
   if (m_file == nullptr && !reopen()) {
     ++m_lost;
     return;
@@ -134,7 +127,7 @@ void CLogFile::log(const spdlog::details::log_msg& message) {
   }
 }
 
-void CLogFile::flush() {
+void CLogFile::flush_() {
   if (m_file == nullptr) {
     return;
   }
@@ -146,13 +139,9 @@ void CLogFile::flush() {
   }
 }
 
-void CLogFile::set_pattern(const std::string& pattern) {
-  set_formatter(std::make_unique<spdlog::pattern_formatter>(pattern));
-}
-
-void CLogFile::set_formatter(std::unique_ptr<spdlog::formatter> formatter) {
-  m_formatter = std::move(formatter);
+void CLogFile::set_formatter_(std::unique_ptr<spdlog::formatter> formatter) {
+  formatter_ = std::move(formatter);
   if (m_file != nullptr) {
-    m_file->set_formatter(m_formatter->clone());
+    m_file->set_formatter(formatter_->clone());
   }
 }

@@ -1,7 +1,8 @@
 #pragma once
 
+#include <spdlog/details/null_mutex.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/sink.h>
 
 #include <chrono>
 #include <cstddef>
@@ -15,21 +16,18 @@
 /// and counted, and the file is opened anew, at most once a second; the first message after that is
 /// preceded by the count. Not synchronised: one thread at a time. Nothing but what cannot be
 /// allocated is thrown after construction.
-class CLogFile final : public spdlog::sinks::sink {
+class CLogFile final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  public:
   /// Opens the file, appending to what it holds.
   /// @throws std::exception whose text says what is wrong with the path and what to do about it.
   CLogFile(std::string path, std::size_t fileSize, std::size_t fileCount);
-  ~CLogFile() override;
-
-  void log(const spdlog::details::log_msg& message) override;
-  void flush() override;
-  void set_pattern(const std::string& pattern) override;
-  void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override;
 
  private:
   using File = spdlog::sinks::rotating_file_sink_st;
 
+  void sink_it_(const spdlog::details::log_msg& message) override;
+  void flush_() override;
+  void set_formatter_(std::unique_ptr<spdlog::formatter> formatter) override;
   void open();
   bool reopen();
   void reportLost();
@@ -38,9 +36,8 @@ class CLogFile final : public spdlog::sinks::sink {
   const std::string m_path;
   const std::size_t m_fileSize;
   const std::size_t m_fileCount;
-  std::unique_ptr<spdlog::formatter> m_formatter;
   std::unique_ptr<File> m_file;  // null while the file cannot be used
-  unsigned long m_lost;          // messages since the last one that was written
+  unsigned long m_lost = 0;      // messages since the last one that was written
   std::string m_reason;          // of the first of them
   std::chrono::steady_clock::time_point m_nextTry;
 };

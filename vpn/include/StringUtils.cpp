@@ -9,12 +9,29 @@
 #include <algorithm>
 #include <stdexcept>
 
+namespace {
+
+char lowered(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+}  // namespace
+
 std::string CStringUtils::toLower(const std::string& text) {
-  std::string lowered(text);
-  std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  return lowered;
+  std::string result(text);
+  std::transform(result.begin(), result.end(), result.begin(), lowered);
+  return result;
+}
+
+bool CStringUtils::equalsIgnoringCase(std::string_view one, std::string_view other) {
+  return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                    [](char a, char b) { return lowered(a) == lowered(b); });
+}
+
+std::string_view CStringUtils::trimmed(std::string_view text) {
+  constexpr std::string_view blanks = " \t\r\n";
+  const std::size_t first = text.find_first_not_of(blanks);
+  return first == std::string_view::npos
+             ? std::string_view()
+             : text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
 std::string CStringUtils::printable(const std::string& text, std::size_t maxLength) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 /// String functions shared by the client library. All are pure functions that any thread may call.
 class CStringUtils {
@@ -12,6 +13,12 @@ class CStringUtils {
   /// sequences included, is unchanged. The locale plays no part, so a cache key reads the same on
   /// every machine.
   static std::string toLower(const std::string& text);
+
+  /// Whether two texts differ at most in the case of ASCII letters.
+  static bool equalsIgnoringCase(std::string_view one, std::string_view other);
+
+  /// `text` without the spaces, tabs and line ends around it.
+  static std::string_view trimmed(std::string_view text);
 
   /// `text` fit for one line of a log or a terminal: control characters, bytes above 126 and the
   /// backslash become `\xNN`, and what exceeds `maxLength` characters is cut and marked "...".

@@ -4,9 +4,10 @@
 #include "vpn/Common/IP/AnswerHead.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <cstdint>
+
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -38,28 +39,6 @@ unsigned int statusOfLine(std::string_view line) {
     std::from_chars(line.data() + blank + 1, line.data() + line.size(), status);
   }
   return status;
-}
-
-bool equalInAnyCase(char a, char b) {
-  return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-}
-
-bool isSame(std::string_view text, std::string_view other) {
-  return text.size() == other.size() &&
-         std::equal(text.begin(), text.end(), other.begin(), equalInAnyCase);
-}
-
-bool mentions(std::string_view text, std::string_view word) {
-  return std::search(text.begin(), text.end(), word.begin(), word.end(), equalInAnyCase) !=
-         text.end();
-}
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kBlank = " \t\r\n";
-  const std::size_t start = text.find_first_not_of(kBlank);
-  return start == std::string_view::npos
-             ? std::string_view()
-             : text.substr(start, text.find_last_not_of(kBlank) + 1 - start);
 }
 
 /// The value of a Content-Length; what is no number is more than anything.
@@ -111,15 +90,16 @@ void AnswerHead::takeField(std::string_view line) {
     return;
   }
   const std::string_view name = line.substr(0, colon);
-  const std::string_view value = trimmed(line.substr(colon + 1));
-  if (isSame(name, "Content-Length")) {
+  const std::string_view value = CStringUtils::trimmed(line.substr(colon + 1));
+  if (CStringUtils::equalsIgnoringCase(name, "Content-Length")) {
     m_body.length = std::max(m_body.length.value_or(0), lengthOf(value));
-  } else if (isSame(name, "Transfer-Encoding")) {
-    m_body.chunked = isSame(value, "chunked");
+  } else if (CStringUtils::equalsIgnoringCase(name, "Transfer-Encoding")) {
+    m_body.chunked = CStringUtils::equalsIgnoringCase(value, "chunked");
     m_body.strange |= !m_body.chunked;
-  } else if (isSame(name, "Content-Encoding")) {
+  } else if (CStringUtils::equalsIgnoringCase(name, "Content-Encoding")) {
     m_body.strange = true;
-  } else if (isSame(name, "Connection") && mentions(value, "close")) {
+  } else if (CStringUtils::equalsIgnoringCase(name, "Connection") &&
+             CStringUtils::toLower(std::string(value)).find("close") != std::string::npos) {
     m_body.persistent = false;
   }
 }

@@ -44,18 +44,6 @@ bool hasControl(std::string_view text) {
   return false;
 }
 
-bool equalsIgnoringCase(std::string_view text, std::string_view lowerCase) {
-  return text.size() == lowerCase.size() && CStringUtils::toLower(std::string(text)) == lowerCase;
-}
-
-std::string_view trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) {
-    return {};
-  }
-  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
 void skipBlanks(std::string_view& rest) {
   rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size()));
 }
@@ -94,7 +82,7 @@ std::string_view takeElement(std::string_view& rest) {
     }
   }
   end = std::min(end, rest.size());
-  const std::string_view element = trimmed(rest.substr(0, end));
+  const std::string_view element = CStringUtils::trimmed(rest.substr(0, end));
   rest.remove_prefix(std::min(end + 1, rest.size()));
   return element;
 }
@@ -147,7 +135,7 @@ void readParameter(std::string_view element, CHALLENGE& challenge) {
     value = takeToken(element);
     challenge.wellFormed = challenge.wellFormed && element.empty() && !value.empty();
   }
-  if (equalsIgnoringCase(name, "realm")) {
+  if (CStringUtils::equalsIgnoringCase(name, "realm")) {
     // RFC 9110, section 11.2: a parameter stands at most once in a challenge.
     challenge.wellFormed = challenge.wellFormed && !challenge.hasRealm;
     challenge.hasRealm = true;
@@ -163,7 +151,7 @@ std::string usableRealm(const CHALLENGE& challenge) {
 }
 
 /// The realm of the first challenge in the list `value` that is for `scheme` and names one.
-std::string findRealm(std::string_view value, const std::string& scheme) {
+std::string findRealm(std::string_view value, std::string_view scheme) {
   CHALLENGE challenge;
   while (!value.empty()) {
     const std::string_view element = takeElement(value);
@@ -183,7 +171,7 @@ std::string findRealm(std::string_view value, const std::string& scheme) {
       return realm;
     }
     challenge = CHALLENGE();
-    challenge.wanted = equalsIgnoringCase(token, scheme);
+    challenge.wanted = CStringUtils::equalsIgnoringCase(token, scheme);
     if (!rest.empty() && !isToken68(rest)) {
       readParameter(rest, challenge);
     }
@@ -194,7 +182,8 @@ std::string findRealm(std::string_view value, const std::string& scheme) {
 /// The value of a line `name: value` of the header looked for.
 bool isWantedHeader(std::string_view line, std::string_view& value) {
   const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos || !equalsIgnoringCase(line.substr(0, colon), kHeaderName)) {
+  if (colon == std::string_view::npos ||
+      !CStringUtils::equalsIgnoringCase(line.substr(0, colon), kHeaderName)) {
     return false;
   }
   value = line.substr(colon + 1);
@@ -203,14 +192,9 @@ bool isWantedHeader(std::string_view line, std::string_view& value) {
 
 }  // namespace
 
-CHttpHeaderResponse::CHttpHeaderResponse() = default;
-
-CHttpHeaderResponse::~CHttpHeaderResponse() = default;
-
 void CHttpHeaderResponse::set(const std::string& headers) { m_headers = headers; }
 
 std::string CHttpHeaderResponse::getProxyAuthRealm(std::string scheme) const {
-  scheme = CStringUtils::toLower(scheme);
   std::string_view rest = m_headers;
   std::string_view line = takeLine(rest);
   while (!line.empty() || !rest.empty()) {
@@ -223,7 +207,7 @@ std::string CHttpHeaderResponse::getProxyAuthRealm(std::string scheme) const {
     line = takeLine(rest);
     while (!endsHead && !line.empty() && isBlank(line[0])) {
       if (wanted) {
-        value.append(" ").append(trimmed(line));
+        value.append(" ").append(CStringUtils::trimmed(line));
       }
       line = takeLine(rest);
     }

@@ -6,9 +6,6 @@
 /// section 11). Used by one thread at a time.
 class CHttpHeaderResponse {
  public:
-  CHttpHeaderResponse();
-  ~CHttpHeaderResponse();
-
   /// Takes the raw header lines of one or more answers (a proxy's and then the server's); what is
   /// not a header line is skipped. Replaces what was set before.
   void set(const std::string& headers);

@@ -5,27 +5,14 @@
 
 #include <algorithm>
 
+#include "vpn/include/Utf8.h"
+
 namespace {
 
 constexpr char CutMark[] = " [cut]";
 constexpr char Indentation[] = "  ";
 
 bool isPlain(char c) { return (c >= 0x20 && c < 0x7f) || c == '\n' || c == '\t'; }
-
-unsigned int byteAt(const std::string& text, std::size_t position) {
-  return position < text.size() ? static_cast<unsigned char>(text[position]) : 0U;
-}
-
-/// Length of the sequence that a lead byte announces; 0 for a byte that leads none.
-std::size_t announcedLength(unsigned int lead) {
-  if (lead >= 0xc2 && lead < 0xe0) {
-    return 2;
-  }
-  if (lead >= 0xe0 && lead < 0xf0) {
-    return 3;
-  }
-  return lead >= 0xf0 && lead < 0xf5 ? 4 : 0;
-}
 
 /// Characters that take no room: a name with one looks like another name, and a text in tags, which
 /// mirror ASCII, like none.
@@ -45,46 +32,25 @@ bool takesJoiner(unsigned int codePoint) {
   return codePoint >= FirstArabic && !isJoiner(codePoint);
 }
 
-bool isHarmless(unsigned int codePoint, std::size_t length) {
-  constexpr unsigned int smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  const bool wellFormed = codePoint >= smallest[length] && codePoint <= 0x10ffff &&
-                          !(codePoint >= 0xd800 && codePoint < 0xe000);
+bool isHarmless(unsigned int codePoint) {
   const bool isControl = codePoint < 0xa0;  // 0x80 to 0x9f: some terminals obey them
   const bool turnsOrSeparates = codePoint == 0x61c || codePoint == 0x200e || codePoint == 0x200f ||
                                 (codePoint >= 0x2028 && codePoint <= 0x202e) ||
                                 (codePoint >= 0x2066 && codePoint <= 0x2069);
-  return wellFormed && !isControl && !turnsOrSeparates && !isInvisible(codePoint);
+  return !isControl && !turnsOrSeparates && !isInvisible(codePoint);
 }
 
-struct Character {
-  unsigned int codePoint = 0;
-  std::size_t length = 0;  ///< 0 if what stands there has to be escaped
-};
-
-/// The harmless character at `position`.
+/// The harmless character at `position`; none if what stands there has to be escaped.
 /// @param before code point of the one before; 0 for none, and for one that was escaped.
-Character characterAt(const std::string& text, std::size_t position, unsigned int before) {
-  const unsigned int lead = byteAt(text, position);
-  if (isPlain(text[position])) {
-    return {lead, 1};
-  }
-  const std::size_t length = announcedLength(lead);
-  if (length == 0) {
-    return {};
-  }
-  unsigned int codePoint = lead & (0x7fU >> length);
-  for (std::size_t i = 1; i < length; ++i) {
-    const unsigned int next = byteAt(text, position + i);
-    if ((next & 0xc0U) != 0x80) {
-      return {};
-    }
-    codePoint = codePoint << 6U | (next & 0x3fU);
-  }
-  const bool isLost = isJoiner(codePoint) && !takesJoiner(before);
-  return isHarmless(codePoint, length) && !isLost ? Character{codePoint, length} : Character{};
+Utf8Character characterAt(const std::string& text, std::size_t position, unsigned int before) {
+  const Utf8Character character = utf8CharacterAt(text, position);
+  const bool isLost = isJoiner(character.codePoint) && !takesJoiner(before);
+  const bool passes = isPlain(text[position]) || (isHarmless(character.codePoint) && !isLost);
+  return passes ? character : Utf8Character{};
 }
 
-std::string escaped(unsigned int byte) {
+std::string escaped(char c) {
+  const auto byte = static_cast<unsigned char>(c);
   static const char digits[] = "0123456789abcdef";
   return {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
 }
@@ -97,11 +63,11 @@ std::string legible(std::string text, std::size_t maxLength) {
   }
   std::string result;
   result.reserve(std::min(text.size(), maxLength) + sizeof CutMark);
-  Character character;
+  Utf8Character character;
   for (std::size_t position = 0; position < text.size();) {
     character = characterAt(text, position, character.codePoint);
-    const std::string piece = character.length != 0 ? text.substr(position, character.length)
-                                                    : escaped(byteAt(text, position));
+    const std::string piece =
+        character.length != 0 ? text.substr(position, character.length) : escaped(text[position]);
     if (result.size() + piece.size() > maxLength) {
       return result + CutMark;
     }

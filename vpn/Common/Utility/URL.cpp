@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "vpn/include/StringUtils.h"
+#include "vpn/include/Utf8.h"
 
 namespace {
 
@@ -21,15 +22,6 @@ constexpr std::size_t kMaxNameLength = 253;
 // IFNAMSIZ of Linux is 16 with the closing zero.
 constexpr std::size_t kMaxZoneLength = 15;
 constexpr unsigned long kMaxPort = 65535;
-
-constexpr std::string_view kAroundText = " \t\r\n";
-
-struct PARTS {
-  URLPROTOCOL protocol = URLPROTOCOL_NONE;
-  std::string host;
-  std::string port;
-  std::string location;
-};
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -52,35 +44,6 @@ std::size_t findLocation(std::string_view text) {
                                   text.begin());
 }
 
-std::string_view trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(kAroundText);
-  if (first == std::string_view::npos) {
-    return {};
-  }
-  return text.substr(first, text.find_last_not_of(kAroundText) - first + 1);
-}
-
-/// The length of the UTF-8 sequence of a character above 127 at the start of `text`; 0 if it is not
-/// well formed (overlong forms and surrogates included) or is a control character.
-std::size_t wideCharacterLength(std::string_view text) {
-  const auto lead = static_cast<unsigned char>(text[0]);
-  const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (lead < 0xC2 || lead > 0xF4 || text.size() < length) {
-    return 0;
-  }
-  unsigned int point = lead & (0xFFU >> (length + 1));
-  for (std::size_t i = 1; i < length; ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if ((byte & 0xC0U) != 0x80U) {
-      return 0;
-    }
-    point = (point << 6U) | (byte & 0x3FU);
-  }
-  const unsigned int smallest = length == 4 ? 0x10000U : length == 3 ? 0x800U : 0xA0U;
-  const bool surrogate = point >= 0xD800U && point <= 0xDFFFU;
-  return point < smallest || point > 0x10FFFFU || surrogate ? 0 : length;
-}
-
 /// What no part of an address may contain.
 std::string findBadCharacter(std::string_view text) {
   for (std::size_t i = 0; i < text.size();) {
@@ -91,11 +54,12 @@ std::string findBadCharacter(std::string_view text) {
     if (byte < ' ' || byte == 127) {
       return "It has a control character in it; take it out.";
     }
-    const std::size_t length = byte < 127 ? 1 : wideCharacterLength(text.substr(i));
-    if (length == 0) {
+    const Utf8Character character = utf8CharacterAt(text, i);
+    const bool isControl = character.codePoint >= 0x80 && character.codePoint < 0xA0;
+    if (character.length == 0 || isControl) {
       return "It has a character in it that is not printable UTF-8; write the address in UTF-8.";
     }
-    i += length;
+    i += character.length;
   }
   return {};
 }
@@ -241,26 +205,6 @@ std::string takePort(std::string_view& rest, std::string& port) {
   return {};
 }
 
-/// Takes `text` apart. Returns what is wrong with it, or nothing; then `parts` holds.
-std::string parse(std::string_view text, PARTS& parts) {
-  std::string_view rest = trimmed(text);
-  if (rest.size() > kMaxTextLength) {
-    return "It is longer than 2048 bytes; shorten it.";
-  }
-  std::string error = findBadCharacter(rest);
-  if (error.empty()) {
-    error = takeScheme(rest, parts.protocol);
-  }
-  if (error.empty()) {
-    error = takeHost(rest, parts.host);
-  }
-  if (error.empty()) {
-    error = takePort(rest, parts.port);
-  }
-  parts.location = rest;
-  return error;
-}
-
 std::string_view defaultPort(URLPROTOCOL protocol) {
   switch (protocol) {
     case URLPROTOCOL_HTTP:
@@ -277,44 +221,37 @@ std::string_view defaultPort(URLPROTOCOL protocol) {
 
 }  // namespace
 
-URL::URL() : m_eProtocol(URLPROTOCOL_NONE) {}
-
-URL::URL(const std::string& text) : m_eProtocol(URLPROTOCOL_NONE) {
-  if (trimmed(text).empty()) {
-    return;
-  }
-  PARTS parts;
-  if (!parse(text, parts).empty()) {
+URL::URL(const std::string& text) {
+  if (!CStringUtils::trimmed(text).empty() && !parse(text).empty()) {
+    *this = URL();
     m_eProtocol = URLPROTOCOL_UNKNOWN;
-    return;
   }
-  m_eProtocol = parts.protocol;
-  m_sHost = std::move(parts.host);
-  m_sPort = std::move(parts.port);
-  m_sLocation = std::move(parts.location);
 }
-
-URL::URL(const URL& other) = default;
-URL::URL(URL&& other) noexcept = default;
-URL& URL::operator=(const URL& other) = default;
-URL& URL::operator=(URL&& other) noexcept = default;
-URL::~URL() = default;
 
 std::string URL::findError(const std::string& text) {
-  if (trimmed(text).empty()) {
-    return "It is empty; write a name or an address.";
-  }
-  PARTS parts;
-  return parse(text, parts);
+  return CStringUtils::trimmed(text).empty() ? "It is empty; write a name or an address."
+                                             : URL().parse(text);
 }
 
-URLPROTOCOL URL::getProtocol() const { return m_eProtocol; }
-
-const std::string& URL::getHost() const { return m_sHost; }
-
-const std::string& URL::getPort() const { return m_sPort; }
-
-const std::string& URL::getLocation() const { return m_sLocation; }
+/// Takes `text` apart. Returns what is wrong with it, or nothing; then the parts hold.
+std::string URL::parse(std::string_view text) {
+  std::string_view rest = CStringUtils::trimmed(text);
+  if (rest.size() > kMaxTextLength) {
+    return "It is longer than 2048 bytes; shorten it.";
+  }
+  std::string error = findBadCharacter(rest);
+  if (error.empty()) {
+    error = takeScheme(rest, m_eProtocol);
+  }
+  if (error.empty()) {
+    error = takeHost(rest, m_sHost);
+  }
+  if (error.empty()) {
+    error = takePort(rest, m_sPort);
+  }
+  m_sLocation = rest;
+  return error;
+}
 
 std::string URL::getHostFragment() const {
   if (m_sHost.find(':') == std::string::npos) {

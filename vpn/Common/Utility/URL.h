@@ -4,6 +4,7 @@
 /// The address of a server.
 
 #include <string>
+#include <string_view>
 
 /// How a URL says it is to be reached.
 enum URLPROTOCOL {
@@ -43,35 +44,26 @@ enum URLPROTOCOL {
 class URL {
  public:
   /// The empty address: no scheme, no host.
-  URL();
+  URL() = default;
   /// Parses `text`; a text that is empty or blank gives the empty address. Takes time in proportion
   /// to the text's length, whatever is in it.
   explicit URL(const std::string& text);
-  /// Copies share nothing. What was moved from may be assigned to or destroyed, no more.
-  /// @{
-  URL(const URL& other);
-  URL(URL&& other) noexcept;
-  URL& operator=(const URL& other);
-  URL& operator=(URL&& other) noexcept;
-  /// @}
-  ~URL();
-
   /// What is wrong with `text`, as a sentence that says how to mend it; empty if it is an address.
   /// The empty text is none.
   static std::string findError(const std::string& text);
 
   /// How the address says it is to be reached.
-  URLPROTOCOL getProtocol() const;
+  URLPROTOCOL getProtocol() const { return m_eProtocol; }
 
   /// The host as it is looked up: a name, an IPv4 address, or an IPv6 address without brackets, its
   /// zone after a plain "%".
-  const std::string& getHost() const;
+  const std::string& getHost() const { return m_sHost; }
 
   /// The port in decimal as it was written, leading zeros dropped; empty if none was.
-  const std::string& getPort() const;
+  const std::string& getPort() const { return m_sPort; }
 
   /// What follows host and port, with its leading "/", "?" or "#"; empty if nothing does.
-  const std::string& getLocation() const;
+  const std::string& getLocation() const { return m_sLocation; }
 
   /// The host as it stands in a URL: like `getHost`, an IPv6 address in brackets and its zone after
   /// "%25".
@@ -83,7 +75,9 @@ class URL {
   std::string getHostAndPort(bool withDefaultPort) const;
 
  private:
-  URLPROTOCOL m_eProtocol;
+  std::string parse(std::string_view text);
+
+  URLPROTOCOL m_eProtocol = URLPROTOCOL_NONE;
   std::string m_sHost;
   std::string m_sPort;
   std::string m_sLocation;

@@ -16,8 +16,8 @@
 #include "cli/select/SelectionOutput.h"
 #include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
-#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/ClientLibrary.h"
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/ProbeTask.h"
@@ -131,7 +131,7 @@ bool measure(const ProbePlan& plan, Measurement& measurement) {
         static_cast<unsigned int>(plan.timeout.count()), noProxy, Wanted, results);
     const auto elapsed = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
     isTold = measurement.add({watcher->report(), elapsed}, std::move(results));
-    if (worthOfProbe(status) == ProbeWorth::Unresolved) {
+    if (SelectionRules::worthOfProbe(status) == SelectionRules::ProbeWorth::Unresolved) {
       break;  // there is nobody to probe
     }
   }

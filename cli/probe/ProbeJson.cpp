@@ -5,7 +5,7 @@
 #include "cli/probe/ProbeReport.h"
 #include "cli/probe/ProbeText.h"
 #include "cli/select/ReportJson.h"
-#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {
 
@@ -33,9 +33,9 @@ Json summaryAsJson(const std::vector<EndedProbe>& probes) {
           {"lossPercent", lossPercent(sent, samples.size())},
           {"network", spreadAsJson(networkSpread(probes))},
           {"response", spreadAsJson(responseSpread(probes))},
-          {"metricMs", samples.empty()
-                           ? Json(nullptr)
-                           : Json(metricOfSamples(samples, static_cast<unsigned int>(sent)))}};
+          {"metricMs", samples.empty() ? Json(nullptr)
+                                       : Json(SelectionRules::metricOfSamples(
+                                             samples, static_cast<unsigned int>(sent)))}};
 }
 
 Json selectionAsJson(const ProbePlan& plan, const WorkerView& view) {

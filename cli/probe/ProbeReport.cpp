@@ -13,8 +13,8 @@
 #include "cli/probe/ProbeText.h"
 #include "cli/select/SelectionOutput.h"
 #include "cli/select/SelectionResult.h"
-#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {
 
@@ -262,9 +262,10 @@ std::string probeSummary(const ProbeFindings& findings) {
   addSpread("network", networkSpread(findings.probes), text);
   addSpread("response", responseSpread(findings.probes), text);
   if (!samples.empty()) {
-    text += "  metric    " +
-            std::to_string(metricOfSamples(samples, static_cast<unsigned int>(sent))) +
-            " ms of all samples\n";
+    text +=
+        "  metric    " +
+        std::to_string(SelectionRules::metricOfSamples(samples, static_cast<unsigned int>(sent))) +
+        " ms of all samples\n";
   }
   return text;
 }

@@ -1,6 +1,5 @@
-// What a worker of a selection would make of probes that were sent without it. The rules are the
-// worker's own; only the loop around them stands here once more, without a selection, and its time
-// limit for a probe, which these probes may have exceeded.
+// What a worker of a selection would make of probes that were sent without it, by the worker's own
+// rules. A probe that took longer than a selection waits for one counts as one that it gave up.
 
 #include "cli/probe/WorkerView.h"
 
@@ -8,8 +7,8 @@
 #include <iterator>
 
 #include "cli/select/SelectionResult.h"
-#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -20,8 +19,7 @@ using std::chrono::milliseconds;
 struct Worker {
   WorkerView view;
   SelectionRecord::Track track;
-  unsigned int failures = 0;
-  bool hasGivenUp = false;
+  SelectionRules::Tally tally;
   bool isLate = false;  // the time limit of the selection came first
   bool hasTimedOut = false;
   milliseconds saved{0};  // by which its probes were over sooner than these
@@ -45,18 +43,7 @@ void take(const EndedProbe& probe, Worker& worker) {
   worker.track.ended.push_back(probe.report);
   ++worker.view.probes;
   worker.hasTimedOut = worker.hasTimedOut || probe.report.status == HTTP_SESSION_ERROR_TIMEOUT;
-  switch (worthOfProbe(probe.report.status)) {
-    case ProbeWorth::Sample:
-    case ProbeWorth::SampleDespiteError:
-      worker.view.samplesMs.push_back(probe.report.rttMs);
-      break;
-    case ProbeWorth::ConnectFailure:
-      worker.hasGivenUp = ++worker.failures == MostConnectFailures;
-      break;
-    case ProbeWorth::Unresolved:
-      worker.hasGivenUp = true;
-      break;
-  }
+  worker.tally.take(probe.report.status, probe.report.rttMs);
 }
 
 /// What a time limit other than a selection's has to do with it.
@@ -78,18 +65,19 @@ std::string whyOf(const Worker& worker, const ProbePlan& plan) {
            std::to_string(plan.selectionLimit.count()) +
            " ms (SelectionConnectTimeout), comes before its probes have ended.";
   }
-  if (worker.hasGivenUp && worker.failures < MostConnectFailures) {
+  const auto& samples = worker.tally.samplesMs;
+  if (worker.tally.hasGivenUp &&
+      worker.tally.connectFailures < SelectionRules::MostConnectFailures) {
     return "No result: a worker gives up a headend whose name is not resolved.";
   }
-  if (worker.hasGivenUp) {
+  if (worker.tally.hasGivenUp) {
     return "No result: a worker gives up at the second probe without a connection or an answer in "
            "time, probe " +
-           number + (worker.view.samplesMs.empty() ? "." : ", whatever it has measured before.");
+           number + (samples.empty() ? "." : ", whatever it has measured before.");
   }
   if (!worker.view.metricMs) {
     return "No result: there is no sample.";
   }
-  const auto& samples = worker.view.samplesMs;
   if (*worker.view.metricMs == 0) {
     return "The metric is 0: every sample is.";
   }
@@ -106,7 +94,7 @@ WorkerView workerViewOf(const ProbePlan& plan, const std::vector<EndedProbe>& pr
   Worker worker;
   worker.track.started = wanted;
   for (const EndedProbe& probe : probes) {
-    if (worker.hasGivenUp || worker.view.probes == wanted) {
+    if (worker.tally.hasGivenUp || worker.view.probes == wanted) {
       break;
     }
     const EndedProbe own = asSent(probe, plan, worker);
@@ -117,8 +105,9 @@ WorkerView workerViewOf(const ProbePlan& plan, const std::vector<EndedProbe>& pr
     take(own, worker);
   }
   WorkerView& view = worker.view;
-  if (!worker.isLate && !worker.hasGivenUp && !view.samplesMs.empty()) {
-    view.metricMs = metricOfSamples(view.samplesMs, wanted);
+  view.samplesMs = worker.tally.samplesMs;
+  if (!worker.isLate && !worker.tally.hasGivenUp && !view.samplesMs.empty()) {
+    view.metricMs = SelectionRules::metricOfSamples(view.samplesMs, wanted);
   }
   view.outcome = outcomeOf(&worker.track, view.metricMs.has_value(), false);
   view.why = whyOf(worker, plan) + limitInWords(worker, plan);
@@ -140,11 +129,9 @@ std::optional<Spread> spreadOf(const std::vector<long long>& roundTripsUs) {
 }
 
 std::vector<unsigned int> samplesOf(const std::vector<EndedProbe>& probes) {
-  std::vector<unsigned int> samples;
+  SelectionRules::Tally tally;
   for (const EndedProbe& probe : probes) {
-    if (SelectionRecord::isSample(probe.report.status)) {
-      samples.push_back(probe.report.rttMs);
-    }
+    tally.take(probe.report.status, probe.report.rttMs);
   }
-  return samples;
+  return tally.samplesMs;
 }

@@ -1,5 +1,5 @@
 // The decision of a selection, told in numbers. Nothing is measured or decided here: what the run
-// delivered is read back, with the arithmetic of the run, so that a tie is told as the tie it was.
+// delivered is read back, and the rules that it went by are asked why.
 
 #include "cli/select/Explanation.h"
 
@@ -13,6 +13,7 @@
 #include "cli/Wording.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/SelectionOutput.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {
 
@@ -192,10 +193,11 @@ Decision decisionOf(const SelectionResult& result) {
   const bool isRuleApplied = result.reason == ReasonReconnection && decision.best != nullptr &&
                              decision.last != nullptr && decision.last->metricMs.has_value();
   if (isRuleApplied) {
-    decision.ratio =
-        static_cast<float>(*decision.last->metricMs) / static_cast<float>(*decision.best->metricMs);
-    decision.threshold = static_cast<float>(result.improvementPercent) / 100.0F + 1.0F;
-    decision.isRetained = *decision.threshold > *decision.ratio;
+    const SelectionRules::Retention retention = SelectionRules::retentionOf(
+        *decision.last->metricMs, *decision.best->metricMs, result.improvementPercent);
+    decision.ratio = retention.ratio;
+    decision.threshold = retention.threshold;
+    decision.isRetained = retention.isRetained;
   }
   return decision;
 }

@@ -19,7 +19,7 @@
 #include "cli/Console.h"
 #include "cli/Wording.h"
 #include "cli/select/SelectionResult.h"
-#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
@@ -356,17 +356,12 @@ LiveRow liveRowOf(const Candidate& candidate, const SelectionRecord::Track* trac
     row.waitsFor = "waits for the test of the way there";
     return row;
   }
-  unsigned int failures = 0;
-  bool isUnknown = false;
+  SelectionRules::Tally tally;
   for (const HttpProbe::Report& probe : track->ended) {
-    const ProbeWorth worth = worthOfProbe(probe.status);
-    isUnknown = isUnknown || worth == ProbeWorth::Unresolved;
-    failures += worth == ProbeWorth::ConnectFailure ? 1 : 0;
-    if (SelectionRecord::isSample(probe.status)) {
-      row.samplesMs.push_back(probe.rttMs);
-    }
+    tally.take(probe.status, probe.rttMs);
   }
-  if (isUnknown || failures >= MostConnectFailures) {
+  row.samplesMs = tally.samplesMs;
+  if (tally.hasGivenUp) {
     row.waitsFor = outcomeName(outcomeOf(track, false, false));
   } else if (track->ended.size() < probes) {
     row.waitsFor = "waits for answer " + std::to_string(track->ended.size() + 1) + " of " +

@@ -4,7 +4,6 @@
 #include "cli/select/SelectOptions.h"
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <set>
 
@@ -15,11 +14,6 @@
 #include "vpn/include/StringUtils.h"
 
 namespace {
-
-// The index is the reason code.
-constexpr std::array<const char*, 6> ReasonNames = {"connection",         "reconnection",
-                                                    "preferences-change", "proxy-authentication",
-                                                    "process-launch",     "disconnect"};
 
 std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
 
@@ -147,19 +141,27 @@ std::string takeLog(const SelectOptions& options, CAppLog::Targets& log) {
 }  // namespace
 
 std::optional<unsigned int> parseReason(const std::string& text) {
-  for (unsigned int reason = 0; reason < ReasonNames.size(); ++reason) {
-    if (text == ReasonNames[reason] || text == std::to_string(reason)) {
+  for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
+    if (text == reasonName(reason) || text == std::to_string(reason)) {
       return reason;
     }
   }
   return std::nullopt;
 }
 
-const char* reasonName(unsigned int reason) {
-  return reason < ReasonNames.size() ? ReasonNames[reason] : "unknown";
+std::string reasonName(unsigned int reason) {
+  std::string name = SelectionRules::reasonText(reason);
+  std::ranges::replace(name, ' ', '-');
+  return name;
 }
 
-std::string reasonNames() { return Wording::joined({ReasonNames.begin(), ReasonNames.end()}); }
+std::string reasonNames() {
+  std::vector<std::string> names;
+  for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
+    names.push_back(reasonName(reason));
+  }
+  return Wording::joined(names);
+}
 
 std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                          std::vector<std::string>& problems) {

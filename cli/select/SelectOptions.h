@@ -6,6 +6,7 @@
 
 #include "cli/files/Paths.h"
 #include "cli/select/ProxyOptions.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Logging/AppLog.h"
 
@@ -56,16 +57,14 @@ std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths
 std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                      std::vector<std::string>& problems);
 
-/// The reason codes with a meaning of their own: a reconnection has its own time limit and keeps
-/// the last headend by the rule; a run that follows a login at the proxy.
-constexpr unsigned int ReasonReconnection = 1;
-constexpr unsigned int ReasonProxyAuthentication = 3;
+using SelectionRules::ReasonProxyAuthentication;
+using SelectionRules::ReasonReconnection;
 
 /// The reason code of a name ("reconnection") or of a digit from 0 to 5.
 std::optional<unsigned int> parseReason(const std::string& text);
 
 /// The name of a reason code, as `parseReason` takes it; "unknown" for any other number.
-const char* reasonName(unsigned int reason);
+std::string reasonName(unsigned int reason);
 
 /// All names of reasons, for help and messages.
 std::string reasonNames();

@@ -55,8 +55,8 @@ TEST_F(SelectOptionsTest, EveryReasonHasANameAndANumber) {
     EXPECT_EQ(parseReason(std::to_string(reason)), reason);
     EXPECT_EQ(parseReason(reasonName(reason)), reason);
   }
-  EXPECT_STREQ(reasonName(1), "reconnection");
-  EXPECT_STREQ(reasonName(6), "unknown");
+  EXPECT_EQ(reasonName(1), "reconnection");
+  EXPECT_EQ(reasonName(6), "unknown");
 }
 
 TEST_F(SelectOptionsTest, AnUnknownReasonIsRefusedWithTheNamesThatExist) {

@@ -1,13 +1,11 @@
-// The candidates of a run as door and command see them. They are worked out from the profiles by
-// the same rule as the run's own list, which the run keeps to itself; without them a headend that
-// gives no answer would be missing from what is told.
+// The candidates of a run as door and command see them: the run keeps its own list to itself, and
+// without one a headend that gives no answer would be missing from what is told.
 
 #include "vpn/Api/AHS/Candidates.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/InstanceSmartPtr.h"
@@ -15,45 +13,36 @@
 
 namespace {
 
-// Headends are probed on the port of TLS unless their address names another.
-constexpr unsigned short DefaultPort = 443;
+using SelectionRules::Participation;
 
-struct Verdict {
-  bool takesPart;
-  std::string reason;
-};
-
-/// The rule for the hosts of one profile.
-Verdict verdictOf(const HostInitSettings& settings) {
+/// Why the hosts of a profile take part, or do not.
+std::string reasonOf(const HostInitSettings& settings, Participation participation) {
+  if (participation == Participation::NotSet) {
+    return "its profile does not set EnableAutomaticServerSelection";
+  }
+  if (participation == Participation::Enabled) {
+    return "EnableAutomaticServerSelection is true";
+  }
   Preference* preference = nullptr;
-  if (!settings.getPreferences().getPreference(EnableAutomaticServerSelection, preference) ||
-      preference == nullptr) {
-    return {false, "its profile does not set EnableAutomaticServerSelection"};
-  }
-  const std::string& value = preference->getPreferenceValue();
-  if (value == PreferenceBase::PreferenceEnabled) {
-    return {true, "EnableAutomaticServerSelection is true"};
-  }
-  const std::string found = "EnableAutomaticServerSelection is \"" + value + "\"";
-  return settings.isEnabled(EnableAutomaticServerSelection, UserControllable)
-             ? Verdict{true, found + ", but left to the user"}
-             : Verdict{false, found + " and not user-controllable"};
+  settings.getPreferences().getPreference(EnableAutomaticServerSelection, preference);
+  return "EnableAutomaticServerSelection is \"" + preference->getPreferenceValue() + "\"" +
+         (participation == Participation::LeftToUser ? ", but left to the user"
+                                                     : " and not user-controllable");
 }
 
 HostEntry entryOf(const ProfileMgr& profiles, const HostProfile& host) {
   const std::string profileName = profiles.getProfileNameFromHost(host.getHostName());
   const auto profile = profiles.getFileInitMap().find(profileName);
-  const Verdict verdict = profile != profiles.getFileInitMap().end()
-                              ? verdictOf(*profile->second)
-                              : Verdict{false, "there is no such profile"};
-  const std::string& address = host.getHostAddress();
+  const bool isKnown = profile != profiles.getFileInitMap().end();
+  const Participation participation =
+      isKnown ? SelectionRules::participationOf(*profile->second) : Participation::NotSet;
   return {host.getHostName(),
           profileName,
           host.getLine() != 0 ? profiles.getProfilePath(profileName) : "",
           host.getLine(),
-          address.empty() ? host.getHostName() : address,
-          verdict.takesPart,
-          verdict.reason};
+          SelectionRules::addressOf(host),
+          SelectionRules::takesPart(participation),
+          isKnown ? reasonOf(*profile->second, participation) : "there is no such profile"};
 }
 
 HostEntry entryOf(const ProfileMgr::LeftOutHost& leftOut) {
@@ -78,10 +67,7 @@ Place placeOf(const std::string& host, unsigned short port) {
 
 Candidate candidateOf(const std::string& name, const std::string& address) {
   const URL url(address);
-  const unsigned short port =
-      url.getPort().empty()
-          ? DefaultPort
-          : static_cast<unsigned short>(strtoul(url.getPort().c_str(), nullptr, 10));
+  const auto port = static_cast<unsigned short>(SelectionRules::portOf(url));
   return {name, url.getHostAndPort(false), placeOf(url.getHost(), port)};
 }
 

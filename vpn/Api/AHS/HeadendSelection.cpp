@@ -163,24 +163,7 @@ STATUSCODE CHeadendSelection::selectHeadend(std::vector<std::string>& headendLis
   return status;
 }
 
-std::string CHeadendSelection::getReasonText() {
-  switch (m_uiReason) {
-    case 0:
-      return "connection";
-    case ReconnectionReason:
-      return "reconnection";
-    case 2:
-      return "preferences change";
-    case 3:
-      return "proxy authentication";
-    case 4:
-      return "process launch";
-    case 5:
-      return "disconnect";
-    default:
-      return "unknown";
-  }
-}
+std::string CHeadendSelection::getReasonText() { return SelectionRules::reasonText(m_uiReason); }
 
 void CHeadendSelection::finishAHS(bool killTimer, long statusReturnCode,
                                   const std::string& extraInfo) {

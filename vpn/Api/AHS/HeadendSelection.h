@@ -9,6 +9,7 @@
 #include "vpn/Api/AHS/HeadendRTT.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Api/ProxyIfc.h"
 #include "vpn/Common/IP/HttpProbe.h"
@@ -75,8 +76,6 @@ class CHeadendSelection : public ApiRunnable {
 
   /// The source that the log lines of all of the class name.
   static constexpr const char* LogSource = "vpn/Api/AHS/HeadendSelection";
-  /// The reason that turns the retention of the last headend on.
-  static constexpr unsigned int ReconnectionReason = 1;
   /// How often a thread that waits for one of the locks here tries again before it sleeps.
   static constexpr unsigned long LockSpinCount = 500;
 
@@ -177,7 +176,7 @@ class CHeadendSelection::CSelectionThread : public CThread {
   void addHeadendToList(const std::vector<unsigned int>& pings);
   void logThreadPingResults(const std::string& headend, const std::vector<unsigned int>& pings);
 
-  /// See `metricOfSamples`.
+  /// See `SelectionRules::metricOfSamples`.
   unsigned int calculateRTTMetric(const std::vector<unsigned int>& rttList);
 
   /// The headend as host, or host ":" port.
@@ -185,7 +184,7 @@ class CHeadendSelection::CSelectionThread : public CThread {
 
  private:
   bool takeSample(STATUSCODE status, const HttpProbe::HTTP_PROBE_RESULTS& results,
-                  std::vector<unsigned int>& pings, unsigned int& timeoutCnt);
+                  SelectionRules::Tally& tally);
 
   CHeadendSelection& m_parent;
   URL m_headend;  // constant

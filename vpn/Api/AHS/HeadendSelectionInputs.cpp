@@ -31,11 +31,7 @@ STATUSCODE CHeadendSelection::getHeadendListFromProfile(const std::string& lastH
     if (pProfile == nullptr || !profilesWithAHS[pProfileMgr->getProfileNameFromHost(hostName)]) {
       continue;
     }
-    std::string address = pProfile->getHostAddress();
-    if (address.empty()) {
-      address = pProfile->getHostName();
-    }
-    const URL url(address);
+    const URL url(SelectionRules::addressOf(*pProfile));
     if (CStringUtils::toLower(hostName) == lastName) {
       m_lastHeadend = url;
     }
@@ -44,26 +40,19 @@ STATUSCODE CHeadendSelection::getHeadendListFromProfile(const std::string& lastH
   return 0;
 }
 
-// For each profile: may its hosts take part? A user who may change the switch is taken to want
-// them.
+// For each profile: may its hosts take part?
 std::map<std::string, bool> CHeadendSelection::findProfilesWithAHS(ProfileMgr& profileMgr) {
   std::map<std::string, bool> profilesWithAHS;
   // A copy, as of the hosts: the walk shall not hold on to the profile manager's own container.
   // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const std::map<std::string, HostInitSettings*> profileMap = profileMgr.getFileInitMap();
   for (const auto& [profileName, pSettings] : profileMap) {
-    Preference* pPreference = nullptr;
-    if (pSettings->getPreferences().getPreference(EnableAutomaticServerSelection, pPreference)) {
-      const bool isAHSEnabled =
-          pPreference->getPreferenceValue() == PreferenceBase::PreferenceEnabled;
-      const bool isUserCtrl =
-          pSettings->isEnabled(EnableAutomaticServerSelection, UserControllable);
-      profilesWithAHS[profileName] = isAHSEnabled || isUserCtrl;
-    } else {
+    const SelectionRules::Participation participation = SelectionRules::participationOf(*pSettings);
+    if (participation == SelectionRules::Participation::NotSet) {
       CAppLog::LogDebugMessage("getHeadendListFromProfile", LogSource, __LINE__, Logging::DBG_Error,
                                "QIB unable to get preference EnableAutomaticServerSelection");
-      profilesWithAHS[profileName] = false;
     }
+    profilesWithAHS[profileName] = SelectionRules::takesPart(participation);
   }
   return profilesWithAHS;
 }

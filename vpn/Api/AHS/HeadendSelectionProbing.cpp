@@ -2,13 +2,10 @@
 // login, and one worker a headend, all at once. Once the timer is armed the run may be finished
 // under our feet at any moment; then no further worker is started.
 
-#include <locale>
 #include <new>
-#include <sstream>
 #include <utility>
 
 #include "vpn/Api/AHS/HeadendSelection.h"
-#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
 #include "vpn/Common/IP/HttpHeaderResponse.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/Clock.h"
@@ -16,9 +13,6 @@
 #include "vpn/include/InstanceSmartPtr.h"
 
 namespace {
-
-/// Where a headend listens when its address names no port.
-constexpr unsigned int DefaultPort = 443;
 
 /// The test probe needs the headers as well: a proxy's challenge names its realm there.
 constexpr unsigned int TestPingOptions =
@@ -31,24 +25,15 @@ constexpr unsigned int PingOptions = HttpProbe::HTTP_PROBE_RETURN_STATUSCODE |
 /// "Proxy Authentication Required" (RFC 9110, section 15.5.8).
 constexpr unsigned int HttpStatusProxyAuthenticationRequired = 407;
 
-unsigned int portOf(const URL& headend) {
-  unsigned int port = DefaultPort;
-  if (!headend.getPort().empty()) {
-    std::istringstream stream(headend.getPort());
-    stream.imbue(std::locale::classic());  // the host's locale may group digits
-    stream >> port;
-  }
-  return port;
-}
-
 unsigned int now() { return static_cast<unsigned int>(GetCurrentTimeMillis()); }
 
 }  // namespace
 
 STATUSCODE CHeadendSelection::startPingThreads(std::string& extraInfo) {
   HttpProbe::HTTP_PROBE_RESULTS results{};
-  const unsigned int totalTime =
-      m_uiReason == ReconnectionReason ? m_settings.nReconnectTimeout : m_settings.nConnectTimeout;
+  const unsigned int totalTime = m_uiReason == SelectionRules::ReasonReconnection
+                                     ? m_settings.nReconnectTimeout
+                                     : m_settings.nConnectTimeout;
 
   const CInstanceSmartPtr<CExecutionContext> ispExecutionContext(API_INSTANCE);
   if (ispExecutionContext == nullptr) {
@@ -62,7 +47,7 @@ STATUSCODE CHeadendSelection::startPingThreads(std::string& extraInfo) {
     return status;
   }
 
-  if (m_uiReason != ReconnectionReason) {
+  if (m_uiReason != SelectionRules::ReasonReconnection) {
     status = sendTestPing(results, extraInfo);
     if (status != 0) {
       return status;
@@ -111,7 +96,7 @@ STATUSCODE CHeadendSelection::sendTestPing(HttpProbe::HTTP_PROBE_RESULTS& result
     const CAutoLockT<CManualLock> endOfRun(m_headendThreadLock);
     m_lastHeadend = m_headendList[0];
   }
-  unsigned int port = portOf(m_lastHeadend);
+  unsigned int port = SelectionRules::portOf(m_lastHeadend);
   bool isSecure = false;
   PROXY_DATA proxyData;
   ProxyIfc::UnprotectedCredential proxyPswd;
@@ -122,7 +107,7 @@ STATUSCODE CHeadendSelection::sendTestPing(HttpProbe::HTTP_PROBE_RESULTS& result
     if (!proxyUser.empty()) {
       proxyData.proxyUser = proxyUser.c_str();
       proxyData.proxyPswd = proxyPswd.c_str();
-      port = DefaultPort;
+      port = SelectionRules::DefaultPort;
       isSecure = true;
     }
   }
@@ -139,7 +124,7 @@ STATUSCODE CHeadendSelection::sendTestPing(HttpProbe::HTTP_PROBE_RESULTS& result
   const STATUSCODE status = HttpProbe::SendHttpProbe(
       m_lastHeadend.getHost(), isSecure, false, static_cast<unsigned short>(port), tstrUserAgent,
       m_settings.nTestPingTimeout, proxyData, TestPingOptions, results);
-  if (worthOfProbe(status) != ProbeWorth::Sample) {
+  if (SelectionRules::worthOfProbe(status) != SelectionRules::ProbeWorth::Sample) {
     // The transport's own error says more about the path than the status that it was reduced to.
     CAppLog::LogReturnCode("startPingThreads", LogSource, __LINE__, Logging::DBG_Error,
                            "HttpProbe::SendHttpProbe QIB test ping failed", results.uiLastError, 0,
@@ -220,7 +205,7 @@ CHeadendSelection::CSelectionThread::CSelectionThread(CHeadendSelection& parent,
 CHeadendSelection::CSelectionThread::~CSelectionThread() = default;
 
 STATUSCODE CHeadendSelection::CSelectionThread::Run() {
-  const unsigned int port = portOf(m_headend);
+  const unsigned int port = SelectionRules::portOf(m_headend);
   CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Info,
                            "QIB starting thread named %s", m_headend.getHost().c_str());
   ProxyIfc* const pProxy = m_parent.getProxy();
@@ -229,9 +214,8 @@ STATUSCODE CHeadendSelection::CSelectionThread::Run() {
   const PROXY_DATA noProxy;  // a round trip through a proxy would measure the proxy
   const HttpProbe::KeptConnection connection;
 
-  std::vector<unsigned int> pings;
+  SelectionRules::Tally tally;
   const unsigned int startTimer = now();
-  unsigned int timeoutCnt = 0;
   STATUSCODE status = 0;
   bool probing = true;
   for (unsigned int i = 0; probing && i < m_numPings; ++i) {
@@ -244,10 +228,10 @@ STATUSCODE CHeadendSelection::CSelectionThread::Run() {
     status = HttpProbe::SendHttpProbe(m_headend.getHost(), isSecure, false,
                                       static_cast<unsigned short>(port), tstrUserAgent,
                                       m_pingTimeout / 1000, noProxy, PingOptions, results);
-    probing = takeSample(status, results, pings, timeoutCnt);
+    probing = takeSample(status, results, tally);
   }
   if (probing) {
-    addHeadendToList(pings);
+    addHeadendToList(tally.samplesMs);
   }
   CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Info,
                            "QIB terminating thread for %s", GetHeadend().c_str());
@@ -258,34 +242,31 @@ STATUSCODE CHeadendSelection::CSelectionThread::Run() {
 // the worker is marked as terminated and reports nothing, not even samples from earlier probes.
 bool CHeadendSelection::CSelectionThread::takeSample(STATUSCODE status,
                                                      const HttpProbe::HTTP_PROBE_RESULTS& results,
-                                                     std::vector<unsigned int>& pings,
-                                                     unsigned int& timeoutCnt) {
-  const ProbeWorth worth = worthOfProbe(status);
-  if (worth == ProbeWorth::ConnectFailure) {
-    CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
-                             "QIB ping timeout or couldn't connect: %s",
-                             m_headend.getHost().c_str());
-    ++timeoutCnt;
-    if (timeoutCnt == MostConnectFailures) {
+                                                     SelectionRules::Tally& tally) {
+  switch (tally.take(status, results.uiRtt)) {
+    case SelectionRules::ProbeWorth::ConnectFailure:
+      CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
+                               "QIB ping timeout or couldn't connect: %s",
+                               m_headend.getHost().c_str());
+      if (tally.hasGivenUp) {
+        setThreadTerminated(true);
+      }
+      break;
+    case SelectionRules::ProbeWorth::Unresolved:
       setThreadTerminated(true);
-      return false;
-    }
-    return true;
+      CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
+                               "QIB: DNS error for %s, time: %d", m_headend.getHost().c_str(),
+                               results.uiRtt);
+      break;
+    case SelectionRules::ProbeWorth::SampleDespiteError:
+      CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
+                               "QIB ping error for %s: %d", m_headend.getHost().c_str(),
+                               results.uiLastError);
+      break;
+    case SelectionRules::ProbeWorth::Sample:
+      break;
   }
-  if (worth == ProbeWorth::Unresolved) {
-    setThreadTerminated(true);
-    CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
-                             "QIB: DNS error for %s, time: %d", m_headend.getHost().c_str(),
-                             results.uiRtt);
-    return false;
-  }
-  pings.push_back(results.uiRtt);
-  if (worth == ProbeWorth::SampleDespiteError) {
-    CAppLog::LogDebugMessage("Run", LogSource, __LINE__, Logging::DBG_Warning,
-                             "QIB ping error for %s: %d", m_headend.getHost().c_str(),
-                             results.uiLastError);
-  }
-  return true;
+  return !tally.hasGivenUp;
 }
 
 void CHeadendSelection::CSelectionThread::TerminateThread() {
@@ -330,7 +311,7 @@ void CHeadendSelection::CSelectionThread::logThreadPingResults(
 
 unsigned int CHeadendSelection::CSelectionThread::calculateRTTMetric(
     const std::vector<unsigned int>& rttList) {
-  return metricOfSamples(rttList, m_numPings);
+  return SelectionRules::metricOfSamples(rttList, m_numPings);
 }
 
 std::string CHeadendSelection::CSelectionThread::GetHeadend() {

@@ -43,7 +43,7 @@ STATUSCODE CHeadendSelection::getBestHeadendsList(std::vector<std::string>& head
     selectedBest = false;
   } else {
     std::sort(pingedHeadendList.begin(), pingedHeadendList.end());
-    if (m_uiReason == ReconnectionReason) {
+    if (m_uiReason == SelectionRules::ReasonReconnection) {
       selectedBest = rankForReconnection(pingedHeadendList, headendList);
     } else {
       for (const CHeadendRTT& result : pingedHeadendList) {
@@ -65,19 +65,11 @@ bool CHeadendSelection::rankForReconnection(const std::vector<CHeadendRTT>& rank
   const unsigned int bestRTT = ranked.front().GetRTT();
   for (const CHeadendRTT& result : ranked) {
     const std::string host = result.GetHeadend();
-    if (host == lastServer) {
-      // Single precision throughout, so that a tie at the threshold is a tie on every machine. A
-      // best of 0 gives infinity, or NaN when the last one is 0 too: neither is below the
-      // threshold.
-      const float diffBetweenBestAndLast =
-          static_cast<float>(result.GetRTT()) / static_cast<float>(bestRTT);
-      const float improvementThreshold =
-          static_cast<float>(m_settings.nImprovement) / 100.0F + 1.0F;
-      if (improvementThreshold > diffBetweenBestAndLast) {
-        headendList.insert(headendList.begin(), host);
-        selectedBest = false;
-        continue;
-      }
+    if (host == lastServer &&
+        SelectionRules::retentionOf(result.GetRTT(), bestRTT, m_settings.nImprovement).isRetained) {
+      headendList.insert(headendList.begin(), host);
+      selectedBest = false;
+      continue;
     }
     headendList.push_back(host);
   }

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "vpn/Api/AHS/HeadendSelectionProbeWorth.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {
 
@@ -22,10 +22,7 @@ SelectionRecord::SelectionRecord() = default;
 
 SelectionRecord::~SelectionRecord() = default;
 
-bool SelectionRecord::isSample(STATUSCODE status) {
-  const ProbeWorth worth = worthOfProbe(status);
-  return worth == ProbeWorth::Sample || worth == ProbeWorth::SampleDespiteError;
-}
+bool SelectionRecord::isSample(STATUSCODE status) { return SelectionRules::isSample(status); }
 
 bool SelectionRecord::isTestProbe(const HttpProbe::Report& report) {
   return (report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;

@@ -158,13 +158,13 @@ HostError findHostError(const std::string& name, const std::string& address) {
   if (oneLine(name, MaxHostNameLength) != name) {
     return {"name", "its name has a character that cannot be shown"};
   }
-  const std::string& reached = isBlank(address) ? name : address;
+  const std::string& reached = address.empty() ? name : address;
   const std::string error = URL::findError(reached);
   if (error.empty() && !URL(reached).getHost().empty()) {
     return {"", ""};
   }
   const std::string reason = error.empty() ? "it names no host" : oneLine(error, MaxSentenceLength);
-  return isBlank(address)
+  return address.empty()
              ? HostError{"name", "it has no address, and its name cannot stand for one: " + reason}
              : HostError{"address",
                          "its address " + quoted(address) + " cannot be used: " + reason};
@@ -652,7 +652,10 @@ bool DocumentReader::checkValue(const PreferenceBase::Definition& definition,
 
 void DocumentReader::readHost(const Attributes& attributes) {
   const std::string name = valueOf(attributes, "name");
-  const std::string address = valueOf(attributes, "address");
+  std::string address = valueOf(attributes, "address");
+  if (isBlank(address)) {
+    address.clear();
+  }
   const Place here = placeOf("");
   const ProfileFile::Host host{name, address, here.line, here.column};
   if (!m_wrong.empty()) {

@@ -224,10 +224,23 @@ TEST_F(ProfileFileTest, AnAddressThatCannotBeParsedLeavesItsEntryOut) {
                           ProblemAt(6, Pieces{"\"slash\"", "\"/path\""})));
 }
 
-TEST_F(ProfileFileTest, AnEmptyAddressCountsAsNone) {
-  const ProfileReading reading = read(profileWithHosts("<host name=\"gw.example\" address=\"\"/>"));
-  EXPECT_THAT(reading.problems, IsEmpty());
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("gw.example"));
+TEST_F(ProfileFileTest, ABlankAddressCountsAsNone) {
+  for (const char* blank : {"", "  ", "&#9;", "&#10; &#13;"}) {
+    const ProfileReading reading = read(
+        profileWithHosts("<host name=\"gw.example\" address=\"" + std::string(blank) + "\"/>"));
+    EXPECT_THAT(reading.problems, IsEmpty());
+    ASSERT_THAT(reading.profile.hosts, SizeIs(1));
+    EXPECT_EQ(reading.profile.hosts[0].address, "") << blank;
+  }
+}
+
+TEST_F(ProfileFileTest, ABlankNameWithABlankAddressIsToldWithItsPlaceAndTheRemedy) {
+  const ProfileReading reading =
+      read(profileWithHosts("<host name=\"a\"/>\n<host name=\" \" address=\"&#9;\"/>"));
+  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
+  EXPECT_THAT(
+      reading.problems,
+      ElementsAre(ProblemAt(5, Pieces{"must be 1 to 255 bytes", "not blanks alone", "left out"})));
 }
 
 TEST_F(ProfileFileTest, ANameThatStandsForTheAddressMustBeOne) {

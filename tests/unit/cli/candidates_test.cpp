@@ -67,15 +67,18 @@ TEST(Candidates, AreTheHostsOfProfilesWithTheSwitchOnOrLeftToTheUser) {
 
 TEST(Candidates, AnEntryWithoutAnAddressIsReachedByItsName) {
   const tests::TemporaryDirectory directory;
-  directory.Write("on.xml", profile("value=\"true\"", "<host name=\"gw.example.com:444\"/>"));
+  directory.Write("on.xml", profile("value=\"true\"",
+                                    "<host name=\"gw.example.com:444\"/>"
+                                    "<host name=\"gw.example.com:445\" address=\" &#10;\"/>"));
   PreferenceMgr::Sources sources;
   sources.profileDirectory = directory.Path();
   const Loaded loaded(sources);
   const auto candidates = findCandidates();
-  ASSERT_EQ(candidates.size(), 1U);
+  ASSERT_EQ(candidates.size(), 2U);
   EXPECT_EQ(candidates[0].name, "gw.example.com:444");
   EXPECT_EQ(candidates[0].headend, "gw.example.com:444");
   EXPECT_EQ(candidates[0].place, Place("gw.example.com", 444));
+  EXPECT_EQ(candidates[1].place, Place("gw.example.com", 445));
 }
 
 TEST(Candidates, GivenHeadendsTakePartBesideThoseOfTheProfiles) {

@@ -12,6 +12,7 @@
 
 #include "tests/fuzz/require.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/ConfigurationBytes.h"
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Common/Logging/LegibleText.h"
 #include "vpn/Common/Utility/NearestName.h"
@@ -119,12 +120,12 @@ void requireRightMessages(const std::string& text) {
 }
 
 void requireRightBytes(const std::string& text) {
-  const ConfigurationText::ByteProblem problem = ConfigurationText::findByteProblem(text);
+  const ConfigurationBytes::ByteProblem problem = ConfigurationBytes::findByteProblem(text);
   REQUIRE(problem.place.line <=
           1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
   REQUIRE(isPrintableAscii(problem.text));
   const bool isFit = tests::isUtf8(text) && !ConfigurationText::isBlank(text);
-  REQUIRE(problem.text.empty() ? isFit : !isFit || text.size() > ConfigurationText::MaxTagLength);
+  REQUIRE(problem.text.empty() ? isFit : !isFit || text.size() > ConfigurationBytes::MaxTagLength);
 }
 
 void requireRightPlace(const std::string& text) {

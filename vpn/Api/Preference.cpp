@@ -21,11 +21,6 @@ namespace {
 
 using Definition = PreferenceBase::Definition;
 
-constexpr Definition wordOf(PreferenceId id, const char* name, const char* first,
-                            const char* second, const char* third, const char* defaultValue) {
-  return {id, name, defaultValue, false, nullptr, 0, 0, {first, second, third, nullptr}};
-}
-
 constexpr Definition numberOf(PreferenceId id, const char* name, const char* defaultValue,
                               const char* unit, unsigned int least, unsigned int most) {
   return {id, name, defaultValue, true, unit, least, most, {}};
@@ -40,9 +35,17 @@ constexpr unsigned int OneSecondMs = 1000;
 constexpr unsigned int OneMinuteMs = 60000;
 
 const Definition Definitions[] = {
-    wordOf(ProxySettings, "ProxySettings", "system", "none", "override", "system"),
-    {ProxyHost, "ProxyHost", "", false, nullptr, 0, 0, {}},
-    {ProxyPort, "ProxyPort", "", false, "", 1, 65535, {}},
+    {ProxySettings,
+     "ProxySettings",
+     "system",
+     false,
+     nullptr,
+     0,
+     0,
+     {"system", "none", "override"},
+     false},
+    {ProxyHost, "ProxyHost", "", false, nullptr, 0, 0, {}, false},
+    {ProxyPort, "ProxyPort", "", false, "", 1, 65535, {}, false},
     // The profile's value is compared with "true" by its reader, so any other value means off.
     {EnableAutomaticServerSelection,
      "EnableAutomaticServerSelection",
@@ -51,7 +54,9 @@ const Definition Definitions[] = {
      nullptr,
      0,
      0,
-     {"true", "false", nullptr}},
+     {"true", "false"},
+     true,
+     false},
     numberOf(SelectionResumeTime, "SelectionResumeTime", "4", "hours", 0, HoursOfAYear),
     numberOf(SelectionImprovement, "SelectionImprovement", "20", "percent", 0, 1000),
     numberOf(SelectionClearCache, "SelectionClearCache", "14", "days", 1, 365),
@@ -63,7 +68,7 @@ const Definition Definitions[] = {
     numberOf(SelectionPingsPerHeadend, "SelectionPingsPerHeadend", "3", "probes", 1, 100),
     numberOf(SelectionTestPingTimeout, "SelectionTestPingTimeout", "5", "seconds", 1, 60),
     numberOf(SelectionMaxResults, "SelectionMaxResults", "100", "results", 1, 100000),
-    wordOf(RoundTripTime, "RoundTripTime", "network", "response", nullptr, "network"),
+    {RoundTripTime, "RoundTripTime", "network", false, nullptr, 0, 0, {"network", "response"}},
 };
 
 std::string allowedNumbers(const Definition& definition) {

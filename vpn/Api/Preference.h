@@ -39,8 +39,7 @@ enum PreferenceScope {
   Global = 1,
 };
 
-/// Names, defaults and fixed values of the preferences. Which of them a file may set says the
-/// schema of its format. Constant; any thread may read it.
+/// Names, defaults and fixed values of the preferences. Constant; any thread may read it.
 class PreferenceBase {
  public:
   PreferenceBase() = delete;
@@ -75,6 +74,8 @@ class PreferenceBase {
     unsigned int most;   ///< largest number allowed
     /// For a word: the values allowed, null after the last; all null: a host or nothing.
     const char* words[4];
+    bool isForProfiles = true;     ///< a profile may set it
+    bool isForPreferences = true;  ///< a preferences file may set it
   };
 
   /// All preferences, `count` entries.

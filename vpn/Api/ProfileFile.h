@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "vpn/Api/ConfigurationFormat.h"
 #include "vpn/Api/FileTrust.h"
 #include "vpn/Api/Preference.h"
 
@@ -26,7 +27,7 @@ struct FileProblem {
 struct ProfileFile {
   /// A host entry.
   struct Host {
-    std::string name;         ///< as a person picks it, 1 to `MaxHostNameLength` bytes
+    std::string name;         ///< as a person picks it, 1 to 255 bytes
     std::string address;      ///< empty when the entry gives none
     unsigned int line = 0;    ///< of its tag's beginning
     unsigned int column = 0;  ///< the same
@@ -48,15 +49,9 @@ constexpr std::size_t MaxConfigurationFileSize = std::size_t{8} * 1024 * 1024;
 /// more than a machine can measure.
 constexpr std::size_t MaxHostsPerFile = 100000;
 
-/// Longest name of a host entry, in bytes.
-constexpr std::size_t MaxHostNameLength = 255;
-
 /// Most problems that are told of one file, besides the one for which it is skipped; the last of
 /// them says that there are more.
 constexpr std::size_t MaxProblemsPerFile = 100;
-
-/// What a file is, by its outermost element.
-enum class ConfigurationKind { Unknown, Profile, Preferences };
 
 /// Reads a profile file (see docs/profiles.md). The file is not trusted: only a regular file that
 /// nobody else could have written is read, up to `MaxConfigurationFileSize` bytes of UTF-8; a

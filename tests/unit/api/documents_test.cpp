@@ -1,10 +1,11 @@
 // What the documentation shows is what the program reads: the examples load without a word, stand
 // in the text as they are, and the table of preferences has each with its default and its range.
 
-#include <algorithm>
+#include <regex>
+#include <set>
 
 #include "tests/unit/api/api_fixture.h"
-#include "vpn/Api/ConfigurationSchema.h"
+#include "vpn/Api/ConfigurationFormat.h"
 #include "vpn/Api/ProfileMgr.h"
 
 using testing::ElementsAre;
@@ -25,31 +26,38 @@ std::string rowOf(const std::string& text, const char* name) {
                                     : text.substr(begin + 1, text.find('\n', begin + 1) - begin);
 }
 
-/// The names that a <preference> may have anywhere below an element.
-std::vector<std::string> namesAllowedIn(const ElementRule& rule) {
-  std::vector<std::string> names;
-  for (const ElementRule& child : rule.children) {
-    for (const std::string& name : namesAllowedIn(child)) {
-      names.push_back(name);
-    }
-  }
+using Words = std::set<std::string>;
+
+/// An element with all that may stand in it: its name, its attributes, a "!" behind each that is
+/// required, and their values.
+void collect(const ElementRule& rule, Words& words) {
+  words.insert(rule.name);
   for (const ElementRule::Attribute& attribute : rule.attributes) {
-    if (rule.name == "preference" && attribute.name == "name") {
-      names.insert(names.end(), attribute.words.begin(), attribute.words.end());
-    }
+    words.insert(attribute.name + (attribute.isRequired ? "!" : ""));
+    words.insert(attribute.words.begin(), attribute.words.end());
   }
-  return names;
+  for (const ElementRule& child : rule.children) {
+    collect(child, words);
+  }
 }
 
-std::string placesOf(const std::string& preference) {
-  const auto isIn = [&](const CConfigurationSchema& schema) {
-    const std::vector<std::string> names = namesAllowedIn(schema.root());
-    return std::find(names.begin(), names.end(), preference) != names.end();
-  };
-  const bool isInPreferences = isIn(CConfigurationSchema::preferences());
-  return !isIn(CConfigurationSchema::profile()) ? "preferences"
-         : isInPreferences                      ? "both"
-                                                : "profile";
+/// The same of a schema.
+Words wordsOfSchema(const std::string& name) {
+  const std::string text = tests::readFile(Root + "/vpn/Api/schema/" + name);
+  const std::regex declaration(
+      R"re(<xs:(?:element name|attribute name|enumeration value)="([^"]*)"([^>]*use="required")?)re");
+  Words words;
+  for (std::sregex_iterator found(text.begin(), text.end(), declaration), end; found != end;
+       ++found) {
+    words.insert((*found)[1].str() + ((*found)[2].matched ? "!" : ""));
+  }
+  return words;
+}
+
+std::string placesOf(const PreferenceBase::Definition& preference) {
+  return !preference.isForProfiles     ? "preferences"
+         : preference.isForPreferences ? "both"
+                                       : "profile";
 }
 
 }  // namespace
@@ -77,19 +85,13 @@ TEST(Documents, TheFormatsShowTheExamplesAsTheyAre) {
   EXPECT_THAT(formats(), HasSubstr(tests::readFile(Root + "/examples/preferences.xml")));
 }
 
-TEST(Documents, ThePreferencesOfTheSchemasAreThoseThatThereAre) {
-  std::vector<std::string> known;
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    known.emplace_back(all[i].name);
+TEST(Documents, TheSchemasForEditorsSayWhatIsRead) {
+  for (const auto& [kind, schema] : {std::pair(ConfigurationKind::Profile, "profile.xsd"),
+                                     {ConfigurationKind::Preferences, "preferences.xsd"}}) {
+    Words words;
+    collect(ConfigurationFormat::rootOf(kind), words);
+    EXPECT_EQ(wordsOfSchema(schema), words);
   }
-  std::vector<std::string> allowed = namesAllowedIn(CConfigurationSchema::preferences().root());
-  EXPECT_THAT(known, testing::IsSupersetOf(allowed));
-  for (const std::string& name : namesAllowedIn(CConfigurationSchema::profile().root())) {
-    allowed.push_back(name);
-  }
-  EXPECT_THAT(allowed, testing::IsSupersetOf(known));
 }
 
 TEST(Documents, TheTableHasEveryPreferenceWithUnitRangeDefaultAndPlace) {
@@ -98,7 +100,7 @@ TEST(Documents, TheTableHasEveryPreferenceWithUnitRangeDefaultAndPlace) {
   const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
   for (std::size_t i = 0; i < count; ++i) {
     const std::string row = rowOf(text, all[i].name);
-    EXPECT_THAT(row, HasSubstr("| " + placesOf(all[i].name) + " |"));
+    EXPECT_THAT(row, HasSubstr("| " + placesOf(all[i]) + " |"));
     if (all[i].unit != nullptr) {
       const std::string unit = *all[i].unit != '\0' ? std::string(" ") + all[i].unit : "";
       EXPECT_THAT(row, HasSubstr("|" + unit + " | " + std::to_string(all[i].least) + " to " +

@@ -1,0 +1,174 @@
+// The bytes of a configuration file. Whoever wrote it, reading and checking take time and memory in
+// proportion to its size.
+
+#include "vpn/Api/ConfigurationBytes.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+#include "vpn/Api/ConfigurationText.h"
+#include "vpn/include/StringUtils.h"
+
+namespace {
+
+std::string systemError(const char* what, int error) {
+  // strerror(3) is not for threads.
+  return std::string(what) + ": " + std::generic_category().message(error);
+}
+
+std::string tooLarge(std::size_t maxSize) {
+  return "is larger than " + std::to_string(maxSize / (1024 * 1024)) +
+         " MiB, the most that is read";
+}
+
+/// Reads a file of that size. One byte more shows a file that has grown since its size was taken,
+/// and nothing makes this read further.
+std::string readAll(const FileTrust::Descriptor& file, std::size_t size, std::string& contents) {
+  contents.resize(size + 1);
+  std::size_t filled = 0;
+  while (filled < contents.size()) {
+    const ssize_t count = ::read(file.get(), contents.data() + filled, contents.size() - filled);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0) {
+      return systemError("cannot be read", errno);
+    }
+    if (count == 0) {
+      break;
+    }
+    filled += static_cast<std::size_t>(count);
+  }
+  contents.resize(filled);
+  return {};
+}
+
+bool isSame(const struct stat& a, const struct stat& b) {
+  const auto equal = [](const timespec& one, const timespec& other) {
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+  };
+  return a.st_size == b.st_size && equal(a.st_mtim, b.st_mtim) && equal(a.st_ctim, b.st_ctim);
+}
+
+unsigned char byteAt(std::string_view text, std::size_t index) {
+  return static_cast<unsigned char>(text[index]);
+}
+
+std::size_t announcedLength(unsigned char lead) {
+  if (lead < 0x80) {
+    return 1;
+  }
+  if (lead < 0xC2 || lead > 0xF4) {
+    return 0;
+  }
+  return lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+}
+
+/// The length of the UTF-8 sequence at `index` (RFC 3629, section 4); 0 if it is none.
+std::size_t utf8Length(std::string_view text, std::size_t index) {
+  const unsigned char lead = byteAt(text, index);
+  const std::size_t length = announcedLength(lead);
+  if (length <= 1) {
+    return length;
+  }
+  if (text.size() - index < length) {
+    return 0;
+  }
+  const unsigned char least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+  const unsigned char most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+  if (byteAt(text, index + 1) < least || byteAt(text, index + 1) > most) {
+    return 0;
+  }
+  for (std::size_t i = 2; i < length; ++i) {
+    if ((byteAt(text, index + i) & 0xC0U) != 0x80) {
+      return 0;
+    }
+  }
+  return length;
+}
+
+/// How many characters a piece of UTF-8 has: what continues one is none of its own.
+unsigned int characters(std::string_view text) {
+  return static_cast<unsigned int>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;
+  }));
+}
+
+}  // namespace
+
+std::string ConfigurationBytes::readRegularFile(const std::string& path, std::size_t maxSize,
+                                                FileTrust::Check check, std::string& contents) {
+  // Whoever writes a file in place is done soon, or never.
+  constexpr int MaxReadings = 3;
+  for (int reading = 0; reading < MaxReadings; ++reading) {
+    FileTrust::Descriptor file;
+    FileTrust::Refusal refusal;
+    if (!FileTrust::openFile(path, check, file, refusal)) {
+      return refusal.text;
+    }
+    struct stat before = {};
+    struct stat after = {};
+    if (::fstat(file.get(), &before) != 0) {
+      return systemError("cannot be read", errno);
+    }
+    if (before.st_size > static_cast<off_t>(maxSize)) {
+      return tooLarge(maxSize);
+    }
+    const auto size = static_cast<std::size_t>(before.st_size);
+    std::string error = readAll(file, size, contents);
+    if (!error.empty()) {
+      return error;
+    }
+    if (contents.size() == size && ::fstat(file.get(), &after) == 0 && isSame(before, after)) {
+      return {};
+    }
+  }
+  return "changes while it is read; write it elsewhere and rename it";
+}
+
+ConfigurationBytes::Place ConfigurationBytes::PlaceFinder::placeOf(std::size_t offset) {
+  const std::size_t wanted = std::min(offset, m_text.size());
+  const bool isForward = wanted >= m_offset;
+  const std::string_view between =
+      m_text.substr(std::min(wanted, m_offset), isForward ? wanted - m_offset : m_offset - wanted);
+  const auto lines = static_cast<unsigned int>(std::count(between.begin(), between.end(), '\n'));
+  m_offset = wanted;
+  if (lines == 0) {
+    m_place.column =
+        isForward ? m_place.column + characters(between) : m_place.column - characters(between);
+  } else {
+    m_place.line = isForward ? m_place.line + lines : m_place.line - lines;
+    const std::string_view before = m_text.substr(0, wanted);
+    const std::size_t lineEnd = before.rfind('\n');
+    m_place.column = 1 + characters(before.substr(lineEnd + 1));  // npos + 1 is 0
+  }
+  return m_place;
+}
+
+ConfigurationBytes::ByteProblem ConfigurationBytes::findByteProblem(std::string_view contents) {
+  if (ConfigurationText::isBlank(contents)) {
+    return {{}, "is empty"};
+  }
+  PlaceFinder places(contents);
+  std::size_t lastOpen = 0;
+  for (std::size_t i = 0; i < contents.size();) {
+    const std::size_t length = utf8Length(contents, i);
+    if (length == 0 || contents[i] == '\0') {
+      return {places.placeOf(i), "the byte " +
+                                     CStringUtils::printable(std::string(1, contents[i])) +
+                                     " is not UTF-8 text; save the file as UTF-8"};
+    }
+    lastOpen = contents[i] == '<' ? i : lastOpen;
+    if (i - lastOpen > MaxTagLength) {
+      return {places.placeOf(lastOpen), "a tag, text or comment is longer than " +
+                                            std::to_string(MaxTagLength / 1024) +
+                                            " KiB, the most that is allowed"};
+    }
+    i += length;
+  }
+  return {};
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vpn/Api/ConfigurationBytes.h"
+
+extern "C" {
+struct _xmlParserCtxt;
+struct _xmlSAXHandler;
+}
+
+/// An XML text that nobody vouches for, taken apart once from its beginning to its end. A derived
+/// class is told of elements and texts as they come; what it throws ends the reading and leaves
+/// `read`. Bounds on depth, attributes and names keep the time in proportion to the size; a
+/// document type is refused, so no entity is ever expanded and nothing outside the text is fetched.
+/// One thread.
+class XmlDocument {
+ public:
+  XmlDocument(const XmlDocument&) = delete;
+  XmlDocument& operator=(const XmlDocument&) = delete;
+
+ protected:
+  using Place = ConfigurationBytes::Place;
+  struct Attribute {
+    std::string name;  ///< with its prefix
+    std::string value;
+  };
+  using Attributes = std::vector<Attribute>;
+
+  XmlDocument();
+  virtual ~XmlDocument();
+
+  /// @param contents UTF-8 that `ConfigurationBytes::findByteProblem` has nothing against; must
+  ///        outlive the object. @return whether all of it was read and nothing was refused.
+  bool read(const std::string& contents);
+
+  virtual void start(const std::string& name, const Attributes& attributes) = 0;
+  virtual void end() = 0;
+  virtual void text(const std::string& found) = 0;
+  /// The text is refused as a whole; called once.
+  virtual void refused(Place place, const std::string& reason) = 0;
+
+  /// Refuses the text; nothing more is read.
+  void refuse(Place place, const std::string& reason);
+  bool isRefused() const { return m_refused; }
+
+  /// Where the last tag begins.
+  Place placeOfTag();
+  /// Where an attribute of the last tag begins, the tag itself if it has none of that name.
+  Place placeOf(const std::string& attribute);
+  /// Where the text begins that `text` is told of.
+  Place placeOfText();
+
+ private:
+  static void setCallbacks(_xmlSAXHandler& handler);
+  template <class FunctionT>
+  static void guarded(void* user, FunctionT function);
+
+  bool hasTooManyNames();
+  bool exceedsBounds(int attributeCount);
+  std::size_t offset() const;
+  std::size_t offsetOf(const std::string& attribute) const;
+
+  struct Deleter {
+    void operator()(_xmlParserCtxt* context) const;
+  };
+
+  const std::string* m_contents = nullptr;
+  std::optional<ConfigurationBytes::PlaceFinder> m_places;
+  std::unique_ptr<_xmlParserCtxt, Deleter> m_context;
+  std::size_t m_tag = 0;  // where the last tag begins
+  std::size_t m_depth = 0;
+  bool m_refused = false;
+  bool m_hasEnded = false;         // the parser has come to the end of the document
+  std::exception_ptr m_exception;  // thrown in a callback, which may not leave through libxml2
+};

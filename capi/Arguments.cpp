@@ -68,9 +68,8 @@ std::string takeHeadends(const ahs_options& options, std::vector<GivenHeadend>& 
     }
     const std::string address = given.address;
     const std::string error = URL::findError(address);
-    if (!error.empty() || URL(address).getHost().empty()) {
-      return where + ".address " + quoted(address) +
-             " is no address: " + (error.empty() ? "it names no host." : error) +
+    if (!error.empty()) {
+      return where + ".address " + quoted(address) + " is no address: " + error +
              " An address is host, host:port or a URL, an IPv6 address in brackets";
     }
     const std::string name = given.name == nullptr ? address : given.name;

@@ -24,7 +24,7 @@ bool isDirectory(const std::string& path) {
 
 void add(const ProfileMgr& profiles, CheckResult& result) {
   result.hostEntries += profiles.getHostProfileMap().size();
-  result.takingPart += countTakingPart(profiles);
+  result.takingPart += findCandidates(profiles).size();
   const std::vector<FileProblem>& problems = profiles.getProblems();
   result.problems.insert(result.problems.end(), problems.begin(), problems.end());
 }
@@ -97,7 +97,7 @@ std::optional<CheckResult> checkSources(const PreferenceMgr::Sources& sources) {
     result.files = profiles->getFileCount() + (isThere(sources.userPreferencesFile) ? 1 : 0) +
                    (isThere(sources.globalPreferencesFile) ? 1 : 0);
     result.hostEntries = profiles->getHostProfileMap().size();
-    result.takingPart = countTakingPart(*profiles);
+    result.takingPart = findCandidates(*profiles).size();
   }
   result.problems = preferences->getProblems();
   // One acquisition is the creation's, the other this look-up's own.

@@ -56,7 +56,7 @@ std::string takeHost(const std::string& host, const std::vector<HostEntry>& entr
            "address in brackets, with an optional port: gw.example.com, 192.0.2.7:8443, "
            "[2001:db8::7].";
   }
-  const Candidate candidate = candidateOf(host, address);
+  const Candidate candidate = candidateOf(host, URL(address));
   plan.headend = candidate.headend;
   plan.place = candidate.place;
   if (entry != nullptr) {

@@ -14,7 +14,7 @@
 namespace {
 
 /// The place that a probe of a headend goes to.
-Place placeOfHeadend(const std::string& headend) { return candidateOf("", headend).place; }
+Place placeOfHeadend(const std::string& headend) { return candidateOf("", URL(headend)).place; }
 
 // One pass, so that what has been put in is not looked at again.
 std::string replaced(const std::string& text,

@@ -1,10 +1,14 @@
-// One host entry of a profile: four texts that never change.
+// One host entry of a profile: what its file says, and its address parsed.
 
 #include "vpn/Api/HostProfile.h"
 
 HostProfile::HostProfile(const std::string& profileName, const std::string& hostName,
-                         const std::string& address, unsigned int line)
-    : m_profileName(profileName), m_hostName(hostName), m_address(address), m_line(line) {}
+                         const std::string& address, unsigned int line, const URL& url)
+    : m_profileName(profileName),
+      m_hostName(hostName),
+      m_address(address),
+      m_line(line),
+      m_url(url) {}
 
 HostProfile::~HostProfile() = default;
 

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "vpn/Common/Utility/URL.h"
+
 /// One host entry of a profile. Constant; any thread may read it.
 class HostProfile {
  public:
@@ -9,8 +11,9 @@ class HostProfile {
   /// @param hostName the entry's name, as a person picks it from a list.
   /// @param address where it is reached; may be empty.
   /// @param line line of the entry in its file, 0 if it comes from no file.
+  /// @param url the address, else the name, parsed.
   HostProfile(const std::string& profileName, const std::string& hostName,
-              const std::string& address, unsigned int line);
+              const std::string& address, unsigned int line, const URL& url = {});
 
   // The order of these four is part of the interface: name second, address fourth.
 
@@ -20,6 +23,7 @@ class HostProfile {
   virtual const std::string& getHostName() const;
   virtual unsigned int getLine() const;
   virtual const std::string& getHostAddress() const;
+  const URL& getUrl() const { return m_url; }
   /// @}
 
   virtual ~HostProfile();
@@ -31,4 +35,5 @@ class HostProfile {
   std::string m_hostName;
   std::string m_address;
   unsigned int m_line;
+  URL m_url;
 };

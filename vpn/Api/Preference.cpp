@@ -101,7 +101,7 @@ std::string findHostError(const std::string& value) {
     return "must be a host name or an address: " + error;
   }
   const URL url(value);
-  if (url.getProtocol() != URLPROTOCOL_NONE || url.getHost().empty() || !url.getPort().empty() ||
+  if (url.getProtocol() != URLPROTOCOL_NONE || !url.getPort().empty() ||
       !url.getLocation().empty() || value.find_first_of(" \t\r\n") != std::string::npos) {
     return "must be a host name or an address alone, without scheme, port, path and blanks";
   }

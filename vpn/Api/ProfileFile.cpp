@@ -11,7 +11,6 @@
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/XmlDocument.h"
 #include "vpn/Common/Utility/NearestName.h"
-#include "vpn/Common/Utility/URL.h"
 
 namespace {
 
@@ -61,9 +60,9 @@ class FileReader : private XmlDocument {
   bool isFirst(const PreferenceBase::Definition& definition);
   bool checkValue(const PreferenceBase::Definition& definition, const std::string& value);
   void readHost(const Attributes& attributes);
-  bool checkAddress(const ProfileFile::Host& host);
+  void parseAddress(ProfileFile::Host& host);
   void takeHost(const ProfileFile::Host& host);
-  void leaveOut(const ProfileFile::Host& host, const std::string& reason);
+  void leaveOut(ProfileFile::Host host, const std::string& reason);
   void report(Place place, const std::string& text);
 
   static const std::string* find(const Attributes& attributes, const std::string& name);
@@ -272,25 +271,27 @@ void FileReader::readHost(const Attributes& attributes) {
   }
   if (!m_wrong.empty()) {
     leaveOut(host, "it has a mistake");
-  } else if (checkAddress(host)) {
-    m_host = host;  // taken at its end, if nothing wrong is inside
+  } else {
+    parseAddress(host);
   }
 }
 
-bool FileReader::checkAddress(const ProfileFile::Host& host) {
+/// Opens the entry, which is taken at its end if nothing wrong is inside.
+void FileReader::parseAddress(ProfileFile::Host& host) {
   const bool hasAddress = !host.address.empty();
-  const std::string error = URL::findError(hasAddress ? host.address : host.name);
-  if (error.empty()) {
-    return true;
+  const std::string& reached = hasAddress ? host.address : host.name;
+  host.url = URL(reached);
+  if (!host.url.getHost().empty()) {
+    m_host = host;
+    return;
   }
   const std::string reason =
       (hasAddress ? "its address " + quoted(host.address) + " cannot be used: "
                   : "it has no address, and its name cannot stand for one: ") +
-      oneLine(error, MaxSentenceLength);
+      oneLine(URL::findError(reached), MaxSentenceLength);
   report(placeOf(hasAddress ? "address" : "name"),
          "the host entry " + quoted(host.name) + " is left out: " + reason);
   leaveOut(host, reason);
-  return false;
 }
 
 /// Leaves the open entry out for what is inside it: where somebody has written the address there,
@@ -303,9 +304,10 @@ std::string FileReader::abandonHost() {
   return "; the entry is left out";
 }
 
-void FileReader::leaveOut(const ProfileFile::Host& host, const std::string& reason) {
+void FileReader::leaveOut(ProfileFile::Host host, const std::string& reason) {
   if (m_result.leftOut.size() < MaxProblemsPerFile) {
-    m_result.leftOut.push_back({host, reason});
+    host.reason = reason;
+    m_result.leftOut.push_back(std::move(host));
   }
 }
 

@@ -10,6 +10,7 @@
 #include "vpn/Api/ConfigurationFormat.h"
 #include "vpn/Api/FileTrust.h"
 #include "vpn/Api/Preference.h"
+#include "vpn/Common/Utility/URL.h"
 
 /// Something wrong in a file, told so that a person can mend it.
 struct FileProblem {
@@ -31,15 +32,13 @@ struct ProfileFile {
     std::string address;      ///< empty when the entry gives none
     unsigned int line = 0;    ///< of its tag's beginning
     unsigned int column = 0;  ///< the same
+    URL url{};                ///< the address, else the name; empty for an entry that is left out
+    std::string reason{};     ///< why it is left out, as a phrase
   };
-  /// An entry that has a mistake, which is reported.
-  struct LeftOut {
-    Host host;           ///< what could be read of it
-    std::string reason;  ///< why, as a phrase
-  };
-  PreferenceInfo preferences;    ///< what the profile sets
-  std::vector<Host> hosts;       ///< in the order of the file
-  std::vector<LeftOut> leftOut;  ///< the first `MaxProblemsPerFile`
+  PreferenceInfo preferences;  ///< what the profile sets
+  std::vector<Host> hosts;     ///< in the order of the file
+  std::vector<Host> leftOut;   ///< what could be read of those with a mistake, which is reported;
+                               ///< the first `MaxProblemsPerFile`
 };
 
 /// Largest profile or preferences file, in bytes: ten thousand host entries take one.

@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "vpn/Api/ConfigurationText.h"
-#include "vpn/Common/Utility/URL.h"
 
 namespace {
 
@@ -135,13 +134,12 @@ void ProfileMgr::addHeadends(const std::string& profileName,
   profile.preferences.set(
       Preference(EnableAutomaticServerSelection, PreferenceBase::PreferenceEnabled, false));
   for (const auto& [name, address] : headends) {
-    const std::string error = URL::findError(address);
-    if (!error.empty() || URL(address).getHost().empty()) {
+    const URL url(address);
+    if (url.getHost().empty()) {
       report({profileName, 0, 0,
-              "the address " + quoted(address) +
-                  " is left out: " + (error.empty() ? "it names no host" : error)});
+              "the address " + quoted(address) + " is left out: " + URL::findError(address)});
     } else {
-      profile.hosts.push_back({name, address, 0, 0});
+      profile.hosts.push_back({name, address, 0, 0, url});
     }
   }
   addProfile(profileName, profileName, profile);
@@ -198,8 +196,8 @@ void ProfileMgr::addProfile(const std::string& profileName, const std::string& p
   for (const ProfileFile::Host& host : profile.hosts) {
     addHost(profileName, path, host);
   }
-  for (const ProfileFile::LeftOut& entry : profile.leftOut) {
-    leaveOut(profileName, path, entry.host, entry.reason);
+  for (const ProfileFile::Host& host : profile.leftOut) {
+    leaveOut(profileName, path, host);
   }
 }
 
@@ -216,21 +214,23 @@ void ProfileMgr::addHost(const std::string& profileName, const std::string& path
   }
   const auto [known, isNew] = m_hostProfileMap.emplace(host.name, nullptr);
   if (!isNew) {
-    const std::string reason = "the name belongs to the entry in " +
-                               placeOf(known->second->getProfileName(), known->second->getLine());
+    ProfileFile::Host other = host;
+    other.reason = "the name belongs to the entry in " +
+                   placeOf(known->second->getProfileName(), known->second->getLine());
     report({path, host.line, host.column,
-            "the host entry " + quoted(host.name) + " is left out: " + reason});
-    leaveOut(profileName, path, host, reason);
+            "the host entry " + quoted(host.name) + " is left out: " + other.reason});
+    leaveOut(profileName, path, other);
     return;
   }
-  m_hosts.push_back(std::make_unique<HostProfile>(profileName, host.name, host.address, host.line));
+  m_hosts.push_back(
+      std::make_unique<HostProfile>(profileName, host.name, host.address, host.line, host.url));
   known->second = m_hosts.back().get();
 }
 
 void ProfileMgr::leaveOut(const std::string& profileName, const std::string& path,
-                          const ProfileFile::Host& host, const std::string& reason) {
+                          const ProfileFile::Host& host) {
   if (m_leftOut.size() < MaxProblems) {
-    m_leftOut.push_back({profileName, path, host, reason});
+    m_leftOut.push_back({profileName, path, host});
   }
 }
 

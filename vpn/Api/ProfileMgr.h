@@ -87,8 +87,7 @@ class ProfileMgr {
   struct LeftOutHost {
     std::string profileName;  ///< of the profile that holds it
     std::string path;         ///< of that profile's file
-    ProfileFile::Host host;   ///< what could be read of it
-    std::string reason;       ///< why it is in none, as a phrase
+    ProfileFile::Host host;   ///< what could be read of it, and why it is in none
   };
 
   /// Entries that have a mistake or another's name, `MaxProblems` at most.
@@ -109,7 +108,7 @@ class ProfileMgr {
   void addHost(const std::string& profileName, const std::string& path,
                const ProfileFile::Host& host);
   void leaveOut(const std::string& profileName, const std::string& path,
-                const ProfileFile::Host& host, const std::string& reason);
+                const ProfileFile::Host& host);
   void reportConflicts();
   void report(const FileProblem& problem);
   void report(const std::vector<FileProblem>& problems);

@@ -15,9 +15,6 @@ std::string takeProxyChoice(const std::string& text,
   if (error.empty() && !url.getLocation().empty() && url.getLocation() != "/") {
     error = "a proxy has no path.";
   }
-  if (error.empty() && url.getHost().empty()) {
-    error = "it names no host.";
-  }
   if (!error.empty()) {
     return error +
            " A proxy is a name, an IPv4 address or an IPv6 address in brackets, with its port, "

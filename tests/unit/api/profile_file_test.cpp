@@ -143,9 +143,9 @@ TEST_F(ProfileFileTest, EntriesWithAMistakeAreKeptAsideWithTheReason) {
       read(profileWithHosts("<host name=\"a\" address=\"g w\"/><host name=\"b\" adress=\"gw\"/>"));
   EXPECT_THAT(reading.profile.hosts, IsEmpty());
   ASSERT_THAT(reading.profile.leftOut, SizeIs(2));
-  EXPECT_EQ(reading.profile.leftOut[0].host.name, "a");
+  EXPECT_EQ(reading.profile.leftOut[0].name, "a");
   EXPECT_THAT(reading.profile.leftOut[0].reason, testing::HasSubstr("\"g w\" cannot be used"));
-  EXPECT_EQ(reading.profile.leftOut[1].host.name, "b");
+  EXPECT_EQ(reading.profile.leftOut[1].name, "b");
   EXPECT_EQ(reading.profile.leftOut[1].reason, "it has a mistake");
 }
 
@@ -423,7 +423,7 @@ TEST_F(ProfileFileTest,
       "<host name=\"gw8\"><address>real</address></host>\n<host name=\"b\"> <!-- --> </host>"));
   EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("b"));
   ASSERT_THAT(reading.profile.leftOut, SizeIs(1));
-  EXPECT_EQ(reading.profile.leftOut[0].host.name, "gw8");
+  EXPECT_EQ(reading.profile.leftOut[0].name, "gw8");
   EXPECT_THAT(reading.problems,
               ElementsAre(ProblemAt(4, Pieces{"<address> inside <host>", "as an attribute",
                                               "the entry is left out"})));

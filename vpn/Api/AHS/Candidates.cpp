@@ -7,13 +7,40 @@
 
 #include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/PreferenceMgr.h"
-#include "vpn/Common/Utility/URL.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
 
 using SelectionRules::Participation;
+
+Participation participationOf(const HostInitSettings* settings) {
+  return settings == nullptr ? Participation::NotSet : SelectionRules::participationOf(*settings);
+}
+
+/// Calls `take` with each host entry and the settings of its profile, null if that is not known.
+void visit(const ProfileMgr& profiles, auto take) {
+  for (const auto& [name, host] : profiles.getHostProfileMap()) {
+    if (host != nullptr) {
+      const auto profile = profiles.getFileInitMap().find(profiles.getProfileNameFromHost(name));
+      take(*host, profile == profiles.getFileInitMap().end() ? nullptr : profile->second);
+    }
+  }
+}
+
+/// The profiles of the process, as long as it lives.
+class Profiles {
+ public:
+  /// Null if there are none.
+  const ProfileMgr* get() const {
+    ProfileMgr* profiles = nullptr;
+    return m_preferences == nullptr || m_preferences->getProfileMgr(profiles) != 0 ? nullptr
+                                                                                   : profiles;
+  }
+
+ private:
+  const CInstanceSmartPtr<PreferenceMgr> m_preferences;
+};
 
 /// Why the hosts of a profile take part, or do not.
 std::string reasonOf(const HostInitSettings& settings, Participation participation) {
@@ -30,19 +57,16 @@ std::string reasonOf(const HostInitSettings& settings, Participation participati
                                                      : " and not user-controllable");
 }
 
-HostEntry entryOf(const ProfileMgr& profiles, const HostProfile& host) {
-  const std::string profileName = profiles.getProfileNameFromHost(host.getHostName());
-  const auto profile = profiles.getFileInitMap().find(profileName);
-  const bool isKnown = profile != profiles.getFileInitMap().end();
-  const Participation participation =
-      isKnown ? SelectionRules::participationOf(*profile->second) : Participation::NotSet;
+HostEntry entryOf(const ProfileMgr& profiles, const HostProfile& host,
+                  const HostInitSettings* settings) {
+  const Participation participation = participationOf(settings);
   return {host.getHostName(),
-          profileName,
-          host.getLine() != 0 ? profiles.getProfilePath(profileName) : "",
+          host.getProfileName(),
+          host.getLine() != 0 ? profiles.getProfilePath(host.getProfileName()) : "",
           host.getLine(),
           SelectionRules::addressOf(host),
           SelectionRules::takesPart(participation),
-          isKnown ? reasonOf(*profile->second, participation) : "there is no such profile"};
+          settings != nullptr ? reasonOf(*settings, participation) : "there is no such profile"};
 }
 
 HostEntry entryOf(const ProfileMgr::LeftOutHost& leftOut) {
@@ -53,7 +77,7 @@ HostEntry entryOf(const ProfileMgr::LeftOutHost& leftOut) {
           host.line,
           host.address.empty() ? host.name : host.address,
           false,
-          "left out: " + leftOut.reason};
+          "left out: " + host.reason};
 }
 
 }  // namespace
@@ -65,8 +89,7 @@ Place placeOf(const std::string& host, unsigned short port) {
   return {host, port};
 }
 
-Candidate candidateOf(const std::string& name, const std::string& address) {
-  const URL url(address);
+Candidate candidateOf(const std::string& name, const URL& url) {
   const auto port = static_cast<unsigned short>(SelectionRules::portOf(url));
   return {name, url.getHostAndPort(false), placeOf(url.getHost(), port)};
 }
@@ -80,17 +103,14 @@ std::string nameBeside(const std::string& headend, const std::string& name) {
 
 std::vector<HostEntry> findHostEntries() {
   std::vector<HostEntry> entries;
-  const CInstanceSmartPtr<PreferenceMgr> preferences;
-  ProfileMgr* profiles = nullptr;
-  if (preferences == nullptr || preferences->getProfileMgr(profiles) != 0 || profiles == nullptr) {
+  const Profiles profiles;
+  if (profiles.get() == nullptr) {
     return entries;
   }
-  for (const auto& [name, host] : profiles->getHostProfileMap()) {
-    if (host != nullptr) {
-      entries.push_back(entryOf(*profiles, *host));
-    }
-  }
-  for (const ProfileMgr::LeftOutHost& host : profiles->getLeftOutHosts()) {
+  visit(*profiles.get(), [&](const HostProfile& host, const HostInitSettings* settings) {
+    entries.push_back(entryOf(*profiles.get(), host, settings));
+  });
+  for (const ProfileMgr::LeftOutHost& host : profiles.get()->getLeftOutHosts()) {
     entries.push_back(entryOf(host));
   }
   std::stable_sort(entries.begin(), entries.end(),
@@ -98,11 +118,19 @@ std::vector<HostEntry> findHostEntries() {
   return entries;
 }
 
-std::size_t countTakingPart(const ProfileMgr& profiles) {
-  const auto& hosts = profiles.getHostProfileMap();
-  return static_cast<std::size_t>(std::ranges::count_if(hosts, [&profiles](const auto& entry) {
-    return entry.second != nullptr && entryOf(profiles, *entry.second).takesPart;
-  }));
+std::vector<Candidate> findCandidates(const ProfileMgr& profiles) {
+  std::vector<Candidate> candidates;
+  visit(profiles, [&](const HostProfile& host, const HostInitSettings* settings) {
+    if (SelectionRules::takesPart(participationOf(settings))) {
+      candidates.push_back(candidateOf(host.getHostName(), host.getUrl()));
+    }
+  });
+  return candidates;
+}
+
+std::vector<Candidate> findCandidates() {
+  const Profiles profiles;
+  return profiles.get() == nullptr ? std::vector<Candidate>() : findCandidates(*profiles.get());
 }
 
 const Candidate* findNamed(const std::string& name, const std::vector<Candidate>& candidates) {
@@ -111,14 +139,4 @@ const Candidate* findNamed(const std::string& name, const std::vector<Candidate>
     return CStringUtils::toLower(candidate.name) == wanted;
   });
   return found == candidates.end() ? nullptr : &*found;
-}
-
-std::vector<Candidate> findCandidates() {
-  std::vector<Candidate> candidates;
-  for (const HostEntry& entry : findHostEntries()) {
-    if (entry.takesPart) {
-      candidates.push_back(candidateOf(entry.name, entry.address));
-    }
-  }
-  return candidates;
 }

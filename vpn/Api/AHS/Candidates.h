@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "vpn/Common/Utility/URL.h"
+
 class ProfileMgr;
 
 /// A host and the port that is probed there: what tells a probe's headend. An IPv6 address stands
@@ -32,7 +34,7 @@ struct HostEntry {
 Place placeOf(const std::string& host, unsigned short port);
 
 /// The headend at an address.
-Candidate candidateOf(const std::string& name, const std::string& address);
+Candidate candidateOf(const std::string& name, const URL& url);
 
 /// The name of a host entry as it is told beside its headend's address; empty where it is no name
 /// but the address itself, in whichever spelling.
@@ -44,11 +46,12 @@ std::string nameBeside(const std::string& headend, const std::string& name);
 /// there is none.
 std::vector<HostEntry> findHostEntries();
 
-/// How many host entries of some profiles take part in automatic selection.
-std::size_t countTakingPart(const ProfileMgr& profiles);
-
 /// The candidate of a host entry's name, in any letter case; null if there is none.
 const Candidate* findNamed(const std::string& name, const std::vector<Candidate>& candidates);
 
-/// The headends that take part in automatic selection, in the order in which a run takes them.
+/// The headends that take part in automatic selection, in the order in which a run takes them; of
+/// some profiles, or of the process's.
+/// @{
+std::vector<Candidate> findCandidates(const ProfileMgr& profiles);
 std::vector<Candidate> findCandidates();
+/// @}

@@ -221,16 +221,12 @@ std::unique_ptr<ProxyIfc> providerFor(const ahs_request& request, bool isSystemP
   const std::string host = isSystemProxy ? CProxyProvider::SystemHost : "";
   if (request.proxy_user == nullptr || *request.proxy_user == '\0') {
     const bool isNeeded = isSystemProxy || request.proxy_type == AHS_PROXY_NONE;
-    return isNeeded ? std::make_unique<CNoProxyProvider>(host) : nullptr;
+    return isNeeded ? std::make_unique<CProxyProvider>(NoProxy, Secret(), Secret(), host) : nullptr;
   }
   const Secret user(request.proxy_user);
   const Secret password(request.proxy_password == nullptr ? "" : request.proxy_password);
-  switch (request.proxy_type) {
-    case AHS_PROXY_NTLM:
-      return std::make_unique<CNtlmProxyProvider>(user, password, host);
-    case AHS_PROXY_KERBEROS:
-      return std::make_unique<CKerberosProxyProvider>(user, password, host);
-    default:
-      return std::make_unique<CBasicProxyProvider>(user, password, host);
-  }
+  const ProxyType type = request.proxy_type == AHS_PROXY_NTLM       ? NTLMProxy
+                         : request.proxy_type == AHS_PROXY_KERBEROS ? KerberosProxy
+                                                                    : BasicProxy;
+  return std::make_unique<CProxyProvider>(type, user, password, host);
 }

@@ -95,12 +95,12 @@ class Client : public ClientIfcBase {
 
 ProxyIfc* makeProvider(const std::string& scheme, const Secret& user, const Secret& password) {
   if (scheme == "ntlm") {
-    return new CNtlmProxyProvider(user, password);
+    return new CProxyProvider(NTLMProxy, user, password);
   }
   if (scheme == "kerberos") {
-    return new CKerberosProxyProvider(user, password);
+    return new CProxyProvider(KerberosProxy, user, password);
   }
-  return new CBasicProxyProvider(user, password);
+  return new CProxyProvider(BasicProxy, user, password);
 }
 
 /// A whole selection: nothing of it is left when this returns.

@@ -402,7 +402,7 @@ SquidProxy::Settings squidWithRealm(const std::string& realm) {
 /// Asks the user and the password of the one before.
 void logInToSquid(Scene& scene, const std::string& realm, const std::string& password) {
   scene.Override(scene.Squid(squidWithRealm(realm)).Where());
-  scene.Provider(new CBasicProxyProvider(User, password));
+  scene.Provider(new CProxyProvider(BasicProxy, User, password));
 }
 
 /// That a tunnel through squid carried the test ping, and nothing of the log-in went beyond squid.
@@ -466,7 +466,7 @@ const Case Cases[] = {
        SquidProxy::Settings settings = squidWithRealm("Office");
        settings.tunnelPort = 563;
        scene.Override(scene.Squid(settings).Where());
-       scene.Provider(new CBasicProxyProvider(User, Password));
+       scene.Provider(new CProxyProvider(BasicProxy, User, Password));
      }},
     {"squid at an IPv6 address, no log-in",
      [](Scene& scene) {
@@ -484,7 +484,7 @@ const Case Cases[] = {
        settings.address = "::1";
        if (scene.skip.empty()) {
          scene.Override(scene.Squid(settings).Where());
-         scene.Provider(new CBasicProxyProvider(User, Password));
+         scene.Provider(new CProxyProvider(BasicProxy, User, Password));
          expectTunnel(scene);
        }
      }},
@@ -492,16 +492,16 @@ const Case Cases[] = {
      [](Scene& scene) {
        scene.Environment("https_proxy",
                          "http://" + scene.Squid(squidWithRealm("Office")).Address());
-       scene.Provider(new CBasicProxyProvider(User, Password, "from.the.system"));
+       scene.Provider(new CProxyProvider(BasicProxy, User, Password, "from.the.system"));
        expectTunnel(scene);
      }},
     {"squid in the environment (http_proxy), no log-in",
      [](Scene& scene) {
        scene.Environment("http_proxy", "http://" + scene.Squid(squidWithRealm("Office")).Address());
-       scene.Provider(new CNoProxyProvider("from.the.system"));
+       scene.Provider(new CProxyProvider(NoProxy, {}, {}, "from.the.system"));
      }},
     {"none in the system's settings",
-     [](Scene& scene) { scene.Provider(new CNoProxyProvider("from.the.system")); }},
+     [](Scene& scene) { scene.Provider(new CProxyProvider(NoProxy, {}, {}, "from.the.system")); }},
     {"the system's settings wait for a PAC file that never comes",
      [](Scene& scene) {
        const unsigned short silent =
@@ -509,7 +509,7 @@ const Case Cases[] = {
        scene.Environment("http_proxy",
                          "pac+http://127.0.0.1:" + std::to_string(silent) + "/proxy.pac");
        scene.Set("SelectionTestPingTimeout", "1");
-       scene.Provider(new CNoProxyProvider("from.the.system"));
+       scene.Provider(new CProxyProvider(NoProxy, {}, {}, "from.the.system"));
      }},
     {"refuses the connection",
      [](Scene& scene) {
@@ -564,13 +564,13 @@ const Case Cases[] = {
     {"asks for NTLM, right password",
      [](Scene& scene) {
        scene.Override(scene.Scripted(ntlmProxy(true)));
-       scene.Provider(new CNtlmProxyProvider(User, Password));
+       scene.Provider(new CProxyProvider(NTLMProxy, User, Password));
        expectNtlmHandshake(scene);
      }},
     {"asks for NTLM, wrong password",
      [](Scene& scene) {
        scene.Override(scene.Scripted(ntlmProxy(false)));
-       scene.Provider(new CNtlmProxyProvider(User, Password));
+       scene.Provider(new CProxyProvider(NTLMProxy, User, Password));
        expectNtlmHandshake(scene);
      }},
     {"squid that asks for NTLM, right password",
@@ -578,14 +578,14 @@ const Case Cases[] = {
        SquidProxy::Settings settings;
        settings.ntlm = true;
        scene.Override(scene.Squid(settings).Where());
-       scene.Provider(new CNtlmProxyProvider(User, Password));
+       scene.Provider(new CProxyProvider(NTLMProxy, User, Password));
        expectTunnel(scene);
      }},
     {"asks for Negotiate, no ticket",
      [](Scene& scene) {
        scene.Override(scene.Scripted(
            [](const std::string&) { return challenge("Proxy-Authenticate: Negotiate\r\n"); }));
-       scene.Provider(new CKerberosProxyProvider(User));
+       scene.Provider(new CProxyProvider(KerberosProxy, User));
        scene.checkAfterwards = [&scene] {
          EXPECT_EQ(2U, scene.log.all().size());
          EXPECT_THAT(scene.log.all(), Each(Not(HasSubstr("Authorization"))));
@@ -600,14 +600,14 @@ const Case Cases[] = {
                           "Proxy-Authenticate: Negotiate\r\n"
                           "Proxy-Authenticate: Basic realm=\"Office\"\r\n");
        }));
-       scene.Provider(new CBasicProxyProvider(User, Password));
+       scene.Provider(new CProxyProvider(BasicProxy, User, Password));
      }},
     {"asks for a way to log in that is not known",
      [](Scene& scene) {
        scene.Override(scene.Scripted([](const std::string&) {
          return challenge("Proxy-Authenticate: Digest realm=\"Office\", nonce=\"n\"\r\n");
        }));
-       scene.Provider(new CBasicProxyProvider(User, Password));
+       scene.Provider(new CProxyProvider(BasicProxy, User, Password));
      }},
 };
 

@@ -54,48 +54,30 @@ bool isSame(const struct stat& a, const struct stat& b) {
   return a.st_size == b.st_size && equal(a.st_mtim, b.st_mtim) && equal(a.st_ctim, b.st_ctim);
 }
 
-unsigned char byteAt(std::string_view text, std::size_t index) {
-  return static_cast<unsigned char>(text[index]);
-}
+bool continues(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; }
 
-std::size_t announcedLength(unsigned char lead) {
+/// The length of the UTF-8 sequence that begins `text` (RFC 3629, section 4); 0 if none does.
+std::size_t utf8Length(std::string_view text) {
+  const auto lead = static_cast<unsigned char>(text.front());
   if (lead < 0x80) {
     return 1;
   }
-  if (lead < 0xC2 || lead > 0xF4) {
+  const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  if (lead < 0xC2 || lead > 0xF4 || text.size() < length ||
+      !std::ranges::all_of(text.substr(1, length - 1), continues)) {
     return 0;
   }
-  return lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-}
-
-/// The length of the UTF-8 sequence at `index` (RFC 3629, section 4); 0 if it is none.
-std::size_t utf8Length(std::string_view text, std::size_t index) {
-  const unsigned char lead = byteAt(text, index);
-  const std::size_t length = announcedLength(lead);
-  if (length <= 1) {
-    return length;
-  }
-  if (text.size() - index < length) {
-    return 0;
-  }
+  // A longer form of a shorter one, a surrogate, or beyond Unicode.
+  const auto next = static_cast<unsigned char>(text[1]);
   const unsigned char least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
   const unsigned char most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-  if (byteAt(text, index + 1) < least || byteAt(text, index + 1) > most) {
-    return 0;
-  }
-  for (std::size_t i = 2; i < length; ++i) {
-    if ((byteAt(text, index + i) & 0xC0U) != 0x80) {
-      return 0;
-    }
-  }
-  return length;
+  return next < least || next > most ? 0 : length;
 }
 
 /// How many characters a piece of UTF-8 has: what continues one is none of its own.
 unsigned int characters(std::string_view text) {
-  return static_cast<unsigned int>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;
-  }));
+  return static_cast<unsigned int>(text.size()) -
+         static_cast<unsigned int>(std::ranges::count_if(text, continues));
 }
 
 }  // namespace
@@ -156,7 +138,7 @@ ConfigurationBytes::ByteProblem ConfigurationBytes::findByteProblem(std::string_
   PlaceFinder places(contents);
   std::size_t lastOpen = 0;
   for (std::size_t i = 0; i < contents.size();) {
-    const std::size_t length = utf8Length(contents, i);
+    const std::size_t length = utf8Length(contents.substr(i));
     if (length == 0 || contents[i] == '\0') {
       return {places.placeOf(i), "the byte " +
                                      CStringUtils::printable(std::string(1, contents[i])) +

@@ -1,5 +1,5 @@
-// The ready-made proxy providers. They differ in nothing but their type: the credentials lie in
-// wiping holders from construction to destruction and leave them only as wiping copies.
+// The ready-made proxy provider. The credentials lie in wiping holders from construction to
+// destruction and leave them only as wiping copies.
 
 #include "vpn/Api/ProxyProviders.h"
 
@@ -25,21 +25,3 @@ ProxyIfc::UnprotectedCredential CProxyProvider::getProxyPswd() {
 std::string CProxyProvider::getProxyHost() { return m_host; }
 
 ProxyType CProxyProvider::getProxyType() { return m_type; }
-
-CBasicProxyProvider::CBasicProxyProvider(const SecureString<std::string>& user,
-                                         const SecureString<std::string>& pswd,
-                                         const std::string& host)
-    : CProxyProvider(BasicProxy, user, pswd, host) {}
-
-CNtlmProxyProvider::CNtlmProxyProvider(const SecureString<std::string>& user,
-                                       const SecureString<std::string>& pswd,
-                                       const std::string& host)
-    : CProxyProvider(NTLMProxy, user, pswd, host) {}
-
-CKerberosProxyProvider::CKerberosProxyProvider(const SecureString<std::string>& user,
-                                               const SecureString<std::string>& pswd,
-                                               const std::string& host)
-    : CProxyProvider(KerberosProxy, user, pswd, host) {}
-
-CNoProxyProvider::CNoProxyProvider(const std::string& host)
-    : CProxyProvider(NoProxy, {}, {}, host) {}

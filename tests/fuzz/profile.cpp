@@ -41,7 +41,7 @@ Reading read(const std::string& text) {
 }
 
 std::string addressOf(const ProfileFile::Host& host) {
-  return host.address.find_first_not_of(" \t\r\n") == std::string::npos ? host.name : host.address;
+  return host.address.empty() ? host.name : host.address;
 }
 
 void requireUsable(const ProfileFile& profile) {
@@ -51,7 +51,8 @@ void requireUsable(const ProfileFile& profile) {
     REQUIRE(host.name.find_first_not_of(' ') != std::string::npos);
     REQUIRE(host.name.size() <= MaxHostNameLength);
     REQUIRE(URL::findError(addressOf(host)).empty());
-    REQUIRE(!URL(addressOf(host)).getHostAndPort(false).empty());
+    REQUIRE(!host.url.getHostAndPort(false).empty());
+    REQUIRE(host.url.getHostAndPort(true) == URL(addressOf(host)).getHostAndPort(true));
   }
   for (const auto& [id, preference] : profile.preferences.all()) {
     const PreferenceBase::Definition& definition = *PreferenceBase::find(id);

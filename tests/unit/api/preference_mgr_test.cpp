@@ -89,16 +89,6 @@ TEST_F(PreferenceMgrTest, WithoutFilesEveryPreferenceHasItsDefault) {
   EXPECT_THAT(preferences->getProblems(), IsEmpty());
 }
 
-TEST_F(PreferenceMgrTest, TheUsersValueGoesBeforeTheGlobalOneAndThatBeforeTheDefault) {
-  writeUser(preferenceElement("SelectionImprovement", "5"));
-  writeGlobal(preferenceElement("SelectionImprovement", "6") +
-              preferenceElement("SelectionClearCache", "7"));
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5");
-  EXPECT_EQ(valueOf(preferences, SelectionClearCache), "7");
-  EXPECT_EQ(valueOf(preferences, SelectionMaxResults), "100");
-}
-
 TEST_F(PreferenceMgrTest, ANumberThatIsNotAllowedStandsAsItIsWritten) {
   writeUser(preferenceElement("SelectionImprovement", "5000"));
   writeGlobal(preferenceElement("SelectionImprovement", "6"));
@@ -139,33 +129,6 @@ TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesGoesBeforeBothFiles) {
   EXPECT_EQ(global->getProxyPort(), "");
 }
 
-TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesNeedsNoFile) {
-  m_sources.preferences = {{ProxySettings, "override"}, {ProxyHost, "proxy2"}, {ProxyPort, "8080"}};
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyOverride);
-  EXPECT_EQ(valueOf(preferences, ProxyHost), "proxy2");
-  EXPECT_EQ(valueOf(preferences, ProxyPort), "8080");
-  EXPECT_THAT(preferences->getProblems(), IsEmpty());
-}
-
-TEST_F(PreferenceMgrTest, ACallerWithoutAProxyGoesBeforeBothFiles) {
-  writeUser(preferenceElement("ProxySettings", "override"));
-  writeGlobal(preferenceElement("ProxySettings", "override") +
-              preferenceElement("ProxyHost", "proxy1"));
-  m_sources.preferences = {{ProxySettings, "none"}};
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyNone);
-}
-
-TEST_F(PreferenceMgrTest, AChoiceOfAProxyLeavesTheOtherPreferencesAsTheyAre) {
-  writeUser(preferenceElement("SelectionImprovement", "5"));
-  writeGlobal(preferenceElement("SelectionClearCache", "7"));
-  m_sources.preferences = {{ProxySettings, "override"}, {ProxyHost, "proxy2"}, {ProxyPort, "8080"}};
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5");
-  EXPECT_EQ(valueOf(preferences, SelectionClearCache), "7");
-}
-
 TEST_F(PreferenceMgrTest, ANumberThatIsNoPreferenceIsRefused) {
   const ScopedPreferenceMgr preferences(m_sources);
   std::string value = "untouched";
@@ -186,25 +149,6 @@ TEST_F(PreferenceMgrTest, EachScopeHasItsParsedFile) {
   EXPECT_EQ(user->getProxyPort(), "");
   EXPECT_EQ(global->getProxyHost(), "proxy1");
   EXPECT_EQ(global->getProxyPort(), "3128");
-}
-
-TEST_F(PreferenceMgrTest, AScopeWithoutAFileHasAnEmptyOne) {
-  m_sources.globalPreferencesFile = m_directory.File("none.xml");
-  const ScopedPreferenceMgr preferences(m_sources);
-  UserPreferences* global = nullptr;
-  ASSERT_EQ(preferences->getParsedPreferenceFile(Global, global), PREFERENCEMGR_SUCCESS);
-  ASSERT_NE(global, nullptr);
-  EXPECT_EQ(global->getProxyHost(), "");
-  EXPECT_THAT(preferences->getProblems(), IsEmpty());
-}
-
-TEST_F(PreferenceMgrTest, TheProfilesOfTheDirectoryAreItsProfiles) {
-  m_sources.profileDirectory = m_directory.MakeDirectory("profiles");
-  m_directory.Write("profiles/europe.xml", profileWithHosts("<host name=\"gw\"/>"));
-  const ScopedPreferenceMgr preferences(m_sources);
-  ProfileMgr* profiles = nullptr;
-  ASSERT_EQ(preferences->getProfileMgr(profiles), PREFERENCEMGR_SUCCESS);
-  EXPECT_THAT(profiles->getHostProfileMap(), ElementsAre(Key("gw")));
 }
 
 TEST_F(PreferenceMgrTest, GivenHeadendsStandBesideTheProfilesAndHaveNamesFirst) {

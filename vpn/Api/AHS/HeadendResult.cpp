@@ -4,7 +4,9 @@
 #include "vpn/Api/AHS/HeadendResult.h"
 
 #include <algorithm>
+#include <utility>
 
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -17,48 +19,33 @@ HeadendOutcome outcomeOfMeasured(const SelectionRecord::Track& track) {
   return outcomeOfStatus(last == track.ended.rend() ? HTTP_SESSION_SUCCESS : last->status);
 }
 
-class Collector {
- public:
-  Collector(const std::map<Place, SelectionRecord::Track>& tracks,
-            const std::vector<CHeadendRTT>& measured, bool fromCache)
-      : m_tracks(tracks), m_fromCache(fromCache) {
-    for (const CHeadendRTT& record : measured) {
-      const auto [entry, isNew] = m_metrics.emplace(record.GetHeadend(), record.GetRTT());
-      entry->second = std::min(entry->second, record.GetRTT());
-    }
+HeadendResult resultOf(const Candidate& candidate, const SelectionRecord::Track* track,
+                       std::optional<unsigned int> metricMs, bool fromCache) {
+  HeadendResult result;
+  result.headend = candidate.headend;
+  result.name = candidate.name;
+  result.metricMs = metricMs;
+  result.outcome = outcomeOf(track, metricMs.has_value(), fromCache);
+  if (track != nullptr) {
+    result.probes = track->ended;
   }
-
-  HeadendResult resultOf(const std::string& headend, const Candidate* candidate) const {
-    HeadendResult result;
-    result.headend = headend;
-    result.name = candidate == nullptr ? headend : candidate->name;
-    const auto metric = m_metrics.find(headend);
-    if (metric != m_metrics.end()) {
-      result.metricMs = metric->second;
-    }
-    const SelectionRecord::Track* track = trackOf(candidate);
-    result.outcome = outcomeOf(track, result.metricMs.has_value(), m_fromCache);
-    if (track != nullptr) {
-      result.probes = track->ended;
-    }
-    for (const HttpProbe::Report& probe : result.probes) {
-      if (SelectionRecord::isSample(probe.status)) {
-        result.samplesMs.push_back(probe.rttMs);
-      }
-    }
-    return result;
+  SelectionRules::Tally tally;
+  for (const HttpProbe::Report& probe : result.probes) {
+    tally.take(probe.status, probe.rttMs);
   }
+  result.samplesMs = std::move(tally.samplesMs);
+  return result;
+}
 
- private:
-  const SelectionRecord::Track* trackOf(const Candidate* candidate) const {
-    const auto track = candidate == nullptr ? m_tracks.end() : m_tracks.find(candidate->place);
-    return track == m_tracks.end() ? nullptr : &track->second;
+/// The metric of each headend; of several the smallest.
+std::map<std::string, unsigned int> metricsOf(const std::vector<CHeadendRTT>& measured) {
+  std::map<std::string, unsigned int> metrics;
+  for (const CHeadendRTT& record : measured) {
+    const auto [entry, isNew] = metrics.emplace(record.GetHeadend(), record.GetRTT());
+    entry->second = std::min(entry->second, record.GetRTT());
   }
-
-  const std::map<Place, SelectionRecord::Track>& m_tracks;
-  const bool m_fromCache;
-  std::map<std::string, unsigned int> m_metrics;
-};
+  return metrics;
+}
 
 }  // namespace
 
@@ -144,14 +131,20 @@ std::vector<HeadendResult> collectResults(const std::vector<std::string>& headen
   for (const Candidate& candidate : candidates) {
     waiting.emplace(candidate.headend, &candidate);
   }
-  const Collector collector(tracks, measured, fromCache);
+  const std::map<std::string, unsigned int> metrics = metricsOf(measured);
   std::vector<HeadendResult> results;
   const auto tell = [&](const std::string& headend) {
     const auto found = waiting.find(headend);
-    if (found != waiting.end()) {
-      results.push_back(collector.resultOf(headend, found->second));
-      waiting.erase(found);
+    if (found == waiting.end()) {
+      return;
     }
+    const Candidate& candidate = *found->second;
+    waiting.erase(found);
+    const auto metric = metrics.find(headend);
+    const auto track = tracks.find(candidate.place);
+    results.push_back(resultOf(
+        candidate, track == tracks.end() ? nullptr : &track->second,
+        metric == metrics.end() ? std::nullopt : std::optional(metric->second), fromCache));
   };
   std::for_each(headends.begin(), headends.end(), tell);
   for (const Candidate& candidate : candidates) {

@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "cli/CommandTree.h"
-#include "cli/select/SelectOptions.h"
+#include "cli/show/Reasons.h"
 
 namespace {
 

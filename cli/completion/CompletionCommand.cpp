@@ -32,7 +32,7 @@ int printScript(const CLI::App& tool, const std::string& shell) {
 }
 
 struct EntryOptions {
-  SelectOptions files;
+  FileOptions files;
   std::string kind;
   std::string begin;
 };

@@ -23,7 +23,7 @@ constexpr int ExitUnusable = ExitNotMeasured;
 
 struct CacheOptions {
   std::optional<std::string> cacheDirectory;
-  SelectOptions files;
+  FileOptions files;
   bool json = false;
 };
 

@@ -7,7 +7,7 @@
 #include "cli/Console.h"
 #include "vpn/include/InstanceSmartPtr.h"
 
-void addFileOptions(CLI::App& command, SelectOptions& options) {
+void addFileOptions(CLI::App& command, FileOptions& options) {
   command.add_option("--profiles", options.profiles, "Directory of the profiles")
       ->option_text("DIR");
   command.add_option("--preferences", options.preferences, "The user's preferences file")
@@ -40,7 +40,7 @@ bool isResponseMeasured() {
          measure == PreferenceBase::RoundTripResponse;
 }
 
-LoadedFiles::LoadedFiles(const SelectOptions& options, const std::string& command) {
+LoadedFiles::LoadedFiles(const FileOptions& options, const std::string& command) {
   std::vector<std::string> problems;
   const std::string error = makeFilePlan(options, defaultPaths(), m_plan, problems);
   if (!error.empty()) {

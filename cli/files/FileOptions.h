@@ -3,7 +3,7 @@
 #include <set>
 #include <string>
 
-#include "cli/select/SelectOptions.h"
+#include "cli/files/FilePlan.h"
 
 namespace CLI {
 class App;
@@ -11,7 +11,7 @@ class App;
 
 /// Adds the options that say where profiles and preferences are: --profiles, --preferences,
 /// --global-preferences, --trust-profiles.
-void addFileOptions(CLI::App& command, SelectOptions& options);
+void addFileOptions(CLI::App& command, FileOptions& options);
 
 /// Says on standard error what is wrong in the files that the process has read: a profile that is
 /// skipped in silence is missed.
@@ -27,7 +27,7 @@ class LoadedFiles {
  public:
   /// Reads the files that the options name, and tells on standard error what is wrong in them.
   /// @param command for messages: "ahs profile list".
-  LoadedFiles(const SelectOptions& options, const std::string& command);
+  LoadedFiles(const FileOptions& options, const std::string& command);
   ~LoadedFiles();
   LoadedFiles(const LoadedFiles&) = delete;
   LoadedFiles& operator=(const LoadedFiles&) = delete;
@@ -38,6 +38,6 @@ class LoadedFiles {
   const std::string& profilePlaces() const { return m_plan.profilePlaces; }
 
  private:
-  SelectPlan m_plan;
+  FilePlan m_plan;
   bool m_isLoaded = false;
 };

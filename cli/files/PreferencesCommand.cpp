@@ -120,7 +120,7 @@ std::string showJson(const std::vector<Effective>& all) {
   return jsonText(object);
 }
 
-int runShow(const SelectOptions& options) {
+int runShow(const FileOptions& options) {
   const LoadedFiles files(options, "ahs preferences show");
   if (!files.areThere()) {
     return ExitUsage;
@@ -136,7 +136,7 @@ void addPreferencesCommand(CLI::App& tool, ChosenCommand& chosen) {
   preferences->require_subcommand(1);
   CLI::App* command = preferences->add_subcommand(
       "show", "Print the value of every preference, where it comes from, and what it goes before");
-  const auto options = std::make_shared<SelectOptions>();
+  const auto options = std::make_shared<FileOptions>();
   addFileOptions(*command, *options);
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer("Exit status: 0 printed, 2 usage.");

@@ -35,9 +35,9 @@ int showCheck(const CheckOptions& options, const CheckResult& result) {
 }
 
 int checkWhatASelectionReads(const CheckOptions& options) {
-  SelectOptions files;
+  FileOptions files;
   files.trustProfiles = options.trustProfiles;
-  SelectPlan plan;
+  FilePlan plan;
   std::vector<std::string> none;
   static_cast<void>(makeFilePlan(files, defaultPaths(), plan, none));
   const std::optional<CheckResult> result = checkSources(plan.sources);
@@ -95,7 +95,7 @@ std::string listJson(const std::vector<HostEntry>& entries) {
   return jsonText(object);
 }
 
-int runList(const SelectOptions& options) {
+int runList(const FileOptions& options) {
   const LoadedFiles files(options, "ahs profile list");
   if (!files.areThere()) {
     return ExitUsage;
@@ -129,7 +129,7 @@ void addCheck(CLI::App& profile, ChosenCommand& chosen) {
 void addList(CLI::App& profile, ChosenCommand& chosen) {
   CLI::App* command = profile.add_subcommand(
       "list", "Print every host entry, and whether it takes part in automatic selection");
-  const auto options = std::make_shared<SelectOptions>();
+  const auto options = std::make_shared<FileOptions>();
   command->add_option("--profiles", options->profiles, "Directory of the profiles")
       ->option_text("DIR");
   command->add_flag("--trust-profiles", options->trustProfiles,

@@ -13,7 +13,7 @@
 #include "cli/files/FileOptions.h"
 #include "cli/probe/ProbeOptions.h"
 #include "cli/probe/ProbeReport.h"
-#include "cli/select/SelectionOutput.h"
+#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
@@ -178,7 +178,7 @@ int probe(const ProbePlan& plan, bool isJson) {
 }
 
 int runProbe(const ProbeOptions& options) {
-  SelectPlan files;
+  FilePlan files;
   std::vector<std::string> problems;
   const std::string fileError = makeFilePlan(options.files, defaultPaths(), files, problems);
   if (!fileError.empty()) {

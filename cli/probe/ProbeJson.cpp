@@ -4,7 +4,7 @@
 #include "cli/Json.h"
 #include "cli/probe/ProbeReport.h"
 #include "cli/probe/ProbeText.h"
-#include "cli/select/ReportJson.h"
+#include "cli/show/ReportJson.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {

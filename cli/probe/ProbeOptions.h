@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/select/SelectOptions.h"
+#include "cli/files/FilePlan.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"
 
@@ -16,7 +16,7 @@ struct ProbeOptions {
   std::optional<std::string> timeout;
   bool secure = false;
   bool json = false;
-  SelectOptions files;  ///< the places of profiles and preferences alone
+  FileOptions files;  ///< the places of profiles and preferences alone
 };
 
 /// What is probed, and how: checked and complete.

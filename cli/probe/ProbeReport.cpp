@@ -11,8 +11,8 @@
 #include "cli/Console.h"
 #include "cli/Wording.h"
 #include "cli/probe/ProbeText.h"
-#include "cli/select/SelectionOutput.h"
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
+#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/include/HttpSession.h"

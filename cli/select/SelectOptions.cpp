@@ -3,13 +3,10 @@
 
 #include "cli/select/SelectOptions.h"
 
-#include <algorithm>
-#include <filesystem>
 #include <set>
 
 #include "cli/Console.h"
-#include "cli/Wording.h"
-#include "vpn/Api/ProfileFile.h"
+#include "cli/show/Reasons.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
 
@@ -44,55 +41,6 @@ std::string findLast(const std::string& last, const std::vector<GivenHeadend>& h
     }
   }
   return last;
-}
-
-std::string takeProfiles(const SelectOptions& options, const DefaultPaths& paths,
-                         SelectPlan& plan) {
-  if (options.profiles) {
-    const std::string error = findDirectoryError(*options.profiles);
-    if (!error.empty()) {
-      return "the profile directory " + inQuotes(*options.profiles) + " cannot be used: " + error +
-             ". Name a directory that holds profiles with --profiles, or leave the option out.";
-    }
-    plan.sources.profileDirectory = *options.profiles;
-    plan.profilePlaces = inQuotes(*options.profiles);
-    return "";
-  }
-  std::error_code ignored;
-  const bool hasUserProfiles =
-      !paths.userProfiles.empty() && std::filesystem::exists(paths.userProfiles, ignored);
-  plan.sources.profileDirectory = hasUserProfiles ? paths.userProfiles : paths.systemProfiles;
-  plan.profilePlaces = inQuotes(plan.sources.profileDirectory);
-  if (!hasUserProfiles && !paths.userProfiles.empty()) {
-    plan.profilePlaces = inQuotes(paths.userProfiles) + " and " + inQuotes(paths.systemProfiles);
-  }
-  return "";
-}
-
-std::string takePreferences(const std::optional<std::string>& given, const std::string& standard,
-                            const char* option, bool trusts, std::string& path,
-                            std::vector<std::string>& problems) {
-  path = standard;
-  if (!given) {
-    return "";
-  }
-  const std::string error = findFileError(*given);
-  if (!error.empty()) {
-    return "the preferences file " + inQuotes(*given) + " cannot be used: " + error +
-           ". Name a file that exists with " + option + ", or leave the option out.";
-  }
-  path = *given;
-  PreferenceInfo preferences;
-  std::vector<FileProblem> found;
-  const FileTrust::Check check = trusts ? FileTrust::Check::Waived : FileTrust::Check::Strict;
-  if (readPreferencesFile(*given, preferences, found, check)) {
-    return "";
-  }
-  for (const FileProblem& problem : found) {
-    problems.push_back(Console::visible(problem.toString()));
-  }
-  return "the preferences file " + inQuotes(*given) + " cannot be used. Mend it, or leave out " +
-         option + ".";
 }
 
 std::string takeCache(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan) {
@@ -139,45 +87,6 @@ std::string takeLog(const SelectOptions& options, CAppLog::Targets& log) {
 }
 
 }  // namespace
-
-std::optional<unsigned int> parseReason(const std::string& text) {
-  for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
-    if (text == reasonName(reason) || text == std::to_string(reason)) {
-      return reason;
-    }
-  }
-  return std::nullopt;
-}
-
-std::string reasonName(unsigned int reason) {
-  std::string name = SelectionRules::reasonText(reason);
-  std::ranges::replace(name, ' ', '-');
-  return name;
-}
-
-std::string reasonNames() {
-  std::vector<std::string> names;
-  for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
-    names.push_back(reasonName(reason));
-  }
-  return Wording::joined(names);
-}
-
-std::string makeFilePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
-                         std::vector<std::string>& problems) {
-  plan.sources.trustFiles = options.trustProfiles;
-  std::string error = takeProfiles(options, paths, plan);
-  if (error.empty()) {
-    error = takePreferences(options.preferences, paths.userPreferences, "--preferences",
-                            options.trustProfiles, plan.sources.userPreferencesFile, problems);
-  }
-  if (error.empty()) {
-    error =
-        takePreferences(options.globalPreferences, paths.globalPreferences, "--global-preferences",
-                        options.trustProfiles, plan.sources.globalPreferencesFile, problems);
-  }
-  return error;
-}
 
 std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                      std::vector<std::string>& problems) {

@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "cli/select/Credentials.h"
-#include "cli/select/LiveTable.h"
-#include "cli/select/ProxyLogin.h"
+#include "cli/login/Credentials.h"
+#include "cli/login/ProxyLogin.h"
 #include "cli/select/SelectOptions.h"
-#include "cli/select/SelectionResult.h"
 #include "cli/select/SelectionRun.h"
+#include "cli/show/LiveTable.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/AHS/SelectionRecord.h"

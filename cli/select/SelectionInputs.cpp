@@ -7,6 +7,7 @@
 
 #include "cli/Console.h"
 #include "cli/files/FileOptions.h"
+#include "cli/show/Reasons.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "cli/select/Credentials.h"
+#include "cli/login/Credentials.h"
 #include "cli/select/SelectOptions.h"
 
 namespace CLI {

@@ -1,7 +1,7 @@
 // The ranking as a picture, and the page around it: what a browser test cannot reach, such as names
 // that try to be markup.
 
-#include "cli/select/Chart.h"
+#include "cli/show/Chart.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 
 #include <memory>
 
-#include "cli/select/ResultPage.h"
+#include "cli/show/ResultPage.h"
 #include "tests/unit/cli/some_results.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 

@@ -1,6 +1,6 @@
 // Passwords from files and descriptors: what is taken, what is refused, and how it is told.
 
-#include "cli/select/Credentials.h"
+#include "cli/login/Credentials.h"
 
 #include <errno.h>
 #include <fcntl.h>

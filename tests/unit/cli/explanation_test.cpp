@@ -1,6 +1,6 @@
 // Why a selection came out as it did: the numbers, and the words for them.
 
-#include "cli/select/Explanation.h"
+#include "cli/show/Explanation.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

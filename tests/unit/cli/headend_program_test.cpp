@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/select/HeadendProgram.h"
+#include "cli/exec/HeadendProgram.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "cli/select/NetworkChanges.h"
+#include "cli/watch/NetworkChanges.h"
 #include "tests/support/ChildProcess.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 
-#include "cli/select/ProxyLogin.h"
+#include "cli/login/ProxyLogin.h"
 #include "tests/unit/cli/person.h"
 
 namespace {

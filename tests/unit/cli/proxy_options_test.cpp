@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "cli/select/ProxyOptions.h"
+#include "cli/login/ProxyOptions.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "cli/select/SelectOptions.h"
+#include "cli/show/Reasons.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {

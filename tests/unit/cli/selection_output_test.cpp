@@ -5,7 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cli/select/SelectionOutput.h"
+#include "cli/show/Reasons.h"
+#include "cli/show/SelectionOutput.h"
+#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
 

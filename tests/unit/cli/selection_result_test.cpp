@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/ExitStatus.h"
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
 /// A headend of a result: with a metric it has answered, without one it timed out.

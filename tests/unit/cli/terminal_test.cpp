@@ -1,6 +1,6 @@
 // Questions at a real pseudo-terminal: what is shown, and the state in which it is left.
 
-#include "cli/Terminal.h"
+#include "cli/login/Terminal.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,13 +1,13 @@
 // The login at a proxy. A person is asked only when the options give no password, and what was
 // refused once is never sent again.
 
-#include "cli/select/ProxyLogin.h"
+#include "cli/login/ProxyLogin.h"
 
 #include <utility>
 
 #include "cli/Console.h"
-#include "cli/select/SelectionOutput.h"
 #include "vpn/Api/ProxyProviders.h"
+#include "vpn/Common/Logging/LegibleText.h"
 
 namespace {
 
@@ -15,6 +15,9 @@ namespace {
 constexpr int MostAttempts = 3;
 // How often an answer that no proxy could take is asked for again.
 constexpr int MostQuestions = 3;
+// A realm is told by whoever runs the proxy; more than this is no name.
+constexpr std::size_t MostRealmBytes = 200;
+
 }  // namespace
 
 ProxyLogin::ProxyLogin(const Secret& user, const std::optional<Secret>& password,
@@ -95,4 +98,8 @@ bool ProxyLogin::ask(const std::string& prompt, Terminal::Echo echo,
     m_terminal->say("This cannot be used: " + error);
   }
   return false;
+}
+
+std::string visibleRealm(const std::string& realm) {
+  return Console::visible(legible(realm, MostRealmBytes));
 }

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 
 /// A result as one HTML page that refers to nothing outside and runs no script: the decision in
 /// words, the chart, a table of all headends with their samples and the times of their nearest

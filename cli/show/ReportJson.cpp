@@ -1,8 +1,8 @@
 // A probe as programs read it. Null tells an event that did not happen.
 
-#include "cli/select/ReportJson.h"
+#include "cli/show/ReportJson.h"
 
-#include "cli/select/SelectionOutput.h"
+#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 
 Json millisecondsAsJson(long long microseconds) {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 
 /// A headend whose network answers much sooner than it does itself.
 struct EarlyAnswer {

@@ -1,7 +1,7 @@
 // The ranking as SVG. Coordinates are whole pixels or tenths of one, so that the same result gives
 // the same bytes on every machine; all that came from a file or a network is escaped on its way in.
 
-#include "cli/select/Chart.h"
+#include "cli/show/Chart.h"
 
 #include <stdio.h>
 
@@ -11,7 +11,7 @@
 #include <span>
 
 #include "cli/Console.h"
-#include "cli/select/Explanation.h"
+#include "cli/show/Explanation.h"
 #include "vpn/Common/Logging/LegibleText.h"
 
 namespace {

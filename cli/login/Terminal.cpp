@@ -2,7 +2,7 @@
 // that can wait for the terminal's output, so that the thread that is told of a signal always gets
 // to put it right.
 
-#include "cli/Terminal.h"
+#include "cli/login/Terminal.h"
 
 #include <errno.h>
 #include <fcntl.h>

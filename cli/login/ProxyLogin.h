@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "cli/Terminal.h"
-#include "cli/select/Credentials.h"
+#include "cli/login/Credentials.h"
+#include "cli/login/Terminal.h"
 #include "vpn/Api/ProxyIfc.h"
 
 /// How the command logs in to the proxy: with what the options give, else with what a person types
@@ -44,3 +44,7 @@ class ProxyLogin {
   int m_attempts;
   std::optional<Credentials> m_credentials;
 };
+
+/// A proxy's realm for a person: what could be taken for something else is shown as its code, and a
+/// long one is cut.
+std::string visibleRealm(const std::string& realm);

@@ -22,12 +22,13 @@
 #include "cli/ExitStatus.h"
 #include "cli/Json.h"
 #include "cli/Wording.h"
-#include "cli/select/ChildProgram.h"
-#include "cli/select/HeadendProgram.h"
-#include "cli/select/NetworkChanges.h"
+#include "cli/exec/ChildProgram.h"
+#include "cli/exec/HeadendProgram.h"
 #include "cli/select/Selecting.h"
 #include "cli/select/SelectionInputs.h"
-#include "cli/select/SelectionOutput.h"
+#include "cli/show/Reasons.h"
+#include "cli/show/StatusWords.h"
+#include "cli/watch/NetworkChanges.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // lost, and most of them change nothing that a gateway is reached by, so what is compared is the
 // state that the kernel shows in files (proc(5), /proc/net).
 
-#include "cli/select/NetworkChanges.h"
+#include "cli/watch/NetworkChanges.h"
 
 #include <arpa/inet.h>
 #include <errno.h>

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 
 /// The ranking as a picture, an SVG element that can stand alone or in a page: one row a headend
 /// with a bar for its metric and a dot for each sample, on one scale from 0; first those that were

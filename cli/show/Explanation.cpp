@@ -1,7 +1,7 @@
 // The decision of a selection, told in numbers. Nothing is measured or decided here: what the run
 // delivered is read back, and the rules that it went by are asked why.
 
-#include "cli/select/Explanation.h"
+#include "cli/show/Explanation.h"
 
 #include <stdio.h>
 
@@ -11,8 +11,8 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Wording.h"
-#include "cli/select/SelectOptions.h"
-#include "cli/select/SelectionOutput.h"
+#include "cli/show/Reasons.h"
+#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {

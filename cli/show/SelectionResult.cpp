@@ -1,6 +1,6 @@
 // What is told of a selection as a whole.
 
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 
 #include "cli/ExitStatus.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "cli/select/ChildProgram.h"
-#include "cli/select/SelectionResult.h"
+#include "cli/exec/ChildProgram.h"
+#include "cli/show/SelectionResult.h"
 
 /// A headend that a program is to be run for.
 struct ChosenHeadend {

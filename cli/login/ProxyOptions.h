@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "cli/select/Credentials.h"
+#include "cli/login/Credentials.h"
 #include "vpn/Api/PreferenceMgr.h"
 
 /// The options about the proxy as a person typed them; an optional without a value was not given.

@@ -1,7 +1,7 @@
 // The options about the proxy. Whoever types a password where none belongs has shown it to every
 // user of the machine already; it is not shown once more in a message.
 
-#include "cli/select/ProxyOptions.h"
+#include "cli/login/ProxyOptions.h"
 
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 // Running another program. It gets the descriptors and signals that the command was started with
 // and none of the command's own: libraries open descriptors that are not closed by an exec.
 
-#include "cli/select/ChildProgram.h"
+#include "cli/exec/ChildProgram.h"
 
 #include <errno.h>
 #include <poll.h>

@@ -1,7 +1,7 @@
 // Credentials from outside. A secret is read by read(2) into a buffer of ours and copied once, into
 // a holder that wipes itself: no stream, no growing string, and no message ever has it.
 
-#include "cli/select/Credentials.h"
+#include "cli/login/Credentials.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 // host begin with a hyphen. A host entry's name may hold anything, so it is in the environment
 // alone.
 
-#include "cli/select/HeadendProgram.h"
+#include "cli/exec/HeadendProgram.h"
 
 #include <algorithm>
 #include <array>

@@ -3,7 +3,7 @@
 // No line is as wide as the terminal, so that none is wrapped and all can be found again; when the
 // terminal has become narrower since, it is known how many rows each of them takes now.
 
-#include "cli/select/LiveTable.h"
+#include "cli/show/LiveTable.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -18,7 +18,7 @@
 
 #include "cli/Console.h"
 #include "cli/Wording.h"
-#include "cli/select/SelectionResult.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "cli/select/Credentials.h"
+#include "cli/login/Credentials.h"
 #include "vpn/include/Locks.h"
 
 /// The terminal at which a person is asked. While a secret is typed the terminal does not show it,

@@ -1,15 +1,15 @@
 // The result as a page to hand around. Everything in it is text or the chart; what came from files
 // and networks is escaped, so that a headend's name cannot become markup.
 
-#include "cli/select/ResultPage.h"
+#include "cli/show/ResultPage.h"
 
 #include <stdio.h>
 
 #include <algorithm>
 
-#include "cli/select/Chart.h"
-#include "cli/select/Explanation.h"
-#include "cli/select/SelectionOutput.h"
+#include "cli/show/Chart.h"
+#include "cli/show/Explanation.h"
+#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 

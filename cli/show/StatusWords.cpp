@@ -1,0 +1,93 @@
+// The statuses of selections in words, and what a person does about them.
+
+#include "cli/show/StatusWords.h"
+
+#include <stdio.h>
+
+#include "cli/login/ProxyLogin.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+
+namespace {
+
+bool isSelected(STATUSCODE status) {
+  return status == HEADENDSELECTION_SUCCESS || status == HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
+}
+
+std::string adviceForLogin(const SelectionResult& result) {
+  const std::string realm =
+      result.extraInfo.empty() ? "" : " for the realm '" + visibleRealm(result.extraInfo) + "'";
+  if (result.hadLogin) {
+    return "the proxy does not accept the user name and password" + realm +
+           ", so no headend was measured. Check both, and whether the proxy is the right one; "
+           "--proxy HOST:PORT names another one, --no-proxy none.";
+  }
+  return "a proxy asks for authentication" +
+         (realm.empty() ? " and names no realm for the Basic scheme" : realm) +
+         ", so no headend was measured. Give the user name with --proxy-user NAME and the password "
+         "with --proxy-password-file FILE (which nobody else may read) or --proxy-password-fd N; "
+         "or run the command on a terminal to be asked; or choose another proxy with --proxy "
+         "HOST:PORT, or none with --no-proxy.";
+}
+
+/// Of a run that measured nothing, the status has been told already; of any other it says why.
+std::string adviceForFailure(const SelectionResult& result) {
+  const bool wasMeasuring = result.status == HEADENDSELECTION_ERROR_SELECTION_FAILURE;
+  const std::string headend = result.results.empty() ? "HOST" : result.results.front().headend;
+  return "no headend was selected by measurement." +
+         (wasMeasuring ? "" : " " + statusInWords(result)) +
+         " Check the network and the addresses; 'ahs probe " + headend +
+         "' tells what is in the way there, and 'ahs select --log-level info' each step.";
+}
+
+}  // namespace
+
+std::string statusAsHex(STATUSCODE status) {
+  char text[32];
+  snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(status));
+  return text;
+}
+
+std::string statusInWords(const SelectionResult& result) {
+  const std::string kept =
+      result.headends.empty() ? "" : " The headend of the list is kept without a measurement.";
+  switch (result.status) {
+    case HEADENDSELECTION_SUCCESS:
+      return "Selected from the cache; nothing was measured now.";
+    case HEADENDSELECTION_ERROR_ADDED_TO_CACHE:
+      return "Selected from measurements made now.";
+    case HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED:
+      return "Nothing was measured: a proxy asks for authentication.";
+    case HEADENDSELECTION_ERROR_NO_HEADENDS:
+      return "Nothing was measured: no host entry takes part in automatic selection.";
+    case HEADENDSELECTION_ERROR_CACHE_FAILURE:
+      return "Nothing was measured: there is no selection cache." + kept;
+    case HEADENDSELECTION_ERROR_TIMEOUT:
+      return "Nothing was measured within the time limit." + kept;
+    case HEADENDSELECTION_ERROR_SELECTION_FAILURE:
+      return "No headend could be measured." + kept;
+    default:
+      return "The selection failed." + kept;
+  }
+}
+
+std::string libraryProblem(STATUSCODE status) {
+  return "the client library could not be started: " + std::string(statusCodeName(status)) + " (" +
+         statusAsHex(status) + "). The machine may be short of memory or threads.";
+}
+
+std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces) {
+  if (isSelected(result.status)) {
+    return "";
+  }
+  switch (result.status) {
+    case HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED:
+      return adviceForLogin(result);
+    case HEADENDSELECTION_ERROR_NO_HEADENDS:
+      return "no host entry takes part in automatic selection. In the profiles in " +
+             profilePlaces +
+             ", set EnableAutomaticServerSelection to true in one that has host entries, or name "
+             "hosts on the command line.";
+    default:
+      return adviceForFailure(result);
+  }
+}

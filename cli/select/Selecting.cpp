@@ -16,6 +16,8 @@
 #include "cli/Interruption.h"
 #include "cli/files/FileOptions.h"
 #include "cli/login/Terminal.h"
+#include "cli/show/LiveLines.h"
+#include "cli/show/LiveTable.h"
 #include "cli/show/Reasons.h"
 #include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
@@ -51,10 +53,11 @@ bool hasProfiles() {
 void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
   const auto table = std::make_shared<LiveTable>();
   Interruption::setDuties({[table] {
-                             table->closeInHaste();
+                             // A terminal that takes nothing any more holds the table up.
                              CAppLog::Flush();
+                             table->close();
                            },
-                           [table] { table->eraseInHaste(); },
+                           [table] { table->erase(); },
                            {}});
   while (!run.waitForDelivery(DrawingInterval)) {
     table->draw(look());

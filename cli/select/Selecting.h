@@ -11,7 +11,7 @@
 #include "cli/login/ProxyLogin.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/SelectionRun.h"
-#include "cli/show/LiveTable.h"
+#include "cli/show/LiveState.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"

@@ -36,7 +36,6 @@ class Screen:
     def __init__(self):
         self.lines = [[]]
         self.row = self.column = 0
-        self.style = ""
 
     def write(self, text):
         """Takes whole sequences and returns what is left of an unfinished one at the end."""
@@ -61,8 +60,8 @@ class Screen:
                 self.lines.append([])
         elif character:
             line = self.lines[self.row]
-            line += [(" ", "")] * (self.column + 1 - len(line))
-            line[self.column] = (character, self.style)
+            line += " " * (self.column + 1 - len(line))
+            line[self.column] = character
             self.column += 1
             if self.column > COLUMNS:
                 raise ValueError("a line is wider than the terminal")
@@ -72,26 +71,11 @@ class Screen:
             del self.lines[self.row][self.column:]
             if letter == "J":
                 del self.lines[self.row + 1:]
-        elif letter == "m":
-            self.style = {"": "", "0": "", "1": "bold", "32": "bar"}[number]
         else:
             raise ValueError(f"the table wrote the sequence {letter!r}")
 
-    def runs(self):
-        """Each line as pieces of one style: [column, style, text]."""
-        result = []
-        for line in self.lines:
-            pieces = []
-            for column, (character, style) in enumerate(line):
-                if pieces and pieces[-1][1] == style:
-                    pieces[-1][2] += character
-                else:
-                    pieces.append([column, style, character])
-            result.append(pieces)
-        return result
-
     def text(self):
-        return ["".join(character for character, _ in line).rstrip() for line in self.lines]
+        return ["".join(line).rstrip() for line in self.lines]
 
 
 def select(binaries, scratch):
@@ -115,7 +99,7 @@ def select(binaries, scratch):
         text = raw.decode("utf-8", "ignore")
         raw = raw[len(text.encode()):]
         rest = screen.write(rest + text)
-        moments.append({"runs": screen.runs(), "text": screen.text()})
+        moments.append(screen.text())
     _, status = os.waitpid(child, 0)
     return {"moments": moments, "status": os.waitstatus_to_exitcode(status), "left": screen.text()}
 
@@ -133,34 +117,25 @@ def run_in_wan(binaries, scratch):
 
 def is_the_moment(moment):
     """The gateway that is furthest away has answered, but not often enough."""
-    row = next((line for line in moment["text"] if f" {wan_scene.FURTHEST} " in line), "")
+    row = next((line for line in moment if f" {wan_scene.FURTHEST} " in line), "")
     return bool(re.search(r" ms  \d+ .*waits for answer 2 of 3$", row))
 
 
 def picture(moment):
-    """Pieces of text have a place and a length of their own, and bars are drawn: so columns are straight in
-    every font."""
+    """Each piece of text has a place and a length of its own, so that columns are straight in every font."""
     step, height, left, top = 8.4, 18, 20, 32
-    lines = [[[0, "soft", "$ "], [2, "", COMMAND]]] + moment["runs"]
+    lines = ["$ " + COMMAND] + moment
     width, tall = int(COLUMNS * step + 2 * left), len(lines) * height + 36
     svg = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{tall}" viewBox="0 0 {width} {tall}" '
            'role="img" aria-label="The table while headends are measured">',
            "<style>text{font:14px ui-monospace,'DejaVu Sans Mono',Menlo,Consolas,monospace;fill:#d8dee9;"
-           "white-space:pre}.bold{font-weight:bold;fill:#fff}.soft{fill:#88c0d0}.bar{fill:#a3be8c}</style>",
+           "white-space:pre}</style>",
            '<rect width="100%" height="100%" rx="8" fill="#1c2128"/>']
-    for row, pieces in enumerate(lines):
-        base = top + row * height
-        for column, style, text in pieces:
-            x = left + column * step
-            if style == "bar":
-                svg.append(f'<rect class="bar" x="{x:.1f}" y="{base - 11}" width="{len(text) * step:.1f}" '
-                           'height="12"/>')
-                continue
-            for word in re.finditer(r"\S+(?: \S+)*", text):
-                at, said = x + word.start() * step, word.group()
-                name = f' class="{style}"' if style else ""
-                svg.append(f'<text{name} x="{at:.1f}" y="{base}" textLength="{len(said) * step:.1f}" '
-                           f'xml:space="preserve">{escape(said)}</text>')
+    for row, line in enumerate(lines):
+        for word in re.finditer(r"\S+(?: \S+)*", line):
+            x, said = left + word.start() * step, word.group()
+            svg.append(f'<text x="{x:.1f}" y="{top + row * height}" textLength="{len(said) * step:.1f}" '
+                       f'xml:space="preserve">{escape(said)}</text>')
     return "\n".join(svg) + "\n</svg>\n"
 
 
@@ -213,7 +188,7 @@ def main():
     if wanted is None:
         with open(path, "w", encoding="utf-8") as file:
             file.write(drawn)
-    print("\n".join(moment["text"]))
+    print("\n".join(moment))
 
 
 if __name__ == "__main__":

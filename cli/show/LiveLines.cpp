@@ -1,0 +1,159 @@
+// The live table as text. A line that is too wide is cut between words, because a part of a number
+// would be another number; addresses are cut in the middle, because they differ at both ends.
+
+#include "cli/show/LiveLines.h"
+
+#include <stdio.h>
+#include <wchar.h>
+
+#include <algorithm>
+
+#include "cli/Console.h"
+#include "cli/Wording.h"
+#include "cli/show/SelectionResult.h"
+#include "vpn/Common/Utility/Utf8Locale.h"
+
+namespace {
+
+constexpr std::size_t Gap = 2;
+// Columns of a round trip: "9999 ms".
+constexpr std::size_t NumberColumns = 7;
+// Below this an address is not known again.
+constexpr std::size_t NarrowestHeadend = 8;
+
+struct Character {
+  std::size_t bytes;
+  std::size_t columns;
+};
+
+Character characterAt(const std::string& text, std::size_t at) {
+  const Utf8Locale utf8;
+  wchar_t character = 0;
+  mbstate_t state{};
+  const std::size_t bytes = mbrtowc(&character, text.data() + at, text.size() - at, &state);
+  if (bytes == 0 || bytes > text.size() - at) {
+    return {1, 1};
+  }
+  return {bytes, static_cast<std::size_t>(std::max(wcwidth(character), 0))};
+}
+
+/// As much of `text` as fits, cut between characters.
+std::string startOf(const std::string& text, std::size_t columns) {
+  std::size_t end = 0;
+  while (end < text.size()) {
+    const Character next = characterAt(text, end);
+    if (next.columns > columns) {
+      break;
+    }
+    columns -= next.columns;
+    end += next.bytes;
+  }
+  return text.substr(0, end);
+}
+
+std::string cutBetweenWords(const std::string& line, std::size_t columns) {
+  const std::string start = startOf(line, columns);
+  const bool isWhole = start.size() == line.size() || line[start.size()] == ' ';
+  return isWhole ? start : start.substr(0, start.rfind(' '));
+}
+
+std::string cutInTheMiddle(const std::string& text, std::size_t columns) {
+  if (columnsOf(text) <= columns) {
+    return text;
+  }
+  const std::string dots = "...";
+  std::string end = text;
+  while (columnsOf(end) > (columns - dots.size()) / 2) {
+    end.erase(0, characterAt(end, 0).bytes);
+  }
+  return startOf(text, columns - dots.size() - columnsOf(end)) + dots + end;
+}
+
+std::string padded(const std::string& text, std::size_t columns) {
+  return text + std::string(columns - columnsOf(text), ' ');
+}
+
+unsigned int smallestOf(const LiveRow& row) { return *std::ranges::min_element(row.samplesMs); }
+
+bool isNearer(const LiveRow& a, const LiveRow& b) {
+  return !a.samplesMs.empty() && (b.samplesMs.empty() || smallestOf(a) < smallestOf(b));
+}
+
+/// The columns of addresses and of names; 0 for no names.
+struct Layout {
+  std::size_t headend = 0;
+  std::size_t name = 0;
+};
+
+Layout layOut(const std::vector<LiveRow>& rows, std::size_t width) {
+  Layout layout;
+  for (const LiveRow& row : rows) {
+    layout.headend = std::max(layout.headend, columnsOf(Console::visible(row.headend)));
+    layout.name = std::max(layout.name, columnsOf(Console::visible(row.name)));
+  }
+  constexpr std::size_t RoundTrip = Gap + NumberColumns;
+  layout.headend =
+      std::min(layout.headend, std::max(width, NarrowestHeadend + RoundTrip) - RoundTrip);
+  // The other half is for what changes.
+  layout.name = layout.headend + Gap + layout.name <= width / 2 ? layout.name : 0;
+  return layout;
+}
+
+std::string rowLine(const LiveRow& row, const Layout& layout) {
+  const std::string gap(Gap, ' ');
+  std::string line =
+      padded(cutInTheMiddle(Console::visible(row.headend), layout.headend), layout.headend) + gap;
+  if (layout.name > 0) {
+    line += padded(Console::visible(row.name), layout.name) + gap;
+  }
+  const std::string best = row.samplesMs.empty() ? "" : std::to_string(smallestOf(row)) + " ms";
+  line += std::string(NumberColumns - std::min(NumberColumns, best.size()), ' ') + best;
+  for (const std::string& part : {samplesText(row.samplesMs, " "), row.waitsFor}) {
+    line += part.empty() ? "" : gap + part;
+  }
+  return line;
+}
+
+}  // namespace
+
+std::size_t columnsOf(const std::string& text) {
+  std::size_t columns = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const Character next = characterAt(text, at);
+    columns += next.columns;
+    at += next.bytes;
+  }
+  return columns;
+}
+
+std::string liveLine(const LiveState& state) {
+  const auto left = std::max(state.budget - state.elapsed, std::chrono::milliseconds(0));
+  char seconds[32];
+  snprintf(seconds, sizeof seconds, "%.1f s", static_cast<double>(left.count()) / 1000.0);
+  return "Measuring: " + std::to_string(state.answered) + " of " +
+         std::to_string(state.rows.size()) + " answered, " + seconds + " left, " +
+         Wording::counted(state.probesEnded, "probe") + " done";
+}
+
+std::vector<std::string> liveTable(const LiveState& state, std::size_t width, std::size_t height) {
+  std::vector<LiveRow> rows = state.rows;
+  std::ranges::stable_sort(rows, isNearer);
+  // The headline, and the line that counts the rest; one is left free for the shell's prompt.
+  constexpr std::size_t OtherLines = 3;
+  const std::size_t room = height > OtherLines ? height - OtherLines : 0;
+  const std::size_t left = rows.size() - std::min(rows.size(), room);
+  rows.resize(rows.size() - left);
+  const std::size_t usable = width > 0 ? width - 1 : 0;
+  const Layout layout = layOut(rows, usable);
+  std::vector<std::string> lines = {liveLine(state)};
+  for (const LiveRow& row : rows) {
+    lines.push_back(rowLine(row, layout));
+  }
+  if (left > 0 && room > 0) {
+    lines.push_back("and " + std::to_string(left) + " more");
+  }
+  for (std::string& line : lines) {
+    line = cutBetweenWords(line, usable);
+  }
+  return lines;
+}

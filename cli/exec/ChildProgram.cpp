@@ -4,10 +4,8 @@
 #include "cli/exec/ChildProgram.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,13 +18,10 @@
 
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// How often a wait looks where the kernel does not tell of a process's end.
-constexpr milliseconds LookInterval{20};
-// The longest wait in one piece.
-constexpr milliseconds LongestWait{std::chrono::hours(24)};
+// How often a wait with a limit looks whether the program has ended.
+constexpr std::chrono::milliseconds LookInterval{20};
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
@@ -110,7 +105,7 @@ class Signals {
 
 ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variables& variables,
                            Output output)
-    : m_problemStatus(0), m_pid(-1), m_pidDescriptor(-1), m_isOurs(false) {
+    : m_problemStatus(0), m_pid(-1), m_isOurs(false) {
   // Whoever starts the command may ignore its children's ends; there would be none to wait for.
   ::signal(SIGCHLD, SIG_DFL);
   std::vector<std::string> arguments = command;
@@ -123,48 +118,32 @@ ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variab
     m_problemStatus = error == ENOENT ? ExitNoProgram : ExitCannotRun;
     return;
   }
-  // The C library's header declares it for C alone.
-  m_pidDescriptor = static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0));
   const CAutoLockT<CManualLock> guard(m_lock);
   m_isOurs = true;
 }
 
-ChildProgram::~ChildProgram() {
-  if (m_pidDescriptor >= 0) {
-    close(m_pidDescriptor);
+bool ChildProgram::hasEnded(bool waits) const {
+  siginfo_t ended{};
+  const int options = WEXITED | WNOWAIT | (waits ? 0 : WNOHANG);
+  while (waitid(P_PID, static_cast<id_t>(m_pid), &ended, options) != 0 && errno == EINTR) {
   }
+  return ended.si_pid == m_pid;
 }
 
-std::optional<ChildProgram::End> ChildProgram::waitForEnd(milliseconds longest) {
-  return waitForExit(longest) ? std::optional(takeEnd()) : std::nullopt;
-}
-
-ChildProgram::End ChildProgram::waitForEnd() {
-  while (!waitForExit(LongestWait)) {
+std::optional<ChildProgram::End> ChildProgram::waitForEnd(std::chrono::milliseconds longest) {
+  const auto limit = steady_clock::now() + longest;
+  while (!hasEnded(false)) {
+    if (steady_clock::now() >= limit) {
+      return std::nullopt;
+    }
+    std::this_thread::sleep_for(LookInterval);
   }
   return takeEnd();
 }
 
-/// Waits until it has ended, and leaves it to be taken. @return whether it has.
-bool ChildProgram::waitForExit(milliseconds longest) const {
-  const auto end = steady_clock::now() + longest;
-  while (true) {
-    siginfo_t ended{};
-    if (waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOWAIT | WNOHANG) == 0 &&
-        ended.si_pid == m_pid) {
-      return true;
-    }
-    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
-    if (left.count() <= 0) {
-      return false;
-    }
-    pollfd program{m_pidDescriptor, POLLIN, 0};
-    if (m_pidDescriptor < 0) {
-      std::this_thread::sleep_for(std::min(left, LookInterval));
-    } else {
-      poll(&program, 1, static_cast<int>(std::min(left, LongestWait).count()));
-    }
-  }
+ChildProgram::End ChildProgram::waitForEnd() {
+  static_cast<void>(hasEnded(true));
+  return takeEnd();
 }
 
 /// Takes the status of a program that has ended, which gives its number back.

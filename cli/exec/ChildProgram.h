@@ -31,7 +31,6 @@ class ChildProgram {
   /// @param variables set in its environment besides the command's own.
   ChildProgram(const std::vector<std::string>& command, const Variables& variables,
                Output output = Output::Own);
-  ~ChildProgram();
   ChildProgram(const ChildProgram&) = delete;
   ChildProgram& operator=(const ChildProgram&) = delete;
 
@@ -52,13 +51,13 @@ class ChildProgram {
   bool signal(int number, bool fromTerminal);
 
  private:
-  bool waitForExit(std::chrono::milliseconds longest) const;
+  /// Whether it has ended, which is left to be taken.
+  bool hasEnded(bool waits) const;
   End takeEnd();
 
   std::string m_problem;
   int m_problemStatus;
-  pid_t m_pid;          // written before any other thread knows of the object
-  int m_pidDescriptor;  // readable when it has ended
+  pid_t m_pid;  // written before any other thread knows of the object
   CManualLock m_lock;
   // Whether the number still is its own: a signal must not reach another process that got it.
   bool m_isOurs AHS_GUARDED_BY(m_lock);

@@ -48,21 +48,11 @@ struct ExecOptions {
 /// program is started. Where no program is there to be handed a signal, it is the command's.
 class Foreground {
  public:
-  /// Signals from now on are for the program that is being started.
-  void beginStart() {
+  std::shared_ptr<ChildProgram> start(const std::vector<std::string>& command,
+                                      const ChildProgram::Variables& variables) {
     const CAutoLockT<CManualLock> guard(m_lock);
-    m_program.reset();
-    m_isStarting = true;
-  }
-
-  /// The program is there; null if it could not be started.
-  void endStart(std::shared_ptr<ChildProgram> program) {
-    const CAutoLockT<CManualLock> guard(m_lock);
-    m_program = std::move(program);
-    m_isStarting = false;
-    if (m_signal && m_program != nullptr) {
-      m_program->signal(*m_signal, false);
-    }
+    m_program = std::make_shared<ChildProgram>(command, variables);
+    return m_program;
   }
 
   std::optional<int> signal() const {
@@ -72,8 +62,7 @@ class Foreground {
 
   bool takeOver(int signal, bool fromTerminal) {
     const CAutoLockT<CManualLock> guard(m_lock);
-    const bool isTaken =
-        m_isStarting || (m_program != nullptr && m_program->signal(signal, fromTerminal));
+    const bool isTaken = m_program != nullptr && m_program->signal(signal, fromTerminal);
     if (isTaken && signal != SIGTSTP && signal != SIGCONT) {
       m_signal = signal;
     }
@@ -83,7 +72,6 @@ class Foreground {
  private:
   mutable CManualLock m_lock;
   std::shared_ptr<ChildProgram> m_program AHS_GUARDED_BY(m_lock);
-  bool m_isStarting AHS_GUARDED_BY(m_lock) = false;
   std::optional<int> m_signal AHS_GUARDED_BY(m_lock);
 };
 
@@ -134,9 +122,7 @@ Attempt runProgram(const ExecOptions& options, const ChosenHeadend& chosen,
   const std::vector<std::string> command = commandFor(options.program, chosen);
   const TerminalSettings terminal;
   const auto start = steady_clock::now();
-  foreground.beginStart();
-  const auto program = std::make_shared<ChildProgram>(command, variablesOf(chosen));
-  foreground.endStart(program->problem().empty() ? program : nullptr);
+  const auto program = foreground.start(command, variablesOf(chosen));
   if (!program->problem().empty()) {
     complainOfProgram(command.front(), *program);
     return {program->problemStatus(), false};

@@ -12,19 +12,15 @@
 #include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <system_error>
-#include <vector>
 
 namespace {
 
@@ -33,26 +29,17 @@ using std::chrono::nanoseconds;
 
 constexpr milliseconds Rest{1000};
 constexpr milliseconds LongestUnrest{10'000};
+// The longest wait in one piece. What the kernel counts for a wait stands still while the machine
+// is suspended, so the time is looked at now and then.
+constexpr milliseconds LongestPoll{10'000};
 constexpr std::size_t MessageBytes = 8192;
 
-/// A place of the kernel's state, and which columns of its lines tell what gateways are reached by.
-/// Counters do not.
-struct Source {
-  const char* path;
-  std::vector<std::size_t> columns;
-};
-
-std::string takeColumns(const std::string& line, const std::vector<std::size_t>& columns) {
-  std::istringstream text(line);
-  std::string word;
-  std::string kept;
-  std::size_t at = 0;
-  for (const std::size_t column : columns) {
-    for (; at <= column && text >> word; ++at) {
-    }
-    kept += word + " ";
-  }
-  return kept;
+/// A line of /proc/net/ipv6_route without its counters and flags, which stand before its link.
+std::string withoutCounters(const std::string& route) {
+  constexpr std::size_t CountersStart = 113;
+  constexpr std::size_t CountersEnd = 140;
+  return route.size() < CountersEnd ? route
+                                    : route.substr(0, CountersStart) + route.substr(CountersEnd);
 }
 
 /// A link, up or not, and an IPv4 address that it has.
@@ -70,22 +57,11 @@ std::string interfaceText(const ifaddrs& entry) {
 }
 
 int timeoutOf(milliseconds time) {
-  return static_cast<int>(std::clamp<milliseconds::rep>(time.count(), 0, INT_MAX));
+  return static_cast<int>(std::max<milliseconds::rep>(time.count(), 0));
 }
 
 milliseconds until(BootClock::time_point end) {
   return std::chrono::ceil<milliseconds>(end - BootClock::now());
-}
-
-/// Lets a timer go off, also in a machine that wakes up late.
-void setTimer(int timer, milliseconds time) {
-  constexpr long NanosecondsPerMillisecond = 1'000'000;
-  constexpr long MillisecondsPerSecond = 1000;
-  const long count = std::max<long>(time.count(), 1);
-  const itimerspec when{
-      {0, 0},
-      {count / MillisecondsPerSecond, count % MillisecondsPerSecond * NanosecondsPerMillisecond}};
-  timerfd_settime(timer, 0, &when, nullptr);
 }
 
 }  // namespace
@@ -98,8 +74,7 @@ BootClock::time_point BootClock::now() noexcept {
 
 NetworkChanges::NetworkChanges(int output)
     : m_output(output),
-      m_socket(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)),
-      m_timer(timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC)) {
+      m_socket(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
   sockaddr_nl groups{};
   groups.nl_family = AF_NETLINK;
   groups.nl_groups =
@@ -112,10 +87,8 @@ NetworkChanges::NetworkChanges(int output)
 }
 
 NetworkChanges::~NetworkChanges() {
-  for (const int descriptor : {m_socket, m_timer}) {
-    if (descriptor >= 0) {
-      close(descriptor);
-    }
+  if (m_socket >= 0) {
+    close(m_socket);
   }
 }
 
@@ -124,38 +97,30 @@ void NetworkChanges::remember() { m_remembered = stateOfNetwork(); }
 /// Lines add up to a sum that does not depend on their order, so that any number of them takes no
 /// memory. An IPv6 address counts as another one when it has been found to be the machine's own,
 /// because it cannot be used before.
-NetworkChanges::State NetworkChanges::stateOfNetwork() {
-  State state;
-  const auto add = [&state](const std::string& line) {
-    state.sum += std::hash<std::string>()(line);
-    ++state.lines;
-  };
+std::uint64_t NetworkChanges::stateOfNetwork() {
+  std::uint64_t sum = 0;
   ifaddrs* first = nullptr;
   if (getifaddrs(&first) == 0) {
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> all(first, freeifaddrs);
     for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
-      add(interfaceText(*entry));
+      sum += std::hash<std::string>()(interfaceText(*entry));
     }
   }
-  for (const Source& source :
-       {Source{"/proc/net/if_inet6", {0, 2, 4, 5}}, Source{"/proc/net/route", {0, 1, 2, 3, 6, 7}},
-        Source{"/proc/net/ipv6_route", {0, 1, 2, 3, 4, 5, 9}}}) {
-    std::ifstream file(source.path);
+  for (const char* path : {"/proc/net/if_inet6", "/proc/net/route", "/proc/net/ipv6_route"}) {
+    std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
-      add(takeColumns(line, source.columns));
+      sum += std::hash<std::string>()(withoutCounters(line));
     }
   }
-  return state;
+  return sum;
 }
 
 NetworkChanges::Heard NetworkChanges::wait(milliseconds longest) {
   const auto end = BootClock::now() + longest;
-  setTimer(m_timer, longest);
   while (until(end).count() > 0) {
-    std::array<pollfd, 3> waits{
-        {{m_problem.empty() ? m_socket : -1, POLLIN, 0}, {m_timer, POLLIN, 0}, {m_output, 0, 0}}};
-    poll(waits.data(), waits.size(), timeoutOf(until(end)));
-    if (waits[2].revents != 0) {
+    std::array<pollfd, 2> waits{{{m_problem.empty() ? m_socket : -1, POLLIN, 0}, {m_output, 0, 0}}};
+    poll(waits.data(), waits.size(), timeoutOf(std::min(until(end), LongestPoll)));
+    if (waits[1].revents != 0) {
       return Heard::Closed;
     }
     if (waits[0].revents != 0) {

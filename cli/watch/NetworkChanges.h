@@ -43,21 +43,12 @@ class NetworkChanges {
   Heard wait(std::chrono::milliseconds longest);
 
  private:
-  /// The state of the network in short.
-  struct State {
-    std::uint64_t sum = 0;
-    std::size_t lines = 0;
-
-    bool operator==(const State&) const = default;
-  };
-
-  static State stateOfNetwork();
+  static std::uint64_t stateOfNetwork();
   void waitForRest() const;
   void drain() const;
 
   const int m_output;
   const int m_socket;
-  const int m_timer;
   std::string m_problem;
-  State m_remembered;
+  std::uint64_t m_remembered = 0;
 };

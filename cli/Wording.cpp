@@ -1,5 +1,6 @@
 #include "cli/Wording.h"
 
+#include <stdio.h>
 #include <time.h>
 
 std::string Wording::joined(const std::vector<std::string>& words, const std::string& between) {
@@ -12,6 +13,12 @@ std::string Wording::joined(const std::vector<std::string>& words, const std::st
 
 std::string Wording::counted(std::size_t number, const std::string& one, const std::string& many) {
   return std::to_string(number) + " " + (number == 1 ? one : many.empty() ? one + "s" : many);
+}
+
+std::string Wording::fixed(double value, int digits) {
+  char text[64];
+  snprintf(text, sizeof text, "%.*f", digits, value);
+  return text;
 }
 
 std::string Wording::duration(std::size_t seconds) {

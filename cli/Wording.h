@@ -18,6 +18,9 @@ class Wording {
   static std::string counted(std::size_t number, const std::string& one,
                              const std::string& many = "");
 
+  /// A number in decimal with so many digits after the point.
+  static std::string fixed(double value, int digits);
+
   /// A span of time in the largest unit, up to days, that it has twice: "119 minutes", "2 hours".
   static std::string duration(std::size_t seconds);
 

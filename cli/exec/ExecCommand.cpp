@@ -19,6 +19,7 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
+#include "cli/Wording.h"
 #include "cli/exec/ChildProgram.h"
 #include "cli/exec/HeadendProgram.h"
 #include "cli/select/Selecting.h"
@@ -29,7 +30,6 @@
 
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 // Longer than most programs try to reach a gateway that does not answer.
@@ -93,11 +93,6 @@ class TerminalSettings {
   const bool m_isKnown;
 };
 
-std::string inSeconds(steady_clock::duration time) {
-  const auto tenths = std::chrono::duration_cast<milliseconds>(time).count() / 100;
-  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
-}
-
 std::string howItEnded(const ChildProgram::End& end) {
   return end.bySignal ? "was ended by signal " + std::to_string(end.status - ExitSignalBase)
                       : "ended with status " + std::to_string(end.status);
@@ -134,8 +129,11 @@ Attempt runProgram(const ExecOptions& options, const ChosenHeadend& chosen,
     return {end.status, false};
   }
   terminal.restore();
-  Console::complain("for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " +
-                    howItEnded(end) + " after " + inSeconds(steady_clock::now() - start) + ".");
+  Console::complain(
+      "for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " + howItEnded(end) +
+      " after " +
+      Wording::fixed(std::chrono::duration<double>(steady_clock::now() - start).count(), 1) +
+      " s.");
   return {end.status, true};
 }
 

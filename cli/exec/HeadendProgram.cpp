@@ -33,9 +33,9 @@ std::string replaced(const std::string& text,
 }  // namespace
 
 ChosenHeadend chosenHeadend(const std::string& headend, const SelectionResult& result) {
-  const auto known = std::ranges::find(result.results, headend, &HeadendResult::headend);
-  return known == result.results.end() ? ChosenHeadend{headend, "", std::nullopt}
-                                       : ChosenHeadend{headend, known->name, known->metricMs};
+  const HeadendResult* known = find(result, headend);
+  return known == nullptr ? ChosenHeadend{headend, "", std::nullopt}
+                          : ChosenHeadend{headend, known->name, known->metricMs};
 }
 
 ChildProgram::Variables variablesOf(const ChosenHeadend& chosen) {

@@ -16,25 +16,9 @@
 
 #include "cli/Console.h"
 #include "cli/Surroundings.h"
+#include "vpn/Api/FileTrust.h"
 
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-  ~Descriptor() {
-    if (m_descriptor >= 0) {
-      close(m_descriptor);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int get() const { return m_descriptor; }
-
- private:
-  const int m_descriptor;
-};
 
 bool hasControlCharacter(std::string_view text) {
   return std::any_of(text.begin(), text.end(), [](char c) {
@@ -162,7 +146,7 @@ std::string findPasswordError(const Secret& password) {
 
 std::string readPasswordFile(const std::string& path, Secret& password) {
   const std::string name = "the password file " + inQuotes(path) + " cannot be used: ";
-  const Descriptor file(openPasswordFile(path));
+  const FileTrust::Descriptor file(openPasswordFile(path));
   if (file.get() < 0) {
     return name + openingFault(errno);
   }
@@ -190,7 +174,7 @@ std::string readPasswordDescriptor(int descriptor, Secret& password) {
   }
   std::string fault;
   {
-    const Descriptor source(descriptor);
+    const FileTrust::Descriptor source(descriptor);
     fault = take(descriptor, password);
   }
   Surroundings::forget(descriptor);

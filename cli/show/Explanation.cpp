@@ -3,8 +3,6 @@
 
 #include "cli/show/Explanation.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <cmath>
 
@@ -26,17 +24,9 @@ constexpr long long EarlyDifferenceUs = 30'000;
 // Names of headends without a result that are listed; a thousand of them are no explanation.
 constexpr std::size_t MostNames = 10;
 
-constexpr long long MicrosecondsPerMillisecond = 1000;
-
 std::string name(const HeadendResult& headend) { return Console::visible(titleOf(headend)); }
 
 std::string milliseconds(unsigned int metric) { return std::to_string(metric) + " ms"; }
-
-std::string fixed(double value, int digits) {
-  char text[64];
-  snprintf(text, sizeof text, "%.*f", digits, value);
-  return text;
-}
 
 /// The smallest of a kind of round trip over a headend's probes; -1 if no probe has one.
 long long smallest(const HeadendResult& headend, long long HttpProbe::Report::*time) {
@@ -63,11 +53,6 @@ std::vector<EarlyAnswer> findEarlyAnswers(const SelectionResult& result) {
   return found;
 }
 
-const HeadendResult* find(const SelectionResult& result, const std::string& headend) {
-  const auto found = std::ranges::find(result.results, headend, &HeadendResult::headend);
-  return found == result.results.end() ? nullptr : &*found;
-}
-
 std::size_t countMetrics(const SelectionResult& result) {
   return static_cast<std::size_t>(std::ranges::count_if(
       result.results, [](const HeadendResult& headend) { return headend.metricMs.has_value(); }));
@@ -90,17 +75,20 @@ std::string describe(const HeadendResult& headend) {
 
 // A best metric of 0 makes it no number; the last headend goes then, however near it is.
 std::string ratioInWords(float ratio) {
-  return std::isfinite(ratio) ? fixed(ratio, 3) : std::isnan(ratio) ? "no number" : "infinite";
+  return std::isfinite(ratio) ? Wording::fixed(ratio, 3)
+         : std::isnan(ratio)  ? "no number"
+                              : "infinite";
 }
 
 std::string ruleLines(const SelectionResult& result, const Decision& decision) {
   if (result.reason != ReasonReconnection) {
     return line("rule", "the smallest metric wins; only a reconnection favours the last headend");
   }
-  std::string text = line(
-      "rule", "on a reconnection the last headend stays if its metric is less than " +
-                  fixed(1.0 + result.improvementPercent / 100.0, 2) + " times the best one's " +
-                  "(SelectionImprovement " + std::to_string(result.improvementPercent) + " %)");
+  std::string text =
+      line("rule", "on a reconnection the last headend stays if its metric is less than " +
+                       Wording::fixed(1.0 + result.improvementPercent / 100.0, 2) +
+                       " times the best one's " + "(SelectionImprovement " +
+                       std::to_string(result.improvementPercent) + " %)");
   if (decision.ratio) {
     text += line("ratio", std::to_string(*decision.last->metricMs) + " / " +
                               std::to_string(*decision.best->metricMs) + " = " +
@@ -158,8 +146,7 @@ std::string earlyLines(const SelectionResult& result, const Decision& decision) 
   }
   const EarlyAnswer& first = decision.earlyAnswers.front();
   const auto inMilliseconds = [](long long time) {
-    return fixed(static_cast<double>(time) / static_cast<double>(MicrosecondsPerMillisecond), 1) +
-           " ms";
+    return Wording::fixed(static_cast<double>(time) / 1000, 1) + " ms";
   };
   std::string text =
       line("odd", name(*find(result, first.headend)) + "'s network answers in " +
@@ -210,8 +197,8 @@ std::string decisionInWords(const SelectionResult& result) {
   const std::string best = milliseconds(*decision.best->metricMs);
   if (decision.isRetained) {
     return "Stays with " + name(*decision.last) + ": " + milliseconds(*decision.last->metricMs) +
-           ", less than " + fixed(*decision.threshold, 2) + " times the best metric, " + best +
-           (decision.best == decision.last ? "" : " of " + name(*decision.best)) + ".";
+           ", less than " + Wording::fixed(*decision.threshold, 2) + " times the best metric, " +
+           best + (decision.best == decision.last ? "" : " of " + name(*decision.best)) + ".";
   }
   const std::size_t count = countMetrics(result);
   return "Chose " + name(*decision.best) + ": " + best +

@@ -3,7 +3,6 @@
 
 #include "cli/show/LiveLines.h"
 
-#include <stdio.h>
 #include <wchar.h>
 
 #include <algorithm>
@@ -128,10 +127,9 @@ std::size_t columnsOf(const std::string& text) {
 
 std::string liveLine(const LiveState& state) {
   const auto left = std::max(state.budget - state.elapsed, std::chrono::milliseconds(0));
-  char seconds[32];
-  snprintf(seconds, sizeof seconds, "%.1f s", static_cast<double>(left.count()) / 1000.0);
   return "Measuring: " + std::to_string(state.answered) + " of " +
-         std::to_string(state.rows.size()) + " answered, " + seconds + " left, " +
+         std::to_string(state.rows.size()) + " answered, " +
+         Wording::fixed(static_cast<double>(left.count()) / 1000, 1) + " s left, " +
          Wording::counted(state.probesEnded, "probe") + " done";
 }
 

@@ -3,10 +3,9 @@
 
 #include "cli/show/ResultPage.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 
+#include "cli/Wording.h"
 #include "cli/show/Chart.h"
 #include "cli/show/Explanation.h"
 #include "cli/show/StatusWords.h"
@@ -38,14 +37,7 @@ std::string cell(const std::string& content, bool isNumber = false) {
 }
 
 std::string milliseconds(long long microseconds) {
-  if (microseconds < 0) {
-    return "";
-  }
-  char text[32];
-  constexpr double MicrosecondsPerMillisecond = 1000;
-  snprintf(text, sizeof text, "%.1f",
-           static_cast<double>(microseconds) / MicrosecondsPerMillisecond);
-  return text;
+  return microseconds < 0 ? "" : Wording::fixed(static_cast<double>(microseconds) / 1000, 1);
 }
 
 /// The probe that gave the smallest round trip; null if none gave one.

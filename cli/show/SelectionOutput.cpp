@@ -3,13 +3,8 @@
 
 #include "cli/show/SelectionOutput.h"
 
-#include <stdio.h>
-
 #include <algorithm>
-#include <map>
-#include <set>
 
-#include "cli/Console.h"
 #include "cli/Json.h"
 #include "cli/Table.h"
 #include "cli/show/Explanation.h"
@@ -55,11 +50,6 @@ json decisionAsJson(const SelectionResult& result) {
           {"earlyAnswers", early}};
 }
 
-std::string padded(const std::string& text, std::size_t width) {
-  const std::size_t own = widthOf(text);
-  return text + std::string(width > own ? width - own : 0, ' ');
-}
-
 std::string describe(const HeadendResult* headend) {
   if (headend == nullptr || !headend->metricMs) {
     return "kept, not measured" +
@@ -72,75 +62,53 @@ std::string describe(const HeadendResult* headend) {
              : metric + std::string(" (") + outcomeName(headend->outcome) + ")";
 }
 
-// Width of the number in front of a headend: a list of a thousand still stands in columns.
-constexpr int NumberWidth = 4;
-
-/// The widths of the columns in front of the metrics.
-struct Columns {
-  std::size_t headend = 0;
-  std::size_t name = 0;  // 0: no headend has a name beside its address
-};
-
-std::string visibleName(const HeadendResult& headend) {
-  return Console::visible(nameBeside(headend.headend, headend.name));
+std::string start(const std::string& number, const std::string& headend) {
+  // A list of a thousand still stands in columns.
+  constexpr std::size_t NumberWidth = 6;
+  return std::string(NumberWidth - std::min(NumberWidth, number.size()), ' ') + number + headend;
 }
 
-Columns columnsOf(const SelectionResult& result) {
-  Columns columns;
+/// The ordered list, then the others, as one table with a line between.
+std::string listsOf(const SelectionResult& result) {
+  const bool hasNames = std::ranges::any_of(result.results, [](const HeadendResult& headend) {
+    return !nameBeside(headend.headend, headend.name).empty();
+  });
+  std::vector<std::vector<std::string>> rows;
+  const auto add = [&](const std::string& first, const HeadendResult* known,
+                       const std::string& words) {
+    rows.push_back({first});
+    if (hasNames) {
+      rows.back().push_back(known == nullptr ? "" : nameBeside(known->headend, known->name));
+    }
+    rows.back().push_back(words);
+  };
+  for (const std::string& headend : result.headends) {
+    const HeadendResult* known = find(result, headend);
+    add(start(std::to_string(rows.size() + 1) + ". ", headend), known, describe(known));
+  }
   for (const HeadendResult& headend : result.results) {
-    columns.headend = std::max(columns.headend, widthOf(Console::visible(headend.headend)));
-    columns.name = std::max(columns.name, widthOf(visibleName(headend)));
-  }
-  return columns;
-}
-
-std::string start(const std::string& headend, const HeadendResult* known, const Columns& columns) {
-  constexpr const char* Gap = "  ";
-  const std::string address = padded(Console::visible(headend), columns.headend) + Gap;
-  return columns.name == 0
-             ? address
-             : address + padded(known == nullptr ? "" : visibleName(*known), columns.name) + Gap;
-}
-
-std::string numberedList(const SelectionResult& result, const Columns& columns) {
-  if (result.headends.empty()) {
-    return "Headends: none\n";
-  }
-  std::map<std::string, const HeadendResult*> known;
-  for (const HeadendResult& headend : result.results) {
-    known.emplace(headend.headend, &headend);
-  }
-  std::string text = "Headends, in order of choice:\n";
-  for (std::size_t i = 0; i < result.headends.size(); ++i) {
-    char number[32];
-    snprintf(number, sizeof number, "%*zu. ", NumberWidth, i + 1);
-    const HeadendResult* headend = known[result.headends[i]];
-    text += number + start(result.headends[i], headend, columns) + describe(headend) + "\n";
-  }
-  return text;
-}
-
-std::string missingList(const SelectionResult& result, const Columns& columns) {
-  const std::set<std::string> delivered(result.headends.begin(), result.headends.end());
-  std::string text;
-  for (const HeadendResult& headend : result.results) {
-    if (delivered.count(headend.headend) == 0) {
-      text += std::string(NumberWidth + 2, ' ') + start(headend.headend, &headend, columns) +
-              outcomeName(headend.outcome) + "\n";
+    if (std::ranges::find(result.headends, headend.headend) == result.headends.end()) {
+      add(start("", headend.headend), &headend, outcomeName(headend.outcome));
     }
   }
-  return text.empty() ? "" : "Without a result:\n" + text;
+  std::string text = tableText(std::vector<std::string>(hasNames ? 3 : 2), rows);
+  std::size_t end = 1;  // after the heading, which is empty
+  for (std::size_t i = 0; i < result.headends.size(); ++i) {
+    end = text.find('\n', end) + 1;
+  }
+  if (rows.size() > result.headends.size()) {
+    text.insert(end, "Without a result:\n");
+  }
+  return (result.headends.empty() ? "Headends: none" : "Headends, in order of choice:") + text;
 }
 
 }  // namespace
 
 std::string textOutput(const SelectionResult& result) {
-  const Columns columns = columnsOf(result);
   std::string text = result.report;
   text += text.empty() ? "" : "\n";
-  text += numberedList(result, columns) + missingList(result, columns);
-  text += "Status: " + statusInWords(result) + " (" + statusAsHex(result.status) + " " +
-          statusCodeName(result.status) + ")\n";
+  text += listsOf(result) + "Status: " + statusInWords(result) + " (" + statusAsHex(result.status) +
+          " " + statusCodeName(result.status) + ")\n";
   return text;
 }
 

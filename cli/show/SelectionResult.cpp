@@ -2,8 +2,15 @@
 
 #include "cli/show/SelectionResult.h"
 
+#include <algorithm>
+
 #include "cli/ExitStatus.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+
+const HeadendResult* find(const SelectionResult& result, const std::string& headend) {
+  const auto found = std::ranges::find(result.results, headend, &HeadendResult::headend);
+  return found == result.results.end() ? nullptr : &*found;
+}
 
 std::string titleOf(const HeadendResult& headend) {
   const std::string name = nameBeside(headend.headend, headend.name);

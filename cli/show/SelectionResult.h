@@ -27,6 +27,9 @@ struct SelectionResult {
   std::vector<HeadendResult> results;
 };
 
+/// One of the results; null for a headend that is none of the candidates.
+const HeadendResult* find(const SelectionResult& result, const std::string& headend);
+
 /// A headend for a person: "gw-ams.example.com:8443 (Amsterdam)", or the address alone where the
 /// host entry has no name of its own. May hold anything: it is still to be made visible.
 std::string titleOf(const HeadendResult& headend);

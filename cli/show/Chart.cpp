@@ -3,35 +3,27 @@
 
 #include "cli/show/Chart.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <span>
 
 #include "cli/Console.h"
+#include "cli/Wording.h"
 #include "cli/show/Explanation.h"
-#include "vpn/Common/Logging/LegibleText.h"
 
 namespace {
 
 constexpr std::size_t MostRows = 100;
-// A name of full length (RFC 1035, section 2.3.4) with a port; what is longer is no host.
-constexpr std::size_t LongestName = 300;
 // Characters of a name that fit before the bars; the whole of it is the row's title.
 constexpr std::size_t NameColumn = 32;
 
 constexpr int Width = 760;
 constexpr int BarsStart = 250;
 constexpr int BarsEnd = 680;
-constexpr int LowRow = 24;
-// With a name above the address.
-constexpr int HighRow = 36;
-// From the middle of a row down to the base of a line: of a single one, and of two.
+constexpr int RowHeight = 24;
+// From the middle of a row down to the base of its line.
 constexpr int Base = 4;
-constexpr int UpperBase = -3;
-constexpr int LowerBase = 11;
 constexpr int BarHeight = 12;
 constexpr int Margin = 12;
 constexpr int AxisHeight = 34;
@@ -43,16 +35,13 @@ constexpr const char* Style =
     "--dot:#1d4f91;font:13px system-ui,'DejaVu Sans',sans-serif}"
     "@media(prefers-color-scheme:dark){.ahs{--ink:#e3e8ee;--soft:#93a0ae;--line:#3a4450;"
     "--bar:#4d6480;--first:#5fbd85;--dot:#bcd3f2}}"
-    ".ahs text{fill:var(--ink)}.ahs .soft{fill:var(--soft)}.ahs .small{font-size:11px}.ahs "
-    ".grid{stroke:var(--line)}"
+    ".ahs text{fill:var(--ink)}.ahs .soft{fill:var(--soft)}.ahs .grid{stroke:var(--line)}"
     ".ahs .bar{fill:var(--bar)}.ahs .first{fill:var(--first)}.ahs .dot{fill:var(--dot)}</style>\n";
 
 /// A number with at most one decimal, without one where it is whole.
 std::string number(double value) {
-  char text[32];
   const double rounded = std::round(value * 10) / 10;
-  snprintf(text, sizeof text, rounded == std::floor(rounded) ? "%.0f" : "%.1f", rounded);
-  return text;
+  return Wording::fixed(rounded, rounded == std::floor(rounded) ? 0 : 1);
 }
 
 std::string attribute(const char* name, double value) {
@@ -131,25 +120,15 @@ std::string bar(const HeadendResult& headend, const Scale& scale, double middle,
   return drawn + text(BarsEnd + 10, middle + Base, "", std::to_string(*headend.metricMs) + " ms");
 }
 
-/// A person looks for the name, so it stands above the address.
-std::string label(const HeadendResult& headend, double middle) {
-  const std::string address = asXmlText(shortened(legible(headend.headend, LongestName)));
-  const std::string name = nameBeside(headend.headend, headend.name);
-  if (name.empty()) {
-    return text(Margin, middle + Base, "", address);
-  }
-  return text(Margin, middle + UpperBase, "", asXmlText(shortened(legible(name, LongestName)))) +
-         text(Margin, middle + LowerBase, "soft small", address);
-}
-
 std::string row(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
-  // Both names of a headend and the parentheses.
-  const std::string title = legible(titleOf(headend), 2 * LongestName + 3);
-  return "<g><title>" + asXmlText(title) + ": " + asXmlText(outcomeName(headend.outcome)) +
-         "</title>\n" + label(headend, middle) +
+  // A person looks for the name; both names of a headend are in the row's title.
+  const std::string name = nameBeside(headend.headend, headend.name);
+  const std::string outcome = asXmlText(outcomeName(headend.outcome));
+  return "<g><title>" + asXmlText(titleOf(headend)) + ": " + outcome + "</title>\n" +
+         text(Margin, middle + Base, "",
+              asXmlText(shortened(Console::visible(name.empty() ? headend.headend : name)))) +
          (headend.metricMs ? bar(headend, scale, middle, isFirst)
-                           : text(BarsStart + 6, middle + Base, "soft",
-                                  asXmlText(outcomeName(headend.outcome)))) +
+                           : text(BarsStart + 6, middle + Base, "soft", outcome)) +
          "</g>\n";
 }
 
@@ -157,7 +136,7 @@ std::string row(const HeadendResult& headend, const Scale& scale, double middle,
 
 std::string asXmlText(const std::string& text) {
   std::string escaped;
-  for (const char c : Console::visible(legible(text, text.size()))) {
+  for (const char c : Console::visible(text)) {
     switch (c) {
       case '&':
         escaped += "&amp;";
@@ -186,21 +165,17 @@ std::string chartOf(const SelectionResult& result) {
   const std::size_t left = result.results.size() - rows;
   const Scale scale = scaleFor(result);
   const auto drawn = std::span(result.results).first(rows);
-  const bool hasNames = std::ranges::any_of(drawn, [](const HeadendResult& headend) {
-    return !nameBeside(headend.headend, headend.name).empty();
-  });
-  const int rowHeight = hasNames ? HighRow : LowRow;
-  const double bottom = Margin + static_cast<double>(rows) * rowHeight;
-  const double height = bottom + AxisHeight + (left > 0 ? LowRow : 0);
+  const double bottom = Margin + static_cast<double>(rows) * RowHeight;
+  const double height = bottom + AxisHeight + (left > 0 ? RowHeight : 0);
   std::string svg = "<svg xmlns=\"http://www.w3.org/2000/svg\" class=\"ahs\" role=\"img\"" +
                     attribute("width", Width) + attribute("height", height) + " viewBox=\"0 0 " +
                     number(Width) + " " + number(height) + "\" aria-label=\"" +
                     asXmlText(decisionInWords(result)) + "\">\n" + Style + axis(scale, bottom);
-  double middle = Margin + rowHeight / 2.0;
+  double middle = Margin + RowHeight / 2.0;
   for (const HeadendResult& headend : drawn) {
     const bool isFirst = !result.headends.empty() && headend.headend == result.headends.front();
     svg += row(headend, scale, middle, isFirst);
-    middle += rowHeight;
+    middle += RowHeight;
   }
   if (left > 0) {
     svg += text(Margin, height - 8, "soft", "and " + std::to_string(left) + " more");

@@ -3,8 +3,6 @@
 
 #include "cli/show/ResultPage.h"
 
-#include <algorithm>
-
 #include "cli/Wording.h"
 #include "cli/show/Chart.h"
 #include "cli/show/Explanation.h"
@@ -52,17 +50,13 @@ const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
   return nearest;
 }
 
-bool hasName(const HeadendResult& headend) {
-  return !nameBeside(headend.headend, headend.name).empty();
-}
-
-std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen, bool hasNames) {
+std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen, bool named) {
   static const HttpProbe::Report NoProbe;
   const HttpProbe::Report* nearest = nearestProbe(headend);
   const HttpProbe::Report& probe = nearest == nullptr ? NoProbe : *nearest;
   return std::string(isChosen ? "<tr class=\"chosen\">" : "<tr>") +
          cell(rank == 0 ? "" : std::to_string(rank), true) + cell(headend.headend) +
-         (hasNames ? cell(nameBeside(headend.headend, headend.name)) : "") +
+         (named ? cell(nameBeside(headend.headend, headend.name)) : "") +
          cell(headend.metricMs ? std::to_string(*headend.metricMs) : "", true) +
          cell(samplesText(headend.samplesMs, " ")) + cell(outcomeName(headend.outcome)) +
          cell(milliseconds(probe.networkRttUs), true) +
@@ -70,10 +64,10 @@ std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen,
 }
 
 std::string tableOf(const SelectionResult& result) {
-  const bool hasNames = std::ranges::any_of(result.results, hasName);
+  const bool named = hasNames(result);
   std::string table =
       std::string("<div class=\"wide\"><table>\n<thead><tr><th class=\"n\">#</th>") +
-      "<th>headend</th>" + (hasNames ? "<th>name</th>" : "") +
+      "<th>headend</th>" + (named ? "<th>name</th>" : "") +
       "<th class=\"n\">metric, ms</th><th>samples, ms</th><th>outcome</th>"
       "<th class=\"n\">network, ms</th><th class=\"n\">answer, ms</th><th>address</th></tr>"
       "</thead>\n<tbody>\n";
@@ -81,7 +75,7 @@ std::string tableOf(const SelectionResult& result) {
   for (const HeadendResult& headend : result.results) {
     const bool isRanked = rank < result.headends.size() && headend.headend == result.headends[rank];
     rank += isRanked ? 1 : 0;
-    table += rowOf(headend, isRanked ? rank : 0, isRanked && rank == 1, hasNames);
+    table += rowOf(headend, isRanked ? rank : 0, isRanked && rank == 1, named);
   }
   return table + "</tbody></table></div>\n";
 }

@@ -70,14 +70,12 @@ std::string start(const std::string& number, const std::string& headend) {
 
 /// The ordered list, then the others, as one table with a line between.
 std::string listsOf(const SelectionResult& result) {
-  const bool hasNames = std::ranges::any_of(result.results, [](const HeadendResult& headend) {
-    return !nameBeside(headend.headend, headend.name).empty();
-  });
+  const bool named = hasNames(result);
   std::vector<std::vector<std::string>> rows;
   const auto add = [&](const std::string& first, const HeadendResult* known,
                        const std::string& words) {
     rows.push_back({first});
-    if (hasNames) {
+    if (named) {
       rows.back().push_back(known == nullptr ? "" : nameBeside(known->headend, known->name));
     }
     rows.back().push_back(words);
@@ -91,7 +89,7 @@ std::string listsOf(const SelectionResult& result) {
       add(start("", headend.headend), &headend, outcomeName(headend.outcome));
     }
   }
-  std::string text = tableText(std::vector<std::string>(hasNames ? 3 : 2), rows);
+  std::string text = tableText(std::vector<std::string>(named ? 3 : 2), rows);
   std::size_t end = 1;  // after the heading, which is empty
   for (std::size_t i = 0; i < result.headends.size(); ++i) {
     end = text.find('\n', end) + 1;

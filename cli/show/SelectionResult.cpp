@@ -12,6 +12,12 @@ const HeadendResult* find(const SelectionResult& result, const std::string& head
   return found == result.results.end() ? nullptr : &*found;
 }
 
+bool hasNames(const SelectionResult& result) {
+  return std::ranges::any_of(result.results, [](const HeadendResult& headend) {
+    return !nameBeside(headend.headend, headend.name).empty();
+  });
+}
+
 std::string titleOf(const HeadendResult& headend) {
   const std::string name = nameBeside(headend.headend, headend.name);
   return headend.headend + (name.empty() ? "" : " (" + name + ")");

@@ -30,6 +30,9 @@ struct SelectionResult {
 /// One of the results; null for a headend that is none of the candidates.
 const HeadendResult* find(const SelectionResult& result, const std::string& headend);
 
+/// Whether any of the headends has a name beside its address.
+bool hasNames(const SelectionResult& result);
+
 /// A headend for a person: "gw-ams.example.com:8443 (Amsterdam)", or the address alone where the
 /// host entry has no name of its own. May hold anything: it is still to be made visible.
 std::string titleOf(const HeadendResult& headend);

@@ -12,26 +12,15 @@
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/StringUtils.h"
 
-Candidates::Candidates(std::vector<Candidate> all) : m_all(std::move(all)) {
-  for (std::size_t i = 0; i < m_all.size(); ++i) {
-    m_places.emplace(m_all[i].place, i);
-  }
-}
-
-const Candidate* Candidates::at(const Place& place) const {
-  const auto found = m_places.find(place);
-  return found == m_places.end() ? nullptr : &m_all[found->second];
-}
-
-const Candidate* Candidates::named(const std::string& name) const {
-  if (const Candidate* const found = findNamed(name, m_all); found != nullptr) {
+const Candidate* candidateNamed(const std::string& name, const std::vector<Candidate>& all) {
+  if (const Candidate* const found = findNamed(name, all); found != nullptr) {
     return found;
   }
   const std::string wanted = CStringUtils::toLower(name);
-  const auto found = std::ranges::find_if(m_all, [&wanted](const Candidate& candidate) {
+  const auto found = std::ranges::find_if(all, [&wanted](const Candidate& candidate) {
     return CStringUtils::toLower(candidate.headend) == wanted;
   });
-  return found == m_all.end() ? nullptr : &*found;
+  return found == all.end() ? nullptr : &*found;
 }
 
 Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {
@@ -54,7 +43,7 @@ Core::~Core() {
 }
 
 void Core::look() {
-  m_candidates = std::make_shared<const Candidates>(findCandidates());
+  m_candidates = std::make_shared<const std::vector<Candidate>>(findCandidates());
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   std::string proxy;
   m_usesSystemProxy = preferences->getPreferenceValue(ProxySettings, proxy) == 0 &&

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstddef>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,21 +11,9 @@
 
 class CSelectionCache;
 
-/// The headends that take part. Constant; any thread may read it.
-class Candidates {
- public:
-  explicit Candidates(std::vector<Candidate> all);
-
-  const std::vector<Candidate>& all() const { return m_all; }
-  /// The one that is probed at a place; null if there is none.
-  const Candidate* at(const Place& place) const;
-  /// The one of a host entry's name, else of a headend, in any letter case; null if there is none.
-  const Candidate* named(const std::string& name) const;
-
- private:
-  const std::vector<Candidate> m_all;
-  std::map<Place, std::size_t> m_places;
-};
+/// The candidate of a host entry's name, else of a headend, in any letter case; null if there is
+/// none.
+const Candidate* candidateNamed(const std::string& name, const std::vector<Candidate>& all);
 
 /// What all libraries of the process share: the client library while it is up, and what was read
 /// when it came up. Constant once it is made; made and destroyed by one thread at a time.
@@ -41,7 +27,7 @@ class Core {
 
   const StartPlan& plan() const { return m_plan; }
   /// What takes part; it may outlive the core.
-  const std::shared_ptr<const Candidates>& candidates() const { return m_candidates; }
+  const std::shared_ptr<const std::vector<Candidate>>& candidates() const { return m_candidates; }
   const std::vector<const ahs_problem*>& problems() const { return m_problemPointers; }
 
   /// Whether the preferences in force name the system's proxy.
@@ -55,7 +41,7 @@ class Core {
   std::unique_ptr<CClientLibrary> m_library;
   CSelectionCache* m_cache = nullptr;  // held, so that selections in memory outlive their runs
   bool m_usesSystemProxy = false;
-  std::shared_ptr<const Candidates> m_candidates;
+  std::shared_ptr<const std::vector<Candidate>> m_candidates;
   std::vector<FileProblem> m_fileProblems;
   std::vector<ahs_problem> m_problems;
   std::vector<const ahs_problem*> m_problemPointers;

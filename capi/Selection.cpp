@@ -110,6 +110,7 @@ Selection::Selection(const std::shared_ptr<HeldCore>& core,
       m_reason(reason),
       m_start(std::chrono::steady_clock::now()),
       m_unstarted(std::make_shared<Run>(core, presences)),
+      m_run(m_unstarted),
       m_result(AHS_SUCCESS, reason) {
   m_resultMessage.push_back(std::make_unique<ResultMessage>(this));
 }
@@ -118,7 +119,7 @@ Selection::~Selection() = default;
 
 std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
   status = HEADENDSELECTION_ERROR_BAD_PARAMETER;
-  const std::shared_ptr<Run> run = unstarted();
+  const std::shared_ptr<Run> run = this->run();
   run->hold(shared_from_this());
   const std::string last = request.last_headend == nullptr ? "" : request.last_headend;
   std::string error = run->way().take(request);
@@ -126,13 +127,16 @@ std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
     return error;
   }
   run->SetTerms({run->way().words(), request.measure_now != 0});
-  const Candidate* const known = m_candidates->named(last);
+  const Candidate* const known = candidateNamed(last, *m_candidates);
   if (known == nullptr && !last.empty()) {
     CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,
                              "request.last_headend \"%s\" is no headend that takes part",
                              CStringUtils::printable(last).c_str());
   }
-  note(run, known);
+  if (known != nullptr) {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    m_last = {known->headend};
+  }
   // The run knows a headend by the name of its entry.
   STATUSCODE started = 0;
   auto selection = std::make_unique<CHeadendSelection>(this, known != nullptr ? known->name : last,
@@ -154,19 +158,6 @@ std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
     cancel();
   }
   return "";
-}
-
-std::shared_ptr<Selection::Run> Selection::unstarted() {
-  const CAutoLockT<CMonitor> guard(m_lock);
-  return m_unstarted;
-}
-
-void Selection::note(const std::shared_ptr<Run>& run, const Candidate* last) {
-  const CAutoLockT<CMonitor> guard(m_lock);
-  m_run = run;
-  if (last != nullptr) {
-    m_last = {last->headend};
-  }
 }
 
 bool Selection::isCancelWanted() {
@@ -250,7 +241,7 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
     }
     const std::vector<std::string> kept = code == AHS_ERROR_CANCELLED ? last() : headends;
     Result result(code, m_reason, kept, realm,
-                  collectResults(kept, m_candidates->all(), tracks, measured, isFromCache));
+                  collectResults(kept, *m_candidates, tracks, measured, isFromCache));
     if (isFromCache) {
       result.setFromCache(ageOf(entry));
     }
@@ -286,9 +277,10 @@ void Selection::settle(Result&& result) {
 }
 
 void Selection::noteProbe(const HttpProbe::Report& report, bool ended) {
-  const Candidate* const candidate = m_candidates->at(placeOf(report.host, report.port));
+  const auto candidate =
+      std::ranges::find(*m_candidates, placeOf(report.host, report.port), &Candidate::place);
   if (m_client.progress == nullptr || SelectionRecord::isTestProbe(report) ||
-      candidate == nullptr) {
+      candidate == m_candidates->end()) {
     return;
   }
   auto message = std::make_unique<ProbeMessage>(shared_from_this(), *candidate, report.address);
@@ -297,7 +289,7 @@ void Selection::noteProbe(const HttpProbe::Report& report, bool ended) {
   probe.ended = ended ? 1 : 0;
   probe.outcome = outcomeNumber(outcomeOfStatus(report.status));
   probe.rtt_ms = report.rttMs;
-  probe.headend_count = static_cast<uint32_t>(m_candidates->all().size());
+  probe.headend_count = static_cast<uint32_t>(m_candidates->size());
   messages.push_back(std::move(message));
 
   const CAutoLockT<CMonitor> guard(m_lock);
@@ -306,7 +298,7 @@ void Selection::noteProbe(const HttpProbe::Report& report, bool ended) {
   }
   (ended ? m_probesEnded : m_probesStarted) += 1;
   if (ended && SelectionRecord::isSample(report.status)) {
-    m_answered.insert(candidate);
+    m_answered.insert(&*candidate);
   }
   probe.probes_started = m_probesStarted;
   probe.probes_ended = m_probesEnded;

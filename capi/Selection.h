@@ -59,8 +59,6 @@ class Selection : public ClientIfcBase,
   class ResultMessage;
   class ProbeMessage;
 
-  std::shared_ptr<Run> unstarted();
-  void note(const std::shared_ptr<Run>& run, const Candidate* last);
   bool isCancelWanted();
   bool endUnstarted();
   std::shared_ptr<Run> run();
@@ -71,7 +69,7 @@ class Selection : public ClientIfcBase,
   void noteProbe(const HttpProbe::Report& report, bool ended);
   uint32_t elapsedMs() const;
 
-  const std::shared_ptr<const Candidates> m_candidates;
+  const std::shared_ptr<const std::vector<Candidate>> m_candidates;
   const Client m_client;
   const uint32_t m_reason;
   const std::chrono::steady_clock::time_point m_start;

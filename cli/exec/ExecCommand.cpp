@@ -112,7 +112,7 @@ void complainOfProgram(const std::string& name, const ChildProgram& program) {
                          : "."));
 }
 
-Attempt runProgram(const ExecOptions& options, const ChosenHeadend& chosen,
+Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
                    Foreground& foreground) {
   const std::vector<std::string> command = commandFor(options.program, chosen);
   const TerminalSettings terminal;
@@ -145,7 +145,7 @@ int runPrograms(const ExecOptions& options, const SelectionResult& result) {
   Attempt attempt;
   const std::size_t most = std::min<std::size_t>(result.headends.size(), options.tries);
   for (std::size_t place = 0; place < most; ++place) {
-    const ChosenHeadend chosen = chosenHeadend(result.headends[place], result);
+    const HeadendResult chosen = chosenHeadend(result.headends[place], result);
     Console::complain((place == 0 ? "running with " : "trying ") + chosen.headend +
                       (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "") +
                       ".");
@@ -179,8 +179,7 @@ int runExec(const ExecOptions& options) {
   if (!selecting.isReady()) {
     return ExitUsage;
   }
-  const std::optional<SelectionResult> result = selecting.run(
-      password, plan.log.terminal ? Selecting::Progress::Hidden : Selecting::Progress::Shown);
+  const std::optional<SelectionResult> result = selecting.run(password, !plan.log.terminal);
   password.reset();
   if (!result) {
     return ExitNotMeasured;

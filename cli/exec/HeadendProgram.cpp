@@ -4,11 +4,6 @@
 
 #include "cli/exec/HeadendProgram.h"
 
-#include <algorithm>
-#include <array>
-#include <string_view>
-#include <utility>
-
 #include "vpn/Api/AHS/Candidates.h"
 
 namespace {
@@ -16,29 +11,25 @@ namespace {
 /// The place that a probe of a headend goes to.
 Place placeOfHeadend(const std::string& headend) { return candidateOf("", URL(headend)).place; }
 
-// One pass, so that what has been put in is not looked at again.
-std::string replaced(const std::string& text,
-                     const std::array<std::pair<std::string_view, std::string>, 3>& values) {
-  std::string result;
-  for (std::size_t at = 0; at < text.size();) {
-    const auto value = std::ranges::find_if(values, [&text, at](const auto& candidate) {
-      return std::string_view(text).substr(at).starts_with(candidate.first);
-    });
-    result += value == values.end() ? text.substr(at, 1) : value->second;
-    at += value == values.end() ? 1 : value->first.size();
+void replaceAll(std::string& text, const std::string& name, const std::string& value) {
+  for (std::size_t at = text.find(name); at != std::string::npos; at = text.find(name, at)) {
+    text.replace(at, name.size(), value);
+    at += value.size();
   }
-  return result;
 }
 
 }  // namespace
 
-ChosenHeadend chosenHeadend(const std::string& headend, const SelectionResult& result) {
-  const HeadendResult* known = find(result, headend);
-  return known == nullptr ? ChosenHeadend{headend, "", std::nullopt}
-                          : ChosenHeadend{headend, known->name, known->metricMs};
+HeadendResult chosenHeadend(const std::string& headend, const SelectionResult& result) {
+  if (const HeadendResult* known = find(result, headend); known != nullptr) {
+    return *known;
+  }
+  HeadendResult unknown;
+  unknown.headend = headend;
+  return unknown;
 }
 
-ChildProgram::Variables variablesOf(const ChosenHeadend& chosen) {
+ChildProgram::Variables variablesOf(const HeadendResult& chosen) {
   const auto [host, port] = placeOfHeadend(chosen.headend);
   return {{"AHS_HEADEND", chosen.headend},
           {"AHS_HOST", host},
@@ -48,14 +39,13 @@ ChildProgram::Variables variablesOf(const ChosenHeadend& chosen) {
 }
 
 std::vector<std::string> commandFor(const std::vector<std::string>& command,
-                                    const ChosenHeadend& chosen) {
+                                    const HeadendResult& chosen) {
   const auto [host, port] = placeOfHeadend(chosen.headend);
-  std::vector<std::string> result;
-  result.reserve(command.size());
-  for (const std::string& argument : command) {
-    result.push_back(replaced(
-        argument,
-        {{{"{headend}", chosen.headend}, {"{host}", host}, {"{port}", std::to_string(port)}}}));
+  std::vector<std::string> result = command;
+  for (std::string& argument : result) {
+    replaceAll(argument, "{headend}", chosen.headend);
+    replaceAll(argument, "{host}", host);
+    replaceAll(argument, "{port}", std::to_string(port));
   }
   return result;
 }

@@ -29,15 +29,6 @@ bool hasControlCharacter(std::string_view text) {
 
 std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
 
-// A word of a shell command that names the file, whatever its name is.
-std::string asShellWord(const std::string& path) {
-  std::string word = "'";
-  for (const char c : path) {
-    word += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  }
-  return Console::visible(word + "'");
-}
-
 // Reads to the end, or as much as fits. -1 and errno on failure.
 ssize_t readToEnd(int descriptor, SecretBuffer& buffer) {
   std::size_t length = 0;
@@ -85,19 +76,20 @@ std::string take(int descriptor, Secret& password) {
 }
 
 // Whoever else can read the file knows the password, and whoever can write it chooses what is sent.
-std::string findFileFault(const struct stat& facts, const std::string& path) {
+std::string findFileFault(const struct stat& facts) {
   constexpr mode_t AccessOfOthers = S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
   if (!S_ISREG(facts.st_mode)) {
     return "it is no regular file. Name a file, or hand the password over with "
            "--proxy-password-fd.";
   }
   if (facts.st_uid != geteuid() && facts.st_uid != 0) {
-    return "it belongs to another user. Take it over: chown " + std::to_string(geteuid()) + " " +
-           asShellWord(path) + ".";
+    return "it belongs to another user. Take it over: chown " + std::to_string(geteuid()) +
+           " FILE.";
   }
   if ((facts.st_mode & AccessOfOthers) != 0) {
-    return "others may read or write it. Keep it to yourself: chmod 600 " + asShellWord(path) +
-           ". If it was readable for long, change the password.";
+    return "others may read or write it. Keep it to yourself: chmod 600 FILE. If it was readable "
+           "for "
+           "long, change the password.";
   }
   return "";
 }
@@ -154,7 +146,7 @@ std::string readPasswordFile(const std::string& path, Secret& password) {
   if (fstat(file.get(), &facts) != 0) {
     return name + openingFault(errno);
   }
-  std::string fault = findFileFault(facts, path);
+  std::string fault = findFileFault(facts);
   if (fault.empty()) {
     fault = take(file.get(), password);
   }

@@ -87,8 +87,7 @@ int runSelect(const SelectOptions& options) {
     return ExitUsage;
   }
   const std::optional<SelectionResult> result =
-      selecting.run(password, wantsProgress(options, plan) ? Selecting::Progress::Shown
-                                                           : Selecting::Progress::Hidden);
+      selecting.run(password, wantsProgress(options, plan));
   if (!result) {
     return ExitNotMeasured;
   }

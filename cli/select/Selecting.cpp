@@ -21,7 +21,6 @@
 #include "cli/show/Reasons.h"
 #include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
-#include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/StringUtils.h"
@@ -35,8 +34,8 @@ constexpr std::chrono::milliseconds LineInterval{2000};
 // A run whose result is there ends within microseconds, unless the time limit ended it and workers
 // are still waiting for an answer; a process that ends does not wait for those.
 constexpr std::chrono::milliseconds LongestRunEnd{100};
-// A wait without a limit is made of these.
-constexpr std::chrono::hours LongestWait{1};
+// A run has time limits of its own, which are shorter.
+constexpr std::chrono::hours LongestWait{1000};
 
 // Whether a mistake has not been told before; null for a person who has been told nothing.
 bool isNew(const std::string& mistake, std::set<std::string>* told) {
@@ -116,24 +115,6 @@ bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
 
 }  // namespace
 
-/// Holds the cache, so that selections in memory outlive their runs.
-class HeldCache {
- public:
-  HeldCache() : m_cache(nullptr) {
-    static_cast<void>(CSelectionCache::createSingletonInstance(m_cache));
-  }
-  ~HeldCache() {
-    if (m_cache != nullptr) {
-      m_cache->releaseInstance();
-    }
-  }
-  HeldCache(const HeldCache&) = delete;
-  HeldCache& operator=(const HeldCache&) = delete;
-
- private:
-  CSelectionCache* m_cache;
-};
-
 Selecting::Selecting(const SelectPlan& plan, std::string command, std::set<std::string>* told)
     : m_plan(plan), m_command(std::move(command)), m_told(told), m_isReady(prepare()) {}
 
@@ -170,7 +151,9 @@ bool Selecting::prepare() {
     return false;
   }
   m_candidates = findCandidates();
-  m_cache = std::make_unique<HeldCache>();
+  CSelectionCache* cache = nullptr;
+  static_cast<void>(CSelectionCache::createSingletonInstance(cache));
+  m_cache.reset(cache);
   CAHSSettings::GetSettings(m_settings);
   return true;
 }
@@ -189,13 +172,13 @@ void Selecting::noteUnknownLast() const {
 }
 
 std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& password,
-                                              Progress progress) {
+                                              bool showsProgress) {
   noteUnknownLast();
   const ProxyInForce proxy = findProxy();
   const std::shared_ptr<Terminal> terminal = Terminal::find();
   ProxyLogin login(m_plan.proxy.user, password, terminal, proxy.isSystems);
   for (unsigned int reason = m_plan.reason;; reason = ReasonProxyAuthentication) {
-    if (!runOnce(reason, login, progress)) {
+    if (!runOnce(reason, login, showsProgress)) {
       return std::nullopt;
     }
     SelectionResult result = resultOf(reason, login.hasCredentials());
@@ -211,7 +194,7 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
 }
 
 /// Runs one selection up to its result. @return whether it could be started.
-bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, Progress progress) {
+bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress) {
   m_recorder = std::make_shared<SelectionRecord>();
   const CTask::Scope scope(m_recorder);
   m_run = std::make_unique<SelectionRun>();
@@ -223,11 +206,10 @@ bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, Progress progres
                       " --log-level info' tells each step.");
     return false;
   }
-  if (progress == Progress::Shown) {
+  if (showsProgress) {
     waitVisibly(*m_run, [this, reason] { return look(reason); });
   }
-  while (!m_run->waitForDelivery(LongestWait)) {
-  }
+  m_run->waitForDelivery(LongestWait);
   return true;
 }
 
@@ -250,14 +232,8 @@ LiveState Selecting::look(unsigned int reason) const {
 }
 
 SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
-  SelectionRun::Delivery delivery = m_run->delivery();
-  SelectionResult result;
+  SelectionResult result = m_run->delivery();
   result.reason = reason;
-  result.status = delivery.status;
-  result.headends = std::move(delivery.headends);
-  result.extraInfo = std::move(delivery.extraInfo);
-  result.report = std::move(delivery.report);
-  result.elapsed = delivery.elapsed;
   result.fromCache = result.status == HEADENDSELECTION_SUCCESS;
   result.hadLogin = hadLogin;
   const CCacheEntry entry = m_recorder->entry();
@@ -284,7 +260,8 @@ void Selecting::tellRules(SelectionResult& result) const {
 }
 
 void Selecting::endRun() {
-  while (m_run != nullptr && !m_run->waitForEnd(LongestWait)) {
+  if (m_run != nullptr) {
+    m_run->waitForEnd(LongestWait);
   }
   m_run.reset();
 }

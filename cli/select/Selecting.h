@@ -15,19 +15,15 @@
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/ClientLibrary.h"
-
-class HeldCache;
 
 /// One selection for a person: it reads the files of a plan, runs the selection, and runs it again
 /// after each login at a proxy that asks for one. What is wrong is told on standard error. The
 /// client library is up as long as the object lives, so there is one at a time; used by one thread.
 class Selecting {
  public:
-  /// What a person sees on standard error while it measures.
-  enum class Progress { Shown, Hidden };
-
   /// @param plan with the reason and the last headend; has to outlive the object.
   /// @param command as a person calls it, for messages: "ahs select".
   /// @param told mistakes in files that have been told before, and are not told again; grows by
@@ -44,8 +40,9 @@ class Selecting {
 
   /// Runs the selection. To be called once, when it is ready.
   /// @param password that goes with the plan's user name at the proxy, if one was given.
+  /// @param showsProgress on standard error, while it measures.
   /// @return the result; none if it could not be started, which has been told.
-  std::optional<SelectionResult> run(const std::optional<Secret>& password, Progress progress);
+  std::optional<SelectionResult> run(const std::optional<Secret>& password, bool showsProgress);
 
   /// To be called last in a process that ends now: does not wait for threads that wait for answers,
   /// but ends the process under them.
@@ -53,9 +50,13 @@ class Selecting {
   int leave(int exitStatus);
 
  private:
+  struct ReleaseCache {
+    void operator()(CSelectionCache* cache) const { cache->releaseInstance(); }
+  };
+
   bool prepare();
   void noteUnknownLast() const;
-  bool runOnce(unsigned int reason, ProxyLogin& login, Progress progress);
+  bool runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress);
   LiveState look(unsigned int reason) const;
   SelectionResult resultOf(unsigned int reason, bool hadLogin) const;
   void tellRules(SelectionResult& result) const;
@@ -65,9 +66,10 @@ class Selecting {
   const std::string m_command;
   std::set<std::string>* const m_told;
   std::unique_ptr<CClientLibrary> m_library;
+  // Held, so that selections in memory outlive their runs.
+  std::unique_ptr<CSelectionCache, ReleaseCache> m_cache;
   std::vector<Candidate> m_candidates;
   HS_SETTINGS m_settings{};
-  std::unique_ptr<HeldCache> m_cache;
   std::shared_ptr<SelectionRecord> m_recorder;
   std::unique_ptr<SelectionRun> m_run;  // null when none is under way
   const bool m_isReady;

@@ -53,7 +53,7 @@ bool SelectionRun::waitForDelivery(std::chrono::milliseconds longest) {
   return m_isDelivered;
 }
 
-SelectionRun::Delivery SelectionRun::delivery() const {
+SelectionResult SelectionRun::delivery() const {
   const CAutoLockT<CMonitor> guard(m_lock);
   return m_delivery;
 }

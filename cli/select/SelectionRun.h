@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Api/ProxyIfc.h"
 #include "vpn/Common/Utility/Thread.h"
@@ -16,15 +17,6 @@
 /// run has ended.
 class SelectionRun : public ClientIfcBase {
  public:
-  /// What the run delivered.
-  struct Delivery {
-    STATUSCODE status = 0;
-    std::vector<std::string> headends;
-    std::string extraInfo;
-    std::string report;  ///< empty when the run wrote none
-    std::chrono::milliseconds elapsed{0};
-  };
-
   SelectionRun();
   ~SelectionRun() override;
 
@@ -37,8 +29,8 @@ class SelectionRun : public ClientIfcBase {
   /// Waits for the result. @return whether it is there.
   bool waitForDelivery(std::chrono::milliseconds longest);
 
-  /// The result; empty before it is there.
-  Delivery delivery() const;
+  /// What the run has delivered: status, headends, extra information, report and time.
+  SelectionResult delivery() const;
 
   /// Time since the start.
   std::chrono::milliseconds elapsed() const;
@@ -56,5 +48,5 @@ class SelectionRun : public ClientIfcBase {
 
   mutable CMonitor m_lock;  // notified of the delivery
   bool m_isDelivered AHS_GUARDED_BY(m_lock);
-  Delivery m_delivery AHS_GUARDED_BY(m_lock);
+  SelectionResult m_delivery AHS_GUARDED_BY(m_lock);
 };

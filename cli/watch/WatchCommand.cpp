@@ -50,25 +50,16 @@ struct WatchOptions {
   std::string program;
 };
 
-/// Why a selection is made.
-enum class Cause { Start, Interval, Network };
+/// Why a selection is made, for programs and for people.
+struct Cause {
+  const char* word;
+  const char* text;
 
-struct CauseWords {
-  const char* word;  // for programs
-  const char* text;  // for people
+  bool operator==(const Cause&) const = default;
 };
-
-CauseWords wordsOf(Cause cause) {
-  switch (cause) {
-    case Cause::Network:
-      return {"network", "the network has changed"};
-    case Cause::Interval:
-      return {"interval", "measured again"};
-    case Cause::Start:
-      break;
-  }
-  return {"start", "first choice"};
-}
+constexpr Cause Start{"start", "first choice"};
+constexpr Cause Interval{"interval", "measured again"};
+constexpr Cause Network{"network", "the network has changed"};
 
 std::string utcTime() {
   const time_t now = time(nullptr);
@@ -76,19 +67,19 @@ std::string utcTime() {
   return gmtime_r(&now, &parts) == nullptr ? "" : Wording::utc(parts);
 }
 
-std::string inWords(const ChosenHeadend& chosen) {
+std::string inWords(const HeadendResult& chosen) {
   const std::string name = nameBeside(chosen.headend, chosen.name);
   return (name.empty() ? chosen.headend : Console::visible(name) + " (" + chosen.headend + ")") +
          (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : ", not measured");
 }
 
-std::string lineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
+std::string lineOf(const HeadendResult& chosen, const std::optional<HeadendResult>& previous,
                    Cause cause) {
   return Wording::localTime() + "  " + inWords(chosen) + "; " +
-         (previous ? "before: " + inWords(*previous) + "; " : "") + wordsOf(cause).text + "\n";
+         (previous ? "before: " + inWords(*previous) + "; " : "") + cause.text + "\n";
 }
 
-std::string jsonLineOf(const ChosenHeadend& chosen, const std::optional<ChosenHeadend>& previous,
+std::string jsonLineOf(const HeadendResult& chosen, const std::optional<HeadendResult>& previous,
                        Cause cause) {
   Json line = newJson();
   line["time"] = utcTime();
@@ -96,7 +87,7 @@ std::string jsonLineOf(const ChosenHeadend& chosen, const std::optional<ChosenHe
   line["name"] = chosen.name;
   line["metricMs"] = chosen.metricMs ? Json(*chosen.metricMs) : nullptr;
   line["previousHeadend"] = previous ? Json(previous->headend) : nullptr;
-  line["cause"] = wordsOf(cause).word;
+  line["cause"] = cause.word;
   return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
@@ -191,7 +182,7 @@ class Watch {
       Console::complain("warning: changes of the network cannot be heard of (" +
                         m_network.problem() + "); the interval alone says when to select again.");
     }
-    std::optional<Cause> cause = Cause::Start;
+    std::optional<Cause> cause = Start;
     while (cause) {
       m_network.remember();
       const std::optional<int> end = selectOnce(*cause);
@@ -210,13 +201,12 @@ class Watch {
     Selecting selecting(m_plan, "ahs watch", &m_told);
     if (!selecting.isReady()) {
       m_hasFailed = true;
-      return cause == Cause::Start ? std::optional<int>(ExitUsage) : std::nullopt;
+      return cause == Start ? std::optional<int>(ExitUsage) : std::nullopt;
     }
-    const std::optional<SelectionResult> result =
-        selecting.run(m_password, Selecting::Progress::Hidden);
+    const std::optional<SelectionResult> result = selecting.run(m_password, false);
     if (!result) {
       m_hasFailed = true;
-      return cause == Cause::Start ? std::optional<int>(ExitNotMeasured) : std::nullopt;
+      return cause == Start ? std::optional<int>(ExitNotMeasured) : std::nullopt;
     }
     const int status = exitStatusOf(result->status);
     if (status == ExitProxyAsks) {
@@ -232,12 +222,12 @@ class Watch {
 
   /// What the selection chose, or the choice before where both are next door: a metric of 0 has no
   /// ratio that could hold the last headend, and the choice would go to and fro.
-  ChosenHeadend choiceOf(const SelectionResult& result) const {
-    ChosenHeadend best = chosenHeadend(result.headends.front(), result);
+  HeadendResult choiceOf(const SelectionResult& result) const {
+    HeadendResult best = chosenHeadend(result.headends.front(), result);
     if (!m_chosen || best.metricMs != 0U) {
       return best;
     }
-    ChosenHeadend before = chosenHeadend(m_chosen->headend, result);
+    HeadendResult before = chosenHeadend(m_chosen->headend, result);
     return before.metricMs && *before.metricMs <= NextDoorMs ? before : best;
   }
 
@@ -253,7 +243,7 @@ class Watch {
     m_hasFailed = hasFailed;
   }
 
-  std::optional<int> take(ChosenHeadend chosen, Cause cause) {
+  std::optional<int> take(HeadendResult chosen, Cause cause) {
     const bool isNew = !m_chosen || m_chosen->headend != chosen.headend;
     std::optional<int> end;
     if (isNew) {
@@ -264,7 +254,7 @@ class Watch {
       end = status == ExitSelected ? std::nullopt : std::optional(status);
       ChildProgram::Variables variables = variablesOf(chosen);
       variables.emplace_back("AHS_PREVIOUS_HEADEND", m_chosen ? m_chosen->headend : "");
-      variables.emplace_back("AHS_CAUSE", wordsOf(cause).word);
+      variables.emplace_back("AHS_CAUSE", cause.word);
       m_hook.announce(std::move(variables));
     }
     m_plan.last = chosen.name;
@@ -280,7 +270,7 @@ class Watch {
 
   /// @return why to select again; nothing when nobody reads what is told.
   std::optional<Cause> wait() {
-    Cause cause = Cause::Interval;
+    Cause cause = Interval;
     auto end = BootClock::now() + interval(m_hasFailed);
     while (true) {
       const auto left = std::chrono::ceil<milliseconds>(end - BootClock::now());
@@ -292,7 +282,7 @@ class Watch {
         case NetworkChanges::Heard::Closed:
           return std::nullopt;
         case NetworkChanges::Heard::Change:
-          cause = Cause::Network;
+          cause = Network;
           end = std::min(end, m_changes.take());
           m_network.remember();
           break;
@@ -308,7 +298,7 @@ class Watch {
   NetworkChanges m_network{STDOUT_FILENO};
   ChangeLimit m_changes;
   Hook m_hook;
-  std::optional<ChosenHeadend> m_chosen;
+  std::optional<HeadendResult> m_chosen;
   std::set<std::string> m_told;
   bool m_hasFailed = false;
 };

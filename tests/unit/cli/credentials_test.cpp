@@ -86,25 +86,17 @@ TEST_F(PasswordFileTest, OneThatOthersMayReadOrWriteIsRefusedWithTheRemedy) {
     EXPECT_EQ(read(write(Text, mode)),
               "the password file '" + directory.File("password") +
                   "' cannot be used: others may read or write it. Keep it to yourself: chmod 600 "
-                  "'" +
-                  directory.File("password") +
-                  "'. If it was readable for long, change the password.")
+                  "FILE. If it was readable for long, change the password.")
         << std::oct << mode;
   }
   EXPECT_EQ(password.length(), 0U);
-}
-
-TEST_F(PasswordFileTest, TheRemedyIsAShellCommandWhateverTheNameIs) {
-  const std::string path = directory.Write("it's\x1b", Text);
-  ASSERT_EQ(chmod(path.c_str(), 0644), 0);
-  EXPECT_THAT(read(path), HasSubstr("chmod 600 '" + directory.File("it'\\''s\\x1b'")));
 }
 
 TEST_F(PasswordFileTest, OneOfAnotherUserIsRefused) {
   const std::string path = write(Text);
   isSomebodyElses = true;
   EXPECT_THAT(read(path), HasSubstr("it belongs to another user. Take it over: chown " +
-                                    std::to_string(geteuid()) + " '"));
+                                    std::to_string(geteuid()) + " FILE"));
 }
 
 TEST_F(PasswordFileTest, ALinkIsRefused) {

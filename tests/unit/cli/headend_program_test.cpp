@@ -13,8 +13,17 @@ namespace {
 using testing::ElementsAre;
 using testing::Pair;
 
+HeadendResult gateway(const std::string& headend, const std::string& name,
+                      std::optional<unsigned int> metric) {
+  HeadendResult made;
+  made.headend = headend;
+  made.name = name;
+  made.metricMs = metric;
+  return made;
+}
+
 std::vector<std::string> commandWith(const std::string& headend, const std::string& argument) {
-  return commandFor({"vpn", argument}, {headend, "", std::nullopt});
+  return commandFor({"vpn", argument}, gateway(headend, "", std::nullopt));
 }
 
 }  // namespace
@@ -41,11 +50,12 @@ TEST(HeadendProgram, OtherBracesStayAsTheyAre) {
 }
 
 TEST(HeadendProgram, TheEnvironmentNamesEverythingThatIsKnown) {
-  EXPECT_THAT(variablesOf({"[2001:db8::7]:8443", "Z\xc3\xbcrich", 18}),
+  EXPECT_THAT(variablesOf(gateway("[2001:db8::7]:8443", "Z\xc3\xbcrich", 18)),
               ElementsAre(Pair("AHS_HEADEND", "[2001:db8::7]:8443"),
                           Pair("AHS_HOST", "2001:db8::7"), Pair("AHS_PORT", "8443"),
                           Pair("AHS_NAME", "Z\xc3\xbcrich"), Pair("AHS_METRIC_MS", "18")));
-  EXPECT_THAT(variablesOf({"gw", "", std::nullopt}), testing::Contains(Pair("AHS_METRIC_MS", "")));
+  EXPECT_THAT(variablesOf(gateway("gw", "", std::nullopt)),
+              testing::Contains(Pair("AHS_METRIC_MS", "")));
 }
 
 TEST(HeadendProgram, AHeadendIsFoundAmongTheResults) {
@@ -54,10 +64,10 @@ TEST(HeadendProgram, AHeadendIsFoundAmongTheResults) {
   result.results[1].headend = "gw:8443";
   result.results[1].name = "Bonn";
   result.results[1].metricMs = 18;
-  const ChosenHeadend known = chosenHeadend("gw:8443", result);
+  const HeadendResult known = chosenHeadend("gw:8443", result);
   EXPECT_EQ(known.name, "Bonn");
   EXPECT_EQ(known.metricMs, 18U);
-  const ChosenHeadend unknown = chosenHeadend("another", result);
+  const HeadendResult unknown = chosenHeadend("another", result);
   EXPECT_EQ(unknown.headend, "another");
   EXPECT_EQ(unknown.name, "");
   EXPECT_EQ(unknown.metricMs, std::nullopt);

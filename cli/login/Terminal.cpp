@@ -6,50 +6,26 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include "cli/Console.h"
 
 std::shared_ptr<Terminal> Terminal::find() {
-  if (isatty(STDIN_FILENO) != 1) {
-    return nullptr;
-  }
-  const int controlling = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
-  if (controlling >= 0) {
-    auto terminal = std::make_shared<Terminal>(controlling, controlling);
-    terminal->m_owned = controlling;
-    return terminal;
-  }
-  return isatty(STDERR_FILENO) == 1 ? std::make_shared<Terminal>(STDIN_FILENO, STDERR_FILENO)
-                                    : nullptr;
-}
-
-Terminal::Terminal(int input, int output)
-    : m_input(input),
-      m_output(output),
-      m_owned(-1),
-      m_echo(Echo::On),
-      m_isHidden(false),
-      m_isLeft(false),
-      m_found{} {}
-
-Terminal::~Terminal() {
-  if (m_owned >= 0) {
-    close(m_owned);
-  }
+  const int terminal =
+      isatty(STDIN_FILENO) == 1 ? open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY) : -1;
+  return terminal < 0 ? nullptr : std::make_shared<Terminal>(terminal);
 }
 
 void Terminal::say(const std::string& line) {
   // A terminal that is gone ends the next question.
-  static_cast<void>(Console::write(m_output, line + "\n"));
+  static_cast<void>(Console::write(m_terminal.get(), line + "\n"));
 }
 
 Terminal::Answer Terminal::ask(const std::string& prompt, Echo echo, Secret& answer) {
   if (!begin(prompt, echo)) {
     return Answer::None;
   }
-  static_cast<void>(Console::write(m_output, prompt));
+  static_cast<void>(Console::write(m_terminal.get(), prompt));
   const Answer result = readLine(answer);
   end();
   // The line feed of an answer that is not shown is not shown either; an ended input has none.
@@ -65,7 +41,7 @@ void Terminal::leave() {
   if (!m_isLeft && isOurs()) {
     restore();
     if (wasAsking) {
-      static_cast<void>(::write(m_output, "\n", 1) == 1);
+      static_cast<void>(::write(m_terminal.get(), "\n", 1) == 1);
     }
   }
   m_isLeft = true;
@@ -88,7 +64,7 @@ void Terminal::comeBack() {
     }
     prompt = "\r" + m_prompt;
   }
-  static_cast<void>(Console::write(m_output, prompt));
+  static_cast<void>(Console::write(m_terminal.get(), prompt));
 }
 
 bool Terminal::begin(const std::string& prompt, Echo echo) {
@@ -112,24 +88,24 @@ void Terminal::end() {
 // Also when it is hidden already: a shell may have changed the terminal while the command was
 // stopped.
 bool Terminal::hide() {
-  if (!m_isHidden && tcgetattr(m_input, &m_found) != 0) {
+  if (!m_isHidden && tcgetattr(m_terminal.get(), &m_found) != 0) {
     return false;
   }
   termios hidden = m_found;
   hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
-  if (tcsetattr(m_input, TCSANOW, &hidden) != 0) {
+  if (tcsetattr(m_terminal.get(), TCSANOW, &hidden) != 0) {
     return false;
   }
   m_isHidden = true;
-  static_cast<void>(tcflush(m_input, TCIFLUSH));
+  static_cast<void>(tcflush(m_terminal.get(), TCIFLUSH));
   return true;
 }
 
 // A part of a secret that was typed but not read must not reach whoever reads next.
 void Terminal::restore() {
   if (m_isHidden) {
-    static_cast<void>(tcflush(m_input, TCIFLUSH));
-    static_cast<void>(tcsetattr(m_input, TCSANOW, &m_found));
+    static_cast<void>(tcflush(m_terminal.get(), TCIFLUSH));
+    static_cast<void>(tcsetattr(m_terminal.get(), TCSANOW, &m_found));
     m_isHidden = false;
   }
 }
@@ -137,7 +113,7 @@ void Terminal::restore() {
 // A process in the background that changes its terminal is stopped by the kernel, and what it would
 // change belongs to somebody else by then. Where there is no job control, nobody else is there.
 bool Terminal::isOurs() const {
-  const pid_t foreground = tcgetpgrp(m_input);
+  const pid_t foreground = tcgetpgrp(m_terminal.get());
   return foreground < 0 || foreground == getpgrp();
 }
 
@@ -149,13 +125,8 @@ Terminal::Answer Terminal::readLine(Secret& answer) const {
     // A line that is too long is read to its end, over and over into the same place.
     isTooLong = isTooLong || length == SecretBuffer::Size;
     length = isTooLong ? 0 : length;
-    const ssize_t count = read(m_input, line.data() + length, SecretBuffer::Size - length);
+    const ssize_t count = read(m_terminal.get(), line.data() + length, SecretBuffer::Size - length);
     if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count < 0 && errno == EAGAIN) {
-      pollfd ready{m_input, POLLIN, 0};
-      static_cast<void>(poll(&ready, 1, -1));
       continue;
     }
     if (count <= 0) {

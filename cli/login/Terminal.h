@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cli/login/Credentials.h"
+#include "vpn/Api/FileTrust.h"
 #include "vpn/include/Locks.h"
 
 /// The terminal at which a person is asked. While a secret is typed the terminal does not show it,
@@ -23,13 +24,12 @@ class Terminal {
   };
 
   /// The terminal of the person who started the command: the controlling one, which redirections
-  /// do not touch, else the one behind standard input. Null when standard input is no terminal:
-  /// whoever redirected it does not expect to be asked.
+  /// do not touch. Null when there is none, or when standard input is no terminal: whoever
+  /// redirected it does not expect to be asked.
   static std::shared_ptr<Terminal> find();
 
-  /// @param input, output descriptors of one terminal, or the same one twice; not owned.
-  Terminal(int input, int output);
-  ~Terminal();
+  /// @param terminal its descriptor, the object's from now on.
+  explicit Terminal(int terminal) : m_terminal(terminal) {}
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
 
@@ -54,16 +54,14 @@ class Terminal {
   bool isOurs() const;
   Answer readLine(Secret& answer) const;
 
-  const int m_input;
-  const int m_output;
-  int m_owned;  // closed at the end; -1 for none
+  const FileTrust::Descriptor m_terminal;
   CManualLock m_lock;
   // Of the open question; empty when there is none.
   std::string m_prompt AHS_GUARDED_BY(m_lock);
-  Echo m_echo AHS_GUARDED_BY(m_lock);
+  Echo m_echo AHS_GUARDED_BY(m_lock) = Echo::On;
   // What is typed is not shown, by our doing.
-  bool m_isHidden AHS_GUARDED_BY(m_lock);
-  bool m_isLeft AHS_GUARDED_BY(m_lock);
+  bool m_isHidden AHS_GUARDED_BY(m_lock) = false;
+  bool m_isLeft AHS_GUARDED_BY(m_lock) = false;
   // The terminal's state to go back to while m_isHidden.
-  termios m_found AHS_GUARDED_BY(m_lock);
+  termios m_found AHS_GUARDED_BY(m_lock){};
 };

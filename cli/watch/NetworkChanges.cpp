@@ -4,12 +4,12 @@
 
 #include "cli/watch/NetworkChanges.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <ifaddrs.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -44,14 +44,10 @@ std::string withoutCounters(const std::string& route) {
 
 /// A link, up or not, and an IPv4 address that it has.
 std::string interfaceText(const ifaddrs& entry) {
-  std::string text = entry.ifa_name;
-  text += (entry.ifa_flags & IFF_UP) != 0 ? " up" : " down";
-  text += (entry.ifa_flags & IFF_RUNNING) != 0 ? " running" : "";
+  std::string text = entry.ifa_name + std::to_string(entry.ifa_flags & (IFF_UP | IFF_RUNNING));
   if (entry.ifa_addr != nullptr && entry.ifa_addr->sa_family == AF_INET) {
-    std::array<char, INET_ADDRSTRLEN> address{};
     const auto* place = reinterpret_cast<const sockaddr_in*>(entry.ifa_addr);
-    inet_ntop(AF_INET, &place->sin_addr, address.data(), address.size());
-    text += std::string(" ") + address.data();
+    text += " " + std::to_string(place->sin_addr.s_addr);
   }
   return text;
 }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include "cli/login/ProxyLogin.h"
 #include "tests/unit/cli/person.h"
@@ -22,7 +23,7 @@ class ProxyLoginTest : public testing::Test {
   ~ProxyLoginTest() override { prctl(PR_SET_DUMPABLE, 1, 0, 0, 0); }
 
   static std::shared_ptr<Terminal> at(const Person& person) {
-    return std::make_shared<Terminal>(person.terminal(), person.terminal());
+    return std::make_shared<Terminal>(dup(person.terminal()));
   }
 
   static std::string credentialsOf(const ProxyLogin& login) {

@@ -48,7 +48,7 @@ class OpenQuestion {
 
 TEST(Terminal, AnAnswerIsTheLineWithoutItsEnd) {
   const Person person(Person::Lines{{"Name: ", "alice smith\n"}});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   Secret answer;
   EXPECT_EQ(terminal.ask("Name: ", Terminal::Echo::On, answer), Terminal::Answer::Given);
   EXPECT_STREQ(answer.c_str(), "alice smith");
@@ -57,7 +57,7 @@ TEST(Terminal, AnAnswerIsTheLineWithoutItsEnd) {
 
 TEST(Terminal, APasswordIsNotShown) {
   const Person person(Person::Lines{{Question, "fly-by-night\n"}, {"Name: ", "next\n"}});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   Secret answer;
   EXPECT_EQ(terminal.ask(Question, Terminal::Echo::Off, answer), Terminal::Answer::Given);
   EXPECT_STREQ(answer.c_str(), "fly-by-night");
@@ -72,7 +72,7 @@ TEST(Terminal, IsLeftAsItWasFoundAfterAPassword) {
   ASSERT_EQ(tcgetattr(person.terminal(), &before), 0);
   before.c_lflag |= ECHONL;
   ASSERT_EQ(tcsetattr(person.terminal(), TCSANOW, &before), 0);
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   Secret answer;
   EXPECT_EQ(terminal.ask(Question, Terminal::Echo::Off, answer), Terminal::Answer::Given);
   termios after{};
@@ -84,7 +84,7 @@ TEST(Terminal, WhatWasTypedInSightBeforeTheQuestionIsNoPassword) {
   const Person person(Person::Lines{{Question, "fly-by-night\n"}});
   person.type("too early\n");
   ASSERT_TRUE(person.waitFor("too early\r\n"));
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   Secret answer;
   EXPECT_EQ(terminal.ask(Question, Terminal::Echo::Off, answer), Terminal::Answer::Given);
   EXPECT_STREQ(answer.c_str(), "fly-by-night");
@@ -92,7 +92,7 @@ TEST(Terminal, WhatWasTypedInSightBeforeTheQuestionIsNoPassword) {
 
 TEST(Terminal, AnEndedInputIsNoAnswer) {
   const Person person(Person::Lines{{"Name: ", "\x04"}, {Question, "half\x04\x04"}});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   Secret answer;
   EXPECT_EQ(terminal.ask("Name: ", Terminal::Echo::On, answer), Terminal::Answer::None);
   EXPECT_EQ(terminal.ask(Question, Terminal::Echo::Off, answer), Terminal::Answer::None);
@@ -104,7 +104,7 @@ TEST(Terminal, ALineThatIsTooLongIsReadToItsEnd) {
   const Person person(Person::Lines{{"One: ", longest + "a\n"},
                                     {"Two: ", std::string(3 * MostCredentialBytes, 'b') + "\n"},
                                     {"Three: ", longest + "\n"}});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   Secret answer;
   EXPECT_EQ(terminal.ask("One: ", Terminal::Echo::Off, answer), Terminal::Answer::TooLong);
   EXPECT_EQ(terminal.ask("Two: ", Terminal::Echo::Off, answer), Terminal::Answer::TooLong);
@@ -114,7 +114,7 @@ TEST(Terminal, ALineThatIsTooLongIsReadToItsEnd) {
 
 TEST(Terminal, OneThatIsGoneGivesNoAnswer) {
   Person person(Person::Lines{});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   person.hangUp();
   Secret answer;
   EXPECT_EQ(terminal.ask("Name: ", Terminal::Echo::On, answer), Terminal::Answer::None);
@@ -122,7 +122,7 @@ TEST(Terminal, OneThatIsGoneGivesNoAnswer) {
 
 TEST(Terminal, ShowsWhatIsTypedAgainWhenTheProcessEndsDuringTheQuestion) {
   const Person person(Person::Lines{});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   OpenQuestion question(terminal, person);
   ASSERT_TRUE(person.waitFor(Question));
   EXPECT_FALSE(person.seesWhatIsTyped());
@@ -133,7 +133,7 @@ TEST(Terminal, ShowsWhatIsTypedAgainWhenTheProcessEndsDuringTheQuestion) {
 
 TEST(Terminal, IsNotHiddenAnyMoreOnceTheProcessIsEnding) {
   const Person person(Person::Lines{});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   terminal.leave();
   Secret answer;
   EXPECT_EQ(terminal.ask(Question, Terminal::Echo::Off, answer), Terminal::Answer::None);
@@ -143,7 +143,7 @@ TEST(Terminal, IsNotHiddenAnyMoreOnceTheProcessIsEnding) {
 
 TEST(Terminal, IsGivenBackForAStopAndTheQuestionPutAgainAfterIt) {
   const Person person(Person::Lines{});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   OpenQuestion question(terminal, person);
   ASSERT_TRUE(person.waitFor(Question));
   person.type("half a pass");
@@ -158,7 +158,7 @@ TEST(Terminal, IsGivenBackForAStopAndTheQuestionPutAgainAfterIt) {
 
 TEST(Terminal, BeingContinuedWithoutAStopDoesNotMakeTheHiddenStateTheOneToGoBackTo) {
   const Person person(Person::Lines{});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   OpenQuestion question(terminal, person);
   ASSERT_TRUE(person.waitFor(Question));
   terminal.comeBack();
@@ -169,7 +169,7 @@ TEST(Terminal, BeingContinuedWithoutAStopDoesNotMakeTheHiddenStateTheOneToGoBack
 
 TEST(Terminal, ComingBackWithoutAQuestionShowsNothing) {
   const Person person(Person::Lines{});
-  Terminal terminal(person.terminal(), person.terminal());
+  Terminal terminal(dup(person.terminal()));
   terminal.comeBack();
   terminal.say("next");
   ASSERT_TRUE(person.waitFor("next\r\n"));

@@ -21,7 +21,9 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen);
 void addProfileCommand(CLI::App& tool, ChosenCommand& chosen);
 void addPreferencesCommand(CLI::App& tool, ChosenCommand& chosen);
 void addCacheCommand(CLI::App& tool, ChosenCommand& chosen);
-void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen);
+/// @param words what stands after "--": the line to complete; to outlive `tool`.
+void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen,
+                          const std::vector<std::string>& words);
 
 /// The whole tool: parses the command line, runs the command, and returns the exit status.
 int runTool(int argumentCount, char** arguments);

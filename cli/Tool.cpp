@@ -63,20 +63,21 @@ void addVersion(CLI::App& tool) {
       "--json", [](std::int64_t) {}, "With --version: print one JSON object");
 }
 
-// What stands after the "--" of `ahs exec` is another program's command line and no part of this
-// one.
-std::vector<std::string> takeProgram(int& argumentCount, char** arguments) {
-  std::vector<std::string> program;
-  if (argumentCount < 2 || std::string(arguments[1]) != "exec") {
-    return program;
+// What stands after the "--" of `ahs exec` and `ahs completion` is another command line and no part
+// of this one.
+std::vector<std::string> takeOtherLine(int& argumentCount, char** arguments) {
+  std::vector<std::string> other;
+  const std::string command = argumentCount < 2 ? "" : arguments[1];
+  if (command != "exec" && command != "completion") {
+    return other;
   }
   char** const end = arguments + argumentCount;
   char** const mark = std::find(arguments, end, std::string("--"));
   if (mark != end) {
-    program.assign(mark + 1, end);
+    other.assign(mark + 1, end);
     argumentCount = static_cast<int>(mark - arguments);
   }
-  return program;
+  return other;
 }
 
 // "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence.
@@ -92,7 +93,7 @@ void refuseValuesOfFlags(CLI::App& command) {
 }  // namespace
 
 int runTool(int argumentCount, char** arguments) {
-  const std::vector<std::string> program = takeProgram(argumentCount, arguments);
+  const std::vector<std::string> other = takeOtherLine(argumentCount, arguments);
   CLI::App tool("Chooses the VPN gateway (headend) that is nearest.", "ahs");
   addVersion(tool);
   tool.require_subcommand(1);
@@ -101,12 +102,12 @@ int runTool(int argumentCount, char** arguments) {
   ChosenCommand chosen;
   addSelectCommand(tool, chosen);
   addWatchCommand(tool, chosen);
-  addExecCommand(tool, chosen, program);
+  addExecCommand(tool, chosen, other);
   addProbeCommand(tool, chosen);
   addProfileCommand(tool, chosen);
   addPreferencesCommand(tool, chosen);
   addCacheCommand(tool, chosen);
-  addCompletionCommand(tool, chosen);
+  addCompletionCommand(tool, chosen, other);
   addHelpCommand(tool, chosen);
   refuseValuesOfFlags(tool);
   Interruption::begin();

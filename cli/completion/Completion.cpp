@@ -1,48 +1,110 @@
-// What a completion has to know, taken from the parser's description. Nothing that comes out of
-// here can mean anything to a shell but itself: descriptions are brought down to plain text, and
-// the names of host entries, which strangers choose, are no part of a script.
+// What may follow on a command line, found in the parser's description. Names of host entries come
+// from profiles: one that is not what it looks like is never offered.
 
 #include "cli/completion/Completion.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <sstream>
+#include <utility>
 
 #include "cli/CommandTree.h"
+#include "cli/Console.h"
+#include "cli/files/FileOptions.h"
 #include "cli/show/Reasons.h"
+#include "vpn/Api/AHS/Candidates.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
-using Completion::Kind;
-using Completion::Value;
+// Nobody picks from a longer list by sight; what has been typed makes it shorter.
+constexpr std::size_t MostEntries = 1000;
 
-bool isPlain(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == ' ' ||
-         c == '-' || c == ',' || c == '.' || c == '\'';
+/// A line up to the word that is being typed.
+struct Line {
+  const CLI::App* command;            ///< that it has come to
+  const CLI::Option* open = nullptr;  ///< the option whose value comes next
+  bool hasEnded = false;              ///< a "--" has been there
+  bool isForHelp = false;
+  FileOptions files{};  ///< the profiles that it names
+};
+
+void takeValue(Line& line, const CLI::Option& option, const std::string& value) {
+  if (option.check_lname("profiles")) {
+    const char* const home = value.starts_with("~/") ? getenv("HOME") : nullptr;
+    line.files.profiles = home != nullptr ? home + value.substr(1) : value;
+  }
 }
 
-/// The first clause of a description.
-std::string plainText(const std::string& text) {
-  std::string plain;
-  for (const char c : text.substr(0, text.find_first_of(";:("))) {
-    if (isPlain(c)) {
-      plain += c;
+void takeOption(Line& line, const std::string& word) {
+  const std::size_t end = word.find('=');
+  const CLI::Option* const option = line.command->get_option_no_throw(word.substr(0, end));
+  if (option == nullptr) {
+    return;
+  }
+  if (!CommandTree::takesValue(*option)) {
+    line.files.trustProfiles |= option->check_lname("trust-profiles");
+  } else if (end == std::string::npos) {
+    line.open = option;
+  } else {
+    takeValue(line, *option, word.substr(end + 1));
+  }
+}
+
+void take(Line& line, const std::string& word) {
+  if (line.open != nullptr) {
+    takeValue(line, *std::exchange(line.open, nullptr), word);
+  } else if (line.hasEnded || word == "--") {
+    line.hasEnded = true;
+  } else if (word.starts_with("-")) {
+    takeOption(line, word);
+  } else if (line.command->get_parent() == nullptr && word == "help") {
+    line.isForHelp = true;
+  } else if (const CLI::App* below = CommandTree::findCommand(*line.command, word)) {
+    line.command = below;
+  }
+}
+
+std::string firstClause(const std::string& description) {
+  const std::string clause = description.substr(0, description.find_first_of(";:("));
+  return clause.substr(0, clause.find_last_not_of(' ') + 1);
+}
+
+Completion wordsOnly(const std::vector<std::string>& texts) {
+  Completion completion;
+  for (const std::string& text : texts) {
+    completion.words.push_back({text});
+  }
+  return completion;
+}
+
+Completion commandsBelow(const CLI::App& command) {
+  Completion completion;
+  for (const CLI::App* const below : CommandTree::commandsOf(command)) {
+    completion.words.push_back({below->get_name(), firstClause(below->get_description())});
+  }
+  return completion;
+}
+
+Completion optionsOf(const CLI::App& command) {
+  Completion completion;
+  for (const CLI::Option* const option : CommandTree::optionsOf(command)) {
+    for (const std::string& name : CommandTree::namesOf(*option)) {
+      completion.words.push_back({name, firstClause(option->get_description())});
     }
   }
-  plain.erase(plain.find_last_not_of(' ') + 1);
-  return plain;
+  return completion;
 }
 
 /// "error|warning|info|off": the words that a placeholder stands for. None if it is no such list.
-std::vector<std::string> wordsOf(const std::string& placeholder) {
-  const bool isList = placeholder.find('|') != std::string::npos &&
-                      std::all_of(placeholder.begin(), placeholder.end(), [](char c) {
-                        return (c >= 'a' && c <= 'z') || c == '-' || c == '|';
-                      });
+std::vector<std::string> alternatives(const std::string& placeholder) {
+  const auto isOfList = [](char c) { return (c >= 'a' && c <= 'z') || c == '|'; };
   std::vector<std::string> words;
-  for (std::size_t begin = 0; isList && begin <= placeholder.size();) {
-    const std::size_t end = std::min(placeholder.find('|', begin), placeholder.size());
-    words.push_back(placeholder.substr(begin, end - begin));
-    begin = end + 1;
+  if (std::all_of(placeholder.begin(), placeholder.end(), isOfList)) {
+    std::istringstream list(placeholder);
+    for (std::string word; std::getline(list, word, '|');) {
+      words.push_back(word);
+    }
   }
   return words;
 }
@@ -55,98 +117,92 @@ std::vector<std::string> reasons() {
   return names;
 }
 
-bool contains(const std::string& text, const char* part) {
-  return text.find(part) != std::string::npos;
+Completion hostEntries(const SelectOptions& files, std::string Candidate::*part) {
+  Completion completion;
+  const LoadedFiles loaded(files, "ahs completion");
+  if (loaded.areThere()) {
+    for (const Candidate& candidate : findCandidates()) {
+      const std::string& entry = candidate.*part;
+      if (Console::visible(entry) == entry) {
+        completion.words.push_back({entry});
+      }
+    }
+  }
+  return completion;
 }
 
-Value valueOf(const CLI::Option& option) {
+/// What an option takes, or what stands as an operand.
+Completion valueOf(const CLI::Option& option, const SelectOptions& files) {
   const std::string placeholder = CommandTree::placeholderOf(option);
-  if (!option.get_positional() && !CommandTree::takesValue(option)) {
-    return {Kind::Nothing, {}};
+  const auto names = [&placeholder](const char* kind) {
+    return placeholder.find(kind) != std::string::npos;
+  };
+  if (option.check_lname("reason")) {
+    return wordsOnly(reasons());
   }
   if (option.check_lname("last") ||
-      (option.get_positional() && contains(option.get_description(), "host entry"))) {
-    return {Kind::Name, {}};
+      option.get_description().find("host entry") != std::string::npos) {
+    return hostEntries(files, &Candidate::name);
   }
-  if (option.check_lname("reason")) {
-    return {Kind::Words, reasons()};
+  if (option.get_positional() && names("HOST")) {
+    return hostEntries(files, &Candidate::headend);
   }
-  if (const std::vector<std::string> words = wordsOf(placeholder); !words.empty()) {
-    return {Kind::Words, words};
-  }
-  return {contains(placeholder, "FILE")                              ? Kind::File
-          : contains(placeholder, "DIR")                             ? Kind::Directory
-          : contains(placeholder, "COMMAND")                         ? Kind::Program
-          : option.get_positional() && contains(placeholder, "HOST") ? Kind::Headend
-                                                                     : Kind::Other,
-          {}};
+  return names("FILE")      ? Completion{Completion::Kind::File}
+         : names("DIR")     ? Completion{Completion::Kind::Directory}
+         : names("COMMAND") ? Completion{Completion::Kind::Program}
+                            : wordsOnly(alternatives(placeholder));
 }
 
-std::string pathOf(const CLI::App& command) {
-  const std::string name = CommandTree::fullName(command);
-  const std::size_t blank = name.find(' ');
-  return blank == std::string::npos ? "" : name.substr(blank + 1);
+Completion operandsOf(const Line& line) {
+  if (line.hasEnded && line.command->get_name() == "exec") {
+    return {Completion::Kind::Program};
+  }
+  const std::vector<const CLI::Option*> operands = CommandTree::operandsOf(*line.command);
+  return operands.empty() ? commandsBelow(*line.command) : valueOf(*operands.front(), line.files);
 }
 
-void addTo(Completion::Command& described, const CLI::App& command) {
-  for (const CLI::Option* const option : CommandTree::optionsOf(command)) {
-    described.options.push_back({CommandTree::namesOf(*option),
-                                 plainText(option->get_description()),
-                                 plainText(CommandTree::placeholderOf(*option)), valueOf(*option)});
+Completion valueBehindName(const Line& line, const std::string& typed) {
+  const std::string name = typed.substr(0, typed.find('='));
+  const CLI::Option* const option = line.command->get_option_no_throw(name);
+  if (option == nullptr || !CommandTree::takesValue(*option)) {
+    return {};
   }
-  for (const CLI::Option* const operand : CommandTree::operandsOf(command)) {
-    described.operands = valueOf(*operand);
-    described.placeholder = plainText(operand->get_name(true, false));
+  Completion completion = valueOf(*option, line.files);
+  for (Completion::Word& word : completion.words) {
+    word.text.insert(0, name + "=");
   }
-  for (const CLI::App* const below : CommandTree::commandsOf(command)) {
-    described.commands.push_back(Completion::describe(*below));
-  }
+  return completion;
 }
 
-/// `ahs help` takes the words of a command, which are known.
-void addHelpsWords(Completion::Command& tool) {
-  Value words{Kind::Words, {}};
-  for (const Completion::Command* const command : Completion::flatten(tool)) {
-    if (!command->name.empty() && command->path == command->name) {
-      words.words.push_back(command->name);
-    }
+Completion allThatFollows(const Line& line, const std::string& typed) {
+  if (line.open != nullptr) {
+    return valueOf(*line.open, line.files);
   }
-  for (Completion::Command& command : tool.commands) {
-    if (command.name == "help") {
-      command.operands = words;
-    }
+  if (line.isForHelp) {
+    return commandsBelow(*line.command);
   }
+  if (!line.hasEnded && typed.starts_with("-")) {
+    return typed.find('=') == std::string::npos ? optionsOf(*line.command)
+                                                : valueBehindName(line, typed);
+  }
+  return operandsOf(line);
 }
 
 }  // namespace
 
-Completion::Command Completion::describe(const CLI::App& command) {
-  Command described;
-  described.path = pathOf(command);
-  described.name = command.get_name();
-  described.description = plainText(command.get_description());
-  described.takesProgram = described.path == "exec";
-  addTo(described, command);
-  if (command.get_parent() == nullptr) {
-    addHelpsWords(described);
+Completion completionOf(const CLI::App& tool, const std::vector<std::string>& before,
+                        const std::string& typed) {
+  Line line{&tool};
+  std::for_each(before.begin() + (before.empty() ? 0 : 1), before.end(),
+                [&line](const std::string& word) { take(line, word); });
+  Completion completion = allThatFollows(line, typed);
+  // A shell has its own idea of what fits to what has been typed, so few are offered whole.
+  if (completion.words.size() > MostEntries) {
+    const std::string begin = CStringUtils::toLower(typed);
+    std::erase_if(completion.words, [&begin](const Completion::Word& word) {
+      return !CStringUtils::toLower(word.text).starts_with(begin);
+    });
+    completion.words.resize(std::min(completion.words.size(), MostEntries));
   }
-  return described;
-}
-
-std::vector<const Completion::Command*> Completion::flatten(const Command& command) {
-  std::vector<const Command*> all = {&command};
-  for (const Command& below : command.commands) {
-    const std::vector<const Command*> more = flatten(below);
-    all.insert(all.end(), more.begin(), more.end());
-  }
-  return all;
-}
-
-std::string Completion::withoutApostrophes(const std::string& text,
-                                           const std::string& replacement) {
-  std::string result;
-  for (const char c : text) {
-    result += c == '\'' ? replacement : std::string(1, c);
-  }
-  return result;
+  return completion;
 }

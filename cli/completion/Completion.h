@@ -7,55 +7,22 @@ namespace CLI {
 class App;
 }
 
-/// Scripts that complete the tool's command lines in a shell, made from the tool's own description.
-namespace Completion {
+/// What may stand where a person is typing.
+struct Completion {
+  enum class Kind { Words, File, Directory, Program };
 
-/// What stands behind an option, or as an operand.
-enum class Kind {
-  Nothing,  ///< an option that takes no value; no operands
-  Other,    ///< something that cannot be known
-  Words,    ///< one of a few words
-  File,
-  Directory,
-  Name,     ///< the name of a host entry
-  Headend,  ///< the address of a host entry
-  Program,  ///< a program
+  struct Word {
+    std::string text;
+    std::string description{};  ///< a few words; may be empty
+  };
+
+  Kind kind = Kind::Words;
+  std::vector<Word> words{};  ///< of kind Words: whole words, with the option's name before a value
 };
 
-struct Value {
-  Kind kind = Kind::Nothing;
-  std::vector<std::string> words;
-};
-
-struct Option {
-  std::vector<std::string> names;  ///< with their hyphens
-  std::string description;         ///< a few words of plain text
-  std::string placeholder;
-  Value value;
-};
-
-struct Command {
-  std::string path;  ///< without the tool: "cache show"; empty for the tool
-  std::string name;
-  std::string description;  ///< plain text
-  std::vector<Option> options;
-  Value operands;
-  std::string placeholder;        ///< of the operands
-  bool takesProgram = false;      ///< the command line of a program stands behind a "--"
-  std::vector<Command> commands;  ///< those below it
-};
-
-/// A command with all that is below it.
-Command describe(const CLI::App& command);
-
-/// A command and all below it, in one list.
-std::vector<const Command*> flatten(const Command& command);
-
-/// A plain text with each apostrophe replaced, to stand between apostrophes.
-std::string withoutApostrophes(const std::string& text, const std::string& replacement);
-
-std::string bashScript(const Command& tool);
-std::string zshScript(const Command& tool);
-std::string fishScript(const Command& tool);
-
-}  // namespace Completion
+/// Finds it in the tool's own description of its commands and options, and for host entries in the
+/// profiles that the line names.
+/// @param before the words of the line, the tool's name first.
+/// @param typed the beginning of the word that is being typed.
+Completion completionOf(const CLI::App& tool, const std::vector<std::string>& before,
+                        const std::string& typed);

@@ -1,89 +1,168 @@
-// `ahs completion`: prints the script that completes command lines in a shell, and for these
-// scripts the host entries of the profiles. Names come from profiles: one that is not what it looks
-// like is never offered, and a shell that waits for them does not wait for long.
+// `ahs completion`: prints the script that completes command lines in a shell. The script hands the
+// line to the hidden command `ahs completion words`, which says what may follow, and offers that
+// without evaluating any of it.
 
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
 
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
+#include "cli/completion/BashLine.h"
 #include "cli/completion/Completion.h"
-#include "cli/files/FileOptions.h"
-#include "vpn/Api/AHS/Candidates.h"
-#include "vpn/include/StringUtils.h"
 
 namespace {
-
-// Nobody picks from a longer list by sight; what has been typed makes it shorter.
-constexpr std::size_t MostEntries = 1000;
 
 // A shell stands still meanwhile. In seconds.
 constexpr unsigned int Patience = 2;
 
-int printScript(const CLI::App& tool, const std::string& shell) {
-  const Completion::Command described = Completion::describe(tool);
-  const std::string script = shell == "bash"  ? Completion::bashScript(described)
-                             : shell == "zsh" ? Completion::zshScript(described)
-                                              : Completion::fishScript(described);
-  return Console::writeResult(script, ExitNoMistakes);
+constexpr const char* BashScript = R"sh(# Completion of ahs for bash, which asks the command itself.
+_ahs() {
+  local kind
+  COMPREPLY=()
+  { read -r kind && mapfile -t COMPREPLY; } < <(
+    command ahs completion words --line -- "$COMP_WORDBREAKS" "${COMP_LINE:0:COMP_POINT}" 2>/dev/null </dev/null)
+  case $kind in
+    directory) compopt -o dirnames ;;
+    file) compopt -o default ;;
+    program)
+      compopt -o default
+      [[ $3 != --* ]] || mapfile -t COMPREPLY < <(compgen -c -- "$2" | sort -u)
+      ;;
+  esac
+}
+complete -F _ahs ahs
+)sh";
+
+constexpr const char* ZshScript = R"sh(#compdef ahs
+# Completion of ahs for zsh, which asks the command itself.
+_ahs() {
+  local -a answer offered shown
+  integer mark=${words[(i)--]}
+  answer=("${(@f)$(command ahs completion words -- "${(@Q)words[1,CURRENT-1]}" "${(Q)PREFIX}" 2>/dev/null </dev/null)}")
+  [[ $answer[1] == words || $PREFIX != --*=* ]] || compset -P '*='
+  case $answer[1] in
+    words)
+      shift answer
+      offered=("${(@)answer%%$'\t'*}") shown=("${(@)answer/$'\t'/  -- }")
+      compadd -d shown -a offered
+      ;;
+    directory) _files -/ ;;
+    file) _files ;;
+    program)
+      if ((mark < CURRENT)); then
+        shift $mark words
+        ((CURRENT -= mark))
+        _normal
+      else
+        _command_names -e
+      fi
+      ;;
+  esac
+}
+if [[ $funcstack[1] == _ahs ]]; then
+  _ahs "$@"
+else
+  compdef _ahs ahs
+fi
+)sh";
+
+// What stands behind a command that there is not is completed as names of files.
+constexpr const char* FishScript = R"sh(# Completion of ahs for fish, which asks the command itself.
+function __ahs
+    set -l typed (commandline -ct)
+    set -l answer (command ahs completion words -- (commandline -opc) "$typed" 2>/dev/null </dev/null)
+    switch "$answer[1]"
+        case words
+            string join \n -- $answer[2..]
+        case directory
+            complete -C "'' $typed" | string match -r '.*/$'
+        case file
+            complete -C "'' $typed"
+        case program
+            if contains -- -- (commandline -opc)
+                complete -C (string replace -r '^.*? -- ' '' -- (commandline -cp))
+            else
+                complete -C $typed
+            end
+    end
+end
+complete -c ahs -f -a '(__ahs)'
+)sh";
+
+const char* nameOf(Completion::Kind kind) {
+  switch (kind) {
+    case Completion::Kind::File:
+      return "file";
+    case Completion::Kind::Directory:
+      return "directory";
+    case Completion::Kind::Program:
+      return "program";
+    case Completion::Kind::Words:
+      break;
+  }
+  return "words";
 }
 
-struct EntryOptions {
-  FileOptions files;
-  std::string kind;
-  std::string begin;
-};
-
-int printEntries(const EntryOptions& options) {
+int printWords(const CLI::App& tool, std::vector<std::string> words) {
   static_cast<void>(alarm(Patience));
-  const LoadedFiles files(options.files, "ahs completion entries");
-  if (!files.areThere()) {
-    return ExitUsage;
+  const std::string typed = words.empty() ? "" : words.back();
+  words.resize(words.empty() ? 0 : words.size() - 1);
+  const Completion completion = completionOf(tool, words, typed);
+  std::string text = nameOf(completion.kind) + std::string("\n");
+  for (const Completion::Word& word : completion.words) {
+    text += word.text + (word.description.empty() ? "" : "\t" + word.description) + "\n";
   }
-  std::string text;
-  std::size_t count = 0;
-  const std::vector<Candidate> candidates = findCandidates();
-  // A shell has its own idea of what fits to what has been typed, so few are offered whole.
-  const std::string begin =
-      candidates.size() > MostEntries ? CStringUtils::toLower(options.begin) : "";
-  for (const Candidate& candidate : candidates) {
-    const std::string& entry = options.kind == "headends" ? candidate.headend : candidate.name;
-    if (count < MostEntries && CStringUtils::toLower(entry).starts_with(begin) &&
-        Console::visible(entry) == entry) {
-      text += entry + "\n";
-      ++count;
+  return Console::writeResult(text, ExitNoMistakes);
+}
+
+int printWordsOfLine(const CLI::App& tool, const std::vector<std::string>& given) {
+  static_cast<void>(alarm(Patience));
+  const BashLine line(given.back(), given.front());
+  const Completion completion = completionOf(tool, line.before(), line.typed());
+  std::string text = nameOf(completion.kind) + std::string("\n");
+  for (const Completion::Word& word : completion.words) {
+    if (const std::optional<std::string> rest = line.restOf(word.text)) {
+      text += *rest + "\n";
     }
   }
   return Console::writeResult(text, ExitNoMistakes);
 }
 
-void addEntries(CLI::App& command, ChosenCommand& chosen) {
-  CLI::App* const entries =
-      command.add_subcommand("entries", "For the scripts: print host entries");
-  entries->group("");
-  const auto options = std::make_shared<EntryOptions>();
-  entries->add_option("KIND", options->kind)
-      ->required()
-      ->check(CLI::IsMember({"names", "headends"}));
-  entries->add_option("--begin", options->begin, "How they begin");
-  entries->add_option("--profiles", options->files.profiles, "Directory of the profiles");
-  entries->add_flag("--trust-profiles", options->files.trustProfiles, "Whoever wrote them");
-  entries->callback([&chosen, options] { chosen = [options] { return printEntries(*options); }; });
+int printScript(const std::string& shell) {
+  return Console::writeResult(shell == "bash"  ? BashScript
+                              : shell == "zsh" ? ZshScript
+                                               : FishScript,
+                              ExitNoMistakes);
+}
+
+void addWords(CLI::App& completion, ChosenCommand& chosen, const CLI::App& tool,
+              const std::vector<std::string>& given) {
+  CLI::App* const words = completion.add_subcommand("words", "For the scripts: what may follow");
+  words->group("");
+  const auto isLine = std::make_shared<bool>(false);
+  words->add_flag("--line", *isLine, "After -- stand bash's word breaks and the line");
+  words->callback([&, isLine] {
+    chosen = [&, isLine] {
+      return *isLine && !given.empty() ? printWordsOfLine(tool, given) : printWords(tool, given);
+    };
+  });
 }
 
 }  // namespace
 
-void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen) {
+void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen,
+                          const std::vector<std::string>& words) {
   CLI::App* const command =
       tool.add_subcommand("completion", "Print a script that completes command lines in a shell");
   const auto shell = std::make_shared<std::string>();
   command->add_option("SHELL", *shell, "Shell that the script is for")
       ->option_text("bash|zsh|fish")
       ->check(CLI::IsMember({"bash", "zsh", "fish"}));
-  addEntries(*command, chosen);
+  addWords(*command, chosen, tool, words);
   command->footer(
       "Examples:\n"
       "  source <(ahs completion bash)\n"
@@ -91,13 +170,13 @@ void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen) {
       "  ahs completion fish > ~/.config/fish/completions/ahs.fish\n"
       "Installed with the command, they are found without.\n"
       "Exit status: 0 printed, 2 usage.");
-  command->callback([&chosen, &tool, command, shell] {
+  command->callback([&chosen, command, shell] {
     if (!command->get_subcommands().empty()) {
       return;
     }
     if (shell->empty()) {
       throw CLI::RequiredError("SHELL");
     }
-    chosen = [&tool, shell] { return printScript(tool, *shell); };
+    chosen = [shell] { return printScript(*shell); };
   });
 }

@@ -37,6 +37,13 @@ class CommandLineTest : public CommandTest {
     return outcome.err;
   }
 
+  /// What the script of a shell is told that may stand at the end of a line.
+  std::string offeredFor(const Words& line) const {
+    Words arguments = {"completion", "words", "--", "ahs"};
+    arguments.insert(arguments.end(), line.begin(), line.end());
+    return run(arguments).out;
+  }
+
   /// The names below a title of a help text.
   Words namesBelow(const Words& command, const std::string& title) const {
     Words arguments = command;
@@ -226,8 +233,8 @@ TEST_F(CommandLineTest, EveryJsonObjectBeginsWithItsSchema) {
 TEST_F(CommandLineTest, EntriesForACompletionAreThoseThatAreWhatTheyLookLike) {
   writeProfile(
       "true", host("plain", "gw-a:8443") + host("a b", "gw-b") + host("turned\u202Eround", "gw-c"));
-  EXPECT_EQ(run({"completion", "entries", "names"}).out, "a b\nplain\n");
-  EXPECT_THAT(run({"completion", "entries", "headends"}).out, HasSubstr("gw-a:8443\n"));
+  EXPECT_EQ(offeredFor({"select", "--last", ""}), "words\na b\nplain\n");
+  EXPECT_THAT(offeredFor({"select", ""}), HasSubstr("gw-a:8443\n"));
 }
 
 TEST_F(CommandLineTest, OfManyEntriesACompletionGetsThoseThatFitToWhatWasTyped) {
@@ -236,9 +243,9 @@ TEST_F(CommandLineTest, OfManyEntriesACompletionGetsThoseThatFitToWhatWasTyped) 
     hosts += host("gate-" + std::to_string(i), "gw" + std::to_string(i));
   }
   writeProfile("true", hosts);
-  const std::string all = run({"completion", "entries", "names"}).out;
-  EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1000);
-  EXPECT_EQ(run({"completion", "entries", "names", "--begin=GATE-2999"}).out, "gate-2999\n");
+  const std::string all = offeredFor({"select", "--last", ""});
+  EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1 + 1000);
+  EXPECT_EQ(offeredFor({"select", "--last", "GATE-2999"}), "words\ngate-2999\n");
 }
 
 }  // namespace

@@ -40,6 +40,13 @@ test: deps-test release fuzzers ## Build and run all tests, and fuzz each reader
 .PHONY: test-world
 test-world: deb-check ## Run the tests that are too long for that
 
+.PHONY: docs
+docs: deps-build ## Write the command's options and exit statuses into docs/cli.md
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target ahs-describe
+	build/release/bin/ahs-describe docs/cli.md > build/cli.md
+	mv build/cli.md docs/cli.md
+
 .PHONY: fuzz
 fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz

@@ -25,5 +25,9 @@ void addCacheCommand(CLI::App& tool, ChosenCommand& chosen);
 void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen,
                           const std::vector<std::string>& words);
 
+/// Adds all of them, and the options of the tool itself.
+/// @param other what stands after "--"; to outlive `tool`.
+void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other);
+
 /// The whole tool: parses the command line, runs the command, and returns the exit status.
 int runTool(int argumentCount, char** arguments);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <span>
 #include <string>
 
 /// What the process tells its caller. Scripts rely on these numbers.
@@ -16,5 +17,13 @@ enum ExitStatus : int {
   ExitSignalBase = 128,  ///< added to the number of the signal that ended the process
 };
 
-/// What each status means, of which commands: a line each.
+/// What a status means, of which commands.
+struct StatusMeaning {
+  const char* status;
+  const char* commands;
+  const char* text;
+};
+std::span<const StatusMeaning> statusMeanings();
+
+/// All of them, a line each.
 std::string exitStatusTable();

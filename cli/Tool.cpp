@@ -92,14 +92,11 @@ void refuseValuesOfFlags(CLI::App& command) {
 
 }  // namespace
 
-int runTool(int argumentCount, char** arguments) {
-  const std::vector<std::string> other = takeOtherLine(argumentCount, arguments);
-  CLI::App tool("Chooses the VPN gateway (headend) that is nearest.", "ahs");
+void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other) {
   addVersion(tool);
   tool.require_subcommand(1);
   tool.footer("Exit status:\n" + exitStatusTable() +
               "\n'ahs COMMAND --help' shows the options of a command; the manual is ahs(1).");
-  ChosenCommand chosen;
   addSelectCommand(tool, chosen);
   addWatchCommand(tool, chosen);
   addExecCommand(tool, chosen, other);
@@ -109,6 +106,13 @@ int runTool(int argumentCount, char** arguments) {
   addCacheCommand(tool, chosen);
   addCompletionCommand(tool, chosen, other);
   addHelpCommand(tool, chosen);
+}
+
+int runTool(int argumentCount, char** arguments) {
+  const std::vector<std::string> other = takeOtherLine(argumentCount, arguments);
+  CLI::App tool("Chooses the VPN gateway (headend) that is nearest.", "ahs");
+  ChosenCommand chosen;
+  addCommands(tool, chosen, other);
   refuseValuesOfFlags(tool);
   Interruption::begin();
   try {

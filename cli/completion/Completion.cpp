@@ -117,7 +117,7 @@ std::vector<std::string> reasons() {
   return names;
 }
 
-Completion hostEntries(const SelectOptions& files, std::string Candidate::*part) {
+Completion hostEntries(const FileOptions& files, std::string Candidate::*part) {
   Completion completion;
   const LoadedFiles loaded(files, "ahs completion");
   if (loaded.areThere()) {
@@ -132,7 +132,7 @@ Completion hostEntries(const SelectOptions& files, std::string Candidate::*part)
 }
 
 /// What an option takes, or what stands as an operand.
-Completion valueOf(const CLI::Option& option, const SelectOptions& files) {
+Completion valueOf(const CLI::Option& option, const FileOptions& files) {
   const std::string placeholder = CommandTree::placeholderOf(option);
   const auto names = [&placeholder](const char* kind) {
     return placeholder.find(kind) != std::string::npos;

@@ -8,7 +8,7 @@
 #include "vpn/include/InstanceSmartPtr.h"
 
 void addFileOptions(CLI::App& command, FileOptions& options) {
-  command.add_option("--profiles", options.profiles, "Directory of the profiles")
+  command.add_option("--profiles", options.profiles, "Directory of the profiles (*.xml)")
       ->option_text("DIR");
   command.add_option("--preferences", options.preferences, "The user's preferences file")
       ->option_text("FILE");
@@ -17,7 +17,8 @@ void addFileOptions(CLI::App& command, FileOptions& options) {
                   "The machine's preferences file")
       ->option_text("FILE");
   command.add_flag("--trust-profiles", options.trustProfiles,
-                   "Read profiles and preferences whoever could have written them");
+                   "Read profiles and preferences whoever could have written them; otherwise one "
+                   "that another user could have written is refused");
 }
 
 void tellFileProblems(std::set<std::string>* told) {

@@ -130,7 +130,7 @@ void addList(CLI::App& profile, ChosenCommand& chosen) {
   CLI::App* command = profile.add_subcommand(
       "list", "Print every host entry, and whether it takes part in automatic selection");
   const auto options = std::make_shared<FileOptions>();
-  command->add_option("--profiles", options->profiles, "Directory of the profiles")
+  command->add_option("--profiles", options->profiles, "Directory of the profiles (*.xml)")
       ->option_text("DIR");
   command->add_flag("--trust-profiles", options->trustProfiles,
                     "Read files whoever could have written them");

@@ -218,8 +218,9 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
                    "Probes to send, 1 to 1000; unless given, as many as a selection sends")
       ->option_text("N");
   command
-      ->add_option("--timeout", options->timeout,
-                   "Time limit of one probe, in seconds; unless given, that of a selection")
+      ->add_option(
+          "--timeout", options->timeout,
+          "Time limit of one probe in seconds, 1 to 3600; unless given, that of a selection")
       ->option_text("SECONDS");
   command->add_flag("--secure", options->secure,
                     "Probe over TLS, as a selection with a login at a proxy does");

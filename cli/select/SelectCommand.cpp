@@ -96,11 +96,16 @@ int runSelect(const SelectOptions& options) {
 
 void addOutput(CLI::App& command, SelectOptions& options) {
   command.add_flag("--json", options.json, "Print one JSON object");
-  command.add_flag("--quiet", options.quiet, "Print the first headend only");
-  command.add_option("--html", options.html, "Write the result as a page too")->option_text("FILE");
-  command.add_option("--svg", options.svg, "Write the ranking as a picture too")
+  command.add_flag("--quiet", options.quiet,
+                   "Print the first headend and nothing else; nothing when there is none");
+  command
+      .add_option("--html", options.html,
+                  "Write the result as a page too, which refers to nothing outside")
       ->option_text("FILE");
-  command.add_flag("--explain", options.explain, "Tell why this headend, in numbers");
+  command.add_option("--svg", options.svg, "Write the ranking as a picture too, as SVG")
+      ->option_text("FILE");
+  command.add_flag("--explain", options.explain,
+                   "Tell why this headend, in numbers, after the result");
 }
 
 }  // namespace

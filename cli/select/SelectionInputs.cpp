@@ -39,10 +39,17 @@ bool takePlan(const SelectOptions& options, const std::string& command, SelectPl
 }
 
 void addHostOptions(CLI::App& command, SelectOptions& options) {
-  command.add_option("HOST", options.hosts, "Hosts to measure, in place of all profiles")
+  command
+      .add_option("HOST", options.hosts,
+                  "Hosts to measure in place of all profiles: names, IPv4 addresses, IPv6 "
+                  "addresses in brackets")
       ->option_text("[HOST[:PORT]...]");
   addFileOptions(command, options);
-  command.add_option("--last", options.last, "Host entry that was used last")->option_text("NAME");
+  command
+      .add_option(
+          "--last", options.last,
+          "The headend used last: a host entry in any letter case, or a host of the command line")
+      ->option_text("NAME");
 }
 
 void addReasonOption(CLI::App& command, SelectOptions& options) {
@@ -56,7 +63,9 @@ void addReasonOption(CLI::App& command, SelectOptions& options) {
 
 void addProxyOptions(CLI::App& command, ProxyOptions& options) {
   command
-      .add_option("--proxy", options.proxy, "Go through this proxy, whatever the preferences say")
+      .add_option(
+          "--proxy", options.proxy,
+          "Go through this proxy, whatever the preferences say; port 80 unless one is given")
       ->option_text("HOST[:PORT]");
   command.add_flag("--no-proxy", options.noProxy, "Go through none, whatever the preferences say");
   command
@@ -66,11 +75,13 @@ void addProxyOptions(CLI::App& command, ProxyOptions& options) {
       ->option_text("NAME");
   command
       .add_option("--proxy-password-file", options.passwordFile,
-                  "File with the password; nobody else may read or write it")
+                  "File with the password: a regular file of the user or of root that nobody else "
+                  "may read or write")
       ->option_text("FILE");
   command
-      .add_option("--proxy-password-fd", options.passwordDescriptor,
-                  "Open descriptor to read the password from")
+      .add_option(
+          "--proxy-password-fd", options.passwordDescriptor,
+          "Descriptor that is open for reading (0, or 3 and above) to take the password from")
       ->option_text("N");
   // Not offered, but tried; the answer says what to do instead.
   constexpr int AnyNumber = 1;
@@ -91,8 +102,8 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   command
       .add_option("--log-level", options.logLevel,
-                  "Least important message that is logged; to standard error unless another "
-                  "target is named")
+                  "Least important message that is logged, to standard error unless another "
+                  "target is named; info unless given where one is, else there is no log")
       ->option_text("error|warning|info|off");
   command.add_option("--log-file", options.logFile, "Log to a file, rotated at 4 MiB")
       ->option_text("FILE");

@@ -183,9 +183,9 @@ std::string schemeInWords(const ProbePlan& plan) {
 std::string adviceForName(const ProbeFindings& findings) {
   const std::string& problem = findings.addresses.problem;
   if (isAddressLiteral(findings.plan.place.first)) {
-    return place(findings.plan) + " cannot be reached" + (problem.empty() ? "" : ": " + problem) +
-           ". Check the address; the zone of an IPv6 address is the name of an interface, as in "
-           "[fe80::7%25eth0].";
+    return place(findings.plan) +
+           " cannot be reached. Check the address; the zone of an IPv6 address is the name of an "
+           "interface, as in [fe80::7%25eth0].";
   }
   const std::string domains = Wording::joined(findings.searchDomains);
   return "the name '" + Console::visible(findings.plan.place.first) +

@@ -183,10 +183,8 @@ TEST(ProbeReport, AnAnswerAfterTheTimeOfASelectionIsNoSilence) {
 TEST(ProbeReport, AnAddressIsAdvisedOnWithoutNameServers) {
   ProbeFindings findings = unresolved();
   findings.plan.place = {"fe80::7%nowhere", 443};
-  findings.addresses.problem = "this machine has no network interface 'nowhere'";
   EXPECT_THAT(probeAdvice(findings),
-              AllOf(StartsWith("[fe80::7%25nowhere]:443 cannot be reached: this machine has no "
-                               "network interface 'nowhere'."),
+              AllOf(StartsWith("[fe80::7%25nowhere]:443 cannot be reached. Check the address"),
                     Not(HasSubstr("ame servers"))));
   findings.plan.place = {"fe80::7", 443};
   findings.probes = {failed(HTTP_SESSION_ERROR_CANNOT_CONNECT)};

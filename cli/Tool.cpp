@@ -80,13 +80,17 @@ std::vector<std::string> takeOtherLine(int& argumentCount, char** arguments) {
   return other;
 }
 
-// "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence.
-void refuseValuesOfFlags(CLI::App& command) {
+// "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence. Of a missing
+// value the parser names the type.
+void settleOptions(CLI::App& command) {
   for (CLI::Option* const option : command.get_options()) {
     option->disable_flag_override(!CommandTree::takesValue(*option));
+    if (!option->get_option_text().empty()) {
+      option->type_name(option->get_option_text());
+    }
   }
   for (CLI::App* const below : command.get_subcommands({})) {
-    refuseValuesOfFlags(*below);
+    settleOptions(*below);
   }
 }
 
@@ -113,7 +117,7 @@ int runTool(int argumentCount, char** arguments) {
   CLI::App tool("Chooses the VPN gateway (headend) that is nearest.", "ahs");
   ChosenCommand chosen;
   addCommands(tool, chosen, other);
-  refuseValuesOfFlags(tool);
+  settleOptions(tool);
   Interruption::begin();
   try {
     tool.parse(argumentCount, arguments);

@@ -108,70 +108,16 @@ std::string explainMissingCommand(const CLI::App& command) {
     return "'" + name + "' needs one of " + Wording::joined(namesOfCommands(command)) +
            ", as in '" + name + " " + commands.front()->get_name() + "'." + whereHelpIs(command);
   }
-  constexpr std::size_t ColumnWidth = 14;
-  std::string text = "a command is missing.\nUsage: " + name + " COMMAND [options]\n\n";
-  for (const CLI::App* const below : commands) {
-    std::string column = "  " + below->get_name();
-    column.resize(std::max(column.size() + 1, ColumnWidth), ' ');
-    text += column + below->get_description() + "\n";
-  }
-  return text + "\nTo begin with: '" + name +
-         " select HOST...' measures gateways and names the "
-         "nearest; '" +
-         name + " help COMMAND' or '" + name + " COMMAND --help' tells more.";
+  return "a command is missing; '" + name +
+         " select HOST...' measures gateways and names the nearest.\n" +
+         CommandTree::helpOf(command);
 }
 
-constexpr std::string_view NotConverted = "Could not convert: ";
-
-/// The parser names the option or operand that it complains of at the beginning of its text.
-const CLI::Option* findBlamed(const CLI::App& command, std::string text) {
-  if (text.starts_with(NotConverted)) {
-    text.erase(0, NotConverted.size());
-  }
-  const std::string name = text.substr(0, text.find_first_of(": "));
-  for (const CLI::Option* const option : command.get_options()) {
-    const std::vector<std::string> names = CommandTree::namesOf(*option);
-    if (option->get_name() == name || option->get_name(true, false) == name ||
-        std::find(names.begin(), names.end(), name) != names.end() ||
-        std::find(names.begin(), names.end(), "--" + name) != names.end()) {
-      return option;
-    }
-  }
-  return nullptr;
-}
-
-std::string explainValue(const CLI::Option& option, const CLI::ParseError& error) {
-  const std::string name = CommandTree::namesOf(option).back();
-  if (!CommandTree::takesValue(option)) {
-    return name + " takes no value: leave out the \"=\" and what follows it.";
-  }
-  const std::string usage = "'" + name + " " + CommandTree::placeholderOf(option) + "'";
-  if (option.count() > 1) {
-    return name + " is given " + std::to_string(option.count()) + " times; give it once.";
-  }
-  if (option.count() == 0) {
-    return name + " needs a value: " + usage + ".";
-  }
-  const std::string text = error.what();
-  constexpr std::string_view NotInRange = " not in range ";
-  if (const std::size_t at = text.find(NotInRange); at != std::string::npos) {
-    return name + " takes a whole number from " + text.substr(at + NotInRange.size()) + ": " +
-           usage + ".";
-  }
-  if (text.starts_with(NotConverted)) {
-    return name + " takes a number: " + usage + ".";
-  }
-  return ConfigurationText::oneLine(text, MaxTextLength) + ".";
-}
-
-std::string explainOtherwise(const CLI::App& command, const CLI::ParseError& error) {
-  const CLI::Option* const blamed = findBlamed(command, error.what());
-  const bool isOperand = blamed != nullptr && blamed->get_positional();
-  return (isOperand ? "'" + CommandTree::fullName(command) + "' needs " +
-                          CommandTree::placeholderOf(*blamed) + "."
-          : blamed != nullptr ? explainValue(*blamed, error)
-                              : ConfigurationText::oneLine(error.what(), MaxTextLength) + ".") +
-         whereHelpIs(command);
+std::string explainOtherwise(const CLI::App& command, const std::string& text) {
+  const std::size_t flagEnd = text.find(" was given a disallowed flag override");
+  return (flagEnd == std::string::npos ? ConfigurationText::oneLine(text, MaxTextLength)
+                                       : "--" + text.substr(0, flagEnd) + " takes no value") +
+         "." + whereHelpIs(command);
 }
 
 }  // namespace
@@ -199,6 +145,6 @@ std::string explainWrongCommandLine(const CLI::App& tool, const CLI::ParseError&
     }
   }
   const CLI::App& last = *chosen.back();
-  return CommandTree::commandsOf(last).empty() ? explainOtherwise(last, error)
+  return CommandTree::commandsOf(last).empty() ? explainOtherwise(last, error.what())
                                                : explainMissingCommand(last);
 }

@@ -31,6 +31,11 @@ using std::chrono::milliseconds;
 
 constexpr const char* Command = "ahs probe";
 
+// More probes than these would tell nothing new, and a gateway has other things to do.
+constexpr unsigned int MostProbes = 1000;
+// An hour: whoever waits longer has lost the terminal.
+constexpr unsigned int LongestTimeoutSeconds = 3600;
+
 // Besides what a worker asks for, what was said on the wire.
 constexpr unsigned int Wanted =
     HttpProbe::HTTP_PROBE_RETURN_STATUSCODE | HttpProbe::HTTP_PROBE_RETURN_LAST_ERROR |
@@ -216,12 +221,14 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
   command
       ->add_option("-c,--count", options->count,
                    "Probes to send, 1 to 1000; unless given, as many as a selection sends")
-      ->option_text("N");
+      ->option_text("N")
+      ->check(CLI::Range(1U, MostProbes));
   command
       ->add_option(
-          "--timeout", options->timeout,
+          "--timeout", options->timeoutSeconds,
           "Time limit of one probe in seconds, 1 to 3600; unless given, that of a selection")
-      ->option_text("SECONDS");
+      ->option_text("SECONDS")
+      ->check(CLI::Range(1U, LongestTimeoutSeconds));
   command->add_flag("--secure", options->secure,
                     "Probe over TLS, as a selection with a login at a proxy does");
   addFileOptions(*command, options->files);

@@ -31,11 +31,11 @@ Json summaryAsJson(const std::vector<EndedProbe>& probes) {
   return {{"probes", sent},
           {"samples", samples.size()},
           {"lossPercent", lossPercent(sent, samples.size())},
-          {"network", spreadAsJson(networkSpread(probes))},
-          {"response", spreadAsJson(responseSpread(probes))},
-          {"metricMs", samples.empty() ? Json(nullptr)
-                                       : Json(SelectionRules::metricOfSamples(
-                                             samples, static_cast<unsigned int>(sent)))}};
+          {"network", spreadAsJson(spreadOf(probes, &HttpProbe::Report::networkRttUs))},
+          {"response", spreadAsJson(spreadOf(probes, &HttpProbe::Report::responseRttUs))},
+          {"metricMs", samples.empty()
+                           ? Json(nullptr)
+                           : Json(SelectionRules::metricOfSamples(samples, static_cast<unsigned int>(sent)))}};
 }
 
 Json selectionAsJson(const ProbePlan& plan, const WorkerView& view) {

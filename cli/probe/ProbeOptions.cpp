@@ -4,8 +4,6 @@
 #include "cli/probe/ProbeOptions.h"
 
 #include <algorithm>
-#include <charconv>
-#include <system_error>
 
 #include "cli/Console.h"
 #include "vpn/Common/Utility/URL.h"
@@ -13,29 +11,7 @@
 
 namespace {
 
-// More probes than these would tell nothing new, and a gateway has other things to do.
-constexpr unsigned int MostProbes = 1000;
-// An hour: whoever waits longer has lost the terminal.
-constexpr unsigned int LongestTimeoutSeconds = 3600;
 constexpr unsigned int MillisecondsPerSecond = 1000;
-
-std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
-
-std::string takeNumber(const std::optional<std::string>& text, const char* option,
-                       unsigned int most, unsigned int& number) {
-  if (!text) {
-    return "";
-  }
-  unsigned int parsed = 0;
-  const char* const end = text->data() + text->size();
-  const auto [stop, error] = std::from_chars(text->data(), end, parsed);
-  if (error != std::errc() || stop != end || parsed == 0 || parsed > most) {
-    return std::string(option) + " takes a whole number from 1 to " + std::to_string(most) +
-           ", not " + inQuotes(*text) + ".";
-  }
-  number = parsed;
-  return "";
-}
 
 const HostEntry* findEntry(const std::string& name, const std::vector<HostEntry>& entries) {
   const std::string wanted = CStringUtils::toLower(name);
@@ -74,14 +50,10 @@ std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEnt
   plan.secure = options.secure;
   plan.selectionCount = settings.nPingsPerHeadend;
   plan.selectionLimit = std::chrono::milliseconds(settings.nConnectTimeout);
-  plan.count = settings.nPingsPerHeadend;
+  plan.count = options.count.value_or(settings.nPingsPerHeadend);
   // Whole seconds count, as for a worker; a probe takes less than one for one.
-  unsigned int timeout = std::max(settings.nPingTimeout / MillisecondsPerSecond, 1U);
+  const unsigned int timeout = std::max(settings.nPingTimeout / MillisecondsPerSecond, 1U);
   plan.selectionTimeout = std::chrono::seconds(timeout);
-  std::string error = takeNumber(options.count, "--count", MostProbes, plan.count);
-  if (error.empty()) {
-    error = takeNumber(options.timeout, "--timeout", LongestTimeoutSeconds, timeout);
-  }
-  plan.timeout = std::chrono::seconds(timeout);
-  return error.empty() ? takeHost(options.host, entries, plan) : error;
+  plan.timeout = std::chrono::seconds(options.timeoutSeconds.value_or(timeout));
+  return takeHost(options.host, entries, plan);
 }

@@ -12,8 +12,8 @@
 /// The options of `ahs probe` as a person typed them; an optional without a value was not given.
 struct ProbeOptions {
   std::string host;
-  std::optional<std::string> count;
-  std::optional<std::string> timeout;
+  std::optional<unsigned int> count;
+  std::optional<unsigned int> timeoutSeconds;
   bool secure = false;
   bool json = false;
   FileOptions files;  ///< the places of profiles and preferences alone

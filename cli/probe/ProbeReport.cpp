@@ -6,7 +6,6 @@
 #include <stdio.h>
 
 #include <algorithm>
-#include <iterator>
 
 #include "cli/Console.h"
 #include "cli/Wording.h"
@@ -24,18 +23,6 @@ std::string exactMs(long long microseconds) {
   snprintf(text, sizeof text, "%.3f",
            static_cast<double>(microseconds) / MicrosecondsPerMillisecond);
   return text;
-}
-
-/// A name that could be taken for several, or for none, in quotes.
-std::string distinct(const std::string& name) {
-  if (!name.empty() && name.find_first_of(" ,\"") == std::string::npos) {
-    return name;
-  }
-  std::string text;
-  for (const char c : name) {
-    text += c == '"' ? std::string("\\x22") : std::string(1, c);
-  }
-  return "\"" + text + "\"";
 }
 
 std::string place(const ProbePlan& plan) { return Console::visible(candidateWithPort(plan)); }
@@ -111,10 +98,7 @@ std::string daysInWords(const CertificateSummary& certificate) {
 }
 
 std::string certificateInWords(const CertificateSummary& certificate) {
-  std::vector<std::string> distinctNames;
-  distinctNames.reserve(certificate.names.size());
-  std::ranges::transform(certificate.names, std::back_inserter(distinctNames), distinct);
-  std::string names = distinctNames.empty() ? "none" : Wording::joined(distinctNames);
+  std::string names = certificate.names.empty() ? "none" : Wording::joined(certificate.names);
   if (certificate.moreNames > 0) {
     names += ", and " + std::to_string(certificate.moreNames) + " more";
   }
@@ -259,8 +243,8 @@ std::string probeSummary(const ProbeFindings& findings) {
   std::string text = Wording::counted(sent, "probe") + ", " + std::to_string(samples.size()) +
                      " with a sample, " + std::to_string(sent - samples.size()) + " without (" +
                      std::to_string(lossPercent(sent, samples.size())) + " %)\n";
-  addSpread("network", networkSpread(findings.probes), text);
-  addSpread("response", responseSpread(findings.probes), text);
+  addSpread("network", spreadOf(findings.probes, &HttpProbe::Report::networkRttUs), text);
+  addSpread("response", spreadOf(findings.probes, &HttpProbe::Report::responseRttUs), text);
   if (!samples.empty()) {
     text +=
         "  metric    " +

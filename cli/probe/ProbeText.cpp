@@ -7,22 +7,12 @@
 
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/ConfigurationText.h"
-#include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/include/HttpSession.h"
 
 namespace {
 
 constexpr std::size_t MostLines = 20;
 constexpr std::size_t MostLineBytes = 200;
-
-std::optional<Spread> spreadOfAll(const std::vector<EndedProbe>& probes,
-                                  long long HttpProbe::Report::*roundTrip) {
-  std::vector<long long> roundTrips;
-  roundTrips.reserve(probes.size());
-  for (const EndedProbe& probe : probes) {
-    roundTrips.push_back(probe.report.*roundTrip);
-  }
-  return spreadOf(roundTrips);
-}
 
 }  // namespace
 
@@ -62,12 +52,4 @@ unsigned int lossPercent(std::size_t sent, std::size_t samples) {
   }
   const auto rounded = static_cast<unsigned int>(((sent - samples) * Hundred + sent / 2) / sent);
   return samples == 0 ? Hundred : std::clamp(rounded, 1U, Hundred - 1);
-}
-
-std::optional<Spread> networkSpread(const std::vector<EndedProbe>& probes) {
-  return spreadOfAll(probes, &HttpProbe::Report::networkRttUs);
-}
-
-std::optional<Spread> responseSpread(const std::vector<EndedProbe>& probes) {
-  return spreadOfAll(probes, &HttpProbe::Report::responseRttUs);
 }

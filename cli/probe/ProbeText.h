@@ -1,12 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/probe/ProbeOptions.h"
-#include "cli/probe/WorkerView.h"
 
 /// What the text and the JSON of `ahs probe` have in common.
 
@@ -21,6 +19,3 @@ std::string probeStatusName(STATUSCODE status);
 
 /// Share of the probes without a sample, rounded to the nearest; 0 and 100 only for none and all.
 unsigned int lossPercent(std::size_t sent, std::size_t samples);
-
-std::optional<Spread> networkSpread(const std::vector<EndedProbe>& probes);
-std::optional<Spread> responseSpread(const std::vector<EndedProbe>& probes);

@@ -4,7 +4,6 @@
 #include "cli/probe/WorkerView.h"
 
 #include <algorithm>
-#include <iterator>
 
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
@@ -114,17 +113,20 @@ WorkerView workerViewOf(const ProbePlan& plan, const std::vector<EndedProbe>& pr
   return view;
 }
 
-std::optional<Spread> spreadOf(const std::vector<long long>& roundTripsUs) {
+std::optional<Spread> spreadOf(const std::vector<EndedProbe>& probes,
+                               long long HttpProbe::Report::*roundTrip) {
   std::vector<long long> sorted;
-  std::copy_if(roundTripsUs.begin(), roundTripsUs.end(), std::back_inserter(sorted),
-               [](long long roundTrip) { return roundTrip >= 0; });
+  for (const EndedProbe& probe : probes) {
+    if (probe.report.*roundTrip >= 0) {
+      sorted.push_back(probe.report.*roundTrip);
+    }
+  }
   if (sorted.empty()) {
     return std::nullopt;
   }
   std::sort(sorted.begin(), sorted.end());
-  const std::size_t middle = sorted.size() / 2;
-  const long long median =
-      sorted.size() % 2 == 1 ? sorted[middle] : (sorted[middle - 1] + sorted[middle]) / 2;
+  // Of an even number the median lies between the two in the middle.
+  const long long median = (sorted[(sorted.size() - 1) / 2] + sorted[sorted.size() / 2]) / 2;
   return Spread{sorted.front(), median, sorted.back()};
 }
 

@@ -36,8 +36,10 @@ struct Spread {
   long long mostUs = 0;
 };
 
-/// The spread of round trips in microseconds; those below 0 did not happen. None if none did.
-std::optional<Spread> spreadOf(const std::vector<long long>& roundTripsUs);
+/// The spread of one of the round trips of a report; those below 0 did not happen. None if none
+/// did.
+std::optional<Spread> spreadOf(const std::vector<EndedProbe>& probes,
+                               long long HttpProbe::Report::*roundTrip);
 
 /// The samples of all probes.
 std::vector<unsigned int> samplesOf(const std::vector<EndedProbe>& probes);

@@ -277,10 +277,13 @@ TEST_F(ProbeCommandTest, AHostEntryIsProbedAtItsAddressWithThePreferencesInForce
 
 TEST_F(ProbeCommandTest, AWrongCommandLineSaysWhatIsWrongAndSendsNothing) {
   EXPECT_EQ(run({}).exitStatus, 2);
-  const Outcome count = run({"127.0.0.1", "-c", "0"});
-  EXPECT_EQ(count.exitStatus, 2);
-  EXPECT_EQ(count.out, "");
-  EXPECT_THAT(count.err, StartsWith("ahs: --count takes a whole number from 1 to 1000, not '0'."));
+  for (const char* number : {"0", "-1", "3x", "", "99999999999999999999", "1.5", "3601"}) {
+    for (const char* option : {"-c", "--timeout"}) {
+      const Outcome wrong = run({"127.0.0.1", option, number});
+      EXPECT_EQ(wrong.exitStatus, 2) << option << " " << number;
+      EXPECT_EQ(wrong.out, "");
+    }
+  }
   EXPECT_EQ(run({"gw.example.com/ here"}).exitStatus, 2);
   EXPECT_EQ(run({"127.0.0.1", "--profiles", m_home.File("missing")}).exitStatus, 2);
   EXPECT_EQ(run({"127.0.0.1", "127.0.0.2"}).exitStatus, 2);

@@ -147,13 +147,6 @@ TEST(ProbeReport, DaysSinceTheEndOfACertificateAreWholeOnes) {
   EXPECT_THAT(probeDetails(findings), HasSubstr(", expired 1 day ago\n"));
 }
 
-TEST(ProbeReport, ANameThatLooksLikeSeveralOrNoneIsQuoted) {
-  ProbeFindings findings = someFindings();
-  findings.tls->certificate->names = {"gw.example.com", "a, b", "", "c\"", "d"};
-  EXPECT_THAT(probeDetails(findings),
-              HasSubstr("  names:    gw.example.com, \"a, b\", \"\", \"c\\x22\", d\n"));
-}
-
 TEST(ProbeReport, NoLossAndNoAnswerAreSaidOfNothingElse) {
   ProbeFindings findings;
   findings.plan = somePlan(400);

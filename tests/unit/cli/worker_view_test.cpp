@@ -149,6 +149,14 @@ TEST(WorkerView, AShorterTimeLimitThanAWorkersLeavesTheVerdictOpen) {
   EXPECT_THAT(workerViewOf(plan, {refused, refused}).why, testing::Not(HasSubstr("longer")));
 }
 
+std::optional<Spread> spreadOf(const std::vector<long long>& roundTripsUs) {
+  std::vector<EndedProbe> probes(roundTripsUs.size());
+  for (std::size_t i = 0; i < probes.size(); ++i) {
+    probes[i].report.networkRttUs = roundTripsUs[i];
+  }
+  return ::spreadOf(probes, &HttpProbe::Report::networkRttUs);
+}
+
 TEST(Spread, TheMedianOfAnEvenNumberLiesBetweenTheTwoInTheMiddle) {
   const std::optional<Spread> spread = spreadOf({40, 10, -1, 30, 20});
   ASSERT_TRUE(spread);

@@ -5,12 +5,11 @@
 #include "cli/BuildFacts.h"
 
 #include <curl/curl.h>
-#include <libxml/parser.h>
+#include <libxml/xmlversion.h>
 #include <openssl/crypto.h>
 #include <openssl/opensslv.h>
 #include <spdlog/version.h>
 
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <vector>
@@ -34,21 +33,13 @@ std::string dotted(int major, int minor, int patch) {
   return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch);
 }
 
-/// "20914-GITv2.9.14" is 2.9.14.
-std::string libxmlVersion() {
-  constexpr int Hundred = 100;
-  constexpr int Decimal = 10;
-  const auto number = static_cast<int>(std::strtol(xmlParserVersion, nullptr, Decimal));
-  return dotted(number / (Hundred * Hundred), number / Hundred % Hundred, number % Hundred);
-}
-
 std::vector<Library> libraries() {
   const curl_version_info_data* const curl = curl_version_info(CURLVERSION_NOW);
   return {
       {"libcurl", LIBCURL_VERSION, curl->version,
        curl->ssl_version != nullptr ? curl->ssl_version : ""},
       {"OpenSSL", OPENSSL_VERSION_STR, OpenSSL_version(OPENSSL_VERSION_STRING), ""},
-      {"libxml2", LIBXML_DOTTED_VERSION, libxmlVersion(), ""},
+      {"libxml2", LIBXML_DOTTED_VERSION, std::nullopt, ""},
       {"spdlog", dotted(SPDLOG_VER_MAJOR, SPDLOG_VER_MINOR, SPDLOG_VER_PATCH), std::nullopt, ""},
       {"libproxy", AHS_LIBPROXY_VERSION, std::nullopt, ""},
   };
@@ -63,11 +54,7 @@ std::string compiler() {
 }
 
 std::string standardLibrary() {
-#if defined(_LIBCPP_VERSION)
-  return "libc++ " + std::to_string(_LIBCPP_VERSION);
-#else
   return "libstdc++ " + std::to_string(_GLIBCXX_RELEASE) + " (" + std::to_string(__GLIBCXX__) + ")";
-#endif
 }
 
 std::string orNone(const char* text) { return *text == '\0' ? "none" : text; }

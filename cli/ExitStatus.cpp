@@ -2,7 +2,6 @@
 
 #include "cli/ExitStatus.h"
 
-#include <algorithm>
 #include <array>
 
 namespace {
@@ -26,26 +25,6 @@ constexpr std::array Meanings = {
     StatusMeaning{"128 + N", "all", "ended by the signal N"},
 };
 
-std::string padded(std::string text, std::size_t width) {
-  text.resize(std::max(width, text.size()), ' ');
-  return text;
-}
-
 }  // namespace
 
 std::span<const StatusMeaning> statusMeanings() { return Meanings; }
-
-std::string exitStatusTable() {
-  std::size_t statusWidth = 0;
-  std::size_t commandsWidth = 0;
-  for (const StatusMeaning& meaning : Meanings) {
-    statusWidth = std::max(statusWidth, std::string(meaning.status).size());
-    commandsWidth = std::max(commandsWidth, std::string(meaning.commands).size());
-  }
-  std::string text;
-  for (const StatusMeaning& meaning : Meanings) {
-    text += "  " + padded(meaning.status, statusWidth) + "  " +
-            padded(meaning.commands, commandsWidth) + "  " + meaning.text + "\n";
-  }
-  return text;
-}

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <span>
-#include <string>
 
 /// What the process tells its caller. Scripts rely on these numbers.
 enum ExitStatus : int {
@@ -24,6 +23,3 @@ struct StatusMeaning {
   const char* text;
 };
 std::span<const StatusMeaning> statusMeanings();
-
-/// All of them, a line each.
-std::string exitStatusTable();

@@ -10,6 +10,7 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
+#include "cli/Table.h"
 #include "cli/WrongCommandLine.h"
 
 namespace {
@@ -49,6 +50,14 @@ void addHelpCommand(CLI::App& tool, ChosenCommand& chosen) {
       ->add_option("COMMAND", *words, "Command to print the help of; the tool itself unless given")
       ->option_text("[COMMAND...]");
   command->callback([&, words] { chosen = [&tool, words] { return showHelp(tool, *words); }; });
+}
+
+std::string exitStatusTable() {
+  std::vector<std::vector<std::string>> rows;
+  for (const StatusMeaning& meaning : statusMeanings()) {
+    rows.push_back({meaning.status, meaning.commands, meaning.text});
+  }
+  return tableText({"EXIT STATUS", "COMMANDS", "MEANING"}, rows);
 }
 
 /// Thrown by --version, which needs no command and hears of nothing else on the line.
@@ -99,7 +108,7 @@ void settleOptions(CLI::App& command) {
 void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other) {
   addVersion(tool);
   tool.require_subcommand(1);
-  tool.footer("Exit status:\n" + exitStatusTable() +
+  tool.footer(exitStatusTable() +
               "\n'ahs COMMAND --help' shows the options of a command; the manual is ahs(1).");
   addSelectCommand(tool, chosen);
   addWatchCommand(tool, chosen);

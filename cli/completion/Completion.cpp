@@ -147,15 +147,15 @@ Completion valueOf(const CLI::Option& option, const FileOptions& files) {
   if (option.get_positional() && names("HOST")) {
     return hostEntries(files, &Candidate::headend);
   }
-  return names("FILE")      ? Completion{Completion::Kind::File}
-         : names("DIR")     ? Completion{Completion::Kind::Directory}
-         : names("COMMAND") ? Completion{Completion::Kind::Program}
+  return names("FILE")      ? Completion{"file"}
+         : names("DIR")     ? Completion{"directory"}
+         : names("COMMAND") ? Completion{"program"}
                             : wordsOnly(alternatives(placeholder));
 }
 
 Completion operandsOf(const Line& line) {
   if (line.hasEnded && line.command->get_name() == "exec") {
-    return {Completion::Kind::Program};
+    return {"program"};
   }
   const std::vector<const CLI::Option*> operands = CommandTree::operandsOf(*line.command);
   return operands.empty() ? commandsBelow(*line.command) : valueOf(*operands.front(), line.files);

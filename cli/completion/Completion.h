@@ -9,15 +9,14 @@ class App;
 
 /// What may stand where a person is typing.
 struct Completion {
-  enum class Kind { Words, File, Directory, Program };
-
   struct Word {
     std::string text;
     std::string description{};  ///< a few words; may be empty
   };
 
-  Kind kind = Kind::Words;
-  std::vector<Word> words{};  ///< of kind Words: whole words, with the option's name before a value
+  /// As the scripts take it: "words", or "file", "directory" or "program" for what a shell finds.
+  std::string kind = "words";
+  std::vector<Word> words{};  ///< whole ones, with the option's name before a value
 };
 
 /// Finds it in the tool's own description of its commands and options, and for host entries in the

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -93,40 +94,21 @@ end
 complete -c ahs -f -a '(__ahs)'
 )sh";
 
-const char* nameOf(Completion::Kind kind) {
-  switch (kind) {
-    case Completion::Kind::File:
-      return "file";
-    case Completion::Kind::Directory:
-      return "directory";
-    case Completion::Kind::Program:
-      return "program";
-    case Completion::Kind::Words:
-      break;
-  }
-  return "words";
-}
-
-int printWords(const CLI::App& tool, std::vector<std::string> words) {
+// Of bash, what stands after "--" are readline's word breaks and the line; of the others, the
+// words.
+int printWords(const CLI::App& tool, std::vector<std::string> given, bool isLine) {
   static_cast<void>(alarm(Patience));
-  const std::string typed = words.empty() ? "" : words.back();
-  words.resize(words.empty() ? 0 : words.size() - 1);
-  const Completion completion = completionOf(tool, words, typed);
-  std::string text = nameOf(completion.kind) + std::string("\n");
+  given.resize(std::max<std::size_t>(given.size(), 2));
+  const std::string last = given.back();
+  const BashLine line(isLine ? last : "", given.front());
+  given.pop_back();
+  const Completion completion =
+      isLine ? completionOf(tool, line.before(), line.typed()) : completionOf(tool, given, last);
+  std::string text = completion.kind + "\n";
   for (const Completion::Word& word : completion.words) {
-    text += word.text + (word.description.empty() ? "" : "\t" + word.description) + "\n";
-  }
-  return Console::writeResult(text, ExitNoMistakes);
-}
-
-int printWordsOfLine(const CLI::App& tool, const std::vector<std::string>& given) {
-  static_cast<void>(alarm(Patience));
-  const BashLine line(given.back(), given.front());
-  const Completion completion = completionOf(tool, line.before(), line.typed());
-  std::string text = nameOf(completion.kind) + std::string("\n");
-  for (const Completion::Word& word : completion.words) {
-    if (const std::optional<std::string> rest = line.restOf(word.text)) {
-      text += *rest + "\n";
+    const std::string whole = word.text + (word.description.empty() ? "" : "\t" + word.description);
+    if (const std::optional<std::string> offered = isLine ? line.restOf(word.text) : whole) {
+      text += *offered + "\n";
     }
   }
   return Console::writeResult(text, ExitNoMistakes);
@@ -145,11 +127,8 @@ void addWords(CLI::App& completion, ChosenCommand& chosen, const CLI::App& tool,
   words->group("");
   const auto isLine = std::make_shared<bool>(false);
   words->add_flag("--line", *isLine, "After -- stand bash's word breaks and the line");
-  words->callback([&, isLine] {
-    chosen = [&, isLine] {
-      return *isLine && !given.empty() ? printWordsOfLine(tool, given) : printWords(tool, given);
-    };
-  });
+  words->callback(
+      [&, isLine] { chosen = [&, isLine] { return printWords(tool, given, *isLine); }; });
 }
 
 }  // namespace

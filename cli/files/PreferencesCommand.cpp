@@ -14,7 +14,6 @@
 
 namespace {
 
-using json = Json;
 using Setting = PreferenceMgr::Setting;
 
 /// One preference as a selection sees it.
@@ -93,22 +92,21 @@ std::string showText(const std::vector<Effective>& all) {
          "EnableAutomaticServerSelection is each profile's own; 'ahs profile list' shows it.\n";
 }
 
-json settingAsJson(const Setting& setting) {
+Json settingAsJson(const Setting& setting) {
   const bool hasFile = !setting.file.empty();
   return {{"value", setting.value},
           {"from", originName(setting.origin)},
-          {"file", hasFile ? json(setting.file) : json(nullptr)},
-          {"line", hasFile ? json(setting.line) : json(nullptr)},
+          {"file", hasFile ? Json(setting.file) : Json(nullptr)},
+          {"line", hasFile ? Json(setting.line) : Json(nullptr)},
           {"profile",
-           setting.origin == Setting::Origin::Profile ? json(setting.profile) : json(nullptr)}};
+           setting.origin == Setting::Origin::Profile ? Json(setting.profile) : Json(nullptr)}};
 }
 
 std::string showJson(const std::vector<Effective>& all) {
-  json object;
-  object["schema"] = JsonSchema;
-  object["preferences"] = json::array();
+  Json object = newJson();
+  object["preferences"] = Json::array();
   for (const Effective& effective : all) {
-    json settings = json::array();
+    Json settings = Json::array();
     for (const Setting& setting : effective.settings) {
       settings.push_back(settingAsJson(setting));
     }

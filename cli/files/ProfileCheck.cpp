@@ -15,8 +15,6 @@
 
 namespace {
 
-using json = Json;
-
 bool isDirectory(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -123,21 +121,20 @@ std::string checkText(const CheckResult& result) {
 }
 
 std::string checkJson(const CheckResult& result) {
-  json object;
-  object["schema"] = JsonSchema;
+  Json object = newJson();
   object["files"] = result.files;
   object["hostEntries"] = result.hostEntries;
   object["problemsAreComplete"] =
       std::all_of(result.problems.begin(), result.problems.end(), isListed);
-  object["problems"] = json::array();
+  object["problems"] = Json::array();
   for (const FileProblem& problem : result.problems) {
     if (!isListed(problem)) {
       continue;
     }
     const bool hasPlace = problem.line != 0;
     object["problems"].push_back({{"file", problem.file},
-                                  {"line", hasPlace ? json(problem.line) : json(nullptr)},
-                                  {"column", hasPlace ? json(problem.column) : json(nullptr)},
+                                  {"line", hasPlace ? Json(problem.line) : Json(nullptr)},
+                                  {"column", hasPlace ? Json(problem.column) : Json(nullptr)},
                                   {"text", problem.text}});
   }
   if (!result.places.empty() || !result.missing.empty()) {

@@ -16,8 +16,6 @@
 
 namespace {
 
-using json = Json;
-
 struct CheckOptions {
   std::vector<std::string> places;
   bool trustProfiles = false;
@@ -80,9 +78,8 @@ std::string listText(const std::vector<HostEntry>& entries) {
 }
 
 std::string listJson(const std::vector<HostEntry>& entries) {
-  json object;
-  object["schema"] = JsonSchema;
-  object["hosts"] = json::array();
+  Json object = newJson();
+  object["hosts"] = Json::array();
   for (const HostEntry& entry : entries) {
     object["hosts"].push_back({{"name", entry.name},
                                {"profile", entry.profile},

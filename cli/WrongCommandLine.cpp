@@ -45,57 +45,32 @@ std::vector<std::string> namesOfCommands(const CLI::App& command) {
   return all;
 }
 
-/// The commands that were chosen, from the tool on.
-std::vector<const CLI::App*> chosenCommands(const CLI::App& tool) {
-  std::vector<const CLI::App*> chosen = {&tool};
-  while (!chosen.back()->get_subcommands().empty()) {
-    chosen.push_back(chosen.back()->get_subcommands().front());
-  }
-  return chosen;
-}
-
-/// The command of which an option of that name is, for one that stands behind another command. The
-/// tool's own --json is for its --version alone, and meant by nobody who names a command.
-const CLI::App* findOwner(const std::vector<const CLI::App*>& chosen, const std::string& name) {
-  for (const CLI::App* const command : chosen) {
-    const std::vector<std::string> names = namesOfOptions(*command);
-    const bool isForVersion = command->get_parent() == nullptr && name == "--json";
-    if (!isForVersion && std::find(names.begin(), names.end(), name) != names.end()) {
-      return command;
-    }
-  }
-  return nullptr;
-}
-
-std::string explainUnknownOption(const std::vector<const CLI::App*>& chosen,
-                                 const CLI::App& command, const std::string& word) {
+std::string explainUnknownOption(const CLI::App& command, const std::string& word) {
   const std::string name = word.substr(0, word.find('='));
-  std::string text =
-      "there is no option " + inQuotes(name) + " of '" + CommandTree::fullName(command) + "'";
-  if (const CLI::App* const owner = findOwner(chosen, name); owner != nullptr) {
-    return text + "; did you mean '" + CommandTree::fullName(*owner) + " " + name + "'?" +
-           whereHelpIs(*owner);
-  }
   const std::vector<std::string> names = namesOfOptions(command);
   // Among letters everything is near.
   const std::string* const meant = name.starts_with("--") ? nearestName(name, names) : nullptr;
-  return text + (meant != nullptr ? "; did you mean '" + *meant + "'?" : ".") +
+  return "there is no option " + inQuotes(name) + " of '" + CommandTree::fullName(command) + "'" +
+         (meant != nullptr ? "; did you mean '" + *meant + "'?"
+          : CommandTree::commandsOf(command).empty()
+              ? "."
+              : "; options stand behind the command that they are for.") +
          whereHelpIs(command);
 }
 
 bool isOption(const std::string& word) { return word.size() > 1 && word.front() == '-'; }
 
-std::string explainLeftOver(const std::vector<const CLI::App*>& chosen, const CLI::App& command) {
+std::string explainLeftOver(const CLI::App& command) {
   const std::vector<std::string> words = command.remaining(false);
   const auto name = std::find_if_not(words.begin(), words.end(), isOption);
   // The options behind a command that is not known are not known either.
-  if (name != words.end() && &command == chosen.back() &&
+  if (name != words.end() && command.get_subcommands().empty() &&
       !CommandTree::commandsOf(command).empty()) {
     return explainUnknownCommand(command, *name);
   }
   const auto option = std::find_if(words.begin(), words.end(), isOption);
   if (option != words.end()) {
-    return explainUnknownOption(chosen, command, *option);
+    return explainUnknownOption(command, *option);
   }
   return inQuotes(words.front()) + " is one argument too many for '" +
          CommandTree::fullName(command) + "'." + whereHelpIs(command);
@@ -137,14 +112,13 @@ std::string explainUnknownCommand(const CLI::App& above, const std::string& name
 }
 
 std::string explainWrongCommandLine(const CLI::App& tool, const CLI::ParseError& error) {
-  const std::vector<const CLI::App*> chosen = chosenCommands(tool);
-  for (const CLI::App* const command : chosen) {
-    if (!command->get_allow_extras() && !command->get_prefix_command() &&
-        !command->remaining(false).empty()) {
-      return explainLeftOver(chosen, *command);
-    }
+  const CLI::App* command = &tool;
+  while (command->remaining(false).empty() && !command->get_subcommands().empty()) {
+    command = command->get_subcommands().front();
   }
-  const CLI::App& last = *chosen.back();
-  return CommandTree::commandsOf(last).empty() ? explainOtherwise(last, error.what())
-                                               : explainMissingCommand(last);
+  if (!command->remaining(false).empty()) {
+    return explainLeftOver(*command);
+  }
+  return CommandTree::commandsOf(*command).empty() ? explainOtherwise(*command, error.what())
+                                                   : explainMissingCommand(*command);
 }

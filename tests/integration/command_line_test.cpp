@@ -116,8 +116,7 @@ TEST_F(CommandLineTest, AMisspeltOptionIsAnsweredWithTheOneThatWasMeant) {
 
 TEST_F(CommandLineTest, AnOptionAtTheWrongPlaceIsAnsweredWithTheRightOne) {
   EXPECT_THAT(refusalOf({"--profiles", "x", "select"}),
-              HasSubstr("did you mean 'ahs select --profiles'?"));
-  EXPECT_THAT(refusalOf({"select", "--version"}), HasSubstr("did you mean 'ahs --version'?"));
+              HasSubstr("options stand behind the command that they are for"));
   EXPECT_THAT(refusalOf({"--json", "select"}), HasSubstr("'ahs select --json'"));
 }
 

@@ -194,6 +194,7 @@ bool isWantedHeader(std::string_view line, std::string_view& value) {
 
 void CHttpHeaderResponse::set(const std::string& headers) { m_headers = headers; }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): callers rely on the signature
 std::string CHttpHeaderResponse::getProxyAuthRealm(std::string scheme) const {
   std::string_view rest = m_headers;
   std::string_view line = takeLine(rest);

@@ -320,6 +320,21 @@ TEST_F(HttpProbeKeptTest, ALateAnswerOnAKeptConnectionCounts) {
   EXPECT_GE(results.uiRtt, 1400U);
 }
 
+// Nor does waiting for the kept connection make what a fresh one brought any later.
+TEST_F(HttpProbeKeptTest, AFreshConnectionThatIsResetHasARoundTripOfItsOwn) {
+  Requests server([](unsigned int number, Connection& connection) {
+    if (number == 2) {
+      connection.waitForPeer();
+    }
+    return number == 3 ? reset(connection) : connection.send(kOk);
+  });
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(probe(server.port(), 4), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  expectOpenedAnew();
+  EXPECT_LT(report().responseRttUs, 2'000'000);
+  EXPECT_GE(report().totalUs, 3'990'000);
+}
+
 TEST_F(HttpProbeKeptTest, WhatComesUnaskedAfterALateBodyIsNoAnswerToTheNextProbe) {
   Gate gate;
   Gate sent;

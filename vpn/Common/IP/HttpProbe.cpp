@@ -143,10 +143,10 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
     outcome = PROBE_OUTCOME();
     outcome.code = CURLE_OUT_OF_MEMORY;
   }
-  outcome.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
-                        PROBE_REQUEST::Clock::now() - request.start)
-                        .count();
   outcome.Fill(report, request.Proxied(), measure);
+  report.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
+                       PROBE_REQUEST::Clock::now() - request.start)
+                       .count();
   writeResults(report, outcome, results);
   tell(task, &ProbeTask::ProbeEnded, report);
   return report.status;

@@ -185,6 +185,7 @@ void HttpTransfer::step() {
 void HttpTransfer::end(unsigned int code) {
   m_hasEnded = true;
   m_code = code;
+  m_seen.endedUs = now();
 }
 
 /// The result of a transfer that libcurl has ended. Once the head is complete, what becomes of the
@@ -308,7 +309,7 @@ void HttpTransfer::collectTimes(PROBE_OUTCOME& outcome) {
   outcome.requestUs = m_seen.requestUs;
   outcome.firstByteUs = m_seen.firstByteUs;
   outcome.tlsStartUs = m_seen.tlsStartUs;
-  outcome.totalUs = now();
+  outcome.endedUs = m_seen.endedUs;
   if (!m_reused) {
     const long long before = sinceStart(m_startedAt);
     const auto connected = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);

@@ -51,8 +51,9 @@ class HttpTransfer {
     AnswerHead head;
     std::string request;
     long long tlsStartUs = 0;
-    long long requestUs = 0;      ///< when the first request was about to be sent
-    long long firstByteUs = 0;    ///< of the last answer
+    long long requestUs = 0;    ///< when the first request was about to be sent
+    long long firstByteUs = 0;  ///< of the last answer
+    long long endedUs = 0;
     long long firstByteMark = 0;  ///< libcurl's time of it, which changes when one has come
   };
   using Handle = std::unique_ptr<void, void (*)(void*)>;

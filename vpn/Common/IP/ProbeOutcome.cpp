@@ -59,9 +59,9 @@ bool isAnswer(STATUSCODE status) {
 /// From the request to the first byte of the answer, or to what stood in its place.
 long long responseRoundTrip(const PROBE_OUTCOME& outcome) {
   if (outcome.requestUs == 0) {
-    return outcome.totalUs - std::max(outcome.openedUs, outcome.tlsStartUs);
+    return outcome.endedUs - std::max(outcome.openedUs, outcome.tlsStartUs);
   }
-  return (outcome.firstByteUs > 0 ? outcome.firstByteUs : outcome.totalUs) - outcome.requestUs;
+  return (outcome.firstByteUs > 0 ? outcome.firstByteUs : outcome.endedUs) - outcome.requestUs;
 }
 
 long long ifHappened(long long time) { return time > 0 ? time : kUnknown; }
@@ -76,7 +76,7 @@ long long networkRoundTrip(const PROBE_OUTCOME& outcome) {
   if (outcome.networkRttUs != kUnknown) {
     return outcome.networkRttUs;
   }
-  return outcome.connectTookUs > 0 ? outcome.connectTookUs : outcome.totalUs - outcome.openedUs;
+  return outcome.connectTookUs > 0 ? outcome.connectTookUs : outcome.endedUs - outcome.openedUs;
 }
 
 }  // namespace
@@ -98,7 +98,6 @@ void PROBE_OUTCOME::Fill(ProbeReport& report, bool proxied, RoundTripMeasure mea
   report.reused = reused;
   report.connectUs = ifHappened(connectUs);
   report.tlsUs = ifHappened(tlsUs);
-  report.totalUs = totalUs;
   report.networkRttUs = networkRttUs;
   if (Connected()) {
     report.address = std::move(address);

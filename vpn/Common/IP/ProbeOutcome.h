@@ -22,7 +22,7 @@ struct PROBE_OUTCOME {
   long long tlsUs = 0;
   long long requestUs = 0;
   long long firstByteUs = 0;
-  long long totalUs = 0;
+  long long endedUs = 0;  ///< the request had ended; the probe may have gone on
   /// How long the connection, whosever it was, took to open; 0 if there was none.
   long long connectTookUs = 0;
   long long networkRttUs = -1;  ///< -1 where the kernel cannot say

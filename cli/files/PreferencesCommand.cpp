@@ -27,10 +27,7 @@ struct Effective {
 std::vector<Effective> findEffective() {
   std::vector<Effective> all;
   const CInstanceSmartPtr<PreferenceMgr> preferences;
-  std::size_t count = 0;
-  const PreferenceBase::Definition* definitions = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    const PreferenceBase::Definition& definition = definitions[i];
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
     if (definition.id == EnableAutomaticServerSelection) {
       continue;  // each profile's own
     }

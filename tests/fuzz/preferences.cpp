@@ -105,13 +105,11 @@ void requireRightManager(const PreferenceInfo& preferences) {
   PreferenceMgr* const manager = PreferenceMgr::acquireInstance();
   requireSettingsWithinRange();
   requireProxy(*manager);
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
     std::string value;
-    REQUIRE(manager->getPreferenceValue(all[i].id, value) == PREFERENCEMGR_SUCCESS);
-    const std::string found = valueOf(preferences, all[i].id);
-    REQUIRE(value == (found == "unset" ? all[i].defaultValue : found));
+    REQUIRE(manager->getPreferenceValue(definition.id, value) == PREFERENCEMGR_SUCCESS);
+    const std::string found = valueOf(preferences, definition.id);
+    REQUIRE(value == (found == "unset" ? definition.defaultValue : found));
   }
   manager->releaseInstance();
   manager->releaseInstance();

@@ -26,11 +26,10 @@ const auto named(const auto& rules, const std::string& name) {
 
 ElementRule::Attribute preferenceName(ConfigurationKind kind) {
   ElementRule::Attribute rule{"name", true, {}};
-  std::size_t count = 0;
-  const PreferenceBase::Definition* const all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    if (kind == ConfigurationKind::Profile ? all[i].isForProfiles : all[i].isForPreferences) {
-      rule.words.emplace_back(all[i].name);
+  for (const PreferenceBase::Definition& preference : PreferenceBase::definitions()) {
+    if (kind == ConfigurationKind::Profile ? preference.isForProfiles
+                                           : preference.isForPreferences) {
+      rule.words.emplace_back(preference.name);
     }
   }
   return rule;

@@ -4,17 +4,14 @@
 #include "vpn/Api/Preference.h"
 
 #include <charconv>
-#include <iterator>
 
 #include "vpn/Common/Utility/URL.h"
 
 // Never freed: threads that are still running while the process ends may compare with them.
 const std::string& PreferenceBase::PreferenceEnabled = *new std::string("true");
-const std::string& PreferenceBase::PreferenceDisabled = *new std::string("false");
 const std::string& PreferenceBase::ProxyOverride = *new std::string("override");
 const std::string& PreferenceBase::ProxySystem = *new std::string("system");
 const std::string& PreferenceBase::ProxyNone = *new std::string("none");
-const std::string& PreferenceBase::RoundTripNetwork = *new std::string("network");
 const std::string& PreferenceBase::RoundTripResponse = *new std::string("response");
 
 namespace {
@@ -110,10 +107,7 @@ std::string findHostError(const std::string& value) {
 
 }  // namespace
 
-const PreferenceBase::Definition* PreferenceBase::definitions(std::size_t& count) {
-  count = std::size(Definitions);
-  return Definitions;
-}
+std::span<const PreferenceBase::Definition> PreferenceBase::definitions() { return Definitions; }
 
 const PreferenceBase::Definition* PreferenceBase::find(const std::string& name) {
   for (const Definition& definition : Definitions) {

@@ -3,8 +3,8 @@
 /// @file
 /// What preferences there are.
 
-#include <cstddef>
 #include <map>
+#include <span>
 #include <string>
 
 /// The preferences of the client, by number. The names in the files and the defaults are in
@@ -24,7 +24,6 @@ enum PreferenceId {
   SelectionTestPingTimeout = 58,
   SelectionMaxResults = 59,
   RoundTripTime = 60,
-  UnknownPreference = 0xFFFF,
 };
 
 /// What a file can say of a preference besides its value.
@@ -46,19 +45,14 @@ class PreferenceBase {
 
   /// "true": the value of a switch that is on.
   static const std::string& PreferenceEnabled;
-  /// "false": the value of a switch that is off.
-  static const std::string& PreferenceDisabled;
   /// "override": the value of `ProxySettings` that means the host and port in the preferences.
   static const std::string& ProxyOverride;
   /// "system": the value of `ProxySettings` that means what the system is set to.
   static const std::string& ProxySystem;
   /// "none": the value of `ProxySettings` that means a direct connection.
   static const std::string& ProxyNone;
-  /// "network" and "response": the values of `RoundTripTime`.
-  /// @{
-  static const std::string& RoundTripNetwork;
+  /// "response": the value of `RoundTripTime` that means the gateway's answer.
   static const std::string& RoundTripResponse;
-  /// @}
 
   /// One preference that a file may set.
   struct Definition {
@@ -78,8 +72,8 @@ class PreferenceBase {
     bool isForPreferences = true;  ///< a preferences file may set it
   };
 
-  /// All preferences, `count` entries.
-  static const Definition* definitions(std::size_t& count);
+  /// All preferences.
+  static std::span<const Definition> definitions();
   /// The preference of a name (exact) or a number; null if there is none.
   /// @{
   static const Definition* find(const std::string& name);

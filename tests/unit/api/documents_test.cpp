@@ -96,20 +96,19 @@ TEST(Documents, TheSchemasForEditorsSayWhatIsRead) {
 
 TEST(Documents, TheTableHasEveryPreferenceWithUnitRangeDefaultAndPlace) {
   const std::string text = formats().substr(formats().find("\n## All preferences\n"));
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::string row = rowOf(text, all[i].name);
-    EXPECT_THAT(row, HasSubstr("| " + placesOf(all[i]) + " |"));
-    if (all[i].unit != nullptr) {
-      const std::string unit = *all[i].unit != '\0' ? std::string(" ") + all[i].unit : "";
-      EXPECT_THAT(row, HasSubstr("|" + unit + " | " + std::to_string(all[i].least) + " to " +
-                                 std::to_string(all[i].most)));
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
+    const std::string row = rowOf(text, definition.name);
+    EXPECT_THAT(row, HasSubstr("| " + placesOf(definition) + " |"));
+    if (definition.unit != nullptr) {
+      const std::string unit = *definition.unit != '\0' ? std::string(" ") + definition.unit : "";
+      EXPECT_THAT(row, HasSubstr("|" + unit + " | " + std::to_string(definition.least) + " to " +
+                                 std::to_string(definition.most)));
     }
-    for (const char* const* word = all[i].words; *word != nullptr; ++word) {
+    for (const char* const* word = definition.words; *word != nullptr; ++word) {
       EXPECT_THAT(row, HasSubstr(std::string("`") + *word + "`"));
     }
-    const std::string defaultValue = *all[i].defaultValue != '\0' ? all[i].defaultValue : "nothing";
+    const std::string defaultValue =
+        *definition.defaultValue != '\0' ? definition.defaultValue : "nothing";
     EXPECT_THAT(row, testing::AnyOf(HasSubstr("| " + defaultValue + " |"),
                                     HasSubstr("| `" + defaultValue + "` |")));
   }

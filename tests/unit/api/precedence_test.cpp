@@ -147,7 +147,7 @@ TEST_F(PreferenceSettings, OfTheCallersProxyAreItsOwn) {
 
 TEST_F(PreferenceSettings, OfNoPreferenceAreNone) {
   const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_THAT(preferences->getSettings(UnknownPreference), IsEmpty());
+  EXPECT_THAT(preferences->getSettings(static_cast<PreferenceId>(1)), IsEmpty());
 }
 
 TEST_F(PreferenceSettings, AnotherValueInALaterProfileIsReportedWithBothPlaces) {

@@ -81,10 +81,8 @@ TEST_F(PreferenceMgrTest, ItCanBeCreatedAgainFromOtherFiles) {
 
 TEST_F(PreferenceMgrTest, WithoutFilesEveryPreferenceHasItsDefault) {
   const ScopedPreferenceMgr preferences(m_sources);
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    EXPECT_EQ(valueOf(preferences, all[i].id), all[i].defaultValue) << all[i].name;
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
+    EXPECT_EQ(valueOf(preferences, definition.id), definition.defaultValue) << definition.name;
   }
   EXPECT_THAT(preferences->getProblems(), IsEmpty());
 }
@@ -132,7 +130,7 @@ TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesGoesBeforeBothFiles) {
 TEST_F(PreferenceMgrTest, ANumberThatIsNoPreferenceIsRefused) {
   const ScopedPreferenceMgr preferences(m_sources);
   std::string value = "untouched";
-  EXPECT_EQ(preferences->getPreferenceValue(UnknownPreference, value),
+  EXPECT_EQ(preferences->getPreferenceValue(static_cast<PreferenceId>(1), value),
             PREFERENCEMGR_ERROR_BAD_PARAMETER);
   EXPECT_EQ(value, "untouched");
 }

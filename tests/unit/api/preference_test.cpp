@@ -33,47 +33,42 @@ TEST(PreferenceBase, TheNumbersThatOtherPartsOfTheClientUseAreFixed) {
   EXPECT_EQ(User, 0);
   EXPECT_EQ(Global, 1);
   EXPECT_EQ(PreferenceBase::PreferenceEnabled, "true");
-  EXPECT_EQ(PreferenceBase::PreferenceDisabled, "false");
   EXPECT_EQ(PreferenceBase::ProxyOverride, "override");
   EXPECT_EQ(PreferenceBase::ProxySystem, "system");
   EXPECT_EQ(PreferenceBase::ProxyNone, "none");
-  EXPECT_EQ(PreferenceBase::RoundTripNetwork, "network");
   EXPECT_EQ(PreferenceBase::RoundTripResponse, "response");
 }
 
 TEST(PreferenceBase, APreferenceIsFoundByExactNameAndByNumber) {
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  ASSERT_EQ(count, 14U);
-  for (std::size_t i = 0; i < count; ++i) {
-    EXPECT_EQ(PreferenceBase::find(all[i].id), &all[i]);
-    EXPECT_EQ(PreferenceBase::find(std::string(all[i].name)), &all[i]);
+  ASSERT_EQ(PreferenceBase::definitions().size(), 14U);
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
+    EXPECT_EQ(PreferenceBase::find(definition.id), &definition);
+    EXPECT_EQ(PreferenceBase::find(std::string(definition.name)), &definition);
   }
   EXPECT_EQ(PreferenceBase::find("proxysettings"), nullptr);
-  EXPECT_EQ(PreferenceBase::find(UnknownPreference), nullptr);
+  EXPECT_EQ(PreferenceBase::find(static_cast<PreferenceId>(1)), nullptr);
 }
 
 TEST(PreferenceBase, DefaultsAreAllowedAndWithinTheirRange) {
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    EXPECT_EQ(PreferenceBase::findError(all[i], all[i].defaultValue), "") << all[i].name;
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
+    EXPECT_EQ(PreferenceBase::findError(definition, definition.defaultValue), "")
+        << definition.name;
     unsigned int number = 0;
-    if (all[i].unit != nullptr && *all[i].defaultValue != '\0') {
-      EXPECT_TRUE(PreferenceBase::parseNumber(all[i], all[i].defaultValue, number)) << all[i].name;
+    if (definition.unit != nullptr && *definition.defaultValue != '\0') {
+      EXPECT_TRUE(PreferenceBase::parseNumber(definition, definition.defaultValue, number))
+          << definition.name;
     }
   }
 }
 
 TEST(PreferenceBase, TheEndsOfARangeAreAllowedAndWhatIsBeyondThemIsNot) {
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    if (all[i].unit != nullptr) {
-      EXPECT_EQ(errorOf(all[i].id, std::to_string(all[i].least)), "") << all[i].name;
-      EXPECT_EQ(errorOf(all[i].id, std::to_string(all[i].most)), "") << all[i].name;
-      EXPECT_NE(errorOf(all[i].id, std::to_string(all[i].least - 1)), "") << all[i].name;
-      EXPECT_NE(errorOf(all[i].id, std::to_string(all[i].most + 1)), "") << all[i].name;
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
+    if (definition.unit != nullptr) {
+      EXPECT_EQ(errorOf(definition.id, std::to_string(definition.least)), "") << definition.name;
+      EXPECT_EQ(errorOf(definition.id, std::to_string(definition.most)), "") << definition.name;
+      EXPECT_NE(errorOf(definition.id, std::to_string(definition.least - 1)), "")
+          << definition.name;
+      EXPECT_NE(errorOf(definition.id, std::to_string(definition.most + 1)), "") << definition.name;
     }
   }
 }

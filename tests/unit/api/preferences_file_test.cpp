@@ -31,19 +31,18 @@ bool isSetHere(const PreferenceBase::Definition& definition) {
 
 TEST_F(PreferencesFileTest, EveryPreferenceOfItsKindIsReadByItsName) {
   std::string inside;
-  std::size_t count = 0;
-  const PreferenceBase::Definition* all = PreferenceBase::definitions(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    if (isSetHere(all[i])) {
-      inside += preferenceElement(all[i].name, all[i].defaultValue);
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
+    if (isSetHere(definition)) {
+      inside += preferenceElement(definition.name, definition.defaultValue);
     }
   }
   const PreferencesReading reading = read(inside);
   EXPECT_TRUE(reading.usable);
   EXPECT_THAT(reading.problems, IsEmpty());
-  for (std::size_t i = 0; i < count; ++i) {
-    EXPECT_EQ(reading.Value(all[i].id), isSetHere(all[i]) ? all[i].defaultValue : "unset")
-        << all[i].name;
+  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
+    EXPECT_EQ(reading.Value(definition.id),
+              isSetHere(definition) ? definition.defaultValue : "unset")
+        << definition.name;
   }
 }
 

@@ -73,7 +73,7 @@ TEST_F(ProfileMgrTest, TheSettingsOfAProfileAreItsPreferences) {
   EXPECT_FALSE(settings.at("on")->isEnabled(EnableAutomaticServerSelection, UserControllable));
   ASSERT_TRUE(settings.at("user")->getPreferences().getPreference(EnableAutomaticServerSelection,
                                                                   preference));
-  EXPECT_EQ(preference->getPreferenceValue(), PreferenceBase::PreferenceDisabled);
+  EXPECT_EQ(preference->getPreferenceValue(), "false");
   EXPECT_TRUE(settings.at("user")->isEnabled(EnableAutomaticServerSelection, UserControllable));
   EXPECT_FALSE(settings.at("without")->getPreferences().getPreference(
       EnableAutomaticServerSelection, preference));

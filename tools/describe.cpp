@@ -149,11 +149,11 @@ int main(int argc, char** argv) {
     std::cerr << "Usage: ahs-describe PAGE\n";
     return 2;
   }
-  CLI::App tool("", "ahs");
-  ChosenCommand unused;
-  const std::vector<std::string> nothing;
-  addCommands(tool, unused, nothing);
   try {
+    CLI::App tool("", "ahs");
+    ChosenCommand unused;
+    const std::vector<std::string> nothing;
+    addCommands(tool, unused, nothing);
     describe(tool, page);
   } catch (const std::exception& error) {
     std::cerr << "ahs-describe: " << error.what() << "\n";

@@ -1,13 +1,12 @@
-// A process that stores without a pause is killed at random moments. Whatever the moment, the cache
-// file is the old one or the new one: it is read without a complaint, has everything of which the
-// process was told that it is there, and what the process has left behind harms nobody.
+// A process that stores without a pause is killed at random moments. Whatever the moment, the file
+// of each selection is the old one or the new one: it is read without a complaint, has what the
+// process was told that it has, and what the process has left half-written is never read.
 //
 // AHS_CACHE_KILLS is how often; 150 unless it is set.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,7 +23,6 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/unit/ahs/resolver_double.h"
-#include "vpn/Api/AHS/CacheDocument.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/PreferenceMgr.h"
 
@@ -50,47 +48,49 @@ struct Told {
 class KilledProcess : public testing::Test {
  protected:
   KilledProcess()
-      : m_file(m_directory.File("selections.xml")),
-        m_told(new (mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                         -1, 0)) Told) {}
+      : m_told(new (mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                         -1, 0)) Told) {
+    setResolverPlace({Place});
+    PreferenceMgr::Sources sources;
+    sources.cacheDirectory = m_directory.Path();
+    EXPECT_EQ(PreferenceMgr::createInstance(sources), 0);
+    Store(SteadyKey, 1);
+  }
   ~KilledProcess() override { munmap(m_told, sizeof(Told)); }
 
-  static CCacheEntry EntryOf(const std::string& key, unsigned int metric) {
+  static void Store(const std::string& key, unsigned int metric) {
     CCacheEntry entry;
     entry.SetKnownHeadends(key);
     for (unsigned int i = 0; i < ResultsOfASelection; ++i) {
       entry.AddHeadend(CHeadendRTT("gateway-" + std::to_string(i) + ".example.com", metric));
     }
-    return entry;
+    CSelectionCache* cache = nullptr;
+    if (CSelectionCache::createSingletonInstance(cache) != 0 || cache->AddEntry(entry) != 0) {
+      _exit(1);
+    }
+    cache->releaseInstance();
   }
 
   /// In the process: stores, until it is killed.
   [[noreturn]] void StoreForEver(unsigned int metric) {
-    setResolverPlace({Place});
-    PreferenceMgr::Sources sources;
-    sources.cacheDirectory = m_file;
-    CSelectionCache* cache = nullptr;
-    if (PreferenceMgr::createInstance(sources) != 0 ||
-        CSelectionCache::createSingletonInstance(cache) != 0) {
-      _exit(1);
-    }
     for (std::size_t i = 0;; i = (i + 1) % KeyCount) {
-      CCacheEntry entry = EntryOf(keyOf(i), ++metric);
-      m_told->begun[i] = metric;
-      if (cache->AddEntry(entry) == 0) {
-        m_told->stored[i] = metric;
-      }
+      m_told->begun[i] = ++metric;
+      Store(keyOf(i), metric);
+      m_told->stored[i] = metric;
     }
   }
 
-  /// The metric of a candidate set in the file; 0 without one.
-  static unsigned int MetricOf(const CacheDocument::Entries& entries, const std::string& key) {
-    const auto found = entries.find(CacheDocument::selectionKey(Place, key));
-    if (found == entries.end()) {
+  /// The metric of a candidate set in its file; 0 without one.
+  unsigned int MetricOf(const std::string& key) {
+    CCacheEntry entry;
+    std::string problem;
+    if (!SelectionFiles::read(m_directory.Path(), std::string(Place) + '\n' + key, entry,
+                              problem)) {
+      EXPECT_EQ(problem, "");
       return 0;
     }
     std::vector<CHeadendRTT> headends;
-    found->second.GetHeadendList(headends);
+    entry.GetHeadendList(headends);
     EXPECT_EQ(headends.size(), ResultsOfASelection);
     std::set<unsigned int> metrics;
     for (const CHeadendRTT& headend : headends) {
@@ -102,43 +102,28 @@ class KilledProcess : public testing::Test {
 
   /// What is there after a kill. @return whether a text under way was left behind.
   bool Check() {
-    CacheDocument::Contents contents;
-    std::string problem;
-    EXPECT_EQ(CacheDocument::parse(readFile(m_file), contents, problem), CacheDocument::Form::Right)
-        << problem;
-    EXPECT_EQ(MetricOf(contents.entries, SteadyKey), 1U);
+    EXPECT_EQ(MetricOf(SteadyKey), 1U);
+    std::size_t there = 1;
     for (std::size_t i = 0; i < KeyCount; ++i) {
-      const unsigned int metric = MetricOf(contents.entries, keyOf(i));
+      const unsigned int metric = MetricOf(keyOf(i));
       EXPECT_GE(metric, m_told->stored[i]) << "what was stored is not there";
       EXPECT_LE(metric, m_told->begun[i]);
+      there += metric != 0 ? 1 : 0;
     }
-    std::set<std::string> names;
+    std::string problem;
+    EXPECT_EQ(SelectionFiles::list(m_directory.Path(), problem).size(), there);
+    EXPECT_EQ(problem, "");
+    bool isLeft = false;
     for (const auto& item : std::filesystem::directory_iterator(m_directory.Path())) {
-      names.insert(item.path().filename().string());
+      if (item.path().extension() != ".xml") {
+        std::filesystem::remove(item.path());  // else the steady one has to make room in the end
+        isLeft = true;
+      }
     }
-    const bool isLeft = std::erase_if(names, [](const std::string& name) {
-                          return name.starts_with("selections.xml.new-");
-                        }) != 0;
-    EXPECT_EQ(names, (std::set<std::string>{"selections.xml", "selections.xml.lock"}));
     return isLeft;
   }
 
-  void WriteSteady() const {
-    setResolverPlace({Place});
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    std::string text =
-        "<selectionCache version=\"2\"><selection place=\"" + std::string(Place) +
-        "\" knownHeadends=\"" + SteadyKey + "\" stored=\"" +
-        std::to_string(std::chrono::duration_cast<std::chrono::seconds>(now).count()) + "\">";
-    for (unsigned int i = 0; i < ResultsOfASelection; ++i) {
-      text += "<headend name=\"gw\" rtt=\"1\"/>";
-    }
-    m_directory.Write("selections.xml", text + "</selection></selectionCache>");
-    ASSERT_EQ(chmod(m_file.c_str(), 0600), 0);
-  }
-
   const TemporaryDirectory m_directory;
-  const std::string m_file;
   Told* const m_told;
 };
 
@@ -149,7 +134,6 @@ unsigned int killsAskedFor() {
 }
 
 TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneAtWhicheverInstant) {
-  WriteSteady();
   const unsigned int kills = killsAskedFor();
   std::mt19937 random(20240229);
   std::uniform_int_distribution<int> delay(0, 30000);

@@ -21,8 +21,6 @@ struct Sweep {
   unsigned int leastHeadends = 0;
   /// Whether the cache's directory is there when a selection begins.
   bool hasCacheDirectory = true;
-  /// Whether what has been selected is in the cache file all the same.
-  bool isStored = false;
 };
 
 /// Selections in a process in which something fails. Whatever it is, the client is called exactly

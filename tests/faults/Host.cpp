@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,13 +26,11 @@
 #include <stdexcept>
 #include <thread>
 
-#include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
-#include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Api/AHS/SelectionFiles.h"
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Api/ProxyIfc.h"
-#include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/Thread.h"
 
 extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
@@ -46,7 +43,7 @@ constexpr unsigned int PatienceSeconds = 60;
 constexpr std::chrono::microseconds PollInterval{200};
 constexpr std::chrono::seconds SettleLimit{30};
 
-constexpr const char* OtherKey = "another-gateway.test;";
+constexpr const char* OtherName = "another-gateway.test";
 constexpr const char* LastHeadendName = "Named";
 
 /// The headends as they are delivered; the last one is known by a name. Written once, before any
@@ -169,6 +166,10 @@ void waitForThreads(unsigned int ours, unsigned int all) {
   }
 }
 
+bool isTheProfiles(const SelectionFiles::Selection& selection) {
+  return selection.entry.GetKnownHeadends().find(headendNames.back() + ";") != std::string::npos;
+}
+
 unsigned int countEntries(const char* path) {
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path), ::closedir);
   unsigned int count = 0;
@@ -205,12 +206,8 @@ Host::Host() : m_down(KnownAddress) {
   WriteConfiguration();
   m_options.sources.profileDirectory = m_directory.File("profiles");
   m_options.sources.userPreferencesFile = m_directory.File("preferences.xml");
-  m_options.sources.cacheDirectory = CacheFile();
+  m_options.sources.cacheDirectory = CacheDirectory();
   m_options.log.file = m_directory.File("selection.log");
-  m_cacheText =
-      "<selectionCache version=\"1\"><selection place=\"nameserver 192.0.2.1\" knownHeadends=\"" +
-      std::string(OtherKey) + "\" stored=\"" + std::to_string(std::time(nullptr)) +
-      "\"><headend name=\"another-gateway.test\" rtt=\"7\"/></selection></selectionCache>";
   watchForDeath();
 }
 
@@ -291,35 +288,48 @@ Outcome Host::Select(const Fault& fault, Probing probing) {
 }
 
 void Host::ResetCache() const {
-  std::filesystem::create_directory(CacheDirectory());
-  m_directory.Write("state/selections.xml", m_cacheText);
-  ::chmod(CacheFile().c_str(), S_IRUSR | S_IWUSR);
+  m_directory.MakeDirectory("state");
+  m_directory.Write("state/selection-1.xml",
+                    "<selection place=\"nameserver 192.0.2.1\" stored=\"" +
+                        std::to_string(std::time(nullptr)) + "\"><candidate name=\"" + OtherName +
+                        "\"/><result name=\"" + OtherName + "\" rtt=\"7\"/></selection>");
+  for (const auto& item : std::filesystem::directory_iterator(CacheDirectory())) {
+    std::string text = readFile(item.path());
+    if (text.find(OtherName) == std::string::npos) {
+      const std::size_t stamp = text.find("stored=\"") + std::strlen("stored=\"");
+      text.replace(stamp, text.find('"', stamp) - stamp, "1");
+      m_directory.Write("state/" + item.path().filename().string(), text);
+    }
+  }
 }
 
 void Host::RemoveCacheDirectory() const { std::filesystem::remove_all(CacheDirectory()); }
 
-bool Host::IsCacheChanged() const { return readFile(CacheFile()) != m_cacheText; }
+bool Host::IsStored() const {
+  std::string problem;
+  return std::ranges::any_of(
+      SelectionFiles::list(CacheDirectory(), problem), [](const auto& selection) {
+        return isTheProfiles(selection) && selection.entry.GetTimestamp() > 1;
+      });
+}
 
 std::string Host::FindCacheFlaw() const {
-  if (!IsCacheChanged()) {
-    return {};
-  }
   std::string flaw;
-  CAppLog::SetListener(
-      [&flaw](const CAppLog::Record& record) { flaw += std::string(record.message) + "\n"; });
-  CSelectionCache* cache = nullptr;
-  std::string selections;
-  if (CSelectionCache::createSingletonInstance(cache) == 0) {
-    selections = cache->toString();
-    cache->releaseInstance();
+  const auto selections = SelectionFiles::list(CacheDirectory(), flaw);
+  const auto others = std::ranges::count_if(selections, [](const auto& selection) {
+    return selection.entry.GetKnownHeadends() == std::string(OtherName) + ";";
+  });
+  if (others != 1) {
+    flaw += " the other selection is missing;";
   }
-  CAppLog::SetListener({});
-  for (const std::string& expected : {std::string(OtherKey), headendNames.back() + ";"}) {
-    if (selections.find(expected) == std::string::npos) {
-      flaw += expected + " is missing\n";
-    }
+  if (others + std::ranges::count_if(selections, isTheProfiles) != std::ssize(selections)) {
+    flaw += " there are strange selections;";
   }
-  return flaw.empty() ? flaw : flaw + readFile(CacheFile());
+  const std::filesystem::directory_iterator files(CacheDirectory());
+  if (std::distance(begin(files), end(files)) != std::ssize(selections)) {
+    flaw += " there are other files;";
+  }
+  return flaw;
 }
 
 unsigned int openDescriptors() { return countEntries("/proc/self/fd"); }

@@ -31,7 +31,7 @@ struct Outcome {
 };
 
 /// A process that selects: gateways of its own on the loopback interface, one of them known by a
-/// name, and one more that is down; a profile and preferences for them, a log file, a cache file.
+/// name, and one more that is down; a profile and preferences for them, a log file, a cache.
 /// Used by one thread, which is exempt from faults.
 ///
 /// A selection that does not end, and a process that dies in one, say which fault was at work.
@@ -57,27 +57,26 @@ class Host {
   /// left. No block of memory that it takes for itself is left either.
   Outcome Select(const Fault& fault, Probing probing);
 
-  /// Puts the cache file back to what it was: one selection, which is not that of the profile.
+  /// Puts the cache back to what it was: one selection, which is not that of the profile, and an
+  /// expired one that is, once it has been selected.
   void ResetCache() const;
-  /// Takes away the directory that the cache file is in.
+  /// Takes away the directory of the cache.
   void RemoveCacheDirectory() const;
 
-  /// Whether the cache file is no longer what it was.
-  bool IsCacheChanged() const;
-  /// What is wrong with the cache file: something, unless it is what it was, or holds that and the
-  /// profile's selection.
+  /// Whether the profile's selection is in the cache.
+  bool IsStored() const;
+  /// What is wrong with the cache: something, unless it is what it was, or holds the profile's
+  /// selection besides.
   std::string FindCacheFlaw() const;
 
  private:
   void WriteConfiguration();
   void StartGateways();
   std::string CacheDirectory() const { return m_directory.File("state"); }
-  std::string CacheFile() const { return CacheDirectory() + "/selections.xml"; }
 
   TemporaryDirectory m_directory;
   std::unique_ptr<ChildProcess> m_gateways;
   RefusingPort m_down;
-  std::string m_cacheText;
   CClientLibrary::Options m_options;
   std::unique_ptr<CClientLibrary> m_library;
   // What there was before the library.

@@ -12,15 +12,12 @@ enum class Call {
   LookUpName,     ///< getaddrinfo
   Allocate,       ///< operator new
   AllocateInC,    ///< malloc, calloc, realloc
-  Open,           ///< open, fopen, opendir
+  Open,           ///< open, mkostemp, fopen, opendir
   Read,           ///< read
   Write,          ///< write, fwrite
   Flush,          ///< fflush
-  Sync,           ///< fsync
   Close,          ///< close, fclose
   Rename,         ///< rename
-  Link,           ///< link
-  Lock,           ///< flock
   MakeDirectory,  ///< mkdir
   LookAt,         ///< stat, lstat, fstat
   ReadResolver,   ///< res_ninit

@@ -10,7 +10,6 @@
 #include <pthread.h>
 #include <resolv.h>
 #include <stdio.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -91,6 +90,11 @@ extern "C" int openat(int directory, const char* path, int flags, ...) {
   return strikes(Call::Open) ? -1 : real(directory, path, flags, mode);
 }
 
+extern "C" int mkostemp(char* path, int flags) {
+  static auto* const real = original<int(char*, int)>("mkostemp");
+  return strikes(Call::Open) ? -1 : real(path, flags);
+}
+
 extern "C" FILE* fopen(const char* path, const char* mode) {
   static auto* const real = original<FILE*(const char*, const char*)>("fopen");
   return strikes(Call::Open) ? nullptr : real(path, mode);
@@ -128,11 +132,6 @@ extern "C" int fflush(FILE* stream) {
   return strikes(Call::Flush) ? EOF : real(stream);
 }
 
-extern "C" int fsync(int descriptor) {
-  static auto* const real = original<int(int)>("fsync");
-  return strikes(Call::Sync) ? -1 : real(descriptor);
-}
-
 extern "C" int close(int descriptor) {
   static auto* const real = original<int(int)>("close");
   const bool fails = strikes(Call::Close);
@@ -156,36 +155,9 @@ extern "C" int rename(const char* from, const char* to) noexcept {
   return strikes(Call::Rename) ? -1 : real(from, to);
 }
 
-extern "C" int renameat(int fromDirectory, const char* from, int toDirectory,
-                        const char* to) noexcept {
-  static auto* const real = original<int(int, const char*, int, const char*)>("renameat");
-  return strikes(Call::Rename) ? -1 : real(fromDirectory, from, toDirectory, to);
-}
-
-extern "C" int link(const char* from, const char* to) noexcept {
-  static auto* const real = original<int(const char*, const char*)>("link");
-  return strikes(Call::Link) ? -1 : real(from, to);
-}
-
-extern "C" int linkat(int fromDirectory, const char* from, int toDirectory, const char* to,
-                      int flags) noexcept {
-  static auto* const real = original<int(int, const char*, int, const char*, int)>("linkat");
-  return strikes(Call::Link) ? -1 : real(fromDirectory, from, toDirectory, to, flags);
-}
-
-extern "C" int flock(int descriptor, int operation) noexcept {
-  static auto* const real = original<int(int, int)>("flock");
-  return strikes(Call::Lock) ? -1 : real(descriptor, operation);
-}
-
 extern "C" int mkdir(const char* path, mode_t mode) noexcept {
   static auto* const real = original<int(const char*, mode_t)>("mkdir");
   return strikes(Call::MakeDirectory) ? -1 : real(path, mode);
-}
-
-extern "C" int mkdirat(int directory, const char* path, mode_t mode) noexcept {
-  static auto* const real = original<int(int, const char*, mode_t)>("mkdirat");
-  return strikes(Call::MakeDirectory) ? -1 : real(directory, path, mode);
 }
 
 extern "C" int stat(const char* path, struct stat* result) noexcept {

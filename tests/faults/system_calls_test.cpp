@@ -40,13 +40,6 @@ Sweep socketCall(Call call, int error, Probing probing = Probing::Plain) {
   return sweep;
 }
 
-/// What is interrupted or done by halves is done in the end.
-Sweep hitch(Call call, int error) {
-  Sweep sweep = file(call, error);
-  sweep.isStored = true;
-  return sweep;
-}
-
 Sweep newDirectory(int error) {
   Sweep sweep = file(Call::MakeDirectory, error);
   sweep.hasCacheDirectory = false;
@@ -67,40 +60,16 @@ TEST_P(SelectionWithoutFiles, CallsThatFailFromAnyOneOnChangeNothing) {
 
 INSTANTIATE_TEST_SUITE_P(
     Ways, SelectionWithoutFiles,
-    testing::Values(Way{"Open", file(Call::Open, EMFILE)}, Way{"Open", file(Call::Open, EACCES)},
-                    Way{"Open", file(Call::Open, ENOSPC)}, Way{"Read", file(Call::Read, EIO)},
-                    Way{"Write", file(Call::Write, ENOSPC)}, Way{"Write", file(Call::Write, EIO)},
-                    Way{"Flush", file(Call::Flush, ENOSPC)}, Way{"Sync", file(Call::Sync, EIO)},
-                    Way{"Close", file(Call::Close, EIO)}, Way{"Rename", file(Call::Rename, EACCES)},
-                    Way{"Rename", file(Call::Rename, ENOSPC)},
-                    Way{"Lock", file(Call::Lock, ENOLCK)},
-                    Way{"MakeDirectory", newDirectory(EACCES)},
-                    Way{"MakeDirectory", newDirectory(ENOSPC)},
-                    Way{"LookAt", file(Call::LookAt, EACCES)},
-                    Way{"ReadResolver", file(Call::ReadResolver, EMFILE)}),
+    testing::Values(
+        Way{"Open", file(Call::Open, EMFILE)}, Way{"Open", file(Call::Open, EACCES)},
+        Way{"Open", file(Call::Open, ENOSPC)}, Way{"Read", file(Call::Read, EIO)},
+        Way{"Write", file(Call::Write, ENOSPC)}, Way{"Write", file(Call::Write, EIO)},
+        Way{"Write", file(Call::Write, Fault::ShortWrite)}, Way{"Flush", file(Call::Flush, ENOSPC)},
+        Way{"Close", file(Call::Close, EIO)}, Way{"Rename", file(Call::Rename, EACCES)},
+        Way{"Rename", file(Call::Rename, ENOSPC)}, Way{"MakeDirectory", newDirectory(EACCES)},
+        Way{"MakeDirectory", newDirectory(ENOSPC)}, Way{"LookAt", file(Call::LookAt, EACCES)},
+        Way{"ReadResolver", file(Call::ReadResolver, EMFILE)}),
     nameOf);
-
-class SelectionWithHitches : public FaultTest, public testing::WithParamInterface<Way> {};
-
-TEST_P(SelectionWithHitches, AnyOneCallThatHasToBeRepeatedIs) { Run(GetParam().sweep); }
-
-INSTANTIATE_TEST_SUITE_P(Ways, SelectionWithHitches,
-                         testing::Values(Way{"Read", hitch(Call::Read, EINTR)},
-                                         Way{"Write", hitch(Call::Write, EINTR)},
-                                         Way{"Write", hitch(Call::Write, Fault::ShortWrite)},
-                                         Way{"Lock", hitch(Call::Lock, EWOULDBLOCK)},
-                                         Way{"Lock", hitch(Call::Lock, EINTR)}),
-                         nameOf);
-
-/// Another process holds the lock for ever: the run that is to be the last of the cache waits for
-/// it longer than others.
-class SelectionBesideAStuckProcess : public FaultTest {};
-
-TEST_F(SelectionBesideAStuckProcess, FromWhicheverAttemptOnTheLockIsNotToBeHadNothingChanges) {
-  Sweep sweep = file(Call::Lock, EWOULDBLOCK);
-  sweep.fault.lasting = true;
-  Run(sweep);
-}
 
 class SelectionWithoutSockets : public FaultTest, public testing::WithParamInterface<Way> {};
 

@@ -301,16 +301,16 @@ TEST(AProxy, MayBeAHostWithoutAPort) {
   }
 }
 
-TEST(TheCache, IsKeptInItsFileBetweenLibraries) {
+TEST(TheCache, IsKeptInItsDirectoryBetweenLibraries) {
   const Gateway gateway;
   const TemporaryDirectory directory;
-  const std::string file = directory.File("cache.xml");
-  const auto withFile = [&](ahs_options& options) { options.cache_directory = file.c_str(); };
-  EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, withFile)).status, AHS_ADDED_TO_CACHE);
-  EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, withFile)).status, AHS_SUCCESS);
+  const std::string path = directory.File("cache");
+  const auto inPath = [&](ahs_options& options) { options.cache_directory = path.c_str(); };
+  EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, inPath)).status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, inPath)).status, AHS_SUCCESS);
 }
 
-TEST(TheCache, IsGoneWithTheLibraryWithoutAFile) {
+TEST(TheCache, IsGoneWithTheLibraryWithoutADirectory) {
   const Gateway gateway;
   EXPECT_EQ(selectOnce(Library({gateway.Address()})).status, AHS_ADDED_TO_CACHE);
   EXPECT_EQ(selectOnce(Library({gateway.Address()})).status, AHS_ADDED_TO_CACHE);

@@ -102,7 +102,7 @@ INSTANTIATE_TEST_SUITE_P(
                    }},
         Difference{"Proxy", [](ahs_options& o) { o.proxy = "127.0.0.1:1"; }},
         Difference{"NoProxyOfItsOwn", [](ahs_options& o) { o.proxy = nullptr; }},
-        Difference{"CacheFile", [](ahs_options& o) { o.cache_directory = "/nowhere/cache"; }},
+        Difference{"CacheDirectory", [](ahs_options& o) { o.cache_directory = "/nowhere/cache"; }},
         Difference{"LogFile", [](ahs_options& o) { o.log_file = "/nowhere/log"; }},
         Difference{"LogLevel", [](ahs_options& o) { o.log_level = AHS_LOG_ERROR; }}),
     [](const auto& instance) { return instance.param.name; });

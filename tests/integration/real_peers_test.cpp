@@ -167,7 +167,7 @@ class RealPeers : public testing::Test {
   }
 
   /// Brings the client library up as a new process would, on these hosts and preferences; what was
-  /// up before is taken down. The selection cache stays in its file.
+  /// up before is taken down. The selection cache stays in its directory.
   void StartClient(const Hosts& hosts, const Preferences& preferences) {
     std::string profile =
         "<profile version=\"1\">\n  <preferences>\n    <preference "
@@ -192,7 +192,7 @@ class RealPeers : public testing::Test {
     options.log.off = true;  // the tests listen
     options.sources.profileDirectory = m_directory.File("profiles");
     options.sources.userPreferencesFile = m_directory.File("preferences.xml");
-    options.sources.cacheDirectory = m_directory.File("cache.xml");
+    options.sources.cacheDirectory = m_directory.File("cache");
     STATUSCODE status = -1;
     m_library = std::make_unique<CClientLibrary>(options, status);
     ASSERT_EQ(0, status);
@@ -205,7 +205,7 @@ class RealPeers : public testing::Test {
   }
 
   /// Lets the next run measure.
-  void ForgetSelections() { std::filesystem::remove(m_directory.File("cache.xml")); }
+  void ForgetSelections() { std::filesystem::remove_all(m_directory.File("cache")); }
 
   const TestCertificates& Certificates() const { return m_certificates; }
 

@@ -174,10 +174,10 @@ TEST_F(PreferenceMgrTest, ThePreferencesOfTheCallerGoBeforeEveryFile) {
   EXPECT_EQ(valueOf(preferences, SelectionImprovement), "33");
 }
 
-TEST_F(PreferenceMgrTest, TheCacheFileIsTheOneOfTheSources) {
-  m_sources.cacheDirectory = "/var/cache/some/file";
+TEST_F(PreferenceMgrTest, TheCacheDirectoryIsTheOneOfTheSources) {
+  m_sources.cacheDirectory = "/var/cache/some";
   const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(preferences->getCacheDirectory(), "/var/cache/some/file");
+  EXPECT_EQ(preferences->getCacheDirectory(), "/var/cache/some");
 }
 
 TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach) {

@@ -35,7 +35,7 @@ TEST_F(SelectOptionsTest, NothingGivenIsAConnectionWithDefaultPlacesAndNoLog) {
   EXPECT_TRUE(plan.log.off);
   EXPECT_EQ(plan.sources.userPreferencesFile, directory.File("config/ahs/preferences.xml"));
   EXPECT_EQ(plan.sources.globalPreferencesFile, "/etc/ahs/preferences.xml");
-  EXPECT_EQ(plan.sources.cacheDirectory, directory.File("cache/ahs/selections.xml"));
+  EXPECT_EQ(plan.sources.cacheDirectory, directory.File("cache/ahs"));
 }
 
 TEST_F(SelectOptionsTest, TheUsersProfilesComeBeforeTheSystems) {
@@ -140,7 +140,7 @@ TEST_F(SelectOptionsTest, AFileThatAnotherUserCouldHaveWrittenIsRefusedUnlessFil
   EXPECT_TRUE(plan.sources.trustFiles);
 }
 
-TEST_F(SelectOptionsTest, NoCacheMeansNoFile) {
+TEST_F(SelectOptionsTest, NoCacheMeansNoDirectory) {
   options.noCache = true;
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.sources.cacheDirectory, "");
@@ -148,10 +148,10 @@ TEST_F(SelectOptionsTest, NoCacheMeansNoFile) {
   EXPECT_THAT(make(), HasSubstr("exclude each other"));
 }
 
-TEST_F(SelectOptionsTest, ACacheDirectoryHoldsTheCacheFile) {
+TEST_F(SelectOptionsTest, ANamedCacheDirectoryIsTheCaches) {
   options.cacheDirectory = directory.Path();
   EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.sources.cacheDirectory, directory.File("selections.xml"));
+  EXPECT_EQ(plan.sources.cacheDirectory, directory.Path());
 }
 
 TEST_F(SelectOptionsTest, ALevelAloneLogsToStandardError) {

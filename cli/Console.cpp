@@ -80,3 +80,5 @@ void Console::note(const std::string& text) {
 std::string Console::visible(const std::string& text) {
   return ConfigurationText::oneLine(text, std::numeric_limits<std::size_t>::max());
 }
+
+std::string Console::inQuotes(const std::string& text) { return "'" + visible(text) + "'"; }

@@ -41,4 +41,7 @@ class Console {
   /// or separate lines, and of what is not UTF-8. So nothing that came from a file or a network can
   /// move the cursor, colour a terminal or show a name as another; other UTF-8 is left as it is.
   static std::string visible(const std::string& text);
+
+  /// The same between apostrophes.
+  static std::string inQuotes(const std::string& text);
 };

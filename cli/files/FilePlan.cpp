@@ -10,26 +10,26 @@
 
 namespace {
 
-std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
-
 std::string takeProfiles(const FileOptions& options, const DefaultPaths& paths, FilePlan& plan) {
   if (options.profiles) {
     const std::string error = findDirectoryError(*options.profiles);
     if (!error.empty()) {
-      return "the profile directory " + inQuotes(*options.profiles) + " cannot be used: " + error +
+      return "the profile directory " + Console::inQuotes(*options.profiles) +
+             " cannot be used: " + error +
              ". Name a directory that holds profiles with --profiles, or leave the option out.";
     }
     plan.sources.profileDirectory = *options.profiles;
-    plan.profilePlaces = inQuotes(*options.profiles);
+    plan.profilePlaces = Console::inQuotes(*options.profiles);
     return "";
   }
   std::error_code ignored;
   const bool hasUserProfiles =
       !paths.userProfiles.empty() && std::filesystem::exists(paths.userProfiles, ignored);
   plan.sources.profileDirectory = hasUserProfiles ? paths.userProfiles : paths.systemProfiles;
-  plan.profilePlaces = inQuotes(plan.sources.profileDirectory);
+  plan.profilePlaces = Console::inQuotes(plan.sources.profileDirectory);
   if (!hasUserProfiles && !paths.userProfiles.empty()) {
-    plan.profilePlaces = inQuotes(paths.userProfiles) + " and " + inQuotes(paths.systemProfiles);
+    plan.profilePlaces =
+        Console::inQuotes(paths.userProfiles) + " and " + Console::inQuotes(paths.systemProfiles);
   }
   return "";
 }
@@ -43,7 +43,7 @@ std::string takePreferences(const std::optional<std::string>& given, const std::
   }
   const std::string error = findFileError(*given);
   if (!error.empty()) {
-    return "the preferences file " + inQuotes(*given) + " cannot be used: " + error +
+    return "the preferences file " + Console::inQuotes(*given) + " cannot be used: " + error +
            ". Name a file that exists with " + option + ", or leave the option out.";
   }
   path = *given;
@@ -56,8 +56,8 @@ std::string takePreferences(const std::optional<std::string>& given, const std::
   for (const FileProblem& problem : found) {
     problems.push_back(Console::visible(problem.toString()));
   }
-  return "the preferences file " + inQuotes(*given) + " cannot be used. Mend it, or leave out " +
-         option + ".";
+  return "the preferences file " + Console::inQuotes(*given) +
+         " cannot be used. Mend it, or leave out " + option + ".";
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ std::string takeHost(const std::string& host, const std::vector<HostEntry>& entr
   const std::string address = entry == nullptr ? host : entry->address;
   const std::string error = address.empty() ? "it is empty." : URL::findError(address);
   if (!error.empty()) {
-    return "the host " + inQuotes(address) + " cannot be used: " + error +
+    return "the host " + Console::inQuotes(address) + " cannot be used: " + error +
            " Name a host entry of the profiles, or a host: a name, an IPv4 address or an IPv6 "
            "address in brackets, with an optional port: gw.example.com, 192.0.2.7:8443, "
            "[2001:db8::7].";

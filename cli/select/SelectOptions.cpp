@@ -12,15 +12,13 @@
 
 namespace {
 
-std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
-
 // A headend measured twice would only keep itself busy, so a name that comes again is dropped.
 std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHeadend>& headends) {
   std::set<std::string> seen;
   for (const std::string& host : hosts) {
     const std::string error = host.empty() ? "it is empty." : URL::findError(host);
     if (!error.empty()) {
-      return "the host " + inQuotes(host) + " cannot be used: " + error +
+      return "the host " + Console::inQuotes(host) + " cannot be used: " + error +
              " A host is a name, an IPv4 address or an IPv6 address in brackets, with an optional "
              "port: gw.example.com, 192.0.2.7:8443, [2001:db8::7].";
     }
@@ -53,7 +51,7 @@ std::string takeCache(const SelectOptions& options, const DefaultPaths& paths, S
     directory = *options.cacheDirectory;
     const std::string error = findDirectoryError(directory);
     if (!error.empty()) {
-      return "the cache directory " + inQuotes(directory) + " cannot be used: " + error +
+      return "the cache directory " + Console::inQuotes(directory) + " cannot be used: " + error +
              ". Create it, name another one with --cache-dir, or use --no-cache.";
     }
   }
@@ -70,7 +68,8 @@ std::string takeLog(const SelectOptions& options, CAppLog::Targets& log) {
   } else if (level == "info") {
     log.leastImportant = Logging::DBG_Info;
   } else if (level != "off") {
-    return "there is no log level " + inQuotes(level) + ". Use error, warning, info or off.";
+    return "there is no log level " + Console::inQuotes(level) +
+           ". Use error, warning, info or off.";
   }
   if (options.logFile && options.logFile->empty()) {
     return "--log-file needs the name of a file.";
@@ -105,8 +104,8 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   }
   const std::optional<unsigned int> reason = parseReason(options.reason.value_or("connection"));
   if (!reason) {
-    return "there is no reason " + inQuotes(*options.reason) + ". Use one of " + reasonNames() +
-           ", or its number from 0 to 5.";
+    return "there is no reason " + Console::inQuotes(*options.reason) + ". Use one of " +
+           reasonNames() + ", or its number from 0 to 5.";
   }
   plan.reason = *reason;
   std::string error = takeLog(options, plan.log);

@@ -28,7 +28,7 @@
 #include <system_error>
 #include <utility>
 
-#include "vpn/Api/ConfigurationText.h"
+#include "vpn/Api/ConfigurationBytes.h"
 #include "vpn/Api/FileTrust.h"
 #include "vpn/Api/XmlScope.h"
 
@@ -124,7 +124,7 @@ bool readSelection(const fs::path& file, Selection& selection, std::string& prob
   std::string wrong = "is not a regular file of the user's own";
   // Root's files are trusted elsewhere, and so are links; here nobody else has put any.
   if (S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
-    wrong = ConfigurationText::readRegularFile(file, SelectionFiles::MaxSize, Check::Private, text);
+    wrong = ConfigurationBytes::readRegularFile(file, SelectionFiles::MaxSize, Check::Private, text);
   }
   const bool isRead = wrong.empty() && SelectionFiles::parse(text, selection, wrong);
   problem = isRead ? problem : file.string() + " " + wrong;
@@ -245,7 +245,7 @@ std::size_t SelectionFiles::clear(const std::string& directory, std::string& pro
 }
 
 bool SelectionFiles::parse(const std::string& text, Selection& selection, std::string& problem) {
-  problem = ConfigurationText::findByteProblem(text).text;
+  problem = ConfigurationBytes::findByteProblem(text).text;
   if (problem.empty() && text.find("<!") != std::string::npos) {
     problem = "has a declaration or a comment";
   }

@@ -10,10 +10,10 @@
 #include <utility>
 
 #include "capi/SocketWay.h"
+#include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionThread.h"
-#include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/include/StringUtils.h"

@@ -27,8 +27,6 @@ bool hasControlCharacter(std::string_view text) {
   });
 }
 
-std::string inQuotes(const std::string& text) { return "'" + Console::visible(text) + "'"; }
-
 // Reads to the end, or as much as fits. -1 and errno on failure.
 ssize_t readToEnd(int descriptor, SecretBuffer& buffer) {
   std::size_t length = 0;
@@ -137,7 +135,7 @@ std::string findPasswordError(const Secret& password) {
 }
 
 std::string readPasswordFile(const std::string& path, Secret& password) {
-  const std::string name = "the password file " + inQuotes(path) + " cannot be used: ";
+  const std::string name = "the password file " + Console::inQuotes(path) + " cannot be used: ";
   const FileTrust::Descriptor file(openPasswordFile(path));
   if (file.get() < 0) {
     return name + openingFault(errno);

@@ -33,9 +33,9 @@ Json summaryAsJson(const std::vector<EndedProbe>& probes) {
           {"lossPercent", lossPercent(sent, samples.size())},
           {"network", spreadAsJson(spreadOf(probes, &HttpProbe::Report::networkRttUs))},
           {"response", spreadAsJson(spreadOf(probes, &HttpProbe::Report::responseRttUs))},
-          {"metricMs", samples.empty()
-                           ? Json(nullptr)
-                           : Json(SelectionRules::metricOfSamples(samples, static_cast<unsigned int>(sent)))}};
+          {"metricMs", samples.empty() ? Json(nullptr)
+                                       : Json(SelectionRules::metricOfSamples(
+                                             samples, static_cast<unsigned int>(sent)))}};
 }
 
 Json selectionAsJson(const ProbePlan& plan, const WorkerView& view) {

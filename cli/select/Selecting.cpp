@@ -20,8 +20,8 @@
 #include "cli/show/LiveTable.h"
 #include "cli/show/Reasons.h"
 #include "cli/show/StatusWords.h"
-#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/CacheEntry.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/StringUtils.h"
 

@@ -165,9 +165,9 @@ struct Options {
   /// "host" or "host:port"; "" for none; nullopt: the preferences decide, whose default is the
   /// system's proxy.
   std::optional<std::string> proxy{};
-  std::string cacheDirectory{};  ///< keeps selections between processes; empty: until the end
-  std::string logFile{};    ///< rotated at 4 MiB
-  LogLevel logLevel = LogLevel::Info;              ///< least important that is logged
+  std::string cacheDirectory{};        ///< keeps selections between processes; empty: until the end
+  std::string logFile{};               ///< rotated at 4 MiB
+  LogLevel logLevel = LogLevel::Info;  ///< least important that is logged
   std::function<void(const LogMessage&)> onLog{};  ///< hears what is logged
   bool ownLoop = false;  ///< callbacks come inside Library::dispatch() alone
 };

@@ -124,7 +124,8 @@ bool readSelection(const fs::path& file, Selection& selection, std::string& prob
   std::string wrong = "is not a regular file of the user's own";
   // Root's files are trusted elsewhere, and so are links; here nobody else has put any.
   if (S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
-    wrong = ConfigurationBytes::readRegularFile(file, SelectionFiles::MaxSize, Check::Private, text);
+    wrong =
+        ConfigurationBytes::readRegularFile(file, SelectionFiles::MaxSize, Check::Private, text);
   }
   const bool isRead = wrong.empty() && SelectionFiles::parse(text, selection, wrong);
   problem = isRead ? problem : file.string() + " " + wrong;

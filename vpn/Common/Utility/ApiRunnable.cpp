@@ -15,6 +15,8 @@ ApiRunnable::ApiRunnable(const ApiRunnable& other) : CCountedLife(other) {
 
 ApiRunnable::~ApiRunnable() { CReserveThread::RemoveHolder(); }
 
+void ApiRunnable::leave() noexcept { CCountedLife::leave(); }
+
 void ApiRunnable::leaveWithoutWaiting() noexcept {
   if (!isLastOut() || startDetachedThread(destroyerEntry, this, DefaultStackSize) == 0) {
     return;

@@ -15,6 +15,9 @@ class ApiRunnable : public CCountedLife<ApiRunnable> {
   /// Does the task, once. It may delete the object.
   virtual void run() = 0;
 
+  /// Gives up a hold, once for each `enter`. The last one destroys the object on this thread.
+  void leave() noexcept;
+
   /// As `leave`, for a thread that must not be held up by what a destructor waits for: the last
   /// hold destroys the object on another thread (on this one only if not even the one in reserve
   /// can be had).

@@ -174,6 +174,12 @@ void CThread::KeepAlive(ApiRunnable& task) { m_pKeptAlive = &task; }
 
 void CThread::UseReserve() { m_usesReserve = true; }
 
+void* CThread::operator new(std::size_t size) { return CCountedLife::operator new(size); }
+
+void CThread::operator delete(void* memory) noexcept { CCountedLife::operator delete(memory); }
+
+void CThread::operator delete(CThread* object, std::destroying_delete_t) { giveUp(object); }
+
 unsigned int CThread::RunningCount() noexcept {
   return runningThreads.load(std::memory_order_acquire);
 }

@@ -86,8 +86,9 @@ class CThread : public IRunnable, public CCountedLife<CThread> {
   /// Threads are deleted, not destroyed: logs an error and does nothing.
   void Destroy() override;
 
-  using CCountedLife::operator delete;
-  static void operator delete(CThread* object, std::destroying_delete_t) { giveUp(object); }
+  static void* operator new(std::size_t size);
+  static void operator delete(void* memory) noexcept;
+  static void operator delete(CThread* object, std::destroying_delete_t);
 
   /// Threads of this class that exist in the process now, for tests and diagnosis. A thread counts
   /// until it has touched its object for the last time.

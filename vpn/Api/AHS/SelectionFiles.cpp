@@ -10,6 +10,7 @@
 
 #include "vpn/Api/AHS/SelectionFiles.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <libxml/xmlreader.h>
@@ -139,15 +140,16 @@ using UsedFile = std::pair<std::chrono::sys_time<fs::file_time_type::duration>, 
 /// beside it; those used last first.
 std::vector<UsedFile> filesIn(const std::string& directory) {
   std::vector<UsedFile> files;
-  std::error_code error;
-  for (fs::directory_iterator item(directory, error); !error && item != fs::directory_iterator();
-       item.increment(error)) {
-    const std::string name = item->path().filename();
+  // Not std::filesystem::directory_iterator: where memory is short, it ends the process.
+  const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(directory.c_str()), &closedir);
+  while (const dirent* const item = opened == nullptr ? nullptr : readdir(opened.get())) {
+    const std::string name = item->d_name;
     if (name.starts_with("selection-") || name.starts_with("selections.xml")) {
+      const fs::path file = fs::path(directory) / name;
       std::error_code missing;
-      const auto used = fs::file_time_type::clock::to_sys(item->last_write_time(missing));
+      const auto used = fs::file_time_type::clock::to_sys(fs::last_write_time(file, missing));
       const bool isPast = !missing && used <= std::chrono::system_clock::now();
-      files.emplace_back(isPast ? used : decltype(used){}, item->path());
+      files.emplace_back(isPast ? used : decltype(used){}, file);
     }
   }
   std::ranges::sort(files, std::ranges::greater());

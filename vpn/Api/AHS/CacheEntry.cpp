@@ -5,6 +5,8 @@
 
 #include "vpn/include/StringUtils.h"
 
+CCacheEntry::CCacheEntry(const CCacheEntry& other) = default;
+
 STATUSCODE CCacheEntry::GetHeadendList(std::vector<CHeadendRTT>& headendList) const {
   headendList = m_headendList;
   return 0;

@@ -13,6 +13,11 @@
 class CCacheEntry {
  public:
   CCacheEntry() = default;
+  CCacheEntry(const CCacheEntry& other);
+  CCacheEntry(CCacheEntry&& other) = default;
+  CCacheEntry& operator=(const CCacheEntry& other) = default;
+  CCacheEntry& operator=(CCacheEntry&& other) = default;
+  ~CCacheEntry() = default;
   /// An entry with these results, without time stamp and key.
   explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList) : m_headendList(headendList) {}
 

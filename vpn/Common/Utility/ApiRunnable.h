@@ -24,7 +24,7 @@ class ApiRunnable : public CCountedLife<ApiRunnable> {
   void leaveWithoutWaiting() noexcept;
 
   using CCountedLife::operator delete;
-  static void operator delete(ApiRunnable* object, std::destroying_delete_t) { giveUp(object); }
+  static void operator delete(ApiRunnable* object, std::destroying_delete_t);
 
  protected:
   ApiRunnable(const ApiRunnable& other);

@@ -85,6 +85,10 @@ asan tsan debug clang: deps-test ## Build and run all tests: sanitizers, no opti
 lint: deps-lint ## Check formatting, clang's warnings and lock annotations, clang-tidy, shell scripts
 	tools/lint.sh $(JOBS)
 
+.PHONY: figures
+figures: ## Print the weight of the house: lines by room, the cache, circles, longest functions
+	tools/figures.sh
+
 .PHONY: bench
 bench: deps-bench release ## Measure, side by side with named peers (needs the right to make namespaces)
 	bench/run.sh build/release

@@ -15,9 +15,7 @@ ApiRunnable::ApiRunnable(const ApiRunnable& other) : CCountedLife(other) {
 
 ApiRunnable::~ApiRunnable() { CReserveThread::RemoveHolder(); }
 
-void ApiRunnable::operator delete(ApiRunnable* object, std::destroying_delete_t) {
-  giveUp(object);
-}
+void ApiRunnable::operator delete(ApiRunnable* object, std::destroying_delete_t) { giveUp(object); }
 
 void ApiRunnable::leave() noexcept { CCountedLife::leave(); }
 

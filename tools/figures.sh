@@ -1,0 +1,44 @@
+#!/bin/bash
+# Prints the weight of the house: lines by room, the files of the cache, tests to product, words of the
+# docs, circles of includes, and the longest functions. Counts what git knows; blank lines and
+# comments count, because they cost their reader too.
+# Usage: figures.sh [FUNCTIONS]   how many of the longest functions are listed (10)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+functions=${1:-10}
+
+lines() { git ls-files -- "$@" | xargs -r -d '\n' cat | wc -l; } # lines PATHSPEC...
+
+echo "Lines by room"
+product=0
+for room in vpn/include vpn/Common/Logging vpn/Common/Utility vpn/Common/IP ':(glob)vpn/Api/*' vpn/Api/schema \
+  vpn/Api/AHS vpn/CMakeLists.txt capi include ':(glob)cli/*' $(git ls-files 'cli/*/*' | cut -d/ -f1,2 | sort -u); do
+  count=$(lines "$room")
+  product=$((product + count))
+  printf '%7d  %s\n' "$count" "${room#:(glob)}"
+done
+tests=$(lines tests)
+printf '%7d  product\n%7d  tests (%s to one line of product)\n' "$product" "$tests" \
+  "$(awk "BEGIN { printf \"%.2f\", $tests / $product }")"
+
+echo "Files of the cache"
+cache=(vpn/Api/AHS/{SelectionCache,SelectionFiles,CacheEntry,ResolverPlace}.{h,cpp})
+wc -l "${cache[@]}" | sed 's/^/ /'
+
+echo "Words of the docs"
+printf '%7d  docs/*.md\n' "$(git ls-files ':(glob)docs/*.md' | xargs cat | wc -w)"
+
+echo "Circles of includes"
+tools/circles.sh || true
+
+echo "Longest functions"
+# shellcheck disable=SC2016 # awk expands it
+git ls-files 'vpn/*.cpp' 'capi/*.cpp' 'cli/*.cpp' | xargs awk '
+  FNR == 1 { start = 0 }
+  # clang-format puts the end of a function, and of nothing else that begins with a signature, at the
+  # column where the signature begins.
+  /^[A-Za-z_~].*\) *(const|noexcept|override| )*\{$/ || /^ {4,}.*\) *(const|noexcept)* *\{$/ && wrapped { start = FNR; name = wrapped ? head : $0; sub(/\(.*/, "", name) }
+  /^[A-Za-z_~][^;{}]*[(,]?$/ && !/^(namespace|class|struct|enum|public|private|protected)/ { wrapped = 1; head = $0 }
+  /^\}/ { if (start) printf "%7d  %s:%d  %s\n", FNR - start + 1, FILENAME, start, name; start = 0; wrapped = 0 }
+  /^$/ { wrapped = 0 }
+' | sort -rn | head -n "$functions"

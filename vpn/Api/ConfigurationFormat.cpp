@@ -18,7 +18,7 @@ using ConfigurationText::quoted;
 // As much of an element's name as a message shows, in bytes.
 constexpr std::size_t MaxElementLength = 80;
 
-const auto named(const auto& rules, const std::string& name) {
+auto named(const auto& rules, const std::string& name) {
   const auto found =
       std::ranges::find_if(rules, [&](const auto& rule) { return rule.name == name; });
   return found != rules.end() ? &*found : nullptr;

@@ -29,7 +29,7 @@ struct CacheOptions {
 
 // The path of the cache directory; empty after a complaint.
 std::string findDirectory(const CacheOptions& options) {
-  const std::string directory = options.cacheDirectory.value_or(defaultPaths().cacheDirectory);
+  std::string directory = options.cacheDirectory.value_or(defaultPaths().cacheDirectory);
   if (directory.empty()) {
     Console::complain(
         options.cacheDirectory

@@ -135,12 +135,4 @@ TEST_F(SelectionCacheMemory, AStoreAndAReleaseThatCannotBeMadeLoseNoOtherSelecti
   EXPECT_TRUE(has("gw-b;"));
 }
 
-TEST_F(SelectionCacheMemory, ItsTextIsEmptyWithoutMemory) {
-  const CacheHold cache;
-  CCacheEntry entry = entryOf("gw-a;", {{"gw-a-with-a-long-name", 40}});
-  cache->AddEntry(entry);
-  const ShortMemory memory(0);
-  EXPECT_EQ(cache->toString().size(), 0U);
-}
-
 }  // namespace tests

@@ -96,16 +96,12 @@ STATUSCODE CSelectionCache::buildCacheFromPrefs() {
 
 std::string CSelectionCache::toString() {
   const CAutoLockT<CManualLock> lock(m_lock);
-  try {
-    std::string text;
-    for (const auto& [key, entry] : m_cache) {
-      text +=
-          "at " + CStringUtils::printable(key.substr(0, key.find('\n'))) + ": " + entry.toString();
-    }
-    return text;
-  } catch (const std::exception&) {
-    return std::string();
+  std::string text;
+  for (const auto& [key, entry] : m_cache) {
+    text +=
+        "at " + CStringUtils::printable(key.substr(0, key.find('\n'))) + ": " + entry.toString();
   }
+  return text;
 }
 
 bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
@@ -152,13 +148,12 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
     return HEADENDSELECTION_ERROR_BAD_PARAMETER;
   }
   try {
-    const auto record = SelectionRecord::Current();
-    if (record != nullptr) {
+    if (const auto record = SelectionRecord::Current(); record != nullptr) {
       record->NoteEntry(entry);
-    }
-    // Who is cancelled has measured some of the headends, and the nearest may not be among them.
-    if (record != nullptr && record->IsCancelled()) {
-      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
+      // Who is cancelled has measured some headends, and the nearest may not be among them.
+      if (record->IsCancelled()) {
+        return HEADENDSELECTION_ERROR_CACHE_FAILURE;
+      }
     }
     std::vector<std::string> place;
     const STATUSCODE status = calculateKey(place);
@@ -232,14 +227,10 @@ void CSelectionCache::storeAttribute(SaxWriterIfc* pWriter, const std::string& n
 
 void CSelectionCache::splitString(const std::string& text, const std::string& separators,
                                   std::vector<std::string>& parts) {
-  std::size_t begin = 0;
-  for (;;) {
-    const std::size_t end = text.find_first_of(separators, begin);
+  std::size_t end = 0;
+  for (std::size_t begin = 0; end != std::string::npos; begin = end + 1) {
+    end = text.find_first_of(separators, begin);
     parts.push_back(text.substr(begin, end - begin));
-    if (end == std::string::npos) {
-      return;
-    }
-    begin = end + 1;
   }
 }
 

@@ -21,7 +21,7 @@ class SaxWriterIfc;
 /// search domains that the resolver uses, and the way that the probes leave the machine) until the
 /// clear-cache time of the settings has passed. At most `SelectionFiles::MaxFiles` selections are
 /// kept; those used longest ago go first. What is wrong with a file costs one warning a process
-/// and never a selection. No operation throws.
+/// and never a selection. No operation throws but `toString`, for want of memory.
 ///
 /// A store keeps its selection in memory. The next `releaseInstance` of anyone writes the file, so
 /// a process holds an acquisition while it is up, and its client waits for no writing. What cannot
@@ -43,8 +43,7 @@ class CSelectionCache {
   /// acquisition. The last one destroys the instance.
   void releaseInstance();
 
-  /// The selections that the directory does not have yet, for people: for each its place, then its
-  /// entry. Empty when memory is short.
+  /// The selections that the directory does not have yet, for people: place and entry of each.
   std::string toString();
 
   /// Looks a candidate set up at the present place; waits for the disk to read one file. The

@@ -5,8 +5,7 @@
 // as a file, which goes when 64 others were used after it.
 //
 // The directory and what leads to it are looked at first; nobody but the user and root can change
-// them afterwards. A text is read with libxml2's pull parser: the first thing that the format does
-// not have ends the reading.
+// them afterwards.
 
 #include "vpn/Api/AHS/SelectionFiles.h"
 
@@ -36,6 +35,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using ConfigurationBytes::readRegularFile;
 using FileTrust::Check;
 using SelectionFiles::Selection;
 
@@ -61,7 +61,8 @@ bool takeNumber(xmlTextReader& reader, const char* name, NumberT& number) {
 
 /// @param candidates is appended to. @return whether the element belongs where it stands.
 bool takeElement(xmlTextReader& reader, Selection& selection, std::string& candidates) {
-  const std::string_view element(reinterpret_cast<const char*>(xmlTextReaderConstName(&reader)));
+  const auto* const tag = reinterpret_cast<const char*>(xmlTextReaderConstName(&reader));
+  const std::string_view element(tag != nullptr ? tag : "");
   const int attributes = xmlTextReaderAttributeCount(&reader);
   if (xmlTextReaderDepth(&reader) == 0) {
     unsigned long stored = 0;
@@ -101,16 +102,17 @@ fs::path fileOf(const std::string& directory, const std::string& key) {
   return fs::path(directory) / ("selection-" + std::to_string(hash) + ".xml");
 }
 
-std::string failure(const std::string& what, const std::string& path, int error) {
-  return "cannot " + what + " " + path + ": " + std::generic_category().message(error);
+std::string failure(const char* what, const fs::path& path) {
+  return what + path.string() + ": " + std::generic_category().message(errno);
 }
 
-/// Whether the directory is there and may be used.
-bool isUsable(const std::string& directory, std::string& problem) {
+/// Whether the directory is there and may be used. @param isMade makes it if it is missing.
+bool isUsable(const std::string& directory, bool isMade, std::string& problem) {
   FileTrust::Descriptor opened;
   FileTrust::Refusal refusal;
-  const bool isOpen = FileTrust::openDirectory(directory, Check::Private, opened, refusal);
-  if (!isOpen && refusal.error != ENOENT && refusal.error != ENOTDIR) {
+  const bool isOpen = (!isMade || FileTrust::makeDirectory(directory, refusal)) &&
+                      FileTrust::openDirectory(directory, Check::Private, opened, refusal);
+  if (!isOpen && (isMade || (refusal.error != ENOENT && refusal.error != ENOTDIR))) {
     problem = "the directory " + directory + " " + refusal.text;
   }
   return isOpen;
@@ -122,12 +124,10 @@ bool readSelection(const fs::path& file, Selection& selection, std::string& prob
     return false;
   }
   std::string text;
-  std::string wrong = "is not a regular file of the user's own";
   // Root's files are trusted elsewhere, and so are links; here nobody else has put any.
-  if (S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
-    wrong =
-        ConfigurationBytes::readRegularFile(file, SelectionFiles::MaxSize, Check::Private, text);
-  }
+  std::string wrong = S_ISREG(status.st_mode) && status.st_uid == geteuid()
+                          ? readRegularFile(file, SelectionFiles::MaxSize, Check::Private, text)
+                          : "is not a regular file of the user's own";
   const bool isRead = wrong.empty() && SelectionFiles::parse(text, selection, wrong);
   problem = isRead ? problem : file.string() + " " + wrong;
   return isRead;
@@ -137,11 +137,13 @@ bool readSelection(const fs::path& file, Selection& selection, std::string& prob
 using UsedFile = std::pair<std::chrono::sys_time<fs::file_time_type::duration>, fs::path>;
 
 /// The files of selections, and the one that former versions kept all selections in with what stood
-/// beside it; those used last first.
-std::vector<UsedFile> filesIn(const std::string& directory) {
+/// beside it; those used last first. None in a directory that may not be used.
+std::vector<UsedFile> filesIn(const std::string& directory, std::string& problem) {
   std::vector<UsedFile> files;
+  const bool isThere = isUsable(directory, false, problem);
   // Not std::filesystem::directory_iterator: where memory is short, it ends the process.
-  const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(directory.c_str()), &closedir);
+  const std::unique_ptr<DIR, int (*)(DIR*)> opened(isThere ? opendir(directory.c_str()) : nullptr,
+                                                   &closedir);
   while (const dirent* const item = opened == nullptr ? nullptr : readdir(opened.get())) {
     const std::string name = item->d_name;
     if (name.starts_with("selection-") || name.starts_with("selections.xml")) {
@@ -176,7 +178,7 @@ bool SelectionFiles::read(const std::string& directory, const std::string& key, 
                           std::string& problem) {
   const fs::path file = fileOf(directory, key);
   Selection found;
-  if (!isUsable(directory, problem) || !readSelection(file, found, problem) ||
+  if (!isUsable(directory, false, problem) || !readSelection(file, found, problem) ||
       keyOf(found) != key) {
     return false;
   }
@@ -193,9 +195,7 @@ bool SelectionFiles::write(const std::string& directory, const Selection& select
     problem = "it is too large for a file, or its names are no text";
     return false;
   }
-  FileTrust::Refusal refusal;
-  if (!FileTrust::makeDirectory(directory, refusal) || !isUsable(directory, problem)) {
-    problem = refusal.text.empty() ? problem : "the directory " + directory + " " + refusal.text;
+  if (!isUsable(directory, true, problem)) {
     return false;
   }
   std::string temporary = file.string() + ".new-XXXXXX";
@@ -206,11 +206,11 @@ bool SelectionFiles::write(const std::string& directory, const Selection& select
   // A file system may report a full disk as late as at the closing.
   if (stream == nullptr || fclose(stream) != 0 || !isComplete ||
       rename(temporary.c_str(), file.c_str()) != 0) {
-    problem = failure("write", file, errno);
+    problem = failure("cannot write ", file);
     unlink(temporary.c_str());
     return false;
   }
-  const std::vector<UsedFile> files = filesIn(directory);
+  const std::vector<UsedFile> files = filesIn(directory, problem);
   for (std::size_t i = MaxFiles; i < files.size(); ++i) {
     unlink(files[i].second.c_str());
   }
@@ -224,8 +224,7 @@ void SelectionFiles::noteUse(const std::string& directory, const std::string& ke
 
 std::vector<Selection> SelectionFiles::list(const std::string& directory, std::string& problem) {
   std::vector<Selection> selections;
-  const bool isThere = isUsable(directory, problem);
-  for (const auto& [used, file] : isThere ? filesIn(directory) : std::vector<UsedFile>()) {
+  for (const auto& [used, file] : filesIn(directory, problem)) {
     Selection selection;
     const bool isOurs = file.filename().string().starts_with("selection-");
     if (isOurs && file.extension() == ".xml" && readSelection(file, selection, problem)) {
@@ -238,11 +237,10 @@ std::vector<Selection> SelectionFiles::list(const std::string& directory, std::s
 
 std::size_t SelectionFiles::clear(const std::string& directory, std::string& problem) {
   std::size_t removed = 0;
-  const bool isThere = isUsable(directory, problem);
-  for (const auto& item : isThere ? filesIn(directory) : std::vector<UsedFile>()) {
+  for (const auto& item : filesIn(directory, problem)) {
     const bool isGone = unlink(item.second.c_str()) == 0;
     removed += isGone ? 1 : 0;
-    problem = isGone ? problem : failure("remove", item.second, errno);
+    problem = isGone ? problem : failure("cannot remove ", item.second);
   }
   return removed;
 }

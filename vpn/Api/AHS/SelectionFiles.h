@@ -32,8 +32,7 @@ struct Selection {
   std::chrono::sys_seconds used{};
 };
 
-/// A place in one line: its parts sorted, each once, one blank apart. So their order does not
-/// count.
+/// A place in one line: its parts sorted, each once, so that their order does not count.
 std::string placeText(std::vector<std::string> place);
 
 /// The key of a selection among all: its place, a line feed, its candidate set.

@@ -201,9 +201,11 @@ TEST_F(SelectionCacheFile, ThatIsNotUnderstoodCostsOneWarningAndIsReplacedByTheN
 }
 
 TEST_F(SelectionCacheFile, OfAnotherSelectionUnderItsNameIsAMiss) {
-  const std::string text = read(fileOf("gw-a;"));
+  std::string text = read(fileOf("gw-a;"));
   write(fileOf("gw-b;"), text);
   EXPECT_FALSE(has("gw-b;"));
+  write(fileOf("gw-a;"), text.replace(text.find("home.test"), 9, "work.test"));
+  EXPECT_FALSE(has("gw-a;"));
 }
 
 TEST_F(SelectionCacheFile, WhatAKilledProcessHasLeftIsNeverReadAndGoesInItsTurn) {

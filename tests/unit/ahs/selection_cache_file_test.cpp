@@ -213,6 +213,8 @@ TEST_F(SelectionCacheFile, WhatAKilledProcessHasLeftIsNeverReadAndGoesInItsTurn)
   const std::string left = fileOf("gw-a;") + ".new-abcdef";
   ASSERT_EQ(rename(fileOf("gw-a;").c_str(), left.c_str()), 0);
   EXPECT_FALSE(has("gw-a;"));
+  std::string problem;
+  EXPECT_THAT(SelectionFiles::list(m_directory, problem), IsEmpty());
   for (std::size_t i = 0; i < SelectionFiles::MaxFiles; ++i) {
     store(std::to_string(i) + ";");
   }

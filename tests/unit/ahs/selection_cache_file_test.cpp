@@ -323,6 +323,21 @@ TEST_F(SelectionCacheFile, WhatIsNoFileOfTheUsersOwnIsRefusedWithoutWaiting) {
   EXPECT_EQ(read(m_directory + "/target"), "precious");
 }
 
+TEST_F(SelectionCacheFile, OfRootInADirectoryOfTheUserIsRefused) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can leave a file there";
+  }
+  ASSERT_EQ(chmod(fileOf("gw-a;").c_str(), 0644), 0);
+  ASSERT_EQ(chown(m_directory.c_str(), Nobody, Nobody), 0);
+  EXPECT_EQ(inProcess([] {
+              if (setresuid(Nobody, Nobody, Nobody) != 0) {
+                return 1;
+              }
+              return has("gw-a;") ? 2 : 0;
+            }),
+            0);
+}
+
 TEST_F(SelectionCacheFile, AnEmptyLinkIsNotFollowedByAStore) {
   const std::string file = fileOf("gw-a;");
   write(m_directory + "/target", "precious");

@@ -7,6 +7,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "vpn/Api/AHS/SelectionRules.h"
+
 namespace {
 
 static_assert(std::is_same_v<uint32_t, unsigned int>, "samples are handed out as they are stored");
@@ -17,10 +19,10 @@ const char* const nothing = "";
 std::string addressOf(const HeadendResult& headend) {
   std::string address;
   for (const HttpProbe::Report& probe : headend.probes) {
-    if (!probe.address.empty() && (address.empty() || !SelectionRecord::isSample(probe.status))) {
+    if (!probe.address.empty() && (address.empty() || !SelectionRules::isSample(probe.status))) {
       address = probe.address;
     }
-    if (SelectionRecord::isSample(probe.status) && !probe.address.empty()) {
+    if (SelectionRules::isSample(probe.status) && !probe.address.empty()) {
       return probe.address;
     }
   }

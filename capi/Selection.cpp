@@ -13,6 +13,7 @@
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/AHS/SelectionThread.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
@@ -297,7 +298,7 @@ void Selection::noteProbe(const HttpProbe::Report& report, bool ended) {
     return;
   }
   (ended ? m_probesEnded : m_probesStarted) += 1;
-  if (ended && SelectionRecord::isSample(report.status)) {
+  if (ended && SelectionRules::isSample(report.status)) {
     m_answered.insert(&*candidate);
   }
   probe.probes_started = m_probesStarted;

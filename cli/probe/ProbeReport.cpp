@@ -32,7 +32,7 @@ std::string place(const ProbePlan& plan) { return Console::visible(candidateWith
 std::string answerInWords(const HttpProbe::Report& report) {
   const SelectionRecord::Track track{1, {report}};
   const std::string outcome =
-      outcomeName(outcomeOf(&track, SelectionRecord::isSample(report.status), false));
+      outcomeName(outcomeOf(&track, SelectionRules::isSample(report.status), false));
   return report.httpStatus == 0 ? outcome : outcome + ", HTTP " + std::to_string(report.httpStatus);
 }
 
@@ -230,7 +230,7 @@ std::string probeHeading(const ProbePlan& plan) {
 std::string probeLine(const EndedProbe& probe, std::size_t index) {
   const HttpProbe::Report& report = probe.report;
   const std::string worth =
-      SelectionRecord::isSample(report.status) ? std::to_string(report.rttMs) + " ms" : "no sample";
+      SelectionRules::isSample(report.status) ? std::to_string(report.rttMs) + " ms" : "no sample";
   char number[32];
   snprintf(number, sizeof number, "%4zu. ", index + 1);
   return number + worth + "  " + answerInWords(report) + "  " + timesInWords(report) + "  " +

@@ -29,7 +29,7 @@ EndedProbe asSent(const EndedProbe& probe, const ProbePlan& plan, Worker& worker
   const auto took = std::chrono::microseconds(probe.report.totalUs);
   EndedProbe own = probe;
   if (plan.timeout > plan.selectionTimeout && took > plan.selectionTimeout) {
-    worker.view.lateAnswers += SelectionRecord::isSample(probe.report.status) ? 1 : 0;
+    worker.view.lateAnswers += SelectionRules::isSample(probe.report.status) ? 1 : 0;
     worker.saved += std::chrono::floor<milliseconds>(took - plan.selectionTimeout);
     own.report.status = HTTP_SESSION_ERROR_TIMEOUT;
     own.report.rttMs = 0;

@@ -4,6 +4,7 @@
 
 #include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 
 Json millisecondsAsJson(long long microseconds) {
   constexpr double MicrosecondsPerMillisecond = 1000.0;
@@ -13,7 +14,7 @@ Json millisecondsAsJson(long long microseconds) {
 
 Json probeAsJson(const HttpProbe::Report& probe) {
   return {{"status", statusAsHex(probe.status)},
-          {"rttMs", SelectionRecord::isSample(probe.status) ? Json(probe.rttMs) : Json(nullptr)},
+          {"rttMs", SelectionRules::isSample(probe.status) ? Json(probe.rttMs) : Json(nullptr)},
           {"httpStatus", probe.httpStatus == 0 ? Json(nullptr) : Json(probe.httpStatus)},
           {"address", probe.address.empty() ? Json(nullptr) : Json(probe.address)},
           {"reused", probe.reused},

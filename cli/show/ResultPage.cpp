@@ -9,6 +9,7 @@
 #include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {
 
@@ -42,7 +43,7 @@ std::string milliseconds(long long microseconds) {
 const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
   const HttpProbe::Report* nearest = nullptr;
   for (const HttpProbe::Report& probe : headend.probes) {
-    if (SelectionRecord::isSample(probe.status) &&
+    if (SelectionRules::isSample(probe.status) &&
         (nearest == nullptr || probe.rttMs < nearest->rttMs)) {
       nearest = &probe;
     }

@@ -124,7 +124,7 @@ void requireRightBytes(const std::string& text) {
   REQUIRE(problem.place.line <=
           1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')));
   REQUIRE(isPrintableAscii(problem.text));
-  const bool isFit = tests::isUtf8(text) && !ConfigurationText::isBlank(text);
+  const bool isFit = tests::isUtf8(text) && !CStringUtils::trimmed(text).empty();
   REQUIRE(problem.text.empty() ? isFit : !isFit || text.size() > ConfigurationBytes::MaxTagLength);
 }
 

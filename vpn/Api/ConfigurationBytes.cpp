@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include "vpn/Api/ConfigurationText.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
@@ -132,7 +131,7 @@ ConfigurationBytes::Place ConfigurationBytes::PlaceFinder::placeOf(std::size_t o
 }
 
 ConfigurationBytes::ByteProblem ConfigurationBytes::findByteProblem(std::string_view contents) {
-  if (ConfigurationText::isBlank(contents)) {
+  if (CStringUtils::trimmed(contents).empty()) {
     return {{}, "is empty"};
   }
   PlaceFinder places(contents);

@@ -8,10 +8,10 @@
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/Preference.h"
 #include "vpn/Common/Utility/NearestName.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
-using ConfigurationText::isBlank;
 using ConfigurationText::oneLine;
 using ConfigurationText::quoted;
 
@@ -118,7 +118,7 @@ const ElementRule& ConfigurationFormat::rootOf(ConfigurationKind kind) {
 bool ConfigurationFormat::isAllowed(const ElementRule::Attribute& attribute,
                                     const std::string& value) {
   if (attribute.isHostName) {
-    return !isBlank(value) && oneLine(value, MaxHostNameLength) == value;
+    return !CStringUtils::trimmed(value).empty() && oneLine(value, MaxHostNameLength) == value;
   }
   return attribute.words.empty() || std::ranges::count(attribute.words, value) != 0;
 }

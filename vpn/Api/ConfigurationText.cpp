@@ -14,10 +14,6 @@ constexpr std::size_t MaxQuotedLength = 80;
 
 }  // namespace
 
-bool ConfigurationText::isBlank(std::string_view text) {
-  return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
 std::string ConfigurationText::oneLine(const std::string& text, std::size_t maxLength) {
   // Escaped before it is cut: an escape is longer than what it stands for.
   std::string line;

@@ -2,13 +2,9 @@
 
 #include <cstddef>
 #include <string>
-#include <string_view>
 
 /// The words of messages that quote a file or a caller. Any thread may call these.
 namespace ConfigurationText {
-
-/// Whether nothing but spaces, tabs and line ends is there.
-bool isBlank(std::string_view text);
 
 /// A file's own text fit for one line of a message: letters of all languages stay, what is no
 /// letter a reader could see becomes \xNN, and what exceeds `maxLength` bytes is cut and marked.

@@ -11,10 +11,10 @@
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/XmlDocument.h"
 #include "vpn/Common/Utility/NearestName.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
-using ConfigurationText::isBlank;
 using ConfigurationText::oneLine;
 using ConfigurationText::quoted;
 
@@ -23,12 +23,6 @@ constexpr std::size_t MaxSentenceLength = 400;
 
 // Longest path in a message, in bytes: PATH_MAX of Linux.
 constexpr std::size_t MaxPathLength = 4096;
-
-std::string trimmed(const std::string& text) {
-  const std::size_t begin = text.find_first_not_of(" \t\r\n");
-  const std::size_t end = text.find_last_not_of(" \t\r\n");
-  return begin == std::string::npos ? std::string() : text.substr(begin, end - begin + 1);
-}
 
 /// Reads one file. Used by one thread, once.
 class FileReader : private XmlDocument {
@@ -128,12 +122,14 @@ void FileReader::end() {
 }
 
 void FileReader::text(const std::string& found) {
-  if (m_textReported || isBlank(found) || m_open.empty() || m_open.back() == nullptr) {
+  if (m_textReported || CStringUtils::trimmed(found).empty() || m_open.empty() ||
+      m_open.back() == nullptr) {
     return;
   }
   m_textReported = true;
   const std::string& element = m_open.back()->name;
-  report(placeOfText(), "text inside <" + element + "> is ignored: " + quoted(trimmed(found)) +
+  report(placeOfText(), "text inside <" + element +
+                            "> is ignored: " + quoted(std::string(CStringUtils::trimmed(found))) +
                             (element == "host" ? abandonHost() : ""));
 }
 
@@ -266,7 +262,7 @@ void FileReader::readHost(const Attributes& attributes) {
   const Place here = placeOfTag();
   ProfileFile::Host host{valueOf(attributes, "name"), valueOf(attributes, "address"), here.line,
                          here.column};
-  if (isBlank(host.address)) {
+  if (CStringUtils::trimmed(host.address).empty()) {
     host.address.clear();
   }
   if (!m_wrong.empty()) {

@@ -4,6 +4,7 @@
 
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -72,13 +73,13 @@ TEST(SelectionRecord, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {
 }
 
 TEST(SelectionRecord, EveryStatusThatAServerCausedIsASample) {
-  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_SUCCESS));
-  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE));
-  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED));
-  EXPECT_TRUE(SelectionRecord::isSample(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
-  EXPECT_TRUE(SelectionRecord::isSample(HEADENDSELECTION_ERROR_UNKNOWN));
-  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_CONNECT));
-  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_CANNOT_CONNECT));
-  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_TIMEOUT));
-  EXPECT_FALSE(SelectionRecord::isSample(HTTP_SESSION_ERROR_DNS_RESOLUTION));
+  EXPECT_TRUE(SelectionRules::isSample(HTTP_SESSION_SUCCESS));
+  EXPECT_TRUE(SelectionRules::isSample(HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE));
+  EXPECT_TRUE(SelectionRules::isSample(HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED));
+  EXPECT_TRUE(SelectionRules::isSample(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
+  EXPECT_TRUE(SelectionRules::isSample(HEADENDSELECTION_ERROR_UNKNOWN));
+  EXPECT_FALSE(SelectionRules::isSample(HTTP_SESSION_ERROR_CONNECT));
+  EXPECT_FALSE(SelectionRules::isSample(HTTP_SESSION_ERROR_CANNOT_CONNECT));
+  EXPECT_FALSE(SelectionRules::isSample(HTTP_SESSION_ERROR_TIMEOUT));
+  EXPECT_FALSE(SelectionRules::isSample(HTTP_SESSION_ERROR_DNS_RESOLUTION));
 }

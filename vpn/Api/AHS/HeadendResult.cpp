@@ -15,7 +15,7 @@ namespace {
 HeadendOutcome outcomeOfMeasured(const SelectionRecord::Track& track) {
   const auto last = std::find_if(
       track.ended.rbegin(), track.ended.rend(),
-      [](const HttpProbe::Report& report) { return SelectionRecord::isSample(report.status); });
+      [](const HttpProbe::Report& report) { return SelectionRules::isSample(report.status); });
   return outcomeOfStatus(last == track.ended.rend() ? HTTP_SESSION_SUCCESS : last->status);
 }
 
@@ -117,8 +117,7 @@ HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bo
     return HeadendOutcome::NoAnswerInTime;
   }
   const STATUSCODE last = track->ended.back().status;
-  return SelectionRecord::isSample(last) ? HeadendOutcome::NotFinishedInTime
-                                         : outcomeOfStatus(last);
+  return SelectionRules::isSample(last) ? HeadendOutcome::NotFinishedInTime : outcomeOfStatus(last);
 }
 
 std::vector<HeadendResult> collectResults(const std::vector<std::string>& headends,

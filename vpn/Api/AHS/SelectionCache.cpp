@@ -123,7 +123,9 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
     } else if (!isInFile) {
       return false;
     }
-    m_used.insert(selectionKey);
+    if (!m_directory.empty()) {
+      m_used.insert(selectionKey);
+    }
     if (record != nullptr) {
       record->NoteEntry(found);
     }

@@ -12,7 +12,7 @@ namespace {
 
 bool hasAnswered(const SelectionRecord::Track& track) {
   return std::any_of(track.ended.begin(), track.ended.end(), [](const HttpProbe::Report& report) {
-    return SelectionRecord::isSample(report.status);
+    return SelectionRules::isSample(report.status);
   });
 }
 
@@ -21,8 +21,6 @@ bool hasAnswered(const SelectionRecord::Track& track) {
 SelectionRecord::SelectionRecord() = default;
 
 SelectionRecord::~SelectionRecord() = default;
-
-bool SelectionRecord::isSample(STATUSCODE status) { return SelectionRules::isSample(status); }
 
 bool SelectionRecord::isTestProbe(const HttpProbe::Report& report) {
   return (report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;
@@ -49,7 +47,7 @@ void SelectionRecord::ProbeEnded(const HttpProbe::Report& report) {
     }
     return;
   }
-  const bool isFirstAnswer = isSample(report.status) && !hasAnswered(track);
+  const bool isFirstAnswer = SelectionRules::isSample(report.status) && !hasAnswered(track);
   track.ended.push_back(report);
   ++m_progress.probesEnded;
   m_progress.placesAnswered += isFirstAnswer ? 1 : 0;

@@ -58,10 +58,6 @@ class SelectionRecord : public ProbeTask {
   Progress progress() const;
   std::map<Place, Track> tracks() const;
 
-  /// Whether a probe that ended with this status tells a round-trip time: a refusal that came from
-  /// the server is as good a measurement as a welcome.
-  static bool isSample(STATUSCODE status);
-
   /// Whether a probe tests the way through a proxy and measures no headend.
   static bool isTestProbe(const HttpProbe::Report& report);
 

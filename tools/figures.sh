@@ -1,6 +1,6 @@
 #!/bin/bash
 # Prints the weight of the house: lines by room, the files of the cache, tests to product, words of the
-# docs, circles of includes, and the longest functions. Counts what git knows; blank lines and
+# docs, circles of includes, the forms of an address, and the longest functions. Counts what git knows; blank lines and
 # comments count, because they cost their reader too.
 # Usage: figures.sh [FUNCTIONS]   how many of the longest functions are listed (10)
 set -euo pipefail
@@ -30,6 +30,17 @@ printf '%7d  docs/*.md\n' "$(git ls-files ':(glob)docs/*.md' | xargs cat | wc -w
 
 echo "Circles of includes"
 tools/circles.sh || true
+
+echo "Forms of a headend's address, from profile to callback"
+form() { # form MEANING FILE DECLARATION: fails when the declaration has moved
+  printf '%7s  %s, %s\n' "" "$1" "$(git grep -n --fixed-strings "$3" -- "$2" | head -n 1 | cut -d: -f1,2 | grep .)"
+}
+form "the profile's text" vpn/Api/ProfileFile.h "std::string address"
+form "URL" vpn/Api/HostProfile.h "const URL& getUrl()"
+form "place: host and port, of a probe" vpn/Api/AHS/Candidates.h "using Place"
+form "headend: host, or host:port, as delivered" vpn/Api/AHS/HeadendRTT.h "std::string GetHeadend()"
+echo "Parses of an address on that way"
+git grep -nE '\bURL( url)?\((reached|address|SelectionRules::addressOf)' -- vpn/Api | sed 's/^/         /'
 
 echo "Longest functions"
 # shellcheck disable=SC2016 # awk expands it

@@ -17,14 +17,14 @@
 
 namespace {
 
-constexpr int kUsage = 2;
+constexpr int Usage = 2;
 
 /// How often the threads are counted. A selection has all of its own for more than ten times as
 /// long.
-constexpr timespec kBetweenCounts{0, 10'000'000};
+constexpr timespec BetweenCounts{0, 10'000'000};
 
 /// The threads of a process; 0 when it is gone.
-unsigned int CountThreads(pid_t process) {
+unsigned int countThreads(pid_t process) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   std::string word;
   unsigned int count = 0;
@@ -34,35 +34,35 @@ unsigned int CountThreads(pid_t process) {
   return count;
 }
 
-double Milliseconds(const timeval& time) {
+double milliseconds(const timeval& time) {
   return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
 }
 
-int Measure(const std::string& reportFile, const simulator::Launch& launch) {
+int measure(const std::string& reportFile, const simulator::Launch& launch) {
   sigset_t childEnds;
   sigemptyset(&childEnds);
   sigaddset(&childEnds, SIGCHLD);
   sigprocmask(SIG_BLOCK, &childEnds, nullptr);
 
   const auto start = std::chrono::steady_clock::now();
-  const pid_t command = simulator::Start(launch);
+  const pid_t command = simulator::start(launch);
   unsigned int mostThreads = 1;
   int status = 0;
   rusage usage{};
   // Ends with the command, which the caller bounds.
   while (wait4(command, &status, WNOHANG, &usage) == 0) {
-    mostThreads = std::max(mostThreads, CountThreads(command));
-    sigtimedwait(&childEnds, nullptr, &kBetweenCounts);
+    mostThreads = std::max(mostThreads, countThreads(command));
+    sigtimedwait(&childEnds, nullptr, &BetweenCounts);
   }
   const std::chrono::duration<double, std::milli> elapsed =
       std::chrono::steady_clock::now() - start;
 
   std::ofstream report(reportFile);
   report << "{\"elapsedMs\": " << elapsed.count()
-         << ", \"userMs\": " << Milliseconds(usage.ru_utime)
-         << ", \"systemMs\": " << Milliseconds(usage.ru_stime)
+         << ", \"userMs\": " << milliseconds(usage.ru_utime)
+         << ", \"systemMs\": " << milliseconds(usage.ru_stime)
          << ", \"peakKib\": " << usage.ru_maxrss << ", \"threads\": " << mostThreads << "}\n";
-  return report.flush() ? simulator::ExitStatus(status) : simulator::kExitOwnFailure;
+  return report.flush() ? simulator::exitStatus(status) : simulator::ExitOwnFailure;
 }
 
 }  // namespace
@@ -70,15 +70,15 @@ int Measure(const std::string& reportFile, const simulator::Launch& launch) {
 int main(int argc, char** argv) {
   if (argc < 3) {
     std::cerr << "usage: bench-measure REPORT-FILE COMMAND [ARGUMENT...]\n";
-    return kUsage;
+    return Usage;
   }
-  if (!simulator::EndWithParent()) return simulator::kExitOwnFailure;
+  if (!simulator::endWithParent()) return simulator::ExitOwnFailure;
   simulator::Launch launch;
   launch.arguments.assign(argv + 2, argv + argc);
   try {
-    return Measure(argv[1], launch);
+    return measure(argv[1], launch);
   } catch (const std::exception& error) {
     std::cerr << "bench-measure: " << error.what() << '\n';
-    return simulator::kExitOwnFailure;
+    return simulator::ExitOwnFailure;
   }
 }

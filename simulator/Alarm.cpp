@@ -14,7 +14,7 @@ Alarm::Alarm() : m_timer(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOE
   if (!m_timer) throw std::system_error(errno, std::generic_category(), "timerfd_create");
 }
 
-void Alarm::Set(std::optional<Clock::time_point> moment) {
+void Alarm::set(std::optional<Clock::time_point> moment) {
   if (moment == m_moment) return;
   m_moment = moment;
   itimerspec timer{};
@@ -25,12 +25,12 @@ void Alarm::Set(std::optional<Clock::time_point> moment) {
     timer.it_value.tv_nsec =
         std::chrono::duration_cast<std::chrono::nanoseconds>(sinceStart - seconds).count();
   }
-  timerfd_settime(m_timer.Get(), TFD_TIMER_ABSTIME, &timer, nullptr);
+  timerfd_settime(m_timer.get(), TFD_TIMER_ABSTIME, &timer, nullptr);
 }
 
-void Alarm::Acknowledge() {
+void Alarm::acknowledge() {
   std::uint64_t expirations = 0;
-  if (read(m_timer.Get(), &expirations, sizeof expirations) > 0) m_moment.reset();
+  if (::read(m_timer.get(), &expirations, sizeof expirations) > 0) m_moment.reset();
 }
 
 }  // namespace simulator

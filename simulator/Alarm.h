@@ -18,12 +18,12 @@ class Alarm {
   Alarm();
 
   /// Sets the moment, or none. Setting the same again costs nothing.
-  void Set(std::optional<Clock::time_point> moment);
+  void set(std::optional<Clock::time_point> moment);
 
   /// Makes the file unreadable again until the next moment that is set.
-  void Acknowledge();
+  void acknowledge();
 
-  int Fd() const { return m_timer.Get(); }
+  int fd() const { return m_timer.get(); }
 
  private:
   FileDescriptor m_timer;

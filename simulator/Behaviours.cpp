@@ -16,44 +16,44 @@ using Acts = Behaviour::Acts;
 using Afterwards = Behaviour::Afterwards;
 using Door = Behaviour::Door;
 
-std::string Response(const Request& request, std::string_view status, std::string_view text) {
+std::string response(const Request& request, std::string_view status, std::string_view text) {
   const std::string body = "<html><head><title>" + std::string(text) + "</title></head><body>" +
                            std::string(text) + "</body></html>\r\n";
   std::string response = "HTTP/1.1 " + std::string(status) +
                          "\r\nServer: gateway\r\nContent-Type: text/html\r\nContent-Length: " +
                          std::to_string(body.size()) +
-                         "\r\nConnection: " + (EndsConnection(request) ? "close" : "keep-alive") +
+                         "\r\nConnection: " + (endsConnection(request) ? "close" : "keep-alive") +
                          "\r\n\r\n";
   if (!request.head.starts_with("HEAD ")) response += body;
   return response;
 }
 
 /// A web server's: a page within TLS, a complaint about a plain request.
-std::string WebAnswer(const Request& request) {
-  return request.secure ? Response(request, "200 OK", "Gateway")
-                        : Response(request, "400 Bad Request",
+std::string webAnswer(const Request& request) {
+  return request.secure ? response(request, "200 OK", "Gateway")
+                        : response(request, "400 Bad Request",
                                    "The plain HTTP request was sent to HTTPS port");
 }
 
-std::optional<Piece> WholeAnswer(const Request& request, std::size_t index) {
+std::optional<Piece> wholeAnswer(const Request& request, std::size_t index) {
   if (index > 0) return {};
-  return Piece{WebAnswer(request), {}};
+  return Piece{webAnswer(request), {}};
 }
 
 /// Reader's patience is what this one is about: each byte is in time, the answer never is.
-std::optional<Piece> OneByteASecond(const Request& request, std::size_t index) {
-  const std::string answer = WebAnswer(request);
+std::optional<Piece> oneByteASecond(const Request& request, std::size_t index) {
+  const std::string answer = webAnswer(request);
   if (index >= answer.size()) return {};
   return Piece{answer.substr(index, 1), std::chrono::seconds(index == 0 ? 0 : 1)};
 }
 
 /// Neither HTTP nor TLS. Fixed bytes, so that a failure can be repeated.
-std::optional<Piece> Garbage(const Request&, std::size_t index) {
-  constexpr std::size_t kLength = 512;
+std::optional<Piece> garbage(const Request&, std::size_t index) {
+  constexpr std::size_t Length = 512;
   if (index > 0) return {};
   std::string bytes;
   unsigned int state = 0x9E3779B9;
-  while (bytes.size() < kLength) {
+  while (bytes.size() < Length) {
     state = state * 1664525 + 1013904223;
     bytes += static_cast<char>(state >> 24);
   }
@@ -61,54 +61,54 @@ std::optional<Piece> Garbage(const Request&, std::size_t index) {
 }
 
 /// The same again and again, in pieces large enough to fill a connection.
-std::string Repeated(std::string_view unit) {
-  constexpr std::size_t kPieceBytes = 64UL * 1024;
+std::string repeated(std::string_view unit) {
+  constexpr std::size_t PieceBytes = 64UL * 1024;
   std::string text;
-  text.reserve(kPieceBytes + unit.size());
-  while (text.size() < kPieceBytes) text += unit;
+  text.reserve(PieceBytes + unit.size());
+  while (text.size() < PieceBytes) text += unit;
   return text;
 }
 
 /// A fatal "protocol version", which is all that a TLS server has to say to those who speak none.
-std::optional<Piece> TlsAlert(const Request&, std::size_t index) {
+std::optional<Piece> tlsAlert(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{std::string("\x15\x03\x01\x00\x02\x02\x46", 7), {}};
 }
 
 /// Long enough for the first piece to arrive on its own.
-constexpr std::chrono::milliseconds kMidway{50};
+constexpr std::chrono::milliseconds Midway{50};
 
 /// The beginning of a head, which arrives, and no more.
-std::optional<Piece> BeginningOfAHead(const Request&, std::size_t index) {
+std::optional<Piece> beginningOfAHead(const Request&, std::size_t index) {
   if (index > 1) return {};
-  return index == 0 ? Piece{"HTTP/1.1 200 OK\r\nServer: gate", {}} : Piece{{}, kMidway};
+  return index == 0 ? Piece{"HTTP/1.1 200 OK\r\nServer: gate", {}} : Piece{{}, Midway};
 }
 
-std::optional<Piece> EndlessHeaders(const Request&, std::size_t index) {
-  static const std::string kLines = Repeated("X-Header: some value or other\r\n");
-  return Piece{index == 0 ? "HTTP/1.1 200 OK\r\n" : kLines, {}};
+std::optional<Piece> endlessHeaders(const Request&, std::size_t index) {
+  static const std::string lines = repeated("X-Header: some value or other\r\n");
+  return Piece{index == 0 ? "HTTP/1.1 200 OK\r\n" : lines, {}};
 }
 
-std::optional<Piece> LongHeader(const Request&, std::size_t index) {
-  static const std::string kPart = Repeated("x");
-  constexpr std::size_t kParts = 160;  // 10 MiB
+std::optional<Piece> longHeader(const Request&, std::size_t index) {
+  static const std::string part = repeated("x");
+  constexpr std::size_t Parts = 160;  // 10 MiB
   if (index == 0) return Piece{"HTTP/1.1 200 OK\r\nX-Long: ", {}};
-  if (index <= kParts) return Piece{kPart, {}};
-  if (index == kParts + 1) return Piece{"\r\nContent-Length: 0\r\n\r\n", {}};
+  if (index <= Parts) return Piece{part, {}};
+  if (index == Parts + 1) return Piece{"\r\nContent-Length: 0\r\n\r\n", {}};
   return {};
 }
 
-std::optional<Piece> EndlessBody(const Request&, std::size_t index) {
-  static const std::string kPart = Repeated("All work and no play makes a dull gateway.\n");
-  return Piece{index == 0 ? "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n" : kPart, {}};
+std::optional<Piece> endlessBody(const Request&, std::size_t index) {
+  static const std::string part = repeated("All work and no play makes a dull gateway.\n");
+  return Piece{index == 0 ? "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n\r\n" : part, {}};
 }
 
-std::optional<Piece> InterimFlood(const Request&, std::size_t) {
-  static const std::string kFlood = Repeated("HTTP/1.1 100 Continue\r\n\r\n");
-  return Piece{kFlood, {}};
+std::optional<Piece> interimFlood(const Request&, std::size_t) {
+  static const std::string flood = repeated("HTTP/1.1 100 Continue\r\n\r\n");
+  return Piece{flood, {}};
 }
 
-std::string CompressedHead(std::string_view coding) {
+std::string compressedHead(std::string_view coding) {
   return "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Encoding: " + std::string(coding) +
          "\r\n\r\n";
 }
@@ -116,59 +116,59 @@ std::string CompressedHead(std::string_view coding) {
 /// A stream of the compression format DEFLATE (RFC 1951) that never ends and expands to zeros, 159
 /// times as many: one block with the fixed codes, in which one zero is followed by repetitions of
 /// the last byte, 258 times each. A repetition is 13 bits, so that 13 bytes hold eight.
-std::string DeflatedZeros(std::size_t index) {
-  constexpr std::string_view kStart = "01000110000";  // not the last block, fixed codes; a zero
-  constexpr std::string_view kRepetition = "1100010100000";
-  constexpr std::size_t kBytes = 13UL * 4096;
-  std::string bytes(kBytes, '\0');
-  const std::size_t firstBit = index * kBytes * 8;
-  for (std::size_t i = 0; i < kBytes * 8; ++i) {
+std::string deflatedZeros(std::size_t index) {
+  constexpr std::string_view Start = "01000110000";  // not the last block, fixed codes; a zero
+  constexpr std::string_view Repetition = "1100010100000";
+  constexpr std::size_t Bytes = 13UL * 4096;
+  std::string bytes(Bytes, '\0');
+  const std::size_t firstBit = index * Bytes * 8;
+  for (std::size_t i = 0; i < Bytes * 8; ++i) {
     const std::size_t at = firstBit + i;
     const char bit =
-        at < kStart.size() ? kStart[at] : kRepetition[(at - kStart.size()) % kRepetition.size()];
+        at < Start.size() ? Start[at] : Repetition[(at - Start.size()) % Repetition.size()];
     if (bit == '1') bytes[i / 8] = static_cast<char>(bytes[i / 8] | (1 << (i % 8)));
   }
   return bytes;
 }
 
-std::optional<Piece> DeflateBomb(std::string_view coding, std::string_view start,
+std::optional<Piece> deflateBomb(std::string_view coding, std::string_view start,
                                  std::size_t index) {
-  static const std::string kFirst = DeflatedZeros(0);
-  static const std::string kOthers = DeflatedZeros(1);
-  if (index > 1) return Piece{kOthers, {}};
-  return Piece{index == 0 ? CompressedHead(coding) : std::string(start) + kFirst, {}};
+  static const std::string first = deflatedZeros(0);
+  static const std::string others = deflatedZeros(1);
+  if (index > 1) return Piece{others, {}};
+  return Piece{index == 0 ? compressedHead(coding) : std::string(start) + first, {}};
 }
 
-std::optional<Piece> GzipBomb(const Request&, std::size_t index) {
-  return DeflateBomb("gzip", {"\x1F\x8B\x08\0\0\0\0\0\0\xFF", 10}, index);
+std::optional<Piece> gzipBomb(const Request&, std::size_t index) {
+  return deflateBomb("gzip", {"\x1F\x8B\x08\0\0\0\0\0\0\xFF", 10}, index);
 }
 
-std::optional<Piece> ZlibBomb(const Request&, std::size_t index) {
-  return DeflateBomb("deflate", "\x78\x9C", index);
+std::optional<Piece> zlibBomb(const Request&, std::size_t index) {
+  return deflateBomb("deflate", "\x78\x9C", index);
 }
 
 /// As the encoder of RFC 7932's authors writes zeros that are flushed every 16 MiB.
-std::optional<Piece> BrotliBomb(const Request&, std::size_t index) {
-  constexpr std::string_view kFirstZeros(
+std::optional<Piece> brotliBomb(const Request&, std::size_t index) {
+  constexpr std::string_view FirstZeros(
       "\xCB\xFF\xFF\x3F\x00\x24\x00\xE2\xB1\x40\x72\xEF\xFF\xF8\xFF\xFF\x07\x80\x04\x40\x1C\x16"
       "\x80\xEE\xFD\x9F\x01",
       27);
-  constexpr std::string_view kMoreZeros(
+  constexpr std::string_view MoreZeros(
       "\xFC\xFF\xFF\x03\x40\x02\x20\x0E\x0B\x40\xF7\xFE\x8F\xFF\xFF\x7F\x00\x48\x00\xC4\x61\x01"
       "\xE8\xDE\xFF\x19",
       26);
-  static const std::string kOthers = Repeated(kMoreZeros);
-  if (index == 0) return Piece{CompressedHead("br"), {}};
-  return Piece{index == 1 ? std::string(kFirstZeros) : kOthers, {}};
+  static const std::string others = repeated(MoreZeros);
+  if (index == 0) return Piece{compressedHead("br"), {}};
+  return Piece{index == 1 ? std::string(FirstZeros) : others, {}};
 }
 
-std::optional<Piece> RedirectToItself(const Request&, std::size_t index) {
+std::optional<Piece> redirectToItself(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{"HTTP/1.1 302 Found\r\nLocation: /\r\nContent-Length: 0\r\n\r\n", {}};
 }
 
 /// What a terminal would obey, and what printf would, in the places that programs like to show.
-std::optional<Piece> ControlSequences(const Request&, std::size_t index) {
+std::optional<Piece> controlSequences(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{
       "HTTP/1.1 200 \x1B]0;evil\x07%n%s\r\nServer: \x1B[2Jevil\x7F\xC2\x9B"
@@ -177,7 +177,7 @@ std::optional<Piece> ControlSequences(const Request&, std::size_t index) {
       {}};
 }
 
-std::optional<Piece> ControlSequencesInARealm(const Request&, std::size_t index) {
+std::optional<Piece> controlSequencesInARealm(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{
       "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\""
@@ -188,64 +188,64 @@ std::optional<Piece> ControlSequencesInARealm(const Request&, std::size_t index)
 }
 
 /// Promises a body, of which half comes; it keeps readers who believe it.
-std::optional<Piece> HalfABody(const Request&, std::size_t index) {
-  constexpr std::chrono::hours kNever{24};
-  if (index > 0) return Piece{{}, kNever};
+std::optional<Piece> halfABody(const Request&, std::size_t index) {
+  constexpr std::chrono::hours Never{24};
+  if (index > 0) return Piece{{}, Never};
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + std::string(50, 'x'), {}};
 }
 
 /// In chunks, none of which is the last: each is short, and all together have no end.
-std::optional<Piece> EndlessChunks(const Request&, std::size_t index) {
-  static const std::string kChunks = Repeated("5\r\nagain\r\n");
-  return Piece{index == 0 ? "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" : kChunks, {}};
+std::optional<Piece> endlessChunks(const Request&, std::size_t index) {
+  static const std::string chunks = repeated("5\r\nagain\r\n");
+  return Piece{index == 0 ? "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" : chunks, {}};
 }
 
 /// Promises to go on with the connection, over TLS or not.
-std::optional<Piece> KeepingAnswer(const Request&, std::size_t index) {
+std::optional<Piece> keepingAnswer(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: keep-alive\r\n\r\n", {}};
 }
 
 /// Says that the connection ends, which it does: every request takes one of its own.
-std::optional<Piece> PartingAnswer(const Request&, std::size_t index) {
+std::optional<Piece> partingAnswer(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n", {}};
 }
 
-constexpr TlsManner WithFlaw(CertificateFlaw flaw) { return {.flaw = flaw}; }
+constexpr TlsManner withFlaw(CertificateFlaw flaw) { return {.flaw = flaw}; }
 
-constexpr TlsManner WantsCertificate(int version) {
+constexpr TlsManner wantsCertificate(int version) {
   return {.demandsClientCertificate = true, .oldestVersion = version, .newestVersion = version};
 }
 
-constexpr TlsManner kBeforeTls12 = {.newestVersion = TLS1_1_VERSION};
+constexpr TlsManner BeforeTls12 = {.newestVersion = TLS1_1_VERSION};
 
-constexpr Behaviour WebServer(std::string_view name, std::string_view summary, TlsManner tls = {}) {
+constexpr Behaviour webServer(std::string_view name, std::string_view summary, TlsManner tls = {}) {
   return {.name = name,
           .summary = summary,
-          .answer = WholeAnswer,
+          .answer = wholeAnswer,
           .afterwards = Afterwards::AsHttpSays,
           .tls = tls};
 }
 
 /// Answers requests, as long as it goes on, and ends the connection.
-constexpr Behaviour Answers(std::string_view name, std::string_view summary,
+constexpr Behaviour answers(std::string_view name, std::string_view summary,
                             decltype(Behaviour::answer) answer,
                             Afterwards afterwards = Afterwards::Close) {
   return {.name = name, .summary = summary, .answer = answer, .afterwards = afterwards};
 }
 
 /// Answers and keeps the connection, and then is another.
-constexpr Behaviour Keeps(std::string_view name, std::string_view summary, std::string_view later) {
+constexpr Behaviour keeps(std::string_view name, std::string_view summary, std::string_view later) {
   return {.name = name,
           .summary = summary,
-          .answer = KeepingAnswer,
+          .answer = keepingAnswer,
           .afterwards = Afterwards::Keep,
           .later = later};
 }
 
-constexpr std::array kBehaviours = {
-    WebServer("normal", "answers 200 over TLS, 400 to a plain request"),
+constexpr std::array Behaviours = {
+    webServer("normal", "answers 200 over TLS, 400 to a plain request"),
 
     Behaviour{
         .name = "refuse", .summary = "does not listen", .door = Door::Closed, .acts = Acts::Never},
@@ -267,68 +267,68 @@ constexpr std::array kBehaviours = {
               .summary = "resets the connection when it is spoken to",
               .acts = Acts::OnFirstBytes,
               .afterwards = Afterwards::Reset},
-    Answers("resets-midway", "resets the connection within the head of its answer",
-            BeginningOfAHead, Afterwards::Reset),
+    answers("resets-midway", "resets the connection within the head of its answer",
+            beginningOfAHead, Afterwards::Reset),
     Behaviour{.name = "alert",
               .summary = "answers whatever it hears with a TLS alert",
               .acts = Acts::OnFirstBytes,
-              .answer = TlsAlert},
+              .answer = tlsAlert},
     Behaviour{.name = "garbage",
               .summary = "answers with what is neither HTTP nor TLS",
               .acts = Acts::OnFirstBytes,
-              .answer = Garbage},
+              .answer = garbage},
 
-    Answers("drip", "answers as normal does, one byte a second", OneByteASecond,
+    answers("drip", "answers as normal does, one byte a second", oneByteASecond,
             Afterwards::AsHttpSays),
-    Answers("endless-headers", "answers with header lines without end", EndlessHeaders),
-    Answers("long-header", "answers with a header line of 10 MiB", LongHeader),
-    Answers("endless-body", "answers with a body without end", EndlessBody),
-    Answers("endless-chunks", "the same in chunks", EndlessChunks),
-    Answers("stalls", "announces a body and sends half of it", HalfABody),
-    Answers("bomb-gzip", "answers with an endless body that gzip makes 159 times as long",
-            GzipBomb),
-    Answers("bomb-deflate", "the same for deflate", ZlibBomb),
-    Answers("bomb-br", "the same for br, 600,000 times", BrotliBomb),
-    Answers("interim-flood", "announces an answer for ever, with 100 Continue", InterimFlood),
-    Answers("redirect-loop", "redirects to where it was asked", RedirectToItself, Afterwards::Keep),
-    Answers("escapes", "answers with what terminals and printf obey", ControlSequences),
-    Answers("challenge", "demands a login for a realm that terminals and printf obey",
-            ControlSequencesInARealm),
+    answers("endless-headers", "answers with header lines without end", endlessHeaders),
+    answers("long-header", "answers with a header line of 10 MiB", longHeader),
+    answers("endless-body", "answers with a body without end", endlessBody),
+    answers("endless-chunks", "the same in chunks", endlessChunks),
+    answers("stalls", "announces a body and sends half of it", halfABody),
+    answers("bomb-gzip", "answers with an endless body that gzip makes 159 times as long",
+            gzipBomb),
+    answers("bomb-deflate", "the same for deflate", zlibBomb),
+    answers("bomb-br", "the same for br, 600,000 times", brotliBomb),
+    answers("interim-flood", "announces an answer for ever, with 100 Continue", interimFlood),
+    answers("redirect-loop", "redirects to where it was asked", redirectToItself, Afterwards::Keep),
+    answers("escapes", "answers with what terminals and printf obey", controlSequences),
+    answers("challenge", "demands a login for a realm that terminals and printf obey",
+            controlSequencesInARealm),
 
-    Keeps("keeps-then-closes", "answers and closes the connection at the second request", "closes"),
-    Keeps("keeps-then-resets", "answers and resets the connection at the second request", "resets"),
-    Keeps("keeps-then-silent", "answers and says nothing to the second request", "silent"),
-    Keeps("keeps-then-garbage", "answers and talks garbage at the second request", "garbage"),
-    Keeps("keeps-then-resets-midway", "answers and resets within its second answer",
+    keeps("keeps-then-closes", "answers and closes the connection at the second request", "closes"),
+    keeps("keeps-then-resets", "answers and resets the connection at the second request", "resets"),
+    keeps("keeps-then-silent", "answers and says nothing to the second request", "silent"),
+    keeps("keeps-then-garbage", "answers and talks garbage at the second request", "garbage"),
+    keeps("keeps-then-resets-midway", "answers and resets within its second answer",
           "resets-midway"),
-    Answers("leaves", "promises to keep the connection, and closes it", KeepingAnswer),
-    Answers("parts", "answers, says that it closes the connection, and does", PartingAnswer),
+    answers("leaves", "promises to keep the connection, and closes it", keepingAnswer),
+    answers("parts", "answers, says that it closes the connection, and does", partingAnswer),
 
-    WebServer("expired", "as normal, with a certificate that has expired",
-              WithFlaw(CertificateFlaw::Expired)),
-    WebServer("not-yet-valid", "as normal, with a certificate of next month",
-              WithFlaw(CertificateFlaw::NotYetValid)),
-    WebServer("self-signed", "as normal, with a certificate that it has made itself",
-              WithFlaw(CertificateFlaw::SelfSigned)),
-    WebServer("wrong-host", "as normal, with another host's certificate",
-              WithFlaw(CertificateFlaw::OtherHost)),
-    WebServer("client-certificate-12", "as normal, demands a client certificate under TLS 1.2",
-              WantsCertificate(TLS1_2_VERSION)),
-    WebServer("client-certificate-13", "as normal, demands a client certificate under TLS 1.3",
-              WantsCertificate(TLS1_3_VERSION)),
-    WebServer("old-tls", "as normal, knows TLS 1.0 and 1.1 alone", kBeforeTls12),
+    webServer("expired", "as normal, with a certificate that has expired",
+              withFlaw(CertificateFlaw::Expired)),
+    webServer("not-yet-valid", "as normal, with a certificate of next month",
+              withFlaw(CertificateFlaw::NotYetValid)),
+    webServer("self-signed", "as normal, with a certificate that it has made itself",
+              withFlaw(CertificateFlaw::SelfSigned)),
+    webServer("wrong-host", "as normal, with another host's certificate",
+              withFlaw(CertificateFlaw::OtherHost)),
+    webServer("client-certificate-12", "as normal, demands a client certificate under TLS 1.2",
+              wantsCertificate(TLS1_2_VERSION)),
+    webServer("client-certificate-13", "as normal, demands a client certificate under TLS 1.3",
+              wantsCertificate(TLS1_3_VERSION)),
+    webServer("old-tls", "as normal, knows TLS 1.0 and 1.1 alone", BeforeTls12),
 };
 
 }  // namespace
 
-std::span<const Behaviour> AllBehaviours() { return kBehaviours; }
+std::span<const Behaviour> allBehaviours() { return Behaviours; }
 
-const Behaviour* FindBehaviour(std::string_view name) {
-  const auto found = std::ranges::find(kBehaviours, name, &Behaviour::name);
-  return found == kBehaviours.end() ? nullptr : &*found;
+const Behaviour* findBehaviour(std::string_view name) {
+  const auto found = std::ranges::find(Behaviours, name, &Behaviour::name);
+  return found == Behaviours.end() ? nullptr : &*found;
 }
 
-bool EndsConnection(const Request& request) {
+bool endsConnection(const Request& request) {
   if (!request.secure) return true;
   const std::string_view firstLine =
       std::string_view(request.head).substr(0, request.head.find('\r'));

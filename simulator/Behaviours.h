@@ -66,12 +66,12 @@ struct Behaviour {
 };
 
 /// All behaviours; the first is the default.
-std::span<const Behaviour> AllBehaviours();
+std::span<const Behaviour> allBehaviours();
 
 /// @return null if there is none of this name.
-const Behaviour* FindBehaviour(std::string_view name);
+const Behaviour* findBehaviour(std::string_view name);
 
 /// Whether the connection ends after the answer to this request: as HTTP/1.1 has it.
-bool EndsConnection(const Request& request);
+bool endsConnection(const Request& request);
 
 }  // namespace simulator

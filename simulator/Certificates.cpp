@@ -14,48 +14,48 @@
 namespace simulator {
 namespace {
 
-constexpr long kDay = 24 * 60 * 60;
+constexpr long Day = 24 * 60 * 60;
 /// Clocks of a test's machines may differ.
-constexpr long kValidFrom = -kDay;
-constexpr long kValidUntil = 30 * kDay;
+constexpr long ValidFrom = -Day;
+constexpr long ValidUntil = 30 * Day;
 
-[[noreturn]] void Fail(const char* operation) {
+[[noreturn]] void fail(const char* operation) {
   char reason[256] = {};
   ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
   throw std::runtime_error(std::string(operation) + ": " + reason);
 }
 
-OpenSslPtr<EVP_PKEY> MakeKey() {
+OpenSslPtr<EVP_PKEY> makeKey() {
   // The cheapest of the common curves to sign with, and every client knows it.
   OpenSslPtr<EVP_PKEY> key(EVP_EC_gen("P-256"));
-  if (!key) Fail("EVP_EC_gen");
+  if (!key) fail("EVP_EC_gen");
   return key;
 }
 
 /// A certificate with all but extensions and signature.
-OpenSslPtr<X509> MakeCertificate(const std::string& commonName, EVP_PKEY* key) {
+OpenSslPtr<X509> makeCertificate(const std::string& commonName, EVP_PKEY* key) {
   OpenSslPtr<X509> certificate(X509_new());
-  if (!certificate) Fail("X509_new");
-  constexpr long kVersion3 = 2;
-  X509_set_version(certificate.get(), kVersion3);
+  if (!certificate) fail("X509_new");
+  constexpr long Version3 = 2;
+  X509_set_version(certificate.get(), Version3);
 
   std::uint64_t serial = 0;
-  if (RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1) Fail("RAND_bytes");
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1) fail("RAND_bytes");
   // A serial number is positive.
   ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), (serial >> 1) | 1);
-  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), kValidFrom);
-  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), kValidUntil);
+  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), ValidFrom);
+  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), ValidUntil);
   X509_set_pubkey(certificate.get(), key);
   X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_UTF8,
                              reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1, 0);
   return certificate;
 }
 
-void AddExtension(X509* certificate, X509* issuer, int kind, const std::string& value) {
+void addExtension(X509* certificate, X509* issuer, int kind, const std::string& value) {
   X509V3_CTX context;
   X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
   X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str());
-  if (extension == nullptr) Fail("X509V3_EXT_conf_nid");
+  if (extension == nullptr) fail("X509V3_EXT_conf_nid");
   X509_add_ext(certificate, extension, -1);
   X509_EXTENSION_free(extension);
 }
@@ -63,18 +63,18 @@ void AddExtension(X509* certificate, X509* issuer, int kind, const std::string& 
 }  // namespace
 
 CertificateAuthority::CertificateAuthority()
-    : m_key(MakeKey()),
-      m_serverKey(MakeKey()),
-      m_certificate(MakeCertificate("Simulated gateways' authority", m_key.get())) {
+    : m_key(makeKey()),
+      m_serverKey(makeKey()),
+      m_certificate(makeCertificate("Simulated gateways' authority", m_key.get())) {
   X509* self = m_certificate.get();
   X509_set_issuer_name(self, X509_get_subject_name(self));
-  AddExtension(self, self, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
-  AddExtension(self, self, NID_key_usage, "critical,keyCertSign,cRLSign");
-  AddExtension(self, self, NID_subject_key_identifier, "hash");
-  if (X509_sign(self, m_key.get(), EVP_sha256()) == 0) Fail("X509_sign");
+  addExtension(self, self, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
+  addExtension(self, self, NID_key_usage, "critical,keyCertSign,cRLSign");
+  addExtension(self, self, NID_subject_key_identifier, "hash");
+  if (X509_sign(self, m_key.get(), EVP_sha256()) == 0) fail("X509_sign");
 }
 
-void CertificateAuthority::Write(const std::string& path) const {
+void CertificateAuthority::write(const std::string& path) const {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "we"),
                                                              std::fclose);
   if (!file || PEM_write_X509(file.get(), m_certificate.get()) != 1 ||
@@ -83,30 +83,30 @@ void CertificateAuthority::Write(const std::string& path) const {
   }
 }
 
-OpenSslPtr<X509> CertificateAuthority::Issue(const IpAddress& address,
+OpenSslPtr<X509> CertificateAuthority::issue(const IpAddress& address,
                                              const std::vector<std::string>& names,
                                              CertificateFlaw flaw) const {
   auto certificate =
-      MakeCertificate(names.empty() ? address.Text() : names.front(), m_serverKey.get());
-  std::string alternatives = "IP:" + address.Text();
+      makeCertificate(names.empty() ? address.text() : names.front(), m_serverKey.get());
+  std::string alternatives = "IP:" + address.text();
   for (const std::string& name : names) alternatives += ",DNS:" + name;
   if (flaw == CertificateFlaw::OtherHost) alternatives = "DNS:elsewhere.invalid";
   if (flaw == CertificateFlaw::Expired) {
-    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), kValidFrom / 2);
+    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), ValidFrom / 2);
   } else if (flaw == CertificateFlaw::NotYetValid) {
-    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), kValidUntil / 2);
+    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), ValidUntil / 2);
   }
 
   const bool selfSigned = flaw == CertificateFlaw::SelfSigned;
   X509* const issuer = selfSigned ? certificate.get() : m_certificate.get();
   X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer));
-  AddExtension(certificate.get(), issuer, NID_basic_constraints, "critical,CA:FALSE");
-  AddExtension(certificate.get(), issuer, NID_ext_key_usage, "serverAuth");
-  AddExtension(certificate.get(), issuer, NID_subject_alt_name, alternatives);
+  addExtension(certificate.get(), issuer, NID_basic_constraints, "critical,CA:FALSE");
+  addExtension(certificate.get(), issuer, NID_ext_key_usage, "serverAuth");
+  addExtension(certificate.get(), issuer, NID_subject_alt_name, alternatives);
   // A certificate of its own has no key to point at but the one it is for.
-  if (!selfSigned) AddExtension(certificate.get(), issuer, NID_authority_key_identifier, "keyid");
+  if (!selfSigned) addExtension(certificate.get(), issuer, NID_authority_key_identifier, "keyid");
   EVP_PKEY* const key = selfSigned ? m_serverKey.get() : m_key.get();
-  if (X509_sign(certificate.get(), key, EVP_sha256()) == 0) Fail("X509_sign");
+  if (X509_sign(certificate.get(), key, EVP_sha256()) == 0) fail("X509_sign");
   return certificate;
 }
 

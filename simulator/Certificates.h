@@ -33,15 +33,15 @@ class CertificateAuthority {
   CertificateAuthority();
 
   /// Writes the authority's certificate (PEM). @throws std::runtime_error.
-  void Write(const std::string& path) const;
+  void write(const std::string& path) const;
 
   /// Makes a server's certificate for an address and its names, valid from yesterday for a month
   /// but for its flaw, for the key `ServerKey`. @throws std::runtime_error.
-  OpenSslPtr<X509> Issue(const IpAddress& address, const std::vector<std::string>& names,
+  OpenSslPtr<X509> issue(const IpAddress& address, const std::vector<std::string>& names,
                          CertificateFlaw flaw) const;
 
   /// The key of all servers: to make one each would only cost time.
-  EVP_PKEY* ServerKey() const { return m_serverKey.get(); }
+  EVP_PKEY* serverKey() const { return m_serverKey.get(); }
 
  private:
   OpenSslPtr<EVP_PKEY> m_key;

@@ -43,14 +43,14 @@ class DelayLine {
   DelayLine(const Scene& scene, std::uint64_t seed);
 
   /// Takes in a packet. The path is that of its destination, or on the way back that of its source.
-  void Accept(Direction direction, std::span<const unsigned char> packet, Clock::time_point now);
+  void accept(Direction direction, std::span<const unsigned char> packet, Clock::time_point now);
 
   /// When the next packet leaves, if there is one.
-  std::optional<Clock::time_point> NextDue() const;
+  std::optional<Clock::time_point> nextDue() const;
 
   /// Takes out a packet that is due, the earliest first; packets due at the same moment leave in
   /// the order they came.
-  std::optional<Packet> TakeDue(Clock::time_point now);
+  std::optional<Packet> takeDue(Clock::time_point now);
 
   const Statistics& GetStatistics() const { return m_statistics; }
 
@@ -59,9 +59,9 @@ class DelayLine {
   class Random {
    public:
     explicit Random(std::uint64_t seed) : m_state(seed) {}
-    std::uint64_t Next();
+    std::uint64_t next();
     /// In [0, 1).
-    double Fraction();
+    double fraction();
 
    private:
     std::uint64_t m_state;
@@ -83,8 +83,8 @@ class DelayLine {
     }
   };
 
-  Lane& LaneOf(Direction direction, const IpAddress& gateway);
-  Clock::time_point KeepOrder(std::uint64_t flow, Clock::time_point due, Clock::time_point now);
+  Lane& laneOf(Direction direction, const IpAddress& gateway);
+  Clock::time_point keepOrder(std::uint64_t flow, Clock::time_point due, Clock::time_point now);
 
   Path m_defaultPath;
   std::map<IpAddress, Path> m_paths;

@@ -18,13 +18,13 @@ class FileDescriptor {
   }
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() { Close(); }
+  ~FileDescriptor() { close(); }
 
-  int Get() const { return m_fd; }
+  int get() const { return m_fd; }
   explicit operator bool() const { return m_fd >= 0; }
 
-  void Close() {
-    if (m_fd >= 0) close(std::exchange(m_fd, -1));
+  void close() {
+    if (m_fd >= 0) ::close(std::exchange(m_fd, -1));
   }
 
  private:

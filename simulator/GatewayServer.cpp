@@ -22,33 +22,33 @@ namespace simulator {
 namespace {
 
 /// As web servers have it.
-constexpr std::size_t kMostHeadBytes = 16 * 1024;
+constexpr std::size_t MostHeadBytes = 16 * 1024;
 /// Beyond it the oldest way of a server to defend itself: it closes newcomers.
-constexpr std::size_t kMostConnections = 50'000;
+constexpr std::size_t MostConnections = 50'000;
 /// Longer than any probe waits, so that it is the client who gives up on a silent gateway.
-constexpr auto kLongestIdle = std::chrono::seconds(90);
+constexpr auto LongestIdle = std::chrono::seconds(90);
 /// The kernel cuts it to its own limit (net.core.somaxconn).
-constexpr int kBacklog = 65'535;
+constexpr int Backlog = 65'535;
 /// Each connection's turn ends after so many pieces of an answer, for one that takes in what it is
 /// sent as fast as it comes must not keep the others waiting.
-constexpr std::size_t kMostPiecesAtOnce = 16;
-constexpr auto kPauseBetweenTurns = std::chrono::microseconds(100);
+constexpr std::size_t MostPiecesAtOnce = 16;
+constexpr auto PauseBetweenTurns = std::chrono::microseconds(100);
 /// First byte of a TLS handshake record.
-constexpr unsigned char kTlsHandshake = 0x16;
+constexpr unsigned char TlsHandshake = 0x16;
 
 /// Keys of epoll: listeners by index, then these, then connections.
-constexpr std::uint64_t kStopKey = 1'000'000'000;
-constexpr std::uint64_t kAlarmKey = kStopKey + 1;
-constexpr std::uint64_t kServeTooKey = kStopKey + 2;
-constexpr std::uint64_t kFirstConnectionKey = kStopKey + 3;
+constexpr std::uint64_t StopKey = 1'000'000'000;
+constexpr std::uint64_t AlarmKey = StopKey + 1;
+constexpr std::uint64_t ServeTooKey = StopKey + 2;
+constexpr std::uint64_t FirstConnectionKey = StopKey + 3;
 
-[[noreturn]] void Fail(const std::string& operation) {
+[[noreturn]] void fail(const std::string& operation) {
   throw std::system_error(errno, std::generic_category(), operation);
 }
 
 enum class Io { Done, WouldBlock, Ended };
 
-void SetManner(SSL* tls, const TlsManner& manner) {
+void setManner(SSL* tls, const TlsManner& manner) {
   // Versions below 1.2 need signatures that OpenSSL otherwise refuses to make.
   const bool isOld = manner.newestVersion != 0 && manner.newestVersion < TLS1_2_VERSION;
   if (isOld) SSL_set_security_level(tls, 0);
@@ -70,13 +70,13 @@ class Connection {
         m_gateway(gateway),
         m_behaviour(&behaviour),
         m_makeTls(std::move(makeTls)),
-        m_idleUntil(Clock::now() + kLongestIdle) {}
+        m_idleUntil(Clock::now() + LongestIdle) {}
 
   /// Does what can be done now. @return false when the connection is over.
-  bool Advance(Clock::time_point now);
+  bool advance(Clock::time_point now);
 
   /// The moment at which `Advance` has to be called again if nothing happens before.
-  Clock::time_point NextAppointment() const {
+  Clock::time_point nextAppointment() const {
     return m_due ? std::min(*m_due, m_idleUntil) : m_idleUntil;
   }
 
@@ -86,13 +86,13 @@ class Connection {
  private:
   enum class Phase { Unspoken, Plain, Tls };
 
-  bool Read();
-  bool BeginIfAsked(Clock::time_point now);
-  bool NextPiece(Clock::time_point now);
-  bool EndAnswer();
-  Io ReadSome(char* buffer, std::size_t size, std::size_t& count);
-  Io WriteSome();
-  Io TlsResult(int result);
+  bool read();
+  bool beginIfAsked(Clock::time_point now);
+  bool nextPiece(Clock::time_point now);
+  bool endAnswer();
+  Io readSome(char* buffer, std::size_t size, std::size_t& count);
+  Io writeSome();
+  Io tlsResult(int result);
 
   FileDescriptor m_socket;
   const Gateway& m_gateway;
@@ -110,17 +110,17 @@ class Connection {
   std::optional<Clock::time_point> m_due;
 };
 
-bool Connection::Advance(Clock::time_point now) {
+bool Connection::advance(Clock::time_point now) {
   if (now >= m_idleUntil) return false;
-  if (!Read()) return false;
+  if (!read()) return false;
   // A handshake takes its time, which is not part of the gateway's delay.
   now = Clock::now();
   // Ends: every turn answers a request or sends a piece of an answer, whose number is limited, and
   // there is no more input than was read.
-  for (std::size_t piece = 1; BeginIfAsked(now); ++piece) {
+  for (std::size_t piece = 1; beginIfAsked(now); ++piece) {
     if (m_due && now < *m_due) return true;
     m_due.reset();
-    switch (WriteSome()) {
+    switch (writeSome()) {
       case Io::WouldBlock:
         return true;
       case Io::Ended:
@@ -128,32 +128,32 @@ bool Connection::Advance(Clock::time_point now) {
       case Io::Done:
         break;
     }
-    m_idleUntil = now + kLongestIdle;
-    if (!NextPiece(now) && !EndAnswer()) return false;
-    if (piece % kMostPiecesAtOnce == 0 && m_request)
-      m_due = std::max(*m_due, now) + kPauseBetweenTurns;
+    m_idleUntil = now + LongestIdle;
+    if (!nextPiece(now) && !endAnswer()) return false;
+    if (piece % MostPiecesAtOnce == 0 && m_request)
+      m_due = std::max(*m_due, now) + PauseBetweenTurns;
   }
   return true;
 }
 
-bool Connection::Read() {
+bool Connection::read() {
   if (m_phase == Phase::Unspoken) {
     unsigned char first = 0;
-    const ssize_t count = recv(m_socket.Get(), &first, 1, MSG_PEEK);
+    const ssize_t count = recv(m_socket.get(), &first, 1, MSG_PEEK);
     if (count < 0) return errno == EAGAIN || errno == EINTR;
     if (count == 0) return false;
     m_phase = Phase::Plain;
-    if (first == kTlsHandshake && m_behaviour->acts == Behaviour::Acts::OnRequest) {
+    if (first == TlsHandshake && m_behaviour->acts == Behaviour::Acts::OnRequest) {
       m_phase = Phase::Tls;
-      m_tls = m_makeTls(m_socket.Get());
+      m_tls = m_makeTls(m_socket.get());
       if (!m_tls) return false;
     }
   }
   std::array<char, 4096> buffer;
   // Ends: the input is bounded.
-  while (m_input.size() <= kMostHeadBytes) {
+  while (m_input.size() <= MostHeadBytes) {
     std::size_t count = 0;
-    switch (ReadSome(buffer.data(), buffer.size(), count)) {
+    switch (readSome(buffer.data(), buffer.size(), count)) {
       case Io::WouldBlock:
         return true;
       case Io::Ended:
@@ -168,7 +168,7 @@ bool Connection::Read() {
 }
 
 /// @return whether an answer is under way.
-bool Connection::BeginIfAsked(Clock::time_point now) {
+bool Connection::beginIfAsked(Clock::time_point now) {
   if (m_request) return true;
   if (m_behaviour->acts == Behaviour::Acts::Never) return false;
   Request request;
@@ -176,22 +176,22 @@ bool Connection::BeginIfAsked(Clock::time_point now) {
     if (m_input.empty()) return false;
     m_input.clear();
   } else if (m_behaviour->acts == Behaviour::Acts::OnRequest) {
-    constexpr std::string_view kHeadEnd = "\r\n\r\n";
-    const std::size_t end = m_input.find(kHeadEnd);
+    constexpr std::string_view HeadEnd = "\r\n\r\n";
+    const std::size_t end = m_input.find(HeadEnd);
     if (end == std::string::npos) return false;
     request.secure = m_phase == Phase::Tls;
-    request.head = m_input.substr(0, end + kHeadEnd.size());
-    m_input.erase(0, end + kHeadEnd.size());
+    request.head = m_input.substr(0, end + HeadEnd.size());
+    m_input.erase(0, end + HeadEnd.size());
   }
   m_request = std::move(request);
   m_nextPiece = 0;
-  NextPiece(now);
+  nextPiece(now);
   m_due = m_due.value_or(now) + m_gateway.delay;
   return true;
 }
 
 /// @return whether there is one.
-bool Connection::NextPiece(Clock::time_point now) {
+bool Connection::nextPiece(Clock::time_point now) {
   if (m_behaviour->answer == nullptr) return false;
   auto piece = m_behaviour->answer(*m_request, m_nextPiece);
   if (!piece) return false;
@@ -202,31 +202,31 @@ bool Connection::NextPiece(Clock::time_point now) {
 }
 
 /// @return whether the connection goes on.
-bool Connection::EndAnswer() {
+bool Connection::endAnswer() {
   using Afterwards = Behaviour::Afterwards;
   const bool goesOn =
       m_behaviour->afterwards == Afterwards::Keep ||
-      (m_behaviour->afterwards == Afterwards::AsHttpSays && !EndsConnection(*m_request));
+      (m_behaviour->afterwards == Afterwards::AsHttpSays && !endsConnection(*m_request));
   m_request.reset();
   if (goesOn) {
-    if (!m_behaviour->later.empty()) m_behaviour = FindBehaviour(m_behaviour->later);
+    if (!m_behaviour->later.empty()) m_behaviour = findBehaviour(m_behaviour->later);
     return true;
   }
   if (m_behaviour->afterwards == Afterwards::Reset) {
     const linger atOnce{1, 0};
-    setsockopt(m_socket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    setsockopt(m_socket.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
   } else if (m_tls) {
     SSL_shutdown(m_tls.get());
   }
   return false;
 }
 
-Io Connection::ReadSome(char* buffer, std::size_t size, std::size_t& count) {
+Io Connection::readSome(char* buffer, std::size_t size, std::size_t& count) {
   if (m_tls) {
     ERR_clear_error();
-    return TlsResult(SSL_read_ex(m_tls.get(), buffer, size, &count));
+    return tlsResult(SSL_read_ex(m_tls.get(), buffer, size, &count));
   }
-  const ssize_t result = recv(m_socket.Get(), buffer, size, 0);
+  const ssize_t result = recv(m_socket.get(), buffer, size, 0);
   if (result > 0) {
     count = static_cast<std::size_t>(result);
     return Io::Done;
@@ -235,16 +235,16 @@ Io Connection::ReadSome(char* buffer, std::size_t size, std::size_t& count) {
   return Io::Ended;
 }
 
-Io Connection::WriteSome() {
+Io Connection::writeSome() {
   while (!m_output.empty()) {
     std::size_t count = 0;
     if (m_tls) {
       ERR_clear_error();
       const Io result =
-          TlsResult(SSL_write_ex(m_tls.get(), m_output.data(), m_output.size(), &count));
+          tlsResult(SSL_write_ex(m_tls.get(), m_output.data(), m_output.size(), &count));
       if (result != Io::Done) return result;
     } else {
-      const ssize_t result = send(m_socket.Get(), m_output.data(), m_output.size(), MSG_NOSIGNAL);
+      const ssize_t result = ::send(m_socket.get(), m_output.data(), m_output.size(), MSG_NOSIGNAL);
       if (result < 0) return errno == EAGAIN || errno == EINTR ? Io::WouldBlock : Io::Ended;
       count = static_cast<std::size_t>(result);
     }
@@ -253,7 +253,7 @@ Io Connection::WriteSome() {
   return Io::Done;
 }
 
-Io Connection::TlsResult(int result) {
+Io Connection::tlsResult(int result) {
   if (result == 1) return Io::Done;
   const int error = SSL_get_error(m_tls.get(), result);
   return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? Io::WouldBlock : Io::Ended;
@@ -261,27 +261,27 @@ Io Connection::TlsResult(int result) {
 
 GatewayServer::GatewayServer(const Scene& scene, const CertificateAuthority& authority)
     : m_authority(authority), m_gateways(scene.gateways), m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
-  if (!m_epoll) Fail("epoll_create1");
+  if (!m_epoll) fail("epoll_create1");
   // A peer that is gone must not end the process while TLS writes to it.
   std::signal(SIGPIPE, SIG_IGN);
-  MakeContext();
-  for (const HostName& host : scene.names) m_namesOfAddress.emplace(host.address.Text(), host.name);
+  makeContext();
+  for (const HostName& host : scene.names) m_namesOfAddress.emplace(host.address.text(), host.name);
 
   // Connections keep references to the listeners' gateways: neither moves from here on.
   for (std::size_t i = 0; i < m_gateways.size(); ++i) {
-    const Behaviour* behaviour = FindBehaviour(m_gateways[i].behaviour);
+    const Behaviour* behaviour = findBehaviour(m_gateways[i].behaviour);
     if (behaviour == nullptr) throw SceneError("no behaviour '" + m_gateways[i].behaviour + "'");
-    Listen(i, *behaviour);
+    listen(i, *behaviour);
   }
   for (std::size_t i = 0; i < m_listeners.size(); ++i)
-    Watch(m_listeners[i].socket.Get(), i, EPOLLIN);
-  Watch(m_alarm.Fd(), kAlarmKey, EPOLLIN);
-  m_nextKey = kFirstConnectionKey;
+    watch(m_listeners[i].socket.get(), i, EPOLLIN);
+  watch(m_alarm.fd(), AlarmKey, EPOLLIN);
+  m_nextKey = FirstConnectionKey;
 }
 
 GatewayServer::~GatewayServer() = default;
 
-void GatewayServer::MakeContext() {
+void GatewayServer::makeContext() {
   m_context.reset(SSL_CTX_new(TLS_server_method()));
   if (!m_context) throw std::runtime_error("SSL_CTX_new failed");
   // Thousands of clients that come once: nothing is remembered of them.
@@ -290,30 +290,30 @@ void GatewayServer::MakeContext() {
                                         SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
 }
 
-void GatewayServer::Listen(std::size_t gateway, const Behaviour& behaviour) {
+void GatewayServer::listen(std::size_t gateway, const Behaviour& behaviour) {
   const IpAddress& address = m_gateways[gateway].address;
   FileDescriptor socket(
-      ::socket(address.IsV4() ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const std::string where = address.Text() + " port " + std::to_string(m_gateways[gateway].port);
-  if (!socket) Fail(where);
+      ::socket(address.isV4() ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const std::string where = address.text() + " port " + std::to_string(m_gateways[gateway].port);
+  if (!socket) fail(where);
   const int on = 1;
-  setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   // An address of a range that is routed to this machine belongs to no interface.
-  setsockopt(socket.Get(), SOL_IP, IP_FREEBIND, &on, sizeof on);
-  setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setsockopt(socket.get(), SOL_IP, IP_FREEBIND, &on, sizeof on);
+  setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 
   sockaddr_storage name;
-  socklen_t length = address.ToSocketAddress(m_gateways[gateway].port, name);
+  socklen_t length = address.toSocketAddress(m_gateways[gateway].port, name);
   const bool isClosed = behaviour.door == Behaviour::Door::Closed;
   const bool isBlocked = behaviour.door == Behaviour::Door::Blocked;
-  if (bind(socket.Get(), reinterpret_cast<sockaddr*>(&name), length) != 0 ||
-      (!isClosed && listen(socket.Get(), isBlocked ? 0 : kBacklog) != 0) ||
-      getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&name), &length) != 0) {
-    Fail(where);
+  if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&name), length) != 0 ||
+      (!isClosed && ::listen(socket.get(), isBlocked ? 0 : Backlog) != 0) ||
+      getsockname(socket.get(), reinterpret_cast<sockaddr*>(&name), &length) != 0) {
+    fail(where);
   }
   // The port is at the same place in both kinds of address.
   m_gateways[gateway].port = ntohs(reinterpret_cast<const sockaddr_in*>(&name)->sin_port);
-  if (isBlocked) Block(m_gateways[gateway]);
+  if (isBlocked) block(m_gateways[gateway]);
   if (isClosed || isBlocked) {
     m_placeholders.push_back(std::move(socket));
   } else {
@@ -322,94 +322,94 @@ void GatewayServer::Listen(std::size_t gateway, const Behaviour& behaviour) {
 }
 
 /// Fills the queue of a listener, which nobody empties: the kernel drops what comes then.
-void GatewayServer::Block(const Gateway& gateway) {
-  constexpr int kMoreThanTheQueueHolds = 4;
+void GatewayServer::block(const Gateway& gateway) {
+  constexpr int MoreThanTheQueueHolds = 4;
   sockaddr_storage name;
-  const socklen_t length = gateway.address.ToSocketAddress(gateway.port, name);
-  for (int i = 0; i < kMoreThanTheQueueHolds; ++i) {
+  const socklen_t length = gateway.address.toSocketAddress(gateway.port, name);
+  for (int i = 0; i < MoreThanTheQueueHolds; ++i) {
     FileDescriptor filler(::socket(name.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (connect(filler.Get(), reinterpret_cast<sockaddr*>(&name), length) != 0 &&
+    if (connect(filler.get(), reinterpret_cast<sockaddr*>(&name), length) != 0 &&
         errno != EINPROGRESS) {
-      Fail(gateway.address.Text());
+      fail(gateway.address.text());
     }
     m_placeholders.push_back(std::move(filler));
   }
 }
 
-void GatewayServer::Watch(int fd, std::uint64_t key, std::uint32_t events) {
+void GatewayServer::watch(int fd, std::uint64_t key, std::uint32_t events) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = key;
-  if (epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, fd, &event) != 0) Fail("epoll_ctl");
+  if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd, &event) != 0) fail("epoll_ctl");
 }
 
-void GatewayServer::ServeToo(int fd, std::function<void()> serve) {
+void GatewayServer::serveToo(int fd, std::function<void()> serve) {
   m_serveToo = std::move(serve);
-  Watch(fd, kServeTooKey, EPOLLIN);
+  watch(fd, ServeTooKey, EPOLLIN);
 }
 
 void GatewayServer::Run(int stopFd) {
-  Watch(stopFd, kStopKey, EPOLLIN);
+  watch(stopFd, StopKey, EPOLLIN);
   std::array<epoll_event, 256> events;
   // Ends when the stop file becomes readable.
   while (true) {
-    m_alarm.Set(m_appointments.empty() ? std::nullopt : std::optional(m_appointments.top().due));
-    const int count = epoll_wait(m_epoll.Get(), events.data(), static_cast<int>(events.size()), -1);
-    if (count < 0 && errno != EINTR) Fail("epoll_wait");
+    m_alarm.set(m_appointments.empty() ? std::nullopt : std::optional(m_appointments.top().due));
+    const int count = epoll_wait(m_epoll.get(), events.data(), static_cast<int>(events.size()), -1);
+    if (count < 0 && errno != EINTR) fail("epoll_wait");
     for (int i = 0; i < count; ++i) {
       const std::uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
-      if (key == kStopKey) return;
-      if (key == kAlarmKey) {
-        m_alarm.Acknowledge();
-      } else if (key == kServeTooKey) {
+      if (key == StopKey) return;
+      if (key == AlarmKey) {
+        m_alarm.acknowledge();
+      } else if (key == ServeTooKey) {
         m_serveToo();
-      } else if (key < kStopKey) {
-        Accept(m_listeners[key]);
+      } else if (key < StopKey) {
+        accept(m_listeners[key]);
       } else {
-        Advance(key);
+        advance(key);
       }
     }
-    KeepAppointments();
+    keepAppointments();
   }
 }
 
-void GatewayServer::Accept(Listener& listener) {
+void GatewayServer::accept(Listener& listener) {
   // The rest of a longer queue waits for its turn: the listener stays readable.
-  constexpr int kMostAtOnce = 64;
-  for (int i = 0; i < kMostAtOnce; ++i) {
+  constexpr int MostAtOnce = 64;
+  for (int i = 0; i < MostAtOnce; ++i) {
     FileDescriptor socket(
-        accept4(listener.socket.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        accept4(listener.socket.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) return;
-    if (m_connections.size() >= kMostConnections) continue;
+    if (m_connections.size() >= MostConnections) continue;
     const std::uint64_t key = m_nextKey++;
-    const int fd = socket.Get();
+    const int fd = socket.get();
     auto& connection = m_connections[key];
     connection = std::make_unique<Connection>(
         std::move(socket), m_gateways[listener.gateway], *listener.behaviour,
-        [this, &listener](int tlsFd) { return MakeTls(tlsFd, listener); });
-    Appoint(key, *connection);
-    Watch(fd, key, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET);
+        [this, &listener](int tlsFd) { return makeTls(tlsFd, listener); });
+    appoint(key, *connection);
+    watch(fd, key, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET);
   }
 }
 
-void GatewayServer::Advance(std::uint64_t key) {
+void GatewayServer::advance(std::uint64_t key) {
   const auto found = m_connections.find(key);
   if (found == m_connections.end()) return;
   Connection& connection = *found->second;
-  if (!connection.Advance(Clock::now())) {
+  if (!connection.advance(Clock::now())) {
     m_connections.erase(found);
-  } else if (connection.NextAppointment() < connection.appointment) {
+  } else if (connection.nextAppointment() < connection.appointment) {
     // A later one is made when the earlier one is kept.
-    Appoint(key, connection);
+    appoint(key, connection);
   }
 }
 
-void GatewayServer::Appoint(std::uint64_t key, Connection& connection) {
-  connection.appointment = connection.NextAppointment();
+void GatewayServer::appoint(std::uint64_t key, Connection& connection) {
+  connection.appointment = connection.nextAppointment();
   m_appointments.push({connection.appointment, key});
 }
 
-void GatewayServer::KeepAppointments() {
+void GatewayServer::keepAppointments() {
   const auto now = Clock::now();
   while (!m_appointments.empty() && m_appointments.top().due <= now) {
     const auto [due, key] = m_appointments.top();
@@ -417,29 +417,29 @@ void GatewayServer::KeepAppointments() {
     const auto found = m_connections.find(key);
     // An earlier one took the place of this one.
     if (found == m_connections.end() || found->second->appointment != due) continue;
-    if (found->second->Advance(now)) {
-      Appoint(key, *found->second);
+    if (found->second->advance(now)) {
+      appoint(key, *found->second);
     } else {
       m_connections.erase(found);
     }
   }
 }
 
-OpenSslPtr<SSL> GatewayServer::MakeTls(int fd, Listener& listener) {
+OpenSslPtr<SSL> GatewayServer::makeTls(int fd, Listener& listener) {
   const IpAddress& address = m_gateways[listener.gateway].address;
   if (!listener.certificate) {
     std::vector<std::string> names;
-    const auto [begin, end] = m_namesOfAddress.equal_range(address.Text());
+    const auto [begin, end] = m_namesOfAddress.equal_range(address.text());
     for (auto name = begin; name != end; ++name) names.push_back(name->second);
-    listener.certificate = m_authority.Issue(address, names, listener.behaviour->tls.flaw);
+    listener.certificate = m_authority.issue(address, names, listener.behaviour->tls.flaw);
   }
   OpenSslPtr<SSL> tls(SSL_new(m_context.get()));
   if (!tls || SSL_set_fd(tls.get(), fd) != 1 ||
       SSL_use_certificate(tls.get(), listener.certificate.get()) != 1 ||
-      SSL_use_PrivateKey(tls.get(), m_authority.ServerKey()) != 1) {
+      SSL_use_PrivateKey(tls.get(), m_authority.serverKey()) != 1) {
     return nullptr;
   }
-  SetManner(tls.get(), listener.behaviour->tls);
+  setManner(tls.get(), listener.behaviour->tls);
   SSL_set_accept_state(tls.get());
   return tls;
 }

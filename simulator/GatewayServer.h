@@ -31,10 +31,10 @@ class GatewayServer {
   GatewayServer& operator=(const GatewayServer&) = delete;
 
   /// The gateways with their ports filled in; those that do not listen are among them.
-  const std::vector<Gateway>& Gateways() const { return m_gateways; }
+  const std::vector<Gateway>& gateways() const { return m_gateways; }
 
   /// Has `Run` call a function whenever a file is readable. There is one such file.
-  void ServeToo(int fd, std::function<void()> serve);
+  void serveToo(int fd, std::function<void()> serve);
 
   /// Serves until `stopFd` is readable.
   void Run(int stopFd);
@@ -54,15 +54,15 @@ class GatewayServer {
     bool operator>(const Appointment& other) const { return due > other.due; }
   };
 
-  void MakeContext();
-  void Listen(std::size_t gateway, const Behaviour& behaviour);
-  void Block(const Gateway& gateway);
-  void Watch(int fd, std::uint64_t key, std::uint32_t events);
-  void Accept(Listener& listener);
-  void Advance(std::uint64_t key);
-  void Appoint(std::uint64_t key, Connection& connection);
-  void KeepAppointments();
-  OpenSslPtr<SSL> MakeTls(int fd, Listener& listener);
+  void makeContext();
+  void listen(std::size_t gateway, const Behaviour& behaviour);
+  void block(const Gateway& gateway);
+  void watch(int fd, std::uint64_t key, std::uint32_t events);
+  void accept(Listener& listener);
+  void advance(std::uint64_t key);
+  void appoint(std::uint64_t key, Connection& connection);
+  void keepAppointments();
+  OpenSslPtr<SSL> makeTls(int fd, Listener& listener);
 
   const CertificateAuthority& m_authority;
   std::unordered_multimap<std::string, std::string> m_namesOfAddress;

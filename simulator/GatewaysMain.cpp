@@ -18,21 +18,21 @@ namespace {
 
 using namespace simulator;
 
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+constexpr int Failed = 1;
+constexpr int Usage = 2;
 
-std::string Footer() {
+std::string footer() {
   std::string text =
       "A gateway is written ADDRESS:PORT[,delay=MS][,behaviour=NAME]; port 0 takes a free "
       "one.\nBehaviours:";
-  for (const Behaviour& behaviour : AllBehaviours()) {
+  for (const Behaviour& behaviour : allBehaviours()) {
     text += "\n  " + std::string(behaviour.name) + ": " + std::string(behaviour.summary);
   }
   return text;
 }
 
 /// Signals that end the program, as a file.
-FileDescriptor BlockEndSignals() {
+FileDescriptor blockEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
@@ -41,17 +41,17 @@ FileDescriptor BlockEndSignals() {
 }
 
 /// A file for every connection of thousands of gateways.
-void AllowManyFiles() {
+void allowManyFiles() {
   rlimit files{};
   if (getrlimit(RLIMIT_NOFILE, &files) != 0) return;
   files.rlim_cur = files.rlim_max;
   setrlimit(RLIMIT_NOFILE, &files);
 }
 
-void Announce(const GatewayServer& server) {
-  for (const Gateway& gateway : server.Gateways()) {
-    const bool v4 = gateway.address.IsV4();
-    std::cout << "gateway " << (v4 ? "" : "[") << gateway.address.Text() << (v4 ? "" : "]") << ':'
+void announce(const GatewayServer& server) {
+  for (const Gateway& gateway : server.gateways()) {
+    const bool v4 = gateway.address.isV4();
+    std::cout << "gateway " << (v4 ? "" : "[") << gateway.address.text() << (v4 ? "" : "]") << ':'
               << gateway.port << ' ' << gateway.behaviour << '\n';
   }
   std::cout << "ready" << std::endl;
@@ -68,36 +68,36 @@ int main(int argc, char** argv) {
   app.add_option("--gateway", gateways, "A gateway; may be given several times")
       ->allow_extra_args(false);
   app.add_option("--write-ca", authorityFile, "Write the certificate to trust to this file (PEM)");
-  app.footer(Footer());
+  app.footer(footer());
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kUsage;
+    return app.exit(error) == 0 ? 0 : Usage;
   }
 
-  const FileDescriptor stop = BlockEndSignals();
-  if (!EndWithParent()) return kFailed;
+  const FileDescriptor stop = blockEndSignals();
+  if (!endWithParent()) return Failed;
   try {
     Scene scene;
-    if (!config.empty()) scene.AddFile(config);
-    for (const std::string& gateway : gateways) scene.AddLine("gateway " + gateway);
-    AllowManyFiles();
+    if (!config.empty()) scene.addFile(config);
+    for (const std::string& gateway : gateways) scene.addLine("gateway " + gateway);
+    allowManyFiles();
     const CertificateAuthority authority;
-    if (!authorityFile.empty()) authority.Write(authorityFile);
+    if (!authorityFile.empty()) authority.write(authorityFile);
     GatewayServer server(scene, authority);
     std::optional<NameServer> names;
     if (scene.resolver && !scene.answers.empty()) {
       names.emplace(scene);
-      server.ServeToo(names->Fd(), [&names] { names->Answer(); });
+      server.serveToo(names->fd(), [&names] { names->answer(); });
     }
-    Announce(server);
-    server.Run(stop.Get());
+    announce(server);
+    server.Run(stop.get());
     return 0;
   } catch (const SceneError& error) {
     std::cerr << "ahs-gateways: " << error.what() << '\n';
-    return kUsage;
+    return Usage;
   } catch (const std::exception& error) {
     std::cerr << "ahs-gateways: " << error.what() << '\n';
-    return kFailed;
+    return Failed;
   }
 }

@@ -18,10 +18,10 @@ class NameServer {
   explicit NameServer(const Scene& scene);
 
   /// Becomes readable when there are questions.
-  int Fd() const { return m_socket.Get(); }
+  int fd() const { return m_socket.get(); }
 
   /// Answers what has been asked.
-  void Answer();
+  void answer();
 
  private:
   FileDescriptor m_socket;
@@ -29,7 +29,7 @@ class NameServer {
 };
 
 /// The answer to a question, both as they are sent (RFC 1035, section 4); empty for none.
-std::vector<unsigned char> AnswerTo(const std::vector<unsigned char>& question,
+std::vector<unsigned char> answerTo(const std::vector<unsigned char>& question,
                                     const std::map<std::string, NameAnswer>& answers);
 
 }  // namespace simulator

@@ -30,12 +30,12 @@ struct Network {
   /// a process with threads.
   /// @throws NotPermitted, std::runtime_error for other failures, SceneError for an address of the
   ///         scene that is out of its range.
-  static Network Make(const Scene& scene);
+  static Network make(const Scene& scene);
 };
 
 /// Lets this process and its children know the names of the scene, "localhost", and, unless the
 /// scene has a resolver, no other name: unknown ones fail at once. Only after `Network::Make`.
 /// @throws std::system_error.
-void HideOtherNames(const Scene& scene);
+void hideOtherNames(const Scene& scene);
 
 }  // namespace simulator

@@ -25,7 +25,7 @@ namespace simulator {
 namespace {
 
 /// What the child does between fork and exec; async-signal-safe calls only.
-[[noreturn]] void Become(const Launch& launch, char* const* arguments, pid_t parent) {
+[[noreturn]] void become(const Launch& launch, char* const* arguments, pid_t parent) {
   sigset_t none;
   sigemptyset(&none);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -35,7 +35,7 @@ namespace {
       (launch.standardInput < 0 || dup2(launch.standardInput, STDIN_FILENO) >= 0) &&
       (launch.standardOutput < 0 || dup2(launch.standardOutput, STDOUT_FILENO) >= 0) &&
       (launch.standardError < 0 || dup2(launch.standardError, STDERR_FILENO) >= 0);
-  if (!prepared) _exit(kExitOwnFailure);
+  if (!prepared) _exit(ExitOwnFailure);
   std::signal(SIGPIPE, SIG_DFL);
   // A script's background jobs have it ignored, and could not be interrupted from a terminal.
   std::signal(SIGINT, SIG_DFL);
@@ -46,11 +46,11 @@ namespace {
   for (const char* text : {static_cast<const char*>(arguments[0]), ": ", reason, "\n"}) {
     if (write(STDERR_FILENO, text, std::strlen(text)) < 0) break;
   }
-  _exit(error == ENOENT ? kExitNotFound : kExitCannotExecute);
+  _exit(error == ENOENT ? ExitNotFound : ExitCannotExecute);
 }
 
 /// The children of this process; /proc/PID/task/TID/children would say it, where kernels have it.
-std::vector<pid_t> Children() {
+std::vector<pid_t> children() {
   std::vector<pid_t> children;
   const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
   if (!processes) return children;
@@ -71,7 +71,7 @@ std::vector<pid_t> Children() {
 }
 
 /// @return whether there are none left.
-bool Reap() {
+bool reap() {
   pid_t ended = 0;
   do {
     ended = waitpid(-1, nullptr, WNOHANG);
@@ -81,12 +81,12 @@ bool Reap() {
 
 }  // namespace
 
-bool EndWithParent() {
+bool endWithParent() {
   const pid_t parent = getppid();
   return prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && getppid() == parent;
 }
 
-pid_t Start(const Launch& launch) {
+pid_t start(const Launch& launch) {
   std::vector<char*> arguments;
   for (const std::string& argument : launch.arguments) {
     arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -95,37 +95,37 @@ pid_t Start(const Launch& launch) {
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
-  if (child == 0) Become(launch, arguments.data(), parent);
+  if (child == 0) become(launch, arguments.data(), parent);
   return child;
 }
 
-int ExitStatus(int waitStatus) {
-  constexpr int kSignalled = 128;
-  return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : kSignalled + WTERMSIG(waitStatus);
+int exitStatus(int waitStatus) {
+  constexpr int Signalled = 128;
+  return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : Signalled + WTERMSIG(waitStatus);
 }
 
-int Run(const Launch& launch) {
-  const pid_t child = Start(launch);
+int run(const Launch& launch) {
+  const pid_t child = start(launch);
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "waitpid");
   }
-  return ExitStatus(status);
+  return exitStatus(status);
 }
 
-void AdoptOrphans() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+void adoptOrphans() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
 
-void EndAllChildren(std::chrono::milliseconds patience) {
-  constexpr auto kStep = std::chrono::milliseconds(10);
+void endAllChildren(std::chrono::milliseconds patience) {
+  constexpr auto Step = std::chrono::milliseconds(10);
   const auto patienceEnds = std::chrono::steady_clock::now() + patience;
   std::vector<pid_t> asked;
   // Ends: what is killed does not come back, and its children are killed in the next turn. Without
   // /proc none is found; they then die with this process.
-  while (!Reap()) {
+  while (!reap()) {
     const bool kill = std::chrono::steady_clock::now() >= patienceEnds;
-    const std::vector<pid_t> children = Children();
-    if (children.empty() && kill) return;
-    for (const pid_t child : children) {
+    const std::vector<pid_t> left = children();
+    if (left.empty() && kill) return;
+    for (const pid_t child : left) {
       if (kill) {
         ::kill(child, SIGKILL);
       } else if (std::ranges::find(asked, child) == asked.end()) {
@@ -133,7 +133,7 @@ void EndAllChildren(std::chrono::milliseconds patience) {
         asked.push_back(child);
       }
     }
-    std::this_thread::sleep_for(kStep);
+    std::this_thread::sleep_for(Step);
   }
 }
 

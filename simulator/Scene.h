@@ -22,16 +22,16 @@ class IpAddress {
   IpAddress() = default;
 
   /// @return none when the text is not an address.
-  static std::optional<IpAddress> Parse(std::string_view text);
+  static std::optional<IpAddress> parse(std::string_view text);
   /// From the bytes of a packet: 4 or 16 of them.
-  static IpAddress FromV4(const unsigned char* bytes);
-  static IpAddress FromV6(const unsigned char* bytes);
+  static IpAddress fromV4(const unsigned char* bytes);
+  static IpAddress fromV6(const unsigned char* bytes);
 
-  bool IsV4() const;
-  std::string Text() const;
-  const std::array<unsigned char, 16>& Bytes() const { return m_bytes; }
+  bool isV4() const;
+  std::string text() const;
+  const std::array<unsigned char, 16>& bytes() const { return m_bytes; }
   /// Fills in a socket address. @return its length.
-  socklen_t ToSocketAddress(std::uint16_t port, sockaddr_storage& result) const;
+  socklen_t toSocketAddress(std::uint16_t port, sockaddr_storage& result) const;
 
   auto operator<=>(const IpAddress&) const = default;
 
@@ -116,10 +116,10 @@ struct Scene {
 
   /// Adds one line, its words separated by blanks or commas. An empty one adds nothing.
   /// @throws SceneError.
-  void AddLine(std::string_view line);
+  void addLine(std::string_view line);
 
   /// Adds the lines of a file. @throws SceneError with file and line.
-  void AddFile(const std::string& path);
+  void addFile(const std::string& path);
 };
 
 }  // namespace simulator

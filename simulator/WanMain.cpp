@@ -28,13 +28,13 @@ namespace {
 using namespace simulator;
 using namespace std::chrono_literals;
 
-constexpr int kUsage = 2;
+constexpr int Usage = 2;
 /// What automake and ctest take as "skipped".
-constexpr int kExitNotPermitted = 77;
+constexpr int ExitNotPermitted = 77;
 
 /// Thousands of gateways with certificates are ready within one second.
-constexpr auto kServersStartLimit = 30s;
-constexpr auto kEndPatience = 2s;
+constexpr auto ServersStartLimit = 30s;
+constexpr auto EndPatience = 2s;
 
 struct Options {
   std::string config;
@@ -46,7 +46,7 @@ struct Options {
   std::vector<std::string> command;
 };
 
-FileDescriptor BlockSignals() {
+FileDescriptor blockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&signals, signal);
@@ -56,18 +56,18 @@ FileDescriptor BlockSignals() {
 
 /// Whoever leaves the room, no child stays.
 struct ChildrenEnd {
-  ~ChildrenEnd() { EndAllChildren(kEndPatience); }
+  ~ChildrenEnd() { endAllChildren(EndPatience); }
 };
 
 /// On a busy machine packets must not wait for a processor: that would be a delay of the machine
 /// and not of the network. Where it is not permitted the network is as exact as the machine is
 /// idle.
-void TakePrecedence() {
+void takePrecedence() {
   sched_param priority{};
   priority.sched_priority = sched_get_priority_min(SCHED_RR);
-  constexpr int kHighest = -20;
+  constexpr int Highest = -20;
   if (sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority) != 0) {
-    setpriority(PRIO_PROCESS, 0, kHighest);
+    setpriority(PRIO_PROCESS, 0, Highest);
   }
 }
 
@@ -80,13 +80,13 @@ class Wan {
 
  private:
   void StartServers();
-  void Watch(int fd);
-  bool HandleSignals(int& status);
-  void DrainServers();
-  bool Read(Direction direction);
-  void Forward();
-  int Carry();
-  void PrintStatistics() const;
+  void watch(int fd);
+  bool handleSignals(int& status);
+  void drainServers();
+  bool read(Direction direction);
+  void forward();
+  int carry();
+  void printStatistics() const;
 
   const Options& m_options;
   FileDescriptor m_signals;
@@ -102,23 +102,23 @@ class Wan {
 
 Wan::Wan(const Options& options, const Scene& scene)
     : m_options(options),
-      m_signals(BlockSignals()),
-      m_network(Network::Make(scene)),
+      m_signals(blockSignals()),
+      m_network(Network::make(scene)),
       m_line(scene, options.seed),
       m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
-  HideOtherNames(scene);
-  AdoptOrphans();
+  hideOtherNames(scene);
+  adoptOrphans();
   for (const int fd :
-       {m_signals.Get(), m_network.gatewayTun.Get(), m_network.clientTun.Get(), m_alarm.Fd()}) {
-    Watch(fd);
+       {m_signals.get(), m_network.gatewayTun.get(), m_network.clientTun.get(), m_alarm.fd()}) {
+    watch(fd);
   }
 }
 
-void Wan::Watch(int fd) {
+void Wan::watch(int fd) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = fd;
-  if (epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+  if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
     throw std::system_error(errno, std::generic_category(), "epoll_ctl");
   }
 }
@@ -127,10 +127,10 @@ int Wan::Run() {
   if (!m_options.servers.empty()) StartServers();
   Launch launch;
   launch.arguments = m_options.command;
-  m_command = Start(launch);
-  TakePrecedence();
-  const int status = Carry();
-  if (m_options.statistics) PrintStatistics();
+  m_command = start(launch);
+  takePrecedence();
+  const int status = carry();
+  if (m_options.statistics) printStatistics();
   return status;
 }
 
@@ -142,19 +142,19 @@ void Wan::StartServers() {
   }
   m_serversOutput = FileDescriptor(ends[0]);
   FileDescriptor writeEnd(ends[1]);
-  fcntl(writeEnd.Get(), F_SETFL, 0);
+  fcntl(writeEnd.get(), F_SETFL, 0);
   Launch launch;
   launch.arguments = {"/bin/sh", "-c", "exec " + m_options.servers};
-  launch.networkNamespace = m_network.gatewayNamespace.Get();
-  launch.standardOutput = writeEnd.Get();
-  m_servers = Start(launch);
-  writeEnd.Close();
+  launch.networkNamespace = m_network.gatewayNamespace.get();
+  launch.standardOutput = writeEnd.get();
+  m_servers = start(launch);
+  writeEnd.close();
 
-  const auto limit = Clock::now() + kServersStartLimit;
+  const auto limit = Clock::now() + ServersStartLimit;
   std::string output = "\n";
   while (output.find("\nready\n") == std::string::npos) {
     std::array<char, 4096> buffer;
-    const ssize_t count = read(m_serversOutput.Get(), buffer.data(), buffer.size());
+    const ssize_t count = ::read(m_serversOutput.get(), buffer.data(), buffer.size());
     if (count > 0) {
       output.append(buffer.data(), static_cast<std::size_t>(count));
     } else if (count == 0) {
@@ -164,42 +164,42 @@ void Wan::StartServers() {
     } else {
       signalfd_siginfo signal;
       const bool interrupted =
-          read(m_signals.Get(), &signal, sizeof signal) > 0 && signal.ssi_signo != SIGCHLD;
+          ::read(m_signals.get(), &signal, sizeof signal) > 0 && signal.ssi_signo != SIGCHLD;
       if (interrupted) throw std::runtime_error("interrupted");
-      pollfd waiting{m_serversOutput.Get(), POLLIN, 0};
+      pollfd waiting{m_serversOutput.get(), POLLIN, 0};
       poll(&waiting, 1, 50);
     }
   }
-  Watch(m_serversOutput.Get());
+  watch(m_serversOutput.get());
 }
 
 /// Carries packets until the command has ended. @return its status.
-int Wan::Carry() {
+int Wan::carry() {
   int status = 0;
   bool more = false;
   while (true) {
-    Forward();
-    m_alarm.Set(m_line.NextDue());
+    forward();
+    m_alarm.set(m_line.nextDue());
     std::array<epoll_event, 8> events;
-    const int count = epoll_wait(m_epoll.Get(), events.data(), events.size(), more ? 0 : -1);
+    const int count = epoll_wait(m_epoll.get(), events.data(), events.size(), more ? 0 : -1);
     if (count < 0 && errno != EINTR) {
       throw std::system_error(errno, std::generic_category(), "epoll_wait");
     }
     for (int i = 0; i < count; ++i) {
       const int fd = events[static_cast<std::size_t>(i)].data.fd;
-      if (fd == m_alarm.Fd()) m_alarm.Acknowledge();
-      if (fd == m_signals.Get() && HandleSignals(status)) return status;
-      if (fd == m_serversOutput.Get()) DrainServers();
+      if (fd == m_alarm.fd()) m_alarm.acknowledge();
+      if (fd == m_signals.get() && handleSignals(status)) return status;
+      if (fd == m_serversOutput.get()) drainServers();
     }
-    more = Read(Direction::ToGateways);
-    more = Read(Direction::ToClients) || more;
+    more = read(Direction::ToGateways);
+    more = read(Direction::ToClients) || more;
   }
 }
 
 /// @return whether the command has ended, and then its status.
-bool Wan::HandleSignals(int& status) {
+bool Wan::handleSignals(int& status) {
   signalfd_siginfo signal;
-  while (read(m_signals.Get(), &signal, sizeof signal) == sizeof signal) {
+  while (::read(m_signals.get(), &signal, sizeof signal) == sizeof signal) {
     // The terminal has sent its own to the command as well.
     const bool fromTerminal = signal.ssi_signo == SIGINT && signal.ssi_code == SI_KERNEL;
     if (signal.ssi_signo != SIGCHLD && !fromTerminal) {
@@ -211,7 +211,7 @@ bool Wan::HandleSignals(int& status) {
   while ((ended = waitpid(-1, &waitStatus, WNOHANG)) > 0) {
     if (ended == m_servers) std::cerr << "ahs-wan: the servers have ended\n";
     if (ended == m_command) {
-      status = ExitStatus(waitStatus);
+      status = exitStatus(waitStatus);
       return true;
     }
   }
@@ -219,36 +219,36 @@ bool Wan::HandleSignals(int& status) {
 }
 
 /// What servers print is of no interest once they are ready, but they must not wait for a reader.
-void Wan::DrainServers() {
+void Wan::drainServers() {
   std::array<char, 4096> buffer;
-  if (read(m_serversOutput.Get(), buffer.data(), buffer.size()) == 0) m_serversOutput.Close();
+  if (::read(m_serversOutput.get(), buffer.data(), buffer.size()) == 0) m_serversOutput.close();
 }
 
 /// @return whether there may be more to read.
-bool Wan::Read(Direction direction) {
+bool Wan::read(Direction direction) {
   // Few at a time, so that packets that become due meanwhile do not wait for a burst.
-  constexpr int kMostAtOnce = 32;
+  constexpr int MostAtOnce = 32;
   const int tun =
-      direction == Direction::ToGateways ? m_network.clientTun.Get() : m_network.gatewayTun.Get();
+      direction == Direction::ToGateways ? m_network.clientTun.get() : m_network.gatewayTun.get();
   std::array<unsigned char, 65'536> buffer;
-  for (int i = 0; i < kMostAtOnce; ++i) {
-    const ssize_t length = read(tun, buffer.data(), buffer.size());
+  for (int i = 0; i < MostAtOnce; ++i) {
+    const ssize_t length = ::read(tun, buffer.data(), buffer.size());
     if (length <= 0) return false;
-    m_line.Accept(direction, {buffer.data(), static_cast<std::size_t>(length)}, Clock::now());
+    m_line.accept(direction, {buffer.data(), static_cast<std::size_t>(length)}, Clock::now());
   }
   return true;
 }
 
-void Wan::Forward() {
-  while (const auto packet = m_line.TakeDue(Clock::now())) {
-    const int tun = packet->direction == Direction::ToGateways ? m_network.gatewayTun.Get()
-                                                               : m_network.clientTun.Get();
+void Wan::forward() {
+  while (const auto packet = m_line.takeDue(Clock::now())) {
+    const int tun = packet->direction == Direction::ToGateways ? m_network.gatewayTun.get()
+                                                               : m_network.clientTun.get();
     // What the other side does not take is lost, as on any network.
     if (write(tun, packet->bytes.data(), packet->bytes.size()) < 0) continue;
   }
 }
 
-void Wan::PrintStatistics() const {
+void Wan::printStatistics() const {
   const DelayLine::Statistics& statistics = m_line.GetStatistics();
   const std::chrono::duration<double, std::micro> worst = statistics.worstLateness;
   const std::chrono::duration<double, std::micro> total = statistics.totalLateness;
@@ -259,7 +259,7 @@ void Wan::PrintStatistics() const {
 }
 
 /// @return -1 to go on, else the status to exit with.
-int ParseCommandLine(int argc, char** argv, Options& options) {
+int parseCommandLine(int argc, char** argv, Options& options) {
   CLI::App app("Runs a command in a network in which gateways are far away.", "ahs-wan");
   app.add_option("--config", options.config,
                  "File that describes the scene (see simulator/README.md)");
@@ -279,16 +279,16 @@ int ParseCommandLine(int argc, char** argv, Options& options) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kUsage;
+    return app.exit(error) == 0 ? 0 : Usage;
   }
   return -1;
 }
 
-Scene ReadScene(const Options& options) {
+Scene readScene(const Options& options) {
   Scene scene;
-  if (!options.config.empty()) scene.AddFile(options.config);
-  for (const std::string& path : options.paths) scene.AddLine("path " + path);
-  for (const std::string& name : options.names) scene.AddLine("name " + name);
+  if (!options.config.empty()) scene.addFile(options.config);
+  for (const std::string& path : options.paths) scene.addLine("path " + path);
+  for (const std::string& name : options.names) scene.addLine("name " + name);
   return scene;
 }
 
@@ -296,20 +296,20 @@ Scene ReadScene(const Options& options) {
 
 int main(int argc, char** argv) {
   Options options;
-  if (const int status = ParseCommandLine(argc, argv, options); status >= 0) return status;
-  if (!EndWithParent()) return kExitOwnFailure;
+  if (const int status = parseCommandLine(argc, argv, options); status >= 0) return status;
+  if (!endWithParent()) return ExitOwnFailure;
   try {
-    const Scene scene = ReadScene(options);
+    const Scene scene = readScene(options);
     Wan wan(options, scene);
     return wan.Run();
   } catch (const NotPermitted& error) {
     std::cerr << "ahs-wan: no network of its own here: " << error.what() << '\n';
-    return kExitNotPermitted;
+    return ExitNotPermitted;
   } catch (const SceneError& error) {
     std::cerr << "ahs-wan: " << error.what() << '\n';
-    return kUsage;
+    return Usage;
   } catch (const std::exception& error) {
     std::cerr << "ahs-wan: " << error.what() << '\n';
-    return kExitOwnFailure;
+    return ExitOwnFailure;
   }
 }

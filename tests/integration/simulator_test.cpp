@@ -38,19 +38,19 @@ using testing::Ge;
 using testing::HasSubstr;
 using testing::Lt;
 
-constexpr int kNotPermitted = 77;
+constexpr int NotPermitted = 77;
 
 // --- Packets ------------------------------------------------------------------------------------
 
 /// A UDP packet between the client and a gateway; the port tells flows apart, the mark packets.
-std::vector<unsigned char> MakePacket(Direction direction, const char* gateway,
+std::vector<unsigned char> makePacket(Direction direction, const char* gateway,
                                       unsigned char clientPort = 1, unsigned char mark = 0) {
   std::vector<unsigned char> packet(29, 0);
   packet[0] = 0x45;
   packet[9] = IPPROTO_UDP;
   const auto put = [&](std::size_t at, const char* address) {
-    const auto parsed = IpAddress::Parse(address);
-    std::copy_n(parsed->Bytes().begin() + 12, 4,
+    const auto parsed = IpAddress::parse(address);
+    std::copy_n(parsed->bytes().begin() + 12, 4,
                 packet.begin() + static_cast<std::vector<unsigned char>::difference_type>(at));
   };
   const bool there = direction == Direction::ToGateways;
@@ -61,124 +61,124 @@ std::vector<unsigned char> MakePacket(Direction direction, const char* gateway,
   return packet;
 }
 
-Scene SceneOf(const std::string& path) {
+Scene sceneOf(const std::string& path) {
   Scene scene;
-  scene.AddLine(path);
+  scene.addLine(path);
   return scene;
 }
 
 /// Sends packets of one flow, a microsecond apart, and returns their marks in the order they leave.
-std::vector<int> MarksAfter(DelayLine& line, int count) {
+std::vector<int> marksAfter(DelayLine& line, int count) {
   Clock::time_point now{};
   for (int i = 0; i < count; ++i) {
-    line.Accept(Direction::ToGateways,
-                MakePacket(Direction::ToGateways, "10.77.0.1", 1, static_cast<unsigned char>(i)),
+    line.accept(Direction::ToGateways,
+                makePacket(Direction::ToGateways, "10.77.0.1", 1, static_cast<unsigned char>(i)),
                 now += 1us);
   }
   std::vector<int> marks;
-  while (const auto packet = line.TakeDue(now + 1h)) marks.push_back(packet->bytes[28]);
+  while (const auto packet = line.takeDue(now + 1h)) marks.push_back(packet->bytes[28]);
   return marks;
 }
 
 TEST(DelayLine, APacketWaitsHalfTheRoundTripEachWay) {
-  DelayLine line(SceneOf("path 10.77.0.1 rtt=20.5"), 1);
+  DelayLine line(sceneOf("path 10.77.0.1 rtt=20.5"), 1);
   const Clock::time_point now{};
   for (const Direction direction : {Direction::ToGateways, Direction::ToClients}) {
-    line.Accept(direction, MakePacket(direction, "10.77.0.1"), now);
-    EXPECT_EQ(line.NextDue(), now + 10250us);
-    EXPECT_FALSE(line.TakeDue(now + 10249us));
-    const auto packet = line.TakeDue(now + 10250us);
+    line.accept(direction, makePacket(direction, "10.77.0.1"), now);
+    EXPECT_EQ(line.nextDue(), now + 10250us);
+    EXPECT_FALSE(line.takeDue(now + 10249us));
+    const auto packet = line.takeDue(now + 10250us);
     ASSERT_TRUE(packet);
     EXPECT_EQ(packet->direction, direction);
-    EXPECT_EQ(packet->bytes, MakePacket(direction, "10.77.0.1"));
+    EXPECT_EQ(packet->bytes, makePacket(direction, "10.77.0.1"));
   }
 }
 
 TEST(DelayLine, AnAddressWithoutAPathHasTheDefaultOne) {
-  Scene scene = SceneOf("path 10.77.0.1 rtt=20");
-  scene.AddLine("path default rtt=6");
+  Scene scene = sceneOf("path 10.77.0.1 rtt=20");
+  scene.addLine("path default rtt=6");
   DelayLine line(scene, 1);
-  line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.2"), {});
-  EXPECT_EQ(line.NextDue(), Clock::time_point() + 3ms);
+  line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.2"), {});
+  EXPECT_EQ(line.nextDue(), Clock::time_point() + 3ms);
 }
 
 TEST(DelayLine, ANearerGatewaysPacketOvertakesAFartherOnes) {
-  Scene scene = SceneOf("path 10.77.0.1 rtt=200");
-  scene.AddLine("path 10.77.0.2 rtt=2");
+  Scene scene = sceneOf("path 10.77.0.1 rtt=200");
+  scene.addLine("path 10.77.0.2 rtt=2");
   DelayLine line(scene, 1);
-  line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.1"), {});
-  line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.2"), {});
-  EXPECT_EQ(line.NextDue(), Clock::time_point() + 1ms);
+  line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.1"), {});
+  line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.2"), {});
+  EXPECT_EQ(line.nextDue(), Clock::time_point() + 1ms);
 }
 
 TEST(DelayLine, JitterKeepsTheOrderOfOneFlow) {
-  DelayLine line(SceneOf("path 10.77.0.1 rtt=10 jitter=10"), 1);
-  const std::vector<int> marks = MarksAfter(line, 100);
+  DelayLine line(sceneOf("path 10.77.0.1 rtt=10 jitter=10"), 1);
+  const std::vector<int> marks = marksAfter(line, 100);
   ASSERT_EQ(marks.size(), 100u);
   EXPECT_TRUE(std::is_sorted(marks.begin(), marks.end()));
 }
 
 TEST(DelayLine, JitterChangesTheOrderWhereThePathReorders) {
-  DelayLine line(SceneOf("path 10.77.0.1 rtt=10 jitter=10 reorder"), 1);
-  const std::vector<int> marks = MarksAfter(line, 100);
+  DelayLine line(sceneOf("path 10.77.0.1 rtt=10 jitter=10 reorder"), 1);
+  const std::vector<int> marks = marksAfter(line, 100);
   ASSERT_EQ(marks.size(), 100u);
   EXPECT_FALSE(std::is_sorted(marks.begin(), marks.end()));
 }
 
 TEST(DelayLine, JitterAddsItsMeanToTheRoundTripAndNeverShortensIt) {
-  DelayLine line(SceneOf("path 10.77.0.1 rtt=10 jitter=4"), 7);
-  constexpr int kPackets = 10'000;
+  DelayLine line(sceneOf("path 10.77.0.1 rtt=10 jitter=4"), 7);
+  constexpr int Packets = 10'000;
   std::chrono::nanoseconds sum{0};
-  for (int i = 0; i < kPackets; ++i) {
+  for (int i = 0; i < Packets; ++i) {
     // Far enough apart that none waits for the one before it.
     const Clock::time_point now{std::chrono::seconds(i)};
-    line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.1"), now);
-    ASSERT_GE(*line.NextDue(), now + 5ms);
-    sum += *line.NextDue() - now;
-    ASSERT_TRUE(line.TakeDue(*line.NextDue()));
+    line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.1"), now);
+    ASSERT_GE(*line.nextDue(), now + 5ms);
+    sum += *line.nextDue() - now;
+    ASSERT_TRUE(line.takeDue(*line.nextDue()));
   }
   // 5 ms and half the jitter; the mean of so many deviates by 0.02 ms.
-  EXPECT_NEAR(static_cast<double>((sum / kPackets).count()) / 1e6, 7.0, 0.1);
+  EXPECT_NEAR(static_cast<double>((sum / Packets).count()) / 1e6, 7.0, 0.1);
 }
 
 TEST(DelayLine, LossIsThatOfAPacketAndItsAnswerTogether) {
-  DelayLine line(SceneOf("path 10.77.0.1 loss=19"), 7);
-  constexpr int kPackets = 10'000;
+  DelayLine line(sceneOf("path 10.77.0.1 loss=19"), 7);
+  constexpr int Packets = 10'000;
   int answered = 0;
-  for (int i = 0; i < kPackets; ++i) {
-    line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.1"), {});
-    if (!line.TakeDue({})) continue;
-    line.Accept(Direction::ToClients, MakePacket(Direction::ToClients, "10.77.0.1"), {});
-    answered += line.TakeDue({}) ? 1 : 0;
+  for (int i = 0; i < Packets; ++i) {
+    line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.1"), {});
+    if (!line.takeDue({})) continue;
+    line.accept(Direction::ToClients, makePacket(Direction::ToClients, "10.77.0.1"), {});
+    answered += line.takeDue({}) ? 1 : 0;
   }
   // The standard deviation is 39.
   EXPECT_NEAR(answered, 8100, 200);
-  EXPECT_EQ(line.GetStatistics().lost, static_cast<unsigned int>(kPackets - answered));
+  EXPECT_EQ(line.GetStatistics().lost, static_cast<unsigned int>(Packets - answered));
 }
 
 TEST(DelayLine, AllIsLostOnAPathThatLosesAHundredPerCent) {
-  DelayLine line(SceneOf("path 10.77.0.1 loss=100"), 1);
+  DelayLine line(sceneOf("path 10.77.0.1 loss=100"), 1);
   for (int i = 0; i < 1000; ++i) {
-    line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.1"), {});
+    line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.1"), {});
   }
-  EXPECT_FALSE(line.NextDue());
+  EXPECT_FALSE(line.nextDue());
 }
 
 TEST(DelayLine, OneSeedGivesOneFateWhateverElseTravels) {
   const auto fate = [](std::uint64_t seed, bool othersTravel) {
-    Scene scene = SceneOf("path 10.77.0.1 rtt=10 jitter=10 loss=50");
-    scene.AddLine("path 10.77.0.2 loss=50");
+    Scene scene = sceneOf("path 10.77.0.1 rtt=10 jitter=10 loss=50");
+    scene.addLine("path 10.77.0.2 loss=50");
     DelayLine line(scene, seed);
     std::vector<std::chrono::nanoseconds> dues;
     for (int i = 0; i < 200; ++i) {
       const Clock::time_point now{std::chrono::seconds(i)};
       if (othersTravel) {
-        line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.2"), now);
-        line.TakeDue(now);
+        line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.2"), now);
+        line.takeDue(now);
       }
-      line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.1"), now);
-      dues.push_back(line.NextDue() ? *line.NextDue() - now : -1ns);
-      if (line.NextDue()) line.TakeDue(*line.NextDue());
+      line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.1"), now);
+      dues.push_back(line.nextDue() ? *line.nextDue() - now : -1ns);
+      if (line.nextDue()) line.takeDue(*line.nextDue());
     }
     return dues;
   };
@@ -188,22 +188,22 @@ TEST(DelayLine, OneSeedGivesOneFateWhateverElseTravels) {
 }
 
 TEST(DelayLine, WhatIsNotIpOrIsCutShortIsDropped) {
-  DelayLine line(SceneOf("path default rtt=0"), 1);
+  DelayLine line(sceneOf("path default rtt=0"), 1);
   const std::vector<std::vector<unsigned char>> packets = {{},
                                                            {0x45},
                                                            std::vector<unsigned char>(19, 0x45),
                                                            std::vector<unsigned char>(20, 0x41),
                                                            std::vector<unsigned char>(39, 0x60),
                                                            std::vector<unsigned char>(60, 0x00)};
-  for (const auto& packet : packets) line.Accept(Direction::ToGateways, packet, {});
-  EXPECT_FALSE(line.NextDue());
+  for (const auto& packet : packets) line.accept(Direction::ToGateways, packet, {});
+  EXPECT_FALSE(line.nextDue());
   EXPECT_EQ(line.GetStatistics().dropped, packets.size());
 }
 
 TEST(DelayLine, WhatItHoldsIsBounded) {
-  DelayLine line(SceneOf("path default rtt=1000"), 1);
+  DelayLine line(sceneOf("path default rtt=1000"), 1);
   for (int i = 0; i < 70'000; ++i) {
-    line.Accept(Direction::ToGateways, MakePacket(Direction::ToGateways, "10.77.0.1"), {});
+    line.accept(Direction::ToGateways, makePacket(Direction::ToGateways, "10.77.0.1"), {});
   }
   EXPECT_EQ(line.GetStatistics().dropped, 70'000u - 65'536u);
 }
@@ -212,14 +212,14 @@ TEST(DelayLine, WhatItHoldsIsBounded) {
 
 TEST(Scene, ALineMayHaveBlanksOrCommasAndAComment) {
   Scene scene;
-  scene.AddLine("path 10.77.0.1,rtt=20,loss=2.5  # to Amsterdam");
-  scene.AddLine("gateway [fd77::1]:8443 delay=1.5\tbehaviour=silent\r");
-  scene.AddLine("   # nothing else");
-  const Path& path = scene.paths.at(*IpAddress::Parse("10.77.0.1"));
+  scene.addLine("path 10.77.0.1,rtt=20,loss=2.5  # to Amsterdam");
+  scene.addLine("gateway [fd77::1]:8443 delay=1.5\tbehaviour=silent\r");
+  scene.addLine("   # nothing else");
+  const Path& path = scene.paths.at(*IpAddress::parse("10.77.0.1"));
   EXPECT_EQ(path.roundTrip, 20ms);
   EXPECT_DOUBLE_EQ(path.loss, 0.025);
   ASSERT_EQ(scene.gateways.size(), 1u);
-  EXPECT_EQ(scene.gateways[0].address.Text(), "fd77::1");
+  EXPECT_EQ(scene.gateways[0].address.text(), "fd77::1");
   EXPECT_EQ(scene.gateways[0].port, 8443);
   EXPECT_EQ(scene.gateways[0].delay, 1500us);
   EXPECT_EQ(scene.gateways[0].behaviour, "silent");
@@ -229,7 +229,7 @@ class WrongLine : public testing::TestWithParam<const char*> {};
 
 TEST_P(WrongLine, IsRefused) {
   Scene scene;
-  EXPECT_THROW(scene.AddLine(GetParam()), SceneError);
+  EXPECT_THROW(scene.addLine(GetParam()), SceneError);
 }
 
 INSTANTIATE_TEST_SUITE_P(Scene, WrongLine,
@@ -246,9 +246,9 @@ INSTANTIATE_TEST_SUITE_P(Scene, WrongLine,
 
 TEST(Scene, ANameServersAnswerHasAMannerOrAddressesOrBoth) {
   Scene scene;
-  scene.AddLine("answer A.example 10.77.0.1 fd77::1");
-  scene.AddLine("answer b.example silence");
-  scene.AddLine("answer c.example odd-name 10.77.0.1");
+  scene.addLine("answer A.example 10.77.0.1 fd77::1");
+  scene.addLine("answer b.example silence");
+  scene.addLine("answer c.example odd-name 10.77.0.1");
   EXPECT_EQ(scene.answers.at("a.example").manner, NameAnswer::Manner::Addresses);
   EXPECT_EQ(scene.answers.at("a.example").addresses.size(), 2U);
   EXPECT_EQ(scene.answers.at("b.example").manner, NameAnswer::Manner::Silence);
@@ -261,7 +261,7 @@ TEST(Scene, AWrongLineOfAFileIsReportedWithFileAndLine) {
   std::ofstream(file) << "path default rtt=1\n\nroad 10.77.0.1\n";
   Scene scene;
   try {
-    scene.AddFile(file);
+    scene.addFile(file);
     FAIL() << "accepted";
   } catch (const SceneError& error) {
     EXPECT_THAT(error.what(), HasSubstr(file + ":3: 'road'"));
@@ -281,8 +281,8 @@ class Program {
     const FileDescriptor writeEnd(ends[1]);
     Launch launch;
     launch.arguments = std::move(arguments);
-    launch.standardOutput = launch.standardError = writeEnd.Get();
-    m_pid = Start(launch);
+    launch.standardOutput = launch.standardError = writeEnd.get();
+    m_pid = start(launch);
   }
   ~Program() {
     if (m_pid == 0) return;
@@ -291,13 +291,13 @@ class Program {
   }
 
   /// Reads until the text has come, or the output has ended. @return all that has come.
-  const std::string& ReadUntil(const std::string& text) {
+  const std::string& readUntil(const std::string& text) {
     char buffer[4096];
     while (text.empty() || m_text.find(text) == std::string::npos) {
-      pollfd waiting{m_output.Get(), POLLIN, 0};
-      constexpr int kPatienceMs = 30'000;
-      if (poll(&waiting, 1, kPatienceMs) <= 0) break;
-      const ssize_t count = read(m_output.Get(), buffer, sizeof buffer);
+      pollfd waiting{m_output.get(), POLLIN, 0};
+      constexpr int PatienceMs = 30'000;
+      if (poll(&waiting, 1, PatienceMs) <= 0) break;
+      const ssize_t count = read(m_output.get(), buffer, sizeof buffer);
       if (count <= 0) break;
       m_text.append(buffer, static_cast<std::size_t>(count));
     }
@@ -305,13 +305,13 @@ class Program {
   }
 
   /// @return its exit status as a shell has it.
-  int WaitForEnd() {
+  int waitForEnd() {
     int status = 0;
     waitpid(std::exchange(m_pid, 0), &status, 0);
-    return ExitStatus(status);
+    return exitStatus(status);
   }
 
-  pid_t Pid() const { return m_pid; }
+  pid_t pid() const { return m_pid; }
 
  private:
   FileDescriptor m_output;
@@ -319,15 +319,15 @@ class Program {
   std::string m_text;
 };
 
-bool IsAlive(pid_t pid) { return kill(pid, 0) == 0 || errno != ESRCH; }
+bool isAlive(pid_t pid) { return kill(pid, 0) == 0 || errno != ESRCH; }
 
 /// Waits for a process that is not ours to be gone.
-bool EndsSoon(pid_t pid) {
+bool endsSoon(pid_t pid) {
   const auto patienceEnds = std::chrono::steady_clock::now() + 10s;
-  while (IsAlive(pid) && std::chrono::steady_clock::now() < patienceEnds) {
+  while (isAlive(pid) && std::chrono::steady_clock::now() < patienceEnds) {
     std::this_thread::sleep_for(10ms);
   }
-  return !IsAlive(pid);
+  return !isAlive(pid);
 }
 
 struct Answer {
@@ -338,7 +338,7 @@ struct Answer {
   std::string body;
 };
 
-Answer Fetch(const std::string& url, const std::string& authority,
+Answer fetch(const std::string& url, const std::string& authority,
              std::chrono::milliseconds timeout) {
   const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
   Answer answer;
@@ -365,20 +365,20 @@ class Gateways : public testing::Test {
   ~Gateways() override { std::filesystem::remove(m_authority); }
 
   /// @return where it listens, ADDRESS:PORT.
-  std::string Play(const std::string& settings, const std::string& address = "127.0.77.1") {
+  std::string play(const std::string& settings, const std::string& address = "127.0.77.1") {
     m_program = std::make_unique<Program>(std::vector<std::string>{
         AHS_GATEWAYS, "--gateway", address + ":0," + settings, "--write-ca", m_authority});
-    std::istringstream output(m_program->ReadUntil("ready\n"));
+    std::istringstream output(m_program->readUntil("ready\n"));
     std::string word;
     std::string where;
     output >> word >> where;
     EXPECT_EQ(word, "gateway");
     return where;
   }
-  Answer Get(const std::string& url) const { return Fetch(url, m_authority, 30s); }
+  Answer get(const std::string& url) const { return fetch(url, m_authority, 30s); }
 
   /// From one that does not answer.
-  Answer GetInVain(const std::string& url) const { return Fetch(url, m_authority, 1s); }
+  Answer GetInVain(const std::string& url) const { return fetch(url, m_authority, 1s); }
 
   const std::string m_authority =
       testing::TempDir() + "authority-" + std::to_string(getpid()) + ".pem";
@@ -386,52 +386,52 @@ class Gateways : public testing::Test {
 };
 
 TEST_F(Gateways, ANormalOneAnswersOverTlsWithATrustedCertificate) {
-  const Answer answer = Get("https://" + Play("behaviour=normal") + "/");
+  const Answer answer = get("https://" + play("behaviour=normal") + "/");
   EXPECT_EQ(answer.result, CURLE_OK);
   EXPECT_EQ(answer.status, 200);
 }
 
 TEST_F(Gateways, ANormalOneListensOnIpVersion6Too) {
-  const Answer answer = Get("https://" + Play("behaviour=normal", "[::1]") + "/");
+  const Answer answer = get("https://" + play("behaviour=normal", "[::1]") + "/");
   EXPECT_EQ(answer.result, CURLE_OK);
   EXPECT_EQ(answer.status, 200);
 }
 
 TEST_F(Gateways, ANormalOneTellsAPlainRequestThatThisIsATlsPort) {
-  const Answer answer = Get("http://" + Play("behaviour=normal") + "/");
+  const Answer answer = get("http://" + play("behaviour=normal") + "/");
   EXPECT_EQ(answer.result, CURLE_OK);
   EXPECT_EQ(answer.status, 400);
   EXPECT_THAT(answer.body, HasSubstr("The plain HTTP request was sent to HTTPS port"));
 }
 
 TEST_F(Gateways, TheDelayComesBeforeTheAnswerAndAfterTheHandshake) {
-  const std::string where = Play("delay=120");
-  EXPECT_GE(Get("http://" + where + "/").secondsToFirstByte, 0.120);
-  const Answer secure = Get("https://" + where + "/");
+  const std::string where = play("delay=120");
+  EXPECT_GE(get("http://" + where + "/").secondsToFirstByte, 0.120);
+  const Answer secure = get("https://" + where + "/");
   EXPECT_EQ(secure.status, 200);
   EXPECT_GE(secure.secondsToFirstByte - secure.secondsToTls, 0.120);
 }
 
 TEST_F(Gateways, ASilentOneSaysNothing) {
-  const std::string where = Play("behaviour=silent");
+  const std::string where = play("behaviour=silent");
   EXPECT_EQ(GetInVain("http://" + where + "/").result, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(GetInVain("https://" + where + "/").result, CURLE_OPERATION_TIMEDOUT);
 }
 
 TEST_F(Gateways, OneThatRefusesDoesNotListen) {
-  EXPECT_EQ(Get("http://" + Play("behaviour=refuse") + "/").result, CURLE_COULDNT_CONNECT);
+  EXPECT_EQ(get("http://" + play("behaviour=refuse") + "/").result, CURLE_COULDNT_CONNECT);
 }
 
 TEST_F(Gateways, OneThatDropsNeitherTakesConnectionsNorRefusesThem) {
-  EXPECT_EQ(GetInVain("http://" + Play("behaviour=drop") + "/").result, CURLE_OPERATION_TIMEDOUT);
+  EXPECT_EQ(GetInVain("http://" + play("behaviour=drop") + "/").result, CURLE_OPERATION_TIMEDOUT);
 }
 
 class Bombs : public Gateways, public testing::WithParamInterface<const char*> {};
 
 TEST_P(Bombs, ExpandWithoutEnd) {
-  constexpr std::size_t kFarBeyondWhatIsSent = 256UL * 1024 * 1024;
+  constexpr std::size_t FarBeyondWhatIsSent = 256UL * 1024 * 1024;
   const std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
-  const std::string url = "http://" + Play(std::string("behaviour=") + GetParam()) + "/";
+  const std::string url = "http://" + play(std::string("behaviour=") + GetParam()) + "/";
   curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl.get(), CURLOPT_PROXY, "");
   curl_easy_setopt(curl.get(), CURLOPT_ACCEPT_ENCODING, "");
@@ -439,14 +439,14 @@ TEST_P(Bombs, ExpandWithoutEnd) {
   const auto add = +[](char*, std::size_t size, std::size_t count, void* sum) {
     auto& bytes = *static_cast<std::size_t*>(sum);
     bytes += size * count;
-    return bytes < kFarBeyondWhatIsSent ? size * count : 0;
+    return bytes < FarBeyondWhatIsSent ? size * count : 0;
   };
   curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, add);
   curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &expanded);
   EXPECT_EQ(curl_easy_perform(curl.get()), CURLE_WRITE_ERROR);
   curl_off_t received = 0;
   curl_easy_getinfo(curl.get(), CURLINFO_SIZE_DOWNLOAD_T, &received);
-  EXPECT_GE(expanded, kFarBeyondWhatIsSent);
+  EXPECT_GE(expanded, FarBeyondWhatIsSent);
   EXPECT_LT(static_cast<std::size_t>(received), expanded / 100);
 }
 
@@ -456,48 +456,48 @@ INSTANTIATE_TEST_SUITE_P(That, Bombs, testing::Values("bomb-gzip", "bomb-deflate
                          });
 
 TEST_F(Gateways, OneThatClosesSaysNothingBeforeItDoes) {
-  const std::string where = Play("behaviour=closes");
-  EXPECT_EQ(Get("http://" + where + "/").result, CURLE_GOT_NOTHING);
-  EXPECT_EQ(Get("https://" + where + "/").result, CURLE_SSL_CONNECT_ERROR);
+  const std::string where = play("behaviour=closes");
+  EXPECT_EQ(get("http://" + where + "/").result, CURLE_GOT_NOTHING);
+  EXPECT_EQ(get("https://" + where + "/").result, CURLE_SSL_CONNECT_ERROR);
 }
 
 TEST_F(Gateways, OneThatResetsBreaksTheConnection) {
-  EXPECT_EQ(Get("http://" + Play("behaviour=resets") + "/").result, CURLE_RECV_ERROR);
+  EXPECT_EQ(get("http://" + play("behaviour=resets") + "/").result, CURLE_RECV_ERROR);
 }
 
 TEST_F(Gateways, OneThatTalksGarbageSpeaksNeitherHttpNorTls) {
-  const std::string where = Play("behaviour=garbage");
-  EXPECT_EQ(Get("http://" + where + "/").result, CURLE_UNSUPPORTED_PROTOCOL);
-  EXPECT_EQ(Get("https://" + where + "/").result, CURLE_SSL_CONNECT_ERROR);
+  const std::string where = play("behaviour=garbage");
+  EXPECT_EQ(get("http://" + where + "/").result, CURLE_UNSUPPORTED_PROTOCOL);
+  EXPECT_EQ(get("https://" + where + "/").result, CURLE_SSL_CONNECT_ERROR);
 }
 
 TEST_F(Gateways, OneThatDripsIsNotDoneInTime) {
-  const Answer answer = GetInVain("http://" + Play("behaviour=drip") + "/");
+  const Answer answer = GetInVain("http://" + play("behaviour=drip") + "/");
   EXPECT_EQ(answer.result, CURLE_OPERATION_TIMEDOUT);
 }
 
 TEST_F(Gateways, AnUnknownBehaviourIsAUsageError) {
   Program program({AHS_GATEWAYS, "--gateway", "127.0.77.1:0,behaviour=polite"});
-  EXPECT_THAT(program.ReadUntil(""), HasSubstr("'polite'"));
-  EXPECT_EQ(program.WaitForEnd(), 2);
+  EXPECT_THAT(program.readUntil(""), HasSubstr("'polite'"));
+  EXPECT_EQ(program.waitForEnd(), 2);
 }
 
 TEST_F(Gateways, TheyEndWhenAsked) {
-  Play("behaviour=normal");
-  kill(m_program->Pid(), SIGTERM);
-  EXPECT_EQ(m_program->WaitForEnd(), 0);
+  play("behaviour=normal");
+  kill(m_program->pid(), SIGTERM);
+  EXPECT_EQ(m_program->waitForEnd(), 0);
 }
 
 TEST_F(Gateways, TheyEndWithTheOneWhoStartedThem) {
   // The shell stays their parent, and dies without a chance to end them.
   Program shell({"/bin/sh", "-c", AHS_GATEWAYS " --gateway 127.0.77.1:0 & echo pid $! end; wait"});
-  shell.ReadUntil("ready\n");
-  const std::string& output = shell.ReadUntil(" end\n");
+  shell.readUntil("ready\n");
+  const std::string& output = shell.readUntil(" end\n");
   const pid_t gateways = std::stoi(output.substr(output.find("pid ") + 4));
-  ASSERT_TRUE(IsAlive(gateways));
-  kill(shell.Pid(), SIGKILL);
-  shell.WaitForEnd();
-  EXPECT_TRUE(EndsSoon(gateways));
+  ASSERT_TRUE(isAlive(gateways));
+  kill(shell.pid(), SIGKILL);
+  shell.waitForEnd();
+  EXPECT_TRUE(endsSoon(gateways));
 }
 
 /// Programs in a network of their own; skipped where there is none to be had.
@@ -505,15 +505,15 @@ class Wan : public testing::Test {
  protected:
   void SetUp() override {
     Program program({AHS_WAN, "--", "true"});
-    const std::string output = program.ReadUntil("");
-    const int status = program.WaitForEnd();
-    if (status == kNotPermitted) GTEST_SKIP() << output;
+    const std::string output = program.readUntil("");
+    const int status = program.waitForEnd();
+    if (status == NotPermitted) GTEST_SKIP() << output;
     ASSERT_EQ(status, 0) << output;
   }
 };
 
 /// The smallest of the times that `fping -C` printed for an address.
-double SmallestOf(const std::string& output, const std::string& address) {
+double smallestOf(const std::string& output, const std::string& address) {
   const std::size_t begin = output.find(address + " ");
   if (begin == std::string::npos) return -1;
   std::istringstream line(output.substr(begin, output.find('\n', begin) - begin));
@@ -551,22 +551,22 @@ TEST_F(Wan, PingsTakeAsLongAsConfigured) {
                    "10.77.0.2",
                    "10.77.0.3",
                    "fd77::1"});
-  const std::string output = program.ReadUntil("");
-  ASSERT_EQ(program.WaitForEnd(), 0) << output;
+  const std::string output = program.readUntil("");
+  ASSERT_EQ(program.waitForEnd(), 0) << output;
   // The smallest, so that a busy machine is not taken for a slow network.
   const auto isAbout = [](double rtt) { return AllOf(Ge(rtt - 0.1), Lt(rtt + 4)); };
-  EXPECT_THAT(SmallestOf(output, "10.77.0.1"), isAbout(5)) << output;
-  EXPECT_THAT(SmallestOf(output, "10.77.0.2"), isAbout(40.5)) << output;
-  EXPECT_THAT(SmallestOf(output, "10.77.0.3"), isAbout(200)) << output;
-  EXPECT_THAT(SmallestOf(output, "fd77::1"), isAbout(20)) << output;
+  EXPECT_THAT(smallestOf(output, "10.77.0.1"), isAbout(5)) << output;
+  EXPECT_THAT(smallestOf(output, "10.77.0.2"), isAbout(40.5)) << output;
+  EXPECT_THAT(smallestOf(output, "10.77.0.3"), isAbout(200)) << output;
+  EXPECT_THAT(smallestOf(output, "fd77::1"), isAbout(20)) << output;
 }
 
 TEST_F(Wan, NothingComesBackOverAPathThatLosesAll) {
   if (std::system("command -v fping >/dev/null") != 0) GTEST_SKIP() << "fping is not installed";
   Program program({AHS_WAN, "--path", "10.77.0.1,loss=100", "--", "fping", "-q", "-C", "2", "-p",
                    "100", "-t", "100", "10.77.0.1"});
-  EXPECT_THAT(program.ReadUntil(""), HasSubstr("10.77.0.1 : - -"));
-  EXPECT_EQ(program.WaitForEnd(), 1);
+  EXPECT_THAT(program.readUntil(""), HasSubstr("10.77.0.1 : - -"));
+  EXPECT_EQ(program.waitForEnd(), 1);
 }
 
 TEST_F(Wan, ServersAreReadyOnTheOtherSideBeforeTheCommandRuns) {
@@ -574,32 +574,32 @@ TEST_F(Wan, ServersAreReadyOnTheOtherSideBeforeTheCommandRuns) {
   Program program({AHS_WAN, "--path", "10.77.0.1,rtt=10", "--name", "one.example,10.77.0.1",
                    "--servers", AHS_GATEWAYS " --gateway 10.77.0.1:443", "--", "curl", "-sk", "-o",
                    "/dev/null", "-w", "%{http_code}", "https://one.example/"});
-  EXPECT_EQ(program.ReadUntil(""), "200");
-  EXPECT_EQ(program.WaitForEnd(), 0);
+  EXPECT_EQ(program.readUntil(""), "200");
+  EXPECT_EQ(program.waitForEnd(), 0);
 }
 
 TEST_F(Wan, NamesThatTheSceneDoesNotHaveAreUnknown) {
   Program program({AHS_WAN, "--name", "one.example,10.77.0.1", "--", "sh", "-c",
                    "getent ahostsv4 one.example | head -1; getent hosts two.example; echo $?"});
-  const std::string output = program.ReadUntil("");
-  EXPECT_EQ(program.WaitForEnd(), 0);
+  const std::string output = program.readUntil("");
+  EXPECT_EQ(program.waitForEnd(), 0);
   EXPECT_THAT(output, testing::MatchesRegex("10\\.77\\.0\\.1 +STREAM one\\.example\n2\n"));
 }
 
 TEST_F(Wan, TheCommandsExitStatusIsItsOwn) {
-  EXPECT_EQ(Program({AHS_WAN, "--", "sh", "-c", "exit 7"}).WaitForEnd(), 7);
-  EXPECT_EQ(Program({AHS_WAN, "--", "sh", "-c", "kill -9 $$"}).WaitForEnd(), 128 + SIGKILL);
-  EXPECT_EQ(Program({AHS_WAN, "--", "/no/such/command"}).WaitForEnd(), 127);
+  EXPECT_EQ(Program({AHS_WAN, "--", "sh", "-c", "exit 7"}).waitForEnd(), 7);
+  EXPECT_EQ(Program({AHS_WAN, "--", "sh", "-c", "kill -9 $$"}).waitForEnd(), 128 + SIGKILL);
+  EXPECT_EQ(Program({AHS_WAN, "--", "/no/such/command"}).waitForEnd(), 127);
 }
 
 TEST_F(Wan, ServersThatFailAreAFailureOfItsOwn) {
   Program program({AHS_WAN, "--servers", "false", "--", "echo", "never"});
-  EXPECT_EQ(program.ReadUntil(""), "ahs-wan: the servers ended before they were ready\n");
-  EXPECT_EQ(program.WaitForEnd(), 125);
+  EXPECT_EQ(program.readUntil(""), "ahs-wan: the servers ended before they were ready\n");
+  EXPECT_EQ(program.waitForEnd(), 125);
 }
 
 TEST_F(Wan, AnAddressOutOfItsRangeIsAUsageError) {
-  EXPECT_EQ(Program({AHS_WAN, "--path", "10.0.0.1", "--", "true"}).WaitForEnd(), 2);
+  EXPECT_EQ(Program({AHS_WAN, "--path", "10.0.0.1", "--", "true"}).waitForEnd(), 2);
 }
 
 TEST_F(Wan, NothingThatItStartedOutlivesIt) {
@@ -609,10 +609,10 @@ TEST_F(Wan, NothingThatItStartedOutlivesIt) {
                    "sh", "-c",
                    "(trap '' TERM; sleep 600 & echo $!); (sh -c 'echo $$; : >" + told +
                        "; exec sleep 600' &); until test -e " + told + "; do sleep 0.01; done"});
-  std::istringstream output(program.ReadUntil(""));
-  EXPECT_EQ(program.WaitForEnd(), 0);
+  std::istringstream output(program.readUntil(""));
+  EXPECT_EQ(program.waitForEnd(), 0);
   int started = 0;
-  for (pid_t pid = 0; output >> pid; ++started) EXPECT_TRUE(EndsSoon(pid)) << pid;
+  for (pid_t pid = 0; output >> pid; ++started) EXPECT_TRUE(endsSoon(pid)) << pid;
   EXPECT_EQ(started, 3);
   std::filesystem::remove(told);
 }
@@ -620,10 +620,10 @@ TEST_F(Wan, NothingThatItStartedOutlivesIt) {
 TEST_F(Wan, ItPassesOnTheRequestToEnd) {
   Program program({AHS_WAN, "--", "sh", "-c",
                    "trap 'echo asked; exit 3' TERM; echo up; while :; do sleep 0.01; done"});
-  program.ReadUntil("up\n");
-  kill(program.Pid(), SIGTERM);
-  EXPECT_EQ(program.ReadUntil(""), "up\nasked\n");
-  EXPECT_EQ(program.WaitForEnd(), 3);
+  program.readUntil("up\n");
+  kill(program.pid(), SIGTERM);
+  EXPECT_EQ(program.readUntil(""), "up\nasked\n");
+  EXPECT_EQ(program.waitForEnd(), 3);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Whole selections behind real and scripted proxies. What a client is told in each case stands in a
-// table in docs/proxies.md; each case is played here, what is observed is written as a row of the
-// table, and the two must be the same.
+// Whole selections behind real and scripted proxies. proxy_cases.md has a row for each case. The
+// test plays the case, writes what it observes as a row, and compares the two.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -66,7 +65,7 @@ Row cellsOf(const std::string& line) {
 
 /// The rows of the table of cases, by their first cells.
 std::map<std::string, Row> documentedRows() {
-  std::istringstream text(readFile(AHS_SOURCE_DIR "/docs/proxies.md"));
+  std::istringstream text(readFile(AHS_SOURCE_DIR "/tests/integration/proxy_cases.md"));
   std::map<std::string, Row> rows;
   bool inTable = false;
   for (std::string line; std::getline(text, line);) {
@@ -326,7 +325,7 @@ std::string Scene::Delivered() const {
   EXPECT_THAT(m_selection.headends, ElementsAre(m_gateway.Address()));
   const bool measured = !m_selection.Results().empty();
   EXPECT_EQ(measured ? Pings : 0, m_selection.ProbesOf(m_gateway.Where().port).size());
-  return measured ? "what was measured" : "the last gateway";
+  return measured ? "what was measured" : "the last headend";
 }
 
 /// What the run logs between the sending of the test ping and the end of the run.

@@ -1,4 +1,5 @@
-// Which value of a preference counts: the table of the documentation, row by row, with real files.
+// Which value of a preference counts: the table in precedence_cases.md, row by row, with real
+// files.
 
 #include <sstream>
 
@@ -39,16 +40,10 @@ std::vector<std::string> cellsOf(const std::string& line) {
   return cells;
 }
 
-std::vector<Row> rowsOfTheDocumentation() {
-  const std::string text = tests::readFile(AHS_SOURCE_DIR "/docs/profiles.md");
-  std::istringstream lines(text.substr(text.find("\n## Which value counts\n") + 1));
+std::vector<Row> rowsOfTheTable() {
+  std::istringstream lines(tests::readFile(AHS_SOURCE_DIR "/tests/unit/api/precedence_cases.md"));
   std::vector<Row> rows;
-  std::string line;
-  for (bool isHeading = true; std::getline(lines, line);) {
-    if (line.starts_with("## ") && !isHeading) {
-      break;
-    }
-    isHeading = false;
+  for (std::string line; std::getline(lines, line);) {
     if (line.starts_with("| `")) {
       const std::vector<std::string> cells = cellsOf(line);
       rows.push_back(
@@ -107,15 +102,14 @@ TEST_P(PreferencePrecedence, IsAsTheTableSays) {
   EXPECT_EQ(value, row.inForce) << row.text;
 }
 
-INSTANTIATE_TEST_SUITE_P(OfTheDocumentation, PreferencePrecedence,
-                         testing::ValuesIn(rowsOfTheDocumentation()),
+INSTANTIATE_TEST_SUITE_P(OfTheTable, PreferencePrecedence, testing::ValuesIn(rowsOfTheTable()),
                          [](const testing::TestParamInfo<Row>& row) {
                            return "Row" + std::to_string(row.index + 1);
                          });
 
 TEST(PreferencePrecedenceTable, HasEveryPlaceAndEveryException) {
-  // A row that is lost in the documentation would be lost here too.
-  EXPECT_EQ(rowsOfTheDocumentation().size(), 20U);
+  // A row that is lost would be a test that is lost.
+  EXPECT_EQ(rowsOfTheTable().size(), 20U);
 }
 
 TEST_F(PreferenceSettings, AreAllPlacesInTheirOrderWithFileAndLine) {

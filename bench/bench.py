@@ -107,8 +107,8 @@ def text_below(bench):
     if carried:
         mean = sum(packets * late for packets, late, _ in bench.world.lateness) / carried
         worst = max(late for _, _, late in bench.world.lateness)
-        notes.append(f"The network carried {carried:,} packets, in the mean {mean:.0f} us late, at worst "
-                     f"{worst / 1000:.1f} ms.")
+        notes.append(f"The network carried {carried:,} packets, {mean:.0f} us late in the mean, "
+                     f"{worst / 1000:.1f} ms at worst.")
     return "\n\n".join(notes)
 
 

@@ -29,12 +29,6 @@ def memory(bench):
                    f"{ours / theirs:.2f}", ours <= MOST_MIB)]
 
 
-def of_a_headend(values, counts):
-    """What one more headend costs between each two numbers of headends."""
-    pairs = list(zip(counts, values))
-    return [(b - a) / (m - n) for (n, a), (m, b) in zip(pairs, pairs[1:])]
-
-
 def bend_of(values, counts, least):
     """The number of headends after which one more costs more than it did before; none if it never does.
     What one costs is compared with the mean until then; below `least` it is not worth a word."""
@@ -65,7 +59,7 @@ def growth(bench):
     picture.draw(bench.picture, counts, panels)
     bends = {panel.name: bend_of(panel.ours, counts, panel.least) for panel in panels}
     early = [name for name, bend in bends.items() if bend is not None and bend < STRAIGHT_UNTIL]
-    bench.notes.append(describe(panels, counts, bends))
+    bench.notes.append(describe(bends))
     bench.notes.append(everything(found))
     last = found[counts[-1]]
     return [Figure(f"time, processor time, memory, threads, up to {counts[-1]:,} headends",
@@ -81,24 +75,23 @@ def summary(found, elapsed, of):
 
 def everything(found):
     """A table of all the numbers in the picture."""
-    lines = ["| headends | limit | ahs: time, processor time, memory, threads "
-             "| `curl --parallel` (300 at once) |", "|---|---|---|---|"]
+    columns = "ms, processor ms, MiB, threads"
+    lines = [f"| headends | limit, ms | ahs: {columns} | `curl --parallel` (300 at once): {columns} |",
+             "|---|---|---|---|"]
     for count, one in found.items():
-        ours = summary(one, one.median("elapsed"), "cost")
-        curl = summary(one, one.cost("elapsed", "curlCost"), "curlCost")
-        lines.append(f"| {count:,} | {one.limit:,.0f} ms | {ours} | {curl} |")
+        ours = row(one, one.median("elapsed"), "cost")
+        curl = row(one, one.cost("elapsed", "curlCost"), "curlCost")
+        lines.append(f"| {count:,} | {one.limit:,.0f} | {ours} | {curl} |")
     return "\n".join(lines)
 
 
-def describe(panels, counts, bends):
+def row(found, elapsed, of):
+    return (f"{elapsed:,.0f}, {found.cost('processor', of):,.0f}, {found.cost('peak_mib', of):.1f}, "
+            f"{found.cost('threads', of):,.0f}")
+
+
+def describe(bends):
     """Where it bends, in words."""
-    parts = []
-    for panel in panels:
-        each = ", ".join(f"{value:.2g}" for value in of_a_headend(panel.ours, counts))
-        unit = f" {panel.unit}" if panel.unit else ""
-        bend = bends[panel.name]
-        where = f"bends after {bend:,} headends" if bend else "does not bend"
-        parts.append(f"{panel.name} {where} (one more headend costs {each}{unit})")
-    steps = ", ".join(f"{n:,} to {m:,}" for n, m in zip(counts, counts[1:]))
-    return (f"Growth, from {steps} headends: " + "; ".join(parts) + f". A bend is where one more headend "
-            f"costs {BEND} times what one cost before.")
+    found = [f"{name} after {bend:,} headends" for name, bend in bends.items() if bend]
+    return (f"Bends, where one more headend costs over {BEND} times the mean before: "
+            + ("; ".join(found) or "none") + ".")

@@ -74,7 +74,7 @@ def secure(bench):
                f"at most {SECURE_TARGET:.2f} of the limit", f"{ours:,.0f} ms",
                f"limit with reuse {limit:,.0f} ms", f"{ours / limit:.3f}", ours / limit <= SECURE_TARGET),
         Figure("the same beside no reuse", "", f"{ours:,.0f} ms, processor {processor[0]:,.0f} ms",
-               f"gateways that close: {theirs:,.0f} ms (limit {limit_anew:,.0f}), "
+               f"headends that close: {theirs:,.0f} ms (limit {limit_anew:,.0f}), "
                f"processor {processor[1]:,.0f} ms", f"{ours / theirs:.2f}", None),
         Figure("error of the secure metric, median / worst", "",
                str(w.error_of(kept, [round["metrics"] for round in reused])),

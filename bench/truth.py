@@ -53,7 +53,7 @@ def busy(bench):
     ours = error["ahs"]
     bench.notes.append(
         f"With {sizes.loops} busy loops `fping`, which takes precedence over them, is off by "
-        f"{error['fping']} (median / worst of all gateways): the network stays exact.")
+        f"{error['fping']} (median / worst): the simulated network stays exact.")
     what = f"error, median / worst, {sizes.busy:,} headends, {sizes.loops} busy loops"
     figures = []
     for who, name in (("curl", "`curl --parallel`"), ("httping", "`httping`"),

@@ -58,19 +58,11 @@ def growth(bench):
     ]
     picture.draw(bench.picture, counts, panels)
     bends = {panel.name: bend_of(panel.ours, counts, panel.least) for panel in panels}
-    early = [name for name, bend in bends.items() if bend is not None and bend < STRAIGHT_UNTIL]
-    bench.notes.append(describe(bends))
+    found_bends = [f"{name} after {bend:,}" for name, bend in bends.items() if bend]
+    is_straight = all(bend is None or bend >= STRAIGHT_UNTIL for bend in bends.values())
     bench.notes.append(everything(found))
-    last = found[counts[-1]]
-    return [Figure(f"time, processor time, memory, threads, up to {counts[-1]:,} headends",
-                   f"no bend before {STRAIGHT_UNTIL:,}", summary(last, last.median("elapsed"), "cost"),
-                   f"`curl --parallel` {summary(last, last.cost('elapsed', 'curlCost'), 'curlCost')}", "",
-                   not early)]
-
-
-def summary(found, elapsed, of):
-    return (f"{elapsed:,.0f} ms, {found.cost('processor', of):,.0f} ms, "
-            f"{found.cost('peak_mib', of):.1f} MiB, {found.cost('threads', of):,.0f}")
+    return [Figure(f"bends, up to {counts[-1]:,} headends", f"none before {STRAIGHT_UNTIL:,}",
+                   "; ".join(found_bends) or "none", "", "", is_straight)]
 
 
 def everything(found):
@@ -88,10 +80,3 @@ def everything(found):
 def row(found, elapsed, of):
     return (f"{elapsed:,.0f}, {found.cost('processor', of):,.0f}, {found.cost('peak_mib', of):.1f}, "
             f"{found.cost('threads', of):,.0f}")
-
-
-def describe(bends):
-    """Where it bends, in words."""
-    found = [f"{name} after {bend:,} headends" for name, bend in bends.items() if bend]
-    return (f"Bends, where one more headend costs over {BEND} times the mean before: "
-            + ("; ".join(found) or "none") + ".")

@@ -1,4 +1,4 @@
-// The client's log. What is asked for is known from one atomic word, read first; a message is built
+// The client's log. What is asked for is known from two atomics, read first; a message is built
 // once, made legible once, and handed to all targets under one lock, so that they agree on the
 // order and a message of many lines stays in one piece. Nothing leaves a log call: no exception, no
 // changed errno. The state is never freed, so that threads may log until the process is gone.
@@ -18,10 +18,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "vpn/Common/Logging/LegibleText.h"
 #include "vpn/Common/Logging/LogFile.h"
@@ -35,20 +35,43 @@ constexpr char LinePattern[] = "%Y-%m-%d %H:%M:%S.%e %^%L%$ %t %v";
 // syslogd adds the time itself.
 constexpr char SyslogPattern[] = "%L %t %v";
 
-// Bits of `wanted`: one for each severity that a target takes, and one for the listener.
-constexpr unsigned int ErrorBit = 1;
-constexpr unsigned int WarningBit = 2;
-constexpr unsigned int InfoBit = 4;
-constexpr unsigned int TargetBits = ErrorBit | WarningBit | InfoBit;
-constexpr unsigned int ListenerBit = 8;
+// A full disk or a used-up descriptor table does not get better sooner, and trying costs time.
+constexpr std::chrono::seconds RetryInterval{1};
 
-constinit std::atomic<unsigned int> wanted{0};
+constinit std::atomic<spdlog::level::level_enum> leastLevel{spdlog::level::off};
+constinit std::atomic<bool> isHeard{false};
+
+/// Where messages are written. Calls of this are not synchronised, and neither are the sinks.
+class Outlets {
+ public:
+  explicit Outlets(const CAppLog::Targets& targets);
+
+  /// Why the file could not be opened; empty if it was.
+  const std::string& problem() const { return m_problem; }
+  bool isEmpty() const { return m_logger.sinks().empty(); }
+  void write(spdlog::level::level_enum level, const std::string& text);
+  void flush();
+
+ private:
+  void addFile();
+  void reopenFile();
+  template <class Action>
+  void perform(Action action);
+
+  const CAppLog::Targets m_targets;
+  spdlog::logger m_logger{"ahs"};
+  std::string m_problem;
+  bool m_hasFile = false;
+  bool m_fileHasFailed = false;
+  unsigned long m_lost = 0;  // messages since the file was dropped
+  std::chrono::steady_clock::time_point m_nextTry;
+};
 
 struct State {
   CManualLock listenerLock;  // taken before targetLock, if both are
   CAppLog::Listener listener AHS_GUARDED_BY(listenerLock);
   CManualLock targetLock;
-  std::unique_ptr<spdlog::logger> targets AHS_GUARDED_BY(targetLock);
+  std::unique_ptr<Outlets> targets AHS_GUARDED_BY(targetLock);
 };
 
 State& state() {
@@ -64,30 +87,6 @@ struct Origin {
   Logging::DebugImportance severity;
 };
 
-/// Leaves errno as it was: callers log between a failed call and their look at its errno.
-class KeptErrno {
- public:
-  KeptErrno() : m_errno(errno) {}
-  ~KeptErrno() { errno = m_errno; }
-  KeptErrno(const KeptErrno&) = delete;
-  KeptErrno& operator=(const KeptErrno&) = delete;
-
- private:
-  const int m_errno;
-};
-
-unsigned int bitOf(Logging::DebugImportance severity) {
-  switch (severity) {
-    case Logging::DBG_Info:
-      return InfoBit;
-    case Logging::DBG_Warning:
-      return WarningBit;
-    case Logging::DBG_Error:
-      break;
-  }
-  return ErrorBit;
-}
-
 spdlog::level::level_enum levelOf(Logging::DebugImportance severity) {
   switch (severity) {
     case Logging::DBG_Info:
@@ -100,33 +99,25 @@ spdlog::level::level_enum levelOf(Logging::DebugImportance severity) {
   return spdlog::level::err;
 }
 
-/// The bits of the severities that are let through.
-unsigned int bitsOf(const CAppLog::Targets& targets) {
-  // The bits ascend from the most important severity.
-  return targets.off ? 0 : (bitOf(targets.leastImportant) << 1U) - 1U;
+bool isWritten(Logging::DebugImportance severity) {
+  return levelOf(severity) >= leastLevel.load(std::memory_order_relaxed);
 }
 
 bool isWanted(Logging::DebugImportance severity) {
-  return (wanted.load(std::memory_order_relaxed) & (bitOf(severity) | ListenerBit)) != 0;
+  return isWritten(severity) || isHeard.load(std::memory_order_relaxed);
 }
 
 std::string expand(const char* format, va_list arguments) {
-  // Nearly every message fits, and is then formatted once.
-  char brief[512];
   va_list again;
   va_copy(again, arguments);
-  const int result = vsnprintf(brief, sizeof brief, format, arguments);
-  std::string text;
-  if (result < 0) {
-    text = std::string("message that cannot be formatted: ") + format;
-  } else if (const auto length = static_cast<std::size_t>(result); length < sizeof brief) {
-    text.assign(brief, length);
-  } else {
-    // One character too many shows that the message has to be cut.
-    text.resize(std::min(length, CAppLog::MaxMessageLength + 1));
-    vsnprintf(text.data(), text.size() + 1, format, again);
-  }
+  const int length = vsnprintf(nullptr, 0, format, again);
   va_end(again);
+  if (length < 0) {
+    return std::string("message that cannot be formatted: ") + format;
+  }
+  // One character too many shows that the message has to be cut.
+  std::string text(std::min(static_cast<std::size_t>(length), CAppLog::MaxMessageLength + 1), '\0');
+  vsnprintf(text.data(), text.size() + 1, format, arguments);
   return text;
 }
 
@@ -139,43 +130,35 @@ void tellListener(const Origin& origin, const std::string& message) {
 }
 
 void writeToTargets(const Origin& origin, const std::string& message) {
-  std::string text(origin.function);
-  text += ' ';
-  text += origin.file;
-  text += ':';
-  text += std::to_string(origin.line);
-  text += ' ';
-  text += indentContinuation(message);
-
+  const std::string text = std::string(origin.function) + ' ' + origin.file + ':' +
+                           std::to_string(origin.line) + ' ' + indentContinuation(message);
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.targetLock);
   if (log.targets != nullptr) {
-    log.targets->log(spdlog::source_loc{}, levelOf(origin.severity), text);
+    log.targets->write(levelOf(origin.severity), text);
   }
 }
 
-void deliver(const Origin& origin, std::string text) {
-  const std::string message = legible(std::move(text), CAppLog::MaxMessageLength);
-  const unsigned int now = wanted.load(std::memory_order_relaxed);
-  if ((now & ListenerBit) != 0) {
+/// Callers log between a failed call and their look at its errno, which is left as it was.
+template <class MakeText>
+void deliver(const Origin& origin, MakeText makeText) {
+  const int keptErrno = errno;
+  try {
+    const std::string message = legible(makeText(), CAppLog::MaxMessageLength);
     try {
-      tellListener(origin, message);
+      if (isHeard.load(std::memory_order_relaxed)) {
+        tellListener(origin, message);
+      }
     } catch (const std::exception&) {
       // A listener's trouble is not the logging thread's, and the targets still get the message.
     }
-  }
-  if ((now & bitOf(origin.severity)) != 0) {
-    writeToTargets(origin, message);
-  }
-}
-
-void logFormatted(const Origin& origin, const char* format, va_list arguments) {
-  const KeptErrno keptErrno;
-  try {
-    deliver(origin, expand(format, arguments));
+    if (isWritten(origin.severity)) {
+      writeToTargets(origin, message);
+    }
   } catch (const std::exception&) {
     // No memory for a log line: the line is lost, the caller goes on.
   }
+  errno = keptErrno;
 }
 
 std::string returnCodeText(const char* failedCall, STATUSCODE code, int systemError,
@@ -201,46 +184,95 @@ std::unique_ptr<spdlog::formatter> formatterOf(const char* pattern, const char* 
                                                      endOfLine);
 }
 
-// None of the sinks has a lock of its own: targetLock is held around every call.
-using Sinks = std::vector<spdlog::sink_ptr>;
-
-void addTerminal(Sinks& sinks) {
+spdlog::sink_ptr makeTerminal() {
   const char* const noColor = getenv("NO_COLOR");
   const bool plain = noColor != nullptr && *noColor != '\0';
   auto sink = std::make_shared<spdlog::sinks::ansicolor_stderr_sink_st>(
       plain ? spdlog::color_mode::never : spdlog::color_mode::automatic);
   sink->set_formatter(formatterOf(LinePattern, "\n"));
-  sinks.push_back(std::move(sink));
+  return sink;
 }
 
-void addSyslog(Sinks& sinks) {
+spdlog::sink_ptr makeSyslog() {
   constexpr bool withFormat = true;
   auto sink = std::make_shared<spdlog::sinks::syslog_sink_st>("ahs", LOG_PID, LOG_USER, withFormat);
   sink->set_formatter(formatterOf(SyslogPattern, ""));
-  sinks.push_back(std::move(sink));
+  return sink;
 }
 
-void addFile(Sinks& sinks, const CAppLog::Targets& targets) {
-  auto sink = std::make_shared<CLogFile>(targets.file, targets.fileSize, targets.fileCount);
-  sink->set_formatter(formatterOf(LinePattern, "\n"));
-  sinks.push_back(std::move(sink));
-}
-
-std::string addAll(Sinks& sinks, const CAppLog::Targets& targets) {
+Outlets::Outlets(const CAppLog::Targets& targets) : m_targets(targets) {
+  m_logger.flush_on(spdlog::level::warn);
+  // The file counts what it loses; for the others there is no better place to complain.
+  m_logger.set_error_handler([this](const std::string& problem) {
+    m_fileHasFailed = m_hasFile;
+    m_problem = problem;
+  });
   if (targets.terminal) {
-    addTerminal(sinks);
+    m_logger.sinks().push_back(makeTerminal());
   }
   if (targets.syslog) {
-    addSyslog(sinks);
+    m_logger.sinks().push_back(makeSyslog());
   }
   if (!targets.file.empty()) {
     try {
-      addFile(sinks, targets);
+      addFile();
     } catch (const std::exception& problem) {
-      return problem.what();
+      m_problem = problem.what();
     }
   }
-  return std::string();
+}
+
+void Outlets::addFile() {
+  spdlog::sink_ptr file = openLogFile(m_targets.file, m_targets.fileSize, m_targets.fileCount);
+  file->set_formatter(formatterOf(LinePattern, "\n"));
+  m_logger.sinks().push_back(std::move(file));
+  m_hasFile = true;
+}
+
+void Outlets::write(spdlog::level::level_enum level, const std::string& text) {
+  if (m_lost != 0) {
+    reopenFile();
+  }
+  perform([&] { m_logger.log(level, text); });
+}
+
+void Outlets::flush() {
+  perform([this] { m_logger.flush(); });
+}
+
+/// Drops the file with its first failure: the library's sink would write through a null stream
+/// after a rotation that could not open the new one.
+template <class Action>
+void Outlets::perform(Action action) {
+  try {
+    action();
+  } catch (const std::exception&) {
+    m_fileHasFailed = m_hasFile;  // there was no memory to tell the handler
+  }
+  if (m_fileHasFailed) {
+    m_logger.sinks().pop_back();
+    m_hasFile = false;
+    m_fileHasFailed = false;
+    m_lost = 1;
+    m_nextTry = std::chrono::steady_clock::now() + RetryInterval;
+  }
+}
+
+/// Opens the file again if it is time to, and tells how much it has missed, with the reason.
+void Outlets::reopenFile() {
+  if (std::chrono::steady_clock::now() >= m_nextTry) {
+    m_nextTry = std::chrono::steady_clock::now() + RetryInterval;
+    try {
+      const std::string note = std::to_string(m_lost) + " messages were lost: " + m_problem;
+      addFile();
+      m_lost = 0;
+      perform([&] { m_logger.log(spdlog::level::warn, note); });
+      return;
+    } catch (const std::exception&) {
+      // The next message tries again.
+    }
+  }
+  ++m_lost;
 }
 
 }  // namespace
@@ -252,7 +284,7 @@ void CAppLog::LogDebugMessage(const char* function, const char* file, unsigned i
   }
   va_list arguments;
   va_start(arguments, format);
-  logFormatted({function, file, line, severity}, format, arguments);
+  deliver({function, file, line, severity}, [&] { return expand(format, arguments); });
   va_end(arguments);
 }
 
@@ -262,13 +294,8 @@ void CAppLog::LogReturnCode(const char* function, const char* file, unsigned int
   if (!isWanted(severity)) {
     return;
   }
-  const KeptErrno keptErrno;
-  try {
-    deliver({function, file, line, severity},
-            returnCodeText(failedCall, code, systemError, extraText));
-  } catch (const std::exception&) {
-    // As in logFormatted.
-  }
+  deliver({function, file, line, severity},
+          [&] { return returnCodeText(failedCall, code, systemError, extraText); });
 }
 
 void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned int line,
@@ -279,7 +306,7 @@ void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned
   }
   va_list arguments;
   va_start(arguments, format);
-  logFormatted({function, file, line, severity}, format, arguments);
+  deliver({function, file, line, severity}, [&] { return expand(format, arguments); });
   va_end(arguments);
 }
 
@@ -289,46 +316,35 @@ std::string CAppLog::Open(const Targets& targets) {
   // First, because closing syslog(3) ends it for the whole process, and a file is open once.
   log.targets.reset();
 
-  Sinks sinks;
-  std::string problem = addAll(sinks, targets);
-  const unsigned int bits = sinks.empty() ? 0 : bitsOf(targets);
-  log.targets = std::make_unique<spdlog::logger>("ahs", sinks.begin(), sinks.end());
-  log.targets->set_level(spdlog::level::trace);
-  log.targets->flush_on(spdlog::level::warn);
-  // A file counts what it loses; for the others there is no better place to complain.
-  log.targets->set_error_handler([](const std::string&) {});
-  wanted.fetch_or(bits, std::memory_order_relaxed);
-  wanted.fetch_and(bits | ListenerBit, std::memory_order_relaxed);
-  return problem;
+  log.targets = std::make_unique<Outlets>(targets);
+  const bool isSilent = targets.off || log.targets->isEmpty();
+  leastLevel = isSilent ? spdlog::level::off : levelOf(targets.leastImportant);
+  return log.targets->problem();
 }
 
 void CAppLog::Close() {
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.targetLock);
-  wanted.fetch_and(~TargetBits, std::memory_order_relaxed);
+  leastLevel = spdlog::level::off;
   log.targets.reset();
 }
 
 void CAppLog::Flush() {
-  const KeptErrno keptErrno;
+  const int keptErrno = errno;
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.targetLock);
   if (log.targets != nullptr) {
     log.targets->flush();
   }
+  errno = keptErrno;
 }
 
 void CAppLog::SetListener(Listener listener) {
   State& log = state();
-  const bool listens = static_cast<bool>(listener);
   {
     const CAutoLockT<CManualLock> lock(log.listenerLock);
     log.listener.swap(listener);
-    if (listens) {
-      wanted.fetch_or(ListenerBit, std::memory_order_relaxed);
-    } else {
-      wanted.fetch_and(~ListenerBit, std::memory_order_relaxed);
-    }
+    isHeard = static_cast<bool>(log.listener);
   }
   // The former listener goes here, without the lock: what it holds may log as it goes.
 }

@@ -1,25 +1,21 @@
-// The log's file. The library's sink writes through a null stream after a rotation that could not
-// open the new file, so it is thrown away with the first failure and built anew later.
+// The log's file: what the library's sink does not look at before it opens one.
 
 #include "vpn/Common/Logging/LogFile.h"
 
 #include <fcntl.h>
+#include <spdlog/sinks/rotating_file_sink.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <exception>
+#include <memory>
 #include <stdexcept>
-#include <utility>
 
 #include "vpn/include/StringUtils.h"
 
 namespace {
-
-// A full disk or a used-up descriptor table does not get better sooner, and trying costs time.
-constexpr std::chrono::seconds RetryInterval{1};
 
 std::runtime_error problemWith(const std::string& path, const std::string& reason,
                                const std::string& remedy) {
@@ -59,89 +55,15 @@ void createPrivate(const std::string& path) {
   }
 }
 
-spdlog::file_event_handlers eventHandlers() {
+}  // namespace
+
+spdlog::sink_ptr openLogFile(const std::string& path, std::size_t fileSize, std::size_t fileCount) {
+  constexpr bool rotateOnOpen = false;
   spdlog::file_event_handlers handlers;
   handlers.before_open = createPrivate;
   handlers.after_open = [](const std::string&, FILE* stream) {
     fcntl(fileno(stream), F_SETFD, FD_CLOEXEC);
   };
-  return handlers;
-}
-
-}  // namespace
-
-CLogFile::CLogFile(std::string path, std::size_t fileSize, std::size_t fileCount)
-    : m_path(std::move(path)), m_fileSize(fileSize), m_fileCount(fileCount) {
-  open();
-}
-
-void CLogFile::open() {
-  constexpr bool rotateOnOpen = false;
-  auto file =
-      std::make_unique<File>(m_path, m_fileSize, m_fileCount, rotateOnOpen, eventHandlers());
-  file->set_formatter(formatter_->clone());
-  m_file = std::move(file);
-}
-
-bool CLogFile::reopen() {
-  if (std::chrono::steady_clock::now() < m_nextTry) {
-    return false;
-  }
-  try {
-    open();
-    return true;
-  } catch (const std::exception& problem) {
-    lose(problem.what());
-    return false;
-  }
-}
-
-void CLogFile::lose(const char* reason) {
-  m_file.reset();
-  if (m_lost == 0) {
-    m_reason = reason;
-  }
-  m_nextTry = std::chrono::steady_clock::now() + RetryInterval;
-}
-
-void CLogFile::reportLost() {
-  if (m_lost == 0) {
-    return;
-  }
-  const std::string text = std::to_string(m_lost) + " messages were lost: " + m_reason;
-  m_file->log(spdlog::details::log_msg("ahs", spdlog::level::warn, text));
-  m_lost = 0;
-}
-
-void CLogFile::sink_it_(const spdlog::details::log_msg& message) {
-  if (m_file == nullptr && !reopen()) {
-    ++m_lost;
-    return;
-  }
-  try {
-    reportLost();
-    m_file->log(message);
-  } catch (const std::exception& problem) {
-    lose(problem.what());
-    ++m_lost;
-  }
-}
-
-void CLogFile::flush_() {
-  if (m_file == nullptr) {
-    return;
-  }
-  try {
-    m_file->flush();
-  } catch (const std::exception& problem) {
-    lose(problem.what());
-    ++m_lost;
-  }
-}
-
-void CLogFile::set_formatter_(std::unique_ptr<spdlog::formatter> formatter) {
-  formatter_ = std::move(formatter);
-  if (m_file != nullptr) {
-    m_file->set_formatter(formatter_->clone());
-  }
+  return std::make_shared<spdlog::sinks::rotating_file_sink_st>(path, fileSize, fileCount,
+                                                                rotateOnOpen, handlers);
 }

@@ -7,6 +7,9 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <iterator>
 #include <string_view>
 
 #include "vpn/include/StringUtils.h"
@@ -21,13 +24,10 @@ constexpr std::size_t kMaxTextLength = 2048;
 constexpr std::size_t kMaxNameLength = 253;
 // IFNAMSIZ of Linux is 16 with the closing zero.
 constexpr std::size_t kMaxZoneLength = 15;
-constexpr unsigned long kMaxPort = 65535;
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-
-bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
 bool isNameCharacter(char c) {
   return isDigit(c) || isLetter(c) || c == '-' || c == '_' || c == '.' ||
@@ -70,24 +70,22 @@ std::string takeScheme(std::string_view& rest, URLPROTOCOL& protocol) {
     protocol = URLPROTOCOL_NONE;
     return {};
   }
-  const std::string scheme = CStringUtils::toLower(std::string(rest.substr(0, end)));
-  if (scheme == "http") {
-    protocol = URLPROTOCOL_HTTP;
-  } else if (scheme == "https") {
-    protocol = URLPROTOCOL_HTTPS;
-  } else if (scheme == "ldap") {
-    protocol = URLPROTOCOL_LDAP;
-  } else {
+  // In the order of the enumerators.
+  constexpr std::string_view kSchemes[] = {"http", "https", "ldap"};
+  const auto* const scheme =
+      std::find_if(std::begin(kSchemes), std::end(kSchemes), [&](std::string_view known) {
+        return CStringUtils::equalsIgnoringCase(known, rest.substr(0, end));
+      });
+  if (scheme == std::end(kSchemes)) {
     return "The part before \"://\" is no known scheme; write http, https or ldap, or leave it "
            "out.";
   }
+  protocol = static_cast<URLPROTOCOL>(scheme - std::begin(kSchemes));
   rest.remove_prefix(end + 3);
   return {};
 }
 
 std::string takeIPv6(std::string_view& rest, std::string& host) {
-  static const std::string kError =
-      "The text in brackets is no IPv6 address; write it like [2001:db8::1].";
   const std::size_t end = rest.find(']');
   if (end == std::string_view::npos) {
     return "The bracket is not closed; write an IPv6 address like [2001:db8::1].";
@@ -97,7 +95,7 @@ std::string takeIPv6(std::string_view& rest, std::string& host) {
   const std::string address(inside.substr(0, zoneAt));
   in6_addr binary{};
   if (inet_pton(AF_INET6, address.c_str(), &binary) != 1) {
-    return kError;
+    return "The text in brackets is no IPv6 address; write it like [2001:db8::1].";
   }
   host = address;
   if (zoneAt != std::string_view::npos) {
@@ -122,10 +120,9 @@ std::string takeIPv6(std::string_view& rest, std::string& host) {
 /// Whether a program that takes old spellings of IPv4 addresses reads `label`, the last of a name,
 /// as a number.
 bool isNumber(std::string_view label) {
-  if (label.starts_with("0x") || label.starts_with("0X")) {
-    return std::all_of(label.begin() + 2, label.end(), isHexDigit);
-  }
-  return std::all_of(label.begin(), label.end(), isDigit);
+  const bool isHex = label.starts_with("0x") || label.starts_with("0X");
+  return label.find_first_not_of(isHex ? "0123456789abcdefABCDEF" : "0123456789", isHex ? 2 : 0) ==
+         std::string_view::npos;
 }
 
 std::string checkName(const std::string& name) {
@@ -189,34 +186,18 @@ std::string takePort(std::string_view& rest, std::string& port) {
   if (written.empty()) {
     return {};
   }
-  const std::string_view digits =
-      written.substr(std::min(written.find_first_not_of('0'), written.size()));
-  unsigned long number = 0;
-  for (const char c : digits) {
-    if (!isDigit(c)) {
-      return kError;
-    }
-    number = std::min(number * 10 + static_cast<unsigned long>(c - '0'), kMaxPort + 1);
-  }
-  if (number == 0 || number > kMaxPort) {
+  std::uint16_t number = 0;
+  const char* const writtenEnd = written.data() + written.size();
+  const auto [numberEnd, error] = std::from_chars(written.data(), writtenEnd, number);
+  if (error != std::errc() || numberEnd != writtenEnd || number == 0) {
     return kError;
   }
-  port = digits;
+  port = std::to_string(number);
   return {};
 }
 
 std::string_view defaultPort(URLPROTOCOL protocol) {
-  switch (protocol) {
-    case URLPROTOCOL_HTTP:
-      return "80";
-    case URLPROTOCOL_LDAP:
-      return "389";
-    case URLPROTOCOL_HTTPS:
-    case URLPROTOCOL_NONE:
-    case URLPROTOCOL_UNKNOWN:
-      break;
-  }
-  return "443";
+  return protocol == URLPROTOCOL_HTTP ? "80" : protocol == URLPROTOCOL_LDAP ? "389" : "443";
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "vpn/Common/IP/HttpHeaderResponse.h"
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
 
 #include "vpn/include/StringUtils.h"
@@ -14,29 +15,24 @@ namespace {
 // A realm is shown to a person; what is longer than this was not meant for one.
 constexpr std::size_t kMaxRealmLength = 4096;
 
-constexpr std::string_view kBlanks = " \t";
-constexpr std::string_view kHeaderName = "proxy-authenticate";
+// RFC 9110, section 5.6.2: tchar.
+constexpr std::string_view kTokenCharacters =
+    "!#$%&'*+-.^_`|~0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+// RFC 9110, section 11.2: what NTLM and Negotiate put in the place of parameters, before its "=".
+constexpr std::string_view kToken68Characters =
+    "-._~+/0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
-bool isLetterOrDigit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+bool startsWithBlank(std::string_view text) {
+  return text.starts_with(' ') || text.starts_with('\t');
 }
-
-/// RFC 9110, section 5.6.2: tchar.
-bool isTokenCharacter(char c) {
-  return isLetterOrDigit(c) ||
-         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
-}
-
-bool isControl(char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; }
 
 /// Also those above 127 in UTF-8, which a terminal obeys like the others.
 bool hasControl(std::string_view text) {
   unsigned char before = 0;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (isControl(c) || (before == 0xC2U && byte >= 0x80U && byte < 0xA0U)) {
+    if (byte < ' ' || byte == 127 || (before == 0xC2U && byte >= 0x80U && byte < 0xA0U)) {
       return true;
     }
     before = byte;
@@ -44,17 +40,9 @@ bool hasControl(std::string_view text) {
   return false;
 }
 
-void skipBlanks(std::string_view& rest) {
-  rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size()));
-}
-
 std::string_view takeToken(std::string_view& rest) {
-  std::size_t length = 0;
-  while (length < rest.size() && isTokenCharacter(rest[length])) {
-    ++length;
-  }
-  const std::string_view token = rest.substr(0, length);
-  rest.remove_prefix(length);
+  const std::string_view token = rest.substr(0, rest.find_first_not_of(kTokenCharacters));
+  rest.remove_prefix(token.size());
   return token;
 }
 
@@ -102,32 +90,31 @@ bool unquote(std::string_view text, std::string& value) {
   return false;
 }
 
-/// RFC 9110, section 11.2: what NTLM and Negotiate put in the place of parameters.
 bool isToken68(std::string_view text) {
-  const auto end = std::find_if_not(text.begin(), text.end(), [](char c) {
-    return isLetterOrDigit(c) || std::string_view("-._~+/").find(c) != std::string_view::npos;
-  });
-  return end != text.begin() && std::all_of(end, text.end(), [](char c) { return c == '='; });
+  const std::size_t end = std::min(text.find_first_not_of(kToken68Characters), text.size());
+  return end != 0 && text.find_first_not_of('=', end) == std::string_view::npos;
 }
 
 /// The challenge being read. It ends where the next one starts, and only then is known to be whole.
 struct CHALLENGE {
   bool wanted = false;
   bool wellFormed = true;
-  bool hasRealm = false;
-  std::string realm;
+  std::optional<std::string> realm;
+
+  /// The realm of one that has been read to its end, if it is one that was looked for.
+  std::string usableRealm() const {
+    const bool usable =
+        wanted && wellFormed && realm && realm->size() <= kMaxRealmLength && !hasControl(*realm);
+    return usable ? *realm : std::string();
+  }
 };
 
 /// Reads `element`, a parameter, into the challenge it belongs to.
 void readParameter(std::string_view element, CHALLENGE& challenge) {
   const std::string_view name = takeToken(element);
-  skipBlanks(element);
-  if (name.empty() || !element.starts_with('=')) {
-    challenge.wellFormed = false;
-    return;
-  }
-  element.remove_prefix(1);
-  skipBlanks(element);
+  element = CStringUtils::trimmed(element);
+  const bool hasValue = !name.empty() && element.starts_with('=');
+  element = hasValue ? CStringUtils::trimmed(element.substr(1)) : std::string_view();
   std::string value;
   if (element.starts_with('"')) {
     challenge.wellFormed = unquote(element, value) && challenge.wellFormed;
@@ -137,17 +124,9 @@ void readParameter(std::string_view element, CHALLENGE& challenge) {
   }
   if (CStringUtils::equalsIgnoringCase(name, "realm")) {
     // RFC 9110, section 11.2: a parameter stands at most once in a challenge.
-    challenge.wellFormed = challenge.wellFormed && !challenge.hasRealm;
-    challenge.hasRealm = true;
+    challenge.wellFormed = challenge.wellFormed && !challenge.realm;
     challenge.realm = std::move(value);
   }
-}
-
-/// The realm of a challenge that has been read to its end, if it is one that was looked for.
-std::string usableRealm(const CHALLENGE& challenge) {
-  const bool usable = challenge.wanted && challenge.wellFormed &&
-                      challenge.realm.size() <= kMaxRealmLength && !hasControl(challenge.realm);
-  return usable ? challenge.realm : std::string();
 }
 
 /// The realm of the first challenge in the list `value` that is for `scheme` and names one.
@@ -157,8 +136,8 @@ std::string findRealm(std::string_view value, std::string_view scheme) {
     const std::string_view element = takeElement(value);
     std::string_view rest = element;
     const std::string_view token = takeToken(rest);
-    const bool blankFollows = !rest.empty() && isBlank(rest[0]);
-    skipBlanks(rest);
+    const bool blankFollows = startsWithBlank(rest);
+    rest = CStringUtils::trimmed(rest);
     // A parameter of the challenge before, or what should have been one. An empty element is
     // allowed in a list and means nothing.
     if (token.empty() || rest.starts_with('=') || (!rest.empty() && !blankFollows)) {
@@ -167,7 +146,7 @@ std::string findRealm(std::string_view value, std::string_view scheme) {
       }
       continue;
     }
-    if (std::string realm = usableRealm(challenge); !realm.empty()) {
+    if (std::string realm = challenge.usableRealm(); !realm.empty()) {
       return realm;
     }
     challenge = CHALLENGE();
@@ -176,18 +155,7 @@ std::string findRealm(std::string_view value, std::string_view scheme) {
       readParameter(rest, challenge);
     }
   }
-  return usableRealm(challenge);
-}
-
-/// The value of a line `name: value` of the header looked for.
-bool isWantedHeader(std::string_view line, std::string_view& value) {
-  const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos ||
-      !CStringUtils::equalsIgnoringCase(line.substr(0, colon), kHeaderName)) {
-    return false;
-  }
-  value = line.substr(colon + 1);
-  return true;
+  return challenge.usableRealm();
 }
 
 }  // namespace
@@ -197,23 +165,16 @@ void CHttpHeaderResponse::set(const std::string& headers) { m_headers = headers;
 // NOLINTNEXTLINE(performance-unnecessary-value-param): callers rely on the signature
 std::string CHttpHeaderResponse::getProxyAuthRealm(std::string scheme) const {
   std::string_view rest = m_headers;
-  std::string_view line = takeLine(rest);
-  while (!line.empty() || !rest.empty()) {
-    std::string_view start;
-    const bool wanted = isWantedHeader(line, start);
-    std::string value(start);
+  while (!rest.empty()) {
+    std::string line(takeLine(rest));
     // A line that starts with a blank continues the one before (obs-fold). An empty line ends a
     // head, so what follows it continues nothing.
-    const bool endsHead = line.empty();
-    line = takeLine(rest);
-    while (!endsHead && !line.empty() && isBlank(line[0])) {
-      if (wanted) {
-        value.append(" ").append(CStringUtils::trimmed(line));
-      }
-      line = takeLine(rest);
+    while (!line.empty() && startsWithBlank(rest)) {
+      line.append(" ").append(CStringUtils::trimmed(takeLine(rest)));
     }
-    if (wanted) {
-      if (std::string realm = findRealm(value, scheme); !realm.empty()) {
+    constexpr std::string_view kHeader = "proxy-authenticate:";
+    if (CStringUtils::equalsIgnoringCase(line.substr(0, kHeader.size()), kHeader)) {
+      if (std::string realm = findRealm(line.substr(kHeader.size()), scheme); !realm.empty()) {
         return realm;
       }
     }

@@ -102,12 +102,6 @@ TEST(SystemProxy, AUserAndAPasswordAreLeftOutOfAnEntryAndWipedAtTheirSource) {
   EXPECT_EQ(ProxySettingsDouble::GivenBackUnwiped(), 0U);
 }
 
-TEST(SystemProxy, AListIsBoundedInLengthAndInTheLengthOfItsEntries) {
-  EXPECT_THAT(entriesFrom(Entries(1000, "http://a:1")), SizeIs(16));
-  EXPECT_THAT(entriesFrom({std::string(2049, 'a'), std::string(2048, 'b'), "direct://"}),
-              ElementsAre(std::string(2048, 'b'), "direct://"));
-}
-
 TEST(SystemProxy, NoListIsAFailure) {
   const ProxySettingsDouble settings(
       [](const std::string&) -> Entries { throw ProxySettingsDouble::NoList(); });

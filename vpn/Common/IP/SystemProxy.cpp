@@ -11,12 +11,13 @@
 
 #include <array>
 #include <memory>
-#include <new>
 #include <string_view>
+#include <utility>
 
-#include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/GuardedCall.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/Common/Utility/Task.h"
+#include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -28,14 +29,13 @@ constexpr std::size_t kMostFactories = 4;
 // The modules are written for the stack of a main program: some run a script interpreter.
 constexpr std::size_t kStackBytes = 8UL * 1024 * 1024;
 
-// A list names one proxy or two. The length is what `URL` takes.
-constexpr std::size_t kMostEntries = 16;
-constexpr std::size_t kMostEntryBytes = 2048;
+/// One question, on a thread that who asks it need not wait for.
+class Lookup : public CThread {
+ public:
+  explicit Lookup(std::string serverUrl) : CThread(kStackBytes), url(std::move(serverUrl)) {}
+  STATUSCODE Run() override;
 
-/// One question. It belongs to the thread that asks libproxy and, until that is late, to the one
-/// that waits.
-struct LOOKUP {
-  std::string url;
+  const std::string url;
   /// Null until the thread has made it.
   pxProxyFactory* factory = nullptr;
   SystemProxy::Outcome outcome = SystemProxy::Outcome::Failed;
@@ -51,11 +51,11 @@ class Factories {
   Factories() { m_idle.fill(nullptr); }
 
   /// Takes a factory, or the right to make one, waiting until one is idle.
-  SystemProxy::Outcome Take(MonotonicClock::time_point deadline, LOOKUP& lookup);
+  SystemProxy::Outcome Take(MonotonicClock::time_point deadline, Lookup& lookup);
   /// Gives it back.
-  void End(LOOKUP& lookup);
+  void End(Lookup& lookup);
   /// Waits for the end.
-  SystemProxy::Outcome Wait(MonotonicClock::time_point deadline, LOOKUP& lookup);
+  SystemProxy::Outcome Wait(MonotonicClock::time_point deadline, Lookup& lookup);
 
  private:
   CMonitor m_lock;
@@ -65,7 +65,7 @@ class Factories {
   std::size_t m_lateCount AHS_GUARDED_BY(m_lock) = 0;
 };
 
-SystemProxy::Outcome Factories::Take(MonotonicClock::time_point deadline, LOOKUP& lookup) {
+SystemProxy::Outcome Factories::Take(MonotonicClock::time_point deadline, Lookup& lookup) {
   const CAutoLockT<CMonitor> guard(m_lock);
   while (m_idleCount == 0) {
     if (m_lateCount == kMostFactories) {
@@ -80,7 +80,7 @@ SystemProxy::Outcome Factories::Take(MonotonicClock::time_point deadline, LOOKUP
   return SystemProxy::Outcome::Found;
 }
 
-void Factories::End(LOOKUP& lookup) {
+void Factories::End(Lookup& lookup) {
   const CAutoLockT<CMonitor> guard(m_lock);
   lookup.ended = true;
   m_idle[m_idleCount++] = lookup.factory;
@@ -90,7 +90,7 @@ void Factories::End(LOOKUP& lookup) {
   m_lock.NotifyAll();
 }
 
-SystemProxy::Outcome Factories::Wait(MonotonicClock::time_point deadline, LOOKUP& lookup) {
+SystemProxy::Outcome Factories::Wait(MonotonicClock::time_point deadline, Lookup& lookup) {
   const CAutoLockT<CMonitor> guard(m_lock);
   while (!lookup.ended && MonotonicClock::now() < deadline) {
     m_lock.WaitUntil(deadline);
@@ -119,15 +119,6 @@ std::string withoutCredentials(std::string_view entry) {
   return std::string(entry.substr(0, start)).append(entry.substr(names ? at + 1 : start));
 }
 
-void keepEntries(char** list, std::vector<std::string>& entries) {
-  for (char** entry = list; *entry != nullptr && entries.size() < kMostEntries; ++entry) {
-    const std::string_view text(*entry);
-    if (text.size() <= kMostEntryBytes) {
-      entries.push_back(withoutCredentials(text));
-    }
-  }
-}
-
 void wipeAndFree(char** list) {
   for (char** entry = list; *entry != nullptr; ++entry) {
     explicit_bzero(*entry, strlen(*entry));
@@ -135,7 +126,7 @@ void wipeAndFree(char** list) {
   px_proxy_factory_free_proxies(list);
 }
 
-void ask(LOOKUP& lookup) {
+void ask(Lookup& lookup) {
   if (lookup.factory == nullptr) {
     lookup.factory = px_proxy_factory_new();
   }
@@ -145,28 +136,18 @@ void ask(LOOKUP& lookup) {
   const std::unique_ptr<char*, decltype(&wipeAndFree)> list(
       px_proxy_factory_get_proxies(lookup.factory, lookup.url.c_str()), wipeAndFree);
   if (list) {
-    keepEntries(list.get(), lookup.entries);
+    for (char** entry = list.get(); *entry != nullptr; ++entry) {
+      lookup.entries.push_back(withoutCredentials(*entry));
+    }
     lookup.outcome = SystemProxy::Outcome::Found;
   }
 }
 
-void* askOnThread(void* argument) {
-  const std::unique_ptr<std::shared_ptr<LOOKUP>> lookup(
-      static_cast<std::shared_ptr<LOOKUP>*>(argument));
+STATUSCODE Lookup::Run() {
   // What a module throws is the module's trouble: there is no answer then.
-  guardedCall([&] { ask(**lookup); }, [](const char*) {});
-  factories().End(**lookup);
-  return nullptr;
-}
-
-bool startAsking(const std::shared_ptr<LOOKUP>& lookup) {
-  std::unique_ptr<std::shared_ptr<LOOKUP>> handedOver(new (std::nothrow)
-                                                          std::shared_ptr<LOOKUP>(lookup));
-  if (!handedOver || startDetachedThread(askOnThread, handedOver.get(), kStackBytes) != 0) {
-    return false;
-  }
-  static_cast<void>(handedOver.release());  // the thread's
-  return true;
+  guardedCall([this] { ask(*this); }, [](const char*) {});
+  factories().End(*this);
+  return THREAD_SUCCESS;
 }
 
 }  // namespace
@@ -174,13 +155,13 @@ bool startAsking(const std::shared_ptr<LOOKUP>& lookup) {
 SystemProxy::Outcome SystemProxy::Find(const std::string& url, std::chrono::milliseconds limit,
                                        std::vector<std::string>& entries) {
   const MonotonicClock::time_point deadline = MonotonicClock::now() + limit;
-  const auto lookup = std::make_shared<LOOKUP>();
-  lookup->url = url;
+  const auto lookup = std::make_unique<Lookup>(url);
   Outcome outcome = factories().Take(deadline, *lookup);
   if (outcome != Outcome::Found) {
     return outcome;
   }
-  if (!startAsking(lookup)) {
+  const CTask::Scope noTask(nullptr);  // none is kept by a thread that hangs
+  if (lookup->Start() != THREAD_SUCCESS) {
     factories().End(*lookup);
     return Outcome::Failed;
   }

@@ -26,9 +26,8 @@ class SystemProxy {
   ///
   /// @param url the server's, "http://host:port/" or "https://host:port/".
   /// @param entries receives what to try, best first: "direct://" for no proxy,
-  ///        "http://host:port", other schemes as the settings have them. Not checked beyond its
-  ///        size: at most 16 entries of at most 2048 bytes, longer ones left out. A user name and
-  ///        a password in an entry are left out of it and wiped where they came from.
+  ///        "http://host:port", other schemes as the settings have them; not checked. A user name
+  ///        and a password in an entry are left out of it and wiped where they came from.
   /// @return the outcome; throws nothing but std::bad_alloc.
   static Outcome Find(const std::string& url, std::chrono::milliseconds limit,
                       std::vector<std::string>& entries);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,7 +13,7 @@ class AnswerHead {
     bool tunnel = false;
     /// The transport answers a proxy's challenge by itself.
     bool logIn = false;
-    /// The body is wanted too, if that leaves the connection ready for another request soon.
+    /// The body is wanted too, as long as it is short.
     bool body = false;
   };
 
@@ -22,7 +21,7 @@ class AnswerHead {
   explicit AnswerHead(const Expectations& expectations) : m_expects(expectations) {}
 
   /// Takes a line with its end. False when nothing more is wanted: the peer has sent too much, or
-  /// the head is complete and its body is not worth having.
+  /// the head is complete and its body is not wanted.
   bool Add(std::string_view line);
 
   /// Takes note of bytes of a body. False when nothing more is wanted.
@@ -36,18 +35,7 @@ class AnswerHead {
   std::string TakeLines() { return std::move(m_lines); }
 
  private:
-  /// What a head says of the body after it and of the connection.
-  struct Body {
-    bool persistent = false;  ///< the connection stays open
-    bool strange = false;     ///< is encoded in a way that is more than it says
-    bool chunked = false;
-    std::optional<std::size_t> length;
-  };
-
-  void beginHead(std::string_view line);
-  void takeField(std::string_view line);
   bool endOfHead();
-  bool bodyIsWorthHaving() const;
 
   Expectations m_expects;
   std::string m_lines;
@@ -59,5 +47,4 @@ class AnswerHead {
   bool m_complete = false;
   /// Of the head under way, from its first line; 0 if that has none.
   unsigned int m_status = 0;
-  Body m_body;
 };

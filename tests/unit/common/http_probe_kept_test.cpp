@@ -192,7 +192,6 @@ INSTANTIATE_TEST_SUITE_P(
                withFields("Content-Length: 99999999999999999999999\r\n")},
         ANSWER{"InManyChunks", withFields("Transfer-Encoding: chunked\r\n",
                                           chunk(9000) + chunk(9000) + "0\r\n\r\n")},
-        ANSWER{"Compressed", withFields("Content-Encoding: gzip\r\nContent-Length: 2\r\n", "ok")},
         ANSWER{"CompressedChunks",
                withFields("Transfer-Encoding: gzip, chunked\r\n", chunk(5) + "0\r\n\r\n")},
         ANSWER{"UpToTheEndOfTheConnection", withFields("", "ok")},

@@ -7,8 +7,6 @@
 
 #include <curl/curl.h>
 
-#include <algorithm>
-#include <optional>
 #include <utility>
 
 #include "vpn/Common/IP/HttpTransfer.h"
@@ -28,11 +26,6 @@ constexpr unsigned int kProxyChallenge = 407;
 /// needs no memory to set up and none to take down.
 thread_local std::shared_ptr<KeptTransfer>* keptHere = nullptr;
 
-bool isAscii(const std::string& host) {
-  return std::all_of(host.begin(), host.end(),
-                     [](char c) { return static_cast<unsigned char>(c) < 128; });
-}
-
 /// Whether a log-in failed that a password could have made: of what a proxy offers libcurl tries
 /// the strongest alone, and Negotiate without a ticket is no more than another request.
 bool passwordIsUntried(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& request) {
@@ -44,8 +37,7 @@ bool passwordIsUntried(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& reques
 
 PROBE_OUTCOME sendOnce(PROBE_REQUEST& request) {
   HttpTransfer transfer(request, false, nullptr);
-  transfer.Start(request);
-  transfer.Run(request.deadline);
+  transfer.Send(request);
   return transfer.TakeOutcome();
 }
 
@@ -65,11 +57,7 @@ PROBE_OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, PROBE_R
   if (outcome.code != CURLE_OK) {
     return outcome;
   }
-  // libcurl reads an international name in the thread's locale; one in ASCII needs nothing.
-  std::optional<Utf8Locale> utf8;
-  if (!isAscii(request.host)) {
-    utf8.emplace();
-  }
+  const Utf8Locale utf8;  // libcurl reads an international name in the thread's locale
   if (keptHere == nullptr || !request.IsDirect() || request.handshake != nullptr) {
     return sendLoggingIn(request);
   }

@@ -54,18 +54,16 @@ class HttpProbe {
   /// As long as one lives, the probes that its thread sends straight to one server go through one
   /// connection if the server lets them: a secure one pays for the TLS handshake once. It closes
   /// with this object. Probes through a proxy, probes with credentials and those of other threads
-  /// are as without it, and one within another does nothing. Outcomes stay what they are: what a
-  /// kept connection does not answer within a quarter of the time-out is asked on a fresh one too,
-  /// within the same time-out, and the first answer counts; what it loses, or does not answer with
-  /// HTTP, is asked on a fresh one. A server whose connection could not be used again once is not
-  /// asked to keep another.
+  /// are as without it, and one within another does nothing. What a kept connection loses, does not
+  /// answer with HTTP, or does not answer within a quarter of the time-out is asked on a fresh one,
+  /// within the same time-out. A server whose connection could not be used again once is not asked
+  /// to keep another.
   ///
   /// To be used again a connection has to be at the end of an answer, so the body of a short answer
-  /// (14 KiB in all) that announces its length or comes in chunks is read, when the next probe
-  /// begins. Where it is not there a round trip after its head, or is longer or compressed, or
-  /// where anything comes after it, the connection is given up; no probe waits for the body of its
-  /// own answer. Nor is a connection kept that took half of the time-out to give its first answer,
-  /// or a quarter to give any: what is left would not do for another one, should it be gone.
+  /// (14 KiB) is read when the next probe begins. Where it is not there a round trip after its
+  /// head, or is longer, or where anything comes after it, the connection is given up; no probe
+  /// waits for the body of its own answer. Nor is a connection kept that took half of the time-out
+  /// to give its first answer, or a quarter to give any: what is left would not do for another one.
   ///
   /// Lives on the stack of the thread that it is for. Where there is no memory, nothing is kept.
   class KeptConnection {

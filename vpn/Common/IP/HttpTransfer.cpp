@@ -42,6 +42,9 @@ constexpr milliseconds kMaxPoll(1000);
 constexpr milliseconds kNextAddress(10);
 constexpr milliseconds kLaterAddress(50);
 
+// How long a rival, whose connection is not waited for, may go without a look.
+constexpr milliseconds kRivalPoll(10);
+
 constexpr long long kUnknown = -1;
 
 /// The smallest round trip that the kernel saw on a connection, in microseconds.
@@ -55,16 +58,6 @@ long long smallestRoundTrip(int connection) {
     return kUnknown;
   }
   return info.tcpi_min_rtt;
-}
-
-int portOf(int connection) {
-  sockaddr_storage address{};
-  socklen_t length = sizeof address;
-  if (getsockname(connection, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    return -1;
-  }
-  // The port is at the same place in both families.
-  return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
 }
 
 /// libcurl is C, and a callback must not be thrown through.
@@ -120,19 +113,46 @@ long long HttpTransfer::sinceStart(Clock::time_point time) const {
   return std::chrono::duration_cast<microseconds>(time - m_request->start).count();
 }
 
-void HttpTransfer::Start(const PROBE_REQUEST& request) {
+bool HttpTransfer::Send(const PROBE_REQUEST& request, Clock::time_point limit,
+                        HttpTransfer* rival) {
   m_request = &request;
-  m_reused = m_socket != kNoSocket;
+  start();
+  for (;;) {
+    bool isUnderWay = false;
+    for (HttpTransfer* const one : {this, rival}) {
+      if (one != nullptr && !one->m_hasEnded) {
+        one->step();
+        isUnderWay = isUnderWay || !one->m_hasEnded;
+      }
+    }
+    if (HasAnswer() || (rival != nullptr && rival->HasAnswer()) || !isUnderWay ||
+        Clock::now() >= limit) {
+      return HasAnswer();
+    }
+    int ready = 0;
+    const milliseconds longest = longestWait(limit);
+    const bool waited = wait(rival != nullptr ? std::min(longest, kRivalPoll) : longest, ready);
+    for (HttpTransfer* const one : {this, rival}) {
+      if (one != nullptr && !one->m_hasEnded && (!waited || isCancelled())) {
+        one->end(waited ? CURLE_ABORTED_BY_CALLBACK : CURLE_OUT_OF_MEMORY);
+      }
+    }
+  }
+}
+
+void HttpTransfer::start() {
   m_hasEnded = false;
+  m_outcome = PROBE_OUTCOME();
+  m_outcome.reused = m_socket != kNoSocket;
   AnswerHead::Expectations expects;
-  expects.tunnel = request.secure && request.Proxied();
-  expects.logIn = request.LogsIn();
+  expects.tunnel = m_request->secure && m_request->Proxied();
+  expects.logIn = m_request->LogsIn();
   expects.body = m_keeps;
-  m_seen = GATHERED();
-  m_seen.head = AnswerHead(expects);
+  m_head = AnswerHead(expects);
+  m_firstByteMark = 0;
   m_startedAt = Clock::now();
-  m_tlsWatch.SetEnd(request.deadline);
-  const milliseconds left = request.TimeLeft();
+  m_tlsWatch.SetEnd(m_request->deadline);
+  const milliseconds left = m_request->TimeLeft();
   set(CURLOPT_TIMEOUT_MS, static_cast<long>(left.count()));
   if (m_setup != CURLE_OK) {
     end(m_setup);
@@ -148,25 +168,6 @@ void HttpTransfer::Start(const PROBE_REQUEST& request) {
   }
 }
 
-void HttpTransfer::Run(Clock::time_point limit, HttpTransfer* rival) {
-  while (!m_hasEnded) {
-    step();
-    if (rival != nullptr && !rival->m_hasEnded) {
-      rival->step();
-    }
-    if (m_hasEnded || (rival != nullptr && rival->HasAnswer()) || Clock::now() >= limit) {
-      return;
-    }
-    int ready = 0;
-    const int other = rival == nullptr || rival->m_hasEnded ? kNoSocket : rival->m_socket;
-    if (!wait(longestWait(limit), other, ready)) {
-      end(CURLE_OUT_OF_MEMORY);
-    } else if (isCancelled()) {
-      end(CURLE_ABORTED_BY_CALLBACK);
-    }
-  }
-}
-
 /// Lets libcurl do what can be done without waiting.
 void HttpTransfer::step() {
   int running = 1;
@@ -176,7 +177,7 @@ void HttpTransfer::step() {
     end(state == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT);
   } else if (running == 0) {
     end(resultOfEnded());
-  } else if (m_keeps && m_seen.head.IsComplete()) {
+  } else if (m_keeps && m_head.IsComplete()) {
     m_headAt = Clock::now();
     end(CURLE_OK);  // the body is for later
   }
@@ -184,8 +185,8 @@ void HttpTransfer::step() {
 
 void HttpTransfer::end(unsigned int code) {
   m_hasEnded = true;
-  m_code = code;
-  m_seen.endedUs = now();
+  m_outcome.code = code;
+  m_outcome.endedUs = now();
 }
 
 /// The result of a transfer that libcurl has ended. Once the head is complete, what becomes of the
@@ -194,41 +195,35 @@ unsigned int HttpTransfer::resultOfEnded() {
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(m_multi.get(), &left);
   const CURLcode result = message != nullptr ? message->data.result : CURLE_OUT_OF_MEMORY;
-  if (m_tlsWatch.IsLate() && !m_seen.head.IsComplete()) {
+  if (m_tlsWatch.IsLate() && !m_head.IsComplete()) {
     return CURLE_OPERATION_TIMEDOUT;
   }
   const bool isBodys = m_keeps || result == CURLE_WRITE_ERROR;
-  return m_seen.head.IsComplete() && isBodys ? CURLE_OK : result;
+  return m_head.IsComplete() && isBodys ? CURLE_OK : result;
 }
 
 /// The first byte's time is taken on the clock that the request's is taken on: a difference of two
 /// clocks that start one after the other would be too small by what lies between their starts.
 void HttpTransfer::noteFirstByte() {
   const auto mark = get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T);
-  if (mark != m_seen.firstByteMark) {
-    m_seen.firstByteMark = mark;
-    m_seen.firstByteUs = now();
+  if (mark != m_firstByteMark) {
+    m_firstByteMark = mark;
+    m_outcome.firstByteUs = now();
   }
 }
 
-/// Waits for the network, for another transfer's connection, or for the end of the task.
-bool HttpTransfer::wait(milliseconds longest, int otherSocket, int& ready) {
+/// Waits for the network or for the end of the task.
+bool HttpTransfer::wait(milliseconds longest, int& ready) {
   const int task = m_request->task != nullptr ? m_request->task->CancelDescriptor() : kNoSocket;
-  std::array<curl_waitfd, 2> also{};
-  unsigned int count = 0;
-  for (const int descriptor : {task, otherSocket}) {
-    if (descriptor != kNoSocket) {
-      also.at(count++) = {descriptor, CURL_WAIT_POLLIN, 0};
-    }
-  }
-  return curl_multi_poll(m_multi.get(), also.data(), count, static_cast<int>(longest.count()),
-                         &ready) == CURLM_OK;
+  curl_waitfd cancel{task, CURL_WAIT_POLLIN, 0};
+  return curl_multi_poll(m_multi.get(), &cancel, task != kNoSocket ? 1 : 0,
+                         static_cast<int>(longest.count()), &ready) == CURLM_OK;
 }
 
 milliseconds HttpTransfer::longestWait(Clock::time_point limit) const {
   const auto current = Clock::now();
   milliseconds longest = std::min(std::chrono::ceil<milliseconds>(limit - current), kMaxPoll);
-  if (m_seen.requestUs == 0) {
+  if (m_outcome.requestUs == 0) {
     const auto half = m_startedAt + (m_request->deadline - m_startedAt) / 2;
     const auto toHalf = std::chrono::ceil<milliseconds>(half - current) + milliseconds(1);
     longest = std::min(longest, m_lost ? kNextAddress : current > half ? kLaterAddress : toHalf);
@@ -260,7 +255,7 @@ void HttpTransfer::fetchBody() {
   while ((left.count() > 0 || ready > 0) && !isCancelled() &&
          curl_multi_perform(m_multi.get(), &running) == CURLM_OK && running != 0) {
     left = std::max(std::chrono::ceil<milliseconds>(end - Clock::now()), milliseconds());
-    if (!wait(left, kNoSocket, ready)) {
+    if (!wait(left, ready)) {
       break;
     }
   }
@@ -276,60 +271,52 @@ void HttpTransfer::detach() {
 }
 
 PROBE_OUTCOME HttpTransfer::TakeOutcome() {
-  PROBE_OUTCOME outcome;
-  outcome.code = m_code;
   if (m_easy) {
     dropCredentials(m_easy.get());
-    outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
-    outcome.tunnelStatus = get<long>(CURLINFO_HTTP_CONNECTCODE);
-    outcome.offeredLogIns = get<long>(CURLINFO_PROXYAUTH_AVAIL);
-    outcome.osError = get<long>(CURLINFO_OS_ERRNO);
+    m_outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
+    m_outcome.tunnelStatus = get<long>(CURLINFO_HTTP_CONNECTCODE);
+    m_outcome.offeredLogIns = get<long>(CURLINFO_PROXYAUTH_AVAIL);
+    m_outcome.osError = get<long>(CURLINFO_OS_ERRNO);
     if (const char* address = get<const char*>(CURLINFO_PRIMARY_IP); address != nullptr) {
-      outcome.address = address;
+      m_outcome.address = address;
     }
     curl_header* location = nullptr;
     constexpr int kLastRequest = -1;
     if (curl_easy_header(m_easy.get(), "Location", 0, CURLH_HEADER, kLastRequest, &location) ==
         CURLHE_OK) {
-      outcome.location = location->value;
+      m_outcome.location = location->value;
     }
-    collectTimes(outcome);
+    collectTimes();
   }
-  outcome.reused = m_reused;
-  outcome.clientCertificateAsked = m_tlsWatch.IsClientCertificateAsked();
-  outcome.headers = m_seen.head.TakeLines();
-  outcome.request = std::move(m_seen.request);
+  m_outcome.clientCertificateAsked = m_tlsWatch.IsClientCertificateAsked();
+  m_outcome.headers = m_head.TakeLines();
   if (!(HasAnswer() && m_keeps)) {
     detach();
   }
-  return outcome;
+  return std::move(m_outcome);
 }
 
-void HttpTransfer::collectTimes(PROBE_OUTCOME& outcome) {
-  outcome.requestUs = m_seen.requestUs;
-  outcome.firstByteUs = m_seen.firstByteUs;
-  outcome.tlsStartUs = m_seen.tlsStartUs;
-  outcome.endedUs = m_seen.endedUs;
-  if (!m_reused) {
+void HttpTransfer::collectTimes() {
+  if (!m_outcome.reused) {
     const long long before = sinceStart(m_startedAt);
     const auto connected = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);
     const auto secured = get<curl_off_t>(CURLINFO_APPCONNECT_TIME_T);
-    outcome.connectUs = connected == 0 ? 0 : connected + before;
-    outcome.tlsUs = secured == 0 ? 0 : secured + before;
+    m_outcome.connectUs = connected == 0 ? 0 : connected + before;
+    m_outcome.tlsUs = secured == 0 ? 0 : secured + before;
     // Some versions count the handshake into the time to connect, and give none where it failed.
-    if (m_seen.tlsStartUs > 0 &&
-        (outcome.connectUs == 0 || outcome.connectUs > m_seen.tlsStartUs)) {
-      outcome.connectUs = m_seen.tlsStartUs;
+    if (m_outcome.tlsStartUs > 0 &&
+        (m_outcome.connectUs == 0 || m_outcome.connectUs > m_outcome.tlsStartUs)) {
+      m_outcome.connectUs = m_outcome.tlsStartUs;
     }
-    outcome.openedUs = m_openedUs;
-    m_tookUs = std::max(outcome.connectUs - m_openedUs, 0LL);
+    m_outcome.openedUs = m_openedUs;
+    m_tookUs = std::max(m_outcome.connectUs - m_openedUs, 0LL);
   }
-  outcome.connectTookUs = m_tookUs;
+  m_outcome.connectTookUs = m_tookUs;
   // A connection that is open is asked now; one that has closed was asked as it did.
   if (m_socket != kNoSocket) {
     m_rttUs = smallestRoundTrip(m_socket);
   }
-  outcome.networkRttUs = m_rttUs;
+  m_outcome.networkRttUs = m_rttUs;
 }
 
 void HttpTransfer::setUpCallbacks() {
@@ -337,14 +324,14 @@ void HttpTransfer::setUpCallbacks() {
       CURLOPT_HEADERFUNCTION, +[](char* data, std::size_t size, std::size_t count, void* self) {
         const std::string_view line(data, size * count);
         return unlessThrown(std::size_t{0}, [&] {
-          return static_cast<HttpTransfer*>(self)->m_seen.head.Add(line) ? line.size() : 0;
+          return static_cast<HttpTransfer*>(self)->m_head.Add(line) ? line.size() : 0;
         });
       });
   set(CURLOPT_HEADERDATA, this);
   set(
       CURLOPT_WRITEFUNCTION, +[](char*, std::size_t size, std::size_t count, void* self) {
         const std::size_t length = size * count;
-        return static_cast<HttpTransfer*>(self)->m_seen.head.AddBody(length) ? length : 0;
+        return static_cast<HttpTransfer*>(self)->m_head.AddBody(length) ? length : 0;
       });
   set(CURLOPT_WRITEDATA, this);
   set(
@@ -359,15 +346,15 @@ void HttpTransfer::setUpCallbacks() {
       });
   set(CURLOPT_CLOSESOCKETDATA, this);
   set(
-      CURLOPT_PREREQFUNCTION, +[](void* self, char*, char*, int, int localPort) {
-        static_cast<HttpTransfer*>(self)->noteRequest(localPort);
+      CURLOPT_PREREQFUNCTION, +[](void* self, char*, char*, int, int) {
+        static_cast<HttpTransfer*>(self)->noteRequest();
         return CURL_PREREQFUNC_OK;
       });
   set(CURLOPT_PREREQDATA, this);
   set(
       CURLOPT_SSL_CTX_FUNCTION, +[](CURL*, void* context, void* self) {
         HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
-        transfer.m_seen.tlsStartUs = transfer.now();
+        transfer.m_outcome.tlsStartUs = transfer.now();
         return unlessThrown(CURLE_OUT_OF_MEMORY, [&] {
           const bool done = transfer.m_tlsWatch.Attach(static_cast<SSL_CTX*>(context),
                                                        transfer.m_request->handshake);
@@ -384,7 +371,7 @@ void HttpTransfer::setUpTelling() {
       +[](CURL*, curl_infotype type, char* data, std::size_t size, void* self) {
         return unlessThrown(0, [&] {
           if (type == CURLINFO_HEADER_OUT) {
-            static_cast<HttpTransfer*>(self)->m_seen.request.assign(data, size);
+            static_cast<HttpTransfer*>(self)->m_outcome.request.assign(data, size);
           }
           return 0;
         });
@@ -396,7 +383,7 @@ void HttpTransfer::setUpTelling() {
 /// The host may start programs at any moment: a connection is none of theirs, and would stay open
 /// as long as they run. A request that a kept connection loses is not libcurl's to send again.
 int HttpTransfer::open(int family, int type, int protocol) {
-  if (m_reused) {
+  if (m_outcome.reused) {
     return kNoSocket;
   }
   if (m_openedUs == 0) {
@@ -432,15 +419,14 @@ int HttpTransfer::close(int connection) {
 /// A connection, new or kept, is ready for the request. libcurl takes its own time once the request
 /// is sent: a thread that was held up in between would find the answer there already, and a busy
 /// machine would make a server the nearest.
-void HttpTransfer::noteRequest(int localPort) {
-  if (m_seen.requestUs == 0) {
-    m_seen.requestUs = now();
+void HttpTransfer::noteRequest() {
+  if (m_outcome.requestUs == 0) {
+    m_outcome.requestUs = now();
   }
-  // Only a finished transfer knows its socket.
-  const auto* const found = std::find_if(m_opened.begin(), m_opened.end(), [localPort](int socket) {
-    return portOf(socket) == localPort;
-  });
-  m_socket = found == m_opened.end() ? kNoSocket : *found;
+  // Only a finished transfer knows its socket; those that lost the race have closed by now.
+  const auto* const open =
+      std::find_if(m_opened.begin(), m_opened.end(), [](int one) { return one != kNoSocket; });
+  m_socket = open == m_opened.end() ? kNoSocket : *open;
   const auto* tls = get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
   m_tls = m_request->secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
 }

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <string>
 
 #include "vpn/Common/IP/AnswerHead.h"
 #include "vpn/Common/IP/ProbeOutcome.h"
@@ -28,15 +27,13 @@ class HttpTransfer {
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-  /// Begins to send a request of the same target, which outlives it.
-  void Start(const PROBE_REQUEST& request);
-
-  /// Goes on until the request has ended, until `limit`, or until a rival, which goes on meanwhile,
-  /// has its answer. A request ends with the head of its answer, or within its time-out.
-  void Run(Clock::time_point limit, HttpTransfer* rival = nullptr);
-  bool HasEnded() const { return m_hasEnded; }
-  bool HasAnswer() const { return m_hasEnded && m_code == 0; }
-  /// What came of a request that has ended. To be called once.
+  /// Sends a request of the same target, which outlives it, until the head of its answer has come,
+  /// it has failed or timed out, or `limit` has passed. A rival whose limit had passed goes on
+  /// meanwhile; then it is the first answer that ends this. @return whether it has its answer.
+  bool Send(const PROBE_REQUEST& request, Clock::time_point limit = Clock::time_point::max(),
+            HttpTransfer* rival = nullptr);
+  bool HasAnswer() const { return m_hasEnded && m_outcome.code == 0; }
+  /// What came of the last request. To be called once.
   PROBE_OUTCOME TakeOutcome();
 
   /// Whether another request of the same target can be sent: brings in what is left of the answer,
@@ -45,17 +42,6 @@ class HttpTransfer {
   bool IsReadyFor(const PROBE_REQUEST& request);
 
  private:
-  /// What the callbacks gather of one request. Times are in microseconds since the probe started, 0
-  /// for what did not happen.
-  struct GATHERED {
-    AnswerHead head;
-    std::string request;
-    long long tlsStartUs = 0;
-    long long requestUs = 0;    ///< when the first request was about to be sent
-    long long firstByteUs = 0;  ///< of the last answer
-    long long endedUs = 0;
-    long long firstByteMark = 0;  ///< libcurl's time of it, which changes when one has come
-  };
   using Handle = std::unique_ptr<void, void (*)(void*)>;
 
   template <class Option, class T>
@@ -65,22 +51,23 @@ class HttpTransfer {
 
   void setUpCallbacks();
   void setUpTelling();
+  void start();
   void step();
   void end(unsigned int code);
   unsigned int resultOfEnded();
   void noteFirstByte();
-  bool wait(std::chrono::milliseconds longest, int otherSocket, int& ready);
+  bool wait(std::chrono::milliseconds longest, int& ready);
   std::chrono::milliseconds longestWait(Clock::time_point limit) const;
   bool isCancelled() const;
   void fetchBody();
   void detach();
   long long now() const { return sinceStart(Clock::now()); }
   long long sinceStart(Clock::time_point time) const;
-  void collectTimes(PROBE_OUTCOME& outcome);
+  void collectTimes();
 
   int open(int family, int type, int protocol);
   int close(int connection);
-  void noteRequest(int localPort);
+  void noteRequest();
 
   static constexpr int kNoSocket = -1;
 
@@ -88,11 +75,11 @@ class HttpTransfer {
   const PROBE_REQUEST* m_request = nullptr;  ///< the one under way
   unsigned int m_setup = 0;
   bool m_hasEnded = false;
-  unsigned int m_code = 0;
-  GATHERED m_seen;
+  PROBE_OUTCOME m_outcome;  ///< what is known of it so far
+  AnswerHead m_head;
+  long long m_firstByteMark = 0;  ///< libcurl's time of it, which changes when one has come
   TlsWatch m_tlsWatch;
   // The connection's, over all its requests.
-  bool m_reused = false;
   bool m_lost = false;  ///< an address has failed and libcurl may turn to the next
   long long m_openedUs = 0;
   long long m_tookUs = 0;

@@ -41,30 +41,13 @@ KeptTransfer::Transfer KeptTransfer::takeIdle(const PROBE_REQUEST& request) {
   return idle;
 }
 
-/// Sends the request on a fresh connection, while a kept one may still answer.
-KeptTransfer::Transfer KeptTransfer::sendFresh(const PROBE_REQUEST& request,
-                                               HttpTransfer* silent) const {
-  auto fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
-  fresh->Start(request);
-  fresh->Run(request.deadline, silent);
-  if (silent != nullptr && !silent->HasEnded() && !fresh->HasAnswer()) {
-    silent->Run(request.deadline);
-  }
-  return fresh;
-}
-
 PROBE_OUTCOME KeptTransfer::Send(const PROBE_REQUEST& request) {
-  if (!m_names) {
-    m_names = HttpTransfer::MakeNames();
-  }
   Transfer transfer = takeIdle(request);
-  if (transfer) {
-    transfer->Start(request);
-    transfer->Run(HttpTransfer::Clock::now() + request.timeout / kSilentPart);
-  }
-  if (!transfer || !transfer->HasAnswer()) {
+  if (!transfer ||
+      !transfer->Send(request, HttpTransfer::Clock::now() + request.timeout / kSilentPart)) {
     m_keeps = m_keeps && !transfer;
-    Transfer fresh = sendFresh(request, transfer.get());
+    auto fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
+    fresh->Send(request, HttpTransfer::Clock::time_point::max(), transfer.get());
     if (!transfer || !transfer->HasAnswer()) {
       transfer = std::move(fresh);
     }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "vpn/include/StringUtils.h"
 #include "vpn/include/Utf8.h"
 
 namespace {
@@ -49,12 +50,6 @@ Utf8Character characterAt(const std::string& text, std::size_t position, unsigne
   return passes ? character : Utf8Character{};
 }
 
-std::string escaped(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  static const char digits[] = "0123456789abcdef";
-  return {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
-}
-
 }  // namespace
 
 std::string legible(std::string text, std::size_t maxLength) {
@@ -66,8 +61,9 @@ std::string legible(std::string text, std::size_t maxLength) {
   Utf8Character character;
   for (std::size_t position = 0; position < text.size();) {
     character = characterAt(text, position, character.codePoint);
-    const std::string piece =
-        character.length != 0 ? text.substr(position, character.length) : escaped(text[position]);
+    const std::string piece = character.length != 0
+                                  ? text.substr(position, character.length)
+                                  : CStringUtils::printable(text.substr(position, 1));
     if (result.size() + piece.size() > maxLength) {
       return result + CutMark;
     }

@@ -3,9 +3,9 @@
 
 #include "vpn/Common/Utility/DetachedThread.h"
 
+#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -24,16 +24,12 @@ sigset_t blockedSignals() {
   return blocked;
 }
 
-std::size_t smallestStack() {
-  // -1, "no limit known", becomes 1.
-  return static_cast<std::size_t>(std::max(sysconf(_SC_THREAD_STACK_MIN), 1L));
-}
-
 int setAttributes(pthread_attr_t& attributes, std::size_t stackSize) {
   const sigset_t blocked = blockedSignals();
   int error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   if (error == 0) {
-    error = pthread_attr_setstacksize(&attributes, std::max(stackSize, smallestStack()));
+    const auto smallest = static_cast<std::size_t>(PTHREAD_STACK_MIN);
+    error = pthread_attr_setstacksize(&attributes, std::max(stackSize, smallest));
   }
   if (error == 0) {
     error = pthread_attr_setsigmask_np(&attributes, &blocked);

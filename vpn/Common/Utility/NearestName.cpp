@@ -16,25 +16,22 @@ constexpr std::size_t MaxNameToCompare = 64;
 /// How many letters must be inserted, removed, replaced or swapped with their neighbour to turn one
 /// text into the other.
 std::size_t editDistance(std::string_view from, std::string_view to) {
-  std::vector<std::size_t> beforeLast(to.size() + 1);
-  std::vector<std::size_t> last(to.size() + 1);
-  std::vector<std::size_t> row(to.size() + 1);
-  for (std::size_t j = 0; j <= to.size(); ++j) {
-    last[j] = j;
-  }
-  for (std::size_t i = 1; i <= from.size(); ++i) {
-    row[0] = i;
-    for (std::size_t j = 1; j <= to.size(); ++j) {
-      const std::size_t replaced = last[j - 1] + (from[i - 1] == to[j - 1] ? 0 : 1);
-      row[j] = std::min({last[j] + 1, row[j - 1] + 1, replaced});
+  std::vector<std::vector<std::size_t>> cost(from.size() + 1,
+                                             std::vector<std::size_t>(to.size() + 1));
+  for (std::size_t i = 0; i <= from.size(); ++i) {
+    for (std::size_t j = 0; j <= to.size(); ++j) {
+      if (i == 0 || j == 0) {
+        cost[i][j] = i + j;
+        continue;
+      }
+      const std::size_t replaced = cost[i - 1][j - 1] + (from[i - 1] == to[j - 1] ? 0 : 1);
+      cost[i][j] = std::min({cost[i - 1][j] + 1, cost[i][j - 1] + 1, replaced});
       if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1]) {
-        row[j] = std::min(row[j], beforeLast[j - 2] + 1);
+        cost[i][j] = std::min(cost[i][j], cost[i - 2][j - 2] + 1);
       }
     }
-    beforeLast.swap(last);
-    last.swap(row);
   }
-  return last[to.size()];
+  return cost[from.size()][to.size()];
 }
 
 }  // namespace

@@ -25,12 +25,6 @@ TEST(ExecutionContext, ThereIsNoneBeforeItIsCreated) {
   EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
 }
 
-TEST(ExecutionContext, ThereIsOnlyTheOneForTheApi) {
-  const auto other = static_cast<EXECUTIONCONTEXT_INSTANCE>(1);
-  EXPECT_EQ(CExecutionContext::createInstance(other), EXECUTIONCONTEXT_ERROR_NO_INSTANCE);
-  EXPECT_EQ(CExecutionContext::acquireInstance(other), nullptr);
-}
-
 TEST(ExecutionContext, ItExistsUntilItsLastRelease) {
   ASSERT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_SUCCESS);
   EXPECT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_ERROR_ALREADY_EXISTS);

@@ -50,10 +50,7 @@ class CExecutionContext::CTimerThread : public CThread {
   std::atomic<std::thread::id> m_id;
 };
 
-STATUSCODE CExecutionContext::createInstance(EXECUTIONCONTEXT_INSTANCE instance) {
-  if (instance != API_INSTANCE) {
-    return EXECUTIONCONTEXT_ERROR_NO_INSTANCE;
-  }
+STATUSCODE CExecutionContext::createInstance(EXECUTIONCONTEXT_INSTANCE /*instance*/) {
   Instance& api = apiInstance();
   const CAutoLockT<CManualLock> lock(api.lock);
   if (api.pContext != nullptr) {
@@ -74,10 +71,7 @@ STATUSCODE CExecutionContext::createInstance(EXECUTIONCONTEXT_INSTANCE instance)
   return EXECUTIONCONTEXT_SUCCESS;
 }
 
-CExecutionContext* CExecutionContext::acquireInstance(EXECUTIONCONTEXT_INSTANCE instance) {
-  if (instance != API_INSTANCE) {
-    return nullptr;
-  }
+CExecutionContext* CExecutionContext::acquireInstance(EXECUTIONCONTEXT_INSTANCE /*instance*/) {
   Instance& api = apiInstance();
   const CAutoLockT<CManualLock> lock(api.lock);
   if (api.pContext != nullptr) {
@@ -125,13 +119,8 @@ STATUSCODE CExecutionContext::start() {
 
 void CExecutionContext::stop() {
   m_timerList.Close();
-  if (m_pTimerThread->isThisThread()) {
-    return;
-  }
-  unsigned int exitCode = 0;
-  const STATUSCODE status = m_pTimerThread->WaitForCompletion(exitCode, CThread::Infinite);
-  if (status != THREAD_SUCCESS) {
-    CAppLog::LogReturnCode("stop", SourceFile, __LINE__, Logging::DBG_Error,
-                           "CThread::WaitForCompletion", status, 0, nullptr);
+  if (!m_pTimerThread->isThisThread()) {
+    unsigned int exitCode = 0;
+    m_pTimerThread->WaitForCompletion(exitCode, CThread::Infinite);
   }
 }

@@ -33,7 +33,7 @@ class StatusNames : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(StatusNames, EveryCodeOfTheHeaderHasItsOwnName) {
   const auto codes = codesOf(GetParam());
-  EXPECT_GE(codes.size(), 2U);
+  EXPECT_FALSE(codes.empty());
   for (const auto& [name, code] : codes) {
     EXPECT_EQ(statusCodeName(code), name);
   }

@@ -202,33 +202,6 @@ TEST(Timer, OneThatIsStartedTwiceBeforeItExpiresFiresOnce) {
   EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 2}));
 }
 
-TEST(Timer, TheLargestTimeIsFarAwayAndNotInThePast) {
-  Calls calls;
-  ServicedList serviced;
-  for (const unsigned long huge : {ULONG_MAX, ULONG_MAX - 1, ULONG_MAX / 2, 1UL << 44U}) {
-    const auto far = timerFor(serviced.list(), calls, 1);
-    ASSERT_EQ(far->StartTimer(huge), TIMER_SUCCESS);
-    const auto soon = timerFor(serviced.list(), calls, 2);
-    ASSERT_EQ(soon->StartTimer(2), TIMER_SUCCESS);
-    const std::size_t before = calls.values().size();
-    ASSERT_TRUE(calls.waitFor(before + 1));
-  }
-  EXPECT_EQ(calls.values(), (std::vector<unsigned long>{2, 2, 2, 2}));
-}
-
-TEST(Timer, ANullListOrCallbackIsABadParameter) {
-  CTimerList list;
-  Calls calls;
-  STATUSCODE status = 0;
-  CTimer withoutList(status, nullptr, Calls::record, &calls, 0);
-  EXPECT_EQ(status, TIMER_ERROR_BAD_PARAMETER);
-  EXPECT_EQ(withoutList.StartTimer(1), TIMER_ERROR_BAD_PARAMETER);
-  status = 0;
-  CTimer withoutCallback(status, &list, nullptr, &calls, 0);
-  EXPECT_EQ(status, TIMER_ERROR_BAD_PARAMETER);
-  EXPECT_EQ(withoutCallback.StartTimer(1), TIMER_ERROR_BAD_PARAMETER);
-}
-
 TEST(Timer, AClosedListRefusesTimersAndFiresNoneOfItsOwn) {
   Calls calls;
   CTimerList list;

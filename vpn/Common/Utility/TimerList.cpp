@@ -4,10 +4,8 @@
 
 #include "vpn/Common/Utility/TimerList.h"
 
-#include <algorithm>
 #include <chrono>
 #include <map>
-#include <new>
 #include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
@@ -19,16 +17,7 @@
 
 namespace {
 
-using Clock = MonotonicClock;
-
 constexpr char SourceFile[] = "vpn/Common/Utility/TimerList";
-
-// The clock counts nanoseconds in 63 bits, which end after 292 years.
-constexpr unsigned long LongestMilliseconds = 100UL * 365 * 24 * 60 * 60 * 1000;
-
-Clock::time_point expiryOf(unsigned long milliseconds) {
-  return Clock::now() + std::chrono::milliseconds(std::min(milliseconds, LongestMilliseconds));
-}
 
 void logException(const char* what) {
   CAppLog::LogDebugMessage("Service", SourceFile, __LINE__, Logging::DBG_Error,
@@ -38,38 +27,37 @@ void logException(const char* what) {
 }  // namespace
 
 struct CTimerList::Shared {
-  using Armed = std::multimap<Clock::time_point, std::shared_ptr<CTimer::Entry>>;
-
   bool takeExpired(CTimer::Entry& expired) AHS_REQUIRES(lock);
   bool waitForExpired(CTimer::Entry& expired);
+  void disarm(const std::shared_ptr<CTimer::Entry>& entry) AHS_REQUIRES(lock);
 
   CMonitor lock;  // notified of a new first timer, and of the end
   bool closed AHS_GUARDED_BY(lock) = false;
-  Armed armed AHS_GUARDED_BY(lock);
+  std::multimap<MonotonicClock::time_point, std::shared_ptr<CTimer::Entry>> armed
+      AHS_GUARDED_BY(lock);
 };
 
 /// What a timer and its place on the list share; guarded by the list's lock.
 struct CTimer::Entry {
-  timercb callback = nullptr;
-  void* ptrVal = nullptr;
-  unsigned long longVal = 0;
+  timercb callback;
+  void* ptrVal;
+  unsigned long longVal;
   ApiRunnable* pKeptAlive = nullptr;
-  std::shared_ptr<CTask> task;
-  bool isArmed = false;
-  CTimerList::Shared::Armed::iterator position = {};
+  std::shared_ptr<CTask> task = nullptr;
 };
 
-/// Takes the first timer off the list if its time has come and its task is still there to be
-/// called.
+/// Takes the first timer off the list. @return whether its task is still there to be called.
 bool CTimerList::Shared::takeExpired(CTimer::Entry& expired) {
   const auto first = armed.begin();
-  const std::shared_ptr<CTimer::Entry> entry = first->second;
+  expired = *first->second;
+  first->second->task.reset();
   armed.erase(first);
-  entry->isArmed = false;
-  expired = *entry;
-  entry->task.reset();
   // The run's memory is there: it deletes the timer first, which takes the lock held here.
   return expired.pKeptAlive == nullptr || expired.pKeptAlive->enterIfHeld();
+}
+
+void CTimerList::Shared::disarm(const std::shared_ptr<CTimer::Entry>& entry) {
+  std::erase_if(armed, [&entry](const auto& place) { return place.second == entry; });
 }
 
 /// @return false when the list has been closed.
@@ -78,7 +66,7 @@ bool CTimerList::Shared::waitForExpired(CTimer::Entry& expired) {
   while (!closed) {
     if (armed.empty()) {
       lock.Wait();
-    } else if (const Clock::time_point next = armed.begin()->first; next > Clock::now()) {
+    } else if (const auto next = armed.begin()->first; next > MonotonicClock::now()) {
       lock.WaitUntil(next);
     } else if (takeExpired(expired)) {
       return true;
@@ -87,26 +75,6 @@ bool CTimerList::Shared::waitForExpired(CTimer::Entry& expired) {
   return false;
 }
 
-namespace {
-
-/// Gives the kept task up however the callback was left.
-class KeptTask {
- public:
-  explicit KeptTask(ApiRunnable* task) : m_task(task) {}
-  ~KeptTask() {
-    if (m_task != nullptr) {
-      m_task->leaveWithoutWaiting();
-    }
-  }
-  KeptTask(const KeptTask&) = delete;
-  KeptTask& operator=(const KeptTask&) = delete;
-
- private:
-  ApiRunnable* const m_task;
-};
-
-}  // namespace
-
 CTimerList::CTimerList() : m_pShared(std::make_shared<Shared>()) {}
 
 CTimerList::~CTimerList() { Close(); }
@@ -114,11 +82,13 @@ CTimerList::~CTimerList() { Close(); }
 void CTimerList::Service() {
   // A callback may destroy the list.
   const std::shared_ptr<Shared> shared = m_pShared;
-  CTimer::Entry expired;
+  CTimer::Entry expired{};
   while (shared->waitForExpired(expired)) {
     const CTask::Scope scope(std::move(expired.task));
-    const KeptTask keptTask(expired.pKeptAlive);
     guardedCall([&expired] { expired.callback(expired.ptrVal, expired.longVal); }, logException);
+    if (expired.pKeptAlive != nullptr) {
+      expired.pKeptAlive->leaveWithoutWaiting();
+    }
   }
 }
 
@@ -129,65 +99,33 @@ void CTimerList::Close() {
 }
 
 CTimer::CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, void* ptrVal,
-               unsigned long longVal) {
-  if (pTimerList == nullptr || callback == nullptr) {
-    status = TIMER_ERROR_BAD_PARAMETER;
-    return;
-  }
-  try {
-    m_pEntry = std::make_shared<Entry>();
-  } catch (const std::bad_alloc&) {
-    status = TIMER_ERROR_MEMALLOC_FAILED;
-    return;
-  }
-  m_pEntry->callback = callback;
-  m_pEntry->ptrVal = ptrVal;
-  m_pEntry->longVal = longVal;
-  m_pShared = pTimerList->m_pShared;
+               unsigned long longVal)
+    : m_pShared(pTimerList->m_pShared),
+      m_pEntry(std::make_shared<Entry>(Entry{callback, ptrVal, longVal})) {
   status = TIMER_SUCCESS;
 }
 
 CTimer::~CTimer() {
-  if (m_pShared == nullptr) {
-    return;
-  }
   const CAutoLockT<CMonitor> guard(m_pShared->lock);
-  if (m_pEntry->isArmed) {
-    m_pShared->armed.erase(m_pEntry->position);
-  }
+  m_pShared->disarm(m_pEntry);
 }
 
 STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
-  if (m_pShared == nullptr) {
-    return TIMER_ERROR_BAD_PARAMETER;
-  }
   const CAutoLockT<CMonitor> guard(m_pShared->lock);
   if (m_pShared->closed) {
     return TIMER_ERROR_LIST_CLOSED;
   }
-  CTimerList::Shared::Armed& armed = m_pShared->armed;
-  CTimerList::Shared::Armed::iterator position;
-  try {
-    position = armed.emplace(expiryOf(milliseconds), m_pEntry);
-  } catch (const std::bad_alloc&) {
-    return TIMER_ERROR_MEMALLOC_FAILED;
-  }
-  if (m_pEntry->isArmed) {
-    armed.erase(m_pEntry->position);
-  }
+  m_pShared->disarm(m_pEntry);
+  const auto expiry = MonotonicClock::now() + std::chrono::milliseconds(milliseconds);
+  const auto position = m_pShared->armed.emplace(expiry, m_pEntry);
   m_pEntry->task = CTask::Current();
-  m_pEntry->position = position;
-  m_pEntry->isArmed = true;
-  if (position == armed.begin()) {
+  if (position == m_pShared->armed.begin()) {
     m_pShared->lock.NotifyAll();
   }
   return TIMER_SUCCESS;
 }
 
 void CTimer::KeepAlive(ApiRunnable& task) {
-  if (m_pShared == nullptr) {
-    return;
-  }
   const CAutoLockT<CMonitor> guard(m_pShared->lock);
   m_pEntry->pKeptAlive = &task;
 }

@@ -12,8 +12,6 @@ class ApiRunnable;
 /// Status codes of timers (module 0x36).
 enum TIMER_ERRORS : STATUSCODE {
   TIMER_SUCCESS = 0,
-  TIMER_ERROR_BAD_PARAMETER = 0xFE360002,
-  TIMER_ERROR_MEMALLOC_FAILED = 0xFE360004,
   /// The list is no longer serviced: its execution context is being taken down.
   TIMER_ERROR_LIST_CLOSED = 0xFE36000A,
 };
@@ -46,16 +44,15 @@ class CTimerList {
   std::shared_ptr<Shared> m_pShared;
 };
 
-/// A one-shot timer. The operations may be called from any thread, one at a time. The callback
-/// works for the task of the thread that armed the timer.
+/// A one-shot timer. The operations may be called from any thread, one at a time, and throw nothing
+/// but std::bad_alloc. The callback works for the task of the thread that armed the timer.
 ///
 /// Deleting a timer takes it off its list: its callback is not called from then on. A callback
 /// that is under way already goes on, and the destructor does not wait for it, so a timer may be
 /// deleted from its own callback and by a thread that holds a lock the callback wants.
 class CTimer {
  public:
-  /// @param status receives 0; TIMER_ERROR_BAD_PARAMETER for a null list or callback;
-  ///        TIMER_ERROR_MEMALLOC_FAILED.
+  /// @param status receives 0.
   /// @param pTimerList the list that calls back.
   /// @param callback called once, on the list's thread, with the two values that follow.
   /// @param ptrVal not owned; null will do.
@@ -67,9 +64,8 @@ class CTimer {
   CTimer& operator=(const CTimer&) = delete;
 
   /// Arms the timer to expire after `milliseconds`, 0 for at once; a timer that is armed already is
-  /// armed anew. A time of more than a hundred years counts as a hundred years.
-  /// @return 0; TIMER_ERROR_BAD_PARAMETER when construction failed; TIMER_ERROR_LIST_CLOSED;
-  ///         TIMER_ERROR_MEMALLOC_FAILED, the timer then being armed as before.
+  /// armed anew.
+  /// @return 0; TIMER_ERROR_LIST_CLOSED.
   STATUSCODE StartTimer(unsigned long milliseconds);
 
   /// Keeps `task` alive while the callback runs, so that the callback may use it even when its
@@ -82,6 +78,6 @@ class CTimer {
  private:
   friend class CTimerList;
   struct Entry;
-  std::shared_ptr<CTimerList::Shared> m_pShared;
-  std::shared_ptr<Entry> m_pEntry;
+  const std::shared_ptr<CTimerList::Shared> m_pShared;
+  const std::shared_ptr<Entry> m_pEntry;
 };

@@ -185,7 +185,7 @@ std::size_t stackSizeFor(std::size_t wish) {
 TEST(Thread, TheConstructorsArgumentIsTheStackSize) {
   constexpr std::size_t megabyte = std::size_t{1024} * 1024;
   EXPECT_GE(stackSizeFor(4 * megabyte), 4 * megabyte);
-  EXPECT_GE(stackSizeFor(0), CThread::DefaultStackSize);
+  EXPECT_GE(stackSizeFor(0), DefaultStackSize);
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
   EXPECT_LT(stackSizeFor(0), megabyte);
 #endif

@@ -11,8 +11,6 @@ thread_local const std::shared_ptr<CTask>* current = nullptr;
 
 }  // namespace
 
-CTask::~CTask() = default;
-
 std::shared_ptr<CTask> CTask::Current() noexcept { return current != nullptr ? *current : nullptr; }
 
 CTask::Scope::Scope(std::shared_ptr<CTask> task) noexcept

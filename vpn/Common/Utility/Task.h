@@ -10,7 +10,7 @@
 class CTask {
  public:
   CTask() = default;
-  virtual ~CTask();
+  virtual ~CTask() = default;
   CTask(const CTask&) = delete;
   CTask& operator=(const CTask&) = delete;
 

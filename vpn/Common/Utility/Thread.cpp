@@ -19,9 +19,6 @@ namespace {
 
 constexpr char SourceFile[] = "vpn/Common/Utility/Thread";
 
-// No errno value.
-constexpr int StartedBefore = -1;
-
 // Never destroyed, so that a thread may end while the process exits.
 constinit std::atomic<unsigned int> runningThreads{0};
 
@@ -31,8 +28,6 @@ void logException(const char* what) {
 }
 
 }  // namespace
-
-IRunnable::~IRunnable() = default;
 
 /// Ends the thread however its body was left; pthread_exit(3) and cancellation unwind the stack
 /// too.
@@ -57,40 +52,29 @@ class CThread::Ending {
 };
 
 CThread::CThread(std::size_t stackSize)
-    : m_stackSize(stackSize != 0 ? stackSize : DefaultStackSize),
-      m_pKeptAlive(nullptr),
-      m_usesReserve(false),
-      m_state(State::NotStarted),
-      m_exitCode(0) {}
+    : m_stackSize(stackSize != 0 ? stackSize : DefaultStackSize) {}
 
 CThread::~CThread() = default;
 
 STATUSCODE CThread::Start() {
-  bool onReserve = false;
-  const int error = startOnce(onReserve);
-  if (error == 0) {
-    return THREAD_SUCCESS;
+  int error = 0;
+  const STATUSCODE status = start(error);
+  if (error != 0) {
+    const bool onReserve = status == THREAD_SUCCESS;
+    CAppLog::LogReturnCode("Start", SourceFile, __LINE__,
+                           onReserve ? Logging::DBG_Warning : Logging::DBG_Error, "pthread_create",
+                           THREAD_ERROR_CREATE_FAILED, error,
+                           onReserve ? "the thread in reserve takes over" : nullptr);
   }
-  if (onReserve) {
-    CAppLog::LogReturnCode("Start", SourceFile, __LINE__, Logging::DBG_Warning, "pthread_create",
-                           THREAD_ERROR_CREATE_FAILED, error, "the thread in reserve takes over");
-    return THREAD_SUCCESS;
-  }
-  if (error == StartedBefore) {
-    return THREAD_ERROR_INVALID_STATE;
-  }
-  CAppLog::LogReturnCode("Start", SourceFile, __LINE__, Logging::DBG_Error, "pthread_create",
-                         THREAD_ERROR_CREATE_FAILED, error, nullptr);
-  return THREAD_ERROR_CREATE_FAILED;
+  return status;
 }
 
-/// @return 0, StartedBefore, or the errno value of why there is no thread of its own; `onReserve`
-///         then tells whether it has been started all the same.
-int CThread::startOnce(bool& onReserve) {
+/// @param error receives the errno value of why there is no thread of its own, if there is none.
+STATUSCODE CThread::start(int& error) {
   // Held until the outcome is known, so that nobody waits for a thread that does not come about.
   const CAutoLockT<CMonitor> lock(m_stateLock);
   if (m_state != State::NotStarted) {
-    return StartedBefore;
+    return THREAD_ERROR_INVALID_STATE;
   }
   // The new thread's holds are taken here: it may end before this one goes on.
   enter();
@@ -99,11 +83,13 @@ int CThread::startOnce(bool& onReserve) {
     m_pKeptAlive->enter();
   }
   m_task = CTask::Current();
+  m_reserved.function = threadEntry;
+  m_reserved.argument = this;
 
-  const int error = create(onReserve);
-  if (error == 0 || onReserve) {
+  error = startDetachedThread(threadEntry, this, m_stackSize);
+  if (error == 0 || (m_usesReserve && CReserveThread::Run(m_reserved))) {
     m_state = State::Running;
-    return error;
+    return THREAD_SUCCESS;
   }
 
   // No hold is the last one here: the owner, who starts the thread, holds both.
@@ -113,17 +99,7 @@ int CThread::startOnce(bool& onReserve) {
   }
   runningThreads.fetch_sub(1, std::memory_order_relaxed);
   leave();
-  return error;
-}
-
-int CThread::create(bool& onReserve) {
-  const int error = startDetachedThread(threadEntry, this, m_stackSize);
-  if (error != 0 && m_usesReserve) {
-    m_reserved.function = threadEntry;
-    m_reserved.argument = this;
-    onReserve = CReserveThread::Run(m_reserved);
-  }
-  return error;
+  return THREAD_ERROR_CREATE_FAILED;
 }
 
 void* CThread::threadEntry(void* object) {

@@ -33,7 +33,7 @@ class IRunnable {
   IRunnable() = default;
   /// The body. @return 0 or a failure.
   virtual STATUSCODE Run() = 0;
-  virtual ~IRunnable();
+  virtual ~IRunnable() = default;
   /// Another one like this, the caller's; null if there can be none.
   virtual IRunnable* Clone() = 0;
   /// Ends the object's life, where that is not the part of `delete`.
@@ -48,17 +48,14 @@ class IRunnable {
 ///
 /// Objects are created with `new` and given up with `delete`, by one owner, who also calls `Start`.
 /// Deleting an object whose thread still runs is allowed: `delete` returns at once and the object
-/// is destroyed when its thread has left it, on that thread. Signals are blocked in the thread, so
-/// that the host's handlers run on the host's threads (faults of the thread itself excepted). An
-/// exception that leaves `Run` is logged and ends the thread with the exit code 0xFFFFFFFF.
+/// is destroyed when its thread has left it, on that thread. Signals are blocked in the thread; see
+/// `startDetachedThread`. An exception that leaves `Run` is logged and ends the thread.
 class CThread : public IRunnable, public CCountedLife<CThread> {
  public:
   /// No time-out, for `WaitForCompletion`.
   static constexpr unsigned int Infinite = 0xFFFFFFFF;
   /// Exit code of a thread that did not end by returning from `Run`.
   static constexpr unsigned int AbnormalExitCode = 0xFFFFFFFF;
-  /// Stack of a thread that asks for none, in bytes.
-  static constexpr std::size_t DefaultStackSize = ::DefaultStackSize;
 
   /// @param stackSize bytes of stack, 0 for `DefaultStackSize`; less than the system's minimum is
   ///        raised to it.
@@ -73,9 +70,7 @@ class CThread : public IRunnable, public CCountedLife<CThread> {
   STATUSCODE Start();
 
   /// Waits until the thread has ended. Any thread but itself may call it, also more than once.
-  /// @param exitCode receives the low 32 bits of `Run()`'s result when the thread has ended; is
-  /// left
-  ///        alone otherwise.
+  /// @param exitCode receives the low 32 bits of `Run()`'s result when the thread has ended.
   /// @param timeoutMs longest wait in milliseconds, `Infinite` for no limit.
   /// @return 0; THREAD_ERROR_TIMEOUT; THREAD_ERROR_INVALID_STATE for a thread that does not run and
   ///         was never started.
@@ -108,19 +103,18 @@ class CThread : public IRunnable, public CCountedLife<CThread> {
   enum class State { NotStarted, Running, Ended };
   class Ending;
 
-  int startOnce(bool& onReserve);
-  int create(bool& onReserve);
+  STATUSCODE start(int& error);
   static void* threadEntry(void* object);
   void setEnded(unsigned int exitCode);
 
   const std::size_t m_stackSize;
   // Written before Start, read by the thread: ordered by its creation.
-  ApiRunnable* m_pKeptAlive;
+  ApiRunnable* m_pKeptAlive = nullptr;
   std::shared_ptr<CTask> m_task;    // written by Start, taken over by the thread
-  bool m_usesReserve;               // written before Start, read by it
+  bool m_usesReserve = false;       // written before Start, read by it
   CReserveThread::Body m_reserved;  // the reserve thread's, once Start has handed it over
 
   CMonitor m_stateLock;  // notified when the thread has ended
-  State m_state AHS_GUARDED_BY(m_stateLock);
-  unsigned int m_exitCode AHS_GUARDED_BY(m_stateLock);
+  State m_state AHS_GUARDED_BY(m_stateLock) = State::NotStarted;
+  unsigned int m_exitCode AHS_GUARDED_BY(m_stateLock) = 0;
 };

@@ -52,7 +52,7 @@ void requireUsable(const ProfileFile& profile) {
     REQUIRE(host.name.size() <= MaxHostNameLength);
     REQUIRE(URL::findError(addressOf(host)).empty());
     REQUIRE(!host.url.getHostAndPort(false).empty());
-    REQUIRE(host.url.getHostAndPort(true) == URL(addressOf(host)).getHostAndPort(true));
+    REQUIRE(host.url.getHostAndPort(false) == URL(addressOf(host)).getHostAndPort(false));
   }
   for (const auto& [id, preference] : profile.preferences.all()) {
     const PreferenceBase::Definition& definition = *PreferenceBase::find(id);

@@ -15,7 +15,7 @@ TEST(Url, TheEmptyAddressHasNoSchemeAndNoHost) {
     EXPECT_EQ(url.getProtocol(), URLPROTOCOL_NONE);
     EXPECT_EQ(url.getHost(), "");
     EXPECT_EQ(url.getHostFragment(), "");
-    EXPECT_EQ(url.getHostAndPort(true), "");
+    EXPECT_EQ(url.getHostAndPort(false), "");
     EXPECT_NE(URL::findError(text), "");
   }
 }
@@ -96,15 +96,6 @@ TEST(Url, AnIpv6ZoneIsLookedUpAfterAPlainPercentSign) {
   EXPECT_EQ(URL(url.getHostAndPort(false)).getHost(), url.getHost());
 }
 
-TEST(Url, TheDefaultPortFollowsTheScheme) {
-  EXPECT_EQ(URL("http://a").getHostAndPort(true), "a:80");
-  EXPECT_EQ(URL("https://a").getHostAndPort(true), "a:443");
-  EXPECT_EQ(URL("ldap://a").getHostAndPort(true), "a:389");
-  EXPECT_EQ(URL("a").getHostAndPort(true), "a:443");
-  EXPECT_EQ(URL("a:8080").getHostAndPort(true), "a:8080");
-  EXPECT_EQ(URL("http://a").getHostAndPort(false), "a");
-}
-
 TEST(Url, InternationalNamesAreKeptAsTheyAreWritten) {
   EXPECT_EQ(URL("https://bücher.example:8443").getHostAndPort(false), "bücher.example:8443");
   EXPECT_EQ(URL("例え.jp").getHost(), "例え.jp");
@@ -128,7 +119,7 @@ TEST_P(UrlRefused, LeavesNothingBehindAndSaysWhy) {
   EXPECT_EQ(url.getHost(), "");
   EXPECT_EQ(url.getPort(), "");
   EXPECT_EQ(url.getLocation(), "");
-  EXPECT_EQ(url.getHostAndPort(true), "");
+  EXPECT_EQ(url.getHostAndPort(false), "");
   const std::string error = URL::findError(GetParam());
   ASSERT_NE(error, "");
   EXPECT_EQ(error.back(), '.');

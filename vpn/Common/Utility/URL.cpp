@@ -47,17 +47,16 @@ std::size_t findLocation(std::string_view text) {
 /// What no part of an address may contain.
 std::string findBadCharacter(std::string_view text) {
   for (std::size_t i = 0; i < text.size();) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte == ' ' || byte == '\t') {
+    const Utf8Character character = utf8CharacterAt(text, i);
+    const unsigned int code = character.codePoint;
+    if (character.length == 0) {
+      return "It has a character in it that is no UTF-8; write the address in UTF-8.";
+    }
+    if (code == ' ' || code == '\t') {
       return "It has a blank in it; write one address without blanks.";
     }
-    if (byte < ' ' || byte == 127) {
+    if (code < ' ' || (code >= 127 && code < 0xA0)) {
       return "It has a control character in it; take it out.";
-    }
-    const Utf8Character character = utf8CharacterAt(text, i);
-    const bool isControl = character.codePoint >= 0x80 && character.codePoint < 0xA0;
-    if (character.length == 0 || isControl) {
-      return "It has a character in it that is not printable UTF-8; write the address in UTF-8.";
     }
     i += character.length;
   }
@@ -196,10 +195,6 @@ std::string takePort(std::string_view& rest, std::string& port) {
   return {};
 }
 
-std::string_view defaultPort(URLPROTOCOL protocol) {
-  return protocol == URLPROTOCOL_HTTP ? "80" : protocol == URLPROTOCOL_LDAP ? "389" : "443";
-}
-
 }  // namespace
 
 URL::URL(const std::string& text) {
@@ -246,15 +241,6 @@ std::string URL::getHostFragment() const {
   return "[" + host + "]";
 }
 
-std::string URL::getHostAndPort(bool withDefaultPort) const {
-  std::string text = getHostFragment();
-  if (text.empty()) {
-    return text;
-  }
-  if (!m_sPort.empty()) {
-    text.append(":").append(m_sPort);
-  } else if (withDefaultPort) {
-    text.append(":").append(defaultPort(m_eProtocol));
-  }
-  return text;
+std::string URL::getHostAndPort(bool /*reserved*/) const {
+  return m_sPort.empty() ? getHostFragment() : getHostFragment() + ":" + m_sPort;
 }

@@ -70,9 +70,8 @@ class URL {
   std::string getHostFragment() const;
 
   /// The host fragment, followed by ":" and the port when there is one. Empty without a host.
-  /// @param withDefaultPort add the scheme's default port (80, 443, 389; 443 without a scheme) when
-  ///        the address has none.
-  std::string getHostAndPort(bool withDefaultPort) const;
+  /// @param reserved always false.
+  std::string getHostAndPort(bool reserved) const;
 
  private:
   std::string parse(std::string_view text);

@@ -5,7 +5,6 @@
 #include "vpn/Common/Utility/ExecutionContext.h"
 
 #include <atomic>
-#include <memory>
 #include <new>
 #include <thread>
 
@@ -56,15 +55,21 @@ STATUSCODE CExecutionContext::createInstance(EXECUTIONCONTEXT_INSTANCE /*instanc
   if (api.pContext != nullptr) {
     return EXECUTIONCONTEXT_ERROR_ALREADY_EXISTS;
   }
+  if (const int error = CReserveThread::Create(); error != 0) {
+    CAppLog::LogReturnCode("createInstance", SourceFile, __LINE__, Logging::DBG_Error,
+                           "CReserveThread::Create", THREAD_ERROR_CREATE_FAILED, error, nullptr);
+    return THREAD_ERROR_CREATE_FAILED;
+  }
   try {
-    auto* const context = new CExecutionContext;
-    const STATUSCODE status = context->start();
+    auto* const context = new CExecutionContext;  // holds the reserve from here on
+    const STATUSCODE status = context->m_pTimerThread->Start();
     if (status != EXECUTIONCONTEXT_SUCCESS) {
       delete context;
       return status;
     }
     api.pContext = context;
   } catch (const std::bad_alloc&) {
+    CReserveThread::RemoveHolder();
     return EXECUTIONCONTEXT_ERROR_MEMALLOC_FAILED;
   }
   api.acquisitions = 1;
@@ -90,37 +95,19 @@ void CExecutionContext::releaseInstance() {
     api.pContext = nullptr;
   }
   // Outside the lock: a callback under way may want to acquire the context, and gets none.
-  stop();
-  delete this;
-}
-
-CTimerList& CExecutionContext::GetTimerList() { return m_timerList; }
-
-CExecutionContext::CExecutionContext()
-    : m_pTimerThread(new CTimerThread(m_timerList)), m_holdsReserve(false) {}
-
-CExecutionContext::~CExecutionContext() {
-  delete m_pTimerThread;
-  if (m_holdsReserve) {
-    CReserveThread::RemoveHolder();
-  }
-}
-
-STATUSCODE CExecutionContext::start() {
-  const int error = CReserveThread::Create();
-  if (error != 0) {
-    CAppLog::LogReturnCode("start", SourceFile, __LINE__, Logging::DBG_Error,
-                           "CReserveThread::Create", THREAD_ERROR_CREATE_FAILED, error, nullptr);
-    return THREAD_ERROR_CREATE_FAILED;
-  }
-  m_holdsReserve = true;
-  return m_pTimerThread->Start();
-}
-
-void CExecutionContext::stop() {
   m_timerList.Close();
   if (!m_pTimerThread->isThisThread()) {
     unsigned int exitCode = 0;
     m_pTimerThread->WaitForCompletion(exitCode, CThread::Infinite);
   }
+  delete this;
+}
+
+CTimerList& CExecutionContext::GetTimerList() { return m_timerList; }
+
+CExecutionContext::CExecutionContext() : m_pTimerThread(new CTimerThread(m_timerList)) {}
+
+CExecutionContext::~CExecutionContext() {
+  delete m_pTimerThread;
+  CReserveThread::RemoveHolder();
 }

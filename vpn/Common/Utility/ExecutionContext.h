@@ -46,11 +46,7 @@ class CExecutionContext {
 
   CExecutionContext();
   ~CExecutionContext();
-  STATUSCODE start();
-  void stop();
 
   CTimerList m_timerList;  // has a lock of its own
-  // Both written by creation and by the last release only.
-  CTimerThread* m_pTimerThread;
-  bool m_holdsReserve;
+  CTimerThread* const m_pTimerThread;
 };

@@ -48,61 +48,55 @@ class Lookup : public CThread {
 /// Who may ask. Threads that are late come back at any time, so it is never freed.
 class Factories {
  public:
-  Factories() { m_idle.fill(nullptr); }
-
   /// Takes a factory, or the right to make one, waiting until one is idle.
-  SystemProxy::Outcome Take(MonotonicClock::time_point deadline, Lookup& lookup);
+  SystemProxy::Outcome Take(MonotonicClock::time_point deadline, Lookup& lookup) {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    while (m_idleCount == 0) {
+      if (m_lateCount == kMostFactories) {
+        return SystemProxy::Outcome::Failed;
+      }
+      if (MonotonicClock::now() >= deadline) {
+        return SystemProxy::Outcome::Late;
+      }
+      m_lock.WaitUntil(deadline);
+    }
+    lookup.factory = m_idle[--m_idleCount];
+    return SystemProxy::Outcome::Found;
+  }
+
   /// Gives it back.
-  void End(Lookup& lookup);
+  void End(Lookup& lookup) {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    lookup.ended = true;
+    m_idle[m_idleCount++] = lookup.factory;
+    if (lookup.late) {
+      --m_lateCount;
+    }
+    m_lock.NotifyAll();
+  }
+
   /// Waits for the end.
-  SystemProxy::Outcome Wait(MonotonicClock::time_point deadline, Lookup& lookup);
+  SystemProxy::Outcome Wait(MonotonicClock::time_point deadline, Lookup& lookup) {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    while (!lookup.ended && MonotonicClock::now() < deadline) {
+      m_lock.WaitUntil(deadline);
+    }
+    if (lookup.ended) {
+      return lookup.outcome;
+    }
+    lookup.late = true;
+    ++m_lateCount;
+    m_lock.NotifyAll();  // who waits for an idle one may have nothing left to wait for
+    return SystemProxy::Outcome::Late;
+  }
 
  private:
   CMonitor m_lock;
   /// A stack, so that those already made are taken first.
-  std::array<pxProxyFactory*, kMostFactories> m_idle AHS_GUARDED_BY(m_lock);
+  std::array<pxProxyFactory*, kMostFactories> m_idle AHS_GUARDED_BY(m_lock){};
   std::size_t m_idleCount AHS_GUARDED_BY(m_lock) = kMostFactories;
   std::size_t m_lateCount AHS_GUARDED_BY(m_lock) = 0;
 };
-
-SystemProxy::Outcome Factories::Take(MonotonicClock::time_point deadline, Lookup& lookup) {
-  const CAutoLockT<CMonitor> guard(m_lock);
-  while (m_idleCount == 0) {
-    if (m_lateCount == kMostFactories) {
-      return SystemProxy::Outcome::Failed;
-    }
-    if (MonotonicClock::now() >= deadline) {
-      return SystemProxy::Outcome::Late;
-    }
-    m_lock.WaitUntil(deadline);
-  }
-  lookup.factory = m_idle[--m_idleCount];
-  return SystemProxy::Outcome::Found;
-}
-
-void Factories::End(Lookup& lookup) {
-  const CAutoLockT<CMonitor> guard(m_lock);
-  lookup.ended = true;
-  m_idle[m_idleCount++] = lookup.factory;
-  if (lookup.late) {
-    --m_lateCount;
-  }
-  m_lock.NotifyAll();
-}
-
-SystemProxy::Outcome Factories::Wait(MonotonicClock::time_point deadline, Lookup& lookup) {
-  const CAutoLockT<CMonitor> guard(m_lock);
-  while (!lookup.ended && MonotonicClock::now() < deadline) {
-    m_lock.WaitUntil(deadline);
-  }
-  if (lookup.ended) {
-    return lookup.outcome;
-  }
-  lookup.late = true;
-  ++m_lateCount;
-  m_lock.NotifyAll();  // who waits for an idle one may have nothing left to wait for
-  return SystemProxy::Outcome::Late;
-}
 
 Factories& factories() {
   static Factories& instance = *new Factories;

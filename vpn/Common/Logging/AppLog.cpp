@@ -41,22 +41,109 @@ constexpr std::chrono::seconds RetryInterval{1};
 constinit std::atomic<spdlog::level::level_enum> leastLevel{spdlog::level::off};
 constinit std::atomic<bool> isHeard{false};
 
+std::unique_ptr<spdlog::formatter> formatterOf(const char* pattern, const char* endOfLine) {
+  return std::make_unique<spdlog::pattern_formatter>(pattern, spdlog::pattern_time_type::local,
+                                                     endOfLine);
+}
+
+spdlog::sink_ptr makeTerminal() {
+  const char* const noColor = getenv("NO_COLOR");
+  const bool plain = noColor != nullptr && *noColor != '\0';
+  auto sink = std::make_shared<spdlog::sinks::ansicolor_stderr_sink_st>(
+      plain ? spdlog::color_mode::never : spdlog::color_mode::automatic);
+  sink->set_formatter(formatterOf(LinePattern, "\n"));
+  return sink;
+}
+
+spdlog::sink_ptr makeSyslog() {
+  constexpr bool withFormat = true;
+  auto sink = std::make_shared<spdlog::sinks::syslog_sink_st>("ahs", LOG_PID, LOG_USER, withFormat);
+  sink->set_formatter(formatterOf(SyslogPattern, ""));
+  return sink;
+}
+
 /// Where messages are written. Calls of this are not synchronised, and neither are the sinks.
 class Outlets {
  public:
-  explicit Outlets(const CAppLog::Targets& targets);
+  explicit Outlets(const CAppLog::Targets& targets) : m_targets(targets) {
+    m_logger.flush_on(spdlog::level::warn);
+    // The file counts what it loses; for the others there is no better place to complain.
+    m_logger.set_error_handler([this](const std::string& problem) {
+      m_fileHasFailed = m_hasFile;
+      m_problem = problem;
+    });
+    if (targets.terminal) {
+      m_logger.sinks().push_back(makeTerminal());
+    }
+    if (targets.syslog) {
+      m_logger.sinks().push_back(makeSyslog());
+    }
+    if (!targets.file.empty()) {
+      try {
+        addFile();
+      } catch (const std::exception& problem) {
+        m_problem = problem.what();
+      }
+    }
+  }
 
   /// Why the file could not be opened; empty if it was.
   const std::string& problem() const { return m_problem; }
   bool isEmpty() const { return m_logger.sinks().empty(); }
-  void write(spdlog::level::level_enum level, const std::string& text);
-  void flush();
+
+  void write(spdlog::level::level_enum level, const std::string& text) {
+    if (m_lost != 0) {
+      reopenFile();
+    }
+    perform([&] { m_logger.log(level, text); });
+  }
+
+  void flush() {
+    perform([this] { m_logger.flush(); });
+  }
 
  private:
-  void addFile();
-  void reopenFile();
+  void addFile() {
+    spdlog::sink_ptr file = openLogFile(m_targets.file, m_targets.fileSize, m_targets.fileCount);
+    file->set_formatter(formatterOf(LinePattern, "\n"));
+    m_logger.sinks().push_back(std::move(file));
+    m_hasFile = true;
+  }
+
+  /// Drops the file with its first failure: the library's sink would write through a null stream
+  /// after a rotation that could not open the new one.
   template <class Action>
-  void perform(Action action);
+  void perform(Action action) {
+    try {
+      action();
+    } catch (const std::exception&) {
+      m_fileHasFailed = m_hasFile;  // there was no memory to tell the handler
+    }
+    if (m_fileHasFailed) {
+      m_logger.sinks().pop_back();
+      m_hasFile = false;
+      m_fileHasFailed = false;
+      m_lost = 1;
+      m_nextTry = std::chrono::steady_clock::now() + RetryInterval;
+    }
+  }
+
+  /// Opens the file again if it is time to, and tells how much it has missed, with the reason.
+  void reopenFile() {
+    if (std::chrono::steady_clock::now() >= m_nextTry) {
+      m_nextTry = std::chrono::steady_clock::now() + RetryInterval;
+      try {
+        const std::string note = std::to_string(m_lost) + " messages were lost: " + m_problem;
+        addFile();
+        m_lost = 0;
+        perform([&] { m_logger.log(spdlog::level::warn, note); });
+        return;
+      } catch (const std::exception&) {
+        // The next message tries again.
+      }
+    }
+    ++m_lost;
+  }
 
   const CAppLog::Targets m_targets;
   spdlog::logger m_logger{"ahs"};
@@ -79,24 +166,10 @@ State& state() {
   return instance;
 }
 
-/// Where a message comes from and how much it matters.
-struct Origin {
-  const char* function;
-  const char* file;
-  unsigned int line;
-  Logging::DebugImportance severity;
-};
-
 spdlog::level::level_enum levelOf(Logging::DebugImportance severity) {
-  switch (severity) {
-    case Logging::DBG_Info:
-      return spdlog::level::info;
-    case Logging::DBG_Warning:
-      return spdlog::level::warn;
-    case Logging::DBG_Error:
-      break;
-  }
-  return spdlog::level::err;
+  return severity == Logging::DBG_Info      ? spdlog::level::info
+         : severity == Logging::DBG_Warning ? spdlog::level::warn
+                                            : spdlog::level::err;
 }
 
 bool isWritten(Logging::DebugImportance severity) {
@@ -121,39 +194,41 @@ std::string expand(const char* format, va_list arguments) {
   return text;
 }
 
-void tellListener(const Origin& origin, const std::string& message) {
+void tellListener(const CAppLog::Record& record) {
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.listenerLock);
   if (log.listener) {
-    log.listener({origin.function, origin.file, origin.line, origin.severity, message});
+    log.listener(record);
   }
 }
 
-void writeToTargets(const Origin& origin, const std::string& message) {
-  const std::string text = std::string(origin.function) + ' ' + origin.file + ':' +
-                           std::to_string(origin.line) + ' ' + indentContinuation(message);
+void writeToTargets(const CAppLog::Record& record) {
+  const std::string text = std::string(record.function) + ' ' + record.file + ':' +
+                           std::to_string(record.line) + ' ' + indentContinuation(record.message);
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.targetLock);
   if (log.targets != nullptr) {
-    log.targets->write(levelOf(origin.severity), text);
+    log.targets->write(levelOf(record.severity), text);
   }
 }
 
 /// Callers log between a failed call and their look at its errno, which is left as it was.
 template <class MakeText>
-void deliver(const Origin& origin, MakeText makeText) {
+void deliver(const char* function, const char* file, unsigned int line,
+             Logging::DebugImportance severity, MakeText makeText) {
   const int keptErrno = errno;
   try {
     const std::string message = legible(makeText(), CAppLog::MaxMessageLength);
+    const CAppLog::Record record{function, file, line, severity, message};
     try {
       if (isHeard.load(std::memory_order_relaxed)) {
-        tellListener(origin, message);
+        tellListener(record);
       }
     } catch (const std::exception&) {
       // A listener's trouble is not the logging thread's, and the targets still get the message.
     }
-    if (isWritten(origin.severity)) {
-      writeToTargets(origin, message);
+    if (isWritten(severity)) {
+      writeToTargets(record);
     }
   } catch (const std::exception&) {
     // No memory for a log line: the line is lost, the caller goes on.
@@ -168,111 +243,13 @@ std::string returnCodeText(const char* failedCall, STATUSCODE code, int systemEr
   std::string text = std::string("Return code from ") + failedCall + ": " + number;
   if (systemError != 0) {
     const char* const description = strerrordesc_np(systemError);
-    text += " (";
-    text += description != nullptr ? description : "errno " + std::to_string(systemError);
-    text += ')';
+    text += " (" + (description != nullptr ? description : "errno " + std::to_string(systemError)) +
+            ")";
   }
   if (extraText != nullptr) {
-    text += ": ";
-    text += extraText;
+    text += std::string(": ") + extraText;
   }
   return text;
-}
-
-std::unique_ptr<spdlog::formatter> formatterOf(const char* pattern, const char* endOfLine) {
-  return std::make_unique<spdlog::pattern_formatter>(pattern, spdlog::pattern_time_type::local,
-                                                     endOfLine);
-}
-
-spdlog::sink_ptr makeTerminal() {
-  const char* const noColor = getenv("NO_COLOR");
-  const bool plain = noColor != nullptr && *noColor != '\0';
-  auto sink = std::make_shared<spdlog::sinks::ansicolor_stderr_sink_st>(
-      plain ? spdlog::color_mode::never : spdlog::color_mode::automatic);
-  sink->set_formatter(formatterOf(LinePattern, "\n"));
-  return sink;
-}
-
-spdlog::sink_ptr makeSyslog() {
-  constexpr bool withFormat = true;
-  auto sink = std::make_shared<spdlog::sinks::syslog_sink_st>("ahs", LOG_PID, LOG_USER, withFormat);
-  sink->set_formatter(formatterOf(SyslogPattern, ""));
-  return sink;
-}
-
-Outlets::Outlets(const CAppLog::Targets& targets) : m_targets(targets) {
-  m_logger.flush_on(spdlog::level::warn);
-  // The file counts what it loses; for the others there is no better place to complain.
-  m_logger.set_error_handler([this](const std::string& problem) {
-    m_fileHasFailed = m_hasFile;
-    m_problem = problem;
-  });
-  if (targets.terminal) {
-    m_logger.sinks().push_back(makeTerminal());
-  }
-  if (targets.syslog) {
-    m_logger.sinks().push_back(makeSyslog());
-  }
-  if (!targets.file.empty()) {
-    try {
-      addFile();
-    } catch (const std::exception& problem) {
-      m_problem = problem.what();
-    }
-  }
-}
-
-void Outlets::addFile() {
-  spdlog::sink_ptr file = openLogFile(m_targets.file, m_targets.fileSize, m_targets.fileCount);
-  file->set_formatter(formatterOf(LinePattern, "\n"));
-  m_logger.sinks().push_back(std::move(file));
-  m_hasFile = true;
-}
-
-void Outlets::write(spdlog::level::level_enum level, const std::string& text) {
-  if (m_lost != 0) {
-    reopenFile();
-  }
-  perform([&] { m_logger.log(level, text); });
-}
-
-void Outlets::flush() {
-  perform([this] { m_logger.flush(); });
-}
-
-/// Drops the file with its first failure: the library's sink would write through a null stream
-/// after a rotation that could not open the new one.
-template <class Action>
-void Outlets::perform(Action action) {
-  try {
-    action();
-  } catch (const std::exception&) {
-    m_fileHasFailed = m_hasFile;  // there was no memory to tell the handler
-  }
-  if (m_fileHasFailed) {
-    m_logger.sinks().pop_back();
-    m_hasFile = false;
-    m_fileHasFailed = false;
-    m_lost = 1;
-    m_nextTry = std::chrono::steady_clock::now() + RetryInterval;
-  }
-}
-
-/// Opens the file again if it is time to, and tells how much it has missed, with the reason.
-void Outlets::reopenFile() {
-  if (std::chrono::steady_clock::now() >= m_nextTry) {
-    m_nextTry = std::chrono::steady_clock::now() + RetryInterval;
-    try {
-      const std::string note = std::to_string(m_lost) + " messages were lost: " + m_problem;
-      addFile();
-      m_lost = 0;
-      perform([&] { m_logger.log(spdlog::level::warn, note); });
-      return;
-    } catch (const std::exception&) {
-      // The next message tries again.
-    }
-  }
-  ++m_lost;
 }
 
 }  // namespace
@@ -284,7 +261,7 @@ void CAppLog::LogDebugMessage(const char* function, const char* file, unsigned i
   }
   va_list arguments;
   va_start(arguments, format);
-  deliver({function, file, line, severity}, [&] { return expand(format, arguments); });
+  deliver(function, file, line, severity, [&] { return expand(format, arguments); });
   va_end(arguments);
 }
 
@@ -294,7 +271,7 @@ void CAppLog::LogReturnCode(const char* function, const char* file, unsigned int
   if (!isWanted(severity)) {
     return;
   }
-  deliver({function, file, line, severity},
+  deliver(function, file, line, severity,
           [&] { return returnCodeText(failedCall, code, systemError, extraText); });
 }
 
@@ -306,7 +283,7 @@ void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned
   }
   va_list arguments;
   va_start(arguments, format);
-  deliver({function, file, line, severity}, [&] { return expand(format, arguments); });
+  deliver(function, file, line, severity, [&] { return expand(format, arguments); });
   va_end(arguments);
 }
 

@@ -55,17 +55,12 @@ std::string checkedProxy(const std::string& setting) {
 /// Who has the say about the system's proxy.
 enum class SETTLED_BY { Environment, System, Nobody };
 
-bool isSet(const char* name) {
-  const char* value = getenv(name);
-  return value != nullptr && *value != '\0';
+std::string_view valueOf(const char* variable) {
+  const char* const value = getenv(variable);
+  return value != nullptr ? value : "";
 }
 
-/// Whether a variable names no proxy but where to ask for one. libcurl cannot; libproxy can.
-bool namesWayToAsk(const char* name) {
-  const char* value = getenv(name);
-  return value != nullptr && (std::string_view(value).starts_with("pac+") ||
-                              std::string_view(value).starts_with("wpad:"));
-}
+bool isSet(const char* variable) { return !valueOf(variable).empty(); }
 
 /// The environment, where it names a proxy that libcurl would take. The exceptions in no_proxy are
 /// libcurl's to find; a host among them is measured as if there were a proxy. An environment that
@@ -73,8 +68,10 @@ bool namesWayToAsk(const char* name) {
 /// scheme's, or HTTP_PROXY, which a web server's client can set (RFC 3875, section 4.1.18).
 SETTLED_BY systemProxySettledBy(bool secure) {
   for (const char* name : {secure ? "https_proxy" : "http_proxy", secure ? "HTTPS_PROXY" : ""}) {
-    if (isSet(name)) {
-      return namesWayToAsk(name) ? SETTLED_BY::System : SETTLED_BY::Environment;
+    if (const std::string_view value = valueOf(name); !value.empty()) {
+      // A way to ask for a proxy is for libproxy; libcurl knows none.
+      const bool isWayToAsk = value.starts_with("pac+") || value.starts_with("wpad:");
+      return isWayToAsk ? SETTLED_BY::System : SETTLED_BY::Environment;
     }
   }
   if (isSet("all_proxy") || isSet("ALL_PROXY")) {
@@ -108,6 +105,10 @@ std::string withoutControlCharacters(std::string text) {
 }
 
 }  // namespace
+
+std::string PROBE_TARGET::Url() const {
+  return (secure ? "https://" : "http://") + host + ":" + std::to_string(port) + "/";
+}
 
 std::chrono::milliseconds PROBE_REQUEST::TimeLeft() const {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
@@ -143,14 +144,11 @@ unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA&
 unsigned int PROBE_REQUEST::DetermineProxy() {
   const SETTLED_BY settledBy = systemProxySettledBy(secure);
   environmentProxy = settledBy == SETTLED_BY::Environment;
-  return settledBy == SETTLED_BY::System ? AskSystem() : unsigned{CURLE_OK};
-}
-
-unsigned int PROBE_REQUEST::AskSystem() {
-  const std::string url =
-      (secure ? "https://" : "http://") + host + ":" + std::to_string(port) + "/";
+  if (settledBy != SETTLED_BY::System) {
+    return CURLE_OK;
+  }
   std::vector<std::string> entries;
-  const SystemProxy::Outcome outcome = SystemProxy::Find(url, TimeLeft(), entries);
+  const SystemProxy::Outcome outcome = SystemProxy::Find(Url(), TimeLeft(), entries);
   if (outcome == SystemProxy::Outcome::Late || TimeLeft().count() <= 0) {
     return CURLE_OPERATION_TIMEDOUT;
   }

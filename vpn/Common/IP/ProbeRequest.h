@@ -10,15 +10,14 @@ struct TLS_HANDSHAKE;
 
 /// What is sent, and to whom.
 struct PROBE_TARGET {
-  /// As it stands in a URL.
-  std::string host;
+  std::string host;  ///< checked, as it stands in a URL
   bool secure = false;
   unsigned short port = 0;
   std::string userAgent;
-  /// The request is wanted back as it was sent.
-  bool tellsRequest = false;
+  bool tellsRequest = false;  ///< it is wanted back as it was sent
 
   bool operator==(const PROBE_TARGET&) const = default;
+  std::string Url() const;
 };
 
 /// One probe as it is to be sent, checked.
@@ -62,5 +61,4 @@ struct PROBE_REQUEST : PROBE_TARGET {
 
  private:
   unsigned int DetermineProxy();
-  unsigned int AskSystem();
 };

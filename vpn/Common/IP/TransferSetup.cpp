@@ -1,11 +1,9 @@
-// A request in libcurl's options. The address is put together from its parts, so that none can
-// reach into another, and nothing is left to the environment but what the request says.
+// A request in libcurl's options. Nothing is left to the environment but what the request says.
 
 #include "vpn/Common/IP/TransferSetup.h"
 
 #include <curl/curl.h>
 
-#include <memory>
 #include <string>
 
 #include "vpn/Common/IP/ProbeRequest.h"
@@ -31,7 +29,6 @@ class Options {
       m_result = curl_easy_setopt(m_easy, option, value);
     }
   }
-  void fail(CURLcode result) { m_result = result; }
   CURLcode result() const { return m_result; }
 
  private:
@@ -40,20 +37,7 @@ class Options {
 };
 
 void setTarget(const PROBE_REQUEST& request, Options& options) {
-  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), curl_url_cleanup);
-  const char* scheme = request.secure ? "https" : "http";
-  const std::string port = std::to_string(request.port);
-  char* text = nullptr;
-  if (!url || curl_url_set(url.get(), CURLUPART_SCHEME, scheme, 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_HOST, request.host.c_str(), 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_PORT, port.c_str(), 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_PATH, "/", 0) != CURLUE_OK ||
-      curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
-    options.fail(CURLE_URL_MALFORMAT);
-    return;
-  }
-  const std::unique_ptr<char, decltype(&curl_free)> address(text, curl_free);
-  options.set(CURLOPT_URL, address.get());
+  options.set(CURLOPT_URL, request.Url().c_str());
   options.set(CURLOPT_PROTOCOLS_STR, "http,https");
   // Not HEAD, which some servers leave without an answer.
   options.set(CURLOPT_HTTPGET, 1L);
@@ -83,15 +67,6 @@ void setProxy(const PROBE_REQUEST& request, Options& options) {
   }
 }
 
-/// The connection is made and nothing is sent. Doubts about the certificate are told by the
-/// handshake; libcurl looks for the host alone.
-void setHandshakeAlone(TLS_HANDSHAKE& handshake, Options& options) {
-  static_assert(sizeof handshake.failure >= CURL_ERROR_SIZE);
-  options.set(CURLOPT_CONNECT_ONLY, 1L);
-  options.set(CURLOPT_SSL_VERIFYPEER, 0L);
-  options.set(CURLOPT_ERRORBUFFER, handshake.failure.data());
-}
-
 }  // namespace
 
 unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
@@ -108,7 +83,12 @@ unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
   options.set(CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
   options.set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
   if (request.handshake != nullptr) {
-    setHandshakeAlone(*request.handshake, options);
+    // The connection is made and nothing is sent. Doubts about the certificate are told by the
+    // handshake; libcurl looks for the host alone.
+    static_assert(sizeof request.handshake->failure >= CURL_ERROR_SIZE);
+    options.set(CURLOPT_CONNECT_ONLY, 1L);
+    options.set(CURLOPT_SSL_VERIFYPEER, 0L);
+    options.set(CURLOPT_ERRORBUFFER, request.handshake->failure.data());
   }
   return options.result();
 }

@@ -29,8 +29,6 @@ class AnswerHead {
 
   /// A final head is complete: what is missing is at most its body.
   bool IsComplete() const { return m_complete; }
-  /// Nothing at all has come.
-  bool IsEmpty() const { return m_bytes == 0; }
   /// The lines of the last head, its status line first; whole lines, of a long head the first ones.
   std::string TakeLines() { return std::move(m_lines); }
 

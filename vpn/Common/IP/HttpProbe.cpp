@@ -69,24 +69,17 @@ PROBE_OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, PROBE_R
 
 void writeResults(const HttpProbe::Report& report, PROBE_OUTCOME& outcome,
                   HttpProbe::HTTP_PROBE_RESULTS& results) {
-  if ((report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0) {
-    results.tstrResponseHeaders = std::move(outcome.headers);
-  }
-  if ((report.options & HttpProbe::HTTP_PROBE_RETURN_STATUSCODE) != 0) {
-    results.uiHttpStatusCode = report.httpStatus;
-  }
-  if ((report.options & HttpProbe::HTTP_PROBE_RETURN_LAST_ERROR) != 0) {
-    results.uiLastError = report.transportError;
-  }
-  if ((report.options & HttpProbe::HTTP_PROBE_RETURN_RTT) != 0) {
-    results.uiRtt = report.rttMs;
-  }
-  if ((report.options & HttpProbe::HTTP_PROBE_RETURN_LOCATION) != 0) {
-    results.tstrLocation = std::move(outcome.location);
-  }
-  if ((report.options & HttpProbe::HTTP_PROBE_RETURN_REQUEST) != 0) {
-    results.tstrRequest = std::move(outcome.request);
-  }
+  const auto give = [&report](HttpProbe::HTTP_PROBE_OPTIONS option, auto& result, auto&& value) {
+    if ((report.options & option) != 0) {
+      result = std::move(value);
+    }
+  };
+  give(HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS, results.tstrResponseHeaders, outcome.headers);
+  give(HttpProbe::HTTP_PROBE_RETURN_STATUSCODE, results.uiHttpStatusCode, report.httpStatus);
+  give(HttpProbe::HTTP_PROBE_RETURN_LAST_ERROR, results.uiLastError, report.transportError);
+  give(HttpProbe::HTTP_PROBE_RETURN_RTT, results.uiRtt, report.rttMs);
+  give(HttpProbe::HTTP_PROBE_RETURN_LOCATION, results.tstrLocation, outcome.location);
+  give(HttpProbe::HTTP_PROBE_RETURN_REQUEST, results.tstrRequest, outcome.request);
 }
 
 void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),

@@ -4,7 +4,7 @@
 #include "vpn/Common/IP/ProbeSettings.h"
 
 #include <curl/curl.h>
-#include <dirent.h>
+#include <glob.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
@@ -12,7 +12,6 @@
 #include <string.h>
 
 #include <atomic>
-#include <string_view>
 
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/include/Locks.h"
@@ -36,20 +35,13 @@ SETTINGS& settings() {
   return instance;
 }
 
-/// Whether OpenSSL can look certificates up in a directory, by links named for their hash. The
-/// iterators of the standard library end the process when they get no memory for a name.
+/// Whether OpenSSL can look certificates up in a directory, by links named for their hash.
 bool isCertificateDirectory(const char* path) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(path != nullptr ? opendir(path) : nullptr,
-                                                      closedir);
-  if (!directory) {
-    return false;
-  }
-  while (const dirent* entry = readdir(directory.get())) {
-    if (std::string_view(static_cast<const char*>(entry->d_name)).ends_with(".0")) {
-      return true;
-    }
-  }
-  return false;
+  glob_t links{};
+  const std::string pattern = std::string(path) + "/*.0";
+  const bool has = glob(pattern.c_str(), GLOB_NOSORT, nullptr, &links) == 0;
+  globfree(&links);
+  return has;
 }
 
 /// What libcurl trusts by default, and `extraFile`. One store serves all probes. The system's
@@ -61,7 +53,7 @@ ProbeSettings::Trust makeTrust(const std::string& extraFile) {
     return store;
   }
   const curl_version_info_data* version = curl_version_info(CURLVERSION_NOW);
-  if (isCertificateDirectory(version->capath)) {
+  if (version->capath != nullptr && isCertificateDirectory(version->capath)) {
     X509_STORE_load_path(store.get(), version->capath);
   } else if (version->cainfo != nullptr) {
     X509_STORE_load_file(store.get(), version->cainfo);

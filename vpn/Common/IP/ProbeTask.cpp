@@ -17,17 +17,9 @@ std::shared_ptr<ProbeTask> ProbeTask::Current() {
   return std::dynamic_pointer_cast<ProbeTask>(CTask::Current());
 }
 
-void ProbeTask::ProbeStarted(const ProbeReport& /*report*/) {}
-
-void ProbeTask::ProbeEnded(const ProbeReport& /*report*/) {}
-
-bool ProbeTask::SocketOpened(int /*socket*/, int /*family*/) { return true; }
-
 void ProbeTask::Cancel() noexcept {
   m_cancelled = true;
   if (m_descriptor >= 0) {
     eventfd_write(m_descriptor, 1);
   }
 }
-
-bool ProbeTask::IsCancelled() const noexcept { return m_cancelled; }

@@ -20,17 +20,17 @@ class ProbeTask : public CTask {
   static std::shared_ptr<ProbeTask> Current();
 
   /// A probe is about to start; only host, port, secure and options are known.
-  virtual void ProbeStarted(const ProbeReport& report);
+  virtual void ProbeStarted(const ProbeReport& /*report*/) {}
   /// A probe is over; everything of its report is known.
-  virtual void ProbeEnded(const ProbeReport& report);
+  virtual void ProbeEnded(const ProbeReport& /*report*/) {}
   /// A TCP socket was made and is about to connect, to the server or to a proxy.
   /// @param family AF_INET or AF_INET6. @return false if it must not be used.
-  virtual bool SocketOpened(int socket, int family);
+  virtual bool SocketOpened(int /*socket*/, int /*family*/) { return true; }
 
   /// Ends the probes that are out, whose connections close, and those to come before they begin:
   /// with HTTP_SESSION_ERROR_TIMEOUT. Returns at once; any thread may call it.
   void Cancel() noexcept;
-  bool IsCancelled() const noexcept;
+  bool IsCancelled() const noexcept { return m_cancelled; }
 
   /// Polls readable once the task is cancelled; -1 where the system gave no descriptor, and who
   /// waits has to look now and then.

@@ -1,5 +1,4 @@
-// What a transfer's TLS needs beyond what libcurl does. OpenSSL reads messages that lead to nothing
-// for as long as they come, so the time-out has to be kept here.
+// What a transfer's TLS needs beyond what libcurl does.
 
 #include "vpn/Common/IP/TlsWatch.h"
 
@@ -38,7 +37,7 @@ void noteCertificate(X509* certificate, std::string& der) {
 bool TlsWatch::Attach(ssl_ctx_st* context, TLS_HANDSHAKE* shown) {
   m_shown = shown;
   m_trust = ProbeSettings::TrustedCertificates();
-  if (!m_trust || SSL_CTX_set_ex_data(context, contextIndex(), this) != 1) {
+  if (!m_trust || SSL_CTX_set_app_data(context, this) != 1) {
     return false;
   }
   SSL_CTX_set1_cert_store(context, m_trust.get());
@@ -108,10 +107,5 @@ void TlsWatch::onProgress(const ssl_st* connection, int where, int /*result*/) {
 }
 
 TlsWatch& TlsWatch::of(const ssl_st* connection) {
-  return *static_cast<TlsWatch*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), contextIndex()));
-}
-
-int TlsWatch::contextIndex() {
-  static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-  return index;
+  return *static_cast<TlsWatch*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)));
 }

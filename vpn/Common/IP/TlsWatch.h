@@ -40,7 +40,6 @@ class TlsWatch {
   static int onVerified(int isFine, x509_store_ctx_st* store);
   static void onProgress(const ssl_st* connection, int where, int result);
   static TlsWatch& of(const ssl_st* connection);
-  static int contextIndex();
 
   std::shared_ptr<x509_store_st> m_trust;
   TLS_HANDSHAKE* m_shown = nullptr;

@@ -14,9 +14,8 @@ class KeptTransfer;
 
 /// Sends single HTTP(S) requests to find out whether a host answers, and how far away it is.
 ///
-/// All operations are static and may be called from any thread; probes of different threads run in
-/// parallel and share nothing but the settings. The task of the probe's thread (`ProbeTask`) is
-/// told of the probe and may cancel it.
+/// All operations may be called from any thread; probes run in parallel and share nothing but the
+/// settings. The task of the probe's thread (`ProbeTask`) is told of the probe and may cancel it.
 class HttpProbe {
  public:
   /// What a probe found out.
@@ -54,10 +53,11 @@ class HttpProbe {
   /// As long as one lives, the probes that its thread sends straight to one server go through one
   /// connection if the server lets them: a secure one pays for the TLS handshake once. It closes
   /// with this object. Probes through a proxy, probes with credentials and those of other threads
-  /// are as without it, and one within another does nothing. What a kept connection loses, does not
-  /// answer with HTTP, or does not answer within a quarter of the time-out is asked on a fresh one,
-  /// within the same time-out. A server whose connection could not be used again once is not asked
-  /// to keep another.
+  /// are as without it, and one within another does nothing. Outcomes stay what they are: what a
+  /// kept connection loses, or does not answer with HTTP, is asked on a fresh one, and what it does
+  /// not answer within a quarter of the time-out on a fresh one too, within the same time-out; the
+  /// first answer counts. A server whose connection could not be used again once is not asked to
+  /// keep another.
   ///
   /// To be used again a connection has to be at the end of an answer, so the body of a short answer
   /// (14 KiB) is read when the next probe begins. Where it is not there a round trip after its
@@ -115,19 +115,16 @@ class HttpProbe {
   /// returned: callers count one that they do not know as a sample of 0 ms, and what could not even
   /// be tried must not look like the nearest server.
   ///
-  /// A probe ends with the head of the answer, whatever body it announces; redirects are an answer
-  /// and not followed, and nothing is ever sent to a server whose certificate is not trusted. At
-  /// most 64 KiB of an answer's head are kept, and one that goes on beyond 256 KiB, 1,000 lines or
-  /// 10 answers (interim ones counted) is cut off. Throws nothing and raises no signal, whatever
-  /// the peer does.
+  /// A probe ends with the head of the answer, whatever body it announces; redirects are not
+  /// followed, and nothing is ever sent to a server whose certificate is not trusted. A head that
+  /// goes on beyond 256 KiB, 1,000 lines or 10 answers (interim ones counted) is cut off. Throws
+  /// nothing and raises no signal, whatever the peer does.
   ///
   /// A name server that stays silent does not hold up the time-out; the thread that asks it ends by
   /// itself, later.
   ///
-  /// Of the credentials nothing is left in memory when it returns: the first probe of the process
-  /// gives libcurl an allocator that wipes what it frees, and one with a user name wipes the stack
-  /// that it has used. libcurl takes an allocator once: if the host has initialised it before, the
-  /// host's stays, and what libcurl frees keeps the credentials.
+  /// Of the credentials nothing is left in memory when it returns, unless the host has initialised
+  /// libcurl before, whose allocator then stays the host's: see docs/secrets.md.
   static STATUSCODE SendHttpProbe(const std::string& host, bool secure, bool reserved,
                                   unsigned short port, const std::string& userAgent,
                                   unsigned int timeoutSeconds, const PROXY_DATA& proxyData,

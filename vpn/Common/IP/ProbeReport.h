@@ -6,19 +6,16 @@
 
 /// What `uiRtt` is.
 enum class RoundTripMeasure {
-  /// The smallest round trip that the kernel saw on the probe's connection (tcp(7), TCP_INFO,
-  /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it. On
-  /// a
-  /// connection that is used again (`KeptConnection`) it is the smallest so far. Through a proxy
-  /// the connection ends at the proxy, so there it is `Response`. Where the kernel cannot say, it
-  /// is the time that the connection took to open, whichever probe opened it.
+  /// The smallest round trip that the kernel has seen on the connection (tcp(7), TCP_INFO,
+  /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it.
+  /// Through a proxy, where the connection ends, it is `Response`. Where the kernel cannot say, it
+  /// is the time that the connection took to open.
   Network,
   /// From the request to the first byte of the answer: a slow gateway counts as far away. Where
-  /// no byte came, it ends with the probe (the connection was closed); where no request could be
-  /// sent, it starts with the TLS handshake that failed, or with the attempt to connect to the
-  /// proxy that refused a tunnel. Where a proxy has the request repeated to authenticate it, it
-  /// goes from the first of them (from the first with a password, if there was no ticket) to the
-  /// answer of the last.
+  /// no byte came, it ends with the probe; where no request could be sent, it starts with the TLS
+  /// handshake that failed, or with the attempt to connect to the proxy that refused a tunnel.
+  /// Where a proxy has the request repeated to authenticate it, it goes from the first of them to
+  /// the answer of the last.
   Response,
 };
 

@@ -30,12 +30,9 @@ enum CUST_LOG_LEVEL { CUST_LOG_LEVEL_3 = 3 };
 ///
 /// Every line carries its time, severity, thread, function and source position. All operations may
 /// be called from any thread at any time, also before a target exists (the line is then dropped);
-/// a log call throws nothing and leaves errno alone. A message is written in one piece, however
-/// many lines it has and whatever other threads write; its second line and those after it are
-/// indented. A call below the severity filter costs two atomic reads. Control characters in a
-/// message, except line feeds and tabs, and what is not well-formed UTF-8 are written escaped
-/// (`\x1b`), so that nothing that came from a network can forge or colour a line; a message is cut
-/// at `MaxMessageLength` bytes and marked " [cut]". Warnings and errors are written out at once.
+/// a log call throws nothing and leaves errno alone. A message is written in one piece, its second
+/// line and those after it indented, and cut at `MaxMessageLength` bytes. What could forge or
+/// colour a line is escaped (`legible`). Warnings and errors are written out at once.
 class CAppLog {
  public:
   /// Room for a report of a hundred thousand headends.

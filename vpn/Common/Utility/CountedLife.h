@@ -11,8 +11,7 @@
 ///
 /// @tparam T the class that derives from this, with an `operator delete` of its own that calls
 ///         `giveUp`, for the compiler wants that with the object's own type. Its objects are
-///         created with `new`; a class derived from it must not ask for more than the ordinary
-///         alignment.
+///         created with `new`, with the ordinary alignment.
 ///
 /// All operations may be called from any thread.
 template <class T>
@@ -41,8 +40,7 @@ class CCountedLife {
     }
   }
 
-  /// Allocates memory as the global operator does; here because a class that has its own `delete`
-  /// needs its own `new`.
+  /// The global one; a class that has its own `delete` needs its own `new`.
   static void* operator new(std::size_t size) { return ::operator new(size); }
   /// Frees the memory of an object whose construction threw.
   static void operator delete(void* memory) noexcept { ::operator delete(memory); }

@@ -23,8 +23,6 @@ void CManualLock::Lock() AHS_NO_THREAD_SAFETY_ANALYSIS {
   m_mutex.lock();
 }
 
-bool CManualLock::TryLock() AHS_NO_THREAD_SAFETY_ANALYSIS { return m_mutex.try_lock(); }
-
 void CManualLock::Unlock() AHS_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
 
 CMonitor::CMonitor() = default;

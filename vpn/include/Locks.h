@@ -29,9 +29,6 @@ class AHS_CAPABILITY("mutex") CManualLock {
   /// Takes the lock, waiting as long as another thread holds it.
   void Lock() AHS_ACQUIRE();
 
-  /// Takes the lock if no other thread holds it. @return whether it did.
-  bool TryLock() AHS_TRY_ACQUIRE(true);
-
   /// Gives the lock back once.
   void Unlock() AHS_RELEASE();
 

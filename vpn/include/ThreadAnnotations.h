@@ -20,13 +20,9 @@
 #define AHS_GUARDED_BY(lock) AHS_THREAD_ATTRIBUTE(guarded_by(lock))
 /// A function that takes locks.
 #define AHS_ACQUIRE(...) AHS_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
-/// A function that takes locks if it returns the first argument.
-#define AHS_TRY_ACQUIRE(...) AHS_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 /// A function that gives locks back.
 #define AHS_RELEASE(...) AHS_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 /// A function whose caller holds locks.
 #define AHS_REQUIRES(...) AHS_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
-/// A function whose caller does not hold locks.
-#define AHS_EXCLUDES(...) AHS_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 /// A function that is not checked.
 #define AHS_NO_THREAD_SAFETY_ANALYSIS AHS_THREAD_ATTRIBUTE(no_thread_safety_analysis)

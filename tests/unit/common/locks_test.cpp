@@ -76,18 +76,6 @@ TEST(ManualLock, TheHolderMayTakeItAgainAndMustGiveItBackAsOften) AHS_NO_THREAD_
   EXPECT_TRUE(eventually([&rival] { return rival.gotIt(); }));
 }
 
-TEST(ManualLock, WhoOnlyTriesDoesNotWaitForTheHolder) AHS_NO_THREAD_SAFETY_ANALYSIS {
-  CManualLock lock(500);
-  lock.Lock();
-  std::thread([&lock]() AHS_NO_THREAD_SAFETY_ANALYSIS { EXPECT_FALSE(lock.TryLock()); }).join();
-  lock.Unlock();
-  EXPECT_TRUE(lock.TryLock());
-  const Rival rival(lock);
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_FALSE(rival.gotIt());
-  lock.Unlock();
-}
-
 TEST(AutoLock, ItGivesTheLockBackOnEveryExit) {
   CManualLock lock(0);
   try {

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr const char* Function = "CClientLibrary";
 constexpr const char* SourceFile = "vpn/Api/ClientLibrary";
 
 void applyProbePreferences(PreferenceMgr& preferenceMgr) {
@@ -25,39 +24,31 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
 
 CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status)
     : m_pPreferenceMgr(nullptr), m_pExecutionContext(nullptr) {
+  const char* step = "CAppLog::Open";
   try {
-    status = start(options);
+    options.logProblem = CAppLog::Open(options.log);
+    step = "PreferenceMgr::createInstance";
+    status = PreferenceMgr::createInstance(options.sources);
+    if (status == PREFERENCEMGR_SUCCESS) {
+      // Creation has counted the acquisition that this object holds; the one made to get at the
+      // instance goes back.
+      m_pPreferenceMgr = PreferenceMgr::acquireInstance();
+      m_pPreferenceMgr->releaseInstance();
+      applyProbePreferences(*m_pPreferenceMgr);
+      step = "CExecutionContext::createInstance";
+      status = CExecutionContext::createInstance(API_INSTANCE);
+    }
+    if (status == EXECUTIONCONTEXT_SUCCESS) {
+      m_pExecutionContext = CExecutionContext::acquireInstance(API_INSTANCE);
+      m_pExecutionContext->releaseInstance();
+    }
   } catch (const std::bad_alloc&) {
     status = PREFERENCEMGR_ERROR_MEMALLOC_FAILED;
-    CAppLog::LogReturnCode(Function, SourceFile, __LINE__, Logging::DBG_Error,
-                           "CClientLibrary::start", status, 0, nullptr);
   }
-}
-
-STATUSCODE CClientLibrary::start(Options& options) {
-  options.logProblem = CAppLog::Open(options.log);
-
-  STATUSCODE status = PreferenceMgr::createInstance(options.sources);
-  if (status != PREFERENCEMGR_SUCCESS) {
-    CAppLog::LogReturnCode(Function, SourceFile, __LINE__, Logging::DBG_Error,
-                           "PreferenceMgr::createInstance", status, 0, nullptr);
-    return status;
+  if (status != 0) {
+    CAppLog::LogReturnCode("CClientLibrary", SourceFile, __LINE__, Logging::DBG_Error, step, status,
+                           0, nullptr);
   }
-  // Creation has counted the acquisition that this object holds; the one made to get at the
-  // instance goes back.
-  m_pPreferenceMgr = PreferenceMgr::acquireInstance();
-  m_pPreferenceMgr->releaseInstance();
-  applyProbePreferences(*m_pPreferenceMgr);
-
-  status = CExecutionContext::createInstance(API_INSTANCE);
-  if (status != EXECUTIONCONTEXT_SUCCESS) {
-    CAppLog::LogReturnCode(Function, SourceFile, __LINE__, Logging::DBG_Error,
-                           "CExecutionContext::createInstance", status, 0, nullptr);
-    return status;
-  }
-  m_pExecutionContext = CExecutionContext::acquireInstance(API_INSTANCE);
-  m_pExecutionContext->releaseInstance();
-  return status;
 }
 
 CClientLibrary::~CClientLibrary() {

@@ -36,8 +36,6 @@ class CClientLibrary {
   CClientLibrary& operator=(const CClientLibrary&) = delete;
 
  private:
-  STATUSCODE start(Options& options);
-
   // One acquisition each, null for a part that was not brought up. Used by one thread.
   PreferenceMgr* m_pPreferenceMgr;
   CExecutionContext* m_pExecutionContext;

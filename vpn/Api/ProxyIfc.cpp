@@ -5,30 +5,9 @@
 #include "vpn/Api/ProxyIfc.h"
 
 #include <cstring>
-#include <functional>
 #include <utility>
 
 #include "vpn/include/StringUtils.h"
-
-namespace {
-
-bool pointsInto(const std::string& text, const char* characters) {
-  // std::less orders any two pointers; the built-in comparison only those of one object.
-  const std::less<const char*> before;
-  return !before(characters, text.data()) && !before(text.data() + text.size(), characters);
-}
-
-}  // namespace
-
-ProxyIfc::~ProxyIfc() = default;
-
-ProxyIfc::UnprotectedCredential::UnprotectedCredential() = default;
-
-ProxyIfc::UnprotectedCredential::UnprotectedCredential(const UnprotectedCredential& other) =
-    default;
-
-ProxyIfc::UnprotectedCredential::UnprotectedCredential(const std::string& value)
-    : m_tstrValue(value) {}
 
 ProxyIfc::UnprotectedCredential::~UnprotectedCredential() { CStringUtils::wipe(m_tstrValue); }
 
@@ -42,29 +21,10 @@ ProxyIfc::UnprotectedCredential& ProxyIfc::UnprotectedCredential::operator=(
 }
 
 ProxyIfc::UnprotectedCredential& ProxyIfc::UnprotectedCredential::operator=(const char* value) {
-  if (value == nullptr) {
-    CStringUtils::wipe(m_tstrValue);
-  } else if (pointsInto(m_tstrValue, value)) {
-    // A part of itself: the copy dies wiped, so nothing of the old value is left.
-    UnprotectedCredential copy;
-    copy.append(value, std::strlen(value));
-    *this = copy;
-  } else {
-    CStringUtils::wipe(m_tstrValue);
-    append(value, std::strlen(value));
-  }
-  return *this;
+  UnprotectedCredential copy;  // the value may be a part of the own text
+  copy += value;
+  return *this = copy;
 }
-
-const std::string& ProxyIfc::UnprotectedCredential::GetValue() const { return m_tstrValue; }
-
-const char* ProxyIfc::UnprotectedCredential::c_str() const { return m_tstrValue.c_str(); }
-
-std::size_t ProxyIfc::UnprotectedCredential::GetLength() const { return m_tstrValue.size(); }
-
-std::size_t ProxyIfc::UnprotectedCredential::length() const { return m_tstrValue.size(); }
-
-bool ProxyIfc::UnprotectedCredential::empty() const { return m_tstrValue.empty(); }
 
 ProxyIfc::UnprotectedCredential& ProxyIfc::UnprotectedCredential::operator+=(
     const UnprotectedCredential& other) {

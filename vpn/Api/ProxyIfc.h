@@ -27,11 +27,11 @@ class ProxyIfc {
   /// A credential in clear. Destruction overwrites its characters before their memory is released.
   class UnprotectedCredential {
    public:
-    UnprotectedCredential();
+    UnprotectedCredential() = default;
     /// A copy of its own, which is wiped by itself.
-    UnprotectedCredential(const UnprotectedCredential& other);
+    UnprotectedCredential(const UnprotectedCredential& other) = default;
     /// Not explicit, so that a provider can return the string that it holds.
-    UnprotectedCredential(const std::string& value);
+    UnprotectedCredential(const std::string& value) : m_tstrValue(value) {}
     ~UnprotectedCredential();
 
     /// Wipes what was held before. A null pointer stands for the empty text; it may point into the
@@ -43,16 +43,16 @@ class ProxyIfc {
 
     /// The characters, as long as the object is not changed; copies are not wiped.
     /// @{
-    const std::string& GetValue() const;
-    const char* c_str() const;
+    const std::string& GetValue() const { return m_tstrValue; }
+    const char* c_str() const { return m_tstrValue.c_str(); }
     /// @}
     /// How many bytes there are.
     /// @{
-    std::size_t GetLength() const;
-    std::size_t length() const;
+    std::size_t GetLength() const { return m_tstrValue.size(); }
+    std::size_t length() const { return m_tstrValue.size(); }
     /// @}
     /// Whether there are none.
-    bool empty() const;
+    bool empty() const { return m_tstrValue.empty(); }
 
     /// Appends, and wipes the buffer that it outgrows. A null pointer stands for the empty text.
     /// @{
@@ -67,7 +67,7 @@ class ProxyIfc {
   };
 
   ProxyIfc() = default;
-  virtual ~ProxyIfc();
+  virtual ~ProxyIfc() = default;
   ProxyIfc(const ProxyIfc&) = delete;
   ProxyIfc& operator=(const ProxyIfc&) = delete;
 

@@ -4,7 +4,7 @@
 
 #include "vpn/include/StringUtils.h"
 
-PROXY_DATA::PROXY_DATA() : determineProxy(false) {}
+PROXY_DATA::PROXY_DATA() = default;
 
 // By way of a complete object: its destructor wipes what has been copied when there is no memory
 // for the rest.

@@ -41,7 +41,7 @@ struct PROXY_DATA {
 
   /// True: the probe finds the proxy itself from the system's settings. False: `proxyServer` holds,
   /// and an empty `proxyServer` means a direct connection.
-  bool determineProxy;
+  bool determineProxy = false;
   /// "http=http://" followed by the host and an optional ":" and port.
   std::string proxyServer;
   std::string proxyUser;  ///< empty: no credentials are used

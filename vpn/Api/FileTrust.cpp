@@ -8,10 +8,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -20,6 +22,8 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+using ConfigurationText::oneLine;
 using FileTrust::Check;
 using FileTrust::Descriptor;
 using FileTrust::Refusal;
@@ -51,8 +55,6 @@ std::string octal(mode_t mode) {
   return text;
 }
 
-std::string shown(const std::string& path) { return ConfigurationText::oneLine(path, PATH_MAX); }
-
 std::string distrust(const std::string& what, const std::string& remedy, Check check) {
   return "is refused because another user could have changed it: " + what + ". Run '" + remedy +
          (check == Check::Private ? "'" : "', or read it all the same with --trust-profiles");
@@ -62,9 +64,9 @@ std::string distrust(const std::string& what, const std::string& remedy, Check c
 std::string findDistrust(const struct stat& status, const std::string& path, Check check) {
   const uid_t user = ::geteuid();
   if (status.st_uid != 0 && status.st_uid != user) {
-    return distrust(shown(path) + " belongs to user " + std::to_string(status.st_uid) +
+    return distrust(oneLine(path) + " belongs to user " + std::to_string(status.st_uid) +
                         ", neither to root nor to the user who reads it, " + std::to_string(user),
-                    "chown " + std::to_string(user) + " " + shown(path), check);
+                    "chown " + std::to_string(user) + " " + oneLine(path), check);
   }
   const bool onlyOwnEntries = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
   if (S_ISLNK(status.st_mode) || onlyOwnEntries || (status.st_mode & OthersMayWrite) == 0) {
@@ -73,10 +75,10 @@ std::string findDistrust(const struct stat& status, const std::string& path, Che
   const bool byGroup = (status.st_mode & S_IWGRP) != 0;
   const bool byAll = (status.st_mode & S_IWOTH) != 0;
   return distrust(
-      shown(path) + " may be written by " +
+      oneLine(path) + " may be written by " +
           (byAll ? "every user" : "group " + std::to_string(status.st_gid)) + " (mode " +
           octal(status.st_mode & 07777U) + ")",
-      std::string("chmod ") + (byGroup ? "g" : "") + (byAll ? "o" : "") + "-w " + shown(path),
+      std::string("chmod ") + (byGroup ? "g" : "") + (byAll ? "o" : "") + "-w " + oneLine(path),
       check);
 }
 
@@ -90,34 +92,32 @@ struct Place {
 /// Goes to the end of one path. Used once.
 class Walk {
  public:
-  Walk(std::string path, Check check, Refusal& refusal)
-      : m_path(std::move(path)), m_check(check), m_refusal(refusal) {}
+  Walk(Check check, Refusal& refusal) : m_check(check), m_refusal(refusal) {}
 
   /// @param status of what stands there; never a link.
-  bool goTo(Place& place, struct stat& status);
+  bool goTo(const std::string& path, Place& place, struct stat& status);
 
  private:
-  bool begin();
   bool look(const std::string& name, Descriptor& found, struct stat& status);
   bool follow(const Descriptor& link);
-  bool enterRoot();
-  void push(const std::string& path);
-  std::string pathOf(const std::string& name) const;
+  void push(const fs::path& path);
+  fs::path pathOf(const std::string& name) const;
 
-  const std::string m_path;
   const Check m_check;
   Refusal& m_refusal;
   Descriptor m_directory;                // where the walk is
-  std::string m_place;                   // its path, "" for the root
-  std::vector<std::string> m_remaining;  // names to go, the next one last
+  fs::path m_place;                      // its path
+  std::vector<std::string> m_remaining;  // names to go, the next one last; "/" is the root
   int m_links = 0;
 };
 
-bool Walk::goTo(Place& place, struct stat& status) {
-  if (!begin()) {
-    return false;
+bool Walk::goTo(const std::string& path, Place& place, struct stat& status) {
+  std::error_code error = std::make_error_code(std::errc::no_such_file_or_directory);
+  const fs::path whole = path.empty() ? fs::path() : fs::absolute(path, error);
+  if (error) {
+    return fail(m_refusal, error.value());
   }
-  place.name = ".";
+  push(whole);
   while (!m_remaining.empty()) {
     place.name = std::move(m_remaining.back());
     m_remaining.pop_back();
@@ -137,25 +137,9 @@ bool Walk::goTo(Place& place, struct stat& status) {
       return fail(m_refusal, ENOTDIR);
     }
   }
-  place.path = place.name == "." ? (m_place.empty() ? "/" : m_place) : pathOf(place.name);
+  place.path = pathOf(place.name).string();
   place.directory = std::move(m_directory);
-  return place.name != "." || ::fstat(place.directory.get(), &status) == 0 ||
-         fail(m_refusal, errno);
-}
-
-bool Walk::begin() {
-  if (m_path.empty()) {
-    return fail(m_refusal, ENOENT);
-  }
-  push(m_path);
-  if (m_path.front() != '/') {
-    std::array<char, PATH_MAX> working{};
-    if (::getcwd(working.data(), working.size()) == nullptr) {
-      return fail(m_refusal, errno);
-    }
-    push(working.data());
-  }
-  return enterRoot();
+  return true;
 }
 
 bool Walk::look(const std::string& name, Descriptor& found, struct stat& status) {
@@ -166,7 +150,7 @@ bool Walk::look(const std::string& name, Descriptor& found, struct stat& status)
   if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)) {
     return true;  // for the caller to refuse, whoever owns it
   }
-  const std::string distrust = findDistrust(status, pathOf(name), m_check);
+  const std::string distrust = findDistrust(status, pathOf(name).string(), m_check);
   return distrust.empty() || refuse(m_refusal, distrust);
 }
 
@@ -176,44 +160,25 @@ bool Walk::follow(const Descriptor& link) {
   if (length < 0 || ++m_links > MaxLinks) {
     return fail(m_refusal, length < 0 ? errno : ELOOP);
   }
-  const std::string path(text.data(), static_cast<std::size_t>(length));
-  push(path);
-  return path.starts_with('/') ? enterRoot() : true;
-}
-
-bool Walk::enterRoot() {
-  m_directory = Descriptor(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  m_place.clear();
-  struct stat status = {};
-  if (m_directory.get() < 0 || ::fstat(m_directory.get(), &status) != 0) {
-    return fail(m_refusal, errno);
-  }
-  const std::string distrust = findDistrust(status, "/", m_check);
-  return distrust.empty() || refuse(m_refusal, distrust);
+  push(fs::path(text.data(), text.data() + length));
+  return true;
 }
 
 /// Puts the names of a path before those that remain.
-void Walk::push(const std::string& path) {
-  std::size_t end = path.size();
-  while (end > 0) {
-    const std::size_t slash = path.rfind('/', end - 1);
-    const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-    const std::string name = path.substr(begin, end - begin);
-    if (!name.empty() && name != ".") {
-      m_remaining.push_back(name);
-    }
-    end = slash == std::string::npos ? 0 : slash;
-  }
+void Walk::push(const fs::path& path) {
+  const std::vector<fs::path> names(path.begin(), path.end());
+  std::copy_if(names.rbegin(), names.rend(), std::back_inserter(m_remaining),
+               [](const fs::path& name) { return !name.empty() && name != "."; });
 }
 
-std::string Walk::pathOf(const std::string& name) const {
-  return name == ".." ? m_place.substr(0, m_place.rfind('/')) : m_place + "/" + name;
+fs::path Walk::pathOf(const std::string& name) const {
+  return name == "." ? m_place : name == ".." ? m_place.parent_path() : m_place / name;
 }
 
 bool locate(const std::string& path, Check check, Place& place, struct stat& status,
             Refusal& refusal) {
   if (check != Check::Waived) {
-    return Walk(path, check, refusal).goTo(place, status);
+    return Walk(check, refusal).goTo(path, place, status);
   }
   place.name = path;
   return ::stat(path.c_str(), &status) == 0 || fail(refusal, errno);
@@ -274,8 +239,8 @@ bool FileTrust::openDirectory(const std::string& path, Check check, Descriptor& 
   }
   // Where entries are safe from others, others may still add their own.
   if (check == Check::Private && (status.st_mode & OthersMayWrite) != 0) {
-    return refuse(refusal, distrust(shown(path) + " may be written by other users",
-                                    "chmod go-w " + shown(path), check));
+    return refuse(refusal, distrust(oneLine(path) + " may be written by other users",
+                                    "chmod go-w " + oneLine(path), check));
   }
   return S_ISDIR(status.st_mode) ? open(place, check, O_DIRECTORY, status, directory, refusal)
                                  : fail(refusal, ENOTDIR);
@@ -287,8 +252,8 @@ bool FileTrust::makeDirectory(const std::string& path, Refusal& refusal) {
     return true;
   }
   // From the end on: on the way there may be directories that may be passed but not read.
-  const std::filesystem::path whole(path);
-  const std::filesystem::path parent = whole.has_parent_path() ? whole.parent_path() : ".";
+  const fs::path whole(path);
+  const fs::path parent = whole.has_parent_path() ? whole.parent_path() : ".";
   if (refusal.error != ENOENT || parent == whole || !makeDirectory(parent, refusal)) {
     return false;
   }

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "vpn/include/StringUtils.h"
+#include "vpn/include/Utf8.h"
 
 namespace {
 
@@ -54,24 +55,6 @@ bool isSame(const struct stat& a, const struct stat& b) {
 }
 
 bool continues(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; }
-
-/// The length of the UTF-8 sequence that begins `text` (RFC 3629, section 4); 0 if none does.
-std::size_t utf8Length(std::string_view text) {
-  const auto lead = static_cast<unsigned char>(text.front());
-  if (lead < 0x80) {
-    return 1;
-  }
-  const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  if (lead < 0xC2 || lead > 0xF4 || text.size() < length ||
-      !std::ranges::all_of(text.substr(1, length - 1), continues)) {
-    return 0;
-  }
-  // A longer form of a shorter one, a surrogate, or beyond Unicode.
-  const auto next = static_cast<unsigned char>(text[1]);
-  const unsigned char least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
-  const unsigned char most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-  return next < least || next > most ? 0 : length;
-}
 
 /// How many characters a piece of UTF-8 has: what continues one is none of its own.
 unsigned int characters(std::string_view text) {
@@ -137,7 +120,7 @@ ConfigurationBytes::ByteProblem ConfigurationBytes::findByteProblem(std::string_
   PlaceFinder places(contents);
   std::size_t lastOpen = 0;
   for (std::size_t i = 0; i < contents.size();) {
-    const std::size_t length = utf8Length(contents.substr(i));
+    const std::size_t length = utf8CharacterAt(contents, i).length;
     if (length == 0 || contents[i] == '\0') {
       return {places.placeOf(i), "the byte " +
                                      CStringUtils::printable(std::string(1, contents[i])) +

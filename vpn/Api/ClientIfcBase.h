@@ -7,7 +7,7 @@
 class ClientIfcBase {
  public:
   ClientIfcBase() = default;
-  virtual ~ClientIfcBase();
+  virtual ~ClientIfcBase() = default;
 
   /// The outcome of one selection run, called exactly once per run on a thread of its own.
   ///

@@ -7,13 +7,17 @@
 class HostInitSettings {
  public:
   /// @param preferences copied.
-  explicit HostInitSettings(const PreferenceInfo& preferences);
+  explicit HostInitSettings(const PreferenceInfo& preferences) : m_preferences(preferences) {}
 
   /// All that the profile sets; belongs to this object.
-  const PreferenceInfo& getPreferences() const;
+  const PreferenceInfo& getPreferences() const { return m_preferences; }
 
   /// Whether the profile sets the preference with that attribute.
-  bool isEnabled(PreferenceId id, PreferenceAttribute attribute) const;
+  bool isEnabled(PreferenceId id, PreferenceAttribute attribute) const {
+    Preference* preference = nullptr;
+    return attribute == UserControllable && m_preferences.getPreference(id, preference) &&
+           preference->isUserControllable();
+  }
 
  private:
   PreferenceInfo m_preferences;

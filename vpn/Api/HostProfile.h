@@ -13,20 +13,25 @@ class HostProfile {
   /// @param line line of the entry in its file, 0 if it comes from no file.
   /// @param url the address, else the name, parsed.
   HostProfile(const std::string& profileName, const std::string& hostName,
-              const std::string& address, unsigned int line, const URL& url = {});
+              const std::string& address, unsigned int line, const URL& url = {})
+      : m_profileName(profileName),
+        m_hostName(hostName),
+        m_address(address),
+        m_line(line),
+        m_url(url) {}
 
   // The order of these four is part of the interface: name second, address fourth.
 
   /// What the entry was made with; the texts belong to it.
   /// @{
-  virtual const std::string& getProfileName() const;
-  virtual const std::string& getHostName() const;
-  virtual unsigned int getLine() const;
-  virtual const std::string& getHostAddress() const;
+  virtual const std::string& getProfileName() const { return m_profileName; }
+  virtual const std::string& getHostName() const { return m_hostName; }
+  virtual unsigned int getLine() const { return m_line; }
+  virtual const std::string& getHostAddress() const { return m_address; }
   const URL& getUrl() const { return m_url; }
   /// @}
 
-  virtual ~HostProfile();
+  virtual ~HostProfile() = default;
   HostProfile(const HostProfile&) = delete;
   HostProfile& operator=(const HostProfile&) = delete;
 

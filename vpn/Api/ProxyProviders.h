@@ -31,18 +31,25 @@ class CProxyProvider : public ProxyIfc {
   /// @param user, pswd copied. For Kerberos the password is tried where there is no ticket.
   /// @param host of the system's proxy; empty: the preferences name the proxy.
   explicit CProxyProvider(ProxyType type, const SecureString<std::string>& user = {},
-                          const SecureString<std::string>& pswd = {}, const std::string& host = {});
-  ~CProxyProvider() override;
+                          const SecureString<std::string>& pswd = {}, const std::string& host = {})
+      : m_type(type), m_user(user), m_pswd(pswd), m_host(host) {}
 
   /// What the provider was made with.
   /// @{
-  UnprotectedCredential getProxyUser() override;
-  UnprotectedCredential getProxyPswd() override;
-  std::string getProxyHost() override;
-  ProxyType getProxyType() override;
+  UnprotectedCredential getProxyUser() override { return credentialOf(m_user); }
+  UnprotectedCredential getProxyPswd() override { return credentialOf(m_pswd); }
+  std::string getProxyHost() override { return m_host; }
+  ProxyType getProxyType() override { return m_type; }
   /// @}
 
  private:
+  static UnprotectedCredential credentialOf(const SecureString<std::string>& secret) {
+    // Not by way of a std::string, which would be a copy that nobody wipes.
+    UnprotectedCredential credential;
+    credential = secret.c_str();
+    return credential;
+  }
+
   const ProxyType m_type;
   const SecureString<std::string> m_user;
   const SecureString<std::string> m_pswd;

@@ -47,10 +47,10 @@ std::string takePreferences(const std::optional<std::string>& given, const std::
            ". Name a file that exists with " + option + ", or leave the option out.";
   }
   path = *given;
-  PreferenceInfo preferences;
+  ProfileFile contents;
   std::vector<FileProblem> found;
   const FileTrust::Check check = trusts ? FileTrust::Check::Waived : FileTrust::Check::Strict;
-  if (readPreferencesFile(*given, preferences, found, check)) {
+  if (readConfigurationFile(*given, ConfigurationKind::Preferences, contents, found, check)) {
     return "";
   }
   for (const FileProblem& problem : found) {

@@ -40,7 +40,7 @@ void checkDirectory(const std::string& path, FileTrust::Check check, CheckResult
 /// What a manager has against the entries of one file is what it would have in a directory.
 void checkFile(const std::string& path, FileTrust::Check check, CheckResult& result) {
   ProfileFile contents;
-  static_cast<void>(readConfigurationFile(path, contents, result.problems, check));
+  readConfigurationFile(path, ConfigurationKind::Unknown, contents, result.problems, check);
   ++result.files;
   ProfileMgr profiles;
   profiles.addProfile(path, path, contents);

@@ -40,19 +40,24 @@ void requireOnlyRightValues(const PreferenceInfo& preferences) {
   }
 }
 
+bool isRead(ProfileFile& contents, std::vector<FileProblem>& problems) {
+  return readConfigurationFile(file().Path(), ConfigurationKind::Preferences, contents, problems,
+                               Trusted);
+}
+
 /// Reads the bytes by themselves, twice.
 PreferenceInfo requireRightFile(const std::string& text) {
-  PreferenceInfo preferences;
-  PreferenceInfo again;
+  ProfileFile contents;
+  ProfileFile again;
   std::vector<FileProblem> problems;
   std::vector<FileProblem> problemsAgain;
-  const bool usable = readPreferencesFile(file().Path(), preferences, problems, Trusted);
+  const bool usable = isRead(contents, problems);
   REQUIRE(usable || !problems.empty());
-  REQUIRE(readPreferencesFile(file().Path(), again, problemsAgain, Trusted) == usable);
+  REQUIRE(isRead(again, problemsAgain) == usable);
   REQUIRE(tests::sameProblems(problems, problemsAgain));
   tests::requireHelpfulProblems(problems, file().Path(), text);
-  requireOnlyRightValues(preferences);
-  return preferences;
+  requireOnlyRightValues(contents.preferences);
+  return contents.preferences;
 }
 
 void requireProxy(PreferenceMgr& manager) {

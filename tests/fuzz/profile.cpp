@@ -36,7 +36,8 @@ Reading read(const std::string& text) {
   Reading reading;
   file().Write(text);
   reading.usable =
-      readProfileFile(file().Path(), reading.profile, reading.problems, FileTrust::Check::Waived);
+      readConfigurationFile(file().Path(), ConfigurationKind::Profile, reading.profile,
+                            reading.problems, FileTrust::Check::Waived);
   return reading;
 }
 

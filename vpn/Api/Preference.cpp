@@ -3,6 +3,7 @@
 
 #include "vpn/Api/Preference.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "vpn/Common/Utility/URL.h"
@@ -18,8 +19,8 @@ namespace {
 
 using Definition = PreferenceBase::Definition;
 
-constexpr Definition numberOf(PreferenceId id, const char* name, const char* defaultValue,
-                              const char* unit, unsigned int least, unsigned int most) {
+Definition numberOf(PreferenceId id, const char* name, const char* defaultValue, const char* unit,
+                    unsigned int least, unsigned int most) {
   return {id, name, defaultValue, true, unit, least, most, {}};
 }
 
@@ -31,29 +32,28 @@ constexpr unsigned int LeastBudgetMs = 100;
 constexpr unsigned int OneSecondMs = 1000;
 constexpr unsigned int OneMinuteMs = 60000;
 
-const Definition Definitions[] = {
-    {ProxySettings,
-     "ProxySettings",
-     "system",
-     false,
-     nullptr,
-     0,
-     0,
-     {"system", "none", "override"},
-     false},
-    {ProxyHost, "ProxyHost", "", false, nullptr, 0, 0, {}, false},
-    {ProxyPort, "ProxyPort", "", false, "", 1, 65535, {}, false},
+// Never freed, as above.
+const auto& Definitions = *new std::vector<Definition>{
+    {.id = ProxySettings,
+     .name = "ProxySettings",
+     .defaultValue = "system",
+     .words = {"system", "none", "override"},
+     .isForProfiles = false},
+    {.id = ProxyHost, .name = "ProxyHost", .defaultValue = "", .isForProfiles = false},
+    {.id = ProxyPort,
+     .name = "ProxyPort",
+     .defaultValue = "",
+     .unit = "",
+     .least = 1,
+     .most = 65535,
+     .isForProfiles = false},
     // The profile's value is compared with "true" by its reader, so any other value means off.
-    {EnableAutomaticServerSelection,
-     "EnableAutomaticServerSelection",
-     "false",
-     true,
-     nullptr,
-     0,
-     0,
-     {"true", "false"},
-     true,
-     false},
+    {.id = EnableAutomaticServerSelection,
+     .name = "EnableAutomaticServerSelection",
+     .defaultValue = "false",
+     .checkedByReader = true,
+     .words = {"true", "false"},
+     .isForPreferences = false},
     numberOf(SelectionResumeTime, "SelectionResumeTime", "4", "hours", 0, HoursOfAYear),
     numberOf(SelectionImprovement, "SelectionImprovement", "20", "percent", 0, 1000),
     numberOf(SelectionClearCache, "SelectionClearCache", "14", "days", 1, 365),
@@ -65,7 +65,10 @@ const Definition Definitions[] = {
     numberOf(SelectionPingsPerHeadend, "SelectionPingsPerHeadend", "3", "probes", 1, 100),
     numberOf(SelectionTestPingTimeout, "SelectionTestPingTimeout", "5", "seconds", 1, 60),
     numberOf(SelectionMaxResults, "SelectionMaxResults", "100", "results", 1, 100000),
-    {RoundTripTime, "RoundTripTime", "network", false, nullptr, 0, 0, {"network", "response"}},
+    {.id = RoundTripTime,
+     .name = "RoundTripTime",
+     .defaultValue = "network",
+     .words = {"network", "response"}},
 };
 
 std::string allowedNumbers(const Definition& definition) {
@@ -74,22 +77,13 @@ std::string allowedNumbers(const Definition& definition) {
   return *definition.unit != '\0' ? text + " (" + definition.unit + ")" : text;
 }
 
-std::string allowedWords(const Definition& definition) {
+std::string allowedWords(const std::vector<std::string>& words) {
   std::string text;
-  for (const char* const* allowed = definition.words; *allowed != nullptr; ++allowed) {
-    if (!text.empty()) {
-      text += allowed[1] != nullptr ? ", " : " or ";
-    }
-    text += std::string("\"") + *allowed + "\"";
+  for (const std::string& word : words) {
+    text += text.empty() ? "" : &word == &words.back() ? " or " : ", ";
+    text += "\"" + word + "\"";
   }
   return text;
-}
-
-bool isOneOf(const char* const* words, const std::string& value) {
-  while (*words != nullptr && value != *words) {
-    ++words;
-  }
-  return *words != nullptr;
 }
 
 std::string findHostError(const std::string& value) {
@@ -105,26 +99,20 @@ std::string findHostError(const std::string& value) {
   return {};
 }
 
+const Definition* found(std::vector<Definition>::const_iterator definition) {
+  return definition == Definitions.end() ? nullptr : &*definition;
+}
+
 }  // namespace
 
 std::span<const PreferenceBase::Definition> PreferenceBase::definitions() { return Definitions; }
 
 const PreferenceBase::Definition* PreferenceBase::find(const std::string& name) {
-  for (const Definition& definition : Definitions) {
-    if (name == definition.name) {
-      return &definition;
-    }
-  }
-  return nullptr;
+  return found(std::ranges::find(Definitions, name, &Definition::name));
 }
 
 const PreferenceBase::Definition* PreferenceBase::find(PreferenceId id) {
-  for (const Definition& definition : Definitions) {
-    if (id == definition.id) {
-      return &definition;
-    }
-  }
-  return nullptr;
+  return found(std::ranges::find(Definitions, id, &Definition::id));
 }
 
 std::string PreferenceBase::findError(const Definition& definition, const std::string& value) {
@@ -136,10 +124,12 @@ std::string PreferenceBase::findError(const Definition& definition, const std::s
     return parseNumber(definition, value, ignored) ? std::string()
                                                    : "must be " + allowedNumbers(definition);
   }
-  if (definition.words[0] == nullptr) {
+  if (definition.words.empty()) {
     return findHostError(value);
   }
-  return isOneOf(definition.words, value) ? std::string() : "must be " + allowedWords(definition);
+  return std::ranges::count(definition.words, value) != 0
+             ? std::string()
+             : "must be " + allowedWords(definition.words);
 }
 
 bool PreferenceBase::parseNumber(const Definition& definition, const std::string& value,
@@ -154,24 +144,6 @@ bool PreferenceBase::parseNumber(const Definition& definition, const std::string
   number = parsed;
   return true;
 }
-
-Preference::Preference(PreferenceId id, const std::string& value, bool userControllable,
-                       unsigned int line, unsigned int column)
-    : m_id(id),
-      m_value(value),
-      m_userControllable(userControllable),
-      m_line(line),
-      m_column(column) {}
-
-PreferenceId Preference::getPreferenceId() const { return m_id; }
-
-const std::string& Preference::getPreferenceValue() const { return m_value; }
-
-bool Preference::isUserControllable() const { return m_userControllable; }
-
-unsigned int Preference::getLine() const { return m_line; }
-
-unsigned int Preference::getColumn() const { return m_column; }
 
 bool PreferenceInfo::getPreference(const PreferenceId& id, Preference*& preference) const {
   const auto found = m_preferences.find(id);

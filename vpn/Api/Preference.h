@@ -6,6 +6,7 @@
 #include <map>
 #include <span>
 #include <string>
+#include <vector>
 
 /// The preferences of the client, by number. The names in the files and the defaults are in
 /// `PreferenceBase`.
@@ -61,15 +62,14 @@ class PreferenceBase {
     const char* defaultValue;  ///< in force when no file sets it
     /// A value that is not allowed is loaded as it was written all the same, because whoever reads
     /// the preference checks it. Otherwise it is left out, as if the file did not set it.
-    bool checkedByReader;
+    bool checkedByReader = false;
     /// For a number: unit, empty for none, and range; for everything else: null.
-    const char* unit;
-    unsigned int least;  ///< smallest number allowed
-    unsigned int most;   ///< largest number allowed
-    /// For a word: the values allowed, null after the last; all null: a host or nothing.
-    const char* words[4];
-    bool isForProfiles = true;     ///< a profile may set it
-    bool isForPreferences = true;  ///< a preferences file may set it
+    const char* unit = nullptr;
+    unsigned int least = 0;            ///< smallest number allowed
+    unsigned int most = 0;             ///< largest number allowed
+    std::vector<std::string> words{};  ///< the values allowed; neither unit nor words: a host
+    bool isForProfiles = true;         ///< a profile may set it
+    bool isForPreferences = true;      ///< a preferences file may set it
   };
 
   /// All preferences.
@@ -101,15 +101,20 @@ class Preference {
   /// @param userControllable the file leaves it to the user.
   /// @param line, column place in its file, 0 if it comes from no file.
   Preference(PreferenceId id, const std::string& value, bool userControllable,
-             unsigned int line = 0, unsigned int column = 0);
+             unsigned int line = 0, unsigned int column = 0)
+      : m_id(id),
+        m_value(value),
+        m_userControllable(userControllable),
+        m_line(line),
+        m_column(column) {}
 
   /// What it was made with.
   /// @{
-  PreferenceId getPreferenceId() const;
-  const std::string& getPreferenceValue() const;
-  bool isUserControllable() const;
-  unsigned int getLine() const;
-  unsigned int getColumn() const;
+  PreferenceId getPreferenceId() const { return m_id; }
+  const std::string& getPreferenceValue() const { return m_value; }
+  bool isUserControllable() const { return m_userControllable; }
+  unsigned int getLine() const { return m_line; }
+  unsigned int getColumn() const { return m_column; }
   /// @}
 
  private:

@@ -129,19 +129,15 @@ STATUSCODE PreferenceMgr::getParsedPreferenceFile(PreferenceScope scope,
   return PREFERENCEMGR_ERROR_BAD_PARAMETER;
 }
 
-const std::string& PreferenceMgr::getCacheDirectory() const { return m_sources.cacheDirectory; }
-
-std::vector<FileProblem> PreferenceMgr::getProblems() const { return m_problems; }
-
 void PreferenceMgr::loadPreferences(const std::string& path, UserPreferences& preferences) {
   if (path.empty() || !mayExist(path)) {
     return;
   }
-  PreferenceInfo parsed;
+  ProfileFile parsed;
   const FileTrust::Check check =
       m_sources.trustFiles ? FileTrust::Check::Waived : FileTrust::Check::Strict;
-  if (readPreferencesFile(path, parsed, m_problems, check)) {
-    preferences.setPreferences(parsed);
+  if (readConfigurationFile(path, ConfigurationKind::Preferences, parsed, m_problems, check)) {
+    preferences.setPreferences(parsed.preferences);
   }
 }
 

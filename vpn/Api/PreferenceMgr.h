@@ -93,11 +93,11 @@ class PreferenceMgr {
   STATUSCODE getParsedPreferenceFile(PreferenceScope scope, UserPreferences*& preferences);
 
   /// See `Sources::cacheDirectory`.
-  const std::string& getCacheDirectory() const;
+  const std::string& getCacheDirectory() const { return m_sources.cacheDirectory; }
 
   /// What was wrong, in the order of reading: the user's preferences, the global ones, the
   /// profiles.
-  std::vector<FileProblem> getProblems() const;
+  std::vector<FileProblem> getProblems() const { return m_problems; }
 
   PreferenceMgr(const PreferenceMgr&) = delete;
   PreferenceMgr& operator=(const PreferenceMgr&) = delete;

@@ -21,9 +21,6 @@ using ConfigurationText::quoted;
 // Longest sentence of another module (the XML parser, an address) inside a message, in bytes.
 constexpr std::size_t MaxSentenceLength = 400;
 
-// Longest path in a message, in bytes: PATH_MAX of Linux.
-constexpr std::size_t MaxPathLength = 4096;
-
 /// Reads one file. Used by one thread, once.
 class FileReader : private XmlDocument {
  public:
@@ -33,9 +30,6 @@ class FileReader : private XmlDocument {
 
   /// @return whether `result` holds what the file says.
   bool read(FileTrust::Check check, ProfileFile& result);
-
-  /// Known once the outermost element is.
-  ConfigurationKind kind() const { return m_kind; }
 
  private:
   void start(const std::string& name, const Attributes& attributes) override;
@@ -48,7 +42,6 @@ class FileReader : private XmlDocument {
   std::string abandonHost();
   void checkAttributes(const ElementRule& rule, const Attributes& attributes);
   void reportWrong(const std::string& attribute, Place place, const std::string& text);
-  bool isWrong(const char* attribute) const { return m_wrong.contains(attribute); }
 
   void readPreference(const Attributes& attributes);
   bool isFirst(const PreferenceBase::Definition& definition);
@@ -58,9 +51,6 @@ class FileReader : private XmlDocument {
   void takeHost(const ProfileFile::Host& host);
   void leaveOut(ProfileFile::Host host, const std::string& reason);
   void report(Place place, const std::string& text);
-
-  static const std::string* find(const Attributes& attributes, const std::string& name);
-  static std::string valueOf(const Attributes& attributes, const std::string& name);
 
   const std::string& m_path;
   ConfigurationKind m_kind;
@@ -199,29 +189,15 @@ void FileReader::reportWrong(const std::string& attribute, Place place, const st
   report(place, text);
 }
 
-const std::string* FileReader::find(const Attributes& attributes, const std::string& name) {
-  for (const Attribute& attribute : attributes) {
-    if (attribute.name == name) {
-      return &attribute.value;
-    }
-  }
-  return nullptr;
-}
-
-std::string FileReader::valueOf(const Attributes& attributes, const std::string& name) {
-  const std::string* value = find(attributes, name);
-  return value != nullptr ? *value : std::string();
-}
-
 void FileReader::readPreference(const Attributes& attributes) {
-  if (isWrong("name") || isWrong("value")) {
+  if (m_wrong.contains("name") || m_wrong.contains("value")) {
     return;
   }
   const PreferenceBase::Definition* definition = PreferenceBase::find(valueOf(attributes, "name"));
   const std::string value = valueOf(attributes, "value");
   if (definition != nullptr && checkValue(*definition, value) && isFirst(*definition)) {
     const bool isUsers =
-        !isWrong("user-controllable") &&
+        !m_wrong.contains("user-controllable") &&
         valueOf(attributes, "user-controllable") == PreferenceBase::PreferenceEnabled;
     const Place here = placeOfTag();
     m_result.preferences.set(Preference(definition->id, value, isUsers, here.line, here.column));
@@ -244,17 +220,13 @@ bool FileReader::checkValue(const PreferenceBase::Definition& definition,
   if (error.empty()) {
     return true;
   }
-  std::vector<std::string> words;
-  for (const char* const* allowed = definition.words; *allowed != nullptr; ++allowed) {
-    words.emplace_back(*allowed);
-  }
   const std::string cost = definition.checkedByReader
                                ? std::string("it counts as \"") + definition.defaultValue + "\""
                                : "it is left out";
   report(placeOf("value"),
          "the value " + quoted(value) + " of " + definition.name +
-             ConfigurationFormat::meantText(nearestName(value, words), "\"", "\"") + " " +
-             oneLine(error, MaxSentenceLength) + "; " + cost);
+             ConfigurationFormat::meantText(nearestName(value, definition.words), "\"", "\"") +
+             " " + oneLine(error, MaxSentenceLength) + "; " + cost);
   return definition.checkedByReader;
 }
 
@@ -335,31 +307,13 @@ void FileReader::refused(Place place, const std::string& reason) {
 }  // namespace
 
 std::string FileProblem::toString() const {
-  const std::string place = oneLine(file, MaxPathLength);
+  const std::string place = oneLine(file);
   return line == 0
              ? place + ": " + text
              : place + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + text;
 }
 
-bool readProfileFile(const std::string& path, ProfileFile& profile,
-                     std::vector<FileProblem>& problems, FileTrust::Check check) {
-  return FileReader(path, ConfigurationKind::Profile, problems).read(check, profile);
-}
-
-bool readPreferencesFile(const std::string& path, PreferenceInfo& preferences,
-                         std::vector<FileProblem>& problems, FileTrust::Check check) {
-  ProfileFile file;
-  if (!FileReader(path, ConfigurationKind::Preferences, problems).read(check, file)) {
-    return false;
-  }
-  preferences = std::move(file.preferences);
-  return true;
-}
-
-ConfigurationKind readConfigurationFile(const std::string& path, ProfileFile& contents,
-                                        std::vector<FileProblem>& problems,
-                                        FileTrust::Check check) {
-  FileReader reader(path, ConfigurationKind::Unknown, problems);
-  static_cast<void>(reader.read(check, contents));
-  return reader.kind();
+bool readConfigurationFile(const std::string& path, ConfigurationKind kind, ProfileFile& contents,
+                           std::vector<FileProblem>& problems, FileTrust::Check check) {
+  return FileReader(path, kind, problems).read(check, contents);
 }

@@ -24,7 +24,7 @@ struct FileProblem {
   std::string toString() const;
 };
 
-/// What a profile file says.
+/// What a profile or a preferences file says.
 struct ProfileFile {
   /// A host entry.
   struct Host {
@@ -35,7 +35,7 @@ struct ProfileFile {
     URL url{};                ///< the address, else the name; empty for an entry that is left out
     std::string reason{};     ///< why it is left out, as a phrase
   };
-  PreferenceInfo preferences;  ///< what the profile sets
+  PreferenceInfo preferences;  ///< what it sets
   std::vector<Host> hosts;     ///< in the order of the file
   std::vector<Host> leftOut;   ///< what could be read of those with a mistake, which is reported;
                                ///< the first `MaxProblemsPerFile`
@@ -52,27 +52,17 @@ constexpr std::size_t MaxHostsPerFile = 100000;
 /// them says that there are more.
 constexpr std::size_t MaxProblemsPerFile = 100;
 
-/// Reads a profile file (see docs/profiles.md). The file is not trusted: only a regular file that
-/// nobody else could have written is read, up to `MaxConfigurationFileSize` bytes of UTF-8; a
-/// document type is refused, so no entity is ever expanded and nothing outside the file is fetched;
-/// time and memory grow with the size alone. Any thread may call it.
+/// Reads a profile or a preferences file (see docs/profiles.md). The file is not trusted: only a
+/// regular file that nobody else could have written is read, up to `MaxConfigurationFileSize` bytes
+/// of UTF-8; a document type is refused, so no entity is ever expanded and nothing outside the file
+/// is fetched; time and memory grow with the size alone. Any thread may call it.
 /// @param path the file, or a link to it.
-/// @param profile receives what the file says; left alone when the file cannot be used.
+/// @param kind what the file has to be; Unknown: whichever its outermost element names.
+/// @param contents receives what the file says; left alone when the file cannot be used.
 /// @param problems receives what is wrong, appended.
 /// @param check `Waived`: whoever could have written the file.
-/// @return whether the file is a profile that can be used (a wrong entry or preference is left out
-///         and reported, and the rest is used).
-bool readProfileFile(const std::string& path, ProfileFile& profile,
-                     std::vector<FileProblem>& problems,
-                     FileTrust::Check check = FileTrust::Check::Strict);
-
-/// Reads a preferences file in the same way.
-bool readPreferencesFile(const std::string& path, PreferenceInfo& preferences,
-                         std::vector<FileProblem>& problems,
-                         FileTrust::Check check = FileTrust::Check::Strict);
-
-/// Reads a file of either kind in the same way.
-/// @return the kind that its outermost element names; Unknown when it was not reached.
-ConfigurationKind readConfigurationFile(const std::string& path, ProfileFile& contents,
-                                        std::vector<FileProblem>& problems,
-                                        FileTrust::Check check = FileTrust::Check::Strict);
+/// @return whether the file can be used (a wrong entry or preference is left out and reported, and
+///         the rest is used).
+bool readConfigurationFile(const std::string& path, ConfigurationKind kind, ProfileFile& contents,
+                           std::vector<FileProblem>& problems,
+                           FileTrust::Check check = FileTrust::Check::Strict);

@@ -17,6 +17,7 @@
 
 namespace {
 
+using ConfigurationText::oneLine;
 using ConfigurationText::quoted;
 
 constexpr std::string_view ProfileSuffix = ".xml";
@@ -60,11 +61,6 @@ int listProfiles(FileTrust::Descriptor descriptor, ProfileNames& profiles) {
   }
   profiles.isComplete = false;
   return 0;
-}
-
-std::string pathText(const std::string& path) {
-  constexpr std::size_t maxLength = 4096;  // PATH_MAX of Linux
-  return ConfigurationText::oneLine(path, maxLength);
 }
 
 /// How many bytes of a file are read; one that is too large is refused unread.
@@ -158,23 +154,16 @@ std::string ProfileMgr::getProfileNameFromHost(const std::string& hostName) cons
   return found != m_hostProfileMap.end() ? found->second->getProfileName() : std::string();
 }
 
-const std::vector<ProfileMgr::LeftOutHost>& ProfileMgr::getLeftOutHosts() const {
-  return m_leftOut;
-}
-
 std::string ProfileMgr::getProfilePath(const std::string& profileName) const {
   const auto path = m_profilePaths.find(profileName);
   return path != m_profilePaths.end() ? path->second : std::string();
 }
 
-std::size_t ProfileMgr::getFileCount() const { return m_fileCount; }
-
-const std::vector<FileProblem>& ProfileMgr::getProblems() const { return m_problems; }
-
 void ProfileMgr::loadFile(const std::string& path, const std::string& profileName) {
   ProfileFile profile;
   std::vector<FileProblem> problems;
-  const bool usable = readProfileFile(path, profile, problems, m_check);
+  const bool usable =
+      readConfigurationFile(path, ConfigurationKind::Profile, profile, problems, m_check);
   ++m_fileCount;
   report(problems);
   if (usable) {
@@ -188,7 +177,7 @@ void ProfileMgr::addProfile(const std::string& profileName, const std::string& p
   if (!isNew) {
     report({path, 0, 0,
             "the profile " + quoted(profileName) + " is there already, from " +
-                pathText(known->second) + "; this file is skipped"});
+                oneLine(known->second) + "; this file is skipped"});
     return;
   }
   m_settings.push_back(std::make_unique<HostInitSettings>(profile.preferences));
@@ -277,6 +266,6 @@ void ProfileMgr::report(const std::vector<FileProblem>& problems) {
 
 std::string ProfileMgr::placeOf(const std::string& profileName, unsigned int line) const {
   const std::string path = getProfilePath(profileName);
-  return pathText(path.empty() ? profileName : path) +
+  return oneLine(path.empty() ? profileName : path) +
          (line != 0 ? ":" + std::to_string(line) : std::string());
 }

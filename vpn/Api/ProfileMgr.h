@@ -91,16 +91,16 @@ class ProfileMgr {
   };
 
   /// Entries that have a mistake or another's name, `MaxProblems` at most.
-  const std::vector<LeftOutHost>& getLeftOutHosts() const;
+  const std::vector<LeftOutHost>& getLeftOutHosts() const { return m_leftOut; }
 
   /// The file of a profile; empty if there is no such profile.
   std::string getProfilePath(const std::string& profileName) const;
 
   /// How many files were read, profiles or not.
-  std::size_t getFileCount() const;
+  std::size_t getFileCount() const { return m_fileCount; }
 
   /// What was wrong with the files, in the order they were read.
-  const std::vector<FileProblem>& getProblems() const;
+  const std::vector<FileProblem>& getProblems() const { return m_problems; }
 
  private:
   void loadFiles(const std::string& directory, const std::set<std::string>& names);

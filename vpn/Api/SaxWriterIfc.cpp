@@ -4,8 +4,6 @@
 
 #include <libxml/xmlwriter.h>
 
-#include "vpn/Api/XmlScope.h"
-
 namespace {
 
 const xmlChar* xmlText(const std::string& text) {
@@ -14,60 +12,34 @@ const xmlChar* xmlText(const std::string& text) {
 
 }  // namespace
 
-SaxWriterIfc::~SaxWriterIfc() = default;
+SaxWriterIfc::SaxWriterIfc()
+    : m_buffer(xmlBufferCreate()), m_writer(xmlNewTextWriterMemory(m_buffer, 0)) {
+  // The default grows the buffer by what is missing, which copies a long document many times.
+  xmlBufferSetAllocationScheme(m_buffer, XML_BUFFER_ALLOC_DOUBLEIT);
+  m_ok = m_writer != nullptr && xmlTextWriterSetIndent(m_writer, 1) >= 0 &&
+         xmlTextWriterStartDocument(m_writer, nullptr, "UTF-8", nullptr) >= 0;
+}
 
-struct CSaxMemoryWriter::Output {
-  Output() : buffer(xmlBufferCreate()), writer(nullptr) {
-    if (buffer != nullptr) {
-      // The default grows the buffer by what is missing, which copies a long document many times.
-      xmlBufferSetAllocationScheme(buffer, XML_BUFFER_ALLOC_DOUBLEIT);
-      writer = xmlNewTextWriterMemory(buffer, 0);
-    }
+SaxWriterIfc::~SaxWriterIfc() {
+  xmlFreeTextWriter(m_writer);
+  xmlBufferFree(m_buffer);
+}
+
+void SaxWriterIfc::startElement(const std::string& name) {
+  m_ok = m_ok && xmlTextWriterStartElement(m_writer, xmlText(name)) >= 0;
+}
+
+void SaxWriterIfc::addAttribute(const std::string& name, const std::string& value) {
+  m_ok = m_ok && xmlTextWriterWriteAttribute(m_writer, xmlText(name), xmlText(value)) >= 0;
+}
+
+void SaxWriterIfc::endElement() { m_ok = m_ok && xmlTextWriterEndElement(m_writer) >= 0; }
+
+bool SaxWriterIfc::finish(std::string& document) {
+  m_ok = m_ok && xmlTextWriterEndDocument(m_writer) >= 0 && xmlTextWriterFlush(m_writer) >= 0;
+  if (m_ok) {
+    document.assign(reinterpret_cast<const char*>(xmlBufferContent(m_buffer)),
+                    static_cast<std::size_t>(xmlBufferLength(m_buffer)));
   }
-  ~Output() {
-    if (writer != nullptr) {
-      xmlFreeTextWriter(writer);
-    }
-    if (buffer != nullptr) {
-      xmlBufferFree(buffer);
-    }
-  }
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
-
-  const CXmlScope library;  // first: the others are libxml2's
-  xmlBufferPtr buffer;
-  xmlTextWriterPtr writer;
-};
-
-CSaxMemoryWriter::CSaxMemoryWriter()
-    : m_output(std::make_unique<Output>()), m_ok(m_output->writer != nullptr) {
-  m_ok = m_ok && xmlTextWriterSetIndent(m_output->writer, 1) >= 0 &&
-         xmlTextWriterStartDocument(m_output->writer, nullptr, "UTF-8", nullptr) >= 0;
-}
-
-CSaxMemoryWriter::~CSaxMemoryWriter() = default;
-
-void CSaxMemoryWriter::startElement(const std::string& name) {
-  m_ok = m_ok && xmlTextWriterStartElement(m_output->writer, xmlText(name)) >= 0;
-}
-
-void CSaxMemoryWriter::addAttribute(const std::string& name, const std::string& value) {
-  m_ok = m_ok && xmlTextWriterWriteAttribute(m_output->writer, xmlText(name), xmlText(value)) >= 0;
-}
-
-void CSaxMemoryWriter::endElement() {
-  m_ok = m_ok && xmlTextWriterEndElement(m_output->writer) >= 0;
-}
-
-bool CSaxMemoryWriter::finish(std::string& document) {
-  m_ok = m_ok && xmlTextWriterEndDocument(m_output->writer) >= 0 &&
-         xmlTextWriterFlush(m_output->writer) >= 0;
-  if (!m_ok) {
-    return false;
-  }
-  const xmlBuffer* const buffer = m_output->buffer;
-  document.assign(reinterpret_cast<const char*>(xmlBufferContent(buffer)),
-                  static_cast<std::size_t>(xmlBufferLength(buffer)));
-  return true;
+  return m_ok;
 }

@@ -15,9 +15,3 @@ std::string valueOf(const PreferenceInfo& preferences, PreferenceId id) {
 std::string UserPreferences::getProxyHost() const { return valueOf(m_preferences, ProxyHost); }
 
 std::string UserPreferences::getProxyPort() const { return valueOf(m_preferences, ProxyPort); }
-
-const PreferenceInfo& UserPreferences::getPreferences() const { return m_preferences; }
-
-void UserPreferences::setPreferences(const PreferenceInfo& preferences) {
-  m_preferences = preferences;
-}

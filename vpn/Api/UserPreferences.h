@@ -14,10 +14,10 @@ class UserPreferences {
   /// @}
 
   /// All that the file sets; belongs to this object.
-  const PreferenceInfo& getPreferences() const;
+  const PreferenceInfo& getPreferences() const { return m_preferences; }
 
   /// Replaces what the file sets. Not while another thread may read.
-  void setPreferences(const PreferenceInfo& preferences);
+  void setPreferences(const PreferenceInfo& preferences) { m_preferences = preferences; }
 
  private:
   PreferenceInfo m_preferences;

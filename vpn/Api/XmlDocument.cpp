@@ -6,11 +6,13 @@
 #include <libxml/parser.h>
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <string_view>
 
-#include "vpn/Api/XmlProblem.h"
+#include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/XmlScope.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -23,6 +25,9 @@ constexpr int MaxAttributes = 16;
 // Most names of elements, attributes and processing instructions in a file. libxml2 keeps each in a
 // table whose look-ups grow with it; the formats have a dozen.
 constexpr int MaxNames = 1000;
+
+// Longest sentence of libxml2 in a message, in bytes; it may hold a name of the file.
+constexpr std::size_t MaxSentenceLength = 400;
 
 constexpr const char* Blanks = " \t\r\n";
 
@@ -46,29 +51,51 @@ std::string attributeValue(const xmlChar* begin, const xmlChar* end) {
   return value;
 }
 
+/// What libxml2 has against a text, in other words where its own do not say what to do.
+std::string problemOf(const xmlError& error) {
+  std::string sentence = error.message != nullptr ? error.message : "";
+  switch (error.code) {
+    case XML_ERR_NAME_REQUIRED:
+    case XML_ERR_ENTITYREF_SEMICOL_MISSING:
+      sentence = "\"<\" and \"&\" that stand for themselves have to be written as &lt; and &amp;";
+      break;
+    case XML_ERR_ATTRIBUTE_NOT_STARTED:
+    case XML_ERR_SPACE_REQUIRED:
+    case XML_ERR_GT_REQUIRED:
+      sentence = "a quotation mark, a blank or the \">\" of a tag is missing, or one is surplus";
+      break;
+    case XML_ERR_LT_IN_ATTRIBUTE:
+      sentence =
+          "\"<\" stands in a value; the closing quotation mark before it is missing, or it has to "
+          "be written as &lt;";
+      break;
+    default:
+      break;
+  }
+  return "is not well-formed XML: " +
+         ConfigurationText::oneLine(std::string(CStringUtils::trimmed(sentence)),
+                                    MaxSentenceLength);
+}
+
 }  // namespace
-
-XmlDocument::XmlDocument() = default;
-
-XmlDocument::~XmlDocument() = default;
-
-void XmlDocument::Deleter::operator()(_xmlParserCtxt* context) const { xmlFreeParserCtxt(context); }
 
 bool XmlDocument::read(const std::string& contents) {
   m_contents = &contents;
   m_places.emplace(contents);
   const CXmlScope library;
-  m_context.reset(xmlNewParserCtxt());
-  if (m_context == nullptr) {
+  const std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(),
+                                                                             &xmlFreeParserCtxt);
+  if (context == nullptr) {
     throw std::bad_alloc();
   }
+  m_context = context.get();
   setCallbacks(*m_context->sax);
   m_context->userData = this;
-  // The bytes are known to be UTF-8, whatever the document says of itself.
-  constexpr int options = XML_PARSE_NONET | XML_PARSE_IGNORE_ENC;
+  // The bytes are known to be UTF-8, whatever the document says of itself; their bounds are ours.
+  constexpr int options = XML_PARSE_NONET | XML_PARSE_IGNORE_ENC | XML_PARSE_HUGE;
   // Without the callbacks that build one, there is no document to return.
-  xmlCtxtReadMemory(m_context.get(), contents.data(), static_cast<int>(contents.size()), nullptr,
-                    nullptr, options);
+  xmlCtxtReadMemory(m_context, contents.data(), static_cast<int>(contents.size()), nullptr, nullptr,
+                    options);
   if (m_exception) {
     std::rethrow_exception(m_exception);
   }
@@ -78,14 +105,13 @@ bool XmlDocument::read(const std::string& contents) {
   if (!m_refused && m_context->wellFormed == 0) {
     refuse({}, "is not well-formed XML");
   }
-  m_context.reset();
   return !m_refused;
 }
 
 void XmlDocument::refuse(Place place, const std::string& reason) {
   m_refused = true;
   refused(place, reason);
-  xmlStopParser(m_context.get());
+  xmlStopParser(m_context);
 }
 
 template <class FunctionT>
@@ -98,7 +124,7 @@ void XmlDocument::guarded(void* user, FunctionT function) {
     function(document);
   } catch (...) {
     document.m_exception = std::current_exception();
-    xmlStopParser(document.m_context.get());
+    xmlStopParser(document.m_context);
   }
 }
 
@@ -163,7 +189,7 @@ void XmlDocument::setCallbacks(_xmlSAXHandler& handler) {
       if (error->code == XML_ERR_NO_MEMORY) {
         throw std::bad_alloc();
       }
-      document.refuse(document.m_places->placeOf(document.offset()), xmlProblem(*error));
+      document.refuse(document.m_places->placeOf(document.offset()), problemOf(*error));
     });
   };
 }
@@ -197,7 +223,7 @@ bool XmlDocument::exceedsBounds(int attributeCount) {
 
 /// How far the parser has come.
 std::size_t XmlDocument::offset() const {
-  const long consumed = xmlByteConsumed(m_context.get());
+  const long consumed = xmlByteConsumed(m_context);
   return std::min(static_cast<std::size_t>(std::max(consumed, 0L)), m_contents->size());
 }
 
@@ -218,6 +244,16 @@ std::size_t XmlDocument::offsetOf(const std::string& attribute) const {
     at = at == std::string::npos ? at : at + 1;
   }
   return m_tag;
+}
+
+const std::string* XmlDocument::find(const Attributes& attributes, const std::string& name) {
+  const auto found = std::ranges::find(attributes, name, &Attribute::name);
+  return found != attributes.end() ? &found->value : nullptr;
+}
+
+std::string XmlDocument::valueOf(const Attributes& attributes, const std::string& name) {
+  const std::string* const value = find(attributes, name);
+  return value != nullptr ? *value : std::string();
 }
 
 XmlDocument::Place XmlDocument::placeOfTag() { return m_places->placeOf(m_tag); }

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,8 +31,8 @@ class XmlDocument {
   };
   using Attributes = std::vector<Attribute>;
 
-  XmlDocument();
-  virtual ~XmlDocument();
+  XmlDocument() = default;
+  ~XmlDocument() = default;
 
   /// @param contents UTF-8 that `ConfigurationBytes::findByteProblem` has nothing against; must
   ///        outlive the object. @return whether all of it was read and nothing was refused.
@@ -47,7 +46,14 @@ class XmlDocument {
 
   /// Refuses the text; nothing more is read.
   void refuse(Place place, const std::string& reason);
-  bool isRefused() const { return m_refused; }
+
+  /// The value of an attribute; null, or empty, if there is none of that name.
+  /// @{
+  static const std::string* find(const Attributes& attributes, const std::string& name);
+  static std::string valueOf(const Attributes& attributes, const std::string& name);
+  /// @}
+  /// How many elements are open, the one that `start` is told of included.
+  std::size_t depth() const { return m_depth; }
 
   /// Where the last tag begins.
   Place placeOfTag();
@@ -66,13 +72,9 @@ class XmlDocument {
   std::size_t offset() const;
   std::size_t offsetOf(const std::string& attribute) const;
 
-  struct Deleter {
-    void operator()(_xmlParserCtxt* context) const;
-  };
-
   const std::string* m_contents = nullptr;
   std::optional<ConfigurationBytes::PlaceFinder> m_places;
-  std::unique_ptr<_xmlParserCtxt, Deleter> m_context;
+  _xmlParserCtxt* m_context = nullptr;
   std::size_t m_tag = 0;  // where the last tag begins
   std::size_t m_depth = 0;
   bool m_refused = false;

@@ -7,7 +7,7 @@
 #include "vpn/Api/SaxWriterIfc.h"
 
 TEST(SaxWriter, WritesNestedElementsOneALine) {
-  CSaxMemoryWriter writer;
+  SaxWriterIfc writer;
   writer.startElement("outer");
   writer.addAttribute("version", "1");
   writer.startElement("inner");
@@ -23,7 +23,7 @@ TEST(SaxWriter, WritesNestedElementsOneALine) {
 }
 
 TEST(SaxWriter, EscapesWhatHasAMeaningInXml) {
-  CSaxMemoryWriter writer;
+  SaxWriterIfc writer;
   writer.startElement("e");
   writer.addAttribute("a", "<>&\"'\n");
   std::string document;
@@ -32,7 +32,7 @@ TEST(SaxWriter, EscapesWhatHasAMeaningInXml) {
 }
 
 TEST(SaxWriter, EndsElementsThatAreStillOpen) {
-  CSaxMemoryWriter writer;
+  SaxWriterIfc writer;
   writer.startElement("outer");
   writer.startElement("inner");
   std::string document;
@@ -41,7 +41,7 @@ TEST(SaxWriter, EndsElementsThatAreStillOpen) {
 }
 
 TEST(SaxWriter, AnAttributeWithoutAnElementIsAnErrorThatLasts) {
-  CSaxMemoryWriter writer;
+  SaxWriterIfc writer;
   writer.addAttribute("a", "1");
   writer.startElement("e");
   std::string document = "untouched";

@@ -172,7 +172,7 @@ TEST_F(XmlMemory, AProfileIsReadWholeOrNotAtAllAndIsNotCalledWrong) {
     ProfileFile profile;
     std::vector<FileProblem> problems;
     try {
-      EXPECT_TRUE(readProfileFile(file, profile, problems));
+      EXPECT_TRUE(readConfigurationFile(file, ConfigurationKind::Profile, profile, problems));
       EXPECT_EQ(profile.hosts.size(), 2U);
       for (const FileProblem& problem : problems) {
         ADD_FAILURE() << problem.toString();

@@ -96,7 +96,8 @@ struct ProfileReading {
 
 inline ProfileReading readProfile(const std::string& path) {
   ProfileReading reading;
-  reading.usable = readProfileFile(path, reading.profile, reading.problems);
+  reading.usable =
+      readConfigurationFile(path, ConfigurationKind::Profile, reading.profile, reading.problems);
   return reading;
 }
 
@@ -114,7 +115,10 @@ struct PreferencesReading {
 
 inline PreferencesReading readPreferences(const std::string& path) {
   PreferencesReading reading;
-  reading.usable = readPreferencesFile(path, reading.preferences, reading.problems);
+  ProfileFile file;
+  reading.usable =
+      readConfigurationFile(path, ConfigurationKind::Preferences, file, reading.problems);
+  reading.preferences = file.preferences;
   return reading;
 }
 

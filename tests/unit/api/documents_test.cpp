@@ -104,8 +104,8 @@ TEST(Documents, TheTableHasEveryPreferenceWithUnitRangeDefaultAndPlace) {
       EXPECT_THAT(row, HasSubstr("|" + unit + " | " + std::to_string(definition.least) + " to " +
                                  std::to_string(definition.most)));
     }
-    for (const char* const* word = definition.words; *word != nullptr; ++word) {
-      EXPECT_THAT(row, HasSubstr(std::string("`") + *word + "`"));
+    for (const std::string& word : definition.words) {
+      EXPECT_THAT(row, HasSubstr("`" + word + "`"));
     }
     const std::string defaultValue =
         *definition.defaultValue != '\0' ? definition.defaultValue : "nothing";

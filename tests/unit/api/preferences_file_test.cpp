@@ -129,13 +129,13 @@ TEST_F(PreferencesFileTest, TheFirstRightValueCounts) {
 }
 
 TEST_F(PreferencesFileTest, AProfileInItsPlaceIsSkippedAndTheResultLeftAlone) {
-  PreferenceInfo preferences;
-  preferences.set(Preference(SelectionImprovement, "7", false));
+  ProfileFile contents;
+  contents.preferences.set(Preference(SelectionImprovement, "7", false));
   std::vector<FileProblem> problems;
   const std::string path = m_directory.Write("p.xml", tests::profileWithHosts(""));
-  EXPECT_FALSE(readPreferencesFile(path, preferences, problems));
+  EXPECT_FALSE(readConfigurationFile(path, ConfigurationKind::Preferences, contents, problems));
   EXPECT_THAT(problems, ElementsAre(ProblemAt(2, Pieces{"<profile>", "<preferences>"})));
   Preference* preference = nullptr;
-  ASSERT_TRUE(preferences.getPreference(SelectionImprovement, preference));
+  ASSERT_TRUE(contents.preferences.getPreference(SelectionImprovement, preference));
   EXPECT_EQ(preference->getPreferenceValue(), "7");
 }

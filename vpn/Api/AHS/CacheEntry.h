@@ -21,13 +21,10 @@ class CCacheEntry {
   /// An entry with these results, without time stamp and key.
   explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList) : m_headendList(headendList) {}
 
-  /// Replaces the results.
   void SetHeadendList(const std::vector<CHeadendRTT>& headendList) { m_headendList = headendList; }
   /// Replaces `headendList` by the results in stored order; always 0.
   STATUSCODE GetHeadendList(std::vector<CHeadendRTT>& headendList) const;
-  /// How many results there are.
   unsigned int GetListSize() const { return static_cast<unsigned int>(m_headendList.size()); }
-  /// Appends one result.
   void AddHeadend(const CHeadendRTT& headend) { m_headendList.push_back(headend); }
 
   /// Seconds since 1970-01-01 00:00 UTC; 0 for an entry that was never stored.

@@ -1,8 +1,5 @@
-// The selection cache: one file a selection in a directory, and in memory what the directory does
-// not have. A look-up reads the file of its selection. A store changes the memory alone, and
-// whoever gives the cache back writes the files. No lock that a look-up or a store takes is held
-// while the disk is waited for. Failure of a file, of memory or of the clock makes a miss, never
-// more.
+// The selection cache. No lock that a look-up or a store takes is held while the disk is waited
+// for. Failure of a file, of memory or of the clock makes a miss, never more.
 
 #include "vpn/Api/AHS/SelectionCache.h"
 
@@ -286,7 +283,7 @@ bool CSelectionCache::writeFile(const SelectionFiles::Selection& selection) {
 
 /// The text of a selection's file; empty when it cannot be built.
 std::string CSelectionCache::documentOf(const SelectionFiles::Selection& selection) {
-  CSaxMemoryWriter writer;
+  SaxWriterIfc writer;
   writer.startElement("selection");
   storeAttribute(&writer, "place", selection.place);
   storeAttribute(&writer, "stored", std::to_string(selection.entry.GetTimestamp()));

@@ -14,21 +14,16 @@
 
 class SaxWriterIfc;
 
-/// The process's cache of earlier selections, kept in a directory between processes
-/// (docs/cache.md).
-///
-/// A selection is found again for the same candidate set at the same place (the name servers and
-/// search domains that the resolver uses, and the way that the probes leave the machine) until the
-/// clear-cache time of the settings has passed. At most `SelectionFiles::MaxFiles` selections are
-/// kept; those used longest ago go first. What is wrong with a file costs one warning a process
-/// and never a selection. No operation throws but `toString`, for want of memory.
+/// The process's cache of earlier selections, kept in a directory between processes: docs/cache.md
+/// says what is found again, how many are kept, and what is wrong with a file.
 ///
 /// A store keeps its selection in memory. The next `releaseInstance` of anyone writes the file, so
 /// a process holds an acquisition while it is up, and its client waits for no writing. What cannot
 /// be written stays in memory until the last release. A look-up reads the selection's file; the
 /// younger of file and memory answers, and is not replaced by the older.
 ///
-/// All operations may be called from any thread that holds an acquisition.
+/// All operations may be called from any thread that holds an acquisition. None throws but
+/// `toString`, for want of memory.
 class CSelectionCache {
  public:
   /// The instance with its acquisition counted, or null when none exists.
@@ -71,9 +66,7 @@ class CSelectionCache {
   explicit CSelectionCache(STATUSCODE& status);
   ~CSelectionCache();
 
-  /// Takes settings and directory from the preferences in force.
   STATUSCODE buildCacheFromPrefs();
-  /// Writes what the directory does not have.
   STATUSCODE updateCache();
   /// The present place: where the machine is, and how the probes of the selection leave it.
   STATUSCODE calculateKey(std::vector<std::string>& dnsList);
@@ -82,7 +75,6 @@ class CSelectionCache {
   /// Appends the pieces of `text` between `separators` to `parts`; an empty text has one, empty.
   static void splitString(const std::string& text, const std::string& separators,
                           std::vector<std::string>& parts);
-  /// Whether an entry answers for a candidate set now.
   bool isCacheCurrent(std::string& key, CCacheEntry& entry);
   /// Copies the entry in memory of a candidate set at the place in `ml_dnsList`, current or not.
   bool findDnsCacheEntry(std::string& key, CCacheEntry& entry) AHS_REQUIRES(m_lock);

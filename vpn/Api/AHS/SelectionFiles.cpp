@@ -1,18 +1,13 @@
 // The files of the selection cache. A file is complete before it has its name and is never changed
-// in place, so readers and writers need no lock; of two processes that write one name the later
-// wins. Nothing is flushed: after a power failure a file is the old one, the new one, or not
-// understood, which costs a measurement. What a killed process leaves under a temporary name counts
-// as a file, which goes when 64 others were used after it.
-//
-// The directory and what leads to it are looked at first; nobody but the user and root can change
-// them afterwards.
+// in place, so readers and writers need no lock. Nothing is flushed: after a power failure a file
+// is the old one, the new one, or not understood, which costs a measurement. What a killed process
+// leaves under a temporary name counts as a file, which goes when 64 others were used after it.
 
 #include "vpn/Api/AHS/SelectionFiles.h"
 
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <libxml/xmlreader.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -23,14 +18,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <new>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "vpn/Api/ConfigurationBytes.h"
 #include "vpn/Api/FileTrust.h"
-#include "vpn/Api/XmlScope.h"
+#include "vpn/Api/XmlDocument.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -42,54 +36,69 @@ using SelectionFiles::Selection;
 /// The last second of the year 9999.
 constexpr unsigned long MaxTimestamp = 253402300799UL;
 
-/// Takes the value of an attribute of the present element. @return whether there is one.
-bool takeText(xmlTextReader& reader, const char* name, std::string& text) {
-  const std::unique_ptr<xmlChar, void (*)(void*)> value(
-      xmlTextReaderGetAttribute(&reader, reinterpret_cast<const xmlChar*>(name)),
-      [](void* allocated) { xmlFree(allocated); });
-  text = value == nullptr ? "" : reinterpret_cast<const char*>(value.get());
-  return value != nullptr;
-}
-
 template <class NumberT>
-bool takeNumber(xmlTextReader& reader, const char* name, NumberT& number) {
-  std::string text;
-  takeText(reader, name, text);
+bool takeNumber(const std::string& text, NumberT& number) {
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
   return result.ec == std::errc() && result.ptr == text.data() + text.size();
 }
 
-/// @param candidates is appended to. @return whether the element belongs where it stands.
-bool takeElement(xmlTextReader& reader, Selection& selection, std::string& candidates) {
-  const auto* const tag = reinterpret_cast<const char*>(xmlTextReaderConstName(&reader));
-  const std::string_view element(tag != nullptr ? tag : "");
-  const int attributes = xmlTextReaderAttributeCount(&reader);
-  if (xmlTextReaderDepth(&reader) == 0) {
-    unsigned long stored = 0;
-    const bool isStamped = takeNumber(reader, "stored", stored);
-    selection.entry.SetTimestamp(stored);
-    return element == "selection" && attributes == 2 && isStamped && stored > 0 &&
-           stored <= MaxTimestamp && takeText(reader, "place", selection.place);
+/// Reads the text of one file. Used once.
+class SelectionReader : private XmlDocument {
+ public:
+  bool read(const std::string& text, Selection& selection, std::string& problem);
+
+ private:
+  void start(const std::string& name, const Attributes& attributes) override {
+    require(take(name, attributes));
   }
-  std::string name;
-  takeText(reader, "name", name);
-  if (element == "candidate") {
-    candidates += name + ";";
-    return attributes == 1 && !name.empty() && xmlTextReaderDepth(&reader) == 1;
+  void end() override {}
+  void text(const std::string& found) override { require(CStringUtils::trimmed(found).empty()); }
+  void refused(Place place, const std::string& /*reason*/) override { m_line = place.line; }
+
+  bool take(const std::string& element, const Attributes& attributes);
+  void require(bool isAllowed) {
+    if (!isAllowed) {
+      refuse(placeOfTag(), "");
+    }
   }
-  std::uint32_t metric = 0;
-  const bool isMeasured = takeNumber(reader, "rtt", metric);
-  selection.entry.AddHeadend(CHeadendRTT(name, metric));
-  return element == "result" && attributes == 2 && !name.empty() && isMeasured &&
-         xmlTextReaderDepth(&reader) == 1;
+
+  Selection m_found;
+  std::string m_candidates;
+  unsigned int m_line = 1;  // what is wrong stands there
+};
+
+bool SelectionReader::read(const std::string& text, Selection& selection, std::string& problem) {
+  if (!XmlDocument::read(text) || m_found.entry.GetListSize() == 0) {
+    problem = "is no selection of the cache, see line " + std::to_string(m_line);
+    return false;
+  }
+  m_found.entry.SetKnownHeadends(m_candidates);
+  std::swap(selection, m_found);
+  return true;
 }
 
-/// @return whether the node belongs where it stands.
-bool takeNode(xmlTextReader& reader, Selection& selection, std::string& candidates) {
-  const int type = xmlTextReaderNodeType(&reader);
-  return type == XML_READER_TYPE_ELEMENT ? takeElement(reader, selection, candidates)
-                                         : type == XML_READER_TYPE_END_ELEMENT ||
-                                               type == XML_READER_TYPE_SIGNIFICANT_WHITESPACE;
+/// @return whether the element belongs where it stands.
+bool SelectionReader::take(const std::string& element, const Attributes& attributes) {
+  if (depth() == 1) {
+    unsigned long stored = 0;
+    const bool isStamped = takeNumber(valueOf(attributes, "stored"), stored);
+    m_found.place = valueOf(attributes, "place");
+    m_found.entry.SetTimestamp(stored);
+    return element == "selection" && attributes.size() == 2 && isStamped && stored > 0 &&
+           stored <= MaxTimestamp && find(attributes, "place") != nullptr;
+  }
+  const std::string name = valueOf(attributes, "name");
+  if (name.empty() || depth() != 2) {
+    return false;
+  }
+  if (element == "candidate") {
+    m_candidates += name + ";";
+    return attributes.size() == 1;
+  }
+  std::uint32_t metric = 0;
+  const bool isMeasured = takeNumber(valueOf(attributes, "rtt"), metric);
+  m_found.entry.AddHeadend(CHeadendRTT(name, metric));
+  return element == "result" && attributes.size() == 2 && isMeasured;
 }
 
 /// The file of a selection. Two that share a name replace each other's; a reader tells them apart
@@ -136,8 +145,7 @@ bool readSelection(const fs::path& file, Selection& selection, std::string& prob
 /// A file of ours and when it was used last; a use of the future counts for nothing.
 using UsedFile = std::pair<std::chrono::sys_time<fs::file_time_type::duration>, fs::path>;
 
-/// The files of selections, and the one that former versions kept all selections in with what stood
-/// beside it; those used last first. None in a directory that may not be used.
+/// The files of selections, and those of former versions; those used last first.
 std::vector<UsedFile> filesIn(const std::string& directory, std::string& problem) {
   std::vector<UsedFile> files;
   const bool isThere = isUsable(directory, false, problem);
@@ -218,7 +226,6 @@ bool SelectionFiles::write(const std::string& directory, const Selection& select
 }
 
 void SelectionFiles::noteUse(const std::string& directory, const std::string& key) {
-  // A use that cannot be noted is not worth a word.
   utimensat(AT_FDCWD, fileOf(directory, key).c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
 }
 
@@ -247,35 +254,10 @@ std::size_t SelectionFiles::clear(const std::string& directory, std::string& pro
 
 bool SelectionFiles::parse(const std::string& text, Selection& selection, std::string& problem) {
   problem = ConfigurationBytes::findByteProblem(text).text;
-  if (problem.empty() && text.find("<!") != std::string::npos) {
-    problem = "has a declaration or a comment";
+  // A processing instruction, but for what may stand at the beginning.
+  if (problem.empty() &&
+      (text.find("<!") != std::string::npos || text.find("<?", 1) != std::string::npos)) {
+    problem = "has a declaration, a comment or an instruction";
   }
-  if (!problem.empty()) {
-    return false;
-  }
-  // IGNORE_ENC: the bytes are UTF-8, whatever they say of themselves; in another encoding they
-  // could hide a declaration.
-  constexpr int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
-                          XML_PARSE_HUGE | XML_PARSE_IGNORE_ENC;
-  const CXmlScope library;
-  const std::unique_ptr<xmlTextReader, decltype(&xmlFreeTextReader)> reader(
-      xmlReaderForMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, options),
-      &xmlFreeTextReader);
-  if (reader == nullptr) {
-    throw std::bad_alloc();
-  }
-  Selection found;
-  std::string candidates;
-  int more = xmlTextReaderRead(reader.get());
-  while (more == 1 && takeNode(*reader, found, candidates)) {
-    more = xmlTextReaderRead(reader.get());
-  }
-  if (more != 0 || found.entry.GetListSize() == 0) {
-    problem = "is no selection of the cache, see line " +
-              std::to_string(xmlTextReaderGetParserLineNumber(reader.get()));
-    return false;
-  }
-  found.entry.SetKnownHeadends(candidates);
-  std::swap(selection, found);
-  return true;
+  return problem.empty() && SelectionReader().read(text, selection, problem);
 }

@@ -10,11 +10,9 @@
 /// The files in which the processes of one user keep their selections (docs/cache.md): one small
 /// XML document a selection, all in one directory.
 ///
-/// Nothing is trusted. Files are read and made only in a directory that nobody but the user and
-/// root can write, nor exchange by what leads to it; only a regular file of the user's own is read,
-/// of bounded size, that nobody else can write; and its text may come from anyone. A file is
-/// written under a temporary name and renamed, so whoever reads sees the old text or the new one.
-/// The time of its last change says when its selection was last used.
+/// Nothing is trusted: neither the directory and what leads to it, nor a file, its size and its
+/// text. A file is written under a temporary name and renamed, so whoever reads sees the old text
+/// or the new one. The time of its last change says when its selection was last used.
 ///
 /// Any thread may call these. All but `parse` may wait for the disk. What is wrong is told as a
 /// sentence for the log; where a directory or a file is merely missing, nothing is wrong.

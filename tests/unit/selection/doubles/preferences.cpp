@@ -80,8 +80,6 @@ std::string ProfileMgr::getProfileNameFromHost(const std::string& hostName) cons
   return {};
 }
 
-const std::vector<FileProblem>& ProfileMgr::getProblems() const { return m_problems; }
-
 std::string UserPreferences::getProxyHost() const {
   ++doubles::preferences().hostReads;
   return doubles::preferences().proxyHost;
@@ -90,11 +88,6 @@ std::string UserPreferences::getProxyHost() const {
 std::string UserPreferences::getProxyPort() const {
   ++doubles::preferences().portReads;
   return doubles::preferences().proxyPort;
-}
-
-const PreferenceInfo& UserPreferences::getPreferences() const { return m_preferences; }
-void UserPreferences::setPreferences(const PreferenceInfo& preferences) {
-  m_preferences = preferences;
 }
 
 PreferenceMgr::PreferenceMgr(const Sources&) {}

@@ -59,8 +59,6 @@ std::string standardLibrary() {
 
 std::string orNone(const char* text) { return *text == '\0' ? "none" : text; }
 
-Json orNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
-
 std::string line(std::string name, const std::string& value) {
   constexpr std::size_t ColumnWidth = 12;
   name += ":";
@@ -104,11 +102,10 @@ std::string BuildFacts::asJson() {
   facts["sanitizer"] = orNull(AHS_SANITIZER);
   facts["libraries"] = Json::array();
   for (const Library& library : libraries()) {
-    facts["libraries"].push_back(
-        {{"name", library.name},
-         {"built", library.built},
-         {"running", library.running ? Json(*library.running) : Json(nullptr)},
-         {"with", orNull(library.with)}});
+    facts["libraries"].push_back({{"name", library.name},
+                                  {"built", library.built},
+                                  {"running", orNull(library.running)},
+                                  {"with", orNull(library.with)}});
   }
   facts["formats"] = {{"profile", ProfileVersion}, {"json", JsonSchema}};
   return jsonText(facts);

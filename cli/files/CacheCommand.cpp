@@ -1,25 +1,216 @@
 // `ahs cache`: shows, clears and finds the selection cache. It works on the files alone, which
-// selections may read and write meanwhile.
+// selections may read and write meanwhile. A file may be anybody's text: it is read as the
+// selections read it, within the same bounds, and nothing of it is printed but printable ASCII.
+
+#include <stdio.h>
+#include <time.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
+#include <sstream>
 
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Json.h"
 #include "cli/Wording.h"
-#include "cli/files/CacheReport.h"
 #include "cli/files/FileOptions.h"
-#include "cli/files/Paths.h"
 #include "vpn/Api/AHS/AHSSettings.h"
+#include "vpn/Api/AHS/CacheEntry.h"
+#include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/AHS/SelectionFiles.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
 constexpr int ExitDone = ExitSelected;
 // The cache cannot be shown or cleared; the command line was right.
 constexpr int ExitUnusable = ExitNotMeasured;
+
+constexpr unsigned long SecondsPerDay = 86400;
+// Lines of a list, and characters of a text, that a person is shown: a file may hold a hundred
+// thousand results of four thousand characters.
+constexpr std::size_t MostLines = 10;
+constexpr std::size_t MostCharacters = 200;
+
+using Selection = SelectionFiles::Selection;
+
+/// What selections are judged by.
+struct Here {
+  std::optional<std::string> place;  ///< the present one, if the resolver's settings can be read
+  unsigned long now = SelectionTimes::now();
+  unsigned int clearCacheDays = 0;
+
+  bool isPlaceOf(const Selection& selection) const { return place == selection.place; }
+  bool isFuture(const Selection& selection) const { return selection.entry.GetTimestamp() > now; }
+  bool isCurrent(const Selection& selection) const {
+    return !SelectionTimes::isExpired(selection.entry, clearCacheDays);
+  }
+  bool isAnswered(const Selection& selection) const {
+    return isPlaceOf(selection) && isCurrent(selection);
+  }
+  unsigned long expiryOf(const Selection& selection) const {
+    return selection.entry.GetTimestamp() + clearCacheDays * SecondsPerDay;
+  }
+};
+
+std::string shortened(const std::string& text) {
+  return text.size() <= MostCharacters ? text : text.substr(0, MostCharacters) + "...";
+}
+
+// The candidate set as the run has built it: each ends with a semicolon, the first one comes last.
+std::vector<std::string> candidatesOf(const std::string& knownHeadends) {
+  std::vector<std::string> candidates;
+  std::istringstream parts(knownHeadends);
+  for (std::string part; std::getline(parts, part, ';');) {
+    candidates.push_back(CStringUtils::printable(part));
+  }
+  std::reverse(candidates.begin(), candidates.end());
+  return candidates;
+}
+
+/// The results, nearest first.
+std::vector<CHeadendRTT> rankedOf(const Selection& selection) {
+  std::vector<CHeadendRTT> headends;
+  static_cast<void>(selection.entry.GetHeadendList(headends));
+  std::stable_sort(headends.begin(), headends.end());
+  return headends;
+}
+
+/// The store counts as a use.
+unsigned long lastUseOf(const Selection& selection) {
+  return std::max(static_cast<unsigned long>(selection.used.time_since_epoch().count()),
+                  selection.entry.GetTimestamp());
+}
+
+// The values of one kind in a place: name servers or search domains.
+std::vector<std::string> partsOf(const std::string& place, const std::string& kind) {
+  std::vector<std::string> values;
+  std::istringstream words(place);
+  for (std::string found, value; words >> found >> value;) {
+    if (found == kind) {
+      values.push_back(value);
+    }
+  }
+  return values;
+}
+
+std::string timeText(unsigned long time) {
+  const auto seconds = static_cast<time_t>(time);
+  struct tm parts {};
+  return gmtime_r(&seconds, &parts) == nullptr ? std::to_string(time) + " s" : Wording::utc(parts);
+}
+
+std::string moment(unsigned long time, unsigned long now) {
+  return timeText(time) + (time > now ? " (in " + Wording::duration(time - now) + ")"
+                                      : " (" + Wording::duration(now - time) + " ago)");
+}
+
+std::string placeInWords(const std::string& place) {
+  std::string text;
+  for (const auto& [kind, words] :
+       {std::pair("nameserver", "name server "), std::pair("search", "search domain ")}) {
+    for (const std::string& value : partsOf(place, kind)) {
+      text += (text.empty() ? "" : ", ") + std::string(words) + value;
+    }
+  }
+  return !text.empty() ? shortened(text) : place.empty() ? "no name servers" : shortened(place);
+}
+
+std::string worth(const Selection& selection, const Here& here) {
+  if (here.isFuture(selection)) {
+    return "stored in the future: it answers nothing until the clock is right";
+  }
+  if (!here.isCurrent(selection)) {
+    return "out of date: it answers nothing any more";
+  }
+  return here.isPlaceOf(selection) ? "answers here and now, for these candidates"
+                                   : "of another place";
+}
+
+std::string candidateList(const std::vector<std::string>& candidates) {
+  std::string text;
+  for (std::size_t i = 0; i < std::min(candidates.size(), MostLines); ++i) {
+    text += (i == 0 ? "" : ", ") + shortened(candidates[i]);
+  }
+  return candidates.size() <= MostLines
+             ? text
+             : text + " and " + std::to_string(candidates.size() - MostLines) + " more";
+}
+
+std::string resultList(const std::vector<CHeadendRTT>& ranked) {
+  std::string text;
+  for (std::size_t i = 0; i < std::min(ranked.size(), MostLines); ++i) {
+    char number[32];
+    snprintf(number, sizeof number, "  %4zu. ", i + 1);
+    text += number + shortened(CStringUtils::printable(ranked[i].GetHeadend())) + "  " +
+            std::to_string(ranked[i].GetRTT()) + " ms\n";
+  }
+  if (ranked.size() > MostLines) {
+    text +=
+        "        and " + std::to_string(ranked.size() - MostLines) + " more; --json shows all\n";
+  }
+  return text;
+}
+
+std::string selectionAsText(const Selection& selection, const Here& here) {
+  return std::string(here.isAnswered(selection) ? "* " : "  ") + worth(selection, here) +
+         "\n    place:      " + placeInWords(CStringUtils::printable(selection.place)) +
+         "\n    candidates: " + candidateList(candidatesOf(selection.entry.GetKnownHeadends())) +
+         "\n    stored:     " + moment(selection.entry.GetTimestamp(), here.now) +
+         "\n    last used:  " + moment(lastUseOf(selection), here.now) +
+         "\n    expires:    " + moment(here.expiryOf(selection), here.now) + "\n" +
+         resultList(rankedOf(selection));
+}
+
+std::string asText(const std::string& directory, const std::vector<Selection>& selections,
+                   const Here& here) {
+  std::string text =
+      "Directory: " + Console::visible(directory) + "\nThis place: " +
+      (here.place ? placeInWords(*here.place) : "unknown, the resolver's settings cannot be read") +
+      "\nSelections: " + std::to_string(selections.size()) + "\n";
+  for (const Selection& selection : selections) {
+    text += "\n" + selectionAsText(selection, here);
+  }
+  return text;
+}
+
+Json selectionAsJson(const Selection& selection, const Here& here) {
+  const std::string place = CStringUtils::printable(selection.place);
+  const unsigned long stored = selection.entry.GetTimestamp();
+  Json results = Json::array();
+  for (const CHeadendRTT& headend : rankedOf(selection)) {
+    results.push_back({{"headend", CStringUtils::printable(headend.GetHeadend())},
+                       {"metricMs", headend.GetRTT()}});
+  }
+  return {{"place", place},
+          {"nameServers", partsOf(place, "nameserver")},
+          {"searchDomains", partsOf(place, "search")},
+          {"candidates", candidatesOf(selection.entry.GetKnownHeadends())},
+          {"stored", timeText(stored)},
+          {"ageSeconds", here.isFuture(selection) ? Json(nullptr) : Json(here.now - stored)},
+          {"lastUsed", timeText(lastUseOf(selection))},
+          {"expires", timeText(here.expiryOf(selection))},
+          {"current", here.isCurrent(selection)},
+          {"here", here.isPlaceOf(selection)},
+          {"answersNow", here.isAnswered(selection)},
+          {"results", results}};
+}
+
+std::string asJson(const std::string& directory, const std::string& problem,
+                   const std::vector<Selection>& selections, const Here& here) {
+  Json object = newJson();
+  object["path"] = directory;
+  object["problem"] = orNull(problem);
+  object["place"] = orNull(here.place);
+  object["clearCacheDays"] = here.clearCacheDays;
+  object["selections"] = Json::array();
+  for (const Selection& selection : selections) {
+    object["selections"].push_back(selectionAsJson(selection, here));
+  }
+  return jsonText(object);
+}
 
 struct CacheOptions {
   std::optional<std::string> cacheDirectory;
@@ -41,34 +232,31 @@ std::string findDirectory(const CacheOptions& options) {
   return directory;
 }
 
-// The clear-cache time in force, in days. Nothing after a complaint.
-std::optional<unsigned int> findClearCache(const CacheOptions& options) {
+int showCache(const CacheOptions& options) {
+  const std::string directory = findDirectory(options);
   const LoadedFiles files(options.files, "ahs cache show");
-  if (!files.areThere()) {
-    return std::nullopt;
+  if (directory.empty() || !files.areThere()) {
+    return ExitUsage;
   }
   HS_SETTINGS settings{};
   CAHSSettings::GetSettings(settings);
-  return settings.nClearCache;
-}
-
-int showCache(const CacheOptions& options) {
-  const std::string directory = findDirectory(options);
-  if (directory.empty()) {
-    return ExitUsage;
+  Here here;
+  here.clearCacheDays = settings.nClearCache;
+  std::vector<std::string> place;
+  if (readResolverPlace(place)) {
+    here.place = SelectionFiles::placeText(place);
   }
-  const std::optional<unsigned int> clearCache = findClearCache(options);
-  if (!clearCache) {
-    return ExitUsage;
+  std::string problem;
+  std::vector<Selection> selections = SelectionFiles::list(directory, problem);
+  std::ranges::stable_partition(
+      selections, [&here](const Selection& selection) { return here.isPlaceOf(selection); });
+  if (!problem.empty()) {
+    Console::complain("not all of the selection cache can be used: " + Console::visible(problem) +
+                      ". Selections work without it; 'ahs cache clear' removes what is wrong.");
   }
-  const CacheReport report = readCacheReport(directory, *clearCache);
-  if (!report.problem.empty()) {
-    Console::complain(
-        "not all of the selection cache can be used: " + Console::visible(report.problem) +
-        ". Selections work without it; 'ahs cache clear' removes what is wrong.");
-  }
-  return Console::writeResult(options.json ? cacheReportAsJson(report) : cacheReportAsText(report),
-                              report.problem.empty() ? ExitDone : ExitUnusable);
+  return Console::writeResult(options.json ? asJson(directory, problem, selections, here)
+                                           : asText(directory, selections, here),
+                              problem.empty() ? ExitDone : ExitUnusable);
 }
 
 int clearCache(const CacheOptions& options) {

@@ -1,11 +1,127 @@
-// The files of a person: the options that name them, and a look into them without a selection.
+// The files of a person: the options that name them, their default places, and a look into them
+// without a selection. A default that does not exist is no error; a name that a person typed and
+// that does not exist is, and is found before anything is started.
 
 #include "cli/files/FileOptions.h"
 
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <filesystem>
 
 #include "cli/Console.h"
+#include "vpn/Api/ProfileFile.h"
 #include "vpn/include/InstanceSmartPtr.h"
+
+namespace {
+
+std::string baseDirectory(const char* value, const char* home, const char* belowHome) {
+  if (value != nullptr && value[0] == '/') {
+    return value;
+  }
+  // A relative one would mean another place in each directory the tool is started in.
+  if (home != nullptr && home[0] == '/') {
+    return std::string(home) + belowHome;
+  }
+  return "";
+}
+
+std::string findError(const std::string& path, bool wantDirectory) {
+  struct stat facts {};
+  if (stat(path.c_str(), &facts) != 0) {
+    return strerrordesc_np(errno);
+  }
+  if (wantDirectory != S_ISDIR(facts.st_mode)) {
+    return wantDirectory ? "it is not a directory" : "it is a directory, not a file";
+  }
+  if (!wantDirectory && !S_ISREG(facts.st_mode)) {
+    return "it is not a regular file";
+  }
+  if (access(path.c_str(), wantDirectory ? R_OK | X_OK : R_OK) != 0) {
+    return strerrordesc_np(errno);
+  }
+  return "";
+}
+
+std::string takeProfiles(const FileOptions& options, const DefaultPaths& paths, FilePlan& plan) {
+  if (options.profiles) {
+    const std::string error = findDirectoryError(*options.profiles);
+    if (!error.empty()) {
+      return "the profile directory " + Console::inQuotes(*options.profiles) +
+             " cannot be used: " + error +
+             ". Name a directory that holds profiles with --profiles, or leave the option out.";
+    }
+    plan.sources.profileDirectory = *options.profiles;
+    plan.profilePlaces = Console::inQuotes(*options.profiles);
+    return "";
+  }
+  std::error_code ignored;
+  const bool hasUserProfiles =
+      !paths.userProfiles.empty() && std::filesystem::exists(paths.userProfiles, ignored);
+  plan.sources.profileDirectory = hasUserProfiles ? paths.userProfiles : paths.systemProfiles;
+  plan.profilePlaces = Console::inQuotes(plan.sources.profileDirectory);
+  if (!hasUserProfiles && !paths.userProfiles.empty()) {
+    plan.profilePlaces =
+        Console::inQuotes(paths.userProfiles) + " and " + Console::inQuotes(paths.systemProfiles);
+  }
+  return "";
+}
+
+std::string takePreferences(const std::optional<std::string>& given, const std::string& standard,
+                            const char* option, bool trusts, std::string& path,
+                            std::vector<std::string>& problems) {
+  path = standard;
+  if (!given) {
+    return "";
+  }
+  const std::string error = findFileError(*given);
+  if (!error.empty()) {
+    return "the preferences file " + Console::inQuotes(*given) + " cannot be used: " + error +
+           ". Name a file that exists with " + option + ", or leave the option out.";
+  }
+  path = *given;
+  ProfileFile contents;
+  std::vector<FileProblem> found;
+  const FileTrust::Check check = trusts ? FileTrust::Check::Waived : FileTrust::Check::Strict;
+  if (readConfigurationFile(*given, ConfigurationKind::Preferences, contents, found, check)) {
+    return "";
+  }
+  for (const FileProblem& problem : found) {
+    problems.push_back(Console::visible(problem.toString()));
+  }
+  return "the preferences file " + Console::inQuotes(*given) +
+         " cannot be used. Mend it, or leave out " + option + ".";
+}
+
+}  // namespace
+
+DefaultPaths defaultPathsFor(const char* configHome, const char* cacheHome, const char* home) {
+  DefaultPaths paths;
+  const std::string config = baseDirectory(configHome, home, "/.config");
+  if (!config.empty()) {
+    paths.userProfiles = config + "/ahs/profiles";
+    paths.userPreferences = config + "/ahs/preferences.xml";
+  }
+  const std::string cache = baseDirectory(cacheHome, home, "/.cache");
+  if (!cache.empty()) {
+    paths.cacheDirectory = cache + "/ahs";
+  }
+  paths.systemProfiles = "/etc/ahs/profiles";
+  paths.globalPreferences = "/etc/ahs/preferences.xml";
+  return paths;
+}
+
+DefaultPaths defaultPaths() {
+  return defaultPathsFor(getenv("XDG_CONFIG_HOME"), getenv("XDG_CACHE_HOME"), getenv("HOME"));
+}
+
+std::string findDirectoryError(const std::string& path) { return findError(path, true); }
+
+std::string findFileError(const std::string& path) { return findError(path, false); }
 
 void addFileOptions(CLI::App& command, FileOptions& options) {
   command.add_option("--profiles", options.profiles, "Directory of the profiles (*.xml)")
@@ -19,6 +135,22 @@ void addFileOptions(CLI::App& command, FileOptions& options) {
   command.add_flag("--trust-profiles", options.trustProfiles,
                    "Read profiles and preferences whoever could have written them; otherwise one "
                    "that another user could have written is refused");
+}
+
+std::string makeFilePlan(const FileOptions& options, const DefaultPaths& paths, FilePlan& plan,
+                         std::vector<std::string>& problems) {
+  plan.sources.trustFiles = options.trustProfiles;
+  std::string error = takeProfiles(options, paths, plan);
+  if (error.empty()) {
+    error = takePreferences(options.preferences, paths.userPreferences, "--preferences",
+                            options.trustProfiles, plan.sources.userPreferencesFile, problems);
+  }
+  if (error.empty()) {
+    error =
+        takePreferences(options.globalPreferences, paths.globalPreferences, "--global-preferences",
+                        options.trustProfiles, plan.sources.globalPreferencesFile, problems);
+  }
+  return error;
 }
 
 void tellFileProblems(std::set<std::string>* told) {
@@ -41,6 +173,8 @@ bool isResponseMeasured() {
          measure == PreferenceBase::RoundTripResponse;
 }
 
+LoadedFiles::LoadedFiles(const FilePlan& plan) : m_plan(plan) { load(); }
+
 LoadedFiles::LoadedFiles(const FileOptions& options, const std::string& command) {
   std::vector<std::string> problems;
   const std::string error = makeFilePlan(options, defaultPaths(), m_plan, problems);
@@ -48,12 +182,15 @@ LoadedFiles::LoadedFiles(const FileOptions& options, const std::string& command)
     Console::complainOfUsage(command, error, problems);
     return;
   }
+  load();
+  tellFileProblems();
+}
+
+void LoadedFiles::load() {
   m_isLoaded = PreferenceMgr::createInstance(m_plan.sources) == PREFERENCEMGR_SUCCESS;
   if (!m_isLoaded) {
     Console::complain("the files cannot be read: the machine is short of memory.");
-    return;
   }
-  tellFileProblems();
 }
 
 LoadedFiles::~LoadedFiles() {

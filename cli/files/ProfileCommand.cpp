@@ -1,18 +1,25 @@
 // `ahs profile check` and `ahs profile list`: what is wrong with the files, and what becomes of
 // each host entry. Neither measures anything.
 
+#include <errno.h>
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
 #include <memory>
-#include <optional>
 
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Json.h"
 #include "cli/Table.h"
+#include "cli/Wording.h"
 #include "cli/files/FileOptions.h"
-#include "cli/files/ProfileCheck.h"
 #include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Api/ProfileFile.h"
+#include "vpn/Api/ProfileMgr.h"
+#include "vpn/include/InstanceSmartPtr.h"
 
 namespace {
 
@@ -22,7 +29,138 @@ struct CheckOptions {
   bool json = false;
 };
 
-int showCheck(const CheckOptions& options, const CheckResult& result) {
+/// What a look for mistakes has found.
+struct CheckResult {
+  std::size_t files = 0;        ///< that were read
+  std::size_t hostEntries = 0;  ///< without a mistake
+  std::size_t takingPart = 0;   ///< of these, in automatic selection
+  std::vector<FileProblem> problems;
+  std::vector<std::string> missing;  ///< places that were looked at and are not there
+  std::vector<std::string> places;   ///< places that were looked at and are there
+};
+
+/// Whether there is anything of that name. A FIFO or a device is for the reader to refuse, which
+/// takes no look at its contents.
+bool isThere(const std::string& place) {
+  struct stat status {};
+  return ::stat(place.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+void add(const ProfileMgr& profiles, const std::vector<FileProblem>& problems,
+         CheckResult& result) {
+  result.hostEntries += profiles.getHostProfileMap().size();
+  result.takingPart += findCandidates(profiles).size();
+  result.problems.insert(result.problems.end(), problems.begin(), problems.end());
+}
+
+void checkPlace(const std::string& place, bool trusts, CheckResult& result) {
+  ProfileMgr profiles;
+  std::error_code isUnknown;
+  if (std::filesystem::is_directory(place, isUnknown)) {
+    if (trusts) {
+      profiles.trustFiles();
+    }
+    profiles.loadDirectory(place);
+    result.files += profiles.getFileCount();
+  } else {
+    // What a manager has against the entries of one file is what it would have in a directory.
+    ProfileFile contents;
+    readConfigurationFile(place, ConfigurationKind::Unknown, contents, result.problems,
+                          trusts ? FileTrust::Check::Waived : FileTrust::Check::Strict);
+    ++result.files;
+    profiles.addProfile(place, place, contents);
+  }
+  add(profiles, profiles.getProblems(), result);
+}
+
+/// Looks for mistakes in what a selection would read, with all that a selection tells of it.
+void checkSources(const PreferenceMgr::Sources& sources, CheckResult& result) {
+  for (const std::string& place :
+       {sources.profileDirectory, sources.userPreferencesFile, sources.globalPreferencesFile}) {
+    if (!place.empty()) {
+      (isThere(place) ? result.places : result.missing).push_back(place);
+    }
+  }
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  ProfileMgr* profiles = nullptr;
+  if (preferences->getProfileMgr(profiles) == PREFERENCEMGR_SUCCESS) {
+    result.files = profiles->getFileCount() + (isThere(sources.userPreferencesFile) ? 1 : 0) +
+                   (isThere(sources.globalPreferencesFile) ? 1 : 0);
+    add(*profiles, preferences->getProblems(), result);
+  }
+}
+
+bool isListed(const FileProblem& problem) { return !problem.endsList; }
+
+std::string checkText(const CheckResult& result) {
+  std::string text;
+  for (const FileProblem& problem : result.problems) {
+    text += Console::visible(problem.toString()) + "\n";
+  }
+  if (!result.places.empty()) {
+    text += "looked at: " + Console::visible(Wording::joined(result.places)) + "\n";
+  }
+  if (!result.missing.empty()) {
+    text += "not there: " + Console::visible(Wording::joined(result.missing)) + "\n";
+  }
+  const auto listed = static_cast<std::size_t>(std::ranges::count_if(result.problems, isListed));
+  return text + Wording::counted(result.files, "file") + ", " +
+         Wording::counted(result.hostEntries, "host entry", "host entries") + ", " +
+         (result.problems.empty() ? "no mistakes"
+                                  : (listed < result.problems.size() ? "more than " : "") +
+                                        Wording::counted(listed, "mistake")) +
+         "\n";
+}
+
+std::string checkJson(const CheckResult& result) {
+  Json object = newJson();
+  object["files"] = result.files;
+  object["hostEntries"] = result.hostEntries;
+  object["problemsAreComplete"] = std::ranges::all_of(result.problems, isListed);
+  object["problems"] = Json::array();
+  for (const FileProblem& problem : result.problems) {
+    if (isListed(problem)) {
+      const bool hasPlace = problem.line != 0;
+      object["problems"].push_back({{"file", problem.file},
+                                    {"line", hasPlace ? Json(problem.line) : Json(nullptr)},
+                                    {"column", hasPlace ? Json(problem.column) : Json(nullptr)},
+                                    {"text", problem.text}});
+    }
+  }
+  if (!result.places.empty() || !result.missing.empty()) {
+    object["lookedAt"] = result.places;
+    object["notThere"] = result.missing;
+  }
+  return jsonText(object);
+}
+
+int runCheck(const CheckOptions& options) {
+  const std::string command = "ahs profile check";
+  CheckResult result;
+  for (const std::string& place : options.places) {
+    if (!isThere(place)) {
+      return Console::complainOfUsage(
+          command, "there is no file or directory '" + Console::visible(place) + "'.");
+    }
+    checkPlace(place, options.trustProfiles, result);
+  }
+  if (options.places.empty()) {
+    FileOptions selections;
+    selections.trustProfiles = options.trustProfiles;
+    FilePlan plan;
+    std::vector<std::string> none;
+    static_cast<void>(makeFilePlan(selections, defaultPaths(), plan, none));
+    const LoadedFiles files(plan);
+    if (!files.areThere()) {
+      return ExitUsage;
+    }
+    checkSources(plan.sources, result);
+    if (result.places.empty()) {
+      return Console::complainOfUsage(
+          command, "there is no profile directory: it was looked for in " + plan.profilePlaces +
+                       "; nor are there preferences. Name a directory or files to check.");
+    }
+  }
   if (result.hostEntries > 0 && result.takingPart == 0) {
     Console::complain(
         "no host entry takes part in automatic selection: set EnableAutomaticServerSelection to "
@@ -30,41 +168,6 @@ int showCheck(const CheckOptions& options, const CheckResult& result) {
   }
   return Console::writeResult(options.json ? checkJson(result) : checkText(result),
                               result.problems.empty() ? ExitNoMistakes : ExitMistakes);
-}
-
-int checkWhatASelectionReads(const CheckOptions& options) {
-  FileOptions files;
-  files.trustProfiles = options.trustProfiles;
-  FilePlan plan;
-  std::vector<std::string> none;
-  static_cast<void>(makeFilePlan(files, defaultPaths(), plan, none));
-  const std::optional<CheckResult> result = checkSources(plan.sources);
-  if (!result) {
-    Console::complain("the files cannot be read: the machine is short of memory.");
-    return ExitUsage;
-  }
-  if (result->places.empty()) {
-    return Console::complainOfUsage(
-        "ahs profile check",
-        "there is no profile directory: it was looked for in " + plan.profilePlaces +
-            "; nor are there preferences. Name a directory or files to check.");
-  }
-  return showCheck(options, *result);
-}
-
-int runCheck(const CheckOptions& options) {
-  if (options.places.empty()) {
-    return checkWhatASelectionReads(options);
-  }
-  for (const std::string& place : options.places) {
-    if (!isThere(place)) {
-      return Console::complainOfUsage(
-          "ahs profile check", "there is no file or directory '" + Console::visible(place) + "'.");
-    }
-  }
-  return showCheck(options,
-                   checkFiles(options.places, options.trustProfiles ? FileTrust::Check::Waived
-                                                                    : FileTrust::Check::Strict));
 }
 
 std::string listText(const std::vector<HostEntry>& entries) {

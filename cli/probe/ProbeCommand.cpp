@@ -10,7 +10,6 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
-#include "cli/files/FileOptions.h"
 #include "cli/probe/ProbeOptions.h"
 #include "cli/probe/ProbeReport.h"
 #include "cli/show/StatusWords.h"

@@ -9,8 +9,6 @@
 
 namespace {
 
-Json textOrNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
-
 Json spreadAsJson(const std::optional<Spread>& spread) {
   return spread ? Json{{"minMs", millisecondsAsJson(spread->leastUs)},
                        {"medianMs", millisecondsAsJson(spread->medianUs)},
@@ -42,7 +40,7 @@ Json selectionAsJson(const ProbePlan& plan, const WorkerView& view) {
   return {{"probes", view.probes},
           {"probesPerHeadend", plan.selectionCount},
           {"samplesMs", view.samplesMs},
-          {"metricMs", view.metricMs ? Json(*view.metricMs) : Json(nullptr)},
+          {"metricMs", orNull(view.metricMs)},
           {"outcome", outcomeName(view.outcome)},
           {"words", view.why}};
 }
@@ -73,9 +71,9 @@ Json tlsAsJson(const std::optional<TlsInspection>& tls) {
   }
   return {{"address", tls->address},
           {"speaksTls", tls->speaksTls},
-          {"problem", textOrNull(tls->problem)},
-          {"version", textOrNull(tls->version)},
-          {"cipher", textOrNull(tls->cipher)},
+          {"problem", orNull(tls->problem)},
+          {"version", orNull(tls->version)},
+          {"cipher", orNull(tls->cipher)},
           {"asksForClientCertificate", tls->asksForClientCertificate},
           {"certificate", tls->certificate ? certificateAsJson(*tls->certificate) : Json(nullptr)}};
 }
@@ -92,8 +90,8 @@ std::string probeJson(const ProbeFindings& findings) {
   Json object = newJson();
   object["headend"] = plan.headend;
   object["port"] = plan.place.second;
-  object["hostEntry"] = textOrNull(plan.entry);
-  object["profile"] = textOrNull(plan.profile);
+  object["hostEntry"] = orNull(plan.entry);
+  object["profile"] = orNull(plan.profile);
   object["takesPart"] = plan.entry.empty() ? Json(nullptr) : Json(plan.leftOut.empty());
   object["secure"] = plan.secure;
   object["timeoutMs"] = std::chrono::milliseconds(plan.timeout).count();
@@ -103,7 +101,7 @@ std::string probeJson(const ProbeFindings& findings) {
   object["selection"] = selectionAsJson(plan, workerViewOf(plan, findings.probes));
   object["nameServers"] = findings.nameServers;
   object["searchDomains"] = findings.searchDomains;
-  object["resolverProblem"] = textOrNull(findings.addresses.problem);
+  object["resolverProblem"] = orNull(findings.addresses.problem);
   object["addresses"] = addressesAsJson(findings.addresses);
   object["moreAddresses"] = findings.addresses.leftOut;
   object["tls"] = tlsAsJson(findings.tls);

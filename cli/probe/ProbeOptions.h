@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/FilePlan.h"
+#include "cli/files/FileOptions.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"
 

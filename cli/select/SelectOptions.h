@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/FilePlan.h"
+#include "cli/files/FileOptions.h"
 #include "cli/login/ProxyOptions.h"
 #include "vpn/Common/Logging/AppLog.h"
 

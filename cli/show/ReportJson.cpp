@@ -16,7 +16,7 @@ Json probeAsJson(const HttpProbe::Report& probe) {
   return {{"status", statusAsHex(probe.status)},
           {"rttMs", SelectionRules::isSample(probe.status) ? Json(probe.rttMs) : Json(nullptr)},
           {"httpStatus", probe.httpStatus == 0 ? Json(nullptr) : Json(probe.httpStatus)},
-          {"address", probe.address.empty() ? Json(nullptr) : Json(probe.address)},
+          {"address", orNull(probe.address)},
           {"reused", probe.reused},
           {"connectMs", millisecondsAsJson(probe.connectUs)},
           {"tlsMs", millisecondsAsJson(probe.tlsUs)},

@@ -24,7 +24,7 @@ json headendAsJson(const HeadendResult& headend) {
   }
   return {{"headend", headend.headend},
           {"name", headend.name},
-          {"metricMs", headend.metricMs ? json(*headend.metricMs) : json(nullptr)},
+          {"metricMs", orNull(headend.metricMs)},
           {"samplesMs", headend.samplesMs},
           {"outcome", outcomeName(headend.outcome)},
           {"probes", probes}};
@@ -43,9 +43,9 @@ json decisionAsJson(const SelectionResult& result) {
   }
   return {{"words", decisionInWords(result)},
           {"best", nameOf(decision.best)},
-          {"last", result.last.empty() ? json(nullptr) : json(result.last)},
-          {"ratio", decision.ratio ? json(*decision.ratio) : json(nullptr)},
-          {"threshold", decision.threshold ? json(*decision.threshold) : json(nullptr)},
+          {"last", orNull(result.last)},
+          {"ratio", orNull(decision.ratio)},
+          {"threshold", orNull(decision.threshold)},
           {"retained", decision.isRetained},
           {"earlyAnswers", early}};
 }

@@ -85,7 +85,7 @@ std::string jsonLineOf(const HeadendResult& chosen, const std::optional<HeadendR
   line["time"] = utcTime();
   line["headend"] = chosen.headend;
   line["name"] = chosen.name;
-  line["metricMs"] = chosen.metricMs ? Json(*chosen.metricMs) : nullptr;
+  line["metricMs"] = orNull(chosen.metricMs);
   line["previousHeadend"] = previous ? Json(previous->headend) : nullptr;
   line["cause"] = cause.word;
   return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";

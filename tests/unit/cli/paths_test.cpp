@@ -1,6 +1,6 @@
 // Where files are looked for, by environment.
 
-#include "cli/files/Paths.h"
+#include "cli/files/FileOptions.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -53,12 +53,6 @@ std::vector<std::string> CommandTree::namesOf(const CLI::Option& option) {
 
 bool CommandTree::takesValue(const CLI::Option& option) { return option.get_items_expected() > 0; }
 
-std::string CommandTree::placeholderOf(const CLI::Option& option) {
-  return !option.get_option_text().empty() ? option.get_option_text()
-         : option.get_positional()         ? option.get_name(true, false)
-                                           : option.get_type_name();
-}
-
 std::string CommandTree::helpOf(const CLI::App& command) {
   return command.get_formatter()->make_help(&command, fullName(command),
                                             CLI::AppFormatMode::Normal);

@@ -33,9 +33,6 @@ std::vector<std::string> namesOf(const CLI::Option& option);
 /// Whether something has to stand behind it.
 bool takesValue(const CLI::Option& option);
 
-/// What stands for the value, or operand, in the help: "DIR".
-std::string placeholderOf(const CLI::Option& option);
-
 /// The help of a command.
 std::string helpOf(const CLI::App& command);
 

@@ -1,9 +1,9 @@
 // The tool as a whole: its subcommands, help and version, and what a wrong command line is answered
 // with. A subcommand has a source of its own and is added here by one line.
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 
+#include "cli/AddOption.h"
 #include "cli/BuildFacts.h"
 #include "cli/CommandTree.h"
 #include "cli/Commands.h"
@@ -46,9 +46,8 @@ int showHelp(const CLI::App& tool, const std::vector<std::string>& words) {
 void addHelpCommand(CLI::App& tool, ChosenCommand& chosen) {
   CLI::App* const command = tool.add_subcommand("help", "Print the help of a command");
   const auto words = std::make_shared<std::vector<std::string>>();
-  command
-      ->add_option("COMMAND", *words, "Command to print the help of; the tool itself unless given")
-      ->option_text("[COMMAND...]");
+  addOption(*command, "COMMAND", "[COMMAND...]", *words,
+            "Command to print the help of; the tool itself unless given");
   command->callback([&, words] { chosen = [&tool, words] { return showHelp(tool, *words); }; });
 }
 
@@ -89,23 +88,11 @@ std::vector<std::string> takeOtherLine(int& argumentCount, char** arguments) {
   return other;
 }
 
-// "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence. Of a missing
-// value the parser names the type.
-void settleOptions(CLI::App& command) {
-  for (CLI::Option* const option : command.get_options()) {
-    option->disable_flag_override(!CommandTree::takesValue(*option));
-    if (!option->get_option_text().empty()) {
-      option->type_name(option->get_option_text());
-    }
-  }
-  for (CLI::App* const below : command.get_subcommands({})) {
-    settleOptions(*below);
-  }
-}
-
 }  // namespace
 
 void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other) {
+  // "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence.
+  tool.option_defaults()->disable_flag_override();
   addVersion(tool);
   tool.require_subcommand(1);
   tool.footer(exitStatusTable() +
@@ -126,7 +113,6 @@ int runTool(int argumentCount, char** arguments) {
   CLI::App tool("Chooses the VPN gateway (headend) that is nearest.", "ahs");
   ChosenCommand chosen;
   addCommands(tool, chosen, other);
-  settleOptions(tool);
   Interruption::begin();
   try {
     tool.parse(argumentCount, arguments);

@@ -42,7 +42,7 @@ std::string inMdoc(const CLI::Option& option) {
   for (const std::string& name : CommandTree::namesOf(option)) {
     names += (names.empty() ? " Fl " : " , Fl ") + name.substr(1);
   }
-  const std::string placeholder = CommandTree::placeholderOf(option);
+  const std::string placeholder = option.get_option_text();
   return ".It" + names + (placeholder.empty() ? "" : " Ar " + placeholder) + "\n" +
          replaced(option.get_description(), "\\", "\\e") + ".\n";
 }
@@ -79,7 +79,7 @@ std::string inMarkdown(const CLI::Option& option) {
   for (const std::string& name : CommandTree::namesOf(option)) {
     names += (names.empty() ? "`" : "`, `") + name;
   }
-  const std::string placeholder = replaced(CommandTree::placeholderOf(option), "|", "\\|");
+  const std::string placeholder = replaced(option.get_option_text(), "|", "\\|");
   names += names.empty() ? "`" + placeholder : placeholder.empty() ? "" : " " + placeholder;
   return "| " + names + "` | " + replaced(option.get_description(), "|", "\\|") + " | ";
 }

@@ -109,14 +109,6 @@ std::vector<std::string> alternatives(const std::string& placeholder) {
   return words;
 }
 
-std::vector<std::string> reasons() {
-  std::vector<std::string> names;
-  for (unsigned int reason = 0; parseReason(std::to_string(reason)); ++reason) {
-    names.emplace_back(reasonName(reason));
-  }
-  return names;
-}
-
 Completion hostEntries(const FileOptions& files, std::string Candidate::*part) {
   Completion completion;
   const LoadedFiles loaded(files, "ahs completion");
@@ -133,12 +125,12 @@ Completion hostEntries(const FileOptions& files, std::string Candidate::*part) {
 
 /// What an option takes, or what stands as an operand.
 Completion valueOf(const CLI::Option& option, const FileOptions& files) {
-  const std::string placeholder = CommandTree::placeholderOf(option);
+  const std::string placeholder = option.get_option_text();
   const auto names = [&placeholder](const char* kind) {
     return placeholder.find(kind) != std::string::npos;
   };
   if (option.check_lname("reason")) {
-    return wordsOnly(reasons());
+    return wordsOnly(reasonNames());
   }
   if (option.check_lname("last") ||
       option.get_description().find("host entry") != std::string::npos) {

@@ -4,11 +4,11 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 #include <optional>
 
+#include "cli/AddOption.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
@@ -138,8 +138,7 @@ void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen,
   CLI::App* const command =
       tool.add_subcommand("completion", "Print a script that completes command lines in a shell");
   const auto shell = std::make_shared<std::string>();
-  command->add_option("SHELL", *shell, "Shell that the script is for")
-      ->option_text("bash|zsh|fish")
+  addOption(*command, "SHELL", "bash|zsh|fish", *shell, "Shell that the script is for")
       ->check(CLI::IsMember({"bash", "zsh", "fish"}));
   addWords(*command, chosen, tool, words);
   command->footer(

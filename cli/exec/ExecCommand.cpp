@@ -6,7 +6,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -15,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/AddOption.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
@@ -22,8 +22,8 @@
 #include "cli/Wording.h"
 #include "cli/exec/ChildProgram.h"
 #include "cli/exec/HeadendProgram.h"
+#include "cli/select/SelectOptions.h"
 #include "cli/select/Selecting.h"
-#include "cli/select/SelectionInputs.h"
 #include "cli/show/StatusWords.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/include/Locks.h"
@@ -205,13 +205,10 @@ void addExecCommand(CLI::App& tool, ChosenCommand& chosen,
   const auto options = std::make_shared<ExecOptions>();
   addHostOptions(*command, options->select);
   addReasonOption(*command, options->select);
-  command
-      ->add_option("--start-time", options->startSeconds,
-                   "A program that fails within so many seconds has not started: 30 unless given")
-      ->option_text("S")
+  addOption(*command, "--start-time", "S", options->startSeconds,
+            "A program that fails within so many seconds has not started: 30 unless given")
       ->check(CLI::Range(0U, MostStartSeconds));
-  command->add_option("--tries", options->tries, "The most headends to try; all unless given")
-      ->option_text("N")
+  addOption(*command, "--tries", "N", options->tries, "The most headends to try; all unless given")
       ->check(CLI::Range(1U, MostTries));
   addProxyOptions(*command, options->select.proxy);
   addCacheOptions(*command, options->select);

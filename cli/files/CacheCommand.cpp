@@ -5,11 +5,11 @@
 #include <stdio.h>
 #include <time.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 #include <sstream>
 
+#include "cli/AddOption.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
@@ -223,11 +223,8 @@ std::string findDirectory(const CacheOptions& options) {
   std::string directory = options.cacheDirectory.value_or(defaultPaths().cacheDirectory);
   if (directory.empty()) {
     Console::complain(
-        options.cacheDirectory
-            ? "--cache-dir needs the name of a directory."
-            : "there is no place for a selection cache: neither HOME nor "
-              "XDG_CACHE_HOME is set to an absolute path. Set one of them, or name a directory "
-              "with --cache-dir.");
+        "there is no place for a selection cache: neither HOME nor XDG_CACHE_HOME is set to an "
+        "absolute path. Set one of them, or name a directory with --cache-dir.");
   }
   return directory;
 }
@@ -294,8 +291,8 @@ using Action = int (*)(const CacheOptions& options);
 CLI::App& addAction(CLI::App& command, const char* name, const char* description, Action action,
                     const std::shared_ptr<CacheOptions>& options, ChosenCommand& chosen) {
   CLI::App* const added = command.add_subcommand(name, description);
-  added->add_option("--cache-dir", options->cacheDirectory, "Directory of the selection cache")
-      ->option_text("DIR");
+  addOption(*added, "--cache-dir", "DIR", options->cacheDirectory,
+            "Directory of the selection cache");
   added->add_flag("--json", options->json, "Print one JSON object");
   added->callback(
       [&chosen, options, action] { chosen = [options, action] { return action(*options); }; });

@@ -10,9 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <filesystem>
 
+#include "cli/AddOption.h"
 #include "cli/Console.h"
 #include "vpn/Api/ProfileFile.h"
 #include "vpn/include/InstanceSmartPtr.h"
@@ -124,14 +124,10 @@ std::string findDirectoryError(const std::string& path) { return findError(path,
 std::string findFileError(const std::string& path) { return findError(path, false); }
 
 void addFileOptions(CLI::App& command, FileOptions& options) {
-  command.add_option("--profiles", options.profiles, "Directory of the profiles (*.xml)")
-      ->option_text("DIR");
-  command.add_option("--preferences", options.preferences, "The user's preferences file")
-      ->option_text("FILE");
-  command
-      .add_option("--global-preferences", options.globalPreferences,
-                  "The machine's preferences file")
-      ->option_text("FILE");
+  addOption(command, "--profiles", "DIR", options.profiles, "Directory of the profiles (*.xml)");
+  addOption(command, "--preferences", "FILE", options.preferences, "The user's preferences file");
+  addOption(command, "--global-preferences", "FILE", options.globalPreferences,
+            "The machine's preferences file");
   command.add_flag("--trust-profiles", options.trustProfiles,
                    "Read profiles and preferences whoever could have written them; otherwise one "
                    "that another user could have written is refused");

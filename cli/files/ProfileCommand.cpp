@@ -4,11 +4,11 @@
 #include <errno.h>
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <memory>
 
+#include "cli/AddOption.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
@@ -213,12 +213,10 @@ void addCheck(CLI::App& profile, ChosenCommand& chosen) {
   CLI::App* command =
       profile.add_subcommand("check", "Print every mistake in profiles and preferences files");
   const auto options = std::make_shared<CheckOptions>();
-  command
-      ->add_option("PLACE", options->places,
-                   "Directories of profiles, and files of either kind; unless given, all that a "
-                   "selection would read: the profile directory, the user's preferences and the "
-                   "global ones")
-      ->option_text("[DIR|FILE...]");
+  addOption(*command, "PLACE", "[DIR|FILE...]", options->places,
+            "Directories of profiles, and files of either kind; unless given, all that a "
+            "selection would read: the profile directory, the user's preferences and the "
+            "global ones");
   command->add_flag("--trust-profiles", options->trustProfiles,
                     "Read files whoever could have written them");
   command->add_flag("--json", options->json, "Print one JSON object");
@@ -230,8 +228,7 @@ void addList(CLI::App& profile, ChosenCommand& chosen) {
   CLI::App* command = profile.add_subcommand(
       "list", "Print every host entry, and whether it takes part in automatic selection");
   const auto options = std::make_shared<FileOptions>();
-  command->add_option("--profiles", options->profiles, "Directory of the profiles (*.xml)")
-      ->option_text("DIR");
+  addOption(*command, "--profiles", "DIR", options->profiles, "Directory of the profiles (*.xml)");
   command->add_flag("--trust-profiles", options->trustProfiles,
                     "Read files whoever could have written them");
   command->add_flag("--json", options->json, "Print one JSON object");

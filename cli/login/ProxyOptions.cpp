@@ -53,34 +53,18 @@ std::string takeDescriptor(const std::string& text, std::optional<int>& descript
   return "";
 }
 
-std::string findContradiction(const ProxyOptions& options) {
-  if (options.passwordAsArgument) {
-    return std::string(
-               "a password is not taken as an argument, which every user of the machine "
-               "can read. ") +
-           WaysToGivePassword + " On a terminal it is asked for.";
-  }
-  if (options.proxy && options.noProxy) {
-    return "--proxy and --no-proxy exclude each other: leave one out.";
-  }
-  if (options.passwordFile && options.passwordDescriptor) {
-    return "--proxy-password-file and --proxy-password-fd exclude each other: leave one out.";
-  }
-  const bool givesPassword = options.passwordFile || options.passwordDescriptor;
-  if (options.noProxy && (options.user || givesPassword)) {
-    return "without a proxy there is nothing to log in to: leave out --no-proxy, or the options "
-           "--proxy-user, --proxy-password-file and --proxy-password-fd.";
-  }
-  return givesPassword && !options.user
-             ? "a password needs the name of its user: add --proxy-user NAME."
-             : "";
-}
-
 }  // namespace
 
+std::string adviceForPassword() {
+  return std::string(
+             "a password is not taken as an argument, which every user of the machine can "
+             "read. ") +
+         WaysToGivePassword + " On a terminal it is asked for";
+}
+
 std::string makeProxyPlan(const ProxyOptions& options, ProxyPlan& plan) {
-  std::string error = findContradiction(options);
-  if (error.empty() && options.proxy) {
+  std::string error;
+  if (options.proxy) {
     error = takeProxy(*options.proxy, plan.preferences);
   }
   if (options.noProxy) {

@@ -7,15 +7,14 @@
 #include "cli/login/Credentials.h"
 #include "vpn/Api/PreferenceMgr.h"
 
-/// The options about the proxy as a person typed them; an optional without a value was not given.
+/// The options about the proxy as a person typed them, without a contradiction; an optional without
+/// a value was not given.
 struct ProxyOptions {
   std::optional<std::string> proxy;
   bool noProxy = false;
   std::optional<std::string> user;
   std::optional<std::string> passwordFile;
   std::optional<std::string> passwordDescriptor;
-  /// A password was given as an argument. It is not kept: see `makeProxyPlan`.
-  bool passwordAsArgument = false;
 };
 
 /// The same, checked.
@@ -26,6 +25,9 @@ struct ProxyPlan {
   std::optional<std::string> passwordFile;
   std::optional<int> passwordDescriptor;
 };
+
+/// What to do instead of giving a password as an argument, a sentence without its full stop.
+std::string adviceForPassword();
 
 /// Turns options into a plan; opens and reads nothing. What may hold a password is not repeated in
 /// a message.

@@ -1,11 +1,11 @@
 // `ahs probe`: one headend in detail. It is measured first, as a worker of a selection measures it,
 // probe after probe on one thread; only then is anything looked at that would disturb that.
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <memory>
 #include <utility>
 
+#include "cli/AddOption.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
@@ -212,21 +212,14 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
   CLI::App* command = tool.add_subcommand(
       "probe", "Measure one headend and tell everything about it that a selection sees");
   const auto options = std::make_shared<ProbeOptions>();
-  command
-      ->add_option("HOST", options->host,
-                   "The headend: the name of a host entry of the profiles, or a host")
-      ->option_text("HOST[:PORT]")
+  addOption(*command, "HOST", "HOST[:PORT]", options->host,
+            "The headend: the name of a host entry of the profiles, or a host")
       ->required();
-  command
-      ->add_option("-c,--count", options->count,
-                   "Probes to send, 1 to 1000; unless given, as many as a selection sends")
-      ->option_text("N")
+  addOption(*command, "-c,--count", "N", options->count,
+            "Probes to send, 1 to 1000; unless given, as many as a selection sends")
       ->check(CLI::Range(1U, MostProbes));
-  command
-      ->add_option(
-          "--timeout", options->timeoutSeconds,
-          "Time limit of one probe in seconds, 1 to 3600; unless given, that of a selection")
-      ->option_text("SECONDS")
+  addOption(*command, "--timeout", "SECONDS", options->timeoutSeconds,
+            "Time limit of one probe in seconds, 1 to 3600; unless given, that of a selection")
       ->check(CLI::Range(1U, LongestTimeoutSeconds));
   command->add_flag("--secure", options->secure,
                     "Probe over TLS, as a selection with a login at a proxy does");

@@ -1,16 +1,16 @@
 // `ahs select`: one selection from the options to the exit status. Nothing is printed on standard
 // output but the result.
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 
+#include "cli/AddOption.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Wording.h"
+#include "cli/select/SelectOptions.h"
 #include "cli/select/Selecting.h"
-#include "cli/select/SelectionInputs.h"
 #include "cli/show/Chart.h"
 #include "cli/show/Explanation.h"
 #include "cli/show/ResultPage.h"
@@ -95,17 +95,18 @@ int runSelect(const SelectOptions& options) {
 }
 
 void addOutput(CLI::App& command, SelectOptions& options) {
-  command.add_flag("--json", options.json, "Print one JSON object");
-  command.add_flag("--quiet", options.quiet,
-                   "Print the first headend and nothing else; nothing when there is none");
+  CLI::Option* const json = command.add_flag("--json", options.json, "Print one JSON object");
+  CLI::Option* const quiet =
+      command
+          .add_flag("--quiet", options.quiet,
+                    "Print the first headend and nothing else; nothing when there is none")
+          ->excludes(json);
+  addOption(command, "--html", "FILE", options.html,
+            "Write the result as a page too, which refers to nothing outside");
+  addOption(command, "--svg", "FILE", options.svg, "Write the ranking as a picture too, as SVG");
   command
-      .add_option("--html", options.html,
-                  "Write the result as a page too, which refers to nothing outside")
-      ->option_text("FILE");
-  command.add_option("--svg", options.svg, "Write the ranking as a picture too, as SVG")
-      ->option_text("FILE");
-  command.add_flag("--explain", options.explain,
-                   "Tell why this headend, in numbers, after the result");
+      .add_flag("--explain", options.explain, "Tell why this headend, in numbers, after the result")
+      ->excludes(json, quiet);
 }
 
 }  // namespace

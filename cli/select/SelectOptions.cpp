@@ -1,11 +1,15 @@
-// From typed options to a checked plan. Everything that a person can get wrong on the command line
-// is found here, before anything is started, so that a wrong option never costs a measurement.
+// The options that say how a selection is made, the same for every command that makes one, and the
+// way from what was typed to a checked plan. What a person can get wrong on the command line is
+// found here or by the parser, before anything is started.
 
 #include "cli/select/SelectOptions.h"
 
+#include <map>
 #include <set>
 
+#include "cli/AddOption.h"
 #include "cli/Console.h"
+#include "cli/Wording.h"
 #include "cli/show/Reasons.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
@@ -43,76 +47,49 @@ std::string findLast(const std::string& last, const std::vector<GivenHeadend>& h
 
 std::string takeCache(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan) {
   if (options.noCache) {
-    return options.cacheDirectory ? "--cache-dir and --no-cache exclude each other: leave one out."
-                                  : "";
+    return "";
   }
-  std::string directory = paths.cacheDirectory;
-  if (options.cacheDirectory) {
-    directory = *options.cacheDirectory;
-    const std::string error = findDirectoryError(directory);
-    if (!error.empty()) {
-      return "the cache directory " + Console::inQuotes(directory) + " cannot be used: " + error +
-             ". Create it, name another one with --cache-dir, or use --no-cache.";
-    }
-  }
-  plan.sources.cacheDirectory = directory;
-  return "";
+  plan.sources.cacheDirectory = options.cacheDirectory.value_or(paths.cacheDirectory);
+  const std::string error =
+      options.cacheDirectory ? findDirectoryError(*options.cacheDirectory) : "";
+  return error.empty() ? ""
+                       : "the cache directory " + Console::inQuotes(*options.cacheDirectory) +
+                             " cannot be used: " + error +
+                             ". Create it, name another one with --cache-dir, or use --no-cache.";
 }
 
-std::string takeLog(const SelectOptions& options, CAppLog::Targets& log) {
+const std::map<std::string, Logging::DebugImportance> LogLevels = {
+    {"error", Logging::DBG_Error}, {"warning", Logging::DBG_Warning}, {"info", Logging::DBG_Info}};
+
+CAppLog::Targets logOf(const SelectOptions& options) {
+  CAppLog::Targets log;
   const std::string level = options.logLevel.value_or("info");
-  if (level == "error") {
-    log.leastImportant = Logging::DBG_Error;
-  } else if (level == "warning") {
-    log.leastImportant = Logging::DBG_Warning;
-  } else if (level == "info") {
-    log.leastImportant = Logging::DBG_Info;
-  } else if (level != "off") {
-    return "there is no log level " + Console::inQuotes(level) +
-           ". Use error, warning, info or off.";
+  log.off = level == "off" || !(options.logLevel || options.logFile || options.syslog);
+  if (!log.off) {
+    log.leastImportant = LogLevels.at(level);
+    log.file = options.logFile.value_or("");
+    log.syslog = options.syslog;
+    log.terminal = !options.logFile && !options.syslog;
   }
-  if (options.logFile && options.logFile->empty()) {
-    return "--log-file needs the name of a file.";
+  return log;
+}
+
+void noteMissingCache(const SelectOptions& options, const SelectPlan& plan) {
+  if (plan.sources.cacheDirectory.empty() && !options.noCache) {
+    Console::complain(
+        "warning: neither HOME nor XDG_CACHE_HOME is set to an absolute path, so the selection is "
+        "not kept for the next time. Name a directory with --cache-dir, or say --no-cache.");
   }
-  log.file = options.logFile.value_or("");
-  log.syslog = options.syslog;
-  log.terminal = options.logLevel && log.file.empty() && !log.syslog && level != "off";
-  log.off = level == "off" || (log.file.empty() && !log.syslog && !log.terminal);
-  if (log.off) {
-    log.file.clear();
-    log.syslog = false;
-  }
-  return "";
 }
 
 }  // namespace
 
 std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                      std::vector<std::string>& problems) {
-  if (options.json && options.quiet) {
-    return "--json and --quiet exclude each other: leave one out.";
-  }
-  if (options.explain && (options.json || options.quiet)) {
-    return std::string("--explain and ") + (options.json ? "--json" : "--quiet") +
-           " exclude each other: leave one out" +
-           (options.json ? "; the JSON object holds the decision in any case." : ".");
-  }
-  for (const auto& [option, file] : {std::pair("--html", options.html), {"--svg", options.svg}}) {
-    if (file && file->empty()) {
-      return std::string(option) + " needs the name of a file.";
-    }
-  }
-  const std::optional<unsigned int> reason = parseReason(options.reason.value_or("connection"));
-  if (!reason) {
-    return "there is no reason " + Console::inQuotes(*options.reason) + ". Use one of " +
-           reasonNames() + ", or its number from 0 to 5.";
-  }
-  plan.reason = *reason;
-  std::string error = takeLog(options, plan.log);
-  if (error.empty()) {
-    error = makeProxyPlan(options.proxy, plan.proxy);
-    plan.sources.preferences = plan.proxy.preferences;
-  }
+  plan.reason = parseReason(options.reason).value_or(0);
+  plan.log = logOf(options);
+  std::string error = makeProxyPlan(options.proxy, plan.proxy);
+  plan.sources.preferences = plan.proxy.preferences;
   if (error.empty()) {
     error = takeHosts(options.hosts, plan.sources.headends);
   }
@@ -121,4 +98,88 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
     error = takeCache(options, paths, plan);
   }
   return error.empty() ? makeFilePlan(options, paths, plan, problems) : error;
+}
+
+bool takePlan(const SelectOptions& options, const std::string& command, SelectPlan& plan,
+              std::optional<Secret>& password) {
+  std::vector<std::string> problems;
+  const std::string error = makePlan(options, defaultPaths(), plan, problems);
+  if (!error.empty()) {
+    Console::complainOfUsage(command, error, problems);
+    return false;
+  }
+  noteMissingCache(options, plan);
+  const std::string passwordError = readPassword(plan.proxy, password);
+  if (!passwordError.empty()) {
+    Console::complainOfUsage(command, passwordError);
+    return false;
+  }
+  return true;
+}
+
+void addHostOptions(CLI::App& command, SelectOptions& options) {
+  addOption(command, "HOST", "[HOST[:PORT]...]", options.hosts,
+            "Hosts to measure in place of all profiles: names, IPv4 addresses, IPv6 "
+            "addresses in brackets");
+  addFileOptions(command, options);
+  addOption(
+      command, "--last", "NAME", options.last,
+      "The headend used last: a host entry in any letter case, or a host of the command line");
+}
+
+void addReasonOption(CLI::App& command, SelectOptions& options) {
+  const std::string names = Wording::joined(reasonNames());
+  addOption(command, "--reason", "NAME|0-5", options.reason,
+            "Why a headend is wanted: " + names + " (or 0 to 5); connection unless given")
+      ->check([names](const std::string& text) {
+        return parseReason(text) ? "" : "there is no such reason; use one of " + names;
+      });
+}
+
+void addProxyOptions(CLI::App& command, ProxyOptions& options) {
+  CLI::Option* const proxy =
+      addOption(command, "--proxy", "HOST[:PORT]", options.proxy,
+                "Go through this proxy, whatever the preferences say; port 80 unless one is given");
+  CLI::Option* const user = addOption(
+      command, "--proxy-user", "NAME", options.user,
+      "User name for a proxy that asks for a login; without a password it is asked for on the "
+      "terminal");
+  CLI::Option* const file = addOption(
+      command, "--proxy-password-file", "FILE", options.passwordFile,
+      "File with the password: a regular file of the user or of root that nobody else may read or "
+      "write");
+  CLI::Option* const descriptor = addOption(
+      command, "--proxy-password-fd", "N", options.passwordDescriptor,
+      "Descriptor that is open for reading (0, or 3 and above) to take the password from");
+  command.add_flag("--no-proxy", options.noProxy, "Go through none, whatever the preferences say")
+      ->excludes(proxy, user, file, descriptor);
+  file->needs(user)->excludes(descriptor);
+  descriptor->needs(user);
+  // Not offered, but tried; the answer says what to do instead.
+  constexpr int AnyNumber = 1;
+  command
+      .add_option_function<std::string>(
+          "--proxy-password",
+          [](const std::string&) {
+            throw CLI::ParseError(adviceForPassword(), CLI::ExitCodes::InvalidError);
+          },
+          "")
+      ->expected(0, AnyNumber)
+      ->group("");
+}
+
+void addCacheOptions(CLI::App& command, SelectOptions& options) {
+  CLI::Option* const directory = addOption(command, "--cache-dir", "DIR", options.cacheDirectory,
+                                           "Directory of the selection cache");
+  command.add_flag("--no-cache", options.noCache, "Measure anew and store nothing")
+      ->excludes(directory);
+}
+
+void addLogOptions(CLI::App& command, SelectOptions& options) {
+  addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
+            "Least important message that is logged, to standard error unless another "
+            "target is named; info unless given where one is, else there is no log")
+      ->check(CLI::IsMember({"error", "warning", "info", "off"}));
+  addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
+  command.add_flag("--syslog", options.syslog, "Log to the system's log");
 }

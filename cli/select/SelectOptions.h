@@ -5,15 +5,20 @@
 #include <vector>
 
 #include "cli/files/FileOptions.h"
+#include "cli/login/Credentials.h"
 #include "cli/login/ProxyOptions.h"
 #include "vpn/Common/Logging/AppLog.h"
+
+namespace CLI {
+class App;
+}
 
 /// The options of `ahs select` as a person typed them; an optional without a value was not given.
 struct SelectOptions : FileOptions {
   std::vector<std::string> hosts;
   std::optional<std::string> cacheDirectory;
   std::optional<std::string> last;
-  std::optional<std::string> reason;
+  std::string reason = "connection";
   std::optional<std::string> logLevel;
   std::optional<std::string> logFile;
   std::optional<std::string> html;
@@ -24,6 +29,14 @@ struct SelectOptions : FileOptions {
   bool syslog = false;
   ProxyOptions proxy;
 };
+
+/// Add to a command the options that its selections go by: hosts, files and the last headend; the
+/// reason; the proxy; the cache; the log.
+void addHostOptions(CLI::App& command, SelectOptions& options);
+void addReasonOption(CLI::App& command, SelectOptions& options);
+void addProxyOptions(CLI::App& command, ProxyOptions& options);
+void addCacheOptions(CLI::App& command, SelectOptions& options);
+void addLogOptions(CLI::App& command, SelectOptions& options);
 
 /// What a selection needs to know, checked and complete.
 struct SelectPlan : FilePlan {
@@ -40,3 +53,10 @@ struct SelectPlan : FilePlan {
 /// @return an empty string, or what is wrong and what to do.
 std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                      std::vector<std::string>& problems);
+
+/// The same for a command: tells on standard error what is wrong, and reads the password that the
+/// options name.
+/// @param command as a person calls it, for messages: "ahs select".
+/// @return whether the plan can be carried out.
+bool takePlan(const SelectOptions& options, const std::string& command, SelectPlan& plan,
+              std::optional<Secret>& password);

@@ -3,9 +3,6 @@
 #include "cli/show/Reasons.h"
 
 #include <algorithm>
-#include <vector>
-
-#include "cli/Wording.h"
 
 std::optional<unsigned int> parseReason(const std::string& text) {
   for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
@@ -22,10 +19,10 @@ std::string reasonName(unsigned int reason) {
   return name;
 }
 
-std::string reasonNames() {
+std::vector<std::string> reasonNames() {
   std::vector<std::string> names;
   for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
     names.push_back(reasonName(reason));
   }
-  return Wording::joined(names);
+  return names;
 }

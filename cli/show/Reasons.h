@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "vpn/Api/AHS/SelectionRules.h"
 
@@ -14,5 +15,5 @@ std::optional<unsigned int> parseReason(const std::string& text);
 /// The name of a reason code, as `parseReason` takes it; "unknown" for any other number.
 std::string reasonName(unsigned int reason);
 
-/// All names of reasons, for help and messages.
-std::string reasonNames();
+/// All names of reasons.
+std::vector<std::string> reasonNames();

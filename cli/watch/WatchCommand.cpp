@@ -6,7 +6,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <deque>
@@ -17,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/AddOption.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
@@ -24,8 +24,8 @@
 #include "cli/Wording.h"
 #include "cli/exec/ChildProgram.h"
 #include "cli/exec/HeadendProgram.h"
+#include "cli/select/SelectOptions.h"
 #include "cli/select/Selecting.h"
-#include "cli/select/SelectionInputs.h"
 #include "cli/show/Reasons.h"
 #include "cli/show/StatusWords.h"
 #include "cli/watch/NetworkChanges.h"
@@ -326,15 +326,11 @@ void addWatchCommand(CLI::App& tool, ChosenCommand& chosen) {
       "Select again at an interval and when the network changes; tell when the choice does");
   const auto options = std::make_shared<WatchOptions>();
   addHostOptions(*command, options->select);
-  command
-      ->add_option("--interval", options->intervalSeconds,
-                   "Time from one selection to the next, in seconds: 300 unless given")
-      ->option_text("S")
+  addOption(*command, "--interval", "S", options->intervalSeconds,
+            "Time from one selection to the next, in seconds: 300 unless given")
       ->check(CLI::Range(1U, LongestIntervalSeconds));
-  command
-      ->add_option("--exec", options->program,
-                   "Run this by /bin/sh for each choice; the headend is in $AHS_HEADEND")
-      ->option_text("COMMAND");
+  addOption(*command, "--exec", "COMMAND", options->program,
+            "Run this by /bin/sh for each choice; the headend is in $AHS_HEADEND");
   command->add_flag("--json", options->select.json, "Print one JSON object a line");
   addProxyOptions(*command, options->select.proxy);
   addLogOptions(*command, options->select);

@@ -139,8 +139,38 @@ TEST_F(CommandLineTest, AValueThatIsNotAllowedIsToldWithWhatIs) {
               HasSubstr("not in range 1 to 100000"));
   EXPECT_THAT(refusalOf({"exec", "--tries", "many", "--", "x"}),
               HasSubstr("not in range 1 to 100000"));
+  EXPECT_THAT(refusalOf({"select", "--reason", "whim"}),
+              HasSubstr("use one of connection, reconnection, preferences-change, "
+                        "proxy-authentication, process-launch, disconnect"));
+  EXPECT_THAT(refusalOf({"select", "--log-level", "debug"}), HasSubstr("error,warning,info,off"));
+  EXPECT_THAT(refusalOf({"select", "--log-file", ""}), HasSubstr("it needs a name"));
   EXPECT_THAT(refusalOf({"select", "--json=maybe"}), HasSubstr("--json takes no value"));
   EXPECT_THAT(refusalOf({"select", "--no-cache=false"}), HasSubstr("--no-cache takes no value"));
+}
+
+TEST_F(CommandLineTest, WhatContradictsItselfIsNamed) {
+  for (const Words& both : {Words{"--json", "--quiet"},
+                            {"--json", "--explain"},
+                            {"--quiet", "--explain"},
+                            {"--no-cache", "--cache-dir", "/tmp"},
+                            {"--no-proxy", "--proxy", "p"},
+                            {"--no-proxy", "--proxy-user", "u"}}) {
+    Words arguments = {"select", "gw"};
+    arguments.insert(arguments.end(), both.begin(), both.end());
+    EXPECT_THAT(refusalOf(arguments), HasSubstr(" excludes ")) << both.back();
+  }
+  EXPECT_THAT(refusalOf({"select", "--proxy-user", "u", "--proxy-password-file", "f",
+                         "--proxy-password-fd", "3"}),
+              HasSubstr(" excludes "));
+}
+
+TEST_F(CommandLineTest, APasswordNeedsAUserAndIsNoArgument) {
+  EXPECT_THAT(refusalOf({"select", "--proxy-password-file", "f"}),
+              HasSubstr("--proxy-password-file requires --proxy-user"));
+  const std::string refusal = refusalOf({"select", "--proxy-password", "geheim"});
+  EXPECT_THAT(refusal, HasSubstr("every user of the machine can read"));
+  EXPECT_THAT(refusal, HasSubstr("--proxy-password-fd N. On a terminal it is asked for."));
+  EXPECT_THAT(refusal, Not(HasSubstr("geheim")));
 }
 
 TEST_F(CommandLineTest, WhatIsTooMuchIsNamed) {

@@ -1,10 +1,9 @@
 // Where files are looked for, by environment.
 
-#include "cli/files/FileOptions.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "cli/files/FileOptions.h"
 #include "tests/support/TemporaryDirectory.h"
 
 TEST(Paths, StandBelowTheHomeDirectory) {

@@ -99,28 +99,6 @@ TEST_F(ProxyOptionsTest, AUserThatCannotBeSentIsRefusedWithoutRepeatingIt) {
   EXPECT_THAT(make(), HasSubstr("--proxy-user needs a user name"));
 }
 
-TEST_F(ProxyOptionsTest, ContradictionsAreRefused) {
-  options.proxy = "proxy";
-  options.noProxy = true;
-  EXPECT_THAT(make(), HasSubstr("--proxy and --no-proxy exclude each other"));
-  options.proxy.reset();
-  options.user = "alice";
-  EXPECT_THAT(make(), HasSubstr("nothing to log in to"));
-  options.noProxy = false;
-  options.passwordFile = "file";
-  options.passwordDescriptor = "3";
-  EXPECT_THAT(make(), HasSubstr("--proxy-password-file and --proxy-password-fd exclude"));
-  options.passwordDescriptor.reset();
-  options.user.reset();
-  EXPECT_THAT(make(), HasSubstr("add --proxy-user NAME"));
-}
-
-TEST_F(ProxyOptionsTest, APasswordAsAnArgumentIsAnsweredWithTheWaysThereAre) {
-  options.passwordAsArgument = true;
-  EXPECT_THAT(make(), HasSubstr("every user of the machine can read"));
-  EXPECT_THAT(make(), HasSubstr("--proxy-password-file FILE"));
-}
-
 TEST_F(ProxyOptionsTest, ADescriptorIsANumberThatIsNoOutput) {
   options.user = "alice";
   for (const auto& [text, number] : {std::pair{"0", 0}, std::pair{"3", 3}, std::pair{"17", 17}}) {

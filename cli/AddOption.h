@@ -1,0 +1,17 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+/// Adds an option or operand that takes a value, which the help calls `placeholder`.
+template <class T>
+CLI::Option* addOption(CLI::App& command, const std::string& names, const std::string& placeholder,
+                       T& value, const std::string& description) {
+  CLI::Option* const option = command.add_option(names, value, description);
+  // Of a missing value the parser names the type.
+  option->option_text(placeholder)->type_name(placeholder);
+  if (placeholder == "FILE" || placeholder == "DIR") {
+    option->check([](const std::string& path) { return path.empty() ? "it needs a name" : ""; });
+  }
+  return option;
+}

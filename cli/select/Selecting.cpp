@@ -4,6 +4,7 @@
 
 #include "cli/select/Selecting.h"
 
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,24 +17,109 @@
 #include "cli/Interruption.h"
 #include "cli/files/FileOptions.h"
 #include "cli/login/Terminal.h"
-#include "cli/show/LiveLines.h"
 #include "cli/show/LiveTable.h"
 #include "cli/show/Reasons.h"
 #include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionThread.h"
+#include "vpn/Api/ClientIfcBase.h"
+#include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/InstanceSmartPtr.h"
+#include "vpn/include/Locks.h"
 #include "vpn/include/StringUtils.h"
+
+/// One selection run seen by its client: hears its result, and its report as the run hands it to
+/// the log, whole and unchanged. One whose run has started must not be destroyed before the run has
+/// ended.
+class SelectionRun : public ClientIfcBase {
+  using Clock = std::chrono::steady_clock;
+  using milliseconds = std::chrono::milliseconds;
+
+ public:
+  SelectionRun() {
+    CAppLog::SetListener([this](const CAppLog::Record& record) {
+      // The function under whose name the run logs its report.
+      if (strcmp(record.function, "logPingResults") == 0) {
+        const CAutoLockT<CMonitor> guard(m_lock);
+        m_delivery.report = record.message;
+      }
+    });
+  }
+  ~SelectionRun() override { CAppLog::SetListener(nullptr); }
+
+  /// To be called once. @return 0, or why there is no run; nothing is delivered then.
+  STATUSCODE start(unsigned int reason, const std::string& last,
+                   std::unique_ptr<ProxyIfc> provider) {
+    long status = 0;
+    auto selection = std::make_unique<CHeadendSelection>(this, last, reason, status);
+    if (status != 0) {
+      return status;
+    }
+    selection->SetProxy(provider.release());
+    m_thread = std::make_unique<SelectionThread>(std::move(selection));
+    return m_thread->Start();
+  }
+
+  /// Waits for the result. @return whether it is there.
+  bool waitForDelivery(milliseconds longest) {
+    const auto limit = Clock::now() + longest;
+    const CAutoLockT<CMonitor> guard(m_lock);
+    while (!m_isDelivered && Clock::now() < limit) {
+      m_lock.WaitUntil(limit);
+    }
+    return m_isDelivered;
+  }
+
+  SelectionResult delivery() const {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    return m_delivery;
+  }
+
+  milliseconds elapsed() const {
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - m_start);
+  }
+
+  /// Waits until the run's thread has ended, which after a time-out is later than the result.
+  /// @return whether it has.
+  bool waitForEnd(milliseconds longest) {
+    unsigned int exitCode = 0;
+    return m_thread->WaitForCompletion(exitCode, static_cast<unsigned int>(longest.count())) !=
+           THREAD_ERROR_TIMEOUT;
+  }
+
+  void AHSSelectedHost(unsigned int /*reason*/, const std::vector<std::string>& headends,
+                       long status, const std::string& extraInfo) override {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    m_delivery.status = status;
+    m_delivery.headends = headends;
+    m_delivery.extraInfo = extraInfo;
+    m_delivery.elapsed = elapsed();
+    m_isDelivered = true;
+    m_lock.NotifyAll();
+  }
+
+ private:
+  const Clock::time_point m_start = Clock::now();
+  std::unique_ptr<CThread> m_thread;  // the owner's thread's
+
+  mutable CMonitor m_lock;  // notified of the delivery
+  bool m_isDelivered AHS_GUARDED_BY(m_lock) = false;
+  SelectionResult m_delivery AHS_GUARDED_BY(m_lock);
+};
 
 namespace {
 
+using std::chrono::milliseconds;
+
 // How often the table is drawn: fast enough to look alive, slow enough to cost nothing.
-constexpr std::chrono::milliseconds DrawingInterval{100};
+constexpr milliseconds DrawingInterval{100};
 // How often a line tells the progress where no table can be drawn: lines stay.
-constexpr std::chrono::milliseconds LineInterval{2000};
+constexpr milliseconds LineInterval{2000};
 // A run whose result is there ends within microseconds, unless the time limit ended it and workers
 // are still waiting for an answer; a process that ends does not wait for those.
-constexpr std::chrono::milliseconds LongestRunEnd{100};
+constexpr milliseconds LongestRunEnd{100};
 // A run has time limits of its own, which are shorter.
 constexpr std::chrono::hours LongestWait{1000};
 
@@ -221,8 +307,8 @@ LiveState Selecting::look(unsigned int reason) const {
   state.answered = progress.placesAnswered;
   state.probesEnded = progress.probesEnded;
   state.elapsed = m_run->elapsed();
-  state.budget = std::chrono::milliseconds(
-      reason == ReasonReconnection ? m_settings.nReconnectTimeout : m_settings.nConnectTimeout);
+  state.budget = milliseconds(reason == ReasonReconnection ? m_settings.nReconnectTimeout
+                                                           : m_settings.nConnectTimeout);
   for (const Candidate& candidate : m_candidates) {
     const auto track = tracks.find(candidate.place);
     state.rows.push_back(liveRowOf(candidate, track == tracks.end() ? nullptr : &track->second,

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <set>
@@ -10,14 +9,15 @@
 #include "cli/login/Credentials.h"
 #include "cli/login/ProxyLogin.h"
 #include "cli/select/SelectOptions.h"
-#include "cli/select/SelectionRun.h"
-#include "cli/show/LiveState.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/ClientLibrary.h"
+
+class SelectionRun;
+struct LiveState;
 
 /// One selection for a person: it reads the files of a plan, runs the selection, and runs it again
 /// after each login at a proxy that asks for one. What is wrong is told on standard error. The

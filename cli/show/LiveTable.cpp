@@ -1,7 +1,8 @@
 // The live table on the terminal. It owns the lines at the terminal's cursor from its first drawing
 // until it is removed; whoever else writes to the terminal removes it first. No line is as wide as
-// the terminal, so that none is wrapped and all can be found again; when the terminal has become
-// narrower since, it is known how many rows each of them takes now.
+// the terminal, so that none is wrapped and all can be found again. One that is too wide is cut
+// between words, because a part of a number would be another number; addresses are cut in the
+// middle, because they differ at both ends.
 
 #include "cli/show/LiveTable.h"
 
@@ -9,12 +10,15 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <wchar.h>
 
 #include <algorithm>
-#include <string>
 
 #include "cli/Console.h"
-#include "cli/show/LiveLines.h"
+#include "cli/Wording.h"
+#include "cli/show/SelectionResult.h"
+#include "vpn/Api/AHS/SelectionRules.h"
+#include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
 
@@ -23,6 +27,7 @@ constexpr const char* EraseBelow = "\x1b[J";
 // What a terminal that does not tell its size is taken for.
 constexpr unsigned short UsualWidth = 80;
 constexpr unsigned short UsualHeight = 24;
+
 winsize terminalSize() {
   winsize size{};
   static_cast<void>(ioctl(STDERR_FILENO, TIOCGWINSZ, &size));
@@ -31,26 +36,174 @@ winsize terminalSize() {
   return size;
 }
 
-/// Whether the terminal that becomes narrower wraps what stands on it, as most do; the others cut
-/// it off.
-bool wrapsAnew() {
-  const char* terminal = getenv("TERM");
-  const bool isConsole = terminal != nullptr && strcmp(terminal, "linux") == 0;
-  return getenv("TMUX") != nullptr ||
-         (getenv("STY") == nullptr && getenv("XTERM_VERSION") == nullptr && !isConsole);
+constexpr std::size_t Gap = 2;
+// Columns of a round trip: "9999 ms".
+constexpr std::size_t NumberColumns = 7;
+// Below this an address is not known again.
+constexpr std::size_t NarrowestHeadend = 8;
+
+struct Character {
+  std::size_t bytes;
+  std::size_t columns;
+};
+
+Character characterAt(const std::string& text, std::size_t at) {
+  const Utf8Locale utf8;
+  wchar_t character = 0;
+  mbstate_t state{};
+  const std::size_t bytes = mbrtowc(&character, text.data() + at, text.size() - at, &state);
+  if (bytes == 0 || bytes > text.size() - at) {
+    return {1, 1};
+  }
+  return {bytes, static_cast<std::size_t>(std::max(wcwidth(character), 0))};
 }
 
-/// What moves the cursor from where a drawing leaves it to the start of the first line.
-std::string toFirstLine(const std::vector<std::size_t>& columnsDrawn, std::size_t width) {
-  const bool wraps = wrapsAnew();
-  std::size_t rows = 0;
-  for (std::size_t i = 0; i + 1 < columnsDrawn.size(); ++i) {
-    rows += wraps ? std::max<std::size_t>((columnsDrawn[i] + width - 1) / width, 1) : 1;
+/// As much of `text` as fits, cut between characters.
+std::string startOf(const std::string& text, std::size_t columns) {
+  std::size_t end = 0;
+  while (end < text.size()) {
+    const Character next = characterAt(text, end);
+    if (next.columns > columns) {
+      break;
+    }
+    columns -= next.columns;
+    end += next.bytes;
   }
-  return rows > 0 ? "\r\x1b[" + std::to_string(rows) + "A" : "\r";
+  return text.substr(0, end);
+}
+
+std::string cutBetweenWords(const std::string& line, std::size_t columns) {
+  const std::string start = startOf(line, columns);
+  const bool isWhole = start.size() == line.size() || line[start.size()] == ' ';
+  return isWhole ? start : start.substr(0, start.rfind(' '));
+}
+
+std::string cutInTheMiddle(const std::string& text, std::size_t columns) {
+  if (columnsOf(text) <= columns) {
+    return text;
+  }
+  const std::string dots = "...";
+  std::string end = text;
+  while (columnsOf(end) > (columns - dots.size()) / 2) {
+    end.erase(0, characterAt(end, 0).bytes);
+  }
+  return startOf(text, columns - dots.size() - columnsOf(end)) + dots + end;
+}
+
+std::string padded(const std::string& text, std::size_t columns) {
+  return text + std::string(columns - columnsOf(text), ' ');
+}
+
+unsigned int smallestOf(const LiveRow& row) { return *std::ranges::min_element(row.samplesMs); }
+
+bool isNearer(const LiveRow& a, const LiveRow& b) {
+  return !a.samplesMs.empty() && (b.samplesMs.empty() || smallestOf(a) < smallestOf(b));
+}
+
+/// The columns of addresses and of names; 0 for no names.
+struct Layout {
+  std::size_t headend = 0;
+  std::size_t name = 0;
+};
+
+Layout layOut(const std::vector<LiveRow>& rows, std::size_t width) {
+  Layout layout;
+  for (const LiveRow& row : rows) {
+    layout.headend = std::max(layout.headend, columnsOf(Console::visible(row.headend)));
+    layout.name = std::max(layout.name, columnsOf(Console::visible(row.name)));
+  }
+  constexpr std::size_t RoundTrip = Gap + NumberColumns;
+  layout.headend =
+      std::min(layout.headend, std::max(width, NarrowestHeadend + RoundTrip) - RoundTrip);
+  // The other half is for what changes.
+  layout.name = layout.headend + Gap + layout.name <= width / 2 ? layout.name : 0;
+  return layout;
+}
+
+std::string rowLine(const LiveRow& row, const Layout& layout) {
+  const std::string gap(Gap, ' ');
+  std::string line =
+      padded(cutInTheMiddle(Console::visible(row.headend), layout.headend), layout.headend) + gap;
+  if (layout.name > 0) {
+    line += padded(Console::visible(row.name), layout.name) + gap;
+  }
+  const std::string best = row.samplesMs.empty() ? "" : std::to_string(smallestOf(row)) + " ms";
+  line += std::string(NumberColumns - std::min(NumberColumns, best.size()), ' ') + best;
+  for (const std::string& part : {samplesText(row.samplesMs, " "), row.waitsFor}) {
+    line += part.empty() ? "" : gap + part;
+  }
+  return line;
 }
 
 }  // namespace
+
+LiveRow liveRowOf(const Candidate& candidate, const SelectionRecord::Track* track,
+                  unsigned int probes) {
+  LiveRow row;
+  row.headend = candidate.headend;
+  row.name = nameBeside(candidate.headend, candidate.name);
+  if (track == nullptr) {
+    row.waitsFor = "waits to be measured";
+    return row;
+  }
+  if (track->started == 0 && track->testing > 0) {
+    row.waitsFor = "waits for the test of the way there";
+    return row;
+  }
+  SelectionRules::Tally tally;
+  for (const HttpProbe::Report& probe : track->ended) {
+    tally.take(probe.status, probe.rttMs);
+  }
+  row.samplesMs = tally.samplesMs;
+  if (tally.hasGivenUp) {
+    row.waitsFor = outcomeName(outcomeOf(track, false, false));
+  } else if (track->ended.size() < probes) {
+    row.waitsFor = "waits for answer " + std::to_string(track->ended.size() + 1) + " of " +
+                   std::to_string(probes);
+  }
+  return row;
+}
+
+std::size_t columnsOf(const std::string& text) {
+  std::size_t columns = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const Character next = characterAt(text, at);
+    columns += next.columns;
+    at += next.bytes;
+  }
+  return columns;
+}
+
+std::string liveLine(const LiveState& state) {
+  const auto left = std::max(state.budget - state.elapsed, std::chrono::milliseconds(0));
+  return "Measuring: " + std::to_string(state.answered) + " of " +
+         std::to_string(state.rows.size()) + " answered, " +
+         Wording::fixed(static_cast<double>(left.count()) / 1000, 1) + " s left, " +
+         Wording::counted(state.probesEnded, "probe") + " done";
+}
+
+std::vector<std::string> liveTable(const LiveState& state, std::size_t width, std::size_t height) {
+  std::vector<LiveRow> rows = state.rows;
+  std::ranges::stable_sort(rows, isNearer);
+  // The headline, and the line that counts the rest; one is left free for the shell's prompt.
+  constexpr std::size_t OtherLines = 3;
+  const std::size_t room = height > OtherLines ? height - OtherLines : 0;
+  const std::size_t left = rows.size() - std::min(rows.size(), room);
+  rows.resize(rows.size() - left);
+  const std::size_t usable = width > 0 ? width - 1 : 0;
+  const Layout layout = layOut(rows, usable);
+  std::vector<std::string> lines = {liveLine(state)};
+  for (const LiveRow& row : rows) {
+    lines.push_back(rowLine(row, layout));
+  }
+  if (left > 0 && room > 0) {
+    lines.push_back("and " + std::to_string(left) + " more");
+  }
+  for (std::string& line : lines) {
+    line = cutBetweenWords(line, usable);
+  }
+  return lines;
+}
 
 bool LiveTable::isPossible() {
   const char* terminal = getenv("TERM");
@@ -69,31 +222,31 @@ void LiveTable::draw(const LiveState& state) {
     return;
   }
   // Over the old one rather than in place of it: a table that goes and comes flickers.
-  std::string text = toFirstLine(m_columnsDrawn, size.ws_col);
-  m_columnsDrawn.clear();
+  std::string text = toFirstLine();
+  m_linesDrawn = 0;
   for (const std::string& line : liveTable(state, size.ws_col, size.ws_row)) {
-    text += (m_columnsDrawn.empty() ? "" : "\n") + line + EraseToEndOfLine;
-    m_columnsDrawn.push_back(columnsOf(line));
+    text += (m_linesDrawn++ == 0 ? "" : "\n") + line + EraseToEndOfLine;
   }
-  // At the start of its line the cursor stays where it is when the terminal wraps the line.
   static_cast<void>(Console::write(STDERR_FILENO, text + EraseBelow + "\r"));
 }
 
 void LiveTable::erase() {
   const CAutoLockT<CManualLock> guard(m_lock);
-  eraseLocked();
+  if (m_linesDrawn > 0) {
+    static_cast<void>(Console::write(STDERR_FILENO, toFirstLine() + EraseBelow));
+  }
+  m_linesDrawn = 0;
 }
 
 void LiveTable::close() {
-  const CAutoLockT<CManualLock> guard(m_lock);
-  eraseLocked();
-  m_isClosed = true;
+  {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    m_isClosed = true;
+  }
+  erase();
 }
 
-void LiveTable::eraseLocked() {
-  if (!m_columnsDrawn.empty()) {
-    const std::string start = toFirstLine(m_columnsDrawn, terminalSize().ws_col);
-    static_cast<void>(Console::write(STDERR_FILENO, start + EraseBelow));
-  }
-  m_columnsDrawn.clear();
+/// What moves the cursor from where a drawing leaves it to the start of the first line.
+std::string LiveTable::toFirstLine() const {
+  return m_linesDrawn > 1 ? "\r\x1b[" + std::to_string(m_linesDrawn - 1) + "A" : "\r";
 }

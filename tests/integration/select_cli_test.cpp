@@ -461,22 +461,7 @@ TEST_F(SelectCommandTest, TheRankingFollowsTheTableAndStays) {
   EXPECT_THAT(last, Not(HasSubstr("\x1b["))) << "nothing is drawn over it or erased";
 }
 
-TEST_F(SelectCommandTest, ATableInAWindowThatBecomesNarrowerIsFoundAgain) {
-  const SilentGateway silent;
-  Program program({"select", silent.address()}, environment, Program::Terminal::Errors, -1,
-                  {90, 24});
-  // Some 50 columns, and a row that the cursor stands at the start of.
-  ASSERT_TRUE(program.waitForNext("0 of 1 answered, "));
-  ASSERT_TRUE(program.waitForNext("\x1b[J\r"));
-  program.resize({25, 24});
-  ASSERT_TRUE(program.waitForNext("\r\x1b[3A")) << program.soFar().err;
-  ASSERT_TRUE(program.waitForNext("\r\x1b[1A")) << "the lines of the new width are found too";
-  program.type("\x03");
-  EXPECT_THAT(program.finish().err, testing::EndsWith(TableRemoved));
-}
-
-TEST_F(SelectCommandTest, ATerminalThatCutsLinesOffKeepsWhatStandsAboveTheTable) {
-  environment.push_back("XTERM_VERSION=XTerm(379)");
+TEST_F(SelectCommandTest, AWindowThatBecomesNarrowerKeepsWhatStandsAboveTheTable) {
   const SilentGateway silent;
   Program program({"select", silent.address()}, environment, Program::Terminal::Errors, -1,
                   {90, 24});

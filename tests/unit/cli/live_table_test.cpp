@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "cli/show/LiveLines.h"
+#include "cli/show/LiveTable.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {

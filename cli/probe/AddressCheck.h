@@ -17,6 +17,8 @@ struct CheckedAddress {
   /// network has for itself), or the system's own words.
   std::string outcome;
   std::chrono::microseconds took{0};
+
+  bool isConnected() const { return outcome == "connected"; }
 };
 
 /// The addresses of a name.
@@ -38,6 +40,3 @@ bool isAddressLiteral(const std::string& host);
 
 /// Whether an address is the one that a probe tells, which leaves the zone out.
 bool isSameAddress(const CheckedAddress& address, const std::string& told);
-
-/// The address that was connected to, `preferred` if it is one of them; null if none was.
-const CheckedAddress* findConnected(const AddressCheck& check, const std::string& preferred);

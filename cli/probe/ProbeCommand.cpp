@@ -1,6 +1,7 @@
 // `ahs probe`: one headend in detail. It is measured first, as a worker of a selection measures it,
 // probe after probe on one thread; only then is anything looked at that would disturb that.
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <utility>
@@ -158,7 +159,7 @@ void lookCloser(ProbeFindings& findings) {
   const ProbePlan& plan = findings.plan;
   takeNameServers(findings);
   findings.addresses = checkAddresses(plan.place.first, plan.place.second, plan.timeout);
-  if (findConnected(findings.addresses, usedAddressOf(findings)) != nullptr) {
+  if (std::ranges::any_of(findings.addresses.addresses, &CheckedAddress::isConnected)) {
     findings.tls = inspectTls(plan.place.first, plan.place.second, plan.timeout);
   }
 }

@@ -6,26 +6,70 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "cli/Console.h"
+#include "cli/Json.h"
 #include "cli/Wording.h"
-#include "cli/probe/ProbeText.h"
+#include "cli/show/ReportJson.h"
 #include "cli/show/SelectionResult.h"
 #include "cli/show/StatusWords.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionRules.h"
+#include "vpn/Api/ConfigurationText.h"
+#include "vpn/include/HttpSession.h"
 
 namespace {
 
+constexpr std::size_t MostLines = 20;
+constexpr std::size_t MostLineBytes = 200;
+
 std::string exactMs(long long microseconds) {
-  constexpr double MicrosecondsPerMillisecond = 1000.0;
-  char text[64];
-  snprintf(text, sizeof text, "%.3f",
-           static_cast<double>(microseconds) / MicrosecondsPerMillisecond);
-  return text;
+  return Wording::fixed(static_cast<double>(microseconds) / 1000, 3);
 }
 
-std::string place(const ProbePlan& plan) { return Console::visible(candidateWithPort(plan)); }
+/// Host and port as they are typed, the default port too: "gw.example.com:443".
+std::string place(const ProbePlan& plan) {
+  auto [host, port] = plan.place;
+  const bool isIPv6 = host.find(':') != std::string::npos;
+  if (const std::size_t zoneAt = host.find('%'); isIPv6 && zoneAt != std::string::npos) {
+    host.insert(zoneAt + 1, "25");
+  }
+  return Console::visible((isIPv6 ? "[" + host + "]" : host) + ":" + std::to_string(port));
+}
+
+/// The lines of a request's or an answer's head, visible; long ones are cut, and so are many.
+std::vector<std::string> headLines(const std::string& head) {
+  std::vector<std::string> lines;
+  std::istringstream stream(head);
+  for (std::string line; lines.size() < MostLines && std::getline(stream, line);) {
+    if (line.ends_with('\r')) {
+      line.pop_back();
+    }
+    if (line.empty()) {
+      break;
+    }
+    lines.push_back(ConfigurationText::oneLine(line, MostLineBytes));
+  }
+  return lines;
+}
+
+/// The name of a probe's status: "HTTP_SESSION_SUCCESS".
+std::string statusName(STATUSCODE status) {
+  // 0 is every module's success; a probe's is this one.
+  return status == HTTP_SESSION_SUCCESS ? "HTTP_SESSION_SUCCESS" : statusCodeName(status);
+}
+
+/// Share of the probes without a sample, rounded to the nearest; 0 and 100 only for none and all.
+unsigned int lossPercent(std::size_t sent, std::size_t samples) {
+  constexpr unsigned int Hundred = 100;
+  if (sent == 0 || samples == sent) {
+    return 0;
+  }
+  const auto rounded = static_cast<unsigned int>(((sent - samples) * Hundred + sent / 2) / sent);
+  return samples == 0 ? Hundred : std::clamp(rounded, 1U, Hundred - 1);
+}
 
 // ---- The probes -------------------------------------------------------------------------------
 
@@ -53,17 +97,20 @@ std::string timesInWords(const HttpProbe::Report& report) {
   return report.reused ? text + ", same connection" : text;
 }
 
-void addSpread(const char* what, const std::optional<Spread>& spread, std::string& text) {
-  if (spread) {
-    char line[200];
-    snprintf(line, sizeof line, "  %-9s min %s, median %s, max %s ms\n", what,
-             exactMs(spread->leastUs).c_str(), exactMs(spread->medianUs).c_str(),
-             exactMs(spread->mostUs).c_str());
-    text += line;
-  }
+std::string spreadInWords(const char* label, const std::optional<Spread>& spread) {
+  return !spread ? ""
+                 : label + ("  min " + exactMs(spread->leastUs)) + ", median " +
+                       exactMs(spread->medianUs) + ", max " + exactMs(spread->mostUs) + " ms\n";
 }
 
 // ---- Addresses and TLS ------------------------------------------------------------------------
+
+/// The address that the last probe with a connection went to; empty if none had one.
+std::string usedAddressOf(const ProbeFindings& findings) {
+  const auto used = std::find_if(findings.probes.rbegin(), findings.probes.rend(),
+                                 [](const EndedProbe& p) { return !p.report.address.empty(); });
+  return used == findings.probes.rend() ? "" : used->report.address;
+}
 
 std::string addressesInWords(const ProbeFindings& findings) {
   const AddressCheck& check = findings.addresses;
@@ -79,7 +126,7 @@ std::string addressesInWords(const ProbeFindings& findings) {
   for (const CheckedAddress& address : check.addresses) {
     text += "  " + Console::visible(address.text) +
             std::string(width - address.text.size() + 2, ' ') + address.outcome +
-            (address.outcome == "connected" ? " in " + exactMs(address.took.count()) + " ms" : "") +
+            (address.isConnected() ? " in " + exactMs(address.took.count()) + " ms" : "") +
             (isSameAddress(address, used) ? "; the probes went there" : "") + "\n";
   }
   if (check.leftOut > 0) {
@@ -192,30 +239,93 @@ std::string adviceForAddresses(const AddressCheck& check) {
     return "The address check found none: " + check.problem + ".";
   }
   std::string advice;
-  if (isThere("needs a zone")) {
-    advice +=
-        " Every network has such an address: add %25 and the name of the interface that leads "
-        "there, as in [fe80::7%25eth0].";
-  }
-  if (isThere("refused")) {
-    advice += " A machine refuses: nothing listens on that port there. Check the port.";
-  }
-  if (isThere("unreachable")) {
-    advice += " This machine has no way to an address. Check its network and routes.";
-  }
-  if (isThere("timed out")) {
-    advice += " An address is silent. A firewall may drop what is sent, or the machine is off.";
+  for (const auto& [outcome, words] :
+       {std::pair("needs a zone",
+                  " Every network has such an address: add %25 and the name of the interface that "
+                  "leads there, as in [fe80::7%25eth0]."),
+        std::pair("refused",
+                  " A machine refuses: nothing listens on that port there. Check the port."),
+        std::pair("unreachable",
+                  " This machine has no way to an address. Check its network and routes."),
+        std::pair("timed out",
+                  " An address is silent. A firewall may drop what is sent, or the machine is "
+                  "off.")}) {
+    advice += isThere(outcome) ? words : "";
   }
   return advice.empty() ? "Check the network of this machine." : advice.substr(1);
 }
 
-}  // namespace
+// ---- For programs ------------------------------------------------------------------------------
 
-std::string usedAddressOf(const ProbeFindings& findings) {
-  const auto used = std::find_if(findings.probes.rbegin(), findings.probes.rend(),
-                                 [](const EndedProbe& p) { return !p.report.address.empty(); });
-  return used == findings.probes.rend() ? "" : used->report.address;
+Json spreadAsJson(const std::optional<Spread>& spread) {
+  return spread ? Json{{"minMs", millisecondsAsJson(spread->leastUs)},
+                       {"medianMs", millisecondsAsJson(spread->medianUs)},
+                       {"maxMs", millisecondsAsJson(spread->mostUs)}}
+                : Json(nullptr);
 }
+
+Json endedProbeAsJson(const EndedProbe& probe) {
+  Json object = probeAsJson(probe.report);
+  object["statusName"] = statusName(probe.report.status);
+  object["transportError"] = probe.report.transportError;
+  return object;
+}
+
+Json summaryAsJson(const std::vector<EndedProbe>& probes) {
+  const std::vector<unsigned int> samples = samplesOf(probes);
+  const std::size_t sent = probes.size();
+  return {{"probes", sent},
+          {"samples", samples.size()},
+          {"lossPercent", lossPercent(sent, samples.size())},
+          {"network", spreadAsJson(spreadOf(probes, &HttpProbe::Report::networkRttUs))},
+          {"response", spreadAsJson(spreadOf(probes, &HttpProbe::Report::responseRttUs))},
+          {"metricMs", samples.empty() ? Json(nullptr)
+                                       : Json(SelectionRules::metricOfSamples(
+                                             samples, static_cast<unsigned int>(sent)))}};
+}
+
+Json selectionAsJson(const ProbePlan& plan, const WorkerView& view) {
+  return {{"probes", view.probes},
+          {"probesPerHeadend", plan.selectionCount},
+          {"samplesMs", view.samplesMs},
+          {"metricMs", orNull(view.metricMs)},
+          {"outcome", outcomeName(view.outcome)},
+          {"words", view.why}};
+}
+
+Json addressesAsJson(const AddressCheck& check) {
+  Json addresses = Json::array();
+  for (const CheckedAddress& address : check.addresses) {
+    addresses.push_back(
+        {{"address", address.text},
+         {"outcome", address.outcome},
+         {"connectMs", millisecondsAsJson(address.isConnected() ? address.took.count() : -1)}});
+  }
+  return addresses;
+}
+
+Json certificateAsJson(const CertificateSummary& certificate) {
+  return {{"subject", certificate.subject},        {"issuer", certificate.issuer},
+          {"validFrom", certificate.validFrom},    {"validUntil", certificate.validUntil},
+          {"daysLeft", certificate.daysLeft},      {"names", certificate.names},
+          {"moreNames", certificate.moreNames},    {"key", certificate.key},
+          {"trusted", certificate.doubts.empty()}, {"doubts", certificate.doubts}};
+}
+
+Json tlsAsJson(const std::optional<TlsInspection>& tls) {
+  if (!tls) {
+    return nullptr;
+  }
+  return {{"address", tls->address},
+          {"speaksTls", tls->speaksTls},
+          {"problem", orNull(tls->problem)},
+          {"version", orNull(tls->version)},
+          {"cipher", orNull(tls->cipher)},
+          {"asksForClientCertificate", tls->asksForClientCertificate},
+          {"certificate", tls->certificate ? certificateAsJson(*tls->certificate) : Json(nullptr)}};
+}
+
+}  // namespace
 
 std::string probeHeading(const ProbePlan& plan) {
   const std::string entry = plan.entry.empty()
@@ -234,17 +344,18 @@ std::string probeLine(const EndedProbe& probe, std::size_t index) {
   char number[32];
   snprintf(number, sizeof number, "%4zu. ", index + 1);
   return number + worth + "  " + answerInWords(report) + "  " + timesInWords(report) + "  " +
-         probeStatusName(report.status) + " (" + statusAsHex(report.status) + ")\n";
+         statusName(report.status) + " (" + statusAsHex(report.status) + ")\n";
 }
 
 std::string probeSummary(const ProbeFindings& findings) {
   const std::size_t sent = findings.probes.size();
   const std::vector<unsigned int> samples = samplesOf(findings.probes);
-  std::string text = Wording::counted(sent, "probe") + ", " + std::to_string(samples.size()) +
-                     " with a sample, " + std::to_string(sent - samples.size()) + " without (" +
-                     std::to_string(lossPercent(sent, samples.size())) + " %)\n";
-  addSpread("network", spreadOf(findings.probes, &HttpProbe::Report::networkRttUs), text);
-  addSpread("response", spreadOf(findings.probes, &HttpProbe::Report::responseRttUs), text);
+  std::string text =
+      Wording::counted(sent, "probe") + ", " + std::to_string(samples.size()) + " with a sample, " +
+      std::to_string(sent - samples.size()) + " without (" +
+      std::to_string(lossPercent(sent, samples.size())) + " %)\n" +
+      spreadInWords("  network ", spreadOf(findings.probes, &HttpProbe::Report::networkRttUs)) +
+      spreadInWords("  response", spreadOf(findings.probes, &HttpProbe::Report::responseRttUs));
   if (!samples.empty()) {
     text +=
         "  metric    " +
@@ -301,4 +412,34 @@ std::string probeAdvice(const ProbeFindings& findings) {
            "listen on the port. --timeout SECONDS waits longer.";
   }
   return where + " would have no metric in a selection. " + view.why;
+}
+
+std::string probeJson(const ProbeFindings& findings) {
+  const ProbePlan& plan = findings.plan;
+  Json probes = Json::array();
+  for (const EndedProbe& probe : findings.probes) {
+    probes.push_back(endedProbeAsJson(probe));
+  }
+  const std::vector<std::string> answer = headLines(findings.answerHead);
+  Json object = newJson();
+  object["headend"] = plan.headend;
+  object["port"] = plan.place.second;
+  object["hostEntry"] = orNull(plan.entry);
+  object["profile"] = orNull(plan.profile);
+  object["takesPart"] = plan.entry.empty() ? Json(nullptr) : Json(plan.leftOut.empty());
+  object["secure"] = plan.secure;
+  object["timeoutMs"] = std::chrono::milliseconds(plan.timeout).count();
+  object["roundTripTime"] = plan.isResponseMeasured ? "response" : "network";
+  object["probes"] = probes;
+  object["summary"] = summaryAsJson(findings.probes);
+  object["selection"] = selectionAsJson(plan, workerViewOf(plan, findings.probes));
+  object["nameServers"] = findings.nameServers;
+  object["searchDomains"] = findings.searchDomains;
+  object["resolverProblem"] = orNull(findings.addresses.problem);
+  object["addresses"] = addressesAsJson(findings.addresses);
+  object["moreAddresses"] = findings.addresses.leftOut;
+  object["tls"] = tlsAsJson(findings.tls);
+  object["request"] = headLines(findings.request);
+  object["answer"] = answer.empty() ? Json(nullptr) : Json(answer.front());
+  return jsonText(object);
 }

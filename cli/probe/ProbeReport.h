@@ -22,9 +22,6 @@ struct ProbeFindings {
   std::vector<std::string> searchDomains;  ///< that are tried behind a name
 };
 
-/// The address that the last probe with a connection went to; empty if none had one.
-std::string usedAddressOf(const ProbeFindings& findings);
-
 /// The parts of what a person reads, whole lines each: what is about to be probed; one probe,
 /// counted from 0; the sum of all probes; what a selection would make of them; what else was found,
 /// and then the same.

@@ -51,3 +51,8 @@ std::string Wording::utc(const std::tm& parts) {
   char text[64];  // holds every year
   return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
+
+std::string Wording::utc(std::time_t time) {
+  std::tm parts{};
+  return gmtime_r(&time, &parts) == nullptr ? std::to_string(time) + " s" : utc(parts);
+}

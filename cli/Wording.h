@@ -28,6 +28,8 @@ class Wording {
   /// @param withZone for what is read elsewhere: "2026-01-31 12:00:00 +0100".
   static std::string localTime(bool withZone = false);
 
-  /// A point of time in UTC, as ISO 8601 writes it: "2026-01-31T12:00:00Z".
+  /// A point of time in UTC, as ISO 8601 writes it: "2026-01-31T12:00:00Z"; seconds since 1970 for
+  /// one that no calendar has.
   static std::string utc(const std::tm& parts);
+  static std::string utc(std::time_t time);
 };

@@ -50,56 +50,32 @@ std::vector<std::string> environmentWith(const ChildProgram::Variables& variable
   return environment;
 }
 
-/// What is done with the descriptors between fork and exec.
-class Descriptors {
- public:
-  explicit Descriptors(ChildProgram::Output output) {
-    posix_spawn_file_actions_init(&m_actions);
-    if (output == ChildProgram::Output::Errors) {
-      posix_spawn_file_actions_adddup2(&m_actions, STDERR_FILENO, STDOUT_FILENO);
-    }
-    int next = STDERR_FILENO + 1;
-    for (const int inherited : Surroundings::descriptors()) {
-      for (; next < inherited; ++next) {
-        posix_spawn_file_actions_addclose(&m_actions, next);
-      }
-      ++next;
-    }
-    posix_spawn_file_actions_addclosefrom_np(&m_actions, next);
+/// The descriptors that the command was started with, and no other.
+void passDescriptors(ChildProgram::Output output, posix_spawn_file_actions_t& actions) {
+  if (output == ChildProgram::Output::Errors) {
+    posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
   }
-  ~Descriptors() { posix_spawn_file_actions_destroy(&m_actions); }
-  Descriptors(const Descriptors&) = delete;
-  Descriptors& operator=(const Descriptors&) = delete;
-
-  const posix_spawn_file_actions_t* get() const { return &m_actions; }
-
- private:
-  posix_spawn_file_actions_t m_actions{};
-};
+  int next = STDERR_FILENO + 1;
+  for (const int inherited : Surroundings::descriptors()) {
+    for (; next < inherited; ++next) {
+      posix_spawn_file_actions_addclose(&actions, next);
+    }
+    ++next;
+  }
+  posix_spawn_file_actions_addclosefrom_np(&actions, next);
+}
 
 /// The signals as the command found them.
-class Signals {
- public:
-  Signals() {
-    posix_spawnattr_init(&m_attributes);
-    sigset_t changed;
-    sigemptyset(&changed);
-    if (!Surroundings::wasIgnored(SIGPIPE)) {
-      sigaddset(&changed, SIGPIPE);
-    }
-    posix_spawnattr_setsigmask(&m_attributes, &Surroundings::blockedSignals());
-    posix_spawnattr_setsigdefault(&m_attributes, &changed);
-    posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+void passSignals(posix_spawnattr_t& attributes) {
+  sigset_t changed;
+  sigemptyset(&changed);
+  if (!Surroundings::wasIgnored(SIGPIPE)) {
+    sigaddset(&changed, SIGPIPE);
   }
-  ~Signals() { posix_spawnattr_destroy(&m_attributes); }
-  Signals(const Signals&) = delete;
-  Signals& operator=(const Signals&) = delete;
-
-  const posix_spawnattr_t* get() const { return &m_attributes; }
-
- private:
-  posix_spawnattr_t m_attributes{};
-};
+  posix_spawnattr_setsigmask(&attributes, &Surroundings::blockedSignals());
+  posix_spawnattr_setsigdefault(&attributes, &changed);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+}
 
 }  // namespace
 
@@ -110,9 +86,16 @@ ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variab
   ::signal(SIGCHLD, SIG_DFL);
   std::vector<std::string> arguments = command;
   std::vector<std::string> environment = environmentWith(variables);
-  const int error =
-      posix_spawnp(&m_pid, arguments.front().c_str(), Descriptors(output).get(), Signals().get(),
-                   pointersTo(arguments).data(), pointersTo(environment).data());
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attributes);
+  passDescriptors(output, actions);
+  passSignals(attributes);
+  const int error = posix_spawnp(&m_pid, arguments.front().c_str(), &actions, &attributes,
+                                 pointersTo(arguments).data(), pointersTo(environment).data());
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {
     m_problem = std::system_category().message(error);
     m_problemStatus = error == ENOENT ? ExitNoProgram : ExitCannotRun;

@@ -3,8 +3,6 @@
 // is the command's.
 
 #include <signal.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -75,24 +73,6 @@ class Foreground {
   std::optional<int> m_signal AHS_GUARDED_BY(m_lock);
 };
 
-/// The terminal's settings, for a program that fails and leaves them changed.
-class TerminalSettings {
- public:
-  TerminalSettings() : m_isKnown(isInFront() && tcgetattr(STDIN_FILENO, &m_settings) == 0) {}
-
-  void restore() const {
-    if (m_isKnown && isInFront()) {
-      tcsetattr(STDIN_FILENO, TCSADRAIN, &m_settings);
-    }
-  }
-
- private:
-  static bool isInFront() { return tcgetpgrp(STDIN_FILENO) == getpgrp(); }
-
-  termios m_settings{};
-  const bool m_isKnown;
-};
-
 std::string howItEnded(const ChildProgram::End& end) {
   return end.bySignal ? "was ended by signal " + std::to_string(end.status - ExitSignalBase)
                       : "ended with status " + std::to_string(end.status);
@@ -104,22 +84,17 @@ struct Attempt {
   bool mayTryNext = false;
 };
 
-void complainOfProgram(const std::string& name, const ChildProgram& program) {
-  Console::complain("'" + Console::visible(name) + "' cannot be run: " + program.problem() +
-                    (program.problemStatus() == ExitNoProgram
-                         ? ". What stands after -- is the program and its arguments; name one that "
-                           "is on PATH, or its path."
-                         : "."));
-}
-
 Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
                    Foreground& foreground) {
   const std::vector<std::string> command = commandFor(options.program, chosen);
-  const TerminalSettings terminal;
   const auto start = steady_clock::now();
   const auto program = foreground.start(command, variablesOf(chosen));
   if (!program->problem().empty()) {
-    complainOfProgram(command.front(), *program);
+    Console::complain(Console::inQuotes(command.front()) + " cannot be run: " + program->problem() +
+                      (program->problemStatus() == ExitNoProgram
+                           ? ". What stands after -- is the program and its arguments; name one "
+                             "that is on PATH, or its path."
+                           : "."));
     return {program->problemStatus(), false};
   }
   const std::optional<ChildProgram::End> early =
@@ -128,7 +103,6 @@ Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
   if (!early || options.startSeconds == 0 || end.status == 0 || foreground.signal()) {
     return {end.status, false};
   }
-  terminal.restore();
   Console::complain(
       "for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " + howItEnded(end) +
       " after " +

@@ -3,7 +3,6 @@
 // selections read it, within the same bounds, and nothing of it is printed but printable ASCII.
 
 #include <stdio.h>
-#include <time.h>
 
 #include <algorithm>
 #include <memory>
@@ -96,11 +95,7 @@ std::vector<std::string> partsOf(const std::string& place, const std::string& ki
   return values;
 }
 
-std::string timeText(unsigned long time) {
-  const auto seconds = static_cast<time_t>(time);
-  struct tm parts {};
-  return gmtime_r(&seconds, &parts) == nullptr ? std::to_string(time) + " s" : Wording::utc(parts);
-}
+std::string timeText(unsigned long time) { return Wording::utc(static_cast<time_t>(time)); }
 
 std::string moment(unsigned long time, unsigned long now) {
   return timeText(time) + (time > now ? " (in " + Wording::duration(time - now) + ")"

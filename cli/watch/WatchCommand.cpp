@@ -61,12 +61,6 @@ constexpr Cause Start{"start", "first choice"};
 constexpr Cause Interval{"interval", "measured again"};
 constexpr Cause Network{"network", "the network has changed"};
 
-std::string utcTime() {
-  const time_t now = time(nullptr);
-  tm parts{};
-  return gmtime_r(&now, &parts) == nullptr ? "" : Wording::utc(parts);
-}
-
 std::string inWords(const HeadendResult& chosen) {
   const std::string name = nameBeside(chosen.headend, chosen.name);
   return (name.empty() ? chosen.headend : Console::visible(name) + " (" + chosen.headend + ")") +
@@ -82,7 +76,7 @@ std::string lineOf(const HeadendResult& chosen, const std::optional<HeadendResul
 std::string jsonLineOf(const HeadendResult& chosen, const std::optional<HeadendResult>& previous,
                        Cause cause) {
   Json line = newJson();
-  line["time"] = utcTime();
+  line["time"] = Wording::utc(time(nullptr));
   line["headend"] = chosen.headend;
   line["name"] = chosen.name;
   line["metricMs"] = orNull(chosen.metricMs);

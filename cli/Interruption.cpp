@@ -34,12 +34,6 @@ State& state() {
   return *instance;
 }
 
-bool isIgnored(int signal) {
-  struct sigaction action {};
-  sigaction(signal, nullptr, &action);
-  return action.sa_handler == SIG_IGN;
-}
-
 sigset_t signalsOfInterest() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -50,7 +44,7 @@ sigset_t signalsOfInterest() {
   // nohup(1) starts a program with SIGHUP ignored and means it, and a shell without job control
   // does the same with SIGTSTP. SIGINT and SIGQUIT are taken even so: see `isMeantForOthers`.
   for (const int signal : {SIGHUP, SIGTSTP, SIGUSR1, SIGUSR2}) {
-    if (!isIgnored(signal)) {
+    if (!Surroundings::wasIgnored(signal)) {
       sigaddset(&signals, signal);
     }
   }

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::array Signals = {SIGPIPE, SIGINT, SIGQUIT};
+constexpr std::array Signals = {SIGPIPE, SIGINT, SIGQUIT, SIGHUP, SIGTSTP, SIGUSR1, SIGUSR2};
 
 struct Noted {
   std::vector<int> descriptors;

@@ -23,7 +23,7 @@ class Surroundings {
   static constexpr int MostDescriptors = 1024;
 
   /// The signals that were blocked, and whether one of those that the command has another use for
-  /// was ignored: SIGPIPE, SIGINT, SIGQUIT.
+  /// was ignored.
   static const sigset_t& blockedSignals();
   static bool wasIgnored(int signal);
 };

@@ -11,11 +11,128 @@
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
 #include "cli/Table.h"
-#include "cli/WrongCommandLine.h"
+#include "cli/Wording.h"
+#include "vpn/Api/ConfigurationText.h"
+#include "vpn/Common/Utility/NearestName.h"
 
 namespace {
 
 constexpr int ExitPrinted = ExitNoMistakes;
+
+// ---- Command lines that were not understood ----------------------------------------------------
+// What was typed may hold a password, so of a wrong option the name is repeated and the value is
+// not.
+
+// As much of a word as a person needs to find it again, in bytes.
+constexpr std::size_t MaxWordLength = 80;
+
+// As much of the parser's own words, which may hold what was typed.
+constexpr std::size_t MaxTextLength = 300;
+
+std::string inQuotes(const std::string& word) {
+  return "'" + ConfigurationText::oneLine(word, MaxWordLength) + "'";
+}
+
+std::string whereHelpIs(const CLI::App& command) {
+  return " '" + CommandTree::fullName(command) + " --help' shows all " +
+         (CommandTree::commandsOf(command).empty() ? "options." : "commands.");
+}
+
+std::vector<std::string> namesOfOptions(const CLI::App& command) {
+  std::vector<std::string> all;
+  for (const CLI::Option* const option : CommandTree::optionsOf(command)) {
+    const std::vector<std::string> names = CommandTree::namesOf(*option);
+    all.insert(all.end(), names.begin(), names.end());
+  }
+  return all;
+}
+
+std::vector<std::string> namesOfCommands(const CLI::App& command) {
+  std::vector<std::string> all;
+  for (const CLI::App* const below : CommandTree::commandsOf(command)) {
+    all.push_back(below->get_name());
+  }
+  return all;
+}
+
+std::string explainUnknownOption(const CLI::App& command, const std::string& word) {
+  const std::string name = word.substr(0, word.find('='));
+  const std::vector<std::string> names = namesOfOptions(command);
+  // Among letters everything is near.
+  const std::string* const meant = name.starts_with("--") ? nearestName(name, names) : nullptr;
+  return "there is no option " + inQuotes(name) + " of '" + CommandTree::fullName(command) + "'" +
+         (meant != nullptr ? "; did you mean '" + *meant + "'?"
+          : CommandTree::commandsOf(command).empty()
+              ? "."
+              : "; options stand behind the command that they are for.") +
+         whereHelpIs(command);
+}
+
+/// @param above what the command was looked for in: the tool, or a command that has commands.
+std::string explainUnknownCommand(const CLI::App& above, const std::string& name) {
+  const std::vector<std::string> names = namesOfCommands(above);
+  const std::vector<std::string> options = namesOfOptions(above);
+  const std::string asOption = "--" + name;
+  const bool isOptionsName = std::find(options.begin(), options.end(), asOption) != options.end();
+  const std::string* const meant = isOptionsName ? &asOption : nearestName(name, names);
+  const std::string of =
+      above.get_parent() == nullptr ? "" : " of '" + CommandTree::fullName(above) + "'";
+  return "there is no command " + inQuotes(name) + of +
+         (meant != nullptr ? "; did you mean '" + *meant + "'?"
+                           : "; there are " + Wording::joined(names) + ".") +
+         whereHelpIs(above);
+}
+
+bool isOption(const std::string& word) { return word.size() > 1 && word.front() == '-'; }
+
+std::string explainLeftOver(const CLI::App& command) {
+  const std::vector<std::string> words = command.remaining(false);
+  const auto name = std::find_if_not(words.begin(), words.end(), isOption);
+  // The options behind a command that is not known are not known either.
+  if (name != words.end() && command.get_subcommands().empty() &&
+      !CommandTree::commandsOf(command).empty()) {
+    return explainUnknownCommand(command, *name);
+  }
+  const auto option = std::find_if(words.begin(), words.end(), isOption);
+  if (option != words.end()) {
+    return explainUnknownOption(command, *option);
+  }
+  return inQuotes(words.front()) + " is one argument too many for '" +
+         CommandTree::fullName(command) + "'." + whereHelpIs(command);
+}
+
+std::string explainMissingCommand(const CLI::App& command) {
+  const std::vector<const CLI::App*> commands = CommandTree::commandsOf(command);
+  const std::string name = CommandTree::fullName(command);
+  if (command.get_parent() != nullptr) {
+    return "'" + name + "' needs one of " + Wording::joined(namesOfCommands(command)) +
+           ", as in '" + name + " " + commands.front()->get_name() + "'." + whereHelpIs(command);
+  }
+  return "a command is missing; '" + name +
+         " select HOST...' measures gateways and names the nearest.\n" +
+         CommandTree::helpOf(command);
+}
+
+std::string explainOtherwise(const CLI::App& command, const std::string& text) {
+  const std::size_t flagEnd = text.find(" was given a disallowed flag override");
+  return (flagEnd == std::string::npos ? ConfigurationText::oneLine(text, MaxTextLength)
+                                       : "--" + text.substr(0, flagEnd) + " takes no value") +
+         "." + whereHelpIs(command);
+}
+
+std::string explainWrongCommandLine(const CLI::App& tool, const CLI::ParseError& error) {
+  const CLI::App* command = &tool;
+  while (command->remaining(false).empty() && !command->get_subcommands().empty()) {
+    command = command->get_subcommands().front();
+  }
+  if (!command->remaining(false).empty()) {
+    return explainLeftOver(*command);
+  }
+  return CommandTree::commandsOf(*command).empty() ? explainOtherwise(*command, error.what())
+                                                   : explainMissingCommand(*command);
+}
+
+// ---- Help and version -------------------------------------------------------------------------
 
 // What CLI11 throws for a wrong command line, and for help, which is none.
 int answer(const CLI::App& tool, const CLI::ParseError& error) {
@@ -53,22 +170,10 @@ void addHelpCommand(CLI::App& tool, ChosenCommand& chosen) {
 
 std::string exitStatusTable() {
   std::vector<std::vector<std::string>> rows;
-  for (const StatusMeaning& meaning : statusMeanings()) {
+  for (const StatusMeaning& meaning : StatusMeanings) {
     rows.push_back({meaning.status, meaning.commands, meaning.text});
   }
   return tableText({"EXIT STATUS", "COMMANDS", "MEANING"}, rows);
-}
-
-/// Thrown by --version, which needs no command and hears of nothing else on the line.
-struct VersionWanted {};
-
-// A --json of the tool itself exists for its --version; before a command it would be no command's.
-void addVersion(CLI::App& tool) {
-  tool.add_flag_callback(
-      "--version", [] { throw VersionWanted(); },
-      "Print the version, and what the program was built from and runs with");
-  tool.add_flag_function(
-      "--json", [](std::int64_t) {}, "With --version: print one JSON object");
 }
 
 // What stands after the "--" of `ahs exec` and `ahs completion` is another command line and no part
@@ -93,7 +198,10 @@ std::vector<std::string> takeOtherLine(int& argumentCount, char** arguments) {
 void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other) {
   // "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence.
   tool.option_defaults()->disable_flag_override();
-  addVersion(tool);
+  tool.set_version_flag("--version", "",
+                        "Print the version, and what the program was built from and runs with");
+  // It exists for --version; before a command it would be no command's.
+  tool.add_flag("--json")->description("With --version: print one JSON object");
   tool.require_subcommand(1);
   tool.footer(exitStatusTable() +
               "\n'ahs COMMAND --help' shows the options of a command; the manual is ahs(1).");
@@ -116,7 +224,7 @@ int runTool(int argumentCount, char** arguments) {
   Interruption::begin();
   try {
     tool.parse(argumentCount, arguments);
-  } catch (const VersionWanted&) {
+  } catch (const CLI::CallForVersion&) {
     return Console::writeResult(
         tool.count("--json") > 0 ? BuildFacts::asJson() : BuildFacts::asText(), ExitPrinted);
   } catch (const CLI::ParseError& error) {

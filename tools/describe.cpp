@@ -65,7 +65,7 @@ std::string optionsInMdoc(const CLI::App& tool, const std::string& path) {
 
 std::string statusesInMdoc() {
   std::string text;
-  for (const StatusMeaning& meaning : statusMeanings()) {
+  for (const StatusMeaning& meaning : StatusMeanings) {
     text += std::string(".It ") + meaning.status + " Ta " + meaning.commands + " Ta " +
             meaning.text + "\n";
   }
@@ -115,7 +115,7 @@ std::string optionsInMarkdown(const CLI::App& tool) {
 
 std::string statusesInMarkdown() {
   std::string text = "| status | commands | meaning |\n|---|---|---|\n";
-  for (const StatusMeaning& meaning : statusMeanings()) {
+  for (const StatusMeaning& meaning : StatusMeanings) {
     text += std::string("| ") + meaning.status + " | " + meaning.commands + " | " + meaning.text +
             " |\n";
   }

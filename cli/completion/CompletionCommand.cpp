@@ -18,7 +18,7 @@
 #include "cli/ExitStatus.h"
 #include "cli/completion/BashLine.h"
 #include "cli/files/FileOptions.h"
-#include "cli/show/Reasons.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/Candidates.h"
 #include "vpn/include/StringUtils.h"
 

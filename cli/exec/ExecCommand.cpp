@@ -22,7 +22,7 @@
 #include "cli/exec/HeadendProgram.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/Selecting.h"
-#include "cli/show/StatusWords.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/include/Locks.h"
 

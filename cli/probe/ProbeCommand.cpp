@@ -13,7 +13,7 @@
 #include "cli/Interruption.h"
 #include "cli/probe/ProbeOptions.h"
 #include "cli/probe/ProbeReport.h"
-#include "cli/show/StatusWords.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/ResolverPlace.h"

@@ -11,11 +11,10 @@
 #include "cli/Wording.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/Selecting.h"
-#include "cli/show/Chart.h"
 #include "cli/show/Explanation.h"
 #include "cli/show/ResultPage.h"
 #include "cli/show/SelectionOutput.h"
-#include "cli/show/StatusWords.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/ProfileMgr.h"
 #include "vpn/include/StringUtils.h"
 

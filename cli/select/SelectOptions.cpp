@@ -10,7 +10,7 @@
 #include "cli/AddOption.h"
 #include "cli/Console.h"
 #include "cli/Wording.h"
-#include "cli/show/Reasons.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
 

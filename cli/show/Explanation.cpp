@@ -9,8 +9,7 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Wording.h"
-#include "cli/show/Reasons.h"
-#include "cli/show/StatusWords.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {

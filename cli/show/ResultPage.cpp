@@ -1,17 +1,159 @@
-// The result as a page to hand around. Everything in it is text or the chart; what came from files
-// and networks is escaped, so that a headend's name cannot become markup.
+// A result as a picture and as a page to hand around. Everything in them is text or drawn from
+// numbers; what came from files and networks is escaped, so that a headend's name cannot become
+// markup. Coordinates are whole pixels or tenths of one, so that the same result gives the same
+// bytes on every machine.
 
 #include "cli/show/ResultPage.h"
 
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <map>
+#include <span>
+
+#include "cli/Console.h"
 #include "cli/Wording.h"
-#include "cli/show/Chart.h"
 #include "cli/show/Explanation.h"
-#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {
+
+/// `text` as it may stand between tags or in an attribute's quotes: markup is escaped, what is no
+/// UTF-8 and control characters are shown as \xNN.
+std::string asXmlText(const std::string& text) {
+  static const std::map<char, const char*> markup = {
+      {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
+  std::string escaped;
+  for (const char c : Console::visible(text)) {
+    const auto found = markup.find(c);
+    escaped += found == markup.end() ? std::string(1, c) : found->second;
+  }
+  return escaped;
+}
+
+// ---- The picture ------------------------------------------------------------------------------
+
+constexpr std::size_t MostRows = 100;
+// Characters of a name that fit before the bars; the whole of it is the row's title.
+constexpr std::size_t NameColumn = 32;
+
+constexpr int Width = 760;
+constexpr int BarsStart = 250;
+constexpr int BarsEnd = 680;
+constexpr int RowHeight = 24;
+// From the middle of a row down to the base of its line.
+constexpr int Base = 4;
+constexpr int BarHeight = 12;
+constexpr int Margin = 12;
+constexpr int AxisHeight = 34;
+constexpr int DotRadius = 3;
+constexpr int MostTicks = 6;
+
+constexpr const char* ChartStyle =
+    "<style>.ahs{--ink:#1f2933;--soft:#6b7785;--line:#d8dee6;--bar:#a9bdd6;--first:#2f7d4f;"
+    "--dot:#1d4f91;font:13px system-ui,'DejaVu Sans',sans-serif}"
+    "@media(prefers-color-scheme:dark){.ahs{--ink:#e3e8ee;--soft:#93a0ae;--line:#3a4450;"
+    "--bar:#4d6480;--first:#5fbd85;--dot:#bcd3f2}}"
+    ".ahs text{fill:var(--ink)}.ahs .soft{fill:var(--soft)}.ahs .grid{stroke:var(--line)}"
+    ".ahs .bar{fill:var(--bar)}.ahs .first{fill:var(--first)}.ahs .dot{fill:var(--dot)}</style>\n";
+
+/// A number with at most one decimal, without one where it is whole.
+std::string number(double value) {
+  const double rounded = std::round(value * 10) / 10;
+  return Wording::fixed(rounded, rounded == std::floor(rounded) ? 0 : 1);
+}
+
+std::string attribute(const char* name, double value) {
+  return std::string(" ") + name + "=\"" + number(value) + "\"";
+}
+
+std::string text(double x, double y, const std::string& classes, const std::string& content) {
+  return "<text" + attribute("x", x) + attribute("y", y) +
+         (classes.empty() ? "" : " class=\"" + classes + "\"") + ">" + content + "</text>\n";
+}
+
+/// Cuts after whole characters of UTF-8.
+std::string shortened(const std::string& name) {
+  std::size_t characters = 0;
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    const bool startsCharacter = (static_cast<unsigned char>(name[i]) & 0xC0U) != 0x80U;
+    if (startsCharacter && ++characters > NameColumn) {
+      return name.substr(0, i) + "\u2026";
+    }
+  }
+  return name;
+}
+
+/// The scale of the bars: from 0 to the first tick that nothing exceeds.
+struct Scale {
+  double step = 1;
+  double end = 1;
+
+  double place(double ms) const { return BarsStart + ms / end * (BarsEnd - BarsStart); }
+};
+
+Scale scaleFor(const SelectionResult& result) {
+  unsigned int largest = 1;
+  for (const HeadendResult& headend : result.results) {
+    largest = std::max(largest, headend.metricMs.value_or(0));
+    for (const unsigned int sample : headend.samplesMs) {
+      largest = std::max(largest, sample);
+    }
+  }
+  Scale scale;
+  // 1, 2, 5, 10, 20, 50, ...
+  constexpr std::array<double, 3> Digits = {1, 2, 5};
+  double power = 1;
+  for (std::size_t i = 0; largest / scale.step > MostTicks; ++i) {
+    power *= i > 0 && i % Digits.size() == 0 ? 10 : 1;
+    scale.step = Digits.at(i % Digits.size()) * power;
+  }
+  scale.end = std::ceil(largest / scale.step) * scale.step;
+  return scale;
+}
+
+std::string axis(const Scale& scale, double bottom) {
+  std::string ticks;
+  const int count = static_cast<int>(std::lround(scale.end / scale.step));
+  for (int i = 0; i <= count; ++i) {
+    const double ms = i * scale.step;
+    const double x = scale.place(ms);
+    ticks += "<line class=\"grid\"" + attribute("x1", x) + attribute("y1", Margin) +
+             attribute("x2", x) + attribute("y2", bottom) + "/>\n";
+    const bool isLast = i == count;
+    ticks += "<text class=\"soft\" text-anchor=\"middle\"" + attribute("x", x) +
+             attribute("y", bottom + 18) + ">" + number(ms) + (isLast ? " ms" : "") + "</text>\n";
+  }
+  return ticks;
+}
+
+std::string bar(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
+  std::string drawn = std::string("<rect class=\"") + (isFirst ? "first" : "bar") + "\" rx=\"2\"" +
+                      attribute("x", BarsStart) + attribute("y", middle - BarHeight / 2.0) +
+                      attribute("width", scale.place(*headend.metricMs) - BarsStart) +
+                      attribute("height", BarHeight) + "/>\n";
+  for (const unsigned int sample : headend.samplesMs) {
+    drawn += "<circle class=\"dot\"" + attribute("cx", scale.place(sample)) +
+             attribute("cy", middle) + attribute("r", DotRadius) + "/>\n";
+  }
+  return drawn + text(BarsEnd + 10, middle + Base, "", std::to_string(*headend.metricMs) + " ms");
+}
+
+std::string row(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
+  // A person looks for the name; both names of a headend are in the row's title.
+  const std::string name = nameBeside(headend.headend, headend.name);
+  const std::string outcome = asXmlText(outcomeName(headend.outcome));
+  return "<g><title>" + asXmlText(titleOf(headend)) + ": " + outcome + "</title>\n" +
+         text(Margin, middle + Base, "",
+              asXmlText(shortened(Console::visible(name.empty() ? headend.headend : name)))) +
+         (headend.metricMs ? bar(headend, scale, middle, isFirst)
+                           : text(BarsStart + 6, middle + Base, "soft", outcome)) +
+         "</g>\n";
+}
+
+// ---- The page ---------------------------------------------------------------------------------
 
 constexpr const char* Style = R"(<style>
 :root{color-scheme:light dark}
@@ -82,6 +224,29 @@ std::string tableOf(const SelectionResult& result) {
 }
 
 }  // namespace
+
+std::string chartOf(const SelectionResult& result) {
+  const std::size_t rows = std::min(result.results.size(), MostRows);
+  const std::size_t left = result.results.size() - rows;
+  const Scale scale = scaleFor(result);
+  const auto drawn = std::span(result.results).first(rows);
+  const double bottom = Margin + static_cast<double>(rows) * RowHeight;
+  const double height = bottom + AxisHeight + (left > 0 ? RowHeight : 0);
+  std::string svg = "<svg xmlns=\"http://www.w3.org/2000/svg\" class=\"ahs\" role=\"img\"" +
+                    attribute("width", Width) + attribute("height", height) + " viewBox=\"0 0 " +
+                    number(Width) + " " + number(height) + "\" aria-label=\"" +
+                    asXmlText(decisionInWords(result)) + "\">\n" + ChartStyle + axis(scale, bottom);
+  double middle = Margin + RowHeight / 2.0;
+  for (const HeadendResult& headend : drawn) {
+    const bool isFirst = !result.headends.empty() && headend.headend == result.headends.front();
+    svg += row(headend, scale, middle, isFirst);
+    middle += RowHeight;
+  }
+  if (left > 0) {
+    svg += text(Margin, height - 8, "soft", "and " + std::to_string(left) + " more");
+  }
+  return svg + "</svg>\n";
+}
 
 std::string pageOf(const SelectionResult& result, const std::string& when) {
   const std::string decision = asXmlText(decisionInWords(result));

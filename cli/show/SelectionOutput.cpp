@@ -5,20 +5,15 @@
 
 #include <algorithm>
 
-#include "cli/Json.h"
 #include "cli/Table.h"
 #include "cli/show/Explanation.h"
-#include "cli/show/Reasons.h"
-#include "cli/show/ReportJson.h"
-#include "cli/show/StatusWords.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 
 namespace {
 
-using json = Json;
-
-json headendAsJson(const HeadendResult& headend) {
-  json probes = json::array();
+Json headendAsJson(const HeadendResult& headend) {
+  Json probes = Json::array();
   for (const HttpProbe::Report& probe : headend.probes) {
     probes.push_back(probeAsJson(probe));
   }
@@ -30,12 +25,12 @@ json headendAsJson(const HeadendResult& headend) {
           {"probes", probes}};
 }
 
-json decisionAsJson(const SelectionResult& result) {
+Json decisionAsJson(const SelectionResult& result) {
   const Decision decision = decisionOf(result);
   const auto nameOf = [](const HeadendResult* headend) {
-    return headend == nullptr ? json(nullptr) : json(headend->headend);
+    return headend == nullptr ? Json(nullptr) : Json(headend->headend);
   };
-  json early = json::array();
+  Json early = Json::array();
   for (const EarlyAnswer& answer : decision.earlyAnswers) {
     early.push_back({{"headend", answer.headend},
                      {"networkRttMs", millisecondsAsJson(answer.networkUs)},
@@ -102,6 +97,25 @@ std::string listsOf(const SelectionResult& result) {
 
 }  // namespace
 
+Json millisecondsAsJson(long long microseconds) {
+  constexpr double MicrosecondsPerMillisecond = 1000.0;
+  return microseconds < 0 ? Json(nullptr)
+                          : Json(static_cast<double>(microseconds) / MicrosecondsPerMillisecond);
+}
+
+Json probeAsJson(const HttpProbe::Report& probe) {
+  return {{"status", statusAsHex(probe.status)},
+          {"rttMs", SelectionRules::isSample(probe.status) ? Json(probe.rttMs) : Json(nullptr)},
+          {"httpStatus", probe.httpStatus == 0 ? Json(nullptr) : Json(probe.httpStatus)},
+          {"address", orNull(probe.address)},
+          {"reused", probe.reused},
+          {"connectMs", millisecondsAsJson(probe.connectUs)},
+          {"tlsMs", millisecondsAsJson(probe.tlsUs)},
+          {"totalMs", millisecondsAsJson(probe.totalUs)},
+          {"networkRttMs", millisecondsAsJson(probe.networkRttUs)},
+          {"responseRttMs", millisecondsAsJson(probe.responseRttUs)}};
+}
+
 std::string textOutput(const SelectionResult& result) {
   std::string text = result.report;
   text += text.empty() ? "" : "\n";
@@ -111,8 +125,7 @@ std::string textOutput(const SelectionResult& result) {
 }
 
 std::string jsonOutput(const SelectionResult& result) {
-  json object;
-  object["schema"] = JsonSchema;
+  Json object = newJson();
   object["reason"] = result.reason;
   object["reasonName"] = reasonName(result.reason);
   object["status"] = statusAsHex(result.status);
@@ -120,10 +133,10 @@ std::string jsonOutput(const SelectionResult& result) {
   object["headends"] = result.headends;
   object["extraInfo"] = result.extraInfo;
   object["fromCache"] = result.fromCache;
-  object["cacheAgeSeconds"] = result.cacheAge ? json(result.cacheAge->count()) : json(nullptr);
+  object["cacheAgeSeconds"] = result.cacheAge ? Json(result.cacheAge->count()) : Json(nullptr);
   object["elapsedMs"] = result.elapsed.count();
   object["decision"] = decisionAsJson(result);
-  object["results"] = json::array();
+  object["results"] = Json::array();
   for (const HeadendResult& headend : result.results) {
     object["results"].push_back(headendAsJson(headend));
   }

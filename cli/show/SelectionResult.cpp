@@ -1,11 +1,45 @@
-// What is told of a selection as a whole.
+// What is told of a selection as a whole: its headends, its status in words and what a person does
+// about it, and the names of the reasons, which are their words joined by hyphens.
 
 #include "cli/show/SelectionResult.h"
+
+#include <stdio.h>
 
 #include <algorithm>
 
 #include "cli/ExitStatus.h"
+#include "cli/login/ProxyLogin.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+
+namespace {
+
+std::string adviceForLogin(const SelectionResult& result) {
+  const std::string realm =
+      result.extraInfo.empty() ? "" : " for the realm '" + visibleRealm(result.extraInfo) + "'";
+  if (result.hadLogin) {
+    return "the proxy does not accept the user name and password" + realm +
+           ", so no headend was measured. Check both, and whether the proxy is the right one; "
+           "--proxy HOST:PORT names another one, --no-proxy none.";
+  }
+  return "a proxy asks for authentication" +
+         (realm.empty() ? " and names no realm for the Basic scheme" : realm) +
+         ", so no headend was measured. Give the user name with --proxy-user NAME and the password "
+         "with --proxy-password-file FILE (which nobody else may read) or --proxy-password-fd N; "
+         "or run the command on a terminal to be asked; or choose another proxy with --proxy "
+         "HOST:PORT, or none with --no-proxy.";
+}
+
+/// Of a run that measured nothing, the status has been told already; of any other it says why.
+std::string adviceForFailure(const SelectionResult& result) {
+  const bool wasMeasuring = result.status == HEADENDSELECTION_ERROR_SELECTION_FAILURE;
+  const std::string headend = result.results.empty() ? "HOST" : result.results.front().headend;
+  return "no headend was selected by measurement." +
+         (wasMeasuring ? "" : " " + statusInWords(result)) +
+         " Check the network and the addresses; 'ahs probe " + headend +
+         "' tells what is in the way there, and 'ahs select --log-level info' each step.";
+}
+
+}  // namespace
 
 const HeadendResult* find(const SelectionResult& result, const std::string& headend) {
   const auto found = std::ranges::find(result.results, headend, &HeadendResult::headend);
@@ -43,4 +77,78 @@ int exitStatusOf(STATUSCODE status) {
     default:
       return ExitNotMeasured;
   }
+}
+
+std::string statusAsHex(STATUSCODE status) {
+  char text[32];
+  snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(status));
+  return text;
+}
+
+std::string statusInWords(const SelectionResult& result) {
+  const std::string kept =
+      result.headends.empty() ? "" : " The headend of the list is kept without a measurement.";
+  switch (result.status) {
+    case HEADENDSELECTION_SUCCESS:
+      return "Selected from the cache; nothing was measured now.";
+    case HEADENDSELECTION_ERROR_ADDED_TO_CACHE:
+      return "Selected from measurements made now.";
+    case HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED:
+      return "Nothing was measured: a proxy asks for authentication.";
+    case HEADENDSELECTION_ERROR_NO_HEADENDS:
+      return "Nothing was measured: no host entry takes part in automatic selection.";
+    case HEADENDSELECTION_ERROR_CACHE_FAILURE:
+      return "Nothing was measured: there is no selection cache." + kept;
+    case HEADENDSELECTION_ERROR_TIMEOUT:
+      return "Nothing was measured within the time limit." + kept;
+    case HEADENDSELECTION_ERROR_SELECTION_FAILURE:
+      return "No headend could be measured." + kept;
+    default:
+      return "The selection failed." + kept;
+  }
+}
+
+std::string libraryProblem(STATUSCODE status) {
+  return "the client library could not be started: " + std::string(statusCodeName(status)) + " (" +
+         statusAsHex(status) + "). The machine may be short of memory or threads.";
+}
+
+std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces) {
+  switch (result.status) {
+    case HEADENDSELECTION_SUCCESS:
+    case HEADENDSELECTION_ERROR_ADDED_TO_CACHE:
+      return "";
+    case HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED:
+      return adviceForLogin(result);
+    case HEADENDSELECTION_ERROR_NO_HEADENDS:
+      return "no host entry takes part in automatic selection. In the profiles in " +
+             profilePlaces +
+             ", set EnableAutomaticServerSelection to true in one that has host entries, or name "
+             "hosts on the command line.";
+    default:
+      return adviceForFailure(result);
+  }
+}
+
+std::optional<unsigned int> parseReason(const std::string& text) {
+  for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
+    if (text == reasonName(reason) || text == std::to_string(reason)) {
+      return reason;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string reasonName(unsigned int reason) {
+  std::string name = SelectionRules::reasonText(reason);
+  std::ranges::replace(name, ' ', '-');
+  return name;
+}
+
+std::vector<std::string> reasonNames() {
+  std::vector<std::string> names;
+  for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
+    names.push_back(reasonName(reason));
+  }
+  return names;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "vpn/Api/AHS/HeadendResult.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/include/StatusCode.h"
 
 /// Everything that is printed about one selection.
@@ -42,3 +43,28 @@ std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* 
 
 /// The exit status that a selection's status stands for.
 int exitStatusOf(STATUSCODE status);
+
+/// A status in words, a whole sentence.
+std::string statusInWords(const SelectionResult& result);
+
+/// A status as it is written for programs: "0xFE530010".
+std::string statusAsHex(STATUSCODE status);
+
+/// Why the client library could not be started, a whole sentence and what may be the matter.
+std::string libraryProblem(STATUSCODE status);
+
+/// What a selection without success means and what to do next, for standard error; empty after a
+/// success.
+std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces);
+
+using SelectionRules::ReasonProxyAuthentication;
+using SelectionRules::ReasonReconnection;
+
+/// The reason code of a name ("reconnection") or of a digit from 0 to 5.
+std::optional<unsigned int> parseReason(const std::string& text);
+
+/// The name of a reason code, as `parseReason` takes it; "unknown" for any other number.
+std::string reasonName(unsigned int reason);
+
+/// All names of reasons.
+std::vector<std::string> reasonNames();

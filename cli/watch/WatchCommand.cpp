@@ -26,8 +26,7 @@
 #include "cli/exec/HeadendProgram.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/Selecting.h"
-#include "cli/show/Reasons.h"
-#include "cli/show/StatusWords.h"
+#include "cli/show/SelectionResult.h"
 #include "cli/watch/NetworkChanges.h"
 
 namespace {

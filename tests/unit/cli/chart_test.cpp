@@ -1,8 +1,6 @@
 // The ranking as a picture, and the page around it: what a browser test cannot reach, such as names
 // that try to be markup.
 
-#include "cli/show/Chart.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>

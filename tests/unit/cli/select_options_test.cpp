@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "cli/select/SelectOptions.h"
-#include "cli/show/Reasons.h"
+#include "cli/show/SelectionResult.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {

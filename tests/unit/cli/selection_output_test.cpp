@@ -5,9 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cli/show/Reasons.h"
 #include "cli/show/SelectionOutput.h"
-#include "cli/show/StatusWords.h"
+#include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
 

@@ -3,6 +3,9 @@
 #include <stdio.h>
 #include <time.h>
 
+#include "cli/Console.h"
+#include "vpn/Common/Utility/URL.h"
+
 std::string Wording::joined(const std::vector<std::string>& words, const std::string& between) {
   std::string text;
   for (const std::string& word : words) {
@@ -13,6 +16,15 @@ std::string Wording::joined(const std::vector<std::string>& words, const std::st
 
 std::string Wording::counted(std::size_t number, const std::string& one, const std::string& many) {
   return std::to_string(number) + " " + (number == 1 ? one : many.empty() ? one + "s" : many);
+}
+
+std::string Wording::hostError(const std::string& host) {
+  const std::string error = host.empty() ? "it is empty." : URL::findError(host);
+  return error.empty()
+             ? ""
+             : "the host " + Console::inQuotes(host) + " cannot be used: " + error +
+                   " A host is a name, an IPv4 address or an IPv6 address in brackets, with an "
+                   "optional port: gw.example.com, 192.0.2.7:8443, [2001:db8::7].";
 }
 
 std::string Wording::fixed(double value, int digits) {

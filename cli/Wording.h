@@ -18,6 +18,9 @@ class Wording {
   static std::string counted(std::size_t number, const std::string& one,
                              const std::string& many = "");
 
+  /// What is wrong with a host that a person named, and what a host is; empty if it can be used.
+  static std::string hostError(const std::string& host);
+
   /// A number in decimal with so many digits after the point.
   static std::string fixed(double value, int digits);
 

@@ -144,30 +144,17 @@ int runExec(const ExecOptions& options) {
         "there is no program to run: it stands after --, as in 'ahs exec -- "
         "vpn-client --gateway {headend}'.");
   }
-  SelectPlan plan;
-  std::optional<Secret> password;
-  if (!takePlan(options.select, command, plan, password)) {
-    return ExitUsage;
-  }
-  Selecting selecting(plan, command);
-  if (!selecting.isReady()) {
-    return ExitUsage;
-  }
-  const std::optional<SelectionResult> result = selecting.run(password, !plan.log.terminal);
-  password.reset();
-  if (!result) {
-    return ExitNotMeasured;
-  }
-  const int selected = exitStatusOf(result->status);
-  const std::string advice = adviceFor(*result, plan.profilePlaces);
-  if (!advice.empty()) {
-    Console::complain(advice);
-  }
-  // A headend that was kept without a measurement is what a client would connect to as well.
-  if (result->headends.empty() || (selected != ExitSelected && selected != ExitNotMeasured)) {
-    return selecting.leave(selected);
-  }
-  return selecting.leave(runPrograms(options, *result));
+  return selectOnce(
+      options.select, command, [&options](const SelectionResult& result, const SelectPlan& plan) {
+        const int selected = exitStatusOf(result.status);
+        const std::string advice = adviceFor(result, plan.profilePlaces);
+        if (!advice.empty()) {
+          Console::complain(advice);
+        }
+        // A headend that was kept without a measurement is what a client would connect to as well.
+        const bool mayRun = selected == ExitSelected || selected == ExitNotMeasured;
+        return result.headends.empty() || !mayRun ? selected : runPrograms(options, result);
+      });
 }
 
 }  // namespace

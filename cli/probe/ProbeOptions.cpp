@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "cli/Console.h"
+#include "cli/Wording.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
 
@@ -25,12 +25,8 @@ std::string takeHost(const std::string& host, const std::vector<HostEntry>& entr
                      ProbePlan& plan) {
   const HostEntry* entry = findEntry(host, entries);
   const std::string address = entry == nullptr ? host : entry->address;
-  const std::string error = address.empty() ? "it is empty." : URL::findError(address);
-  if (!error.empty()) {
-    return "the host " + Console::inQuotes(address) + " cannot be used: " + error +
-           " Name a host entry of the profiles, or a host: a name, an IPv4 address or an IPv6 "
-           "address in brackets, with an optional port: gw.example.com, 192.0.2.7:8443, "
-           "[2001:db8::7].";
+  if (const std::string error = Wording::hostError(address); !error.empty()) {
+    return error;
   }
   const Candidate candidate = candidateOf(host, URL(address));
   plan.headend = candidate.headend;

@@ -22,16 +22,9 @@ namespace {
 constexpr std::size_t MostNames = 20;
 constexpr std::size_t MostTextBytes = 200;
 
-template <class T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* object) const { Free(object); }
-};
-template <class T, void (*Free)(T*)>
-using Owned = std::unique_ptr<T, Deleter<T, Free>>;
-
-using Certificate = Owned<X509, X509_free>;
-using Memory = Owned<BIO, BIO_free_all>;
-using Names = Owned<GENERAL_NAMES, GENERAL_NAMES_free>;
+using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
+using Memory = std::unique_ptr<BIO, decltype(&BIO_free_all)>;
+using Names = std::unique_ptr<GENERAL_NAMES, decltype(&GENERAL_NAMES_free)>;
 
 std::string shortText(const std::string& text) {
   return ConfigurationText::oneLine(text, MostTextBytes);
@@ -47,7 +40,7 @@ std::string nameText(const X509_NAME* name) {
   // UTF-8 stays what it is; whatever else could be taken for something is shown as its code.
   constexpr unsigned long Format =
       XN_FLAG_ONELINE & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
-  const Memory memory(BIO_new(BIO_s_mem()));
+  const Memory memory(BIO_new(BIO_s_mem()), BIO_free_all);
   if (!memory || X509_NAME_print_ex(memory.get(), name, 0, Format) < 0) {
     return "?";
   }
@@ -77,7 +70,8 @@ std::string addressText(const ASN1_OCTET_STRING* address) {
 
 void takeNames(const X509* certificate, CertificateSummary& summary) {
   const Names names(static_cast<GENERAL_NAMES*>(
-      X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+                        X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)),
+                    GENERAL_NAMES_free);
   for (int i = 0; names && i < sk_GENERAL_NAME_num(names.get()); ++i) {
     const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), i);
     if (name->type != GEN_DNS && name->type != GEN_IPADD) {
@@ -171,7 +165,7 @@ TlsInspection inspectTls(const std::string& host, unsigned short port, std::chro
   inspection.asksForClientCertificate = handshake.asksForClientCertificate;
   const auto* der = reinterpret_cast<const unsigned char*>(handshake.certificate.data());
   const Certificate certificate(
-      d2i_X509(nullptr, &der, static_cast<long>(handshake.certificate.size())));
+      d2i_X509(nullptr, &der, static_cast<long>(handshake.certificate.size())), X509_free);
   if (certificate) {
     inspection.certificate = summaryOf(certificate.get());
     inspection.certificate->doubts = handshake.doubts;

@@ -20,10 +20,6 @@
 
 namespace {
 
-bool wantsProgress(const SelectOptions& options, const SelectPlan& plan) {
-  return !options.quiet && !options.json && !plan.log.terminal;
-}
-
 bool isNamed(const SelectionResult& result, const std::string& name) {
   return std::ranges::any_of(result.results, [&name](const HeadendResult& headend) {
     return CStringUtils::toLower(headend.headend) == CStringUtils::toLower(name);
@@ -74,25 +70,6 @@ int print(const SelectionResult& result, const SelectOptions& options, const Sel
   return exitStatus;
 }
 
-int runSelect(const SelectOptions& options) {
-  SelectPlan plan;
-  std::optional<Secret> password;
-  const std::string command = "ahs select";
-  if (!takePlan(options, command, plan, password)) {
-    return ExitUsage;
-  }
-  Selecting selecting(plan, command);
-  if (!selecting.isReady()) {
-    return ExitUsage;
-  }
-  const std::optional<SelectionResult> result =
-      selecting.run(password, wantsProgress(options, plan));
-  if (!result) {
-    return ExitNotMeasured;
-  }
-  return selecting.leave(print(*result, options, plan));
-}
-
 void addOutput(CLI::App& command, SelectOptions& options) {
   CLI::Option* const json = command.add_flag("--json", options.json, "Print one JSON object");
   CLI::Option* const quiet =
@@ -129,5 +106,12 @@ void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
       "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
       "3 a proxy asks for a login and was given none or a wrong one,\n"
       "128 + number of the signal that ended it.");
-  command->callback([&chosen, options] { chosen = [options] { return runSelect(*options); }; });
+  command->callback([&chosen, options] {
+    chosen = [options] {
+      return selectOnce(*options, "ahs select",
+                        [options](const SelectionResult& result, const SelectPlan& plan) {
+                          return print(result, *options, plan);
+                        });
+    };
+  });
 }

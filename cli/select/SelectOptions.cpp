@@ -20,11 +20,8 @@ namespace {
 std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHeadend>& headends) {
   std::set<std::string> seen;
   for (const std::string& host : hosts) {
-    const std::string error = host.empty() ? "it is empty." : URL::findError(host);
-    if (!error.empty()) {
-      return "the host " + Console::inQuotes(host) + " cannot be used: " + error +
-             " A host is a name, an IPv4 address or an IPv6 address in brackets, with an optional "
-             "port: gw.example.com, 192.0.2.7:8443, [2001:db8::7].";
+    if (const std::string error = Wording::hostError(host); !error.empty()) {
+      return error;
     }
     if (seen.insert(CStringUtils::toLower(URL(host).getHostAndPort(false))).second) {
       headends.emplace_back(host);

@@ -361,3 +361,20 @@ int Selecting::leave(int exitStatus) {
   }
   return exitStatus;
 }
+
+int selectOnce(const SelectOptions& options, const std::string& command,
+               const std::function<int(const SelectionResult&, const SelectPlan&)>& use) {
+  SelectPlan plan;
+  std::optional<Secret> password;
+  if (!takePlan(options, command, plan, password)) {
+    return ExitUsage;
+  }
+  Selecting selecting(plan, command);
+  if (!selecting.isReady()) {
+    return ExitUsage;
+  }
+  const std::optional<SelectionResult> result =
+      selecting.run(password, !options.quiet && !options.json && !plan.log.terminal);
+  password.reset();
+  return result ? selecting.leave(use(*result, plan)) : ExitNotMeasured;
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -74,3 +75,10 @@ class Selecting {
   std::unique_ptr<SelectionRun> m_run;  // null when none is under way
   const bool m_isReady;
 };
+
+/// One selection from the options to what is made of it. What is wrong is told on standard error.
+/// @param command as a person calls it: "ahs select".
+/// @param use what is made of the result; returns the exit status.
+/// @return the exit status. May end the process, as `Selecting::leave` does.
+int selectOnce(const SelectOptions& options, const std::string& command,
+               const std::function<int(const SelectionResult&, const SelectPlan&)>& use);

@@ -205,10 +205,13 @@ std::string decisionInWords(const SelectionResult& result) {
                      : ", the smallest of " + std::to_string(count) + " metrics.");
 }
 
-std::string explanation(const SelectionResult& result) {
+std::string reasonsInWords(const SelectionResult& result) {
   const Decision decision = decisionOf(result);
-  std::string text = "Why: " + decisionInWords(result) + "\n";
-  text += line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best));
-  text += lastLine(result, decision) + ruleLines(result, decision) + sourceLine(result);
-  return text + missingLines(result) + earlyLines(result, decision);
+  return line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best)) +
+         lastLine(result, decision) + ruleLines(result, decision) + sourceLine(result) +
+         missingLines(result) + earlyLines(result, decision);
+}
+
+std::string explanation(const SelectionResult& result) {
+  return "Why: " + decisionInWords(result) + "\n" + reasonsInWords(result);
 }

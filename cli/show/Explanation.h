@@ -36,7 +36,10 @@ Decision decisionOf(const SelectionResult& result);
 /// The decision in a sentence: "Chose gw-b: 18 ms, the smallest of 3 metrics."
 std::string decisionInWords(const SelectionResult& result);
 
-/// Everything about the decision for a person, line by line, each with a line feed: best and last
-/// with their metrics, rule and ratio, where the metrics come from, who gave none and why, and what
-/// looks odd.
+/// Everything about the decision for a person, visible, line by line, each with a line feed: best
+/// and last with their metrics, rule and ratio, where the metrics come from, who gave none and why,
+/// and what looks odd.
+std::string reasonsInWords(const SelectionResult& result);
+
+/// Both.
 std::string explanation(const SelectionResult& result);

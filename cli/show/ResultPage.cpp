@@ -20,18 +20,20 @@
 
 namespace {
 
-/// `text` as it may stand between tags or in an attribute's quotes: markup is escaped, what is no
-/// UTF-8 and control characters are shown as \xNN.
-std::string asXmlText(const std::string& text) {
+/// Visible text as it may stand between tags or in an attribute's quotes.
+std::string escaped(const std::string& text) {
   static const std::map<char, const char*> markup = {
       {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
-  std::string escaped;
-  for (const char c : Console::visible(text)) {
+  std::string result;
+  for (const char c : text) {
     const auto found = markup.find(c);
-    escaped += found == markup.end() ? std::string(1, c) : found->second;
+    result += found == markup.end() ? std::string(1, c) : found->second;
   }
-  return escaped;
+  return result;
 }
+
+/// The same of any text: what is no UTF-8 and control characters are shown as \xNN.
+std::string asXmlText(const std::string& text) { return escaped(Console::visible(text)); }
 
 // ---- The picture ------------------------------------------------------------------------------
 
@@ -250,20 +252,12 @@ std::string chartOf(const SelectionResult& result) {
 
 std::string pageOf(const SelectionResult& result, const std::string& when) {
   const std::string decision = asXmlText(decisionInWords(result));
-  const std::string why = explanation(result);
-  std::string reasons;
-  // The first line is the decision, which is the headline.
-  for (std::size_t start = why.find('\n') + 1; start < why.size();) {
-    const std::size_t end = why.find('\n', start);
-    reasons += asXmlText(why.substr(start, end - start)) + "\n";
-    start = end + 1;
-  }
   return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
          "<meta name=\"viewport\" content=\"width=device-width\">\n<title>" +
          decision + "</title>\n" + Style + "</head><body>\n<h1>" + decision +
          "</h1>\n<p class=\"note\">" + asXmlText(when) + " \u00b7 " +
          asXmlText(statusInWords(result)) + " (" + statusAsHex(result.status) + " " +
          statusCodeName(result.status) + ")</p>\n<div class=\"wide\">" + chartOf(result) +
-         "</div>\n<h2>Headends</h2>\n" + tableOf(result) + "<h2>Why</h2>\n<pre>" + reasons +
-         "</pre>\n</body></html>\n";
+         "</div>\n<h2>Headends</h2>\n" + tableOf(result) + "<h2>Why</h2>\n<pre>" +
+         escaped(reasonsInWords(result)) + "</pre>\n</body></html>\n";
 }

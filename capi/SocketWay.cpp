@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <memory>
-#include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/GuardedCall.h"
@@ -21,9 +20,6 @@
 namespace {
 
 constexpr const char* SourceFile = "capi/SocketWay";
-
-/// Whose callback this thread is in.
-thread_local const SocketWay* asking = nullptr;
 
 std::string problem(const char* member, int error, const char* remedy) {
   const char* const description = strerrordesc_np(error);
@@ -35,8 +31,6 @@ std::string problem(const char* member, int error, const char* remedy) {
 }  // namespace
 
 SocketWay::SocketWay() = default;
-
-SocketWay::~SocketWay() = default;
 
 std::string SocketWay::take(const ahs_request& request) {
   m_mark = request.mark;
@@ -115,14 +109,12 @@ bool SocketWay::ask(int socket) {
     }
     ++m_callbacks;
   }
-  const SocketWay* const former = std::exchange(asking, this);
   bool isGranted = false;
   guardedCall([&] { isGranted = m_callback(socket, m_context) == 0; },
               [](const char* what) {
                 CAppLog::LogDebugMessage("ask", SourceFile, __LINE__, Logging::DBG_Error,
                                          "a callback of the client has thrown: %s", what);
               });
-  asking = former;
   const CAutoLockT<CMonitor> guard(m_lock);
   --m_callbacks;
   m_lock.NotifyAll();
@@ -132,7 +124,7 @@ bool SocketWay::ask(int socket) {
 void SocketWay::close() {
   const CAutoLockT<CMonitor> guard(m_lock);
   m_isClosed = true;
-  while (m_callbacks > (asking == this ? 1U : 0U)) {
+  while (m_callbacks > 0) {
     m_lock.Wait();
   }
 }

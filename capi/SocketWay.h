@@ -14,9 +14,6 @@
 class SocketWay {
  public:
   SocketWay();
-  ~SocketWay();
-  SocketWay(const SocketWay&) = delete;
-  SocketWay& operator=(const SocketWay&) = delete;
 
   /// Takes what a request says and tries it on a socket of its own.
   /// @return an empty text, or which member is wrong and why.
@@ -29,8 +26,8 @@ class SocketWay {
   /// call it. @return whether it may be used.
   bool prepare(int socket, int family);
 
-  /// Lets no socket out from now on, and waits for the client's callback where it runs, except on
-  /// its own thread. Any thread may call it.
+  /// Lets no socket out from now on, and waits for the client's callback where it runs. Any thread
+  /// but one inside it may call it.
   void close();
 
  private:

@@ -198,6 +198,7 @@ std::string takeOptions(const ahs_options* options, StartPlan& plan) {
   plan.log.file = textOf(given.log_file);
   plan.log.leastImportant = importanceOf(given.log_level);
   plan.onLog = given.on_log;
+  plan.logLevel = given.log_level;
   plan.logContext = given.log_context;
   plan.ownLoop = given.own_loop != 0;
   return "";

@@ -1,26 +1,91 @@
-// The part of the door that exists once a process.
+// The part of the door that exists once a process, counted.
 
 #include "capi/Core.h"
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 
 #include "vpn/Api/AHS/SelectionCache.h"
+#include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/include/InstanceSmartPtr.h"
-#include "vpn/include/StringUtils.h"
+#include "vpn/include/Locks.h"
 
-const Candidate* candidateNamed(const std::string& name, const std::vector<Candidate>& all) {
-  if (const Candidate* const found = findNamed(name, all); found != nullptr) {
-    return found;
+namespace {
+
+/// Used like a lock. Who has it may wait for threads and disk, and holds none for that.
+class AHS_CAPABILITY("mutex") Turn {
+ public:
+  void Lock() AHS_ACQUIRE() {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    while (m_isTaken) {
+      m_lock.Wait();
+    }
+    m_isTaken = true;
   }
-  const std::string wanted = CStringUtils::toLower(name);
-  const auto found = std::ranges::find_if(all, [&wanted](const Candidate& candidate) {
-    return CStringUtils::toLower(candidate.headend) == wanted;
-  });
-  return found == all.end() ? nullptr : &*found;
+  void Unlock() AHS_RELEASE() {
+    const CAutoLockT<CMonitor> guard(m_lock);
+    m_isTaken = false;
+    m_lock.NotifyAll();
+  }
+
+ private:
+  CMonitor m_lock;  // notified when the turn is free
+  bool m_isTaken AHS_GUARDED_BY(m_lock) = false;
+};
+
+/// Never freed, as the core may be taken down at exit.
+struct Process {
+  Turn turn;
+  std::unique_ptr<const Core> core AHS_GUARDED_BY(turn);
+  unsigned int holds AHS_GUARDED_BY(turn) = 0;
+};
+
+Process& process() {
+  static Process& instance = *new Process;
+  return instance;
+}
+
+void letGo(const Core* /*core*/) {
+  Process& all = process();
+  const CAutoLockT<Turn> turn(all.turn);
+  if (--all.holds == 0) {
+    all.core.reset();
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<const Core> Core::hold(const StartPlan& plan, ahs_status& status,
+                                       std::string& error) {
+  Process& all = process();
+  const Core* held = nullptr;
+  {
+    const CAutoLockT<Turn> turn(all.turn);
+    if (all.core == nullptr) {
+      STATUSCODE started = 0;
+      auto core = std::make_unique<const Core>(plan, started);
+      if (started != 0) {
+        // The process has brought up the classes by itself.
+        const bool exists = started == PREFERENCEMGR_ERROR_ALREADY_EXISTS ||
+                            started == EXECUTIONCONTEXT_ERROR_ALREADY_EXISTS;
+        status = exists ? AHS_ERROR_ALREADY_STARTED : static_cast<ahs_status>(started);
+        return nullptr;
+      }
+      all.core = std::move(core);
+    } else if (!all.core->m_plan.isSame(plan)) {
+      status = AHS_ERROR_ALREADY_STARTED;
+      error =
+          "the library is up with other options; stop it, or start with equal ones. After a stop "
+          "it is up until its selections have ended, which a slow disk or the system's proxy "
+          "settings may hold up";
+      return nullptr;
+    }
+    ++all.holds;
+    held = all.core.get();
+  }
+  return {held, letGo};  // without memory for that it is let go
 }
 
 Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {

@@ -11,21 +11,24 @@
 
 class CSelectionCache;
 
-/// The candidate of a host entry's name, else of a headend, in any letter case; null if there is
-/// none.
-const Candidate* candidateNamed(const std::string& name, const std::vector<Candidate>& all);
-
 /// What all libraries of the process share: the client library while it is up, and what was read
-/// when it came up. Constant once it is made; made and destroyed by one thread at a time.
+/// when it came up. Constant once it is made.
 class Core {
  public:
-  /// @param status receives 0, or why it is not up. It is then good for destruction only.
+  /// Brings the core up, or shares the one that is. It is up as long as anyone has such a hold,
+  /// which any thread may take and let go.
+  /// @param status receives how that went. @param error what is wrong, if it says more.
+  /// @return null after a failure, and where another one is up.
+  static std::shared_ptr<const Core> hold(const StartPlan& plan, ahs_status& status,
+                                          std::string& error);
+
+  /// For `hold`. @param status receives 0, or why it is not up. It is then good for destruction
+  /// only.
   Core(const StartPlan& plan, STATUSCODE& status);
   ~Core();
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
 
-  const StartPlan& plan() const { return m_plan; }
   /// What takes part; it may outlive the core.
   const std::shared_ptr<const std::vector<Candidate>>& candidates() const { return m_candidates; }
   const std::vector<const ahs_problem*>& problems() const { return m_problemPointers; }

@@ -14,38 +14,38 @@ constexpr std::chrono::seconds LongestEnd{5};
 
 }  // namespace
 
-Library::Library(std::shared_ptr<Teller> teller)
-    : m_teller(std::move(teller)), m_presences(std::make_shared<Presences>()) {}
+Library::Library() : m_runs(std::make_shared<RunsEnd>()) {}
 
-Library::~Library() = default;
+Library::~Library() {
+  if (m_logListener != nullptr) {
+    m_logListener->end();
+  }
+  if (m_teller != nullptr) {
+    m_teller->drop();
+  }
+}
 
 std::shared_ptr<Library> Library::start(const StartPlan& plan, ahs_status& status,
                                         std::string& error) {
-  bool isUp = false;
-  const std::shared_ptr<Teller> teller = Teller::make(plan.ownLoop, isUp);
-  if (!isUp) {
+  const std::shared_ptr<Library> library(new Library);
+  library->m_teller = Teller::make(plan.ownLoop);
+  if (library->m_teller == nullptr) {
     status = AHS_ERROR_OUT_OF_MEMORY;
     error = plan.ownLoop ? "the process has too many open descriptors" : "there is no thread";
     return nullptr;
   }
-  std::shared_ptr<Library> library;
-  try {
-    library.reset(new Library(teller));
-    if (plan.onLog != nullptr) {
-      library->m_logListener.emplace(teller, plan.onLog, plan.logContext, plan.log.leastImportant);
-    }
-    const auto core = HeldCore::forPlan(plan, status, error);
-    const CAutoLockT<CManualLock> guard(library->m_lock);
-    library->m_core = core;
-  } catch (...) {
-    library.reset();
-    teller->drop();
-    throw;
+  if (plan.onLog != nullptr) {
+    library->m_logListener = std::make_shared<LogListener>(library->m_teller, plan.onLog,
+                                                           plan.logContext, plan.logLevel);
+    library->m_logListener->begin();
   }
-  if (library->core() == nullptr) {
-    library.reset();
-    teller->drop();
+  const auto core = Core::hold(plan, status, error);
+  if (core == nullptr) {
+    return nullptr;
   }
+  const CAutoLockT<CManualLock> guard(library->m_lock);
+  library->m_core = core;
+  library->m_runsEnd = library->m_runs->end.get_future();
   return library;
 }
 
@@ -53,7 +53,7 @@ void Library::stop() {
   std::vector<std::weak_ptr<Selection>> selections;
   {
     const CAutoLockT<CManualLock> guard(m_lock);
-    m_isStopping = true;
+    m_runs.reset();
     selections.swap(m_selections);
   }
   for (const std::weak_ptr<Selection>& each : selections) {
@@ -62,30 +62,29 @@ void Library::stop() {
       selection->endSocketCallbacks();
     }
   }
-  m_presences->waitForNone(LongestEnd);
-  m_logListener.reset();
+  m_runsEnd.wait_for(LongestEnd);
+  if (m_logListener != nullptr) {
+    m_logListener->end();
+  }
   m_teller->close();
-  std::shared_ptr<HeldCore> core;  // goes without the lock
+  std::shared_ptr<const Core> core;  // goes without the lock
   const CAutoLockT<CManualLock> guard(m_lock);
   core.swap(m_core);
 }
 
-std::shared_ptr<HeldCore> Library::core() const {
+std::shared_ptr<const Core> Library::core() const {
   const CAutoLockT<CManualLock> guard(m_lock);
   return m_core;
 }
 
-std::shared_ptr<Selection> Library::makeSelection(Selection::Client client, uint32_t reason) {
-  client.teller = m_teller;
-  const std::shared_ptr<HeldCore> up = core();
-  if (up == nullptr) {
-    return nullptr;
-  }
-  auto selection = std::make_shared<Selection>(up, m_presences, client, reason);
+std::shared_ptr<Selection> Library::makeSelection(const ahs_request& request, ahs_callback callback,
+                                                  void* context) {
   const CAutoLockT<CManualLock> guard(m_lock);
-  if (m_isStopping) {
+  if (m_runs == nullptr) {
     return nullptr;
   }
+  auto selection =
+      std::make_shared<Selection>(m_teller, m_core, m_runs, request, callback, context);
   std::erase_if(m_selections, [](const auto& each) { return each.expired(); });
   m_selections.push_back(selection);
   return selection;

@@ -1,12 +1,12 @@
 #pragma once
 
+#include <future>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "ahs/ahs.h"
-#include "capi/HeldCore.h"
+#include "capi/Core.h"
 #include "capi/LogListener.h"
 #include "capi/Selection.h"
 #include "capi/Teller.h"
@@ -28,20 +28,23 @@ class Library {
   void stop();
 
   /// A selection that is not started yet; null for a library that stops.
-  std::shared_ptr<Selection> makeSelection(Selection::Client client, uint32_t reason);
+  /// @param request checked.
+  std::shared_ptr<Selection> makeSelection(const ahs_request& request, ahs_callback callback,
+                                           void* context);
   /// Null once it is stopped.
-  std::shared_ptr<HeldCore> core() const;
+  std::shared_ptr<const Core> core() const;
   Teller& teller() { return *m_teller; }
 
  private:
-  explicit Library(std::shared_ptr<Teller> teller);
+  Library();
 
-  const std::shared_ptr<Teller> m_teller;
-  const std::shared_ptr<Presences> m_presences;
-  std::optional<LogListener> m_logListener;  // written by start and stop
+  // Written by start and stop.
+  std::shared_ptr<Teller> m_teller;
+  std::shared_ptr<LogListener> m_logListener;
+  std::future<void> m_runsEnd;
 
   mutable CManualLock m_lock;
-  std::shared_ptr<HeldCore> m_core AHS_GUARDED_BY(m_lock);
-  bool m_isStopping AHS_GUARDED_BY(m_lock) = false;
+  std::shared_ptr<const Core> m_core AHS_GUARDED_BY(m_lock);
+  std::shared_ptr<RunsEnd> m_runs AHS_GUARDED_BY(m_lock);  // null once it stops
   std::vector<std::weak_ptr<Selection>> m_selections AHS_GUARDED_BY(m_lock);
 };

@@ -3,8 +3,6 @@
 
 #include "capi/LogListener.h"
 
-#include <algorithm>
-#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,122 +11,70 @@
 
 namespace {
 
+/// What a message takes beside its text, with what list and heap add.
+constexpr std::size_t Overhead = 256;
+
+/// All of the process. Never freed: threads may log until the process is gone.
+struct Listeners {
+  CManualLock lock;  // taken after the log's own
+  std::vector<std::shared_ptr<LogListener>> all AHS_GUARDED_BY(lock);
+};
+
+Listeners& listeners() {
+  static Listeners& instance = *new Listeners;
+  return instance;
+}
+
 uint32_t levelOf(Logging::DebugImportance severity) {
-  switch (severity) {
-    case Logging::DBG_Error:
-      return AHS_LOG_ERROR;
-    case Logging::DBG_Warning:
-      return AHS_LOG_WARNING;
-    case Logging::DBG_Info:
-      break;
-  }
-  return AHS_LOG_INFO;
+  return severity == Logging::DBG_Error     ? AHS_LOG_ERROR
+         : severity == Logging::DBG_Warning ? AHS_LOG_WARNING
+                                            : AHS_LOG_INFO;
 }
 
 }  // namespace
 
-/// Where a client hears. Its messages hold it.
-class LogListener::Ear : public std::enable_shared_from_this<Ear> {
- public:
-  Ear(std::shared_ptr<Teller> teller, ahs_log_callback callback, void* context, uint32_t level)
-      : m_teller(std::move(teller)), m_callback(callback), m_context(context), m_level(level) {}
-
-  /// Called by one thread at a time.
-  void hear(const CAppLog::Record& record);
-
- private:
-  friend class Heard;
-
-  const std::shared_ptr<Teller> m_teller;
-  const ahs_log_callback m_callback;
-  void* const m_context;
-  const uint32_t m_level;
-  std::atomic<std::size_t> m_waiting{0};  // bytes of messages that are not told yet
-  uint64_t m_lost = 0;                    // used by `hear` alone
-};
-
-/// One message for one client.
-class LogListener::Heard : public Teller::Message {
- public:
-  Heard(std::shared_ptr<Ear> ear, const CAppLog::Record& record, uint64_t lost)
-      : Message(nullptr),
-        m_ear(std::move(ear)),
-        m_text(record.message),
-        m_function(record.function),
-        m_message{sizeof m_message, levelOf(record.severity), m_text.c_str(), m_function.c_str(),
-                  lost} {
-    m_ear->m_waiting += size();
-  }
-  ~Heard() override { m_ear->m_waiting -= size(); }
-
-  /// With what the list and the heap add.
-  static std::size_t sizeOf(const CAppLog::Record& record) {
-    return sizeof(Heard) + Overhead + record.message.size();
-  }
-
-  void tell() override { m_ear->m_callback(&m_message, m_ear->m_context); }
-
- private:
-  static constexpr std::size_t Overhead = 160;
-
-  std::size_t size() const { return sizeof(Heard) + Overhead + m_text.size(); }
-
-  const std::shared_ptr<Ear> m_ear;
-  const std::string m_text;
-  const std::string m_function;
-  const ahs_log_message m_message;
-};
-
-void LogListener::Ear::hear(const CAppLog::Record& record) {
-  if (levelOf(record.severity) > m_level) {
-    return;
-  }
-  if (m_waiting + Heard::sizeOf(record) > MostWaiting) {
-    ++m_lost;
-    return;
-  }
-  Teller::Messages messages;
-  messages.push_back(std::make_unique<Heard>(shared_from_this(), record, std::exchange(m_lost, 0)));
-  m_teller->post(messages);
-}
-
-/// All of the process. Never freed: threads may log until the process is gone.
-struct LogListener::Ears {
-  CManualLock changing;  // held over a change of `all` and of the log's listener with it
-  CManualLock lock;      // taken after the log's own
-  std::vector<std::shared_ptr<Ear>> all AHS_GUARDED_BY(lock);
-};
-
-LogListener::Ears& LogListener::ears() {
-  static Ears& instance = *new Ears;
-  return instance;
-}
-
 LogListener::LogListener(std::shared_ptr<Teller> teller, ahs_log_callback callback, void* context,
-                         Logging::DebugImportance leastImportant)
-    : m_ear(std::make_shared<Ear>(std::move(teller), callback, context, levelOf(leastImportant))) {
-  const CAutoLockT<CManualLock> change(ears().changing);
+                         uint32_t level)
+    : m_teller(std::move(teller)), m_callback(callback), m_context(context), m_level(level) {}
+
+void LogListener::begin() {
   {
-    const CAutoLockT<CManualLock> guard(ears().lock);
-    ears().all.push_back(m_ear);
+    const CAutoLockT<CManualLock> guard(listeners().lock);
+    listeners().all.push_back(shared_from_this());
   }
+  // It stays when the last client has ceased to hear: two that come and go at once need no order.
   CAppLog::SetListener([](const CAppLog::Record& record) {
-    const CAutoLockT<CManualLock> guard(ears().lock);
-    for (const std::shared_ptr<Ear>& ear : ears().all) {
-      ear->hear(record);
+    const CAutoLockT<CManualLock> guard(listeners().lock);
+    for (const std::shared_ptr<LogListener>& each : listeners().all) {
+      each->hear(record);
     }
   });
 }
 
-LogListener::~LogListener() {
-  const CAutoLockT<CManualLock> change(ears().changing);
-  bool isLast = false;
-  {
-    const CAutoLockT<CManualLock> guard(ears().lock);
-    std::erase(ears().all, m_ear);
-    isLast = ears().all.empty();
+void LogListener::end() {
+  const CAutoLockT<CManualLock> guard(listeners().lock);
+  std::erase(listeners().all, shared_from_this());
+}
+
+void LogListener::hear(const CAppLog::Record& record) {
+  const uint32_t level = levelOf(record.severity);
+  if (level > m_level) {
+    return;
   }
-  if (isLast) {
-    CAppLog::SetListener({});
+  const std::size_t size = Overhead + record.message.size();
+  if (m_waiting + size > MostWaiting) {
+    ++m_lost;
+    return;
   }
+  Teller::Messages messages;
+  messages.push_back(
+      {shared_from_this(),
+       [this, level, size, text = record.message, function = std::string(record.function),
+        lost = std::exchange(m_lost, 0)] {
+         m_waiting -= size;
+         const ahs_log_message message{sizeof message, level, text.c_str(), function.c_str(), lost};
+         m_callback(&message, m_context);
+       }});
+  m_waiting += size;
+  m_teller->post(messages);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 
@@ -7,24 +8,28 @@
 #include "capi/Teller.h"
 #include "vpn/Common/Logging/AppLog.h"
 
-/// A client that hears the log, as long as the object lives. Any thread may make and destroy one.
-class LogListener {
+/// A client that hears the log. Any thread may call anything.
+class LogListener : public Teller::Subject, public std::enable_shared_from_this<LogListener> {
  public:
   /// Bytes of messages that wait for the client at most; later ones are lost, and counted.
   static constexpr std::size_t MostWaiting = std::size_t{4} * 1024 * 1024;
 
+  /// @param level least important that is heard, of ahs_log_level.
   LogListener(std::shared_ptr<Teller> teller, ahs_log_callback callback, void* context,
-              Logging::DebugImportance leastImportant);
-  ~LogListener();
-  LogListener(const LogListener&) = delete;
-  LogListener& operator=(const LogListener&) = delete;
+              uint32_t level);
+
+  /// Hears from now on.
+  void begin();
+  /// Hears no more; what it has heard is still told.
+  void end();
 
  private:
-  class Ear;
-  class Heard;
-  struct Ears;
+  void hear(const CAppLog::Record& record);
 
-  static Ears& ears();
-
-  const std::shared_ptr<Ear> m_ear;
+  const std::shared_ptr<Teller> m_teller;
+  const ahs_log_callback m_callback;
+  void* const m_context;
+  const uint32_t m_level;
+  std::atomic<std::size_t> m_waiting{0};  // bytes of messages that are not told yet
+  uint64_t m_lost = 0;                    // used by `hear` alone, by one thread at a time
 };

@@ -3,7 +3,6 @@
 
 #include "capi/Result.h"
 
-#include <algorithm>
 #include <type_traits>
 #include <utility>
 
@@ -12,18 +11,19 @@
 namespace {
 
 static_assert(std::is_same_v<uint32_t, unsigned int>, "samples are handed out as they are stored");
+static_assert(static_cast<uint32_t>(HeadendOutcome::NotInCache) == AHS_OUTCOME_NOT_IN_CACHE);
 
 const char* const nothing = "";
 
 /// The address that answered, else the last one that was connected to.
-std::string addressOf(const HeadendResult& headend) {
-  std::string address;
+const char* addressOf(const HeadendResult& headend) {
+  const char* address = nothing;
   for (const HttpProbe::Report& probe : headend.probes) {
-    if (!probe.address.empty() && (address.empty() || !SelectionRules::isSample(probe.status))) {
-      address = probe.address;
-    }
-    if (SelectionRules::isSample(probe.status) && !probe.address.empty()) {
-      return probe.address;
+    if (!probe.address.empty()) {
+      address = probe.address.c_str();
+      if (SelectionRules::isSample(probe.status)) {
+        break;
+      }
     }
   }
   return address;
@@ -51,12 +51,10 @@ Result::Result(ahs_status status, uint32_t reason, std::vector<std::string> head
   m_realm.assign(realm.c_str(), realm.c_str() + realm.size() + 1);
   m_result.proxy_realm = m_realm.data();
   m_found = std::move(candidates);
-  std::ranges::transform(m_found, std::back_inserter(m_addresses), addressOf);
-  for (std::size_t i = 0; i < m_found.size(); ++i) {
-    const HeadendResult& found = m_found[i];
+  for (const HeadendResult& found : m_found) {
     m_candidates.push_back({sizeof(ahs_candidate), found.name.c_str(), found.headend.c_str(),
-                            m_addresses[i].c_str(), found.metricMs.value_or(AHS_NO_METRIC),
-                            outcomeNumber(found.outcome), found.samplesMs.data(),
+                            addressOf(found), found.metricMs.value_or(AHS_NO_METRIC),
+                            static_cast<uint32_t>(found.outcome), found.samplesMs.data(),
                             found.samplesMs.size()});
   }
   for (const ahs_candidate& candidate : m_candidates) {
@@ -66,14 +64,7 @@ Result::Result(ahs_status status, uint32_t reason, std::vector<std::string> head
   m_result.candidate_count = m_candidatePointers.size();
 }
 
-Result::~Result() = default;
-
 void Result::setFromCache(int64_t seconds) {
   m_result.from_cache = 1;
   m_result.cache_age_s = seconds;
-}
-
-uint32_t outcomeNumber(HeadendOutcome outcome) {
-  static_assert(static_cast<uint32_t>(HeadendOutcome::NotInCache) == AHS_OUTCOME_NOT_IN_CACHE);
-  return static_cast<uint32_t>(outcome);
 }

@@ -14,14 +14,11 @@ class Result {
   /// @param headends as delivered. @param candidates see `collectResults`.
   Result(ahs_status status, uint32_t reason, std::vector<std::string> headends,
          const std::string& realm, std::vector<HeadendResult> candidates);
-  Result(const Result&) = delete;
-  Result& operator=(const Result&) = delete;
   /// Pointers into what is moved stay good.
   /// @{
   Result(Result&&) noexcept = default;
   Result& operator=(Result&&) noexcept = default;
   /// @}
-  ~Result();
 
   const ahs_result& get() const { return m_result; }
 
@@ -34,11 +31,7 @@ class Result {
   std::vector<const char*> m_headendPointers;
   std::vector<char> m_realm;
   std::vector<HeadendResult> m_found;
-  std::vector<std::string> m_addresses;
   std::vector<ahs_candidate> m_candidates;
   std::vector<const ahs_candidate*> m_candidatePointers;
   ahs_result m_result{};
 };
-
-/// The outcome as the door numbers it.
-uint32_t outcomeNumber(HeadendOutcome outcome);

@@ -12,8 +12,6 @@
 #include "capi/SocketWay.h"
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
-#include "vpn/Api/AHS/SelectionRecord.h"
-#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/AHS/SelectionThread.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
@@ -31,26 +29,44 @@ int64_t ageOf(const CCacheEntry& entry) {
   return age ? age->count() : -1;
 }
 
+/// The candidate of a host entry's name, else of a headend, in any letter case; null for none.
+const Candidate* candidateNamed(const std::string& name, const std::vector<Candidate>& all) {
+  if (const Candidate* const found = findNamed(name, all); found != nullptr) {
+    return found;
+  }
+  const std::string wanted = CStringUtils::toLower(name);
+  const auto found = std::ranges::find_if(all, [&wanted](const Candidate& candidate) {
+    return CStringUtils::toLower(candidate.headend) == wanted;
+  });
+  return found == all.end() ? nullptr : &*found;
+}
+
+std::string lastOf(const ahs_request& request) {
+  return request.last_headend == nullptr ? "" : request.last_headend;
+}
+
 }  // namespace
 
-/// The task of a run's threads. The token is the last to go.
+/// The task of a run's threads.
 class Selection::Run : public SelectionRecord {
  public:
-  Run(const std::shared_ptr<HeldCore>& core, const std::shared_ptr<Presences>& presences)
-      : m_token(presences), m_core(core) {}
+  Run(std::shared_ptr<const Core> core, std::shared_ptr<RunsEnd> runs,
+      std::shared_ptr<Selection> selection)
+      : m_runs(std::move(runs)), m_core(std::move(core)), m_selection(std::move(selection)) {}
 
-  /// Lets it hold the selection that it is a part of, before any thread of it exists.
-  void hold(std::shared_ptr<Selection> selection) { m_selection = std::move(selection); }
-  const Core& core() const { return m_core->get(); }
+  const Core& core() const { return *m_core; }
   SocketWay& way() { return m_way; }
 
+  // Counted and posted under one lock, so that a message counts those before it and itself.
   void ProbeStarted(const HttpProbe::Report& report) override {
+    const CAutoLockT<CMonitor> guard(m_selection->m_lock);
     SelectionRecord::ProbeStarted(report);
-    m_selection->noteProbe(report, false);
+    m_selection->tellProbe(report, progress(), false);
   }
   void ProbeEnded(const HttpProbe::Report& report) override {
+    const CAutoLockT<CMonitor> guard(m_selection->m_lock);
     SelectionRecord::ProbeEnded(report);
-    m_selection->noteProbe(report, true);
+    m_selection->tellProbe(report, progress(), true);
   }
   bool SocketOpened(int socket, int family) override {
     // The client may cancel while it looks at the socket.
@@ -58,130 +74,72 @@ class Selection::Run : public SelectionRecord {
   }
 
  private:
-  // Who waits for the token finds the core let go.
-  const Presences::Token m_token;
-  const std::shared_ptr<HeldCore> m_core;
-  std::shared_ptr<Selection> m_selection;
+  // Who waits for the end of the runs finds the core let go.
+  const std::shared_ptr<RunsEnd> m_runs;
+  const std::shared_ptr<const Core> m_core;
+  const std::shared_ptr<Selection> m_selection;
   SocketWay m_way;
 };
 
-/// Made with the selection, so that telling the result takes no memory. It gets its hold on the
-/// selection when it is posted.
-class Selection::ResultMessage : public Teller::Message {
- public:
-  explicit ResultMessage(Selection* selection) : Message(selection), m_subject(selection) {}
-
-  void hold() { m_selection = m_subject->shared_from_this(); }
-  void tell() override {
-    m_selection->m_client.callback(&m_selection->m_result.get(), m_selection->m_client.context);
-  }
-
- private:
-  Selection* const m_subject;
-  std::shared_ptr<Selection> m_selection;
-};
-
-class Selection::ProbeMessage : public Teller::Message {
- public:
-  ProbeMessage(std::shared_ptr<Selection> selection, const Candidate& candidate,
-               std::string address)
-      : Message(selection.get()), m_selection(std::move(selection)), m_address(std::move(address)) {
-    probe.size = sizeof probe;
-    probe.name = candidate.name.c_str();  // the candidate list's, which the selection holds
-    probe.headend = candidate.headend.c_str();
-    probe.address = m_address.c_str();
-  }
-
-  void tell() override {
-    m_selection->m_client.progress(&probe, m_selection->m_client.progressContext);
-  }
-
-  ahs_probe probe{};
-
- private:
-  const std::shared_ptr<Selection> m_selection;
-  const std::string m_address;
-};
-
-Selection::Selection(const std::shared_ptr<HeldCore>& core,
-                     const std::shared_ptr<Presences>& presences, const Client& client,
-                     uint32_t reason)
-    : m_candidates(core->get().candidates()),
-      m_client(client),
-      m_reason(reason),
+Selection::Selection(std::shared_ptr<Teller> teller, std::shared_ptr<const Core> core,
+                     std::shared_ptr<RunsEnd> runs, const ahs_request& request,
+                     ahs_callback callback, void* context)
+    : m_teller(std::move(teller)),
+      m_core(std::move(core)),
+      m_runs(std::move(runs)),
+      m_candidates(m_core->candidates()),
+      m_last(candidateNamed(lastOf(request), *m_candidates)),
+      m_reason(request.reason),
+      m_callback(callback),
+      m_context(context),
+      m_progress(request.on_progress),
+      m_progressContext(request.progress_context),
       m_start(std::chrono::steady_clock::now()),
-      m_unstarted(std::make_shared<Run>(core, presences)),
-      m_run(m_unstarted),
-      m_result(AHS_SUCCESS, reason) {
-  m_resultMessage.push_back(std::make_unique<ResultMessage>(this));
+      m_result(AHS_SUCCESS, request.reason) {
+  // Made now, so that telling the result takes no memory. It holds the selection once it is posted.
+  m_resultMessage.push_back({nullptr, [this] { m_callback(&m_result.get(), m_context); }});
 }
 
 Selection::~Selection() = default;
 
 std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
+  const auto run = std::make_shared<Run>(std::move(m_core), std::move(m_runs), shared_from_this());
   status = HEADENDSELECTION_ERROR_BAD_PARAMETER;
-  const std::shared_ptr<Run> run = this->run();
-  run->hold(shared_from_this());
-  const std::string last = request.last_headend == nullptr ? "" : request.last_headend;
   std::string error = run->way().take(request);
-  if (!error.empty()) {
-    return error;
-  }
-  run->SetTerms({run->way().words(), request.measure_now != 0});
-  const Candidate* const known = candidateNamed(last, *m_candidates);
-  if (known == nullptr && !last.empty()) {
-    CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,
-                             "request.last_headend \"%s\" is no headend that takes part",
-                             CStringUtils::printable(last).c_str());
-  }
-  if (known != nullptr) {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    m_last = {known->headend};
-  }
-  // The run knows a headend by the name of its entry.
-  STATUSCODE started = 0;
-  auto selection = std::make_unique<CHeadendSelection>(this, known != nullptr ? known->name : last,
-                                                       m_reason, started);
-  if (started == 0) {
-    selection->SetProxy(providerFor(request, run->core().usesSystemProxy()).release());
-    const auto thread = std::make_unique<SelectionThread>(std::move(selection));
-    if (isCancelWanted()) {
-      return "library is being stopped";
+  std::unique_ptr<SelectionThread> thread;
+  if (error.empty()) {
+    run->SetTerms({run->way().words(), request.measure_now != 0});
+    const std::string last = lastOf(request);
+    if (m_last == nullptr && !last.empty()) {
+      CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,
+                               "request.last_headend \"%s\" is no headend that takes part",
+                               CStringUtils::printable(last).c_str());
     }
+    // The run knows a headend by the name of its entry.
+    auto selection = std::make_unique<CHeadendSelection>(
+        this, m_last != nullptr ? m_last->name : last, m_reason, status);
+    if (status == 0) {
+      selection->SetProxy(providerFor(request, run->core().usesSystemProxy()).release());
+      thread = std::make_unique<SelectionThread>(std::move(selection));
+    }
+  }
+  const CAutoLockT<CMonitor> guard(m_lock);
+  if (m_isDone) {
+    status = 0;  // the library is being stopped, and the client hears of the cancel
+    return "";
+  }
+  if (thread != nullptr) {
     const CTask::Scope scope(run);
-    started = thread->Start();
+    status = thread->Start();
+    m_run = run;
   }
-  status = started;
-  if (status != 0) {
-    return std::string("the selection cannot be started: ") + statusCodeName(status);
-  }
-  if (endUnstarted()) {
-    cancel();
-  }
-  return "";
-}
-
-bool Selection::isCancelWanted() {
-  const CAutoLockT<CMonitor> guard(m_lock);
-  return m_isCancelWanted;
-}
-
-/// Ends the time in which a cancel has to wait. @return whether there was one.
-bool Selection::endUnstarted() {
-  std::shared_ptr<Run> started;  // goes without the lock
-  const CAutoLockT<CMonitor> guard(m_lock);
-  started.swap(m_unstarted);
-  return m_isCancelWanted;
+  m_isDone = status != 0;  // no cancel has a failure told
+  return status == 0 || !error.empty()
+             ? error
+             : std::string("the selection cannot be started: ") + statusCodeName(status);
 }
 
 void Selection::cancel() noexcept {
-  {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    if (m_unstarted != nullptr) {
-      m_isCancelWanted = true;
-      return;
-    }
-  }
   if (wait(0) == nullptr) {
     settle(resultOf({}, AHS_ERROR_CANCELLED, ""));
   }
@@ -198,8 +156,7 @@ void Selection::endSocketCallbacks() {
 }
 
 void Selection::abandon() {
-  m_client.teller->forget(*this);
-  endUnstarted();
+  m_teller->forget(*this);
   cancel();
   endSocketCallbacks();
 }
@@ -240,7 +197,10 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
     if (ahs_is_success(code) != 0) {
       static_cast<void>(entry.GetHeadendList(measured));
     }
-    const std::vector<std::string> kept = code == AHS_ERROR_CANCELLED ? last() : headends;
+    std::vector<std::string> kept = headends;
+    if (code == AHS_ERROR_CANCELLED && m_last != nullptr) {
+      kept = {m_last->headend};
+    }
     Result result(code, m_reason, kept, realm,
                   collectResults(kept, *m_candidates, tracks, measured, isFromCache));
     if (isFromCache) {
@@ -250,11 +210,6 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
   } catch (const std::exception&) {
     return {ahs_is_success(code) != 0 ? AHS_ERROR_OUT_OF_MEMORY : code, m_reason};
   }
-}
-
-std::vector<std::string> Selection::last() {
-  const CAutoLockT<CMonitor> guard(m_lock);
-  return m_last;
 }
 
 /// Null when its last thread has ended.
@@ -270,44 +225,42 @@ void Selection::settle(Result&& result) {
     return;
   }
   m_result = std::move(result);
-  m_result.setElapsed(elapsedMs());
+  const auto elapsed = std::chrono::steady_clock::now() - m_start;
+  m_result.setElapsed(
+      static_cast<uint32_t>(std::chrono::duration_cast<milliseconds>(elapsed).count()));
   m_isDone = true;
   m_lock.NotifyAll();
-  static_cast<ResultMessage&>(*m_resultMessage.front()).hold();
-  m_client.teller->post(m_resultMessage);
+  m_resultMessage.front().subject = shared_from_this();
+  m_teller->post(m_resultMessage);
 }
 
-void Selection::noteProbe(const HttpProbe::Report& report, bool ended) {
-  const auto candidate =
-      std::ranges::find(*m_candidates, placeOf(report.host, report.port), &Candidate::place);
-  if (m_client.progress == nullptr || SelectionRecord::isTestProbe(report) ||
-      candidate == m_candidates->end()) {
-    return;
-  }
-  auto message = std::make_unique<ProbeMessage>(shared_from_this(), *candidate, report.address);
-  Teller::Messages messages;
-  ahs_probe& probe = message->probe;
-  probe.ended = ended ? 1 : 0;
-  probe.outcome = outcomeNumber(outcomeOfStatus(report.status));
-  probe.rtt_ms = report.rttMs;
-  probe.headend_count = static_cast<uint32_t>(m_candidates->size());
-  messages.push_back(std::move(message));
-
-  const CAutoLockT<CMonitor> guard(m_lock);
+/// Tells the client of a probe of a headend.
+void Selection::tellProbe(const HttpProbe::Report& report,
+                          const SelectionRecord::Progress& progress, bool ended) {
   if (m_isDone) {
     return;
   }
-  (ended ? m_probesEnded : m_probesStarted) += 1;
-  if (ended && SelectionRules::isSample(report.status)) {
-    m_answered.insert(&*candidate);
+  const auto candidate =
+      std::ranges::find(*m_candidates, placeOf(report.host, report.port), &Candidate::place);
+  if (m_progress == nullptr || SelectionRecord::isTestProbe(report) ||
+      candidate == m_candidates->end()) {
+    return;
   }
-  probe.probes_started = m_probesStarted;
-  probe.probes_ended = m_probesEnded;
-  probe.headends_answered = static_cast<uint32_t>(m_answered.size());
-  m_client.teller->post(messages);
-}
-
-uint32_t Selection::elapsedMs() const {
-  return static_cast<uint32_t>(
-      std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - m_start).count());
+  ahs_probe probe{sizeof probe,
+                  candidate->name.c_str(),
+                  candidate->headend.c_str(),
+                  ended ? 1 : 0,
+                  static_cast<uint32_t>(outcomeOfStatus(report.status)),
+                  report.rttMs,
+                  "",
+                  progress.probesStarted,
+                  progress.probesEnded,
+                  progress.placesAnswered,
+                  static_cast<uint32_t>(m_candidates->size())};
+  Teller::Messages messages;
+  messages.push_back({shared_from_this(), [this, probe, address = report.address]() mutable {
+                        probe.address = address.c_str();
+                        m_progress(&probe, m_progressContext);
+                      }});
+  m_teller->post(messages);
 }

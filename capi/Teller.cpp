@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
@@ -21,7 +20,7 @@ constexpr const char* SourceFile = "capi/Teller";
 /// could wait for one that waits for it.
 thread_local int depth = 0;
 
-void tellOne(Teller::Message& message) {
+void tellOne(const Teller::Message& message) {
   ++depth;
   guardedCall([&message] { message.tell(); },
               [](const char* what) {
@@ -32,8 +31,6 @@ void tellOne(Teller::Message& message) {
 }
 
 }  // namespace
-
-Teller::Message::~Message() = default;
 
 /// Holds the teller until it is closed.
 class Teller::TellingThread : public CThread {
@@ -54,7 +51,7 @@ class Teller::TellingThread : public CThread {
 };
 
 Teller::Teller(bool byClient)
-    : m_descriptor(byClient ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1) {}
+    : m_descriptor(byClient ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1), m_isServed(!byClient) {}
 
 Teller::~Teller() {
   if (m_descriptor >= 0) {
@@ -62,32 +59,19 @@ Teller::~Teller() {
   }
 }
 
-std::shared_ptr<Teller> Teller::make(bool byClient, bool& isUp) {
-  std::shared_ptr<Teller> teller(new Teller(byClient));
-  if (byClient) {
-    isUp = teller->descriptor() >= 0;
-    return teller;
-  }
-  {
-    const CAutoLockT<CMonitor> guard(teller->m_lock);
-    teller->m_isServed = true;
-  }
-  isUp = std::make_unique<TellingThread>(teller)->Start() == THREAD_SUCCESS;
-  if (!isUp) {
-    const CAutoLockT<CMonitor> guard(teller->m_lock);
-    teller->m_isServed = false;
-  }
-  return teller;
+std::shared_ptr<Teller> Teller::make(bool byClient) {
+  const std::shared_ptr<Teller> teller(new Teller(byClient));
+  const bool isUp = byClient ? teller->descriptor() >= 0
+                             : std::make_unique<TellingThread>(teller)->Start() == THREAD_SUCCESS;
+  return isUp ? teller : nullptr;
 }
 
 void Teller::post(Messages& messages) noexcept {
-  Messages dropped;  // destroyed without the lock
   const CAutoLockT<CMonitor> guard(m_lock);
-  const bool isForgotten = std::ranges::any_of(messages, [](const auto& message) {
-    return message->m_subject != nullptr && message->m_subject->m_isForgotten;
-  });
+  const bool isForgotten = std::ranges::any_of(
+      messages, [](const Message& message) { return message.subject->m_isForgotten; });
   if (m_isClosing || isForgotten) {
-    dropped.swap(messages);
+    messages.clear();
     return;
   }
   m_queue.splice(m_queue.end(), messages);
@@ -109,19 +93,12 @@ void Teller::tellQueue() {
   while (!m_queue.empty()) {
     Messages one;
     one.splice(one.begin(), m_queue, m_queue.begin());
-    Subject* const subject = one.front()->m_subject;
-    const bool isWanted = subject == nullptr || !subject->m_isForgotten;
-    if (subject != nullptr) {
-      ++subject->m_beingTold;
-    }
+    Subject& subject = *one.front().subject;
+    ++subject.m_beingTold;
     m_lock.Unlock();
-    if (isWanted) {
-      tellOne(*one.front());
-    }
+    tellOne(one.front());
     m_lock.Lock();
-    if (subject != nullptr) {
-      --subject->m_beingTold;
-    }
+    --subject.m_beingTold;
     m_lock.NotifyAll();
     // The last holder of the subject may be the message, whose destruction takes other locks.
     m_lock.Unlock();
@@ -157,16 +134,10 @@ void Teller::calm() {
 }
 
 void Teller::forget(Subject& subject) {
-  Messages dropped;  // destroyed without the lock
   const CAutoLockT<CMonitor> guard(m_lock);
   subject.m_isForgotten = true;
-  for (auto message = m_queue.begin(); message != m_queue.end();) {
-    const auto next = std::next(message);
-    if ((*message)->m_subject == &subject) {
-      dropped.splice(dropped.end(), m_queue, message);
-    }
-    message = next;
-  }
+  m_queue.remove_if(
+      [&subject](const Message& message) { return message.subject.get() == &subject; });
   if (m_queue.empty()) {
     calm();
   }

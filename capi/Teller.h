@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <thread>
@@ -19,40 +20,31 @@ class Teller {
     bool m_isForgotten = false;
   };
 
-  /// Something to be told. It is destroyed by the thread that tells it, or that drops it.
-  class Message {
-   public:
-    /// @param subject null for none; else it outlives the message.
-    explicit Message(Subject* subject) : m_subject(subject) {}
-    virtual ~Message();
-    Message(const Message&) = delete;
-    Message& operator=(const Message&) = delete;
-
+  /// Something to be told.
+  struct Message {
+    std::shared_ptr<Subject> subject;
     /// Calls the client. What it throws is logged and dropped.
-    virtual void tell() = 0;
-
-   private:
-    friend class Teller;
-    Subject* const m_subject;
+    std::function<void()> tell;
   };
   /// A list, so that a message can be made in advance and takes no memory when its time has come.
-  using Messages = std::list<std::unique_ptr<Message>>;
+  using Messages = std::list<Message>;
 
   /// @param byClient the client tells itself, with `tellAll`.
-  /// @param isUp receives whether a descriptor or a thread could be had, as it takes.
-  static std::shared_ptr<Teller> make(bool byClient, bool& isUp);
+  /// @return null if a descriptor or a thread, as it takes, cannot be had.
+  static std::shared_ptr<Teller> make(bool byClient);
   ~Teller();
   Teller(const Teller&) = delete;
   Teller& operator=(const Teller&) = delete;
 
-  /// Appends messages, which leaves `messages` empty; drops them once the teller is closed.
+  /// Appends messages, which leaves `messages` empty; drops them once the teller is closed. The
+  /// caller holds their subjects.
   void post(Messages& messages) noexcept;
 
   /// Tells what there is. Does nothing inside a message, and while another thread tells.
   void tellAll();
 
   /// Drops what is to be told about a subject now and later, and waits for a message about it that
-  /// is being told by another thread, except inside a message.
+  /// is being told by another thread, except inside a message. The caller holds it.
   void forget(Subject& subject);
 
   /// Tells what there is, by the one thread or the other, and nothing from then on. Inside a
@@ -80,5 +72,5 @@ class Teller {
   Messages m_queue AHS_GUARDED_BY(m_lock);
   std::thread::id m_thread AHS_GUARDED_BY(m_lock);  // the one that tells, while it does
   bool m_isClosing AHS_GUARDED_BY(m_lock) = false;
-  bool m_isServed AHS_GUARDED_BY(m_lock) = false;  // by a thread of its own
+  bool m_isServed AHS_GUARDED_BY(m_lock);  // by a thread of its own
 };

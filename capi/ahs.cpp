@@ -3,13 +3,17 @@
 
 #include "ahs/ahs.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "capi/Arguments.h"
@@ -29,15 +33,14 @@ std::uintptr_t newNumber() {
   return last += step;
 }
 
+ahs_status refused(std::string_view why) noexcept { return failed(AHS_ERROR_BAD_PARAMETER, why); }
+
 /// The objects that clients hold, by handle. Any thread may call anything.
 template <typename Handle, typename Object>
 class Handles {
  public:
-  /// All of the process; never freed, so that they may be given back at exit.
-  static Handles& instance() {
-    static Handles& all = *new Handles;
-    return all;
-  }
+  /// @param null, none what is wrong with a handle that is null, or that there is none of.
+  Handles(const char* null, const char* none) : m_null(null), m_none(none) {}
 
   Handle* add(std::shared_ptr<Object> object) {
     const CAutoLockT<CManualLock> guard(m_lock);
@@ -47,29 +50,44 @@ class Handles {
     return handle;
   }
 
-  /// The object, null if there is none.
+  /// The object; null, and refused, if there is none.
   std::shared_ptr<Object> find(const Handle* handle) {
     const CAutoLockT<CManualLock> guard(m_lock);
     const auto found = m_objects.find(handle);
-    return found == m_objects.end() ? nullptr : found->second;
+    return found == m_objects.end() ? none(handle) : found->second;
   }
 
   /// The same; the handle is none from now on.
   std::shared_ptr<Object> take(const Handle* handle) {
     const CAutoLockT<CManualLock> guard(m_lock);
     const auto node = m_objects.extract(handle);
-    return node.empty() ? nullptr : node.mapped();
+    return node.empty() ? none(handle) : node.mapped();
+  }
+
+  std::nullptr_t none(const Handle* handle) const {
+    refused(handle == nullptr ? m_null : m_none);
+    return nullptr;
   }
 
  private:
+  const char* const m_null;
+  const char* const m_none;
   CManualLock m_lock;
   std::map<const Handle*, std::shared_ptr<Object>> m_objects AHS_GUARDED_BY(m_lock);
 };
 
-using Libraries = Handles<ahs_library, Library>;
-using Selections = Handles<ahs_selection, Selection>;
+// Never freed, so that they may be given back at exit.
+auto& libraries() {
+  static auto& all = *new Handles<ahs_library, Library>(
+      "library is null", "library is no handle of a library that is up");
+  return all;
+}
 
-constexpr ahs_status Unexpected = HEADENDSELECTION_ERROR_UNEXPECTED;
+auto& selections() {
+  static auto& all = *new Handles<ahs_selection, Selection>(
+      "selection is null", "selection is no handle, or it was given back");
+  return all;
+}
 
 /// Runs `operation`, whatever it throws.
 template <typename Operation>
@@ -79,20 +97,8 @@ ahs_status guarded(Operation operation) noexcept {
   } catch (const std::bad_alloc&) {
     return failed(AHS_ERROR_OUT_OF_MEMORY, "there is no memory");
   } catch (const std::exception& exception) {
-    return failed(Unexpected, exception.what());
+    return failed(HEADENDSELECTION_ERROR_UNEXPECTED, exception.what());
   }
-}
-
-ahs_status refused(std::string_view why) noexcept { return failed(AHS_ERROR_BAD_PARAMETER, why); }
-
-ahs_status noLibrary(const ahs_library* handle) noexcept {
-  return refused(handle == nullptr ? "library is null"
-                                   : "library is no handle of a library that is up");
-}
-
-ahs_status noSelection(const ahs_selection* handle) noexcept {
-  return refused(handle == nullptr ? "selection is null"
-                                   : "selection is no handle, or it was given back");
 }
 
 ahs_status startLibrary(const ahs_options* options, ahs_library*& library) {
@@ -107,7 +113,7 @@ ahs_status startLibrary(const ahs_options* options, ahs_library*& library) {
     return failed(status, error.empty() ? ahs_status_text(status) : error);
   }
   try {
-    library = Libraries::instance().add(started);
+    library = libraries().add(started);
   } catch (const std::bad_alloc&) {
     started->stop();
     throw;
@@ -122,27 +128,61 @@ ahs_status startSelection(Library& library, const ahs_request* request, ahs_call
   if (!error.empty()) {
     return refused(error);
   }
-  const auto selection = library.makeSelection(
-      {nullptr, callback, context, given.on_progress, given.progress_context}, given.reason);
+  const auto selection = library.makeSelection(given, callback, context);
   if (selection == nullptr) {
     return refused("library is being stopped");
   }
   // The callback may come, and give the handle back, before this has returned.
-  handle = Selections::instance().add(selection);
+  handle = selections().add(selection);
   STATUSCODE status = 0;
   try {
     error = selection->start(given, status);
-  } catch (const std::bad_alloc&) {
-    status = HEADENDSELECTION_ERROR_MEMALLOC_FAILED;
-    error.clear();
+  } catch (const std::exception&) {
+    status = HEADENDSELECTION_ERROR_MEMALLOC_FAILED;  // nothing else throws here
+    error = ahs_status_text(AHS_ERROR_OUT_OF_MEMORY);
   }
-  if (status == 0) {
-    return AHS_SUCCESS;
+  if (status != 0) {
+    selections().take(handle);
+    handle = nullptr;
+    selection->abandon();
+    return failed(static_cast<ahs_status>(status), error);
   }
-  Selections::instance().take(handle);
-  selection->abandon();
-  return failed(static_cast<ahs_status>(status),
-                error.empty() ? ahs_status_text(AHS_ERROR_OUT_OF_MEMORY) : error);
+  return AHS_SUCCESS;
+}
+
+/// A status that the header names.
+struct NamedStatus {
+  ahs_status status;
+  const char* name;
+  const char* text;
+};
+
+constexpr NamedStatus Statuses[] = {
+    {AHS_SUCCESS, "AHS_SUCCESS", "done, or selected from the cache"},
+    {AHS_ADDED_TO_CACHE, "AHS_ADDED_TO_CACHE", "selected from measurements made now"},
+    {AHS_ERROR_BAD_PARAMETER, "AHS_ERROR_BAD_PARAMETER",
+     "an argument is wrong; ahs_error_text() says which"},
+    {AHS_ERROR_OUT_OF_MEMORY, "AHS_ERROR_OUT_OF_MEMORY",
+     "the machine is short of memory, threads or descriptors"},
+    {AHS_ERROR_AUTH_PROXY_DETECTED, "AHS_ERROR_AUTH_PROXY_DETECTED",
+     "nothing was measured: a proxy asks for a login; select again with user name and password"},
+    {AHS_ERROR_TIMEOUT, "AHS_ERROR_TIMEOUT",
+     "nothing was measured within the time limit; check the network, or raise "
+     "SelectionConnectTimeout"},
+    {AHS_ERROR_NO_HEADENDS, "AHS_ERROR_NO_HEADENDS",
+     "no headend takes part; give headends, or set EnableAutomaticServerSelection to true in a "
+     "profile that has some"},
+    {AHS_ERROR_SELECTION_FAILURE, "AHS_ERROR_SELECTION_FAILURE",
+     "no headend could be measured; check the network and the addresses"},
+    {AHS_ERROR_ALREADY_STARTED, "AHS_ERROR_ALREADY_STARTED",
+     "the library is up with other options; stop it, or start with equal ones"},
+    {AHS_ERROR_CANCELLED, "AHS_ERROR_CANCELLED", "the selection was cancelled"},
+};
+
+/// Null for one that the header does not name.
+const NamedStatus* findStatus(ahs_status status) {
+  const auto* const found = std::ranges::find(Statuses, status, &NamedStatus::status);
+  return found == std::end(Statuses) ? nullptr : found;
 }
 
 }  // namespace
@@ -155,62 +195,14 @@ int ahs_is_success(ahs_status status) {
   return status == AHS_SUCCESS || status == AHS_ADDED_TO_CACHE ? 1 : 0;
 }
 
-// Those that the header names go by the names there, any other by the one of the log.
 const char* ahs_status_name(ahs_status status) {
-  switch (status) {
-    case AHS_SUCCESS:
-      return "AHS_SUCCESS";
-    case AHS_ADDED_TO_CACHE:
-      return "AHS_ADDED_TO_CACHE";
-    case AHS_ERROR_BAD_PARAMETER:
-      return "AHS_ERROR_BAD_PARAMETER";
-    case AHS_ERROR_OUT_OF_MEMORY:
-      return "AHS_ERROR_OUT_OF_MEMORY";
-    case AHS_ERROR_AUTH_PROXY_DETECTED:
-      return "AHS_ERROR_AUTH_PROXY_DETECTED";
-    case AHS_ERROR_TIMEOUT:
-      return "AHS_ERROR_TIMEOUT";
-    case AHS_ERROR_NO_HEADENDS:
-      return "AHS_ERROR_NO_HEADENDS";
-    case AHS_ERROR_SELECTION_FAILURE:
-      return "AHS_ERROR_SELECTION_FAILURE";
-    case AHS_ERROR_ALREADY_STARTED:
-      return "AHS_ERROR_ALREADY_STARTED";
-    case AHS_ERROR_CANCELLED:
-      return "AHS_ERROR_CANCELLED";
-    default:
-      return statusCodeName(STATUSCODE{status});
-  }
+  const NamedStatus* const named = findStatus(status);
+  return named != nullptr ? named->name : statusCodeName(STATUSCODE{status});  // as the log has it
 }
 
 const char* ahs_status_text(ahs_status status) {
-  switch (status) {
-    case AHS_SUCCESS:
-      return "done, or selected from the cache";
-    case AHS_ADDED_TO_CACHE:
-      return "selected from measurements made now";
-    case AHS_ERROR_BAD_PARAMETER:
-      return "an argument is wrong; ahs_error_text() says which";
-    case AHS_ERROR_OUT_OF_MEMORY:
-      return "the machine is short of memory, threads or descriptors";
-    case AHS_ERROR_AUTH_PROXY_DETECTED:
-      return "nothing was measured: a proxy asks for a login; select again with user name and "
-             "password";
-    case AHS_ERROR_TIMEOUT:
-      return "nothing was measured within the time limit; check the network, or raise "
-             "SelectionConnectTimeout";
-    case AHS_ERROR_NO_HEADENDS:
-      return "no headend takes part; give headends, or set EnableAutomaticServerSelection to true "
-             "in a profile that has some";
-    case AHS_ERROR_SELECTION_FAILURE:
-      return "no headend could be measured; check the network and the addresses";
-    case AHS_ERROR_ALREADY_STARTED:
-      return "the library is up with other options; stop it, or start with equal ones";
-    case AHS_ERROR_CANCELLED:
-      return "the selection was cancelled";
-    default:
-      return "the selection failed; the log tells more";
-  }
+  const NamedStatus* const named = findStatus(status);
+  return named != nullptr ? named->text : "the selection failed; the log tells more";
 }
 
 const char* ahs_outcome_name(uint32_t outcome) {
@@ -232,53 +224,45 @@ ahs_status ahs_stop(ahs_library* library) {
   if (library == nullptr) {
     return AHS_SUCCESS;
   }
-  return guarded([library] {
-    const auto stopped = Libraries::instance().take(library);
-    if (stopped == nullptr) {
-      return noLibrary(library);
-    }
-    stopped->stop();
-    return AHS_SUCCESS;
-  });
+  const auto stopped = libraries().take(library);
+  if (stopped == nullptr) {
+    return AHS_ERROR_BAD_PARAMETER;
+  }
+  stopped->stop();
+  return AHS_SUCCESS;
 }
 
 size_t ahs_problems(ahs_library* library, const ahs_problem* const** problems) {
-  const auto found = Libraries::instance().find(library);
-  if (found == nullptr || problems == nullptr) {
-    static_cast<void>(found == nullptr ? noLibrary(library) : refused("problems is null"));
+  if (problems == nullptr) {
+    refused("problems is null");
     return 0;
   }
-  const std::shared_ptr<HeldCore> core = found->core();
+  const auto found = libraries().find(library);
+  const std::shared_ptr<const Core> core = found == nullptr ? nullptr : found->core();
   if (core == nullptr) {
-    static_cast<void>(noLibrary(library));
+    libraries().none(library);
     return 0;
   }
-  const auto& all = core->get().problems();
+  const auto& all = core->problems();
   *problems = all.empty() ? nullptr : all.data();
   return all.size();
 }
 
 int ahs_descriptor(ahs_library* library) {
-  const auto found = Libraries::instance().find(library);
-  if (found == nullptr) {
-    static_cast<void>(noLibrary(library));
-    return -1;
-  }
-  return found->teller().descriptor();
+  const auto found = libraries().find(library);
+  return found == nullptr ? -1 : found->teller().descriptor();
 }
 
 ahs_status ahs_dispatch(ahs_library* library) {
-  return guarded([library] {
-    const auto found = Libraries::instance().find(library);
-    if (found == nullptr) {
-      return noLibrary(library);
-    }
-    if (found->teller().descriptor() < 0) {
-      return refused("library was started without own_loop: its callbacks come by themselves");
-    }
-    found->teller().tellAll();
-    return AHS_SUCCESS;
-  });
+  const auto found = libraries().find(library);
+  if (found == nullptr) {
+    return AHS_ERROR_BAD_PARAMETER;
+  }
+  if (found->teller().descriptor() < 0) {
+    return refused("library was started without own_loop: its callbacks come by themselves");
+  }
+  found->teller().tellAll();
+  return AHS_SUCCESS;
 }
 
 ahs_status ahs_select(ahs_library* library, const ahs_request* request, ahs_callback callback,
@@ -290,47 +274,35 @@ ahs_status ahs_select(ahs_library* library, const ahs_request* request, ahs_call
   if (callback == nullptr) {
     return refused("callback is null; ahs_no_callback does nothing");
   }
-  const ahs_status status = guarded([=] {
-    const auto found = Libraries::instance().find(library);
-    return found == nullptr ? noLibrary(library)
+  return guarded([=] {
+    const auto found = libraries().find(library);
+    return found == nullptr ? AHS_ERROR_BAD_PARAMETER
                             : startSelection(*found, request, callback, context, *selection);
   });
-  if (status != AHS_SUCCESS) {
-    *selection = nullptr;
-  }
-  return status;
 }
 
 ahs_status ahs_cancel(ahs_selection* selection) {
-  return guarded([selection] {
-    const auto found = Selections::instance().find(selection);
-    if (found == nullptr) {
-      return noSelection(selection);
-    }
-    found->cancel();
-    return AHS_SUCCESS;
-  });
+  const auto found = selections().find(selection);
+  if (found == nullptr) {
+    return AHS_ERROR_BAD_PARAMETER;
+  }
+  found->cancel();
+  return AHS_SUCCESS;
 }
 
 const ahs_result* ahs_wait(ahs_selection* selection, uint32_t timeout_ms) {
-  const auto found = Selections::instance().find(selection);
-  if (found == nullptr) {
-    static_cast<void>(noSelection(selection));
-    return nullptr;
-  }
-  return found->wait(timeout_ms);
+  const auto found = selections().find(selection);
+  return found == nullptr ? nullptr : found->wait(timeout_ms);
 }
 
 ahs_status ahs_free(ahs_selection* selection) {
   if (selection == nullptr) {
     return AHS_SUCCESS;
   }
-  return guarded([selection] {
-    const auto found = Selections::instance().take(selection);
-    if (found == nullptr) {
-      return noSelection(selection);
-    }
-    found->abandon();
-    return AHS_SUCCESS;
-  });
+  const auto found = selections().take(selection);
+  if (found == nullptr) {
+    return AHS_ERROR_BAD_PARAMETER;
+  }
+  found->abandon();
+  return AHS_SUCCESS;
 }

@@ -6,11 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/TemporaryDirectory.h"
-#include "tests/support/private_access.h"
 #include "vpn/Api/PreferenceMgr.h"
-#include "vpn/include/InstanceSmartPtr.h"
-
-AHS_EXPOSE(FileInitMap, &ProfileMgr::m_fileInitMap);
 
 namespace {
 
@@ -105,26 +101,6 @@ TEST(HostEntries, OfTheCommandLineTakePartAndHaveNoFile) {
   EXPECT_TRUE(entries[0].takesPart);
   EXPECT_EQ(entries[0].file, "");
   EXPECT_EQ(entries[0].address, "gw-x");
-}
-
-TEST(HostEntries, OfAProfileThatIsNotThereTakeNoPart) {
-  const tests::TemporaryDirectory directory;
-  directory.Write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
-  PreferenceMgr::Sources sources;
-  sources.profileDirectory = directory.Path();
-  const Loaded loaded(sources);
-  {
-    // No file can bring it about: the entry of a profile that is known no more.
-    const CInstanceSmartPtr<PreferenceMgr> preferences;
-    ProfileMgr* profiles = nullptr;
-    ASSERT_EQ(preferences->getProfileMgr(profiles), PREFERENCEMGR_SUCCESS);
-    tests::member<tests::FileInitMap>(*profiles).clear();
-  }
-  const auto entries = findHostEntries();
-  ASSERT_EQ(entries.size(), 1U);
-  EXPECT_FALSE(entries[0].takesPart);
-  EXPECT_EQ(entries[0].reason, "there is no such profile");
-  EXPECT_THAT(findCandidates(), IsEmpty());
 }
 
 TEST(Candidates, WithoutAPreferenceManagerThereAreNone) {

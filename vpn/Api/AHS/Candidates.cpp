@@ -4,6 +4,7 @@
 #include "vpn/Api/AHS/Candidates.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/PreferenceMgr.h"
@@ -14,33 +15,19 @@ namespace {
 
 using SelectionRules::Participation;
 
-Participation participationOf(const HostInitSettings* settings) {
-  return settings == nullptr ? Participation::NotSet : SelectionRules::participationOf(*settings);
+/// The settings of a host's profile.
+const HostInitSettings& settingsOf(const ProfileMgr& profiles, const HostProfile& host) {
+  return *profiles.getFileInitMap().at(host.getProfileName());
 }
 
-/// Calls `take` with each host entry and the settings of its profile, null if that is not known.
-void visit(const ProfileMgr& profiles, auto take) {
-  for (const auto& [name, host] : profiles.getHostProfileMap()) {
-    if (host != nullptr) {
-      const auto profile = profiles.getFileInitMap().find(profiles.getProfileNameFromHost(name));
-      take(*host, profile == profiles.getFileInitMap().end() ? nullptr : profile->second);
-    }
+/// Calls `use` with the profiles of the process, if there are any.
+void withProfiles(auto use) {
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  ProfileMgr* profiles = nullptr;
+  if (!(preferences == nullptr) && preferences->getProfileMgr(profiles) == 0) {
+    use(std::as_const(*profiles));
   }
 }
-
-/// The profiles of the process, as long as it lives.
-class Profiles {
- public:
-  /// Null if there are none.
-  const ProfileMgr* get() const {
-    ProfileMgr* profiles = nullptr;
-    return m_preferences == nullptr || m_preferences->getProfileMgr(profiles) != 0 ? nullptr
-                                                                                   : profiles;
-  }
-
- private:
-  const CInstanceSmartPtr<PreferenceMgr> m_preferences;
-};
 
 /// Why the hosts of a profile take part, or do not.
 std::string reasonOf(const HostInitSettings& settings, Participation participation) {
@@ -57,16 +44,16 @@ std::string reasonOf(const HostInitSettings& settings, Participation participati
                                                      : " and not user-controllable");
 }
 
-HostEntry entryOf(const ProfileMgr& profiles, const HostProfile& host,
-                  const HostInitSettings* settings) {
-  const Participation participation = participationOf(settings);
+HostEntry entryOf(const ProfileMgr& profiles, const HostProfile& host) {
+  const HostInitSettings& settings = settingsOf(profiles, host);
+  const Participation participation = SelectionRules::participationOf(settings);
   return {host.getHostName(),
           host.getProfileName(),
           host.getLine() != 0 ? profiles.getProfilePath(host.getProfileName()) : "",
           host.getLine(),
           SelectionRules::addressOf(host),
           SelectionRules::takesPart(participation),
-          settings != nullptr ? reasonOf(*settings, participation) : "there is no such profile"};
+          reasonOf(settings, participation)};
 }
 
 HostEntry entryOf(const ProfileMgr::LeftOutHost& leftOut) {
@@ -103,34 +90,32 @@ std::string nameBeside(const std::string& headend, const std::string& name) {
 
 std::vector<HostEntry> findHostEntries() {
   std::vector<HostEntry> entries;
-  const Profiles profiles;
-  if (profiles.get() == nullptr) {
-    return entries;
-  }
-  visit(*profiles.get(), [&](const HostProfile& host, const HostInitSettings* settings) {
-    entries.push_back(entryOf(*profiles.get(), host, settings));
+  withProfiles([&entries](const ProfileMgr& profiles) {
+    for (const auto& [name, host] : profiles.getHostProfileMap()) {
+      entries.push_back(entryOf(profiles, *host));
+    }
+    for (const ProfileMgr::LeftOutHost& host : profiles.getLeftOutHosts()) {
+      entries.push_back(entryOf(host));
+    }
   });
-  for (const ProfileMgr::LeftOutHost& host : profiles.get()->getLeftOutHosts()) {
-    entries.push_back(entryOf(host));
-  }
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const HostEntry& a, const HostEntry& b) { return a.name < b.name; });
+  std::ranges::stable_sort(entries, {}, &HostEntry::name);
   return entries;
 }
 
 std::vector<Candidate> findCandidates(const ProfileMgr& profiles) {
   std::vector<Candidate> candidates;
-  visit(profiles, [&](const HostProfile& host, const HostInitSettings* settings) {
-    if (SelectionRules::takesPart(participationOf(settings))) {
-      candidates.push_back(candidateOf(host.getHostName(), host.getUrl()));
+  for (const auto& [name, host] : profiles.getHostProfileMap()) {
+    if (SelectionRules::takesPart(SelectionRules::participationOf(settingsOf(profiles, *host)))) {
+      candidates.push_back(candidateOf(name, host->getUrl()));
     }
-  });
+  }
   return candidates;
 }
 
 std::vector<Candidate> findCandidates() {
-  const Profiles profiles;
-  return profiles.get() == nullptr ? std::vector<Candidate>() : findCandidates(*profiles.get());
+  std::vector<Candidate> candidates;
+  withProfiles([&candidates](const ProfileMgr& all) { candidates = findCandidates(all); });
+  return candidates;
 }
 
 const Candidate* findNamed(const std::string& name, const std::vector<Candidate>& candidates) {

@@ -50,35 +50,20 @@ std::map<std::string, unsigned int> metricsOf(const std::vector<CHeadendRTT>& me
 }  // namespace
 
 const char* outcomeName(HeadendOutcome outcome) {
-  switch (outcome) {
-    case HeadendOutcome::Answered:
-      return "answered";
-    case HeadendOutcome::UntrustedCertificate:
-      return "untrusted certificate";
-    case HeadendOutcome::ClientCertificateWanted:
-      return "client certificate wanted";
-    case HeadendOutcome::NotHttp:
-      return "not HTTP";
-    case HeadendOutcome::Failed:
-      return "failed";
-    case HeadendOutcome::FromCache:
-      return "from cache";
-    case HeadendOutcome::CannotConnect:
-      return "cannot connect";
-    case HeadendOutcome::TimedOut:
-      return "timed out";
-    case HeadendOutcome::NameNotResolved:
-      return "name not resolved";
-    case HeadendOutcome::NoAnswerInTime:
-      return "no answer in time";
-    case HeadendOutcome::NotFinishedInTime:
-      return "not finished in time";
-    case HeadendOutcome::NotProbed:
-      return "not probed";
-    case HeadendOutcome::NotInCache:
-      return "not in cache";
-  }
-  return "unknown";
+  static constexpr const char* Names[] = {"answered",
+                                          "untrusted certificate",
+                                          "client certificate wanted",
+                                          "not HTTP",
+                                          "failed",
+                                          "from cache",
+                                          "cannot connect",
+                                          "timed out",
+                                          "name not resolved",
+                                          "no answer in time",
+                                          "not finished in time",
+                                          "not probed",
+                                          "not in cache"};
+  return Names[static_cast<std::size_t>(outcome)];
 }
 
 HeadendOutcome outcomeOfStatus(STATUSCODE status) {

@@ -20,8 +20,6 @@ bool hasAnswered(const SelectionRecord::Track& track) {
 
 SelectionRecord::SelectionRecord() = default;
 
-SelectionRecord::~SelectionRecord() = default;
-
 bool SelectionRecord::isTestProbe(const HttpProbe::Report& report) {
   return (report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;
 }

@@ -33,7 +33,6 @@ class SelectionRecord : public ProbeTask {
   void ProbeEnded(const HttpProbe::Report& report) override;
 
   SelectionRecord();
-  ~SelectionRecord() override;
 
   /// The record of the selection that this thread works for; null for none.
   static std::shared_ptr<SelectionRecord> Current();

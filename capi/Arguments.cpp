@@ -198,7 +198,6 @@ std::string takeOptions(const ahs_options* options, StartPlan& plan) {
   plan.log.file = textOf(given.log_file);
   plan.log.leastImportant = importanceOf(given.log_level);
   plan.onLog = given.on_log;
-  plan.logLevel = given.log_level;
   plan.logContext = given.log_context;
   plan.ownLoop = given.own_loop != 0;
   return "";
@@ -224,10 +223,9 @@ std::unique_ptr<ProxyIfc> providerFor(const ahs_request& request, bool isSystemP
     const bool isNeeded = isSystemProxy || request.proxy_type == AHS_PROXY_NONE;
     return isNeeded ? std::make_unique<CProxyProvider>(NoProxy, Secret(), Secret(), host) : nullptr;
   }
-  const Secret user(request.proxy_user);
+  static_assert(int{BasicProxy} == AHS_PROXY_BASIC && int{NTLMProxy} == AHS_PROXY_NTLM &&
+                int{KerberosProxy} == AHS_PROXY_KERBEROS);
   const Secret password(request.proxy_password == nullptr ? "" : request.proxy_password);
-  const ProxyType type = request.proxy_type == AHS_PROXY_NTLM       ? NTLMProxy
-                         : request.proxy_type == AHS_PROXY_KERBEROS ? KerberosProxy
-                                                                    : BasicProxy;
-  return std::make_unique<CProxyProvider>(type, user, password, host);
+  return std::make_unique<CProxyProvider>(static_cast<ProxyType>(request.proxy_type),
+                                          Secret(request.proxy_user), password, host);
 }

@@ -12,7 +12,6 @@ struct StartPlan {
   PreferenceMgr::Sources sources;
   CAppLog::Targets log;
   ahs_log_callback onLog = nullptr;
-  uint32_t logLevel = AHS_LOG_INFO;
   void* logContext = nullptr;
   bool ownLoop = false;
 

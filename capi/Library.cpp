@@ -35,8 +35,8 @@ std::shared_ptr<Library> Library::start(const StartPlan& plan, ahs_status& statu
     return nullptr;
   }
   if (plan.onLog != nullptr) {
-    library->m_logListener = std::make_shared<LogListener>(library->m_teller, plan.onLog,
-                                                           plan.logContext, plan.logLevel);
+    library->m_logListener = std::make_shared<LogListener>(
+        library->m_teller, plan.onLog, plan.logContext, plan.log.leastImportant);
     library->m_logListener->begin();
   }
   const auto core = Core::hold(plan, status, error);

@@ -34,8 +34,11 @@ uint32_t levelOf(Logging::DebugImportance severity) {
 }  // namespace
 
 LogListener::LogListener(std::shared_ptr<Teller> teller, ahs_log_callback callback, void* context,
-                         uint32_t level)
-    : m_teller(std::move(teller)), m_callback(callback), m_context(context), m_level(level) {}
+                         Logging::DebugImportance leastImportant)
+    : m_teller(std::move(teller)),
+      m_callback(callback),
+      m_context(context),
+      m_level(levelOf(leastImportant)) {}
 
 void LogListener::begin() {
   {

@@ -14,9 +14,8 @@ class LogListener : public Teller::Subject, public std::enable_shared_from_this<
   /// Bytes of messages that wait for the client at most; later ones are lost, and counted.
   static constexpr std::size_t MostWaiting = std::size_t{4} * 1024 * 1024;
 
-  /// @param level least important that is heard, of ahs_log_level.
   LogListener(std::shared_ptr<Teller> teller, ahs_log_callback callback, void* context,
-              uint32_t level);
+              Logging::DebugImportance leastImportant);
 
   /// Hears from now on.
   void begin();

@@ -17,7 +17,6 @@
 #include <utility>
 
 #include "capi/Arguments.h"
-#include "capi/ErrorText.h"
 #include "capi/Library.h"
 #include "capi/Selection.h"
 #include "vpn/Api/AHS/HeadendResult.h"
@@ -26,14 +25,31 @@
 
 namespace {
 
+/// A path in it may be cut.
+constexpr std::size_t LongestErrorText = 511;
+
+/// The last error of each thread. It takes no memory, so that a want of memory can be told too.
+thread_local char lastErrorText[LongestErrorText + 1] = "";
+
+/// Keeps what ahs_error_text() tells this thread. @return `status`.
+ahs_status failed(ahs_status status, std::string_view text) noexcept {
+  std::size_t length = std::min(text.size(), LongestErrorText);
+  // Not in the middle of a character of UTF-8.
+  while (length < text.size() && length > 0 && (text[length] & '\xC0') == '\x80') {
+    --length;
+  }
+  *std::copy_n(text.begin(), length, &lastErrorText[0]) = '\0';
+  return status;
+}
+
+ahs_status refused(std::string_view why) noexcept { return failed(AHS_ERROR_BAD_PARAMETER, why); }
+
 /// A number that no handle of either kind has had. It looks like a pointer to those who look.
 std::uintptr_t newNumber() {
   constexpr std::uintptr_t step = 16;
   static std::atomic<std::uintptr_t> last{0};
   return last += step;
 }
-
-ahs_status refused(std::string_view why) noexcept { return failed(AHS_ERROR_BAD_PARAMETER, why); }
 
 /// The objects that clients hold, by handle. Any thread may call anything.
 template <typename Handle, typename Object>
@@ -210,7 +226,7 @@ const char* ahs_outcome_name(uint32_t outcome) {
                                              : "unknown";
 }
 
-const char* ahs_error_text(void) { return errorText(); }
+const char* ahs_error_text(void) { return &lastErrorText[0]; }
 
 ahs_status ahs_start(const ahs_options* options, ahs_library** library) {
   if (library == nullptr) {

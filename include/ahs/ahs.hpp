@@ -298,8 +298,9 @@ bool guarded(const Function& function, const Arguments&... arguments) noexcept {
   }
 }
 
-/// The functions of one selection. One that runs keeps them: it may give back its selection.
+/// The functions of a library or a selection. One that runs keeps them: it may give back either.
 struct Callbacks : std::enable_shared_from_this<Callbacks> {
+  std::function<void(const LogMessage&)> onLog;
   std::function<void(const Result&)> onResult;
   std::function<void(const Probe&)> onProgress;
   std::function<bool(int)> onSocket;
@@ -331,14 +332,8 @@ struct Callbacks : std::enable_shared_from_this<Callbacks> {
     guarded([&] { goOn = self->onSocket(socket); });
     return goOn ? 0 : 1;
   }
-};
-
-/// The log listener of a library, which may take the library down.
-struct LogListener : std::enable_shared_from_this<LogListener> {
-  std::function<void(const LogMessage&)> onLog;
-
-  static void tell(const ahs_log_message* message, void* context) noexcept {
-    const auto self = static_cast<LogListener*>(context)->shared_from_this();
+  static void tellLog(const ahs_log_message* message, void* context) noexcept {
+    const auto self = from(context);
     guarded([&] {
       self->onLog(LogMessage{static_cast<LogLevel>(message->level), message->text,
                              message->function, message->lost});
@@ -348,17 +343,17 @@ struct LogListener : std::enable_shared_from_this<LogListener> {
 
 /// A handle with the functions that its library calls, or why there is none. The functions go after
 /// the handle.
-template <class Native, ahs_status (*GiveBack)(Native*), class Functions>
+template <class Native, ahs_status (*GiveBack)(Native*)>
 struct Owned {
   struct Deleter {
-    std::shared_ptr<Functions> functions{};
+    std::shared_ptr<Callbacks> functions{};
     void operator()(Native* native) const noexcept { GiveBack(native); }
   };
   std::unique_ptr<Native, Deleter> handle;
   Status failure = BadParameter;
   std::string text;
 
-  void take(ahs_status status, Native* native, std::shared_ptr<Functions> functions) {
+  void take(ahs_status status, Native* native, std::shared_ptr<Callbacks> functions) {
     if (status == AHS_SUCCESS) {
       handle = {native, Deleter{std::move(functions)}};
     } else {
@@ -410,7 +405,7 @@ class [[nodiscard]] Selection {
 
  private:
   friend class Library;
-  detail::Owned<ahs_selection, ahs_free, detail::Callbacks> m_owned;
+  detail::Owned<ahs_selection, ahs_free> m_owned;
 };
 
 /// The library while it is up: one a process; a second one with equal options (callbacks and
@@ -443,15 +438,13 @@ class Library {
     native.log_file = detail::orNull(options.logFile);
     native.log_level = static_cast<std::uint32_t>(options.logLevel);
     native.own_loop = options.ownLoop ? 1 : 0;
-    auto listener = std::make_shared<detail::LogListener>();
-    if (options.onLog) {
-      listener->onLog = options.onLog;
-      native.on_log = detail::LogListener::tell;
-      native.log_context = listener.get();
-    }
+    auto callbacks = std::make_shared<detail::Callbacks>();
+    callbacks->onLog = options.onLog;
+    native.on_log = callbacks->onLog ? detail::Callbacks::tellLog : nullptr;
+    native.log_context = callbacks.get();
     ahs_library* library = nullptr;
     const ahs_status status = ahs_start(&native, &library);
-    m_owned.take(status, library, std::move(listener));
+    m_owned.take(status, library, std::move(callbacks));
   }
 
   /// Whether it is up.
@@ -528,7 +521,7 @@ class Library {
   Status dispatch() const noexcept { return {ahs_dispatch(m_owned.handle.get())}; }
 
  private:
-  detail::Owned<ahs_library, ahs_stop, detail::LogListener> m_owned;
+  detail::Owned<ahs_library, ahs_stop> m_owned;
 };
 
 }  // namespace ahs

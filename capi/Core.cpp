@@ -96,8 +96,7 @@ Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {
   }
   status = CSelectionCache::createSingletonInstance(m_cache);
   if (status == 0) {
-    look();
-    keepProblems(options.logProblem);
+    look(options.logProblem);
   }
 }
 
@@ -107,16 +106,13 @@ Core::~Core() {
   }
 }
 
-void Core::look() {
+void Core::look(const std::string& logProblem) {
   m_candidates = std::make_shared<const std::vector<Candidate>>(findCandidates());
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   std::string proxy;
   m_usesSystemProxy = preferences->getPreferenceValue(ProxySettings, proxy) == 0 &&
                       proxy == PreferenceBase::ProxySystem;
   m_fileProblems = preferences->getProblems();
-}
-
-void Core::keepProblems(const std::string& logProblem) {
   if (!logProblem.empty()) {
     m_fileProblems.push_back({m_plan.log.file, 0, 0, "the log cannot be written: " + logProblem});
   }

@@ -37,8 +37,7 @@ class Core {
   bool usesSystemProxy() const { return m_usesSystemProxy; }
 
  private:
-  void look();
-  void keepProblems(const std::string& logProblem);
+  void look(const std::string& logProblem);
 
   const StartPlan m_plan;
   std::unique_ptr<CClientLibrary> m_library;

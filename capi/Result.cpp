@@ -32,11 +32,11 @@ const char* addressOf(const HeadendResult& headend) {
 }  // namespace
 
 Result::Result(ahs_status status, uint32_t reason) noexcept {
-  m_result.size = sizeof m_result;
-  m_result.status = status;
-  m_result.reason = reason;
-  m_result.proxy_realm = nothing;
-  m_result.cache_age_s = -1;
+  value.size = sizeof value;
+  value.status = status;
+  value.reason = reason;
+  value.proxy_realm = nothing;
+  value.cache_age_s = -1;
 }
 
 Result::Result(ahs_status status, uint32_t reason, std::vector<std::string> headends,
@@ -46,10 +46,10 @@ Result::Result(ahs_status status, uint32_t reason, std::vector<std::string> head
   for (const std::string& headend : m_headends) {
     m_headendPointers.push_back(headend.c_str());
   }
-  m_result.headends = m_headendPointers.data();
-  m_result.headend_count = m_headendPointers.size();
+  value.headends = m_headendPointers.data();
+  value.headend_count = m_headendPointers.size();
   m_realm.assign(realm.c_str(), realm.c_str() + realm.size() + 1);
-  m_result.proxy_realm = m_realm.data();
+  value.proxy_realm = m_realm.data();
   m_found = std::move(candidates);
   for (const HeadendResult& found : m_found) {
     m_candidates.push_back({sizeof(ahs_candidate), found.name.c_str(), found.headend.c_str(),
@@ -60,11 +60,6 @@ Result::Result(ahs_status status, uint32_t reason, std::vector<std::string> head
   for (const ahs_candidate& candidate : m_candidates) {
     m_candidatePointers.push_back(&candidate);
   }
-  m_result.candidates = m_candidatePointers.data();
-  m_result.candidate_count = m_candidatePointers.size();
-}
-
-void Result::setFromCache(int64_t seconds) {
-  m_result.from_cache = 1;
-  m_result.cache_age_s = seconds;
+  value.candidates = m_candidatePointers.data();
+  value.candidate_count = m_candidatePointers.size();
 }

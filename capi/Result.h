@@ -6,7 +6,7 @@
 #include "ahs/ahs.h"
 #include "vpn/Api/AHS/HeadendResult.h"
 
-/// An ahs_result and all that it points to. It does not change once it is made.
+/// An ahs_result and all that it points to.
 class Result {
  public:
   /// A result that names no headend; takes no memory.
@@ -20,11 +20,8 @@ class Result {
   Result& operator=(Result&&) noexcept = default;
   /// @}
 
-  const ahs_result& get() const { return m_result; }
-
-  void setElapsed(uint32_t milliseconds) { m_result.elapsed_ms = milliseconds; }
-  /// @param seconds -1 if they are not known.
-  void setFromCache(int64_t seconds);
+  /// It is not said to be from the cache, and has taken no time.
+  ahs_result value{};
 
  private:
   std::vector<std::string> m_headends;
@@ -33,5 +30,4 @@ class Result {
   std::vector<HeadendResult> m_found;
   std::vector<ahs_candidate> m_candidates;
   std::vector<const ahs_candidate*> m_candidatePointers;
-  ahs_result m_result{};
 };

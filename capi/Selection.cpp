@@ -23,12 +23,6 @@ namespace {
 
 constexpr const char* SourceFile = "capi/Selection";
 
-/// Seconds since an entry was made; -1 if the clock has been put back since.
-int64_t ageOf(const CCacheEntry& entry) {
-  const auto age = SelectionTimes::ageOf(entry);
-  return age ? age->count() : -1;
-}
-
 /// The candidate of a host entry's name, else of a headend, in any letter case; null for none.
 const Candidate* candidateNamed(const std::string& name, const std::vector<Candidate>& all) {
   if (const Candidate* const found = findNamed(name, all); found != nullptr) {
@@ -97,7 +91,7 @@ Selection::Selection(std::shared_ptr<Teller> teller, std::shared_ptr<const Core>
       m_start(std::chrono::steady_clock::now()),
       m_result(AHS_SUCCESS, request.reason) {
   // Made now, so that telling the result takes no memory. It holds the selection once it is posted.
-  m_resultMessage.push_back({nullptr, [this] { m_callback(&m_result.get(), m_context); }});
+  m_resultMessage.push_back({nullptr, [this] { m_callback(&m_result.value, m_context); }});
 }
 
 Selection::~Selection() = default;
@@ -173,7 +167,7 @@ const ahs_result* Selection::wait(uint32_t timeoutMs) {
       m_lock.WaitUntil(limit);
     }
   }
-  return &m_result.get();
+  return &m_result.value;
 }
 
 void Selection::AHSSelectedHost(unsigned int /*reason*/, const std::vector<std::string>& headends,
@@ -204,7 +198,9 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
     Result result(code, m_reason, kept, realm,
                   collectResults(kept, *m_candidates, tracks, measured, isFromCache));
     if (isFromCache) {
-      result.setFromCache(ageOf(entry));
+      const auto age = SelectionTimes::ageOf(entry);
+      result.value.from_cache = 1;
+      result.value.cache_age_s = age ? age->count() : -1;
     }
     return result;
   } catch (const std::exception&) {
@@ -226,8 +222,8 @@ void Selection::settle(Result&& result) {
   }
   m_result = std::move(result);
   const auto elapsed = std::chrono::steady_clock::now() - m_start;
-  m_result.setElapsed(
-      static_cast<uint32_t>(std::chrono::duration_cast<milliseconds>(elapsed).count()));
+  m_result.value.elapsed_ms =
+      static_cast<uint32_t>(std::chrono::duration_cast<milliseconds>(elapsed).count());
   m_isDone = true;
   m_lock.NotifyAll();
   m_resultMessage.front().subject = shared_from_this();

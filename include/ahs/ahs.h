@@ -319,8 +319,9 @@ ahs_status ahs_start(const ahs_options* options, ahs_library** library);
 /**
  * Takes the library down. Its selections that are under way are cancelled, and every callback that
  * is due comes before this returns (with own_loop on this thread); none comes afterwards. Waits for
- * a callback that runs, except inside one, and up to 5 seconds for threads that are held up by a
- * disk or the system's proxy settings. Selections' handles stay good. Null is ignored.
+ * a callback that runs, except inside one, up to 5 seconds for threads that are held up by a disk
+ * or the system's proxy settings, and without a limit for the disk that what was measured is
+ * written to. Selections' handles stay good. Null is ignored.
  */
 ahs_status ahs_stop(ahs_library* library);
 

@@ -108,9 +108,8 @@ void CHeadendSelection::run() {
                            "CHeadendSelection::selectHeadend", status, 0, nullptr);
   }
   finishAHS(true, status, extraInfo);
-  // The destructor waits for the client's callback. It comes later, on another thread, when a
-  // worker or the timer is late; who waits for this thread must find the callback over all the
-  // same.
+  // A late worker, or the timer, may destroy the object later, on another thread. The client's
+  // callback is over when this function returns all the same.
   waitForDelivery();
   delete this;
 }

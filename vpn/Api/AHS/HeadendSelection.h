@@ -58,8 +58,9 @@ class CHeadendSelection : public ApiRunnable {
   void run() override;
 
   /// Hands over a provider of proxy credentials, which the run owns from now on. Before `run` only.
-  /// The provider is deleted with the run: usually before `run` returns, else by the last worker
-  /// that was still probing when the time was over.
+  /// The provider is deleted with the run: usually before `run` returns. When the timer fired
+  /// before the last worker was started, the run waits for none, and the last worker to end deletes
+  /// it.
   void SetProxy(ProxyIfc* pProxy);
 
   /// Whether the run has been finished; any thread may ask. Setting it is the run's own affair.

@@ -27,7 +27,7 @@ Library::~Library() {
 
 std::shared_ptr<Library> Library::start(const StartPlan& plan, ahs_status& status,
                                         std::string& error) {
-  const std::shared_ptr<Library> library(new Library);
+  std::shared_ptr<Library> library(new Library);
   library->m_teller = Teller::make(plan.ownLoop);
   if (library->m_teller == nullptr) {
     status = AHS_ERROR_OUT_OF_MEMORY;

@@ -233,13 +233,12 @@ void Selection::settle(Result&& result) {
 /// Tells the client of a probe of a headend.
 void Selection::tellProbe(const HttpProbe::Report& report,
                           const SelectionRecord::Progress& progress, bool ended) {
-  if (m_isDone) {
+  if (m_isDone || m_progress == nullptr || SelectionRecord::isTestProbe(report)) {
     return;
   }
   const auto candidate =
       std::ranges::find(*m_candidates, placeOf(report.host, report.port), &Candidate::place);
-  if (m_progress == nullptr || SelectionRecord::isTestProbe(report) ||
-      candidate == m_candidates->end()) {
+  if (candidate == m_candidates->end()) {
     return;
   }
   ahs_probe probe{sizeof probe,

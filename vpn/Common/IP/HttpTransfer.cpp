@@ -60,6 +60,16 @@ long long smallestRoundTrip(int connection) {
   return info.tcpi_min_rtt;
 }
 
+int portOf(int connection) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  if (getsockname(connection, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return -1;
+  }
+  // The port is at the same place in both families.
+  return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
+}
+
 /// libcurl is C, and a callback must not be thrown through.
 template <class Result, class Body>
 Result unlessThrown(Result otherwise, Body body) {
@@ -346,8 +356,8 @@ void HttpTransfer::setUpCallbacks() {
       });
   set(CURLOPT_CLOSESOCKETDATA, this);
   set(
-      CURLOPT_PREREQFUNCTION, +[](void* self, char*, char*, int, int) {
-        static_cast<HttpTransfer*>(self)->noteRequest();
+      CURLOPT_PREREQFUNCTION, +[](void* self, char*, char*, int, int localPort) {
+        static_cast<HttpTransfer*>(self)->noteRequest(localPort);
         return CURL_PREREQFUNC_OK;
       });
   set(CURLOPT_PREREQDATA, this);
@@ -419,14 +429,15 @@ int HttpTransfer::close(int connection) {
 /// A connection, new or kept, is ready for the request. libcurl takes its own time once the request
 /// is sent: a thread that was held up in between would find the answer there already, and a busy
 /// machine would make a server the nearest.
-void HttpTransfer::noteRequest() {
+void HttpTransfer::noteRequest(int localPort) {
   if (m_outcome.requestUs == 0) {
     m_outcome.requestUs = now();
   }
-  // Only a finished transfer knows its socket; those that lost the race have closed by now.
-  const auto* const open =
-      std::find_if(m_opened.begin(), m_opened.end(), [](int one) { return one != kNoSocket; });
-  m_socket = open == m_opened.end() ? kNoSocket : *open;
+  // Only a finished transfer knows its socket.
+  const auto* const found = std::find_if(m_opened.begin(), m_opened.end(), [localPort](int socket) {
+    return portOf(socket) == localPort;
+  });
+  m_socket = found == m_opened.end() ? kNoSocket : *found;
   const auto* tls = get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
   m_tls = m_request->secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
 }

@@ -67,7 +67,7 @@ class HttpTransfer {
 
   int open(int family, int type, int protocol);
   int close(int connection);
-  void noteRequest();
+  void noteRequest(int localPort);
 
   static constexpr int kNoSocket = -1;
 

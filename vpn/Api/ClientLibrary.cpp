@@ -1,5 +1,4 @@
-// Brings the client library up and takes it down in the opposite order. Each member stands for one
-// part that is up; destruction takes down exactly those.
+// Brings the client library up and takes it down in the opposite order.
 
 #include "vpn/Api/ClientLibrary.h"
 
@@ -22,8 +21,7 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
 
 }  // namespace
 
-CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status)
-    : m_pPreferenceMgr(nullptr), m_pExecutionContext(nullptr) {
+CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status) {
   const char* step = "CAppLog::Open";
   try {
     options.logProblem = CAppLog::Open(options.log);

@@ -37,6 +37,6 @@ class CClientLibrary {
 
  private:
   // One acquisition each, null for a part that was not brought up. Used by one thread.
-  PreferenceMgr* m_pPreferenceMgr;
-  CExecutionContext* m_pExecutionContext;
+  PreferenceMgr* m_pPreferenceMgr = nullptr;
+  CExecutionContext* m_pExecutionContext = nullptr;
 };

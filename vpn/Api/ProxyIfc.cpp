@@ -1,6 +1,4 @@
-// The proxy provider's interface and its credentials in clear. A credential's characters exist only
-// in the buffer that it holds at the moment: whatever it held before is set to zero before it is
-// released or reused, on assignment, on growth and on destruction.
+// A proxy's credentials in clear. Whatever one held is set to zero before it is released or reused.
 
 #include "vpn/Api/ProxyIfc.h"
 

@@ -1,7 +1,5 @@
 // The use of libxml2 by threads that may run out of memory, or that are still there when the
-// process exits. The state of a thread exists before any other function of libxml2 is called, or
-// none is called; nor is any once the exit handlers have run, after which libxml2 takes its own
-// state down.
+// process exits.
 
 #include "vpn/Api/XmlScope.h"
 

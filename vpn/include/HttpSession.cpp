@@ -1,4 +1,4 @@
-// The proxy record of an HTTP request. It never gives memory back that still holds a credential.
+// The proxy record of an HTTP request.
 
 #include "vpn/include/HttpSession.h"
 

@@ -1,5 +1,4 @@
-// The locks of the client library: a recursive mutex whose waiters spin a little before they sleep,
-// and a plain one that its holder can wait on.
+// The locks of the client library.
 
 #include "vpn/include/Locks.h"
 

@@ -10,16 +10,12 @@
 
 #include "vpn/include/ThreadAnnotations.h"
 
-/// A mutual-exclusion lock taken and given back by explicit calls.
-///
-/// The lock is recursive: the thread that holds it may take it again and must give it back as
-/// often. It is not copyable. Every operation may be called from any thread; `Unlock` only by the
-/// thread that holds the lock.
+/// A recursive lock: the thread that holds it may take it again and must give it back as often.
+/// Every operation may be called from any thread; `Unlock` only by the thread that holds the lock.
 class AHS_CAPABILITY("mutex") CManualLock {
  public:
-  /// @param spinCount how often a waiting thread tries again before it sleeps. The critical
-  ///        sections here are a few hundred instructions long, so a short spin saves two context
-  ///        switches; 0 sleeps at once.
+  /// @param spinCount how often a waiting thread tries again before it sleeps, which saves two
+  ///        context switches where locks are held for a few hundred instructions.
   explicit CManualLock(unsigned long spinCount = 0);
   ~CManualLock();  // NOLINT(performance-trivially-destructible): another client's lock need not be
 
@@ -37,12 +33,10 @@ class AHS_CAPABILITY("mutex") CManualLock {
   const unsigned long m_spinCount;
 };
 
-/// A lock together with the condition that its holders wait for: a monitor.
-///
-/// Unlike `CManualLock` it is not recursive, because a wait gives it back entirely. Who changes
-/// what others may be waiting for calls `NotifyAll` with the lock held. A wait may also end without
-/// a reason, so it stands in a loop that looks at the condition. Every operation may be called from
-/// any thread; waits and `Unlock` only by the thread that holds the lock.
+/// A lock together with the condition that its holders wait for: a monitor. It is not recursive.
+/// Who changes what others may be waiting for calls `NotifyAll` with the lock held. A wait may also
+/// end without a reason. Every operation may be called from any thread; waits and `Unlock` only by
+/// the thread that holds the lock.
 class AHS_CAPABILITY("mutex") CMonitor {
  public:
   CMonitor();
@@ -51,9 +45,7 @@ class AHS_CAPABILITY("mutex") CMonitor {
   CMonitor(const CMonitor&) = delete;
   CMonitor& operator=(const CMonitor&) = delete;
 
-  /// Takes the lock, waiting as long as another thread holds it.
   void Lock() AHS_ACQUIRE();
-  /// Gives the lock back.
   void Unlock() AHS_RELEASE();
 
   /// Gives the lock back, sleeps until it is notified, and takes the lock again.

@@ -1,6 +1,5 @@
-// Small string functions: locale-free folding, escaping for one line of output, and the holder of
-// secrets. There is one rule of wiping, SecureString::Reset; whatever holds a secret follows it
-// before memory is released or reused.
+// Small string functions and the holder of secrets. There is one rule of wiping,
+// SecureString::Reset; whatever holds a secret follows it before memory is released or reused.
 
 #include "vpn/include/StringUtils.h"
 
@@ -62,11 +61,6 @@ namespace {
 /// shall not copy the secret each time.
 constexpr std::size_t Headroom = 256;
 
-template <class StrT>
-std::size_t lengthToNul(const StrT& s) {
-  return StrT::traits_type::length(s.c_str());
-}
-
 template <class CharT>
 const CharT* checked(const CharT* str) {
   if (str == nullptr) {
@@ -75,8 +69,7 @@ const CharT* checked(const CharT* str) {
   return str;
 }
 
-/// A loop of assignments, or memset, to memory that is about to be released is dead code to the
-/// optimiser; explicit_bzero(3) is defined to be kept.
+/// To the optimiser, memset of memory that is about to be released would be dead code.
 template <class CharT>
 void zero(CharT* characters, std::size_t count) {
   explicit_bzero(characters, count * sizeof(CharT));
@@ -103,7 +96,7 @@ SecureString<StrT>::SecureString(const_pointerT str, std::size_t n) {
 }
 
 template <class StrT>
-SecureString<StrT>::SecureString(const StrT& s) : m_strValue(s.c_str(), lengthToNul(s)) {}
+SecureString<StrT>::SecureString(const StrT& s) : m_strValue(s.c_str()) {}
 
 template <class StrT>
 SecureString<StrT>::SecureString(const SecureString& other) : m_strValue(other.c_str()) {}
@@ -125,7 +118,7 @@ SecureString<StrT>& SecureString<StrT>::operator=(const SecureString& other) {
 template <class StrT>
 SecureString<StrT>& SecureString<StrT>::operator+=(const StrT& s) {
   if (m_strValue.length() + s.length() < m_strValue.capacity()) {
-    m_strValue.append(s.c_str(), lengthToNul(s));
+    m_strValue.append(s.c_str());
   } else {
     grow(s);
   }
@@ -141,7 +134,7 @@ void SecureString<StrT>::grow(const StrT& s) {
   Reset(m_strValue);
   m_strValue.reserve(needed);
   m_strValue.assign(tmp.m_strValue);
-  m_strValue.append(added.c_str(), lengthToNul(added));
+  m_strValue.append(added.c_str());
 }
 
 template <class StrT>

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <tuple>
 
 #include "vpn/include/StringUtils.h"
 #include "vpn/include/Utf8.h"
@@ -18,11 +19,6 @@ namespace {
 std::string systemError(const char* what, int error) {
   // strerror(3) is not for threads.
   return std::string(what) + ": " + std::generic_category().message(error);
-}
-
-std::string tooLarge(std::size_t maxSize) {
-  return "is larger than " + std::to_string(maxSize / (1024 * 1024)) +
-         " MiB, the most that is read";
 }
 
 /// Reads a file of that size. One byte more shows a file that has grown since its size was taken,
@@ -47,11 +43,10 @@ std::string readAll(const FileTrust::Descriptor& file, std::size_t size, std::st
   return {};
 }
 
-bool isSame(const struct stat& a, const struct stat& b) {
-  const auto equal = [](const timespec& one, const timespec& other) {
-    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
-  };
-  return a.st_size == b.st_size && equal(a.st_mtim, b.st_mtim) && equal(a.st_ctim, b.st_ctim);
+/// What differs when a file has changed.
+auto stampOf(const struct stat& status) {
+  return std::tuple(status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec,
+                    status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
 }
 
 bool continues(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; }
@@ -80,14 +75,16 @@ std::string ConfigurationBytes::readRegularFile(const std::string& path, std::si
       return systemError("cannot be read", errno);
     }
     if (before.st_size > static_cast<off_t>(maxSize)) {
-      return tooLarge(maxSize);
+      return "is larger than " + std::to_string(maxSize / (1024 * 1024)) +
+             " MiB, the most that is read";
     }
     const auto size = static_cast<std::size_t>(before.st_size);
     std::string error = readAll(file, size, contents);
     if (!error.empty()) {
       return error;
     }
-    if (contents.size() == size && ::fstat(file.get(), &after) == 0 && isSame(before, after)) {
+    if (contents.size() == size && ::fstat(file.get(), &after) == 0 &&
+        stampOf(before) == stampOf(after)) {
       return {};
     }
   }

@@ -14,8 +14,7 @@ namespace ConfigurationBytes {
 /// others, so a tag may not be endless; no address or name is longer than 2 KiB.
 constexpr std::size_t MaxTagLength = std::size_t{16} * 1024;
 
-/// Reads a regular file, or one that a link leads to, as a whole: one that changes meanwhile is
-/// read again, or refused. Opening never waits, whatever stands there.
+/// Reads a file as a whole: one that changes meanwhile is read again, or refused.
 /// @param contents receives its bytes.
 /// @return why it cannot be read; empty on success.
 std::string readRegularFile(const std::string& path, std::size_t maxSize, FileTrust::Check check,

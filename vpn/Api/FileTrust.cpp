@@ -4,6 +4,7 @@
 
 #include "vpn/Api/FileTrust.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include <climits>
 #include <filesystem>
 #include <iterator>
+#include <memory>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -258,4 +260,22 @@ bool FileTrust::makeDirectory(const std::string& path, Refusal& refusal) {
     return false;
   }
   return ::mkdir(path.c_str(), S_IRWXU) == 0 || errno == EEXIST || fail(refusal, errno);
+}
+
+int FileTrust::visitNames(Descriptor directory,
+                          const std::function<bool(const std::string& name)>& take) {
+  // Not std::filesystem: where memory is short, its directory iterator ends the process.
+  const std::unique_ptr<DIR, int (*)(DIR*)> opened(::fdopendir(directory.get()), &::closedir);
+  if (opened == nullptr) {
+    return errno;
+  }
+  directory.release();  // it goes with the stream
+  errno = 0;
+  while (const dirent* const entry = ::readdir(opened.get())) {
+    if (!take(entry->d_name)) {
+      return 0;
+    }
+    errno = 0;
+  }
+  return errno;
 }

@@ -2,18 +2,16 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 
-/// Opening files whose contents decide where a client connects: what another user could have
-/// written is refused.
-///
-/// A file is trusted when it, and every directory and link on the way to it from the root on,
-/// belongs to root or to the effective user, and nobody else may write it. A directory in which
-/// everybody may write but only own entries change (the sticky bit, as /tmp has it) is trusted:
-/// what stands in it belongs to somebody who is trusted himself, or is refused for its owner. A
-/// group counts as others whoever is in it, for who that is may change at any time. Each step is
-/// checked on an open descriptor and taken from there, so nobody can exchange what was checked. Any
-/// thread may call these.
+/// Opening files that another user could not have written. One is trusted when it, and every
+/// directory and link on the way to it from the root on, belongs to root or to the effective user,
+/// and nobody else may write it. A directory in which everybody may write but only own entries
+/// change (the sticky bit, as /tmp has it) is trusted: what stands in it belongs to somebody who is
+/// trusted himself, or is refused for its owner. A group counts as others whoever is in it, for who
+/// that is may change at any time. Each step is checked on an open descriptor and taken from there,
+/// so nobody can exchange what was checked. Any thread may call these.
 namespace FileTrust {
 
 /// Who may have written a file.
@@ -63,5 +61,9 @@ bool openDirectory(const std::string& path, Check check, Descriptor& directory, 
 /// only in one that is trusted.
 /// @return whether it is there; else `refusal` says why not.
 bool makeDirectory(const std::string& path, Refusal& refusal);
+
+/// Calls `take` with each name in an open directory until it returns false.
+/// @return an errno value, 0 on success.
+int visitNames(Descriptor directory, const std::function<bool(const std::string& name)>& take);
 
 }  // namespace FileTrust

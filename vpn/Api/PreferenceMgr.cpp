@@ -1,5 +1,5 @@
-// The one preference manager of the process. It lives from its creation until the last acquisition
-// is given back; files are read before anyone can acquire it, so all it hands out is constant.
+// The one preference manager of the process. Files are read before anyone can acquire it, so all it
+// hands out is constant.
 
 #include "vpn/Api/PreferenceMgr.h"
 
@@ -76,10 +76,11 @@ PreferenceMgr::PreferenceMgr(const Sources& sources) : m_sources(sources) {
   }
   const std::vector<FileProblem>& problems = m_profileMgr.getProblems();
   m_problems.insert(m_problems.end(), problems.begin(), problems.end());
-  logProblems();
+  for (const FileProblem& problem : m_problems) {
+    CAppLog::LogDebugMessage("PreferenceMgr", SourceFile, __LINE__, Logging::DBG_Warning, "%s",
+                             problem.toString().c_str());
+  }
 }
-
-PreferenceMgr::~PreferenceMgr() = default;
 
 STATUSCODE PreferenceMgr::getProfileMgr(ProfileMgr*& profileMgr) {
   profileMgr = &m_profileMgr;
@@ -118,15 +119,8 @@ std::vector<PreferenceMgr::Setting> PreferenceMgr::getSettings(PreferenceId id) 
 
 STATUSCODE PreferenceMgr::getParsedPreferenceFile(PreferenceScope scope,
                                                   UserPreferences*& preferences) {
-  switch (scope) {
-    case User:
-      preferences = &m_userPreferences;
-      return PREFERENCEMGR_SUCCESS;
-    case Global:
-      preferences = &m_globalInForce;
-      return PREFERENCEMGR_SUCCESS;
-  }
-  return PREFERENCEMGR_ERROR_BAD_PARAMETER;
+  preferences = scope == User ? &m_userPreferences : &m_globalInForce;
+  return PREFERENCEMGR_SUCCESS;
 }
 
 void PreferenceMgr::loadPreferences(const std::string& path, UserPreferences& preferences) {
@@ -190,11 +184,4 @@ void PreferenceMgr::addFileSetting(PreferenceScope scope, PreferenceId id,
                       preference->getPreferenceValue(),
                       isUsers ? m_sources.userPreferencesFile : m_sources.globalPreferencesFile,
                       preference->getLine(), "", false});
-}
-
-void PreferenceMgr::logProblems() const {
-  for (const FileProblem& problem : m_problems) {
-    CAppLog::LogDebugMessage("PreferenceMgr", SourceFile, __LINE__, Logging::DBG_Warning, "%s",
-                             problem.toString().c_str());
-  }
 }

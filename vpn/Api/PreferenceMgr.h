@@ -22,8 +22,6 @@ enum PREFERENCEMGR_ERRORS : STATUSCODE {
   PREFERENCEMGR_ERROR_NO_INSTANCE = 0xFE32000A,
 };
 
-/// The preferences and profiles of the process.
-///
 /// The start-up of the client library creates the one instance from its files; users acquire and
 /// release it in pairs, and the last release destroys it. The files are read once, at creation, and
 /// everything is constant from then on. All operations may be called from any thread.
@@ -89,7 +87,7 @@ class PreferenceMgr {
 
   /// The parsed file of a scope, an empty one when there is no such file; belongs to this object.
   /// The caller's preferences stand in the global one in place of the file's.
-  /// @return 0, or PREFERENCEMGR_ERROR_BAD_PARAMETER for a number that is no scope.
+  /// @return 0.
   STATUSCODE getParsedPreferenceFile(PreferenceScope scope, UserPreferences*& preferences);
 
   /// See `Sources::cacheDirectory`.
@@ -104,14 +102,13 @@ class PreferenceMgr {
 
  private:
   explicit PreferenceMgr(const Sources& sources);
-  ~PreferenceMgr();
+  ~PreferenceMgr() = default;
 
   void loadPreferences(const std::string& path, UserPreferences& preferences);
   void reportProxyOfUser();
   void preferCaller();
   void addProfileSetting(PreferenceId id, std::vector<Setting>& settings) const;
   void addFileSetting(PreferenceScope scope, PreferenceId id, std::vector<Setting>& settings) const;
-  void logProblems() const;
 
   // The lock is never freed, so that a thread that outlives the process's static objects may still
   // ask for the instance.

@@ -4,7 +4,6 @@
 
 #include "vpn/Api/ProfileFile.h"
 
-#include <map>
 #include <set>
 #include <utility>
 
@@ -58,9 +57,8 @@ class FileReader : private XmlDocument {
   std::size_t m_problemCount = 0;
   ProfileFile m_result;
   std::string m_contents;
-  std::vector<const ElementRule*> m_open;  // the elements around the current place; null: unknown
-  std::set<std::string> m_wrong;           // attributes of the last tag that were reported
-  std::map<PreferenceId, unsigned int> m_preferenceLines;
+  std::vector<const ElementRule*> m_open;   // the elements around the current place; null: unknown
+  std::set<std::string> m_wrong;            // attributes of the last tag that were reported
   std::optional<ProfileFile::Host> m_host;  // the open entry, as long as it has no mistake
   bool m_textReported = false;
   bool m_hostsFull = false;
@@ -205,13 +203,14 @@ void FileReader::readPreference(const Attributes& attributes) {
 }
 
 bool FileReader::isFirst(const PreferenceBase::Definition& definition) {
-  const Place here = placeOfTag();
-  const auto [line, isNew] = m_preferenceLines.emplace(definition.id, here.line);
-  if (!isNew) {
-    report(here, std::string("the preference \"") + definition.name + "\" stands already in line " +
-                     std::to_string(line->second) + "; the first one counts");
+  Preference* first = nullptr;
+  if (!m_result.preferences.getPreference(definition.id, first)) {
+    return true;
   }
-  return isNew;
+  report(placeOfTag(), std::string("the preference \"") + definition.name +
+                           "\" stands already in line " + std::to_string(first->getLine()) +
+                           "; the first one counts");
+  return false;
 }
 
 bool FileReader::checkValue(const PreferenceBase::Definition& definition,

@@ -3,10 +3,9 @@
 
 #include "vpn/Api/ProfileMgr.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <cerrno>
+#include <cstdint>
+#include <filesystem>
 #include <iterator>
 #include <set>
 #include <string_view>
@@ -26,14 +25,11 @@ constexpr std::string_view ProfileSuffix = ".xml";
 struct ProfileNames {
   std::set<std::string> names;
   std::size_t found = 0;
-  bool isComplete = true;
+  std::size_t lookedAt = 0;
 };
 
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
-void take(const std::string& name, ProfileNames& profiles) {
+/// @return whether more names are looked at.
+bool take(const std::string& name, ProfileNames& profiles) {
   if (name.ends_with(ProfileSuffix) && !name.starts_with('.')) {
     ++profiles.found;
     profiles.names.insert(name);
@@ -41,41 +37,12 @@ void take(const std::string& name, ProfileNames& profiles) {
       profiles.names.erase(std::prev(profiles.names.end()));
     }
   }
-}
-
-/// @return an errno value, 0 on success. Not std::filesystem: its directory iterator ends the
-/// process when memory is short.
-int listProfiles(FileTrust::Descriptor descriptor, ProfileNames& profiles) {
-  const std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(descriptor.get()));
-  if (directory == nullptr) {
-    return errno;
-  }
-  descriptor.release();  // it goes with the directory
-  for (std::size_t count = 0; count < ProfileMgr::MaxDirectoryEntries; ++count) {
-    errno = 0;
-    const dirent* entry = ::readdir(directory.get());
-    if (entry == nullptr) {
-      return errno;
-    }
-    take(entry->d_name, profiles);
-  }
-  profiles.isComplete = false;
-  return 0;
-}
-
-/// How many bytes of a file are read; one that is too large is refused unread.
-std::size_t readSizeOf(const std::string& path) {
-  struct stat status = {};
-  const bool isRead = ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-                      status.st_size <= static_cast<off_t>(MaxConfigurationFileSize);
-  return isRead ? static_cast<std::size_t>(status.st_size) : 0;
+  return ++profiles.lookedAt < ProfileMgr::MaxDirectoryEntries;
 }
 
 }  // namespace
 
 ProfileMgr::ProfileMgr() = default;
-
-ProfileMgr::~ProfileMgr() = default;
 
 void ProfileMgr::loadDirectory(const std::string& path) {
   FileTrust::Descriptor directory;
@@ -87,11 +54,12 @@ void ProfileMgr::loadDirectory(const std::string& path) {
     return;
   }
   ProfileNames profiles;
-  const int error = listProfiles(std::move(directory), profiles);
+  const int error = FileTrust::visitNames(
+      std::move(directory), [&](const std::string& name) { return take(name, profiles); });
   if (error != 0) {
     report({path, 0, 0, "the directory cannot be read: " + std::generic_category().message(error)});
   }
-  if (!profiles.isComplete) {
+  if (profiles.lookedAt == MaxDirectoryEntries) {
     report({path, 0, 0,
             "holds more than " + std::to_string(MaxDirectoryEntries) +
                 " names; the profiles among the others are not read"});
@@ -109,7 +77,9 @@ void ProfileMgr::loadFiles(const std::string& directory, const std::set<std::str
   std::size_t totalSize = 0;
   for (const std::string& name : names) {
     const std::string path = directory + "/" + name;
-    totalSize += readSizeOf(path);
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
+    totalSize += error || size > MaxConfigurationFileSize ? 0 : size;  // such a one is not read
     if (totalSize > MaxTotalSize) {
       report({path, 0, 0,
               "this profile and those after it are not read: together the profiles are larger "
@@ -165,7 +135,9 @@ void ProfileMgr::loadFile(const std::string& path, const std::string& profileNam
   const bool usable =
       readConfigurationFile(path, ConfigurationKind::Profile, profile, problems, m_check);
   ++m_fileCount;
-  report(problems);
+  for (const FileProblem& problem : problems) {
+    report(problem);
+  }
   if (usable) {
     addProfile(profileName, path, profile);
   }
@@ -183,19 +155,18 @@ void ProfileMgr::addProfile(const std::string& profileName, const std::string& p
   m_settings.push_back(std::make_unique<HostInitSettings>(profile.preferences));
   m_fileInitMap[profileName] = m_settings.back().get();
   for (const ProfileFile::Host& host : profile.hosts) {
-    addHost(profileName, path, host);
+    addHost(profileName, host);
   }
   for (const ProfileFile::Host& host : profile.leftOut) {
-    leaveOut(profileName, path, host);
+    leaveOut(profileName, host);
   }
 }
 
-void ProfileMgr::addHost(const std::string& profileName, const std::string& path,
-                         const ProfileFile::Host& host) {
+void ProfileMgr::addHost(const std::string& profileName, const ProfileFile::Host& host) {
   if (m_hosts.size() >= MaxHosts) {
     if (!m_full) {
       m_full = true;
-      report({path, host.line, host.column,
+      report({getProfilePath(profileName), host.line, host.column,
               "there are more than " + std::to_string(MaxHosts) +
                   " host entries; those from here on, and the profiles after this, are left out"});
     }
@@ -206,9 +177,9 @@ void ProfileMgr::addHost(const std::string& profileName, const std::string& path
     ProfileFile::Host other = host;
     other.reason = "the name belongs to the entry in " +
                    placeOf(known->second->getProfileName(), known->second->getLine());
-    report({path, host.line, host.column,
+    report({getProfilePath(profileName), host.line, host.column,
             "the host entry " + quoted(host.name) + " is left out: " + other.reason});
-    leaveOut(profileName, path, other);
+    leaveOut(profileName, other);
     return;
   }
   m_hosts.push_back(
@@ -216,10 +187,9 @@ void ProfileMgr::addHost(const std::string& profileName, const std::string& path
   known->second = m_hosts.back().get();
 }
 
-void ProfileMgr::leaveOut(const std::string& profileName, const std::string& path,
-                          const ProfileFile::Host& host) {
+void ProfileMgr::leaveOut(const std::string& profileName, const ProfileFile::Host& host) {
   if (m_leftOut.size() < MaxProblems) {
-    m_leftOut.push_back({profileName, path, host});
+    m_leftOut.push_back({profileName, host});
   }
 }
 
@@ -258,14 +228,7 @@ void ProfileMgr::report(const FileProblem& problem) {
   }
 }
 
-void ProfileMgr::report(const std::vector<FileProblem>& problems) {
-  for (const FileProblem& problem : problems) {
-    report(problem);
-  }
-}
-
 std::string ProfileMgr::placeOf(const std::string& profileName, unsigned int line) const {
-  const std::string path = getProfilePath(profileName);
-  return oneLine(path.empty() ? profileName : path) +
+  return oneLine(getProfilePath(profileName)) +
          (line != 0 ? ":" + std::to_string(line) : std::string());
 }

@@ -30,14 +30,10 @@ struct GivenHeadend {
 
 /// The profiles of the client: every "*.xml" file of a directory, read once.
 ///
-/// A profile's name is its file's name without ".xml"; a file whose name begins with a dot is no
-/// profile. Files are read in ascending byte order of their names. A host entry's name belongs to
-/// the first profile that has it; a later entry of the same name is reported and left out. Of
-/// profiles that give a preference different values the first in byte order of their names counts,
-/// and the others are reported. A file
-/// that cannot be read or is not a profile is reported and skipped, and so is an entry whose
-/// address cannot be parsed; the rest is used. Constant once it is loaded; any thread may then read
-/// it. Objects handed out belong to the manager.
+/// A profile's name is its file's name without ".xml". Files are read in ascending byte order of
+/// their names; a host entry's name, and a preference, is that of the first profile that has it.
+/// What is left out is reported, and the rest is used: docs/profiles.md. Constant once it is
+/// loaded; any thread may then read it. Objects handed out belong to the manager.
 class ProfileMgr {
  public:
   /// Bounds of one manager: profiles, host entries, bytes of all files. What exceeds them is
@@ -54,7 +50,7 @@ class ProfileMgr {
 
   /// No profile at all.
   ProfileMgr();
-  ~ProfileMgr();
+  ~ProfileMgr() = default;
   ProfileMgr(const ProfileMgr&) = delete;
   ProfileMgr& operator=(const ProfileMgr&) = delete;
 
@@ -86,7 +82,6 @@ class ProfileMgr {
   /// A host entry that is in none of the maps.
   struct LeftOutHost {
     std::string profileName;  ///< of the profile that holds it
-    std::string path;         ///< of that profile's file
     ProfileFile::Host host;   ///< what could be read of it, and why it is in none
   };
 
@@ -105,13 +100,10 @@ class ProfileMgr {
  private:
   void loadFiles(const std::string& directory, const std::set<std::string>& names);
   void loadFile(const std::string& path, const std::string& profileName);
-  void addHost(const std::string& profileName, const std::string& path,
-               const ProfileFile::Host& host);
-  void leaveOut(const std::string& profileName, const std::string& path,
-                const ProfileFile::Host& host);
+  void addHost(const std::string& profileName, const ProfileFile::Host& host);
+  void leaveOut(const std::string& profileName, const ProfileFile::Host& host);
   void reportConflicts();
   void report(const FileProblem& problem);
-  void report(const std::vector<FileProblem>& problems);
   std::string placeOf(const std::string& profileName, unsigned int line) const;
 
   // What the two maps point to, by address for as long as the manager lives.

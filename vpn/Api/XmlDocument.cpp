@@ -16,10 +16,10 @@
 
 namespace {
 
-// The formats nest three deep; this leaves room for a stranger's file to be told its mistakes.
+// The formats nest three deep.
 constexpr std::size_t MaxDepth = 16;
 
-// No element takes more than three; the rest is not worth a message each.
+// No element takes more than three.
 constexpr int MaxAttributes = 16;
 
 // Most names of elements, attributes and processing instructions in a file. libxml2 keeps each in a

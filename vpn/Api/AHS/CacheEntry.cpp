@@ -1,5 +1,4 @@
-// The results of one selection run, and how old they are. The order of the results is the order in
-// which they came in: ranking is done on copies, so that what is stored stays what was measured.
+// The results of one selection run, and how old they are.
 
 #include "vpn/Api/AHS/CacheEntry.h"
 

@@ -56,11 +56,11 @@ HostEntry entryOf(const ProfileMgr& profiles, const HostProfile& host) {
           reasonOf(settings, participation)};
 }
 
-HostEntry entryOf(const ProfileMgr::LeftOutHost& leftOut) {
+HostEntry entryOf(const ProfileMgr& profiles, const ProfileMgr::LeftOutHost& leftOut) {
   const ProfileFile::Host& host = leftOut.host;
   return {host.name,
           leftOut.profileName,
-          leftOut.path,
+          profiles.getProfilePath(leftOut.profileName),
           host.line,
           host.address.empty() ? host.name : host.address,
           false,
@@ -95,7 +95,7 @@ std::vector<HostEntry> findHostEntries() {
       entries.push_back(entryOf(profiles, *host));
     }
     for (const ProfileMgr::LeftOutHost& host : profiles.getLeftOutHosts()) {
-      entries.push_back(entryOf(host));
+      entries.push_back(entryOf(profiles, host));
     }
   });
   std::ranges::stable_sort(entries, {}, &HostEntry::name);

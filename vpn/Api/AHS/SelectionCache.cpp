@@ -80,8 +80,6 @@ CSelectionCache::CSelectionCache(STATUSCODE& status) : m_settings() {
   status = buildCacheFromPrefs();
 }
 
-CSelectionCache::~CSelectionCache() = default;
-
 STATUSCODE CSelectionCache::buildCacheFromPrefs() {
   CAHSSettings::GetSettings(m_settings);
   const CInstanceSmartPtr<PreferenceMgr> preferences;

@@ -64,11 +64,11 @@ class CSelectionCache {
 
  private:
   explicit CSelectionCache(STATUSCODE& status);
-  ~CSelectionCache();
+  ~CSelectionCache() = default;
 
   STATUSCODE buildCacheFromPrefs();
   STATUSCODE updateCache();
-  /// The present place: where the machine is, and how the probes of the selection leave it.
+  /// Where the machine is, and how the probes of the selection leave it.
   STATUSCODE calculateKey(std::vector<std::string>& dnsList);
   static void storeAttribute(SaxWriterIfc* pWriter, const std::string& name,
                              const std::string& value);

@@ -5,7 +5,6 @@
 
 #include "vpn/Api/AHS/SelectionFiles.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -115,8 +114,8 @@ std::string failure(const char* what, const fs::path& path) {
   return what + path.string() + ": " + std::generic_category().message(errno);
 }
 
-/// Whether the directory is there and may be used. @param isMade makes it if it is missing.
-bool isUsable(const std::string& directory, bool isMade, std::string& problem) {
+/// Opens the directory if it may be used. @param isMade makes it if it is missing.
+FileTrust::Descriptor open(const std::string& directory, bool isMade, std::string& problem) {
   FileTrust::Descriptor opened;
   FileTrust::Refusal refusal;
   const bool isOpen = (!isMade || FileTrust::makeDirectory(directory, refusal)) &&
@@ -124,7 +123,7 @@ bool isUsable(const std::string& directory, bool isMade, std::string& problem) {
   if (!isOpen && (isMade || (refusal.error != ENOENT && refusal.error != ENOTDIR))) {
     problem = "the directory " + directory + " " + refusal.text;
   }
-  return isOpen;
+  return opened;
 }
 
 bool readSelection(const fs::path& file, Selection& selection, std::string& problem) {
@@ -148,12 +147,7 @@ using UsedFile = std::pair<std::chrono::sys_time<fs::file_time_type::duration>, 
 /// The files of selections, and those of former versions; those used last first.
 std::vector<UsedFile> filesIn(const std::string& directory, std::string& problem) {
   std::vector<UsedFile> files;
-  const bool isThere = isUsable(directory, false, problem);
-  // Not std::filesystem::directory_iterator: where memory is short, it ends the process.
-  const std::unique_ptr<DIR, int (*)(DIR*)> opened(isThere ? opendir(directory.c_str()) : nullptr,
-                                                   &closedir);
-  while (const dirent* const item = opened == nullptr ? nullptr : readdir(opened.get())) {
-    const std::string name = item->d_name;
+  FileTrust::visitNames(open(directory, false, problem), [&](const std::string& name) {
     if (name.starts_with("selection-") || name.starts_with("selections.xml")) {
       const fs::path file = fs::path(directory) / name;
       std::error_code missing;
@@ -161,7 +155,8 @@ std::vector<UsedFile> filesIn(const std::string& directory, std::string& problem
       const bool isPast = !missing && used <= std::chrono::system_clock::now();
       files.emplace_back(isPast ? used : decltype(used){}, file);
     }
-  }
+    return true;
+  });
   std::ranges::sort(files, std::ranges::greater());
   return files;
 }
@@ -186,7 +181,7 @@ bool SelectionFiles::read(const std::string& directory, const std::string& key, 
                           std::string& problem) {
   const fs::path file = fileOf(directory, key);
   Selection found;
-  if (!isUsable(directory, false, problem) || !readSelection(file, found, problem) ||
+  if (open(directory, false, problem).get() < 0 || !readSelection(file, found, problem) ||
       keyOf(found) != key) {
     return false;
   }
@@ -203,7 +198,7 @@ bool SelectionFiles::write(const std::string& directory, const Selection& select
     problem = "it is too large for a file, or its names are no text";
     return false;
   }
-  if (!isUsable(directory, true, problem)) {
+  if (open(directory, true, problem).get() < 0) {
     return false;
   }
   std::string temporary = file.string() + ".new-XXXXXX";

@@ -55,7 +55,6 @@ ProfileMgr::ProfileMgr() {
   }
 }
 
-ProfileMgr::~ProfileMgr() = default;
 void ProfileMgr::loadDirectory(const std::string&) {}
 void ProfileMgr::addHeadends(const std::string&, const std::vector<GivenHeadend>&) {}
 
@@ -91,7 +90,6 @@ std::string UserPreferences::getProxyPort() const {
 }
 
 PreferenceMgr::PreferenceMgr(const Sources&) {}
-PreferenceMgr::~PreferenceMgr() = default;
 
 PreferenceMgr* PreferenceMgr::acquireInstance() {
   doubles::PreferenceScript& script = doubles::preferences();

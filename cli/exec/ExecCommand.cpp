@@ -73,11 +73,6 @@ class Foreground {
   std::optional<int> m_signal AHS_GUARDED_BY(m_lock);
 };
 
-std::string howItEnded(const ChildProgram::End& end) {
-  return end.bySignal ? "was ended by signal " + std::to_string(end.status - ExitSignalBase)
-                      : "ended with status " + std::to_string(end.status);
-}
-
 /// How one program went.
 struct Attempt {
   int status = 0;
@@ -104,7 +99,9 @@ Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
     return {end.status, false};
   }
   Console::complain(
-      "for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " + howItEnded(end) +
+      "for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " +
+      (end.bySignal ? "was ended by signal " + std::to_string(end.status - ExitSignalBase)
+                    : "ended with status " + std::to_string(end.status)) +
       " after " +
       Wording::fixed(std::chrono::duration<double>(steady_clock::now() - start).count(), 1) +
       " s.");

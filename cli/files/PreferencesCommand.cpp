@@ -2,6 +2,7 @@
 // from, and what it goes before.
 
 #include <CLI/CLI.hpp>
+#include <map>
 #include <memory>
 
 #include "cli/Commands.h"
@@ -41,19 +42,13 @@ std::vector<Effective> findEffective() {
 }
 
 const char* originName(Setting::Origin origin) {
-  switch (origin) {
-    case Setting::Origin::Caller:
-      return "command line";
-    case Setting::Origin::Profile:
-      return "profile";
-    case Setting::Origin::User:
-      return "user";
-    case Setting::Origin::Global:
-      return "global";
-    case Setting::Origin::Default:
-      break;
-  }
-  return "default";
+  static const std::map<Setting::Origin, const char*> names = {
+      {Setting::Origin::Caller, "command line"},
+      {Setting::Origin::Profile, "profile"},
+      {Setting::Origin::User, "user"},
+      {Setting::Origin::Global, "global"},
+      {Setting::Origin::Default, "default"}};
+  return names.at(origin);
 }
 
 std::string placeOf(const Setting& setting) {

@@ -1,8 +1,8 @@
 // `ahs select`: one selection from the options to the exit status. Nothing is printed on standard
 // output but the result.
 
-#include <algorithm>
 #include <memory>
+#include <set>
 
 #include "cli/AddOption.h"
 #include "cli/Commands.h"
@@ -20,19 +20,16 @@
 
 namespace {
 
-bool isNamed(const SelectionResult& result, const std::string& name) {
-  return std::ranges::any_of(result.results, [&name](const HeadendResult& headend) {
-    return CStringUtils::toLower(headend.headend) == CStringUtils::toLower(name);
-  });
-}
-
 // Hosts of the command line go in place of the profiles, so the name of an entry is one more host
 // that no name server knows.
 void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& plan) {
-  const auto isUnknown = [](const HeadendResult& headend) {
-    return headend.outcome == HeadendOutcome::NameNotResolved;
-  };
-  if (plan.sources.headends.empty() || std::ranges::none_of(result.results, isUnknown)) {
+  std::set<std::string> unknown;
+  for (const HeadendResult& headend : result.results) {
+    if (headend.outcome == HeadendOutcome::NameNotResolved) {
+      unknown.insert(CStringUtils::toLower(headend.headend));
+    }
+  }
+  if (plan.sources.headends.empty() || unknown.empty()) {
     return;
   }
   ProfileMgr profiles;
@@ -41,7 +38,8 @@ void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& p
   }
   profiles.loadDirectory(plan.sources.profileDirectory);
   for (const auto& [name, host] : profiles.getHostProfileMap()) {
-    if (host != nullptr && !host->getHostAddress().empty() && isNamed(result, name)) {
+    if (host != nullptr && !host->getHostAddress().empty() &&
+        unknown.contains(CStringUtils::toLower(name))) {
       Console::complain("'" + Console::visible(name) + "' is a host entry of the profiles: name " +
                         "its address, " + host->getHostAddress() +
                         ", or leave the hosts out to select among all entries.");

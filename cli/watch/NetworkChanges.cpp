@@ -52,12 +52,10 @@ std::string interfaceText(const ifaddrs& entry) {
   return text;
 }
 
-int timeoutOf(milliseconds time) {
-  return static_cast<int>(std::max<milliseconds::rep>(time.count(), 0));
-}
-
-milliseconds until(BootClock::time_point end) {
-  return std::chrono::ceil<milliseconds>(end - BootClock::now());
+/// Milliseconds for poll(2) until then, `most` at most.
+int timeUntil(BootClock::time_point end, milliseconds most) {
+  const auto left = std::chrono::ceil<milliseconds>(end - BootClock::now());
+  return static_cast<int>(std::clamp(left, milliseconds(0), most).count());
 }
 
 }  // namespace
@@ -113,9 +111,9 @@ std::uint64_t NetworkChanges::stateOfNetwork() {
 
 NetworkChanges::Heard NetworkChanges::wait(milliseconds longest) {
   const auto end = BootClock::now() + longest;
-  while (until(end).count() > 0) {
+  while (BootClock::now() < end) {
     std::array<pollfd, 2> waits{{{m_problem.empty() ? m_socket : -1, POLLIN, 0}, {m_output, 0, 0}}};
-    poll(waits.data(), waits.size(), timeoutOf(std::min(until(end), LongestPoll)));
+    poll(waits.data(), waits.size(), timeUntil(end, LongestPoll));
     if (waits[1].revents != 0) {
       return Heard::Closed;
     }
@@ -135,8 +133,7 @@ void NetworkChanges::waitForRest() const {
   pollfd message{m_socket, POLLIN, 0};
   do {
     drain();
-  } while (until(patience).count() > 0 &&
-           poll(&message, 1, timeoutOf(std::min(Rest, until(patience)))) > 0);
+  } while (BootClock::now() < patience && poll(&message, 1, timeUntil(patience, Rest)) > 0);
 }
 
 /// Takes all messages that are there, and the news that some were lost.

@@ -13,14 +13,14 @@
 namespace {
 
 // A realm is shown to a person; what is longer than this was not meant for one.
-constexpr std::size_t kMaxRealmLength = 4096;
+constexpr std::size_t MaxRealmLength = 4096;
 
 // RFC 9110, section 5.6.2: tchar.
-constexpr std::string_view kTokenCharacters =
+constexpr std::string_view TokenCharacters =
     "!#$%&'*+-.^_`|~0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
 // RFC 9110, section 11.2: what NTLM and Negotiate put in the place of parameters, before its "=".
-constexpr std::string_view kToken68Characters =
+constexpr std::string_view Token68Characters =
     "-._~+/0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
 bool startsWithBlank(std::string_view text) {
@@ -41,7 +41,7 @@ bool hasControl(std::string_view text) {
 }
 
 std::string_view takeToken(std::string_view& rest) {
-  const std::string_view token = rest.substr(0, rest.find_first_not_of(kTokenCharacters));
+  const std::string_view token = rest.substr(0, rest.find_first_not_of(TokenCharacters));
   rest.remove_prefix(token.size());
   return token;
 }
@@ -91,7 +91,7 @@ bool unquote(std::string_view text, std::string& value) {
 }
 
 bool isToken68(std::string_view text) {
-  const std::size_t end = std::min(text.find_first_not_of(kToken68Characters), text.size());
+  const std::size_t end = std::min(text.find_first_not_of(Token68Characters), text.size());
   return end != 0 && text.find_first_not_of('=', end) == std::string_view::npos;
 }
 
@@ -104,7 +104,7 @@ struct CHALLENGE {
   /// The realm of one that has been read to its end, if it is one that was looked for.
   std::string usableRealm() const {
     const bool usable =
-        wanted && wellFormed && realm && realm->size() <= kMaxRealmLength && !hasControl(*realm);
+        wanted && wellFormed && realm && realm->size() <= MaxRealmLength && !hasControl(*realm);
     return usable ? *realm : std::string();
   }
 };
@@ -172,9 +172,9 @@ std::string CHttpHeaderResponse::getProxyAuthRealm(std::string scheme) const {
     while (!line.empty() && startsWithBlank(rest)) {
       line.append(" ").append(CStringUtils::trimmed(takeLine(rest)));
     }
-    constexpr std::string_view kHeader = "proxy-authenticate:";
-    if (CStringUtils::equalsIgnoringCase(line.substr(0, kHeader.size()), kHeader)) {
-      if (std::string realm = findRealm(line.substr(kHeader.size()), scheme); !realm.empty()) {
+    constexpr std::string_view Header = "proxy-authenticate:";
+    if (CStringUtils::equalsIgnoringCase(line.substr(0, Header.size()), Header)) {
+      if (std::string realm = findRealm(line.substr(Header.size()), scheme); !realm.empty()) {
         return realm;
       }
     }

@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr unsigned int kProxyChallenge = 407;
+constexpr unsigned int ProxyChallenge = 407;
 
 /// Where this thread's probes keep their transfer; null where they keep none. A plain pointer: it
 /// needs no memory to set up and none to take down.
@@ -30,7 +30,7 @@ thread_local std::shared_ptr<KeptTransfer>* keptHere = nullptr;
 /// the strongest alone, and Negotiate without a ticket is no more than another request.
 bool passwordIsUntried(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& request) {
   const auto offered = static_cast<unsigned long>(outcome.offeredLogIns);
-  return outcome.HttpStatus() == kProxyChallenge && request.Proxied() && request.mayUseTicket &&
+  return outcome.HttpStatus() == ProxyChallenge && request.Proxied() && request.mayUseTicket &&
          !request.credentials->proxyUser.empty() && !request.credentials->proxyPswd.empty() &&
          (offered & CURLAUTH_NEGOTIATE) != 0 && (offered & (CURLAUTH_BASIC | CURLAUTH_NTLM)) != 0;
 }

@@ -26,36 +26,36 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 // A transfer has one connection. More are open only while libcurl tries several addresses.
-constexpr long kMaxConnections = 1;
+constexpr long MaxConnections = 1;
 
 // How long the rest of a short answer is waited for, counted from its head: one round trip, which
 // is what a new connection would take at least. The bounds are for a network that is nearer than
 // two packets of a server are to each other, and for a peer that pretends to be far away.
-constexpr microseconds kLeastBodyWait(1000);
-constexpr microseconds kMostBodyWait(250'000);
+constexpr microseconds LeastBodyWait(1000);
+constexpr microseconds MostBodyWait(250'000);
 
 // libcurl knows itself when it has to act; this only keeps a wait from being endless.
-constexpr milliseconds kMaxPoll(1000);
+constexpr milliseconds MaxPoll(1000);
 
 // libcurl turns to the next address of a name when it is called, not when one has refused, or has
 // had half of the time that is left.
-constexpr milliseconds kNextAddress(10);
-constexpr milliseconds kLaterAddress(50);
+constexpr milliseconds NextAddress(10);
+constexpr milliseconds LaterAddress(50);
 
 // How long a rival, whose connection is not waited for, may go without a look.
-constexpr milliseconds kRivalPoll(10);
+constexpr milliseconds RivalPoll(10);
 
-constexpr long long kUnknown = -1;
+constexpr long long Unknown = -1;
 
 /// The smallest round trip that the kernel saw on a connection, in microseconds.
 long long smallestRoundTrip(int connection) {
   tcp_info info{};
   socklen_t length = sizeof info;
-  constexpr socklen_t kNeeded = offsetof(tcp_info, tcpi_min_rtt) + sizeof info.tcpi_min_rtt;
+  constexpr socklen_t Needed = offsetof(tcp_info, tcpi_min_rtt) + sizeof info.tcpi_min_rtt;
   // All ones stand for a connection without a sample; kernels that do not measure leave the zero.
-  if (getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || length < kNeeded ||
+  if (getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 || length < Needed ||
       info.tcpi_min_rtt == ~0U || info.tcpi_min_rtt == 0) {
-    return kUnknown;
+    return Unknown;
   }
   return info.tcpi_min_rtt;
 }
@@ -101,7 +101,7 @@ HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names
       m_multi(curl_multi_init(), [](void* multi) { curl_multi_cleanup(multi); }),
       m_easy(curl_easy_init(), curl_easy_cleanup) {
   if (!m_multi || !m_easy ||
-      curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, kMaxConnections) != CURLM_OK) {
+      curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, MaxConnections) != CURLM_OK) {
     m_setup = CURLE_OUT_OF_MEMORY;
     return;
   }
@@ -141,7 +141,7 @@ bool HttpTransfer::Send(const PROBE_REQUEST& request, Clock::time_point limit,
     }
     int ready = 0;
     const milliseconds longest = longestWait(limit);
-    const bool waited = wait(rival != nullptr ? std::min(longest, kRivalPoll) : longest, ready);
+    const bool waited = wait(rival != nullptr ? std::min(longest, RivalPoll) : longest, ready);
     for (HttpTransfer* const one : {this, rival}) {
       if (one != nullptr && !one->m_hasEnded && (!waited || isCancelled())) {
         one->end(waited ? CURLE_ABORTED_BY_CALLBACK : CURLE_OUT_OF_MEMORY);
@@ -153,7 +153,7 @@ bool HttpTransfer::Send(const PROBE_REQUEST& request, Clock::time_point limit,
 void HttpTransfer::start() {
   m_hasEnded = false;
   m_outcome = PROBE_OUTCOME();
-  m_outcome.reused = m_socket != kNoSocket;
+  m_outcome.reused = m_socket != NoSocket;
   AnswerHead::Expectations expects;
   expects.tunnel = m_request->secure && m_request->Proxied();
   expects.logIn = m_request->LogsIn();
@@ -224,19 +224,19 @@ void HttpTransfer::noteFirstByte() {
 
 /// Waits for the network or for the end of the task.
 bool HttpTransfer::wait(milliseconds longest, int& ready) {
-  const int task = m_request->task != nullptr ? m_request->task->CancelDescriptor() : kNoSocket;
+  const int task = m_request->task != nullptr ? m_request->task->CancelDescriptor() : NoSocket;
   curl_waitfd cancel{task, CURL_WAIT_POLLIN, 0};
-  return curl_multi_poll(m_multi.get(), &cancel, task != kNoSocket ? 1 : 0,
+  return curl_multi_poll(m_multi.get(), &cancel, task != NoSocket ? 1 : 0,
                          static_cast<int>(longest.count()), &ready) == CURLM_OK;
 }
 
 milliseconds HttpTransfer::longestWait(Clock::time_point limit) const {
   const auto current = Clock::now();
-  milliseconds longest = std::min(std::chrono::ceil<milliseconds>(limit - current), kMaxPoll);
+  milliseconds longest = std::min(std::chrono::ceil<milliseconds>(limit - current), MaxPoll);
   if (m_outcome.requestUs == 0) {
     const auto half = m_startedAt + (m_request->deadline - m_startedAt) / 2;
     const auto toHalf = std::chrono::ceil<milliseconds>(half - current) + milliseconds(1);
-    longest = std::min(longest, m_lost ? kNextAddress : current > half ? kLaterAddress : toHalf);
+    longest = std::min(longest, m_lost ? NextAddress : current > half ? LaterAddress : toHalf);
   }
   return longest;
 }
@@ -247,7 +247,7 @@ bool HttpTransfer::IsReadyFor(const PROBE_REQUEST& request) {
     fetchBody();
   }
   char byte = 0;
-  return m_socket != kNoSocket && (m_tls == nullptr || m_tlsWatch.IsTrustCurrent()) &&
+  return m_socket != NoSocket && (m_tls == nullptr || m_tlsWatch.IsTrustCurrent()) &&
          (m_tls == nullptr || SSL_has_pending(m_tls) == 0) &&
          recv(m_socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) < 0;
 }
@@ -255,9 +255,9 @@ bool HttpTransfer::IsReadyFor(const PROBE_REQUEST& request) {
 /// Brings in what is left of the answer, or gives the connection up.
 void HttpTransfer::fetchBody() {
   const Clock::time_point start = Clock::now();
-  const microseconds roundTrip(m_rttUs != kUnknown ? m_rttUs : m_tookUs);
-  const Clock::time_point end = m_headAt + std::clamp(roundTrip, kLeastBodyWait, kMostBodyWait);
-  m_tlsWatch.SetEnd(std::max(end, start + kLeastBodyWait));
+  const microseconds roundTrip(m_rttUs != Unknown ? m_rttUs : m_tookUs);
+  const Clock::time_point end = m_headAt + std::clamp(roundTrip, LeastBodyWait, MostBodyWait);
+  m_tlsWatch.SetEnd(std::max(end, start + LeastBodyWait));
   int running = 1;
   int ready = 0;
   milliseconds left(1);
@@ -291,8 +291,8 @@ PROBE_OUTCOME HttpTransfer::TakeOutcome() {
       m_outcome.address = address;
     }
     curl_header* location = nullptr;
-    constexpr int kLastRequest = -1;
-    if (curl_easy_header(m_easy.get(), "Location", 0, CURLH_HEADER, kLastRequest, &location) ==
+    constexpr int LastRequest = -1;
+    if (curl_easy_header(m_easy.get(), "Location", 0, CURLH_HEADER, LastRequest, &location) ==
         CURLHE_OK) {
       m_outcome.location = location->value;
     }
@@ -323,7 +323,7 @@ void HttpTransfer::collectTimes() {
   }
   m_outcome.connectTookUs = m_tookUs;
   // A connection that is open is asked now; one that has closed was asked as it did.
-  if (m_socket != kNoSocket) {
+  if (m_socket != NoSocket) {
     m_rttUs = smallestRoundTrip(m_socket);
   }
   m_outcome.networkRttUs = m_rttUs;
@@ -394,17 +394,17 @@ void HttpTransfer::setUpTelling() {
 /// as long as they run. A request that a kept connection loses is not libcurl's to send again.
 int HttpTransfer::open(int family, int type, int protocol) {
   if (m_outcome.reused) {
-    return kNoSocket;
+    return NoSocket;
   }
   if (m_openedUs == 0) {
     m_openedUs = now();
   }
   const int opened = socket(family, type | SOCK_CLOEXEC, protocol);
   ProbeTask* const task = m_request->task;
-  if (opened != kNoSocket && task != nullptr &&
+  if (opened != NoSocket && task != nullptr &&
       !unlessThrown(false, [&] { return task->SocketOpened(opened, family); })) {
     ::close(opened);
-    return kNoSocket;
+    return NoSocket;
   }
   m_opened.at(m_openedCount++ % m_opened.size()) = opened;
   return opened;
@@ -415,12 +415,12 @@ int HttpTransfer::open(int family, int type, int protocol) {
 int HttpTransfer::close(int connection) {
   const long long rtt = smallestRoundTrip(connection);
   m_lost = true;
-  std::replace(m_opened.begin(), m_opened.end(), connection, kNoSocket);
-  if (rtt != kUnknown) {
+  std::replace(m_opened.begin(), m_opened.end(), connection, NoSocket);
+  if (rtt != Unknown) {
     m_rttUs = rtt;
   }
   if (connection == m_socket) {
-    m_socket = kNoSocket;
+    m_socket = NoSocket;
     m_tls = nullptr;
   }
   return ::close(connection);
@@ -437,7 +437,7 @@ void HttpTransfer::noteRequest(int localPort) {
   const auto* const found = std::find_if(m_opened.begin(), m_opened.end(), [localPort](int socket) {
     return portOf(socket) == localPort;
   });
-  m_socket = found == m_opened.end() ? kNoSocket : *found;
+  m_socket = found == m_opened.end() ? NoSocket : *found;
   const auto* tls = get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
   m_tls = m_request->secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
 }

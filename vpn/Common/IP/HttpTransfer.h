@@ -69,7 +69,7 @@ class HttpTransfer {
   int close(int connection);
   void noteRequest(int localPort);
 
-  static constexpr int kNoSocket = -1;
+  static constexpr int NoSocket = -1;
 
   const bool m_keeps;
   const PROBE_REQUEST* m_request = nullptr;  ///< the one under way
@@ -85,10 +85,10 @@ class HttpTransfer {
   long long m_tookUs = 0;
   long long m_rttUs = -1;
   /// The last few sockets that were made, more than libcurl tries at a time.
-  std::array<int, 4> m_opened{kNoSocket, kNoSocket, kNoSocket, kNoSocket};
+  std::array<int, 4> m_opened{NoSocket, NoSocket, NoSocket, NoSocket};
   std::size_t m_openedCount = 0;
-  int m_socket = kNoSocket;  ///< while it is open and once a request could be sent
-  ssl_st* m_tls = nullptr;   ///< the same of a secure one
+  int m_socket = NoSocket;  ///< while it is open and once a request could be sent
+  ssl_st* m_tls = nullptr;  ///< the same of a secure one
   /// The easy handle is with the multi handle. After a request it is only if a body is due.
   bool m_attached = false;
   Clock::time_point m_startedAt;

@@ -13,15 +13,15 @@ namespace {
 // Parts of a probe's time-out: how long a kept connection may be silent on its own, and how soon a
 // server has to answer for its connection to be kept at all. So a fresh connection always has time
 // for what the last one took, should the kept one be gone.
-constexpr int kSilentPart = 4;
-constexpr int kPromptPart = 4;
-constexpr int kOpenedPart = 2;
+constexpr int SilentPart = 4;
+constexpr int PromptPart = 4;
+constexpr int OpenedPart = 2;
 
 bool isPrompt(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& request) {
   const auto tookToAnswer = std::chrono::microseconds(outcome.firstByteUs - outcome.requestUs);
   const auto tookInAll = std::chrono::microseconds(outcome.firstByteUs - outcome.openedUs);
-  return tookToAnswer <= request.timeout / kPromptPart &&
-         (outcome.reused || tookInAll <= request.timeout / kOpenedPart);
+  return tookToAnswer <= request.timeout / PromptPart &&
+         (outcome.reused || tookInAll <= request.timeout / OpenedPart);
 }
 
 }  // namespace
@@ -44,7 +44,7 @@ KeptTransfer::Transfer KeptTransfer::takeIdle(const PROBE_REQUEST& request) {
 PROBE_OUTCOME KeptTransfer::Send(const PROBE_REQUEST& request) {
   Transfer transfer = takeIdle(request);
   if (!transfer ||
-      !transfer->Send(request, HttpTransfer::Clock::now() + request.timeout / kSilentPart)) {
+      !transfer->Send(request, HttpTransfer::Clock::now() + request.timeout / SilentPart)) {
     m_keeps = m_keeps && !transfer;
     auto fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
     fresh->Send(request, HttpTransfer::Clock::time_point::max(), transfer.get());

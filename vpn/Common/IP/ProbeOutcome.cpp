@@ -13,15 +13,15 @@
 
 namespace {
 
-constexpr long long kUnknown = -1;
+constexpr long long Unknown = -1;
 
 /// What libcurl's code means. One that is not listed means that what was connected to did not
 /// answer with HTTP, or, without a connection, that none could be made.
 STATUSCODE statusOf(const PROBE_OUTCOME& outcome, bool proxied) {
-  constexpr long kFirstFinal = 200;
+  constexpr long FirstFinal = 200;
   switch (outcome.code) {
     case CURLE_OK:
-      if (outcome.httpStatus >= kFirstFinal) {
+      if (outcome.httpStatus >= FirstFinal) {
         return HTTP_SESSION_SUCCESS;
       }
       break;  // interim answers promise a final one; without it nothing has been answered
@@ -64,7 +64,7 @@ long long responseRoundTrip(const PROBE_OUTCOME& outcome) {
   return (outcome.firstByteUs > 0 ? outcome.firstByteUs : outcome.endedUs) - outcome.requestUs;
 }
 
-long long ifHappened(long long time) { return time > 0 ? time : kUnknown; }
+long long ifHappened(long long time) { return time > 0 ? time : Unknown; }
 
 unsigned int toMilliseconds(long long microseconds) {
   return static_cast<unsigned int>((std::max(microseconds, 0LL) + 500) / 1000);
@@ -73,7 +73,7 @@ unsigned int toMilliseconds(long long microseconds) {
 /// The network's round trip, or what comes nearest to it where the kernel does not tell. A
 /// connection that was reset while it opened took until its end.
 long long networkRoundTrip(const PROBE_OUTCOME& outcome) {
-  if (outcome.networkRttUs != kUnknown) {
+  if (outcome.networkRttUs != Unknown) {
     return outcome.networkRttUs;
   }
   return outcome.connectTookUs > 0 ? outcome.connectTookUs : outcome.endedUs - outcome.openedUs;
@@ -82,12 +82,12 @@ long long networkRoundTrip(const PROBE_OUTCOME& outcome) {
 }  // namespace
 
 bool PROBE_OUTCOME::Connected() const {
-  return reused || connectUs > 0 || networkRttUs != kUnknown || osError == ECONNRESET;
+  return reused || connectUs > 0 || networkRttUs != Unknown || osError == ECONNRESET;
 }
 
 unsigned int PROBE_OUTCOME::HttpStatus() const {
-  constexpr long kFirstRefusal = 300;
-  const bool refused = tunnelStatus >= kFirstRefusal;
+  constexpr long FirstRefusal = 300;
+  const bool refused = tunnelStatus >= FirstRefusal;
   return static_cast<unsigned int>(httpStatus == 0 && refused ? tunnelStatus : httpStatus);
 }
 

@@ -19,10 +19,10 @@
 namespace {
 
 // libcurl refuses time-outs above INT_MAX milliseconds.
-constexpr unsigned int kMaxTimeoutSeconds = INT_MAX / 1000;
+constexpr unsigned int MaxTimeoutSeconds = INT_MAX / 1000;
 
 // The default of the scheme in "http://proxy".
-constexpr std::string_view kDefaultProxyPort = "80";
+constexpr std::string_view DefaultProxyPort = "80";
 
 /// The host as it stands in a URL; empty if it is no host.
 std::string checkedHost(const std::string& host) {
@@ -39,8 +39,8 @@ std::string checkedHost(const std::string& host) {
 
 /// "http=http://host:port" as libcurl takes it, "http://host:port"; empty if it is no proxy.
 std::string checkedProxy(const std::string& setting) {
-  constexpr std::string_view kForScheme = "http=";
-  const std::size_t start = setting.starts_with(kForScheme) ? kForScheme.size() : 0;
+  constexpr std::string_view ForScheme = "http=";
+  const std::size_t start = setting.starts_with(ForScheme) ? ForScheme.size() : 0;
   const URL url(setting.substr(start));
   const bool scheme =
       url.getProtocol() == URLPROTOCOL_HTTP || url.getProtocol() == URLPROTOCOL_NONE;
@@ -49,7 +49,7 @@ std::string checkedProxy(const std::string& setting) {
     return {};
   }
   return "http://" + url.getHostFragment() + ":" +
-         (url.getPort().empty() ? std::string(kDefaultProxyPort) : url.getPort());
+         (url.getPort().empty() ? std::string(DefaultProxyPort) : url.getPort());
 }
 
 /// Who has the say about the system's proxy.
@@ -84,12 +84,12 @@ SETTLED_BY systemProxySettledBy(bool secure) {
 
 /// Takes the first entry of the system's list that can be used: a proxy that speaks HTTP, or none.
 CURLcode takeFirstUsable(const std::vector<std::string>& entries, std::string& proxy) {
-  constexpr std::string_view kHttp = "http://";
+  constexpr std::string_view Http = "http://";
   for (const std::string& entry : entries) {
     if (entry == "direct://") {
       return CURLE_OK;
     }
-    if (entry.starts_with(kHttp)) {
+    if (entry.starts_with(Http)) {
       proxy = checkedProxy(entry);
       if (!proxy.empty()) {
         return CURLE_OK;
@@ -127,7 +127,7 @@ unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA&
   }
   userAgent = withoutControlCharacters(userAgent);
   credentials = &proxyData;
-  timeout = std::chrono::seconds(std::clamp(timeoutSeconds, 1U, kMaxTimeoutSeconds));
+  timeout = std::chrono::seconds(std::clamp(timeoutSeconds, 1U, MaxTimeoutSeconds));
   deadline = start + timeout;
   if (proxyData.determineProxy) {
     return DetermineProxy();

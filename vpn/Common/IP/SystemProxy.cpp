@@ -24,15 +24,15 @@ namespace {
 
 // A healthy one answers within milliseconds, so this many serve any number of probes; as many that
 // hang are proof enough that the next would hang as well.
-constexpr std::size_t kMostFactories = 4;
+constexpr std::size_t MostFactories = 4;
 
 // The modules are written for the stack of a main program: some run a script interpreter.
-constexpr std::size_t kStackBytes = 8UL * 1024 * 1024;
+constexpr std::size_t StackBytes = 8UL * 1024 * 1024;
 
 /// One question, on a thread that who asks it need not wait for.
 class Lookup : public CThread {
  public:
-  explicit Lookup(std::string serverUrl) : CThread(kStackBytes), url(std::move(serverUrl)) {}
+  explicit Lookup(std::string serverUrl) : CThread(StackBytes), url(std::move(serverUrl)) {}
   STATUSCODE Run() override;
 
   const std::string url;
@@ -52,7 +52,7 @@ class Factories {
   SystemProxy::Outcome Take(MonotonicClock::time_point deadline, Lookup& lookup) {
     const CAutoLockT<CMonitor> guard(m_lock);
     while (m_idleCount == 0) {
-      if (m_lateCount == kMostFactories) {
+      if (m_lateCount == MostFactories) {
         return SystemProxy::Outcome::Failed;
       }
       if (MonotonicClock::now() >= deadline) {
@@ -93,8 +93,8 @@ class Factories {
  private:
   CMonitor m_lock;
   /// A stack, so that those already made are taken first.
-  std::array<pxProxyFactory*, kMostFactories> m_idle AHS_GUARDED_BY(m_lock){};
-  std::size_t m_idleCount AHS_GUARDED_BY(m_lock) = kMostFactories;
+  std::array<pxProxyFactory*, MostFactories> m_idle AHS_GUARDED_BY(m_lock){};
+  std::size_t m_idleCount AHS_GUARDED_BY(m_lock) = MostFactories;
   std::size_t m_lateCount AHS_GUARDED_BY(m_lock) = 0;
 };
 
@@ -105,9 +105,9 @@ Factories& factories() {
 
 /// An entry without a user name and a password: what stands between the scheme and the last "@".
 std::string withoutCredentials(std::string_view entry) {
-  constexpr std::string_view kSchemeEnd = "://";
-  const std::size_t scheme = entry.find(kSchemeEnd);
-  const std::size_t start = scheme == std::string_view::npos ? 0 : scheme + kSchemeEnd.size();
+  constexpr std::string_view SchemeEnd = "://";
+  const std::size_t scheme = entry.find(SchemeEnd);
+  const std::size_t start = scheme == std::string_view::npos ? 0 : scheme + SchemeEnd.size();
   const std::size_t at = entry.rfind('@');
   const bool names = at != std::string_view::npos && at >= start;
   return std::string(entry.substr(0, start)).append(entry.substr(names ? at + 1 : start));

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::size_t kMostDoubts = 8;
+constexpr std::size_t MostDoubts = 8;
 
 /// OpenSSL is C and cannot be thrown through. Without memory the rest is left out.
 template <class Body>
@@ -86,7 +86,7 @@ int TlsWatch::onVerified(int isFine, x509_store_ctx_st* store) {
   if (shown.certificate.empty()) {
     noteCertificate(X509_STORE_CTX_get0_cert(store), shown.certificate);
   }
-  if (isFine == 0 && shown.doubts.size() < kMostDoubts) {
+  if (isFine == 0 && shown.doubts.size() < MostDoubts) {
     const char* doubt = X509_verify_cert_error_string(X509_STORE_CTX_get_error(store));
     if (std::find(shown.doubts.begin(), shown.doubts.end(), doubt) == shown.doubts.end()) {
       withoutThrowing([&] { shown.doubts.emplace_back(doubt); });

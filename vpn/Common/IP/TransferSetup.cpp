@@ -12,11 +12,11 @@
 namespace {
 
 // A head fits, and there may be a thousand probes at a time. Both are the least that libcurl takes.
-constexpr long kReceiveBufferBytes = 1024;
-constexpr long kSendBufferBytes = 16L * 1024;
+constexpr long ReceiveBufferBytes = 1024;
+constexpr long SendBufferBytes = 16L * 1024;
 
 // The ways to log in to a proxy that take a password.
-constexpr long kPasswordLogIns = static_cast<long>(CURLAUTH_BASIC | CURLAUTH_NTLM);
+constexpr long PasswordLogIns = static_cast<long>(CURLAUTH_BASIC | CURLAUTH_NTLM);
 
 /// Sets options until one fails.
 class Options {
@@ -63,7 +63,7 @@ void setProxy(const PROBE_REQUEST& request, Options& options) {
     options.set(CURLOPT_PROXYPASSWORD, request.credentials->proxyPswd.c_str());
     options.set(
         CURLOPT_PROXYAUTH,
-        kPasswordLogIns | (request.mayUseTicket ? static_cast<long>(CURLAUTH_NEGOTIATE) : 0L));
+        PasswordLogIns | (request.mayUseTicket ? static_cast<long>(CURLAUTH_NEGOTIATE) : 0L));
   }
 }
 
@@ -80,8 +80,8 @@ unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
   options.set(CURLOPT_NOSIGNAL, 1L);
   // The thread that waits for a silent name server is left behind when the time-out passes.
   options.set(CURLOPT_QUICK_EXIT, 1L);
-  options.set(CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
-  options.set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
+  options.set(CURLOPT_BUFFERSIZE, ReceiveBufferBytes);
+  options.set(CURLOPT_UPLOAD_BUFFERSIZE, SendBufferBytes);
   if (request.handshake != nullptr) {
     // The connection is made and nothing is sent. Doubts about the certificate are told by the
     // handshake; libcurl looks for the host alone.

@@ -14,7 +14,7 @@ namespace {
 
 // Twice as deep as a log-in to a proxy and the TLS handshake after it reach, and not so deep that a
 // thread with a small stack could do the one and not the other.
-constexpr std::size_t kStackDepth = 24UL * 1024;
+constexpr std::size_t StackDepth = 24UL * 1024;
 
 /// Text that is copied goes through vector registers and stays there; the dynamic linker puts them
 /// on the stack when it looks up a function at its first call, a signal whenever it comes.
@@ -67,6 +67,6 @@ void* TransportMemory::Resize(void* block, std::size_t size) {
 // Its own frame begins where those of the functions before it began.
 [[gnu::noinline]] void TransportMemory::WipeStack() {
   wipeVectorRegisters();  // first: the next call may put them on the stack
-  void* const left = alloca(kStackDepth);
-  explicit_bzero(left, kStackDepth);
+  void* const left = alloca(StackDepth);
+  explicit_bzero(left, StackDepth);
 }

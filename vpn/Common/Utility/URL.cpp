@@ -19,11 +19,11 @@ namespace {
 
 // Longest address taken. Long enough for every name with a generous path, short enough that a
 // damaged profile cannot fill a log or a cache key.
-constexpr std::size_t kMaxTextLength = 2048;
+constexpr std::size_t MaxTextLength = 2048;
 // RFC 1035: 255 bytes on the wire, which is 253 characters of text.
-constexpr std::size_t kMaxNameLength = 253;
+constexpr std::size_t MaxNameLength = 253;
 // IFNAMSIZ of Linux is 16 with the closing zero.
-constexpr std::size_t kMaxZoneLength = 15;
+constexpr std::size_t MaxZoneLength = 15;
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -70,16 +70,16 @@ std::string takeScheme(std::string_view& rest, URLPROTOCOL& protocol) {
     return {};
   }
   // In the order of the enumerators.
-  constexpr std::string_view kSchemes[] = {"http", "https", "ldap"};
+  constexpr std::string_view Schemes[] = {"http", "https", "ldap"};
   const auto* const scheme =
-      std::find_if(std::begin(kSchemes), std::end(kSchemes), [&](std::string_view known) {
+      std::find_if(std::begin(Schemes), std::end(Schemes), [&](std::string_view known) {
         return CStringUtils::equalsIgnoringCase(known, rest.substr(0, end));
       });
-  if (scheme == std::end(kSchemes)) {
+  if (scheme == std::end(Schemes)) {
     return "The part before \"://\" is no known scheme; write http, https or ldap, or leave it "
            "out.";
   }
-  protocol = static_cast<URLPROTOCOL>(scheme - std::begin(kSchemes));
+  protocol = static_cast<URLPROTOCOL>(scheme - std::begin(Schemes));
   rest.remove_prefix(end + 3);
   return {};
 }
@@ -107,7 +107,7 @@ std::string takeIPv6(std::string_view& rest, std::string& host) {
     const bool known = std::all_of(zone.begin(), zone.end(), [](char c) {
       return isNameCharacter(c) && static_cast<unsigned char>(c) < 128;
     });
-    if (!known || zone.empty() || zone.size() > kMaxZoneLength) {
+    if (!known || zone.empty() || zone.size() > MaxZoneLength) {
       return "The zone of the IPv6 address is no interface name; write it like [fe80::1%25eth0].";
     }
     host.append("%").append(zone);
@@ -132,7 +132,7 @@ std::string checkName(const std::string& name) {
     return "The host has a character in it that no name has; use letters, digits, \"-\", \"_\" "
            "and \".\".";
   }
-  if (name.size() > kMaxNameLength) {
+  if (name.size() > MaxNameLength) {
     return "The host is longer than 253 bytes, which no name is; shorten it.";
   }
   if (name.front() == '.' || name.back() == '.' || name.find("..") != std::string::npos) {
@@ -174,11 +174,11 @@ std::string takePort(std::string_view& rest, std::string& port) {
   if (rest.empty() || startsLocation(rest[0])) {
     return {};
   }
-  static const std::string kError =
+  static const std::string error =
       "What follows the host is no port; write \":\" and a number from 1 to 65535.";
   const std::size_t end = findLocation(rest);
   if (rest[0] != ':') {
-    return kError;
+    return error;
   }
   const std::string_view written = rest.substr(1, end - 1);
   rest.remove_prefix(end);
@@ -189,7 +189,7 @@ std::string takePort(std::string_view& rest, std::string& port) {
   const char* const writtenEnd = written.data() + written.size();
   const auto [numberEnd, error] = std::from_chars(written.data(), writtenEnd, number);
   if (error != std::errc() || numberEnd != writtenEnd || number == 0) {
-    return kError;
+    return error;
   }
   port = std::to_string(number);
   return {};
@@ -212,7 +212,7 @@ std::string URL::findError(const std::string& text) {
 /// Takes `text` apart. Returns what is wrong with it, or nothing; then the parts hold.
 std::string URL::parse(std::string_view text) {
   std::string_view rest = CStringUtils::trimmed(text);
-  if (rest.size() > kMaxTextLength) {
+  if (rest.size() > MaxTextLength) {
     return "It is longer than 2048 bytes; shorten it.";
   }
   std::string error = findBadCharacter(rest);

@@ -35,9 +35,8 @@ const tests::MemoryFile& file() {
 Reading read(const std::string& text) {
   Reading reading;
   file().Write(text);
-  reading.usable =
-      readConfigurationFile(file().Path(), ConfigurationKind::Profile, reading.profile,
-                            reading.problems, FileTrust::Check::Waived);
+  reading.usable = readConfigurationFile(file().Path(), ConfigurationKind::Profile, reading.profile,
+                                         reading.problems, FileTrust::Check::Waived);
   return reading;
 }
 

@@ -146,9 +146,9 @@ std::string takeProxy(const ahs_options& options,
 }
 
 Logging::DebugImportance importanceOf(uint32_t level) {
-  constexpr Logging::DebugImportance importances[] = {Logging::DBG_Error, Logging::DBG_Warning,
+  constexpr Logging::DebugImportance Importances[] = {Logging::DBG_Error, Logging::DBG_Warning,
                                                       Logging::DBG_Info};
-  return importances[level];
+  return Importances[level];
 }
 
 std::string findLoginError(const ahs_request& request) {

@@ -20,14 +20,14 @@ class AHS_CAPABILITY("mutex") Turn {
   void Lock() AHS_ACQUIRE() {
     const CAutoLockT<CMonitor> guard(m_lock);
     while (m_isTaken) {
-      m_lock.Wait();
+      m_lock.wait();
     }
     m_isTaken = true;
   }
   void Unlock() AHS_RELEASE() {
     const CAutoLockT<CMonitor> guard(m_lock);
     m_isTaken = false;
-    m_lock.NotifyAll();
+    m_lock.notifyAll();
   }
 
  private:

@@ -13,11 +13,11 @@ namespace {
 static_assert(std::is_same_v<uint32_t, unsigned int>, "samples are handed out as they are stored");
 static_assert(static_cast<uint32_t>(HeadendOutcome::NotInCache) == AHS_OUTCOME_NOT_IN_CACHE);
 
-const char* const nothing = "";
+const char* const Nothing = "";
 
 /// The address that answered, else the last one that was connected to.
 const char* addressOf(const HeadendResult& headend) {
-  const char* address = nothing;
+  const char* address = Nothing;
   for (const HttpProbe::Report& probe : headend.probes) {
     if (!probe.address.empty()) {
       address = probe.address.c_str();
@@ -35,7 +35,7 @@ Result::Result(ahs_status status, uint32_t reason) noexcept {
   value.size = sizeof value;
   value.status = status;
   value.reason = reason;
-  value.proxy_realm = nothing;
+  value.proxy_realm = Nothing;
   value.cache_age_s = -1;
 }
 

@@ -52,19 +52,19 @@ class Selection::Run : public SelectionRecord {
   SocketWay& way() { return m_way; }
 
   // Counted and posted under one lock, so that a message counts those before it and itself.
-  void ProbeStarted(const HttpProbe::Report& report) override {
+  void probeStarted(const HttpProbe::Report& report) override {
     const CAutoLockT<CMonitor> guard(m_selection->m_lock);
-    SelectionRecord::ProbeStarted(report);
+    SelectionRecord::probeStarted(report);
     m_selection->tellProbe(report, progress(), false);
   }
-  void ProbeEnded(const HttpProbe::Report& report) override {
+  void probeEnded(const HttpProbe::Report& report) override {
     const CAutoLockT<CMonitor> guard(m_selection->m_lock);
-    SelectionRecord::ProbeEnded(report);
+    SelectionRecord::probeEnded(report);
     m_selection->tellProbe(report, progress(), true);
   }
-  bool SocketOpened(int socket, int family) override {
+  bool socketOpened(int socket, int family) override {
     // The client may cancel while it looks at the socket.
-    return !IsCancelled() && m_way.prepare(socket, family) && !IsCancelled();
+    return !isCancelled() && m_way.prepare(socket, family) && !isCancelled();
   }
 
  private:
@@ -139,7 +139,7 @@ void Selection::cancel() noexcept {
   }
   // Also one whose result is there may have workers that are late.
   if (const auto under = run(); under != nullptr) {
-    under->Cancel();
+    under->cancel();
   }
 }
 
@@ -160,11 +160,11 @@ const ahs_result* Selection::wait(uint32_t timeoutMs) {
   const CAutoLockT<CMonitor> guard(m_lock);
   while (!m_isDone) {
     if (timeoutMs == AHS_WAIT_FOREVER) {
-      m_lock.Wait();
+      m_lock.wait();
     } else if (MonotonicClock::now() >= limit) {
       return nullptr;
     } else {
-      m_lock.WaitUntil(limit);
+      m_lock.waitUntil(limit);
     }
   }
   return &m_result.value;
@@ -225,7 +225,7 @@ void Selection::settle(Result&& result) {
   m_result.value.elapsed_ms =
       static_cast<uint32_t>(std::chrono::duration_cast<milliseconds>(elapsed).count());
   m_isDone = true;
-  m_lock.NotifyAll();
+  m_lock.notifyAll();
   m_resultMessage.front().subject = shared_from_this();
   m_teller->post(m_resultMessage);
 }

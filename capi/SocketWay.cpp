@@ -117,7 +117,7 @@ bool SocketWay::ask(int socket) {
               });
   const CAutoLockT<CMonitor> guard(m_lock);
   --m_callbacks;
-  m_lock.NotifyAll();
+  m_lock.notifyAll();
   return isGranted;
 }
 
@@ -125,7 +125,7 @@ void SocketWay::close() {
   const CAutoLockT<CMonitor> guard(m_lock);
   m_isClosed = true;
   while (m_callbacks > 0) {
-    m_lock.Wait();
+    m_lock.wait();
   }
 }
 

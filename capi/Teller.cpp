@@ -75,7 +75,7 @@ void Teller::post(Messages& messages) noexcept {
     return;
   }
   m_queue.splice(m_queue.end(), messages);
-  m_lock.NotifyAll();
+  m_lock.notifyAll();
   if (m_descriptor >= 0) {
     eventfd_write(m_descriptor, 1);
   }
@@ -99,7 +99,7 @@ void Teller::tellQueue() {
     tellOne(one.front());
     m_lock.Lock();
     --subject.m_beingTold;
-    m_lock.NotifyAll();
+    m_lock.notifyAll();
     // The last holder of the subject may be the message, whose destruction takes other locks.
     m_lock.Unlock();
     one.clear();
@@ -107,14 +107,14 @@ void Teller::tellQueue() {
   }
   calm();
   m_thread = former;
-  m_lock.NotifyAll();
+  m_lock.notifyAll();
 }
 
 void Teller::serve() {
   const CAutoLockT<CMonitor> guard(m_lock);
   while (!m_isClosing) {
     if (m_queue.empty()) {
-      m_lock.Wait();
+      m_lock.wait();
     } else {
       tellQueue();
     }
@@ -122,7 +122,7 @@ void Teller::serve() {
   // What came before the closing; inside a message all of it was told.
   tellQueue();
   m_isServed = false;
-  m_lock.NotifyAll();
+  m_lock.notifyAll();
 }
 
 /// Nothing is to be told.
@@ -142,16 +142,16 @@ void Teller::forget(Subject& subject) {
     calm();
   }
   while (subject.m_beingTold > 0 && depth == 0) {
-    m_lock.Wait();
+    m_lock.wait();
   }
 }
 
 void Teller::close() {
   const CAutoLockT<CMonitor> guard(m_lock);
   m_isClosing = true;
-  m_lock.NotifyAll();
+  m_lock.notifyAll();
   while (depth == 0 && (m_isServed || m_thread != std::thread::id())) {
-    m_lock.Wait();
+    m_lock.wait();
   }
   // Whoever is inside a message of this one tells the rest here; a thread that serves it goes on.
   if (isMine() || (!m_isServed && m_thread == std::thread::id())) {

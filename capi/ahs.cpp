@@ -46,9 +46,9 @@ ahs_status refused(std::string_view why) noexcept { return failed(AHS_ERROR_BAD_
 
 /// A number that no handle of either kind has had. It looks like a pointer to those who look.
 std::uintptr_t newNumber() {
-  constexpr std::uintptr_t step = 16;
+  constexpr std::uintptr_t Step = 16;
   static std::atomic<std::uintptr_t> last{0};
-  return last += step;
+  return last += Step;
 }
 
 /// The objects that clients hold, by handle. Any thread may call anything.
@@ -306,9 +306,9 @@ ahs_status ahs_cancel(ahs_selection* selection) {
   return AHS_SUCCESS;
 }
 
-const ahs_result* ahs_wait(ahs_selection* selection, uint32_t timeout_ms) {
+const ahs_result* ahs_wait(ahs_selection* selection, uint32_t timeoutMs) {
   const auto found = selections().find(selection);
-  return found == nullptr ? nullptr : found->wait(timeout_ms);
+  return found == nullptr ? nullptr : found->wait(timeoutMs);
 }
 
 ahs_status ahs_free(ahs_selection* selection) {

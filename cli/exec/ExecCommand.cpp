@@ -110,7 +110,7 @@ Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
 
 int runPrograms(const ExecOptions& options, const SelectionResult& result) {
   const auto foreground = std::make_shared<Foreground>();
-  Interruption::setDuties({CAppLog::Flush, {}, {}, [foreground](int signal, bool fromTerminal) {
+  Interruption::setDuties({CAppLog::flush, {}, {}, [foreground](int signal, bool fromTerminal) {
                              return foreground->takeOver(signal, fromTerminal);
                            }});
   Attempt attempt;

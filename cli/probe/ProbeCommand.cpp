@@ -45,7 +45,7 @@ constexpr unsigned int Wanted =
 /// Keeps the report of the last probe. Probes and their reader are one thread.
 class LastReport : public ProbeTask {
  public:
-  void ProbeEnded(const HttpProbe::Report& report) override { m_report = report; }
+  void probeEnded(const HttpProbe::Report& report) override { m_report = report; }
 
   const HttpProbe::Report& report() const { return m_report; }
 

@@ -124,7 +124,7 @@ bool isTls(int firstByte) { return firstByte == SSL3_RT_HANDSHAKE || firstByte =
 
 /// OpenSSL's reason, "error:0A000410:SSL routines::sslv3 alert handshake failure" without its
 /// beginning; empty if the connection ended without one.
-std::string reasonOf(const TLS_HANDSHAKE& handshake) {
+std::string reasonOf(const TlsHandshake& handshake) {
   const std::string_view words = handshake.failure.data();
   if (words.find("error:") == std::string_view::npos ||
       words.find("unexpected eof") != std::string_view::npos) {
@@ -133,7 +133,7 @@ std::string reasonOf(const TLS_HANDSHAKE& handshake) {
   return shortText(std::string(words.substr(words.rfind(':') + 1)));
 }
 
-std::string problemOf(const TLS_HANDSHAKE& handshake) {
+std::string problemOf(const TlsHandshake& handshake) {
   if (handshake.isDone) {
     return "";
   }
@@ -155,7 +155,7 @@ std::string problemOf(const TLS_HANDSHAKE& handshake) {
 }  // namespace
 
 TlsInspection inspectTls(const std::string& host, unsigned short port, std::chrono::seconds limit) {
-  const TLS_HANDSHAKE handshake = HttpProbe::ShakeHands(host, port, limit);
+  const TlsHandshake handshake = HttpProbe::shakeHands(host, port, limit);
   TlsInspection inspection;
   inspection.address = handshake.address;
   inspection.problem = problemOf(handshake);

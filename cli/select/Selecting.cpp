@@ -66,7 +66,7 @@ class SelectionRun : public ClientIfcBase {
     const auto limit = Clock::now() + longest;
     const CAutoLockT<CMonitor> guard(m_lock);
     while (!m_isDelivered && Clock::now() < limit) {
-      m_lock.WaitUntil(limit);
+      m_lock.waitUntil(limit);
     }
     return m_isDelivered;
   }
@@ -96,7 +96,7 @@ class SelectionRun : public ClientIfcBase {
     m_delivery.extraInfo = extraInfo;
     m_delivery.elapsed = elapsed();
     m_isDelivered = true;
-    m_lock.NotifyAll();
+    m_lock.notifyAll();
   }
 
  private:
@@ -138,7 +138,7 @@ void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
   const auto table = std::make_shared<LiveTable>();
   Interruption::setDuties({[table] {
                              // A terminal that takes nothing any more holds the table up.
-                             CAppLog::Flush();
+                             CAppLog::flush();
                              table->close();
                            },
                            [table] { table->erase(); },
@@ -188,13 +188,13 @@ bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
   if (terminal != nullptr) {
     Interruption::setDuties({[terminal] {
                                terminal->leave();
-                               CAppLog::Flush();
+                               CAppLog::flush();
                              },
                              [terminal] { terminal->stepAside(); },
                              [terminal] { terminal->comeBack(); }});
   }
   const bool found = login.find(proxy, realm);
-  Interruption::setDuties({CAppLog::Flush, {}, {}});
+  Interruption::setDuties({CAppLog::flush, {}, {}});
   return found;
 }
 
@@ -207,7 +207,7 @@ Selecting::~Selecting() { endRun(); }
 
 /// Brings up what a selection stands on. @return whether there is anything to select from.
 bool Selecting::prepare() {
-  Interruption::setDuties({CAppLog::Flush, {}, {}});
+  Interruption::setDuties({CAppLog::flush, {}, {}});
   CClientLibrary::Options options{m_plan.sources, m_plan.log, ""};
   if (!options.sources.headends.empty()) {
     options.sources.profileDirectory.clear();  // hosts of the command line go in its place
@@ -356,7 +356,7 @@ int Selecting::leave(int exitStatus) {
     // Threads that still wait for an answer must not see their process taken down around them, and
     // their run gives the cache back too late.
     m_cache.reset();
-    CAppLog::Flush();
+    CAppLog::flush();
     _exit(exitStatus);
   }
   return exitStatus;

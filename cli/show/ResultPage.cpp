@@ -196,9 +196,9 @@ const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
 }
 
 std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen, bool named) {
-  static const HttpProbe::Report NoProbe;
+  static const HttpProbe::Report noProbe;
   const HttpProbe::Report* nearest = nearestProbe(headend);
-  const HttpProbe::Report& probe = nearest == nullptr ? NoProbe : *nearest;
+  const HttpProbe::Report& probe = nearest == nullptr ? noProbe : *nearest;
   return std::string(isChosen ? "<tr class=\"chosen\">" : "<tr>") +
          cell(rank == 0 ? "" : std::to_string(rank), true) + cell(headend.headend) +
          (named ? cell(nameBeside(headend.headend, headend.name)) : "") +

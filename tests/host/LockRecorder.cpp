@@ -188,7 +188,7 @@ void __real__ZN11CManualLock6UnlockEv(void* lock);
 void __real__ZN8CMonitorC1Ev(void* lock);
 void __real__ZN8CMonitor4LockEv(void* lock);
 void __real__ZN8CMonitor6UnlockEv(void* lock);
-void __real__ZN8CMonitor4WaitEv(void* lock);
+void __real__ZN8CMonitor4waitEv(void* lock);
 
 void __wrap__ZN11CManualLockC1Em(void* lock, unsigned long spinCount) {
   tests::noteBuilt(lock, __builtin_return_address(0));
@@ -214,9 +214,9 @@ void __wrap__ZN8CMonitor6UnlockEv(void* lock) {
   tests::noteGivenBack(lock);
   __real__ZN8CMonitor6UnlockEv(lock);
 }
-void __wrap__ZN8CMonitor4WaitEv(void* lock) {
+void __wrap__ZN8CMonitor4waitEv(void* lock) {
   tests::noteWaiting(lock);
-  __real__ZN8CMonitor4WaitEv(lock);
+  __real__ZN8CMonitor4waitEv(lock);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

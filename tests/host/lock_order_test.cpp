@@ -195,13 +195,13 @@ namespace {
 
 class ProbeWatcher : public SelectionRecord {
  public:
-  void ProbeStarted(const HttpProbe::Report& report) override {
+  void probeStarted(const HttpProbe::Report& report) override {
     moments().probe.Note();
-    SelectionRecord::ProbeStarted(report);
+    SelectionRecord::probeStarted(report);
   }
-  void ProbeEnded(const HttpProbe::Report& report) override {
+  void probeEnded(const HttpProbe::Report& report) override {
     moments().probe.Note();
-    SelectionRecord::ProbeEnded(report);
+    SelectionRecord::probeEnded(report);
   }
 };
 
@@ -234,7 +234,7 @@ class Selections {
                      const std::function<void()>& afterFirstStart = {}) {
     Client client([] { moments().callback.Note(); });
     CHeadendSelection* const run = makeRun(client, reason, "", proxy);
-    std::thread([&, task = CTask::Current()] {
+    std::thread([&, task = CTask::current()] {
       const CTask::Scope scope(task);
       t_afterStart = afterFirstStart;
       run->run();

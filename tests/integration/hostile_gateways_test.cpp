@@ -133,7 +133,7 @@ bool fallsSilent(const Hostile& hostile) {
 
 /// Remembers the last probe.
 struct LastProbe : ProbeTask {
-  void ProbeEnded(const HttpProbe::Report& ended) override { report = ended; }
+  void probeEnded(const HttpProbe::Report& ended) override { report = ended; }
 
   HttpProbe::Report report;
 };
@@ -338,7 +338,7 @@ class HostileSelection : public testing::Test {
   }
 
   Lines LogFile() const {
-    CAppLog::Flush();
+    CAppLog::flush();
     std::istringstream log(readFile(m_directory.File("log")));
     Lines lines;
     for (std::string line; std::getline(log, line);) {

@@ -140,7 +140,7 @@ std::string selectWithSecrets(int pipe, const std::string& scheme, const std::st
 [[gnu::noinline]] std::string selectAndForget(int pipe, const std::string& scheme,
                                               const std::string& left) {
   std::string outcome = selectWithSecrets(pipe, scheme, left);
-  TransportMemory::WipeStack();
+  TransportMemory::wipeStack();
   return outcome;
 }
 

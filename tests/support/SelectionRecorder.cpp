@@ -82,7 +82,7 @@ class Recorder : public ClientIfcBase, public ProbeTask {
     m_called.notify_all();
   }
 
-  void ProbeEnded(const HttpProbe::Report& report) override {
+  void probeEnded(const HttpProbe::Report& report) override {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_seen.probes.push_back(report);
   }

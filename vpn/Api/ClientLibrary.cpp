@@ -22,9 +22,9 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
 }  // namespace
 
 CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status) {
-  const char* step = "CAppLog::Open";
+  const char* step = "CAppLog::open";
   try {
-    options.logProblem = CAppLog::Open(options.log);
+    options.logProblem = CAppLog::open(options.log);
     step = "PreferenceMgr::createInstance";
     status = PreferenceMgr::createInstance(options.sources);
     if (status == PREFERENCEMGR_SUCCESS) {
@@ -56,5 +56,5 @@ CClientLibrary::~CClientLibrary() {
   if (m_pPreferenceMgr != nullptr) {
     m_pPreferenceMgr->releaseInstance();
   }
-  CAppLog::Close();
+  CAppLog::close();
 }

@@ -42,11 +42,11 @@ std::string qualified(const xmlChar* prefix, const xmlChar* localName) {
 /// An attribute's value. libxml2 leaves each ampersand as "&#38;" when it is told to replace no
 /// entity; no other reference can be left.
 std::string attributeValue(const xmlChar* begin, const xmlChar* end) {
-  static constexpr std::string_view ampersand = "&#38;";
+  static constexpr std::string_view Ampersand = "&#38;";
   std::string value(reinterpret_cast<const char*>(begin), static_cast<std::size_t>(end - begin));
-  for (std::size_t i = value.find(ampersand); i != std::string::npos;
-       i = value.find(ampersand, i + 1)) {
-    value.replace(i, ampersand.size(), "&");
+  for (std::size_t i = value.find(Ampersand); i != std::string::npos;
+       i = value.find(Ampersand, i + 1)) {
+    value.replace(i, Ampersand.size(), "&");
   }
   return value;
 }

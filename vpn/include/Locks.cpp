@@ -32,10 +32,10 @@ void CMonitor::Lock() AHS_NO_THREAD_SAFETY_ANALYSIS { m_mutex.lock(); }
 
 void CMonitor::Unlock() AHS_NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
 
-void CMonitor::Wait() {
+void CMonitor::wait() {
   std::unique_lock<std::mutex> held(m_mutex, std::adopt_lock);
   m_changed.wait(held);
   held.release();
 }
 
-void CMonitor::NotifyAll() { m_changed.notify_all(); }
+void CMonitor::notifyAll() { m_changed.notify_all(); }

@@ -34,7 +34,7 @@ class AHS_CAPABILITY("mutex") CManualLock {
 };
 
 /// A lock together with the condition that its holders wait for: a monitor. It is not recursive.
-/// Who changes what others may be waiting for calls `NotifyAll` with the lock held. A wait may also
+/// Who changes what others may be waiting for calls `notifyAll` with the lock held. A wait may also
 /// end without a reason. Every operation may be called from any thread; waits and `Unlock` only by
 /// the thread that holds the lock.
 class AHS_CAPABILITY("mutex") CMonitor {
@@ -49,18 +49,18 @@ class AHS_CAPABILITY("mutex") CMonitor {
   void Unlock() AHS_RELEASE();
 
   /// Gives the lock back, sleeps until it is notified, and takes the lock again.
-  void Wait() AHS_REQUIRES(this);
+  void wait() AHS_REQUIRES(this);
 
   /// As `Wait`, but at most until `limit` on the clock of the caller's choice.
   template <class Clock, class Duration>
-  void WaitUntil(const std::chrono::time_point<Clock, Duration>& limit) AHS_REQUIRES(this) {
+  void waitUntil(const std::chrono::time_point<Clock, Duration>& limit) AHS_REQUIRES(this) {
     std::unique_lock<std::mutex> held(m_mutex, std::adopt_lock);
     m_changed.wait_until(held, limit);
     held.release();
   }
 
   /// Ends the waits of all other threads.
-  void NotifyAll() AHS_REQUIRES(this);
+  void notifyAll() AHS_REQUIRES(this);
 
  private:
   std::mutex m_mutex;

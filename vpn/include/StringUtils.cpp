@@ -26,11 +26,11 @@ bool CStringUtils::equalsIgnoringCase(std::string_view one, std::string_view oth
 }
 
 std::string_view CStringUtils::trimmed(std::string_view text) {
-  constexpr std::string_view blanks = " \t\r\n";
-  const std::size_t first = text.find_first_not_of(blanks);
+  constexpr std::string_view Blanks = " \t\r\n";
+  const std::size_t first = text.find_first_not_of(Blanks);
   return first == std::string_view::npos
              ? std::string_view()
-             : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+             : text.substr(first, text.find_last_not_of(Blanks) - first + 1);
 }
 
 std::string CStringUtils::printable(const std::string& text, std::size_t maxLength) {

@@ -3,7 +3,7 @@
 #include "vpn/include/Utf8.h"
 
 Utf8Character utf8CharacterAt(std::string_view text, std::size_t position) {
-  constexpr unsigned int smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  constexpr unsigned int Smallest[] = {0, 0, 0x80, 0x800, 0x10000};
   const auto lead = static_cast<unsigned char>(text[position]);
   if (lead < 0x80) {
     return {lead, 1};
@@ -21,6 +21,6 @@ Utf8Character utf8CharacterAt(std::string_view text, std::size_t position) {
     codePoint = (codePoint << 6U) | (next & 0x3FU);
   }
   const bool isSurrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
-  const bool isOne = codePoint >= smallest[length] && codePoint <= 0x10FFFF && !isSurrogate;
+  const bool isOne = codePoint >= Smallest[length] && codePoint <= 0x10FFFF && !isSurrogate;
   return isOne ? Utf8Character{codePoint, length} : Utf8Character{};
 }

@@ -236,7 +236,7 @@ TEST_F(SelectionCache, TellsTheSelectionOfTheThreadWhichEntryItUsedOrStored) {
 TEST_F(SelectionCache, DoesNotKeepWhatACancelledSelectionHasMeasured) {
   const auto record = std::make_shared<SelectionRecord>();
   const CTask::Scope scope(record);
-  record->Cancel();
+  record->cancel();
   EXPECT_EQ(store("gw-a;"), HEADENDSELECTION_ERROR_CACHE_FAILURE);
   EXPECT_FALSE(has("gw-a;"));
 }

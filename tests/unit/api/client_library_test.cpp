@@ -76,7 +76,7 @@ TEST_F(ClientLibraryTest, TheLogIsOpenBeforeTheFilesAreReadAndClosedAtTheEnd) {
   }
   EXPECT_THAT(tests::readFile(m_options.log.file), HasSubstr("user.xml:1:2: is not well-formed"));
   CAppLog::LogDebugMessage("f", "file", 1, Logging::DBG_Error, "%s", "after the end");
-  CAppLog::Flush();
+  CAppLog::flush();
   EXPECT_THAT(tests::readFile(m_options.log.file), testing::Not(HasSubstr("after the end")));
 }
 

@@ -26,8 +26,8 @@ TEST(SelectionRecord, TheProbeThatTestsTheWayIsLeftOut) {
   SelectionRecord recorder;
   HttpProbe::Report test = report("gw", HTTP_SESSION_SUCCESS, 5);
   test.options |= HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS;
-  recorder.ProbeStarted(test);
-  recorder.ProbeEnded(test);
+  recorder.probeStarted(test);
+  recorder.probeEnded(test);
   EXPECT_TRUE(recorder.tracks().empty());
   EXPECT_EQ(recorder.progress().probesEnded, 0U);
 }
@@ -36,10 +36,10 @@ TEST(SelectionRecord, TheProbeThatTestsTheWayIsKnownWhileItIsOut) {
   SelectionRecord recorder;
   HttpProbe::Report test = report("gw", HTTP_SESSION_SUCCESS, 5);
   test.options |= HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS;
-  recorder.ProbeStarted(test);
+  recorder.probeStarted(test);
   EXPECT_EQ(recorder.tracks().at(Place("gw", 443)).testing, 1U);
-  recorder.ProbeStarted(report("gw", 0));
-  recorder.ProbeEnded(test);
+  recorder.probeStarted(report("gw", 0));
+  recorder.probeEnded(test);
   EXPECT_EQ(recorder.tracks().at(Place("gw", 443)).testing, 0U);
   EXPECT_EQ(recorder.tracks().at(Place("gw", 443)).started, 1U);
 }
@@ -47,8 +47,8 @@ TEST(SelectionRecord, TheProbeThatTestsTheWayIsKnownWhileItIsOut) {
 TEST(SelectionRecord, AHeadendThatAnswersTwiceCountsOnce) {
   SelectionRecord recorder;
   for (int i = 0; i < 2; ++i) {
-    recorder.ProbeStarted(report("gw", 0));
-    recorder.ProbeEnded(report("gw", HTTP_SESSION_SUCCESS, 5));
+    recorder.probeStarted(report("gw", 0));
+    recorder.probeEnded(report("gw", HTTP_SESSION_SUCCESS, 5));
   }
   EXPECT_EQ(recorder.progress().placesAnswered, 1U);
   EXPECT_EQ(recorder.progress().probesEnded, 2U);
@@ -56,16 +56,16 @@ TEST(SelectionRecord, AHeadendThatAnswersTwiceCountsOnce) {
 
 TEST(SelectionRecord, ARefusedConnectionIsNoAnswer) {
   SelectionRecord recorder;
-  recorder.ProbeStarted(report("gw", 0));
-  recorder.ProbeEnded(report("gw", HTTP_SESSION_ERROR_CANNOT_CONNECT));
+  recorder.probeStarted(report("gw", 0));
+  recorder.probeEnded(report("gw", HTTP_SESSION_ERROR_CANNOT_CONNECT));
   EXPECT_EQ(recorder.progress().placesAnswered, 0U);
   EXPECT_EQ(recorder.progress().probesEnded, 1U);
 }
 
 TEST(SelectionRecord, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {
   SelectionRecord recorder;
-  recorder.ProbeStarted(report("[::1]", 0));
-  recorder.ProbeEnded(report("::1", HTTP_SESSION_SUCCESS, 5));
+  recorder.probeStarted(report("[::1]", 0));
+  recorder.probeEnded(report("::1", HTTP_SESSION_SUCCESS, 5));
   const auto tracks = recorder.tracks();
   ASSERT_EQ(tracks.size(), 1U);
   EXPECT_EQ(tracks.at(Place("::1", 443)).started, 1U);

@@ -41,7 +41,7 @@ class AppLog : public testing::Test {
     }
   }
   ~AppLog() override {
-    CAppLog::Close();
+    CAppLog::close();
     std::filesystem::remove_all(m_directory);
   }
 
@@ -54,7 +54,7 @@ class AppLog : public testing::Test {
   }
 
   std::string written(const std::string& name = "a.log") const {
-    CAppLog::Flush();
+    CAppLog::flush();
     std::ifstream file(path(name));
     std::ostringstream text;
     text << file.rdbuf();
@@ -79,7 +79,7 @@ std::string heard(const std::string& message) {
 }
 
 TEST_F(AppLog, ALineCarriesTimeSeverityThreadFunctionPositionAndMessage) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   CAppLog::LogDebugMessage("selectHeadend", "vpn/Api/AHS/HeadendSelection", 321,
                            Logging::DBG_Warning, "%s has %d", "gw-a", 7);
   EXPECT_THAT(written(),
@@ -89,7 +89,7 @@ TEST_F(AppLog, ALineCarriesTimeSeverityThreadFunctionPositionAndMessage) {
 }
 
 TEST_F(AppLog, TheSeverityIsALetter) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   info("one");
   error("two");
   EXPECT_THAT(written(), HasSubstr(" I "));
@@ -120,7 +120,7 @@ TEST_F(AppLog, AReturnCodeIsOneLineWithTheReasonAndTheExtraText) {
 }
 
 TEST_F(AppLog, AVerboseMessageIsWrittenAsAnyOther) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   CAppLog::LogVerboseMessage("run", "HeadendSelection", 5, Logging::DBG_Info, CLC_VPN_API,
                              CUST_LOG_LEVEL_3, "CHeadendSelection thread ID '%d'", 42);
   EXPECT_THAT(written(), EndsWith(" run HeadendSelection:5 CHeadendSelection thread ID '42'\n"));
@@ -129,7 +129,7 @@ TEST_F(AppLog, AVerboseMessageIsWrittenAsAnyOther) {
 TEST_F(AppLog, AMessageBelowTheFilterIsHeardButNotWritten) {
   CAppLog::Targets targets = toFile();
   targets.leastImportant = Logging::DBG_Warning;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   const HeardLog log;
   info("only heard");
   CAppLog::LogDebugMessage("f", "s", 1, Logging::DBG_Warning, "written");
@@ -143,7 +143,7 @@ TEST_F(AppLog, AMessageBelowTheFilterIsHeardButNotWritten) {
 TEST_F(AppLog, OnlyErrorsPassTheNarrowestFilter) {
   CAppLog::Targets targets = toFile();
   targets.leastImportant = Logging::DBG_Error;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   CAppLog::LogDebugMessage("f", "s", 1, Logging::DBG_Warning, "a warning");
   error("an error");
   EXPECT_THAT(written(), Not(HasSubstr("a warning")));
@@ -153,7 +153,7 @@ TEST_F(AppLog, OnlyErrorsPassTheNarrowestFilter) {
 TEST_F(AppLog, AMessageBelowTheFilterIsNotEvenFormatted) {
   CAppLog::Targets targets = toFile();
   targets.leastImportant = Logging::DBG_Warning;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   // Formatting would read from here and end the program.
   const char* volatile nowhere = reinterpret_cast<const char*>(1);
   CAppLog::LogDebugMessage("f", "s", 1, Logging::DBG_Info, "%s", nowhere);
@@ -163,7 +163,7 @@ TEST_F(AppLog, AMessageBelowTheFilterIsNotEvenFormatted) {
 TEST_F(AppLog, WhenItIsOffNothingIsWrittenAndListenersHearAll) {
   CAppLog::Targets targets = toFile();
   targets.off = true;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   const HeardLog log;
   error("an error");
   EXPECT_EQ(written(), "");
@@ -172,11 +172,11 @@ TEST_F(AppLog, WhenItIsOffNothingIsWrittenAndListenersHearAll) {
 
 TEST_F(AppLog, WithoutATargetLinesAreDroppedAndTheNextTargetGetsTheNextOnes) {
   error("nobody hears it");
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   error("first");
-  CAppLog::Close();
+  CAppLog::close();
   error("nobody hears it");
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   error("second");
   const std::string text = written();
   EXPECT_THAT(text, Not(HasSubstr("nobody")));
@@ -184,7 +184,7 @@ TEST_F(AppLog, WithoutATargetLinesAreDroppedAndTheNextTargetGetsTheNextOnes) {
 }
 
 TEST_F(AppLog, ErrnoIsAsItWas) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   errno = 4242;
   error("message");
   CAppLog::LogReturnCode("f", "s", 1, Logging::DBG_Error, "call", 1, 2, "extra");
@@ -242,7 +242,7 @@ TEST_F(AppLog, AMessageLongerThanTheShortBufferIsWhole) {
 }
 
 TEST_F(AppLog, TheLinesOfAMessageAfterTheFirstAreIndentedSoThatNoneCanPassForALogLine) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   info("*** Results ***\n\ngw-a     40\n2024-01-01 00:00:00.000 E 1 f s:1 forged\n\n");
   EXPECT_THAT(written(), EndsWith(" *** Results ***\n\n  gw-a     40\n"
                                   "  2024-01-01 00:00:00.000 E 1 f s:1 forged\n"));
@@ -256,7 +256,7 @@ TEST_F(AppLog, AListenerHearsTheMessageAsItWasGiven) {
 TEST_F(AppLog, AReportStaysInOnePieceAmongConcurrentLines) {
   CAppLog::Targets targets = toFile();
   targets.fileSize = std::size_t{64} * 1024 * 1024;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   constexpr int rounds = 300;
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
@@ -287,7 +287,7 @@ TEST_F(AppLog, TheFileIsRotatedAndOnlyTheAskedNumberKept) {
   CAppLog::Targets targets = toFile();
   targets.fileSize = 1000;
   targets.fileCount = 2;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   const std::string text(300, 'x');
   for (int i = 0; i < 40; ++i) {
     error(text.c_str());
@@ -304,7 +304,7 @@ TEST_F(AppLog, EveryFileCanBeReadByItsOwnerAlone) {
   CAppLog::Targets targets = toFile();
   targets.fileSize = 100;
   const mode_t former = umask(0);
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   for (int i = 0; i < 6; ++i) {
     error("a message that fills the file soon");
   }
@@ -320,7 +320,7 @@ TEST_F(AppLog, EveryFileCanBeReadByItsOwnerAlone) {
 }
 
 TEST_F(AppLog, TheFileIsClosedInProgramsThatTheHostStarts) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   bool found = false;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
@@ -336,7 +336,7 @@ TEST_F(AppLog, APathThatCannotBeAFileIsReportedWithARemedy) {
   const auto problemWith = [](const std::string& file) {
     CAppLog::Targets targets;
     targets.file = file;
-    return CAppLog::Open(targets);
+    return CAppLog::open(targets);
   };
   EXPECT_THAT(problemWith(path("missing/a.log")),
               testing::AllOf(HasSubstr("missing/a.log"), HasSubstr("create the directory")));
@@ -349,7 +349,7 @@ TEST_F(AppLog, APathThatCannotBeAFileIsReportedWithARemedy) {
   EXPECT_NE(problemWith(path("pipe")), "");
   CAppLog::Targets targets = toFile();
   targets.fileSize = 0;
-  EXPECT_NE(CAppLog::Open(targets), "");
+  EXPECT_NE(CAppLog::open(targets), "");
 }
 
 TEST_F(AppLog, TheOtherTargetsAreOpenEvenWhenTheFileIsNot) {
@@ -357,9 +357,9 @@ TEST_F(AppLog, TheOtherTargetsAreOpenEvenWhenTheFileIsNot) {
   CAppLog::Targets targets;
   targets.file = path("missing/a.log");
   targets.terminal = true;
-  EXPECT_NE(CAppLog::Open(targets), "");
+  EXPECT_NE(CAppLog::open(targets), "");
   info("on the terminal");
-  CAppLog::Close();
+  CAppLog::close();
   EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("vpn/source:12 on the terminal\n"));
 }
 
@@ -382,7 +382,7 @@ class DirectoryAway {
 TEST_F(AppLog, ARotationThatCannotOpenTheNewFileLosesLinesAndNothingElse) {
   CAppLog::Targets targets = toFile();
   targets.fileSize = 1000;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   error("before");
   {
     const DirectoryAway directoryAway(m_directory);
@@ -401,7 +401,7 @@ TEST_F(AppLog, ARotationThatCannotOpenTheNewFileLosesLinesAndNothingElse) {
 TEST_F(AppLog, ADirectoryThatIsGoneHurtsNobody) {
   CAppLog::Targets targets = toFile();
   targets.fileSize = 200;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   std::filesystem::remove_all(m_directory);
   const HeardLog log;
   for (int i = 0; i < 10; ++i) {
@@ -457,9 +457,9 @@ std::string shownOnATerminal() {
   OnATerminal terminal;
   CAppLog::Targets targets;
   targets.terminal = true;
-  EXPECT_EQ(CAppLog::Open(targets), "");
+  EXPECT_EQ(CAppLog::open(targets), "");
   error("message");
-  CAppLog::Close();
+  CAppLog::close();
   return terminal.shown();
 }
 
@@ -478,9 +478,9 @@ TEST_F(AppLog, WhatIsNoTerminalGetsNoColour) {
   testing::internal::CaptureStderr();
   CAppLog::Targets targets;
   targets.terminal = true;
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   error("message");
-  CAppLog::Close();
+  CAppLog::close();
   const std::string shown = testing::internal::GetCapturedStderr();
   EXPECT_THAT(shown, HasSubstr("message"));
   EXPECT_THAT(shown, Not(HasSubstr("\x1b")));
@@ -489,14 +489,14 @@ TEST_F(AppLog, WhatIsNoTerminalGetsNoColour) {
 TEST_F(AppLog, SyslogCanBeATargetBesideAnother) {
   CAppLog::Targets targets = toFile();
   targets.syslog = true;
-  ASSERT_EQ(CAppLog::Open(targets), "");
-  ASSERT_EQ(CAppLog::Open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
+  ASSERT_EQ(CAppLog::open(targets), "");
   info("to both");
   EXPECT_THAT(written(), HasSubstr("to both"));
 }
 
 TEST_F(AppLog, AListenerThatThrowsIsNotTheCallersTrouble) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   CAppLog::SetListener([](const CAppLog::Record&) { throw std::runtime_error("trouble"); });
   EXPECT_NO_THROW(info("written all the same"));
   CAppLog::SetListener({});
@@ -544,22 +544,22 @@ TEST_F(AppLog, TargetsMayBeChangedWhileOthersLog) {
     });
   }
   for (int round = 0; round < 50; ++round) {
-    EXPECT_EQ(CAppLog::Open(toFile()), "");
+    EXPECT_EQ(CAppLog::open(toFile()), "");
     if (round % 3 == 0) {
-      CAppLog::Close();
+      CAppLog::close();
     }
   }
   ends = true;
   for (std::thread& logger : loggers) {
     logger.join();
   }
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   error("last");
   EXPECT_THAT(written(), EndsWith("last\n"));
 }
 
 TEST_F(AppLog, AWarningIsInTheFileAtOnce) {
-  ASSERT_EQ(CAppLog::Open(toFile()), "");
+  ASSERT_EQ(CAppLog::open(toFile()), "");
   CAppLog::LogDebugMessage("f", "s", 1, Logging::DBG_Warning, "at once");
   std::ifstream file(path());
   std::string line;

@@ -14,11 +14,11 @@
 /// Remembers what it is told.
 class RecordingWatcher : public ProbeTask {
  public:
-  void ProbeStarted(const HttpProbe::Report& report) override {
+  void probeStarted(const HttpProbe::Report& report) override {
     const std::lock_guard<std::mutex> guard(m_mutex);
     m_started.push_back(report);
   }
-  void ProbeEnded(const HttpProbe::Report& report) override {
+  void probeEnded(const HttpProbe::Report& report) override {
     const std::lock_guard<std::mutex> guard(m_mutex);
     m_ended.push_back(report);
   }

@@ -24,7 +24,7 @@ constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
 class Sockets : public ProbeTask {
  public:
   explicit Sockets(std::function<bool(int, int)> look) : m_look(std::move(look)) {}
-  bool SocketOpened(int socket, int family) override { return m_look(socket, family); }
+  bool socketOpened(int socket, int family) override { return m_look(socket, family); }
 
  private:
   const std::function<bool(int, int)> m_look;
@@ -45,7 +45,7 @@ TEST_F(HttpProbeTest, ACancelEndsTheProbeThatIsOutAndClosesItsConnection) {
     return probe(server.port());
   });
   asked.get_future().wait();
-  watcher->Cancel();
+  watcher->cancel();
   EXPECT_EQ(status.get(), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_TRUE(closed.get_future().get());
 }
@@ -54,7 +54,7 @@ TEST_F(HttpProbeTest, ACancelledTaskConnectsNowhere) {
   const ScriptedServer server(answering(kOk));
   const HttpProbe::KeptConnection kept;
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  watcher->Cancel();
+  watcher->cancel();
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_EQ(report().connectUs, -1);
   EXPECT_EQ(server.accepted(), 1U);

@@ -447,8 +447,8 @@ TEST_F(HttpProbeTest, AWatcherIsToldOfStartAndEnd) {
 TEST_F(HttpProbeTest, WhatAWatcherThrowsDoesNotReachTheCaller) {
   class Thrower : public ProbeTask {
    public:
-    void ProbeStarted(const HttpProbe::Report&) override { throw std::runtime_error("start"); }
-    void ProbeEnded(const HttpProbe::Report&) override { throw 1; }
+    void probeStarted(const HttpProbe::Report&) override { throw std::runtime_error("start"); }
+    void probeEnded(const HttpProbe::Report&) override { throw 1; }
   };
   const CTask::Scope thrower(std::make_shared<Thrower>());
   const ScriptedServer server(answering(kOk));

@@ -96,10 +96,10 @@ struct Turns {
     for (int turn = 0; turn < turns; ++turn) {
       const CAutoLockT<CMonitor> guard(lock);
       while (next % 2 != parity) {
-        lock.Wait();
+        lock.wait();
       }
       ++next;
-      lock.NotifyAll();
+      lock.notifyAll();
     }
   }
 };
@@ -119,14 +119,14 @@ TEST(Monitor, ATimedWaitEndsWithoutANotificationOnceItsLimitHasPassed) {
   const auto limit = MonotonicClock::now() + std::chrono::milliseconds(5);
   const CAutoLockT<CMonitor> guard(lock);
   while (MonotonicClock::now() < limit) {
-    lock.WaitUntil(limit);
+    lock.waitUntil(limit);
   }
 }
 
 TEST(Monitor, AWaitThatHasEndedHoldsTheLock) AHS_NO_THREAD_SAFETY_ANALYSIS {
   CMonitor lock;
   lock.Lock();
-  lock.WaitUntil(MonotonicClock::now());
+  lock.waitUntil(MonotonicClock::now());
   std::atomic<bool> gotIt{false};
   std::thread rival([&] {
     const CAutoLockT<CMonitor> guard(lock);

@@ -76,7 +76,7 @@ class Worker : public CThread {
  public:
   explicit Worker(ApiRunnable* task = nullptr) {
     if (task != nullptr) {
-      KeepAlive(*task);
+      keepAlive(*task);
     }
   }
   STATUSCODE Run() override { return 7; }
@@ -142,7 +142,7 @@ TEST_F(WithoutThreads, AThreadThatDidNotComeAboutDoesNotKeepItsTask) {
 /// A thread that is to run at any price.
 class MustRun : public CThread {
  public:
-  explicit MustRun(std::function<void()> body) : m_body(std::move(body)) { UseReserve(); }
+  explicit MustRun(std::function<void()> body) : m_body(std::move(body)) { useReserve(); }
   STATUSCODE Run() override {
     m_body();
     return 7;
@@ -164,12 +164,12 @@ class WithAReserve : public WithoutThreads {
  protected:
   void SetUp() override {
     refuses = false;
-    ASSERT_EQ(CReserveThread::Create(), 0);
+    ASSERT_EQ(CReserveThread::create(), 0);
     refuses = true;
   }
   void TearDown() override {
     refuses = false;
-    CReserveThread::RemoveHolder();
+    CReserveThread::removeHolder();
     EXPECT_TRUE(eventually([] { return existing == 0; }))
         << "the reserve ends with its last holder";
     EXPECT_EQ(CThread::RunningCount(), 0U);
@@ -271,23 +271,23 @@ TEST_F(WithAReserve, ABodyThatEndsTheLastThreadLeavesNoneAndTheNextHolderMakesOn
   auto* const next = new MustRun([] {});
   EXPECT_EQ(next->Start(), THREAD_ERROR_CREATE_FAILED);
   refuses = false;
-  ASSERT_EQ(CReserveThread::Create(), 0);
+  ASSERT_EQ(CReserveThread::create(), 0);
   refuses = true;
   EXPECT_EQ(next->Start(), THREAD_SUCCESS);
   EXPECT_EQ(MustRun::finish(next), 7U);
-  CReserveThread::RemoveHolder();
+  CReserveThread::removeHolder();
 }
 
 TEST_F(WithAReserve, ATaskKeepsTheReserveForWhatItEndsWith) {
   std::thread::id destroyedOn;
   auto* const task = new Task(destroyedOn);
-  CReserveThread::RemoveHolder();  // the library is taken down meanwhile
+  CReserveThread::removeHolder();  // the library is taken down meanwhile
   auto* const thread = new MustRun([] {});
   EXPECT_EQ(thread->Start(), THREAD_SUCCESS);
   EXPECT_EQ(MustRun::finish(thread), 7U);
   giveUp(task);
   EXPECT_TRUE(eventually([] { return existing == 0; }));
-  CReserveThread::AddHolder();  // for TearDown
+  CReserveThread::addHolder();  // for TearDown
 }
 
 TEST_F(WithAReserve, ATaskThatNobodyMayWaitForIsDestroyedOnIt) {

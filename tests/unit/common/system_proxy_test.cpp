@@ -33,7 +33,7 @@ constexpr auto kPatience = 60s;
 
 SystemProxy::Outcome find(Entries& entries, std::chrono::milliseconds limit = kPatience) {
   entries.clear();
-  return SystemProxy::Find(kUrl, limit, entries);
+  return SystemProxy::find(kUrl, limit, entries);
 }
 
 Entries entriesFrom(const Entries& list) {

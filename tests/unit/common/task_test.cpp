@@ -40,18 +40,18 @@ void onAnotherThread(const std::function<void()>& work) {
 TEST(Task, IsThatOfTheInnermostScope) {
   const auto outer = std::make_shared<CTask>();
   const auto inner = std::make_shared<CTask>();
-  EXPECT_EQ(CTask::Current(), nullptr);
+  EXPECT_EQ(CTask::current(), nullptr);
   {
     const CTask::Scope scope(outer);
     {
       const CTask::Scope innerScope(inner);
-      EXPECT_EQ(CTask::Current(), inner);
+      EXPECT_EQ(CTask::current(), inner);
     }
-    EXPECT_EQ(CTask::Current(), outer);
+    EXPECT_EQ(CTask::current(), outer);
     const CTask::Scope none(nullptr);
-    EXPECT_EQ(CTask::Current(), nullptr);
+    EXPECT_EQ(CTask::current(), nullptr);
   }
-  EXPECT_EQ(CTask::Current(), nullptr);
+  EXPECT_EQ(CTask::current(), nullptr);
 }
 
 TEST(Task, IsInheritedByThreadsThatThreadsStart) {
@@ -59,10 +59,10 @@ TEST(Task, IsInheritedByThreadsThatThreadsStart) {
   std::shared_ptr<CTask> seen;
   {
     const CTask::Scope scope(task);
-    onAnotherThread([&seen] { onAnotherThread([&seen] { seen = CTask::Current(); }); });
+    onAnotherThread([&seen] { onAnotherThread([&seen] { seen = CTask::current(); }); });
   }
   EXPECT_EQ(seen, task);
-  onAnotherThread([&seen] { seen = CTask::Current(); });
+  onAnotherThread([&seen] { seen = CTask::current(); });
   EXPECT_EQ(seen, nullptr) << "a thread that is started by one without a task";
 }
 
@@ -76,7 +76,7 @@ TEST(Task, OfATimersCallbackIsThatOfTheThreadWhichArmedIt) {
     CTimer timer(
         status, &context->GetTimerList(),
         [](void* promise, unsigned long) {
-          static_cast<std::promise<std::shared_ptr<CTask>>*>(promise)->set_value(CTask::Current());
+          static_cast<std::promise<std::shared_ptr<CTask>>*>(promise)->set_value(CTask::current());
         },
         &seen, 0);
     const CTask::Scope scope(task);

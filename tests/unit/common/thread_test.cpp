@@ -27,7 +27,7 @@ class Worker : public CThread {
   explicit Worker(std::function<STATUSCODE()> body, std::size_t stackSize = 0)
       : CThread(stackSize), m_body(std::move(body)) {}
   STATUSCODE Run() override { return m_body(); }
-  using CThread::KeepAlive;
+  using CThread::keepAlive;
 
  private:
   std::function<STATUSCODE()> m_body;
@@ -349,7 +349,7 @@ TEST(Thread, ItKeepsItsTaskUntilTheBodyHasReturned) {
     wasThereInBody = !isGone;
     return 0;
   });
-  worker->KeepAlive(*task);
+  worker->keepAlive(*task);
   ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
   delete task;
   EXPECT_FALSE(isGone);
@@ -365,7 +365,7 @@ TEST(Thread, OneThatNeverStartsDoesNotKeepItsTask) {
   std::atomic<bool> isGone{false};
   auto* const task = new Task(isGone);
   auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
-  worker->KeepAlive(*task);
+  worker->keepAlive(*task);
   delete task;
   EXPECT_TRUE(isGone);
   delete worker;
@@ -376,7 +376,7 @@ TEST(Thread, WhoHasWaitedAlwaysFindsTheTaskGivenUp) {
     std::atomic<bool> isGone{false};
     auto* const task = new Task(isGone);
     auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
-    worker->KeepAlive(*task);
+    worker->keepAlive(*task);
     ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
     delete task;
     unsigned int exitCode = 0;

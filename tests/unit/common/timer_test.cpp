@@ -26,13 +26,13 @@ using SteadyClock = std::chrono::steady_clock;
 /// A list and the thread that services it.
 class ServicedList {
  public:
-  ServicedList() : m_thread([this] { m_list.Service(); }) {}
+  ServicedList() : m_thread([this] { m_list.service(); }) {}
   ~ServicedList() { end(); }
   ServicedList(const ServicedList&) = delete;
   ServicedList& operator=(const ServicedList&) = delete;
 
   void end() {
-    m_list.Close();
+    m_list.close();
     if (m_thread.joinable()) {
       m_thread.join();
     }
@@ -127,9 +127,9 @@ TEST(Timer, TimersFireInTheOrderOfTheirExpiry) {
     ASSERT_EQ(second->StartTimer(5), TIMER_SUCCESS);
   } while (SteadyClock::now() - start >= std::chrono::milliseconds(10));
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  std::thread service([&list] { list.Service(); });
+  std::thread service([&list] { list.service(); });
   EXPECT_TRUE(calls.waitFor(3));
-  list.Close();
+  list.close();
   service.join();
   EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 2, 3}));
 }
@@ -165,9 +165,9 @@ TEST(Timer, DeletingItTakesItOffTheList) {
   deleted.reset();
   const auto fence = timerFor(&list, calls, 2);
   ASSERT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
-  std::thread service([&list] { list.Service(); });
+  std::thread service([&list] { list.service(); });
   EXPECT_TRUE(calls.waitFor(1));
-  list.Close();
+  list.close();
   service.join();
   EXPECT_EQ(calls.values(), std::vector<unsigned long>{2});
 }
@@ -195,9 +195,9 @@ TEST(Timer, OneThatIsStartedTwiceBeforeItExpiresFiresOnce) {
   ASSERT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
   ASSERT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
   ASSERT_EQ(fence->StartTimer(1), TIMER_SUCCESS);
-  std::thread service([&list] { list.Service(); });
+  std::thread service([&list] { list.service(); });
   EXPECT_TRUE(calls.waitFor(2));
-  list.Close();
+  list.close();
   service.join();
   EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 2}));
 }
@@ -208,9 +208,9 @@ TEST(Timer, AClosedListRefusesTimersAndFiresNoneOfItsOwn) {
   const auto armed = timerFor(&list, calls, 1);
   const auto late = timerFor(&list, calls, 2);
   ASSERT_EQ(armed->StartTimer(0), TIMER_SUCCESS);
-  list.Close();
+  list.close();
   EXPECT_EQ(late->StartTimer(0), TIMER_ERROR_LIST_CLOSED);
-  list.Service();
+  list.service();
   EXPECT_TRUE(calls.values().empty());
 }
 
@@ -303,7 +303,7 @@ class TimedTask : public ApiRunnable {
       : m_inCallback(std::move(inCallback)) {
     STATUSCODE status = -1;
     m_timer = std::make_unique<CTimer>(status, list, expired, this, 0);
-    m_timer->KeepAlive(*this);
+    m_timer->keepAlive(*this);
     EXPECT_EQ(status, TIMER_SUCCESS);
   }
   void run() override {}
@@ -365,15 +365,15 @@ class TaskThatGoesSlowly : public ApiRunnable {
  public:
   TaskThatGoesSlowly(CTimerList* list, Calls& calls) : m_list(list), m_calls(calls) {
     m_timer = timerFor(list, calls, 1);
-    m_timer->KeepAlive(*this);
+    m_timer->keepAlive(*this);
     EXPECT_EQ(m_timer->StartTimer(0), TIMER_SUCCESS);
   }
   ~TaskThatGoesSlowly() override {
     const auto fence = timerFor(m_list, m_calls, 2);
     EXPECT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
-    std::thread service([this] { m_list->Service(); });
+    std::thread service([this] { m_list->service(); });
     EXPECT_TRUE(m_calls.waitFor(1));
-    m_list->Close();
+    m_list->close();
     service.join();
   }
   void run() override {}

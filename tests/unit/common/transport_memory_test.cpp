@@ -54,7 +54,7 @@ TEST(TransportMemory, AllocatedMemoryCanBeUsedAndIsWipedInWholeWhenItIsFreed) {
     void* const block = malloc(size);
     ASSERT_NE(block, nullptr);
     fill(block, malloc_usable_size(block));
-    TransportMemory::Free(block);
+    TransportMemory::free(block);
     EXPECT_EQ(g_freed, block);
     EXPECT_TRUE(g_freedIsZero) << size;
   }
@@ -70,20 +70,20 @@ TEST(TransportMemory, TheWatchSeesWhatIsNotWiped) {
 
 TEST(TransportMemory, FreeingNothingDoesNothing) {
   g_freed = &g_freed;
-  TransportMemory::Free(nullptr);
+  TransportMemory::free(nullptr);
   EXPECT_EQ(g_freed, &g_freed);
 }
 
 TEST(TransportMemory, AGrownBlockKeepsItsTextAndTheOldOneIsWiped) {
   void* const block = malloc(Secret.size());
   std::memcpy(block, Secret.data(), Secret.size());
-  void* const grown = TransportMemory::Resize(block, 5000);
+  void* const grown = TransportMemory::resize(block, 5000);
   ASSERT_NE(grown, nullptr);
   EXPECT_EQ(g_freed, block);
   EXPECT_TRUE(g_freedIsZero);
   EXPECT_EQ(std::memcmp(grown, Secret.data(), Secret.size()), 0);
   fill(grown, 5000);
-  TransportMemory::Free(grown);
+  TransportMemory::free(grown);
   EXPECT_TRUE(g_freedIsZero);
 }
 
@@ -91,29 +91,29 @@ TEST(TransportMemory, AShrunkBlockKeepsItsBeginningAndLeavesNothingOfTheRest) {
   for (const std::size_t size : {std::size_t{4000}, std::size_t{10}}) {
     void* const block = malloc(5000);
     fill(block, 5000);
-    void* const shrunk = TransportMemory::Resize(block, size);
+    void* const shrunk = TransportMemory::resize(block, size);
     ASSERT_NE(shrunk, nullptr);
     EXPECT_EQ(zeros(shrunk, size), 0U);
     EXPECT_TRUE(shrunk == block || g_freedIsZero);
-    TransportMemory::Free(shrunk);
+    TransportMemory::free(shrunk);
     EXPECT_TRUE(g_freedIsZero);
   }
 }
 
 TEST(TransportMemory, ResizingNothingAllocates) {
-  void* const block = TransportMemory::Resize(nullptr, 100);
+  void* const block = TransportMemory::resize(nullptr, 100);
   ASSERT_NE(block, nullptr);
   fill(block, 100);
-  TransportMemory::Free(block);
+  TransportMemory::free(block);
 }
 
 TEST(TransportMemory, ABlockThatCannotGrowStaysAsItIs) {
   void* const block = malloc(Secret.size());
   std::memcpy(block, Secret.data(), Secret.size());
   const volatile std::size_t tooMuch = PTRDIFF_MAX;
-  EXPECT_EQ(TransportMemory::Resize(block, tooMuch), nullptr);
+  EXPECT_EQ(TransportMemory::resize(block, tooMuch), nullptr);
   EXPECT_EQ(std::memcmp(block, Secret.data(), Secret.size()), 0);
-  TransportMemory::Free(block);
+  TransportMemory::free(block);
 }
 
 /// Puts the secret on the stack, `depth` bytes below its caller's frame.
@@ -131,7 +131,7 @@ template <std::size_t Depth, bool Wipe>
 void* useStack(void*) {
   leaveOnStack<Depth>();
   if (Wipe) {
-    TransportMemory::WipeStack();
+    TransportMemory::wipeStack();
   }
   return nullptr;
 }
@@ -158,7 +158,7 @@ TEST(TransportMemory, WipingTheStackEmptiesTheRegistersThatTextIsCopiedWith) {
   std::array<char, 16> left{};
   std::memcpy(left.data(), Secret.data(), left.size());
   asm volatile("movdqu %0, %%xmm3" : : "m"(left) : "xmm3");
-  TransportMemory::WipeStack();
+  TransportMemory::wipeStack();
   asm volatile("movdqu %%xmm3, %0" : "=m"(left));
   EXPECT_EQ(zeros(left.data(), left.size()), left.size());
 }

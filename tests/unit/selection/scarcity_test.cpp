@@ -62,9 +62,9 @@ class Scarcity : public SelectionTest {
   Scarcity() {
     threadsLeft = Plenty;
     objectsLeft = Plenty;
-    EXPECT_EQ(CReserveThread::Create(), 0);
+    EXPECT_EQ(CReserveThread::create(), 0);
   }
-  ~Scarcity() override { CReserveThread::RemoveHolder(); }
+  ~Scarcity() override { CReserveThread::removeHolder(); }
 
   void TearDown() override {
     SelectionTest::TearDown();

@@ -272,7 +272,7 @@ CHeadendSelection::CResultsThread::CResultsThread(ClientIfcBase* pAHSCB, unsigne
       m_uiReason(uiReason),
       m_lStatusReturnCode(statusReturnCode),
       m_tstrExtraInfo(extraInfo) {
-  UseReserve();
+  useReserve();
   const auto count = static_cast<unsigned int>(headendList.size());
   m_slHeadendList.resize(count);
   for (unsigned int i = 0; i < count; ++i) {

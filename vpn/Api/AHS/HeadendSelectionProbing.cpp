@@ -78,7 +78,7 @@ STATUSCODE CHeadendSelection::startTimer(CTimerList& timerList, unsigned int tot
                            status, 0, nullptr);
     return status;
   }
-  m_pTimer->KeepAlive(*this);
+  m_pTimer->keepAlive(*this);
   status = m_pTimer->StartTimer(totalTime);
   if (status != 0) {
     CAppLog::LogReturnCode("startPingThreads", LogSource, __LINE__, Logging::DBG_Error,
@@ -199,7 +199,7 @@ CHeadendSelection::CSelectionThread::CSelectionThread(CHeadendSelection& parent,
       m_timeout(timeout),
       m_pingTimeout(pingTimeout),
       m_headendPingThreadLock(LockSpinCount) {
-  KeepAlive(m_parent);
+  keepAlive(m_parent);
 }
 
 CHeadendSelection::CSelectionThread::~CSelectionThread() = default;

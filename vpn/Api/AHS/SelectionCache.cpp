@@ -101,7 +101,7 @@ std::string CSelectionCache::toString() {
 
 bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
   try {
-    const auto record = SelectionRecord::Current();
+    const auto record = SelectionRecord::current();
     std::vector<std::string> place;
     if ((record != nullptr && record->terms().measuresNow) || calculateKey(place) != 0) {
       return false;
@@ -122,7 +122,7 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
       m_used.insert(selectionKey);
     }
     if (record != nullptr) {
-      record->NoteEntry(found);
+      record->noteEntry(found);
     }
     std::swap(entry, found);
     return true;
@@ -145,10 +145,10 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
     return HEADENDSELECTION_ERROR_BAD_PARAMETER;
   }
   try {
-    if (const auto record = SelectionRecord::Current(); record != nullptr) {
-      record->NoteEntry(entry);
+    if (const auto record = SelectionRecord::current(); record != nullptr) {
+      record->noteEntry(entry);
       // Who is cancelled has measured some headends, and the nearest may not be among them.
-      if (record->IsCancelled()) {
+      if (record->isCancelled()) {
         return HEADENDSELECTION_ERROR_CACHE_FAILURE;
       }
     }
@@ -210,7 +210,7 @@ STATUSCODE CSelectionCache::calculateKey(std::vector<std::string>& dnsList) {
                            "readResolverPlace", HEADENDSELECTION_ERROR_UNEXPECTED, 0, nullptr);
     return HEADENDSELECTION_ERROR_UNEXPECTED;
   }
-  if (const auto record = SelectionRecord::Current(); record != nullptr) {
+  if (const auto record = SelectionRecord::current(); record != nullptr) {
     const SelectionRecord::Terms terms = record->terms();
     dnsList.insert(dnsList.end(), terms.way.begin(), terms.way.end());
   }

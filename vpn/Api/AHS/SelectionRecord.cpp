@@ -24,7 +24,7 @@ bool SelectionRecord::isTestProbe(const HttpProbe::Report& report) {
   return (report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;
 }
 
-void SelectionRecord::ProbeStarted(const HttpProbe::Report& report) {
+void SelectionRecord::probeStarted(const HttpProbe::Report& report) {
   const CAutoLockT<CManualLock> guard(m_lock);
   if (isTestProbe(report)) {
     ++m_tracks[placeOf(report.host, report.port)].testing;
@@ -34,7 +34,7 @@ void SelectionRecord::ProbeStarted(const HttpProbe::Report& report) {
   ++m_progress.probesStarted;
 }
 
-void SelectionRecord::ProbeEnded(const HttpProbe::Report& report) {
+void SelectionRecord::probeEnded(const HttpProbe::Report& report) {
   const Place place = placeOf(report.host, report.port);
   const CAutoLockT<CManualLock> guard(m_lock);
   Track& track = m_tracks[place];
@@ -51,8 +51,8 @@ void SelectionRecord::ProbeEnded(const HttpProbe::Report& report) {
   m_progress.placesAnswered += isFirstAnswer ? 1 : 0;
 }
 
-std::shared_ptr<SelectionRecord> SelectionRecord::Current() {
-  return std::dynamic_pointer_cast<SelectionRecord>(CTask::Current());
+std::shared_ptr<SelectionRecord> SelectionRecord::current() {
+  return std::dynamic_pointer_cast<SelectionRecord>(CTask::current());
 }
 
 void SelectionRecord::SetTerms(Terms terms) {
@@ -65,7 +65,7 @@ SelectionRecord::Terms SelectionRecord::terms() const {
   return m_terms;
 }
 
-void SelectionRecord::NoteEntry(const CCacheEntry& entry) {
+void SelectionRecord::noteEntry(const CCacheEntry& entry) {
   const CAutoLockT<CManualLock> guard(m_lock);
   m_entry = entry;
 }

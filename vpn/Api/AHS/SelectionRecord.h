@@ -29,13 +29,13 @@ class SelectionRecord : public ProbeTask {
     unsigned int placesAnswered = 0;
   };
 
-  void ProbeStarted(const HttpProbe::Report& report) override;
-  void ProbeEnded(const HttpProbe::Report& report) override;
+  void probeStarted(const HttpProbe::Report& report) override;
+  void probeEnded(const HttpProbe::Report& report) override;
 
   SelectionRecord();
 
   /// The record of the selection that this thread works for; null for none.
-  static std::shared_ptr<SelectionRecord> Current();
+  static std::shared_ptr<SelectionRecord> current();
 
   /// What a selection asks for besides what the run is given.
   struct Terms {
@@ -50,7 +50,7 @@ class SelectionRecord : public ProbeTask {
   Terms terms() const;
 
   /// The run has used or stored this entry of the cache.
-  void NoteEntry(const CCacheEntry& entry);
+  void noteEntry(const CCacheEntry& entry);
   /// That entry; one without records if there is none.
   CCacheEntry entry() const;
 

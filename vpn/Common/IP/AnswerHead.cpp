@@ -36,14 +36,14 @@ unsigned int statusOfLine(std::string_view line) {
 
 }  // namespace
 
-bool AnswerHead::Add(std::string_view line) {
+bool AnswerHead::add(std::string_view line) {
   m_bytes += line.size();
   ++m_lineCount;
   if (m_bytes > MaxBytes || m_lineCount > MaxLines) {
     return false;
   }
   if (m_complete && m_expects.body) {
-    return AddBody(line.size());  // the end of a chunked body may have fields of its own
+    return addBody(line.size());  // the end of a chunked body may have fields of its own
   }
   if (m_ended) {
     m_lines.clear();
@@ -57,7 +57,7 @@ bool AnswerHead::Add(std::string_view line) {
   return m_answers <= MaxAnswers && !(m_ended && endOfHead());
 }
 
-bool AnswerHead::AddBody(std::size_t bytes) {
+bool AnswerHead::addBody(std::size_t bytes) {
   m_bodyBytes += bytes;
   return m_expects.body && m_complete && m_bodyBytes <= MaxAnswerAtOnce;
 }

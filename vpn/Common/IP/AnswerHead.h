@@ -22,15 +22,15 @@ class AnswerHead {
 
   /// Takes a line with its end. False when nothing more is wanted: the peer has sent too much, or
   /// the head is complete and its body is not wanted.
-  bool Add(std::string_view line);
+  bool add(std::string_view line);
 
   /// Takes note of bytes of a body. False when nothing more is wanted.
-  bool AddBody(std::size_t bytes);
+  bool addBody(std::size_t bytes);
 
   /// A final head is complete: what is missing is at most its body.
-  bool IsComplete() const { return m_complete; }
+  bool isComplete() const { return m_complete; }
   /// The lines of the last head, its status line first; whole lines, of a long head the first ones.
-  std::string TakeLines() { return std::move(m_lines); }
+  std::string takeLines() { return std::move(m_lines); }
 
  private:
   bool endOfHead();

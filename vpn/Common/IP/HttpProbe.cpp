@@ -28,22 +28,22 @@ thread_local std::shared_ptr<KeptTransfer>* keptHere = nullptr;
 
 /// Whether a log-in failed that a password could have made: of what a proxy offers libcurl tries
 /// the strongest alone, and Negotiate without a ticket is no more than another request.
-bool passwordIsUntried(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& request) {
+bool passwordIsUntried(const ProbeOutcome& outcome, const ProbeRequest& request) {
   const auto offered = static_cast<unsigned long>(outcome.offeredLogIns);
-  return outcome.HttpStatus() == ProxyChallenge && request.Proxied() && request.mayUseTicket &&
+  return outcome.finalStatus() == ProxyChallenge && request.proxied() && request.mayUseTicket &&
          !request.credentials->proxyUser.empty() && !request.credentials->proxyPswd.empty() &&
          (offered & CURLAUTH_NEGOTIATE) != 0 && (offered & (CURLAUTH_BASIC | CURLAUTH_NTLM)) != 0;
 }
 
-PROBE_OUTCOME sendOnce(PROBE_REQUEST& request) {
+ProbeOutcome sendOnce(ProbeRequest& request) {
   HttpTransfer transfer(request, false, nullptr);
-  transfer.Send(request);
-  return transfer.TakeOutcome();
+  transfer.send(request);
+  return transfer.takeOutcome();
 }
 
-PROBE_OUTCOME sendLoggingIn(PROBE_REQUEST& request) {
-  PROBE_OUTCOME outcome = sendOnce(request);
-  if (passwordIsUntried(outcome, request) && request.TimeLeft().count() > 0) {
+ProbeOutcome sendLoggingIn(ProbeRequest& request) {
+  ProbeOutcome outcome = sendOnce(request);
+  if (passwordIsUntried(outcome, request) && request.timeLeft().count() > 0) {
     request.mayUseTicket = false;
     outcome = sendOnce(request);
   }
@@ -51,23 +51,23 @@ PROBE_OUTCOME sendLoggingIn(PROBE_REQUEST& request) {
 }
 
 /// Sends the probe. Throws nothing that is not std::bad_alloc's kind.
-PROBE_OUTCOME send(const std::string& host, const PROXY_DATA& proxyData, PROBE_REQUEST& request) {
-  PROBE_OUTCOME outcome;
-  outcome.code = request.Prepare(host, proxyData);
+ProbeOutcome send(const std::string& host, const PROXY_DATA& proxyData, ProbeRequest& request) {
+  ProbeOutcome outcome;
+  outcome.code = request.prepare(host, proxyData);
   if (outcome.code != CURLE_OK) {
     return outcome;
   }
   const Utf8Locale utf8;  // libcurl reads an international name in the thread's locale
-  if (keptHere == nullptr || !request.IsDirect() || request.handshake != nullptr) {
+  if (keptHere == nullptr || !request.isDirect() || request.handshake != nullptr) {
     return sendLoggingIn(request);
   }
   if (*keptHere == nullptr) {
     *keptHere = std::make_shared<KeptTransfer>();
   }
-  return (*keptHere)->Send(request);
+  return (*keptHere)->send(request);
 }
 
-void writeResults(const HttpProbe::Report& report, PROBE_OUTCOME& outcome,
+void writeResults(const HttpProbe::Report& report, ProbeOutcome& outcome,
                   HttpProbe::HTTP_PROBE_RESULTS& results) {
   const auto give = [&report](HttpProbe::HTTP_PROBE_OPTIONS option, auto& result, auto&& value) {
     if ((report.options & option) != 0) {
@@ -101,18 +101,18 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
                                            unsigned int options,
                                            HttpProbe::HTTP_PROBE_RESULTS& results) {
   // The thread works for it, and so holds it.
-  ProbeTask* const task = ProbeTask::Current().get();
+  ProbeTask* const task = ProbeTask::current().get();
   HttpProbe::RoundTripMeasure measure = HttpProbe::RoundTripMeasure::Network;
   HttpProbe::Report report;
-  PROBE_OUTCOME outcome;
-  PROBE_REQUEST request;
+  ProbeOutcome outcome;
+  ProbeRequest request;
   try {
-    measure = ProbeSettings::Measure();
+    measure = ProbeSettings::measure();
     report.host = host;
     report.port = port;
     report.secure = secure;
     report.options = options;
-    tell(task, &ProbeTask::ProbeStarted, report);
+    tell(task, &ProbeTask::probeStarted, report);
     request.task = task;
     request.secure = secure;
     request.port = port;
@@ -121,15 +121,15 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
     request.timeoutSeconds = timeoutSeconds;
     outcome = send(host, proxyData, request);
   } catch (...) {
-    outcome = PROBE_OUTCOME();
+    outcome = ProbeOutcome();
     outcome.code = CURLE_OUT_OF_MEMORY;
   }
-  outcome.Fill(report, request.Proxied(), measure);
+  outcome.fill(report, request.proxied(), measure);
   report.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
-                       PROBE_REQUEST::Clock::now() - request.start)
+                       ProbeRequest::Clock::now() - request.start)
                        .count();
   writeResults(report, outcome, results);
-  tell(task, &ProbeTask::ProbeEnded, report);
+  tell(task, &ProbeTask::probeEnded, report);
   return report.status;
 }
 
@@ -143,18 +143,18 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
   const STATUSCODE status =
       sendAndReport(host, secure, port, userAgent, timeoutSeconds, proxyData, options, results);
   if (!proxyData.proxyUser.empty()) {
-    TransportMemory::WipeStack();
+    TransportMemory::wipeStack();
   }
   return status;
 }
 
-TLS_HANDSHAKE HttpProbe::ShakeHands(const std::string& host, unsigned short port,
-                                    std::chrono::seconds timeout) noexcept {
-  TLS_HANDSHAKE shown;
+TlsHandshake HttpProbe::shakeHands(const std::string& host, unsigned short port,
+                                   std::chrono::seconds timeout) noexcept {
+  TlsHandshake shown;
   const PROXY_DATA noProxy;
-  PROBE_OUTCOME outcome;
-  PROBE_REQUEST request;
-  request.task = ProbeTask::Current().get();
+  ProbeOutcome outcome;
+  ProbeRequest request;
+  request.task = ProbeTask::current().get();
   request.secure = true;
   request.port = port;
   request.timeoutSeconds = static_cast<unsigned int>(timeout.count());

@@ -132,8 +132,8 @@ class HttpProbe {
 
   /// Does the TLS handshake of a direct, secure probe and closes: no request is sent. It goes on in
   /// spite of doubts about the certificate, to tell them all. Throws nothing.
-  static TLS_HANDSHAKE ShakeHands(const std::string& host, unsigned short port,
-                                  std::chrono::seconds timeout) noexcept;
+  static TlsHandshake shakeHands(const std::string& host, unsigned short port,
+                                 std::chrono::seconds timeout) noexcept;
 
   /// Chooses the measure for probes that start from now on; `Network` until it is called.
   static void SetRoundTripMeasure(RoundTripMeasure measure);

@@ -95,7 +95,7 @@ T HttpTransfer::get(Info info) const {
   return curl_easy_getinfo(m_easy.get(), info, &value) == CURLE_OK ? value : T{};
 }
 
-HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names& names)
+HttpTransfer::HttpTransfer(const ProbeRequest& request, bool keeps, const Names& names)
     : m_keeps(keeps),
       m_names(names),
       m_multi(curl_multi_init(), [](void* multi) { curl_multi_cleanup(multi); }),
@@ -108,7 +108,7 @@ HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names
   m_setup = setUpTransfer(m_easy.get(), request);
   set(CURLOPT_SHARE, names.get());
   setUpCallbacks();
-  if (request.tellsRequest && request.IsDirect()) {
+  if (request.tellsRequest && request.isDirect()) {
     setUpTelling();
   }
 }
@@ -116,15 +116,14 @@ HttpTransfer::HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names
 HttpTransfer::~HttpTransfer() { detach(); }
 
 bool HttpTransfer::isCancelled() const {
-  return m_request->task != nullptr && m_request->task->IsCancelled();
+  return m_request->task != nullptr && m_request->task->isCancelled();
 }
 
 long long HttpTransfer::sinceStart(Clock::time_point time) const {
   return std::chrono::duration_cast<microseconds>(time - m_request->start).count();
 }
 
-bool HttpTransfer::Send(const PROBE_REQUEST& request, Clock::time_point limit,
-                        HttpTransfer* rival) {
+bool HttpTransfer::send(const ProbeRequest& request, Clock::time_point limit, HttpTransfer* rival) {
   m_request = &request;
   start();
   for (;;) {
@@ -135,9 +134,9 @@ bool HttpTransfer::Send(const PROBE_REQUEST& request, Clock::time_point limit,
         isUnderWay = isUnderWay || !one->m_hasEnded;
       }
     }
-    if (HasAnswer() || (rival != nullptr && rival->HasAnswer()) || !isUnderWay ||
+    if (hasAnswer() || (rival != nullptr && rival->hasAnswer()) || !isUnderWay ||
         Clock::now() >= limit) {
-      return HasAnswer();
+      return hasAnswer();
     }
     int ready = 0;
     const milliseconds longest = longestWait(limit);
@@ -152,17 +151,17 @@ bool HttpTransfer::Send(const PROBE_REQUEST& request, Clock::time_point limit,
 
 void HttpTransfer::start() {
   m_hasEnded = false;
-  m_outcome = PROBE_OUTCOME();
+  m_outcome = ProbeOutcome();
   m_outcome.reused = m_socket != NoSocket;
   AnswerHead::Expectations expects;
-  expects.tunnel = m_request->secure && m_request->Proxied();
-  expects.logIn = m_request->LogsIn();
+  expects.tunnel = m_request->secure && m_request->proxied();
+  expects.logIn = m_request->logsIn();
   expects.body = m_keeps;
   m_head = AnswerHead(expects);
   m_firstByteMark = 0;
   m_startedAt = Clock::now();
   m_tlsWatch.SetEnd(m_request->deadline);
-  const milliseconds left = m_request->TimeLeft();
+  const milliseconds left = m_request->timeLeft();
   set(CURLOPT_TIMEOUT_MS, static_cast<long>(left.count()));
   if (m_setup != CURLE_OK) {
     end(m_setup);
@@ -187,7 +186,7 @@ void HttpTransfer::step() {
     end(state == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT);
   } else if (running == 0) {
     end(resultOfEnded());
-  } else if (m_keeps && m_head.IsComplete()) {
+  } else if (m_keeps && m_head.isComplete()) {
     m_headAt = Clock::now();
     end(CURLE_OK);  // the body is for later
   }
@@ -205,11 +204,11 @@ unsigned int HttpTransfer::resultOfEnded() {
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(m_multi.get(), &left);
   const CURLcode result = message != nullptr ? message->data.result : CURLE_OUT_OF_MEMORY;
-  if (m_tlsWatch.IsLate() && !m_head.IsComplete()) {
+  if (m_tlsWatch.isLate() && !m_head.isComplete()) {
     return CURLE_OPERATION_TIMEDOUT;
   }
   const bool isBodys = m_keeps || result == CURLE_WRITE_ERROR;
-  return m_head.IsComplete() && isBodys ? CURLE_OK : result;
+  return m_head.isComplete() && isBodys ? CURLE_OK : result;
 }
 
 /// The first byte's time is taken on the clock that the request's is taken on: a difference of two
@@ -224,7 +223,7 @@ void HttpTransfer::noteFirstByte() {
 
 /// Waits for the network or for the end of the task.
 bool HttpTransfer::wait(milliseconds longest, int& ready) {
-  const int task = m_request->task != nullptr ? m_request->task->CancelDescriptor() : NoSocket;
+  const int task = m_request->task != nullptr ? m_request->task->cancelDescriptor() : NoSocket;
   curl_waitfd cancel{task, CURL_WAIT_POLLIN, 0};
   return curl_multi_poll(m_multi.get(), &cancel, task != NoSocket ? 1 : 0,
                          static_cast<int>(longest.count()), &ready) == CURLM_OK;
@@ -241,13 +240,13 @@ milliseconds HttpTransfer::longestWait(Clock::time_point limit) const {
   return longest;
 }
 
-bool HttpTransfer::IsReadyFor(const PROBE_REQUEST& request) {
+bool HttpTransfer::isReadyFor(const ProbeRequest& request) {
   m_request = &request;
   if (m_attached) {
     fetchBody();
   }
   char byte = 0;
-  return m_socket != NoSocket && (m_tls == nullptr || m_tlsWatch.IsTrustCurrent()) &&
+  return m_socket != NoSocket && (m_tls == nullptr || m_tlsWatch.isTrustCurrent()) &&
          (m_tls == nullptr || SSL_has_pending(m_tls) == 0) &&
          recv(m_socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) < 0;
 }
@@ -280,7 +279,7 @@ void HttpTransfer::detach() {
   }
 }
 
-PROBE_OUTCOME HttpTransfer::TakeOutcome() {
+ProbeOutcome HttpTransfer::takeOutcome() {
   if (m_easy) {
     dropCredentials(m_easy.get());
     m_outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
@@ -298,9 +297,9 @@ PROBE_OUTCOME HttpTransfer::TakeOutcome() {
     }
     collectTimes();
   }
-  m_outcome.clientCertificateAsked = m_tlsWatch.IsClientCertificateAsked();
-  m_outcome.headers = m_head.TakeLines();
-  if (!(HasAnswer() && m_keeps)) {
+  m_outcome.clientCertificateAsked = m_tlsWatch.isClientCertificateAsked();
+  m_outcome.headers = m_head.takeLines();
+  if (!(hasAnswer() && m_keeps)) {
     detach();
   }
   return std::move(m_outcome);
@@ -334,14 +333,14 @@ void HttpTransfer::setUpCallbacks() {
       CURLOPT_HEADERFUNCTION, +[](char* data, std::size_t size, std::size_t count, void* self) {
         const std::string_view line(data, size * count);
         return unlessThrown(std::size_t{0}, [&] {
-          return static_cast<HttpTransfer*>(self)->m_head.Add(line) ? line.size() : 0;
+          return static_cast<HttpTransfer*>(self)->m_head.add(line) ? line.size() : 0;
         });
       });
   set(CURLOPT_HEADERDATA, this);
   set(
       CURLOPT_WRITEFUNCTION, +[](char*, std::size_t size, std::size_t count, void* self) {
         const std::size_t length = size * count;
-        return static_cast<HttpTransfer*>(self)->m_head.AddBody(length) ? length : 0;
+        return static_cast<HttpTransfer*>(self)->m_head.addBody(length) ? length : 0;
       });
   set(CURLOPT_WRITEDATA, this);
   set(
@@ -366,7 +365,7 @@ void HttpTransfer::setUpCallbacks() {
         HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
         transfer.m_outcome.tlsStartUs = transfer.now();
         return unlessThrown(CURLE_OUT_OF_MEMORY, [&] {
-          const bool done = transfer.m_tlsWatch.Attach(static_cast<SSL_CTX*>(context),
+          const bool done = transfer.m_tlsWatch.attach(static_cast<SSL_CTX*>(context),
                                                        transfer.m_request->handshake);
           return done ? CURLE_OK : CURLE_OUT_OF_MEMORY;
         });
@@ -402,7 +401,7 @@ int HttpTransfer::open(int family, int type, int protocol) {
   const int opened = socket(family, type | SOCK_CLOEXEC, protocol);
   ProbeTask* const task = m_request->task;
   if (opened != NoSocket && task != nullptr &&
-      !unlessThrown(false, [&] { return task->SocketOpened(opened, family); })) {
+      !unlessThrown(false, [&] { return task->socketOpened(opened, family); })) {
     ::close(opened);
     return NoSocket;
   }
@@ -442,7 +441,7 @@ void HttpTransfer::noteRequest(int localPort) {
   m_tls = m_request->secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
 }
 
-HttpTransfer::Names HttpTransfer::MakeNames() {
+HttpTransfer::Names HttpTransfer::makeNames() {
   Names names(curl_share_init(), [](void* share) { curl_share_cleanup(share); });
   if (names) {
     curl_share_setopt(names.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);

@@ -14,15 +14,15 @@
 /// on it again. Its callbacks gather what comes of them. Used by one thread.
 class HttpTransfer {
  public:
-  using Clock = PROBE_REQUEST::Clock;
+  using Clock = ProbeRequest::Clock;
   /// Addresses of names that transfers of one thread share; it outlives them. Null shares none.
   using Names = std::shared_ptr<void>;
 
-  static Names MakeNames();
+  static Names makeNames();
 
   /// @param keeps whether the rest of a short answer is wanted, so that the connection can be used
   ///        again.
-  HttpTransfer(const PROBE_REQUEST& request, bool keeps, const Names& names);
+  HttpTransfer(const ProbeRequest& request, bool keeps, const Names& names);
   ~HttpTransfer();
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
@@ -30,16 +30,16 @@ class HttpTransfer {
   /// Sends a request of the same target, which outlives it, until the head of its answer has come,
   /// it has failed or timed out, or `limit` has passed. A rival whose limit had passed goes on
   /// meanwhile; then it is the first answer that ends this. @return whether it has its answer.
-  bool Send(const PROBE_REQUEST& request, Clock::time_point limit = Clock::time_point::max(),
+  bool send(const ProbeRequest& request, Clock::time_point limit = Clock::time_point::max(),
             HttpTransfer* rival = nullptr);
-  bool HasAnswer() const { return m_hasEnded && m_outcome.code == 0; }
+  bool hasAnswer() const { return m_hasEnded && m_outcome.code == 0; }
   /// What came of the last request. To be called once.
-  PROBE_OUTCOME TakeOutcome();
+  ProbeOutcome takeOutcome();
 
   /// Whether another request of the same target can be sent: brings in what is left of the answer,
   /// if it is there or comes within a round trip of its head, and looks whether the connection is
   /// open and nothing has come that nobody asked for, which must not be taken for the next answer.
-  bool IsReadyFor(const PROBE_REQUEST& request);
+  bool isReadyFor(const ProbeRequest& request);
 
  private:
   using Handle = std::unique_ptr<void, void (*)(void*)>;
@@ -72,10 +72,10 @@ class HttpTransfer {
   static constexpr int NoSocket = -1;
 
   const bool m_keeps;
-  const PROBE_REQUEST* m_request = nullptr;  ///< the one under way
+  const ProbeRequest* m_request = nullptr;  ///< the one under way
   unsigned int m_setup = 0;
   bool m_hasEnded = false;
-  PROBE_OUTCOME m_outcome;  ///< what is known of it so far
+  ProbeOutcome m_outcome;  ///< what is known of it so far
   AnswerHead m_head;
   long long m_firstByteMark = 0;  ///< libcurl's time of it, which changes when one has come
   TlsWatch m_tlsWatch;

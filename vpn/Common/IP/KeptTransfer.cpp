@@ -17,7 +17,7 @@ constexpr int SilentPart = 4;
 constexpr int PromptPart = 4;
 constexpr int OpenedPart = 2;
 
-bool isPrompt(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& request) {
+bool isPrompt(const ProbeOutcome& outcome, const ProbeRequest& request) {
   const auto tookToAnswer = std::chrono::microseconds(outcome.firstByteUs - outcome.requestUs);
   const auto tookInAll = std::chrono::microseconds(outcome.firstByteUs - outcome.openedUs);
   return tookToAnswer <= request.timeout / PromptPart &&
@@ -27,32 +27,32 @@ bool isPrompt(const PROBE_OUTCOME& outcome, const PROBE_REQUEST& request) {
 }  // namespace
 
 /// The kept connection, if it can serve the request.
-KeptTransfer::Transfer KeptTransfer::takeIdle(const PROBE_REQUEST& request) {
+KeptTransfer::Transfer KeptTransfer::takeIdle(const ProbeRequest& request) {
   if (request != m_target) {
     m_idle.reset();
     m_target = request;
     m_keeps = true;
   }
   Transfer idle = std::move(m_idle);
-  if (idle && !idle->IsReadyFor(request)) {
+  if (idle && !idle->isReadyFor(request)) {
     m_keeps = false;
     idle.reset();
   }
   return idle;
 }
 
-PROBE_OUTCOME KeptTransfer::Send(const PROBE_REQUEST& request) {
+ProbeOutcome KeptTransfer::send(const ProbeRequest& request) {
   Transfer transfer = takeIdle(request);
   if (!transfer ||
-      !transfer->Send(request, HttpTransfer::Clock::now() + request.timeout / SilentPart)) {
+      !transfer->send(request, HttpTransfer::Clock::now() + request.timeout / SilentPart)) {
     m_keeps = m_keeps && !transfer;
     auto fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
-    fresh->Send(request, HttpTransfer::Clock::time_point::max(), transfer.get());
-    if (!transfer || !transfer->HasAnswer()) {
+    fresh->send(request, HttpTransfer::Clock::time_point::max(), transfer.get());
+    if (!transfer || !transfer->hasAnswer()) {
       transfer = std::move(fresh);
     }
   }
-  PROBE_OUTCOME outcome = transfer->TakeOutcome();
+  ProbeOutcome outcome = transfer->takeOutcome();
   m_keeps = m_keeps && outcome.code == CURLE_OK && isPrompt(outcome, request);
   if (m_keeps) {
     m_idle = std::move(transfer);

@@ -8,15 +8,15 @@
 /// `HttpProbe::KeptConnection`.
 class KeptTransfer {
  public:
-  PROBE_OUTCOME Send(const PROBE_REQUEST& request);
+  ProbeOutcome send(const ProbeRequest& request);
 
  private:
   using Transfer = std::unique_ptr<HttpTransfer>;
 
-  Transfer takeIdle(const PROBE_REQUEST& request);
+  Transfer takeIdle(const ProbeRequest& request);
 
-  const HttpTransfer::Names m_names = HttpTransfer::MakeNames();  // first: transfers use it
-  PROBE_TARGET m_target;
+  const HttpTransfer::Names m_names = HttpTransfer::makeNames();  // first: transfers use it
+  ProbeTarget m_target;
   bool m_keeps = false;
   Transfer m_idle;
 };

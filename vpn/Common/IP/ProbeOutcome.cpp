@@ -17,7 +17,7 @@ constexpr long long Unknown = -1;
 
 /// What libcurl's code means. One that is not listed means that what was connected to did not
 /// answer with HTTP, or, without a connection, that none could be made.
-STATUSCODE statusOf(const PROBE_OUTCOME& outcome, bool proxied) {
+STATUSCODE statusOf(const ProbeOutcome& outcome, bool proxied) {
   constexpr long FirstFinal = 200;
   switch (outcome.code) {
     case CURLE_OK:
@@ -42,7 +42,7 @@ STATUSCODE statusOf(const PROBE_OUTCOME& outcome, bool proxied) {
     case CURLE_SSL_CLIENTCERT:
       return HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED;
     default:
-      if (!outcome.Connected()) {
+      if (!outcome.connected()) {
         return proxied ? HTTP_SESSION_ERROR_CONNECT : HTTP_SESSION_ERROR_CANNOT_CONNECT;
       }
   }
@@ -57,7 +57,7 @@ bool isAnswer(STATUSCODE status) {
 }
 
 /// From the request to the first byte of the answer, or to what stood in its place.
-long long responseRoundTrip(const PROBE_OUTCOME& outcome) {
+long long responseRoundTrip(const ProbeOutcome& outcome) {
   if (outcome.requestUs == 0) {
     return outcome.endedUs - std::max(outcome.openedUs, outcome.tlsStartUs);
   }
@@ -72,7 +72,7 @@ unsigned int toMilliseconds(long long microseconds) {
 
 /// The network's round trip, or what comes nearest to it where the kernel does not tell. A
 /// connection that was reset while it opened took until its end.
-long long networkRoundTrip(const PROBE_OUTCOME& outcome) {
+long long networkRoundTrip(const ProbeOutcome& outcome) {
   if (outcome.networkRttUs != Unknown) {
     return outcome.networkRttUs;
   }
@@ -81,25 +81,25 @@ long long networkRoundTrip(const PROBE_OUTCOME& outcome) {
 
 }  // namespace
 
-bool PROBE_OUTCOME::Connected() const {
+bool ProbeOutcome::connected() const {
   return reused || connectUs > 0 || networkRttUs != Unknown || osError == ECONNRESET;
 }
 
-unsigned int PROBE_OUTCOME::HttpStatus() const {
+unsigned int ProbeOutcome::finalStatus() const {
   constexpr long FirstRefusal = 300;
   const bool refused = tunnelStatus >= FirstRefusal;
   return static_cast<unsigned int>(httpStatus == 0 && refused ? tunnelStatus : httpStatus);
 }
 
-void PROBE_OUTCOME::Fill(ProbeReport& report, bool proxied, RoundTripMeasure measure) {
+void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure measure) {
   report.status = statusOf(*this, proxied);
   report.transportError = code;
-  report.httpStatus = HttpStatus();
+  report.httpStatus = finalStatus();
   report.reused = reused;
   report.connectUs = ifHappened(connectUs);
   report.tlsUs = ifHappened(tlsUs);
   report.networkRttUs = networkRttUs;
-  if (Connected()) {
+  if (connected()) {
     report.address = std::move(address);
   }
   if (!isAnswer(report.status)) {

@@ -6,7 +6,7 @@
 
 /// What came of a request, as libcurl, the kernel and the callbacks tell. Times are in microseconds
 /// from the start of the probe, 0 for what did not happen.
-struct PROBE_OUTCOME {
+struct ProbeOutcome {
   unsigned int code = 0;  ///< libcurl's CURLcode
   /// The request went out on the connection of an earlier one.
   bool reused = false;
@@ -32,10 +32,10 @@ struct PROBE_OUTCOME {
   std::string request;
 
   /// A connection reset before libcurl looked at it counts: something had answered.
-  bool Connected() const;
+  bool connected() const;
   /// The answer's; a proxy's refusal counts, its consent to a tunnel does not.
-  unsigned int HttpStatus() const;
+  unsigned int finalStatus() const;
 
   /// Says what it means. Takes the address out of the outcome, so that nothing is allocated.
-  void Fill(ProbeReport& report, bool proxied, RoundTripMeasure measure);
+  void fill(ProbeReport& report, bool proxied, RoundTripMeasure measure);
 };

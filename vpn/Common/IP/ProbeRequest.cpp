@@ -106,16 +106,16 @@ std::string withoutControlCharacters(std::string text) {
 
 }  // namespace
 
-std::string PROBE_TARGET::Url() const {
+std::string ProbeTarget::url() const {
   return (secure ? "https://" : "http://") + host + ":" + std::to_string(port) + "/";
 }
 
-std::chrono::milliseconds PROBE_REQUEST::TimeLeft() const {
+std::chrono::milliseconds ProbeRequest::timeLeft() const {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
 }
 
-unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA& proxyData) {
-  if (!ProbeSettings::PrepareTransport(secure)) {
+unsigned int ProbeRequest::prepare(const std::string& toHost, const PROXY_DATA& proxyData) {
+  if (!ProbeSettings::prepareTransport(secure)) {
     return CURLE_FAILED_INIT;
   }
   host = checkedHost(toHost);
@@ -130,7 +130,7 @@ unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA&
   timeout = std::chrono::seconds(std::clamp(timeoutSeconds, 1U, MaxTimeoutSeconds));
   deadline = start + timeout;
   if (proxyData.determineProxy) {
-    return DetermineProxy();
+    return determineProxy();
   }
   if (!proxyData.proxyServer.empty()) {
     proxy = checkedProxy(proxyData.proxyServer);
@@ -141,15 +141,15 @@ unsigned int PROBE_REQUEST::Prepare(const std::string& toHost, const PROXY_DATA&
   return CURLE_OK;
 }
 
-unsigned int PROBE_REQUEST::DetermineProxy() {
+unsigned int ProbeRequest::determineProxy() {
   const SETTLED_BY settledBy = systemProxySettledBy(secure);
   environmentProxy = settledBy == SETTLED_BY::Environment;
   if (settledBy != SETTLED_BY::System) {
     return CURLE_OK;
   }
   std::vector<std::string> entries;
-  const SystemProxy::Outcome outcome = SystemProxy::Find(Url(), TimeLeft(), entries);
-  if (outcome == SystemProxy::Outcome::Late || TimeLeft().count() <= 0) {
+  const SystemProxy::Outcome outcome = SystemProxy::find(url(), timeLeft(), entries);
+  if (outcome == SystemProxy::Outcome::Late || timeLeft().count() <= 0) {
     return CURLE_OPERATION_TIMEDOUT;
   }
   heedsExceptions = true;

@@ -6,22 +6,22 @@
 #include "vpn/include/HttpSession.h"
 
 class ProbeTask;
-struct TLS_HANDSHAKE;
+struct TlsHandshake;
 
 /// What is sent, and to whom.
-struct PROBE_TARGET {
+struct ProbeTarget {
   std::string host;  ///< checked, as it stands in a URL
   bool secure = false;
   unsigned short port = 0;
   std::string userAgent;
   bool tellsRequest = false;  ///< it is wanted back as it was sent
 
-  bool operator==(const PROBE_TARGET&) const = default;
-  std::string Url() const;
+  bool operator==(const ProbeTarget&) const = default;
+  std::string url() const;
 };
 
 /// One probe as it is to be sent, checked.
-struct PROBE_REQUEST : PROBE_TARGET {
+struct ProbeRequest : ProbeTarget {
   using Clock = std::chrono::steady_clock;
 
   unsigned int timeoutSeconds = 0;
@@ -40,25 +40,25 @@ struct PROBE_REQUEST : PROBE_TARGET {
   /// The one of the probe's thread, which outlives the request; null for none.
   ProbeTask* task = nullptr;
   /// Where to tell of the TLS handshake, in place of a request; null for an ordinary one.
-  TLS_HANDSHAKE* handshake = nullptr;
+  TlsHandshake* handshake = nullptr;
   /// The caller's, which outlives the request: no copy of the credentials is made here.
   const PROXY_DATA* credentials = nullptr;
 
-  bool Proxied() const { return environmentProxy || !proxy.empty(); }
-  bool LogsIn() const { return Proxied() && !credentials->proxyUser.empty(); }
+  bool proxied() const { return environmentProxy || !proxy.empty(); }
+  bool logsIn() const { return proxied() && !credentials->proxyUser.empty(); }
   /// Whether it goes straight to the server and carries no secret.
-  bool IsDirect() const {
-    return !Proxied() && credentials->proxyUser.empty() && credentials->proxyPswd.empty();
+  bool isDirect() const {
+    return !proxied() && credentials->proxyUser.empty() && credentials->proxyPswd.empty();
   }
 
   /// What is left of the time-out; 0 or less for nothing.
-  std::chrono::milliseconds TimeLeft() const;
+  std::chrono::milliseconds timeLeft() const;
 
   /// Checks and completes a request whose port, security, user agent and time-out are set, and
   /// finds its proxy.
   /// @return 0, or what cannot be sent, by the number that libcurl has for it.
-  unsigned int Prepare(const std::string& toHost, const PROXY_DATA& proxyData);
+  unsigned int prepare(const std::string& toHost, const PROXY_DATA& proxyData);
 
  private:
-  unsigned int DetermineProxy();
+  unsigned int determineProxy();
 };

@@ -72,8 +72,8 @@ ProbeSettings::Trust makeTrust(const std::string& extraFile) {
 /// itself.
 bool initialiseTransport() {
   static const bool done =
-      curl_global_init_mem(CURL_GLOBAL_DEFAULT, malloc, &TransportMemory::Free,
-                           &TransportMemory::Resize, strdup, calloc) == CURLE_OK;
+      curl_global_init_mem(CURL_GLOBAL_DEFAULT, malloc, &TransportMemory::free,
+                           &TransportMemory::resize, strdup, calloc) == CURLE_OK;
   return done;
 }
 
@@ -83,15 +83,15 @@ bool isTlsUsable() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
 
 }  // namespace
 
-bool ProbeSettings::PrepareTransport(bool secure) {
+bool ProbeSettings::prepareTransport(bool secure) {
   return initialiseTransport() && (!secure || isTlsUsable());
 }
 
-RoundTripMeasure ProbeSettings::Measure() { return settings().measure; }
+RoundTripMeasure ProbeSettings::measure() { return settings().measure; }
 
 void ProbeSettings::SetMeasure(RoundTripMeasure measure) { settings().measure = measure; }
 
-ProbeSettings::Trust ProbeSettings::TrustedCertificates() {
+ProbeSettings::Trust ProbeSettings::trustedCertificates() {
   SETTINGS& process = settings();
   CAutoLockT<CManualLock> guard(process.lock);
   if (!process.trust) {

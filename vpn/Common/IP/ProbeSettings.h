@@ -15,13 +15,13 @@ class ProbeSettings {
   ProbeSettings() = delete;
 
   /// Prepares the process for probes. False if that could not be done.
-  static bool PrepareTransport(bool secure);
+  static bool prepareTransport(bool secure);
 
-  static RoundTripMeasure Measure();
+  static RoundTripMeasure measure();
   static void SetMeasure(RoundTripMeasure measure);
 
   /// The certificates that are trusted, the same object until `SetTrustFile`; null if there is no
   /// memory for them. The first call reads the system's.
-  static Trust TrustedCertificates();
+  static Trust trustedCertificates();
   static void SetTrustFile(const std::string& path);
 };

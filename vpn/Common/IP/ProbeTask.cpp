@@ -13,11 +13,11 @@ ProbeTask::~ProbeTask() {
   }
 }
 
-std::shared_ptr<ProbeTask> ProbeTask::Current() {
-  return std::dynamic_pointer_cast<ProbeTask>(CTask::Current());
+std::shared_ptr<ProbeTask> ProbeTask::current() {
+  return std::dynamic_pointer_cast<ProbeTask>(CTask::current());
 }
 
-void ProbeTask::Cancel() noexcept {
+void ProbeTask::cancel() noexcept {
   m_cancelled = true;
   if (m_descriptor >= 0) {
     eventfd_write(m_descriptor, 1);

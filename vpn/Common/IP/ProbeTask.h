@@ -17,24 +17,24 @@ class ProbeTask : public CTask {
   ~ProbeTask() override;
 
   /// The task of this thread, if its threads may send probes; else null.
-  static std::shared_ptr<ProbeTask> Current();
+  static std::shared_ptr<ProbeTask> current();
 
   /// A probe is about to start; only host, port, secure and options are known.
-  virtual void ProbeStarted(const ProbeReport& /*report*/) {}
+  virtual void probeStarted(const ProbeReport& /*report*/) {}
   /// A probe is over; everything of its report is known.
-  virtual void ProbeEnded(const ProbeReport& /*report*/) {}
+  virtual void probeEnded(const ProbeReport& /*report*/) {}
   /// A TCP socket was made and is about to connect, to the server or to a proxy.
   /// @param family AF_INET or AF_INET6. @return false if it must not be used.
-  virtual bool SocketOpened(int /*socket*/, int /*family*/) { return true; }
+  virtual bool socketOpened(int /*socket*/, int /*family*/) { return true; }
 
   /// Ends the probes that are out, whose connections close, and those to come before they begin:
   /// with HTTP_SESSION_ERROR_TIMEOUT. Returns at once; any thread may call it.
-  void Cancel() noexcept;
-  bool IsCancelled() const noexcept { return m_cancelled; }
+  void cancel() noexcept;
+  bool isCancelled() const noexcept { return m_cancelled; }
 
   /// Polls readable once the task is cancelled; -1 where the system gave no descriptor, and who
   /// waits has to look now and then.
-  int CancelDescriptor() const noexcept { return m_descriptor; }
+  int cancelDescriptor() const noexcept { return m_descriptor; }
 
  private:
   const int m_descriptor;

@@ -49,7 +49,7 @@ class Lookup : public CThread {
 class Factories {
  public:
   /// Takes a factory, or the right to make one, waiting until one is idle.
-  SystemProxy::Outcome Take(MonotonicClock::time_point deadline, Lookup& lookup) {
+  SystemProxy::Outcome take(MonotonicClock::time_point deadline, Lookup& lookup) {
     const CAutoLockT<CMonitor> guard(m_lock);
     while (m_idleCount == 0) {
       if (m_lateCount == MostFactories) {
@@ -58,35 +58,35 @@ class Factories {
       if (MonotonicClock::now() >= deadline) {
         return SystemProxy::Outcome::Late;
       }
-      m_lock.WaitUntil(deadline);
+      m_lock.waitUntil(deadline);
     }
     lookup.factory = m_idle[--m_idleCount];
     return SystemProxy::Outcome::Found;
   }
 
   /// Gives it back.
-  void End(Lookup& lookup) {
+  void end(Lookup& lookup) {
     const CAutoLockT<CMonitor> guard(m_lock);
     lookup.ended = true;
     m_idle[m_idleCount++] = lookup.factory;
     if (lookup.late) {
       --m_lateCount;
     }
-    m_lock.NotifyAll();
+    m_lock.notifyAll();
   }
 
   /// Waits for the end.
-  SystemProxy::Outcome Wait(MonotonicClock::time_point deadline, Lookup& lookup) {
+  SystemProxy::Outcome wait(MonotonicClock::time_point deadline, Lookup& lookup) {
     const CAutoLockT<CMonitor> guard(m_lock);
     while (!lookup.ended && MonotonicClock::now() < deadline) {
-      m_lock.WaitUntil(deadline);
+      m_lock.waitUntil(deadline);
     }
     if (lookup.ended) {
       return lookup.outcome;
     }
     lookup.late = true;
     ++m_lateCount;
-    m_lock.NotifyAll();  // who waits for an idle one may have nothing left to wait for
+    m_lock.notifyAll();  // who waits for an idle one may have nothing left to wait for
     return SystemProxy::Outcome::Late;
   }
 
@@ -140,26 +140,26 @@ void ask(Lookup& lookup) {
 STATUSCODE Lookup::Run() {
   // What a module throws is the module's trouble: there is no answer then.
   guardedCall([this] { ask(*this); }, [](const char*) {});
-  factories().End(*this);
+  factories().end(*this);
   return THREAD_SUCCESS;
 }
 
 }  // namespace
 
-SystemProxy::Outcome SystemProxy::Find(const std::string& url, std::chrono::milliseconds limit,
+SystemProxy::Outcome SystemProxy::find(const std::string& url, std::chrono::milliseconds limit,
                                        std::vector<std::string>& entries) {
   const MonotonicClock::time_point deadline = MonotonicClock::now() + limit;
   const auto lookup = std::make_unique<Lookup>(url);
-  Outcome outcome = factories().Take(deadline, *lookup);
+  Outcome outcome = factories().take(deadline, *lookup);
   if (outcome != Outcome::Found) {
     return outcome;
   }
   const CTask::Scope noTask(nullptr);  // none is kept by a thread that hangs
   if (lookup->Start() != THREAD_SUCCESS) {
-    factories().End(*lookup);
+    factories().end(*lookup);
     return Outcome::Failed;
   }
-  outcome = factories().Wait(deadline, *lookup);
+  outcome = factories().wait(deadline, *lookup);
   if (outcome == Outcome::Found) {
     entries.swap(lookup->entries);
   }

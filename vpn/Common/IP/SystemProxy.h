@@ -29,6 +29,6 @@ class SystemProxy {
   ///        "http://host:port", other schemes as the settings have them; not checked. A user name
   ///        and a password in an entry are left out of it and wiped where they came from.
   /// @return the outcome; throws nothing but std::bad_alloc.
-  static Outcome Find(const std::string& url, std::chrono::milliseconds limit,
+  static Outcome find(const std::string& url, std::chrono::milliseconds limit,
                       std::vector<std::string>& entries);
 };

@@ -5,7 +5,7 @@
 #include <vector>
 
 /// What a TLS handshake with a server showed. All of it is a stranger's, as it came.
-struct TLS_HANDSHAKE {
+struct TlsHandshake {
   bool isDone = false;
   bool isForAnotherHost = false;  ///< the certificate is; known of a handshake that is done
   bool isTimedOut = false;

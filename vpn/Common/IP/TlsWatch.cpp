@@ -34,9 +34,9 @@ void noteCertificate(X509* certificate, std::string& der) {
 
 }  // namespace
 
-bool TlsWatch::Attach(ssl_ctx_st* context, TLS_HANDSHAKE* shown) {
+bool TlsWatch::attach(ssl_ctx_st* context, TlsHandshake* shown) {
   m_shown = shown;
-  m_trust = ProbeSettings::TrustedCertificates();
+  m_trust = ProbeSettings::trustedCertificates();
   if (!m_trust || SSL_CTX_set_app_data(context, this) != 1) {
     return false;
   }
@@ -58,7 +58,7 @@ bool TlsWatch::Attach(ssl_ctx_st* context, TLS_HANDSHAKE* shown) {
   return true;
 }
 
-bool TlsWatch::IsTrustCurrent() const { return m_trust == ProbeSettings::TrustedCertificates(); }
+bool TlsWatch::isTrustCurrent() const { return m_trust == ProbeSettings::trustedCertificates(); }
 
 /// OpenSSL reads messages that lead to nothing (HelloRequest, KeyUpdate) for as long as they come,
 /// and libcurl cannot look at its clock meanwhile: without input OpenSSL has to return.
@@ -82,7 +82,7 @@ void TlsWatch::onMessage(int sent, int /*version*/, int type, const void* data,
 int TlsWatch::onVerified(int isFine, x509_store_ctx_st* store) {
   const auto* connection = static_cast<const SSL*>(
       X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
-  TLS_HANDSHAKE& shown = *of(connection).m_shown;
+  TlsHandshake& shown = *of(connection).m_shown;
   if (shown.certificate.empty()) {
     noteCertificate(X509_STORE_CTX_get0_cert(store), shown.certificate);
   }
@@ -97,7 +97,7 @@ int TlsWatch::onVerified(int isFine, x509_store_ctx_st* store) {
 
 void TlsWatch::onProgress(const ssl_st* connection, int where, int /*result*/) {
   if ((where & SSL_CB_HANDSHAKE_DONE) != 0) {
-    TLS_HANDSHAKE& shown = *of(connection).m_shown;
+    TlsHandshake& shown = *of(connection).m_shown;
     withoutThrowing([&] {
       shown.isDone = true;
       shown.version = SSL_get_version(connection);

@@ -8,7 +8,7 @@ struct ssl_ctx_st;
 struct ssl_st;
 struct x509_store_ctx_st;
 struct x509_store_st;
-struct TLS_HANDSHAKE;
+struct TlsHandshake;
 
 /// Sees to the TLS of one transfer: gives it the certificates that are trusted, keeps it within its
 /// time, and notes what the server says. Versions, ciphers and checks stay the transport's.
@@ -24,15 +24,15 @@ class TlsWatch {
   /// @param shown null, or what is to be filled in: then every doubt about the certificate is
   ///        looked for and the handshake goes on in spite of it.
   /// @return false if there is no memory.
-  bool Attach(ssl_ctx_st* context, TLS_HANDSHAKE* shown);
+  bool attach(ssl_ctx_st* context, TlsHandshake* shown);
 
   /// When the time for talk that leads to nothing is over.
   void SetEnd(Clock::time_point end) { m_end = end; }
   /// The server's talk went on beyond the end and was cut off.
-  bool IsLate() const { return m_late; }
-  bool IsClientCertificateAsked() const { return m_clientCertificateAsked; }
+  bool isLate() const { return m_late; }
+  bool isClientCertificateAsked() const { return m_clientCertificateAsked; }
   /// Whether what was trusted in the handshake is what is trusted now.
-  bool IsTrustCurrent() const;
+  bool isTrustCurrent() const;
 
  private:
   static void onMessage(int sent, int version, int type, const void* data, std::size_t length,
@@ -42,7 +42,7 @@ class TlsWatch {
   static TlsWatch& of(const ssl_st* connection);
 
   std::shared_ptr<x509_store_st> m_trust;
-  TLS_HANDSHAKE* m_shown = nullptr;
+  TlsHandshake* m_shown = nullptr;
   Clock::time_point m_end;
   bool m_late = false;
   bool m_clientCertificateAsked = false;

@@ -36,8 +36,8 @@ class Options {
   CURLcode m_result = CURLE_OK;
 };
 
-void setTarget(const PROBE_REQUEST& request, Options& options) {
-  options.set(CURLOPT_URL, request.Url().c_str());
+void setTarget(const ProbeRequest& request, Options& options) {
+  options.set(CURLOPT_URL, request.url().c_str());
   options.set(CURLOPT_PROTOCOLS_STR, "http,https");
   // Not HEAD, which some servers leave without an answer.
   options.set(CURLOPT_HTTPGET, 1L);
@@ -49,7 +49,7 @@ void setTarget(const PROBE_REQUEST& request, Options& options) {
   }
 }
 
-void setProxy(const PROBE_REQUEST& request, Options& options) {
+void setProxy(const ProbeRequest& request, Options& options) {
   if (!request.environmentProxy) {
     // An empty proxy is none, and an empty list of exceptions has none: without them libcurl would
     // read the environment.
@@ -58,7 +58,7 @@ void setProxy(const PROBE_REQUEST& request, Options& options) {
       options.set(CURLOPT_NOPROXY, "");
     }
   }
-  if (request.LogsIn()) {
+  if (request.logsIn()) {
     options.set(CURLOPT_PROXYUSERNAME, request.credentials->proxyUser.c_str());
     options.set(CURLOPT_PROXYPASSWORD, request.credentials->proxyPswd.c_str());
     options.set(
@@ -69,7 +69,7 @@ void setProxy(const PROBE_REQUEST& request, Options& options) {
 
 }  // namespace
 
-unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request) {
+unsigned int setUpTransfer(void* easy, const ProbeRequest& request) {
   Options options(easy);
   setTarget(request, options);
   setProxy(request, options);

@@ -1,11 +1,11 @@
 #pragma once
 
-struct PROBE_REQUEST;
+struct ProbeRequest;
 
 /// Tells libcurl what is requested, of whom and by which way: everything but the callbacks.
 /// @param easy the easy handle, whose target never changes.
 /// @return 0, or libcurl's number of what went wrong.
-unsigned int setUpTransfer(void* easy, const PROBE_REQUEST& request);
+unsigned int setUpTransfer(void* easy, const ProbeRequest& request);
 
 /// Makes the handle forget the credentials.
 void dropCredentials(void* easy);

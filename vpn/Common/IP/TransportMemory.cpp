@@ -43,14 +43,14 @@ void wipeVectorRegisters() {
 
 }  // namespace
 
-void TransportMemory::Free(void* block) {
+void TransportMemory::free(void* block) {
   if (block != nullptr) {
     explicit_bzero(block, malloc_usable_size(block));
     std::free(block);
   }
 }
 
-void* TransportMemory::Resize(void* block, std::size_t size) {
+void* TransportMemory::resize(void* block, std::size_t size) {
   const std::size_t held = block == nullptr ? 0 : malloc_usable_size(block);
   if (size <= held && size >= held / 2) {
     return block;
@@ -59,13 +59,13 @@ void* TransportMemory::Resize(void* block, std::size_t size) {
   void* const resized = std::malloc(size);
   if (resized != nullptr && block != nullptr) {
     memcpy(resized, block, std::min(held, size));
-    Free(block);
+    free(block);
   }
   return resized;
 }
 
 // Its own frame begins where those of the functions before it began.
-[[gnu::noinline]] void TransportMemory::WipeStack() {
+[[gnu::noinline]] void TransportMemory::wipeStack() {
   wipeVectorRegisters();  // first: the next call may put them on the stack
   void* const left = alloca(StackDepth);
   explicit_bzero(left, StackDepth);

@@ -10,10 +10,10 @@ class TransportMemory {
   TransportMemory() = delete;
 
   /// As free(3) and realloc(3), for blocks of malloc(3).
-  static void Free(void* block);
-  static void* Resize(void* block, std::size_t size);
+  static void free(void* block);
+  static void* resize(void* block, std::size_t size);
 
   /// Sets to zero what the functions that the caller has called have left on the thread's stack, 24
   /// KiB deep, and in the registers that text is copied with. Takes that much of the stack itself.
-  static void WipeStack();
+  static void wipeStack();
 };

@@ -56,8 +56,8 @@ spdlog::sink_ptr makeTerminal() {
 }
 
 spdlog::sink_ptr makeSyslog() {
-  constexpr bool withFormat = true;
-  auto sink = std::make_shared<spdlog::sinks::syslog_sink_st>("ahs", LOG_PID, LOG_USER, withFormat);
+  constexpr bool WithFormat = true;
+  auto sink = std::make_shared<spdlog::sinks::syslog_sink_st>("ahs", LOG_PID, LOG_USER, WithFormat);
   sink->set_formatter(formatterOf(SyslogPattern, ""));
   return sink;
 }
@@ -287,7 +287,7 @@ void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned
   va_end(arguments);
 }
 
-std::string CAppLog::Open(const Targets& targets) {
+std::string CAppLog::open(const Targets& targets) {
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.targetLock);
   // First, because closing syslog(3) ends it for the whole process, and a file is open once.
@@ -299,14 +299,14 @@ std::string CAppLog::Open(const Targets& targets) {
   return log.targets->problem();
 }
 
-void CAppLog::Close() {
+void CAppLog::close() {
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.targetLock);
   leastLevel = spdlog::level::off;
   log.targets.reset();
 }
 
-void CAppLog::Flush() {
+void CAppLog::flush() {
   const int keptErrno = errno;
   State& log = state();
   const CAutoLockT<CManualLock> lock(log.targetLock);

@@ -99,13 +99,13 @@ class CAppLog {
   /// Opens the targets; replaces those open before.
   /// @return an empty string, or why a target could not be opened and what to do; the others are
   ///         open all the same.
-  static std::string Open(const Targets& targets);
+  static std::string open(const Targets& targets);
 
   /// Writes out what is buffered and closes all targets.
-  static void Close();
+  static void close();
 
   /// Writes out what is buffered.
-  static void Flush();
+  static void flush();
 
   /// Sets the one listener that hears every message, whatever the severity filter; an empty
   /// function takes it away. It is called on the logging thread, by one thread at a time, and must

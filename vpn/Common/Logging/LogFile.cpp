@@ -58,12 +58,12 @@ void createPrivate(const std::string& path) {
 }  // namespace
 
 spdlog::sink_ptr openLogFile(const std::string& path, std::size_t fileSize, std::size_t fileCount) {
-  constexpr bool rotateOnOpen = false;
+  constexpr bool RotateOnOpen = false;
   spdlog::file_event_handlers handlers;
   handlers.before_open = createPrivate;
   handlers.after_open = [](const std::string&, FILE* stream) {
     fcntl(fileno(stream), F_SETFD, FD_CLOEXEC);
   };
   return std::make_shared<spdlog::sinks::rotating_file_sink_st>(path, fileSize, fileCount,
-                                                                rotateOnOpen, handlers);
+                                                                RotateOnOpen, handlers);
 }

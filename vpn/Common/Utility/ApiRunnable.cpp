@@ -7,13 +7,13 @@
 
 #include "vpn/Common/Utility/DetachedThread.h"
 
-ApiRunnable::ApiRunnable() { CReserveThread::AddHolder(); }
+ApiRunnable::ApiRunnable() { CReserveThread::addHolder(); }
 
 ApiRunnable::ApiRunnable(const ApiRunnable& other) : CCountedLife(other) {
-  CReserveThread::AddHolder();
+  CReserveThread::addHolder();
 }
 
-ApiRunnable::~ApiRunnable() { CReserveThread::RemoveHolder(); }
+ApiRunnable::~ApiRunnable() { CReserveThread::removeHolder(); }
 
 void ApiRunnable::operator delete(ApiRunnable* object, std::destroying_delete_t) { giveUp(object); }
 

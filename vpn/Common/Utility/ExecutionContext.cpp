@@ -38,7 +38,7 @@ class CExecutionContext::CTimerThread : public CThread {
 
   STATUSCODE Run() override {
     m_id.store(std::this_thread::get_id());
-    m_timerList.Service();
+    m_timerList.service();
     return THREAD_SUCCESS;
   }
 
@@ -55,7 +55,7 @@ STATUSCODE CExecutionContext::createInstance(EXECUTIONCONTEXT_INSTANCE /*instanc
   if (api.pContext != nullptr) {
     return EXECUTIONCONTEXT_ERROR_ALREADY_EXISTS;
   }
-  if (const int error = CReserveThread::Create(); error != 0) {
+  if (const int error = CReserveThread::create(); error != 0) {
     CAppLog::LogReturnCode("createInstance", SourceFile, __LINE__, Logging::DBG_Error,
                            "CReserveThread::Create", THREAD_ERROR_CREATE_FAILED, error, nullptr);
     return THREAD_ERROR_CREATE_FAILED;
@@ -69,7 +69,7 @@ STATUSCODE CExecutionContext::createInstance(EXECUTIONCONTEXT_INSTANCE /*instanc
     }
     api.pContext = context;
   } catch (const std::bad_alloc&) {
-    CReserveThread::RemoveHolder();
+    CReserveThread::removeHolder();
     return EXECUTIONCONTEXT_ERROR_MEMALLOC_FAILED;
   }
   api.acquisitions = 1;
@@ -95,7 +95,7 @@ void CExecutionContext::releaseInstance() {
     api.pContext = nullptr;
   }
   // Outside the lock: a callback under way may want to acquire the context, and gets none.
-  m_timerList.Close();
+  m_timerList.close();
   if (!m_pTimerThread->isThisThread()) {
     unsigned int exitCode = 0;
     m_pTimerThread->WaitForCompletion(exitCode, CThread::Infinite);
@@ -109,5 +109,5 @@ CExecutionContext::CExecutionContext() : m_pTimerThread(new CTimerThread(m_timer
 
 CExecutionContext::~CExecutionContext() {
   delete m_pTimerThread;
-  CReserveThread::RemoveHolder();
+  CReserveThread::removeHolder();
 }

@@ -40,7 +40,7 @@ CReserveThread::Body* nextBody(Reserve& all) {
       all.hasThread = false;
       return nullptr;
     }
-    all.lock.Wait();
+    all.lock.wait();
   }
   CReserveThread::Body* const body = all.first;
   all.first = body->next;
@@ -87,7 +87,7 @@ void* serve(void* /*nothing*/) {
 
 }  // namespace
 
-int CReserveThread::Create() noexcept {
+int CReserveThread::create() noexcept {
   Reserve& all = reserve();
   const CAutoLockT<CMonitor> guard(all.lock);
   if (!all.hasThread) {
@@ -101,17 +101,17 @@ int CReserveThread::Create() noexcept {
   return 0;
 }
 
-void CReserveThread::AddHolder() noexcept {
+void CReserveThread::addHolder() noexcept {
   Reserve& all = reserve();
   const CAutoLockT<CMonitor> guard(all.lock);
   ++all.holders;
 }
 
-void CReserveThread::RemoveHolder() noexcept {
+void CReserveThread::removeHolder() noexcept {
   Reserve& all = reserve();
   const CAutoLockT<CMonitor> guard(all.lock);
   if (--all.holders == 0) {
-    all.lock.NotifyAll();
+    all.lock.notifyAll();
   }
 }
 
@@ -124,6 +124,6 @@ bool CReserveThread::Run(Body& body) noexcept {
   body.next = nullptr;
   *all.end = &body;
   all.end = &body.next;
-  all.lock.NotifyAll();
+  all.lock.notifyAll();
   return true;
 }

@@ -19,13 +19,13 @@ class CReserveThread {
 
   /// Makes the caller a holder, and the thread if there is none.
   /// @return 0, or the errno value of why there is no thread; the caller is no holder then.
-  static int Create() noexcept;
+  static int create() noexcept;
 
   /// Makes the caller a holder of what there is, if it is only nothing.
-  static void AddHolder() noexcept;
+  static void addHolder() noexcept;
 
-  /// Ends what `Create` or `AddHolder` began.
-  static void RemoveHolder() noexcept;
+  /// Ends what `Create` or `addHolder` began.
+  static void removeHolder() noexcept;
 
   /// Has the body called. Bodies that wait at the same time begin in the order they came, each on a
   /// thread of its own as far as the system gives one.

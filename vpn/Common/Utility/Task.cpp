@@ -7,15 +7,17 @@
 namespace {
 
 /// A plain pointer: it needs no memory to set up and none to take down.
-thread_local const std::shared_ptr<CTask>* current = nullptr;
+thread_local const std::shared_ptr<CTask>* currentTask = nullptr;
 
 }  // namespace
 
-std::shared_ptr<CTask> CTask::Current() noexcept { return current != nullptr ? *current : nullptr; }
-
-CTask::Scope::Scope(std::shared_ptr<CTask> task) noexcept
-    : m_task(std::move(task)), m_former(current) {
-  current = &m_task;
+std::shared_ptr<CTask> CTask::current() noexcept {
+  return currentTask != nullptr ? *currentTask : nullptr;
 }
 
-CTask::Scope::~Scope() { current = m_former; }
+CTask::Scope::Scope(std::shared_ptr<CTask> task) noexcept
+    : m_task(std::move(task)), m_former(currentTask) {
+  currentTask = &m_task;
+}
+
+CTask::Scope::~Scope() { currentTask = m_former; }

@@ -15,7 +15,7 @@ class CTask {
   CTask& operator=(const CTask&) = delete;
 
   /// The task that this thread works for; null for none. Throws nothing.
-  static std::shared_ptr<CTask> Current() noexcept;
+  static std::shared_ptr<CTask> current() noexcept;
 
   /// Lets the thread work for a task as long as the object lives, which is on the thread's stack.
   class Scope {

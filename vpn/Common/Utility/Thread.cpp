@@ -82,7 +82,7 @@ STATUSCODE CThread::start(int& error) {
   if (m_pKeptAlive != nullptr) {
     m_pKeptAlive->enter();
   }
-  m_task = CTask::Current();
+  m_task = CTask::current();
   m_reserved.function = threadEntry;
   m_reserved.argument = this;
 
@@ -117,7 +117,7 @@ void CThread::setEnded(unsigned int exitCode) {
   const CAutoLockT<CMonitor> lock(m_stateLock);
   m_exitCode = exitCode;
   m_state = State::Ended;
-  m_stateLock.NotifyAll();
+  m_stateLock.notifyAll();
 }
 
 STATUSCODE CThread::WaitForCompletion(unsigned int& exitCode, unsigned int timeoutMs) {
@@ -128,9 +128,9 @@ STATUSCODE CThread::WaitForCompletion(unsigned int& exitCode, unsigned int timeo
   }
   while (m_state != State::Ended) {
     if (timeoutMs == Infinite) {
-      m_stateLock.Wait();
+      m_stateLock.wait();
     } else if (MonotonicClock::now() < limit) {
-      m_stateLock.WaitUntil(limit);
+      m_stateLock.waitUntil(limit);
     } else {
       return THREAD_ERROR_TIMEOUT;
     }
@@ -146,9 +146,9 @@ void CThread::Destroy() {
                            "IRunnable::Destroy not Implemented");
 }
 
-void CThread::KeepAlive(ApiRunnable& task) { m_pKeptAlive = &task; }
+void CThread::keepAlive(ApiRunnable& task) { m_pKeptAlive = &task; }
 
-void CThread::UseReserve() { m_usesReserve = true; }
+void CThread::useReserve() { m_usesReserve = true; }
 
 void* CThread::operator new(std::size_t size) { return CCountedLife::operator new(size); }
 

@@ -93,11 +93,11 @@ class CThread : public IRunnable, public CCountedLife<CThread> {
   /// Keeps `task` alive from `Start` until `Run` has returned, so that the thread may use it even
   /// when its owner has deleted it. The hold is given up before the thread counts as ended: who has
   /// waited for the thread finds it gone. To be called before `Start`, at most once.
-  void KeepAlive(ApiRunnable& task);
+  void keepAlive(ApiRunnable& task);
 
   /// Lets the thread that is kept in reserve run the body when the system gives no thread. For
   /// what must happen at any price, and that alone. To be called before `Start`.
-  void UseReserve();
+  void useReserve();
 
  private:
   enum class State { NotStarted, Running, Ended };

@@ -65,9 +65,9 @@ bool CTimerList::Shared::waitForExpired(CTimer::Entry& expired) {
   const CAutoLockT<CMonitor> guard(lock);
   while (!closed) {
     if (armed.empty()) {
-      lock.Wait();
+      lock.wait();
     } else if (const auto next = armed.begin()->first; next > MonotonicClock::now()) {
-      lock.WaitUntil(next);
+      lock.waitUntil(next);
     } else if (takeExpired(expired)) {
       return true;
     }
@@ -77,9 +77,9 @@ bool CTimerList::Shared::waitForExpired(CTimer::Entry& expired) {
 
 CTimerList::CTimerList() : m_pShared(std::make_shared<Shared>()) {}
 
-CTimerList::~CTimerList() { Close(); }
+CTimerList::~CTimerList() { close(); }
 
-void CTimerList::Service() {
+void CTimerList::service() {
   // A callback may destroy the list.
   const std::shared_ptr<Shared> shared = m_pShared;
   CTimer::Entry expired{};
@@ -92,10 +92,10 @@ void CTimerList::Service() {
   }
 }
 
-void CTimerList::Close() {
+void CTimerList::close() {
   const CAutoLockT<CMonitor> guard(m_pShared->lock);
   m_pShared->closed = true;
-  m_pShared->lock.NotifyAll();
+  m_pShared->lock.notifyAll();
 }
 
 CTimer::CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, void* ptrVal,
@@ -118,14 +118,14 @@ STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
   m_pShared->disarm(m_pEntry);
   const auto expiry = MonotonicClock::now() + std::chrono::milliseconds(milliseconds);
   const auto position = m_pShared->armed.emplace(expiry, m_pEntry);
-  m_pEntry->task = CTask::Current();
+  m_pEntry->task = CTask::current();
   if (position == m_pShared->armed.begin()) {
-    m_pShared->lock.NotifyAll();
+    m_pShared->lock.notifyAll();
   }
   return TIMER_SUCCESS;
 }
 
-void CTimer::KeepAlive(ApiRunnable& task) {
+void CTimer::keepAlive(ApiRunnable& task) {
   const CAutoLockT<CMonitor> guard(m_pShared->lock);
   m_pEntry->pKeptAlive = &task;
 }

@@ -32,11 +32,11 @@ class CTimerList {
 
   /// Calls back each timer as it expires, never early, one at a time, and returns after `Close`. An
   /// exception that leaves a callback is logged and changes nothing for the other timers.
-  void Service();
+  void service();
 
   /// Ends `Service` (a callback under way is not waited for) and refuses further timers; those that
   /// are armed do not fire any more.
-  void Close();
+  void close();
 
  private:
   friend class CTimer;
@@ -73,7 +73,7 @@ class CTimer {
   /// thread of its own and does not hold up other timers. A task that is being destroyed is not
   /// called back any more; its destructor deletes this timer at the latest. To be called before
   /// `StartTimer`.
-  void KeepAlive(ApiRunnable& task);
+  void keepAlive(ApiRunnable& task);
 
  private:
   friend class CTimerList;

@@ -174,11 +174,11 @@ std::string takePort(std::string_view& rest, std::string& port) {
   if (rest.empty() || startsLocation(rest[0])) {
     return {};
   }
-  static const std::string error =
+  static const std::string wrongPort =
       "What follows the host is no port; write \":\" and a number from 1 to 65535.";
   const std::size_t end = findLocation(rest);
   if (rest[0] != ':') {
-    return error;
+    return wrongPort;
   }
   const std::string_view written = rest.substr(1, end - 1);
   rest.remove_prefix(end);
@@ -189,7 +189,7 @@ std::string takePort(std::string_view& rest, std::string& port) {
   const char* const writtenEnd = written.data() + written.size();
   const auto [numberEnd, error] = std::from_chars(written.data(), writtenEnd, number);
   if (error != std::errc() || numberEnd != writtenEnd || number == 0) {
-    return error;
+    return wrongPort;
   }
   port = std::to_string(number);
   return {};

@@ -150,7 +150,7 @@ void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned
   doubles::log().add(std::move(entry));
 }
 
-std::string CAppLog::Open(const Targets&) { return {}; }
-void CAppLog::Close() {}
-void CAppLog::Flush() {}
+std::string CAppLog::open(const Targets&) { return {}; }
+void CAppLog::close() {}
+void CAppLog::flush() {}
 void CAppLog::SetListener(Listener) {}

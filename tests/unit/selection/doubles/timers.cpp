@@ -92,8 +92,8 @@ struct CTimerList::Shared {};
 
 CTimerList::CTimerList() : m_pShared(std::make_shared<Shared>()) {}
 CTimerList::~CTimerList() = default;
-void CTimerList::Service() {}
-void CTimerList::Close() {}
+void CTimerList::service() {}
+void CTimerList::close() {}
 
 struct CTimer::Entry {
   std::mutex lock;
@@ -161,7 +161,7 @@ STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
   return status;
 }
 
-void CTimer::KeepAlive(ApiRunnable& task) { m_pEntry->keptAlive = &task; }
+void CTimer::keepAlive(ApiRunnable& task) { m_pEntry->keptAlive = &task; }
 
 CExecutionContext::CExecutionContext() : m_pTimerThread(nullptr) {}
 CExecutionContext::~CExecutionContext() = default;

@@ -96,7 +96,7 @@ bool isToken68(std::string_view text) {
 }
 
 /// The challenge being read. It ends where the next one starts, and only then is known to be whole.
-struct CHALLENGE {
+struct Challenge {
   bool wanted = false;
   bool wellFormed = true;
   std::optional<std::string> realm;
@@ -110,7 +110,7 @@ struct CHALLENGE {
 };
 
 /// Reads `element`, a parameter, into the challenge it belongs to.
-void readParameter(std::string_view element, CHALLENGE& challenge) {
+void readParameter(std::string_view element, Challenge& challenge) {
   const std::string_view name = takeToken(element);
   element = CStringUtils::trimmed(element);
   const bool hasValue = !name.empty() && element.starts_with('=');
@@ -131,7 +131,7 @@ void readParameter(std::string_view element, CHALLENGE& challenge) {
 
 /// The realm of the first challenge in the list `value` that is for `scheme` and names one.
 std::string findRealm(std::string_view value, std::string_view scheme) {
-  CHALLENGE challenge;
+  Challenge challenge;
   while (!value.empty()) {
     const std::string_view element = takeElement(value);
     std::string_view rest = element;
@@ -149,7 +149,7 @@ std::string findRealm(std::string_view value, std::string_view scheme) {
     if (std::string realm = challenge.usableRealm(); !realm.empty()) {
       return realm;
     }
-    challenge = CHALLENGE();
+    challenge = Challenge();
     challenge.wanted = CStringUtils::equalsIgnoringCase(token, scheme);
     if (!rest.empty() && !isToken68(rest)) {
       readParameter(rest, challenge);

@@ -53,7 +53,7 @@ std::string checkedProxy(const std::string& setting) {
 }
 
 /// Who has the say about the system's proxy.
-enum class SETTLED_BY { Environment, System, Nobody };
+enum class SettledBy { Environment, System, Nobody };
 
 std::string_view valueOf(const char* variable) {
   const char* const value = getenv(variable);
@@ -66,20 +66,20 @@ bool isSet(const char* variable) { return !valueOf(variable).empty(); }
 /// libcurl's to find; a host among them is measured as if there were a proxy. An environment that
 /// names proxies, but none for this scheme, means that there is none: libproxy would take the other
 /// scheme's, or HTTP_PROXY, which a web server's client can set (RFC 3875, section 4.1.18).
-SETTLED_BY systemProxySettledBy(bool secure) {
+SettledBy systemProxySettledBy(bool secure) {
   for (const char* name : {secure ? "https_proxy" : "http_proxy", secure ? "HTTPS_PROXY" : ""}) {
     if (const std::string_view value = valueOf(name); !value.empty()) {
       // A way to ask for a proxy is for libproxy; libcurl knows none.
       const bool isWayToAsk = value.starts_with("pac+") || value.starts_with("wpad:");
-      return isWayToAsk ? SETTLED_BY::System : SETTLED_BY::Environment;
+      return isWayToAsk ? SettledBy::System : SettledBy::Environment;
     }
   }
   if (isSet("all_proxy") || isSet("ALL_PROXY")) {
-    return SETTLED_BY::Environment;
+    return SettledBy::Environment;
   }
   const bool namesOther =
       isSet("http_proxy") || isSet("HTTP_PROXY") || isSet("https_proxy") || isSet("HTTPS_PROXY");
-  return namesOther ? SETTLED_BY::Nobody : SETTLED_BY::System;
+  return namesOther ? SettledBy::Nobody : SettledBy::System;
 }
 
 /// Takes the first entry of the system's list that can be used: a proxy that speaks HTTP, or none.
@@ -142,9 +142,9 @@ unsigned int ProbeRequest::prepare(const std::string& toHost, const PROXY_DATA& 
 }
 
 unsigned int ProbeRequest::determineProxy() {
-  const SETTLED_BY settledBy = systemProxySettledBy(secure);
-  environmentProxy = settledBy == SETTLED_BY::Environment;
-  if (settledBy != SETTLED_BY::System) {
+  const SettledBy settledBy = systemProxySettledBy(secure);
+  environmentProxy = settledBy == SettledBy::Environment;
+  if (settledBy != SettledBy::System) {
     return CURLE_OK;
   }
   std::vector<std::string> entries;

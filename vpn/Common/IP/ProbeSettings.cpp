@@ -4,7 +4,7 @@
 #include "vpn/Common/IP/ProbeSettings.h"
 
 #include <curl/curl.h>
-#include <glob.h>
+#include <dirent.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
@@ -12,16 +12,18 @@
 #include <string.h>
 
 #include <atomic>
+#include <memory>
+#include <string_view>
 
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/include/Locks.h"
 
 namespace {
 
-struct SETTINGS {
+struct Settings {
   /// Nor may OpenSSL's own state go while the process exits: a probe may be in a handshake then.
   /// Who is first to use OpenSSL in a process decides, so this comes before everything else here.
-  SETTINGS() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
+  Settings() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
 
   CManualLock lock;
   /// Null until the first secure probe needs it.
@@ -30,18 +32,25 @@ struct SETTINGS {
   std::atomic<RoundTripMeasure> measure{RoundTripMeasure::Network};
 };
 
-SETTINGS& settings() {
-  static SETTINGS& instance = *new SETTINGS;
+Settings& settings() {
+  static Settings& instance = *new Settings;
   return instance;
 }
 
-/// Whether OpenSSL can look certificates up in a directory, by links named for their hash.
+/// Whether OpenSSL can look certificates up in a directory, by links named for their hash. The
+/// iterators of the standard library end the process when they get no memory for a name, and
+/// glob(3) then frees a name twice.
 bool isCertificateDirectory(const char* path) {
-  glob_t links{};
-  const std::string pattern = std::string(path) + "/*.0";
-  const bool has = glob(pattern.c_str(), GLOB_NOSORT, nullptr, &links) == 0;
-  globfree(&links);
-  return has;
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path), closedir);
+  if (!directory) {
+    return false;
+  }
+  while (const dirent* entry = readdir(directory.get())) {
+    if (std::string_view(static_cast<const char*>(entry->d_name)).ends_with(".0")) {
+      return true;
+    }
+  }
+  return false;
 }
 
 /// What libcurl trusts by default, and `extraFile`. One store serves all probes. The system's
@@ -92,7 +101,7 @@ RoundTripMeasure ProbeSettings::measure() { return settings().measure; }
 void ProbeSettings::SetMeasure(RoundTripMeasure measure) { settings().measure = measure; }
 
 ProbeSettings::Trust ProbeSettings::trustedCertificates() {
-  SETTINGS& process = settings();
+  Settings& process = settings();
   CAutoLockT<CManualLock> guard(process.lock);
   if (!process.trust) {
     process.trust = makeTrust({});
@@ -101,7 +110,7 @@ ProbeSettings::Trust ProbeSettings::trustedCertificates() {
 }
 
 void ProbeSettings::SetTrustFile(const std::string& path) {
-  SETTINGS& process = settings();  // first: it prepares OpenSSL
+  Settings& process = settings();  // first: it prepares OpenSSL
   Trust store = makeTrust(path);
   CAutoLockT<CManualLock> guard(process.lock);
   process.trust.swap(store);

@@ -1,8 +1,7 @@
 // The measurement as a whole: the time budget and its timer, the test probe with the proxy, the
 // start of the workers and the wait for them.
 
-#include <algorithm>
-#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -11,22 +10,6 @@
 namespace tests {
 namespace {
 
-using doubles::cache;
-using doubles::preferences;
-using doubles::ProbeCall;
-using doubles::probes;
-using doubles::seams;
-using doubles::timers;
-using testing::Each;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-
-constexpr STATUSCODE AuthProxy = 0xFE53000A;
-constexpr STATUSCODE TimedOut = 0xFE53000B;
-constexpr STATUSCODE NoContext = 0xFE8D000A;
-constexpr STATUSCODE SomeFailure = 0xFE360002;
-
 const char Challenge[] =
     "HTTP/1.1 407 Proxy Authentication Required\r\n"
     "Proxy-Authenticate: NTLM\r\n"
@@ -34,12 +17,6 @@ const char Challenge[] =
 
 class Dispatch : public SelectionTest {
  protected:
-  CHeadendSelection& makeFor(const Texts& addresses, unsigned int reason = Connection,
-                             const std::string& last = "") {
-    preferences().useAddresses(addresses);
-    return make(reason, last);
-  }
-
   STATUSCODE dispatch() { return call<StartPingThreads>(*run, extraInfo); }
 
   /// The one test probe.
@@ -49,146 +26,120 @@ class Dispatch : public SelectionTest {
     return calls.size() == 1 ? calls.front() : ProbeCall{};
   }
 
-  static Texts dispatchLines() { return doubles::log().textsOf("startPingThreads"); }
+  /// The lines of the measurement, without the name of the function.
+  static Texts lines() {
+    Texts texts = doubles::log().textsOf("startPingThreads");
+    for (std::string& text : texts) {
+      text.erase(0, text.find(' ') + 1);
+    }
+    return texts;
+  }
 
   std::string extraInfo = "untouched";
 };
 
-TEST_F(Dispatch, GivesAConnectionTheConnectBudgetAndTheWorkersWhatTheTestProbeLeft) {
-  cache().settings.nConnectTimeout = 8000;
+struct Budget {
+  unsigned int reason = Connection;
+  unsigned int connectTimeout = 8000;
+  unsigned int testRtt = 300;
+  std::size_t testProbes = 1;
+  unsigned long timer = 8000;
+  unsigned int ofWorkers = 7700;
+};
+
+class TheBudget : public Dispatch, public testing::WithParamInterface<Row<Budget>> {};
+
+TEST_P(TheBudget, ArmsTheTimerAndIsHandedToTheWorkers) {
+  const Budget& budget = GetParam().is;
+  cache().settings.nConnectTimeout = budget.connectTimeout;
+  cache().settings.nReconnectTimeout = 3000;
   cache().settings.nPingTimeout = 3500;
   cache().settings.nPingsPerHeadend = 4;
-  probes().answerTest({.rtt = 300, .httpStatus = 200});
-  CHeadendSelection& selection = makeFor({"gw1", "gw2:8443"});
+  probes().answerTest({.rtt = budget.testRtt, .httpStatus = 200});
+  CHeadendSelection& selection = makeFor({"gw1", "gw2:8443"}, budget.reason);
 
   EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(timers().starts(), ElementsAre(8000U));
+  EXPECT_THAT(timers().starts.get(), ElementsAre(budget.timer));
+  EXPECT_THAT(probes().testCalls(), SizeIs(budget.testProbes));
+  EXPECT_THAT(lines(), SizeIs(budget.testProbes * 2));
   ASSERT_THAT(member<Workers>(selection), SizeIs(2));
   for (Worker* worker : member<Workers>(selection)) {
-    EXPECT_EQ(member<WorkerTimeout>(*worker), 7700U);
+    EXPECT_EQ(member<WorkerTimeout>(*worker), budget.ofWorkers);
     EXPECT_EQ(member<WorkerNumPings>(*worker), 4U);
     EXPECT_EQ(member<WorkerPingTimeout>(*worker), 3500U);
   }
-  EXPECT_EQ(member<WorkerHeadend>(*member<Workers>(selection)[0]).getHostAndPort(false), "gw1");
-  EXPECT_EQ(member<WorkerHeadend>(*member<Workers>(selection)[1]).getHostAndPort(false),
-            "gw2:8443");
   EXPECT_EQ(extraInfo, "untouched");
 }
 
-TEST_F(Dispatch, GivesAReconnectionTheReconnectBudgetWholeAndSendsNoTestProbe) {
-  cache().settings.nReconnectTimeout = 3000;
-  CHeadendSelection& selection = makeFor({"gw1"}, Reconnection);
+INSTANTIATE_TEST_SUITE_P(
+    Of, TheBudget,
+    testing::ValuesIn(Rows<Budget>{
+        {"AConnectionLessTheTestProbe", {}},
+        {"AReconnectionWholeWithoutATestProbe",
+         {.reason = Reconnection, .testProbes = 0, .timer = 3000, .ofWorkers = 3000}},
+        {"AnyOtherReasonIsThatOfAConnection", {.reason = 3}},
+        {"ATestProbeSlowerThanItWraps",
+         {.connectTimeout = 100, .testRtt = 250, .timer = 100, .ofWorkers = 4294967146U}},
+    }),
+    nameOfRow);
 
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(timers().starts(), ElementsAre(3000U));
-  EXPECT_EQ(member<WorkerTimeout>(*member<Workers>(selection)[0]), 3000U);
-  EXPECT_THAT(probes().testCalls(), IsEmpty());
-  EXPECT_THAT(dispatchLines(), IsEmpty());
-  EXPECT_EQ(member<LastHeadend>(selection).getHost(), "") << "only the test probe needs one";
-}
-
-TEST_F(Dispatch, TheTestProbeKeepsNoConnection) {
-  makeFor({"gw1"}, 3);
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_FALSE(testProbe().connectionKept);
-}
-
-TEST_F(Dispatch, EveryOtherReasonCountsAsAConnection) {
-  makeFor({"gw1"}, 3);
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(timers().starts(), ElementsAre(cache().settings.nConnectTimeout));
-  EXPECT_THAT(probes().testCalls(), SizeIs(1));
-}
-
-TEST_F(Dispatch, ATestProbeSlowerThanTheBudgetWrapsTheWorkersBudget) {
-  cache().settings.nConnectTimeout = 100;
-  probes().answerTest({.rtt = 250, .httpStatus = 200});
-  CHeadendSelection& selection = makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_EQ(member<WorkerTimeout>(*member<Workers>(selection)[0]), 4294967146U);
-  EXPECT_THAT(timers().starts(), ElementsAre(100U));
-}
-
-TEST_F(Dispatch, TheTimerCallsBackWithTheRunAndIsKept) {
+TEST_F(Dispatch, TheTimerCallsBackWithTheRunAndTheContextIsGivenBack) {
   CHeadendSelection& selection = makeFor({"gw1"});
 
   EXPECT_EQ(dispatch(), 0);
   EXPECT_NE(member<Timer>(selection), nullptr);
-  EXPECT_EQ(timers().created(), 1);
-  EXPECT_EQ(timers().pointerValue(), &selection);
-  EXPECT_EQ(timers().longValue(), 0U);
+  EXPECT_EQ(timers().created, 1);
+  EXPECT_EQ(timers().pointerValue, &selection);
+  EXPECT_EQ(timers().longValue, 0U);
+  EXPECT_EQ(timers().contextAcquired, 1);
+  EXPECT_EQ(timers().contextReleased, 1);
   CExecutionContext* context = CExecutionContext::acquireInstance(API_INSTANCE);
-  EXPECT_EQ(timers().list(), &context->GetTimerList());
+  EXPECT_EQ(timers().list, &context->GetTimerList());
   context->releaseInstance();
 }
 
-TEST_F(Dispatch, TheContextIsGivenBackOnceTheWorkersHaveEnded) {
-  makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_EQ(timers().contextAcquired(), 1);
-  EXPECT_EQ(timers().contextReleased(), 1);
-}
-
-TEST_F(Dispatch, WithoutAnExecutionContextThereIsNoMeasurement) {
-  timers().removeContext();
-  CHeadendSelection& selection = makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), NoContext);
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("startPingThreads E CInstanceSmartPtr<CExecutionContext> 0xFE8D000A"));
-  EXPECT_EQ(member<Timer>(selection), nullptr);
+TEST_F(Dispatch, WithoutAContextOrATimerThereIsNoMeasurement) {
+  struct Trouble {
+    bool hasContext;
+    long construction, start;
+    const char* line;
+    bool keepsTimer;
+  };
+  for (const Trouble& trouble :
+       {Trouble{false, 0, 0, "E CInstanceSmartPtr<CExecutionContext> 0xFE8D000A", false},
+        Trouble{true, SomeFailure, 0, "E CTimer 0xFE360002", true},
+        Trouble{true, 0, SomeFailure, "E CTimer::StartTimer 0xFE360002", true}}) {
+    SCOPED_TRACE(trouble.line);
+    doubles::log().reset();
+    timers().hasContext = trouble.hasContext;
+    timers().constructionStatus = trouble.construction;
+    timers().startStatus = trouble.start;
+    CHeadendSelection& selection = makeFor({"gw1"});
+    EXPECT_EQ(dispatch(), trouble.hasContext ? SomeFailure : NoContext);
+    EXPECT_THAT(lines(), ElementsAre(trouble.line));
+    EXPECT_EQ(member<Timer>(selection) != nullptr, trouble.keepsTimer) << "for its deletion";
+    EXPECT_EQ(timers().contextReleased, timers().contextAcquired);
+    destroy();
+  }
   EXPECT_THAT(probes().testCalls(), IsEmpty());
-  EXPECT_EQ(seams().starts(), 0);
+  EXPECT_EQ(seams().starts, 0);
 }
 
-TEST_F(Dispatch, ATimerThatCannotBeMadeIsKeptForItsDeletion) {
-  timers().failConstruction(SomeFailure);
-  CHeadendSelection& selection = makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), SomeFailure);
-  EXPECT_THAT(doubles::log().texts(), ElementsAre("startPingThreads E CTimer 0xFE360002"));
-  EXPECT_NE(member<Timer>(selection), nullptr);
-  EXPECT_THAT(timers().starts(), IsEmpty());
-  EXPECT_EQ(timers().contextReleased(), 1);
-  EXPECT_EQ(seams().starts(), 0);
-}
-
-TEST_F(Dispatch, ATimerThatCannotBeArmedStopsTheMeasurement) {
-  timers().failStart(SomeFailure);
-  CHeadendSelection& selection = makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), SomeFailure);
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("startPingThreads E CTimer::StartTimer 0xFE360002"));
-  EXPECT_NE(member<Timer>(selection), nullptr);
-  EXPECT_EQ(timers().contextReleased(), 1);
-  EXPECT_THAT(probes().testCalls(), IsEmpty());
-}
-
-TEST_F(Dispatch, TheTestProbeGoesPlainlyToTheLastHeadend) {
+TEST_F(Dispatch, TheTestProbeGoesPlainlyToTheLastHeadendAndKeepsNoConnection) {
   cache().settings.nTestPingTimeout = 5432;
   makeFor({"gw1", "gw2:8443"}, Connection, "gw2:8443");
 
   EXPECT_EQ(dispatch(), 0);
   const ProbeCall probe = testProbe();
   EXPECT_EQ(probe.host, "gw2");
-  EXPECT_EQ(probe.port, 8443U);
-  EXPECT_FALSE(probe.secure);
   EXPECT_FALSE(probe.reserved);
   EXPECT_EQ(probe.userAgent, "");
   EXPECT_EQ(probe.timeout, 5432U) << "handed on as it stands";
   EXPECT_EQ(probe.options, 15U);
-  EXPECT_FALSE(probe.determineProxy);
-  EXPECT_EQ(probe.proxyServer, "");
-  EXPECT_EQ(probe.proxyUser, "");
-  EXPECT_EQ(probe.proxyPswd, "");
   EXPECT_TRUE(probe.resultsWereZero);
   EXPECT_EQ(probe.thread, std::this_thread::get_id());
-  EXPECT_EQ(dispatchLines().front(), "startPingThreads I QIB Sending test ping to gw2:8443");
+  EXPECT_FALSE(probe.connectionKept);
+  EXPECT_EQ(lines().front(), "I QIB Sending test ping to gw2:8443");
 }
 
 TEST_F(Dispatch, WithoutALastHeadendTheTestProbeMakesTheFirstCandidateTheLast) {
@@ -200,209 +151,156 @@ TEST_F(Dispatch, WithoutALastHeadendTheTestProbeMakesTheFirstCandidateTheLast) {
   EXPECT_EQ(member<LastHeadend>(selection).getHostAndPort(false), "gw1:444");
 }
 
-TEST_F(Dispatch, APortThatIsNoNumberCountsAs0) {
-  CHeadendSelection& selection = makeFor({"gw1"}, Connection, "gw1");
-  member<UrlPort>(member<LastHeadend>(selection)) = "https";
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_EQ(testProbe().port, 0U);
-  EXPECT_EQ(dispatchLines().front(), "startPingThreads I QIB Sending test ping to gw1:0");
+TEST_F(Dispatch, APortThatIsNoNumberCountsAs0AndOneAbove65535IsSentInItsLow16Bits) {
+  for (const auto& [port, logged, sent] :
+       {std::tuple("https", "0", 0U), std::tuple("70000", "70000", 70000U - 65536U)}) {
+    CHeadendSelection& selection = makeFor({"gw1"}, Connection, "gw1");
+    member<UrlPort>(member<LastHeadend>(selection)) = port;
+    EXPECT_EQ(dispatch(), 0);
+    EXPECT_EQ(testProbe().port, sent);
+    EXPECT_EQ(lines().front(), std::string("I QIB Sending test ping to gw1:") + logged);
+    destroy();
+    probes().reset();
+    doubles::log().reset();
+  }
 }
 
-TEST_F(Dispatch, APortAbove65535IsLoggedAsItIsAndSentInItsLow16Bits) {
-  CHeadendSelection& selection = makeFor({"gw1"}, Connection, "gw1");
-  member<UrlPort>(member<LastHeadend>(selection)) = "70000";
+struct Way {
+  bool hasProvider = true;
+  std::string user = "user";
+  std::string password = "secret";
+  std::string providersHost = {};
+  std::string port = {};  ///< of the proxy in the preferences
+  // What the test probe then has:
+  bool secure = true;
+  bool determineProxy = false;
+  std::string server = "http=http://proxy1";
+  std::string sentUser = {};
+  std::string sentPassword = {};
+};
 
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_EQ(testProbe().port, 70000U - 65536U);
-  EXPECT_EQ(dispatchLines().front(), "startPingThreads I QIB Sending test ping to gw1:70000");
-}
+class TheTestProbe : public Dispatch, public testing::WithParamInterface<Row<Way>> {};
 
-TEST_F(Dispatch, AProviderWithAUserMakesTheTestProbeSecureOnPort443) {
+TEST_P(TheTestProbe, GoesByWayOfTheProxy) {
+  const Way& way = GetParam().is;
+  preferences().proxySettings = PreferenceBase::ProxyOverride;
+  preferences().proxyHost = "proxy1";
+  preferences().proxyPort = way.port;
   makeFor({"gw1:8443"}, Connection, "gw1:8443");
-  run->SetProxy(new Provider(BasicProxy, "user", "secret", "proxy1"));
+  if (way.hasProvider) {
+    run->SetProxy(new Provider(BasicProxy, way.user, way.password, way.providersHost));
+  }
 
   EXPECT_EQ(dispatch(), 0);
   const ProbeCall probe = testProbe();
-  EXPECT_TRUE(probe.secure);
-  EXPECT_EQ(probe.port, 443U);
-  EXPECT_EQ(probe.proxyUser, "user");
-  EXPECT_EQ(probe.proxyPswd, "secret");
-  EXPECT_EQ(dispatchLines().front(), "startPingThreads I QIB Sending test ping to gw1:443");
+  EXPECT_EQ(probe.secure, way.secure);
+  EXPECT_EQ(probe.port, way.secure ? 443U : 8443U);
+  EXPECT_EQ(probe.determineProxy, way.determineProxy);
+  EXPECT_EQ(probe.proxyServer, way.server);
+  EXPECT_EQ(probe.proxyUser, way.sentUser);
+  EXPECT_EQ(probe.proxyPswd, way.sentPassword);
+  EXPECT_EQ(preferences().valuesAsked.empty(), way.determineProxy);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    With, TheTestProbe,
+    testing::ValuesIn(Rows<Way>{
+        {"NoProviderUsesTheConfiguredProxy", {.hasProvider = false, .secure = false}},
+        {"AUserIsSecureOnPort443AndAHostLeavesTheProxyToTheProbe",
+         {.providersHost = "other",
+          .determineProxy = true,
+          .server = "",
+          .sentUser = "user",
+          .sentPassword = "secret"}},
+        {"NoHostUsesTheConfiguredProxyWithItsCredentials",
+         {.port = "3128",
+          .server = "http=http://proxy1:3128",
+          .sentUser = "user",
+          .sentPassword = "secret"}},
+        {"NoUserIsPlainAndWithoutCredentials", {.user = "", .secure = false}},
+        {"AHostButNoUserIsPlain",
+         {.user = "",
+          .providersHost = "other",
+          .secure = false,
+          .determineProxy = true,
+          .server = ""}},
+        {"CredentialsThatEndAtTheirFirstNul",
+         {.user = {"us\0er", 5},
+          .password = {"se\0cret", 7},
+          .sentUser = "us",
+          .sentPassword = "se"}},
+        {"AUserThatStartsWithNulIsPlain", {.user = {"\0user", 5}, .secure = false}},
+    }),
+    nameOfRow);
 
 TEST_F(Dispatch, ThePasswordIsAskedForBeforeTheUser) {
-  preferences().useAddresses({"gw1"});
   auto* const provider = new Provider(BasicProxy, "anna", "secret", "");
-  make().SetProxy(provider);
-  doubles::log().setHook([provider](const doubles::LogLine& line) {
-    if (line.message == "QIB Sending test ping to gw1:443") {
-      EXPECT_EQ(provider->asked, "password user ");
+  makeFor({"gw1"}).SetProxy(provider);
+
+  EXPECT_EQ(dispatch(), 0);
+  EXPECT_EQ(provider->asked.substr(0, 14), "password user ");
+}
+
+TEST_F(Dispatch, ATestProbeThatFailsIsLoggedWithItsLastErrorUnlessTheServerAnswered) {
+  for (const auto& [status, isAnswer] :
+       std::vector<std::pair<STATUSCODE, bool>>{{0, true},
+                                                {HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE, true},
+                                                {HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED, true},
+                                                {HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, true},
+                                                {HTTP_SESSION_ERROR_CONNECT, false},
+                                                {HTTP_SESSION_ERROR_TIMEOUT, false},
+                                                {HTTP_SESSION_ERROR_CANNOT_CONNECT, false},
+                                                {HTTP_SESSION_ERROR_DNS_RESOLUTION, false},
+                                                {SomeFailure, false}}) {
+    SCOPED_TRACE(status);
+    doubles::log().reset();
+    probes().reset();
+    probes().answerTest({.status = status, .rtt = 21, .lastError = 0x1C});
+    makeFor({"gw1"});
+    EXPECT_EQ(dispatch(), 0);
+    Texts expected{"I QIB Sending test ping to gw1:443", "I QIB test ping took 21"};
+    if (!isAnswer) {
+      expected.insert(expected.begin() + 1, "E HttpProbe::SendHttpProbe QIB test ping failed 0x1C");
     }
-  });
-  runToEnd();
-  EXPECT_EQ(doubles::log().count("startPingThreads I QIB Sending test ping to gw1:443"), 1U);
+    EXPECT_EQ(lines(), expected);
+    EXPECT_THAT(probes().workerCalls("gw1"), SizeIs(3)) << "the measurement goes on";
+    destroy();
+  }
 }
 
-TEST_F(Dispatch, AProviderWithoutAUserLeavesTheTestProbePlainAndWithoutCredentials) {
-  makeFor({"gw1:8443"}, Connection, "gw1:8443");
-  run->SetProxy(new Provider(BasicProxy, "", "secret", ""));
-
-  EXPECT_EQ(dispatch(), 0);
-  const ProbeCall probe = testProbe();
-  EXPECT_FALSE(probe.secure);
-  EXPECT_EQ(probe.port, 8443U);
-  EXPECT_EQ(probe.proxyUser, "");
-  EXPECT_EQ(probe.proxyPswd, "");
-}
-
-TEST_F(Dispatch, CredentialsEndAtTheirFirstNul) {
-  makeFor({"gw1"});
-  run->SetProxy(new Provider(BasicProxy, std::string("us\0er", 5), std::string("se\0cret", 7), ""));
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_EQ(testProbe().proxyUser, "us");
-  EXPECT_EQ(testProbe().proxyPswd, "se");
-}
-
-TEST_F(Dispatch, AUserNameThatStartsWithNulIsEmpty) {
-  makeFor({"gw1"});
-  run->SetProxy(new Provider(BasicProxy, std::string("\0user", 5), "secret", ""));
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_FALSE(testProbe().secure);
-  EXPECT_EQ(testProbe().proxyUser, "");
-  EXPECT_EQ(testProbe().proxyPswd, "");
-}
-
-TEST_F(Dispatch, AProviderWithAHostLeavesTheProxyToTheProbe) {
-  makeFor({"gw1"});
-  run->SetProxy(new Provider(NTLMProxy, "", "", "proxy1"));
-  preferences().proxySettings = PreferenceBase::ProxyOverride;
-  preferences().proxyHost = "other";
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_TRUE(testProbe().determineProxy);
-  EXPECT_EQ(testProbe().proxyServer, "");
-  EXPECT_THAT(preferences().valuesAsked, IsEmpty()) << "the configured proxy is not asked for";
-}
-
-TEST_F(Dispatch, AProviderWithoutAHostUsesTheConfiguredProxyWithItsCredentials) {
-  makeFor({"gw1"});
-  run->SetProxy(new Provider(BasicProxy, "user", "secret", ""));
-  preferences().proxySettings = PreferenceBase::ProxyOverride;
-  preferences().proxyHost = "proxy1";
-  preferences().proxyPort = "3128";
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_FALSE(testProbe().determineProxy);
-  EXPECT_EQ(testProbe().proxyServer, "http=http://proxy1:3128");
-  EXPECT_EQ(testProbe().proxyUser, "user");
-  EXPECT_EQ(testProbe().proxyPswd, "secret");
-}
-
-TEST_F(Dispatch, WithoutAProviderTheTestProbeUsesTheConfiguredProxy) {
-  makeFor({"gw1"});
-  preferences().proxySettings = PreferenceBase::ProxyOverride;
-  preferences().proxyHost = "proxy1";
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_FALSE(testProbe().determineProxy);
-  EXPECT_EQ(testProbe().proxyServer, "http=http://proxy1");
-}
-
-class AcceptedAnswer : public Dispatch, public testing::WithParamInterface<STATUSCODE> {};
-
-TEST_P(AcceptedAnswer, OfTheTestProbeIsNoFailure) {
-  probes().answerTest({.status = GetParam(), .rtt = 8, .lastError = 56});
-  makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(dispatchLines(), ElementsAre("startPingThreads I QIB Sending test ping to gw1:443",
-                                           "startPingThreads I QIB test ping took 8"));
-}
-
-INSTANTIATE_TEST_SUITE_P(All, AcceptedAnswer,
-                         testing::Values(0, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE,
-                                         HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED,
-                                         HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
-
-class FailedTestProbe : public Dispatch, public testing::WithParamInterface<STATUSCODE> {};
-
-TEST_P(FailedTestProbe, IsLoggedWithItsLastErrorAndMeasurementGoesOn) {
-  probes().answerTest({.status = GetParam(), .rtt = 21, .lastError = 0x1C});
-  makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads I QIB Sending test ping to gw1:443",
-                          "startPingThreads E HttpProbe::SendHttpProbe QIB test ping failed 0x1C",
-                          "startPingThreads I QIB test ping took 21"));
-  EXPECT_EQ(doubles::log().lines()[1].code, 0x1C);
-  EXPECT_THAT(probes().workerCalls("gw1"), SizeIs(3));
-}
-
-INSTANTIATE_TEST_SUITE_P(All, FailedTestProbe,
-                         testing::Values(HTTP_SESSION_ERROR_CONNECT, HTTP_SESSION_ERROR_TIMEOUT,
-                                         HTTP_SESSION_ERROR_CANNOT_CONNECT,
-                                         HTTP_SESSION_ERROR_DNS_RESOLUTION,
-                                         STATUSCODE{0xFE460002}));
-
-class ChallengedTestProbe : public Dispatch, public testing::WithParamInterface<STATUSCODE> {};
-
-TEST_P(ChallengedTestProbe, EndsTheMeasurementWithTheRealmWhateverItsStatus) {
-  probes().answerTest({.status = GetParam(), .rtt = 9, .httpStatus = 407, .headers = Challenge});
-  CHeadendSelection& selection = makeFor({"gw1", "gw2"});
-
-  EXPECT_EQ(dispatch(), AuthProxy);
-  EXPECT_EQ(extraInfo, "head office");
-  EXPECT_EQ(member<Timer>(selection), nullptr);
-  EXPECT_EQ(timers().live(), 0);
-  EXPECT_FALSE(fireTimer());
-  EXPECT_EQ(timers().contextReleased(), 1);
-  EXPECT_EQ(seams().starts(), 0);
-  EXPECT_EQ(dispatchLines().back(), "startPingThreads I QIB: Encountered an auth proxy");
-  EXPECT_EQ(doubles::log().count("startPingThreads I QIB test ping took 9"), 0U);
-}
-
-INSTANTIATE_TEST_SUITE_P(All, ChallengedTestProbe,
-                         testing::Values(STATUSCODE{0}, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE,
-                                         HTTP_SESSION_ERROR_CONNECT));
-
-TEST_F(Dispatch, AChallengedProbeThatAlsoFailedLogsItsFailureFirst) {
-  probes().answerTest({.status = HTTP_SESSION_ERROR_CONNECT, .httpStatus = 407, .lastError = 7});
-  makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), AuthProxy);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads I QIB Sending test ping to gw1:443",
-                          "startPingThreads E HttpProbe::SendHttpProbe QIB test ping failed 0x7",
-                          "startPingThreads I QIB: Encountered an auth proxy"));
-  EXPECT_EQ(extraInfo, "") << "no challenge, no realm";
+TEST_F(Dispatch, AChallengeEndsTheMeasurementWithTheRealmWhateverTheProbesStatus) {
+  for (const STATUSCODE status :
+       {STATUSCODE{0}, STATUSCODE{HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE},
+        STATUSCODE{HTTP_SESSION_ERROR_CONNECT}}) {
+    SCOPED_TRACE(status);
+    const bool isFailure = status == HTTP_SESSION_ERROR_CONNECT;
+    doubles::log().reset();
+    probes().answerTest(
+        {.status = status, .rtt = 9, .httpStatus = 407, .lastError = 7, .headers = Challenge});
+    CHeadendSelection& selection = makeFor({"gw1", "gw2"});
+    EXPECT_EQ(dispatch(), AuthProxy);
+    EXPECT_EQ(extraInfo, "head office");
+    EXPECT_EQ(member<Timer>(selection), nullptr);
+    EXPECT_EQ(timers().live, 0);
+    EXPECT_FALSE(fireTimer());
+    EXPECT_EQ(timers().contextReleased, timers().contextAcquired);
+    Texts expected{"I QIB Sending test ping to gw1:443", "I QIB: Encountered an auth proxy"};
+    if (isFailure) {
+      expected.insert(expected.begin() + 1, "E HttpProbe::SendHttpProbe QIB test ping failed 0x7");
+    }
+    EXPECT_EQ(lines(), expected);
+    destroy();
+  }
+  EXPECT_EQ(seams().starts, 0);
 }
 
 TEST_F(Dispatch, AChallengeThatMeetsAnExpiredTimerStillDeletesIt) {
   probes().answerTest(
       {.httpStatus = 407, .headers = Challenge, .during = [&] { EXPECT_TRUE(fireTimer()); }});
-  CHeadendSelection& selection = makeFor({"gw1"});
+  makeFor({"gw1"});
 
   EXPECT_EQ(dispatch(), AuthProxy);
-  EXPECT_EQ(member<Timer>(selection), nullptr);
-  EXPECT_EQ(timers().live(), 0);
-}
-
-TEST_F(Dispatch, ATimerThatExpiresDuringTheTestProbeStopsBeforeAnyWorker) {
-  probes().answerTest({.rtt = 3, .during = [&] { EXPECT_TRUE(fireTimer()); }});
-  CHeadendSelection& selection = makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), TimedOut);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads I QIB Sending test ping to gw1:443",
-                          "startPingThreads I QIB test ping took 3",
-                          "startPingThreads W QIB timer expired before any servers could be "
-                          "pinged."));
-  EXPECT_THAT(member<Workers>(selection), IsEmpty());
-  EXPECT_EQ(timers().contextReleased(), 1);
+  EXPECT_EQ(timers().live, 0);
 }
 
 TEST_F(Dispatch, AReconnectionWhoseTimerHasExpiredStopsBeforeTheFirstWorker) {
@@ -410,50 +308,44 @@ TEST_F(Dispatch, AReconnectionWhoseTimerHasExpiredStopsBeforeTheFirstWorker) {
   selection.setThreadTerminated(true);
 
   EXPECT_EQ(dispatch(), TimedOut);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads W QIB timer expired before starting thread 0"));
+  EXPECT_THAT(lines(), ElementsAre("W QIB timer expired before starting thread 0"));
   EXPECT_THAT(member<Workers>(selection), ElementsAre(nullptr, nullptr));
 }
 
 TEST_F(Dispatch, ATimerThatExpiresBetweenTwoStartsLeavesTheLaterSlotsEmpty) {
-  doubles::Gate release;
+  Gate release;
   for (const char* host : {"gw0", "gw1", "gw2"}) {
     probes().answer(host, {{.rtt = 30, .during = [&] { EXPECT_TRUE(release.wait()); }}});
   }
   CHeadendSelection& selection = makeFor({"gw0", "gw1", "gw2", "gw3", "gw4"});
   int started = 0;
-  seams().setAfterStart([&](CThread& thread) {
+  seams().afterStart.set([&](CThread& thread) {
     if (dynamic_cast<Worker*>(&thread) != nullptr && ++started == 3) {
       EXPECT_TRUE(fireTimer());
     }
   });
 
   EXPECT_EQ(dispatch(), TimedOut) << "without waiting for the workers, which are still probing";
-  EXPECT_EQ(dispatchLines().back(),
-            "startPingThreads W QIB timer expired before starting thread 3");
-  ASSERT_THAT(member<Workers>(selection), SizeIs(5));
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_NE(member<Workers>(selection)[i], nullptr);
-  }
-  EXPECT_EQ(member<Workers>(selection)[3], nullptr);
-  EXPECT_EQ(member<Workers>(selection)[4], nullptr);
-  EXPECT_EQ(timers().contextReleased(), 1);
+  EXPECT_EQ(lines().back(), "W QIB timer expired before starting thread 3");
+  EXPECT_THAT(member<Workers>(selection),
+              ElementsAre(testing::NotNull(), testing::NotNull(), testing::NotNull(),
+                          testing::IsNull(), testing::IsNull()));
+  EXPECT_EQ(timers().contextReleased, 1);
 
   release.open();
   EXPECT_TRUE(doubles::eventually([] { return CThread::RunningCount() == 0; }));
   for (const char* host : {"gw0", "gw1", "gw2"}) {
-    EXPECT_EQ(probes().workerCalls(host).size(), 3U) << "runs to its own end";
+    EXPECT_THAT(probes().workerCalls(host), SizeIs(3)) << "runs to its own end";
   }
-  EXPECT_THAT(probes().workerCalls("gw3"), IsEmpty());
 }
 
-TEST_F(Dispatch, WorkersAreStartedInTheOrderOfTheListAndWaitedForInIt) {
-  makeFor({"gw1", "gw2", "gw3"}, Reconnection);
+TEST_F(Dispatch, WorkersRunOnThreadsOfTheirOwnAndAreStartedAndWaitedForInTheOrderOfTheList) {
+  makeFor({"gw1", "gw2:8443", "gw3"}, Reconnection);
   Texts order;
-  seams().setAfterStart([&](CThread& thread) {
+  seams().afterStart.set([&](CThread& thread) {
     order.push_back("start " + dynamic_cast<Worker&>(thread).GetHeadend());
   });
-  seams().setAfterWait(
+  seams().afterWait.set(
       [&](CThread& thread, STATUSCODE result, unsigned int&, unsigned int timeoutMs) {
         EXPECT_EQ(timeoutMs, CThread::Infinite);
         order.push_back("wait " + dynamic_cast<Worker&>(thread).GetHeadend());
@@ -461,48 +353,38 @@ TEST_F(Dispatch, WorkersAreStartedInTheOrderOfTheListAndWaitedForInIt) {
       });
 
   EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(order, ElementsAre("start gw1", "start gw2", "start gw3", "wait gw1", "wait gw2",
-                                 "wait gw3"));
+  EXPECT_THAT(order, ElementsAre("start gw1", "start gw2:8443", "start gw3", "wait gw1",
+                                 "wait gw2:8443", "wait gw3"));
+  EXPECT_THAT(doubles::log().textsOf("Run"), SizeIs(6)) << "all have logged their end";
+  std::set<std::thread::id> ofMain{std::this_thread::get_id()};
+  for (const char* host : {"gw1", "gw2", "gw3"}) {
+    std::set<std::thread::id> threads;
+    for (const ProbeCall& call : probes().workerCalls(host)) {
+      threads.insert(call.thread);
+    }
+    EXPECT_THAT(threads, SizeIs(1));
+    EXPECT_NE(threads, ofMain);
+  }
 }
 
-TEST_F(Dispatch, ReturnsOnlyWhenEveryWorkerHasEnded) {
-  makeFor({"gw1", "gw2"}, Reconnection);
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(doubles::log().textsOf("Run"), SizeIs(4)) << "both have logged their end";
-}
-
-TEST_F(Dispatch, AWaitThatFailsIsLoggedAndTheNextWorkerIsWaitedFor) {
+TEST_F(Dispatch, AWaitThatFailsHidesNeitherTheWorkersOwnFailureNorTheNextWorker) {
   makeFor({"gw1", "gw2"}, Reconnection);
   int waits = 0;
-  seams().setAfterWait([&](CThread&, STATUSCODE result, unsigned int&, unsigned int) -> STATUSCODE {
-    return ++waits == 1 ? THREAD_ERROR_TIMEOUT : result;
+  seams().afterWait.set([&](CThread&, STATUSCODE, unsigned int& code, unsigned int) -> STATUSCODE {
+    code = ++waits == 1 ? 0xFE460019 : 0;
+    return waits == 1 ? STATUSCODE{THREAD_ERROR_TIMEOUT} : 0;
   });
 
   EXPECT_EQ(dispatch(), 0);
   EXPECT_EQ(waits, 2);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads W CSelectionThread::WaitForCompletion 0xFE34000B"));
+  EXPECT_THAT(lines(), ElementsAre("W CSelectionThread::WaitForCompletion 0xFE34000B",
+                                   "W CSelectionThread::Run 0xFE460019"));
 }
 
-TEST_F(Dispatch, AWaitThatFailsDoesNotHideTheWorkersOwnFailure) {
-  makeFor({"gw1"}, Reconnection);
-  seams().setAfterWait(
-      [](CThread&, STATUSCODE, unsigned int& exitCode, unsigned int) -> STATUSCODE {
-        exitCode = 0xFE460019;
-        return THREAD_ERROR_TIMEOUT;
-      });
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads W CSelectionThread::WaitForCompletion 0xFE34000B",
-                          "startPingThreads W CSelectionThread::Run 0xFE460019"));
-}
-
-TEST_F(Dispatch, AWaitThatFailsDoesNotRepeatTheFailureOfTheWorkerBefore) {
+TEST_F(Dispatch, ADnsErrorAndAWorkerThatCannotStartAreLoggedAndTheOthersAreMeasured) {
   probes().answer("gw1", {{.status = HTTP_SESSION_ERROR_DNS_RESOLUTION}});
-  makeFor({"gw1", "gw2"}, Reconnection);
-  seams().setBeforeStart([](CThread& thread) -> std::optional<STATUSCODE> {
+  CHeadendSelection& selection = makeFor({"gw1", "gw2", "gw3"}, Reconnection);
+  seams().beforeStart.set([](CThread& thread) -> std::optional<STATUSCODE> {
     if (dynamic_cast<Worker&>(thread).GetHeadend() == "gw2") {
       return THREAD_ERROR_CREATE_FAILED;
     }
@@ -510,48 +392,10 @@ TEST_F(Dispatch, AWaitThatFailsDoesNotRepeatTheFailureOfTheWorkerBefore) {
   });
 
   EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads W CSelectionThread::Run 0xFE460019",
-                          "startPingThreads W CSelectionThread::WaitForCompletion 0xFE34000D"));
-}
-
-TEST_F(Dispatch, AWorkerThatEndsWithAFailureIsLoggedAndIsNoFailureOfTheMeasurement) {
-  probes().answer("gw1", {{.status = HTTP_SESSION_ERROR_DNS_RESOLUTION}});
-  CHeadendSelection& selection = makeFor({"gw1", "gw2"}, Reconnection);
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(dispatchLines(), ElementsAre("startPingThreads W CSelectionThread::Run 0xFE460019"));
-  EXPECT_THAT(recordsOf(member<PingResults>(selection)), ElementsAre("gw2 10"));
-}
-
-TEST_F(Dispatch, AWorkerThatCannotBeStartedIsOnlyMissedAtTheWait) {
-  CHeadendSelection& selection = makeFor({"gw1", "gw2"}, Reconnection);
-  seams().setBeforeStart([](CThread& thread) -> std::optional<STATUSCODE> {
-    if (dynamic_cast<Worker&>(thread).GetHeadend() == "gw1") {
-      return THREAD_ERROR_CREATE_FAILED;
-    }
-    return std::nullopt;
-  });
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_THAT(dispatchLines(),
-              ElementsAre("startPingThreads W CSelectionThread::WaitForCompletion 0xFE34000D"));
-  EXPECT_THAT(recordsOf(member<PingResults>(selection)), ElementsAre("gw2 10"));
-}
-
-TEST_F(Dispatch, EveryHeadendIsMeasuredOnAThreadOfItsOwn) {
-  makeFor({"gw1", "gw2", "gw3"}, Reconnection);
-  EXPECT_EQ(dispatch(), 0);
-
-  std::vector<std::thread::id> threads;
-  for (const char* host : {"gw1", "gw2", "gw3"}) {
-    const std::vector<ProbeCall> calls = probes().workerCalls(host);
-    ASSERT_THAT(calls, SizeIs(3));
-    EXPECT_EQ(calls[0].thread, calls[1].thread);
-    EXPECT_EQ(calls[0].thread, calls[2].thread);
-    threads.push_back(calls[0].thread);
-  }
-  EXPECT_EQ(std::count(threads.begin(), threads.end(), std::this_thread::get_id()), 0);
+  EXPECT_THAT(lines(), ElementsAre("W CSelectionThread::Run 0xFE460019",
+                                   "W CSelectionThread::WaitForCompletion 0xFE34000D"))
+      << "the failure of the one before is not repeated";
+  EXPECT_THAT(recordsOf(member<PingResults>(selection)), ElementsAre("gw3 10"));
 }
 
 }  // namespace

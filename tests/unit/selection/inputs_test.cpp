@@ -9,12 +9,9 @@
 namespace tests {
 namespace {
 
-using doubles::preferences;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using Profiles = std::vector<doubles::PreferenceScript::Profile>;
+using Hosts = std::vector<doubles::PreferenceScript::Host>;
 
-constexpr STATUSCODE NoPreferences = 0xFE32000A;
-constexpr STATUSCODE SomeFailure = 0xFE320009;
 const char MissingSwitch[] =
     "getHeadendListFromProfile E QIB unable to get preference EnableAutomaticServerSelection";
 
@@ -31,55 +28,109 @@ class Candidates : public SelectionTest {
 
   Texts keys() { return keysOf(member<HeadendList>(*run)); }
   std::string last() { return member<LastHeadend>(*run).getHostAndPort(false); }
-  std::string cacheKey() { return call<GetKnownHeadends>(*run); }
 };
 
-TEST_F(Candidates, WithoutProfilesAreNoneAndTheLastHeadendStays) {
+struct Files {
+  Profiles profiles = {{.name = "p"}};
+  Hosts hosts = {};
+  std::string wanted = {};  ///< as the last headend
+  Texts keys = {};
+  std::string last = "kept";
+  std::size_t missingSwitches = 0;
+};
+
+class TheCandidates : public Candidates, public testing::WithParamInterface<Row<Files>> {};
+
+TEST_P(TheCandidates, ComeFromTheProfiles) {
+  const Files& files = GetParam().is;
+  preferences().profiles = files.profiles;
+  preferences().hosts = files.hosts;
   member<LastHeadend>(*run) = URL("kept");
-
-  EXPECT_EQ(gather("gw1"), 0);
-  EXPECT_THAT(keys(), IsEmpty());
-  EXPECT_EQ(last(), "kept");
-  EXPECT_THAT(doubles::log().texts(), IsEmpty());
-}
-
-TEST_F(Candidates, WithoutAPreferenceManagerAreNotRead) {
-  preferences().useAddresses({"gw1"});
-  preferences().hasInstance = false;
-
-  EXPECT_EQ(gather("gw1"), NoPreferences);
-  EXPECT_THAT(keys(), IsEmpty());
-  EXPECT_EQ(last(), "");
-  EXPECT_THAT(
-      doubles::log().texts(),
-      ElementsAre("getHeadendListFromProfile E CInstanceSmartPtr<PreferenceMgr> 0xFE32000A"));
-}
-
-TEST_F(Candidates, WithoutProfileManagerAreNotReadAndThePreferencesAreGivenBack) {
-  preferences().useAddresses({"gw1"});
-  preferences().profileMgrStatus = SomeFailure;
-  const int before = preferences().released;
-
-  EXPECT_EQ(gather(), SomeFailure);
-  EXPECT_THAT(keys(), IsEmpty());
-  EXPECT_EQ(preferences().released, before + 1);
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("getHeadendListFromProfile E PreferenceMgr::getProfileMgr 0xFE320009"));
-}
-
-TEST_F(Candidates, ArePreferencesAcquiredAndGivenBackOnce) {
-  preferences().useAddresses({"gw1"});
   const int before = preferences().acquired;
 
-  EXPECT_EQ(gather(), 0);
+  EXPECT_EQ(gather(files.wanted), 0);
+  EXPECT_EQ(keys(), files.keys);
+  EXPECT_EQ(last(), files.last);
+  EXPECT_EQ(doubles::log().texts(), Texts(files.missingSwitches, MissingSwitch));
   EXPECT_EQ(preferences().acquired, before + 1);
   EXPECT_EQ(preferences().released, before + 1);
 }
 
+INSTANTIATE_TEST_SUITE_P(
+    With, TheCandidates,
+    testing::ValuesIn(Rows<Files>{
+        {"NoProfilesAreNoneAndTheLastHeadendStays", {.profiles = {}, .wanted = "gw1"}},
+        {"EntriesInByteOrderOfTheirNamesAndNotOfTheirAddresses",
+         {.hosts = {{"b", "aa:2", "p"}, {"A", "zz:1", "p"}, {"a", "mm", "p"}},
+          .wanted = "b",
+          .keys = {"zz:1", "mm", "aa:2"},
+          .last = "aa:2"}},
+        {"AutomaticSelectionOffLeaveTheirHostsOutAlsoAsTheLastHeadend",
+         {.profiles = {{"off", "false"}, {"on"}},
+          .hosts = {{"gw1", "gw1", "off"}, {"gw2", "gw2", "on"}},
+          .wanted = "gw1",
+          .keys = {"gw2"}}},
+        {"AUserWhoMaySwitchTakePartWhateverTheValue",
+         {.profiles = {{"off", "false", true}, {"odd", "whatever", true}},
+          .hosts = {{"gw1", "gw1", "off"}, {"gw2", "gw2", "odd"}},
+          .keys = {"gw1", "gw2"}}},
+        {"OnlyTheExactValueThatMeansOn",
+         {.profiles = {{"upper", "TRUE"}, {"longer", "true "}, {"shorter", "tru"}, {"empty", ""}},
+          .hosts = {{"gw1", "gw1", "upper"},
+                    {"gw2", "gw2", "longer"},
+                    {"gw3", "gw3", "shorter"},
+                    {"gw4", "gw4", "empty"}}}},
+        {"NoSwitchLeaveTheirHostsOutWithOneErrorAProfile",
+         {.profiles = {{"a", std::nullopt}, {"b", std::nullopt}, {"c"}, {"d", std::nullopt}},
+          .hosts =
+              {{"gw1", "gw1", "a"}, {"gw2", "gw2", "a"}, {"gw3", "gw3", "b"}, {"gw4", "gw4", "c"}},
+          .keys = {"gw4"},
+          .missingSwitches = 3}},
+        {"AnEntryOfAnUnknownProfileLeaveItOutSilently",
+         {.hosts = {{"gw1", "gw1", "elsewhere"}, {"gw2", "gw2", ""}, {"gw3", "gw3", "p"}},
+          .keys = {"gw3"}}},
+        {"AMissingEntrySkipItSilently",
+         {.hosts = {{"gw1", "", "p", true}, {"gw2", "gw2", "p"}},
+          .wanted = "gw1",
+          .keys = {"gw2"}}},
+        {"AnEntryWithoutAnAddressReachItByItsName",
+         {.hosts = {{"gw1.example:8443", "", "p"}}, .keys = {"gw1.example:8443"}}},
+        {"TheLastHeadendsEntryNameInAnyLetterCaseReplaceIt",
+         {.hosts = {{"Head Office", "https://gw1:8443/a", "p"}, {"Branch", "gw2", "p"}},
+          .wanted = "hEAD oFFICE",
+          .keys = {"gw2", "gw1:8443"},
+          .last = "gw1:8443"}},
+        {"TheLastHeadendsAddressDoNotReplaceIt",
+         {.hosts = {{"Head Office", "gw1", "p"}}, .wanted = "gw1", .keys = {"gw1"}}},
+        {"TwoNamesThatDifferInLetterCaseTakeTheLaterForTheLastHeadend",
+         {.hosts = {{"GW", "first", "p"}, {"gw", "second", "p"}},
+          .wanted = "Gw",
+          .keys = {"first", "second"},
+          .last = "second"}},
+        {"TwoNamesOfOneAddressAreTwo",
+         {.hosts = {{"a", "gw1", "p"}, {"b", "gw1", "p"}}, .keys = {"gw1", "gw1"}}},
+    }),
+    nameOfRow);
+
+TEST_F(Candidates, WithoutPreferencesAreNotRead) {
+  preferences().useAddresses({"gw1"});
+  preferences().profileMgrStatus = SomeFailure;
+  EXPECT_EQ(gather("gw1"), SomeFailure);
+  EXPECT_EQ(preferences().released, preferences().acquired);
+  preferences().hasInstance = false;
+  EXPECT_EQ(gather("gw1"), 0xFE32000A);
+
+  EXPECT_THAT(keys(), IsEmpty());
+  EXPECT_EQ(last(), "");
+  EXPECT_THAT(
+      doubles::log().texts(),
+      ElementsAre("getHeadendListFromProfile E PreferenceMgr::getProfileMgr 0xFE360002",
+                  "getHeadendListFromProfile E CInstanceSmartPtr<PreferenceMgr> 0xFE32000A"));
+}
+
 TEST_F(Candidates, AreThoseThatWereThereAtTheStartWhateverHappensToTheProfilesMeanwhile) {
-  preferences().profiles = {{.name = "a", .automaticSelection = std::nullopt}, {.name = "b"}};
-  preferences().hosts = {{.name = "gw1", .address = "gw1", .profile = "b"},
-                         {.name = "gw2", .address = "gw2", .profile = "b"}};
+  preferences().profiles = {{"a", std::nullopt}, {"b"}};
+  preferences().hosts = {{"gw1", "gw1", "b"}, {"gw2", "gw2", "b"}};
   doubles::log().setHook([](const doubles::LogLine&) { preferences().forgetAllProfilesBut("a"); });
   preferences().whenAskedForAProfile = [] { preferences().forgetAllHostsBut("gw1"); };
 
@@ -87,269 +138,87 @@ TEST_F(Candidates, AreThoseThatWereThereAtTheStartWhateverHappensToTheProfilesMe
   EXPECT_THAT(keys(), ElementsAre("gw1", "gw2"));
 }
 
-TEST_F(Candidates, StandInByteOrderOfTheirEntryNames) {
-  preferences().useAddresses({"b", "A", "a"});
-
-  EXPECT_EQ(gather(), 0);
-  ASSERT_EQ(member<HeadendList>(*run).size(), 3U);
-  EXPECT_THAT(keys(), ElementsAre("A", "a", "b"));
-}
-
-TEST_F(Candidates, AreOrderedByNameAndNotByAddress) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "1st", .address = "zz:1", .profile = "p"},
-                         {.name = "2nd", .address = "aa:2", .profile = "p"}};
-
-  EXPECT_EQ(gather("2nd"), 0);
-  EXPECT_THAT(keys(), ElementsAre("zz:1", "aa:2")) << "the last headend is not moved to the front";
-}
-
-TEST_F(Candidates, OfAProfileWithAutomaticSelectionOffAreLeftOut) {
-  preferences().profiles = {{.name = "off", .automaticSelection = "false"}, {.name = "on"}};
-  preferences().hosts = {{.name = "gw1", .address = "gw1", .profile = "off"},
-                         {.name = "gw2", .address = "gw2", .profile = "on"}};
-
-  EXPECT_EQ(gather("gw1"), 0);
-  EXPECT_THAT(keys(), ElementsAre("gw2"));
-  EXPECT_EQ(last(), "") << "an entry that does not take part is not the last headend";
-}
-
-TEST_F(Candidates, OfAProfileThatTheUserMaySwitchTakePartEvenWhenItIsOff) {
-  preferences().profiles = {
-      {.name = "off", .automaticSelection = "false", .userControllable = true},
-      {.name = "odd", .automaticSelection = "whatever", .userControllable = true}};
-  preferences().hosts = {{.name = "gw1", .address = "gw1", .profile = "off"},
-                         {.name = "gw2", .address = "gw2", .profile = "odd"}};
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(keys(), ElementsAre("gw1", "gw2"));
-}
-
-TEST_F(Candidates, NeedTheExactValueThatMeansOn) {
-  const std::string on = PreferenceBase::PreferenceEnabled;
-  preferences().profiles = {{.name = "upper", .automaticSelection = "TRUE"},
-                            {.name = "longer", .automaticSelection = on + " "},
-                            {.name = "shorter", .automaticSelection = on.substr(0, 3)},
-                            {.name = "empty", .automaticSelection = ""},
-                            {.name = "exact", .automaticSelection = on}};
-  for (const auto& profile : preferences().profiles) {
-    preferences().hosts.push_back(
-        {.name = profile.name, .address = profile.name, .profile = profile.name});
-  }
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(keys(), ElementsAre("exact"));
-}
-
-TEST_F(Candidates, OfAProfileWithoutTheSwitchAreLeftOutWithOneErrorAProfile) {
-  preferences().profiles = {{.name = "a", .automaticSelection = std::nullopt},
-                            {.name = "b", .automaticSelection = std::nullopt},
-                            {.name = "c"}};
-  preferences().hosts = {{.name = "gw1", .address = "gw1", .profile = "a"},
-                         {.name = "gw2", .address = "gw2", .profile = "a"},
-                         {.name = "gw3", .address = "gw3", .profile = "b"},
-                         {.name = "gw4", .address = "gw4", .profile = "c"}};
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(keys(), ElementsAre("gw4"));
-  EXPECT_THAT(doubles::log().texts(), ElementsAre(MissingSwitch, MissingSwitch));
-}
-
-TEST_F(Candidates, ProfilesAreLookedAtEvenWhenThereIsNoHostEntry) {
-  preferences().profiles = {{.name = "a", .automaticSelection = std::nullopt}};
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(doubles::log().texts(), ElementsAre(MissingSwitch));
-}
-
-TEST_F(Candidates, OfAnUnknownProfileAreLeftOutSilently) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "gw1", .address = "gw1", .profile = "elsewhere"},
-                         {.name = "gw2", .address = "gw2", .profile = ""},
-                         {.name = "gw3", .address = "gw3", .profile = "p"}};
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(keys(), ElementsAre("gw3"));
-  EXPECT_THAT(doubles::log().texts(), IsEmpty());
-}
-
-TEST_F(Candidates, AMissingEntryIsSkippedSilently) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "gw1", .address = "", .profile = "p", .isNull = true},
-                         {.name = "gw2", .address = "gw2", .profile = "p"}};
-
-  EXPECT_EQ(gather("gw1"), 0);
-  EXPECT_THAT(keys(), ElementsAre("gw2"));
-  EXPECT_EQ(last(), "");
-  EXPECT_THAT(doubles::log().texts(), IsEmpty());
-}
-
-TEST_F(Candidates, AnEntryWithoutAnAddressIsReachedByItsName) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "gw1.example:8443", .address = "", .profile = "p"}};
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(keys(), ElementsAre("gw1.example:8443"));
-}
-
-TEST_F(Candidates, TheLastHeadendIsFoundByItsEntryNameInAnyLetterCase) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "Head Office", .address = "https://gw1:8443/a", .profile = "p"},
-                         {.name = "Branch", .address = "gw2", .profile = "p"}};
-
-  EXPECT_EQ(gather("hEAD oFFICE"), 0);
-  EXPECT_EQ(last(), "gw1:8443");
-  EXPECT_EQ(member<LastHeadend>(*run).getProtocol(), URLPROTOCOL_HTTPS);
-  EXPECT_EQ(member<LastHeadend>(*run).getLocation(), "/a");
-}
-
-TEST_F(Candidates, TheLastHeadendIsNotFoundByItsAddress) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "Head Office", .address = "gw1", .profile = "p"}};
-
-  EXPECT_EQ(gather("gw1"), 0);
-  EXPECT_EQ(last(), "");
-}
-
-TEST_F(Candidates, OfTwoEntriesThatDifferInLetterCaseTheLaterIsTheLastHeadend) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "GW", .address = "first", .profile = "p"},
-                         {.name = "gw", .address = "second", .profile = "p"}};
-
-  EXPECT_EQ(gather("Gw"), 0);
-  EXPECT_THAT(keys(), ElementsAre("first", "second"));
-  EXPECT_EQ(last(), "second");
-}
-
-TEST_F(Candidates, TwoNamesOfOneAddressAreTwoCandidates) {
-  preferences().profiles = {{.name = "p"}};
-  preferences().hosts = {{.name = "a", .address = "gw1", .profile = "p"},
-                         {.name = "b", .address = "gw1", .profile = "p"}};
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(keys(), ElementsAre("gw1", "gw1"));
-}
-
-TEST_F(Candidates, AreAppendedToWhatIsThere) {
+TEST_F(Candidates, AreAppendedToWhatIsThereWithoutAnUpperBound) {
+  constexpr std::size_t Many = 2000;
   member<HeadendList>(*run).emplace_back("before");
-  preferences().useAddresses({"gw1"});
-
-  EXPECT_EQ(gather(), 0);
-  EXPECT_THAT(keys(), ElementsAre("before", "gw1"));
-}
-
-TEST_F(Candidates, HaveNoUpperBound) {
   Texts addresses;
-  for (int i = 0; i < 2000; ++i) {
+  for (std::size_t i = 0; i < Many; ++i) {
     addresses.push_back("gw" + std::to_string(i));
   }
   preferences().useAddresses(addresses);
 
   EXPECT_EQ(gather(), 0);
-  EXPECT_EQ(member<HeadendList>(*run).size(), 2000U);
+  EXPECT_THAT(keys(), SizeIs(Many + 1));
+  EXPECT_EQ(keys().front(), "before");
 }
 
-TEST_F(Candidates, NoneHaveAnEmptyKey) { EXPECT_EQ(cacheKey(), ""); }
-
-TEST_F(Candidates, OneHasItsHostInLowerCaseAsKey) {
-  member<HeadendList>(*run) = {URL("GW1")};
-  EXPECT_EQ(cacheKey(), "gw1;");
-}
-
-TEST_F(Candidates, SeveralHaveAKeyWithTheLaterOnesFirst) {
-  member<HeadendList>(*run) = {URL("GW1"), URL("gw2:8443"), URL("https://Gw3/Group")};
-  EXPECT_EQ(cacheKey(), "gw3;gw2:8443;gw1;");
-}
-
-TEST_F(Candidates, AnIPv6AddressStandsInTheKeyInBrackets) {
-  member<HeadendList>(*run) = {URL("[2001:DB8::1]:8443")};
-  EXPECT_EQ(cacheKey(), "[2001:db8::1]:8443;");
-}
-
-class ConfiguredProxy : public SelectionTest {
- protected:
-  ConfiguredProxy() {
-    make();
-    doubles::log().reset();
-    acquiredBefore = preferences().acquired;
-    preferences().proxySettings = PreferenceBase::ProxyOverride;
+TEST_F(Candidates, HaveAKeyOfTheirHostsInLowerCaseWithTheLaterOnesFirst) {
+  const std::vector<std::pair<std::vector<URL>, std::string>> keys{
+      {{}, ""},
+      {{URL("GW1")}, "gw1;"},
+      {{URL("GW1"), URL("gw2:8443"), URL("https://Gw3/Group")}, "gw3;gw2:8443;gw1;"},
+      {{URL("[2001:DB8::1]:8443")}, "[2001:db8::1]:8443;"}};
+  for (const auto& [list, key] : keys) {
+    member<HeadendList>(*run) = list;
+    EXPECT_EQ(call<GetKnownHeadends>(*run), key);
   }
+}
 
-  void TearDown() override {
-    EXPECT_EQ(preferences().released, preferences().acquired);
-    SelectionTest::TearDown();
-  }
-
-  std::string proxy() { return call<GetProxyServer>(*run); }
-
-  int acquiredBefore = 0;
+struct Configured {
+  std::string settings = PreferenceBase::ProxyOverride;
+  std::string host = "proxy1";
+  std::string port = {};
+  bool hasPreferences = true;
+  long valueStatus = 0;
+  long fileStatus = 0;
+  std::string proxy = {};
+  std::string line = {};
 };
 
-TEST_F(ConfiguredProxy, WithoutAPortIsItsHost) {
-  preferences().proxyHost = "proxy1";
+class TheConfiguredProxy : public SelectionTest,
+                           public testing::WithParamInterface<Row<Configured>> {};
 
-  EXPECT_EQ(proxy(), "http=http://proxy1");
-  EXPECT_THAT(preferences().valuesAsked, ElementsAre(ProxySettings));
-  EXPECT_THAT(preferences().filesAsked, ElementsAre(Global));
-  EXPECT_EQ(preferences().acquired, acquiredBefore + 1);
-  EXPECT_EQ(preferences().hostReads, 2);
-  EXPECT_EQ(preferences().portReads, 1);
-  EXPECT_THAT(doubles::log().texts(), IsEmpty());
-}
+TEST_P(TheConfiguredProxy, IsTheOneOfThePreferences) {
+  const Configured& configured = GetParam().is;
+  make();
+  preferences().proxySettings = configured.settings;
+  preferences().proxyHost = configured.host;
+  preferences().proxyPort = configured.port;
+  preferences().hasInstance = configured.hasPreferences;
+  preferences().valueStatus = configured.valueStatus;
+  preferences().fileStatus = configured.fileStatus;
 
-TEST_F(ConfiguredProxy, WithAPortIsHostAndPort) {
-  preferences().proxyHost = "proxy1";
-  preferences().proxyPort = "3128";
-
-  EXPECT_EQ(proxy(), "http=http://proxy1:3128");
-  EXPECT_EQ(preferences().hostReads, 2);
-  EXPECT_EQ(preferences().portReads, 2);
-}
-
-TEST_F(ConfiguredProxy, WithoutAHostIsNone) {
-  preferences().proxyPort = "3128";
-  EXPECT_EQ(proxy(), "");
-}
-
-TEST_F(ConfiguredProxy, IsUsedOnlyForTheExactValueThatMeansSo) {
-  preferences().proxyHost = "proxy1";
-  const std::string override = PreferenceBase::ProxyOverride;
-  for (const std::string& value :
-       {std::string("OVERRIDE"), std::string("Override"), override + " ", override.substr(1),
-        std::string(), PreferenceBase::ProxySystem, PreferenceBase::ProxyNone}) {
-    preferences().proxySettings = value;
-    EXPECT_EQ(proxy(), "") << value;
+  EXPECT_EQ(call<GetProxyServer>(*run), configured.proxy);
+  EXPECT_EQ(doubles::log().texts(),
+            configured.line.empty() ? Texts{} : Texts{"getProxyServer E " + configured.line});
+  if (!configured.proxy.empty()) {
+    EXPECT_THAT(preferences().valuesAsked, ElementsAre(ProxySettings));
+    EXPECT_THAT(preferences().filesAsked, ElementsAre(Global));
   }
-  EXPECT_THAT(preferences().filesAsked, IsEmpty());
-  EXPECT_THAT(doubles::log().texts(), IsEmpty());
+  if (configured.valueStatus != 0) {
+    EXPECT_EQ(doubles::log().lines()[0].extraText, "ProxySettings");
+  }
 }
 
-TEST_F(ConfiguredProxy, IsNoneWithoutAPreferenceManager) {
-  preferences().hasInstance = false;
-
-  EXPECT_EQ(proxy(), "");
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("getProxyServer E CInstanceSmartPtr<PreferenceMgr> 0xFE32000A"));
-}
-
-TEST_F(ConfiguredProxy, IsNoneWhenTheSettingCannotBeRead) {
-  preferences().proxyHost = "proxy1";
-  preferences().valueStatus = SomeFailure;
-
-  EXPECT_EQ(proxy(), "");
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("getProxyServer E PreferenceMgr::getPreferenceValue 0xFE320009"));
-  EXPECT_EQ(doubles::log().lines()[0].extraText, "ProxySettings");
-}
-
-TEST_F(ConfiguredProxy, IsNoneWhenTheGlobalFileCannotBeHad) {
-  preferences().proxyHost = "proxy1";
-  preferences().fileStatus = SomeFailure;
-
-  EXPECT_EQ(proxy(), "");
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("getProxyServer E PreferenceMgr::getParsedPreferenceFile 0xFE320009"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    With, TheConfiguredProxy,
+    testing::ValuesIn(Rows<Configured>{
+        {"NoPortIsItsHost", {.proxy = "http=http://proxy1"}},
+        {"APortIsHostAndPort", {.port = "3128", .proxy = "http=http://proxy1:3128"}},
+        {"NoHostIsNone", {.host = "", .port = "3128"}},
+        {"AnOverrideInUpperCaseIsNone", {.settings = "OVERRIDE"}},
+        {"AnOverrideInMixedCaseIsNone", {.settings = "Override"}},
+        {"AnOverrideWithABlankIsNone", {.settings = "override "}},
+        {"NoSettingIsNone", {.settings = ""}},
+        {"TheSystemsProxyIsNone", {.settings = PreferenceBase::ProxySystem}},
+        {"NoPreferencesIsNone",
+         {.hasPreferences = false, .line = "CInstanceSmartPtr<PreferenceMgr> 0xFE32000A"}},
+        {"ASettingThatCannotBeReadIsNone",
+         {.valueStatus = SomeFailure, .line = "PreferenceMgr::getPreferenceValue 0xFE360002"}},
+        {"AGlobalFileThatCannotBeHadIsNone",
+         {.fileStatus = SomeFailure, .line = "PreferenceMgr::getParsedPreferenceFile 0xFE360002"}},
+    }),
+    nameOfRow);
 
 }  // namespace
 }  // namespace tests

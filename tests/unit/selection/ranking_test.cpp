@@ -12,16 +12,8 @@
 namespace tests {
 namespace {
 
-using doubles::cache;
-using doubles::preferences;
-using doubles::seams;
-using testing::ElementsAre;
 using testing::EndsWith;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::UnorderedElementsAre;
 
-constexpr STATUSCODE SelectionFailure = 0xFE53000F;
 constexpr unsigned int Largest = std::numeric_limits<unsigned int>::max();
 const char Retained[] = "\nRetained the last server to maximize the user experience.\n";
 
@@ -59,121 +51,92 @@ class Ranking : public SelectionTest {
     return "no report";
   }
 
-  /// How often this thread holds the results lock whenever the ranking reads the results this way.
-  std::vector<int> locksHeldAtEach(doubles::Seams::Reading way) {
-    CHeadendSelection& selection = make();
-    call<AddHeadendToList>(selection, "gw-a", 1U);
-    int held = 0;  // by this thread: there is no other
-    std::vector<int> heldAtEach;
-    seams().setLockHook([&](const CManualLock* lock, bool taken) {
-      if (lock == &member<CacheLock>(selection)) {
-        held += taken ? 1 : -1;
-      }
-    });
-    seams().setBeforeReading([&](const CCacheEntry& entry, doubles::Seams::Reading reading) {
-      if (&entry == &member<PingResults>(selection) && reading == way) {
-        heldAtEach.push_back(held);
-      }
-    });
-    rankAgain();
-    seams().setBeforeReading(nullptr);
-    seams().setLockHook(nullptr);
-    EXPECT_EQ(held, 0);
-    return heldAtEach;
-  }
-
   STATUSCODE status = -1;
 };
 
-TEST_F(Ranking, OfAConnectionIsByMetricAlone) {
-  EXPECT_THAT(rank(Connection, "gw-c", 20, {{"gw-c", 41}, {"gw-b", 46}, {"gw-a", 40}}),
-              ElementsAre("gw-a", "gw-c", "gw-b"));
+struct Order {
+  unsigned int reason = Reconnection;
+  std::string last = {};
+  unsigned int improvement = 20;
+  Measured measured = {};
+  Texts list = {};
+  bool isRetained = false;
+};
+
+class TheOrder : public Ranking, public testing::WithParamInterface<Row<Order>> {};
+
+TEST_P(TheOrder, IsHandedOutAndTold) {
+  const Order& order = GetParam().is;
+  EXPECT_EQ(rank(order.reason, order.last, order.improvement, order.measured), order.list);
   EXPECT_EQ(status, 0);
-  EXPECT_THAT(report(), EndsWith(selected("gw-a")));
+  EXPECT_THAT(report(),
+              EndsWith(order.isRetained ? std::string(Retained) : selected(order.list.front())));
 }
 
-class OtherReason : public Ranking, public testing::WithParamInterface<unsigned int> {};
+INSTANTIATE_TEST_SUITE_P(
+    Of, TheOrder,
+    testing::ValuesIn(Rows<Order>{
+        {"AConnectionIsByMetricAlone",
+         {.reason = Connection,
+          .last = "gw-c",
+          .measured = {{"gw-c", 41}, {"gw-b", 46}, {"gw-a", 40}},
+          .list = {"gw-a", "gw-c", "gw-b"}}},
+        {"AReconnectionKeepsALastHeadendThatIsGoodEnough",
+         {.last = "gw-b",
+          .measured = {{"gw-a", 40}, {"gw-b", 46}, {"gw-c", 90}},
+          .list = {"gw-b", "gw-a", "gw-c"},
+          .isRetained = true}},
+        {"AReconnectionLeavesALastHeadendThatIsTooFar",
+         {.last = "gw-b",
+          .measured = {{"gw-a", 40}, {"gw-b", 50}, {"gw-c", 90}},
+          .list = {"gw-a", "gw-b", "gw-c"}}},
+        {"AReconnectionWhoseLastHeadendWasNotMeasuredIsByMetric",
+         {.last = "gw-x", .measured = {{"gw-b", 46}, {"gw-a", 40}}, .list = {"gw-a", "gw-b"}}},
+        {"ALastHeadendThatIsTheBestCountsAsRetained",
+         {.last = "gw-a",
+          .improvement = 10,
+          .measured = {{"gw-b", 46}, {"gw-a", 40}},
+          .list = {"gw-a", "gw-b"},
+          .isRetained = true}},
+        {"NoRequiredImprovementSelectsTheBestThoughItWasTheLast",
+         {.last = "gw-a",
+          .improvement = 0,
+          .measured = {{"gw-b", 46}, {"gw-a", 40}},
+          .list = {"gw-a", "gw-b"}}},
+        {"NoRequiredImprovementLeavesAWorseLastHeadendInItsPlace",
+         {.last = "gw-b",
+          .improvement = 0,
+          .measured = {{"gw-b", 41}, {"gw-a", 40}},
+          .list = {"gw-a", "gw-b"}}},
+        {"TwoMetricsOf0HaveNoRatioAndRetainNothing",
+         {.last = "gw-b", .measured = {{"gw-b", 0}, {"gw-c", 5}}, .list = {"gw-b", "gw-c"}}},
+        {"ABestOf0RetainsNothing",
+         {.last = "gw-b",
+          .improvement = Largest,
+          .measured = {{"gw-a", 0}, {"gw-b", 1}},
+          .list = {"gw-a", "gw-b"}}},
+        {"TheLastHeadendIsComparedWithItsPort",
+         {.last = "gw-b:8443", .measured = {{"gw-a", 40}, {"gw-b", 41}}, .list = {"gw-a", "gw-b"}}},
+        {"TheLastHeadendIsComparedWithItsLetterCase",
+         {.last = "GW-B", .measured = {{"gw-a", 40}, {"gw-b", 41}}, .list = {"gw-a", "gw-b"}}},
+        {"AHostReportedTwiceGoesOutTwice",
+         {.measured = {{"gw-a", 40}, {"gw-b", 41}, {"gw-a", 42}},
+          .list = {"gw-a", "gw-b", "gw-a"}}},
+        {"EachOccurrenceOfTheLastHeadendIsTestedByItself",
+         {.last = "gw-b",
+          .measured = {{"gw-a", 40}, {"gw-b", 41}, {"gw-b", 47}, {"gw-b", 60}, {"gw-c", 50}},
+          .list = {"gw-b", "gw-b", "gw-a", "gw-c", "gw-b"},
+          .isRetained = true}},
+    }),
+    nameOfRow);
 
-TEST_P(OtherReason, NeverRetainsTheLastHeadend) {
-  EXPECT_THAT(rank(GetParam(), "gw-b", 1000, {{"gw-b", 46}, {"gw-a", 40}}),
-              ElementsAre("gw-a", "gw-b"));
-  EXPECT_THAT(report(), EndsWith(selected("gw-a")));
-}
-
-INSTANTIATE_TEST_SUITE_P(All, OtherReason, testing::Values(0U, 2U, 3U, 4U, 5U, 6U, Largest));
-
-TEST_F(Ranking, OfAReconnectionKeepsALastHeadendThatIsGoodEnough) {
-  EXPECT_THAT(rank(Reconnection, "gw-b", 20, {{"gw-a", 40}, {"gw-b", 46}, {"gw-c", 90}}),
-              ElementsAre("gw-b", "gw-a", "gw-c"));
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(report(),
-            "*** QIB Selection Results ***\n"
-            "QIB performed for reconnection attempt. Last server: 'gw-b'\n"
-            "\n"
-            "Server Address     RTT (ms)\n"
-            "gw-a     40\n"
-            "gw-b     46\n"
-            "gw-c     90\n"
-            "\n"
-            "Retained the last server to maximize the user experience.\n");
-}
-
-TEST_F(Ranking, OfAReconnectionLeavesALastHeadendThatIsTooFar) {
-  EXPECT_THAT(rank(Reconnection, "gw-b", 20, {{"gw-a", 40}, {"gw-b", 50}, {"gw-c", 90}}),
-              ElementsAre("gw-a", "gw-b", "gw-c"));
-  EXPECT_EQ(report(),
-            "*** QIB Selection Results ***\n"
-            "QIB performed for reconnection attempt. Last server: 'gw-b'\n"
-            "\n"
-            "Server Address     RTT (ms)\n"
-            "gw-a     40\n"
-            "gw-b     50\n"
-            "gw-c     90\n"
-            "\n"
-            "Selected 'gw-a' as the optimal server.\n");
-}
-
-TEST_F(Ranking, OfAReconnectionWhoseLastHeadendWasNotMeasuredIsByMetric) {
-  EXPECT_THAT(rank(Reconnection, "gw-x", 20, {{"gw-b", 46}, {"gw-a", 40}}),
-              ElementsAre("gw-a", "gw-b"));
-  EXPECT_THAT(report(), EndsWith(selected("gw-a")));
-}
-
-TEST_F(Ranking, ALastHeadendThatIsTheBestCountsAsRetained) {
-  EXPECT_THAT(rank(Reconnection, "gw-a", 10, {{"gw-b", 46}, {"gw-a", 40}}),
-              ElementsAre("gw-a", "gw-b"));
-  EXPECT_THAT(report(), EndsWith(Retained));
-}
-
-TEST_F(Ranking, WithoutARequiredImprovementTheBestIsNotRetainedButSelected) {
-  EXPECT_THAT(rank(Reconnection, "gw-a", 0, {{"gw-b", 46}, {"gw-a", 40}}),
-              ElementsAre("gw-a", "gw-b"));
-  EXPECT_THAT(report(), EndsWith(selected("gw-a")));
-}
-
-TEST_F(Ranking, WithoutARequiredImprovementAWorseLastHeadendStaysInItsPlace) {
-  EXPECT_THAT(rank(Reconnection, "gw-b", 0, {{"gw-b", 41}, {"gw-a", 40}}),
-              ElementsAre("gw-a", "gw-b"));
-  EXPECT_THAT(report(), EndsWith(selected("gw-a")));
-}
-
-TEST_F(Ranking, TwoMetricsOf0HaveNoRatioAndNothingIsRetained) {
-  EXPECT_THAT(rank(Reconnection, "gw-b", 20, {{"gw-b", 0}, {"gw-c", 5}}),
-              ElementsAre("gw-b", "gw-c"));
-  EXPECT_THAT(report(), EndsWith(selected("gw-b")));
-}
-
-TEST_F(Ranking, OfSeveralMetricsOf0NoneIsRetained) {
-  EXPECT_THAT(
-      rank(Reconnection, "gw-b", Largest, {{"gw-a", 0}, {"gw-b", 0}, {"gw-c", 5}}),
-      testing::AnyOf(ElementsAre("gw-a", "gw-b", "gw-c"), ElementsAre("gw-b", "gw-a", "gw-c")));
-  EXPECT_THAT(report(), testing::HasSubstr("as the optimal server."));
-}
-
-TEST_F(Ranking, AgainstABestOf0NothingIsRetained) {
-  EXPECT_THAT(rank(Reconnection, "gw-b", Largest, {{"gw-a", 0}, {"gw-b", 1}}),
-              ElementsAre("gw-a", "gw-b"));
-  EXPECT_THAT(report(), EndsWith(selected("gw-a")));
+TEST_F(Ranking, OfAnyOtherReasonNeverRetainsTheLastHeadend) {
+  for (const unsigned int reason : {0U, 2U, 3U, 4U, 5U, 6U, Largest}) {
+    EXPECT_THAT(rank(reason, "gw-b", 1000, {{"gw-b", 46}, {"gw-a", 40}}),
+                ElementsAre("gw-a", "gw-b"));
+    EXPECT_THAT(report(), EndsWith(selected("gw-a")));
+    destroy();
+  }
 }
 
 struct ThresholdCase {
@@ -218,51 +181,16 @@ INSTANTIATE_TEST_SUITE_P(
         ThresholdCase{10, 2000000000U, 3000000000U, false},
         ThresholdCase{Largest, 1, 42000000, true}, ThresholdCase{2147483648U, 1, 21474836, false}));
 
-TEST_F(Ranking, TheLastHeadendIsComparedWithItsPortByteForByte) {
-  EXPECT_THAT(rank(Reconnection, "gw-b:8443", 20, {{"gw-a", 40}, {"gw-b", 41}}),
-              ElementsAre("gw-a", "gw-b"));
-  EXPECT_THAT(report(), testing::HasSubstr("Last server: 'gw-b:8443'"));
-  EXPECT_THAT(report(), EndsWith(selected("gw-a")));
-}
-
-TEST_F(Ranking, TheLastHeadendIsComparedWithItsLetterCase) {
-  EXPECT_THAT(rank(Reconnection, "GW-B", 20, {{"gw-a", 40}, {"gw-b", 41}}),
-              ElementsAre("gw-a", "gw-b"));
-}
-
-TEST_F(Ranking, AHostReportedTwiceGoesOutTwice) {
-  EXPECT_THAT(rank(Connection, "", 20, {{"gw-a", 40}, {"gw-b", 41}, {"gw-a", 42}}),
-              ElementsAre("gw-a", "gw-b", "gw-a"));
-}
-
-TEST_F(Ranking, EachOccurrenceOfTheLastHeadendIsTestedByItself) {
-  EXPECT_THAT(rank(Reconnection, "gw-b", 20,
-                   {{"gw-a", 40}, {"gw-b", 41}, {"gw-b", 47}, {"gw-b", 60}, {"gw-c", 50}}),
-              ElementsAre("gw-b", "gw-b", "gw-a", "gw-c", "gw-b"));
-  EXPECT_THAT(report(), EndsWith(Retained));
-}
-
-TEST_F(Ranking, ExtremeMetricsStandAtTheEnds) {
+TEST_F(Ranking, ExtremeMetricsStandAtTheEndsAndNoneIsLeftOutThoughAClientShowsFewer) {
+  cache().settings.nMaxResults = 1;
   EXPECT_THAT(rank(Connection, "", 20, {{"far", Largest}, {"mid", 9999}, {"near", 0}}),
               ElementsAre("near", "mid", "far"));
   EXPECT_THAT(report(), testing::HasSubstr("near     0\nmid     9999\nfar     4294967295\n\n"));
 }
 
-TEST_F(Ranking, IsReportedWithoutSeparatorsEvenWhereTheHostGroupsDigits) {
-  const GroupedDigits grouped(',');
-  rank(Connection, "", 20, {{"far", Largest}, {"mid", 9999}});
-
-  EXPECT_THAT(report(), testing::HasSubstr("\nmid     9999\nfar     4294967295\n\n"));
-}
-
 TEST_F(Ranking, EqualMetricsMayStandInAnyOrder) {
   EXPECT_THAT(rank(Connection, "", 20, {{"a", 7}, {"b", 7}, {"c", 7}}),
-              UnorderedElementsAre("a", "b", "c"));
-}
-
-TEST_F(Ranking, HandsOutMoreResultsThanAClientShows) {
-  cache().settings.nMaxResults = 1;
-  EXPECT_THAT(rank(Connection, "", 20, {{"a", 1}, {"b", 2}, {"c", 3}}), SizeIs(3));
+              testing::UnorderedElementsAre("a", "b", "c"));
 }
 
 TEST_F(Ranking, AppendsToTheListItIsGiven) {
@@ -278,67 +206,56 @@ TEST_F(Ranking, AnEmptyHostIsRefusedWithOneWarning) {
   CHeadendSelection& selection = make();
   call<AddHeadendToList>(selection, "", 5U);
 
-  EXPECT_THAT(recordsOf(member<PingResults>(selection)), IsEmpty());
+  EXPECT_THAT(recordsOf(call<GetPingResults>(selection)), IsEmpty());
   EXPECT_THAT(doubles::log().texts(), ElementsAre("addHeadendToList W Empty headend."));
 }
 
-TEST_F(Ranking, ResultsAreKeptInTheOrderOfTheirArrival) {
+TEST_F(Ranking, ResultsAreAppendedAndReadUnderTheResultsLock) {
   CHeadendSelection& selection = make();
-  for (const unsigned int metric : {30U, 10U, 20U, 10U}) {
-    call<AddHeadendToList>(selection, "gw" + std::to_string(metric), metric);
-  }
-
-  EXPECT_THAT(recordsOf(call<GetPingResults>(selection)),
-              ElementsAre("gw30 30", "gw10 10", "gw20 20", "gw10 10"));
-  EXPECT_EQ(&call<GetPingResults>(selection), &member<PingResults>(selection));
-}
-
-TEST_F(Ranking, ResultsAreAppendedUnderTheResultsLock) {
-  CHeadendSelection& selection = make();
+  int held = 0;  // by this thread: there is no other
   Texts events;
-  seams().setLockHook([&](const CManualLock* lock, bool taken) {
-    events.push_back(lock != &member<CacheLock>(selection) ? "other" : taken ? "taken" : "back");
+  seams().onLock.set([&](const CManualLock* lock, bool taken) {
+    EXPECT_EQ(lock, &member<CacheLock>(selection));
+    held += taken ? 1 : -1;
+    events.emplace_back(taken ? "taken" : "given back");
   });
   call<AddHeadendToList>(selection, "gw-a", 1U);
   call<AddHeadendToList>(selection, "", 1U);
-  seams().setLockHook(nullptr);
+  EXPECT_THAT(events, ElementsAre("taken", "given back", "taken", "given back"));
 
-  EXPECT_THAT(events, ElementsAre("taken", "back", "taken", "back"));
+  std::vector<std::pair<doubles::Seams::Reading, int>> readings;
+  seams().beforeReading.set([&](const CCacheEntry& entry, doubles::Seams::Reading reading) {
+    if (&entry == &member<PingResults>(selection)) {
+      readings.emplace_back(reading, held);
+    }
+  });
+  rankAgain();
+  seams().beforeReading.set(nullptr);
+  seams().onLock.set(nullptr);
+
+  EXPECT_THAT(readings, ElementsAre(std::pair(doubles::Seams::Reading::List, 1),
+                                    std::pair(doubles::Seams::Reading::Copy, 1)));
+  EXPECT_EQ(held, 0);
 }
 
-TEST_F(Ranking, ResultsAreReadUnderTheResultsLock) {
-  EXPECT_THAT(locksHeldAtEach(doubles::Seams::Reading::List), ElementsAre(1));
-}
-
-TEST_F(Ranking, ResultsAreCopiedForTheCacheUnderTheResultsLock) {
-  EXPECT_THAT(locksHeldAtEach(doubles::Seams::Reading::Copy), ElementsAre(1));
-}
-
-TEST_F(Ranking, AFreshResultIsStoredUnrankedUnderTheCandidatesKey) {
-  preferences().useAddresses({"GW-A", "gw-b:8443"});
-  CHeadendSelection& selection = make();
+TEST_F(Ranking, AFreshResultIsStoredUnrankedUnderTheCandidatesKeyBeforeItIsReported) {
+  CHeadendSelection& selection = makeFor({"GW-A", "gw-b:8443"});
   member<PingResults>(selection).SetTimestamp(77);
   call<AddHeadendToList>(selection, "gw-b:8443", 20U);
   call<AddHeadendToList>(selection, "GW-A", 10U);
+  cache().storeStatus = SomeFailure;
   doubles::log().setHook([](const doubles::LogLine& line) {
-    EXPECT_EQ(cache().storeCount(), 1U) << "when it is reported: " << line.message;
+    EXPECT_EQ(cache().stored().size(), 1U) << "when it is reported: " << line.message;
   });
   EXPECT_THAT(rankAgain(), ElementsAre("GW-A", "gw-b:8443"));
 
+  EXPECT_EQ(status, 0) << "whatever the cache makes of it";
+  EXPECT_THAT(doubles::log().texts(), SizeIs(1)) << "the report alone";
   ASSERT_THAT(cache().stored(), SizeIs(1));
   EXPECT_THAT(recordsOf(cache().stored()[0]), ElementsAre("gw-b:8443 20", "GW-A 10"));
   EXPECT_EQ(cache().stored()[0].GetKnownHeadends(), "gw-b:8443;gw-a;");
   EXPECT_EQ(cache().stored()[0].GetTimestamp(), 77U) << "stamping is the cache's business";
   EXPECT_EQ(member<PingResults>(selection).GetKnownHeadends(), "") << "only the copy has the key";
-  EXPECT_THAT(recordsOf(member<PingResults>(selection)), ElementsAre("gw-b:8443 20", "GW-A 10"));
-}
-
-TEST_F(Ranking, AResultThatCannotBeStoredIsRankedAllTheSame) {
-  cache().failStore(0xFE530011);
-
-  EXPECT_THAT(rank(Connection, "", 20, {{"gw-a", 1}}), ElementsAre("gw-a"));
-  EXPECT_EQ(status, 0);
-  EXPECT_THAT(doubles::log().texts(), SizeIs(1)) << "the report alone";
 }
 
 TEST_F(Ranking, AResultFromTheCacheIsRankedReportedAndNotStoredAgain) {
@@ -350,17 +267,10 @@ TEST_F(Ranking, AResultFromTheCacheIsRankedReportedAndNotStoredAgain) {
   EXPECT_THAT(rankAgain(), ElementsAre("gw-b:8443", "gw-a"));
 
   EXPECT_THAT(cache().stored(), IsEmpty());
-  EXPECT_EQ(report(),
-            "*** QIB Selection Results ***\n"
-            "QIB performed for reconnection attempt. Last server: 'gw-b:8443'\n"
-            "\n"
-            "Results obtained from QIB cache. No ping tests were performed.\n"
-            "\n"
-            "Server Address     RTT (ms)\n"
-            "gw-a     40\n"
-            "gw-b:8443     46\n"
-            "\n"
-            "Retained the last server to maximize the user experience.\n");
+  EXPECT_THAT(report(),
+              testing::HasSubstr("'gw-b:8443'\n\nResults obtained from QIB cache. No ping "
+                                 "tests were performed.\n\nServer Address"));
+  EXPECT_THAT(report(), EndsWith(Retained));
 }
 
 TEST_F(Ranking, WithoutACacheNothingIsStored) {
@@ -374,68 +284,55 @@ TEST_F(Ranking, WithoutACacheNothingIsStored) {
   EXPECT_THAT(cache().stored(), IsEmpty());
 }
 
-TEST_F(Ranking, WithoutResultsGivesTheLastHeadendAndFails) {
-  EXPECT_THAT(rank(Connection, "gw-b:8443", 20, {}), ElementsAre("gw-b:8443"));
+struct Failure {
+  Measured measured = {{"gw-c", 50}, {"gw-a", 40}};
+  long listStatus = SomeFailure;
+  bool fillsList = false;
+  bool isCached = false;
+  std::string last = "gw-b:8443";
+  std::string reported = "Unable to generate search results. Retaining the last server.\n";
+  std::string line = "unable to get";
+};
+
+class AFailedRanking : public Ranking, public testing::WithParamInterface<Row<Failure>> {};
+
+TEST_P(AFailedRanking, GivesTheLastHeadendAloneAndStoresNothing) {
+  const Failure& failure = GetParam().is;
+  CHeadendSelection& selection = make(Reconnection);
+  member<FoundInCache>(selection) = failure.isCached;
+  member<LastHeadend>(selection) = URL(failure.last);
+  member<PingResults>(selection) = entryOf(failure.measured);
+  seams().fillsList = failure.fillsList;
+  seams().listStatus = failure.listStatus;
+  EXPECT_THAT(rankAgain(), ElementsAre(failure.last));
+  seams().listStatus = 0;
 
   EXPECT_EQ(status, SelectionFailure);
   EXPECT_THAT(cache().stored(), IsEmpty());
   EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("getBestHeadendsList I didn't get any QIB results from "
-                          "CCacheEntry::GetHeadendList()",
+              ElementsAre("getBestHeadendsList I " + failure.line +
+                              " QIB results from CCacheEntry::GetHeadendList()",
                           "logPingResults I *** QIB Selection Results ***\n"
-                          "QIB performed for connection attempt. Last server: 'gw-b:8443'\n"
-                          "\n"
-                          "Unable to generate search results. Retaining the last server.\n"));
+                          "QIB performed for reconnection attempt. Last server: '" +
+                              failure.last + "'\n\n" + failure.reported));
 }
 
-TEST_F(Ranking, WithoutResultsAndWithoutALastHeadendGivesAnEmptyName) {
-  EXPECT_THAT(rank(Connection, "", 20, {}), ElementsAre(""));
-  EXPECT_EQ(status, SelectionFailure);
-}
-
-TEST_F(Ranking, WithoutResultsFromTheCacheReportsNoCacheLine) {
-  CHeadendSelection& selection = make();
-  member<FoundInCache>(selection) = true;
-  EXPECT_THAT(rankAgain(), ElementsAre(""));
-
-  EXPECT_EQ(report(),
-            "*** QIB Selection Results ***\n"
-            "QIB performed for connection attempt. Last server: ''\n"
-            "\n"
-            "Unable to generate search results. Retaining the last server.\n");
-}
-
-TEST_F(Ranking, ResultsThatCannotBeReadGiveTheLastHeadendAndFailWithTheRankingsCode) {
-  seams().failHeadendList(0xFE530004);
-
-  EXPECT_THAT(rank(Reconnection, "gw-b", 20, {{"gw-a", 40}}), ElementsAre("gw-b"));
-  EXPECT_EQ(status, SelectionFailure);
-  EXPECT_THAT(cache().stored(), IsEmpty());
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("getBestHeadendsList I unable to get QIB results from "
-                          "CCacheEntry::GetHeadendList()",
-                          "logPingResults I *** QIB Selection Results ***\n"
-                          "QIB performed for reconnection attempt. Last server: 'gw-b'\n"
-                          "\n"
-                          "Unable to generate search results. Retaining the last server.\n"));
-}
-
-TEST_F(Ranking, ResultsThatWereReadInPartAreReportedWithTheRetentionLine) {
-  seams().failHeadendListAfterFilling(0xFE530004);
-
-  EXPECT_THAT(rank(Connection, "gw-b", 20, {{"gw-c", 50}, {"gw-a", 40}}), ElementsAre("gw-b"));
-  EXPECT_EQ(status, SelectionFailure);
-  EXPECT_EQ(report(),
-            "*** QIB Selection Results ***\n"
-            "QIB performed for connection attempt. Last server: 'gw-b'\n"
-            "\n"
-            "Server Address     RTT (ms)\n"
-            "gw-c     50\n"
-            "gw-a     40\n"
-            "\n"
-            "Retained the last server to maximize the user experience.\n");
-  seams().failHeadendList(0);
-}
+INSTANTIATE_TEST_SUITE_P(
+    For, AFailedRanking,
+    testing::ValuesIn(Rows<Failure>{
+        {"WantOfResultsReportsFourLines",
+         {.measured = {}, .listStatus = 0, .line = "didn't get any"}},
+        {"WantOfResultsAndOfALastHeadendGivesAnEmptyName",
+         {.measured = {}, .listStatus = 0, .last = "", .line = "didn't get any"}},
+        {"WantOfResultsFromTheCacheReportsNoCacheLine",
+         {.measured = {}, .listStatus = 0, .isCached = true, .line = "didn't get any"}},
+        {"ResultsThatCannotBeRead", {}},
+        {"ResultsThatWereReadInPartReportsThemWithTheRetentionLine",
+         {.fillsList = true,
+          .reported = "Server Address     RTT (ms)\ngw-c     50\ngw-a     40\n\n"
+                      "Retained the last server to maximize the user experience.\n"}},
+    }),
+    nameOfRow);
 
 TEST_F(Ranking, IsReportedInOneCallWithThePlainFormat) {
   rank(Connection, "", 20, {{"100%s", 1}});
@@ -444,35 +341,6 @@ TEST_F(Ranking, IsReportedInOneCallWithThePlainFormat) {
   EXPECT_EQ(doubles::log().lines()[0].format, "%s");
   EXPECT_EQ(doubles::log().lines()[0].severity, 'I');
   EXPECT_THAT(report(), testing::HasSubstr("\n100%s     1\n"));
-}
-
-TEST_F(Ranking, TheReportNamesTheFirstRecordWhateverTheLastHeadendIs) {
-  CHeadendSelection& selection = make(5);
-  member<LastHeadend>(selection) = URL("gw-b");
-  std::vector<CHeadendRTT> list{{"gw-a", 0}, {"gw-b", 9999}};
-  call<tests::LogPingResults>(selection, list, true);
-
-  EXPECT_EQ(report(),
-            "*** QIB Selection Results ***\n"
-            "QIB performed for disconnect attempt. Last server: 'gw-b'\n"
-            "\n"
-            "Server Address     RTT (ms)\n"
-            "gw-a     0\n"
-            "gw-b     9999\n"
-            "\n"
-            "Selected 'gw-a' as the optimal server.\n");
-}
-
-TEST_F(Ranking, AnEmptyReportHasFourLinesWhateverWasSelected) {
-  CHeadendSelection& selection = make(2);
-  std::vector<CHeadendRTT> none;
-  call<tests::LogPingResults>(selection, none, true);
-
-  EXPECT_EQ(report(),
-            "*** QIB Selection Results ***\n"
-            "QIB performed for preferences change attempt. Last server: ''\n"
-            "\n"
-            "Unable to generate search results. Retaining the last server.\n");
 }
 
 }  // namespace

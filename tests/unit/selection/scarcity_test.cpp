@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cerrno>
 #include <new>
-#include <stdexcept>
 #include <thread>
 
 #include "tests/unit/selection/selection_fixture.h"
@@ -46,16 +45,7 @@ extern "C" void* __wrap__ZN7CThreadnwEm(std::size_t size) {
 namespace tests {
 namespace {
 
-using doubles::preferences;
-using doubles::probes;
-using doubles::seams;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::UnorderedElementsAre;
-
-constexpr long AddedToCache = 0xFE530010;
-constexpr long NoMemory = 0xFE530004;
-constexpr long SelectionFailure = 0xFE53000F;
 
 class Scarcity : public SelectionTest {
  protected:
@@ -81,21 +71,57 @@ class Scarcity : public SelectionTest {
   }
 };
 
-TEST_F(Scarcity, AResultsThreadThatCannotBeCreatedCallsTheClientOnTheThreadInReserve) {
-  preferences().useAddresses({"gw1", "gw2"});
+struct Shortage {
+  unsigned int reason = Connection;
+  std::string last = "gw2";
+  int threads = Plenty;
+  int objects = Plenty;
+  /// What runs short during the test probe.
+  std::function<void()> during = {};
+  long status = AddedToCache;
+  Texts headends = {};
+};
+
+class AShortage : public Scarcity, public testing::WithParamInterface<Row<Shortage>> {};
+
+TEST_P(AShortage, StillGivesOneCall) {
+  const Shortage& shortage = GetParam().is;
   probes().answer("gw1", {{.rtt = 20}});
-  probes().answer("gw2", {{.rtt = 10}});
-  make();
-  threadsLeft = 2;  // the workers'
+  probes().answerTest({.rtt = 3, .during = shortage.during});
+  makeFor({"gw1", "gw2"}, shortage.reason, shortage.last);
+  threadsLeft = shortage.threads;
+  objectsLeft = shortage.objects;
   runToEnd();
 
-  EXPECT_EQ(outcome().status, AddedToCache);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw2", "gw1"));
+  EXPECT_EQ(outcome().status, shortage.status);
+  EXPECT_EQ(client.only().headends, shortage.headends);
+  EXPECT_EQ(client.only().reason, shortage.reason);
+  EXPECT_EQ(client.only().extraInfo, "");
 }
 
+INSTANTIATE_TEST_SUITE_P(
+    Of, AShortage,
+    testing::ValuesIn(Rows<Shortage>{
+        {"AResultsThreadUsesTheThreadInReserve",
+         {.threads = 2 /* the workers' */, .headends = {"gw2", "gw1"}}},
+        {"AnyThreadDeliversTheLastHeadendOnTheThreadInReserve",
+         {.threads = 0, .status = SelectionFailure, .headends = {"gw2"}}},
+        {"TheResultsThreadsMemoryUsesTheOneThatTheRunBroughtAlong",
+         {.objects = 2 /* the workers' */, .status = MemoryFailed, .headends = {"gw2"}}},
+        {"ThreadsAndMemoryDeliversTheLastHeadend",
+         {.reason = Reconnection,
+          .last = "gw1",
+          .threads = 0,
+          .objects = 0,
+          .status = MemoryFailed,
+          .headends = {"gw1"}}},
+        {"TheTestProbesMemoryDeliversTheLastHeadend",
+         {.during = [] { throw std::bad_alloc(); }, .status = MemoryFailed, .headends = {"gw2"}}},
+    }),
+    nameOfRow);
+
 TEST_F(Scarcity, ATimerThatEndsTheRunWithoutAThreadForTheResultsUsesTheReserveToo) {
-  preferences().useAddresses({"gw1"});
-  make(Connection, "gw1");
+  makeFor({"gw1"}, Connection, "gw1");
   probes().answerTest({.rtt = 3, .during = [&] {
                          threadsLeft = 0;
                          EXPECT_TRUE(fireTimer());
@@ -107,10 +133,9 @@ TEST_F(Scarcity, ATimerThatEndsTheRunWithoutAThreadForTheResultsUsesTheReserveTo
 }
 
 TEST_F(Scarcity, AWorkerThatCannotBeCreatedLeavesTheOthersToChooseFrom) {
-  preferences().useAddresses({"gw1", "gw2", "gw3"});
-  make();
+  makeFor({"gw1", "gw2", "gw3"});
   int started = 0;
-  seams().setAfterStart([&started](CThread&) {
+  seams().afterStart.set([&started](CThread&) {
     ++started;
     threadsLeft = started == 1 ? 0 : Plenty;  // the second worker finds none
   });
@@ -118,37 +143,12 @@ TEST_F(Scarcity, AWorkerThatCannotBeCreatedLeavesTheOthersToChooseFrom) {
 
   EXPECT_EQ(outcome().status, AddedToCache);
   EXPECT_THAT(client.only().headends, UnorderedElementsAre("gw1", "gw3"));
-  EXPECT_EQ(
-      doubles::log().count("startPingThreads W CSelectionThread::WaitForCompletion 0xFE34000D"),
-      1U);
-}
-
-TEST_F(Scarcity, WithoutAnyThreadTheLastHeadendIsDeliveredOnTheThreadInReserve) {
-  preferences().useAddresses({"gw1", "gw2"});
-  make(Connection, "gw2");
-  threadsLeft = 0;
-  runToEnd();
-
-  EXPECT_EQ(outcome().status, SelectionFailure);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
-}
-
-TEST_F(Scarcity, TheReserveServesRunAfterRun) {
-  preferences().useAddresses({"gw1"});
-  for (std::size_t round = 1; round <= 20; ++round) {
-    make(Connection, "gw1");
-    threadsLeft = 0;
-    runToEnd();
-    ASSERT_TRUE(quiet());
-    ASSERT_EQ(client.calls(), round);
-  }
 }
 
 TEST_F(Scarcity, AWorkerWithoutMemoryLeavesTheOthersToChooseFrom) {
-  preferences().useAddresses({"gw1", "gw2", "gw3"});
-  make();
+  makeFor({"gw1", "gw2", "gw3"});
   int started = 0;
-  seams().setAfterStart([&started](CThread&) {
+  seams().afterStart.set([&started](CThread&) {
     ++started;
     objectsLeft = started == 1 ? 0 : Plenty;
   });
@@ -165,60 +165,30 @@ TEST_F(Scarcity, AWorkerWithoutMemoryLeavesTheOthersToChooseFrom) {
   EXPECT_EQ(doubles::log().count("startPingThreads W CSelectionThread 0xFE530004"), 1U);
 }
 
-TEST_F(Scarcity, AResultsThreadWithoutMemoryIsReplacedByTheOneThatTheRunBroughtAlong) {
-  preferences().useAddresses({"gw1", "gw2"});
-  make(Connection, "gw2");
-  objectsLeft = 2;  // the workers'
-  runToEnd();
-
-  EXPECT_EQ(outcome().status, NoMemory);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
-  EXPECT_EQ(client.only().reason, Connection);
-  EXPECT_EQ(client.only().extraInfo, "");
-}
-
-TEST_F(Scarcity, NeitherThreadsNorMemoryStillGivesOneCall) {
-  preferences().useAddresses({"gw1"});
-  make(Reconnection, "gw1");
-  threadsLeft = 0;
-  objectsLeft = 0;
-  runToEnd();
-
-  EXPECT_EQ(outcome().status, NoMemory);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw1"));
-  EXPECT_EQ(client.only().reason, Reconnection);
+TEST_F(Scarcity, TheReserveServesRunAfterRun) {
+  for (std::size_t round = 1; round <= 20; ++round) {
+    makeFor({"gw1"}, Connection, "gw1");
+    threadsLeft = 0;
+    runToEnd();
+    ASSERT_TRUE(quiet());
+    ASSERT_EQ(client.calls(), round);
+  }
 }
 
 TEST_F(Scarcity, ARankingWithoutMemoryDeliversTheLastHeadendAndSaysWhy) {
-  preferences().useAddresses({"gw1", "gw2"});
-  make(Connection, "gw2");
-  seams().setBeforeReading(
+  makeFor({"gw1", "gw2"}, Connection, "gw2");
+  seams().beforeReading.set(
       [](const CCacheEntry&, doubles::Seams::Reading) { throw std::bad_alloc(); });
   runToEnd();
 
-  EXPECT_EQ(outcome().status, NoMemory);
+  EXPECT_EQ(outcome().status, MemoryFailed);
   EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
-}
-
-TEST_F(Scarcity, ATestProbeWithoutMemoryEndsTheRunWithTheLastHeadend) {
-  preferences().useAddresses({"gw1", "gw2"});
-  probes().answerTest({.during = [] { throw std::bad_alloc(); }});
-  make(Connection, "gw2");
-  runToEnd();
-
-  EXPECT_EQ(outcome().status, NoMemory);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
-  EXPECT_EQ(doubles::log().count("run W CHeadendSelection::selectHeadend 0xFE530004"), 1U);
 }
 
 TEST_F(Scarcity, AConstructionWithoutMemoryReportsItAndGivesEverythingBack) {
-  preferences().useAddresses({"gw1"});
   objectsLeft = 0;
-  long status = -1;
-  auto* const refused = new CHeadendSelection(&client, "gw1", Connection, status);
-  EXPECT_EQ(status, NoMemory);
-  EXPECT_EQ(member<Callback>(*refused), nullptr);
-  delete refused;
+  EXPECT_EQ(member<Callback>(make(Connection, "gw1", MemoryFailed)), nullptr);
+  destroy();
   EXPECT_EQ(client.calls(), 0U);
 }
 

@@ -10,8 +10,6 @@
 AHS_EXPOSE(Callback, &CHeadendSelection::m_pAHSCB);
 AHS_EXPOSE(LastHeadend, &CHeadendSelection::m_lastHeadend);
 AHS_EXPOSE(Reason, &CHeadendSelection::m_uiReason);
-AHS_EXPOSE(TerminatedThreads, &CHeadendSelection::m_terminatedThreads);
-AHS_EXPOSE(Finished, &CHeadendSelection::m_AHSFinished);
 AHS_EXPOSE(FoundInCache, &CHeadendSelection::m_foundInCache);
 AHS_EXPOSE(PingResults, &CHeadendSelection::m_pingResults);
 AHS_EXPOSE(HeadendList, &CHeadendSelection::m_headendList);
@@ -22,7 +20,6 @@ AHS_EXPOSE(Settings, &CHeadendSelection::m_settings);
 AHS_EXPOSE(Timer, &CHeadendSelection::m_pTimer);
 AHS_EXPOSE(Cache, &CHeadendSelection::m_cache);
 AHS_EXPOSE(ProxyData, &CHeadendSelection::m_proxyData);
-AHS_EXPOSE(ProxyProvider, &CHeadendSelection::m_pProxy);
 AHS_EXPOSE(Results, &CHeadendSelection::m_pResultsThread);
 
 AHS_EXPOSE(SelectHeadend, &CHeadendSelection::selectHeadend);
@@ -37,7 +34,6 @@ AHS_EXPOSE(GetProxyServer, &CHeadendSelection::getProxyServer);
 AHS_EXPOSE(AddHeadendToList, &CHeadendSelection::addHeadendToList);
 AHS_EXPOSE(GetPingResults, &CHeadendSelection::getPingResults);
 AHS_EXPOSE(GetBestHeadendsList, &CHeadendSelection::getBestHeadendsList);
-AHS_EXPOSE(LogPingResults, &CHeadendSelection::logPingResults);
 
 AHS_EXPOSE(WorkerHeadend, &CHeadendSelection::CSelectionThread::m_headend);
 AHS_EXPOSE(WorkerNumPings, &CHeadendSelection::CSelectionThread::m_numPings);
@@ -45,7 +41,6 @@ AHS_EXPOSE(WorkerTimeout, &CHeadendSelection::CSelectionThread::m_timeout);
 AHS_EXPOSE(WorkerPingTimeout, &CHeadendSelection::CSelectionThread::m_pingTimeout);
 AHS_EXPOSE(WorkerLock, &CHeadendSelection::CSelectionThread::m_headendPingThreadLock);
 
-AHS_EXPOSE(UrlHost, &URL::m_sHost);
 AHS_EXPOSE(UrlPort, &URL::m_sPort);
 
 namespace tests {

@@ -5,8 +5,8 @@
 
 #include <atomic>
 #include <functional>
-#include <locale>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,9 +25,49 @@
 
 namespace tests {
 
+using doubles::cache;
+using doubles::Gate;
+using doubles::journal;
+using doubles::preferences;
+using doubles::ProbeAnswer;
+using doubles::ProbeCall;
+using doubles::probes;
+using doubles::seams;
+using doubles::timers;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr long Success = 0;
+constexpr long MemoryFailed = 0xFE530004;
+constexpr long Unexpected = 0xFE530009;
+constexpr long AuthProxy = 0xFE53000A;
+constexpr long TimedOut = 0xFE53000B;
+constexpr long NoCache = 0xFE53000C;
+constexpr long NoHeadends = 0xFE53000D;
+constexpr long SelectionFailure = 0xFE53000F;
+constexpr long AddedToCache = 0xFE530010;
+constexpr long NoContext = 0xFE8D000A;
+constexpr long SomeFailure = 0xFE360002;
+
 using Texts = std::vector<std::string>;
 
 enum ReasonCode : unsigned int { Connection = 0, Reconnection = 1 };
+
+/// A row of a table of cases, which is a test of its own; its name tells the behaviour.
+template <class Case>
+struct Row {
+  const char* name;
+  Case is;
+
+  friend void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+};
+
+template <class Case>
+using Rows = std::vector<Row<Case>>;
+
+/// For INSTANTIATE_TEST_SUITE_P.
+inline const auto nameOfRow = [](const auto& info) { return std::string(info.param.name); };
 
 /// A client that keeps what it is told. It may be made to take its time.
 class Client : public ClientIfcBase {
@@ -87,28 +127,19 @@ class Provider : public ProxyIfc {
   const std::string m_host;
 };
 
-/// While it exists, new streams of the whole program group digits by three, with this separator.
-class GroupedDigits {
- public:
-  explicit GroupedDigits(char separator);
-  ~GroupedDigits() { std::locale::global(m_before); }
-  GroupedDigits(const GroupedDigits&) = delete;
-  GroupedDigits& operator=(const GroupedDigits&) = delete;
-
- private:
-  const std::locale m_before;
-};
-
 /// A selection run among doubles. After each test everything must be given back and every thread
-/// gone, and every line of the component must name its source and have one of its formats.
+/// gone, and every line of the component must name its source.
 class SelectionTest : public testing::Test {
  protected:
   SelectionTest();
-  ~SelectionTest() override;
   void TearDown() override;
 
-  /// A run that has been constructed, with status 0, for `client`.
-  CHeadendSelection& make(unsigned int reason = Connection, const std::string& last = "");
+  /// A run that has been constructed, with this status, for `client`.
+  CHeadendSelection& make(unsigned int reason = Connection, const std::string& last = "",
+                          long expected = Success);
+  /// The same with these candidates.
+  CHeadendSelection& makeFor(const Texts& addresses, unsigned int reason = Connection,
+                             const std::string& last = "");
   /// Deletes a run that `run` does not delete.
   void destroy();
   /// Runs the run of `make` on a thread of its own to its end, which includes its deletion.
@@ -123,15 +154,12 @@ class SelectionTest : public testing::Test {
   /// Lets the timer expire on a thread of its own, as the timer thread does, and waits for it.
   bool fireTimer();
 
-  /// The first line of every run; `id` is the run thread's.
-  std::string threadLine() const;
-
   Client client;
   CHeadendSelection* run = nullptr;
   std::thread runThread;
   std::atomic<bool> hasRunReturned{false};
-  int threadId = 0;
   std::thread::id runThreadId;
+  std::thread::native_handle_type runThreadHandle{};
   std::thread::id timerThreadId;
 };
 

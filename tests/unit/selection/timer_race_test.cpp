@@ -5,7 +5,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "tests/unit/selection/selection_fixture.h"
@@ -13,18 +12,6 @@
 namespace tests {
 namespace {
 
-using doubles::cache;
-using doubles::Gate;
-using doubles::preferences;
-using doubles::probes;
-using doubles::seams;
-using doubles::timers;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-
-constexpr long AddedToCache = 0xFE530010;
-constexpr long SelectionFailure = 0xFE53000F;
 const char SecondTime[] = "finishAHS I QIB in finishAHS() a second time";
 
 class TimerRace : public SelectionTest {
@@ -36,45 +23,7 @@ class TimerRace : public SelectionTest {
   }
 };
 
-TEST_F(TimerRace, BeforeAnyResultGivesTheLastHeadend) {
-  preferences().useAddresses({"gw1", "gw2"});
-  probes().answerTest({.rtt = 3, .during = [&] { EXPECT_TRUE(fireTimer()); }});
-  make(Connection, "gw2");
-  runToEnd();
-
-  EXPECT_EQ(outcome().status, SelectionFailure);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
-  EXPECT_EQ(doubles::log().count(SecondTime), 1U);
-}
-
-TEST_F(TimerRace, BetweenTwoStartsAbandonsTheWorkersWithoutWaitingForThem) {
-  preferences().useAddresses({"gw0", "gw1", "gw2", "gw3", "gw4"});
-  Gate release;
-  for (const char* host : {"gw0", "gw1", "gw2"}) {
-    probes().answer(host, {{.rtt = 30, .during = [&] { EXPECT_TRUE(release.wait()); }}});
-  }
-  int started = 0;
-  seams().setAfterStart([&](CThread& thread) {
-    if (dynamic_cast<Worker*>(&thread) != nullptr && ++started == 3) {
-      EXPECT_TRUE(fireTimer());
-    }
-  });
-  make();
-  runToEnd();  // comes back although three workers are still probing
-
-  EXPECT_EQ(client.only().status, SelectionFailure);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw0"));
-  EXPECT_EQ(doubles::log().count("run W CHeadendSelection::selectHeadend 0xFE53000B"), 1U);
-  EXPECT_GE(CThread::RunningCount(), 3U);
-  release.open();
-  EXPECT_THAT(outcome().headends, ElementsAre("gw0"));
-  EXPECT_THAT(doubles::log().textsOf("logThreadPingResults"), SizeIs(3))
-      << "late workers still report, to a run that is kept for them";
-  EXPECT_THAT(cache().stored(), IsEmpty());
-}
-
 TEST_F(TimerRace, BetweenTwoStartsHoldsTheRunUntilTheClientsCallbackHasReturned) {
-  preferences().useAddresses({"gw0", "gw1"});
   Gate release;
   Gate clientIsCalled;
   Gate mayReturn;
@@ -83,20 +32,20 @@ TEST_F(TimerRace, BetweenTwoStartsHoldsTheRunUntilTheClientsCallbackHasReturned)
     clientIsCalled.open();
     EXPECT_TRUE(mayReturn.wait());
   };
-  seams().setAfterStart([&](CThread& thread) {
+  seams().afterStart.set([&](CThread& thread) {
     if (dynamic_cast<Worker*>(&thread) != nullptr) {
       EXPECT_TRUE(fireTimer());
     }
   });
   std::atomic<bool> runWaits{false};
-  seams().setBeforeWait([&](CThread& thread, unsigned int timeoutMs) {
+  seams().beforeWait.set([&](CThread& thread, unsigned int timeoutMs) {
     if (dynamic_cast<ResultsThread*>(&thread) != nullptr &&
         std::this_thread::get_id() == runThreadId) {
       EXPECT_EQ(timeoutMs, CThread::Infinite);
       runWaits = true;
     }
   });
-  make();
+  makeFor({"gw0", "gw1"});
   startRun();
   EXPECT_TRUE(clientIsCalled.wait());
   EXPECT_TRUE(doubles::eventually([&] { return runWaits || hasRunReturned; }));
@@ -108,25 +57,27 @@ TEST_F(TimerRace, BetweenTwoStartsHoldsTheRunUntilTheClientsCallbackHasReturned)
   EXPECT_EQ(client.calls(), 1U);
   EXPECT_EQ(client.busy(), 0);
   EXPECT_GE(CThread::RunningCount(), 1U);
-  EXPECT_LT(cache().released(), cache().acquired());
+  EXPECT_LT(cache().released, cache().acquired);
   release.open();
   EXPECT_THAT(outcome().headends, ElementsAre("gw0"));
   EXPECT_EQ(CThread::RunningCount(), 0U);
+  EXPECT_THAT(doubles::log().textsOf("logThreadPingResults"), SizeIs(1))
+      << "a late worker still reports, to a run that is kept for it";
+  EXPECT_THAT(cache().stored(), IsEmpty());
 }
 
 TEST_F(TimerRace, BetweenTwoStartsWithTheFirstResultInGivesThatResult) {
-  preferences().useAddresses({"gw0", "gw1", "gw2"});
   Gate release;
   probes().answer("gw0", {{.rtt = 12}});
   probes().answer("gw1", {{.rtt = 30, .during = [&] { EXPECT_TRUE(release.wait()); }}});
   int started = 0;
-  seams().setAfterStart([&](CThread& thread) {
+  seams().afterStart.set([&](CThread& thread) {
     if (dynamic_cast<Worker*>(&thread) != nullptr && ++started == 2) {
       EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for gw0"));
       EXPECT_TRUE(fireTimer());
     }
   });
-  make();
+  makeFor({"gw0", "gw1", "gw2"});
   runToEnd();
   release.open();
 
@@ -136,11 +87,10 @@ TEST_F(TimerRace, BetweenTwoStartsWithTheFirstResultInGivesThatResult) {
 }
 
 TEST_F(TimerRace, WhileWorkersRunGivesTheResultsThatAreIn) {
-  preferences().useAddresses({"fast", "slow"});
   Gate release;
   probes().answer("fast", {{.rtt = 12}});
   probes().answer("slow", {{.rtt = 3, .during = [&] { EXPECT_TRUE(release.wait()); }}});
-  make();
+  makeFor({"fast", "slow"});
   startRun();
   EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for fast"));
   EXPECT_TRUE(doubles::eventually([] { return probes().workerCalls("slow").size() == 1; }));
@@ -160,12 +110,11 @@ TEST_F(TimerRace, WhileWorkersRunGivesTheResultsThatAreIn) {
 }
 
 TEST_F(TimerRace, AfterATestProbeSlowerThanTheBudgetEndsTheRunThoughNoWorkerIsOutOfTime) {
-  preferences().useAddresses({"gw1"});
   cache().settings.nConnectTimeout = 100;
   probes().answerTest({.rtt = 250, .httpStatus = 200});
   probes().answer("gw1", {{.rtt = 30, .takesMs = 500, .during = [&] { EXPECT_TRUE(fireTimer()); }},
                           {.rtt = 20, .takesMs = 500}});
-  make();
+  makeFor({"gw1"});
   runToEnd();
 
   EXPECT_THAT(probes().workerCalls("gw1"), SizeIs(3)) << "what is left of the budget has wrapped";
@@ -175,8 +124,7 @@ TEST_F(TimerRace, AfterATestProbeSlowerThanTheBudgetEndsTheRunThoughNoWorkerIsOu
 }
 
 TEST_F(TimerRace, AfterTheEndFindsNoTimer) {
-  preferences().useAddresses({"gw1"});
-  make();
+  makeFor({"gw1"});
   runToEnd();
 
   EXPECT_FALSE(fireTimer());
@@ -185,7 +133,6 @@ TEST_F(TimerRace, AfterTheEndFindsNoTimer) {
 }
 
 TEST_F(TimerRace, DuringTheNormalEndIsTooLate) {
-  preferences().useAddresses({"gw1"});
   std::thread timerThread;
   doubles::log().setHook([&](const doubles::LogLine& line) {
     // The run thread holds the end lock here and has not yet deleted the timer.
@@ -194,7 +141,7 @@ TEST_F(TimerRace, DuringTheNormalEndIsTooLate) {
       EXPECT_TRUE(doubles::log().await("OnTimerExpired W QIB timer expired"));
     }
   });
-  make();
+  makeFor({"gw1"});
   runToEnd();
   ASSERT_TRUE(timerThread.joinable());
   timerThread.join();
@@ -204,7 +151,6 @@ TEST_F(TimerRace, DuringTheNormalEndIsTooLate) {
 }
 
 TEST_F(TimerRace, DuringItsOwnEndHoldsUpTheRunAndDecides) {
-  preferences().useAddresses({"gw1"});
   Gate timerIsIn;
   std::thread timerThread;
   probes().answer("gw1", {{.rtt = 5, .during = [&] {
@@ -220,7 +166,7 @@ TEST_F(TimerRace, DuringItsOwnEndHoldsUpTheRunAndDecides) {
       EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for gw1"));
     }
   });
-  make();
+  makeFor({"gw1"});
   runToEnd();
   ASSERT_TRUE(timerThread.joinable());
   timerThread.join();
@@ -230,12 +176,11 @@ TEST_F(TimerRace, DuringItsOwnEndHoldsUpTheRunAndDecides) {
 }
 
 TEST_F(TimerRace, WhileTheClientTakesItsTimeDoesNotHoldUpTheTimer) {
-  preferences().useAddresses({"gw1"});
   Gate release;
   Gate mayReturn;
   client.during = [&] { EXPECT_TRUE(mayReturn.wait()); };
   probes().answer("gw1", {{.rtt = 5, .during = [&] { EXPECT_TRUE(release.wait()); }}});
-  make();
+  makeFor({"gw1"});
   startRun();
   EXPECT_TRUE(doubles::eventually([] { return probes().workerCalls().size() == 1; }));
   EXPECT_TRUE(fireTimer()) << "returns while the client's callback is still running";
@@ -267,30 +212,6 @@ TEST_F(TimerRace, AtAnyMomentGivesExactlyOneCall) {
     timerThread.join();
     EXPECT_TRUE(quiet());
     EXPECT_EQ(client.calls(), before + 1) << "round " << round;
-  }
-}
-
-TEST_F(TimerRace, SeveralRunsAtOnceEachCallTheirOwnClientOnce) {
-  constexpr std::size_t Runs = 8;
-  preferences().useAddresses({"gw1", "gw2"});
-  std::vector<Client> clients(Runs);
-  std::vector<CHeadendSelection*> runs;
-  for (Client& each : clients) {
-    long status = -1;
-    runs.push_back(new CHeadendSelection(&each, "", Reconnection, status));
-    EXPECT_EQ(status, 0);
-  }
-  std::vector<std::thread> threads;
-  for (CHeadendSelection* each : runs) {
-    threads.emplace_back([each] { each->run(); });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-
-  for (const Client& each : clients) {
-    EXPECT_EQ(each.only().status, AddedToCache);
-    EXPECT_THAT(each.only().headends, SizeIs(2));
   }
 }
 

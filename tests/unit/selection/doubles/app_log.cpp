@@ -6,9 +6,6 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <utility>
-
-#include "tests/unit/selection/doubles/gate.h"
 
 namespace doubles {
 namespace {
@@ -49,19 +46,8 @@ std::string LogLine::toString() const {
 }
 
 void Log::reset() {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_lines.clear();
-  m_hook = nullptr;
-}
-
-void Log::setHook(Hook hook) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_hook = std::move(hook);
-}
-
-std::vector<LogLine> Log::lines() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_lines;
+  m_lines.set({});
+  m_hook.set(nullptr);
 }
 
 std::vector<std::string> Log::texts() const {
@@ -73,12 +59,8 @@ std::vector<std::string> Log::texts() const {
 }
 
 std::vector<std::string> Log::textsOf(const std::string& function) const {
-  std::vector<std::string> result;
-  for (const LogLine& line : lines()) {
-    if (line.function == function) {
-      result.push_back(line.toString());
-    }
-  }
+  std::vector<std::string> result = texts();
+  std::erase_if(result, [&](const std::string& text) { return !text.starts_with(function + " "); });
   return result;
 }
 
@@ -87,18 +69,9 @@ std::size_t Log::count(const std::string& text) const {
   return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
 }
 
-bool Log::await(const std::string& text) const {
-  return eventually([&] { return count(text) > 0; });
-}
-
-void Log::add(LogLine line) {
-  Hook hook;
-  {
-    const std::lock_guard<std::mutex> hold(m_lock);
-    m_lines.push_back(line);
-    hook = m_hook;
-  }
-  if (hook) {
+void Log::add(const LogLine& line) {
+  m_lines.with([&](auto& lines) { lines.push_back(line); });
+  if (const Hook hook = m_hook.get()) {
     hook(line);
   }
 }
@@ -119,20 +92,18 @@ void CAppLog::LogDebugMessage(const char* function, const char* file, unsigned i
   va_start(arguments, format);
   entry.message = doubles::render(format, arguments);
   va_end(arguments);
-  doubles::log().add(std::move(entry));
+  doubles::log().add(entry);
 }
 
 void CAppLog::LogReturnCode(const char* function, const char* file, unsigned int line,
                             Logging::DebugImportance severity, const char* failedCall,
-                            STATUSCODE code, int systemError, const char* extraText) {
+                            STATUSCODE code, int, const char* extraText) {
   doubles::LogLine entry =
       doubles::lineOf(doubles::LogLine::Kind::ReturnCode, function, file, line, severity);
   entry.message = failedCall;
   entry.code = code;
-  entry.systemError = systemError;
-  entry.hasExtraText = extraText != nullptr;
   entry.extraText = extraText != nullptr ? extraText : "";
-  doubles::log().add(std::move(entry));
+  doubles::log().add(entry);
 }
 
 void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned int line,
@@ -147,7 +118,7 @@ void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned
   va_start(arguments, format);
   entry.message = doubles::render(format, arguments);
   va_end(arguments);
-  doubles::log().add(std::move(entry));
+  doubles::log().add(entry);
 }
 
 std::string CAppLog::open(const Targets&) { return {}; }

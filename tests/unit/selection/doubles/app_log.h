@@ -1,11 +1,12 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "tests/unit/selection/doubles/gate.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/include/StatusCode.h"
 
@@ -23,8 +24,6 @@ struct LogLine {
   std::string format;   ///< of a message
   std::string message;  ///< rendered; of a return code the name of the failed call
   STATUSCODE code = 0;
-  int systemError = 0;
-  bool hasExtraText = false;
   std::string extraText;
   int component = 0;
   int level = 0;
@@ -41,9 +40,9 @@ class Log {
 
   void reset();
   /// Is called for every line on the logging thread, after the line was kept.
-  void setHook(Hook hook);
+  void setHook(Hook hook) { m_hook.set(std::move(hook)); }
 
-  std::vector<LogLine> lines() const;
+  std::vector<LogLine> lines() const { return m_lines.get(); }
   /// All lines as text, in order.
   std::vector<std::string> texts() const;
   /// The lines of one calling function, as text, in order.
@@ -51,14 +50,15 @@ class Log {
   /// How often a text was logged.
   std::size_t count(const std::string& text) const;
   /// Waits until a text was logged.
-  bool await(const std::string& text) const;
+  bool await(const std::string& text) const {
+    return eventually([&] { return count(text) > 0; });
+  }
 
-  void add(LogLine line);
+  void add(const LogLine& line);
 
  private:
-  mutable std::mutex m_lock;
-  std::vector<LogLine> m_lines;
-  Hook m_hook;
+  Guarded<std::vector<LogLine>> m_lines;
+  Guarded<Hook> m_hook;
 };
 
 Log& log();

@@ -3,77 +3,61 @@
 
 #include "tests/unit/selection/doubles/http_probe.h"
 
-#include <algorithm>
-#include <utility>
-
 #include "tests/unit/selection/doubles/timers.h"
 
 namespace {
 
 thread_local unsigned int keptHere = 0;
 
+/// The test probe alone asks for the headers.
+bool isTestProbe(const doubles::ProbeCall& call) {
+  return (call.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;
+}
+
 }  // namespace
 
 namespace doubles {
 
 void Probes::reset() {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_answers.clear();
-  m_position.clear();
-  m_testAnswer = ProbeAnswer{.httpStatus = 200};
-  m_calls.clear();
-  m_forgetful = false;
+  isForgetful = false;
+  testAnswer.set({.httpStatus = 200});
+  answers.set({});
+  calls.set({});
 }
 
-void Probes::setForgetful(bool forgetful) { m_forgetful = forgetful; }
-
-void Probes::answer(const std::string& host, std::vector<ProbeAnswer> answers) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_answers[host] = std::move(answers);
-  m_position[host] = 0;
-}
-
-void Probes::answerTest(ProbeAnswer answer) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_testAnswer = std::move(answer);
+void Probes::answer(const std::string& host, const std::vector<ProbeAnswer>& toWorker) {
+  answers.with([&](auto& all) { all[host] = toWorker; });
 }
 
 std::vector<ProbeCall> Probes::testCalls() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  std::vector<ProbeCall> result;
-  std::copy_if(m_calls.begin(), m_calls.end(), std::back_inserter(result),
-               [](const ProbeCall& call) { return call.options == TestProbeOptions; });
-  return result;
-}
-
-std::vector<ProbeCall> Probes::workerCalls() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  std::vector<ProbeCall> result;
-  std::copy_if(m_calls.begin(), m_calls.end(), std::back_inserter(result),
-               [](const ProbeCall& call) { return call.options != TestProbeOptions; });
+  std::vector<ProbeCall> result = calls.get();
+  std::erase_if(result, [](const ProbeCall& call) { return !isTestProbe(call); });
   return result;
 }
 
 std::vector<ProbeCall> Probes::workerCalls(const std::string& host) const {
-  std::vector<ProbeCall> result = workerCalls();
-  std::erase_if(result, [&](const ProbeCall& call) { return call.host != host; });
+  std::vector<ProbeCall> result = calls.get();
+  std::erase_if(result, [&](const ProbeCall& call) {
+    return isTestProbe(call) || (!host.empty() && call.host != host);
+  });
   return result;
 }
 
 ProbeAnswer Probes::next(const ProbeCall& call) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_calls.push_back(call);
-  if (call.options == TestProbeOptions) {
-    return m_testAnswer;
+  calls.with([&](auto& all) { all.push_back(call); });
+  if (isTestProbe(call)) {
+    return testAnswer.get();
   }
-  const auto found = m_answers.find(call.host);
-  if (found == m_answers.end() || found->second.empty()) {
-    return ProbeAnswer{.rtt = 10, .httpStatus = 200};
-  }
-  std::size_t& position = m_position[call.host];
-  const ProbeAnswer answer = found->second[position];
-  position = std::min(position + 1, found->second.size() - 1);
-  return answer;
+  return answers.with([&](auto& all) {
+    ProbeAnswer answer{.rtt = 10, .httpStatus = 200};
+    if (const auto found = all.find(call.host); found != all.end()) {
+      answer = found->second.front();
+      if (found->second.size() > 1) {
+        found->second.erase(found->second.begin());
+      }
+    }
+    return answer;
+  });
 }
 
 STATUSCODE Probes::send(const ProbeCall& call, HttpProbe::HTTP_PROBE_RESULTS& results) {
@@ -119,7 +103,7 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
   call.timeout = timeoutSeconds;
   call.determineProxy = proxyData.determineProxy;
   call.proxyServer = proxyData.proxyServer;
-  if (!doubles::probes().forgetful()) {
+  if (!doubles::probes().isForgetful) {
     call.proxyUser = proxyData.proxyUser;
     call.proxyPswd = proxyData.proxyPswd;
   }

@@ -3,19 +3,15 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/unit/selection/doubles/gate.h"
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/include/StatusCode.h"
 
 namespace doubles {
-
-/// The options of a test probe; a worker's lack the headers.
-constexpr unsigned int TestProbeOptions = 15;
-constexpr unsigned int WorkerOptions = 14;
 
 /// One probe as it was asked for.
 struct ProbeCall {
@@ -49,34 +45,29 @@ struct ProbeAnswer {
 };
 
 /// Probes that answer as a test wrote down.
-class Probes {
- public:
+struct Probes {
   void reset();
 
   /// The answers of a host to its worker, in order; the last one repeats. A host without any
   /// answers with 200 in 10 ms.
-  void answer(const std::string& host, std::vector<ProbeAnswer> answers);
+  void answer(const std::string& host, const std::vector<ProbeAnswer>& toWorker);
   /// The answer to the test probe, whatever its host.
-  void answerTest(ProbeAnswer answer);
-  /// Keeps no copy of the credentials.
-  void setForgetful(bool forgetful);
+  void answerTest(const ProbeAnswer& answer) { testAnswer.set(answer); }
 
   std::vector<ProbeCall> testCalls() const;
-  std::vector<ProbeCall> workerCalls() const;
-  std::vector<ProbeCall> workerCalls(const std::string& host) const;
+  /// Those of one host, or of all.
+  std::vector<ProbeCall> workerCalls(const std::string& host = "") const;
 
-  bool forgetful() const { return m_forgetful; }
   STATUSCODE send(const ProbeCall& call, HttpProbe::HTTP_PROBE_RESULTS& results);
+
+  /// Keeps no copy of the credentials.
+  std::atomic<bool> isForgetful{false};
+  Guarded<ProbeAnswer> testAnswer;
+  Guarded<std::map<std::string, std::vector<ProbeAnswer>>> answers;  ///< still to come
+  Guarded<std::vector<ProbeCall>> calls;
 
  private:
   ProbeAnswer next(const ProbeCall& call);
-
-  mutable std::mutex m_lock;
-  std::map<std::string, std::vector<ProbeAnswer>> m_answers;
-  std::map<std::string, std::size_t> m_position;
-  ProbeAnswer m_testAnswer;
-  std::vector<ProbeCall> m_calls;
-  std::atomic<bool> m_forgetful{false};
 };
 
 Probes& probes();

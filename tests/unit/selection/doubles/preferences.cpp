@@ -79,15 +79,8 @@ std::string ProfileMgr::getProfileNameFromHost(const std::string& hostName) cons
   return {};
 }
 
-std::string UserPreferences::getProxyHost() const {
-  ++doubles::preferences().hostReads;
-  return doubles::preferences().proxyHost;
-}
-
-std::string UserPreferences::getProxyPort() const {
-  ++doubles::preferences().portReads;
-  return doubles::preferences().proxyPort;
-}
+std::string UserPreferences::getProxyHost() const { return doubles::preferences().proxyHost; }
+std::string UserPreferences::getProxyPort() const { return doubles::preferences().proxyPort; }
 
 PreferenceMgr::PreferenceMgr(const Sources&) {}
 
@@ -106,7 +99,6 @@ void PreferenceMgr::releaseInstance() {
 }
 
 STATUSCODE PreferenceMgr::getProfileMgr(ProfileMgr*& profileMgr) {
-  ++doubles::preferences().profileMgrRequests;
   if (doubles::preferences().profileMgrStatus == 0) {
     profileMgr = &m_profileMgr;
     doubles::preferences().handedOut = profileMgr;

@@ -50,15 +50,11 @@ struct PreferenceScript {
   ProfileMgr* handedOut = nullptr;
   int acquired = 0;
   int released = 0;
-  int profileMgrRequests = 0;
   std::vector<PreferenceId> valuesAsked;
   std::vector<PreferenceScope> filesAsked;
-  int hostReads = 0;
-  int portReads = 0;
 };
 
-/// The script that holds for the calling thread. A program has one for all threads
-/// (preference_script.cpp) or brings its own.
+/// The script that holds for the calling thread, from the program.
 PreferenceScript& preferences();
 
 }  // namespace doubles

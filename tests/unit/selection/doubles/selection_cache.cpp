@@ -4,24 +4,20 @@
 #include "tests/unit/selection/doubles/selection_cache.h"
 
 #include <cstddef>
-#include <utility>
-
-#include "tests/unit/selection/doubles/gate.h"
 
 namespace doubles {
 
 void CacheScript::reset() {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_creationStatus = 0;
-  m_setsPointer = true;
-  m_hit.reset();
-  m_lookupHook = nullptr;
-  m_storeStatus = 0;
-  m_acquired = 0;
-  m_released = 0;
-  m_settingsReads = 0;
-  m_lookups.clear();
-  m_stored.clear();
+  creationStatus = 0;
+  setsPointer = true;
+  hit.set({});
+  duringLookup.set(nullptr);
+  storeStatus = 0;
+  acquired = 0;
+  released = 0;
+  lookups.set({});
+  entries.set({});
+  settingsReads = 0;
   settings = HS_SETTINGS{.bAHSEnabled = true,
                          .nResumeTime = 4,
                          .nImprovement = 20,
@@ -32,57 +28,6 @@ void CacheScript::reset() {
                          .nPingsPerHeadend = 3,
                          .nTestPingTimeout = 5,
                          .nMaxResults = 100};
-}
-
-void CacheScript::failCreation(STATUSCODE status, bool setsPointer) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_creationStatus = status;
-  m_setsPointer = setsPointer;
-}
-
-void CacheScript::hitWith(const CCacheEntry& entry) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_hit.emplace(entry);
-}
-
-void CacheScript::setLookupHook(std::function<void()> hook) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_lookupHook = std::move(hook);
-}
-
-void CacheScript::failStore(STATUSCODE status) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_storeStatus = status;
-}
-
-int CacheScript::acquired() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_acquired;
-}
-
-int CacheScript::released() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_released;
-}
-
-int CacheScript::settingsReads() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_settingsReads;
-}
-
-std::vector<std::string> CacheScript::lookups() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_lookups;
-}
-
-std::vector<CCacheEntry> CacheScript::stored() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_stored;
-}
-
-std::size_t CacheScript::storeCount() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_stored.size();
 }
 
 CacheScript& cache() {
@@ -104,53 +49,39 @@ CSelectionCache* instance() {
 }  // namespace
 
 STATUSCODE CSelectionCache::createSingletonInstance(CSelectionCache*& pCache) {
-  doubles::CacheScript& script = doubles::cache();
-  const std::lock_guard<std::mutex> hold(script.m_lock);
+  const STATUSCODE status = doubles::cache().creationStatus;
   pCache = nullptr;
-  if (script.m_creationStatus == 0 || script.m_setsPointer) {
-    ++script.m_acquired;
+  if (status == 0 || doubles::cache().setsPointer) {
+    ++doubles::cache().acquired;
     pCache = instance();
   }
-  return script.m_creationStatus;
+  return status;
 }
 
 void CSelectionCache::releaseInstance() {
   // First the journal: who waits for the count has then seen everything.
   doubles::journal().add("cache released");
-  doubles::CacheScript& script = doubles::cache();
-  const std::lock_guard<std::mutex> hold(script.m_lock);
-  ++script.m_released;
+  ++doubles::cache().released;
 }
 
 bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
-  doubles::CacheScript& script = doubles::cache();
-  std::function<void()> hook;
-  {
-    const std::lock_guard<std::mutex> hold(script.m_lock);
-    script.m_lookups.push_back(key);
-    hook = script.m_lookupHook;
-  }
-  if (hook) {
+  doubles::cache().lookups.with([&](auto& all) { all.push_back(key); });
+  if (const auto hook = doubles::cache().duringLookup.get()) {
     hook();
   }
-  const std::lock_guard<std::mutex> hold(script.m_lock);
-  if (!script.m_hit) {
-    return false;
+  const std::optional<CCacheEntry> hit = doubles::cache().hit.get();
+  if (hit) {
+    entry = *hit;
   }
-  entry = *script.m_hit;
-  return true;
+  return hit.has_value();
 }
 
 STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry) {
-  doubles::CacheScript& script = doubles::cache();
-  const std::lock_guard<std::mutex> hold(script.m_lock);
-  script.m_stored.push_back(entry);
-  return script.m_storeStatus;
+  doubles::cache().entries.with([&](auto& all) { all.push_back(entry); });
+  return doubles::cache().storeStatus;
 }
 
 void CAHSSettings::GetSettings(HS_SETTINGS& settings) {
-  doubles::CacheScript& script = doubles::cache();
-  const std::lock_guard<std::mutex> hold(script.m_lock);
-  ++script.m_settingsReads;
-  settings = script.settings;
+  ++doubles::cache().settingsReads;
+  settings = doubles::cache().settings;
 }

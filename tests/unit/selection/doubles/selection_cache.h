@@ -1,54 +1,38 @@
 #pragma once
 
-#include <cstddef>
+#include <atomic>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tests/unit/selection/doubles/gate.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 
 namespace doubles {
 
 /// A selection cache that hits or misses as a test says, and the settings that go with it.
-class CacheScript {
- public:
+struct CacheScript {
   void reset();
 
-  /// Creation gives `status`; with `setsPointer` it hands out the instance all the same.
-  void failCreation(STATUSCODE status, bool setsPointer);
-  /// Every look-up hits and brings `entry`.
-  void hitWith(const CCacheEntry& entry);
+  /// What creation gives; a failing one may hand out the instance all the same.
+  std::atomic<STATUSCODE> creationStatus{0};
+  std::atomic<bool> setsPointer{true};
+  /// Every look-up hits and brings this.
+  Guarded<std::optional<CCacheEntry>> hit;
   /// Is called during each look-up.
-  void setLookupHook(std::function<void()> hook);
-  void failStore(STATUSCODE status);
+  Guarded<std::function<void()>> duringLookup;
+  std::atomic<STATUSCODE> storeStatus{0};
 
-  int acquired() const;
-  int released() const;
-  std::vector<std::string> lookups() const;
-  std::vector<CCacheEntry> stored() const;
-  std::size_t storeCount() const;
+  std::atomic<int> acquired{0};
+  std::atomic<int> released{0};
+  Guarded<std::vector<std::string>> lookups;
+  std::vector<CCacheEntry> stored() const { return entries.get(); }
+  Guarded<std::vector<CCacheEntry>> entries;
 
-  /// What `CAHSSettings::GetSettings` gives.
+  /// What `CAHSSettings::GetSettings` gives. Written by the test before the run.
   HS_SETTINGS settings{};
-  int settingsReads() const;
-
- private:
-  friend class ::CSelectionCache;
-  friend class ::CAHSSettings;
-
-  mutable std::mutex m_lock;
-  STATUSCODE m_creationStatus = 0;
-  bool m_setsPointer = true;
-  std::optional<CCacheEntry> m_hit;
-  std::function<void()> m_lookupHook;
-  STATUSCODE m_storeStatus = 0;
-  int m_acquired = 0;
-  int m_released = 0;
-  int m_settingsReads = 0;
-  std::vector<std::string> m_lookups;
-  std::vector<CCacheEntry> m_stored;
+  std::atomic<int> settingsReads{0};
 };
 
 CacheScript& cache();

@@ -4,9 +4,9 @@
 
 #include "tests/unit/selection/doubles/timers.h"
 
-#include <utility>
+#include <memory>
+#include <mutex>
 
-#include "tests/unit/selection/doubles/gate.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/Clock.h"
 
@@ -20,63 +20,20 @@ ManualClock& clock() {
 }
 
 void Timers::reset() {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_hasContext = true;
-  m_constructionStatus = 0;
-  m_startStatus = 0;
-  m_starts.clear();
-  m_fire = nullptr;
-  m_list = nullptr;
-  m_pointerValue = nullptr;
-  m_longValue = 0;
-  m_live = 0;
-  m_created = 0;
-  m_acquired = 0;
-  m_released = 0;
-}
-
-void Timers::removeContext() {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_hasContext = false;
-}
-
-void Timers::failConstruction(STATUSCODE status) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_constructionStatus = status;
-}
-
-void Timers::failStart(STATUSCODE status) {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  m_startStatus = status;
+  hasContext = true;
+  constructionStatus = 0;
+  startStatus = 0;
+  live = 0;
+  created = 0;
+  starts.set({});
+  contextAcquired = 0;
+  contextReleased = 0;
+  newest.set(nullptr);
 }
 
 bool Timers::fire() {
-  std::function<bool()> fireNewest;
-  {
-    const std::lock_guard<std::mutex> hold(m_lock);
-    fireNewest = m_fire;
-  }
+  const std::function<bool()> fireNewest = newest.get();
   return fireNewest && fireNewest();
-}
-
-std::vector<unsigned long> Timers::starts() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_starts;
-}
-
-CTimerList* Timers::list() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_list;
-}
-
-void* Timers::pointerValue() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_pointerValue;
-}
-
-unsigned long Timers::longValue() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_longValue;
 }
 
 Timers& timers() {
@@ -129,14 +86,13 @@ CTimer::CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, voi
   m_pEntry->pointerValue = ptrVal;
   m_pEntry->longValue = longVal;
   doubles::Timers& script = doubles::timers();
-  const std::lock_guard<std::mutex> hold(script.m_lock);
-  status = script.m_constructionStatus;
-  script.m_fire = [entry = m_pEntry] { return entry->fire(); };
-  script.m_list = pTimerList;
-  script.m_pointerValue = ptrVal;
-  script.m_longValue = longVal;
-  ++script.m_live;
-  ++script.m_created;
+  status = script.constructionStatus;
+  script.newest.set([entry = m_pEntry] { return entry->fire(); });
+  script.list = pTimerList;
+  script.pointerValue = ptrVal;
+  script.longValue = longVal;
+  ++script.live;
+  ++script.created;
 }
 
 CTimer::~CTimer() {
@@ -144,18 +100,13 @@ CTimer::~CTimer() {
     const std::lock_guard<std::mutex> hold(m_pEntry->lock);
     m_pEntry->armed = false;
   }
-  --doubles::timers().m_live;
+  --doubles::timers().live;
   doubles::journal().add("timer deleted");
 }
 
 STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
-  doubles::Timers& script = doubles::timers();
-  STATUSCODE status = 0;
-  {
-    const std::lock_guard<std::mutex> hold(script.m_lock);
-    script.m_starts.push_back(milliseconds);
-    status = script.m_startStatus;
-  }
+  doubles::timers().starts.with([&](auto& all) { all.push_back(milliseconds); });
+  const STATUSCODE status = doubles::timers().startStatus;
   const std::lock_guard<std::mutex> hold(m_pEntry->lock);
   m_pEntry->armed = status == 0;
   return status;
@@ -168,17 +119,15 @@ CExecutionContext::~CExecutionContext() = default;
 
 CExecutionContext* CExecutionContext::acquireInstance(EXECUTIONCONTEXT_INSTANCE instance) {
   static CExecutionContext& context = *new CExecutionContext;
-  doubles::Timers& script = doubles::timers();
-  const std::lock_guard<std::mutex> hold(script.m_lock);
-  if (!script.m_hasContext || instance != API_INSTANCE) {
+  if (!doubles::timers().hasContext || instance != API_INSTANCE) {
     return nullptr;
   }
-  ++script.m_acquired;
+  ++doubles::timers().contextAcquired;
   return &context;
 }
 
 void CExecutionContext::releaseInstance() {
-  ++doubles::timers().m_released;
+  ++doubles::timers().contextReleased;
   doubles::journal().add("context released");
 }
 

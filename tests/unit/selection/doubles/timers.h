@@ -2,10 +2,9 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <vector>
 
+#include "tests/unit/selection/doubles/gate.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/Common/Utility/TimerList.h"
 
@@ -27,47 +26,30 @@ ManualClock& clock();
 
 /// Timers that expire when a test says so, on the thread that says it, and the execution context
 /// that they belong to.
-class Timers {
- public:
+struct Timers {
   void reset();
-
-  /// From now on `acquireInstance` gives nothing.
-  void removeContext();
-  void failConstruction(STATUSCODE status);
-  void failStart(STATUSCODE status);
 
   /// Lets the newest timer expire, if it is armed and still exists. Returns when its callback has.
   /// @return whether there was anything to fire.
   bool fire();
 
-  int live() const { return m_live; }
-  int created() const { return m_created; }
+  /// Without it `acquireInstance` gives nothing.
+  std::atomic<bool> hasContext{true};
+  std::atomic<STATUSCODE> constructionStatus{0};
+  std::atomic<STATUSCODE> startStatus{0};
+
+  std::atomic<int> live{0};
+  std::atomic<int> created{0};
   /// The milliseconds of each successful or failed `StartTimer`.
-  std::vector<unsigned long> starts() const;
-  int contextAcquired() const { return m_acquired; }
-  int contextReleased() const { return m_released; }
+  Guarded<std::vector<unsigned long>> starts;
+  std::atomic<int> contextAcquired{0};
+  std::atomic<int> contextReleased{0};
   /// The list and the two context values that the newest timer was made with.
-  CTimerList* list() const;
-  void* pointerValue() const;
-  unsigned long longValue() const;
-
- private:
-  friend class ::CTimer;
-  friend class ::CExecutionContext;
-
-  mutable std::mutex m_lock;
-  bool m_hasContext = true;
-  STATUSCODE m_constructionStatus = 0;
-  STATUSCODE m_startStatus = 0;
-  std::vector<unsigned long> m_starts;
-  std::function<bool()> m_fire;
-  CTimerList* m_list = nullptr;
-  void* m_pointerValue = nullptr;
-  unsigned long m_longValue = 0;
-  std::atomic<int> m_live{0};
-  std::atomic<int> m_created{0};
-  std::atomic<int> m_acquired{0};
-  std::atomic<int> m_released{0};
+  std::atomic<CTimerList*> list{nullptr};
+  std::atomic<void*> pointerValue{nullptr};
+  std::atomic<unsigned long> longValue{0};
+  /// Fires the newest timer.
+  Guarded<std::function<bool()>> newest;
 };
 
 Timers& timers();

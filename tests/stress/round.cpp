@@ -41,8 +41,6 @@ class Provider : public ProxyIfc {
   Stage& m_stage;
 };
 
-void waitALittle() { std::this_thread::yield(); }
-
 void tellArrival(void* flag, unsigned long) {
   enter(nullptr, Role::Timer, 0);
   static_cast<std::atomic<bool>*>(flag)->store(true, std::memory_order_release);
@@ -76,7 +74,7 @@ void runOn(Stage& stage, CHeadendSelection* selection) {
 void settle(Host& host) {
   host.settleTimerThread();  // it may still be creating a thread
   while (census().threads.load(std::memory_order_acquire) != 0) {
-    waitALittle();
+    std::this_thread::yield();
   }
 }
 
@@ -93,24 +91,15 @@ std::string findLeft(unsigned int threadsBefore, long threadObjectsBefore) {
   };
   for (const auto& [name, count] : left) {
     if (count != 0) {
-      return std::to_string(count) + " " + name + " left";
+      return std::to_string(count) + " " + name + " left\n";
     }
   }
   return {};
 }
 
 std::string findProblemIn(const Stage& stage) {
-  std::string problem = findProblem(stage);
-  if (problem.empty() && stage.preferences.acquired != stage.preferences.released) {
-    problem = "an acquisition of the preferences is left";
-  }
-  return problem;
-}
-
-void note(std::string& problems, const std::string& problem) {
-  if (!problem.empty()) {
-    problems += (problems.empty() ? "" : "\n") + problem;
-  }
+  const bool isLeft = stage.preferences.acquired != stage.preferences.released;
+  return findProblem(stage) + (isLeft ? "an acquisition of the preferences is left\n" : "");
 }
 
 }  // namespace
@@ -136,12 +125,13 @@ void Host::settleTimerThread() {
   CTimer timer(status, &m_pContext->GetTimerList(), tellArrival, &isHere, 0);
   timer.StartTimer(0);
   while (!isHere.load(std::memory_order_acquire)) {
-    waitALittle();
+    std::this_thread::yield();
   }
 }
 
-std::string playRound(Host& host, std::uint64_t seed, unsigned long round, unsigned int members,
-                      Statistics& statistics) {
+std::string playRound(Host& host, std::uint64_t seed, unsigned long round,
+                      const std::function<void(const Stage&)>& note) {
+  const unsigned int members = membersOf(seed, round);
   const unsigned int threadsBefore = CThread::RunningCount();
   const long threadObjectsBefore = census().threadObjects.left();
   std::string problem;
@@ -165,10 +155,10 @@ std::string playRound(Host& host, std::uint64_t seed, unsigned long round, unsig
   for (unsigned int member = 0; member < members; ++member) {
     stages().set(member, nullptr);
     const Stage& stage = *all[member];
-    statistics.add(stage);
-    note(problem, findProblemIn(stage));
+    note(stage);
+    problem += findProblemIn(stage);
   }
-  note(problem, findLeft(threadsBefore, threadObjectsBefore));
+  problem += findLeft(threadsBefore, threadObjectsBefore);
   if (!problem.empty()) {
     for (const std::unique_ptr<Stage>& stage : all) {
       problem += "\n" + stage->scenario.toString() + "\n" + stage->journal.toString();

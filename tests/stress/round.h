@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
-#include "tests/stress/statistics.h"
+#include "tests/stress/stage.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 
 namespace stress {
@@ -24,9 +25,9 @@ class Host {
 };
 
 /// Runs the selections of a round to their end, at once if there are several, and looks at what
-/// happened and what is left.
+/// happened and what is left. Each is then given to `note`.
 /// @return empty, or what is wrong, with all that one needs to see it again.
-std::string playRound(Host& host, std::uint64_t seed, unsigned long round, unsigned int members,
-                      Statistics& statistics);
+std::string playRound(Host& host, std::uint64_t seed, unsigned long round,
+                      const std::function<void(const Stage&)>& note);
 
 }  // namespace stress

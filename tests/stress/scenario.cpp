@@ -307,37 +307,18 @@ std::string Scenario::toString() const {
   if (aim.anywhere) {
     text << ", at passage " << aim.nth;
   } else if (aim.place != Place::Count) {
-    text << ", at " << nameOf(aim.place) << " of " << nameOf(aim.role) << ", time " << aim.nth
-         << ", then waits for " << aim.awaits;
-  }
-  if (hold.until != 0) {
-    text << "; " << nameOf(hold.role) << " held at " << nameOf(hold.place) << " until "
-         << hold.until;
+    text << ", at " << nameOf(aim.place) << " of " << nameOf(aim.role) << ", time " << aim.nth;
   }
   text << "; reason " << reason << ", " << headends << " headends, last " << last << ", " << pings
-       << " pings, budget " << budget << ", improvement " << improvement << ", " << cached.size()
-       << " cached, test probe " << std::hex << testProbe.status << std::dec << ", noise " << noise;
-  const std::pair<bool, const char*> marks[] = {{authProxy, "407"},
-                                                {hasProvider, "provider"},
-                                                {probeClockFollows, "clocks together"},
-                                                {callbackThrows, "callback throws"},
-                                                {refusesResults, "no results thread"},
-                                                {refusesReaper, "no reaper"}};
-  for (const auto& [holds, name] : marks) {
-    if (holds) {
-      text << ", " << name;
-    }
-  }
-  if (refusedWorkers != 0) {
-    text << ", refused workers " << refusedWorkers;
-  }
+       << " pings, " << cached.size() << " cached" << (authProxy ? ", 407" : "")
+       << (hasProvider ? ", provider" : "") << (refusesResults ? ", no results thread" : "");
   return text.str();
 }
 
-unsigned int membersOf(std::uint64_t seed, unsigned long round, unsigned int overlapPercent) {
+unsigned int membersOf(std::uint64_t seed, unsigned long round) {
   constexpr unsigned int NoMember = 1000;  // a sequence of its own
   Dice dice(seed, round, NoMember);
-  return dice.below(100) < overlapPercent ? 2 + dice.below(2) : 1;
+  return dice.oneIn(20) ? 2 + dice.below(2) : 1;
 }
 
 }  // namespace stress

@@ -161,8 +161,7 @@ struct Scenario {
   std::string toString() const;
 };
 
-/// How many runs of a round run at once: usually one; with `overlapPercent`, two or three in so
-/// many rounds of a hundred.
-unsigned int membersOf(std::uint64_t seed, unsigned long round, unsigned int overlapPercent);
+/// How many runs of a round run at once: usually one, in one of twenty rounds two or three.
+unsigned int membersOf(std::uint64_t seed, unsigned long round);
 
 }  // namespace stress

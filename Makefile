@@ -62,7 +62,6 @@ soak: deps-test release ## Run for hours: races under both sanitizers, every fau
 	AHS_CACHE_KILLS=1000 build/release/bin/cache_kill_test
 	tests/host/valgrind.sh build/release 100
 	AHS_FAULTS=all build/release/bin/faults_test
-	AHS_FAULTS=all build/release/bin/faults_c_memory_test
 	JOBS=$(JOBS) tests/mutants/run.sh
 
 .PHONY: mutants

@@ -28,6 +28,10 @@ namespace {
 constexpr int CountingRuns = 3;
 constexpr unsigned long CallsBeyond = 3;
 
+/// Calls that fail in turn when not all are asked for: in one process, and each in a child's.
+constexpr unsigned long ManyRuns = 500;
+constexpr unsigned long ManyFirstRuns = 100;
+
 /// A sweep goes on after a failure, to show which faults are alike, but not for ever.
 constexpr int MostFailures = 5;
 
@@ -71,89 +75,84 @@ int failureCount() {
 
 }  // namespace
 
-std::unique_ptr<Host> FaultTest::sm_host;
+std::unique_ptr<Host> AFault::sm_host;
 
-void FaultTest::SetUpTestSuite() {
+void AFault::SetUpTestSuite() {
   startFirstThread();
   sm_host = std::make_unique<Host>();
 }
 
-void FaultTest::TearDownTestSuite() { sm_host.reset(); }
-
-void FaultTest::Run(const Sweep& sweep) {
+void AFault::Run() {
   const Exemption own;
-  CountCalls(sweep);
+  CountCalls();
   unsigned long calls = 0;
   for (int run = 0; run < CountingRuns; ++run) {
-    calls = std::max(calls, CountCalls(sweep));
+    calls = std::max(calls, CountCalls());
   }
-  DisturbAll(sweep, calls, ManyRuns, &FaultTest::Disturb);
+  DisturbAll(calls, ManyRuns, [this](const Fault& fault) { return Disturb(fault); });
 }
 
-void FaultTest::RunFirst(const Sweep& sweep) {
+void AFault::RunFirst() {
   const Exemption own;
-  const Seen seen = InChild([this, &sweep] { return Seen{CountCalls(sweep), 0}; });
-  DisturbAll(sweep, seen.calls, ManyFirstRuns, &FaultTest::DisturbFirst);
+  const Seen seen = InChild([this] { return Seen{CountCalls(), 0}; });
+  DisturbAll(seen.calls, ManyFirstRuns,
+             [this](const Fault& fault) { return InChild([&] { return Examine(fault); }); });
 }
 
-void FaultTest::DisturbAll(const Sweep& sweep, unsigned long calls, unsigned long most,
-                           void (FaultTest::*disturb)(const Sweep&, const Fault&)) {
+void AFault::DisturbAll(unsigned long calls, unsigned long most,
+                        const std::function<Seen(const Fault&)>& disturb) {
   ASSERT_GT(calls, 0U) << "a selection makes no such call";
   const std::vector<unsigned long> faults = numbers(calls, areSanitized() ? most / 3 : most);
-  m_strikes = 0;
+  unsigned long strikes = 0;
   int failures = 0;
   for (const unsigned long number : faults) {
-    Fault fault = sweep.fault;
+    Fault fault = GetParam().fault;
     fault.first = number;
     SCOPED_TRACE("at call " + std::to_string(number) + " of " + std::to_string(calls) +
                  (fault.lasting ? " and from there on" : ""));
     const int failuresBefore = failureCount();
-    (this->*disturb)(sweep, fault);
+    strikes += disturb(fault).failed != 0 ? 1 : 0;
     failures += failureCount() != failuresBefore ? 1 : 0;
     if (failures == MostFailures) {
       return;
     }
   }
-  std::cout << calls << " calls; " << faults.size() << " selections, " << m_strikes
+  std::cout << calls << " calls; " << faults.size() << " selections, " << strikes
             << " of them disturbed" << std::endl;
-  EXPECT_GT(m_strikes, 0U);
+  EXPECT_GT(strikes, 0U);
 }
 
-void FaultTest::Prepare(const Sweep& sweep) {
+void AFault::Prepare() {
   ASSERT_EQ(sm_host->Start(), 0);
   sm_host->ResetCache();
-  if (!sweep.hasCacheDirectory) {
+  if (!GetParam().hasCacheDirectory) {
     sm_host->RemoveCacheDirectory();
   }
 }
 
-unsigned long FaultTest::CountCalls(const Sweep& sweep) {
-  Prepare(sweep);
+unsigned long AFault::CountCalls() {
+  Prepare();
   Fault none;
-  none.call = sweep.fault.call;
-  const unsigned long calls = sm_host->Select(none, sweep.probing).seen.calls;
+  none.call = GetParam().fault.call;
+  const unsigned long calls = sm_host->Select(none, GetParam().probing).seen.calls;
   sm_host->Stop();
   return calls;
 }
 
-void FaultTest::Disturb(const Sweep& sweep, const Fault& fault) {
+Seen AFault::Disturb(const Fault& fault) {
   const long blocks = liveBlocks();
   const unsigned int descriptors = openDescriptors();
-  m_strikes += Examine(sweep, fault).failed != 0 ? 1 : 0;
+  const Seen seen = Examine(fault);
   if (fault.call == Call::AllocateInC) {
     mendStandardInput();
   }
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_EQ(liveBlocks(), blocks);
-}
-
-void FaultTest::DisturbFirst(const Sweep& sweep, const Fault& fault) {
-  m_strikes +=
-      InChild([this, &sweep, &fault] { return Examine(sweep, fault); }).failed != 0 ? 1 : 0;
+  return seen;
 }
 
 /// Lets a child select. Its failures become this process's.
-Seen FaultTest::InChild(const std::function<Seen()>& selection) {
+Seen AFault::InChild(const std::function<Seen()>& selection) {
   constexpr int Failed = 1;
   auto* const seen = static_cast<Seen*>(
       mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -179,21 +178,21 @@ Seen FaultTest::InChild(const std::function<Seen()>& selection) {
   return result;
 }
 
-Seen FaultTest::Examine(const Sweep& sweep, const Fault& fault) {
+Seen AFault::Examine(const Fault& fault) {
   const int failuresBefore = failureCount();
-  Prepare(sweep);
+  Prepare();
   const unsigned int descriptors = openDescriptors();
   const unsigned int threads = CThread::RunningCount();
   const unsigned int tasks = threadCount();
-  const Outcome outcome = sm_host->Select(fault, sweep.probing);
-  CheckDisturbed(sweep, outcome);
+  const Outcome outcome = sm_host->Select(fault, GetParam().probing);
+  CheckDisturbed(outcome);
   EXPECT_LE(CThread::RunningCount(), threads);
   EXPECT_LE(threadCount(), tasks);
   EXPECT_LE(openDescriptors(), descriptors);
-  if (sweep.hasCacheDirectory) {
+  if (GetParam().hasCacheDirectory) {
     EXPECT_EQ(sm_host->FindCacheFlaw(), "");
   }
-  CheckUndisturbed(sweep.probing);
+  CheckUndisturbed();
   sm_host->Stop();
   if (failureCount() != failuresBefore) {
     std::cout << sm_host->Log() << std::flush;
@@ -201,9 +200,10 @@ Seen FaultTest::Examine(const Sweep& sweep, const Fault& fault) {
   return outcome.seen;
 }
 
-void FaultTest::CheckDisturbed(const Sweep& sweep, const Outcome& outcome) {
+void AFault::CheckDisturbed(const Outcome& outcome) {
   if (!outcome.isConstructed) {
-    EXPECT_EQ(sweep.fault.call == Call::Allocate || sweep.fault.call == Call::AllocateInC, true);
+    const Call call = GetParam().fault.call;
+    EXPECT_TRUE(call == Call::Allocate || call == Call::AllocateInC);
     EXPECT_TRUE(outcome.threw || outcome.construction == HEADENDSELECTION_ERROR_MEMALLOC_FAILED)
         << std::hex << outcome.construction;
     EXPECT_EQ(outcome.calls, 0U);
@@ -211,9 +211,9 @@ void FaultTest::CheckDisturbed(const Sweep& sweep, const Outcome& outcome) {
   }
   EXPECT_EQ(outcome.calls, 1U);
   EXPECT_TRUE(outcome.areKnown);
-  EXPECT_GE(outcome.headends, std::max(1U, sweep.leastHeadends));
+  EXPECT_GE(outcome.headends, std::max(1U, GetParam().leastHeadends));
   EXPECT_THAT(Endings, testing::Contains(outcome.status)) << std::hex << outcome.status;
-  if (sweep.leastHeadends > 1) {
+  if (GetParam().leastHeadends > 1) {
     EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
   }
   if (outcome.status != HEADENDSELECTION_ERROR_ADDED_TO_CACHE) {
@@ -222,13 +222,13 @@ void FaultTest::CheckDisturbed(const Sweep& sweep, const Outcome& outcome) {
   }
 }
 
-void FaultTest::CheckUndisturbed(Probing probing) {
+void AFault::CheckUndisturbed() {
   SCOPED_TRACE("the selection after it");
   sm_host->ResetCache();
-  const Outcome outcome = sm_host->Select(Fault(), probing);
+  const Outcome outcome = sm_host->Select(Fault(), GetParam().probing);
   EXPECT_TRUE(outcome.isConstructed);
   EXPECT_EQ(outcome.calls, 1U);
-  if (probing == Probing::Secure && !isTlsUsable()) {
+  if (GetParam().probing == Probing::Secure && !isTlsUsable()) {
     EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_SELECTION_FAILURE);
     return;
   }
@@ -238,5 +238,8 @@ void FaultTest::CheckUndisturbed(Probing probing) {
   EXPECT_TRUE(sm_host->IsStored());
   EXPECT_EQ(sm_host->FindCacheFlaw(), "");
 }
+
+TEST_P(AFault, EndsInOneCall) { Run(); }
+TEST_P(FirstSelectionDeathTest, EndsInOneCall) { RunFirst(); }
 
 }  // namespace tests

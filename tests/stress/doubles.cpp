@@ -84,7 +84,6 @@ unsigned int headendOf(const Stage& stage, const std::string& host) {
 void fill(HttpProbe::HTTP_PROBE_RESULTS& results, const Scenario& run,
           const ProbeOutcome& outcome) {
   results.uiRtt = outcome.rtt;
-  results.uiLastError = outcome.lastError;
   results.uiHttpStatusCode = outcome.status == 0 ? 200 : 0;
   if (run.probeClockFollows) {
     clocks().moveProbesBy(outcome.rtt);

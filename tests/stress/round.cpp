@@ -30,12 +30,10 @@ class Provider : public ProxyIfc {
     m_stage.pass(Place::ProviderDeleted);
   }
 
-  UnprotectedCredential getProxyUser() override {
-    return UnprotectedCredential(m_stage.scenario.providerHasUser ? "user" : "");
-  }
+  UnprotectedCredential getProxyUser() override { return UnprotectedCredential("user"); }
   UnprotectedCredential getProxyPswd() override { return UnprotectedCredential("secret"); }
-  std::string getProxyHost() override { return m_stage.scenario.providerHasHost ? "proxy" : ""; }
-  ProxyType getProxyType() override { return m_stage.scenario.providerType; }
+  std::string getProxyHost() override { return "proxy"; }
+  ProxyType getProxyType() override { return BasicProxy; }
 
  private:
   Stage& m_stage;

@@ -22,24 +22,6 @@ constexpr STATUSCODE Failures[] = {
     HTTP_SESSION_ERROR_DNS_RESOLUTION,          UnknownStatus,
 };
 
-constexpr const char* AimNames[] = {
-    "never",
-    "before the test probe",
-    "during the test probe",
-    "after the test probe",
-    "between two worker starts",
-    "during a worker's probe",
-    "between last sample and report",
-    "during a report",
-    "before the run finishes",
-    "while the run finishes",
-    "met by all while it finishes",
-    "in the destructor",
-    "with abandoned workers",
-    "at a random moment",
-};
-static_assert(std::size(AimNames) == static_cast<std::size_t>(AimKind::Count));
-
 constexpr const char* PlaceNames[] = {
     "TimerArmed",       "TestPingSaid",     "TestProbeOut",
     "TestProbeBack",    "TestPingTook",     "WorkerStarted",
@@ -54,6 +36,9 @@ constexpr const char* PlaceNames[] = {
     "ClientCalled",     "ClientLeft",       "none",
 };
 static_assert(std::size(PlaceNames) == static_cast<std::size_t>(Place::Count) + 1);
+
+/// Any of the milestones that may be awaited: one is drawn.
+constexpr unsigned int Any = ~0U;
 
 constexpr const char* RoleNames[] = {"main", "run", "timer", "worker", "results", "reaper"};
 
@@ -87,7 +72,6 @@ ProbeOutcome outcomeOf(Dice& dice, bool mayFail) {
   outcome.rtt = dice.oneIn(8) ? 0 : dice.below(dice.oneIn(10) ? 12000 : 300);
   if (mayFail && dice.oneIn(5)) {
     outcome.status = dice.of(Failures);
-    outcome.lastError = dice.below(90);
   }
   return outcome;
 }
@@ -102,14 +86,6 @@ void drawCandidates(Scenario& run, Dice& dice) {
   run.improvement = dice.below(100);
 }
 
-void drawProxy(Scenario& run, Dice& dice) {
-  run.hasProvider = dice.oneIn(4);
-  run.providerType = dice.of({BasicProxy, NTLMProxy, KerberosProxy, NoProxy});
-  run.providerHasUser = dice.oneIn(2);
-  run.providerHasHost = dice.oneIn(2);
-  run.proxyInPreferences = dice.oneIn(4);
-}
-
 void drawProbes(Scenario& run, Dice& dice) {
   run.testProbe = outcomeOf(dice, true);
   const bool mayFail = !dice.oneIn(3);
@@ -121,6 +97,7 @@ void drawProbes(Scenario& run, Dice& dice) {
 }
 
 void drawTrouble(Scenario& run, Dice& dice) {
+  run.hasProvider = dice.oneIn(4);
   run.probeClockFollows = dice.oneIn(2);
   run.noise = dice.below(3);
   run.callbackThrows = dice.oneIn(40);
@@ -139,92 +116,6 @@ void answerEverywhere(Scenario& run) {
   run.refusedWorkers = 0;
 }
 
-// What the thread that made the timer expire waits for, unless it holds something up by that.
-unsigned int anyWait(Dice& dice) {
-  return dice.of({0U, unsigned{TimerHasLogged}, unsigned{TimerFinishes}, unsigned{TimerIsBack}});
-}
-
-void aim(Scenario& run, Place place, Role role, unsigned int nth, unsigned int awaits) {
-  run.aim.place = place;
-  run.aim.role = role;
-  run.aim.nth = nth;
-  run.aim.awaits = awaits;
-}
-
-void aimAroundTestProbe(Scenario& run, Dice& dice) {
-  if (run.reason == 1) {
-    run.reason = 0;
-  }
-  run.authProxy = dice.oneIn(6);
-  Place place = Place::TestProbeOut;
-  if (run.aim.kind == AimKind::BeforeTestProbe) {
-    place = dice.of({Place::TimerArmed, Place::TestPingSaid, Place::EndLockWanted});
-    if (place == Place::EndLockWanted) {
-      run.last = -1;  // the run takes the end lock to name the target
-    }
-  } else if (run.aim.kind == AimKind::AfterTestProbe) {
-    place = dice.of({Place::TestProbeBack, Place::TestPingTook});
-    run.authProxy = run.authProxy && place == Place::TestProbeBack;
-  }
-  aim(run, place, Role::Run, 0, anyWait(dice));
-}
-
-void aimAtWorkers(Scenario& run, Dice& dice) {
-  run.pings = run.pings == 0 ? 1 : run.pings;
-  const unsigned int any = dice.oneIn(2) ? dice.below(run.headends) : 0;
-  switch (run.aim.kind) {
-    case AimKind::BetweenWorkerStarts:
-    case AimKind::WorkersAbandoned:
-      run.headends = run.headends < 2 ? 2 : run.headends;
-      aim(run, Place::WorkerStarted, Role::Run, dice.below(run.headends - 1), anyWait(dice));
-      break;
-    case AimKind::DuringWorkerProbe:
-      aim(run, Place::WorkerProbeOut, Role::Worker, any, anyWait(dice));
-      break;
-    case AimKind::BeforeReport:
-      answerEverywhere(run);
-      aim(run, dice.of({Place::SamplesSaid, Place::ReportLockWanted}), Role::Worker, any,
-          anyWait(dice));
-      break;
-    default:
-      answerEverywhere(run);
-      // Not until the callback is back: its ranking waits for the reporter.
-      aim(run, Place::ReportLockHeld, Role::Worker, any,
-          dice.of({0U, unsigned{TimerHasLogged}, unsigned{TimerFinishes}}));
-      break;
-  }
-  if (run.aim.kind == AimKind::WorkersAbandoned) {
-    run.refusedWorkers = 0;
-    run.aim.awaits = dice.of({unsigned{TimerFinishes}, unsigned{TimerIsBack}});
-    run.hold = {dice.of({Place::WorkerProbeOut, Place::WorkerProbeBack, Place::ThreadBegins}),
-                Role::Worker, RunReturned};
-  }
-}
-
-void aimAtFinish(Scenario& run, Dice& dice) {
-  switch (run.aim.kind) {
-    case AimKind::BeforeFinish:
-      aim(run, Place::EndLockWanted, Role::Run, run.endLocksBeforeFinish(), anyWait(dice));
-      break;
-    case AimKind::DuringFinish:
-      // The timer thread gets no further than to the lock that is held here.
-      aim(run, Place::FirstTimeSaid, Role::Run, 0, TimerHasLogged);
-      break;
-    case AimKind::WhileTimerFinishes:
-      run.pings = run.pings == 0 ? 1 : run.pings;
-      run.refusedWorkers = 0;
-      aim(run, Place::WorkerProbeOut, Role::Worker, 0, TimerFinishes);
-      run.hold = {Place::FirstTimeSaid, Role::Timer, RunWantsToFinish};
-      break;
-    default:
-      aim(run, Place::FirstTimeSaid, Role::Run, 0, TimerIsIn);
-      run.hold = {dice.of({Place::TimerCalled, Place::TimerExpiredSaid, Place::TimerLeaves}),
-                  Role::Timer,
-                  dice.of({unsigned{RunReturned}, unsigned{RunReturned} | DestructorEntered})};
-      break;
-  }
-}
-
 void drawCacheHit(Scenario& run, Dice& dice) {
   for (unsigned int headend = 0; headend < run.headends; ++headend) {
     if (headend == 0 || !dice.oneIn(3)) {
@@ -233,44 +124,87 @@ void drawCacheHit(Scenario& run, Dice& dice) {
   }
 }
 
-void drawAim(Scenario& run, Dice& dice) {
-  run.aim.kind = static_cast<AimKind>(dice.below(static_cast<unsigned int>(AimKind::Count)));
-  switch (run.aim.kind) {
-    case AimKind::Never:
-      run.authProxy = dice.oneIn(8);
-      if (dice.oneIn(2)) {
-        drawCacheHit(run, dice);
-      }
-      break;
-    case AimKind::BeforeTestProbe:
-    case AimKind::DuringTestProbe:
-    case AimKind::AfterTestProbe:
-      aimAroundTestProbe(run, dice);
-      break;
-    case AimKind::BetweenWorkerStarts:
-    case AimKind::DuringWorkerProbe:
-    case AimKind::BeforeReport:
-    case AimKind::DuringReport:
-    case AimKind::WorkersAbandoned:
-      aimAtWorkers(run, dice);
-      break;
-    case AimKind::BeforeFinish:
-    case AimKind::DuringFinish:
-    case AimKind::WhileTimerFinishes:
-    case AimKind::InDestructor:
-      aimAtFinish(run, dice);
-      break;
-    default:
-      run.authProxy = dice.oneIn(8);
-      run.aim.anywhere = true;
-      run.aim.nth = dice.below(120);
-      break;
+/// Bends the scenario until the run comes by its moment.
+void reach(Scenario& run, Dice& dice) {
+  const Moment& at = run.at();
+  const bool isOfTestProbe = at.place <= Place::TestPingTook || at.place == Place::EndLockWanted;
+  if (isOfTestProbe && run.reason == 1) {
+    run.reason = 0;
+  }
+  run.pings = run.pings == 0 ? 1 : run.pings;
+  if (at.place == Place::EndLockWanted) {
+    // The run takes the end lock to name the target of the test probe, and to finish.
+    run.last = dice.oneIn(2) ? run.last : -1;
+    run.nth = dice.oneIn(2) ? 0 : run.endLocksBeforeFinish();
+  } else if (at.place == Place::WorkerStarted) {
+    run.headends = run.headends < 2 ? 2 : run.headends;
+    run.last = -1;
+    run.nth = dice.below(run.headends - 1);
+  } else if (at.role == Role::Worker && at.hold.until == 0) {
+    run.nth = dice.oneIn(2) ? dice.below(run.headends) : 0;
+  }
+  if (at.place == Place::SamplesSaid || at.place == Place::ReportLockHeld) {
+    answerEverywhere(run);
+  }
+  if (at.hold.until != 0) {
+    run.refusedWorkers = 0;
+  }
+  run.authProxy = at.place < Place::TestPingTook && dice.oneIn(6);
+}
+
+void drawMoment(Scenario& run, Dice& dice) {
+  run.moment = dice.below(MomentCount);
+  if (run.moment == Never || run.moment == Anywhere) {
+    run.authProxy = dice.oneIn(8);
+    run.nth = dice.below(120);
+    if (run.moment == Never && dice.oneIn(2)) {
+      drawCacheHit(run, dice);
+    }
+    return;
+  }
+  reach(run, dice);
+  run.awaits = run.at().awaits;
+  if (run.awaits == Any) {
+    run.awaits =
+        dice.of({0U, unsigned{TimerHasLogged}, unsigned{TimerFinishes}, unsigned{TimerIsBack}});
   }
 }
 
 }  // namespace
 
-const char* nameOf(AimKind kind) { return AimNames[static_cast<std::size_t>(kind)]; }
+const std::array<Moment, MomentCount> Moments{{
+    {"never"},
+    {"at a random moment"},
+    {"before the test probe", Place::TimerArmed, Role::Run, Any},
+    {"as the test probe is told", Place::TestPingSaid, Role::Run, Any},
+    {"during the test probe", Place::TestProbeOut, Role::Run, Any},
+    {"as the test probe returns", Place::TestProbeBack, Role::Run, Any},
+    {"after the test probe", Place::TestPingTook, Role::Run, Any},
+    {"between two worker starts", Place::WorkerStarted, Role::Run, Any},
+    {"with abandoned workers",
+     Place::WorkerStarted,
+     Role::Run,
+     TimerFinishes,
+     {Place::WorkerProbeOut, Role::Worker, RunReturned}},
+    {"during a worker's probe", Place::WorkerProbeOut, Role::Worker, Any},
+    {"between last sample and report", Place::SamplesSaid, Role::Worker, Any},
+    // Not until the callback is back: its ranking waits for the reporter.
+    {"during a report", Place::ReportLockHeld, Role::Worker, TimerFinishes},
+    {"before the run takes the end lock", Place::EndLockWanted, Role::Run, Any},
+    // The timer thread gets no further than to the lock that is held here.
+    {"while the run finishes", Place::FirstTimeSaid, Role::Run, TimerHasLogged},
+    {"met by all while it finishes",
+     Place::WorkerProbeOut,
+     Role::Worker,
+     TimerFinishes,
+     {Place::FirstTimeSaid, Role::Timer, RunWantsToFinish}},
+    {"in the destructor",
+     Place::FirstTimeSaid,
+     Role::Run,
+     TimerIsIn,
+     {Place::TimerExpiredSaid, Role::Timer, unsigned{RunReturned} | DestructorEntered}},
+}};
+
 const char* nameOf(Place place) { return PlaceNames[static_cast<std::size_t>(place)]; }
 const char* nameOf(Role role) { return RoleNames[static_cast<std::size_t>(role)]; }
 
@@ -281,10 +215,9 @@ Scenario Scenario::make(std::uint64_t seed, unsigned long round, unsigned int me
   run.round = round;
   run.member = member;
   drawCandidates(run, dice);
-  drawProxy(run, dice);
   drawProbes(run, dice);
   drawTrouble(run, dice);
-  drawAim(run, dice);
+  drawMoment(run, dice);
   if (run.authProxy) {
     run.testProbe.status = dice.of({STATUSCODE{0}, STATUSCODE{HTTP_SESSION_ERROR_CONNECT}});
   }
@@ -303,12 +236,7 @@ std::string Scenario::key(unsigned int headend) const {
 std::string Scenario::toString() const {
   std::ostringstream text;
   text << "seed " << seed << ", round " << round << ", member " << member << ": expiry "
-       << nameOf(aim.kind);
-  if (aim.anywhere) {
-    text << ", at passage " << aim.nth;
-  } else if (aim.place != Place::Count) {
-    text << ", at " << nameOf(aim.place) << " of " << nameOf(aim.role) << ", time " << aim.nth;
-  }
+       << at().name << ", time " << nth;
   text << "; reason " << reason << ", " << headends << " headends, last " << last << ", " << pings
        << " pings, " << cached.size() << " cached" << (authProxy ? ", 407" : "")
        << (hasProvider ? ", provider" : "") << (refusesResults ? ", no results thread" : "");

@@ -6,7 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include "vpn/Api/ProxyIfc.h"
 #include "vpn/include/StatusCode.h"
 
 namespace stress {
@@ -65,38 +64,8 @@ enum Milestone : unsigned int {
   DestructorEntered = 64,
 };
 
-/// The moments at which an expiry is aimed.
-enum class AimKind : unsigned char {
-  Never,
-  BeforeTestProbe,
-  DuringTestProbe,
-  AfterTestProbe,
-  BetweenWorkerStarts,
-  DuringWorkerProbe,
-  BeforeReport,
-  DuringReport,
-  BeforeFinish,
-  DuringFinish,
-  WhileTimerFinishes,
-  InDestructor,
-  WorkersAbandoned,
-  RandomMoment,
-  Count,
-};
-
-const char* nameOf(AimKind kind);
 const char* nameOf(Place place);
 const char* nameOf(Role role);
-
-/// When the timer expires, and what the thread that makes it expire then waits for.
-struct Aim {
-  AimKind kind = AimKind::Never;
-  bool anywhere = false;  ///< `nth` counts every passage of every thread
-  Place place = Place::Count;
-  Role role = Role::Main;
-  unsigned int nth = 0;     ///< 0 for the first passage of `place` by `role`
-  unsigned int awaits = 0;  ///< milestones, any of which will do; 0 for no wait
-};
 
 /// A place where threads of a role are held until the run has got somewhere.
 struct Hold {
@@ -105,10 +74,24 @@ struct Hold {
   unsigned int until = 0;  ///< milestones, any of which will do
 };
 
+/// A moment at which an expiry is aimed, and what the thread that makes it expire then waits for.
+struct Moment {
+  const char* name;
+  Place place = Place::Count;  ///< Count: none, or the nth passage of any
+  Role role = Role::Main;
+  unsigned int awaits = 0;  ///< milestones, any of which will do; 0 for no wait
+  Hold hold = {};
+};
+
+/// All of them; the first one is that the timer never expires, the second one any passage.
+constexpr std::size_t MomentCount = 16;
+extern const std::array<Moment, MomentCount> Moments;
+constexpr std::size_t Never = 0;
+constexpr std::size_t Anywhere = 1;
+
 struct ProbeOutcome {
   STATUSCODE status = 0;
   unsigned int rtt = 0;
-  unsigned int lastError = 0;
 };
 
 /// Everything that is decided about one run in advance. Made from seed, round and member alone, so
@@ -133,10 +116,6 @@ struct Scenario {
   std::array<std::array<ProbeOutcome, MostPings>, MostHeadends> probes{};
 
   bool hasProvider = false;
-  ProxyType providerType = BasicProxy;
-  bool providerHasUser = false;
-  bool providerHasHost = false;
-  bool proxyInPreferences = false;
 
   bool probeClockFollows = false;  ///< the workers see the time that the timer saw
   unsigned int noise = 0;          ///< 0 for none, 2 for the most delays
@@ -146,8 +125,10 @@ struct Scenario {
   bool refusesResults = false;      ///< the results thread gets no thread of its own
   bool refusesReaper = false;
 
-  Aim aim;
-  Hold hold;
+  std::size_t moment = Never;
+  unsigned int nth = 0;     ///< of the passages of its place by its role; 0 for the first
+  unsigned int awaits = 0;  ///< see `Moment`
+  const Moment& at() const { return Moments[moment]; }
 
   static Scenario make(std::uint64_t seed, unsigned long round, unsigned int member);
 

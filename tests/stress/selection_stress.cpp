@@ -35,7 +35,7 @@ constexpr char Usage[] =
 class Statistics {
  public:
   void add(const stress::Stage& stage) {
-    Aimed& aimed = m_aimed[static_cast<std::size_t>(stage.scenario.aim.kind)];
+    Aimed& aimed = m_aimed[stage.scenario.moment];
     ++m_runs;
     ++aimed.runs;
     aimed.fired += stage.hasFired() ? 1 : 0;
@@ -49,8 +49,8 @@ class Statistics {
   void print() const {
     std::printf("%-34s%9s%9s%9s\n", "expiry aimed", "runs", "fired", "hit");
     for (std::size_t i = 0; i < m_aimed.size(); ++i) {
-      std::printf("%-34s%9lu%9lu%9lu\n", nameOf(static_cast<stress::AimKind>(i)), m_aimed[i].runs,
-                  m_aimed[i].fired, m_aimed[i].hit);
+      std::printf("%-34s%9lu%9lu%9lu\n", stress::Moments[i].name, m_aimed[i].runs, m_aimed[i].fired,
+                  m_aimed[i].hit);
     }
     std::printf("the timer expired in %lu of %lu runs and decided %lu of them\n", m_expired, m_runs,
                 m_decided);
@@ -66,8 +66,7 @@ class Statistics {
         {"contexts acquired", all.contexts.made},
         {"caches acquired", all.caches.made}};
     for (std::size_t i = 0; i < m_aimed.size(); ++i) {
-      counts.emplace_back(nameOf(static_cast<stress::AimKind>(i)),
-                          static_cast<long>(m_aimed[i].hit));
+      counts.emplace_back(stress::Moments[i].name, static_cast<long>(m_aimed[i].hit));
     }
     for (std::size_t i = 0; i < all.passages.size(); ++i) {
       counts.emplace_back(nameOf(static_cast<stress::Place>(i)), all.passages[i]);
@@ -89,7 +88,7 @@ class Statistics {
   unsigned long m_runs = 0;
   unsigned long m_expired = 0;
   unsigned long m_decided = 0;
-  std::array<Aimed, static_cast<std::size_t>(stress::AimKind::Count)> m_aimed{};
+  std::array<Aimed, stress::MomentCount> m_aimed{};
 };
 
 struct Options {

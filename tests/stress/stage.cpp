@@ -83,11 +83,6 @@ Stage::Stage(const Scenario& ofRun) : scenario(ofRun) {
     addresses.push_back(scenario.key(i));
   }
   preferences.useAddresses(addresses);
-  if (scenario.proxyInPreferences) {
-    preferences.proxySettings = PreferenceBase::ProxyOverride;
-    preferences.proxyHost = "proxy";
-    preferences.proxyPort = "3128";
-  }
 }
 
 Stage::~Stage() = default;
@@ -105,8 +100,9 @@ void Stage::pass(Place place) {
   if (isAimedAt(place, role)) {
     fire();
   }
-  if (scenario.hold.until != 0 && scenario.hold.place == place && scenario.hold.role == role &&
-      await(scenario.hold.until, AimPatience)) {
+  const Hold& hold = scenario.at().hold;
+  if (hold.until != 0 && hold.place == place && hold.role == role &&
+      await(hold.until, AimPatience)) {
     m_hasHeld.store(true, std::memory_order_relaxed);
   }
 }
@@ -144,14 +140,11 @@ void Stage::setArmed(unsigned long milliseconds) {
 }
 
 bool Stage::isAimedAt(Place place, Role role) {
-  const Aim& aim = scenario.aim;
-  if (aim.anywhere) {
-    // The timer thread cannot make itself expire.
-    return role != Role::Timer && role != Role::Main &&
-           m_passages.fetch_add(1, std::memory_order_relaxed) == aim.nth;
-  }
-  return place == aim.place && role == aim.role &&
-         m_passages.fetch_add(1, std::memory_order_relaxed) == aim.nth;
+  const Moment& at = scenario.at();
+  // The timer thread cannot make itself expire.
+  const bool counts = scenario.moment == Anywhere ? role != Role::Timer && role != Role::Main
+                                                  : place == at.place && role == at.role;
+  return counts && m_passages.fetch_add(1, std::memory_order_relaxed) == scenario.nth;
 }
 
 void Stage::fire() {
@@ -164,8 +157,9 @@ void Stage::fire() {
     clocks().moveProbesBy(scenario.budget + 1);
   }
   clocks().moveTimersTo(MonotonicClock::time_point(MonotonicClock::duration(until)));
-  const bool met = await(scenario.aim.anywhere ? unsigned{TimerHasLogged} : scenario.aim.awaits,
-                         scenario.aim.anywhere ? RandomPatience : AimPatience);
+  const bool isAnywhere = scenario.moment == Anywhere;
+  const bool met = await(isAnywhere ? unsigned{TimerHasLogged} : scenario.awaits,
+                         isAnywhere ? RandomPatience : AimPatience);
   m_hasAwaited.store(met, std::memory_order_relaxed);
 }
 
@@ -184,11 +178,11 @@ bool Stage::await(unsigned int milestones, microseconds patience) const {
 }
 
 bool Stage::hasHit() const {
-  if (scenario.aim.kind == AimKind::Never) {
+  if (scenario.moment == Never) {
     return !hasReached(TimerIsIn);
   }
-  const bool awaited = scenario.aim.anywhere || m_hasAwaited.load(std::memory_order_relaxed);
-  const bool held = scenario.hold.until == 0 || m_hasHeld.load(std::memory_order_relaxed);
+  const bool awaited = scenario.moment == Anywhere || m_hasAwaited.load(std::memory_order_relaxed);
+  const bool held = scenario.at().hold.until == 0 || m_hasHeld.load(std::memory_order_relaxed);
   return hasFired() && awaited && held && hasReached(TimerHasLogged);
 }
 

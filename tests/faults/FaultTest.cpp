@@ -75,11 +75,11 @@ int failureCount() {
 
 }  // namespace
 
-std::unique_ptr<Host> AFault::sm_host;
+std::unique_ptr<DisturbedHost> AFault::sm_host;
 
 void AFault::SetUpTestSuite() {
   startFirstThread();
-  sm_host = std::make_unique<Host>();
+  sm_host = std::make_unique<DisturbedHost>();
 }
 
 void AFault::Run() {
@@ -123,7 +123,7 @@ void AFault::DisturbAll(unsigned long calls, unsigned long most,
 }
 
 void AFault::Prepare() {
-  ASSERT_EQ(sm_host->Start(), 0);
+  sm_host->Start();
   sm_host->ResetCache();
   if (!GetParam().hasCacheDirectory) {
     sm_host->RemoveCacheDirectory();
@@ -233,7 +233,7 @@ void AFault::CheckUndisturbed() {
     return;
   }
   EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-  EXPECT_EQ(outcome.headends, Host::HeadendCount);
+  EXPECT_EQ(outcome.headends, DisturbedHost::HeadendCount);
   EXPECT_TRUE(outcome.areKnown);
   EXPECT_TRUE(sm_host->IsStored());
   EXPECT_EQ(sm_host->FindCacheFlaw(), "");

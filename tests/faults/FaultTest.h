@@ -60,7 +60,7 @@ class AFault : public testing::TestWithParam<Sweep> {
   void CheckDisturbed(const Outcome& outcome);
   void CheckUndisturbed();
 
-  static std::unique_ptr<Host> sm_host;
+  static std::unique_ptr<DisturbedHost> sm_host;
 };
 
 /// Named so that the test program runs it before it has selected itself.

@@ -14,23 +14,23 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/Eventually.h"
+#include "tests/support/ProviderWithoutProxy.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/AHS/SelectionFiles.h"
 #include "vpn/Api/ClientIfcBase.h"
-#include "vpn/Api/ProxyIfc.h"
 #include "vpn/Common/Utility/Thread.h"
 
 extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
@@ -40,15 +40,10 @@ namespace {
 
 /// Longer than any selection takes, even one in which every probe runs into its time-out.
 constexpr unsigned int PatienceSeconds = 60;
-constexpr std::chrono::microseconds PollInterval{200};
-constexpr std::chrono::seconds SettleLimit{30};
-
-constexpr const char* OtherName = "another-gateway.test";
-constexpr const char* LastHeadendName = "Named";
 
 /// The headends as they are delivered; the last one is known by a name. Written once, before any
 /// selection.
-std::array<std::string, Host::HeadendCount> headendNames;
+std::array<std::string, DisturbedHost::HeadendCount> headendNames;
 
 // --- What is said when a selection does not end ------------------------------------------------
 
@@ -90,7 +85,7 @@ void describe(const Fault& fault) {
 // --- The client --------------------------------------------------------------------------------
 
 /// Keeps the first call's outcome in numbers, so that it needs no memory.
-class Client : public ClientIfcBase {
+class FrugalClient : public ClientIfcBase {
  public:
   void AHSSelectedHost(unsigned int, const std::vector<std::string>& headends, long status,
                        const std::string&) override {
@@ -101,7 +96,7 @@ class Client : public ClientIfcBase {
     m_status = status;
     m_headends = static_cast<unsigned int>(headends.size());
     m_isLastFirst = !headends.empty() && headends.front() == headendNames.back();
-    std::array<unsigned int, Host::HeadendCount> found{};
+    std::array<unsigned int, DisturbedHost::HeadendCount> found{};
     unsigned int known = 0;
     for (const std::string& headend : headends) {
       const auto name = std::find(headendNames.begin(), headendNames.end(), headend);
@@ -130,17 +125,9 @@ class Client : public ClientIfcBase {
   std::atomic<bool> m_isLastFirst{false};
 };
 
-/// A provider that knows neither a proxy nor a user, and by being there makes probes secure.
-class SecureProvider : public ProxyIfc {
- public:
-  UnprotectedCredential getProxyUser() override { return {}; }
-  UnprotectedCredential getProxyPswd() override { return {}; }
-  std::string getProxyHost() override { return {}; }
-  ProxyType getProxyType() override { return BasicProxy; }
-};
-
 /// Constructs a run; null when that failed, as `outcome` then tells.
-CHeadendSelection* construct(Client& client, const std::string& lastHeadend, Outcome& outcome) {
+CHeadendSelection* construct(FrugalClient& client, const std::string& lastHeadend,
+                             Outcome& outcome) {
   CHeadendSelection* selection = nullptr;
   try {
     const Exemption none(false);
@@ -159,15 +146,7 @@ CHeadendSelection* construct(Client& client, const std::string& lastHeadend, Out
 
 /// Waits until the process has no more threads than before.
 void waitForThreads(unsigned int ours, unsigned int all) {
-  const auto limit = std::chrono::steady_clock::now() + SettleLimit;
-  while ((CThread::RunningCount() > ours || threadCount() > all) &&
-         std::chrono::steady_clock::now() < limit) {
-    std::this_thread::sleep_for(PollInterval);
-  }
-}
-
-bool isTheProfiles(const SelectionFiles::Selection& selection) {
-  return selection.entry.GetKnownHeadends().find(headendNames.back() + ";") != std::string::npos;
+  eventually([=] { return CThread::RunningCount() <= ours && threadCount() <= all; });
 }
 
 unsigned int countEntries(const char* path) {
@@ -179,104 +158,47 @@ unsigned int countEntries(const char* path) {
   return count;
 }
 
-/// Waits for the gateways to say that they listen, and for their addresses.
-std::vector<std::string> readAddresses(const std::string& outputFile) {
-  const auto limit = std::chrono::steady_clock::now() + SettleLimit;
-  while (std::chrono::steady_clock::now() < limit) {
-    std::istringstream output(readFile(outputFile));
-    std::vector<std::string> addresses;
-    std::string word;
-    while (output >> word && word != "ready") {
-      if (word == "gateway" && output >> word) {
-        addresses.push_back(word);
-      }
-    }
-    if (word == "ready") {
-      return addresses;
-    }
-    std::this_thread::sleep_for(PollInterval);
-  }
-  throw std::runtime_error("the gateways do not start: " + readFile(outputFile));
-}
-
 }  // namespace
 
-Host::Host() : m_down(KnownAddress) {
-  StartGateways();
-  WriteConfiguration();
-  m_options.sources.profileDirectory = m_directory.File("profiles");
-  m_options.sources.userPreferencesFile = m_directory.File("preferences.xml");
-  m_options.sources.cacheDirectory = CacheDirectory();
-  m_options.log.file = m_directory.File("selection.log");
+// Two probes, so that a worker that loses one still has a sample. The times are for machines that
+// do other things besides.
+DisturbedHost::DisturbedHost()
+    : m_host({{"SelectionPingsPerHeadend", "2"},
+              {"SelectionConnectTimeout", "40000"},
+              {"SelectionPingTimeout", "10000"},
+              {"SelectionTestPingTimeout", "10"}}) {
+  HttpProbe::SetTrustFile("");  // a certificate that is not trusted is an answer too
+  std::ranges::copy(m_gateways.Addresses(), headendNames.begin());
+  headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
   watchForDeath();
 }
 
-Host::~Host() = default;
+std::string DisturbedHost::Log() const { return readFile(m_host.LogFile()); }
 
-void Host::StartGateways() {
-  const std::string output = m_directory.File("gateways.txt");
-  m_gateways = std::make_unique<ChildProcess>(
-      std::vector<std::string>{AHS_GATEWAYS, "--gateway", "127.0.77.1:0", "--gateway",
-                               "127.0.77.2:0", "--gateway", std::string(KnownAddress) + ":0"},
-      output, m_directory.Path());
-  const std::vector<std::string> addresses = readAddresses(output);
-  if (addresses.size() != HeadendCount) {
-    throw std::runtime_error("the gateways are not those that were asked for");
-  }
-  std::copy(addresses.begin(), addresses.end(), headendNames.begin());
-  headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
-}
-
-void Host::WriteConfiguration() {
-  m_directory.MakeDirectory("profiles");
-  m_directory.Write(
-      "profiles/laboratory.xml",
-      "<profile version=\"1\"><preferences>"
-      "<preference name=\"EnableAutomaticServerSelection\" value=\"true\"/></preferences><hosts>"
-      "<host name=\"First\" address=\"" +
-          headendNames[0] + "\"/><host name=\"Down\" address=\"" + m_down.Where().Text() +
-          "\"/><host name=\"Second\" address=\"" + headendNames[1] + "\"/><host name=\"" +
-          LastHeadendName + "\" address=\"" + headendNames[2] + "\"/></hosts></profile>");
-  // Two probes, so that a worker that loses one still has a sample. The times are for machines that
-  // do other things besides.
-  m_directory.Write("preferences.xml",
-                    "<preferences version=\"1\">"
-                    "<preference name=\"SelectionPingsPerHeadend\" value=\"2\"/>"
-                    "<preference name=\"SelectionConnectTimeout\" value=\"40000\"/>"
-                    "<preference name=\"SelectionPingTimeout\" value=\"10000\"/>"
-                    "<preference name=\"SelectionTestPingTimeout\" value=\"10\"/>"
-                    "</preferences>");
-}
-
-std::string Host::Log() const { return readFile(m_options.log.file); }
-
-STATUSCODE Host::Start() {
-  std::filesystem::remove(m_options.log.file);
+void DisturbedHost::Start() {
+  std::filesystem::remove(m_host.LogFile());
   m_ourThreads = CThread::RunningCount();
   m_allThreads = threadCount();
-  STATUSCODE status = -1;
-  m_library = std::make_unique<CClientLibrary>(m_options, status);
-  return status;
+  m_host.BringUp({headendNames[0], m_down.Where().Text(), headendNames[1], headendNames[2]});
 }
 
-void Host::Stop() {
-  m_library.reset();
+void DisturbedHost::Stop() {
+  m_host.TakeDown();
   waitForThreads(m_ourThreads, m_allThreads);
 }
 
-Outcome Host::Select(const Fault& fault, Probing probing) {
+Outcome DisturbedHost::Select(const Fault& fault, Probing probing) {
   const Exemption own;
-  static const std::string lastHeadend = LastHeadendName;
   const unsigned int ourThreads = CThread::RunningCount();
   const unsigned int allThreads = threadCount();
   Outcome outcome;
-  Client client;
+  FrugalClient client;
   describe(fault);
   ::alarm(PatienceSeconds);
   arm(fault);
-  if (CHeadendSelection* const selection = construct(client, lastHeadend, outcome)) {
+  if (CHeadendSelection* const selection = construct(client, headendNames.back(), outcome)) {
     if (probing == Probing::Secure) {
-      selection->SetProxy(new SecureProvider);
+      selection->SetProxy(new ProviderWithoutProxy);
     }
     std::thread([selection] { selection->run(); }).join();
     waitForThreads(ourThreads, allThreads);
@@ -287,45 +209,32 @@ Outcome Host::Select(const Fault& fault, Probing probing) {
   return outcome;
 }
 
-void Host::ResetCache() const {
-  m_directory.MakeDirectory("state");
-  m_directory.Write("state/selection-1.xml",
-                    "<selection place=\"nameserver 192.0.2.1\" stored=\"" +
-                        std::to_string(std::time(nullptr)) + "\"><candidate name=\"" + OtherName +
-                        "\"/><result name=\"" + OtherName + "\" rtt=\"7\"/></selection>");
-  for (const auto& item : std::filesystem::directory_iterator(CacheDirectory())) {
+void DisturbedHost::ResetCache() const {
+  std::filesystem::create_directory(m_host.CacheDirectory());
+  std::filesystem::permissions(m_host.CacheDirectory(), std::filesystem::perms::owner_all);
+  for (const auto& item : std::filesystem::directory_iterator(m_host.CacheDirectory())) {
     std::string text = readFile(item.path());
-    if (text.find(OtherName) == std::string::npos) {
-      const std::size_t stamp = text.find("stored=\"") + std::strlen("stored=\"");
-      text.replace(stamp, text.find('"', stamp) - stamp, "1");
-      m_directory.Write("state/" + item.path().filename().string(), text);
-    }
+    const std::size_t stamp = text.find("stored=\"") + std::strlen("stored=\"");
+    text.replace(stamp, text.find('"', stamp) - stamp, "1");
+    std::ofstream(item.path(), std::ios::trunc) << text;
   }
 }
 
-void Host::RemoveCacheDirectory() const { std::filesystem::remove_all(CacheDirectory()); }
+void DisturbedHost::RemoveCacheDirectory() const {
+  std::filesystem::remove_all(m_host.CacheDirectory());
+}
 
-bool Host::IsStored() const {
+bool DisturbedHost::IsStored() const {
   std::string problem;
   return std::ranges::any_of(
-      SelectionFiles::list(CacheDirectory(), problem), [](const auto& selection) {
-        return isTheProfiles(selection) && selection.entry.GetTimestamp() > 1;
-      });
+      SelectionFiles::list(m_host.CacheDirectory(), problem),
+      [](const auto& selection) { return selection.entry.GetTimestamp() > 1; });
 }
 
-std::string Host::FindCacheFlaw() const {
+std::string DisturbedHost::FindCacheFlaw() const {
   std::string flaw;
-  const auto selections = SelectionFiles::list(CacheDirectory(), flaw);
-  const auto others = std::ranges::count_if(selections, [](const auto& selection) {
-    return selection.entry.GetKnownHeadends() == std::string(OtherName) + ";";
-  });
-  if (others != 1) {
-    flaw += " the other selection is missing;";
-  }
-  if (others + std::ranges::count_if(selections, isTheProfiles) != std::ssize(selections)) {
-    flaw += " there are strange selections;";
-  }
-  const std::filesystem::directory_iterator files(CacheDirectory());
+  const auto selections = SelectionFiles::list(m_host.CacheDirectory(), flaw);
+  const std::filesystem::directory_iterator files(m_host.CacheDirectory());
   if (std::distance(begin(files), end(files)) != std::ssize(selections)) {
     flaw += " there are other files;";
   }

@@ -5,10 +5,8 @@
 #include <vector>
 
 #include "tests/faults/Injection.h"
-#include "tests/support/ChildProcess.h"
+#include "tests/host/HostScene.h"
 #include "tests/support/LoopbackSockets.h"
-#include "tests/support/TemporaryDirectory.h"
-#include "vpn/Api/ClientLibrary.h"
 #include "vpn/include/StatusCode.h"
 
 namespace tests {
@@ -30,23 +28,20 @@ struct Outcome {
   Seen seen;
 };
 
-/// A process that selects: gateways of its own on the loopback interface, one of them known by a
-/// name, and one more that is down; a profile and preferences for them, a log file, a cache.
+/// A process that selects: gateways on the loopback interface, one of them known by a name, and one
+/// more that is down; preferences, a log file, a cache.
 /// Used by one thread, which is exempt from faults.
 ///
 /// A selection that does not end, and a process that dies in one, say which fault was at work.
-class Host {
+class DisturbedHost {
  public:
   /// Headends that answer.
   static constexpr unsigned int HeadendCount = 3;
 
-  Host();
-  ~Host();
-  Host(const Host&) = delete;
-  Host& operator=(const Host&) = delete;
+  DisturbedHost();
 
-  /// Brings the client library up, with a new log. @return its status.
-  STATUSCODE Start();
+  /// Brings the client library up, with a new log.
+  void Start();
   /// Takes it down and waits until its threads are gone.
   void Stop();
 
@@ -57,28 +52,20 @@ class Host {
   /// left. No block of memory that it takes for itself is left either.
   Outcome Select(const Fault& fault, Probing probing);
 
-  /// Puts the cache back to what it was: one selection, which is not that of the profile, and an
-  /// expired one that is, once it has been selected.
+  /// Makes its directory, and what has been selected expire.
   void ResetCache() const;
   /// Takes away the directory of the cache.
   void RemoveCacheDirectory() const;
 
-  /// Whether the profile's selection is in the cache.
+  /// Whether a selection that has not expired is in the cache.
   bool IsStored() const;
-  /// What is wrong with the cache: something, unless it is what it was, or holds the profile's
-  /// selection besides.
+  /// What is wrong with the cache: a file that is no selection, or none of the cache's.
   std::string FindCacheFlaw() const;
 
  private:
-  void WriteConfiguration();
-  void StartGateways();
-  std::string CacheDirectory() const { return m_directory.File("state"); }
-
-  TemporaryDirectory m_directory;
-  std::unique_ptr<ChildProcess> m_gateways;
-  RefusingPort m_down;
-  CClientLibrary::Options m_options;
-  std::unique_ptr<CClientLibrary> m_library;
+  const GatewayProcess m_gateways{{"", "", ""}};
+  const RefusingPort m_down{KnownAddress};
+  Host m_host;
   // What there was before the library.
   unsigned int m_ourThreads = 0;
   unsigned int m_allThreads = 0;

@@ -11,26 +11,18 @@ namespace {
 
 constinit std::atomic<long> blockCount{0};
 
-void* allocate(std::size_t size, std::size_t alignment) noexcept {
-  if (tests::strikes(tests::Call::Allocate)) {
-    return nullptr;
-  }
-  const std::size_t some = size != 0 ? size : 1;
-  void* memory =
-      alignment <= __STDCPP_DEFAULT_NEW_ALIGNMENT__
-          ? std::malloc(some)
-          : std::aligned_alloc(alignment, (some + alignment - 1) / alignment * alignment);
-  if (memory != nullptr) {
-    blockCount.fetch_add(1, std::memory_order_relaxed);
-  }
-  return memory;
-}
-
 void* allocateOrThrow(std::size_t size, std::size_t alignment) {
-  void* const memory = allocate(size, alignment);
+  const std::size_t some = size != 0 ? size : 1;
+  void* memory = nullptr;
+  if (!tests::strikes(tests::Call::Allocate)) {
+    memory = alignment <= __STDCPP_DEFAULT_NEW_ALIGNMENT__
+                 ? std::malloc(some)
+                 : std::aligned_alloc(alignment, (some + alignment - 1) / alignment * alignment);
+  }
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
+  blockCount.fetch_add(1, std::memory_order_relaxed);
   return memory;
 }
 
@@ -41,61 +33,19 @@ void release(void* memory) noexcept {
   }
 }
 
-std::size_t number(std::align_val_t alignment) { return static_cast<std::size_t>(alignment); }
-
 }  // namespace
 
 long tests::liveBlocks() noexcept { return blockCount.load(std::memory_order_relaxed); }
 
-// Not inlined: the compiler would see malloc and free meet operator delete and new, and warn.
+// The other forms call these. Not inlined: the compiler would see malloc and free meet operator
+// delete and new, and warn.
 [[gnu::noinline]] void* operator new(std::size_t size) { return allocateOrThrow(size, 1); }
-[[gnu::noinline]] void* operator new[](std::size_t size) { return allocateOrThrow(size, 1); }
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return allocate(size, 1);
-}
-[[gnu::noinline]] void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return allocate(size, 1);
-}
 [[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
-  return allocateOrThrow(size, number(alignment));
+  return allocateOrThrow(size, static_cast<std::size_t>(alignment));
 }
-[[gnu::noinline]] void* operator new[](std::size_t size, std::align_val_t alignment) {
-  return allocateOrThrow(size, number(alignment));
-}
-[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment,
-                                     const std::nothrow_t&) noexcept {
-  return allocate(size, number(alignment));
-}
-[[gnu::noinline]] void* operator new[](std::size_t size, std::align_val_t alignment,
-                                       const std::nothrow_t&) noexcept {
-  return allocate(size, number(alignment));
-}
-
 [[gnu::noinline]] void operator delete(void* memory) noexcept { release(memory); }
-[[gnu::noinline]] void operator delete[](void* memory) noexcept { release(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { release(memory); }
-[[gnu::noinline]] void operator delete[](void* memory, std::size_t) noexcept { release(memory); }
-[[gnu::noinline]] void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  release(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-  release(memory);
-}
 [[gnu::noinline]] void operator delete(void* memory, std::align_val_t) noexcept { release(memory); }
-[[gnu::noinline]] void operator delete[](void* memory, std::align_val_t) noexcept {
-  release(memory);
-}
 [[gnu::noinline]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-  release(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
-  release(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::align_val_t,
-                                       const std::nothrow_t&) noexcept {
-  release(memory);
-}
-[[gnu::noinline]] void operator delete[](void* memory, std::align_val_t,
-                                         const std::nothrow_t&) noexcept {
   release(memory);
 }

@@ -44,6 +44,14 @@ mode_t modeOf(int flags, va_list arguments) {
 
 }  // namespace
 
+/// A function of the C library that fails with `failure` while calls of its kind do.
+#define FAILING(kind, failure, Result, name, parameters, arguments, ...) \
+  extern "C" Result name parameters __VA_ARGS__ {                        \
+    static auto* const real = original<Result parameters>(#name);        \
+    return strikes(kind) ? failure : real arguments;                     \
+  }                                                                      \
+  static_assert(true, "takes a semicolon")
+
 // Threads and names.
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
@@ -65,10 +73,7 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
   return strikingError();
 }
 
-extern "C" int __res_ninit(res_state state) noexcept {
-  static auto* const real = original<int(res_state)>("__res_ninit");
-  return strikes(Call::ReadResolver) ? -1 : real(state);
-}
+FAILING(Call::ReadResolver, -1, int, __res_ninit, (res_state state), (state), noexcept);
 
 // Files.
 
@@ -90,25 +95,11 @@ extern "C" int openat(int directory, const char* path, int flags, ...) {
   return strikes(Call::Open) ? -1 : real(directory, path, flags, mode);
 }
 
-extern "C" int mkostemp(char* path, int flags) {
-  static auto* const real = original<int(char*, int)>("mkostemp");
-  return strikes(Call::Open) ? -1 : real(path, flags);
-}
-
-extern "C" FILE* fopen(const char* path, const char* mode) {
-  static auto* const real = original<FILE*(const char*, const char*)>("fopen");
-  return strikes(Call::Open) ? nullptr : real(path, mode);
-}
-
-extern "C" DIR* opendir(const char* path) {
-  static auto* const real = original<DIR*(const char*)>("opendir");
-  return strikes(Call::Open) ? nullptr : real(path);
-}
-
-extern "C" ssize_t read(int descriptor, void* buffer, std::size_t size) {
-  static auto* const real = original<ssize_t(int, void*, std::size_t)>("read");
-  return strikes(Call::Read) ? -1 : real(descriptor, buffer, size);
-}
+FAILING(Call::Open, -1, int, mkostemp, (char* path, int flags), (path, flags));
+FAILING(Call::Open, nullptr, FILE*, fopen, (const char* path, const char* mode), (path, mode));
+FAILING(Call::Open, nullptr, DIR*, opendir, (const char* path), (path));
+FAILING(Call::Read, -1, ssize_t, read, (int descriptor, void* buffer, std::size_t size),
+        (descriptor, buffer, size));
 
 extern "C" ssize_t write(int descriptor, const void* data, std::size_t size) {
   static auto* const real = original<ssize_t(int, const void*, std::size_t)>("write");
@@ -127,10 +118,7 @@ extern "C" std::size_t fwrite(const void* data, std::size_t size, std::size_t co
   return isCutShort() ? real(data, size, count / 2, stream) : 0;
 }
 
-extern "C" int fflush(FILE* stream) {
-  static auto* const real = original<int(FILE*)>("fflush");
-  return strikes(Call::Flush) ? EOF : real(stream);
-}
+FAILING(Call::Flush, EOF, int, fflush, (FILE * stream), (stream));
 
 extern "C" int close(int descriptor) {
   static auto* const real = original<int(int)>("close");
@@ -150,41 +138,22 @@ extern "C" int fclose(FILE* stream) {
   return fails ? EOF : result;
 }
 
-extern "C" int rename(const char* from, const char* to) noexcept {
-  static auto* const real = original<int(const char*, const char*)>("rename");
-  return strikes(Call::Rename) ? -1 : real(from, to);
-}
-
-extern "C" int mkdir(const char* path, mode_t mode) noexcept {
-  static auto* const real = original<int(const char*, mode_t)>("mkdir");
-  return strikes(Call::MakeDirectory) ? -1 : real(path, mode);
-}
-
-extern "C" int stat(const char* path, struct stat* result) noexcept {
-  static auto* const real = original<int(const char*, struct stat*)>("stat");
-  return strikes(Call::LookAt) ? -1 : real(path, result);
-}
-
-extern "C" int fstatat(int directory, const char* path, struct stat* result, int flags) noexcept {
-  static auto* const real = original<int(int, const char*, struct stat*, int)>("fstatat");
-  return strikes(Call::LookAt) ? -1 : real(directory, path, result, flags);
-}
-
-extern "C" int lstat(const char* path, struct stat* result) noexcept {
-  static auto* const real = original<int(const char*, struct stat*)>("lstat");
-  return strikes(Call::LookAt) ? -1 : real(path, result);
-}
-
-extern "C" int fstat(int descriptor, struct stat* result) noexcept {
-  static auto* const real = original<int(int, struct stat*)>("fstat");
-  return strikes(Call::LookAt) ? -1 : real(descriptor, result);
-}
+FAILING(Call::Rename, -1, int, rename, (const char* from, const char* to), (from, to), noexcept);
+FAILING(Call::MakeDirectory, -1, int, mkdir, (const char* path, mode_t mode), (path, mode),
+        noexcept);
+FAILING(Call::LookAt, -1, int, stat, (const char* path, struct stat* result), (path, result),
+        noexcept);
+FAILING(Call::LookAt, -1, int, fstatat,
+        (int directory, const char* path, struct stat* result, int flags),
+        (directory, path, result, flags), noexcept);
+FAILING(Call::LookAt, -1, int, lstat, (const char* path, struct stat* result), (path, result),
+        noexcept);
+FAILING(Call::LookAt, -1, int, fstat, (int descriptor, struct stat* result), (descriptor, result),
+        noexcept);
 
 // The log's library asks for its file's size by this name.
-extern "C" int fstat64(int descriptor, struct stat64* result) noexcept {
-  static auto* const real = original<int(int, struct stat64*)>("fstat64");
-  return strikes(Call::LookAt) ? -1 : real(descriptor, result);
-}
+FAILING(Call::LookAt, -1, int, fstat64, (int descriptor, struct stat64* result),
+        (descriptor, result), noexcept);
 
 // Sockets.
 
@@ -197,47 +166,26 @@ extern "C" int fcntl(int descriptor, int command, ...) {
   return strikes(Call::Control) ? -1 : real(descriptor, command, argument);
 }
 
-extern "C" int socket(int domain, int type, int protocol) noexcept {
-  static auto* const real = original<int(int, int, int)>("socket");
-  return strikes(Call::Socket) ? -1 : real(domain, type, protocol);
-}
-
-extern "C" int socketpair(int domain, int type, int protocol, int* ends) noexcept {
-  static auto* const real = original<int(int, int, int, int*)>("socketpair");
-  return strikes(Call::Socket) ? -1 : real(domain, type, protocol, ends);
-}
-
-extern "C" int connect(int descriptor, const sockaddr* address, socklen_t length) {
-  static auto* const real = original<int(int, const sockaddr*, socklen_t)>("connect");
-  return strikes(Call::Connect) ? -1 : real(descriptor, address, length);
-}
-
-extern "C" int setsockopt(int descriptor, int level, int name, const void* value,
-                          socklen_t length) noexcept {
-  static auto* const real = original<int(int, int, int, const void*, socklen_t)>("setsockopt");
-  return strikes(Call::SocketOption) ? -1 : real(descriptor, level, name, value, length);
-}
-
-extern "C" int getsockopt(int descriptor, int level, int name, void* value,
-                          socklen_t* length) noexcept {
-  static auto* const real = original<int(int, int, int, void*, socklen_t*)>("getsockopt");
-  return strikes(Call::SocketOption) ? -1 : real(descriptor, level, name, value, length);
-}
-
-extern "C" int getsockname(int descriptor, sockaddr* address, socklen_t* length) noexcept {
-  static auto* const real = original<int(int, sockaddr*, socklen_t*)>("getsockname");
-  return strikes(Call::SocketName) ? -1 : real(descriptor, address, length);
-}
-
-extern "C" int getpeername(int descriptor, sockaddr* address, socklen_t* length) noexcept {
-  static auto* const real = original<int(int, sockaddr*, socklen_t*)>("getpeername");
-  return strikes(Call::SocketName) ? -1 : real(descriptor, address, length);
-}
-
-extern "C" int poll(pollfd* entries, nfds_t count, int timeout) {
-  static auto* const real = original<int(pollfd*, nfds_t, int)>("poll");
-  return strikes(Call::Poll) ? -1 : real(entries, count, timeout);
-}
+FAILING(Call::Socket, -1, int, socket, (int domain, int type, int protocol),
+        (domain, type, protocol), noexcept);
+FAILING(Call::Socket, -1, int, socketpair, (int domain, int type, int protocol, int* ends),
+        (domain, type, protocol, ends), noexcept);
+FAILING(Call::Connect, -1, int, connect,
+        (int descriptor, const sockaddr* address, socklen_t length), (descriptor, address, length));
+FAILING(Call::SocketOption, -1, int, setsockopt,
+        (int descriptor, int level, int name, const void* value, socklen_t length),
+        (descriptor, level, name, value, length), noexcept);
+FAILING(Call::SocketOption, -1, int, getsockopt,
+        (int descriptor, int level, int name, void* value, socklen_t* length),
+        (descriptor, level, name, value, length), noexcept);
+FAILING(Call::SocketName, -1, int, getsockname,
+        (int descriptor, sockaddr* address, socklen_t* length), (descriptor, address, length),
+        noexcept);
+FAILING(Call::SocketName, -1, int, getpeername,
+        (int descriptor, sockaddr* address, socklen_t* length), (descriptor, address, length),
+        noexcept);
+FAILING(Call::Poll, -1, int, poll, (pollfd * entries, nfds_t count, int timeout),
+        (entries, count, timeout));
 
 namespace {
 
@@ -257,7 +205,6 @@ extern "C" ssize_t send(int descriptor, const void* data, std::size_t size, int 
   return !isLocal(descriptor) && strikes(Call::Send) ? -1 : real(descriptor, data, size, flags);
 }
 
-extern "C" ssize_t recv(int descriptor, void* buffer, std::size_t size, int flags) {
-  static auto* const real = original<ssize_t(int, void*, std::size_t, int)>("recv");
-  return strikes(Call::Receive) ? -1 : real(descriptor, buffer, size, flags);
-}
+FAILING(Call::Receive, -1, ssize_t, recv,
+        (int descriptor, void* buffer, std::size_t size, int flags),
+        (descriptor, buffer, size, flags));

@@ -12,8 +12,8 @@
 namespace tests {
 namespace {
 
-constexpr unsigned int All = Host::HeadendCount;
-constexpr unsigned int AllButOne = Host::HeadendCount - 1;
+constexpr unsigned int All = DisturbedHost::HeadendCount;
+constexpr unsigned int AllButOne = DisturbedHost::HeadendCount - 1;
 
 Sweep once(const std::string& name, Call call, int error = 0, unsigned int least = 0,
            Probing probing = Probing::Plain) {

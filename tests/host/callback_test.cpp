@@ -130,17 +130,15 @@ TEST(EndlessCallbackOfARunThatTheTimerEnded, DoesNotHoldUpTheTimers) {
   EXPECT_TRUE(nothingIsLeft());
 }
 
-/// A client whose callback makes a further selection and waits for its end.
-class NestedRun : public testing::Test {
- protected:
-  void SelectFromWithin(const std::function<void(CHeadendSelection*)>& execute) {
+TEST(NestedRun, MayBeStartedFromWithinTheCallbackAndExecutedByIt) {
+  for (const bool isOnItsThread : {false, true}) {
     HeldGateway gateway(1000);
     Host host;
     host.BringUp({gateway.Address()});
     Client inner;
     Client outer([&] {
       host.ForgetSelections();
-      execute(makeRun(inner));
+      isOnItsThread ? makeRun(inner)->run() : executeRun(makeRun(inner));
     });
     executeRun(makeRun(outer));
     host.TakeDown();
@@ -149,14 +147,6 @@ class NestedRun : public testing::Test {
     EXPECT_EQ(inner.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
     EXPECT_TRUE(nothingIsLeft());
   }
-};
-
-TEST_F(NestedRun, MayBeStartedFromWithinTheCallback) {
-  SelectFromWithin([](CHeadendSelection* run) { executeRun(run); });
-}
-
-TEST_F(NestedRun, MayBeExecutedByTheCallbackItself) {
-  SelectFromWithin([](CHeadendSelection* run) { run->run(); });
 }
 
 /// A client whose callback takes its time, and which knows whether it was deleted meanwhile.

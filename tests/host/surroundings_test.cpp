@@ -123,25 +123,5 @@ TEST_F(PeculiarHost, FindsEverythingAsBeforeAfterSelections) {
   EXPECT_EQ(surroundings(), before) << "once it is down";
 }
 
-TEST(FilesOfTheLibrary, AreTheUsersAloneWhateverTheUmask) {
-  const mode_t before = ::umask(0);
-  const GatewayProcess gateways({""});
-  Host host;
-  host.BringUp(gateways.Addresses());
-  Client client;
-  executeRun(makeRun(client));
-  std::vector<std::string> files{host.LogFile(), host.CacheDirectory()};
-  for (const auto& item : std::filesystem::directory_iterator(host.CacheDirectory())) {
-    files.push_back(item.path());
-  }
-  EXPECT_EQ(files.size(), 3U);
-  for (const std::string& file : files) {
-    struct stat status {};
-    ASSERT_EQ(::stat(file.c_str(), &status), 0) << file;
-    EXPECT_EQ(status.st_mode & (S_IRWXG | S_IRWXO), 0U) << file;
-  }
-  ::umask(before);
-}
-
 }  // namespace
 }  // namespace tests

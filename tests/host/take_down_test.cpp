@@ -12,18 +12,6 @@ namespace {
 
 class TakingDown : public testing::Test {
  protected:
-  /// Takes the library down once the run's request number `request` waits for its answer.
-  void TakeDownAtRequest(unsigned int request, unsigned int reason) {
-    HeldGateway gateway(request);
-    m_host.BringUp({gateway.Address()});
-    std::thread run([this, reason] { makeRun(m_client, reason)->run(); });
-    EXPECT_TRUE(gateway.WaitUntilAsked());
-    m_host.TakeDown();
-    EXPECT_EQ(m_client.Status(), -1) << "the run was to be under way";
-    gateway.Release();
-    run.join();
-  }
-
   Host m_host;
   Client m_client;
 };
@@ -53,16 +41,21 @@ TEST_F(TakingDown, BeforeRunLeavesARunThatNeedsNoMeasurementItsResult) {
   EXPECT_TRUE(nothingIsLeft());
 }
 
-TEST_F(TakingDown, DuringTheTestProbeLeavesTheRunItsResult) {
-  TakeDownAtRequest(0, AtConnection);
-  EXPECT_EQ(m_client.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-  EXPECT_TRUE(nothingIsLeft());
-}
-
-TEST_F(TakingDown, WhileWorkersProbeLeavesTheRunItsResult) {
-  TakeDownAtRequest(1, AtConnection);
-  EXPECT_EQ(m_client.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-  EXPECT_TRUE(nothingIsLeft());
+TEST_F(TakingDown, DuringTheTestProbeAndWhileWorkersProbeLeavesTheRunItsResult) {
+  for (const unsigned int request : {0U, 1U}) {
+    SCOPED_TRACE("while request number " + std::to_string(request) + " waits for its answer");
+    Client client;
+    HeldGateway gateway(request);
+    m_host.BringUp({gateway.Address()});
+    std::thread run([&client] { makeRun(client)->run(); });
+    EXPECT_TRUE(gateway.WaitUntilAsked());
+    m_host.TakeDown();
+    EXPECT_EQ(client.Status(), -1) << "the run was to be under way";
+    gateway.Release();
+    run.join();
+    EXPECT_EQ(client.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
+    EXPECT_TRUE(nothingIsLeft());
+  }
 }
 
 TEST_F(TakingDown, WhileWorkersProbeLeavesTheRunItsTimer) {

@@ -11,7 +11,9 @@
 namespace tests {
 namespace {
 
-class RunsTogether : public testing::TestWithParam<std::size_t> {
+constexpr std::size_t Runs = 8;
+
+class RunsTogether : public testing::Test {
  protected:
   /// Executes the runs, each on a thread of its own, all from the same moment on.
   static void Execute(const std::vector<CHeadendSelection*>& runs) {
@@ -41,9 +43,9 @@ class RunsTogether : public testing::TestWithParam<std::size_t> {
   Host m_host;
 };
 
-TEST_P(RunsTogether, WithTheSameCandidatesEachEndInOneCallbackAndLeaveOneSelection) {
+TEST_F(RunsTogether, WithTheSameCandidatesEachEndInOneCallbackAndLeaveOneSelection) {
   const GatewayProcess gateways({"", "", ""});
-  std::vector<Client> clients(GetParam());
+  std::vector<Client> clients(Runs);
   m_host.BringUp(gateways.Addresses());
   std::vector<CHeadendSelection*> runs;
   for (Client& client : clients) {
@@ -62,10 +64,10 @@ TEST_P(RunsTogether, WithTheSameCandidatesEachEndInOneCallbackAndLeaveOneSelecti
   EXPECT_EQ(Select(gateways.Addresses()), 0);
 }
 
-TEST_P(RunsTogether, WithDifferentCandidatesLoseNoSelection) {
-  const std::vector<std::string> normal(GetParam());
+TEST_F(RunsTogether, WithDifferentCandidatesLoseNoSelection) {
+  const std::vector<std::string> normal(Runs);
   const GatewayProcess gateways(normal);
-  std::vector<Client> clients(GetParam());
+  std::vector<Client> clients(Runs);
   std::vector<CHeadendSelection*> runs;
   for (std::size_t i = 0; i < clients.size(); ++i) {
     m_host.BringUp({gateways.Addresses()[i]});
@@ -83,8 +85,6 @@ TEST_P(RunsTogether, WithDifferentCandidatesLoseNoSelection) {
     EXPECT_EQ(Select({address}), 0) << "its selection was lost";
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Host, RunsTogether, testing::Values(2, 8));
 
 }  // namespace
 }  // namespace tests

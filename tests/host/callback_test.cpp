@@ -86,21 +86,6 @@ TEST_F(EndlessCallback, HoldsUpNoOtherRun) {
   EXPECT_EQ(measured.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
 }
 
-TEST_F(EndlessCallback, DoesNotHoldUpTheTimersOfOtherRuns) {
-  const HeldGateway silent;
-  Host::Preferences hasty = Host::patient();
-  hasty["SelectionReconnectTimeout"] = "100";
-  m_host.SetPreferences(hasty, {});
-  m_host.BringUp({silent.Address()});
-  Client client;
-  std::thread run([&client] { makeRun(client, AtReconnection)->run(); });
-  EXPECT_TRUE(client.WaitForCall());
-  const_cast<HeldGateway&>(silent).Release();
-  run.join();
-
-  EXPECT_EQ(client.Status(), HEADENDSELECTION_ERROR_SELECTION_FAILURE);
-}
-
 TEST_F(EndlessCallback, DoesNotHoldUpTheTakingDownOfTheLibrary) {
   m_host.TakeDown();
   EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);

@@ -43,27 +43,6 @@ class RunsTogether : public testing::Test {
   Host m_host;
 };
 
-TEST_F(RunsTogether, WithTheSameCandidatesEachEndInOneCallbackAndLeaveOneSelection) {
-  const GatewayProcess gateways({"", "", ""});
-  std::vector<Client> clients(Runs);
-  m_host.BringUp(gateways.Addresses());
-  std::vector<CHeadendSelection*> runs;
-  for (Client& client : clients) {
-    runs.push_back(makeRun(client));
-  }
-  Execute(runs);
-  m_host.TakeDown();
-
-  for (const Client& client : clients) {
-    // Who looked after another one's end found that one's selection.
-    EXPECT_TRUE(client.Status() == 0 || client.Status() == HEADENDSELECTION_ERROR_ADDED_TO_CACHE)
-        << std::hex << client.Status();
-    EXPECT_EQ(client.Calls().at(0).headends.size(), gateways.Addresses().size());
-  }
-  EXPECT_TRUE(nothingIsLeft());
-  EXPECT_EQ(Select(gateways.Addresses()), 0);
-}
-
 TEST_F(RunsTogether, WithDifferentCandidatesLoseNoSelection) {
   const std::vector<std::string> normal(Runs);
   const GatewayProcess gateways(normal);

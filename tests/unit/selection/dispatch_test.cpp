@@ -294,15 +294,6 @@ TEST_F(Dispatch, AChallengeEndsTheMeasurementWithTheRealmWhateverTheProbesStatus
   EXPECT_EQ(seams().starts, 0);
 }
 
-TEST_F(Dispatch, AChallengeThatMeetsAnExpiredTimerStillDeletesIt) {
-  probes().answerTest(
-      {.httpStatus = 407, .headers = Challenge, .during = [&] { EXPECT_TRUE(fireTimer()); }});
-  makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), AuthProxy);
-  EXPECT_EQ(timers().live, 0);
-}
-
 TEST_F(Dispatch, AReconnectionWhoseTimerHasExpiredStopsBeforeTheFirstWorker) {
   CHeadendSelection& selection = makeFor({"gw1", "gw2"}, Reconnection);
   selection.setThreadTerminated(true);

@@ -1,6 +1,7 @@
 // A run from its first line to the client's callback: the driver's decisions one by one, and the
 // whole log of typical runs, line by line.
 
+#include <cstdio>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -290,35 +291,6 @@ TEST_F(Run, ATimeOutDuringTheProbesKeepsTheLastHeadendAndEndsTwiceInTheLog) {
   EXPECT_THAT(cache().stored(), IsEmpty());
 }
 
-TEST_F(Run, WithoutCandidatesTheClientHearsThatThereAreNone) {
-  make();
-  runToEnd();
-
-  EXPECT_THAT(
-      transcript(),
-      ElementsAre(starting("connection", ""), "selectHeadend E QIB has no hosts to process.",
-                  "run W CHeadendSelection::selectHeadend 0xFE53000D",
-                  "finishAHS I QIB in finishAHS() for first time",
-                  "finishAHS I Finished QIB thread, unable to select a host"));
-  EXPECT_EQ(client.only().status, NoHeadends);
-  EXPECT_THAT(client.only().headends, IsEmpty());
-}
-
-TEST_F(Run, WithoutACacheTheClientHearsThatThereIsNone) {
-  CHeadendSelection& selection = makeFor({"gw1:444"}, Connection, "gw1:444");
-  member<Cache>(selection)->releaseInstance();
-  member<Cache>(selection) = nullptr;
-  runToEnd();
-
-  EXPECT_THAT(transcript(), ElementsAre(starting("connection", "gw1"),
-                                        "selectHeadend E QIB cache could not be created.",
-                                        "run W CHeadendSelection::selectHeadend 0xFE53000C",
-                                        "finishAHS I QIB in finishAHS() for first time",
-                                        "finishAHS I Finished QIB thread, selected gw1:444"));
-  EXPECT_EQ(client.only().status, NoCache);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw1:444"));
-}
-
 TEST_F(Run, AnAuthenticatingProxyEndsTheRunWithItsRealm) {
   probes().answerTest({.httpStatus = 407,
                        .headers = "HTTP/1.1 407 Proxy Authentication Required\r\n"
@@ -334,21 +306,6 @@ TEST_F(Run, AnAuthenticatingProxyEndsTheRunWithItsRealm) {
   EXPECT_EQ(client.only().status, AuthProxy);
   EXPECT_THAT(client.only().headends, IsEmpty());
   EXPECT_EQ(client.only().extraInfo, "head office");
-}
-
-TEST_F(Run, AFailedMeasurementIsLoggedAndDeliveredWithTheLastHeadend) {
-  timers().hasContext = false;
-  makeFor({"gw1", "gw2"}, Reconnection, "gw2");
-  runToEnd();
-
-  EXPECT_THAT(transcript(),
-              ElementsAre(starting("reconnection", "gw2"),
-                          "startPingThreads E CInstanceSmartPtr<CExecutionContext> 0xFE8D000A",
-                          "run W CHeadendSelection::selectHeadend 0xFE8D000A",
-                          "finishAHS I QIB in finishAHS() for first time",
-                          "finishAHS I Finished QIB thread, selected gw2"));
-  EXPECT_EQ(client.only().status, NoContext);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
 }
 
 TEST_F(Run, TheTimeOutOfTheTestProbeIsDeliveredOnceWithTheFirstCandidate) {
@@ -376,6 +333,61 @@ TEST_F(Run, TheTimeOutOfTheTestProbeIsDeliveredOnceWithTheFirstCandidate) {
   EXPECT_THAT(client.only().headends, ElementsAre("gw1"));
   EXPECT_THAT(probes().workerCalls(), IsEmpty());
 }
+
+struct Refusal {
+  Texts candidates = {};
+  std::string last = {};
+  bool hasCache = true;
+  std::string line = {};
+  long status = NoHeadends;
+};
+
+class ARefusal : public Run, public testing::WithParamInterface<Row<Refusal>> {};
+
+TEST_P(ARefusal, IsToldToLogAndClientWithTheLastHeadend) {
+  const Refusal& refusal = GetParam().is;
+  timers().hasContext = false;
+  CHeadendSelection& selection = makeFor(refusal.candidates, Reconnection, refusal.last);
+  if (!refusal.hasCache) {
+    member<Cache>(selection)->releaseInstance();
+    member<Cache>(selection) = nullptr;
+  }
+  runToEnd();
+
+  char failed[64];
+  std::snprintf(failed, sizeof failed, "run W CHeadendSelection::selectHeadend 0x%lX",
+                static_cast<unsigned long>(refusal.status));
+  const std::string host = refusal.last.substr(0, refusal.last.find(':'));
+  EXPECT_THAT(transcript(), ElementsAre(starting("reconnection", host), refusal.line, failed,
+                                        "finishAHS I QIB in finishAHS() for first time",
+                                        "finishAHS I Finished QIB thread, " +
+                                            (host.empty() ? "unable to select a host"
+                                                          : "selected " + refusal.last)));
+  EXPECT_EQ(client.only().status, refusal.status);
+  EXPECT_EQ(client.only().headends, host.empty() ? Texts{} : Texts{refusal.last});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    For, ARefusal,
+    testing::ValuesIn(Rows<Refusal>{
+        {"WantOfCandidates", {.line = "selectHeadend E QIB has no hosts to process."}},
+        {"WantOfACache",
+         {.candidates = {"gw1:444"},
+          .last = "gw1:444",
+          .hasCache = false,
+          .line = "selectHeadend E QIB cache could not be created.",
+          .status = NoCache}},
+        {"WantOfATimer",
+         {.candidates = {"gw1", "gw2"},
+          .last = "gw2",
+          .line = "startPingThreads E CInstanceSmartPtr<CExecutionContext> 0xFE8D000A",
+          .status = NoContext}},
+        {"WantOfATimerAndOfALastHeadend",
+         {.candidates = {"gw1"},
+          .line = "startPingThreads E CInstanceSmartPtr<CExecutionContext> 0xFE8D000A",
+          .status = NoContext}},
+    }),
+    nameOfRow);
 
 }  // namespace
 }  // namespace tests

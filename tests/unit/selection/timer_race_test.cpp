@@ -66,26 +66,6 @@ TEST_F(TimerRace, BetweenTwoStartsHoldsTheRunUntilTheClientsCallbackHasReturned)
   EXPECT_THAT(cache().stored(), IsEmpty());
 }
 
-TEST_F(TimerRace, BetweenTwoStartsWithTheFirstResultInGivesThatResult) {
-  Gate release;
-  probes().answer("gw0", {{.rtt = 12}});
-  probes().answer("gw1", {{.rtt = 30, .during = [&] { EXPECT_TRUE(release.wait()); }}});
-  int started = 0;
-  seams().afterStart.set([&](CThread& thread) {
-    if (dynamic_cast<Worker*>(&thread) != nullptr && ++started == 2) {
-      EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for gw0"));
-      EXPECT_TRUE(fireTimer());
-    }
-  });
-  makeFor({"gw0", "gw1", "gw2"});
-  runToEnd();
-  release.open();
-
-  EXPECT_EQ(outcome().status, AddedToCache);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw0"));
-  EXPECT_THAT(probes().workerCalls("gw2"), IsEmpty());
-}
-
 TEST_F(TimerRace, WhileWorkersRunGivesTheResultsThatAreIn) {
   Gate release;
   probes().answer("fast", {{.rtt = 12}});
@@ -123,15 +103,6 @@ TEST_F(TimerRace, AfterATestProbeSlowerThanTheBudgetEndsTheRunThoughNoWorkerIsOu
   EXPECT_EQ(doubles::log().texts().back(), SecondTime);
 }
 
-TEST_F(TimerRace, AfterTheEndFindsNoTimer) {
-  makeFor({"gw1"});
-  runToEnd();
-
-  EXPECT_FALSE(fireTimer());
-  EXPECT_EQ(outcome().status, AddedToCache);
-  EXPECT_EQ(doubles::log().count("OnTimerExpired W QIB timer expired"), 0U);
-}
-
 TEST_F(TimerRace, DuringTheNormalEndIsTooLate) {
   std::thread timerThread;
   doubles::log().setHook([&](const doubles::LogLine& line) {
@@ -139,31 +110,6 @@ TEST_F(TimerRace, DuringTheNormalEndIsTooLate) {
     if (line.message == "QIB in finishAHS() for first time") {
       timerThread = std::thread([] { timers().fire(); });
       EXPECT_TRUE(doubles::log().await("OnTimerExpired W QIB timer expired"));
-    }
-  });
-  makeFor({"gw1"});
-  runToEnd();
-  ASSERT_TRUE(timerThread.joinable());
-  timerThread.join();
-
-  EXPECT_EQ(outcome().status, AddedToCache);
-  EXPECT_EQ(doubles::log().count(SecondTime), 1U);
-}
-
-TEST_F(TimerRace, DuringItsOwnEndHoldsUpTheRunAndDecides) {
-  Gate timerIsIn;
-  std::thread timerThread;
-  probes().answer("gw1", {{.rtt = 5, .during = [&] {
-                             if (!timerThread.joinable()) {
-                               timerThread = std::thread([] { timers().fire(); });
-                               EXPECT_TRUE(timerIsIn.wait());
-                             }
-                           }}});
-  doubles::log().setHook([&](const doubles::LogLine& line) {
-    if (line.function == "finishAHS" && line.message == "QIB in finishAHS() for first time") {
-      timerIsIn.open();
-      // The worker and then the run thread go on meanwhile, up to the end lock.
-      EXPECT_TRUE(doubles::log().await("Run I QIB terminating thread for gw1"));
     }
   });
   makeFor({"gw1"});

@@ -70,6 +70,12 @@ Host::Preferences Host::patient() {
           {"SelectionPingsPerHeadend", "1"},    {"ProxySettings", "none"}};
 }
 
+Host::Preferences Host::hasty(const std::string& milliseconds) {
+  Preferences preferences = patient();
+  preferences["SelectionReconnectTimeout"] = milliseconds;
+  return preferences;
+}
+
 Host::Host(const Preferences& user, const Preferences& global) { SetPreferences(user, global); }
 
 void Host::SetPreferences(const Preferences& user, const Preferences& global) {

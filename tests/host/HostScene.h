@@ -54,6 +54,8 @@ class Host {
 
   /// Limits that no test waits for, one probe a headend, and no proxy.
   static Preferences patient();
+  /// The same with so many milliseconds for a reconnection.
+  static Preferences hasty(const std::string& milliseconds);
 
   /// @param global preferences of the machine, where a proxy is named.
   explicit Host(const Preferences& user = patient(), const Preferences& global = {});

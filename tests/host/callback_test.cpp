@@ -93,9 +93,7 @@ TEST_F(EndlessCallback, DoesNotHoldUpTheTakingDownOfTheLibrary) {
 
 TEST(EndlessCallbackOfARunThatTheTimerEnded, DoesNotHoldUpTheTimers) {
   HeldGateway silent;
-  Host::Preferences hasty = Host::patient();
-  hasty["SelectionReconnectTimeout"] = "100";
-  Host host(hasty);
+  Host host(Host::hasty("100"));
   host.BringUp({silent.Address()});
   std::atomic<bool> mayReturn{false};
   Client endless([&] { eventually([&] { return mayReturn.load(); }); });
@@ -158,9 +156,7 @@ class LeisurelyClient : public ClientIfcBase {
 TEST(TheClient, MayBeDeletedAsSoonAsRunHasReturned) {
   constexpr int Rounds = 10;
   const GatewayProcess gateways({"", "delay=110"});
-  Host::Preferences hasty = Host::patient();
-  hasty["SelectionReconnectTimeout"] = "100";  // the timer and the slow gateway's worker race
-  Host host(hasty);
+  Host host(Host::hasty("100"));  // the timer and the slow gateway's worker race
   std::atomic<int> deletedTooEarly{0};
   for (int i = 0; i < Rounds; ++i) {
     host.ForgetSelections();

@@ -263,8 +263,7 @@ class Selections {
 
   void TimerFirst() {
     const GatewayProcess gateways({"", "behaviour=silent"});
-    Host::Preferences hasty = Host::patient();
-    hasty["SelectionReconnectTimeout"] = "2000";  // time enough for the one that answers
+    Host::Preferences hasty = Host::hasty("2000");  // time enough for the one that answers
     hasty["SelectionPingTimeout"] = "4000";
     m_host.SetPreferences(hasty, {});
     m_host.BringUp(gateways.Addresses());
@@ -275,9 +274,7 @@ class Selections {
   /// Its second worker is never started, and its first one outlives the run.
   void TimerBetweenTwoStarts() {
     HeldGateway gateway;
-    Host::Preferences hasty = Host::patient();
-    hasty["SelectionReconnectTimeout"] = "100";
-    m_host.SetPreferences(hasty, {});
+    m_host.SetPreferences(Host::hasty("100"), {});
     m_host.BringUp({gateway.Address(), "127.0.0.1:9"});
     const int before = moments().callback.seen;
     Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE, AtReconnection, nullptr, [before] {

@@ -61,9 +61,7 @@ TEST_F(TakingDown, DuringTheTestProbeAndWhileWorkersProbeLeavesTheRunItsResult) 
 TEST_F(TakingDown, WhileWorkersProbeLeavesTheRunItsTimer) {
   HeldGateway silent;
   HeldGateway near(1000);
-  Host::Preferences hasty = Host::patient();
-  hasty["SelectionReconnectTimeout"] = "3000";  // time enough for the one that is near
-  m_host.SetPreferences(hasty, {});
+  m_host.SetPreferences(Host::hasty("3000"), {});  // time enough for the one that is near
   m_host.BringUp({silent.Address(), near.Address()});
   std::thread run([this] { makeRun(m_client, AtReconnection)->run(); });
   EXPECT_TRUE(silent.WaitUntilAsked());

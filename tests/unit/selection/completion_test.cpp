@@ -17,9 +17,8 @@ const char SelectsNone[] = "finishAHS I Finished QIB thread, unable to select a 
 class Completion : public SelectionTest {
  protected:
   /// A run with results, ready for its end.
-  CHeadendSelection& makeWithResults(unsigned int reason = Connection,
-                                     const std::string& last = "") {
-    CHeadendSelection& selection = makeFor({"gw1", "gw2:8443"}, reason, last);
+  CHeadendSelection& makeWithResults() {
+    CHeadendSelection& selection = makeFor({"gw1", "gw2:8443"});
     member<PingResults>(selection) = entryOf({{"gw1", 30}, {"gw2:8443", 20}});
     return selection;
   }

@@ -86,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
           .measured = {{"gw-a", 40}, {"gw-b", 46}, {"gw-c", 90}},
           .list = {"gw-b", "gw-a", "gw-c"},
           .isRetained = true}},
-        {"AReconnectionLeavesALastHeadendThatIsTooFar",
+        {"AReconnectionLeavesALastHeadendThatIsTooFarAndNamesTheFirst",
          {.last = "gw-b",
           .measured = {{"gw-a", 40}, {"gw-b", 50}, {"gw-c", 90}},
           .list = {"gw-a", "gw-b", "gw-c"}}},

@@ -102,7 +102,7 @@ class Leaver : public Provider {
   std::thread::id& m_deletedBy;
 };
 
-TEST_F(Run, PassesAnUnknownReasonOnUnchangedAndIsDeletedOnItsOwnThread) {
+TEST_F(Run, WithAnUnknownReasonAndAnEmptyLastHeadendGoesOnAndIsDeletedOnItsOwnThread) {
   std::thread::id deletedBy;
   makeFor({"gw1"}, 4711).SetProxy(new Leaver(deletedBy));
   runToEnd();

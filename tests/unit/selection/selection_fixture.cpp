@@ -35,15 +35,10 @@ std::size_t Client::calls() const {
   return m_outcomes.size();
 }
 
-std::vector<Client::Outcome> Client::outcomes() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_outcomes;
-}
-
 Client::Outcome Client::only() const {
-  const std::vector<Outcome> all = outcomes();
-  EXPECT_EQ(all.size(), 1U) << "the client is called exactly once per run";
-  return all.size() == 1 ? all.front() : Outcome{};
+  const std::lock_guard<std::mutex> hold(m_lock);
+  EXPECT_EQ(m_outcomes.size(), 1U) << "the client is called exactly once per run";
+  return m_outcomes.size() == 1 ? m_outcomes.front() : Outcome{};
 }
 
 SelectionTest::SelectionTest() {

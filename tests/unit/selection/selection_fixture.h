@@ -86,7 +86,6 @@ class Client : public ClientIfcBase {
   std::size_t calls() const;
   /// How many callbacks have begun and not yet returned.
   int busy() const { return m_busy; }
-  std::vector<Outcome> outcomes() const;
   /// The one outcome; a test failure when there is none or more than one.
   Outcome only() const;
 

@@ -59,7 +59,7 @@ struct Work {
 
 class TheWork : public AWorker, public testing::WithParamInterface<Row<Work>> {};
 
-TEST_P(TheWork, IsLoggedAndReported) {
+TEST_P(TheWork, IsLoggedByHostAndReportedAndEndedWithThePort) {
   const Work& work = GetParam().is;
   doubles::clock().set(work.clock);
   probes().answer("gw1", work.answers);

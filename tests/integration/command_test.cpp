@@ -3,6 +3,7 @@
 
 #include "tests/integration/command_test.h"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace tests {
@@ -14,6 +15,12 @@ Gateway::Gateway(std::chrono::milliseconds delay, const std::string& answer)
         connection.send(answer);
         connection.drain();
       }) {}
+
+void expectLegible(const std::string& text) {
+  EXPECT_TRUE(std::ranges::none_of(text, [](char c) {
+    return (static_cast<unsigned char>(c) < ' ' && c != '\n') || c == 127;
+  })) << text;
+}
 
 CommandTest::CommandTest()
     : home(m_directory.Path()),
@@ -57,6 +64,13 @@ std::string CommandTest::host(const std::string& name, const std::string& addres
 
 Outcome CommandTest::run(const std::vector<std::string>& arguments) const {
   return Program(arguments, environment).finish();
+}
+
+nlohmann::json CommandTest::runJson(std::vector<std::string> arguments, int exitStatus) const {
+  arguments.emplace_back("--json");
+  const Outcome outcome = run(arguments);
+  EXPECT_EQ(outcome.exitStatus, exitStatus) << outcome.err;
+  return nlohmann::json::parse(outcome.out, nullptr, false);
 }
 
 }  // namespace tests

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,12 @@ constexpr std::chrono::milliseconds Far{300};
 /// What a gateway answers unless it is told otherwise.
 inline constexpr const char* Welcome =
     "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+
+/// What a proxy answers that asks for a login.
+inline constexpr const char* Challenge =
+    "HTTP/1.1 407 Proxy Authentication Required\r\n"
+    "Proxy-Authenticate: Basic realm=\"Scripted\"\r\nContent-Length: 0\r\nConnection: "
+    "close\r\n\r\n";
 
 /// A gateway on 127.0.0.1 that answers each request with the same text after a delay.
 class Gateway {
@@ -59,6 +66,9 @@ class ClosedGateway {
   RefusingPort m_port{"127.0.0.1"};
 };
 
+/// That a text of several lines holds nothing that a terminal would obey.
+void expectLegible(const std::string& text);
+
 /// A user with a home directory of his own and preferences that make delays count.
 class CommandTest : public testing::Test {
  protected:
@@ -71,6 +81,8 @@ class CommandTest : public testing::Test {
   static std::string host(const std::string& name, const std::string& address);
 
   Outcome run(const std::vector<std::string>& arguments) const;
+  /// The same with --json. @return the object, discarded if it is none.
+  nlohmann::json runJson(std::vector<std::string> arguments, int exitStatus) const;
 
  private:
   const TemporaryDirectory m_directory;

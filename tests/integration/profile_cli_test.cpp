@@ -5,58 +5,46 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "tests/integration/running_program.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/integration/command_test.h"
 
+namespace tests {
 namespace {
 
 using nlohmann::json;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-using tests::Outcome;
 
-class ProfileCommandTest : public testing::Test {
+class ProfileCommandTest : public CommandTest {
  protected:
-  ProfileCommandTest() : m_profiles(m_home.MakeDirectory(".config/ahs/profiles")) {
-    // What other tests of the umask have made on the way is this user's as well.
-    for (const char* directory : {".config", ".config/ahs"}) {
-      ::chmod(m_home.File(directory).c_str(), 0755);
-    }
+  ProfileCommandTest() {
+    std::filesystem::create_directory(m_profiles);
+    std::filesystem::remove(m_preferences);
   }
 
+  /// @return the path of the file.
   std::string writeProfile(const std::string& name, const std::string& switchAttributes,
                            const std::string& hosts) const {
     const std::string preference =
         switchAttributes.empty()
             ? ""
             : "<preference name=\"EnableAutomaticServerSelection\" " + switchAttributes + "/>";
-    return m_home.Write(".config/ahs/profiles/" + name,
-                        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<profile version=\"1\">\n"
-                        "<preferences>" +
-                            preference + "</preferences>\n<hosts>\n" + hosts +
-                            "</hosts>\n</profile>\n");
+    writeFile(".config/ahs/profiles/" + name,
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<profile version=\"1\">\n"
+              "<preferences>" +
+                  preference + "</preferences>\n<hosts>\n" + hosts + "</hosts>\n</profile>\n");
+    return m_profiles + "/" + name;
   }
 
-  Outcome run(const std::vector<std::string>& arguments) const {
-    return tests::Program(arguments, {"HOME=" + m_home.Path(), "PATH=/usr/bin:/bin"}).finish();
-  }
-
-  json runJson(std::vector<std::string> arguments, int exitStatus) const {
-    arguments.emplace_back("--json");
-    const Outcome outcome = run(arguments);
-    EXPECT_EQ(outcome.exitStatus, exitStatus) << outcome.err;
-    return json::parse(outcome.out, nullptr, false);
-  }
-
-  tests::TemporaryDirectory m_home;
-  std::string m_profiles;
+  const std::string m_profiles = home + "/.config/ahs/profiles";
+  const std::string m_preferences = home + "/.config/ahs/preferences.xml";
 };
 
 std::vector<std::string> linesOf(const std::string& text) {
@@ -67,8 +55,6 @@ std::vector<std::string> linesOf(const std::string& text) {
   }
   return lines;
 }
-
-}  // namespace
 
 TEST_F(ProfileCommandTest, CheckFindsNothingInRightFilesOfTheUsualDirectory) {
   writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n");
@@ -100,16 +86,14 @@ TEST_F(ProfileCommandTest, CheckPrintsEveryMistakeWithItsPlaceAndEndsWithOne) {
 
 TEST_F(ProfileCommandTest, CheckTakesFilesOfEitherKindAndDirectories) {
   const std::string a = writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n");
-  const std::string preferences = m_home.Write(
-      "preferences.xml",
-      "<preferences version=\"1\">\n<preference name=\"SelectionImprovment\" value=\"5\"/>\n"
-      "</preferences>\n");
-  const json result = runJson({"profile", "check", a, m_profiles, preferences}, 1);
-  EXPECT_EQ(result["schema"], 1);
+  writeFile("user.xml",
+            "<preferences version=\"1\">\n<preference name=\"SelectionImprovment\" value=\"5\"/>\n"
+            "</preferences>\n");
+  const json result = runJson({"profile", "check", a, m_profiles, home + "/user.xml"}, 1);
   EXPECT_EQ(result["files"], 3);
   EXPECT_EQ(result["hostEntries"], 2);
   ASSERT_EQ(result["problems"].size(), 1U);
-  EXPECT_EQ(result["problems"][0]["file"], preferences);
+  EXPECT_EQ(result["problems"][0]["file"], home + "/user.xml");
   EXPECT_EQ(result["problems"][0]["line"], 2);
   EXPECT_EQ(result["problems"][0]["column"], 13);
   EXPECT_THAT(result["problems"][0]["text"].get<std::string>(),
@@ -118,54 +102,25 @@ TEST_F(ProfileCommandTest, CheckTakesFilesOfEitherKindAndDirectories) {
 
 TEST_F(ProfileCommandTest, CheckWithoutAPlaceLooksAtThePreferencesAsASelectionWould) {
   writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n");
-  const std::string preferences = m_home.Write(
-      ".config/ahs/preferences.xml",
-      "<preferences version=\"1\">\n<preference name=\"SelectionImprovment\" value=\"5\"/>\n"
-      "<preference name=\"ProxyHost\" value=\"proxy\"/></preferences>");
+  EXPECT_THAT(run({"profile", "check"}).out, HasSubstr("not there: " + m_preferences));
+  writePreferences(preference("ProxyHost", "proxy"));
   const Outcome outcome = run({"profile", "check"});
   EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_THAT(outcome.out, HasSubstr(preferences + ":2:13: unknown preference"));
-  EXPECT_THAT(outcome.out, HasSubstr(preferences + ":3:1: ProxyHost has no effect in a user's"));
-  EXPECT_THAT(outcome.out, HasSubstr("looked at: " + m_profiles + ", " + preferences));
-  EXPECT_THAT(outcome.out, HasSubstr("2 files, 1 host entry, 2 mistakes\n"));
+  EXPECT_THAT(outcome.out, HasSubstr(m_preferences + ":4:3: ProxyHost has no effect in a user's"));
+  EXPECT_THAT(outcome.out, HasSubstr("looked at: " + m_profiles + ", " + m_preferences));
+  EXPECT_THAT(outcome.out, HasSubstr("2 files, 1 host entry, 1 mistake\n"));
   EXPECT_EQ(outcome.err, "");
-  EXPECT_THAT(runJson({"profile", "check"}, 1)["lookedAt"], testing::Contains(preferences));
-}
-
-TEST_F(ProfileCommandTest, CheckSaysWhichPlacesAreNotThere) {
-  writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n");
-  EXPECT_THAT(run({"profile", "check"}).out,
-              HasSubstr("not there: " + m_home.File(".config/ahs/preferences.xml")));
+  EXPECT_THAT(runJson({"profile", "check"}, 1)["lookedAt"], testing::Contains(m_preferences));
 }
 
 TEST_F(ProfileCommandTest, CheckSaysThatNoHostEntryTakesPart) {
-  m_home.Write(".config/ahs/profiles/a.xml",
-               "<profile version=\"1\"><hosts><host name=\"x\"/></hosts></profile>");
+  const std::string a = writeProfile("a.xml", "", "<host name=\"x\"/>\n");
   const Outcome whole = run({"profile", "check"});
   EXPECT_EQ(whole.exitStatus, 0);
   EXPECT_THAT(whole.err, HasSubstr("no host entry takes part in automatic selection"));
   EXPECT_THAT(run({"profile", "check", m_profiles}).err, HasSubstr("'ahs profile list' shows"));
-  EXPECT_THAT(run({"profile", "check", m_profiles + "/a.xml"}).err,
+  EXPECT_THAT(run({"profile", "check", a}).err,
               HasSubstr("set EnableAutomaticServerSelection to true"));
-}
-
-TEST_F(ProfileCommandTest, CheckOfPreferencesAloneNeedsNoProfileDirectory) {
-  std::filesystem::remove(m_profiles);
-  m_home.Write(".config/ahs/preferences.xml", "<preferences version=\"1\"/>");
-  const Outcome outcome = run({"profile", "check"});
-  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
-  EXPECT_THAT(outcome.out, HasSubstr("no mistakes\n"));
-}
-
-TEST_F(ProfileCommandTest, CheckOfAFileFindsANameThatStandsTwice) {
-  const std::string a =
-      writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n<host name=\"x\"/>\n");
-  const Outcome outcome = run({"profile", "check", a});
-  EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_EQ(outcome.out,
-            a + ":6:1: the host entry \"x\" is left out: the name belongs to the entry in " + a +
-                ":5\n1 file, 1 host entry, 1 mistake\n");
-  EXPECT_EQ(run({"profile", "check", m_profiles}).out, outcome.out);
 }
 
 TEST_F(ProfileCommandTest, CheckThatDoesNotListEveryMistakeDoesNotCallThoseListedAll) {
@@ -182,14 +137,13 @@ TEST_F(ProfileCommandTest, CheckThatDoesNotListEveryMistakeDoesNotCallThoseListe
 }
 
 TEST_F(ProfileCommandTest, TheExampleOfTheDocumentationIsAcceptedAndAllThreeTakePart) {
-  const std::string text = tests::readFile(AHS_SOURCE_DIR "/docs/profiles.md");
+  const std::string text = readFile(AHS_SOURCE_DIR "/docs/profiles.md");
   const std::string fence = "```xml\n";
   const std::size_t begin = text.find(fence) + fence.size();
   const std::size_t end = text.find("```", begin);
   ASSERT_LT(begin, end);
-  const std::string profile =
-      m_home.Write(".config/ahs/profiles/europe.xml", text.substr(begin, end - begin));
-  const Outcome check = run({"profile", "check", profile});
+  writeFile(".config/ahs/profiles/europe.xml", text.substr(begin, end - begin));
+  const Outcome check = run({"profile", "check", m_profiles + "/europe.xml"});
   EXPECT_EQ(check.exitStatus, 0);
   EXPECT_EQ(check.out, "1 file, 3 host entries, no mistakes\n");
   const Outcome list = run({"profile", "list"});
@@ -204,34 +158,12 @@ TEST_F(ProfileCommandTest, TheExampleOfTheDocumentationIsAcceptedAndAllThreeTake
   }
 }
 
-TEST_F(ProfileCommandTest, PreferencesShowWhatTurnsTheDirectionOfWritingAsItsCode) {
-  writeProfile("a\xe2\x80\xae.xml", "value=\"true\"", "");
-  m_home.Write(".config/ahs/profiles/b\xe2\x80\xae.xml",
-               "<profile version=\"1\"><preferences>\n"
-               "<preference name=\"SelectionImprovement\" value=\"10\"/></preferences></profile>");
-  const Outcome outcome = run({"preferences", "show"});
-  EXPECT_THAT(outcome.out, HasSubstr("b\\xe2\\x80\\xae.xml:2"));
-  EXPECT_THAT(outcome.out, Not(HasSubstr("\xe2\x80\xae")));
-}
-
-TEST_F(ProfileCommandTest, AHostOfTheCommandLineThatIsNoUtf8IsShownWithCodes) {
-  const Outcome outcome = run({"select", "gw\xff.example"});
-  EXPECT_EQ(outcome.exitStatus, 2);
-  EXPECT_THAT(outcome.err, HasSubstr("the host 'gw\\xff.example' cannot be used"));
-}
-
 TEST_F(ProfileCommandTest, CheckOfAPlaceThatIsNotThereIsAUsageError) {
-  const Outcome outcome = run({"profile", "check", m_home.File("none.xml")});
+  const Outcome outcome = run({"profile", "check", home + "/none.xml"});
   EXPECT_EQ(outcome.exitStatus, 2);
   EXPECT_THAT(outcome.err, HasSubstr("there is no file or directory"));
   std::filesystem::remove(m_profiles);
   EXPECT_THAT(run({"profile", "check"}).err, HasSubstr("there is no profile directory"));
-}
-
-TEST_F(ProfileCommandTest, AWrongOptionNamesTheCommandWhoseHelpTells) {
-  const Outcome outcome = run({"profile", "check", "--loud"});
-  EXPECT_EQ(outcome.exitStatus, 2);
-  EXPECT_THAT(outcome.err, HasSubstr("'ahs profile check --help'"));
 }
 
 TEST_F(ProfileCommandTest, CheckRefusesWhatAnotherUserCouldHaveWrittenUnlessToldToTrustIt) {
@@ -241,17 +173,6 @@ TEST_F(ProfileCommandTest, CheckRefusesWhatAnotherUserCouldHaveWrittenUnlessTold
   EXPECT_EQ(outcome.exitStatus, 1);
   EXPECT_THAT(outcome.out, HasSubstr("'chmod g-w " + a + "'"));
   EXPECT_EQ(run({"profile", "check", "--trust-profiles"}).exitStatus, 0);
-}
-
-TEST_F(ProfileCommandTest, SelectRefusesItTooAndSaysWhatToDo) {
-  writeProfile("a.xml", "value=\"true\"", "<host name=\"x\" address=\"127.0.0.1:1\"/>\n");
-  ASSERT_EQ(::chmod(m_profiles.c_str(), 0777), 0);
-  const Outcome outcome = run({"select", "--no-cache", "--no-proxy"});
-  EXPECT_EQ(outcome.exitStatus, 2);
-  EXPECT_THAT(outcome.err, HasSubstr("'chmod go-w " + m_profiles + "'"));
-  const Outcome trusting = run({"select", "--no-cache", "--no-proxy", "--trust-profiles"});
-  EXPECT_EQ(trusting.exitStatus, 1) << trusting.err;
-  EXPECT_THAT(trusting.err, Not(HasSubstr("chmod")));
 }
 
 TEST_F(ProfileCommandTest, ListTellsOfEveryHostEntryWhetherItTakesPartAndWhy) {
@@ -306,47 +227,38 @@ TEST_F(ProfileCommandTest, NothingOfAFileMovesTheCursor) {
 }
 
 TEST_F(ProfileCommandTest, PreferencesTellWhereEachValueComesFromAndWhatItGoesBefore) {
-  const std::string profile = m_home.Write(
-      ".config/ahs/profiles/a.xml",
-      "<profile version=\"1\"><preferences>\n"
-      "<preference name=\"SelectionImprovement\" value=\"10\"/></preferences></profile>");
-  const std::string user = m_home.Write(
-      ".config/ahs/preferences.xml",
-      "<preferences version=\"1\">\n\n<preference name=\"SelectionImprovement\" value=\"30\"/>\n"
-      "<preference name=\"SelectionClearCache\" value=\"400\"/></preferences>");
-  const Outcome outcome = run({"preferences", "show"});
+  const std::string profile = m_profiles + "/a.xml";
+  writeFile(".config/ahs/profiles/a.xml", "<profile version=\"1\"><preferences>\n" +
+                                              preference("SelectionImprovement", "10") +
+                                              "</preferences></profile>");
+  writePreferences(preference("SelectionImprovement", "30") +
+                   preference("SelectionClearCache", "400"));
+  writeFile("global.xml", "<preferences version=\"1\">\n" + preference("ProxyHost", "proxy1") +
+                              "</preferences>\n");
+  const std::vector<std::string> show = {"preferences", "show", "--global-preferences",
+                                         home + "/global.xml"};
+  const Outcome outcome = run(show);
   EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_THAT(outcome.out, testing::ContainsRegex("SelectionImprovement +\"10\" +" + profile +
-                                                  ":2 +\"30\" " + user + ":3, \"20\" default\n"));
-  EXPECT_THAT(outcome.out,
-              testing::ContainsRegex("SelectionClearCache +\"14\" +default; \"400\" in " + user +
-                                     ":4 is not allowed"));
-  EXPECT_THAT(outcome.out, testing::ContainsRegex("RoundTripTime +\"network\" +default\n"));
-  EXPECT_THAT(outcome.err, HasSubstr(user + ":4:"));
-}
+  EXPECT_THAT(outcome.out, ContainsRegex("SelectionImprovement +\"10\" +" + profile +
+                                         ":2 +\"30\" " + m_preferences + ":4, \"20\" default\n"));
+  EXPECT_THAT(outcome.out, ContainsRegex("SelectionClearCache +\"14\" +default; \"400\" in " +
+                                         m_preferences + ":5 is not allowed"));
+  EXPECT_THAT(outcome.out, ContainsRegex("SelectionTestPingTimeout +\"[0-9]+\" +default\n"));
+  EXPECT_THAT(outcome.err, HasSubstr(m_preferences + ":5:"));
 
-TEST_F(ProfileCommandTest, PreferencesForAProgramHaveEveryPlace) {
-  const std::string global = m_home.Write("global.xml",
-                                          "<preferences version=\"1\">\n<preference "
-                                          "name=\"ProxyHost\" value=\"proxy1\"/></preferences>");
-  const json result = runJson({"preferences", "show", "--global-preferences", global}, 0);
-  json proxy;
-  for (const json& preference : result["preferences"]) {
-    if (preference["name"] == "ProxyHost") {
-      proxy = preference;
-    }
-  }
+  const json result = runJson(show, 0);
   EXPECT_EQ(result["preferences"].size(), 13U);
-  EXPECT_EQ(proxy["value"], "proxy1");
-  ASSERT_EQ(proxy["settings"].size(), 2U);
-  EXPECT_EQ(proxy["settings"][0]["from"], "global");
-  EXPECT_EQ(proxy["settings"][0]["file"], global);
-  EXPECT_EQ(proxy["settings"][0]["line"], 2);
-  EXPECT_EQ(proxy["settings"][1]["from"], "default");
+  const auto proxy = std::ranges::find_if(result["preferences"], [](const json& preference) {
+    return preference["name"] == "ProxyHost";
+  });
+  ASSERT_NE(proxy, result["preferences"].end());
+  EXPECT_EQ((*proxy)["value"], "proxy1");
+  ASSERT_EQ((*proxy)["settings"].size(), 2U);
+  EXPECT_EQ((*proxy)["settings"][0]["from"], "global");
+  EXPECT_EQ((*proxy)["settings"][0]["file"], home + "/global.xml");
+  EXPECT_EQ((*proxy)["settings"][0]["line"], 2);
+  EXPECT_EQ((*proxy)["settings"][1]["from"], "default");
 }
 
-TEST_F(ProfileCommandTest, APreferencesFileThatIsNamedAndNotThereIsAUsageError) {
-  const Outcome outcome = run({"preferences", "show", "--preferences", m_home.File("none.xml")});
-  EXPECT_EQ(outcome.exitStatus, 2);
-  EXPECT_THAT(outcome.out, IsEmpty());
-}
+}  // namespace
+}  // namespace tests

@@ -15,11 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/integration/running_program.h"
-#include "tests/support/LoopbackSockets.h"
+#include "tests/integration/command_test.h"
 #include "tests/support/RealServers.h"
-#include "tests/support/ScriptedServer.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestAuthority.h"
 
 namespace tests {
@@ -30,12 +27,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-constexpr const char* Welcome = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
 constexpr const char* NoGateway = "HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\n\r\n";
-constexpr const char* Challenge =
-    "HTTP/1.1 407 Proxy Authentication Required\r\n"
-    "Proxy-Authenticate: Basic realm=\"Scripted\"\r\nContent-Length: 0\r\nConnection: "
-    "close\r\n\r\n";
 
 constexpr const char* NameQuestion = "User name (empty to give up): ";
 constexpr const char* PasswordQuestion = "Password: ";
@@ -70,21 +62,18 @@ std::string replaced(std::string text, const std::string& what, const std::strin
   return text;
 }
 
-/// A user with a home directory, a gateway with TLS, and preferences that name a proxy for all.
-class SelectProxyTest : public testing::Test {
+/// A user behind a proxy, a gateway with TLS, and preferences that name a proxy for all.
+class SelectProxyTest : public CommandTest {
  protected:
   SelectProxyTest()
       : gateway(answeringOverTls(TlsServerContext(authority.issue()), Welcome)),
-        behindProxy(answering(NoGateway, &tunnels)) {}
-
-  void SetUp() override {
-    home.MakeDirectory("home");
-    environment = {"HOME=" + home.File("home"), "TERM=dumb", "PATH=/usr/bin:/bin"};
+        behindProxy(answering(NoGateway, &tunnels)) {
+    environment[1] = "TERM=dumb";
   }
 
-  void startSquid(const std::string& realm = "Head office") {
+  void startSquid() {
     SquidProxy::Settings settings;
-    settings.realm = realm;
+    settings.realm = "Head office";
     settings.parent = behindProxy.port();
     squid = std::make_unique<SquidProxy>(settings);
     setProxy(squid->Where());
@@ -92,7 +81,7 @@ class SelectProxyTest : public testing::Test {
 
   /// Makes the machine's preferences name a proxy.
   void setProxy(const Endpoint& where) {
-    preferences = home.Write(
+    preferences = outside.Write(
         "global.xml",
         "<preferences version=\"1\">\n<preference name=\"ProxySettings\" value=\"override\"/>\n"
         "<preference name=\"ProxyHost\" value=\"" +
@@ -105,7 +94,7 @@ class SelectProxyTest : public testing::Test {
   /// The arguments of a selection that leaves its log in the home directory.
   std::vector<std::string> select(const std::vector<std::string>& more = {}) const {
     std::vector<std::string> arguments = {"select", "--log-level", "info", "--log-file",
-                                          home.File("home/log")};
+                                          home + "/log"};
     if (!preferences.empty()) {
       arguments.insert(arguments.end(), {"--global-preferences", preferences});
     }
@@ -114,9 +103,7 @@ class SelectProxyTest : public testing::Test {
     return arguments;
   }
 
-  Outcome run(const std::vector<std::string>& more) const {
-    return Program(select(more), environment).finish();
-  }
+  Outcome runSelect(const std::vector<std::string>& more) const { return run(select(more)); }
 
   /// The requests for tunnels that squid has let through; it tries by itself whether there is
   /// anybody to hand them to.
@@ -126,31 +113,28 @@ class SelectProxyTest : public testing::Test {
     return requests;
   }
 
-  std::string log() const { return readFile(home.File("home/log")); }
+  std::string log() const { return readFile(home + "/log"); }
 
-  std::string passwordFile(const std::string& password, mode_t mode = 0600) const {
-    const std::string path = home.Write("password", password + "\n");
-    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+  std::string passwordFile(const std::string& password) const {
+    const std::string path = outside.Write("password", password + "\n");
+    EXPECT_EQ(chmod(path.c_str(), 0600), 0);
     return path;
   }
 
   void expectNowhere(const std::string& secret, const Outcome& outcome) const {
     EXPECT_THAT(outcome.out, Not(HasSubstr(secret)));
     EXPECT_THAT(outcome.err, Not(HasSubstr(secret)));
-    EXPECT_THAT(allFilesBelow(home.File("home")), Not(HasSubstr(secret)));
+    EXPECT_THAT(allFilesBelow(home), Not(HasSubstr(secret)));
   }
 
-  const TemporaryDirectory home;
+  const TemporaryDirectory outside;
   const TestAuthority authority;
   RequestLog tunnels;
   ScriptedServer gateway;
   ScriptedServer behindProxy;
   std::unique_ptr<SquidProxy> squid;
   std::string preferences;
-  std::vector<std::string> environment;
 };
-
-}  // namespace
 
 // ---- The dialogue -----------------------------------------------------------------------------
 
@@ -207,69 +191,7 @@ TEST_F(SelectProxyTest, TheResultOfAProgramIsCleanWhileAPersonIsAskedAtTheTermin
   expectNowhere(Password, outcome);
 }
 
-TEST_F(SelectProxyTest, AfterThreeWrongPasswordsItGivesUp) {
-  startSquid();
-  Program program(select(), environment, Program::Terminal::All);
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    ASSERT_TRUE(program.waitForNext(NameQuestion));
-    program.type(User + "\n");
-    ASSERT_TRUE(program.waitForNext(PasswordQuestion));
-    program.type(std::string(WrongPassword) + "\n");
-    ASSERT_TRUE(program.waitForNext("The proxy does not accept this user name and password."));
-  }
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 3);
-  EXPECT_THAT(outcome.err,
-              HasSubstr("ahs: the proxy does not accept the user name and password for the realm "
-                        "'Head office', so no headend was measured."));
-  EXPECT_EQ(tunnelsOpened().size(), 0U);
-  EXPECT_EQ(gateway.accepted(), 0U);
-}
-
-TEST_F(SelectProxyTest, AnEmptyUserNameGivesUp) {
-  startSquid();
-  Program program(select(), environment, Program::Terminal::Errors);
-  ASSERT_TRUE(program.waitForNext(NameQuestion));
-  program.type("\n");
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 3);
-  EXPECT_THAT(outcome.err, HasSubstr("ahs: a proxy asks for authentication for the realm 'Head"));
-  EXPECT_THAT(outcome.out, HasSubstr("\nStatus: Nothing was measured: a proxy asks"));
-}
-
-TEST_F(SelectProxyTest, ANamedUserIsAskedForThePasswordAlone) {
-  startSquid();
-  Program program(select({"--proxy-user", User}), environment, Program::Terminal::All);
-  ASSERT_TRUE(program.waitForNext(PasswordQuestion));
-  program.type(Password + "\n");
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_THAT(outcome.err, Not(HasSubstr("User name")));
-}
-
-TEST_F(SelectProxyTest, ARealmCannotTakeOverTheTerminal) {
-  const ScriptedServer proxy(
-      answering("HTTP/1.1 407 No\r\nProxy-Authenticate: Basic realm=\"Office \xe2\x80\xae\x9b"
-                "2J\"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"));
-  setProxy({"127.0.0.1", proxy.port()});
-  Program program(select(), environment, Program::Terminal::All);
-  ASSERT_TRUE(program.waitForNext("'Office \\xe2\\x80\\xae\\x9b2J'")) << program.soFar().err;
-  program.type("\n\n");
-  EXPECT_EQ(program.finish().exitStatus, 3);
-}
-
 // ---- Signals during the dialogue --------------------------------------------------------------
-
-TEST_F(SelectProxyTest, CtrlCAtThePasswordRestoresTheTerminal) {
-  startSquid();
-  Program program(select({"--proxy-user", User}), environment, Program::Terminal::All);
-  ASSERT_TRUE(program.waitForNext(PasswordQuestion));
-  ASSERT_FALSE(program.showsWhatIsTyped());
-  program.type("half a \x03");
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 130);
-  EXPECT_THAT(outcome.err, testing::EndsWith("Password: \r\n"));
-}
 
 TEST_F(SelectProxyTest, SignalsThatEndItRestoreTheTerminal) {
   startSquid();
@@ -319,7 +241,7 @@ TEST_F(SelectProxyTest, WithoutATerminalItSaysWhichOptionsLogIn) {
   startSquid();
   for (const std::vector<std::string>& more :
        {std::vector<std::string>{}, std::vector<std::string>{"--proxy-user", User}}) {
-    const Outcome outcome = run(more);
+    const Outcome outcome = runSelect(more);
     EXPECT_EQ(outcome.exitStatus, 3);
     for (const char* text : {"for the realm 'Head office'", "--proxy-user NAME",
                              "--proxy-password-file FILE", "--proxy-password-fd N"}) {
@@ -332,7 +254,7 @@ TEST_F(SelectProxyTest, WithoutATerminalItSaysWhichOptionsLogIn) {
 TEST_F(SelectProxyTest, APasswordFileLogsInWithTheFirstRun) {
   startSquid();
   const Outcome outcome =
-      run({"--json", "--proxy-user", User, "--proxy-password-file", passwordFile(Password)});
+      runSelect({"--json", "--proxy-user", User, "--proxy-password-file", passwordFile(Password)});
   EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
   EXPECT_EQ(json::parse(outcome.out).at("reason"), 0);
   ASSERT_EQ(tunnelsOpened().size(), 1U);
@@ -356,21 +278,6 @@ TEST_F(SelectProxyTest, APasswordDescriptorLogsInWithTheFirstRun) {
   expectNowhere(Password, outcome);
 }
 
-TEST_F(SelectProxyTest, NeitherArgumentsNorEnvironmentHaveThePassword) {
-  // A proxy that keeps the program waiting while it is looked at.
-  const SilentListener proxy("127.0.0.1");
-  setProxy(proxy.Where());
-  Program program(
-      {"select", "--log-level", "info", "--global-preferences", preferences, "--proxy-user", User,
-       "--proxy-password-file", passwordFile(Password), gatewayAddress()},
-      environment);
-  ASSERT_TRUE(program.waitForError("Sending test ping"));
-  const std::string told = toldBySystem(program.pid());
-  EXPECT_THAT(told, HasSubstr(User));
-  EXPECT_THAT(told, Not(HasSubstr(Password)));
-  EXPECT_THAT(program.soFar().err, Not(HasSubstr(Password)));
-}
-
 TEST_F(SelectProxyTest, AWrongPasswordOfAFileIsNotAskedForAgain) {
   startSquid();
   Program program(
@@ -383,79 +290,32 @@ TEST_F(SelectProxyTest, AWrongPasswordOfAFileIsNotAskedForAgain) {
   expectNowhere(WrongPassword, outcome);
 }
 
-TEST_F(SelectProxyTest, APasswordFileThatOthersMayReadIsRefusedBeforeAnythingIsSent) {
-  startSquid();
-  const Outcome outcome =
-      run({"--proxy-user", User, "--proxy-password-file", passwordFile(Password, 0640)});
-  EXPECT_EQ(outcome.exitStatus, 2);
-  EXPECT_THAT(outcome.err,
-              HasSubstr("others may read or write it. Keep it to yourself: chmod 600"));
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(gateway.accepted(), 0U);
-  expectNowhere(Password, outcome);
-}
-
-TEST_F(SelectProxyTest, APasswordAmongTheArgumentsIsRefusedWithoutRepeatingIt) {
-  for (const std::vector<std::string>& more :
-       {std::vector<std::string>{"--proxy-password", Password},
-        std::vector<std::string>{"--proxy-password=" + Password},
-        std::vector<std::string>{"--proxy-user", User + ":" + Password},
-        std::vector<std::string>{"--proxy", User + ":" + Password + "@127.0.0.1:3128"},
-        std::vector<std::string>{"--proxy-user", User, "--proxy-password-fd", Password}}) {
-    const Outcome outcome = run(more);
-    EXPECT_EQ(outcome.exitStatus, 2);
-    EXPECT_THAT(outcome.err, HasSubstr("--proxy-password-"));
-    expectNowhere(Password, outcome);
-  }
-}
-
 // ---- Which proxy ------------------------------------------------------------------------------
 
-TEST_F(SelectProxyTest, AProxyOfTheCommandLineGoesBeforeThePreferences) {
+TEST_F(SelectProxyTest, TheCommandLineGoesBeforeThePreferencesAndThoseBeforeTheSystem) {
+  const ScriptedServer ofSystem(answering(Challenge));
   const ScriptedServer ofPreferences(answering(Challenge));
   const ScriptedServer ofCommandLine(answering(Challenge));
-  setProxy({"127.0.0.1", ofPreferences.port()});
-  EXPECT_EQ(run({"--proxy", "127.0.0.1:" + std::to_string(ofCommandLine.port())}).exitStatus, 3);
-  EXPECT_EQ(ofPreferences.accepted(), 0U);
-  EXPECT_EQ(ofCommandLine.accepted(), 1U);
-}
-
-TEST_F(SelectProxyTest, AProxyOfTheCommandLineMayHaveAnIpv6Address) {
-  if (!hasAddress("::1")) {
-    GTEST_SKIP() << "this machine has no ::1";
-  }
-  const ScriptedServer proxy(answering(Challenge), "::1");
-  EXPECT_EQ(run({"--proxy", "[::1]:" + std::to_string(proxy.port())}).exitStatus, 3);
-  EXPECT_EQ(proxy.accepted(), 1U);
-}
-
-TEST_F(SelectProxyTest, NoProxyGoesBeforeThePreferences) {
-  const ScriptedServer ofPreferences(answering(Challenge));
-  setProxy({"127.0.0.1", ofPreferences.port()});
-  EXPECT_EQ(run({"--no-proxy"}).exitStatus, 0);
-  EXPECT_EQ(ofPreferences.accepted(), 0U);
-}
-
-TEST_F(SelectProxyTest, NoProxyGoesBeforeTheSystemsSettings) {
-  const ScriptedServer ofSystem(answering(Challenge));
+  const std::vector<const ScriptedServer*> proxies = {&ofSystem, &ofPreferences, &ofCommandLine};
   environment.push_back("http_proxy=http://127.0.0.1:" + std::to_string(ofSystem.port()));
-  EXPECT_EQ(run({"--no-proxy"}).exitStatus, 0);
-  EXPECT_EQ(ofSystem.accepted(), 0U);
+  const auto expect = [&](const std::vector<std::string>& options, const ScriptedServer* asked) {
+    std::vector<unsigned int> before;
+    for (const ScriptedServer* proxy : proxies) {
+      before.push_back(proxy->accepted());
+    }
+    EXPECT_EQ(runSelect(options).exitStatus, asked == nullptr ? 0 : 3);
+    for (std::size_t i = 0; i < proxies.size(); ++i) {
+      EXPECT_EQ(proxies[i]->accepted() - before[i], proxies[i] == asked ? 1U : 0U) << i;
+    }
+  };
+  const std::string other = "127.0.0.1:" + std::to_string(ofCommandLine.port());
+  expect({"--no-cache"}, &ofSystem);
+  expect({"--no-cache", "--no-proxy"}, nullptr);
+  setProxy({"127.0.0.1", ofPreferences.port()});
+  expect({"--no-cache"}, &ofPreferences);
+  expect({"--no-cache", "--no-proxy"}, nullptr);
+  expect({"--no-cache", "--proxy", other}, &ofCommandLine);
 }
 
-TEST_F(SelectProxyTest, WithoutAChoiceTheSystemsProxyIsUsed) {
-  startSquid();
-  preferences.clear();
-  environment.push_back("http_proxy=http://" + squid->Address());
-  environment.push_back("https_proxy=http://" + squid->Address());
-  Program program(select(), environment, Program::Terminal::All);
-  ASSERT_TRUE(program.waitForNext("A proxy asks for a login for 'Head office'."));
-  ASSERT_TRUE(program.waitForNext(NameQuestion));
-  program.type(User + "\n");
-  ASSERT_TRUE(program.waitForNext(PasswordQuestion));
-  program.type(Password + "\n");
-  EXPECT_EQ(program.finish().exitStatus, 0);
-  EXPECT_EQ(tunnelsOpened().size(), 1U);
-}
-
+}  // namespace
 }  // namespace tests

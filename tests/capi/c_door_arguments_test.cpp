@@ -11,6 +11,7 @@
 #include <iterator>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -244,6 +245,7 @@ TEST(ErrorText, IsThatOfTheLastCallThatFailed) {
   EXPECT_THAT(second, HasSubstr("library"));
   EXPECT_EQ(ahs_free(nullptr), AHS_SUCCESS);
   EXPECT_EQ(ahs_error_text(), second) << "a call that succeeds leaves it";
+  std::thread([] { EXPECT_STREQ(ahs_error_text(), "") << "nothing has failed here"; }).join();
 }
 
 /// A structure that a later version has made longer.

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -29,24 +28,12 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
-std::string preference(const std::string& name, const std::string& value,
-                       const std::string& more = "") {
-  return "<preference name=\"" + name + "\" value=\"" + value + "\"" + more + "/>";
+std::string preference(const std::string& name, const std::string& value) {
+  return "<preference name=\"" + name + "\" value=\"" + value + "\"/>";
 }
 
 std::string preferencesFile(const std::string& preferences) {
   return "<preferences version=\"1\">" + preferences + "</preferences>";
-}
-
-/// A profile whose hosts take part.
-std::string profile(const std::string& preferences, const std::string& hosts) {
-  return "<profile version=\"1\"><preferences>" +
-         preference("EnableAutomaticServerSelection", "true") + preferences +
-         "</preferences><hosts>" + hosts + "</hosts></profile>";
-}
-
-std::string host(const std::string& name, const std::string& address) {
-  return "<host name=\"" + name + "\" address=\"" + address + "\"/>";
 }
 
 std::vector<std::string> namesOf(const Result& result) {
@@ -61,7 +48,10 @@ TEST(Headends, TakePartBesideThoseOfTheProfiles) {
   const Gateway gateway;
   const RefusingPort refuses("127.0.0.1");
   const TemporaryDirectory directory;
-  directory.Write("europe.xml", profile("", host("Zürich", gateway.Address())));
+  directory.Write("europe.xml", "<profile version=\"1\"><preferences>" +
+                                    preference("EnableAutomaticServerSelection", "true") +
+                                    "</preferences><hosts><host name=\"Zürich\" address=\"" +
+                                    gateway.Address() + "\"/></hosts></profile>");
   const std::string profiles = directory.Path();
   const std::string address = refuses.Where().Text();
   const ahs_headend headends[] = {{"Oslo", address.c_str()}, {nullptr, "http://127.0.0.1:1/x"}};
@@ -125,58 +115,20 @@ TEST(AFailure, KeepsTheHeadendUsedLast) {
   EXPECT_THAT(namesOf(result), ElementsAre(name, refuses.Where().Text()));
 }
 
-TEST(AnUnknownLastHeadend, IsNone) {
-  const Gateway gateway;
-  const Library library({gateway.Address()});
-  const Result result =
-      selectOnce(library, [](ahs_request& request) { request.last_headend = "nobody"; });
-  EXPECT_EQ(result.status, AHS_ADDED_TO_CACHE);
-  EXPECT_THAT(result.headends, ElementsAre(gateway.Address()));
-}
-
-/// A file that sets a preference, too.
-struct File {
-  const char* name;
-  std::string contents;
-  const char* ahs_options::*where;
-
-  friend void PrintTo(const File& file, std::ostream* out) { *out << file.name; }
-};
-
-class PreferencesByCode : public testing::TestWithParam<File> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    Preferences, PreferencesByCode,
-    testing::Values(
-        File{"Profiles", profile(preference("SelectionPingsPerHeadend", "2"), ""),
-             &ahs_options::profile_directory},
-        File{
-            "ProfilesThatLeaveItToTheUser",
-            profile(preference("SelectionPingsPerHeadend", "2", " user-controllable=\"true\""), ""),
-            &ahs_options::profile_directory},
-        File{"TheUsers", preferencesFile(preference("SelectionPingsPerHeadend", "2")),
-             &ahs_options::user_preferences_file},
-        File{"TheMachines", preferencesFile(preference("SelectionPingsPerHeadend", "2")),
-             &ahs_options::global_preferences_file}),
-    [](const auto& instance) { return std::string("GoBefore") + instance.param.name; });
-
-TEST_P(PreferencesByCode, GoBeforeEveryFile) {
+TEST(PreferencesByCode, GoBeforeThoseOfFiles) {
   const Gateway gateway;
   const TemporaryDirectory directory;
-  const std::string file = directory.Write("a.xml", GetParam().contents);
-  const bool isProfile = GetParam().where == &ahs_options::profile_directory;
-  const std::string path = isProfile ? directory.Path() : file;
-  const auto withFile = [&](ahs_options& options) { options.*GetParam().where = path.c_str(); };
-  const auto withFileAlone = [&](ahs_options& options) {
-    withFile(options);
-    options.preference_count = 0;
+  const std::string file =
+      directory.Write("user.xml", preferencesFile(preference("SelectionPingsPerHeadend", "2")));
+  const auto samples = [&](const Preferences& preferences, bool isByCode) {
+    const Library library({gateway.Address()}, preferences, [&](ahs_options& options) {
+      options.user_preferences_file = file.c_str();
+      options.preference_count = isByCode ? options.preference_count : 0;
+    });
+    return selectOnce(library).Of(gateway.Address()).samples.size();
   };
-  EXPECT_THAT(selectOnce(Library({gateway.Address()}, {}, withFileAlone)).candidates,
-              ElementsAre(Field(&Candidate::samples, SizeIs(2))));
-  EXPECT_THAT(
-      selectOnce(Library({gateway.Address()}, {{"SelectionPingsPerHeadend", "4"}}, withFile))
-          .candidates,
-      ElementsAre(Field(&Candidate::samples, SizeIs(4))));
+  EXPECT_EQ(samples({}, false), 2U);
+  EXPECT_EQ(samples({{"SelectionPingsPerHeadend", "4"}}, true), 4U);
 }
 
 TEST(Preferences, ThatAreNoneAreRefused) {
@@ -246,20 +198,13 @@ TEST_F(Proxy, ThatAsksEndsTheSelectionWithItsRealm) {
   EXPECT_EQ(m_gateway.CountConnections(), 0U);
 }
 
-TEST_F(Proxy, IsThatOfThePreferencesWithoutOneByCode) {
-  EXPECT_EQ(Select(nullptr, m_preferences.c_str()).status, AHS_ERROR_AUTH_PROXY_DETECTED);
-}
-
-TEST_F(Proxy, OfAnEmptyTextIsNoneWhateverThePreferencesSay) {
-  EXPECT_EQ(Select("", m_preferences.c_str()).status, AHS_ADDED_TO_CACHE);
-  EXPECT_THAT(m_requests.all(), IsEmpty());
-}
-
 TEST_F(Proxy, ByCodeGoesBeforeThatOfThePreferences) {
   Gateway other;
+  EXPECT_EQ(Select("", m_preferences.c_str()).status, AHS_ADDED_TO_CACHE) << "none";
   EXPECT_EQ(Select(other.Address().c_str(), m_preferences.c_str()).status, AHS_ADDED_TO_CACHE);
   EXPECT_THAT(m_requests.all(), IsEmpty());
   EXPECT_EQ(other.CountConnections(), 1U);
+  EXPECT_EQ(Select(nullptr, m_preferences.c_str()).status, AHS_ERROR_AUTH_PROXY_DETECTED);
 }
 
 TEST_F(Proxy, IsGivenTheUserAndThePassword) {
@@ -293,14 +238,6 @@ TEST(AProxy, ThatIsNoneIsRefused) {
   }
 }
 
-TEST(AProxy, MayBeAHostWithoutAPort) {
-  for (const char* proxy : {"127.0.0.1", "proxy.example", "[::1]", "[::1]:3128"}) {
-    EXPECT_EQ(Library({}, {}, [&](ahs_options& options) { options.proxy = proxy; }).Status(),
-              AHS_SUCCESS)
-        << proxy << ": " << ahs_error_text();
-  }
-}
-
 TEST(TheCache, IsKeptInItsDirectoryBetweenLibraries) {
   const Gateway gateway;
   const TemporaryDirectory directory;
@@ -308,12 +245,6 @@ TEST(TheCache, IsKeptInItsDirectoryBetweenLibraries) {
   const auto inPath = [&](ahs_options& options) { options.cache_directory = path.c_str(); };
   EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, inPath)).status, AHS_ADDED_TO_CACHE);
   EXPECT_EQ(selectOnce(Library({gateway.Address()}, {}, inPath)).status, AHS_SUCCESS);
-}
-
-TEST(TheCache, IsGoneWithTheLibraryWithoutADirectory) {
-  const Gateway gateway;
-  EXPECT_EQ(selectOnce(Library({gateway.Address()})).status, AHS_ADDED_TO_CACHE);
-  EXPECT_EQ(selectOnce(Library({gateway.Address()})).status, AHS_ADDED_TO_CACHE);
 }
 
 TEST(TheCache, IsGoneWithTheLastOfThoseThatShareTheLibrary) {
@@ -368,39 +299,6 @@ TEST(Problems, TellFileLineColumnAndWhatIsAllowed) {
   EXPECT_THAT(problems, Contains(AllOf(Field(&Problem::file, noFile), Field(&Problem::line, 0U),
                                        Field(&Problem::column, 0U),
                                        Field(&Problem::text, testing::Not(IsEmpty())))));
-}
-
-TEST(Problems, AreNoneOfALibraryThatFoundNone) {
-  const Library library({});
-  const ahs_problem* const* problems = reinterpret_cast<const ahs_problem* const*>(&library);
-  EXPECT_EQ(ahs_problems(library.Get(), &problems), 0U);
-  EXPECT_EQ(problems, nullptr);
-}
-
-TEST(Problems, SayThatTheDirectoryOfProfilesIsNotThere) {
-  const TemporaryDirectory directory;
-  const std::string missing = directory.File("missing");
-  const Library library({}, {},
-                        [&](ahs_options& options) { options.profile_directory = missing.c_str(); });
-  EXPECT_THAT(problemsOf(library), ElementsAre(Field(&Problem::file, missing)));
-}
-
-TEST(Problems, OfWhichThereAreManyAreAThousandAtMost) {
-  constexpr int Files = 12;
-  constexpr int MistakesOfAFile = 100;
-  const TemporaryDirectory directory;
-  std::string mistakes;
-  for (int i = 0; i < MistakesOfAFile; ++i) {
-    mistakes += "<oops/>";
-  }
-  for (int i = 0; i < Files; ++i) {
-    directory.Write(std::to_string(i) + ".xml",
-                    "<profile version=\"1\">" + mistakes + "</profile>");
-  }
-  const std::string profiles = directory.Path();
-  const Library library(
-      {}, {}, [&](ahs_options& options) { options.profile_directory = profiles.c_str(); });
-  EXPECT_THAT(problemsOf(library), SizeIs(1000));
 }
 
 }  // namespace

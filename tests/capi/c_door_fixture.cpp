@@ -167,7 +167,6 @@ Result copyOf(const ahs_result& result) {
   }
   copy.fromCache = result.from_cache != 0;
   copy.cacheAge = result.cache_age_s;
-  copy.elapsedMs = result.elapsed_ms;
   return copy;
 }
 

@@ -80,7 +80,6 @@ struct Result {
   std::vector<Candidate> candidates;
   bool fromCache = false;
   std::int64_t cacheAge = 0;
-  std::uint32_t elapsedMs = 0;
 
   /// That of a name; one without a name when there is none.
   Candidate Of(const std::string& name) const;

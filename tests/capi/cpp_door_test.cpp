@@ -10,6 +10,7 @@
 #include <ahs/ahs.hpp>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <functional>
 #include <future>
 #include <memory>
@@ -21,11 +22,9 @@
 #include <utility>
 #include <vector>
 
+#include "tests/capi/c_door_fixture.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/HeldGateway.h"
 #include "tests/support/LoopbackSockets.h"
-#include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -34,27 +33,19 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using tests::Connection;
-using tests::HeldGateway;
+using tests::Gateway;
 using tests::RefusingPort;
 using tests::ScriptedServer;
 using tests::SilentListener;
 
-/// Answers later than a round trip that counts as none.
 constexpr std::chrono::milliseconds NotAtOnce{5};
 
-class Gateway {
- public:
-  std::string Address() const { return "127.0.0.1:" + std::to_string(m_server.port()); }
-
- private:
-  ScriptedServer m_server{[](Connection& connection) {
-    connection.readHead();
-    connection.wait(NotAtOnce);
-    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-    connection.waitForPeer();
-  }};
-};
+/// Answers later than a round trip that counts as none.
+Gateway::Settings notAtOnce() {
+  Gateway::Settings settings;
+  settings.delays.assign(10, NotAtOnce);
+  return settings;
+}
 
 /// One probe a gateway, which measures until the answer, and no proxy.
 ahs::Options optionsFor(std::vector<ahs::Headend> headends) {
@@ -86,7 +77,7 @@ bool loopUntil(ahs::Library& library, const std::function<bool()>& condition) {
 std::string textOf(ahs_status status) { return ahs_status_text(status); }
 
 TEST(CppDoor, ASelectionGivesEachCandidateWithWhatWasMeasured) {
-  const Gateway gateway;
+  const Gateway gateway(notAtOnce());
   const RefusingPort closed("127.0.0.1");
   ahs::Library library(
       optionsFor({{"Nowhere", closed.Where().Text()}, {"Here", gateway.Address()}}));
@@ -115,16 +106,11 @@ TEST(CppDoor, ASelectionGivesEachCandidateWithWhatWasMeasured) {
   EXPECT_EQ(nowhere.outcome, ahs::Outcome::CannotConnect);
   EXPECT_EQ(nowhere.metric, std::nullopt);
   EXPECT_THAT(nowhere.samples, IsEmpty());
-}
 
-TEST(CppDoor, ASecondSelectionComesFromTheCacheWithItsAge) {
-  const Gateway gateway;
-  ahs::Library library(optionsFor({gateway.Address()}));
-  ASSERT_TRUE(library.select());
-  const ahs::Result result = library.select();
-  EXPECT_EQ(result.status, ahs::Success);
-  EXPECT_TRUE(result.fromCache);
-  EXPECT_NE(result.cacheAge, std::nullopt);
+  const ahs::Result again = library.select();
+  EXPECT_EQ(again.status, ahs::Success);
+  EXPECT_TRUE(again.fromCache);
+  EXPECT_NE(again.cacheAge, std::nullopt);
 }
 
 TEST(CppDoor, AFailureIsToldInASentenceWithTheHeadendUsedLast) {
@@ -151,19 +137,19 @@ TEST(CppDoor, ASelectionTellsItsClientTheResultOnce) {
 }
 
 TEST(CppDoor, AWaitEndsAtItsTimeAndMayBeRepeated) {
-  HeldGateway gateway;
+  Gateway gateway(Gateway::silent());
   ahs::Library library(optionsFor({gateway.Address()}));
   const ahs::Selection selection = library.select({}, nullptr);
   EXPECT_FALSE(selection.wait(std::chrono::milliseconds(-1)));
   EXPECT_FALSE(selection.wait(std::chrono::milliseconds(20)));
-  gateway.Release();
+  gateway.Answer(UINT_MAX);
   const std::optional<ahs::Result> result = selection.wait(std::chrono::hours(24 * 365));
   ASSERT_TRUE(result);
   EXPECT_TRUE(*result) << result->error;
 }
 
 TEST(CppDoor, ProgressTellsThatEachProbeStartsAndEndsBeforeTheResult) {
-  const Gateway gateway;
+  const Gateway gateway(notAtOnce());
   ahs::Library library(optionsFor({{"Here", gateway.Address()}}));
   std::vector<ahs::Probe> probes;
   ahs::Request request{.reason = ahs::Reason::Reconnection};  // which needs no probe for the proxy
@@ -186,21 +172,6 @@ TEST(CppDoor, ProgressTellsThatEachProbeStartsAndEndsBeforeTheResult) {
   EXPECT_EQ(end.probesEnded, 1U);
   EXPECT_EQ(end.headendsAnswered, 1U);
   EXPECT_EQ(end.headendCount, 1U);
-}
-
-TEST(CppDoor, AnotherThreadCancelsASelection) {
-  HeldGateway gateway;
-  ahs::Library library(optionsFor({gateway.Address()}));
-  std::promise<ahs::Status> told;
-  const ahs::Selection selection = library.select(
-      {}, [&](const ahs::Result& result) noexcept { told.set_value(result.status); });
-  auto waited = std::async(std::launch::async, [&] { return selection.wait(); });
-  ASSERT_TRUE(gateway.WaitUntilAsked());
-  selection.cancel();
-  const ahs::Result result = waited.get();
-  EXPECT_EQ(result.status, ahs::Cancelled);
-  EXPECT_EQ(result.error, textOf(AHS_ERROR_CANCELLED));
-  EXPECT_EQ(told.get_future().get(), ahs::Cancelled);
 }
 
 TEST(CppDoor, AProgressCallbackCancelsASelectionThatItsClientWaitsFor) {
@@ -230,14 +201,8 @@ TEST(CppDoor, WithAnOwnLoopCallbacksComeWhereItDispatches) {
               testing::AllOf(testing::SizeIs(3), testing::Each(std::this_thread::get_id())));
 }
 
-TEST(CppDoor, WithoutAnOwnLoopThereIsNothingToDispatch) {
-  ahs::Library library(optionsFor({}));
-  EXPECT_EQ(library.descriptor(), -1);
-  EXPECT_EQ(library.dispatch(), ahs::BadParameter);
-}
-
 TEST(CppDoor, ASelectionThatEndsEarlyCallsNobody) {
-  HeldGateway gateway;
+  Gateway gateway(Gateway::silent());
   std::atomic<int> calls{0};
   {
     ahs::Library library(optionsFor({gateway.Address()}));
@@ -245,7 +210,7 @@ TEST(CppDoor, ASelectionThatEndsEarlyCallsNobody) {
       const ahs::Selection selection = library.select({}, [&](const ahs::Result&) { ++calls; });
       ASSERT_TRUE(gateway.WaitUntilAsked());
     }
-    gateway.Release();
+    gateway.Answer(UINT_MAX);
     // One that ends later.
     EXPECT_TRUE(library.select());
   }
@@ -269,7 +234,7 @@ TEST(CppDoor, ACallbackMayEndItsOwnSelectionAndKeepsItsVariables) {
 }
 
 TEST(CppDoor, AMovedSelectionGoesOnAndTheOneItReplacesEnds) {
-  HeldGateway gateway;
+  Gateway gateway(Gateway::silent());
   ahs::Library library(optionsFor({gateway.Address()}));
   auto replaced = std::make_shared<int>(0);
   const std::weak_ptr<int> replacedAlive = replaced;
@@ -282,7 +247,7 @@ TEST(CppDoor, AMovedSelectionGoesOnAndTheOneItReplacesEnds) {
   EXPECT_FALSE(source);                                // NOLINT(bugprone-use-after-move)
   EXPECT_EQ(source.wait().status, ahs::BadParameter);  // NOLINT(bugprone-use-after-move)
   EXPECT_NE(source.error(), "");                       // NOLINT(bugprone-use-after-move)
-  gateway.Release();
+  gateway.Answer(UINT_MAX);
   EXPECT_TRUE(target.wait());
 }
 
@@ -293,15 +258,6 @@ TEST(CppDoor, AMovedLibraryGoesOn) {
   EXPECT_FALSE(source);                                  // NOLINT(bugprone-use-after-move)
   EXPECT_EQ(source.select().status, ahs::BadParameter);  // NOLINT(bugprone-use-after-move)
   EXPECT_TRUE(target.select());
-}
-
-TEST(CppDoor, ASelectionOutlivesItsLibrary) {
-  const Gateway gateway;
-  std::optional<ahs::Library> library(optionsFor({gateway.Address()}));
-  const ahs::Selection selection = library->select({}, nullptr);
-  EXPECT_TRUE(selection.wait());
-  library.reset();
-  EXPECT_THAT(selection.wait().headends, ElementsAre(gateway.Address()));
 }
 
 TEST(CppDoor, ALibraryThatDidNotStartSaysWhyEverywhereAndDoesNothing) {
@@ -328,35 +284,10 @@ TEST(CppDoor, ALibraryThatDidNotStartSaysWhyEverywhereAndDoesNothing) {
   EXPECT_EQ(library.dispatch(), ahs::BadParameter);
 }
 
-struct WrongOption {
-  std::string named;
-  std::function<void(ahs::Options&)> set;
-};
-
-class CppDoorOptions : public testing::TestWithParam<WrongOption> {};
-
-TEST_P(CppDoorOptions, OneThatIsWrongIsNamed) {
-  ahs::Options options = optionsFor({"gw1.example.com"});
-  GetParam().set(options);
-  const ahs::Library library(options);
-  EXPECT_EQ(library.status(), ahs::BadParameter);
-  EXPECT_THAT(library.error(), HasSubstr(GetParam().named));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, CppDoorOptions,
-    testing::Values(WrongOption{"headends[1]",
-                                [](ahs::Options& o) { o.headends.emplace_back("a b"); }},
-                    WrongOption{"SelectionImprovment",
-                                [](ahs::Options& o) {
-                                  o.preferences.push_back({"SelectionImprovment", "30"});
-                                }},
-                    WrongOption{"proxy", [](ahs::Options& o) { o.proxy = "proxy:port"; }},
-                    WrongOption{"log_level", [](ahs::Options& o) {
-                                  o.logLevel = static_cast<ahs::LogLevel>(9);
-                                }}));
-
-TEST(CppDoor, ARequestThatIsWrongStartsNothingAndIsNamed) {
+TEST(CppDoor, OptionsAndRequestsThatAreWrongStartNothingAndAreNamed) {
+  const ahs::Library wrong(optionsFor({"gw1.example.com", "a b"}));
+  EXPECT_EQ(wrong.status(), ahs::BadParameter);
+  EXPECT_THAT(wrong.error(), HasSubstr("headends[1]"));
   ahs::Library library(optionsFor({"gw1.example.com"}));
   const ahs::Selection selection =
       library.select({.sourceAddress = "nowhere"},
@@ -428,22 +359,6 @@ TEST(CppDoor, WhatACallbackThrowsStaysWithTheClient) {
   }
   EXPECT_TRUE(logged);
   EXPECT_TRUE(progressed);
-}
-
-TEST(CppDoor, ASocketCallbackSeesEachSocketOfAProbe) {
-  const Gateway gateway;
-  ahs::Library library(optionsFor({gateway.Address()}));
-  std::atomic<int> type{0};
-  ahs::Request request{.reason = ahs::Reason::Reconnection};
-  request.onSocket = [&](int socket) {
-    int found = 0;
-    socklen_t size = sizeof found;
-    getsockopt(socket, SOL_SOCKET, SO_TYPE, &found, &size);
-    type = found;
-    return true;
-  };
-  EXPECT_TRUE(library.select(request));
-  EXPECT_EQ(type, SOCK_STREAM);
 }
 
 TEST(CppDoor, ASelectionThatEndsWaitsForASocketCallbackThatRuns) {
@@ -554,7 +469,7 @@ TEST(Examples, AnEventLoopShowsProbesAndTheRanking) {
 }
 
 TEST(Examples, AnEventLoopEndsWithCtrlC) {
-  HeldGateway gateway;
+  Gateway gateway(Gateway::silent());
   Example example({AHS_EXAMPLE_EVENT_LOOP, "0", gateway.Address()});
   ASSERT_TRUE(gateway.WaitUntilAsked());
   example.Interrupt();

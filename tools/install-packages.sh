@@ -8,7 +8,7 @@ lib=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-de
 build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
 # What the benchmarks, and the short run of them that is a test, put beside ahs.
 peers=(python3 fping httping)
-test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind gdb doxygen
+test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind doxygen
   mandoc man-db zsh fish bash-completion
   clang-14 libclang-rt-14-dev debhelper lintian debootstrap abigail-tools)
 lint=("${test[@]}" clang-format-14 clang-tidy-14 shellcheck)

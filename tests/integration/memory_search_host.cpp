@@ -4,13 +4,10 @@
 // pipe does. Usage: memory_search_host PIPE DIRECTORY AUTHORITY SCHEME LEFT ADDRESS... PIPE: what
 // to read. DIRECTORY: where user.xml and global.xml are. AUTHORITY: the certificate to trust.
 // SCHEME: basic, ntlm, kerberos. LEFT: nothing, or what the program is to leave behind of the
-// password, so that the search can be seen to find it: freed, stack, static, or transport for a
-// transport that the program has initialised itself. ADDRESS: the headends.
+// password, so that the search can be seen to find it: freed, stack. ADDRESS: the headends.
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -36,8 +33,6 @@ using Secret = SecureString<std::string>;
 
 constexpr unsigned int ProxyAuthentication = 3;
 constexpr std::size_t LongestLine = 512;
-
-std::array<char, LongestLine> g_left{};
 
 /// A line without its end, read byte by byte: what comes after it is not for us yet.
 Secret readLine(int pipe) {
@@ -70,9 +65,6 @@ void leaveBehind(const std::string& where, const Secret& password) {
       memcpy(copy.data(), password.c_str(), password.length());
       touch(copy.data());
     }).join();
-  } else if (where == "static") {
-    memcpy(g_left.data(), password.c_str(), password.length());
-    touch(g_left.data());
   }
 }
 
@@ -151,13 +143,8 @@ int main(int count, char** values) {
   if (count <= FirstAddress) {
     return EXIT_FAILURE;
   }
-  // Where only a process's ancestors may look into it, the debugger is to be able to all the same.
-  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
   const std::string directory = values[2];
   const std::string left = values[5];
-  if (left == "transport") {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-  }
   HttpProbe::SetTrustFile(values[3]);
   CClientLibrary::Options options;
   options.log.file = directory + "/host.log";

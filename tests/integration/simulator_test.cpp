@@ -1,14 +1,12 @@
 // The simulator is what other tests and the benchmarks measure against, so it is measured itself:
-// what a packet waits, and that nothing of it stays behind. What its gateways do is seen by the
-// probes of hostile_gateways_test.
+// what a packet waits, that a scene that is wrong is refused, and that nothing of it stays behind.
+// What its gateways do is seen by the probes of hostile_gateways_test.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -16,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "simulator/DelayLine.h"
 #include "simulator/Scene.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
@@ -25,7 +22,6 @@
 namespace simulator {
 namespace {
 
-using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::Ge;
 using testing::HasSubstr;
@@ -33,92 +29,7 @@ using testing::Lt;
 
 constexpr int NotPermitted = 77;
 
-// --- Packets ------------------------------------------------------------------------------------
-
-/// A UDP packet between the client and the gateway.
-std::vector<unsigned char> makePacket(Direction direction) {
-  constexpr const char* gateway = "10.77.0.1";
-  std::vector<unsigned char> packet(29, 0);
-  packet[0] = 0x45;
-  packet[9] = IPPROTO_UDP;
-  const auto put = [&](std::size_t at, const char* address) {
-    const auto parsed = IpAddress::parse(address);
-    std::copy_n(parsed->bytes().begin() + 12, 4,
-                packet.begin() + static_cast<std::vector<unsigned char>::difference_type>(at));
-  };
-  const bool there = direction == Direction::ToGateways;
-  put(12, there ? "10.76.0.1" : gateway);
-  put(16, there ? gateway : "10.76.0.1");
-  return packet;
-}
-
-Scene sceneOf(const std::string& path) {
-  Scene scene;
-  scene.addLine(path);
-  return scene;
-}
-
-TEST(DelayLine, APacketWaitsHalfTheRoundTripEachWay) {
-  DelayLine line(sceneOf("path 10.77.0.1 rtt=20.5"), 1);
-  const Clock::time_point now{};
-  for (const Direction direction : {Direction::ToGateways, Direction::ToClients}) {
-    line.accept(direction, makePacket(direction), now);
-    EXPECT_EQ(line.nextDue(), now + 10250us);
-    EXPECT_FALSE(line.takeDue(now + 10249us));
-    const auto packet = line.takeDue(now + 10250us);
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->direction, direction);
-    EXPECT_EQ(packet->bytes, makePacket(direction));
-  }
-}
-
-TEST(DelayLine, JitterAddsItsMeanToTheRoundTripAndNeverShortensIt) {
-  DelayLine line(sceneOf("path 10.77.0.1 rtt=10 jitter=4"), 7);
-  constexpr int Packets = 10'000;
-  std::chrono::nanoseconds sum{0};
-  for (int i = 0; i < Packets; ++i) {
-    // Far enough apart that none waits for the one before it.
-    const Clock::time_point now{std::chrono::seconds(i)};
-    line.accept(Direction::ToGateways, makePacket(Direction::ToGateways), now);
-    ASSERT_GE(*line.nextDue(), now + 5ms);
-    sum += *line.nextDue() - now;
-    ASSERT_TRUE(line.takeDue(*line.nextDue()));
-  }
-  // 5 ms and half the jitter; the mean of so many deviates by 0.02 ms.
-  EXPECT_NEAR(static_cast<double>((sum / Packets).count()) / 1e6, 7.0, 0.1);
-}
-
-TEST(DelayLine, LossIsThatOfAPacketAndItsAnswerTogether) {
-  DelayLine line(sceneOf("path 10.77.0.1 loss=19"), 7);
-  constexpr int Packets = 10'000;
-  int answered = 0;
-  for (int i = 0; i < Packets; ++i) {
-    line.accept(Direction::ToGateways, makePacket(Direction::ToGateways), {});
-    if (!line.takeDue({})) continue;
-    line.accept(Direction::ToClients, makePacket(Direction::ToClients), {});
-    answered += line.takeDue({}) ? 1 : 0;
-  }
-  // The standard deviation is 39.
-  EXPECT_NEAR(answered, 8100, 200);
-  EXPECT_EQ(line.GetStatistics().lost, static_cast<unsigned int>(Packets - answered));
-}
-
 // --- Scenes -------------------------------------------------------------------------------------
-
-TEST(Scene, ALineMayHaveBlanksOrCommasAndAComment) {
-  Scene scene;
-  scene.addLine("path 10.77.0.1,rtt=20,loss=2.5  # to Amsterdam");
-  scene.addLine("gateway [fd77::1]:8443 delay=1.5\tbehaviour=silent\r");
-  scene.addLine("   # nothing else");
-  const Path& path = scene.paths.at(*IpAddress::parse("10.77.0.1"));
-  EXPECT_EQ(path.roundTrip, 20ms);
-  EXPECT_DOUBLE_EQ(path.loss, 0.025);
-  ASSERT_EQ(scene.gateways.size(), 1u);
-  EXPECT_EQ(scene.gateways[0].address.text(), "fd77::1");
-  EXPECT_EQ(scene.gateways[0].port, 8443);
-  EXPECT_EQ(scene.gateways[0].delay, 1500us);
-  EXPECT_EQ(scene.gateways[0].behaviour, "silent");
-}
 
 class WrongLine : public testing::TestWithParam<const char*> {};
 

@@ -51,8 +51,8 @@ TEST_F(ProbeCommandTest, AWebServerWithTlsIsToldInDetail) {
   EXPECT_THAT(outcome.out, HasSubstr("  127.0.0.1  connected in "));
   EXPECT_THAT(outcome.out, HasSubstr("; the probes went there"));
   EXPECT_THAT(outcome.out, HasSubstr("TLS (a handshake of its own after the probes): TLSv1."));
-  EXPECT_THAT(outcome.out, HasSubstr("  subject:  CN = localhost\n"));
-  EXPECT_THAT(outcome.out, HasSubstr("  issuer:   CN = Authority of a test\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("  subject:  CN = Test server\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("  issuer:   CN = Test authority\n"));
   EXPECT_THAT(outcome.out, HasSubstr("  names:    127.0.0.1, ::1, localhost\n"));
   EXPECT_THAT(outcome.out, HasSubstr("  trusted:  no: "));
   EXPECT_THAT(outcome.out, HasSubstr("  Host: " + server.Address() + "\n"));

@@ -33,30 +33,6 @@ constexpr std::chrono::milliseconds RunLimit{30000};
 
 constexpr std::chrono::milliseconds PollInterval{5};
 
-/// Both ends of a pipe, closed on exec.
-struct Pipe {
-  Pipe() {
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-      throw std::runtime_error(std::string("no pipe: ") + std::strerror(errno));
-    }
-  }
-  ~Pipe() {
-    ::close(ends[0]);
-    closeWriter();
-  }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-
-  void closeWriter() {
-    if (ends[1] >= 0) {
-      ::close(ends[1]);
-      ends[1] = -1;
-    }
-  }
-
-  int ends[2] = {-1, -1};
-};
-
 /// The child between fork and exec, where only async-signal-safe calls are allowed. Returns when it
 /// could not become the program.
 void becomeProgram(char* const* arguments, const char* outputFile, const char* directory,
@@ -109,24 +85,14 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, const std::s
   }
   arguments.push_back(nullptr);
 
-  Pipe failure;  // closed by a successful exec; otherwise it brings the reason
   const pid_t parent = ::getpid();
   m_pid = ::fork();
   if (m_pid == 0) {
     becomeProgram(arguments.data(), outputFile.c_str(), workingDirectory.c_str(), parent);
-    const int error = errno;
-    [[maybe_unused]] const ssize_t told = ::write(failure.ends[1], &error, sizeof error);
     ::_exit(127);
   }
   if (m_pid < 0) {
     throw std::runtime_error(std::string("no process: ") + std::strerror(errno));
-  }
-  failure.closeWriter();
-  int error = 0;
-  if (::read(failure.ends[0], &error, sizeof error) == static_cast<ssize_t>(sizeof error)) {
-    int status = 0;
-    ::waitpid(m_pid, &status, 0);
-    throw std::runtime_error("cannot start " + command.front() + ": " + std::strerror(error));
   }
 }
 

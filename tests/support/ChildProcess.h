@@ -22,7 +22,7 @@ class ChildProcess {
   /// @param command path of the program and its arguments.
   /// @param outputFile takes what it writes on standard output and error, appended.
   /// @param workingDirectory where it runs.
-  /// @throws std::runtime_error when it cannot be started.
+  /// A command that cannot be run ends with 127. @throws std::runtime_error without a process.
   ChildProcess(const std::vector<std::string>& command, const std::string& outputFile,
                const std::string& workingDirectory);
   ~ChildProcess();

@@ -97,10 +97,6 @@ std::string squidRules(const SquidProxy::Settings& settings) {
   return rules;
 }
 
-std::vector<std::string> haproxyCommand() {
-  return {findProgram("haproxy", "haproxy"), "-db", "-f", "haproxy.cfg"};
-}
-
 }  // namespace
 
 RealServer::RealServer(const std::string& address) : m_where(freeEndpoint(address)) {}
@@ -162,16 +158,7 @@ HaproxyServer::HaproxyServer(const TestCertificates& certificates) : RealServer(
   Directory().Write("haproxy.cfg", HaproxyDefaults + std::string("frontend headend\n  bind ") +
                                        Address() + " ssl crt " + certificates.CertificateAndKey() +
                                        "\n" + HaproxyAnswer);
-  Start(haproxyCommand());
-}
-
-SlowHaproxyServer::SlowHaproxyServer(unsigned int delayMs) : RealServer("127.0.0.1") {
-  // The wait begins when the request has been read, so that no client, however slow to ask, and no
-  // request on a kept connection sees less of it.
-  Directory().Write("haproxy.cfg", HaproxyDefaults + std::string("  timeout tarpit ") +
-                                       std::to_string(delayMs) + "ms\nfrontend headend\n  bind " +
-                                       Address() + "\n  http-request tarpit deny_status 200\n");
-  Start(haproxyCommand());
+  Start({findProgram("haproxy", "haproxy"), "-db", "-f", "haproxy.cfg"});
 }
 
 OpensslServer::OpensslServer(const TestCertificates& certificates, Mode mode)

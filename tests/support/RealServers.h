@@ -69,12 +69,6 @@ class HaproxyServer : public RealServer {
   explicit HaproxyServer(const TestCertificates& certificates);
 };
 
-/// HAProxy without TLS that lets every request wait before it answers it.
-class SlowHaproxyServer : public RealServer {
- public:
-  explicit SlowHaproxyServer(unsigned int delayMs);
-};
-
 /// `openssl s_server`; it hangs up on a plain HTTP request and serves one connection after another.
 class OpensslServer : public RealServer {
  public:

@@ -173,15 +173,6 @@ std::vector<std::string> Selection::TimerLog() const {
   return {};
 }
 
-std::vector<std::string> Selection::WorkerLog(const std::string& headend) const {
-  for (const LogLine& line : log) {
-    if (line.text == "I Run: QIB terminating thread for " + headend) {
-      return LinesOf(line.thread);
-    }
-  }
-  return {};
-}
-
 std::vector<HttpProbe::Report> Selection::ProbesOf(unsigned short port) const {
   std::vector<HttpProbe::Report> found;
   for (const HttpProbe::Report& probe : probes) {

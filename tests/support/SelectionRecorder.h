@@ -47,9 +47,6 @@ struct Selection {
   std::vector<std::string> RunLog() const;
   /// The lines of the thread that serviced the timer; empty if it did not expire.
   std::vector<std::string> TimerLog() const;
-  /// The lines of the worker of a headend ("host:port"); empty if there was none.
-  std::vector<std::string> WorkerLog(const std::string& headend) const;
-
   /// The probes of a port that its worker sent.
   std::vector<HttpProbe::Report> ProbesOf(unsigned short port) const;
 

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 
 namespace tests {
@@ -93,6 +94,18 @@ IssuedCertificate TestAuthority::issue(const Subject& subject) const {
   }
   X509_sign(x509(made), key(m_own), EVP_sha256());
   return made;
+}
+
+void TestAuthority::write(const IssuedCertificate& issued, const std::string& certificateFile,
+                          const std::string& keyFile) {
+  const std::unique_ptr<BIO, int (*)(BIO*)> certificate(BIO_new_file(certificateFile.c_str(), "w"),
+                                                        BIO_free);
+  const std::unique_ptr<BIO, int (*)(BIO*)> keys(BIO_new_file(keyFile.c_str(), "w"), BIO_free);
+  if (PEM_write_bio_X509(certificate.get(), x509(issued)) != 1 ||
+      PEM_write_bio_PrivateKey(keys.get(), key(issued), nullptr, nullptr, 0, nullptr, nullptr) !=
+          1) {
+    throw std::runtime_error("cannot write " + certificateFile);
+  }
 }
 
 }  // namespace tests

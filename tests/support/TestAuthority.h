@@ -32,6 +32,10 @@ class TestAuthority {
   IssuedCertificate issue() const { return issue(Subject()); }
   IssuedCertificate issue(const Subject& subject) const;
 
+  /// Writes a certificate and its key as PEM files.
+  static void write(const IssuedCertificate& issued, const std::string& certificateFile,
+                    const std::string& keyFile);
+
   /// A PEM file with the authority's certificate, for those who are to trust it.
   const std::string& file() const { return m_file; }
 

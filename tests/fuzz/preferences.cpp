@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/fuzz/MemoryFile.h"
 #include "tests/fuzz/problems.h"
 #include "tests/fuzz/require.h"
 #include "vpn/Api/AHS/AHSSettings.h"
@@ -18,12 +17,6 @@ using tests::textOf;
 
 // The file has no place that could be looked at.
 constexpr FileTrust::Check Trusted = FileTrust::Check::Waived;
-
-// Never freed, like all that lives until the process ends.
-const tests::MemoryFile& file() {
-  static const tests::MemoryFile& instance = *new tests::MemoryFile;
-  return instance;
-}
 
 std::string valueOf(const PreferenceInfo& preferences, PreferenceId id) {
   Preference* preference = nullptr;
@@ -40,22 +33,21 @@ void requireOnlyRightValues(const PreferenceInfo& preferences) {
   }
 }
 
-bool isRead(ProfileFile& contents, std::vector<FileProblem>& problems) {
-  return readConfigurationFile(file().Path(), ConfigurationKind::Preferences, contents, problems,
-                               Trusted);
+bool isRead(const std::string& file, ProfileFile& contents, std::vector<FileProblem>& problems) {
+  return readConfigurationFile(file, ConfigurationKind::Preferences, contents, problems, Trusted);
 }
 
 /// Reads the bytes by themselves, twice.
-PreferenceInfo requireRightFile(const std::string& text) {
+PreferenceInfo requireRightFile(const std::string& file, const std::string& text) {
   ProfileFile contents;
   ProfileFile again;
   std::vector<FileProblem> problems;
   std::vector<FileProblem> problemsAgain;
-  const bool usable = isRead(contents, problems);
+  const bool usable = isRead(file, contents, problems);
   REQUIRE(usable || !problems.empty());
-  REQUIRE(isRead(again, problemsAgain) == usable);
+  REQUIRE(isRead(file, again, problemsAgain) == usable);
   REQUIRE(tests::sameProblems(problems, problemsAgain));
-  tests::requireHelpfulProblems(problems, file().Path(), text);
+  tests::requireHelpfulProblems(problems, file, text);
   requireOnlyRightValues(contents.preferences);
   return contents.preferences;
 }
@@ -101,11 +93,11 @@ void requireSettingsWithinRange() {
 }
 
 /// The manager of the process with the file in both places.
-void requireRightManager(const PreferenceInfo& preferences) {
+void requireRightManager(const std::string& file, const PreferenceInfo& preferences) {
   PreferenceMgr::Sources sources;
   sources.trustFiles = true;
-  sources.userPreferencesFile = file().Path();
-  sources.globalPreferencesFile = file().Path();
+  sources.userPreferencesFile = file;
+  sources.globalPreferencesFile = file;
   REQUIRE(PreferenceMgr::createInstance(sources) == PREFERENCEMGR_SUCCESS);
   PreferenceMgr* const manager = PreferenceMgr::acquireInstance();
   requireSettingsWithinRange();
@@ -124,7 +116,7 @@ void requireRightManager(const PreferenceInfo& preferences) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text = textOf(data, size);
-  file().Write(text);
-  requireRightManager(requireRightFile(text));
+  const std::string& file = tests::fileOf(text);
+  requireRightManager(file, requireRightFile(file, text));
   return 0;
 }

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/fuzz/MemoryFile.h"
 #include "tests/fuzz/problems.h"
 #include "tests/fuzz/require.h"
 #include "tests/support/private_access.h"
@@ -21,21 +20,16 @@ using tests::isLegible;
 using tests::textOf;
 
 struct Reading {
+  std::string file;
   bool usable = false;
   ProfileFile profile;
   std::vector<FileProblem> problems;
 };
 
-// Never freed, like all that lives until the process ends.
-const tests::MemoryFile& file() {
-  static const tests::MemoryFile& instance = *new tests::MemoryFile;
-  return instance;
-}
-
 Reading read(const std::string& text) {
   Reading reading;
-  file().Write(text);
-  reading.usable = readConfigurationFile(file().Path(), ConfigurationKind::Profile, reading.profile,
+  reading.file = tests::fileOf(text);
+  reading.usable = readConfigurationFile(reading.file, ConfigurationKind::Profile, reading.profile,
                                          reading.problems, FileTrust::Check::Waived);
   return reading;
 }
@@ -75,7 +69,7 @@ bool sameHosts(const ProfileFile& a, const ProfileFile& b) {
 void requireManaged(const Reading& reading) {
   ProfileMgr manager;
   manager.trustFiles();
-  tests::call<tests::LoadFile>(manager, file().Path(), "profile");
+  tests::call<tests::LoadFile>(manager, reading.file, "profile");
   std::map<std::string, const ProfileFile::Host*> first;
   for (const ProfileFile::Host& host : reading.profile.hosts) {
     first.emplace(host.name, &host);
@@ -117,7 +111,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text = textOf(data, size);
   const Reading reading = read(text);
   requireUsable(reading.profile);
-  tests::requireHelpfulProblems(reading.problems, file().Path(), text);
+  tests::requireHelpfulProblems(reading.problems, reading.file, text);
   REQUIRE(reading.usable || !reading.problems.empty());
   REQUIRE(reading.usable || reading.profile.hosts.empty());
   requireManaged(reading);

@@ -283,36 +283,6 @@ TEST(StructuresOfALaterVersion, AreTakenUnlessTheyAskForWhatIsNotKnown) {
   ahs_stop(library);
 }
 
-/// Size of a structure as the first version has it, which ends with this member.
-template <class Structure, class Member>
-constexpr std::size_t sizeUpTo(std::size_t offset) {
-  const std::size_t end = offset + sizeof(Member);
-  return (end + alignof(Structure) - 1) / alignof(Structure) * alignof(Structure);
-}
-
-TEST(StructuresOfTheFirstVersion, AreTakenAndNoneThatIsShorter) {
-  constexpr std::size_t OptionsSize =
-      sizeUpTo<ahs_options, decltype(ahs_options::log_context)>(offsetof(ahs_options, log_context));
-  constexpr std::size_t RequestSize =
-      sizeUpTo<ahs_request, decltype(ahs_request::progress_context)>(
-          offsetof(ahs_request, progress_context));
-  ahs_options options = AHS_OPTIONS_INIT;
-  ahs_request request = AHS_REQUEST_INIT;
-  ahs_library* library = nullptr;
-  ahs_selection* selection = nullptr;
-  options.size = OptionsSize - 1;
-  EXPECT_EQ(ahs_start(&options, &library), AHS_ERROR_BAD_PARAMETER);
-  options.size = OptionsSize;
-  ASSERT_EQ(ahs_start(&options, &library), AHS_SUCCESS);
-  request.size = RequestSize - 1;
-  EXPECT_EQ(ahs_select(library, &request, ahs_no_callback, nullptr, &selection),
-            AHS_ERROR_BAD_PARAMETER);
-  request.size = RequestSize;
-  EXPECT_EQ(ahs_select(library, &request, ahs_no_callback, nullptr, &selection), AHS_SUCCESS);
-  ahs_free(selection);
-  ahs_stop(library);
-}
-
 /// A text that is made illegible when the function that it was given to has returned.
 class Lent {
  public:

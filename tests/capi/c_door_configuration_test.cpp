@@ -68,53 +68,6 @@ TEST(Headends, TakePartBesideThoseOfTheProfiles) {
   EXPECT_THAT(result.headends, ElementsAre(gateway.Address()));
 }
 
-/// Two gateways of which the second is further away, by less than it would be left for.
-class LastHeadend : public testing::Test {
- protected:
-  static Gateway::Settings After(int delayMs) {
-    Gateway::Settings settings;
-    settings.delays = {std::chrono::milliseconds(delayMs)};
-    return settings;
-  }
-
-  Gateway m_near{After(300)};
-  Gateway m_far{After(1500)};
-};
-
-TEST_F(LastHeadend, IsKeptOnAReconnectionUnlessAnotherIsBetter) {
-  const std::string near = m_near.Address();
-  const std::string far = m_far.Address();
-  const ahs_headend headends[] = {{"Near", near.c_str()}, {"Far", far.c_str()}};
-  const Library library({}, {{"RoundTripTime", "response"}, {"SelectionImprovement", "1000"}},
-                        [&](ahs_options& options) {
-                          options.headends = headends;
-                          options.headend_count = std::size(headends);
-                        });
-  EXPECT_THAT(selectOnce(library).headends, ElementsAre(near, far));
-  const Result kept =
-      selectOnce(library, [](ahs_request& request) { request.last_headend = "FAR"; });
-  EXPECT_THAT(kept.headends, ElementsAre(far, near)) << "a name in any letter case";
-  ASSERT_THAT(kept.candidates, SizeIs(2));
-  EXPECT_EQ(kept.candidates[0].name, "Far");
-  const Result connection = selectOnce(library, [](ahs_request& request) {
-    request.reason = AHS_REASON_CONNECTION;
-    request.last_headend = "Far";
-  });
-  EXPECT_THAT(connection.headends, ElementsAre(near, far)) << "only a reconnection keeps it";
-}
-
-TEST(AFailure, KeepsTheHeadendUsedLast) {
-  const RefusingPort refuses("127.0.0.1");
-  const RefusingPort last("127.0.0.1");
-  const std::string name = last.Where().Text();
-  const Library library({refuses.Where().Text(), name});
-  const Result result =
-      selectOnce(library, [&](ahs_request& request) { request.last_headend = name.c_str(); });
-  EXPECT_EQ(result.status, AHS_ERROR_SELECTION_FAILURE);
-  EXPECT_THAT(result.headends, ElementsAre(name));
-  EXPECT_THAT(namesOf(result), ElementsAre(name, refuses.Where().Text()));
-}
-
 TEST(PreferencesByCode, GoBeforeThoseOfFiles) {
   const Gateway gateway;
   const TemporaryDirectory directory;
@@ -256,49 +209,6 @@ TEST(TheCache, IsGoneWithTheLastOfThoseThatShareTheLibrary) {
   EXPECT_EQ(selectOnce(second).status, AHS_SUCCESS);
   second.Stop();
   EXPECT_EQ(selectOnce(Library({gateway.Address()})).status, AHS_ADDED_TO_CACHE);
-}
-
-/// A problem, copied.
-struct Problem {
-  std::string file;
-  std::uint32_t line;
-  std::uint32_t column;
-  std::string text;
-};
-
-std::vector<Problem> problemsOf(const Library& library) {
-  const ahs_problem* const* problems = nullptr;
-  const std::size_t count = ahs_problems(library.Get(), &problems);
-  std::vector<Problem> copies;
-  for (std::size_t i = 0; i < count; ++i) {
-    EXPECT_EQ(problems[i]->size, sizeof *problems[i]);
-    copies.push_back(
-        {problems[i]->file, problems[i]->line, problems[i]->column, problems[i]->text});
-  }
-  return copies;
-}
-
-TEST(Problems, TellFileLineColumnAndWhatIsAllowed) {
-  const TemporaryDirectory directory;
-  directory.Write("a.xml",
-                  "<profile version=\"1\">\n  <hosts>\n    <host nmae=\"Oslo\"/>\n"
-                  "  </hosts>\n</profile>\n");
-  const std::string profiles = directory.Path();
-  // As a whole: it is no regular file.
-  const std::string noFile = directory.MakeDirectory("user.xml.d");
-  const Library library({}, {}, [&](ahs_options& options) {
-    options.profile_directory = profiles.c_str();
-    options.user_preferences_file = noFile.c_str();
-  });
-  ASSERT_EQ(library.Status(), AHS_SUCCESS) << "they are no failure";
-  const std::vector<Problem> problems = problemsOf(library);
-  EXPECT_THAT(problems,
-              Contains(AllOf(Field(&Problem::file, directory.File("a.xml")),
-                             Field(&Problem::line, 3U), Field(&Problem::column, 11U),
-                             Field(&Problem::text, AllOf(HasSubstr("nmae"), HasSubstr("name"))))));
-  EXPECT_THAT(problems, Contains(AllOf(Field(&Problem::file, noFile), Field(&Problem::line, 0U),
-                                       Field(&Problem::column, 0U),
-                                       Field(&Problem::text, testing::Not(IsEmpty())))));
 }
 
 }  // namespace

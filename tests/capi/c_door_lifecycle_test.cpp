@@ -179,22 +179,6 @@ TEST(Callbacks, MayStartASelection) {
   ahs_free(inner.selection);
 }
 
-TEST(Callbacks, ThatThrowHarmNothing) {
-  const Gateway gateway;
-  Client bad;
-  bad.atProbe = [](const ahs_probe&, ahs_selection*) { throw 4711; };
-  bad.atResult = [](ahs_selection*) { throw std::runtime_error("no"); };
-  Library library({gateway.Address()}, {}, [](ahs_options& options) {
-    options.on_log = [](const ahs_log_message*, void*) { throw 4711; };
-  });
-  const Selection selection(library, bad);
-  EXPECT_EQ(selection.Wait().status, AHS_ADDED_TO_CACHE);
-  EXPECT_TRUE(bad.WaitUntilTold());
-  EXPECT_EQ(selectOnce(library).status, AHS_SUCCESS);
-  library.Stop();
-  EXPECT_EQ(bad.Status(), AHS_ADDED_TO_CACHE);
-}
-
 TEST(Threads, MayAllUseALibraryAtOnce) {
   constexpr int Threads = 4;
   constexpr int Rounds = 20;

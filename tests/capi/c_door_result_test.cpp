@@ -166,35 +166,6 @@ TEST(Result, OfALibraryWithoutHeadendsSaysSo) {
   EXPECT_THAT(result.candidates, IsEmpty());
 }
 
-TEST(Progress, TellsTheStartAndTheEndOfEveryProbeInOrder) {
-  const Gateway gateway;
-  Client client;
-  Library library({gateway.Address()}, {{"SelectionPingsPerHeadend", "3"}});
-  const Selection selection(library, client);
-  const Result result = selection.Wait();
-  library.Stop();
-
-  const std::vector<Probe> probes = client.Probes();
-  ASSERT_THAT(probes, SizeIs(6));
-  for (std::size_t i = 0; i < probes.size(); ++i) {
-    const Probe& probe = probes[i];
-    EXPECT_EQ(probe.name, gateway.Address());
-    EXPECT_EQ(probe.headend, gateway.Address());
-    EXPECT_EQ(probe.ended, i % 2 == 1);
-    EXPECT_EQ(probe.probesStarted, i / 2 + 1);
-    EXPECT_EQ(probe.probesEnded, (i + 1) / 2);
-    EXPECT_EQ(probe.headendCount, 1U);
-    EXPECT_FALSE(probe.afterResult);
-    if (probe.ended) {
-      EXPECT_EQ(probe.outcome, std::uint32_t{AHS_OUTCOME_ANSWERED});
-      EXPECT_EQ(probe.address, "127.0.0.1");
-      EXPECT_EQ(probe.rttMs, result.candidates.at(0).samples.at(i / 2));
-    }
-  }
-  EXPECT_EQ(probes.front().headendsAnswered, 0U);
-  EXPECT_EQ(probes.back().headendsAnswered, 1U);
-}
-
 TEST(Progress, CountsTheProbesOfAllHeadends) {
   const Gateway gateways[3];
   const RefusingPort refuses("127.0.0.1");
@@ -240,30 +211,6 @@ TEST(Progress, OfTwoSelectionsAtOnceIsToldToEachItsOwn) {
     ASSERT_THAT(client.Probes(), SizeIs(4));
     EXPECT_EQ(client.Probes().back().probesEnded, 2U);
     EXPECT_THAT(client.Results().front().Of(gateway.Address()).samples, SizeIs(2));
-  }
-}
-
-TEST(Log, LeavesOutWhatMattersLessThanItsLevel) {
-  const TemporaryDirectory directory;
-  const std::string file = directory.File("ahs.log");
-  const RefusingPort refuses("127.0.0.1");
-  const Gateway gateway;
-  for (const ahs_log_level level : {AHS_LOG_ERROR, AHS_LOG_WARNING, AHS_LOG_INFO}) {
-    Log log;
-    Library library({refuses.Where().Text(), gateway.Address()}, {}, [&](ahs_options& options) {
-      log.Hear(options);
-      options.log_level = level;
-      options.log_file = file.c_str();
-    });
-    selectOnce(library);
-    library.Stop();
-    const auto isAllowed = Field(&Log::Message::level, testing::Le(std::uint32_t{level}));
-    EXPECT_THAT(log.All(), Each(AllOf(isAllowed, Field(&Log::Message::function, Not(IsEmpty())),
-                                      Field(&Log::Message::lost, 0U))));
-    const auto says = Contains(Field(&Log::Message::level, std::uint32_t{level}));
-    EXPECT_THAT(log.All(), testing::Conditional(level == AHS_LOG_ERROR, IsEmpty(), says));
-    EXPECT_EQ(readFile(file).find("couldn't connect") != std::string::npos, level != AHS_LOG_ERROR);
-    EXPECT_EQ(readFile(file).find("Selection Results") != std::string::npos, level == AHS_LOG_INFO);
   }
 }
 

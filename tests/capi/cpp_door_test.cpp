@@ -317,6 +317,7 @@ TEST(CppDoor, TheLogIsHeardFromTheLevelOnThatIsAskedFor) {
   std::vector<ahs::LogMessage> messages;
   ahs::Options options = optionsFor({});
   options.profileDirectory = directory.Path();
+  options.logFile = directory.File("ahs.log");
   options.logLevel = ahs::LogLevel::Warning;
   options.onLog = [&](const ahs::LogMessage& message) {
     const std::lock_guard lock(mutex);
@@ -330,6 +331,7 @@ TEST(CppDoor, TheLogIsHeardFromTheLevelOnThatIsAskedFor) {
               testing::Contains(testing::Field(&ahs::LogMessage::text, HasSubstr("europe.xml"))));
   EXPECT_THAT(messages,
               Not(testing::Contains(testing::Field(&ahs::LogMessage::level, ahs::LogLevel::Info))));
+  EXPECT_THAT(tests::readFile(directory.File("ahs.log")), HasSubstr("europe.xml"));
   EXPECT_THAT(messages, Not(testing::Contains(testing::Field(&ahs::LogMessage::function, ""))));
 }
 
@@ -386,22 +388,16 @@ TEST(CppDoor, ASelectionThatEndsWaitsForASocketCallbackThatRuns) {
   EXPECT_TRUE(ended.get()) << "the callback outlived the selection";
 }
 
-class CppDoorSockets : public testing::TestWithParam<std::function<bool(int)>> {};
-
-TEST_P(CppDoorSockets, AreNotConnectedAgainstTheClientsWill) {
+TEST(CppDoor, ASocketCallbackThatThrowsRefusesTheSocket) {
   const Gateway gateway;
   ahs::Library library(optionsFor({gateway.Address()}));
   ahs::Request request{.reason = ahs::Reason::Reconnection};
-  request.onSocket = GetParam();
+  request.onSocket = [](int) -> bool { throw std::runtime_error("no mark"); };
   const ahs::Result result = library.select(request);
   EXPECT_EQ(result.status, ahs::SelectionFailure);
   ASSERT_EQ(result.candidates.size(), 1U);
   EXPECT_EQ(result.candidates[0].outcome, ahs::Outcome::CannotConnect);
 }
-
-INSTANTIATE_TEST_SUITE_P(All, CppDoorSockets,
-                         testing::Values([](int) { return false; },
-                                         [](int) -> bool { throw std::runtime_error("no mark"); }));
 
 TEST(CppDoor, AProxyThatAsksForALoginIsToldWithItsRealm) {
   const ScriptedServer proxy(

@@ -3,7 +3,6 @@
 // secrets up, lets it run a whole selection through an authenticating proxy, and then searches all
 // memory that it can write to for any part of them in any form that they take on the way.
 
-#include <crypt.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,7 +31,6 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/RealServers.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestAuthority.h"
@@ -102,16 +100,6 @@ std::string ntHash(const std::string& password) {
     throw std::runtime_error("OpenSSL has no MD4");
   }
   return {digest.begin(), digest.begin() + length};
-}
-
-/// As a server keeps a password. Few rounds: nobody gets at the file.
-std::string cryptHash(const std::string& password) {
-  crypt_data scratch{};
-  const char* const hash = ::crypt_r(password.c_str(), "$5$rounds=1000$test$", &scratch);
-  if (hash == nullptr) {
-    throw std::runtime_error("crypt has no SHA-256");
-  }
-  return hash;
 }
 
 // ---- The search ---------------------------------------------------------------------------------
@@ -408,8 +396,6 @@ class MemorySearch : public testing::Test {
   }
 
   unsigned short HeadendPort() const { return m_headends[0].port(); }
-  const std::string& User() const { return m_user; }
-  const std::string& Password() const { return m_password; }
 
  private:
   std::string Output() const { return readFile(m_directory.File("output")); }
@@ -447,25 +433,6 @@ TEST_F(MemorySearch, FindsAPasswordThatTheHostLeavesBehind) {
     EXPECT_THAT(FoundInMemory(), Contains(StartsWith("the password at")));
     EXPECT_THAT(FoundInPublic(), IsEmpty());
   }
-}
-
-TEST_F(MemorySearch, FindsNothingAfterASelectionThroughSquid) {
-  RequestLog requests;
-  const ScriptedServer behind([&](Connection& connection) {
-    requests.add(connection.readHead());
-    connection.send(Established);
-    connection.tunnelTo(HeadendPort());
-  });
-  SquidProxy::Settings settings;
-  settings.realm = "Office";
-  settings.otherUser = User();
-  settings.otherPasswordHash = cryptHash(Password());
-  settings.parent = behind.port();
-  const SquidProxy squid(settings);
-  StartHost(squid.Where().port, "basic");
-  ExpectSelected(Outcome());
-  EXPECT_THAT(requests.all(), Contains(StartsWith("CONNECT "))) << "squid let the probe through";
-  ExpectNothingLeft();
 }
 
 /// A selection through a proxy that asks for credentials, and what becomes of them.

@@ -70,10 +70,7 @@ std::string squidLogIns(const SquidProxy::Settings& settings, const TemporaryDir
         "auth_param ntlm program " + SquidPrograms + "ntlm_fake_auth\nauth_param ntlm children 1\n";
   }
   if (!settings.realm.empty()) {
-    std::string lines = SquidProxy::User + std::string(":") + SquidPasswordHash + "\n";
-    if (!settings.otherUser.empty()) {
-      lines.append(settings.otherUser + ":").append(settings.otherPasswordHash + "\n");
-    }
+    const std::string lines = SquidProxy::User + std::string(":") + SquidPasswordHash + "\n";
     const std::string users = directory.Write("users", lines);
     logIns += "auth_param basic program " + SquidPrograms + "basic_ncsa_auth " + users +
               "\nauth_param basic children 1\nauth_param basic casesensitive on\nauth_param basic "

@@ -91,10 +91,6 @@ class SquidProxy : public RealServer {
     /// Realm of the Basic authentication that it demands; empty: it lets everybody in. It is sent
     /// as it stands: squid escapes nothing.
     std::string realm;
-    /// A user whom Basic authentication knows besides, and the password as crypt(3) has it; both
-    /// may be empty.
-    std::string otherUser;
-    std::string otherPasswordHash;
     /// Demands NTLM besides, or alone without a realm, and takes every password.
     bool ntlm = false;
     /// The one port that tunnels may go to.

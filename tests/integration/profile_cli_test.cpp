@@ -202,20 +202,14 @@ TEST_F(ProfileCommandTest, ListTellsOfEveryHostEntryWhetherItTakesPartAndWhy) {
           "without     without  without    no          its profile does not set "
           "EnableAutomaticServerSelection"));
   EXPECT_THAT(outcome.err, HasSubstr(m_profiles + "/without.xml:6:1: "));
-}
-
-TEST_F(ProfileCommandTest, ListForAProgramHasTheSame) {
-  const std::string a = writeProfile("a.xml", "value=\"true\"", "<host name=\"x\"/>\n");
-  const json result = runJson({"profile", "list"}, 0);
-  EXPECT_EQ(result["schema"], 1);
-  EXPECT_EQ(result["hosts"],
-            json::array({{{"name", "x"},
-                          {"profile", "a"},
-                          {"file", a},
-                          {"line", 5},
-                          {"address", "x"},
-                          {"takesPart", true},
-                          {"because", "EnableAutomaticServerSelection is true"}}}));
+  EXPECT_EQ(runJson({"profile", "list"}, 0)["hosts"][0],
+            json({{"name", "Zürich"},
+                  {"profile", "office"},
+                  {"file", m_profiles + "/office.xml"},
+                  {"line", 5},
+                  {"address", "gw-z:8443"},
+                  {"takesPart", true},
+                  {"because", "EnableAutomaticServerSelection is true"}}));
 }
 
 TEST_F(ProfileCommandTest, NothingOfAFileMovesTheCursor) {

@@ -143,20 +143,6 @@ TEST_F(SelectCommandTest, OnAReconnectionRatioAndThresholdAreExplained) {
   EXPECT_THAT(kept.out, HasSubstr("up to the gateways' answers\n"));
 }
 
-TEST_F(SelectCommandTest, AGatewayThatAnswersMuchLaterThanItsNetworkIsOdd) {
-  writeFile(".config/ahs/preferences.xml", "<preferences version=\"1\">\n" +
-                                               preference("RoundTripTime", "network") +
-                                               "</preferences>\n");
-  const Gateway late(std::chrono::milliseconds(100));
-  const Outcome outcome = run({"select", "--explain", late.address()});
-  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
-  EXPECT_THAT(outcome.out, testing::ContainsRegex("  odd: +" + late.address() +
-                                                  "'s network answers in [0-9.]+ ms, it itself in "
-                                                  "[0-9.]+ ms\n"));
-  EXPECT_THAT(outcome.out, HasSubstr("set the preference RoundTripTime to 'response'"));
-  EXPECT_THAT(outcome.out, HasSubstr("the network alone\n"));
-}
-
 // ---- What is printed --------------------------------------------------------------------------
 
 TEST_F(SelectCommandTest, TheTextIsTheReportOfTheLogAndTheOrderedList) {

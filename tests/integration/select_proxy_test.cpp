@@ -2,12 +2,10 @@
 // the options that take its place, and the choice of the proxy. Wherever a password is at work, it
 // is looked for in all that the program shows, logs and stores, and in what the system tells of it.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
@@ -222,19 +220,6 @@ TEST_F(SelectProxyTest, CtrlZAtThePasswordGivesTheTerminalBackUntilItIsBroughtBa
   expectNowhere(Password, outcome);
 }
 
-TEST_F(SelectProxyTest, AStopThatCannotBeForeseenHidesThePasswordAgainAfterwards) {
-  startSquid();
-  Program program(select({"--proxy-user", User}), environment, Program::Terminal::Job);
-  ASSERT_TRUE(program.waitForNext(PasswordQuestion));
-  ASSERT_EQ(kill(program.pid(), SIGSTOP), 0);
-  ASSERT_TRUE(program.waitForStop());
-  program.bringBack();
-  ASSERT_TRUE(program.waitForNext(PasswordQuestion));
-  EXPECT_FALSE(program.showsWhatIsTyped());
-  program.type(Password + "\n");
-  EXPECT_EQ(program.finish().exitStatus, 0);
-}
-
 // ---- Without a terminal -----------------------------------------------------------------------
 
 TEST_F(SelectProxyTest, WithoutATerminalItSaysWhichOptionsLogIn) {
@@ -259,35 +244,6 @@ TEST_F(SelectProxyTest, APasswordFileLogsInWithTheFirstRun) {
   EXPECT_EQ(json::parse(outcome.out).at("reason"), 0);
   ASSERT_EQ(tunnelsOpened().size(), 1U);
   expectNowhere(Password, outcome);
-}
-
-TEST_F(SelectProxyTest, APasswordDescriptorLogsInWithTheFirstRun) {
-  startSquid();
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  ASSERT_EQ(fcntl(ends[1], F_SETFD, FD_CLOEXEC), 0);
-  Program program(select({"--proxy-user", User, "--proxy-password-fd", std::to_string(ends[0])}),
-                  environment);
-  close(ends[0]);
-  ASSERT_EQ(write(ends[1], Password.data(), Password.size()),
-            static_cast<ssize_t>(Password.size()));
-  close(ends[1]);
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
-  EXPECT_EQ(tunnelsOpened().size(), 1U);
-  expectNowhere(Password, outcome);
-}
-
-TEST_F(SelectProxyTest, AWrongPasswordOfAFileIsNotAskedForAgain) {
-  startSquid();
-  Program program(
-      select({"--proxy-user", User, "--proxy-password-file", passwordFile(WrongPassword)}),
-      environment, Program::Terminal::All);
-  const Outcome outcome = program.finish();
-  EXPECT_EQ(outcome.exitStatus, 3);
-  EXPECT_THAT(outcome.err, HasSubstr("ahs: the proxy does not accept the user name and password"));
-  EXPECT_THAT(outcome.err, Not(HasSubstr(PasswordQuestion)));
-  expectNowhere(WrongPassword, outcome);
 }
 
 // ---- Which proxy ------------------------------------------------------------------------------

@@ -13,9 +13,9 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <ostream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/capi/c_door_fixture.h"
@@ -45,49 +45,35 @@ TEST(Start, WithEqualOptionsSharesTheLibrary) {
   EXPECT_THAT(log.All(), testing::Not(IsEmpty()));
 }
 
-/// A member of the options that differs.
-struct Difference {
-  const char* name;
-  void (*change)(ahs_options&);
-
-  friend void PrintTo(const Difference& difference, std::ostream* out) { *out << difference.name; }
-};
-
-class StartWithOther : public testing::TestWithParam<Difference> {};
-
-constexpr ahs_headend OtherHeadend[] = {{"other", "127.0.0.1:1"}};
-constexpr ahs_preference OtherPreference[] = {{"SelectionImprovement", "21"}};
-
-INSTANTIATE_TEST_SUITE_P(
-    Start, StartWithOther,
-    testing::Values(
-        Difference{"ProfileDirectory", [](ahs_options& o) { o.profile_directory = "/nowhere"; }},
-        Difference{"UserPreferences", [](ahs_options& o) { o.user_preferences_file = "/nowhere"; }},
-        Difference{"GlobalPreferences",
-                   [](ahs_options& o) { o.global_preferences_file = "/nowhere"; }},
-        Difference{"Headends",
-                   [](ahs_options& o) {
-                     o.headends = OtherHeadend;
-                     o.headend_count = 1;
-                   }},
-        Difference{"Preferences",
-                   [](ahs_options& o) {
-                     o.preferences = OtherPreference;
-                     o.preference_count = 1;
-                   }},
-        Difference{"Proxy", [](ahs_options& o) { o.proxy = "127.0.0.1:1"; }},
-        Difference{"NoProxyOfItsOwn", [](ahs_options& o) { o.proxy = nullptr; }},
-        Difference{"CacheDirectory", [](ahs_options& o) { o.cache_directory = "/nowhere/cache"; }},
-        Difference{"LogFile", [](ahs_options& o) { o.log_file = "/nowhere/log"; }},
-        Difference{"LogLevel", [](ahs_options& o) { o.log_level = AHS_LOG_ERROR; }}),
-    [](const auto& instance) { return instance.param.name; });
-
-TEST_P(StartWithOther, IsRefusedAndTheFirstGoesOn) {
+TEST(Start, WithOtherOptionsIsRefusedAndTheFirstGoesOn) {
+  static constexpr ahs_headend headend = {"other", "127.0.0.1:1"};
+  static constexpr ahs_preference preference = {"SelectionImprovement", "21"};
+  const std::pair<const char*, void (*)(ahs_options&)> differences[] = {
+      {"profiles", [](ahs_options& o) { o.profile_directory = "/nowhere"; }},
+      {"user's preferences", [](ahs_options& o) { o.user_preferences_file = "/nowhere"; }},
+      {"machine's preferences", [](ahs_options& o) { o.global_preferences_file = "/nowhere"; }},
+      {"headends",
+       [](ahs_options& o) {
+         o.headends = &headend;
+         o.headend_count = 1;
+       }},
+      {"preferences",
+       [](ahs_options& o) {
+         o.preferences = &preference;
+         o.preference_count = 1;
+       }},
+      {"proxy", [](ahs_options& o) { o.proxy = "127.0.0.1:1"; }},
+      {"no proxy of its own", [](ahs_options& o) { o.proxy = nullptr; }},
+      {"cache", [](ahs_options& o) { o.cache_directory = "/nowhere/cache"; }},
+      {"log", [](ahs_options& o) { o.log_file = "/nowhere/log"; }},
+      {"level", [](ahs_options& o) { o.log_level = AHS_LOG_ERROR; }}};
   const Gateway gateway;
   const Library first({gateway.Address()});
-  const Library second({gateway.Address()}, {}, GetParam().change);
-  EXPECT_EQ(second.Status(), AHS_ERROR_ALREADY_STARTED);
-  EXPECT_STRNE(ahs_error_text(), "");
+  for (const auto& [name, change] : differences) {
+    const Library second({gateway.Address()}, {}, change);
+    EXPECT_EQ(second.Status(), AHS_ERROR_ALREADY_STARTED) << name;
+    EXPECT_STRNE(ahs_error_text(), "");
+  }
   EXPECT_EQ(selectOnce(first).status, AHS_ADDED_TO_CACHE);
 }
 

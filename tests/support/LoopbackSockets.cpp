@@ -57,11 +57,8 @@ int bindSocket(const Endpoint& where, bool reuse = true) {
   return handle;
 }
 
-int listenOrThrow(const Endpoint& where) {
-  const int handle = bindSocket(where);
-  if (handle < 0) {
-    throw std::runtime_error("cannot bind " + where.Text() + ": " + std::strerror(errno));
-  }
+int listenOrThrow(Endpoint where) {
+  const int handle = boundSocket(where);
   if (::listen(handle, SOMAXCONN) != 0) {
     const int error = errno;
     ::close(handle);
@@ -105,15 +102,36 @@ Endpoint freeEndpoint(const std::string& address) {
   throw std::runtime_error("no free port left for this test on " + address);
 }
 
+int boundSocket(Endpoint& where) {
+  const int handle = bindSocket(where);
+  sockaddr_storage bound{};
+  socklen_t length = sizeof bound;
+  if (handle < 0 || ::getsockname(handle, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
+    throw std::runtime_error("cannot bind " + where.Text() + ": " + std::strerror(errno));
+  }
+  where.port =
+      ntohs(bound.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&bound)->sin_port
+                                       : reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port);
+  return handle;
+}
+
+int connectingSocket(const Endpoint& where, int flags) {
+  const auto info = resolve(where);
+  const int handle = ::socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+  if (handle >= 0 && ::connect(handle, info->ai_addr, info->ai_addrlen) != 0 &&
+      errno != EINPROGRESS) {
+    ::close(handle);
+    return -1;
+  }
+  return handle;
+}
+
 bool isListening(const Endpoint& endpoint) {
-  const auto info = resolve(endpoint);
-  const int handle = ::socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool connected = handle >= 0 && ::connect(handle, info->ai_addr, info->ai_addrlen) ==
-                                            0;  // at once on loopback
+  const int handle = connectingSocket(endpoint);
   if (handle >= 0) {
     ::close(handle);
   }
-  return connected;
+  return handle >= 0;
 }
 
 RefusingPort::RefusingPort(const std::string& address) {

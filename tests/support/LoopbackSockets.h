@@ -22,6 +22,14 @@ bool hasAddress(const std::string& address);
 /// @throws std::runtime_error when none can be found.
 Endpoint freeEndpoint(const std::string& address);
 
+/// A socket bound to an endpoint; where the port is 0 it becomes the kernel's choice.
+/// @throws std::runtime_error.
+int boundSocket(Endpoint& where);
+
+/// A socket that connects to an endpoint, -1 when it cannot. @param flags SOCK_NONBLOCK: it may not
+/// be connected yet.
+int connectingSocket(const Endpoint& where, int flags = 0);
+
 /// Whether something takes connections at an endpoint.
 bool isListening(const Endpoint& endpoint);
 

@@ -4,7 +4,6 @@
 
 #include "tests/support/ScriptedServer.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
@@ -17,10 +16,9 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <stdexcept>
 #include <utility>
 
+#include "tests/support/LoopbackSockets.h"
 #include "tests/support/TestAuthority.h"
 
 namespace tests {
@@ -29,54 +27,6 @@ namespace {
 
 // How often a waiting thread looks whether it is to stop.
 constexpr std::chrono::milliseconds kStopCheck(10);
-
-[[noreturn]] void fail(const std::string& what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
-}
-
-struct ADDRESS {
-  sockaddr_storage storage{};
-  socklen_t length = 0;
-  sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
-};
-
-ADDRESS makeAddress(const std::string& text, unsigned short port) {
-  ADDRESS address;
-  auto* v4 = reinterpret_cast<sockaddr_in*>(&address.storage);
-  auto* v6 = reinterpret_cast<sockaddr_in6*>(&address.storage);
-  if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
-    v4->sin_family = AF_INET;
-    v4->sin_port = htons(port);
-    address.length = sizeof *v4;
-  } else if (inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
-    v6->sin6_family = AF_INET6;
-    v6->sin6_port = htons(port);
-    address.length = sizeof *v6;
-  } else {
-    throw std::runtime_error("no address: " + text);
-  }
-  return address;
-}
-
-/// A socket bound to an address, and the port that it got.
-int bindSocket(const std::string& text, unsigned short& port) {
-  ADDRESS address = makeAddress(text, port);
-  const int socket = ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0) {
-    fail("socket");
-  }
-  const int on = 1;
-  setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (bind(socket, address.get(), address.length) != 0 ||
-      getsockname(socket, address.get(), &address.length) != 0) {
-    close(socket);
-    fail("bind " + text);
-  }
-  port = ntohs(address.storage.ss_family == AF_INET
-                   ? reinterpret_cast<sockaddr_in*>(&address.storage)->sin_port
-                   : reinterpret_cast<sockaddr_in6*>(&address.storage)->sin6_port);
-  return socket;
-}
 
 bool waitReadable(int socket) {
   pollfd entry{socket, POLLIN, 0};
@@ -253,10 +203,9 @@ void Connection::resetAtEnd() {
 }
 
 void Connection::tunnelTo(unsigned short port) {
-  ADDRESS address = makeAddress("127.0.0.1", port);
-  const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int other = connectingSocket({"127.0.0.1", port});
   std::array<char, 16384> buffer{};
-  bool open = other >= 0 && connect(other, address.get(), address.length) == 0;
+  bool open = other >= 0;
   while (open && !m_stopping) {
     std::array<pollfd, 2> ends{pollfd{m_socket, POLLIN, 0}, pollfd{other, POLLIN, 0}};
     poll(ends.data(), ends.size(), static_cast<int>(kStopCheck.count()));
@@ -274,12 +223,11 @@ void Connection::tunnelTo(unsigned short port) {
 }
 
 ScriptedServer::ScriptedServer(Script script, const std::string& address, unsigned short port)
-    : m_script(std::move(script)), m_port(port) {
-  m_listener = bindSocket(address, m_port);
-  if (listen(m_listener, SOMAXCONN) != 0) {
-    close(m_listener);
-    fail("listen");
-  }
+    : m_script(std::move(script)) {
+  Endpoint where{address, port};
+  m_listener = boundSocket(where);
+  m_port = where.port;
+  listen(m_listener, SOMAXCONN);
   m_acceptor = std::thread([this] { acceptLoop(); });
 }
 
@@ -351,17 +299,15 @@ ScriptedServer::Script answeringOverTls(TlsServerContext context, std::string an
   };
 }
 
-SilentPort::SilentPort(const std::string& address, unsigned short port) : m_port(port) {
-  m_listener = bindSocket(address, m_port);
+SilentPort::SilentPort(const std::string& address, unsigned short port) {
+  Endpoint where{address, port};
+  m_listener = boundSocket(where);
+  m_port = where.port;
   listen(m_listener, 0);
   // The kernel drops attempts once the queue of a listener is full, and nobody empties this one.
   constexpr int kMoreThanTheQueueHolds = 4;
   for (int i = 0; i < kMoreThanTheQueueHolds; ++i) {
-    ADDRESS target = makeAddress(address, m_port);
-    const int filler =
-        socket(target.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    static_cast<void>(connect(filler, target.get(), target.length));
-    m_fillers.push_back(filler);
+    m_fillers.push_back(connectingSocket(where, SOCK_NONBLOCK));
   }
 }
 

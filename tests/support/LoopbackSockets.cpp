@@ -148,10 +148,7 @@ RefusingPort::RefusingPort(const std::string& address) {
 RefusingPort::~RefusingPort() { ::close(m_socket); }
 
 SilentListener::SilentListener(const std::string& address)
-    : SilentListener(freeEndpoint(address)) {}
-
-SilentListener::SilentListener(const Endpoint& where)
-    : m_where(where), m_socket(listenOrThrow(where)) {}
+    : m_where(freeEndpoint(address)), m_socket(listenOrThrow(m_where)) {}
 
 SilentListener::~SilentListener() {
   for (const int connection : m_connections) {

@@ -51,10 +51,8 @@ class RefusingPort {
 /// A listener that lets the kernel take every connection and never says a word. Used by one thread.
 class SilentListener {
  public:
-  /// At a free port of `address`.
+  /// At a free port of `address`. @throws std::runtime_error.
   explicit SilentListener(const std::string& address);
-  /// In the place of a server that has ended. @throws std::runtime_error.
-  explicit SilentListener(const Endpoint& where);
   ~SilentListener();
   SilentListener(const SilentListener&) = delete;
   SilentListener& operator=(const SilentListener&) = delete;

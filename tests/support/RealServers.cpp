@@ -101,18 +101,12 @@ RealServer::RealServer(const std::string& address) : m_where(freeEndpoint(addres
 RealServer::~RealServer() = default;
 
 void RealServer::Start(const std::vector<std::string>& command) {
-  m_command = command;
-  Start();
-}
-
-void RealServer::Start() {
-  Stop();
   m_process =
-      std::make_unique<ChildProcess>(m_command, m_directory.File("output"), m_directory.Path());
+      std::make_unique<ChildProcess>(command, m_directory.File("output"), m_directory.Path());
   const auto deadline = std::chrono::steady_clock::now() + StartLimit;
   while (!isListening(m_where)) {
     if (!m_process->IsRunning() || std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error(m_command.front() + " does not listen at " + Address() +
+      throw std::runtime_error(command.front() + " does not listen at " + Address() +
                                "; it wrote: " + Output());
     }
     std::this_thread::sleep_for(PollInterval);

@@ -12,7 +12,7 @@
 namespace tests {
 
 /// A real server, in the foreground as the test's child; it runs from its construction on. Used by
-/// one thread. Constructors and `Start` throw std::runtime_error, with what the server has written,
+/// one thread. Constructors throw std::runtime_error, with what the server has written,
 /// when it cannot be started.
 class RealServer {
  public:
@@ -20,13 +20,10 @@ class RealServer {
   RealServer(const RealServer&) = delete;
   RealServer& operator=(const RealServer&) = delete;
 
-  /// Where it listens, the same after a restart.
+  /// Where it listens.
   const Endpoint& Where() const { return m_where; }
   /// The same as text, as it is written in a profile.
   std::string Address() const { return m_where.Text(); }
-
-  /// Starts it again and waits until it takes connections.
-  void Start();
 
   /// Ends it and waits for it.
   void Stop();
@@ -38,13 +35,12 @@ class RealServer {
   /// Chooses where it is to listen; starts nothing.
   explicit RealServer(const std::string& address);
 
-  /// Starts the server with this command, now and whenever it is started again.
+  /// Starts the server with this command and waits until it takes connections.
   void Start(const std::vector<std::string>& command);
   const TemporaryDirectory& Directory() const { return m_directory; }
 
  private:
   TemporaryDirectory m_directory;
-  std::vector<std::string> m_command;
   Endpoint m_where;
   std::unique_ptr<ChildProcess> m_process;
 };

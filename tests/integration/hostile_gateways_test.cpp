@@ -125,7 +125,7 @@ bool fallsSilent(const Hostile& hostile) {
 
 /// Remembers the last probe.
 struct LastProbe : ProbeTask {
-  void ProbeEnded(const HttpProbe::Report& ended) override { report = ended; }
+  void probeEnded(const HttpProbe::Report& ended) override { report = ended; }
 
   HttpProbe::Report report;
 };

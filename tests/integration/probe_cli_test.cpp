@@ -22,7 +22,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-constexpr const char* keepAlive = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+constexpr const char* KeepAlive = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
 
 class ProbeCommandTest : public CommandTest {
  protected:
@@ -81,7 +81,7 @@ TEST_F(ProbeCommandTest, AServerOfPlainHttpSpeaksNoTlsAndKeepsTheConnection) {
   const ScriptedServer server([](Connection& connection) {
     for (std::string request = connection.readSome();
          !request.empty() && request.front() != TlsGreeting; request = connection.readSome()) {
-      connection.send(keepAlive);
+      connection.send(KeepAlive);
     }
   });
   const json result = runJson(
@@ -122,7 +122,7 @@ TEST_F(ProbeCommandTest, ANameThatIsUnknownIsToldWithWhatToDo) {
 }
 
 TEST_F(ProbeCommandTest, AHostEntryIsProbedAtItsAddressWithThePreferencesInForce) {
-  const ScriptedServer server(answering(keepAlive));
+  const ScriptedServer server(answering(KeepAlive));
   const std::string address = "127.0.0.1:" + std::to_string(server.port());
   writeProfile("false", host("Head office", address));
   writePreferences(preference("SelectionPingsPerHeadend", "4"));
@@ -148,7 +148,7 @@ TEST_F(ProbeCommandTest, AWrongCommandLineSaysWhatIsWrongAndSendsNothing) {
 }
 
 TEST_F(ProbeCommandTest, AnOutputThatCannotBeWrittenIsAnErrorAndEndsTheProbes) {
-  const ScriptedServer server(answering(keepAlive));
+  const ScriptedServer server(answering(KeepAlive));
   const Outcome outcome = runForNobody(
       {"probe", "127.0.0.1:" + std::to_string(server.port()), "-c", "1000"}, environment);
   EXPECT_EQ(outcome.exitStatus, 2);
@@ -161,7 +161,7 @@ TEST_F(ProbeCommandTest, CtrlCSumsUpWhatWasMeasuredSoFar) {
   const ScriptedServer server([](Connection& connection) {
     for (int i = 0; i < 2; ++i) {
       connection.readHead();
-      connection.send(keepAlive);
+      connection.send(KeepAlive);
     }
     connection.waitForPeer();
   });
@@ -176,7 +176,7 @@ TEST_F(ProbeCommandTest, CtrlCAfterTheSumGivesTheVerdict) {
   const ScriptedServer server([&connections](Connection& connection) {
     if (connections++ == 0) {
       for (int i = 0; i < 3 && !connection.readHead().empty(); ++i) {
-        connection.send(keepAlive);
+        connection.send(KeepAlive);
       }
     }
     connection.waitForPeer();

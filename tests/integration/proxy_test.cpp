@@ -240,6 +240,8 @@ class Scene {
 
   /// The run owns it.
   void Provider(ProxyIfc* provider) { m_provider = provider; }
+  /// The system's settings never answer.
+  void SettingsHang() { m_threadsThatStay = 1; }
 
   const Selection& Run();
   Row Observed(const std::string& name) const;
@@ -270,6 +272,7 @@ class Scene {
                         {"SelectionPingTimeout", "20000"},
                         {"SelectionTestPingTimeout", "20"}};
   ProxyIfc* m_provider = nullptr;
+  unsigned int m_threadsThatStay = 0;
   std::string m_given;
   Selection m_selection;
 };
@@ -314,7 +317,7 @@ const Selection& Scene::Run() {
   const CClientLibrary library(options, status);
   EXPECT_EQ(0, status);
   m_given = Given();
-  m_selection = runSelection("gate", ProxyAuthentication, m_provider);
+  m_selection = runSelection("gate", ProxyAuthentication, m_provider, m_threadsThatStay);
   return m_selection;
 }
 
@@ -508,6 +511,7 @@ const Case Cases[] = {
        scene.Environment("http_proxy",
                          "pac+http://127.0.0.1:" + std::to_string(silent) + "/proxy.pac");
        scene.Set("SelectionTestPingTimeout", "1");
+       scene.SettingsHang();
        scene.Provider(new CProxyProvider(NoProxy, {}, {}, "from.the.system"));
      }},
     {"refuses the connection",

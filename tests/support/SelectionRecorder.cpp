@@ -184,8 +184,9 @@ std::vector<HttpProbe::Report> Selection::ProbesOf(unsigned short port) const {
   return found;
 }
 
-Selection runSelection(const std::string& lastHeadend, unsigned int reason, ProxyIfc* proxy) {
-  const unsigned int threadsBefore = CThread::RunningCount();
+Selection runSelection(const std::string& lastHeadend, unsigned int reason, ProxyIfc* proxy,
+                       unsigned int threadsThatStay) {
+  const unsigned int threadsAfter = CThread::RunningCount() + threadsThatStay;
   const auto recorder = std::make_shared<Recorder>();
   CAppLog::SetListener([recorder](const CAppLog::Record& record) { recorder->Hear(record); });
 
@@ -202,7 +203,7 @@ Selection runSelection(const std::string& lastHeadend, unsigned int reason, Prox
     ADD_FAILURE() << "the run could not be constructed: " << status;
     delete selection;
   }
-  EXPECT_TRUE(waitForThreads(threadsBefore)) << "the run left threads behind";
+  EXPECT_TRUE(waitForThreads(threadsAfter)) << "the run left threads behind";
 
   CAppLog::SetListener({});
   return recorder->Seen();

@@ -58,7 +58,8 @@ struct Selection {
 /// brought up, and waits until nothing of it is left. Failures to construct it and runs that leave
 /// threads behind are reported as failures of the test.
 /// @param lastHeadend name of the host entry that was used last. @param proxy owned from now on.
+/// @param threadsThatStay those that ask for the system's proxy and get no answer.
 Selection runSelection(const std::string& lastHeadend, unsigned int reason,
-                       ProxyIfc* proxy = nullptr);
+                       ProxyIfc* proxy = nullptr, unsigned int threadsThatStay = 0);
 
 }  // namespace tests

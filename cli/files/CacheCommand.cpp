@@ -240,8 +240,8 @@ int showCache(const CacheOptions& options) {
   }
   std::string problem;
   std::vector<Selection> selections = SelectionFiles::list(directory, problem);
-  std::ranges::stable_partition(
-      selections, [&here](const Selection& selection) { return here.isPlaceOf(selection); });
+  std::stable_partition(selections.begin(), selections.end(),
+                        [&here](const Selection& selection) { return here.isPlaceOf(selection); });
   if (!problem.empty()) {
     Console::complain("not all of the selection cache can be used: " + Console::visible(problem) +
                       ". Selections work without it; 'ahs cache clear' removes what is wrong.");

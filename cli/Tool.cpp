@@ -170,6 +170,7 @@ void addHelpCommand(CLI::App& tool, ChosenCommand& chosen) {
 
 std::string exitStatusTable() {
   std::vector<std::vector<std::string>> rows;
+  rows.reserve(std::size(StatusMeanings));
   for (const StatusMeaning& meaning : StatusMeanings) {
     rows.push_back({meaning.status, meaning.commands, meaning.text});
   }

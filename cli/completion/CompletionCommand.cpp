@@ -221,7 +221,7 @@ Completion hostEntries(const FileOptions& files, std::string Candidate::*part) {
 
 /// What an option takes, or what stands as an operand.
 Completion valueOf(const CLI::Option& option, const FileOptions& files) {
-  const std::string placeholder = option.get_option_text();
+  const std::string& placeholder = option.get_option_text();
   const auto names = [&placeholder](const char* kind) {
     return placeholder.find(kind) != std::string::npos;
   };

@@ -25,7 +25,7 @@ std::string takeHost(const std::string& host, const std::vector<HostEntry>& entr
                      ProbePlan& plan) {
   const HostEntry* entry = findEntry(host, entries);
   const std::string address = entry == nullptr ? host : entry->address;
-  if (const std::string error = Wording::hostError(address); !error.empty()) {
+  if (std::string error = Wording::hostError(address); !error.empty()) {
     return error;
   }
   const Candidate candidate = candidateOf(host, URL(address));

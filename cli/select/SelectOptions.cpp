@@ -20,7 +20,7 @@ namespace {
 std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHeadend>& headends) {
   std::set<std::string> seen;
   for (const std::string& host : hosts) {
-    if (const std::string error = Wording::hostError(host); !error.empty()) {
+    if (std::string error = Wording::hostError(host); !error.empty()) {
       return error;
     }
     if (seen.insert(CStringUtils::toLower(URL(host).getHostAndPort(false))).second) {

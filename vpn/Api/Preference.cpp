@@ -33,7 +33,7 @@ constexpr unsigned int OneSecondMs = 1000;
 constexpr unsigned int OneMinuteMs = 60000;
 
 // Never freed, as above.
-const auto& Definitions = *new std::vector<Definition>{
+const auto& allDefinitions = *new std::vector<Definition>{
     {.id = ProxySettings,
      .name = "ProxySettings",
      .defaultValue = "system",
@@ -100,19 +100,19 @@ std::string findHostError(const std::string& value) {
 }
 
 const Definition* found(std::vector<Definition>::const_iterator definition) {
-  return definition == Definitions.end() ? nullptr : &*definition;
+  return definition == allDefinitions.end() ? nullptr : &*definition;
 }
 
 }  // namespace
 
-std::span<const PreferenceBase::Definition> PreferenceBase::definitions() { return Definitions; }
+std::span<const PreferenceBase::Definition> PreferenceBase::definitions() { return allDefinitions; }
 
 const PreferenceBase::Definition* PreferenceBase::find(const std::string& name) {
-  return found(std::ranges::find(Definitions, name, &Definition::name));
+  return found(std::ranges::find(allDefinitions, name, &Definition::name));
 }
 
 const PreferenceBase::Definition* PreferenceBase::find(PreferenceId id) {
-  return found(std::ranges::find(Definitions, id, &Definition::id));
+  return found(std::ranges::find(allDefinitions, id, &Definition::id));
 }
 
 std::string PreferenceBase::findError(const Definition& definition, const std::string& value) {

@@ -95,7 +95,9 @@ SecureString<StrT>::SecureString(const_pointerT str, std::size_t n) {
   }
 }
 
+// A text ends at its first NUL, here and below.
 template <class StrT>
+// NOLINTNEXTLINE(readability-redundant-string-cstr)
 SecureString<StrT>::SecureString(const StrT& s) : m_strValue(s.c_str()) {}
 
 template <class StrT>
@@ -118,6 +120,7 @@ SecureString<StrT>& SecureString<StrT>::operator=(const SecureString& other) {
 template <class StrT>
 SecureString<StrT>& SecureString<StrT>::operator+=(const StrT& s) {
   if (m_strValue.length() + s.length() < m_strValue.capacity()) {
+    // NOLINTNEXTLINE(readability-redundant-string-cstr)
     m_strValue.append(s.c_str());
   } else {
     grow(s);
@@ -134,6 +137,7 @@ void SecureString<StrT>::grow(const StrT& s) {
   Reset(m_strValue);
   m_strValue.reserve(needed);
   m_strValue.assign(tmp.m_strValue);
+  // NOLINTNEXTLINE(readability-redundant-string-cstr)
   m_strValue.append(added.c_str());
 }
 

@@ -69,7 +69,7 @@ ProbeOutcome send(const std::string& host, const PROXY_DATA& proxyData, ProbeReq
 
 void writeResults(const HttpProbe::Report& report, ProbeOutcome& outcome,
                   HttpProbe::HTTP_PROBE_RESULTS& results) {
-  const auto give = [&report](HttpProbe::HTTP_PROBE_OPTIONS option, auto& result, auto&& value) {
+  const auto give = [&report](HttpProbe::HTTP_PROBE_OPTIONS option, auto& result, auto& value) {
     if ((report.options & option) != 0) {
       result = std::move(value);
     }

@@ -20,9 +20,12 @@
 
 AHS_EXPOSE(DocumentOf, &CSelectionCache::documentOf);
 
-// libxml2 2.9 forgets the element that it could not put on its stack.
+// libxml2 2.9 forgets the element that it could not put on its stack, and the buffer that it could
+// not copy a document into.
 extern "C" const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions() { return "leak:xmlTextWriterStartElement\n"; }
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:xmlTextWriterStartElement\nleak:xmlBufCreateSize\n";
+}
 
 namespace {
 

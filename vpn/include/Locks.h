@@ -51,7 +51,7 @@ class AHS_CAPABILITY("mutex") CMonitor {
   /// Gives the lock back, sleeps until it is notified, and takes the lock again.
   void wait() AHS_REQUIRES(this);
 
-  /// As `Wait`, but at most until `limit` on the clock of the caller's choice.
+  /// As `wait`, but at most until `limit` on the clock of the caller's choice.
   template <class Clock, class Duration>
   void waitUntil(const std::chrono::time_point<Clock, Duration>& limit) AHS_REQUIRES(this) {
     std::unique_lock<std::mutex> held(m_mutex, std::adopt_lock);

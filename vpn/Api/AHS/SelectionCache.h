@@ -17,10 +17,10 @@ class SaxWriterIfc;
 /// The process's cache of earlier selections, kept in a directory between processes: docs/cache.md
 /// says what is found again, how many are kept, and what is wrong with a file.
 ///
-/// A store keeps its selection in memory. The next `releaseInstance` of anyone writes the file, so
-/// a process holds an acquisition while it is up, and its client waits for no writing. What cannot
-/// be written stays in memory until the last release. A look-up reads the selection's file; the
-/// younger of file and memory answers, and is not replaced by the older.
+/// A store keeps its selection in memory. The next `releaseInstance`, anyone's, writes the file. A
+/// process holds an acquisition while it is up: the run's, which writes, is never the last. What
+/// cannot be written stays in memory until the last release. A look-up reads the selection's file;
+/// the younger of file and memory answers, and is not replaced by the older.
 ///
 /// All operations may be called from any thread that holds an acquisition. None throws but
 /// `toString`, for want of memory.

@@ -3,10 +3,10 @@
 /// One thread of the process that is made in advance and kept for a body that must run although the
 /// system gives no thread: a limit is reached, or there is no memory for a stack.
 ///
-/// It exists from `Create` until its last holder has left and nothing is left for it to do. Holders
+/// It exists from `create` until its last holder has left and nothing is left for it to do. Holders
 /// are the execution context, which creates it, and every task that may still need it. All
 /// operations may be called from any thread; none throws, waits for a body or allocates memory,
-/// but for `Create`, which creates the thread.
+/// but for `create`, which creates the thread.
 class CReserveThread {
  public:
   /// A body that waits for the thread, in storage of its caller's that must stay where it is until
@@ -21,10 +21,10 @@ class CReserveThread {
   /// @return 0, or the errno value of why there is no thread; the caller is no holder then.
   static int create() noexcept;
 
-  /// Makes the caller a holder of what there is, if it is only nothing.
+  /// Makes the caller a holder, also where there is no thread.
   static void addHolder() noexcept;
 
-  /// Ends what `Create` or `addHolder` began.
+  /// Ends what `create` or `addHolder` began.
   static void removeHolder() noexcept;
 
   /// Has the body called. Bodies that wait at the same time begin in the order they came, each on a

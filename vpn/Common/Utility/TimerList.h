@@ -21,7 +21,7 @@ using timercb = void (*)(void* ptrVal, unsigned long longVal);
 
 /// The timers of one execution context, in order of expiry on the monotonic clock.
 ///
-/// `Service` is run by one thread, the context's. The other operations belong to `CTimer`. A timer
+/// `service` is run by one thread, the context's. The other operations belong to `CTimer`. A timer
 /// may outlive its list; it then never fires.
 class CTimerList {
  public:
@@ -30,11 +30,11 @@ class CTimerList {
   CTimerList(const CTimerList&) = delete;
   CTimerList& operator=(const CTimerList&) = delete;
 
-  /// Calls back each timer as it expires, never early, one at a time, and returns after `Close`. An
+  /// Calls back each timer as it expires, never early, one at a time, and returns after `close`. An
   /// exception that leaves a callback is logged and changes nothing for the other timers.
   void service();
 
-  /// Ends `Service` (a callback under way is not waited for) and refuses further timers; those that
+  /// Ends `service` (a callback under way is not waited for) and refuses further timers; those that
   /// are armed do not fire any more.
   void close();
 

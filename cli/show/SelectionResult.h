@@ -13,7 +13,7 @@
 struct SelectionResult {
   unsigned int reason = 0;
   STATUSCODE status = 0;
-  std::vector<std::string> headends;  ///< as delivered, best first; all: others are `without a result`
+  std::vector<std::string> headends;  ///< as delivered, all of them, best first
   std::string extraInfo;
   bool fromCache = false;
   bool hadLogin = false;                ///< the run had credentials for the proxy

@@ -13,7 +13,8 @@ namespace CLI {
 class App;
 }
 
-/// The options of `ahs select` as a person typed them; an optional without a value was not given.
+/// The options of `ahs select`, `exec` and `watch` as a person typed them; an optional without a
+/// value was not given.
 struct SelectOptions : FileOptions {
   std::vector<std::string> hosts;
   std::optional<std::string> cacheDirectory;

@@ -46,7 +46,7 @@ void LogListener::begin() {
     listeners().all.push_back(shared_from_this());
   }
   // It stays when the last client has ceased to hear: two that come and go at once need no order.
-  CAppLog::SetListener([](const CAppLog::Record& record) {
+  CAppLog::setListener([](const CAppLog::Record& record) {
     const CAutoLockT<CManualLock> guard(listeners().lock);
     for (const std::shared_ptr<LogListener>& each : listeners().all) {
       each->hear(record);

@@ -102,7 +102,7 @@ std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
   std::string error = run->way().take(request);
   std::unique_ptr<SelectionThread> thread;
   if (error.empty()) {
-    run->SetTerms({run->way().words(), request.measure_now != 0});
+    run->setTerms({run->way().words(), request.measure_now != 0});
     const std::string last = lastOf(request);
     if (m_last == nullptr && !last.empty()) {
       CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,

@@ -52,7 +52,7 @@ class DelayLine {
   /// the order they came.
   std::optional<Packet> takeDue(Clock::time_point now);
 
-  const Statistics& GetStatistics() const { return m_statistics; }
+  const Statistics& getStatistics() const { return m_statistics; }
 
  private:
   /// SplitMix64: eight bytes of state, so that every path and direction has a generator of its own.

@@ -249,7 +249,7 @@ void Wan::forward() {
 }
 
 void Wan::printStatistics() const {
-  const DelayLine::Statistics& statistics = m_line.GetStatistics();
+  const DelayLine::Statistics& statistics = m_line.getStatistics();
   const std::chrono::duration<double, std::micro> worst = statistics.worstLateness;
   const std::chrono::duration<double, std::micro> total = statistics.totalLateness;
   const double count = statistics.forwarded == 0 ? 1 : static_cast<double>(statistics.forwarded);

@@ -13,8 +13,7 @@ namespace CLI {
 class App;
 }
 
-/// The options of `ahs select`, `exec` and `watch` as a person typed them; an optional without a
-/// value was not given.
+/// The options of selections as a person typed them; an optional without a value was not given.
 struct SelectOptions : FileOptions {
   std::vector<std::string> hosts;
   std::optional<std::string> cacheDirectory;

@@ -38,7 +38,7 @@ class SelectionRun : public ClientIfcBase {
 
  public:
   SelectionRun() {
-    CAppLog::SetListener([this](const CAppLog::Record& record) {
+    CAppLog::setListener([this](const CAppLog::Record& record) {
       // The function under whose name the run logs its report.
       if (strcmp(record.function, "logPingResults") == 0) {
         const CAutoLockT<CMonitor> guard(m_lock);
@@ -46,7 +46,7 @@ class SelectionRun : public ClientIfcBase {
       }
     });
   }
-  ~SelectionRun() override { CAppLog::SetListener(nullptr); }
+  ~SelectionRun() override { CAppLog::setListener(nullptr); }
 
   /// To be called once. @return 0, or why there is no run; nothing is delivered then.
   STATUSCODE start(unsigned int reason, const std::string& last,

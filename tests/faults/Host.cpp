@@ -167,7 +167,7 @@ DisturbedHost::DisturbedHost()
               {"SelectionConnectTimeout", "40000"},
               {"SelectionPingTimeout", "10000"},
               {"SelectionTestPingTimeout", "10"}}) {
-  HttpProbe::SetTrustFile("");  // a certificate that is not trusted is an answer too
+  HttpProbe::setTrustFile("");  // a certificate that is not trusted is an answer too
   std::ranges::copy(m_gateways.Addresses(), headendNames.begin());
   headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
   watchForDeath();

@@ -59,10 +59,10 @@ GatewayProcess::GatewayProcess(const std::vector<std::string>& gateways) {
   if (m_addresses.size() != gateways.size()) {
     throw std::runtime_error("the gateways did not start: " + readFile(output));
   }
-  HttpProbe::SetTrustFile(Authority());
+  HttpProbe::setTrustFile(Authority());
 }
 
-GatewayProcess::~GatewayProcess() { HttpProbe::SetTrustFile(""); }
+GatewayProcess::~GatewayProcess() { HttpProbe::setTrustFile(""); }
 
 Host::Preferences Host::patient() {
   return {{"SelectionConnectTimeout", "60000"}, {"SelectionReconnectTimeout", "60000"},

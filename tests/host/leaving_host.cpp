@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   const std::vector<std::string> arguments(argv + 1, argv + argc);
-  HttpProbe::SetTrustFile(arguments[3]);
+  HttpProbe::setTrustFile(arguments[3]);
   static Process& process = *new Process(arguments[2]);
   process.host.BringUp({arguments.begin() + 4, arguments.end()});
   process.StartRuns();

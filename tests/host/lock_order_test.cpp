@@ -210,7 +210,7 @@ class Selections {
  public:
   Selections() {
     const CTask::Scope scope(std::make_shared<ProbeWatcher>());
-    CAppLog::SetListener([](const CAppLog::Record& record) {
+    CAppLog::setListener([](const CAppLog::Record& record) {
       if (record.message == "QIB timer expired") {
         moments().runsTimer.Note(1);  // the listener's own lock
       }
@@ -224,7 +224,7 @@ class Selections {
     WithoutThreads();
     WithACacheDirectoryThatIsRefused();
     EXPECT_TRUE(nothingIsLeft());
-    CAppLog::SetListener({});
+    CAppLog::setListener({});
     ThroughTheDoor();
     EXPECT_TRUE(nothingIsLeft());
   }

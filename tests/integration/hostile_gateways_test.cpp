@@ -208,14 +208,14 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
  protected:
   HostileGateway()
       : m_gateways({"behaviour=normal", std::string("behaviour=") + GetParam().behaviour}) {
-    HttpProbe::SetTrustFile(m_gateways.Authority());
+    HttpProbe::setTrustFile(m_gateways.Authority());
     // What the process loads once, the first probes have loaded.
     EXPECT_EQ(Success, probe(m_gateways.Where().at(0), true, PatienceSeconds).report.status);
     EXPECT_EQ(Success, probe(m_gateways.Where().at(0), false, PatienceSeconds).report.status);
   }
   ~HostileGateway() override {
-    HttpProbe::SetRoundTripMeasure(Measure::Network);
-    HttpProbe::SetTrustFile("");
+    HttpProbe::setRoundTripMeasure(Measure::Network);
+    HttpProbe::setTrustFile("");
   }
 
   const Endpoint& Where() const { return m_gateways.Where().at(1); }
@@ -249,7 +249,7 @@ TEST_P(HostileGateway, IsToldByItsStatusInTimeAndInLittleMemory) {
 }
 
 TEST_P(HostileGateway, DoesNoMoreToLaterProbesOfAConnection) {
-  HttpProbe::SetRoundTripMeasure(Measure::Response);
+  HttpProbe::setRoundTripMeasure(Measure::Response);
   AsTwoWorkers([this](const Verdict& expected, bool secure) {
     const HttpProbe::KeptConnection connection;
     for (int i = 0; i < 3; ++i) {

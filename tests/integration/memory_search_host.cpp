@@ -145,7 +145,7 @@ int main(int count, char** values) {
   }
   const std::string directory = values[2];
   const std::string left = values[5];
-  HttpProbe::SetTrustFile(values[3]);
+  HttpProbe::setTrustFile(values[3]);
   CClientLibrary::Options options;
   options.log.file = directory + "/host.log";
   options.sources.headends.assign(values + FirstAddress, values + count);

@@ -189,13 +189,13 @@ class Scene {
     ::setenv("KRB5_CONFIG", "/dev/null", 1);
     // The resolver reads it when a thread first resolves a name.
     ::setenv("RES_OPTIONS", "timeout:1 attempts:1", 0);
-    HttpProbe::SetTrustFile(m_certificates.Authority());
+    HttpProbe::setTrustFile(m_certificates.Authority());
   }
   ~Scene() {
     for (const std::string& name : m_variables) {
       ::unsetenv(name.c_str());
     }
-    HttpProbe::SetTrustFile("");
+    HttpProbe::setTrustFile("");
   }
   Scene(const Scene&) = delete;
   Scene& operator=(const Scene&) = delete;

@@ -49,7 +49,7 @@ class RealPeers : public testing::Test {
  protected:
   ~RealPeers() override {
     m_library.reset();
-    HttpProbe::SetTrustFile("");
+    HttpProbe::setTrustFile("");
   }
 
   /// Brings the client library up on these hosts, with time limits that a busy machine does not
@@ -154,7 +154,7 @@ TEST_F(RealPeers, ServersWithATrustedCertificateAnswerAskForOneOrTalkOtherwise) 
   const OpensslServer reverses(m_certificates, OpensslServer::Mode::ReversedText);
   const NginxServer asking(m_certificates, "127.0.0.1", NginxServer::ClientCertificate::Demanded);
   const OpensslServer refusing(m_certificates, OpensslServer::Mode::ClientCertificate);
-  HttpProbe::SetTrustFile(m_certificates.Authority());
+  HttpProbe::setTrustFile(m_certificates.Authority());
   StartClient({{"a", nginx.Address()},
                {"b", haproxy.Address()},
                {"c", reverses.Address()},
@@ -184,7 +184,7 @@ TEST_F(RealPeers, AnIPv6AddressIsProbedAndKeepsItsBrackets) {
     GTEST_SKIP() << "this machine has no IPv6 loopback address";
   }
   const NginxServer nginx(m_certificates, "::1");
-  HttpProbe::SetTrustFile(m_certificates.Authority());
+  HttpProbe::setTrustFile(m_certificates.Authority());
   StartClient({{"six", nginx.Address()}});
 
   const Selection selection = runSelection("six", Reconnection, new ProviderWithoutProxy);

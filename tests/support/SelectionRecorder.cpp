@@ -188,7 +188,7 @@ Selection runSelection(const std::string& lastHeadend, unsigned int reason, Prox
                        unsigned int threadsThatStay) {
   const unsigned int threadsAfter = CThread::RunningCount() + threadsThatStay;
   const auto recorder = std::make_shared<Recorder>();
-  CAppLog::SetListener([recorder](const CAppLog::Record& record) { recorder->Hear(record); });
+  CAppLog::setListener([recorder](const CAppLog::Record& record) { recorder->Hear(record); });
 
   long status = -1;
   auto* const selection = new CHeadendSelection(recorder.get(), lastHeadend, reason, status);
@@ -205,7 +205,7 @@ Selection runSelection(const std::string& lastHeadend, unsigned int reason, Prox
   }
   EXPECT_TRUE(waitForThreads(threadsAfter)) << "the run left threads behind";
 
-  CAppLog::SetListener({});
+  CAppLog::setListener({});
   return recorder->Seen();
 }
 

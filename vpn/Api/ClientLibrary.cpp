@@ -14,7 +14,7 @@ constexpr const char* SourceFile = "vpn/Api/ClientLibrary";
 void applyProbePreferences(PreferenceMgr& preferenceMgr) {
   std::string value;
   preferenceMgr.getPreferenceValue(RoundTripTime, value);
-  HttpProbe::SetRoundTripMeasure(value == PreferenceBase::RoundTripResponse
+  HttpProbe::setRoundTripMeasure(value == PreferenceBase::RoundTripResponse
                                      ? HttpProbe::RoundTripMeasure::Response
                                      : HttpProbe::RoundTripMeasure::Network);
 }

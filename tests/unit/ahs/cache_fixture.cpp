@@ -69,7 +69,7 @@ void CacheTest::SetUp() {
   setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
   usePreferences(m_directory);
   forgetWarnings();
-  CAppLog::SetListener([this](const CAppLog::Record& record) {
+  CAppLog::setListener([this](const CAppLog::Record& record) {
     if (record.severity == Logging::DBG_Warning || record.severity == Logging::DBG_Error) {
       m_warnings.push_back(record.message);
     }
@@ -77,7 +77,7 @@ void CacheTest::SetUp() {
 }
 
 void CacheTest::TearDown() {
-  CAppLog::SetListener({});
+  CAppLog::setListener({});
   EXPECT_EQ(CSelectionCache::acquireInstance(), nullptr) << "an acquisition was not given back";
   if (m_preferences != nullptr) {
     m_preferences->releaseInstance();

@@ -25,11 +25,11 @@ struct LogLine {
 class LogCapture {
  public:
   LogCapture() {
-    CAppLog::SetListener([this](const CAppLog::Record& record) {
+    CAppLog::setListener([this](const CAppLog::Record& record) {
       m_lines.push_back({record.function, record.file, record.severity, record.message});
     });
   }
-  ~LogCapture() { CAppLog::SetListener({}); }
+  ~LogCapture() { CAppLog::setListener({}); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 

@@ -46,7 +46,7 @@ bool hasContext() {
 
 }  // namespace
 
-void HttpProbe::SetRoundTripMeasure(RoundTripMeasure measure) { g_measures.push_back(measure); }
+void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) { g_measures.push_back(measure); }
 
 TEST_F(ClientLibraryTest, PreferencesAndContextLiveAsLongAsTheObject) {
   {

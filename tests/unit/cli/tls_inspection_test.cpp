@@ -44,8 +44,8 @@ ScriptedServer::Script shakingHands(const TlsServerContext& context) {
 
 class TlsInspectionTest : public testing::Test {
  protected:
-  TlsInspectionTest() { HttpProbe::SetTrustFile(m_authority.file()); }
-  ~TlsInspectionTest() override { HttpProbe::SetTrustFile(""); }
+  TlsInspectionTest() { HttpProbe::setTrustFile(m_authority.file()); }
+  ~TlsInspectionTest() override { HttpProbe::setTrustFile(""); }
 
   TestAuthority m_authority;
 };
@@ -83,7 +83,7 @@ TEST_F(TlsInspectionTest, EveryDoubtIsTold) {
   subject.validFrom = -10L * 24 * 3600;
   subject.validUntil = -2L * 24 * 3600 - 60;
   const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(subject))));
-  HttpProbe::SetTrustFile("");
+  HttpProbe::setTrustFile("");
   const TlsInspection tls = inspect(server.port());
   EXPECT_EQ(tls.problem, "");
   ASSERT_TRUE(tls.certificate);

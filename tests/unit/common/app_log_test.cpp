@@ -497,9 +497,9 @@ TEST_F(AppLog, SyslogCanBeATargetBesideAnother) {
 
 TEST_F(AppLog, AListenerThatThrowsIsNotTheCallersTrouble) {
   ASSERT_EQ(CAppLog::open(toFile()), "");
-  CAppLog::SetListener([](const CAppLog::Record&) { throw std::runtime_error("trouble"); });
+  CAppLog::setListener([](const CAppLog::Record&) { throw std::runtime_error("trouble"); });
   EXPECT_NO_THROW(info("written all the same"));
-  CAppLog::SetListener({});
+  CAppLog::setListener({});
   EXPECT_THAT(written(), HasSubstr("written all the same"));
 }
 
@@ -523,9 +523,9 @@ TEST_F(AppLog, AListenerIsNotRunningAnyMoreWhenItHasBeenTakenAway) {
     });
     {
       auto heardHere = std::make_unique<int>(0);
-      CAppLog::SetListener([&heardHere](const CAppLog::Record&) { ++*heardHere; });
+      CAppLog::setListener([&heardHere](const CAppLog::Record&) { ++*heardHere; });
       std::this_thread::yield();
-      CAppLog::SetListener({});
+      CAppLog::setListener({});
       heardHere.reset();
     }
     ends = true;

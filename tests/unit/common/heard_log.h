@@ -17,12 +17,12 @@ class HeardLog {
   };
 
   HeardLog() {
-    CAppLog::SetListener([this](const CAppLog::Record& record) {
+    CAppLog::setListener([this](const CAppLog::Record& record) {
       const std::lock_guard<std::mutex> lock(m_lock);
       m_lines.push_back({record.function, record.file, record.severity, record.message});
     });
   }
-  ~HeardLog() { CAppLog::SetListener({}); }
+  ~HeardLog() { CAppLog::setListener({}); }
   HeardLog(const HeardLog&) = delete;
   HeardLog& operator=(const HeardLog&) = delete;
 

@@ -46,8 +46,8 @@ class HttpProbeTest : public testing::Test {
   static constexpr unsigned int kPatience = 20;
 
   void TearDown() override {
-    HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Network);
-    HttpProbe::SetTrustFile("");
+    HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Network);
+    HttpProbe::setTrustFile("");
   }
 
   STATUSCODE probe(unsigned short port, unsigned int timeoutSeconds = kPatience,

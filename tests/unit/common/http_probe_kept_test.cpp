@@ -308,7 +308,7 @@ TEST_F(HttpProbeKeptTest, WhatAServerSendsBeyondItsAnswerIsNoAnswerToTheNextProb
 
 // What a busy gateway answers late on a kept connection is its answer, whatever a fresh one brings.
 TEST_F(HttpProbeKeptTest, ALateAnswerOnAKeptConnectionCounts) {
-  HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   Requests server([](unsigned int number, Connection& connection) {
     connection.wait(number == 1 ? 0ms : 1400ms);
     return connection.send(kOk);
@@ -473,7 +473,7 @@ TEST_F(HttpProbeKeptTest, SilenceAfterAResetDoesNotOutlastTheTimeOutOfTheProbe) 
 }
 
 TEST_F(HttpProbeKeptTest, TheResponseMeasureOfAKeptConnectionStartsAtTheRequest) {
-  HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   Requests server([](unsigned int number, Connection& connection) {
     connection.wait(number == 2 ? 300ms : 0ms);
     return connection.send(kOk);
@@ -595,7 +595,7 @@ class HttpProbeKeptTlsTest : public HttpProbeKeptTest, public testing::WithParam
  protected:
   void SetUp() override {
     HttpProbeKeptTest::SetUp();
-    HttpProbe::SetTrustFile(authority.file());
+    HttpProbe::setTrustFile(authority.file());
   }
 
   /// @param treatment of the requests of one connection, in their order, from 1.
@@ -663,7 +663,7 @@ TEST_P(HttpProbeKeptTlsTest, ARequestThatIsResetOnAKeptConnectionIsSentOnAFreshO
 TEST_P(HttpProbeKeptTlsTest, ACertificateThatIsNotTrustedAnyMoreIsNotTrustedOnAKeptConnection) {
   const ScriptedServer server(overTls(answer));
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
-  HttpProbe::SetTrustFile("");
+  HttpProbe::setTrustFile("");
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
   expectOpenedAnew();
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);

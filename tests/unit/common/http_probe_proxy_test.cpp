@@ -255,7 +255,7 @@ TEST_F(HttpProbeTest, CredentialsAreGivenToNoServer) {
 
 TEST_F(HttpProbeTest, ASecureProbeGoesThroughATunnel) {
   const TestAuthority authority;
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   RequestLog serverLog;
   RequestLog proxyLog;
   const ScriptedServer server(
@@ -275,7 +275,7 @@ TEST_F(HttpProbeTest, ASecureProbeGoesThroughATunnel) {
   EXPECT_THAT(serverLog.all()[0], Not(HasSubstr("Proxy-Authorization")));
   ASSERT_EQ(proxyLog.all().size(), 1U);
 
-  HttpProbe::SetTrustFile("");
+  HttpProbe::setTrustFile("");
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
   EXPECT_EQ(results.uiHttpStatusCode, 0U);
   EXPECT_GE(report().responseRttUs, 0);
@@ -294,7 +294,7 @@ TEST_F(HttpProbeTest, ThroughAProxyTheResponseIsMeasured) {
 
 TEST_F(HttpProbeTest, ThroughATunnelTheServersResponseIsMeasured) {
   const TestAuthority authority;
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const ScriptedServer server(
       [context = TlsServerContext(authority.issue())](Connection& connection) {
         connection.startTls(context);

@@ -324,7 +324,7 @@ TEST_F(HttpProbeTest, TheNetworkMeasureIgnoresASlowGateway) {
 }
 
 TEST_F(HttpProbeTest, TheResponseMeasureCountsASlowGatewayAsFarAway) {
-  HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   const ScriptedServer server([](Connection& connection) {
     connection.readHead();
     connection.wait(300ms);
@@ -336,7 +336,7 @@ TEST_F(HttpProbeTest, TheResponseMeasureCountsASlowGatewayAsFarAway) {
 }
 
 TEST_F(HttpProbeTest, TheResponseMeasureEndsWhereTheServerCloses) {
-  HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   const ScriptedServer server([](Connection& connection) {
     connection.readHead();
     connection.wait(300ms);
@@ -351,7 +351,7 @@ TEST_F(HttpProbeTest, OnlyTheResultsAskedForAreWritten) {
     connection.wait(20ms);
     connection.send("HTTP/1.1 302 Found\r\nLocation: /x\r\n\r\n");
   });
-  HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   for (unsigned int bit = 1; bit <= kAll; bit <<= 1U) {
     HttpProbe::HTTP_PROBE_RESULTS untouched;
     untouched.uiRtt = 999999;
@@ -476,8 +476,8 @@ TEST_F(HttpProbeTest, ProbesOfManyThreadsDoNotDisturbEachOther) {
     });
   }
   for (int round = 0; round < kRounds; ++round) {
-    HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
-    HttpProbe::SetTrustFile("");
+    HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
+    HttpProbe::setTrustFile("");
   }
   for (std::thread& thread : threads) {
     thread.join();

@@ -41,7 +41,7 @@ class HttpProbeTlsTest : public HttpProbeTest {
 };
 
 TEST_F(HttpProbeTlsTest, ATrustedServerIsASuccess) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk, &log));
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
   EXPECT_EQ(results.uiHttpStatusCode, 200U);
@@ -65,7 +65,7 @@ TEST_F(HttpProbeTlsTest, AnUnknownAuthorityIsAMeasuredAnswerAndNothingIsSentToIt
 }
 
 TEST_F(HttpProbeTlsTest, AnExpiredCertificateIsUntrusted) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   TestAuthority::Subject subject;
   subject.validUntil = -60;
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue(subject)), kOk));
@@ -74,7 +74,7 @@ TEST_F(HttpProbeTlsTest, AnExpiredCertificateIsUntrusted) {
 }
 
 TEST_F(HttpProbeTlsTest, ACertificateThatIsNotYetValidIsUntrusted) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   TestAuthority::Subject subject;
   subject.validFrom = 600;
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue(subject)), kOk));
@@ -83,7 +83,7 @@ TEST_F(HttpProbeTlsTest, ACertificateThatIsNotYetValidIsUntrusted) {
 }
 
 TEST_F(HttpProbeTlsTest, ACertificateForAnotherHostIsUntrusted) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   TestAuthority::Subject subject;
   subject.alternativeNames = "DNS:vpn.example,IP:127.0.0.2";
   const ScriptedServer server(
@@ -96,16 +96,16 @@ TEST_F(HttpProbeTlsTest, ACertificateForAnotherHostIsUntrusted) {
 }
 
 TEST_F(HttpProbeTlsTest, ATrustFileThatCannotBeReadAddsNothing) {
-  HttpProbe::SetTrustFile("/nonexistent/trust.pem");
+  HttpProbe::setTrustFile("/nonexistent/trust.pem");
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk));
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
 }
 
 TEST_F(HttpProbeTlsTest, AnEmptyPathTakesTheTrustBack) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk));
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
-  HttpProbe::SetTrustFile("");
+  HttpProbe::setTrustFile("");
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
 }
 
@@ -121,13 +121,13 @@ class HttpProbeOfTlsVersion : public HttpProbeTlsTest, public testing::WithParam
 };
 
 TEST_P(HttpProbeOfTlsVersion, SucceedsWhereNoClientCertificateIsDemanded) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const ScriptedServer server(answeringOverTls(context(false), kOk));
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
 }
 
 TEST_P(HttpProbeOfTlsVersion, TellsThatAClientCertificateIsDemanded) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const ScriptedServer server(answeringOverTls(context(true), kOk));
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED)
       << results.uiLastError;
@@ -146,7 +146,7 @@ INSTANTIATE_TEST_SUITE_P(Tls, HttpProbeOfTlsVersion,
                          });
 
 TEST_F(HttpProbeTlsTest, AServerOfAnOldVersionIsAnInvalidResponse) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   TlsServerContext::Settings settings;
   settings.maxVersion = TLS1_1_VERSION;
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue(), settings), kOk));
@@ -188,7 +188,7 @@ TEST_F(HttpProbeTlsTest, AConnectionResetInTheHandshakeIsAnInvalidResponse) {
 }
 
 TEST_F(HttpProbeTlsTest, ATlsServerThatClosesWithoutAWordIsAnInvalidResponse) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const ScriptedServer server(
       [context = TlsServerContext(authority.issue())](Connection& connection) {
         connection.startTls(context);
@@ -199,7 +199,7 @@ TEST_F(HttpProbeTlsTest, ATlsServerThatClosesWithoutAWordIsAnInvalidResponse) {
 }
 
 TEST_F(HttpProbeTlsTest, TheResponseMeasureOfAFailedHandshakeStartsAtTheConnection) {
-  HttpProbe::SetRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   const ScriptedServer server([](Connection& connection) {
     connection.readSome();
     connection.wait(300ms);
@@ -210,7 +210,7 @@ TEST_F(HttpProbeTlsTest, TheResponseMeasureOfAFailedHandshakeStartsAtTheConnecti
 
 // Both ways make the probe write to a connection that is gone. A SIGPIPE would end this program.
 TEST_F(HttpProbeTlsTest, AConnectionGoneAfterTheHandshakeIsAnInvalidResponseAndRaisesNoSignal) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const TlsServerContext context(authority.issue());
   const ScriptedServer resetting([context](Connection& connection) {
     connection.startTls(context);
@@ -230,7 +230,7 @@ TEST_F(HttpProbeTlsTest, AConnectionGoneAfterTheHandshakeIsAnInvalidResponseAndR
 TEST_F(HttpProbeTlsTest, SecureProbesOfManyThreadsShareWhatTheyTrust) {
   constexpr int kThreads = 8;
   constexpr int kRounds = 5;
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk));
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
@@ -244,7 +244,7 @@ TEST_F(HttpProbeTlsTest, SecureProbesOfManyThreadsShareWhatTheyTrust) {
     });
   }
   for (int round = 0; round < kRounds; ++round) {
-    HttpProbe::SetTrustFile(authority.file());
+    HttpProbe::setTrustFile(authority.file());
   }
   for (std::thread& thread : threads) {
     thread.join();
@@ -290,14 +290,14 @@ ScriptedServer::Script changingKeysAfter(const TlsServerContext& context,
 }
 
 TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysInPlaceOfAnAnswerEndWithTheTimeout) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const TlsServerContext context(authority.issue());
   const ScriptedServer server(changingKeysAfter(context, ""));
   EXPECT_EQ(probeSecurely(server.port(), ShortTime), HTTP_SESSION_ERROR_TIMEOUT);
 }
 
 TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysAfterAnAnswerDoNotHoldTheNextProbeUp) {
-  HttpProbe::SetTrustFile(authority.file());
+  HttpProbe::setTrustFile(authority.file());
   const TlsServerContext context(authority.issue());
   const ScriptedServer server(
       changingKeysAfter(context, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n"));

@@ -55,7 +55,7 @@ std::shared_ptr<SelectionRecord> SelectionRecord::current() {
   return std::dynamic_pointer_cast<SelectionRecord>(CTask::current());
 }
 
-void SelectionRecord::SetTerms(Terms terms) {
+void SelectionRecord::setTerms(Terms terms) {
   const CAutoLockT<CManualLock> guard(m_lock);
   m_terms = std::move(terms);
 }

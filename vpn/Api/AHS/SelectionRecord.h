@@ -46,7 +46,7 @@ class SelectionRecord : public ProbeTask {
     bool measuresNow = false;
   };
   /// To be set before the run starts.
-  void SetTerms(Terms terms);
+  void setTerms(Terms terms);
   Terms terms() const;
 
   /// The run has used or stored this entry of the cache.

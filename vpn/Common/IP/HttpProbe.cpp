@@ -183,8 +183,8 @@ HttpProbe::KeptConnection::~KeptConnection() {
   }
 }
 
-void HttpProbe::SetRoundTripMeasure(RoundTripMeasure measure) {
-  ProbeSettings::SetMeasure(measure);
+void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) {
+  ProbeSettings::setMeasure(measure);
 }
 
-void HttpProbe::SetTrustFile(const std::string& path) { ProbeSettings::SetTrustFile(path); }
+void HttpProbe::setTrustFile(const std::string& path) { ProbeSettings::setTrustFile(path); }

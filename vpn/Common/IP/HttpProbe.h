@@ -136,9 +136,9 @@ class HttpProbe {
                                  std::chrono::seconds timeout) noexcept;
 
   /// Chooses the measure for probes that start from now on; `Network` until it is called.
-  static void SetRoundTripMeasure(RoundTripMeasure measure);
+  static void setRoundTripMeasure(RoundTripMeasure measure);
 
   /// Adds certificates (a PEM file) to those trusted, for probes that start from now on; an empty
   /// path for the system's alone. The file is read at once; one that cannot be read adds nothing.
-  static void SetTrustFile(const std::string& path);
+  static void setTrustFile(const std::string& path);
 };

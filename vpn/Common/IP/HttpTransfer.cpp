@@ -160,7 +160,7 @@ void HttpTransfer::start() {
   m_head = AnswerHead(expects);
   m_firstByteMark = 0;
   m_startedAt = Clock::now();
-  m_tlsWatch.SetEnd(m_request->deadline);
+  m_tlsWatch.setEnd(m_request->deadline);
   const milliseconds left = m_request->timeLeft();
   set(CURLOPT_TIMEOUT_MS, static_cast<long>(left.count()));
   if (m_setup != CURLE_OK) {
@@ -256,7 +256,7 @@ void HttpTransfer::fetchBody() {
   const Clock::time_point start = Clock::now();
   const microseconds roundTrip(m_rttUs != Unknown ? m_rttUs : m_tookUs);
   const Clock::time_point end = m_headAt + std::clamp(roundTrip, LeastBodyWait, MostBodyWait);
-  m_tlsWatch.SetEnd(std::max(end, start + LeastBodyWait));
+  m_tlsWatch.setEnd(std::max(end, start + LeastBodyWait));
   int running = 1;
   int ready = 0;
   milliseconds left(1);

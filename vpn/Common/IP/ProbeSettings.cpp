@@ -98,7 +98,7 @@ bool ProbeSettings::prepareTransport(bool secure) {
 
 RoundTripMeasure ProbeSettings::measure() { return settings().measure; }
 
-void ProbeSettings::SetMeasure(RoundTripMeasure measure) { settings().measure = measure; }
+void ProbeSettings::setMeasure(RoundTripMeasure measure) { settings().measure = measure; }
 
 ProbeSettings::Trust ProbeSettings::trustedCertificates() {
   Settings& process = settings();
@@ -109,7 +109,7 @@ ProbeSettings::Trust ProbeSettings::trustedCertificates() {
   return process.trust;
 }
 
-void ProbeSettings::SetTrustFile(const std::string& path) {
+void ProbeSettings::setTrustFile(const std::string& path) {
   Settings& process = settings();  // first: it prepares OpenSSL
   Trust store = makeTrust(path);
   CAutoLockT<CManualLock> guard(process.lock);

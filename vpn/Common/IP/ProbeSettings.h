@@ -18,10 +18,10 @@ class ProbeSettings {
   static bool prepareTransport(bool secure);
 
   static RoundTripMeasure measure();
-  static void SetMeasure(RoundTripMeasure measure);
+  static void setMeasure(RoundTripMeasure measure);
 
-  /// The certificates that are trusted, the same object until `SetTrustFile`; null if there is no
+  /// The certificates that are trusted, the same object until `setTrustFile`; null if there is no
   /// memory for them. The first call reads the system's.
   static Trust trustedCertificates();
-  static void SetTrustFile(const std::string& path);
+  static void setTrustFile(const std::string& path);
 };

@@ -27,7 +27,7 @@ class TlsWatch {
   bool attach(ssl_ctx_st* context, TlsHandshake* shown);
 
   /// When the time for talk that leads to nothing is over.
-  void SetEnd(Clock::time_point end) { m_end = end; }
+  void setEnd(Clock::time_point end) { m_end = end; }
   /// The server's talk went on beyond the end and was cut off.
   bool isLate() const { return m_late; }
   bool isClientCertificateAsked() const { return m_clientCertificateAsked; }

@@ -316,7 +316,7 @@ void CAppLog::flush() {
   errno = keptErrno;
 }
 
-void CAppLog::SetListener(Listener listener) {
+void CAppLog::setListener(Listener listener) {
   State& log = state();
   {
     const CAutoLockT<CManualLock> lock(log.listenerLock);

@@ -47,7 +47,7 @@ class CAppLog {
     Logging::DebugImportance severity;  ///< how much it matters
     const std::string& message;         ///< its text, without the line's beginning
   };
-  /// Hears messages; see `SetListener`.
+  /// Hears messages; see `setListener`.
   using Listener = std::function<void(const Record&)>;
 
   /// Where the log goes and what it lets through.
@@ -111,5 +111,5 @@ class CAppLog {
   /// function takes it away. It is called on the logging thread, by one thread at a time, and must
   /// neither log nor call this; what it throws is dropped. When this returns the former listener is
   /// not running and will not run again.
-  static void SetListener(Listener listener);
+  static void setListener(Listener listener);
 };

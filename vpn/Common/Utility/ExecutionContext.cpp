@@ -57,7 +57,7 @@ STATUSCODE CExecutionContext::createInstance(EXECUTIONCONTEXT_INSTANCE /*instanc
   }
   if (const int error = CReserveThread::create(); error != 0) {
     CAppLog::LogReturnCode("createInstance", SourceFile, __LINE__, Logging::DBG_Error,
-                           "CReserveThread::Create", THREAD_ERROR_CREATE_FAILED, error, nullptr);
+                           "CReserveThread::create", THREAD_ERROR_CREATE_FAILED, error, nullptr);
     return THREAD_ERROR_CREATE_FAILED;
   }
   try {

@@ -124,4 +124,4 @@ void CAppLog::LogVerboseMessage(const char* function, const char* file, unsigned
 std::string CAppLog::open(const Targets&) { return {}; }
 void CAppLog::close() {}
 void CAppLog::flush() {}
-void CAppLog::SetListener(Listener) {}
+void CAppLog::setListener(Listener) {}

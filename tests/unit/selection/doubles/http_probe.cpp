@@ -120,5 +120,5 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
 
 HttpProbe::KeptConnection::KeptConnection() noexcept { ++keptHere; }
 HttpProbe::KeptConnection::~KeptConnection() { --keptHere; }
-void HttpProbe::SetRoundTripMeasure(RoundTripMeasure) {}
-void HttpProbe::SetTrustFile(const std::string&) {}
+void HttpProbe::setRoundTripMeasure(RoundTripMeasure) {}
+void HttpProbe::setTrustFile(const std::string&) {}

@@ -142,6 +142,7 @@ void XmlDocument::setCallbacks(_xmlSAXHandler& handler) {
         return;
       }
       Attributes list;
+      list.reserve(static_cast<std::size_t>(attributeCount));
       for (int i = 0; i < namespaceCount; ++i, namespaces += 2) {
         list.push_back({namespaces[0] != nullptr ? "xmlns:" + toText(namespaces[0]) : "xmlns",
                         toText(namespaces[1])});
@@ -251,9 +252,10 @@ const std::string* XmlDocument::find(const Attributes& attributes, const std::st
   return found != attributes.end() ? &found->value : nullptr;
 }
 
-std::string XmlDocument::valueOf(const Attributes& attributes, const std::string& name) {
+const std::string& XmlDocument::valueOf(const Attributes& attributes, const std::string& name) {
+  static const std::string& none = *new std::string;
   const std::string* const value = find(attributes, name);
-  return value != nullptr ? *value : std::string();
+  return value != nullptr ? *value : none;
 }
 
 XmlDocument::Place XmlDocument::placeOfTag() { return m_places->placeOf(m_tag); }

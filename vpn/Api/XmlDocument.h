@@ -47,11 +47,10 @@ class XmlDocument {
   /// Refuses the text; nothing more is read.
   void refuse(Place place, const std::string& reason);
 
-  /// The value of an attribute; null, or empty, if there is none of that name.
-  /// @{
+  /// The value of an attribute; null if there is none of that name.
   static const std::string* find(const Attributes& attributes, const std::string& name);
-  static std::string valueOf(const Attributes& attributes, const std::string& name);
-  /// @}
+  /// The same; empty if there is none. It lives as long as the list.
+  static const std::string& valueOf(const Attributes& attributes, const std::string& name);
   /// How many elements are open, the one that `start` is told of included.
   std::size_t depth() const { return m_depth; }
 

@@ -86,12 +86,12 @@ bool SelectionReader::take(const std::string& element, const Attributes& attribu
     return element == "selection" && attributes.size() == 2 && isStamped && stored > 0 &&
            stored <= MaxTimestamp && find(attributes, "place") != nullptr;
   }
-  const std::string name = valueOf(attributes, "name");
+  const std::string& name = valueOf(attributes, "name");
   if (name.empty() || depth() != 2) {
     return false;
   }
   if (element == "candidate") {
-    m_candidates += name + ";";
+    m_candidates.append(name).append(1, ';');
     return attributes.size() == 1;
   }
   std::uint32_t metric = 0;

@@ -24,7 +24,6 @@
 
 namespace {
 
-using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -144,13 +143,13 @@ void connectTo(CheckedAddress& target, milliseconds limit) {
   const int connection = socket(target.address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   // The kernel limits the time of a connect by that of a write.
   const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
-  const timeval longest{seconds.count(), microseconds(limit - seconds).count()};
+  const timeval longest{seconds.count(), std::chrono::microseconds(limit - seconds).count()};
   const bool isConnected =
       connection >= 0 &&
       setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest) == 0 &&
       connect(connection, reinterpret_cast<const sockaddr*>(&target.address), target.length) == 0;
   const int error = isConnected ? 0 : errno;
-  target.took = std::chrono::duration_cast<microseconds>(Clock::now() - start);
+  target.took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
   target.outcome = error == EINVAL && needsZone(target) ? "needs a zone" : outcomeOfError(error);
   if (connection >= 0) {
     close(connection);

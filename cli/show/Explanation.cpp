@@ -21,11 +21,11 @@ constexpr long long EarlyFactor = 3;
 constexpr long long EarlyDifferenceUs = 30'000;
 
 // Names of headends without a result that are listed; a thousand of them are no explanation.
-constexpr std::size_t MostNames = 10;
+constexpr std::size_t MostMissing = 10;
 
 std::string name(const HeadendResult& headend) { return Console::visible(titleOf(headend)); }
 
-std::string milliseconds(unsigned int metric) { return std::to_string(metric) + " ms"; }
+std::string inMs(unsigned int metric) { return std::to_string(metric) + " ms"; }
 
 /// The smallest of a kind of round trip over a headend's probes; -1 if no probe has one.
 long long smallest(const HeadendResult& headend, long long HttpProbe::Report::*time) {
@@ -68,7 +68,7 @@ std::string describe(const HeadendResult& headend) {
   const std::string samples =
       headend.samplesMs.empty() ? "" : " (samples " + samplesText(headend.samplesMs, ", ") + ")";
   return name(headend) + "  " +
-         (headend.metricMs ? milliseconds(*headend.metricMs) + samples
+         (headend.metricMs ? inMs(*headend.metricMs) + samples
                            : std::string("no metric: ") + outcomeName(headend.outcome));
 }
 
@@ -129,12 +129,12 @@ std::string missingLines(const SelectionResult& result) {
     }
   }
   std::string text;
-  for (std::size_t i = 0; i < std::min(missing.size(), MostNames); ++i) {
+  for (std::size_t i = 0; i < std::min(missing.size(), MostMissing); ++i) {
     text += line(i == 0 ? "no metric" : "",
                  name(*missing[i]) + "  " + outcomeName(missing[i]->outcome));
   }
-  if (missing.size() > MostNames) {
-    text += line("", "and " + std::to_string(missing.size() - MostNames) + " more");
+  if (missing.size() > MostMissing) {
+    text += line("", "and " + std::to_string(missing.size() - MostMissing) + " more");
   }
   return text;
 }
@@ -193,9 +193,9 @@ std::string decisionInWords(const SelectionResult& result) {
   if (decision.best == nullptr || exitStatusOf(result.status) != ExitSelected) {
     return statusInWords(result);
   }
-  const std::string best = milliseconds(*decision.best->metricMs);
+  const std::string best = inMs(*decision.best->metricMs);
   if (decision.isRetained) {
-    return "Stays with " + name(*decision.last) + ": " + milliseconds(*decision.last->metricMs) +
+    return "Stays with " + name(*decision.last) + ": " + inMs(*decision.last->metricMs) +
            ", less than " + Wording::fixed(*decision.threshold, 2) + " times the best metric, " +
            best + (decision.best == decision.last ? "" : " of " + name(*decision.best)) + ".";
   }

@@ -179,7 +179,7 @@ std::string cell(const std::string& content, bool isNumber = false) {
   return (isNumber ? "<td class=\"n\">" : "<td>") + asXmlText(content) + "</td>";
 }
 
-std::string milliseconds(long long microseconds) {
+std::string inMs(long long microseconds) {
   return microseconds < 0 ? "" : Wording::fixed(static_cast<double>(microseconds) / 1000, 1);
 }
 
@@ -204,8 +204,8 @@ std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen,
          (named ? cell(nameBeside(headend.headend, headend.name)) : "") +
          cell(headend.metricMs ? std::to_string(*headend.metricMs) : "", true) +
          cell(samplesText(headend.samplesMs, " ")) + cell(outcomeName(headend.outcome)) +
-         cell(milliseconds(probe.networkRttUs), true) +
-         cell(milliseconds(probe.responseRttUs), true) + cell(probe.address) + "</tr>\n";
+         cell(inMs(probe.networkRttUs), true) + cell(inMs(probe.responseRttUs), true) +
+         cell(probe.address) + "</tr>\n";
 }
 
 std::string tableOf(const SelectionResult& result) {

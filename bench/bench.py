@@ -38,6 +38,10 @@ ROWS = {
 }
 
 
+# Those with a ratio that must hold on any machine.
+CHECKED = ("time", "secure", "error", "busy", "jitter", "processor", "memory")
+
+
 @dataclasses.dataclass
 class Sizes:
     """How much is measured. The first is the real one; a smoke test only wants every line to run."""
@@ -64,6 +68,10 @@ class Sizes:
         return Sizes(counts=(2, 3, 4), growth=(2, 3, 4), secure=2, busy=2, jitter=3, cached=5, rounds=1,
                      jitter_rounds=1, scenes=1, trials=1, cache_runs=3, loops=1, scale=0.1)
 
+    @staticmethod
+    def check():
+        return Sizes(rounds=2, jitter_rounds=3)
+
 
 @dataclasses.dataclass
 class Bench:
@@ -88,12 +96,14 @@ def parse():
     parser.add_argument("--write", action="store_true",
                         help="put the figures into docs/benchmarks.md and the picture beside it; all rows")
     parser.add_argument("--seed", type=int, default=1, help="of jitter and loss (%(default)s)")
+    parser.add_argument("--check", action="store_true",
+                        help="fewer rounds; fail if a ratio is far from its target")
     parser.add_argument("--smoke", action="store_true", help="tiny numbers, to see that everything runs")
     arguments = parser.parse_intermixed_args()
     unknown = [row for row in arguments.rows if row not in ROWS]
     if unknown:
         parser.error(f"there is no row {unknown[0]!r}")
-    if arguments.write and (arguments.rows or arguments.smoke):
+    if arguments.write and (arguments.rows or arguments.smoke or arguments.check):
         parser.error("--write takes all rows")
     if not os.access(os.path.join(arguments.build, "bin", "bench-measure"), os.X_OK):
         parser.error(f"{arguments.build} has not been built")
@@ -113,13 +123,13 @@ def text_below(bench):
 
 
 def measure(arguments, scratch, load):
-    sizes = Sizes.smoke() if arguments.smoke else Sizes()
+    sizes = Sizes.smoke() if arguments.smoke else Sizes.check() if arguments.check else Sizes()
     the_world = world.World(os.path.abspath(arguments.build), scratch)
     picture = os.path.join(ROOT, "docs", "growth.svg") if arguments.write \
         else os.path.join(scratch if arguments.smoke else arguments.build, "growth.svg")
     bench = Bench(the_world, sizes, growth.Growth(the_world, sizes), arguments.seed, picture)
     found = []
-    for name in arguments.rows or ROWS:
+    for name in arguments.rows or (CHECKED if arguments.check else ROWS):
         start = time.monotonic()
         print(f"{name}...", end="", file=sys.stderr, flush=True)
         found += ROWS[name][0](bench)
@@ -129,6 +139,10 @@ def measure(arguments, scratch, load):
     print(text)
     if arguments.write:
         figures.write(os.path.join(ROOT, "docs", "benchmarks.md"), text)
+    broken = [figure for figure in found if figure.is_broken()] if arguments.check else []
+    for figure in broken:
+        print(f"FAILED: {figure.what}: ratio {figure.ratio or 'unknown'}, at most {figure.most:g}", file=sys.stderr)
+    return 1 if broken else 0
 
 
 def end(number, _):
@@ -143,11 +157,10 @@ def main():
     # Whatever way this ends, the processes are ended where they were started.
     with tempfile.TemporaryDirectory(prefix="ahs-bench-") as scratch:
         try:
-            measure(arguments, scratch, load)
+            return measure(arguments, scratch, load)
         except world.NotPermitted as reason:
             print(f"skipped: {reason}", file=sys.stderr)
             return world.NOT_PERMITTED
-    return 0
 
 
 if __name__ == "__main__":

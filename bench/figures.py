@@ -21,6 +21,11 @@ class Figure:
     ratio: str
     # None where nothing is demanded.
     met: bool | None
+    # A ratio above this means a fault on any machine, also a busy one; None where there is no such bound.
+    most: float | None = None
+
+    def is_broken(self):
+        return self.most is not None and not (self.ratio and float(self.ratio) <= self.most)
 
 
 def table(figures):

@@ -11,6 +11,8 @@ from figures import Figure
 # Of the limit, by number of gateways.
 TARGETS = {10: 1.01, 100: 1.03, 1000: 1.15}
 SECURE_TARGET = 1.10
+# Of what exceeds the limit, how much more a busy machine may add.
+MARGIN = 4
 
 # A worker that keeps its connection: TCP and TLS 1.3 take a round trip each, then every ping one.
 HANDSHAKE_ROUND_TRIPS = 2
@@ -24,8 +26,12 @@ def time_to_result(bench):
         figures.append(Figure(
             f"time to result, {count:,} headends", f"at most {target} of the limit",
             f"{found.median('elapsed'):,.0f} ms", f"limit {found.limit:,.0f} ms",
-            f"{ratio:.3f}", ratio <= target))
+            f"{ratio:.3f}", ratio <= target, with_margin(target)))
     return figures
+
+
+def with_margin(target):
+    return 1 + MARGIN * (target - 1)
 
 
 def select_securely(world, gateways, rounds):
@@ -72,10 +78,11 @@ def secure(bench):
     return [
         Figure(f"secure, connections reused, {sizes.secure:,} headends",
                f"at most {SECURE_TARGET:.2f} of the limit", f"{ours:,.0f} ms",
-               f"limit with reuse {limit:,.0f} ms", f"{ours / limit:.3f}", ours / limit <= SECURE_TARGET),
+               f"limit with reuse {limit:,.0f} ms", f"{ours / limit:.3f}", ours / limit <= SECURE_TARGET,
+               with_margin(SECURE_TARGET)),
         Figure("the same beside no reuse", "", f"{ours:,.0f} ms, processor {processor[0]:,.0f} ms",
                f"headends that close: {theirs:,.0f} ms (limit {limit_anew:,.0f}), "
-               f"processor {processor[1]:,.0f} ms", f"{ours / theirs:.2f}", None),
+               f"processor {processor[1]:,.0f} ms", f"{ours / theirs:.2f}", None, 1),
         Figure("error of the secure metric, median / worst", "",
                str(w.error_of(kept, [round["metrics"] for round in reused])),
                f"no reuse: {w.error_of(parting, [round['metrics'] for round in anew])}", "", None),

@@ -28,7 +28,7 @@ def idle(bench):
     ours, theirs = found.error(), found.error("curl")
     return [Figure(f"error of the metric, median / worst, {count:,} headends, idle",
                    f"worst at most {WORST_MS} ms", str(ours), f"`curl --parallel` {theirs}",
-                   ratio(ours.worst, theirs.worst), is_true(ours))]
+                   ratio(ours.worst, theirs.worst), is_true(ours), 1)]
 
 
 def measure_busy(world, gateways, rounds, loops):
@@ -60,7 +60,7 @@ def busy(bench):
                       ("response", "its own `response`")):
         figures.append(Figure(what, f"worst at most {WORST_MS} ms" if who == "curl" else "", str(ours),
                               f"{name} {error[who]}", ratio(ours.worst, error[who].worst),
-                              is_true(ours) if who == "curl" else None))
+                              is_true(ours) if who == "curl" else None, 1))
         what = "the same"
     return figures
 
@@ -87,4 +87,4 @@ def jitter(bench):
     return [Figure(f"median error with {JITTER_MS} ms mean jitter and {LOSS_PERCENT} % loss, "
                    f"{sizes.jitter:,} headends", f"at most {JITTER_TARGET} of `response`'s",
                    f"{error['network']:.2f} ms", f"`response` {error['response']:.2f} ms, "
-                   f"time to connect {error['connect']:.2f} ms", f"{share:.2f}", share <= JITTER_TARGET)]
+                   f"time to connect {error['connect']:.2f} ms", f"{share:.2f}", share <= JITTER_TARGET, 1)]

@@ -2,7 +2,8 @@
 # `make help` lists them.
 
 JOBS ?= $(shell nproc)
-CTEST_JOBS ?= $(shell nproc)
+# Tests wait more than they compute.
+CTEST_JOBS ?= $(shell expr 3 \* $$(nproc))
 FUZZ_SECONDS ?= 600
 SOAK_RUNS ?= 200000
 PREFIX ?= /usr/local
@@ -33,12 +34,14 @@ install: ## Install that below PREFIX (/usr/local), within DESTDIR if that is se
 	$(if $(DESTDIR),,ldconfig || echo "ldconfig did not run: the loader may not find the library yet")
 
 .PHONY: test
-test: deps-test release fuzzers ## Build and run all tests, and fuzz each reader for half a minute
-	ctest --preset release -j $(CTEST_JOBS)
-	FUZZ_SECONDS=30 tools/fuzz.sh build/fuzz
+test: deps-test release ## Build and run the tests
+	ctest --preset release -LE world -j $(CTEST_JOBS)
 
 .PHONY: test-world
-test-world: deb-check ## Run the tests that are too long for that
+test-world: deps-world deb-check release fuzzers ## Run the tests that need more programs, packages, fuzzers, ratios of the benchmarks
+	ctest --preset release -L world -j $(CTEST_JOBS)
+	FUZZ_SECONDS=30 tools/fuzz.sh build/fuzz
+	bench/run.sh build/release --check
 
 .PHONY: docs
 docs: deps-build ## Write the command's options and exit statuses into docs/cli.md
@@ -52,7 +55,7 @@ fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz
 
 .PHONY: soak
-soak: deps-test release ## Run for hours: races under both sanitizers, every fault at every call, levels, valgrind, mutants
+soak: deps-world release ## Run for hours: races under both sanitizers, every fault at every call, levels, valgrind, mutants
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS) --target selection_stress
 	cmake --preset tsan
@@ -69,13 +72,13 @@ mutants: deps-test ## Break each promise in turn and see that its tests fall: a 
 	JOBS=$(JOBS) tests/mutants/run.sh
 
 .PHONY: fuzzers
-fuzzers: deps-test
+fuzzers: deps-world
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
 
 .PHONY: asan tsan debug clang
 clang: deps-lint
-asan tsan debug clang: deps-test ## Build and run all tests: sanitizers, no optimisation, clang
+asan tsan debug clang: deps-world ## Build and run all tests: sanitizers, no optimisation, clang
 	cmake --preset $@
 	cmake --build --preset $@ -j $(JOBS)
 	ctest --preset $@ -j $(CTEST_JOBS)
@@ -102,11 +105,11 @@ deb-check: deb ## Build them twice, compare, and use them in a clean root (needs
 	tests/package/clean_root_test.sh . build/clean-root build/deb
 
 .PHONY: abi
-abi: deps-test release ## Describe anew the binary interface that its test compares with: see docs/versions.md
+abi: deps-world release ## Describe anew the binary interface that its test compares with: see docs/versions.md
 	tests/package/abi_test.sh . build/release --write
 
 .PHONY: reference
-reference: deps-test ## Make the reference of the library's headers: build/reference/index.html
+reference: deps-world ## Make the reference of the library's headers: build/reference/index.html
 	cmake --preset release
 	mkdir -p build/reference
 	cd build/reference && doxygen ../release/packaging/Doxyfile
@@ -116,8 +119,8 @@ release: deps-build ## Build, optimised, into build/release
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
 
-.PHONY: deps-lib deps-build deps-test deps-lint deps-bench deps-deb
-deps-lib deps-build deps-test deps-lint deps-bench deps-deb:
+.PHONY: deps-lib deps-build deps-test deps-world deps-lint deps-bench deps-deb
+deps-lib deps-build deps-test deps-world deps-lint deps-bench deps-deb:
 	@tools/install-packages.sh $(@:deps-%=%)
 
 .PHONY: clean

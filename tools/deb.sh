@@ -1,19 +1,13 @@
 #!/bin/bash
 # Builds the Debian packages from what is committed or changed in the checkout, and checks them with
-# lintian. With BUILD-DIRECTORY they hold what is compiled there.
-# Usage: deb.sh [TARGET-DIRECTORY (build/deb) [BUILD-DIRECTORY]]
+# lintian.
+# Usage: deb.sh [TARGET-DIRECTORY (build/deb)]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 target=${1:-build/deb}
 rm -rf "$target"
 mkdir -p "$target/ahs"
 target=$(cd "$target" && pwd)
-if [ -n "${2:-}" ]; then
-  AHS_BUILT=$(cd "$2" && pwd)
-  export AHS_BUILT
-  # The symbols take most of the time.
-  export DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:-} noautodbgsym"
-fi
 # What is deleted and not committed yet is still listed.
 git ls-files -co --exclude-standard -z |
   while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |

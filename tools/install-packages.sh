@@ -1,5 +1,5 @@
 #!/bin/bash
-# Installs the Debian packages that are missing for one purpose: lib, build, test, lint, bench or deb.
+# Installs the Debian packages that are missing for one purpose: lib, build, test, world, lint, bench or deb.
 # Touches nothing when all are there. Needs root, else sudo.
 set -euo pipefail
 
@@ -8,10 +8,10 @@ lib=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-de
 build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
 # What the benchmarks, and the short run of them that is a test, put beside ahs.
 peers=(python3 fping httping)
-test=("${build[@]}" "${peers[@]}" nginx haproxy squid binutils valgrind doxygen
-  mandoc man-db zsh fish bash-completion
+test=("${build[@]}" fping nginx squid)
+world=("${test[@]}" "${peers[@]}" haproxy valgrind doxygen mandoc man-db zsh fish bash-completion
   clang-14 libclang-rt-14-dev debhelper lintian debootstrap abigail-tools)
-lint=("${test[@]}" clang-format-14 clang-tidy-14 shellcheck)
+lint=("${test[@]}" clang-14 clang-format-14 clang-tidy-14 shellcheck)
 deb=("${lib[@]}" debhelper lintian debootstrap)
 bench=("${build[@]}" "${peers[@]}")
 
@@ -19,11 +19,12 @@ case "${1:-}" in
   lib) wanted=("${lib[@]}") ;;
   build) wanted=("${build[@]}") ;;
   test) wanted=("${test[@]}") ;;
+  world) wanted=("${world[@]}") ;;
   lint) wanted=("${lint[@]}") ;;
   bench) wanted=("${bench[@]}") ;;
   deb) wanted=("${deb[@]}") ;;
   *)
-    echo "usage: $0 lib|build|test|lint|bench|deb" >&2
+    echo "usage: $0 lib|build|test|world|lint|bench|deb" >&2
     exit 2
     ;;
 esac

@@ -6,8 +6,7 @@
 # for a day in CACHE-DIRECTORY, and so is what apt fetched. Mounts live in a namespace of their own and
 # go with it. Ends with 77, skipped, without root's rights or a mirror;
 # with AHS_NO_SKIP in the environment that is a failure.
-# Usage: clean_root_test.sh SOURCE-DIRECTORY CACHE-DIRECTORY PACKAGES-DIRECTORY [BUILD-DIRECTORY]
-# With BUILD-DIRECTORY the packages are made first, of what is compiled there.
+# Usage: clean_root_test.sh SOURCE-DIRECTORY CACHE-DIRECTORY PACKAGES-DIRECTORY
 set -euo pipefail
 fail() {
   echo "FAILED: $*" >&2
@@ -24,7 +23,7 @@ if [ "$1" != --inside ]; then
   exec unshare --mount -- "$0" --inside "$@"
 fi
 shift
-source=$1 cache=$2 packages=$3 build=${4:-}
+source=$1 cache=$2 packages=$3
 scratch=$(mktemp -d)
 root=$scratch/root
 cleanup() {
@@ -75,12 +74,6 @@ make_base() {
   cp -L /etc/resolv.conf /etc/hosts "$root/etc"
   quiet update apt update || return 1
 }
-
-if [ -n "$build" ]; then
-  phase "packages"
-  quiet packages "$source/tools/deb.sh" "$packages" "$build" || fail "the packages cannot be made"
-  grep -E '^[EW]: ' "$scratch/packages.log" || true
-fi
 
 phase "base system"
 mkdir "$root"

@@ -2,39 +2,56 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/ScriptedServer.h"
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/ProbeTask.h"
 
-/// Remembers what it is told.
-class RecordingWatcher : public ProbeTask {
+namespace tests {
+
+inline constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+
+inline void closeAfterRequest(Connection& connection) { connection.readHead(); }
+inline void staySilent(Connection& connection) { connection.waitForPeer(); }
+
+/// Answers the first request once some time has passed.
+inline ScriptedServer::Script answeringAfter(std::chrono::milliseconds time,
+                                             const std::string& answer = kOk) {
+  return [=](Connection& connection) {
+    connection.readHead();
+    connection.wait(time);
+    connection.send(answer);
+  };
+}
+
+/// Puts a variable into the environment for a time.
+class Variable {
  public:
-  void probeStarted(const HttpProbe::Report& report) override {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    m_started.push_back(report);
+  Variable(const char* name, const std::string& value) : m_name(name) {
+    setenv(name, value.c_str(), 1);
   }
-  void probeEnded(const HttpProbe::Report& report) override {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    m_ended.push_back(report);
-  }
-  std::vector<HttpProbe::Report> started() const {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    return m_started;
-  }
-  std::vector<HttpProbe::Report> ended() const {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    return m_ended;
-  }
+  ~Variable() { unsetenv(m_name); }
+  Variable(const Variable&) = delete;
+  Variable& operator=(const Variable&) = delete;
 
  private:
-  mutable std::mutex m_mutex;
-  std::vector<HttpProbe::Report> m_started;
-  std::vector<HttpProbe::Report> m_ended;
+  const char* const m_name;
+};
+
+/// Remembers what it is told, by one thread at a time.
+class RecordingWatcher : public ProbeTask {
+ public:
+  void probeStarted(const HttpProbe::Report& report) override { started.push_back(report); }
+  void probeEnded(const HttpProbe::Report& report) override { ended.push_back(report); }
+
+  std::vector<HttpProbe::Report> started;
+  std::vector<HttpProbe::Report> ended;
 };
 
 /// Sends probes and keeps what came back of the last one. Leaves the process's settings as they are
@@ -58,20 +75,38 @@ class HttpProbeTest : public testing::Test {
                            const std::string& host = "127.0.0.1") {
     return send(host, true, port, timeoutSeconds);
   }
+  /// Probes a server that is there for this probe alone.
+  STATUSCODE probeOf(ScriptedServer::Script script, bool secure = false,
+                     unsigned int timeoutSeconds = kPatience) {
+    const ScriptedServer server(std::move(script));
+    return send("127.0.0.1", secure, server.port(), timeoutSeconds);
+  }
 
-  HttpProbe::Report report() const { return watcher->ended().back(); }
+  const HttpProbe::Report& report() const { return watcher->ended.back(); }
+  void expectRoundTripTimes() const {
+    EXPECT_GE(report().connectUs, 0);
+    EXPECT_GE(report().networkRttUs, 0);
+    EXPECT_GE(report().responseRttUs, 0);
+    EXPECT_LE(report().responseRttUs, report().totalUs);
+  }
 
   const std::shared_ptr<RecordingWatcher> watcher = std::make_shared<RecordingWatcher>();
   const CTask::Scope scope{watcher};
   PROXY_DATA proxy;
   std::string userAgent;
+  unsigned int wanted = kAll;
+  /// What the results are before each probe.
+  HttpProbe::HTTP_PROBE_RESULTS untouched;
   HttpProbe::HTTP_PROBE_RESULTS results;
+  RequestLog log;
 
  private:
   STATUSCODE send(const std::string& host, bool secure, unsigned short port,
                   unsigned int timeoutSeconds) {
-    results = HttpProbe::HTTP_PROBE_RESULTS();
+    results = untouched;
     return HttpProbe::SendHttpProbe(host, secure, false, port, userAgent, timeoutSeconds, proxy,
-                                    kAll, results);
+                                    wanted, results);
   }
 };
+
+}  // namespace tests

@@ -25,30 +25,14 @@
 
 namespace {
 
-using tests::Connection;
-using tests::ScriptedServer;
-
 /// What the kernel of this program says.
 struct KERNEL {
   std::atomic<unsigned int> minRttUs{0};
   std::atomic<std::size_t> infoLength{sizeof(tcp_info)};
   std::atomic<bool> fails{false};
   std::atomic<unsigned int> asked{0};
-  std::atomic<int> connectTakesMs{0};
-
-  void reset() {
-    minRttUs = 0;
-    infoLength = sizeof(tcp_info);
-    fails = false;
-    asked = 0;
-    connectTakesMs = 0;
-  }
-};
-
-KERNEL& kernel() {
-  static KERNEL& instance = *new KERNEL;
-  return instance;
-}
+  std::atomic<unsigned int> connectTakesMs{0};
+} kernel;
 
 }  // namespace
 
@@ -61,14 +45,14 @@ int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t*
   if (level != IPPROTO_TCP || option != TCP_INFO) {
     return __real_getsockopt(socket, level, option, value, length);
   }
-  ++kernel().asked;
-  if (kernel().fails) {
+  ++kernel.asked;
+  if (kernel.fails) {
     errno = ENOPROTOOPT;
     return -1;
   }
   tcp_info info{};
-  info.tcpi_min_rtt = kernel().minRttUs;
-  *length = static_cast<socklen_t>(std::min<std::size_t>(*length, kernel().infoLength));
+  info.tcpi_min_rtt = kernel.minRttUs;
+  *length = static_cast<socklen_t>(std::min<std::size_t>(*length, kernel.infoLength));
   std::memcpy(value, &info, *length);
   return 0;
 }
@@ -76,40 +60,25 @@ int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t*
 int connect(int socket, const sockaddr* address, socklen_t length) {
   using Function = int (*)(int, const sockaddr*, socklen_t);
   static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "connect"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(kernel().connectTakesMs));
+  std::this_thread::sleep_for(std::chrono::milliseconds(kernel.connectTakesMs));
   return real(socket, address, length);
 }
 
 }  // extern "C"
 
+namespace tests {
 namespace {
 
-constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
 constexpr unsigned int kConnectTakesMs = 60;
 
-void answerAll(Connection& connection) {
-  while (!connection.readHead().empty() && connection.send(kOk)) {
-  }
-}
-
-class HttpProbeKernelTest : public HttpProbeTest {
- protected:
-  void SetUp() override {
-    HttpProbeTest::SetUp();
-    kernel().reset();
-  }
-  void TearDown() override {
-    kernel().reset();
-    HttpProbeTest::TearDown();
-  }
-};
+using HttpProbeKernelTest = HttpProbeTest;
 
 TEST_F(HttpProbeKernelTest, TheSmallestRoundTripIsRoundedToTheNearestMillisecond) {
-  const ScriptedServer server(answerAll);
+  const ScriptedServer server(answering(kOk));
   for (const auto& [microseconds, rtt] :
        std::initializer_list<std::pair<unsigned int, unsigned int>>{
            {1, 0}, {499, 0}, {500, 1}, {1499, 1}, {1500, 2}, {77'000, 77}}) {
-    kernel().minRttUs = microseconds;
+    kernel.minRttUs = microseconds;
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
     EXPECT_EQ(results.uiRtt, rtt);
     EXPECT_EQ(report().networkRttUs, microseconds);
@@ -117,10 +86,10 @@ TEST_F(HttpProbeKernelTest, TheSmallestRoundTripIsRoundedToTheNearestMillisecond
 }
 
 TEST_F(HttpProbeKernelTest, AKeptConnectionIsAskedAtTheEndOfEachProbe) {
-  const ScriptedServer server(answerAll);
+  const ScriptedServer server(answering(kOk));
   const HttpProbe::KeptConnection kept;
   for (const unsigned int milliseconds : {30U, 20U, 10U}) {
-    kernel().minRttUs = milliseconds * 1000;
+    kernel.minRttUs = milliseconds * 1000;
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
     EXPECT_EQ(results.uiRtt, milliseconds);
   }
@@ -128,9 +97,8 @@ TEST_F(HttpProbeKernelTest, AKeptConnectionIsAskedAtTheEndOfEachProbe) {
 }
 
 TEST_F(HttpProbeKernelTest, AConnectionThatIsClosedIsAskedAsItCloses) {
-  const ScriptedServer server([](Connection& connection) { connection.readHead(); });
-  kernel().minRttUs = 25'000;
-  EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  kernel.minRttUs = 25'000;
+  EXPECT_EQ(probeOf(closeAfterRequest), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
   EXPECT_EQ(results.uiRtt, 25U);
 }
 
@@ -142,55 +110,53 @@ struct SILENCE {
   bool fails;
 };
 
-class HttpProbeOfASilentKernel : public HttpProbeKernelTest,
-                                 public testing::WithParamInterface<SILENCE> {
+class HttpProbeOfASilentKernel : public HttpProbeTest, public testing::WithParamInterface<SILENCE> {
  protected:
   void SetUp() override {
-    HttpProbeKernelTest::SetUp();
-    kernel().minRttUs = GetParam().minRttUs;
-    kernel().infoLength = GetParam().infoLength;
-    kernel().fails = GetParam().fails;
-    kernel().connectTakesMs = kConnectTakesMs;
+    kernel.minRttUs = GetParam().minRttUs;
+    kernel.infoLength = GetParam().infoLength;
+    kernel.fails = GetParam().fails;
+    kernel.connectTakesMs = kConnectTakesMs;
+  }
+  void TearDown() override {
+    kernel.infoLength = sizeof(tcp_info);
+    kernel.fails = false;
+    kernel.connectTakesMs = 0;
+    HttpProbeTest::TearDown();
   }
 };
 
-TEST_P(HttpProbeOfASilentKernel, TakesTheTimeToConnectInstead) {
-  const ScriptedServer server(answerAll);
-  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
-  EXPECT_GT(kernel().asked, 0U);
-  EXPECT_EQ(report().networkRttUs, -1);
-  EXPECT_GE(results.uiRtt, kConnectTakesMs);
-  EXPECT_LE(results.uiRtt, (report().connectUs + 500) / 1000);
-}
-
-TEST_P(HttpProbeOfASilentKernel, RemembersTheTimeToConnectOfAKeptConnection) {
-  const ScriptedServer server(answerAll);
+TEST_P(HttpProbeOfASilentKernel, TakesTheTimeToConnectInsteadAndRemembersItWithTheConnection) {
+  const ScriptedServer server(answering(kOk));
   const HttpProbe::KeptConnection kept;
+  const unsigned int before = kernel.asked;
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
   const unsigned int first = results.uiRtt;
+  EXPECT_GT(kernel.asked, before);
   EXPECT_GE(first, kConnectTakesMs);
+  EXPECT_LE(first, (report().connectUs + 500) / 1000);
   for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(report().networkRttUs, -1);
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
     EXPECT_TRUE(report().reused);
-    EXPECT_EQ(report().networkRttUs, -1);
     EXPECT_EQ(results.uiRtt, first);
   }
 }
 
 TEST_P(HttpProbeOfASilentKernel, HasARoundTripForAnAnswerThatIsNoHttpToo) {
-  const ScriptedServer closing([](Connection& connection) { connection.readHead(); });
-  EXPECT_EQ(probe(closing.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  EXPECT_GE(results.uiRtt, kConnectTakesMs);
-  const ScriptedServer alerting([](Connection& connection) {
+  const auto alert = [](Connection& connection) {
     connection.readSome();
     connection.send(std::string("\x15\x03\x01\x00\x02\x02\x46", 7));
     connection.waitForPeer();
-  });
-  EXPECT_EQ(probeSecurely(alerting.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  EXPECT_GE(results.uiRtt, kConnectTakesMs);
-  const ScriptedServer resetting([](Connection& connection) { connection.resetAtEnd(); });
-  EXPECT_EQ(probe(resetting.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  EXPECT_GE(results.uiRtt, kConnectTakesMs);
+  };
+  const auto reset = [](Connection& connection) { connection.resetAtEnd(); };
+  for (const STATUSCODE status :
+       {probeOf(closeAfterRequest), probeOf(alert, true), probeOf(reset)}) {
+    EXPECT_EQ(status, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  }
+  for (const HttpProbe::Report& each : watcher->ended) {
+    EXPECT_GE(each.rttMs, kConnectTakesMs);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernel, HttpProbeOfASilentKernel,
@@ -204,3 +170,4 @@ INSTANTIATE_TEST_SUITE_P(Kernel, HttpProbeOfASilentKernel,
                          [](const auto& param) { return param.param.name; });
 
 }  // namespace
+}  // namespace tests

@@ -8,7 +8,7 @@
 #include <netdb.h>
 
 #include <condition_variable>
-#include <cstring>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -79,14 +79,10 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
   if (name == "hangs.test") {
     return hang();
   }
-  if (name == "unknown.test") {
-    return EAI_NONAME;
-  }
-  if (name == "serverfailure.test") {
-    return EAI_AGAIN;
-  }
-  if (name == "broken.test") {
-    return EAI_FAIL;
+  static const std::map<std::string, int> failures = {
+      {"unknown.test", EAI_NONAME}, {"serverfailure.test", EAI_AGAIN}, {"broken.test", EAI_FAIL}};
+  if (const auto failure = failures.find(name); failure != failures.end()) {
+    return failure->second;
   }
   if (name == "both.test") {
     return several({"::1", "127.0.0.1"}, service, hints, result);  // as RFC 6724 orders them
@@ -104,23 +100,26 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
   return resolveForReal(node, service, hints, result);
 }
 
+namespace tests {
 namespace {
 
 using testing::Contains;
 using testing::HasSubstr;
-using tests::answering;
-using tests::RequestLog;
-using tests::ScriptedServer;
-using tests::SilentPort;
 
-constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+std::vector<std::string> asked() {
+  const std::lock_guard<std::mutex> guard(names().mutex);
+  return names().asked;
+}
 
-TEST_F(HttpProbeTest, ANameIsLookedUpAndSentAsTheHost) {
-  RequestLog log;
+TEST_F(HttpProbeTest, ANameIsLookedUpInItsAsciiFormAndSentAsTheHost) {
   const ScriptedServer server(answering(kOk, &log));
-  EXPECT_EQ(probe(server.port(), kPatience, "one.test"), HTTP_SESSION_SUCCESS);
-  ASSERT_EQ(log.all().size(), 1U);
-  EXPECT_THAT(log.all()[0], HasSubstr("\r\nHost: one.test:"));
+  const std::string port = std::to_string(server.port());
+  for (const auto& [name, ascii] :
+       {std::pair("one.test", "one.test"), std::pair("bücher.test", "xn--bcher-kva.test")}) {
+    EXPECT_EQ(probe(server.port(), kPatience, name), HTTP_SESSION_SUCCESS);
+    EXPECT_THAT(asked(), Contains(ascii + (":" + port)));
+    EXPECT_THAT(log.all().back(), HasSubstr("\r\nHost: " + (ascii + (":" + port))));
+  }
 }
 
 TEST_F(HttpProbeTest, ANameThatDoesNotResolveIsADnsError) {
@@ -135,36 +134,26 @@ TEST_F(HttpProbeTest, ANameThatDoesNotResolveIsADnsError) {
 
 // Nobody listens at all but the last. The refusals come at once; a wait after the first alone would
 // use up half of the time.
-TEST_F(HttpProbeTest, AnAddressThatRefusesLeadsToTheNextAtOnce) {
-  const ScriptedServer server(answering(kOk));
-  EXPECT_EQ(probe(server.port(), kPatience, "many.test"), HTTP_SESSION_SUCCESS);
-  EXPECT_LT(report().connectUs, kPatience * 1'000'000LL / 2);
-  EXPECT_EQ(report().address, "127.0.0.1");
-  EXPECT_GE(report().networkRttUs, 0);
-}
-
-TEST_F(HttpProbeTest, TheRoundTripIsThatOfTheAddressThatAnsweredOnAKeptConnectionToo) {
+TEST_F(HttpProbeTest, AnAddressThatRefusesLeadsToTheNextAtOnceWhoseRoundTripIsTold) {
   const ScriptedServer server(answering(kOk));
   const HttpProbe::KeptConnection kept;
-  for (int i = 0; i < 3; ++i) {
+  for (const bool reused : {false, true}) {
     EXPECT_EQ(probe(server.port(), kPatience, "many.test"), HTTP_SESSION_SUCCESS);
-    EXPECT_EQ(report().reused, i > 0);
+    EXPECT_LT(report().connectUs, kPatience * 1'000'000LL / 2);
+    EXPECT_EQ(report().address, "127.0.0.1");
+    EXPECT_EQ(report().reused, reused);
     EXPECT_GE(report().networkRttUs, 0);
   }
 }
 
-TEST_F(HttpProbeTest, AProxysNameThatDoesNotResolveIsAConnectError) {
-  proxy.proxyServer = "http=http://unknown.test:3128";
-  EXPECT_EQ(probe(80, kPatience, "one.test"), HTTP_SESSION_ERROR_CONNECT);
-  EXPECT_EQ(results.uiLastError, CURLE_COULDNT_RESOLVE_PROXY);
-  EXPECT_EQ(probeSecurely(443, kPatience, "one.test"), HTTP_SESSION_ERROR_CONNECT);
-}
-
-TEST_F(HttpProbeTest, AProxyWithoutAPortIsAskedAtPort80) {
+TEST_F(HttpProbeTest, AProxysNameThatDoesNotResolveIsAConnectErrorAndAskedForAtPort80ByDefault) {
   proxy.proxyServer = "http=http://unknown.test";
   EXPECT_EQ(probe(8080, kPatience, "one.test"), HTTP_SESSION_ERROR_CONNECT);
-  const std::lock_guard<std::mutex> guard(names().mutex);
-  EXPECT_EQ(names().asked.back(), "unknown.test:80");
+  EXPECT_EQ(results.uiLastError, CURLE_COULDNT_RESOLVE_PROXY);
+  EXPECT_EQ(asked().back(), "unknown.test:80");
+  proxy.proxyServer += ":3128";
+  EXPECT_EQ(probeSecurely(443, kPatience, "one.test"), HTTP_SESSION_ERROR_CONNECT);
+  EXPECT_EQ(asked().back(), "unknown.test:3128");
 }
 
 // The resolver's thread is still waiting when the probe returns: the test lets it go only then.
@@ -179,87 +168,60 @@ TEST_F(HttpProbeTest, ASilentNameServerDoesNotHoldUpTheTimeOut) {
   names().release = false;
 }
 
-TEST_F(HttpProbeTest, AnInternationalNameIsLookedUpInItsAsciiForm) {
-  const ScriptedServer server(answering(kOk));
-  EXPECT_EQ(probe(server.port(), kPatience, "bücher.test"), HTTP_SESSION_SUCCESS);
-  const std::lock_guard<std::mutex> guard(names().mutex);
-  EXPECT_THAT(names().asked, Contains("xn--bcher-kva.test:" + std::to_string(server.port())));
-}
-
-TEST_F(HttpProbeTest, ANameWithADeadIpv6AddressIsReachedByIpv4) {
-  if (!tests::hasAddress("::1")) {
-    GTEST_SKIP() << "this machine has no IPv6";
-  }
-  const ScriptedServer server(answering(kOk), "127.0.0.1");
-  const SilentPort dead("::1", server.port());
-  EXPECT_EQ(probe(server.port(), kPatience, "both.test"), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(report().address, "127.0.0.1");
-  EXPECT_GE(report().networkRttUs, 0);
-  // The time that the dead address costs is no part of the round trip.
-  EXPECT_LT(report().networkRttUs, report().connectUs);
-}
-
-TEST_F(HttpProbeTest, AKeptConnectionToANameWithADeadIpv6AddressIsTheIpv4One) {
-  if (!tests::hasAddress("::1")) {
-    GTEST_SKIP() << "this machine has no IPv6";
-  }
-  const ScriptedServer server(
-      [](tests::Connection& connection) {
-        while (!connection.readHead().empty() && connection.send(kOk)) {
-        }
-      },
-      "127.0.0.1");
-  const SilentPort dead("::1", server.port());
-  const HttpProbe::KeptConnection kept;
-  for (const bool reused : {false, true, true}) {
-    EXPECT_EQ(probe(server.port(), kPatience, "both.test"), HTTP_SESSION_SUCCESS);
-    EXPECT_EQ(report().reused, reused);
-    EXPECT_EQ(report().address, "127.0.0.1");
-    EXPECT_GE(report().networkRttUs, 0);
-  }
-}
-
 TEST_F(HttpProbeTest, AThreadThatKeepsItsConnectionLooksANameUpOnceEvenIfTheServerCloses) {
   const ScriptedServer server(
       answering("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"));
   const HttpProbe::KeptConnection kept;
-  std::size_t before = 0;
-  {
-    const std::lock_guard<std::mutex> guard(names().mutex);
-    before = names().asked.size();
-  }
+  const std::size_t before = asked().size();
   EXPECT_EQ(probe(server.port(), kPatience, "one.test"), HTTP_SESSION_SUCCESS);
   EXPECT_EQ(probe(server.port(), kPatience, "one.test"), HTTP_SESSION_SUCCESS);
   EXPECT_EQ(server.accepted(), 2U);
-  const std::lock_guard<std::mutex> guard(names().mutex);
-  EXPECT_EQ(names().asked.size(), before + 1);
-}
-
-TEST_F(HttpProbeTest, ANameWhoseIpv6AddressRefusesIsReachedByIpv4) {
-  if (!tests::hasAddress("::1")) {
-    GTEST_SKIP() << "this machine has no IPv6";
-  }
-  const ScriptedServer server(answering(kOk), "127.0.0.1");
-  EXPECT_EQ(probe(server.port(), kPatience, "both.test"), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(report().address, "127.0.0.1");
-  EXPECT_GE(report().networkRttUs, 0);
+  EXPECT_EQ(asked().size(), before + 1);
 }
 
 TEST_F(HttpProbeTest, ANameWhoseAddressesAllRefuseCannotBeConnectedTo) {
-  const tests::RefusingPort closed("127.0.0.1");
+  const RefusingPort closed("127.0.0.1");
   EXPECT_EQ(probe(closed.Where().port, kPatience, "both.test"), HTTP_SESSION_ERROR_CANNOT_CONNECT);
 }
 
-TEST_F(HttpProbeTest, ANameWithOneDeadAndOneRefusingAddressIsNoAnswer) {
-  if (!tests::hasAddress("::1")) {
-    GTEST_SKIP() << "this machine has no IPv6";
+/// Probes of a name with two addresses, the first of which is IPv6 and of no use.
+class HttpProbeOfTwoAddresses : public HttpProbeTest {
+ protected:
+  void SetUp() override {
+    if (!hasAddress("::1")) {
+      GTEST_SKIP() << "this machine has no IPv6";
+    }
   }
-  const tests::RefusingPort closed("127.0.0.1");
+  void expectIpv4(unsigned short port, bool reused) {
+    EXPECT_EQ(probe(port, kPatience, "both.test"), HTTP_SESSION_SUCCESS);
+    EXPECT_EQ(report().reused, reused);
+    EXPECT_EQ(report().address, "127.0.0.1");
+    EXPECT_GE(report().networkRttUs, 0);
+  }
+};
+
+TEST_F(HttpProbeOfTwoAddresses, ADeadOneIsPassedOverAndTheOtherOneKept) {
+  const ScriptedServer server(answering(kOk));
+  const SilentPort dead("::1", server.port());
+  const HttpProbe::KeptConnection kept;
+  expectIpv4(server.port(), false);
+  EXPECT_LT(report().networkRttUs, report().connectUs)
+      << "what the dead one costs is no part of it";
+  expectIpv4(server.port(), true);
+}
+
+TEST_F(HttpProbeOfTwoAddresses, ARefusingOneIsPassedOver) {
+  const ScriptedServer server(answering(kOk));
+  expectIpv4(server.port(), false);
+}
+
+TEST_F(HttpProbeOfTwoAddresses, ADeadAndARefusingOneAreNoAnswer) {
+  const RefusingPort closed("127.0.0.1");
   const SilentPort dead("::1", closed.Where().port);
-  const STATUSCODE status = probe(closed.Where().port, 1, "both.test");
-  EXPECT_THAT(status,
+  EXPECT_THAT(probe(closed.Where().port, 1, "both.test"),
               testing::AnyOf(HTTP_SESSION_ERROR_TIMEOUT, HTTP_SESSION_ERROR_CANNOT_CONNECT));
   EXPECT_EQ(results.uiRtt, 0U);
 }
 
 }  // namespace
+}  // namespace tests

@@ -8,22 +8,15 @@
 
 extern "C" OSSL_LIB_CTX* OSSL_LIB_CTX_get0_global_default() { return nullptr; }
 
+namespace tests {
 namespace {
 
-using tests::answering;
-using tests::ScriptedServer;
-
-constexpr const char* kOk = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-
-TEST_F(HttpProbeTest, WithoutTlsASecureProbeCannotConnectAndDoesNotTry) {
+TEST_F(HttpProbeTest, WithoutTlsASecureProbeDoesNotTryToConnectAndAPlainOneIsAnswered) {
   const ScriptedServer server(answering(kOk));
   EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_CANNOT_CONNECT);
   EXPECT_EQ(server.accepted(), 0U);
-}
-
-TEST_F(HttpProbeTest, WithoutTlsAPlainProbeIsAnswered) {
-  const ScriptedServer server(answering(kOk));
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
 }
 
 }  // namespace
+}  // namespace tests

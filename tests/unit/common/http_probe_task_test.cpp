@@ -4,33 +4,15 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <atomic>
+#include <functional>
 #include <future>
 #include <stdexcept>
 
-#include "tests/support/LoopbackSockets.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/unit/common/http_probe_fixture.h"
 
+namespace tests {
 namespace {
-
-using tests::answering;
-using tests::Connection;
-using tests::ScriptedServer;
-
-constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-
-/// A task that looks at its sockets.
-class Sockets : public ProbeTask {
- public:
-  explicit Sockets(std::function<bool(int, int)> look) : m_look(std::move(look)) {}
-  bool socketOpened(int socket, int family) override { return m_look(socket, family); }
-
- private:
-  const std::function<bool(int, int)> m_look;
-};
-
-}  // namespace
 
 TEST_F(HttpProbeTest, ACancelEndsTheProbeThatIsOutAndClosesItsConnection) {
   std::promise<void> asked;
@@ -60,9 +42,18 @@ TEST_F(HttpProbeTest, ACancelledTaskConnectsNowhere) {
   EXPECT_EQ(server.accepted(), 1U);
 }
 
+/// A task that looks at its sockets.
+class Sockets : public ProbeTask {
+ public:
+  explicit Sockets(std::function<bool(int, int)> look) : m_look(std::move(look)) {}
+  bool socketOpened(int socket, int family) override { return m_look(socket, family); }
+
+ private:
+  const std::function<bool(int, int)> m_look;
+};
+
 TEST_F(HttpProbeTest, ATaskSeesEachSocketBeforeItConnects) {
-  const ScriptedServer server(answering(kOk));
-  std::atomic<int> seen{0};
+  int seen = 0;
   const CTask::Scope own(std::make_shared<Sockets>([&seen](int socket, int family) {
     sockaddr_storage peer{};
     socklen_t length = sizeof peer;
@@ -70,7 +61,7 @@ TEST_F(HttpProbeTest, ATaskSeesEachSocketBeforeItConnects) {
     seen += family == AF_INET && !isConnected ? 1 : 100;
     return true;
   }));
-  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(probeOf(answering(kOk)), HTTP_SESSION_SUCCESS);
   EXPECT_EQ(seen, 1);
 }
 
@@ -78,12 +69,12 @@ TEST_F(HttpProbeTest, ASocketThatTheTaskRefusesConnectsNowhere) {
   const ScriptedServer server(answering(kOk));
   for (const bool isThrown : {false, true}) {
     const CTask::Scope own(std::make_shared<Sockets>([isThrown](int, int) -> bool {
-      if (isThrown) {
-        throw std::runtime_error("socket");
-      }
-      return false;
+      return isThrown ? throw std::runtime_error("socket") : false;
     }));
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_CANNOT_CONNECT);
   }
   EXPECT_EQ(server.accepted(), 0U);
 }
+
+}  // namespace
+}  // namespace tests

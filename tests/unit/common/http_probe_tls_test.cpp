@@ -6,138 +6,76 @@
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <thread>
 
+#include "tests/support/LoopbackSockets.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TestAuthority.h"
 #include "tests/unit/common/http_probe_fixture.h"
 #include "vpn/Common/IP/HttpProbe.h"
 
+namespace tests {
 namespace {
 
 using testing::StartsWith;
-using tests::answering;
-using tests::answeringOverTls;
-using tests::Connection;
-using tests::RequestLog;
-using tests::ScriptedServer;
-using tests::TestAuthority;
-using tests::TlsServerContext;
 using namespace std::chrono_literals;
-
-constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
 
 class HttpProbeTlsTest : public HttpProbeTest {
  protected:
-  void expectAnswerWithRoundTripTime() {
-    EXPECT_GE(report().connectUs, 0);
-    EXPECT_GE(report().networkRttUs, 0);
-    EXPECT_GE(report().responseRttUs, 0);
-    EXPECT_LE(report().responseRttUs, report().totalUs);
+  void SetUp() override { HttpProbe::setTrustFile(authority.file()); }
+
+  /// Probes a server that answers over TLS, and notes its requests.
+  STATUSCODE probeOne(const TestAuthority::Subject& subject = {},
+                      const TlsServerContext::Settings& settings = {}) {
+    return probeOf(
+        answeringOverTls(TlsServerContext(authority.issue(subject), settings), kOk, &log), true);
+  }
+  void expectUntrusted(STATUSCODE status) {
+    EXPECT_EQ(status, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
+    EXPECT_EQ(results.uiLastError, CURLE_PEER_FAILED_VERIFICATION);
+    EXPECT_EQ(results.uiHttpStatusCode, 0U);
+    EXPECT_EQ(report().tlsUs, -1);
+    EXPECT_THAT(log.all(), testing::Each("")) << "nothing is sent to who is not trusted";
+    expectRoundTripTimes();
   }
 
   TestAuthority authority;
-  RequestLog log;
 };
 
 TEST_F(HttpProbeTlsTest, ATrustedServerIsASuccess) {
-  HttpProbe::setTrustFile(authority.file());
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk, &log));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(probeOne(), HTTP_SESSION_SUCCESS);
   EXPECT_EQ(results.uiHttpStatusCode, 200U);
-  ASSERT_EQ(log.all().size(), 1U);
-  EXPECT_THAT(log.all()[0], StartsWith("GET / HTTP/1.1\r\n"));
+  EXPECT_THAT(log.all(), testing::ElementsAre(StartsWith("GET / HTTP/1.1\r\n")));
   EXPECT_TRUE(report().secure);
   EXPECT_GE(report().tlsUs, report().connectUs);
-  expectAnswerWithRoundTripTime();
+  expectRoundTripTimes();
 }
 
 TEST_F(HttpProbeTlsTest, AnUnknownAuthorityIsAMeasuredAnswerAndNothingIsSentToItsServer) {
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk, &log));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
-  EXPECT_EQ(results.uiLastError, CURLE_PEER_FAILED_VERIFICATION);
-  EXPECT_EQ(results.uiHttpStatusCode, 0U);
-  EXPECT_EQ(report().tlsUs, -1);
-  for (const std::string& request : log.all()) {
-    EXPECT_EQ(request, "");
+  for (const char* file : {"", "/nonexistent/trust.pem"}) {
+    HttpProbe::setTrustFile(file);
+    expectUntrusted(probeOne());
   }
-  expectAnswerWithRoundTripTime();
 }
 
-TEST_F(HttpProbeTlsTest, AnExpiredCertificateIsUntrusted) {
-  HttpProbe::setTrustFile(authority.file());
-  TestAuthority::Subject subject;
-  subject.validUntil = -60;
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue(subject)), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
-  expectAnswerWithRoundTripTime();
+TEST_F(HttpProbeTlsTest, ACertificateOfAnotherTimeOrHostIsUntrusted) {
+  expectUntrusted(probeOne({.validUntil = -60}));
+  expectUntrusted(probeOne({.validFrom = 600}));
+  expectUntrusted(probeOne({.alternativeNames = "DNS:vpn.example,IP:127.0.0.2"}));
 }
 
-TEST_F(HttpProbeTlsTest, ACertificateThatIsNotYetValidIsUntrusted) {
-  HttpProbe::setTrustFile(authority.file());
-  TestAuthority::Subject subject;
-  subject.validFrom = 600;
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue(subject)), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
-  expectAnswerWithRoundTripTime();
-}
+class HttpProbeOfTlsVersion : public HttpProbeTlsTest, public testing::WithParamInterface<int> {};
 
-TEST_F(HttpProbeTlsTest, ACertificateForAnotherHostIsUntrusted) {
-  HttpProbe::setTrustFile(authority.file());
-  TestAuthority::Subject subject;
-  subject.alternativeNames = "DNS:vpn.example,IP:127.0.0.2";
-  const ScriptedServer server(
-      answeringOverTls(TlsServerContext(authority.issue(subject)), kOk, &log));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
-  for (const std::string& request : log.all()) {
-    EXPECT_EQ(request, "");
-  }
-  expectAnswerWithRoundTripTime();
-}
-
-TEST_F(HttpProbeTlsTest, ATrustFileThatCannotBeReadAddsNothing) {
-  HttpProbe::setTrustFile("/nonexistent/trust.pem");
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
-}
-
-TEST_F(HttpProbeTlsTest, AnEmptyPathTakesTheTrustBack) {
-  HttpProbe::setTrustFile(authority.file());
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
-  HttpProbe::setTrustFile("");
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
-}
-
-class HttpProbeOfTlsVersion : public HttpProbeTlsTest, public testing::WithParamInterface<int> {
- protected:
-  TlsServerContext context(bool demandClientCertificate) {
-    TlsServerContext::Settings settings;
-    settings.demandClientCertificate = demandClientCertificate;
-    settings.minVersion = GetParam();
-    settings.maxVersion = GetParam();
-    return {authority.issue(), settings};
-  }
-};
-
-TEST_P(HttpProbeOfTlsVersion, SucceedsWhereNoClientCertificateIsDemanded) {
-  HttpProbe::setTrustFile(authority.file());
-  const ScriptedServer server(answeringOverTls(context(false), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS);
-}
-
-TEST_P(HttpProbeOfTlsVersion, TellsThatAClientCertificateIsDemanded) {
-  HttpProbe::setTrustFile(authority.file());
-  const ScriptedServer server(answeringOverTls(context(true), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED)
+TEST_P(HttpProbeOfTlsVersion, TellsThatAClientCertificateIsDemandedIfTheServerIsTrusted) {
+  EXPECT_EQ(probeOne({}, {false, GetParam(), GetParam()}), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(probeOne({}, {true, GetParam(), GetParam()}),
+            HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED)
       << results.uiLastError;
   EXPECT_EQ(results.uiHttpStatusCode, 0U);
-  expectAnswerWithRoundTripTime();
-}
-
-TEST_P(HttpProbeOfTlsVersion, PutsAnUntrustedCertificateBeforeTheClientCertificateDemanded) {
-  const ScriptedServer server(answeringOverTls(context(true), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
+  expectRoundTripTimes();
+  HttpProbe::setTrustFile("");
+  EXPECT_EQ(probeOne({}, {true, GetParam(), GetParam()}), HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tls, HttpProbeOfTlsVersion,
@@ -146,105 +84,100 @@ INSTANTIATE_TEST_SUITE_P(Tls, HttpProbeOfTlsVersion,
                          });
 
 TEST_F(HttpProbeTlsTest, AServerOfAnOldVersionIsAnInvalidResponse) {
-  HttpProbe::setTrustFile(authority.file());
-  TlsServerContext::Settings settings;
-  settings.maxVersion = TLS1_1_VERSION;
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue(), settings), kOk));
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_EQ(probeOne({}, {.maxVersion = TLS1_1_VERSION}),
+            HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
   EXPECT_EQ(results.uiLastError, CURLE_SSL_CONNECT_ERROR);
-  expectAnswerWithRoundTripTime();
-}
-
-TEST_F(HttpProbeTlsTest, APlainAnswerToTlsIsAnInvalidResponse) {
-  const ScriptedServer server([](Connection& connection) {
-    connection.readSome();
-    connection.send("HTTP/1.1 400 Bad Request\r\n\r\n");
-    connection.waitForPeer();
-  });
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  EXPECT_EQ(results.uiHttpStatusCode, 0U);
-  expectAnswerWithRoundTripTime();
+  expectRoundTripTimes();
 }
 
 TEST_F(HttpProbeTlsTest, APlainRequestToATlsServerIsAnInvalidResponse) {
-  const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk));
-  EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  expectAnswerWithRoundTripTime();
+  EXPECT_EQ(probeOf(answeringOverTls(TlsServerContext(authority.issue()), kOk)),
+            HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  expectRoundTripTimes();
 }
 
-TEST_F(HttpProbeTlsTest, AConnectionClosedInTheHandshakeIsAnInvalidResponse) {
-  const ScriptedServer server([](Connection& connection) { connection.readSome(); });
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  expectAnswerWithRoundTripTime();
-}
-
-TEST_F(HttpProbeTlsTest, AConnectionResetInTheHandshakeIsAnInvalidResponse) {
-  const ScriptedServer server([](Connection& connection) {
-    connection.readSome();
-    connection.resetAtEnd();
-  });
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  expectAnswerWithRoundTripTime();
-}
-
-TEST_F(HttpProbeTlsTest, ATlsServerThatClosesWithoutAWordIsAnInvalidResponse) {
-  HttpProbe::setTrustFile(authority.file());
-  const ScriptedServer server(
-      [context = TlsServerContext(authority.issue())](Connection& connection) {
-        connection.startTls(context);
-        connection.readHead();
-      });
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-  expectAnswerWithRoundTripTime();
+TEST_F(HttpProbeTlsTest, AHandshakeThatEndsInAnotherWayIsAnInvalidResponse) {
+  const TlsServerContext context(authority.issue());
+  const std::pair<const char*, ScriptedServer::Script> servers[] = {
+      {"plain answer",
+       [](Connection& connection) {
+         connection.readSome();
+         connection.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+         connection.waitForPeer();
+       }},
+      {"closed in the handshake", [](Connection& connection) { connection.readSome(); }},
+      {"reset in the handshake",
+       [](Connection& connection) {
+         connection.readSome();
+         connection.resetAtEnd();
+       }},
+      {"closed after the handshake",
+       [context](Connection& connection) {
+         connection.startTls(context);
+         connection.readHead();
+       }},
+  };
+  for (const auto& [name, script] : servers) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(probeOf(script, true), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+    EXPECT_EQ(results.uiHttpStatusCode, 0U);
+    expectRoundTripTimes();
+  }
 }
 
 TEST_F(HttpProbeTlsTest, TheResponseMeasureOfAFailedHandshakeStartsAtTheConnection) {
   HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
-  const ScriptedServer server([](Connection& connection) {
-    connection.readSome();
-    connection.wait(300ms);
-  });
-  EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  EXPECT_EQ(probeOf(
+                [](Connection& connection) {
+                  connection.readSome();
+                  connection.wait(300ms);
+                },
+                true),
+            HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
   EXPECT_GE(results.uiRtt, 290U);
 }
 
 // Both ways make the probe write to a connection that is gone. A SIGPIPE would end this program.
 TEST_F(HttpProbeTlsTest, AConnectionGoneAfterTheHandshakeIsAnInvalidResponseAndRaisesNoSignal) {
-  HttpProbe::setTrustFile(authority.file());
   const TlsServerContext context(authority.issue());
-  const ScriptedServer resetting([context](Connection& connection) {
-    connection.startTls(context);
-    connection.resetAtEnd();
-  });
-  const ScriptedServer closing([context](Connection& connection) {
-    connection.startTls(context);
-    connection.wait(10ms);
-  });
-  constexpr int kAttempts = 10;
-  for (int i = 0; i < kAttempts; ++i) {
-    EXPECT_EQ(probeSecurely(resetting.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
-    EXPECT_EQ(probeSecurely(closing.port()), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(probeOf(
+                  [context, i](Connection& connection) {
+                    connection.startTls(context);
+                    if (i % 2 == 0) {
+                      connection.resetAtEnd();
+                    } else {
+                      connection.wait(10ms);
+                    }
+                  },
+                  true),
+              HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
   }
 }
 
-TEST_F(HttpProbeTlsTest, SecureProbesOfManyThreadsShareWhatTheyTrust) {
+TEST_F(HttpProbeTlsTest, ProbesOfManyThreadsShareWhatTheyTrustAndDoNotDisturbEachOther) {
   constexpr int kThreads = 8;
-  constexpr int kRounds = 5;
-  HttpProbe::setTrustFile(authority.file());
+  constexpr int kRounds = 10;
   const ScriptedServer server(answeringOverTls(TlsServerContext(authority.issue()), kOk));
+  const RefusingPort closed("127.0.0.1");
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
   for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&] {
+    threads.emplace_back([&, i] {
       for (int round = 0; round < kRounds; ++round) {
         HttpProbe::HTTP_PROBE_RESULTS own;
-        wrong += HttpProbe::SendHttpProbe("127.0.0.1", true, false, server.port(), "", kPatience,
-                                          PROXY_DATA(), kAll, own) != HTTP_SESSION_SUCCESS;
+        const bool refused = (i + round) % 2 == 0;
+        const STATUSCODE status = HttpProbe::SendHttpProbe(
+            "127.0.0.1", true, false, refused ? closed.Where().port : server.port(), "", kPatience,
+            PROXY_DATA(), kAll, own);
+        wrong += status != (refused ? HTTP_SESSION_ERROR_CANNOT_CONNECT : HTTP_SESSION_SUCCESS);
+        wrong += own.uiHttpStatusCode != (refused ? 0 : 200);
       }
     });
   }
   for (int round = 0; round < kRounds; ++round) {
     HttpProbe::setTrustFile(authority.file());
+    HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   }
   for (std::thread& thread : threads) {
     thread.join();
@@ -258,49 +191,46 @@ TEST_F(HttpProbeTlsTest, SecureProbesOfManyThreadsShareWhatTheyTrust) {
 constexpr auto MuchLater = 20s;
 constexpr unsigned int ShortTime = 1;
 
+void repeat(const std::function<bool()>& message) {
+  const auto end = std::chrono::steady_clock::now() + MuchLater;
+  while (std::chrono::steady_clock::now() < end && message()) {
+  }
+}
+
 TEST_F(HttpProbeTlsTest, AHandshakeOfEndlessRequestsToBeginAgainEndsWithTheTimeout) {
-  const ScriptedServer server([](Connection& connection) {
-    connection.readSome();
-    // Records of TLS 1.2 with HelloRequest messages (RFC 5246, section 7.4.1.1).
-    std::string requests;
-    for (int i = 0; i < 1000; ++i) {
-      requests += std::string("\x16\x03\x03\x00\x04\x00\x00\x00\x00", 9);
-    }
-    const auto end = std::chrono::steady_clock::now() + MuchLater;
-    while (std::chrono::steady_clock::now() < end && connection.send(requests)) {
-    }
-  });
-  EXPECT_EQ(probeSecurely(server.port(), ShortTime), HTTP_SESSION_ERROR_TIMEOUT);
+  // Records of TLS 1.2 with HelloRequest messages (RFC 5246, section 7.4.1.1).
+  std::string requests;
+  for (int i = 0; i < 1000; ++i) {
+    requests += std::string("\x16\x03\x03\x00\x04\x00\x00\x00\x00", 9);
+  }
+  EXPECT_EQ(probeOf(
+                [&requests](Connection& connection) {
+                  connection.readSome();
+                  repeat([&] { return connection.send(requests); });
+                },
+                true, ShortTime),
+            HTTP_SESSION_ERROR_TIMEOUT);
 }
 
 ScriptedServer::Script changingKeysAfter(const TlsServerContext& context,
                                          const std::string& answer) {
-  return [&context, answer](Connection& connection) {
-    if (!connection.startTls(context)) {
-      return;
-    }
-    connection.readHead();
-    if (!answer.empty()) {
+  return [context, answer](Connection& connection) {
+    if (connection.startTls(context)) {
+      connection.readHead();
       connection.send(answer);
-    }
-    const auto end = std::chrono::steady_clock::now() + MuchLater;
-    while (std::chrono::steady_clock::now() < end && connection.updateKeys()) {
+      repeat([&] { return connection.updateKeys(); });
     }
   };
 }
 
 TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysInPlaceOfAnAnswerEndWithTheTimeout) {
-  HttpProbe::setTrustFile(authority.file());
-  const TlsServerContext context(authority.issue());
-  const ScriptedServer server(changingKeysAfter(context, ""));
-  EXPECT_EQ(probeSecurely(server.port(), ShortTime), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_EQ(probeOf(changingKeysAfter(TlsServerContext(authority.issue()), ""), true, ShortTime),
+            HTTP_SESSION_ERROR_TIMEOUT);
 }
 
 TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysAfterAnAnswerDoNotHoldTheNextProbeUp) {
-  HttpProbe::setTrustFile(authority.file());
-  const TlsServerContext context(authority.issue());
-  const ScriptedServer server(
-      changingKeysAfter(context, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n"));
+  const ScriptedServer server(changingKeysAfter(TlsServerContext(authority.issue()),
+                                                "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n"));
   const HttpProbe::KeptConnection kept;
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(probeSecurely(server.port()), HTTP_SESSION_SUCCESS) << i;
@@ -309,3 +239,4 @@ TEST_F(HttpProbeTlsTest, EndlessChangesOfKeysAfterAnAnswerDoNotHoldTheNextProbeU
 }
 
 }  // namespace
+}  // namespace tests

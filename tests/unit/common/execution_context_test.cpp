@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -15,61 +14,51 @@
 
 namespace {
 
-bool noThreadIsLeft() {
-  return eventually([] { return CThread::RunningCount() == 0; });
-}
+using tests::eventually;
 
 void count(void* counter, unsigned long) { ++*static_cast<std::atomic<int>*>(counter); }
 
-TEST(ExecutionContext, ThereIsNoneBeforeItIsCreated) {
-  EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
-}
+class ExecutionContext : public testing::Test {
+ protected:
+  static CExecutionContext* acquired() { return CExecutionContext::acquireInstance(API_INSTANCE); }
 
-TEST(ExecutionContext, ItExistsUntilItsLastRelease) {
-  ASSERT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_SUCCESS);
+  /// Creates it. @return it with one more acquisition.
+  static CExecutionContext* created() {
+    EXPECT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_SUCCESS);
+    return acquired();
+  }
+  ~ExecutionContext() override {
+    EXPECT_TRUE(eventually([] { return CThread::RunningCount() == 0; }));
+    EXPECT_EQ(acquired(), nullptr);
+  }
+
+  STATUSCODE status = -1;
+  std::atomic<int> fired{0};
+};
+
+TEST_F(ExecutionContext, ItExistsFromItsCreationUntilItsLastRelease) {
+  EXPECT_EQ(acquired(), nullptr);
+  CExecutionContext* const first = created();
   EXPECT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_ERROR_ALREADY_EXISTS);
-  CExecutionContext* const first = CExecutionContext::acquireInstance(API_INSTANCE);
   ASSERT_NE(first, nullptr);
-  EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), first);
+  EXPECT_EQ(acquired(), first);
   first->releaseInstance();
   first->releaseInstance();
   EXPECT_EQ(CThread::RunningCount(), 1U);
   first->releaseInstance();
-  EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
-  EXPECT_TRUE(noThreadIsLeft());
 }
 
-TEST(ExecutionContext, ItServicesTimersWhileItsUserIsBlocked) {
-  ASSERT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_SUCCESS);
-  {
-    std::atomic<int> fired{0};
-    CInstanceSmartPtr<CExecutionContext> context(API_INSTANCE);
-    ASSERT_FALSE(context == nullptr);
-    STATUSCODE status = -1;
-    CTimer timer(status, &context->GetTimerList(), count, &fired, 0);
-    ASSERT_EQ(status, TIMER_SUCCESS);
-    ASSERT_EQ(timer.StartTimer(1), TIMER_SUCCESS);
-    EXPECT_TRUE(eventually([&fired] { return fired == 1; }));
-  }
-  CExecutionContext* const context = CExecutionContext::acquireInstance(API_INSTANCE);
-  ASSERT_NE(context, nullptr);
-  context->releaseInstance();
-  context->releaseInstance();
-  EXPECT_TRUE(noThreadIsLeft());
-}
-
-TEST(ExecutionContext, ATimerThatIsArmedAtTheEndNeverFiresAndMayOutliveIt) {
-  ASSERT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_SUCCESS);
-  CExecutionContext* const context = CExecutionContext::acquireInstance(API_INSTANCE);
-  ASSERT_NE(context, nullptr);
-  std::atomic<int> fired{0};
-  STATUSCODE status = -1;
+TEST_F(ExecutionContext, ItServicesTimersUntilItsEndAndIsOutlivedByThem) {
+  CExecutionContext* const context = created();
   CTimer timer(status, &context->GetTimerList(), count, &fired, 0);
+  ASSERT_EQ(status, TIMER_SUCCESS);
+  ASSERT_EQ(timer.StartTimer(1), TIMER_SUCCESS);
+  EXPECT_TRUE(eventually([this] { return fired == 1; }));
   ASSERT_EQ(timer.StartTimer(60000), TIMER_SUCCESS);
   context->releaseInstance();
   context->releaseInstance();
-  EXPECT_TRUE(noThreadIsLeft());
-  EXPECT_EQ(fired, 0);
+  EXPECT_TRUE(eventually([] { return CThread::RunningCount() == 0; }));
+  EXPECT_EQ(fired, 1);
   EXPECT_EQ(timer.StartTimer(0), TIMER_ERROR_LIST_CLOSED);
 }
 
@@ -88,12 +77,9 @@ struct SlowCallback {
   }
 };
 
-TEST(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
-  ASSERT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_SUCCESS);
-  CExecutionContext* const context = CExecutionContext::acquireInstance(API_INSTANCE);
-  ASSERT_NE(context, nullptr);
+TEST_F(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
+  CExecutionContext* const context = created();
   SlowCallback callback;
-  STATUSCODE status = -1;
   CTimer timer(status, &context->GetTimerList(), SlowCallback::run, &callback, 0);
   CTimer late(status, &context->GetTimerList(), SlowCallback::run, &callback, 0);
   ASSERT_EQ(timer.StartTimer(0), TIMER_SUCCESS);
@@ -107,57 +93,40 @@ TEST(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
   });
   // A list that takes no timer shows that the release has begun.
   EXPECT_TRUE(eventually([&late] { return late.StartTimer(60000) == TIMER_ERROR_LIST_CLOSED; }));
-  EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
+  EXPECT_EQ(acquired(), nullptr);
   EXPECT_FALSE(released);
   callback.gate.open();
   releaser.join();
   EXPECT_TRUE(callback.left);
   EXPECT_FALSE(callback.foundAContext);
-  EXPECT_TRUE(noThreadIsLeft());
 }
 
-struct ReleasingCallback {
-  CExecutionContext* context = nullptr;
-  std::atomic<bool> done{false};
-
-  static void run(void* self, unsigned long) {
-    auto* const callback = static_cast<ReleasingCallback*>(self);
-    callback->context->releaseInstance();
-    callback->done = true;
-  }
-};
-
-TEST(ExecutionContext, TheLastReleaseOnTheTimerThreadWaitsForNothing) {
-  ASSERT_EQ(CExecutionContext::createInstance(API_INSTANCE), EXECUTIONCONTEXT_SUCCESS);
-  ReleasingCallback callback;
-  callback.context = CExecutionContext::acquireInstance(API_INSTANCE);
-  ASSERT_NE(callback.context, nullptr);
-  STATUSCODE status = -1;
-  CTimer timer(status, &callback.context->GetTimerList(), ReleasingCallback::run, &callback, 0);
-  callback.context->releaseInstance();
+TEST_F(ExecutionContext, TheLastReleaseOnTheTimerThreadWaitsForNothing) {
+  CExecutionContext* const context = created();
+  const auto release = [](void* self, unsigned long) {
+    static_cast<CExecutionContext*>(self)->releaseInstance();
+  };
+  CTimer timer(status, &context->GetTimerList(), release, context, 0);
+  context->releaseInstance();
   ASSERT_EQ(timer.StartTimer(1), TIMER_SUCCESS);
-  EXPECT_TRUE(eventually([&callback] { return callback.done.load(); }));
-  EXPECT_TRUE(noThreadIsLeft());
-  EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
+  EXPECT_TRUE(eventually([] { return CThread::RunningCount() == 0; }));
 }
 
-TEST(ExecutionContext, ItMayBeCreatedAndReleasedAgainAndAgainByManyThreads) {
+TEST_F(ExecutionContext, ItMayBeCreatedAndReleasedAgainAndAgainByManyThreads) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([] {
       for (int round = 0; round < 200; ++round) {
-        const bool created =
+        const bool isOurs =
             CExecutionContext::createInstance(API_INSTANCE) == EXECUTIONCONTEXT_SUCCESS;
-        CExecutionContext* const context = CExecutionContext::acquireInstance(API_INSTANCE);
-        if (context != nullptr) {
-          std::atomic<int> fired{0};
-          STATUSCODE status = -1;
-          const CTimer timer(status, &context->GetTimerList(), count, &fired, 0);
-          EXPECT_EQ(status, TIMER_SUCCESS);
+        if (CExecutionContext* const context = acquired(); context != nullptr) {
+          STATUSCODE own = -1;
+          const CTimer timer(own, &context->GetTimerList(), count, nullptr, 0);
+          EXPECT_EQ(own, TIMER_SUCCESS);
           context->releaseInstance();
-        }
-        if (created) {
-          context->releaseInstance();
+          if (isOurs) {
+            context->releaseInstance();
+          }
         }
       }
     });
@@ -165,8 +134,6 @@ TEST(ExecutionContext, ItMayBeCreatedAndReleasedAgainAndAgainByManyThreads) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  EXPECT_TRUE(noThreadIsLeft());
-  EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
 }
 
 /// A counted singleton, as CInstanceSmartPtr wants one.
@@ -185,22 +152,15 @@ class Singleton {
 };
 
 TEST(InstanceSmartPtr, ItReleasesWhatItHasAcquiredAtTheEndOfItsScope) {
-  {
-    const CInstanceSmartPtr<Singleton> instance(true);
-    EXPECT_FALSE(instance == nullptr);
-    EXPECT_TRUE(instance != nullptr);
-    EXPECT_EQ(&*instance, instance.operator->());
-    EXPECT_EQ(Singleton::acquisitions(), 1);
+  for (const bool exists : {true, false}) {
+    {
+      const CInstanceSmartPtr<Singleton> instance(exists);
+      EXPECT_EQ(instance != nullptr, exists);
+      EXPECT_EQ(instance == nullptr, !exists);
+      EXPECT_EQ(Singleton::acquisitions(), exists ? 1 : 0);
+    }
+    EXPECT_EQ(Singleton::acquisitions(), 0);
   }
-  EXPECT_EQ(Singleton::acquisitions(), 0);
-}
-
-TEST(InstanceSmartPtr, ItReleasesNothingWhenTheAcquisitionFailed) {
-  {
-    const CInstanceSmartPtr<Singleton> instance(false);
-    EXPECT_TRUE(instance == nullptr);
-  }
-  EXPECT_EQ(Singleton::acquisitions(), 0);
 }
 
 }  // namespace

@@ -14,6 +14,8 @@
 
 namespace {
 
+using tests::eventually;
+
 struct Sum {
   explicit Sum(unsigned long spinCount) : lock(spinCount) {}
   CManualLock lock;

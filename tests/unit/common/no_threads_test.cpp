@@ -6,20 +6,18 @@
 
 #include <atomic>
 #include <cerrno>
-#include <functional>
+#include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "tests/unit/common/counted.h"
 #include "tests/unit/common/gate.h"
 #include "tests/unit/common/give_up.h"
 #include "tests/unit/common/heard_log.h"
-#include "vpn/Common/Utility/ApiRunnable.h"
+#include "tests/unit/common/worker.h"
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/Common/Utility/ReserveThread.h"
-#include "vpn/Common/Utility/Thread.h"
 
 namespace {
 
@@ -61,103 +59,69 @@ int startDetachedThread(void* (*body)(void*), void* argument, std::size_t) noexc
 
 namespace {
 
-class Task : public ApiRunnable {
- public:
-  explicit Task(std::thread::id& destroyedOn) : m_destroyedOn(destroyedOn) {}
-  ~Task() override { m_destroyedOn = std::this_thread::get_id(); }
-  void run() override {}
+using tests::eventually;
 
- private:
-  std::thread::id& m_destroyedOn;
-  Counted m_counted;
-};
-
-class Worker : public CThread {
- public:
-  explicit Worker(ApiRunnable* task = nullptr) {
-    if (task != nullptr) {
-      keepAlive(*task);
-    }
-  }
-  STATUSCODE Run() override { return 7; }
-
- private:
-  Counted m_counted;
-};
+constexpr char kNoThread[] =
+    "Return code from pthread_create: 0xFE34000A (Resource temporarily unavailable)";
 
 class WithoutThreads : public testing::Test {
  protected:
   void SetUp() override { refuses = true; }
 };
 
-TEST_F(WithoutThreads, LeavingWithoutWaitingDestroysTheTaskOnTheCallingThread) {
-  std::thread::id destroyedOn;
+/// Gives a task up that nobody may wait for.
+Task::Place& abandonTask() {
+  static Task::Place destroyedOn;
   auto* const task = new Task(destroyedOn);
   task->enter();
   giveUp(task);
   task->leaveWithoutWaiting();
-  EXPECT_EQ(Counted::count(), 0);
-  EXPECT_EQ(destroyedOn, std::this_thread::get_id());
+  return destroyedOn;
 }
 
-TEST_F(WithoutThreads, StartReportsAndLogsThatThereIsNone) {
+TEST_F(WithoutThreads, LeavingWithoutWaitingDestroysTheTaskOnTheCallingThread) {
+  EXPECT_EQ(abandonTask().load(), std::this_thread::get_id());
+  EXPECT_EQ(Counted::count(), 0);
+}
+
+TEST_F(WithoutThreads, AThreadThatDidNotComeAboutIsLoggedAndAsOneNeverStarted) {
   const HeardLog log;
-  auto* const worker = new Worker;
+  Task::Place destroyedOn;
+  auto* const task = new Task(destroyedOn);
+  auto worker = std::make_unique<Worker>([]() -> STATUSCODE { return 7; });
+  worker->keepAlive(*task);
   EXPECT_EQ(worker->Start(), THREAD_ERROR_CREATE_FAILED);
   ASSERT_EQ(log.lines().size(), 1U);
   EXPECT_EQ(log.lines()[0].severity, 'E');
-  EXPECT_EQ(log.lines()[0].message,
-            "Return code from pthread_create: 0xFE34000A (Resource temporarily unavailable)");
+  EXPECT_EQ(log.lines()[0].message, kNoThread);
   EXPECT_EQ(CThread::RunningCount(), 0U);
-  delete worker;
-  EXPECT_EQ(Counted::count(), 0);
-}
-
-TEST_F(WithoutThreads, AThreadThatDidNotComeAboutIsAsOneNeverStarted) {
-  auto* const worker = new Worker;
-  ASSERT_EQ(worker->Start(), THREAD_ERROR_CREATE_FAILED);
+  giveUp(task);
+  EXPECT_NE(destroyedOn.load(), std::thread::id()) << "it does not keep its task";
   unsigned int exitCode = 99;
   EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_ERROR_INVALID_STATE);
   EXPECT_EQ(exitCode, 99U);
-
-  refuses = false;
-  EXPECT_EQ(worker->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-  EXPECT_EQ(exitCode, 7U);
-  delete worker;
-  EXPECT_TRUE(eventually([] { return CThread::RunningCount() == 0 && Counted::count() == 0; }));
-}
-
-TEST_F(WithoutThreads, AThreadThatDidNotComeAboutDoesNotKeepItsTask) {
-  std::thread::id destroyedOn;
-  auto* const task = new Task(destroyedOn);
-  auto* const worker = new Worker(task);
-  ASSERT_EQ(worker->Start(), THREAD_ERROR_CREATE_FAILED);
-  giveUp(task);
-  EXPECT_EQ(Counted::count(), 1);
-  delete worker;
+  worker.reset();
   EXPECT_EQ(Counted::count(), 0);
 }
 
-/// A thread that is to run at any price.
-class MustRun : public CThread {
- public:
-  explicit MustRun(std::function<void()> body) : m_body(std::move(body)) { useReserve(); }
-  STATUSCODE Run() override {
-    m_body();
-    return 7;
-  }
-  /// Waits for the end and deletes the object. @return the exit code.
-  static unsigned int finish(MustRun* thread) {
-    unsigned int exitCode = 0;
-    EXPECT_EQ(thread->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-    delete thread;
-    return exitCode;
-  }
+TEST_F(WithoutThreads, AThreadThatDidNotComeAboutCanBeStartedAgain) {
+  auto worker = std::make_unique<Worker>([]() -> STATUSCODE { return 7; });
+  ASSERT_EQ(worker->Start(), THREAD_ERROR_CREATE_FAILED);
+  refuses = false;
+  EXPECT_EQ(worker->Start(), THREAD_SUCCESS);
+  EXPECT_EQ(worker->finish(), 7U);
+  worker.reset();
+  EXPECT_TRUE(everythingIsGone());
+}
 
- private:
-  const std::function<void()> m_body;
-};
+/// A started thread that is to run at any price.
+template <class Body>
+std::unique_ptr<Worker> mustRun(Body body, STATUSCODE expected = THREAD_SUCCESS) {
+  auto worker = std::make_unique<Worker>(body);
+  worker->useReserve();
+  EXPECT_EQ(worker->Start(), expected);
+  return worker;
+}
 
 /// There is one thread in reserve and no other.
 class WithAReserve : public WithoutThreads {
@@ -179,125 +143,98 @@ class WithAReserve : public WithoutThreads {
 TEST_F(WithAReserve, AThreadThatMustRunDoesAndSaysSo) {
   const HeardLog log;
   std::thread::id ranOn;
-  auto* const thread = new MustRun([&ranOn] { ranOn = std::this_thread::get_id(); });
-  EXPECT_EQ(thread->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(MustRun::finish(thread), 7U);
+  mustRun([&ranOn] { ranOn = std::this_thread::get_id(); })->finish();
   EXPECT_NE(ranOn, std::thread::id());
   EXPECT_NE(ranOn, std::this_thread::get_id());
   ASSERT_EQ(log.lines().size(), 1U);
   EXPECT_EQ(log.lines()[0].severity, 'W');
-  EXPECT_EQ(log.lines()[0].message,
-            "Return code from pthread_create: 0xFE34000A (Resource temporarily unavailable): "
-            "the thread in reserve takes over");
+  EXPECT_EQ(log.lines()[0].message, std::string(kNoThread) + ": the thread in reserve takes over");
 }
 
 TEST_F(WithAReserve, OtherThreadsDoNotUseIt) {
-  auto* const worker = new Worker;
-  EXPECT_EQ(worker->Start(), THREAD_ERROR_CREATE_FAILED);
-  delete worker;
+  EXPECT_EQ(std::make_unique<Worker>([] {})->Start(), THREAD_ERROR_CREATE_FAILED);
 }
 
 TEST_F(WithAReserve, AThreadCanBeHadInTheOrdinaryWayFirst) {
   refuses = false;
-  auto* const thread = new MustRun([] { EXPECT_EQ(existing, 2); });
-  EXPECT_EQ(thread->Start(), THREAD_SUCCESS);
-  MustRun::finish(thread);
+  mustRun([] { EXPECT_EQ(existing, 2); })->finish();
 }
 
 TEST_F(WithAReserve, WhatWaitsIsServedInTheOrderItCame) {
   Gate gate;
   std::vector<int> order;
-  std::vector<MustRun*> threads;
+  std::vector<std::unique_ptr<Worker>> threads;
   for (int i = 0; i < 5; ++i) {
-    threads.push_back(new MustRun([&gate, &order, i] {
+    threads.push_back(mustRun([&gate, &order, i] {
       gate.pass();
       order.push_back(i);
     }));
-    EXPECT_EQ(threads.back()->Start(), THREAD_SUCCESS);
   }
   gate.open();
-  for (MustRun* const thread : threads) {
-    MustRun::finish(thread);
+  for (const auto& thread : threads) {
+    thread->finish();
   }
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
 }
 
 TEST_F(WithAReserve, OneThatTakesItsTimeHoldsUpNobodyOnceThereAreThreadsAgain) {
-  Gate gate;
-  Gate isIn;
-  auto* const slow = new MustRun([&] {
-    isIn.open();
-    gate.pass();
-  });
   // The reserve itself makes its successor, before it calls the body.
   Gate mayBegin;
-  auto* const first = new MustRun([&] {
+  const auto first = mustRun([&] {
     mayBegin.pass();
     refuses = false;
   });
-  EXPECT_EQ(first->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(slow->Start(), THREAD_SUCCESS);
+  Gate gate;
+  Gate isIn;
+  const auto slow = mustRun([&] {
+    isIn.open();
+    gate.pass();
+  });
   mayBegin.open();
   isIn.pass();
   refuses = true;
-  auto* const next = new MustRun([] {});
-  EXPECT_EQ(next->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(MustRun::finish(next), 7U);
+  mustRun([] {})->finish();
   gate.open();
-  MustRun::finish(first);
-  MustRun::finish(slow);
+  first->finish();
+  slow->finish();
 }
 
 TEST_F(WithAReserve, ABodyThatEndsItsThreadIsSucceeded) {
   const int before = made;
-  auto* const leaving = new MustRun([] {
+  const auto leaving = mustRun([] {
     refuses = false;  // none could be had before the body, one can be had after it
     pthread_exit(nullptr);
   });
-  EXPECT_EQ(leaving->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(MustRun::finish(leaving), CThread::AbnormalExitCode);
+  EXPECT_EQ(leaving->finish(), CThread::AbnormalExitCode);
   ASSERT_TRUE(eventually([before] { return made == before + 1; }));
   refuses = true;
-  auto* const next = new MustRun([] {});
-  EXPECT_EQ(next->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(MustRun::finish(next), 7U);
+  mustRun([] {})->finish();
 }
 
 TEST_F(WithAReserve, ABodyThatEndsTheLastThreadLeavesNoneAndTheNextHolderMakesOne) {
-  auto* const leaving = new MustRun([] { pthread_exit(nullptr); });
-  EXPECT_EQ(leaving->Start(), THREAD_SUCCESS);
-  MustRun::finish(leaving);
+  mustRun([] { pthread_exit(nullptr); })->finish();
   ASSERT_TRUE(eventually([] { return existing == 0; })) << "which includes that it has said so";
-  auto* const next = new MustRun([] {});
-  EXPECT_EQ(next->Start(), THREAD_ERROR_CREATE_FAILED);
+  mustRun([] {}, THREAD_ERROR_CREATE_FAILED);
   refuses = false;
   ASSERT_EQ(CReserveThread::create(), 0);
   refuses = true;
-  EXPECT_EQ(next->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(MustRun::finish(next), 7U);
+  mustRun([] {})->finish();
   CReserveThread::removeHolder();
 }
 
 TEST_F(WithAReserve, ATaskKeepsTheReserveForWhatItEndsWith) {
-  std::thread::id destroyedOn;
-  auto* const task = new Task(destroyedOn);
+  auto* const task = new Task;
   CReserveThread::removeHolder();  // the library is taken down meanwhile
-  auto* const thread = new MustRun([] {});
-  EXPECT_EQ(thread->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(MustRun::finish(thread), 7U);
+  mustRun([] {})->finish();
   giveUp(task);
   EXPECT_TRUE(eventually([] { return existing == 0; }));
   CReserveThread::addHolder();  // for TearDown
 }
 
 TEST_F(WithAReserve, ATaskThatNobodyMayWaitForIsDestroyedOnIt) {
-  std::thread::id destroyedOn;
-  auto* const task = new Task(destroyedOn);
-  task->enter();
-  giveUp(task);
-  task->leaveWithoutWaiting();
+  const Task::Place& destroyedOn = abandonTask();
   EXPECT_TRUE(eventually([] { return Counted::count() == 0; }));
-  EXPECT_NE(destroyedOn, std::this_thread::get_id());
+  EXPECT_NE(destroyedOn.load(), std::this_thread::get_id());
 }
 
 TEST_F(WithoutThreads, AnExecutionContextIsNotCreatedAndCanBeLater) {

@@ -6,8 +6,6 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <atomic>
-#include <functional>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -15,115 +13,66 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/common/counted.h"
 #include "tests/unit/common/gate.h"
+#include "tests/unit/common/give_up.h"
 #include "tests/unit/common/heard_log.h"
-#include "vpn/Common/Utility/ApiRunnable.h"
+#include "tests/unit/common/worker.h"
 
 namespace {
 
-class Worker : public CThread {
- public:
-  explicit Worker(std::function<STATUSCODE()> body, std::size_t stackSize = 0)
-      : CThread(stackSize), m_body(std::move(body)) {}
-  STATUSCODE Run() override { return m_body(); }
-  using CThread::keepAlive;
-
- private:
-  std::function<STATUSCODE()> m_body;
-  Counted m_counted;
-};
-
-class Task : public ApiRunnable {
- public:
-  explicit Task(std::atomic<bool>& isGone) : m_isGone(isGone) {}
-  ~Task() override { m_isGone = true; }
-  void run() override {}
-
- private:
-  std::atomic<bool>& m_isGone;
-};
-
-bool everythingIsGone() {
-  return eventually([] { return CThread::RunningCount() == 0 && Counted::count() == 0; });
+TEST(Thread, StartRunsTheBodyOnceOnAThreadOfItsOwn) {
+  std::vector<std::thread::id> ranOn;
+  const auto worker = started([&ranOn] { ranOn.push_back(std::this_thread::get_id()); });
+  EXPECT_EQ(worker->Start(), THREAD_ERROR_INVALID_STATE);
+  EXPECT_EQ(worker->finish(), 0U);
+  EXPECT_EQ(worker->Start(), THREAD_ERROR_INVALID_STATE);
+  ASSERT_EQ(ranOn.size(), 1U);
+  EXPECT_NE(ranOn[0], std::this_thread::get_id());
 }
 
-TEST(Thread, StartRunsTheBodyOnAThreadOfItsOwn) {
-  std::thread::id ranOn;
-  auto* const worker = new Worker([&ranOn]() -> STATUSCODE {
-    ranOn = std::this_thread::get_id();
-    return 0;
-  });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-  unsigned int exitCode = 99;
-  EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-  EXPECT_EQ(exitCode, 0U);
-  EXPECT_NE(ranOn, std::thread::id());
-  EXPECT_NE(ranOn, std::this_thread::get_id());
-  delete worker;
-  EXPECT_TRUE(everythingIsGone());
-}
-
-TEST(Thread, TheExitCodeIsTheLow32BitsOfTheBodysResult) {
-  auto* const worker = new Worker([]() -> STATUSCODE { return 0x12345678FE460019; });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
+TEST(Thread, TheExitCodeIsTheLow32BitsOfTheBodysResultAsOftenAsItIsWaitedFor) {
+  const auto worker = started([]() -> STATUSCODE { return 0x12345678FE460019; });
+  EXPECT_EQ(worker->finish(), 0xFE460019U);
   unsigned int exitCode = 0;
-  ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
+  EXPECT_EQ(worker->WaitForCompletion(exitCode, 0), THREAD_SUCCESS);
   EXPECT_EQ(exitCode, 0xFE460019U);
-  delete worker;
-}
-
-TEST(Thread, ItCanBeWaitedForMoreThanOnce) {
-  auto* const worker = new Worker([]() -> STATUSCODE { return 5; });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-  for (int i = 0; i < 3; ++i) {
-    unsigned int exitCode = 0;
-    EXPECT_EQ(worker->WaitForCompletion(exitCode, i == 0 ? CThread::Infinite : 0U), THREAD_SUCCESS);
-    EXPECT_EQ(exitCode, 5U);
-  }
-  delete worker;
 }
 
 TEST(Thread, SeveralThreadsCanWaitForOne) {
   Gate gate;
-  auto* const worker = new Worker([&gate]() -> STATUSCODE {
+  const auto worker = started([&gate]() -> STATUSCODE {
     gate.pass();
     return 5;
   });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
   std::atomic<unsigned int> sum{0};
   std::vector<std::thread> waiters;
   for (int i = 0; i < 3; ++i) {
-    waiters.emplace_back([worker, &sum] {
-      unsigned int exitCode = 0;
-      worker->WaitForCompletion(exitCode, CThread::Infinite);
-      sum += exitCode;
-    });
+    waiters.emplace_back([&] { sum += worker->finish(); });
   }
   gate.open();
   for (std::thread& waiter : waiters) {
     waiter.join();
   }
   EXPECT_EQ(sum, 15U);
-  delete worker;
 }
 
 TEST(Thread, WaitingForOneThatWasNeverStartedIsAnInvalidState) {
-  auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
+  Worker* const worker = new Worker([] {});
   unsigned int exitCode = 99;
-  EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_ERROR_INVALID_STATE);
-  EXPECT_EQ(worker->WaitForCompletion(exitCode, 0), THREAD_ERROR_INVALID_STATE);
+  for (const unsigned int limit : {CThread::Infinite, 0U}) {
+    EXPECT_EQ(worker->WaitForCompletion(exitCode, limit), THREAD_ERROR_INVALID_STATE);
+  }
   EXPECT_EQ(exitCode, 99U);
   delete worker;
+  EXPECT_EQ(Counted::count(), 0) << "it goes on the spot";
 }
 
 TEST(Thread, AWaitThatRunsOutOfTimeSaysSoAndLeavesTheExitCodeAlone) {
   Gate gate;
-  auto* const worker = new Worker([&gate]() -> STATUSCODE {
+  const auto worker = started([&gate]() -> STATUSCODE {
     gate.pass();
     return 3;
   });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
   unsigned int exitCode = 99;
   EXPECT_EQ(worker->WaitForCompletion(exitCode, 0), THREAD_ERROR_TIMEOUT);
   const auto before = std::chrono::steady_clock::now();
@@ -133,77 +82,47 @@ TEST(Thread, AWaitThatRunsOutOfTimeSaysSoAndLeavesTheExitCodeAlone) {
   gate.open();
   EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite - 1), THREAD_SUCCESS);
   EXPECT_EQ(exitCode, 3U);
-  delete worker;
-}
-
-TEST(Thread, ItStartsOnlyOnce) {
-  std::atomic<int> runs{0};
-  auto* const worker = new Worker([&runs]() -> STATUSCODE { return ++runs; });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-  EXPECT_EQ(worker->Start(), THREAD_ERROR_INVALID_STATE);
-  unsigned int exitCode = 0;
-  ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-  EXPECT_EQ(worker->Start(), THREAD_ERROR_INVALID_STATE);
-  EXPECT_EQ(runs, 1);
-  delete worker;
 }
 
 TEST(Thread, AStackThatTheSystemCannotGiveIsReportedByStart) {
-  auto* const worker = new Worker([]() -> STATUSCODE { return 0; }, std::size_t{1} << 60U);
+  const auto worker = std::make_unique<Worker>([] {}, std::size_t{1} << 60U);
   EXPECT_EQ(worker->Start(), THREAD_ERROR_CREATE_FAILED);
   unsigned int exitCode = 0;
   EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_ERROR_INVALID_STATE);
-  delete worker;
-  EXPECT_TRUE(everythingIsGone());
-}
-
-std::size_t stackSizeOfThisThread() {
-  pthread_attr_t attributes;
-  std::size_t size = 0;
-  if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
-    pthread_attr_getstacksize(&attributes, &size);
-    pthread_attr_destroy(&attributes);
-  }
-  return size;
 }
 
 std::size_t stackSizeFor(std::size_t wish) {
   std::size_t size = 0;
-  auto* const worker = new Worker(
-      [&size]() -> STATUSCODE {
-        size = stackSizeOfThisThread();
-        return 0;
+  started(
+      [&size] {
+        pthread_attr_t attributes;
+        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+          pthread_attr_getstacksize(&attributes, &size);
+          pthread_attr_destroy(&attributes);
+        }
       },
-      wish);
-  EXPECT_EQ(worker->Start(), THREAD_SUCCESS);
-  unsigned int exitCode = 0;
-  EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-  delete worker;
+      wish)
+      ->finish();
   return size;
 }
 
-TEST(Thread, TheConstructorsArgumentIsTheStackSize) {
+TEST(Thread, TheConstructorsArgumentIsTheStackSizeUnlessItIsTooSmall) {
   constexpr std::size_t megabyte = std::size_t{1024} * 1024;
   EXPECT_GE(stackSizeFor(4 * megabyte), 4 * megabyte);
   EXPECT_GE(stackSizeFor(0), DefaultStackSize);
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
   EXPECT_LT(stackSizeFor(0), megabyte);
 #endif
-}
-
-TEST(Thread, AStackTooSmallForTheSystemIsRaised) {
   EXPECT_GE(stackSizeFor(1), static_cast<std::size_t>(PTHREAD_STACK_MIN));
 }
 
 TEST(Thread, TheHostsSignalsAreBlockedInItAndFaultsAreNot) {
   sigset_t inThread;
   sigemptyset(&inThread);
-  auto* const worker = new Worker(
-      [&inThread]() -> STATUSCODE { return pthread_sigmask(SIG_SETMASK, nullptr, &inThread); });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-  unsigned int exitCode = 1;
-  ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-  ASSERT_EQ(exitCode, 0U);
+  EXPECT_EQ(started([&inThread]() -> STATUSCODE {
+              return pthread_sigmask(SIG_SETMASK, nullptr, &inThread);
+            })->finish(),
+            0U);
   for (const int asynchronous : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGALRM, SIGUSR1, SIGPIPE}) {
     EXPECT_EQ(sigismember(&inThread, asynchronous), 1) << asynchronous;
   }
@@ -213,125 +132,67 @@ TEST(Thread, TheHostsSignalsAreBlockedInItAndFaultsAreNot) {
   sigset_t here;
   pthread_sigmask(SIG_SETMASK, nullptr, &here);
   EXPECT_EQ(sigismember(&here, SIGINT), 0);
-  delete worker;
 }
 
 TEST(Thread, ItIsNamedAfterTheSystem) {
   std::string name(16, '\0');
-  auto* const worker = new Worker([&name]() -> STATUSCODE {
-    return pthread_getname_np(pthread_self(), name.data(), name.size());
-  });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-  unsigned int exitCode = 1;
-  ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
+  started([&name] { pthread_getname_np(pthread_self(), name.data(), name.size()); })->finish();
   EXPECT_STREQ(name.c_str(), "ahs");
-  delete worker;
-}
-
-unsigned int exitCodeOf(const std::function<STATUSCODE()>& body) {
-  auto* const worker = new Worker(body);
-  EXPECT_EQ(worker->Start(), THREAD_SUCCESS);
-  unsigned int exitCode = 0;
-  EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-  delete worker;
-  EXPECT_TRUE(everythingIsGone());
-  return exitCode;
 }
 
 TEST(Thread, AnExceptionThatLeavesTheBodyIsLoggedAndEndsTheThread) {
   const HeardLog log;
-  EXPECT_EQ(exitCodeOf([]() -> STATUSCODE { throw std::runtime_error("out of luck"); }),
-            0xFFFFFFFFU);
-  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(started([] { throw std::runtime_error("out of luck"); })->finish(), 0xFFFFFFFFU);
+  EXPECT_EQ(started([] { throw 5; })->finish(), 0xFFFFFFFFU);
+  ASSERT_EQ(log.lines().size(), 2U);
   EXPECT_EQ(log.lines()[0].severity, 'E');
   EXPECT_EQ(log.lines()[0].message, "thread ended by an exception: out of luck");
-}
-
-TEST(Thread, AnExceptionThatIsNoObjectIsCaughtToo) {
-  const HeardLog log;
-  EXPECT_EQ(exitCodeOf([]() -> STATUSCODE { throw 5; }), 0xFFFFFFFFU);
-  ASSERT_EQ(log.lines().size(), 1U);
-  EXPECT_EQ(log.lines()[0].message, "thread ended by an exception: of unknown type");
+  EXPECT_EQ(log.lines()[1].message, "thread ended by an exception: of unknown type");
 }
 
 TEST(Thread, OneThatLeavesThroughPthreadExitHasEndedForItsWaiters) {
   const HeardLog log;
-  EXPECT_EQ(exitCodeOf([]() -> STATUSCODE { pthread_exit(nullptr); }), 0xFFFFFFFFU);
+  EXPECT_EQ(started([] { pthread_exit(nullptr); })->finish(), 0xFFFFFFFFU);
   EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(Thread, DeletingOneThatRunsReturnsAtOnceAndItGoesWhenItHasEnded) {
+  EXPECT_TRUE(everythingIsGone());
   Gate gate;
-  auto* const worker = new Worker([&gate]() -> STATUSCODE {
-    gate.pass();
-    return 0;
-  });
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-  delete worker;
-  EXPECT_EQ(Counted::count(), 1);
-  EXPECT_EQ(CThread::RunningCount(), 1U);
+  const auto body = [&gate] { gate.pass(); };
+  Worker* const first = started(body).release();
+  Worker* const second = started(body).release();
+  delete static_cast<CThread*>(first);
+  delete static_cast<IRunnable*>(second);
+  EXPECT_EQ(Counted::count(), 2);
+  EXPECT_EQ(CThread::RunningCount(), 2U);
   gate.open();
   EXPECT_TRUE(everythingIsGone());
 }
 
 TEST(Thread, OneMayBeDeletedByItsOwnBody) {
-  Worker* worker = nullptr;
-  worker = new Worker([&worker]() -> STATUSCODE {
-    delete worker;
-    return Counted::count() == 1 ? 0 : 1;
-  });
+  std::unique_ptr<Worker> worker;
+  worker = std::make_unique<Worker>([&worker] { worker.reset(); });
   ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
   EXPECT_TRUE(everythingIsGone());
 }
 
-TEST(Thread, DeletingOneThatWasNeverStartedDestroysItOnTheSpot) {
-  auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
-  delete worker;
-  EXPECT_EQ(Counted::count(), 0);
-}
-
-TEST(Thread, ItCanBeDeletedThroughEachOfItsBases) {
-  Gate gate;
-  const auto body = [&gate]() -> STATUSCODE {
-    gate.pass();
-    return 0;
-  };
-  auto* const first = new Worker(body);
-  auto* const second = new Worker(body);
-  ASSERT_EQ(first->Start(), THREAD_SUCCESS);
-  ASSERT_EQ(second->Start(), THREAD_SUCCESS);
-  delete static_cast<CThread*>(first);
-  delete static_cast<IRunnable*>(second);
-  EXPECT_EQ(Counted::count(), 2);
-  gate.open();
-  EXPECT_TRUE(everythingIsGone());
-  const std::unique_ptr<IRunnable> owned(new Worker(body));
-}
-
 class WorkerThatCannotBeBuilt : public Worker {
  public:
-  WorkerThatCannotBeBuilt() : Worker([]() -> STATUSCODE { return 0; }) {
-    throw std::runtime_error("cannot be built");
-  }
+  WorkerThatCannotBeBuilt() : Worker([] {}) { throw std::runtime_error("cannot be built"); }
 };
 
 TEST(Thread, AConstructorThatThrowsFreesTheMemoryAndPassesItsExceptionOn) {
   EXPECT_THROW(new WorkerThatCannotBeBuilt, std::runtime_error);
-  EXPECT_EQ(Counted::count(), 0);
+  EXPECT_TRUE(everythingIsGone());
 }
 
-TEST(Thread, CloneGivesNothing) {
-  auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
-  EXPECT_EQ(worker->Clone(), nullptr);
-  delete worker;
-}
-
-TEST(Thread, DestroyOnlyLogsThatItIsNotImplemented) {
+TEST(Thread, CloneGivesNothingAndDestroyOnlyLogsThatItIsNotImplemented) {
   const HeardLog log;
-  auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
+  const auto worker = std::make_unique<Worker>([] {});
+  EXPECT_EQ(worker->Clone(), nullptr);
   worker->Destroy();
-  EXPECT_EQ(Counted::count(), 1);
-  delete worker;
+  EXPECT_EQ(worker->Start(), THREAD_SUCCESS);
   ASSERT_EQ(log.lines().size(), 1U);
   EXPECT_EQ(log.lines()[0].function, "Destroy");
   EXPECT_EQ(log.lines()[0].file, "vpn/Common/Utility/Thread");
@@ -339,50 +200,40 @@ TEST(Thread, DestroyOnlyLogsThatItIsNotImplemented) {
   EXPECT_EQ(log.lines()[0].message, "IRunnable::Destroy not Implemented");
 }
 
-TEST(Thread, ItKeepsItsTaskUntilTheBodyHasReturned) {
-  std::atomic<bool> isGone{false};
-  Gate gate;
-  bool wasThereInBody = false;
-  auto* const task = new Task(isGone);
-  auto* const worker = new Worker([&]() -> STATUSCODE {
-    gate.pass();
-    wasThereInBody = !isGone;
-    return 0;
-  });
-  worker->keepAlive(*task);
-  ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-  delete task;
-  EXPECT_FALSE(isGone);
-  gate.open();
-  unsigned int exitCode = 0;
-  ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-  EXPECT_TRUE(wasThereInBody);
-  EXPECT_TRUE(isGone) << "a waiter must find the task given up";
-  delete worker;
-}
-
-TEST(Thread, OneThatNeverStartsDoesNotKeepItsTask) {
-  std::atomic<bool> isGone{false};
-  auto* const task = new Task(isGone);
-  auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
-  worker->keepAlive(*task);
-  delete task;
-  EXPECT_TRUE(isGone);
-  delete worker;
+TEST(Thread, ItKeepsItsTaskUntilTheBodyHasReturnedIfItStarts) {
+  for (const bool starts : {true, false}) {
+    Task::Place destroyedOn;
+    Gate gate;
+    const auto isGone = [&] { return destroyedOn.load() != std::thread::id(); };
+    bool wasThereInBody = false;
+    auto* const task = new Task(destroyedOn);
+    const auto worker = std::make_unique<Worker>([&] {
+      gate.pass();
+      wasThereInBody = !isGone();
+    });
+    worker->keepAlive(*task);
+    EXPECT_EQ(starts ? worker->Start() : THREAD_SUCCESS, THREAD_SUCCESS);
+    giveUp(task);
+    EXPECT_EQ(isGone(), !starts);
+    gate.open();
+    if (starts) {
+      worker->finish();
+      EXPECT_TRUE(wasThereInBody);
+    }
+    EXPECT_TRUE(isGone());
+  }
 }
 
 TEST(Thread, WhoHasWaitedAlwaysFindsTheTaskGivenUp) {
   for (int round = 0; round < 500; ++round) {
-    std::atomic<bool> isGone{false};
-    auto* const task = new Task(isGone);
-    auto* const worker = new Worker([]() -> STATUSCODE { return 0; });
+    Task::Place destroyedOn;
+    auto* const task = new Task(destroyedOn);
+    const auto worker = std::make_unique<Worker>([] {});
     worker->keepAlive(*task);
     ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
-    delete task;
-    unsigned int exitCode = 0;
-    ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-    ASSERT_TRUE(isGone);
-    delete worker;
+    giveUp(task);
+    worker->finish();
+    ASSERT_NE(destroyedOn.load(), std::thread::id());
   }
   EXPECT_TRUE(everythingIsGone());
 }
@@ -391,42 +242,33 @@ TEST(Thread, DeletionMayMeetTheEndAtAnyMoment) {
   std::minstd_rand random(20240501);
   for (int round = 0; round < 5000; ++round) {
     const auto inBody = static_cast<unsigned int>(random() % 20000);
-    auto* const worker = new Worker([inBody]() -> STATUSCODE {
-      spin(inBody);
-      return 0;
-    });
-    ASSERT_EQ(worker->Start(), THREAD_SUCCESS);
+    const auto worker = started([inBody] { spin(inBody); });
     spin(static_cast<unsigned int>(random() % 60000));
     if (round % 3 == 0) {
-      unsigned int exitCode = 0;
-      ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
+      worker->finish();
     }
-    delete worker;
   }
   EXPECT_TRUE(everythingIsGone());
 }
 
 TEST(Thread, AThousandRunAtOnce) {
-  constexpr int count = 1000;
+  constexpr unsigned int count = 1000;
   Gate gate;
-  std::vector<Worker*> workers;
-  for (int i = 0; i < count; ++i) {
-    workers.push_back(new Worker([&gate]() -> STATUSCODE {
+  std::vector<std::unique_ptr<Worker>> workers;
+  for (unsigned int i = 0; i < count; ++i) {
+    workers.push_back(started([&gate]() -> STATUSCODE {
       gate.pass();
       return 1;
     }));
-    ASSERT_EQ(workers.back()->Start(), THREAD_SUCCESS);
   }
-  EXPECT_EQ(CThread::RunningCount(), static_cast<unsigned int>(count));
+  EXPECT_EQ(CThread::RunningCount(), count);
   gate.open();
   unsigned int sum = 0;
-  for (Worker* const worker : workers) {
-    unsigned int exitCode = 0;
-    ASSERT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_SUCCESS);
-    sum += exitCode;
-    delete worker;
+  for (const auto& worker : workers) {
+    sum += worker->finish();
   }
-  EXPECT_EQ(sum, static_cast<unsigned int>(count));
+  EXPECT_EQ(sum, count);
+  workers.clear();
   EXPECT_TRUE(everythingIsGone());
 }
 

@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <climits>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -12,51 +12,26 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/common/counted.h"
 #include "tests/unit/common/gate.h"
+#include "tests/unit/common/give_up.h"
 #include "tests/unit/common/heard_log.h"
-#include "vpn/Common/Utility/ApiRunnable.h"
+#include "tests/unit/common/worker.h"
 #include "vpn/Common/Utility/Clock.h"
 #include "vpn/Common/Utility/TimerList.h"
 
 namespace {
 
+using tests::eventually;
 using SteadyClock = std::chrono::steady_clock;
-
-/// A list and the thread that services it.
-class ServicedList {
- public:
-  ServicedList() : m_thread([this] { m_list.service(); }) {}
-  ~ServicedList() { end(); }
-  ServicedList(const ServicedList&) = delete;
-  ServicedList& operator=(const ServicedList&) = delete;
-
-  void end() {
-    m_list.close();
-    if (m_thread.joinable()) {
-      m_thread.join();
-    }
-  }
-  CTimerList* list() { return &m_list; }
-  std::thread::id threadId() const { return m_thread.get_id(); }
-
- private:
-  CTimerList m_list;
-  std::thread m_thread;
-};
+using Values = std::vector<unsigned long>;
+using namespace std::chrono_literals;
 
 /// What callbacks leave behind, in their order.
 class Calls {
  public:
   static void record(void* calls, unsigned long value) { static_cast<Calls*>(calls)->add(value); }
 
-  void add(unsigned long value) {
-    const std::lock_guard<std::mutex> lock(m_lock);
-    m_values.push_back(value);
-    m_last = SteadyClock::now();
-    m_lastThread = std::this_thread::get_id();
-  }
-  std::vector<unsigned long> values() const {
+  Values values() const {
     const std::lock_guard<std::mutex> lock(m_lock);
     return m_values;
   }
@@ -68,161 +43,140 @@ class Calls {
     const std::lock_guard<std::mutex> lock(m_lock);
     return m_lastThread;
   }
-  bool waitFor(std::size_t count) const {
-    return eventually([this, count] { return values().size() >= count; });
-  }
 
  private:
+  void add(unsigned long value) {
+    const std::lock_guard<std::mutex> lock(m_lock);
+    m_values.push_back(value);
+    m_last = SteadyClock::now();
+    m_lastThread = std::this_thread::get_id();
+  }
+
   mutable std::mutex m_lock;
-  std::vector<unsigned long> m_values;
+  Values m_values;
   SteadyClock::time_point m_last;
   std::thread::id m_lastThread;
 };
 
-std::unique_ptr<CTimer> timerFor(CTimerList* list, Calls& calls, unsigned long value) {
-  STATUSCODE status = -1;
-  auto timer = std::make_unique<CTimer>(status, list, Calls::record, &calls, value);
-  EXPECT_EQ(status, TIMER_SUCCESS);
-  return timer;
-}
+/// A list, the thread that services it once it is told to, and timers that record their calls.
+class Timer : public testing::Test {
+ protected:
+  ~Timer() override { end(); }
 
-TEST(Timer, ItCallsBackOnceOnTheListsThreadWithBothValues) {
+  void serve() {
+    service = std::thread([this] { list->service(); });
+  }
+  void end() {
+    list->close();
+    if (service.joinable()) {
+      service.join();
+    }
+  }
+  std::unique_ptr<CTimer> timer(unsigned long value, timercb callback = Calls::record,
+                                void* argument = nullptr) {
+    STATUSCODE status = -1;
+    auto made = std::make_unique<CTimer>(status, list.get(), callback,
+                                         argument != nullptr ? argument : &calls, value);
+    EXPECT_EQ(status, TIMER_SUCCESS);
+    return made;
+  }
+  std::unique_ptr<CTimer> armed(unsigned long value, unsigned long milliseconds,
+                                timercb callback = Calls::record, void* argument = nullptr) {
+    auto made = timer(value, callback, argument);
+    EXPECT_EQ(made->StartTimer(milliseconds), TIMER_SUCCESS);
+    return made;
+  }
+  void expectCalls(const Values& values) const {
+    EXPECT_TRUE(eventually([&] { return calls.values().size() >= values.size(); }));
+    EXPECT_EQ(calls.values(), values);
+  }
+
   Calls calls;
-  ServicedList serviced;
-  const auto timer = timerFor(serviced.list(), calls, 4711);
-  ASSERT_EQ(timer->StartTimer(1), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(1));
-  EXPECT_EQ(calls.values(), std::vector<unsigned long>{4711});
-  EXPECT_EQ(calls.lastThread(), serviced.threadId());
+  std::unique_ptr<CTimerList> list = std::make_unique<CTimerList>();
+  std::thread service;
+};
+
+TEST_F(Timer, ItCallsBackOnceOnTheListsThreadWithBothValues) {
+  serve();
+  const auto first = armed(4711, 1);
+  expectCalls({4711});
+  EXPECT_EQ(calls.lastThread(), service.get_id());
   // Another timer that expires later shows that the first does not fire again.
-  const auto later = timerFor(serviced.list(), calls, 2);
-  ASSERT_EQ(later->StartTimer(20), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(2));
-  EXPECT_EQ(calls.values(), (std::vector<unsigned long>{4711, 2}));
+  const auto later = armed(2, 20);
+  expectCalls({4711, 2});
 }
 
-TEST(Timer, ItNeverFiresEarly) {
+TEST_F(Timer, ItNeverFiresEarly) {
+  serve();
+  Values expected;
   for (const unsigned long milliseconds : {0UL, 1UL, 2UL, 7UL, 30UL}) {
-    Calls calls;
-    ServicedList serviced;
-    const auto timer = timerFor(serviced.list(), calls, 1);
     const SteadyClock::time_point before = SteadyClock::now();
-    ASSERT_EQ(timer->StartTimer(milliseconds), TIMER_SUCCESS);
-    ASSERT_TRUE(calls.waitFor(1));
+    const auto one = armed(milliseconds, milliseconds);
+    expected.push_back(milliseconds);
+    expectCalls(expected);
     EXPECT_GE(calls.last() - before, std::chrono::milliseconds(milliseconds));
   }
 }
 
-TEST(Timer, TimersFireInTheOrderOfTheirExpiry) {
-  Calls calls;
-  CTimerList list;
-  const auto third = timerFor(&list, calls, 3);
-  const auto first = timerFor(&list, calls, 1);
-  const auto second = timerFor(&list, calls, 2);
+TEST_F(Timer, TimersFireInTheOrderOfTheirExpiry) {
+  const auto third = timer(3);
+  const auto first = timer(1);
+  const auto second = timer(2);
   SteadyClock::time_point start;
   do {  // held up in between, the third one would be armed for an earlier moment than the second
     start = SteadyClock::now();
     ASSERT_EQ(third->StartTimer(15), TIMER_SUCCESS);
     ASSERT_EQ(first->StartTimer(0), TIMER_SUCCESS);
     ASSERT_EQ(second->StartTimer(5), TIMER_SUCCESS);
-  } while (SteadyClock::now() - start >= std::chrono::milliseconds(10));
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  std::thread service([&list] { list.service(); });
-  EXPECT_TRUE(calls.waitFor(3));
-  list.close();
-  service.join();
-  EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 2, 3}));
+  } while (SteadyClock::now() - start >= 10ms);
+  std::this_thread::sleep_for(20ms);
+  serve();
+  expectCalls({1, 2, 3});
 }
 
-TEST(Timer, AnEarlierTimerOvertakesTheOneThatIsWaitedFor) {
-  Calls calls;
-  ServicedList serviced;
-  const auto late = timerFor(serviced.list(), calls, 2);
-  ASSERT_EQ(late->StartTimer(60000), TIMER_SUCCESS);
+TEST_F(Timer, AnEarlierTimerOvertakesTheOneThatIsWaitedFor) {
+  serve();
+  const auto late = armed(2, 60000);
   // Long enough for the list's thread to sleep; if it is held up, nothing is shown.
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  const auto soon = timerFor(serviced.list(), calls, 1);
-  ASSERT_EQ(soon->StartTimer(1), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(1));
-  EXPECT_EQ(calls.values(), std::vector<unsigned long>{1});
+  std::this_thread::sleep_for(50ms);
+  const auto soon = armed(1, 1);
+  expectCalls({1});
 }
 
-TEST(Timer, OneThatIsNotStartedDoesNotFire) {
-  Calls calls;
-  ServicedList serviced;
-  const auto idle = timerFor(serviced.list(), calls, 1);
-  const auto started = timerFor(serviced.list(), calls, 2);
-  ASSERT_EQ(started->StartTimer(2), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(1));
-  EXPECT_EQ(calls.values(), std::vector<unsigned long>{2});
+TEST_F(Timer, OneThatIsNotStartedOrHasBeenDeletedDoesNotFire) {
+  const auto idle = timer(1);
+  armed(2, 0).reset();
+  const auto fence = armed(3, 5);
+  serve();
+  expectCalls({3});
 }
 
-TEST(Timer, DeletingItTakesItOffTheList) {
-  Calls calls;
-  CTimerList list;
-  auto deleted = timerFor(&list, calls, 1);
-  ASSERT_EQ(deleted->StartTimer(0), TIMER_SUCCESS);
-  deleted.reset();
-  const auto fence = timerFor(&list, calls, 2);
-  ASSERT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
-  std::thread service([&list] { list.service(); });
-  EXPECT_TRUE(calls.waitFor(1));
-  list.close();
-  service.join();
-  EXPECT_EQ(calls.values(), std::vector<unsigned long>{2});
+TEST_F(Timer, StartingItAgainArmsItAnewAndOnce) {
+  const auto again = armed(1, 60000);
+  ASSERT_EQ(again->StartTimer(0), TIMER_SUCCESS);
+  ASSERT_EQ(again->StartTimer(0), TIMER_SUCCESS);
+  const auto fence = armed(2, 1);
+  serve();
+  expectCalls({1, 2});
+  ASSERT_EQ(again->StartTimer(1), TIMER_SUCCESS);
+  expectCalls({1, 2, 1});
 }
 
-TEST(Timer, StartingItAgainArmsItAnew) {
-  Calls calls;
-  ServicedList serviced;
-  const auto timer = timerFor(serviced.list(), calls, 1);
-  ASSERT_EQ(timer->StartTimer(60000), TIMER_SUCCESS);
-  ASSERT_EQ(timer->StartTimer(1), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(1));
-  ASSERT_EQ(timer->StartTimer(1), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(2));
-  const auto fence = timerFor(serviced.list(), calls, 2);
-  ASSERT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(3));
-  EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 1, 2}));
-}
-
-TEST(Timer, OneThatIsStartedTwiceBeforeItExpiresFiresOnce) {
-  Calls calls;
-  CTimerList list;
-  const auto timer = timerFor(&list, calls, 1);
-  const auto fence = timerFor(&list, calls, 2);
-  ASSERT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
-  ASSERT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
-  ASSERT_EQ(fence->StartTimer(1), TIMER_SUCCESS);
-  std::thread service([&list] { list.service(); });
-  EXPECT_TRUE(calls.waitFor(2));
-  list.close();
-  service.join();
-  EXPECT_EQ(calls.values(), (std::vector<unsigned long>{1, 2}));
-}
-
-TEST(Timer, AClosedListRefusesTimersAndFiresNoneOfItsOwn) {
-  Calls calls;
-  CTimerList list;
-  const auto armed = timerFor(&list, calls, 1);
-  const auto late = timerFor(&list, calls, 2);
-  ASSERT_EQ(armed->StartTimer(0), TIMER_SUCCESS);
-  list.close();
+TEST_F(Timer, AClosedListRefusesTimersAndFiresNoneOfItsOwn) {
+  const auto due = armed(1, 0);
+  const auto late = timer(2);
+  list->close();
   EXPECT_EQ(late->StartTimer(0), TIMER_ERROR_LIST_CLOSED);
-  list.service();
-  EXPECT_TRUE(calls.values().empty());
+  list->service();
+  expectCalls({});
 }
 
-TEST(Timer, ItMayOutliveItsList) {
-  Calls calls;
-  auto list = std::make_unique<CTimerList>();
-  const auto armed = timerFor(list.get(), calls, 1);
-  const auto idle = timerFor(list.get(), calls, 2);
-  ASSERT_EQ(armed->StartTimer(1), TIMER_SUCCESS);
-  list.reset();
+TEST_F(Timer, ItMayOutliveItsList) {
+  const auto due = armed(1, 1);
+  const auto idle = timer(2);
+  list = std::make_unique<CTimerList>();
   EXPECT_EQ(idle->StartTimer(1), TIMER_ERROR_LIST_CLOSED);
-  EXPECT_TRUE(calls.values().empty());
+  expectCalls({});
 }
 
 struct Deletion {
@@ -236,13 +190,10 @@ struct Deletion {
   }
 };
 
-TEST(Timer, ItMayBeDeletedByItsOwnCallback) {
+TEST_F(Timer, ItMayBeDeletedByItsOwnCallback) {
   Deletion deletion;
-  ServicedList serviced;
-  STATUSCODE status = -1;
-  deletion.timer = new CTimer(status, serviced.list(), Deletion::run, &deletion, 0);
-  ASSERT_EQ(status, TIMER_SUCCESS);
-  ASSERT_EQ(deletion.timer->StartTimer(1), TIMER_SUCCESS);
+  deletion.timer = armed(0, 1, Deletion::run, &deletion).release();
+  serve();
   EXPECT_TRUE(eventually([&deletion] { return deletion.done.load(); }));
 }
 
@@ -259,37 +210,28 @@ struct BlockedCallback {
   }
 };
 
-TEST(Timer, DeletingItDoesNotWaitForACallbackThatWantsTheDeletersLock) {
+TEST_F(Timer, DeletingItDoesNotWaitForACallbackThatWantsTheDeletersLock) {
   BlockedCallback callback;
-  ServicedList serviced;
+  serve();
   {
     const std::lock_guard<std::mutex> guard(callback.lock);
-    STATUSCODE status = -1;
-    auto timer =
-        std::make_unique<CTimer>(status, serviced.list(), BlockedCallback::run, &callback, 0);
-    ASSERT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
+    auto blocked = armed(0, 0, BlockedCallback::run, &callback);
     ASSERT_TRUE(eventually([&callback] { return callback.entered.load(); }));
-    timer.reset();
+    blocked.reset();
     EXPECT_FALSE(callback.left);
   }
   EXPECT_TRUE(eventually([&callback] { return callback.left.load(); }));
+  end();  // before the lock goes
 }
 
-void throwError(void*, unsigned long) { throw std::runtime_error("out of luck"); }
-void throwNumber(void*, unsigned long) { throw 5; }
-
-TEST(Timer, AnExceptionThatLeavesACallbackIsLoggedAndLaterTimersFire) {
+TEST_F(Timer, AnExceptionThatLeavesACallbackIsLoggedAndLaterTimersFire) {
   const HeardLog log;
-  Calls calls;
-  ServicedList serviced;
-  STATUSCODE status = -1;
-  CTimer first(status, serviced.list(), throwError, nullptr, 0);
-  CTimer second(status, serviced.list(), throwNumber, nullptr, 0);
-  const auto third = timerFor(serviced.list(), calls, 3);
-  ASSERT_EQ(first.StartTimer(0), TIMER_SUCCESS);
-  ASSERT_EQ(second.StartTimer(0), TIMER_SUCCESS);
-  ASSERT_EQ(third->StartTimer(2), TIMER_SUCCESS);
-  ASSERT_TRUE(calls.waitFor(1));
+  const auto first =
+      armed(0, 0, [](void*, unsigned long) { throw std::runtime_error("out of luck"); });
+  const auto second = armed(0, 0, [](void*, unsigned long) { throw 5; });
+  const auto third = armed(3, 2);
+  serve();
+  expectCalls({3});
   ASSERT_EQ(log.lines().size(), 2U);
   EXPECT_EQ(log.lines()[0].severity, 'E');
   EXPECT_EQ(log.lines()[0].message, "timer callback ended by an exception: out of luck");
@@ -297,16 +239,15 @@ TEST(Timer, AnExceptionThatLeavesACallbackIsLoggedAndLaterTimersFire) {
 }
 
 /// A task with a timer, as a run has one.
-class TimedTask : public ApiRunnable {
+class TimedTask : public Task {
  public:
-  TimedTask(CTimerList* list, std::shared_ptr<Gate> inCallback)
-      : m_inCallback(std::move(inCallback)) {
+  TimedTask(CTimerList* list, Gate* inCallback) : m_inCallback(inCallback) {
     STATUSCODE status = -1;
     m_timer = std::make_unique<CTimer>(status, list, expired, this, 0);
     m_timer->keepAlive(*this);
     EXPECT_EQ(status, TIMER_SUCCESS);
   }
-  void run() override {}
+  ~TimedTask() override { destroyedOn() = std::this_thread::get_id(); }
   void start(unsigned long milliseconds) {
     EXPECT_EQ(m_timer->StartTimer(milliseconds), TIMER_SUCCESS);
   }
@@ -314,11 +255,10 @@ class TimedTask : public ApiRunnable {
     static std::atomic<int> count{0};
     return count;
   }
-  static std::atomic<std::thread::id>& destroyedOn() {
-    static std::atomic<std::thread::id> id;
+  static Place& destroyedOn() {
+    static Place id;
     return id;
   }
-  ~TimedTask() override { destroyedOn() = std::this_thread::get_id(); }
 
  private:
   static void expired(void* self, unsigned long) {
@@ -330,97 +270,88 @@ class TimedTask : public ApiRunnable {
     task->m_uses = task->m_uses + 1;
   }
 
-  Counted m_counted;
-  const std::shared_ptr<Gate> m_inCallback;
+  Gate* const m_inCallback;
   std::unique_ptr<CTimer> m_timer;
   int m_uses = 0;
 };
 
-TEST(Timer, ItKeepsItsTaskWhileTheCallbackRuns) {
+TEST_F(Timer, ItKeepsItsTaskWhileTheCallbackRuns) {
   TimedTask::entered() = 0;
-  ServicedList serviced;
-  const auto gate = std::make_shared<Gate>();
-  auto* const task = new TimedTask(serviced.list(), gate);
+  serve();
+  Gate gate;
+  auto* const task = new TimedTask(list.get(), &gate);
   task->start(0);
   ASSERT_TRUE(eventually([] { return TimedTask::entered() == 1; }));
-  delete task;
+  giveUp(task);
   EXPECT_EQ(Counted::count(), 1);
-  gate->open();
+  gate.open();
   EXPECT_TRUE(eventually([] { return Counted::count() == 0; }));
-  EXPECT_NE(TimedTask::destroyedOn().load(), serviced.threadId());
+  EXPECT_NE(TimedTask::destroyedOn().load(), service.get_id());
 }
 
-TEST(Timer, ItDoesNotKeepItsTaskWhileItWaits) {
+TEST_F(Timer, ItDoesNotKeepItsTaskWhileItWaits) {
   TimedTask::entered() = 0;
-  ServicedList serviced;
-  auto* const task = new TimedTask(serviced.list(), nullptr);
+  serve();
+  auto* const task = new TimedTask(list.get(), nullptr);
   task->start(60000);
-  delete task;
+  giveUp(task);
   EXPECT_EQ(Counted::count(), 0);
   EXPECT_EQ(TimedTask::entered(), 0);
 }
 
 /// Stays in its destructor until its timer's time has surely come; no timer fires before that.
-class TaskThatGoesSlowly : public ApiRunnable {
+class TaskThatGoesSlowly : public Task {
  public:
-  TaskThatGoesSlowly(CTimerList* list, Calls& calls) : m_list(list), m_calls(calls) {
-    m_timer = timerFor(list, calls, 1);
+  TaskThatGoesSlowly(std::unique_ptr<CTimer> own, std::function<void()> inDestructor)
+      : m_timer(std::move(own)), m_inDestructor(std::move(inDestructor)) {
     m_timer->keepAlive(*this);
     EXPECT_EQ(m_timer->StartTimer(0), TIMER_SUCCESS);
   }
-  ~TaskThatGoesSlowly() override {
-    const auto fence = timerFor(m_list, m_calls, 2);
-    EXPECT_EQ(fence->StartTimer(5), TIMER_SUCCESS);
-    std::thread service([this] { m_list->service(); });
-    EXPECT_TRUE(m_calls.waitFor(1));
-    m_list->close();
-    service.join();
-  }
-  void run() override {}
+  ~TaskThatGoesSlowly() override { m_inDestructor(); }
 
  private:
-  CTimerList* const m_list;
-  Calls& m_calls;
-  std::unique_ptr<CTimer> m_timer;
+  const std::unique_ptr<CTimer> m_timer;
+  const std::function<void()> m_inDestructor;
 };
 
-TEST(Timer, ATaskThatIsBeingDestroyedIsNotCalledBack) {
-  Calls calls;
-  CTimerList list;
-  delete new TaskThatGoesSlowly(&list, calls);
-  EXPECT_EQ(calls.values(), std::vector<unsigned long>{2});
+TEST_F(Timer, ATaskThatIsBeingDestroyedIsNotCalledBack) {
+  delete new TaskThatGoesSlowly(timer(1), [this] {
+    const auto fence = armed(2, 5);
+    serve();
+    expectCalls({2});
+    end();
+  });
+  expectCalls({2});
 }
 
-TEST(Timer, DeletionOfATaskMayMeetItsExpiryAtAnyMoment) {
+TEST_F(Timer, DeletionOfATaskMayMeetItsExpiryAtAnyMoment) {
   TimedTask::entered() = 0;
-  ServicedList serviced;
+  serve();
   std::minstd_rand random(20240502);
   for (int round = 0; round < 4000; ++round) {
-    auto* const task = new TimedTask(serviced.list(), nullptr);
+    auto* const task = new TimedTask(list.get(), nullptr);
     task->start(round % 4 == 0 ? 1 : 0);
     if (round % 2 == 0) {
       spin(static_cast<unsigned int>(random() % 20000));
     } else {
       std::this_thread::sleep_for(std::chrono::microseconds(random() % 100));
     }
-    delete task;
+    giveUp(task);
   }
   EXPECT_TRUE(eventually([] { return Counted::count() == 0; }));
   EXPECT_GT(TimedTask::entered(), 0);
 }
 
-TEST(Timer, ManyThreadsMayArmAndDeleteTimersOfOneList) {
-  Calls calls;
-  ServicedList serviced;
+TEST_F(Timer, ManyThreadsMayArmAndDeleteTimersOfOneList) {
+  serve();
   std::vector<std::thread> threads;
   for (unsigned int id = 0; id < 4; ++id) {
-    threads.emplace_back([&serviced, &calls, id] {
+    threads.emplace_back([this, id] {
       std::minstd_rand random(id + 1);
       for (int round = 0; round < 500; ++round) {
-        const auto timer = timerFor(serviced.list(), calls, id);
-        EXPECT_EQ(timer->StartTimer(random() % 2), TIMER_SUCCESS);
+        const auto one = armed(id, random() % 2);
         if (random() % 2 == 0) {
-          EXPECT_EQ(timer->StartTimer(0), TIMER_SUCCESS);
+          EXPECT_EQ(one->StartTimer(0), TIMER_SUCCESS);
         }
         if (random() % 8 == 0) {
           std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
@@ -431,9 +362,8 @@ TEST(Timer, ManyThreadsMayArmAndDeleteTimersOfOneList) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  const auto last = timerFor(serviced.list(), calls, 99);
-  ASSERT_EQ(last->StartTimer(0), TIMER_SUCCESS);
-  ASSERT_TRUE(eventually([&calls] { return calls.values().back() == 99; }));
+  const auto last = armed(99, 0);
+  EXPECT_TRUE(eventually([this] { return calls.values().back() == 99; }));
 }
 
 TEST(Clock, ItNeverGoesBackAndAdvancesWithTheMonotonicClock) {

@@ -233,37 +233,24 @@ TEST_F(HttpProbeTest, OnlyTheResultsAskedForAreWritten) {
   }
 }
 
-TEST_F(HttpProbeTest, WhatIsNoHostIsADnsErrorAndSendsNothing) {
+class HttpProbeOfNoHost : public HttpProbeTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(HttpProbeOfNoHost, IsADnsErrorAndSendsNothing) {
   const ScriptedServer server(answering(kOk));
-  const std::vector<std::string> hosts = {"",
-                                          " ",
-                                          "127.0.0.1/",
-                                          "127.0.0.1/x",
-                                          "127.0.0.1:80",
-                                          "user@127.0.0.1",
-                                          "http://127.0.0.1",
-                                          "127.0.0.1\r\nX: y",
-                                          "127.0.0.1 ",
-                                          "127.0.0.1#",
-                                          "127.0.0.1?x",
-                                          "[::1",
-                                          "[::1]:80",
-                                          "::1/",
-                                          "[::1%",
-                                          "::1%",
-                                          "127.1",
-                                          "2130706433",
-                                          std::string("127.0.0.1\0", 10),
-                                          std::string(1 << 20, 'a'),
-                                          std::string(1 << 20, ':')};
-  for (const std::string& host : hosts) {
-    SCOPED_TRACE(host.substr(0, 40));
-    EXPECT_EQ(probe(server.port(), 1, host), HTTP_SESSION_ERROR_DNS_RESOLUTION);
-    EXPECT_EQ(results.uiLastError, CURLE_URL_MALFORMAT);
-    EXPECT_EQ(results.uiRtt, 0U);
-  }
+  EXPECT_EQ(probe(server.port(), 1, GetParam()), HTTP_SESSION_ERROR_DNS_RESOLUTION);
+  EXPECT_EQ(results.uiLastError, CURLE_URL_MALFORMAT);
+  EXPECT_EQ(results.uiRtt, 0U);
   EXPECT_EQ(server.accepted(), 0U);
 }
+
+INSTANTIATE_TEST_SUITE_P(Host, HttpProbeOfNoHost,
+                         testing::Values("", " ", "127.0.0.1/", "127.0.0.1/x", "127.0.0.1:80",
+                                         "user@127.0.0.1", "http://127.0.0.1", "127.0.0.1\r\nX: y",
+                                         "127.0.0.1 ", "127.0.0.1#", "127.0.0.1?x", "[::1",
+                                         "[::1]:80", "::1/", "[::1%", "::1%", "127.1", "2130706433",
+                                         std::string("127.0.0.1\0", 10), std::string(1 << 20, 'a'),
+                                         std::string(1 << 20, ':')),
+                         [](const auto& param) { return std::to_string(param.index); });
 
 TEST_F(HttpProbeTest, AnIpv6AddressIsTakenWithAndWithoutBrackets) {
   if (!hasAddress("::1")) {

@@ -15,155 +15,124 @@ std::string realmOf(const std::string& headers, const std::string& scheme = "Bas
   return response.getProxyAuthRealm(scheme);
 }
 
-std::string realmOfChallenge(const std::string& challenge, const std::string& scheme = "Basic") {
-  return realmOf("HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: " + challenge +
-                     "\r\nContent-Length: 0\r\n\r\n",
-                 scheme);
+/// Headers with a challenge of a proxy.
+std::string challenge(const std::string& challenge) {
+  return "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: " + challenge +
+         "\r\nContent-Length: 0\r\n\r\n";
 }
 
-TEST(HttpHeaderResponse, TheRealmOfASimpleChallengeIsFound) {
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"Office\""), "Office");
-}
+struct REALM {
+  std::string headers;
+  std::string realm;
+  std::string scheme = "Basic";
+};
 
-TEST(HttpHeaderResponse, NamesAreFoundInAnyLetterCase) {
-  EXPECT_EQ(realmOf("PROXY-authenticate:bAsIc REALM=\"x\"\r\n", "BASIC"), "x");
-}
-
-TEST(HttpHeaderResponse, WithoutAChallengeThereIsNoRealm) {
-  EXPECT_EQ(realmOf(""), "");
-  EXPECT_EQ(realmOf("HTTP/1.1 200 OK\r\n\r\n"), "");
-  EXPECT_EQ(realmOf("WWW-Authenticate: Basic realm=\"server\"\r\n"), "");
-  EXPECT_EQ(realmOf("X-Proxy-Authenticate: Basic realm=\"x\"\r\n"), "");
-  EXPECT_EQ(realmOf("Proxy-Authenticate : Basic realm=\"x\"\r\n"), "");
-  EXPECT_EQ(realmOf("Proxy-Authenticate"), "");
-  EXPECT_EQ(realmOf("Proxy-Authenticate:"), "");
-}
-
-TEST(HttpHeaderResponse, AChallengeWithoutARealmHasNone) {
-  EXPECT_EQ(realmOfChallenge("Basic"), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic charset=\"UTF-8\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm="), "");
-}
-
-TEST(HttpHeaderResponse, AnotherSchemesRealmIsNotTaken) {
-  EXPECT_EQ(realmOfChallenge("Digest realm=\"d\", nonce=\"n\""), "");
-  EXPECT_EQ(realmOfChallenge("Digest realm=\"d\", nonce=\"n\"", "digest"), "d");
-  EXPECT_EQ(realmOfChallenge("BasicX realm=\"x\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"x\"", ""), "");
-}
-
-TEST(HttpHeaderResponse, SeveralChallengesMayStandInOneLine) {
-  const std::string line =
+TEST(HttpHeaderResponse, TheRealmIsThatOfTheSchemesFirstWellFormedChallenge) {
+  const std::string several = challenge(
       "Negotiate, NTLM TlRMTVNTUAAC==, Digest realm=\"d\", qop=\"auth,auth-int\", "
-      "Basic charset=\"UTF-8\", realm=\"b\" , Bearer realm=\"c\"";
-  EXPECT_EQ(realmOfChallenge(line), "b");
-  EXPECT_EQ(realmOfChallenge(line, "Digest"), "d");
-  EXPECT_EQ(realmOfChallenge(line, "Bearer"), "c");
-  EXPECT_EQ(realmOfChallenge(line, "NTLM"), "");
-  EXPECT_EQ(realmOfChallenge(line, "Negotiate"), "");
-}
-
-TEST(HttpHeaderResponse, SeveralChallengesMayStandInSeveralLines) {
-  EXPECT_EQ(realmOf("Proxy-Authenticate: Negotiate\r\nServer: x\r\nProxy-Authenticate: NTLM\r\n"
-                    "Proxy-Authenticate: Basic realm=\"b\"\r\n\r\n"),
-            "b");
-}
-
-TEST(HttpHeaderResponse, UnknownSchemesBeforeAndAfterDoNotMatter) {
-  EXPECT_EQ(realmOfChallenge("X-Own abc/+==, Own2 a=b, c=\"d, Basic realm=no\", Basic realm=\"b\", "
-                             "Basic2 realm=\"c\""),
-            "b");
-  EXPECT_EQ(realmOf("Proxy-Authenticate: Own realm=\"no\"\r\nProxy-Authenticate: Digest\r\n"
-                    " realm=\"no\"\r\nProxy-Authenticate: Negotiate YII=\r\n"
-                    "Proxy-Authenticate: Basic realm=\"b\"\r\n"),
-            "b");
-}
-
-TEST(HttpHeaderResponse, AChallengeThatIsNotBasicsOwnDoesNotLendItsRealm) {
-  EXPECT_EQ(realmOfChallenge("Basic, Digest realm=\"d\""), "");
-  EXPECT_EQ(realmOf("Proxy-Authenticate: Basic\r\nProxy-Authenticate: realm=\"x\"\r\n"), "");
-}
-
-TEST(HttpHeaderResponse, QuotesThatAProxyDoesNotEscapeMakeNoRealm) {
-  EXPECT_EQ(realmOfChallenge(R"(Basic realm="the "Office"")"), "");
-  EXPECT_EQ(realmOfChallenge(R"(Basic realm="First "office", 2nd floor")"), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm='Office'"), "'Office'");
-}
-
-TEST(HttpHeaderResponse, TheFirstRealmOfASchemeCounts) {
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"one\", Basic realm=\"two\""), "one");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"\", Basic realm=\"two\""), "two");
-}
-
-TEST(HttpHeaderResponse, TheAnswersOfAProxyAndAServerAreSearchedBoth) {
-  EXPECT_EQ(realmOf("HTTP/1.1 200 Established\r\n\r\nHTTP/1.1 407 No\r\n"
-                    "Proxy-Authenticate: Basic realm=\"b\"\r\n\r\n"),
-            "b");
-}
-
-TEST(HttpHeaderResponse, QuotedStringsAreUnescaped) {
-  EXPECT_EQ(realmOfChallenge(R"(Basic realm="say \"hello\", \\ \a")"), R"(say "hello", \ a)");
-  EXPECT_EQ(realmOfChallenge(R"(Basic realm="a, Basic realm=b")"), "a, Basic realm=b");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"b\xc3\xbcro\""), "b\xc3\xbcro");
-}
-
-TEST(HttpHeaderResponse, ATokenIsARealmToo) {
-  EXPECT_EQ(realmOfChallenge("Basic realm=office"), "office");
-  EXPECT_EQ(realmOfChallenge("Basic realm=office, x=y"), "office");
-}
-
-TEST(HttpHeaderResponse, BadWhitespaceAndEmptyElementsAreTolerated) {
-  EXPECT_EQ(realmOfChallenge(", ,Basic   realm \t= \t\"x\" ,, "), "x");
-  EXPECT_EQ(realmOfChallenge("Basic\trealm=\"x\""), "x");
-  EXPECT_EQ(realmOf("Proxy-Authenticate:\t Basic realm=\"x\"  \n"), "x");
-}
-
-TEST(HttpHeaderResponse, AFoldedLineIsOneLine) {
-  EXPECT_EQ(
-      realmOf("Proxy-Authenticate: Digest realm=\"d\",\r\n\tBasic\r\n   realm=\"x\r\n y\"\r\n"),
-      "x y");
-}
-
-TEST(HttpHeaderResponse, WhatFollowsAnEmptyLineContinuesNothing) {
-  EXPECT_EQ(realmOf("Proxy-Authenticate: Basic\r\n\r\n realm=\"x\"\r\n"), "");
-  EXPECT_EQ(realmOf(" Proxy-Authenticate: Basic realm=\"x\"\r\n"), "");
-}
-
-TEST(HttpHeaderResponse, AMalformedChallengeIsSkippedAndTheNextIsRead) {
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"x\"y, Basic realm=\"good\""), "good");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"x\", realm=\"y\", Basic realm=\"good\""), "good");
-  EXPECT_EQ(realmOfChallenge("Basic realm=a b, Basic realm=\"good\""), "good");
-  EXPECT_EQ(realmOfChallenge("Basic =x, Basic realm=\"good\""), "good");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"x\", @, Basic realm=\"good\""), "good");
-  EXPECT_EQ(realmOfChallenge("realm=\"lost\", Basic realm=\"good\""), "good");
-  EXPECT_EQ(realmOfChallenge("Basic\"x\", Basic realm=\"good\""), "good");
-}
-
-TEST(HttpHeaderResponse, AQuotedStringWithoutAnEndIsNoRealm) {
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"x"), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"x\\"), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"x\\\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\""), "");
-}
-
-TEST(HttpHeaderResponse, ARealmWithControlCharactersIsRefused) {
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\x1b[2J\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\tb\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\rb\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\\\x7f\""), "");
-  EXPECT_EQ(realmOfChallenge(std::string("Basic realm=\"a\0b\"", 17)), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\xc2\x9b"
-                             "2J\""),
-            "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"a\xc2\xa0\xc3\x9c\""), "a\xc2\xa0\xc3\x9c");
-}
-
-TEST(HttpHeaderResponse, ARealmIsTakenUpTo4096Bytes) {
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"" + std::string(4096, 'x') + "\"").size(), 4096U);
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"" + std::string(4097, 'x') + "\""), "");
-  EXPECT_EQ(realmOfChallenge("Basic realm=\"" + std::string(64 * 1024, 'x') + "\", Basic realm=y"),
-            "y");
+      "Basic charset=\"UTF-8\", realm=\"b\" , Bearer realm=\"c\"");
+  const REALM rows[] = {
+      // The realm of a simple challenge is found.
+      {challenge("Basic realm=\"Office\""), "Office"},
+      // Names are found in any letter case.
+      {"PROXY-authenticate:bAsIc REALM=\"x\"\r\n", "x", "BASIC"},
+      // Without a challenge there is no realm.
+      {"", ""},
+      {"HTTP/1.1 200 OK\r\n\r\n", ""},
+      {"WWW-Authenticate: Basic realm=\"server\"\r\n", ""},
+      {"X-Proxy-Authenticate: Basic realm=\"x\"\r\n", ""},
+      {"Proxy-Authenticate : Basic realm=\"x\"\r\n", ""},
+      {"Proxy-Authenticate", ""},
+      {"Proxy-Authenticate:", ""},
+      // A challenge without a realm has none.
+      {challenge("Basic"), ""},
+      {challenge("Basic realm=\"\""), ""},
+      {challenge("Basic charset=\"UTF-8\""), ""},
+      {challenge("Basic realm="), ""},
+      // Another scheme's realm is not taken.
+      {challenge("Digest realm=\"d\", nonce=\"n\""), ""},
+      {challenge("Digest realm=\"d\", nonce=\"n\""), "d", "digest"},
+      {challenge("BasicX realm=\"x\""), ""},
+      {challenge("Basic realm=\"x\""), "", ""},
+      // Several challenges may stand in several lines.
+      {"Proxy-Authenticate: Negotiate\r\nServer: x\r\nProxy-Authenticate: NTLM\r\n"
+       "Proxy-Authenticate: Basic realm=\"b\"\r\n\r\n",
+       "b"},
+      // Unknown schemes before and after do not matter.
+      {challenge("X-Own abc/+==, Own2 a=b, c=\"d, Basic realm=no\", Basic realm=\"b\", "
+                 "Basic2 realm=\"c\""),
+       "b"},
+      {"Proxy-Authenticate: Own realm=\"no\"\r\nProxy-Authenticate: Digest\r\n"
+       " realm=\"no\"\r\nProxy-Authenticate: Negotiate YII=\r\n"
+       "Proxy-Authenticate: Basic realm=\"b\"\r\n",
+       "b"},
+      // A challenge that is not Basic's own does not lend its realm.
+      {challenge("Basic, Digest realm=\"d\""), ""},
+      {"Proxy-Authenticate: Basic\r\nProxy-Authenticate: realm=\"x\"\r\n", ""},
+      // Quotes that a proxy does not escape make no realm.
+      {challenge(R"(Basic realm="the "Office"")"), ""},
+      {challenge(R"(Basic realm="First "office", 2nd floor")"), ""},
+      {challenge("Basic realm='Office'"), "'Office'"},
+      // The first realm of a scheme counts.
+      {challenge("Basic realm=\"one\", Basic realm=\"two\""), "one"},
+      {challenge("Basic realm=\"\", Basic realm=\"two\""), "two"},
+      // The answers of a proxy and a server are searched both.
+      {"HTTP/1.1 200 Established\r\n\r\nHTTP/1.1 407 No\r\n"
+       "Proxy-Authenticate: Basic realm=\"b\"\r\n\r\n",
+       "b"},
+      // Quoted strings are unescaped.
+      {challenge(R"(Basic realm="say \"hello\", \\ \a")"), R"(say "hello", \ a)"},
+      {challenge(R"(Basic realm="a, Basic realm=b")"), "a, Basic realm=b"},
+      {challenge("Basic realm=\"b\xc3\xbcro\""), "b\xc3\xbcro"},
+      // A token is a realm too.
+      {challenge("Basic realm=office"), "office"},
+      {challenge("Basic realm=office, x=y"), "office"},
+      // Bad whitespace and empty elements are tolerated.
+      {challenge(", ,Basic   realm \t= \t\"x\" ,, "), "x"},
+      {challenge("Basic\trealm=\"x\""), "x"},
+      {"Proxy-Authenticate:\t Basic realm=\"x\"  \n", "x"},
+      // A folded line is one line.
+      {"Proxy-Authenticate: Digest realm=\"d\",\r\n\tBasic\r\n   realm=\"x\r\n y\"\r\n", "x y"},
+      // What follows an empty line continues nothing.
+      {"Proxy-Authenticate: Basic\r\n\r\n realm=\"x\"\r\n", ""},
+      {" Proxy-Authenticate: Basic realm=\"x\"\r\n", ""},
+      // A malformed challenge is skipped and the next is read.
+      {challenge("Basic realm=\"x\"y, Basic realm=\"good\""), "good"},
+      {challenge("Basic realm=\"x\", realm=\"y\", Basic realm=\"good\""), "good"},
+      {challenge("Basic realm=a b, Basic realm=\"good\""), "good"},
+      {challenge("Basic =x, Basic realm=\"good\""), "good"},
+      {challenge("Basic realm=\"x\", @, Basic realm=\"good\""), "good"},
+      {challenge("realm=\"lost\", Basic realm=\"good\""), "good"},
+      {challenge("Basic\"x\", Basic realm=\"good\""), "good"},
+      // A quoted string without an end is no realm.
+      {challenge("Basic realm=\"x"), ""},
+      {challenge("Basic realm=\"x\\"), ""},
+      {challenge("Basic realm=\"x\\\""), ""},
+      {challenge("Basic realm=\""), ""},
+      // A realm with control characters is refused.
+      {challenge("Basic realm=\"a\x1b[2J\""), ""},
+      {challenge("Basic realm=\"a\tb\""), ""},
+      {challenge("Basic realm=\"a\rb\""), ""},
+      {challenge("Basic realm=\"a\\\x7f\""), ""},
+      {challenge(std::string("Basic realm=\"a\0b\"", 17)), ""},
+      {challenge("Basic realm=\"a\xc2\x9b"
+                 "2J\""),
+       ""},
+      {challenge("Basic realm=\"a\xc2\xa0\xc3\x9c\""), "a\xc2\xa0\xc3\x9c"},
+      // Several challenges may stand in one line.
+      {several, "b"},
+      {several, "d", "Digest"},
+      {several, "c", "Bearer"},
+      {several, "", "NTLM"},
+      {several, "", "Negotiate"},
+      // A realm is taken up to 4096 bytes.
+      {challenge("Basic realm=\"" + std::string(4096, 'x') + "\""), std::string(4096, 'x')},
+      {challenge("Basic realm=\"" + std::string(4097, 'x') + "\""), ""},
+      {challenge("Basic realm=\"" + std::string(64 * 1024, 'x') + "\", Basic realm=y"), "y"},
+  };
+  for (const REALM& row : rows) {
+    EXPECT_EQ(realmOf(row.headers, row.scheme), row.realm) << row.headers.substr(0, 300);
+  }
 }
 
 TEST(HttpHeaderResponse, TheLastSetCounts) {

@@ -16,52 +16,49 @@ namespace {
 
 using tests::eventually;
 
-struct Sum {
-  explicit Sum(unsigned long spinCount) : lock(spinCount) {}
-  CManualLock lock;
-  long value AHS_GUARDED_BY(lock) = 0;
-};
-
-long sumOfFourThreads(unsigned long spinCount) {
-  constexpr int turns = 20000;
-  Sum sum(spinCount);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&sum] {
-      for (int turn = 0; turn < turns; ++turn) {
-        const CAutoLockT<CManualLock> guard(sum.lock);
-        ++sum.value;
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  const CAutoLockT<CManualLock> guard(sum.lock);
-  return sum.value;
-}
-
 TEST(ManualLock, ItLetsOneThreadInAtATime) {
-  EXPECT_EQ(sumOfFourThreads(0), 80000);
-  EXPECT_EQ(sumOfFourThreads(500), 80000);
+  for (const unsigned long spinCount : {0UL, 500UL}) {
+    constexpr int turns = 20000;
+    CManualLock lock(spinCount);
+    long sum = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&] {
+        for (int turn = 0; turn < turns; ++turn) {
+          const CAutoLockT<CManualLock> guard(lock);
+          ++sum;
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    EXPECT_EQ(sum, 4 * turns);
+  }
 }
 
 /// Another thread that takes a lock and gives it back.
+template <class Lock>
 class Rival {
  public:
-  explicit Rival(CManualLock& lock) : m_thread([this, &lock] { take(lock); }) {}
+  explicit Rival(Lock& lock)
+      : m_thread([this, &lock] {
+          const CAutoLockT<Lock> guard(lock);
+          m_gotIt = true;
+        }) {}
   ~Rival() { m_thread.join(); }
   Rival(const Rival&) = delete;
   Rival& operator=(const Rival&) = delete;
 
-  bool gotIt() const { return m_gotIt; }
-
- private:
-  void take(CManualLock& lock) {
-    const CAutoLockT<CManualLock> guard(lock);
-    m_gotIt = true;
+  void expectToWait() const {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(m_gotIt);
+  }
+  void expectToGetIt() const {
+    EXPECT_TRUE(eventually([this] { return m_gotIt.load(); }));
   }
 
+ private:
   std::atomic<bool> m_gotIt{false};
   std::thread m_thread;
 };
@@ -72,10 +69,9 @@ TEST(ManualLock, TheHolderMayTakeItAgainAndMustGiveItBackAsOften) AHS_NO_THREAD_
   lock.Lock();
   const Rival rival(lock);
   lock.Unlock();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_FALSE(rival.gotIt());
+  rival.expectToWait();
   lock.Unlock();
-  EXPECT_TRUE(eventually([&rival] { return rival.gotIt(); }));
+  rival.expectToGetIt();
 }
 
 TEST(AutoLock, ItGivesTheLockBackOnEveryExit) {
@@ -86,7 +82,7 @@ TEST(AutoLock, ItGivesTheLockBackOnEveryExit) {
   } catch (const std::runtime_error&) {
   }
   const Rival rival(lock);
-  EXPECT_TRUE(eventually([&rival] { return rival.gotIt(); }));
+  rival.expectToGetIt();
 }
 
 struct Turns {
@@ -129,16 +125,9 @@ TEST(Monitor, AWaitThatHasEndedHoldsTheLock) AHS_NO_THREAD_SAFETY_ANALYSIS {
   CMonitor lock;
   lock.Lock();
   lock.waitUntil(MonotonicClock::now());
-  std::atomic<bool> gotIt{false};
-  std::thread rival([&] {
-    const CAutoLockT<CMonitor> guard(lock);
-    gotIt = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_FALSE(gotIt);
+  const Rival rival(lock);
+  rival.expectToWait();
   lock.Unlock();
-  rival.join();
-  EXPECT_TRUE(gotIt);
 }
 
 TEST(SharedFlag, WhatOneThreadSetsAnotherReads) {

@@ -36,13 +36,6 @@ SystemProxy::Outcome find(Entries& entries, std::chrono::milliseconds limit = kP
   return SystemProxy::find(kUrl, limit, entries);
 }
 
-Entries entriesFrom(const Entries& list) {
-  const ProxySettingsDouble settings([&](const std::string&) { return list; });
-  Entries entries;
-  EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
-  return entries;
-}
-
 /// Holds every question up until it is opened.
 class Barrier {
  public:
@@ -82,48 +75,36 @@ void waitUntilAnswered() {
   ASSERT_THAT(entries, ElementsAre("direct://"));
 }
 
-TEST(SystemProxy, TheListIsHandedOverInItsOrder) {
-  EXPECT_THAT(entriesFrom({"http://a:1", "socks5://b:2", "direct://"}),
-              ElementsAre("http://a:1", "socks5://b:2", "direct://"));
-  EXPECT_THAT(entriesFrom({}), IsEmpty());
-}
-
-TEST(SystemProxy, TheQuestionIsTheServersUrl) {
-  const ProxySettingsDouble settings([](const std::string&) { return Entries{"direct://"}; });
+TEST(SystemProxy, TheListIsHandedOverInItsOrderWithoutUsersAndPasswordsWhichAreWipedAtTheirSource) {
+  const ProxySettingsDouble settings([](const std::string&) {
+    return Entries{"http://user:secret@a:1",
+                   "http://us%40er:se:c@r@et@b:2",
+                   "user:secret@c:3",
+                   "http://user:sec/ret@d:4",
+                   "@",
+                   "http://@e:5",
+                   "socks5://f:6",
+                   "direct://"};
+  });
   Entries entries;
-  find(entries);
-  EXPECT_THAT(ProxySettingsDouble::Asked(), ElementsAre(kUrl));
-}
-
-TEST(SystemProxy, AUserAndAPasswordAreLeftOutOfAnEntryAndWipedAtTheirSource) {
-  EXPECT_THAT(entriesFrom({"http://user:secret@a:1", "http://us%40er:se:c@r@et@b:2",
-                           "user:secret@c:3", "http://user:sec/ret@d:4", "@", "http://@e:5"}),
-              ElementsAre("http://a:1", "http://b:2", "c:3", "http://d:4", "", "http://e:5"));
+  EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
+  EXPECT_THAT(entries, ElementsAre("http://a:1", "http://b:2", "c:3", "http://d:4", "",
+                                   "http://e:5", "socks5://f:6", "direct://"));
   EXPECT_EQ(ProxySettingsDouble::GivenBackUnwiped(), 0U);
 }
 
-TEST(SystemProxy, NoListIsAFailure) {
-  const ProxySettingsDouble settings(
-      [](const std::string&) -> Entries { throw ProxySettingsDouble::NoList(); });
+TEST(SystemProxy, WhatIsThrownOrNoListIsAFailureAndTheNextQuestionIsAnswered) {
   Entries entries;
-  for (std::size_t i = 0; i <= kMostAtATime; ++i) {
-    EXPECT_EQ(find(entries), SystemProxy::Outcome::Failed);
-  }
-  EXPECT_THAT(entries, IsEmpty());
-}
-
-TEST(SystemProxy, WhatIsThrownIsAFailureAndTheNextQuestionIsAnswered) {
-  Entries entries;
-  {
-    const ProxySettingsDouble settings(
-        [](const std::string&) -> Entries { throw std::runtime_error("a module's trouble"); });
+  const ProxySettingsDouble::Script scripts[] = {
+      [](const std::string&) -> Entries { throw ProxySettingsDouble::NoList(); },
+      [](const std::string&) -> Entries { throw std::runtime_error("a module's trouble"); },
+      [](const std::string&) -> Entries { throw 1; }};
+  for (const ProxySettingsDouble::Script& script : scripts) {
+    const ProxySettingsDouble settings(script);
     for (std::size_t i = 0; i <= kMostAtATime; ++i) {
       EXPECT_EQ(find(entries), SystemProxy::Outcome::Failed);
+      EXPECT_THAT(entries, IsEmpty());
     }
-  }
-  {
-    const ProxySettingsDouble settings([](const std::string&) -> Entries { throw 1; });
-    EXPECT_EQ(find(entries), SystemProxy::Outcome::Failed);
   }
   EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
 }

@@ -31,7 +31,10 @@ std::size_t zeros(const void* memory, std::size_t size) {
   return count;
 }
 
-void fill(void* block, std::size_t size) { std::memset(block, 'x', size); }
+void* filled(std::size_t size) {
+  void* const block = malloc(size);
+  return std::memset(block, 'x', malloc_usable_size(block));
+}
 
 }  // namespace
 
@@ -48,49 +51,39 @@ void __wrap_free(void* block) {
 
 namespace {
 
-TEST(TransportMemory, AllocatedMemoryCanBeUsedAndIsWipedInWholeWhenItIsFreed) {
-  for (const std::size_t size :
-       {std::size_t{0}, std::size_t{1}, std::size_t{100}, std::size_t{1} << 20}) {
-    void* const block = malloc(size);
-    ASSERT_NE(block, nullptr);
-    fill(block, malloc_usable_size(block));
+TEST(TransportMemory, MemoryIsWipedInWholeWhenItIsFreed) {
+  for (const std::size_t size : {0UL, 1UL, 100UL, 1UL << 20}) {
+    void* const block = filled(size);
     TransportMemory::free(block);
     EXPECT_EQ(g_freed, block);
     EXPECT_TRUE(g_freedIsZero) << size;
   }
-}
-
-TEST(TransportMemory, TheWatchSeesWhatIsNotWiped) {
-  void* const block = malloc(100);
-  fill(block, 100);
-  free(block);
-  EXPECT_EQ(g_freed, block);
-  EXPECT_FALSE(g_freedIsZero);
-}
-
-TEST(TransportMemory, FreeingNothingDoesNothing) {
+  free(filled(100));
+  EXPECT_FALSE(g_freedIsZero) << "else nothing was shown";
   g_freed = &g_freed;
   TransportMemory::free(nullptr);
   EXPECT_EQ(g_freed, &g_freed);
 }
 
 TEST(TransportMemory, AGrownBlockKeepsItsTextAndTheOldOneIsWiped) {
-  void* const block = malloc(Secret.size());
+  void* const block = TransportMemory::resize(nullptr, Secret.size());
   std::memcpy(block, Secret.data(), Secret.size());
+  const volatile std::size_t tooMuch = PTRDIFF_MAX;
+  EXPECT_EQ(TransportMemory::resize(block, tooMuch), nullptr);
+  EXPECT_EQ(std::memcmp(block, Secret.data(), Secret.size()), 0) << "it stays as it is";
   void* const grown = TransportMemory::resize(block, 5000);
   ASSERT_NE(grown, nullptr);
   EXPECT_EQ(g_freed, block);
   EXPECT_TRUE(g_freedIsZero);
   EXPECT_EQ(std::memcmp(grown, Secret.data(), Secret.size()), 0);
-  fill(grown, 5000);
+  std::memset(grown, 'x', 5000);
   TransportMemory::free(grown);
   EXPECT_TRUE(g_freedIsZero);
 }
 
 TEST(TransportMemory, AShrunkBlockKeepsItsBeginningAndLeavesNothingOfTheRest) {
-  for (const std::size_t size : {std::size_t{4000}, std::size_t{10}}) {
-    void* const block = malloc(5000);
-    fill(block, 5000);
+  for (const std::size_t size : {4000UL, 10UL}) {
+    void* const block = filled(5000);
     void* const shrunk = TransportMemory::resize(block, size);
     ASSERT_NE(shrunk, nullptr);
     EXPECT_EQ(zeros(shrunk, size), 0U);
@@ -98,22 +91,6 @@ TEST(TransportMemory, AShrunkBlockKeepsItsBeginningAndLeavesNothingOfTheRest) {
     TransportMemory::free(shrunk);
     EXPECT_TRUE(g_freedIsZero);
   }
-}
-
-TEST(TransportMemory, ResizingNothingAllocates) {
-  void* const block = TransportMemory::resize(nullptr, 100);
-  ASSERT_NE(block, nullptr);
-  fill(block, 100);
-  TransportMemory::free(block);
-}
-
-TEST(TransportMemory, ABlockThatCannotGrowStaysAsItIs) {
-  void* const block = malloc(Secret.size());
-  std::memcpy(block, Secret.data(), Secret.size());
-  const volatile std::size_t tooMuch = PTRDIFF_MAX;
-  EXPECT_EQ(TransportMemory::resize(block, tooMuch), nullptr);
-  EXPECT_EQ(std::memcmp(block, Secret.data(), Secret.size()), 0);
-  TransportMemory::free(block);
 }
 
 /// Puts the secret on the stack, `depth` bytes below its caller's frame.
@@ -124,9 +101,6 @@ template <std::size_t Depth>
   asm volatile("" : : "r"(frame.data()) : "memory");
 }
 
-constexpr std::size_t Shallow = 100;
-constexpr std::size_t Deep = 23UL * 1024;
-
 template <std::size_t Depth, bool Wipe>
 void* useStack(void*) {
   leaveOnStack<Depth>();
@@ -136,22 +110,19 @@ void* useStack(void*) {
   return nullptr;
 }
 
-TEST(TransportMemory, WipingTheStackLeavesNothingOfWhatWasCalledBefore) {
-  tests::OwnStack shallow;
-  shallow.Run(useStack<Shallow, true>);
-  EXPECT_FALSE(shallow.Holds("staple"));
-  tests::OwnStack deep;
-  deep.Run(useStack<Deep, true>);
-  EXPECT_FALSE(deep.Holds("staple"));
+template <std::size_t Depth>
+void expectOnlyWipingToLeaveNothing() {
+  tests::OwnStack wiped;
+  wiped.Run(useStack<Depth, true>);
+  EXPECT_FALSE(wiped.Holds("staple"));
+  tests::OwnStack kept;
+  kept.Run(useStack<Depth, false>);
+  EXPECT_TRUE(kept.Holds("staple")) << "else nothing was shown";
 }
 
-TEST(TransportMemory, WithoutWipingTheStackKeepsIt) {
-  tests::OwnStack shallow;
-  shallow.Run(useStack<Shallow, false>);
-  EXPECT_TRUE(shallow.Holds("staple"));
-  tests::OwnStack deep;
-  deep.Run(useStack<Deep, false>);
-  EXPECT_TRUE(deep.Holds("staple"));
+TEST(TransportMemory, WipingTheStackLeavesNothingOfWhatWasCalledBefore) {
+  expectOnlyWipingToLeaveNothing<100>();
+  expectOnlyWipingToLeaveNothing<23UL * 1024>();
 }
 
 TEST(TransportMemory, WipingTheStackEmptiesTheRegistersThatTextIsCopiedWith) {

@@ -26,41 +26,15 @@ using SteadyClock = std::chrono::steady_clock;
 using Values = std::vector<unsigned long>;
 using namespace std::chrono_literals;
 
-/// What callbacks leave behind, in their order.
-class Calls {
- public:
-  static void record(void* calls, unsigned long value) { static_cast<Calls*>(calls)->add(value); }
-
-  Values values() const {
-    const std::lock_guard<std::mutex> lock(m_lock);
-    return m_values;
-  }
-  SteadyClock::time_point last() const {
-    const std::lock_guard<std::mutex> lock(m_lock);
-    return m_last;
-  }
-  std::thread::id lastThread() const {
-    const std::lock_guard<std::mutex> lock(m_lock);
-    return m_lastThread;
-  }
-
- private:
-  void add(unsigned long value) {
-    const std::lock_guard<std::mutex> lock(m_lock);
-    m_values.push_back(value);
-    m_last = SteadyClock::now();
-    m_lastThread = std::this_thread::get_id();
-  }
-
-  mutable std::mutex m_lock;
-  Values m_values;
-  SteadyClock::time_point m_last;
-  std::thread::id m_lastThread;
-};
-
 /// A list, the thread that services it once it is told to, and timers that record their calls.
 class Timer : public testing::Test {
  protected:
+  struct Call {
+    unsigned long value;
+    SteadyClock::time_point time;
+    std::thread::id thread;
+  };
+
   ~Timer() override { end(); }
 
   void serve() {
@@ -72,35 +46,55 @@ class Timer : public testing::Test {
       service.join();
     }
   }
-  std::unique_ptr<CTimer> timer(unsigned long value, timercb callback = Calls::record,
+  static void record(void* self, unsigned long value) {
+    auto* const test = static_cast<Timer*>(self);
+    const std::lock_guard<std::mutex> guard(test->lock);
+    test->calls.push_back({value, SteadyClock::now(), std::this_thread::get_id()});
+  }
+  std::unique_ptr<CTimer> timer(unsigned long value, timercb callback = record,
                                 void* argument = nullptr) {
     STATUSCODE status = -1;
     auto made = std::make_unique<CTimer>(status, list.get(), callback,
-                                         argument != nullptr ? argument : &calls, value);
+                                         argument != nullptr ? argument : this, value);
     EXPECT_EQ(status, TIMER_SUCCESS);
     return made;
   }
   std::unique_ptr<CTimer> armed(unsigned long value, unsigned long milliseconds,
-                                timercb callback = Calls::record, void* argument = nullptr) {
+                                timercb callback = record, void* argument = nullptr) {
     auto made = timer(value, callback, argument);
     EXPECT_EQ(made->StartTimer(milliseconds), TIMER_SUCCESS);
     return made;
   }
-  void expectCalls(const Values& values) const {
-    EXPECT_TRUE(eventually([&] { return calls.values().size() >= values.size(); }));
-    EXPECT_EQ(calls.values(), values);
+  Values values() {
+    const std::lock_guard<std::mutex> guard(lock);
+    Values all;
+    for (const Call& call : calls) {
+      all.push_back(call.value);
+    }
+    return all;
+  }
+  void expectCalls(const Values& expected) {
+    EXPECT_TRUE(eventually([&] { return values().size() >= expected.size(); }));
+    EXPECT_EQ(values(), expected);
+  }
+  Call lastCall() {
+    const std::lock_guard<std::mutex> guard(lock);
+    return calls.back();
   }
 
-  Calls calls;
   std::unique_ptr<CTimerList> list = std::make_unique<CTimerList>();
   std::thread service;
+
+ private:
+  std::mutex lock;
+  std::vector<Call> calls;
 };
 
 TEST_F(Timer, ItCallsBackOnceOnTheListsThreadWithBothValues) {
   serve();
   const auto first = armed(4711, 1);
   expectCalls({4711});
-  EXPECT_EQ(calls.lastThread(), service.get_id());
+  EXPECT_EQ(lastCall().thread, service.get_id());
   // Another timer that expires later shows that the first does not fire again.
   const auto later = armed(2, 20);
   expectCalls({4711, 2});
@@ -114,7 +108,7 @@ TEST_F(Timer, ItNeverFiresEarly) {
     const auto one = armed(milliseconds, milliseconds);
     expected.push_back(milliseconds);
     expectCalls(expected);
-    EXPECT_GE(calls.last() - before, std::chrono::milliseconds(milliseconds));
+    EXPECT_GE(lastCall().time - before, std::chrono::milliseconds(milliseconds));
   }
 }
 
@@ -179,22 +173,15 @@ TEST_F(Timer, ItMayOutliveItsList) {
   expectCalls({});
 }
 
-struct Deletion {
-  CTimer* timer = nullptr;
-  std::atomic<bool> done{false};
-
-  static void run(void* self, unsigned long) {
-    auto* const deletion = static_cast<Deletion*>(self);
-    delete deletion->timer;
-    deletion->done = true;
-  }
-};
-
 TEST_F(Timer, ItMayBeDeletedByItsOwnCallback) {
-  Deletion deletion;
-  deletion.timer = armed(0, 1, Deletion::run, &deletion).release();
+  static std::unique_ptr<CTimer> own;
+  own = timer(0, [](void* self, unsigned long) {
+    own.reset();
+    record(self, 1);
+  });
+  ASSERT_EQ(own->StartTimer(1), TIMER_SUCCESS);
   serve();
-  EXPECT_TRUE(eventually([&deletion] { return deletion.done.load(); }));
+  expectCalls({1});
 }
 
 struct BlockedCallback {
@@ -363,7 +350,7 @@ TEST_F(Timer, ManyThreadsMayArmAndDeleteTimersOfOneList) {
     thread.join();
   }
   const auto last = armed(99, 0);
-  EXPECT_TRUE(eventually([this] { return calls.values().back() == 99; }));
+  EXPECT_TRUE(eventually([this] { return lastCall().value == 99; }));
 }
 
 TEST(Clock, ItNeverGoesBackAndAdvancesWithTheMonotonicClock) {

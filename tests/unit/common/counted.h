@@ -17,10 +17,3 @@ class Counted {
     return existing;
   }
 };
-
-/// Spends a little time without giving the processor away.
-inline void spin(unsigned int turns) {
-  for (unsigned int turn = 0; turn < turns; ++turn) {
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-  }
-}

@@ -109,45 +109,24 @@ TEST(SystemProxy, WhatIsThrownOrNoListIsAFailureAndTheNextQuestionIsAnswered) {
   EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
 }
 
-TEST(SystemProxy, OneFactoryServesQuestionsThatFollowOneAnother) {
-  Entries entries;
-  find(entries);
-  const unsigned int made = ProxySettingsDouble::Made();
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
-  }
-  EXPECT_EQ(ProxySettingsDouble::Made(), made);
-}
-
-TEST(SystemProxy, ALateAnswerIsDroppedAndItsThreadServesAgain) {
-  Entries entries;
-  {
-    Barrier barrier;
-    const ProxySettingsDouble settings([&](const std::string&) { return barrier.Wait(); });
-    EXPECT_EQ(find(entries, 10ms), SystemProxy::Outcome::Late);
-    EXPECT_EQ(find(entries, 0ms), SystemProxy::Outcome::Late);
-    barrier.WaitFor(2);
-    barrier.Open();
-  }
-  EXPECT_THAT(entries, IsEmpty());
-  waitUntilAnswered();
-}
-
 TEST(SystemProxy, WhenAsManyAreLateAsMayAskTheNextIsToldAtOnceThatThereIsNoAnswer) {
   Entries entries;
   {
     Barrier barrier;
     const ProxySettingsDouble settings([&](const std::string&) { return barrier.Wait(); });
-    for (std::size_t i = 0; i < kMostAtATime; ++i) {
-      EXPECT_EQ(find(entries, 10ms), SystemProxy::Outcome::Late);
+    for (const auto limit : {10ms, 0ms, 10ms, 10ms}) {
+      EXPECT_EQ(find(entries, limit), SystemProxy::Outcome::Late);
     }
     EXPECT_EQ(find(entries, kPatience), SystemProxy::Outcome::Failed);
     barrier.WaitFor(kMostAtATime);
     EXPECT_THAT(ProxySettingsDouble::Asked(), SizeIs(kMostAtATime));
     barrier.Open();
   }
-  waitUntilAnswered();
-  EXPECT_LE(ProxySettingsDouble::Made(), kMostAtATime);
+  EXPECT_THAT(entries, IsEmpty()) << "late answers are dropped";
+  for (int i = 0; i < 20; ++i) {
+    waitUntilAnswered();
+  }
+  EXPECT_LE(ProxySettingsDouble::Made(), kMostAtATime) << "their threads serve again";
 }
 
 TEST(SystemProxy, WhoComesWhenAllAreBusyWaitsForOneToBeDone) {

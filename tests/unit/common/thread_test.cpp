@@ -7,7 +7,6 @@
 #include <signal.h>
 
 #include <memory>
-#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -235,40 +234,6 @@ TEST(Thread, WhoHasWaitedAlwaysFindsTheTaskGivenUp) {
     worker->finish();
     ASSERT_NE(destroyedOn.load(), std::thread::id());
   }
-  EXPECT_TRUE(everythingIsGone());
-}
-
-TEST(Thread, DeletionMayMeetTheEndAtAnyMoment) {
-  std::minstd_rand random(20240501);
-  for (int round = 0; round < 5000; ++round) {
-    const auto inBody = static_cast<unsigned int>(random() % 20000);
-    const auto worker = started([inBody] { spin(inBody); });
-    spin(static_cast<unsigned int>(random() % 60000));
-    if (round % 3 == 0) {
-      worker->finish();
-    }
-  }
-  EXPECT_TRUE(everythingIsGone());
-}
-
-TEST(Thread, AThousandRunAtOnce) {
-  constexpr unsigned int count = 1000;
-  Gate gate;
-  std::vector<std::unique_ptr<Worker>> workers;
-  for (unsigned int i = 0; i < count; ++i) {
-    workers.push_back(started([&gate]() -> STATUSCODE {
-      gate.pass();
-      return 1;
-    }));
-  }
-  EXPECT_EQ(CThread::RunningCount(), count);
-  gate.open();
-  unsigned int sum = 0;
-  for (const auto& worker : workers) {
-    sum += worker->finish();
-  }
-  EXPECT_EQ(sum, count);
-  workers.clear();
   EXPECT_TRUE(everythingIsGone());
 }
 

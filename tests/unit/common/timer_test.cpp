@@ -7,7 +7,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -225,65 +224,49 @@ TEST_F(Timer, AnExceptionThatLeavesACallbackIsLoggedAndLaterTimersFire) {
   EXPECT_EQ(log.lines()[1].message, "timer callback ended by an exception: of unknown type");
 }
 
-/// A task with a timer, as a run has one.
+/// A task with a timer, as a run has one, whose callback passes a gate.
 class TimedTask : public Task {
  public:
-  TimedTask(CTimerList* list, Gate* inCallback) : m_inCallback(inCallback) {
+  TimedTask(CTimerList* list, unsigned long milliseconds, Gate& gate, Place& calledOn,
+            Place& destroyedOn)
+      : Task(destroyedOn), m_gate(gate), m_calledOn(calledOn) {
     STATUSCODE status = -1;
     m_timer = std::make_unique<CTimer>(status, list, expired, this, 0);
     m_timer->keepAlive(*this);
-    EXPECT_EQ(status, TIMER_SUCCESS);
-  }
-  ~TimedTask() override { destroyedOn() = std::this_thread::get_id(); }
-  void start(unsigned long milliseconds) {
     EXPECT_EQ(m_timer->StartTimer(milliseconds), TIMER_SUCCESS);
-  }
-  static std::atomic<int>& entered() {
-    static std::atomic<int> count{0};
-    return count;
-  }
-  static Place& destroyedOn() {
-    static Place id;
-    return id;
   }
 
  private:
   static void expired(void* self, unsigned long) {
     auto* const task = static_cast<TimedTask*>(self);
-    ++entered();
-    if (task->m_inCallback != nullptr) {
-      task->m_inCallback->pass();
-    }
+    task->m_calledOn = std::this_thread::get_id();
+    task->m_gate.pass();
     task->m_uses = task->m_uses + 1;
   }
 
-  Gate* const m_inCallback;
+  Gate& m_gate;
+  Place& m_calledOn;
   std::unique_ptr<CTimer> m_timer;
   int m_uses = 0;
 };
 
-TEST_F(Timer, ItKeepsItsTaskWhileTheCallbackRuns) {
-  TimedTask::entered() = 0;
+TEST_F(Timer, ItKeepsItsTaskWhileTheCallbackRunsAndNotWhileItWaits) {
   serve();
-  Gate gate;
-  auto* const task = new TimedTask(list.get(), &gate);
-  task->start(0);
-  ASSERT_TRUE(eventually([] { return TimedTask::entered() == 1; }));
-  giveUp(task);
-  EXPECT_EQ(Counted::count(), 1);
-  gate.open();
-  EXPECT_TRUE(eventually([] { return Counted::count() == 0; }));
-  EXPECT_NE(TimedTask::destroyedOn().load(), service.get_id());
-}
-
-TEST_F(Timer, ItDoesNotKeepItsTaskWhileItWaits) {
-  TimedTask::entered() = 0;
-  serve();
-  auto* const task = new TimedTask(list.get(), nullptr);
-  task->start(60000);
-  giveUp(task);
-  EXPECT_EQ(Counted::count(), 0);
-  EXPECT_EQ(TimedTask::entered(), 0);
+  for (const unsigned long milliseconds : {0UL, 60000UL}) {
+    Gate gate;
+    Task::Place calledOn;
+    Task::Place destroyedOn;
+    auto* const task = new TimedTask(list.get(), milliseconds, gate, calledOn, destroyedOn);
+    if (milliseconds == 0) {
+      ASSERT_TRUE(eventually([&] { return calledOn.load() == service.get_id(); }));
+    }
+    giveUp(task);
+    EXPECT_EQ(Counted::count(), milliseconds == 0 ? 1 : 0);
+    gate.open();
+    EXPECT_TRUE(eventually([] { return Counted::count() == 0; }));
+    EXPECT_NE(destroyedOn.load(), service.get_id());
+  }
+  end();
 }
 
 /// Stays in its destructor until its timer's time has surely come; no timer fires before that.
@@ -309,48 +292,6 @@ TEST_F(Timer, ATaskThatIsBeingDestroyedIsNotCalledBack) {
     end();
   });
   expectCalls({2});
-}
-
-TEST_F(Timer, DeletionOfATaskMayMeetItsExpiryAtAnyMoment) {
-  TimedTask::entered() = 0;
-  serve();
-  std::minstd_rand random(20240502);
-  for (int round = 0; round < 4000; ++round) {
-    auto* const task = new TimedTask(list.get(), nullptr);
-    task->start(round % 4 == 0 ? 1 : 0);
-    if (round % 2 == 0) {
-      spin(static_cast<unsigned int>(random() % 20000));
-    } else {
-      std::this_thread::sleep_for(std::chrono::microseconds(random() % 100));
-    }
-    giveUp(task);
-  }
-  EXPECT_TRUE(eventually([] { return Counted::count() == 0; }));
-  EXPECT_GT(TimedTask::entered(), 0);
-}
-
-TEST_F(Timer, ManyThreadsMayArmAndDeleteTimersOfOneList) {
-  serve();
-  std::vector<std::thread> threads;
-  for (unsigned int id = 0; id < 4; ++id) {
-    threads.emplace_back([this, id] {
-      std::minstd_rand random(id + 1);
-      for (int round = 0; round < 500; ++round) {
-        const auto one = armed(id, random() % 2);
-        if (random() % 2 == 0) {
-          EXPECT_EQ(one->StartTimer(0), TIMER_SUCCESS);
-        }
-        if (random() % 8 == 0) {
-          std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  const auto last = armed(99, 0);
-  EXPECT_TRUE(eventually([this] { return lastCall().value == 99; }));
 }
 
 TEST(Clock, ItNeverGoesBackAndAdvancesWithTheMonotonicClock) {

@@ -128,16 +128,6 @@ INSTANTIATE_TEST_SUITE_P(
                     std::string(1 << 20, ':'), std::string(1 << 20, '[')),
     [](const auto& param) { return std::to_string(param.index); });
 
-TEST(Url, CopiesShareNothing) {
-  URL original("https://a:1/x");
-  const URL copy(original);
-  original = URL("b");
-  EXPECT_EQ(copy.getHostAndPort(false), "a:1");
-  EXPECT_EQ(original.getHostAndPort(false), "b");
-  const URL moved(std::move(original));
-  EXPECT_EQ(moved.getHost(), "b");
-}
-
 TEST(Url, WhatIsTakenReadsTheSameAgain) {
   for (const char* text :
        {"a", "a:8443", "[::1]", "[fe80::1%25eth0]:1", "192.0.2.1:65535", "ü.example"}) {

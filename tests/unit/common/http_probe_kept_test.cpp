@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdio>
 #include <functional>
-#include <limits>
 #include <optional>
 #include <thread>
 
@@ -306,8 +305,8 @@ struct SECOND {
   STATUSCODE status;
   bool reused;
   long long minTotalUs = 0;
-  long long maxTotalUs = std::numeric_limits<long long>::max();
-  long long maxResponseUs = std::numeric_limits<long long>::max();
+  long long maxTotalUs = 60'000'000;
+  long long maxResponseUs = 60'000'000;
 };
 
 const SECOND kSecondProbes[] = {
@@ -326,8 +325,7 @@ const SECOND kSecondProbes[] = {
      [](unsigned int number, Connection& connection) {
        return number == 2 ? silence(connection) : reset(connection);
      },
-     4, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, false, 3'990'000,
-     std::numeric_limits<long long>::max(), 2'000'000},
+     4, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, false, 3'990'000, 60'000'000, 2'000'000},
     // There are servers that leave a connection open and do not read from it again.
     {"SilenceIsNoTimeOutIfAFreshConnectionIsAnswered",
      [](unsigned int number, Connection& connection) {
@@ -522,16 +520,15 @@ class HttpProbeKeptTlsTest : public HttpProbeKeptTest, public testing::WithParam
 TEST_P(HttpProbeKeptTlsTest, ThreeProbesPayForOneHandshakeIfTheAnswersAreShort) {
   expectConnections(1, answering(kAnswer));
   expectConnections(1, answering(withFields("Content-Length: 12000\r\n", std::string(12000, 'x'))));
+  expectConnections(
+      3, answering(withFields("Content-Length: 1000000\r\n", std::string(1'000'000, 'x'))));
 }
 
-TEST_P(HttpProbeKeptTlsTest, AServerThatClosesAfterEachAnswerIsConnectedToAnew) {
+TEST_P(HttpProbeKeptTlsTest, AConnectionThatIsClosedOrResetIsOpenedAnew) {
   expectConnections(3, [](unsigned int, Connection& connection) {
     connection.send(kAnswer);
     return false;
   });
-}
-
-TEST_P(HttpProbeKeptTlsTest, ARequestThatIsResetOnAKeptConnectionIsSentOnAFreshOne) {
   expectConnections(3, [](unsigned int number, Connection& connection) {
     return number == 2 ? reset(connection) : connection.send(kAnswer);
   });
@@ -541,11 +538,6 @@ TEST_P(HttpProbeKeptTlsTest, WhatAServerSendsBeyondItsAnswerIsNoAnswerToTheNextP
   for (const std::size_t bytes : kSizesOfAnswers) {
     expectConnections(3, answering(withAnotherAfter(bytes)));
   }
-}
-
-TEST_P(HttpProbeKeptTlsTest, ALongAnswerCostsTheConnection) {
-  expectConnections(
-      3, answering(withFields("Content-Length: 1000000\r\n", std::string(1'000'000, 'x'))));
 }
 
 TEST_P(HttpProbeKeptTlsTest, ACertificateThatIsNotTrustedAnyMoreIsNotTrustedOnAKeptConnection) {

@@ -16,7 +16,7 @@ help: ## List the targets
 	@grep -hE '^[a-z -]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/^([a-z -]+):.*## (.*)/  make \1\t\2/' | expand -t 34
 
 .PHONY: demo
-demo: deps-build ## Build what it takes, then watch a selection among simulated gateways
+demo: deps-build ## Build what it takes, then watch a selection among simulated headends
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target ahs ahs-gateways ahs-wan
 	simulator/demo.sh build/release

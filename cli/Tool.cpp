@@ -109,7 +109,7 @@ std::string explainMissingCommand(const CLI::App& command) {
            ", as in '" + name + " " + commands.front()->get_name() + "'." + whereHelpIs(command);
   }
   return "a command is missing; '" + name +
-         " select HOST...' measures gateways and names the nearest.\n" +
+         " select HOST...' measures headends and names the nearest.\n" +
          CommandTree::helpOf(command);
 }
 

@@ -1,4 +1,4 @@
-// The command `ahs-wan`: runs a command in a network of its own, from which gateways are as far
+// The command `ahs-wan`: runs a command in a network of its own, from which headends are as far
 // away as the scene says. One thread carries all packets: it reads what the kernel has, lets each
 // packet wait its time in the delay line, and writes it to the other side.
 
@@ -260,7 +260,7 @@ void Wan::printStatistics() const {
 
 /// @return -1 to go on, else the status to exit with.
 int parseCommandLine(int argc, char** argv, Options& options) {
-  CLI::App app("Runs a command in a network in which gateways are far away.", "ahs-wan");
+  CLI::App app("Runs a command in a network in which headends are far away.", "ahs-wan");
   app.add_option("--config", options.config,
                  "File that describes the scene (see simulator/README.md)");
   app.add_option(

@@ -1,12 +1,12 @@
 #!/bin/bash
-# The demonstration: gateways that differ in distance, three that are of no use, and four selections
+# The demonstration: headends that differ in distance, three that are of no use, and four selections
 # among them. Every outcome is checked. Whatever it starts it ends, also when it is interrupted.
 #
 #     demo.sh [--loopback] BUILD_DIRECTORY
 #
 # Where it may make a network of its own, it runs itself again inside ahs-wan (as `demo.sh --within
 # BUILD_DIRECTORY SCRATCH_DIRECTORY`) and the distances are the network's. Elsewhere, and with
-# --loopback, the gateways listen on the loopback interface and delay their answers, and the
+# --loopback, the headends listen on the loopback interface and delay their answers, and the
 # preferences say to measure the answer.
 
 set -euo pipefail
@@ -15,7 +15,7 @@ set -euo pipefail
 umask 022
 
 # Name, round-trip time in ms, last part of its address. Brussels is within 20 % of Amsterdam, the
-# improvement that makes a client leave the gateway it had; Sydney is far from it.
+# improvement that makes a client leave the headend it had; Sydney is far from it.
 readonly gateways=(
   'Amsterdam   60 11'
   'Brussels    66 12'
@@ -72,7 +72,7 @@ write_profile() {
   } >"$scratch/profiles/demo.xml"
 }
 
-# write_preferences MEASURE PROBES: a silent gateway is given up after one second a probe, to keep it
+# write_preferences MEASURE PROBES: a silent headend is given up after one second a probe, to keep it
 # short.
 write_preferences() {
   cat >"$scratch/preferences.xml" <<XML
@@ -111,7 +111,7 @@ measure() {
     rm -f "$scratch"/cache/*
     run "$@"
     if came_out "$first" "$line"; then return 0; fi
-    if ((attempt < attempts)); then say 'This machine is too busy to tell the gateways apart: once more'; fi
+    if ((attempt < attempts)); then say 'This machine is too busy to tell the headends apart: once more'; fi
   done
   fail "expected $first first, and the report to say: $line"
 }
@@ -127,7 +127,7 @@ recall() {
 show() {
   local amsterdam=$1 brussels=$2 useless
   shift 2
-  say "A connection: of ten gateways $refusing refuses, $silent is silent, the name of $unknown does not exist"
+  say "A connection: of ten headends $refusing refuses, $silent is silent, the name of $unknown does not exist"
   measure "$amsterdam" "Selected '$amsterdam' as the optimal server."
   for useless in "$@"; do
     if sed -n 's/^ *[0-9]*\. *\([^ ]*\).*/\1/p' "$scratch/output" | grep -qxF -- "$useless"; then
@@ -172,7 +172,7 @@ run_in_wan() {
     printf '%s %s.vpn.example\n' "$name" "${name,,}"
   done | write_profile
   write_preferences network 3
-  say 'The gateways are in a network of their own on this machine; the delays are those of the network.'
+  say 'The headends are in a network of their own on this machine; the delays are those of the network.'
   local servers
   printf -v servers '%q --config %q' "$build/bin/ahs-gateways" "$scratch/scene"
   # In the background and waited for: a trap then acts at once and not when the program has ended.
@@ -217,7 +217,7 @@ start_gateways() {
 run_on_loopback() {
   local port name number
   for port in 8443 18443 28443 38443 ''; do
-    [[ -n $port ]] || fail "the gateways do not start: $(tail -n 1 "$scratch/gateways")"
+    [[ -n $port ]] || fail "the headends do not start: $(tail -n 1 "$scratch/gateways")"
     if start_gateways "$port"; then break; fi
   done
   {
@@ -265,6 +265,6 @@ if [[ -z $force_loopback ]] && reason=$("$build/bin/ahs-wan" -- true 2>&1); then
   run_in_wan
 else
   reason=${force_loopback:-${reason#ahs-wan: }}
-  say "The gateways are on the loopback interface and delay their answers, which are measured ($reason)."
+  say "The headends are on the loopback interface and delay their answers, which are measured ($reason)."
   run_on_loopback
 fi

@@ -30,7 +30,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// Longer than most programs try to reach a gateway that does not answer.
+// Longer than most programs try to reach a headend that does not answer.
 constexpr unsigned int StartSeconds = 30;
 constexpr unsigned int MostStartSeconds = 86'400;
 constexpr unsigned int MostTries = 100'000;

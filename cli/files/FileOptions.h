@@ -68,7 +68,7 @@ std::string makeFilePlan(const FileOptions& options, const DefaultPaths& paths, 
 ///        where there is no before.
 void tellFileProblems(std::set<std::string>* told = nullptr);
 
-/// Whether the preferences of the process let a round trip be the time to the gateway's answer.
+/// Whether the preferences of the process let a round trip be the time to the headend's answer.
 bool isResponseMeasured();
 
 /// The process's profiles and preferences for the length of a scope.

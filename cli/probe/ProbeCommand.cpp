@@ -31,7 +31,7 @@ using std::chrono::milliseconds;
 
 constexpr const char* Command = "ahs probe";
 
-// More probes than these would tell nothing new, and a gateway has other things to do.
+// More probes than these would tell nothing new, and a headend has other things to do.
 constexpr unsigned int MostProbes = 1000;
 // An hour: whoever waits longer has lost the terminal.
 constexpr unsigned int LongestTimeoutSeconds = 3600;

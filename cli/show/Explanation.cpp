@@ -14,7 +14,7 @@
 
 namespace {
 
-// A gateway that answers this much later than its network is behind something that took the
+// A headend that answers this much later than its network is behind something that took the
 // connection for it, or is so slow itself that its distance is not what matters. The difference
 // keeps short distances out, where a process's wake-up alone is a multiple of the round trip.
 constexpr long long EarlyFactor = 3;

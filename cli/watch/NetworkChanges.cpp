@@ -1,5 +1,5 @@
 // The kernel's messages about the network. They say when to look, not what to see: messages can be
-// lost, and most of them change nothing that a gateway is reached by, so what is compared is the
+// lost, and most of them change nothing that a headend is reached by, so what is compared is the
 // state that the kernel shows in files (proc(5), /proc/net).
 
 #include "cli/watch/NetworkChanges.h"

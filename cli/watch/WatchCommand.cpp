@@ -332,7 +332,7 @@ void addWatchCommand(CLI::App& tool, ChosenCommand& chosen) {
       "AHS_PREVIOUS_HEADEND and AHS_CAUSE (start, interval, network) in its environment.\n"
       "Examples:\n"
       "  ahs watch --interval 60\n"
-      "  ahs watch --exec 'logger \"nearest gateway: $AHS_HEADEND\"'\n"
+      "  ahs watch --exec 'logger \"nearest headend: $AHS_HEADEND\"'\n"
       "Exit status: 2 usage or configuration, or the output could not be written,\n"
       "3 a proxy asks for a login and was given none or a wrong one,\n"
       "128 + number of the signal that ended it.");

@@ -3,7 +3,7 @@
 //
 // Usage: event_loop MARK ADDRESS...
 // MARK is that of "ip rule add fwmark MARK table TABLE"; 0 for none.
-// Exit status: 0 with a gateway, 1 without, 2 when it could not begin or go on, 130 after Ctrl-C.
+// Exit status: 0 with a headend, 1 without, 2 when it could not begin or go on, 130 after Ctrl-C.
 
 #include <poll.h>
 #include <signal.h>
@@ -34,7 +34,7 @@ int interruptDescriptor() {
 std::string milliseconds(ahs::Milliseconds time) { return std::to_string(time.count()) + " ms"; }
 
 void showProgress(const ahs::Probe& probe) {
-  std::printf("[%u/%u probes, %u/%u gateways] %s %s\n", probe.probesEnded, probe.probesStarted,
+  std::printf("[%u/%u probes, %u/%u headends] %s %s\n", probe.probesEnded, probe.probesStarted,
               probe.headendsAnswered, probe.headendCount, probe.name.c_str(),
               probe.ended ? (std::string(ahs::outcomeName(probe.outcome)) + " after " +
                              milliseconds(probe.roundTrip))

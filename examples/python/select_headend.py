@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints the nearest of the gateways of the command line, through the C interface (ahs.h)."""
+"""Prints the nearest of the headends of the command line, through the C interface (ahs.h)."""
 
 import ctypes as c
 import sys

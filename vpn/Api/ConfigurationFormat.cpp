@@ -76,7 +76,7 @@ std::vector<std::string> namesOf(const auto& rules) {
 
 /// What a mistake in an attribute costs.
 std::string consequence(const ElementRule& element, const ElementRule::Attribute* attribute) {
-  // With a misspelt address the name would take its place, and be another gateway.
+  // With a misspelt address the name would take its place, and be another headend.
   return element.name == "host"   ? "; the entry is left out"
          : attribute == nullptr   ? "; it is ignored"
          : !attribute->isRequired ? "; it counts as if it were not there"

@@ -52,7 +52,7 @@ class PreferenceBase {
   static const std::string& ProxySystem;
   /// "none": the value of `ProxySettings` that means a direct connection.
   static const std::string& ProxyNone;
-  /// "response": the value of `RoundTripTime` that means the gateway's answer.
+  /// "response": the value of `RoundTripTime` that means the headend's answer.
   static const std::string& RoundTripResponse;
 
   /// One preference that a file may set.

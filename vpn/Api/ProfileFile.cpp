@@ -262,7 +262,7 @@ void FileReader::parseAddress(ProfileFile::Host& host) {
 }
 
 /// Leaves the open entry out for what is inside it: where somebody has written the address there,
-/// the name would take its place, and be another gateway.
+/// the name would take its place, and be another headend.
 std::string FileReader::abandonHost() {
   if (m_host) {
     leaveOut(*m_host, "it has a mistake");

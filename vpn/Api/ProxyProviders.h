@@ -17,7 +17,7 @@
 /// are used only together with a user name: the test probe then goes through a tunnel to port 443.
 /// They are given to the proxy by the scheme that it asks for, whatever the provider's type: the
 /// strongest of Negotiate, NTLM and Basic that can be had. Every type but `NoProxy` has the
-/// gateways measured over TLS.
+/// headends measured over TLS.
 class CProxyProvider : public ProxyIfc {
  public:
   /// A host for who wants the system's proxy; which one it is does not matter.

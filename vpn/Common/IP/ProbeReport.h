@@ -7,11 +7,11 @@
 /// What `uiRtt` is.
 enum class RoundTripMeasure {
   /// The smallest round trip that the kernel has seen on the connection (tcp(7), TCP_INFO,
-  /// `tcpi_min_rtt`): the network alone. A busy machine or a slow gateway does not change it.
+  /// `tcpi_min_rtt`): the network alone. A busy machine or a slow headend does not change it.
   /// Through a proxy, where the connection ends, it is `Response`. Where the kernel cannot say, it
   /// is the time that the connection took to open.
   Network,
-  /// From the request to the first byte of the answer: a slow gateway counts as far away. Where
+  /// From the request to the first byte of the answer: a slow headend counts as far away. Where
   /// no byte came, it ends with the probe; where no request could be sent, it starts with the TLS
   /// handshake that failed, or with the attempt to connect to the proxy that refused a tunnel.
   /// Where a proxy has the request repeated to authenticate it, it goes from the first of them to

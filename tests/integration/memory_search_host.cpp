@@ -1,10 +1,10 @@
-// A host whose memory is searched after a selection through an authenticating proxy. User name and
-// password come by a pipe, a line each, and are known to nobody else; what this program keeps of
-// them itself lies in wiping holders. It says on standard output what it has done and ends when the
-// pipe does. Usage: memory_search_host PIPE DIRECTORY AUTHORITY SCHEME LEFT ADDRESS... PIPE: what
-// to read. DIRECTORY: where user.xml and global.xml are. AUTHORITY: the certificate to trust.
-// SCHEME: basic, ntlm, kerberos. LEFT: nothing, or what the program is to leave behind of the
-// password, so that the search can be seen to find it: freed, stack. ADDRESS: the headends.
+// A host whose memory is searched after a selection through an authenticating proxy. What it keeps
+// of user name and password itself lies in wiping holders. It says on standard output what it has
+// done, and stays. Usage: memory_search_host SECRETS DIRECTORY AUTHORITY SCHEME LEFT ADDRESS...
+// SECRETS: a file with user name and password, a line each. DIRECTORY: where user.xml and
+// global.xml are. AUTHORITY: the certificate to trust. SCHEME: basic, ntlm, kerberos. LEFT:
+// nothing, or what the program is to leave behind of the password, so that the search can be seen
+// to find it: freed, stack. ADDRESS: the headends.
 
 #include <fcntl.h>
 #include <string.h>
@@ -34,22 +34,16 @@ using Secret = SecureString<std::string>;
 constexpr unsigned int ProxyAuthentication = 3;
 constexpr std::size_t LongestLine = 512;
 
-/// A line without its end, read byte by byte: what comes after it is not for us yet.
-Secret readLine(int pipe) {
+/// A line without its end, read byte by byte so that no buffer has it.
+Secret readLine(int file) {
   std::array<char, LongestLine> line{};
   std::size_t length = 0;
-  while (length < line.size() && read(pipe, &line[length], 1) == 1 && line[length] != '\n') {
+  while (length < line.size() && read(file, &line[length], 1) == 1 && line[length] != '\n') {
     ++length;
   }
   Secret secret(line.data(), length);
   explicit_bzero(line.data(), line.size());
   return secret;
-}
-
-void waitForEnd(int pipe) {
-  char byte = 0;
-  while (read(pipe, &byte, 1) == 1) {
-  }
 }
 
 /// Keeps the compiler from seeing that nobody reads a piece of memory.
@@ -85,23 +79,16 @@ class Client : public ClientIfcBase {
   std::promise<std::string> m_called;
 };
 
-ProxyIfc* makeProvider(const std::string& scheme, const Secret& user, const Secret& password) {
-  if (scheme == "ntlm") {
-    return new CProxyProvider(NTLMProxy, user, password);
-  }
-  if (scheme == "kerberos") {
-    return new CProxyProvider(KerberosProxy, user, password);
-  }
-  return new CProxyProvider(BasicProxy, user, password);
-}
-
 /// A whole selection: nothing of it is left when this returns.
 std::string select(const std::string& scheme, const Secret& user, const Secret& password) {
   const unsigned int threadsBefore = CThread::RunningCount();
   Client client;
   long status = -1;
   auto* const run = new CHeadendSelection(&client, "", ProxyAuthentication, status);
-  run->SetProxy(makeProvider(scheme, user, password));
+  const ProxyType type = scheme == "ntlm"       ? NTLMProxy
+                         : scheme == "kerberos" ? KerberosProxy
+                                                : BasicProxy;
+  run->SetProxy(new CProxyProvider(type, user, password));
   if (status != 0) {
     delete run;
     return "not constructed";
@@ -114,24 +101,18 @@ std::string select(const std::string& scheme, const Secret& user, const Secret& 
   return outcome;
 }
 
-void say(const std::string& text) {
-  std::printf("%s\n", text.c_str());
-  std::fflush(stdout);
-}
-
-std::string selectWithSecrets(int pipe, const std::string& scheme, const std::string& left) {
-  const Secret user = readLine(pipe);
-  const Secret password = readLine(pipe);
-  say("started");
+std::string selectWithSecrets(int file, const std::string& scheme, const std::string& left) {
+  const Secret user = readLine(file);
+  const Secret password = readLine(file);
   std::string outcome = select(scheme, user, password);
   leaveBehind(left, password);
   return outcome;
 }
 
 /// Forgets what has been on the stack of this program's own functions.
-[[gnu::noinline]] std::string selectAndForget(int pipe, const std::string& scheme,
+[[gnu::noinline]] std::string selectAndForget(int file, const std::string& scheme,
                                               const std::string& left) {
-  std::string outcome = selectWithSecrets(pipe, scheme, left);
+  std::string outcome = selectWithSecrets(file, scheme, left);
   TransportMemory::wipeStack();
   return outcome;
 }
@@ -153,11 +134,12 @@ int main(int count, char** values) {
   options.sources.globalPreferencesFile = directory + "/global.xml";
   STATUSCODE status = -1;
   const CClientLibrary library(options, status);
-  const int pipe = open(values[1], O_RDONLY | O_CLOEXEC);
-  if (status != 0 || pipe < 0) {
+  const int file = open(values[1], O_RDONLY | O_CLOEXEC);
+  if (status != 0 || file < 0) {
     return EXIT_FAILURE;
   }
-  say("ended, " + selectAndForget(pipe, values[4], left));
-  waitForEnd(pipe);
+  std::printf("ended, %s\n", selectAndForget(file, values[4], left).c_str());
+  std::fflush(stdout);
+  pause();
   return EXIT_SUCCESS;
 }

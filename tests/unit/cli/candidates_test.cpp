@@ -1,4 +1,5 @@
-// The candidates as the tool sees them, from real profile files.
+// The candidates as the tool sees them, from a real profile file; which take part is shown by
+// `ahs profile list`.
 
 #include "vpn/Api/AHS/Candidates.h"
 
@@ -10,14 +11,12 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::string profile(const std::string& switchAttributes, const std::string& hosts) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<profile version=\"1\"><preferences>"
-         "<preference name=\"EnableAutomaticServerSelection\" " +
-         switchAttributes + "/></preferences><hosts>" + hosts + "</hosts></profile>\n";
-}
+constexpr const char* Profile =
+    "<profile version=\"1\"><preferences><preference name=\"EnableAutomaticServerSelection\" "
+    "value=\"true\"/></preferences><hosts><host name=\"gw.example.com:444\"/>"
+    "<host name=\"gw.example.com:445\" address=\" &#10;\"/></hosts></profile>\n";
 
 // The process's preference manager for the length of a test.
 class Loaded {
@@ -35,72 +34,29 @@ class Loaded {
   Loaded& operator=(const Loaded&) = delete;
 };
 
-std::vector<std::string> headends() {
-  std::vector<std::string> names;
-  for (const Candidate& candidate : findCandidates()) {
-    names.push_back(candidate.headend);
-  }
-  return names;
-}
-
 }  // namespace
 
-TEST(Candidates, AreTheHostsOfProfilesWithTheSwitchOnOrLeftToTheUser) {
+TEST(Candidates, AreOfTheProfilesAndOfTheCommandLineAndWithoutAnAddressReachedByName) {
   const tests::TemporaryDirectory directory;
-  directory.Write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
-  directory.Write("user.xml", profile("value=\"false\" user-controllable=\"true\"",
-                                      "<host name=\"b\" address=\"gw-b:8443\"/>"));
-  directory.Write("off.xml", profile("value=\"false\" user-controllable=\"false\"",
-                                     "<host name=\"a\" address=\"gw-a\"/>"));
-  directory.Write("none.xml",
-                  "<?xml version=\"1.0\"?><profile version=\"1\"><hosts>"
-                  "<host name=\"d\" address=\"gw-d\"/></hosts></profile>");
-  PreferenceMgr::Sources sources;
-  sources.profileDirectory = directory.Path();
-  const Loaded loaded(sources);
-  EXPECT_THAT(headends(), ElementsAre("gw-b:8443", "gw-c"));
-}
-
-TEST(Candidates, AnEntryWithoutAnAddressIsReachedByItsName) {
-  const tests::TemporaryDirectory directory;
-  directory.Write("on.xml", profile("value=\"true\"",
-                                    "<host name=\"gw.example.com:444\"/>"
-                                    "<host name=\"gw.example.com:445\" address=\" &#10;\"/>"));
-  PreferenceMgr::Sources sources;
-  sources.profileDirectory = directory.Path();
-  const Loaded loaded(sources);
-  const auto candidates = findCandidates();
-  ASSERT_EQ(candidates.size(), 2U);
-  EXPECT_EQ(candidates[0].name, "gw.example.com:444");
-  EXPECT_EQ(candidates[0].headend, "gw.example.com:444");
-  EXPECT_EQ(candidates[0].place, Place("gw.example.com", 444));
-  EXPECT_EQ(candidates[1].place, Place("gw.example.com", 445));
-}
-
-TEST(Candidates, GivenHeadendsTakePartBesideThoseOfTheProfiles) {
-  const tests::TemporaryDirectory directory;
-  directory.Write("on.xml", profile("value=\"true\"", "<host name=\"c\" address=\"gw-c\"/>"));
+  directory.Write("on.xml", Profile);
   PreferenceMgr::Sources sources;
   sources.profileDirectory = directory.Path();
   sources.headends = {"gw-x", "[::1]:8443"};
   const Loaded loaded(sources);
   const auto candidates = findCandidates();
-  ASSERT_EQ(candidates.size(), 3U);
+  ASSERT_EQ(candidates.size(), 4U);
   EXPECT_EQ(candidates[0].headend, "[::1]:8443");
   EXPECT_EQ(candidates[0].place, Place("::1", 8443));
-  EXPECT_EQ(candidates[1].name, "c");
-  EXPECT_EQ(candidates[2].place, Place("gw-x", 443));
-}
-
-TEST(HostEntries, OfTheCommandLineTakePartAndHaveNoFile) {
-  PreferenceMgr::Sources sources;
-  sources.headends = {"gw-x"};
-  const Loaded loaded(sources);
+  EXPECT_EQ(candidates[2].name, "gw.example.com:444");
+  EXPECT_EQ(candidates[2].headend, "gw.example.com:444");
+  EXPECT_EQ(candidates[2].place, Place("gw.example.com", 444));
+  EXPECT_EQ(candidates[3].place, Place("gw.example.com", 445));
+  EXPECT_EQ(candidates[1].place, Place("gw-x", 443));
   const auto entries = findHostEntries();
-  ASSERT_EQ(entries.size(), 1U);
-  EXPECT_TRUE(entries[0].takesPart);
-  EXPECT_EQ(entries[0].file, "");
-  EXPECT_EQ(entries[0].address, "gw-x");
+  ASSERT_EQ(entries.size(), 4U);
+  EXPECT_TRUE(entries[1].takesPart);
+  EXPECT_EQ(entries[1].file, "");
+  EXPECT_EQ(entries[1].address, "gw-x");
 }
 
 TEST(Candidates, WithoutAPreferenceManagerThereAreNone) {

@@ -44,15 +44,7 @@ TEST(Chart, HasABarForEachMetricAndADotForEachSample) {
   EXPECT_THAT(svg, HasSubstr(">timed out</text>"));
 }
 
-TEST(Chart, DrawsBarsInProportionAndDotsInsideTheScale) {
-  const std::string svg = chartOf(measured({headend("gw-a", 100, {100, 300})}));
-  // 300 ms is the last tick, at 680; the bar of 100 ms is a third of the way from 250.
-  EXPECT_THAT(svg, HasSubstr("width=\"143.3\""));
-  EXPECT_THAT(svg, HasSubstr("cx=\"680\""));
-  EXPECT_THAT(svg, HasSubstr(">300 ms</text>"));
-}
-
-TEST(Chart, HasAScaleForEverySize) {
+TEST(Chart, HasAScaleForEverySizeAndForNothing) {
   for (const unsigned int metric : {0U, 1U, 6U, 7U, 99U, 9'999U, 4'294'967'295U}) {
     const std::string svg = chartOf(measured({headend("gw-a", metric, {metric})}));
     EXPECT_TRUE(isWellFormed(svg)) << metric;
@@ -61,9 +53,8 @@ TEST(Chart, HasAScaleForEverySize) {
     EXPECT_THAT(svg, Not(HasSubstr("nan")));
     EXPECT_THAT(svg, Not(HasSubstr("inf")));
   }
+  EXPECT_TRUE(isWellFormed(chartOf(SelectionResult())));
 }
-
-TEST(Chart, OfNothingIsStillAPicture) { EXPECT_TRUE(isWellFormed(chartOf(SelectionResult()))); }
 
 TEST(Chart, DrawsAHundredHeadendsAndCountsTheRest) {
   std::vector<HeadendResult> results;
@@ -86,29 +77,13 @@ TEST(Chart, CutsALongNameBetweenCharactersAndKeepsItAsTheTitle) {
   EXPECT_THAT(svg, HasSubstr(">" + name.substr(0, 64) + "\u2026</text>"));
 }
 
-TEST(Chart, ShowsTheNameOfAHostEntryInPlaceOfItsAddress) {
-  SelectionResult result = measured({headend("gw-a:8443", 20), headend("gw-b", 40)});
-  result.results[0].name = "Bern";
-  const std::string svg = chartOf(result);
-  EXPECT_TRUE(isWellFormed(svg));
-  EXPECT_THAT(svg, HasSubstr("<title>gw-a:8443 (Bern): answered</title>"));
-  EXPECT_THAT(svg, HasSubstr(">Bern</text>"));
-  EXPECT_THAT(svg, HasSubstr(">gw-b</text>"));
-}
-
-TEST(Chart, ShowsMarkupInNamesAsText) {
-  const std::string name = "<script>alert('&\"')</script>";
-  HeadendResult both = headend(name, 10);
+TEST(Chart, ShowsMarkupControlCharactersAndWrongUtf8OfNamesAsText) {
+  HeadendResult both = headend("<script>alert('&\"')</script>a\x1b\xff\nb", 10);
   both.name = "<script>";
   const std::string svg = chartOf(measured({both}));
   EXPECT_TRUE(isWellFormed(svg));
   EXPECT_THAT(svg, Not(HasSubstr("<script")));
   EXPECT_THAT(svg, HasSubstr("&lt;script&gt;"));
-}
-
-TEST(Chart, ShowsControlCharactersAndWrongUtf8AsTheirCodes) {
-  const std::string svg = chartOf(measured({headend("a\x1b\xff\nb", 10)}));
-  EXPECT_TRUE(isWellFormed(svg));
   EXPECT_THAT(svg, HasSubstr("a\\x1b\\xff\\x0ab"));
 }
 
@@ -124,22 +99,19 @@ TEST(ResultPage, ShowsMarkupInNamesAsTextEverywhere) {
   EXPECT_THAT(page, HasSubstr("&lt;now&gt;"));
 }
 
-TEST(ResultPage, HasAColumnForNamesWhereThereAreAny) {
-  SelectionResult result = measured({headend("gw-a", 20), headend("gw-b", 40)});
-  EXPECT_THAT(pageOf(result, "now"), Not(HasSubstr("<th>name</th>")));
-  result.results[1].name = "Bern";
-  const std::string page = pageOf(result, "now");
-  EXPECT_THAT(page, HasSubstr("<th>headend</th><th>name</th>"));
-  EXPECT_THAT(page, HasSubstr("<td>gw-a</td><td></td>"));
-  EXPECT_THAT(page, HasSubstr("<td>gw-b</td><td>Bern</td>"));
-}
-
-TEST(ResultPage, RanksWhatWasDeliveredAndListsTheRest) {
-  const std::string page = pageOf(
-      measured({headend("gw-a", 20, {20, 25}), headend("gw-b", 40), headend("gw-c", {})}), "now");
+TEST(ResultPage, RanksWhatWasDeliveredListsTheRestAndHasAColumnForNamesWhereThereAreAny) {
+  SelectionResult result =
+      measured({headend("gw-a", 20, {20, 25}), headend("gw-b", 40), headend("gw-c", {})});
+  std::string page = pageOf(result, "now");
   EXPECT_THAT(page, HasSubstr("<tr class=\"chosen\"><td class=\"n\">1</td><td>gw-a</td>"
                               "<td class=\"n\">20</td><td>20 25</td><td>answered</td>"));
   EXPECT_THAT(page, HasSubstr("<tr><td class=\"n\">2</td><td>gw-b</td>"));
   EXPECT_THAT(page, HasSubstr("<tr><td class=\"n\"></td><td>gw-c</td><td class=\"n\"></td>"
                               "<td></td><td>timed out</td>"));
+  EXPECT_THAT(page, Not(HasSubstr("<th>name</th>")));
+  result.results[1].name = "Bern";
+  page = pageOf(result, "now");
+  EXPECT_THAT(page, HasSubstr("<th>headend</th><th>name</th>"));
+  EXPECT_THAT(page, HasSubstr("<td>gw-a</td><td></td>"));
+  EXPECT_THAT(page, HasSubstr("<td>gw-b</td><td>Bern</td>"));
 }

@@ -70,15 +70,11 @@ extern "C" int __wrap_fstat(int descriptor, struct stat* facts) {
   return result;
 }
 
-TEST_F(PasswordFileTest, OneLineFeedAtTheEndIsDropped) {
-  EXPECT_EQ(read(write(std::string(Text) + "\n")), "");
-  EXPECT_STREQ(password.c_str(), Text);
-  EXPECT_EQ(read(write(Text)), "");
-  EXPECT_STREQ(password.c_str(), Text);
-}
-
-TEST_F(PasswordFileTest, ItsOwnerMayHaveLessThanAllRights) {
-  EXPECT_EQ(read(write(Text, 0400)), "");
+TEST_F(PasswordFileTest, OneLineFeedAtTheEndIsDroppedAndItsOwnerMayHaveLessThanAllRights) {
+  for (const std::string& path : {write(std::string(Text) + "\n"), write(Text, 0400)}) {
+    EXPECT_EQ(read(path), "");
+    EXPECT_STREQ(password.c_str(), Text);
+  }
 }
 
 TEST_F(PasswordFileTest, OneThatOthersMayReadOrWriteIsRefusedWithTheRemedy) {
@@ -99,42 +95,35 @@ TEST_F(PasswordFileTest, OneOfAnotherUserIsRefused) {
                                     std::to_string(geteuid()) + " FILE"));
 }
 
-TEST_F(PasswordFileTest, ALinkIsRefused) {
+TEST_F(PasswordFileTest, WhatIsNoFileIsRefusedWithoutWaitingForIt) {
   const std::string path = write(Text);
   const std::string link = directory.File("link");
   ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
   EXPECT_THAT(read(link), HasSubstr("it is a link. Name the file itself"));
-}
-
-TEST_F(PasswordFileTest, WhatIsNoFileIsRefusedWithoutWaitingForIt) {
   EXPECT_THAT(read(directory.MakeDirectory("folder")), HasSubstr("it is no regular file"));
   const std::string pipe = directory.File("pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   EXPECT_THAT(read(pipe), HasSubstr("it is no regular file"));
-}
-
-TEST_F(PasswordFileTest, AMissingOneIsNamed) {
   EXPECT_THAT(read(directory.File("none")),
               HasSubstr("none' cannot be used: it cannot be opened: No such file"));
 }
 
-TEST_F(PasswordFileTest, AnEmptyOneIsRefused) {
-  EXPECT_THAT(read(write("")), HasSubstr("it is empty"));
-  EXPECT_THAT(read(write("\n")), HasSubstr("it is empty"));
-}
-
-TEST_F(PasswordFileTest, TheLongestPasswordIsTakenAndNoLongerOne) {
+TEST_F(PasswordFileTest, WhatIsEmptyTooLongOrMoreThanALineIsRefused) {
   const std::string longest(MostCredentialBytes, 'p');
   EXPECT_EQ(read(write(longest + "\n")), "");
   EXPECT_EQ(password.c_str(), longest);
-  EXPECT_THAT(read(write(longest + "p")), HasSubstr("it is longer than 1024 bytes"));
-  EXPECT_THAT(read(write(std::string(1 << 20, 'p'))), HasSubstr("it is longer than 1024 bytes"));
-}
-
-TEST_F(PasswordFileTest, MoreThanOneLineOrAControlCharacterIsRefused) {
-  for (const std::string& end : {std::string("\n\n"), std::string("\r\n"), std::string("\nmore"),
-                                 std::string("\0", 1), std::string("\t")}) {
-    EXPECT_THAT(read(write(Text + end)), HasSubstr("a control character or a second line"));
+  const std::string text = Text;
+  for (const auto& [contents, problem] : std::vector<std::pair<std::string, const char*>>{
+           {"", "it is empty"},
+           {"\n", "it is empty"},
+           {longest + "p", "it is longer than 1024 bytes"},
+           {std::string(1 << 20, 'p'), "it is longer than 1024 bytes"},
+           {text + "\n\n", "a control character or a second line"},
+           {text + "\r\n", "a control character or a second line"},
+           {text + "\nmore", "a control character or a second line"},
+           {text + std::string(1, '\0'), "a control character or a second line"},
+           {text + "\t", "a control character or a second line"}}) {
+    EXPECT_THAT(read(write(contents)), HasSubstr(problem));
   }
 }
 
@@ -163,25 +152,16 @@ TEST_F(PasswordDescriptorTest, OneThatWritesWithoutEndIsNotReadToTheEnd) {
   EXPECT_THAT(readPasswordDescriptor(ends[0], password), HasSubstr("it is longer than"));
 }
 
-TEST_F(PasswordDescriptorTest, OneThatIsNotOpenIsNamed) {
+TEST_F(PasswordDescriptorTest, OneThatCannotBeUsedIsNamed) {
   close(ends[0]);
   EXPECT_THAT(readPasswordDescriptor(ends[0], password),
               HasSubstr("the password descriptor " + std::to_string(ends[0]) +
                         " cannot be used: it is not open"));
-}
-
-TEST_F(PasswordDescriptorTest, OneThatCannotBeReadIsNamed) {
-  const int writeOnly = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  EXPECT_THAT(readPasswordDescriptor(writeOnly, password),
+  EXPECT_THAT(readPasswordDescriptor(open("/dev/null", O_WRONLY | O_CLOEXEC), password),
               HasSubstr("it cannot be read: Bad file"));
-  close(ends[0]);
-}
-
-TEST_F(PasswordDescriptorTest, ATerminalWouldShowThePassword) {
   const Person person(Person::Lines{});
   EXPECT_THAT(readPasswordDescriptor(dup(person.terminal()), password),
               HasSubstr("it is a terminal. Leave --proxy-password-fd out"));
-  close(ends[0]);
 }
 
 TEST(SecretBuffer, IsZerosOnceItHasGone) {

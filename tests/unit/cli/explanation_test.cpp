@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "tests/unit/cli/some_results.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
@@ -40,9 +42,6 @@ TEST(Decision, IsTheSmallestMetric) {
   EXPECT_EQ(decision.last, nullptr);
   EXPECT_FALSE(decision.ratio);
   EXPECT_EQ(decisionInWords(result), "Chose gw-b: 18 ms, the smallest of 2 metrics.");
-}
-
-TEST(Decision, OfTheOnlyMetricSaysSo) {
   EXPECT_EQ(decisionInWords(measured({headend("gw-a", 41)})),
             "Chose gw-a: 41 ms, the only metric.");
 }
@@ -71,20 +70,16 @@ TEST(Decision, KeepsTheLastHeadendBelowTheThreshold) {
   EXPECT_THAT(explanation(result), HasSubstr("46 / 40 = 1.150, less: it stays"));
 }
 
-TEST(Decision, LeavesTheLastHeadendAtATieWithTheThreshold) {
-  const SelectionResult result = reconnection("gw-b", {headend("gw-a", 40), headend("gw-b", 48)});
-  EXPECT_FALSE(decisionOf(result).isRetained);
-  EXPECT_THAT(explanation(result), HasSubstr("48 / 40 = 1.200, not less: it goes"));
-}
-
-TEST(Decision, LeavesTheLastHeadendWhereTheBestIsAtNoDistance) {
-  const SelectionResult bothZero = reconnection("gw-b", {headend("gw-a", 0), headend("gw-b", 0)});
-  EXPECT_FALSE(decisionOf(bothZero).isRetained);
-  EXPECT_THAT(explanation(bothZero), HasSubstr("0 / 0 = no number, not less: it goes"));
-
-  const SelectionResult zero = reconnection("gw-b", {headend("gw-a", 0), headend("gw-b", 3)});
-  EXPECT_FALSE(decisionOf(zero).isRetained);
-  EXPECT_THAT(explanation(zero), HasSubstr("3 / 0 = infinite, not less: it goes"));
+TEST(Decision, LeavesTheLastHeadendAtATieWithTheThresholdOrWhereTheBestIsAtNoDistance) {
+  for (const auto& [best, last, words] :
+       {std::tuple{40U, 48U, "48 / 40 = 1.200, not less: it goes"},
+        std::tuple{0U, 0U, "0 / 0 = no number, not less: it goes"},
+        std::tuple{0U, 3U, "3 / 0 = infinite, not less: it goes"}}) {
+    const SelectionResult result =
+        reconnection("gw-b", {headend("gw-a", best), headend("gw-b", last)});
+    EXPECT_FALSE(decisionOf(result).isRetained);
+    EXPECT_THAT(explanation(result), HasSubstr(words));
+  }
 }
 
 TEST(Decision, NamesNoOtherHeadendWhereTheLastOneIsTheBest) {
@@ -113,36 +108,20 @@ TEST(Decision, SuspectsAMiddleboxWhereTheNetworkAnswersLongBeforeTheGateway) {
   EXPECT_THAT(explanation(result), HasSubstr("gw-a's network answers in 1.9 ms, it itself in "
                                              "95.0 ms"));
   EXPECT_THAT(explanation(result), HasSubstr("RoundTripTime"));
-}
-
-TEST(Decision, SuspectsNothingWhereBothTimesAreShortOrAlike) {
-  SelectionResult result = measured({headend("near", 1), headend("far", 200)});
+  result.isResponseMeasured = true;
+  EXPECT_THAT(explanation(result), HasSubstr("odd:"));
+  EXPECT_THAT(explanation(result), Not(HasSubstr("RoundTripTime"))) << "it is in force already";
   result.results[0].probes = {probe(100, 25'000)};
   result.results[1].probes = {probe(200'000, 260'000)};
-  EXPECT_TRUE(decisionOf(result).earlyAnswers.empty());
-}
-
-TEST(Decision, DoesNotAdviseTheMeasureThatIsInForce) {
-  SelectionResult result = measured({headend("gw-a", 95)});
-  result.isResponseMeasured = true;
-  result.results[0].probes = {probe(2'000, 95'000)};
-  EXPECT_THAT(explanation(result), HasSubstr("odd:"));
-  EXPECT_THAT(explanation(result), Not(HasSubstr("RoundTripTime")));
+  EXPECT_TRUE(decisionOf(result).earlyAnswers.empty()) << "both are short, or alike";
 }
 
 TEST(Explanation, TellsWhenTheCacheMeasured) {
   SelectionResult result = measured({headend("gw-a", 40)});
   result.status = HEADENDSELECTION_SUCCESS;
   result.fromCache = true;
-  for (const auto& [seconds, words] :
-       std::vector<std::pair<int, std::string>>{{1, "1 second ago"},
-                                                {119, "119 seconds ago"},
-                                                {120, "2 minutes ago"},
-                                                {7'200, "2 hours ago"},
-                                                {172'800, "2 days ago"}}) {
-    result.cacheAge = std::chrono::seconds(seconds);
-    EXPECT_THAT(explanation(result), HasSubstr("the cache; measured " + words));
-  }
+  result.cacheAge = std::chrono::seconds(119);
+  EXPECT_THAT(explanation(result), HasSubstr("the cache; measured 119 seconds ago"));
   result.cacheAge.reset();
   EXPECT_THAT(explanation(result), HasSubstr("the cache; measured earlier"));
 }
@@ -165,10 +144,4 @@ TEST(Explanation, OfAFailureIsTheStatusInWords) {
   result.results = {headend("gw-a", std::nullopt)};
   EXPECT_EQ(decisionInWords(result), "No headend could be measured.");
   EXPECT_THAT(explanation(result), HasSubstr("best:       none has a metric\n"));
-}
-
-TEST(Explanation, ShowsControlCharactersOfNamesAsTheirCodes) {
-  const std::string text = explanation(measured({headend("gw\x1b[31m", 40)}));
-  EXPECT_THAT(text, Not(HasSubstr("\x1b")));
-  EXPECT_THAT(text, HasSubstr("gw\\x1b[31m"));
 }

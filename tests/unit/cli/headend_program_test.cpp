@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -22,31 +23,19 @@ HeadendResult gateway(const std::string& headend, const std::string& name,
   return made;
 }
 
-std::vector<std::string> commandWith(const std::string& headend, const std::string& argument) {
-  return commandFor({"vpn", argument}, gateway(headend, "", std::nullopt));
-}
-
 }  // namespace
 
 TEST(HeadendProgram, TheHeadendItsHostAndItsPortAreReplacedWhereverTheyStand) {
-  EXPECT_THAT(commandWith("gw.example.com:8443", "{headend}"),
-              ElementsAre("vpn", "gw.example.com:8443"));
-  EXPECT_THAT(commandWith("gw.example.com:8443", "--to={host}/{port}/{host}"),
-              ElementsAre("vpn", "--to=gw.example.com/8443/gw.example.com"));
-}
-
-TEST(HeadendProgram, ThePortIsThatOfTlsUnlessThereIsAnother) {
-  EXPECT_THAT(commandWith("gw.example.com", "{port}"), ElementsAre("vpn", "443"));
-}
-
-TEST(HeadendProgram, AnIpv6HostHasNoBrackets) {
-  EXPECT_THAT(commandWith("[2001:db8::7]:8443", "{host} {port} {headend}"),
-              ElementsAre("vpn", "2001:db8::7 8443 [2001:db8::7]:8443"));
-}
-
-TEST(HeadendProgram, OtherBracesStayAsTheyAre) {
-  EXPECT_THAT(commandWith("gw", "{} {name} {headend {hostx} }{"),
-              ElementsAre("vpn", "{} {name} {headend {hostx} }{"));
+  for (const auto& [headend, argument, replaced] : std::vector<std::array<const char*, 3>>{
+           {"gw.example.com:8443", "{headend}", "gw.example.com:8443"},
+           {"gw.example.com:8443", "--to={host}/{port}/{host}",
+            "--to=gw.example.com/8443/gw.example.com"},
+           {"gw.example.com", "{port}", "443"},
+           {"[2001:db8::7]:8443", "{host} {port} {headend}", "2001:db8::7 8443 [2001:db8::7]:8443"},
+           {"gw", "{} {name} {headend {hostx} }{", "{} {name} {headend {hostx} }{"}}) {
+    EXPECT_THAT(commandFor({"vpn", argument}, gateway(headend, "", std::nullopt)),
+                ElementsAre("vpn", replaced));
+  }
 }
 
 TEST(HeadendProgram, TheEnvironmentNamesEverythingThatIsKnown) {
@@ -60,13 +49,9 @@ TEST(HeadendProgram, TheEnvironmentNamesEverythingThatIsKnown) {
 
 TEST(HeadendProgram, AHeadendIsFoundAmongTheResults) {
   SelectionResult result;
-  result.results = {{}, {}};
-  result.results[1].headend = "gw:8443";
-  result.results[1].name = "Bonn";
-  result.results[1].metricMs = 18;
-  const HeadendResult known = chosenHeadend("gw:8443", result);
-  EXPECT_EQ(known.name, "Bonn");
-  EXPECT_EQ(known.metricMs, 18U);
+  result.results = {{}, gateway("gw:8443", "Bonn", 18)};
+  EXPECT_EQ(chosenHeadend("gw:8443", result).name, "Bonn");
+  EXPECT_EQ(chosenHeadend("gw:8443", result).metricMs, 18U);
   const HeadendResult unknown = chosenHeadend("another", result);
   EXPECT_EQ(unknown.headend, "another");
   EXPECT_EQ(unknown.name, "");

@@ -11,7 +11,6 @@ namespace {
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
@@ -65,13 +64,10 @@ TEST(LiveTable, FitsEveryWidthAndHeight) {
   }
 }
 
-TEST(LiveTable, ANarrowWindowShowsNoPartOfAWordOrNumber) {
+TEST(LiveTable, ASmallWindowShowsTheNearestCountsTheRestAndCutsNoWordOrNumber) {
   EXPECT_THAT(liveTable(someState(), 22, 24),
               ElementsAre("Measuring: 2 of 3", "near    25 ms  26 25", "far    100 ms  100",
                           StartsWith("lost           waits")));
-}
-
-TEST(LiveTable, ALowWindowShowsTheNearestAndCountsTheRest) {
   EXPECT_THAT(liveTable(someState(), 80, 4),
               ElementsAre(StartsWith("Measuring"), StartsWith("near"), "and 2 more"));
 }
@@ -98,42 +94,31 @@ TEST(LiveTable, ShowsNamesBesideTheAddressesWhereHalfOfTheWidthHasRoomForBoth) {
   EXPECT_THAT(liveTable(state, 26, 24), Each(Not(HasSubstr("Bern"))));
 }
 
-TEST(LiveTable, ShowsControlCharactersOfNamesAsTheirCodes) {
+TEST(LiveTable, ShowsControlCharactersOfNamesAsTheirCodesAndNoTimeLeftAfterTheLimit) {
   LiveState state = someState();
   state.rows[0].headend = "\x1b[2J";
   state.rows[0].name = "\x1b[31m";
-  EXPECT_THAT(liveTable(state, 80, 24), Each(Not(HasSubstr("\x1b"))));
-}
-
-TEST(LiveTable, OneProbeIsOneProbeAndNoTimeIsLeftAfterTheLimit) {
-  LiveState state = someState();
   state.probesEnded = 1;
   state.elapsed = std::chrono::milliseconds(10400);
+  EXPECT_THAT(liveTable(state, 80, 24), Each(Not(HasSubstr("\x1b"))));
   EXPECT_THAT(liveLine(state), HasSubstr("answered, 0.0 s left, 1 probe done"));
 }
 
-TEST(LiveRow, TellsWhatAHeadendWaitsFor) {
+TEST(LiveRow, TellsWhatAHeadendWaitsForOrWhyItWaitsNoMore) {
   EXPECT_EQ(liveRowOf(gateway(), nullptr, 3).waitsFor, "waits to be measured");
-  const SelectionRecord::Track none = track({});
-  EXPECT_EQ(liveRowOf(gateway(), &none, 3).waitsFor, "waits for answer 1 of 3");
+  for (const auto& [statuses, waitsFor] :
+       std::vector<std::pair<std::vector<STATUSCODE>, const char*>>{
+           {{}, "waits for answer 1 of 3"},
+           {{0, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE}, "waits for answer 3 of 3"},
+           {{0, HTTP_SESSION_ERROR_TIMEOUT, 0}, ""},
+           {{HTTP_SESSION_ERROR_DNS_RESOLUTION}, "name not resolved"},
+           {{HTTP_SESSION_ERROR_CANNOT_CONNECT, HTTP_SESSION_ERROR_CANNOT_CONNECT},
+            "cannot connect"}}) {
+    const SelectionRecord::Track one = track(statuses);
+    EXPECT_EQ(liveRowOf(gateway(), &one, 3).waitsFor, waitsFor);
+  }
   const SelectionRecord::Track two = track({0, HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE});
-  EXPECT_EQ(liveRowOf(gateway(), &two, 3).waitsFor, "waits for answer 3 of 3");
   EXPECT_THAT(liveRowOf(gateway(), &two, 3).samplesMs, ElementsAre(10, 11));
-}
-
-TEST(LiveRow, HasTheNameOfTheHostEntryWhereItIsNotTheAddress) {
-  EXPECT_EQ(liveRowOf(gateway(), nullptr, 3).name, "");
-  const LiveRow row = liveRowOf({"Bern", "gw:8443", {"gw", 8443}}, nullptr, 3);
-  EXPECT_EQ(row.headend, "gw:8443");
-  EXPECT_EQ(row.name, "Bern");
-}
-
-TEST(LiveRow, OfAHeadendThatIsDoneWaitsForNothing) {
-  const SelectionRecord::Track done = track({0, HTTP_SESSION_ERROR_TIMEOUT, 0});
-  EXPECT_THAT(liveRowOf(gateway(), &done, 3).waitsFor, IsEmpty());
-}
-
-TEST(LiveRow, TellsThatTheWayIsTested) {
   SelectionRecord::Track tested;
   tested.testing = 1;
   EXPECT_EQ(liveRowOf(gateway(), &tested, 3).waitsFor, "waits for the test of the way there");
@@ -141,10 +126,9 @@ TEST(LiveRow, TellsThatTheWayIsTested) {
   EXPECT_EQ(liveRowOf(gateway(), &tested, 3).waitsFor, "waits for answer 1 of 3");
 }
 
-TEST(LiveRow, TellsWhyNoMoreProbesAreSent) {
-  const SelectionRecord::Track unknown = track({HTTP_SESSION_ERROR_DNS_RESOLUTION});
-  EXPECT_EQ(liveRowOf(gateway(), &unknown, 3).waitsFor, "name not resolved");
-  const SelectionRecord::Track closed =
-      track({HTTP_SESSION_ERROR_CANNOT_CONNECT, HTTP_SESSION_ERROR_CANNOT_CONNECT});
-  EXPECT_EQ(liveRowOf(gateway(), &closed, 3).waitsFor, "cannot connect");
+TEST(LiveRow, HasTheNameOfTheHostEntryWhereItIsNotTheAddress) {
+  EXPECT_EQ(liveRowOf(gateway(), nullptr, 3).name, "");
+  const LiveRow row = liveRowOf({"Bern", "gw:8443", {"gw", 8443}}, nullptr, 3);
+  EXPECT_EQ(row.headend, "gw:8443");
+  EXPECT_EQ(row.name, "Bern");
 }

@@ -7,20 +7,29 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "cli/watch/NetworkChanges.h"
 #include "tests/support/ChildProcess.h"
 
 namespace {
 
-using std::chrono::milliseconds;
 using Heard = NetworkChanges::Heard;
 
 // Longer than a network has to be at rest.
-constexpr milliseconds Longer{1500};
+constexpr std::chrono::milliseconds Longer{1500};
 constexpr std::chrono::minutes ForAChange{2};
 
-class NetworkChangesTest : public testing::Test {
+struct Change {
+  const char* name;
+  std::vector<std::string> commands;
+  bool isOne;
+  bool isRemembered = false;
+
+  friend void PrintTo(const Change& change, std::ostream* stream) { *stream << change.name; }
+};
+
+class NetworkChangesTest : public testing::TestWithParam<Change> {
  protected:
   void SetUp() override {
     if (geteuid() != 0 || unshare(CLONE_NEWNET) != 0) {
@@ -37,55 +46,33 @@ class NetworkChangesTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(NetworkChangesTest, AnAddressIsAChange) {
+TEST_P(NetworkChangesTest, AreHeardAndNothingElse) {
   NetworkChanges network;
   EXPECT_EQ(network.problem(), "");
-  ip("address add 192.0.2.2/24 dev lo");
-  EXPECT_EQ(network.wait(ForAChange), Heard::Change);
+  for (const std::string& command : GetParam().commands) {
+    ip(command);
+  }
+  if (GetParam().isRemembered) {
+    network.remember();
+  }
+  if (GetParam().isOne) {
+    EXPECT_EQ(network.wait(ForAChange), Heard::Change);
+  } else {
+    EXPECT_EQ(network.wait(Longer), Heard::Nothing);
+  }
 }
 
-TEST_F(NetworkChangesTest, AnIpv6AddressIsAChange) {
-  NetworkChanges network;
-  ip("-6 address add 2001:db8::2/64 dev lo");
-  EXPECT_EQ(network.wait(ForAChange), Heard::Change);
-}
-
-TEST_F(NetworkChangesTest, ARouteIsAChange) {
-  NetworkChanges network;
-  ip("route add 198.51.100.0/24 dev lo");
-  EXPECT_EQ(network.wait(ForAChange), Heard::Change);
-}
-
-TEST_F(NetworkChangesTest, ALinkThatGoesDownIsAChange) {
-  NetworkChanges network;
-  ip("link set lo down");
-  EXPECT_EQ(network.wait(ForAChange), Heard::Change);
-}
-
-TEST_F(NetworkChangesTest, AChangeBeforeTheWaitIsHeard) {
-  NetworkChanges network;
-  network.remember();
-  ip("address add 192.0.2.2/24 dev lo");
-  ip("address add 192.0.2.3/24 dev lo");
-  EXPECT_EQ(network.wait(ForAChange), Heard::Change);
-}
-
-TEST_F(NetworkChangesTest, AnAddressWhoseTimeIsProlongedIsNoChange) {
-  NetworkChanges network;
-  ip("address change 192.0.2.1/24 dev lo valid_lft 1000 preferred_lft 1000");
-  EXPECT_EQ(network.wait(Longer), Heard::Nothing);
-}
-
-TEST_F(NetworkChangesTest, WhatHasGoneBackToWhatItWasIsNoChange) {
-  NetworkChanges network;
-  ip("address add 192.0.2.2/24 dev lo");
-  ip("address del 192.0.2.2/24 dev lo");
-  EXPECT_EQ(network.wait(Longer), Heard::Nothing);
-}
-
-TEST_F(NetworkChangesTest, ARememberedChangeIsNoChange) {
-  NetworkChanges network;
-  ip("address add 192.0.2.2/24 dev lo");
-  network.remember();
-  EXPECT_EQ(network.wait(Longer), Heard::Nothing);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Table, NetworkChangesTest,
+    testing::Values(Change{"AnAddress", {"address add 192.0.2.2/24 dev lo"}, true},
+                    Change{"AnIpv6Address", {"-6 address add 2001:db8::2/64 dev lo"}, true},
+                    Change{"ARoute", {"route add 198.51.100.0/24 dev lo"}, true},
+                    Change{"ALinkThatGoesDown", {"link set lo down"}, true},
+                    Change{"AnAddressWhoseTimeIsProlonged",
+                           {"address change 192.0.2.1/24 dev lo valid_lft 1000 preferred_lft 1000"},
+                           false},
+                    Change{"WhatHasGoneBackToWhatItWas",
+                           {"address add 192.0.2.2/24 dev lo", "address del 192.0.2.2/24 dev lo"},
+                           false},
+                    Change{"ARememberedChange", {"address add 192.0.2.2/24 dev lo"}, false, true}),
+    [](const auto& one) { return std::string(one.param.name); });

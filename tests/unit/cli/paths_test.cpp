@@ -6,60 +6,37 @@
 #include "cli/files/FileOptions.h"
 #include "tests/support/TemporaryDirectory.h"
 
-TEST(Paths, StandBelowTheHomeDirectory) {
-  const DefaultPaths paths = defaultPathsFor(nullptr, nullptr, "/home/kim");
-  EXPECT_EQ(paths.userProfiles, "/home/kim/.config/ahs/profiles");
-  EXPECT_EQ(paths.userPreferences, "/home/kim/.config/ahs/preferences.xml");
-  EXPECT_EQ(paths.cacheDirectory, "/home/kim/.cache/ahs");
-  EXPECT_EQ(paths.systemProfiles, "/etc/ahs/profiles");
-  EXPECT_EQ(paths.globalPreferences, "/etc/ahs/preferences.xml");
-}
-
-TEST(Paths, FollowTheXdgVariables) {
-  const DefaultPaths paths = defaultPathsFor("/conf", "/cache", "/home/kim");
-  EXPECT_EQ(paths.userProfiles, "/conf/ahs/profiles");
-  EXPECT_EQ(paths.userPreferences, "/conf/ahs/preferences.xml");
-  EXPECT_EQ(paths.cacheDirectory, "/cache/ahs");
-}
-
-TEST(Paths, EmptyOrRelativeXdgVariablesAreNotUsed) {
-  const DefaultPaths paths = defaultPathsFor("", "cache", "/home/kim");
-  EXPECT_EQ(paths.userProfiles, "/home/kim/.config/ahs/profiles");
-  EXPECT_EQ(paths.cacheDirectory, "/home/kim/.cache/ahs");
-}
-
-TEST(Paths, AUserWithoutAHomeDirectoryHasTheSystemsOnly) {
-  const DefaultPaths paths = defaultPathsFor(nullptr, nullptr, nullptr);
-  EXPECT_EQ(paths.userProfiles, "");
-  EXPECT_EQ(paths.cacheDirectory, "");
-  EXPECT_EQ(paths.systemProfiles, "/etc/ahs/profiles");
-}
-
-TEST(Paths, ARelativeHomeDirectoryCountsAsNone) {
-  for (const char* home : {"home/kim", ".", ""}) {
-    const DefaultPaths paths = defaultPathsFor("config", "cache", home);
-    EXPECT_EQ(paths.userProfiles, "") << home;
-    EXPECT_EQ(paths.userPreferences, "") << home;
-    EXPECT_EQ(paths.cacheDirectory, "") << home;
+TEST(Paths, FollowTheXdgVariablesOrElseStandBelowTheHomeDirectory) {
+  struct Case {
+    const char *config, *cache, *home;
+    std::string userConfig, userCache;
+  };
+  for (const Case& each :
+       {Case{nullptr, nullptr, "/home/kim", "/home/kim/.config/ahs", "/home/kim/.cache/ahs"},
+        Case{"/conf", "/cache", "/home/kim", "/conf/ahs", "/cache/ahs"},
+        Case{"", "cache", "/home/kim", "/home/kim/.config/ahs", "/home/kim/.cache/ahs"},
+        Case{nullptr, nullptr, nullptr, "", ""}, Case{"config", "cache", "home/kim", "", ""},
+        Case{"config", "cache", ".", "", ""}, Case{"config", "cache", "", "", ""}}) {
+    SCOPED_TRACE(each.userConfig + " " + (each.home == nullptr ? "no home" : each.home));
+    const DefaultPaths paths = defaultPathsFor(each.config, each.cache, each.home);
+    const bool hasOwn = !each.userConfig.empty();
+    EXPECT_EQ(paths.userProfiles, hasOwn ? each.userConfig + "/profiles" : "");
+    EXPECT_EQ(paths.userPreferences, hasOwn ? each.userConfig + "/preferences.xml" : "");
+    EXPECT_EQ(paths.cacheDirectory, each.userCache);
+    EXPECT_EQ(paths.systemProfiles, "/etc/ahs/profiles");
+    EXPECT_EQ(paths.globalPreferences, "/etc/ahs/preferences.xml");
   }
 }
 
-TEST(Paths, ADirectoryIsNotTakenForAFileNorAFileForADirectory) {
+TEST(Paths, WhatIsNotThereOrOfAnotherKindIsNotUsedNorWaitedFor) {
   const tests::TemporaryDirectory directory;
   const std::string file = directory.Write("file", "");
+  ASSERT_EQ(mkfifo(directory.File("fifo").c_str(), 0600), 0);
   EXPECT_EQ(findDirectoryError(directory.Path()), "");
   EXPECT_EQ(findFileError(file), "");
   EXPECT_EQ(findDirectoryError(file), "it is not a directory");
   EXPECT_EQ(findFileError(directory.Path()), "it is a directory, not a file");
-}
-
-TEST(Paths, WhatDoesNotExistIsSaidNotToExist) {
   EXPECT_EQ(findDirectoryError("/no/such"), "No such file or directory");
   EXPECT_EQ(findFileError(""), "No such file or directory");
-}
-
-TEST(Paths, AFifoIsNotWaitedFor) {
-  const tests::TemporaryDirectory directory;
-  ASSERT_EQ(mkfifo(directory.File("fifo").c_str(), 0600), 0);
   EXPECT_EQ(findFileError(directory.File("fifo")), "it is not a regular file");
 }

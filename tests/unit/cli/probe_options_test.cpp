@@ -30,51 +30,38 @@ class ProbeOptionsTest : public testing::Test {
   ProbePlan plan;
 };
 
-TEST_F(ProbeOptionsTest, NothingGivenIsWhatAWorkerDoes) {
+TEST_F(ProbeOptionsTest, NothingGivenIsWhatAWorkerDoesAndWhatIsGivenGoesBefore) {
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.headend, "gw.example.com");
   EXPECT_EQ(plan.place, Place("gw.example.com", 443));
   EXPECT_EQ(plan.entry, "");
   EXPECT_FALSE(plan.secure);
   EXPECT_EQ(plan.count, 3U);
-  EXPECT_EQ(plan.selectionCount, 3U);
   EXPECT_EQ(plan.timeout, seconds(2));
+  options.count = 1000;
+  options.timeoutSeconds = 3600;
+  options.host = "[2001:db8::7]:8443";
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.place, Place("2001:db8::7", 8443));
+  EXPECT_EQ(plan.count, 1000U);
+  EXPECT_EQ(plan.timeout, seconds(3600));
+  EXPECT_EQ(plan.selectionCount, 3U);
   EXPECT_EQ(plan.selectionTimeout, seconds(2));
   EXPECT_EQ(plan.selectionLimit, milliseconds(10000));
 }
 
-TEST_F(ProbeOptionsTest, TheNameOfAHostEntryIsItsAddressInAnyLetterCase) {
+TEST_F(ProbeOptionsTest, TheNameOfAHostEntryIsItsAddressInAnyLetterCaseThoughItTakesNoPart) {
   options.host = "bERLIN";
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.headend, "gw-ber.example.com:8443");
   EXPECT_EQ(plan.place, Place("gw-ber.example.com", 8443));
   EXPECT_EQ(plan.entry, "Berlin");
   EXPECT_EQ(plan.profile, "europe.xml");
-}
-
-TEST_F(ProbeOptionsTest, AHostEntryThatTakesNoPartSaysWhy) {
-  options.host = "Berlin";
-  EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.leftOut, "");
   entries[0].takesPart = false;
   entries[0].reason = "it is switched off";
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.leftOut, "it is switched off");
-}
-
-TEST_F(ProbeOptionsTest, AnIPv6AddressStandsInBrackets) {
-  options.host = "[2001:db8::7]:8443";
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.place, Place("2001:db8::7", 8443));
-}
-
-TEST_F(ProbeOptionsTest, CountAndTimeoutGoBeforeThePreferences) {
-  options.count = 1000;
-  options.timeoutSeconds = 3600;
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.count, 1000U);
-  EXPECT_EQ(plan.selectionCount, 3U);
-  EXPECT_EQ(plan.timeout, seconds(3600));
 }
 
 TEST_F(ProbeOptionsTest, AHostThatIsNoneIsRefusedAndShownWithoutControlCharacters) {

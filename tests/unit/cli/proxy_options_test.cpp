@@ -7,6 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <vector>
+
 #include "cli/login/ProxyOptions.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -43,21 +46,18 @@ TEST_F(ProxyOptionsTest, NothingGivenLeavesTheProxyToTheFiles) {
 }
 
 TEST_F(ProxyOptionsTest, AProxyIsAHostWithOrWithoutAPort) {
-  struct Case {
-    const char* text;
-    const char* host;
-    const char* port;
-  };
-  for (const Case& each :
-       {Case{"proxy.example.com:3128", "proxy.example.com", "3128"}, Case{"proxy", "proxy", ""},
-        Case{"192.0.2.7:8080", "192.0.2.7", "8080"},
-        Case{"[2001:db8::7]:3128", "[2001:db8::7]", "3128"}, Case{"[::1]", "[::1]", ""},
-        Case{"http://proxy:3128/", "proxy", "3128"}}) {
-    options.proxy = each.text;
-    EXPECT_EQ(make(), "") << each.text;
+  for (const auto& [text, host, port] : std::vector<std::array<const char*, 3>>{
+           {"proxy.example.com:3128", "proxy.example.com", "3128"},
+           {"proxy", "proxy", ""},
+           {"192.0.2.7:8080", "192.0.2.7", "8080"},
+           {"[2001:db8::7]:3128", "[2001:db8::7]", "3128"},
+           {"[::1]", "[::1]", ""},
+           {"http://proxy:3128/", "proxy", "3128"}}) {
+    options.proxy = text;
+    EXPECT_EQ(make(), "") << text;
     EXPECT_EQ(plan.preferences[ProxySettings], "override");
-    EXPECT_EQ(plan.preferences[ProxyHost], each.host);
-    EXPECT_EQ(plan.preferences[ProxyPort], each.port);
+    EXPECT_EQ(plan.preferences[ProxyHost], host);
+    EXPECT_EQ(plan.preferences[ProxyPort], port);
   }
 }
 
@@ -76,15 +76,11 @@ TEST_F(ProxyOptionsTest, CredentialsInTheProxyAreRefusedWithoutRepeatingThem) {
   EXPECT_THAT(make(), Not(HasSubstr(Password)));
 }
 
-TEST_F(ProxyOptionsTest, NoProxyIsAChoiceToo) {
+TEST_F(ProxyOptionsTest, NoProxyIsAChoiceTooAndAUserMayStandAlone) {
   options.noProxy = true;
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.preferences[ProxySettings], "none");
-}
-
-TEST_F(ProxyOptionsTest, AUserMayStandAlone) {
   options.user = "DOMAIN\\alice";
   EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.preferences[ProxySettings], "none");
   EXPECT_STREQ(plan.user.c_str(), "DOMAIN\\alice");
 }
 
@@ -113,7 +109,7 @@ TEST_F(ProxyOptionsTest, ADescriptorIsANumberThatIsNoOutput) {
   }
 }
 
-TEST_F(ProxyOptionsTest, ThePasswordIsReadFromWhereThePlanSaysAndNotDumped) {
+TEST_F(ProxyOptionsTest, ThePasswordIsReadFromWhereThePlanSaysAndNotDumpedOrIsAnError) {
   const tests::TemporaryDirectory directory;
   options.user = "alice";
   options.passwordFile = directory.Write("password", Password);
@@ -133,13 +129,11 @@ TEST_F(ProxyOptionsTest, ThePasswordIsReadFromWhereThePlanSaysAndNotDumped) {
   password.reset();
   EXPECT_EQ(readPassword(plan, password), "");
   EXPECT_STREQ(password->c_str(), Password);
-}
 
-TEST_F(ProxyOptionsTest, APasswordThatCannotBeReadIsAnError) {
-  options.user = "alice";
+  options.passwordDescriptor.reset();
   options.passwordFile = "/nonexistent/password";
   ASSERT_EQ(make(), "");
-  std::optional<Secret> password;
+  password.reset();
   EXPECT_THAT(readPassword(plan, password), HasSubstr("'/nonexistent/password' cannot be used"));
   EXPECT_FALSE(password);
 }

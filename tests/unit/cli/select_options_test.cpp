@@ -16,7 +16,10 @@ using testing::HasSubstr;
 
 class SelectOptionsTest : public testing::Test {
  protected:
-  std::string make() { return makePlan(options, paths, plan, problems); }
+  std::string make() {
+    plan = SelectPlan();
+    return makePlan(options, paths, plan, problems);
+  }
 
   tests::TemporaryDirectory directory;
   DefaultPaths paths =
@@ -39,28 +42,22 @@ TEST_F(SelectOptionsTest, NothingGivenIsAConnectionWithDefaultPlacesAndNoLog) {
 }
 
 TEST_F(SelectOptionsTest, TheUsersProfilesComeBeforeTheSystems) {
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.sources.profileDirectory, "/etc/ahs/profiles");
+  EXPECT_THAT(plan.profilePlaces, HasSubstr(paths.userProfiles));
+  EXPECT_THAT(plan.profilePlaces, HasSubstr("/etc/ahs/profiles"));
   std::filesystem::create_directories(paths.userProfiles);
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.sources.profileDirectory, paths.userProfiles);
 }
 
-TEST_F(SelectOptionsTest, WithoutProfilesOfTheUserTheSystemsAreRead) {
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.sources.profileDirectory, "/etc/ahs/profiles");
-  EXPECT_THAT(plan.profilePlaces, HasSubstr(paths.userProfiles));
-  EXPECT_THAT(plan.profilePlaces, HasSubstr("/etc/ahs/profiles"));
-}
-
-TEST_F(SelectOptionsTest, EveryReasonHasANameAndANumber) {
+TEST_F(SelectOptionsTest, EveryReasonHasANameAndANumberAndNothingElseHas) {
   for (unsigned int reason = 0; reason <= 5; ++reason) {
     EXPECT_EQ(parseReason(std::to_string(reason)), reason);
     EXPECT_EQ(parseReason(reasonName(reason)), reason);
   }
   EXPECT_EQ(reasonName(1), "reconnection");
   EXPECT_EQ(reasonName(6), "unknown");
-}
-
-TEST_F(SelectOptionsTest, WhatIsNoReasonHasNoNumber) {
   for (const char* wrong : {"6", "-1", "", "Reconnection", "01", "unknown"}) {
     EXPECT_EQ(parseReason(wrong), std::nullopt) << wrong;
   }
@@ -77,31 +74,19 @@ TEST_F(SelectOptionsTest, AHostThatIsNoAddressIsRefusedByName) {
     options.hosts = {"gw-a", wrong};
     EXPECT_THAT(make(), HasSubstr("the host '" + std::string(wrong) + "' cannot be used")) << wrong;
   }
-}
-
-TEST_F(SelectOptionsTest, ControlCharactersOfAHostDoNotReachTheTerminal) {
   options.hosts = {"gw\x1b[31m"};
   EXPECT_THAT(make(), HasSubstr("'gw\\x1b[31m'"));
 }
 
 TEST_F(SelectOptionsTest, TheLastHeadendMayBeSpeltOtherwiseThanTheHostThatIsMeant) {
   options.hosts = {"gw-a", "https://GW-B:8443"};
-  options.last = "gw-b:8443";
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.last, "https://GW-B:8443");
-}
-
-TEST_F(SelectOptionsTest, TheLastHeadendOfAProfileIsTakenAsItIs) {
-  options.last = "Berlin, main office";
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.last, "Berlin, main office");
-}
-
-TEST_F(SelectOptionsTest, AnEmptyLastHeadendNamesNoHost) {
-  options.hosts = {"gw-a"};
-  options.last = "";
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.last, "");
+  for (const auto& [last, taken] : {std::pair{"gw-b:8443", "https://GW-B:8443"},
+                                    {"Berlin, main office", "Berlin, main office"},
+                                    {"", ""}}) {
+    options.last = last;
+    EXPECT_EQ(make(), "");
+    EXPECT_EQ(plan.last, taken);
+  }
 }
 
 TEST_F(SelectOptionsTest, NamedPlacesHaveToExist) {
@@ -118,15 +103,13 @@ TEST_F(SelectOptionsTest, NamedPlacesHaveToExist) {
   EXPECT_THAT(make(), HasSubstr("--global-preferences"));
 }
 
-TEST_F(SelectOptionsTest, AMalformedPreferencesFileThatWasNamedIsRefusedWithFileAndLine) {
+TEST_F(SelectOptionsTest, AMalformedFileAndOneThatAnotherUserCouldHaveWrittenAreRefused) {
   options.preferences = directory.Write("preferences.xml", "<?xml version=\"1.0\"?>\n<oops\n");
   EXPECT_THAT(make(), HasSubstr("cannot be used"));
   ASSERT_FALSE(problems.empty());
   EXPECT_THAT(problems.front(), HasSubstr(*options.preferences + ":"));
-}
-
-TEST_F(SelectOptionsTest, AFileThatAnotherUserCouldHaveWrittenIsRefusedUnlessFilesAreTrusted) {
-  options.preferences = directory.Write("preferences.xml", "<preferences version=\"1\"/>");
+  directory.Write("preferences.xml", "<preferences version=\"1\"/>");
+  problems.clear();
   std::filesystem::permissions(*options.preferences, std::filesystem::perms::all);
   EXPECT_THAT(make(), HasSubstr("cannot be used"));
   ASSERT_FALSE(problems.empty());
@@ -137,46 +120,33 @@ TEST_F(SelectOptionsTest, AFileThatAnotherUserCouldHaveWrittenIsRefusedUnlessFil
   EXPECT_TRUE(plan.sources.trustFiles);
 }
 
-TEST_F(SelectOptionsTest, NoCacheMeansNoDirectory) {
+TEST_F(SelectOptionsTest, ACacheDirectoryIsTheNamedOneOrNone) {
+  options.cacheDirectory = directory.Path();
+  EXPECT_EQ(make(), "");
+  EXPECT_EQ(plan.sources.cacheDirectory, directory.Path());
+  options.cacheDirectory.reset();
   options.noCache = true;
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.sources.cacheDirectory, "");
 }
 
-TEST_F(SelectOptionsTest, ANamedCacheDirectoryIsTheCaches) {
-  options.cacheDirectory = directory.Path();
-  EXPECT_EQ(make(), "");
-  EXPECT_EQ(plan.sources.cacheDirectory, directory.Path());
-}
-
-TEST_F(SelectOptionsTest, ALevelAloneLogsToStandardError) {
+TEST_F(SelectOptionsTest, TheLogGoesToTheFileThatIsNamedOrToStandardErrorOrNowhere) {
   options.logLevel = "warning";
   EXPECT_EQ(make(), "");
   EXPECT_TRUE(plan.log.terminal);
   EXPECT_FALSE(plan.log.off);
   EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Warning);
-}
-
-TEST_F(SelectOptionsTest, ALevelAppliesToTheFileThatIsNamed) {
-  options.logLevel = "error";
   options.logFile = directory.File("log");
   EXPECT_EQ(make(), "");
   EXPECT_FALSE(plan.log.terminal);
   EXPECT_EQ(plan.log.file, directory.File("log"));
-  EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Error);
-}
-
-TEST_F(SelectOptionsTest, AFileAloneHoldsEverything) {
-  options.logFile = directory.File("log");
+  EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Warning);
+  options.logLevel.reset();
   EXPECT_EQ(make(), "");
   EXPECT_FALSE(plan.log.off);
   EXPECT_FALSE(plan.log.terminal);
   EXPECT_EQ(plan.log.leastImportant, Logging::DBG_Info);
-}
-
-TEST_F(SelectOptionsTest, LevelOffOpensNothing) {
   options.logLevel = "off";
-  options.logFile = directory.File("log");
   options.syslog = true;
   EXPECT_EQ(make(), "");
   EXPECT_TRUE(plan.log.off);
@@ -184,15 +154,12 @@ TEST_F(SelectOptionsTest, LevelOffOpensNothing) {
   EXPECT_FALSE(plan.log.syslog);
 }
 
-TEST_F(SelectOptionsTest, AProxyGoesBeforeThePreferences) {
+TEST_F(SelectOptionsTest, AProxyGoesBeforeThePreferencesAndAWrongOneIsRefused) {
   options.proxy.proxy = "proxy:3128";
   EXPECT_EQ(make(), "");
   EXPECT_EQ(plan.sources.preferences.at(ProxySettings), "override");
   EXPECT_EQ(plan.sources.preferences.at(ProxyHost), "proxy");
   EXPECT_EQ(plan.sources.preferences.at(ProxyPort), "3128");
-}
-
-TEST_F(SelectOptionsTest, AWrongProxyIsRefused) {
   options.proxy.proxy = "proxy:x";
   EXPECT_THAT(make(), HasSubstr("the proxy 'proxy:x' cannot be used"));
 }

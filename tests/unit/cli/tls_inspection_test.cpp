@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "cli/probe/AddressCheck.h"
 #include "cli/probe/TlsInspection.h"
@@ -52,6 +53,7 @@ class TlsInspectionTest : public testing::Test {
 
 TEST_F(TlsInspectionTest, ATrustedCertificateIsSummedUp) {
   const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue())));
+  EXPECT_THAT(inspect(server.port(), "127.0.0.1").certificate->doubts, IsEmpty());
   const TlsInspection tls = inspect(server.port());
   EXPECT_EQ(tls.problem, "");
   EXPECT_TRUE(tls.speaksTls);
@@ -65,16 +67,6 @@ TEST_F(TlsInspectionTest, ATrustedCertificateIsSummedUp) {
   EXPECT_EQ(tls.certificate->daysLeft, 0);
   EXPECT_FALSE(tls.certificate->isExpired);
   EXPECT_THAT(tls.certificate->doubts, IsEmpty());
-}
-
-TEST_F(TlsInspectionTest, AnAddressIsLookedForAmongTheAddresses) {
-  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue())));
-  EXPECT_THAT(inspect(server.port(), "127.0.0.1").certificate->doubts, IsEmpty());
-  TestAuthority::Subject subject;
-  subject.alternativeNames = "DNS:localhost";
-  const ScriptedServer other(shakingHands(TlsServerContext(m_authority.issue(subject))));
-  EXPECT_THAT(inspect(other.port(), "127.0.0.1").certificate->doubts,
-              ElementsAre(HasSubstr("IP address mismatch")));
 }
 
 TEST_F(TlsInspectionTest, EveryDoubtIsTold) {
@@ -94,26 +86,21 @@ TEST_F(TlsInspectionTest, EveryDoubtIsTold) {
   EXPECT_THAT(tls.certificate->doubts, Contains(HasSubstr("issuer")));
 }
 
-TEST_F(TlsInspectionTest, OfManyNamesTheFirstAreTold) {
+TEST_F(TlsInspectionTest, AnAddressIsNoNameAndOfManyNamesTheFirstAreTold) {
   TestAuthority::Subject subject;
   subject.alternativeNames = "DNS:localhost";
   for (int i = 0; i < 100; ++i) {
     subject.alternativeNames += ",DNS:gw" + std::to_string(i) + ".example";
   }
-  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(subject))));
-  const TlsInspection tls = inspect(server.port());
-  ASSERT_TRUE(tls.certificate);
-  EXPECT_EQ(tls.certificate->names.size(), 20U);
-  EXPECT_EQ(tls.certificate->moreNames, 81U);
-}
-
-TEST_F(TlsInspectionTest, AClientCertificateThatIsDemandedIsTold) {
   TlsServerContext::Settings settings;
   settings.demandClientCertificate = true;
-  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(), settings)));
-  const TlsInspection tls = inspect(server.port());
+  const ScriptedServer server(shakingHands(TlsServerContext(m_authority.issue(subject), settings)));
+  const TlsInspection tls = inspect(server.port(), "127.0.0.1");
   EXPECT_TRUE(tls.asksForClientCertificate);
-  EXPECT_TRUE(tls.certificate);
+  ASSERT_TRUE(tls.certificate);
+  EXPECT_THAT(tls.certificate->doubts, ElementsAre(HasSubstr("IP address mismatch")));
+  EXPECT_EQ(tls.certificate->names.size(), 20U);
+  EXPECT_EQ(tls.certificate->moreNames, 81U);
 }
 
 TEST_F(TlsInspectionTest, NoRequestIsSent) {
@@ -128,41 +115,33 @@ TEST_F(TlsInspectionTest, NoRequestIsSent) {
   EXPECT_THAT(requests.all(), testing::Each(""));
 }
 
-TEST_F(TlsInspectionTest, AServerOfPlainHttpSpeaksNoTls) {
-  const ScriptedServer server([](Connection& connection) {
-    connection.readSome();
-    connection.send("HTTP/1.1 400 Bad Request\r\n\r\n");
-    connection.waitForPeer();
-  });
-  const TlsInspection tls = inspect(server.port());
-  EXPECT_FALSE(tls.speaksTls);
-  EXPECT_THAT(tls.problem, StartsWith("speaks no TLS: it answers"));
-  EXPECT_FALSE(tls.certificate);
-}
-
-TEST_F(TlsInspectionTest, AServerThatHangsUpSpeaksNoTls) {
-  const ScriptedServer server([](Connection& connection) {
-    connection.readSome();
-    connection.drain();
-  });
-  EXPECT_THAT(inspect(server.port()).problem, StartsWith("speaks no TLS: it hangs up"));
+TEST_F(TlsInspectionTest, WhatAServerSaysInPlaceOfAHandshakeIsTold) {
+  const std::string alert("\x15\x03\x03\x00\x02\x02\x28", 7);
+  for (const auto& [answer, speaksTls, problem] :
+       {std::tuple<std::string, bool, const char*>{"HTTP/1.1 400 Bad Request\r\n\r\n", false,
+                                                   "speaks no TLS: it answers"},
+        {"", false, "speaks no TLS: it hangs up"},
+        {alert, true, "fails the TLS handshake: "}}) {
+    const ScriptedServer server([&said = answer](Connection& connection) {
+      connection.readSome();
+      if (said.empty()) {
+        connection.drain();
+      } else {
+        connection.send(said);
+        connection.waitForPeer();
+      }
+    });
+    const TlsInspection tls = inspect(server.port());
+    EXPECT_EQ(tls.speaksTls, speaksTls);
+    EXPECT_THAT(tls.problem, StartsWith(problem));
+    EXPECT_FALSE(tls.certificate);
+  }
 }
 
 TEST_F(TlsInspectionTest, SilenceHoldsItUpNoLongerThanTheLimit) {
   tests::SilentListener silent("127.0.0.1");
   EXPECT_THAT(inspect(silent.Where().port, "localhost", std::chrono::seconds(1)).problem,
               StartsWith("speaks no TLS: it says nothing"));
-}
-
-TEST_F(TlsInspectionTest, AnAlertIsTlsAndNoHandshake) {
-  const ScriptedServer server([](Connection& connection) {
-    connection.readSome();
-    connection.send(std::string("\x15\x03\x03\x00\x02\x02\x28", 7));
-    connection.waitForPeer();
-  });
-  const TlsInspection tls = inspect(server.port());
-  EXPECT_TRUE(tls.speaksTls);
-  EXPECT_THAT(tls.problem, StartsWith("fails the TLS handshake: "));
 }
 
 TEST_F(TlsInspectionTest, AHandshakeWithoutEndIsGivenUp) {
@@ -212,15 +191,11 @@ TEST(AddressCheck, AnyIpv6AddressTakesAZone) {
 
 TEST(AddressCheck, AnAddressThatEachNetworkHasNeedsAZone) {
   for (const char* address : {"fe80::7", "fe80::7%nowhere"}) {
+    EXPECT_TRUE(isAddressLiteral(address));
     const AddressCheck check = checkAddresses(address, 443, Impatience);
     ASSERT_EQ(check.addresses.size(), 1U);
     EXPECT_EQ(check.addresses[0].outcome, "needs a zone");
   }
-}
-
-TEST(AddressCheck, AnAddressIsNoName) {
-  EXPECT_TRUE(isAddressLiteral("192.0.2.7"));
-  EXPECT_TRUE(isAddressLiteral("fe80::7%eth0"));
   EXPECT_FALSE(isAddressLiteral("gw.example.com"));
 }
 

@@ -11,7 +11,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 TEST(WorkerView, TheMetricIsTheSmallestSampleThatIsNotZero) {
   const WorkerView view = workerViewOf(somePlan(3), {answered(25), answered(0), answered(18)});
@@ -21,71 +20,92 @@ TEST(WorkerView, TheMetricIsTheSmallestSampleThatIsNotZero) {
   EXPECT_THAT(view.why, HasSubstr("smallest sample"));
 }
 
-TEST(WorkerView, OnlyAsManyProbesCountAsASelectionSends) {
-  const WorkerView view =
-      workerViewOf(somePlan(5), {answered(25), answered(24), answered(23), answered(1)});
-  EXPECT_EQ(view.probes, 3U);
-  EXPECT_EQ(view.metricMs, 23U);
-}
-
-TEST(WorkerView, NothingButZeroIsTheBestMetricThereIs) {
-  const WorkerView view = workerViewOf(somePlan(3), {answered(0), answered(0), answered(0)});
-  EXPECT_EQ(view.metricMs, 0U);
-  EXPECT_THAT(view.why, HasSubstr("The metric is 0"));
-}
-
-TEST(WorkerView, ZeroAmongLostProbesIsNoUsableSample) {
-  const WorkerView view =
-      workerViewOf(somePlan(3), {answered(0), failed(HTTP_SESSION_ERROR_TIMEOUT), answered(0)});
-  EXPECT_EQ(view.metricMs, 9999U);
-  EXPECT_THAT(view.why, HasSubstr("worst"));
-}
-
-TEST(WorkerView, OneFailureToConnectCostsASampleOnly) {
-  const WorkerView view = workerViewOf(
-      somePlan(3), {failed(HTTP_SESSION_ERROR_CANNOT_CONNECT), answered(25), answered(24)});
-  EXPECT_EQ(view.metricMs, 24U);
-  EXPECT_STREQ(outcomeName(view.outcome), "answered");
-}
-
-TEST(WorkerView, TheSecondFailureToConnectEndsTheHeadendWhateverWasMeasured) {
-  const WorkerView view =
-      workerViewOf(somePlan(3), {failed(HTTP_SESSION_ERROR_TIMEOUT), answered(25),
-                                 failed(HTTP_SESSION_ERROR_CANNOT_CONNECT)});
-  EXPECT_EQ(view.metricMs, std::nullopt);
-  EXPECT_STREQ(outcomeName(view.outcome), "cannot connect");
-  EXPECT_THAT(view.why, HasSubstr("probe 3, whatever it has measured before"));
-}
-
-TEST(WorkerView, AfterTheEndOfTheHeadendNoProbeCounts) {
-  const WorkerView view = workerViewOf(
-      somePlan(3),
-      {failed(HTTP_SESSION_ERROR_TIMEOUT), failed(HTTP_SESSION_ERROR_TIMEOUT), answered(25)});
-  EXPECT_EQ(view.probes, 2U);
-  EXPECT_THAT(view.samplesMs, IsEmpty());
-  EXPECT_STREQ(outcomeName(view.outcome), "timed out");
-}
-
-TEST(WorkerView, ANameThatIsNotResolvedEndsTheHeadend) {
-  const WorkerView view = workerViewOf(somePlan(3), {failed(HTTP_SESSION_ERROR_DNS_RESOLUTION)});
-  EXPECT_EQ(view.metricMs, std::nullopt);
-  EXPECT_STREQ(outcomeName(view.outcome), "name not resolved");
-  EXPECT_THAT(view.why, HasSubstr("not resolved"));
-}
-
-TEST(WorkerView, ARefusalByTheServerIsASample) {
-  EndedProbe refused = answered(18);
-  refused.report.status = HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE;
-  const WorkerView view = workerViewOf(somePlan(1), {refused});
-  EXPECT_EQ(view.metricMs, 18U);
-  EXPECT_STREQ(outcomeName(view.outcome), "untrusted certificate");
-}
-
-TEST(WorkerView, ASingleProbeWithoutAConnectionGivesNoResult) {
-  const WorkerView view = workerViewOf(somePlan(1), {failed(HTTP_SESSION_ERROR_CANNOT_CONNECT)});
-  EXPECT_EQ(view.metricMs, std::nullopt);
-  EXPECT_STREQ(outcomeName(view.outcome), "cannot connect");
-  EXPECT_EQ(view.why, "No result: there is no sample.");
+TEST(WorkerView, IsThatOfAWorkerOfASelection) {
+  const EndedProbe timedOut = failed(HTTP_SESSION_ERROR_TIMEOUT);
+  const EndedProbe refused = failed(HTTP_SESSION_ERROR_CANNOT_CONNECT);
+  EndedProbe untrusted = answered(18);
+  untrusted.report.status = HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE;
+  struct Case {
+    const char* what;
+    unsigned int count;
+    std::vector<EndedProbe> ended;
+    unsigned int probes;
+    std::optional<unsigned int> metricMs;
+    const char* outcome;
+    const char* why;
+  };
+  for (const Case& each : {
+           Case{"only as many probes count as a selection sends",
+                5,
+                {answered(25), answered(24), answered(23), answered(1)},
+                3,
+                23,
+                "answered",
+                ""},
+           Case{"nothing but zero is the best metric",
+                3,
+                {answered(0), answered(0), answered(0)},
+                3,
+                0,
+                "answered",
+                "The metric is 0"},
+           Case{"zero among lost probes is no usable sample",
+                3,
+                {answered(0), timedOut, answered(0)},
+                3,
+                9999,
+                "answered",
+                "worst"},
+           Case{"one failure to connect costs a sample only",
+                3,
+                {refused, answered(25), answered(24)},
+                3,
+                24,
+                "answered",
+                ""},
+           Case{"the second failure to connect ends the headend whatever was measured",
+                3,
+                {timedOut, answered(25), refused},
+                3,
+                std::nullopt,
+                "cannot connect",
+                "probe 3, whatever it has measured before"},
+           Case{"after the end of the headend no probe counts",
+                3,
+                {timedOut, timedOut, answered(25)},
+                2,
+                std::nullopt,
+                "timed out",
+                ""},
+           Case{"a name that is not resolved ends the headend",
+                3,
+                {failed(HTTP_SESSION_ERROR_DNS_RESOLUTION)},
+                1,
+                std::nullopt,
+                "name not resolved",
+                "not resolved"},
+           Case{"a refusal by the server is a sample",
+                1,
+                {untrusted},
+                1,
+                18,
+                "untrusted certificate",
+                ""},
+           Case{"a single probe without a connection gives no result",
+                1,
+                {refused},
+                1,
+                std::nullopt,
+                "cannot connect",
+                "No result: there is no sample."},
+       }) {
+    SCOPED_TRACE(each.what);
+    const WorkerView view = workerViewOf(somePlan(each.count), each.ended);
+    EXPECT_EQ(view.probes, each.probes);
+    EXPECT_EQ(view.metricMs, each.metricMs);
+    EXPECT_STREQ(outcomeName(view.outcome), each.outcome);
+    EXPECT_THAT(view.why, HasSubstr(each.why));
+  }
 }
 
 TEST(WorkerView, AProbeThatEndsAfterTheTimeLimitOfASelectionComesTooLate) {
@@ -95,13 +115,9 @@ TEST(WorkerView, AProbeThatEndsAfterTheTimeLimitOfASelectionComesTooLate) {
   EXPECT_EQ(view.metricMs, std::nullopt);
   EXPECT_STREQ(outcomeName(view.outcome), "not finished in time");
   EXPECT_THAT(view.why, HasSubstr("10000 ms (SelectionConnectTimeout)"));
-}
-
-TEST(WorkerView, TheTimeLimitDoesNotConcernProbesThatASelectionDoesNotSend) {
-  EndedProbe late = answered(25);
-  late.endedAfter = milliseconds(10001);
   EXPECT_EQ(workerViewOf(somePlan(4), {answered(24), answered(23), answered(22), late}).metricMs,
-            22U);
+            22U)
+      << "a selection does not send it";
 }
 
 /// A probe that was waited for longer than a selection waits.
@@ -164,9 +180,6 @@ TEST(Spread, TheMedianOfAnEvenNumberLiesBetweenTheTwoInTheMiddle) {
   EXPECT_EQ(spread->medianUs, 25);
   EXPECT_EQ(spread->mostUs, 40);
   EXPECT_EQ(spreadOf({3, 1, 2})->medianUs, 2);
-}
-
-TEST(Spread, OfNothingThereIsNone) {
   EXPECT_FALSE(spreadOf({}));
   EXPECT_FALSE(spreadOf({-1, -1}));
 }

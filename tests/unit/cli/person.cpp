@@ -5,18 +5,13 @@
 
 #include <poll.h>
 #include <pty.h>
+#include <termios.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <utility>
 
-namespace {
-
-constexpr int LookAgainMs = 5;
-constexpr auto LongestWait = std::chrono::seconds(10);
-
-}  // namespace
+#include "tests/support/Eventually.h"
 
 Person::Person(Lines lines) : m_lines(std::move(lines)) {
   if (openpty(&m_desk, &m_terminal, nullptr, nullptr, nullptr) != 0) {
@@ -45,14 +40,7 @@ void Person::type(const std::string& text) const {
 }
 
 bool Person::waitFor(const std::string& text) const {
-  const auto deadline = std::chrono::steady_clock::now() + LongestWait;
-  while (shown().find(text) == std::string::npos) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(LookAgainMs));
-  }
-  return true;
+  return tests::eventually([&] { return shown().find(text) != std::string::npos; });
 }
 
 std::string Person::shown() const {
@@ -66,6 +54,7 @@ bool Person::seesWhatIsTyped() const {
 }
 
 void Person::live() {
+  constexpr int LookAgainMs = 5;
   std::size_t next = 0;
   std::size_t readSoFar = 0;
   while (!m_leaves) {

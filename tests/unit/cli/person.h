@@ -1,7 +1,5 @@
 #pragma once
 
-#include <termios.h>
-
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -16,7 +14,6 @@ class Person {
     std::string awaited;  ///< shown since the last answer
     std::string typed;
   };
-
   using Lines = std::vector<Line>;
 
   explicit Person(Lines lines);
@@ -30,7 +27,7 @@ class Person {
   /// Types at once.
   void type(const std::string& text) const;
 
-  /// Waits until `text` has been shown, for at most ten seconds.
+  /// Waits until `text` has been shown.
   bool waitFor(const std::string& text) const;
 
   /// All that has been shown so far.
@@ -38,7 +35,7 @@ class Person {
 
   bool seesWhatIsTyped() const;
 
-  /// Pulls the plug; `shown` is what had been shown by then.
+  /// Pulls the plug.
   void hangUp();
 
  private:

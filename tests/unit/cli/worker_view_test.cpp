@@ -20,92 +20,42 @@ TEST(WorkerView, TheMetricIsTheSmallestSampleThatIsNotZero) {
   EXPECT_THAT(view.why, HasSubstr("smallest sample"));
 }
 
+void expectView(const std::string& what, unsigned int count, const std::vector<EndedProbe>& ended,
+                unsigned int probes, std::optional<unsigned int> metricMs, const char* outcome,
+                const char* why) {
+  SCOPED_TRACE(what);
+  const WorkerView view = workerViewOf(somePlan(count), ended);
+  EXPECT_EQ(view.probes, probes);
+  EXPECT_EQ(view.metricMs, metricMs);
+  EXPECT_STREQ(outcomeName(view.outcome), outcome);
+  EXPECT_THAT(view.why, HasSubstr(why));
+}
+
 TEST(WorkerView, IsThatOfAWorkerOfASelection) {
   const EndedProbe timedOut = failed(HTTP_SESSION_ERROR_TIMEOUT);
   const EndedProbe refused = failed(HTTP_SESSION_ERROR_CANNOT_CONNECT);
+  const EndedProbe unknown = failed(HTTP_SESSION_ERROR_DNS_RESOLUTION);
   EndedProbe untrusted = answered(18);
   untrusted.report.status = HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE;
-  struct Case {
-    const char* what;
-    unsigned int count;
-    std::vector<EndedProbe> ended;
-    unsigned int probes;
-    std::optional<unsigned int> metricMs;
-    const char* outcome;
-    const char* why;
-  };
-  for (const Case& each : {
-           Case{"only as many probes count as a selection sends",
-                5,
-                {answered(25), answered(24), answered(23), answered(1)},
-                3,
-                23,
-                "answered",
-                ""},
-           Case{"nothing but zero is the best metric",
-                3,
-                {answered(0), answered(0), answered(0)},
-                3,
-                0,
-                "answered",
-                "The metric is 0"},
-           Case{"zero among lost probes is no usable sample",
-                3,
-                {answered(0), timedOut, answered(0)},
-                3,
-                9999,
-                "answered",
-                "worst"},
-           Case{"one failure to connect costs a sample only",
-                3,
-                {refused, answered(25), answered(24)},
-                3,
-                24,
-                "answered",
-                ""},
-           Case{"the second failure to connect ends the headend whatever was measured",
-                3,
-                {timedOut, answered(25), refused},
-                3,
-                std::nullopt,
-                "cannot connect",
-                "probe 3, whatever it has measured before"},
-           Case{"after the end of the headend no probe counts",
-                3,
-                {timedOut, timedOut, answered(25)},
-                2,
-                std::nullopt,
-                "timed out",
-                ""},
-           Case{"a name that is not resolved ends the headend",
-                3,
-                {failed(HTTP_SESSION_ERROR_DNS_RESOLUTION)},
-                1,
-                std::nullopt,
-                "name not resolved",
-                "not resolved"},
-           Case{"a refusal by the server is a sample",
-                1,
-                {untrusted},
-                1,
-                18,
-                "untrusted certificate",
-                ""},
-           Case{"a single probe without a connection gives no result",
-                1,
-                {refused},
-                1,
-                std::nullopt,
-                "cannot connect",
-                "No result: there is no sample."},
-       }) {
-    SCOPED_TRACE(each.what);
-    const WorkerView view = workerViewOf(somePlan(each.count), each.ended);
-    EXPECT_EQ(view.probes, each.probes);
-    EXPECT_EQ(view.metricMs, each.metricMs);
-    EXPECT_STREQ(outcomeName(view.outcome), each.outcome);
-    EXPECT_THAT(view.why, HasSubstr(each.why));
-  }
+  expectView("only as many probes count as a selection sends", 5,
+             {answered(25), answered(24), answered(23), answered(1)}, 3, 23, "answered", "");
+  expectView("nothing but zero is the best metric", 3, {answered(0), answered(0), answered(0)}, 3,
+             0, "answered", "The metric is 0");
+  expectView("zero among lost probes is no usable sample", 3, {answered(0), timedOut, answered(0)},
+             3, 9999, "answered", "worst");
+  expectView("one failure to connect costs a sample only", 3, {refused, answered(25), answered(24)},
+             3, 24, "answered", "");
+  expectView("the second ends the headend whatever was measured", 3,
+             {timedOut, answered(25), refused}, 3, {}, "cannot connect",
+             "probe 3, whatever it has measured before");
+  expectView("after the end no probe counts", 3, {timedOut, timedOut, answered(25)}, 2, {},
+             "timed out", "");
+  expectView("an unknown name ends the headend", 3, {unknown}, 1, {}, "name not resolved",
+             "not resolved");
+  expectView("a refusal by the server is a sample", 1, {untrusted}, 1, 18, "untrusted certificate",
+             "");
+  expectView("a single probe without a connection gives no result", 1, {refused}, 1, {},
+             "cannot connect", "No result: there is no sample.");
 }
 
 TEST(WorkerView, AProbeThatEndsAfterTheTimeLimitOfASelectionComesTooLate) {

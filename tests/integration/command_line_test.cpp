@@ -6,10 +6,7 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <map>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,56 +39,14 @@ class CommandLineTest : public CommandTest {
     arguments.insert(arguments.end(), line.begin(), line.end());
     return run(arguments).out;
   }
-
-  /// The names below a title of a help text.
-  Words namesBelow(const Words& command, const std::string& title) const {
-    Words arguments = command;
-    arguments.emplace_back("--help");
-    std::istringstream help(run(arguments).out);
-    Words names;
-    bool isBelow = false;
-    for (std::string line; std::getline(help, line);) {
-      isBelow = line == title + ":" || (isBelow && !line.empty());
-      if (isBelow && line.size() > 2 && line.starts_with("  ") && line[2] != ' ') {
-        names.push_back(line.substr(2, line.find_first_of(" ,", 2) - 2));
-      }
-    }
-    return names;
-  }
-
-  /// Every command that can be run and knows --json, as a person types it.
-  void findJsonCommands(const Words& command, std::set<std::string>& found) const {
-    const Words below = namesBelow(command, "Subcommands");
-    for (const std::string& name : below) {
-      Words longer = command;
-      longer.push_back(name);
-      findJsonCommands(longer, found);
-    }
-    const Words options = namesBelow(command, "Options");
-    if (std::find(options.begin(), options.end(), "--json") != options.end()) {
-      std::string name;
-      for (const std::string& word : command) {
-        name += (name.empty() ? "" : " ") + word;
-      }
-      found.insert(name);
-    }
-  }
 };
-
-void expectSchemaFirst(const std::string& text, const std::string& command) {
-  const json object = json::parse(text, nullptr, false);
-  ASSERT_TRUE(object.is_object() && !object.empty()) << command << ": " << text;
-  EXPECT_EQ(object.begin().key(), "schema") << command;
-  EXPECT_EQ(object.begin().value(), 1) << command;
-}
 
 // ---- Misspellings -----------------------------------------------------------------------------
 
-/// A command line that is refused, and what the refusal says and does not say.
+/// A command line that is refused, and a part of what it is refused with.
 struct Wrong {
   Words words;
   std::string says;
-  std::string saysNot;
 };
 
 TEST_F(CommandLineTest, AMisspellingIsAnsweredWithWhatWasMeant) {
@@ -101,40 +56,53 @@ TEST_F(CommandLineTest, AMisspellingIsAnsweredWithWhatWasMeant) {
   EXPECT_EQ(refusalOf({"select", "--profile", "X"}),
             "ahs: there is no option '--profile' of 'ahs select'; did you mean '--profiles'? 'ahs "
             "select --help' shows all options.\n");
-  for (const Wrong& wrong :
-       std::vector<Wrong>{{{"slect", "--json"}, "did you mean 'select'?", ""},
-                          {{"version"}, "did you mean '--version'?", ""},
-                          {{"help", "profile", "chck"}, "did you mean 'check'?", ""},
-                          {{"exce", "--tries", "3", "--", "vpn", "-x"}, "did you mean 'exec'?", ""},
-                          {{"xyzzy"}, "there are select, ", "did you mean"},
-                          {{"cache", "show", "--jsno"}, "did you mean '--json'?", ""},
-                          {{"exec", "--json", "--", "true"}, "", "ahs --json"},
-                          {{"profile", "list", "-q"}, "", "did you mean"},
-                          {{"--profiles", "x", "select"},
-                           "options stand behind the command that they are for",
-                           ""},
-                          {{"--json", "select"}, "'ahs select --json'", ""}}) {
-    const std::string refusal = refusalOf(wrong.words);
-    EXPECT_THAT(refusal, HasSubstr(wrong.says));
-    EXPECT_TRUE(wrong.saysNot.empty() || refusal.find(wrong.saysNot) == std::string::npos)
-        << refusal;
+  EXPECT_THAT(refusalOf({"xyzzy"}), Not(HasSubstr("did you mean")));
+  EXPECT_THAT(refusalOf({"profile", "list", "-q"}), Not(HasSubstr("did you mean")));
+  EXPECT_THAT(refusalOf({"exec", "--json", "--", "true"}), Not(HasSubstr("ahs --json")));
+  EXPECT_THAT(refusalOf({"select", "--proxy-passwort=geheim"}), Not(HasSubstr("geheim")));
+  for (const auto& [words, says] : std::vector<Wrong>{
+           {{"slect", "--json"}, "did you mean 'select'?"},
+           {{"version"}, "did you mean '--version'?"},
+           {{"help", "profile", "chck"}, "did you mean 'check'?"},
+           {{"exce", "--tries", "3", "--", "vpn", "-x"}, "did you mean 'exec'?"},
+           {{"xyzzy"}, "there are select, "},
+           {{"cache", "show", "--jsno"}, "did you mean '--json'?"},
+           {{"--profiles", "x", "select"}, "options stand behind the command that they are for"},
+           {{"--json", "select"}, "'ahs select --json'"}}) {
+    EXPECT_THAT(refusalOf(words), HasSubstr(says));
   }
 }
 
-TEST_F(CommandLineTest, WhatContradictsItselfIsNamed) {
-  for (const Words& both : {Words{"--json", "--quiet"},
-                            {"--json", "--explain"},
-                            {"--quiet", "--explain"},
-                            {"--no-cache", "--cache-dir", "/tmp"},
-                            {"--no-proxy", "--proxy", "p"},
-                            {"--no-proxy", "--proxy-user", "u"}}) {
-    Words arguments = {"select", "gw"};
-    arguments.insert(arguments.end(), both.begin(), both.end());
-    EXPECT_THAT(refusalOf(arguments), HasSubstr(" excludes ")) << both.back();
+TEST_F(CommandLineTest, WhatIsMissingTooMuchContradictoryOrNotAllowedIsNamed) {
+  for (const auto& [words, says] : std::vector<Wrong>{
+           {{"select", "--last"}, "--last: 1 required NAME missing."},
+           {{"cache"}, "needs one of show, clear, path"},
+           {{"exec", "gw"}, "it stands after --, as in 'ahs exec -- "},
+           {{"exec", "gw", "--"}, "it stands after --, as in 'ahs exec -- "},
+           {{"completion"}, "SHELL is required."},
+           {{"completion", "csh"}, "csh not in {bash,zsh,fish}"},
+           {{"exec", "--tries", "0", "--", "x"}, "not in range 1 to 100000"},
+           {{"exec", "--tries", "many", "--", "x"}, "not in range 1 to 100000"},
+           {{"probe"}, ""},
+           {{"probe", "127.0.0.1", "127.0.0.2"}, ""},
+           {{"probe", "127.0.0.1", "-c", "99999999999999999999"}, ""},
+           {{"probe", "127.0.0.1", "-c", "1.5"}, ""},
+           {{"probe", "127.0.0.1", "--timeout", "3601"}, ""},
+           {{"probe", "127.0.0.1", "--profiles", "/missing"}, "/missing"},
+           {{"select", "--json=maybe"}, "--json takes no value"},
+           {{"cache", "path", "x"}, "'x' is one argument too many"},
+           {{"select", "--last", "a", "--last", "b"}, "At Most 1 required but received 2"},
+           {{"select", "gw", "--json", "--quiet"}, " excludes "},
+           {{"select", "gw", "--json", "--explain"}, " excludes "},
+           {{"select", "gw", "--quiet", "--explain"}, " excludes "},
+           {{"select", "gw", "--no-cache", "--cache-dir", "/tmp"}, " excludes "},
+           {{"select", "gw", "--no-proxy", "--proxy", "p"}, " excludes "},
+           {{"select", "gw", "--no-proxy", "--proxy-user", "u"}, " excludes "},
+           {{"select", "--proxy-user", "u", "--proxy-password-file", "f", "--proxy-password-fd",
+             "3"},
+            " excludes "}}) {
+    EXPECT_THAT(refusalOf(words), HasSubstr(says));
   }
-  EXPECT_THAT(refusalOf({"select", "--proxy-user", "u", "--proxy-password-file", "f",
-                         "--proxy-password-fd", "3"}),
-              HasSubstr(" excludes "));
 }
 
 TEST_F(CommandLineTest, APasswordNeedsAUserAndIsNoArgument) {
@@ -144,29 +112,6 @@ TEST_F(CommandLineTest, APasswordNeedsAUserAndIsNoArgument) {
   EXPECT_THAT(refusal, HasSubstr("every user of the machine can read"));
   EXPECT_THAT(refusal, HasSubstr("--proxy-password-fd N. On a terminal it is asked for."));
   EXPECT_THAT(refusal, Not(HasSubstr("geheim")));
-}
-
-TEST_F(CommandLineTest, WhatIsMissingTooMuchOrNotAllowedIsNamed) {
-  for (const Wrong& wrong :
-       std::vector<Wrong>{{{"select", "--last"}, "--last: 1 required NAME missing.", ""},
-                          {{"cache"}, "needs one of show, clear, path", ""},
-                          {{"exec", "gw"}, "it stands after --, as in 'ahs exec -- ", ""},
-                          {{"exec", "gw", "--"}, "it stands after --, as in 'ahs exec -- ", ""},
-                          {{"completion"}, "SHELL is required.", ""},
-                          {{"completion", "csh"}, "csh not in {bash,zsh,fish}", ""},
-                          {{"exec", "--tries", "0", "--", "x"}, "not in range 1 to 100000", ""},
-                          {{"exec", "--tries", "many", "--", "x"}, "not in range 1 to 100000", ""},
-                          {{"select", "--json=maybe"}, "--json takes no value", ""},
-                          {{"cache", "path", "x"}, "'x' is one argument too many", ""},
-                          {{"select", "--last", "a", "--last", "b"},
-                           "--last: At Most 1 required but received 2",
-                           ""}}) {
-    EXPECT_THAT(refusalOf(wrong.words), HasSubstr(wrong.says));
-  }
-}
-
-TEST_F(CommandLineTest, TheValueOfAMisspeltOptionIsNotRepeated) {
-  EXPECT_THAT(refusalOf({"select", "--proxy-passwort=geheim"}), Not(HasSubstr("geheim")));
 }
 
 TEST_F(CommandLineTest, WhatWasTypedMovesNoCursorAndHasAnEnd) {
@@ -180,8 +125,9 @@ TEST_F(CommandLineTest, TheBareNameIsAnsweredWithTheCommandsAndTheNextStep) {
   EXPECT_EQ(outcome.exitStatus, 2);
   EXPECT_EQ(outcome.out, "");
   EXPECT_THAT(outcome.err, StartsWith("ahs: a command is missing; 'ahs select HOST...' measures"));
-  for (const std::string& command : namesBelow({}, "Subcommands")) {
-    EXPECT_THAT(outcome.err, HasSubstr("\n  " + command + " "));
+  for (const char* command :
+       {"select", "probe", "exec", "watch", "profile", "preferences", "cache"}) {
+    EXPECT_THAT(outcome.err, HasSubstr("\n  " + std::string(command) + " "));
   }
 }
 
@@ -210,33 +156,29 @@ TEST_F(CommandLineTest, TheVersionTellsWhatTheProgramWasBuiltFrom) {
 TEST_F(CommandLineTest, EveryJsonObjectBeginsWithItsSchema) {
   const Gateway gateway(Near);
   writeProfile("true", host("Berlin", gateway.address()));
-  const std::map<std::string, Words> commands = {
-      {"", {"--version"}},
-      {"select", {"select", gateway.address()}},
-      {"probe", {"probe", gateway.address()}},
-      {"watch", {"watch", gateway.address()}},
-      {"profile check", {"profile", "check"}},
-      {"profile list", {"profile", "list"}},
-      {"preferences show", {"preferences", "show"}},
-      {"cache show", {"cache", "show"}},
-      {"cache path", {"cache", "path"}},
-      {"cache clear", {"cache", "clear"}},
-  };
-  std::set<std::string> known;
-  findJsonCommands({}, known);
-  std::set<std::string> tried;
-  for (const auto& [name, words] : commands) {
-    tried.insert(name);
-    Words arguments = words;
+  for (Words arguments : std::vector<Words>{{"--version"},
+                                            {"select", gateway.address()},
+                                            {"probe", gateway.address()},
+                                            {"watch", gateway.address()},
+                                            {"profile", "check"},
+                                            {"profile", "list"},
+                                            {"preferences", "show"},
+                                            {"cache", "show"},
+                                            {"cache", "path"},
+                                            {"cache", "clear"}}) {
+    SCOPED_TRACE(testing::PrintToString(arguments));
     arguments.emplace_back("--json");
     Program program(arguments, environment);
-    if (name == "watch") {
+    if (arguments[0] == "watch") {
       EXPECT_TRUE(program.waitForOutput("\n"));
       kill(program.pid(), SIGTERM);
     }
-    expectSchemaFirst(program.finish().out, name);
+    const std::string text = program.finish().out;
+    const json object = json::parse(text, nullptr, false);
+    ASSERT_TRUE(object.is_object() && !object.empty()) << text;
+    EXPECT_EQ(object.begin().key(), "schema");
+    EXPECT_EQ(object.begin().value(), 1);
   }
-  EXPECT_EQ(tried, known);
 }
 
 // ---- For completions --------------------------------------------------------------------------

@@ -26,10 +26,10 @@ constexpr auto LongestRun = std::chrono::seconds(60);
 struct Child {
   std::vector<char*> argv;
   std::vector<char*> envp;
-  int out = -1;  // -1: the terminal
-  int err = -1;  // the program's side of the terminal, where there is one
-  int events = -1;
-  int orders = -1;
+  int out;     // -1: the terminal
+  int err;     // the program's side of the terminal, where there is one
+  int events;  // of a shell's job; -1 without a shell
+  int orders;
 };
 
 std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
@@ -80,15 +80,15 @@ void makePipe(int (&ends)[2]) {
   _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
 
-[[noreturn]] void become(const Child& child, Program::Terminal terminal) {
+[[noreturn]] void become(const Child& child, bool hasTerminal) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (terminal == Program::Terminal::None) {
+  if (hasTerminal) {
+    login_tty(child.err);  // makes it the controlling terminal, so that Ctrl-C is a signal
+  } else {
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(child.err, STDERR_FILENO);
-  } else {
-    login_tty(child.err);  // makes it the controlling terminal, so that Ctrl-C is a signal
   }
-  if (terminal == Program::Terminal::Job) {
+  if (child.events >= 0) {
     becomeShell(child);
   }
   becomeProgram(child);
@@ -102,14 +102,11 @@ void closeIfOpen(int& descriptor) {
 }
 
 void readFrom(const pollfd& output, int& descriptor, std::string& text) {
-  if (output.revents == 0) {
-    return;
-  }
   char bytes[4096];
-  const ssize_t count = read(descriptor, bytes, sizeof bytes);
+  const ssize_t count = output.revents == 0 ? 0 : read(descriptor, bytes, sizeof bytes);
   if (count > 0) {
     text.append(bytes, static_cast<std::size_t>(count));
-  } else {
+  } else if (output.revents != 0) {
     // A terminal whose last user has gone gives an error, a pipe its end.
     closeIfOpen(descriptor);
   }
@@ -146,7 +143,7 @@ Program::Program(const std::vector<std::string>& arguments,
                     orders[0]};
   m_pid = fork();
   if (m_pid == 0) {
-    become(child, terminal);
+    become(child, terminal != Terminal::None);
   }
   m_out = out[0];
   m_err = err[0];
@@ -168,25 +165,20 @@ Program::~Program() {
     kill(m_pid, SIGKILL);
     waitpid(m_pid, nullptr, 0);
   }
-  closeIfOpen(m_out);
-  closeIfOpen(m_err);
-  closeIfOpen(m_events);
-  closeIfOpen(m_orders);
+  for (int* const descriptor : {&m_out, &m_err, &m_events, &m_orders}) {
+    closeIfOpen(*descriptor);
+  }
 }
 
 void Program::resize(Window window) const {
   const winsize size{window.rows, window.columns, 0, 0};
-  if (ioctl(m_err, TIOCSWINSZ, &size) != 0) {
-    throw std::runtime_error("the terminal keeps its size");
-  }
+  EXPECT_EQ(ioctl(m_err, TIOCSWINSZ, &size), 0) << "the terminal keeps its size";
 }
 
 void Program::hangUp() { closeIfOpen(m_err); }
 
 void Program::type(const std::string& text) const {
-  if (write(m_err, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    throw std::runtime_error("the terminal takes nothing");
-  }
+  EXPECT_EQ(write(m_err, text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
 bool Program::showsWhatIsTyped() const {
@@ -194,12 +186,8 @@ bool Program::showsWhatIsTyped() const {
   return tcgetattr(m_err, &state) == 0 && (state.c_lflag & ECHO) != 0;
 }
 
-bool Program::waitForError(const std::string& text) { return waitFor(m_outcome.err, text); }
-
-bool Program::waitForOutput(const std::string& text) { return waitFor(m_outcome.out, text); }
-
-bool Program::waitFor(const std::string& shown, const std::string& text) {
-  while (shown.find(text) == std::string::npos) {
+bool Program::waitFor(const std::string& shown, std::size_t from, const std::string& text) {
+  while (shown.find(text, from) == std::string::npos) {
     if (!readSome()) {
       return false;
     }
@@ -208,16 +196,9 @@ bool Program::waitFor(const std::string& shown, const std::string& text) {
 }
 
 bool Program::waitForNext(const std::string& text) {
-  while (true) {
-    const std::size_t found = m_outcome.err.find(text, m_next);
-    if (found != std::string::npos) {
-      m_next = found + text.size();
-      return true;
-    }
-    if (!readSome()) {
-      return false;
-    }
-  }
+  const bool hasCome = waitFor(m_outcome.err, m_next, text);
+  m_next = hasCome ? m_outcome.err.find(text, m_next) + text.size() : m_next;
+  return hasCome;
 }
 
 bool Program::waitForStop() {
@@ -227,11 +208,7 @@ bool Program::waitForStop() {
   return poll(&event, 1, LongestWaitMs) == 1 && read(m_events, &stopped, 1) == 1;
 }
 
-void Program::bringBack() const {
-  if (write(m_orders, "c", 1) != 1) {
-    throw std::runtime_error("the shell has gone");
-  }
-}
+void Program::bringBack() const { EXPECT_EQ(write(m_orders, "c", 1), 1) << "the shell has gone"; }
 
 Outcome Program::finish() {
   while (readSome()) {

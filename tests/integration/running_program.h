@@ -54,10 +54,10 @@ class Program {
   bool showsWhatIsTyped() const;
 
   /// Reads until standard error has shown `text`, or the program has ended.
-  bool waitForError(const std::string& text);
+  bool waitForError(const std::string& text) { return waitFor(m_outcome.err, 0, text); }
 
   /// The same for its standard output.
-  bool waitForOutput(const std::string& text);
+  bool waitForOutput(const std::string& text) { return waitFor(m_outcome.out, 0, text); }
 
   /// The same for what standard error has shown since the last call.
   bool waitForNext(const std::string& text);
@@ -75,7 +75,7 @@ class Program {
   Outcome finish();
 
  private:
-  bool waitFor(const std::string& shown, const std::string& text);
+  bool waitFor(const std::string& shown, std::size_t from, const std::string& text);
   bool readSome();
 
   pid_t m_pid = -1;

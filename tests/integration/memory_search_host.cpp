@@ -7,9 +7,11 @@
 // to find it: freed, stack. ADDRESS: the headends.
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -26,6 +28,21 @@
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/Common/Utility/Thread.h"
+
+// The C library's allocator, but for that no block is ever taken back: a freed one, and one that
+// was outgrown, stays as whoever had it left it.
+extern "C" {
+
+void free(void* /*block*/) noexcept {}
+
+void* realloc(void* block, std::size_t size) noexcept {
+  void* const moved = malloc(size);
+  if (moved != nullptr && block != nullptr) {
+    memcpy(moved, block, std::min(size, malloc_usable_size(block)));
+  }
+  return moved;
+}
+}
 
 namespace {
 

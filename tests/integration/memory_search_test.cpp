@@ -7,17 +7,18 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/provider.h>
-#include <sys/random.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -48,13 +49,9 @@ constexpr std::chrono::milliseconds PollInterval{2};
 
 std::string randomText(std::size_t length) {
   const std::string letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::random_device random;
   std::string text(length, '\0');
-  if (getrandom(text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-    throw std::runtime_error("no random bytes");
-  }
-  for (char& c : text) {
-    c = letters[static_cast<unsigned char>(c) % letters.size()];
-  }
+  std::ranges::generate(text, [&] { return letters[random() % letters.size()]; });
   return text;
 }
 
@@ -77,8 +74,7 @@ std::string utf16(const std::string& text) {
 }
 
 std::string upperCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c; });
+  std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::toupper(c); });
   return text;
 }
 
@@ -207,7 +203,7 @@ std::string demand(const std::string& challenge) {
 }
 
 /// What a proxy does once it has been given the credentials.
-enum class Then { Accept, Refuse, Close, Reset, StaySilent, AnswerGarbage };
+enum class Then { Accept, Refuse, Close, StaySilent };
 
 /// A proxy that asks for credentials, and waits when it has got them until it is released.
 class AskingProxy {
@@ -231,20 +227,16 @@ class AskingProxy {
   void Serve(Connection& connection) {
     for (std::string head = connection.readHead(); !head.empty(); head = connection.readHead()) {
       if (head.find("\r\nProxy-Authorization: " + m_lastMessage) != std::string::npos) {
-        Wait(connection);
+        m_hasCredentials = true;
+        while (!m_released) {
+          connection.wait(PollInterval);
+        }
         Finish(connection);
         return;
       }
       const bool first =
           head.find("\r\nProxy-Authorization: NTLM TlRMTVNTUAAB") != std::string::npos;
       connection.send(demand(first ? m_challenge : m_scheme));
-    }
-  }
-
-  void Wait(Connection& connection) {
-    m_hasCredentials = true;
-    while (!m_released) {
-      connection.wait(PollInterval);
     }
   }
 
@@ -255,13 +247,8 @@ class AskingProxy {
     } else if (m_then == Then::Refuse) {
       connection.send(demand(m_scheme));
       connection.waitForPeer();
-    } else if (m_then == Then::AnswerGarbage) {
-      connection.send("SSH-2.0-x\r\n\r\n");
-      connection.waitForPeer();
     } else if (m_then == Then::StaySilent) {
       connection.waitForPeer();
-    } else if (m_then == Then::Reset) {
-      connection.resetAtEnd();
     }
   }
 
@@ -343,11 +330,6 @@ class MemorySearch : public testing::Test {
                            readFile(process + "/cmdline") + readFile(process + "/environ"));
   }
 
-  void ExpectNothingLeft() const {
-    EXPECT_THAT(FoundInMemory(), IsEmpty());
-    EXPECT_THAT(FoundInPublic(), IsEmpty());
-  }
-
   bool WaitForCredentials(const AskingProxy& proxy) const {
     return eventually([&] { return proxy.HasCredentials() || !m_host->IsRunning(); }) &&
            m_host->IsRunning();
@@ -419,7 +401,8 @@ TEST_P(MemorySearchAfter, FindsNothing) {
   EXPECT_THAT(FoundInMemory(), Contains(StartsWith("the password at")));
   proxy.Release();
   const std::string outcome = Outcome();
-  ExpectNothingLeft();
+  EXPECT_THAT(FoundInMemory(), IsEmpty());
+  EXPECT_THAT(FoundInPublic(), IsEmpty());
   if (asked.then == Then::Accept) {
     ExpectSelected(outcome);
   } else if (asked.then == Then::Refuse) {
@@ -436,9 +419,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Asked{"Basic", Then::Accept}, Asked{"ShortSecrets", Then::Accept, 8, 15},
         Asked{"LongSecrets", Then::Accept, 100, 250}, Asked{"WrongCredentials", Then::Refuse},
-        Asked{"AProxyThatCloses", Then::Close}, Asked{"AProxyThatResets", Then::Reset},
-        Asked{"AProxyThatStaysSilent", Then::StaySilent},
-        Asked{"AProxyThatAnswersGarbage", Then::AnswerGarbage},
+        Asked{"AProxyThatCloses", Then::Close}, Asked{"AProxyThatStaysSilent", Then::StaySilent},
         Asked{"WrongCredentialsForNtlm", Then::Refuse, 20, 30, true},
         Asked{"NtlmVersion1", Then::Accept, 20, 30, true, Ntlm::Version1},
         Asked{"NtlmSession", Then::Accept, 20, 30, true, Ntlm::Session},
@@ -454,7 +435,8 @@ TEST_F(MemorySearch, FindsNothingAfterNegotiateWithoutATicketFallsBackToBasic) {
   proxy.Release();
   StartHost(proxy.Port(), "kerberos");
   Outcome();
-  ExpectNothingLeft();
+  EXPECT_THAT(FoundInMemory(), IsEmpty());
+  EXPECT_THAT(FoundInPublic(), IsEmpty());
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -214,184 +213,157 @@ constexpr long Measured = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
 constexpr long Asked = HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED;
 constexpr long Failed = HEADENDSELECTION_ERROR_SELECTION_FAILURE;
 
-const std::string Right = SquidProxy::Password;
+/// What stands before the one gateway.
+enum class Before {
+  Nothing,
+  Squid,
+  Squid6,
+  SquidNtlm,
+  SquidElsewhere,
+  Closed,
+  Unknown,
+  Silent,
+  Text
+};
 
-class Proxies;
+/// Who tells the client of it.
+enum class By { Preferences, HttpProxy, HttpsProxy, Pac };
 
-/// What stands before one gateway, and what the client is told.
 struct Case {
   const char* name;
-  void (*arrange)(Proxies&);
   long status;
-  const char* realm = "";
-  bool isTunnelled = false;  ///< the test ping goes through squid as a tunnel
+  const char* told;  ///< the realm that the client is given
+  Before before;
+  std::string text = "";  ///< realm of squid, or what another proxy answers
+  const char* password = nullptr;
+  By by = By::Preferences;
+  const char* limitMs = "60000";
 
   friend void PrintTo(const Case& one, std::ostream* stream) { *stream << one.name; }
 };
 
+std::string asking(const std::string& challenges) {
+  return "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: " + challenges +
+         "\r\nContent-Length: 0\r\n\r\n";
+}
+
+const char* const Right = SquidProxy::Password;
+
+const Case Cases[] = {
+    {"None", Measured, "", Before::Nothing},
+    {"OpenToAll", Measured, "", Before::Squid},
+    {"NoLogIn", Asked, "Lab (2nd floor)", Before::Squid, "Lab (2nd floor)"},
+    {"RightPassword", Measured, "", Before::Squid, "Office", Right},
+    {"WrongPassword", Asked, "Office", Before::Squid, "Office", "wrong"},
+    {"RealmWithQuotesThatSquidDoesNotEscape", Asked, "", Before::Squid, "the \"Office\""},
+    {"NoTunnelToThePortOfTheProbe", Measured, "", Before::SquidElsewhere, "Office", Right},
+    {"AtAnIPv6AddressNoLogIn", Asked, "Office", Before::Squid6, "Office"},
+    {"AtAnIPv6AddressRightPassword", Measured, "", Before::Squid6, "Office", Right},
+    {"OfTheSystemNoLogIn", Asked, "Office", Before::Squid, "Office", nullptr, By::HttpProxy},
+    {"OfTheSystemRightPassword", Measured, "", Before::Squid, "Office", Right, By::HttpsProxy},
+    {"NoneOfTheSystem", Measured, "", Before::Nothing, "", nullptr, By::HttpProxy},
+    {"PacFileThatNeverComes", Measured, "", Before::Silent, "", nullptr, By::Pac},
+    {"RefusesTheConnection", Measured, "", Before::Closed},
+    {"NameDoesNotResolve", Measured, "", Before::Unknown},
+    {"Silent", Measured, "", Before::Silent},
+    {"SilentForTheWholeSelection", Failed, "", Before::Silent, "", nullptr, By::Preferences, "200"},
+    {"AnswersGarbage", Measured, "", Before::Text, "SSH-2.0-proxy\r\n\r\n"},
+    {"RealmOf64KiB", Asked, "", Before::Text,
+     asking("Basic realm=\"" + std::string(65536, 'x') + "\"")},
+    {"BasicAmongOtherWays", Asked, "Gr\xc3\xbcn\"haus\"", Before::Text,
+     asking("Negotiate, NTLM\r\nProxy-Authenticate: Digest realm=\"no\", nonce=\"n\", Basic "
+            "realm=\"Gr\xc3\xbcn\\\"haus\\\"\"")},
+    {"NtlmNoLogIn", Asked, "", Before::Text, asking("NTLM")},
+    {"NtlmRightPassword", Measured, "", Before::SquidNtlm, "", Right},
+    {"AWayToLogInThatIsNotKnown", Asked, "", Before::Text,
+     asking("Digest realm=\"Office\", nonce=\"n\""), Right},
+};
+
 class Proxies : public RealPeers, public testing::WithParamInterface<Case> {
- public:
-  /// Starts squid; its tunnels to port 443 end at the gateway, which cannot have that port.
-  Endpoint Squid(const std::string& realm, const std::string& address = "127.0.0.1",
-                 unsigned short tunnelPort = 443, bool ntlm = false) {
+ protected:
+  /// Squid's tunnels to port 443 end at the gateway, which cannot have that port.
+  Endpoint StartSquid(Before kind, const std::string& realm) {
     SquidProxy::Settings settings;
     settings.realm = realm;
-    settings.address = address;
-    settings.tunnelPort = tunnelPort;
-    settings.ntlm = ntlm;
+    settings.ntlm = kind == Before::SquidNtlm;
+    settings.tunnelPort = kind == Before::SquidElsewhere ? 563 : 443;
+    settings.address = kind == Before::Squid6 && hasAddress("::1") ? "::1" : "127.0.0.1";
     settings.parent = m_outside.port();
-    m_squids.push_back(std::make_unique<SquidProxy>(settings));
-    return m_squids.back()->Where();
-  }
-  Endpoint Squid6() { return Squid("Office", hasAddress("::1") ? "::1" : "127.0.0.1"); }
-  Endpoint Scripted(ScriptedServer::Script script) {
-    m_scripted.emplace_back(std::move(script));
-    return {"127.0.0.1", m_scripted.back().port()};
-  }
-  Endpoint Silent() {
-    return Scripted([](Connection& connection) { connection.waitForPeer(); });
-  }
-  Endpoint Asking(const std::string& challenges) {
-    return Scripted(answering("HTTP/1.1 407 Proxy Authentication Required\r\n" + challenges +
-                              "Content-Length: 0\r\n\r\n"));
+    m_squid = std::make_unique<SquidProxy>(settings);
+    return m_squid->Where();
   }
 
-  void Override(const Endpoint& where) {
-    const bool isIPv6 = where.address.find(':') != std::string::npos;
-    global = {{"ProxySettings", "override"},
-              {"ProxyHost", isIPv6 ? "[" + where.address + "]" : where.address},
-              {"ProxyPort", std::to_string(where.port)}};
+  /// Starts what stands before the gateway. @return where it is.
+  Endpoint Start() {
+    const std::string& text = GetParam().text;
+    switch (GetParam().before) {
+      case Before::Nothing:
+        return {};
+      case Before::Unknown:
+        return {"no-such-proxy.invalid", 3128};
+      case Before::Closed:
+        return m_closed.Where();
+      case Before::Silent:
+        m_scripted = std::make_unique<ScriptedServer>(
+            [](Connection& connection) { connection.waitForPeer(); });
+        return {"127.0.0.1", m_scripted->port()};
+      case Before::Text:
+        m_scripted = std::make_unique<ScriptedServer>(answering(text));
+        return {"127.0.0.1", m_scripted->port()};
+      default:
+        return StartSquid(GetParam().before, text);
+    }
   }
-  void Set(const std::string& preference, const std::string& value) { user[preference] = value; }
-  void LogIn(const std::string& password, ProxyType type = BasicProxy) {
-    m_provider = new CProxyProvider(type, SquidProxy::User, password);
-  }
-  /// The system's proxy is that of the environment, if any.
-  void OfSystem(const std::string& variable, const std::string& url, bool logsIn = false) {
-    ::setenv(variable.c_str(), url.c_str(), 1);
-    m_provider = logsIn ? new CProxyProvider(BasicProxy, SquidProxy::User, Right, "from.the.system")
-                        : new CProxyProvider(NoProxy, {}, {}, "from.the.system");
-  }
-  /// The system's settings never answer.
-  void SettingsHang() { m_threadsThatStay = 1; }
 
- protected:
-  ScriptedServer::Script TunnelToGateway() {
-    return [this](Connection& connection) {
-      const std::string request = connection.readHead();
-      if (!request.empty()) {
-        m_tunnels.add(request);
-        connection.send("HTTP/1.1 200 Connection established\r\n\r\n");
-        connection.tunnelTo(m_gateway.Where().port);
-      }
-    };
+  /// Tells the client of it. @return the provider, which the run owns; none if there is none.
+  ProxyIfc* Tell(const Endpoint& where) {
+    const Case& given = GetParam();
+    const bool isOfSystem = given.by != By::Preferences;
+    if (isOfSystem) {
+      const std::string scheme = given.by == By::Pac ? "pac+http://" : "http://";
+      ::setenv(given.by == By::HttpsProxy ? "https_proxy" : "http_proxy",
+               where.port == 0 ? "" : (scheme + where.Text() + "/").c_str(), 1);
+    } else if (where.port != 0) {
+      const bool isIPv6 = where.address.find(':') != std::string::npos;
+      global = {{"ProxySettings", "override"},
+                {"ProxyHost", isIPv6 ? "[" + where.address + "]" : where.address},
+                {"ProxyPort", std::to_string(where.port)}};
+    }
+    const std::string host = isOfSystem ? "from.the.system" : "";
+    if (given.password != nullptr) {
+      return new CProxyProvider(given.before == Before::SquidNtlm ? NTLMProxy : BasicProxy,
+                                SquidProxy::User, given.password, host);
+    }
+    return isOfSystem ? new CProxyProvider(NoProxy, {}, {}, host) : nullptr;
   }
 
   RequestLog m_tunnels;  // what squid has passed on
+  const RefusingPort m_closed{"127.0.0.1"};
   NginxServer m_gateway{m_certificates};
-  ScriptedServer m_outside{TunnelToGateway()};
-  std::list<std::unique_ptr<RealServer>> m_squids;
-  std::list<ScriptedServer> m_scripted;
-  ProxyIfc* m_provider = nullptr;  // the run owns it
-  unsigned int m_threadsThatStay = 0;
-};
-
-const Case Cases[] = {
-    {"None", [](Proxies&) {}, Measured},
-    {"OpenToAll", [](Proxies& p) { p.Override(p.Squid("")); }, Measured},
-    {"NoLogIn", [](Proxies& p) { p.Override(p.Squid("Lab (2nd floor)")); }, Asked,
-     "Lab (2nd floor)"},
-    {"RightPassword", [](Proxies& p) { p.Override(p.Squid("Office")), p.LogIn(Right); }, Measured,
-     "", true},
-    {"WrongPassword", [](Proxies& p) { p.Override(p.Squid("Office")), p.LogIn("no"); }, Asked,
-     "Office"},
-    {"RealmWithQuotesThatSquidDoesNotEscape",
-     [](Proxies& p) { p.Override(p.Squid("the \"Office\"")); }, Asked},
-    {"NoTunnelToThePortOfTheProbe",
-     [](Proxies& p) {
-       p.Override(p.Squid("Office", "127.0.0.1", 563));
-       p.LogIn(Right);
-     },
-     Measured},
-    {"AtAnIPv6AddressNoLogIn", [](Proxies& p) { p.Override(p.Squid6()); }, Asked, "Office"},
-    {"AtAnIPv6AddressRightPassword", [](Proxies& p) { p.Override(p.Squid6()), p.LogIn(Right); },
-     Measured, "", true},
-    {"OfTheEnvironmentNoLogIn",
-     [](Proxies& p) { p.OfSystem("http_proxy", "http://" + p.Squid("Office").Text()); }, Asked,
-     "Office"},
-    {"OfTheEnvironmentRightPassword",
-     [](Proxies& p) { p.OfSystem("https_proxy", "http://" + p.Squid("Office").Text(), true); },
-     Measured, "", true},
-    {"NoneInTheSystemsSettings", [](Proxies& p) { p.OfSystem("http_proxy", ""); }, Measured},
-    {"SettingsThatWaitForAPacFileThatNeverComes",
-     [](Proxies& p) {
-       p.OfSystem("http_proxy", "pac+http://" + p.Silent().Text() + "/proxy.pac");
-       p.Set("SelectionTestPingTimeout", "1");
-       p.SettingsHang();
-     },
-     Measured},
-    {"RefusesTheConnection",
-     [](Proxies& p) {
-       static const RefusingPort closed("127.0.0.1");
-       p.Override(closed.Where());
-     },
-     Measured},
-    {"NameDoesNotResolve",
-     [](Proxies& p) {
-       p.Override({"no-such-proxy.invalid", 3128});
-     },
-     Measured},
-    {"Silent",
-     [](Proxies& p) {
-       p.Override(p.Silent());
-       p.Set("SelectionTestPingTimeout", "1");
-     },
-     Measured},
-    {"SilentForLongerThanTheSelectionMayTake",
-     [](Proxies& p) {
-       p.Override(p.Silent());
-       p.Set("SelectionConnectTimeout", "200");
-       p.Set("SelectionTestPingTimeout", "2");
-     },
-     Failed},
-    {"AnswersGarbage",
-     [](Proxies& p) { p.Override(p.Scripted(answering("SSH-2.0-proxy\r\n\r\n"))); }, Measured},
-    {"RealmOf64KiB",
-     [](Proxies& p) {
-       p.Override(
-           p.Asking("Proxy-Authenticate: Basic realm=\"" + std::string(65536, 'x') + "\"\r\n"));
-     },
-     Asked},
-    {"BasicAmongOtherWaysInSeveralLines",
-     [](Proxies& p) {
-       p.Override(
-           p.Asking("Proxy-Authenticate: Negotiate, NTLM\r\nProxy-Authenticate: Digest "
-                    "realm=\"no\", nonce=\"n\", Basic realm=\"Gr\xc3\xbcn\\\"haus\\\"\"\r\n"));
-     },
-     Asked, "Gr\xc3\xbcn\"haus\""},
-    {"NtlmNoLogIn", [](Proxies& p) { p.Override(p.Asking("Proxy-Authenticate: NTLM\r\n")); },
-     Asked},
-    {"NtlmRightPassword",
-     [](Proxies& p) { p.Override(p.Squid("", "127.0.0.1", 443, true)), p.LogIn(Right, NTLMProxy); },
-     Measured, "", true},
-    {"AWayToLogInThatIsNotKnown",
-     [](Proxies& p) {
-       p.Override(p.Asking("Proxy-Authenticate: Digest realm=\"Office\", nonce=\"n\"\r\n"));
-       p.LogIn(Right);
-     },
-     Asked},
+  ScriptedServer m_outside{[this](Connection& connection) {
+    const std::string request = connection.readHead();
+    if (!request.empty()) {
+      m_tunnels.add(request);
+      connection.send("HTTP/1.1 200 Connection established\r\n\r\n");
+      connection.tunnelTo(m_gateway.Where().port);
+    }
+  }};
+  std::unique_ptr<SquidProxy> m_squid;
+  std::unique_ptr<ScriptedServer> m_scripted;
 };
 
 TEST_P(Proxies, DeliverWhatTheTableSays) {
   const Case& expected = GetParam();
-  expected.arrange(*this);
+  user["SelectionConnectTimeout"] = expected.limitMs;
+  user["SelectionTestPingTimeout"] = expected.before == Before::Silent ? "2" : "20";
+  ProxyIfc* const provider = Tell(Start());
   const std::string gateway = m_gateway.Address();
-  const Selection selection =
-      Select({{"gate", gateway}}, "gate", ProxyAuthentication, m_provider, m_threadsThatStay);
+  const Selection selection = Select({{"gate", gateway}}, "gate", ProxyAuthentication, provider,
+                                     expected.by == By::Pac ? 1 : 0);
 
   EXPECT_EQ(1U, selection.calls);
   EXPECT_EQ(expected.status, selection.status);
-  EXPECT_EQ(expected.realm, selection.extraInfo);
+  EXPECT_EQ(expected.told, selection.extraInfo);
   EXPECT_EQ(selection.headends, expected.status == Asked ? std::vector<std::string>{}
                                                          : std::vector<std::string>{gateway});
   EXPECT_THAT(selection.ProbesOf(m_gateway.Where().port),
@@ -399,7 +371,8 @@ TEST_P(Proxies, DeliverWhatTheTableSays) {
   for (const LogLine& line : selection.log) {
     EXPECT_THAT(line.text, Not(HasSubstr(SquidProxy::Password)));
   }
-  if (expected.isTunnelled) {
+  if (m_squid != nullptr && expected.password == Right &&
+      expected.before != Before::SquidElsewhere) {
     EXPECT_THAT(m_tunnels.all(), ElementsAre(AllOf(StartsWith("CONNECT 127.0.0.1:443 HTTP/1.1\r\n"),
                                                    Not(HasSubstr("Authorization")))));
   }

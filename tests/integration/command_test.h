@@ -46,26 +46,6 @@ class Gateway {
   ScriptedServer m_server;
 };
 
-/// A gateway that takes connections and never answers.
-class SilentGateway {
- public:
-  SilentGateway() : m_server([](Connection& connection) { connection.waitForPeer(); }) {}
-
-  std::string address() const { return "127.0.0.1:" + std::to_string(m_server.port()); }
-
- private:
-  ScriptedServer m_server;
-};
-
-/// A port that refuses connections.
-class ClosedGateway {
- public:
-  std::string address() const { return m_port.Where().Text(); }
-
- private:
-  RefusingPort m_port{"127.0.0.1"};
-};
-
 /// That a text of several lines holds nothing that a terminal would obey.
 void expectLegible(const std::string& text);
 

@@ -137,11 +137,11 @@ TEST_F(ExecCommandTest, NothingIsRunWhenAProxyAsksForALogin) {
 }
 
 TEST_F(ExecCommandTest, ALastHeadendThatWasKeptIsRunWith) {
-  const ClosedGateway closed;
-  const Outcome outcome = run({"exec", closed.address(), "--last", closed.address(), "--", "sh",
-                               "-c", "echo \"$0 [$AHS_METRIC_MS]\"", "{headend}"});
+  const RefusingPort closed("127.0.0.1");
+  const Outcome outcome = run({"exec", closed.Where().Text(), "--last", closed.Where().Text(), "--",
+                               "sh", "-c", "echo \"$0 [$AHS_METRIC_MS]\"", "{headend}"});
   EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_EQ(outcome.out, closed.address() + " []\n");
+  EXPECT_EQ(outcome.out, closed.Where().Text() + " []\n");
 }
 
 TEST_F(ExecCommandTest, TheProgramHasTheSignalsThatTheCommandWasStartedWith) {
@@ -157,10 +157,10 @@ TEST_F(ExecCommandTest, TheProgramHasTheSignalsThatTheCommandWasStartedWith) {
 
 TEST_F(ExecCommandTest, TheProgramInheritsNoDescriptorOfTheCommand) {
   // A worker that still waits for an answer has more descriptors open than one that is done.
-  const SilentGateway silent;
+  const SilentListener silent("127.0.0.1");
   writePreferences(preference("SelectionConnectTimeout", "1000") +
                    preference("SelectionPingTimeout", "20000"));
-  const Outcome outcome = run({"exec", near.address(), silent.address(), "--log-file",
+  const Outcome outcome = run({"exec", near.address(), silent.Where().Text(), "--log-file",
                                home + "/ahs.log", "--", "sh", "-c", "ls -l /proc/$$/fd"});
   EXPECT_THAT(outcome.out, HasSubstr(" 1 -> pipe:"));
   EXPECT_THAT(outcome.out, Not(HasSubstr("socket:")));

@@ -77,22 +77,5 @@ TEST_F(HostileSelectCommand, ChoosesTheGoodOneInTimeAmongAllThatAreNot) {
   }
 }
 
-TEST_F(HostileSelectCommand, ShowsNothingThatATerminalObeysOfARealmOrAnAnswer) {
-  const SimulatedGateways gateways(
-      {"behaviour=challenge", "behaviour=escapes", "behaviour=long-header"});
-  const std::vector<Endpoint>& where = gateways.Where();
-  const Outcome asked = run({"select", "--proxy", where[0].Text(), where[1].Text()});
-  EXPECT_EQ(3, asked.exitStatus) << asked.err;
-  expectLegible(asked.out + asked.err);
-  for (const std::string& gateway : {where[1].Text(), where[2].Text()}) {
-    for (const char* more : {"--count=3", "--secure"}) {
-      const Outcome outcome = run({"probe", gateway, "--timeout", "1", more});
-      EXPECT_THAT(outcome.out, HasSubstr("  outcome:  "));
-      expectLegible(outcome.out);
-      EXPECT_LT(outcome.out.size(), 8000U);
-    }
-  }
-}
-
 }  // namespace
 }  // namespace tests

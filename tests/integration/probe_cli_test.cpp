@@ -86,17 +86,6 @@ TEST_F(ProbeCommandTest, AClosedPortIsRefusedAndHasNoResult) {
   EXPECT_THAT(outcome.err, HasSubstr("nothing listens on that port there"));
 }
 
-TEST_F(ProbeCommandTest, ANameThatIsUnknownIsToldWithWhatToDo) {
-  // Whatever the machine's name servers are, they know no such name (RFC 6761).
-  const Outcome outcome = run({"probe", "no-such-gateway.invalid", "-c", "100"});
-  EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_THAT(outcome.out, HasSubstr("\n1 probe, 0 with a sample, 1 without (100 %)\n"))
-      << "nobody is there to be probed again";
-  EXPECT_THAT(outcome.out, HasSubstr("outcome:  name not resolved"));
-  EXPECT_THAT(outcome.err, StartsWith("ahs: the name 'no-such-gateway.invalid' is not resolved: "));
-  EXPECT_THAT(outcome.err, HasSubstr("Name servers: "));
-}
-
 TEST_F(ProbeCommandTest, AHostEntryIsProbedAtItsAddressWithThePreferencesInForce) {
   const ScriptedServer server(answering(KeepAlive));
   const std::string address = "127.0.0.1:" + std::to_string(server.port());

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/show/SelectionOutput.h"
-#include "cli/show/SelectionResult.h"
+#include "tests/unit/cli/some_results.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
 
@@ -16,25 +16,15 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::Not;
 
-HeadendResult headend(const std::string& name, std::optional<unsigned int> metric,
-                      HeadendOutcome outcome) {
-  HeadendResult result;
-  result.headend = name;
-  result.metricMs = metric;
-  result.outcome = outcome;
-  return result;
-}
-
-SelectionResult measured() {
-  SelectionResult result;
-  result.status = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
+/// What `some_results.h` measures, with all that an output tells of it.
+SelectionResult reconnected() {
+  SelectionResult result = measured(
+      {headend("gw-b:8443", 20, {20}), headend("gw-a", 40), headend("gw-c", std::nullopt)});
   result.reason = 1;
-  result.headends = {"gw-b:8443", "gw-a"};
   result.report = "*** QIB Selection Results ***\nlines\n";
   result.elapsed = std::chrono::milliseconds(321);
-  result.results = {headend("gw-b:8443", 20, HeadendOutcome::Answered),
-                    headend("gw-a", 40, HeadendOutcome::UntrustedCertificate),
-                    headend("gw-c", std::nullopt, HeadendOutcome::CannotConnect)};
+  result.results[1].outcome = HeadendOutcome::UntrustedCertificate;
+  result.results[2].outcome = HeadendOutcome::CannotConnect;
   HttpProbe::Report probe;
   probe.rttMs = 20;
   probe.httpStatus = 200;
@@ -43,7 +33,6 @@ SelectionResult measured() {
   probe.networkRttUs = 20125;
   probe.responseRttUs = 20500;
   probe.address = "192.0.2.7";
-  result.results[0].samplesMs = {20};
   result.results[0].probes = {probe};
   HttpProbe::Report refused;
   refused.status = HTTP_SESSION_ERROR_CANNOT_CONNECT;
@@ -61,7 +50,7 @@ SelectionResult failed(STATUSCODE status, const std::vector<std::string>& headen
 }  // namespace
 
 TEST(TextOutput, IsReportThenListThenStatus) {
-  EXPECT_EQ(textOutput(measured()),
+  EXPECT_EQ(textOutput(reconnected()),
             "*** QIB Selection Results ***\n"
             "lines\n"
             "\n"
@@ -75,7 +64,7 @@ TEST(TextOutput, IsReportThenListThenStatus) {
 }
 
 TEST(TextOutput, ShowsTheNamesOfHostEntriesInAColumnOfTheirOwn) {
-  SelectionResult result = measured();
+  SelectionResult result = reconnected();
   result.results[0].name = "M\u00fcnchen";
   result.results[1].name = "gw-a";
   result.results[2].name = "Oslo\x1b[2J";
@@ -89,7 +78,7 @@ TEST(TextOutput, ShowsTheNamesOfHostEntriesInAColumnOfTheirOwn) {
 
 TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {"gw-a"});
-  result.results = {headend("gw-a", std::nullopt, HeadendOutcome::TimedOut)};
+  result.results = {headend("gw-a", std::nullopt)};
   const std::string text = textOutput(result);
   EXPECT_THAT(text, HasSubstr("1. gw-a  kept, not measured (timed out)\n"));
   EXPECT_THAT(text, HasSubstr("The headend of the list is kept without a measurement."));
@@ -102,7 +91,7 @@ TEST(TextOutput, WithoutAnyHeadendSaysSo) {
 }
 
 TEST(JsonOutput, HasEveryMemberAndNullsInPlaceOfNumbersThatThereAreNot) {
-  SelectionResult result = measured();
+  SelectionResult result = reconnected();
   result.results[0].name = "Bern";
   json object = json::parse(jsonOutput(result));
   const json first = {{"headend", "gw-b:8443"},
@@ -146,7 +135,7 @@ TEST(JsonOutput, ARealmThatIsNotUtf8StillGivesJson) {
 }
 
 TEST(QuietOutput, IsTheFirstHeadendAloneOrNothing) {
-  EXPECT_EQ(quietOutput(measured()), "gw-b:8443\n");
+  EXPECT_EQ(quietOutput(reconnected()), "gw-b:8443\n");
   EXPECT_EQ(quietOutput(failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {})), "");
 }
 
@@ -156,10 +145,10 @@ TEST(StatusAsHex, IsAlwaysEightDigits) {
 }
 
 TEST(Advice, SaysWhatToDoAfterAFailureAndNothingAfterASuccess) {
-  EXPECT_EQ(adviceFor(measured(), "'/p'"), "");
+  EXPECT_EQ(adviceFor(reconnected(), "'/p'"), "");
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {});
   EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe HOST' tells what is in the way"));
-  result.results = {headend("gw:8443", {}, HeadendOutcome::TimedOut)};
+  result.results = {headend("gw:8443", {})};
   EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe gw:8443' tells"));
   EXPECT_THAT(adviceFor(failed(HEADENDSELECTION_ERROR_NO_HEADENDS, {}), "'/p'"),
               HasSubstr("the profiles in '/p', set EnableAutomaticServerSelection to true"));

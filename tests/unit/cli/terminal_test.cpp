@@ -3,7 +3,6 @@
 
 #include "cli/login/Terminal.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -97,14 +96,4 @@ TEST(Terminal, ComingBackWithoutAQuestionShowsNothing) {
   terminal.say("next");
   ASSERT_TRUE(person.waitFor("next\r\n"));
   EXPECT_EQ(person.shown(), "next\r\n");
-}
-
-TEST(Terminal, ThereIsNoneWhereStandardInputIsRedirected) {
-  const int before = dup(STDIN_FILENO);
-  const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ASSERT_EQ(dup2(nothing, STDIN_FILENO), STDIN_FILENO);
-  EXPECT_EQ(Terminal::find(), nullptr);
-  dup2(before, STDIN_FILENO);
-  close(nothing);
-  close(before);
 }

@@ -17,7 +17,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>

@@ -19,7 +19,6 @@ namespace {
 using nlohmann::json;
 using testing::Contains;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 constexpr const char* KeepAlive = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
 

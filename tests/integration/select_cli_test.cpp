@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -31,14 +30,6 @@ using testing::StartsWith;
 
 /// One for the test of the way there, and two of three probes.
 constexpr unsigned int AllButTheLast = 3;
-
-std::string withoutIndentation(std::string text) {
-  std::size_t at = 0;
-  while ((at = text.find("\n  ", at)) != std::string::npos) {
-    text.erase(at + 1, 2);
-  }
-  return text;
-}
 
 class SelectCommandTest : public CommandTest {
  protected:
@@ -116,23 +107,6 @@ TEST_F(SelectCommandTest, OnAReconnectionTheThresholdOfThePreferencesCountsAndIs
 }
 
 // ---- What is printed --------------------------------------------------------------------------
-
-TEST_F(SelectCommandTest, TheTextIsTheReportOfTheLogAndTheOrderedList) {
-  const Gateway near(Near);
-  const RefusingPort refusing("127.0.0.1");
-  const Outcome outcome =
-      run({"select", near.address(), refusing.Where().Text(), "--log-file", home + "/ahs.log"});
-  EXPECT_EQ(outcome.exitStatus, 0);
-  EXPECT_EQ(outcome.err, "");
-  const std::size_t end = outcome.out.find("\nHeadends, in order of choice:\n");
-  ASSERT_NE(end, std::string::npos) << outcome.out;
-  // The log's file indents the lines of a message that has several.
-  EXPECT_THAT(withoutIndentation(readFile(home + "/ahs.log")),
-              HasSubstr(outcome.out.substr(0, end)));
-  EXPECT_THAT(outcome.out, StartsWith("*** QIB Selection Results ***\n"));
-  EXPECT_THAT(outcome.out, HasSubstr("   1. " + near.address()));
-  EXPECT_THAT(outcome.out, HasSubstr("Without a result:\n      " + refusing.Where().Text()));
-}
 
 TEST_F(SelectCommandTest, AnOutputThatCannotBeWrittenIsAnError) {
   const Gateway near(Near);

@@ -169,20 +169,6 @@ TEST_F(SelectProxyTest, CtrlZAtThePasswordGivesTheTerminalBackUntilItIsBroughtBa
 
 // ---- Without a terminal -----------------------------------------------------------------------
 
-TEST_F(SelectProxyTest, WithoutATerminalItSaysWhichOptionsLogIn) {
-  startSquid();
-  for (const std::vector<std::string>& more :
-       {std::vector<std::string>{}, std::vector<std::string>{"--proxy-user", User}}) {
-    const Outcome outcome = run(select(more));
-    EXPECT_EQ(outcome.exitStatus, 3);
-    for (const char* text : {"for the realm 'Head office'", "--proxy-user NAME",
-                             "--proxy-password-file FILE", "--proxy-password-fd N"}) {
-      EXPECT_THAT(outcome.err, HasSubstr(text));
-    }
-    EXPECT_THAT(outcome.err, Not(HasSubstr(PasswordQuestion)));
-  }
-}
-
 TEST_F(SelectProxyTest, APasswordFileLogsInWithTheFirstRun) {
   startSquid();
   const std::string path = outside.Write("password", Password + "\n");

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <vector>

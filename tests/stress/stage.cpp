@@ -1,14 +1,14 @@
 // Where a run's threads come by. Each passage draws a delay, may hold the thread until the run has
 // got to some point, and may be the one at which the timer expires. Every wait here is bounded: an
-// aim that cannot be hit costs a moment and a line in the statistics.
+// aim that cannot be hit costs a moment and is missing in the statistics.
 
 #include "tests/stress/stage.h"
 
 #include <sched.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <thread>
-#include <utility>
 
 #include "tests/unit/selection/selection_access.h"
 
@@ -19,7 +19,7 @@ using std::chrono::microseconds;
 
 // Long for a thread that only has to get the processor, on a machine that is busy.
 constexpr microseconds AimPatience{50000};
-// A moment drawn by lot may be one that the awaited milestone has to wait for.
+// A moment drawn by lot may be one that the awaited event has to wait for.
 constexpr microseconds RandomPatience{1000};
 
 std::uint32_t draw(std::uint32_t& state) {
@@ -27,38 +27,11 @@ std::uint32_t draw(std::uint32_t& state) {
   return state >> 8U;
 }
 
+bool isSame(const char* one, const char* other) {
+  return one != nullptr && other != nullptr && std::strcmp(one, other) == 0;
+}
+
 }  // namespace
-
-MonotonicClock::time_point Clocks::timers() const {
-  return MonotonicClock::time_point(
-      MonotonicClock::duration(m_timers.load(std::memory_order_relaxed)));
-}
-
-void Clocks::moveTimersTo(MonotonicClock::time_point time) {
-  const MonotonicClock::rep wanted = time.time_since_epoch().count();
-  MonotonicClock::rep now = m_timers.load(std::memory_order_relaxed);
-  while (now < wanted && !m_timers.compare_exchange_weak(now, wanted, std::memory_order_relaxed)) {
-  }
-}
-
-void Clocks::moveProbesBy(unsigned long milliseconds) {
-  m_probes.fetch_add(milliseconds, std::memory_order_relaxed);
-}
-
-Clocks& clocks() {
-  static Clocks& instance = *new Clocks;  // late threads may still read them
-  return instance;
-}
-
-Census& census() {
-  static Census& instance = *new Census;
-  return instance;
-}
-
-Stages& stages() {
-  static Stages& instance = *new Stages;
-  return instance;
-}
 
 Self& self() {
   static thread_local Self instance;
@@ -66,14 +39,15 @@ Self& self() {
 }
 
 void enter(Stage* stage, Role role, unsigned int worker) {
-  Self& me = self();
-  me.stage = stage;
-  me.role = role;
-  me.worker = static_cast<unsigned char>(worker);
+  self() = {.stage = stage, .role = role, .worker = worker};
   if (stage != nullptr) {
-    const Scenario& run = stage->scenario;
-    me.noise = static_cast<std::uint32_t>(run.seed * 31 + run.round * 7 + run.member) * 64 +
-               static_cast<std::uint32_t>(role) * 8 + worker;
+    self().noise = stage->scenario.noiseSeed * 64 + static_cast<std::uint32_t>(role) * 8 + worker;
+  }
+}
+
+void pass(const char* what) {
+  if (self().stage != nullptr) {
+    self().stage->pass(what);
   }
 }
 
@@ -85,65 +59,67 @@ Stage::Stage(const Scenario& ofRun) : scenario(ofRun) {
   preferences.useAddresses(addresses);
 }
 
-Stage::~Stage() = default;
-
 void Stage::watch(CHeadendSelection& run) {
-  m_pRun = &run;
   m_endLock = &tests::member<tests::EndLock>(run);
-  m_reportLock = &tests::member<tests::CacheLock>(run);
+  m_resultsLock = &tests::member<tests::CacheLock>(run);
 }
 
-void Stage::pass(Place place) {
-  const Role role = self().role;
-  census().passages[static_cast<std::size_t>(place)].fetch_add(1, std::memory_order_relaxed);
+void Stage::pass(const char* what) {
+  note(what);
   makeNoise();
-  if (isAimedAt(place, role)) {
+  if (isAimedAt(what)) {
     fire();
   }
-  const Hold& hold = scenario.at().hold;
-  if (hold.until != 0 && hold.place == place && hold.role == role &&
-      await(hold.until, AimPatience)) {
+  const Moment& at = scenario.at();
+  if (isSame(what, at.holdsAt) && await(at.holdsUntil, AimPatience)) {
     m_hasHeld.store(true, std::memory_order_relaxed);
   }
 }
 
-// `wanted` may be the place after taking the lock or after giving it back as well; the three places
-// of a lock follow each other.
-void Stage::passLock(const CManualLock* lock, Place wanted) {
-  const auto offset =
-      static_cast<unsigned char>(wanted) - static_cast<unsigned char>(Place::OtherLockWanted);
-  Place first = Place::OtherLockWanted;
-  if (lock == m_endLock) {
-    first = Place::EndLockWanted;
-    if (wanted == Place::OtherLockWanted && self().role == Role::Run &&
-        m_runsEndLocks.fetch_add(1, std::memory_order_relaxed) == scenario.endLocksBeforeFinish()) {
-      reach(RunWantsToFinish);
-    }
-  } else if (lock == m_reportLock) {
-    first = Place::ReportLockWanted;
+void Stage::wantLock(const CManualLock* lock) {
+  if (lock != m_endLock || self().role != Role::Run) {
+    pass();
+    return;
   }
-  pass(static_cast<Place>(static_cast<unsigned char>(first) + offset));
+  if (m_endLocks.fetch_add(1, std::memory_order_relaxed) == scenario.endLocksBeforeFinish()) {
+    note(WantsToFinish);
+  }
+  pass(WantsEndLock);
 }
 
-void Stage::reach(Milestone milestone) {
-  m_milestones.fetch_or(milestone, std::memory_order_relaxed);
+void Stage::haveLock(const CManualLock* lock) {
+  pass(lock == m_resultsLock && self().role == Role::Worker ? Reporting : nullptr);
 }
 
-bool Stage::hasReached(unsigned int milestones) const {
-  return (m_milestones.load(std::memory_order_relaxed) & milestones) != 0;
+void Stage::note(const char* what) {
+  if (what != nullptr) {
+    Event& event = events.at(eventCount.fetch_add(1, std::memory_order_relaxed));
+    event.role = self().role;
+    event.worker = self().worker;
+    event.what.store(what, std::memory_order_relaxed);
+  }
+}
+
+bool Stage::has(const char* what) const {
+  for (const Event& event : events) {
+    if (isSame(event.what.load(std::memory_order_relaxed), what)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 void Stage::setArmed(unsigned long milliseconds) {
-  const MonotonicClock::time_point until =
-      clocks().timers() + std::chrono::milliseconds(milliseconds);
-  m_armedUntil.store(until.time_since_epoch().count(), std::memory_order_relaxed);
+  const MonotonicClock::duration delay = std::chrono::milliseconds(milliseconds);
+  m_armedUntil.store(timersNow.load(std::memory_order_relaxed) + delay.count(),
+                     std::memory_order_relaxed);
 }
 
-bool Stage::isAimedAt(Place place, Role role) {
-  const Moment& at = scenario.at();
+bool Stage::isAimedAt(const char* what) {
+  const Role role = self().role;
   // The timer thread cannot make itself expire.
   const bool counts = scenario.moment == Anywhere ? role != Role::Timer && role != Role::Main
-                                                  : place == at.place && role == at.role;
+                                                  : isSame(what, scenario.at().at);
   return counts && m_passages.fetch_add(1, std::memory_order_relaxed) == scenario.nth;
 }
 
@@ -152,23 +128,21 @@ void Stage::fire() {
   if (until == 0) {
     return;
   }
-  m_hasFired.store(true, std::memory_order_relaxed);
   if (scenario.probeClockFollows) {
-    clocks().moveProbesBy(scenario.budget + 1);
+    probesNow.fetch_add(scenario.budget + 1, std::memory_order_relaxed);
   }
-  clocks().moveTimersTo(MonotonicClock::time_point(MonotonicClock::duration(until)));
+  MonotonicClock::rep now = timersNow.load(std::memory_order_relaxed);
+  while (now < until && !timersNow.compare_exchange_weak(now, until, std::memory_order_relaxed)) {
+  }
   const bool isAnywhere = scenario.moment == Anywhere;
-  const bool met = await(isAnywhere ? unsigned{TimerHasLogged} : scenario.awaits,
-                         isAnywhere ? RandomPatience : AimPatience);
-  m_hasAwaited.store(met, std::memory_order_relaxed);
+  const bool met =
+      await(isAnywhere ? TimerExpired : scenario.awaits, isAnywhere ? RandomPatience : AimPatience);
+  m_hasAwaited.store(met || isAnywhere, std::memory_order_relaxed);
 }
 
-bool Stage::await(unsigned int milestones, microseconds patience) const {
-  if (milestones == 0) {
-    return true;
-  }
+bool Stage::await(const char* what, microseconds patience) const {
   const auto end = std::chrono::steady_clock::now() + patience;
-  while (!hasReached(milestones)) {
+  while (what != nullptr && !has(what)) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
     }
@@ -178,12 +152,9 @@ bool Stage::await(unsigned int milestones, microseconds patience) const {
 }
 
 bool Stage::hasHit() const {
-  if (scenario.moment == Never) {
-    return !hasReached(TimerIsIn);
-  }
-  const bool awaited = scenario.moment == Anywhere || m_hasAwaited.load(std::memory_order_relaxed);
-  const bool held = scenario.at().hold.until == 0 || m_hasHeld.load(std::memory_order_relaxed);
-  return hasFired() && awaited && held && hasReached(TimerHasLogged);
+  return scenario.moment == Never
+             ? !has(TimerIsIn)
+             : m_hasAwaited && has(TimerExpired) && (scenario.at().holdsAt == nullptr || m_hasHeld);
 }
 
 void Stage::makeNoise() const {
@@ -198,36 +169,20 @@ void Stage::makeNoise() const {
   }
 }
 
-void Stage::AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends,
-                            long status, const std::string& extraInfo) {
-  Event& begins = journal.add(EventKind::CallbackBegins);
-  begins.role = self().role;
-  if (callbacks.fetch_add(1, std::memory_order_relaxed) == 0) {
-    outcome = {reason, headends, status, extraInfo, self().role};
+void Stage::AHSSelectedHost(unsigned int ofReason, const std::vector<std::string>& list,
+                            long ofStatus, const std::string& info) {
+  if (status == -1) {
+    reason = ofReason;
+    headends = list;
+    status = ofStatus;
+    extraInfo = info;
   }
-  pass(Place::ClientCalled);
-  if (scenario.callbackPauseUs != 0) {
-    std::this_thread::sleep_for(microseconds(scenario.callbackPauseUs));
-  }
-  pass(Place::ClientLeft);
-  journal.add(EventKind::CallbackEnds).role = self().role;
+  pass(ClientCalled);
+  std::this_thread::sleep_for(microseconds(scenario.callbackPauseUs));
+  pass(ClientLeft);
   if (scenario.callbackThrows) {
     throw std::runtime_error("the client's own trouble");
   }
-}
-
-void Stages::set(std::size_t index, Stage* stage) {
-  m_stages[index].store(stage, std::memory_order_relaxed);
-}
-
-Stage* Stages::find(const void* run) const {
-  for (const std::atomic<Stage*>& entry : m_stages) {
-    Stage* const stage = entry.load(std::memory_order_relaxed);
-    if (stage != nullptr && stage->run() == run) {
-      return stage;
-    }
-  }
-  return nullptr;
 }
 
 }  // namespace stress

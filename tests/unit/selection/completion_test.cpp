@@ -54,7 +54,7 @@ struct End {
 
 class TheEnd : public Completion, public testing::WithParamInterface<Row<End>> {};
 
-TEST_P(TheEnd, IsDeliveredAndSaid) {
+TEST_P(TheEnd, IsDeliveredOnAThreadOfItsOwnAndSaid) {
   const End& end = GetParam().is;
   CHeadendSelection& selection = makeFor({"gw1", "gw2:8443", "[2001:db8::1]:8443"}, 5, end.last);
   member<FoundInCache>(selection) = end.areCached;
@@ -67,8 +67,9 @@ TEST_P(TheEnd, IsDeliveredAndSaid) {
   if (end.isSaid) {
     said.push_back(end.list.empty() ? SelectsNone : Selects + end.list.front());
   }
-  EXPECT_EQ(doubles::log().textsOf("finishAHS"), said);
+  EXPECT_EQ(doubles::log().texts("finishAHS"), said);
   const Client::Outcome outcome = delivered();
+  EXPECT_NE(outcome.thread, std::this_thread::get_id());
   EXPECT_EQ(outcome.reason, 5U);
   EXPECT_EQ(outcome.status, end.delivered);
   EXPECT_EQ(outcome.headends, end.list);
@@ -117,27 +118,35 @@ INSTANTIATE_TEST_SUITE_P(
     }),
     nameOfRow);
 
-TEST_F(Completion, ASecondCallDeliversNothingAndOnlyLogs) {
-  makeWithResults();
-  finish(true, Success);
-  const std::size_t before = doubles::log().lines().size();
-  finish(true, SomeFailure, "ignored");
-
-  EXPECT_EQ(doubles::log().lines().size(), before + 1);
-  EXPECT_EQ(doubles::log().texts().back(), SecondTime);
-  EXPECT_EQ(seams().starts, 1);
-  EXPECT_EQ(delivered().status, AddedToCache);
-}
-
-TEST_F(Completion, TheFirstCallDeletesTheTimerWhenAskedToAfterItsFirstLine) {
-  makeWithResults();
-  arm();
-  doubles::log().setHook([](const doubles::LogLine& line) {
-    EXPECT_EQ(timers().live, line.message == "QIB in finishAHS() for first time" ? 1 : 0);
+TEST_F(Completion, EachCallHoldsTheEndLockAndDeletesTheTimerAndASecondOneDeliversNothing) {
+  CHeadendSelection& selection = makeWithResults();
+  Texts events;
+  seams().onLock.set([&, end = &member<EndLock>(selection)](const CManualLock* lock, bool taken) {
+    if (lock == end) {
+      events.emplace_back(taken ? "taken" : "given back");
+    }
   });
+  doubles::log().setHook([&](const doubles::LogLine& line) {
+    const bool isRanking = line.function == "logPingResults";
+    events.push_back((timers().live == 0 ? "without timer: " : "") + line.message.substr(0, 30) +
+                     (isRanking && run->isThreadTerminated() ? " and no further worker" : ""));
+  });
+  seams().beforeStart.set([&](CThread&) -> std::optional<STATUSCODE> {
+    events.emplace_back("started");
+    return std::nullopt;
+  });
+  arm();
   finish(true, Success);
+  arm();
+  finish(false, SomeFailure, "ignored");
+  seams().onLock.set(nullptr);
 
-  EXPECT_EQ(timers().live, 0);
+  EXPECT_THAT(events,
+              ElementsAre("taken", "QIB in finishAHS() for first t",
+                          "without timer: *** QIB Selection Results ***\n and no further worker",
+                          "without timer: Finished QIB thread, selected ", "started", "given back",
+                          "taken", "without timer: QIB in finishAHS() a second ti", "given back"));
+  EXPECT_EQ(delivered().status, AddedToCache);
 }
 
 TEST_F(Completion, TheTimersOwnExpiryLeavesTheTimerAndTheSecondCallReleasesIt) {
@@ -156,57 +165,6 @@ TEST_F(Completion, TheTimersOwnExpiryLeavesTheTimerAndTheSecondCallReleasesIt) {
   EXPECT_NE(outcome.thread, timerThreadId);
 }
 
-TEST_F(Completion, StopsTheStartOfFurtherWorkersBeforeItRanks) {
-  makeWithResults();
-  bool stoppedBeforeRanking = false;
-  doubles::log().setHook([&](const doubles::LogLine& line) {
-    stoppedBeforeRanking |= line.function == "logPingResults" && run->isThreadTerminated();
-  });
-  finish(false, TimedOut);
-
-  EXPECT_TRUE(stoppedBeforeRanking);
-}
-
-TEST_F(Completion, HoldsTheEndLockFromTheFirstLineToTheStartOfTheResultsThread) {
-  CHeadendSelection& selection = makeWithResults();
-  int depth = 0;
-  std::vector<int> depths;
-  seams().onLock.set([&, end = &member<EndLock>(selection)](const CManualLock* lock, bool taken) {
-    if (lock == end) {
-      depth += taken ? 1 : -1;
-    }
-  });
-  doubles::log().setHook([&](const doubles::LogLine&) { depths.push_back(depth); });
-  seams().beforeStart.set([&](CThread&) -> std::optional<STATUSCODE> {
-    depths.push_back(depth);
-    return std::nullopt;
-  });
-  finish(true, Success);
-  seams().onLock.set(nullptr);
-
-  EXPECT_THAT(depths, ElementsAre(1, 1, 1, 1)) << "two lines, the report, and the start";
-  EXPECT_EQ(depth, 0);
-}
-
-TEST_F(Completion, ASecondCallOfAnyKindHoldsTheEndLockUntilItHasDeletedTheTimerAndLogged) {
-  CHeadendSelection& selection = makeWithResults();
-  finish(true, Success);
-  arm();
-  Texts events;
-  seams().onLock.set([&, end = &member<EndLock>(selection)](const CManualLock* lock, bool taken) {
-    if (lock == end) {
-      events.emplace_back(taken ? "taken" : "given back");
-    }
-  });
-  doubles::log().setHook([&](const doubles::LogLine&) {
-    events.emplace_back(timers().live == 0 ? "logged without timer" : "logged");
-  });
-  finish(false, TimedOut);
-  seams().onLock.set(nullptr);
-
-  EXPECT_THAT(events, ElementsAre("taken", "logged without timer", "given back"));
-}
-
 TEST_F(Completion, AResultsThreadThatDoesNotStartIsNotReported) {
   makeWithResults();
   seams().beforeStart.set(
@@ -218,13 +176,6 @@ TEST_F(Completion, AResultsThreadThatDoesNotStartIsNotReported) {
   destroy();
 
   EXPECT_EQ(doubles::log().lines().size(), before);
-}
-
-TEST_F(Completion, TheClientIsCalledOnAThreadOfItsOwn) {
-  makeWithResults();
-  finish(true, Success);
-
-  EXPECT_NE(delivered().thread, std::this_thread::get_id());
 }
 
 TEST_F(Completion, AnExpiryWithoutARunOnlyLogs) {

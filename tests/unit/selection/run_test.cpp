@@ -54,15 +54,6 @@ TEST_F(SelectHeadend, TheCacheIsAskedWithoutALockAfterTheResultsLockWasTakenAndG
               ElementsAre("results+", "results-", "look-up"));
 }
 
-TEST_F(SelectHeadend, AMissThatIsMeasuredLeavesTheListAlone) {
-  CHeadendSelection& selection = makeFor({"gw1"});
-  EXPECT_EQ(select(), 0);
-
-  EXPECT_FALSE(member<FoundInCache>(selection));
-  EXPECT_THAT(list, IsEmpty());
-  EXPECT_THAT(recordsOf(member<PingResults>(selection)), ElementsAre("gw1 10"));
-}
-
 TEST_F(SelectHeadend, AFailedMeasurementGivesTheLastHeadendWithItsPortIfItHasOne) {
   timers().hasContext = false;
   for (const std::string last : {"gw1:8443", "gw1", ""}) {
@@ -142,18 +133,6 @@ TEST_F(Run, AProviderThatThrowsWhatIsNoExceptionDoesNotEither) {
 
   EXPECT_EQ(client.only().status, Unexpected);
   EXPECT_THAT(client.only().headends, ElementsAre("gw1")) << "the test probe has made it the last";
-}
-
-TEST_F(Run, WhenTheTimerWinsTheRealmThatTheRunBringsIsDropped) {
-  probes().answerTest({.httpStatus = 407,
-                       .headers = "HTTP/1.1 407 no\r\nProxy-Authenticate: Basic realm=\"x\"\r\n",
-                       .during = [&] { EXPECT_TRUE(fireTimer()); }});
-  makeFor({"gw1"});
-  runToEnd();
-
-  EXPECT_EQ(client.only().status, SelectionFailure);
-  EXPECT_EQ(client.only().extraInfo, "");
-  EXPECT_EQ(doubles::log().texts().back(), "finishAHS I QIB in finishAHS() a second time");
 }
 
 // The transcripts.
@@ -253,42 +232,6 @@ TEST_F(Run, AReconnectionThatRetainsAWorseLastHeadendSaysSo) {
   EXPECT_EQ(client.only().reason, Reconnection);
   EXPECT_EQ(client.only().status, AddedToCache);
   EXPECT_THAT(client.only().headends, ElementsAre("gw-b", "gw-a"));
-}
-
-TEST_F(Run, ATimeOutDuringTheProbesKeepsTheLastHeadendAndEndsTwiceInTheLog) {
-  cache().settings.nPingsPerHeadend = 1;
-  Gate probing;
-  Gate release;
-  probes().answer("gw1", {{.rtt = 40, .during = [&] {
-                             probing.open();
-                             EXPECT_TRUE(release.wait());
-                           }}});
-  makeFor({"gw1"});
-  startRun();
-  ASSERT_TRUE(probing.wait());
-  EXPECT_TRUE(fireTimer());
-  release.open();
-  joinRun();
-
-  EXPECT_THAT(
-      transcript(),
-      ElementsAre(
-          starting("connection", ""), "startPingThreads I QIB Sending test ping to gw1:443",
-          "startPingThreads I QIB test ping took 0", "Run I QIB starting thread named gw1",
-          "OnTimerExpired W QIB timer expired", "finishAHS I QIB in finishAHS() for first time",
-          "getBestHeadendsList I didn't get any QIB results from "
-          "CCacheEntry::GetHeadendList()",
-          "logPingResults I *** QIB Selection Results ***\n"
-          "QIB performed for connection attempt. Last server: 'gw1'\n"
-          "\n"
-          "Unable to generate search results. Retaining the last server.\n",
-          "finishAHS I Finished QIB thread, selected gw1",
-          "logThreadPingResults I QIB ping results for gw1: (40 )",
-          "Run I QIB terminating thread for gw1", "finishAHS I QIB in finishAHS() a second time"));
-  EXPECT_EQ(client.only().status, SelectionFailure);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw1"));
-  EXPECT_EQ(client.only().extraInfo, "");
-  EXPECT_THAT(cache().stored(), IsEmpty());
 }
 
 TEST_F(Run, AnAuthenticatingProxyEndsTheRunWithItsRealm) {

@@ -45,8 +45,6 @@ extern "C" void* __wrap__ZN7CThreadnwEm(std::size_t size) {
 namespace tests {
 namespace {
 
-using testing::UnorderedElementsAre;
-
 class Scarcity : public SelectionTest {
  protected:
   Scarcity() {
@@ -78,6 +76,7 @@ struct Shortage {
   int objects = Plenty;
   /// What runs short during the test probe.
   std::function<void()> during = {};
+  std::atomic<int>* ofSecondWorker = nullptr;  ///< runs short for that one alone
   long status = AddedToCache;
   Texts headends = {};
 };
@@ -87,8 +86,21 @@ class AShortage : public Scarcity, public testing::WithParamInterface<Row<Shorta
 TEST_P(AShortage, StillGivesOneCall) {
   const Shortage& shortage = GetParam().is;
   probes().answer("gw1", {{.rtt = 20}});
+  probes().answer("gw3", {{.rtt = 30}});
   probes().answerTest({.rtt = 3, .during = shortage.during});
-  makeFor({"gw1", "gw2"}, shortage.reason, shortage.last);
+  int started = 0;
+  seams().afterStart.set([&](CThread&) {
+    if (shortage.ofSecondWorker != nullptr) {
+      *shortage.ofSecondWorker = ++started == 1 ? 0 : Plenty;
+    }
+  });
+  // What follows the failed one has its memory again.
+  doubles::log().setHook([&](const doubles::LogLine& line) {
+    if (shortage.ofSecondWorker != nullptr && line.message == "CSelectionThread") {
+      objectsLeft = Plenty;
+    }
+  });
+  makeFor({"gw1", "gw2", "gw3"}, shortage.reason, shortage.last);
   threadsLeft = shortage.threads;
   objectsLeft = shortage.objects;
   runToEnd();
@@ -97,17 +109,24 @@ TEST_P(AShortage, StillGivesOneCall) {
   EXPECT_EQ(client.only().headends, shortage.headends);
   EXPECT_EQ(client.only().reason, shortage.reason);
   EXPECT_EQ(client.only().extraInfo, "");
+  if (shortage.ofSecondWorker == &objectsLeft) {
+    EXPECT_EQ(doubles::log().count("startPingThreads W CSelectionThread 0xFE530004"), 1U);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Of, AShortage,
     testing::ValuesIn(Rows<Shortage>{
         {"AResultsThreadUsesTheThreadInReserve",
-         {.threads = 2 /* the workers' */, .headends = {"gw2", "gw1"}}},
+         {.threads = 3 /* the workers' */, .headends = {"gw2", "gw1", "gw3"}}},
+        {"AThreadForAWorkerLeavesTheOthersToChooseFrom",
+         {.ofSecondWorker = &threadsLeft, .headends = {"gw1", "gw3"}}},
+        {"MemoryForAWorkerLeavesTheOthersToChooseFrom",
+         {.ofSecondWorker = &objectsLeft, .headends = {"gw1", "gw3"}}},
         {"AnyThreadDeliversTheLastHeadendOnTheThreadInReserve",
          {.threads = 0, .status = SelectionFailure, .headends = {"gw2"}}},
         {"TheResultsThreadsMemoryUsesTheOneThatTheRunBroughtAlong",
-         {.objects = 2 /* the workers' */, .status = MemoryFailed, .headends = {"gw2"}}},
+         {.objects = 3 /* the workers' */, .status = MemoryFailed, .headends = {"gw2"}}},
         {"ThreadsAndMemoryDeliversTheLastHeadend",
          {.reason = Reconnection,
           .last = "gw1",
@@ -130,39 +149,6 @@ TEST_F(Scarcity, ATimerThatEndsTheRunWithoutAThreadForTheResultsUsesTheReserveTo
 
   EXPECT_EQ(outcome().status, SelectionFailure);
   EXPECT_THAT(client.only().headends, ElementsAre("gw1"));
-}
-
-TEST_F(Scarcity, AWorkerThatCannotBeCreatedLeavesTheOthersToChooseFrom) {
-  makeFor({"gw1", "gw2", "gw3"});
-  int started = 0;
-  seams().afterStart.set([&started](CThread&) {
-    ++started;
-    threadsLeft = started == 1 ? 0 : Plenty;  // the second worker finds none
-  });
-  runToEnd();
-
-  EXPECT_EQ(outcome().status, AddedToCache);
-  EXPECT_THAT(client.only().headends, UnorderedElementsAre("gw1", "gw3"));
-}
-
-TEST_F(Scarcity, AWorkerWithoutMemoryLeavesTheOthersToChooseFrom) {
-  makeFor({"gw1", "gw2", "gw3"});
-  int started = 0;
-  seams().afterStart.set([&started](CThread&) {
-    ++started;
-    objectsLeft = started == 1 ? 0 : Plenty;
-  });
-  // What follows the failed one has its memory again.
-  doubles::log().setHook([](const doubles::LogLine& line) {
-    if (line.message == "CSelectionThread") {
-      objectsLeft = Plenty;
-    }
-  });
-  runToEnd();
-
-  EXPECT_EQ(outcome().status, AddedToCache);
-  EXPECT_THAT(client.only().headends, UnorderedElementsAre("gw1", "gw3"));
-  EXPECT_EQ(doubles::log().count("startPingThreads W CSelectionThread 0xFE530004"), 1U);
 }
 
 TEST_F(Scarcity, TheReserveServesRunAfterRun) {

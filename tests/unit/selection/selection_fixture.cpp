@@ -42,14 +42,8 @@ Client::Outcome Client::only() const {
 }
 
 SelectionTest::SelectionTest() {
-  journal().reset();
-  doubles::log().reset();
-  probes().reset();
-  doubles::clock().reset();
-  timers().reset();
-  cache().reset();
+  doubles::renewWorld();
   preferences().reset();
-  seams().reset();
 }
 
 void SelectionTest::TearDown() {

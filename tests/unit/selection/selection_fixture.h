@@ -11,13 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/selection/doubles/app_log.h"
-#include "tests/unit/selection/doubles/gate.h"
-#include "tests/unit/selection/doubles/http_probe.h"
+#include "tests/unit/selection/doubles/doubles.h"
 #include "tests/unit/selection/doubles/preferences.h"
-#include "tests/unit/selection/doubles/seams.h"
-#include "tests/unit/selection/doubles/selection_cache.h"
-#include "tests/unit/selection/doubles/timers.h"
 #include "tests/unit/selection/selection_access.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/ClientIfcBase.h"

@@ -61,7 +61,7 @@ class TheWork : public AWorker, public testing::WithParamInterface<Row<Work>> {}
 
 TEST_P(TheWork, IsLoggedByHostAndReportedAndEndedWithThePort) {
   const Work& work = GetParam().is;
-  doubles::clock().set(work.clock);
+  doubles::clock() = work.clock;
   probes().answer("gw1", work.answers);
   EXPECT_EQ(build("gw1:8443", work.pings, work.budget).Run(), work.exit);
 
@@ -212,7 +212,7 @@ TEST_F(AWorker, SendsItsProbesDirectlyOnAConnectionThatEndsWithIt) {
     EXPECT_TRUE(probe.resultsWereZero);
     EXPECT_TRUE(probe.connectionKept);
   }
-  EXPECT_EQ(doubles::keptConnections(), 0U);
+  EXPECT_EQ(doubles::keptConnections, 0U);
   build("gw1", 1, 10000, 999).Run();
   EXPECT_EQ(probes().workerCalls().back().timeout, 0U);
 }

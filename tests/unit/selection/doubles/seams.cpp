@@ -1,35 +1,9 @@
 // The wrappers that the linker puts in front of real operations. Each calls the real one unless a
 // hook decides otherwise. Their names are the mangled names of the operations.
 
-#include "tests/unit/selection/doubles/seams.h"
-
 #include <new>
 
-#include "vpn/Api/AHS/CacheEntry.h"
-
-namespace doubles {
-
-void Seams::reset() {
-  beforeStart.set(nullptr);
-  afterStart.set(nullptr);
-  beforeWait.set(nullptr);
-  afterWait.set(nullptr);
-  beforeDelete.set(nullptr);
-  onLock.set(nullptr);
-  beforeReading.set(nullptr);
-  listStatus = 0;
-  fillsList = false;
-  starts = 0;
-  lockArguments.set({});
-  threadArguments.set({});
-}
-
-Seams& seams() {
-  static Seams& instance = *new Seams;  // late threads may still pass through it
-  return instance;
-}
-
-}  // namespace doubles
+#include "tests/unit/selection/doubles/doubles.h"
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
@@ -43,8 +17,6 @@ STATUSCODE __real__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS
 void __real__ZN11CCacheEntryC1ERKS_(CCacheEntry* entry, const CCacheEntry* other);
 void __real__ZN11CManualLock4LockEv(CManualLock* lock);
 void __real__ZN11CManualLock6UnlockEv(CManualLock* lock);
-void __real__ZN11CManualLockC1Em(CManualLock* lock, unsigned long argument);
-void __real__ZN7CThreadC2Em(CThread* thread, unsigned long argument);
 
 STATUSCODE __wrap__ZN7CThread5StartEv(CThread* thread) {
   ++doubles::seams().starts;
@@ -113,16 +85,6 @@ void __wrap__ZN11CManualLock6UnlockEv(CManualLock* lock) {
     hook(lock, false);
   }
   __real__ZN11CManualLock6UnlockEv(lock);
-}
-
-void __wrap__ZN11CManualLockC1Em(CManualLock* lock, unsigned long argument) {
-  doubles::seams().lockArguments.with([&](auto& all) { all.push_back(argument); });
-  __real__ZN11CManualLockC1Em(lock, argument);
-}
-
-void __wrap__ZN7CThreadC2Em(CThread* thread, unsigned long argument) {
-  doubles::seams().threadArguments.with([&](auto& all) { all.push_back(argument); });
-  __real__ZN7CThreadC2Em(thread, argument);
 }
 
 }  // extern "C"

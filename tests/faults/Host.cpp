@@ -5,35 +5,22 @@
 #include "tests/faults/Host.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <openssl/crypto.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <new>
-#include <sstream>
-#include <stdexcept>
 #include <thread>
 
 #include "tests/support/Eventually.h"
 #include "tests/support/ProviderWithoutProxy.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
-#include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/AHS/SelectionFiles.h"
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Common/Utility/Thread.h"
-
-extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
 namespace tests {
 namespace {
@@ -45,84 +32,28 @@ constexpr unsigned int PatienceSeconds = 60;
 /// selection.
 std::array<std::string, DisturbedHost::HeadendCount> headendNames;
 
-// --- What is said when a selection does not end ------------------------------------------------
-
-std::array<char, 256> faultText{};
-
-void sayFault() {
-  // The test's own write(2) is no different, but need not be asked.
-  static_cast<void>(!::write(STDERR_FILENO, faultText.data(), std::strlen(faultText.data())));
-}
-
-void onAlarm(int) {
-  constexpr char Text[] = "\nThe selection does not end. ";
-  static_cast<void>(!::write(STDERR_FILENO, Text, sizeof Text - 1));
-  std::abort();
-}
-
-void onAbort(int) { sayFault(); }
-
-void watchForDeath() {
-  struct sigaction action {};
-  action.sa_handler = onAlarm;
-  sigaction(SIGALRM, &action, nullptr);
-  action.sa_handler = onAbort;  // returns, upon which abort(3) ends the process
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
-  sigaction(SIGABRT, &action, nullptr);
-  if (__sanitizer_set_death_callback != nullptr) {
-    __sanitizer_set_death_callback(sayFault);
-  } else {
-    sigaction(SIGSEGV, &action, nullptr);
-  }
-}
-
-void describe(const Fault& fault) {
-  std::snprintf(faultText.data(), faultText.size(), "[fault: call %d, number %lu%s, error %d]\n",
-                static_cast<int>(fault.call), fault.first, fault.lasting ? " and all after it" : "",
-                fault.error);
-}
-
-// --- The client --------------------------------------------------------------------------------
-
 /// Keeps the first call's outcome in numbers, so that it needs no memory.
 class FrugalClient : public ClientIfcBase {
  public:
+  explicit FrugalClient(Outcome& outcome) : m_outcome(outcome) {}
+
   void AHSSelectedHost(unsigned int, const std::vector<std::string>& headends, long status,
                        const std::string&) override {
     const Exemption hostsOwn;
-    if (m_calls++ != 0) {
+    if (m_outcome.calls++ != 0) {
       return;
     }
-    m_status = status;
-    m_headends = static_cast<unsigned int>(headends.size());
-    m_isLastFirst = !headends.empty() && headends.front() == headendNames.back();
-    std::array<unsigned int, DisturbedHost::HeadendCount> found{};
-    unsigned int known = 0;
-    for (const std::string& headend : headends) {
-      const auto name = std::find(headendNames.begin(), headendNames.end(), headend);
-      if (name != headendNames.end() &&
-          found[static_cast<std::size_t>(name - headendNames.begin())]++ == 0) {
-        ++known;
-      }
-    }
-    m_areKnown = known == m_headends;
-  }
-
-  void Report(Outcome& outcome) const {
-    outcome.calls = m_calls;
-    outcome.status = m_status;
-    outcome.headends = m_headends;
-    outcome.areKnown = m_areKnown;
-    outcome.isLastFirst = m_isLastFirst;
+    m_outcome.status = status;
+    m_outcome.headends = static_cast<unsigned int>(headends.size());
+    m_outcome.isLastFirst = !headends.empty() && headends.front() == headendNames.back();
+    const auto found = std::ranges::count_if(headendNames, [&](const std::string& name) {
+      return std::ranges::find(headends, name) != headends.end();
+    });
+    m_outcome.areKnown = found == std::ssize(headends);
   }
 
  private:
-  // The results thread writes, and has ended when the test reads.
-  std::atomic<unsigned int> m_calls{0};
-  std::atomic<STATUSCODE> m_status{-1};
-  std::atomic<unsigned int> m_headends{0};
-  std::atomic<bool> m_areKnown{false};
-  std::atomic<bool> m_isLastFirst{false};
+  Outcome& m_outcome;  // the test's again when the run has returned
 };
 
 /// Constructs a run; null when that failed, as `outcome` then tells.
@@ -170,10 +101,7 @@ DisturbedHost::DisturbedHost()
   HttpProbe::setTrustFile("");  // a certificate that is not trusted is an answer too
   std::ranges::copy(m_gateways.Addresses(), headendNames.begin());
   headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
-  watchForDeath();
 }
-
-std::string DisturbedHost::Log() const { return readFile(m_host.LogFile()); }
 
 void DisturbedHost::Start() {
   std::filesystem::remove(m_host.LogFile());
@@ -192,8 +120,7 @@ Outcome DisturbedHost::Select(const Fault& fault, Probing probing) {
   const unsigned int ourThreads = CThread::RunningCount();
   const unsigned int allThreads = threadCount();
   Outcome outcome;
-  FrugalClient client;
-  describe(fault);
+  FrugalClient client(outcome);
   ::alarm(PatienceSeconds);
   arm(fault);
   if (CHeadendSelection* const selection = construct(client, headendNames.back(), outcome)) {
@@ -205,7 +132,6 @@ Outcome DisturbedHost::Select(const Fault& fault, Probing probing) {
   }
   outcome.seen = disarm();
   ::alarm(0);
-  client.Report(outcome);
   return outcome;
 }
 
@@ -218,10 +144,6 @@ void DisturbedHost::ResetCache() const {
     text.replace(stamp, text.find('"', stamp) - stamp, "1");
     std::ofstream(item.path(), std::ios::trunc) << text;
   }
-}
-
-void DisturbedHost::RemoveCacheDirectory() const {
-  std::filesystem::remove_all(m_host.CacheDirectory());
 }
 
 bool DisturbedHost::IsStored() const {
@@ -242,24 +164,6 @@ std::string DisturbedHost::FindCacheFlaw() const {
 }
 
 unsigned int openDescriptors() { return countEntries("/proc/self/fd"); }
-
-void startFirstThread() {
-  std::thread([] {}).join();
-}
-
-void mendStandardInput() {
-  if (::fcntl(STDIN_FILENO, F_GETFD) == -1) {
-    EXPECT_EQ(::open("/dev/null", O_RDONLY), STDIN_FILENO);
-  }
-}
-
-void wakeResolver() {
-  std::vector<std::string> place;
-  EXPECT_TRUE(readResolverPlace(place));
-}
-
-bool isTlsUsable() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
-
 unsigned int threadCount() { return countEntries("/proc/self/task"); }
 
 }  // namespace tests

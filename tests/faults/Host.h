@@ -1,8 +1,6 @@
 #pragma once
 
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "tests/faults/Injection.h"
 #include "tests/host/HostScene.h"
@@ -30,9 +28,7 @@ struct Outcome {
 
 /// A process that selects: gateways on the loopback interface, one of them known by a name, and one
 /// more that is down; preferences, a log file, a cache.
-/// Used by one thread, which is exempt from faults.
-///
-/// A selection that does not end, and a process that dies in one, say which fault was at work.
+/// Used by one thread, which is exempt from faults. A selection that does not end ends the process.
 class DisturbedHost {
  public:
   /// Headends that answer.
@@ -46,7 +42,7 @@ class DisturbedHost {
   void Stop();
 
   /// What has been logged since.
-  std::string Log() const;
+  std::string Log() const { return readFile(m_host.LogFile()); }
 
   /// Runs one selection to its end while `fault` is armed, and waits until none of its threads is
   /// left. No block of memory that it takes for itself is left either.
@@ -54,9 +50,7 @@ class DisturbedHost {
 
   /// Makes its directory, and what has been selected expire.
   void ResetCache() const;
-  /// Takes away the directory of the cache.
-  void RemoveCacheDirectory() const;
-
+  std::string CacheDirectory() const { return m_host.CacheDirectory(); }
   /// Whether a selection that has not expired is in the cache.
   bool IsStored() const;
   /// What is wrong with the cache: a file that is no selection, or none of the cache's.
@@ -71,26 +65,8 @@ class DisturbedHost {
   unsigned int m_allThreads = 0;
 };
 
-/// Open file descriptors of this process.
+/// Open file descriptors and threads of this process.
 unsigned int openDescriptors();
-
-/// Threads of this process.
 unsigned int threadCount();
-
-/// Starts a thread that ends at once. ThreadSanitizer starts one of its own, which stays, with the
-/// first of a process: threads are to be counted after that.
-void startFirstThread();
-
-/// Opens the standard input again if it has been closed. libcurl up to 7.88 closes descriptor 0
-/// when it gets no memory for the lock of a look-up (it takes a field that is not set yet for a
-/// socket).
-void mendStandardInput();
-
-/// Has the C library make what its resolver needs for good. That of glibc 2.36 does not survive if
-/// it gets no memory for it: it then keeps a lock for ever, or never works again.
-void wakeResolver();
-
-/// Whether OpenSSL has come up. It tries once a process.
-bool isTlsUsable();
 
 }  // namespace tests

@@ -120,24 +120,20 @@ extern "C" std::size_t fwrite(const void* data, std::size_t size, std::size_t co
 
 FAILING(Call::Flush, EOF, int, fflush, (FILE * stream), (stream));
 
-extern "C" int close(int descriptor) {
-  static auto* const real = original<int(int)>("close");
-  const bool fails = strikes(Call::Close);
-  const int error = errno;
-  const int result = real(descriptor);
-  errno = fails ? error : errno;
-  return fails ? -1 : result;
-}
+/// The same for one that closes all the same.
+#define CLOSING(failure, Type, name)                      \
+  extern "C" int name(Type opened) {                      \
+    static auto* const real = original<int(Type)>(#name); \
+    const bool fails = strikes(Call::Close);              \
+    const int error = errno;                              \
+    const int result = real(opened);                      \
+    errno = fails ? error : errno;                        \
+    return fails ? failure : result;                      \
+  }                                                       \
+  static_assert(true, "takes a semicolon")
 
-extern "C" int fclose(FILE* stream) {
-  static auto* const real = original<int(FILE*)>("fclose");
-  const bool fails = strikes(Call::Close);
-  const int error = errno;
-  const int result = real(stream);
-  errno = fails ? error : errno;
-  return fails ? EOF : result;
-}
-
+CLOSING(-1, int, close);
+CLOSING(EOF, FILE*, fclose);
 FAILING(Call::Rename, -1, int, rename, (const char* from, const char* to), (from, to), noexcept);
 FAILING(Call::MakeDirectory, -1, int, mkdir, (const char* path, mode_t mode), (path, mode),
         noexcept);

@@ -1,147 +1,364 @@
-// What may fail in a selection, and what that may cost it. Log and cache are conveniences: whatever
-// becomes of their files, the selection is the same. Of the network, what fails once costs a probe
-// at most, and a worker has a second one; a name that is not found costs its headend.
+// Selections in a process in which one thing after another fails. Whatever it is, the client is
+// called exactly once with something it can use, nothing is left behind, and the next selection is
+// as if nothing had been. Each disturbed selection has a client library of its own, so that it
+// finds the log file open and leaves nothing to hide behind.
+//
+// Where there are very many calls, only some of them are made to fail in turn, evenly spread. The
+// environment variable AHS_FAULTS is "all" for each of them, or the number of the only one.
 
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <netdb.h>
+#include <openssl/crypto.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <thread>
 
-#include "tests/faults/FaultTest.h"
+#include "tests/faults/Host.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Common/Utility/Thread.h"
+
+extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
 namespace tests {
 namespace {
 
+/// Threads race, so that runs differ a little in how often they call what fails.
+constexpr unsigned long CallsBeyond = 3;
+
+/// Calls that fail in turn when not all are asked for: in one process, and each in a child's.
+constexpr unsigned long ManyRuns = 500;
+constexpr unsigned long ManyFirstRuns = 100;
+
+/// Statuses with which a selection may end that something disturbed.
+constexpr STATUSCODE Endings[] = {
+    HEADENDSELECTION_ERROR_ADDED_TO_CACHE,
+    HEADENDSELECTION_ERROR_SELECTION_FAILURE,
+    HEADENDSELECTION_ERROR_MEMALLOC_FAILED,
+};
+
+/// One fault after another: at the first call, at the second one, and so on.
+struct Sweep {
+  std::string name;
+  Fault fault;  ///< `first` is set by the sweep
+  /// Headends that a selection delivers however it is disturbed; if it may deliver fewer than all,
+  /// it may fail as well.
+  unsigned int leastHeadends = 0;
+  Probing probing = Probing::Plain;
+
+  friend void PrintTo(const Sweep& sweep, std::ostream* out) { *out << sweep.name; }
+};
+
+const auto nameOfSweep = [](const auto& info) { return info.param.name; };
+
+/// The numbers of the calls that fail in turn.
+std::vector<unsigned long> numbers(unsigned long calls, unsigned long most) {
+  const char* const asked = std::getenv("AHS_FAULTS");
+  const bool isAll = asked != nullptr && std::string(asked) == "all";
+  if (asked != nullptr && !isAll) {
+    return {std::stoul(asked)};
+  }
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  most /= 3;
+#endif
+  const unsigned long step = isAll ? 1 : std::max(1UL, (calls + most - 1) / most);
+  std::vector<unsigned long> result;
+  for (unsigned long number = 1; number <= calls + CallsBeyond; number += step) {
+    result.push_back(number);
+  }
+  return result;
+}
+
+/// Starts a thread that ends at once. ThreadSanitizer starts one of its own, which stays, with the
+/// first of a process: threads are to be counted after that.
+void startFirstThread() {
+  std::thread([] {}).join();
+}
+
+class AFault : public testing::TestWithParam<Sweep> {
+ protected:
+  static void SetUpTestSuite() {
+    startFirstThread();
+    sm_host = std::make_unique<DisturbedHost>();
+  }
+  static void TearDownTestSuite() { sm_host.reset(); }
+
+  void DisturbAll(unsigned long calls, unsigned long most,
+                  const std::function<Seen(const Fault&)>& disturb);
+  void Prepare();
+  unsigned long CountCalls();
+  Seen Examine(const Fault& fault);
+  void CheckDisturbed(const Outcome& outcome);
+  void CheckUndisturbed();
+
+  static std::unique_ptr<DisturbedHost> sm_host;
+};
+
+std::unique_ptr<DisturbedHost> AFault::sm_host;
+
+void AFault::DisturbAll(unsigned long calls, unsigned long most,
+                        const std::function<Seen(const Fault&)>& disturb) {
+  ASSERT_GT(calls, 0U) << "a selection makes no such call";
+  unsigned long strikes = 0;
+  for (const unsigned long number : numbers(calls, most)) {
+    Fault fault = GetParam().fault;
+    fault.first = number;
+    // Also for a selection that does not end, or ends the process.
+    std::cout << "at call " << number << " of " << calls << std::endl;
+    strikes += disturb(fault).failed != 0 ? 1 : 0;
+    ASSERT_FALSE(HasFailure());
+  }
+  EXPECT_GT(strikes, 0U);
+}
+
+void AFault::Prepare() {
+  sm_host->Start();
+  sm_host->ResetCache();
+  if (GetParam().fault.call == Call::MakeDirectory) {
+    std::filesystem::remove_all(sm_host->CacheDirectory());
+  }
+}
+
+unsigned long AFault::CountCalls() {
+  Prepare();
+  const unsigned long calls =
+      sm_host->Select({.call = GetParam().fault.call}, GetParam().probing).seen.calls;
+  sm_host->Stop();
+  return calls;
+}
+
+Seen AFault::Examine(const Fault& fault) {
+  Prepare();
+  const unsigned int descriptors = openDescriptors();
+  const unsigned int threads = CThread::RunningCount();
+  const unsigned int tasks = threadCount();
+  const Outcome outcome = sm_host->Select(fault, GetParam().probing);
+  CheckDisturbed(outcome);
+  EXPECT_LE(CThread::RunningCount(), threads);
+  EXPECT_LE(threadCount(), tasks);
+  EXPECT_LE(openDescriptors(), descriptors);
+  if (fault.call != Call::MakeDirectory) {
+    EXPECT_EQ(sm_host->FindCacheFlaw(), "");
+  }
+  CheckUndisturbed();
+  sm_host->Stop();
+  if (HasFailure()) {
+    std::cout << sm_host->Log() << std::flush;
+  }
+  return outcome.seen;
+}
+
+void AFault::CheckDisturbed(const Outcome& outcome) {
+  if (!outcome.isConstructed) {
+    const Call call = GetParam().fault.call;
+    EXPECT_TRUE(call == Call::Allocate || call == Call::AllocateInC);
+    EXPECT_TRUE(outcome.threw || outcome.construction == HEADENDSELECTION_ERROR_MEMALLOC_FAILED)
+        << std::hex << outcome.construction;
+    EXPECT_EQ(outcome.calls, 0U);
+    return;
+  }
+  EXPECT_EQ(outcome.calls, 1U);
+  EXPECT_TRUE(outcome.areKnown);
+  EXPECT_GE(outcome.headends, std::max(1U, GetParam().leastHeadends));
+  EXPECT_THAT(Endings, testing::Contains(outcome.status)) << std::hex << outcome.status;
+  if (GetParam().leastHeadends > 1) {
+    EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
+  }
+  if (outcome.status != HEADENDSELECTION_ERROR_ADDED_TO_CACHE) {
+    EXPECT_EQ(outcome.headends, 1U);
+    EXPECT_TRUE(outcome.isLastFirst);
+  }
+}
+
+void AFault::CheckUndisturbed() {
+  sm_host->ResetCache();
+  const Outcome outcome = sm_host->Select(Fault(), GetParam().probing);
+  EXPECT_TRUE(outcome.isConstructed);
+  EXPECT_EQ(outcome.calls, 1U);
+  // OpenSSL tries to come up once a process.
+  if (GetParam().probing == Probing::Secure && OSSL_LIB_CTX_get0_global_default() == nullptr) {
+    EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_SELECTION_FAILURE);
+    return;
+  }
+  EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
+  EXPECT_EQ(outcome.headends, DisturbedHost::HeadendCount);
+  EXPECT_TRUE(outcome.areKnown);
+  EXPECT_TRUE(sm_host->IsStored());
+  EXPECT_EQ(sm_host->FindCacheFlaw(), "");
+}
+
+TEST_P(AFault, EndsInOneCall) {
+  const Exemption own;
+  unsigned long calls = 0;
+  for (int run = 0; run < 4; ++run) {  // the first ones make much that the later ones find made
+    calls = std::max(calls, CountCalls());
+  }
+  DisturbAll(calls, ManyRuns, [this](const Fault& fault) {
+    const long blocks = liveBlocks();
+    const unsigned int descriptors = openDescriptors();
+    const Seen seen = Examine(fault);
+    // libcurl up to 7.88 closes descriptor 0 when it gets no memory for the lock of a look-up (it
+    // takes a field that is not set yet for a socket).
+    if (fault.call == Call::AllocateInC && ::fcntl(STDIN_FILENO, F_GETFD) == -1) {
+      EXPECT_EQ(::open("/dev/null", O_RDONLY), STDIN_FILENO);
+    }
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_EQ(liveBlocks(), blocks);
+    return seen;
+  });
+}
+
+/// The first selection of a process, which is a child's; the gateways and the files are the
+/// parent's. Named so that the test program runs it before it has selected itself.
+class FirstSelectionDeathTest : public AFault {
+ protected:
+  /// Lets a child select. Its failures become this process's.
+  Seen InChild(const std::function<Seen()>& selection) {
+    auto* const seen = static_cast<Seen*>(
+        mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    const pid_t child = fork();
+    if (child == 0) {
+      startFirstThread();
+      // Has the C library make what its resolver needs for good. That of glibc 2.36 does not
+      // survive if it gets no memory for it: it then keeps a lock for ever, or never works again.
+      std::vector<std::string> place;
+      EXPECT_TRUE(readResolverPlace(place));
+      *seen = selection();
+      if (__lsan_do_recoverable_leak_check != nullptr) {
+        EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+      }
+      std::cout.flush();
+      std::fflush(nullptr);
+      _exit(HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << (WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : "see above");
+    const Seen result = *seen;
+    munmap(seen, sizeof(Seen));
+    return result;
+  }
+};
+
+TEST_P(FirstSelectionDeathTest, EndsInOneCall) {
+  const Exemption own;
+  const Seen seen = InChild([this] { return Seen{CountCalls(), 0}; });
+  DisturbAll(seen.calls, ManyFirstRuns,
+             [this](const Fault& fault) { return InChild([&] { return Examine(fault); }); });
+}
+
+// What may fail, and what that may cost. Log and cache are conveniences: whatever becomes of their
+// files, the selection is the same. Of the network, what fails once costs a probe at most, and a
+// worker has a second one; a name that is not found costs its headend.
+
 constexpr unsigned int All = DisturbedHost::HeadendCount;
 constexpr unsigned int AllButOne = DisturbedHost::HeadendCount - 1;
-
-Sweep once(const std::string& name, Call call, int error = 0, unsigned int least = 0,
-           Probing probing = Probing::Plain) {
-  return {.name = name + "_Once",
-          .fault = {.call = call, .error = error},
-          .leastHeadends = least,
-          .probing = probing};
-}
-
-Sweep lasting(const std::string& name, Call call, int error = 0, unsigned int least = 0,
-              Probing probing = Probing::Plain) {
-  Sweep sweep = once(name, call, error, least, probing);
-  sweep.name = name + "_FromThereOn";
-  sweep.fault.lasting = true;
-  return sweep;
-}
 
 /// Each of these errors, for once and lastingly.
 struct Kind {
   std::string name;
   Call call = Call::None;
   std::vector<int> errors;
-  unsigned int least = All;
+  unsigned int least = 0;
+  unsigned int leastOfLasting = 0;
   Probing probing = Probing::Plain;
-  bool hasCacheDirectory = true;
 };
 
 std::string nameOf(Call call, int error) {
   if (call == Call::LookUpName) {
-    return "Failure" + std::to_string(-error);
+    return "_Failure" + std::to_string(-error);
   }
-  return error == Fault::ShortWrite ? "Short" : strerrorname_np(error);
+  return error == 0                   ? ""
+         : error == Fault::ShortWrite ? "_Short"
+                                      : std::string("_") + strerrorname_np(error);
 }
 
-std::vector<Sweep> sweepsOf(const std::vector<Kind>& kinds, bool doLastingOnesCostHeadends) {
+auto sweepsOf(const std::vector<Kind>& kinds) {
   std::vector<Sweep> sweeps;
   for (const Kind& kind : kinds) {
     for (const int error : kind.errors) {
-      const std::string name = kind.name + "_" + nameOf(kind.call, error);
-      sweeps.push_back(once(name, kind.call, error, kind.least, kind.probing));
-      sweeps.push_back(lasting(name, kind.call, error, doLastingOnesCostHeadends ? 0 : kind.least,
-                               kind.probing));
-      for (std::size_t i = sweeps.size() - 2; i < sweeps.size(); ++i) {
-        sweeps[i].hasCacheDirectory = kind.hasCacheDirectory;
-      }
+      const std::string name = kind.name + nameOf(kind.call, error);
+      sweeps.push_back({name + "_Once", {kind.call, 0, false, error}, kind.least, kind.probing});
+      sweeps.push_back(
+          {name + "_FromThereOn", {kind.call, 0, true, error}, kind.leastOfLasting, kind.probing});
     }
   }
-  return sweeps;
+  return testing::ValuesIn(sweeps);
 }
-
-}  // namespace
 
 INSTANTIATE_TEST_SUITE_P(
     SelectionWithoutThreads, AFault,
-    testing::Values(once("CostsAHeadend", Call::CreateThread, EAGAIN, AllButOne),
-                    once("Secure", Call::CreateThread, EAGAIN, AllButOne, Probing::Secure),
-                    lasting("CostsWhatItMust", Call::CreateThread, EAGAIN)),
+    sweepsOf({{"Plain", Call::CreateThread, {EAGAIN}, AllButOne},
+              {"Secure", Call::CreateThread, {EAGAIN}, AllButOne, 0, Probing::Secure}}),
     nameOfSweep);
 
-INSTANTIATE_TEST_SUITE_P(SelectionWithoutMemory, AFault,
-                         testing::Values(once("Plain", Call::Allocate),
-                                         lasting("Plain", Call::Allocate)),
+INSTANTIATE_TEST_SUITE_P(SelectionWithoutMemory, AFault, sweepsOf({{"Plain", Call::Allocate, {0}}}),
                          nameOfSweep);
 
 INSTANTIATE_TEST_SUITE_P(SelectionWithoutMemory, FirstSelectionDeathTest,
-                         testing::Values(once("Plain", Call::Allocate),
-                                         lasting("Plain", Call::Allocate),
-                                         once("Secure", Call::Allocate, 0, 0, Probing::Secure),
-                                         lasting("Secure", Call::Allocate, 0, 0, Probing::Secure)),
+                         sweepsOf({{"Plain", Call::Allocate, {0}},
+                                   {"Secure", Call::Allocate, {0}, 0, 0, Probing::Secure}}),
+                         nameOfSweep);
+
+INSTANTIATE_TEST_SUITE_P(SelectionWithoutNames, AFault,
+                         sweepsOf({{"LookUp",
+                                    Call::LookUpName,
+                                    {EAI_AGAIN, EAI_NONAME, EAI_MEMORY, EAI_SYSTEM, EAI_FAIL},
+                                    AllButOne,
+                                    AllButOne}}),
                          nameOfSweep);
 
 INSTANTIATE_TEST_SUITE_P(
-    SelectionWithoutNames, AFault,
-    testing::ValuesIn(sweepsOf({{"LookUp",
-                                 Call::LookUpName,
-                                 {EAI_AGAIN, EAI_NONAME, EAI_MEMORY, EAI_SYSTEM, EAI_FAIL},
-                                 AllButOne}},
-                               false)),
-    nameOfSweep);
-
-INSTANTIATE_TEST_SUITE_P(
     SelectionWithoutFiles, AFault,
-    testing::ValuesIn(sweepsOf({{"Open", Call::Open, {EMFILE, EACCES, ENOSPC}},
-                                {"Read", Call::Read, {EIO}},
-                                {"Write", Call::Write, {ENOSPC, EIO, Fault::ShortWrite}},
-                                {"Flush", Call::Flush, {ENOSPC}},
-                                {"Close", Call::Close, {EIO}},
-                                {"Rename", Call::Rename, {EACCES, ENOSPC}},
-                                {.name = "MakeDirectory",
-                                 .call = Call::MakeDirectory,
-                                 .errors = {EACCES, ENOSPC},
-                                 .hasCacheDirectory = false},
-                                {"LookAt", Call::LookAt, {EACCES}},
-                                {"ReadResolver", Call::ReadResolver, {EMFILE}}},
-                               false)),
+    sweepsOf({{"Open", Call::Open, {EMFILE, EACCES, ENOSPC}, All, All},
+              {"Read", Call::Read, {EIO}, All, All},
+              {"Write", Call::Write, {ENOSPC, EIO, Fault::ShortWrite}, All, All},
+              {"Flush", Call::Flush, {ENOSPC}, All, All},
+              {"Close", Call::Close, {EIO}, All, All},
+              {"Rename", Call::Rename, {EACCES, ENOSPC}, All, All},
+              {"MakeDirectory", Call::MakeDirectory, {EACCES, ENOSPC}, All, All},
+              {"LookAt", Call::LookAt, {EACCES}, All, All},
+              {"ReadResolver", Call::ReadResolver, {EMFILE}, All, All}}),
     nameOfSweep);
 
 // libcurl's resolver wakes who waits for it through a pair of sockets; without it the look-up has
 // failed, which costs the headend that has a name.
-INSTANTIATE_TEST_SUITE_P(SelectionWithoutSockets, AFault,
-                         testing::ValuesIn(sweepsOf(
-                             {{"Socket", Call::Socket, {EMFILE, ENOBUFS}, AllButOne},
-                              {"Connect", Call::Connect, {ENETUNREACH, EADDRNOTAVAIL}},
-                              {"Control", Call::Control, {ENOMEM}},
-                              {"SocketOption", Call::SocketOption, {ENOBUFS}},
-                              {"SocketName", Call::SocketName, {ENOBUFS}},
-                              {"Poll", Call::Poll, {ENOMEM}},
-                              {"Send", Call::Send, {ECONNRESET, ENOBUFS}},
-                              {"Receive", Call::Receive, {ECONNRESET}},
-                              {"SecureSend", Call::Send, {ECONNRESET}, All, Probing::Secure},
-                              {"SecureReceive", Call::Receive, {ECONNRESET}, All, Probing::Secure},
-                              {"SecurePoll", Call::Poll, {ENOMEM}, All, Probing::Secure}},
-                             true)),
-                         nameOfSweep);
+INSTANTIATE_TEST_SUITE_P(
+    SelectionWithoutSockets, AFault,
+    sweepsOf({{"Socket", Call::Socket, {EMFILE, ENOBUFS}, AllButOne},
+              {"Connect", Call::Connect, {ENETUNREACH, EADDRNOTAVAIL}, All},
+              {"Control", Call::Control, {ENOMEM}, All},
+              {"SocketOption", Call::SocketOption, {ENOBUFS}, All},
+              {"SocketName", Call::SocketName, {ENOBUFS}, All},
+              {"Poll", Call::Poll, {ENOMEM}, All},
+              {"Send", Call::Send, {ECONNRESET, ENOBUFS}, All},
+              {"Receive", Call::Receive, {ECONNRESET}, All},
+              {"SecureSend", Call::Send, {ECONNRESET}, All, 0, Probing::Secure},
+              {"SecureReceive", Call::Receive, {ECONNRESET}, All, 0, Probing::Secure},
+              {"SecurePoll", Call::Poll, {ENOMEM}, All, 0, Probing::Secure}}),
+    nameOfSweep);
 
 // A sanitizer is an allocator too.
 #ifdef AHS_C_MEMORY
-INSTANTIATE_TEST_SUITE_P(SelectionWithoutCMemory, AFault,
-                         testing::Values(once("Plain", Call::AllocateInC, ENOMEM),
-                                         once("Secure", Call::AllocateInC, ENOMEM, 0,
-                                              Probing::Secure)),
-                         nameOfSweep);
-
-INSTANTIATE_TEST_SUITE_P(SelectionWithoutCMemory, FirstSelectionDeathTest,
-                         testing::Values(once("Plain", Call::AllocateInC, ENOMEM),
-                                         once("Secure", Call::AllocateInC, ENOMEM, 0,
-                                              Probing::Secure)),
-                         nameOfSweep);
+// Not lastingly: what the libraries below make of that is theirs.
+const auto InC =
+    testing::Values(Sweep{"Plain", {Call::AllocateInC, 0, false, ENOMEM}},
+                    Sweep{"Secure", {Call::AllocateInC, 0, false, ENOMEM}, 0, Probing::Secure});
+INSTANTIATE_TEST_SUITE_P(SelectionWithoutCMemory, AFault, InC, nameOfSweep);
+INSTANTIATE_TEST_SUITE_P(SelectionWithoutCMemory, FirstSelectionDeathTest, InC, nameOfSweep);
 #endif
 
+}  // namespace
 }  // namespace tests

@@ -6,6 +6,7 @@
 // Where there are very many calls, only some of them are made to fail in turn, evenly spread. The
 // environment variable AHS_FAULTS is "all" for each of them, or the number of the only one.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,24 +17,236 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <thread>
 
-#include "tests/faults/Host.h"
+#include "tests/faults/Injection.h"
+#include "tests/host/HostScene.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/LoopbackSockets.h"
+#include "tests/support/ProviderWithoutProxy.h"
+#include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/AHS/SelectionFiles.h"
+#include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Common/Utility/Thread.h"
 
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
 namespace tests {
 namespace {
+
+// --- A process that selects ----------------------------------------------------------------------
+//
+// The test's own thread is exempt from faults except while it constructs a run, as is the client's
+// callback: what fails there would be the host's own.
+
+/// Headends that answer.
+constexpr unsigned int HeadendCount = 3;
+
+/// How a selection probes: plainly, or over TLS as it does for a client with a proxy that wants a
+/// login.
+enum class Probing { Plain, Secure };
+
+/// What became of one selection.
+struct Outcome {
+  bool isConstructed = false;
+  bool threw = false;            ///< construction ended by std::bad_alloc
+  STATUSCODE construction = -1;  ///< the status of construction
+  unsigned int calls = 0;        ///< of the client
+  STATUSCODE status = -1;        ///< of the first call, as the rest
+  unsigned int headends = 0;     ///< how many were delivered
+  bool areKnown = false;         ///< they are all of the profile, and none comes twice
+  bool isLastFirst = false;      ///< the first one is the last headend
+  Seen seen;
+};
+
+/// Longer than any selection takes, even one in which every probe runs into its time-out.
+constexpr unsigned int PatienceSeconds = 60;
+
+/// The headends as they are delivered; the last one is known by a name. Written once, before any
+/// selection.
+std::array<std::string, HeadendCount> headendNames;
+
+/// Keeps the first call's outcome in numbers, so that it needs no memory.
+class FrugalClient : public ClientIfcBase {
+ public:
+  explicit FrugalClient(Outcome& outcome) : m_outcome(outcome) {}
+
+  void AHSSelectedHost(unsigned int, const std::vector<std::string>& headends, long status,
+                       const std::string&) override {
+    const Exemption hostsOwn;
+    if (m_outcome.calls++ != 0) {
+      return;
+    }
+    m_outcome.status = status;
+    m_outcome.headends = static_cast<unsigned int>(headends.size());
+    m_outcome.isLastFirst = !headends.empty() && headends.front() == headendNames.back();
+    const auto found = std::ranges::count_if(headendNames, [&](const std::string& name) {
+      return std::ranges::find(headends, name) != headends.end();
+    });
+    m_outcome.areKnown = found == std::ssize(headends);
+  }
+
+ private:
+  Outcome& m_outcome;  // the test's again when the run has returned
+};
+
+/// Constructs a run; null when that failed, as `outcome` then tells.
+CHeadendSelection* construct(FrugalClient& client, const std::string& lastHeadend,
+                             Outcome& outcome) {
+  CHeadendSelection* selection = nullptr;
+  try {
+    const Exemption none(false);
+    selection = new CHeadendSelection(&client, lastHeadend, 0, outcome.construction);
+  } catch (const std::bad_alloc&) {
+    outcome.threw = true;
+    return nullptr;
+  }
+  outcome.isConstructed = outcome.construction == 0;
+  if (!outcome.isConstructed) {
+    delete selection;
+    selection = nullptr;
+  }
+  return selection;
+}
+
+unsigned int countEntries(const char* path) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path), ::closedir);
+  unsigned int count = 0;
+  while (directory && ::readdir(directory.get()) != nullptr) {
+    ++count;
+  }
+  return count;
+}
+
+unsigned int openDescriptors() { return countEntries("/proc/self/fd"); }
+unsigned int threadCount() { return countEntries("/proc/self/task"); }
+
+/// Waits until the process has no more threads than before.
+void waitForThreads(unsigned int ours, unsigned int all) {
+  eventually([=] { return CThread::RunningCount() <= ours && threadCount() <= all; });
+}
+
+/// A process that selects: gateways on the loopback interface, one of them known by a name, and one
+/// more that is down; preferences, a log file, a cache.
+/// Used by one thread, which is exempt from faults. A selection that does not end ends the process.
+class DisturbedHost {
+ public:
+  DisturbedHost();
+
+  /// Brings the client library up, with a new log.
+  void Start();
+  /// Takes it down and waits until its threads are gone.
+  void Stop();
+
+  /// What has been logged since.
+  std::string Log() const { return readFile(m_host.LogFile()); }
+
+  /// Runs one selection to its end while `fault` is armed, and waits until none of its threads is
+  /// left. No block of memory that it takes for itself is left either.
+  Outcome Select(const Fault& fault, Probing probing);
+
+  /// Makes its directory, and what has been selected expire.
+  void ResetCache() const;
+  std::string CacheDirectory() const { return m_host.CacheDirectory(); }
+  /// Whether a selection that has not expired is in the cache.
+  bool IsStored() const;
+  /// What is wrong with the cache: a file that is no selection, or none of the cache's.
+  std::string FindCacheFlaw() const;
+
+ private:
+  const GatewayProcess m_gateways{{"", "", ""}};
+  const RefusingPort m_down{KnownAddress};
+  Host m_host;
+  // What there was before the library.
+  unsigned int m_ourThreads = 0;
+  unsigned int m_allThreads = 0;
+};
+
+// Two probes, so that a worker that loses one still has a sample. The times are for machines that
+// do other things besides.
+DisturbedHost::DisturbedHost()
+    : m_host({{"SelectionPingsPerHeadend", "2"},
+              {"SelectionConnectTimeout", "40000"},
+              {"SelectionPingTimeout", "10000"},
+              {"SelectionTestPingTimeout", "10"}}) {
+  HttpProbe::setTrustFile("");  // a certificate that is not trusted is an answer too
+  std::ranges::copy(m_gateways.Addresses(), headendNames.begin());
+  headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
+}
+
+void DisturbedHost::Start() {
+  std::filesystem::remove(m_host.LogFile());
+  m_ourThreads = CThread::RunningCount();
+  m_allThreads = threadCount();
+  m_host.BringUp({headendNames[0], m_down.Where().Text(), headendNames[1], headendNames[2]});
+}
+
+void DisturbedHost::Stop() {
+  m_host.TakeDown();
+  waitForThreads(m_ourThreads, m_allThreads);
+}
+
+Outcome DisturbedHost::Select(const Fault& fault, Probing probing) {
+  const Exemption own;
+  const unsigned int ourThreads = CThread::RunningCount();
+  const unsigned int allThreads = threadCount();
+  Outcome outcome;
+  FrugalClient client(outcome);
+  ::alarm(PatienceSeconds);
+  arm(fault);
+  if (CHeadendSelection* const selection = construct(client, headendNames.back(), outcome)) {
+    if (probing == Probing::Secure) {
+      selection->SetProxy(new ProviderWithoutProxy);
+    }
+    std::thread([selection] { selection->run(); }).join();
+    waitForThreads(ourThreads, allThreads);
+  }
+  outcome.seen = disarm();
+  ::alarm(0);
+  return outcome;
+}
+
+void DisturbedHost::ResetCache() const {
+  std::filesystem::create_directory(m_host.CacheDirectory());
+  std::filesystem::permissions(m_host.CacheDirectory(), std::filesystem::perms::owner_all);
+  for (const auto& item : std::filesystem::directory_iterator(m_host.CacheDirectory())) {
+    std::string text = readFile(item.path());
+    const std::size_t stamp = text.find("stored=\"") + std::strlen("stored=\"");
+    text.replace(stamp, text.find('"', stamp) - stamp, "1");
+    std::ofstream(item.path(), std::ios::trunc) << text;
+  }
+}
+
+bool DisturbedHost::IsStored() const {
+  std::string problem;
+  return std::ranges::any_of(
+      SelectionFiles::list(m_host.CacheDirectory(), problem),
+      [](const auto& selection) { return selection.entry.GetTimestamp() > 1; });
+}
+
+std::string DisturbedHost::FindCacheFlaw() const {
+  std::string flaw;
+  const auto selections = SelectionFiles::list(m_host.CacheDirectory(), flaw);
+  const std::filesystem::directory_iterator files(m_host.CacheDirectory());
+  if (std::distance(begin(files), end(files)) != std::ssize(selections)) {
+    flaw += " there are other files;";
+  }
+  return flaw;
+}
+
+// --- Its promise ---------------------------------------------------------------------------------
 
 /// Threads race, so that runs differ a little in how often they call what fails.
 constexpr unsigned long CallsBeyond = 3;
@@ -193,7 +406,7 @@ void AFault::CheckUndisturbed() {
     return;
   }
   EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-  EXPECT_EQ(outcome.headends, DisturbedHost::HeadendCount);
+  EXPECT_EQ(outcome.headends, HeadendCount);
   EXPECT_TRUE(outcome.areKnown);
   EXPECT_TRUE(sm_host->IsStored());
   EXPECT_EQ(sm_host->FindCacheFlaw(), "");
@@ -259,12 +472,15 @@ TEST_P(FirstSelectionDeathTest, EndsInOneCall) {
              [this](const Fault& fault) { return InChild([&] { return Examine(fault); }); });
 }
 
-// What may fail, and what that may cost. Log and cache are conveniences: whatever becomes of their
+// --- What may fail
+// ---------------------------------------------------------------------------------
+//
+// And what that may cost. Log and cache are conveniences: whatever becomes of their
 // files, the selection is the same. Of the network, what fails once costs a probe at most, and a
 // worker has a second one; a name that is not found costs its headend.
 
-constexpr unsigned int All = DisturbedHost::HeadendCount;
-constexpr unsigned int AllButOne = DisturbedHost::HeadendCount - 1;
+constexpr unsigned int All = HeadendCount;
+constexpr unsigned int AllButOne = HeadendCount - 1;
 
 /// Each of these errors, for once and lastingly.
 struct Kind {

@@ -1,11 +1,10 @@
-// What happens in a run, drawn by lot. A moment that is aimed at is made reachable: the rest of the
-// scenario is bent until the run comes by there.
+// What happens in a run, drawn by lot, so that about half of the runs come by the moment that is
+// aimed at.
 
 #include "tests/stress/scenario.h"
 
 #include <random>
 #include <sstream>
-#include <string_view>
 
 #include "vpn/include/HttpSession.h"
 
@@ -47,57 +46,12 @@ ProbeOutcome outcomeOf(Dice& dice, bool mayFail) {
   return {mayFail && dice.oneIn(5) ? dice.of(Failures) : 0, dice.oneIn(8) ? 0 : dice.below(300)};
 }
 
-void answerEverywhere(Scenario& run) {
-  for (auto& ofHeadend : run.probes) {
-    for (ProbeOutcome& outcome : ofHeadend) {
-      outcome.status = 0;
-    }
-  }
-  run.refusedWorkers = 0;
-}
-
-/// Bends the scenario until the run comes by its moment.
-void reach(Scenario& run, Dice& dice) {
-  const Moment& at = run.at();
-  const std::string_view place = at.at;
-  const bool isBeforeAnswer = place == TimerArmed || place == TestPingSaid ||
-                              place == TestProbeOut || place == TestProbeBack;
-  const bool isOfTestProbe = isBeforeAnswer || place == TestPingTook || place == WantsEndLock;
-  if (isOfTestProbe && run.reason == 1) {
-    run.reason = 0;
-  }
-  run.pings = run.pings == 0 ? 1 : run.pings;
-  if (place == WantsEndLock) {
-    // The run takes the lock to name the target of the test probe, and to finish.
-    run.last = dice.oneIn(2) ? run.last : -1;
-    run.nth = dice.oneIn(2) ? 0 : run.endLocksBeforeFinish();
-  } else if (place == WorkerStarted) {
-    run.headends = run.headends < 2 ? 2 : run.headends;
-    run.last = -1;
-    run.nth = dice.below(run.headends - 1);
-  } else if ((place == ProbeOut || place == SamplesSaid || place == Reporting) &&
-             at.holdsAt == nullptr) {
-    run.nth = dice.oneIn(2) ? dice.below(run.headends) : 0;
-  }
-  if (place == SamplesSaid || place == Reporting) {
-    answerEverywhere(run);
-  }
-  if (at.holdsAt != nullptr) {
-    run.refusedWorkers = 0;
-  }
-  run.authProxy = isBeforeAnswer && dice.oneIn(6);
-}
-
 void drawMoment(Scenario& run, Dice& dice) {
   run.moment = dice.below(MomentCount);
-  if (run.moment != Never && run.moment != Anywhere) {
-    reach(run, dice);
-    const char* const steps[] = {nullptr, TimerExpired, TimerFinishes, TimerIsBack};
-    run.awaits = run.at().awaits == Any ? dice.of(steps) : run.at().awaits;
-    return;
-  }
-  run.authProxy = dice.oneIn(8);
-  run.nth = dice.below(120);
+  const bool isAimed = run.moment != Never && run.moment != Anywhere;
+  run.nth = isAimed ? (dice.oneIn(3) ? dice.below(3) : 0) : dice.below(120);
+  const char* const steps[] = {nullptr, TimerExpired, TimerFinishes, TimerIsBack};
+  run.awaits = run.at().awaits == Any ? dice.of(steps) : run.at().awaits;
   for (unsigned int i = 0; run.moment == Never && i < run.headends; ++i) {
     if (i == 0 ? dice.oneIn(2) : !run.cached.empty() && !dice.oneIn(3)) {
       run.cached.push_back(i);
@@ -131,7 +85,7 @@ const std::array<Moment, MomentCount> Moments{{
 Scenario::Scenario(std::uint64_t seed, unsigned long round, unsigned int ofMember)
     : noiseSeed(static_cast<std::uint32_t>(seed * 31 + round * 7 + ofMember)), member(ofMember) {
   Dice dice(seed, round, member);
-  reason = dice.oneIn(3) ? 1 : dice.below(7);
+  reason = dice.oneIn(8) ? 1 : dice.below(7);
   headends = 1 + dice.below(MostHeadends);
   last = dice.oneIn(2) ? -1 : static_cast<int>(dice.below(headends));
   pings = dice.below(MostPings + 1);
@@ -143,6 +97,7 @@ Scenario::Scenario(std::uint64_t seed, unsigned long round, unsigned int ofMembe
       outcome = outcomeOf(dice, mayFail);
     }
   }
+  authProxy = dice.oneIn(8);
   hasProvider = dice.oneIn(4);
   probeClockFollows = dice.oneIn(2);
   noise = dice.below(3);

@@ -83,21 +83,6 @@ INSTANTIATE_TEST_SUITE_P(
     }),
     nameOfRow);
 
-TEST_F(Dispatch, TheTimerCallsBackWithTheRunAndTheContextIsGivenBack) {
-  CHeadendSelection& selection = makeFor({"gw1"});
-
-  EXPECT_EQ(dispatch(), 0);
-  EXPECT_NE(member<Timer>(selection), nullptr);
-  EXPECT_EQ(timers().created, 1);
-  EXPECT_EQ(timers().pointerValue, &selection);
-  EXPECT_EQ(timers().longValue, 0U);
-  EXPECT_EQ(timers().contextAcquired, 1);
-  EXPECT_EQ(timers().contextReleased, 1);
-  CExecutionContext* context = CExecutionContext::acquireInstance(API_INSTANCE);
-  EXPECT_EQ(timers().list, &context->GetTimerList());
-  context->releaseInstance();
-}
-
 TEST_F(Dispatch, WithoutAContextOrATimerThereIsNoMeasurement) {
   struct Trouble {
     bool hasContext;

@@ -82,58 +82,39 @@ class Run : public SelectionTest {
   }
 };
 
-/// A provider that tells which thread deletes it: the one that deletes its run.
-class Leaver : public Provider {
- public:
-  explicit Leaver(std::thread::id& deletedBy)
-      : Provider(NoProxy, "", "", ""), m_deletedBy(deletedBy) {}
-  ~Leaver() override { m_deletedBy = std::this_thread::get_id(); }
-
- private:
-  std::thread::id& m_deletedBy;
-};
-
 TEST_F(Run, WithAnUnknownReasonAndAnEmptyLastHeadendGoesOnAndIsDeletedOnItsOwnThread) {
-  std::thread::id deletedBy;
-  makeFor({"gw1"}, 4711).SetProxy(new Leaver(deletedBy));
+  makeFor({"gw1"}, 4711).SetProxy(new Provider(NoProxy, "", "", ""));
   runToEnd();
 
   EXPECT_EQ(doubles::log().texts()[1], starting("unknown", ""));
   EXPECT_EQ(client.only().reason, 4711U);
   EXPECT_EQ(client.only().status, AddedToCache);
   EXPECT_NE(client.only().thread, runThreadId);
-  EXPECT_EQ(deletedBy, runThreadId);
+  EXPECT_EQ(Provider::deletedBy, runThreadId);
 }
 
 /// A provider with a mistake in it.
-template <class Exception>
-class ThrowingProvider : public Provider {
- public:
-  explicit ThrowingProvider(Exception exception)
-      : Provider(BasicProxy, "", "", ""), m_exception(exception) {}
-  UnprotectedCredential getProxyPswd() override { throw m_exception; }
-
- private:
-  const Exception m_exception;
+struct ThrowingProvider : Provider {
+  explicit ThrowingProvider(bool isException)
+      : Provider(BasicProxy, "", "", ""), throwsException(isException) {}
+  UnprotectedCredential getProxyPswd() override {
+    throwsException ? throw std::runtime_error("no key ring") : throw 7;
+  }
+  const bool throwsException;
 };
 
-TEST_F(Run, AProviderThatThrowsCostsTheSelectionAndNotTheProcess) {
-  makeFor({"gw1", "gw2"}, Connection, "gw2")
-      .SetProxy(new ThrowingProvider<std::runtime_error>(std::runtime_error("no key ring")));
-  runToEnd();
+class AProviderThatThrows : public Run, public testing::WithParamInterface<bool> {};
 
-  EXPECT_EQ(client.only().status, Unexpected);
-  EXPECT_THAT(client.only().headends, ElementsAre("gw2"));
-  EXPECT_EQ(doubles::log().count("run E QIB ended by an exception: no key ring"), 1U);
-}
-
-TEST_F(Run, AProviderThatThrowsWhatIsNoExceptionDoesNotEither) {
-  makeFor({"gw1"}).SetProxy(new ThrowingProvider<int>(7));
+TEST_P(AProviderThatThrows, CostsTheSelectionAndNotTheProcess) {
+  makeFor({"gw1", "gw2"}).SetProxy(new ThrowingProvider(GetParam()));
   runToEnd();
 
   EXPECT_EQ(client.only().status, Unexpected);
   EXPECT_THAT(client.only().headends, ElementsAre("gw1")) << "the test probe has made it the last";
+  EXPECT_EQ(doubles::log().count("run E QIB ended by an exception: no key ring"), GetParam());
 }
+
+INSTANTIATE_TEST_SUITE_P(AnExceptionOrNot, AProviderThatThrows, testing::Bool());
 
 // The transcripts.
 

@@ -9,7 +9,6 @@
 
 AHS_EXPOSE(Callback, &CHeadendSelection::m_pAHSCB);
 AHS_EXPOSE(LastHeadend, &CHeadendSelection::m_lastHeadend);
-AHS_EXPOSE(Reason, &CHeadendSelection::m_uiReason);
 AHS_EXPOSE(FoundInCache, &CHeadendSelection::m_foundInCache);
 AHS_EXPOSE(PingResults, &CHeadendSelection::m_pingResults);
 AHS_EXPOSE(HeadendList, &CHeadendSelection::m_headendList);

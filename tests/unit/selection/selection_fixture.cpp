@@ -23,22 +23,14 @@ void Client::AHSSelectedHost(unsigned int reason, const std::vector<std::string>
   if (during) {
     during();
   }
-  {
-    const std::lock_guard<std::mutex> hold(m_lock);
-    m_outcomes.push_back({reason, headends, status, extraInfo, std::this_thread::get_id()});
-  }
+  m_outcomes.add(Outcome{reason, headends, status, extraInfo, std::this_thread::get_id()});
   --m_busy;
 }
 
-std::size_t Client::calls() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  return m_outcomes.size();
-}
-
 Client::Outcome Client::only() const {
-  const std::lock_guard<std::mutex> hold(m_lock);
-  EXPECT_EQ(m_outcomes.size(), 1U) << "the client is called exactly once per run";
-  return m_outcomes.size() == 1 ? m_outcomes.front() : Outcome{};
+  const std::vector<Outcome> outcomes = m_outcomes.get();
+  EXPECT_EQ(outcomes.size(), 1U) << "the client is called exactly once per run";
+  return outcomes.size() == 1 ? outcomes.front() : Outcome{};
 }
 
 SelectionTest::SelectionTest() {

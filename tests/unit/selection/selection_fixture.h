@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -78,7 +77,7 @@ class Client : public ClientIfcBase {
   void AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends, long status,
                        const std::string& extraInfo) override;
 
-  std::size_t calls() const;
+  std::size_t calls() const { return m_outcomes.get().size(); }
   /// How many callbacks have begun and not yet returned.
   int busy() const { return m_busy; }
   /// The one outcome; a test failure when there is none or more than one.
@@ -88,8 +87,7 @@ class Client : public ClientIfcBase {
   std::function<void()> during;
 
  private:
-  mutable std::mutex m_lock;
-  std::vector<Outcome> m_outcomes;
+  doubles::Guarded<std::vector<Outcome>> m_outcomes;
   std::atomic<int> m_busy{0};
 };
 
@@ -98,7 +96,10 @@ class Provider : public ProxyIfc {
  public:
   Provider(ProxyType type, std::string user, std::string pswd, std::string host)
       : m_type(type), m_user(std::move(user)), m_pswd(std::move(pswd)), m_host(std::move(host)) {}
-  ~Provider() override { doubles::journal().add("provider deleted"); }
+  ~Provider() override {
+    doubles::journal().add("provider deleted");
+    deletedBy = std::this_thread::get_id();
+  }
 
   UnprotectedCredential getProxyUser() override {
     asked += "user ";
@@ -110,6 +111,9 @@ class Provider : public ProxyIfc {
   }
   std::string getProxyHost() override { return m_host; }
   ProxyType getProxyType() override { return m_type; }
+
+  /// The thread that deleted the last one: the one that deletes its run.
+  inline static std::thread::id deletedBy;
 
   /// What the run's thread has asked for, in order.
   std::string asked;

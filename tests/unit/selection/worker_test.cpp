@@ -2,7 +2,6 @@
 // when it stops, and what it reports.
 
 #include <locale>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -44,17 +43,36 @@ class AWorker : public SelectionTest {
   Worker* worker = nullptr;
 };
 
+ProbeAnswer ms(unsigned int rtt, unsigned int takesMs = 0) {
+  return {.rtt = rtt, .takesMs = takesMs};
+}
+ProbeAnswer failed(STATUSCODE status, unsigned int rtt = 0, unsigned int takesMs = 0) {
+  return {.status = status, .rtt = rtt, .lastError = 3, .takesMs = takesMs};
+}
+
+/// What the probes of a worker bring, and what comes of it: three probes are sent, and nothing is
+/// reported, unless it is said.
 struct Work {
+  explicit Work(std::vector<ProbeAnswer> ofProbes) : answers(std::move(ofProbes)) {}
+  Work& of(unsigned int count) { return pings = count, *this; }
+  Work& within(unsigned int ms, unsigned long now = 1000) {
+    return budget = ms, clock = now, *this;
+  }
+  Work& ends(STATUSCODE with, std::size_t after = 3) { return exit = with, sent = after, *this; }
+  Work& warns(const Texts& texts) { return warnings = texts, *this; }
+  Work& reports(const char* ofProbes, const char* metric) {
+    return samples = ofProbes, report = metric, *this;
+  }
+
   unsigned int pings = 3;
-  std::vector<ProbeAnswer> answers = {{.rtt = 10}};
+  std::vector<ProbeAnswer> answers;
   unsigned int budget = 10000;
   unsigned long clock = 1000;
-  // What then comes of it:
   STATUSCODE exit = 0;
   std::size_t sent = 3;
-  Texts warnings = {};
-  std::string samples = {};
-  std::string report = {};  ///< none if empty
+  Texts warnings;
+  std::string samples;
+  std::string report;
 };
 
 class TheWork : public AWorker, public testing::WithParamInterface<Row<Work>> {};
@@ -86,113 +104,57 @@ const char Refused[] = " ping timeout or couldn't connect: gw1";
 INSTANTIATE_TEST_SUITE_P(
     Of, TheWork,
     testing::ValuesIn(Rows<Work>{
-        {"NoProbeOnlyStartsAndEnds", {.pings = 0, .sent = 0}},
+        {"NoProbeOnlyStartsAndEnds", Work({}).of(0).ends(0, 0)},
         {"ThreeAnswersReportsTheSmallest",
-         {.answers = {{.rtt = 12}, {.rtt = 15}, {.rtt = 11}},
-          .samples = "12 15 11",
-          .report = "11"}},
-        {"AnswersOf0FromEveryProbeReportsTheBestMetric",
-         {.answers = {{}}, .samples = "0 0 0", .report = "0"}},
+         Work({ms(12), ms(15), ms(11)}).reports("12 15 11", "11")},
+        {"AnswersOf0FromEveryProbeReportsTheBestMetric", Work({ms(0)}).reports("0 0 0", "0")},
         {"AnswersOf0FromSomeProbesReportsTheWorstMetric",
-         {.answers = {{.status = Connect}, {}},
-          .warnings = {Refused},
-          .samples = "0 0",
-          .report = "9999"}},
+         Work({failed(Connect), ms(0)}).warns({Refused}).reports("0 0", "9999")},
         {"InvalidAnswersCountsThemAndEndsWithTheLastStatus",
-         {.answers = {{.status = Invalid, .rtt = 33, .lastError = 60}},
-          .exit = Invalid,
-          .samples = "33 33 33",
-          .report = "33"}},
+         Work({failed(Invalid, 33)}).ends(Invalid).reports("33 33 33", "33")},
         {"UntrustedCertificatesCountsThem",
-         {.answers = {{.status = Untrusted, .rtt = 33}},
-          .exit = Untrusted,
-          .samples = "33 33 33",
-          .report = "33"}},
+         Work({failed(Untrusted, 33)}).ends(Untrusted).reports("33 33 33", "33")},
         {"CertificatesThatAreAskedForCountsThem",
-         {.answers = {{.status = CertificateNeeded, .rtt = 33}},
-          .exit = CertificateNeeded,
-          .samples = "33 33 33",
-          .report = "33"}},
+         Work({failed(CertificateNeeded, 33)}).ends(CertificateNeeded).reports("33 33 33", "33")},
         {"OneConnectTimeOutForgivesIt",
-         {.answers = {{.status = ProbeTimeOut, .rtt = 99}, {.rtt = 22}, {.rtt = 21}},
-          .warnings = {Refused},
-          .samples = "22 21",
-          .report = "21"}},
+         Work({failed(ProbeTimeOut, 99), ms(22), ms(21)}).warns({Refused}).reports("22 21", "21")},
         {"ASecondFailureToConnectEndsWithoutAReportAlsoAfterAnswersBetween",
-         {.pings = 9,
-          .answers = {{.rtt = 20}, {.status = ProbeTimeOut}, {.rtt = 20}, {.status = ProbeTimeOut}},
-          .exit = ProbeTimeOut,
-          .sent = 4,
-          .warnings = {Refused, Refused}}},
+         Work({ms(20), failed(ProbeTimeOut), ms(20), failed(ProbeTimeOut)})
+             .of(9)
+             .ends(ProbeTimeOut, 4)
+             .warns({Refused, Refused})},
         {"DifferentFailuresToConnectCountsThemTogether",
-         {.answers = {{.status = Connect}, {.status = CannotConnect}},
-          .exit = CannotConnect,
-          .sent = 2,
-          .warnings = {Refused, Refused}}},
+         Work({failed(Connect), failed(CannotConnect)})
+             .ends(CannotConnect, 2)
+             .warns({Refused, Refused})},
         {"AFailureToConnectOfTheLastProbeReportsAndEndsWithIt",
-         {.pings = 2,
-          .answers = {{.rtt = 20}, {.status = CannotConnect}},
-          .exit = CannotConnect,
-          .sent = 2,
-          .warnings = {Refused},
-          .samples = "20",
-          .report = "20"}},
+         Work({ms(20), failed(CannotConnect)})
+             .of(2)
+             .ends(CannotConnect, 2)
+             .warns({Refused})
+             .reports("20", "20")},
         {"ADnsFailureOfTheFirstProbeEndsWithoutAReport",
-         {.answers = {{.status = Dns, .rtt = 6}},
-          .exit = Dns,
-          .sent = 1,
-          .warnings = {": DNS error for gw1, time: 6"}}},
+         Work({failed(Dns, 6)}).ends(Dns, 1).warns({": DNS error for gw1, time: 6"})},
         {"ANameThatStopsToResolveDropsTheSamplesBefore",
-         {.answers = {{.rtt = 20}, {.status = Dns}},
-          .exit = Dns,
-          .sent = 2,
-          .warnings = {": DNS error for gw1, time: 0"}}},
-        {"AnyOtherFailureIsASampleWithAWarning",
-         {.answers = {{.status = OtherFailure, .rtt = 44, .lastError = 3}, {.rtt = 50}},
-          .warnings = {" ping error for gw1: 3"},
-          .samples = "44 50 50",
-          .report = "44"}},
+         Work({ms(20), failed(Dns)}).ends(Dns, 2).warns({": DNS error for gw1, time: 0"})},
+        {"AnyOtherFailureIsASampleWithAWarning", Work({failed(OtherFailure, 44), ms(50)})
+                                                     .warns({" ping error for gw1: 3"})
+                                                     .reports("44 50 50", "44")},
         {"AnyOtherFailureNeverEndsItButIsItsResultWhenLast",
-         {.answers = {{.status = OtherFailure, .rtt = 44}},
-          .exit = OtherFailure,
-          .warnings = Texts(3, " ping error for gw1: 0"),
-          .samples = "44 44 44",
-          .report = "44"}},
+         Work({failed(OtherFailure, 44)})
+             .ends(OtherFailure)
+             .warns(Texts(3, " ping error for gw1: 3"))
+             .reports("44 44 44", "44")},
         {"ABudgetThatIsJustReachedSendsAnotherProbeAndThenReportsWhatItHas",
-         {.answers = {{.rtt = 20, .takesMs = 500}, {.rtt = 10, .takesMs = 1}},
-          .budget = 500,
-          .exit = TimedOut,
-          .sent = 2,
-          .samples = "20 10",
-          .report = "10"}},
+         Work({ms(20, 500), ms(10, 1)}).within(500).ends(TimedOut, 2).reports("20 10", "10")},
         {"ABudgetThatIsSpentWithoutASampleReportsNothing",
-         {.answers = {{.status = ProbeTimeOut, .takesMs = 2000}},
-          .budget = 1000,
-          .exit = TimedOut,
-          .sent = 1,
-          .warnings = {Refused}}},
+         Work({failed(ProbeTimeOut, 0, 2000)}).within(1000).ends(TimedOut, 1).warns({Refused})},
         {"ABudgetOf0SendsProbesWithinTheFirstMillisecond",
-         {.pings = 9,
-          .answers = {{.rtt = 5}, {.rtt = 5, .takesMs = 1}},
-          .budget = 0,
-          .exit = TimedOut,
-          .sent = 2,
-          .samples = "5 5",
-          .report = "5"}},
+         Work({ms(5), ms(5, 1)}).of(9).within(0).ends(TimedOut, 2).reports("5 5", "5")},
         {"AClockThatWrapsIsInTimeAtWhatItsLow32BitsTell",  // 64 ms before the third probe
-         {.answers = {{.rtt = 20, .takesMs = 0x20}},
-          .budget = 0x40,
-          .clock = 0xFFFFFFF0UL,
-          .samples = "20 20 20",
-          .report = "20"}},
+         Work({ms(20, 0x20)}).within(0x40, 0xFFFFFFF0UL).reports("20 20 20", "20")},
         {"AClockThatWrapsIsOutOfTimeAtWhatItsLow32BitsTell",
-         {.answers = {{.rtt = 20, .takesMs = 0x20}},
-          .budget = 0x3F,
-          .clock = 0x7FFFFFFF0UL,
-          .exit = TimedOut,
-          .sent = 2,
-          .samples = "20 20",
-          .report = "20"}},
+         Work({ms(20, 0x20)}).within(0x3F, 0x7FFFFFFF0UL).ends(TimedOut, 2).reports("20 20", "20")},
     }),
     nameOfRow);
 
@@ -242,33 +204,22 @@ TEST_F(AWorker, APortThatIsNoNumberCountsAs0) {
 }
 
 /// Groups digits by three in new streams of the whole program.
-class Grouping : public std::numpunct<char> {
- public:
-  explicit Grouping(char separator) : m_separator(separator) {}
-
- protected:
-  char do_thousands_sep() const override { return m_separator; }
+struct Grouping : std::numpunct<char> {
+  char do_thousands_sep() const override { return '4'; }  // which stands in a port, too
   std::string do_grouping() const override { return "\3"; }
-
- private:
-  const char m_separator;
 };
 
 TEST_F(AWorker, WritesAndReadsNumbersAlikeWhereTheHostGroupsDigits) {
-  const std::locale before = std::locale();
   probes().answer("gw1", {{.rtt = 9999}});
-  // A port has no separators: only a locale that takes one of its digits for one shows here.
-  for (const char separator : {',', '8', '4', '3'}) {
-    std::locale::global(std::locale(std::locale::classic(), new Grouping(separator)));
-    build("gw1:8443", 1).Run();
-    Texts list;
-    call<GetBestHeadendsList>(*run, list);
-    std::locale::global(before);
-    EXPECT_EQ(probes().workerCalls().back().port, 8443U) << "separator " << separator;
-    EXPECT_EQ(doubles::log().texts()[1],
-              "logThreadPingResults I QIB ping results for gw1:8443: (9999 )");
-    EXPECT_THAT(doubles::log().texts().back(), testing::HasSubstr("\ngw1:8443     9999\n"));
-  }
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  build("gw1:8443", 1).Run();
+  Texts list;
+  call<GetBestHeadendsList>(*run, list);
+  std::locale::global(before);
+  EXPECT_EQ(probes().workerCalls().back().port, 8443U);
+  EXPECT_EQ(doubles::log().texts()[1],
+            "logThreadPingResults I QIB ping results for gw1:8443: (9999 )");
+  EXPECT_THAT(doubles::log().texts().back(), testing::HasSubstr("\ngw1:8443     9999\n"));
 }
 
 TEST_F(AWorker, SetsItsFlagBeforeTheDnsWarningAndAfterTheSecondOfAFailureToConnect) {
@@ -293,14 +244,6 @@ TEST_F(AWorker, OfAnIPv6HeadendReportsItInBrackets) {
 
   EXPECT_THAT(reported(), ElementsAre("[2001:db8::1]:8443 10"));
   EXPECT_EQ(probes().workerCalls()[0].host, "2001:db8::1");
-}
-
-TEST_F(AWorker, IsNotStoppedByTheRunsEnd) {
-  make();
-  run->setThreadTerminated(true);
-
-  EXPECT_EQ(build("gw1", 3).Run(), 0);
-  EXPECT_THAT(reported(), ElementsAre("gw1 10"));
 }
 
 TEST_F(AWorker, AskedToStopEndsBeforeItsNextProbeAndReportsNothing) {
@@ -353,32 +296,22 @@ TEST_F(AWorker, LogsSamplesWithABlankAfterEach) {
                           "logThreadPingResults I QIB ping results for other: no pings recorded"));
 }
 
-struct MetricCase {
-  unsigned int numPings;
-  std::vector<unsigned int> samples;
-  unsigned int metric;
-};
-
-void PrintTo(const MetricCase& given, std::ostream* out) {
-  *out << given.numPings << " probes, samples " << testing::PrintToString(given.samples);
+TEST_F(AWorker, HasTheSmallestNonZeroSampleUpTo9999AsItsMetric) {
+  struct Metric {
+    unsigned int numPings;
+    std::vector<unsigned int> samples;
+    unsigned int metric;
+  };
+  for (const Metric& is :
+       {Metric{3, {0, 40, 25}, 25}, Metric{3, {0, 0, 0}, 0}, Metric{3, {0, 0}, 9999},
+        Metric{2, {10000, 12000}, 9999}, Metric{3, {}, 9999}, Metric{0, {}, 0},
+        Metric{1, {9999}, 9999}, Metric{1, {9998}, 9998}, Metric{1, {1}, 1},
+        Metric{2, {0x80000000U, 0x80000000U}, 0}, Metric{3, {0x80000000U, 0x80000000U}, 9999},
+        Metric{3, {4294967295U, 1, 0}, 0}, Metric{1, {0, 0}, 9999}}) {
+    EXPECT_EQ(build("gw1", is.numPings).calculateRTTMetric(is.samples), is.metric)
+        << is.numPings << " probes, samples " << testing::PrintToString(is.samples);
+  }
 }
-
-class Metric : public AWorker, public testing::WithParamInterface<MetricCase> {};
-
-TEST_P(Metric, IsTheSmallestNonZeroSampleUpTo9999) {
-  EXPECT_EQ(build("gw1", GetParam().numPings).calculateRTTMetric(GetParam().samples),
-            GetParam().metric);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Examples, Metric,
-    testing::Values(MetricCase{3, {0, 40, 25}, 25}, MetricCase{3, {0, 0, 0}, 0},
-                    MetricCase{3, {0, 0}, 9999}, MetricCase{2, {10000, 12000}, 9999},
-                    MetricCase{3, {}, 9999}, MetricCase{0, {}, 0}, MetricCase{1, {9999}, 9999},
-                    MetricCase{1, {9998}, 9998}, MetricCase{1, {1}, 1},
-                    MetricCase{2, {0x80000000U, 0x80000000U}, 0},
-                    MetricCase{3, {0x80000000U, 0x80000000U}, 9999},
-                    MetricCase{3, {4294967295U, 1, 0}, 0}, MetricCase{1, {0, 0}, 9999}));
 
 TEST_F(AWorker, NamesItsHeadendCannotBeClonedAndIsNotDestroyedByDestroy) {
   build("gw1:444", 1);

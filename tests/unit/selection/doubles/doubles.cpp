@@ -288,7 +288,7 @@ struct CTimer::Entry {
   }
 };
 
-CTimer::CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, void* ptrVal,
+CTimer::CTimer(STATUSCODE& status, CTimerList*, timercb callback, void* ptrVal,
                unsigned long longVal)
     : m_pEntry(std::make_shared<Entry>()) {
   m_pEntry->callback = callback;
@@ -297,9 +297,6 @@ CTimer::CTimer(STATUSCODE& status, CTimerList* pTimerList, timercb callback, voi
   doubles::Timers& script = doubles::timers();
   status = script.constructionStatus;
   script.newest.set([entry = m_pEntry] { return entry->fire(); });
-  script.list = pTimerList;
-  script.pointerValue = ptrVal;
-  script.longValue = longVal;
   ++script.live;
   ++script.created;
 }

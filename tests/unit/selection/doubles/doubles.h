@@ -206,10 +206,6 @@ struct Timers {
   Guarded<std::vector<unsigned long>> starts;
   std::atomic<int> contextAcquired{0};
   std::atomic<int> contextReleased{0};
-  /// The list and the two context values that the newest timer was made with.
-  std::atomic<CTimerList*> list{nullptr};
-  std::atomic<void*> pointerValue{nullptr};
-  std::atomic<unsigned long> longValue{0};
   /// Fires the newest timer.
   Hook<bool()> newest;
 };

@@ -143,27 +143,88 @@ void waitForThreads(unsigned int ours, unsigned int all) {
 /// Used by one thread, which is exempt from faults. A selection that does not end ends the process.
 class DisturbedHost {
  public:
-  DisturbedHost();
+  // Two probes, so that a worker that loses one still has a sample. The times are for machines
+  // that do other things besides.
+  DisturbedHost()
+      : m_host({{"SelectionPingsPerHeadend", "2"},
+                {"SelectionConnectTimeout", "40000"},
+                {"SelectionPingTimeout", "10000"},
+                {"SelectionTestPingTimeout", "10"}}) {
+    HttpProbe::setTrustFile("");  // a certificate that is not trusted is an answer too
+    std::ranges::copy(m_gateways.Addresses(), headendNames.begin());
+    headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
+  }
 
   /// Brings the client library up, with a new log.
-  void Start();
+  void Start() {
+    std::filesystem::remove(m_host.LogFile());
+    m_ourThreads = CThread::RunningCount();
+    m_allThreads = threadCount();
+    m_host.BringUp({headendNames[0], m_down.Where().Text(), headendNames[1], headendNames[2]});
+  }
+
   /// Takes it down and waits until its threads are gone.
-  void Stop();
+  void Stop() {
+    m_host.TakeDown();
+    waitForThreads(m_ourThreads, m_allThreads);
+  }
 
   /// What has been logged since.
   std::string Log() const { return readFile(m_host.LogFile()); }
 
   /// Runs one selection to its end while `fault` is armed, and waits until none of its threads is
   /// left. No block of memory that it takes for itself is left either.
-  Outcome Select(const Fault& fault, Probing probing);
+  Outcome Select(const Fault& fault, Probing probing) {
+    const Exemption own;
+    const unsigned int ourThreads = CThread::RunningCount();
+    const unsigned int allThreads = threadCount();
+    Outcome outcome;
+    FrugalClient client(outcome);
+    ::alarm(PatienceSeconds);
+    arm(fault);
+    if (CHeadendSelection* const selection = construct(client, headendNames.back(), outcome)) {
+      if (probing == Probing::Secure) {
+        selection->SetProxy(new ProviderWithoutProxy);
+      }
+      std::thread([selection] { selection->run(); }).join();
+      waitForThreads(ourThreads, allThreads);
+    }
+    outcome.seen = disarm();
+    ::alarm(0);
+    return outcome;
+  }
 
   /// Makes its directory, and what has been selected expire.
-  void ResetCache() const;
+  void ResetCache() const {
+    std::filesystem::create_directory(m_host.CacheDirectory());
+    std::filesystem::permissions(m_host.CacheDirectory(), std::filesystem::perms::owner_all);
+    for (const auto& item : std::filesystem::directory_iterator(m_host.CacheDirectory())) {
+      std::string text = readFile(item.path());
+      const std::size_t stamp = text.find("stored=\"") + std::strlen("stored=\"");
+      text.replace(stamp, text.find('"', stamp) - stamp, "1");
+      std::ofstream(item.path(), std::ios::trunc) << text;
+    }
+  }
+
   std::string CacheDirectory() const { return m_host.CacheDirectory(); }
   /// Whether a selection that has not expired is in the cache.
-  bool IsStored() const;
+  bool IsStored() const {
+    std::string problem;
+    return std::ranges::any_of(
+        SelectionFiles::list(m_host.CacheDirectory(), problem),
+        [](const auto& selection) { return selection.entry.GetTimestamp() > 1; });
+  }
+
   /// What is wrong with the cache: a file that is no selection, or none of the cache's.
-  std::string FindCacheFlaw() const;
+  std::string FindCacheFlaw() const {
+    std::string flaw;
+    const auto selections = SelectionFiles::list(m_host.CacheDirectory(), flaw);
+    const std::filesystem::directory_iterator files(m_host.CacheDirectory());
+    if (std::distance(begin(files), end(files)) != std::ssize(selections)) {
+      flaw += " there are other files;";
+    }
+    return flaw;
+  }
 
  private:
   const GatewayProcess m_gateways{{"", "", ""}};
@@ -173,78 +234,6 @@ class DisturbedHost {
   unsigned int m_ourThreads = 0;
   unsigned int m_allThreads = 0;
 };
-
-// Two probes, so that a worker that loses one still has a sample. The times are for machines that
-// do other things besides.
-DisturbedHost::DisturbedHost()
-    : m_host({{"SelectionPingsPerHeadend", "2"},
-              {"SelectionConnectTimeout", "40000"},
-              {"SelectionPingTimeout", "10000"},
-              {"SelectionTestPingTimeout", "10"}}) {
-  HttpProbe::setTrustFile("");  // a certificate that is not trusted is an answer too
-  std::ranges::copy(m_gateways.Addresses(), headendNames.begin());
-  headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
-}
-
-void DisturbedHost::Start() {
-  std::filesystem::remove(m_host.LogFile());
-  m_ourThreads = CThread::RunningCount();
-  m_allThreads = threadCount();
-  m_host.BringUp({headendNames[0], m_down.Where().Text(), headendNames[1], headendNames[2]});
-}
-
-void DisturbedHost::Stop() {
-  m_host.TakeDown();
-  waitForThreads(m_ourThreads, m_allThreads);
-}
-
-Outcome DisturbedHost::Select(const Fault& fault, Probing probing) {
-  const Exemption own;
-  const unsigned int ourThreads = CThread::RunningCount();
-  const unsigned int allThreads = threadCount();
-  Outcome outcome;
-  FrugalClient client(outcome);
-  ::alarm(PatienceSeconds);
-  arm(fault);
-  if (CHeadendSelection* const selection = construct(client, headendNames.back(), outcome)) {
-    if (probing == Probing::Secure) {
-      selection->SetProxy(new ProviderWithoutProxy);
-    }
-    std::thread([selection] { selection->run(); }).join();
-    waitForThreads(ourThreads, allThreads);
-  }
-  outcome.seen = disarm();
-  ::alarm(0);
-  return outcome;
-}
-
-void DisturbedHost::ResetCache() const {
-  std::filesystem::create_directory(m_host.CacheDirectory());
-  std::filesystem::permissions(m_host.CacheDirectory(), std::filesystem::perms::owner_all);
-  for (const auto& item : std::filesystem::directory_iterator(m_host.CacheDirectory())) {
-    std::string text = readFile(item.path());
-    const std::size_t stamp = text.find("stored=\"") + std::strlen("stored=\"");
-    text.replace(stamp, text.find('"', stamp) - stamp, "1");
-    std::ofstream(item.path(), std::ios::trunc) << text;
-  }
-}
-
-bool DisturbedHost::IsStored() const {
-  std::string problem;
-  return std::ranges::any_of(
-      SelectionFiles::list(m_host.CacheDirectory(), problem),
-      [](const auto& selection) { return selection.entry.GetTimestamp() > 1; });
-}
-
-std::string DisturbedHost::FindCacheFlaw() const {
-  std::string flaw;
-  const auto selections = SelectionFiles::list(m_host.CacheDirectory(), flaw);
-  const std::filesystem::directory_iterator files(m_host.CacheDirectory());
-  if (std::distance(begin(files), end(files)) != std::ssize(selections)) {
-    flaw += " there are other files;";
-  }
-  return flaw;
-}
 
 // --- Its promise ---------------------------------------------------------------------------------
 

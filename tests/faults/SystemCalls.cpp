@@ -77,24 +77,20 @@ FAILING(Call::ReadResolver, -1, int, __res_ninit, (res_state state), (state), no
 
 // Files.
 
-extern "C" int open(const char* path, int flags, ...) {
-  static auto* const real = original<int(const char*, int, ...)>("open");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = modeOf(flags, arguments);
-  va_end(arguments);
-  return strikes(Call::Open) ? -1 : real(path, flags, mode);
-}
+/// The same for one that takes a mode when it creates.
+#define OPENING(name, parameters, arguments)                   \
+  extern "C" int name parameters {                             \
+    static auto* const real = original<int parameters>(#name); \
+    va_list rest;                                              \
+    va_start(rest, flags);                                     \
+    const mode_t mode = modeOf(flags, rest);                   \
+    va_end(rest);                                              \
+    return strikes(Call::Open) ? -1 : real arguments;          \
+  }                                                            \
+  static_assert(true, "takes a semicolon")
 
-extern "C" int openat(int directory, const char* path, int flags, ...) {
-  static auto* const real = original<int(int, const char*, int, ...)>("openat");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = modeOf(flags, arguments);
-  va_end(arguments);
-  return strikes(Call::Open) ? -1 : real(directory, path, flags, mode);
-}
-
+OPENING(open, (const char* path, int flags, ...), (path, flags, mode));
+OPENING(openat, (int directory, const char* path, int flags, ...), (directory, path, flags, mode));
 FAILING(Call::Open, -1, int, mkostemp, (char* path, int flags), (path, flags));
 FAILING(Call::Open, nullptr, FILE*, fopen, (const char* path, const char* mode), (path, mode));
 FAILING(Call::Open, nullptr, DIR*, opendir, (const char* path), (path));

@@ -100,7 +100,7 @@ Scenario::Scenario(std::uint64_t seed, unsigned long round, unsigned int ofMembe
   authProxy = dice.oneIn(8);
   hasProvider = dice.oneIn(4);
   probeClockFollows = dice.oneIn(2);
-  noise = dice.below(3);
+  quiet = dice.of({16U, 64U, 10000U});
   callbackThrows = dice.oneIn(40);
   callbackPauseUs = dice.oneIn(4) ? dice.below(300) : 0;
   refusedWorkers = dice.oneIn(20) ? dice.below(1U << MostHeadends) : 0;

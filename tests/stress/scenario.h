@@ -83,7 +83,7 @@ struct Scenario {
   bool hasProvider = false;
 
   bool probeClockFollows = false;  ///< the workers see the time that the timer saw
-  unsigned int noise = 0;          ///< 0 for none, 2 for the most delays
+  unsigned int quiet = 16;         ///< the more, the fewer steps are delayed
   bool callbackThrows = false;
   unsigned int callbackPauseUs = 0;
   unsigned int refusedWorkers = 0;  ///< bit k: worker k gets no thread

@@ -158,10 +158,7 @@ bool Stage::hasHit() const {
 }
 
 void Stage::makeNoise() const {
-  if (scenario.noise == 0) {
-    return;
-  }
-  const std::uint32_t lot = draw(self().noise) % (scenario.noise == 1 ? 64 : 16);
+  const std::uint32_t lot = draw(self().noise) % scenario.quiet;
   if (lot == 0) {
     std::this_thread::sleep_for(microseconds(draw(self().noise) % 60));
   } else if (lot < 3) {

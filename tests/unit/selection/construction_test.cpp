@@ -1,7 +1,7 @@
 // Construction and destruction of a selection run: what is acquired, in which order it is given
 // back, and that a run whose construction failed is harmless.
 
-#include <cstring>
+#include <array>
 #include <vector>
 
 #include "tests/unit/selection/selection_fixture.h"
@@ -45,8 +45,13 @@ TEST_F(Construction, OnAFailingCacheReadsNothingAndItsDestructionReleasesOnlyWha
     EXPECT_EQ(member<Callback>(selection), nullptr);
     EXPECT_EQ(member<Cache>(selection), nullptr);
     EXPECT_EQ(cache().released, setsPointer ? 1 : 0);
-    const HS_SETTINGS zero{};
-    EXPECT_EQ(std::memcmp(&member<Settings>(selection), &zero, sizeof zero), 0);
+    const HS_SETTINGS& settings = member<Settings>(selection);
+    EXPECT_FALSE(settings.bAHSEnabled);
+    EXPECT_THAT(
+        (std::array{settings.nResumeTime, settings.nImprovement, settings.nClearCache,
+                    settings.nConnectTimeout, settings.nReconnectTimeout, settings.nPingTimeout,
+                    settings.nPingsPerHeadend, settings.nTestPingTimeout, settings.nMaxResults}),
+        testing::Each(0U));
     destroy();
     EXPECT_EQ(cache().released, setsPointer ? 1 : 0);
   }
@@ -70,18 +75,13 @@ TEST_F(Construction, AFailingProfileListIsReportedWithTheSettingsAlreadyRead) {
 }
 
 TEST_F(Construction, EveryReasonHasATextForTheLog) {
-  const std::vector<std::pair<unsigned int, std::string>> texts{{0, "connection"},
-                                                                {1, "reconnection"},
-                                                                {2, "preferences change"},
-                                                                {3, "proxy authentication"},
-                                                                {4, "process launch"},
-                                                                {5, "disconnect"},
-                                                                {6, "unknown"},
-                                                                {0xFFFFFFFFU, "unknown"}};
-  for (const auto& [reason, text] : texts) {
-    EXPECT_EQ(call<GetReasonText>(make(reason)), text);
+  unsigned int reason = 0;
+  for (const char* text : {"connection", "reconnection", "preferences change",
+                           "proxy authentication", "process launch", "disconnect", "unknown"}) {
+    EXPECT_EQ(call<GetReasonText>(make(reason++)), text);
     destroy();
   }
+  EXPECT_EQ(call<GetReasonText>(make(0xFFFFFFFFU)), "unknown");
 }
 
 class Destruction : public SelectionTest {

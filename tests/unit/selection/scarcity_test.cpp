@@ -59,14 +59,6 @@ class Scarcity : public SelectionTest {
     threadsLeft = Plenty;
     objectsLeft = Plenty;
   }
-
-  /// After the run has ended: one call, on a thread of its own.
-  Client::Outcome outcome() {
-    EXPECT_TRUE(quiet());
-    EXPECT_NE(client.only().thread, runThreadId);
-    EXPECT_NE(client.only().thread, timerThreadId);
-    return client.only();
-  }
 };
 
 struct Shortage {

@@ -19,12 +19,10 @@ namespace tests {
 
 void Client::AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends,
                              long status, const std::string& extraInfo) {
-  ++m_busy;
   if (during) {
     during();
   }
   m_outcomes.add(Outcome{reason, headends, status, extraInfo, std::this_thread::get_id()});
-  --m_busy;
 }
 
 Client::Outcome Client::only() const {
@@ -94,6 +92,14 @@ void SelectionTest::joinRun() {
   if (runThread.joinable()) {
     runThread.join();
   }
+}
+
+Client::Outcome SelectionTest::outcome() {
+  EXPECT_TRUE(quiet());
+  const Client::Outcome only = client.only();
+  EXPECT_NE(only.thread, runThreadId);
+  EXPECT_NE(only.thread, timerThreadId);
+  return only;
 }
 
 bool SelectionTest::quiet() {

@@ -78,8 +78,6 @@ class Client : public ClientIfcBase {
                        const std::string& extraInfo) override;
 
   std::size_t calls() const { return m_outcomes.get().size(); }
-  /// How many callbacks have begun and not yet returned.
-  int busy() const { return m_busy; }
   /// The one outcome; a test failure when there is none or more than one.
   Outcome only() const;
 
@@ -88,7 +86,6 @@ class Client : public ClientIfcBase {
 
  private:
   doubles::Guarded<std::vector<Outcome>> m_outcomes;
-  std::atomic<int> m_busy{0};
 };
 
 /// A provider with fixed answers, which tells the journal when it is deleted.
@@ -145,6 +142,9 @@ class SelectionTest : public testing::Test {
   /// Starts the same without waiting; `joinRun` waits.
   void startRun();
   void joinRun();
+
+  /// After the run has ended: one call, on a thread of its own.
+  Client::Outcome outcome();
 
   /// Waits until all threads have gone and all that was acquired is released.
   bool quiet();

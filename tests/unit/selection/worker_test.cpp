@@ -246,26 +246,21 @@ TEST_F(AWorker, OfAnIPv6HeadendReportsItInBrackets) {
   EXPECT_EQ(probes().workerCalls()[0].host, "2001:db8::1");
 }
 
-TEST_F(AWorker, AskedToStopEndsBeforeItsNextProbeAndReportsNothing) {
-  build("10.0.0.5:8443", 5);
-  probes().answer("10.0.0.5",
-                  {{.rtt = 20}, {.rtt = 20, .during = [&] { worker->TerminateThread(); }}});
-
-  EXPECT_EQ(worker->Run(), TimedOut);
-  EXPECT_THAT(probes().workerCalls(), SizeIs(2));
-  EXPECT_THAT(reported(), IsEmpty());
-  EXPECT_THAT(doubles::log().texts(),
-              ElementsAre("Run I QIB starting thread named 10.0.0.5",
-                          "TerminateThread I QIB forcibly terminating thread for 10.0.0.5:8443",
-                          "Run I QIB terminating thread for 10.0.0.5:8443"));
-}
-
-TEST_F(AWorker, AskedToStopDuringItsLastProbeReportsNothing) {
-  build("gw1", 1);
-  probes().answer("gw1", {{.rtt = 20, .during = [&] { worker->TerminateThread(); }}});
-
-  EXPECT_EQ(worker->Run(), 0);
-  EXPECT_THAT(reported(), IsEmpty());
+TEST_F(AWorker, AskedToStopEndsBeforeItsNextProbeAndReportsNothingAlsoAfterItsLastOne) {
+  for (const unsigned int pings : {5U, 2U}) {
+    doubles::log().reset();
+    probes().calls.set({});
+    build("10.0.0.5:8443", pings);
+    probes().answer("10.0.0.5",
+                    {{.rtt = 20}, {.rtt = 20, .during = [&] { worker->TerminateThread(); }}});
+    EXPECT_EQ(worker->Run(), pings == 2 ? 0 : TimedOut);
+    EXPECT_THAT(probes().workerCalls(), SizeIs(2));
+    EXPECT_THAT(reported(), IsEmpty());
+    EXPECT_THAT(doubles::log().texts(),
+                ElementsAre("Run I QIB starting thread named 10.0.0.5",
+                            "TerminateThread I QIB forcibly terminating thread for 10.0.0.5:8443",
+                            "Run I QIB terminating thread for 10.0.0.5:8443"));
+  }
 }
 
 TEST_F(AWorker, LogsTheStopRequestBeforeItSetsTheFlagUnderItsLock) {

@@ -79,18 +79,20 @@ void CacheTest::SetUp() {
 void CacheTest::TearDown() {
   CAppLog::setListener({});
   EXPECT_EQ(CSelectionCache::acquireInstance(), nullptr) << "an acquisition was not given back";
-  if (m_preferences != nullptr) {
-    m_preferences->releaseInstance();
-  }
+  endPreferences();
   std::filesystem::remove_all(m_directory);
 }
 
-void CacheTest::usePreferences(const std::string& cacheDirectory,
-                               const std::string& userPreferencesFile) {
+void CacheTest::endPreferences() {
   if (m_preferences != nullptr) {
     m_preferences->releaseInstance();
     m_preferences = nullptr;
   }
+}
+
+void CacheTest::usePreferences(const std::string& cacheDirectory,
+                               const std::string& userPreferencesFile) {
+  endPreferences();
   PreferenceMgr::Sources sources;
   sources.cacheDirectory = cacheDirectory;
   sources.userPreferencesFile = userPreferencesFile;

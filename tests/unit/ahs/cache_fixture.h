@@ -47,6 +47,8 @@ class CacheTest : public ::testing::Test {
   void usePreferences(const std::string& cacheDirectory,
                       const std::string& userPreferencesFile = "");
 
+  void endPreferences();
+
   /// Stores through an acquisition of its own.
   static STATUSCODE store(const std::string& knownHeadends, const Records& records = {{"gw", 7}});
   /// Looks up through an acquisition of its own.

@@ -1,6 +1,7 @@
-// libxml2 runs out of memory, at every allocation in turn or with every amount of it left. What it
-// reads and what it writes is then whole or is not handed out. libxml2 lets
-// a program bring its allocator; the library's own allocations come from the same amount.
+// Memory runs out, at every allocation of libxml2 and of the library in turn or with every amount
+// of it left. What is read and written is then whole or is not handed out, and nothing is thrown.
+// libxml2 lets a program bring its allocator; the library's own allocations come from the same
+// amount.
 
 #include <gtest/gtest.h>
 #include <libxml/xmlmemory.h>
@@ -12,11 +13,12 @@
 #include <limits>
 #include <new>
 #include <string>
+#include <utility>
 
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/private_access.h"
-#include "vpn/Api/AHS/SelectionCache.h"
-#include "vpn/Api/ProfileFile.h"
+#include "tests/unit/ahs/cache_fixture.h"
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Api/PreferenceMgr.h"
 
 AHS_EXPOSE(DocumentOf, &CSelectionCache::documentOf);
 
@@ -105,10 +107,10 @@ unsigned long starve(Use use) {
   return number - 1;
 }
 
-class XmlMemory : public testing::Test {
+class WithoutMemory : public tests::CacheTest {
  protected:
   // What is left from before was allocated by the same malloc.
-  XmlMemory() { xmlMemSetup(release, allocate, reallocate, duplicate); }
+  WithoutMemory() { xmlMemSetup(release, allocate, reallocate, duplicate); }
 };
 
 /// A selection whose document outgrows the first buffers and is read in several pieces.
@@ -129,7 +131,7 @@ std::string documentOf(const SelectionFiles::Selection& selection) {
   return exposed(tests::DocumentOf{})(selection);
 }
 
-TEST_F(XmlMemory, ASelectionIsReadWholeOrNotAtAll) {
+TEST_F(WithoutMemory, ASelectionIsReadWholeOrNotAtAll) {
   const SelectionFiles::Selection complete = largeSelection();
   const std::string document = documentOf(complete);
   bool isRead = false;
@@ -149,7 +151,7 @@ TEST_F(XmlMemory, ASelectionIsReadWholeOrNotAtAll) {
   EXPECT_GT(failures, 10U);
 }
 
-TEST_F(XmlMemory, ADocumentIsWrittenWholeOrNotAtAll) {
+TEST_F(WithoutMemory, ADocumentIsWrittenWholeOrNotAtAll) {
   const SelectionFiles::Selection selection = largeSelection();
   const std::string complete = documentOf(selection);
   EXPECT_NE(complete, "");
@@ -163,28 +165,94 @@ TEST_F(XmlMemory, ADocumentIsWrittenWholeOrNotAtAll) {
   EXPECT_GT(failures, 10U);
 }
 
-TEST_F(XmlMemory, AProfileIsReadWholeOrNotAtAllAndIsNotCalledWrong) {
-  const tests::TemporaryDirectory directory;
-  const std::string file = directory.Write(
-      "a.xml",
-      "<profile version=\"1\"><preferences><preference"
-      " name=\"EnableAutomaticServerSelection\" value=\"true\"/></preferences>"
-      "<hosts><host name=\"" +
-          std::string(200, 'n') + "\" address=\"gw:8443\"/><host name=\"b\"/></hosts></profile>");
-  const auto read = [&file] {
-    ProfileFile profile;
-    std::vector<FileProblem> problems;
-    try {
-      EXPECT_TRUE(readConfigurationFile(file, ConfigurationKind::Profile, profile, problems));
-      EXPECT_EQ(profile.hosts.size(), 2U);
-      for (const FileProblem& problem : problems) {
-        ADD_FAILURE() << problem.toString();
-      }
-    } catch (const std::bad_alloc&) {
+TEST_F(WithoutMemory, AStartEndsWithItsCodeWhateverIsBeingReadAndTheNextOneSucceeds) {
+  endPreferences();
+  PreferenceMgr::Sources sources;
+  sources.profileDirectory = m_directory;
+  const std::string begin = "<profile version=\"1\"><hosts>";
+  const std::string twice = "<host name=\"twice\" address=\"gw\"/>";
+  write(m_directory + "/a.xml", begin +
+                                    "<host name=\"a long name of a gateway\" address=\"gw\"/>"
+                                    "<hsot/><host adress=\"\"/><host name=\"a b\"/>text"
+                                    "</hosts></profile>");
+  write(m_directory + "/b.xml", begin + twice + twice + "</hosts></profile>");
+  write(m_directory + "/c.xml", begin + "<");
+  sources.userPreferencesFile = m_directory + "/user";
+  write(sources.userPreferencesFile,
+        "<preferences version=\"1\"><preference name=\"SelectionImprovement\" value=\"-1\"/>"
+        "<preference name=\"ProxyHost\" value=\"a b\"/></preferences>");
+  std::size_t complete = 0;
+  const auto start = [&] {
+    const STATUSCODE status = PreferenceMgr::createInstance(sources);
+    failing = 0;
+    bytesLeft = Unlimited;
+    ASSERT_TRUE(status == PREFERENCEMGR_SUCCESS ||
+                (hasFailed && status == PREFERENCEMGR_ERROR_MEMALLOC_FAILED));
+    PreferenceMgr* instance = PreferenceMgr::acquireInstance();
+    ASSERT_EQ(instance != nullptr, status == PREFERENCEMGR_SUCCESS);
+    if (instance != nullptr) {
+      complete = complete == 0 ? instance->getProblems().size() : complete;
+      EXPECT_EQ(instance->getProblems().size(), complete);
+      instance->releaseInstance();
+      instance->releaseInstance();
     }
   };
-  read();  // makes the format's table, which is kept
-  EXPECT_GT(starve(read), 50U);
+  start();
+  EXPECT_GE(complete, 8U);
+  EXPECT_GT(failEach(start), 100U);
+  EXPECT_GT(starve(start), 100U);
+}
+
+TEST_F(WithoutMemory, ACacheThatCannotBeMadeIsReported) {
+  EXPECT_GT(failEach([] {
+              CSelectionCache* cache = nullptr;
+              const STATUSCODE status = CSelectionCache::createSingletonInstance(cache);
+              failing = 0;
+              EXPECT_TRUE(status == 0 || status == HEADENDSELECTION_ERROR_MEMALLOC_FAILED);
+              EXPECT_EQ(status != 0, hasFailed);
+              ASSERT_EQ(cache != nullptr, status == 0);
+              EXPECT_EQ(CSelectionCache::acquireInstance() != nullptr, status == 0);
+              if (cache != nullptr) {
+                cache->releaseInstance();  // as acquired above
+                cache->releaseInstance();
+              }
+            }),
+            0U);
+}
+
+TEST_F(WithoutMemory, ALookUpThatCannotBeMadeIsAMissThatLeavesTheEntryAlone) {
+  store("gw-a;", {{"gw-a-with-a-long-name", 40}, {"gw-b-with-a-long-name", 46}});
+  const auto lookUp = [] {
+    const unsigned long number = std::exchange(failing, 0);
+    const tests::CacheHold cache;
+    std::string key = "gw-a;";
+    CCacheEntry entry = tests::entryOf("mine", {{"gw-x", 1}});
+    failing = number;
+    const bool found = cache->IsInCache(key, entry);
+    failing = 0;
+    EXPECT_EQ(entry.GetKnownHeadends(), found ? "gw-a;" : "mine");
+    EXPECT_EQ(entry.GetListSize(), found ? 2U : 1U);
+    EXPECT_TRUE(cache->IsInCache(key, entry)) << "the next look-up reads the file again";
+  };
+  EXPECT_GT(failEach(lookUp), 10U);
+}
+
+TEST_F(WithoutMemory, AStoreAndAReleaseThatCannotBeMadeLoseNoOtherSelection) {
+  store("steady;", {{"gw-a-with-a-long-name", 40}});
+  unsigned long failures = 0;
+  failEach([&] {
+    CSelectionCache* cache = nullptr;
+    const unsigned long number = std::exchange(failing, 0);
+    ASSERT_EQ(CSelectionCache::createSingletonInstance(cache), 0);
+    CCacheEntry entry = tests::entryOf("gw-b;", {{"gw-b-with-a-long-name", 46}});
+    failing = number;
+    failures += cache->AddEntry(entry) != 0 ? 1 : 0;
+    cache->releaseInstance();
+    failing = 0;
+    EXPECT_TRUE(has("steady;"));
+  });
+  EXPECT_GT(failures, 0U);
+  EXPECT_TRUE(has("gw-b;"));
 }
 
 }  // namespace

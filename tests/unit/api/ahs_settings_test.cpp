@@ -1,10 +1,7 @@
 // The settings of a selection: defaults, values in force, and values that may not stand.
 
-#include "tests/support/private_access.h"
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Api/AHS/AHSSettings.h"
-
-AHS_EXPOSE(UserFile, &PreferenceMgr::m_userPreferences);
 
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -70,33 +67,28 @@ void expectDefaults(const HS_SETTINGS& settings) {
 
 }  // namespace
 
-TEST_F(AHSSettingsTest, WithoutPreferencesAllAreDefaultsAndNothingIsLogged) {
+TEST_F(AHSSettingsTest, WithoutPreferencesOrAValueInThemAllAreDefaultsAndNothingIsLogged) {
   const LogCapture log;
   expectDefaults(read());
+  {
+    const ScopedPreferenceMgr preferences({});
+    expectDefaults(read());
+  }
+  EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr) << "the acquisition was not given back";
   EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
-TEST_F(AHSSettingsTest, PreferencesThatAreMissingGiveDefaultsWithoutAWord) {
-  const ScopedPreferenceMgr preferences({});
-  const LogCapture log;
-  expectDefaults(read());
-  EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_F(AHSSettingsTest, TheEndsOfEveryRangeAreTakenWithoutAWord) {
+TEST_F(AHSSettingsTest, TheEndsOfEveryRangeAreTakenWithoutAWordEachIntoItsOwnField) {
   const LogCapture log;
   for (const NumberRow& row : NumberRows) {
-    EXPECT_EQ(readFrom(row.name, std::to_string(row.least)).*row.field, row.least) << row.name;
-    EXPECT_EQ(readFrom(row.name, std::to_string(row.most)).*row.field, row.most) << row.name;
+    for (const unsigned int end : {row.least, row.most}) {
+      HS_SETTINGS settings = readFrom(row.name, std::to_string(end));
+      EXPECT_EQ(settings.*row.field, end) << row.name;
+      settings.*row.field = row.defaultValue;
+      expectDefaults(settings);
+    }
   }
   EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_F(AHSSettingsTest, OneValueChangesItsOwnFieldOnly) {
-  HS_SETTINGS settings = readFrom("SelectionPingsPerHeadend", "7");
-  EXPECT_EQ(settings.nPingsPerHeadend, 7U);
-  settings.nPingsPerHeadend = 3;
-  expectDefaults(settings);
 }
 
 TEST_F(AHSSettingsTest, AValueThatMayNotStandGivesTheDefaultAndAWarning) {
@@ -120,22 +112,11 @@ TEST_F(AHSSettingsTest, AValueThatMayNotStandGivesTheDefaultAndAWarning) {
 }
 
 TEST_F(AHSSettingsTest, AValueThatComesFromElsewhereThanAFileIsCheckedToo) {
-  const ScopedPreferenceMgr preferences({});
-  PreferenceInfo elsewhere;
-  elsewhere.set(Preference(SelectionMaxResults, "1\n2", false));
-  PreferenceMgr* instance = PreferenceMgr::acquireInstance();
-  tests::member<tests::UserFile>(*instance).setPreferences(elsewhere);
-  instance->releaseInstance();
+  PreferenceMgr::Sources sources;
+  sources.preferences = {{SelectionMaxResults, "1\n2"}};
+  const ScopedPreferenceMgr preferences(sources);
   const LogCapture log;
   EXPECT_EQ(read().nMaxResults, 100U);
   ASSERT_THAT(log.Lines(), SizeIs(1));
   EXPECT_THAT(log.Lines()[0].message, HasSubstr("SelectionMaxResults is \"1\\x0a2\""));
-}
-
-TEST_F(AHSSettingsTest, TheAcquisitionIsGivenBack) {
-  {
-    const ScopedPreferenceMgr preferences({});
-    read();
-  }
-  EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
 }

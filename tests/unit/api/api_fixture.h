@@ -60,6 +60,12 @@ class ScopedPreferenceMgr {
   STATUSCODE Status() const { return m_status; }
   PreferenceMgr* operator->() const { return m_pInstance; }
 
+  std::string Value(PreferenceId id) const {
+    std::string value = "untouched";
+    EXPECT_EQ(m_pInstance->getPreferenceValue(id, value), PREFERENCEMGR_SUCCESS);
+    return value;
+  }
+
  private:
   STATUSCODE m_status;
   PreferenceMgr* m_pInstance = nullptr;
@@ -87,59 +93,91 @@ inline std::string preferenceElement(const std::string& name, const std::string&
   return "<preference name=\"" + name + "\" value=\"" + value + "\"/>";
 }
 
+/// An element of the switch for automatic selection with these further attributes.
+inline std::string switchElement(const std::string& attributes) {
+  return "<preference name=\"EnableAutomaticServerSelection\" " + attributes + "/>";
+}
+
+/// A text so many times.
+inline std::string times(const std::string& text, std::size_t count) {
+  std::string all;
+  for (std::size_t i = 0; i < count; ++i) {
+    all += text;
+  }
+  return all;
+}
+
 /// What reading a file gave.
-struct ProfileReading {
+struct Reading {
   bool usable = false;
   ProfileFile profile;
   std::vector<FileProblem> problems;
-};
 
-inline ProfileReading readProfile(const std::string& path) {
-  ProfileReading reading;
-  reading.usable =
-      readConfigurationFile(path, ConfigurationKind::Profile, reading.profile, reading.problems);
-  return reading;
-}
+  /// The entries, each as "name" or "name @ address".
+  std::vector<std::string> Hosts() const {
+    std::vector<std::string> hosts;
+    for (const ProfileFile::Host& host : profile.hosts) {
+      hosts.push_back(host.name + (host.address.empty() ? "" : " @ " + host.address));
+    }
+    return hosts;
+  }
 
-struct PreferencesReading {
-  bool usable = false;
-  PreferenceInfo preferences;
-  std::vector<FileProblem> problems;
-
-  /// The value of a preference, "unset" if the file does not set it.
+  /// The value of a preference, with " uc" if users control it; "unset" if the file does not set
+  /// it.
   std::string Value(PreferenceId id) const {
     Preference* preference = nullptr;
-    return preferences.getPreference(id, preference) ? preference->getPreferenceValue() : "unset";
+    return !profile.preferences.getPreference(id, preference)
+               ? "unset"
+               : preference->getPreferenceValue() + (preference->isUserControllable() ? " uc" : "");
   }
 };
 
-inline PreferencesReading readPreferences(const std::string& path) {
-  PreferencesReading reading;
-  ProfileFile file;
-  reading.usable =
-      readConfigurationFile(path, ConfigurationKind::Preferences, file, reading.problems);
-  reading.preferences = file.preferences;
+inline Reading readAs(ConfigurationKind kind, const std::string& path) {
+  Reading reading;
+  reading.usable = readConfigurationFile(path, kind, reading.profile, reading.problems);
   return reading;
 }
 
-inline std::vector<std::string> hostNames(const ProfileFile& profile) {
-  std::vector<std::string> names;
-  for (const ProfileFile::Host& host : profile.hosts) {
-    names.push_back(host.name);
-  }
-  return names;
+inline Reading readProfile(const std::string& path) {
+  return readAs(ConfigurationKind::Profile, path);
 }
 
-/// A problem in a line whose text has all of the pieces.
-MATCHER_P2(ProblemAt, line, pieces, "") {
-  for (const std::string& piece : std::vector<std::string>(pieces)) {
-    if (arg.text.find(piece) == std::string::npos) {
-      *result_listener << "the text is: " << arg.text;
+/// What is told of a file: the line, and pieces of the text. A piece behind a "!" is not in it.
+struct Told {
+  unsigned int line;
+  std::vector<std::string> pieces;
+};
+
+MATCHER_P(IsTold, told, "") {
+  for (const std::string& piece : told.pieces) {
+    const bool isUnwanted = piece.starts_with('!');
+    if ((arg.text.find(piece.substr(isUnwanted ? 1 : 0)) != std::string::npos) == isUnwanted) {
+      *result_listener << "as to " << piece;
       return false;
     }
   }
-  *result_listener << "the line is " << arg.line << ", the text " << arg.text;
-  return arg.line == static_cast<unsigned int>(line);
+  return arg.line == told.line;
 }
 
+/// These problems, in this order, and no other.
+inline testing::Matcher<std::vector<FileProblem>> Tell(const std::vector<Told>& told) {
+  std::vector<testing::Matcher<FileProblem>> each;
+  for (const Told& one : told) {
+    each.emplace_back(IsTold(one));
+  }
+  return testing::ElementsAreArray(each);
+}
+
+/// Reads what the test writes into a directory of its own.
+class FileTest : public testing::Test {
+ protected:
+  Reading read(const std::string& contents) const {
+    return readProfile(m_directory.Write("profile.xml", contents));
+  }
+
+  const TemporaryDirectory m_directory;
+};
+
 }  // namespace tests
+
+inline void PrintTo(const FileProblem& problem, std::ostream* out) { *out << problem.toString(); }

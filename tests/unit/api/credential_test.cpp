@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "tests/support/ReleasedMemory.h"
@@ -16,29 +18,33 @@ using InPlace = tests::InPlace<Credential>;
 using tests::FailingAllocation;
 using tests::LeakWatch;
 
+static_assert(std::has_virtual_destructor_v<ProxyIfc>, "a provider is deleted through it");
+
 namespace {
 
 // Longer than the buffer inside a std::string object, and shorter.
 const char* const LongSecret = "correct-horse-battery-staple-0123456789";
 const char* const ShortSecret = "hunter2!";
+const std::string Longer(5000, 'z');
 
 }  // namespace
 
-TEST(UnprotectedCredential, ADefaultOneIsEmpty) {
-  const Credential credential;
+TEST(UnprotectedCredential, ItHoldsTheTextItIsGiven) {
+  Credential credential;
   EXPECT_TRUE(credential.empty());
-  EXPECT_EQ(credential.GetLength(), 0U);
-  EXPECT_EQ(credential.length(), 0U);
   EXPECT_STREQ(credential.c_str(), "");
-}
-
-TEST(UnprotectedCredential, ItHoldsTheStringItIsMadeOf) {
-  const Credential credential{std::string(LongSecret)};
-  EXPECT_FALSE(credential.empty());
-  EXPECT_EQ(credential.GetValue(), LongSecret);
-  EXPECT_STREQ(credential.c_str(), LongSecret);
-  EXPECT_EQ(credential.GetLength(), std::strlen(LongSecret));
-  EXPECT_EQ(credential.length(), std::strlen(LongSecret));
+  credential = Credential{std::string("abc\0def", 7)};
+  EXPECT_EQ(credential.GetValue(), std::string("abc\0def", 7));
+  EXPECT_EQ(credential.GetLength(), 7U);
+  EXPECT_EQ(credential.length(), 7U);
+  EXPECT_STREQ(credential.c_str(), "abc");
+  credential = "abc\0def";
+  EXPECT_EQ(credential.GetValue(), "abc");
+  credential += static_cast<const char*>(nullptr);
+  (credential += Credential{std::string("@realm")}) += "!";
+  EXPECT_EQ(credential.GetValue(), "abc@realm!");
+  credential = static_cast<const char*>(nullptr);
+  EXPECT_TRUE(credential.empty());
 }
 
 TEST(UnprotectedCredential, ACopyOwnsItsBufferAlone) {
@@ -52,214 +58,107 @@ TEST(UnprotectedCredential, ACopyOwnsItsBufferAlone) {
   EXPECT_EQ(copy.GetValue(), LongSecret);
 }
 
-TEST(UnprotectedCredential, AssignmentOfACStringTakesWhatIsBeforeTheFirstNul) {
-  Credential credential{std::string("before")};
-  credential = "abc\0def";
-  EXPECT_EQ(credential.GetValue(), "abc");
-  credential = "";
-  EXPECT_TRUE(credential.empty());
-}
-
-TEST(UnprotectedCredential, AssignmentOfAnotherTakesAllOfIt) {
-  const Credential other{std::string("abc\0def", 7)};
-  Credential credential;
-  credential = other;
-  EXPECT_EQ(credential.GetLength(), 7U);
-  EXPECT_EQ(credential.GetValue(), other.GetValue());
-  EXPECT_STREQ(credential.c_str(), "abc");
-}
-
-TEST(UnprotectedCredential, ANullPointerIsAnEmptyText) {
-  Credential credential{std::string("abc")};
-  credential += static_cast<const char*>(nullptr);
-  EXPECT_EQ(credential.GetValue(), "abc");
-  credential = static_cast<const char*>(nullptr);
-  EXPECT_TRUE(credential.empty());
-}
-
-TEST(UnprotectedCredential, ItCanBeAssignedToItselfInWholeAndInPart) {
+TEST(UnprotectedCredential, ItCanBeAssignedAndAppendedToItselfInWholeAndInPart) {
   Credential credential{std::string(LongSecret)};
   const Credential& same = credential;
   credential = same;
-  EXPECT_EQ(credential.GetValue(), LongSecret);
   credential = credential.c_str();
   EXPECT_EQ(credential.GetValue(), LongSecret);
-  credential = credential.c_str() + 8;
-  EXPECT_STREQ(credential.c_str(), LongSecret + 8);
+  credential += credential;
+  credential += credential.c_str();
+  EXPECT_EQ(credential.GetLength(), 4 * std::strlen(LongSecret));
+  credential = credential.c_str() + credential.length() - 8;
+  EXPECT_STREQ(credential.c_str(), LongSecret + std::strlen(LongSecret) - 8);
   credential = credential.c_str() + credential.length();
   EXPECT_TRUE(credential.empty());
 }
 
-TEST(UnprotectedCredential, TextIsAppended) {
-  Credential credential;
-  credential += "user";
-  credential += Credential{std::string("@realm")};
-  (credential += "!") += "?";
-  EXPECT_EQ(credential.GetValue(), "user@realm!?");
-}
-
-TEST(UnprotectedCredential, ItCanBeAppendedToItself) {
-  Credential credential{std::string(LongSecret)};
-  credential += credential;
-  EXPECT_EQ(credential.GetValue(), std::string(LongSecret) + LongSecret);
-  credential += credential.c_str();
-  EXPECT_EQ(credential.GetLength(), 4 * std::strlen(LongSecret));
-}
-
-TEST(UnprotectedCredential, TheSearchOfReleasedMemoryFindsWhatIsNotWiped) {
-  const LeakWatch watch(LongSecret);
-  {
-    const std::string plain(LongSecret);
-    tests::use(plain.data());
-  }
-  EXPECT_EQ(watch.Leaks(), 1);
-}
-
-TEST(UnprotectedCredential, DestructionLeavesNothingOfALongSecret) {
-  const LeakWatch watch("staple");
-  InPlace credential;
-  *credential = LongSecret;
-  credential.destroy();
-  EXPECT_EQ(watch.Leaks(), 0);
-  EXPECT_FALSE(credential.holds("staple"));
-}
-
-TEST(UnprotectedCredential, DestructionLeavesNothingOfAShortSecretInsideTheObject) {
-  InPlace credential;
-  *credential = ShortSecret;
-  EXPECT_TRUE(credential.holds("unter2"));
-  credential.destroy();
-  EXPECT_FALSE(credential.holds("unter2"));
-}
-
-TEST(UnprotectedCredential, GrowthLeavesNothingInTheBufferThatItOutgrows) {
-  const LeakWatch watch("staple");
-  Credential credential;
-  credential = LongSecret;
-  for (int i = 0; i < 200; ++i) {
-    credential += "0123456789";
-  }
-  EXPECT_EQ(credential.GetLength(), std::strlen(LongSecret) + 2000);
-  EXPECT_EQ(watch.Leaks(), 0);
-}
-
-TEST(UnprotectedCredential, GrowthOutOfTheObjectLeavesNothingInIt) {
-  InPlace credential;
-  *credential = ShortSecret;
-  *credential += "a text that does not fit inside the object any more";
-  EXPECT_FALSE(credential.holds("unter2"));
-  credential.destroy();
-}
-
-TEST(UnprotectedCredential, GrowthOutOfTheObjectLeavesNothingInItAfterItsDestructionEither) {
-  InPlace credential;
-  *credential = "0123456789-hunt";
-  EXPECT_TRUE(credential.holds("89-hunt"));
-  *credential += "a text that does not fit inside the object any more";
-  credential.destroy();
-  EXPECT_FALSE(credential.holds("89-hunt"));
-}
-
-TEST(UnprotectedCredential, WhatIsMovedIsCopiedSoNothingIsLeftUnwipedInTheSource) {
-  const LeakWatch watch("staple");
-  InPlace source;
-  *source = ShortSecret;
-  {
-    Credential longOne;
-    longOne = LongSecret;
-    const Credential moved(std::move(longOne));
-    EXPECT_STREQ(moved.c_str(), LongSecret);
-    Credential assigned;
-    assigned = std::move(*source);
-    EXPECT_STREQ(assigned.c_str(), ShortSecret);
-  }
-  source.destroy();
-  EXPECT_FALSE(source.holds("unter2"));
-  EXPECT_EQ(watch.Leaks(), 0);
-}
-
-TEST(UnprotectedCredential, WhatFindsNoMemoryLeavesNothingBehind) {
-  const std::string longer(5000, 'z');
-  Credential other;
-  other = longer.c_str();
-  const LeakWatch watch("staple");
-  {
-    Credential copied;
-    copied = LongSecret;
-    Credential assigned(copied);
-    const FailingAllocation failing(1);
-    EXPECT_THROW(assigned = other, std::bad_alloc);
-    EXPECT_TRUE(assigned.empty());
-    EXPECT_TRUE(failing.HasFailed());
-  }
-  {
-    Credential grown;
-    grown = LongSecret;
-    const FailingAllocation failing(1);
-    EXPECT_THROW(grown += other, std::bad_alloc);
-    EXPECT_STREQ(grown.c_str(), LongSecret);
-    EXPECT_TRUE(failing.HasFailed());
-  }
-  EXPECT_EQ(watch.Leaks(), 0);
-}
-
-TEST(UnprotectedCredential, AShorterValueLeavesNothingOfALongerOne) {
-  const LeakWatch watch("staple");
-  Credential credential;
-  credential = LongSecret;
-  const char* const buffer = credential.c_str();
-  const std::size_t length = std::strlen(LongSecret);
-  credential = "x";
-  ASSERT_EQ(credential.c_str(), buffer) << "the buffer is kept, so its end can be looked at";
-  EXPECT_FALSE(tests::holds(buffer, length, "staple"));
-  credential = Credential{std::string("yy")};
-  EXPECT_FALSE(tests::holds(buffer, length, "staple"));
-  EXPECT_EQ(watch.Leaks(), 0);
-}
-
-TEST(UnprotectedCredential, ALongerValueLeavesNothingOfTheOneBefore) {
-  const LeakWatch watch("staple");
-  const std::string longer(5000, 'z');
-  Credential credential;
-  credential = LongSecret;
-  credential = longer.c_str();
-  Credential second;
-  second = LongSecret;
-  second = credential;
-  EXPECT_EQ(second.GetValue(), longer);
-  EXPECT_EQ(watch.Leaks(), 0);
-}
-
-TEST(UnprotectedCredential, APartOfItselfLeavesNothingOfTheRest) {
-  const LeakWatch watch("staple");
-  {
-    Credential credential;
-    credential = LongSecret;
-    credential = credential.c_str() + 30;
-  }
-  EXPECT_EQ(watch.Leaks(), 0);
-}
-
-TEST(UnprotectedCredential, ATemporaryOfAProviderLeavesNothing) {
+TEST(UnprotectedCredential, NothingIsLeftOfALongSecret) {
   class Provider : public ProxyIfc {
    public:
-    UnprotectedCredential getProxyUser() override { return UnprotectedCredential(); }
-    UnprotectedCredential getProxyPswd() override {
-      UnprotectedCredential password;
-      password = LongSecret;
-      return password;
-    }
+    UnprotectedCredential getProxyUser() override { return {}; }
+    UnprotectedCredential getProxyPswd() override { return Credential() = LongSecret; }
     std::string getProxyHost() override { return ""; }
     ProxyType getProxyType() override { return BasicProxy; }
   };
-  const LeakWatch watch("staple");
-  {
-    Provider provider;
-    Credential password;
-    password = provider.getProxyPswd().c_str();
-    EXPECT_EQ(password.GetValue(), LongSecret);
+  struct Case {
+    const char* after;
+    std::function<void(Credential&)> change;
+  };
+  const Case cases[] = {
+      {"its destruction", [](Credential&) {}},
+      {"its growth", [](Credential& credential) { credential += Longer.c_str(); }},
+      {"a longer text", [](Credential& credential) { credential = Longer.c_str(); }},
+      {"a longer credential", [](Credential& credential) { credential = Credential{Longer}; }},
+      {"a part of itself", [](Credential& credential) { credential = credential.c_str() + 30; }},
+      {"a move", [](Credential& credential) { const Credential moved(std::move(credential)); }},
+      {"a move to another", [](Credential& from) { Credential().operator=(std::move(from)); }},
+      {"a provider's", [](Credential& to) { to = Provider().getProxyPswd().c_str(); }},
+      {"an assignment without memory",
+       [](Credential& credential) {
+         const Credential other{Longer};
+         const FailingAllocation failing(1);
+         EXPECT_THROW(credential = other, std::bad_alloc);
+         EXPECT_TRUE(credential.empty());
+       }},
+      {"a growth without memory",
+       [](Credential& credential) {
+         const FailingAllocation failing(1);
+         EXPECT_THROW(credential += Longer.c_str(), std::bad_alloc);
+         EXPECT_STREQ(credential.c_str(), LongSecret);
+       }},
+  };
+  for (const Case& one : cases) {
+    SCOPED_TRACE(one.after);
+    const LeakWatch watch("staple");
+    {
+      InPlace credential;
+      *credential = LongSecret;
+      one.change(*credential);
+      credential.destroy();
+      EXPECT_FALSE(credential.holds("staple"));
+    }
+    EXPECT_EQ(watch.Leaks(), 0);
   }
-  EXPECT_EQ(watch.Leaks(), 0);
+}
+
+TEST(UnprotectedCredential, NothingIsLeftOfAShortSecretInsideTheObject) {
+  InPlace credential;
+  *credential = ShortSecret;
+  EXPECT_TRUE(credential.holds("unter2"));
+  *credential += "a text that does not fit inside the object any more";
+  EXPECT_FALSE(credential.holds("unter2")) << "after its growth out of the object";
+  credential.destroy();
+  EXPECT_FALSE(credential.holds("unter2"));
+
+  InPlace destroyed;
+  *destroyed = ShortSecret;
+  destroyed.destroy();
+  EXPECT_FALSE(destroyed.holds("unter2"));
+
+  // Longer than what growth leaves of the object's own buffer.
+  InPlace grown;
+  *grown = "0123456789-hunt";
+  EXPECT_TRUE(grown.holds("89-hunt"));
+  *grown += "a text that does not fit inside the object any more";
+  grown.destroy();
+  EXPECT_FALSE(grown.holds("89-hunt"));
+
+  InPlace source;
+  *source = ShortSecret;
+  Credential assigned;
+  assigned = std::move(*source);
+  EXPECT_STREQ(assigned.c_str(), ShortSecret);
+  source.destroy();
+  EXPECT_FALSE(source.holds("unter2"));
+}
+
+TEST(UnprotectedCredential, AShorterValueLeavesNothingOfALongerOne) {
+  Credential credential{std::string(LongSecret)};
+  const char* const buffer = credential.c_str();
+  credential = "x";
+  ASSERT_EQ(credential.c_str(), buffer) << "the buffer is kept, so its end can be looked at";
+  EXPECT_FALSE(tests::holds(buffer, std::strlen(LongSecret), "staple"));
 }
 
 TEST(ProxyIfc, TheNumbersOfTheProxyTypesAreFixed) {
@@ -268,23 +167,4 @@ TEST(ProxyIfc, TheNumbersOfTheProxyTypesAreFixed) {
   EXPECT_EQ(KerberosProxy, 2);
   EXPECT_EQ(NoProxy, 3);
   EXPECT_EQ(ProxyTypeMax, 4);
-}
-
-TEST(ProxyIfc, AProviderIsDeletedThroughTheInterface) {
-  class Provider : public ProxyIfc {
-   public:
-    explicit Provider(bool& deleted) : m_deleted(deleted) {}
-    ~Provider() override { m_deleted = true; }
-    UnprotectedCredential getProxyUser() override { return {}; }
-    UnprotectedCredential getProxyPswd() override { return {}; }
-    std::string getProxyHost() override { return ""; }
-    ProxyType getProxyType() override { return NoProxy; }
-
-   private:
-    bool& m_deleted;
-  };
-  bool deleted = false;
-  ProxyIfc* provider = new Provider(deleted);
-  delete provider;
-  EXPECT_TRUE(deleted);
 }

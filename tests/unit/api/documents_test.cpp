@@ -73,8 +73,8 @@ TEST(Documents, TheExampleProfilesLoadWithoutAProblem) {
 }
 
 TEST(Documents, TheExamplePreferencesLoadWithoutAProblem) {
-  const tests::PreferencesReading reading =
-      tests::readPreferences(Root + "/examples/preferences.xml");
+  const tests::Reading reading =
+      tests::readAs(ConfigurationKind::Preferences, Root + "/examples/preferences.xml");
   EXPECT_TRUE(reading.usable);
   EXPECT_THAT(reading.problems, IsEmpty());
   EXPECT_EQ(reading.Value(SelectionImprovement), "30");

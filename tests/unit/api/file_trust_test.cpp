@@ -11,21 +11,18 @@
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Api/FileTrust.h"
 
+namespace tests {
+namespace {
+
 using FileTrust::Check;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Key;
-using tests::ProblemAt;
-using tests::profileWithHosts;
-using tests::TemporaryDirectory;
-using Pieces = std::vector<std::string>;
-
-namespace {
 
 constexpr uid_t Nobody = 65534;
 
-class FileTrustTest : public testing::Test {
+class FileTrustTest : public FileTest {
  protected:
   FileTrustTest()
       : m_inner(m_directory.MakeDirectory("inner")),
@@ -42,12 +39,14 @@ class FileTrustTest : public testing::Test {
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
   }
 
-  const TemporaryDirectory m_directory;
+  /// @return whether it is another user's now, which takes root.
+  static bool giveAway(const std::string& path) {
+    return ::lchown(path.c_str(), Nobody, static_cast<gid_t>(-1)) == 0;
+  }
+
   const std::string m_inner;
   const std::string m_file;
 };
-
-bool isRoot() { return ::geteuid() == 0; }
 
 }  // namespace
 
@@ -60,63 +59,66 @@ TEST_F(FileTrustTest, AFileOfTheUserThatNobodyElseMayWriteIsOpenedForReading) {
   EXPECT_STREQ(text, "text");
 }
 
-TEST_F(FileTrustTest, AFileThatTheGroupMayWriteIsRefusedWithTheRemedy) {
-  setMode(m_file, 0664);
-  EXPECT_THAT(refusalOf(m_file), HasSubstr(m_file + " may be written by group " +
-                                           std::to_string(::getegid()) + " (mode 0664)"));
-  EXPECT_THAT(refusalOf(m_file), HasSubstr("'chmod g-w " + m_file + "'"));
-  EXPECT_THAT(refusalOf(m_file), HasSubstr("--trust-profiles"));
+TEST_F(FileTrustTest, WhatOthersMayWriteIsNamedWithTheRemedy) {
+  const std::string group = " may be written by group " + std::to_string(::getegid());
+  const std::string everybody = " may be written by every user";
+  struct Case {
+    const char* name;
+    std::string path;
+    mode_t mode;
+    std::string refusal;
+    std::string remedy;
+  };
+  const Case cases[] = {
+      {"file of a group", m_file, 0664, group + " (mode 0664)", "chmod g-w"},
+      {"file of everybody", m_file, 0666, everybody + " (mode 0666)", "chmod go-w"},
+      {"file of the others", m_file, 0646, everybody, "chmod o-w"},
+      {"the sticky bit is no excuse for a file", m_file, 01666, everybody, "chmod go-w"},
+      {"directory of a group", m_inner, 0775, group, "chmod g-w"},
+      {"directory of everybody", m_inner, 0777, everybody, "chmod go-w"},
+  };
+  const std::string deep = m_directory.MakeDirectory("inner/deep") + "/../file.xml";
+  for (const Case& one : cases) {
+    SCOPED_TRACE(one.name);
+    setMode(one.path, one.mode);
+    EXPECT_THAT(refusalOf(deep), HasSubstr(one.path + one.refusal));
+    EXPECT_THAT(refusalOf(deep), HasSubstr("'" + one.remedy + " " + one.path + "'"));
+    EXPECT_THAT(refusalOf(deep), HasSubstr("--trust-profiles"));
+    EXPECT_EQ(refusalOf(deep, Check::Waived), "");
+    setMode(one.path, 0700);
+    EXPECT_EQ(refusalOf(deep), "");
+  }
 }
 
-TEST_F(FileTrustTest, AFileThatEverybodyMayWriteIsRefusedWithTheRemedy) {
-  setMode(m_file, 0666);
-  EXPECT_THAT(refusalOf(m_file), HasSubstr("may be written by every user (mode 0666)"));
-  EXPECT_THAT(refusalOf(m_file), HasSubstr("'chmod go-w " + m_file + "'"));
-  setMode(m_file, 0646);
-  EXPECT_THAT(refusalOf(m_file), HasSubstr("'chmod o-w " + m_file + "'"));
-}
-
-TEST_F(FileTrustTest, TheStickyBitIsNoExcuseForAFile) {
-  setMode(m_file, 01666);
-  EXPECT_THAT(refusalOf(m_file), HasSubstr("may be written by every user"));
-}
-
-TEST_F(FileTrustTest, ADirectoryOnTheWayThatOthersMayWriteIsNamed) {
-  const std::string deep = m_directory.MakeDirectory("inner/deep");
-  const std::string file = m_directory.Write("inner/deep/file.xml", "text");
-  setMode(m_inner, 0775);
-  EXPECT_THAT(refusalOf(file), HasSubstr(m_inner + " may be written by group"));
-  EXPECT_THAT(refusalOf(file), HasSubstr("'chmod g-w " + m_inner + "'"));
-}
-
-TEST_F(FileTrustTest, ADirectoryInWhichOnlyOwnEntriesChangeIsTrusted) {
+TEST_F(FileTrustTest, ADirectoryInWhichOnlyOwnEntriesChangeIsTrustedButNoFileOfAnotherUserInIt) {
   setMode(m_inner, 01777);
   EXPECT_EQ(refusalOf(m_file), "");
-}
-
-TEST_F(FileTrustTest, AFileOfAnotherUserIsRefusedAlsoInSuchADirectory) {
-  if (!isRoot()) {
+  if (!giveAway(m_file)) {
     GTEST_SKIP() << "giving files away takes root";
   }
-  setMode(m_inner, 01777);
-  ASSERT_EQ(::chown(m_file.c_str(), Nobody, static_cast<gid_t>(-1)), 0);
   EXPECT_THAT(refusalOf(m_file), HasSubstr(m_file + " belongs to user 65534"));
   EXPECT_THAT(refusalOf(m_file), HasSubstr("'chown 0 " + m_file + "'"));
 }
 
-TEST_F(FileTrustTest, ADirectoryOfAnotherUserIsRefused) {
-  if (!isRoot()) {
+TEST_F(FileTrustTest, ADirectoryOrALinkOfAnotherUserIsRefused) {
+  const std::string link = m_inner + "/link.xml";
+  std::filesystem::create_symlink(m_file, link);
+  EXPECT_EQ(refusalOf(link), "");
+  if (!giveAway(link)) {
     GTEST_SKIP() << "giving files away takes root";
   }
-  ASSERT_EQ(::chown(m_inner.c_str(), Nobody, static_cast<gid_t>(-1)), 0);
+  EXPECT_THAT(refusalOf(link), HasSubstr(link + " belongs to user 65534"));
+  ASSERT_TRUE(giveAway(m_inner));
   EXPECT_THAT(refusalOf(m_file), HasSubstr(m_inner + " belongs to user 65534"));
 }
 
 TEST_F(FileTrustTest, WithRootsFilesAnotherUserIsContent) {
-  if (!isRoot()) {
+  if (::geteuid() != 0) {
     GTEST_SKIP() << "becoming another user takes root";
   }
   setMode(m_directory.Path(), 0755);
+  setMode(m_inner, 0755);
+  setMode(m_file, 0644);
   ASSERT_EQ(::seteuid(Nobody), 0);
   const std::string refusal = refusalOf(m_file);
   ASSERT_EQ(::seteuid(0), 0);
@@ -135,30 +137,12 @@ TEST_F(FileTrustTest, OfALinkTheDirectoryItStandsInAndTheOneItLeadsToCount) {
   EXPECT_THAT(refusalOf(link), HasSubstr(m_inner + " may be written by every user"));
 }
 
-TEST_F(FileTrustTest, ALinkOfAnotherUserIsRefused) {
-  if (!isRoot()) {
-    GTEST_SKIP() << "giving files away takes root";
-  }
-  const std::string link = m_inner + "/link.xml";
-  std::filesystem::create_symlink(m_file, link);
-  EXPECT_EQ(refusalOf(link), "");
-  ASSERT_EQ(::lchown(link.c_str(), Nobody, static_cast<gid_t>(-1)), 0);
-  EXPECT_THAT(refusalOf(link), HasSubstr(link + " belongs to user 65534"));
-}
-
 TEST_F(FileTrustTest, LinksToDirectoriesAreFollowedAbsoluteAndRelative) {
   std::filesystem::create_symlink(m_inner, m_directory.File("absolute"));
   std::filesystem::create_symlink("./absolute/", m_directory.File("relative"));
   EXPECT_EQ(refusalOf(m_directory.File("relative") + "//./../inner/file.xml"), "");
   setMode(m_file, 0664);
   EXPECT_THAT(refusalOf(m_directory.File("relative") + "/file.xml"), HasSubstr(m_file));
-}
-
-TEST_F(FileTrustTest, LinksThatLeadNowhereOrInACircleAreTold) {
-  std::filesystem::create_symlink("nowhere", m_inner + "/dangling");
-  std::filesystem::create_symlink("circle", m_inner + "/circle");
-  EXPECT_THAT(refusalOf(m_inner + "/dangling"), HasSubstr("No such file"));
-  EXPECT_THAT(refusalOf(m_inner + "/circle"), HasSubstr("Too many levels of symbolic links"));
 }
 
 TEST_F(FileTrustTest, ARelativePathIsCheckedFromTheRootToo) {
@@ -171,7 +155,11 @@ TEST_F(FileTrustTest, ARelativePathIsCheckedFromTheRootToo) {
   EXPECT_THAT(refusal, HasSubstr(m_inner + " may be written by group"));
 }
 
-TEST_F(FileTrustTest, AFileInThePlaceOfADirectoryAndTheOtherWayRoundAreTold) {
+TEST_F(FileTrustTest, APathThatLeadsToNoFileIsTold) {
+  std::filesystem::create_symlink("nowhere", m_inner + "/dangling");
+  std::filesystem::create_symlink("circle", m_inner + "/circle");
+  EXPECT_THAT(refusalOf(m_inner + "/dangling"), HasSubstr("No such file"));
+  EXPECT_THAT(refusalOf(m_inner + "/circle"), HasSubstr("Too many levels of symbolic links"));
   EXPECT_THAT(refusalOf(m_file + "/more"), HasSubstr("Not a directory"));
   EXPECT_THAT(refusalOf(m_inner), HasSubstr("not a regular file"));
   EXPECT_THAT(refusalOf(""), HasSubstr("No such file"));
@@ -181,12 +169,6 @@ TEST_F(FileTrustTest, AFileInThePlaceOfADirectoryAndTheOtherWayRoundAreTold) {
   EXPECT_EQ(refusal.error, ENOTDIR);
 }
 
-TEST_F(FileTrustTest, WaivedTheFileIsReadWhoeverCouldHaveWrittenIt) {
-  setMode(m_file, 0666);
-  setMode(m_inner, 0777);
-  EXPECT_EQ(refusalOf(m_file, Check::Waived), "");
-}
-
 TEST_F(FileTrustTest, ANameThatCouldForgeALineIsShownInOne) {
   const std::string file = m_directory.Write("inner/a\nb", "text");
   setMode(file, 0666);
@@ -194,17 +176,15 @@ TEST_F(FileTrustTest, ANameThatCouldForgeALineIsShownInOne) {
   EXPECT_THAT(refusalOf(file), testing::Not(HasSubstr("\n")));
 }
 
-// ---- Profiles and preferences -----------------------------------------------------------------
-
 TEST_F(FileTrustTest, AProfileThatOthersMayWriteIsSkippedAndTheOthersUsed) {
   setMode(m_directory.Write("inner/file.xml", profileWithHosts("<host name=\"bad\"/>")), 0664);
   m_directory.Write("inner/good.xml", profileWithHosts("<host name=\"good\"/>"));
   ProfileMgr profiles;
   profiles.loadDirectory(m_inner);
   EXPECT_THAT(profiles.getHostProfileMap(), ElementsAre(Key("good")));
-  EXPECT_THAT(profiles.getProblems(),
-              ElementsAre(ProblemAt(0, Pieces{"another user could have changed it", m_file,
-                                              "the whole file is skipped"})));
+  EXPECT_THAT(
+      profiles.getProblems(),
+      Tell({{0, {"another user could have changed it", m_file, "the whole file is skipped"}}}));
 }
 
 TEST_F(FileTrustTest, ADirectoryThatOthersMayWriteIsRefusedOnceAndAsAWhole) {
@@ -214,8 +194,7 @@ TEST_F(FileTrustTest, ADirectoryThatOthersMayWriteIsRefusedOnceAndAsAWhole) {
   ProfileMgr profiles;
   profiles.loadDirectory(m_inner);
   EXPECT_THAT(profiles.getFileInitMap(), IsEmpty());
-  EXPECT_THAT(profiles.getProblems(),
-              ElementsAre(ProblemAt(0, Pieces{"the directory is refused", m_inner})));
+  EXPECT_THAT(profiles.getProblems(), Tell({{0, {"the directory is refused", m_inner}}}));
   ProfileMgr trusting;
   trusting.trustFiles();
   trusting.loadDirectory(m_inner);
@@ -225,24 +204,21 @@ TEST_F(FileTrustTest, ADirectoryThatOthersMayWriteIsRefusedOnceAndAsAWhole) {
 
 TEST_F(FileTrustTest, PreferencesThatOthersMayWriteCountAsNotThereUnlessTheCallerTrustsThem) {
   PreferenceMgr::Sources sources;
-  const std::string text =
-      tests::preferencesText(tests::preferenceElement("SelectionImprovement", "5"));
+  const std::string text = preferencesText(preferenceElement("SelectionImprovement", "5"));
   sources.userPreferencesFile = m_directory.Write("user.xml", text);
   sources.globalPreferencesFile = m_directory.Write("global.xml", text);
   setMode(sources.userPreferencesFile, 0666);
   setMode(sources.globalPreferencesFile, 0666);
-  std::string value;
   {
-    const tests::ScopedPreferenceMgr preferences(sources);
-    EXPECT_EQ(preferences->getPreferenceValue(SelectionImprovement, value), 0);
-    EXPECT_EQ(value, "20");
+    const ScopedPreferenceMgr preferences(sources);
+    EXPECT_EQ(preferences.Value(SelectionImprovement), "20");
     EXPECT_THAT(preferences->getProblems(),
-                ElementsAre(ProblemAt(0, Pieces{sources.userPreferencesFile}),
-                            ProblemAt(0, Pieces{sources.globalPreferencesFile})));
+                Tell({{0, {sources.userPreferencesFile}}, {0, {sources.globalPreferencesFile}}}));
   }
   sources.trustFiles = true;
-  const tests::ScopedPreferenceMgr preferences(sources);
-  EXPECT_EQ(preferences->getPreferenceValue(SelectionImprovement, value), 0);
-  EXPECT_EQ(value, "5");
+  const ScopedPreferenceMgr preferences(sources);
+  EXPECT_EQ(preferences.Value(SelectionImprovement), "5");
   EXPECT_THAT(preferences->getProblems(), IsEmpty());
 }
+
+}  // namespace tests

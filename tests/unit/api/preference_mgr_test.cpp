@@ -1,5 +1,4 @@
-// The preference manager: precedence, what it hands out, its life, and what it tells of wrong
-// files.
+// The preference manager: its life, what it hands out, and what it tells of wrong files.
 
 #include <atomic>
 #include <thread>
@@ -8,55 +7,33 @@
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/include/InstanceSmartPtr.h"
 
+namespace tests {
+namespace {
+
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Key;
 using testing::SizeIs;
-using tests::LogCapture;
-using tests::preferenceElement;
-using tests::preferencesText;
-using tests::ProblemAt;
-using tests::profileWithHosts;
-using tests::ScopedPreferenceMgr;
-using tests::TemporaryDirectory;
-using Pieces = std::vector<std::string>;
 
-namespace {
-
-class PreferenceMgrTest : public testing::Test {
+class PreferenceMgrTest : public FileTest {
  protected:
   void writeUser(const std::string& inside) {
-    m_sources.userPreferencesFile = m_directory.Write("user.xml", preferencesText(inside));
+    m_sources.userPreferencesFile = m_directory.Write("100%s%n.xml", preferencesText(inside));
   }
   void writeGlobal(const std::string& inside) {
     m_sources.globalPreferencesFile = m_directory.Write("global.xml", preferencesText(inside));
   }
 
-  TemporaryDirectory m_directory;
   PreferenceMgr::Sources m_sources;
 };
 
-std::string valueOf(const ScopedPreferenceMgr& preferences, PreferenceId id) {
-  std::string value = "untouched";
-  EXPECT_EQ(preferences->getPreferenceValue(id, value), PREFERENCEMGR_SUCCESS);
-  return value;
-}
-
 }  // namespace
 
-TEST_F(PreferenceMgrTest, ThereIsNoneUntilItIsCreated) {
+TEST_F(PreferenceMgrTest, ThereIsOneFromItsCreationUntilTheLastAcquisitionIsGivenBack) {
   EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
   EXPECT_TRUE(CInstanceSmartPtr<PreferenceMgr>() == nullptr);
-}
-
-TEST_F(PreferenceMgrTest, ASecondCannotBeCreated) {
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(preferences.Status(), PREFERENCEMGR_SUCCESS);
-  EXPECT_EQ(PreferenceMgr::createInstance(m_sources), PREFERENCEMGR_ERROR_ALREADY_EXISTS);
-}
-
-TEST_F(PreferenceMgrTest, ItLivesUntilTheLastAcquisitionIsGivenBack) {
   ASSERT_EQ(PreferenceMgr::createInstance(m_sources), PREFERENCEMGR_SUCCESS);
+  EXPECT_EQ(PreferenceMgr::createInstance(m_sources), PREFERENCEMGR_ERROR_ALREADY_EXISTS);
   PreferenceMgr* first = PreferenceMgr::acquireInstance();
   PreferenceMgr* second = PreferenceMgr::acquireInstance();
   ASSERT_NE(first, nullptr);
@@ -69,83 +46,37 @@ TEST_F(PreferenceMgrTest, ItLivesUntilTheLastAcquisitionIsGivenBack) {
   EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
 }
 
-TEST_F(PreferenceMgrTest, ItCanBeCreatedAgainFromOtherFiles) {
-  writeUser(preferenceElement("SelectionImprovement", "5"));
-  {
-    const ScopedPreferenceMgr preferences(m_sources);
-    EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5");
-  }
-  const ScopedPreferenceMgr preferences({});
-  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "20");
-}
-
-TEST_F(PreferenceMgrTest, WithoutFilesEveryPreferenceHasItsDefault) {
+TEST_F(PreferenceMgrTest, WithoutFilesEveryPreferenceHasItsDefaultAndNoOtherNumberIsOne) {
+  m_sources.cacheDirectory = "/var/cache/some";
   const ScopedPreferenceMgr preferences(m_sources);
   for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
-    EXPECT_EQ(valueOf(preferences, definition.id), definition.defaultValue) << definition.name;
+    EXPECT_EQ(preferences.Value(definition.id), definition.defaultValue) << definition.name;
   }
   EXPECT_THAT(preferences->getProblems(), IsEmpty());
-}
-
-TEST_F(PreferenceMgrTest, ANumberThatIsNotAllowedStandsAsItIsWritten) {
-  writeUser(preferenceElement("SelectionImprovement", "5000"));
-  writeGlobal(preferenceElement("SelectionImprovement", "6"));
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "5000");
-}
-
-TEST_F(PreferenceMgrTest, AWordThatIsNotAllowedGivesWayToTheGlobalOne) {
-  writeUser(preferenceElement("ProxySettings", "overide"));
-  writeGlobal(preferenceElement("ProxySettings", "none"));
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyNone);
-}
-
-TEST_F(PreferenceMgrTest, AProxyInTheUsersPreferencesIsReportedAsWithoutEffect) {
-  writeUser(preferenceElement("ProxyHost", "proxy.example.com") +
-            preferenceElement("ProxyPort", "8080"));
-  writeGlobal(preferenceElement("ProxyPort", "3128"));
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, ProxyHost), "");
-  EXPECT_EQ(valueOf(preferences, ProxyPort), "3128");
-  ASSERT_THAT(preferences->getProblems(), SizeIs(2)) << "one each";
-  EXPECT_EQ(preferences->getProblems()[0].text,
-            "ProxyHost has no effect in a user's preferences; set it in the global ones");
-  EXPECT_EQ(preferences->getProblems()[0].file, m_sources.userPreferencesFile);
-}
-
-TEST_F(PreferenceMgrTest, AProxyThatTheCallerGivesGoesBeforeBothFiles) {
-  writeUser(preferenceElement("ProxySettings", "none"));
-  writeGlobal(preferenceElement("ProxySettings", "system") +
-              preferenceElement("ProxyHost", "proxy1") + preferenceElement("ProxyPort", "3128"));
-  m_sources.preferences = {{ProxySettings, "override"}, {ProxyHost, "[::1]"}, {ProxyPort, ""}};
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, ProxySettings), PreferenceBase::ProxyOverride);
-  UserPreferences* global = nullptr;
-  ASSERT_EQ(preferences->getParsedPreferenceFile(Global, global), PREFERENCEMGR_SUCCESS);
-  EXPECT_EQ(global->getProxyHost(), "[::1]");
-  EXPECT_EQ(global->getProxyPort(), "");
-}
-
-TEST_F(PreferenceMgrTest, ANumberThatIsNoPreferenceIsRefused) {
-  const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(preferences->getCacheDirectory(), "/var/cache/some");
   std::string value = "untouched";
   EXPECT_EQ(preferences->getPreferenceValue(static_cast<PreferenceId>(1), value),
             PREFERENCEMGR_ERROR_BAD_PARAMETER);
   EXPECT_EQ(value, "untouched");
 }
 
-TEST_F(PreferenceMgrTest, EachScopeHasItsParsedFile) {
-  writeUser(preferenceElement("ProxyHost", "users"));
-  writeGlobal(preferenceElement("ProxyHost", "proxy1") + preferenceElement("ProxyPort", "3128"));
+TEST_F(PreferenceMgrTest, AProxyInTheUsersPreferencesIsReportedAsWithoutEffect) {
+  writeUser(preferenceElement("ProxyHost", "users") + preferenceElement("ProxyPort", "8080"));
+  writeGlobal(preferenceElement("ProxyPort", "3128"));
   const ScopedPreferenceMgr preferences(m_sources);
+  EXPECT_EQ(preferences.Value(ProxyHost), "");
+  EXPECT_EQ(preferences.Value(ProxyPort), "3128");
+  ASSERT_THAT(preferences->getProblems(), SizeIs(2)) << "one each";
+  EXPECT_EQ(preferences->getProblems()[0].text,
+            "ProxyHost has no effect in a user's preferences; set it in the global ones");
+  EXPECT_EQ(preferences->getProblems()[0].file, m_sources.userPreferencesFile);
   UserPreferences* user = nullptr;
   UserPreferences* global = nullptr;
   ASSERT_EQ(preferences->getParsedPreferenceFile(User, user), PREFERENCEMGR_SUCCESS);
   ASSERT_EQ(preferences->getParsedPreferenceFile(Global, global), PREFERENCEMGR_SUCCESS);
   EXPECT_EQ(user->getProxyHost(), "users");
-  EXPECT_EQ(user->getProxyPort(), "");
-  EXPECT_EQ(global->getProxyHost(), "proxy1");
+  EXPECT_EQ(user->getProxyPort(), "8080");
+  EXPECT_EQ(global->getProxyHost(), "");
   EXPECT_EQ(global->getProxyPort(), "3128");
 }
 
@@ -162,24 +93,6 @@ TEST_F(PreferenceMgrTest, GivenHeadendsStandBesideTheProfilesAndHaveNamesFirst) 
   EXPECT_THAT(preferences->getProblems(), SizeIs(1)) << "the profile's entry of that name";
 }
 
-TEST_F(PreferenceMgrTest, ThePreferencesOfTheCallerGoBeforeEveryFile) {
-  m_sources.profileDirectory = m_directory.MakeDirectory("profiles");
-  m_directory.Write("profiles/a.xml", "<profile version=\"1\"><preferences>" +
-                                          preferenceElement("SelectionImprovement", "10") +
-                                          "</preferences></profile>");
-  writeUser(preferenceElement("SelectionImprovement", "5"));
-  writeGlobal(preferenceElement("SelectionImprovement", "6"));
-  m_sources.preferences = {{SelectionImprovement, "33"}};
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(valueOf(preferences, SelectionImprovement), "33");
-}
-
-TEST_F(PreferenceMgrTest, TheCacheDirectoryIsTheOneOfTheSources) {
-  m_sources.cacheDirectory = "/var/cache/some";
-  const ScopedPreferenceMgr preferences(m_sources);
-  EXPECT_EQ(preferences->getCacheDirectory(), "/var/cache/some");
-}
-
 TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach) {
   writeUser("<preferense/>");
   writeGlobal("<");
@@ -189,9 +102,9 @@ TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach
   const ScopedPreferenceMgr preferences(m_sources);
   EXPECT_EQ(preferences.Status(), PREFERENCEMGR_SUCCESS);
   const std::vector<FileProblem> problems = preferences->getProblems();
-  EXPECT_THAT(problems, ElementsAre(ProblemAt(3, Pieces{"did you mean <preference>?"}),
-                                    ProblemAt(3, Pieces{"not well-formed"}),
-                                    ProblemAt(4, Pieces{"without \"name\""})));
+  EXPECT_THAT(problems, Tell({{3, {"did you mean <preference>?"}},
+                              {3, {"not well-formed"}},
+                              {4, {"without \"name\""}}}));
   ASSERT_THAT(log.Lines(), SizeIs(3));
   for (std::size_t i = 0; i < problems.size(); ++i) {
     EXPECT_EQ(log.Lines()[i].function, "PreferenceMgr");
@@ -199,14 +112,6 @@ TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach
     EXPECT_EQ(log.Lines()[i].severity, Logging::DBG_Warning);
     EXPECT_EQ(log.Lines()[i].message, problems[i].toString());
   }
-}
-
-TEST_F(PreferenceMgrTest, AFileNameWithAFormatInItIsLoggedAsItStands) {
-  m_sources.userPreferencesFile = m_directory.Write("100%s%n.xml", "<");
-  const LogCapture log;
-  const ScopedPreferenceMgr preferences(m_sources);
-  ASSERT_THAT(log.Lines(), SizeIs(1));
-  EXPECT_THAT(log.Lines()[0].message, testing::HasSubstr("/100%s%n.xml:1:2: "));
 }
 
 TEST_F(PreferenceMgrTest, ManyThreadsMayAcquireReadAndReleaseWhileItIsTakenDown) {
@@ -236,3 +141,5 @@ TEST_F(PreferenceMgrTest, ManyThreadsMayAcquireReadAndReleaseWhileItIsTakenDown)
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
 }
+
+}  // namespace tests

@@ -4,99 +4,172 @@
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Common/Utility/URL.h"
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-using tests::ProblemAt;
-using tests::ProfileReading;
-using tests::profileText;
-using tests::profileWithHosts;
-using tests::TemporaryDirectory;
-using Pieces = std::vector<std::string>;
-
+namespace tests {
 namespace {
 
-class ProfileFileTest : public testing::Test {
- protected:
-  ProfileReading read(const std::string& contents) {
-    return tests::readProfile(m_directory.Write("profile.xml", contents));
-  }
+using Texts = std::vector<std::string>;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
 
-  TemporaryDirectory m_directory;
-};
-
-Preference* switchOf(const ProfileFile& profile) {
-  Preference* preference = nullptr;
-  profile.preferences.getPreference(EnableAutomaticServerSelection, preference);
-  return preference;
-}
+class ProfileFileTest : public FileTest {};
 
 }  // namespace
 
-TEST_F(ProfileFileTest, NamesAddressesLinesAndPreferencesAreRead) {
-  const ProfileReading reading = read(
-      "<profile version=\"1\">\n"
-      "  <preferences>\n"
-      "    <preference name=\"EnableAutomaticServerSelection\" value=\"true\" "
-      "user-controllable=\"true\"/>\n"
-      "  </preferences>\n"
-      "  <hosts>\n"
-      "    <host name=\"Amsterdam\" address=\"gw-ams.example.com:8443\"/>\n"
-      "    <host name=\"gw-par.example.com\"/>\n"
-      "  </hosts>\n"
-      "</profile>\n");
-  EXPECT_TRUE(reading.usable);
-  EXPECT_THAT(reading.problems, IsEmpty());
-  ASSERT_THAT(reading.profile.hosts, SizeIs(2));
-  EXPECT_EQ(reading.profile.hosts[0].name, "Amsterdam");
-  EXPECT_EQ(reading.profile.hosts[0].address, "gw-ams.example.com:8443");
-  EXPECT_EQ(reading.profile.hosts[0].line, 6U);
-  EXPECT_EQ(reading.profile.hosts[1].address, "");
-  EXPECT_EQ(reading.profile.hosts[1].line, 7U);
-  ASSERT_NE(switchOf(reading.profile), nullptr);
-  EXPECT_EQ(switchOf(reading.profile)->getPreferenceValue(), PreferenceBase::PreferenceEnabled);
-  EXPECT_TRUE(switchOf(reading.profile)->isUserControllable());
+TEST_F(ProfileFileTest, AnEntryIsTakenAsItIsWrittenOrLeftOutWithTheReason) {
+  const std::string longest(MaxHostNameLength, 'n');
+  const std::string badAddress = URL::findError("gw ams").substr(0, 20);
+  // An entry stands in line 4 of the file.
+  const auto expect = [this](const char* name, const std::string& hosts, const Texts& taken,
+                             const std::vector<Told>& told) {
+    SCOPED_TRACE(name);
+    const Reading reading = read(profileWithHosts(hosts));
+    EXPECT_TRUE(reading.usable);
+    EXPECT_EQ(reading.Hosts(), taken);
+    EXPECT_THAT(reading.problems, Tell(told));
+  };
+  expect("without a name", R"(<host address="g"/>)", {},
+         {{4, {"without \"name\"", "is left out"}}});
+  expect("empty name", R"(<host name="" address="g"/>)", {}, {{4, {"\"\"", "not blanks alone"}}});
+  expect("blank name and address", R"(<host name="  " address="&#9;"/>)", {},
+         {{4, {"\"  \"", "must be 1 to 255 bytes", "not blanks alone", "left out"}}});
+  expect("wrong among right ones", "<host/>\n<host name=\"a\"/>", {"a"}, {{4, {}}});
+  expect("blank inside the address", R"(<host name="Amsterdam" address="gw ams"/>)", {},
+         {{4, {"\"Amsterdam\" is left out", "address \"gw ams\"", badAddress}}});
+  expect("wrong port", R"(<host name="a" address="gw:70000"/>)", {},
+         {{4, {"\"a\"", "\"gw:70000\""}}});
+  expect("path alone", R"(<host name="a" address="/path"/>)", {}, {{4, {"\"a\"", "\"/path\""}}});
+  expect("empty address counts as none", R"(<host name="gw" address=""/>)", {"gw"}, {});
+  expect("blank address counts as none", R"(<host name="gw" address=" &#10; &#13;"/>)", {"gw"}, {});
+  expect("a name that stands for the address must be one", R"(<host name="Paris office"/>)", {},
+         {{4, {"\"Paris office\"", "no address"}}});
+  expect("line feed in the name", R"(<host name="a&#10;b" address="g"/>)", {}, {{4, {"a\\x0ab"}}});
+  expect("delete in the name", "<host name=\"a\x7F\" address=\"g\"/>", {}, {{4, {"a\\x7f"}}});
+  expect("C1 in the name", "<host name=\"a\xC2\x9B\" address=\"g\"/>", {}, {{4, {"a\\xc2\\x9b"}}});
+  expect("255 bytes", "<host name=\"" + longest + "\" address=\"g\"/>", {longest + " @ g"}, {});
+  expect("256 bytes", "<host name=\"" + longest + "n\" address=\"g\"/>", {},
+         {{4, {"1 to 255 bytes"}}});
+  expect("misspelt address, for the name is another gateway",
+         R"(<host name="amsterdam" adress="gw-ams"/>)", {},
+         {{4, {"\"adress\"", "<host>", "\"name\", \"address\"", "did you mean \"address\"?"}}});
+  expect("address as an element, for the name is another gateway",
+         R"(<host name="gw8"><address>real</address></host>)", {},
+         {{4, {"<address> inside <host>", "as an attribute", "the entry is left out"}}});
+  expect("nothing but blanks inside", "<host name=\"b\"> <!-- --> </host>", {"b"}, {});
+  expect("hyphen", R"(<host name="a" address="-oProxy"/>)", {}, {{4, {"begins with \"-\""}}});
+  expect("hyphen of the name", R"(<host name="-oProxy"/>)", {}, {{4, {"begins with \"-\""}}});
+  expect("text beside", "Amsterdam<host name=\"a\"/>", {"a"}, {{4, {"<hosts>", "\"Amsterdam\""}}});
+  expect("text inside", "<host name=\"b\">gw</host>", {},
+         {{4, {"<host>", "\"gw\"", "the entry is left out"}}});
+  expect("CDATA inside", "<host name=\"c\"><![CDATA[gw]]></host>", {}, {{4, {"<host>", "\"gw\""}}});
+  expect("misspelt element", "<hsot name=\"a\"/>", {},
+         {{4, {"<hsot>", "inside <hosts>", "did you mean <host>?"}}});
+  expect(
+      "any language, byte for byte",
+      R"(<host name="Zürich" address="g"/><host name="東京" address="g"/><host name="zürich" address="g"/>)",
+      {"Zürich @ g", "東京 @ g", "zürich @ g"}, {});
+  expect("references are decoded once",
+         R"(<host name="R&amp;D" address="gw/?a&amp;b&#38;c&amp;#38;d&lt;"/>)",
+         {"R&D @ gw/?a&b&c&#38;d<"}, {});
 }
 
-TEST_F(ProfileFileTest, UserControllableIsFalseUnlessItIsWritten) {
-  const ProfileReading reading = read(profileWithHosts(""));
-  ASSERT_NE(switchOf(reading.profile), nullptr);
-  EXPECT_FALSE(switchOf(reading.profile)->isUserControllable());
+TEST_F(ProfileFileTest, ThePreferencesOfAProfileAreItsSwitchAndWhatIsWrongIsTold) {
+  const std::string on = R"(value="true")";
+  const Told meant{4, {"did you mean \"EnableAutomaticServerSelection\"?"}};
+  const auto expect = [this](const char* name, const std::string& preferences,
+                             const std::string& value, const std::vector<Told>& told) {
+    SCOPED_TRACE(name);
+    const Reading reading = read(profileText("<preferences>\n" + preferences + "</preferences>"));
+    EXPECT_EQ(reading.Value(EnableAutomaticServerSelection), value);
+    EXPECT_EQ(reading.profile.preferences.all().size(), value == "unset" ? 0U : 1U);
+    EXPECT_THAT(reading.problems, Tell(told));
+  };
+  expect("the user has no control unless it is written", switchElement(on), "true", {});
+  expect("the user has control", switchElement(on + R"( user-controllable="true")"), "true uc", {});
+  expect("any control but true is none", switchElement(on + R"( user-controllable="yes")"), "true",
+         {{4, {"\"yes\"", "counts as if it were not there"}}});
+  expect("an unknown attribute is no matter", switchElement(on + R"( user-controlable="true")"),
+         "true", {{4, {"did you mean \"user-controllable\"?"}}});
+  expect("a wrong value stays as it is written",
+         switchElement(R"(value="True" user-controllable="true")"), "True uc",
+         {{4, {"\"True\"", "\"true\" or \"false\"", "did you mean \"true\"?"}}});
+  expect("the first one counts", switchElement(on) + "\n" + switchElement(R"(value="false")"),
+         "true", {{5, {"already in line 4"}}});
+  expect("without a name", R"(<preference value="true"/>)", "unset", {{4, {"without \"name\""}}});
+  expect("without a value", switchElement(""), "unset", {{4, {"without \"value\""}}});
+  expect("another case", preferenceElement("enableautomaticserverselection", "true"), "unset",
+         {meant});
+  expect("far from any name", preferenceElement("Colour", "true"), "unset",
+         {{4, {"\"Colour\"", "allowed here: \"EnableAuto", "!did you mean"}}});
+  expect("one of the preferences file", preferenceElement("ProxyHost", "proxy"), "unset",
+         {{4, {"\"ProxyHost\"", "a preferences file"}}});
 }
 
-TEST_F(ProfileFileTest, AProfileWithoutAnythingInItIsAProfile) {
-  const ProfileReading reading = read("<profile version=\"1\"/>");
-  EXPECT_TRUE(reading.usable);
-  EXPECT_THAT(reading.problems, IsEmpty());
-  EXPECT_EQ(switchOf(reading.profile), nullptr);
-}
-
-TEST_F(ProfileFileTest, HostsMayStandBeforePreferencesAndInSeveralGroups) {
-  const ProfileReading reading = read(profileText(
-      "<hosts><host name=\"a\"/></hosts><preferences/><hosts><host name=\"b\"/></hosts>"));
-  EXPECT_THAT(reading.problems, IsEmpty());
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a", "b"));
-}
-
-TEST_F(ProfileFileTest, CommentsAndAByteOrderMarkAreNoMatter) {
-  const ProfileReading reading =
-      read("\xEF\xBB\xBF<!-- ours --><profile version=\"1\"><!-- none yet --></profile>");
-  EXPECT_TRUE(reading.usable);
-  EXPECT_THAT(reading.problems, IsEmpty());
+TEST_F(ProfileFileTest, AFileIsUsedOrSkippedAsAWholeWithThePlaceAndWhatToDo) {
+  const auto expect = [this](const char* name, const std::string& text, bool usable,
+                             const Texts& taken, const std::vector<Told>& told) {
+    SCOPED_TRACE(name);
+    const Reading reading = read(text);
+    EXPECT_EQ(reading.usable, usable);
+    EXPECT_EQ(reading.Hosts(), taken);
+    EXPECT_THAT(reading.problems, Tell(told));
+  };
+  expect("empty profile", R"(<profile version="1"/>)", true, {}, {});
+  expect("hosts before preferences and in several groups",
+         profileText(
+             "<hosts><host name=\"a\"/></hosts><preferences/><hosts><host name=\"b\"/></hosts>"),
+         true, {"a", "b"}, {});
+  expect("byte order mark and comments",
+         "\xEF\xBB\xBF<!-- ours --><profile version=\"1\"><!-- none yet --></profile>", true, {},
+         {});
+  expect("misspelt group, with all that is in it",
+         profileText("<Hosts><host name=\"a\"/></Hosts><hosts><host name=\"c\"/></hosts>"), true,
+         {"c"}, {{3, {"<Hosts>", "did you mean <hosts>?"}}});
+  expect("namespace declaration", R"(<profile version="1" xmlns="urn:x"/>)", true, {},
+         {{1, {"\"xmlns\"", "\"version\""}}});
+  expect("no version", R"(<profile><hosts><host name="a"/></hosts></profile>)", true, {"a"},
+         {{1, {"<profile version=\"1\">"}}});
+  expect("another version", R"(<profile version="2"><hosts><host name="a"/></hosts></profile>)",
+         false, {}, {{1, {"\"2\"", "file is skipped", "!did you mean"}}});
+  expect("another outermost element", "\n<preferences version=\"1\"/>", false, {},
+         {{2, {"<preferences>", "<profile>"}}});
+  expect("crossed tags",
+         "<profile version=\"1\">\n<hosts>\n<host name=\"a\"/>\n<host name=\"b\">\n</hosts>", false,
+         {}, {{5, {"not well-formed XML", "host"}}});
+  expect("open tag", "<profile version=\"1\">\n<hosts>\n", false, {},
+         {{3, {"end of data in tag hosts"}}});
+  expect("two roots", "<profile version=\"1\"/>\n<hosts/>", false, {},
+         {{2, {"content at the end"}}});
+  expect("no quotation mark", "<profile version=1/>", false, {}, {{1, {"a quotation mark"}}});
+  expect("no value", "<profile version/>", false, {}, {{1, {"value for attribute version"}}});
+  expect("open quotation", "<profile version=\"1/>\n<hosts/>", false, {},
+         {{2, {"the closing quotation mark before it is missing"}}});
+  expect("quotation closed by the next",
+         R"(<profile version="1"><host name="Zürich address="x"/></profile>)", false, {},
+         {{1, {"a quotation mark, a blank"}}});
+  expect("bare ampersand", "<profile version=\"R&D\"/>", false, {}, {{1, {"written as &lt;"}}});
+  expect("attribute twice", R"(<profile version="1" version="1"/>)", false, {},
+         {{1, {"version redefined"}}});
+  expect("prefix", R"(<profile version="1"><x:hosts/></profile>)", false, {},
+         {{1, {"prefix x on hosts"}}});
+  expect("hyphens", R"(<profile version="1"><!-- a -- b --></profile>)", false, {},
+         {{1, {"within comment"}}});
+  expect("control", "<profile version=\"1\">\x01</profile>", false, {}, {{1, {"not well-formed"}}});
+  expect("no XML", "profile", false, {}, {{1, {"Start tag expected"}}});
 }
 
 TEST_F(ProfileFileTest, AMistakeIsToldWithThePlaceWhereTheTagAttributeOrTextBegins) {
-  const ProfileReading reading = read(
+  const Reading reading = read(
       "\xEF\xBB\xBF<profile version='1'>\n"
       "\t<hosts>\n"
       "  <host name=\"Zürich\" adress=\"gw\"/><hsot/>\n"
       "  <host\n"
       "      name=\"a name&#61;b\"\n"
       "      address='g w'/> text\n"
-      "  <host name='东京'/><host address=\"name\" />\r\n"
+      "  <host name='東京'/><host address=\"name\" />\r\n"
       "  <host name=\"b\"><![CDATA[in]]></host>\n"
       "  </hosts></profile>");
-  std::vector<std::string> places;
+  Texts places;
   for (const FileProblem& problem : reading.problems) {
     places.push_back(std::to_string(problem.line) + ":" + std::to_string(problem.column) + " " +
                      problem.text.substr(0, 12));
@@ -105,225 +178,18 @@ TEST_F(ProfileFileTest, AMistakeIsToldWithThePlaceWhereTheTagAttributeOrTextBegi
                                   "6:23 text inside ", "7:20 a <host> wit", "8:18 text inside "));
 }
 
-TEST_F(ProfileFileTest, AMistakeInXmlIsToldWithItsPlaceAndWhatToDo) {
-  struct Case {
-    const char* text;
-    const char* message;
-  };
-  constexpr Case cases[] = {
-      {"<profile version=\"1\">\n<hosts>\n</host>", "hosts .*host"},
-      {"<profile version=\"1\">\n<hosts>\n", "end of data in tag hosts"},
-      {"<profile version=\"1\"/>\n<hosts/>", "content at the end"},
-      {"<profile version=1/>", "a quotation mark"},
-      {"<profile version/>", "value for attribute version"},
-      {"<profile version=\"1/>\n<hosts/>", "the closing quotation mark before it is missing"},
-      {"<profile version=\"1\"><hosts><host name=\"R&D\"/></hosts></profile>", "written as &lt;"},
-      {"<profile version=\"1\" version=\"1\"/>", "version redefined"},
-      {"<profile version=\"1\"><x:hosts/></profile>", "prefix x on hosts"},
-      {"<profile version=\"1\"><!-- a -- b --></profile>", "within comment"},
-      {"<profile version=\"1\">\x01</profile>", "not well-formed"},
-      {"<profile version=\"1\"><host name=\"Zürich address=\"x\"/></profile>",
-       "a quotation mark, a blank"},
-      {"profile", "Start tag expected"},
-  };
-  for (const Case& wrong : cases) {
-    const ProfileReading reading = read(wrong.text);
-    EXPECT_FALSE(reading.usable) << wrong.text;
-    ASSERT_THAT(reading.problems, SizeIs(1)) << wrong.text;
-    EXPECT_THAT(reading.problems[0].text, testing::ContainsRegex(wrong.message));
-    EXPECT_GT(reading.problems[0].line, 0U) << wrong.text;
-    EXPECT_GT(reading.problems[0].column, 0U) << wrong.text;
-  }
-}
-
-TEST_F(ProfileFileTest, EntriesWithAMistakeAreKeptAsideWithTheReason) {
-  const ProfileReading reading =
-      read(profileWithHosts("<host name=\"a\" address=\"g w\"/><host name=\"b\" adress=\"gw\"/>"));
-  EXPECT_THAT(reading.profile.hosts, IsEmpty());
-  ASSERT_THAT(reading.profile.leftOut, SizeIs(2));
-  EXPECT_EQ(reading.profile.leftOut[0].name, "a");
-  EXPECT_THAT(reading.profile.leftOut[0].reason, testing::HasSubstr("\"g w\" cannot be used"));
-  EXPECT_EQ(reading.profile.leftOut[1].name, "b");
-  EXPECT_EQ(reading.profile.leftOut[1].reason, "it has a mistake");
-}
-
-TEST_F(ProfileFileTest, AFileOfEitherKindIsToldByItsOutermostElement) {
-  ProfileFile contents;
-  std::vector<FileProblem> problems;
-  const auto isRead = [&](const std::string& text) {
-    return readConfigurationFile(m_directory.Write("p", text), ConfigurationKind::Unknown, contents,
-                                 problems);
-  };
-  EXPECT_TRUE(isRead(profileText("")));
-  EXPECT_TRUE(isRead(tests::preferencesText("")));
-  EXPECT_THAT(problems, IsEmpty());
-  EXPECT_FALSE(isRead("<profil/>"));
-  EXPECT_THAT(problems, ElementsAre(ProblemAt(1, Pieces{"<profil>", "<profile>, <preferences>",
-                                                        "did you mean <profile>?"})));
-}
-
-TEST_F(ProfileFileTest, WindowsLineEndsAreCountedOnce) {
-  const ProfileReading reading = read(
-      "<profile version=\"1\">\r\n<hosts>\r\n<host name=\"a\"/>\r\n</hosts>\r\n</profile>\r\n");
-  EXPECT_THAT(reading.problems, IsEmpty());
-  ASSERT_THAT(reading.profile.hosts, SizeIs(1));
-  EXPECT_EQ(reading.profile.hosts[0].line, 3U);
-}
-
-TEST_F(ProfileFileTest, LinesBeyondSixteenBitsAreCountedRight) {
-  std::string lines;
-  for (int i = 0; i < 70000; ++i) {
-    lines += "<!-- -->\n";
-  }
-  const ProfileReading reading = read(profileWithHosts(lines + "<host name=\"a\"/><host/>"));
-  ASSERT_THAT(reading.profile.hosts, SizeIs(1));
-  EXPECT_EQ(reading.profile.hosts[0].line, 70004U);
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(70004, Pieces{"without \"name\""})));
-}
-
-TEST_F(ProfileFileTest, NamesOfAnyLanguageAreTakenByteForByte) {
-  const ProfileReading reading =
-      read(profileWithHosts("<host name=\"Zürich\" address=\"gw\"/>"
-                            "<host name=\"東京\" address=\"gw\"/>"
-                            "<host name=\"zürich\" address=\"gw\"/>"));
-  EXPECT_THAT(reading.problems, IsEmpty());
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("Zürich", "東京", "zürich"));
-}
-
-TEST_F(ProfileFileTest, ReferencesInAnAttributeAreDecodedOnce) {
-  const ProfileReading reading = read(
-      profileWithHosts("<host name=\"R&amp;D\" address=\"gw/?a&amp;b&#38;c&amp;#38;d&lt;\"/>"));
-  EXPECT_THAT(reading.problems, IsEmpty());
-  ASSERT_THAT(reading.profile.hosts, SizeIs(1));
-  EXPECT_EQ(reading.profile.hosts[0].name, "R&D");
-  EXPECT_EQ(reading.profile.hosts[0].address, "gw/?a&b&c&#38;d<");
-}
-
-TEST_F(ProfileFileTest, AnEntryWithoutANameIsLeftOutAndTheRestUsed) {
-  const ProfileReading reading = read(profileWithHosts(
-      "<host address=\"gw1\"/>\n<host name=\"\" address=\"gw2\"/>\n<host name=\"  \"/>\n"
-      "<host name=\"right\" address=\"gw3\"/>"));
-  EXPECT_TRUE(reading.usable);
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("right"));
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"without \"name\"", "is left out"}),
-                                            ProblemAt(5, Pieces{"\"\"", "not blanks alone"}),
-                                            ProblemAt(6, Pieces{"\"  \"", "not blanks alone"})));
-}
-
-TEST_F(ProfileFileTest, AnAddressThatCannotBeParsedLeavesItsEntryOut) {
-  const ProfileReading reading = read(profileWithHosts(
-      "<host name=\"Amsterdam\" address=\"gw ams\"/>\n<host name=\"port\" address=\"gw:70000\"/>\n"
-      "<host name=\"slash\" address=\"/path\"/>\n<host name=\"right\" address=\"gw\"/>"));
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("right"));
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(4, Pieces{"\"Amsterdam\" is left out", "address \"gw ams\"",
-                                              URL::findError("gw ams").substr(0, 20)}),
-                          ProblemAt(5, Pieces{"\"port\"", "\"gw:70000\""}),
-                          ProblemAt(6, Pieces{"\"slash\"", "\"/path\""})));
-}
-
-TEST_F(ProfileFileTest, ABlankAddressCountsAsNone) {
-  for (const char* blank : {"", "  ", "&#9;", "&#10; &#13;"}) {
-    const ProfileReading reading = read(
-        profileWithHosts("<host name=\"gw.example\" address=\"" + std::string(blank) + "\"/>"));
-    EXPECT_THAT(reading.problems, IsEmpty());
-    ASSERT_THAT(reading.profile.hosts, SizeIs(1));
-    EXPECT_EQ(reading.profile.hosts[0].address, "") << blank;
-  }
-}
-
-TEST_F(ProfileFileTest, ABlankNameWithABlankAddressIsToldWithItsPlaceAndTheRemedy) {
-  const ProfileReading reading =
-      read(profileWithHosts("<host name=\"a\"/>\n<host name=\" \" address=\"&#9;\"/>"));
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
-  EXPECT_THAT(
-      reading.problems,
-      ElementsAre(ProblemAt(5, Pieces{"must be 1 to 255 bytes", "not blanks alone", "left out"})));
-}
-
-TEST_F(ProfileFileTest, ANameThatStandsForTheAddressMustBeOne) {
-  const ProfileReading reading = read(profileWithHosts("<host name=\"Paris office\"/>"));
-  EXPECT_THAT(reading.profile.hosts, IsEmpty());
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(4, Pieces{"\"Paris office\"", "no address"})));
-}
-
-TEST_F(ProfileFileTest, ControlCharactersInANameLeaveItsEntryOutAndTheMessageInOneLine) {
-  const ProfileReading reading =
-      read(profileWithHosts("<host name=\"a&#10;b\" address=\"gw\"/>"
-                            "<host name=\"a\x7F"
-                            "b\" address=\"gw\"/>"
-                            "<host name=\"a\xC2\x9B"
-                            "b\" address=\"gw\"/>"));
-  EXPECT_THAT(reading.profile.hosts, IsEmpty());
-  ASSERT_THAT(reading.problems, SizeIs(3));
-  EXPECT_THAT(reading.problems[0], ProblemAt(4, Pieces{"a\\x0ab"}));
-  EXPECT_THAT(reading.problems[1], ProblemAt(4, Pieces{"a\\x7fb"}));
-  EXPECT_THAT(reading.problems[2], ProblemAt(4, Pieces{"a\\xc2\\x9bb"}));
-}
-
-TEST_F(ProfileFileTest, ANameMayHaveTwoHundredAndFiftyFiveBytesAndNoMore) {
-  const std::string longest(MaxHostNameLength, 'n');
-  const ProfileReading reading =
-      read(profileWithHosts("<host name=\"" + longest + "\" address=\"gw\"/><host name=\"" +
-                            longest + "n\" address=\"gw\"/>"));
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre(longest));
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"must be 1 to 255 bytes"})));
-}
-
-TEST_F(ProfileFileTest, AMisspeltAddressLeavesItsEntryOutBecauseTheNameIsAnotherGateway) {
-  const ProfileReading reading =
-      read(profileWithHosts("<host name=\"amsterdam\" adress=\"gw-ams\"/>"));
-  EXPECT_THAT(reading.profile.hosts, IsEmpty());
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(4, Pieces{"\"adress\"", "<host>", "\"name\", \"address\"",
-                                              "did you mean \"address\"?"})));
-}
-
-TEST_F(ProfileFileTest, AMisspeltElementIsPassedOverWithAllThatIsInIt) {
-  const ProfileReading reading = read(profileText(
-      "<hosts><hsot name=\"a\"/></hosts>\n<host name=\"b\"/>\n"
-      "<Preferences><preference name=\"EnableAutomaticServerSelection\" value=\"true\"/>"
-      "</Preferences>\n<hosts><host name=\"c\"/></hosts>"));
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("c"));
-  EXPECT_EQ(switchOf(reading.profile), nullptr);
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(3, Pieces{"<hsot>", "inside <hosts>", "did you mean <host>?"}),
-                          ProblemAt(4, Pieces{"<host>", "inside <profile>",
-                                              "<preferences>, <hosts>", "did you mean <hosts>?"}),
-                          ProblemAt(5, Pieces{"<Preferences>", "did you mean <preferences>?"})));
-}
-
-TEST_F(ProfileFileTest, AMisspeltPreferenceIsLeftOutWithTheNearestRightName) {
-  const ProfileReading reading =
-      read(profileText("<preferences>\n"
-                       "<preference name=\"EnableAutomaticServerSelektion\" value=\"true\"/>\n"
-                       "<preference name=\"enableautomaticserverselection\" value=\"true\"/>\n"
-                       "<preference name=\"Colour\" value=\"true\"/>\n</preferences>"));
-  EXPECT_EQ(switchOf(reading.profile), nullptr);
-  ASSERT_THAT(reading.problems, SizeIs(3));
-  const Pieces meant{"did you mean \"EnableAutomaticServerSelection\"?"};
-  EXPECT_THAT(reading.problems[0], ProblemAt(4, meant));
-  EXPECT_THAT(reading.problems[1], ProblemAt(5, meant));
-  EXPECT_THAT(
-      reading.problems[2],
-      ProblemAt(6, Pieces{"\"Colour\"", "allowed here: \"EnableAutomaticServerSelection\""}));
-  EXPECT_EQ(reading.problems[2].text.find("did you mean"), std::string::npos);
-}
-
 TEST_F(ProfileFileTest, AMistakeIsToldWithWhatItCostsAndTheMeantNameBeforeTheAllowedOnes) {
-  const ProfileReading reading =
+  const Reading reading =
       read(profileText("<preferences>\n"
-                       "<preference name=\"EnableAutomaticServerSelektion\" value=\"true\"/>\n"
-                       "<preference name=\"EnableAutomaticServerSelection\" value=\"ture\"/>\n"
+                       "<preference name=\"EnableAutomaticServerSelektion\" value=\"true\"/>\n" +
+                       switchElement("value=\"ture\"") +
                        "<preference name=\"SelectionImprovement\" value=\"x\"/>\n"
                        "<preference name=\"RoundTripTime\" value=\"x\"/>\n"
                        "</preferences>\n<host/>"));
-  std::vector<std::string> texts;
+  Texts texts;
   for (const FileProblem& problem : reading.problems) {
     texts.push_back(problem.text);
   }
-  using testing::StartsWith;
   EXPECT_THAT(
       texts,
       ElementsAre(
@@ -338,160 +204,53 @@ TEST_F(ProfileFileTest, AMistakeIsToldWithWhatItCostsAndTheMeantNameBeforeTheAll
           "here: <preferences>, <hosts>"));
 }
 
-TEST_F(ProfileFileTest, AHostThatBeginsWithAHyphenLeavesItsEntryOut) {
-  const ProfileReading reading =
-      read(profileWithHosts("<host name=\"a\" address=\"-oProxy\"/><host name=\"-oProxy\"/>"));
-  EXPECT_THAT(reading.profile.hosts, IsEmpty());
-  const Pieces reason{"begins with \"-\""};
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, reason), ProblemAt(4, reason)));
+TEST_F(ProfileFileTest, EntriesWithAMistakeAreKeptAsideWithTheReason) {
+  const Reading reading = read(profileWithHosts(
+      R"(<host name="a" address="g w"/><host name="b" adress="gw"/><host name="c"><address/></host>)"));
+  Texts leftOut;
+  for (const auto& entry : reading.profile.leftOut) {
+    leftOut.push_back(entry.name + ": " + entry.reason);
+  }
+  EXPECT_THAT(leftOut, ElementsAre(testing::HasSubstr("a: its address \"g w\" cannot be used"),
+                                   "b: it has a mistake", "c: it has a mistake"));
 }
 
-TEST_F(ProfileFileTest, APreferenceOfThePreferencesFileIsSentThere) {
-  const ProfileReading reading = read(
-      profileText("<preferences><preference name=\"ProxyHost\" value=\"proxy\"/></preferences>"));
-  Preference* preference = nullptr;
-  EXPECT_FALSE(reading.profile.preferences.getPreference(ProxyHost, preference));
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(3, Pieces{"\"ProxyHost\"", "a preferences file"})));
+TEST_F(ProfileFileTest, AFileOfEitherKindIsToldByItsOutermostElement) {
+  const auto readAny = [&](const std::string& text) {
+    return readAs(ConfigurationKind::Unknown, m_directory.Write("p", text));
+  };
+  EXPECT_TRUE(readAny(profileText("")).usable);
+  EXPECT_TRUE(readAny(preferencesText("")).usable);
+  EXPECT_THAT(readAny("<profil/>").problems,
+              Tell({{1, {"<profil>", "<profile>, <preferences>", "did you mean <profile>?"}}}));
 }
 
-TEST_F(ProfileFileTest, ASwitchThatIsNeitherOnNorOffIsReportedAndKeptAsItIsWritten) {
-  const ProfileReading reading =
-      read(profileText("<preferences><preference name=\"EnableAutomaticServerSelection\" "
-                       "value=\"True\" user-controllable=\"true\"/></preferences>"));
-  ASSERT_NE(switchOf(reading.profile), nullptr);
-  EXPECT_EQ(switchOf(reading.profile)->getPreferenceValue(), "True");
-  EXPECT_TRUE(switchOf(reading.profile)->isUserControllable());
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(3, Pieces{"\"True\"", "\"true\" or \"false\"",
-                                                                "did you mean \"true\"?"})));
-}
-
-TEST_F(ProfileFileTest, UserControllableWithAnotherWordCountsAsFalse) {
-  const ProfileReading reading =
-      read(profileText("<preferences><preference name=\"EnableAutomaticServerSelection\" "
-                       "value=\"true\" user-controllable=\"yes\"/></preferences>"));
-  ASSERT_NE(switchOf(reading.profile), nullptr);
-  EXPECT_FALSE(switchOf(reading.profile)->isUserControllable());
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(3, Pieces{"\"yes\"", "counts as if it were not there"})));
-}
-
-TEST_F(ProfileFileTest, APreferenceWithAnUnknownAttributeIsUsedWithoutIt) {
-  const ProfileReading reading =
-      read(profileText("<preferences><preference name=\"EnableAutomaticServerSelection\" "
-                       "value=\"true\" user-controlable=\"true\"/></preferences>"));
-  ASSERT_NE(switchOf(reading.profile), nullptr);
-  EXPECT_FALSE(switchOf(reading.profile)->isUserControllable());
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(3, Pieces{"did you mean \"user-controllable\"?"})));
-}
-
-TEST_F(ProfileFileTest, ThePreferenceThatComesFirstCounts) {
-  const ProfileReading reading =
-      read(profileText("<preferences>\n<preference name=\"EnableAutomaticServerSelection\" "
-                       "value=\"true\"/>\n<preference name=\"EnableAutomaticServerSelection\" "
-                       "value=\"false\"/></preferences>"));
-  ASSERT_NE(switchOf(reading.profile), nullptr);
-  EXPECT_EQ(switchOf(reading.profile)->getPreferenceValue(), "true");
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(5, Pieces{"already in line 4"})));
-}
-
-TEST_F(ProfileFileTest, APreferenceWithoutNameOrValueIsLeftOut) {
-  const ProfileReading reading =
-      read(profileText("<preferences>\n<preference value=\"true\"/>\n"
-                       "<preference name=\"EnableAutomaticServerSelection\"/></preferences>"));
-  EXPECT_EQ(switchOf(reading.profile), nullptr);
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"without \"name\""}),
-                                            ProblemAt(5, Pieces{"without \"value\""})));
-}
-
-TEST_F(ProfileFileTest, TextBetweenElementsIsReportedAndOneInsideAHostLeavesTheEntryOut) {
-  const ProfileReading reading =
-      read(profileWithHosts("Amsterdam<host name=\"a\"/><host name=\"b\">gw</host>"
-                            "<host name=\"c\"><![CDATA[gw]]></host>"));
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
-  const Pieces leftOut{"<host>", "\"gw\"", "the entry is left out"};
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(4, Pieces{"<hosts>", "\"Amsterdam\""}),
-                                            ProblemAt(4, leftOut), ProblemAt(4, leftOut)));
-}
-
-TEST_F(ProfileFileTest,
-       AnAddressWrittenAsAnElementLeavesItsEntryOutBecauseTheNameIsAnotherGateway) {
-  const ProfileReading reading = read(profileWithHosts(
-      "<host name=\"gw8\"><address>real</address></host>\n<host name=\"b\"> <!-- --> </host>"));
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("b"));
-  ASSERT_THAT(reading.profile.leftOut, SizeIs(1));
-  EXPECT_EQ(reading.profile.leftOut[0].name, "gw8");
-  EXPECT_THAT(reading.problems,
-              ElementsAre(ProblemAt(4, Pieces{"<address> inside <host>", "as an attribute",
-                                              "the entry is left out"})));
-}
-
-TEST_F(ProfileFileTest, ANamespaceDeclarationIsAnUnknownAttribute) {
-  const ProfileReading reading = read(
-      "<profile version=\"1\" xmlns=\"urn:other\"><hosts><host name=\"a\"/></hosts></profile>");
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(1, Pieces{"\"xmlns\"", "\"version\""})));
-}
-
-TEST_F(ProfileFileTest, AMissingVersionIsReportedAndTheFileUsed) {
-  const ProfileReading reading = read("<profile><hosts><host name=\"a\"/></hosts></profile>");
-  EXPECT_TRUE(reading.usable);
-  EXPECT_THAT(tests::hostNames(reading.profile), ElementsAre("a"));
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(1, Pieces{"<profile version=\"1\">"})));
-}
-
-TEST_F(ProfileFileTest, AnotherVersionSkipsTheFile) {
-  const ProfileReading reading =
-      read("<profile version=\"2\"><hosts><host name=\"a\"/></hosts></profile>");
-  EXPECT_FALSE(reading.usable);
-  EXPECT_THAT(reading.profile.hosts, IsEmpty());
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(1, Pieces{"\"2\"", "file is skipped"})));
-  EXPECT_THAT(reading.problems[0].text, testing::Not(testing::HasSubstr("did you mean")));
-}
-
-TEST_F(ProfileFileTest, AnotherOutermostElementSkipsTheFile) {
-  const ProfileReading reading = read("<?xml version=\"1.0\"?>\n<preferences version=\"1\"/>");
-  EXPECT_FALSE(reading.usable);
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(2, Pieces{"<preferences>", "<profile>"})));
-}
-
-TEST_F(ProfileFileTest, AFileThatIsNotWellFormedIsSkippedAsAWhole) {
-  const ProfileReading reading = read(
-      "<profile version=\"1\">\n<hosts>\n<host name=\"a\" address=\"gw\"/>\n<host name=\"b\">\n"
-      "</hosts>\n</profile>");
-  EXPECT_FALSE(reading.usable);
-  EXPECT_THAT(reading.profile.hosts, IsEmpty());
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(5, Pieces{"not well-formed XML", "host"})));
+TEST_F(ProfileFileTest, LinesBeyondSixteenBitsAreCountedRight) {
+  const Reading reading =
+      read(profileWithHosts(times("<!-- -->\n", 70000) + "<host name=\"a\"/><host/>"));
+  ASSERT_THAT(reading.Hosts(), ElementsAre("a"));
+  EXPECT_EQ(reading.profile.hosts[0].line, 70004U);
+  EXPECT_THAT(reading.problems, Tell({{70004, {"without \"name\""}}}));
 }
 
 TEST_F(ProfileFileTest, AFileThatCannotBeUsedLeavesTheResultAlone) {
   ProfileFile profile;
   profile.hosts.push_back({"before", "", 0, 0});
+  profile.preferences.set(Preference(SelectionImprovement, "7", false));
   std::vector<FileProblem> problems(1);
   EXPECT_FALSE(readConfigurationFile(m_directory.Write("p.xml", profileWithHosts("<")),
                                      ConfigurationKind::Profile, profile, problems));
-  EXPECT_THAT(tests::hostNames(profile), ElementsAre("before"));
-  EXPECT_THAT(problems, SizeIs(2));
+  EXPECT_EQ(profile.hosts.size(), 1U);
+  EXPECT_EQ(profile.preferences.all().size(), 1U);
+  EXPECT_EQ(problems.size(), 2U);
 }
 
-TEST_F(ProfileFileTest, AMissingFileIsReportedWithTheReason) {
-  const ProfileReading reading = tests::readProfile(m_directory.File("none.xml"));
-  EXPECT_FALSE(reading.usable);
-  EXPECT_THAT(reading.problems, ElementsAre(ProblemAt(0, Pieces{"No such file or directory"})));
-}
-
-TEST_F(ProfileFileTest, AProblemReadsAsFileLineColumnAndText) {
-  const ProfileReading reading = read(profileWithHosts("<host/>"));
-  ASSERT_THAT(reading.problems, SizeIs(1));
-  EXPECT_EQ(reading.problems[0].toString(),
-            m_directory.File("profile.xml") + ":4:1: " + reading.problems[0].text);
-}
-
-TEST(FileProblem, WithoutALineTheFileAndTheTextAreLeft) {
-  EXPECT_EQ((FileProblem{"a.xml", 0, 0, "is empty"}.toString()), "a.xml: is empty");
-}
-
-TEST(FileProblem, AFileNameCannotForgeALine) {
+TEST_F(ProfileFileTest, AProblemReadsAsFileLineColumnAndTextInOneLine) {
   EXPECT_EQ((FileProblem{"a\nb.xml", 7, 3, "is empty"}.toString()), "a\\x0ab.xml:7:3: is empty");
+  EXPECT_EQ((FileProblem{"a.xml", 0, 0, "is empty"}.toString()), "a.xml: is empty");
+  const std::string missing = m_directory.File("none.xml");
+  EXPECT_EQ(readProfile(missing).problems.at(0).file, missing);
+  EXPECT_THAT(readProfile(missing).problems, Tell({{0, {"No such file or directory"}}}));
 }
+
+}  // namespace tests

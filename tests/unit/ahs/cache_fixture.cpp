@@ -62,6 +62,12 @@ int inProcess(const std::function<int()>& body) {
   return WEXITSTATUS(status);
 }
 
+int asNobody(const std::function<int()>& body) {
+  constexpr uid_t nobody = 65534;
+  return inProcess(
+      [&] { return geteuid() == 0 && setresuid(nobody, nobody, nobody) != 0 ? -1 : body(); });
+}
+
 void CacheTest::SetUp() {
   std::string pattern = (std::filesystem::temp_directory_path() / "ahs-cache-XXXXXX").string();
   ASSERT_NE(mkdtemp(pattern.data()), nullptr);
@@ -107,18 +113,11 @@ STATUSCODE CacheTest::store(const std::string& knownHeadends, const Records& rec
   return cache->AddEntry(entry);
 }
 
-bool CacheTest::find(const std::string& knownHeadends, Records& records) {
+Records CacheTest::find(const std::string& knownHeadends) {
   const CacheHold cache;
   std::string key = knownHeadends;
   CCacheEntry entry;
-  const bool found = cache->IsInCache(key, entry);
-  records = recordsOf(entry);
-  return found;
-}
-
-bool CacheTest::has(const std::string& knownHeadends) {
-  Records records;
-  return find(knownHeadends, records);
+  return cache->IsInCache(key, entry) ? recordsOf(entry) : Records{};
 }
 
 std::string CacheTest::fileOf(const std::string& knownHeadends) {

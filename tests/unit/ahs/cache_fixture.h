@@ -35,6 +35,8 @@ class CacheHold {
 
 /// Runs `body` in a process of its own. @return its exit status, which is what `body` returned.
 int inProcess(const std::function<int()>& body);
+/// The same as the user "nobody", where root runs the tests.
+int asNobody(const std::function<int()>& body);
 
 /// A directory of its own, preferences that keep the cache there, a machine at home, and a list of
 /// warnings.
@@ -51,9 +53,9 @@ class CacheTest : public ::testing::Test {
 
   /// Stores through an acquisition of its own.
   static STATUSCODE store(const std::string& knownHeadends, const Records& records = {{"gw", 7}});
-  /// Looks up through an acquisition of its own.
-  static bool find(const std::string& knownHeadends, Records& records);
-  static bool has(const std::string& knownHeadends);
+  /// Looks up through an acquisition of its own. @return nothing for a miss.
+  static Records find(const std::string& knownHeadends);
+  static bool has(const std::string& knownHeadends) { return !find(knownHeadends).empty(); }
 
   /// The file of a candidate set at home, which may not be there; there has been one.
   std::string fileOf(const std::string& knownHeadends);

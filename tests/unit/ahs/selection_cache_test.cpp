@@ -70,23 +70,14 @@ TEST_F(SelectionCache, OtherCandidatesMiss) {
 }
 
 TEST_F(SelectionCache, ANewSelectionReplacesTheOlderOneOfItsKey) {
-  const CacheHold cache;
-  for (const unsigned int metric : {40U, 12U}) {
-    store("gw-a;", {{"gw-a", metric}});
-    Records records;
-    ASSERT_TRUE(find("gw-a;", records));
-    EXPECT_EQ(records, (Records{{"gw-a", metric}}));
+  for (const std::string& directory : {m_directory, std::string()}) {
+    usePreferences(directory);
+    const CacheHold cache;
+    for (const unsigned int metric : {40U, 12U}) {
+      store("gw-a;", {{"gw-a", metric}});
+      EXPECT_EQ(find("gw-a;"), (Records{{"gw-a", metric}}));
+    }
   }
-}
-
-TEST_F(SelectionCache, ANewSelectionReplacesTheOlderOneWithinOneInstanceToo) {
-  usePreferences("");
-  const CacheHold cache;
-  store("gw-a;", {{"gw-a", 40}});
-  store("gw-a;", {{"gw-a", 12}});
-  Records records;
-  ASSERT_TRUE(find("gw-a;", records));
-  EXPECT_EQ(records, (Records{{"gw-a", 12}}));
 }
 
 TEST_F(SelectionCache, ASelectionStoredUnderAGivenKeyIsFoundUnderThat) {
@@ -117,9 +108,7 @@ TEST_F(SelectionCache, AnotherPlaceMissesAndComingBackHits) {
     store("gw-a;", {{"gw-a", 9}});
   }
   setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
-  Records records;
-  ASSERT_TRUE(find("gw-a;", records));
-  EXPECT_EQ(records, (Records{{"gw-a", 40}}));
+  EXPECT_EQ(find("gw-a;"), (Records{{"gw-a", 40}}));
 }
 
 TEST_F(SelectionCache, TheOrderOfNameServersIsNoPartOfThePlace) {
@@ -139,56 +128,40 @@ TEST_F(SelectionCache, AnUnknownPlaceMissesAndStoresNothing) {
   EXPECT_FALSE(has("gw-b;"));
 }
 
-TEST_F(SelectionCache, ASelectionCountsForFourteenDaysByDefault) {
-  storeAged("gw-a;", 14 * Day - 60, 0);
-  EXPECT_TRUE(has("gw-a;"));
-  storeAged("gw-a;", 14 * Day + 60, 0);
-  EXPECT_FALSE(has("gw-a;"));
-}
-
-TEST_F(SelectionCache, TheClearCacheTimeIsThatOfThePreferences) {
+TEST_F(SelectionCache, ASelectionCountsForTheClearCacheTimeOfThePreferencesOrFourteenDays) {
   const std::string preferences = m_directory + "/preferences.xml";
   write(preferences,
         "<preferences version=\"1\"><preference name=\"SelectionClearCache\" "
         "value=\"2\"/></preferences>");
-  usePreferences(m_directory, preferences);
-  ASSERT_TRUE(m_warnings.empty()) << m_warnings.front();
-  storeAged("gw-a;", 2 * Day - 60, 0);
-  EXPECT_TRUE(has("gw-a;"));
-  storeAged("gw-a;", 2 * Day + 60, 0);
-  EXPECT_FALSE(has("gw-a;"));
+  for (const auto& [file, days] : {std::pair(std::string(), 14), std::pair(preferences, 2)}) {
+    usePreferences(m_directory, file);
+    storeAged("gw-a;", days * Day - 60, 0);
+    EXPECT_TRUE(has("gw-a;"));
+    storeAged("gw-a;", days * Day + 60, 0);
+    EXPECT_FALSE(has("gw-a;"));
+  }
+  EXPECT_THAT(m_warnings, SizeIs(0));
 }
 
 TEST_F(SelectionCache, ASelectionFromTheFutureIsOldAndGivesWayToAFreshOne) {
   storeAged("gw-a;", -365 * Day, 0);
   EXPECT_FALSE(has("gw-a;"));
   EXPECT_EQ(store("gw-a;", {{"gw-a", 40}}), 0);
-  Records records;
-  ASSERT_TRUE(find("gw-a;", records));
-  EXPECT_EQ(records, (Records{{"gw-a", 40}}));
+  EXPECT_EQ(find("gw-a;"), (Records{{"gw-a", 40}}));
 }
 
-TEST_F(SelectionCache, TheSelectionsUsedLongestAgoGoFirst) {
-  storeAged("oldest but used;", 10 * Day, 60);
+TEST_F(SelectionCache, TheSelectionUsedLongestAgoGoesFirstAndAHitIsAUseThatLeavesTheStamp) {
+  storeAged("oldest but used;", 10 * Day, 10 * Day);
   storeAged("younger;", Day, Day);
   fillUp();
+  const std::string text = read(fileOf("oldest but used;"));
+  EXPECT_TRUE(has("oldest but used;"));
   EXPECT_EQ(store("one more;"), 0);
   EXPECT_TRUE(has("one more;"));
   EXPECT_TRUE(has("oldest but used;"));
   EXPECT_FALSE(has("younger;"));
+  EXPECT_EQ(read(fileOf("oldest but used;")), text);
   EXPECT_THAT(names(), SizeIs(SelectionFiles::MaxFiles));
-}
-
-TEST_F(SelectionCache, AHitIsAUseAndLeavesTheStampThatDecidesExpiry) {
-  storeAged("oldest;", 10 * Day, 10 * Day);
-  storeAged("younger;", Day, Day);
-  fillUp();
-  const std::string text = read(fileOf("oldest;"));
-  EXPECT_TRUE(has("oldest;"));
-  EXPECT_EQ(store("one more;"), 0);
-  EXPECT_TRUE(has("oldest;"));
-  EXPECT_FALSE(has("younger;"));
-  EXPECT_EQ(read(fileOf("oldest;")), text);
 }
 
 TEST_F(SelectionCache, AUseInTheFutureKeepsNoSelection) {
@@ -271,9 +244,7 @@ TEST_F(SelectionCache, ThreadsMayCreateUseAndReleaseItAtOnce) {
       for (unsigned int round = 0; round < 10; ++round) {
         const std::string key = std::to_string(i) + ";";
         ASSERT_EQ(store(key, {{"gw", round}}), 0);
-        Records records;
-        ASSERT_TRUE(find(key, records));
-        ASSERT_EQ(records, (Records{{"gw", round}}));
+        ASSERT_EQ(find(key), (Records{{"gw", round}}));
         const CacheHold cache;
         cache->toString();
       }

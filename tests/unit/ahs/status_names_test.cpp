@@ -29,26 +29,18 @@ std::vector<std::pair<std::string, STATUSCODE>> codesOf(const std::string& path)
 
 }  // namespace
 
-class StatusNames : public ::testing::TestWithParam<const char*> {};
-
-TEST_P(StatusNames, EveryCodeOfTheHeaderHasItsOwnName) {
-  const auto codes = codesOf(GetParam());
-  EXPECT_FALSE(codes.empty());
-  for (const auto& [name, code] : codes) {
-    EXPECT_EQ(statusCodeName(code), name);
+TEST(StatusName, EveryCodeOfTheHeadersHasItsOwnNameAndAForeignOneNone) {
+  for (const char* header : {"vpn/Api/AHS/HeadendSelectionErrors.h", "vpn/Api/PreferenceMgr.h",
+                             "vpn/Common/Utility/ExecutionContext.h", "vpn/Common/Utility/Thread.h",
+                             "vpn/Common/Utility/TimerList.h", "vpn/include/HttpSession.h"}) {
+    const auto codes = codesOf(header);
+    EXPECT_FALSE(codes.empty()) << header;
+    for (const auto& [name, code] : codes) {
+      EXPECT_EQ(statusCodeName(code), name);
+    }
   }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    OfEachModule, StatusNames,
-    ::testing::Values("vpn/Api/AHS/HeadendSelectionErrors.h", "vpn/Api/PreferenceMgr.h",
-                      "vpn/Common/Utility/ExecutionContext.h", "vpn/Common/Utility/Thread.h",
-                      "vpn/Common/Utility/TimerList.h", "vpn/include/HttpSession.h"));
-
-TEST(StatusName, ZeroIsSuccess) { EXPECT_STREQ(statusCodeName(0), "HEADENDSELECTION_SUCCESS"); }
-
-TEST(StatusName, AForeignCodeIsUnknown) {
-  EXPECT_STREQ(statusCodeName(1), "UNKNOWN");
-  EXPECT_STREQ(statusCodeName(-1), "UNKNOWN");
-  EXPECT_STREQ(statusCodeName(0xFE530012), "UNKNOWN");
+  EXPECT_STREQ(statusCodeName(0), "HEADENDSELECTION_SUCCESS");
+  for (const STATUSCODE foreign : {1L, -1L, 0xFE530012L}) {
+    EXPECT_STREQ(statusCodeName(foreign), "UNKNOWN");
+  }
 }

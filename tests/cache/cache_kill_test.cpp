@@ -4,7 +4,7 @@
 //
 // AHS_CACHE_KILLS is how often; 150 unless it is set.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -16,22 +16,15 @@
 #include <filesystem>
 #include <iostream>
 #include <random>
-#include <set>
 #include <thread>
 
 #include "tests/support/Eventually.h"
-#include "tests/support/TemporaryDirectory.h"
-#include "tests/unit/ahs/resolver_double.h"
-#include "vpn/Api/AHS/SelectionCache.h"
-#include "vpn/Api/PreferenceMgr.h"
+#include "tests/unit/ahs/cache_fixture.h"
 
 namespace tests {
 namespace {
 
-constexpr const char* Place = "nameserver 192.0.2.1";
 constexpr const char* Key = "gateways;";
-/// So that a file is some pages long.
-constexpr unsigned int ResultsOfASelection = 100;
 
 /// What the process that is killed tells, in memory that outlives it: the metric that it is about
 /// to store, and the one that it knows to be in the file.
@@ -40,58 +33,35 @@ struct Told {
   std::atomic<unsigned int> stored{0};
 };
 
-void store(unsigned int metric) {
-  CCacheEntry entry;
-  entry.SetKnownHeadends(Key);
-  for (unsigned int i = 0; i < ResultsOfASelection; ++i) {
-    entry.AddHeadend(CHeadendRTT("gateway-" + std::to_string(i) + ".example.com", metric));
+/// So many that a file is some pages long.
+Records recordsWith(unsigned int metric) {
+  Records records;
+  for (unsigned int i = 0; i < 100; ++i) {
+    records.emplace_back("gateway-" + std::to_string(i) + ".example.com", metric);
   }
-  CSelectionCache* cache = nullptr;
-  if (CSelectionCache::createSingletonInstance(cache) != 0 || cache->AddEntry(entry) != 0) {
-    _exit(1);
-  }
-  cache->releaseInstance();
+  return records;
 }
 
-/// The metric that a selection's file has for all its headends.
-unsigned int metricIn(const std::string& directory) {
-  CCacheEntry entry;
-  std::string problem;
-  const bool isRead =
-      SelectionFiles::read(directory, std::string(Place) + '\n' + Key, entry, problem);
-  EXPECT_EQ(problem, "");
-  std::vector<CHeadendRTT> headends;
-  entry.GetHeadendList(headends);
-  EXPECT_EQ(headends.size(), isRead ? ResultsOfASelection : 0);
-  std::set<unsigned int> metrics;
-  for (const CHeadendRTT& headend : headends) {
-    metrics.insert(headend.GetRTT());
-  }
-  EXPECT_LE(metrics.size(), 1U) << "half of one store, half of another";
-  return metrics.empty() ? 0 : *metrics.begin();
-}
+class KilledProcess : public CacheTest {};
 
-TEST(KilledProcess, LeavesTheOldFileOrTheNewOneAtWhicheverInstant) {
+TEST_F(KilledProcess, LeavesTheOldFileOrTheNewOneAtWhicheverInstant) {
   const char* const asked = std::getenv("AHS_CACHE_KILLS");
   const unsigned long kills = asked == nullptr ? 150 : std::stoul(asked);
-  const TemporaryDirectory directory;
   Told& told = *new (
       mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Told;
-  setResolverPlace({Place});
-  PreferenceMgr::Sources sources;
-  sources.cacheDirectory = directory.Path();
-  EXPECT_EQ(PreferenceMgr::createInstance(sources), 0);
   std::mt19937 random(20240229);
   std::uniform_int_distribution<int> delay(0, 30000);
   unsigned int left = 0;
-  for (unsigned int i = 0; i < kills && !testing::Test::HasFailure(); ++i) {
+  for (unsigned int i = 0; i < kills && !HasFailure(); ++i) {
     const unsigned int first = (i + 1) * 1000000;  // more than one child stores
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
       for (unsigned int metric = first + 1;; ++metric) {
         told.begun = metric;
-        store(metric);
+        if (store(Key, recordsWith(metric)) != 0) {
+          _exit(1);
+        }
         told.stored = metric;
       }
     }
@@ -103,18 +73,16 @@ TEST(KilledProcess, LeavesTheOldFileOrTheNewOneAtWhicheverInstant) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status)) << status;
 
-    const unsigned int metric = metricIn(directory.Path());
+    const Records found = find(Key);
+    const unsigned int metric = found.empty() ? 0 : found.front().second;
     EXPECT_GE(metric, told.stored) << "what was stored is not there";
     EXPECT_LE(metric, told.begun);
-    std::string problem;
-    EXPECT_EQ(SelectionFiles::list(directory.Path(), problem).size(), metric != 0 ? 1U : 0U);
-    EXPECT_EQ(problem, "");
-    for (const auto& item : std::filesystem::directory_iterator(directory.Path())) {
-      if (item.path().extension() != ".xml") {
-        std::filesystem::remove(item.path());
-        ++left;
-      }
+    EXPECT_EQ(found, metric != 0 ? recordsWith(metric) : Records{});
+    EXPECT_THAT(m_warnings, testing::IsEmpty());
+    for (const std::string& name : names()) {
+      left += name.ends_with(".xml") ? 0 : std::filesystem::remove(m_directory + "/" + name);
     }
+    EXPECT_EQ(names().size(), found.empty() ? 0U : 1U);
   }
   std::cout << kills << " kills; " << left << " in the middle of a text" << std::endl;
   EXPECT_GT(left, 0U) << "no kill has struck a store";

@@ -364,23 +364,4 @@ TEST_F(SelectionCacheFile, AFullDiskLeavesTheOldFileAndNothingElseAndTheNextRele
   EXPECT_THAT(read(fileOf("gw-a;")), HasSubstr("rtt=\"40\""));
 }
 
-TEST_F(SelectionCacheFile, TenProcessesThatStoreAtOnceLoseNothing) {
-  std::vector<std::thread> processes;
-  for (int i = 0; i < 10; ++i) {
-    processes.emplace_back([i] {
-      EXPECT_EQ(inProcess([i] {
-                  store(std::to_string(i) + ";");
-                  return store(std::to_string(10 + i) + ";") == 0 ? 0 : 1;
-                }),
-                0);
-    });
-  }
-  for (std::thread& process : processes) {
-    process.join();
-  }
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_TRUE(has(std::to_string(i) + ";"));
-  }
-}
-
 }  // namespace tests

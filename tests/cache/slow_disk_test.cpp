@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 #include <thread>
@@ -16,38 +16,9 @@
 
 namespace {
 
-class Disk {
- public:
-  void Stop() { Set(true); }
-  void GoOn() { Set(false); }
-  void Write() {
-    std::unique_lock<std::mutex> guard(m_lock);
-    ++m_waiting;
-    m_changed.wait(guard, [this] { return !m_isStopped; });
-    --m_waiting;
-  }
-  unsigned int Waiting() {
-    const std::lock_guard<std::mutex> guard(m_lock);
-    return m_waiting;
-  }
-
- private:
-  void Set(bool isStopped) {
-    const std::lock_guard<std::mutex> guard(m_lock);
-    m_isStopped = isStopped;
-    m_changed.notify_all();
-  }
-
-  std::mutex m_lock;
-  std::condition_variable m_changed;
-  bool m_isStopped = false;
-  unsigned int m_waiting = 0;
-};
-
-Disk& disk() {
-  static Disk instance;
-  return instance;
-}
+// Held while the disk does not answer, and who waits for it.
+std::mutex g_disk;
+std::atomic<unsigned int> g_waiting{0};
 
 }  // namespace
 
@@ -56,7 +27,9 @@ int __real_rename(const char* from, const char* to);  // NOLINT: the linker's na
 int __wrap_rename(const char* from, const char* to);  // NOLINT
 
 int __wrap_rename(const char* from, const char* to) {  // NOLINT
-  disk().Write();
+  ++g_waiting;
+  { const std::lock_guard<std::mutex> turn(g_disk); }
+  --g_waiting;
   return __real_rename(from, to);
 }
 }
@@ -68,7 +41,6 @@ class SlowDisk : public testing::Test {
  protected:
   SlowDisk() { m_host.BringUp(m_gateways.Addresses()); }
   ~SlowDisk() override {
-    disk().GoOn();
     m_host.TakeDown();
     EXPECT_TRUE(nothingIsLeft());
   }
@@ -88,13 +60,13 @@ class SlowDisk : public testing::Test {
 
 TEST_F(SlowDisk, TheClientIsCalledBeforeTheDiskHasAnsweredAndTheRunEndsAfterIt) {
   Client client;
-  disk().Stop();
+  std::unique_lock<std::mutex> stopped(g_disk);
   std::thread run([&client] { makeRun(client)->run(); });
   EXPECT_TRUE(client.WaitForCall());
   EXPECT_EQ(client.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-  EXPECT_TRUE(eventually([] { return disk().Waiting() == 1; }));
+  EXPECT_TRUE(eventually([] { return g_waiting == 1; }));
   EXPECT_FALSE(HasFile());
-  disk().GoOn();
+  stopped.unlock();
   run.join();
   EXPECT_TRUE(HasFile());
 }
@@ -102,13 +74,13 @@ TEST_F(SlowDisk, TheClientIsCalledBeforeTheDiskHasAnsweredAndTheRunEndsAfterIt) 
 TEST_F(SlowDisk, ASelectionThatItHasNotYetIsFoundByTheNextRun) {
   Client first;
   Client second;
-  disk().Stop();
+  std::unique_lock<std::mutex> stopped(g_disk);
   std::thread run([&first] { makeRun(first)->run(); });
-  EXPECT_TRUE(eventually([] { return disk().Waiting() == 1; }));
+  EXPECT_TRUE(eventually([] { return g_waiting == 1; }));
   std::thread next([&second] { makeRun(second)->run(); });
   EXPECT_TRUE(second.WaitForCall());
   EXPECT_EQ(second.Status(), HEADENDSELECTION_SUCCESS) << "it was measured again";
-  disk().GoOn();
+  stopped.unlock();
   run.join();
   next.join();
 }

@@ -1,18 +1,13 @@
 // Profile files. Whatever the bytes, what is accepted can be used as it stands, what is not is told
 // with file, line and column, and reading the same bytes again gives the same.
 
-#include <map>
 #include <string>
 #include <vector>
 
 #include "tests/fuzz/problems.h"
 #include "tests/fuzz/require.h"
-#include "tests/support/private_access.h"
 #include "vpn/Api/ProfileFile.h"
-#include "vpn/Api/ProfileMgr.h"
 #include "vpn/Common/Utility/URL.h"
-
-AHS_EXPOSE(LoadFile, &ProfileMgr::loadFile);
 
 namespace {
 
@@ -65,26 +60,6 @@ bool sameHosts(const ProfileFile& a, const ProfileFile& b) {
   return same;
 }
 
-/// The manager takes the first entry of each name, and says so of every other.
-void requireManaged(const Reading& reading) {
-  ProfileMgr manager;
-  manager.trustFiles();
-  tests::call<tests::LoadFile>(manager, reading.file, "profile");
-  std::map<std::string, const ProfileFile::Host*> first;
-  for (const ProfileFile::Host& host : reading.profile.hosts) {
-    first.emplace(host.name, &host);
-  }
-  REQUIRE(manager.getFileInitMap().size() == (reading.usable ? 1 : 0));
-  REQUIRE(manager.getHostProfileMap().size() == first.size());
-  for (const auto& [name, host] : manager.getHostProfileMap()) {
-    REQUIRE(host->getHostAddress() == first.at(name)->address);
-    REQUIRE(manager.getProfileNameFromHost(name) == "profile");
-  }
-  const std::size_t taken = reading.profile.hosts.size() - first.size();
-  REQUIRE(manager.getProblems().size() == reading.problems.size() + taken ||
-          manager.getProblems().size() == ProfileMgr::MaxProblems);
-}
-
 std::string asAttribute(const std::string& text) {
   std::string result;
   for (const char c : text) {
@@ -114,7 +89,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   tests::requireHelpfulProblems(reading.problems, reading.file, text);
   REQUIRE(reading.usable || !reading.problems.empty());
   REQUIRE(reading.usable || reading.profile.hosts.empty());
-  requireManaged(reading);
   const Reading again = read(text);
   REQUIRE(again.usable == reading.usable);
   REQUIRE(sameHosts(again.profile, reading.profile));

@@ -101,13 +101,6 @@ void requirePrintable(const std::string& text) {
   }
 }
 
-void requireFolded(const std::string& text) {
-  const std::string lower = CStringUtils::toLower(text);
-  REQUIRE(lower.size() == text.size());
-  REQUIRE(lower.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ") == std::string::npos);
-  REQUIRE(CStringUtils::toLower(lower) == lower);
-}
-
 void requireRightMessages(const std::string& text) {
   constexpr std::size_t longest = 100;
   const std::string line = ConfigurationText::oneLine(text, longest);
@@ -174,7 +167,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   requireLegible(text);
   requireIndented(text);
   requirePrintable(text);
-  requireFolded(text);
   requireRightMessages(text);
   requireRightBytes(text);
   requireRightPlace(text);

@@ -45,7 +45,6 @@ void requireNothingKept(const URL& url) {
   REQUIRE(url.getLocation().empty());
   REQUIRE(url.getHostFragment().empty());
   REQUIRE(url.getHostAndPort(false).empty());
-  REQUIRE(url.getHostAndPort(false).empty());
 }
 
 void requireRightHost(const std::string& host) {

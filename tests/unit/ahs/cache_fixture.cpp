@@ -4,7 +4,6 @@
 #include "tests/unit/ahs/cache_fixture.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +12,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "tests/support/private_access.h"
 #include "tests/unit/ahs/resolver_double.h"
@@ -69,9 +67,6 @@ int asNobody(const std::function<int()>& body) {
 }
 
 void CacheTest::SetUp() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "ahs-cache-XXXXXX").string();
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  m_directory = pattern;
   setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
   usePreferences(m_directory);
   forgetWarnings();
@@ -86,7 +81,6 @@ void CacheTest::TearDown() {
   CAppLog::setListener({});
   EXPECT_EQ(CSelectionCache::acquireInstance(), nullptr) << "an acquisition was not given back";
   endPreferences();
-  std::filesystem::remove_all(m_directory);
 }
 
 void CacheTest::endPreferences() {
@@ -146,11 +140,6 @@ void CacheTest::storeAged(const std::string& knownHeadends, long stored, long us
 void CacheTest::forgetWarnings() {
   exposed(HasWarned{})->clear();
   m_warnings.clear();
-}
-
-std::string CacheTest::read(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
 }
 
 void CacheTest::write(const std::string& path, const std::string& text) {

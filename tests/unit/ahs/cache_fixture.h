@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/TemporaryDirectory.h"
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 
@@ -65,12 +66,12 @@ class CacheTest : public ::testing::Test {
   /// As a new process has had none.
   void forgetWarnings();
 
-  static std::string read(const std::string& path);
   static void write(const std::string& path, const std::string& text);
   /// The names in the cache's directory, sorted.
   std::vector<std::string> names() const;
 
-  std::string m_directory;  // the cache's
+  const TemporaryDirectory m_temporary;
+  const std::string m_directory = m_temporary.Path();  // the cache's
   std::vector<std::string> m_warnings;
 
  private:

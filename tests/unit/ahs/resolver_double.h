@@ -5,9 +5,8 @@
 
 namespace tests {
 
-/// What the resolver says from now on. Any thread may call it.
+/// What the resolver says from now on; with nothing, its settings cannot be read. Any thread may
+/// call it.
 void setResolverPlace(const std::vector<std::string>& place);
-/// From now on the resolver's settings cannot be read.
-void breakResolver();
 
 }  // namespace tests

@@ -83,7 +83,7 @@ class FullDisk {
 }  // namespace
 
 TEST_F(SelectionCacheFile, IsReadableToPeople) {
-  EXPECT_THAT(read(fileOf("gw-a;")),
+  EXPECT_THAT(readFile(fileOf("gw-a;")),
               testing::MatchesRegex("<.xml version=\"1.0\" encoding=\"UTF-8\".>\n"
                                     "<selection place=\"nameserver 192.0.2.1 search home.test\" "
                                     "stored=\"[0-9]+\">\n"
@@ -131,7 +131,7 @@ TEST_F(SelectionCacheFile, IsNotCreatedByALookUp) {
 
 TEST_F(SelectionCacheFile, IsReplacedNotRewritten) {
   const int reader = open(fileOf("gw-a;").c_str(), O_RDONLY | O_CLOEXEC);
-  const std::string before = read(fileOf("gw-a;"));
+  const std::string before = readFile(fileOf("gw-a;"));
   store("gw-a;", {{"gw-a", 40}});
   std::string seen(before.size() + 1, '\0');
   EXPECT_EQ(::read(reader, seen.data(), seen.size()), static_cast<ssize_t>(before.size()));
@@ -198,7 +198,7 @@ TEST_F(SelectionCacheFile, ThatIsNotUnderstoodCostsOneWarningAndIsReplacedByTheN
 }
 
 TEST_F(SelectionCacheFile, OfAnotherSelectionUnderItsNameIsAMiss) {
-  std::string text = read(fileOf("gw-a;"));
+  std::string text = readFile(fileOf("gw-a;"));
   write(fileOf("gw-b;"), text);
   EXPECT_FALSE(has("gw-b;"));
   write(fileOf("gw-a;"), text.replace(text.find("home.test"), 9, "work.test"));
@@ -310,7 +310,7 @@ TEST_F(SelectionCacheFile, WhatIsNoFileOfTheUsersOwnIsRefusedWithoutWaiting) {
     EXPECT_FALSE(has("gw-b;"));
     EXPECT_THAT(m_warnings, ElementsAre(HasSubstr(one.warning)));
   }
-  EXPECT_EQ(read(m_directory + "/target"), "precious");
+  EXPECT_EQ(readFile(m_directory + "/target"), "precious");
 }
 
 TEST_F(SelectionCacheFile, OfRootInADirectoryOfTheUserIsRefused) {
@@ -328,7 +328,7 @@ TEST_F(SelectionCacheFile, AnEmptyLinkIsNotFollowedByAStore) {
   ASSERT_EQ(unlink(file.c_str()), 0);
   ASSERT_EQ(symlink((m_directory + "/target").c_str(), file.c_str()), 0);
   EXPECT_EQ(store("gw-a;"), 0);
-  EXPECT_EQ(read(m_directory + "/target"), "precious");
+  EXPECT_EQ(readFile(m_directory + "/target"), "precious");
   EXPECT_TRUE(has("gw-a;"));
 }
 
@@ -352,16 +352,16 @@ TEST_F(SelectionCacheFile, ADirectoryThatCannotBeMadeOrWrittenCostsOneWarning) {
 
 TEST_F(SelectionCacheFile, AFullDiskLeavesTheOldFileAndNothingElseAndTheNextReleaseTriesAgain) {
   const CacheHold cache;
-  const std::string before = read(fileOf("gw-a;"));
+  const std::string before = readFile(fileOf("gw-a;"));
   {
     const FullDisk full;
     EXPECT_EQ(store("gw-a;", {{"gw-a", 40}}), 0);
-    EXPECT_EQ(read(fileOf("gw-a;")), before);
+    EXPECT_EQ(readFile(fileOf("gw-a;")), before);
     EXPECT_THAT(names(), SizeIs(1));
     EXPECT_THAT(m_warnings, ElementsAre(HasSubstr("File too large")));
   }
   { const CacheHold another; }
-  EXPECT_THAT(read(fileOf("gw-a;")), HasSubstr("rtt=\"40\""));
+  EXPECT_THAT(readFile(fileOf("gw-a;")), HasSubstr("rtt=\"40\""));
 }
 
 }  // namespace tests

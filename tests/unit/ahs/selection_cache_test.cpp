@@ -120,7 +120,7 @@ TEST_F(SelectionCache, TheOrderOfNameServersIsNoPartOfThePlace) {
 
 TEST_F(SelectionCache, AnUnknownPlaceMissesAndStoresNothing) {
   store("gw-a;");
-  breakResolver();
+  setResolverPlace({});
   EXPECT_FALSE(has("gw-a;"));
   EXPECT_EQ(store("gw-b;"), HEADENDSELECTION_ERROR_UNEXPECTED);
   setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
@@ -154,13 +154,13 @@ TEST_F(SelectionCache, TheSelectionUsedLongestAgoGoesFirstAndAHitIsAUseThatLeave
   storeAged("oldest but used;", 10 * Day, 10 * Day);
   storeAged("younger;", Day, Day);
   fillUp();
-  const std::string text = read(fileOf("oldest but used;"));
+  const std::string text = readFile(fileOf("oldest but used;"));
   EXPECT_TRUE(has("oldest but used;"));
   EXPECT_EQ(store("one more;"), 0);
   EXPECT_TRUE(has("one more;"));
   EXPECT_TRUE(has("oldest but used;"));
   EXPECT_FALSE(has("younger;"));
-  EXPECT_EQ(read(fileOf("oldest but used;")), text);
+  EXPECT_EQ(readFile(fileOf("oldest but used;")), text);
   EXPECT_THAT(names(), SizeIs(SelectionFiles::MaxFiles));
 }
 

@@ -18,21 +18,20 @@ struct NumberRow {
   const char* name;
   unsigned int HS_SETTINGS::*field;
   unsigned int defaultValue;
-  const char* belowRange;  // null where the range begins at 0
   unsigned int least;
   unsigned int most;
 };
 
 const NumberRow NumberRows[] = {
-    {"SelectionResumeTime", &HS_SETTINGS::nResumeTime, 4, nullptr, 0, 8760},
-    {"SelectionImprovement", &HS_SETTINGS::nImprovement, 20, nullptr, 0, 1000},
-    {"SelectionClearCache", &HS_SETTINGS::nClearCache, 14, "0", 1, 365},
-    {"SelectionConnectTimeout", &HS_SETTINGS::nConnectTimeout, 10000, "99", 100, 600000},
-    {"SelectionReconnectTimeout", &HS_SETTINGS::nReconnectTimeout, 5000, "99", 100, 600000},
-    {"SelectionPingTimeout", &HS_SETTINGS::nPingTimeout, 2000, "999", 1000, 60000},
-    {"SelectionPingsPerHeadend", &HS_SETTINGS::nPingsPerHeadend, 3, "0", 1, 100},
-    {"SelectionTestPingTimeout", &HS_SETTINGS::nTestPingTimeout, 5, "0", 1, 60},
-    {"SelectionMaxResults", &HS_SETTINGS::nMaxResults, 100, "0", 1, 100000},
+    {"SelectionResumeTime", &HS_SETTINGS::nResumeTime, 4, 0, 8760},
+    {"SelectionImprovement", &HS_SETTINGS::nImprovement, 20, 0, 1000},
+    {"SelectionClearCache", &HS_SETTINGS::nClearCache, 14, 1, 365},
+    {"SelectionConnectTimeout", &HS_SETTINGS::nConnectTimeout, 10000, 100, 600000},
+    {"SelectionReconnectTimeout", &HS_SETTINGS::nReconnectTimeout, 5000, 100, 600000},
+    {"SelectionPingTimeout", &HS_SETTINGS::nPingTimeout, 2000, 1000, 60000},
+    {"SelectionPingsPerHeadend", &HS_SETTINGS::nPingsPerHeadend, 3, 1, 100},
+    {"SelectionTestPingTimeout", &HS_SETTINGS::nTestPingTimeout, 5, 1, 60},
+    {"SelectionMaxResults", &HS_SETTINGS::nMaxResults, 100, 1, 100000},
 };
 
 class AHSSettingsTest : public testing::Test {
@@ -93,9 +92,9 @@ TEST_F(AHSSettingsTest, TheEndsOfEveryRangeAreTakenWithoutAWordEachIntoItsOwnFie
 
 TEST_F(AHSSettingsTest, AValueThatMayNotStandGivesTheDefaultAndAWarning) {
   for (const NumberRow& row : NumberRows) {
-    for (const std::string& wrong : {std::to_string(row.most + 1),
-                                     std::string(row.belowRange != nullptr ? row.belowRange : "-1"),
-                                     std::string("many"), std::string()}) {
+    for (const std::string& wrong :
+         {std::to_string(row.most + 1), std::to_string(static_cast<long>(row.least) - 1),
+          std::string("many"), std::string()}) {
       const LogCapture log;
       EXPECT_EQ(readFrom(row.name, wrong).*row.field, row.defaultValue) << row.name << wrong;
       // The first line is the file's; the second says what is done about it.

@@ -8,20 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "vpn/Api/HostInitSettings.h"
 #include "vpn/Api/HostProfile.h"
-
-namespace {
-
-const PreferenceBase::Definition& definitionOf(PreferenceId id) {
-  return *PreferenceBase::find(id);
-}
-
-std::string errorOf(PreferenceId id, const std::string& value) {
-  return PreferenceBase::findError(definitionOf(id), value);
-}
-
-}  // namespace
 
 TEST(PreferenceBase, TheNumbersThatOtherPartsOfTheClientUseAreFixed) {
   EXPECT_EQ(ProxySettings, 20);
@@ -46,36 +33,25 @@ TEST(PreferenceBase, APreferenceIsFoundByExactNameAndByNumber) {
   EXPECT_EQ(PreferenceBase::find(static_cast<PreferenceId>(1)), nullptr);
 }
 
-TEST(PreferenceBase, DefaultsAndTheEndsOfARangeAreAllowedAndWhatIsBeyondThemIsNot) {
-  for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
-    SCOPED_TRACE(definition.name);
-    EXPECT_EQ(PreferenceBase::findError(definition, definition.defaultValue), "");
-    if (definition.unit != nullptr) {
-      EXPECT_EQ(errorOf(definition.id, std::to_string(definition.least)), "");
-      EXPECT_EQ(errorOf(definition.id, std::to_string(definition.most)), "");
-      EXPECT_NE(errorOf(definition.id, std::to_string(definition.least - 1)), "");
-      EXPECT_NE(errorOf(definition.id, std::to_string(definition.most + 1)), "");
-    }
-  }
-}
-
 TEST(PreferenceBase, OnlyADecimalNumberIsANumber) {
   for (const char* wrong :
        {"", " 5", "5 ", "+5", "-5", "5.0", "0x5", "five", "4294967301", "99999999999999999999"}) {
     unsigned int number = 77;
-    EXPECT_FALSE(PreferenceBase::parseNumber(definitionOf(SelectionPingsPerHeadend), wrong, number))
+    EXPECT_FALSE(
+        PreferenceBase::parseNumber(*PreferenceBase::find(SelectionPingsPerHeadend), wrong, number))
         << wrong;
     EXPECT_EQ(number, 77U) << wrong;
   }
 }
 
 TEST(PreferenceBase, AProxyHostIsAHostAlone) {
+  const PreferenceBase::Definition& host = *PreferenceBase::find(ProxyHost);
   for (const char* right : {"", "proxy1", "proxy.example.com", "192.0.2.1", "[2001:db8::1]"}) {
-    EXPECT_EQ(errorOf(ProxyHost, right), "") << right;
+    EXPECT_EQ(PreferenceBase::findError(host, right), "") << right;
   }
   for (const char* wrong : {"proxy:3128", "http://proxy", "proxy/", "user@proxy", " proxy", "a b",
                             "a\nb", "2001:db8::1"}) {
-    EXPECT_NE(errorOf(ProxyHost, wrong), "") << wrong;
+    EXPECT_NE(PreferenceBase::findError(host, wrong), "") << wrong;
   }
 }
 
@@ -91,15 +67,6 @@ TEST(PreferenceInfo, APreferenceIsFoundAndReplacedAndOneThatIsNotSetLeavesThePoi
   Preference* const before = found;
   EXPECT_FALSE(preferences.getPreference(ProxyPort, found));
   EXPECT_EQ(found, before);
-}
-
-TEST(HostInitSettings, AnAttributeIsEnabledWhenTheProfileSetsThePreferenceWithIt) {
-  PreferenceInfo preferences;
-  preferences.set(Preference(EnableAutomaticServerSelection, "false", true));
-  const HostInitSettings settings(preferences);
-  EXPECT_TRUE(settings.isEnabled(EnableAutomaticServerSelection, UserControllable));
-  EXPECT_FALSE(settings.isEnabled(ProxyHost, UserControllable));
-  EXPECT_FALSE(settings.isEnabled(EnableAutomaticServerSelection, PreferenceAttribute{}));
 }
 
 // Callers built against another header reach the accessors by their place in the table of virtual

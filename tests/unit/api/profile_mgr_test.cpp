@@ -69,6 +69,9 @@ TEST_F(ProfileMgrTest, TheSettingsOfAProfileAreItsPreferences) {
   EXPECT_EQ(valueOf("on"), PreferenceBase::PreferenceEnabled);
   EXPECT_EQ(valueOf("user"), "no uc");
   EXPECT_EQ(valueOf("without"), "unset");
+  const HostInitSettings& settings = *m_profiles.getFileInitMap().at("user");
+  EXPECT_FALSE(settings.isEnabled(ProxyHost, UserControllable));
+  EXPECT_FALSE(settings.isEnabled(EnableAutomaticServerSelection, PreferenceAttribute{}));
 }
 
 TEST_F(ProfileMgrTest, ADirectoryThatDoesNotExistIsEmptyAndAFileInItsPlaceReported) {

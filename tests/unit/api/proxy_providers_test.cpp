@@ -9,8 +9,6 @@
 
 namespace {
 
-using Secret = SecureString<std::string>;
-
 struct Answers {
   std::string user;
   std::string pswd;
@@ -25,31 +23,19 @@ Answers answersOf(ProxyIfc& provider) {
           provider.getProxyHost(), provider.getProxyType()};
 }
 
-TEST(ProxyProviders, AnswerEveryTimeWithWhatTheyWereGiven) {
+TEST(ProxyProviders, AnswerEveryTimeWithCopiesOfWhatTheyWereGivenUpToTheFirstNul) {
   for (const ProxyType type : {BasicProxy, NTLMProxy, KerberosProxy, NoProxy}) {
-    CProxyProvider provider(type, "OFFICE\\anna", "swordfish", "proxy.example.com");
-    const Answers expected{"OFFICE\\anna", "swordfish", "proxy.example.com", type};
+    std::string user("anna-with-a-long-name-of-her-own\0x", 34);
+    std::string pswd("sword\0fish", 10);
+    CProxyProvider provider(type, user, pswd, "proxy.example.com");
+    SecureString<std::string>::Reset(user);
+    SecureString<std::string>::Reset(pswd);
+    const Answers expected{"anna-with-a-long-name-of-her-own", "sword", "proxy.example.com", type};
     EXPECT_EQ(answersOf(provider), expected);
     EXPECT_EQ(answersOf(provider), expected);
   }
   CProxyProvider ticket(KerberosProxy, "anna");
   EXPECT_EQ(answersOf(ticket), (Answers{"anna", "", "", KerberosProxy}));
-}
-
-TEST(ProxyProviders, TheCallerMayWipeItsOwnCredentialsAtOnce) {
-  std::string user = "anna-with-a-long-name-of-her-own";
-  std::string pswd = "swordfish-with-a-long-tail-of-its-own";
-  CProxyProvider provider(BasicProxy, user, pswd);
-  Secret::Reset(user);
-  Secret::Reset(pswd);
-  EXPECT_EQ(answersOf(provider),
-            (Answers{"anna-with-a-long-name-of-her-own", "swordfish-with-a-long-tail-of-its-own",
-                     "", BasicProxy}));
-}
-
-TEST(ProxyProviders, CredentialsEndAtTheFirstNul) {
-  CProxyProvider provider(BasicProxy, std::string("an\0na", 5), Secret("sword\0fish", 10));
-  EXPECT_EQ(answersOf(provider), (Answers{"an", "sword", "", BasicProxy}));
 }
 
 }  // namespace

@@ -2,21 +2,14 @@
 // that a selection reads is within its range, and a proxy that is taken is a host and a port.
 
 #include <string>
-#include <vector>
 
 #include "tests/fuzz/problems.h"
 #include "tests/fuzz/require.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/PreferenceMgr.h"
-#include "vpn/Api/ProfileFile.h"
 #include "vpn/Common/Utility/URL.h"
 
 namespace {
-
-using tests::textOf;
-
-// The file has no place that could be looked at.
-constexpr FileTrust::Check Trusted = FileTrust::Check::Waived;
 
 std::string valueOf(const PreferenceInfo& preferences, PreferenceId id) {
   Preference* preference = nullptr;
@@ -31,25 +24,6 @@ void requireOnlyRightValues(const PreferenceInfo& preferences) {
     REQUIRE(definition.checkedByReader ||
             PreferenceBase::findError(definition, preference.getPreferenceValue()).empty());
   }
-}
-
-bool isRead(const std::string& file, ProfileFile& contents, std::vector<FileProblem>& problems) {
-  return readConfigurationFile(file, ConfigurationKind::Preferences, contents, problems, Trusted);
-}
-
-/// Reads the bytes by themselves, twice.
-PreferenceInfo requireRightFile(const std::string& file, const std::string& text) {
-  ProfileFile contents;
-  ProfileFile again;
-  std::vector<FileProblem> problems;
-  std::vector<FileProblem> problemsAgain;
-  const bool usable = isRead(file, contents, problems);
-  REQUIRE(usable || !problems.empty());
-  REQUIRE(isRead(file, again, problemsAgain) == usable);
-  REQUIRE(tests::sameProblems(problems, problemsAgain));
-  tests::requireHelpfulProblems(problems, file, text);
-  requireOnlyRightValues(contents.preferences);
-  return contents.preferences;
 }
 
 void requireProxy(PreferenceMgr& manager) {
@@ -115,8 +89,9 @@ void requireRightManager(const std::string& file, const PreferenceInfo& preferen
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string text = textOf(data, size);
-  const std::string& file = tests::fileOf(text);
-  requireRightManager(file, requireRightFile(file, text));
+  const tests::Reading reading =
+      tests::requireReading(ConfigurationKind::Preferences, tests::textOf(data, size));
+  requireOnlyRightValues(reading.contents.preferences);
+  requireRightManager(reading.file, reading.contents.preferences);
   return 0;
 }

@@ -31,8 +31,6 @@ void requireHelpful(const FileProblem& problem, const std::string& path, std::si
   REQUIRE(line.starts_with(path + ":" + place + " "));
 }
 
-}  // namespace
-
 // It costs a few microseconds a text, and /proc gives each reader a position of its own.
 const std::string& fileOf(const std::string& text) {
   static const int descriptor = memfd_create("text", MFD_CLOEXEC);
@@ -43,21 +41,40 @@ const std::string& fileOf(const std::string& text) {
   return path;
 }
 
-void requireHelpfulProblems(const std::vector<FileProblem>& problems, const std::string& path,
-                            const std::string& text) {
-  // The last message but one says that there are more, and the last why the file is skipped.
-  REQUIRE(problems.size() <= MaxProblemsPerFile + 1);
-  const auto lines = 1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-  for (const FileProblem& problem : problems) {
-    requireHelpful(problem, path, lines);
-  }
+Reading read(ConfigurationKind kind, const std::string& text) {
+  Reading reading;
+  reading.file = fileOf(text);
+  reading.usable = readConfigurationFile(reading.file, kind, reading.contents, reading.problems,
+                                         FileTrust::Check::Waived);
+  return reading;
 }
 
-bool sameProblems(const std::vector<FileProblem>& a, const std::vector<FileProblem>& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](const FileProblem& first, const FileProblem& second) {
-                      return first.toString() == second.toString();
-                    });
+/// All that a reading tells, as one text.
+std::string textOf(const Reading& reading) {
+  std::string text = reading.usable ? "usable\n" : "";
+  for (const FileProblem& problem : reading.problems) {
+    text += problem.toString() + '\n';
+  }
+  for (const ProfileFile::Host& host : reading.contents.hosts) {
+    text += host.name + '\n' + host.address + '\n' + std::to_string(host.line) + ':' +
+            std::to_string(host.column) + '\n';
+  }
+  return text;
+}
+
+}  // namespace
+
+Reading requireReading(ConfigurationKind kind, const std::string& text) {
+  const Reading reading = read(kind, text);
+  REQUIRE(reading.usable || !reading.problems.empty());
+  REQUIRE(textOf(read(kind, text)) == textOf(reading));
+  // The last message but one says that there are more, and the last why the file is skipped.
+  REQUIRE(reading.problems.size() <= MaxProblemsPerFile + 1);
+  const auto lines = 1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  for (const FileProblem& problem : reading.problems) {
+    requireHelpful(problem, reading.file, lines);
+  }
+  return reading;
 }
 
 }  // namespace tests

@@ -1,8 +1,5 @@
 // The preference manager: its life, what it hands out, and what it tells of wrong files.
 
-#include <atomic>
-#include <thread>
-
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/include/InstanceSmartPtr.h"
@@ -112,34 +109,6 @@ TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach
     EXPECT_EQ(log.Lines()[i].severity, Logging::DBG_Warning);
     EXPECT_EQ(log.Lines()[i].message, problems[i].toString());
   }
-}
-
-TEST_F(PreferenceMgrTest, ManyThreadsMayAcquireReadAndReleaseWhileItIsTakenDown) {
-  writeUser(preferenceElement("SelectionImprovement", "5"));
-  std::atomic<bool> stop{false};
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 4; ++i) {
-    readers.emplace_back([&] {
-      while (!stop) {
-        const CInstanceSmartPtr<PreferenceMgr> preferences;
-        std::string value;
-        if (!(preferences == nullptr) &&
-            (preferences->getPreferenceValue(SelectionImprovement, value) != 0 || value != "5")) {
-          ++wrong;
-        }
-      }
-    });
-  }
-  for (int i = 0; i < 200; ++i) {
-    const ScopedPreferenceMgr preferences(m_sources);
-  }
-  stop = true;
-  for (std::thread& reader : readers) {
-    reader.join();
-  }
-  EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(PreferenceMgr::acquireInstance(), nullptr);
 }
 
 }  // namespace tests

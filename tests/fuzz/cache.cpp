@@ -24,31 +24,25 @@ constexpr const char* Candidates = "gw-new;";
 /// When every process starts, in seconds since 1970, so that the same text has the same fate.
 constexpr std::chrono::seconds Start{1700000000};
 
-/// One acquisition of the cache, as a run holds it.
-class CacheHold {
- public:
-  CacheHold() : m_cache(nullptr) {
-    REQUIRE(CSelectionCache::createSingletonInstance(m_cache) == 0);
-  }
-  ~CacheHold() { m_cache->releaseInstance(); }
-  CacheHold(const CacheHold&) = delete;
-  CacheHold& operator=(const CacheHold&) = delete;
-
-  CSelectionCache* operator->() const { return m_cache; }
-
- private:
-  CSelectionCache* m_cache;
-};
+/// Uses the cache as a run does, through an acquisition of its own.
+template <class Use>
+auto withCache(Use use) {
+  CSelectionCache* cache = nullptr;
+  REQUIRE(CSelectionCache::createSingletonInstance(cache) == 0);
+  const auto result = use(*cache);
+  cache->releaseInstance();
+  return result;
+}
 
 bool find(CCacheEntry& entry) {
   std::string candidates = Candidates;
-  return CacheHold()->IsInCache(candidates, entry);
+  return withCache([&](CSelectionCache& cache) { return cache.IsInCache(candidates, entry); });
 }
 
 void requireStore() {
   CCacheEntry stored({CHeadendRTT("gw-new", 7)});
   stored.SetKnownHeadends(Candidates);
-  REQUIRE(CacheHold()->AddEntry(stored) == 0);
+  REQUIRE(withCache([&](CSelectionCache& cache) { return cache.AddEntry(stored); }) == 0);
   CCacheEntry found;
   REQUIRE(find(found) && found.toString() == stored.toString());
 }

@@ -72,7 +72,3 @@ TEST(ResolverPlace, NamesServersOfBothFamiliesAndSearchDomainsInLowerCaseAsTheyA
   }
   EXPECT_EQ(status, 0);
 }
-
-TEST(ResolverPlace, OfThisMachineNamesANameServer) {
-  EXPECT_NE(presentPlace().find("nameserver "), std::string::npos);
-}

@@ -56,22 +56,6 @@ TEST(SelectionText, IsRead) {
   EXPECT_EQ(results[1].GetRTT(), 4294967295U);
 }
 
-TEST(SelectionText, OfALargeNetworkIsRead) {
-  SelectionFiles::Selection selection;
-  std::string problem;
-  ASSERT_TRUE(SelectionFiles::parse(documentOf(repeated(Right, 100000)), selection, problem))
-      << problem;
-  EXPECT_EQ(selection.entry.GetListSize(), 100000U);
-}
-
-TEST(SelectionText, ThatIsWrongIsToldByItsLine) {
-  SelectionFiles::Selection selection;
-  std::string problem;
-  EXPECT_FALSE(
-      SelectionFiles::parse(documentOf(std::string(Right) + "\n\n<x/>"), selection, problem));
-  EXPECT_EQ(problem, "is no selection of the cache, see line 3");
-}
-
 TEST(SelectionText, ThatIsWrongIsRefusedWhole) {
   const auto expectRefused = [](const char* name, const std::string& text) {
     SCOPED_TRACE(name);

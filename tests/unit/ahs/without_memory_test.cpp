@@ -74,34 +74,30 @@ char* duplicate(const char* text) {
   return copy == nullptr ? nullptr : static_cast<char*>(std::memcpy(copy, text, size));
 }
 
-/// Calls `use` with one allocation of libxml2 failing, the first one, then the second one, and so
-/// on until none did. @return how many did.
+/// Calls `use` with ever less scarcity, until no allocation has failed. @return how often one had.
 template <class Use>
-unsigned long failEach(Use use) {
+unsigned long repeat(Use use, void (*makeScarce)(unsigned long)) {
   unsigned long number = 0;
   do {
     hasFailed = false;
-    failing = ++number;
+    makeScarce(number++);
     use();
     failing = 0;
+    bytesLeft = Unlimited;
   } while (hasFailed && !testing::Test::HasFailure());
   return number - 1;
 }
 
-/// Calls `use` with less memory than it takes, none, then a little more, and so on until it was
-/// enough. @return how often it was not.
+/// One allocation fails: the first one, then the second one, and so on.
+template <class Use>
+unsigned long failEach(Use use) {
+  return repeat(use, [](unsigned long number) { failing = number + 1; });
+}
+
+/// There is less memory than it takes: none, then a little more, and so on.
 template <class Use>
 unsigned long starve(Use use) {
-  constexpr std::size_t Step = 192;
-  unsigned long number = 0;
-  do {
-    hasFailed = false;
-    bytesLeft = number * Step;
-    use();
-    bytesLeft = Unlimited;
-    ++number;
-  } while (hasFailed && !testing::Test::HasFailure());
-  return number - 1;
+  return repeat(use, [](unsigned long number) { bytesLeft = number * 192; });
 }
 
 class WithoutMemory : public tests::CacheTest {

@@ -3,9 +3,11 @@
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 using tests::LogCapture;
 using tests::preferenceElement;
 using tests::preferencesText;
@@ -99,13 +101,11 @@ TEST_F(AHSSettingsTest, AValueThatMayNotStandGivesTheDefaultAndAWarning) {
       EXPECT_EQ(readFrom(row.name, wrong).*row.field, row.defaultValue) << row.name << wrong;
       // The first line is the file's; the second says what is done about it.
       ASSERT_THAT(log.Lines(), SizeIs(2)) << row.name << wrong;
-      const tests::LogLine& line = log.Lines()[1];
-      EXPECT_EQ(line.function, "GetSettings");
-      EXPECT_EQ(line.file, "vpn/Api/AHS/AHSSettings");
-      EXPECT_EQ(line.severity, Logging::DBG_Warning);
-      EXPECT_THAT(line.message, HasSubstr(std::string(row.name) + " is \"" + wrong + "\""));
-      EXPECT_THAT(line.message,
-                  HasSubstr("the default " + std::to_string(row.defaultValue) + " is used"));
+      EXPECT_THAT(log.Lines()[1],
+                  AllOf(StartsWith("vpn/Api/AHS/AHSSettings: GetSettings: " +
+                                   std::to_string(Logging::DBG_Warning)),
+                        HasSubstr(std::string(row.name) + " is \"" + wrong + "\""),
+                        HasSubstr("the default " + std::to_string(row.defaultValue) + " is used")));
     }
   }
 }
@@ -117,5 +117,5 @@ TEST_F(AHSSettingsTest, AValueThatComesFromElsewhereThanAFileIsCheckedToo) {
   const LogCapture log;
   EXPECT_EQ(read().nMaxResults, 100U);
   ASSERT_THAT(log.Lines(), SizeIs(1));
-  EXPECT_THAT(log.Lines()[0].message, HasSubstr("SelectionMaxResults is \"1\\x0a2\""));
+  EXPECT_THAT(log.Lines()[0], HasSubstr("SelectionMaxResults is \"1\\x0a2\""));
 }

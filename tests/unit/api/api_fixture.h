@@ -13,30 +13,23 @@
 
 namespace tests {
 
-/// One message of the log, as far as the tests look at it.
-struct LogLine {
-  std::string function;
-  std::string file;
-  Logging::DebugImportance severity;
-  std::string message;
-};
-
-/// Keeps what is logged while it lives.
+/// Keeps what is logged while it lives, as "file: function: severity: message".
 class LogCapture {
  public:
   LogCapture() {
     CAppLog::setListener([this](const CAppLog::Record& record) {
-      m_lines.push_back({record.function, record.file, record.severity, record.message});
+      m_lines.push_back(std::string(record.file) + ": " + record.function + ": " +
+                        std::to_string(record.severity) + ": " + record.message);
     });
   }
   ~LogCapture() { CAppLog::setListener({}); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  const std::vector<LogLine>& Lines() const { return m_lines; }
+  const std::vector<std::string>& Lines() const { return m_lines; }
 
  private:
-  std::vector<LogLine> m_lines;
+  std::vector<std::string> m_lines;
 };
 
 /// The process's preference manager for the length of a scope.

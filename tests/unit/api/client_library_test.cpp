@@ -94,8 +94,7 @@ TEST_F(ClientLibraryTest, PreferencesThatAreThereAlreadyStopTheStartAndStay) {
   }
   EXPECT_TRUE(isThere<PreferenceMgr>());
   EXPECT_THAT(g_measures, IsEmpty());
-  ASSERT_THAT(log.Lines(), testing::SizeIs(1));
-  EXPECT_THAT(log.Lines()[0].message, HasSubstr("PreferenceMgr::createInstance"));
+  EXPECT_THAT(log.Lines(), ElementsAre(HasSubstr("PreferenceMgr::createInstance")));
 }
 
 TEST_F(ClientLibraryTest, AContextThatIsThereAlreadyStopsTheStartAndThePreferencesGoAgain) {

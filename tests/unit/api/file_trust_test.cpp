@@ -50,15 +50,6 @@ class FileTrustTest : public FileTest {
 
 }  // namespace
 
-TEST_F(FileTrustTest, AFileOfTheUserThatNobodyElseMayWriteIsOpenedForReading) {
-  FileTrust::Descriptor file;
-  FileTrust::Refusal refusal;
-  ASSERT_TRUE(FileTrust::openFile(m_file, Check::Strict, file, refusal)) << refusal.text;
-  char text[8] = {};
-  EXPECT_EQ(::read(file.get(), text, sizeof text), 4);
-  EXPECT_STREQ(text, "text");
-}
-
 TEST_F(FileTrustTest, WhatOthersMayWriteIsNamedWithTheRemedy) {
   const std::string group = " may be written by group " + std::to_string(::getegid());
   const std::string everybody = " may be written by every user";

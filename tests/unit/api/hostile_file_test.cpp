@@ -108,15 +108,6 @@ TEST_F(HostileFileTest, ThatIsNoRegularFileIsRefusedWithoutWaitingAlsoBehindALin
   ::close(listener);
 }
 
-TEST_F(HostileFileTest, AnInclusionIsNotFollowed) {
-  const std::string other = m_directory.Write("other.xml", hostNamed("b"));
-  const Reading reading =
-      read(profileText("<hosts><xi:include xmlns:xi=\"http://www.w3.org/2001/XInclude\" href=\"" +
-                       other + "\"/></hosts>"));
-  EXPECT_THAT(reading.Hosts(), IsEmpty());
-  EXPECT_THAT(reading.problems, Tell({{3, {"<xi:include>"}}}));
-}
-
 TEST_F(HostileFileTest, TheLargestFileIsReadAndOneByteMoreIsNot) {
   std::string contents = "<profile version=\"1\"><hosts><host name=\"a\"/></hosts></profile>\n";
   contents += times("<!--  -->\n", (MaxConfigurationFileSize - contents.size()) / 10);
@@ -130,14 +121,6 @@ TEST_F(HostileFileTest, AFileThatSaysItIsEmptyIsReadOnlyUpToTheLimit) {
   const Reading reading = readProfile("/proc/self/maps");
   EXPECT_FALSE(reading.usable);
   EXPECT_THAT(reading.problems, SizeIs(1));
-}
-
-TEST_F(HostileFileTest, AnotherDeclaredEncodingIsNotBelieved) {
-  const Reading reading = read(
-      "<?xml version=\"1.0\" encoding=\"UTF-16\"?><profile version=\"1\"><hosts>"
-      "<host name=\"Zürich\" address=\"gw\"/></hosts></profile>");
-  EXPECT_THAT(reading.problems, IsEmpty());
-  EXPECT_THAT(reading.Hosts(), ElementsAre("Zürich @ gw"));
 }
 
 TEST_F(HostileFileTest, WhatIsWithinTheBoundsIsRead) {

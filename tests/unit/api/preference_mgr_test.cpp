@@ -104,10 +104,9 @@ TEST_F(PreferenceMgrTest, ProblemsAreKeptInTheOrderOfReadingAndLoggedOneLineEach
                               {4, {"without \"name\""}}}));
   ASSERT_THAT(log.Lines(), SizeIs(3));
   for (std::size_t i = 0; i < problems.size(); ++i) {
-    EXPECT_EQ(log.Lines()[i].function, "PreferenceMgr");
-    EXPECT_EQ(log.Lines()[i].file, "vpn/Api/PreferenceMgr");
-    EXPECT_EQ(log.Lines()[i].severity, Logging::DBG_Warning);
-    EXPECT_EQ(log.Lines()[i].message, problems[i].toString());
+    EXPECT_EQ(log.Lines()[i],
+              "vpn/Api/PreferenceMgr: PreferenceMgr: " + std::to_string(Logging::DBG_Warning) +
+                  ": " + problems[i].toString());
   }
 }
 

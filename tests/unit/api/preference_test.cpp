@@ -55,20 +55,6 @@ TEST(PreferenceBase, AProxyHostIsAHostAlone) {
   }
 }
 
-TEST(PreferenceInfo, APreferenceIsFoundAndReplacedAndOneThatIsNotSetLeavesThePointerAlone) {
-  PreferenceInfo preferences;
-  preferences.set(Preference(ProxyHost, "one", false));
-  preferences.set(Preference(ProxyHost, "two", true));
-  Preference* found = nullptr;
-  ASSERT_TRUE(preferences.getPreference(ProxyHost, found));
-  EXPECT_EQ(found->getPreferenceId(), ProxyHost);
-  EXPECT_EQ(found->getPreferenceValue(), "two");
-  EXPECT_TRUE(found->isUserControllable());
-  Preference* const before = found;
-  EXPECT_FALSE(preferences.getPreference(ProxyPort, found));
-  EXPECT_EQ(found, before);
-}
-
 // Callers built against another header reach the accessors by their place in the table of virtual
 // functions: the offset that a pointer to a virtual member holds (Itanium C++ ABI, 2.3).
 TEST(HostProfile, NameAndAddressAreTheSecondAndTheFourthVirtualOperation) {

@@ -73,10 +73,4 @@ TEST_F(PreferencesFileTest, WhatIsNotAllowedIsReportedAndANumberKeptAsItIsWritte
          "none", {{3, {"did you mean \"none\"?"}}, {5, {"already in line 4"}}});
 }
 
-TEST_F(PreferencesFileTest, AProfileInItsPlaceIsSkipped) {
-  const Reading reading = readText(profileWithHosts(""));
-  EXPECT_FALSE(reading.usable);
-  EXPECT_THAT(reading.problems, Tell({{2, {"<profile>", "<preferences>"}}}));
-}
-
 }  // namespace tests

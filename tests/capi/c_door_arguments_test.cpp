@@ -1,9 +1,9 @@
-// Arguments that are wrong, handles that are none, and clients of an older and a newer header.
+// The C header as it is: arguments that are wrong, handles that are none, clients of an older and a
+// newer header. The other tests use it through the C++ header.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -21,6 +21,28 @@ namespace tests {
 namespace {
 
 using testing::HasSubstr;
+
+/// A library without headends, and a selection of it.
+class Library {
+ public:
+  Library() {
+    EXPECT_EQ(ahs_start(nullptr, &m_library), AHS_SUCCESS);
+    EXPECT_EQ(ahs_select(m_library, nullptr, ahs_no_callback, nullptr, &m_selection), AHS_SUCCESS);
+  }
+  ~Library() {
+    EXPECT_EQ(ahs_free(m_selection), AHS_SUCCESS);
+    EXPECT_EQ(ahs_stop(m_library), AHS_SUCCESS);
+  }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
+  ahs_library* Get() const { return m_library; }
+  ahs_selection* Selection() const { return m_selection; }
+
+ private:
+  ahs_library* m_library = nullptr;
+  ahs_selection* m_selection = nullptr;
+};
 
 TEST(Names, OfTheVersionStatusesAndOutcomes) {
   EXPECT_STREQ(ahs_version(), AHS_PROJECT_VERSION);
@@ -56,86 +78,113 @@ TEST(Names, OfTheVersionStatusesAndOutcomes) {
   }
 }
 
-/// Options or a request that are refused, and what the reason names.
-template <class Structure>
-struct Wrong {
-  const char* name;
-  std::function<void(Structure&)> change;
-  const char* says;
-};
-
-/// A third headend beside two that are good.
-Wrong<ahs_options> thirdHeadend(const char* testName, const char* name, const char* address) {
-  const auto change = [=](ahs_options& options) {
-    static ahs_headend headends[] = {{nullptr, "192.0.2.1"}, {"two", "192.0.2.2"}, {}};
-    headends[2] = {name, address};
-    options.headends = headends;
-    options.headend_count = std::size(headends);
-  };
-  return {testName, change, "headends[2]"};
+void expectRefused(const ahs_options& options, const char* says) {
+  ahs_library* library = reinterpret_cast<ahs_library*>(&library);
+  EXPECT_EQ(ahs_start(&options, &library), AHS_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(library, nullptr);
+  EXPECT_THAT(ahs_error_text(), HasSubstr(says));
+  ahs_stop(library);
 }
 
 TEST(WrongOptions, AreRefusedAndSaidWhy) {
-  static constexpr ahs_preference nameless = {nullptr, "1"};
-  const Wrong<ahs_options> rows[] = {
-      {"SizeOfNone", [](ahs_options& o) { o.size = 0; }, "size"},
-      {"HeadendsThatAreMissing", [](ahs_options& o) { o.headend_count = 1; }, "headends"},
-      {"PreferencesThatAreMissing", [](ahs_options& o) { o.preference_count = 1; }, "preferences"},
-      {"PreferenceWithoutAName",
-       [](ahs_options& o) {
-         o.preferences = &nameless;
-         o.preference_count = 1;
-       },
-       "preferences[0]"},
-      {"LogLevel", [](ahs_options& o) { o.log_level = 3; }, "log_level"},
-      thirdHeadend("HeadendWithoutAnAddress", "name", nullptr),
-      thirdHeadend("HeadendOfAnEmptyAddress", nullptr, ""),
-      thirdHeadend("HeadendOfAnIPv6AddressWithoutBrackets", nullptr, "::1"),
-      thirdHeadend("HeadendOfAHostWithABlank", "name", "bad host"),
-      thirdHeadend("HeadendWithALineInItsName", "a\nb", "192.0.2.3"),
-      thirdHeadend("HeadendOfANameThatIsTakenInAnotherLetterCase", "TWO", "192.0.2.3"),
-      thirdHeadend("HeadendOfANameThatIsAnAddressAbove", "192.0.2.1", "192.0.2.3")};
-  for (const Wrong<ahs_options>& wrong : rows) {
-    SCOPED_TRACE(wrong.name);
+  const std::pair<const char*, std::function<void(ahs_options&)>> members[] = {
+      {"size", [](ahs_options& o) { o.size = 0; }},
+      {"headends", [](ahs_options& o) { o.headend_count = 1; }},
+      {"preferences", [](ahs_options& o) { o.preference_count = 1; }},
+      {"log_level", [](ahs_options& o) { o.log_level = 3; }}};
+  for (const auto& [says, change] : members) {
+    SCOPED_TRACE(says);
     ahs_options options = AHS_OPTIONS_INIT;
-    wrong.change(options);
-    ahs_library* library = reinterpret_cast<ahs_library*>(&options);
-    EXPECT_EQ(ahs_start(&options, &library), AHS_ERROR_BAD_PARAMETER);
-    EXPECT_EQ(library, nullptr);
-    EXPECT_THAT(ahs_error_text(), HasSubstr(wrong.says));
-    ahs_stop(library);
+    change(options);
+    expectRefused(options, says);
+  }
+  for (const char* proxy : {"a proxy", ":8080", "127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:http",
+                            "127.0.0.1:80:80", "::1", "anna@127.0.0.1"}) {
+    SCOPED_TRACE(proxy);
+    ahs_options options = AHS_OPTIONS_INIT;
+    options.proxy = proxy;
+    expectRefused(options, "proxy");
+  }
+}
+
+TEST(WrongOptions, OfAHeadendBesideGoodOnesAreRefusedAndSaidWhy) {
+  constexpr struct {
+    const char* what;
+    ahs_headend headend;
+  } rows[] = {{"without an address", {"name", nullptr}},
+              {"with an empty address", {nullptr, ""}},
+              {"an IPv6 address without brackets", {nullptr, "::1"}},
+              {"a host with a blank", {"name", "bad host"}},
+              {"a line in its name", {"a\nb", "192.0.2.3"}},
+              {"a name that is taken in another letter case", {"TWO", "192.0.2.3"}},
+              {"a name that is an address above", {"192.0.2.1", "192.0.2.3"}}};
+  for (const auto& [what, headend] : rows) {
+    SCOPED_TRACE(what);
+    const ahs_headend headends[] = {{nullptr, "192.0.2.1"}, {"two", "192.0.2.2"}, headend};
+    ahs_options options = AHS_OPTIONS_INIT;
+    options.headends = headends;
+    options.headend_count = std::size(headends);
+    expectRefused(options, "headends[2]");
+  }
+}
+
+TEST(WrongOptions, OfAPreferenceAreRefusedAndSaidWhy) {
+  constexpr ahs_preference rows[] = {
+      {nullptr, "1"},
+      {"SelectionImprovment", "20"},
+      {"SelectionPingsPerHeadend", "many"},
+      {"SelectionPingsPerHeadend", "0"},
+      {"SelectionPingsPerHeadend", "101"},
+      {"SelectionPingsPerHeadend", ""},
+      {"SelectionPingsPerHeadend", nullptr},
+      {"RoundTripTime", "sometimes"},
+      {"ProxySettings", "perhaps"},
+      {"SelectionClearCache", "14 days"},
+      {"EnableAutomaticServerSelection", "true"},
+  };
+  for (const ahs_preference& preference : rows) {
+    const bool isWhole = preference.name != nullptr && preference.value != nullptr;
+    ahs_options options = AHS_OPTIONS_INIT;
+    options.preferences = &preference;
+    options.preference_count = 1;
+    expectRefused(options, "preferences[0]");
+    EXPECT_THAT(ahs_error_text(), HasSubstr(isWhole ? preference.name : ""));
   }
 }
 
 TEST(WrongRequest, IsRefusedAndSaidWhy) {
-  const Wrong<ahs_request> rows[] = {
-      {"SizeOfNone", [](ahs_request& r) { r.size = 0; }, "size"},
-      {"Reason", [](ahs_request& r) { r.reason = 6; }, "reason"},
-      {"ProxyType", [](ahs_request& r) { r.proxy_type = 4; }, "proxy_type"},
-      {"KerberosWithoutAUser", [](ahs_request& r) { r.proxy_type = AHS_PROXY_KERBEROS; },
-       "proxy_user"},
-      {"KerberosWithAnEmptyUser",
+  const std::pair<const char*, std::function<void(ahs_request&)>> rows[] = {
+      {"size", [](ahs_request& r) { r.size = 0; }},
+      {"reason", [](ahs_request& r) { r.reason = 6; }},
+      {"proxy_type", [](ahs_request& r) { r.proxy_type = 4; }},
+      {"proxy_user", [](ahs_request& r) { r.proxy_type = AHS_PROXY_KERBEROS; }},
+      {"proxy_user",
        [](ahs_request& r) {
          r.proxy_type = AHS_PROXY_KERBEROS;
          r.proxy_user = "";
-       },
-       "proxy_user"}};
-  const Library library({});
-  for (const Wrong<ahs_request>& wrong : rows) {
-    SCOPED_TRACE(wrong.name);
+       }},
+      {"interface_name", [](ahs_request& r) { r.interface_name = "nowhere0"; }},
+      {"interface_name", [](ahs_request& r) { r.interface_name = "too-long-for-an-interface"; }},
+      {"source_address", [](ahs_request& r) { r.source_address = "127.0.0"; }},
+      {"source_address", [](ahs_request& r) { r.source_address = "localhost"; }},
+      {"source_address", [](ahs_request& r) { r.source_address = "127.0.0.1:80"; }},
+      {"source_address", [](ahs_request& r) { r.source_address = "[::1]"; }}};
+  const Library library;
+  for (const auto& [says, change] : rows) {
+    SCOPED_TRACE(says);
     ahs_request request = AHS_REQUEST_INIT;
-    wrong.change(request);
+    change(request);
     ahs_selection* selection = reinterpret_cast<ahs_selection*>(&request);
     EXPECT_EQ(ahs_select(library.Get(), &request, ahs_no_callback, nullptr, &selection),
               AHS_ERROR_BAD_PARAMETER);
     EXPECT_EQ(selection, nullptr);
-    EXPECT_THAT(ahs_error_text(), HasSubstr(wrong.says));
+    EXPECT_THAT(ahs_error_text(), HasSubstr(says));
     ahs_free(selection);
   }
 }
 
 TEST(NullPointers, AreRefusedWhereTheyStandForNothing) {
-  const Library library({});
+  const Library library;
   ahs_selection* selection = nullptr;
   const ahs_problem* const* problems = nullptr;
   EXPECT_EQ(ahs_start(nullptr, nullptr), AHS_ERROR_BAD_PARAMETER);
@@ -190,32 +239,28 @@ void expectNoLibrary(ahs_library* library) {
   EXPECT_EQ(ahs_stop(library), AHS_ERROR_BAD_PARAMETER);
 }
 
-TEST(Handles, ThatWereGivenBackAreRefused) {
-  Library library({});
-  Client client;
-  Selection selection(library, client);
-  ahs_selection* const freed = selection.Get();
-  EXPECT_EQ(selection.Free(), AHS_SUCCESS);
+TEST(Handles, ThatWereGivenBackOrNeverWereAreRefused) {
+  ahs_library* stopped = nullptr;
+  ahs_selection* freed = nullptr;
+  ASSERT_EQ(ahs_start(nullptr, &stopped), AHS_SUCCESS);
+  ASSERT_EQ(ahs_select(stopped, nullptr, ahs_no_callback, nullptr, &freed), AHS_SUCCESS);
+  EXPECT_EQ(ahs_free(freed), AHS_SUCCESS);
   expectNoSelection(freed);
-  ahs_library* const stopped = library.Get();
-  library.Stop();
+  EXPECT_EQ(ahs_stop(stopped), AHS_SUCCESS);
   expectNoLibrary(stopped);
-  const Library again({});
-  expectNoLibrary(stopped == again.Get() ? nullptr : stopped);
-  EXPECT_EQ(selectOnce(again).status, AHS_ERROR_NO_HEADENDS) << "the refusals harm nothing";
-}
 
-TEST(Handles, ThatNeverWereAreRefused) {
-  const Library library({});
-  Client client;
-  const Selection selection(library, client);
+  const Library library;
+  expectNoLibrary(stopped == library.Get() ? nullptr : stopped);
   std::byte memory[64] = {};
   expectNoSelection(reinterpret_cast<ahs_selection*>(memory));
   expectNoSelection(reinterpret_cast<ahs_selection*>(1));
   expectNoSelection(reinterpret_cast<ahs_selection*>(library.Get()));
   expectNoLibrary(reinterpret_cast<ahs_library*>(memory));
   expectNoLibrary(reinterpret_cast<ahs_library*>(1));
-  expectNoLibrary(reinterpret_cast<ahs_library*>(selection.Get()));
+  expectNoLibrary(reinterpret_cast<ahs_library*>(library.Selection()));
+  const ahs_result* const result = ahs_wait(library.Selection(), AHS_WAIT_FOREVER);
+  ASSERT_NE(result, nullptr);
+  EXPECT_EQ(result->status, AHS_ERROR_NO_HEADENDS) << "the refusals harm nothing";
 }
 
 TEST(ErrorText, IsThatOfTheLastCallThatFailed) {
@@ -276,8 +321,8 @@ class Lent {
   std::string m_text;
 };
 
-TEST(Arguments, AreCopied) {
-  Gateway gateway(Gateway::silent());
+TEST(Arguments, AreCopiedAndAllThatIsToldHasItsSize) {
+  Gateway gateway;
   const TemporaryDirectory directory;
   Lent texts[] = {
       Lent("Oslo"), Lent(gateway.Address()), Lent("SelectionPingsPerHeadend"), Lent("3"),
@@ -290,11 +335,13 @@ TEST(Arguments, AreCopied) {
   options.preferences = &preference;
   options.preference_count = 1;
   options.cache_directory = texts[6].Get();
+  options.on_log = [](const ahs_log_message* told, void*) { EXPECT_EQ(told->size, sizeof *told); };
   ahs_request request = AHS_REQUEST_INIT;
   request.reason = AHS_REASON_RECONNECTION;
   request.last_headend = texts[4].Get();
   request.source_address = texts[5].Get();
   request.interface_name = texts[7].Get();
+  request.on_progress = [](const ahs_probe* told, void*) { EXPECT_EQ(told->size, sizeof *told); };
   ahs_library* library = nullptr;
   ahs_selection* selection = nullptr;
   ASSERT_EQ(ahs_start(&options, &library), AHS_SUCCESS);
@@ -307,10 +354,12 @@ TEST(Arguments, AreCopied) {
     text.TakeBack();
   }
 
-  gateway.Answer(UINT_MAX);
+  gateway.Release();
   const ahs_result* const result = ahs_wait(selection, AHS_WAIT_FOREVER);
   ASSERT_NE(result, nullptr);
+  EXPECT_EQ(result->size, sizeof *result);
   ASSERT_EQ(result->candidate_count, 1U);
+  EXPECT_EQ(result->candidates[0]->size, sizeof *result->candidates[0]);
   EXPECT_STREQ(result->candidates[0]->name, "Oslo");
   EXPECT_EQ(result->candidates[0]->headend, gateway.Address());
   EXPECT_EQ(result->candidates[0]->sample_count, 3U);
@@ -321,7 +370,7 @@ TEST(Arguments, AreCopied) {
 }
 
 TEST(AClientInC, SelectsAndIsTold) {
-  const Gateway gateway;
+  const Gateway gateway(Gateway::All);
   const TemporaryDirectory directory;
   const std::string output = directory.File("output");
   ChildProcess client({AHS_C_CLIENT, gateway.Address()}, output, directory.Path());

@@ -11,8 +11,8 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -24,10 +24,10 @@
 namespace tests {
 namespace {
 
+using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
 using testing::Field;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -39,32 +39,17 @@ using testing::SizeIs;
   }                                                 \
   static_assert(true, "takes a semicolon")
 
-TEST(SourceAddress, IsWhereEveryProbeComesFrom) {
-  const Gateway gateway;
-  const Library library({gateway.Address()}, {{"SelectionPingsPerHeadend", "2"}});
-  const Result result = selectOnce(library, [](ahs_request& request) {
-    request.reason = AHS_REASON_CONNECTION;  // with a test probe
-    request.source_address = "127.0.0.2";
-  });
-  EXPECT_EQ(result.status, AHS_ADDED_TO_CACHE);
-  EXPECT_THAT(gateway.Peers(), ElementsAre("127.0.0.2", "127.0.0.2", "127.0.0.2"));
-}
-
 TEST(SourceAddress, ReachesHeadendsOfItsFamilyAlone) {
   SKIP_UNLESS(hasAddress("::1"), "no IPv6 here");
-  Gateway::Settings settings;
-  const Gateway four(settings);
-  settings.where = "::1";
-  const Gateway six(settings);
-  const Library library({four.Address(), six.Address()});
-  const Result fromFour =
-      selectOnce(library, [](ahs_request& request) { request.source_address = "127.0.0.1"; });
-  EXPECT_THAT(fromFour.headends, ElementsAre(four.Address()));
-  EXPECT_EQ(fromFour.Of(six.Address()).metric, AHS_NO_METRIC);
+  const Gateway four(Gateway::All);
+  const Gateway six(Gateway::Settings{.where = "::1"});
+  ahs::Library library(optionsFor({four.Address(), six.Address()}));
+  ahs::Request request = Reconnection;
+  request.sourceAddress = "127.0.0.1";
+  EXPECT_THAT(library.select(request).headends, ElementsAre(four.Address()));
   EXPECT_THAT(six.Peers(), IsEmpty());
-  const Result fromSix =
-      selectOnce(library, [](ahs_request& request) { request.source_address = "::1"; });
-  EXPECT_THAT(fromSix.headends, ElementsAre(six.Address()));
+  request.sourceAddress = "::1";
+  EXPECT_THAT(library.select(request).headends, ElementsAre(six.Address()));
 }
 
 /// What a socket callback has seen of one socket.
@@ -102,101 +87,68 @@ Seen look(int socket) {
 /// A client that looks at every socket that it is given.
 class SocketCallback : public testing::Test {
  protected:
-  SocketCallback() {
-    m_client.atSocket = [this](int socket, ahs_selection*) {
+  /// One selection on three probes, to its end.
+  ahs::Result Select(const ahs::Request& request, const std::function<bool()>& answer) {
+    m_client.atSocket = [this, answer](int socket) {
       const std::lock_guard<std::mutex> guard(m_mutex);
       m_seen.push_back(look(socket));
-      m_threads.push_back(std::this_thread::get_id());
-      return m_answer;
+      EXPECT_NE(std::this_thread::get_id(), m_thread);
+      return answer();
     };
+    ahs::Library library(optionsFor({m_gateway.Address()}, {{"SelectionPingsPerHeadend", "3"}}));
+    return m_client.Select(library, request).wait();
   }
 
-  Gateway m_gateway;
+  Gateway m_gateway{Gateway::All};
   Client m_client;
-  int m_answer = 0;
+  const std::thread::id m_thread = std::this_thread::get_id();
   std::mutex m_mutex;
   std::vector<Seen> m_seen;
-  std::vector<std::thread::id> m_threads;
 };
 
 TEST_F(SocketCallback, IsGivenEverySocketBeforeItConnects) {
-  const Library library({m_gateway.Address()}, {{"SelectionPingsPerHeadend", "3"}});
-  const Selection selection(library, m_client);
-  EXPECT_EQ(selection.Wait().status, AHS_ADDED_TO_CACHE);
+  EXPECT_EQ(Select(Reconnection, [] { return true; }).status, ahs::AddedToCache);
   EXPECT_THAT(m_seen, SizeIs(m_gateway.CountConnections()));
   EXPECT_THAT(m_seen, Each(AllOf(Field(&Seen::isStream, true), Field(&Seen::isConnected, false),
                                  Field(&Seen::interface, ""), Field(&Seen::mark, 0U),
                                  Field(&Seen::source, "0.0.0.0"))));
-  EXPECT_THAT(m_threads, Each(testing::Ne(std::this_thread::get_id())));
 }
 
 TEST_F(SocketCallback, FindsInterfaceSourceAddressAndMarkSet) {
   SKIP_UNLESS(geteuid() == 0, "a mark takes CAP_NET_ADMIN");
   constexpr unsigned int Mark = 0x4711;
-  const Library library({m_gateway.Address()});
-  const Selection selection(library, m_client, [](ahs_request& request) {
-    request.reason = AHS_REASON_CONNECTION;
-    request.interface_name = "lo";
-    request.source_address = "127.0.0.3";
-    request.mark = Mark;
-  });
-  EXPECT_EQ(selection.Wait().status, AHS_ADDED_TO_CACHE);
-  EXPECT_THAT(m_seen, SizeIs(2)) << "the test probe and one";
+  ahs::Request request;  // with a test probe
+  request.interfaceName = "lo";
+  request.sourceAddress = "127.0.0.3";
+  request.mark = Mark;
+  EXPECT_EQ(Select(request, [] { return true; }).status, ahs::AddedToCache);
+  EXPECT_THAT(m_seen, SizeIs(4));
   EXPECT_THAT(m_seen, Each(AllOf(Field(&Seen::interface, "lo"), Field(&Seen::mark, Mark),
                                  Field(&Seen::source, "127.0.0.3"))));
+  EXPECT_THAT(m_gateway.Peers(), AllOf(SizeIs(4), Each("127.0.0.3")));
 }
 
-TEST_F(SocketCallback, ThatRefusesFailsTheProbeAndConnectsNothing) {
-  m_answer = 1;
-  const Library library({m_gateway.Address()});
-  const Selection selection(library, m_client);
-  const Result result = selection.Wait();
-  EXPECT_EQ(result.status, AHS_ERROR_SELECTION_FAILURE);
-  EXPECT_EQ(result.Of(m_gateway.Address()).outcome, std::uint32_t{AHS_OUTCOME_CANNOT_CONNECT});
-  EXPECT_EQ(m_gateway.CountConnections(), 0U);
+TEST_F(SocketCallback, ThatRefusesOrThrowsFailsTheProbeAndConnectsNothing) {
+  for (const std::function<bool()>& answer :
+       {std::function<bool()>([] { return false; }),
+        std::function<bool()>([]() -> bool { throw 4711; })}) {
+    const ahs::Result result = Select(Reconnection, answer);
+    EXPECT_EQ(result.status, ahs::SelectionFailure);
+    EXPECT_EQ(result.candidates.at(0).outcome, ahs::Outcome::CannotConnect);
+    EXPECT_EQ(m_gateway.CountConnections(), 0U);
+  }
 }
 
 TEST(SocketCallbacks, ComeSeveralAtATime) {
-  const Gateway gateways[2];
+  const Gateway gateways[2] = {Gateway(Gateway::All), Gateway(Gateway::All)};
   std::atomic<int> inside{0};
   Client client;
-  client.atSocket = [&](int, ahs_selection*) {
+  client.atSocket = [&](int) {
     ++inside;
-    return eventually([&] { return inside == 2; }) ? 0 : 1;
+    return eventually([&] { return inside == 2; });
   };
-  const Library library({gateways[0].Address(), gateways[1].Address()});
-  const Selection selection(library, client);
-  EXPECT_THAT(selection.Wait().headends, SizeIs(2));
-}
-
-/// A place to leave from that is none.
-struct NoPlace {
-  const char* member;
-  const char* ahs_request::*where;
-  const char* value;
-};
-
-TEST(Request, WhereProbesCannotLeaveIsRefused) {
-  constexpr NoPlace places[] = {
-      {"interface_name", &ahs_request::interface_name, "nowhere0"},
-      {"interface_name", &ahs_request::interface_name, "much-too-long-a-name-for-an-interface"},
-      {"source_address", &ahs_request::source_address, "127.0.0"},
-      {"source_address", &ahs_request::source_address, "localhost"},
-      {"source_address", &ahs_request::source_address, "127.0.0.1:80"},
-      {"source_address", &ahs_request::source_address, "[::1]"},
-  };
-  const Library library({});
-  for (const NoPlace& place : places) {
-    ahs_request request = AHS_REQUEST_INIT;
-    request.*place.where = place.value;
-    ahs_selection* selection = nullptr;
-    EXPECT_EQ(ahs_select(library.Get(), &request, ahs_no_callback, nullptr, &selection),
-              AHS_ERROR_BAD_PARAMETER)
-        << place.member << " " << place.value;
-    EXPECT_THAT(ahs_error_text(), HasSubstr(place.member));
-    EXPECT_EQ(selection, nullptr);
-    ahs_free(selection);
-  }
+  ahs::Library library(optionsFor({gateways[0].Address(), gateways[1].Address()}));
+  EXPECT_THAT(client.Select(library).wait().headends, SizeIs(2));
 }
 
 }  // namespace

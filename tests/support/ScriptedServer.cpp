@@ -4,6 +4,7 @@
 
 #include "tests/support/ScriptedServer.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
@@ -189,6 +190,22 @@ void Connection::waitForPeer() {
   std::array<char, 4096> buffer{};
   while (receive(buffer.data(), buffer.size()) > 0) {
   }
+}
+
+std::string Connection::peer() const {
+  sockaddr_storage where{};
+  socklen_t length = sizeof where;
+  auto* const address = reinterpret_cast<sockaddr*>(&where);
+  std::array<char, NI_MAXHOST> text{};
+  getpeername(m_socket, address, &length);
+  getnameinfo(address, length, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
+  return text.data();
+}
+
+bool Connection::isPeerGone() const {
+  char byte = 0;
+  const ssize_t got = recv(m_socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return got == 0 || (got < 0 && errno != EAGAIN);
 }
 
 void Connection::drain() {

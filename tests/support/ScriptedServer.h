@@ -67,6 +67,12 @@ class Connection {
   /// Waits until the peer closes, reading and dropping what it sends.
   void waitForPeer();
 
+  /// The address of the peer.
+  std::string peer() const;
+
+  /// Whether the peer has closed, and all that it sent was read.
+  bool isPeerGone() const;
+
   /// Reads and drops what the peer has sent, so that closing is no reset.
   void drain();
 

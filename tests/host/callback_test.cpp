@@ -4,53 +4,36 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <ostream>
 #include <stdexcept>
 
 #include "tests/host/HostScene.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
-#include "vpn/Common/Utility/TimerList.h"
 
 namespace tests {
 namespace {
 
-/// What the client's callback does last.
-struct Misbehaviour {
-  const char* name;
-  void (*what)();
-
-  friend void PrintTo(const Misbehaviour& misbehaviour, std::ostream* out) {
-    *out << misbehaviour.name;
+TEST(MisbehavingCallback, LeavesTheProcessAndLaterRunsUnharmed) {
+  const HeldGateway gateway(HeldGateway::All);
+  const std::pair<const char*, void (*)()> rows[] = {
+      {"throws an exception", [] { throw std::runtime_error("no"); }},
+      {"throws a number", [] { throw 4711; }},
+      {"ends its thread", [] { pthread_exit(nullptr); }}};
+  for (const auto& [name, misbehaviour] : rows) {
+    SCOPED_TRACE(name);
+    Host host;
+    host.BringUp({gateway.Address()});
+    Client bad(misbehaviour);
+    Client good;
+    executeRun(makeRun(bad));
+    host.ForgetSelections();
+    executeRun(makeRun(good));
+    host.TakeDown();
+    EXPECT_EQ(bad.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
+    EXPECT_EQ(good.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
+    EXPECT_TRUE(nothingIsLeft());
   }
-};
-
-class MisbehavingCallback : public testing::TestWithParam<Misbehaviour> {};
-
-TEST_P(MisbehavingCallback, LeavesTheProcessAndLaterRunsUnharmed) {
-  const ScriptedServer gateway(answering("HTTP/1.1 200 OK\r\n\r\n"));
-  const std::string address = "127.0.0.1:" + std::to_string(gateway.port());
-  Host host;
-  host.BringUp({address});
-  Client bad(GetParam().what);
-  Client good;
-
-  executeRun(makeRun(bad));
-  host.ForgetSelections();
-  executeRun(makeRun(good));
-  host.TakeDown();
-
-  EXPECT_EQ(bad.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-  EXPECT_EQ(good.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-  EXPECT_TRUE(nothingIsLeft());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Callback, MisbehavingCallback,
-    testing::Values(Misbehaviour{"ThrowsAnException", [] { throw std::runtime_error("no"); }},
-                    Misbehaviour{"ThrowsANumber", [] { throw 4711; }},
-                    Misbehaviour{"EndsItsThread", [] { pthread_exit(nullptr); }}),
-    [](const auto& instance) { return instance.param.name; });
 
 /// A client whose callback does not return as long as the test looks; its run waits on a thread.
 class EndlessCallback : public testing::Test {
@@ -68,26 +51,23 @@ class EndlessCallback : public testing::Test {
     EXPECT_TRUE(nothingIsLeft());
   }
 
-  HeldGateway m_gateway{1000};
+  HeldGateway m_gateway{HeldGateway::All};
   Host m_host;
   std::atomic<bool> m_mayReturn{false};
   Client m_endless{[this] { eventually([this] { return m_mayReturn.load(); }); }};
   std::thread m_endlessRun;
 };
 
-TEST_F(EndlessCallback, HoldsUpNoOtherRun) {
+TEST_F(EndlessCallback, HoldsUpNoOtherRunNorTheTakingDownOfTheLibrary) {
   Client fromCache;
   executeRun(makeRun(fromCache));
   m_host.ForgetSelections();
   Client measured;
   executeRun(makeRun(measured, AtReconnection));
+  m_host.TakeDown();
 
   EXPECT_EQ(fromCache.Status(), 0);
   EXPECT_EQ(measured.Status(), HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
-}
-
-TEST_F(EndlessCallback, DoesNotHoldUpTheTakingDownOfTheLibrary) {
-  m_host.TakeDown();
   EXPECT_EQ(CExecutionContext::acquireInstance(API_INSTANCE), nullptr);
 }
 
@@ -115,7 +95,7 @@ TEST(EndlessCallbackOfARunThatTheTimerEnded, DoesNotHoldUpTheTimers) {
 
 TEST(NestedRun, MayBeStartedFromWithinTheCallbackAndExecutedByIt) {
   for (const bool isOnItsThread : {false, true}) {
-    HeldGateway gateway(1000);
+    HeldGateway gateway(HeldGateway::All);
     Host host;
     host.BringUp({gateway.Address()});
     Client inner;
@@ -132,41 +112,25 @@ TEST(NestedRun, MayBeStartedFromWithinTheCallbackAndExecutedByIt) {
   }
 }
 
-/// A client whose callback takes its time, and which knows whether it was deleted meanwhile.
-class LeisurelyClient : public ClientIfcBase {
- public:
-  explicit LeisurelyClient(std::atomic<int>& deletedTooEarly)
-      : m_deletedTooEarly(deletedTooEarly) {}
-  ~LeisurelyClient() override { m_deletedTooEarly += m_isCalled || !m_wasCalled ? 1 : 0; }
-
-  void AHSSelectedHost(unsigned int /*reason*/, const std::vector<std::string>& /*headends*/,
-                       long /*status*/, const std::string& /*extraInfo*/) override {
-    m_isCalled = true;
-    m_wasCalled = true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    m_isCalled = false;
-  }
-
- private:
-  std::atomic<int>& m_deletedTooEarly;
-  std::atomic<bool> m_isCalled{false};
-  std::atomic<bool> m_wasCalled{false};
-};
-
+/// The timer and the slow gateway's worker race.
 TEST(TheClient, MayBeDeletedAsSoonAsRunHasReturned) {
   constexpr int Rounds = 10;
-  const GatewayProcess gateways({"", "delay=110"});
-  Host host(Host::hasty("100"));  // the timer and the slow gateway's worker race
-  std::atomic<int> deletedTooEarly{0};
+  const HeldGateway near(HeldGateway::All);
+  const HeldGateway slow(HeldGateway::Settings{.delay = std::chrono::milliseconds(110)});
+  Host host(Host::hasty("100"));
   for (int i = 0; i < Rounds; ++i) {
     host.ForgetSelections();
-    host.BringUp(gateways.Addresses());
-    auto client = std::make_unique<LeisurelyClient>(deletedTooEarly);
+    host.BringUp({near.Address(), slow.Address()});
+    std::atomic<bool> hasReturned{false};
+    auto client = std::make_unique<Client>([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      hasReturned = true;
+    });
     executeRun(makeRun(*client, AtReconnection));
+    EXPECT_TRUE(hasReturned);
     client.reset();
     host.TakeDown();
   }
-  EXPECT_EQ(deletedTooEarly, 0);
   EXPECT_TRUE(nothingIsLeft());
 }
 

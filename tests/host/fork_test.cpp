@@ -1,16 +1,17 @@
-// A host that forks in the middle of a selection. The child execs or ends at once; the exec'd
-// program is given none of the component's descriptors, and the parent's run is not disturbed, nor
-// by a child that stays.
+// A host that forks in the middle of a selection. A program that the child executes is given
+// none of the component's descriptors, and the parent's run is not disturbed, nor by a child that
+// stays.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <cstddef>
 #include <random>
-#include <sstream>
 
 #include "tests/host/HostScene.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
@@ -18,52 +19,31 @@
 namespace tests {
 namespace {
 
-/// What a child process wrote, and how it ended.
-struct Ended {
-  std::string output;
-  int status = -1;
-};
-
-/// Forks; the child does nothing but what is allowed between fork and exec.
-/// @param program null: the child ends at once.
-Ended forkAndRun(const char* program) {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    throw std::runtime_error("no pipe");
-  }
-  const pid_t child = fork();
-  if (child == 0) {
-    if (program != nullptr && dup2(ends[1], STDOUT_FILENO) >= 0) {
-      execl(program, program, nullptr);
-    }
-    _exit(program == nullptr ? 0 : 1);
-  }
-  close(ends[1]);
-  Ended ended;
-  std::array<char, 4096> buffer{};
-  for (ssize_t count = 1; (count = read(ends[0], buffer.data(), buffer.size())) > 0;) {
-    ended.output.append(buffer.data(), static_cast<std::size_t>(count));
-  }
-  close(ends[0]);
-  int status = 0;
-  if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status)) {
-    ended.status = WEXITSTATUS(status);
-  }
-  return ended;
+bool isNameless(int (*name)(int, sockaddr*, socklen_t*), int descriptor) {
+  sockaddr_un address{};
+  socklen_t length = sizeof address;
+  return name(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+         address.sun_family == AF_UNIX && length == offsetof(sockaddr_un, sun_path);
 }
 
-/// What an exec'd program is given, the ends of socket pairs left out: libcurl makes one pair for
-/// each transfer and offers no way to have it closed on exec. It leads nowhere.
-std::string descriptorsOfAnExecdProgram() {
-  const Ended ended = forkAndRun(AHS_OPEN_DESCRIPTORS);
-  EXPECT_EQ(ended.status, 0);
-  std::istringstream lines(ended.output);
-  std::string others;
-  std::string line;
-  while (std::getline(lines, line)) {
-    others += line == "pair" ? "" : line + "\n";
+/// How many descriptors a program that a child of `fork` executes now is given. The ends of socket
+/// pairs do not count: libcurl makes one pair for each transfer and offers no way to have it closed
+/// on exec. It leads nowhere. The child calls nothing but what is allowed between fork and exec.
+int descriptorsForAnExecdProgram() {
+  constexpr int Most = 250;
+  const pid_t child = fork();
+  if (child == 0) {
+    int count = 0;
+    for (int descriptor = 0; descriptor < Most; ++descriptor) {
+      const int flags = fcntl(descriptor, F_GETFD);
+      const bool isPair =
+          isNameless(getsockname, descriptor) && isNameless(getpeername, descriptor);
+      count += flags >= 0 && (flags & FD_CLOEXEC) == 0 && !isPair ? 1 : 0;
+    }
+    _exit(fcntl(Most, F_GETFD) < 0 ? count : -1);
   }
-  return others;
+  int status = 0;
+  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class ForkingHost : public testing::Test {
@@ -95,7 +75,7 @@ class ForkingHost : public testing::Test {
 
 TEST_F(ForkingHost, InTheMiddleOfRunsHandsNoDescriptorToTheProgramThatTheChildExecs) {
   constexpr int Forks = 100;
-  const std::string before = descriptorsOfAnExecdProgram();  // the test's own, from whoever ran it
+  const int before = descriptorsForAnExecdProgram();  // the test's own, from whoever ran it
   std::minstd_rand random(1);
   std::uniform_int_distribution<int> pause(0, 3000);
   int forks = 0;
@@ -103,8 +83,7 @@ TEST_F(ForkingHost, InTheMiddleOfRunsHandsNoDescriptorToTheProgramThatTheChildEx
     StartRun();
     while (!m_ended) {
       std::this_thread::sleep_for(std::chrono::microseconds(pause(random)));
-      EXPECT_EQ(descriptorsOfAnExecdProgram(), before);
-      EXPECT_EQ(forkAndRun(nullptr).status, 0);
+      EXPECT_EQ(descriptorsForAnExecdProgram(), before);
       ++forks;
     }
     EndRun();

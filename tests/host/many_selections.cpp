@@ -14,6 +14,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,41 +32,23 @@ namespace {
 using tests::Client;
 using tests::Host;
 
-/// What the process holds.
-struct Figures {
-  long runs = 0;
-  long residentKiB = 0;
-  long heapKiB = 0;
-  long threads = 0;
-  long descriptors = 0;
-};
-
+/// What the process holds, and by how much it may differ, however many selections lie between.
+/// Threads and descriptors are counted exactly. The heap in use moves by what the libraries below
+/// keep of the last transfers; resident memory by how the allocator's arenas, of which late threads
+/// get one or another, have been touched.
 struct Quantity {
   const char* name;
-  long Figures::*value;
-  /// By how much it may differ, however many selections lie between. Threads and descriptors are
-  /// counted exactly. The heap in use moves by what the libraries below keep of the last transfers;
-  /// resident memory by how the allocator's arenas, of which late threads get one or another, have
-  /// been touched.
   long allowance;
 };
-
 constexpr Quantity Quantities[] = {
-    {"resident KiB", &Figures::residentKiB, 2048},
-    {"heap KiB", &Figures::heapKiB, 16},
-    {"threads", &Figures::threads, 0},
-    {"descriptors", &Figures::descriptors, 0},
-};
+    {"resident KiB", 2048}, {"heap KiB", 16}, {"threads", 0}, {"descriptors", 0}};
+using Figures = std::array<long, std::size(Quantities)>;
 
 // A sanitizer's allocator keeps what is freed, and has threads of its own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__has_feature) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+constexpr bool MemoryCounts = !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer);
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool MemoryCounts = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool MemoryCounts = false;
-#else
-constexpr bool MemoryCounts = true;
-#endif
 #else
 constexpr bool MemoryCounts = true;
 #endif
@@ -90,14 +73,14 @@ long residentKiB() {
 
 /// Once every thread that a selection started has left the process: the kernel needs a moment to
 /// bury one that is detached.
-Figures measure(long runs, long ownThreads) {
+Figures measure(long ownThreads) {
   if (!tests::nothingIsLeft()) {
     throw std::runtime_error("a selection left something behind");
   }
   constexpr const char* Threads = "/proc/self/task";
   tests::eventually([ownThreads] { return countEntries(Threads) <= ownThreads; });
   constexpr std::size_t BytesOfAKiB = 1024;
-  return {runs, residentKiB(), static_cast<long>(mallinfo2().uordblks / BytesOfAKiB),
+  return {residentKiB(), static_cast<long>(mallinfo2().uordblks / BytesOfAKiB),
           countEntries(Threads), countEntries("/proc/self/fd")};
 }
 
@@ -108,33 +91,31 @@ long countOwnThreads() {
   return countEntries("/proc/self/task");
 }
 
-/// A proxy that asks everybody for a login.
-tests::ScriptedServer::Script proxyThatAsksForALogin() {
-  return tests::answering(
-      "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"office\"\r\n"
-      "Content-Length: 0\r\nConnection: close\r\n\r\n");
-}
-
 /// The kinds of selections, in rounds.
 class Rounds {
  public:
   /// @return how many selections it was.
   int MakeOne() {
     m_runs = 0;
-    Ordinary();
-    WithTls();
+    BringUp({Near, AlsoNear, ThirdNear}, {{"SelectionPingsPerHeadend", "2"}});
+    SelectTwice(4, false);
+    BringUp({Near, Dead, HangsUp}, {{"SelectionPingsPerHeadend", "2"}});
+    SelectTwice(3, false);
+    BringUp({Near, Dead, AlsoNear});
+    SelectTwice(3, true);
     OutOfTime();
     BehindAProxyThatAsksForALogin();
-    WithoutHeadends();
+    BringUp({});
+    Select({HEADENDSELECTION_ERROR_NO_HEADENDS}, tests::AtConnection);
     m_host.TakeDown();
     return m_runs;
   }
 
  private:
-  void Select(std::initializer_list<long> expected, unsigned int reason,
-              ProxyIfc* proxy = nullptr) {
+  void Select(std::initializer_list<long> expected, unsigned int reason, bool isSecure = false) {
     Client client;
-    tests::executeRun(tests::makeRun(client, reason, "", proxy));
+    tests::executeRun(
+        tests::makeRun(client, reason, "", isSecure ? new tests::SecureProvider : nullptr));
     if (std::find(expected.begin(), expected.end(), client.Status()) == expected.end()) {
       throw std::runtime_error(std::string("a selection ended with ") +
                                statusCodeName(client.Status()) + " instead of " +
@@ -143,18 +124,18 @@ class Rounds {
     ++m_runs;
   }
 
-  /// A fresh selection and then one from the cache.
-  void SelectTwice(
-      unsigned int reason,
-      ProxyIfc* (*makeProxy)() = [] { return static_cast<ProxyIfc*>(nullptr); }) {
-    m_host.ForgetSelections();
-    Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE}, reason, makeProxy());
-    Select({0}, reason, makeProxy());
+  /// A fresh selection and then one from the cache, with and without a test probe in turn.
+  void SelectTwice(int times, bool isSecure) {
+    for (int i = 0; i < times; ++i) {
+      const unsigned int reason = i % 2 == 0 ? tests::AtConnection : tests::AtReconnection;
+      m_host.ForgetSelections();
+      Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE}, reason, isSecure);
+      Select({0}, reason, isSecure);
+    }
   }
 
-  void BringUp(const std::vector<std::size_t>& gateways, const Host::Preferences& changes = {},
+  void BringUp(const std::vector<std::size_t>& gateways, Host::Preferences preferences = {},
                const Host::Preferences& global = {}) {
-    Host::Preferences preferences = changes;
     preferences.merge(Host::patient());
     m_host.SetPreferences(preferences, global);
     std::vector<std::string> addresses;
@@ -165,48 +146,23 @@ class Rounds {
     m_host.BringUp(addresses);
   }
 
-  /// All answer; or one is dead and one hangs up.
-  void Ordinary() {
-    BringUp({Near, AlsoNear, ThirdNear}, {{"SelectionPingsPerHeadend", "2"}});
-    for (int i = 0; i < 4; ++i) {
-      SelectTwice(i % 2 == 0 ? tests::AtConnection : tests::AtReconnection);
-    }
-    BringUp({Near, Dead, HangsUp}, {{"SelectionPingsPerHeadend", "2"}});
-    for (int i = 0; i < 3; ++i) {
-      SelectTwice(tests::AtConnection);
-    }
-  }
-
-  void WithTls() {
-    BringUp({Near, Dead, AlsoNear});
-    for (int i = 0; i < 3; ++i) {
-      SelectTwice(i % 2 == 0 ? tests::AtConnection : tests::AtReconnection,
-                  [] { return static_cast<ProxyIfc*>(new tests::SecureProvider); });
-    }
-  }
-
   /// The timer comes before the slowest worker has reported; on a machine that is slower still,
   /// before any has.
   void OutOfTime() {
     BringUp({Near, Far, Dead}, {{"SelectionReconnectTimeout", "100"}});
     Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE, HEADENDSELECTION_ERROR_SELECTION_FAILURE},
-           tests::AtReconnection, new tests::SecureProvider);
+           tests::AtReconnection, true);
   }
 
   void BehindAProxyThatAsksForALogin() {
-    const tests::ScriptedServer proxy(proxyThatAsksForALogin());
+    const tests::ScriptedServer proxy(
+        tests::answering("HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic "
+                         "realm=\"office\"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"));
     BringUp({Near, AlsoNear, ThirdNear}, {{"ProxySettings", "override"}},
             {{"ProxyHost", "127.0.0.1"}, {"ProxyPort", std::to_string(proxy.port())}});
-    for (int i = 0; i < 2; ++i) {
-      Select({HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED}, tests::AtConnection);
-      Select({HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED}, tests::AtConnection,
-             new tests::SecureProvider);
+    for (const bool isSecure : {false, true, false, true}) {
+      Select({HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED}, tests::AtConnection, isSecure);
     }
-  }
-
-  void WithoutHeadends() {
-    BringUp({});
-    Select({HEADENDSELECTION_ERROR_NO_HEADENDS}, tests::AtConnection);
   }
 
   enum : std::size_t { Near, AlsoNear, ThirdNear, Dead, HangsUp, Far };
@@ -216,28 +172,27 @@ class Rounds {
   int m_runs = 0;
 };
 
-long median(std::vector<Figures>::const_iterator from, std::vector<Figures>::const_iterator to,
-            long Figures::*value) {
+/// Of one quantity; of an even number the lower one of the two in the middle.
+long median(const std::vector<Figures>& all, std::size_t from, std::size_t count, std::size_t of) {
   std::vector<long> values;
-  std::transform(from, to, std::back_inserter(values),
-                 [value](const Figures& figures) { return figures.*value; });
-  // Of an even number the lower one of the two in the middle.
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>((values.size() - 1) / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+  for (std::size_t i = from; i < from + count; ++i) {
+    values.push_back(all[i][of]);
+  }
+  std::ranges::sort(values);
+  return values[(count - 1) / 2];
 }
 
 bool isLevel(const std::vector<Figures>& all) {
-  const auto fifth = static_cast<std::ptrdiff_t>(all.size() / 5);
+  const std::size_t fifth = all.size() / 5;
   bool level = true;
-  for (const Quantity& quantity : Quantities) {
-    const long early = median(all.begin() + fifth, all.begin() + 2 * fifth, quantity.value);
-    const long late = median(all.end() - fifth, all.end(), quantity.value);
-    const bool counts = MemoryCounts || quantity.allowance == 0;
-    const bool within = late - early <= quantity.allowance;
-    std::printf("%-14s %8ld %8ld   %+ld, allowed +%ld%s\n", quantity.name, early, late,
-                late - early, quantity.allowance,
-                !counts ? ", not compared in this build" : (within ? "" : ": NOT LEVEL"));
+  for (std::size_t i = 0; i < std::size(Quantities); ++i) {
+    const auto& [name, allowance] = Quantities[i];
+    const long early = median(all, fifth, fifth, i);
+    const long late = median(all, all.size() - fifth, fifth, i);
+    const bool counts = MemoryCounts || allowance == 0;
+    const bool within = late - early <= allowance;
+    std::printf("%-14s %8ld %8ld   %+ld, allowed +%ld%s\n", name, early, late, late - early,
+                allowance, !counts ? ", not compared" : (within ? "" : ": NOT LEVEL"));
     level = level && (within || !counts);
   }
   return level;
@@ -258,21 +213,18 @@ int makeSelections(long warmUp, long count) {
   std::vector<Figures> all;
   // The reserve comes first: the vector shall not be part of what it lists.
   all.reserve(static_cast<std::size_t>(std::max(count, 0L)) + 1);
-  for (long runs = 0; runs < warmUp;) {
+  long runs = 0;
+  while (runs < warmUp) {
     runs += rounds.MakeOne();
   }
-  for (long runs = 0; runs < count;) {
+  for (runs = 0; runs < count;) {
     runs += rounds.MakeOne();
-    all.push_back(measure(runs, ownThreads));
+    all.push_back(measure(ownThreads));
   }
   constexpr std::size_t FewestToCompare = 10;
-  if (all.size() < FewestToCompare) {
-    std::printf("%ld selections, too few to compare\n", all.back().runs);
-    return 0;
-  }
   std::printf("%zu samples in %ld selections; medians of the second and of the last fifth\n",
-              all.size(), all.back().runs);
-  return isLevel(all) ? 0 : 1;
+              all.size(), runs);
+  return all.size() < FewestToCompare || isLevel(all) ? 0 : 1;
 }
 
 }  // namespace

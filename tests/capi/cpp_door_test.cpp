@@ -17,7 +17,6 @@
 
 #include "tests/capi/c_door_fixture.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/LoopbackSockets.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tests {
@@ -111,18 +110,6 @@ TEST(CppDoor, ALibraryThatDidNotStartSaysWhyEverywhereAndDoesNothing) {
   EXPECT_EQ(library.dispatch(), ahs::BadParameter);
 }
 
-TEST(CppDoor, OptionsAndRequestsThatAreWrongStartNothingAndAreNamed) {
-  const ahs::Library wrong(optionsFor({"gw1.example.com", "a b"}));
-  EXPECT_EQ(wrong.status(), ahs::BadParameter);
-  EXPECT_THAT(wrong.error(), HasSubstr("headends[1]"));
-  ahs::Library library(optionsFor({"gw1.example.com"}));
-  const ahs::Selection selection =
-      library.select({.sourceAddress = "nowhere"},
-                     [](const ahs::Result&) { ADD_FAILURE() << "it was told something"; });
-  EXPECT_EQ(selection.status(), ahs::BadParameter);
-  EXPECT_THAT(selection.error(), HasSubstr("source_address"));
-}
-
 TEST(CppDoor, ProblemsOfProfilesAreListedWithTheirPlaceAndHeardFromTheLogLevelOnThatIsAskedFor) {
   const TemporaryDirectory directory;
   const std::string file = directory.Write(
@@ -188,56 +175,28 @@ TEST(CppDoor, AWipedTextIsEmptyAndWasOverwritten) {
   EXPECT_EQ(bytes[99], '\0');
 }
 
-/// An example program under way.
-class Example {
- public:
-  explicit Example(const std::vector<std::string>& command)
-      : m_process(command, m_directory.File("output"), m_directory.Path()) {}
-
-  int End() {
-    EXPECT_TRUE(m_process.WaitForEnd(Limit));
-    return m_process.ExitStatus();
+/// The event loop of the examples, which shows probes and the ranking.
+TEST(Examples, AnEventLoopEndsWithItsSelectionOrWithCtrlC) {
+  for (const bool isInterrupted : {false, true}) {
+    Gateway gateway(isInterrupted ? 0 : Gateway::All);
+    const TemporaryDirectory directory;
+    ChildProcess example({AHS_EXAMPLE_EVENT_LOOP, isInterrupted ? "0" : "1", gateway.Address()},
+                         directory.File("output"), directory.Path());
+    ASSERT_TRUE(gateway.WaitUntilAsked(1));
+    if (isInterrupted) {
+      kill(example.Pid(), SIGINT);
+    }
+    EXPECT_TRUE(example.WaitForEnd(Limit));
+    EXPECT_EQ(example.ExitStatus(), isInterrupted ? 130 : 0);
+    const std::vector<std::string> shown =
+        isInterrupted ? std::vector<std::string>{ahs::Cancelled.text()}
+                      : std::vector{"] " + gateway.Address() + " ...\n",
+                                    "] " + gateway.Address() + " answered after ",
+                                    gateway.Address() + " at 127.0.0.1: answered, samples: "};
+    for (const std::string& line : shown) {
+      EXPECT_THAT(readFile(directory.File("output")), HasSubstr(line));
+    }
   }
-  void Interrupt() { kill(m_process.Pid(), SIGINT); }
-  std::string Output() const { return readFile(m_directory.File("output")); }
-
- private:
-  TemporaryDirectory m_directory;
-  ChildProcess m_process;
-};
-
-TEST(Examples, TheOneOfTheReadmePrintsTheNearestGateway) {
-  const Gateway gateway(Gateway::All);
-  const RefusingPort closed("127.0.0.1");
-  Example example({AHS_EXAMPLE_EMBED, closed.Where().Text(), gateway.Address()});
-  EXPECT_EQ(example.End(), 0);
-  EXPECT_EQ(example.Output(), gateway.Address() + "\n");
-}
-
-TEST(Examples, TheOneOfTheReadmeSaysWhyThereIsNoGateway) {
-  const RefusingPort closed("127.0.0.1");
-  Example example({AHS_EXAMPLE_EMBED, closed.Where().Text()});
-  EXPECT_EQ(example.End(), 1);
-  EXPECT_EQ(example.Output(), std::string(ahs::SelectionFailure.text()) + "\n");
-}
-
-TEST(Examples, AnEventLoopShowsProbesAndTheRanking) {
-  const Gateway gateway(Gateway::All);
-  Example example({AHS_EXAMPLE_EVENT_LOOP, "1", gateway.Address()});
-  EXPECT_EQ(example.End(), 0);
-  EXPECT_THAT(example.Output(), HasSubstr("] " + gateway.Address() + " ...\n"));
-  EXPECT_THAT(example.Output(), HasSubstr("] " + gateway.Address() + " answered after "));
-  EXPECT_THAT(example.Output(),
-              HasSubstr(gateway.Address() + " at 127.0.0.1: answered, samples: "));
-}
-
-TEST(Examples, AnEventLoopEndsWithCtrlC) {
-  Gateway gateway;
-  Example example({AHS_EXAMPLE_EVENT_LOOP, "0", gateway.Address()});
-  ASSERT_TRUE(gateway.WaitUntilAsked());
-  example.Interrupt();
-  EXPECT_EQ(example.End(), 130);
-  EXPECT_THAT(example.Output(), HasSubstr(ahs::Cancelled.text()));
 }
 
 }  // namespace

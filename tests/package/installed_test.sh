@@ -82,7 +82,7 @@ selects c "$scratch/c/build/client" "${addresses[@]}"
 sed -i 's/ahs 1/ahs 2/' "$scratch/c/CMakeLists.txt"
 ! cmake -S "$scratch/c" -B "$scratch/c/build" >/dev/null 2>&1 || fail "a version that there is not is found"
 
-echo "== a client with names and libraries like those inside"
+echo "== a client with libraries like those inside"
 mkdir "$scratch/profiles"
 cat >"$scratch/profiles/test.xml" <<XML
 <profile version="1">
@@ -95,7 +95,7 @@ echo '<profile' >"$scratch/profiles/wrong.xml"
 for definitions in '' '-DSPDLOG_FMT_EXTERNAL -DFMT_HEADER_ONLY'; do
   # The flags are several words.
   # shellcheck disable=SC2046,SC2086
-  "$cxx" -std=c++20 -o "$scratch/client" "$source"/tests/package/client/*.cpp \
+  "$cxx" -std=c++20 -o "$scratch/client" "$source/tests/package/client/main.cpp" \
     ${definitions:-$(pkg-config --cflags spdlog)} $(pkg-config --cflags --libs ahs libxml-2.0) \
     $([ -n "$definitions" ] || pkg-config --libs spdlog) || fail "the client is not built"
   rm -f "$scratch/client.log"

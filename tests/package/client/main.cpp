@@ -1,5 +1,5 @@
-// A client with names like those inside the library, an spdlog and a libxml2: it goes on using them
-// while the library does, and neither hears of the other. Prints the chosen headend. Usage: client
+// A client with an spdlog and a libxml2 of its own: it goes on using them while the library does, and
+// neither hears of the other. Prints the chosen headend. Usage: client
 // PROFILE-DIRECTORY LOG-FILE. One of the profiles is no XML.
 
 #include <libxml/parser.h>

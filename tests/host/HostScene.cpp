@@ -3,11 +3,13 @@
 
 #include "tests/host/HostScene.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
+#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
@@ -152,7 +154,83 @@ CHeadendSelection* makeRun(ClientIfcBase& client, unsigned int reason,
 }
 
 void executeRun(CHeadendSelection* run) {
-  std::thread([run] { run->run(); }).join();
+  std::thread([run, task = CTask::current()] {
+    const CTask::Scope scope(task);
+    run->run();
+  }).join();
+}
+
+namespace {
+
+enum : std::size_t { Near, AlsoNear, ThirdNear, Dead, HangsUp, Far };
+
+}  // namespace
+
+int Rounds::MakeOne() {
+  m_runs = 0;
+  BringUp({Near, AlsoNear, ThirdNear}, {{"SelectionPingsPerHeadend", "2"}});
+  SelectTwice(4, false);
+  BringUp({Near, Dead, HangsUp}, {{"SelectionPingsPerHeadend", "2"}});
+  SelectTwice(3, false);
+  BringUp({Near, Dead, AlsoNear});
+  SelectTwice(3, true);
+  OutOfTime();
+  BehindAProxyThatAsksForALogin();
+  BringUp({});
+  Select({HEADENDSELECTION_ERROR_NO_HEADENDS}, AtConnection);
+  m_host.TakeDown();
+  return m_runs;
+}
+
+void Rounds::Select(std::initializer_list<long> expected, unsigned int reason, bool isSecure) {
+  Client client(m_atCallback);
+  executeRun(makeRun(client, reason, "", isSecure ? new SecureProvider : nullptr));
+  if (std::ranges::find(expected, client.Status()) == expected.end()) {
+    throw std::runtime_error(std::string("a selection ended with ") +
+                             statusCodeName(client.Status()) + " instead of " +
+                             statusCodeName(*expected.begin()));
+  }
+  ++m_runs;
+}
+
+void Rounds::SelectTwice(int times, bool isSecure) {
+  for (int i = 0; i < times; ++i) {
+    const unsigned int reason = i % 2 == 0 ? AtConnection : AtReconnection;
+    m_host.ForgetSelections();
+    Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE}, reason, isSecure);
+    Select({0}, reason, isSecure);
+  }
+}
+
+void Rounds::BringUp(const Gateways& gateways, Host::Preferences preferences,
+                     const Host::Preferences& global) {
+  preferences.merge(Host::patient());
+  m_host.SetPreferences(preferences, global);
+  std::vector<std::string> addresses;
+  for (const std::size_t gateway : gateways) {
+    addresses.push_back(m_gateways.Addresses()[gateway]);
+  }
+  m_host.ForgetSelections();
+  m_host.BringUp(addresses);
+}
+
+// The timer comes before the slowest worker has reported; on a machine that is slower still, before
+// any has.
+void Rounds::OutOfTime() {
+  BringUp({Near, Far, Dead}, {{"SelectionReconnectTimeout", "100"}});
+  Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE, HEADENDSELECTION_ERROR_SELECTION_FAILURE},
+         AtReconnection, true);
+}
+
+void Rounds::BehindAProxyThatAsksForALogin() {
+  const ScriptedServer proxy(
+      answering("HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic "
+                "realm=\"office\"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"));
+  BringUp({Near, AlsoNear, ThirdNear}, {{"ProxySettings", "override"}},
+          {{"ProxyHost", "127.0.0.1"}, {"ProxyPort", std::to_string(proxy.port())}});
+  for (const bool isSecure : {false, true, false, true}) {
+    Select({HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED}, AtConnection, isSecure);
+  }
 }
 
 bool nothingIsLeft() {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -117,8 +118,35 @@ class SecureProvider : public ProxyIfc {
 CHeadendSelection* makeRun(ClientIfcBase& client, unsigned int reason = AtConnection,
                            const std::string& lastHeadend = "", ProxyIfc* proxy = nullptr);
 
-/// Executes a run on a thread of its own and waits for that thread.
+/// Executes a run on a thread of its own, for the task of this one, and waits for that thread.
 void executeRun(CHeadendSelection* run);
+
+/// Selections of every kind, in rounds.
+class Rounds {
+ public:
+  /// @param atCallback what every client's callback does.
+  explicit Rounds(std::function<void()> atCallback = {}) : m_atCallback(std::move(atCallback)) {}
+
+  /// Takes the library down at its end. @return how many selections it was.
+  /// @throws std::runtime_error when one ends otherwise than it should.
+  int MakeOne();
+
+ private:
+  using Gateways = std::vector<std::size_t>;
+  void Select(std::initializer_list<long> expected, unsigned int reason, bool isSecure = false);
+  /// A fresh selection and then one from the cache, with and without a test probe in turn.
+  void SelectTwice(int times, bool isSecure);
+  void BringUp(const Gateways& gateways, Host::Preferences preferences = {},
+               const Host::Preferences& global = {});
+  void OutOfTime();
+  void BehindAProxyThatAsksForALogin();
+
+  const std::function<void()> m_atCallback;
+  const GatewayProcess m_gateways{
+      {"", "", "", "behaviour=refuse", "behaviour=closes", "delay=130"}};
+  Host m_host;
+  int m_runs = 0;
+};
 
 /// Whether every thread has ended and every object of the library has been freed. The library must
 /// have been taken down.

@@ -4,7 +4,7 @@
 
 #include "tests/host/LockRecorder.h"
 
-#include <link.h>
+#include <dlfcn.h>
 
 #include <algorithm>
 #include <array>
@@ -156,22 +156,15 @@ LinkMap::LinkMap(const std::string& path) {
   if (m_sections.empty()) {
     throw std::runtime_error("no linker's map in " + path);
   }
-  std::sort(m_sections.begin(), m_sections.end(),
-            [](const Section& a, const Section& b) { return a.begin < b.begin; });
+  std::ranges::sort(m_sections, {}, &Section::begin);
 }
 
 std::string LinkMap::SourceOf(const void* code) const {
-  std::size_t loadedAt = 0;
-  dl_iterate_phdr(
-      [](dl_phdr_info* program, std::size_t, void* result) {
-        *static_cast<std::size_t*>(result) = program->dlpi_addr;
-        return 1;  // the first one is the program itself
-      },
-      &loadedAt);
-  const std::size_t address = reinterpret_cast<std::size_t>(code) - loadedAt;
-  const auto after = std::upper_bound(
-      m_sections.begin(), m_sections.end(), address,
-      [](std::size_t value, const Section& section) { return value < section.begin; });
+  Dl_info program{};
+  dladdr(reinterpret_cast<void*>(&noteBuilt), &program);
+  const std::size_t address =
+      reinterpret_cast<std::size_t>(code) - reinterpret_cast<std::size_t>(program.dli_fbase);
+  const auto after = std::ranges::upper_bound(m_sections, address, {}, &Section::begin);
   return after != m_sections.begin() && address < std::prev(after)->end ? std::prev(after)->source
                                                                         : "";
 }

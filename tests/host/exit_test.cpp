@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ostream>
+#include <utility>
 
 #include "tests/host/HostScene.h"
 
@@ -15,71 +15,41 @@ namespace {
 constexpr int LeftAsTold = 7;
 
 /// How a process ends, and in the middle of what.
-struct Departure {
-  const char* name;
-  const char* how;
-  const char* plan;
+constexpr std::pair<const char*, const char*> Departures[] = {
+    {"return", "plain"}, {"exit", "plain"},    {"quick_exit", "plain"}, {"_exit", "plain"},
+    {"exec", "plain"},   {"return", "secure"}, {"exit", "secure"},      {"quick_exit", "secure"},
+    {"exit", "busy"},    {"exit", "cached"},   {"exit", "endless"},     {"return", "endless"}};
 
-  friend void PrintTo(const Departure& departure, std::ostream* out) { *out << departure.name; }
-};
-
-class LeavingHost : public testing::TestWithParam<Departure> {
- protected:
-  LeavingHost() {
-    // What a process that ends like this leaves behind in the file system goes with the test.
-    ::setenv("TMPDIR", m_directory.Path().c_str(), 1);
-  }
-  ~LeavingHost() override { ::unsetenv("TMPDIR"); }
-
-  /// @return what is wrong with how it ended; empty if nothing is.
-  std::string Leave(std::chrono::microseconds moment) const {
-    std::vector<std::string> command = {AHS_LEAVING_HOST, GetParam().how,
-                                        std::to_string(moment.count()), GetParam().plan,
-                                        m_gateways.Authority()};
-    for (const std::string& address : m_gateways.Addresses()) {
-      command.push_back(address);
-    }
-    const TemporaryDirectory output;
-    ChildProcess process(command, output.File("output"), output.Path());
-    if (!process.WaitForEnd(Limit)) {
-      return "it hangs";
-    }
-    const std::string written = readFile(output.File("output"));
-    return process.ExitStatus() == LeftAsTold && written.empty()
-               ? ""
-               : "status " + std::to_string(process.ExitStatus()) + " " + written;
-  }
-
- private:
-  const TemporaryDirectory m_directory;
-  // The timer comes after 100 ms, between the answers of the last two.
-  const GatewayProcess m_gateways{{"", "delay=15", "delay=60", "delay=130"}};
-};
+class LeavingHost : public testing::TestWithParam<std::pair<const char*, const char*>> {};
 
 TEST_P(LeavingHost, InTheMiddleOfARunEndsWithItsOwnExitStatus) {
   // From the start of a run until everything has been answered.
   constexpr std::chrono::microseconds Longest{160'000};
   constexpr int Moments = 12;
+  // The timer comes after 100 ms, between the answers of the last two.
+  const GatewayProcess gateways({"", "delay=15", "delay=60", "delay=130"});
+  const TemporaryDirectory directory;
+  // What a process that ends like this leaves behind in the file system goes with the test.
+  ::setenv("TMPDIR", directory.Path().c_str(), 1);
   for (int i = 0; i < Moments; ++i) {
-    const std::chrono::microseconds moment = Longest * i / Moments;
-    ASSERT_EQ(Leave(moment), "") << "when it left " << moment.count() << " us after its start";
+    const std::string moment = std::to_string((Longest * i / Moments).count());
+    SCOPED_TRACE(moment + " us after its start");
+    std::vector<std::string> command = {AHS_LEAVING_HOST, GetParam().first, moment,
+                                        GetParam().second, gateways.Authority()};
+    command.insert(command.end(), gateways.Addresses().begin(), gateways.Addresses().end());
+    ChildProcess process(command, directory.File("output"), directory.Path());
+    EXPECT_TRUE(process.WaitForEnd(Limit)) << "it hangs";
+    EXPECT_EQ(process.ExitStatus(), LeftAsTold);
+    ASSERT_EQ(readFile(directory.File("output")), "");
   }
+  ::unsetenv("TMPDIR");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Host, LeavingHost,
-    testing::Values(Departure{"ByReturningFromMain", "return", "plain"},
-                    Departure{"ByExit", "exit", "plain"},
-                    Departure{"ByQuickExit", "quick_exit", "plain"},
-                    Departure{"By_Exit", "_exit", "plain"}, Departure{"ByExec", "exec", "plain"},
-                    Departure{"ByReturningFromMainWithTls", "return", "secure"},
-                    Departure{"ByExitWithTls", "exit", "secure"},
-                    Departure{"ByQuickExitWithTls", "quick_exit", "secure"},
-                    Departure{"ByExitWithTlsHandshakesUnderWay", "exit", "busy"},
-                    Departure{"ByExitWhileTheCacheIsRead", "exit", "cached"},
-                    Departure{"ByExitWithACallbackThatNeverReturns", "exit", "endless"},
-                    Departure{"ByReturningWithACallbackThatNeverReturns", "return", "endless"}),
-    [](const auto& instance) { return instance.param.name; });
+INSTANTIATE_TEST_SUITE_P(Host, LeavingHost, testing::ValuesIn(Departures),
+                         [](const auto& instance) {
+                           return "By_" + std::string(instance.param.first) + "_" +
+                                  instance.param.second;
+                         });
 
 }  // namespace
 }  // namespace tests

@@ -216,8 +216,8 @@ class Selections {
         moments().runsTimer.Note(1);  // the listener's own lock
       }
     });
-    FreshAndCached();
-    TimerFirst();
+    Rounds([] { moments().callback.Note(); }).MakeOne();
+    ATimerOfOthers();
     TimerBetweenTwoStarts();
     WithoutTheLibrary();
     WithoutThreads();
@@ -229,10 +229,9 @@ class Selections {
   }
 
  private:
-  static void Select(long status, unsigned int reason, ProxyIfc* proxy = nullptr,
-                     const std::function<void()>& afterFirstStart = {}) {
+  static void Select(long status, const std::function<void()>& afterFirstStart = {}) {
     Client client([] { moments().callback.Note(); });
-    CHeadendSelection* const run = makeRun(client, reason, "", proxy);
+    CHeadendSelection* const run = makeRun(client, AtReconnection);
     std::thread([&, task = CTask::current()] {
       const CTask::Scope scope(task);
       t_afterStart = afterFirstStart;
@@ -241,32 +240,16 @@ class Selections {
     EXPECT_EQ(client.Status(), status);
   }
 
-  /// Also lets a timer of the test's own expire.
-  void FreshAndCached() {
-    const GatewayProcess gateways({"", "behaviour=refuse", "behaviour=closes"});
-    m_host.BringUp(gateways.Addresses());
+  void ATimerOfOthers() {
+    m_host.BringUp({});
     CExecutionContext* const context = CExecutionContext::acquireInstance(API_INSTANCE);
     STATUSCODE status = -1;
     CTimer timer(
         status, &context->GetTimerList(), [](void*, unsigned long) { moments().timer.Note(); },
         nullptr, 0);
     EXPECT_EQ(timer.StartTimer(1), 0);
-    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtConnection);
-    Select(0, AtReconnection);
-    m_host.ForgetSelections();
-    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtConnection, new SecureProvider);
     EXPECT_TRUE(eventually([] { return moments().timer.seen != 0; }));
     context->releaseInstance();
-    m_host.TakeDown();
-  }
-
-  void TimerFirst() {
-    const GatewayProcess gateways({"", "behaviour=silent"});
-    Host::Preferences hasty = Host::hasty("2000");  // time enough for the one that answers
-    hasty["SelectionPingTimeout"] = "4000";
-    m_host.SetPreferences(hasty, {});
-    m_host.BringUp(gateways.Addresses());
-    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtReconnection, new SecureProvider);
     m_host.TakeDown();
   }
 
@@ -276,7 +259,7 @@ class Selections {
     m_host.SetPreferences(Host::hasty("100"), {});
     m_host.BringUp({gateway.Address(), "127.0.0.1:9"});
     const int before = moments().callback.seen;
-    Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE, AtReconnection, nullptr, [before] {
+    Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE, [before] {
       EXPECT_TRUE(eventually([before] { return moments().callback.seen > before; }));
     });
     gateway.Release();
@@ -296,7 +279,7 @@ class Selections {
   void WithoutThreads() {
     m_host.BringUp({"127.0.0.1:9"});
     tests::refusesThreads = true;
-    Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE, AtReconnection);
+    Select(HEADENDSELECTION_ERROR_SELECTION_FAILURE);
     tests::refusesThreads = false;
     m_host.TakeDown();
   }
@@ -307,7 +290,7 @@ class Selections {
     std::filesystem::create_directory(m_host.CacheDirectory());
     std::filesystem::permissions(m_host.CacheDirectory(), std::filesystem::perms::all);
     m_host.BringUp({gateway.Address()});
-    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, AtReconnection);
+    Select(HEADENDSELECTION_ERROR_ADDED_TO_CACHE);
     m_host.TakeDown();
   }
 

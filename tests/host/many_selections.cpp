@@ -24,13 +24,8 @@
 #include <stdexcept>
 
 #include "tests/host/HostScene.h"
-#include "vpn/Api/AHS/HeadendSelectionErrors.h"
-#include "vpn/Common/Utility/Thread.h"
 
 namespace {
-
-using tests::Client;
-using tests::Host;
 
 /// What the process holds, and by how much it may differ, however many selections lie between.
 /// Threads and descriptors are counted exactly. The heap in use moves by what the libraries below
@@ -91,87 +86,6 @@ long countOwnThreads() {
   return countEntries("/proc/self/task");
 }
 
-/// The kinds of selections, in rounds.
-class Rounds {
- public:
-  /// @return how many selections it was.
-  int MakeOne() {
-    m_runs = 0;
-    BringUp({Near, AlsoNear, ThirdNear}, {{"SelectionPingsPerHeadend", "2"}});
-    SelectTwice(4, false);
-    BringUp({Near, Dead, HangsUp}, {{"SelectionPingsPerHeadend", "2"}});
-    SelectTwice(3, false);
-    BringUp({Near, Dead, AlsoNear});
-    SelectTwice(3, true);
-    OutOfTime();
-    BehindAProxyThatAsksForALogin();
-    BringUp({});
-    Select({HEADENDSELECTION_ERROR_NO_HEADENDS}, tests::AtConnection);
-    m_host.TakeDown();
-    return m_runs;
-  }
-
- private:
-  void Select(std::initializer_list<long> expected, unsigned int reason, bool isSecure = false) {
-    Client client;
-    tests::executeRun(
-        tests::makeRun(client, reason, "", isSecure ? new tests::SecureProvider : nullptr));
-    if (std::find(expected.begin(), expected.end(), client.Status()) == expected.end()) {
-      throw std::runtime_error(std::string("a selection ended with ") +
-                               statusCodeName(client.Status()) + " instead of " +
-                               statusCodeName(*expected.begin()));
-    }
-    ++m_runs;
-  }
-
-  /// A fresh selection and then one from the cache, with and without a test probe in turn.
-  void SelectTwice(int times, bool isSecure) {
-    for (int i = 0; i < times; ++i) {
-      const unsigned int reason = i % 2 == 0 ? tests::AtConnection : tests::AtReconnection;
-      m_host.ForgetSelections();
-      Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE}, reason, isSecure);
-      Select({0}, reason, isSecure);
-    }
-  }
-
-  void BringUp(const std::vector<std::size_t>& gateways, Host::Preferences preferences = {},
-               const Host::Preferences& global = {}) {
-    preferences.merge(Host::patient());
-    m_host.SetPreferences(preferences, global);
-    std::vector<std::string> addresses;
-    for (const std::size_t gateway : gateways) {
-      addresses.push_back(m_gateways.Addresses()[gateway]);
-    }
-    m_host.ForgetSelections();
-    m_host.BringUp(addresses);
-  }
-
-  /// The timer comes before the slowest worker has reported; on a machine that is slower still,
-  /// before any has.
-  void OutOfTime() {
-    BringUp({Near, Far, Dead}, {{"SelectionReconnectTimeout", "100"}});
-    Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE, HEADENDSELECTION_ERROR_SELECTION_FAILURE},
-           tests::AtReconnection, true);
-  }
-
-  void BehindAProxyThatAsksForALogin() {
-    const tests::ScriptedServer proxy(
-        tests::answering("HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic "
-                         "realm=\"office\"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"));
-    BringUp({Near, AlsoNear, ThirdNear}, {{"ProxySettings", "override"}},
-            {{"ProxyHost", "127.0.0.1"}, {"ProxyPort", std::to_string(proxy.port())}});
-    for (const bool isSecure : {false, true, false, true}) {
-      Select({HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED}, tests::AtConnection, isSecure);
-    }
-  }
-
-  enum : std::size_t { Near, AlsoNear, ThirdNear, Dead, HangsUp, Far };
-  const tests::GatewayProcess m_gateways{
-      {"", "", "", "behaviour=refuse", "behaviour=closes", "delay=130"}};
-  Host m_host;
-  int m_runs = 0;
-};
-
 /// Of one quantity; of an even number the lower one of the two in the middle.
 long median(const std::vector<Figures>& all, std::size_t from, std::size_t count, std::size_t of) {
   std::vector<long> values;
@@ -209,7 +123,7 @@ long option(int argc, char** argv, const char* name, long value) {
 
 int makeSelections(long warmUp, long count) {
   const long ownThreads = countOwnThreads();
-  Rounds rounds;
+  tests::Rounds rounds;
   std::vector<Figures> all;
   // The reserve comes first: the vector shall not be part of what it lists.
   all.reserve(static_cast<std::size_t>(std::max(count, 0L)) + 1);

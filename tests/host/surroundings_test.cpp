@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <sstream>
 
 #include "tests/host/HostScene.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
@@ -16,32 +17,16 @@
 namespace tests {
 namespace {
 
+/// Which signals are in a set, and how every signal is treated.
 std::string textOf(const sigset_t& signals) {
-  std::string text;
-  for (int signal = 1; signal < NSIG; ++signal) {
-    text += sigismember(&signals, signal) == 1 ? '1' : '0';
-  }
-  return text;
-}
-
-/// How every signal is treated, as text.
-std::string signalActions() {
-  std::string text;
+  std::ostringstream text;
   for (int signal = 1; signal < NSIG; ++signal) {
     struct sigaction action {};
-    if (sigaction(signal, nullptr, &action) == 0) {
-      text += std::to_string(signal) + ":" +
-              std::to_string(reinterpret_cast<std::uintptr_t>(action.sa_handler)) + ":" +
-              std::to_string(action.sa_flags) + " ";
-    }
+    sigaction(signal, nullptr, &action);
+    text << sigismember(&signals, signal) << reinterpret_cast<void*>(action.sa_handler)
+         << action.sa_flags << ' ';
   }
-  return text;
-}
-
-mode_t currentUmask() {
-  const mode_t mask = ::umask(0);
-  ::umask(mask);
-  return mask;
+  return text.str();
 }
 
 /// What the calling thread and the process look like.
@@ -52,14 +37,15 @@ std::map<std::string, std::string> surroundings() {
   }
   sigset_t blocked;
   pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-  found["signal mask"] = textOf(blocked);
+  found["signal mask and actions"] = textOf(blocked);
   sigpending(&blocked);
-  found["pending signals"] = textOf(blocked);
-  found["signal actions"] = signalActions();
+  found["pending signals and actions"] = textOf(blocked);
   found["locale"] = setlocale(LC_ALL, nullptr);
   found["locale of the thread"] =
       std::to_string(reinterpret_cast<std::uintptr_t>(uselocale(nullptr)));
-  found["umask"] = std::to_string(currentUmask());
+  const mode_t mask = ::umask(0);
+  ::umask(mask);
+  found["umask"] = std::to_string(mask);
   found["working directory"] = std::filesystem::current_path().string();
   found["standard descriptors"] = std::filesystem::read_symlink("/proc/self/fd/0").string() +
                                   std::filesystem::read_symlink("/proc/self/fd/1").string() +

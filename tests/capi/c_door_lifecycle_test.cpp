@@ -135,22 +135,6 @@ TEST(Callbacks, ThatTakeLongHoldUpNoMeasurement) {
   EXPECT_TRUE(client.WaitUntilTold());
 }
 
-TEST(Callbacks, MayStartASelection) {
-  const Gateway gateway(Gateway::All);
-  Client inner;
-  Client outer;
-  ahs::Library library(optionsFor({gateway.Address()}));
-  ahs::Selection started;
-  outer.atResult = [&] {
-    started = inner.Select(library);
-    EXPECT_EQ(started.wait().status, ahs::Success);
-  };
-  const ahs::Selection selection = outer.Select(library);
-  EXPECT_TRUE(inner.WaitUntilTold());
-  stop(library);
-  EXPECT_EQ(inner.Status(), ahs::Success);
-}
-
 /// Does something on four threads at once, twenty times each.
 void onThreads(const std::function<void(int)>& work) {
   std::vector<std::jthread> threads;

@@ -1,6 +1,6 @@
-// A client with an spdlog and a libxml2 of its own: it goes on using them while the library does, and
-// neither hears of the other. Prints the chosen headend. Usage: client
-// PROFILE-DIRECTORY LOG-FILE. One of the profiles is no XML.
+// A client with an spdlog and a libxml2 of its own: it goes on using them while the library does,
+// and neither hears of the other. Prints the chosen headend. Usage: client PROFILE-DIRECTORY
+// LOG-FILE. One of the profiles is no XML.
 
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>

@@ -108,7 +108,7 @@ std::string lastLine(const SelectionResult& result, const Decision& decision) {
 std::string sourceLine(const SelectionResult& result) {
   if (!result.fromCache) {
     return line("source", "measured now, in " + std::to_string(result.elapsed.count()) + " ms, " +
-                              (result.isResponseMeasured ? "up to the gateways' answers"
+                              (result.isResponseMeasured ? "up to the headends' answers"
                                                          : "the network alone"));
   }
   return line(

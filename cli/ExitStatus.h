@@ -33,7 +33,7 @@ inline constexpr std::array StatusMeanings = {
     StatusMeaning{"1", "watch", "the first selection could not be started"},
     StatusMeaning{"1", "probe", "the headend has no metric for a selection"},
     StatusMeaning{"1", "profile check", "there are mistakes"},
-    StatusMeaning{"1", "cache show, cache clear", "the cache cannot be used, or not be removed"},
+    StatusMeaning{"1", "cache show, cache clear", "the cache cannot be used or removed"},
     StatusMeaning{"2", "all", "usage, configuration, or the output could not be written"},
     StatusMeaning{"3", "select, watch, exec",
                   "a proxy asks for a login, and none or a wrong one was given"},

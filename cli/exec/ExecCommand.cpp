@@ -164,7 +164,7 @@ void addExecCommand(CLI::App& tool, ChosenCommand& chosen,
   addHostOptions(*command, options->select);
   addReasonOption(*command, options->select);
   addOption(*command, "--start-time", "S", options->startSeconds,
-            "A program that fails within so many seconds has not started: 30 unless given")
+            "A program that fails within S seconds counts as not started: 30 unless given")
       ->check(CLI::Range(0U, MostStartSeconds));
   addOption(*command, "--tries", "N", options->tries, "The most headends to try; all unless given")
       ->check(CLI::Range(1U, MostTries));

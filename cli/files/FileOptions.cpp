@@ -129,8 +129,8 @@ void addFileOptions(CLI::App& command, FileOptions& options) {
   addOption(command, "--global-preferences", "FILE", options.globalPreferences,
             "The machine's preferences file");
   command.add_flag("--trust-profiles", options.trustProfiles,
-                   "Read profiles and preferences whoever could have written them; otherwise one "
-                   "that another user could have written is refused");
+                   "Read profiles and preferences even if another user could have written them; "
+                   "otherwise such a file is refused");
 }
 
 std::string makeFilePlan(const FileOptions& options, const DefaultPaths& paths, FilePlan& plan,

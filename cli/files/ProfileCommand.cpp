@@ -214,11 +214,11 @@ void addCheck(CLI::App& profile, ChosenCommand& chosen) {
       profile.add_subcommand("check", "Print every mistake in profiles and preferences files");
   const auto options = std::make_shared<CheckOptions>();
   addOption(*command, "PLACE", "[DIR|FILE...]", options->places,
-            "Directories of profiles, and files of either kind; unless given, all that a "
+            "Profile directories, profiles, preferences files; unless given, all that a "
             "selection would read: the profile directory, the user's preferences and the "
             "global ones");
   command->add_flag("--trust-profiles", options->trustProfiles,
-                    "Read files whoever could have written them");
+                    "Read files even if another user could have written them");
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer("Exit status: 0 no mistakes, 1 mistakes, 2 usage.");
   command->callback([&chosen, options] { chosen = [options] { return runCheck(*options); }; });
@@ -230,7 +230,7 @@ void addList(CLI::App& profile, ChosenCommand& chosen) {
   const auto options = std::make_shared<FileOptions>();
   addOption(*command, "--profiles", "DIR", options->profiles, "Directory of the profiles (*.xml)");
   command->add_flag("--trust-profiles", options->trustProfiles,
-                    "Read files whoever could have written them");
+                    "Read files even if another user could have written them");
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer("Exit status: 0 printed, 2 usage.");
   command->callback([&chosen, options] { chosen = [options] { return runList(*options); }; });

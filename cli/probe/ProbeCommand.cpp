@@ -220,7 +220,7 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
             "Probes to send, 1 to 1000; unless given, as many as a selection sends")
       ->check(CLI::Range(1U, MostProbes));
   addOption(*command, "--timeout", "SECONDS", options->timeoutSeconds,
-            "Time limit of one probe in seconds, 1 to 3600; unless given, that of a selection")
+            "Time limit of one probe, 1 to 3600; unless given, that of a probe of a selection")
       ->check(CLI::Range(1U, LongestTimeoutSeconds));
   command->add_flag("--secure", options->secure,
                     "Probe over TLS, as a selection with a login at a proxy does");

@@ -76,7 +76,7 @@ void addOutput(CLI::App& command, SelectOptions& options) {
                     "Print the first headend and nothing else; nothing when there is none")
           ->excludes(json);
   addOption(command, "--html", "FILE", options.html,
-            "Write the result as a page too, which refers to nothing outside");
+            "Also write the result as a page without external resources");
   addOption(command, "--svg", "FILE", options.svg, "Write the ranking as a picture too, as SVG");
   command
       .add_flag("--explain", options.explain, "Tell why this headend, in numbers, after the result")

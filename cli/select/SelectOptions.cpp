@@ -174,8 +174,8 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
-            "Least important message that is logged, to standard error unless another "
-            "target is named; info unless given where one is, else there is no log")
+            "Least important message to log. Alone, it logs to standard error; info if only a "
+            "target is given; with neither there is no log")
       ->check(CLI::IsMember({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
   command.add_flag("--syslog", options.syslog, "Log to the system's log");

@@ -83,12 +83,12 @@ const std::map<std::string, Names>& classesOfSources() {
       {"ReserveThread.cpp", {"the reserve's lock"}},
       {"ProbeSettings.cpp", {"the lock of the probe's settings"}},
       {"SystemProxy.cpp", {"the lock of the system's proxy settings"}},
-      {"AppLog.cpp", {"the log's listener lock", "its targets' lock"}},
+      {"AppLog.cpp", {"the log's listener lock", "the log's targets' lock"}},
       {"SelectionRecord.cpp", {"the lock of a selection's record"}},
       {"Core.cpp", {"the door's lock of the turn"}},
       {"Library.cpp", {"the door's lock of a library"}},
       {"Selection.cpp", {"the door's lock of a selection"}},
-      {"LogListener.cpp", {"the lock of its hearers"}},
+      {"LogListener.cpp", {"the door's log lock"}},
       {"ahs.cpp", {"the door's lock of handles"}},
       {"SocketWay.cpp", {"the door's lock of a selection's sockets"}},
       {"Teller.cpp", {"the teller's lock"}},
@@ -403,7 +403,7 @@ TEST_F(LockOrder, TheNestingsThatTheCodeIsKnownToHaveWereSeen) {
   }
   for (const char* inner :
        {"m_headendCacheLock", "the cache's lock", "a thread's state lock", "a timer list's lock",
-        "the preference manager's lock", "the reserve's lock", "its targets' lock"}) {
+        "the preference manager's lock", "the reserve's lock", "the log's targets' lock"}) {
     EXPECT_TRUE(seen.contains(inner)) << inner << " was never taken with another lock held";
   }
 }

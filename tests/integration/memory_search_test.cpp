@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -266,13 +265,13 @@ class MemorySearch : public testing::Test {
 
   void StartHost(unsigned short proxyPort, const std::string& scheme,
                  const std::string& left = "nothing", const std::string& testPingTimeout = "20") {
-    WritePreferences("global",
-                     {{"ProxyHost", "127.0.0.1"}, {"ProxyPort", std::to_string(proxyPort)}});
-    WritePreferences("user", {{"SelectionConnectTimeout", "60000"},
-                              {"SelectionPingTimeout", "20000"},
-                              {"SelectionTestPingTimeout", testPingTimeout},
-                              {"SelectionPingsPerHeadend", "2"},
-                              {"ProxySettings", "override"}});
+    m_directory.Write("global.xml", preferencesText({{"ProxyHost", "127.0.0.1"},
+                                                     {"ProxyPort", std::to_string(proxyPort)}}));
+    m_directory.Write("user.xml", preferencesText({{"SelectionConnectTimeout", "60000"},
+                                                   {"SelectionPingTimeout", "20000"},
+                                                   {"SelectionTestPingTimeout", testPingTimeout},
+                                                   {"SelectionPingsPerHeadend", "2"},
+                                                   {"ProxySettings", "override"}}));
     m_host.reset();
     m_directory.Write("output", "");
     m_host = std::make_unique<ChildProcess>(
@@ -318,14 +317,6 @@ class MemorySearch : public testing::Test {
   std::string Output() const { return readFile(m_directory.File("output")); }
   std::string Headend(std::size_t index) const {
     return "127.0.0.1:" + std::to_string(m_headends.at(index).port());
-  }
-  void WritePreferences(const std::string& name,
-                        const std::map<std::string, std::string>& values) const {
-    std::string text = "<preferences version=\"1\">\n";
-    for (const auto& [key, value] : values) {
-      text.append("  <preference name=\"" + key).append("\" value=\"" + value).append("\"/>\n");
-    }
-    m_directory.Write(name + ".xml", text + "</preferences>\n");
   }
 
   TemporaryDirectory m_directory;

@@ -1,28 +1,32 @@
-// Whole selections among real servers and behind real proxies: real profile files, the whole client
-// library in the process, real sockets. What the client is told must agree with what the servers
+// Whole selections among real servers and behind real proxies: the whole client library in the
+// process, real sockets. What the client is told must agree with what the servers
 // did. Which server is nearest is the machine's business, so no test depends on it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "tests/support/Eventually.h"
 #include "tests/support/LoopbackSockets.h"
 #include "tests/support/ProviderWithoutProxy.h"
 #include "tests/support/RealServers.h"
 #include "tests/support/ScriptedServer.h"
-#include "tests/support/SelectionRecorder.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestCertificates.h"
+#include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/ClientLibrary.h"
 #include "vpn/Api/ProxyProviders.h"
+#include "vpn/Common/IP/ProbeTask.h"
+#include "vpn/Common/Logging/AppLog.h"
 #include "vpn/include/HttpSession.h"
 
 namespace tests {
@@ -55,6 +59,51 @@ const std::vector<std::string> ProxyVariables = {"http_proxy",  "HTTP_PROXY", "h
                                                  "HTTPS_PROXY", "all_proxy",  "ALL_PROXY",
                                                  "no_proxy",    "NO_PROXY"};
 
+/// All that can be seen of one selection run from outside. It outlives the run's last thread,
+/// because the callbacks share it.
+class Selection : public ClientIfcBase, public ProbeTask {
+ public:
+  void AHSSelectedHost(unsigned int aReason, const std::vector<std::string>& someHeadends,
+                       long aStatus, const std::string& someInfo) override {
+    ++calls;
+    reason = aReason;
+    headends = someHeadends;
+    status = aStatus;
+    extraInfo = someInfo;
+  }
+  void probeEnded(const HttpProbe::Report& report) override {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    probes.push_back(report);
+  }
+  void Hear(const std::string& message) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    log += message;
+  }
+
+  /// The probes of a port that its worker sent.
+  std::vector<HttpProbe::Report> ProbesOf(unsigned short port) const {
+    std::vector<HttpProbe::Report> found;
+    for (const HttpProbe::Report& probe : probes) {
+      // The test probe is the one that asks for the headers.
+      if (probe.port == port && (probe.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) == 0) {
+        found.push_back(probe);
+      }
+    }
+    return found;
+  }
+
+  unsigned int calls = 0;
+  unsigned int reason = 0;
+  std::vector<std::string> headends;
+  long status = -1;
+  std::string extraInfo;
+  std::vector<HttpProbe::Report> probes;  ///< in the order in which they ended
+  std::string log;
+
+ private:
+  std::mutex m_mutex;
+};
+
 class RealPeers : public testing::Test {
  protected:
   using Values = std::map<std::string, std::string>;
@@ -71,25 +120,35 @@ class RealPeers : public testing::Test {
     HttpProbe::setTrustFile("");
   }
 
-  /// Runs a selection among hosts, by name and address.
-  Selection Select(const Values& hosts, const std::string& last, unsigned int reason,
-                   ProxyIfc* proxy = nullptr, unsigned int threadsThatStay = 0) {
-    std::string profile =
-        "<profile version=\"1\"><preferences><preference name=\"EnableAutomaticServerSelection\" "
-        "value=\"true\"/></preferences><hosts>\n";
-    for (const auto& [name, address] : hosts) {
-      profile.append("<host name=\"" + name).append("\" address=\"" + address).append("\"/>\n");
-    }
+  /// Runs a selection among headends, the first of which was used last, until nothing of it is left
+  /// but threads that stay: those that ask for the system's proxy and get no answer.
+  std::shared_ptr<const Selection> Select(const std::vector<std::string>& headends,
+                                          unsigned int reason, ProxyIfc* proxy = nullptr,
+                                          unsigned int threadsThatStay = 0) {
     CClientLibrary::Options options;
-    options.log.off = true;  // the recorder listens
-    options.sources.profileDirectory = m_directory.MakeDirectory("profiles");
-    m_directory.Write("profiles/office.xml", profile + "</hosts></profile>\n");
-    options.sources.userPreferencesFile = WritePreferences("user.xml", user);
-    options.sources.globalPreferencesFile = WritePreferences("global.xml", global);
-    STATUSCODE status = -1;
-    const CClientLibrary library(options, status);
-    EXPECT_EQ(0, status);
-    return runSelection(last, reason, proxy, threadsThatStay);
+    options.log.off = true;  // the selection listens
+    options.sources.headends.assign(headends.begin(), headends.end());
+    options.sources.userPreferencesFile = m_directory.Write("user.xml", preferencesText(user));
+    options.sources.globalPreferencesFile =
+        m_directory.Write("global.xml", preferencesText(global));
+    STATUSCODE up = -1;
+    const CClientLibrary library(options, up);
+    const unsigned int threadsAfter = CThread::RunningCount() + threadsThatStay;
+    const auto seen = std::make_shared<Selection>();
+    CAppLog::setListener([seen](const CAppLog::Record& record) { seen->Hear(record.message); });
+    long made = -1;
+    auto* const run = new CHeadendSelection(seen.get(), headends[0], reason, made);
+    run->SetProxy(proxy);
+    EXPECT_EQ(0, up);
+    EXPECT_EQ(0, made);
+    std::thread([run, seen] {
+      const CTask::Scope scope(seen);
+      run->run();
+    }).join();
+    EXPECT_TRUE(eventually([&] { return CThread::RunningCount() <= threadsAfter; }));
+    CAppLog::setListener({});
+    EXPECT_EQ(1U, seen->calls);
+    return seen;
   }
 
   const TestCertificates m_certificates;
@@ -107,29 +166,16 @@ class RealPeers : public testing::Test {
     }
   }
 
-  std::string WritePreferences(const std::string& file, const Values& values) const {
-    std::string text = "<preferences version=\"1\">\n";
-    for (const auto& [name, value] : values) {
-      text.append("  <preference name=\"" + name).append("\" value=\"" + value).append("\"/>\n");
-    }
-    return m_directory.Write(file, text + "</preferences>\n");
-  }
-
   const TemporaryDirectory m_directory;
 };
 
 // ---- Servers ------------------------------------------------------------------------------------
 
-/// That a run was measured, went well and lists `headends`, best first, whichever that is.
+/// That a run was measured, went well and lists `headends`, whichever is best.
 void expectFreshSelection(const Selection& selection, const std::vector<std::string>& headends) {
-  EXPECT_EQ(1U, selection.calls);
   EXPECT_EQ(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, selection.status);
   EXPECT_EQ("", selection.extraInfo);
   EXPECT_THAT(selection.headends, UnorderedElementsAreArray(headends));
-  const auto results = selection.Results();
-  EXPECT_TRUE(std::ranges::is_sorted(results, {}, &std::pair<std::string, unsigned int>::second));
-  EXPECT_TRUE(std::ranges::equal(selection.headends, results, {}, {},
-                                 &std::pair<std::string, unsigned int>::first));
 }
 
 auto probes(STATUSCODE status, unsigned int httpStatus) {
@@ -144,34 +190,29 @@ TEST_F(RealPeers, TlsServersAskedInPlainHttpAreMeasuredAndDeadHeadendsLeftOut) {
   const OpensslServer openssl(m_certificates);
   SilentListener silent("127.0.0.1");
 
-  const Selection selection = Select({{"a closed", closed.Where().Text()},
-                                      {"b haproxy", haproxy.Address()},
-                                      {"c nginx", nginx.Address()},
-                                      {"d openssl", openssl.Address()},
-                                      {"e silent", silent.Where().Text()},
-                                      {"f unknown", UnknownName}},
-                                     "C nginx", FirstConnection);
+  const auto selection = Select({nginx.Address(), closed.Where().Text(), haproxy.Address(),
+                                 openssl.Address(), silent.Where().Text(), UnknownName},
+                                FirstConnection);
 
-  expectFreshSelection(selection, {haproxy.Address(), nginx.Address(), openssl.Address()});
-  EXPECT_EQ(FirstConnection, selection.reason);
+  expectFreshSelection(*selection, {haproxy.Address(), nginx.Address(), openssl.Address()});
+  EXPECT_EQ(FirstConnection, selection->reason);
   // One says that this is a TLS port, the others hang up.
-  EXPECT_THAT(selection.ProbesOf(nginx.Where().port), probes(HTTP_SESSION_SUCCESS, 400));
+  EXPECT_THAT(selection->ProbesOf(nginx.Where().port), probes(HTTP_SESSION_SUCCESS, 400));
   for (const unsigned short port : {haproxy.Where().port, openssl.Where().port}) {
-    EXPECT_THAT(selection.ProbesOf(port), probes(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, 0));
+    EXPECT_THAT(selection->ProbesOf(port), probes(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, 0));
   }
-  EXPECT_THAT(selection.ProbesOf(closed.Where().port), SizeIs(2)) << "a worker gives up";
+  EXPECT_THAT(selection->ProbesOf(closed.Where().port), SizeIs(2)) << "a worker gives up";
   EXPECT_EQ(2U, silent.ConnectionCount());
 }
 
 TEST_F(RealPeers, AServerWithAnUntrustedCertificateIsMeasuredAndIsSentNothing) {
   NginxServer nginx(m_certificates);
-  const Selection selection =
-      Select({{"a", nginx.Address()}}, "a", Reconnection, new ProviderWithoutProxy);
+  const auto selection = Select({nginx.Address()}, Reconnection, new ProviderWithoutProxy);
   nginx.Stop();
 
-  expectFreshSelection(selection, {nginx.Address()});
-  EXPECT_EQ(Pings, selection.probes.size()) << "a reconnection sends no test ping";
-  EXPECT_THAT(selection.ProbesOf(nginx.Where().port),
+  expectFreshSelection(*selection, {nginx.Address()});
+  EXPECT_EQ(Pings, selection->probes.size()) << "a reconnection sends no test ping";
+  EXPECT_THAT(selection->ProbesOf(nginx.Where().port),
               probes(HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE, 0));
   EXPECT_THAT(nginx.Requests(), IsEmpty());
 }
@@ -184,25 +225,21 @@ TEST_F(RealPeers, ServersWithATrustedCertificateAnswerAskForOneOrTalkOtherwise) 
   const OpensslServer refusing(m_certificates, OpensslServer::Mode::ClientCertificate);
   HttpProbe::setTrustFile(m_certificates.Authority());
 
-  const Selection selection = Select({{"a", nginx.Address()},
-                                      {"b", haproxy.Address()},
-                                      {"c", reverses.Address()},
-                                      {"d", asking.Address()},
-                                      {"e", refusing.Address()}},
-                                     "", Reconnection, new ProviderWithoutProxy);
+  const std::vector<std::string> headends = {nginx.Address(), haproxy.Address(), reverses.Address(),
+                                             asking.Address(), refusing.Address()};
+  const auto selection = Select(headends, Reconnection, new ProviderWithoutProxy);
   nginx.Stop();
 
-  expectFreshSelection(selection, {nginx.Address(), haproxy.Address(), reverses.Address(),
-                                   asking.Address(), refusing.Address()});
-  EXPECT_THAT(selection.ProbesOf(nginx.Where().port), probes(HTTP_SESSION_SUCCESS, 200));
+  expectFreshSelection(*selection, headends);
+  EXPECT_THAT(selection->ProbesOf(nginx.Where().port), probes(HTTP_SESSION_SUCCESS, 200));
   EXPECT_THAT(nginx.Requests(), SizeIs(Pings));
-  EXPECT_THAT(selection.ProbesOf(haproxy.Where().port), probes(HTTP_SESSION_SUCCESS, 200));
+  EXPECT_THAT(selection->ProbesOf(haproxy.Where().port), probes(HTTP_SESSION_SUCCESS, 200));
   // nginx lets the handshake pass and says so in HTTP; OpenSSL's own server breaks the connection.
-  EXPECT_THAT(selection.ProbesOf(asking.Where().port), probes(HTTP_SESSION_SUCCESS, 400));
+  EXPECT_THAT(selection->ProbesOf(asking.Where().port), probes(HTTP_SESSION_SUCCESS, 400));
   for (const auto& [port, status] :
        {std::pair{reverses.Where().port, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE},
         std::pair{refusing.Where().port, HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED}}) {
-    EXPECT_THAT(selection.ProbesOf(port),
+    EXPECT_THAT(selection->ProbesOf(port),
                 AllOf(SizeIs(Pings), Each(Field(&HttpProbe::Report::status, status))));
   }
 }
@@ -283,13 +320,12 @@ class Proxies : public RealPeers, public testing::WithParamInterface<Case> {
  protected:
   /// Squid's tunnels to port 443 end at the gateway, which cannot have that port.
   Endpoint StartSquid(Before kind, const std::string& realm) {
-    SquidProxy::Settings settings;
-    settings.realm = realm;
-    settings.ntlm = kind == Before::SquidNtlm;
-    settings.tunnelPort = kind == Before::SquidElsewhere ? 563 : 443;
-    settings.address = kind == Before::Squid6 && hasAddress("::1") ? "::1" : "127.0.0.1";
-    settings.parent = m_outside.port();
-    m_squid = std::make_unique<SquidProxy>(settings);
+    m_squid = std::make_unique<SquidProxy>(SquidProxy::Settings{
+        .address = kind == Before::Squid6 && hasAddress("::1") ? "::1" : "127.0.0.1",
+        .realm = realm,
+        .ntlm = kind == Before::SquidNtlm,
+        .tunnelPort = static_cast<unsigned short>(kind == Before::SquidElsewhere ? 563 : 443),
+        .parent = m_outside.port()});
     return m_squid->Where();
   }
 
@@ -358,19 +394,16 @@ TEST_P(Proxies, DeliverWhatTheTableSays) {
   user["SelectionTestPingTimeout"] = expected.before == Before::Silent ? "2" : "20";
   ProxyIfc* const provider = Tell(Start());
   const std::string gateway = m_gateway.Address();
-  const Selection selection = Select({{"gate", gateway}}, "gate", ProxyAuthentication, provider,
-                                     expected.by == By::Pac ? 1 : 0);
+  const auto selection =
+      Select({gateway}, ProxyAuthentication, provider, expected.by == By::Pac ? 1 : 0);
 
-  EXPECT_EQ(1U, selection.calls);
-  EXPECT_EQ(expected.status, selection.status);
-  EXPECT_EQ(expected.told, selection.extraInfo);
-  EXPECT_EQ(selection.headends, expected.status == Asked ? std::vector<std::string>{}
-                                                         : std::vector<std::string>{gateway});
-  EXPECT_THAT(selection.ProbesOf(m_gateway.Where().port),
+  EXPECT_EQ(expected.status, selection->status);
+  EXPECT_EQ(expected.told, selection->extraInfo);
+  EXPECT_EQ(selection->headends, expected.status == Asked ? std::vector<std::string>{}
+                                                          : std::vector<std::string>{gateway});
+  EXPECT_THAT(selection->ProbesOf(m_gateway.Where().port),
               SizeIs(expected.status == Measured ? Pings : 0));
-  for (const LogLine& line : selection.log) {
-    EXPECT_THAT(line.text, Not(HasSubstr(SquidProxy::Password)));
-  }
+  EXPECT_THAT(selection->log, Not(HasSubstr(SquidProxy::Password)));
   if (m_squid != nullptr && expected.password == Right &&
       expected.before != Before::SquidElsewhere) {
     EXPECT_THAT(m_tunnels.all(), ElementsAre(AllOf(StartsWith("CONNECT 127.0.0.1:443 HTTP/1.1\r\n"),

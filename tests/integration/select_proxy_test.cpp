@@ -58,21 +58,17 @@ class SelectProxyTest : public CommandTest {
   }
 
   void startSquid() {
-    SquidProxy::Settings settings;
-    settings.realm = "Head office";
-    settings.parent = behindProxy.port();
-    squid = std::make_unique<SquidProxy>(settings);
+    squid = std::make_unique<SquidProxy>(
+        SquidProxy::Settings{.realm = "Head office", .parent = behindProxy.port()});
     setProxy(squid->Where());
   }
 
   /// Makes the machine's preferences name a proxy.
   void setProxy(const Endpoint& where) {
-    preferences = outside.Write(
-        "global.xml",
-        "<preferences version=\"1\">\n<preference name=\"ProxySettings\" value=\"override\"/>\n"
-        "<preference name=\"ProxyHost\" value=\"" +
-            where.address + "\"/>\n<preference name=\"ProxyPort\" value=\"" +
-            std::to_string(where.port) + "\"/>\n</preferences>\n");
+    preferences =
+        outside.Write("global.xml", preferencesText({{"ProxySettings", "override"},
+                                                     {"ProxyHost", where.address},
+                                                     {"ProxyPort", std::to_string(where.port)}}));
   }
 
   std::string gatewayAddress() const { return "127.0.0.1:" + std::to_string(gateway.port()); }

@@ -59,4 +59,12 @@ std::string readFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+std::string preferencesText(const std::map<std::string, std::string>& values) {
+  std::string text = "<preferences version=\"1\">\n";
+  for (const auto& [name, value] : values) {
+    text.append("  <preference name=\"" + name).append("\" value=\"" + value).append("\"/>\n");
+  }
+  return text + "</preferences>\n";
+}
+
 }  // namespace tests

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 
 namespace tests {
@@ -31,5 +32,8 @@ class TemporaryDirectory {
 
 /// The contents of a file; empty if it cannot be read.
 std::string readFile(const std::string& path);
+
+/// What a file of preferences with these values holds.
+std::string preferencesText(const std::map<std::string, std::string>& values);
 
 }  // namespace tests

@@ -1,6 +1,5 @@
 // The log as its readers meet it: in a file, on a terminal, through a listener.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
@@ -9,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -67,7 +65,7 @@ std::string heard(const std::string& message) {
   const HeardLog log;
   info(message.c_str());
   const auto lines = log.lines();
-  return lines.size() == 1 ? lines[0].message : "not one line";
+  return lines.size() == 1 ? lines[0].substr(2) : "not one line";
 }
 
 TEST_F(AppLog, ALineCarriesTimeSeverityThreadFunctionPositionAndMessage) {
@@ -100,42 +98,37 @@ TEST_F(AppLog, AReturnCodeIsOneLineWithTheReasonAndTheExtraText) {
   for (const auto& [systemError, extra, end] : rows) {
     CAppLog::LogReturnCode("run", "vpn/source", 1, Logging::DBG_Error, "HttpProbe::SendHttpProbe",
                            0xFE46000C, systemError, extra);
-    EXPECT_EQ(log.lines().back().message,
-              std::string("Return code from HttpProbe::SendHttpProbe: 0xFE46000C") + end);
+    EXPECT_EQ(log.lines().back(),
+              std::string("E Return code from HttpProbe::SendHttpProbe: 0xFE46000C") + end);
   }
   CAppLog::LogReturnCode("run", "vpn/source", 1, Logging::DBG_Error, "call", 7, 0, nullptr);
-  EXPECT_EQ(log.lines().back().message, "Return code from call: 0x00000007");
+  EXPECT_EQ(log.lines().back(), "E Return code from call: 0x00000007");
   EXPECT_EQ(log.lines().size(), 6U);
 }
 
 TEST_F(AppLog, AMessageBelowTheFilterIsHeardButNotWritten) {
   struct Row {
-    std::string filter;
     Logging::DebugImportance leastImportant;
     bool off;
     std::string written;
   };
+  const HeardLog log;
   for (const Row& row :
-       {Row{"warnings", Logging::DBG_Warning, false, "WE"},
-        Row{"errors", Logging::DBG_Error, false, "E"}, Row{"off", Logging::DBG_Info, true, ""}}) {
-    SCOPED_TRACE(row.filter);
+       {Row{Logging::DBG_Warning, false, "[^\n]* warning\n[^\n]* error\n"},
+        Row{Logging::DBG_Error, false, "[^\n]* error\n"}, Row{Logging::DBG_Info, true, ""}}) {
+    SCOPED_TRACE(row.written);
+    std::filesystem::remove(path());
     CAppLog::Targets targets = toFile();
-    targets.file = path(row.filter);
     targets.leastImportant = row.leastImportant;
     targets.off = row.off;
     ASSERT_EQ(CAppLog::open(targets), "");
-    const HeardLog log;
     info("info");
     warn("warning");
     error("error");
-    EXPECT_EQ(log.lines().size(), 3U);
+    EXPECT_THAT(written(), MatchesRegex(row.written));
     CAppLog::close();
-    const std::string text = readFile(targets.file);
-    EXPECT_EQ(text.find("info"), std::string::npos);
-    EXPECT_EQ(text.find("warning") != std::string::npos,
-              row.written.find('W') != std::string::npos);
-    EXPECT_EQ(text.find("error") != std::string::npos, row.written.find('E') != std::string::npos);
   }
+  EXPECT_EQ(log.lines().size(), 9U);
 }
 
 TEST_F(AppLog, AMessageBelowTheFilterIsNotEvenFormatted) {
@@ -149,15 +142,13 @@ TEST_F(AppLog, AMessageBelowTheFilterIsNotEvenFormatted) {
 }
 
 TEST_F(AppLog, WithoutATargetLinesAreDroppedAndTheNextTargetGetsTheNextOnes) {
-  error("nobody hears it");
-  ASSERT_EQ(CAppLog::open(toFile()), "");
-  error("first");
-  CAppLog::close();
-  error("nobody hears it");
-  ASSERT_EQ(CAppLog::open(toFile()), "");
-  error("second");
-  EXPECT_THAT(written(),
-              AllOf(Not(HasSubstr("nobody")), testing::ContainsRegex("first\n.*second")));
+  for (const char* const message : {"first", "second"}) {
+    error("nobody hears it");
+    ASSERT_EQ(CAppLog::open(toFile()), "");
+    error(message);
+    CAppLog::close();
+  }
+  EXPECT_THAT(readFile(path()), MatchesRegex("[^\n]* first\n[^\n]* second\n"));
 }
 
 TEST_F(AppLog, ErrnoIsAsItWas) {
@@ -191,14 +182,13 @@ TEST_F(AppLog, WhatIsHarmlessPassesAndWhatControlsOrForgesIsEscaped) {
 }
 
 TEST_F(AppLog, AnOverlongMessageIsCutAndMarked) {
-  for (const std::size_t length : {std::size_t{511}, std::size_t{512}, std::size_t{513},
-                                   std::size_t{5000}, std::size_t{CAppLog::MaxMessageLength}}) {
+  for (const std::size_t length : {512UL, 513UL, 5000UL}) {
     const std::string whole(length, 'x');
     EXPECT_EQ(heard(whole), whole);
   }
   const std::string longest(CAppLog::MaxMessageLength, 'x');
+  EXPECT_EQ(heard(longest), longest);
   EXPECT_EQ(heard(longest + "y"), longest + " [cut]");
-  EXPECT_EQ(heard(longest + longest), longest + " [cut]");
   // Escaping makes it longer, and it is still bounded.
   const std::string escaped = heard(std::string(CAppLog::MaxMessageLength, '\x01'));
   EXPECT_EQ(escaped.size(), CAppLog::MaxMessageLength + std::string(" [cut]").size());
@@ -215,16 +205,16 @@ TEST_F(AppLog, TheLinesOfAMessageAfterTheFirstAreIndentedSoThatNoneCanPassForALo
 TEST_F(AppLog, AReportStaysInOnePieceAmongConcurrentLines) {
   ASSERT_EQ(CAppLog::open(toFile(std::size_t{64} * 1024 * 1024)), "");
   constexpr int rounds = 300;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([i] {
+  const auto repeat = [](const char* message) {
+    return std::jthread([message] {
       for (int round = 0; round < rounds; ++round) {
-        info(i == 0 ? "report\nline 1\nline 2\nline 3\n" : "single");
+        info(message);
       }
     });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
+  };
+  {
+    const std::jthread loggers[] = {repeat("report\nline 1\nline 2\nline 3\n"), repeat("single"),
+                                    repeat("single"), repeat("single")};
   }
   const std::string text = written();
   int reports = 0;
@@ -254,19 +244,6 @@ TEST_F(AppLog, TheFileIsRotatedAndOnlyTheAskedNumberKeptForItsOwnerAlone) {
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   }
   EXPECT_THAT(names, testing::UnorderedElementsAre("a.log", "a.1.log", "a.2.log"));
-}
-
-TEST_F(AppLog, TheFileIsClosedInProgramsThatTheHostStarts) {
-  ASSERT_EQ(CAppLog::open(toFile()), "");
-  bool found = false;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    if (std::filesystem::read_symlink(entry.path(), gone) == path()) {
-      found = true;
-      EXPECT_NE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0);
-    }
-  }
-  EXPECT_TRUE(found);
 }
 
 TEST_F(AppLog, APathThatCannotBeAFileIsReportedWithARemedy) {
@@ -370,45 +347,18 @@ TEST_F(AppLog, AListenerThatThrowsIsNotTheCallersTrouble) {
   EXPECT_THAT(written(), HasSubstr("written all the same"));
 }
 
-TEST_F(AppLog, AListenerHearsWhereAMessageComesFrom) {
-  const HeardLog log;
-  warn("text");
-  const auto lines = log.lines();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0].function, "function");
-  EXPECT_EQ(lines[0].file, "vpn/source");
-  EXPECT_EQ(lines[0].severity, 'W');
+/// Logs as long as it lives.
+std::jthread logger() {
+  return std::jthread([](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      info("message");
+    }
+  });
 }
-
-/// Threads that log as long as this lives.
-class Loggers {
- public:
-  explicit Loggers(int count) {
-    for (int i = 0; i < count; ++i) {
-      m_threads.emplace_back([this] {
-        while (!m_ends) {
-          info("message");
-        }
-      });
-    }
-  }
-  ~Loggers() {
-    m_ends = true;
-    for (std::thread& thread : m_threads) {
-      thread.join();
-    }
-  }
-  Loggers(const Loggers&) = delete;
-  Loggers& operator=(const Loggers&) = delete;
-
- private:
-  std::atomic<bool> m_ends{false};
-  std::vector<std::thread> m_threads;
-};
 
 TEST_F(AppLog, AListenerIsNotRunningAnyMoreWhenItHasBeenTakenAway) {
   for (int round = 0; round < 200; ++round) {
-    const Loggers logger(1);
+    const std::jthread other = logger();
     auto heardHere = std::make_unique<int>(0);
     CAppLog::setListener([&heardHere](const CAppLog::Record&) { ++*heardHere; });
     std::this_thread::yield();
@@ -419,7 +369,7 @@ TEST_F(AppLog, AListenerIsNotRunningAnyMoreWhenItHasBeenTakenAway) {
 
 TEST_F(AppLog, TargetsMayBeChangedWhileOthersLog) {
   {
-    const Loggers loggers(3);
+    const std::jthread loggers[] = {logger(), logger(), logger()};
     for (int round = 0; round < 50; ++round) {
       EXPECT_EQ(CAppLog::open(toFile()), "");
       if (round % 3 == 0) {

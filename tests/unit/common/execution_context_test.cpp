@@ -136,31 +136,14 @@ TEST_F(ExecutionContext, ItMayBeCreatedAndReleasedAgainAndAgainByManyThreads) {
   }
 }
 
-/// A counted singleton, as CInstanceSmartPtr wants one.
-class Singleton {
- public:
-  static Singleton* acquireInstance(bool exists) {
-    acquisitions() += exists ? 1 : 0;
-    static Singleton singleton;
-    return exists ? &singleton : nullptr;
-  }
-  void releaseInstance() { --acquisitions(); }
-  static int& acquisitions() {
-    static int count = 0;
-    return count;
-  }
-};
-
-TEST(InstanceSmartPtr, ItReleasesWhatItHasAcquiredAtTheEndOfItsScope) {
-  for (const bool exists : {true, false}) {
-    {
-      const CInstanceSmartPtr<Singleton> instance(exists);
-      EXPECT_EQ(instance != nullptr, exists);
-      EXPECT_EQ(instance == nullptr, !exists);
-      EXPECT_EQ(Singleton::acquisitions(), exists ? 1 : 0);
-    }
-    EXPECT_EQ(Singleton::acquisitions(), 0);
-  }
+TEST_F(ExecutionContext, ASmartPointerReleasesItAtTheEndOfItsScope) {
+  using Pointer = CInstanceSmartPtr<CExecutionContext>;
+  EXPECT_EQ(Pointer(API_INSTANCE), nullptr);
+  CExecutionContext* const context = created();
+  const Pointer instance(API_INSTANCE);
+  EXPECT_EQ(&*instance, context);
+  context->releaseInstance();
+  context->releaseInstance();
 }
 
 }  // namespace

@@ -34,10 +34,20 @@ bool waitReadable(int socket) {
   return poll(&entry, 1, static_cast<int>(kStopCheck.count())) > 0;
 }
 
-/// Whether an operation of OpenSSL ended only because the socket's time-out passed.
-bool wantsRepeat(const SSL* tls, int result) {
-  const int error = SSL_get_error(tls, result);
-  return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+/// Repeats an operation of OpenSSL as long as it ends only because the socket's time-out passed.
+template <class Operation>
+int repeated(const std::shared_ptr<void>& connection, const std::atomic<bool>& stopping,
+             const Operation& operation) {
+  auto* const tls = static_cast<SSL*>(connection.get());
+  int result = 0;
+  int error = 0;
+  do {
+    ERR_clear_error();
+    result = operation(tls);
+    error = result > 0 ? SSL_ERROR_NONE : SSL_get_error(tls, result);
+  } while ((error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) && !stopping);
+  ERR_clear_error();
+  return result;
 }
 
 /// Keeps the SIGPIPE of OpenSSL's writes away from the test program.
@@ -79,29 +89,13 @@ Connection::~Connection() {
 bool Connection::startTls(const TlsServerContext& context) {
   m_tls = std::shared_ptr<void>(SSL_new(static_cast<SSL_CTX*>(context.native())),
                                 [](void* tls) { SSL_free(static_cast<SSL*>(tls)); });
-  auto* tls = static_cast<SSL*>(m_tls.get());
-  SSL_set_fd(tls, m_socket);
-  int done = 0;
-  do {
-    ERR_clear_error();
-    done = SSL_accept(tls);
-  } while (done != 1 && wantsRepeat(tls, done) && !m_stopping);
-  ERR_clear_error();
-  return done == 1;
+  SSL_set_fd(static_cast<SSL*>(m_tls.get()), m_socket);
+  return repeated(m_tls, m_stopping, SSL_accept) == 1;
 }
 
 bool Connection::updateKeys() {
-  auto* tls = static_cast<SSL*>(m_tls.get());
-  if (SSL_key_update(tls, SSL_KEY_UPDATE_NOT_REQUESTED) != 1) {
-    return false;
-  }
-  int done = 0;
-  do {
-    ERR_clear_error();
-    done = SSL_do_handshake(tls);
-  } while (done != 1 && wantsRepeat(tls, done) && !m_stopping);
-  ERR_clear_error();
-  return done == 1 && !m_stopping;
+  return SSL_key_update(static_cast<SSL*>(m_tls.get()), SSL_KEY_UPDATE_NOT_REQUESTED) == 1 &&
+         repeated(m_tls, m_stopping, SSL_do_handshake) == 1 && !m_stopping;
 }
 
 bool Connection::readable() const {
@@ -121,14 +115,8 @@ long Connection::receive(char* buffer, std::size_t size) {
     return 0;
   }
   if (m_tls) {
-    auto* tls = static_cast<SSL*>(m_tls.get());
-    int got = 0;
-    do {
-      ERR_clear_error();
-      got = SSL_read(tls, buffer, static_cast<int>(size));
-    } while (got <= 0 && wantsRepeat(tls, got) && !m_stopping);
-    ERR_clear_error();
-    return got;
+    return repeated(m_tls, m_stopping,
+                    [&](SSL* tls) { return SSL_read(tls, buffer, static_cast<int>(size)); });
   }
   return recv(m_socket, buffer, size, 0);
 }
@@ -155,22 +143,16 @@ std::string Connection::readSome() {
 }
 
 bool Connection::send(std::string_view text) {
+  if (m_tls && !text.empty()) {
+    return repeated(m_tls, m_stopping, [&](SSL* tls) {
+             return SSL_write(tls, text.data(), static_cast<int>(text.size()));
+           }) > 0;
+  }
   while (!text.empty() && !m_stopping) {
     // The kernel's send time-out bounds each call, so a peer that does not read is no obstacle to
     // stopping.
-    long sent = 0;
-    bool again = false;
-    if (m_tls) {
-      auto* tls = static_cast<SSL*>(m_tls.get());
-      ERR_clear_error();
-      sent = SSL_write(tls, text.data(), static_cast<int>(text.size()));
-      again = sent <= 0 && wantsRepeat(tls, static_cast<int>(sent));
-      ERR_clear_error();
-    } else {
-      sent = ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL);
-      again = sent < 0 && errno == EAGAIN;
-    }
-    if (sent <= 0 && !again) {
+    const long sent = ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL);
+    if (sent <= 0 && errno != EAGAIN) {
       return false;
     }
     text.remove_prefix(sent > 0 ? static_cast<std::size_t>(sent) : 0);

@@ -27,29 +27,11 @@ constexpr int NotPermitted = 77;
 
 TEST(Scene, AWrongLineIsRefusedWithFileAndLine) {
   const tests::TemporaryDirectory directory;
-  for (const char* line : {"answer a",
-                           "answer a x",
-                           "answer a loop x",
-                           "road 10.77.0.1",
-                           "path",
-                           "path 10.77.0",
-                           "path 10.77.0.1 rtt",
-                           "path default rtt=",
-                           "path default rtt=-1",
-                           "path default rtt=nan",
-                           "path default rtt=60001",
-                           "path default loss=101",
-                           "path default loss=3%",
-                           "path default speed=3",
-                           "gateway 10.77.0.1",
-                           "gateway 10.77.0.1:",
-                           "gateway 10.77.0.1:65536",
-                           "gateway fd77::1:443",
-                           "gateway 10.77.0.1:443 delay=x",
-                           "name a",
-                           "name a b",
-                           "name a;b 10.77.0.1",
-                           "resolver x"}) {
+  for (const char* line :
+       {"answer a", "answer a loop x", "road 10.77.0.1", "path 10.77.0", "path 10.77.0.1 rtt",
+        "path default rtt=nan", "path default rtt=60001", "path default loss=3%",
+        "path default speed=3", "gateway 10.77.0.1:65536", "gateway fd77::1:443",
+        "gateway 10.77.0.1:443 delay=x", "name a;b 10.77.0.1", "resolver x"}) {
     const std::string file =
         directory.Write("scene", std::string("path default rtt=1\n\n") + line + "\n");
     Scene scene;

@@ -117,16 +117,11 @@ void RealServer::Stop() { m_process.reset(); }
 
 std::string RealServer::Output() const { return readFile(m_directory.File("output")); }
 
-NginxServer::NginxServer(const TestCertificates& certificates, const std::string& address,
-                         ClientCertificate clientCertificate)
+NginxServer::NginxServer(const TestCertificates& certificates, const std::string& address)
     : RealServer(address) {
-  std::string server = "    listen " + Address() + " ssl;\n    ssl_certificate " +
-                       certificates.Certificate() + ";\n    ssl_certificate_key " +
-                       certificates.Key() + ";\n    location / { return 200 answer; }\n";
-  if (clientCertificate == ClientCertificate::Demanded) {
-    server +=
-        "    ssl_verify_client on;\n    ssl_client_certificate " + certificates.Authority() + ";\n";
-  }
+  const std::string server = "    listen " + Address() + " ssl;\n    ssl_certificate " +
+                             certificates.Certificate() + ";\n    ssl_certificate_key " +
+                             certificates.Key() + ";\n    location / { return 200 answer; }\n";
   Directory().Write("nginx.conf",
                     "daemon off;\nmaster_process off;\npid nginx.pid;\nerror_log stderr info;\n"
                     "events { worker_connections 100; }\nhttp {\n  access_log access.log;\n" +
@@ -152,21 +147,9 @@ HaproxyServer::HaproxyServer(const TestCertificates& certificates) : RealServer(
   Start({findProgram("haproxy", "haproxy"), "-db", "-f", "haproxy.cfg"});
 }
 
-OpensslServer::OpensslServer(const TestCertificates& certificates, Mode mode)
-    : RealServer("127.0.0.1") {
-  std::vector<std::string> command = {findProgram("openssl", "openssl"),
-                                      "s_server",
-                                      "-accept",
-                                      Address(),
-                                      "-cert",
-                                      certificates.Certificate(),
-                                      "-key",
-                                      certificates.Key(),
-                                      mode == Mode::ReversedText ? "-rev" : "-www"};
-  if (mode == Mode::ClientCertificate) {
-    command.insert(command.end(), {"-Verify", "1", "-CAfile", certificates.Authority()});
-  }
-  Start(command);
+OpensslServer::OpensslServer(const TestCertificates& certificates) : RealServer("127.0.0.1") {
+  Start({findProgram("openssl", "openssl"), "s_server", "-accept", Address(), "-cert",
+         certificates.Certificate(), "-key", certificates.Key(), "-www"});
 }
 
 SquidProxy::SquidProxy(const Settings& settings) : RealServer(settings.address) {

@@ -49,11 +49,8 @@ class RealServer {
 /// the others below.
 class NginxServer : public RealServer {
  public:
-  enum class ClientCertificate { NotAsked, Demanded };
-
   explicit NginxServer(const TestCertificates& certificates,
-                       const std::string& address = "127.0.0.1",
-                       ClientCertificate clientCertificate = ClientCertificate::NotAsked);
+                       const std::string& address = "127.0.0.1");
 
   /// The requests that it has read, a line each; complete once it has been stopped.
   std::vector<std::string> Requests() const;
@@ -68,14 +65,7 @@ class HaproxyServer : public RealServer {
 /// `openssl s_server`; it hangs up on a plain HTTP request and serves one connection after another.
 class OpensslServer : public RealServer {
  public:
-  /// What it makes of a request over TLS.
-  enum class Mode {
-    Page,               ///< answers GET with a page, anything else not at all
-    ReversedText,       ///< sends each line back in reverse: no HTTP
-    ClientCertificate,  ///< as `Page`, for clients that have a certificate
-  };
-
-  explicit OpensslServer(const TestCertificates& certificates, Mode mode = Mode::Page);
+  explicit OpensslServer(const TestCertificates& certificates);
 };
 
 /// squid, a proxy. It takes tunnels to one port alone, and may send them to another proxy instead

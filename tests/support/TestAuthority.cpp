@@ -6,11 +6,8 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
 
@@ -57,19 +54,6 @@ IssuedCertificate makeCertificate(const std::string& name, long validFrom, long 
   return made;
 }
 
-std::string writeTemporaryFile(X509* certificate) {
-  const char* directory = getenv("TMPDIR");
-  std::string path = std::string(directory != nullptr ? directory : "/tmp") + "/ahs-test-ca-XXXXXX";
-  const int descriptor = mkstemp(path.data());
-  FILE* file = descriptor < 0 ? nullptr : fdopen(descriptor, "w");
-  if (file == nullptr) {
-    throw std::runtime_error("cannot write " + path);
-  }
-  PEM_write_X509(file, certificate);
-  fclose(file);
-  return path;
-}
-
 }  // namespace
 
 TestAuthority::TestAuthority() {
@@ -80,10 +64,8 @@ TestAuthority::TestAuthority() {
   addExtension(x509(m_own), x509(m_own), NID_basic_constraints, "critical,CA:TRUE");
   addExtension(x509(m_own), x509(m_own), NID_key_usage, "critical,keyCertSign,cRLSign");
   X509_sign(x509(m_own), key(m_own), EVP_sha256());
-  m_file = writeTemporaryFile(x509(m_own));
+  write(m_own, file(), m_directory.File("authority.key"));
 }
-
-TestAuthority::~TestAuthority() { unlink(m_file.c_str()); }
 
 IssuedCertificate TestAuthority::issue(const Subject& subject) const {
   IssuedCertificate made =

@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "tests/support/TemporaryDirectory.h"
+
 namespace tests {
 
 /// A certificate and its private key, as OpenSSL holds them (X509, EVP_PKEY).
@@ -24,10 +26,6 @@ class TestAuthority {
   };
 
   TestAuthority();
-  /// Removes the file again.
-  ~TestAuthority();
-  TestAuthority(const TestAuthority&) = delete;
-  TestAuthority& operator=(const TestAuthority&) = delete;
 
   IssuedCertificate issue() const { return issue(Subject()); }
   IssuedCertificate issue(const Subject& subject) const;
@@ -37,11 +35,11 @@ class TestAuthority {
                     const std::string& keyFile);
 
   /// A PEM file with the authority's certificate, for those who are to trust it.
-  const std::string& file() const { return m_file; }
+  std::string file() const { return m_directory.File("authority.pem"); }
 
  private:
   IssuedCertificate m_own;
-  std::string m_file;
+  TemporaryDirectory m_directory;
 };
 
 }  // namespace tests

@@ -22,6 +22,16 @@ void expectLegible(const std::string& text) {
   })) << text;
 }
 
+nlohmann::json resultOf(const nlohmann::json& object, const std::string& headend) {
+  for (const nlohmann::json& result : object.value("results", nlohmann::json::array())) {
+    if (result.at("headend") == headend) {
+      return result;
+    }
+  }
+  ADD_FAILURE() << headend << " is missing in " << object.dump();
+  return {{"outcome", ""}, {"metricMs", nullptr}, {"probes", nlohmann::json::array()}};
+}
+
 CommandTest::CommandTest()
     : home(m_directory.Path()),
       environment({"HOME=" + home, "TERM=xterm", "PATH=/usr/sbin:/usr/bin:/sbin:/bin"}) {

@@ -49,6 +49,9 @@ class Gateway {
 /// That a text of several lines holds nothing that a terminal would obey.
 void expectLegible(const std::string& text);
 
+/// What a selection's object tells of a headend.
+nlohmann::json resultOf(const nlohmann::json& object, const std::string& headend);
+
 /// A user with a home directory of his own and preferences that make delays count.
 class CommandTest : public testing::Test {
  protected:

@@ -80,16 +80,6 @@ class Names : public CommandTest {
     return json::parse(readFile(home + "/out"), nullptr, false);
   }
 
-  static json ResultOf(const json& object, const std::string& headend) {
-    for (const json& result : object.value("results", json::array())) {
-      if (result.at("headend") == headend) {
-        return result;
-      }
-    }
-    ADD_FAILURE() << headend << " is missing in " << object.dump();
-    return {{"outcome", ""}, {"probes", json::array()}};
-  }
-
   std::string pingTimeoutMs;
   /// Of the resolver (resolv.conf(5)).
   std::string resolverOptions = "timeout:5 attempts:1";
@@ -116,14 +106,14 @@ TEST_F(Names, ThatCannotBeResolvedOrAreOddOrLeadNowhereDoNotHoldUpTheOthers) {
               "answer garbage.example garbage", "answer odd.example odd-name 10.77.0.1"},
              hosts);
 
-  EXPECT_EQ("answered", ResultOf(object, "good.example").at("outcome"));
+  EXPECT_EQ("answered", resultOf(object, "good.example").at("outcome"));
   for (const std::string& host : unknown) {
-    const json result = ResultOf(object, host);
+    const json result = resultOf(object, host);
     EXPECT_EQ("name not resolved", result.at("outcome")) << host;
     EXPECT_THAT(result.at("probes"), SizeIs(1)) << "a worker gives up with the first";
   }
-  EXPECT_TRUE(ResultOf(object, "garbage.example").at("metricMs").is_null());
-  const json result = ResultOf(object, "many.example");
+  EXPECT_TRUE(resultOf(object, "garbage.example").at("metricMs").is_null());
+  const json result = resultOf(object, "many.example");
   EXPECT_EQ("timed out", result.at("outcome"));
   for (const json& probe : result.at("probes")) {
     EXPECT_LT(probe.at("totalMs"), MuchLaterMs);

@@ -271,16 +271,13 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
 
 TEST_P(HostileGateway, IsToldByItsStatusInTimeAndInLittleMemory) {
   // As two workers would at once.
-  std::vector<std::thread> workers;
+  std::vector<std::jthread> workers;
   for (const bool secure : {false, true}) {
     workers.emplace_back([this, secure] {
       t_taken = t_most = 0;
       Probe(secure);
       EXPECT_LT(t_most, MostMemory);
     });
-  }
-  for (std::thread& worker : workers) {
-    worker.join();
   }
 }
 

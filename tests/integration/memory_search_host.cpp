@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -87,12 +86,10 @@ class Client : public ClientIfcBase {
     for (const std::string& headend : headends) {
       text.append(" ").append(headend);
     }
-    m_called.set_value(text);
+    outcome = text;
   }
-  std::string Wait() { return m_called.get_future().get(); }
 
- private:
-  std::promise<std::string> m_called;
+  std::string outcome;
 };
 
 /// A whole selection: nothing of it is left when this returns.
@@ -110,11 +107,10 @@ std::string select(const std::string& scheme, const Secret& user, const Secret& 
     return "not constructed";
   }
   std::thread([run] { run->run(); }).join();
-  std::string outcome = client.Wait();
   while (CThread::RunningCount() > threadsBefore) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return outcome;
+  return client.outcome;
 }
 
 std::string selectWithSecrets(int file, const std::string& scheme, const std::string& left) {

@@ -39,15 +39,6 @@ class SelectCommandTest : public CommandTest {
   }
 };
 
-json resultOf(const json& object, const std::string& headend) {
-  for (const json& result : object.at("results")) {
-    if (result.at("headend") == headend) {
-      return result;
-    }
-  }
-  return {};
-}
-
 // ---- What is selected -------------------------------------------------------------------------
 
 TEST_F(SelectCommandTest, TheNearestHostComesFirst) {

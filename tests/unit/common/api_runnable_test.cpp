@@ -144,7 +144,7 @@ TEST(ApiRunnable, AConstructorThatThrowsFreesTheMemoryAndPassesItsExceptionOn) {
 TEST(ApiRunnable, OfManyHoldersExactlyOneDestroysTheTask) {
   for (int round = 0; round < 300; ++round) {
     auto* const task = new Task;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i) {
       task->enter();
       threads.emplace_back([task, i] {
@@ -156,9 +156,7 @@ TEST(ApiRunnable, OfManyHoldersExactlyOneDestroysTheTask) {
       });
     }
     giveUp(task);
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    threads.clear();  // waits for them
     ASSERT_TRUE(eventually([] { return Counted::count() == 0; }));
   }
 }

@@ -21,7 +21,7 @@ TEST(ManualLock, ItLetsOneThreadInAtATime) {
     constexpr int turns = 20000;
     CManualLock lock(spinCount);
     long sum = 0;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i) {
       threads.emplace_back([&] {
         for (int turn = 0; turn < turns; ++turn) {
@@ -30,9 +30,7 @@ TEST(ManualLock, ItLetsOneThreadInAtATime) {
         }
       });
     }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    threads.clear();  // waits for them
     EXPECT_EQ(sum, 4 * turns);
   }
 }

@@ -63,17 +63,15 @@ TEST_F(ExecutionContext, ItServicesTimersUntilItsEndAndIsOutlivedByThem) {
 }
 
 struct SlowCallback {
+  Gate entered;
   Gate gate;
-  std::atomic<bool> entered{false};
-  std::atomic<bool> left{false};
-  std::atomic<bool> foundAContext{true};
+  bool foundAContext = true;
 
   static void run(void* self, unsigned long) {
     auto* const callback = static_cast<SlowCallback*>(self);
-    callback->entered = true;
+    callback->entered.open();
     callback->gate.pass();
     callback->foundAContext = CExecutionContext::acquireInstance(API_INSTANCE) != nullptr;
-    callback->left = true;
   }
 };
 
@@ -83,7 +81,7 @@ TEST_F(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
   CTimer timer(status, &context->GetTimerList(), SlowCallback::run, &callback, 0);
   CTimer late(status, &context->GetTimerList(), SlowCallback::run, &callback, 0);
   ASSERT_EQ(timer.StartTimer(0), TIMER_SUCCESS);
-  ASSERT_TRUE(eventually([&callback] { return callback.entered.load(); }));
+  callback.entered.pass();
   context->releaseInstance();
 
   std::atomic<bool> released{false};
@@ -97,8 +95,7 @@ TEST_F(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
   EXPECT_FALSE(released);
   callback.gate.open();
   releaser.join();
-  EXPECT_TRUE(callback.left);
-  EXPECT_FALSE(callback.foundAContext);
+  EXPECT_FALSE(callback.foundAContext) << "it has come to its end";
 }
 
 TEST_F(ExecutionContext, TheLastReleaseOnTheTimerThreadWaitsForNothing) {
@@ -113,7 +110,7 @@ TEST_F(ExecutionContext, TheLastReleaseOnTheTimerThreadWaitsForNothing) {
 }
 
 TEST_F(ExecutionContext, ItMayBeCreatedAndReleasedAgainAndAgainByManyThreads) {
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([] {
       for (int round = 0; round < 200; ++round) {
@@ -130,9 +127,6 @@ TEST_F(ExecutionContext, ItMayBeCreatedAndReleasedAgainAndAgainByManyThreads) {
         }
       }
     });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
   }
 }
 

@@ -25,10 +25,7 @@ struct STATE {
   std::mutex mutex;
   ProxySettingsDouble::Script script;
   std::vector<std::string> asked;
-  std::atomic<bool> failToMake{false};
-  std::atomic<unsigned int> made{0};
-  std::atomic<unsigned int> misused{0};
-  std::atomic<unsigned int> unwiped{0};
+  ProxySettingsDouble::Factories factories;
 };
 
 STATE& state() {
@@ -63,24 +60,21 @@ std::vector<std::string> ProxySettingsDouble::Asked() {
   return state().asked;
 }
 
-void ProxySettingsDouble::FailToMake(bool fail) { state().failToMake = fail; }
-unsigned int ProxySettingsDouble::Made() { return state().made; }
-unsigned int ProxySettingsDouble::Misused() { return state().misused; }
-unsigned int ProxySettingsDouble::GivenBackUnwiped() { return state().unwiped; }
+ProxySettingsDouble::Factories& ProxySettingsDouble::factories() { return state().factories; }
 
 }  // namespace tests
 
 pxProxyFactory* px_proxy_factory_new() {
-  if (tests::state().failToMake) {
+  if (tests::state().factories.failToMake) {
     throw std::runtime_error("a module does not load");
   }
-  ++tests::state().made;
+  ++tests::state().factories.made;
   return new pxProxyFactory_;
 }
 
 char** px_proxy_factory_get_proxies(pxProxyFactory* self, const char* url) {
   if (self->inUse.exchange(true)) {
-    ++tests::state().misused;
+    ++tests::state().factories.misused;
   }
   struct Leaving {
     pxProxyFactory* factory;
@@ -101,10 +95,10 @@ char** px_proxy_factory_get_proxies(pxProxyFactory* self, const char* url) {
 
 void px_proxy_factory_free_proxies(char** proxies) {
   for (char** entry = proxies; *entry != nullptr; ++entry) {
-    tests::state().unwiped += **entry != '\0' ? 1U : 0U;
+    tests::state().factories.unwiped += **entry != '\0' ? 1U : 0U;
     free(*entry);
   }
   delete[] proxies;
 }
 
-void px_proxy_factory_free(pxProxyFactory*) { ++tests::state().misused; }
+void px_proxy_factory_free(pxProxyFactory*) { ++tests::state().factories.misused; }

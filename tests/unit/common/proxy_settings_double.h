@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -25,14 +26,14 @@ class ProxySettingsDouble {
   /// The URLs that were asked for while it has been installed.
   static std::vector<std::string> Asked();
 
-  /// Whether making a factory, libproxy's object, throws from now on.
-  static void FailToMake(bool fail);
-  /// Factories made by the process.
-  static unsigned int Made();
-  /// Factories in which more than one thread has asked at once; those freed.
-  static unsigned int Misused();
-  /// Lists given back that still held a character of theirs.
-  static unsigned int GivenBackUnwiped();
+  /// Of the whole process.
+  struct Factories {
+    std::atomic<bool> failToMake{false};  ///< making one, libproxy's object, throws
+    std::atomic<unsigned int> made{0};
+    std::atomic<unsigned int> misused{0};  ///< asked by more than one thread at once, or freed
+    std::atomic<unsigned int> unwiped{0};  ///< lists given back with a character of theirs
+  };
+  static Factories& factories();
 };
 
 }  // namespace tests

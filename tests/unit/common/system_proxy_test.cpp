@@ -5,13 +5,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/Eventually.h"
+#include "tests/unit/common/gate.h"
 #include "tests/unit/common/proxy_settings_double.h"
 #include "vpn/Common/IP/SystemProxy.h"
 
@@ -20,6 +21,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+using tests::eventually;
 using tests::ProxySettingsDouble;
 using namespace std::chrono_literals;
 
@@ -36,43 +38,17 @@ SystemProxy::Outcome find(Entries& entries, std::chrono::milliseconds limit = kP
   return SystemProxy::find(kUrl, limit, entries);
 }
 
-/// Holds every question up until it is opened.
-class Barrier {
- public:
-  Entries Wait() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    ++m_waiting;
-    m_changed.notify_all();
-    m_changed.wait(lock, [this] { return m_open; });
-    --m_waiting;
-    m_changed.notify_all();
-    return {"http://late.example:1"};
-  }
-  void WaitFor(std::size_t waiting) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_waiting == waiting; });
-  }
-  void Open() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_open = true;
-    m_changed.notify_all();
-    m_changed.wait(lock, [this] { return m_waiting == 0; });
-  }
+/// Holds every question up until it is opened; the threads left behind have their share.
+ProxySettingsDouble::Script waitingFor(const std::shared_ptr<Gate>& gate) {
+  return [gate](const std::string&) {
+    gate->pass();
+    return Entries{"http://late.example:1"};
+  };
+}
 
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::size_t m_waiting = 0;
-  bool m_open = false;
-};
-
-/// Waits until questions are answered again: a thread that has been let go takes a moment to end.
-void waitUntilAnswered() {
-  Entries entries;
-  for (int i = 0; i < 2000 && find(entries) != SystemProxy::Outcome::Found; ++i) {
-    std::this_thread::sleep_for(5ms);
-  }
-  ASSERT_THAT(entries, ElementsAre("direct://"));
+void expectQuestions(std::size_t count) {
+  EXPECT_TRUE(eventually([count] { return ProxySettingsDouble::Asked().size() >= count; }));
+  EXPECT_THAT(ProxySettingsDouble::Asked(), SizeIs(count));
 }
 
 TEST(SystemProxy, TheListIsHandedOverInItsOrderWithoutUsersAndPasswordsWhichAreWipedAtTheirSource) {
@@ -90,7 +66,7 @@ TEST(SystemProxy, TheListIsHandedOverInItsOrderWithoutUsersAndPasswordsWhichAreW
   EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
   EXPECT_THAT(entries, ElementsAre("http://a:1", "http://b:2", "c:3", "http://d:4", "",
                                    "http://e:5", "socks5://f:6", "direct://"));
-  EXPECT_EQ(ProxySettingsDouble::GivenBackUnwiped(), 0U);
+  EXPECT_EQ(ProxySettingsDouble::factories().unwiped, 0U);
 }
 
 TEST(SystemProxy, WhatIsThrownOrNoListIsAFailureAndTheNextQuestionIsAnswered) {
@@ -112,56 +88,55 @@ TEST(SystemProxy, WhatIsThrownOrNoListIsAFailureAndTheNextQuestionIsAnswered) {
 TEST(SystemProxy, WhenAsManyAreLateAsMayAskTheNextIsToldAtOnceThatThereIsNoAnswer) {
   Entries entries;
   {
-    Barrier barrier;
-    const ProxySettingsDouble settings([&](const std::string&) { return barrier.Wait(); });
+    const auto gate = std::make_shared<Gate>();
+    const ProxySettingsDouble settings(waitingFor(gate));
     for (const auto limit : {10ms, 0ms, 10ms, 10ms}) {
       EXPECT_EQ(find(entries, limit), SystemProxy::Outcome::Late);
     }
     EXPECT_EQ(find(entries, kPatience), SystemProxy::Outcome::Failed);
-    barrier.WaitFor(kMostAtATime);
-    EXPECT_THAT(ProxySettingsDouble::Asked(), SizeIs(kMostAtATime));
-    barrier.Open();
+    expectQuestions(kMostAtATime);
+    gate->open();
+  }
+  for (int i = 0; i < 20; ++i) {
+    // A thread that has been let go takes a moment to end.
+    Entries next;
+    EXPECT_TRUE(eventually([&next] { return find(next) == SystemProxy::Outcome::Found; }));
+    EXPECT_THAT(next, ElementsAre("direct://"));
   }
   EXPECT_THAT(entries, IsEmpty()) << "late answers are dropped";
-  for (int i = 0; i < 20; ++i) {
-    waitUntilAnswered();
-  }
-  EXPECT_LE(ProxySettingsDouble::Made(), kMostAtATime) << "their threads serve again";
+  EXPECT_LE(ProxySettingsDouble::factories().made, kMostAtATime) << "their threads serve again";
 }
 
 TEST(SystemProxy, WhoComesWhenAllAreBusyWaitsForOneToBeDone) {
   std::atomic<unsigned int> found{0};
-  std::vector<std::thread> callers;
   {
-    Barrier barrier;
-    const ProxySettingsDouble settings([&](const std::string&) { return barrier.Wait(); });
+    const auto gate = std::make_shared<Gate>();
+    const ProxySettingsDouble settings(waitingFor(gate));
+    std::vector<std::jthread> callers;
     for (std::size_t i = 0; i < 3 * kMostAtATime; ++i) {
       callers.emplace_back([&found] {
         Entries entries;
         found += find(entries) == SystemProxy::Outcome::Found ? 1U : 0U;
       });
     }
-    barrier.WaitFor(kMostAtATime);
+    expectQuestions(kMostAtATime);
     Entries entries;
     EXPECT_EQ(find(entries, 10ms), SystemProxy::Outcome::Late);
-    EXPECT_THAT(ProxySettingsDouble::Asked(), SizeIs(kMostAtATime));
-    barrier.Open();
-    for (std::thread& caller : callers) {
-      caller.join();
-    }
+    expectQuestions(kMostAtATime);
+    gate->open();
   }
   EXPECT_EQ(found, 3 * kMostAtATime);
-  EXPECT_LE(ProxySettingsDouble::Made(), kMostAtATime);
-  EXPECT_EQ(ProxySettingsDouble::Misused(), 0U);
+  EXPECT_LE(ProxySettingsDouble::factories().made, kMostAtATime);
+  EXPECT_EQ(ProxySettingsDouble::factories().misused, 0U);
 }
 
 // Alone in its process, so that no factory has been made before.
 TEST(SystemProxyAtFirst, AFactoryThatCannotBeMadeIsAFailureAndIsTriedAgain) {
-  ProxySettingsDouble::FailToMake(true);
+  ProxySettingsDouble::factories().failToMake = true;
   Entries entries;
-  const bool fresh = ProxySettingsDouble::Made() == 0;
+  const bool fresh = ProxySettingsDouble::factories().made == 0;
   const SystemProxy::Outcome outcome = find(entries);
-  ProxySettingsDouble::FailToMake(false);
+  ProxySettingsDouble::factories().failToMake = false;
   EXPECT_EQ(outcome, fresh ? SystemProxy::Outcome::Failed : SystemProxy::Outcome::Found);
   EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
 }

@@ -10,7 +10,6 @@ namespace tests {
 namespace {
 
 const char FirstTime[] = "finishAHS I QIB in finishAHS() for first time";
-const char SecondTime[] = "finishAHS I QIB in finishAHS() a second time";
 const char Selects[] = "finishAHS I Finished QIB thread, selected ";
 const char SelectsNone[] = "finishAHS I Finished QIB thread, unable to select a host";
 

@@ -174,7 +174,7 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
-            "Least important message to log. Alone, it logs to standard error; info if only a "
+            "Least important message to log; alone it logs to standard error; info if only a "
             "target is given; with neither there is no log")
       ->check(CLI::IsMember({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");

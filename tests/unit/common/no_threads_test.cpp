@@ -91,12 +91,15 @@ TEST_F(WithoutThreads, AThreadThatDidNotComeAboutIsLoggedAndAsOneNeverStarted) {
   Task::Place destroyedOn;
   auto* const task = new Task(destroyedOn);
   auto worker = std::make_unique<Worker>([]() -> STATUSCODE { return 7; });
-  worker->keepAlive(*task);
   EXPECT_EQ(worker->Start(), THREAD_ERROR_CREATE_FAILED);
   EXPECT_THAT(log.lines(), ElementsAre("E " + std::string(kNoThread)));
   EXPECT_EQ(CThread::RunningCount(), 0U);
+  auto keeping = std::make_unique<Worker>([]() -> STATUSCODE { return 7; });
+  keeping->keepAlive(*task);
+  EXPECT_EQ(keeping->Start(), THREAD_ERROR_CREATE_FAILED);
   giveUp(task);
   EXPECT_NE(destroyedOn.load(), std::thread::id()) << "it does not keep its task";
+  keeping.reset();
   unsigned int exitCode = 99;
   EXPECT_EQ(worker->WaitForCompletion(exitCode, CThread::Infinite), THREAD_ERROR_INVALID_STATE);
   EXPECT_EQ(exitCode, 99U);

@@ -169,7 +169,8 @@ TEST(WrongRequest, IsRefusedAndSaidWhy) {
       {"source_address", [](ahs_request& r) { r.source_address = "127.0.0"; }},
       {"source_address", [](ahs_request& r) { r.source_address = "localhost"; }},
       {"source_address", [](ahs_request& r) { r.source_address = "127.0.0.1:80"; }},
-      {"source_address", [](ahs_request& r) { r.source_address = "[::1]"; }}};
+      {"source_address", [](ahs_request& r) { r.source_address = "[::1]"; }},
+      {"source_address", [](ahs_request& r) { r.source_address = "192.0.2.1"; }}};
   const Library library;
   for (const auto& [says, change] : rows) {
     SCOPED_TRACE(says);

@@ -14,6 +14,9 @@ mapfile -t names < <(sed '/^## Measured/,$d' "$page" | sed -nE 's/^\|.*\|(.*)\|$
 [ "${#names[@]}" -gt 20 ] || { echo "$page names hardly any test"; exit 1; }
 missing=0
 for name in "${names[@]}"; do
-  grep -qF "$name" "${TMPDIR:-/tmp}/promises.$$" || { echo "no test is named $name"; missing=1; }
+  pattern=${name//./\\.}
+  # A name without a point is that of a suite or of a row.
+  [[ $name == *.* ]] || pattern="(^|/)$name([./ ]|$)"
+  grep -qE "$pattern" "${TMPDIR:-/tmp}/promises.$$" || { echo "no test is named $name"; missing=1; }
 done
 [ "$missing" -eq 0 ] && echo "${#names[@]} names of tests, each of which there is"

@@ -105,7 +105,7 @@ done
 
 echo "== a client that loads the library by hand, and unloads it"
 python3 - "$libdir/libahs.so.1" <<'PYTHON' || fail "unloading ends in status $?"
-import _ctypes, ctypes as c, sys
+import _ctypes, ctypes as c, os, sys, time
 for _ in range(50):
     ahs = c.CDLL(sys.argv[1])
     library, selection = c.c_void_p(), c.c_void_p()
@@ -114,6 +114,11 @@ for _ in range(50):
     ahs.ahs_free(selection)
     ahs.ahs_stop(library)
     _ctypes.dlclose(ahs._handle)
+assert "libahs.so" in open("/proc/self/maps").read()
+for _ in range(100):
+    if len(os.listdir("/proc/self/task")) == 1: break
+    time.sleep(0.1)
+else: sys.exit("threads are left")
 PYTHON
 
 echo "== the command's pages and completions"

@@ -274,6 +274,13 @@ TEST_F(Dispatch, AChallengeEndsTheMeasurementWithTheRealmWhateverTheProbesStatus
   EXPECT_EQ(seams().starts, 0);
 }
 
+TEST_F(Dispatch, AReconnectionWhoseTimerHasExpiredStopsBeforeTheFirstWorker) {
+  CHeadendSelection& selection = makeFor({"gw1", "gw2"}, Reconnection);
+  selection.setThreadTerminated(true);
+  EXPECT_EQ(dispatch(), TimedOut);
+  EXPECT_EQ(lines().back(), "W QIB timer expired before starting thread 0");
+}
+
 TEST_F(Dispatch, ATimerThatExpiresBetweenTwoStartsLeavesTheLaterSlotsEmpty) {
   Gate release;
   for (const char* host : {"gw0", "gw1", "gw2"}) {

@@ -86,8 +86,11 @@ INSTANTIATE_TEST_SUITE_P(
               {{"gw1", "gw1", "a"}, {"gw2", "gw2", "a"}, {"gw3", "gw3", "b"}, {"gw4", "gw4", "c"}},
           .keys = {"gw4"},
           .missingSwitches = 3}},
-        {"AnEntryOfAnUnknownProfileLeaveItOutSilently",
-         {.hosts = {{"gw1", "gw1", "elsewhere"}, {"gw2", "gw2", ""}, {"gw3", "gw3", "p"}},
+        {"EntriesOfAnUnknownProfileLeaveThemOutSilently",
+         {.hosts = {{"gw1", "gw1", "elsewhere"},
+                    {"gw2", "gw2", ""},
+                    {"gw3", "gw3", "p"},
+                    {"gw4", "gw4", "elsewhere"}},
           .keys = {"gw3"}}},
         {"AMissingEntrySkipItSilently",
          {.hosts = {{"gw1", "", "p", true}, {"gw2", "gw2", "p"}},
@@ -154,8 +157,8 @@ TEST_F(Candidates, AreAppendedToWhatIsThereWithoutAnUpperBound) {
 
 TEST_F(Candidates, HaveAKeyOfTheirHostsInLowerCaseWithTheLaterOnesFirst) {
   const std::vector<std::pair<std::vector<URL>, std::string>> keys{
-      {{}, ""},
-      {{URL("GW1")}, "gw1;"},
+      {{}, ""},                // without a headend: nothing
+      {{URL("GW1")}, "gw1;"},  // without a port: the host alone
       {{URL("GW1"), URL("gw2:8443"), URL("https://Gw3/Group")}, "gw3;gw2:8443;gw1;"},
       {{URL("[2001:DB8::1]:8443")}, "[2001:db8::1]:8443;"}};
   for (const auto& [list, key] : keys) {

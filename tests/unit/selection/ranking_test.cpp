@@ -100,7 +100,7 @@ INSTANTIATE_TEST_SUITE_P(
          {Reconnection, "gw-a", 0, "gw-b 46 gw-a 40", {"gw-a", "gw-b"}}},
         {"NoRequiredImprovementLeavesAWorseLastHeadendInItsPlace",
          {Reconnection, "gw-b", 0, "gw-b 41 gw-a 40", {"gw-a", "gw-b"}}},
-        {"TwoMetricsOf0HaveNoRatioAndRetainNothing",
+        {"ALastHeadendOf0ThatIsTheBestHasNoRatioAndIsNotRetained",
          {Reconnection, "gw-b", 20, "gw-b 0 gw-c 5", {"gw-b", "gw-c"}}},
         {"ABestOf0RetainsNothing",
          {Reconnection, "gw-b", Largest, "gw-a 0 gw-b 1", {"gw-a", "gw-b"}}},
@@ -135,7 +135,8 @@ TEST_F(Ranking, RetainsBelowTheThresholdWhichIsExceededStrictlyInSinglePrecision
     bool isRetained;
   };
   for (const Threshold& is :
-       {Threshold{20, 40, 48, false}, Threshold{10, 100, 110, false}, Threshold{20, 40, 46, true},
+       {// The first two are ties, which retain nothing.
+        Threshold{20, 40, 48, false}, Threshold{10, 100, 110, false}, Threshold{20, 40, 46, true},
         Threshold{20, 40, 47, true}, Threshold{20, 40, 50, false}, Threshold{10, 100, 109, true},
         Threshold{100, 10, 20, false}, Threshold{100, 10, 19, true}, Threshold{1, 100, 101, false},
         Threshold{5, 20, 21, false},

@@ -298,7 +298,9 @@ TEST_F(AWorker, HasTheSmallestNonZeroSampleUpTo9999AsItsMetric) {
     unsigned int metric;
   };
   for (const Metric& is :
-       {Metric{3, {0, 40, 25}, 25}, Metric{3, {0, 0, 0}, 0}, Metric{3, {0, 0}, 9999},
+       {// A 0 among others is skipped; nothing but 0 is 0; some probes without a sample are worst.
+        Metric{3, {0, 40, 25}, 25}, Metric{3, {0, 0, 0}, 0}, Metric{3, {0, 0}, 9999},
+        // All above the ceiling, and no sample at all.
         Metric{2, {10000, 12000}, 9999}, Metric{3, {}, 9999}, Metric{0, {}, 0},
         Metric{1, {9999}, 9999}, Metric{1, {9998}, 9998}, Metric{1, {1}, 1},
         Metric{2, {0x80000000U, 0x80000000U}, 0}, Metric{3, {0x80000000U, 0x80000000U}, 9999},

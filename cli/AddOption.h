@@ -3,12 +3,12 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-/// Adds an option or operand that takes a value, which the help calls `placeholder`.
+/// Adds an option or operand with a value. The help shows `placeholder` for the value.
 template <class T>
 CLI::Option* addOption(CLI::App& command, const std::string& names, const std::string& placeholder,
                        T& value, const std::string& description) {
   CLI::Option* const option = command.add_option(names, value, description);
-  // Of a missing value the parser names the type.
+  // The parser names the type when a value is missing.
   option->option_text(placeholder)->type_name(placeholder);
   if (placeholder == "FILE" || placeholder == "DIR") {
     option->check([](const std::string& path) { return path.empty() ? "it needs a name" : ""; });

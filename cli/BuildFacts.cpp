@@ -1,6 +1,5 @@
-// The facts about the build, and the versions of the libraries: as the headers had them when this
-// was compiled, and as the libraries say when it runs, where they can be asked and the answer
-// differs.
+// Facts about the build, and versions of the libraries: those of the headers at compile time, and
+// those of the running libraries where they tell and differ.
 
 #include "cli/BuildFacts.h"
 
@@ -19,14 +18,14 @@
 
 namespace {
 
-// The version of both formats that a person writes, the one that their schemas allow.
+// The version of both file formats. The schemas allow only this one.
 constexpr int ProfileVersion = 1;
 
 struct Library {
   std::string name;
   std::string built;
-  std::optional<std::string> running;  // nothing where the library cannot be asked
-  std::string with;                    // what it works with, for one that has a choice
+  std::optional<std::string> running;  // empty if the library does not tell
+  std::string with;                    // its back end, if it has a choice
 };
 
 std::string dotted(int major, int minor, int patch) {

@@ -2,11 +2,11 @@
 
 #include <string>
 
-/// What this `ahs` was built from and what it runs with. Nothing in it tells when or where it was
-/// built, so that the same sources give the same program.
+/// What this `ahs` was built from and runs with. It tells no time or place of the build, so the
+/// same sources give the same program.
 namespace BuildFacts {
 
-/// "ahs" and the version on the first line, then a fact a line.
+/// "ahs" and the version on the first line, then one fact per line.
 std::string asText();
 
 /// The same as one JSON object.

@@ -1,4 +1,4 @@
-// Walks through the parser's description of the tool, so that nothing has to repeat it.
+// Reads the parser's description of the tool, so that no other code repeats it.
 
 #include "cli/CommandTree.h"
 

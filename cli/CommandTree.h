@@ -8,8 +8,8 @@ class App;
 class Option;
 }  // namespace CLI
 
-/// The tool's own description of its commands and options, which the parser has, as messages, help
-/// and completions need it. What is hidden from the help is left out.
+/// The commands and options as the parser describes them, for messages, help and completions.
+/// Leaves out what the help hides.
 namespace CommandTree {
 
 /// The commands below one, in the order of the help.
@@ -18,7 +18,7 @@ std::vector<const CLI::App*> commandsOf(const CLI::App& command);
 /// The command of that name below another; null if there is none.
 const CLI::App* findCommand(const CLI::App& command, const std::string& name);
 
-/// What a person types to get there: "ahs cache show".
+/// The words that call a command: "ahs cache show".
 std::string fullName(const CLI::App& command);
 
 /// The options, without operands, in the order of the help.
@@ -30,7 +30,7 @@ std::vector<const CLI::Option*> operandsOf(const CLI::App& command);
 /// An option's names with their hyphens, the short ones first.
 std::vector<std::string> namesOf(const CLI::Option& option);
 
-/// Whether something has to stand behind it.
+/// Whether the option needs a value.
 bool takesValue(const CLI::Option& option);
 
 /// The help of a command.

@@ -11,22 +11,22 @@ class App;
 /// The subcommand that a person chose, ready to run; its result is the exit status.
 using ChosenCommand = std::function<int()>;
 
-/// Each adds one subcommand and its options to the tool. When the command line names it, `chosen`
-/// is set to what it does.
+/// Each function adds one subcommand with its options to the tool. If the command line names the
+/// subcommand, the parser sets `chosen`.
 void addSelectCommand(CLI::App& tool, ChosenCommand& chosen);
 void addWatchCommand(CLI::App& tool, ChosenCommand& chosen);
-/// @param program what stands after "--": the program to run and its arguments; to outlive `tool`.
+/// @param program words after "--": the program and its arguments; must outlive `tool`.
 void addExecCommand(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& program);
 void addProbeCommand(CLI::App& tool, ChosenCommand& chosen);
 void addProfileCommand(CLI::App& tool, ChosenCommand& chosen);
 void addPreferencesCommand(CLI::App& tool, ChosenCommand& chosen);
 void addCacheCommand(CLI::App& tool, ChosenCommand& chosen);
-/// @param words what stands after "--": the line to complete; to outlive `tool`.
+/// @param words words after "--": the line to complete; must outlive `tool`.
 void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen,
                           const std::vector<std::string>& words);
 
-/// Adds all of them, and the options of the tool itself.
-/// @param other what stands after "--"; to outlive `tool`.
+/// Adds all subcommands and the options of the tool itself.
+/// @param other words after "--"; must outlive `tool`.
 void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other);
 
 /// The whole tool: parses the command line, runs the command, and returns the exit status.

@@ -1,5 +1,5 @@
-// Writing to the terminal and to pipes. Nothing here buffers, so there is nothing to lose when the
-// process is ended by a signal, and every failed write is seen by the one who asked for it.
+// Writes to terminal and pipes without a buffer. So a signal that ends the process loses nothing,
+// and each caller learns of its failed write.
 
 #include "cli/Console.h"
 
@@ -22,7 +22,7 @@ std::string Console::write(int descriptor, const std::string& text) {
       continue;
     }
     if (count < 0 && errno == EAGAIN) {
-      // Whoever handed the descriptor over made it non-blocking for itself.
+      // The process that handed the descriptor over made it non-blocking.
       pollfd ready{descriptor, POLLOUT, 0};
       static_cast<void>(poll(&ready, 1, -1));
       continue;
@@ -73,7 +73,7 @@ int Console::complainOfUsage(const std::string& command, const std::string& erro
 }
 
 void Console::note(const std::string& text) {
-  // Standard error is the last place to report to; when it fails there is nobody left to tell.
+  // If standard error fails, no place is left to report to.
   static_cast<void>(write(STDERR_FILENO, text + "\n"));
 }
 

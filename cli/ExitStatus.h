@@ -7,16 +7,16 @@ enum ExitStatus : int {
   ExitSelected = 0,      ///< a headend was selected, measured now or found in the cache
   ExitNotMeasured = 1,   ///< nothing could be measured
   ExitMeasured = 0,      ///< of a probe: the headend would have a metric
-  ExitNoMistakes = 0,    ///< of the commands that look into files: what was asked for is printed
+  ExitNoMistakes = 0,    ///< of commands about files: the answer is printed
   ExitMistakes = 1,      ///< files that were checked have mistakes
   ExitUsage = 2,         ///< usage, configuration, or output that could not be written
   ExitProxyAsks = 3,     ///< a proxy asks for authentication
-  ExitCannotRun = 126,   ///< a program is there and cannot be run (POSIX, 2.8.2, as the next)
-  ExitNoProgram = 127,   ///< there is no such program
+  ExitCannotRun = 126,   ///< the program exists but cannot be run (POSIX, 2.8.2)
+  ExitNoProgram = 127,   ///< there is no such program (POSIX, 2.8.2)
   ExitSignalBase = 128,  ///< added to the number of the signal that ended the process
 };
 
-/// What a status means, of which commands.
+/// The meaning of an exit status for some commands.
 struct StatusMeaning {
   const char* status;
   const char* commands;

@@ -1,7 +1,6 @@
-// Ending and stopping by a signal. A thread of its own takes the signals, so that the process ends
-// at once also while its main thread is stuck: in a write to a pipe that nobody reads, or on a file
-// system that does not answer. What is tidied up gets a second; an alarm ends the process if it
-// takes longer.
+// Signals that end or stop the process. A separate thread takes them, so that the process ends at
+// once even if its main thread hangs in a write to a full pipe or on a dead file system. Cleaning
+// up has one second; then an alarm ends the process.
 
 #include "cli/Interruption.h"
 
@@ -41,8 +40,8 @@ sigset_t signalsOfInterest() {
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGQUIT);
   sigaddset(&signals, SIGCONT);
-  // nohup(1) starts a program with SIGHUP ignored and means it, and a shell without job control
-  // does the same with SIGTSTP. SIGINT and SIGQUIT are taken even so: see `isMeantForOthers`.
+  // nohup(1) starts a program with SIGHUP ignored and means it; so does a shell without job control
+  // with SIGTSTP. `isMeantForOthers` decides about SIGINT and SIGQUIT.
   for (const int signal : {SIGHUP, SIGTSTP, SIGUSR1, SIGUSR2}) {
     if (!Surroundings::wasIgnored(signal)) {
       sigaddset(&signals, signal);
@@ -90,28 +89,27 @@ bool isTakenOver(int signal, bool fromTerminal) {
   _exit(statusAtEnd);
 }
 
-// Stops by the signal itself, so that the kernel can refuse when there is no shell left that could
-// continue the process.
+// Stops by the signal itself: the kernel then refuses if no shell is left to continue the process.
 void stop() {
   perform(&Interruption::Duties::beforeStop);
   const sigset_t stopOnly = only(SIGTSTP);
   pthread_sigmask(SIG_UNBLOCK, &stopOnly, nullptr);
   raise(SIGTSTP);
   pthread_sigmask(SIG_BLOCK, &stopOnly, nullptr);
-  // What continued the process waits to be taken; what it says is done here.
+  // SIGCONT continued the process and is pending; this function does its work.
   const sigset_t continueOnly = only(SIGCONT);
   const timespec atOnce{};
   static_cast<void>(sigtimedwait(&continueOnly, nullptr, &atOnce));
   perform(&Interruption::Duties::afterStop);
 }
 
-/// The kernel sends in the name of the terminal; but a hang-up goes to the session's leader alone.
+/// The terminal's signals come from the kernel; a hang-up goes to the session's leader alone.
 bool isFromTerminal(const siginfo_t& told) {
   return told.si_code == SI_KERNEL && told.si_signo != SIGHUP;
 }
 
-/// A shell without job control lets its background jobs ignore what the terminal sends to the job
-/// in front; kill -INT means the process itself and is a clear request.
+/// A shell without job control starts background jobs with SIGINT and SIGQUIT ignored: the
+/// terminal's are not meant for them. kill -INT is a clear request.
 bool isMeantForOthers(const siginfo_t& told) {
   return isFromTerminal(told) && Surroundings::wasIgnored(told.si_signo);
 }

@@ -2,23 +2,23 @@
 
 #include <functional>
 
-/// Ends the process on Ctrl-C, Ctrl-\, SIGTERM and SIGHUP, whatever its threads are doing: one
-/// thread waits for these signals, which are blocked in all others, tidies up, and ends the process
-/// with the exit status 128 + the signal's number. Nobody is waited for. The same thread stops the
-/// process on Ctrl-Z, and is told when it goes on.
+/// Ends the process on Ctrl-C, Ctrl-\, SIGTERM and SIGHUP, whatever its threads are doing. All
+/// other threads block these signals. One thread waits for them, cleans up, and ends the process
+/// with exit status 128 + signal number; it waits for no thread. It also stops the process on
+/// Ctrl-Z.
 class Interruption {
  public:
-  /// What is done on a signal. The operations run on the waiting thread; any may be empty.
+  /// What to do on a signal. The waiting thread runs the operations; any may be empty.
   struct Duties {
-    /// Before the process ends; must not wait for anything for long, and gets one second.
+    /// Before the process ends; must not wait long: one second is allowed.
     std::function<void()> beforeEnd;
     /// Before the process stops.
     std::function<void()> beforeStop;
-    /// When the process has been continued.
+    /// After the process was continued.
     std::function<void()> afterStop;
-    /// Before `beforeEnd`: whether somebody else answers the signal, so that the process goes on.
-    /// Also told of SIGTSTP, before the process stops, and of SIGCONT, when it goes on, whatever it
-    /// returns.
+    /// Before `beforeEnd`. Returns true if the signal was handled, so that the process goes on.
+    /// Also called with SIGTSTP before a stop and with SIGCONT after it; then the result is
+    /// ignored.
     /// @param signal its number.
     /// @param fromTerminal the terminal has sent it to the whole process group.
     std::function<bool(int signal, bool fromTerminal)> takeOver{};
@@ -26,12 +26,12 @@ class Interruption {
 
   Interruption() = delete;
 
-  /// Starts waiting, and lets a closed pipe be an error of the writer in place of a signal. To be
-  /// called once, before any other thread exists. Without a thread to be had, the signals keep
-  /// their default action, which ends the process untidily.
+  /// Starts waiting, and makes a closed pipe a write error instead of a signal. To be called once,
+  /// before any other thread exists. If no thread can be created, the signals keep their default
+  /// action and nothing cleans up.
   static void begin();
 
-  /// Sets what is done from now on. May be called on any thread; returns when an operation of the
-  /// duties before that is under way has ended.
+  /// Replaces the duties. Any thread may call it; returns when a running operation of the old
+  /// duties has ended.
   static void setDuties(Duties duties);
 };

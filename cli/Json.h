@@ -4,24 +4,24 @@
 #include <optional>
 #include <string>
 
-/// JSON for programs: one object, whose first member tells the version of its form.
+/// JSON for programs: one object. Its first member is the version of its form.
 using Json = nlohmann::ordered_json;
 
-/// The value of the member "schema". Members may be added under the same number; none changes its
+/// The value of the member "schema". A new member does not change the number; no member changes its
 /// meaning.
 constexpr int JsonSchema = 1;
 
-/// An object that has its "schema".
+/// A new object with its "schema".
 inline Json newJson() { return {{"schema", JsonSchema}}; }
 
-/// A value as it is; null where there is none. A text that is empty is none.
+/// The value; null if there is none or the text is empty.
 template <class T>
 Json orNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json(nullptr);
 }
 inline Json orNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
 
-/// An object as it is printed. What is no UTF-8 in it (a path) is replaced.
+/// The object as text. Bytes that are not UTF-8 (in a path) are replaced.
 inline std::string jsonText(const Json& object) {
   constexpr int Indent = 2;
   return object.dump(Indent, ' ', false, Json::error_handler_t::replace) + "\n";

@@ -1,5 +1,5 @@
-// What a process inherits. Everything is noted by the main thread before there is another one, and
-// only read after that.
+// What the process inherits. The main thread notes it before it starts another thread; all threads
+// only read it later.
 
 #include "cli/Surroundings.h"
 
@@ -29,8 +29,8 @@ bool isOpen(int descriptor) { return fcntl(descriptor, F_GETFD) >= 0 || errno !=
 
 void fillStandardDescriptors() {
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
-    // The lowest that is free is the one that is opened; an output that cannot be written to lets
-    // the writer know that nobody reads.
+    // open(2) takes the lowest free number. A write to a read-only output fails, so the writer
+    // learns that nobody reads.
     if (!isOpen(descriptor)) {
       static_cast<void>(open("/dev/null", O_RDONLY));
     }

@@ -23,7 +23,7 @@ std::string lineOf(const std::vector<std::string>& cells, const std::vector<std:
 
 std::size_t widthOf(const std::string& text) {
   return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;  // not what continues a character
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;  // skips continuation bytes
   }));
 }
 

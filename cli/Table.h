@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-/// A table as text: one line a row, columns as wide as their widest cell, two blanks between them
-/// and none at the end of a line. Cells are made visible, so they may come from a file; the width
-/// of a cell is its number of characters.
+/// A table as text: one line per row, columns as wide as their widest cell, two blanks between
+/// columns, none at the end of a line. Cells may come from files: control characters are made
+/// visible.
 std::string tableText(const std::vector<std::string>& heading,
                       const std::vector<std::vector<std::string>>& rows);
 
-/// Characters of a UTF-8 text.
+/// Number of characters in a UTF-8 text.
 std::size_t widthOf(const std::string& text);

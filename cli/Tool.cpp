@@ -1,5 +1,5 @@
-// The tool as a whole: its subcommands, help and version, and what a wrong command line is answered
-// with. A subcommand has a source of its own and is added here by one line.
+// The tool as a whole: subcommands, help, version, and the messages for a wrong command line. Each
+// subcommand has its own source; one line here adds it.
 
 #include <algorithm>
 
@@ -20,13 +20,12 @@ namespace {
 constexpr int ExitPrinted = ExitNoMistakes;
 
 // ---- Command lines that were not understood ----------------------------------------------------
-// What was typed may hold a password, so of a wrong option the name is repeated and the value is
-// not.
+// A typed value may be a password: messages repeat the name of a wrong option, never its value.
 
-// As much of a word as a person needs to find it again, in bytes.
+// So many bytes of a word let a person find it again.
 constexpr std::size_t MaxWordLength = 80;
 
-// As much of the parser's own words, which may hold what was typed.
+// The parser's own message, which may repeat typed words, is cut to this.
 constexpr std::size_t MaxTextLength = 300;
 
 std::string inQuotes(const std::string& word) {
@@ -58,7 +57,7 @@ std::vector<std::string> namesOfCommands(const CLI::App& command) {
 std::string explainUnknownOption(const CLI::App& command, const std::string& word) {
   const std::string name = word.substr(0, word.find('='));
   const std::vector<std::string> names = namesOfOptions(command);
-  // Among letters everything is near.
+  // Any single letter resembles any other, so short names get no suggestion.
   const std::string* const meant = name.starts_with("--") ? nearestName(name, names) : nullptr;
   return "there is no option " + inQuotes(name) + " of '" + CommandTree::fullName(command) + "'" +
          (meant != nullptr ? "; did you mean '" + *meant + "'?"
@@ -68,7 +67,7 @@ std::string explainUnknownOption(const CLI::App& command, const std::string& wor
          whereHelpIs(command);
 }
 
-/// @param above what the command was looked for in: the tool, or a command that has commands.
+/// @param above the tool, or the command whose subcommands were searched.
 std::string explainUnknownCommand(const CLI::App& above, const std::string& name) {
   const std::vector<std::string> names = namesOfCommands(above);
   const std::vector<std::string> options = namesOfOptions(above);
@@ -88,7 +87,7 @@ bool isOption(const std::string& word) { return word.size() > 1 && word.front() 
 std::string explainLeftOver(const CLI::App& command) {
   const std::vector<std::string> words = command.remaining(false);
   const auto name = std::find_if_not(words.begin(), words.end(), isOption);
-  // The options behind a command that is not known are not known either.
+  // If the command is unknown, so are its options.
   if (name != words.end() && command.get_subcommands().empty() &&
       !CommandTree::commandsOf(command).empty()) {
     return explainUnknownCommand(command, *name);
@@ -134,7 +133,7 @@ std::string explainWrongCommandLine(const CLI::App& tool, const CLI::ParseError&
 
 // ---- Help and version -------------------------------------------------------------------------
 
-// What CLI11 throws for a wrong command line, and for help, which is none.
+// CLI11 throws for a wrong command line, and also for help.
 int answer(const CLI::App& tool, const CLI::ParseError& error) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
     const CLI::App* command = &tool;
@@ -177,8 +176,7 @@ std::string exitStatusTable() {
   return tableText({"EXIT STATUS", "COMMANDS", "MEANING"}, rows);
 }
 
-// What stands after the "--" of `ahs exec` and `ahs completion` is another command line and no part
-// of this one.
+// The words after the "--" of `ahs exec` and `ahs completion` are another command line.
 std::vector<std::string> takeOtherLine(int& argumentCount, char** arguments) {
   std::vector<std::string> other;
   const std::string command = argumentCount < 2 ? "" : arguments[1];
@@ -197,11 +195,11 @@ std::vector<std::string> takeOtherLine(int& argumentCount, char** arguments) {
 }  // namespace
 
 void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other) {
-  // "--no-cache=false" would be taken as a wish for it, and --no-cache=1 in silence.
+  // Otherwise the parser takes "--no-cache=false" for --no-cache, and --no-cache=1 in silence.
   tool.option_defaults()->disable_flag_override();
   tool.set_version_flag("--version", "",
                         "Print the version, and what the program was built from and runs with");
-  // It exists for --version; before a command it would be no command's.
+  // Only --version uses it; before a command it would have no effect.
   tool.add_flag("--json")->description("With --version: print one JSON object");
   tool.require_subcommand(1);
   tool.footer(exitStatusTable() +

@@ -48,7 +48,7 @@ std::string Wording::duration(std::size_t seconds) {
 }
 
 std::string Wording::localTime(bool withZone) {
-  tzset();  // the zone may be another one than a day ago
+  tzset();  // the time zone may have changed since
   const std::time_t now = std::time(nullptr);
   std::tm parts{};
   char text[64] = "";
@@ -60,7 +60,7 @@ std::string Wording::localTime(bool withZone) {
 }
 
 std::string Wording::utc(const std::tm& parts) {
-  char text[64];  // holds every year
+  char text[64];  // long enough for any year
   return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 

@@ -1,4 +1,4 @@
-// The `ahs` command. Everything it does lives in the library beside it, so that tests can link it.
+// The `ahs` command. All its code is in a library, so that tests can link it.
 
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ int runGuarded(int argumentCount, char** arguments) {
 
 int main(int argc, char** argv) {
   Surroundings::note();
-  // Everything is written and closed by now, but threads whose work is done may still be leaving.
-  // What libraries free in their exit handlers is what these threads use, so no handler is run.
+  // All output is written, but threads may still be leaving. Exit handlers of libraries would free
+  // what these threads use, so none runs.
   _exit(runGuarded(argc, argv));
 }

@@ -6,7 +6,7 @@
 
 namespace {
 
-// In double quotes a backslash takes the meaning from these alone.
+// Between double quotes a backslash quotes only these characters.
 constexpr std::string_view SpecialInDoubleQuotes = "\"\\$`";
 
 bool isPlain(char c) {
@@ -49,7 +49,7 @@ BashLine::BashLine(const std::string& line, const std::string& breaks) {
 }
 
 std::optional<std::string> BashLine::restOf(const std::string& word) const {
-  // Between double quotes nothing takes the meaning from an exclamation mark.
+  // Between double quotes an exclamation mark cannot be quoted.
   if (!word.starts_with(m_typed) || (m_quote == '"' && word.find('!', m_kept) != word.npos)) {
     return std::nullopt;
   }

@@ -5,25 +5,25 @@
 #include <string>
 #include <vector>
 
-/// A command line up to the cursor, as bash hands it to a completion: split into words as bash will
-/// and freed from quotes. Nothing is evaluated: a variable stays the text that was typed.
+/// A command line up to the cursor, from bash's completion: split into words as bash splits it,
+/// without quotes. Nothing is evaluated: a variable stays as typed.
 class BashLine {
  public:
-  /// @param breaks COMP_WORDBREAKS: where readline, other than bash, ends a word too.
+  /// @param breaks COMP_WORDBREAKS: characters at which readline, unlike bash, ends a word.
   BashLine(const std::string& line, const std::string& breaks);
 
-  /// The words before the one that is being typed.
+  /// The words before the word at the cursor.
   const std::vector<std::string>& before() const { return m_before; }
   const std::string& typed() const { return m_typed; }
 
-  /// What readline is to put in place of its word, so that the line holds this one: quoted, because
-  /// bash takes it as it is. Nothing if the word does not begin with what was typed, or cannot
-  /// stand between the quotes that are open.
+  /// What readline must put in place of its own word to complete `word`, quoted because bash
+  /// inserts it as it is. Nothing if `word` does not begin with the typed text, or cannot be quoted
+  /// inside the open quotes.
   std::optional<std::string> restOf(const std::string& word) const;
 
  private:
   std::vector<std::string> m_before;
   std::string m_typed;
-  std::size_t m_kept = 0;  // bytes of m_typed before what readline takes for the word
-  char m_quote = '\0';     // that is open
+  std::size_t m_kept = 0;  // bytes of m_typed before readline's own word
+  char m_quote = '\0';     // the open quote
 };

@@ -1,7 +1,7 @@
-// `ahs completion`: prints the script that completes command lines in a shell. The script hands the
-// line to the hidden command `ahs completion words`, which says what may follow, as it stands in
-// the parser's description, and offers that without evaluating any of it. Names of host entries
-// come from profiles: one that is not what it looks like is never offered.
+// `ahs completion`: prints the script that completes command lines in a shell. The script passes
+// the line to the hidden command `ahs completion words`. That reads the parser's description and
+// prints what may follow; the script evaluates none of it. Names of host entries come from
+// profiles: a misleading name is never offered.
 
 #include <unistd.h>
 
@@ -24,7 +24,7 @@
 
 namespace {
 
-// A shell stands still meanwhile. In seconds.
+// Time limit in seconds: the shell stands still meanwhile.
 constexpr unsigned int Patience = 2;
 
 constexpr const char* BashScript = R"sh(# Completion of ahs for bash, which asks the command itself.
@@ -78,7 +78,7 @@ else
 fi
 )sh";
 
-// What stands behind a command that there is not is completed as names of files.
+// After an unknown command, fish completes file names.
 constexpr const char* FishScript = R"sh(# Completion of ahs for fish, which asks the command itself.
 function __ahs
     set -l typed (commandline -ct)
@@ -101,26 +101,26 @@ end
 complete -c ahs -f -a '(__ahs)'
 )sh";
 
-/// What may stand where a person is typing.
+/// What may follow at the cursor.
 struct Completion {
   struct Word {
     std::string text;
     std::string description{};  ///< a few words; may be empty
   };
 
-  /// As the scripts take it: "words", or "file", "directory" or "program" for what a shell finds.
+  /// "words", or "file", "directory" or "program", which the shell completes itself.
   std::string kind = "words";
-  std::vector<Word> words{};  ///< whole ones, with the option's name before a value
+  std::vector<Word> words{};  ///< whole words, with the option's name before a value
 };
 
-// Nobody picks from a longer list by sight; what has been typed makes it shorter.
+// Nobody picks from a longer list by sight; more typed letters shorten it.
 constexpr std::size_t MostEntries = 1000;
 
-/// A line up to the word that is being typed.
+/// A line up to the word at the cursor.
 struct Line {
-  const CLI::App* command;            ///< that it has come to
+  const CLI::App* command;            ///< the command named so far
   const CLI::Option* open = nullptr;  ///< the option whose value comes next
-  bool hasEnded = false;              ///< a "--" has been there
+  bool hasEnded = false;              ///< after a "--"
   bool isForHelp = false;
   FileOptions files{};  ///< the profiles that it names
 };
@@ -192,7 +192,7 @@ Completion optionsOf(const CLI::App& command) {
   return completion;
 }
 
-/// "error|warning|info|off": the words that a placeholder stands for. None if it is no such list.
+/// The words of a placeholder like "error|warning|info|off"; none if it is no such list.
 std::vector<std::string> alternatives(const std::string& placeholder) {
   const auto isOfList = [](char c) { return (c >= 'a' && c <= 'z') || c == '|'; };
   std::vector<std::string> words;
@@ -219,7 +219,7 @@ Completion hostEntries(const FileOptions& files, std::string Candidate::*part) {
   return completion;
 }
 
-/// What an option takes, or what stands as an operand.
+/// What may be the value of an option, or an operand.
 Completion valueOf(const CLI::Option& option, const FileOptions& files) {
   const std::string& placeholder = option.get_option_text();
   const auto names = [&placeholder](const char* kind) {
@@ -276,17 +276,17 @@ Completion allThatFollows(const Line& line, const std::string& typed) {
   return operandsOf(line);
 }
 
-/// What may stand where a person is typing, found in the tool's own description of its commands and
-/// options, and for host entries in the profiles that the line names.
+/// What may follow at the cursor: commands and options from the parser's description, host entries
+/// from the profiles that the line names.
 /// @param before the words of the line, the tool's name first.
-/// @param typed the beginning of the word that is being typed.
+/// @param typed the beginning of the word at the cursor.
 Completion completionOf(const CLI::App& tool, const std::vector<std::string>& before,
                         const std::string& typed) {
   Line line{&tool};
   std::for_each(before.begin() + (before.empty() ? 0 : 1), before.end(),
                 [&line](const std::string& word) { take(line, word); });
   Completion completion = allThatFollows(line, typed);
-  // A shell has its own idea of what fits to what has been typed, so few are offered whole.
+  // Shells match in their own ways, so a short list is offered whole.
   if (completion.words.size() > MostEntries) {
     const std::string begin = CStringUtils::toLower(typed);
     std::erase_if(completion.words, [&begin](const Completion::Word& word) {
@@ -297,8 +297,7 @@ Completion completionOf(const CLI::App& tool, const std::vector<std::string>& be
   return completion;
 }
 
-// Of bash, what stands after "--" are readline's word breaks and the line; of the others, the
-// words.
+// @param given after "--": from bash, readline's word breaks and the line; else the words.
 int printWords(const CLI::App& tool, std::vector<std::string> given, bool isLine) {
   static_cast<void>(alarm(Patience));
   given.resize(std::max<std::size_t>(given.size(), 2));

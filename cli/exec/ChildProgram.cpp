@@ -1,5 +1,5 @@
-// Running another program. It gets the descriptors and signals that the command was started with
-// and none of the command's own: libraries open descriptors that are not closed by an exec.
+// Runs another program with the inherited descriptors and signals of the command. The command's own
+// descriptors must not leak: some libraries open theirs without close-on-exec.
 
 #include "cli/exec/ChildProgram.h"
 
@@ -20,7 +20,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// How often a wait with a limit looks whether the program has ended.
+// How often a limited wait checks whether the program has ended.
 constexpr std::chrono::milliseconds LookInterval{20};
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -50,7 +50,7 @@ std::vector<std::string> environmentWith(const ChildProgram::Variables& variable
   return environment;
 }
 
-/// The descriptors that the command was started with, and no other.
+/// Passes on the inherited descriptors and no others.
 void passDescriptors(ChildProgram::Output output, posix_spawn_file_actions_t& actions) {
   if (output == ChildProgram::Output::Errors) {
     posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
@@ -65,7 +65,7 @@ void passDescriptors(ChildProgram::Output output, posix_spawn_file_actions_t& ac
   posix_spawn_file_actions_addclosefrom_np(&actions, next);
 }
 
-/// The signals as the command found them.
+/// Passes on the inherited signal settings.
 void passSignals(posix_spawnattr_t& attributes) {
   sigset_t changed;
   sigemptyset(&changed);
@@ -82,7 +82,7 @@ void passSignals(posix_spawnattr_t& attributes) {
 ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variables& variables,
                            Output output)
     : m_problemStatus(0), m_pid(-1), m_isOurs(false) {
-  // Whoever starts the command may ignore its children's ends; there would be none to wait for.
+  // The parent may have made us ignore SIGCHLD; then no child's status could be waited for.
   ::signal(SIGCHLD, SIG_DFL);
   std::vector<std::string> arguments = command;
   std::vector<std::string> environment = environmentWith(variables);
@@ -129,7 +129,7 @@ ChildProgram::End ChildProgram::waitForEnd() {
   return takeEnd();
 }
 
-/// Takes the status of a program that has ended, which gives its number back.
+/// Takes the status of an ended program; its process number becomes free.
 ChildProgram::End ChildProgram::takeEnd() {
   const CAutoLockT<CManualLock> guard(m_lock);
   int status = 0;

@@ -1,6 +1,5 @@
-// `ahs exec`: a selection, and then a program with the headend it has found. A program that ends
-// badly at once gets the next headend; whatever else it does is its own affair, and its exit status
-// is the command's.
+// `ahs exec`: selects, then runs a program with the nearest headend. A program that soon fails is
+// run with the next headend. Otherwise its exit status becomes the command's.
 
 #include <signal.h>
 
@@ -30,7 +29,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// Longer than most programs try to reach a headend that does not answer.
+// Most programs give up a silent headend sooner than this.
 constexpr unsigned int StartSeconds = 30;
 constexpr unsigned int MostStartSeconds = 86'400;
 constexpr unsigned int MostTries = 100'000;
@@ -42,8 +41,8 @@ struct ExecOptions {
   std::vector<std::string> program;
 };
 
-/// Hands signals to the program under way, and remembers that there was one: after it, no other
-/// program is started. Where no program is there to be handed a signal, it is the command's.
+/// Passes signals on to the running program. After a signal no further program is started. Without
+/// a running program, the signal acts on the command.
 class Foreground {
  public:
   std::shared_ptr<ChildProgram> start(const std::vector<std::string>& command,
@@ -73,7 +72,7 @@ class Foreground {
   std::optional<int> m_signal AHS_GUARDED_BY(m_lock);
 };
 
-/// How one program went.
+/// How one run of the program ended.
 struct Attempt {
   int status = 0;
   bool mayTryNext = false;
@@ -148,7 +147,7 @@ int runExec(const ExecOptions& options) {
         if (!advice.empty()) {
           Console::complain(advice);
         }
-        // A headend that was kept without a measurement is what a client would connect to as well.
+        // A client would connect to a headend kept without a measurement, too.
         const bool mayRun = selected == ExitSelected || selected == ExitNotMeasured;
         return result.headends.empty() || !mayRun ? selected : runPrograms(options, result);
       });

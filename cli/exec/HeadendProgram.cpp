@@ -1,6 +1,5 @@
-// How a program is told its headend. A headend is safe as an argument: the profile's reader lets no
-// host begin with a hyphen. A host entry's name may hold anything, so it is in the environment
-// alone.
+// Tells a program its headend. A headend is safe as an argument: profiles allow no host that begins
+// with a hyphen. A host entry's name may hold anything, so only the environment has it.
 
 #include "cli/exec/HeadendProgram.h"
 
@@ -8,7 +7,7 @@
 
 namespace {
 
-/// The place that a probe of a headend goes to.
+/// Host and port that probes of a headend connect to.
 Place placeOfHeadend(const std::string& headend) { return candidateOf("", URL(headend)).place; }
 
 void replaceAll(std::string& text, const std::string& name, const std::string& value) {

@@ -6,13 +6,13 @@
 #include "cli/exec/ChildProgram.h"
 #include "cli/show/SelectionResult.h"
 
-/// One of the delivered headends with what is known of it.
+/// The result of a delivered headend.
 HeadendResult chosenHeadend(const std::string& headend, const SelectionResult& result);
 
-/// What a program finds in its environment: AHS_HEADEND, AHS_HOST (an IPv6 address without
-/// brackets), AHS_PORT, AHS_NAME, and AHS_METRIC_MS, which is empty without a metric.
+/// Environment variables for a program: AHS_HEADEND, AHS_HOST (IPv6 without brackets), AHS_PORT,
+/// AHS_NAME, and AHS_METRIC_MS (empty without a metric).
 ChildProgram::Variables variablesOf(const HeadendResult& chosen);
 
-/// A command with each "{headend}", "{host}" and "{port}" in it replaced.
+/// A command whose "{headend}", "{host}" and "{port}" are replaced.
 std::vector<std::string> commandFor(const std::vector<std::string>& command,
                                     const HeadendResult& chosen);

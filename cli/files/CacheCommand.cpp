@@ -1,6 +1,6 @@
-// `ahs cache`: shows, clears and finds the selection cache. It works on the files alone, which
-// selections may read and write meanwhile. A file may be anybody's text: it is read as the
-// selections read it, within the same bounds, and nothing of it is printed but printable ASCII.
+// `ahs cache`: shows, clears and finds the selection cache. It works on files that selections may
+// read and write meanwhile. A file may hold anything: this reads it within the same bounds as a
+// selection and prints only printable ASCII.
 
 #include <stdio.h>
 
@@ -28,14 +28,14 @@ constexpr int ExitDone = ExitSelected;
 constexpr int ExitUnusable = ExitNotMeasured;
 
 constexpr unsigned long SecondsPerDay = 86400;
-// Lines of a list, and characters of a text, that a person is shown: a file may hold a hundred
-// thousand results of four thousand characters.
+// Lines of a list, and characters of a text, to print: a file may hold a hundred thousand results
+// of four thousand characters.
 constexpr std::size_t MostLines = 10;
 constexpr std::size_t MostCharacters = 200;
 
 using Selection = SelectionFiles::Selection;
 
-/// What selections are judged by.
+/// What decides whether a selection of the cache answers.
 struct Here {
   std::optional<std::string> place;  ///< the present one, if the resolver's settings can be read
   unsigned long now = SelectionTimes::now();
@@ -58,7 +58,7 @@ std::string shortened(const std::string& text) {
   return text.size() <= MostCharacters ? text : text.substr(0, MostCharacters) + "...";
 }
 
-// The candidate set as the run has built it: each ends with a semicolon, the first one comes last.
+// The candidates of a run's key: each ends with a semicolon; the first candidate stands last.
 std::vector<std::string> candidatesOf(const std::string& knownHeadends) {
   std::vector<std::string> candidates;
   std::istringstream parts(knownHeadends);
@@ -77,13 +77,13 @@ std::vector<CHeadendRTT> rankedOf(const Selection& selection) {
   return headends;
 }
 
-/// The store counts as a use.
+/// Storing a selection counts as its first use.
 unsigned long lastUseOf(const Selection& selection) {
   return std::max(static_cast<unsigned long>(selection.used.time_since_epoch().count()),
                   selection.entry.GetTimestamp());
 }
 
-// The values of one kind in a place: name servers or search domains.
+// The name servers or the search domains of a place.
 std::vector<std::string> partsOf(const std::string& place, const std::string& kind) {
   std::vector<std::string> values;
   std::istringstream words(place);
@@ -213,7 +213,7 @@ struct CacheOptions {
   bool json = false;
 };
 
-// The path of the cache directory; empty after a complaint.
+// The path of the cache directory; empty, after a message, if there is none.
 std::string findDirectory(const CacheOptions& options) {
   std::string directory = options.cacheDirectory.value_or(defaultPaths().cacheDirectory);
   if (directory.empty()) {

@@ -1,6 +1,6 @@
-// The files of a person: the options that name them, their default places, and a look into them
-// without a selection. A default that does not exist is no error; a name that a person typed and
-// that does not exist is, and is found before anything is started.
+// A person's files: options that name them, default places, and reading them without a selection. A
+// missing default is no error. A missing file that a person named is an error, found before
+// anything starts.
 
 #include "cli/files/FileOptions.h"
 
@@ -23,7 +23,7 @@ std::string baseDirectory(const char* value, const char* home, const char* below
   if (value != nullptr && value[0] == '/') {
     return value;
   }
-  // A relative one would mean another place in each directory the tool is started in.
+  // A relative path would depend on the current directory.
   if (home != nullptr && home[0] == '/') {
     return std::string(home) + belowHome;
   }
@@ -191,7 +191,7 @@ void LoadedFiles::load() {
 
 LoadedFiles::~LoadedFiles() {
   if (m_isLoaded) {
-    // One acquisition is the creation's, the other this look-up's own.
+    // `LoadedFiles` holds one acquisition, which created the manager; this is a second one.
     PreferenceMgr* const manager = PreferenceMgr::acquireInstance();
     manager->releaseInstance();
     manager->releaseInstance();

@@ -11,8 +11,8 @@ namespace CLI {
 class App;
 }
 
-/// Where the tool looks for its files when it is not told (XDG base directory rules). What is below
-/// the home directory is empty for a user who has none.
+/// Default places of the tool's files (XDG base directory rules). Paths below the home directory
+/// are empty for a user without one.
 struct DefaultPaths {
   std::string userProfiles;
   std::string systemProfiles;  ///< used when `userProfiles` does not exist
@@ -22,70 +22,69 @@ struct DefaultPaths {
 };
 
 /// The default paths for an environment.
-/// @param configHome, cacheHome values of XDG_CONFIG_HOME and XDG_CACHE_HOME, @param home of HOME;
-///        null, empty or relative values are not used, as the XDG rules ask.
+/// @param configHome, cacheHome, home values of XDG_CONFIG_HOME, XDG_CACHE_HOME and HOME; null,
+///        empty or relative values are ignored, as the XDG rules demand.
 DefaultPaths defaultPathsFor(const char* configHome, const char* cacheHome, const char* home);
 
 /// The default paths of this process.
 DefaultPaths defaultPaths();
 
-/// What is wrong with a directory, or a file, that a person named: that it does not exist, is
-/// something else, or cannot be read. Empty if it can be used.
+/// Why a directory or file that a person named cannot be used: it does not exist, has another type,
+/// or cannot be read. Empty if it can be used.
 std::string findDirectoryError(const std::string& path);
 std::string findFileError(const std::string& path);
 
-/// The options of commands that read profiles and preferences, as a person typed them; an optional
-/// without a value was not given.
+/// File options as typed. An empty optional means that the option was not given.
 struct FileOptions {
   std::optional<std::string> profiles;
   std::optional<std::string> preferences;
   std::optional<std::string> globalPreferences;
   bool trustProfiles = false;
-  bool json = false;  ///< what is told of them is for programs
+  bool json = false;  ///< print JSON
 };
 
 /// Adds the options that say where profiles and preferences are: --profiles, --preferences,
 /// --global-preferences, --trust-profiles.
 void addFileOptions(CLI::App& command, FileOptions& options);
 
-/// The same, checked and complete.
+/// The options, checked and complete.
 struct FilePlan {
   PreferenceMgr::Sources sources;
-  /// Where profiles are looked for, for messages: one directory, or the user's and the system's.
+  /// Places of profiles, for messages: one directory, or the user's and the system's.
   std::string profilePlaces;
 };
 
-/// Turns options into a plan. The files named are looked at, not read, except preferences files:
-/// those have to be well formed, because a person who names a file means it.
-/// @param problems receives what is wrong in a preferences file, as "file:line: text".
+/// Turns options into a plan. Named files must exist; of these, only preferences files are read,
+/// and must be well formed, because a person who names a file means it.
+/// @param problems receives the mistakes in a preferences file, as "file:line: text".
 /// @return an empty string, or what is wrong and what to do.
 std::string makeFilePlan(const FileOptions& options, const DefaultPaths& paths, FilePlan& plan,
                          std::vector<std::string>& problems);
 
-/// Says on standard error what is wrong in the files that the process has read: a profile that is
-/// skipped in silence is missed.
-/// @param told what has been told before and is not told again; grows by what is told now. Null
-///        where there is no before.
+/// Prints the mistakes in the files that the process has read on standard error: a person misses a
+/// profile that is skipped in silence.
+/// @param told mistakes printed earlier, which are not printed again; receives the new ones. May be
+///        null.
 void tellFileProblems(std::set<std::string>* told = nullptr);
 
-/// Whether the preferences of the process let a round trip be the time to the headend's answer.
+/// Whether the preferences make the time to the headend's answer the round trip.
 bool isResponseMeasured();
 
-/// The process's profiles and preferences for the length of a scope.
+/// Loads the process's profiles and preferences for the object's lifetime.
 class LoadedFiles {
  public:
-  /// Reads the files of a plan and tells nothing of what is wrong in them.
+  /// Reads a plan's files; prints no mistakes.
   explicit LoadedFiles(const FilePlan& plan);
-  /// Reads the files that the options name, and tells on standard error what is wrong in them.
+  /// Reads the files that the options name, and prints their mistakes on standard error.
   /// @param command for messages: "ahs profile list".
   LoadedFiles(const FileOptions& options, const std::string& command);
   ~LoadedFiles();
   LoadedFiles(const LoadedFiles&) = delete;
   LoadedFiles& operator=(const LoadedFiles&) = delete;
 
-  /// Whether there is a preference manager; what is in the way has been told otherwise.
+  /// Whether the files were loaded; if not, a message was printed.
   bool areThere() const { return m_isLoaded; }
-  /// Where profiles were looked for.
+  /// The places of profiles, for messages.
   const std::string& profilePlaces() const { return m_plan.profilePlaces; }
 
  private:

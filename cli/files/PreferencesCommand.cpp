@@ -1,5 +1,5 @@
 // `ahs preferences show`: the value of every preference that a selection would use, where it comes
-// from, and what it goes before.
+// from, and which values it overrides.
 
 #include <CLI/CLI.hpp>
 #include <map>
@@ -21,8 +21,8 @@ using Setting = PreferenceMgr::Setting;
 struct Effective {
   const PreferenceBase::Definition* definition;
   std::string value;
-  std::vector<Setting> settings;  // the one that counts first, the default last
-  bool isReplaced;                // what counts is not allowed, so the default is used
+  std::vector<Setting> settings;  // the one in force first, the default last
+  bool isReplaced;                // the value is invalid, so the default is used
 };
 
 std::vector<Effective> findEffective() {
@@ -30,7 +30,7 @@ std::vector<Effective> findEffective() {
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
     if (definition.id == EnableAutomaticServerSelection) {
-      continue;  // each profile's own
+      continue;  // each profile has its own value
     }
     std::vector<Setting> settings = preferences->getSettings(definition.id);
     const std::string& counting = settings.front().value;

@@ -1,5 +1,5 @@
-// `ahs profile check` and `ahs profile list`: what is wrong with the files, and what becomes of
-// each host entry. Neither measures anything.
+// `ahs profile check` and `ahs profile list`: the mistakes in the files, and whether each host
+// entry takes part. Neither measures anything.
 
 #include <errno.h>
 #include <sys/stat.h>
@@ -29,18 +29,17 @@ struct CheckOptions {
   bool json = false;
 };
 
-/// What a look for mistakes has found.
+/// The mistakes found.
 struct CheckResult {
-  std::size_t files = 0;        ///< that were read
+  std::size_t files = 0;        ///< read files
   std::size_t hostEntries = 0;  ///< without a mistake
   std::size_t takingPart = 0;   ///< of these, in automatic selection
   std::vector<FileProblem> problems;
-  std::vector<std::string> missing;  ///< places that were looked at and are not there
-  std::vector<std::string> places;   ///< places that were looked at and are there
+  std::vector<std::string> missing;  ///< checked places that do not exist
+  std::vector<std::string> places;   ///< checked places that exist
 };
 
-/// Whether there is anything of that name. A FIFO or a device is for the reader to refuse, which
-/// takes no look at its contents.
+/// Whether the path exists. The reader refuses a FIFO or a device without opening it.
 bool isThere(const std::string& place) {
   struct stat status {};
   return ::stat(place.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
@@ -63,7 +62,7 @@ void checkPlace(const std::string& place, bool trusts, CheckResult& result) {
     profiles.loadDirectory(place);
     result.files += profiles.getFileCount();
   } else {
-    // What a manager has against the entries of one file is what it would have in a directory.
+    // A manager finds the same mistakes in one file as in a directory.
     ProfileFile contents;
     readConfigurationFile(place, ConfigurationKind::Unknown, contents, result.problems,
                           trusts ? FileTrust::Check::Waived : FileTrust::Check::Strict);
@@ -73,7 +72,7 @@ void checkPlace(const std::string& place, bool trusts, CheckResult& result) {
   add(profiles, profiles.getProblems(), result);
 }
 
-/// Looks for mistakes in what a selection would read, with all that a selection tells of it.
+/// Looks for mistakes in the files that a selection would read, and repeats all its messages.
 void checkSources(const PreferenceMgr::Sources& sources, CheckResult& result) {
   for (const std::string& place :
        {sources.profileDirectory, sources.userPreferencesFile, sources.globalPreferencesFile}) {

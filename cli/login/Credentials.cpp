@@ -1,5 +1,5 @@
-// Credentials from outside. A secret is read by read(2) into a buffer of ours and copied once, into
-// a holder that wipes itself: no stream, no growing string, and no message ever has it.
+// Reads credentials. read(2) puts a secret into our own buffer; it is copied once, into a holder
+// that wipes itself. No stream, growing string or message ever holds it.
 
 #include "cli/login/Credentials.h"
 
@@ -27,13 +27,13 @@ bool hasControlCharacter(std::string_view text) {
   });
 }
 
-// Reads to the end, or as much as fits. -1 and errno on failure.
+// Reads to the end, or until the buffer is full. -1 and errno on failure.
 ssize_t readToEnd(int descriptor, SecretBuffer& buffer) {
   std::size_t length = 0;
   while (length < SecretBuffer::Size) {
     const ssize_t count = read(descriptor, buffer.data() + length, SecretBuffer::Size - length);
     if (count < 0 && errno == EAGAIN) {
-      // Whoever handed the descriptor over made it non-blocking for itself.
+      // The process that handed the descriptor over made it non-blocking.
       pollfd ready{descriptor, POLLIN, 0};
       static_cast<void>(poll(&ready, 1, -1));
     } else if (count < 0 && errno != EINTR) {
@@ -46,7 +46,7 @@ ssize_t readToEnd(int descriptor, SecretBuffer& buffer) {
   return static_cast<ssize_t>(length);
 }
 
-// Takes what can be read as a password. @return an empty string, or what is wrong, as a phrase.
+// Reads a password. @return an empty string, or what is wrong, as a phrase.
 std::string take(int descriptor, Secret& password) {
   SecretBuffer buffer;
   const ssize_t count = readToEnd(descriptor, buffer);
@@ -73,7 +73,7 @@ std::string take(int descriptor, Secret& password) {
   return "";
 }
 
-// Whoever else can read the file knows the password, and whoever can write it chooses what is sent.
+// Who can read the file knows the password; who can write it chooses what is sent.
 std::string findFileFault(const struct stat& facts) {
   constexpr mode_t AccessOfOthers = S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
   if (!S_ISREG(facts.st_mode)) {
@@ -92,8 +92,8 @@ std::string findFileFault(const struct stat& facts) {
   return "";
 }
 
-// A link is refused, because whoever can change it can have any file of this user sent to the
-// proxy. A pipe must not hold up the opening.
+// Refuses a link: who can change it could send any file of this user to the proxy. Opening must not
+// wait for a pipe.
 int openPasswordFile(const std::string& path) {
   return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
 }
@@ -112,8 +112,8 @@ std::string openingFault(int error) {
 SecretBuffer::~SecretBuffer() { explicit_bzero(m_bytes.data(), m_bytes.size()); }
 
 void keepMemoryPrivate() {
-  // A limit of 0 on core files would not do: it does not hold where the kernel pipes them into a
-  // program. Fails on no kernel that knows the operation, which is every one since 2.4.
+  // A core limit of 0 would not do: the kernel ignores it where it pipes core files into a program.
+  // This call cannot fail on Linux 2.4 or later.
   static_cast<void>(prctl(PR_SET_DUMPABLE, 0, 0, 0, 0));
 }
 

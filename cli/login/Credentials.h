@@ -6,20 +6,20 @@
 
 #include "vpn/include/StringUtils.h"
 
-/// A user name or a password. Every copy is overwritten with zeros when it goes.
+/// A user name or a password. The destructor of each copy overwrites it with zeros.
 using Secret = SecureString<std::string>;
 
-/// What a proxy is told of a user.
+/// What a user tells a proxy.
 struct Credentials {
   Secret user;
   Secret password;
 };
 
-/// The most bytes of a user name or of a password: far more than any has, and little enough for a
-/// proxy to take in one header line.
+/// The most bytes of a user name or a password: far more than needed, and few enough for one header
+/// line.
 constexpr std::size_t MostCredentialBytes = 1024;
 
-/// Bytes on their way to a credential; overwritten with zeros when it goes. The last one stays 0.
+/// A buffer for a credential; the destructor overwrites it with zeros. Its last byte stays 0.
 class SecretBuffer {
  public:
   SecretBuffer() = default;
@@ -30,27 +30,25 @@ class SecretBuffer {
   char* data() { return m_bytes.data(); }
   const char* text() const { return m_bytes.data(); }
 
-  /// Room for the longest credential, the line end after it, and one byte by which a longer one is
-  /// known.
+  /// Room for the longest credential, its line end, and one more byte to detect a longer one.
   static constexpr std::size_t Size = MostCredentialBytes + 2;
 
  private:
   std::array<char, Size + 1> m_bytes{};
 };
 
-/// Keeps the memory of the process out of core dumps and from debuggers that do not belong to root,
-/// from now to its end. To be called before a password is read.
+/// From now on keeps the memory of the process out of core dumps, and debuggers out unless root
+/// runs them. To be called before a password is read.
 void keepMemoryPrivate();
 
-/// What is wrong with a user name or a password, as a sentence that does not tell it; empty if it
-/// can be used. A proxy is told neither with control characters in it, nor a name with a colon,
-/// which ends it (RFC 7617, section 2).
+/// Why a user name or a password cannot be used, as a sentence without it; empty if it can. Control
+/// characters are refused, and a colon in a name, which would end it (RFC 7617, section 2).
 std::string findUserError(const Secret& user);
 std::string findPasswordError(const Secret& password);
 
-/// Reads a password from a file or from a descriptor that the caller of the program has opened, to
-/// its end; one line feed at the end is dropped. The file must be a regular one, no link, of this
-/// user or of root, with no access for others. The descriptor is closed.
+/// Reads a password to the end of a file, or of a descriptor that the caller of the program has
+/// opened; drops one line feed at the end. The file must be a regular one, no link, owned by this
+/// user or root, without access for others. The descriptor is closed.
 /// @return an empty string, or what is wrong and how to mend it.
 std::string readPasswordFile(const std::string& path, Secret& password);
 std::string readPasswordDescriptor(int descriptor, Secret& password);

@@ -1,5 +1,5 @@
-// The login at a proxy. A person is asked only when the options give no password, and what was
-// refused once is never sent again.
+// The login at a proxy. Asks a person only if the options give no password, and never sends a
+// refused login again.
 
 #include "cli/login/ProxyLogin.h"
 
@@ -11,11 +11,11 @@
 
 namespace {
 
-// A third mistake is no slip any more, and some proxies lock a user out after a few more.
+// A third mistake is hardly a slip, and some proxies lock a user out after a few more.
 constexpr int MostAttempts = 3;
-// How often an answer that no proxy could take is asked for again.
+// How often to ask again after an answer that no proxy could take.
 constexpr int MostQuestions = 3;
-// A realm is told by whoever runs the proxy; more than this is no name.
+// The proxy chooses the realm; a longer text is no name.
 constexpr std::size_t MostRealmBytes = 200;
 
 }  // namespace

@@ -8,26 +8,26 @@
 #include "cli/login/Terminal.h"
 #include "vpn/Api/ProxyIfc.h"
 
-/// How the command logs in to the proxy: with what the options give, else with what a person types
-/// at the terminal, who may try three times. Used by one thread.
+/// How the command logs in to the proxy: with the options' login, else with a login typed at the
+/// terminal; a person may try three times. Used by one thread.
 class ProxyLogin {
  public:
-  /// @param user name that an option gives; empty for none.
-  /// @param password that an option gives, with the user's name; no one is asked then.
-  /// @param terminal where a person can be asked; null for nowhere.
-  /// @param systemProxy the proxy is the one that the system is set to.
+  /// @param user name from an option; empty for none.
+  /// @param password from an option, with the user's name; then nobody is asked.
+  /// @param terminal where to ask a person; null for nowhere.
+  /// @param systemProxy the proxy comes from the system's settings.
   ProxyLogin(const Secret& user, const std::optional<Secret>& password,
              std::shared_ptr<Terminal> terminal, bool systemProxy);
 
-  /// The provider for the next run; null when it needs none.
+  /// The provider for the next run; null if the run needs none.
   std::unique_ptr<ProxyIfc> provider() const;
 
   /// Whether there are credentials for the next run.
   bool hasCredentials() const;
 
-  /// A run has met a proxy that asks for a login, and does not accept the one that the run had.
-  /// @param proxy where it is, for the person; empty if that is not known.
-  /// @param realm what the proxy says the login is for; may be empty and hold anything.
+  /// Finds another login after a proxy has refused the run's login or asked for one.
+  /// @param proxy host and port, for the person; empty if not known.
+  /// @param realm what the login is for, as the proxy says; may be empty and hold anything.
   /// @return whether there is another login to try.
   bool find(const std::string& proxy, const std::string& realm);
 
@@ -45,6 +45,5 @@ class ProxyLogin {
   std::optional<Credentials> m_credentials;
 };
 
-/// A proxy's realm for a person: what could be taken for something else is shown as its code, and a
-/// long one is cut.
+/// A proxy's realm for a person: suspicious characters as their codes, a long realm cut.
 std::string visibleRealm(const std::string& realm);

@@ -1,5 +1,5 @@
-// The options about the proxy. Whoever types a password where none belongs has shown it to every
-// user of the machine already; it is not shown once more in a message.
+// The options about the proxy. A password typed in a wrong place is visible to every user of the
+// machine; a message must not repeat it.
 
 #include "cli/login/ProxyOptions.h"
 
@@ -45,7 +45,7 @@ std::string takeDescriptor(const std::string& text, std::optional<int>& descript
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error != std::errc() || end != text.data() + text.size() || number < 0 ||
       number == STDOUT_FILENO || number == STDERR_FILENO) {
-    // Not repeated: it may be the password itself.
+    // The value is not repeated: it may be the password itself.
     return "--proxy-password-fd takes the number of a descriptor that is open for reading: 0, or 3 "
            "and above, as in '--proxy-password-fd 3 3<FILE'.";
   }

@@ -7,8 +7,8 @@
 #include "cli/login/Credentials.h"
 #include "vpn/Api/PreferenceMgr.h"
 
-/// The options about the proxy as a person typed them, without a contradiction; an optional without
-/// a value was not given.
+/// Proxy options as typed, free of contradictions. An empty optional means that the option was not
+/// given.
 struct ProxyOptions {
   std::optional<std::string> proxy;
   bool noProxy = false;
@@ -17,20 +17,20 @@ struct ProxyOptions {
   std::optional<std::string> passwordDescriptor;
 };
 
-/// The same, checked.
+/// The options, checked.
 struct ProxyPlan {
-  std::map<PreferenceId, std::string> preferences;  ///< what the options choose; empty for nothing
+  std::map<PreferenceId, std::string> preferences;  ///< set by the options
   Secret user;                                      ///< empty for none
-  /// Where the password is to be read; at most one has a value.
+  /// Where to read the password; at most one of these has a value.
   std::optional<std::string> passwordFile;
   std::optional<int> passwordDescriptor;
 };
 
-/// What to do instead of giving a password as an argument, a sentence without its full stop.
+/// How to give a password other than as an argument: a sentence without its full stop.
 std::string adviceForPassword();
 
-/// Turns options into a plan; opens and reads nothing. What may hold a password is not repeated in
-/// a message.
+/// Turns options into a plan; opens and reads nothing. Messages repeat no value that may be a
+/// password.
 /// @return an empty string, or what is wrong and what to do.
 std::string makeProxyPlan(const ProxyOptions& options, ProxyPlan& plan);
 

@@ -1,6 +1,5 @@
-// Questions on a terminal. The state of the terminal is changed under one lock and never by a call
-// that can wait for the terminal's output, so that the thread that is told of a signal always gets
-// to put it right.
+// Questions on a terminal. One lock guards the terminal's state. No call under it waits for the
+// terminal's output, so the signal thread can always restore the state.
 
 #include "cli/login/Terminal.h"
 
@@ -17,7 +16,7 @@ std::shared_ptr<Terminal> Terminal::find() {
 }
 
 void Terminal::say(const std::string& line) {
-  // A terminal that is gone ends the next question.
+  // A failed write needs no answer: the next question fails too.
   static_cast<void>(Console::write(m_terminal.get(), line + "\n"));
 }
 
@@ -28,7 +27,7 @@ Terminal::Answer Terminal::ask(const std::string& prompt, Echo echo, Secret& ans
   static_cast<void>(Console::write(m_terminal.get(), prompt));
   const Answer result = readLine(answer);
   end();
-  // The line feed of an answer that is not shown is not shown either; an ended input has none.
+  // A hidden answer hides its line feed, too; an ended input has none.
   if (echo == Echo::Off || result == Answer::None) {
     say("");
   }
@@ -58,7 +57,7 @@ void Terminal::comeBack() {
   std::string prompt;
   {
     const CAutoLockT<CManualLock> guard(m_lock);
-    // In the background the question waits until the person brings the command back.
+    // In the background, the question waits until the person continues the command.
     if (m_prompt.empty() || m_isLeft || !isOurs() || (m_echo == Echo::Off && !hide())) {
       return;
     }
@@ -85,8 +84,7 @@ void Terminal::end() {
   }
 }
 
-// Also when it is hidden already: a shell may have changed the terminal while the command was
-// stopped.
+// Hides again, too: a shell may have changed the terminal while the command was stopped.
 bool Terminal::hide() {
   if (!m_isHidden && tcgetattr(m_terminal.get(), &m_found) != 0) {
     return false;
@@ -101,7 +99,7 @@ bool Terminal::hide() {
   return true;
 }
 
-// A part of a secret that was typed but not read must not reach whoever reads next.
+// Drops typed input that was not read: it may be part of a secret.
 void Terminal::restore() {
   if (m_isHidden) {
     static_cast<void>(tcflush(m_terminal.get(), TCIFLUSH));
@@ -110,8 +108,8 @@ void Terminal::restore() {
   }
 }
 
-// A process in the background that changes its terminal is stopped by the kernel, and what it would
-// change belongs to somebody else by then. Where there is no job control, nobody else is there.
+// The kernel stops a background process that changes its terminal, and the state would belong to
+// the foreground job. Without job control the terminal is always ours.
 bool Terminal::isOurs() const {
   const pid_t foreground = tcgetpgrp(m_terminal.get());
   return foreground < 0 || foreground == getpgrp();
@@ -122,7 +120,7 @@ Terminal::Answer Terminal::readLine(Secret& answer) const {
   std::size_t length = 0;
   bool isTooLong = false;
   while (true) {
-    // A line that is too long is read to its end, over and over into the same place.
+    // Reads a too long line to its end, always into the same place.
     isTooLong = isTooLong || length == SecretBuffer::Size;
     length = isTooLong ? 0 : length;
     const ssize_t count = read(m_terminal.get(), line.data() + length, SecretBuffer::Size - length);

@@ -9,41 +9,39 @@
 #include "vpn/Api/FileTrust.h"
 #include "vpn/include/Locks.h"
 
-/// The terminal at which a person is asked. While a secret is typed the terminal does not show it,
-/// and however the question ends (an answer, a signal, a stop), the terminal is left as it was
-/// found.
+/// The terminal at which a person is asked. It does not show a secret while it is typed. However a
+/// question ends (an answer, a signal, a stop), the terminal's state is restored.
 ///
-/// One thread says and asks. The other three operations are for the thread that is told of signals.
+/// One thread says and asks. The signal thread calls the other three operations.
 class Terminal {
  public:
   enum class Echo { On, Off };
   enum class Answer {
     Given,
-    TooLong,  ///< more than MostCredentialBytes; all of the line has been read
+    TooLong,  ///< more than MostCredentialBytes; the whole line was read
     None,     ///< the person has ended the input, or the terminal is gone
   };
 
-  /// The terminal of the person who started the command: the controlling one, which redirections
-  /// do not touch. Null when there is none, or when standard input is no terminal: whoever
-  /// redirected it does not expect to be asked.
+  /// The controlling terminal, which redirections do not touch. Null if there is none, or if
+  /// standard input is no terminal: a person who redirected it does not expect a question.
   static std::shared_ptr<Terminal> find();
 
-  /// @param terminal its descriptor, the object's from now on.
+  /// @param terminal a descriptor; the object takes ownership.
   explicit Terminal(int terminal) : m_terminal(terminal) {}
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
 
   void say(const std::string& line);
 
-  /// Asks and waits for a line, however long the person takes. What was typed before a question
-  /// whose answer is not shown is dropped: it was shown.
+  /// Asks and waits for a line without a time limit. For a secret, drops what was typed before the
+  /// question: the terminal showed it.
   Answer ask(const std::string& prompt, Echo echo, Secret& answer);
 
-  /// The process is about to end: gives the terminal back for good.
+  /// The process is about to end: restores the terminal for good.
   void leave();
-  /// The process is about to stop: gives the terminal back.
+  /// The process is about to stop: restores the terminal.
   void stepAside();
-  /// The process goes on: a question that is still open is put again.
+  /// The process was continued: repeats an open question.
   void comeBack();
 
  private:
@@ -56,12 +54,12 @@ class Terminal {
 
   const FileTrust::Descriptor m_terminal;
   CManualLock m_lock;
-  // Of the open question; empty when there is none.
+  // The open question; empty if there is none.
   std::string m_prompt AHS_GUARDED_BY(m_lock);
   Echo m_echo AHS_GUARDED_BY(m_lock) = Echo::On;
-  // What is typed is not shown, by our doing.
+  // We have turned the terminal's echo off.
   bool m_isHidden AHS_GUARDED_BY(m_lock) = false;
   bool m_isLeft AHS_GUARDED_BY(m_lock) = false;
-  // The terminal's state to go back to while m_isHidden.
+  // The terminal's state before m_isHidden became true.
   termios m_found AHS_GUARDED_BY(m_lock){};
 };

@@ -1,6 +1,6 @@
-// A look at each address of a name. It is no measurement: it comes after one, and tells which of
-// the addresses a measurement could have met. The resolver may stay silent for as long as it likes,
-// so it is asked on a thread that nobody waits for.
+// Tries each address of a name. This is no measurement: it follows one, and tells which addresses a
+// measurement could have met. The resolver may stay silent for any time, so a detached thread asks
+// it.
 
 #include "cli/probe/AddressCheck.h"
 
@@ -27,18 +27,18 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-// Names of more addresses are those of content networks, or a hoax.
+// A name with more addresses belongs to a content network, or is a hoax.
 constexpr std::size_t MostAddresses = 16;
 
 using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
-/// What the resolver says.
+/// The resolver's answer.
 struct Answer {
   int error = 0;
   Addresses found{nullptr, freeaddrinfo};
 };
 
-/// The number of the zone of an IPv6 address, which is a number or an interface's name; 0 for none.
+/// The zone number of an IPv6 address, from a number or an interface's name; 0 for none.
 unsigned int zoneNumber(const std::string& zone) {
   constexpr int Decimal = 10;
   const unsigned int index = if_nametoindex(zone.c_str());
@@ -46,8 +46,8 @@ unsigned int zoneNumber(const std::string& zone) {
                     : static_cast<unsigned int>(std::strtoul(zone.c_str(), nullptr, Decimal));
 }
 
-/// Zones go with any IPv6 address here, as they do in probes; the resolver takes names of
-/// interfaces for link-local ones alone.
+/// Like probes, allows a zone with any IPv6 address; the resolver takes an interface's name with
+/// link-local addresses only.
 Answer ask(const std::string& host, unsigned short port) {
   // An international name is UTF-8, whatever locale the process runs in.
   const Utf8Locale utf8;
@@ -127,7 +127,7 @@ std::string outcomeOfError(int error) {
     case ECONNREFUSED:
       return "refused";
     case ETIMEDOUT:
-    case EINPROGRESS:  // the limit came first
+    case EINPROGRESS:  // the time limit expired
       return "timed out";
     case ENETUNREACH:
     case EHOSTUNREACH:
@@ -141,7 +141,7 @@ std::string outcomeOfError(int error) {
 void connectTo(CheckedAddress& target, milliseconds limit) {
   const auto start = Clock::now();
   const int connection = socket(target.address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  // The kernel limits the time of a connect by that of a write.
+  // The time limit of writes also bounds a connect.
   const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
   const timeval longest{seconds.count(), std::chrono::microseconds(limit - seconds).count()};
   const bool isConnected =

@@ -1,5 +1,5 @@
-// `ahs probe`: one headend in detail. It is measured first, as a worker of a selection measures it,
-// probe after probe on one thread; only then is anything looked at that would disturb that.
+// `ahs probe`: one headend in detail. Measures first, like a worker of a selection: probe after
+// probe on one thread. Then looks at things that would disturb the measurement.
 
 #include <algorithm>
 #include <chrono>
@@ -31,18 +31,18 @@ using std::chrono::milliseconds;
 
 constexpr const char* Command = "ahs probe";
 
-// More probes than these would tell nothing new, and a headend has other things to do.
+// More probes would tell nothing new, and would burden the headend.
 constexpr unsigned int MostProbes = 1000;
-// An hour: whoever waits longer has lost the terminal.
+// One hour: no person waits longer.
 constexpr unsigned int LongestTimeoutSeconds = 3600;
 
-// Besides what a worker asks for, what was said on the wire.
+// A worker's reports, and also the bytes on the wire.
 constexpr unsigned int Wanted =
     HttpProbe::HTTP_PROBE_RETURN_STATUSCODE | HttpProbe::HTTP_PROBE_RETURN_LAST_ERROR |
     HttpProbe::HTTP_PROBE_RETURN_RTT | HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS |
     HttpProbe::HTTP_PROBE_RETURN_REQUEST;
 
-/// Keeps the report of the last probe. Probes and their reader are one thread.
+/// Keeps the report of the last probe. Probing and reading happen on one thread.
 class LastReport : public ProbeTask {
  public:
   void probeEnded(const HttpProbe::Report& report) override { m_report = report; }
@@ -53,15 +53,15 @@ class LastReport : public ProbeTask {
   HttpProbe::Report m_report;
 };
 
-/// The probes so far, and what is printed of them. Ctrl-C comes on another thread and sums up what
-/// there is; a line is either before the sum or never written.
+/// The probes so far and their output. On Ctrl-C another thread prints the summary; no line of a
+/// probe follows it.
 class Measurement {
  public:
   Measurement(ProbePlan plan, bool isShown) : m_isShown(isShown) {
     m_findings.plan = std::move(plan);
   }
 
-  /// @return whether it could be told: not to a closed pipe.
+  /// @return false if the output is closed.
   bool add(EndedProbe probe, HttpProbe::HTTP_PROBE_RESULTS results) {
     const CAutoLockT<CManualLock> guard(m_lock);
     if (!results.tstrRequest.empty()) {
@@ -85,19 +85,19 @@ class Measurement {
     return show(probeSummary(m_findings));
   }
 
-  /// The rest is about to be told, the verdict with it.
+  /// The caller is about to print everything else, with the verdict.
   void conclude() {
     const CAutoLockT<CManualLock> guard(m_lock);
     m_isConcluded = true;
   }
 
-  /// What is still to be said when the process is about to end: the sum of what was measured, or
-  /// after the sum the verdict, which waits for what is found out besides.
+  /// Prints the missing part when the process is about to end: the summary of the probes, or only
+  /// the verdict if the summary is already printed.
   void sumUpInHaste() {
     const CAutoLockT<CManualLock> guard(m_lock);
     const bool isSummedUp = std::exchange(m_isSummedUp, true);
     if (!std::exchange(m_isConcluded, true) && m_isShown && !m_findings.probes.empty()) {
-      // After the ^C that the terminal shows.
+      // Begins a new line after the terminal's ^C.
       const std::string rest =
           "\n" + (isSummedUp ? probeVerdict(m_findings) : probeSummary(m_findings));
       static_cast<void>(Console::writeResult(rest, ExitMeasured));
@@ -121,7 +121,7 @@ class Measurement {
   ProbeFindings m_findings AHS_GUARDED_BY(m_lock);
 };
 
-/// @return whether all could be told.
+/// @return false if the output is closed.
 bool measure(const ProbePlan& plan, Measurement& measurement) {
   const auto watcher = std::make_shared<LastReport>();
   const CTask::Scope scope(watcher);
@@ -137,7 +137,7 @@ bool measure(const ProbePlan& plan, Measurement& measurement) {
     const auto elapsed = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
     isTold = measurement.add({watcher->report(), elapsed}, std::move(results));
     if (SelectionRules::worthOfProbe(status) == SelectionRules::ProbeWorth::Unresolved) {
-      break;  // there is nobody to probe
+      break;  // no such host
     }
   }
   return isTold && measurement.sumUp();
@@ -154,7 +154,7 @@ void takeNameServers(ProbeFindings& findings) {
   }
 }
 
-/// What the probes do not tell is found out by other means.
+/// Finds out what the probes do not tell.
 void lookCloser(ProbeFindings& findings) {
   const ProbePlan& plan = findings.plan;
   takeNameServers(findings);

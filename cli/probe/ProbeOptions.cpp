@@ -1,5 +1,5 @@
-// From typed options to a plan for the probes of one headend. What a person can get wrong is found
-// here, before anything is sent.
+// Turns typed options into a plan for probing one headend. Finds a person's mistakes before
+// anything is sent.
 
 #include "cli/probe/ProbeOptions.h"
 
@@ -47,7 +47,7 @@ std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEnt
   plan.selectionCount = settings.nPingsPerHeadend;
   plan.selectionLimit = std::chrono::milliseconds(settings.nConnectTimeout);
   plan.count = options.count.value_or(settings.nPingsPerHeadend);
-  // Whole seconds count, as for a worker; a probe takes less than one for one.
+  // Rounds down to whole seconds, like a worker; at least one second.
   const unsigned int timeout = std::max(settings.nPingTimeout / MillisecondsPerSecond, 1U);
   plan.selectionTimeout = std::chrono::seconds(timeout);
   plan.timeout = std::chrono::seconds(options.timeoutSeconds.value_or(timeout));

@@ -9,7 +9,7 @@
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"
 
-/// The options of `ahs probe` as a person typed them; an optional without a value was not given.
+/// Options of `ahs probe` as typed. An empty optional means that the option was not given.
 struct ProbeOptions {
   std::string host;
   std::optional<unsigned int> count;
@@ -19,11 +19,11 @@ struct ProbeOptions {
   FileOptions files;  ///< the places of profiles and preferences alone
 };
 
-/// What is probed, and how: checked and complete.
+/// What to probe and how, checked and complete.
 struct ProbePlan {
   std::string headend;  ///< host, or host ":" port
   Place place;
-  std::string entry;    ///< the host entry whose address that is; empty for a host
+  std::string entry;    ///< its host entry; empty for a host
   std::string profile;  ///< of the host entry
   std::string
       leftOut;  ///< why the host entry takes no part in automatic selection; empty if it does
@@ -36,9 +36,9 @@ struct ProbePlan {
   bool isResponseMeasured = false;              ///< a sample is the time to the headend's answer
 };
 
-/// Turns options into a plan. The host may be the name of a host entry, in any letter case, which
-/// goes before a host of that name.
-/// @param settings in force: what the options leave open.
+/// Turns options into a plan. The name of a host entry, in any letter case, takes precedence over a
+/// host of the same name.
+/// @param settings preferences in force, for options that were not given.
 /// @return an empty string, or what is wrong and what to do.
 std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEntry>& entries,
                           const HS_SETTINGS& settings, ProbePlan& plan);

@@ -1,5 +1,5 @@
-// What `ahs probe` tells a person. Whatever a headend or a name server has a say in is made visible
-// and cut before it gets here or as it is put in.
+// What `ahs probe` prints for a person. Texts from a headend or a name server are made visible and
+// cut, by the caller or here.
 
 #include "cli/probe/ProbeReport.h"
 
@@ -28,7 +28,7 @@ std::string exactMs(long long microseconds) {
   return Wording::fixed(static_cast<double>(microseconds) / 1000, 3);
 }
 
-/// Host and port as they are typed, the default port too: "gw.example.com:443".
+/// Host and port, the default port too: "gw.example.com:443".
 std::string place(const ProbePlan& plan) {
   auto [host, port] = plan.place;
   const bool isIPv6 = host.find(':') != std::string::npos;
@@ -38,7 +38,7 @@ std::string place(const ProbePlan& plan) {
   return Console::visible((isIPv6 ? "[" + host + "]" : host) + ":" + std::to_string(port));
 }
 
-/// The lines of a request's or an answer's head, visible; long ones are cut, and so are many.
+/// The lines of a request's or an answer's head, visible. Cuts long lines and long heads.
 std::vector<std::string> headLines(const std::string& head) {
   std::vector<std::string> lines;
   std::istringstream stream(head);
@@ -56,11 +56,11 @@ std::vector<std::string> headLines(const std::string& head) {
 
 /// The name of a probe's status: "HTTP_SESSION_SUCCESS".
 std::string statusName(STATUSCODE status) {
-  // 0 is every module's success; a probe's is this one.
+  // Every module's success has the value 0; here it is the probe's.
   return status == HTTP_SESSION_SUCCESS ? "HTTP_SESSION_SUCCESS" : statusCodeName(status);
 }
 
-/// Share of the probes without a sample, rounded to the nearest; 0 and 100 only for none and all.
+/// Percentage of probes without a sample, rounded; 0 only for none, 100 only for all.
 unsigned int lossPercent(std::size_t sent, std::size_t samples) {
   constexpr unsigned int Hundred = 100;
   if (sent == 0 || samples == sent) {
@@ -104,7 +104,7 @@ std::string spreadInWords(const char* label, const std::optional<Spread>& spread
 
 // ---- Addresses and TLS ------------------------------------------------------------------------
 
-/// The address that the last probe with a connection went to; empty if none had one.
+/// The address of the last probe that connected; empty if none did.
 std::string usedAddressOf(const ProbeFindings& findings) {
   const auto used = std::find_if(findings.probes.rbegin(), findings.probes.rend(),
                                  [](const EndedProbe& p) { return !p.report.address.empty(); });

@@ -1,5 +1,5 @@
-// What a person is told of a server's certificate and of a handshake that failed. The handshake is
-// a probe's own; here its words are read, which are a stranger's, and made short and visible.
+// Describes a server's certificate and a failed handshake. A probe's code does the handshake; this
+// makes the server's texts, which may hold anything, short and visible.
 
 #include "cli/probe/TlsInspection.h"
 
@@ -37,7 +37,7 @@ std::string takeText(BIO* memory) {
 }
 
 std::string nameText(const X509_NAME* name) {
-  // UTF-8 stays what it is; whatever else could be taken for something is shown as its code.
+  // Keeps UTF-8; shows other suspicious characters as their codes.
   constexpr unsigned long Format =
       XN_FLAG_ONELINE & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
   const Memory memory(BIO_new(BIO_s_mem()), BIO_free_all);
@@ -75,7 +75,7 @@ void takeNames(const X509* certificate, CertificateSummary& summary) {
   for (int i = 0; names && i < sk_GENERAL_NAME_num(names.get()); ++i) {
     const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), i);
     if (name->type != GEN_DNS && name->type != GEN_IPADD) {
-      continue;  // no server is looked for by another kind
+      continue;  // clients look up servers by no other kind
     }
     if (summary.names.size() == MostNames) {
       ++summary.moreNames;
@@ -119,11 +119,11 @@ CertificateSummary summaryOf(X509* certificate) {
   return summary;
 }
 
-/// TLS begins with a record of a handshake or of an alert (RFC 8446, section 5.1).
+/// TLS begins with a handshake or alert record (RFC 8446, section 5.1).
 bool isTls(int firstByte) { return firstByte == SSL3_RT_HANDSHAKE || firstByte == SSL3_RT_ALERT; }
 
-/// OpenSSL's reason, "error:0A000410:SSL routines::sslv3 alert handshake failure" without its
-/// beginning; empty if the connection ended without one.
+/// OpenSSL's reason: "error:0A000410:SSL routines::sslv3 alert handshake failure" without its
+/// beginning; empty if the connection ended without a reason.
 std::string reasonOf(const TlsHandshake& handshake) {
   const std::string_view words = handshake.failure.data();
   if (words.find("error:") == std::string_view::npos ||

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// What a server's certificate says. All texts are visible and bounded: they are a stranger's.
+/// What a server's certificate says. All texts are visible and bounded: a stranger wrote them.
 struct CertificateSummary {
   std::string subject;
   std::string issuer;
@@ -14,18 +14,18 @@ struct CertificateSummary {
   std::string validUntil;  ///< the same
   long daysLeft = 0;       ///< whole days until then; -1 on the first day after, then -2
   bool isExpired = false;
-  std::vector<std::string> names;   ///< that it is for
-  std::size_t moreNames = 0;        ///< there are so many more
+  std::vector<std::string> names;   ///< valid for these
+  std::size_t moreNames = 0;        ///< number of further names
   std::string key;                  ///< "EC prime256v1, 256 bits"
-  std::vector<std::string> doubts;  ///< why it is not trusted for this host; none: it is
+  std::vector<std::string> doubts;  ///< why it is not trusted for this host
 };
 
 /// What a TLS handshake with a server showed.
 struct TlsInspection {
-  std::string address;  ///< that was connected to
-  /// What was in the way of a whole handshake, a sentence without its full stop; empty if nothing.
+  std::string address;  ///< of the connection
+  /// Why the handshake failed, a sentence without its full stop; empty if it succeeded.
   std::string problem;
-  /// The server has said something that is TLS.
+  /// The server has sent a TLS record.
   bool speaksTls = false;
   std::string version;  ///< "TLSv1.3"; empty without a handshake
   std::string cipher;

@@ -1,5 +1,5 @@
-// What a worker of a selection would make of probes that were sent without it, by the worker's own
-// rules. A probe that took longer than a selection waits for one counts as one that it gave up.
+// What a worker of a selection would make of these probes, by the worker's own rules. A probe that
+// took longer than a selection waits counts as timed out.
 
 #include "cli/probe/WorkerView.h"
 
@@ -14,17 +14,17 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// The worker, as far as the probes have led it.
+/// The state of the worker after some probes.
 struct Worker {
   WorkerView view;
   SelectionRecord::Track track;
   SelectionRules::Tally tally;
-  bool isLate = false;  // the time limit of the selection came first
+  bool isLate = false;  // the selection's time limit has expired
   bool hasTimedOut = false;
-  milliseconds saved{0};  // by which its probes were over sooner than these
+  milliseconds saved{0};  // time by which its probes end earlier
 };
 
-/// A probe as a worker would have it, which waits for none longer than for its own.
+/// The probe as a worker would see it, cut at the worker's own time limit.
 EndedProbe asSent(const EndedProbe& probe, const ProbePlan& plan, Worker& worker) {
   const auto took = std::chrono::microseconds(probe.report.totalUs);
   EndedProbe own = probe;
@@ -45,7 +45,7 @@ void take(const EndedProbe& probe, Worker& worker) {
   worker.tally.take(probe.report.status, probe.report.rttMs);
 }
 
-/// What a time limit other than a selection's has to do with it.
+/// A note if this time limit differs from a selection's.
 std::string limitInWords(const Worker& worker, const ProbePlan& plan) {
   const std::string limit =
       std::to_string(plan.selectionTimeout.count()) + " s (SelectionPingTimeout)";
@@ -125,7 +125,7 @@ std::optional<Spread> spreadOf(const std::vector<EndedProbe>& probes,
     return std::nullopt;
   }
   std::sort(sorted.begin(), sorted.end());
-  // Of an even number the median lies between the two in the middle.
+  // The median of an even number is the mean of the two in the middle.
   const long long median = (sorted[(sorted.size() - 1) / 2] + sorted[sorted.size() / 2]) / 2;
   return Spread{sorted.front(), median, sorted.back()};
 }

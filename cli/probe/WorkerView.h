@@ -13,20 +13,20 @@
 /// A probe that has ended.
 struct EndedProbe {
   HttpProbe::Report report;
-  std::chrono::milliseconds endedAfter{0};  ///< since the first of them started
+  std::chrono::milliseconds endedAfter{0};  ///< since the first probe started
 };
 
-/// What a selection would make of a headend whose probes end like these.
+/// What a selection would make of a headend with such probes.
 struct WorkerView {
-  std::size_t probes = 0;                ///< how many of them it would take
-  std::size_t lateAnswers = 0;           ///< that came when its own probes had timed out
-  std::vector<unsigned int> samplesMs;   ///< that it would take from them
-  std::optional<unsigned int> metricMs;  ///< none: the headend would have no result
+  std::size_t probes = 0;                ///< number of probes it would send
+  std::size_t lateAnswers = 0;           ///< answers after its own time-out
+  std::vector<unsigned int> samplesMs;   ///< the samples it would use
+  std::optional<unsigned int> metricMs;  ///< empty: no result
   HeadendOutcome outcome = HeadendOutcome::NotProbed;
   std::string why;  ///< a sentence
 };
 
-/// Looks at the first probes, as many as a selection sends; all of them if there are fewer.
+/// Looks at the first probes: as many as a selection sends, or all if there are fewer.
 WorkerView workerViewOf(const ProbePlan& plan, const std::vector<EndedProbe>& probes);
 
 /// Round trips, the smallest first.
@@ -36,8 +36,8 @@ struct Spread {
   long long mostUs = 0;
 };
 
-/// The spread of one of the round trips of a report; those below 0 did not happen. None if none
-/// did.
+/// The spread of one time of a report over all probes. Times below 0 did not happen. Empty if all
+/// are below 0.
 std::optional<Spread> spreadOf(const std::vector<EndedProbe>& probes,
                                long long HttpProbe::Report::*roundTrip);
 

@@ -1,5 +1,4 @@
-// `ahs select`: one selection from the options to the exit status. Nothing is printed on standard
-// output but the result.
+// `ahs select`: one selection, from options to exit status. Standard output gets only the result.
 
 #include <memory>
 #include <set>
@@ -20,8 +19,8 @@
 
 namespace {
 
-// Hosts of the command line go in place of the profiles, so the name of an entry is one more host
-// that no name server knows.
+// Hosts of the command line replace the profiles. So the name of a host entry becomes a host that
+// no name server knows.
 void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& plan) {
   std::set<std::string> unknown;
   for (const HeadendResult& headend : result.results) {

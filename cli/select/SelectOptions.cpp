@@ -1,6 +1,5 @@
-// The options that say how a selection is made, the same for every command that makes one, and the
-// way from what was typed to a checked plan. What a person can get wrong on the command line is
-// found here or by the parser, before anything is started.
+// The options of a selection, shared by all commands that make one, and their checks. Mistakes on
+// the command line are found here or by the parser, before anything starts.
 
 #include "cli/select/SelectOptions.h"
 
@@ -16,7 +15,7 @@
 
 namespace {
 
-// A headend measured twice would only keep itself busy, so a name that comes again is dropped.
+// Drops repeated names: measuring a headend twice would only burden it.
 std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHeadend>& headends) {
   std::set<std::string> seen;
   for (const std::string& host : hosts) {
@@ -30,8 +29,7 @@ std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHe
   return "";
 }
 
-// The run knows a headend by the name of its entry, which is the address as it was typed; a person
-// may name the last one in another spelling of the same place.
+// The run knows a headend by its address as typed; a person may spell the last headend differently.
 std::string findLast(const std::string& last, const std::vector<GivenHeadend>& headends) {
   const std::string place = CStringUtils::toLower(URL(last).getHostAndPort(false));
   for (const GivenHeadend& headend : headends) {
@@ -152,7 +150,7 @@ void addProxyOptions(CLI::App& command, ProxyOptions& options) {
       ->excludes(proxy, user, file, descriptor);
   file->needs(user)->excludes(descriptor);
   descriptor->needs(user);
-  // Not offered, but tried; the answer says what to do instead.
+  // Hidden: people try this option, and the answer says what to do instead.
   constexpr int AnyNumber = 1;
   command
       .add_option_function<std::string>(

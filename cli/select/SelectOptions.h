@@ -13,7 +13,7 @@ namespace CLI {
 class App;
 }
 
-/// The options of selections as a person typed them; an optional without a value was not given.
+/// Options of a selection as typed. An empty optional means that the option was not given.
 struct SelectOptions : FileOptions {
   std::vector<std::string> hosts;
   std::optional<std::string> cacheDirectory;
@@ -30,31 +30,31 @@ struct SelectOptions : FileOptions {
   ProxyOptions proxy;
 };
 
-/// Add to a command the options that its selections go by: hosts, files and the last headend; the
-/// reason; the proxy; the cache; the log.
+/// Each adds options of a selection to a command: hosts, files and the last headend; the reason;
+/// the proxy; the cache; the log.
 void addHostOptions(CLI::App& command, SelectOptions& options);
 void addReasonOption(CLI::App& command, SelectOptions& options);
 void addProxyOptions(CLI::App& command, ProxyOptions& options);
 void addCacheOptions(CLI::App& command, SelectOptions& options);
 void addLogOptions(CLI::App& command, SelectOptions& options);
 
-/// What a selection needs to know, checked and complete.
+/// A selection's inputs, checked and complete.
 struct SelectPlan : FilePlan {
   CAppLog::Targets log;
   unsigned int reason = 0;
   std::string last;
-  /// Its proxy stands in `sources` as well.
+  /// `sources` holds the proxy too.
   ProxyPlan proxy;
 };
 
-/// Turns options into a plan. The files named are looked at, not read, except preferences files
-/// that were named: those have to be well formed, because a person who names a file means it.
-/// @param problems receives what is wrong in a preferences file, as "file:line: text".
+/// Turns options into a plan. Named files must exist; of these, only preferences files are read,
+/// and must be well formed, because a person who names a file means it.
+/// @param problems receives the mistakes in a preferences file, as "file:line: text".
 /// @return an empty string, or what is wrong and what to do.
 std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan,
                      std::vector<std::string>& problems);
 
-/// The same for a command: tells on standard error what is wrong, and reads the password that the
+/// Like `makePlan`; also prints what is wrong on standard error, and reads the password that the
 /// options name.
 /// @param command as a person calls it, for messages: "ahs select".
 /// @return whether the plan can be carried out.

@@ -1,6 +1,5 @@
-// One selection, from the client library's start to the result. A run that ends with a proxy's
-// question for a login is followed by another one; each run has ended before the next begins, so
-// there is one copy of the login at a time.
+// One selection, from the client library's start to the result. If a proxy asks for a login,
+// another run follows. Each run ends before the next begins, so only one copy of the login exists.
 
 #include "cli/select/Selecting.h"
 
@@ -29,9 +28,8 @@
 #include "vpn/include/Locks.h"
 #include "vpn/include/StringUtils.h"
 
-/// One selection run seen by its client: hears its result, and its report as the run hands it to
-/// the log, whole and unchanged. One whose run has started must not be destroyed before the run has
-/// ended.
+/// One selection run and its client: receives the result, and the report that the run logs. Must
+/// not be destroyed between the run's start and end.
 class SelectionRun : public ClientIfcBase {
   using Clock = std::chrono::steady_clock;
   using milliseconds = std::chrono::milliseconds;
@@ -39,7 +37,7 @@ class SelectionRun : public ClientIfcBase {
  public:
   SelectionRun() {
     CAppLog::setListener([this](const CAppLog::Record& record) {
-      // The function under whose name the run logs its report.
+      // The run logs its report in this function.
       if (strcmp(record.function, "logPingResults") == 0) {
         const CAutoLockT<CMonitor> guard(m_lock);
         m_delivery.report = record.message;
@@ -48,7 +46,7 @@ class SelectionRun : public ClientIfcBase {
   }
   ~SelectionRun() override { CAppLog::setListener(nullptr); }
 
-  /// To be called once. @return 0, or why there is no run; nothing is delivered then.
+  /// To be called once. @return 0, or why no run started; then nothing is delivered.
   STATUSCODE start(unsigned int reason, const std::string& last,
                    std::unique_ptr<ProxyIfc> provider) {
     long status = 0;
@@ -61,7 +59,7 @@ class SelectionRun : public ClientIfcBase {
     return m_thread->Start();
   }
 
-  /// Waits for the result. @return whether it is there.
+  /// Waits for the result. @return whether it was delivered.
   bool waitForDelivery(milliseconds longest) {
     const auto limit = Clock::now() + longest;
     const CAutoLockT<CMonitor> guard(m_lock);
@@ -80,7 +78,7 @@ class SelectionRun : public ClientIfcBase {
     return std::chrono::duration_cast<milliseconds>(Clock::now() - m_start);
   }
 
-  /// Waits until the run's thread has ended, which after a time-out is later than the result.
+  /// Waits until the run's thread has ended, which may be later than the result after a time-out.
   /// @return whether it has.
   bool waitForEnd(milliseconds longest) {
     unsigned int exitCode = 0;
@@ -101,7 +99,7 @@ class SelectionRun : public ClientIfcBase {
 
  private:
   const Clock::time_point m_start = Clock::now();
-  std::unique_ptr<CThread> m_thread;  // the owner's thread's
+  std::unique_ptr<CThread> m_thread;  // used by the owner's thread only
 
   mutable CMonitor m_lock;  // notified of the delivery
   bool m_isDelivered AHS_GUARDED_BY(m_lock) = false;
@@ -112,17 +110,17 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// How often the table is drawn: fast enough to look alive, slow enough to cost nothing.
+// How often to draw the table: fast enough to look alive, slow enough to cost nothing.
 constexpr milliseconds DrawingInterval{100};
-// How often a line tells the progress where no table can be drawn: lines stay.
+// How often to print the progress where no table can be drawn: these lines stay.
 constexpr milliseconds LineInterval{2000};
-// A run whose result is there ends within microseconds, unless the time limit ended it and workers
-// are still waiting for an answer; a process that ends does not wait for those.
+// A run ends within microseconds of its result, unless workers still wait for an answer after the
+// time limit; a process that ends does not wait for those.
 constexpr milliseconds LongestRunEnd{100};
-// A run has time limits of its own, which are shorter.
+// The run's own time limits are shorter.
 constexpr std::chrono::hours LongestWait{1000};
 
-// Whether a mistake has not been told before; null for a person who has been told nothing.
+// Whether a mistake was not printed before; `told` may be null.
 bool isNew(const std::string& mistake, std::set<std::string>* told) {
   return told == nullptr || told->insert(mistake).second;
 }
@@ -137,7 +135,7 @@ bool hasProfiles() {
 void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
   const auto table = std::make_shared<LiveTable>();
   Interruption::setDuties({[table] {
-                             // A terminal that takes nothing any more holds the table up.
+                             // Flushes first: a blocked terminal delays `close`.
                              CAppLog::flush();
                              table->close();
                            },
@@ -159,10 +157,10 @@ void waitVisibly(SelectionRun& run, const std::function<LiveState()>& look) {
   }
 }
 
-// Which proxy the preferences of the process ask for.
+// The proxy that the preferences ask for.
 struct ProxyInForce {
   bool isSystems = false;
-  std::string place;  // host and port of the preferences' own proxy; empty for any other
+  std::string place;  // host and port if the preferences name it; else empty
 };
 
 ProxyInForce findProxy() {
@@ -182,7 +180,7 @@ ProxyInForce findProxy() {
   return proxy;
 }
 
-// Whatever happens while the person is asked, the terminal is given back as it was.
+// Restores the terminal, however the question ends.
 bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
                const std::string& proxy, const std::string& realm) {
   if (terminal != nullptr) {
@@ -205,12 +203,12 @@ Selecting::Selecting(const SelectPlan& plan, std::string command, std::set<std::
 
 Selecting::~Selecting() { endRun(); }
 
-/// Brings up what a selection stands on. @return whether there is anything to select from.
+/// Starts the client library. @return whether there is anything to select from.
 bool Selecting::prepare() {
   Interruption::setDuties({CAppLog::flush, {}, {}});
   CClientLibrary::Options options{m_plan.sources, m_plan.log, ""};
   if (!options.sources.headends.empty()) {
-    options.sources.profileDirectory.clear();  // hosts of the command line go in its place
+    options.sources.profileDirectory.clear();  // hosts of the command line replace it
   }
   STATUSCODE status = 0;
   m_library = std::make_unique<CClientLibrary>(options, status);
@@ -270,7 +268,7 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
     if (result.status != HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
       return result;
     }
-    // It has started no worker, so nothing holds it up; its copy of the login goes with it.
+    // This run has started no worker, so it ends at once and drops its copy of the login.
     endRun();
     if (!findLogin(login, terminal, proxy.place, result.extraInfo)) {
       return result;
@@ -298,7 +296,7 @@ bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, bool showsProgre
   return true;
 }
 
-/// How far the run is.
+/// The progress of the run.
 LiveState Selecting::look(unsigned int reason) const {
   const SelectionRecord::Progress progress = m_recorder->progress();
   const std::map<Place, SelectionRecord::Track> tracks = m_recorder->tracks();
@@ -335,7 +333,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
   return result;
 }
 
-/// The rules that the run went by, for those who ask why.
+/// Adds the run's rules, for the explanation.
 void Selecting::tellRules(SelectionResult& result) const {
   const Candidate* known = findNamed(m_plan.last, m_candidates);
   result.last = m_plan.last.empty() || known == nullptr ? m_plan.last : known->headend;
@@ -353,8 +351,8 @@ void Selecting::endRun() {
 
 int Selecting::leave(int exitStatus) {
   if (m_run != nullptr && !m_run->waitForEnd(LongestRunEnd)) {
-    // Threads that still wait for an answer must not see their process taken down around them, and
-    // their run gives the cache back too late.
+    // Waiting threads must not see exit handlers free what they use, and their run would release
+    // the cache too late.
     m_cache.reset();
     CAppLog::flush();
     _exit(exitStatus);

@@ -20,34 +20,34 @@
 class SelectionRun;
 struct LiveState;
 
-/// One selection for a person: it reads the files of a plan, runs the selection, and runs it again
-/// after each login at a proxy that asks for one. What is wrong is told on standard error. The
-/// client library is up as long as the object lives, so there is one at a time; used by one thread.
+/// One selection for a person: reads the files of a plan, runs the selection, and repeats it after
+/// each login at a proxy. Prints mistakes on standard error. The client library runs as long as the
+/// object lives, so only one object may exist; used by one thread.
 class Selecting {
  public:
-  /// @param plan with the reason and the last headend; has to outlive the object.
+  /// @param plan with the reason and the last headend; must outlive the object.
   /// @param command as a person calls it, for messages: "ahs select".
-  /// @param told mistakes in files that have been told before, and are not told again; grows by
-  ///        those that are told now. Null where there is no before.
+  /// @param told mistakes printed earlier, which are not printed again; receives the new ones. May
+  ///        be null.
   Selecting(const SelectPlan& plan, std::string command, std::set<std::string>* told = nullptr);
-  /// Waits for the run's threads, which after a time limit still wait for answers.
+  /// Waits for the run's threads; after a time limit they may still wait for answers.
   ~Selecting();
   Selecting(const Selecting&) = delete;
   Selecting& operator=(const Selecting&) = delete;
 
-  /// Whether there are headends to select from; what is in the way has been told otherwise, and is
-  /// a matter of usage or configuration.
+  /// Whether there are headends to select from. If not, a message was printed; the fault is in
+  /// usage or configuration.
   bool isReady() const { return m_isReady; }
 
-  /// Runs the selection. To be called once, when it is ready.
-  /// @param password that goes with the plan's user name at the proxy, if one was given.
+  /// Runs the selection. To be called once, and only if `isReady`.
+  /// @param password for the plan's user name at the proxy, if given.
   /// @param showsProgress on standard error, while it measures.
-  /// @return the result; none if it could not be started, which has been told.
+  /// @return the result; none, after a message, if the selection could not start.
   std::optional<SelectionResult> run(const std::optional<Secret>& password, bool showsProgress);
 
-  /// To be called last in a process that ends now: does not wait for threads that wait for answers,
-  /// but ends the process under them.
-  /// @return `exitStatus`, when there are none.
+  /// To be called last in a process that ends now. If threads still wait for answers, ends the
+  /// process instead of waiting for them.
+  /// @return `exitStatus`, if there are no such threads.
   int leave(int exitStatus);
 
  private:
@@ -67,7 +67,7 @@ class Selecting {
   const std::string m_command;
   std::set<std::string>* const m_told;
   std::unique_ptr<CClientLibrary> m_library;
-  // Held, so that selections in memory outlive their runs.
+  // Keeps selections in memory after their runs.
   std::unique_ptr<CSelectionCache, ReleaseCache> m_cache;
   std::vector<Candidate> m_candidates;
   HS_SETTINGS m_settings{};
@@ -76,9 +76,9 @@ class Selecting {
   const bool m_isReady;
 };
 
-/// One selection from the options to what is made of it. What is wrong is told on standard error.
+/// One selection, from options to the use of its result. Prints mistakes on standard error.
 /// @param command as a person calls it: "ahs select".
-/// @param use what is made of the result; returns the exit status.
-/// @return the exit status. May end the process, as `Selecting::leave` does.
+/// @param use receives the result; returns the exit status.
+/// @return the exit status. May end the process, like `Selecting::leave`.
 int selectOnce(const SelectOptions& options, const std::string& command,
                const std::function<int(const SelectionResult&, const SelectPlan&)>& use);

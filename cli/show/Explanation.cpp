@@ -1,5 +1,5 @@
-// The decision of a selection, told in numbers. Nothing is measured or decided here: what the run
-// delivered is read back, and the rules that it went by are asked why.
+// Explains a selection's decision in numbers. Measures and decides nothing: it reads the delivered
+// results and asks the run's rules.
 
 #include "cli/show/Explanation.h"
 
@@ -14,20 +14,20 @@
 
 namespace {
 
-// A headend that answers this much later than its network is behind something that took the
-// connection for it, or is so slow itself that its distance is not what matters. The difference
-// keeps short distances out, where a process's wake-up alone is a multiple of the round trip.
+// If a headend answers this much later than its network, something in between took the connection
+// for it, or it is too slow for its distance to matter. `EarlyDifferenceUs` excludes short
+// distances, where waking a process takes several round trips.
 constexpr long long EarlyFactor = 3;
 constexpr long long EarlyDifferenceUs = 30'000;
 
-// Names of headends without a result that are listed; a thousand of them are no explanation.
+// Most headends without a result to list: a thousand would explain nothing.
 constexpr std::size_t MostMissing = 10;
 
 std::string name(const HeadendResult& headend) { return Console::visible(titleOf(headend)); }
 
 std::string inMs(unsigned int metric) { return std::to_string(metric) + " ms"; }
 
-/// The smallest of a kind of round trip over a headend's probes; -1 if no probe has one.
+/// The smallest time of one kind over a headend's probes; -1 if no probe has it.
 long long smallest(const HeadendResult& headend, long long HttpProbe::Report::*time) {
   long long least = -1;
   for (const HttpProbe::Report& probe : headend.probes) {
@@ -72,7 +72,7 @@ std::string describe(const HeadendResult& headend) {
                            : std::string("no metric: ") + outcomeName(headend.outcome));
 }
 
-// A best metric of 0 makes it no number; the last headend goes then, however near it is.
+// A best metric of 0 gives no finite ratio; then the last headend never stays.
 std::string ratioInWords(float ratio) {
   return std::isfinite(ratio) ? Wording::fixed(ratio, 3)
          : std::isnan(ratio)  ? "no number"

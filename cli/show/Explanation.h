@@ -6,40 +6,39 @@
 
 #include "cli/show/SelectionResult.h"
 
-/// A headend whose network answers much sooner than it does itself.
+/// A headend that answers much later than its network.
 struct EarlyAnswer {
   std::string headend;
   long long networkUs = 0;   ///< smallest round trip on the connection
   long long responseUs = 0;  ///< smallest time from request to answer
 };
 
-/// Why a selection came out as it did, in numbers.
+/// The reasons for a selection's result, in numbers.
 struct Decision {
-  /// The headend with the smallest metric; null when none has one. Points into the result.
+  /// The headend with the smallest metric, in the result; null if none has a metric.
   const HeadendResult* best = nullptr;
-  /// The headend used last, if it is among the results. Points into the result.
+  /// The headend used last, in the result; null if it is not there.
   const HeadendResult* last = nullptr;
-  /// The last headend's metric over the best one's, where the rule of retention was applied.
+  /// The last headend's metric divided by the best, if the rule of retention applied.
   std::optional<float> ratio;
-  /// Where the ratio is below this the last headend stays.
+  /// The last headend stays if the ratio is below this.
   std::optional<float> threshold;
-  /// The last headend stays first by the rule.
+  /// The rule keeps the last headend first.
   bool isRetained = false;
-  /// Where something on the way probably takes connections on the headends' behalf: the first
-  /// round trip ends there, the answer comes from behind it.
+  /// Headends for which something on the way probably accepts connections: the TCP round trip ends
+  /// there, the answer comes from farther away.
   std::vector<EarlyAnswer> earlyAnswers;
 };
 
-/// Reads the decision off a result. `result` must outlive what is returned.
+/// Derives the decision from a result, which must outlive the return value.
 Decision decisionOf(const SelectionResult& result);
 
 /// The decision in a sentence: "Chose gw-b: 18 ms, the smallest of 3 metrics."
 std::string decisionInWords(const SelectionResult& result);
 
-/// Everything about the decision for a person, visible, line by line, each with a line feed: best
-/// and last with their metrics, rule and ratio, where the metrics come from, who gave none and why,
-/// and what looks odd.
+/// The decision in detail, visible, each line with a line feed: best and last headend with metrics,
+/// rule and ratio, origin of the metrics, headends without one and why, and oddities.
 std::string reasonsInWords(const SelectionResult& result);
 
-/// Both.
+/// `decisionInWords` and `reasonsInWords`.
 std::string explanation(const SelectionResult& result);

@@ -1,8 +1,7 @@
-// The live table on the terminal. It owns the lines at the terminal's cursor from its first drawing
-// until it is removed; whoever else writes to the terminal removes it first. No line is as wide as
-// the terminal, so that none is wrapped and all can be found again. One that is too wide is cut
-// between words, because a part of a number would be another number; addresses are cut in the
-// middle, because they differ at both ends.
+// The live table on the terminal. It owns the lines at the cursor from its first drawing until its
+// removal; other output to the terminal removes it first. Lines are narrower than the terminal, so
+// that none wraps. A wide line is cut between words, because part of a number is another number; an
+// address is cut in the middle, because addresses differ at both ends.
 
 #include "cli/show/LiveTable.h"
 
@@ -24,7 +23,7 @@ namespace {
 
 constexpr const char* EraseToEndOfLine = "\x1b[K";
 constexpr const char* EraseBelow = "\x1b[J";
-// What a terminal that does not tell its size is taken for.
+// Assumed for a terminal that does not tell its size.
 constexpr unsigned short UsualWidth = 80;
 constexpr unsigned short UsualHeight = 24;
 
@@ -37,9 +36,9 @@ winsize terminalSize() {
 }
 
 constexpr std::size_t Gap = 2;
-// Columns of a round trip: "9999 ms".
+// Width of a round trip: "9999 ms".
 constexpr std::size_t NumberColumns = 7;
-// Below this an address is not known again.
+// A narrower address cannot be recognised.
 constexpr std::size_t NarrowestHeadend = 8;
 
 struct Character {
@@ -58,7 +57,7 @@ Character characterAt(const std::string& text, std::size_t at) {
   return {bytes, static_cast<std::size_t>(std::max(wcwidth(character), 0))};
 }
 
-/// As much of `text` as fits, cut between characters.
+/// The start of `text` that fits, cut between characters.
 std::string startOf(const std::string& text, std::size_t columns) {
   std::size_t end = 0;
   while (end < text.size()) {
@@ -100,7 +99,7 @@ bool isNearer(const LiveRow& a, const LiveRow& b) {
   return !a.samplesMs.empty() && (b.samplesMs.empty() || smallestOf(a) < smallestOf(b));
 }
 
-/// The columns of addresses and of names; 0 for no names.
+/// Widths of addresses and names; 0 for no names.
 struct Layout {
   std::size_t headend = 0;
   std::size_t name = 0;
@@ -115,7 +114,7 @@ Layout layOut(const std::vector<LiveRow>& rows, std::size_t width) {
   constexpr std::size_t RoundTrip = Gap + NumberColumns;
   layout.headend =
       std::min(layout.headend, std::max(width, NarrowestHeadend + RoundTrip) - RoundTrip);
-  // The other half is for what changes.
+  // Samples and state need the other half.
   layout.name = layout.headend + Gap + layout.name <= width / 2 ? layout.name : 0;
   return layout;
 }
@@ -185,7 +184,7 @@ std::string liveLine(const LiveState& state) {
 std::vector<std::string> liveTable(const LiveState& state, std::size_t width, std::size_t height) {
   std::vector<LiveRow> rows = state.rows;
   std::ranges::stable_sort(rows, isNearer);
-  // The headline, and the line that counts the rest; one is left free for the shell's prompt.
+  // The headline, the line with the number of other headends, and a free line for the prompt.
   constexpr std::size_t OtherLines = 3;
   const std::size_t room = height > OtherLines ? height - OtherLines : 0;
   const std::size_t left = rows.size() - std::min(rows.size(), room);
@@ -212,7 +211,7 @@ bool LiveTable::isPossible() {
 }
 
 void LiveTable::draw(const LiveState& state) {
-  // A job in the background must not scribble over what its user is typing.
+  // A background job must not draw over its user's typing.
   if (tcgetpgrp(STDERR_FILENO) != getpgrp()) {
     return;
   }
@@ -221,7 +220,7 @@ void LiveTable::draw(const LiveState& state) {
   if (m_isClosed) {
     return;
   }
-  // Over the old one rather than in place of it: a table that goes and comes flickers.
+  // Overwrites the old table: erasing it first would flicker.
   std::string text = toFirstLine();
   m_linesDrawn = 0;
   for (const std::string& line : liveTable(state, size.ws_col, size.ws_row)) {
@@ -246,7 +245,7 @@ void LiveTable::close() {
   erase();
 }
 
-/// What moves the cursor from where a drawing leaves it to the start of the first line.
+/// Moves the cursor from the end of a drawing to the start of its first line.
 std::string LiveTable::toFirstLine() const {
   return m_linesDrawn > 1 ? "\r\x1b[" + std::to_string(m_linesDrawn - 1) + "A" : "\r";
 }

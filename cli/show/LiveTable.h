@@ -9,15 +9,15 @@
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/include/Locks.h"
 
-/// One headend while it is being measured.
+/// One headend during the measurement.
 struct LiveRow {
   std::string headend;
   std::string name;                     ///< beside the headend; empty for none
-  std::vector<unsigned int> samplesMs;  ///< so far, in the order in which they came
-  std::string waitsFor;                 ///< or what became of it; empty when it is done
+  std::vector<unsigned int> samplesMs;  ///< so far, in order of arrival
+  std::string waitsFor;                 ///< or its failure; empty after success
 };
 
-/// How far a measurement is.
+/// The progress of a measurement.
 struct LiveState {
   unsigned int answered = 0;  ///< headends that answered at least once
   unsigned int probesEnded = 0;
@@ -27,25 +27,24 @@ struct LiveState {
 };
 
 /// The row of a headend.
-/// @param track its probes; null before the first.
-/// @param probes how many it gets.
+/// @param track its probes; null before the first probe.
+/// @param probes number of its probes.
 LiveRow liveRowOf(const Candidate& candidate, const SelectionRecord::Track* track,
                   unsigned int probes);
 
-/// The table as lines that fit, none of them wrapped, fewer than `height`: how far the measurement
-/// is, then the headends, nearest first, as many as there is room for. Names stand beside them
-/// where half of the width has room for both. In a narrow window addresses keep their room as long
-/// as a round trip fits beside them.
+/// The table as fewer than `height` lines, none of which wraps: the progress, then the headends
+/// that fit, nearest first. Names stand beside the addresses if both fit into half of the width. In
+/// a narrow window addresses stay whole as long as a round trip fits beside them.
 std::vector<std::string> liveTable(const LiveState& state, std::size_t width, std::size_t height);
 
-/// How far the measurement is, in one line.
+/// The progress in one line.
 std::string liveLine(const LiveState& state);
 
-/// Columns that a text of visible characters (UTF-8) takes on a terminal.
+/// Columns of a visible UTF-8 text on a terminal.
 std::size_t columnsOf(const std::string& text);
 
-/// A table on the terminal behind standard error that is drawn over and over in the same place and
-/// leaves nothing behind. Any thread may call any operation.
+/// A table on the terminal of standard error. It is redrawn in the same place and removed without a
+/// trace. Thread-safe.
 class LiveTable {
  public:
   /// Whether standard error is a terminal on which lines can be redrawn.
@@ -54,10 +53,10 @@ class LiveTable {
   /// Draws the table; does nothing while the process is in the background or after `close`.
   void draw(const LiveState& state);
 
-  /// Removes the table; it comes back with the next drawing.
+  /// Removes the table until the next drawing.
   void erase();
 
-  /// The same for good.
+  /// Removes the table for good.
   void close();
 
  private:

@@ -1,7 +1,6 @@
-// A result as a picture and as a page to hand around. Everything in them is text or drawn from
-// numbers; what came from files and networks is escaped, so that a headend's name cannot become
-// markup. Coordinates are whole pixels or tenths of one, so that the same result gives the same
-// bytes on every machine.
+// A result as a chart and as a web page. They hold only text and drawings of numbers. Texts from
+// files and networks are escaped, so that a headend's name cannot become markup. Coordinates are
+// multiples of 0.1 pixels, so that the same result gives the same bytes on every machine.
 
 #include "cli/show/ResultPage.h"
 
@@ -20,7 +19,7 @@
 
 namespace {
 
-/// Visible text as it may stand between tags or in an attribute's quotes.
+/// Escapes visible text for use between tags or in a quoted attribute.
 std::string escaped(const std::string& text) {
   static const std::map<char, const char*> markup = {
       {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
@@ -32,20 +31,20 @@ std::string escaped(const std::string& text) {
   return result;
 }
 
-/// The same of any text: what is no UTF-8 and control characters are shown as \xNN.
+/// Escapes any text: invalid UTF-8 and control characters become \xNN.
 std::string asXmlText(const std::string& text) { return escaped(Console::visible(text)); }
 
 // ---- The picture ------------------------------------------------------------------------------
 
 constexpr std::size_t MostRows = 100;
-// Characters of a name that fit before the bars; the whole of it is the row's title.
+// Characters of a name before the bars; the row's title has the whole name.
 constexpr std::size_t NameColumn = 32;
 
 constexpr int Width = 760;
 constexpr int BarsStart = 250;
 constexpr int BarsEnd = 680;
 constexpr int RowHeight = 24;
-// From the middle of a row down to the base of its line.
+// Distance from the middle of a row to its text's base line.
 constexpr int Base = 4;
 constexpr int BarHeight = 12;
 constexpr int Margin = 12;
@@ -61,7 +60,7 @@ constexpr const char* ChartStyle =
     ".ahs text{fill:var(--ink)}.ahs .soft{fill:var(--soft)}.ahs .grid{stroke:var(--line)}"
     ".ahs .bar{fill:var(--bar)}.ahs .first{fill:var(--first)}.ahs .dot{fill:var(--dot)}</style>\n";
 
-/// A number with at most one decimal, without one where it is whole.
+/// A number with at most one decimal, which is omitted if it is 0.
 std::string number(double value) {
   const double rounded = std::round(value * 10) / 10;
   return Wording::fixed(rounded, rounded == std::floor(rounded) ? 0 : 1);
@@ -76,7 +75,7 @@ std::string text(double x, double y, const std::string& classes, const std::stri
          (classes.empty() ? "" : " class=\"" + classes + "\"") + ">" + content + "</text>\n";
 }
 
-/// Cuts after whole characters of UTF-8.
+/// Cuts between UTF-8 characters.
 std::string shortened(const std::string& name) {
   std::size_t characters = 0;
   for (std::size_t i = 0; i < name.size(); ++i) {
@@ -88,7 +87,7 @@ std::string shortened(const std::string& name) {
   return name;
 }
 
-/// The scale of the bars: from 0 to the first tick that nothing exceeds.
+/// The scale of the bars: from 0 to the first tick that is not below any value.
 struct Scale {
   double step = 1;
   double end = 1;
@@ -144,7 +143,7 @@ std::string bar(const HeadendResult& headend, const Scale& scale, double middle,
 }
 
 std::string row(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
-  // A person looks for the name; both names of a headend are in the row's title.
+  // People look for the name; the row's title has name and address.
   const std::string name = nameBeside(headend.headend, headend.name);
   const std::string outcome = asXmlText(outcomeName(headend.outcome));
   return "<g><title>" + asXmlText(titleOf(headend)) + ": " + outcome + "</title>\n" +
@@ -183,7 +182,7 @@ std::string inMs(long long microseconds) {
   return microseconds < 0 ? "" : Wording::fixed(static_cast<double>(microseconds) / 1000, 1);
 }
 
-/// The probe that gave the smallest round trip; null if none gave one.
+/// The probe with the smallest round trip; null if no probe has one.
 const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
   const HttpProbe::Report* nearest = nullptr;
   for (const HttpProbe::Report& probe : headend.probes) {

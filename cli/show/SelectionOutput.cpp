@@ -1,5 +1,5 @@
-// The three forms in which a result is printed. What is meant for programs is versioned by the
-// member "schema": members may be added under the same number, none changes its meaning.
+// Prints a result in three forms. The member "schema" is the version of the JSON form: members may
+// be added under the same number, but none changes its meaning.
 
 #include "cli/show/SelectionOutput.h"
 
@@ -58,12 +58,12 @@ std::string describe(const HeadendResult* headend) {
 }
 
 std::string start(const std::string& number, const std::string& headend) {
-  // A list of a thousand still stands in columns.
+  // Columns stay aligned up to a thousand headends.
   constexpr std::size_t NumberWidth = 6;
   return std::string(NumberWidth - std::min(NumberWidth, number.size()), ' ') + number + headend;
 }
 
-/// The ordered list, then the others, as one table with a line between.
+/// The ordered list and the other headends as one table with a line between.
 std::string listsOf(const SelectionResult& result) {
   const bool named = hasNames(result);
   std::vector<std::vector<std::string>> rows;
@@ -85,7 +85,7 @@ std::string listsOf(const SelectionResult& result) {
     }
   }
   std::string text = tableText(std::vector<std::string>(named ? 3 : 2), rows);
-  std::size_t end = 1;  // after the heading, which is empty
+  std::size_t end = 1;  // after the empty heading
   for (std::size_t i = 0; i < result.headends.size(); ++i) {
     end = text.find('\n', end) + 1;
   }
@@ -140,7 +140,7 @@ std::string jsonOutput(const SelectionResult& result) {
   for (const HeadendResult& headend : result.results) {
     object["results"].push_back(headendAsJson(headend));
   }
-  // A realm comes from the network and need not be UTF-8; the output always is.
+  // A realm comes from the network and may not be UTF-8; the output always is.
   return jsonText(object);
 }
 

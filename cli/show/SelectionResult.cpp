@@ -1,5 +1,5 @@
-// What is told of a selection as a whole: its headends, its status in words and what a person does
-// about it, and the names of the reasons, which are their words joined by hyphens.
+// A selection as a whole: its headends, its status in words, advice, and the names of the reasons
+// (their words joined by hyphens).
 
 #include "cli/show/SelectionResult.h"
 
@@ -29,7 +29,7 @@ std::string adviceForLogin(const SelectionResult& result) {
          "HOST:PORT, or none with --no-proxy.";
 }
 
-/// Of a run that measured nothing, the status has been told already; of any other it says why.
+/// The words for a failed selection would add nothing; those for any other status say why.
 std::string adviceForFailure(const SelectionResult& result) {
   const bool wasMeasuring = result.status == HEADENDSELECTION_ERROR_SELECTION_FAILURE;
   const std::string headend = result.results.empty() ? "HOST" : result.results.front().headend;

@@ -13,7 +13,7 @@
 struct SelectionResult {
   unsigned int reason = 0;
   STATUSCODE status = 0;
-  std::vector<std::string> headends;  ///< as delivered, all of them, best first
+  std::vector<std::string> headends;  ///< as delivered, best first
   std::string extraInfo;
   bool fromCache = false;
   bool hadLogin = false;                ///< the run had credentials for the proxy
@@ -23,38 +23,37 @@ struct SelectionResult {
   std::optional<std::chrono::seconds> cacheAge;  ///< since the cached measurement, if it is known
   unsigned int cacheDays = 0;                    ///< how long a measurement may be used again
   std::chrono::milliseconds elapsed{0};
-  std::string report;  ///< the selection report as the log has it; empty when there was no ranking
+  std::string report;  ///< the selection report of the log; empty without a ranking
   /// The delivered headends in their order, then the other candidates in theirs.
   std::vector<HeadendResult> results;
 };
 
-/// One of the results; null for a headend that is none of the candidates.
+/// The result of a headend; null if it is no candidate.
 const HeadendResult* find(const SelectionResult& result, const std::string& headend);
 
-/// Whether any of the headends has a name beside its address.
+/// Whether any headend has a name besides its address.
 bool hasNames(const SelectionResult& result);
 
-/// A headend for a person: "gw-ams.example.com:8443 (Amsterdam)", or the address alone where the
-/// host entry has no name of its own. May hold anything: it is still to be made visible.
+/// A headend for a person: "gw-ams.example.com:8443 (Amsterdam)", or the address alone without a
+/// name. May hold anything: the caller must make it visible.
 std::string titleOf(const HeadendResult& headend);
 
-/// Round trips in decimal, in their order.
+/// Samples in decimal, in their order.
 std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* separator);
 
-/// The exit status that a selection's status stands for.
+/// The exit status for a selection's status.
 int exitStatusOf(STATUSCODE status);
 
 /// A status in words, a whole sentence.
 std::string statusInWords(const SelectionResult& result);
 
-/// A status as it is written for programs: "0xFE530010".
+/// A status for programs: "0xFE530010".
 std::string statusAsHex(STATUSCODE status);
 
-/// Why the client library could not be started, a whole sentence and what may be the matter.
+/// Why the client library could not start, and a likely cause, as whole sentences.
 std::string libraryProblem(STATUSCODE status);
 
-/// What a selection without success means and what to do next, for standard error; empty after a
-/// success.
+/// For standard error: what a failed selection means and what to do; empty after a success.
 std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces);
 
 using SelectionRules::ReasonProxyAuthentication;
@@ -63,7 +62,7 @@ using SelectionRules::ReasonReconnection;
 /// The reason code of a name ("reconnection") or of a digit from 0 to 5.
 std::optional<unsigned int> parseReason(const std::string& text);
 
-/// The name of a reason code, as `parseReason` takes it; "unknown" for any other number.
+/// The name of a reason code, which `parseReason` accepts; "unknown" for any other number.
 std::string reasonName(unsigned int reason);
 
 /// All names of reasons.

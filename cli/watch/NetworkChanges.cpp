@@ -1,6 +1,6 @@
-// The kernel's messages about the network. They say when to look, not what to see: messages can be
-// lost, and most of them change nothing that a headend is reached by, so what is compared is the
-// state that the kernel shows in files (proc(5), /proc/net).
+// The kernel's messages about the network. They only say when to look: messages can be lost, and
+// most do not affect the way to a headend. So this compares the state in the kernel's files
+// (proc(5), /proc/net).
 
 #include "cli/watch/NetworkChanges.h"
 
@@ -29,12 +29,12 @@ using std::chrono::nanoseconds;
 
 constexpr milliseconds Rest{1000};
 constexpr milliseconds LongestUnrest{10'000};
-// The longest wait in one piece. What the kernel counts for a wait stands still while the machine
-// is suspended, so the time is looked at now and then.
+// The longest single wait. poll(2) does not count suspended time, so the clock is checked now and
+// then.
 constexpr milliseconds LongestPoll{10'000};
 constexpr std::size_t MessageBytes = 8192;
 
-/// A line of /proc/net/ipv6_route without its counters and flags, which stand before its link.
+/// A line of /proc/net/ipv6_route without counters and flags, which precede the link's name.
 std::string withoutCounters(const std::string& route) {
   constexpr std::size_t CountersStart = 113;
   constexpr std::size_t CountersEnd = 140;
@@ -42,7 +42,7 @@ std::string withoutCounters(const std::string& route) {
                                     : route.substr(0, CountersStart) + route.substr(CountersEnd);
 }
 
-/// A link, up or not, and an IPv4 address that it has.
+/// A link, whether it is up, and one of its IPv4 addresses.
 std::string interfaceText(const ifaddrs& entry) {
   std::string text = entry.ifa_name + std::to_string(entry.ifa_flags & (IFF_UP | IFF_RUNNING));
   if (entry.ifa_addr != nullptr && entry.ifa_addr->sa_family == AF_INET) {
@@ -52,7 +52,7 @@ std::string interfaceText(const ifaddrs& entry) {
   return text;
 }
 
-/// Milliseconds for poll(2) until then, `most` at most.
+/// Milliseconds for poll(2) until `end`, at most `most`.
 int timeUntil(BootClock::time_point end, milliseconds most) {
   const auto left = std::chrono::ceil<milliseconds>(end - BootClock::now());
   return static_cast<int>(std::clamp(left, milliseconds(0), most).count());
@@ -88,9 +88,9 @@ NetworkChanges::~NetworkChanges() {
 
 void NetworkChanges::remember() { m_remembered = stateOfNetwork(); }
 
-/// Lines add up to a sum that does not depend on their order, so that any number of them takes no
-/// memory. An IPv6 address counts as another one when it has been found to be the machine's own,
-/// because it cannot be used before.
+/// Adds up hashes of lines, so that the result does not depend on their order and needs no memory.
+/// An IPv6 address counts as changed after duplicate address detection, because it was unusable
+/// before.
 std::uint64_t NetworkChanges::stateOfNetwork() {
   std::uint64_t sum = 0;
   ifaddrs* first = nullptr;
@@ -127,7 +127,7 @@ NetworkChanges::Heard NetworkChanges::wait(milliseconds longest) {
   return Heard::Nothing;
 }
 
-/// Takes messages until none has come for a while, or for too long.
+/// Takes messages until none has come for a while, or for at most a fixed time.
 void NetworkChanges::waitForRest() const {
   const auto patience = BootClock::now() + LongestUnrest;
   pollfd message{m_socket, POLLIN, 0};
@@ -136,7 +136,7 @@ void NetworkChanges::waitForRest() const {
   } while (BootClock::now() < patience && poll(&message, 1, timeUntil(patience, Rest)) > 0);
 }
 
-/// Takes all messages that are there, and the news that some were lost.
+/// Takes all pending messages, and the error that some were lost.
 void NetworkChanges::drain() const {
   alignas(nlmsghdr) std::array<char, MessageBytes> bytes;
   while (recv(m_socket, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0 || errno == ENOBUFS ||

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-/// Time since the machine was started, suspended or not: clock_gettime(2), CLOCK_BOOTTIME.
+/// Time since the machine's start, including suspended time: CLOCK_BOOTTIME of clock_gettime(2).
 struct BootClock {
   using duration = std::chrono::nanoseconds;
   using rep = duration::rep;
@@ -15,30 +15,29 @@ struct BootClock {
   static time_point now() noexcept;
 };
 
-/// Hears from the kernel when the machine's network changes: links, addresses and routes of both
-/// families (rtnetlink(7)). Used by one thread.
+/// Receives the kernel's messages when links, addresses or routes of both families change
+/// (rtnetlink(7)). Used by one thread.
 class NetworkChanges {
  public:
-  /// What a wait ended with.
+  /// How a wait ended.
   enum class Heard { Change, Nothing, Closed };
 
-  /// @param output a descriptor whose reader is waited for to go, too; -1 for none.
+  /// @param output a descriptor; a wait also ends when its reader is gone. -1 for none.
   explicit NetworkChanges(int output = -1);
   ~NetworkChanges();
   NetworkChanges(const NetworkChanges&) = delete;
   NetworkChanges& operator=(const NetworkChanges&) = delete;
 
-  /// Why no change can be heard; empty if it can. Waits then last their whole time.
+  /// Why changes cannot be observed; empty if they can. Otherwise waits last their whole time.
   const std::string& problem() const { return m_problem; }
 
-  /// Takes the network as it is now for the one that changes are told against.
+  /// Saves the present state of the network for later comparison.
   void remember();
 
-  /// Waits until the network is another one than the one remembered. One that changes does so in
-  /// many steps; the wait ends when nothing has been heard for a second, or after ten. Messages
-  /// that leave it as it was (an address whose time is prolonged, a search for radio stations) end
-  /// no wait.
-  /// @param longest a time that goes on while the machine is suspended.
+  /// Waits until the network differs from the remembered state. A change comes in many steps: the
+  /// wait ends after one second without messages, or after ten seconds. Messages that leave the
+  /// state unchanged (a prolonged address, a search for radio stations) end no wait.
+  /// @param longest includes suspended time.
   /// @return Closed when nobody reads the output any more.
   Heard wait(std::chrono::milliseconds longest);
 

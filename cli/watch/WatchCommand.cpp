@@ -1,7 +1,6 @@
-// `ahs watch`: selects again and again, each time as a reconnection from the headend of the time
-// before, and tells when the choice is another one. Each selection brings up the client library
-// anew, so that it sees the profiles as they are, and measures, so that it sees the network as it
-// is.
+// `ahs watch`: selects repeatedly, each time as a reconnection from the last headend, and prints
+// when the choice changes. Each selection restarts the client library, to read the profiles anew,
+// and measures, to see the present network.
 
 #include <time.h>
 #include <unistd.h>
@@ -36,11 +35,11 @@ using std::chrono::seconds;
 
 constexpr unsigned int IntervalSeconds = 300;
 constexpr unsigned int LongestIntervalSeconds = 86'400;
-// A network that gives no answer is asked again sooner.
+// After a failure the next selection comes sooner.
 constexpr seconds FailureInterval{30};
-// Metrics are whole milliseconds: up to this one, none is clearly better than another.
+// Metrics are whole milliseconds: none up to this is clearly better than another.
 constexpr unsigned int NextDoorMs = 1;
-// How often a program under way is looked at.
+// How often to check a running program.
 constexpr milliseconds LookInterval{200};
 
 struct WatchOptions {
@@ -84,9 +83,8 @@ std::string jsonLineOf(const HeadendResult& chosen, const std::optional<HeadendR
   return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-/// Runs the person's command once for each choice, one at a time. While one runs the newest choice
-/// waits; older ones that waited are dropped, because they are no longer true. What the command
-/// prints is no part of the result.
+/// Runs the person's command once per choice, one at a time. While it runs, only the newest choice
+/// waits; older ones are outdated and dropped. The command's output is no part of the result.
 class Hook {
  public:
   explicit Hook(std::string program) : m_program(std::move(program)) {}
@@ -102,7 +100,7 @@ class Hook {
     }
   }
 
-  /// Takes note of an end, and starts what waits. @return whether there is something to look at.
+  /// Notes an ended command, and starts a waiting one. @return whether a command is running.
   bool look() {
     if (m_running != nullptr) {
       const std::optional<ChildProgram::End> end = m_running->waitForEnd(milliseconds(0));
@@ -136,11 +134,11 @@ class Hook {
   std::optional<ChildProgram::Variables> m_next;
 };
 
-/// How soon a change of the network is answered: at once, but for a network that changes all the
-/// time, which is not to make a measurement of each change.
+/// Answers a change of the network at once, except that a network that keeps changing must not
+/// cause a measurement for each change.
 class ChangeLimit {
  public:
-  /// @return when to answer a change that comes now.
+  /// @return when to answer a change that happens now.
   BootClock::time_point take() {
     const auto now = BootClock::now();
     while (!m_answered.empty() && m_answered.front() + Period <= now) {
@@ -160,7 +158,7 @@ class ChangeLimit {
   std::deque<BootClock::time_point> m_answered;
 };
 
-/// The watch: what is chosen now, and how it came about.
+/// The watch: the present choice and its history.
 class Watch {
  public:
   Watch(const WatchOptions& options, SelectPlan plan, std::optional<Secret> password)
@@ -169,7 +167,7 @@ class Watch {
         m_password(std::move(password)),
         m_hook(options.program) {}
 
-  /// Goes on until nothing can be selected, or told any more. @return the exit status.
+  /// Continues until nothing can be selected or printed. @return the exit status.
   int run() {
     if (!m_network.problem().empty()) {
       Console::complain("warning: changes of the network cannot be heard of (" +
@@ -189,7 +187,7 @@ class Watch {
   }
 
  private:
-  /// @return the exit status, if this is the end.
+  /// @return the exit status if the watch ends.
   std::optional<int> selectOnce(Cause cause) {
     Selecting selecting(m_plan, "ahs watch", &m_told);
     if (!selecting.isReady()) {
@@ -213,8 +211,8 @@ class Watch {
     return take(choiceOf(*result), cause);
   }
 
-  /// What the selection chose, or the choice before where both are next door: a metric of 0 has no
-  /// ratio that could hold the last headend, and the choice would go to and fro.
+  /// The selection's choice; the previous one if both are next door: a metric of 0 allows no ratio,
+  /// so the choice would alternate.
   HeadendResult choiceOf(const SelectionResult& result) const {
     HeadendResult best = chosenHeadend(result.headends.front(), result);
     if (!m_chosen || best.metricMs != 0U) {
@@ -261,7 +259,7 @@ class Watch {
     return hasFailed ? std::min(given, FailureInterval) : given;
   }
 
-  /// @return why to select again; nothing when nobody reads what is told.
+  /// @return why to select again; nothing when nobody reads the output.
   std::optional<Cause> wait() {
     Cause cause = Interval;
     auto end = BootClock::now() + interval(m_hasFailed);
@@ -297,7 +295,7 @@ class Watch {
 };
 
 int runWatch(WatchOptions options) {
-  // What a selection of before has measured is no news.
+  // A result of the cache is no news.
   options.select.noCache = true;
   const std::string command = "ahs watch";
   SelectPlan plan;

@@ -1,4 +1,4 @@
-// The alarm is a timerfd with absolute times, so that a late look at it never lengthens the wait.
+// A timerfd with absolute times: a late look at it never lengthens the wait.
 
 #include "simulator/Alarm.h"
 

@@ -7,20 +7,20 @@
 
 namespace simulator {
 
-/// The clock of everything here; it is CLOCK_MONOTONIC.
+/// The simulator's clock: CLOCK_MONOTONIC.
 using Clock = std::chrono::steady_clock;
 
-/// A file that becomes readable at a moment, for epoll: finer than epoll's own milliseconds.
-/// One thread at a time.
+/// A descriptor for epoll that becomes readable at a set time, more exact than epoll's
+/// milliseconds. Used by one thread at a time.
 class Alarm {
  public:
-  /// @throws std::system_error when the system has no more timers.
+  /// @throws std::system_error if the system has no more timers.
   Alarm();
 
-  /// Sets the moment, or none. Setting the same again costs nothing.
+  /// Sets the time, or none. Setting the same time again costs nothing.
   void set(std::optional<Clock::time_point> moment);
 
-  /// Makes the file unreadable again until the next moment that is set.
+  /// Makes the descriptor unreadable until the next set time.
   void acknowledge();
 
   int fd() const { return m_timer.get(); }

@@ -1,5 +1,5 @@
-// What gateways do, as a table. An answer is a pure function of request and piece number, so that a
-// behaviour needs no state of its own and one gateway can play it for thousands of connections.
+// A table of what gateways do. An answer is a pure function of request and piece number, so a
+// behaviour has no state and one gateway can play it for thousands of connections.
 
 #include "simulator/Behaviours.h"
 
@@ -28,7 +28,7 @@ std::string response(const Request& request, std::string_view status, std::strin
   return response;
 }
 
-/// A web server's: a page within TLS, a complaint about a plain request.
+/// Like a web server: a page over TLS, a complaint about a plain request.
 std::string webAnswer(const Request& request) {
   return request.secure ? response(request, "200 OK", "Gateway")
                         : response(request, "400 Bad Request",
@@ -40,14 +40,14 @@ std::optional<Piece> wholeAnswer(const Request& request, std::size_t index) {
   return Piece{webAnswer(request), {}};
 }
 
-/// Reader's patience is what this one is about: each byte is in time, the answer never is.
+/// Each byte is in time, the whole answer never is.
 std::optional<Piece> oneByteASecond(const Request& request, std::size_t index) {
   const std::string answer = webAnswer(request);
   if (index >= answer.size()) return {};
   return Piece{answer.substr(index, 1), std::chrono::seconds(index == 0 ? 0 : 1)};
 }
 
-/// Neither HTTP nor TLS. Fixed bytes, so that a failure can be repeated.
+/// Neither HTTP nor TLS. The bytes are fixed, so that a failure can be repeated.
 std::optional<Piece> garbage(const Request&, std::size_t index) {
   constexpr std::size_t Length = 512;
   if (index > 0) return {};
@@ -60,7 +60,7 @@ std::optional<Piece> garbage(const Request&, std::size_t index) {
   return Piece{bytes, {}};
 }
 
-/// The same again and again, in pieces large enough to fill a connection.
+/// Repeats the unit up to a piece large enough to fill a connection.
 std::string repeated(std::string_view unit) {
   constexpr std::size_t PieceBytes = 64UL * 1024;
   std::string text;
@@ -69,16 +69,16 @@ std::string repeated(std::string_view unit) {
   return text;
 }
 
-/// A fatal "protocol version", which is all that a TLS server has to say to those who speak none.
+/// The fatal alert "protocol version", a TLS server's answer to a client without TLS.
 std::optional<Piece> tlsAlert(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{std::string("\x15\x03\x01\x00\x02\x02\x46", 7), {}};
 }
 
-/// Long enough for the first piece to arrive on its own.
+/// Long enough for the first piece to arrive separately.
 constexpr std::chrono::milliseconds Midway{50};
 
-/// The beginning of a head, which arrives, and no more.
+/// The first part of a head; the rest never comes.
 std::optional<Piece> beginningOfAHead(const Request&, std::size_t index) {
   if (index > 1) return {};
   return index == 0 ? Piece{"HTTP/1.1 200 OK\r\nServer: gate", {}} : Piece{{}, Midway};
@@ -113,9 +113,9 @@ std::string compressedHead(std::string_view coding) {
          "\r\n\r\n";
 }
 
-/// A stream of the compression format DEFLATE (RFC 1951) that never ends and expands to zeros, 159
-/// times as many: one block with the fixed codes, in which one zero is followed by repetitions of
-/// the last byte, 258 times each. A repetition is 13 bits, so that 13 bytes hold eight.
+/// An endless DEFLATE stream (RFC 1951) that expands 159 times, to zeros: one block with the fixed
+/// codes, in which one zero is followed by repetitions of the last byte, 258 times each. A
+/// repetition takes 13 bits, so 13 bytes hold eight.
 std::string deflatedZeros(std::size_t index) {
   constexpr std::string_view Start = "01000110000";  // not the last block, fixed codes; a zero
   constexpr std::string_view Repetition = "1100010100000";
@@ -147,7 +147,7 @@ std::optional<Piece> zlibBomb(const Request&, std::size_t index) {
   return deflateBomb("deflate", "\x78\x9C", index);
 }
 
-/// As the encoder of RFC 7932's authors writes zeros that are flushed every 16 MiB.
+/// Zeros as the encoder of RFC 7932's authors writes them, flushed every 16 MiB.
 std::optional<Piece> brotliBomb(const Request&, std::size_t index) {
   constexpr std::string_view FirstZeros(
       "\xCB\xFF\xFF\x3F\x00\x24\x00\xE2\xB1\x40\x72\xEF\xFF\xF8\xFF\xFF\x07\x80\x04\x40\x1C\x16"
@@ -167,7 +167,7 @@ std::optional<Piece> redirectToItself(const Request&, std::size_t index) {
   return Piece{"HTTP/1.1 302 Found\r\nLocation: /\r\nContent-Length: 0\r\n\r\n", {}};
 }
 
-/// What a terminal would obey, and what printf would, in the places that programs like to show.
+/// Control sequences for terminals and for printf, where programs often show a server's text.
 std::optional<Piece> controlSequences(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{
@@ -187,26 +187,26 @@ std::optional<Piece> controlSequencesInARealm(const Request&, std::size_t index)
       {}};
 }
 
-/// Promises a body, of which half comes; it keeps readers who believe it.
+/// Announces a body and sends half of it; a reader that expects the rest waits.
 std::optional<Piece> halfABody(const Request&, std::size_t index) {
   constexpr std::chrono::hours Never{24};
   if (index > 0) return Piece{{}, Never};
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + std::string(50, 'x'), {}};
 }
 
-/// In chunks, none of which is the last: each is short, and all together have no end.
+/// Short chunks without a last one.
 std::optional<Piece> endlessChunks(const Request&, std::size_t index) {
   static const std::string chunks = repeated("5\r\nagain\r\n");
   return Piece{index == 0 ? "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" : chunks, {}};
 }
 
-/// Promises to go on with the connection, over TLS or not.
+/// Promises to keep the connection, over TLS or not.
 std::optional<Piece> keepingAnswer(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: keep-alive\r\n\r\n", {}};
 }
 
-/// Says that the connection ends, which it does: every request takes one of its own.
+/// Announces the connection's end and closes it: every request needs a new connection.
 std::optional<Piece> partingAnswer(const Request&, std::size_t index) {
   if (index > 0) return {};
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n", {}};
@@ -228,14 +228,14 @@ constexpr Behaviour webServer(std::string_view name, std::string_view summary, T
           .tls = tls};
 }
 
-/// Answers requests, as long as it goes on, and ends the connection.
+/// Answers requests while the connection lasts, then ends it.
 constexpr Behaviour answers(std::string_view name, std::string_view summary,
                             decltype(Behaviour::answer) answer,
                             Afterwards afterwards = Afterwards::Close) {
   return {.name = name, .summary = summary, .answer = answer, .afterwards = afterwards};
 }
 
-/// Answers and keeps the connection, and then is another.
+/// Answers once, keeps the connection, and then behaves like `later`.
 constexpr Behaviour keeps(std::string_view name, std::string_view summary, std::string_view later) {
   return {.name = name,
           .summary = summary,

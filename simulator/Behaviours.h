@@ -11,39 +11,39 @@
 
 namespace simulator {
 
-/// The request that a gateway answers.
+/// The request to answer.
 struct Request {
-  /// It came within TLS. A TLS gateway refuses a plain one.
+  /// The request came over TLS. A TLS gateway refuses a plain one.
   bool secure = false;
-  /// Its first line and header lines; empty where the gateway acts on the first bytes of a
-  /// connection, whatever they are.
+  /// First line and header lines; empty if the gateway acts on a connection's first bytes, whatever
+  /// they are.
   std::string head;
 };
 
 /// A part of an answer.
 struct Piece {
   std::string bytes;
-  /// Wait before it is sent; the gateway's own delay is added to that of the first piece.
+  /// Wait before sending; the first piece also waits for the gateway's own delay.
   std::chrono::nanoseconds pause{0};
 };
 
-/// What is particular about a gateway's TLS.
+/// Peculiarities of a gateway's TLS.
 struct TlsManner {
   CertificateFlaw flaw = CertificateFlaw::None;
   bool demandsClientCertificate = false;
-  /// As OpenSSL numbers them (TLS1_2_VERSION); 0 for no limit.
+  /// OpenSSL's version numbers (TLS1_2_VERSION); 0 for no limit.
   int oldestVersion = 0;
   int newestVersion = 0;
 };
 
-/// How a gateway deals with those who connect. A new one is a new line in the table of
-/// Behaviours.cpp, and a function if it answers in a way that no other does.
+/// How a gateway treats its clients. A new behaviour needs a line in the table of Behaviours.cpp,
+/// and a function if no other behaviour answers like it.
 struct Behaviour {
   enum class Door {
     Open,
     /// Refuses connections.
     Closed,
-    /// Has them wait without a word, as an address does at which nobody is.
+    /// Neither accepts nor refuses connections, like an unused address.
     Blocked,
   };
   enum class Acts { Never, OnAccept, OnFirstBytes, OnRequest };
@@ -54,24 +54,24 @@ struct Behaviour {
   std::string_view summary;
   Door door = Door::Open;
   Acts acts = Acts::OnRequest;
-  /// Piece number `index` of the answer, none after the last; null for no answer. A piece may be
-  /// asked for only once and in order, and an answer may go on for ever.
+  /// Piece number `index` of the answer, none after the last; null for no answer. Each piece is
+  /// asked for once and in order; an answer may be endless.
   std::optional<Piece> (*answer)(const Request& request, std::size_t index) = nullptr;
-  /// What becomes of the connection when the answer is out.
+  /// What happens to the connection after the answer.
   Afterwards afterwards = Afterwards::Close;
-  /// Where it acts on a request, it speaks TLS with those who do.
+  /// Used if the gateway acts on requests: it then accepts TLS.
   TlsManner tls = {};
-  /// The behaviour that a connection's later requests meet; empty for the same.
+  /// The behaviour for a connection's later requests; empty for the same.
   std::string_view later = {};
 };
 
 /// All behaviours; the first is the default.
 std::span<const Behaviour> allBehaviours();
 
-/// @return null if there is none of this name.
+/// @return null if no behaviour has this name.
 const Behaviour* findBehaviour(std::string_view name);
 
-/// Whether the connection ends after the answer to this request: as HTTP/1.1 has it.
+/// Whether the connection ends after the answer to this request, by HTTP/1.1.
 bool endsConnection(const Request& request);
 
 }  // namespace simulator

@@ -1,4 +1,4 @@
-// Makes certificates through OpenSSL's API: no key is ever in a file or an argument list.
+// Makes certificates through OpenSSL's API: no file or argument list holds a key.
 
 #include "simulator/Certificates.h"
 
@@ -15,7 +15,7 @@ namespace simulator {
 namespace {
 
 constexpr long Day = 24 * 60 * 60;
-/// Clocks of a test's machines may differ.
+/// The clocks of a test's machines may differ.
 constexpr long ValidFrom = -Day;
 constexpr long ValidUntil = 30 * Day;
 
@@ -26,13 +26,13 @@ constexpr long ValidUntil = 30 * Day;
 }
 
 OpenSslPtr<EVP_PKEY> makeKey() {
-  // The cheapest of the common curves to sign with, and every client knows it.
+  // Every client knows this curve, and no other common one signs as cheaply.
   OpenSslPtr<EVP_PKEY> key(EVP_EC_gen("P-256"));
   if (!key) fail("EVP_EC_gen");
   return key;
 }
 
-/// A certificate with all but extensions and signature.
+/// A certificate without extensions and signature.
 OpenSslPtr<X509> makeCertificate(const std::string& commonName, EVP_PKEY* key) {
   OpenSslPtr<X509> certificate(X509_new());
   if (!certificate) fail("X509_new");
@@ -41,7 +41,7 @@ OpenSslPtr<X509> makeCertificate(const std::string& commonName, EVP_PKEY* key) {
 
   std::uint64_t serial = 0;
   if (RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1) fail("RAND_bytes");
-  // A serial number is positive.
+  // A serial number must be positive.
   ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), (serial >> 1) | 1);
   X509_gmtime_adj(X509_getm_notBefore(certificate.get()), ValidFrom);
   X509_gmtime_adj(X509_getm_notAfter(certificate.get()), ValidUntil);
@@ -103,7 +103,7 @@ OpenSslPtr<X509> CertificateAuthority::issue(const IpAddress& address,
   addExtension(certificate.get(), issuer, NID_basic_constraints, "critical,CA:FALSE");
   addExtension(certificate.get(), issuer, NID_ext_key_usage, "serverAuth");
   addExtension(certificate.get(), issuer, NID_subject_alt_name, alternatives);
-  // A certificate of its own has no key to point at but the one it is for.
+  // A self-signed certificate has no key of an authority to name.
   if (!selfSigned) addExtension(certificate.get(), issuer, NID_authority_key_identifier, "keyid");
   EVP_PKEY* const key = selfSigned ? m_serverKey.get() : m_key.get();
   if (X509_sign(certificate.get(), key, EVP_sha256()) == 0) fail("X509_sign");

@@ -12,7 +12,7 @@
 
 namespace simulator {
 
-/// Frees what OpenSSL made.
+/// Frees OpenSSL's objects.
 struct OpenSslDeleter {
   void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
   void operator()(X509* certificate) const { X509_free(certificate); }
@@ -22,25 +22,25 @@ struct OpenSslDeleter {
 template <typename T>
 using OpenSslPtr = std::unique_ptr<T, OpenSslDeleter>;
 
-/// What is wrong with a server's certificate.
+/// The fault in a server's certificate.
 enum class CertificateFlaw { None, Expired, NotYetValid, SelfSigned, OtherHost };
 
-/// A certificate authority that lives as long as the process: its key is in memory alone, so that
-/// whoever trusts its certificate trusts this one run.
+/// A certificate authority that lives as long as the process. Its key is only in memory, so
+/// trusting its certificate means trusting only this run.
 class CertificateAuthority {
  public:
-  /// @throws std::runtime_error when OpenSSL fails.
+  /// @throws std::runtime_error if OpenSSL fails.
   CertificateAuthority();
 
   /// Writes the authority's certificate (PEM). @throws std::runtime_error.
   void write(const std::string& path) const;
 
-  /// Makes a server's certificate for an address and its names, valid from yesterday for a month
-  /// but for its flaw, for the key `ServerKey`. @throws std::runtime_error.
+  /// Makes a server's certificate for `serverKey`, with an address and its names. Valid from
+  /// yesterday for a month, except for its flaw. @throws std::runtime_error.
   OpenSslPtr<X509> issue(const IpAddress& address, const std::vector<std::string>& names,
                          CertificateFlaw flaw) const;
 
-  /// The key of all servers: to make one each would only cost time.
+  /// The shared key of all servers: making one for each would only cost time.
   EVP_PKEY* serverKey() const { return m_serverKey.get(); }
 
  private:

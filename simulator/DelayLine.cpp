@@ -1,5 +1,5 @@
-// Decides when a packet leaves, or that it never does. Packets of one flow leave in the order they
-// came unless their path reorders, and what the line holds is bounded as a router's memory is.
+// Decides when a packet leaves or whether it is lost. Packets of a flow keep their order unless
+// their path reorders. Like a router, the line holds a bounded number of packets.
 
 #include "simulator/DelayLine.h"
 
@@ -11,22 +11,21 @@
 namespace simulator {
 namespace {
 
-/// Some 100 MB of full-sized packets; ten times the handshakes of 3,000 connections.
+/// About 100 MB of full-sized packets; ten times the handshakes of 3,000 connections.
 constexpr std::size_t MostHeld = 65'536;
-/// Flows are forgotten in one sweep when there are so many.
+/// At this number all flows are forgotten.
 constexpr std::size_t MostFlows = 65'536;
 
 constexpr std::size_t V4HeaderLength = 20;
 constexpr std::size_t V6HeaderLength = 40;
-/// Source and destination port.
+/// Length of source and destination port.
 constexpr std::size_t PortsLength = 4;
 
-/// What of a packet matters here.
+/// The parts of a packet that matter here.
 struct Addresses {
   IpAddress source;
   IpAddress destination;
-  /// Addresses, protocol and ports as one number. Two flows that meet in one number only wait for
-  /// each other.
+  /// Hash of addresses, protocol and ports. Two flows with the same hash only wait for each other.
   std::uint64_t flow = 0;
 };
 
@@ -55,7 +54,7 @@ std::optional<Addresses> dissect(std::span<const unsigned char> packet) {
       result.source = IpAddress::fromV4(&packet[12]);
       result.destination = IpAddress::fromV4(&packet[16]);
       protocol = packet[9];
-      // Only the first fragment has the ports.
+      // Only the first fragment contains the ports.
       hasPorts = (packet[6] & 0x1F) == 0 && packet[7] == 0;
       break;
     case 6:
@@ -85,7 +84,7 @@ std::uint64_t DelayLine::Random::next() {
 }
 
 double DelayLine::Random::fraction() {
-  // A double has 53 bits of fraction.
+  // A double has a mantissa of 53 bits.
   return static_cast<double>(next() >> 11) * 0x1p-53;
 }
 
@@ -101,7 +100,7 @@ void DelayLine::accept(Direction direction, std::span<const unsigned char> packe
   }
   Lane& lane = laneOf(
       direction, direction == Direction::ToGateways ? addresses->destination : addresses->source);
-  // Drawn for every packet, so that the fate of one does not depend on that of another.
+  // Drawn for every packet, so that no packet's fate depends on another's.
   const double luck = lane.random.fraction();
   const double lateness = -std::log1p(-lane.random.fraction());
   if (luck < lane.loss) {
@@ -117,7 +116,7 @@ void DelayLine::accept(Direction direction, std::span<const unsigned char> packe
 }
 
 DelayLine::Lane& DelayLine::laneOf(Direction direction, const IpAddress& gateway) {
-  // Strangers share a lane, so that nobody can have this process make lanes without end.
+  // Unknown addresses share a lane, so that nobody can make this process create lanes without end.
   const auto path = m_paths.find(gateway);
   const bool known = path != m_paths.end();
   const std::pair key(direction, known ? gateway : IpAddress());
@@ -125,7 +124,7 @@ DelayLine::Lane& DelayLine::laneOf(Direction direction, const IpAddress& gateway
   if (found != m_lanes.end()) return found->second;
   Lane lane{known ? path->second : m_defaultPath,
             Random(hash(m_seed * 2 + static_cast<unsigned int>(direction), key.second.bytes())), 0};
-  // Lost on the way there or on the way back: both together have the chance that was asked for.
+  // Loss on both ways together has the requested chance.
   lane.loss = 1 - std::sqrt(1 - lane.path.loss);
   return m_lanes.emplace(key, lane).first->second;
 }
@@ -147,7 +146,7 @@ std::optional<Clock::time_point> DelayLine::nextDue() const {
 
 std::optional<DelayLine::Packet> DelayLine::takeDue(Clock::time_point now) {
   if (m_held.empty() || m_held.top().due > now) return {};
-  // The queue gives out its top as constant; it is popped at once, before it is compared again.
+  // The queue returns its top as const; the top is popped before the next comparison.
   Held& top = const_cast<Held&>(m_held.top());
   const std::chrono::nanoseconds lateness = now - top.due;
   Packet packet = std::move(top.packet);

@@ -17,9 +17,8 @@ namespace simulator {
 
 enum class Direction { ToGateways, ToClients };
 
-/// Holds IP packets for as long as the path that they travel takes, or loses them. It knows no
-/// socket and no clock: the caller says what time it is, which must never go back. One thread at a
-/// time.
+/// Holds IP packets for the delay of their path, or loses them. It uses no socket and no clock: the
+/// caller passes the time, which must never go back. Used by one thread at a time.
 class DelayLine {
  public:
   struct Packet {
@@ -33,34 +32,34 @@ class DelayLine {
     std::uint64_t lost = 0;
     /// Not IP, or more than the line holds.
     std::uint64_t dropped = 0;
-    /// How much later than due packets were taken: sum and worst.
+    /// How much later than due packets were taken: sum and maximum.
     std::chrono::nanoseconds totalLateness{0};
     std::chrono::nanoseconds worstLateness{0};
   };
 
-  /// What one seed gives, it gives again: the fate of a packet depends on the seed, its path, and
-  /// its place among the packets of this path and direction alone.
+  /// The same seed gives the same result: a packet's fate depends only on the seed, its path, and
+  /// its place among the packets of this path and direction.
   DelayLine(const Scene& scene, std::uint64_t seed);
 
-  /// Takes in a packet. The path is that of its destination, or on the way back that of its source.
+  /// Accepts a packet. Its destination decides the path, on the way back its source.
   void accept(Direction direction, std::span<const unsigned char> packet, Clock::time_point now);
 
-  /// When the next packet leaves, if there is one.
+  /// When the next packet is due; none without packets.
   std::optional<Clock::time_point> nextDue() const;
 
-  /// Takes out a packet that is due, the earliest first; packets due at the same moment leave in
-  /// the order they came.
+  /// Takes out a due packet, the earliest first; packets due at the same time leave in their order
+  /// of arrival.
   std::optional<Packet> takeDue(Clock::time_point now);
 
   const Statistics& getStatistics() const { return m_statistics; }
 
  private:
-  /// SplitMix64: eight bytes of state, so that every path and direction has a generator of its own.
+  /// SplitMix64: its state is eight bytes, so every path and direction can have a generator.
   class Random {
    public:
     explicit Random(std::uint64_t seed) : m_state(seed) {}
     std::uint64_t next();
-    /// In [0, 1).
+    /// A number in [0, 1).
     double fraction();
 
    private:
@@ -69,7 +68,7 @@ class DelayLine {
   struct Lane {
     Path path;
     Random random;
-    /// Chance that a packet of this direction is lost.
+    /// Chance of loss in this direction.
     double loss;
   };
   struct Held {
@@ -90,7 +89,7 @@ class DelayLine {
   std::map<IpAddress, Path> m_paths;
   std::uint64_t m_seed;
   std::map<std::pair<Direction, IpAddress>, Lane> m_lanes;
-  /// When the last packet of a flow leaves; only flows that have jitter.
+  /// When each flow's last packet leaves; only flows with jitter.
   std::unordered_map<std::uint64_t, Clock::time_point> m_flows;
   std::priority_queue<Held, std::vector<Held>, LeavesLater> m_held;
   std::uint64_t m_nextNumber = 0;

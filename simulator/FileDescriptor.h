@@ -6,7 +6,7 @@
 
 namespace simulator {
 
-/// Owns an open file and closes it at the end. -1 stands for none.
+/// Owns a descriptor and closes it. -1 stands for none.
 class FileDescriptor {
  public:
   FileDescriptor() = default;

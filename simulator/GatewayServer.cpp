@@ -1,8 +1,7 @@
-// One loop plays all gateways. Every socket is watched edge-triggered and each event drives its
-// connection until the socket has nothing more to give or take; a connection that waits (for its
-// gateway's delay, or to be closed as idle) has an appointment in one queue. What a peer can make
-// this process keep is bounded: the head of a request, the number of connections, and the time of
-// each.
+// One loop plays all gateways. Sockets are watched edge-triggered; each event drives its connection
+// until nothing more can be read or written. A connection that waits, for its gateway's delay or
+// its idle time-out, has an appointment in one queue. Bounds limit what peers can make this process
+// hold: the head of a request, the number of connections, and the time of each.
 
 #include "simulator/GatewayServer.h"
 
@@ -21,22 +20,22 @@
 namespace simulator {
 namespace {
 
-/// As web servers have it.
+/// The usual limit of web servers.
 constexpr std::size_t MostHeadBytes = 16 * 1024;
-/// Beyond it the oldest way of a server to defend itself: it closes newcomers.
+/// Beyond this number, new connections are closed.
 constexpr std::size_t MostConnections = 50'000;
-/// Longer than any probe waits, so that it is the client who gives up on a silent gateway.
+/// Longer than any probe waits: the client, not the gateway, gives up.
 constexpr auto LongestIdle = std::chrono::seconds(90);
-/// The kernel cuts it to its own limit (net.core.somaxconn).
+/// The kernel reduces it to its own limit (net.core.somaxconn).
 constexpr int Backlog = 65'535;
-/// Each connection's turn ends after so many pieces of an answer, for one that takes in what it is
-/// sent as fast as it comes must not keep the others waiting.
+/// A connection's turn ends after so many pieces: a fast reader of an endless answer must not keep
+/// the others waiting.
 constexpr std::size_t MostPiecesAtOnce = 16;
 constexpr auto PauseBetweenTurns = std::chrono::microseconds(100);
 /// First byte of a TLS handshake record.
 constexpr unsigned char TlsHandshake = 0x16;
 
-/// Keys of epoll: listeners by index, then these, then connections.
+/// Keys for epoll: listeners by index, then these, then connections.
 constexpr std::uint64_t StopKey = 1'000'000'000;
 constexpr std::uint64_t AlarmKey = StopKey + 1;
 constexpr std::uint64_t ServeTooKey = StopKey + 2;
@@ -49,7 +48,7 @@ constexpr std::uint64_t FirstConnectionKey = StopKey + 3;
 enum class Io { Done, WouldBlock, Ended };
 
 void setManner(SSL* tls, const TlsManner& manner) {
-  // Versions below 1.2 need signatures that OpenSSL otherwise refuses to make.
+  // Versions below 1.2 need signatures that OpenSSL refuses by default.
   const bool isOld = manner.newestVersion != 0 && manner.newestVersion < TLS1_2_VERSION;
   if (isOld) SSL_set_security_level(tls, 0);
   SSL_set_min_proto_version(tls, isOld ? TLS1_VERSION : manner.oldestVersion);
@@ -61,7 +60,7 @@ void setManner(SSL* tls, const TlsManner& manner) {
 
 }  // namespace
 
-/// One client: what it said, what it is owed, and when.
+/// One client: its input, its pending answer, and when that is due.
 class Connection {
  public:
   Connection(FileDescriptor socket, const Gateway& gateway, const Behaviour& behaviour,
@@ -72,15 +71,15 @@ class Connection {
         m_makeTls(std::move(makeTls)),
         m_idleUntil(Clock::now() + LongestIdle) {}
 
-  /// Does what can be done now. @return false when the connection is over.
+  /// Does what is possible now. @return false when the connection is over.
   bool advance(Clock::time_point now);
 
-  /// The moment at which `Advance` has to be called again if nothing happens before.
+  /// When to call `advance` again if no event comes first.
   Clock::time_point nextAppointment() const {
     return m_due ? std::min(*m_due, m_idleUntil) : m_idleUntil;
   }
 
-  /// The moment that stands in the server's queue.
+  /// This connection's time in the server's queue.
   Clock::time_point appointment;
 
  private:
@@ -102,21 +101,21 @@ class Connection {
   Phase m_phase = Phase::Unspoken;
   OpenSslPtr<SSL> m_tls;
   std::string m_input;
-  /// The request that is being answered, and how far.
+  /// The request that is being answered.
   std::optional<Request> m_request;
   std::size_t m_nextPiece = 0;
   std::string m_output;
-  /// When `m_output` may go out.
+  /// When `m_output` may be sent.
   std::optional<Clock::time_point> m_due;
 };
 
 bool Connection::advance(Clock::time_point now) {
   if (now >= m_idleUntil) return false;
   if (!read()) return false;
-  // A handshake takes its time, which is not part of the gateway's delay.
+  // The time of the handshake is no part of the gateway's delay.
   now = Clock::now();
-  // Ends: every turn answers a request or sends a piece of an answer, whose number is limited, and
-  // there is no more input than was read.
+  // Terminates: each turn answers a request or sends one of a limited number of pieces, and the
+  // input that was read is finite.
   for (std::size_t piece = 1; beginIfAsked(now); ++piece) {
     if (m_due && now < *m_due) return true;
     m_due.reset();
@@ -150,7 +149,7 @@ bool Connection::read() {
     }
   }
   std::array<char, 4096> buffer;
-  // Ends: the input is bounded.
+  // Terminates: the input is bounded.
   while (m_input.size() <= MostHeadBytes) {
     std::size_t count = 0;
     switch (readSome(buffer.data(), buffer.size(), count)) {
@@ -163,11 +162,11 @@ bool Connection::read() {
     }
     m_input.append(buffer.data(), count);
   }
-  // A gateway that never acts lets its peer talk until the kernel's buffers are full.
+  // A gateway that never acts reads nothing more: its peer fills the kernel's buffers.
   return m_behaviour->acts == Behaviour::Acts::Never;
 }
 
-/// @return whether an answer is under way.
+/// @return whether an answer is in progress.
 bool Connection::beginIfAsked(Clock::time_point now) {
   if (m_request) return true;
   if (m_behaviour->acts == Behaviour::Acts::Never) return false;
@@ -190,7 +189,7 @@ bool Connection::beginIfAsked(Clock::time_point now) {
   return true;
 }
 
-/// @return whether there is one.
+/// @return whether the answer has another piece.
 bool Connection::nextPiece(Clock::time_point now) {
   if (m_behaviour->answer == nullptr) return false;
   auto piece = m_behaviour->answer(*m_request, m_nextPiece);
@@ -201,7 +200,7 @@ bool Connection::nextPiece(Clock::time_point now) {
   return true;
 }
 
-/// @return whether the connection goes on.
+/// @return whether the connection continues.
 bool Connection::endAnswer() {
   using Afterwards = Behaviour::Afterwards;
   const bool goesOn =
@@ -262,12 +261,12 @@ Io Connection::tlsResult(int result) {
 GatewayServer::GatewayServer(const Scene& scene, const CertificateAuthority& authority)
     : m_authority(authority), m_gateways(scene.gateways), m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
   if (!m_epoll) fail("epoll_create1");
-  // A peer that is gone must not end the process while TLS writes to it.
+  // TLS may write to a peer that is gone; that must not end the process.
   std::signal(SIGPIPE, SIG_IGN);
   makeContext();
   for (const HostName& host : scene.names) m_namesOfAddress.emplace(host.address.text(), host.name);
 
-  // Connections keep references to the listeners' gateways: neither moves from here on.
+  // Connections refer to the listeners' gateways: neither may move from here on.
   for (std::size_t i = 0; i < m_gateways.size(); ++i) {
     const Behaviour* behaviour = findBehaviour(m_gateways[i].behaviour);
     if (behaviour == nullptr) throw SceneError("no behaviour '" + m_gateways[i].behaviour + "'");
@@ -284,7 +283,7 @@ GatewayServer::~GatewayServer() = default;
 void GatewayServer::makeContext() {
   m_context.reset(SSL_CTX_new(TLS_server_method()));
   if (!m_context) throw std::runtime_error("SSL_CTX_new failed");
-  // Thousands of clients that come once: nothing is remembered of them.
+  // Thousands of clients come only once: no session is remembered.
   SSL_CTX_set_session_cache_mode(m_context.get(), SSL_SESS_CACHE_OFF);
   SSL_CTX_set_mode(m_context.get(), SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE |
                                         SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
@@ -298,7 +297,7 @@ void GatewayServer::listen(std::size_t gateway, const Behaviour& behaviour) {
   if (!socket) fail(where);
   const int on = 1;
   setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  // An address of a range that is routed to this machine belongs to no interface.
+  // An address of a routed range belongs to no interface.
   setsockopt(socket.get(), SOL_IP, IP_FREEBIND, &on, sizeof on);
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 
@@ -311,7 +310,7 @@ void GatewayServer::listen(std::size_t gateway, const Behaviour& behaviour) {
       getsockname(socket.get(), reinterpret_cast<sockaddr*>(&name), &length) != 0) {
     fail(where);
   }
-  // The port is at the same place in both kinds of address.
+  // Both kinds of address hold the port at the same offset.
   m_gateways[gateway].port = ntohs(reinterpret_cast<const sockaddr_in*>(&name)->sin_port);
   if (isBlocked) block(m_gateways[gateway]);
   if (isClosed || isBlocked) {
@@ -321,7 +320,7 @@ void GatewayServer::listen(std::size_t gateway, const Behaviour& behaviour) {
   }
 }
 
-/// Fills the queue of a listener, which nobody empties: the kernel drops what comes then.
+/// Fills a listener's queue and leaves it full: the kernel drops later attempts.
 void GatewayServer::block(const Gateway& gateway) {
   constexpr int MoreThanTheQueueHolds = 4;
   sockaddr_storage name;
@@ -374,7 +373,7 @@ void GatewayServer::Run(int stopFd) {
 }
 
 void GatewayServer::accept(Listener& listener) {
-  // The rest of a longer queue waits for its turn: the listener stays readable.
+  // A longer queue waits for its turn: the listener stays readable.
   constexpr int MostAtOnce = 64;
   for (int i = 0; i < MostAtOnce; ++i) {
     FileDescriptor socket(
@@ -399,7 +398,7 @@ void GatewayServer::advance(std::uint64_t key) {
   if (!connection.advance(Clock::now())) {
     m_connections.erase(found);
   } else if (connection.nextAppointment() < connection.appointment) {
-    // A later one is made when the earlier one is kept.
+    // A later appointment is made when the earlier one is due.
     appoint(key, connection);
   }
 }
@@ -415,7 +414,7 @@ void GatewayServer::keepAppointments() {
     const auto [due, key] = m_appointments.top();
     m_appointments.pop();
     const auto found = m_connections.find(key);
-    // An earlier one took the place of this one.
+    // An earlier appointment has replaced this one.
     if (found == m_connections.end() || found->second->appointment != due) continue;
     if (found->second->advance(now)) {
       appoint(key, *found->second);

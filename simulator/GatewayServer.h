@@ -18,22 +18,20 @@ namespace simulator {
 
 class Connection;
 
-/// Plays all gateways of a scene on the thread that calls it; thousands of gateways and connections
-/// are no burden. Not for several threads.
+/// Plays all gateways of a scene, thousands if need be, on the calling thread. Not thread-safe.
 class GatewayServer {
  public:
-  /// Takes every gateway's address and port, and listens where its behaviour wants it.
-  /// @throws SceneError for an unknown behaviour, std::system_error for an address that cannot be
-  /// had.
+  /// Reserves every gateway's address and port; listens if its behaviour does.
+  /// @throws SceneError for an unknown behaviour, std::system_error for an unavailable address.
   GatewayServer(const Scene& scene, const CertificateAuthority& authority);
   ~GatewayServer();
   GatewayServer(const GatewayServer&) = delete;
   GatewayServer& operator=(const GatewayServer&) = delete;
 
-  /// The gateways with their ports filled in; those that do not listen are among them.
+  /// The gateways with their ports filled in, including those that do not listen.
   const std::vector<Gateway>& gateways() const { return m_gateways; }
 
-  /// Has `Run` call a function whenever a file is readable. There is one such file.
+  /// Lets `Run` call a function whenever `fd` is readable. Only one such descriptor.
   void serveToo(int fd, std::function<void()> serve);
 
   /// Serves until `stopFd` is readable.
@@ -44,10 +42,10 @@ class GatewayServer {
     FileDescriptor socket;
     std::size_t gateway = 0;
     const Behaviour* behaviour = nullptr;
-    /// Made when the first client speaks TLS.
+    /// Made for the first client that speaks TLS.
     OpenSslPtr<X509> certificate;
   };
-  /// A connection wants attention at a moment.
+  /// A time at which a connection needs attention.
   struct Appointment {
     Clock::time_point due;
     std::uint64_t connection;
@@ -72,7 +70,7 @@ class GatewayServer {
   std::function<void()> m_serveToo;
   Alarm m_alarm;
   std::vector<Listener> m_listeners;
-  /// What is open for the sake of the ports alone: of gateways that refuse, and of blocked ones.
+  /// Sockets that only reserve ports: of gateways that refuse, and of blocked ones.
   std::vector<FileDescriptor> m_placeholders;
   std::uint64_t m_nextKey = 0;
   std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> m_connections;

@@ -1,5 +1,5 @@
-// The command `ahs-gateways`: gateways that speak real TLS, in the foreground, until a signal or
-// the end of whoever started it. It says "ready" on its standard output once all of them listen.
+// The command `ahs-gateways`: gateways with real TLS, in the foreground, until a signal or its
+// parent's end. Prints "ready" on standard output once all listen.
 
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -31,7 +31,7 @@ std::string footer() {
   return text;
 }
 
-/// Signals that end the program, as a file.
+/// A descriptor that reads the signals that end the program.
 FileDescriptor blockEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -40,7 +40,7 @@ FileDescriptor blockEndSignals() {
   return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
-/// A file for every connection of thousands of gateways.
+/// Each connection of thousands of gateways needs a descriptor.
 void allowManyFiles() {
   rlimit files{};
   if (getrlimit(RLIMIT_NOFILE, &files) != 0) return;

@@ -1,5 +1,5 @@
-// A name server that does as the scene says, right or wrong. Answers are put together from the
-// question, which is copied whole, so that every name in them can point there.
+// A name server whose answers, right or wrong, follow the scene. Each answer begins with a copy of
+// the question, so that all its names can point there.
 
 #include "simulator/NameServer.h"
 
@@ -22,7 +22,7 @@ constexpr std::uint16_t DnsPort = 53;
 constexpr std::size_t HeaderBytes = 12;
 constexpr std::size_t MostNameBytes = 255;
 
-// RFC 1035, section 4.1.1: an answer, with authority, from a server that recurses.
+// RFC 1035, section 4.1.1: an authoritative answer of a recursive server.
 constexpr unsigned char FlagsHigh = 0x84;
 constexpr unsigned char FlagsLow = 0x80;
 constexpr unsigned char ServerFailure = 2;
@@ -32,13 +32,13 @@ constexpr unsigned char A = 1;
 constexpr unsigned char Cname = 5;
 constexpr unsigned char Aaaa = 28;
 
-/// A name that is the question's: a pointer to where that begins.
+/// A pointer to the name in the question.
 constexpr std::array<unsigned char, 2> AskedNamePointer = {0xC0, HeaderBytes};
 
 struct Question {
   std::string name;
   unsigned int type = 0;
-  /// Where it ends.
+  /// Offset of the question's end.
   std::size_t end = 0;
 };
 
@@ -61,7 +61,7 @@ std::optional<Question> parse(const Bytes& packet) {
   return question;
 }
 
-/// An answer under way.
+/// An answer being built.
 class Message {
  public:
   Message(const Bytes& question, std::size_t end)
@@ -74,10 +74,10 @@ class Message {
 
   void fail(unsigned char code) { m_bytes[3] |= code; }
 
-  /// Adds a record. @return where its data begins.
+  /// Adds a record. @return the offset of its data.
   std::size_t add(const Bytes& owner, unsigned char type, const Bytes& data) {
     append(owner);
-    append({0, type, 0, 1, 0, 0, 0, 0});  // of the Internet, to be asked for again each time
+    append({0, type, 0, 1, 0, 0, 0, 0});  // class IN, time to live 0
     append({static_cast<unsigned char>(data.size() >> 8), static_cast<unsigned char>(data.size())});
     const std::size_t begin = m_bytes.size();
     append(data);
@@ -111,20 +111,20 @@ void addAddresses(const Bytes& owner, unsigned int type, const std::vector<IpAdd
   }
 }
 
-/// "x.NAME" is another name for NAME, and that for "x.NAME".
+/// Two aliases, NAME and "x.NAME", each for the other.
 void addLoop(Message& message) {
   const std::size_t other = message.add(nameAsked(), Cname, {1, 'x', 0xC0, HeaderBytes});
   message.add(pointerTo(other), Cname, nameAsked());
 }
 
-/// Another name of bytes that no host has, and that name's addresses.
+/// An alias for a name with bytes that no host name has, and that name's addresses.
 void addOddName(unsigned int type, const std::vector<IpAddress>& addresses, Message& message) {
   const Bytes odd = {9, 0x1B, '[', '3', '1', 'm', '\n', '%', 'n', 0xFF, 0};
   const std::size_t name = message.add(nameAsked(), Cname, odd);
   addAddresses(pointerTo(name), type, addresses, message);
 }
 
-/// Announces more records than there are, of which the first has itself for a name.
+/// Announces more records than it has; the first has itself as its name.
 Bytes garbage(Message message) {
   Bytes bytes = message.take();
   bytes[6] = bytes[7] = 0xFF;
@@ -171,7 +171,7 @@ NameServer::NameServer(const Scene& scene) : m_answers(scene.answers) {
   m_socket = FileDescriptor(
       ::socket(address.isV4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
-  // Questions of thousands of probes at once wait for their turn.
+  // Room for the waiting questions of thousands of simultaneous probes.
   const int room = 4 * 1024 * 1024;
   sockaddr_storage name;
   const socklen_t length = address.toSocketAddress(DnsPort, name);
@@ -183,7 +183,7 @@ NameServer::NameServer(const Scene& scene) : m_answers(scene.answers) {
 }
 
 void NameServer::answer() {
-  // The rest waits for its turn: the socket stays readable.
+  // Other questions wait for their turn: the socket stays readable.
   constexpr int MostAtOnce = 64;
   constexpr std::size_t MostQuestionBytes = 512;
   for (int i = 0; i < MostAtOnce; ++i) {
@@ -196,7 +196,7 @@ void NameServer::answer() {
     question.resize(static_cast<std::size_t>(count));
     const Bytes answer = answerTo(question, m_answers);
     if (answer.empty()) continue;
-    // An answer that cannot be sent is lost, as on any network.
+    // A failed send loses the answer, as on any network.
     if (sendto(m_socket.get(), answer.data(), answer.size(), 0,
                reinterpret_cast<const sockaddr*>(&client), length) < 0) {
       continue;

@@ -9,18 +9,17 @@
 
 namespace simulator {
 
-/// Plays the name server of a scene, over UDP: it knows the scene's answers and nothing else. Not
-/// for several threads.
+/// Plays the name server of a scene over UDP, with the scene's answers only. Not thread-safe.
 class NameServer {
  public:
-  /// Listens on port 53 of the scene's resolver, which there must be.
-  /// @throws std::system_error when the address cannot be had.
+  /// Listens on port 53 of the scene's resolver, which must exist.
+  /// @throws std::system_error if the address is unavailable.
   explicit NameServer(const Scene& scene);
 
-  /// Becomes readable when there are questions.
+  /// Readable when questions have arrived.
   int fd() const { return m_socket.get(); }
 
-  /// Answers what has been asked.
+  /// Answers the questions that have arrived.
   void answer();
 
  private:
@@ -28,7 +27,7 @@ class NameServer {
   std::map<std::string, NameAnswer> m_answers;
 };
 
-/// The answer to a question, both as they are sent (RFC 1035, section 4); empty for none.
+/// The answer to a question, both in wire format (RFC 1035, section 4); empty for no answer.
 std::vector<unsigned char> answerTo(const std::vector<unsigned char>& question,
                                     const std::map<std::string, NameAnswer>& answers);
 

@@ -1,5 +1,5 @@
-// Makes the two networks. Everything it makes belongs to this process and its children alone and is
-// gone with the last of them: namespaces, devices that nobody else sees, files in a private mount.
+// Makes the two networks. Its namespaces, devices and private mounts belong only to this process
+// and its children, and vanish with the last of them.
 
 #include "simulator/Network.h"
 
@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char* Tun = "/dev/net/tun";
 constexpr const char* Device = "wan0";
-/// The kernel keeps so many packets until they are read: a handshake of some thousand connections.
+/// The kernel queues this many packets: the handshakes of some thousand connections.
 constexpr const char* TunSettings = "link set dev wan0 txqueuelen 16384 mtu 1500 up\n";
 
 std::string reason(int error) { return std::generic_category().message(error); }
@@ -42,7 +42,7 @@ void writeFile(const std::string& path, const std::string& text) {
   }
 }
 
-/// @return whether it took a user namespace.
+/// @return whether it had to make a user namespace.
 bool enterOwnNamespaces() {
   if (unshare(CLONE_NEWNET | CLONE_NEWNS) == 0) return false;
   if (errno != EPERM) fail("unshare");
@@ -68,13 +68,13 @@ FileDescriptor openTun() {
   return tun;
 }
 
-/// Has ip(8) carry out commands in the namespace this process is in.
+/// Runs ip(8) with commands in this process's namespace.
 void configure(const std::string& commands, bool essential) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) fail("pipe2");
   const FileDescriptor readEnd(ends[0]);
   FileDescriptor writeEnd(ends[1]);
-  // The commands are far shorter than what a pipe holds.
+  // A pipe's buffer is far larger than the commands.
   if (write(writeEnd.get(), commands.data(), commands.size()) < 0) fail("pipe");
   writeEnd.close();
   const FileDescriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
@@ -117,7 +117,7 @@ Network Network::make(const Scene& scene) {
   checkAddresses(scene);
   enterOwnNamespaces();
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    // So it is after chroot(2), where nothing can be hidden from the command.
+    // This happens after chroot(2); then nothing can be hidden from the command.
     if (errno == EINVAL) throw NotPermitted("the root directory is no mount point");
     fail("mount");
   }
@@ -131,7 +131,7 @@ Network Network::make(const Scene& scene) {
   configure("route add fd76::1/128 dev wan0\nroute add local fd77::/64 dev lo\n", needsV6);
   network.gatewayNamespace = FileDescriptor(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
   if (!network.gatewayNamespace) fail("/proc/self/ns/net");
-  // Servers that do not ask for it themselves may bind to addresses of the range.
+  // Lets servers without IP_FREEBIND bind to addresses of the range.
   const FileDescriptor bindAny(open("/proc/sys/net/ipv6/ip_nonlocal_bind", O_WRONLY | O_CLOEXEC));
   if (bindAny && write(bindAny.get(), "1", 1) != 1 && needsV6) fail("ip_nonlocal_bind");
 
@@ -155,13 +155,13 @@ void hideOtherNames(const Scene& scene) {
   char directory[] = "/tmp/ahs-wan-XXXXXX";
   if (mkdtemp(directory) == nullptr) fail("mkdtemp");
   const std::string root = directory;
-  // The files outlive the directory: they are held by being mounted elsewhere.
+  // The files outlive the directory, because they are mounted elsewhere.
   if (mount("tmpfs", directory, "tmpfs", MS_NOSUID | MS_NODEV, "mode=755") == 0) {
     writeFile(root + "/hosts", hosts);
     writeFile(root + "/nsswitch.conf", "passwd: files\ngroup: files\n" + sources);
     writeFile(root + "/resolv.conf", resolver);
     bindOver(root + "/hosts", "/etc/hosts", !scene.names.empty());
-    // Where these are missing nobody is asked anyway, or only this machine.
+    // Without these two files no name service is asked, or only this machine.
     bindOver(root + "/nsswitch.conf", "/etc/nsswitch.conf", false);
     bindOver(root + "/resolv.conf", "/etc/resolv.conf", scene.resolver.has_value());
     umount2(directory, MNT_DETACH);

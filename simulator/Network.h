@@ -8,33 +8,33 @@
 
 namespace simulator {
 
-/// This process may not, or this machine cannot, make networks of its own.
+/// This process may not make networks, or this machine cannot.
 class NotPermitted : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// Two network namespaces of this process, joined by nothing but the two files here: what is sent
-/// to the other side in one comes out of its file as IP packets, and what is written there arrives.
+/// Two network namespaces of this process, joined only by the two descriptors here. A packet sent
+/// in one namespace to the other can be read from its descriptor; a packet written there arrives.
 ///
-/// Gateways may have any address of 10.77.0.0/16 and fd77::/64, all of which are at home in their
-/// namespace; the client has 10.76.0.1 and fd76::1. The calling process is in the clients'
-/// namespace from then on, and also in a mount namespace of its own.
+/// Gateways may have any address of 10.77.0.0/16 and fd77::/64, all local to their namespace; the
+/// client has 10.76.0.1 and fd76::1. The calling process moves into the clients' namespace and into
+/// a new mount namespace.
 struct Network {
   FileDescriptor gatewayNamespace;
   /// Reading never waits.
   FileDescriptor gatewayTun;
   FileDescriptor clientTun;
 
-  /// Makes the network, as root, or else in a user namespace in which this process is root. Not in
-  /// a process with threads.
-  /// @throws NotPermitted, std::runtime_error for other failures, SceneError for an address of the
-  ///         scene that is out of its range.
+  /// Makes the network as root, or in a user namespace in which this process is root. The process
+  /// must have a single thread.
+  /// @throws NotPermitted, SceneError for an address of the scene out of range, std::runtime_error
+  /// for other failures.
   static Network make(const Scene& scene);
 };
 
-/// Lets this process and its children know the names of the scene, "localhost", and, unless the
-/// scene has a resolver, no other name: unknown ones fail at once. Only after `Network::Make`.
+/// Makes the scene's names and "localhost" known to this process and its children. Without a
+/// resolver in the scene, other names fail at once. Only after `Network::make`.
 /// @throws std::system_error.
 void hideOtherNames(const Scene& scene);
 

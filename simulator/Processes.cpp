@@ -1,6 +1,5 @@
-// Starts programs and sees to it that none of them is left behind: each dies with this process,
-// each is ended by its number, and those that have lost their parent have become children of this
-// process.
+// Starts programs and leaves none behind: each is killed by its number when this process ends, and
+// orphaned descendants become children of this process.
 
 #include "simulator/Processes.h"
 
@@ -24,7 +23,7 @@
 namespace simulator {
 namespace {
 
-/// What the child does between fork and exec; async-signal-safe calls only.
+/// The child's code between fork and exec; async-signal-safe calls only.
 [[noreturn]] void become(const Launch& launch, char* const* arguments, pid_t parent) {
   sigset_t none;
   sigemptyset(&none);
@@ -37,7 +36,7 @@ namespace {
       (launch.standardError < 0 || dup2(launch.standardError, STDERR_FILENO) >= 0);
   if (!prepared) _exit(ExitOwnFailure);
   std::signal(SIGPIPE, SIG_DFL);
-  // A script's background jobs have it ignored, and could not be interrupted from a terminal.
+  // A script's background jobs ignore SIGINT; a terminal could not interrupt them.
   std::signal(SIGINT, SIG_DFL);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   execvp(arguments[0], arguments);
@@ -49,7 +48,7 @@ namespace {
   _exit(error == ENOENT ? ExitNotFound : ExitCannotExecute);
 }
 
-/// The children of this process; /proc/PID/task/TID/children would say it, where kernels have it.
+/// The children of this process; not every kernel has /proc/PID/task/TID/children.
 std::vector<pid_t> children() {
   std::vector<pid_t> children;
   const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
@@ -60,7 +59,7 @@ std::vector<pid_t> children() {
     if (std::from_chars(entry->d_name, end, pid).ptr != end) continue;
     std::ifstream file("/proc/" + std::string(entry->d_name) + "/stat");
     const std::string stat{std::istreambuf_iterator<char>(file), {}};
-    // "pid (name) state parent ...", and a name may have brackets of its own.
+    // The form is "pid (name) state parent ...", and a name may contain brackets.
     const std::size_t nameEnd = stat.rfind(") ");
     if (nameEnd == std::string::npos || nameEnd + 4 >= stat.size()) continue;
     pid_t parent = 0;
@@ -70,7 +69,7 @@ std::vector<pid_t> children() {
   return children;
 }
 
-/// @return whether there are none left.
+/// @return whether no child is left.
 bool reap() {
   pid_t ended = 0;
   do {
@@ -119,8 +118,8 @@ void endAllChildren(std::chrono::milliseconds patience) {
   constexpr auto Step = std::chrono::milliseconds(10);
   const auto patienceEnds = std::chrono::steady_clock::now() + patience;
   std::vector<pid_t> asked;
-  // Ends: what is killed does not come back, and its children are killed in the next turn. Without
-  // /proc none is found; they then die with this process.
+  // Terminates: a killed child does not come back, and the next turn kills its children. Without
+  // /proc no child is found; they then die with this process.
   while (!reap()) {
     const bool kill = std::chrono::steady_clock::now() >= patienceEnds;
     const std::vector<pid_t> left = children();

@@ -1,5 +1,4 @@
-// Reads the description of a scene. Whatever it accepts is in range: no later step checks an
-// address, a time or a name again.
+// Reads the description of a scene. Checks all ranges, so that no later step has to.
 
 #include "simulator/Scene.h"
 
@@ -15,7 +14,7 @@
 namespace simulator {
 namespace {
 
-/// Longer ones are no use in a network and would only hide a mistake in the unit.
+/// A longer time is useless in a network and hides a wrong unit.
 constexpr double MostMilliseconds = 60'000;
 /// Far beyond the largest scene (some 10,000 lines); a wrong file is refused before it is read.
 constexpr std::streamoff MostFileBytes = 16 * 1024 * 1024;
@@ -41,7 +40,7 @@ Words split(std::string_view line) {
   throw SceneError("'" + std::string(word) + "': " + std::string(expected));
 }
 
-/// The value of `key=value` if the word has this key.
+/// The value of `key=value`; none if the word has another key.
 std::optional<std::string_view> valueOf(std::string_view word, std::string_view key) {
   if (!word.starts_with(key) || word.size() <= key.size() || word[key.size()] != '=') return {};
   return word.substr(key.size() + 1);
@@ -50,7 +49,7 @@ std::optional<std::string_view> valueOf(std::string_view word, std::string_view 
 double parseNumber(std::string_view text, double most, std::string_view expected) {
   double number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  // Written so that a NaN is refused.
+  // This form of the comparison refuses a NaN.
   const bool inRange = number >= 0 && number <= most;
   if (error != std::errc() || end != text.data() + text.size() || !inRange) refuse(text, expected);
   return number;

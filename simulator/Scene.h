@@ -16,14 +16,14 @@
 
 namespace simulator {
 
-/// An IPv4 or IPv6 address. IPv4 is kept in its IPv6-mapped form, so that one type serves as a key.
+/// An IPv4 or IPv6 address. IPv4 is stored in IPv6-mapped form, so that one type serves as a key.
 class IpAddress {
  public:
   IpAddress() = default;
 
   /// @return none when the text is not an address.
   static std::optional<IpAddress> parse(std::string_view text);
-  /// From the bytes of a packet: 4 or 16 of them.
+  /// Makes an address from 4 or 16 bytes of a packet.
   static IpAddress fromV4(const unsigned char* bytes);
   static IpAddress fromV6(const unsigned char* bytes);
 
@@ -39,26 +39,26 @@ class IpAddress {
   std::array<unsigned char, 16> m_bytes{};
 };
 
-/// What the way to an address and back does to packets. All figures are those of the round trip, of
-/// which each direction has its share.
+/// What the way to an address and back does to packets. All figures are for the round trip; each
+/// direction has its share.
 struct Path {
   /// 0 to 60 s.
   std::chrono::nanoseconds roundTrip{0};
-  /// Mean of what is added to the round trip, exponentially distributed: most packets are little
-  /// later, a few are much later, none is earlier.
+  /// Mean of the time added to the round trip, exponentially distributed: most packets are a little
+  /// later, a few much later, none earlier.
   std::chrono::nanoseconds jitter{0};
-  /// Chance that a packet or the answer to it is lost, 0 to 1.
+  /// Chance that a packet or its answer is lost, 0 to 1.
   double loss = 0;
-  /// Jitter may bring packets of one flow out of their order.
+  /// Jitter may change the order of a flow's packets.
   bool reorder = false;
 };
 
-/// A gateway to be played.
+/// A gateway of the scene.
 struct Gateway {
   IpAddress address;
   /// 0 for any free port.
   std::uint16_t port = 0;
-  /// How long a request waits for its answer.
+  /// Delay before a request is answered.
   std::chrono::nanoseconds delay{0};
   /// Name of a behaviour; see Behaviours.h.
   std::string behaviour = "normal";
@@ -70,30 +70,30 @@ struct HostName {
   IpAddress address;
 };
 
-/// What the scene's name server says when it is asked for a name.
+/// The answer of the scene's name server for a name.
 struct NameAnswer {
   enum class Manner {
     Addresses,
     Failure,
     Silence,
-    /// The name is another name for one that is another name for it.
+    /// Two names are aliases for each other.
     Loop,
-    /// The addresses, of a name of control characters that this is another name for.
+    /// An alias for a name of control characters, with the addresses.
     OddName,
-    /// Something that cannot be read.
+    /// A malformed answer.
     Garbage,
   };
   Manner manner = Manner::Addresses;
   std::vector<IpAddress> addresses;
 };
 
-/// A line or file that cannot be understood; `what` says where and what was expected.
+/// An invalid line or file; `what` says where, and what was expected.
 class SceneError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// What is simulated. It is written as lines, `#` begins a comment:
+/// The simulated scene. Its text form has lines; `#` begins a comment:
 ///
 ///     path ADDRESS|default [rtt=MS] [jitter=MS] [loss=PERCENT] [reorder]
 ///     gateway ADDRESS:PORT [delay=MS] [behaviour=NAME]
@@ -101,20 +101,20 @@ class SceneError : public std::runtime_error {
 ///     resolver ADDRESS
 ///     answer NAME [failure|silence|loop|odd-name|garbage] [ADDRESS...]
 ///
-/// Milliseconds and per cent may have decimals. An IPv6 address before a port stands in brackets.
-/// Gateways and network read the same file and each takes what concerns it.
+/// Milliseconds and per cent may have decimals. Brackets enclose an IPv6 address before a port.
+/// Gateways and network read the same file; each uses its own lines.
 struct Scene {
-  /// The path to every address that has none of its own.
+  /// The path to addresses without their own.
   Path defaultPath;
   std::map<IpAddress, Path> paths;
   std::vector<Gateway> gateways;
   std::vector<HostName> names;
-  /// The DNS server that programs in the network ask; none: only `names` are known.
+  /// The DNS server for programs in the network; none: only `names` are known.
   std::optional<IpAddress> resolver;
-  /// What it says; with any, `ahs-gateways` plays it, and it knows no other name.
+  /// Its answers; if there are any, `ahs-gateways` plays it, with these answers only.
   std::map<std::string, NameAnswer> answers;
 
-  /// Adds one line, its words separated by blanks or commas. An empty one adds nothing.
+  /// Adds one line; blanks or commas separate its words. An empty line adds nothing.
   /// @throws SceneError.
   void addLine(std::string_view line);
 

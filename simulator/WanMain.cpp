@@ -1,6 +1,6 @@
-// The command `ahs-wan`: runs a command in a network of its own, from which headends are as far
-// away as the scene says. One thread carries all packets: it reads what the kernel has, lets each
-// packet wait its time in the delay line, and writes it to the other side.
+// The command `ahs-wan`: runs a command in its own network, with the scene's distances to headends.
+// One thread carries all packets: it reads them from the kernel, holds each in the delay line, and
+// writes it to the other side.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -29,7 +29,7 @@ using namespace simulator;
 using namespace std::chrono_literals;
 
 constexpr int Usage = 2;
-/// What automake and ctest take as "skipped".
+/// The status "skipped" of automake and ctest.
 constexpr int ExitNotPermitted = 77;
 
 /// Thousands of gateways with certificates are ready within one second.
@@ -54,14 +54,13 @@ FileDescriptor blockSignals() {
   return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-/// Whoever leaves the room, no child stays.
+/// Ends all children when the scope is left in any way.
 struct ChildrenEnd {
   ~ChildrenEnd() { endAllChildren(EndPatience); }
 };
 
-/// On a busy machine packets must not wait for a processor: that would be a delay of the machine
-/// and not of the network. Where it is not permitted the network is as exact as the machine is
-/// idle.
+/// Takes real-time priority: waiting for a processor would add the machine's delay to the
+/// network's. Without permission, the network is only exact on an idle machine.
 void takePrecedence() {
   sched_param priority{};
   priority.sched_priority = sched_get_priority_min(SCHED_RR);
@@ -75,7 +74,7 @@ class Wan {
  public:
   Wan(const Options& options, const Scene& scene);
 
-  /// Runs servers and command. @return the command's status.
+  /// Runs servers and the command. @return the command's status.
   int Run();
 
  private:
@@ -134,7 +133,7 @@ int Wan::Run() {
   return status;
 }
 
-/// Starts the servers and waits until they say "ready" on a line of their own.
+/// Starts the servers and waits for their line "ready".
 void Wan::StartServers() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
@@ -196,11 +195,11 @@ int Wan::carry() {
   }
 }
 
-/// @return whether the command has ended, and then its status.
+/// @return whether the command has ended; `status` is then set.
 bool Wan::handleSignals(int& status) {
   signalfd_siginfo signal;
   while (::read(m_signals.get(), &signal, sizeof signal) == sizeof signal) {
-    // The terminal has sent its own to the command as well.
+    // The terminal has sent this signal to the command as well.
     const bool fromTerminal = signal.ssi_signo == SIGINT && signal.ssi_code == SI_KERNEL;
     if (signal.ssi_signo != SIGCHLD && !fromTerminal) {
       kill(m_command, static_cast<int>(signal.ssi_signo));
@@ -218,15 +217,15 @@ bool Wan::handleSignals(int& status) {
   return false;
 }
 
-/// What servers print is of no interest once they are ready, but they must not wait for a reader.
+/// Discards the servers' output after "ready", so that a full pipe does not stop them.
 void Wan::drainServers() {
   std::array<char, 4096> buffer;
   if (::read(m_serversOutput.get(), buffer.data(), buffer.size()) == 0) m_serversOutput.close();
 }
 
-/// @return whether there may be more to read.
+/// @return whether more may be readable.
 bool Wan::read(Direction direction) {
-  // Few at a time, so that packets that become due meanwhile do not wait for a burst.
+  // Few at a time, so that due packets do not wait for a burst.
   constexpr int MostAtOnce = 32;
   const int tun =
       direction == Direction::ToGateways ? m_network.clientTun.get() : m_network.gatewayTun.get();
@@ -243,7 +242,7 @@ void Wan::forward() {
   while (const auto packet = m_line.takeDue(Clock::now())) {
     const int tun = packet->direction == Direction::ToGateways ? m_network.gatewayTun.get()
                                                                : m_network.clientTun.get();
-    // What the other side does not take is lost, as on any network.
+    // A failed write loses the packet, as on any network.
     if (write(tun, packet->bytes.data(), packet->bytes.size()) < 0) continue;
   }
 }
@@ -258,7 +257,7 @@ void Wan::printStatistics() const {
             << " us late, worst " << worst.count() << " us\n";
 }
 
-/// @return -1 to go on, else the status to exit with.
+/// @return -1 to continue, else the exit status.
 int parseCommandLine(int argc, char** argv, Options& options) {
   CLI::App app("Runs a command in a network in which headends are far away.", "ahs-wan");
   app.add_option("--config", options.config,

@@ -1,21 +1,21 @@
 #!/bin/bash
-# The demonstration: headends that differ in distance, three that are of no use, and four selections
-# among them. Every outcome is checked. Whatever it starts it ends, also when it is interrupted.
+# The demonstration: selections among headends at different distances, three of them useless. Checks
+# every outcome. Ends all programs that it started, even when interrupted.
 #
 #     demo.sh [--loopback] BUILD_DIRECTORY
 #
-# Where it may make a network of its own, it runs itself again inside ahs-wan (as `demo.sh --within
-# BUILD_DIRECTORY SCRATCH_DIRECTORY`) and the distances are the network's. Elsewhere, and with
-# --loopback, the headends listen on the loopback interface and delay their answers, and the
-# preferences say to measure the answer.
+# If it may make a network, it runs itself again inside ahs-wan (as `demo.sh --within
+# BUILD_DIRECTORY SCRATCH_DIRECTORY`), and the network has the distances. Otherwise, and with
+# --loopback, the headends listen on the loopback interface and delay their answers; the preferences
+# then measure the answer.
 
 set -euo pipefail
 
-# What a selection reads and keeps must not be for a group to write.
+# A selection refuses files that a group may write.
 umask 022
 
-# Name, round-trip time in ms, last part of its address. Brussels is within 20 % of Amsterdam, the
-# improvement that makes a client leave the headend it had; Sydney is far from it.
+# Name, round-trip time in ms, last part of the address. Brussels is within 20 % of Amsterdam, so a
+# client stays with the one it used last; Sydney is far away.
 readonly gateways=(
   'Amsterdam   60 11'
   'Brussels    66 12'
@@ -29,7 +29,7 @@ readonly refusing='Oslo' refusing_number=18
 readonly silent='Cairo' silent_number=19
 readonly unknown='Atlantis'
 
-# How often a measurement may be repeated: on a busy machine answers come late.
+# How often a measurement may be repeated: answers come late on a busy machine.
 attempts=3
 scratch=''
 gateways_pid=''
@@ -50,7 +50,7 @@ fail() {
   exit 1
 }
 
-# say TEXT...: an explanation, set off from what the tool prints.
+# say TEXT...: prints an explanation, set off from the tool's output.
 say() {
   printf '\n\033[1m== %s\033[0m\n' "$*" | if [[ -t 1 ]]; then cat; else sed 's/\x1b\[[0-9;]*m//g'; fi
 }
@@ -72,8 +72,8 @@ write_profile() {
   } >"$scratch/profiles/demo.xml"
 }
 
-# write_preferences MEASURE PROBES: a silent headend is given up after one second a probe, to keep it
-# short.
+# write_preferences MEASURE PROBES: gives up a silent headend after one second per probe, to save
+# time.
 write_preferences() {
   cat >"$scratch/preferences.xml" <<XML
 <preferences version="1">
@@ -85,10 +85,10 @@ write_preferences() {
 XML
 }
 
-# run OPTION...: a selection, shown and kept.
+# run OPTION...: runs a selection; prints its output and keeps it in a file.
 run() {
-  # What a proxy is set to on this machine has no say here. In a network of its own the machine's root is
-  # nobody, and what belongs to nobody is not trusted.
+  # Ignores this machine's proxy settings. In the new network the machine's root is an unmapped user,
+  # whose files are not trusted.
   env -u http_proxy -u https_proxy -u all_proxy -u HTTP_PROXY -u HTTPS_PROXY -u ALL_PROXY \
     RES_OPTIONS='timeout:1 attempts:1' \
     "$build/bin/ahs" select --trust-profiles --profiles "$scratch/profiles" \
@@ -96,14 +96,14 @@ run() {
     tee "$scratch/output" || fail "'ahs select' ended with status ${PIPESTATUS[0]}"
 }
 
-# came_out FIRST LINE: whether that is the first headend, and the report has the line.
+# came_out FIRST LINE: succeeds if the first headend is FIRST and the report has LINE.
 came_out() {
   local first
   first=$(sed -n 's/^ *1\. *\([^ ]*\).*/\1/p' "$scratch/output")
   [[ $first == "$1" ]] && grep -qF -- "$2" "$scratch/output"
 }
 
-# measure FIRST LINE OPTION...: a selection that measures, and has to come out so.
+# measure FIRST LINE OPTION...: measures until FIRST and LINE come out, a few times at most.
 measure() {
   local first=$1 line=$2 attempt
   shift 2
@@ -116,14 +116,14 @@ measure() {
   fail "expected $first first, and the report to say: $line"
 }
 
-# recall FIRST: a selection from the cache.
+# recall FIRST: selects from the cache.
 recall() {
   run
   came_out "$1" 'Results obtained from QIB cache. No ping tests were performed.' ||
     fail "expected $1 first, from the cache"
 }
 
-# show AMSTERDAM BRUSSELS USELESS...: the four selections; the arguments are how these are reported.
+# show AMSTERDAM BRUSSELS USELESS...: the four selections; the arguments are names in reports.
 show() {
   local amsterdam=$1 brussels=$2 useless
   shift 2
@@ -175,7 +175,7 @@ run_in_wan() {
   say 'The headends are in a network of their own on this machine; the delays are those of the network.'
   local servers
   printf -v servers '%q --config %q' "$build/bin/ahs-gateways" "$scratch/scene"
-  # In the background and waited for: a trap then acts at once and not when the program has ended.
+  # In the background: a trap then acts at once, not after the program's end.
   "$build/bin/ahs-wan" --config "$scratch/scene" --servers "$servers" \
     -- "$0" --within "$build" "$scratch" &
   gateways_pid=$!
@@ -187,8 +187,8 @@ run_in_wan() {
 
 # --- On the loopback interface --------------------------------------------------------------------
 
-# Twice the delays, and more probes than usual: the answer of a program waits for a processor, and a busy
-# machine must not hide the differences.
+# Twice the delays, and more probes than usual: answering programs wait for a processor, which must not
+# hide the differences on a busy machine.
 write_loopback_scene() {
   local port=$1 name rtt number
   for gateway in "${gateways[@]}"; do
@@ -198,7 +198,7 @@ write_loopback_scene() {
   printf 'gateway 127.0.77.%s:%s behaviour=silent\n' "$silent_number" "$port"
 }
 
-# start_gateways PORT: returns whether they all listen.
+# start_gateways PORT: succeeds if all gateways listen.
 start_gateways() {
   local line
   write_loopback_scene "$1" >"$scratch/scene"

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Measures what docs/benchmarks.md describes and prints the figures as one table: ours, the target, and
-what stands beside it, all of one run.
+"""Measures what docs/benchmarks.md describes. Prints one table with our figures, targets and peers, all
+of the same run.
 
-Ctrl-C ends it, with everything that it has started.
+Ctrl-C ends it and all its processes.
 """
 
 import argparse
@@ -38,29 +38,29 @@ ROWS = {
 }
 
 
-# Those with a ratio that must hold on any machine.
+# Rows with a ratio that must hold on any machine.
 CHECKED = ("time", "secure", "error", "busy", "jitter", "processor", "memory")
 
 
 @dataclasses.dataclass
 class Sizes:
-    """How much is measured. The first is the real one; a smoke test only wants every line to run."""
+    """How much to measure. The defaults are for real figures; a smoke test only runs every line."""
 
-    # Of gateways; the last is that of the rows of error, processor time and memory.
+    # Numbers of gateways; the rows of error, processor time and memory use the last.
     counts: tuple = (10, 100, 1000)
     growth: tuple = (10, 100, 300, 1000, 2000, 3000)
     secure: int = 100
     busy: int = 100
     jitter: int = 100
     cached: int = 1000
-    # Of repetitions.
+    # Repetitions.
     rounds: int = 5
     jitter_rounds: int = 7
     scenes: int = 10
     trials: int = 20
     cache_runs: int = 1000
     loops: int = 8
-    # Of all distances.
+    # Factor for all distances.
     scale: float = 1
 
     @staticmethod
@@ -75,14 +75,14 @@ class Sizes:
 
 @dataclasses.dataclass
 class Bench:
-    """What the rows share."""
+    """Data shared by the rows."""
 
     world: world.World
     sizes: Sizes
     growth: growth.Growth
     seed: int
     picture: str
-    # Sentences for below the table.
+    # Notes to print below the table.
     notes: list = dataclasses.field(default_factory=list)
 
 
@@ -111,7 +111,7 @@ def parse():
 
 
 def text_below(bench):
-    """How exact the instrument was, and what the rows have to say."""
+    """The network's accuracy, and the notes of the rows."""
     carried = sum(packets for packets, _, _ in bench.world.lateness)
     notes = list(bench.notes)
     if carried:
@@ -154,7 +154,7 @@ def main():
     load = os.getloadavg()[0]
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, end)
-    # Whatever way this ends, the processes are ended where they were started.
+    # Processes end in the block that started them, however this ends.
     with tempfile.TemporaryDirectory(prefix="ahs-bench-") as scratch:
         try:
             return measure(arguments, scratch, load)

@@ -1,4 +1,4 @@
-"""How long a selection takes that the cache answers."""
+"""How long a selection takes on a cache hit."""
 
 import json
 import subprocess

@@ -1,6 +1,6 @@
-// How long a selection takes that the cache answers: from the construction of the run until the
-// client is called, in one process. Prints medians and 99th percentiles in milliseconds as JSON.
-// Every run has to be a hit, else there is no figure.
+// How long a selection takes on a cache hit: from the run's construction to the client's callback,
+// in one process. Prints medians and 99th percentiles in milliseconds as JSON. Fails if a run is no
+// hit.
 
 #include <algorithm>
 #include <charconv>
@@ -28,10 +28,10 @@ using Milliseconds = std::chrono::duration<double, std::milli>;
 constexpr int kHeadends = 1000;
 /// Enough for a 99th percentile; two seconds at a millisecond each.
 constexpr int kRuns = 1000;
-/// Runs that are not counted: pages and libraries that are touched for the first time.
+/// Not counted: these runs touch pages and libraries for the first time.
 constexpr int kWarmUps = 20;
 
-/// Removes what it has made.
+/// A directory that the destructor removes.
 class Scratch {
  public:
   Scratch() {
@@ -61,7 +61,7 @@ class Client : public ClientIfcBase {
   bool isHit = false;
 };
 
-/// Names of one length, so that their order by bytes is that of the numbers.
+/// Names of equal length: their byte order is the order of the numbers.
 std::string NameOf(int number) {
   const std::string digits = std::to_string(100'000 + number).substr(1);
   return "gateway-" + digits + ".vpn.example.com";
@@ -77,7 +77,7 @@ void WriteProfile(const std::filesystem::path& directory, int count) {
   profile << "  </hosts>\n</profile>\n";
 }
 
-/// A selection as a run would have stored it.
+/// Stores a selection like a run's.
 void FillCache(CSelectionCache& cache, int count) {
   CCacheEntry entry;
   std::string key;
@@ -119,7 +119,7 @@ void PrintFigures(const char* name, int runs) {
               times[times.size() * 99 / 100]);
 }
 
-/// @param cacheDirectory where the cache is read from; empty: from memory.
+/// @param cacheDirectory where to read the cache; empty: from memory.
 void Measure(const char* name, int count, int runs, const std::string& profileDirectory,
              const std::string& cacheDirectory) {
   CClientLibrary::Options options;
@@ -137,7 +137,7 @@ void Measure(const char* name, int count, int runs, const std::string& profileDi
   held.releaseInstance();
 }
 
-/// @return 0 for what is no number.
+/// @return 0 if the text is no number.
 int NumberOf(std::string_view text) {
   int number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

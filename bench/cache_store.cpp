@@ -1,6 +1,6 @@
-// What a selection costs the cache, in the parts that somebody waits for: the store, which the end
-// of a selection waits for; the release, which writes the file after the client's callback; the
-// look-up, which reads it. Prints one line a figure, in microseconds.
+// What a selection costs the cache: the store, for which the end of a selection waits; the release,
+// which writes the file after the client's callback; the look-up, which reads it. Prints one figure
+// per line, in microseconds.
 // Usage: bench-cache-store DIRECTORY [STORES [HEADENDS]]
 
 #include <algorithm>
@@ -22,7 +22,7 @@ constexpr unsigned int UsualHeadends = 1000;
 
 CCacheEntry entryOf(unsigned int headends, std::size_t round) {
   CCacheEntry entry;
-  // Ten candidate sets in turn, as of someone with some profiles.
+  // Ten candidate sets in turn, like a user with several profiles.
   entry.SetKnownHeadends("set-" + std::to_string(round % 10) + ";");
   for (unsigned int i = 0; i < headends; ++i) {
     entry.AddHeadend(CHeadendRTT("gateway-" + std::to_string(i) + ".example.com", i));

@@ -7,7 +7,7 @@ from figures import Figure
 
 HEADENDS = 20
 OTHERS_MS = 60
-# 5 % ahead of all others.
+# 5 % nearer than all others.
 BEST_MS = 57
 JITTER_MS = 5
 
@@ -15,13 +15,13 @@ MEASURES = {"network": "networkRttMs", "response": "responseRttMs", "connect": "
 
 
 def measure(world, gateways, trials):
-    """Inside: for each trial who wins by each measure. All are read off the same probes."""
+    """Inside: each trial's winner by each measure. All measures use the same probes."""
     result = []
     for _ in range(trials):
         found = w.select(world, gateways)
         winners = {"ahs": [found.first]}
         for name, member in MEASURES.items():
-            # As ahs does it: the smallest sample, in whole milliseconds.
+            # Like ahs: the smallest sample, in whole milliseconds.
             times = {host: int(time + 0.5) for host, time in found.smallest(member).items()}
             nearest = min(times.values())
             winners[name] = [host for host, time in times.items() if time == nearest]
@@ -34,14 +34,14 @@ def winner(bench):
     draw = random.Random(bench.seed)
     right = dict.fromkeys(("ahs", *MEASURES), 0.0)
     for scene in range(sizes.scenes):
-        # Where the best one stands in the list must play no part.
+        # The best gateway's place in the list must not matter.
         best = draw.randrange(HEADENDS)
         gateways = [w.Gateway(w.address(i), (BEST_MS if i == best else OTHERS_MS) * sizes.scale,
                               jitter=JITTER_MS) for i in range(HEADENDS)]
         seed = bench.seed + scene
         for winners in bench.world.visit(gateways, measure, seed=seed, trials=sizes.trials):
             for name, hosts in winners.items():
-                # Among equals any is as likely.
+                # Equal gateways win with equal chance.
                 right[name] += (w.address(best) in hosts) / len(hosts)
     trials = sizes.scenes * sizes.trials
     share = {name: 100 * count / trials for name, count in right.items()}

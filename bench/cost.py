@@ -6,9 +6,9 @@ from figures import Figure
 
 MOST_MIB = 48
 MOST_OF_CURL = 4
-# A headend that costs more than this many times what one cost before is a bend.
+# The curve bends where one more headend costs this many times what one cost before.
 BEND = 1.5
-# The bend must not come before so many.
+# A bend below this number of headends is a fault.
 STRAIGHT_UNTIL = 1000
 
 
@@ -31,8 +31,8 @@ def memory(bench):
 
 
 def bend_of(values, counts, least):
-    """The number of headends after which one more costs more than it did before; none if it never does.
-    What one costs is compared with the mean until then; below `least` it is not worth a word."""
+    """The number of headends at which the cost of one more bends upward; none if it never does.
+    Compares this cost with the mean before; ignores a cost below `least`."""
     for i in range(1, len(counts) - 1):
         before = (values[i] - values[0]) / (counts[i] - counts[0])
         after = (values[i + 1] - values[i]) / (counts[i + 1] - counts[i])
@@ -42,11 +42,11 @@ def bend_of(values, counts, least):
 
 
 def growth(bench):
-    """Four quantities over the number of headends, and the picture of them."""
+    """Four quantities by number of headends, and their picture."""
     counts = bench.sizes.growth
     found = {count: bench.growth.at(count) for count in counts}
-    # The last number of each is the least of a headend that counts: noise is below it. For the time it is
-    # what a headend may cost where a thousand of them take 15 % longer than the limit.
+    # The last number of a panel is the smallest cost of a headend that counts; less is noise. For the
+    # time: the cost of a headend if a thousand of them take 15 % longer than the limit.
     panels = [
         picture.Panel("time to result", "ms", [found[n].median("elapsed") for n in counts],
                       [found[n].limit for n in counts], "limit", 0.19),
@@ -67,7 +67,7 @@ def growth(bench):
 
 
 def everything(found):
-    """A table of all the numbers in the picture."""
+    """A table of the picture's numbers."""
     columns = "ms, processor ms, MiB, threads"
     lines = [f"| headends | limit, ms | ahs: {columns} | `curl --parallel` (300 at once): {columns} |",
              "|---|---|---|---|"]

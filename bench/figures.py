@@ -1,5 +1,5 @@
-"""Figures and their table. A figure is complete: target, ours, the peer's of the same run, and whether
-the target is met."""
+"""Figures and their table. A figure has a target, our value, the peer's value of the same run, and
+whether the target is met."""
 
 import dataclasses
 import datetime
@@ -17,11 +17,11 @@ class Figure:
     target: str
     ours: str
     peer: str
-    # Ours as a multiple of the peer's, or of the limit; "" where there is no such thing.
+    # Our figure as a multiple of the peer's, or of the limit; "" if neither exists.
     ratio: str
-    # None where nothing is demanded.
+    # None if there is no target.
     met: bool | None
-    # A ratio above this means a fault on any machine, also a busy one; None where there is no such bound.
+    # A ratio above this is a fault on any machine, even a busy one; None if there is no such bound.
     most: float | None = None
 
     def is_broken(self):
@@ -47,7 +47,7 @@ def first_match(pattern, path):
 
 
 def machine(load):
-    """One sentence about where the figures are from."""
+    """One sentence about the machine of the figures."""
     processor = first_match(r"^model name\s*:(.*)$", "/proc/cpuinfo")
     system = first_match(r'^PRETTY_NAME="(.*)"$', "/etc/os-release")
     return (f"{len(os.sched_getaffinity(0))} cores ({processor}), {system}, Linux {platform.release()}; "

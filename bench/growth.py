@@ -1,5 +1,5 @@
-"""Selections among ever more gateways, and `curl --parallel` beside each: the rows of time, error,
-processor time and memory are read off the same runs."""
+"""Selections among more and more gateways, each beside `curl --parallel`. The rows of time, error,
+processor time and memory use the same runs."""
 
 import dataclasses
 import statistics
@@ -7,21 +7,21 @@ import statistics
 import world as w
 
 PINGS = 3
-# A plain probe is a connection and a request.
+# A plain probe takes one round trip for the connection and one for the request.
 ROUND_TRIPS_A_PROBE = 2
 NEAREST_MS = 20
 FARTHEST_MS = 200
 
 
 def limit_of(gateways):
-    """What physics allows: the test probe, which goes to the first name in byte order, then the probes
-    of the farthest gateway."""
+    """The least possible time: the test probe to the gateway first in byte order, then the probes of
+    the farthest gateway."""
     truth = w.distances(gateways)
     return ROUND_TRIPS_A_PROBE * (truth[min(truth)] + PINGS * max(truth.values()))
 
 
 def measure(world, gateways, rounds):
-    """Inside: ours and curl's by turns."""
+    """Inside: alternates between ahs and curl."""
     result = []
     for _ in range(rounds):
         ours = w.select(world, gateways)
@@ -34,7 +34,7 @@ def measure(world, gateways, rounds):
 
 @dataclasses.dataclass
 class Measurement:
-    """All rounds among so many gateways."""
+    """All rounds with one number of gateways."""
 
     gateways: list
     rounds: list
@@ -54,7 +54,7 @@ class Measurement:
 
 
 class Growth:
-    """Measures each number of gateways once, whichever row asks first."""
+    """Measures each number of gateways once, for the first row that asks."""
 
     def __init__(self, world, sizes):
         self._world = world

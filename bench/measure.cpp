@@ -1,6 +1,6 @@
-// Runs a command and writes what it cost: a small program of its own, because the kernel counts the
-// memory of the process that a command was started from as the command's. The command's standard
-// streams stay the caller's; nothing of it is left when this ends.
+// Runs a command and writes its cost. A small program of its own, because the kernel adds the
+// memory of the starting process to the command's. The command inherits the standard streams, and
+// is always ended.
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -19,11 +19,11 @@ namespace {
 
 constexpr int Usage = 2;
 
-/// How often the threads are counted. A selection has all of its own for more than ten times as
+/// How often to count the threads. A selection keeps all of its threads more than ten times as
 /// long.
 constexpr timespec BetweenCounts{0, 10'000'000};
 
-/// The threads of a process; 0 when it is gone.
+/// The number of a process's threads; 0 when it is gone.
 unsigned int countThreads(pid_t process) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   std::string word;
@@ -49,7 +49,7 @@ int measure(const std::string& reportFile, const simulator::Launch& launch) {
   unsigned int mostThreads = 1;
   int status = 0;
   rusage usage{};
-  // Ends with the command, which the caller bounds.
+  // Terminates when the command ends; the caller limits its time.
   while (wait4(command, &status, WNOHANG, &usage) == 0) {
     mostThreads = std::max(mostThreads, countThreads(command));
     sigtimedwait(&childEnds, nullptr, &BetweenCounts);

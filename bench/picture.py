@@ -1,6 +1,6 @@
-"""A picture of four quantities over the number of headends, as SVG. Both axes begin at 0, so that a
-fixed cost and the same for each headend make a straight line, and anything else bends it; the colours
-suit a light and a dark page."""
+"""An SVG picture of four quantities by number of headends. Both axes begin at 0: a fixed cost plus an
+equal cost for each headend makes a straight line, anything else bends it. The colours suit a light and
+a dark page."""
 
 import dataclasses
 import math
@@ -32,19 +32,19 @@ STYLE = """  <style>
 
 @dataclasses.dataclass
 class Panel:
-    """One quantity: ours and the peer's, in the order of the numbers of headends."""
+    """One quantity, ours and the peer's, by number of headends."""
 
     name: str
     unit: str
     ours: list
     peer: list
     peer_name: str
-    # What a headend costs below this is noise.
+    # A smaller cost per headend is noise.
     least: float
 
 
 class Axis:
-    """Maps values to places, from 0 to the largest."""
+    """Maps values, from 0 to the largest, to coordinates."""
 
     def __init__(self, values, start, end):
         self.most = max(values)

@@ -1,6 +1,6 @@
-// How long a start takes that reads one profile with many host entries, and how much memory the
-// process has then had at most. With a limit of memory it is a test: it fails when the limit is
-// exceeded, or when what was read is not what was written.
+// How long it takes to read one profile with many host entries, and the peak memory of the process.
+// With a memory limit this is a test: it fails above the limit, or if it read something else than
+// it wrote.
 //
 //     profile_load [ENTRIES [MOST_MIB]]
 
@@ -37,7 +37,7 @@ void writeProfile(const std::string& directory, long entries) {
   static_cast<void>(::chmod((directory + "/many.xml").c_str(), S_IRUSR | S_IWUSR));
 }
 
-/// What the process has had at most, in MiB; 0 if the system does not say.
+/// Peak memory of the process in MiB; 0 if unknown.
 double mostMemory() {
   std::ifstream status("/proc/self/status");
   std::string line;
@@ -49,7 +49,7 @@ double mostMemory() {
   return 0;
 }
 
-/// One start. @return the milliseconds it took, -1 if something is not as it was written.
+/// Reads the profile once. @return the milliseconds, or -1 if the contents are wrong.
 double load(const PreferenceMgr::Sources& sources, long entries) {
   const auto start = std::chrono::steady_clock::now();
   if (PreferenceMgr::createInstance(sources) != PREFERENCEMGR_SUCCESS) {

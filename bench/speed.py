@@ -1,4 +1,4 @@
-"""How long a selection takes, as a multiple of what physics allows."""
+"""How long a selection takes, as a multiple of the least possible time."""
 
 import dataclasses
 import os
@@ -8,13 +8,13 @@ import growth as g
 import world as w
 from figures import Figure
 
-# Of the limit, by number of gateways.
+# Multiples of the limit, by number of gateways.
 TARGETS = {10: 1.01, 100: 1.03, 1000: 1.15}
 SECURE_TARGET = 1.10
-# Of what exceeds the limit, how much more a busy machine may add.
+# On a busy machine the excess over the limit may be this many times larger.
 MARGIN = 4
 
-# A worker that keeps its connection: TCP and TLS 1.3 take a round trip each, then every ping one.
+# On a kept connection: TCP and TLS 1.3 take one round trip each, then each probe one.
 HANDSHAKE_ROUND_TRIPS = 2
 
 
@@ -35,8 +35,8 @@ def with_margin(target):
 
 
 def select_securely(world, gateways, rounds):
-    """Inside: selections whose probes are secure, as those of a client with a login for a proxy. The
-    environment's proxy is for plain HTTP alone, so there is none to ask and none to go through."""
+    """Inside: selections with TLS probes, like those of a client with a proxy login. The environment's
+    proxy is for plain HTTP only, so no proxy takes part."""
     w.trust_gateways(world)
     password = world.path("password")
     with open(password, "w", encoding="utf-8", opener=private) as file:
@@ -45,7 +45,7 @@ def select_securely(world, gateways, rounds):
     result = []
     for _ in range(rounds):
         found = w.select(world, gateways, options, w.environment(http_proxy="http://127.0.0.1:9"))
-        # Only an answer over TLS has a status of 200: nothing is sent where the trust is missing.
+        # Only an answer over TLS has the status 200: without trust nothing is sent.
         answers = [probe for probes in found.probes.values() for probe in probes]
         if any(probe["httpStatus"] != 200 for probe in answers):
             raise RuntimeError("a secure probe was not answered with 200")

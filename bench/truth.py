@@ -1,4 +1,4 @@
-"""How far the metric is from the distance that the network was set to."""
+"""The error of the metric, compared with the network's set distance."""
 
 import statistics
 
@@ -10,7 +10,7 @@ WORST_MS = 1
 BUSY_LOOPS = 8
 JITTER_MS = 10
 LOSS_PERCENT = 3
-# Of the error of `response`.
+# Share of the error of `response`.
 JITTER_TARGET = 0.5
 
 
@@ -32,7 +32,7 @@ def idle(bench):
 
 
 def measure_busy(world, gateways, rounds, loops):
-    """Inside: everybody by turns, beside loops that take all the processors there are."""
+    """Inside: all tools in turn, beside loops that occupy every processor."""
     result = {"ahs": [], "response": [], "curl": [], "httping": [], "fping": []}
     with w.busy_loops(loops):
         for _ in range(rounds):
@@ -66,7 +66,7 @@ def busy(bench):
 
 
 def measure_jitter(world, gateways, rounds):
-    """Inside: both measures of the same probes."""
+    """Inside: both measures, from the same probes."""
     result = {"network": [], "response": [], "connect": []}
     for _ in range(rounds):
         found = w.select(world, gateways)

@@ -1,9 +1,8 @@
 """The world that the benchmarks measure in, and what runs in it.
 
-A world has gateways at known distances behind the simulated wide area network. What happens inside of it
-is a function of one of the modules here, which `World.visit` runs there in a process of its own; the
-functions below run the tools that measure. Every process is started with a limit of time and ended by
-its own number; the networks go with the processes in them.
+A world has gateways at known distances behind the simulated wide area network. `World.visit` runs a
+function of one of these modules inside it, in a new process; the functions below run the measuring
+tools. Every process has a time limit and is ended by its number; a network vanishes with its processes.
 """
 
 import contextlib
@@ -18,25 +17,25 @@ import subprocess
 import sys
 import tempfile
 
-# Longer than any scene takes; what runs longer hangs.
+# No scene takes longer; a process that does hangs.
 VISIT_SECONDS = 300
 TOOL_SECONDS = 60
 
-# Status of ahs-wan where it may not make networks; ctest takes it as "skipped".
+# Status of ahs-wan if it may not make networks; ctest counts it as "skipped".
 NOT_PERMITTED = 77
 
 PORT = 443
-# What curl 7.88 allows at most.
+# The most that curl 7.88 allows.
 CURL_AT_ONCE = 300
 
 
 class NotPermitted(Exception):
-    """This machine lets nobody make networks."""
+    """This machine does not allow making networks."""
 
 
 @dataclasses.dataclass
 class Gateway:
-    """One gateway; times in milliseconds, of the round trip."""
+    """One gateway; all times are round trips in milliseconds."""
 
     address: str
     rtt: float
@@ -54,14 +53,14 @@ def address(index):
 
 
 def spread(count, nearest, farthest, **properties):
-    """Gateways at whole distances, evenly from the nearest to the farthest."""
+    """Gateways at evenly spaced distances in whole milliseconds."""
     step = (farthest - nearest) / max(count - 1, 1)
     return [Gateway(address(i), round(nearest + i * step), **properties) for i in range(count)]
 
 
 @contextlib.contextmanager
 def running(command, **streams):
-    """A process for the length of a block, ended by its number however the block is left."""
+    """A process for the length of a block; ends it by its number, however the block is left."""
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, **streams)
     try:
         yield process
@@ -76,12 +75,12 @@ def running(command, **streams):
 
 
 class World:
-    """Where the programs are, and a directory for what is made on the way."""
+    """The directory of the programs, and one for temporary files."""
 
     def __init__(self, build, scratch):
         self.build = build
         self.scratch = scratch
-        # Packets carried, and how late in microseconds: mean and worst of each scene.
+        # For each scene: packets carried, mean and worst lateness in microseconds.
         self.lateness = []
 
     def program(self, name):
@@ -91,7 +90,7 @@ class World:
         return os.path.join(self.scratch, name)
 
     def visit(self, gateways, function, seed=1, **arguments):
-        """Runs `function(world, gateways, **arguments)` inside. It returns what JSON can hold."""
+        """Runs `function(world, gateways, **arguments)` inside. The result must fit into JSON."""
         with open(self.path("scene"), "w", encoding="utf-8") as scene:
             scene.writelines(gateway.lines() for gateway in gateways)
         job = {"module": function.__module__, "function": function.__name__, "build": self.build,
@@ -126,7 +125,7 @@ class World:
 
 
 def be_inside(job_file):
-    """The other end of `World.visit`."""
+    """Runs inside the world, for `World.visit`."""
     with open(job_file, encoding="utf-8") as file:
         job = json.load(file)
     world = World(job["build"], job["scratch"])
@@ -142,7 +141,7 @@ def be_inside(job_file):
 
 @dataclasses.dataclass
 class Cost:
-    """What a command took: times in milliseconds."""
+    """The cost of a command; times in milliseconds."""
 
     elapsed: float
     processor: float
@@ -151,7 +150,7 @@ class Cost:
 
 
 def environment(**changes):
-    """No proxy of this machine has a say, whatever the changes do not set."""
+    """The environment with `changes`, and without this machine's proxies."""
     clean = {name: value for name, value in os.environ.items()
              if not name.lower().endswith("_proxy")}
     return {**clean, "LC_ALL": "C.UTF-8", **changes}
@@ -185,7 +184,7 @@ class Selection:
     cost: Cost
 
     def smallest(self, member):
-        """The smallest time of each gateway's probes, of those that have it."""
+        """The smallest time of each gateway's probes; leaves out gateways without one."""
         found = {}
         for host, probes in self.probes.items():
             times = [probe[member] for probe in probes if probe[member] is not None]
@@ -195,7 +194,7 @@ class Selection:
 
 
 def select(world, gateways, options=(), env=None):
-    """One selection with three probes a gateway."""
+    """One selection with three probes per gateway."""
     command = [world.program("ahs"), "select", "--json", "--no-cache", *options,
                *(gateway.address for gateway in gateways)]
     output, cost = run_measured(world, command, env)
@@ -209,8 +208,8 @@ def select(world, gateways, options=(), env=None):
 
 
 def run_curl(world, gateways, requests=3):
-    """`curl --parallel`: the smallest time to connect of each gateway, and the cost. Its options are
-    what makes it do the same: plain HTTP/1.1 without a proxy, as many at once as it can."""
+    """`curl --parallel`: the smallest time to connect of each gateway, and the cost. The options make
+    it comparable: plain HTTP/1.1 without a proxy, as many transfers at once as possible."""
     config = world.path("curl")
     with open(config, "w", encoding="utf-8") as file:
         for _ in range(requests):
@@ -220,11 +219,11 @@ def run_curl(world, gateways, requests=3):
                "--parallel", "--parallel-immediate", "--parallel-max", str(CURL_AT_ONCE),
                "--max-time", "10", "--write-out", "%{remote_ip} %{time_connect}\\n",
                "--config", config]
-    # Its status is that of some transfer that failed; the missing line tells.
+    # The exit status is that of any failed transfer; a missing line tells more.
     output, cost = run_measured(world, command, statuses=range(126))
     times = {}
     for line in output.splitlines():
-        # A transfer that failed has no address.
+        # A failed transfer has no address.
         found = re.fullmatch(r"([\d.]+) ([\d.]+)", line)
         if found and float(found[2]) > 0:
             time = float(found[2]) * 1000
@@ -233,7 +232,7 @@ def run_curl(world, gateways, requests=3):
 
 
 def run_httping(gateways, requests=3):
-    """One httping a gateway, all at once: the smallest time to connect of each."""
+    """One httping per gateway, all at once: the smallest time to connect of each."""
     times = {}
     with contextlib.ExitStack() as stack:
         started = []
@@ -254,8 +253,8 @@ def run_httping(gateways, requests=3):
 
 
 def run_fping(gateways, requests=3):
-    """The smallest echo time of each gateway. Where it is permitted fping takes precedence over other
-    programs, so that it tells how exact the network is and not how busy the machine is."""
+    """The smallest echo time of each gateway. If permitted, fping runs at high priority, to measure the
+    network's accuracy and not the machine's load."""
     precedence = ["chrt", "--fifo", "1"]
     if subprocess.run([*precedence, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
         precedence = []
@@ -274,7 +273,7 @@ def run_fping(gateways, requests=3):
 
 @contextlib.contextmanager
 def busy_loops(count):
-    """So many processes that never rest, for the length of a block."""
+    """Busy processes for the length of a block."""
     with contextlib.ExitStack() as stack:
         for _ in range(count):
             stack.enter_context(running(["sh", "-c", "while :; do :; done"]))
@@ -282,8 +281,8 @@ def busy_loops(count):
 
 
 def trust_gateways(world):
-    """Makes the gateways' authority the only one that is trusted inside, with the means of the system:
-    a directory of certificates. It hides the machine's own in this network's file systems alone."""
+    """Makes the gateways' authority the only trusted one inside: mounts a directory with its
+    certificate over the system's, visible only in this network's file systems."""
     directory = world.path("certificates")
     shutil.rmtree(directory, ignore_errors=True)
     os.mkdir(directory)
@@ -301,14 +300,14 @@ def distances(gateways):
 
 
 def errors(gateways, measured):
-    """How far off each measured distance is, in milliseconds."""
+    """The error of each measured distance, in milliseconds."""
     truth = distances(gateways)
     return [abs(time - truth[host]) for host, time in measured.items() if host in truth]
 
 
 @dataclasses.dataclass
 class Error:
-    """How far off a measurement is: median and worst in milliseconds, and how many had no result."""
+    """A measurement's errors: median and worst in milliseconds, and the number without a result."""
 
     median: float
     worst: float

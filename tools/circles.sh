@@ -1,7 +1,7 @@
 #!/bin/bash
-# Finds circles among the project's own includes, of files and of rooms: a header and the source of
-# its name are one file here, and a directory is a room. Prints each include whose end leads back to
-# its start, and ends with status 1 if there is one.
+# Finds circles among the project's includes, of files and of rooms. Here a header and the source of
+# its name are one file, and a directory is a room. Prints each include in a circle; fails if there
+# is one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Builds the Debian packages from what is committed or changed in the checkout, and checks them with
+# Builds the Debian packages from the checkout, with uncommitted changes, and checks them with
 # lintian.
 # Usage: deb.sh [TARGET-DIRECTORY (build/deb)]
 set -euo pipefail
@@ -8,12 +8,12 @@ target=${1:-build/deb}
 rm -rf "$target"
 mkdir -p "$target/ahs"
 target=$(cd "$target" && pwd)
-# What is deleted and not committed yet is still listed.
+# git still lists files that are deleted but not committed.
 git ls-files -co --exclude-standard -z |
   while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
   tar -c --null -T - | tar -x -C "$target/ahs"
 cd "$target/ahs"
-# debhelper gives the build a home of its own, in which ccache would find nothing.
+# debhelper sets another HOME, where ccache would find nothing.
 if command -v ccache >/dev/null; then
   CCACHE_DIR=${CCACHE_DIR:-$(ccache -k cache_dir)}
   export CCACHE_DIR

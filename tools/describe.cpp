@@ -1,11 +1,10 @@
-// Writes what a page says of commands, options and exit statuses into the page, from the parser's
-// description of the command.
+// Writes commands, options and exit statuses into a page, from the parser's description.
 // Usage: ahs-describe ahs.1.in > ahs.1
-//          A line "@options ahs probe@" becomes that command's options, "@exit-statuses@" the
-//          table.
+//          Replaces a line "@options ahs probe@" by the command's options, "@exit-statuses@" by
+//          the table.
 //        ahs-describe cli.md > cli.md.new
-//          The lines below "<!-- options -->" and "<!-- exit statuses -->" are replaced, up to the
-//          next empty line, by the options of all commands and by the table.
+//          Replaces the lines after "<!-- options -->" and "<!-- exit statuses -->", up to the next
+//          empty line, by the options of all commands and by the table.
 
 #include <CLI/CLI.hpp>
 #include <fstream>

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Prints the weight of the house: lines by room, the files of the cache, tests to product, words of the
-# docs, circles of includes, the forms of an address, and the longest functions. Counts what git knows; blank lines and
-# comments count, because they cost their reader too.
+# Prints sizes: lines by room, the cache's files, tests to product, words of the docs; circles of includes; the forms
+# of an address; the longest functions. Counts files that git knows, with blank lines and comments, which readers see
+# too.
 # Usage: figures.sh [FUNCTIONS]   how many of the longest functions are listed (10)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -26,7 +26,7 @@ cache=(vpn/Api/AHS/{SelectionCache,SelectionFiles,CacheEntry,ResolverPlace}.{h,c
 wc -l "${cache[@]}" | sed 's/^/ /'
 
 echo "Words of the docs"
-# Lists that a program writes do not count: a table below a marker, and the figures of the benchmarks.
+# Generated lists do not count: tables below a marker, and the benchmarks' figures.
 words=$(git ls-files ':(glob)docs/*.md' | xargs awk '
   FNR == 1 || /^<!-- end of figures -->/ { written = 0 }
   /^<!-- figures/ { written = 2 }
@@ -54,8 +54,8 @@ echo "Longest functions"
 # shellcheck disable=SC2016 # awk expands it
 git ls-files 'vpn/*.cpp' 'capi/*.cpp' 'cli/*.cpp' | xargs awk '
   FNR == 1 { start = 0 }
-  # clang-format puts the end of a function, and of nothing else that begins with a signature, at the
-  # column where the signature begins.
+  # clang-format puts the end of a function at the column of its signature. Nothing else that begins
+  # like a signature ends there.
   /^[A-Za-z_~].*\) *(const|noexcept|override| )*\{$/ || /^ {4,}.*\) *(const|noexcept)* *\{$/ && wrapped { start = FNR; name = wrapped ? head : $0; sub(/\(.*/, "", name) }
   /^[A-Za-z_~][^;{}]*[(,]?$/ && !/^(namespace|class|struct|enum|public|private|protected)/ { wrapped = 1; head = $0 }
   /^\}/ { if (start) printf "%7d  %s:%d  %s\n", FNR - start + 1, FILENAME, start, name; start = 0; wrapped = 0 }

@@ -1,20 +1,19 @@
 #!/bin/bash
 # Runs the fuzzers of one build directory, each for FUZZ_SECONDS (600), FUZZ_JOBS (2) at a time, and
-# prints a line for each. A target stops at its first finding, which stays in BUILD/artifacts; what
-# the corpus gains stays in BUILD/corpus. FUZZ_TARGETS names the targets; without it all run.
-# Ends with status 1 if there is a finding or a fuzzer did not run.
+# prints a line for each. A fuzzer stops at its first finding, in BUILD/artifacts; new texts of the
+# corpus are in BUILD/corpus. FUZZ_TARGETS names the fuzzers to run; unset, all run. Fails if there
+# is a finding or a fuzzer did not run.
 set -euo pipefail
 
 tree=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${FUZZ_SECONDS:-600}
-# What a text may cost. An ordinary one takes less than a millisecond; the time allows for a busy
-# machine, and the memory for AddressSanitizer's own.
+# Limits for one text. Most take less than a millisecond; the time allows for a busy machine, the
+# memory for AddressSanitizer's own.
 most_seconds=5
 most_mebibytes=2048
-# How long a fuzzer may take to come to its end, beyond its time.
+# A fuzzer's time for ending, beyond its own.
 grace_seconds=60
-# Longest text: all that matters is met in texts far shorter than the bounds of the parsers, which
-# have unit tests of their own.
+# Longest text: the parsers' bounds are far higher, but unit tests cover them.
 most_bytes=8192
 
 value() { # value LOG NAME: one of the fuzzer's final figures
@@ -64,7 +63,7 @@ for corpus in "$tree"/tests/fuzz/corpus/*/; do
 done
 [ -z "${FUZZ_TARGETS:-}" ] || read -ra targets <<<"$FUZZ_TARGETS"
 
-# Files of the targets: in memory where that is possible, since a disk would set the pace.
+# Work in memory if possible: a disk would slow the fuzzers down.
 scratch=$(mktemp -d /dev/shm/ahs-fuzz-XXXXXX 2>/dev/null || mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 export TMPDIR=$scratch FUZZ_SECONDS=$seconds UBSAN_OPTIONS=print_stacktrace=1

@@ -1,12 +1,12 @@
 #!/bin/bash
-# Installs the Debian packages that are missing for one purpose: lib, build, test, world, lint, bench or deb.
-# Touches nothing when all are there. Needs root, else sudo.
+# Installs missing Debian packages for one purpose: lib, build, test, world, lint, bench or deb. Changes
+# nothing if none is missing. Uses sudo unless root.
 set -euo pipefail
 
 lib=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-dev libspdlog-dev
   libproxy-dev libcli11-dev nlohmann-json3-dev)
 build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
-# What the benchmarks, and the short run of them that is a test, put beside ahs.
+# Peers of the benchmarks, also used by their short run as a test.
 peers=(python3 fping httping)
 test=("${build[@]}" fping nginx squid)
 world=("${test[@]}" "${peers[@]}" haproxy valgrind doxygen mandoc man-db zsh fish bash-completion
@@ -46,7 +46,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "Installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-# Servers are installed for the tests, which start their own: none is to be started by its package.
+# The packages must not start their servers: the tests start their own.
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
   printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Formatting, clang's warnings with the lock annotations, clang-tidy, and the shell scripts. Prints
-# what is wrong and ends with status 1 if anything is.
+# faults and fails if there is one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${1:-$(nproc)}

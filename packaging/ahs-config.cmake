@@ -1,2 +1,2 @@
-# find_package(ahs 1) gives ahs::ahs.
+# find_package(ahs 1) defines ahs::ahs.
 include(${CMAKE_CURRENT_LIST_DIR}/ahs-targets.cmake)

@@ -1,4 +1,4 @@
-# The front door: every way to use this checkout is a target here.
+# Every way to use this checkout is a target here.
 # `make help` lists them.
 
 JOBS ?= $(shell nproc)
@@ -16,19 +16,19 @@ help: ## List the targets
 	@grep -hE '^[a-z -]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/^([a-z -]+):.*## (.*)/  make \1\t\2/' | expand -t 34
 
 .PHONY: demo
-demo: deps-build ## Build what it takes, then watch a selection among simulated headends
+demo: deps-build ## Build and watch a selection among simulated headends
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target ahs ahs-gateways ahs-wan
 	simulator/demo.sh build/release
 
 .PHONY: lib
-lib: deps-lib ## Build what is installed, library and command, and nothing else
+lib: deps-lib ## Build only what is installed: library and command
 	cmake --preset lib
 	cmake --build --preset lib -j $(JOBS)
 
-# Does not build where `make lib` has: who may write to PREFIX is often not who built.
+# Uses what `make lib` has built: the user who may write to PREFIX often cannot build.
 .PHONY: install
-install: ## Install that below PREFIX (/usr/local), within DESTDIR if that is set
+install: ## Install library and command below PREFIX (/usr/local), inside DESTDIR if set
 	test -e build/lib/packaging/libahs.so || $(MAKE) lib
 	DESTDIR=$(DESTDIR) cmake --install build/lib --prefix $(PREFIX)
 	$(if $(DESTDIR),,ldconfig || echo "ldconfig did not run: the loader may not find the library yet")
@@ -38,7 +38,7 @@ test: deps-test release ## Build and run the tests
 	ctest --preset release -LE world -j $(CTEST_JOBS)
 
 .PHONY: test-world
-test-world: deps-world deb-check release fuzzers ## Run the tests that need more programs, packages, fuzzers, ratios of the benchmarks
+test-world: deps-world deb-check release fuzzers ## Run the tests with more programs, packages, fuzzers and the benchmarks' ratios
 	ctest --preset release -L world -j $(CTEST_JOBS)
 	FUZZ_SECONDS=30 tools/fuzz.sh build/fuzz
 	bench/run.sh build/release --check
@@ -55,7 +55,7 @@ fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz
 
 .PHONY: soak
-soak: deps-world release ## Run for hours: races under both sanitizers, every fault at every call, levels, valgrind, mutants
+soak: deps-world release ## Run for hours: races under two sanitizers, a fault at every call, many selections, valgrind, mutants
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS) --target selection_stress
 	cmake --preset tsan
@@ -68,7 +68,7 @@ soak: deps-world release ## Run for hours: races under both sanitizers, every fa
 	JOBS=$(JOBS) tests/mutants/run.sh
 
 .PHONY: mutants
-mutants: deps-test ## Break each promise in turn and see that its tests fall: a quarter of an hour
+mutants: deps-test ## Break each promise in turn and check that its tests fail: a quarter of an hour
 	JOBS=$(JOBS) tests/mutants/run.sh
 
 .PHONY: fuzzers
@@ -88,11 +88,11 @@ lint: deps-lint ## Check formatting, clang's warnings and lock annotations, clan
 	tools/lint.sh $(JOBS)
 
 .PHONY: figures
-figures: ## Print the weight of the house: lines by room, the cache, circles, longest functions
+figures: ## Print sizes: lines by room, the cache, include circles, longest functions
 	tools/figures.sh
 
 .PHONY: bench
-bench: deps-bench release ## Measure, side by side with named peers (needs the right to make namespaces)
+bench: deps-bench release ## Measure beside other programs (needs the right to make namespaces)
 	bench/run.sh build/release
 
 .PHONY: deb
@@ -100,16 +100,16 @@ deb: deps-deb ## Build Debian packages into build/deb: library, development file
 	tools/deb.sh
 
 .PHONY: deb-check
-deb-check: deb ## Build them twice, compare, and use them in a clean root (needs to be root)
+deb-check: deb ## Build the packages twice, compare, and use them in a clean root (needs root)
 	tests/package/reproducible_test.sh build/deb
 	tests/package/clean_root_test.sh . build/clean-root build/deb
 
 .PHONY: abi
-abi: deps-world release ## Describe anew the binary interface that its test compares with: see docs/versions.md
+abi: deps-world release ## Write the binary interface's description, which its test compares: see docs/versions.md
 	tests/package/abi_test.sh . build/release --write
 
 .PHONY: reference
-reference: deps-world ## Make the reference of the library's headers: build/reference/index.html
+reference: deps-world ## Write the reference of the library's headers: build/reference/index.html
 	cmake --preset release
 	mkdir -p build/reference
 	cd build/reference && doxygen ../release/packaging/Doxyfile

@@ -1,5 +1,5 @@
-# Writes BuildCommit.h: the commit that is built, "-dirty" behind it with changes, or nothing where the
-# sources are no work tree of their own (a tarball, a package's build). cmake -D SOURCE -D OUTPUT -P
+# Writes BuildCommit.h: the built commit, with "-dirty" if there are changes; nothing if the sources
+# are no git work tree (a tarball, a package's build). cmake -D SOURCE -D OUTPUT -P
 cmake_minimum_required(VERSION 3.25)
 set(commit "")
 if(EXISTS ${SOURCE}/.git)

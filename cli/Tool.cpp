@@ -60,10 +60,9 @@ std::string explainUnknownOption(const CLI::App& command, const std::string& wor
   // Any single letter resembles any other, so short names get no suggestion.
   const std::string* const meant = name.starts_with("--") ? nearestName(name, names) : nullptr;
   return "there is no option " + inQuotes(name) + " of '" + CommandTree::fullName(command) + "'" +
-         (meant != nullptr ? "; did you mean '" + *meant + "'?"
-          : CommandTree::commandsOf(command).empty()
-              ? "."
-              : "; options stand behind the command that they are for.") +
+         (meant != nullptr                           ? "; did you mean '" + *meant + "'?"
+          : CommandTree::commandsOf(command).empty() ? "."
+                                                     : "; options come after their command.") +
          whereHelpIs(command);
 }
 
@@ -230,7 +229,7 @@ int runTool(int argumentCount, char** arguments) {
     return answer(tool, error);
   }
   if (tool.count("--json") > 0) {
-    Console::complain("--json stands behind the command whose result is wanted as JSON, as in '" +
+    Console::complain("--json comes after the command, as in '" +
                       CommandTree::fullName(*tool.get_subcommands().front()) +
                       " --json'. 'ahs --help' shows all options.");
     return ExitUsage;

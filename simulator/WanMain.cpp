@@ -269,9 +269,9 @@ int parseCommandLine(int argc, char** argv, Options& options) {
   app.add_option("--name", options.names, "NAME,ADDRESS; may be given several times")
       ->allow_extra_args(false);
   app.add_option("--servers", options.servers,
-                 "Shell command that runs on the gateways' side; it prints \"ready\" when it is");
-  app.add_option("--seed", options.seed, "What jitter and loss begin with")->capture_default_str();
-  app.add_flag("--stats", options.statistics, "Say at the end how exact the network was");
+                 "Shell command that runs on the gateways' side and prints \"ready\"");
+  app.add_option("--seed", options.seed, "Seed of jitter and loss")->capture_default_str();
+  app.add_flag("--stats", options.statistics, "Print the network's accuracy at the end");
   app.add_option("command", options.command, "Command for the clients' side, after --")->required();
   app.footer(
       "Exit status: the command's; 2 usage, 77 not permitted on this machine, 125 own failure.");

@@ -127,7 +127,7 @@ int runPrograms(const ExecOptions& options, const SelectionResult& result) {
       return ExitSignalBase + *signal;
     }
   }
-  Console::complain(most < result.headends.size() ? "no other headend is tried, as --tries says."
+  Console::complain(most < result.headends.size() ? "--tries allows no other headend."
                                                   : "there is no other headend to try.");
   return attempt.status;
 }

@@ -163,7 +163,7 @@ int runCheck(const CheckOptions& options) {
   if (result.hostEntries > 0 && result.takingPart == 0) {
     Console::complain(
         "no host entry takes part in automatic selection: set EnableAutomaticServerSelection to "
-        "true in its profile. 'ahs profile list' shows it of every entry.");
+        "true in its profile. 'ahs profile list' shows it for every entry.");
   }
   return Console::writeResult(options.json ? checkJson(result) : checkText(result),
                               result.problems.empty() ? ExitNoMistakes : ExitMistakes);

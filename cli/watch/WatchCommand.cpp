@@ -170,8 +170,8 @@ class Watch {
   /// Continues until nothing can be selected or printed. @return the exit status.
   int run() {
     if (!m_network.problem().empty()) {
-      Console::complain("warning: changes of the network cannot be heard of (" +
-                        m_network.problem() + "); the interval alone says when to select again.");
+      Console::complain("warning: changes of the network cannot be noticed (" +
+                        m_network.problem() + "); only the interval starts selections.");
     }
     std::optional<Cause> cause = Start;
     while (cause) {

@@ -60,15 +60,15 @@ TEST_F(CommandLineTest, AMisspellingIsAnsweredWithWhatWasMeant) {
   EXPECT_THAT(refusalOf({"profile", "list", "-q"}), Not(HasSubstr("did you mean")));
   EXPECT_THAT(refusalOf({"exec", "--json", "--", "true"}), Not(HasSubstr("ahs --json")));
   EXPECT_THAT(refusalOf({"select", "--proxy-passwort=geheim"}), Not(HasSubstr("geheim")));
-  for (const auto& [words, says] : std::vector<Wrong>{
-           {{"slect", "--json"}, "did you mean 'select'?"},
-           {{"version"}, "did you mean '--version'?"},
-           {{"help", "profile", "chck"}, "did you mean 'check'?"},
-           {{"exce", "--tries", "3", "--", "vpn", "-x"}, "did you mean 'exec'?"},
-           {{"xyzzy"}, "there are select, "},
-           {{"cache", "show", "--jsno"}, "did you mean '--json'?"},
-           {{"--profiles", "x", "select"}, "options stand behind the command that they are for"},
-           {{"--json", "select"}, "'ahs select --json'"}}) {
+  for (const auto& [words, says] :
+       std::vector<Wrong>{{{"slect", "--json"}, "did you mean 'select'?"},
+                          {{"version"}, "did you mean '--version'?"},
+                          {{"help", "profile", "chck"}, "did you mean 'check'?"},
+                          {{"exce", "--tries", "3", "--", "vpn", "-x"}, "did you mean 'exec'?"},
+                          {{"xyzzy"}, "there are select, "},
+                          {{"cache", "show", "--jsno"}, "did you mean '--json'?"},
+                          {{"--profiles", "x", "select"}, "options come after their command"},
+                          {{"--json", "select"}, "'ahs select --json'"}}) {
     EXPECT_THAT(refusalOf(words), HasSubstr(says));
   }
 }

@@ -269,7 +269,7 @@ int parseCommandLine(int argc, char** argv, Options& options) {
   app.add_option("--name", options.names, "NAME,ADDRESS; may be given several times")
       ->allow_extra_args(false);
   app.add_option("--servers", options.servers,
-                 "Shell command that runs on the gateways' side and prints \"ready\"");
+                 "Shell command that runs on the gateways' side; it prints \"ready\" once ready");
   app.add_option("--seed", options.seed, "Seed of jitter and loss")->capture_default_str();
   app.add_flag("--stats", options.statistics, "Print the network's accuracy at the end");
   app.add_option("command", options.command, "Command for the clients' side, after --")->required();

@@ -1,10 +1,10 @@
-// Selections in a process in which one thing after another fails. Whatever it is, the client is
-// called exactly once with something it can use, nothing is left behind, and the next selection is
-// as if nothing had been. Each disturbed selection has a client library of its own, so that it
-// finds the log file open and leaves nothing to hide behind.
+// Selections in a process with one failure after another. Whatever fails, the client is called
+// exactly once with a usable result, nothing is left behind, and the next selection is undisturbed.
+// Each disturbed selection starts its own client library, so that the log file is open and no leak
+// stays hidden.
 //
-// Where there are very many calls, only some of them are made to fail in turn, evenly spread. The
-// environment variable AHS_FAULTS is "all" for each of them, or the number of the only one.
+// If there are very many calls, only some fail in turn, evenly spread. With AHS_FAULTS set to "all"
+// every call fails; with a number, only that call.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -48,17 +48,16 @@ namespace {
 
 // --- A process that selects ----------------------------------------------------------------------
 //
-// The test's own thread is exempt from faults except while it constructs a run, as is the client's
-// callback: what fails there would be the host's own.
+// The test's own thread is exempt from faults except while it constructs a run; so is the client's
+// callback. A failure there would be the host's.
 
-/// Headends that answer.
+/// Number of headends that answer.
 constexpr unsigned int HeadendCount = 3;
 
-/// How a selection probes: plainly, or over TLS as it does for a client with a proxy that wants a
-/// login.
+/// Kind of probes: plain, or over TLS as for a client with a proxy login.
 enum class Probing { Plain, Secure };
 
-/// What became of one selection.
+/// The end of one selection.
 struct Outcome {
   bool isConstructed = false;
   bool threw = false;            ///< construction ended by std::bad_alloc
@@ -71,14 +70,13 @@ struct Outcome {
   Seen seen;
 };
 
-/// Longer than any selection takes, even one in which every probe runs into its time-out.
+/// Longer than any selection, even if every probe times out.
 constexpr unsigned int PatienceSeconds = 60;
 
-/// The headends as they are delivered; the last one is known by a name. Written once, before any
-/// selection.
+/// The headends as delivered; the last one has a name. Written once, before any selection.
 std::array<std::string, HeadendCount> headendNames;
 
-/// Keeps the first call's outcome in numbers, so that it needs no memory.
+/// Keeps the first call's outcome in numbers, without allocating memory.
 class FrugalClient : public ClientIfcBase {
  public:
   explicit FrugalClient(Outcome& outcome) : m_outcome(outcome) {}
@@ -99,10 +97,10 @@ class FrugalClient : public ClientIfcBase {
   }
 
  private:
-  Outcome& m_outcome;  // the test's again when the run has returned
+  Outcome& m_outcome;  // the test reads it after the run
 };
 
-/// Constructs a run; null when that failed, as `outcome` then tells.
+/// Constructs a run; null, with `outcome` set, if that failed.
 CHeadendSelection* construct(FrugalClient& client, const std::string& lastHeadend,
                              Outcome& outcome) {
   CHeadendSelection* selection = nullptr;
@@ -133,29 +131,28 @@ unsigned int countEntries(const char* path) {
 unsigned int openDescriptors() { return countEntries("/proc/self/fd"); }
 unsigned int threadCount() { return countEntries("/proc/self/task"); }
 
-/// Waits until the process has no more threads than before.
+/// Waits until the process has no more threads than given.
 void waitForThreads(unsigned int ours, unsigned int all) {
   eventually([=] { return CThread::RunningCount() <= ours && threadCount() <= all; });
 }
 
-/// A process that selects: gateways on the loopback interface, one of them known by a name, and one
-/// more that is down; preferences, a log file, a cache.
-/// Used by one thread, which is exempt from faults. A selection that does not end ends the process.
+/// A process that selects: gateways on the loopback interface, one of them with a name, and another
+/// one that is down; preferences, a log file, a cache. Used by one thread, which is exempt from
+/// faults. A hanging selection ends the process.
 class DisturbedHost {
  public:
-  // Two probes, so that a worker that loses one still has a sample. The times are for machines
-  // that do other things besides.
+  // Two probes, so that a worker that loses one still has a sample. The times suit busy machines.
   DisturbedHost()
       : m_host({{"SelectionPingsPerHeadend", "2"},
                 {"SelectionConnectTimeout", "40000"},
                 {"SelectionPingTimeout", "10000"},
                 {"SelectionTestPingTimeout", "10"}}) {
-    HttpProbe::setTrustFile("");  // a certificate that is not trusted is an answer too
+    HttpProbe::setTrustFile("");  // an untrusted certificate is an answer too
     std::ranges::copy(m_gateways.Addresses(), headendNames.begin());
     headendNames.back().replace(0, headendNames.back().find(':'), KnownName);
   }
 
-  /// Brings the client library up, with a new log.
+  /// Starts the client library with a new log.
   void Start() {
     std::filesystem::remove(m_host.LogFile());
     m_ourThreads = CThread::RunningCount();
@@ -163,17 +160,17 @@ class DisturbedHost {
     m_host.BringUp({headendNames[0], m_down.Where().Text(), headendNames[1], headendNames[2]});
   }
 
-  /// Takes it down and waits until its threads are gone.
+  /// Stops the library and waits until its threads are gone.
   void Stop() {
     m_host.TakeDown();
     waitForThreads(m_ourThreads, m_allThreads);
   }
 
-  /// What has been logged since.
+  /// The log since the last start.
   std::string Log() const { return readFile(m_host.LogFile()); }
 
-  /// Runs one selection to its end while `fault` is armed, and waits until none of its threads is
-  /// left. No block of memory that it takes for itself is left either.
+  /// Runs one selection to its end while `fault` is armed. Waits until none of its threads and none
+  /// of its memory is left.
   Outcome Select(const Fault& fault, Probing probing) {
     const Exemption own;
     const unsigned int ourThreads = CThread::RunningCount();
@@ -194,7 +191,7 @@ class DisturbedHost {
     return outcome;
   }
 
-  /// Makes its directory, and what has been selected expire.
+  /// Creates the cache's directory, and lets stored selections expire.
   void ResetCache() const {
     std::filesystem::create_directory(m_host.CacheDirectory());
     std::filesystem::permissions(m_host.CacheDirectory(), std::filesystem::perms::owner_all);
@@ -207,7 +204,7 @@ class DisturbedHost {
   }
 
   std::string CacheDirectory() const { return m_host.CacheDirectory(); }
-  /// Whether a selection that has not expired is in the cache.
+  /// Whether the cache holds a selection that has not expired.
   bool IsStored() const {
     std::string problem;
     return std::ranges::any_of(
@@ -215,7 +212,7 @@ class DisturbedHost {
         [](const auto& selection) { return selection.entry.GetTimestamp() > 1; });
   }
 
-  /// What is wrong with the cache: a file that is no selection, or none of the cache's.
+  /// A flaw in the cache: a damaged file, or a foreign one.
   std::string FindCacheFlaw() const {
     std::string flaw;
     const auto selections = SelectionFiles::list(m_host.CacheDirectory(), flaw);
@@ -230,33 +227,33 @@ class DisturbedHost {
   const GatewayProcess m_gateways{{"", "", ""}};
   const RefusingPort m_down{KnownAddress};
   Host m_host;
-  // What there was before the library.
+  // Numbers from before the library's start.
   unsigned int m_ourThreads = 0;
   unsigned int m_allThreads = 0;
 };
 
 // --- Its promise ---------------------------------------------------------------------------------
 
-/// Threads race, so that runs differ a little in how often they call what fails.
+/// Threads race, so the number of failing calls varies a little between runs.
 constexpr unsigned long CallsBeyond = 3;
 
-/// Calls that fail in turn when not all are asked for: in one process, and each in a child's.
+/// Most calls that fail in turn unless all are requested: in one process, and each in a child.
 constexpr unsigned long ManyRuns = 500;
 constexpr unsigned long ManyFirstRuns = 100;
 
-/// Statuses with which a selection may end that something disturbed.
+/// Statuses with which a disturbed selection may end.
 constexpr STATUSCODE Endings[] = {
     HEADENDSELECTION_ERROR_ADDED_TO_CACHE,
     HEADENDSELECTION_ERROR_SELECTION_FAILURE,
     HEADENDSELECTION_ERROR_MEMALLOC_FAILED,
 };
 
-/// One fault after another: at the first call, at the second one, and so on.
+/// One fault after another: at the first call, then at the second, and so on.
 struct Sweep {
   std::string name;
   Fault fault;  ///< `first` is set by the sweep
-  /// Headends that a selection delivers however it is disturbed; if it may deliver fewer than all,
-  /// it may fail as well.
+  /// The fewest headends that any disturbed selection delivers; if fewer than all, it may also
+  /// fail.
   unsigned int leastHeadends = 0;
   Probing probing = Probing::Plain;
 
@@ -283,8 +280,8 @@ std::vector<unsigned long> numbers(unsigned long calls, unsigned long most) {
   return result;
 }
 
-/// Starts a thread that ends at once. ThreadSanitizer starts one of its own, which stays, with the
-/// first of a process: threads are to be counted after that.
+/// Starts a thread that ends at once. With a process's first thread ThreadSanitizer starts a
+/// permanent one; threads must be counted after that.
 void startFirstThread() {
   std::thread([] {}).join();
 }
@@ -317,7 +314,7 @@ void AFault::DisturbAll(unsigned long calls, unsigned long most,
   for (const unsigned long number : numbers(calls, most)) {
     Fault fault = GetParam().fault;
     fault.first = number;
-    // Also for a selection that does not end, or ends the process.
+    // Printed early, for a selection that hangs or ends the process.
     std::cout << "at call " << number << " of " << calls << std::endl;
     strikes += disturb(fault).failed != 0 ? 1 : 0;
     ASSERT_FALSE(HasFailure());
@@ -389,7 +386,7 @@ void AFault::CheckUndisturbed() {
   const Outcome outcome = sm_host->Select(Fault(), GetParam().probing);
   EXPECT_TRUE(outcome.isConstructed);
   EXPECT_EQ(outcome.calls, 1U);
-  // OpenSSL tries to come up once a process.
+  // OpenSSL tries to initialise only once per process.
   if (GetParam().probing == Probing::Secure && OSSL_LIB_CTX_get0_global_default() == nullptr) {
     EXPECT_EQ(outcome.status, HEADENDSELECTION_ERROR_SELECTION_FAILURE);
     return;
@@ -404,15 +401,15 @@ void AFault::CheckUndisturbed() {
 TEST_P(AFault, EndsInOneCall) {
   const Exemption own;
   unsigned long calls = 0;
-  for (int run = 0; run < 4; ++run) {  // the first ones make much that the later ones find made
+  for (int run = 0; run < 4; ++run) {  // first runs create what later runs reuse
     calls = std::max(calls, CountCalls());
   }
   DisturbAll(calls, ManyRuns, [this](const Fault& fault) {
     const long blocks = liveBlocks();
     const unsigned int descriptors = openDescriptors();
     const Seen seen = Examine(fault);
-    // libcurl up to 7.88 closes descriptor 0 when it gets no memory for the lock of a look-up (it
-    // takes a field that is not set yet for a socket).
+    // libcurl up to 7.88 closes descriptor 0 if it gets no memory for the lock of a look-up: it
+    // takes an unset field for a socket.
     if (fault.call == Call::AllocateInC && ::fcntl(STDIN_FILENO, F_GETFD) == -1) {
       EXPECT_EQ(::open("/dev/null", O_RDONLY), STDIN_FILENO);
     }
@@ -422,19 +419,19 @@ TEST_P(AFault, EndsInOneCall) {
   });
 }
 
-/// The first selection of a process, which is a child's; the gateways and the files are the
-/// parent's. Named so that the test program runs it before it has selected itself.
+/// A process's first selection, in a child; gateways and files belong to the parent. The name makes
+/// the test program run this before its own selections.
 class FirstSelectionDeathTest : public AFault {
  protected:
-  /// Lets a child select. Its failures become this process's.
+  /// Lets a child select. Its failures count here.
   Seen InChild(const std::function<Seen()>& selection) {
     auto* const seen = static_cast<Seen*>(
         mmap(nullptr, sizeof(Seen), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const pid_t child = fork();
     if (child == 0) {
       startFirstThread();
-      // Has the C library make what its resolver needs for good. That of glibc 2.36 does not
-      // survive if it gets no memory for it: it then keeps a lock for ever, or never works again.
+      // Lets the C library create its resolver's permanent data. Without memory for it, glibc 2.36
+      // keeps a lock for ever or never works again.
       std::vector<std::string> place;
       EXPECT_TRUE(readResolverPlace(place));
       *seen = selection();
@@ -464,14 +461,14 @@ TEST_P(FirstSelectionDeathTest, EndsInOneCall) {
 // --- What may fail
 // ---------------------------------------------------------------------------------
 //
-// And what that may cost. Log and cache are conveniences: whatever becomes of their
-// files, the selection is the same. Of the network, what fails once costs a probe at most, and a
-// worker has a second one; a name that is not found costs its headend.
+// And the permitted cost. Log and cache are conveniences: their files never change the selection.
+// One network failure costs at most a probe, and a worker has a second one; a name that is not
+// found costs its headend.
 
 constexpr unsigned int All = HeadendCount;
 constexpr unsigned int AllButOne = HeadendCount - 1;
 
-/// Each of these errors, for once and lastingly.
+/// Each of these errors, once and lasting.
 struct Kind {
   std::string name;
   Call call = Call::None;
@@ -538,8 +535,8 @@ INSTANTIATE_TEST_SUITE_P(
               {"ReadResolver", Call::ReadResolver, {EMFILE}, All, All}}),
     nameOfSweep);
 
-// libcurl's resolver wakes who waits for it through a pair of sockets; without it the look-up has
-// failed, which costs the headend that has a name.
+// libcurl's resolver wakes its waiter through a socket pair; without it the look-up fails, which
+// costs the headend with a name.
 INSTANTIATE_TEST_SUITE_P(
     SelectionWithoutSockets, AFault,
     sweepsOf({{"Socket", Call::Socket, {EMFILE, ENOBUFS}, AllButOne},
@@ -555,9 +552,9 @@ INSTANTIATE_TEST_SUITE_P(
               {"SecurePoll", Call::Poll, {ENOMEM}, All, 0, Probing::Secure}}),
     nameOfSweep);
 
-// A sanitizer is an allocator too.
+// A sanitizer brings its own allocator.
 #ifdef AHS_C_MEMORY
-// Not lastingly: what the libraries below make of that is theirs.
+// Not lasting: the reaction of other libraries is not ours to test.
 const auto InC =
     testing::Values(Sweep{"Plain", {Call::AllocateInC, 0, false, ENOMEM}},
                     Sweep{"Secure", {Call::AllocateInC, 0, false, ENOMEM}, 0, Probing::Secure});

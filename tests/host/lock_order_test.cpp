@@ -1,6 +1,6 @@
-// The order of locks, as it is and as it is written down. Selections of every kind are made while a
-// recorder notes which lock is taken with which others held; locks are put into classes by where
-// they are built. What was seen must be allowed by the table in docs/architecture.md.
+// The actual order of locks against the documented one. A recorder notes which locks are taken
+// while others are held, during selections of every kind. The place of construction decides a
+// lock's class. The table in docs/architecture.md must allow each observation.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -28,10 +28,10 @@ AHS_EXPOSE(CacheInstanceLock, &CSelectionCache::sm_instanceLock);
 
 namespace {
 
-/// What the calling thread does after it has started its first thread, once.
+/// Runs once, after the calling thread has started its first thread.
 thread_local std::function<void()> t_afterStart;
 
-/// Notes that this thread may wait for the disk, for a file of the cache.
+/// Notes that this thread may wait for the disk because of a cache file.
 void noteDisk();
 
 }  // namespace
@@ -70,7 +70,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-/// The classes of locks by the source that builds them, in the order of their members there.
+/// The classes of locks by the source that constructs them, in the order of its members.
 const std::map<std::string, Names>& classesOfSources() {
   static const auto& classes = *new std::map<std::string, Names>{
       {"HeadendSelection.cpp", {"m_headendCacheLock", "m_headendThreadLock"}},
@@ -96,7 +96,7 @@ const std::map<std::string, Names>& classesOfSources() {
   return classes;
 }
 
-/// Puts locks into classes.
+/// Assigns locks to classes.
 class Classes {
  public:
   Classes() : m_map(AHS_LINK_MAP), m_locks(LockRecorder::BuiltLocks()) {}
@@ -117,7 +117,7 @@ class Classes {
     return found->second.at(std::min(PositionOf(lock), found->second.size() - 1));
   }
 
-  /// Pairs of classes: the second was taken with the first held.
+  /// Pairs of classes: the second lock was taken while the first was held.
   std::set<std::pair<std::string, std::string>> Nestings() const {
     std::set<std::pair<std::string, std::string>> pairs;
     for (const auto& [outer, inner] : LockRecorder::Nestings()) {
@@ -128,12 +128,12 @@ class Classes {
 
  private:
   std::string SourceOf(const BuiltLock& lock) const {
-    // The instruction before the one that the constructor returns to.
+    // The call instruction, just before the constructor's return address.
     return m_map.SourceOf(static_cast<const char*>(lock.builtAt) - 1);
   }
 
-  /// Which lock of its object it is: the members of one object are built one after the other and
-  /// lie side by side, closer than any two objects.
+  /// The lock's position in its object: an object's members are constructed one after the other and
+  /// lie closer together than any two objects.
   std::size_t PositionOf(const BuiltLock& lock) const {
     constexpr std::ptrdiff_t Closest = 128;
     if (lock.previous < 0) {
@@ -151,7 +151,7 @@ class Classes {
   const std::vector<BuiltLock> m_locks;
 };
 
-/// Where foreign code is called, and how often a lock was held there.
+/// A place that calls foreign code, and how often a lock was held there.
 struct Moment {
   const char* name;
   std::atomic<int> seen{0};
@@ -170,10 +170,10 @@ struct Moments {
   Moment runsTimer{"the callback of a run's timer"};
   Moment doorsCallback{"a callback of the door"};
   std::mutex diskLock;
-  std::multiset<std::vector<int>> disk;  // the locks held each time
+  std::multiset<std::vector<int>> disk;  // the held locks, each time
 };
 
-/// Notes from any thread until the end of the process.
+/// Any thread may use it until the process ends.
 Moments& moments() {
   static Moments& instance = *new Moments;
   return instance;
@@ -253,7 +253,7 @@ class Selections {
     m_host.TakeDown();
   }
 
-  /// Its second worker is never started, and its first one outlives the run.
+  /// The second worker never starts; the first outlives the run.
   void TimerBetweenTwoStarts() {
     HeldGateway gateway;
     m_host.SetPreferences(Host::hasty("100"), {});
@@ -275,7 +275,7 @@ class Selections {
     EXPECT_EQ(client.Status(), EXECUTIONCONTEXT_ERROR_NO_INSTANCE);
   }
 
-  /// The client is called on the thread in reserve.
+  /// The reserve thread calls the client.
   void WithoutThreads() {
     m_host.BringUp({"127.0.0.1:9"});
     tests::refusesThreads = true;
@@ -284,7 +284,7 @@ class Selections {
     m_host.TakeDown();
   }
 
-  /// The cache has something to complain about.
+  /// The cache logs a warning.
   void WithACacheDirectoryThatIsRefused() {
     const HeldGateway gateway(1000);
     std::filesystem::create_directory(m_host.CacheDirectory());
@@ -294,7 +294,7 @@ class Selections {
     m_host.TakeDown();
   }
 
-  /// One selection that ends, one that is cancelled, and one that the stop finds.
+  /// One selection that ends, one that is cancelled, and one that a stop interrupts.
   static void ThroughTheDoor() {
     HeldGateway silent;
     const auto note = [](const auto&) {
@@ -318,7 +318,7 @@ class Selections {
   Host m_host;
 };
 
-/// The rows of the table, with the locks of each in the order in which they stand there.
+/// The rows of the table, each with its locks in their order.
 std::vector<Names> documentedOrder() {
   std::ifstream document(AHS_SOURCE_DIRECTORY "/docs/architecture.md");
   std::vector<Names> rows;
@@ -347,7 +347,7 @@ std::vector<Names> documentedOrder() {
 
 /// Whether `inner` may be taken with `outer` held.
 bool isAllowed(const std::vector<Names>& rows, const std::string& outer, const std::string& inner) {
-  // Of these, no two of a row may be held at once.
+  // In these rows no two locks may be held at once.
   constexpr std::ptrdiff_t RowsWithoutNesting = 4;
   const auto rowOf = [&rows](const std::string& name) {
     return std::ranges::find_if(
@@ -385,7 +385,7 @@ TEST_F(LockOrder, EveryLockBelongsToAKnownClass) {
   }
 }
 
-/// Hence no cycle either, nor a lock in another of its own class: the table is an order.
+/// This excludes cycles and nesting within a class, because the table is an order.
 TEST_F(LockOrder, EveryNestingIsAllowedByTheTableInTheDocumentation) {
   const std::vector<Names> rows = documentedOrder();
   ASSERT_GE(rows.size(), 4U);

@@ -1,7 +1,7 @@
-// What is left of a proxy's user name and password in the memory of a host after a selection. The
-// host is a program of its own, whose allocator leaves freed blocks as they are; this one makes the
-// secrets up, lets it run a whole selection through an authenticating proxy, and then searches all
-// memory that it can write to for any part of them in any form that they take on the way.
+// What a selection leaves of a proxy's user name and password in a host's memory. The host is a
+// separate program whose allocator does not change freed blocks. This test creates the secrets,
+// lets the host run a whole selection through an authenticating proxy, and searches its writable
+// memory for any part of them in any form.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -62,7 +62,7 @@ std::string base64(const std::string& text) {
   return {encoded.begin(), encoded.begin() + length};
 }
 
-/// As Windows has text; plain ASCII only.
+/// Windows' encoding; plain ASCII only.
 std::string utf16(const std::string& text) {
   std::string wide;
   for (const char c : text) {
@@ -77,7 +77,7 @@ std::string upperCase(std::string text) {
   return text;
 }
 
-/// What NTLM makes of a password first, and what would do in its place.
+/// NTLM's first hash of a password, which could replace the password.
 std::string ntHash(const std::string& password) {
   static OSSL_PROVIDER* const legacy = OSSL_PROVIDER_load(nullptr, "legacy");
   static OSSL_PROVIDER* const standard = OSSL_PROVIDER_load(nullptr, "default");
@@ -93,7 +93,7 @@ std::string ntHash(const std::string& password) {
 
 // ---- The search ---------------------------------------------------------------------------------
 
-/// Looks for secrets in the memory of another process and in texts: any eight bytes in a row count.
+/// Looks for secrets in another process's memory and in texts: any eight bytes in a row count.
 class SecretSearch {
  public:
   void Add(const std::string& name, const std::string& secret) {
@@ -102,7 +102,7 @@ class SecretSearch {
     }
   }
 
-  /// Searches all that a process can write to. @return where what was found.
+  /// Searches a process's writable memory. @return where it found a secret.
   std::vector<std::string> InProcess(pid_t process) const {
     const std::string directory = "/proc/" + std::to_string(process);
     std::ifstream memory(directory + "/mem", std::ios::binary);
@@ -162,9 +162,9 @@ class SecretSearch {
 
 // ---- Proxies ------------------------------------------------------------------------------------
 
-/// Challenges of a proxy in the domain "OFFICE" ([MS-NLMP], section 2.2.1.2): they decide in which
-/// way NTLM proves knowledge of a password. The second one has the flag for session security, the
-/// third the domain as target information.
+/// Challenges of a proxy in the domain "OFFICE" ([MS-NLMP], section 2.2.1.2): they select NTLM's
+/// kind of proof. The second has the flag for session security, the third the domain as target
+/// information.
 constexpr char Version1[] =
     "TlRMTVNTUAACAAAADAAMADAAAAABAgAAAQIDBAUGBwgAAAAAAAAAAAAAAAA8AAAATwBGAEYASQBDAEUA";
 constexpr char Session[] =
@@ -178,10 +178,10 @@ std::string demand(const std::string& challenge) {
          "\r\nContent-Length: 0\r\n\r\n";
 }
 
-/// What a proxy does once it has been given the credentials.
+/// The proxy's reaction to credentials.
 enum class Then { Accept, Refuse, Close, StaySilent };
 
-/// A proxy that asks for credentials, and waits when it has got them until it is released.
+/// A proxy that asks for credentials and, once it has them, waits for its release.
 class AskingProxy {
  public:
   /// @param scheme "Basic realm=x" or the like. @param challenge NTLM's.
@@ -244,7 +244,7 @@ class MemorySearch : public testing::Test {
  protected:
   MemorySearch() { MakeSecrets(20, 30); }
 
-  /// New secrets of these lengths.
+  /// Creates secrets of these lengths.
   void MakeSecrets(std::size_t userLength, std::size_t passwordLength) {
     m_user = randomText(userLength);
     m_password = randomText(passwordLength);
@@ -281,7 +281,7 @@ class MemorySearch : public testing::Test {
         m_directory.File("output"), m_directory.Path());
   }
 
-  /// Waits until the selection is over. @return how it ended.
+  /// Waits for the selection's end. @return its outcome.
   std::string Outcome() {
     const std::string key = "ended, ";
     EXPECT_TRUE(eventually(
@@ -299,7 +299,7 @@ class MemorySearch : public testing::Test {
 
   std::vector<std::string> FoundInMemory() const { return m_search.InProcess(m_host->Pid()); }
 
-  /// What the host has written, and what others can read of it while it runs.
+  /// Secrets in the host's output, and in what others can read of it while it runs.
   std::vector<std::string> FoundInPublic() const {
     const std::string process = "/proc/" + std::to_string(m_host->Pid());
     return m_search.InText(Output() + readFile(m_directory.File("host.log")) +
@@ -342,7 +342,7 @@ TEST_F(MemorySearch, FindsAPasswordThatTheHostLeavesBehind) {
   }
 }
 
-/// A selection through a proxy that asks for credentials, and what becomes of them.
+/// A selection through a proxy that asks for credentials.
 struct Asked {
   const char* name;
   Then then;
@@ -359,7 +359,7 @@ class MemorySearchAfter : public MemorySearch, public testing::WithParamInterfac
 TEST_P(MemorySearchAfter, FindsNothing) {
   const Asked& asked = GetParam();
   MakeSecrets(asked.userLength, asked.passwordLength);
-  // The message that answers NTLM's challenge begins the same whoever the user is.
+  // NTLM's answer begins the same for every user.
   const bool isNtlm = !asked.ntlm.empty();
   const std::string before = asked.negotiates ? "Negotiate\r\nProxy-Authenticate: " : "";
   AskingProxy proxy(isNtlm ? "NTLM" : before + "Basic realm=\"x\"",
@@ -385,7 +385,7 @@ TEST_P(MemorySearchAfter, FindsNothing) {
   }
 }
 
-// Secrets that fit inside a string object, and long ones, lie elsewhere than others.
+// Short secrets fit inside a string object; long ones need a block of memory.
 INSTANTIATE_TEST_SUITE_P(
     Memory, MemorySearchAfter,
     testing::Values(Asked{"Basic", Then::Accept}, Asked{"ShortSecrets", Then::Accept, 8, 15},

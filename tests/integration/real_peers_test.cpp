@@ -1,6 +1,6 @@
-// Whole selections among real servers and behind real proxies: the whole client library in the
-// process, real sockets. What the client is told must agree with what the servers
-// did. Which server is nearest is the machine's business, so no test depends on it.
+// Whole selections among real servers and behind real proxies: the whole client library, real
+// sockets. The client's results must agree with what the servers did. The machine decides which
+// server is nearest, so no test depends on it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -47,20 +47,20 @@ constexpr unsigned int FirstConnection = 0;
 constexpr unsigned int Reconnection = 1;
 constexpr unsigned int ProxyAuthentication = 3;
 
-/// Probes that are sent to each headend by default.
+/// Number of probes to each headend by default.
 constexpr std::size_t Pings = 3;
 
-/// A name that is none, so that no name server needs to be asked: a label has 63 letters at most
-/// (RFC 1035, section 2.3.4).
+/// An invalid name, which needs no name server: a label has at most 63 letters (RFC 1035, section
+/// 2.3.4).
 const std::string UnknownName = std::string(64, 'l') + ".invalid";
 
-/// Names in the environment that decide on proxies.
+/// Environment variables that choose proxies.
 const std::vector<std::string> ProxyVariables = {"http_proxy",  "HTTP_PROXY", "https_proxy",
                                                  "HTTPS_PROXY", "all_proxy",  "ALL_PROXY",
                                                  "no_proxy",    "NO_PROXY"};
 
-/// All that can be seen of one selection run from outside. It outlives the run's last thread,
-/// because the callbacks share it.
+/// All that an observer can see of one selection run. Shared with the callbacks, so it outlives the
+/// run's last thread.
 class Selection : public ClientIfcBase, public ProbeTask {
  public:
   void AHSSelectedHost(unsigned int aReason, const std::vector<std::string>& someHeadends,
@@ -84,7 +84,7 @@ class Selection : public ClientIfcBase, public ProbeTask {
   std::vector<HttpProbe::Report> ProbesOf(unsigned short port) const {
     std::vector<HttpProbe::Report> found;
     for (const HttpProbe::Report& probe : probes) {
-      // The test probe is the one that asks for the headers.
+      // Only the test probe asks for the headers.
       if (probe.port == port && (probe.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) == 0) {
         found.push_back(probe);
       }
@@ -110,9 +110,9 @@ class RealPeers : public testing::Test {
 
   RealPeers() {
     ForgetProxies();
-    // No modules: what this machine's desktop is set to must not matter.
+    // No modules: this machine's desktop settings must not matter.
     ::setenv("PX_MODULE_PATH", m_directory.Path().c_str(), 1);
-    // The resolver reads it when a thread first resolves a name.
+    // The resolver reads this when a thread first resolves a name.
     ::setenv("RES_OPTIONS", "timeout:1 attempts:1", 0);
   }
   ~RealPeers() override {
@@ -120,8 +120,8 @@ class RealPeers : public testing::Test {
     HttpProbe::setTrustFile("");
   }
 
-  /// Runs a selection among headends, the first of which was used last, until nothing of it is left
-  /// but threads that stay: those that ask for the system's proxy and get no answer.
+  /// Runs a selection; the first headend was used last. Waits until only permanent threads are
+  /// left: those that wait for the system's proxy settings.
   std::shared_ptr<const Selection> Select(const std::vector<std::string>& headends,
                                           unsigned int reason, ProxyIfc* proxy = nullptr,
                                           unsigned int threadsThatStay = 0) {
@@ -152,7 +152,7 @@ class RealPeers : public testing::Test {
   }
 
   const TestCertificates m_certificates;
-  /// A busy machine does not come near these limits where a server answers.
+  /// Even a busy machine stays far below these limits if a server answers.
   Values user = {{"SelectionConnectTimeout", "60000"},
                  {"SelectionReconnectTimeout", "60000"},
                  {"SelectionPingTimeout", "4000"},
@@ -171,7 +171,7 @@ class RealPeers : public testing::Test {
 
 // ---- Servers ------------------------------------------------------------------------------------
 
-/// That a run was measured, went well and lists `headends`, whichever is best.
+/// Expects a fresh, successful selection that lists `headends` in any order.
 void expectFreshSelection(const Selection& selection, const std::vector<std::string>& headends) {
   EXPECT_EQ(HEADENDSELECTION_ERROR_ADDED_TO_CACHE, selection.status);
   EXPECT_EQ("", selection.extraInfo);
@@ -196,7 +196,7 @@ TEST_F(RealPeers, TlsServersAskedInPlainHttpAreMeasuredAndDeadHeadendsLeftOut) {
 
   expectFreshSelection(*selection, {haproxy.Address(), nginx.Address(), openssl.Address()});
   EXPECT_EQ(FirstConnection, selection->reason);
-  // One says that this is a TLS port, the others hang up.
+  // One server answers that this is a TLS port, the others hang up.
   EXPECT_THAT(selection->ProbesOf(nginx.Where().port), probes(HTTP_SESSION_SUCCESS, 400));
   for (const unsigned short port : {haproxy.Where().port, openssl.Where().port}) {
     EXPECT_THAT(selection->ProbesOf(port), probes(HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, 0));
@@ -238,7 +238,7 @@ constexpr long Measured = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
 constexpr long Asked = HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED;
 constexpr long Failed = HEADENDSELECTION_ERROR_SELECTION_FAILURE;
 
-/// What stands before the one gateway.
+/// What is in front of the gateway.
 enum class Before {
   Nothing,
   Squid,
@@ -251,7 +251,7 @@ enum class Before {
   Text
 };
 
-/// Who tells the client of it.
+/// Where the client learns of the proxy.
 enum class By { Preferences, HttpProxy, HttpsProxy, Pac };
 
 struct Case {
@@ -306,7 +306,7 @@ const Case Cases[] = {
 
 class Proxies : public RealPeers, public testing::WithParamInterface<Case> {
  protected:
-  /// Squid's tunnels to port 443 end at the gateway, which cannot have that port.
+  /// The gateway cannot have port 443, so Squid redirects tunnels to it.
   Endpoint StartSquid(Before kind, const std::string& realm) {
     m_squid = std::make_unique<SquidProxy>(SquidProxy::Settings{
         .address = kind == Before::Squid6 && hasAddress("::1") ? "::1" : "127.0.0.1",
@@ -317,7 +317,7 @@ class Proxies : public RealPeers, public testing::WithParamInterface<Case> {
     return m_squid->Where();
   }
 
-  /// Starts what stands before the gateway. @return where it is.
+  /// Starts the proxy. @return its address and port.
   Endpoint Start() {
     const std::string& text = GetParam().text;
     switch (GetParam().before) {
@@ -339,7 +339,7 @@ class Proxies : public RealPeers, public testing::WithParamInterface<Case> {
     }
   }
 
-  /// Tells the client of it. @return the provider, which the run owns; none if there is none.
+  /// Tells the client of the proxy. @return the provider, which the run owns; may be null.
   ProxyIfc* Tell(const Endpoint& where) {
     const Case& given = GetParam();
     const bool isOfSystem = given.by != By::Preferences;
@@ -361,7 +361,7 @@ class Proxies : public RealPeers, public testing::WithParamInterface<Case> {
     return isOfSystem ? new CProxyProvider(NoProxy, {}, {}, host) : nullptr;
   }
 
-  RequestLog m_tunnels;  // what squid has passed on
+  RequestLog m_tunnels;  // requests that squid passed on
   const RefusingPort m_closed{"127.0.0.1"};
   NginxServer m_gateway{m_certificates};
   ScriptedServer m_outside{[this](Connection& connection) {

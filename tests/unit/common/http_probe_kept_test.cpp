@@ -1,5 +1,5 @@
-// Probes that share a connection: what keeps one open, what gives it up, and that nothing but its
-// price changes.
+// Probes that share a connection: what keeps it open, what ends it, and that sharing changes only
+// the cost.
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
@@ -28,12 +28,12 @@ using namespace std::chrono_literals;
 constexpr char kHead[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n";
 constexpr char kAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 
-/// What is done about a request.
+/// The server's reaction to a request.
 /// @param number of the request, from 1.
-/// @return whether the connection is served further.
+/// @return whether to keep serving the connection.
 using Treatment = std::function<bool(unsigned int number, Connection& connection)>;
 
-/// A server that treats the requests of the whole test in their order.
+/// A server that counts the requests of the whole test.
 class Requests {
  public:
   explicit Requests(Treatment treatment)
@@ -65,7 +65,7 @@ bool silence(Connection& connection) {
 
 class HttpProbeKeptTest : public HttpProbeTest {
  protected:
-  /// Sends probes, all of which have to be answered.
+  /// Sends three probes; all must be answered.
   void probeThrice(unsigned short port, bool secure = false,
                    std::chrono::milliseconds pause = 0ms) {
     for (int i = 0; i < 3; ++i) {
@@ -152,7 +152,7 @@ TEST_F(HttpProbeKeptTest, AShortAnswerKeepsTheConnection) {
   }
 }
 
-/// An answer of so many bytes, and one that nobody has asked for.
+/// An answer of this size, followed by an unsolicited one.
 std::string withAnotherAfter(std::size_t bytes) {
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: ";
   std::string answer = head + std::to_string(bytes) + "\r\n\r\n";
@@ -163,7 +163,7 @@ std::string withAnotherAfter(std::size_t bytes) {
   return answer + "HTTP/1.1 500 X\r\nContent-Length: 0\r\n\r\n";
 }
 
-// Where libcurl stops reading depends on the size of its buffer.
+// libcurl's buffer size decides where it stops reading.
 constexpr std::array<std::size_t, 5> kSizesOfAnswers{60, 1024, 2048, 4096, 8192};
 
 void sendAByteNowAndThen(Connection& connection) {
@@ -252,7 +252,7 @@ TEST_F(HttpProbeKeptTest,
   }
 }
 
-// What a kept connection does other than answer says nothing about the server.
+// Failures of a kept connection say nothing about the server.
 TEST_F(HttpProbeKeptTest, ARequestThatAKeptConnectionDoesNotAnswerIsSentOnAFreshOne) {
   const std::function<bool(Connection&)> failures[] = {
       reset,
@@ -265,7 +265,7 @@ TEST_F(HttpProbeKeptTest, ARequestThatAKeptConnectionDoesNotAnswerIsSentOnAFresh
       [](Connection& connection) { return !connection.send("x"); },
   };
   for (const auto& failure : failures) {
-    // The third request is the second one again.
+    // The third request repeats the second.
     Requests server([&](unsigned int number, Connection& connection) {
       return number == 2 ? failure(connection) : connection.send(kAnswer);
     });
@@ -279,7 +279,7 @@ TEST_F(HttpProbeKeptTest, ARequestThatAKeptConnectionDoesNotAnswerIsSentOnAFresh
   }
 }
 
-/// How a server treats its second request and those after it, and what becomes of the second probe.
+/// How a server treats its second and later requests, and the outcome of the second probe.
 struct SECOND {
   const char* name;
   Treatment treatment;
@@ -292,7 +292,7 @@ struct SECOND {
 };
 
 const SECOND kSecondProbes[] = {
-    // What a busy gateway answers late is its answer, whatever a fresh connection brings.
+    // A busy gateway's late answer counts, whatever a fresh connection brings.
     {"LateAnswerOnTheKeptConnectionCounts",
      [](unsigned int, Connection& connection) {
        connection.wait(1400ms);
@@ -302,13 +302,13 @@ const SECOND kSecondProbes[] = {
     {"FreshConnectionThatIsResetToo",
      [](unsigned int, Connection& connection) { return reset(connection); }, 20,
      HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, false},
-    // Waiting for the kept connection makes what a fresh one brought no later.
+    // The wait for the kept connection does not add to the fresh one's round trip.
     {"FreshConnectionThatIsResetHasARoundTripOfItsOwn",
      [](unsigned int number, Connection& connection) {
        return number == 2 ? silence(connection) : reset(connection);
      },
      4, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, false, 3'990'000, 60'000'000, 2'000'000},
-    // There are servers that leave a connection open and do not read from it again.
+    // Some servers keep a connection open but never read from it again.
     {"SilenceIsNoTimeOutIfAFreshConnectionIsAnswered",
      [](unsigned int number, Connection& connection) {
        return number == 2 ? silence(connection) : connection.send(kAnswer);
@@ -317,10 +317,10 @@ const SECOND kSecondProbes[] = {
     {"SilenceOnBothIsATimeOut",
      [](unsigned int, Connection& connection) { return silence(connection); }, 4,
      HTTP_SESSION_ERROR_TIMEOUT, false, 3'990'000},
-    // Had the second attempt a time-out of its own, it would end after 8 s at least.
+    // With a time-out of its own, the second attempt would end after 8 s at the earliest.
     {"SilenceAfterAResetDoesNotOutlastTheTimeOut",
      [](unsigned int number, Connection& connection) {
-       connection.wait(2s);  // of the three that a kept connection has
+       connection.wait(2s);  // a kept connection has 3 s
        return number == 2 ? reset(connection) : silence(connection);
      },
      6, HTTP_SESSION_ERROR_TIMEOUT, false, 5'990'000, 8'000'000},
@@ -367,7 +367,7 @@ TEST_F(HttpProbeKeptTest, ARequestThatMeetsAClosedConnectionAndThenNobodyCannotC
   EXPECT_FALSE(report().reused);
 }
 
-// What it takes its time for on a kept connection would have to be asked for twice.
+// A slow request on a kept connection would have to be sent twice.
 TEST_F(HttpProbeKeptTest, AServerThatTakesMuchOfTheTimeOutHasAllOfItOnAConnectionOfItsOwn) {
   Requests server([](unsigned int, Connection& connection) {
     connection.wait(2200ms);
@@ -392,7 +392,7 @@ TEST_F(HttpProbeKeptTest, TheResponseMeasureOfAKeptConnectionStartsAtTheRequest)
   EXPECT_GE(results.uiRtt, 300U);
   EXPECT_EQ(results.uiRtt, (report().responseRttUs + 500) / 1000);
   const auto slow = report().responseRttUs;
-  // A measure from the connection on would never be smaller; one of a busy machine may be once.
+  // A measure from the connection on is never smaller; a busy machine may disturb one.
   EXPECT_TRUE(eventually([&] {
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
     return report().responseRttUs < slow;
@@ -467,7 +467,7 @@ class HttpProbeKeptTlsTest : public HttpProbeKeptTest, public testing::WithParam
  protected:
   void SetUp() override { HttpProbe::setTrustFile(authority.file()); }
 
-  /// @param treatment of the requests of one connection, in their order, from 1.
+  /// @param treatment of each connection's requests, in their order, from 1.
   ScriptedServer::Script overTls(Treatment treatment) {
     return [this, treatment = std::move(treatment)](Connection& connection) {
       bool open = connection.startTls(m_context);
@@ -476,7 +476,7 @@ class HttpProbeKeptTlsTest : public HttpProbeKeptTest, public testing::WithParam
       }
     };
   }
-  /// Sends probes to a server of this treatment.
+  /// Probes a server with this treatment.
   void expectConnections(unsigned int count, Treatment treatment) {
     const ScriptedServer server(overTls(std::move(treatment)));
     probeThrice(server.port(), true);

@@ -1,4 +1,4 @@
-// Probes through proxies: plain requests, tunnels, authentication, and proxies that are broken.
+// Probes through proxies: plain requests, tunnels, authentication, and broken proxies.
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
@@ -32,13 +32,13 @@ using namespace std::chrono_literals;
 constexpr char kBasic[] = "Proxy-Authenticate: Basic realm=\"Office\"\r\n";
 constexpr char kNegotiate[] = "Proxy-Authenticate: Negotiate\r\n";
 
-// An address that is never contacted: the proxy answers for it.
+// Never contacted: the proxy answers in its place.
 constexpr char kElsewhere[] = "192.0.2.1";
 
 std::string urlOf(unsigned short port) { return "http://127.0.0.1:" + std::to_string(port); }
 std::string proxyAt(unsigned short port) { return "http=" + urlOf(port); }
 
-/// A proxy that knows "user:secret" and asks everybody else for it.
+/// A proxy that accepts "user:secret" and challenges all others.
 ScriptedServer::Script asking(const std::string& challenges, RequestLog* log) {
   return [=](Connection& connection) {
     for (std::string request = connection.readHead(); !request.empty();
@@ -121,7 +121,7 @@ TEST_F(HttpProbeTest, ASilentProxyIsATimeOut) {
   EXPECT_EQ(probeSecurely(443, 1, kElsewhere), HTTP_SESSION_ERROR_TIMEOUT);
 }
 
-/// A proxy that stands in the way, and what becomes of a probe.
+/// A proxy that blocks a probe, and the probe's outcome.
 struct REFUSAL {
   const char* name;
   ScriptedServer::Script script;
@@ -160,7 +160,7 @@ TEST_P(HttpProbeThroughABrokenProxy, IsAnInvalidResponseWithTheProxysStatus) {
 INSTANTIATE_TEST_SUITE_P(Proxy, HttpProbeThroughABrokenProxy, testing::ValuesIn(kRefusals),
                          [](const auto& param) { return param.param.name; });
 
-/// Probes of a user through a proxy that wants to know who asks.
+/// Probes of a user through a proxy that demands a login.
 struct LOGIN {
   const char* name;
   std::string challenges;
@@ -272,15 +272,15 @@ TEST_F(HttpProbeTest, TheEnvironmentsProxyIsIgnoredUnlessTheSystemsIsAskedFor) {
   EXPECT_EQ(probe(closed.Where().port), HTTP_SESSION_ERROR_CANNOT_CONNECT);
 }
 
-/// A server that answers plain requests and hangs up on a tunnel and on TLS, and probes that find
-/// their proxy in the system's settings.
+/// A server that answers plain requests and hangs up on tunnels and TLS; probes take their proxy
+/// from the system's settings.
 class HttpProbeBySystemSettings : public HttpProbeTest {
  protected:
   using Entries = std::vector<std::string>;
 
   HttpProbeBySystemSettings() { proxy.determineProxy = true; }
 
-  /// Settings that name these entries to everybody.
+  /// Settings that return these entries to every question.
   static ProxySettingsDouble::Script naming(const Entries& entries) {
     return [entries](const std::string&) { return entries; };
   }
@@ -333,7 +333,7 @@ TEST_F(HttpProbeBySystemSettings, WithoutAUsableEntryItIsAConnectErrorAndNothing
 }
 
 TEST_F(HttpProbeBySystemSettings, SettingsThatDoNotAnswerAreATimeOut) {
-  const auto closed = std::make_shared<std::mutex>();  // the thread left behind has its share
+  const auto closed = std::make_shared<std::mutex>();  // shared with the abandoned thread
   const std::unique_lock<std::mutex> held(*closed);
   {
     const ProxySettingsDouble settings([closed](const std::string&) {
@@ -356,7 +356,7 @@ TEST_F(HttpProbeBySystemSettings, TheTimeThatTheyTakeIsTakenFromTheProbes) {
   EXPECT_EQ(probe(80, 5, kElsewhere), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_TRUE(eventually([&] { return silent.accepted() == 1; }));
   EXPECT_GE(report().connectUs, 2'000'000);
-  // Three seconds of the transfer's own, and not the whole five that it would have alone.
+  // The transfer gets three seconds, not the whole five.
   EXPECT_LT(report().totalUs - report().connectUs, 4'900'000);
 }
 

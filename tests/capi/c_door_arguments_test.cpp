@@ -1,5 +1,5 @@
-// The C header as it is: arguments that are wrong, handles that are none, clients of an older and a
-// newer header. The other tests use it through the C++ header.
+// The C header itself: wrong arguments, invalid handles, clients with an older or a newer header.
+// The other tests use it through the C++ header.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -264,7 +264,7 @@ TEST(ErrorText, IsThatOfTheLastCallThatFailed) {
   std::thread([] { EXPECT_STREQ(ahs_error_text(), "") << "nothing has failed here"; }).join();
 }
 
-/// A structure that a later version has made longer.
+/// A structure that a later version has extended.
 template <class Structure>
 struct Longer {
   Structure known;
@@ -299,7 +299,7 @@ TEST(StructuresOfALaterVersion, AreTakenUnlessTheyAskForWhatIsNotKnown) {
   ahs_stop(library);
 }
 
-// What was lent is made illegible when the function has returned.
+// The test overwrites its arguments after the call returns.
 TEST(Arguments, AreCopiedAndAllThatIsToldHasItsSize) {
   Gateway gateway;
   const TemporaryDirectory directory;

@@ -1,4 +1,4 @@
-// A selection that is cancelled, given back, or loses its library while it is under way.
+// A running selection that is cancelled, freed, or loses its library.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -20,10 +20,10 @@ namespace {
 using testing::IsEmpty;
 using testing::SizeIs;
 
-/// Many more than the test waits for.
+/// More probes than the test waits for.
 const Preferences ManyProbes = {{"SelectionPingsPerHeadend", "100"}};
 
-/// Whether a connection that waits is the gateway's first or a later one, and what it is for.
+/// The reason for a selection decides which probe waits at the gateway.
 class Cancelling : public testing::TestWithParam<ahs::Reason> {};
 
 INSTANTIATE_TEST_SUITE_P(Cancel, Cancelling,
@@ -42,7 +42,7 @@ TEST_P(Cancelling, EndsTheSelectionAtOnceAndClosesItsConnections) {
   ASSERT_TRUE(gateway.WaitUntilAsked());
 
   selection.cancel();
-  selection.cancel();  // twice tells once
+  selection.cancel();  // the second cancel does nothing
   const std::optional<ahs::Result> result = selection.wait(ahs::Milliseconds(0));
   ASSERT_TRUE(result) << "it is there when the call returns";
   EXPECT_EQ(result->status, ahs::Cancelled);
@@ -156,7 +156,7 @@ TEST(Free, EndsASelectionWithoutACallback) {
   EXPECT_THAT(client.Probes(), SizeIs(toldSoFar));
 }
 
-/// Calls whose end waits for a callback of the selection that runs.
+/// Calls that wait for a running callback of the selection.
 struct Waiting {
   const char* name;
   bool isSocketCallback;
@@ -194,7 +194,7 @@ TEST(Free, AndStopWaitForACallbackThatRuns) {
       giveBack(library, selection);
       return hasReturned.load();
     });
-    hadReturned.wait_for(std::chrono::milliseconds(20));  // time for one that does not wait
+    hadReturned.wait_for(std::chrono::milliseconds(20));  // time for a call that does not wait
     mayReturn.Give();
     EXPECT_TRUE(hadReturned.get());
   }

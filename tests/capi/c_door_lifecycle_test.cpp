@@ -1,4 +1,4 @@
-// Starts and stops of the library, and all that comes between them on many threads.
+// Starts and stops of the library, and everything in between, on many threads.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -135,7 +135,7 @@ TEST(Callbacks, ThatTakeLongHoldUpNoMeasurement) {
   EXPECT_TRUE(client.WaitUntilTold());
 }
 
-/// Does something on four threads at once, twenty times each.
+/// Calls `work` on four threads at once, twenty times each.
 void onThreads(const std::function<void(int)>& work) {
   std::vector<std::jthread> threads;
   for (int thread = 0; thread < 4; ++thread) {
@@ -176,7 +176,7 @@ TEST(Threads, MayStartAndStopAtOnce) {
   });
 }
 
-/// Starts a library that counts the messages it hears, selects, and stops it.
+/// Starts a library that counts its log messages, selects, and stops it.
 int messagesOfASelection() {
   std::atomic<int> heard{0};
   {
@@ -196,12 +196,12 @@ TEST(Threads, ThatStartAndStopDoNotTakeTheLogFromOneAnother) {
     }
   });
   for (int round = 0; round < Rounds; ++round) {
-    // Those of the other's selections are heard besides.
+    // This library may also receive the other's messages.
     ASSERT_GE(messagesOfASelection(), alone) << "round " << round;
   }
 }
 
-/// A library whose callbacks come when it is told to make them.
+/// A library that calls back only on `ahs_dispatch`.
 class OwnLoop : public testing::Test {
  protected:
   OwnLoop() {

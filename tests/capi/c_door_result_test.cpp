@@ -1,6 +1,6 @@
-// What a client is told: the result with every headend, each probe on its way, what is lost of the
-// log; and what it works with: headends, preferences and a proxy given by code, beside files and
-// without.
+// What a client receives: the result with every headend, the progress of each probe, the count of
+// lost log messages. And what it passes: headends, preferences and a proxy in code, beside files
+// and without.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,10 +25,10 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-/// Further away than a busy machine makes the nearest one.
+/// Farther than a busy machine can make the nearest headend.
 constexpr std::chrono::milliseconds Far{1000};
 
-/// That of a name; one without a name when there is none.
+/// The candidate of a name; an empty one if there is none.
 ahs::Candidate candidateOf(const ahs::Result& result, const std::string& name) {
   const auto found = std::ranges::find(result.candidates, name, &ahs::Candidate::name);
   return found == result.candidates.end() ? ahs::Candidate() : *found;
@@ -46,7 +46,7 @@ TEST(Result, HasTheHeadendsThatAnsweredBestFirstAndThenTheOthers) {
   const Gateway notHttp(Gateway::Settings{.delay = 2 * Far, .answer = "SSH-2.0-hello\r\n"});
   const RefusingPort refuses("127.0.0.1");
   const SilentListener silent("127.0.0.1");
-  // Too long a label for a name server to be asked.
+  // The label is too long for a name server to be asked.
   const std::string unknown = std::string(64, 'x') + ".example";
   ahs::Library library(
       optionsFor({silent.Where().Text(),
@@ -143,7 +143,7 @@ TEST(Result, AtTheTimeLimitHasWhatWasFoundOutUntilThen) {
 TEST(Result, OfASelectionThatMeasuredNothingIsAFailureWithTheHeadendUsedLast) {
   const RefusingPort refuses("127.0.0.1");
   ahs::Library library(optionsFor({{"Home", refuses.Where().Text()}}));
-  // A connection has sent its test probe to the first headend, and keeps that.
+  // A first connection sends its test probe to the first headend, and keeps the connection.
   const std::pair<ahs::Request, std::size_t> rows[] = {
       {{}, 1}, {Reconnection, 0}, {{.lastHeadend = "home"}, 1}};
   for (const auto& [request, headends] : rows) {
@@ -199,7 +199,7 @@ TEST(Progress, CountsTheProbesOfAllHeadendsOfEachSelectionAlone) {
   }
 }
 
-// Names that need no name server (RFC 6761), long ones, so that each report of a selection is long.
+// Long names that need no name server (RFC 6761), for a long report of each selection.
 TEST(Log, CountsWhatIsLostWhileNobodyListens) {
   constexpr std::size_t More = std::size_t{5} * 1024 * 1024;
   constexpr int Headends = 100;
@@ -261,7 +261,7 @@ TEST(Headends, TakePartBesideThoseOfTheProfiles) {
 /// A proxy that asks everybody for a password.
 class Proxy : public testing::Test {
  protected:
-  /// A selection that begins with the test probe, which is all that a proxy sees.
+  /// A selection that begins with the test probe, the only probe that meets the proxy.
   ahs::Result Select(const std::optional<std::string>& proxy, const ahs::Request& request = {}) {
     ahs::Options options = optionsFor({m_gateway.Address()});
     options.proxy = proxy;

@@ -1,6 +1,6 @@
-// Gateways that are broken or mean harm, each played by another process with real TLS. Whatever one
-// does, a probe of it ends within its own time-out, takes less than a megabyte, and says what it
-// has met, alone and three times on one connection.
+// Broken and malicious gateways, played by another process with real TLS. Each probe must end
+// within its time-out, take less than a megabyte, and report its outcome: alone, and three times on
+// one connection.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@
 
 namespace {
 
-// A block of another thread that this one frees would count below zero, so they are signed.
+// Signed: freeing another thread's block counts below zero.
 thread_local constinit long long t_taken = 0;
 thread_local constinit long long t_most = 0;
 
@@ -29,8 +29,8 @@ thread_local constinit long long t_most = 0;
 
 #ifdef AHS_COUNTS_MEMORY
 
-// glibc's own names for its allocator, for programs that bring theirs. What is counted is what a
-// block can hold. Blocks of an alignment, for which nobody here asks, are not counted.
+// glibc's names for its allocator, for programs that replace it. Counts the usable size of blocks;
+// ignores aligned blocks, which nobody here requests.
 extern "C" void* __libc_malloc(std::size_t size);
 extern "C" void* __libc_calloc(std::size_t count, std::size_t size);
 extern "C" void* __libc_realloc(void* memory, std::size_t size);
@@ -85,7 +85,7 @@ constexpr STATUSCODE TimedOut = HTTP_SESSION_ERROR_TIMEOUT;
 constexpr STATUSCODE NoHttp = HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE;
 constexpr STATUSCODE NoConnection = HTTP_SESSION_ERROR_CANNOT_CONNECT;
 
-/// What a probe says of a gateway.
+/// The expected outcome of a probe.
 struct Verdict {
   STATUSCODE status;
   unsigned int httpStatus;
@@ -99,17 +99,17 @@ struct Hostile {
 
 void PrintTo(const Hostile& hostile, std::ostream* stream) { *stream << hostile.behaviour; }
 
-/// The same over TLS or not.
+/// The same outcome with and without TLS.
 Hostile both(const char* behaviour, STATUSCODE status, unsigned int httpStatus) {
   return {behaviour, {status, httpStatus}, {status, httpStatus}};
 }
 
-/// A TLS web server, which tells a plain request that it is one, with another verdict over TLS.
+/// A TLS web server: it answers a plain request; over TLS the outcome differs.
 Hostile overTls(const char* behaviour, STATUSCODE status) {
   return {behaviour, {Success, 400}, {status, 0}};
 }
 
-/// All of them, and what becomes of a probe. Where an answer breaks off within its head the code
+/// All hostile gateways with a probe's outcome. If the answer breaks off inside its head, the code
 /// of its first line is known.
 std::vector<Hostile> hostiles() {
   return {
@@ -181,15 +181,15 @@ Probed probe(const Endpoint& where, bool secure, unsigned int timeoutSeconds) {
   return probed;
 }
 
-/// A probe's own limit where something is bound to come before; only what never comes reaches it.
+/// A time limit for probes that end by themselves; only an endless wait reaches it.
 constexpr unsigned int PatienceSeconds = 30;
 constexpr unsigned int TimeoutSeconds = 1;
-/// The gateways that stay silent do so for longer than this, and this is longer than a busy machine
-/// takes to let a probe end whose time is over.
+/// Silent gateways are silent longer than this, and a probe ends sooner after its time limit even
+/// on a busy machine.
 constexpr long long MuchLaterUs = 15LL * 1000 * 1000;
 constexpr long long MostMemory = 1024LL * 1024;
 
-/// An answer has a round trip of the response, nothing else has any.
+/// Only an answer has a round trip of the response.
 void expectRoundTrip(const Probed& probed) {
   const HttpProbe::Report& report = probed.report;
   EXPECT_EQ(report.rttMs, probed.results.uiRtt);
@@ -204,9 +204,9 @@ void expectRoundTrip(const Probed& probed) {
   EXPECT_EQ((report.responseRttUs + 500) / 1000, report.rttMs);
 }
 
-/// What may become of the second and third probe of one connection. A gateway that answers once and
-/// then falls out of its part is met with that part at the latest; where it has ended the
-/// connection instead, the probe has taken another.
+/// Permitted outcomes of the second and third probe of a connection. A gateway that misbehaves
+/// after its first answer is met in that state; if it has closed the connection, the probe opens a
+/// new one.
 testing::Matcher<STATUSCODE> laterStatus(const Hostile& hostile, const Verdict& first) {
   const std::string behaviour = hostile.behaviour;
   if (behaviour == "keeps-then-silent") {
@@ -224,7 +224,7 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
       : m_gateways({"behaviour=normal", std::string("behaviour=") + GetParam().behaviour}) {
     HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
     HttpProbe::setTrustFile(m_gateways.Authority());
-    // What the process loads once, the first probes have loaded.
+    // The first probes load what the process loads only once.
     EXPECT_EQ(Success, probe(m_gateways.Where().at(0), true, PatienceSeconds).report.status);
     EXPECT_EQ(Success, probe(m_gateways.Where().at(0), false, PatienceSeconds).report.status);
   }
@@ -235,7 +235,7 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
 
   const Endpoint& Where() const { return m_gateways.Where().at(1); }
 
-  /// Three probes of one connection.
+  /// Sends three probes over one connection.
   void Probe(bool secure) const {
     SCOPED_TRACE(secure ? "secure" : "plain");
     const Verdict& expected = secure ? GetParam().secure : GetParam().plain;
@@ -256,7 +256,7 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
       }
       expectRoundTrip(probed);
       if (report.status == TimedOut) {
-        // Not much earlier either: libcurl counts in milliseconds.
+        // Nor much earlier: libcurl counts in milliseconds.
         EXPECT_GE(report.totalUs, timeout * 900'000LL);
         EXPECT_LT(report.totalUs, MuchLaterUs);
       } else {
@@ -270,7 +270,7 @@ class HostileGateway : public testing::TestWithParam<Hostile> {
 };
 
 TEST_P(HostileGateway, IsToldByItsStatusInTimeAndInLittleMemory) {
-  // As two workers would at once.
+  // Like two workers at once.
   std::vector<std::jthread> workers;
   for (const bool secure : {false, true}) {
     workers.emplace_back([this, secure] {

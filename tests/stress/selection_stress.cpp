@@ -1,10 +1,9 @@
-// Many selection runs one after another, each with its own troubles, until one does what it must
-// not. What a run meets is drawn from a seed, which is printed: the same seed and round meet the
-// same scenario again.
+// Runs many selections one after another, each with its own troubles, until one misbehaves. A
+// printed seed determines the troubles: the same seed and round repeat a scenario.
 //
-// However the threads of a run have met: one of the two that can end it does, what was reported in
-// time is ranked, what was ranked is delivered and stored, everything happens in an order in which
-// nobody uses what is gone, and nothing is left. What a run logs is the unit tests' matter.
+// However a run's threads interleave: one of the two that can end the run does so, timely reports
+// are ranked, the ranking is delivered and stored, nobody uses a destroyed object, and nothing is
+// left. Unit tests cover the log.
 
 #include <signal.h>
 #include <sys/prctl.h>
@@ -30,7 +29,7 @@ namespace {
 
 // A round takes milliseconds; under a sanitizer on a busy machine perhaps a second.
 constexpr unsigned int LongestRoundSeconds = 120;
-// So many runs come by every moment; one that is aimed at and never hit proves nothing.
+// So many runs reach every moment; a moment that is never hit proves nothing.
 constexpr unsigned long ManyRuns = 1000;
 
 using Stages = std::vector<std::unique_ptr<Stage>>;
@@ -45,7 +44,7 @@ void require(bool holds, const char* otherwise) {
   }
 }
 
-/// Looks at a run of which no thread is left; throws what is wrong.
+/// Checks a run after its last thread has ended; throws the fault.
 class Check {
  public:
   explicit Check(const Stage& stage)
@@ -84,7 +83,7 @@ class Check {
   }
 
  private:
-  /// Where the one event is; of a worker's where that of this one is.
+  /// Position of the only such event, or of a worker's only such event.
   std::size_t find(const std::string& what, std::optional<unsigned int> worker = {}) const {
     std::size_t place = Nowhere;
     for (std::size_t i = 0; i < m_stage.eventCount; ++i) {
@@ -147,7 +146,7 @@ class Check {
     require(m_run.cached.empty() || delivered == allowed, "not what is cached was delivered");
   }
 
-  /// Without a ranking the client gets the last headend, which the test probe may have named.
+  /// Without a ranking the client gets the last headend, which the test probe may have set.
   void checkLast() const {
     const bool isKnown = m_run.last >= 0;
     const unsigned int last = isKnown ? static_cast<unsigned int>(m_run.last) : 0;
@@ -188,7 +187,7 @@ class Provider : public ProxyIfc {
   ProxyType getProxyType() override { return BasicProxy; }
 };
 
-/// The execution context that all runs share, as in a host that keeps the client library up.
+/// The execution context that all runs share, as in a host that keeps the library running.
 class Host {
  public:
   Host() {
@@ -204,7 +203,7 @@ class Host {
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
-  /// Waits until nothing of a run runs any more.
+  /// Waits until all activity of a run has ended.
   void settle() {
     // The timer thread first: it may still be creating a thread.
     std::atomic<bool> isHere{false};
@@ -242,8 +241,8 @@ CHeadendSelection* construct(Stage& stage) {
   return selection;
 }
 
-/// Constructs, runs and forgets the selections of a round, as a client does, and looks at what has
-/// happened and what is left.
+/// Constructs, runs and deletes a round's selections like a client, then checks events and
+/// leftovers.
 void playRound(Host& host, const Stages& stages) {
   const unsigned int threadsBefore = CThread::RunningCount();
   std::vector<CHeadendSelection*> selections;
@@ -270,7 +269,7 @@ void playRound(Host& host, const Stages& stages) {
 
 // --- The program -------------------------------------------------------------------------------
 
-// What a signal handler and a sanitizer's report can tell.
+// For a signal handler's or a sanitizer's report.
 unsigned long seed = 0;
 unsigned long currentRound = 0;
 
@@ -330,7 +329,7 @@ bool report(const Statistics& statistics) {
 }  // namespace
 }  // namespace stress
 
-// Called by the sanitizers before and after they report; they know nothing of rounds.
+// The sanitizers call these around a report, which does not know the round.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*): the sanitizers' names
 extern "C" void __asan_on_error() { stress::sayWhere("found by AddressSanitizer"); }
 extern "C" void __tsan_on_report(void*) { stress::sayWhere("found by ThreadSanitizer"); }
@@ -350,7 +349,7 @@ int main(int count, char** arguments) {
   stress::currentRound = number(3, 0);
   std::printf("seed %lu\n", stress::seed);
   std::fflush(stdout);
-  prctl(PR_SET_TIMERSLACK, 1UL);  // delays of microseconds are meant; all threads inherit it
+  prctl(PR_SET_TIMERSLACK, 1UL);  // for delays of microseconds; threads inherit it
   signal(SIGALRM, stress::giveUp);
 
   stress::Statistics statistics;

@@ -1,6 +1,6 @@
-// Servers for tests, on plain sockets so that they can misbehave in every way that a script asks
-// for. Whatever a script does, its thread looks at the server's stop flag at least every few
-// milliseconds, so a server always ends soon after its test.
+// Servers for tests, on plain sockets so that a script can make them misbehave in every way.
+// Whatever a script does, its thread checks the server's stop flag every few milliseconds, so a
+// server ends soon after its test.
 
 #include "tests/support/ScriptedServer.h"
 
@@ -26,7 +26,7 @@ namespace tests {
 
 namespace {
 
-// How often a waiting thread looks whether it is to stop.
+// How often a waiting thread checks its stop flag.
 constexpr std::chrono::milliseconds kStopCheck(10);
 
 bool waitReadable(int socket) {
@@ -34,7 +34,7 @@ bool waitReadable(int socket) {
   return poll(&entry, 1, static_cast<int>(kStopCheck.count())) > 0;
 }
 
-/// Repeats an operation of OpenSSL as long as it ends only because the socket's time-out passed.
+/// Repeats an OpenSSL operation while the socket's time-out is the only reason that it ends.
 template <class Operation>
 int repeated(const std::shared_ptr<void>& connection, const std::atomic<bool>& stopping,
              const Operation& operation) {
@@ -50,7 +50,7 @@ int repeated(const std::shared_ptr<void>& connection, const std::atomic<bool>& s
   return result;
 }
 
-/// Keeps the SIGPIPE of OpenSSL's writes away from the test program.
+/// OpenSSL's writes must not end the test program with SIGPIPE.
 void blockSigPipe() {
   sigset_t set;
   sigemptyset(&set);
@@ -69,7 +69,7 @@ TlsServerContext::TlsServerContext(const IssuedCertificate& certificate, const S
   auto* context = static_cast<SSL_CTX*>(m_context.get());
   SSL_CTX_use_certificate(context, static_cast<X509*>(certificate.certificate.get()));
   SSL_CTX_use_PrivateKey(context, static_cast<EVP_PKEY*>(certificate.key.get()));
-  // So that old versions can be offered at all, to clients that then have to refuse them.
+  // Allows offering old versions, which clients must refuse.
   SSL_CTX_set_security_level(context, 0);
   SSL_CTX_set_min_proto_version(context, settings.minVersion);
   SSL_CTX_set_max_proto_version(context, settings.maxVersion);
@@ -122,7 +122,7 @@ long Connection::receive(char* buffer, std::size_t size) {
 }
 
 std::string Connection::readHead() {
-  // Far above what a probe sends; a client gone mad must not fill the memory.
+  // Far above the size of a probe; protects the memory from a faulty client.
   constexpr std::size_t kMaxHead = 64UL * 1024;
   std::string head;
   std::array<char, 4096> buffer{};
@@ -149,7 +149,7 @@ bool Connection::send(std::string_view text) {
            }) > 0;
   }
   while (!text.empty() && !m_stopping) {
-    // The kernel's send time-out bounds each call, so a peer that does not read is no obstacle to
+    // The kernel's send time-out bounds each call, so a peer that does not read cannot delay
     // stopping.
     const long sent = ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL);
     if (sent <= 0 && errno != EAGAIN) {
@@ -252,7 +252,7 @@ void ScriptedServer::acceptLoop() {
     }
     setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    // So that a TLS answer does not wait for the client's delayed acknowledgement of the tickets.
+    // Otherwise a TLS answer waits for the client's delayed acknowledgement of the tickets.
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     ++m_accepted;
@@ -303,7 +303,7 @@ SilentPort::SilentPort(const std::string& address, unsigned short port) {
   m_listener = boundSocket(where);
   m_port = where.port;
   listen(m_listener, 0);
-  // The kernel drops attempts once the queue of a listener is full, and nobody empties this one.
+  // Nobody empties this listener's queue; once it is full, the kernel drops attempts.
   constexpr int kMoreThanTheQueueHolds = 4;
   for (int i = 0; i < kMoreThanTheQueueHolds; ++i) {
     m_fillers.push_back(connectingSocket(where, SOCK_NONBLOCK));

@@ -1,5 +1,5 @@
-// The files of the cache: kept between processes, replaced whole, trusted only where nobody else
-// can write, and never worth a selection.
+// The cache's files: kept between processes, replaced as a whole, trusted only if nobody else can
+// write them, and never a reason for a selection to fail.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -39,8 +39,8 @@ class SelectionCacheFile : public CacheTest {
     return status.st_mode & 07777U;
   }
 
-  /// Looks up and stores through one acquisition, as a run does, while the directory is unusable:
-  /// the selection must be found again in memory, at the price of one warning with this text.
+  /// Looks up and stores through one acquisition, like a run, while the directory is unusable:
+  /// memory must still find the selection, with one warning of this text.
   void expectMemoryOnly(const std::string& warning, const std::string& candidates = "gw-b;") {
     {
       const CacheHold cache;
@@ -59,8 +59,7 @@ class SelectionCacheFile : public CacheTest {
   }
 };
 
-/// A limit of file size in this process for the length of a scope: writing beyond it fails as on a
-/// full disk.
+/// Limits this process's file size for a scope: writing beyond it fails like on a full disk.
 class FullDisk {
  public:
   FullDisk() : m_handler(signal(SIGXFSZ, SIG_IGN)) {
@@ -166,7 +165,7 @@ TEST_F(SelectionCacheFile, OfFileAndMemoryTheYoungerAnswersAndStays) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     const Records expected = age > 0 ? Records{{"gw-a", 40}} : Records{{"gw", 7}};
-    for (int i = 0; i < 2; ++i) {  // before the release has written, and after it
+    for (int i = 0; i < 2; ++i) {  // before and after the release writes
       EXPECT_EQ(find("gw-a;"), expected) << age;
     }
   }

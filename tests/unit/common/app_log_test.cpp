@@ -1,4 +1,4 @@
-// The log as its readers meet it: in a file, on a terminal, through a listener.
+// The log as its readers see it: in a file, on a terminal, through a listener.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -135,7 +135,7 @@ TEST_F(AppLog, AMessageBelowTheFilterIsNotEvenFormatted) {
   CAppLog::Targets targets = toFile();
   targets.leastImportant = Logging::DBG_Warning;
   ASSERT_EQ(CAppLog::open(targets), "");
-  // Formatting would read from here and end the program.
+  // Formatting would read from this address and crash.
   const char* volatile nowhere = reinterpret_cast<const char*>(1);
   info(nowhere);
   EXPECT_EQ(written(), "");
@@ -168,7 +168,7 @@ TEST_F(AppLog, WhatIsHarmlessPassesAndWhatControlsOrForgesIsEscaped) {
       {"\x9b!", "\\x9b!"},                           // a control character of 8-bit terminals
       {"\xc3", "\\xc3"},                             // cut off
       {"\xc0\x8a", "\\xc0\\x8a"},                    // a line feed in disguise
-      {"\xe0\x80\x8a", "\\xe0\\x80\\x8a"},           // the same, longer
+      {"\xe0\x80\x8a", "\\xe0\\x80\\x8a"},           // a longer form of it
       {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // half a surrogate pair
       {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // beyond Unicode
       {"\xff", "\\xff"},
@@ -189,7 +189,7 @@ TEST_F(AppLog, AnOverlongMessageIsCutAndMarked) {
   const std::string longest(CAppLog::MaxMessageLength, 'x');
   EXPECT_EQ(heard(longest), longest);
   EXPECT_EQ(heard(longest + "y"), longest + " [cut]");
-  // Escaping makes it longer, and it is still bounded.
+  // Escaping lengthens a message, but it stays bounded.
   const std::string escaped = heard(std::string(CAppLog::MaxMessageLength, '\x01'));
   EXPECT_EQ(escaped.size(), CAppLog::MaxMessageLength + std::string(" [cut]").size());
   EXPECT_THAT(escaped, EndsWith("\\x01 [cut]"));
@@ -294,7 +294,7 @@ TEST_F(AppLog, ARotationThatCannotOpenTheNewFileLosesLinesAndNothingElse) {
   EXPECT_THAT(written(), testing::ContainsRegex(" W [0-9]+ [0-9]+ messages were lost: .*open"));
 }
 
-/// What a line of the log looks like on a terminal.
+/// A log line as the terminal receives it.
 std::string shownOnATerminal() {
   const int former = dup(STDERR_FILENO);
   int reader = -1;
@@ -347,7 +347,7 @@ TEST_F(AppLog, AListenerThatThrowsIsNotTheCallersTrouble) {
   EXPECT_THAT(written(), HasSubstr("written all the same"));
 }
 
-/// Logs as long as it lives.
+/// A thread that logs as long as the object lives.
 std::jthread logger() {
   return std::jthread([](const std::stop_token& stop) {
     while (!stop.stop_requested()) {

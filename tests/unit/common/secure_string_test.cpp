@@ -1,6 +1,6 @@
-// The holder of secrets, for both kinds of characters, and what is left of them in memory. Blocks
-// are searched as they are given back, objects after their destruction; what the optimiser makes of
-// wiping is part of what is tested.
+// The holder of secrets, for both kinds of characters, and what it leaves in memory. Searches
+// blocks when they are freed and objects after their destruction; the build is optimised, to test
+// what the optimiser leaves of wiping.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@
 namespace tests {
 namespace {
 
-/// Longer than what a string keeps inside itself, and a part that is looked for.
+/// Too long for a string's own object, and a part to search for.
 constexpr std::string_view Long = "correct-horse-battery-staple-0123456789";
 constexpr std::string_view Part = "staple";
 
@@ -32,17 +32,17 @@ class SecureStringTest : public testing::Test {
   /// A text with a NUL inside.
   static StrT broken() { return text(std::string_view("ab\0c", 4)); }
 
-  /// The bytes of a text's characters, as they are looked for in memory.
+  /// The bytes of a text, for the search in memory.
   static std::string_view bytes(const StrT& characters) {
     return {reinterpret_cast<const char*>(characters.data()), characters.size() * sizeof(Char)};
   }
 
-  /// The text, not copied.
+  /// A view of the text, without a copy.
   static std::basic_string_view<Char> textOf(const Secret& secret) {
     return {secret.c_str(), secret.length()};
   }
 
-  /// The longest text that a string keeps inside its object, all characters different.
+  /// The longest text that fits into a string's object; all characters differ.
   static StrT shortText() {
     return text(std::string_view("0123456789abcde").substr(0, StrT().capacity()));
   }
@@ -271,7 +271,7 @@ TYPED_TEST(SecureStringTest, DestructionLeavesNothingOfALongTextOrItsCopiesOrOfS
     const auto length = [](SecureString<TypeParam> copy) { return copy.length(); };
     EXPECT_EQ(length(secret), this->m_long.length());
     SecureString<TypeParam> other(this->text("x"));
-    std::swap(secret, other);  // by a third
+    std::swap(secret, other);  // through a temporary object
     EXPECT_EQ(this->textOf(secret), this->text("x"));
     EXPECT_TRUE(this->textOf(other) == this->m_long);
   }

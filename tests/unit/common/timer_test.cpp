@@ -1,4 +1,4 @@
-// Timers on a list that a thread of the test services.
+// Timers on a list that the test's thread services.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ using SteadyClock = std::chrono::steady_clock;
 using Values = std::vector<unsigned long>;
 using namespace std::chrono_literals;
 
-/// A list, the thread that services it once it is told to, and timers that record their calls.
+/// A list, a thread that services it on demand, and timers that record their calls.
 class Timer : public testing::Test {
  protected:
   struct Call {
@@ -95,7 +95,7 @@ TEST_F(Timer, ItCallsBackOnceOnTheListsThreadWithBothValues) {
   const auto first = armed(4711, 1);
   expectCalls({4711});
   EXPECT_EQ(lastCall().thread, service.get_id());
-  // Another timer that expires later shows that the first does not fire again.
+  // A later expiry of another timer proves that the first does not fire again.
   const auto later = armed(2, 20);
   expectCalls({4711, 2});
 }
@@ -117,7 +117,7 @@ TEST_F(Timer, TimersFireInTheOrderOfTheirExpiry) {
   const auto first = timer(1);
   const auto second = timer(2);
   SteadyClock::time_point start;
-  do {  // held up in between, the third one would be armed for an earlier moment than the second
+  do {  // after a delay the third timer would expire before the second
     start = SteadyClock::now();
     ASSERT_EQ(third->StartTimer(15), TIMER_SUCCESS);
     ASSERT_EQ(first->StartTimer(0), TIMER_SUCCESS);
@@ -131,7 +131,7 @@ TEST_F(Timer, TimersFireInTheOrderOfTheirExpiry) {
 TEST_F(Timer, AnEarlierTimerOvertakesTheOneThatIsWaitedFor) {
   serve();
   const auto late = armed(2, 60000);
-  // Long enough for the list's thread to sleep; if it is held up, nothing is shown.
+  // Long enough for the list's thread to fall asleep; if it is late, the test proves nothing.
   std::this_thread::sleep_for(50ms);
   const auto soon = armed(1, 1);
   expectCalls({1});
@@ -215,7 +215,7 @@ TEST_F(Timer, AnExceptionThatLeavesACallbackIsLoggedAndLaterTimersFire) {
                                    "E timer callback ended by an exception: of unknown type"));
 }
 
-/// A task with a timer, as a run has one, whose callback passes a gate.
+/// A task with a timer, like a run; its callback waits at a gate.
 class TimedTask : public Task {
  public:
   TimedTask(CTimerList* list, unsigned long milliseconds, Gate& gate, Place& calledOn,
@@ -260,7 +260,7 @@ TEST_F(Timer, ItKeepsItsTaskWhileTheCallbackRunsAndNotWhileItWaits) {
   end();
 }
 
-/// Stays in its destructor until its timer's time has surely come; no timer fires before that.
+/// Its destructor lasts past the expiry of its timer, which must not fire.
 class TaskThatGoesSlowly : public Task {
  public:
   TaskThatGoesSlowly(std::unique_ptr<CTimer> own, std::function<void()> inDestructor)

@@ -1,5 +1,5 @@
-// The measurement as a whole: the time budget and its timer, the test probe with the proxy, the
-// start of the workers and the wait for them.
+// The whole measurement: the time budget and its timer, the test probe through the proxy, starting
+// the workers and waiting for them.
 
 #include <set>
 #include <string>
@@ -26,7 +26,7 @@ class Dispatch : public SelectionTest {
     return calls.size() == 1 ? calls.front() : ProbeCall{};
   }
 
-  /// The lines of the measurement, without the name of the function.
+  /// The log lines of the measurement, without the function's name.
   static Texts lines() {
     Texts texts = doubles::log().texts("startPingThreads");
     for (std::string& text : texts) {
@@ -156,7 +156,7 @@ struct Way {
   std::string password = "secret";
   std::string providersHost = {};
   std::string port = {};  ///< of the proxy in the preferences
-  // What the test probe then has:
+  // The properties of the test probe:
   bool secure = true;
   bool determineProxy = false;
   std::string server = "http=http://proxy1";

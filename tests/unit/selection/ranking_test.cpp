@@ -1,5 +1,5 @@
-// Ranking and report: the order in which the headends go out, when the last one is kept in front,
-// and the text that tells it, character for character.
+// Ranking and report: the order of delivery, when the last headend stays first, and the report's
+// exact text.
 
 #include <limits>
 #include <sstream>
@@ -140,13 +140,13 @@ TEST_F(Ranking, RetainsBelowTheThresholdWhichIsExceededStrictlyInSinglePrecision
         Threshold{20, 40, 47, true}, Threshold{20, 40, 50, false}, Threshold{10, 100, 109, true},
         Threshold{100, 10, 20, false}, Threshold{100, 10, 19, true}, Threshold{1, 100, 101, false},
         Threshold{5, 20, 21, false},
-        // Exactly at the limit, which rounding to single precision lifts above the ratio.
+        // Exactly at the limit, which single precision rounds to a value above the ratio.
         Threshold{18, 50, 59, true}, Threshold{43, 100, 143, true},
         // Both metrics become 2^24 in single precision, so the ratio is exactly 1.
         Threshold{0, 16777216, 16777217, false}, Threshold{1, 16777216, 16777217, true},
-        // Above 2^24 each conversion rounds by itself, before the division.
+        // Above 2^24 each conversion rounds separately, before the division.
         Threshold{43, 19734520, 28220363, false}, Threshold{20, 184156890, 220988275, true},
-        // As signed numbers these would be negative.
+        // These would be negative as signed numbers.
         Threshold{10, 4000000000U, 4200000000U, true},
         Threshold{10, 2000000000U, 3000000000U, false}, Threshold{Largest, 1, 42000000, true},
         Threshold{2147483648U, 1, 21474836, false}}) {

@@ -1,5 +1,5 @@
-// A run from its first line to the client's callback: the driver's decisions one by one, and the
-// whole log of typical runs, line by line.
+// A run from its first log line to the client's callback: each decision of the driver, and the
+// whole log of typical runs.
 
 #include <cstdio>
 #include <stdexcept>
@@ -72,7 +72,7 @@ class Run : public SelectionTest {
            " attempt. Last headend: " + last;
   }
 
-  /// All lines but the first, in which the run tells its thread.
+  /// All lines except the first, which contains the thread.
   Texts transcript() const {
     Texts texts = doubles::log().texts();
     EXPECT_EQ(texts.front(), "run I CHeadendSelection thread ID '" +
@@ -93,7 +93,7 @@ TEST_F(Run, WithAnUnknownReasonAndAnEmptyLastHeadendGoesOnAndIsDeletedOnItsOwnTh
   EXPECT_EQ(Provider::deletedBy, runThreadId);
 }
 
-/// A provider with a mistake in it.
+/// A provider that throws.
 struct ThrowingProvider : Provider {
   explicit ThrowingProvider(bool isException)
       : Provider(BasicProxy, "", "", ""), throwsException(isException) {}
@@ -178,7 +178,7 @@ TEST_F(Run, ASelectionFromTheCacheMeasuresNothingAndSaysSo) {
 }
 
 TEST_F(Run, AReconnectionThatRetainsAWorseLastHeadendSaysSo) {
-  // Both workers are out at once, and the first one ends before the second one gets an answer.
+  // Both workers have started, and the first ends before the second gets an answer.
   seams().afterStart.set([](CThread& thread) {
     if (dynamic_cast<Worker*>(&thread) != nullptr) {
       EXPECT_TRUE(doubles::log().await("Run I QIB starting thread named gw-a"));

@@ -1,5 +1,5 @@
-// One worker by itself, run on the test's own thread: which probes it sends, which of them count,
-// when it stops, and what it reports.
+// A single worker on the test's own thread: which probes it sends, which of them count, when it
+// stops, and what it reports.
 
 #include <locale>
 #include <string>
@@ -50,8 +50,8 @@ ProbeAnswer failed(STATUSCODE status, unsigned int rtt = 0, unsigned int takesMs
   return {.status = status, .rtt = rtt, .lastError = 3, .takesMs = takesMs};
 }
 
-/// What the probes of a worker bring, and what comes of it: three probes are sent, and nothing is
-/// reported, unless it is said.
+/// The outcomes of a worker's probes and the expected result: unless stated, three probes are sent
+/// and nothing is reported.
 struct Work {
   explicit Work(std::vector<ProbeAnswer> ofProbes) : answers(std::move(ofProbes)) {}
   Work& of(unsigned int count) { return pings = count, *this; }
@@ -203,9 +203,9 @@ TEST_F(AWorker, APortThatIsNoNumberCountsAs0) {
   EXPECT_EQ(probes().workerCalls()[0].port, 0U);
 }
 
-/// Groups digits by three in new streams of the whole program.
+/// Makes new streams of the whole program group digits by three.
 struct Grouping : std::numpunct<char> {
-  char do_thousands_sep() const override { return '4'; }  // which stands in a port, too
+  char do_thousands_sep() const override { return '4'; }  // a digit of a port, too
   std::string do_grouping() const override { return "\3"; }
 };
 

@@ -1,5 +1,5 @@
-// The client library without files, network and time: what a test wrote down is what happens, and
-// everything that is asked for is remembered.
+// The client library without files, network and time: it does what a test wrote down, and records
+// every request.
 
 #include "tests/unit/selection/doubles/doubles.h"
 
@@ -203,8 +203,8 @@ void HttpProbe::setTrustFile(const std::string&) {}
 // --- Cache -------------------------------------------------------------------------------------
 
 STATUSCODE CSelectionCache::createSingletonInstance(CSelectionCache*& pCache) {
-  // What stands for the one instance. No operation touches a member, so nothing is constructed
-  // there, and the double does not depend on what a real cache consists of.
+  // Stands for the one instance. No operation touches a member, so nothing is constructed there,
+  // and the double does not depend on the members of a real cache.
   alignas(CSelectionCache) static std::byte memory[sizeof(CSelectionCache)];
   const STATUSCODE status = doubles::cache().creationStatus;
   pCache = nullptr;
@@ -216,7 +216,7 @@ STATUSCODE CSelectionCache::createSingletonInstance(CSelectionCache*& pCache) {
 }
 
 void CSelectionCache::releaseInstance() {
-  // First the journal: who waits for the count has then seen everything.
+  // The journal comes first: a thread that waits for the count then sees everything.
   doubles::journal().add("cache released");
   ++doubles::cache().released;
 }
@@ -259,8 +259,8 @@ CTimerList::~CTimerList() = default;
 void CTimerList::service() {}
 void CTimerList::close() {}
 
-/// Is called back on the thread that fires it. It keeps its task alive meanwhile, as the real list
-/// does, and is never called back once it was deleted.
+/// The thread that fires it calls back. Like the real list's timer, it keeps its task alive
+/// meanwhile, and never calls back after its deletion.
 struct CTimer::Entry {
   std::mutex lock;
   bool armed = false;

@@ -21,13 +21,13 @@
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 
-// What stands in for the client library around a selection run, as a test writes it down.
+// Replaces the client library around a selection run; a test scripts it.
 
 namespace doubles {
 
 using tests::eventually;
 
-/// A value that a test changes while threads use it.
+/// A value that a test may change while threads use it.
 template <class T>
 class Guarded {
  public:
@@ -42,7 +42,7 @@ class Guarded {
     const std::lock_guard<std::mutex> hold(m_lock);
     return m_value;
   }
-  /// Calls `change` with the value, which nobody else touches meanwhile.
+  /// Calls `change` with exclusive access to the value.
   template <class Change>
   auto with(const Change& change) {
     const std::lock_guard<std::mutex> hold(m_lock);
@@ -62,7 +62,7 @@ class Guarded {
 template <class Signature>
 using Hook = Guarded<std::function<Signature>>;
 
-/// A door that threads wait at until a test opens it.
+/// Threads wait at the gate until a test opens it.
 class Gate {
  public:
   void open() {
@@ -71,7 +71,7 @@ class Gate {
     m_changed.notify_all();
   }
 
-  /// @return false when nobody opened the gate within `tests::Limit`.
+  /// @return false if nobody opened the gate within `tests::Limit`.
   bool wait() {
     std::unique_lock<std::mutex> hold(m_lock);
     return m_changed.wait_for(hold, tests::Limit, [this] { return m_open; });
@@ -110,11 +110,11 @@ class Log {
   using Hook = std::function<void(const LogLine&)>;
 
   void reset();
-  /// Is called for every line on the logging thread, after the line was kept.
+  /// The logging thread calls the hook after keeping each line.
   void setHook(Hook hook) { m_hook.set(std::move(hook)); }
 
   std::vector<LogLine> lines() const { return m_lines.get(); }
-  /// All lines as text, in order, or those of one calling function.
+  /// All lines as text, in order, or only those of one calling function.
   std::vector<std::string> texts(const std::string& function = "") const;
   /// How often a text was logged.
   std::size_t count(const std::string& text) const;
@@ -130,7 +130,7 @@ class Log {
   Guarded<Hook> m_hook;
 };
 
-/// One probe as it was asked for.
+/// The arguments of one probe.
 struct ProbeCall {
   std::string host;
   bool secure = false;
@@ -149,11 +149,11 @@ struct ProbeCall {
   bool connectionKept = false;  ///< within the life of a `KeptConnection` of the thread
   std::thread::id thread = std::this_thread::get_id();
 
-  /// The test probe alone asks for the headers.
+  /// Only the test probe asks for the headers.
   bool isTest() const { return (options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0; }
 };
 
-/// What a probe is to bring.
+/// The scripted outcome of a probe.
 struct ProbeAnswer {
   STATUSCODE status = 0;
   unsigned int rtt = 0;
@@ -164,45 +164,44 @@ struct ProbeAnswer {
   std::function<void()> during = {};  ///< called while the probe is out
 };
 
-/// Probes that answer as a test wrote down.
+/// Probes with scripted answers.
 struct Probes {
-  /// The answers of a host to its worker, in order; the last one repeats. A host without any
-  /// answers with 200 in 10 ms.
+  /// A host's answers to its worker, in order; the last one repeats. By default a host answers with
+  /// 200 in 10 ms.
   void answer(const std::string& host, const std::vector<ProbeAnswer>& toWorker);
-  /// The answer to the test probe, whatever its host.
+  /// The answer to the test probe, for any host.
   void answerTest(const ProbeAnswer& answer) { testAnswer.set(answer); }
 
   std::vector<ProbeCall> testCalls() const;
-  /// Those of one host, or of all.
+  /// The calls of one host, or of all.
   std::vector<ProbeCall> workerCalls(const std::string& host = "") const;
 
   ProbeAnswer next(const ProbeCall& call);
 
-  /// Keeps no copy of the credentials.
+  /// If true, calls are kept without credentials.
   std::atomic<bool> isForgetful{false};
   Guarded<ProbeAnswer> testAnswer{ProbeAnswer{.httpStatus = 200}};
   Guarded<std::map<std::string, std::vector<ProbeAnswer>>> answers;  ///< still to come
   Guarded<std::vector<ProbeCall>> calls;
 };
 
-/// How many `KeptConnection`s live on this thread.
+/// Number of living `KeptConnection`s of this thread.
 inline thread_local unsigned int keptConnections = 0;
 
-/// Timers that expire when a test says so, on the thread that says it, and the execution context
-/// that they belong to.
+/// Timers that a test fires on its own thread, and their execution context.
 struct Timers {
-  /// Lets the newest timer expire, if it is armed and still exists. Returns when its callback has.
-  /// @return whether there was anything to fire.
+  /// Fires the newest timer if it is armed and exists. Returns after its callback.
+  /// @return whether a timer fired.
   bool fire() const;
 
-  /// Without it `acquireInstance` gives nothing.
+  /// If false, `acquireInstance` returns null.
   std::atomic<bool> hasContext{true};
   std::atomic<STATUSCODE> constructionStatus{0};
   std::atomic<STATUSCODE> startStatus{0};
 
   std::atomic<int> live{0};
   std::atomic<int> created{0};
-  /// The milliseconds of each successful or failed `StartTimer`.
+  /// The milliseconds of each `StartTimer`, successful or not.
   Guarded<std::vector<unsigned long>> starts;
   std::atomic<int> contextAcquired{0};
   std::atomic<int> contextReleased{0};
@@ -210,14 +209,14 @@ struct Timers {
   Hook<bool()> newest;
 };
 
-/// A selection cache that hits or misses as a test says, and the settings that go with it.
+/// A selection cache with scripted hits and misses, and its settings.
 struct CacheScript {
-  /// What creation gives; a failing one may hand out the instance all the same.
+  /// The status of creation; a failed one may still return the instance.
   std::atomic<STATUSCODE> creationStatus{0};
   std::atomic<bool> setsPointer{true};
-  /// Every look-up hits and brings this.
+  /// If set, every look-up hits and returns this entry.
   Guarded<std::optional<CCacheEntry>> hit;
-  /// Is called during each look-up.
+  /// Called during each look-up.
   Hook<void()> duringLookup;
   std::atomic<STATUSCODE> storeStatus{0};
 
@@ -227,7 +226,7 @@ struct CacheScript {
   std::vector<CCacheEntry> stored() const { return entries.get(); }
   Guarded<std::vector<CCacheEntry>> entries;
 
-  /// What `CAHSSettings::GetSettings` gives. Written by the test before the run.
+  /// The result of `CAHSSettings::GetSettings`. The test writes it before the run.
   HS_SETTINGS settings{.bAHSEnabled = true,
                        .nResumeTime = 4,
                        .nImprovement = 20,
@@ -241,38 +240,37 @@ struct CacheScript {
   std::atomic<int> settingsReads{0};
 };
 
-/// Hooks in front of real operations. The linker sends calls of the component through them
-/// (--wrap), so that the real threads and locks can be watched and made to fail.
+/// Hooks in front of real operations. The linker redirects calls to them (--wrap), so that tests
+/// can observe real threads and locks and make them fail.
 struct Seams {
   enum class Reading { List, Copy };
 
-  /// A value that the hook gives is `Start`'s result, and no thread is started.
+  /// If the hook returns a value, `Start` returns it and starts no thread.
   Hook<std::optional<STATUSCODE>(CThread&)> beforeStart;
   Hook<void(CThread&)> afterStart;
   Hook<void(CThread&, unsigned int timeoutMs)> beforeWait;
-  /// What the hook gives is the wait's result.
+  /// The hook's result becomes the wait's result.
   Hook<STATUSCODE(CThread&, STATUSCODE result, unsigned int& exitCode, unsigned int timeoutMs)>
       afterWait;
-  /// Is called when an owner is about to give a thread up.
+  /// Called when an owner is about to delete a thread.
   Hook<void(CThread&)> beforeDelete;
-  /// Is called when a lock was taken (true), and when it is about to be given back (false).
+  /// Called after a lock was taken (true), and before it is released (false).
   Hook<void(const CManualLock*, bool taken)> onLock;
-  /// Is called when an entry's results are about to be handed out as a list, or to be copied into
-  /// another entry.
+  /// Called before an entry's results are returned as a list or copied into another entry.
   Hook<void(const CCacheEntry&, Reading)> beforeReading;
-  /// With a failure GetHeadendList gives it, and leaves the list alone unless it `fillsList`.
+  /// GetHeadendList returns this if it is a failure, and fills the list only if `fillsList`.
   std::atomic<STATUSCODE> listStatus{0};
   std::atomic<bool> fillsList{false};
 
-  /// Number of successful or failed `Start` calls.
+  /// Number of `Start` calls, successful or not.
   std::atomic<int> starts{0};
 };
 
-/// All of it, for one test.
+/// All doubles of one test.
 struct World {
-  /// What the doubles saw, in one order over all of them.
+  /// Events of all doubles in one order.
   Guarded<std::vector<std::string>> journal;
-  /// A clock that stands still until a test moves it.
+  /// The clock moves only when a test moves it.
   std::atomic<unsigned long> clock{1000};
   Log log;
   Probes probes;
@@ -285,7 +283,7 @@ inline World*& world() {
   static World* instance = new World;
   return instance;
 }
-/// For the next test, when no thread of the one before is left.
+/// For the next test, after the previous test's threads have ended.
 inline void renewWorld() { delete std::exchange(world(), new World); }
 
 inline auto& journal() { return world()->journal; }

@@ -1,5 +1,5 @@
-// What the tests of a host have in common: the real client library on files of the test, gateways
-// on loopback addresses, a client that remembers.
+// Shared by the tests of a host: the real client library on the test's files, gateways on loopback
+// addresses, a client that records its results.
 
 #include "tests/host/HostScene.h"
 
@@ -27,7 +27,7 @@ std::string preferencesFile(const Host::Preferences& preferences) {
   return text + "</preferences>\n";
 }
 
-/// Whether a singleton is gone; asking for it leaves it as it was.
+/// Whether a singleton is destroyed; the check does not change it.
 template <class Singleton>
 bool isGone(Singleton* acquired) {
   if (acquired != nullptr) {
@@ -103,7 +103,7 @@ void Host::BringUp(const std::vector<std::string>& addresses) {
 }
 
 void Host::ForgetSelections() const {
-  static_cast<void>(isGone(CSelectionCache::acquireInstance()));  // the release writes them
+  static_cast<void>(isGone(CSelectionCache::acquireInstance()));  // the release writes the files
   std::filesystem::remove_all(CacheDirectory());
 }
 
@@ -214,8 +214,7 @@ void Rounds::BringUp(const Gateways& gateways, Host::Preferences preferences,
   m_host.BringUp(addresses);
 }
 
-// The timer comes before the slowest worker has reported; on a machine that is slower still, before
-// any has.
+// The timer fires before the slowest worker has reported; on a very slow machine, before any has.
 void Rounds::OutOfTime() {
   BringUp({Near, Far, Dead}, {{"SelectionReconnectTimeout", "100"}});
   Select({HEADENDSELECTION_ERROR_ADDED_TO_CACHE, HEADENDSELECTION_ERROR_SELECTION_FAILURE},

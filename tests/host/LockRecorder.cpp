@@ -1,6 +1,6 @@
-// The linker puts these wrappers in front of the operations of the two kinds of locks. They keep,
-// for each thread, which locks it holds, and for the process, which lock was ever taken with which
-// others held. What they use themselves is no lock of the product's, and is never freed.
+// Linker wrappers around the operations of both kinds of locks. They record each thread's held
+// locks, and which locks were ever taken while others were held. Their own data uses no lock of the
+// product and is never freed.
 
 #include "tests/host/LockRecorder.h"
 
@@ -19,7 +19,7 @@ namespace tests {
 
 namespace {
 
-/// More than any thread has ever held at once here.
+/// More locks than any thread here ever holds at once.
 constexpr std::size_t MostHeld = 16;
 
 struct Held {
@@ -28,7 +28,7 @@ struct Held {
   unsigned int times = 0;
 };
 
-/// Has no destructor, so that a thread may take locks until its very end.
+/// Has no destructor: a thread may take locks until its very end.
 struct ThreadState {
   std::array<Held, MostHeld> held;
   std::size_t count = 0;
@@ -66,7 +66,7 @@ void noteBuilt(const void* lock, const void* builtAt) {
   t_state.lastBuilt = index;
 }
 
-/// To be called before the lock is taken: a thread that waits for it for ever has been noted too.
+/// To be called before taking the lock, so that even an endless wait is recorded.
 void noteTaking(const void* lock) {
   ThreadState& mine = t_state;
   if (Held* const held = mine.Find(lock); held != nullptr) {
@@ -147,7 +147,7 @@ LinkMap::LinkMap(const std::string& path) {
     std::string object;
     const bool isSection = static_cast<bool>(words >> std::hex >> begin >> size >> object);
     const std::size_t end = object.rfind(".cpp.o");
-    // What the linker has dropped stands there too, at the address 0.
+    // The map also lists what the linker has dropped, at the address 0.
     if (isSection && name.starts_with(".text") && begin != 0 && end != std::string::npos) {
       const std::size_t source = object.find_last_of("/(", end) + 1;
       m_sections.push_back({begin, begin + size, object.substr(source, end + 4 - source)});
@@ -171,8 +171,8 @@ std::string LinkMap::SourceOf(const void* code) const {
 
 }  // namespace tests
 
-// The linker's names for the operations: of a CManualLock the constructor, Lock and Unlock, of a
-// CMonitor the same and Wait.
+// The linker's names for constructor, Lock and Unlock of CManualLock, and the same and Wait of
+// CMonitor.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 void __real__ZN11CManualLockC1Em(void* lock, unsigned long spinCount);

@@ -1,5 +1,5 @@
-// The command line as a person and as a program meet it: what a misspelling is answered with, help
-// and version, and the one form of all JSON.
+// The command line for people and programs: answers to misspellings, help and version, and the
+// common form of all JSON.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ using Words = std::vector<std::string>;
 
 class CommandLineTest : public CommandTest {
  protected:
-  /// What a command line is refused with: one line, status 2, nothing on standard output.
+  /// The refusal of a command line: one line, status 2, nothing on standard output.
   std::string refusalOf(const Words& arguments) const {
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.exitStatus, 2) << testing::PrintToString(arguments);
@@ -33,7 +33,7 @@ class CommandLineTest : public CommandTest {
     return outcome.err;
   }
 
-  /// What the script of a shell is told that may stand at the end of a line.
+  /// What a shell's script may offer at the end of a line.
   std::string offeredFor(const Words& line) const {
     Words arguments = {"completion", "words", "--", "ahs"};
     arguments.insert(arguments.end(), line.begin(), line.end());
@@ -43,7 +43,7 @@ class CommandLineTest : public CommandTest {
 
 // ---- Misspellings -----------------------------------------------------------------------------
 
-/// A command line that is refused, and a part of what it is refused with.
+/// A refused command line, and a part of its message.
 struct Wrong {
   Words words;
   std::string says;

@@ -1,5 +1,5 @@
-// `ahs exec` with real programs: what they are told, when another headend is tried, and that
-// signals and descriptors reach them as a shell's would.
+// `ahs exec` with real programs: their arguments and environment, the choice of another headend,
+// and signals and descriptors as from a shell.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ class ExecCommandTest : public CommandTest {
     return words;
   }
 
-  /// A command line of a shell, in which `ahs` is the command.
+  /// A shell's command line that calls `ahs`.
   Outcome shell(const std::string& line) const {
     const std::string output = home + "/output";
     const std::string named = "ahs() { command \"" + std::string(AHS_PROGRAM) + "\" \"$@\"; }; ";
@@ -55,8 +55,8 @@ class ExecCommandTest : public CommandTest {
   const Gateway near{Near};
 };
 
-/// The signals of a mask in hexadecimal, but for those with which threads are ended: the C library
-/// keeps them (nptl(7)), and lets programs that it starts ignore them.
+/// A signal mask in hexadecimal, without the signals that end threads: the C library keeps these
+/// for itself (nptl(7)) and lets started programs ignore them.
 unsigned long programsSignals(const std::string& mask) {
   constexpr unsigned long Programs = 0xFFFFFFFE7FFFFFFF;
   return std::stoul(mask, nullptr, 16) & Programs;
@@ -98,7 +98,7 @@ TEST_F(ExecCommandTest, WhenAllFailTheLastStatusIsTheCommands) {
 TEST_F(ExecCommandTest, NoOtherHeadendIsTriedThanTheOptionsAllow) {
   for (const auto& [option, value, script] :
        {std::tuple{"--tries", "1", "echo $0; exit 9"},
-        // It has run for longer than its start takes.
+        // The program has outlived the start time.
         std::tuple{"--start-time", "1", "echo $0; sleep 5; exit 9"},
         std::tuple{"--start-time", "0", "echo $0; exit 9"}}) {
     const Outcome outcome = runScript({option, value}, script);
@@ -153,7 +153,7 @@ TEST_F(ExecCommandTest, TheProgramHasTheSignalsThatTheCommandWasStartedWith) {
 }
 
 TEST_F(ExecCommandTest, TheProgramInheritsNoDescriptorOfTheCommand) {
-  // A worker that still waits for an answer has more descriptors open than one that is done.
+  // A waiting worker has more open descriptors than one that is done.
   const SilentListener silent("127.0.0.1");
   writePreferences(preference("SelectionConnectTimeout", "1000") +
                    preference("SelectionPingTimeout", "20000"));

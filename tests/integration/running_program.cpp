@@ -1,5 +1,5 @@
-// The `ahs` as a user runs it. Everything the child needs between fork and exec is made before the
-// fork, because another thread may hold the allocator's lock at that moment.
+// Runs `ahs` like a user. Everything that the child needs between fork and exec is made before the
+// fork, because another thread may then hold the allocator's lock.
 
 #include "tests/integration/running_program.h"
 
@@ -20,15 +20,15 @@ namespace tests {
 
 namespace {
 
-// Longer than any run here takes; a program that hangs fails its test in place of the whole suite.
+// Longer than any run; a hanging program fails its test, not the whole suite.
 constexpr auto LongestRun = std::chrono::seconds(60);
 
 struct Child {
   std::vector<char*> argv;
   std::vector<char*> envp;
   int out;     // -1: the terminal
-  int err;     // the program's side of the terminal, where there is one
-  int events;  // of a shell's job; -1 without a shell
+  int err;     // the program's side of the terminal, if any
+  int events;  // events of a shell's job; -1 without a shell
   int orders;
 };
 
@@ -55,7 +55,7 @@ void makePipe(int (&ends)[2]) {
   _exit(127);
 }
 
-// What a shell with job control does for one job in the foreground.
+// Acts like a shell with job control for one foreground job.
 [[noreturn]] void becomeShell(const Child& child) {
   signal(SIGTTOU, SIG_IGN);
   const pid_t job = fork();
@@ -107,7 +107,7 @@ void readFrom(const pollfd& output, int& descriptor, std::string& text) {
   if (count > 0) {
     text.append(bytes, static_cast<std::size_t>(count));
   } else if (output.revents != 0) {
-    // A terminal whose last user has gone gives an error, a pipe its end.
+    // Without users a terminal gives an error, a pipe its end.
     closeIfOpen(descriptor);
   }
 }
@@ -220,8 +220,8 @@ Outcome Program::finish() {
   return m_outcome;
 }
 
-// Reads what is there from both outputs, waiting for some. False when both are at their end, or
-// when it takes too long; the program is then killed.
+// Waits for output and reads it from both descriptors. Returns false at the end of both, or after
+// killing a program that takes too long.
 bool Program::readSome() {
   pollfd outputs[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
   if (m_out < 0 && m_err < 0) {

@@ -1,7 +1,6 @@
-// The `ahs` command as a user meets it: the real program, real sockets on the loopback interface,
-// its two outputs, its exit status, and a terminal where one matters. On the loopback interface the
-// network takes no time, so distances are made by gateways that answer late and the measure is the
-// response.
+// The `ahs` command as a user sees it: the real program, real sockets on the loopback interface,
+// both outputs, the exit status, and a terminal if it matters. The loopback interface takes no
+// time, so late answers stand for distance and the preferences measure the response.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -28,7 +27,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-/// One for the test of the way there, and two of three probes.
+/// One test probe, and two of three probes.
 constexpr unsigned int AllButTheLast = 3;
 
 class SelectCommandTest : public CommandTest {
@@ -140,11 +139,11 @@ TEST_F(SelectCommandTest, AHostEntrysNameInPlaceOfAHostIsAnsweredWithItsAddress)
 
 // ---- The terminal and the end -----------------------------------------------------------------
 
-// From the only row up to the headline, and all of it erased.
+// Erases the table, from its only row up to the headline.
 const std::string TableRemoved = "\r\x1b[1A\x1b[J";
 
 TEST_F(SelectCommandTest, ATableIsShownOnATerminalAndRemovedAndTheRankingStays) {
-  // No time limit ends what waits for the test.
+  // No time limit ends the wait for the test probe.
   writePreferences(preference("SelectionConnectTimeout", "60000") +
                    preference("SelectionPingTimeout", "60000") +
                    preference("SelectionTestPingTimeout", "60"));
@@ -196,7 +195,7 @@ TEST_F(SelectCommandTest, NothingIsRedrawnOnATerminalThatCannotOrWhenAProgramRea
               "");
   }
   environment[1] = "TERM=dumb";
-  // A table is drawn within a moment. Lines that tell the progress come later, if at all.
+  // A table appears at once; lines of progress come later, if at all.
   const Outcome outcome =
       Program({"select", "--no-cache", far.address()}, environment, Program::Terminal::Errors)
           .finish();

@@ -1,6 +1,6 @@
 // `ahs select` behind proxies that ask for a login: the dialogue at a terminal with a real squid,
-// the options that take its place, and the choice of the proxy. Wherever a password is at work, it
-// is looked for in all that the program shows, logs and stores, and in what the system tells of it.
+// the options that replace it, and the choice of the proxy. Searches for passwords in all that the
+// program prints, logs and stores, and in what the system shows of it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -63,7 +63,7 @@ class SelectProxyTest : public CommandTest {
     setProxy(squid->Where());
   }
 
-  /// Makes the machine's preferences name a proxy.
+  /// Writes a proxy into the machine's preferences.
   void setProxy(const Endpoint& where) {
     preferences =
         outside.Write("global.xml", preferencesText({{"ProxySettings", "override"},
@@ -73,7 +73,7 @@ class SelectProxyTest : public CommandTest {
 
   std::string gatewayAddress() const { return "127.0.0.1:" + std::to_string(gateway.port()); }
 
-  /// The arguments of a selection that leaves its log in the home directory.
+  /// Arguments of a selection with its log in the home directory.
   std::vector<std::string> select(const std::vector<std::string>& more = {}) const {
     std::vector<std::string> arguments = {"select", "--log-level", "info", "--log-file",
                                           home + "/log"};

@@ -1,7 +1,6 @@
-// What the program brings in place of the client library's log, probe, clocks and cache, and the
-// wrappers that the linker puts in front of real operations (--wrap). None of them takes a lock or
-// orders memory, unlike the real ones: whatever order there is between two threads comes from the
-// code under test.
+// Replacements for the client library's log, probe, clocks and cache, and the linker's wrappers
+// around real operations (--wrap). Unlike the real ones, none takes a lock or orders memory: any
+// order between two threads comes from the code under test.
 
 #include <pthread.h>
 #include <time.h>
@@ -77,8 +76,8 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string&, bool, bool, unsigned sho
 HttpProbe::KeptConnection::KeptConnection() noexcept = default;
 HttpProbe::KeptConnection::~KeptConnection() = default;
 
-// Each run has preferences of its own; they are asked for on the thread that constructs it and on
-// the run thread only.
+// Each run has its own preferences; only the thread that constructs it and the run thread read
+// them.
 doubles::PreferenceScript& doubles::preferences() { return self().stage->preferences; }
 
 void CAHSSettings::GetSettings(HS_SETTINGS& settings) {
@@ -96,7 +95,7 @@ void CAHSSettings::GetSettings(HS_SETTINGS& settings) {
 }
 
 STATUSCODE CSelectionCache::createSingletonInstance(CSelectionCache*& pCache) {
-  // What stands for the one cache. No operation touches a member, so nothing is constructed there.
+  // Stands for the one cache. No operation touches a member, so nothing is constructed there.
   alignas(CSelectionCache) static std::byte memory[sizeof(CSelectionCache)];
   pCache = reinterpret_cast<CSelectionCache*>(memory);
   return 0;
@@ -126,11 +125,11 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry) {
 
 namespace {
 
-// How long the timer thread sleeps at most: it then finds the time that a run has moved, without
-// any call from the run's threads that would order their memory accesses before its own.
+// Longest sleep of the timer thread: it then notices moved time without a call from the run's
+// threads, which would order their memory accesses.
 constexpr long LongestSleepNs = 50000;
 
-/// A thread of a run from its creation to its end, or the thread in reserve while it is a run's.
+/// A run's thread from creation to end, or the reserve thread while it serves a run.
 struct Beginning {
   void* (*body)(void*);
   void* argument;
@@ -143,12 +142,12 @@ void* beginThread(void* argument) {
   stress::pass();
   void* const result = mine->body(mine->argument);
   stress::enter(nullptr, Role::Main);
-  // Release: whoever sees the thread gone sees what it did.
+  // Release: a thread that sees the decrement also sees the ended thread's writes.
   stress::threadsOfRuns.fetch_sub(1, std::memory_order_release);
   return result;
 }
 
-/// Calls `create`, which gives whether it has the beginning called on another thread.
+/// Calls `create`, which returns whether another thread will call the beginning.
 template <class Create>
 bool beginBy(void* (*body)(void*), void* argument, const Create& create) {
   auto beginning = std::make_unique<Beginning>(Beginning{body, argument, self()});
@@ -157,7 +156,7 @@ bool beginBy(void* (*body)(void*), void* argument, const Create& create) {
     stress::threadsOfRuns.fetch_sub(1, std::memory_order_relaxed);
     return false;
   }
-  static_cast<void>(beginning.release());  // the thread's own now
+  static_cast<void>(beginning.release());  // the thread owns it now
   return true;
 }
 

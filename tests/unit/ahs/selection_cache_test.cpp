@@ -1,5 +1,5 @@
-// What the cache is asked and told: what must be the same for a selection to be found again, for
-// how long, which ones are kept, and who hears of them.
+// Look-ups and stores of the cache: what must match for a selection to be found, for how long,
+// which selections are kept, and who is told.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ constexpr long Day = 24L * 60 * 60;
 
 class SelectionCache : public CacheTest {
  protected:
-  /// Selections used a minute ago, until the directory is as full as it may be.
+  /// Fills the directory with selections used a minute ago.
   void fillUp() {
     for (std::size_t i = names().size(); i < SelectionFiles::MaxFiles; ++i) {
       storeAged("filler " + std::to_string(i) + ";", 60, 60);

@@ -1,7 +1,6 @@
-// Memory runs out, at every allocation of libxml2 and of the library in turn or with every amount
-// of it left. What is read and written is then whole or is not handed out, and nothing is thrown.
-// libxml2 lets a program bring its allocator; the library's own allocations come from the same
-// amount.
+// Memory runs out at each allocation in turn, of libxml2 and of the library, or with every possible
+// amount left. Reading and writing then gives whole results or none, and throws nothing. libxml2
+// accepts a program's allocator; the library's own allocations share its amount.
 
 #include <gtest/gtest.h>
 #include <libxml/xmlmemory.h>
@@ -19,8 +18,7 @@
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/PreferenceMgr.h"
 
-// libxml2 2.9 forgets the element that it could not put on its stack, and the buffer that it could
-// not copy a document into.
+// libxml2 2.9 leaks the element that did not fit its stack, and the buffer for a document's copy.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:xmlTextWriterStartElement\nleak:xmlBufCreateSize\n";
@@ -28,11 +26,11 @@ extern "C" const char* __lsan_default_suppressions() {
 
 namespace {
 
-// Which allocation of libxml2 from now on fails; 0: none. One thread only.
+// Number of the failing allocation, counted from now; 0: none. One thread only.
 unsigned long failing = 0;
 bool hasFailed = false;
 
-// What may still be allocated, by libxml2 and by operator new together.
+// The bytes that libxml2 and operator new together may still allocate.
 constexpr std::size_t Unlimited = std::numeric_limits<std::size_t>::max();
 std::size_t bytesLeft = Unlimited;
 
@@ -74,7 +72,7 @@ char* duplicate(const char* text) {
   return copy == nullptr ? nullptr : static_cast<char*>(std::memcpy(copy, text, size));
 }
 
-/// Calls `use` with ever less scarcity, until no allocation has failed. @return how often one had.
+/// Repeats `use` with more and more memory, until nothing fails. @return the number of failures.
 template <class Use>
 unsigned long repeat(Use use, void (*makeScarce)(unsigned long)) {
   unsigned long number = 0;
@@ -88,13 +86,13 @@ unsigned long repeat(Use use, void (*makeScarce)(unsigned long)) {
   return number - 1;
 }
 
-/// One allocation fails: the first one, then the second one, and so on.
+/// Lets one allocation fail: the first, then the second, and so on.
 template <class Use>
 unsigned long failEach(Use use) {
   return repeat(use, [](unsigned long number) { failing = number + 1; });
 }
 
-/// There is less memory than it takes: none, then a little more, and so on.
+/// Limits the memory: to nothing, then a little more, and so on.
 template <class Use>
 unsigned long starve(Use use) {
   return repeat(use, [](unsigned long number) { bytesLeft = number * 192; });
@@ -102,11 +100,11 @@ unsigned long starve(Use use) {
 
 class WithoutMemory : public tests::CacheTest {
  protected:
-  // What is left from before was allocated by the same malloc.
+  // Safe for earlier blocks: they come from the same malloc.
   WithoutMemory() { xmlMemSetup(release, allocate, reallocate, duplicate); }
 };
 
-/// Results whose document outgrows the first buffers and is read in several pieces.
+/// Results whose document outgrows the first buffers and is read in pieces.
 tests::Records manyRecords() {
   tests::Records records;
   for (int i = 0; i < 20; ++i) {

@@ -1,5 +1,5 @@
-// Files that another user could have written, and those that nobody else could: who owns them, who
-// may write them and the directories on the way, where links lead, and what the refusal says.
+// Files that another user could have written, and files that nobody else could: owners, permissions
+// of files and directories, targets of links, and the text of a refusal.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -28,7 +28,7 @@ class FileTrustTest : public FileTest {
       : m_inner(m_directory.MakeDirectory("inner")),
         m_file(m_directory.Write("inner/file.xml", "text")) {}
 
-  /// Why a file is refused; empty if it is not.
+  /// Why a file is refused; empty if it is accepted.
   static std::string refusalOf(const std::string& path, Check check = Check::Strict) {
     FileTrust::Descriptor file;
     FileTrust::Refusal refusal;
@@ -39,7 +39,7 @@ class FileTrustTest : public FileTest {
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
   }
 
-  /// @return whether it is another user's now, which takes root.
+  /// Needs root. @return whether the file now belongs to another user.
   static bool giveAway(const std::string& path) {
     return ::lchown(path.c_str(), Nobody, static_cast<gid_t>(-1)) == 0;
   }

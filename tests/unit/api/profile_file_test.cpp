@@ -1,5 +1,4 @@
-// Profiles as people write them, right and wrong: what is taken from the file, and what the person
-// is told.
+// Profiles as people write them, right and wrong: what is read from the file, and the messages.
 
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Common/Utility/URL.h"

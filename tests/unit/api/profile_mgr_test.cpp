@@ -1,4 +1,4 @@
-// A directory of profiles: order, names that meet, files that are no profiles, and the bounds.
+// A directory of profiles: order, equal names, files that are no profiles, and the limits.
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-// What `ahs probe` tells people and programs.
+// The output of `ahs probe` for people and programs.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ CheckedAddress address(const std::string& text, const std::string& outcome) {
   return checked;
 }
 
-/// A headend as most are: a TLS server that refuses plain HTTP.
+/// A typical headend: a TLS server that refuses plain HTTP.
 ProbeFindings someFindings() {
   ProbeFindings findings;
   findings.plan = somePlan(3);

@@ -1,4 +1,4 @@
-// A look at the addresses and certificates of servers of the test's own.
+// Checks of addresses and certificates, with the test's own servers.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ TlsInspection inspect(unsigned short port, const std::string& host = "localhost"
   return inspectTls(host, port, limit);
 }
 
-/// Does its side of a handshake and waits for the end.
+/// Does the server's side of a handshake and waits for the connection's end.
 ScriptedServer::Script shakingHands(const TlsServerContext& context) {
   return [context](Connection& connection) {
     connection.startTls(context);
@@ -145,7 +145,7 @@ TEST_F(TlsInspectionTest, SilenceHoldsItUpNoLongerThanTheLimit) {
 }
 
 TEST_F(TlsInspectionTest, AHandshakeWithoutEndIsGivenUp) {
-  // Warning alerts lead to nothing, and a handshake goes on after them.
+  // Warning alerts change nothing; the handshake continues after them.
   const std::string warning("\x15\x03\x03\x00\x02\x01\x5a", 7);
   std::string flood;
   for (int i = 0; i < 1000; ++i) {

@@ -1,5 +1,5 @@
-// Probes of hosts that have names. This program defines getaddrinfo(3) itself, so a test decides
-// what a name server says, and no test needs one.
+// Probes of hosts with names. This program defines getaddrinfo(3), so a test decides a name
+// server's answers and needs none.
 
 #include <curl/curl.h>
 #include <dlfcn.h>
@@ -20,11 +20,11 @@
 
 namespace {
 
-/// What the name server of this program does. Never freed: resolver threads may outlive the tests.
+/// The scripted name server. Never freed: resolver threads may outlive the tests.
 struct NAMES {
   std::mutex mutex;
   std::condition_variable changed;
-  /// Names and services, as "name:service".
+  /// Looked-up names and services, as "name:service".
   std::vector<std::string> asked;
   unsigned int hanging = 0;
   bool release = false;
@@ -43,7 +43,7 @@ int resolveForReal(const char* node, const char* service, const addrinfo* hints,
   return real(node, service, hints, result);
 }
 
-/// Several addresses of one name, in this order.
+/// Several addresses for one name, in this order.
 int several(const std::vector<std::string>& addresses, const char* service, const addrinfo* hints,
             addrinfo** result) {
   for (const std::string& address : addresses) {
@@ -85,7 +85,7 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
     return failure->second;
   }
   if (name == "both.test") {
-    return several({"::1", "127.0.0.1"}, service, hints, result);  // as RFC 6724 orders them
+    return several({"::1", "127.0.0.1"}, service, hints, result);  // in the order of RFC 6724
   }
   if (name == "many.test") {
     std::vector<std::string> addresses;
@@ -132,8 +132,8 @@ TEST_F(HttpProbeTest, ANameThatDoesNotResolveIsADnsError) {
   EXPECT_EQ(probeSecurely(443, kPatience, "unknown.test"), HTTP_SESSION_ERROR_DNS_RESOLUTION);
 }
 
-// Nobody listens at all but the last. The refusals come at once; a wait after the first alone would
-// use up half of the time.
+// Only the last address has a listener. Refusals come at once; waiting after just the first would
+// take half of the time.
 TEST_F(HttpProbeTest, AnAddressThatRefusesLeadsToTheNextAtOnceWhoseRoundTripIsTold) {
   const ScriptedServer server(answering(kOk));
   const HttpProbe::KeptConnection kept;
@@ -156,7 +156,7 @@ TEST_F(HttpProbeTest, AProxysNameThatDoesNotResolveIsAConnectErrorAndAskedForAtP
   EXPECT_EQ(asked().back(), "unknown.test:3128");
 }
 
-// The resolver's thread is still waiting when the probe returns: the test lets it go only then.
+// The resolver's thread still waits when the probe returns; the test releases it afterwards.
 TEST_F(HttpProbeTest, ASilentNameServerDoesNotHoldUpTheTimeOut) {
   EXPECT_EQ(probe(80, 1, "hangs.test"), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_EQ(results.uiLastError, CURLE_OPERATION_TIMEDOUT);
@@ -184,7 +184,7 @@ TEST_F(HttpProbeTest, ANameWhoseAddressesAllRefuseCannotBeConnectedTo) {
   EXPECT_EQ(probe(closed.Where().port, kPatience, "both.test"), HTTP_SESSION_ERROR_CANNOT_CONNECT);
 }
 
-/// Probes of a name with two addresses, the first of which is IPv6 and of no use.
+/// Probes of a name with two addresses; the first is IPv6 and useless.
 class HttpProbeOfTwoAddresses : public HttpProbeTest {
  protected:
   void SetUp() override {

@@ -1,4 +1,4 @@
-// Plain probes against servers that do every right and wrong thing a peer can do.
+// Plain probes against servers that behave rightly and wrongly.
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
@@ -121,8 +121,8 @@ TEST_F(HttpProbeTest, AHugeTimeOutIsTaken) {
             HTTP_SESSION_SUCCESS);
 }
 
-/// Scripts whose end is an answer, though none in HTTP. Those that hostile_gateways_test plays over
-/// TLS too are not here.
+/// Scripts that end with an answer which is not HTTP. hostile_gateways_test covers those that also
+/// occur over TLS.
 struct BROKEN {
   const char* name;
   ScriptedServer::Script script;

@@ -1,5 +1,5 @@
-// Secure probes: what is trusted, what is an answer all the same, and that nothing is said to a
-// server that is not trusted.
+// Secure probes: which certificates are trusted, what else counts as an answer, and that an
+// untrusted server receives nothing.
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
@@ -25,7 +25,7 @@ class HttpProbeTlsTest : public HttpProbeTest {
  protected:
   void SetUp() override { HttpProbe::setTrustFile(authority.file()); }
 
-  /// Probes a server that answers over TLS, and notes its requests.
+  /// Probes a TLS server that answers and records its requests.
   STATUSCODE probeOne(const TlsServerContext::Settings& settings = {}) {
     return probeOf(answeringOverTls(TlsServerContext(authority.issue(), settings), kOk, &log),
                    true);
@@ -146,9 +146,8 @@ TEST_F(HttpProbeTlsTest, ProbesOfManyThreadsShareWhatTheyTrustAndDoNotDisturbEac
   EXPECT_EQ(wrong, 0);
 }
 
-// OpenSSL reads messages that lead nowhere by itself, as long as they come. The servers here would
-// go on for much longer than the probe has time; at their end they would hang up, which is another
-// outcome.
+// OpenSSL keeps reading messages that change nothing. The servers here send them much longer than
+// the probe's time limit; then they would hang up, with another outcome.
 constexpr auto MuchLater = 20s;
 constexpr unsigned int ShortTime = 1;
 

@@ -1,5 +1,5 @@
-// What becomes of objects when the system gives no thread: this program brings its own
-// startDetachedThread, which refuses as long as it is told to.
+// Objects when the system gives no thread: this program replaces startDetachedThread by a function
+// that refuses on demand.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ namespace {
 
 std::atomic<bool> refuses{true};
 
-/// Threads made by this program: in all, and those not yet ended.
+/// Numbers of threads made by this program, and of those still running.
 std::atomic<int> made{0};
 std::atomic<int> existing{0};
 
@@ -33,7 +33,7 @@ struct Body {
   void* argument;
 };
 
-/// Counts the end of a thread however it ends.
+/// Counts the end of a thread, even an abnormal one.
 struct Ended {
   ~Ended() { --existing; }
 };
@@ -71,7 +71,7 @@ class WithoutThreads : public testing::Test {
   void SetUp() override { refuses = true; }
 };
 
-/// Gives a task up that nobody may wait for.
+/// Abandons a task; nobody may wait for it.
 Task::Place& abandonTask() {
   static Task::Place destroyedOn;
   auto* const task = new Task(destroyedOn);
@@ -110,7 +110,7 @@ TEST_F(WithoutThreads, AThreadThatDidNotComeAboutIsLoggedAndAsOneNeverStarted) {
   EXPECT_TRUE(everythingIsGone());
 }
 
-/// A started thread that is to run at any price.
+/// Starts a thread that must run.
 template <class Body>
 std::unique_ptr<Worker> mustRun(Body body, STATUSCODE expected = THREAD_SUCCESS) {
   auto worker = std::make_unique<Worker>(body);
@@ -119,7 +119,7 @@ std::unique_ptr<Worker> mustRun(Body body, STATUSCODE expected = THREAD_SUCCESS)
   return worker;
 }
 
-/// There is one thread in reserve and no other.
+/// The reserve thread exists, and no other.
 class WithAReserve : public WithoutThreads {
  protected:
   void SetUp() override {
@@ -170,7 +170,7 @@ TEST_F(WithAReserve, WhatWaitsIsServedInTheOrderItCame) {
 }
 
 TEST_F(WithAReserve, OneThatTakesItsTimeHoldsUpNobodyOnceThereAreThreadsAgain) {
-  // The reserve itself makes its successor, before it calls the body.
+  // The reserve thread creates its successor before it calls the body.
   Gate mayBegin;
   const auto first = mustRun([&] {
     mayBegin.pass();
@@ -194,7 +194,7 @@ TEST_F(WithAReserve, OneThatTakesItsTimeHoldsUpNobodyOnceThereAreThreadsAgain) {
 TEST_F(WithAReserve, ABodyThatEndsItsThreadIsSucceeded) {
   const int before = made;
   const auto leaving = mustRun([] {
-    refuses = false;  // none could be had before the body, one can be had after it
+    refuses = false;  // no thread before the body, one after it
     pthread_exit(nullptr);
   });
   EXPECT_EQ(leaving->finish(), CThread::AbnormalExitCode);
@@ -216,7 +216,7 @@ TEST_F(WithAReserve, ABodyThatEndsTheLastThreadLeavesNoneAndTheNextHolderMakesOn
 
 TEST_F(WithAReserve, ATaskKeepsTheReserveForWhatItEndsWith) {
   auto* const task = new Task;
-  CReserveThread::removeHolder();  // the library is taken down meanwhile
+  CReserveThread::removeHolder();  // the library stops meanwhile
   mustRun([] {})->finish();
   giveUp(task);
   EXPECT_TRUE(eventually([] { return existing == 0; }));

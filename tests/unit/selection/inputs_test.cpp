@@ -1,5 +1,5 @@
-// Where headends and proxy come from: which host entries take part, the key that names a set of
-// candidates in the cache, and the proxy of the preferences.
+// The sources of headends and proxy: which host entries take part, the cache key of a set of
+// candidates, and the preferences' proxy.
 
 #include <string>
 #include <vector>

@@ -1,4 +1,4 @@
-// Where probes leave the machine: interface, source address, mark, and what a client does to their
+// How probes leave the machine: interface, source address, mark, and a client's changes to their
 // sockets.
 
 #include <arpa/inet.h>
@@ -31,7 +31,7 @@ using testing::Field;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-/// Skips a test that cannot be run here, where that is allowed.
+/// Skips a test that cannot run here, if skipping is allowed.
 #define SKIP_UNLESS(condition, reason)              \
   if (!(condition)) {                               \
     ASSERT_EQ(std::getenv("AHS_NO_SKIP"), nullptr); \
@@ -52,7 +52,7 @@ TEST(SourceAddress, ReachesHeadendsOfItsFamilyAlone) {
   EXPECT_THAT(library.select(request).headends, ElementsAre(six.Address()));
 }
 
-/// What a socket callback has seen of one socket.
+/// A socket callback's observations of one socket.
 struct Seen {
   std::string interface;
   unsigned int mark = 0;
@@ -84,10 +84,10 @@ Seen look(int socket) {
   return seen;
 }
 
-/// A client that looks at every socket that it is given.
+/// A client that inspects every socket.
 class SocketCallback : public testing::Test {
  protected:
-  /// One selection on three probes, to its end.
+  /// One whole selection with three probes.
   ahs::Result Select(const ahs::Request& request, const std::function<bool()>& answer) {
     m_client.atSocket = [this, answer](int socket) {
       const std::lock_guard<std::mutex> guard(m_mutex);

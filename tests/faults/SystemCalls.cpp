@@ -1,6 +1,6 @@
-// The C library's functions that a selection calls and that can fail: each either fails as planned,
-// without having done anything, or passes the call on. Closing is the exception: as with the
-// kernel, a descriptor whose closing fails is closed all the same.
+// The C library's fallible functions that a selection calls. Each fails as planned without doing
+// anything, or passes the call on. Exception: like the kernel, a failing close still closes the
+// descriptor.
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -28,23 +28,23 @@ using tests::Fault;
 using tests::strikes;
 using tests::strikingError;
 
-/// The function that this program's own stands in front of.
+/// The original function, which this program's function hides.
 template <class Signature>
 Signature* original(const char* name) {
   return reinterpret_cast<Signature*>(dlsym(RTLD_NEXT, name));
 }
 
-/// Whether a write is to be cut short instead of failing.
+/// Whether to shorten a write instead of failing it.
 bool isCutShort() { return strikingError() == Fault::ShortWrite; }
 
-/// The mode of an open(2) that creates; 0 for others.
+/// The mode of a creating open(2); 0 for others.
 mode_t modeOf(int flags, va_list arguments) {
   return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
 
 }  // namespace
 
-/// A function of the C library that fails with `failure` while calls of its kind do.
+/// A function of the C library that returns `failure` while calls of its kind fail.
 #define FAILING(kind, failure, Result, name, parameters, arguments, ...) \
   extern "C" Result name parameters __VA_ARGS__ {                        \
     static auto* const real = original<Result parameters>(#name);        \
@@ -77,7 +77,7 @@ FAILING(Call::ReadResolver, -1, int, __res_ninit, (res_state state), (state), no
 
 // Files.
 
-/// The same for one that takes a mode when it creates.
+/// Like FAILING, for a function that takes a mode when it creates.
 #define OPENING(name, parameters, arguments)                   \
   extern "C" int name parameters {                             \
     static auto* const real = original<int parameters>(#name); \
@@ -116,7 +116,7 @@ extern "C" std::size_t fwrite(const void* data, std::size_t size, std::size_t co
 
 FAILING(Call::Flush, EOF, int, fflush, (FILE * stream), (stream));
 
-/// The same for one that closes all the same.
+/// Like FAILING, for a function that closes even when it fails.
 #define CLOSING(failure, Type, name)                      \
   extern "C" int name(Type opened) {                      \
     static auto* const real = original<int(Type)>(#name); \
@@ -143,7 +143,7 @@ FAILING(Call::LookAt, -1, int, lstat, (const char* path, struct stat* result), (
 FAILING(Call::LookAt, -1, int, fstat, (int descriptor, struct stat* result), (descriptor, result),
         noexcept);
 
-// The log's library asks for its file's size by this name.
+// spdlog asks for its file's size by this name.
 FAILING(Call::LookAt, -1, int, fstat64, (int descriptor, struct stat64* result),
         (descriptor, result), noexcept);
 
@@ -153,7 +153,7 @@ extern "C" int fcntl(int descriptor, int command, ...) {
   static auto* const real = original<int(int, int, ...)>("fcntl");
   va_list arguments;
   va_start(arguments, command);
-  void* const argument = va_arg(arguments, void*);  // whatever it is, it fits a pointer
+  void* const argument = va_arg(arguments, void*);  // any argument fits into a pointer
   va_end(arguments);
   return strikes(Call::Control) ? -1 : real(descriptor, command, argument);
 }
@@ -181,8 +181,8 @@ FAILING(Call::Poll, -1, int, poll, (pollfd * entries, nfds_t count, int timeout)
 
 namespace {
 
-/// Whether a socket connects parts of this process. By such a one libcurl's resolver tells that it
-/// has done; if that fails, libcurl up to 7.88 loses the addresses, which would be found as a leak.
+/// Whether a socket connects parts of this process. libcurl's resolver reports its end through such
+/// a socket; if that fails, libcurl up to 7.88 leaks the addresses.
 bool isLocal(int descriptor) {
   static auto* const ask = original<int(int, int, int, void*, socklen_t*)>("getsockopt");
   int domain = AF_UNSPEC;

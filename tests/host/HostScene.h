@@ -27,11 +27,11 @@ namespace tests {
 constexpr unsigned int AtConnection = 0;
 constexpr unsigned int AtReconnection = 1;
 
-/// The `ahs-gateways` program with gateways on ports of its own, ended with the object. Used by the
-/// thread that made it.
+/// The program `ahs-gateways` with gateways on its own ports; the destructor ends it. Used by one
+/// thread.
 class GatewayProcess {
  public:
-  /// @param gateways what follows the address of each: "", "delay=20", "behaviour=closes".
+  /// @param gateways suffix for each address: "", "delay=20", "behaviour=closes".
   explicit GatewayProcess(const std::vector<std::string>& gateways);
   ~GatewayProcess();
   GatewayProcess(const GatewayProcess&) = delete;
@@ -39,7 +39,7 @@ class GatewayProcess {
 
   /// "127.0.0.1:40001", in the order of construction.
   const std::vector<std::string>& Addresses() const { return m_addresses; }
-  /// The certificate to trust; probes of this process trust it already.
+  /// The certificate to trust; this process already does.
   std::string Authority() const { return m_directory.File("authority.pem"); }
 
  private:
@@ -53,23 +53,23 @@ class Host {
  public:
   using Preferences = std::map<std::string, std::string>;
 
-  /// Limits that no test waits for, one probe a headend, and no proxy.
+  /// Limits that no test reaches, one probe per headend, and no proxy.
   static Preferences patient();
-  /// The same with so many milliseconds for a reconnection.
+  /// Like `patient`, with this time limit for a reconnection.
   static Preferences hasty(const std::string& milliseconds);
 
-  /// @param global preferences of the machine, where a proxy is named.
+  /// @param global the machine's preferences, for a proxy.
   explicit Host(const Preferences& user = patient(), const Preferences& global = {});
 
-  /// Brings the library up on these candidates; what was up before is taken down.
-  /// @throws std::runtime_error when it does not come up.
+  /// Starts the library with these candidates, after stopping a running one.
+  /// @throws std::runtime_error if it does not start.
   void BringUp(const std::vector<std::string>& addresses);
   void TakeDown() { m_library.reset(); }
 
   void SetPreferences(const Preferences& user, const Preferences& global);
   std::string CacheDirectory() const { return m_directory.File("cache"); }
   std::string LogFile() const { return m_directory.File("ahs.log"); }
-  /// Also those that are in memory.
+  /// Also selections in memory.
   void ForgetSelections() const;
 
  private:
@@ -77,7 +77,7 @@ class Host {
   std::unique_ptr<CClientLibrary> m_library;
 };
 
-/// A client that remembers its calls, and then reacts as the test wants it to.
+/// A client that records its calls, and then reacts as the test wants.
 class Client : public ClientIfcBase {
  public:
   struct Call {
@@ -95,7 +95,7 @@ class Client : public ClientIfcBase {
 
   bool WaitForCall();
   std::vector<Call> Calls() const;
-  /// The status of the one call; -1 when there was none, -2 when there were several.
+  /// The status of the only call; -1 without a call, -2 for several.
   long Status() const;
 
  private:
@@ -114,11 +114,11 @@ class SecureProvider : public ProxyIfc {
   ProxyType getProxyType() override { return BasicProxy; }
 };
 
-/// A run on the library that is up. @throws std::runtime_error when it must not be started.
+/// A run of the running library. @throws std::runtime_error if it must not start.
 CHeadendSelection* makeRun(ClientIfcBase& client, unsigned int reason = AtConnection,
                            const std::string& lastHeadend = "", ProxyIfc* proxy = nullptr);
 
-/// Executes a run on a thread of its own, for the task of this one, and waits for that thread.
+/// Executes a run for this thread's task on a new thread, and waits for that thread.
 void executeRun(CHeadendSelection* run);
 
 /// Selections of every kind, in rounds.
@@ -127,8 +127,8 @@ class Rounds {
   /// @param atCallback what every client's callback does.
   explicit Rounds(std::function<void()> atCallback = {}) : m_atCallback(std::move(atCallback)) {}
 
-  /// Takes the library down at its end. @return how many selections it was.
-  /// @throws std::runtime_error when one ends otherwise than it should.
+  /// Stops the library at the end. @return the number of selections.
+  /// @throws std::runtime_error if one ends wrongly.
   int MakeOne();
 
  private:
@@ -148,8 +148,7 @@ class Rounds {
   int m_runs = 0;
 };
 
-/// Whether every thread has ended and every object of the library has been freed. The library must
-/// have been taken down.
+/// Whether every thread has ended and every object of the stopped library is freed.
 bool nothingIsLeft();
 
 }  // namespace tests

@@ -1,15 +1,14 @@
-// Makes selections one after another in one process, of every kind that there is, and looks at what
-// the process holds on to between them: memory, threads, descriptors. After a warm-up, in which
-// caches of the libraries below fill, none of it may grow with the number of selections.
+// Makes selections of every kind one after another in one process. Between them it checks the
+// memory, threads and descriptors that the process holds. After a warm-up, in which other libraries
+// fill their caches, none may grow with the number of selections.
 //
-// Figures are taken between rounds, when the client library is down and nothing of it should be
-// left. What is compared is the median of the second fifth of the figures with that of the last, so
-// that one figure that was taken at a bad moment decides nothing. A selection that leaked only 100
-// bytes would show after a thousand.
+// Figures are taken between rounds, when the client library is stopped and nothing of it should be
+// left. Compares the median of the second fifth with that of the last, so that a single bad figure
+// decides nothing. A leak of only 100 bytes per selection shows after a thousand.
 //
 // Usage: many_selections [--warm-up RUNS] [--runs RUNS]
-// Ends with status 0 when all is level, 1 when not, 2 when a selection went wrong. Selections come
-// in rounds, so there may be a few more; fewer than ten rounds are not compared.
+// Exit status: 0 all is level, 1 something grew, 2 a selection went wrong. Rounds may add a few
+// selections; fewer than ten rounds are not compared.
 
 #include <malloc.h>
 
@@ -27,10 +26,9 @@
 
 namespace {
 
-/// What the process holds, and by how much it may differ, however many selections lie between.
-/// Threads and descriptors are counted exactly. The heap in use moves by what the libraries below
-/// keep of the last transfers; resident memory by how the allocator's arenas, of which late threads
-/// get one or another, have been touched.
+/// What the process holds, and the permitted difference after any number of selections. Threads and
+/// descriptors are exact. The heap varies with what other libraries keep of the last transfers;
+/// resident memory varies with the allocator's arenas that late threads touch.
 struct Quantity {
   const char* name;
   long allowance;
@@ -39,7 +37,7 @@ constexpr Quantity Quantities[] = {
     {"resident KiB", 2048}, {"heap KiB", 16}, {"threads", 0}, {"descriptors", 0}};
 using Figures = std::array<long, std::size(Quantities)>;
 
-// A sanitizer's allocator keeps what is freed, and has threads of its own.
+// A sanitizer's allocator keeps freed blocks, and a sanitizer has its own threads.
 #if defined(__has_feature) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 constexpr bool MemoryCounts = !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer);
 #elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -66,8 +64,8 @@ long residentKiB() {
   throw std::runtime_error("no VmRSS");
 }
 
-/// Once every thread that a selection started has left the process: the kernel needs a moment to
-/// bury one that is detached.
+/// Measures after every thread of a selection has left the process: the kernel needs a moment to
+/// remove a detached one.
 Figures measure(long ownThreads) {
   if (!tests::nothingIsLeft()) {
     throw std::runtime_error("a selection left something behind");
@@ -79,14 +77,14 @@ Figures measure(long ownThreads) {
           countEntries(Threads), countEntries("/proc/self/fd")};
 }
 
-/// The main thread, and one that a sanitizer starts beside the first other one.
+/// The main thread, and the one that a sanitizer starts with the first other thread.
 long countOwnThreads() {
   std::thread([] {}).join();
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // until it has left the process
   return countEntries("/proc/self/task");
 }
 
-/// Of one quantity; of an even number the lower one of the two in the middle.
+/// The median of one quantity; of an even number the lower of the two in the middle.
 long median(const std::vector<Figures>& all, std::size_t from, std::size_t count, std::size_t of) {
   std::vector<long> values;
   for (std::size_t i = from; i < from + count; ++i) {

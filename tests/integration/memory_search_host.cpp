@@ -1,9 +1,9 @@
-// A host whose memory is searched after a selection through an authenticating proxy. What it keeps
-// of user name and password itself lies in wiping holders. It says on standard output what it has
-// done, and stays. Usage: memory_search_host SECRETS DIRECTORY AUTHORITY SCHEME LEFT ADDRESS...
-// SECRETS: a file with user name and password, a line each. DIRECTORY: where user.xml and
-// global.xml are. AUTHORITY: the certificate to trust. SCHEME: basic, ntlm, kerberos. LEFT:
-// nothing, or what the program is to leave behind of the password, so that the search can be seen
+// A host whose memory is searched after a selection through an authenticating proxy. It keeps user
+// name and password only in wiping holders. It prints each step on standard output, and keeps
+// running. Usage: memory_search_host SECRETS DIRECTORY AUTHORITY SCHEME LEFT ADDRESS... SECRETS: a
+// file with user name and password, one per line. DIRECTORY: contains user.xml and global.xml.
+// AUTHORITY: the certificate to trust. SCHEME: basic, ntlm, kerberos. LEFT: nothing, or what to
+// leave of the password, to prove that the search finds it: freed, stack. ADDRESS: the headends.
 // to find it: freed, stack. ADDRESS: the headends.
 
 #include <fcntl.h>
@@ -27,8 +27,7 @@
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/Common/Utility/Thread.h"
 
-// The C library's allocator, but for that no block is ever taken back: a freed one, and one that
-// was outgrown, stays as whoever had it left it.
+// The C library's allocator, except that freed and outgrown blocks are kept unchanged.
 extern "C" {
 
 void free(void* /*block*/) noexcept {}
@@ -49,7 +48,7 @@ using Secret = SecureString<std::string>;
 constexpr unsigned int ProxyAuthentication = 3;
 constexpr std::size_t LongestLine = 512;
 
-/// A line without its end, read byte by byte so that no buffer has it.
+/// Reads a line without its end, byte by byte so that no buffer holds it.
 Secret readLine(int file) {
   std::array<char, LongestLine> line{};
   std::size_t length = 0;
@@ -61,7 +60,7 @@ Secret readLine(int file) {
   return secret;
 }
 
-/// Keeps the compiler from seeing that nobody reads a piece of memory.
+/// Keeps the compiler from dropping memory that nobody reads.
 void touch(void* memory) { asm volatile("" : : "r"(memory) : "memory"); }
 
 void leaveBehind(const std::string& where, const Secret& password) {
@@ -77,7 +76,7 @@ void leaveBehind(const std::string& where, const Secret& password) {
   }
 }
 
-/// Remembers the one call.
+/// Records the only call.
 class Client : public ClientIfcBase {
  public:
   void AHSSelectedHost(unsigned int /*reason*/, const std::vector<std::string>& headends,
@@ -92,7 +91,7 @@ class Client : public ClientIfcBase {
   std::string outcome;
 };
 
-/// A whole selection: nothing of it is left when this returns.
+/// A whole selection, gone when this returns.
 std::string select(const std::string& scheme, const Secret& user, const Secret& password) {
   const unsigned int threadsBefore = CThread::RunningCount();
   Client client;
@@ -121,7 +120,7 @@ std::string selectWithSecrets(int file, const std::string& scheme, const std::st
   return outcome;
 }
 
-/// Forgets what has been on the stack of this program's own functions.
+/// Clears the stack of this program's own functions afterwards.
 [[gnu::noinline]] std::string selectAndForget(int file, const std::string& scheme,
                                               const std::string& left) {
   std::string outcome = selectWithSecrets(file, scheme, left);

@@ -1,5 +1,5 @@
-// `ahs profile` and `ahs preferences` as a user meets them: the real program over directories of
-// files as people have them, its two outputs and its exit status.
+// `ahs profile` and `ahs preferences` as a user sees them: the real program on typical files, both
+// outputs and the exit status.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -110,7 +110,7 @@ TEST_F(ProfileCommandTest, TheExampleOfTheDocumentationIsAcceptedAndAllThreeTake
   const Outcome list = run({"profile", "list"});
   EXPECT_EQ(list.exitStatus, 0);
   EXPECT_EQ(list.err, "");
-  // The page shows this very table.
+  // The documentation shows exactly this table.
   EXPECT_THAT(text, HasSubstr("$ ahs profile list\n" + list.out));
 }
 

@@ -1,5 +1,5 @@
-// `ahs watch`: when it selects, what it tells, and the command it runs. Where the network changes,
-// it is one of the test's own.
+// `ahs watch`: when it selects, what it prints, and the command it runs. Tests that change the
+// network make their own.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -27,10 +27,10 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::Not;
 
-// No other selection than those that something else asks for.
+// The interval causes no selection.
 constexpr const char* Never = "86400";
 
-// Of a gateway that loses the choice to one that is far.
+// Delay of a gateway that loses against a far one.
 constexpr std::chrono::milliseconds MuchFarther = 4 * Far;
 
 class WatchCommandTest : public CommandTest {
@@ -57,7 +57,7 @@ class WatchCommandTest : public CommandTest {
   }
 };
 
-/// The same in a network that the test may change.
+/// Like WatchCommandTest, in a network that the test may change.
 class NetworkWatchTest : public WatchCommandTest {
  protected:
   void SetUp() override {
@@ -116,7 +116,7 @@ TEST_F(WatchCommandTest, BetweenGatewaysNextDoorTheChoiceStays) {
                   environment);
   ASSERT_TRUE(eventually([&] { return third.requests() >= 36; }));
   const Outcome outcome = end(program);
-  // In one of a dozen selections a busy machine may make one gateway more distant than next door.
+  // On a busy machine one of a dozen selections may find a gateway more distant than next door.
   EXPECT_LE(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 3) << outcome.out;
 }
 

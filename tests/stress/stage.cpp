@@ -1,6 +1,6 @@
-// Where a run's threads come by. Each passage draws a delay, may hold the thread until the run has
-// got to some point, and may be the one at which the timer expires. Every wait here is bounded: an
-// aim that cannot be hit costs a moment and is missing in the statistics.
+// Points that a run's threads pass. Each passage draws a delay, may hold the thread until the run
+// reaches some point, and may be where the timer expires. Every wait is bounded: an unreachable aim
+// costs a moment and does not count as hit.
 
 #include "tests/stress/stage.h"
 
@@ -17,13 +17,13 @@ namespace {
 
 using std::chrono::microseconds;
 
-// Long for a thread that only has to get the processor, on a machine that is busy.
+// Long enough for a thread to get a processor on a busy machine.
 constexpr microseconds AimPatience{50000};
-// A moment drawn by lot may be one that the awaited event has to wait for.
+// Short, because the awaited event may itself wait for a randomly drawn moment.
 constexpr microseconds RandomPatience{1000};
 
 std::uint32_t draw(std::uint32_t& state) {
-  state = state * 1664525U + 1013904223U;  // any that does not repeat within a run
+  state = state * 1664525U + 1013904223U;  // any generator that does not repeat within a run
   return state >> 8U;
 }
 
@@ -117,7 +117,7 @@ void Stage::setArmed(unsigned long milliseconds) {
 
 bool Stage::isAimedAt(const char* what) {
   const Role role = self().role;
-  // The timer thread cannot make itself expire.
+  // The timer thread cannot trigger its own expiry.
   const bool counts = scenario.moment == Anywhere ? role != Role::Timer && role != Role::Main
                                                   : isSame(what, scenario.at().at);
   return counts && m_passages.fetch_add(1, std::memory_order_relaxed) == scenario.nth;

@@ -1,6 +1,6 @@
-// Endpoints on the loopback interface for servers and for what does not serve. The ports lie below
-// the range that the kernel picks from for outgoing connections, and each process of the test run
-// looks in a window of its own, so that tests side by side do not take each other's.
+// Loopback endpoints with and without servers. The ports lie below the kernel's range for outgoing
+// connections. Each process of the test run uses its own window, so that parallel tests do not take
+// each other's ports.
 
 #include "tests/support/LoopbackSockets.h"
 
@@ -40,9 +40,9 @@ std::unique_ptr<addrinfo, AddressInfoDeleter> resolve(const Endpoint& where) {
   return std::unique_ptr<addrinfo, AddressInfoDeleter>(info);
 }
 
-/// A socket bound to an endpoint; -1 with errno when that is not possible.
-/// @param reuse whether connections of the server that was here before may still be on their way
-///        out; then another such socket can be bound to it as well, until one of them listens.
+/// A socket bound to an endpoint; -1 with errno if that fails.
+/// @param reuse whether closed connections of an earlier server may linger; then other sockets can
+///        be bound to the endpoint as well, until one of them listens.
 int bindSocket(const Endpoint& where, bool reuse = true) {
   const auto info = resolve(where);
   const int handle = ::socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -83,7 +83,7 @@ bool hasAddress(const std::string& address) {
 }
 
 Endpoint freeEndpoint(const std::string& address) {
-  // Goes round, so that a port that was just given away is not given away again soon.
+  // Cycles through the ports, so that no port is soon used again.
   static unsigned int next = 0;
   const unsigned int windows = (LastPort - FirstPort + 1) / PortsPerProcess;
   const unsigned int window = static_cast<unsigned int>(::getpid()) % windows;
@@ -135,7 +135,7 @@ bool isListening(const Endpoint& endpoint) {
 }
 
 RefusingPort::RefusingPort(const std::string& address) {
-  // A server of another test that runs beside this one must not take the port.
+  // A parallel test's server must not take the port.
   for (unsigned int tried = 0; m_socket < 0 && tried < PortsPerProcess; ++tried) {
     m_where = freeEndpoint(address);
     m_socket = bindSocket(m_where, false);

@@ -1,5 +1,5 @@
-// Real servers as headends. Each runs unprivileged, in the foreground, from a directory of its own
-// with a configuration written by the test, so that nothing of the machine's own set-up matters.
+// Real servers as headends. Each runs unprivileged, in the foreground, from its own directory with
+// the test's configuration, so the machine's set-up does not matter.
 
 #include "tests/support/RealServers.h"
 
@@ -41,7 +41,7 @@ constexpr const char* HaproxyDefaults =
 constexpr const char* HaproxyAnswer =
     "  http-request return status 200 content-type text/plain string answer\n";
 
-/// Nothing is kept, in files or otherwise, and no name server is asked.
+/// Stores nothing, and asks no name server.
 constexpr const char* SquidDefaults =
     "visible_hostname proxy.test\n"
     "pid_filename none\n"
@@ -57,7 +57,7 @@ constexpr const char* SquidDefaults =
     "dns_nameservers 127.0.0.1\n"
     "shutdown_lifetime 0 seconds\n";
 
-/// Where Debian keeps squid's programs for authentication.
+/// Debian's directory of squid's authentication programs.
 const std::string SquidPrograms = "/usr/lib/squid/";
 
 /// The password as `openssl passwd -apr1` writes it.
@@ -156,7 +156,7 @@ SquidProxy::SquidProxy(const Settings& settings) : RealServer(settings.address) 
   namespace fs = std::filesystem;
   const bool isRoot = ::geteuid() == 0;
   if (isRoot) {
-    // It is to read its files as another user.
+    // Another user must read its files.
     fs::permissions(Directory().Path(), fs::perms::others_read | fs::perms::others_exec,
                     fs::perm_options::add);
   }
@@ -164,7 +164,7 @@ SquidProxy::SquidProxy(const Settings& settings) : RealServer(settings.address) 
                                       squidLogIns(settings, Directory()) + squidRules(settings));
   std::vector<std::string> command;
   if (isRoot) {
-    // squid would change its user by itself, but then outlive a test that dies.
+    // squid could change its user itself, but would then outlive a killed test.
     command = {findProgram("setpriv", "util-linux"),
                "--reuid=proxy",
                "--regid=proxy",
@@ -172,7 +172,7 @@ SquidProxy::SquidProxy(const Settings& settings) : RealServer(settings.address) 
                "--pdeathsig",
                "KILL"};
   }
-  // The name tells the shared memory of several apart.
+  // The name separates the shared memory of several instances.
   command.insert(command.end(),
                  {findProgram("squid", "squid"), "-N", "-d", "1", "-n",
                   "test" + std::to_string(::getpid()) + "x" + std::to_string(Where().port), "-f",

@@ -16,7 +16,7 @@ namespace tests {
 
 struct IssuedCertificate;
 
-/// What a TLS server needs. May be shared by servers and connections of several threads.
+/// A TLS server's settings. Servers and connections of several threads may share it.
 class TlsServerContext {
  public:
   struct Settings {
@@ -35,8 +35,8 @@ class TlsServerContext {
   std::shared_ptr<void> m_context;
 };
 
-/// One accepted connection, in the hands of a script. Used by the script's thread alone. Every
-/// operation ends soon after the server is being stopped, and none raises SIGPIPE.
+/// One accepted connection. Used by its script's thread alone. Every operation ends soon after the
+/// server's stop, and none raises SIGPIPE.
 class Connection {
  public:
   explicit Connection(int socket, const std::atomic<bool>& stopping);
@@ -44,14 +44,13 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Does the server's side of a TLS handshake; what follows is encrypted.
+  /// Does the server's side of a TLS handshake; later operations are encrypted.
   bool startTls(const TlsServerContext& context);
 
-  /// Reads up to and with the empty line that ends a request's head; what has come if the peer
-  /// closes before.
+  /// Reads a request's head with the empty line at its end; less if the peer closes first.
   std::string readHead();
 
-  /// Waits for what comes first, and reads what is there of it.
+  /// Waits for data, and reads what has arrived.
   std::string readSome();
 
   /// Sends all of it; false if the peer is gone.
@@ -61,7 +60,7 @@ class Connection {
   /// `startTls`, under TLS 1.3. False if the peer is gone.
   bool updateKeys();
 
-  /// Waits, not longer than until the server is being stopped.
+  /// Waits, at most until the server's stop.
   void wait(std::chrono::milliseconds time) const;
 
   /// Waits until the peer closes, reading and dropping what it sends.
@@ -73,14 +72,14 @@ class Connection {
   /// Whether the peer has closed, and all that it sent was read.
   bool isPeerGone() const;
 
-  /// Reads and drops what the peer has sent, so that closing is no reset.
+  /// Reads and drops pending input, so that closing does not reset the connection.
   void drain();
 
-  /// Makes the end of the script a reset of the connection.
+  /// Resets the connection at the script's end.
   void resetAtEnd();
 
-  /// Carries bytes both ways between this connection and another server of this machine until one
-  /// side closes: what a proxy does once a tunnel is open.
+  /// Carries bytes between this connection and another server of this machine until one side
+  /// closes, like a proxy's open tunnel.
   void tunnelTo(unsigned short port);
 
  private:
@@ -92,8 +91,8 @@ class Connection {
   std::shared_ptr<void> m_tls;
 };
 
-/// A TCP server on a loopback address whose answers a test writes. Each connection is served by a
-/// thread of its own that runs the script and then closes.
+/// A TCP server with scripted answers on a loopback address. A separate thread serves each
+/// connection: it runs the script and closes.
 class ScriptedServer {
  public:
   using Script = std::function<void(Connection&)>;
@@ -119,11 +118,11 @@ class ScriptedServer {
   unsigned short m_port = 0;
   std::atomic<bool> m_stopping{false};
   std::atomic<unsigned int> m_accepted{0};
-  std::vector<std::thread> m_connections;  // touched by the accepting thread until it has ended
+  std::vector<std::thread> m_connections;  // used by the accepting thread until its end
   std::thread m_acceptor;
 };
 
-/// Remembers the requests that a script has read, for the test to look at.
+/// Records the requests that a script has read.
 class RequestLog {
  public:
   void add(const std::string& request);
@@ -137,11 +136,11 @@ class RequestLog {
 /// A script that answers each request of the connection with `answer` until the client closes.
 ScriptedServer::Script answering(std::string answer, RequestLog* log = nullptr);
 
-/// The same over TLS. A failed handshake ends the script.
+/// Like `answering`, over TLS. A failed handshake ends the script.
 ScriptedServer::Script answeringOverTls(TlsServerContext context, std::string answer,
                                         RequestLog* log = nullptr);
 
-/// A port that drops every attempt to connect without a word, as a dead address does.
+/// A port that silently drops every attempt to connect, like an unused address.
 class SilentPort {
  public:
   explicit SilentPort(const std::string& address = "127.0.0.1", unsigned short port = 0);

@@ -1,5 +1,5 @@
-// What the tests of the selection cache stand on: real files in a directory of their own and real
-// preferences; only the resolver's settings are made up.
+// The base of the cache's tests: real files in a test's own directory and real preferences; only
+// the resolver's settings are faked.
 
 #include "tests/unit/ahs/cache_fixture.h"
 

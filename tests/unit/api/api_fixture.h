@@ -13,7 +13,7 @@
 
 namespace tests {
 
-/// Keeps what is logged while it lives, as "file: function: severity: message".
+/// Records log messages during its lifetime as "file: function: severity: message".
 class LogCapture {
  public:
   LogCapture() {
@@ -64,7 +64,7 @@ class ScopedPreferenceMgr {
   PreferenceMgr* m_pInstance = nullptr;
 };
 
-/// A profile that has this inside <profile version="1">.
+/// A profile with these contents inside <profile version="1">.
 inline std::string profileText(const std::string& inside) {
   return "<?xml version=\"1.0\"?>\n<profile version=\"1\">\n" + inside + "\n</profile>\n";
 }
@@ -77,7 +77,7 @@ inline std::string profileWithHosts(const std::string& hosts) {
       hosts + "\n</hosts>");
 }
 
-/// A preferences file that has this inside, from line 3 on.
+/// A preferences file with these contents from line 3 on.
 inline std::string preferencesText(const std::string& inside) {
   return "<?xml version=\"1.0\"?>\n<preferences version=\"1\">\n" + inside + "\n</preferences>\n";
 }
@@ -91,7 +91,7 @@ inline std::string switchElement(const std::string& attributes) {
   return "<preference name=\"EnableAutomaticServerSelection\" " + attributes + "/>";
 }
 
-/// A text so many times.
+/// A text repeated `count` times.
 inline std::string times(const std::string& text, std::size_t count) {
   std::string all;
   for (std::size_t i = 0; i < count; ++i) {
@@ -100,7 +100,7 @@ inline std::string times(const std::string& text, std::size_t count) {
   return all;
 }
 
-/// What reading a file gave.
+/// The result of reading a file.
 struct Reading {
   bool usable = false;
   ProfileFile profile;
@@ -135,7 +135,7 @@ inline Reading readProfile(const std::string& path) {
   return readAs(ConfigurationKind::Profile, path);
 }
 
-/// What is told of a file: the line, and pieces of the text. A piece behind a "!" is not in it.
+/// A message about a file: the line, and parts of its text. A part after "!" must be absent.
 struct Told {
   unsigned int line;
   std::vector<std::string> pieces;
@@ -152,7 +152,7 @@ MATCHER_P(IsTold, told, "") {
   return arg.line == told.line;
 }
 
-/// These problems, in this order, and no other.
+/// Exactly these problems, in this order.
 inline testing::Matcher<std::vector<FileProblem>> Tell(const std::vector<Told>& told) {
   std::vector<testing::Matcher<FileProblem>> each;
   for (const Told& one : told) {
@@ -161,7 +161,7 @@ inline testing::Matcher<std::vector<FileProblem>> Tell(const std::vector<Told>& 
   return testing::ElementsAreArray(each);
 }
 
-/// Reads what the test writes into a directory of its own.
+/// Reads files that the test writes into its own directory.
 class FileTest : public testing::Test {
  protected:
   Reading read(const std::string& contents) const {

@@ -1,5 +1,5 @@
-// A proxy credential in clear, and what is left of it in memory. Every block that this program
-// releases is searched for the secret before it goes.
+// A proxy credential in clear text, and what it leaves in memory. Every block is searched for the
+// secret before this program frees it.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -136,7 +136,7 @@ TEST(UnprotectedCredential, NothingIsLeftOfAShortSecretInsideTheObject) {
   destroyed.destroy();
   EXPECT_FALSE(destroyed.holds("unter2"));
 
-  // Longer than what growth leaves of the object's own buffer.
+  // Longer than what remains in the object's own buffer after growth.
   InPlace grown;
   *grown = "0123456789-hunt";
   EXPECT_TRUE(grown.holds("89-hunt"));

@@ -1,5 +1,5 @@
-// Files that somebody made to do harm: each is refused or bounded, with a message, in a time and a
-// memory that its size explains. A time-out of the test program catches what would hang.
+// Malicious files: each is refused or bounded, with a message, in time and memory proportional to
+// its size. A time-out of the test program catches a hang.
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -40,7 +40,7 @@ std::string hostNamed(const std::string& name) {
 }  // namespace
 
 TEST_F(HostileFileTest, IsSkippedWithTheReason) {
-  // A FIFO nobody writes to: whoever opened it would wait.
+  // A FIFO without a writer: opening it would block.
   const std::string fifo = m_directory.File("profile.dtd");
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   const std::string root = "<profile version=\"1\">";
@@ -117,7 +117,7 @@ TEST_F(HostileFileTest, TheLargestFileIsReadAndOneByteMoreIsNot) {
 }
 
 TEST_F(HostileFileTest, AFileThatSaysItIsEmptyIsReadOnlyUpToTheLimit) {
-  // A file of /proc has a size of 0, whatever can be read from it.
+  // A file of /proc has a size of 0, whatever its contents.
   const Reading reading = readProfile("/proc/self/maps");
   EXPECT_FALSE(reading.usable);
   EXPECT_THAT(reading.problems, SizeIs(1));

@@ -1,4 +1,4 @@
-// Which value of a preference counts, where it comes from, and what is told of those that do not.
+// Which value of a preference counts, its origin, and the messages about ignored values.
 
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Api/PreferenceMgr.h"
@@ -40,7 +40,7 @@ const Row Rows[] = {
     {"RoundTripTime", "response uc", "", "network", "", "network"},
     {"ProxySettings", "", "", "none", "override", "none"},
     {"ProxySettings", "", "", "", "override", "override"},
-    {"ProxySettings", "", "", "overide", "none", "none"},  // no right word, so not set
+    {"ProxySettings", "", "", "overide", "none", "none"},  // an invalid word, so not set
     {"ProxyHost", "", "", "users", "machines", "machines"},
     {"ProxyPort", "", "", "8080", "", ""},
     {Switch, "true", "false", "", "", "false"},

@@ -1,4 +1,4 @@
-// Passwords from files and descriptors: what is taken, what is refused, and how it is told.
+// Passwords from files and descriptors: which are accepted or refused, and the messages.
 
 #include "cli/login/Credentials.h"
 
@@ -21,7 +21,7 @@ using testing::Not;
 
 constexpr const char* Text = "correct horse";
 
-// Whether files look as if somebody else owned them: only root could give one away.
+// Makes files look like another user's: only root could give one away.
 bool isSomebodyElses = false;
 
 class PasswordFileTest : public testing::Test {

@@ -1,4 +1,4 @@
-// The counted life of a task: who may still reach it, and when it goes.
+// The counted life of a task: who may still reach it, and when it is destroyed.
 
 #include <gtest/gtest.h>
 

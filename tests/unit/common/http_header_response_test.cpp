@@ -1,4 +1,4 @@
-// Challenges of proxies, as servers write them and as they should not.
+// Challenges of proxies, well-formed and malformed.
 
 #include <gtest/gtest.h>
 
@@ -143,8 +143,8 @@ TEST(HttpHeaderResponse, TheLastSetCounts) {
   EXPECT_EQ(response.getProxyAuthRealm("Basic"), "");
 }
 
-// Patterns that make a reader that goes back over its input take quadratic time: with 4 MiB of them
-// the test would not end within its limit.
+// Patterns that take quadratic time in a backtracking reader: with 4 MiB the test would exceed its
+// limit.
 TEST(HttpHeaderResponse, RepetitiveHeadersTakeLinearTime) {
   constexpr std::size_t kSize = 4UL << 20;
   for (const std::string pattern :

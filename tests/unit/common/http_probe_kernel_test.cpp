@@ -1,6 +1,5 @@
-// What a probe makes of what the kernel says of its connection. This program has its own
-// getsockopt(2) where the product asks for TCP_INFO, and its own connect(2), which takes its time:
-// on a loopback interface nothing else would.
+// A probe's use of the kernel's data about its connection. This program replaces getsockopt(2) for
+// TCP_INFO, and slows connect(2) down, which takes no time on a loopback interface.
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -25,7 +24,7 @@
 
 namespace {
 
-/// What the kernel of this program says.
+/// The scripted kernel's answers.
 struct KERNEL {
   std::atomic<unsigned int> minRttUs{0};
   std::atomic<std::size_t> infoLength{sizeof(tcp_info)};
@@ -102,7 +101,7 @@ TEST_F(HttpProbeKernelTest, AConnectionThatIsClosedIsAskedAsItCloses) {
   EXPECT_EQ(results.uiRtt, 25U);
 }
 
-/// A kernel that cannot say.
+/// A kernel without an answer.
 struct SILENCE {
   const char* name;
   unsigned int minRttUs;

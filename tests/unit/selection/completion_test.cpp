@@ -1,5 +1,5 @@
-// The end of a run: which of the two that race for it decides the result, what the client receives
-// in each case, and what becomes of the timer.
+// The end of a run: which of its two racing ends decides the result, what the client then receives,
+// and what happens to the timer.
 
 #include <string>
 #include <vector>
@@ -22,7 +22,7 @@ class Completion : public SelectionTest {
     return selection;
   }
 
-  /// Gives the run an armed timer, as the measurement does.
+  /// Arms the run's timer, like the measurement.
   void arm() {
     STATUSCODE status = 0;
     static CTimerList& list = *new CTimerList;
@@ -34,7 +34,7 @@ class Completion : public SelectionTest {
     call<FinishAHS>(*run, killTimer, status, extraInfo);
   }
 
-  /// The outcome after the destructor has waited for it.
+  /// The outcome after the destructor's wait for it.
   Client::Outcome delivered() {
     destroy();
     return client.only();
@@ -132,7 +132,7 @@ TEST_F(Completion, EachCallHoldsTheEndLockAndDeletesTheTimerAndASecondOneDeliver
   });
   seams().beforeStart.set([&](CThread&) -> std::optional<STATUSCODE> {
     events.emplace_back("started");
-    return THREAD_ERROR_CREATE_FAILED;  // of which nobody speaks
+    return THREAD_ERROR_CREATE_FAILED;  // no log line mentions it
   });
   arm();
   finish(true, Success);

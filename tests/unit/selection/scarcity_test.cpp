@@ -1,6 +1,6 @@
-// A run when the system gives no thread or no memory at one of its steps. The client hears of it
-// all the same, once, on a thread that is neither the run's nor the timer's; what can still be
-// measured is measured. This program brings its own way to create threads and to allocate them.
+// A run without threads or memory at one of its steps. The client is still called once, on neither
+// the run's nor the timer's thread; what can be measured is measured. This program replaces the
+// creation and allocation of threads.
 
 #include <pthread.h>
 
@@ -15,7 +15,7 @@
 
 namespace {
 
-// The number of threads, and of objects of threads, that can still be had.
+// Number of threads, and of thread objects, still available.
 constexpr int Plenty = 1'000'000;
 std::atomic<int> threadsLeft{Plenty};
 std::atomic<int> objectsLeft{Plenty};
@@ -66,7 +66,7 @@ struct Shortage {
   std::string last = "gw2";
   int threads = Plenty;
   int objects = Plenty;
-  /// What runs short during the test probe.
+  /// The shortage during the test probe.
   std::function<void()> during = {};
   std::atomic<int>* ofSecondWorker = nullptr;  ///< runs short for that one alone
   long status = AddedToCache;
@@ -86,7 +86,7 @@ TEST_P(AShortage, StillGivesOneCall) {
       *shortage.ofSecondWorker = ++started == 1 ? 0 : Plenty;
     }
   });
-  // What follows the failed one has its memory again.
+  // Steps after the failed one have memory again.
   doubles::log().setHook([&](const doubles::LogLine& line) {
     if (shortage.ofSecondWorker != nullptr && line.message == "CSelectionThread") {
       objectsLeft = Plenty;

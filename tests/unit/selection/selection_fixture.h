@@ -48,7 +48,7 @@ using Texts = std::vector<std::string>;
 
 enum ReasonCode : unsigned int { Connection = 0, Reconnection = 1 };
 
-/// A row of a table of cases, which is a test of its own; its name tells the behaviour.
+/// A row of a table of cases: a separate test, whose name states the behaviour.
 template <class Case>
 struct Row {
   const char* name;
@@ -63,7 +63,7 @@ using Rows = std::vector<Row<Case>>;
 /// For INSTANTIATE_TEST_SUITE_P.
 inline const auto nameOfRow = [](const auto& info) { return std::string(info.param.name); };
 
-/// A client that keeps what it is told. It may be made to take its time.
+/// A client that records its calls. It may be slowed down.
 class Client : public ClientIfcBase {
  public:
   struct Outcome {
@@ -78,17 +78,17 @@ class Client : public ClientIfcBase {
                        const std::string& extraInfo) override;
 
   std::size_t calls() const { return m_outcomes.get().size(); }
-  /// The one outcome; a test failure when there is none or more than one.
+  /// The only outcome; a test failure if there is none or more than one.
   Outcome only() const;
 
-  /// Is called inside the callback, before the outcome counts.
+  /// Called inside the callback, before the outcome counts.
   std::function<void()> during;
 
  private:
   doubles::Guarded<std::vector<Outcome>> m_outcomes;
 };
 
-/// A provider with fixed answers, which tells the journal when it is deleted.
+/// A provider with fixed answers; its deletion goes into the journal.
 class Provider : public ProxyIfc {
  public:
   Provider(ProxyType type, std::string user, std::string pswd, std::string host)
@@ -109,10 +109,10 @@ class Provider : public ProxyIfc {
   std::string getProxyHost() override { return m_host; }
   ProxyType getProxyType() override { return m_type; }
 
-  /// The thread that deleted the last one: the one that deletes its run.
+  /// The thread that deleted the last provider: the one that deletes its run.
   inline static std::thread::id deletedBy;
 
-  /// What the run's thread has asked for, in order.
+  /// The run thread's questions, in order.
   std::string asked;
 
  private:
@@ -122,34 +122,34 @@ class Provider : public ProxyIfc {
   const std::string m_host;
 };
 
-/// A selection run among doubles. After each test everything must be given back and every thread
-/// gone, and every line of the component must name its source.
+/// A selection run among doubles. After each test everything must be released and every thread
+/// ended, and every log line must name its source.
 class SelectionTest : public testing::Test {
  protected:
   SelectionTest();
   void TearDown() override;
 
-  /// A run that has been constructed, with this status, for `client`.
+  /// Constructs a run for `client`; its construction must give this status.
   CHeadendSelection& make(unsigned int reason = Connection, const std::string& last = "",
                           long expected = Success);
-  /// The same with these candidates.
+  /// Like `make`, with these candidates.
   CHeadendSelection& makeFor(const Texts& addresses, unsigned int reason = Connection,
                              const std::string& last = "");
   /// Deletes a run that `run` does not delete.
   void destroy();
-  /// Runs the run of `make` on a thread of its own to its end, which includes its deletion.
+  /// Runs the run of `make` on a new thread until it has deleted itself.
   void runToEnd();
-  /// Starts the same without waiting; `joinRun` waits.
+  /// Like `runToEnd` without waiting; `joinRun` waits.
   void startRun();
   void joinRun();
 
-  /// After the run has ended: one call, on a thread of its own.
+  /// After the run's end: the only call, on a separate thread.
   Client::Outcome outcome();
 
-  /// Waits until all threads have gone and all that was acquired is released.
+  /// Waits until all threads have ended and all acquired objects are released.
   bool quiet();
 
-  /// Lets the timer expire on a thread of its own, as the timer thread does, and waits for it.
+  /// Lets the timer expire on a separate thread, like the timer thread, and waits for it.
   bool fireTimer();
 
   Client client;

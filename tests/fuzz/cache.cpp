@@ -1,6 +1,5 @@
-// A file of the selection cache. Whatever stands in it, what is taken over is within its bounds and
-// survives being written and read again, it answers only what it is for, and a selection can be
-// stored in its place.
+// A file of the selection cache. Whatever it contains, the accepted part is bounded and survives
+// writing and reading, it answers only its own key, and a selection can be stored in its place.
 
 #include <chrono>
 #include <filesystem>
@@ -21,10 +20,10 @@ using SelectionFiles::Selection;
 
 constexpr const char* Place = "nameserver 192.0.2.1 search home.test";
 constexpr const char* Candidates = "gw-new;";
-/// When every process starts, in seconds since 1970, so that the same text has the same fate.
+/// Start time of every process, in seconds since 1970, so that the same text has the same result.
 constexpr std::chrono::seconds Start{1700000000};
 
-/// Uses the cache as a run does, through an acquisition of its own.
+/// Uses the cache like a run, through a separate acquisition.
 template <class Use>
 auto withCache(Use use) {
   CSelectionCache* cache = nullptr;
@@ -47,8 +46,8 @@ void requireStore() {
   REQUIRE(find(found) && found.toString() == stored.toString());
 }
 
-/// What lives as long as the process: preferences that keep the cache in a directory, and in it the
-/// file of the selection that is looked up.
+/// Lives as long as the process: preferences that set the cache's directory, and in it the file of
+/// the selection to look up.
 class Surroundings {
  public:
   Surroundings() {
@@ -85,13 +84,13 @@ void requireWithinBounds(const Selection& selection, const std::string& text) {
   for (const CHeadendRTT& headend : headends) {
     const std::string name = headend.GetHeadend();
     REQUIRE(!name.empty());
-    // The bytes are those of the text, where no reference and no line end stands for another.
+    // The bytes are the text's, unless references or converted line ends replace some.
     REQUIRE(text.find(name) != std::string::npos || text.find('&') != std::string::npos ||
             name.find(' ') != std::string::npos);
   }
 }
 
-/// What was read can be written, and what was written reads the same.
+/// What was read can be written, and reads the same again.
 void requireRoundTrip(const Selection& selection, std::size_t size) {
   const std::string candidates = ';' + selection.entry.GetKnownHeadends();
   const std::string document = exposed(tests::DocumentOf{})(selection);
@@ -102,14 +101,14 @@ void requireRoundTrip(const Selection& selection, std::size_t size) {
     REQUIRE(SelectionFiles::read(directory, SelectionFiles::keyOf(selection), again, problem));
     REQUIRE(again.toString() == selection.entry.toString());
   } else {
-    // No candidate is without a name, and a tag may become too long by its references.
+    // No candidate lacks a name, and references may make a tag too long.
     REQUIRE(candidates.find(";;") != std::string::npos || size > 2000);
   }
 }
 
 }  // namespace
 
-// In the place of std::chrono::system_clock::now(). It moves on, for libFuzzer uses it as well.
+// Replaces std::chrono::system_clock::now(). It advances, because libFuzzer uses it too.
 std::chrono::system_clock::time_point realNow() __asm__(
     "__real__ZNSt6chrono3_V212system_clock3nowEv");
 std::chrono::system_clock::time_point shiftedNow() __asm__(

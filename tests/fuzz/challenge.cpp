@@ -1,5 +1,5 @@
-// Challenges of proxies. Whatever the head of an answer, a realm is a bounded text without control
-// characters that stands in it, and how the head is folded, written or surrounded plays no part.
+// Challenges of proxies. Whatever an answer's head, a realm is a bounded part of it without control
+// characters; folding, letter case and surroundings do not matter.
 
 #include <algorithm>
 #include <string>
@@ -21,7 +21,7 @@ std::string realmOf(const std::string& head, const std::string& scheme) {
 
 bool isControl(char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; }
 
-/// Whether a terminal might obey some of it: the C1 controls, U+0080 to U+009F, are two bytes each.
+/// Whether a terminal might obey a part: each C1 control, U+0080 to U+009F, is two bytes.
 bool hasControl(const std::string& text) {
   bool afterLead = false;
   for (const char c : text) {
@@ -36,8 +36,8 @@ bool hasControl(const std::string& text) {
 
 bool isVisible(char c) { return c != ' ' && !isControl(c); }
 
-/// Whether all of `part` stands in `whole` in this order: escapes leave characters out, and a fold,
-/// which may be a tab, becomes a blank.
+/// Whether `whole` contains all of `part` in order: escapes leave characters out, and a fold,
+/// perhaps a tab, becomes a blank.
 bool standsIn(const std::string& part, const std::string& whole) {
   std::size_t found = 0;
   for (const char c : whole) {
@@ -51,7 +51,7 @@ bool isFolded(const std::string& head) {
   return head.find("\n ") != std::string::npos || head.find("\n\t") != std::string::npos;
 }
 
-/// The same head with a fold in the place of every single blank.
+/// The head with a fold in place of every single blank.
 std::string folded(const std::string& head) {
   std::string result;
   for (std::size_t i = 0; i < head.size(); ++i) {
@@ -70,7 +70,7 @@ std::string quoted(const std::string& realm) {
   return result + "\"";
 }
 
-/// Every realm that may be shown is found as it was meant, and no other.
+/// Exactly the printable realms are found, unchanged.
 void requireFaithful(const std::string& realm) {
   const bool mayBeShown = realm.size() <= LongestRealm && !hasControl(realm);
   const std::string found = realmOf(

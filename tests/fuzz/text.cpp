@@ -1,5 +1,5 @@
-// Text that is shown and compared. Whatever the bytes, what comes out is bounded and can be shown.
-// The search domains of the resolver are such a text.
+// Text that is shown and compared. Whatever the bytes, the result is bounded and printable. The
+// resolver's search domains are such a text.
 
 #include <arpa/inet.h>
 #include <resolv.h>
@@ -27,7 +27,7 @@ using tests::textOf;
 constexpr std::size_t LengthOfCut = 6;     // " [cut]"
 constexpr std::size_t LengthOfEscape = 4;  // \xNN
 
-/// The lines of the text under test, which are the domains that the resolver searches.
+/// The lines of the text under test, as the resolver's search domains.
 std::vector<std::string>& resolverLines() {
   static std::vector<std::string>& lines = *new std::vector<std::string>;
   return lines;
@@ -50,7 +50,7 @@ void requireLegible(const std::string& text) {
   REQUIRE(legible(whole, whole.size()) == whole);
 }
 
-/// Undoes the indentation, so that nothing of the message can have been lost.
+/// Undoes the indentation, to prove that nothing of the message was lost.
 void requireIndented(const std::string& message) {
   const std::string indented = indentContinuation(message);
   std::string plain;
@@ -103,7 +103,7 @@ void requireRightPlace(const std::string& text) {
 
 }  // namespace
 
-// In the place of the C library's: name servers and search domains are the lines of the text.
+// Replaces the C library's function: name servers and search domains are the text's lines.
 extern "C" int __wrap___res_ninit(res_state state) {
   std::memset(state, 0, sizeof *state);
   std::vector<std::string>& lines = resolverLines();

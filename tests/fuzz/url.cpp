@@ -1,5 +1,5 @@
-// Addresses. Whatever the text, either it is taken apart into well-formed parts, which put together
-// give the same address again, or nothing of it is kept and the reason is told.
+// Addresses. Any text is either parsed into well-formed parts that give the same address again, or
+// nothing of it is kept and a reason is given.
 
 #include "vpn/Common/Utility/URL.h"
 

@@ -1,5 +1,5 @@
-// What a client's callback may do to the process: it may throw, end its thread, take for ever,
-// start runs of its own, and its object may go as soon as `run` has returned.
+// What a client's callback may do to the process: throw, end its thread, never return, start runs.
+// The client may be deleted as soon as `run` has returned.
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -35,7 +35,7 @@ TEST(MisbehavingCallback, LeavesTheProcessAndLaterRunsUnharmed) {
   }
 }
 
-/// A client whose callback does not return as long as the test looks; its run waits on a thread.
+/// A client whose callback outlasts the test's checks; its run waits on a thread.
 class EndlessCallback : public testing::Test {
  protected:
   EndlessCallback() {

@@ -1,6 +1,5 @@
-// A host that forks in the middle of a selection. A program that the child executes is given
-// none of the component's descriptors, and the parent's run is not disturbed, nor by a child that
-// stays.
+// A host that forks during a selection. A program that the child executes gets none of the
+// component's descriptors, and even a child that stays does not disturb the parent's run.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -26,9 +25,9 @@ bool isNameless(int (*name)(int, sockaddr*, socklen_t*), int descriptor) {
          address.sun_family == AF_UNIX && length == offsetof(sockaddr_un, sun_path);
 }
 
-/// How many descriptors a program that a child of `fork` executes now is given. The ends of socket
-/// pairs do not count: libcurl makes one pair for each transfer and offers no way to have it closed
-/// on exec. It leads nowhere. The child calls nothing but what is allowed between fork and exec.
+/// Number of descriptors that a program would get, if a child of `fork` executed it now. Ignores
+/// socket pairs: libcurl makes one for each transfer, without close-on-exec; it leads nowhere. The
+/// child makes only calls that are allowed between fork and exec.
 int descriptorsForAnExecdProgram() {
   constexpr int Most = 250;
   const pid_t child = fork();
@@ -50,7 +49,7 @@ class ForkingHost : public testing::Test {
  protected:
   ForkingHost() { m_host.BringUp(m_gateways.Addresses()); }
 
-  /// A run over TLS on a thread of its own, in the background until `EndRun`.
+  /// Starts a run over TLS on a separate thread; it lasts until `EndRun`.
   void StartRun() {
     m_client = std::make_unique<Client>();
     m_ended = false;
@@ -92,7 +91,7 @@ TEST_F(ForkingHost, InTheMiddleOfRunsHandsNoDescriptorToTheProgramThatTheChildEx
   EXPECT_TRUE(nothingIsLeft());
 }
 
-/// A child that is there until it is killed, and calls nothing meanwhile.
+/// A child that does nothing until it is killed.
 class IdleChild {
  public:
   IdleChild() : m_child(fork()) {

@@ -1,5 +1,5 @@
-// Signals in the middle of a selection. They are handled on the host's threads alone, interrupt
-// nothing that the selection does, and none is raised by what a peer does.
+// Signals during a selection. Only the host's threads handle them, they interrupt nothing of the
+// selection, and no peer's action raises one.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,7 +13,7 @@
 namespace tests {
 namespace {
 
-/// Signals that a handler has seen, and those of them on a thread that is not the host's.
+/// Numbers of handled signals, and of those handled on other threads than the host's.
 std::atomic<int> g_handled{0};
 std::atomic<int> g_handledElsewhere{0};
 std::atomic<pid_t> g_runThread{0};
@@ -46,7 +46,7 @@ class SignalledHost : public testing::TestWithParam<int> {
  protected:
   SignalledHost() { m_host.BringUp(m_gateways.Addresses()); }
 
-  // Gateways in a process of their own: this one has the test's threads and the library's alone.
+  // Gateways in another process: this one has only threads of the test and the library.
   const GatewayProcess m_gateways{{"", "delay=30", "delay=60"}};
   Host m_host;
   Client m_client;

@@ -1,5 +1,5 @@
-// What belongs to the host and is as before after selections: locale, umask, environment, working
-// directory, what is done with signals. Compared on the thread that executes the runs.
+// What selections must leave unchanged for the host: locale, umask, environment, working directory,
+// signal handling. Compared on the thread that executes the runs.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@
 namespace tests {
 namespace {
 
-/// Which signals are in a set, and how every signal is treated.
+/// The signals of a set, and the treatment of every signal.
 std::string textOf(const sigset_t& signals) {
   std::ostringstream text;
   for (int signal = 1; signal < NSIG; ++signal) {
@@ -29,7 +29,7 @@ std::string textOf(const sigset_t& signals) {
   return text.str();
 }
 
-/// What the calling thread and the process look like.
+/// The state of the calling thread and the process.
 std::map<std::string, std::string> surroundings() {
   std::map<std::string, std::string> found;
   for (char** variable = environ; *variable != nullptr; ++variable) {
@@ -53,8 +53,7 @@ std::map<std::string, std::string> surroundings() {
   return found;
 }
 
-/// A host with peculiarities of its own, so that "as before" differs from what a process starts
-/// with.
+/// A host with unusual settings, which differ from a new process's.
 class PeculiarHost : public testing::Test {
  protected:
   PeculiarHost() {

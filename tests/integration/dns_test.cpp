@@ -1,7 +1,6 @@
-// Headends that have names, and name servers that are broken or mean harm: the real command, the
-// machine's own resolver, and a scripted name server in a network of the test's own. Where there
-// is none to be had the tests are skipped. What a probe does about a name's addresses is tested
-// beside HttpProbe.
+// Headends with names, and broken or malicious name servers: the real command, the machine's own
+// resolver, and a scripted name server in the test's own network. Skipped where no network can be
+// made. HttpProbe's tests cover what a probe does with a name's addresses.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,13 +19,13 @@ namespace {
 using nlohmann::json;
 using testing::SizeIs;
 
-/// What automake and ctest take as "skipped".
+/// The status "skipped" of automake and ctest.
 constexpr int NotPermitted = 77;
 
-/// Longer than a busy machine takes to let a probe of ten seconds end.
+/// Even on a busy machine a probe of ten seconds ends sooner.
 constexpr double MuchLaterMs = 25'000;
 
-/// As a shell takes it: every byte stands for itself.
+/// Quotes every byte for a shell.
 std::string quoted(const std::string& word) {
   std::string result = "'";
   for (const char c : word) {
@@ -35,8 +34,7 @@ std::string quoted(const std::string& word) {
   return result + "'";
 }
 
-/// `ahs select --json` in a network of its own, with a name server and one good gateway,
-/// "good.example".
+/// `ahs select --json` in its own network, with a name server and one good gateway, "good.example".
 class Names : public CommandTest {
  protected:
   void SetUp() override {
@@ -47,8 +45,8 @@ class Names : public CommandTest {
     }
   }
 
-  /// @param more lines of the scene (simulator/README.md) besides.
-  /// @return the object that the command has written.
+  /// @param more further lines of the scene (simulator/README.md).
+  /// @return the command's JSON object.
   json Select(const std::vector<std::string>& more, const std::vector<std::string>& hosts) const {
     std::string scene =
         "resolver 10.77.0.53\ngateway 10.77.0.1:443\nanswer good.example 10.77.0.1\n";
@@ -60,7 +58,7 @@ class Names : public CommandTest {
                                  preference("SelectionConnectTimeout", "60000") +
                                  preference("SelectionPingTimeout", pingTimeoutMs) +
                                  preference("SelectionTestPingTimeout", "1") + "</preferences>\n");
-    // Nothing of this machine's settings has a say.
+    // This machine's settings must not matter.
     std::string command = "exec env -i HOME=" + home + " RES_OPTIONS=" + quoted(resolverOptions) +
                           " " + quoted(AHS_PROGRAM) +
                           " select --json --no-cache --log-level info --log-file log "
@@ -124,7 +122,7 @@ TEST_F(Names, AThousandAtOnceAreAllMeasured) {
   constexpr int Count = 1000;
   constexpr double RoundTripMs = 20;
   pingTimeoutMs = "40000";
-  // A server that is slow in telling them all is no failure, and neither is a packet that is lost.
+  // A server that answers slowly is no failure, nor is a lost packet.
   resolverOptions = "timeout:10 attempts:3";
   std::vector<std::string> scene = {"path default rtt=20"};
   std::vector<std::string> hosts;

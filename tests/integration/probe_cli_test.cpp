@@ -1,5 +1,5 @@
-// `ahs probe` as a person meets it: the real program and real servers, its two outputs, its exit
-// status, and a terminal where one matters.
+// `ahs probe` as a person sees it: the real program and real servers, both outputs, the exit
+// status, and a terminal if it matters.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -56,8 +56,8 @@ TEST_F(ProbeCommandTest, SecureProbesAreThoseOfALoginAtAProxy) {
 TEST_F(ProbeCommandTest, AServerOfPlainHttpSpeaksNoTlsAndKeepsTheConnection) {
   // First byte of a TLS handshake record.
   constexpr char TlsGreeting = 0x16;
-  // It does not let the greeting wait for the time-out, which is long: no connection is kept where
-  // an answer takes a good part of it.
+  // Answers the greeting at once: the time-out is long, and a connection is not kept if an answer
+  // takes a good part of it.
   const ScriptedServer server([](Connection& connection) {
     for (std::string request = connection.readSome();
          !request.empty() && request.front() != TlsGreeting; request = connection.readSome()) {
@@ -109,7 +109,7 @@ TEST_F(ProbeCommandTest, AnOutputThatCannotBeWrittenIsAnErrorAndEndsTheProbes) {
 TEST_F(ProbeCommandTest, CtrlCSumsUpWhatWasMeasuredAndGivesTheVerdictAfterTheLastProbe) {
   for (const auto& [answers, shown] :
        {std::pair{2, "   2. "}, std::pair{3, " ms of all samples"}}) {
-    // The first connection is answered so often; what comes then waits.
+    // The first connection gets this many answers; later requests wait.
     std::atomic<int> left = answers;
     const ScriptedServer server([&left](Connection& connection) {
       while (left-- > 0 && !connection.readHead().empty()) {

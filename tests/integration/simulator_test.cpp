@@ -1,6 +1,6 @@
-// The simulator is what other tests and the benchmarks measure against, so it is measured itself:
-// what a packet waits, that a scene that is wrong is refused, and that nothing of it stays behind.
-// What its gateways do is seen by the probes of hostile_gateways_test.
+// Other tests and the benchmarks rely on the simulator, so it is measured too: the delay of
+// packets, the refusal of wrong scenes, and that nothing of it is left. hostile_gateways_test
+// covers its gateways.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,7 +46,7 @@ struct Ended {
   std::string output;
 };
 
-/// Runs a program to its end. @param endAt the output at which it is asked to end.
+/// Runs a program to its end. @param endAt output after which to ask the program to end.
 Ended run(const std::vector<std::string>& command, const std::string& endAt = "") {
   const tests::TemporaryDirectory directory;
   const std::string output = directory.File("output");
@@ -69,7 +69,7 @@ TEST(Gateways, AnUnknownBehaviourIsAUsageError) {
   EXPECT_EQ(ended.status, 2);
 }
 
-/// Programs in a network of their own; skipped where there is none to be had.
+/// Programs in their own network; skipped where none can be made.
 class Wan : public testing::Test {
  protected:
   void SetUp() override {
@@ -85,7 +85,7 @@ TEST_F(Wan, PingsTakeAsLongAsConfigured) {
                            "--path", "fd77::1,rtt=200", "--", "fping", "-q", "-C", "10", "-t",
                            "1000", "-p", "100", "10.77.0.1", "10.77.0.2", "fd77::1"});
   ASSERT_EQ(ended.status, 0) << ended.output;
-  // The smallest, so that a busy machine is not taken for a slow network.
+  // Takes the smallest time: a busy machine must not look like a slow network.
   std::istringstream lines(ended.output);
   for (const double rtt : {5.0, 40.5, 200.0}) {
     std::string line;
@@ -111,7 +111,7 @@ TEST_F(Wan, TheExitStatusIsTheCommandsUnlessTheServersFail) {
 }
 
 TEST_F(Wan, NothingThatItStartedOutlivesIt) {
-  // Servers, one that ignores being asked, and one that has lost its parent.
+  // Two servers: one ignores SIGTERM, the other has lost its parent.
   const Ended ended = run(
       {AHS_WAN, "--servers", "sh -c 'echo $$ >&2; echo ready; exec sleep 600'", "--", "sh", "-c",
        "(trap '' TERM; sleep 600 & echo $!); (sh -c 'echo $$; : >told; exec sleep 600' &); "

@@ -1,5 +1,4 @@
-// What happens in a run, drawn by lot, so that about half of the runs come by the moment that is
-// aimed at.
+// Draws what happens in a run, so that about half of the runs reach the chosen moment.
 
 #include "tests/stress/scenario.h"
 
@@ -19,7 +18,7 @@ constexpr STATUSCODE Failures[] = {
     0xFE460005,  // callers do not know it: a sample
 };
 
-/// For a moment that may await nothing, or any step of the timer: one is drawn.
+/// For a moment that may await nothing or any step of the timer: one is drawn.
 constexpr const char* Any = "any";
 
 class Dice {
@@ -73,10 +72,10 @@ const std::array<Moment, MomentCount> Moments{{
     {"with abandoned workers", WorkerStarted, TimerFinishes, ProbeOut, RunReturned},
     {"during a worker's probe", ProbeOut, Any},
     {"between last sample and report", SamplesSaid, Any},
-    // Not until the callback is back: its ranking waits for the reporter.
+    // Only after the callback: its ranking waits for the reporter.
     {"during a report", Reporting, TimerFinishes},
     {"before the run takes the end lock", WantsEndLock, Any},
-    // The timer thread gets no further than to the lock that is held here.
+    // The timer thread stops at the lock that is held here.
     {"while the run finishes", RunFinishes, TimerExpired},
     {"met by all while it finishes", ProbeOut, TimerFinishes, TimerFinishes, WantsToFinish},
     {"in the destructor", RunFinishes, TimerIsIn, TimerExpired, RunReturned},

@@ -15,7 +15,7 @@ constexpr unsigned int MostPings = 3;
 /// Which thread of a run.
 enum class Role : unsigned char { Main, Run, Timer, Worker, Results, Reaper };
 
-// What a run comes by. A line of the log goes by its format.
+// Points that a run passes. A log line's point is named by its format.
 constexpr const char* TimerArmed = "timer armed";
 constexpr const char* TestPingSaid = "QIB Sending test ping to %s:%d";
 constexpr const char* TestProbeOut = "test probe out";
@@ -43,7 +43,7 @@ constexpr const char* ProviderDeleted = "provider deleted";
 constexpr const char* CacheReleased = "cache released";
 constexpr const char* RunReturned = "run returned";
 
-/// A moment at which an expiry is aimed, and what the thread that makes it expire then waits for.
+/// A moment for the timer's expiry, and what the thread at that moment then waits for.
 struct Moment {
   const char* name;
   const char* at = nullptr;
@@ -53,7 +53,7 @@ struct Moment {
   const char* holdsUntil = nullptr;
 };
 
-/// The first one is that the timer never expires, the second one any step of any thread.
+/// First: the timer never expires; second: at any step of any thread.
 constexpr std::size_t MomentCount = 16;
 extern const std::array<Moment, MomentCount> Moments;
 constexpr std::size_t Never = 0;
@@ -64,8 +64,8 @@ struct ProbeOutcome {
   unsigned int rtt = 0;
 };
 
-/// Everything that is decided about one run in advance. The same seed, round and member give the
-/// same scenario; how the threads then meet is up to the machine.
+/// All decisions about one run. The same seed, round and member give the same scenario; the machine
+/// decides how the threads interleave.
 struct Scenario {
   Scenario(std::uint64_t seed, unsigned long round, unsigned int member);
 

@@ -18,7 +18,7 @@ namespace stress {
 
 class Stage;
 
-/// The calling thread, as far as it concerns a run.
+/// The calling thread's part in a run.
 struct Self {
   Stage* stage = nullptr;
   Role role = Role::Main;
@@ -26,33 +26,32 @@ struct Self {
   std::uint32_t noise = 0;
   unsigned int probes = 0;
 
-  // What the thread that is being created will be.
+  // The role of the thread that is being created.
   Role nextRole = Role::Reaper;
   unsigned int nextWorker = 0;
 };
 
 Self& self();
 
-/// Makes the calling thread one of a run's.
+/// Makes the calling thread part of a run.
 void enter(Stage* stage, Role role, unsigned int worker = 0);
 
 /// Lets the calling thread come by, if it is a run's; see `Stage::pass`.
 void pass(const char* what = nullptr);
 
-/// The time of timers in nanoseconds and that of probes in milliseconds, which move when a run says
-/// so and never by themselves. Neither starts at 0, which stands for no time; the 32 bits of the
-/// latter that workers look at overflow early on.
+/// The timers' time in nanoseconds and the probes' time in milliseconds, which only runs move.
+/// Neither starts at 0, which means no time; the low 32 bits of the latter, which workers read,
+/// overflow early.
 inline std::atomic<MonotonicClock::rep> timersNow{1000};
 inline std::atomic<unsigned long> probesNow{0xFFFF0000};
 
-/// Threads that belong to runs, until they have ended.
+/// Number of running threads that belong to runs.
 inline std::atomic<long> threadsOfRuns{0};
 
-/// What one run plays on: its scenario, what its threads have come by, and what its client was
-/// told.
+/// The stage of one run: its scenario, its threads' events, and its client's results.
 ///
-/// Whatever its threads share here is atomic and orders nothing, so that the harness hides no race
-/// of theirs from a race detector. A stage outlives all threads of its run.
+/// All shared data is atomic and orders nothing, so that the harness hides no race from a race
+/// detector. A stage outlives its run's threads.
 class Stage : public ClientIfcBase {
  public:
   struct Event {
@@ -66,8 +65,8 @@ class Stage : public ClientIfcBase {
   /// Names the locks of the run, before it has any thread.
   void watch(CHeadendSelection& run);
 
-  /// A thread of the run comes by: that is noted if it is an event, and the thread may be delayed,
-  /// held, or make the run's timer expire.
+  /// A thread of the run passes a point. This records an event, and may delay or hold the thread or
+  /// let the timer expire.
   void pass(const char* what = nullptr);
   void wantLock(const CManualLock* lock);
   void haveLock(const CManualLock* lock);
@@ -78,7 +77,7 @@ class Stage : public ClientIfcBase {
   void AHSSelectedHost(unsigned int reason, const std::vector<std::string>& headends, long status,
                        const std::string& extraInfo) override;
 
-  /// Whether the timer expired at the moment that was aimed at, and met what it should.
+  /// Whether the timer expired at the chosen moment, in the expected state.
   bool hasHit() const;
 
   const Scenario scenario;
@@ -88,7 +87,7 @@ class Stage : public ClientIfcBase {
   std::atomic<unsigned int> startsAsked{0};
   std::array<std::atomic<bool>, MostHeadends> isStarted{};
 
-  // What the first callback brought, and the hosts that were stored; each written by one thread.
+  // The first callback's result and the stored hosts; one thread writes each.
   unsigned int reason = 0;
   std::vector<std::string> headends;
   long status = -1;
@@ -103,7 +102,7 @@ class Stage : public ClientIfcBase {
 
   const CManualLock* m_endLock = nullptr;
   const CManualLock* m_resultsLock = nullptr;
-  std::atomic<unsigned int> m_passages{0};  // that the aim counts
+  std::atomic<unsigned int> m_passages{0};  // passages counted for the aim
   std::atomic<unsigned int> m_endLocks{0};  // how often the run thread wanted the lock of the end
   std::atomic<MonotonicClock::rep> m_armedUntil{0};  // 0 while it is not
   std::atomic<bool> m_hasAwaited{false};

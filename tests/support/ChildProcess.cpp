@@ -1,5 +1,5 @@
-// Programs that a test runs. Each is known by its process id from the fork to the wait, so that no
-// signal can ever reach a process that the test did not start.
+// Programs that a test runs. A process id is kept only from fork to wait, so no signal can reach a
+// process that the test did not start.
 
 #include "tests/support/ChildProcess.h"
 
@@ -22,19 +22,19 @@ namespace tests {
 
 namespace {
 
-/// Where Debian keeps servers; an ordinary user's PATH has none of these.
+/// Debian's directories of servers, which an ordinary user's PATH lacks.
 constexpr const char* ServerDirectories = "/usr/local/sbin:/usr/sbin:/sbin";
 
-/// How long a server gets to end by itself. It has nothing to finish.
+/// A server's time to end by itself. It has nothing to finish.
 constexpr std::chrono::milliseconds TerminationLimit{3000};
 
-/// How long a program that does one thing may take, on a machine that is busy with other tests.
+/// Time limit of a program with a single task, on a machine busy with other tests.
 constexpr std::chrono::milliseconds RunLimit{30000};
 
 constexpr std::chrono::milliseconds PollInterval{5};
 
-/// The child between fork and exec, where only async-signal-safe calls are allowed. Returns when it
-/// could not become the program.
+/// The child between fork and exec: only async-signal-safe calls are allowed. Returns if exec
+/// failed.
 void becomeProgram(char* const* arguments, const char* outputFile, const char* directory,
                    pid_t parent) {
   // The test may have died before it could be watched.

@@ -1,4 +1,4 @@
-// The settings of a selection: defaults, values in force, and values that may not stand.
+// The settings of a selection: defaults, values in force, and invalid values.
 
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Api/AHS/AHSSettings.h"
@@ -99,7 +99,7 @@ TEST_F(AHSSettingsTest, AValueThatMayNotStandGivesTheDefaultAndAWarning) {
           std::string("many"), std::string()}) {
       const LogCapture log;
       EXPECT_EQ(readFrom(row.name, wrong).*row.field, row.defaultValue) << row.name << wrong;
-      // The first line is the file's; the second says what is done about it.
+      // The first line is about the file, the second about the consequence.
       ASSERT_THAT(log.Lines(), SizeIs(2)) << row.name << wrong;
       EXPECT_THAT(log.Lines()[1],
                   AllOf(StartsWith("vpn/Api/AHS/AHSSettings: GetSettings: " +

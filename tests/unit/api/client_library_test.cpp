@@ -1,5 +1,5 @@
-// Bringing the client library up and taking it down. The measure of the probes is recorded by a
-// double; log, preferences and execution context are the real ones.
+// Starting and stopping the client library. A double records the measure of the probes; log,
+// preferences and execution context are real.
 
 #include "tests/unit/api/api_fixture.h"
 #include "vpn/Api/ClientLibrary.h"

@@ -1,5 +1,5 @@
-// What the documentation shows is what the program reads: the examples load without a word, stand
-// in the text as they are, and the table of preferences has each with its default and its range.
+// The documentation matches the program: the examples load without messages and stand unchanged in
+// the text, and the table of preferences has each with its default and range.
 
 #include <regex>
 #include <set>
@@ -28,8 +28,8 @@ std::string rowOf(const std::string& text, const char* name) {
 
 using Words = std::set<std::string>;
 
-/// An element with all that may stand in it: its name, its attributes, a "!" behind each that is
-/// required, and their values.
+/// All parts of an element: its name, its attributes, a "!" after each required one, and their
+/// values.
 void collect(const ElementRule& rule, Words& words) {
   words.insert(rule.name);
   for (const ElementRule::Attribute& attribute : rule.attributes) {
@@ -41,7 +41,7 @@ void collect(const ElementRule& rule, Words& words) {
   }
 }
 
-/// The same of a schema.
+/// The same parts from a schema.
 Words wordsOfSchema(const std::string& name) {
   const std::string text = tests::readFile(Root + "/vpn/Api/schema/" + name);
   const std::regex declaration(

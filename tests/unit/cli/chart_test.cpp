@@ -1,5 +1,4 @@
-// The ranking as a picture, and the page around it: what a browser test cannot reach, such as names
-// that try to be markup.
+// The ranking's chart and page: cases beyond a browser test, such as names that look like markup.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Why a selection came out as it did: the numbers, and the words for them.
+// The reasons for a selection's result: numbers and words.
 
 #include "cli/show/Explanation.h"
 

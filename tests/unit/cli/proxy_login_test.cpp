@@ -1,4 +1,4 @@
-// The login at a proxy: what a person is asked, how often, and what a run is given for it.
+// The login at a proxy: questions to a person, their number, and the run's credentials.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ constexpr const char* Refusal = "The proxy does not accept this user name and pa
 
 class ProxyLoginTest : public testing::Test {
  protected:
-  // Asking for a password makes the process one that tools cannot look into.
+  // Asking for a password made the process opaque to tools.
   ~ProxyLoginTest() override { prctl(PR_SET_DUMPABLE, 1, 0, 0, 0); }
 
   static std::shared_ptr<Terminal> at(const Person& person) {

@@ -21,7 +21,7 @@ constexpr const char* Password = "correct-horse";
 
 class ProxyOptionsTest : public testing::Test {
  protected:
-  // Reading a password makes the process one that tools cannot look into.
+  // Reading a password made the process opaque to tools.
   ~ProxyOptionsTest() override { prctl(PR_SET_DUMPABLE, 1, 0, 0, 0); }
 
   std::string make() {

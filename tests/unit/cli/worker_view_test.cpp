@@ -70,7 +70,7 @@ TEST(WorkerView, AProbeThatEndsAfterTheTimeLimitOfASelectionComesTooLate) {
       << "a selection does not send it";
 }
 
-/// A probe that was waited for longer than a selection waits.
+/// A probe that waited longer than a selection waits.
 EndedProbe answeredAfter(milliseconds time) {
   EndedProbe probe = answered(25);
   probe.report.totalUs = std::chrono::microseconds(time).count();

@@ -89,7 +89,7 @@ TEST_F(ExecutionContext, TheLastReleaseWaitsForACallbackUnderWay) {
     context->releaseInstance();
     released = true;
   });
-  // A list that takes no timer shows that the release has begun.
+  // Once the release has begun, the list accepts no timer.
   EXPECT_TRUE(eventually([&late] { return late.StartTimer(60000) == TIMER_ERROR_LIST_CLOSED; }));
   EXPECT_EQ(acquired(), nullptr);
   EXPECT_FALSE(released);

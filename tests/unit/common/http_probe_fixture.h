@@ -30,7 +30,7 @@ inline ScriptedServer::Script answeringAfter(std::chrono::milliseconds time,
   };
 }
 
-/// Puts a variable into the environment for a time.
+/// Sets an environment variable for a scope.
 class Variable {
  public:
   Variable(const char* name, const std::string& value) : m_name(name) {
@@ -44,7 +44,7 @@ class Variable {
   const char* const m_name;
 };
 
-/// Remembers what it is told, by one thread at a time.
+/// Records its calls; one thread at a time.
 class RecordingWatcher : public ProbeTask {
  public:
   void probeStarted(const HttpProbe::Report& report) override { started.push_back(report); }
@@ -54,12 +54,12 @@ class RecordingWatcher : public ProbeTask {
   std::vector<HttpProbe::Report> ended;
 };
 
-/// Sends probes and keeps what came back of the last one. Leaves the process's settings as they are
-/// by default.
+/// Sends probes and keeps the last one's results. By default leaves the process's settings
+/// unchanged.
 class HttpProbeTest : public testing::Test {
  protected:
   static constexpr unsigned int kAll = 31;
-  // Long enough that only what never answers reaches it.
+  // So long that only an endless wait reaches it.
   static constexpr unsigned int kPatience = 20;
 
   void TearDown() override {
@@ -75,7 +75,7 @@ class HttpProbeTest : public testing::Test {
                            const std::string& host = "127.0.0.1") {
     return send(host, true, port, timeoutSeconds);
   }
-  /// Probes a server that is there for this probe alone.
+  /// Probes a server made for this probe alone.
   STATUSCODE probeOf(ScriptedServer::Script script, bool secure = false,
                      unsigned int timeoutSeconds = kPatience) {
     const ScriptedServer server(std::move(script));
@@ -95,7 +95,7 @@ class HttpProbeTest : public testing::Test {
   PROXY_DATA proxy;
   std::string userAgent;
   unsigned int wanted = kAll;
-  /// What the results are before each probe.
+  /// The results before each probe.
   HttpProbe::HTTP_PROBE_RESULTS untouched;
   HttpProbe::HTTP_PROBE_RESULTS results;
   RequestLog log;

@@ -87,7 +87,7 @@ struct Turns {
   CMonitor lock;
   int next AHS_GUARDED_BY(lock) = 0;
 
-  /// Waits for the turn of `parity` and gives the other one its own.
+  /// Waits for the turn of `parity`, then passes the turn on.
   void take(int parity, int turns) {
     for (int turn = 0; turn < turns; ++turn) {
       const CAutoLockT<CMonitor> guard(lock);

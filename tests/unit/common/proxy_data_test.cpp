@@ -16,7 +16,7 @@ namespace {
 constexpr const char* LongSecret = "correct-horse-battery-staple-0123456789";
 constexpr const char* ShortSecret = "hunter2-hunter";
 
-/// Fills a record with copies that are nobody else's.
+/// Fills a record with copies that it does not share.
 void fill(PROXY_DATA& data, const char* user, const char* pswd) {
   data.determineProxy = true;
   data.proxyServer = "http=http://proxy:3128";

@@ -1,5 +1,5 @@
-// libproxy's five functions, with a script behind them. Lists are as libproxy makes them: arrays of
-// texts that the caller may write to and gives back.
+// libproxy's five functions, scripted. Like libproxy's, lists are arrays of texts that the caller
+// may change and must free.
 
 #include "tests/unit/common/proxy_settings_double.h"
 
@@ -20,7 +20,7 @@ struct pxProxyFactory_ {
 namespace tests {
 namespace {
 
-/// Threads that were left to themselves may ask until the end, so it is never freed.
+/// Never freed: abandoned threads may ask until the process ends.
 struct STATE {
   std::mutex mutex;
   ProxySettingsDouble::Script script;

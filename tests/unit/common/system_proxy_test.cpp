@@ -30,7 +30,7 @@ using Entries = std::vector<std::string>;
 constexpr char kUrl[] = "http://gate.example:443/";
 constexpr std::size_t kMostAtATime = 4;
 
-// Nothing waits for it to pass.
+// A limit that no test reaches.
 constexpr auto kPatience = 60s;
 
 SystemProxy::Outcome find(Entries& entries, std::chrono::milliseconds limit = kPatience) {
@@ -38,7 +38,7 @@ SystemProxy::Outcome find(Entries& entries, std::chrono::milliseconds limit = kP
   return SystemProxy::find(kUrl, limit, entries);
 }
 
-/// Holds every question up until it is opened; the threads left behind have their share.
+/// Blocks every question until the gate opens; shared with abandoned threads.
 ProxySettingsDouble::Script waitingFor(const std::shared_ptr<Gate>& gate) {
   return [gate](const std::string&) {
     gate->pass();
@@ -98,7 +98,7 @@ TEST(SystemProxy, WhenAsManyAreLateAsMayAskTheNextIsToldAtOnceThatThereIsNoAnswe
     gate->open();
   }
   for (int i = 0; i < 20; ++i) {
-    // A thread that has been let go takes a moment to end.
+    // A released thread needs a moment to end.
     Entries next;
     EXPECT_TRUE(eventually([&next] { return find(next) == SystemProxy::Outcome::Found; }));
     EXPECT_THAT(next, ElementsAre("direct://"));
@@ -130,7 +130,7 @@ TEST(SystemProxy, WhoComesWhenAllAreBusyWaitsForOneToBeDone) {
   EXPECT_EQ(ProxySettingsDouble::factories().misused, 0U);
 }
 
-// Alone in its process, so that no factory has been made before.
+// Alone in its process, so that no factory exists yet.
 TEST(SystemProxyAtFirst, AFactoryThatCannotBeMadeIsAFailureAndIsTriedAgain) {
   ProxySettingsDouble::factories().failToMake = true;
   Entries entries;

@@ -1,5 +1,5 @@
-// The memory of the transport: what malloc's functions do, and that nothing is left in what is
-// given back. The program's own free looks at every block that it is handed.
+// The memory of the transport: that its functions act like malloc's, and wipe what they free. The
+// program's own free inspects every block.
 
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::string_view Secret = "correct-horse-battery-staple";
 
-/// Of the block that was given back last.
+/// The block freed last.
 const void* g_freed = nullptr;
 bool g_freedIsZero = false;
 
@@ -111,7 +111,7 @@ void* useStack(void*) {
   return nullptr;
 }
 
-/// What a function leaves on the stack of a thread of its own.
+/// What a function leaves on its thread's stack.
 std::string leftOnStackBy(void* (*function)(void*)) {
   alignas(4096) static std::array<char, 256UL * 1024> stack;
   stack.fill('\0');

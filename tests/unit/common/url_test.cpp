@@ -1,4 +1,4 @@
-// The grammar of addresses: what is taken apart, and that what is no address leaves nothing behind.
+// The grammar of addresses: how they are parsed, and that an invalid address leaves nothing behind.
 
 #include "vpn/Common/Utility/URL.h"
 
@@ -48,7 +48,8 @@ TEST(Url, WhatIsAnAddressIsTakenApart) {
       {"host:/x", "host", "", "/x"},
       {"host:00443", "host", "443"},
       {"host:" + std::string(1000, '0') + "1", "host", "1"},
-      // Names may have hyphens but in front, digits but as their end, and letters of all scripts.
+      // Hyphens may not begin a name, digits may not be its end; letters of all scripts are
+      // allowed.
       {"gw--1-.example", "gw--1-.example"},
       {"10.example", "10.example"},
       {"vpn1", "vpn1"},

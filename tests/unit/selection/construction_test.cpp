@@ -1,5 +1,5 @@
-// Construction and destruction of a selection run: what is acquired, in which order it is given
-// back, and that a run whose construction failed is harmless.
+// Construction and destruction of a run: what it acquires, in which order it releases that, and
+// that a run whose construction failed is harmless.
 
 #include <array>
 #include <vector>
@@ -86,7 +86,7 @@ TEST_F(Construction, EveryReasonHasATextForTheLog) {
 
 class Destruction : public SelectionTest {
  protected:
-  /// A run with everything that a destructor can meet, brought to its end except for the deletion.
+  /// A finished run with everything that a destructor can meet, not yet deleted.
   void makeFinished() {
     CHeadendSelection& selection = makeFor({"gw1"});
     selection.SetProxy(nullptr);

@@ -1,6 +1,5 @@
-// What all tests of a selection run share: a run among doubles, brought to its end on a thread of
-// its own, and the account at the end of each test. Whatever a test does, everything acquired must
-// have been released and no thread may be left.
+// Shared by all tests of a selection run: runs one among doubles on a separate thread, and checks
+// after each test that everything acquired is released and no thread is left.
 
 #include "tests/unit/selection/selection_fixture.h"
 

@@ -1,6 +1,5 @@
-// The timer against the run's own end, at every point where the two can meet. However they meet,
-// the client is called once, nothing is touched after it was freed, and no thread or acquisition is
-// left.
+// The timer against the run's own end, at every point where they can meet. In every case the client
+// is called once, nothing is used after it was freed, and no thread or acquisition is left.
 
 #include <atomic>
 #include <string>
@@ -46,7 +45,8 @@ TEST_F(TimerRace, BetweenTwoStartsHoldsTheRunUntilTheClientsCallbackHasReturned)
   mayReturn.open();
   joinRun();
 
-  // At once: who joins the run thread may take the client away. The worker still keeps the run.
+  // Immediately: after joining the run thread, the client may be deleted. The worker still holds
+  // the run.
   EXPECT_EQ(client.calls(), 1U);
   EXPECT_GE(CThread::RunningCount(), 1U);
   EXPECT_LT(cache().released, cache().acquired);

@@ -1,4 +1,4 @@
-// Preferences and profiles straight from the test, without files, where every step can fail.
+// A test's own preferences and profiles, without files; every step can fail.
 
 #include "tests/unit/selection/doubles/preferences.h"
 

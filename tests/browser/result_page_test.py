@@ -18,9 +18,9 @@ from xml.sax.saxutils import quoteattr
 
 PATIENCE_S = 60
 GATEWAYS = ["127.0.0.1:0,delay=100", "127.0.0.1:0,delay=400"]
-# Port 1 (tcpmux) is used by nobody any more.
+# Nobody uses port 1 (tcpmux) any more.
 CLOSED = "127.0.0.1:1"
-# A host entry's name is markup, and one entry has no name but its address.
+# One host entry's name is markup; another entry has only an address.
 NAMES = ["Near", "<b>Far</b>", CLOSED]
 
 

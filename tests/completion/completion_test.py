@@ -32,7 +32,7 @@ class Place:
         self.profiles(os.path.join(self.root, ".config/ahs/profiles"),
                       [(name, "gw%d.example.com:8443" % i) for i, name in enumerate(HOSTS)])
         self.profiles(os.path.join(self.root, "other place"), [("elsewhere", "[2001:db8::1]:8443")])
-        # As they are installed.
+        # Installed like a package's files.
         self.scripts = {"bash": "share/bash-completion/completions/ahs", "zsh": "share/zsh/site-functions/_ahs",
                         "fish": "share/fish/vendor_completions.d/ahs.fish"}
         for shell, path in self.scripts.items():
@@ -107,7 +107,7 @@ class Terminal:
         os.close(self.fd)
 
 
-# The prompt that tells that the shell is ready does not stand like that in the line that is echoed.
+# The shell's ready prompt differs from the prompt in an echoed line.
 def bash(place, load):
     return Terminal(place, ["/bin/bash", "--norc", "--noprofile", "-i"],
                     "%s; write() { printf %%s \"$READLINE_LINE\" >%s/line.new; mv %s/line.new %s/line; }; "
@@ -138,7 +138,7 @@ class Shells(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.place = Place()
-        # The way that each is found once it is installed.
+        # Where each shell finds an installed script.
         cls.terminals = {"bash": bash(cls.place, "source /usr/share/bash-completion/bash_completion"),
                          "zsh": zsh(cls.place, "fpath=(%s/share/zsh/site-functions $fpath)" % cls.place.root, "")}
 
@@ -162,7 +162,7 @@ class Shells(unittest.TestCase):
     def becomes(self, line, completed, shells=("bash", "zsh")):
         for shell in shells:
             with self.subTest(shell=shell, line=line):
-                # zsh goes on with the value behind an equals sign.
+                # zsh continues the value after the equals sign.
                 self.assertEqual(self.terminals[shell].complete(line).rstrip(" ="), completed)
 
     def test_commands_options_words_and_files(self):
@@ -173,7 +173,7 @@ class Shells(unittest.TestCase):
                 ("ahs select --glob", "ahs select --global-preferences"),
                 ("ahs cache show --cac", "ahs cache show --cache-dir"),
                 ("ahs select --cache-dir /tmp --expl", "ahs select --cache-dir /tmp --explain"),
-                # Nothing of one command is offered for another.
+                # A command is not offered another one's options.
                 ("ahs cache path --expl", "ahs cache path --expl"),
                 ("ahs select --reason proc", "ahs select --reason process-launch"),
                 ("ahs select --reason=proc", "ahs select --reason=process-launch"),
@@ -186,9 +186,9 @@ class Shells(unittest.TestCase):
                 ("ahs exec --tries 2 -- dpkg-arch", "ahs exec --tries 2 -- dpkg-architecture"),
                 ("ahs watch --exec dpkg-arch", "ahs watch --exec dpkg-architecture"),
                 ("ahs exec -- cat a\\ f", "ahs exec -- cat a\\ file.xml"),
-                # Without a usable profile nothing is said.
+                # Without a usable profile there is no message.
                 ("ahs select --profiles /nowhere --last p", "ahs select --profiles /nowhere --last p"),
-                # A colon parts words.
+                # A colon separates words.
                 ("ahs select gw10.example.com:8", "ahs select gw10.example.com:8443"),
                 ("ahs select gw10.ex", "ahs select gw10.example.com:8443")]:
             self.becomes(line, completed)

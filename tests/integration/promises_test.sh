@@ -1,5 +1,5 @@
 #!/bin/bash
-# Every test that the page of promises names is there.
+# Every test named on the page of promises exists.
 # Usage: promises_test.sh SOURCE-DIRECTORY BUILD-DIRECTORY
 set -euo pipefail
 page=$1/docs/promises.md

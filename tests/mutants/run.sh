@@ -1,9 +1,8 @@
 #!/bin/bash
-# Shows that the tests hold what the product promises. Each patch beside this script, a mutant, breaks one
-# promise; the tests that it names have to fall. The mutants are those of this directory, what they change
-# is the commit that is checked out: it is built in a worktree of its own below DIR (build/mutants).
-# Results are kept there, so that a run that was stopped goes on where it stopped. JOBS compilers run at once;
-# tests that take longer than AHS_MUTANT_SECONDS (60) fall.
+# Proves that the tests guard the product's promises. Each patch beside this script, a mutant, breaks one
+# promise; the tests that it names must fail. Takes the mutants from this directory, and builds the
+# checked-out commit in a worktree below DIR (build/mutants). Keeps results there, so that an interrupted run
+# continues. Runs JOBS compilers at once; a test that takes longer than AHS_MUTANT_SECONDS (60) fails.
 # usage: run.sh [--list] [--fresh] [--build DIR] [NAME...]
 set -euo pipefail
 patches=$(cd "$(dirname "$0")" && pwd)
@@ -45,7 +44,7 @@ commit=$(git -C "$source" rev-parse HEAD)
 content=$(git -C "$source" ls-tree -r "$commit" -- vpn capi cli include simulator tests CMakeLists.txt CMakePresets.json |
   grep -v '	tests/mutants/' | sha256sum | cut -d' ' -f1)
 seconds_for_tests=${AHS_MUTANT_SECONDS:-60}
-# What was compiled in another checkout is taken from ccache.
+# ccache has what another checkout compiled.
 export CCACHE_BASEDIR=$tree CCACHE_NOHASHDIR=1
 export TSAN_OPTIONS=suppressions=$tree/tests/support/thread-sanitizer.supp
 ulimit -c 0
@@ -80,7 +79,7 @@ preset_of() { # preset_of NAME
   echo "${preset:-release}"
 }
 
-# Tests that fall without a mutant would say nothing: all that are named for a program pass first.
+# A test that fails without a mutant proves nothing: first all named tests must pass.
 declare -A sound
 passes_without_mutants() { # passes_without_mutants PRESET TARGET LOG
   if [ -z "${sound[$1/$2]:-}" ]; then

@@ -1,8 +1,7 @@
 #!/bin/bash
-# The binary interface is the one that is described in packaging: libahs.abi has the functions and structures
-# of the shared library, libahs.numbers the numbers that the C header names. With --write they are
-# described anew. Ends with 77, skipped, without libabigail's programs; with AHS_NO_SKIP in the environment that
-# is a failure.
+# The binary interface must match its description in packaging: libahs.abi has the shared library's functions
+# and structures, libahs.numbers the numbers that the C header names. --write renews the description. Ends with
+# 77, skipped, without libabigail's programs; with AHS_NO_SKIP in the environment that is a failure.
 # Usage: abi_test.sh SOURCE-DIRECTORY BUILD-DIRECTORY [--write]
 set -euo pipefail
 source=$(cd "$1" && pwd)
@@ -15,7 +14,7 @@ fi
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# Types from elsewhere than the headers are nobody's business.
+# Types of other headers do not matter.
 abidw --exported-interfaces-only --headers-dir "$source/include/ahs" --drop-private-types --no-corpus-path \
   --no-show-locs --no-comp-dir-path --no-elf-needed "$2/packaging/libahs.so" | sed "s|'$source/|'|" >"$scratch/abi"
 grep -oE 'AHS_[A-Z_]+( = [0-9]+| \(\(ahs_status\)[0-9A-Fx]+\)| UINT32_MAX)' "$source/include/ahs/ahs.h" >"$scratch/numbers"

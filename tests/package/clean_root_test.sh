@@ -1,11 +1,10 @@
 #!/bin/bash
-# The Debian packages in a machine that has nothing else: a root made with debootstrap, in which apt
-# installs them with what they depend on, and their own tests (debian/tests) run.
+# The Debian packages on an otherwise empty machine: a root made with debootstrap, in which apt
+# installs them with their dependencies, and their tests (debian/tests) run.
 #
-# Mirrors, keys and proxies are those of this machine's apt. The root without the packages is kept
-# for a day in CACHE-DIRECTORY, and so is what apt fetched. Mounts live in a namespace of their own and
-# go with it. Ends with 77, skipped, without root's rights or a mirror;
-# with AHS_NO_SKIP in the environment that is a failure.
+# Uses the mirrors, keys and proxies of this machine's apt. CACHE-DIRECTORY keeps the root without the
+# packages, and apt's downloads, for a day. Mounts vanish with their namespace. Ends with 77, skipped,
+# without root's rights or a mirror; with AHS_NO_SKIP in the environment that is a failure.
 # Usage: clean_root_test.sh SOURCE-DIRECTORY CACHE-DIRECTORY PACKAGES-DIRECTORY
 set -euo pipefail
 fail() {
@@ -35,7 +34,7 @@ cleanup() {
 trap cleanup EXIT
 phase() { echo "== $* (after $SECONDS s)"; }
 
-# quiet NAME COMMAND...: its output is shown if it fails.
+# quiet NAME COMMAND...: shows the command's output if it fails.
 quiet() {
   local log=$scratch/$1.log status=0
   shift
@@ -52,7 +51,7 @@ for program in debootstrap dpkg-buildpackage dh lintian; do
 done
 git -C "$source" rev-parse 2>/dev/null || skip "the sources are no checkout of git"
 codename=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
-# repositories FORMAT: one line for each of Debian's that this machine's apt uses.
+# repositories FORMAT: one line for each Debian repository of this machine's apt.
 repositories() { apt-get indextargets --format "$1" 'Created-By: Packages' 'Origin: Debian' | sort -u; }
 mirror=$(repositories "\$(CODENAME) \$(SITE)" | sed -n "s/^$codename //p" | head -n 1)
 [ -n "$mirror" ] || skip "apt of this machine knows no mirror of $codename (is apt-get update due?)"
@@ -61,13 +60,13 @@ make_base() {
   local keys=/usr/share/keyrings/debian-archive-keyring.gpg
   quiet debootstrap debootstrap --variant=minbase --keyring="$keys" "$codename" "$root" "$mirror" || return 1
   repositories "deb \$(REPO_URI) \$(RELEASE) \$(COMPONENT)" >"$root/etc/apt/sources.list"
-  # A mirror of one's own may have keys of its own.
+  # A private mirror may have its own keys.
   find /etc/apt/trusted.gpg.d /etc/apt/keyrings -type f -exec cp -t "$root/etc/apt/trusted.gpg.d" {} + 2>/dev/null || true
   {
     apt-config dump Acquire
     echo 'APT::Sandbox::User "root";'
   } >"$root/etc/apt/apt.conf.d/90machine"
-  # It is thrown away: nothing has to survive a power failure.
+  # The root is temporary: nothing must survive a power failure.
   echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/unsafe-io"
   printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
   chmod 755 "$root/usr/sbin/policy-rc.d"
@@ -100,7 +99,7 @@ for package in ahs libahs1 libahs-dev; do
 done
 cp -r "$source/debian" "$source/examples" "$root/source"
 
-# run_test NAME: one of debian/tests, with its dependencies.
+# run_test NAME: runs one of debian/tests, with its dependencies.
 run_test() {
   local words
   phase "test $1"
@@ -118,7 +117,7 @@ for file in man/man1/ahs.1.gz man/man5/ahs-profile.5.gz bash-completion/completi
   [ -e "$root/usr/share/$file" ] || fail "$file is missing"
 done
 run_test clients
-# What a client's author needs is the library alone.
+# A client's author needs only the library.
 ! within dpkg-query -W | grep -E '^lib(curl|proxy|spdlog|ssl|xml2).*-dev\b' || fail "development files of others are there"
 
 phase "removal"

@@ -1,6 +1,6 @@
 #!/bin/bash
-# What `cmake --install` puts in place, used as the author of a client would: the names that the library shows,
-# its headers, CMake, pkg-config, C, C++, Python, and the command.
+# The result of `cmake --install`, used like a client's author would: the library's visible names, its headers,
+# CMake, pkg-config, C, C++, Python, and the command.
 # Usage: installed_test.sh SOURCE-DIRECTORY BUILD-DIRECTORY C++-COMPILER C-COMPILER
 set -euo pipefail
 source=$1 build=$2 cxx=$3 cc=$4
@@ -55,7 +55,7 @@ done
 exec {from_gateways}< <(exec "$source/debian/tests/gateways" 0 0)
 gateways=$!
 read -r -a addresses <&"$from_gateways"
-# selects NAME COMMAND...: the command prints a headend, and whatever else.
+# selects NAME COMMAND...: the command prints a headend, perhaps among other output.
 selects() {
   local output
   output=$("${@:2}") || fail "$1: status $?"

@@ -1,7 +1,6 @@
 #!/bin/bash
-# The reference: doxygen has nothing to complain about in the headers that are installed, and each of
-# them is in it. Ends with 77, skipped, where there is no doxygen; with AHS_NO_SKIP in
-# the environment that is a failure.
+# The reference: doxygen reports no fault in the installed headers, and describes each of them. Ends
+# with 77, skipped, without doxygen; with AHS_NO_SKIP in the environment that is a failure.
 # Usage: reference_test.sh BUILD-DIRECTORY
 set -euo pipefail
 build=$1

@@ -1,6 +1,5 @@
 #!/bin/bash
-# The Debian packages, built once more elsewhere, later, by another locale, time zone and umask, and compiled anew,
-# are the same bytes.
+# The Debian packages, compiled anew in another place, time, locale, time zone and umask, are the same bytes.
 # Usage: reproducible_test.sh PACKAGES-DIRECTORY
 set -euo pipefail
 packages=$1

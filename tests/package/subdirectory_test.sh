@@ -1,7 +1,7 @@
 #!/bin/bash
-# A checkout as a subdirectory of another project: clients in C and C++ of the door, and one that puts the class
-# itself on a client library of its own, find the headers and are compiled with their own flags. Only the
-# clients' objects are compiled, which tells as much as the library would and takes a second.
+# A checkout as a subdirectory of another project: clients of the door in C and C++, and one with the class
+# itself on its own client library, find the headers and compile with their own flags. Compiles only the
+# clients' objects, which proves as much as the library and takes a second.
 # Usage: subdirectory_test.sh SOURCE-DIRECTORY C++-COMPILER C-COMPILER
 set -euo pipefail
 source=$1 cxx=$2 cc=$3

@@ -1,7 +1,6 @@
 #!/bin/bash
-# What a selection run needs of the client library around it must be exactly what the porting list
-# says, and the porting guide must explain all of it. Beyond that the objects may use only the C++
-# runtime.
+# A selection run needs exactly those symbols of the client library that the porting list names, and
+# the porting guide must explain all of them. Besides, the objects may use only the C++ runtime.
 #
 # usage: undefined_symbols_test.sh LIBRARY LIST GUIDE NM AR
 set -euo pipefail
@@ -29,7 +28,7 @@ readable() {
     -e 's/std::vector<([A-Za-z:_]+), std::allocator<[A-Za-z:_]+ ?> ?>/std::vector<\1>/g'
 }
 
-# The runtime: the standard library, the language's support, and what a compiler calls by itself.
+# The runtime: the standard library, language support, and a compiler's implicit calls.
 runtime='^(std::|(vtable|VTT|typeinfo|guard variable) for (std::|__cxxabiv1::)'
 runtime+='|operator (new|delete)(\[\])?\(|__cxa_|__gxx_|_Unwind_|__stack_chk_|_GLOBAL_OFFSET_TABLE_$|__dso_handle$'
 runtime+='|(mem(cpy|move|cmp|set|chr)|bcmp|strlen)$)'
@@ -46,7 +45,7 @@ if ! diff <(sort -u listed) needed > difference; then
   grep '^[<>]' difference
   status=1
 fi
-# "CThread::Start()" has to be explained as `CThread::Start`.
+# The guide must explain "CThread::Start()" as `CThread::Start`.
 while read -r symbol; do
   name=$(sed -E -e 's/^(vtable|typeinfo) for //' -e 's/\(.*//' <<< "$symbol")
   if ! grep -qF "$name" "$guide"; then

@@ -6,8 +6,7 @@
 
 PROXY_DATA::PROXY_DATA() = default;
 
-// By way of a complete object: its destructor wipes what has been copied when there is no memory
-// for the rest.
+// Delegates, so that the destructor runs and wipes the copied part if memory runs out.
 PROXY_DATA::PROXY_DATA(const PROXY_DATA& other) : PROXY_DATA() { *this = other; }
 
 PROXY_DATA& PROXY_DATA::operator=(const PROXY_DATA& other) {

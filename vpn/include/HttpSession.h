@@ -14,7 +14,7 @@ enum HTTP_SESSION_ERRORS : STATUSCODE {
   HTTP_SESSION_ERROR_CONNECT = 0xFE46000C,
   /// The server answered with a certificate that is not trusted.
   HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE = 0xFE460017,
-  /// The server's name could not be resolved, or is none.
+  /// The server's name could not be resolved, or is not a name.
   HTTP_SESSION_ERROR_DNS_RESOLUTION = 0xFE460019,
   /// The server answered that it wants a client certificate.
   HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED = 0xFE46001A,
@@ -33,14 +33,14 @@ struct PROXY_DATA {
   /// No proxy and no credentials.
   PROXY_DATA();
   ~PROXY_DATA();
-  /// Copies are wiped by themselves; assignment wipes what was there.
+  /// Each copy wipes its own memory; assignment wipes the old text.
   /// @{
   PROXY_DATA(const PROXY_DATA& other);
   PROXY_DATA& operator=(const PROXY_DATA& other);
   /// @}
 
-  /// True: the probe finds the proxy itself from the system's settings. False: `proxyServer` holds,
-  /// and an empty `proxyServer` means a direct connection.
+  /// True: the probe finds the proxy itself from the system's settings. False: `proxyServer` names
+  /// it; an empty one means a direct connection.
   bool determineProxy = false;
   /// "http=http://" followed by the host and an optional ":" and port.
   std::string proxyServer;

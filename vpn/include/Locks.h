@@ -1,7 +1,7 @@
 #pragma once
 
 /// @file
-/// Locks that clang can check the use of.
+/// Locks whose use clang can check.
 
 #include <atomic>
 #include <chrono>
@@ -14,8 +14,8 @@
 /// Every operation may be called from any thread; `Unlock` only by the thread that holds the lock.
 class AHS_CAPABILITY("mutex") CManualLock {
  public:
-  /// @param spinCount how often a waiting thread tries again before it sleeps, which saves two
-  ///        context switches where locks are held for a few hundred instructions.
+  /// @param spinCount how often a waiting thread tries again before it sleeps. Where locks are held
+  ///        for a few hundred instructions, that saves two context switches.
   explicit CManualLock(unsigned long spinCount = 0);
   ~CManualLock();  // NOLINT(performance-trivially-destructible): another client's lock need not be
 
@@ -33,10 +33,10 @@ class AHS_CAPABILITY("mutex") CManualLock {
   const unsigned long m_spinCount;
 };
 
-/// A lock together with the condition that its holders wait for: a monitor. It is not recursive.
-/// Who changes what others may be waiting for calls `notifyAll` with the lock held. A wait may also
-/// end without a reason. Every operation may be called from any thread; waits and `Unlock` only by
-/// the thread that holds the lock.
+/// A monitor: a lock with the condition that its holders wait for. It is not recursive. A thread
+/// that changes what others may wait for calls `notifyAll` with the lock held. A wait may also end
+/// without a reason. Every operation may be called from any thread; waits and `Unlock` only by the
+/// thread that holds the lock.
 class AHS_CAPABILITY("mutex") CMonitor {
  public:
   CMonitor();

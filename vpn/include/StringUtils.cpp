@@ -1,5 +1,5 @@
-// Small string functions and the holder of secrets. There is one rule of wiping,
-// SecureString::Reset; whatever holds a secret follows it before memory is released or reused.
+// Small string functions and the class for secrets. Every holder of a secret wipes it with
+// SecureString::Reset before its memory is released or reused.
 
 #include "vpn/include/StringUtils.h"
 
@@ -78,7 +78,7 @@ void zero(CharT* characters, std::size_t count) {
 /// Empties a string after its whole buffer has been set to zero. Allocates nothing.
 template <class StrT>
 void zeroBuffer(StrT& s) {
-  s.resize(s.capacity());  // a shorter text leaves the rest of a longer one behind its end
+  s.resize(s.capacity());  // a longer earlier text may be behind the end
   zero(s.data(), s.size());
   s.clear();
 }
@@ -113,7 +113,7 @@ template <class StrT>
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment, cert-oop54-cpp)
 SecureString<StrT>& SecureString<StrT>::operator=(const SecureString& other) {
   Reset(m_strValue);
-  m_strValue.assign(other.c_str());  // a buffer that this outgrows holds zeros
+  m_strValue.assign(other.c_str());  // a buffer released here holds zeros
   return *this;
 }
 
@@ -132,7 +132,7 @@ template <class StrT>
 void SecureString<StrT>::grow(const StrT& s) {
   const SecureString tmp(m_strValue.data(), m_strValue.length());
   const bool itself = &s == &m_strValue;
-  const StrT& added = itself ? tmp.m_strValue : s;  // what is appended to itself is about to go
+  const StrT& added = itself ? tmp.m_strValue : s;  // an own text is about to be wiped
   const std::size_t needed = added.length() + tmp.length() + Headroom;
   Reset(m_strValue);
   m_strValue.reserve(needed);
@@ -144,8 +144,8 @@ void SecureString<StrT>::grow(const StrT& s) {
 template <class StrT>
 void SecureString<StrT>::Reset(StrT& s) noexcept {
   zeroBuffer(s);
-  // A short text is kept inside the string object. When it grows out of it, the object still has
-  // characters of it: they are reached while the buffer is parked elsewhere.
+  // A short text lies inside the string object, and its characters stay there when the text moves
+  // to a buffer. Parking the buffer elsewhere makes that space reachable.
   StrT parked;
   parked.swap(s);
   zeroBuffer(s);

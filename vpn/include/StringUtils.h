@@ -31,10 +31,10 @@ class CStringUtils {
 /// A secret text. Whatever it held is overwritten with zeros before its memory is released or
 /// reused. There is one for `std::string` and one for `std::wstring`; lengths are in characters.
 ///
-/// An object may be used by one thread at a time. Copies own buffers of their own; there is no
-/// move, which might leave characters behind in the object that was moved from. Sources that are
-/// null throw std::logic_error("basic_string::_S_construct null not valid"); all that copies may
-/// throw std::bad_alloc.
+/// One thread at a time may use an object. Copies own their buffers. There is no move: it might
+/// leave characters in the source. A null source throws
+/// std::logic_error("basic_string::_S_construct null not valid"); every copy may throw
+/// std::bad_alloc.
 template <class StrT>
 class SecureString {
  public:
@@ -44,7 +44,7 @@ class SecureString {
   SecureString() = default;
   /// The characters up to the terminating NUL.
   SecureString(const_pointerT str);
-  /// Exactly `n` characters, NULs included. A null `str` will do if there are none.
+  /// Exactly `n` characters, NULs included. `str` may be null if `n` is 0.
   SecureString(const_pointerT str, std::size_t n);
   /// The characters up to the first NUL.
   SecureString(const StrT& s);
@@ -52,16 +52,15 @@ class SecureString {
   SecureString(const SecureString& other);
   ~SecureString();
 
-  /// Wipes the own text, then takes the other's characters up to the first NUL. Assigned to itself,
-  /// the text becomes empty.
+  /// Wipes this text, then copies `other` up to its first NUL. Self-assignment empties the text.
   // NOLINTNEXTLINE(bugprone-unhandled-self-assignment, cert-oop54-cpp): see above
   SecureString& operator=(const SecureString& other);
 
-  /// Appends the characters up to the first NUL. Text that no longer fits moves to a larger buffer
-  /// with room for 256 characters more, after the old one has been wiped. `s` may be the own text.
+  /// Appends the characters up to the first NUL. If they do not fit, wipes the old buffer and moves
+  /// to one with room for 256 more characters. `s` may be this object's text.
   SecureString& operator+=(const StrT& s);
 
-  /// The text itself. What its own operations outgrow or move elsewhere is not wiped.
+  /// The text itself. Buffers that its own operations release are not wiped.
   operator StrT&() { return m_strValue; }
 
   /// The text, ended by a NUL; valid until the object is changed or destroyed.
@@ -69,13 +68,13 @@ class SecureString {
   /// Its length in characters.
   std::size_t length() const { return m_strValue.length(); }
 
-  /// Wipes a string in place and leaves it empty: every character of its buffer becomes 0, also
-  /// those beyond its end, and those of a short text that the object itself held before it had a
-  /// buffer. The buffer is kept. No other string is changed, and the optimiser drops none of it.
+  /// Wipes a string in place, empties it and keeps its buffer. Zeroes the whole buffer, also beyond
+  /// the text's end, and the space inside the object where a short text was. Changes no other
+  /// string; the optimiser cannot drop the writes.
   static void Reset(StrT& s) noexcept;
 
-  /// A copy of `str` up to its terminating NUL; the source's characters are set to 0, although
-  /// `str` promises not to. They must be writable.
+  /// Copies `str` up to its NUL, then sets the source's characters to 0. They must be writable,
+  /// although `str` points to const.
   static SecureString GetAndClear(const_pointerT str);
 
  private:

@@ -1,4 +1,4 @@
-// The one reader of UTF-8. No byte beyond the text is looked at, whatever its last one announces.
+// The only decoder of UTF-8. It never reads beyond the text, even if the last character is cut off.
 
 #include "vpn/include/Utf8.h"
 

@@ -6,9 +6,9 @@
 /// One character of a text in UTF-8.
 struct Utf8Character {
   unsigned int codePoint = 0;
-  std::size_t length = 0;  ///< bytes; 0 if what stands there is no UTF-8
+  std::size_t length = 0;  ///< bytes; 0 if the text is not UTF-8 there
 };
 
-/// The character at `position`, which is within the text (RFC 3629: overlong forms and surrogates
-/// are none). Any thread may call it.
+/// Decodes the character at `position`, which must be within the text. Refuses overlong forms and
+/// surrogates (RFC 3629). Any thread may call it.
 Utf8Character utf8CharacterAt(std::string_view text, std::size_t position);

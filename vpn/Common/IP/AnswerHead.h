@@ -43,6 +43,6 @@ class AnswerHead {
   unsigned int m_answers = 0;
   bool m_ended = true;
   bool m_complete = false;
-  /// Of the head under way, from its first line; 0 if that has none.
+  /// Status of the current head, from its first line; 0 if that has none.
   unsigned int m_status = 0;
 };

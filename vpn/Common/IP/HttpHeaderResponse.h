@@ -6,8 +6,8 @@
 /// section 11). Used by one thread at a time.
 class CHttpHeaderResponse {
  public:
-  /// Takes the raw header lines of one or more answers (a proxy's and then the server's); what is
-  /// not a header line is skipped. Replaces what was set before.
+  /// Takes the raw header lines of one or more answers (a proxy's, then the server's) in place of
+  /// earlier ones. Skips other lines.
   void set(const std::string& headers);
 
   /// The realm of the proxy's challenge for an authentication scheme ("Basic", in any letter case),

@@ -1,7 +1,6 @@
-// Single HTTP(S) requests, and what is told of them. A probe has a transfer of its own, so that
-// probes share nothing but the process's settings; only the probes of one thread may share a
-// connection, within a scope that the thread has opened, and only where no secret and no proxy is
-// involved.
+// Sends and reports single HTTP(S) requests. Each probe has its own transfer, so probes share only
+// the process's settings. Only the probes of one thread may share a connection: within a scope that
+// the thread has opened, without a proxy and without a secret.
 
 #include "vpn/Common/IP/HttpProbe.h"
 
@@ -26,8 +25,8 @@ constexpr unsigned int ProxyChallenge = 407;
 /// needs no memory to set up and none to take down.
 thread_local std::shared_ptr<KeptTransfer>* keptHere = nullptr;
 
-/// Whether a log-in failed that a password could have made: of what a proxy offers libcurl tries
-/// the strongest alone, and Negotiate without a ticket is no more than another request.
+/// Whether a log-in failed that could succeed with the password: libcurl tries only the strongest
+/// scheme that the proxy offers, and Negotiate without a ticket does not log in.
 bool passwordIsUntried(const ProbeOutcome& outcome, const ProbeRequest& request) {
   const auto offered = static_cast<unsigned long>(outcome.offeredLogIns);
   return outcome.finalStatus() == ProxyChallenge && request.proxied() && request.mayUseTicket &&
@@ -50,7 +49,7 @@ ProbeOutcome sendLoggingIn(ProbeRequest& request) {
   return outcome;
 }
 
-/// Sends the probe. Throws nothing that is not std::bad_alloc's kind.
+/// Sends the probe. Throws only std::bad_alloc.
 ProbeOutcome send(const std::string& host, const PROXY_DATA& proxyData, ProbeRequest& request) {
   ProbeOutcome outcome;
   outcome.code = request.prepare(host, proxyData);
@@ -90,17 +89,17 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
   try {
     (task->*what)(report);
   } catch (...) {
-    // The trouble of who is told is not the probe's.
+    // A listener's exception does not concern the probe.
   }
 }
 
-/// The whole of a probe. Not inlined: what it leaves on the stack is then below its caller's frame.
+/// The whole of a probe. Not inlined, so that its traces on the stack are below its caller's frame.
 [[gnu::noinline]] STATUSCODE sendAndReport(const std::string& host, bool secure,
                                            unsigned short port, const std::string& userAgent,
                                            unsigned int timeoutSeconds, const PROXY_DATA& proxyData,
                                            unsigned int options,
                                            HttpProbe::HTTP_PROBE_RESULTS& results) {
-  // The thread works for it, and so holds it.
+  // A plain pointer will do: the thread holds its task.
   ProbeTask* const task = ProbeTask::current().get();
   HttpProbe::RoundTripMeasure measure = HttpProbe::RoundTripMeasure::Network;
   HttpProbe::Report report;

@@ -50,20 +50,19 @@ class HttpProbe {
   using RoundTripMeasure = ::RoundTripMeasure;
   using Report = ProbeReport;
 
-  /// As long as one lives, the probes that its thread sends straight to one server go through one
-  /// connection if the server lets them: a secure one pays for the TLS handshake once. It closes
-  /// with this object. Probes through a proxy, probes with credentials and those of other threads
-  /// are as without it, and one within another does nothing. Outcomes stay what they are: what a
-  /// kept connection loses, or does not answer with HTTP, is asked on a fresh one, and what it does
-  /// not answer within a quarter of the time-out on a fresh one too, within the same time-out; the
-  /// first answer counts. A server whose connection could not be used again once is not asked to
-  /// keep another.
+  /// While one lives, its thread's direct probes to one server share one connection if the server
+  /// lets them, so that only the first pays for the TLS handshake. It closes with this object.
+  /// Probes through a proxy, with credentials or of other threads are not affected; a nested object
+  /// does nothing. Outcomes do not change: if the kept connection is lost or answers without HTTP,
+  /// the probe uses a fresh one; if it is silent for a quarter of the time-out, a fresh one is
+  /// asked too, within the same time-out, and the first answer counts. After one connection could
+  /// not be used again, the server is not asked to keep another.
   ///
-  /// To be used again a connection has to be at the end of an answer, so the body of a short answer
-  /// (14 KiB) is read when the next probe begins. Where it is not there a round trip after its
-  /// head, or is longer, or where anything comes after it, the connection is given up; no probe
-  /// waits for the body of its own answer. Nor is a connection kept that took half of the time-out
-  /// to give its first answer, or a quarter to give any: what is left would not do for another one.
+  /// A connection can be used again only at the end of an answer, so the body of a short answer (14
+  /// KiB) is read when the next probe begins. The connection is given up if the body is longer,
+  /// does not arrive within a round trip after its head, or is followed by anything; no probe waits
+  /// for the body of its own answer. A connection is not kept either if its first answer took half
+  /// of the time-out, or any answer a quarter: too little time would be left for a fresh one.
   ///
   /// Lives on the stack of the thread that it is for. Where there is no memory, nothing is kept.
   class KeptConnection {
@@ -89,12 +88,11 @@ class HttpProbe {
   /// @param port 1 to 65535.
   /// @param userAgent value of the User-Agent header, control characters left out; empty for none.
   /// @param timeoutSeconds limit of the whole probe, name resolution included; 0 counts as 1.
-  /// @param proxyData the proxy to go through. With `determineProxy` it is the one that the
-  ///        environment names (http_proxy, https_proxy, all_proxy, no_proxy) or, where it names
-  ///        none, the system's settings (`SystemProxy`), else `proxyServer`, whose port is 80 if it
-  ///        names none. The environment is heeded in no other case. The credentials go to the proxy
-  ///        alone, by Basic, NTLM or Negotiate as it asks: the strongest, and a password's if there
-  ///        is no ticket for Negotiate.
+  /// @param proxyData the proxy to go through: `proxyServer` (port 80 if it names none), or with
+  ///        `determineProxy` the one that the environment names (http_proxy, https_proxy,
+  ///        all_proxy, no_proxy) or else the system's settings (`SystemProxy`). The environment is
+  ///        read in no other case. Only the proxy gets the credentials, by Basic, NTLM or Negotiate
+  ///        as it asks: the strongest, or one with a password if there is no ticket for Negotiate.
   /// @param options bit-or of HTTP_PROBE_OPTIONS.
   /// @param results receives what `options` name; the rest is left alone.
   /// @return HTTP_SESSION_SUCCESS when the server (or a proxy on its behalf) answered with HTTP,
@@ -112,8 +110,8 @@ class HttpProbe {
   ///     TIMEOUT                  time-out, in whatever state
   ///
   /// The first three are answers: `uiRtt` is measured for them as for success. No other status is
-  /// returned: callers count one that they do not know as a sample of 0 ms, and what could not even
-  /// be tried must not look like the nearest server.
+  /// returned: callers count an unknown one as a sample of 0 ms, and a probe that could not be
+  /// tried must not look like the nearest server.
   ///
   /// A probe ends with the head of the answer, whatever body it announces; redirects are not
   /// followed, and nothing is ever sent to a server whose certificate is not trusted. A head that

@@ -28,21 +28,21 @@ using std::chrono::milliseconds;
 // A transfer has one connection. More are open only while libcurl tries several addresses.
 constexpr long MaxConnections = 1;
 
-// How long the rest of a short answer is waited for, counted from its head: one round trip, which
-// is what a new connection would take at least. The bounds are for a network that is nearer than
-// two packets of a server are to each other, and for a peer that pretends to be far away.
+// How long to wait for the rest of a short answer, from its head on: one round trip, the least that
+// a new connection takes. The lower bound is for networks that are faster than a server sends two
+// packets, the upper one for peers that pretend to be far away.
 constexpr microseconds LeastBodyWait(1000);
 constexpr microseconds MostBodyWait(250'000);
 
 // libcurl knows itself when it has to act; this only keeps a wait from being endless.
 constexpr milliseconds MaxPoll(1000);
 
-// libcurl turns to the next address of a name when it is called, not when one has refused, or has
-// had half of the time that is left.
+// libcurl tries the next address of a name (after a refusal, or half of the time left) only when it
+// is called, so it is called this often.
 constexpr milliseconds NextAddress(10);
 constexpr milliseconds LaterAddress(50);
 
-// How long a rival, whose connection is not waited for, may go without a look.
+// How often a rival is looked at, as nothing waits for its connection.
 constexpr milliseconds RivalPoll(10);
 
 constexpr long long Unknown = -1;
@@ -198,8 +198,8 @@ void HttpTransfer::end(unsigned int code) {
   m_outcome.endedUs = now();
 }
 
-/// The result of a transfer that libcurl has ended. Once the head is complete, what becomes of the
-/// body, which we may have refused ourselves, is of no interest.
+/// The result of a transfer that libcurl has ended. Once the head is complete, an error in the
+/// body, which we may have refused ourselves, does not matter.
 unsigned int HttpTransfer::resultOfEnded() {
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(m_multi.get(), &left);
@@ -211,8 +211,8 @@ unsigned int HttpTransfer::resultOfEnded() {
   return m_head.isComplete() && isBodys ? CURLE_OK : result;
 }
 
-/// The first byte's time is taken on the clock that the request's is taken on: a difference of two
-/// clocks that start one after the other would be too small by what lies between their starts.
+/// Takes the first byte's time on the clock that times the request: two clocks that start at
+/// different moments would make the difference too small.
 void HttpTransfer::noteFirstByte() {
   const auto mark = get<curl_off_t>(CURLINFO_STARTTRANSFER_TIME_T);
   if (mark != m_firstByteMark) {
@@ -260,7 +260,7 @@ void HttpTransfer::fetchBody() {
   int running = 1;
   int ready = 0;
   milliseconds left(1);
-  // What is there already is read, however late it is.
+  // Bytes that have arrived are read even after the limit.
   while ((left.count() > 0 || ready > 0) && !isCancelled() &&
          curl_multi_perform(m_multi.get(), &running) == CURLM_OK && running != 0) {
     left = std::max(std::chrono::ceil<milliseconds>(end - Clock::now()), milliseconds());
@@ -373,7 +373,7 @@ void HttpTransfer::setUpCallbacks() {
   set(CURLOPT_SSL_CTX_DATA, this);
 }
 
-/// One to a proxy may carry credentials, of which no copy is made.
+/// A request to a proxy may carry credentials, so it is not copied.
 void HttpTransfer::setUpTelling() {
   set(
       CURLOPT_DEBUGFUNCTION,
@@ -389,8 +389,8 @@ void HttpTransfer::setUpTelling() {
   set(CURLOPT_VERBOSE, 1L);
 }
 
-/// The host may start programs at any moment: a connection is none of theirs, and would stay open
-/// as long as they run. A request that a kept connection loses is not libcurl's to send again.
+/// Programs that the host starts must not inherit a connection, which would stay open as long as
+/// they run. libcurl must not repeat a request that a kept connection loses.
 int HttpTransfer::open(int family, int type, int protocol) {
   if (m_outcome.reused) {
     return NoSocket;
@@ -425,9 +425,9 @@ int HttpTransfer::close(int connection) {
   return ::close(connection);
 }
 
-/// A connection, new or kept, is ready for the request. libcurl takes its own time once the request
-/// is sent: a thread that was held up in between would find the answer there already, and a busy
-/// machine would make a server the nearest.
+/// A connection, new or kept, is ready for the request. libcurl notes its time only after sending:
+/// a thread delayed in between would find the answer there already, and on a busy machine a server
+/// would seem the nearest.
 void HttpTransfer::noteRequest(int localPort) {
   if (m_outcome.requestUs == 0) {
     m_outcome.requestUs = now();

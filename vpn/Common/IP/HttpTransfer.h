@@ -27,18 +27,18 @@ class HttpTransfer {
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-  /// Sends a request of the same target, which outlives it, until the head of its answer has come,
-  /// it has failed or timed out, or `limit` has passed. A rival whose limit had passed goes on
-  /// meanwhile; then it is the first answer that ends this. @return whether it has its answer.
+  /// Sends a request to the same target, which outlives it. Ends when the answer's head has come,
+  /// the request has failed or timed out, or `limit` has passed. A rival whose limit had passed
+  /// goes on meanwhile; then the first answer ends this. @return whether it has its answer.
   bool send(const ProbeRequest& request, Clock::time_point limit = Clock::time_point::max(),
             HttpTransfer* rival = nullptr);
   bool hasAnswer() const { return m_hasEnded && m_outcome.code == 0; }
   /// What came of the last request. To be called once.
   ProbeOutcome takeOutcome();
 
-  /// Whether another request of the same target can be sent: brings in what is left of the answer,
-  /// if it is there or comes within a round trip of its head, and looks whether the connection is
-  /// open and nothing has come that nobody asked for, which must not be taken for the next answer.
+  /// Whether another request to the same target can be sent. Reads the rest of the answer if it
+  /// comes within a round trip of its head, and checks that the connection is open and that nothing
+  /// unasked has come, which could be taken for the next answer.
   bool isReadyFor(const ProbeRequest& request);
 
  private:

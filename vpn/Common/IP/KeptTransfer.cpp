@@ -1,6 +1,6 @@
-// Connections that serve several probes. A server may close a connection that it has kept at any
-// time, or forget it, so what a kept connection does other than answer says nothing about the
-// server: a fresh connection does, and has enough of the time-out left to do so.
+// Connections that serve several probes. A server may close or forget a kept connection at any
+// time, so a failure on it says nothing about the server. A fresh connection then decides, with
+// enough of the time-out left.
 
 #include "vpn/Common/IP/KeptTransfer.h"
 
@@ -10,9 +10,9 @@
 
 namespace {
 
-// Parts of a probe's time-out: how long a kept connection may be silent on its own, and how soon a
-// server has to answer for its connection to be kept at all. So a fresh connection always has time
-// for what the last one took, should the kept one be gone.
+// Parts of a probe's time-out: how long a kept connection may be silent alone, and how soon a
+// server has to answer for its connection to be kept. A fresh connection then has as much time as
+// the last one took.
 constexpr int SilentPart = 4;
 constexpr int PromptPart = 4;
 constexpr int OpenedPart = 2;

@@ -15,8 +15,8 @@ namespace {
 
 constexpr long long Unknown = -1;
 
-/// What libcurl's code means. One that is not listed means that what was connected to did not
-/// answer with HTTP, or, without a connection, that none could be made.
+/// The status for libcurl's code. A code that is not listed means that the peer did not answer with
+/// HTTP or, without a connection, that connecting failed.
 STATUSCODE statusOf(const ProbeOutcome& outcome, bool proxied) {
   constexpr long FirstFinal = 200;
   switch (outcome.code) {
@@ -56,7 +56,7 @@ bool isAnswer(STATUSCODE status) {
          status == HTTP_SESSION_ERROR_CLIENT_AUTH_CERT_NEEDED;
 }
 
-/// From the request to the first byte of the answer, or to what stood in its place.
+/// From the request to the first byte of the answer, or to the event that replaced it.
 long long responseRoundTrip(const ProbeOutcome& outcome) {
   if (outcome.requestUs == 0) {
     return outcome.endedUs - std::max(outcome.openedUs, outcome.tlsStartUs);
@@ -70,8 +70,8 @@ unsigned int toMilliseconds(long long microseconds) {
   return static_cast<unsigned int>((std::max(microseconds, 0LL) + 500) / 1000);
 }
 
-/// The network's round trip, or what comes nearest to it where the kernel does not tell. A
-/// connection that was reset while it opened took until its end.
+/// The network's round trip, or the nearest measure if the kernel has none. A connection reset
+/// while it opened counts until its end.
 long long networkRoundTrip(const ProbeOutcome& outcome) {
   if (outcome.networkRttUs != Unknown) {
     return outcome.networkRttUs;

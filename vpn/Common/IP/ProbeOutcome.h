@@ -23,7 +23,7 @@ struct ProbeOutcome {
   long long requestUs = 0;
   long long firstByteUs = 0;
   long long endedUs = 0;  ///< the request had ended; the probe may have gone on
-  /// How long the connection, whosever it was, took to open; 0 if there was none.
+  /// How long the connection, even a reused one, took to open; 0 without one.
   long long connectTookUs = 0;
   long long networkRttUs = -1;  ///< -1 where the kernel cannot say
   std::string address;
@@ -36,6 +36,6 @@ struct ProbeOutcome {
   /// The answer's; a proxy's refusal counts, its consent to a tunnel does not.
   unsigned int finalStatus() const;
 
-  /// Says what it means. Takes the address out of the outcome, so that nothing is allocated.
+  /// Fills the report. Moves the address out of the outcome, so that nothing is allocated.
   void fill(ProbeReport& report, bool proxied, RoundTripMeasure measure);
 };

@@ -1,6 +1,6 @@
-// What a probe is asked to do, made into something that can be sent. Hosts and proxies are texts of
-// strangers: what is not one of them in full is refused, so that nothing else of a URL comes in
-// with them.
+// Turns what a probe is asked to do into something that can be sent. Hosts and proxies are
+// untrusted texts: each must be a host or a proxy as a whole, so that no other part of a URL comes
+// in.
 
 #include "vpn/Common/IP/ProbeRequest.h"
 
@@ -33,7 +33,7 @@ std::string checkedHost(const std::string& host) {
     text.insert(zoneAt + 1, "25");
   }
   const URL url(text);
-  // What has more to it than a host, a port or a path for one, differs from its host fragment.
+  // A text with more than a host, such as a port or a path, differs from its host fragment.
   return url.getHostFragment() == text ? text : std::string();
 }
 
@@ -52,7 +52,7 @@ std::string checkedProxy(const std::string& setting) {
          (url.getPort().empty() ? std::string(DefaultProxyPort) : url.getPort());
 }
 
-/// Who has the say about the system's proxy.
+/// Who decides on the system's proxy.
 enum class SettledBy { Environment, System, Nobody };
 
 std::string_view valueOf(const char* variable) {
@@ -69,7 +69,7 @@ bool isSet(const char* variable) { return !valueOf(variable).empty(); }
 SettledBy systemProxySettledBy(bool secure) {
   for (const char* name : {secure ? "https_proxy" : "http_proxy", secure ? "HTTPS_PROXY" : ""}) {
     if (const std::string_view value = valueOf(name); !value.empty()) {
-      // A way to ask for a proxy is for libproxy; libcurl knows none.
+      // libproxy understands these ways to ask for a proxy; libcurl does not.
       const bool isWayToAsk = value.starts_with("pac+") || value.starts_with("wpad:");
       return isWayToAsk ? SettledBy::System : SettledBy::Environment;
     }

@@ -14,7 +14,7 @@ struct ProbeTarget {
   bool secure = false;
   unsigned short port = 0;
   std::string userAgent;
-  bool tellsRequest = false;  ///< it is wanted back as it was sent
+  bool tellsRequest = false;  ///< the caller wants the request as it was sent
 
   bool operator==(const ProbeTarget&) const = default;
   std::string url() const;
@@ -37,11 +37,11 @@ struct ProbeRequest : ProbeTarget {
   bool heedsExceptions = false;
   /// Log in with a Kerberos ticket, should the proxy take one.
   bool mayUseTicket = true;
-  /// The one of the probe's thread, which outlives the request; null for none.
+  /// The task of the probe's thread, which outlives the request; null for none.
   ProbeTask* task = nullptr;
   /// Where to tell of the TLS handshake, in place of a request; null for an ordinary one.
   TlsHandshake* handshake = nullptr;
-  /// The caller's, which outlives the request: no copy of the credentials is made here.
+  /// The caller's object, which outlives the request: credentials are not copied here.
   const PROXY_DATA* credentials = nullptr;
 
   bool proxied() const { return environmentProxy || !proxy.empty(); }
@@ -56,7 +56,7 @@ struct ProbeRequest : ProbeTarget {
 
   /// Checks and completes a request whose port, security, user agent and time-out are set, and
   /// finds its proxy.
-  /// @return 0, or what cannot be sent, by the number that libcurl has for it.
+  /// @return 0, or libcurl's code for what cannot be sent.
   unsigned int prepare(const std::string& toHost, const PROXY_DATA& proxyData);
 
  private:

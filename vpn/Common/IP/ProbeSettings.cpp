@@ -21,14 +21,14 @@
 namespace {
 
 struct Settings {
-  /// Nor may OpenSSL's own state go while the process exits: a probe may be in a handshake then.
-  /// Who is first to use OpenSSL in a process decides, so this comes before everything else here.
+  /// Keeps OpenSSL's state while the process exits: a probe may be in a handshake then. The first
+  /// use of OpenSSL in a process decides, so this comes before everything else here.
   Settings() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
 
   CManualLock lock;
   /// Null until the first secure probe needs it.
   ProbeSettings::Trust trust AHS_GUARDED_BY(lock);
-  /// On its own: a probe reads it once and nothing else depends on it.
+  /// Atomic without the lock: a probe reads it once and nothing else depends on it.
   std::atomic<RoundTripMeasure> measure{RoundTripMeasure::Network};
 };
 
@@ -53,9 +53,8 @@ bool isCertificateDirectory(const char* path) {
   return false;
 }
 
-/// What libcurl trusts by default, and `extraFile`. One store serves all probes. The system's
-/// directory is preferred to its one large file, which takes longer to read than many a probe: what
-/// is looked up in a directory is read when it is needed.
+/// libcurl's default trust and `extraFile`, in one store for all probes. Prefers the system's
+/// directory, read on demand, to its one large file, whose reading takes longer than many a probe.
 ProbeSettings::Trust makeTrust(const std::string& extraFile) {
   ProbeSettings::Trust store(X509_STORE_new(), X509_STORE_free);
   if (!store) {
@@ -86,8 +85,8 @@ bool initialiseTransport() {
   return done;
 }
 
-/// Whether OpenSSL has come up with `initialiseTransport`. If it got no memory for that it stays
-/// down, does not say so to libcurl, and crashes when it is used.
+/// Whether `initialiseTransport` could start OpenSSL. Without memory OpenSSL stays down, does not
+/// tell libcurl, and crashes when used.
 bool isTlsUsable() { return OSSL_LIB_CTX_get0_global_default() != nullptr; }
 
 }  // namespace

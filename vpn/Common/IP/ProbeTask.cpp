@@ -1,4 +1,4 @@
-// The end of a task reaches its probes by a descriptor that all of them poll and nobody reads.
+// Cancelling a task reaches its probes through a descriptor that all of them poll and nobody reads.
 
 #include "vpn/Common/IP/ProbeTask.h"
 

@@ -27,13 +27,13 @@ class ProbeTask : public CTask {
   /// @param family AF_INET or AF_INET6. @return false if it must not be used.
   virtual bool socketOpened(int /*socket*/, int /*family*/) { return true; }
 
-  /// Ends the probes that are out, whose connections close, and those to come before they begin:
-  /// with HTTP_SESSION_ERROR_TIMEOUT. Returns at once; any thread may call it.
+  /// Ends running probes, closing their connections, and refuses later ones, all with
+  /// HTTP_SESSION_ERROR_TIMEOUT. Returns at once; any thread may call it.
   void cancel() noexcept;
   bool isCancelled() const noexcept { return m_cancelled; }
 
-  /// Polls readable once the task is cancelled; -1 where the system gave no descriptor, and who
-  /// waits has to look now and then.
+  /// Polls readable once the task is cancelled. -1 if the system gave no descriptor; waiters then
+  /// have to check now and then.
   int cancelDescriptor() const noexcept { return m_descriptor; }
 
  private:

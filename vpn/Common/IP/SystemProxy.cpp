@@ -1,8 +1,7 @@
-// The system's proxy settings, by libproxy. It loads modules, may fetch a file without a time
-// limit, and may never return, so nobody but a thread of its own ever waits for it. The number of
-// these threads is bounded by the number of factories (libproxy's objects): one is in the hands of
-// one thread or idle, and none is ever destroyed, because that would unload modules that have
-// threads and processes of their own.
+// The system's proxy settings, by libproxy. libproxy loads modules, may fetch a file without a time
+// limit and may never return, so only threads made for it wait for it. Their number is bounded by
+// the number of factories (libproxy's objects): each belongs to one thread or is idle. None is ever
+// destroyed, because that would unload modules that have threads and processes of their own.
 
 #include "vpn/Common/IP/SystemProxy.h"
 
@@ -22,14 +21,14 @@
 
 namespace {
 
-// A healthy one answers within milliseconds, so this many serve any number of probes; as many that
-// hang are proof enough that the next would hang as well.
+// A healthy factory answers within milliseconds, so four serve any number of probes. If four hang,
+// the next would hang too.
 constexpr std::size_t MostFactories = 4;
 
 // The modules are written for the stack of a main program: some run a script interpreter.
 constexpr std::size_t StackBytes = 8UL * 1024 * 1024;
 
-/// One question, on a thread that who asks it need not wait for.
+/// One question, on its own thread, for which the asker need not wait.
 class Lookup : public CThread {
  public:
   explicit Lookup(std::string serverUrl) : CThread(StackBytes), url(std::move(serverUrl)) {}
@@ -45,7 +44,7 @@ class Lookup : public CThread {
   bool late = false;
 };
 
-/// Who may ask. Threads that are late come back at any time, so it is never freed.
+/// Decides who may ask. Never freed: late threads may return at any time.
 class Factories {
  public:
   /// Takes a factory, or the right to make one, waiting until one is idle.
@@ -86,7 +85,7 @@ class Factories {
     }
     lookup.late = true;
     ++m_lateCount;
-    m_lock.notifyAll();  // who waits for an idle one may have nothing left to wait for
+    m_lock.notifyAll();  // a waiter may find that every factory is late
     return SystemProxy::Outcome::Late;
   }
 
@@ -138,7 +137,7 @@ void ask(Lookup& lookup) {
 }
 
 STATUSCODE Lookup::Run() {
-  // What a module throws is the module's trouble: there is no answer then.
+  // If a module throws, there is no answer.
   guardedCall([this] { ask(*this); }, [](const char*) {});
   factories().end(*this);
   return THREAD_SUCCESS;
@@ -154,7 +153,7 @@ SystemProxy::Outcome SystemProxy::find(const std::string& url, std::chrono::mill
   if (outcome != Outcome::Found) {
     return outcome;
   }
-  const CTask::Scope noTask(nullptr);  // none is kept by a thread that hangs
+  const CTask::Scope noTask(nullptr);  // a thread that hangs must not keep a task
   if (lookup->Start() != THREAD_SUCCESS) {
     factories().end(*lookup);
     return Outcome::Failed;

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-/// Asks the system's proxy settings for the way to a server: those of the desktop and, where the
-/// machine has what that takes, a PAC file, which may have to be fetched over the network.
+/// Asks the system's proxy settings for the way to a server: the desktop's settings and, if the
+/// machine supports it, a PAC file, which may have to be fetched over the network.
 ///
 /// All operations are static and may be called from any thread.
 class SystemProxy {
@@ -20,9 +20,9 @@ class SystemProxy {
 
   /// Asks, and waits at most until `limit` has passed.
   ///
-  /// What is asked has no time limit of its own, so a thread of its own asks it. One that is late
-  /// is left to itself and ends when its answer comes, which nobody hears. At most four ask at a
-  /// time; who comes when all four are late is told `Failed` at once.
+  /// The settings have no time limit, so a separate thread asks them. A late thread ends when its
+  /// answer comes, which is dropped. At most four ask at a time; while all four are late, a call
+  /// returns `Failed` at once.
   ///
   /// @param url the server's, "http://host:port/" or "https://host:port/".
   /// @param entries receives what to try, best first: "direct://" for no proxy,

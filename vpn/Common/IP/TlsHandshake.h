@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-/// What a TLS handshake with a server showed. All of it is a stranger's, as it came.
+/// What a TLS handshake with a server showed. All of it comes unchecked from a stranger.
 struct TlsHandshake {
   bool isDone = false;
-  bool isForAnotherHost = false;  ///< the certificate is; known of a handshake that is done
+  bool isForAnotherHost = false;  ///< the certificate is; known once the handshake is done
   bool isTimedOut = false;
   int firstByte = -1;   ///< of the first record that came; -1 if none did
   std::string version;  ///< "TLSv1.3"; empty until it is done, like the next

@@ -51,8 +51,7 @@ void setTarget(const ProbeRequest& request, Options& options) {
 
 void setProxy(const ProbeRequest& request, Options& options) {
   if (!request.environmentProxy) {
-    // An empty proxy is none, and an empty list of exceptions has none: without them libcurl would
-    // read the environment.
+    // Empty texts mean no proxy and no exceptions; without them libcurl would read the environment.
     options.set(CURLOPT_PROXY, request.proxy.c_str());
     if (!request.heedsExceptions) {
       options.set(CURLOPT_NOPROXY, "");
@@ -83,8 +82,8 @@ unsigned int setUpTransfer(void* easy, const ProbeRequest& request) {
   options.set(CURLOPT_BUFFERSIZE, ReceiveBufferBytes);
   options.set(CURLOPT_UPLOAD_BUFFERSIZE, SendBufferBytes);
   if (request.handshake != nullptr) {
-    // The connection is made and nothing is sent. Doubts about the certificate are told by the
-    // handshake; libcurl looks for the host alone.
+    // Connects and sends nothing. The handshake reports doubts about the certificate; libcurl
+    // checks the host alone.
     static_assert(sizeof request.handshake->failure >= CURL_ERROR_SIZE);
     options.set(CURLOPT_CONNECT_ONLY, 1L);
     options.set(CURLOPT_SSL_VERIFYPEER, 0L);

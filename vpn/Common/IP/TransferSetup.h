@@ -2,7 +2,7 @@
 
 struct ProbeRequest;
 
-/// Tells libcurl what is requested, of whom and by which way: everything but the callbacks.
+/// Sets libcurl's options for target, request and proxy: everything but the callbacks.
 /// @param easy the easy handle, whose target never changes.
 /// @return 0, or libcurl's number of what went wrong.
 unsigned int setUpTransfer(void* easy, const ProbeRequest& request);

@@ -1,5 +1,5 @@
-// Memory that holds nothing any more when it is given back. A block is wiped in whole, not only as
-// far as it was asked for: the C library may have made it larger, and it may have been shrunk.
+// Zeroes memory before it is given back. A block is wiped beyond the size asked for: the C library
+// may have made it larger, and it may have been shrunk.
 
 #include "vpn/Common/IP/TransportMemory.h"
 
@@ -12,16 +12,16 @@
 
 namespace {
 
-// Twice as deep as a log-in to a proxy and the TLS handshake after it reach, and not so deep that a
-// thread with a small stack could do the one and not the other.
+// Twice the depth of a proxy log-in with the TLS handshake after it, and small enough for every
+// thread whose stack can do those.
 constexpr std::size_t StackDepth = 24UL * 1024;
 
 /// Text that is copied goes through vector registers and stays there; the dynamic linker puts them
 /// on the stack when it looks up a function at its first call, a signal whenever it comes.
 void wipeVectorRegisters() {
   if (__builtin_cpu_supports("avx512f")) {
-    // Not declared: where the compiler may not use these, it does not know them. No function
-    // expects them to stay as they are across a call.
+    // Not declared as clobbered: a compiler that may not use these registers does not know them. No
+    // call preserves them anyway.
     asm volatile(
         "vpxorq %zmm16, %zmm16, %zmm16\n\tvpxorq %zmm17, %zmm17, %zmm17\n\t"
         "vpxorq %zmm18, %zmm18, %zmm18\n\tvpxorq %zmm19, %zmm19, %zmm19\n\t"
@@ -64,7 +64,7 @@ void* TransportMemory::resize(void* block, std::size_t size) {
   return resized;
 }
 
-// Its own frame begins where those of the functions before it began.
+// Not inlined: its frame then begins where those of the earlier calls began.
 [[gnu::noinline]] void TransportMemory::wipeStack() {
   wipeVectorRegisters();  // first: the next call may put them on the stack
   void* const left = alloca(StackDepth);

@@ -3,8 +3,8 @@
 #include <cstddef>
 
 /// The memory of a transport library that handles credentials and does not wipe them. Its blocks
-/// are malloc's, with one difference: nothing is given back or outgrown before it has been set to
-/// zero. May be called from any thread.
+/// come from malloc and are set to zero before they are freed or outgrown. May be called from any
+/// thread.
 class TransportMemory {
  public:
   TransportMemory() = delete;
@@ -13,7 +13,7 @@ class TransportMemory {
   static void free(void* block);
   static void* resize(void* block, std::size_t size);
 
-  /// Sets to zero what the functions that the caller has called have left on the thread's stack, 24
-  /// KiB deep, and in the registers that text is copied with. Takes that much of the stack itself.
+  /// Zeroes what the caller's earlier calls have left on the thread's stack, 24 KiB deep, and in
+  /// the registers that copy text. Takes 24 KiB of stack itself.
   static void wipeStack();
 };

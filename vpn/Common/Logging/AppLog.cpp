@@ -1,7 +1,7 @@
-// The client's log. What is asked for is known from two atomics, read first; a message is built
-// once, made legible once, and handed to all targets under one lock, so that they agree on the
-// order and a message of many lines stays in one piece. Nothing leaves a log call: no exception, no
-// changed errno. The state is never freed, so that threads may log until the process is gone.
+// The client's log. Two atomics, read first, tell whether a message is wanted. It is built once,
+// made legible once and handed to all targets under one lock, so that they agree on the order and a
+// message stays in one piece. No exception and no changed errno leaves a log call. The state is
+// never freed, so that threads may log until the process ends.
 
 #include "vpn/Common/Logging/AppLog.h"
 
@@ -225,7 +225,7 @@ void deliver(const char* function, const char* file, unsigned int line,
         tellListener(record);
       }
     } catch (const std::exception&) {
-      // A listener's trouble is not the logging thread's, and the targets still get the message.
+      // A listener's exception must not reach the logging thread; the targets get the message.
     }
     if (isWritten(severity)) {
       writeToTargets(record);
@@ -323,5 +323,5 @@ void CAppLog::setListener(Listener listener) {
     log.listener.swap(listener);
     isHeard = static_cast<bool>(log.listener);
   }
-  // The former listener goes here, without the lock: what it holds may log as it goes.
+  // Destroys the former listener without the lock: its destructors may log.
 }

@@ -15,8 +15,8 @@ constexpr char Indentation[] = "  ";
 
 bool isPlain(char c) { return (c >= 0x20 && c < 0x7f) || c == '\n' || c == '\t'; }
 
-/// Characters that take no room: a name with one looks like another name, and a text in tags, which
-/// mirror ASCII, like none.
+/// Invisible characters: a name with one looks like another name, and text in tags, which mirror
+/// ASCII, looks like nothing.
 bool isInvisible(unsigned int codePoint) {
   return codePoint == 0x200b || (codePoint >= 0x2060 && codePoint <= 0x2065) ||
          codePoint == 0xfeff || (codePoint >= 0xe0000 && codePoint <= 0xe007f);
@@ -26,8 +26,8 @@ bool isInvisible(unsigned int codePoint) {
 /// them.
 bool isJoiner(unsigned int codePoint) { return codePoint == 0x200c || codePoint == 0x200d; }
 
-/// Where one may stand: behind a letter of a script that comes after those of Europe, none of which
-/// has a use for it. In "example" it would hide.
+/// Whether a joiner may follow: only a letter beyond the European scripts, which have no use for
+/// it. In "example" it would hide.
 bool takesJoiner(unsigned int codePoint) {
   constexpr unsigned int FirstArabic = 0x600;
   return codePoint >= FirstArabic && !isJoiner(codePoint);

@@ -1,4 +1,4 @@
-// The log's file: what the library's sink does not look at before it opens one.
+// Opens the log's file after the checks that the library's sink does not make.
 
 #include "vpn/Common/Logging/LogFile.h"
 

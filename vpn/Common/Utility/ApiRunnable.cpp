@@ -1,5 +1,4 @@
-// Tasks and the thread in reserve: a task holds it, and its last holder may need it to be rid of
-// the task.
+// Tasks hold the thread in reserve: their last holder may need it to destroy them.
 
 #include "vpn/Common/Utility/ApiRunnable.h"
 
@@ -23,7 +22,7 @@ void ApiRunnable::leaveWithoutWaiting() noexcept {
   if (!isLastOut() || startDetachedThread(destroyerEntry, this, DefaultStackSize) == 0) {
     return;
   }
-  // What the destructor waits for has been handed to the reserve before, so it comes first there.
+  // The reserve got the job that the destructor waits for earlier, so that job runs first.
   m_destruction.function = destroyerEntry;
   m_destruction.argument = this;
   if (!CReserveThread::Run(m_destruction)) {

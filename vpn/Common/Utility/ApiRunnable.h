@@ -6,8 +6,8 @@
 /// A task of the API that is run once and may delete itself. Threads that may come late (a timer
 /// that is firing, a worker that nobody waits for) hold it.
 ///
-/// While it exists the thread in reserve is kept too, which delivers what the task ends with when
-/// the system gives no other.
+/// While it exists the thread in reserve exists too, which delivers the task's result when the
+/// system gives no other thread.
 class ApiRunnable : public CCountedLife<ApiRunnable> {
  public:
   ApiRunnable();
@@ -18,9 +18,8 @@ class ApiRunnable : public CCountedLife<ApiRunnable> {
   /// Gives up a hold, once for each `enter`. The last one destroys the object on this thread.
   void leave() noexcept;
 
-  /// As `leave`, for a thread that must not be held up by what a destructor waits for: the last
-  /// hold destroys the object on another thread (on this one only if not even the one in reserve
-  /// can be had).
+  /// As `leave`, for a thread that must not wait in a destructor: the last hold destroys the object
+  /// on another thread (on this one only if not even the reserve can be had).
   void leaveWithoutWaiting() noexcept;
 
   using CCountedLife::operator delete;

@@ -4,14 +4,13 @@
 #include <cstddef>
 #include <new>
 
-/// The life of an object that threads may still need when its owner deletes it. Deleting and
-/// freeing are two moments: `delete` gives up the creator's hold and returns at once, and the last
-/// holder out destroys the object and frees its memory. In the ordinary case nobody else holds it,
-/// and `delete` does both on the spot.
+/// Keeps an object alive while threads still need it, even after its owner deletes it. `delete`
+/// gives up the creator's hold and returns at once; the last holder destroys the object and frees
+/// its memory. Usually nobody else holds it, and `delete` does both on the spot.
 ///
-/// @tparam T the class that derives from this, with an `operator delete` of its own that calls
-///         `giveUp`, for the compiler wants that with the object's own type. Its objects are
-///         created with `new`, with the ordinary alignment.
+/// @tparam T the class that derives from this. Its own `operator delete` calls `giveUp`: a
+///         destroying delete needs the object's own type. Its objects are created with `new`, with
+///         the ordinary alignment.
 ///
 /// All operations may be called from any thread.
 template <class T>
@@ -20,8 +19,8 @@ class CCountedLife {
   /// Takes a hold. The caller knows the object to be held already.
   void enter() noexcept { m_holders.fetch_add(1, std::memory_order_relaxed); }
 
-  /// As `enter`, for who only knows that the memory is still there: takes no hold on an object
-  /// whose last holder has left and which is therefore being destroyed.
+  /// As `enter`, for a caller who only knows that the memory still exists: takes no hold on an
+  /// object that is being destroyed.
   /// @return whether the object is held now.
   bool enterIfHeld() noexcept {
     unsigned int holders = m_holders.load(std::memory_order_relaxed);
@@ -69,8 +68,7 @@ class CCountedLife {
 
   void destroy() noexcept {
     auto* const object = static_cast<T*>(this);
-    // The memory starts where the whole object does, which is not where this base need be; after
-    // the destructor nobody could tell any more.
+    // Found before the destructor ends the type: this base need not be where the object starts.
     void* const whole = dynamic_cast<void*>(object);
     object->~T();
     ::operator delete(whole);

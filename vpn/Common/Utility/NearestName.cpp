@@ -1,4 +1,4 @@
-// The name that a misspelt one was probably meant to be. Whoever wrote it, a comparison is bounded.
+// Finds the name that a misspelt one was probably meant to be, in bounded time.
 
 #include "vpn/Common/Utility/NearestName.h"
 

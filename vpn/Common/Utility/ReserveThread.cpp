@@ -1,6 +1,6 @@
-// The thread in reserve. Whoever is the reserve thread sleeps until there is a body or nobody holds
-// the reserve any more. Before it calls a body it tries to leave a successor, so that a body that
-// takes its time, or never returns, holds up the others only while the system has no thread at all.
+// The thread in reserve. It sleeps until there is a body to call or nobody holds the reserve.
+// Before it calls a body it tries to start a successor, so that a slow or endless body delays the
+// others only while the system has no thread.
 
 #include "vpn/Common/Utility/ReserveThread.h"
 
@@ -52,8 +52,8 @@ CReserveThread::Body* nextBody(Reserve& all) {
 
 void* serve(void* nothing);
 
-/// What remains to be done when a body has ended its thread, as pthread_exit(3) does: the unwinding
-/// of the stack comes by here, an ordinary return finds it done.
+/// What remains to be done when a body ends its thread, as pthread_exit(3) does. Unwinding the
+/// stack gets here; after an ordinary return it is done already.
 class Succession {
  public:
   Succession() : m_isSettled(startDetachedThread(serve, nullptr, DefaultStackSize) == 0) {}

@@ -52,7 +52,7 @@ bool CTimerList::Shared::takeExpired(CTimer::Entry& expired) {
   expired = *first->second;
   first->second->task.reset();
   armed.erase(first);
-  // The run's memory is there: before it goes the run deletes its timer, under the same lock.
+  // The run's memory still exists: the run deletes its timer first, under this lock.
   return expired.pKeptAlive == nullptr || expired.pKeptAlive->enterIfHeld();
 }
 

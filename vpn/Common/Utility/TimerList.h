@@ -69,10 +69,9 @@ class CTimer {
   STATUSCODE StartTimer(unsigned long milliseconds);
 
   /// Keeps `task` alive while the callback runs, so that the callback may use it even when its
-  /// owner deletes it meanwhile. Should the callback's be the last hold, the task is destroyed on a
-  /// thread of its own and does not hold up other timers. A task that is being destroyed is not
-  /// called back any more; its destructor deletes this timer at the latest. To be called before
-  /// `StartTimer`.
+  /// owner deletes it meanwhile. If the callback holds it last, another thread destroys the task,
+  /// so that other timers are not held up. A task that is being destroyed is not called back any
+  /// more; its destructor deletes this timer at the latest. To be called before `StartTimer`.
   void keepAlive(ApiRunnable& task);
 
  private:

@@ -21,7 +21,7 @@ class ClientIfcBase {
                                long status, const std::string& extraInfo) = 0;
 
  protected:
-  /// There is nothing to copy; for clients that are copied themselves.
+  /// The class has no data; copying serves clients that are copied themselves.
   /// @{
   ClientIfcBase(const ClientIfcBase&) = default;
   ClientIfcBase& operator=(const ClientIfcBase&) = default;

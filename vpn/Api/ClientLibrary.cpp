@@ -28,8 +28,8 @@ CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status) {
     step = "PreferenceMgr::createInstance";
     status = PreferenceMgr::createInstance(options.sources);
     if (status == PREFERENCEMGR_SUCCESS) {
-      // Creation has counted the acquisition that this object holds; the one made to get at the
-      // instance goes back.
+      // This object holds the acquisition that creation has counted, so the one that fetched the
+      // instance is released.
       m_pPreferenceMgr = PreferenceMgr::acquireInstance();
       m_pPreferenceMgr->releaseInstance();
       applyProbePreferences(*m_pPreferenceMgr);

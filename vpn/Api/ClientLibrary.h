@@ -8,7 +8,7 @@
 
 class CExecutionContext;
 
-/// Brings up what a selection stands on and takes it down again.
+/// Starts everything that a selection needs, and stops it again.
 ///
 /// Construction opens the log, reads preferences and profiles, applies the preferences that concern
 /// the probes, and creates the API execution context, in this order. Destruction goes the other

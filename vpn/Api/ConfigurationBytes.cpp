@@ -21,8 +21,7 @@ std::string systemError(const char* what, int error) {
   return std::string(what) + ": " + std::generic_category().message(error);
 }
 
-/// Reads a file of that size. One byte more shows a file that has grown since its size was taken,
-/// and nothing makes this read further.
+/// Reads a file of that size and at most one byte more, which shows that the file has grown.
 std::string readAll(const FileTrust::Descriptor& file, std::size_t size, std::string& contents) {
   contents.resize(size + 1);
   std::size_t filled = 0;
@@ -51,7 +50,7 @@ auto stampOf(const struct stat& status) {
 
 bool continues(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; }
 
-/// How many characters a piece of UTF-8 has: what continues one is none of its own.
+/// How many characters a piece of UTF-8 has: continuation bytes do not count.
 unsigned int characters(std::string_view text) {
   return static_cast<unsigned int>(text.size()) -
          static_cast<unsigned int>(std::ranges::count_if(text, continues));
@@ -61,7 +60,7 @@ unsigned int characters(std::string_view text) {
 
 std::string ConfigurationBytes::readRegularFile(const std::string& path, std::size_t maxSize,
                                                 FileTrust::Check check, std::string& contents) {
-  // Whoever writes a file in place is done soon, or never.
+  // A file written in place is complete soon, or never.
   constexpr int MaxReadings = 3;
   for (int reading = 0; reading < MaxReadings; ++reading) {
     FileTrust::Descriptor file;

@@ -26,8 +26,8 @@ struct Place {
   unsigned int column = 0;
 };
 
-/// Finds the places of offsets in a text. Going through it takes one pass over it altogether, from
-/// one offset to another the way between them. The text must outlive it; one thread.
+/// Finds the places of offsets in a text. Each call walks only from the last offset to the next, so
+/// ascending offsets take one pass. The text must outlive it; one thread.
 class PlaceFinder {
  public:
   explicit PlaceFinder(std::string_view text) : m_text(text) {}

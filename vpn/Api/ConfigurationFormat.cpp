@@ -1,5 +1,5 @@
-// What may stand where in a configuration file, and what a person is told who wrote something else:
-// what was found, what was probably meant, what is allowed, and what it costs.
+// The structure of configuration files, and the words that tell an author of a mistake: what was
+// found, what was probably meant, what is allowed, and what it costs.
 
 #include "vpn/Api/ConfigurationFormat.h"
 
@@ -76,7 +76,7 @@ std::vector<std::string> namesOf(const auto& rules) {
 
 /// What a mistake in an attribute costs.
 std::string consequence(const ElementRule& element, const ElementRule::Attribute* attribute) {
-  // With a misspelt address the name would take its place, and be another headend.
+  // With a misspelt address the entry's name would be used instead, and be another headend.
   return element.name == "host"   ? "; the entry is left out"
          : attribute == nullptr   ? "; it is ignored"
          : !attribute->isRequired ? "; it counts as if it were not there"

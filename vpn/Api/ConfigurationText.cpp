@@ -15,7 +15,7 @@ constexpr std::size_t MaxQuotedLength = 80;
 }  // namespace
 
 std::string ConfigurationText::oneLine(const std::string& text, std::size_t maxLength) {
-  // Escaped before it is cut: an escape is longer than what it stands for.
+  // Escaped before it is cut, because escapes are longer than their characters.
   std::string line;
   for (const char c : text) {
     line += c == '\n' || c == '\t' ? CStringUtils::printable(std::string(1, c)) : std::string(1, c);

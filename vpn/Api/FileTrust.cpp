@@ -1,6 +1,6 @@
-// Opens a path step by step from the root, as the kernel would, and looks at each step before it is
-// taken. Links are followed by hand, so the directories they stand in and lead through are looked
-// at too. What is read in the end is the very file that was looked at.
+// Opens a path step by step from the root, as the kernel would, and checks each step first. It
+// follows links itself, so that their directories are checked too. The file that is read is the
+// very file that was checked.
 
 #include "vpn/Api/FileTrust.h"
 
@@ -84,7 +84,7 @@ std::string findDistrust(const struct stat& status, const std::string& path, Che
       check);
 }
 
-/// Where something was found: what to open from where.
+/// A place on the way: what to open, relative to which directory.
 struct Place {
   Descriptor directory;  // none: the name is a whole path
   std::string name;
@@ -150,7 +150,7 @@ bool Walk::look(const std::string& name, Descriptor& found, struct stat& status)
     return fail(m_refusal, errno);
   }
   if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)) {
-    return true;  // for the caller to refuse, whoever owns it
+    return true;  // the caller refuses it, whoever owns it
   }
   const std::string distrust = findDistrust(status, pathOf(name).string(), m_check);
   return distrust.empty() || refuse(m_refusal, distrust);
@@ -186,7 +186,7 @@ bool locate(const std::string& path, Check check, Place& place, struct stat& sta
   return ::stat(path.c_str(), &status) == 0 || fail(refusal, errno);
 }
 
-/// Opens for reading what was looked at, or nothing.
+/// Opens for reading the file that was checked, or nothing.
 bool open(const Place& place, Check check, int flags, const struct stat& expected,
           Descriptor& opened, Refusal& refusal) {
   const bool isChecked = check != Check::Waived;
@@ -199,8 +199,8 @@ bool open(const Place& place, Check check, int flags, const struct stat& expecte
   if (status.st_dev != expected.st_dev || status.st_ino != expected.st_ino) {
     return refuse(refusal, "was replaced while it was opened");
   }
-  // A number alone does not tell the file: what was looked at is closed, and a new file may have
-  // been given the number of one that was removed.
+  // The inode number alone does not identify the file: the checked one is closed, and a new file
+  // may have its number.
   const std::string distrust = isChecked ? findDistrust(status, place.path, check) : std::string();
   return distrust.empty() || refuse(refusal, distrust);
 }
@@ -253,7 +253,7 @@ bool FileTrust::makeDirectory(const std::string& path, Refusal& refusal) {
   if (openDirectory(path, Check::Strict, directory, refusal)) {
     return true;
   }
-  // From the end on: on the way there may be directories that may be passed but not read.
+  // From the end of the path backwards: some directories may be passed but not read.
   const fs::path whole(path);
   const fs::path parent = whole.has_parent_path() ? whole.parent_path() : ".";
   if (refusal.error != ENOENT || parent == whole || !makeDirectory(parent, refusal)) {

@@ -5,20 +5,20 @@
 #include <functional>
 #include <string>
 
-/// Opening files that another user could not have written. One is trusted when it, and every
-/// directory and link on the way to it from the root on, belongs to root or to the effective user,
-/// and nobody else may write it. A directory in which everybody may write but only own entries
-/// change (the sticky bit, as /tmp has it) is trusted: what stands in it belongs to somebody who is
-/// trusted himself, or is refused for its owner. A group counts as others whoever is in it, for who
-/// that is may change at any time. Each step is checked on an open descriptor and taken from there,
-/// so nobody can exchange what was checked. Any thread may call these.
+/// Opening files that another user could not have written. A file is trusted if it, and every
+/// directory and link on its path from the root, belongs to root or to the effective user and
+/// nobody else may write it. A directory with the sticky bit, such as /tmp, is trusted although
+/// everybody may write: only owners change its entries, and each entry's owner is checked. A group
+/// always counts as others, because its members may change. Each step is checked on an open
+/// descriptor and continues from it, so nobody can exchange what was checked. Any thread may call
+/// these.
 namespace FileTrust {
 
 /// Who may have written a file.
 enum class Check {
   Strict,   ///< root and the effective user alone
-  Private,  ///< the same for what is no configuration; in a directory, nobody else even adds files
-  Waived,   ///< whoever could have written it
+  Private,  ///< the same, not for configuration; nobody else may even add files to the directory
+  Waived,   ///< whoever could have written the file
 };
 
 /// An open file or directory, closed with the object.
@@ -29,7 +29,7 @@ class Descriptor {
   ~Descriptor();
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
-  /// Takes the other's over; assignment exchanges the two.
+  /// Takes over the other object's descriptor; assignment exchanges the two.
   /// @{
   Descriptor(Descriptor&& other) noexcept;
   Descriptor& operator=(Descriptor&& other) noexcept;
@@ -50,15 +50,15 @@ struct Refusal {
   std::string text;  ///< for a person, with a remedy where it is not trusted
 };
 
-/// Opens a regular file for reading, or one that links lead to. Never waits, whatever stands there.
+/// Opens a regular file for reading, also through links. Never waits, whatever the path names.
 /// @return whether `file` is open; else `refusal` says why not.
 bool openFile(const std::string& path, Check check, Descriptor& file, Refusal& refusal);
 
 /// Opens a directory for reading in the same way.
 bool openDirectory(const std::string& path, Check check, Descriptor& directory, Refusal& refusal);
 
-/// Makes a directory for the user alone (mode 0700), and what leads to it, where they are missing:
-/// only in one that is trusted.
+/// Makes a directory for the user alone (mode 0700), and its missing parents, inside a trusted
+/// directory only.
 /// @return whether it is there; else `refusal` says why not.
 bool makeDirectory(const std::string& path, Refusal& refusal);
 

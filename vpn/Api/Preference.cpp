@@ -26,7 +26,7 @@ Definition numberOf(PreferenceId id, const char* name, const char* defaultValue,
 
 constexpr unsigned int HoursOfAYear = 8760;
 constexpr unsigned int TenMinutesMs = 600000;
-// A shorter budget than this has passed before one far headend has answered.
+// A shorter budget passes before one far headend has answered.
 constexpr unsigned int LeastBudgetMs = 100;
 // The probe counts whole seconds.
 constexpr unsigned int OneSecondMs = 1000;

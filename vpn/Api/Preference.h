@@ -60,8 +60,8 @@ class PreferenceBase {
     PreferenceId id;           ///< its number
     const char* name;          ///< as it is written in the files, letter case included
     const char* defaultValue;  ///< in force when no file sets it
-    /// A value that is not allowed is loaded as it was written all the same, because whoever reads
-    /// the preference checks it. Otherwise it is left out, as if the file did not set it.
+    /// A wrong value is loaded all the same, because the preference's reader checks it. Otherwise
+    /// it is left out, as if the file did not set it.
     bool checkedByReader = false;
     /// For a number: unit, empty for none, and range; for everything else: null.
     const char* unit = nullptr;

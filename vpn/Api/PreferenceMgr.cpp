@@ -1,5 +1,5 @@
-// The one preference manager of the process. Files are read before anyone can acquire it, so all it
-// hands out is constant.
+// The preference manager of the process. It reads files before anyone can acquire it, so all that
+// it hands out is constant.
 
 #include "vpn/Api/PreferenceMgr.h"
 
@@ -18,7 +18,7 @@ constexpr const char* SourceFile = "vpn/Api/PreferenceMgr";
 /// Name of the profile that headends given by the caller make up.
 constexpr const char* GivenProfile = "given addresses";
 
-/// A file that may be there but cannot be looked at is for the reader to report.
+/// The reader reports a file that exists but cannot be examined.
 bool mayExist(const std::string& path) {
   struct stat status = {};
   return ::stat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
@@ -135,7 +135,7 @@ void PreferenceMgr::loadPreferences(const std::string& path, UserPreferences& pr
   }
 }
 
-// Which proxy there is belongs to the machine, so host and port count in the global file alone.
+// The proxy belongs to the machine, so its host and port count in the global file alone.
 void PreferenceMgr::reportProxyOfUser() {
   for (const PreferenceId id : {ProxyHost, ProxyPort}) {
     Preference* preference = nullptr;

@@ -1,6 +1,6 @@
-// Reads profile and preferences files. Nothing in a file is trusted: its bytes are checked before
-// the parser sees them, and each element is held against the format as it comes. Whatever is found
-// wrong becomes a FileProblem, and the rest is used.
+// Reads profile and preferences files, which are not trusted: their bytes are checked before the
+// parser sees them, and each element is checked against the format as it comes. Whatever is wrong
+// becomes a FileProblem, and the rest is used.
 
 #include "vpn/Api/ProfileFile.h"
 
@@ -121,7 +121,7 @@ void FileReader::text(const std::string& found) {
                             (element == "host" ? abandonHost() : ""));
 }
 
-// Null for an element that is not known here, which is reported, and for what is inside it.
+// Null for an unknown element, which is reported, and for elements inside it.
 const ElementRule* FileReader::findRule(const std::string& name) {
   if (m_open.empty()) {
     return findRoot(name);
@@ -164,7 +164,7 @@ void FileReader::checkAttributes(const ElementRule& rule, const Attributes& attr
     } else if (ConfigurationFormat::isAllowed(*allowed, value)) {
       continue;
     } else if (m_open.size() == 1) {
-      // Another version means other things by the same words.
+      // In another version the same words may mean other things.
       refuse(placeOf(name), ConfigurationFormat::wrongValue(rule, *allowed, value));
       return;
     } else {
@@ -243,7 +243,7 @@ void FileReader::readHost(const Attributes& attributes) {
   }
 }
 
-/// Opens the entry, which is taken at its end if nothing wrong is inside.
+/// Opens the entry. It is taken at its end if it holds no mistake.
 void FileReader::parseAddress(ProfileFile::Host& host) {
   const bool hasAddress = !host.address.empty();
   const std::string& reached = hasAddress ? host.address : host.name;
@@ -261,8 +261,8 @@ void FileReader::parseAddress(ProfileFile::Host& host) {
   leaveOut(host, reason);
 }
 
-/// Leaves the open entry out for what is inside it: where somebody has written the address there,
-/// the name would take its place, and be another headend.
+/// Leaves the open entry out because of its content: if the address was written there, the name
+/// would be used instead, and be another headend.
 std::string FileReader::abandonHost() {
   if (m_host) {
     leaveOut(*m_host, "it has a mistake");
@@ -298,7 +298,7 @@ void FileReader::report(Place place, const std::string& text) {
   }
 }
 
-// Listed even when the file has had its share of messages: it says why all the rest is moot.
+// Listed even beyond the limit of messages: it says why all the rest does not matter.
 void FileReader::refused(Place place, const std::string& reason) {
   m_problems.push_back({m_path, place.line, place.column, reason + "; the whole file is skipped"});
 }

@@ -12,7 +12,7 @@
 #include "vpn/Api/Preference.h"
 #include "vpn/Common/Utility/URL.h"
 
-/// Something wrong in a file, told so that a person can mend it.
+/// Something wrong in a file, in words that help to mend it.
 struct FileProblem {
   std::string file;         ///< its path
   unsigned int line = 0;    ///< from 1; 0: the file as a whole

@@ -1,5 +1,5 @@
-// The profiles of the client. A name, of a profile or of a host entry, belongs to whoever came
-// first in byte order of the files; everything is bounded, and whatever is left out is reported.
+// The profiles of the client. The first file in byte order that uses a name, of a profile or of a
+// host entry, keeps it. Everything is bounded, and whatever is left out is reported.
 
 #include "vpn/Api/ProfileMgr.h"
 

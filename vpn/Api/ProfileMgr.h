@@ -54,11 +54,11 @@ class ProfileMgr {
   ProfileMgr(const ProfileMgr&) = delete;
   ProfileMgr& operator=(const ProfileMgr&) = delete;
 
-  /// From now on files are read whoever could have written them.
+  /// From now on reads files whoever could have written them.
   void trustFiles() { m_check = FileTrust::Check::Waived; }
 
-  /// Reads the profiles of a directory; one that does not exist counts as empty. One in which
-  /// another user could have put files is refused as a whole.
+  /// Reads the profiles of a directory; a missing one counts as empty. Refuses the whole directory
+  /// if another user could have put files in it.
   void loadDirectory(const std::string& directory);
 
   /// Adds one profile made of the given headends, automatic selection switched on. One whose
@@ -79,13 +79,13 @@ class ProfileMgr {
   /// The name of the profile that holds the entry; empty if there is none.
   std::string getProfileNameFromHost(const std::string& hostName) const;
 
-  /// A host entry that is in none of the maps.
+  /// A host entry that none of the maps holds.
   struct LeftOutHost {
     std::string profileName;  ///< of the profile that holds it
     ProfileFile::Host host;   ///< what could be read of it, and why it is in none
   };
 
-  /// Entries that have a mistake or another's name, `MaxProblems` at most.
+  /// Entries with a mistake or another entry's name, at most `MaxProblems`.
   const std::vector<LeftOutHost>& getLeftOutHosts() const { return m_leftOut; }
 
   /// The file of a profile; empty if there is no such profile.

@@ -43,7 +43,7 @@ void ProxyIfc::UnprotectedCredential::append(const char* characters, std::size_t
     m_tstrValue.append(characters, count);
     return;
   }
-  // std::string would release the buffer that it outgrows as it is.
+  // std::string would release an outgrown buffer without wiping it.
   std::string grown;
   grown.reserve(length + length / 2);
   grown.append(m_tstrValue).append(characters, count);

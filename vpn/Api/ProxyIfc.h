@@ -34,8 +34,8 @@ class ProxyIfc {
     UnprotectedCredential(const std::string& value) : m_tstrValue(value) {}
     ~UnprotectedCredential();
 
-    /// Wipes what was held before. A null pointer stands for the empty text; it may point into the
-    /// object's own.
+    /// Wipes the old value first. A null pointer stands for the empty text; it may point into this
+    /// object's own text.
     /// @{
     UnprotectedCredential& operator=(const UnprotectedCredential& other);
     UnprotectedCredential& operator=(const char* value);

@@ -5,7 +5,7 @@
 #include "vpn/Api/ProxyIfc.h"
 #include "vpn/include/StringUtils.h"
 
-/// A proxy provider that is told everything when it is made.
+/// A proxy provider whose values are fixed at construction.
 ///
 /// Made with `new` and handed over with `CHeadendSelection::SetProxy`: the run owns it from then on
 /// and deletes it, wiping the credentials. It is for one run. It never changes, so any thread may
@@ -44,7 +44,7 @@ class CProxyProvider : public ProxyIfc {
 
  private:
   static UnprotectedCredential credentialOf(const SecureString<std::string>& secret) {
-    // Not by way of a std::string, which would be a copy that nobody wipes.
+    // Not through a std::string, which would leave a copy that nobody wipes.
     UnprotectedCredential credential;
     credential = secret.c_str();
     return credential;

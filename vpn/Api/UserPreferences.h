@@ -16,7 +16,7 @@ class UserPreferences {
   /// All that the file sets; belongs to this object.
   const PreferenceInfo& getPreferences() const { return m_preferences; }
 
-  /// Replaces what the file sets. Not while another thread may read.
+  /// Replaces what the file sets. No other thread may read meanwhile.
   void setPreferences(const PreferenceInfo& preferences) { m_preferences = preferences; }
 
  private:

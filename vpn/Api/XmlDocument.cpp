@@ -1,5 +1,5 @@
-// Reads XML with libxml2's callbacks. No document tree is built, and no exception passes through
-// libxml2: the first one is kept, stops the parser, and is thrown on when that has returned.
+// Reads XML with libxml2's callbacks. No document tree is built. No exception passes through
+// libxml2: the first one is kept, stops the parser, and is rethrown after the parser returns.
 
 #include "vpn/Api/XmlDocument.h"
 
@@ -51,7 +51,7 @@ std::string attributeValue(const xmlChar* begin, const xmlChar* end) {
   return value;
 }
 
-/// What libxml2 has against a text, in other words where its own do not say what to do.
+/// Describes a libxml2 error, in other words where its own do not say what to do.
 std::string problemOf(const xmlError& error) {
   std::string sentence = error.message != nullptr ? error.message : "";
   switch (error.code) {
@@ -268,6 +268,6 @@ XmlDocument::Place XmlDocument::placeOfText() {
   const std::size_t end = offset();
   const std::size_t tag = m_contents->rfind('>', end - 1);
   const std::size_t begin = m_contents->find_first_not_of(Blanks, tag + 1);
-  // A text that begins nowhere before its end is a <![CDATA[...]]>.
+  // A text without a beginning before its end is a <![CDATA[...]]>.
   return m_places->placeOf(begin < end ? begin : m_contents->rfind('<', end - 1));
 }

@@ -13,11 +13,10 @@ struct _xmlParserCtxt;
 struct _xmlSAXHandler;
 }
 
-/// An XML text that nobody vouches for, taken apart once from its beginning to its end. A derived
-/// class is told of elements and texts as they come; what it throws ends the reading and leaves
-/// `read`. Bounds on depth, attributes and names keep the time in proportion to the size; a
-/// document type is refused, so no entity is ever expanded and nothing outside the text is fetched.
-/// One thread.
+/// An untrusted XML text, read once from beginning to end. A derived class is told of elements and
+/// texts as they come; an exception that it throws ends the reading and leaves `read`. Bounds on
+/// depth, attributes and names keep the time in proportion to the size. A document type is refused,
+/// so no entity is ever expanded and nothing outside the text is fetched. One thread.
 class XmlDocument {
  public:
   XmlDocument(const XmlDocument&) = delete;
@@ -34,8 +33,8 @@ class XmlDocument {
   XmlDocument() = default;
   ~XmlDocument() = default;
 
-  /// @param contents UTF-8 that `ConfigurationBytes::findByteProblem` has nothing against; must
-  ///        outlive the object. @return whether all of it was read and nothing was refused.
+  /// @param contents UTF-8 that `ConfigurationBytes::findByteProblem` accepts; must outlive the
+  ///        object. @return whether all of it was read and nothing was refused.
   bool read(const std::string& contents);
 
   virtual void start(const std::string& name, const Attributes& attributes) = 0;

@@ -1,5 +1,4 @@
-// The use of libxml2 by threads that may run out of memory, or that are still there when the
-// process exits.
+// The use of libxml2 by threads that may run out of memory or outlive `main`.
 
 #include "vpn/Api/XmlScope.h"
 
@@ -32,8 +31,8 @@ void closeScope() { scopes.fetch_sub(1, std::memory_order_release); }
 
 /// An exit handler. Those of the process run before those of its libraries.
 void endScopes() {
-  // A document takes milliseconds. A thread that exits within a scope of its own waits in vain, and
-  // a process that is to end had better end.
+  // A document takes milliseconds. A thread that calls exit within its own scope waits in vain, so
+  // the wait is short.
   constexpr std::chrono::milliseconds Patience{500};
   constexpr std::chrono::milliseconds Pause{1};
   scopes.fetch_or(NoMore, std::memory_order_relaxed);
@@ -51,8 +50,8 @@ bool initialise() {
 
 void drop(void* /*context*/, const char* /*format*/, ...) {}
 
-/// Without memory for it, libxml2 reports so by way of the very state that it cannot make: that
-/// there is some is tried first.
+/// Without memory for its state libxml2 reports the error by way of that very state and crashes. So
+/// this first tries whether there is memory.
 void makeThreadState() {
   ::operator delete(::operator new(sizeof(xmlGlobalState)));
   if (xmlGetGlobalState() == nullptr) {

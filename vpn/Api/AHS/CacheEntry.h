@@ -48,8 +48,8 @@ class CCacheEntry {
   std::string m_tstrKnownHeadends;
 };
 
-/// Ages by the time of day, which may go backwards: what is stamped later than now counts as old,
-/// not as eternal. Any thread may call these.
+/// Ages by the time of day, which may go backwards: a stamp in the future counts as old, not as
+/// eternal. Any thread may call these.
 namespace SelectionTimes {
 
 /// Seconds since 1970-01-01 00:00 UTC.

@@ -1,5 +1,5 @@
-// The candidates of a run as door and command see them: the run keeps its own list to itself, and
-// without one a headend that gives no answer would be missing from what is told.
+// The candidates of a run for door and command. The run does not show its own list, and without one
+// a headend that gives no answer would be missing from the results.
 
 #include "vpn/Api/AHS/Candidates.h"
 

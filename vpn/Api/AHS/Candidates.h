@@ -8,8 +8,8 @@
 
 class ProfileMgr;
 
-/// A host and the port that is probed there: what tells a probe's headend. An IPv6 address stands
-/// without brackets.
+/// A host and the port that is probed there; identifies a probe's headend. An IPv6 address has no
+/// brackets.
 using Place = std::pair<std::string, unsigned short>;
 
 /// One headend that a run measures.
@@ -36,14 +36,14 @@ Place placeOf(const std::string& host, unsigned short port);
 /// The headend at an address.
 Candidate candidateOf(const std::string& name, const URL& url);
 
-/// The name of a host entry as it is told beside its headend's address; empty where it is no name
-/// but the address itself, in whichever spelling.
+/// The name of a host entry, to show beside its headend's address; empty if the name is only
+/// another spelling of the address.
 std::string nameBeside(const std::string& headend, const std::string& name);
 
 /// All host entries, in ascending order of their names, and what becomes of each: those of a
-/// profile in which the switch is on or left to the user take part. An entry that has a mistake, or
-/// another entry's name, comes after that one. Reads the process's preference manager; empty when
-/// there is none.
+/// profile in which the switch is on or left to the user take part. An entry with a mistake or a
+/// name already taken follows the entry of that name. Reads the process's preference manager; empty
+/// without one.
 std::vector<HostEntry> findHostEntries();
 
 /// The candidate of a host entry's name, in any letter case; null if there is none.

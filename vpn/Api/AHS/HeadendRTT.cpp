@@ -1,5 +1,5 @@
-// One measured headend. The record holds what it was given and nothing derived from it, so that a
-// copy is as good as the original.
+// One measured headend. The record holds only what it was given, so that a copy is as good as the
+// original.
 
 #include "vpn/Api/AHS/HeadendRTT.h"
 

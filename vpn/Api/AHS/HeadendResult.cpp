@@ -1,5 +1,5 @@
-// One headend of a selection: what the run delivered, joined with what its probes told. No number
-// stands for a measurement that did not happen.
+// One headend of a selection: the run's result joined with its probes' reports. No number stands
+// for a measurement that did not happen.
 
 #include "vpn/Api/AHS/HeadendResult.h"
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// A headend that was measured is described by its last answer, not by a probe that was lost.
+// The last answer describes a measured headend, not a probe that was lost.
 HeadendOutcome outcomeOfMeasured(const SelectionRecord::Track& track) {
   const auto last = std::find_if(
       track.ended.rbegin(), track.ended.rend(),

@@ -1,6 +1,6 @@
-// The run and its end. Whatever happens to a run that was started, it ends in one results thread
-// that calls the client once: run thread and timer thread both come to finishAHS, and the first one
-// there decides what the client is told.
+// The run and its end. Every run that was started ends in one results thread, which calls the
+// client once: run thread and timer thread both call finishAHS, and the first one there decides
+// what the client is told.
 
 #include "vpn/Api/AHS/HeadendSelection.h"
 
@@ -51,7 +51,7 @@ STATUSCODE CHeadendSelection::prepare(ClientIfcBase* pAHSCB, const std::string& 
   CAHSSettings::GetSettings(m_settings);
   status = getHeadendListFromProfile(lastHeadend);
   if (status != 0) {
-    // The text names the cache, and whoever searches logs for this failure knows it by that name.
+    // The text names the cache, because people search logs for this failure by that name.
     CAppLog::LogReturnCode("CHeadendSelection", LogSource, __LINE__, Logging::DBG_Error,
                            "CSelectionCache::getHeadendListFromProfile", status, 0, nullptr);
     return status;
@@ -284,7 +284,7 @@ CHeadendSelection::CResultsThread::CResultsThread(ClientIfcBase* pAHSCB, unsigne
 CHeadendSelection::CResultsThread::~CResultsThread() = default;
 
 STATUSCODE CHeadendSelection::CResultsThread::Run() {
-  // The record is constant; being told the outcome is the client's own business.
+  // The record is constant, but the callback may change the client.
   const_cast<ClientIfcBase*>(m_pAHSCB)->AHSSelectedHost(m_uiReason, m_slHeadendList,
                                                         m_lStatusReturnCode, m_tstrExtraInfo);
   return 0;

@@ -141,8 +141,8 @@ class CHeadendSelection : public ApiRunnable {
   CManualLock m_headendThreadLock;
   HS_SETTINGS m_settings;  // written by construction only
 
-  // Created by the run thread before it is armed. The timer's own callback never touches it in the
-  // first finishAHS, which is the only one that can meet the run thread's other accesses.
+  // The run thread creates it before arming it. In the first finishAHS, the only one that can run
+  // beside the run thread's other accesses, the timer's own callback never touches it.
   CTimer* m_pTimer;
 
   CSelectionCache* m_cache;  // written by construction only; has a lock of its own
@@ -150,7 +150,7 @@ class CHeadendSelection : public ApiRunnable {
   ProxyIfc* m_pProxy;        // written by SetProxy before any thread of the run exists
   CResultsThread* m_pResultsThread AHS_GUARDED_BY(m_headendThreadLock);
 
-  // What tells the client that there is no memory, made while there was some. Never started unless
+  // Tells the client that there is no memory; made while there was some. Never started unless
   // m_pResultsThread cannot be made. Written by construction, and by finishAHS under its lock.
   CResultsThread* m_pSpareResultsThread;
 };

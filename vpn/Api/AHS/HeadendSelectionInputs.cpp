@@ -43,7 +43,7 @@ STATUSCODE CHeadendSelection::getHeadendListFromProfile(const std::string& lastH
 // For each profile: may its hosts take part?
 std::map<std::string, bool> CHeadendSelection::findProfilesWithAHS(ProfileMgr& profileMgr) {
   std::map<std::string, bool> profilesWithAHS;
-  // A copy, as of the hosts: the walk shall not hold on to the profile manager's own container.
+  // A copy, as of the hosts: the loop must not hold on to the profile manager's container.
   // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const std::map<std::string, HostInitSettings*> profileMap = profileMgr.getFileInitMap();
   for (const auto& [profileName, pSettings] : profileMap) {

@@ -125,7 +125,7 @@ STATUSCODE CHeadendSelection::sendTestPing(HttpProbe::HTTP_PROBE_RESULTS& result
       m_lastHeadend.getHost(), isSecure, false, static_cast<unsigned short>(port), tstrUserAgent,
       m_settings.nTestPingTimeout, proxyData, TestPingOptions, results);
   if (SelectionRules::worthOfProbe(status) != SelectionRules::ProbeWorth::Sample) {
-    // The transport's own error says more about the path than the status that it was reduced to.
+    // The transport's own error says more than the status, which many errors share.
     CAppLog::LogReturnCode("startPingThreads", LogSource, __LINE__, Logging::DBG_Error,
                            "HttpProbe::SendHttpProbe QIB test ping failed", results.uiLastError, 0,
                            nullptr);
@@ -157,7 +157,7 @@ STATUSCODE CHeadendSelection::startWorkers(unsigned int timeout) {
   return 0;
 }
 
-// A headend whose worker cannot be had takes no part; the others are a choice all the same.
+// If a worker cannot be had, its headend takes no part; the others remain to choose from.
 void CHeadendSelection::startWorker(std::size_t index, unsigned int timeout) {
   try {
     m_pThreads[index] = new CSelectionThread(
@@ -238,8 +238,8 @@ STATUSCODE CHeadendSelection::CSelectionThread::Run() {
   return status;
 }
 
-// Makes of one probe what it is worth. Returns whether the headend is worth another one; if not,
-// the worker is marked as terminated and reports nothing, not even samples from earlier probes.
+// Evaluates one probe. Returns whether to probe the headend again; if not, the worker is marked as
+// terminated and reports nothing, not even samples from earlier probes.
 bool CHeadendSelection::CSelectionThread::takeSample(STATUSCODE status,
                                                      const HttpProbe::HTTP_PROBE_RESULTS& results,
                                                      SelectionRules::Tally& tally) {

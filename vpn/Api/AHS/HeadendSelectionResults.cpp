@@ -81,7 +81,7 @@ CCacheEntry CHeadendSelection::copyPingResults() {
   return m_pingResults;
 }
 
-// Keeps a fresh result for the next run. What came from the cache is not made young again.
+// Keeps a fresh result for the next run. A result from the cache does not get a new stamp.
 void CHeadendSelection::storeInCache() {
   if (m_foundInCache || m_cache == nullptr) {
     return;

@@ -34,8 +34,7 @@ STATUSCODE shortage(const char* function) {
 
 CSelectionCache* CSelectionCache::sm_pInstance = nullptr;
 unsigned int CSelectionCache::sm_uiAcquisitionCount = 0;
-// A late thread may still release after the end of main: destroying this lock gives nothing back,
-// so it stays usable.
+// Destroying this lock frees nothing, so a late thread may still release after the end of main.
 CManualLock CSelectionCache::sm_instanceLock;
 std::atomic_flag CSelectionCache::sm_hasWarned;
 
@@ -190,7 +189,7 @@ STATUSCODE CSelectionCache::updateCache() {
       const bool isWritten = writeFile({key.substr(0, key.find('\n')), entry, {}});
       const CAutoLockT<CManualLock> lock(m_lock);
       const auto found = m_cache.find(key);
-      // What was stored meanwhile stays, for the release of whoever stored it.
+      // A selection that was stored meanwhile stays until its owner releases.
       if (isWritten && found != m_cache.end() && found->second.toString() == entry.toString()) {
         m_cache.erase(found);
       }
@@ -245,8 +244,8 @@ bool CSelectionCache::findDnsCacheEntry(std::string& key, CCacheEntry& entry) {
   return true;
 }
 
-/// A file that is wrong is met again at every look-up, and what is wrong with one directory is
-/// wrong with all its files: the first problem is enough.
+/// Warns of the first problem only: a wrong file is met at every look-up, and a problem of the
+/// directory concerns all files.
 void CSelectionCache::warnOnce(const char* function, const std::string& problem) {
   if (!problem.empty() && !sm_hasWarned.test_and_set()) {
     CAppLog::LogDebugMessage(
@@ -263,8 +262,8 @@ bool CSelectionCache::readFile(const std::string& selectionKey, CCacheEntry& ent
   return isThere;
 }
 
-/// Writes the file of a selection, unless it holds a younger one.
-/// @return whether it is the younger of both now.
+/// Writes the file of a selection, unless the file holds a younger one. @return whether `selection`
+/// is the younger one now.
 bool CSelectionCache::writeFile(const SelectionFiles::Selection& selection) {
   CCacheEntry theirs;
   std::string key = selection.entry.GetKnownHeadends();

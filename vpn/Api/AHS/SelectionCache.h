@@ -17,10 +17,10 @@ class SaxWriterIfc;
 /// The process's cache of earlier selections, kept in a directory between processes: docs/cache.md
 /// says what is found again, how many are kept, and what is wrong with a file.
 ///
-/// A store keeps its selection in memory. The next `releaseInstance`, anyone's, writes the file. A
-/// process holds an acquisition while it is up: the run's, which writes, is never the last. What
-/// cannot be written stays in memory until the last release. A look-up reads the selection's file;
-/// the younger of file and memory answers, and is not replaced by the older.
+/// A store keeps its selection in memory; the next `releaseInstance` of any holder writes the file.
+/// The process holds an acquisition too, so the run's release, which writes, is never the last. A
+/// selection that cannot be written stays in memory until the last release. A look-up reads the
+/// selection's file; the younger of file and memory answers, and the older never replaces it.
 ///
 /// All operations may be called from any thread that holds an acquisition. None throws but
 /// `toString`, for want of memory.
@@ -34,16 +34,16 @@ class CSelectionCache {
   /// @return 0, or HEADENDSELECTION_ERROR_MEMALLOC_FAILED with a null `pCache`.
   static STATUSCODE createSingletonInstance(CSelectionCache*& pCache);
 
-  /// Writes what the directory does not have, as long as the disk takes, and gives back one
+  /// Writes the selections that the directory lacks, as long as the disk takes, and gives back one
   /// acquisition. The last one destroys the instance.
   void releaseInstance();
 
-  /// The selections that the directory does not have yet, for people: place and entry of each.
+  /// The selections that the directory lacks, for people: place and entry of each.
   std::string toString();
 
   /// Looks a candidate set up at the present place; waits for the disk to read one file. The
-  /// selection that the thread works for (`SelectionRecord`) notes the entry that is found, and may
-  /// ask that none be.
+  /// thread's selection (`SelectionRecord`) notes the entry that is found, and may ask to find
+  /// none.
   /// @param key the candidate set; left alone.
   /// @param entry receives results, time stamp and key on a hit; is left alone on a miss.
   /// @return whether there is a current selection.

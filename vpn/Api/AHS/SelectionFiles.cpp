@@ -1,7 +1,7 @@
 // The files of the selection cache. A file is complete before it has its name and is never changed
 // in place, so readers and writers need no lock. Nothing is flushed: after a power failure a file
-// is the old one, the new one, or not understood, which costs a measurement. What a killed process
-// leaves under a temporary name counts as a file, which goes when 64 others were used after it.
+// is old, new or unreadable, which costs a measurement. A temporary file of a killed process counts
+// as a file, and is removed when 64 others were used after it.
 
 #include "vpn/Api/AHS/SelectionFiles.h"
 
@@ -141,7 +141,7 @@ bool readSelection(const fs::path& file, Selection& selection, std::string& prob
   return isRead;
 }
 
-/// A file of ours and when it was used last; a use of the future counts for nothing.
+/// A file of ours and the time of its last use; a time in the future counts as never.
 using UsedFile = std::pair<std::chrono::sys_time<fs::file_time_type::duration>, fs::path>;
 
 /// The files of selections, and those of former versions; those used last first.
@@ -249,7 +249,7 @@ std::size_t SelectionFiles::clear(const std::string& directory, std::string& pro
 
 bool SelectionFiles::parse(const std::string& text, Selection& selection, std::string& problem) {
   problem = ConfigurationBytes::findByteProblem(text).text;
-  // A processing instruction, but for what may stand at the beginning.
+  // A processing instruction, except those allowed at the beginning.
   if (problem.empty() &&
       (text.find("<!") != std::string::npos || text.find("<?", 1) != std::string::npos)) {
     problem = "has a declaration, a comment or an instruction";

@@ -8,14 +8,14 @@
 #include "vpn/Api/AHS/CacheEntry.h"
 
 /// The files in which the processes of one user keep their selections (docs/cache.md): one small
-/// XML document a selection, all in one directory.
+/// XML document per selection, all in one directory.
 ///
-/// Nothing is trusted: neither the directory and what leads to it, nor a file, its size and its
-/// text. A file is written under a temporary name and renamed, so whoever reads sees the old text
-/// or the new one. The time of its last change says when its selection was last used.
+/// Nothing is trusted: neither the directory and its parents, nor a file, its size and its text. A
+/// file is written under a temporary name and renamed, so a reader sees the old text or the new
+/// one. Its time of modification says when its selection was last used.
 ///
-/// Any thread may call these. All but `parse` may wait for the disk. What is wrong is told as a
-/// sentence for the log; where a directory or a file is merely missing, nothing is wrong.
+/// Any thread may call these. All but `parse` may wait for the disk. A problem is a sentence for
+/// the log; a missing directory or file is none.
 namespace SelectionFiles {
 
 /// Files that are kept at most.
@@ -43,8 +43,8 @@ bool read(const std::string& directory, const std::string& key, CCacheEntry& ent
 
 /// Makes or replaces the file of a selection, and the directory where it is missing; the user alone
 /// may use them. Removes the files used longest ago beyond `MaxFiles`.
-/// @param text of `selection`: what `parse` does not give back is not written.
-/// @return whether it is there; else the old file still is.
+/// @param text of `selection`. Not written if `parse` does not reproduce the selection.
+/// @return whether the new file exists; else the old one is unchanged.
 bool write(const std::string& directory, const Selection& selection, const std::string& text,
            std::string& problem);
 
@@ -55,11 +55,11 @@ void noteUse(const std::string& directory, const std::string& key);
 /// @param problem receives the last problem; the others' selections are there all the same.
 std::vector<Selection> list(const std::string& directory, std::string& problem);
 
-/// Removes all selections, and what former versions of this program have left.
-/// @return how many files went. @param problem says why one is left.
+/// Removes all selections, also those of former versions of this program.
+/// @return how many files were removed. @param problem says why a file is left.
 std::size_t clear(const std::string& directory, std::string& problem);
 
-/// Reads a text in time in proportion to its size.
+/// Reads a text in time proportional to its size.
 /// @return whether it is a selection with at least one result; else `selection` is left alone.
 bool parse(const std::string& text, Selection& selection, std::string& problem);
 

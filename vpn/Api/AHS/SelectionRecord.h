@@ -10,10 +10,10 @@
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/Locks.h"
 
-/// What is known of one selection while it runs: the task of the run's threads. Remembers every
-/// probe that measures a headend, and what the run used or stored of the cache. The probe that only
-/// tests the way through a proxy (it asks for all headers) is known as long as it is out, and then
-/// left out. Any thread may call anything.
+/// What is known of one selection while it runs: the task of the run's threads. Keeps every probe
+/// that measures a headend, and the cache entry that the run used or stored. Forgets the test
+/// probe, which tries the way through a proxy and asks for all headers, when it ends. Any thread
+/// may call anything.
 class SelectionRecord : public ProbeTask {
  public:
   /// The probes of one place.
@@ -37,12 +37,12 @@ class SelectionRecord : public ProbeTask {
   /// The record of the selection that this thread works for; null for none.
   static std::shared_ptr<SelectionRecord> current();
 
-  /// What a selection asks for besides what the run is given.
+  /// What a selection asks for beyond the run's arguments.
   struct Terms {
-    /// How its probes leave the machine, for the cache: what was measured another way was measured
-    /// at another place. Printable ASCII.
+    /// How its probes leave the machine. The cache treats another way as another place. Printable
+    /// ASCII.
     std::vector<std::string> way;
-    /// The cache has nothing for it; what it measures is stored.
+    /// The cache finds nothing for it, but stores what it measures.
     bool measuresNow = false;
   };
   /// To be set before the run starts.

@@ -1,5 +1,5 @@
-// The rules of a selection. Nothing here has a state or asks anybody but its arguments, so what is
-// told of a run is what the run has done.
+// The rules of a selection. They have no state and depend on their arguments alone, so a report
+// that uses them agrees with the run.
 
 #include "vpn/Api/AHS/SelectionRules.h"
 
@@ -59,7 +59,7 @@ unsigned int SelectionRules::portOf(const URL& headend) {
 
 SelectionRules::ProbeWorth SelectionRules::worthOfProbe(STATUSCODE status) {
   switch (status) {
-    // The server itself answered, if only with something that is of no use to a client.
+    // The server itself answered, if only with something that a client cannot use.
     case HTTP_SESSION_SUCCESS:
     case HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE:
     case HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE:

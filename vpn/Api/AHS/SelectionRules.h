@@ -1,8 +1,7 @@
 #pragma once
 
-/// @file
 /// The rules of a selection: what takes part, where it is probed, what a probe is worth, and who
-/// comes first. The run goes by them; whoever tells of a run asks the same functions.
+/// comes first. The run and all reports of it use the same functions.
 
 #include <string>
 #include <vector>

@@ -6,7 +6,7 @@
 #include "vpn/Api/AHS/HeadendSelection.h"
 #include "vpn/Common/Utility/Thread.h"
 
-/// The thread that a run is handed to and forgotten on. One that is never started deletes its run.
+/// A thread that owns a run and runs it. If it is never started, it deletes the run.
 class SelectionThread : public CThread {
  public:
   /// @param selection constructed with success.

@@ -1,4 +1,4 @@
-// What clients hand in. Nothing of it is used before it is checked, and what is refused is named.
+// Checks what clients hand in before anything uses it. A refusal names the argument.
 
 #include "capi/Arguments.h"
 
@@ -28,12 +28,12 @@ std::string element(const char* array, std::size_t index) {
   return std::string(array) + "[" + std::to_string(index) + "]";
 }
 
-/// What the structures of version 1.0 had; a client of that version is served for ever.
+/// What the structures of version 1.0 had; clients of that version must keep working.
 constexpr std::size_t LeastOptions = offsetof(ahs_options, log_context) + sizeof(void*);
 constexpr std::size_t LeastRequest = offsetof(ahs_request, progress_context) + sizeof(void*);
 
-/// Copies a structure. That of an earlier version is shorter, and what it lacks stays as it is.
-/// That of a later version is longer, and taken if what this version does not know is all zero.
+/// Copies a structure. An earlier version's is shorter: the missing members stay as they are. A
+/// later version's is longer, and accepted if the members unknown here are all zero.
 template <typename Structure>
 std::string takeStructure(const Structure* given, std::size_t least, Structure& copy,
                           const std::string& name) {
@@ -138,7 +138,7 @@ std::string takeProxy(const ahs_options& options,
     return "";
   }
   const std::string text = options.proxy;
-  // Not repeated: what stands before an @ may be a password.
+  // Not quoted: the text before an @ may be a password.
   const std::string error = text.find('@') == std::string::npos
                                 ? takeProxyChoice(text, preferences)
                                 : "user name and password belong into the request.";

@@ -23,11 +23,11 @@ struct StartPlan {
 /// @return an empty text, or which one is wrong and how to mend it.
 std::string takeOptions(const ahs_options* options, StartPlan& plan);
 
-/// Copies a request as far as it goes and checks it. The texts stay the caller's.
+/// Copies the members that a request has, and checks them. The texts stay the caller's.
 /// @param request null for AHS_REQUEST_INIT.
 /// @return an empty text, or what is wrong and how to mend it.
 std::string takeRequest(const ahs_request* request, ahs_request& copy);
 
 /// The provider that a checked request asks for; null for none.
-/// @param isSystemProxy the proxy is the one that the system is set to.
+/// @param isSystemProxy the preferences name the system's proxy.
 std::unique_ptr<ProxyIfc> providerFor(const ahs_request& request, bool isSystemProxy);

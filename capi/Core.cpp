@@ -1,4 +1,4 @@
-// The part of the door that exists once a process, counted.
+// The part of the door that exists once per process, and is counted.
 
 #include "capi/Core.h"
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Used like a lock. Who has it may wait for threads and disk, and holds none for that.
+/// Used like a lock, but its holder may wait for threads and disk, and holds no lock meanwhile.
 class AHS_CAPABILITY("mutex") Turn {
  public:
   void Lock() AHS_ACQUIRE() {
@@ -85,7 +85,7 @@ std::shared_ptr<const Core> Core::hold(const StartPlan& plan, ahs_status& status
     ++all.holds;
     held = all.core.get();
   }
-  return {held, letGo};  // without memory for that it is let go
+  return {held, letGo};  // without memory for this, the core is released
 }
 
 Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {

@@ -11,25 +11,24 @@
 
 class CSelectionCache;
 
-/// What all libraries of the process share: the client library while it is up, and what was read
-/// when it came up. Constant once it is made.
+/// What all libraries of the process share while the client library is up. Constant once made.
 class Core {
  public:
-  /// Brings the core up, or shares the one that is. It is up as long as anyone has such a hold,
-  /// which any thread may take and let go.
-  /// @param status receives how that went. @param error what is wrong, if it says more.
-  /// @return null after a failure, and where another one is up.
+  /// Brings the core up, or shares the existing one. The core is up while anyone holds it; any
+  /// thread may take and release such a hold. @param status receives the outcome. @param error
+  /// receives what is wrong, if known.
+  /// @return null after a failure, or if a core with another plan is up.
   static std::shared_ptr<const Core> hold(const StartPlan& plan, ahs_status& status,
                                           std::string& error);
 
-  /// For `hold`. @param status receives 0, or why it is not up. It is then good for destruction
-  /// only.
+  /// For `hold`. @param status receives 0, or why the core is not up; then it may only be
+  /// destroyed.
   Core(const StartPlan& plan, STATUSCODE& status);
   ~Core();
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
 
-  /// What takes part; it may outlive the core.
+  /// The headends that take part; may outlive the core.
   const std::shared_ptr<const std::vector<Candidate>>& candidates() const { return m_candidates; }
   const std::vector<const ahs_problem*>& problems() const { return m_problemPointers; }
 

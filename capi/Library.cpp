@@ -1,5 +1,5 @@
-// Starting and stopping one library. Its core goes when the last of its runs has ended, which is
-// waited for, though not for ever.
+// Starting and stopping one library. Its core goes when its last run has ended; stopping waits for
+// that, but not for ever.
 
 #include "capi/Library.h"
 
@@ -8,8 +8,8 @@
 
 namespace {
 
-/// How long the end of runs is waited for. A cancelled run ends within milliseconds, unless it asks
-/// a slow disk or the system's proxy settings.
+/// How long to wait for the end of runs. A cancelled run ends within milliseconds, unless it waits
+/// for a slow disk or the system's proxy settings.
 constexpr std::chrono::seconds LongestEnd{5};
 
 }  // namespace
@@ -67,7 +67,7 @@ void Library::stop() {
     m_logListener->end();
   }
   m_teller->close();
-  std::shared_ptr<const Core> core;  // goes without the lock
+  std::shared_ptr<const Core> core;  // destroyed after the lock is released
   const CAutoLockT<CManualLock> guard(m_lock);
   core.swap(m_core);
 }

@@ -12,11 +12,11 @@
 #include "capi/Teller.h"
 #include "vpn/include/Locks.h"
 
-/// A library as one client has started it: its own teller and selections on a core that it may
+/// A library as one client has started it: its own teller and selections, on a core that others may
 /// share. Any thread may call anything.
 class Library {
  public:
-  /// Starts one. @param status receives how that went. @param error what is wrong, if it says more.
+  /// Starts one. @param status receives the outcome. @param error receives what is wrong, if known.
   /// @return null after a failure.
   static std::shared_ptr<Library> start(const StartPlan& plan, ahs_status& status,
                                         std::string& error);

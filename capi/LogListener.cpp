@@ -1,5 +1,5 @@
-// Clients that hear the log. The log has one listener, called by one thread at a time; it hands a
-// copy of each message to every client's teller, so that no client holds up a thread that logs.
+// Clients that hear the log. The log has one listener, called by one thread at a time; it copies
+// each message to every client's teller, so that no client delays a thread that logs.
 
 #include "capi/LogListener.h"
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-/// What a message takes beside its text, with what list and heap add.
+/// What a message takes besides its text: object, list node and heap overhead.
 constexpr std::size_t Overhead = 256;
 
 /// All of the process. Never freed: threads may log until the process is gone.
@@ -45,7 +45,7 @@ void LogListener::begin() {
     const CAutoLockT<CManualLock> guard(listeners().lock);
     listeners().all.push_back(shared_from_this());
   }
-  // It stays when the last client has ceased to hear: two that come and go at once need no order.
+  // It stays after the last client has left, so that clients that come and go need no order.
   CAppLog::setListener([](const CAppLog::Record& record) {
     const CAutoLockT<CManualLock> guard(listeners().lock);
     for (const std::shared_ptr<LogListener>& each : listeners().all) {

@@ -11,7 +11,7 @@
 /// A client that hears the log. Any thread may call anything.
 class LogListener : public Teller::Subject, public std::enable_shared_from_this<LogListener> {
  public:
-  /// Bytes of messages that wait for the client at most; later ones are lost, and counted.
+  /// Most bytes of messages that wait for the client; later messages are lost and counted.
   static constexpr std::size_t MostWaiting = std::size_t{4} * 1024 * 1024;
 
   LogListener(std::shared_ptr<Teller> teller, ahs_log_callback callback, void* context,

@@ -1,5 +1,5 @@
-// A result as C sees it. Vectors own everything, so that it can be moved without copying; a short
-// std::string would move its characters, so the realm is none.
+// A result as C sees it. Vectors own everything, so that a move leaves pointers valid; moving a
+// short std::string would move its characters, so the realm is a vector too.
 
 #include "capi/Result.h"
 

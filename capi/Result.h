@@ -9,18 +9,18 @@
 /// An ahs_result and all that it points to.
 class Result {
  public:
-  /// A result that names no headend; takes no memory.
+  /// A result without headends; takes no memory.
   Result(ahs_status status, uint32_t reason) noexcept;
   /// @param headends as delivered. @param candidates see `collectResults`.
   Result(ahs_status status, uint32_t reason, std::vector<std::string> headends,
          const std::string& realm, std::vector<HeadendResult> candidates);
-  /// Pointers into what is moved stay good.
+  /// Pointers into the moved object stay valid.
   /// @{
   Result(Result&&) noexcept = default;
   Result& operator=(Result&&) noexcept = default;
   /// @}
 
-  /// It is not said to be from the cache, and has taken no time.
+  /// Not from the cache and without a duration until these are set.
   ahs_result value{};
 
  private:

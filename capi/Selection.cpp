@@ -1,6 +1,6 @@
-// A selection of a client. The result is settled once, by the run's one call or by a cancel, and
-// what the client is told is posted under the same lock: so nothing is told after it. The run is
-// the task of its threads; it goes when the last of them has ended, which may be after the handle.
+// A selection of a client. The run's one call or a cancel settles the result, and messages are
+// posted under the same lock, so that none follows the result. The run is the task of its threads;
+// it ends with the last of them, which may be after the handle.
 
 #include "capi/Selection.h"
 
@@ -51,7 +51,7 @@ class Selection::Run : public SelectionRecord {
   const Core& core() const { return *m_core; }
   SocketWay& way() { return m_way; }
 
-  // Counted and posted under one lock, so that a message counts those before it and itself.
+  // One lock for counting and posting, so that a message counts itself and those before it.
   void probeStarted(const HttpProbe::Report& report) override {
     const CAutoLockT<CMonitor> guard(m_selection->m_lock);
     SelectionRecord::probeStarted(report);
@@ -68,7 +68,7 @@ class Selection::Run : public SelectionRecord {
   }
 
  private:
-  // Who waits for the end of the runs finds the core let go.
+  // Destroyed after the core: a waiter for the end of the runs finds the core released.
   const std::shared_ptr<RunsEnd> m_runs;
   const std::shared_ptr<const Core> m_core;
   const std::shared_ptr<Selection> m_selection;
@@ -90,7 +90,7 @@ Selection::Selection(std::shared_ptr<Teller> teller, std::shared_ptr<const Core>
       m_progressContext(request.progress_context),
       m_start(std::chrono::steady_clock::now()),
       m_result(AHS_SUCCESS, request.reason) {
-  // Made now, so that telling the result takes no memory. It holds the selection once it is posted.
+  // Made now, so that telling the result needs no memory. Once posted, it holds the selection.
   m_resultMessage.push_back({nullptr, [this] { m_callback(&m_result.value, m_context); }});
 }
 
@@ -137,7 +137,7 @@ void Selection::cancel() noexcept {
   if (wait(0) == nullptr) {
     settle(resultOf({}, AHS_ERROR_CANCELLED, ""));
   }
-  // Also one whose result is there may have workers that are late.
+  // Even after the result, late workers may still run.
   if (const auto under = run(); under != nullptr) {
     under->cancel();
   }
@@ -175,7 +175,7 @@ void Selection::AHSSelectedHost(unsigned int /*reason*/, const std::vector<std::
   settle(resultOf(headends, status, extraInfo));
 }
 
-/// What is known now. Without memory for that, the status alone; a success is none then.
+/// What is known now. Without memory for that, the status alone; a success then becomes a failure.
 Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE status,
                            const std::string& realm) noexcept {
   const auto code = static_cast<ahs_status>(status);

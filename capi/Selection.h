@@ -15,16 +15,16 @@
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 
-/// Held by a library and each of its runs; `end` is there when the last one has let it go.
+/// Held by a library and each of its runs; sets `end` when the last one releases it.
 struct RunsEnd {
   ~RunsEnd() { end.set_value(); }
 
   std::promise<void> end;
 };
 
-/// One selection as its client sees it: hears the run, keeps the result, and has the client told of
-/// it once. What the run says after the result is there, or after a cancel, is dropped. Lives as
-/// long as its handle, its run's threads and its messages. Any thread may call anything.
+/// One selection as its client sees it: hears the run, keeps the result, and has the client told
+/// once. Ignores the run after the result or a cancel. Lives as long as its handle, its run's
+/// threads and its messages. Any thread may call anything.
 class Selection : public ClientIfcBase,
                   public Teller::Subject,
                   public std::enable_shared_from_this<Selection> {
@@ -36,14 +36,14 @@ class Selection : public ClientIfcBase,
             void* context);
   ~Selection() override;
 
-  /// Starts the run, unless a cancel was first. To be called once, with the same request.
+  /// Starts the run, unless it was cancelled before. To be called once, with the same request.
   /// @param status receives why there is no run. @return what is wrong, empty if nothing is.
   std::string start(const ahs_request& request, STATUSCODE& status);
 
   void cancel() noexcept;
-  /// Lets no socket callback come from now on, and waits for one that runs.
+  /// Refuses further socket callbacks, and waits for one that runs.
   void endSocketCallbacks();
-  /// Cancels, and has nothing told any more.
+  /// Cancels, and tells the client nothing more.
   void abandon();
   /// @return null when the time has passed. @param timeoutMs AHS_WAIT_FOREVER for no limit.
   const ahs_result* wait(uint32_t timeoutMs);

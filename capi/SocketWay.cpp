@@ -1,5 +1,5 @@
-// Interface, source address and mark of probes. A socket that cannot be given its way is not used:
-// a probe that left by another one would measure the tunnel that it is to keep out of.
+// Interface, source address and mark of probes. A socket that cannot have all three is not used: by
+// another way the probe could measure the very tunnel that it must avoid.
 
 #include "capi/SocketWay.h"
 
@@ -43,7 +43,7 @@ std::string SocketWay::take(const ahs_request& request) {
   if (request.source_address != nullptr && *request.source_address != '\0') {
     m_sourceText = request.source_address;
     addrinfo hints{};
-    // What has no colon has to be four numbers; the resolver would take fewer.
+    // An IPv4 address must have four numbers; the resolver would accept fewer.
     in_addr numbers{};
     const bool isSix = strchr(request.source_address, ':') != nullptr;
     hints.ai_family = isSix ? AF_INET6 : AF_INET;
@@ -100,7 +100,7 @@ bool SocketWay::prepare(int socket, int family) {
   return m_callback == nullptr || ask(socket);
 }
 
-/// Asks the client. What it throws refuses the socket.
+/// Asks the client. An exception from the callback refuses the socket.
 bool SocketWay::ask(int socket) {
   {
     const CAutoLockT<CMonitor> guard(m_lock);
@@ -138,7 +138,7 @@ std::string SocketWay::apply(int socket) const {
     return problem("interface_name", errno, "; it takes the capability CAP_NET_RAW");
   }
   if (m_sourceLength != 0) {
-    // The port is found when the socket connects, so that a thousand probes do not use them up.
+    // The port is chosen when the socket connects, so that a thousand probes do not use ports up.
     const int late = 1;
     static_cast<void>(setsockopt(socket, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof late));
     if (bind(socket, reinterpret_cast<const sockaddr*>(&m_source), m_sourceLength) != 0) {

@@ -15,19 +15,19 @@ class SocketWay {
  public:
   SocketWay();
 
-  /// Takes what a request says and tries it on a socket of its own.
+  /// Takes interface, source address and mark from a request, and tries them on a socket.
   /// @return an empty text, or which member is wrong and why.
   std::string take(const ahs_request& request);
 
-  /// What is taken, in words that tell one way from another.
+  /// The way in words that distinguish it from others.
   std::vector<std::string> words() const;
 
   /// Prepares a socket, and lets the client look at it. The first failure is logged. Any thread may
   /// call it. @return whether it may be used.
   bool prepare(int socket, int family);
 
-  /// Lets no socket out from now on, and waits for the client's callback where it runs. Any thread
-  /// but one inside it may call it.
+  /// Refuses every socket from now on, and waits for a running callback of the client. Any thread
+  /// may call it, except inside that callback.
   void close();
 
  private:
@@ -46,5 +46,5 @@ class SocketWay {
   std::atomic<bool> m_hasFailed{false};
   CMonitor m_lock;  // notified of a callback's end
   bool m_isClosed AHS_GUARDED_BY(m_lock) = false;
-  unsigned int m_callbacks AHS_GUARDED_BY(m_lock) = 0;  // that run
+  unsigned int m_callbacks AHS_GUARDED_BY(m_lock) = 0;  // running now
 };

@@ -1,5 +1,5 @@
-// What a client is told goes through one queue. Its lock is never held while the client is called,
-// and nobody logs who holds it: the log's listener posts here.
+// Every message to a client goes through one queue. Its lock is never held while the client is
+// called, and nobody logs while holding it: the log's listener posts here.
 
 #include "capi/Teller.h"
 
@@ -16,8 +16,8 @@ namespace {
 
 constexpr const char* SourceFile = "capi/Teller";
 
-/// How many messages of any teller this thread is inside. Who waited in one for another thread
-/// could wait for one that waits for it.
+/// How many messages of any teller this thread is inside. Two threads inside messages that waited
+/// for each other could wait for ever.
 thread_local int depth = 0;
 
 void tellOne(const Teller::Message& message) {
@@ -35,7 +35,7 @@ void tellOne(const Teller::Message& message) {
 /// Holds the teller until it is closed.
 class Teller::TellingThread : public CThread {
  public:
-  // What a client does in its callbacks has room as on any thread of its own.
+  // A client's callbacks need as much stack as on any thread.
   static constexpr std::size_t StackSize = std::size_t{8} * 1024 * 1024;
 
   explicit TellingThread(std::shared_ptr<Teller> teller)
@@ -100,7 +100,7 @@ void Teller::tellQueue() {
     m_lock.Lock();
     --subject.m_beingTold;
     m_lock.notifyAll();
-    // The last holder of the subject may be the message, whose destruction takes other locks.
+    // The message may hold the subject last, whose destruction takes other locks.
     m_lock.Unlock();
     one.clear();
     m_lock.Lock();
@@ -119,13 +119,13 @@ void Teller::serve() {
       tellQueue();
     }
   }
-  // What came before the closing; inside a message all of it was told.
+  // Tells what came before the closing; inside a message all of it was told.
   tellQueue();
   m_isServed = false;
   m_lock.notifyAll();
 }
 
-/// Nothing is to be told.
+/// Clears the descriptor: nothing is to be told.
 void Teller::calm() {
   eventfd_t ignored = 0;
   if (m_descriptor >= 0) {
@@ -153,7 +153,7 @@ void Teller::close() {
   while (depth == 0 && (m_isServed || m_thread != std::thread::id())) {
     m_lock.wait();
   }
-  // Whoever is inside a message of this one tells the rest here; a thread that serves it goes on.
+  // Inside a message of this teller, the rest is told here; a thread that serves it goes on.
   if (isMine() || (!m_isServed && m_thread == std::thread::id())) {
     tellQueue();
   }

@@ -12,7 +12,7 @@
 /// client asks for it. Any thread may call anything.
 class Teller {
  public:
-  /// Whom a message is about. The teller's lock guards it.
+  /// What a message is about. The teller's lock guards it.
   class Subject {
    private:
     friend class Teller;
@@ -29,8 +29,8 @@ class Teller {
   /// A list, so that a message can be made in advance and takes no memory when its time has come.
   using Messages = std::list<Message>;
 
-  /// @param byClient the client tells itself, with `tellAll`.
-  /// @return null if a descriptor or a thread, as it takes, cannot be had.
+  /// @param byClient the client calls `tellAll` itself. @return null if the system gives no
+  ///        descriptor or thread, whichever is needed.
   static std::shared_ptr<Teller> make(bool byClient);
   ~Teller();
   Teller(const Teller&) = delete;
@@ -40,22 +40,21 @@ class Teller {
   /// caller holds their subjects.
   void post(Messages& messages) noexcept;
 
-  /// Tells what there is. Does nothing inside a message, and while another thread tells.
+  /// Tells all messages. Does nothing inside a message, or while another thread tells.
   void tellAll();
 
-  /// Drops what is to be told about a subject now and later, and waits for a message about it that
-  /// is being told by another thread, except inside a message. The caller holds it.
+  /// Drops all messages about a subject, now and later, and waits for one that another thread is
+  /// telling, except inside a message. The caller holds the subject.
   void forget(Subject& subject);
 
-  /// Tells what there is, by the one thread or the other, and nothing from then on. Inside a
-  /// message of another teller it does not wait for that.
+  /// Tells all messages and accepts no more. Waits for a thread that is telling, except inside a
+  /// message of another teller.
   void close();
 
-  /// The same, but tells nothing more.
+  /// The same, but drops the messages instead.
   void drop();
 
-  /// Polls readable while there is something to tell; -1 where the client does not tell, and once
-  /// it is closed.
+  /// Polls readable while there are messages; -1 if the client does not tell, and after `close`.
   int descriptor() const;
 
  private:
@@ -70,7 +69,7 @@ class Teller {
   mutable CMonitor m_lock;  // notified of messages, of the end of telling, and of the closing
   int m_descriptor AHS_GUARDED_BY(m_lock);
   Messages m_queue AHS_GUARDED_BY(m_lock);
-  std::thread::id m_thread AHS_GUARDED_BY(m_lock);  // the one that tells, while it does
+  std::thread::id m_thread AHS_GUARDED_BY(m_lock);  // the telling thread, while it tells
   bool m_isClosing AHS_GUARDED_BY(m_lock) = false;
   bool m_isServed AHS_GUARDED_BY(m_lock);  // by a thread of its own
 };

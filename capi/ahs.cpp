@@ -1,5 +1,5 @@
-// The C functions. A handle is a number that stands for an object as long as nobody has given it
-// back, and for none ever after, so a wrong one does no harm. Nothing thrown gets past this file.
+// The C functions. A handle is a number that names an object until it is given back, and is never
+// reused, so that a wrong one does no harm. No exception leaves this file.
 
 #include "ahs/ahs.h"
 
@@ -28,13 +28,13 @@ namespace {
 /// A path in it may be cut.
 constexpr std::size_t LongestErrorText = 511;
 
-/// The last error of each thread. It takes no memory, so that a want of memory can be told too.
+/// The last error of each thread. It takes no memory, so that it can also tell a lack of memory.
 thread_local char lastErrorText[LongestErrorText + 1] = "";
 
 /// Keeps what ahs_error_text() tells this thread. @return `status`.
 ahs_status failed(ahs_status status, std::string_view text) noexcept {
   std::size_t length = std::min(text.size(), LongestErrorText);
-  // Not in the middle of a character of UTF-8.
+  // Do not cut within a character of UTF-8.
   while (length < text.size() && length > 0 && (text[length] & '\xC0') == '\x80') {
     --length;
   }
@@ -44,7 +44,7 @@ ahs_status failed(ahs_status status, std::string_view text) noexcept {
 
 ahs_status refused(std::string_view why) noexcept { return failed(AHS_ERROR_BAD_PARAMETER, why); }
 
-/// A number that no handle of either kind has had. It looks like a pointer to those who look.
+/// A number that no handle of any kind has had. It resembles a pointer.
 std::uintptr_t newNumber() {
   constexpr std::uintptr_t Step = 16;
   static std::atomic<std::uintptr_t> last{0};
@@ -55,7 +55,7 @@ std::uintptr_t newNumber() {
 template <typename Handle, typename Object>
 class Handles {
  public:
-  /// @param null, none what is wrong with a handle that is null, or that there is none of.
+  /// @param null, none the errors for a null handle and for an unknown one.
   Handles(const char* null, const char* none) : m_null(null), m_none(none) {}
 
   Handle* add(std::shared_ptr<Object> object) {
@@ -73,7 +73,7 @@ class Handles {
     return found == m_objects.end() ? none(handle) : found->second;
   }
 
-  /// The same; the handle is none from now on.
+  /// The same, and invalidates the handle.
   std::shared_ptr<Object> take(const Handle* handle) {
     const CAutoLockT<CManualLock> guard(m_lock);
     const auto node = m_objects.extract(handle);
@@ -92,7 +92,7 @@ class Handles {
   std::map<const Handle*, std::shared_ptr<Object>> m_objects AHS_GUARDED_BY(m_lock);
 };
 
-// Never freed, so that they may be given back at exit.
+// Never freed, so that handles may be given back at exit.
 auto& libraries() {
   static auto& all = *new Handles<ahs_library, Library>(
       "library is null", "library is no handle of a library that is up");
@@ -105,7 +105,7 @@ auto& selections() {
   return all;
 }
 
-/// Runs `operation`, whatever it throws.
+/// Runs `operation` and turns exceptions into a status.
 template <typename Operation>
 ahs_status guarded(Operation operation) noexcept {
   try {
@@ -148,7 +148,7 @@ ahs_status startSelection(Library& library, const ahs_request* request, ahs_call
   if (selection == nullptr) {
     return refused("library is being stopped");
   }
-  // The callback may come, and give the handle back, before this has returned.
+  // The callback may come, and give the handle back, before this function returns.
   handle = selections().add(selection);
   STATUSCODE status = 0;
   try {

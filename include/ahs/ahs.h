@@ -19,9 +19,9 @@
  *
  * C++ has ahs.hpp on top of this.
  *
- * Texts are UTF-8 and end with a NUL. What a function is given it copies: the caller may free it
- * when the function has returned. Structures begin with their size, set by their _INIT macro, so
- * that later versions can add members at the end.
+ * Texts are UTF-8 and end with a NUL. Functions copy their arguments: the caller may free them when
+ * the function has returned. Structures begin with their size, set by their _INIT macro, so that
+ * later versions can add members at the end.
  *
  * Errors: a function that fails returns why, and ahs_error_text() says it in a sentence. No
  * exception leaves the library and no signal is raised. A handle that was given back, or never was
@@ -54,8 +54,8 @@ typedef uint32_t ahs_status;
 #define AHS_ERROR_OUT_OF_MEMORY ((ahs_status)0xFE530004)
 /** A proxy asks for a user name and a password: select again with them. */
 #define AHS_ERROR_AUTH_PROXY_DETECTED ((ahs_status)0xFE53000A)
-/** The time limit passed. No result has it: what was measured until then is a selection, and
- * nothing is AHS_ERROR_SELECTION_FAILURE. */
+/** The time limit passed. No result has this status: it has what was measured until then, or
+ * AHS_ERROR_SELECTION_FAILURE. */
 #define AHS_ERROR_TIMEOUT ((ahs_status)0xFE53000B)
 /** No headend takes part in automatic selection. */
 #define AHS_ERROR_NO_HEADENDS ((ahs_status)0xFE53000D)
@@ -126,17 +126,17 @@ typedef struct ahs_log_message {
   uint32_t level;       /**< one of ahs_log_level */
   const char* text;     /**< the message */
   const char* function; /**< where it comes from */
-  /** Messages lost before this one, because callbacks did not come after (4 MiB wait at most). */
+  /** Messages lost before this one, because callbacks were too slow (4 MiB wait at most). */
   uint64_t lost;
 } ahs_log_message;
 
-/** Hears a log message, which holds until it returns. */
+/** Hears a log message, which is valid until the callback returns. */
 typedef void (*ahs_log_callback)(const ahs_log_message* message, void* context);
 
 /** What a library works with. A null pointer stands for nothing. */
 typedef struct ahs_options {
   size_t size; /**< sizeof(ahs_options) */
-  /** Its "*.xml" files are the profiles. Headends below are beside them. */
+  /** Its "*.xml" files are the profiles. */
   const char* profile_directory;
   const char* user_preferences_file;   /**< the user's own preferences */
   const char* global_preferences_file; /**< the machine's preferences */
@@ -193,7 +193,7 @@ typedef struct ahs_probe {
   uint32_t headend_count;     /**< that take part */
 } ahs_probe;
 
-/** Hears that a probe of its selection has started or ended. Comes never after the result. */
+/** Hears that a probe of its selection has started or ended. Never comes after the result. */
 typedef void (*ahs_progress_callback)(const ahs_probe* probe, void* context);
 
 /**
@@ -220,7 +220,7 @@ typedef struct ahs_request {
   /** Probes leave from this IPv4 or IPv6 address, and reach headends of its family alone. */
   const char* source_address;
   uint32_t mark; /**< probes carry it (SO_MARK, socket(7); takes CAP_NET_ADMIN); 0 for none */
-  /** Not 0: measured now, whatever the cache has, which then keeps the new result. */
+  /** Not 0: measures now and ignores the cache, which then keeps the new result. */
   int measure_now;
   ahs_socket_callback on_socket;     /**< is given each socket; null for nobody */
   void* socket_context;              /**< handed to on_socket */
@@ -300,14 +300,14 @@ const char* ahs_status_text(ahs_status status);
 /** Name of an ahs_outcome, such as "timed out"; "unknown" for any other; static. */
 const char* ahs_outcome_name(uint32_t outcome);
 
-/** Why the last call of this thread that failed has failed, in a sentence; empty if none has. Holds
- * until the thread calls the library again. */
+/** Why this thread's last failed call failed, in a sentence; empty if none has. Valid until the
+ * thread calls the library again. */
 const char* ahs_error_text(void);
 
 /**
- * Brings the library up: reads preferences and profiles. What is wrong with them is no failure; see
- * ahs_problems(). While it is up a second start with equal options (callbacks, contexts and
- * own_loop do not count) shares it and gets a handle of its own, which is stopped on its own.
+ * Brings the library up: reads preferences and profiles. Mistakes in them are no failure; see
+ * ahs_problems(). While it is up, a second start with equal options (callbacks, contexts and
+ * own_loop do not count) shares it and gets its own handle, which is stopped separately.
  *
  * @param options null for AHS_OPTIONS_INIT.
  * @param library receives the handle; null after a failure.
@@ -317,11 +317,11 @@ const char* ahs_error_text(void);
 ahs_status ahs_start(const ahs_options* options, ahs_library** library);
 
 /**
- * Takes the library down. Its selections that are under way are cancelled, and every callback that
- * is due comes before this returns (with own_loop on this thread); none comes afterwards. Waits for
- * a callback that runs, except inside one, up to 5 seconds for threads that are held up by a disk
- * or the system's proxy settings, and without a limit for the disk that what was measured is
- * written to. Selections' handles stay good. Null is ignored.
+ * Takes the library down. Cancels its running selections, and makes every callback that is due
+ * before it returns (with own_loop on this thread); none comes afterwards. Waits for a running
+ * callback, except inside one; up to 5 seconds for threads that a disk or the system's proxy
+ * settings hold up; and without a limit for the disk to which measurements are written. Selections'
+ * handles stay valid. Null is ignored.
  */
 ahs_status ahs_stop(ahs_library* library);
 

@@ -62,7 +62,7 @@ inline constexpr Status BadParameter{AHS_ERROR_BAD_PARAMETER};  ///< the error s
 inline constexpr Status OutOfMemory{AHS_ERROR_OUT_OF_MEMORY};   ///< there is no memory
 /// A proxy asks for a user name and a password: select again with them.
 inline constexpr Status AuthProxyDetected{AHS_ERROR_AUTH_PROXY_DETECTED};
-/// The time limit passed. No result has it: it has what was measured until then, or is a
+/// The time limit passed. No result has this status: it has what was measured until then, or
 /// SelectionFailure.
 inline constexpr Status Timeout{AHS_ERROR_TIMEOUT};
 inline constexpr Status NoHeadends{AHS_ERROR_NO_HEADENDS};              ///< none takes part
@@ -151,12 +151,12 @@ struct LogMessage {
   LogLevel level = LogLevel::Info;  ///< how much it matters
   std::string text;  ///< one paragraph of UTF-8 without control characters but line feeds and tabs
   std::string function;    ///< where it comes from
-  std::uint64_t lost = 0;  ///< messages lost before this one, because callbacks did not come after
+  std::uint64_t lost = 0;  ///< messages lost before this one, because callbacks were too slow
 };
 
 /// What a Library works with. An empty text stands for nothing.
 struct Options {
-  /// Its "*.xml" files are the profiles. Headends below are beside them.
+  /// Its "*.xml" files are the profiles.
   std::string profileDirectory{};
   std::string userPreferencesFile{};      ///< the user's own preferences
   std::string globalPreferencesFile{};    ///< the machine's preferences
@@ -194,7 +194,7 @@ struct Probe {
   std::uint32_t headendCount{};        ///< that take part
   ahs_selection* selection = nullptr;  ///< for cancel()
 
-  /// Selection::cancel() of its selection, for a callback that comes before the client has that.
+  /// Cancels its selection, for a callback that comes before the client has the Selection.
   void cancel() const noexcept { ahs_cancel(selection); }
 };
 
@@ -204,8 +204,8 @@ struct Request {
   std::string lastHeadend{};               ///< used last: its name, or as in Result::headends
   ProxyType proxyType = ProxyType::Basic;  ///< without a user name only None matters
   std::string proxyUser{};                 ///< for a proxy that asked
-  /// The library wipes its copy when the selection is over. This one is the client's, who may
-  /// wipe() it as soon as select() has been called; there is no other.
+  /// The library wipes its only copy when the selection is over. The client may wipe() this one as
+  /// soon as select() has been called.
   std::string proxyPassword{};
   /// Probes leave through this network interface (SO_BINDTODEVICE, socket(7)).
   std::string interfaceName{};
@@ -215,8 +215,8 @@ struct Request {
   bool measureNow = false;  ///< whatever the cache has, which then keeps the new result
   /// Is given each socket that a probe is about to connect, after the three above were set, on the
   /// probe's own thread and several at a time. It must not close the socket, and of this library
-  /// may call Selection::cancel() only. The probe fails as if it could not
-  /// connect if it gives false or throws.
+  /// may call Selection::cancel() only. If it returns false or throws, the probe fails as if it
+  /// could not connect.
   std::function<bool(int socket)> onSocket{};
   /// Hears that a probe has started or ended; not after the result.
   std::function<void(const Probe&)> onProgress{};
@@ -298,7 +298,7 @@ bool guarded(const Function& function, const Arguments&... arguments) noexcept {
   }
 }
 
-/// The functions of a library or a selection. One that runs keeps them: it may give back either.
+/// The functions of a library or a selection. A running one keeps them: it may destroy either.
 struct Callbacks : std::enable_shared_from_this<Callbacks> {
   std::function<void(const LogMessage&)> onLog;
   std::function<void(const Result&)> onResult;
@@ -341,8 +341,8 @@ struct Callbacks : std::enable_shared_from_this<Callbacks> {
   }
 };
 
-/// A handle with the functions that its library calls, or why there is none. The functions go after
-/// the handle.
+/// A handle with the functions that its library calls, or why there is none. The functions are
+/// destroyed after the handle.
 template <class Native, ahs_status (*GiveBack)(Native*)>
 struct Owned {
   struct Deleter {
@@ -369,26 +369,26 @@ struct Owned {
 
 }  // namespace detail
 
-/// One selection, from Library::select() on. Its end cancels one that is under way; it waits for a
-/// callback of it that runs, except inside one, and none comes afterwards.
+/// One selection, from Library::select(). Its destructor cancels a running one and waits for its
+/// running callback, except inside one; no callback comes afterwards.
 class [[nodiscard]] Selection {
  public:
-  /// None.
+  /// No selection.
   Selection() = default;
 
-  /// Whether there is one; it may be over.
+  /// Whether there is a selection; it may be over.
   explicit operator bool() const noexcept { return static_cast<bool>(status()); }
-  /// Why there is none; Success for one.
+  /// Why there is no selection; Success if there is one.
   Status status() const noexcept { return m_owned.status(); }
-  /// The same in a sentence; empty for one.
+  /// The same in a sentence; empty if there is a selection.
   std::string error() const { return m_owned.error(); }
 
-  /// Ends it and returns at once: its result is Cancelled, and the client is told. Does nothing to
-  /// one that is over.
+  /// Ends the selection and returns at once: its result is Cancelled, and the client is told. Does
+  /// nothing to a selection that is over.
   void cancel() const noexcept { ahs_cancel(m_owned.handle.get()); }
 
   /// Waits for the result. The client's function may be told before or after.
-  /// @return at once where there is no selection: why.
+  /// @return at once, with the reason, if there is no selection.
   Result wait() const {
     const ahs_result* result = ahs_wait(m_owned.handle.get(), AHS_WAIT_FOREVER);
     return result != nullptr ? detail::copyOf(*result) : Result{status(), error()};
@@ -409,13 +409,12 @@ class [[nodiscard]] Selection {
 };
 
 /// The library while it is up: one a process; a second one with equal options (callbacks and
-/// ownLoop do not count) shares it. Its end cancels the selections under way, and every callback
-/// that is due comes before that is over; none comes afterwards. Selections and their results stay
-/// good.
+/// ownLoop do not count) shares it. Its destructor cancels running selections and makes every
+/// callback that is due; none comes afterwards. Selections and their results stay valid.
 class Library {
  public:
-  /// Brings it up: reads preferences and profiles. What is wrong with them is no failure; see
-  /// problems(). A failure makes an object that is false, which can do nothing.
+  /// Brings it up: reads preferences and profiles. Mistakes in them are no failure; see problems().
+  /// After a failure the object is false and can do nothing.
   explicit Library(const Options& options = {}) {
     std::vector<ahs_headend> headends;
     for (const Headend& headend : options.headends) {
@@ -449,22 +448,22 @@ class Library {
 
   /// Whether it is up.
   explicit operator bool() const noexcept { return static_cast<bool>(status()); }
-  /// Why it is not up: BadParameter, AlreadyStarted, OutOfMemory, or that of a part that could not
-  /// be brought up; Success while it is.
+  /// Why it is not up: BadParameter, AlreadyStarted, OutOfMemory, or the status of a part that
+  /// failed to start; Success while it is up.
   Status status() const noexcept { return m_owned.status(); }
   /// The same in a sentence, which names the option that is wrong; empty while it is up.
   std::string error() const { return m_owned.error(); }
 
-  /// Selects and waits for the result. Progress that has not been told by then is dropped; with
-  /// ownLoop that is all of it but what other threads dispatch.
+  /// Selects and waits for the result. Drops progress that has not been told by then; with ownLoop
+  /// that is all progress that no other thread dispatches.
   [[nodiscard]] Result select(const Request& request = {}) {
     return select(request, nullptr).wait();
   }
 
   /// Starts a selection and returns at once. It takes no longer than its time limit.
-  /// @param request what is wanted; it may go when this has returned.
-  /// @param onResult is told the result once, unless the Selection ends before it, which it may do
-  ///        itself. It may come before this returns. Empty for nobody, where wait() will do.
+  /// @param request what is wanted; may be destroyed when this has returned.
+  /// @param onResult is told the result once, unless the Selection is destroyed before. It may
+  ///        destroy the Selection, and may come before this returns. Empty if wait() will do.
   /// @return a Selection that is false if it could not be started; onResult does not come then.
   Selection select(const Request& request, std::function<void(const Result&)> onResult) {
     Selection selection;

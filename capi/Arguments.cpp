@@ -141,7 +141,7 @@ std::string takeProxy(const ahs_options& options,
   // Not quoted: the text before an @ may be a password.
   const std::string error = text.find('@') == std::string::npos
                                 ? takeProxyChoice(text, preferences)
-                                : "user name and password belong into the request.";
+                                : "user name and password belong in the request.";
   return error.empty() ? "" : "options.proxy cannot be used: " + error;
 }
 
@@ -157,10 +157,10 @@ std::string findLoginError(const ahs_request& request) {
     return "request.proxy_password needs a proxy_user";
   }
   if (!hasUser && request.proxy_type == AHS_PROXY_KERBEROS) {
-    return "request.proxy_user: a ticket is used with a user name only; any name will do";
+    return "request.proxy_user: a ticket needs a user name; any name will do";
   }
   if (hasUser && request.proxy_type == AHS_PROXY_NONE) {
-    return "request.proxy_user: there is nothing to log in to with AHS_PROXY_NONE";
+    return "request.proxy_user: AHS_PROXY_NONE means that nobody logs in";
   }
   return "";
 }
@@ -177,7 +177,7 @@ std::string takeOptions(const ahs_options* options, StartPlan& plan) {
   std::string error = takeStructure(options, LeastOptions, given, "options");
   if (error.empty() && given.log_level > AHS_LOG_INFO) {
     error = "options.log_level is " + std::to_string(given.log_level) +
-            ", which is none of ahs_log_level";
+            ", which is not one of ahs_log_level";
   }
   if (error.empty()) {
     error = takeHeadends(given, plan.sources.headends);
@@ -207,11 +207,11 @@ std::string takeRequest(const ahs_request* request, ahs_request& copy) {
   copy = AHS_REQUEST_INIT;
   std::string error = takeStructure(request, LeastRequest, copy, "request");
   if (error.empty() && copy.reason > AHS_REASON_DISCONNECT) {
-    error = "request.reason is " + std::to_string(copy.reason) + ", which is none of ahs_reason";
+    error = "request.reason is " + std::to_string(copy.reason) + ", which is not one of ahs_reason";
   }
   if (error.empty() && copy.proxy_type > AHS_PROXY_NONE) {
     error = "request.proxy_type is " + std::to_string(copy.proxy_type) +
-            ", which is none of ahs_proxy_type";
+            ", which is not one of ahs_proxy_type";
   }
   return error.empty() ? findLoginError(copy) : error;
 }

@@ -31,7 +31,8 @@ std::shared_ptr<Library> Library::start(const StartPlan& plan, ahs_status& statu
   library->m_teller = Teller::make(plan.ownLoop);
   if (library->m_teller == nullptr) {
     status = AHS_ERROR_OUT_OF_MEMORY;
-    error = plan.ownLoop ? "the process has too many open descriptors" : "there is no thread";
+    error = plan.ownLoop ? "the process has too many open descriptors"
+                         : "the system gives no more threads";
     return nullptr;
   }
   if (plan.onLog != nullptr) {

@@ -38,7 +38,7 @@ std::string SocketWay::take(const ahs_request& request) {
   m_context = request.socket_context;
   m_interface = request.interface_name == nullptr ? "" : request.interface_name;
   if (m_interface.size() >= IFNAMSIZ) {
-    return "request.interface_name is longer than a name of an interface can be";
+    return "request.interface_name is longer than an interface name can be";
   }
   if (request.source_address != nullptr && *request.source_address != '\0') {
     m_sourceText = request.source_address;
@@ -93,7 +93,7 @@ bool SocketWay::prepare(int socket, int family) {
   if (!error.empty()) {
     if (!m_hasFailed.exchange(true)) {
       CAppLog::LogDebugMessage("prepare", SourceFile, __LINE__, Logging::DBG_Warning,
-                               "probes cannot leave as they are asked to: %s", error.c_str());
+                               "probes cannot leave as requested: %s", error.c_str());
     }
     return false;
   }

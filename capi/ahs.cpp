@@ -95,13 +95,13 @@ class Handles {
 // Never freed, so that handles may be given back at exit.
 auto& libraries() {
   static auto& all = *new Handles<ahs_library, Library>(
-      "library is null", "library is no handle of a library that is up");
+      "library is null", "library is not the handle of a library that is up");
   return all;
 }
 
 auto& selections() {
   static auto& all = *new Handles<ahs_selection, Selection>(
-      "selection is null", "selection is no handle, or it was given back");
+      "selection is null", "selection is not a handle, or was given back");
   return all;
 }
 

@@ -363,7 +363,7 @@ struct Owned {
   }
   Status status() const noexcept { return handle ? Success : failure; }
   std::string error() const {
-    return handle ? "" : text.empty() ? "there is none: it was moved from, or never made" : text;
+    return handle ? "" : text.empty() ? "the object is empty: moved from, or never made" : text;
   }
 };
 

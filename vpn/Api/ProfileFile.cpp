@@ -208,7 +208,7 @@ bool FileReader::isFirst(const PreferenceBase::Definition& definition) {
     return true;
   }
   report(placeOfTag(), std::string("the preference \"") + definition.name +
-                           "\" stands already in line " + std::to_string(first->getLine()) +
+                           "\" is already in line " + std::to_string(first->getLine()) +
                            "; the first one counts");
   return false;
 }

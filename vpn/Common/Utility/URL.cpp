@@ -49,7 +49,7 @@ std::string findBadCharacter(std::string_view text) {
     const Utf8Character character = utf8CharacterAt(text, i);
     const unsigned int code = character.codePoint;
     if (character.length == 0) {
-      return "It has a character in it that is no UTF-8; write the address in UTF-8.";
+      return "It is not UTF-8; write the address in UTF-8.";
     }
     if (code == ' ' || code == '\t') {
       return "It has a blank in it; write one address without blanks.";

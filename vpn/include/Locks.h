@@ -17,7 +17,7 @@ class AHS_CAPABILITY("mutex") CManualLock {
   /// @param spinCount how often a waiting thread tries again before it sleeps. Where locks are held
   ///        for a few hundred instructions, that saves two context switches.
   explicit CManualLock(unsigned long spinCount = 0);
-  ~CManualLock();  // NOLINT(performance-trivially-destructible): another client's lock need not be
+  ~CManualLock();  // NOLINT(performance-trivially-destructible): on other systems it may do work
 
   CManualLock(const CManualLock&) = delete;
   CManualLock& operator=(const CManualLock&) = delete;

@@ -100,8 +100,8 @@ bool SelectionReader::take(const std::string& element, const Attributes& attribu
   return element == "result" && attributes.size() == 2 && isMeasured;
 }
 
-/// The file of a selection. Two that share a name replace each other's; a reader tells them apart
-/// by the text. FNV-1a, 64 bits (RFC 9923): the same in every build, and no secret depends on it.
+/// The file of a selection. Selections with the same name replace each other; readers check the
+/// text. FNV-1a, 64 bits (RFC 9923): the same in every build, and no secret depends on it.
 fs::path fileOf(const std::string& directory, const std::string& key) {
   std::uint64_t hash = 0xcbf29ce484222325;
   for (const char c : key) {

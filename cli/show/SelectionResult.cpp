@@ -36,7 +36,7 @@ std::string adviceForFailure(const SelectionResult& result) {
   return "no headend was selected by measurement." +
          (wasMeasuring ? "" : " " + statusInWords(result)) +
          " Check the network and the addresses; 'ahs probe " + headend +
-         "' shows the obstacle there, and 'ahs select --log-level info' each step.";
+         "' shows what fails there, and 'ahs select --log-level info' each step.";
 }
 
 }  // namespace

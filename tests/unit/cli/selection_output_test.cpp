@@ -147,9 +147,9 @@ TEST(StatusAsHex, IsAlwaysEightDigits) {
 TEST(Advice, SaysWhatToDoAfterAFailureAndNothingAfterASuccess) {
   EXPECT_EQ(adviceFor(reconnected(), "'/p'"), "");
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {});
-  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe HOST' tells what is in the way"));
+  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe HOST' shows what fails there"));
   result.results = {headend("gw:8443", {})};
-  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe gw:8443' tells"));
+  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe gw:8443' shows"));
   EXPECT_THAT(adviceFor(failed(HEADENDSELECTION_ERROR_NO_HEADENDS, {}), "'/p'"),
               HasSubstr("the profiles in '/p', set EnableAutomaticServerSelection to true"));
 }

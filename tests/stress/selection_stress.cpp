@@ -359,6 +359,10 @@ int main(int count, char** arguments) {
     stress::sayWhere(problem.what());
     return 1;
   }
+  // The last threads may still be on their way out.
+  for (int wait = 0; wait < 1000 && CThread::RunningCount() != 0; ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   stress::require(CThread::RunningCount() == 0, "the library left a thread");
   return stress::report(statistics) || runs < stress::ManyRuns ? 0 : 1;
 }

@@ -8,10 +8,12 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/common/gate.h"
+#include "tests/support/Gate.h"
 #include "tests/unit/common/give_up.h"
 #include "tests/unit/common/worker.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
+
+using tests::Gate;
 
 namespace {
 

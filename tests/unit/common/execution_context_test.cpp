@@ -6,11 +6,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Gate.h"
 #include "tests/unit/common/counted.h"
-#include "tests/unit/common/gate.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/InstanceSmartPtr.h"
+
+using tests::Gate;
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "tests/support/Eventually.h"
+#include "tests/support/Gate.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TestAuthority.h"
-#include "tests/unit/common/gate.h"
 #include "tests/unit/common/http_probe_fixture.h"
 #include "vpn/Common/IP/HttpProbe.h"
 

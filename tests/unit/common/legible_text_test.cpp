@@ -20,6 +20,8 @@ TEST(LegibleText, WhatIsPlainOrWellFormedStaysAsItIs) {
 TEST(LegibleText, WhatTurnsTheDirectionOfWritingIsShownByItsBytes) {
   EXPECT_EQ(shown("a\u202eb"), "a\\xe2\\x80\\xaeb");
   EXPECT_EQ(shown("a\u061cb"), "a\\xd8\\x9cb");
+  EXPECT_EQ(shown("\u200e\u200f"), "\\xe2\\x80\\x8e\\xe2\\x80\\x8f");
+  EXPECT_EQ(shown("\u2066\u2069"), "\\xe2\\x81\\xa6\\xe2\\x81\\xa9");
 }
 
 TEST(LegibleText, WhatIsNotSeenIsShownByItsBytes) {

@@ -12,13 +12,15 @@
 #include <utility>
 #include <vector>
 
-#include "tests/unit/common/gate.h"
+#include "tests/support/Gate.h"
 #include "tests/unit/common/give_up.h"
 #include "tests/unit/common/heard_log.h"
 #include "tests/unit/common/worker.h"
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/Common/Utility/ReserveThread.h"
+
+using tests::Gate;
 
 namespace {
 

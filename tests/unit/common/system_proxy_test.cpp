@@ -12,9 +12,11 @@
 #include <vector>
 
 #include "tests/support/Eventually.h"
-#include "tests/unit/common/gate.h"
+#include "tests/support/Gate.h"
 #include "tests/unit/common/proxy_settings_double.h"
 #include "vpn/Common/IP/SystemProxy.h"
+
+using tests::Gate;
 
 namespace {
 

@@ -12,12 +12,14 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/common/gate.h"
+#include "tests/support/Gate.h"
 #include "tests/unit/common/give_up.h"
 #include "tests/unit/common/heard_log.h"
 #include "tests/unit/common/worker.h"
 #include "vpn/Common/Utility/Clock.h"
 #include "vpn/Common/Utility/TimerList.h"
+
+using tests::Gate;
 
 namespace {
 

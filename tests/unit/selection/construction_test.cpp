@@ -74,6 +74,16 @@ TEST_F(Construction, AFailingProfileListIsReportedWithTheSettingsAlreadyRead) {
                   "CHeadendSelection E CSelectionCache::getHeadendListFromProfile 0xFE320009"));
 }
 
+TEST_F(Construction, LocksAreMadeWithTheArgument500AndThreadsWith0) {
+  CHeadendSelection& selection = make();
+  delete new Worker(selection, URL("gw1"), 1, 1, 1);
+  delete new ResultsThread(&client, 0, {}, 0, "");
+
+  EXPECT_THAT(seams().lockArguments.get(), ElementsAre(500U, 500U, 500U));
+  // The first is the results thread that a run keeps for the case that there is no memory.
+  EXPECT_THAT(seams().threadArguments.get(), ElementsAre(0U, 0U, 0U));
+}
+
 TEST_F(Construction, EveryReasonHasATextForTheLog) {
   unsigned int reason = 0;
   for (const char* text : {"connection", "reconnection", "preferences change",

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/Eventually.h"
+#include "tests/support/Gate.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/Logging/AppLog.h"
@@ -26,6 +27,7 @@
 namespace doubles {
 
 using tests::eventually;
+using tests::Gate;
 
 /// A value that a test may change while threads use it.
 template <class T>
@@ -61,27 +63,6 @@ class Guarded {
 
 template <class Signature>
 using Hook = Guarded<std::function<Signature>>;
-
-/// Threads wait at the gate until a test opens it.
-class Gate {
- public:
-  void open() {
-    const std::lock_guard<std::mutex> hold(m_lock);
-    m_open = true;
-    m_changed.notify_all();
-  }
-
-  /// @return false if nobody opened the gate within `tests::Limit`.
-  bool wait() {
-    std::unique_lock<std::mutex> hold(m_lock);
-    return m_changed.wait_for(hold, tests::Limit, [this] { return m_open; });
-  }
-
- private:
-  std::mutex m_lock;
-  std::condition_variable m_changed;
-  bool m_open = false;
-};
 
 /// One call of the log.
 struct LogLine {
@@ -264,6 +245,9 @@ struct Seams {
 
   /// Number of `Start` calls, successful or not.
   std::atomic<int> starts{0};
+  /// The arguments of the constructors.
+  Guarded<std::vector<unsigned long>> lockArguments;
+  Guarded<std::vector<unsigned long>> threadArguments;
 };
 
 /// All doubles of one test.

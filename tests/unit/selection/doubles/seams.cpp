@@ -17,6 +17,8 @@ STATUSCODE __real__ZNK11CCacheEntry14GetHeadendListERSt6vectorI11CHeadendRTTSaIS
 void __real__ZN11CCacheEntryC1ERKS_(CCacheEntry* entry, const CCacheEntry* other);
 void __real__ZN11CManualLock4LockEv(CManualLock* lock);
 void __real__ZN11CManualLock6UnlockEv(CManualLock* lock);
+void __real__ZN11CManualLockC1Em(CManualLock* lock, unsigned long argument);
+void __real__ZN7CThreadC2Em(CThread* thread, unsigned long argument);
 
 STATUSCODE __wrap__ZN7CThread5StartEv(CThread* thread) {
   ++doubles::seams().starts;
@@ -85,6 +87,16 @@ void __wrap__ZN11CManualLock6UnlockEv(CManualLock* lock) {
     hook(lock, false);
   }
   __real__ZN11CManualLock6UnlockEv(lock);
+}
+
+void __wrap__ZN11CManualLockC1Em(CManualLock* lock, unsigned long argument) {
+  doubles::seams().lockArguments.add(argument);
+  __real__ZN11CManualLockC1Em(lock, argument);
+}
+
+void __wrap__ZN7CThreadC2Em(CThread* thread, unsigned long argument) {
+  doubles::seams().threadArguments.add(argument);
+  __real__ZN7CThreadC2Em(thread, argument);
 }
 
 }  // extern "C"

@@ -58,9 +58,8 @@ bool ProxyLogin::find(const std::string& proxy, const std::string& realm) {
 }
 
 void ProxyLogin::greet(const std::string& proxy, const std::string& realm) {
-  const std::string who = proxy.empty() ? "A proxy" : "The proxy " + Console::visible(proxy);
   const std::string what = realm.empty() ? "" : " for '" + visibleRealm(realm) + "'";
-  m_terminal->say(who + " asks for a login" + what + ".");
+  m_terminal->say("The proxy " + Console::visible(proxy) + " asks for a login" + what + ".");
 }
 
 bool ProxyLogin::askPerson() {

@@ -26,7 +26,7 @@ class ProxyLogin {
   bool hasCredentials() const;
 
   /// Finds another login after a proxy has refused the run's login or asked for one.
-  /// @param proxy host and port, for the person; empty if not known.
+  /// @param proxy host and port, for the person.
   /// @param realm what the login is for, as the proxy says; may be empty and hold anything.
   /// @return whether there is another login to try.
   bool find(const std::string& proxy, const std::string& realm);

@@ -28,16 +28,6 @@ std::string exactMs(long long microseconds) {
   return Wording::fixed(static_cast<double>(microseconds) / 1000, 3);
 }
 
-/// Host and port, the default port too: "gw.example.com:443".
-std::string place(const ProbePlan& plan) {
-  auto [host, port] = plan.place;
-  const bool isIPv6 = host.find(':') != std::string::npos;
-  if (const std::size_t zoneAt = host.find('%'); isIPv6 && zoneAt != std::string::npos) {
-    host.insert(zoneAt + 1, "25");
-  }
-  return Console::visible((isIPv6 ? "[" + host + "]" : host) + ":" + std::to_string(port));
-}
-
 /// The lines of a request's or an answer's head, visible. Cuts long lines and long heads.
 std::vector<std::string> headLines(const std::string& head) {
   std::vector<std::string> lines;
@@ -213,7 +203,7 @@ std::string schemeInWords(const ProbePlan& plan) {
 std::string adviceForName(const ProbeFindings& findings) {
   const std::string& problem = findings.addresses.problem;
   if (isAddressLiteral(findings.plan.place.first)) {
-    return place(findings.plan) +
+    return Console::visible(textOf(findings.plan.place)) +
            " cannot be reached. Check the address; the zone of an IPv6 address is the name of an "
            "interface, as in [fe80::7%25eth0].";
   }
@@ -331,9 +321,9 @@ std::string probeHeading(const ProbePlan& plan) {
                                 ? ""
                                 : " (host entry '" + Console::visible(plan.entry) +
                                       "' of the profile '" + Console::visible(plan.profile) + "')";
-  return "Probing " + place(plan) + entry + ": " + Wording::counted(plan.count, "probe") + " of " +
-         (plan.secure ? "HTTPS" : "plain HTTP") + ", each " + std::to_string(plan.timeout.count()) +
-         " s at most\n";
+  return "Probing " + Console::visible(textOf(plan.place)) + entry + ": " +
+         Wording::counted(plan.count, "probe") + " of " + (plan.secure ? "HTTPS" : "plain HTTP") +
+         ", each " + std::to_string(plan.timeout.count()) + " s at most\n";
 }
 
 std::string probeLine(const EndedProbe& probe, std::size_t index) {
@@ -390,7 +380,7 @@ std::string probeAdvice(const ProbeFindings& findings) {
   if (view.metricMs) {
     return "";
   }
-  const std::string where = place(findings.plan);
+  const std::string where = Console::visible(textOf(findings.plan.place));
   const bool isSilent = view.outcome == HeadendOutcome::TimedOut;
   if (isSilent && view.lateAnswers > 0) {
     return where + " answers, but not within the " +

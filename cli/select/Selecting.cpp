@@ -180,6 +180,12 @@ ProxyInForce findProxy() {
   return proxy;
 }
 
+// The proxy that has asked for a login, as the test probe met it.
+std::string proxyMetBy(const SelectionRecord& record) {
+  const std::optional<HttpProbe::Report> probe = record.testProbe();
+  return !probe || probe->address.empty() ? "" : textOf({probe->address, probe->addressPort});
+}
+
 // Restores the terminal, however the question ends.
 bool findLogin(ProxyLogin& login, const std::shared_ptr<Terminal>& terminal,
                const std::string& proxy, const std::string& realm) {
@@ -270,7 +276,8 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
     }
     // This run has started no worker, so it ends at once and drops its copy of the login.
     endRun();
-    if (!findLogin(login, terminal, proxy.place, result.extraInfo)) {
+    const std::string place = proxy.place.empty() ? proxyMetBy(*m_recorder) : proxy.place;
+    if (!findLogin(login, terminal, place, result.extraInfo)) {
       return result;
     }
   }

@@ -135,7 +135,7 @@ std::vector<Hostile> hostiles() {
       both("interim-flood", NoHttp, 100),
       both("redirect-loop", Success, 302),
       both("escapes", Success, 200),
-      both("challenge", Success, 407),
+      both("challenge", NoHttp, 0),
       both("keeps-then-closes", Success, 200),
       both("keeps-then-resets", Success, 200),
       both("keeps-then-silent", Success, 200),

@@ -200,5 +200,23 @@ TEST_F(SelectProxyTest, TheCommandLineGoesBeforeThePreferencesAndThoseBeforeTheS
   expectAsked({"--proxy", "127.0.0.1:" + std::to_string(proxies[2].port())}, 2);
 }
 
+TEST_F(SelectProxyTest, TheSystemsProxyIsNamedWhereItAsksForALogin) {
+  const ScriptedServer proxy(answering(Challenge));
+  const std::string place = "127.0.0.1:" + std::to_string(proxy.port());
+  environment.push_back("http_proxy=http://localhost:" + std::to_string(proxy.port()));
+  Program program(select(), environment, Program::Terminal::All);
+  EXPECT_TRUE(program.waitForNext("The proxy " + place + " asks for a login"));
+  ASSERT_TRUE(program.waitForNext(NameQuestion));
+  program.type("\n");
+  EXPECT_EQ(program.finish().exitStatus, 3);
+}
+
+TEST_F(SelectProxyTest, AHeadendThatAsksForALoginIsMeasuredAndNobodyIsAsked) {
+  const Gateway asking(Near, Challenge);
+  const Outcome outcome = run({"select", "--no-cache", asking.address()});
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.out;
+  EXPECT_THAT(outcome.err, Not(HasSubstr("login")));
+}
+
 }  // namespace
 }  // namespace tests

@@ -61,8 +61,8 @@ TEST_F(ProxyLoginTest, ARealmIsShownWithoutWhatMovesTheCursorAndIsCut) {
         {"", ".\r\n"}}) {
     const Person person(Person::Lines{{Name, "\n"}});
     ProxyLogin login({}, {}, at(person), false);
-    EXPECT_FALSE(login.find("", realm));
-    EXPECT_TRUE(person.waitFor("A proxy asks for a login" + shown));
+    EXPECT_FALSE(login.find("proxy:80", realm));
+    EXPECT_TRUE(person.waitFor("The proxy proxy:80 asks for a login" + shown));
   }
 }
 
@@ -74,13 +74,13 @@ TEST_F(ProxyLoginTest, AfterARefusalThePersonIsToldAndAskedAgainThreeTimesInAll)
                                     {Name, "bob\n"},
                                     {Password, "three\n"}});
   ProxyLogin login({}, {}, at(person), false);
-  EXPECT_TRUE(login.find("", "Office"));
-  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_TRUE(login.find("proxy:80", "Office"));
+  EXPECT_TRUE(login.find("proxy:80", "Office"));
   EXPECT_THAT(person.shown(), HasSubstr(Refusal));
   EXPECT_EQ(credentialsOf(login), "alice/two");
-  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_TRUE(login.find("proxy:80", "Office"));
   EXPECT_EQ(credentialsOf(login), "bob/three");
-  EXPECT_FALSE(login.find("", "Office"));
+  EXPECT_FALSE(login.find("proxy:80", "Office"));
   EXPECT_EQ(credentialsOf(login), "none");
 }
 
@@ -92,7 +92,7 @@ TEST_F(ProxyLoginTest, AnEmptyUserAnEndedInputOrThreeWrongAnswersGiveUp) {
   for (const Person::Lines& lines : ways) {
     const Person person(lines);
     ProxyLogin login({}, {}, at(person), false);
-    EXPECT_FALSE(login.find("", "Office"));
+    EXPECT_FALSE(login.find("proxy:80", "Office"));
     EXPECT_EQ(credentialsOf(login), "none");
     EXPECT_TRUE(person.seesWhatIsTyped());
   }
@@ -105,7 +105,7 @@ TEST_F(ProxyLoginTest, WhatNoProxyCouldTakeIsAskedForAgain) {
                                     {Password, "a\tb\n"},
                                     {Password, "ab\n"}});
   ProxyLogin login({}, {}, at(person), false);
-  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_TRUE(login.find("proxy:80", "Office"));
   EXPECT_EQ(credentialsOf(login), "alice/ab");
   EXPECT_THAT(person.shown(), HasSubstr("cannot have a colon in it"));
   EXPECT_THAT(person.shown(), HasSubstr("it is longer than 1024 bytes"));
@@ -116,7 +116,7 @@ TEST_F(ProxyLoginTest, AUserWhoIsKnownIsAskedForThePasswordAloneWhichMayBeEmpty)
   const Person person(Person::Lines{{Password, "\n"}});
   ProxyLogin login("alice", {}, at(person), false);
   EXPECT_EQ(login.provider(), nullptr);
-  EXPECT_TRUE(login.find("", "Office"));
+  EXPECT_TRUE(login.find("proxy:80", "Office"));
   EXPECT_EQ(credentialsOf(login), "alice/");
   EXPECT_THAT(person.shown(), Not(HasSubstr("User name")));
 }
@@ -126,13 +126,13 @@ TEST_F(ProxyLoginTest, CredentialsOfOptionsServeTheFirstRunAndNobodyIsAsked) {
   ProxyLogin login("alice", Secret("fly"), at(person), false);
   EXPECT_EQ(credentialsOf(login), "alice/fly");
   EXPECT_TRUE(login.hasCredentials());
-  EXPECT_FALSE(login.find("", "Office"));
+  EXPECT_FALSE(login.find("proxy:80", "Office"));
   EXPECT_EQ(person.shown(), "");
 }
 
 TEST_F(ProxyLoginTest, WithoutATerminalNobodyIsAsked) {
   ProxyLogin login({}, {}, nullptr, false);
-  EXPECT_FALSE(login.find("", "Office"));
+  EXPECT_FALSE(login.find("proxy:80", "Office"));
   EXPECT_EQ(login.provider(), nullptr);
   EXPECT_FALSE(login.hasCredentials());
 }

@@ -220,9 +220,57 @@ TEST_F(HttpProbeTest, ATunnelThatNeedsAuthenticationIsAnInvalidResponseWith407) 
 TEST_F(HttpProbeTest, CredentialsAreGivenToNoServer) {
   proxy.proxyUser = "user";
   proxy.proxyPswd = "secret";
-  EXPECT_EQ(probeOf(asking(kBasic, &log)), HTTP_SESSION_SUCCESS);
-  EXPECT_EQ(results.uiHttpStatusCode, 407U);
+  EXPECT_EQ(probeOf(asking(kBasic, &log)), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
   EXPECT_THAT(log.all(), ElementsAre(Not(HasSubstr("Authorization"))));
+}
+
+/// Answers with a challenge, as if it were a proxy.
+void challenge(Connection& connection) {
+  connection.readHead();
+  connection.send("HTTP/1.1 407 No\r\n" + std::string(kBasic) + "Content-Length: 0\r\n\r\n");
+}
+
+TEST_F(HttpProbeTest, AHeadendsChallengeIsAnAnswerWithoutAStatus) {
+  const TestAuthority authority;
+  HttpProbe::setTrustFile(authority.file());
+  const auto expectNoStatus = [&](STATUSCODE status, const char* way) {
+    EXPECT_EQ(status, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE) << way;
+    EXPECT_EQ(results.uiHttpStatusCode, 0U) << way;
+    EXPECT_GE(report().responseRttUs, 0) << way;
+  };
+  const ScriptedServer server(challenge);
+  expectNoStatus(probe(server.port()), "direct");
+
+  proxy.determineProxy = true;
+  {
+    const Variable named("http_proxy", "http://127.0.0.1:1");
+    const Variable exceptions("no_proxy", "127.0.0.1");
+    expectNoStatus(probe(server.port()), "exempt from the proxy");
+  }
+  const ScriptedServer socks([](Connection& connection) {
+    connection.readSome();
+    connection.send(std::string("\5\0", 2));  // RFC 1928: no login
+    connection.readSome();
+    connection.send(std::string("\5\0\0\1\0\0\0\0\0\0", 10));
+    challenge(connection);
+  });
+  const Variable named("all_proxy", "socks5://127.0.0.1:" + std::to_string(socks.port()));
+  expectNoStatus(probe(80, kPatience, kElsewhere), "through SOCKS");
+
+  const ScriptedServer secure(
+      [context = TlsServerContext(authority.issue())](Connection& connection) {
+        connection.startTls(context);
+        challenge(connection);
+        connection.waitForPeer();
+      });
+  const ScriptedServer tunnel([&](Connection& connection) {
+    connection.readHead();
+    connection.send("HTTP/1.1 200 Established\r\n\r\n");
+    connection.tunnelTo(secure.port());
+  });
+  proxy = PROXY_DATA();
+  proxy.proxyServer = proxyAt(tunnel.port());
+  expectNoStatus(probeSecurely(secure.port()), "through a tunnel");
 }
 
 TEST_F(HttpProbeTest, ASecureProbeGoesThroughATunnel) {

@@ -76,6 +76,15 @@ Place placeOf(const std::string& host, unsigned short port) {
   return {host, port};
 }
 
+std::string textOf(const Place& place) {
+  auto [host, port] = place;
+  const bool isIPv6 = host.find(':') != std::string::npos;
+  if (const std::size_t zoneAt = host.find('%'); isIPv6 && zoneAt != std::string::npos) {
+    host.insert(zoneAt + 1, "25");
+  }
+  return (isIPv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
 Candidate candidateOf(const std::string& name, const URL& url) {
   const auto port = static_cast<unsigned short>(SelectionRules::portOf(url));
   return {name, url.getHostAndPort(false), placeOf(url.getHost(), port)};

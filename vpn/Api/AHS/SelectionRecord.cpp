@@ -43,6 +43,7 @@ void SelectionRecord::probeEnded(const HttpProbe::Report& report) {
     if (track.testing == 0 && track.started == 0 && track.ended.empty()) {
       m_tracks.erase(place);  // it measures nothing
     }
+    m_testProbe = report;
     return;
   }
   const bool isFirstAnswer = SelectionRules::isSample(report.status) && !hasAnswered(track);
@@ -78,6 +79,11 @@ CCacheEntry SelectionRecord::entry() const {
 SelectionRecord::Progress SelectionRecord::progress() const {
   const CAutoLockT<CManualLock> guard(m_lock);
   return m_progress;
+}
+
+std::optional<HttpProbe::Report> SelectionRecord::testProbe() const {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  return m_testProbe;
 }
 
 std::map<Place, SelectionRecord::Track> SelectionRecord::tracks() const {

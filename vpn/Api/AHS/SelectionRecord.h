@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "vpn/Api/AHS/CacheEntry.h"
@@ -11,9 +12,8 @@
 #include "vpn/include/Locks.h"
 
 /// What is known of one selection while it runs: the task of the run's threads. Keeps every probe
-/// that measures a headend, and the cache entry that the run used or stored. Forgets the test
-/// probe, which tries the way through a proxy and asks for all headers, when it ends. Any thread
-/// may call anything.
+/// that measures a headend, the test probe, which tries the way through a proxy and asks for all
+/// headers, and the cache entry that the run used or stored. Any thread may call anything.
 class SelectionRecord : public ProbeTask {
  public:
   /// The probes of one place.
@@ -56,6 +56,8 @@ class SelectionRecord : public ProbeTask {
 
   Progress progress() const;
   std::map<Place, Track> tracks() const;
+  /// The test probe that has ended; none before it has.
+  std::optional<HttpProbe::Report> testProbe() const;
 
   /// Whether a probe tests the way through a proxy and measures no headend.
   static bool isTestProbe(const HttpProbe::Report& report);
@@ -63,6 +65,7 @@ class SelectionRecord : public ProbeTask {
  private:
   mutable CManualLock m_lock;
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
+  std::optional<HttpProbe::Report> m_testProbe AHS_GUARDED_BY(m_lock);
   Progress m_progress AHS_GUARDED_BY(m_lock);
   CCacheEntry m_entry AHS_GUARDED_BY(m_lock);
   Terms m_terms AHS_GUARDED_BY(m_lock);

@@ -24,7 +24,7 @@ class HttpProbe {
     /// outcome counts as an answer it is always measured.
     unsigned int uiRtt = 0;
     /// Status code of the answer; 0 when there was none. A proxy's refusal counts (407), its
-    /// consent to open a tunnel does not.
+    /// consent to open a tunnel does not, nor does a headend's 407.
     unsigned int uiHttpStatusCode = 0;
     /// The transport's own error number: libcurl's CURLcode (libcurl-errors(3)), 0 for none.
     unsigned int uiLastError = 0;

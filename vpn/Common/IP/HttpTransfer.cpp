@@ -108,7 +108,8 @@ HttpTransfer::HttpTransfer(const ProbeRequest& request, bool keeps, const Names&
   m_setup = setUpTransfer(m_easy.get(), request);
   set(CURLOPT_SHARE, names.get());
   setUpCallbacks();
-  if (request.tellsRequest && request.isDirect()) {
+  // One with a login carries credentials, of which no copy is made.
+  if (request.isDirect() ? request.tellsRequest : !request.secure && !request.logsIn()) {
     setUpTelling();
   }
 }
@@ -153,6 +154,7 @@ void HttpTransfer::start() {
   m_hasEnded = false;
   m_outcome = ProbeOutcome();
   m_outcome.reused = m_socket != NoSocket;
+  m_outcome.askedProxy = !m_request->secure && m_request->logsIn();
   AnswerHead::Expectations expects;
   expects.tunnel = m_request->secure && m_request->proxied();
   expects.logIn = m_request->logsIn();
@@ -288,6 +290,7 @@ ProbeOutcome HttpTransfer::takeOutcome() {
     m_outcome.osError = get<long>(CURLINFO_OS_ERRNO);
     if (const char* address = get<const char*>(CURLINFO_PRIMARY_IP); address != nullptr) {
       m_outcome.address = address;
+      m_outcome.addressPort = static_cast<unsigned short>(get<long>(CURLINFO_PRIMARY_PORT));
     }
     curl_header* location = nullptr;
     constexpr int LastRequest = -1;
@@ -373,14 +376,21 @@ void HttpTransfer::setUpCallbacks() {
   set(CURLOPT_SSL_CTX_DATA, this);
 }
 
-/// A request to a proxy may carry credentials, so it is not copied.
+/// libcurl itself does not tell whether an exception of the environment, or a SOCKS proxy, leaves
+/// the request to the headend.
 void HttpTransfer::setUpTelling() {
   set(
       CURLOPT_DEBUGFUNCTION,
       +[](CURL*, curl_infotype type, char* data, std::size_t size, void* self) {
         return unlessThrown(0, [&] {
-          if (type == CURLINFO_HEADER_OUT) {
-            static_cast<HttpTransfer*>(self)->m_outcome.request.assign(data, size);
+          HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
+          if (type != CURLINFO_HEADER_OUT) {
+            return 0;
+          }
+          if (transfer.m_request->isDirect()) {
+            transfer.m_outcome.request.assign(data, size);
+          } else if (std::string_view(data, size).starts_with("GET http://")) {
+            transfer.m_outcome.askedProxy = true;  // RFC 9112, section 3.2.2
           }
           return 0;
         });

@@ -15,13 +15,15 @@ namespace {
 
 constexpr long long Unknown = -1;
 
+constexpr long ProxyChallenge = 407;
+
 /// The status for libcurl's code. A code that is not listed means that the peer did not answer with
 /// HTTP or, without a connection, that connecting failed.
 STATUSCODE statusOf(const ProbeOutcome& outcome, bool proxied) {
   constexpr long FirstFinal = 200;
   switch (outcome.code) {
     case CURLE_OK:
-      if (outcome.httpStatus >= FirstFinal) {
+      if (outcome.httpStatus >= FirstFinal && outcome.finalStatus() != 0) {
         return HTTP_SESSION_SUCCESS;
       }
       break;  // interim answers promise a final one; without it nothing has been answered
@@ -87,6 +89,9 @@ bool ProbeOutcome::connected() const {
 
 unsigned int ProbeOutcome::finalStatus() const {
   constexpr long FirstRefusal = 300;
+  if (httpStatus == ProxyChallenge && !askedProxy) {
+    return 0;
+  }
   const bool refused = tunnelStatus >= FirstRefusal;
   return static_cast<unsigned int>(httpStatus == 0 && refused ? tunnelStatus : httpStatus);
 }
@@ -101,6 +106,7 @@ void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure meas
   report.networkRttUs = networkRttUs;
   if (connected()) {
     report.address = std::move(address);
+    report.addressPort = addressPort;
   }
   if (!isAnswer(report.status)) {
     return;

@@ -13,6 +13,8 @@ struct ProbeOutcome {
   bool clientCertificateAsked = false;
   long httpStatus = 0;
   long tunnelStatus = 0;
+  /// The request went to an HTTP proxy, which answered it or passed it on.
+  bool askedProxy = false;
   /// The ways to log in that the proxy offers (CURLAUTH_).
   long offeredLogIns = 0;
   long osError = 0;
@@ -27,13 +29,16 @@ struct ProbeOutcome {
   long long connectTookUs = 0;
   long long networkRttUs = -1;  ///< -1 where the kernel cannot say
   std::string address;
+  unsigned short addressPort = 0;
   std::string headers;
   std::string location;
   std::string request;
 
   /// A connection reset before libcurl looked at it counts: something had answered.
   bool connected() const;
-  /// The answer's; a proxy's refusal counts, its consent to a tunnel does not.
+  /// The answer's; a proxy's refusal counts, its consent to a tunnel does not. A headend's 407 is
+  /// no status: it must not make anybody log in at a proxy. One that a plain proxy passes on looks
+  /// like the proxy's own.
   unsigned int finalStatus() const;
 
   /// Fills the report. Moves the address out of the outcome, so that nothing is allocated.

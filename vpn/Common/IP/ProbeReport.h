@@ -37,4 +37,5 @@ struct ProbeReport {
   long long networkRttUs = -1;      ///< smallest round trip that the kernel saw on the connection
   long long responseRttUs = -1;     ///< from the request to the first byte of the answer
   std::string address;              ///< the address that was connected to (a proxy's, too), if any
+  unsigned short addressPort = 0;   ///< the port at that address; 0 without one
 };

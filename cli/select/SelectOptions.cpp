@@ -137,7 +137,7 @@ void addProxyOptions(CLI::App& command, ProxyOptions& options) {
                 "Go through this proxy, whatever the preferences say; port 80 unless one is given");
   CLI::Option* const user = addOption(
       command, "--proxy-user", "NAME", options.user,
-      "User name for a proxy that asks for a login; without a password it is asked for on the "
+      "User name for a proxy that asks for a login; a missing password is asked for on the "
       "terminal");
   CLI::Option* const file = addOption(
       command, "--proxy-password-file", "FILE", options.passwordFile,
@@ -172,8 +172,8 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
-            "Least important message to log; alone it logs to standard error; info if only a "
-            "target is given; with neither there is no log")
+            "Least important message to log (info unless given); without --log-file and --syslog "
+            "the log goes to standard error; without all three there is none")
       ->check(CLI::IsMember({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
   command.add_flag("--syslog", options.syslog, "Log to the system's log");

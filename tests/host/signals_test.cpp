@@ -54,12 +54,15 @@ class SignalledHost : public testing::TestWithParam<int> {
 
 TEST_P(SignalledHost, HandlesSignalsThatComeDuringARunOnItsOwnThreads) {
   const Handler handler(GetParam());
+  g_runThread = 0;
   std::atomic<bool> ended{false};
   std::thread run([&] {
     g_runThread = gettid();
+    g_runThread.notify_one();
     makeRun(m_client, AtConnection, "", new SecureProvider)->run();
     ended = true;
   });
+  g_runThread.wait(0);
   while (!ended) {
     kill(getpid(), GetParam());
     std::this_thread::sleep_for(std::chrono::microseconds(200));

@@ -203,7 +203,7 @@ std::string schemeInWords(const ProbePlan& plan) {
 std::string adviceForName(const ProbeFindings& findings) {
   const std::string& problem = findings.addresses.problem;
   if (isAddressLiteral(findings.plan.place.first)) {
-    return Console::visible(textOf(findings.plan.place)) +
+    return Console::visible(hostAndPort(findings.plan.place)) +
            " cannot be reached. Check the address; the zone of an IPv6 address is the name of an "
            "interface, as in [fe80::7%25eth0].";
   }
@@ -321,7 +321,7 @@ std::string probeHeading(const ProbePlan& plan) {
                                 ? ""
                                 : " (host entry '" + Console::visible(plan.entry) +
                                       "' of the profile '" + Console::visible(plan.profile) + "')";
-  return "Probing " + Console::visible(textOf(plan.place)) + entry + ": " +
+  return "Probing " + Console::visible(hostAndPort(plan.place)) + entry + ": " +
          Wording::counted(plan.count, "probe") + " of " + (plan.secure ? "HTTPS" : "plain HTTP") +
          ", each " + std::to_string(plan.timeout.count()) + " s at most\n";
 }
@@ -380,7 +380,7 @@ std::string probeAdvice(const ProbeFindings& findings) {
   if (view.metricMs) {
     return "";
   }
-  const std::string where = Console::visible(textOf(findings.plan.place));
+  const std::string where = Console::visible(hostAndPort(findings.plan.place));
   const bool isSilent = view.outcome == HeadendOutcome::TimedOut;
   if (isSilent && view.lateAnswers > 0) {
     return where + " answers, but not within the " +

@@ -183,7 +183,7 @@ ProxyInForce findProxy() {
 // The proxy that has asked for a login, as the test probe met it.
 std::string proxyMetBy(const SelectionRecord& record) {
   const std::optional<HttpProbe::Report> probe = record.testProbe();
-  return !probe || probe->address.empty() ? "" : textOf({probe->address, probe->addressPort});
+  return !probe || probe->address.empty() ? "" : hostAndPort({probe->address, probe->addressPort});
 }
 
 // Restores the terminal, however the question ends.

@@ -76,7 +76,7 @@ Place placeOf(const std::string& host, unsigned short port) {
   return {host, port};
 }
 
-std::string textOf(const Place& place) {
+std::string hostAndPort(const Place& place) {
   auto [host, port] = place;
   const bool isIPv6 = host.find(':') != std::string::npos;
   if (const std::size_t zoneAt = host.find('%'); isIPv6 && zoneAt != std::string::npos) {

@@ -34,7 +34,7 @@ struct HostEntry {
 Place placeOf(const std::string& host, unsigned short port);
 
 /// Host and port as a URL has them, the default port too: "gw.example.com:443".
-std::string textOf(const Place& place);
+std::string hostAndPort(const Place& place);
 
 /// The headend at an address.
 Candidate candidateOf(const std::string& name, const URL& url);

@@ -169,7 +169,8 @@ std::string findLoginError(const ahs_request& request) {
 
 bool StartPlan::isSame(const StartPlan& other) const {
   return sources == other.sources && log.file == other.log.file &&
-         log.leastImportant == other.log.leastImportant;
+         log.leastImportant == other.log.leastImportant &&
+         ignoresEnvironment == other.ignoresEnvironment;
 }
 
 std::string takeOptions(const ahs_options* options, StartPlan& plan) {
@@ -200,6 +201,7 @@ std::string takeOptions(const ahs_options* options, StartPlan& plan) {
   plan.onLog = given.on_log;
   plan.logContext = given.log_context;
   plan.ownLoop = given.own_loop != 0;
+  plan.ignoresEnvironment = given.ignore_environment != 0;
   return "";
 }
 

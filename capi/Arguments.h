@@ -14,6 +14,7 @@ struct StartPlan {
   ahs_log_callback onLog = nullptr;
   void* logContext = nullptr;
   bool ownLoop = false;
+  bool ignoresEnvironment = false;
 
   /// Whether another start asks for the same library.
   bool isSame(const StartPlan& other) const;

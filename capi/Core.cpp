@@ -78,8 +78,7 @@ std::shared_ptr<const Core> Core::hold(const StartPlan& plan, ahs_status& status
       status = AHS_ERROR_ALREADY_STARTED;
       error =
           "the library is up with other options; stop it, or start with equal ones. After a stop "
-          "it is up until its selections have ended, which a slow disk or the system's proxy "
-          "settings may hold up";
+          "it is up until its selections have ended, which a slow disk may hold up";
       return nullptr;
     }
     ++all.holds;
@@ -89,7 +88,7 @@ std::shared_ptr<const Core> Core::hold(const StartPlan& plan, ahs_status& status
 }
 
 Core::Core(const StartPlan& plan, STATUSCODE& status) : m_plan(plan) {
-  CClientLibrary::Options options{plan.sources, plan.log, ""};
+  CClientLibrary::Options options{plan.sources, plan.log, "", plan.ignoresEnvironment};
   m_library = std::make_unique<CClientLibrary>(options, status);
   if (status != 0) {
     return;

@@ -9,7 +9,7 @@
 namespace {
 
 /// How long to wait for the end of runs. A cancelled run ends within milliseconds, unless it waits
-/// for a slow disk or the system's proxy settings.
+/// for a slow disk.
 constexpr std::chrono::seconds LongestEnd{5};
 
 }  // namespace

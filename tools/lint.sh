@@ -40,7 +40,7 @@ cmake --preset clang >build/clang-configure.log 2>&1 || { cat build/clang-config
 cmake --build --preset clang -j "$jobs"
 
 echo "clang-tidy"
-mapfile -t translation_units < <(git ls-files 'vpn/*.cpp' 'capi/*.cpp' 'cli/*.cpp' 'simulator/*.cpp')
+mapfile -t translation_units < <(git ls-files 'vpn/*.cpp' 'helper/*.cpp' 'capi/*.cpp' 'cli/*.cpp' 'simulator/*.cpp')
 printf '%s\n' "${translation_units[@]}" |
   xargs -P "$jobs" -n 4 clang-tidy-14 -p build/clang --quiet --warnings-as-errors='*' 2>build/clang-tidy.log ||
   { echo "clang-tidy found something"; exit 1; }

@@ -20,6 +20,7 @@
 #include "cli/files/FileOptions.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
@@ -127,7 +128,7 @@ struct Line {
 
 void takeValue(Line& line, const CLI::Option& option, const std::string& value) {
   if (option.check_lname("profiles")) {
-    const char* const home = value.starts_with("~/") ? getenv("HOME") : nullptr;
+    const char* const home = value.starts_with("~/") ? Environment::get("HOME") : nullptr;
     line.files.profiles = home != nullptr ? home + value.substr(1) : value;
   }
 }

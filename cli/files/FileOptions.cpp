@@ -15,6 +15,7 @@
 #include "cli/AddOption.h"
 #include "cli/Console.h"
 #include "vpn/Api/ProfileFile.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/include/InstanceSmartPtr.h"
 
 namespace {
@@ -116,7 +117,8 @@ DefaultPaths defaultPathsFor(const char* configHome, const char* cacheHome, cons
 }
 
 DefaultPaths defaultPaths() {
-  return defaultPathsFor(getenv("XDG_CONFIG_HOME"), getenv("XDG_CACHE_HOME"), getenv("HOME"));
+  return defaultPathsFor(Environment::get("XDG_CONFIG_HOME"), Environment::get("XDG_CACHE_HOME"),
+                         Environment::get("HOME"));
 }
 
 std::string findDirectoryError(const std::string& path) { return findError(path, true); }

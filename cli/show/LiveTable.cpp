@@ -5,7 +5,6 @@
 
 #include "cli/show/LiveTable.h"
 
-#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include "cli/Wording.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/SelectionRules.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
@@ -205,9 +205,8 @@ std::vector<std::string> liveTable(const LiveState& state, std::size_t width, st
 }
 
 bool LiveTable::isPossible() {
-  const char* terminal = getenv("TERM");
-  return isatty(STDERR_FILENO) == 1 && terminal != nullptr && *terminal != '\0' &&
-         strcmp(terminal, "dumb") != 0;
+  const char* const terminal = Environment::get("TERM");
+  return isatty(STDERR_FILENO) == 1 && terminal != nullptr && strcmp(terminal, "dumb") != 0;
 }
 
 void LiveTable::draw(const LiveState& state) {

@@ -158,13 +158,17 @@ typedef struct ahs_options {
   int own_loop;
   ahs_log_callback on_log; /**< hears what is logged; null for nobody */
   void* log_context;       /**< handed to on_log */
+  /** Not 0: no environment variable decides anything, for the rest of the process;
+   * docs/privilege.md tells what remains the client's duty. A process with rights of its file
+   * (setuid, setgid, capabilities) ignores the environment in any case. */
+  int ignore_environment;
 } ahs_options;
 
 /** Options that name nothing: to begin with. */
 #define AHS_OPTIONS_INIT                                                                        \
   {                                                                                             \
     sizeof(ahs_options), NULL, NULL, NULL, NULL, 0, NULL, 0, NULL, NULL, NULL, AHS_LOG_INFO, 0, \
-        NULL, NULL                                                                              \
+        NULL, NULL, 0                                                                           \
   }
 
 /** Something that is wrong with a profile or a preferences file. It costs what it says and no more.
@@ -319,9 +323,9 @@ ahs_status ahs_start(const ahs_options* options, ahs_library** library);
 /**
  * Takes the library down. Cancels its running selections, and makes every callback that is due
  * before it returns (with own_loop on this thread); none comes afterwards. Waits for a running
- * callback, except inside one; up to 5 seconds for threads that a disk or the system's proxy
- * settings hold up; and without a limit for the disk to which measurements are written. Selections'
- * handles stay valid. Null is ignored.
+ * callback, except inside one; up to 5 seconds for threads that a disk holds up; and without a
+ * limit for the disk to which measurements are written. Selections' handles stay valid. Null is
+ * ignored.
  */
 ahs_status ahs_stop(ahs_library* library);
 

@@ -170,6 +170,8 @@ struct Options {
   LogLevel logLevel = LogLevel::Info;  ///< least important that is logged
   std::function<void(const LogMessage&)> onLog{};  ///< hears what is logged
   bool ownLoop = false;  ///< callbacks come inside Library::dispatch() alone
+  /// No environment variable decides anything, for the rest of the process; see ahs_options.
+  bool ignoreEnvironment = false;
 };
 
 /// Something that is wrong with a profile or a preferences file. It costs what it says and no more.
@@ -437,6 +439,7 @@ class Library {
     native.log_file = detail::orNull(options.logFile);
     native.log_level = static_cast<std::uint32_t>(options.logLevel);
     native.own_loop = options.ownLoop ? 1 : 0;
+    native.ignore_environment = options.ignoreEnvironment ? 1 : 0;
     auto callbacks = std::make_shared<detail::Callbacks>();
     callbacks->onLog = options.onLog;
     native.on_log = callbacks->onLog ? detail::Callbacks::tellLog : nullptr;

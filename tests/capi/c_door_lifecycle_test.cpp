@@ -58,7 +58,8 @@ TEST(Start, WithOtherOptionsIsRefusedAndTheFirstGoesOn) {
       {"no proxy of its own", [](ahs::Options& o) { o.proxy.reset(); }},
       {"cache", [](ahs::Options& o) { o.cacheDirectory = "/nowhere/cache"; }},
       {"log", [](ahs::Options& o) { o.logFile = "/nowhere/log"; }},
-      {"level", [](ahs::Options& o) { o.logLevel = ahs::LogLevel::Error; }}};
+      {"level", [](ahs::Options& o) { o.logLevel = ahs::LogLevel::Error; }},
+      {"environment", [](ahs::Options& o) { o.ignoreEnvironment = true; }}};
   const Gateway gateway(Gateway::All);
   ahs::Library first(optionsFor({gateway.Address()}));
   for (const auto& [name, change] : differences) {

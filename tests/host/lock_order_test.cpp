@@ -82,7 +82,6 @@ const std::map<std::string, Names>& classesOfSources() {
       {"TimerList.cpp", {"a timer list's lock"}},
       {"ReserveThread.cpp", {"the reserve's lock"}},
       {"ProbeSettings.cpp", {"the lock of the probe's settings"}},
-      {"SystemProxy.cpp", {"the lock of the system's proxy settings"}},
       {"AppLog.cpp", {"the log's listener lock", "the log's targets' lock"}},
       {"SelectionRecord.cpp", {"the lock of a selection's record"}},
       {"Core.cpp", {"the door's lock of the turn"}},

@@ -41,7 +41,7 @@ tree=$build/tree
 results=$build/results
 commit=$(git -C "$source" rev-parse HEAD)
 # What is built and tested, whatever the commit's mutants and documents are.
-content=$(git -C "$source" ls-tree -r "$commit" -- vpn capi cli include simulator tests CMakeLists.txt CMakePresets.json |
+content=$(git -C "$source" ls-tree -r "$commit" -- vpn helper capi cli include simulator tests CMakeLists.txt CMakePresets.json |
   grep -v '	tests/mutants/' | sha256sum | cut -d' ' -f1)
 seconds_for_tests=${AHS_MUTANT_SECONDS:-60}
 # ccache has what another checkout compiled.

@@ -25,6 +25,9 @@ diff <(printf 'ahs/%s\n' ahs.h ahs.hpp) <(cd "$scratch/usr/include" && find . -t
 diff <(printf 'libahs.so%s\n' '' .1 .1.0.0) <(cd "$libdir" && find . -name 'libahs*' -printf '%P\n' | sort) ||
   fail "other libraries are installed than one"
 
+[ -x "$libdir/ahs1/ahs-proxy" ] || fail "the helper that asks libproxy is not installed"
+! readelf -d "$libdir/libahs.so" "$scratch/usr/bin/ahs" | grep libproxy || fail "libproxy is loaded into clients"
+
 echo "== names"
 diff <(sed -nE 's/^[a-z].*\b(ahs_[a-z_]+)\(.*/\1@@AHS_1/p' "$scratch/usr/include/ahs/ahs.h" | sort) \
   <(nm --dynamic --defined-only "$libdir/libahs.so" | sed -n 's/.* T //p' | sort) ||

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 
 namespace {
@@ -22,6 +23,7 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
 }  // namespace
 
 CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status) {
+  Environment::prepare(options.ignoresEnvironment);
   const char* step = "CAppLog::open";
   try {
     options.logProblem = CAppLog::open(options.log);

@@ -10,11 +10,11 @@ class CExecutionContext;
 
 /// Starts everything that a selection needs, and stops it again.
 ///
-/// Construction opens the log, reads preferences and profiles, applies the preferences that concern
-/// the probes, and creates the API execution context, in this order. Destruction goes the other
-/// way. A run that is still under way keeps what it has acquired; once that is given back, a run
-/// that starts fails with the NO_INSTANCE codes. One object a process at a time; construction and
-/// destruction on one thread.
+/// Construction prepares the environment, opens the log, reads preferences and profiles, applies
+/// the preferences that concern the probes, and creates the API execution context, in this order.
+/// Destruction goes the other way. A run that is still under way keeps what it has acquired; once
+/// that is given back, a run that starts fails with the NO_INSTANCE codes. One object a process at
+/// a time; construction and destruction on one thread.
 class CClientLibrary {
  public:
   /// What is brought up.
@@ -23,6 +23,7 @@ class CClientLibrary {
     CAppLog::Targets log;            ///< where the log goes
     /// Why a log target could not be opened is reported here and does not stop the start.
     std::string logProblem;
+    bool ignoresEnvironment = false;  ///< the environment counts as empty: `Environment::prepare`
   };
 
   /// @param options what to bring up; `logProblem` is the one field that is written.

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -16,6 +15,7 @@
 #include "tests/unit/common/proxy_settings_double.h"
 #include "vpn/Common/IP/HttpHeaderResponse.h"
 #include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/Utility/Environment.h"
 
 namespace tests {
 namespace {
@@ -381,15 +381,9 @@ TEST_F(HttpProbeBySystemSettings, WithoutAUsableEntryItIsAConnectErrorAndNothing
 }
 
 TEST_F(HttpProbeBySystemSettings, SettingsThatDoNotAnswerAreATimeOut) {
-  const auto closed = std::make_shared<std::mutex>();  // shared with the abandoned thread
-  const std::unique_lock<std::mutex> held(*closed);
-  {
-    const ProxySettingsDouble settings([closed](const std::string&) {
-      const std::lock_guard<std::mutex> guard(*closed);
-      return Entries{"direct://"};
-    });
-    EXPECT_EQ(probe(server.port(), 1), HTTP_SESSION_ERROR_TIMEOUT);
-  }
+  const ProxySettingsDouble settings(
+      [](const std::string&) -> Entries { throw ProxySettingsDouble::Late(); });
+  EXPECT_EQ(probe(server.port(), 1), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_EQ(results.uiLastError, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(server.accepted(), 0U);
   EXPECT_GE(report().totalUs, 1000000);
@@ -449,6 +443,18 @@ TEST_F(HttpProbeBySystemSettings, AVariableThatNamesAWayToAskHasThemAsked) {
   }
   EXPECT_THAT(ProxySettingsDouble::Asked(), SizeIs(6));
   EXPECT_THAT(log.all(), SizeIs(6));
+}
+
+TEST_F(HttpProbeBySystemSettings, InAShutEnvironmentNoVariableNamesAProxyOrAnException) {
+  Environment::prepare(true);
+  const ProxySettingsDouble settings(naming({serverAsProxy}));
+  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
+    const Variable variable(name, name[0] == 'n' || name[0] == 'N' ? "*" : "http://127.0.0.1:1");
+    EXPECT_EQ(probeElsewhere(), HTTP_SESSION_SUCCESS) << name;
+    proxy.determineProxy = false;
+    EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS) << name;
+    proxy.determineProxy = true;
+  }
 }
 
 }  // namespace

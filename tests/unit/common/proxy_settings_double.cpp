@@ -1,45 +1,23 @@
-// libproxy's five functions, scripted. Like libproxy's, lists are arrays of texts that the caller
-// may change and must free.
-
 #include "tests/unit/common/proxy_settings_double.h"
 
-#include <proxy.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cstring>
 #include <mutex>
-#include <stdexcept>
-#include <string>
+#include <thread>
 #include <utility>
 
-struct pxProxyFactory_ {
-  std::atomic<bool> inUse{false};
-};
+#include "vpn/Common/IP/SystemProxy.h"
 
 namespace tests {
 namespace {
 
-/// Never freed: abandoned threads may ask until the process ends.
 struct STATE {
   std::mutex mutex;
   ProxySettingsDouble::Script script;
   std::vector<std::string> asked;
-  ProxySettingsDouble::Factories factories;
 };
 
 STATE& state() {
   static STATE& instance = *new STATE;
   return instance;
-}
-
-char** toList(const std::vector<std::string>& entries) {
-  auto** const list = new char*[entries.size() + 1];
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    list[i] = strdup(entries[i].c_str());
-  }
-  list[entries.size()] = nullptr;
-  return list;
 }
 
 }  // namespace
@@ -60,26 +38,10 @@ std::vector<std::string> ProxySettingsDouble::Asked() {
   return state().asked;
 }
 
-ProxySettingsDouble::Factories& ProxySettingsDouble::factories() { return state().factories; }
-
 }  // namespace tests
 
-pxProxyFactory* px_proxy_factory_new() {
-  if (tests::state().factories.failToMake) {
-    throw std::runtime_error("a module does not load");
-  }
-  ++tests::state().factories.made;
-  return new pxProxyFactory_;
-}
-
-char** px_proxy_factory_get_proxies(pxProxyFactory* self, const char* url) {
-  if (self->inUse.exchange(true)) {
-    ++tests::state().factories.misused;
-  }
-  struct Leaving {
-    pxProxyFactory* factory;
-    ~Leaving() { factory->inUse = false; }
-  } const leaving{self};
+SystemProxy::Outcome SystemProxy::find(const std::string& url, std::chrono::milliseconds limit,
+                                       int /*cancel*/, std::vector<std::string>& entries) {
   tests::ProxySettingsDouble::Script script;
   {
     const std::lock_guard<std::mutex> guard(tests::state().mutex);
@@ -87,18 +49,12 @@ char** px_proxy_factory_get_proxies(pxProxyFactory* self, const char* url) {
     script = tests::state().script;
   }
   try {
-    return tests::toList(script ? script(url) : std::vector<std::string>{"direct://"});
-  } catch (const tests::ProxySettingsDouble::NoList&) {
-    return nullptr;
+    entries = script ? script(url) : std::vector<std::string>{"direct://"};
+    return Outcome::Found;
+  } catch (const tests::ProxySettingsDouble::Late&) {
+    std::this_thread::sleep_for(limit);
+    return Outcome::Late;
+  } catch (...) {
+    return Outcome::Failed;
   }
 }
-
-void px_proxy_factory_free_proxies(char** proxies) {
-  for (char** entry = proxies; *entry != nullptr; ++entry) {
-    tests::state().factories.unwiped += **entry != '\0' ? 1U : 0U;
-    free(*entry);
-  }
-  delete[] proxies;
-}
-
-void px_proxy_factory_free(pxProxyFactory*) { ++tests::state().factories.misused; }

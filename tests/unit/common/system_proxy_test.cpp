@@ -1,146 +1,180 @@
-// The system's proxy settings when they answer, fail, throw and hang.
+// The system's proxy settings when they answer, fail, crash and hang, each in a helper that the
+// host of the library must not notice.
 
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <memory>
-#include <stdexcept>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/Gate.h"
-#include "tests/unit/common/proxy_settings_double.h"
+#include "tests/support/TemporaryDirectory.h"
 #include "vpn/Common/IP/SystemProxy.h"
+#include "vpn/Common/Utility/Environment.h"
 
-using tests::Gate;
-
+namespace tests {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::SizeIs;
-using tests::eventually;
-using tests::ProxySettingsDouble;
+using testing::Not;
+using testing::StartsWith;
 using namespace std::chrono_literals;
 
 using Entries = std::vector<std::string>;
-
-constexpr char kUrl[] = "http://gate.example:443/";
-constexpr std::size_t kMostAtATime = 4;
+using Outcome = SystemProxy::Outcome;
 
 // A limit that no test reaches.
 constexpr auto kPatience = 60s;
+constexpr int kNever = -1;
 
-SystemProxy::Outcome find(Entries& entries, std::chrono::milliseconds limit = kPatience) {
+/// @param host what the scripted libproxy does.
+Outcome find(const std::string& host, Entries& entries, std::chrono::milliseconds limit = kPatience,
+             int cancel = kNever) {
   entries.clear();
-  return SystemProxy::find(kUrl, limit, entries);
+  return SystemProxy::find("http://" + host + ":443/", limit, cancel, entries);
 }
 
-/// Blocks every question until the gate opens; shared with abandoned threads.
-ProxySettingsDouble::Script waitingFor(const std::shared_ptr<Gate>& gate) {
-  return [gate](const std::string&) {
-    gate->pass();
-    return Entries{"http://late.example:1"};
-  };
+/// Processes that run the scripted helper.
+std::size_t helpers() {
+  const auto helper = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "ahs-proxy";
+  std::size_t count = 0;
+  for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+    std::error_code gone;
+    count += std::filesystem::read_symlink(process.path() / "exe", gone) == helper ? 1U : 0U;
+  }
+  return count;
 }
 
-void expectQuestions(std::size_t count) {
-  EXPECT_TRUE(eventually([count] { return ProxySettingsDouble::Asked().size() >= count; }));
-  EXPECT_THAT(ProxySettingsDouble::Asked(), SizeIs(count));
+std::size_t openDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
-TEST(SystemProxy, TheListIsHandedOverInItsOrderWithoutUsersAndPasswordsWhichAreWipedAtTheirSource) {
-  const ProxySettingsDouble settings([](const std::string&) {
-    return Entries{"http://user:secret@a:1",
-                   "http://us%40er:se:c@r@et@b:2",
-                   "user:secret@c:3",
-                   "http://user:sec/ret@d:4",
-                   "@",
-                   "http://@e:5",
-                   "socks5://f:6",
-                   "direct://"};
-  });
+std::atomic<int> signalsSeen{0};
+
+/// A host that watches its children, signals and descriptors.
+class SystemProxyTest : public testing::Test {
+ protected:
+  SystemProxyTest() {
+    signalsSeen = 0;
+    signal(SIGCHLD, [](int) { ++signalsSeen; });
+    signal(SIGUSR1, SIG_IGN);
+  }
+  ~SystemProxyTest() override {
+    EXPECT_EQ(signalsSeen, 0);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1);
+    EXPECT_EQ(errno, ECHILD) << "a child is left";
+    EXPECT_EQ(openDescriptors(), m_descriptors);
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_TRUE(sigisemptyset(&blocked));
+    EXPECT_TRUE(eventually([] { return helpers() == 0; })) << "a helper is left";
+    signal(SIGCHLD, SIG_DFL);
+    signal(SIGUSR1, SIG_DFL);
+  }
+
   Entries entries;
-  EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
+
+ private:
+  const std::size_t m_descriptors = openDescriptors();
+};
+
+TEST_F(SystemProxyTest, TheListIsHandedOverInItsOrderWithoutUsersAndPasswords) {
+  EXPECT_EQ(find("names", entries), Outcome::Found);
   EXPECT_THAT(entries, ElementsAre("http://a:1", "http://b:2", "c:3", "http://d:4", "",
                                    "http://e:5", "socks5://f:6", "direct://"));
-  EXPECT_EQ(ProxySettingsDouble::factories().unwiped, 0U);
+  EXPECT_EQ(find("speaks", entries), Outcome::Found) << "modules have standard streams";
+  EXPECT_THAT(entries, ElementsAre("direct://"));
 }
 
-TEST(SystemProxy, WhatIsThrownOrNoListIsAFailureAndTheNextQuestionIsAnswered) {
+TEST_F(SystemProxyTest, AModuleThatThrowsCrashesOrEndsItsProcessIsAFailureAndNoMore) {
+  for (const char* host : {"says-nothing", "throws", "crashes", "exits", "talks"}) {
+    EXPECT_EQ(find(host, entries), Outcome::Failed) << host;
+    EXPECT_THAT(entries, IsEmpty());
+  }
+}
+
+TEST_F(SystemProxyTest, AModuleThatHangsIsLateAndEndsWithTheQuestion) {
+  for (const auto limit : {0ms, 10ms, 300ms}) {
+    EXPECT_EQ(find("hangs", entries, limit), Outcome::Late);
+  }
+  const int cancel = eventfd(1, EFD_CLOEXEC);
+  EXPECT_EQ(find("hangs", entries, kPatience, cancel), Outcome::Failed) << "it is cancelled";
+  close(cancel);
+  std::vector<std::jthread> many;
+  for (int i = 0; i < 8; ++i) {
+    many.emplace_back([] {
+      Entries none;
+      EXPECT_EQ(find("hangs", none, 100ms), Outcome::Late);
+      EXPECT_EQ(find("names", none), Outcome::Found) << "none holds up another";
+    });
+  }
+}
+
+TEST_F(SystemProxyTest, TheHelperHasNothingOfTheHostButItsUserAndItsEnvironment) {
+  setenv("AHS_TEST_VARIABLE", "of the host", 1);
+  const int inherited = fcntl(STDERR_FILENO, F_DUPFD, 700);
+  EXPECT_EQ(find("tells", entries), Outcome::Found);
+  close(inherited);
+  const std::string user = geteuid() == 0 ? "65534" : std::to_string(geteuid());
+  const std::string none(16, '0');
+  for (const std::string& expected :
+       {"Uid:\t" + user + "\t" + user + "\t" + user + "\t" + user, "SigBlk:\t" + none,
+        "SigIgn:\t" + none, "CapInh:\t" + none, "CapPrm:\t" + none, "CapEff:\t" + none,
+        "CapAmb:\t" + none, std::string("NoNewPrivs:\t1"), std::string("descriptor 3"),
+        std::string("AHS_TEST_VARIABLE=of the host")}) {
+    EXPECT_THAT(entries, Contains(expected));
+  }
+  EXPECT_THAT(entries, Not(Contains(HasSubstr("descriptor 700"))));
+  if (geteuid() == 0) {
+    EXPECT_THAT(entries, Contains("Groups:\t "));
+  }
+
+  Environment::prepare(true);
+  EXPECT_EQ(find("tells", entries), Outcome::Found);
+  EXPECT_THAT(entries, Not(Contains(HasSubstr("="))));
+  unsetenv("AHS_TEST_VARIABLE");
+}
+
+TEST_F(SystemProxyTest, WithoutStandardStreamsItAnswersToo) {
+  const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  close(STDIN_FILENO);
+  EXPECT_EQ(find("names", entries), Outcome::Found);
+  if (saved >= 0) {
+    dup2(saved, STDIN_FILENO);
+    close(saved);
+  }
+}
+
+/// Where the next test runs itself; beside it is no helper.
+TEST(DISABLED_Elsewhere, NamesADirectWay) {
   Entries entries;
-  const ProxySettingsDouble::Script scripts[] = {
-      [](const std::string&) -> Entries { throw ProxySettingsDouble::NoList(); },
-      [](const std::string&) -> Entries { throw std::runtime_error("a module's trouble"); },
-      [](const std::string&) -> Entries { throw 1; }};
-  for (const ProxySettingsDouble::Script& script : scripts) {
-    const ProxySettingsDouble settings(script);
-    for (std::size_t i = 0; i <= kMostAtATime; ++i) {
-      EXPECT_EQ(find(entries), SystemProxy::Outcome::Failed);
-      EXPECT_THAT(entries, IsEmpty());
-    }
-  }
-  EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
+  EXPECT_EQ(find("names", entries), Outcome::Found);
+  EXPECT_THAT(entries, ElementsAre("direct://"));
 }
 
-TEST(SystemProxy, WhenAsManyAreLateAsMayAskTheNextIsToldAtOnceThatThereIsNoAnswer) {
-  Entries entries;
-  {
-    const auto gate = std::make_shared<Gate>();
-    const ProxySettingsDouble settings(waitingFor(gate));
-    for (const auto limit : {10ms, 0ms, 10ms, 10ms}) {
-      EXPECT_EQ(find(entries, limit), SystemProxy::Outcome::Late);
-    }
-    EXPECT_EQ(find(entries, kPatience), SystemProxy::Outcome::Failed);
-    expectQuestions(kMostAtATime);
-    gate->open();
-  }
-  for (int i = 0; i < 20; ++i) {
-    // A released thread needs a moment to end.
-    Entries next;
-    EXPECT_TRUE(eventually([&next] { return find(next) == SystemProxy::Outcome::Found; }));
-    EXPECT_THAT(next, ElementsAre("direct://"));
-  }
-  EXPECT_THAT(entries, IsEmpty()) << "late answers are dropped";
-  EXPECT_LE(ProxySettingsDouble::factories().made, kMostAtATime) << "their threads serve again";
-}
-
-TEST(SystemProxy, WhoComesWhenAllAreBusyWaitsForOneToBeDone) {
-  std::atomic<unsigned int> found{0};
-  {
-    const auto gate = std::make_shared<Gate>();
-    const ProxySettingsDouble settings(waitingFor(gate));
-    std::vector<std::jthread> callers;
-    for (std::size_t i = 0; i < 3 * kMostAtATime; ++i) {
-      callers.emplace_back([&found] {
-        Entries entries;
-        found += find(entries) == SystemProxy::Outcome::Found ? 1U : 0U;
-      });
-    }
-    expectQuestions(kMostAtATime);
-    Entries entries;
-    EXPECT_EQ(find(entries, 10ms), SystemProxy::Outcome::Late);
-    expectQuestions(kMostAtATime);
-    gate->open();
-  }
-  EXPECT_EQ(found, 3 * kMostAtATime);
-  EXPECT_LE(ProxySettingsDouble::factories().made, kMostAtATime);
-  EXPECT_EQ(ProxySettingsDouble::factories().misused, 0U);
-}
-
-// Alone in its process, so that no factory exists yet.
-TEST(SystemProxyAtFirst, AFactoryThatCannotBeMadeIsAFailureAndIsTriedAgain) {
-  ProxySettingsDouble::factories().failToMake = true;
-  Entries entries;
-  const bool fresh = ProxySettingsDouble::factories().made == 0;
-  const SystemProxy::Outcome outcome = find(entries);
-  ProxySettingsDouble::factories().failToMake = false;
-  EXPECT_EQ(outcome, fresh ? SystemProxy::Outcome::Failed : SystemProxy::Outcome::Found);
-  EXPECT_EQ(find(entries), SystemProxy::Outcome::Found);
+TEST(SystemProxy, WhereTheHelperIsNotInstalledTheWayIsDirect) {
+  const TemporaryDirectory elsewhere;
+  const std::string program = elsewhere.File("program");
+  std::filesystem::copy_file("/proc/self/exe", program);
+  runToEnd({program, "--gtest_also_run_disabled_tests", "--gtest_filter=DISABLED_Elsewhere.*"},
+           elsewhere.Path());
 }
 
 }  // namespace
+}  // namespace tests

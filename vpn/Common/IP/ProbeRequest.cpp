@@ -8,12 +8,13 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <string_view>
 #include <vector>
 
 #include "vpn/Common/IP/ProbeSettings.h"
+#include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/IP/SystemProxy.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/Common/Utility/URL.h"
 
 namespace {
@@ -55,27 +56,30 @@ std::string checkedProxy(const std::string& setting) {
 /// Who decides on the system's proxy.
 enum class SettledBy { Environment, System, Nobody };
 
-std::string_view valueOf(const char* variable) {
-  const char* const value = getenv(variable);
-  return value != nullptr ? value : "";
-}
-
-bool isSet(const char* variable) { return !valueOf(variable).empty(); }
+bool isSet(const char* variable) { return Environment::get(variable) != nullptr; }
 
 /// The environment, where it names a proxy that libcurl would take. The exceptions in no_proxy are
 /// libcurl's to find; a host among them is measured as if there were a proxy. An environment that
 /// names proxies, but none for this scheme, means that there is none: libproxy would take the other
 /// scheme's, or HTTP_PROXY, which a web server's client can set (RFC 3875, section 4.1.18).
-SettledBy systemProxySettledBy(bool secure) {
+/// @param variable receives the one that names the proxy, where the environment decides.
+SettledBy systemProxySettledBy(bool secure, const char*& variable) {
   for (const char* name : {secure ? "https_proxy" : "http_proxy", secure ? "HTTPS_PROXY" : ""}) {
-    if (const std::string_view value = valueOf(name); !value.empty()) {
+    if (const char* const value = Environment::get(name); value != nullptr) {
       // libproxy understands these ways to ask for a proxy; libcurl does not.
-      const bool isWayToAsk = value.starts_with("pac+") || value.starts_with("wpad:");
-      return isWayToAsk ? SettledBy::System : SettledBy::Environment;
+      const std::string_view text = value;
+      if (text.starts_with("pac+") || text.starts_with("wpad:")) {
+        return SettledBy::System;
+      }
+      variable = name;
+      return SettledBy::Environment;
     }
   }
-  if (isSet("all_proxy") || isSet("ALL_PROXY")) {
-    return SettledBy::Environment;
+  for (const char* name : {"all_proxy", "ALL_PROXY"}) {
+    if (isSet(name)) {
+      variable = name;
+      return SettledBy::Environment;
+    }
   }
   const bool namesOther =
       isSet("http_proxy") || isSet("HTTP_PROXY") || isSet("https_proxy") || isSet("HTTPS_PROXY");
@@ -142,17 +146,17 @@ unsigned int ProbeRequest::prepare(const std::string& toHost, const PROXY_DATA& 
 }
 
 unsigned int ProbeRequest::determineProxy() {
-  const SettledBy settledBy = systemProxySettledBy(secure);
-  environmentProxy = settledBy == SettledBy::Environment;
+  const SettledBy settledBy = systemProxySettledBy(secure, proxyVariable);
+  heedsExceptions = true;
   if (settledBy != SettledBy::System) {
     return CURLE_OK;
   }
   std::vector<std::string> entries;
-  const SystemProxy::Outcome outcome = SystemProxy::find(url(), timeLeft(), entries);
+  const int cancel = task != nullptr ? task->cancelDescriptor() : -1;
+  const SystemProxy::Outcome outcome = SystemProxy::find(url(), timeLeft(), cancel, entries);
   if (outcome == SystemProxy::Outcome::Late || timeLeft().count() <= 0) {
     return CURLE_OPERATION_TIMEDOUT;
   }
-  heedsExceptions = true;
   return outcome == SystemProxy::Outcome::Found ? takeFirstUsable(entries, proxy)
                                                 : CURLE_COULDNT_RESOLVE_PROXY;
 }

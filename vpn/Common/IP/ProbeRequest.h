@@ -30,10 +30,12 @@ struct ProbeRequest : ProbeTarget {
   Clock::time_point start = Clock::now();
   std::chrono::milliseconds timeout{};
   Clock::time_point deadline;
-  /// "http://host:port"; empty for none, or for the environment's when `environmentProxy` is set.
+  /// "http://host:port"; empty for none, or for the environment's.
   std::string proxy;
-  bool environmentProxy = false;
-  /// The environment's exceptions (no_proxy) hold for `proxy`, which the system's settings named.
+  /// The variable that holds the proxy, with a password perhaps, which is not copied; null for
+  /// none.
+  const char* proxyVariable = nullptr;
+  /// The environment's exceptions (no_proxy) hold for the proxy, which is the system's.
   bool heedsExceptions = false;
   /// Log in with a Kerberos ticket, should the proxy take one.
   bool mayUseTicket = true;
@@ -44,7 +46,7 @@ struct ProbeRequest : ProbeTarget {
   /// The caller's object, which outlives the request: credentials are not copied here.
   const PROXY_DATA* credentials = nullptr;
 
-  bool proxied() const { return environmentProxy || !proxy.empty(); }
+  bool proxied() const { return proxyVariable != nullptr || !proxy.empty(); }
   bool logsIn() const { return proxied() && !credentials->proxyUser.empty(); }
   /// Whether it goes straight to the server and carries no secret.
   bool isDirect() const {

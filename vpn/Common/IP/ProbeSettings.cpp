@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
+#include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,14 +17,32 @@
 #include <string_view>
 
 #include "vpn/Common/IP/TransportMemory.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/include/Locks.h"
 
 namespace {
 
+/// Has OpenSSL read the machine's configuration now, so that it does not look for OPENSSL_CONF
+/// later.
+void readMachinesConfiguration() {
+  OPENSSL_INIT_SETTINGS* const which = OPENSSL_INIT_new();
+  if (which != nullptr) {
+    const std::string file = std::string(X509_get_default_cert_area()) + "/openssl.cnf";
+    OPENSSL_INIT_set_config_filename(which, file.c_str());
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, which);
+    OPENSSL_INIT_free(which);
+  }
+}
+
 struct Settings {
   /// Keeps OpenSSL's state while the process exits: a probe may be in a handshake then. The first
   /// use of OpenSSL in a process decides, so this comes before everything else here.
-  Settings() { OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); }
+  Settings() {
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    if (Environment::isShut()) {
+      readMachinesConfiguration();
+    }
+  }
 
   CManualLock lock;
   /// Null until the first secure probe needs it.

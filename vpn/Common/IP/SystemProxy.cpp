@@ -1,166 +1,209 @@
-// The system's proxy settings, by libproxy. libproxy loads modules, may fetch a file without a time
-// limit and may never return, so only threads made for it wait for it. Their number is bounded by
-// the number of factories (libproxy's objects): each belongs to one thread or is idle. None is ever
-// destroyed, because that would unload modules that have threads and processes of their own.
+// The system's proxy settings, asked in a process of their own. The helper is started so that the
+// host notices nothing: by a process that shares our memory and ends at once, and neither tells us
+// its end. The one thing that is open to both sides is a socket, which ends the helper when it
+// hangs up, so nobody has to be killed or waited for.
 
 #include "vpn/Common/IP/SystemProxy.h"
 
-#include <proxy.h>
-#include <string.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <link.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <string_view>
-#include <utility>
 
-#include "vpn/Common/Utility/GuardedCall.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
-#include "vpn/Common/Utility/Task.h"
-#include "vpn/Common/Utility/Thread.h"
-#include "vpn/include/Locks.h"
+
+// clone(2) by the C library's own name: a sanitizer's clone() knows no shared memory.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming)
+extern "C" int __clone(int (*body)(void*), void* stackEnd, int flags, void* argument, ...) noexcept;
 
 namespace {
 
-// A healthy factory answers within milliseconds, so four serve any number of probes. If four hang,
-// the next would hang too.
-constexpr std::size_t MostFactories = 4;
+constexpr std::size_t MostAnswerBytes = 64UL * 1024;
 
-// The modules are written for the stack of a main program: some run a script interpreter.
-constexpr std::size_t StackBytes = 8UL * 1024 * 1024;
+// Of each process on the way to the helper, which makes a few system calls.
+constexpr std::size_t StackBytes = 16UL * 1024;
 
-/// One question, on its own thread, for which the asker need not wait.
-class Lookup : public CThread {
+/// Closes a descriptor.
+class Descriptor {
  public:
-  explicit Lookup(std::string serverUrl) : CThread(StackBytes), url(std::move(serverUrl)) {}
-  STATUSCODE Run() override;
-
-  const std::string url;
-  /// Null until the thread has made it.
-  pxProxyFactory* factory = nullptr;
-  SystemProxy::Outcome outcome = SystemProxy::Outcome::Failed;
-  std::vector<std::string> entries;
-  // The rest is guarded by the lock of the factories.
-  bool ended = false;
-  bool late = false;
-};
-
-/// Decides who may ask. Never freed: late threads may return at any time.
-class Factories {
- public:
-  /// Takes a factory, or the right to make one, waiting until one is idle.
-  SystemProxy::Outcome take(MonotonicClock::time_point deadline, Lookup& lookup) {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    while (m_idleCount == 0) {
-      if (m_lateCount == MostFactories) {
-        return SystemProxy::Outcome::Failed;
-      }
-      if (MonotonicClock::now() >= deadline) {
-        return SystemProxy::Outcome::Late;
-      }
-      m_lock.waitUntil(deadline);
-    }
-    lookup.factory = m_idle[--m_idleCount];
-    return SystemProxy::Outcome::Found;
-  }
-
-  /// Gives it back.
-  void end(Lookup& lookup) {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    lookup.ended = true;
-    m_idle[m_idleCount++] = lookup.factory;
-    if (lookup.late) {
-      --m_lateCount;
-    }
-    m_lock.notifyAll();
-  }
-
-  /// Waits for the end.
-  SystemProxy::Outcome wait(MonotonicClock::time_point deadline, Lookup& lookup) {
-    const CAutoLockT<CMonitor> guard(m_lock);
-    while (!lookup.ended && MonotonicClock::now() < deadline) {
-      m_lock.waitUntil(deadline);
-    }
-    if (lookup.ended) {
-      return lookup.outcome;
-    }
-    lookup.late = true;
-    ++m_lateCount;
-    m_lock.notifyAll();  // a waiter may find that every factory is late
-    return SystemProxy::Outcome::Late;
-  }
+  explicit Descriptor(int number) : m_number(number) {}
+  ~Descriptor() { close(m_number); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int number() const { return m_number; }
 
  private:
-  CMonitor m_lock;
-  /// A stack, so that those already made are taken first.
-  std::array<pxProxyFactory*, MostFactories> m_idle AHS_GUARDED_BY(m_lock){};
-  std::size_t m_idleCount AHS_GUARDED_BY(m_lock) = MostFactories;
-  std::size_t m_lateCount AHS_GUARDED_BY(m_lock) = 0;
+  const int m_number;
 };
 
-Factories& factories() {
-  static Factories& instance = *new Factories;
-  return instance;
+/// What the processes on the way to the helper share with the thread that starts them, which stands
+/// still meanwhile.
+struct Start {
+  int socket;
+  std::array<const char*, 3> programs;  ///< best first; null for none
+  char* const* environment;
+  char* stackEnd;
+  int error = 0;  ///< why there is no helper
+};
+
+std::string besides(std::string_view path, const char* other) {
+  return std::string(path.substr(0, path.rfind('/') + 1)) + other;
 }
 
-/// An entry without a user name and a password: what stands between the scheme and the last "@".
-std::string withoutCredentials(std::string_view entry) {
-  constexpr std::string_view SchemeEnd = "://";
-  const std::size_t scheme = entry.find(SchemeEnd);
-  const std::size_t start = scheme == std::string_view::npos ? 0 : scheme + SchemeEnd.size();
-  const std::size_t at = entry.rfind('@');
-  const bool names = at != std::string_view::npos && at >= start;
-  return std::string(entry.substr(0, start)).append(entry.substr(names ? at + 1 : start));
+/// Where the helper is. A shared library has it below its own directory, which is as trusted as the
+/// library. A program has it beside itself in a build tree, or where both were installed; but the
+/// path of a program with rights of its file may be a link that its caller made.
+std::vector<std::string> findHelper() {
+  Dl_info self{};
+  link_map* object = nullptr;
+  if (dladdr1(reinterpret_cast<const void*>(&findHelper), &self, reinterpret_cast<void**>(&object),
+              RTLD_DL_LINKMAP) != 0 &&
+      object != nullptr && *object->l_name == '/') {
+    return {besides(object->l_name, AHS_HELPER_FROM_LIBRARY)};
+  }
+  std::array<char, PATH_MAX> program{};
+  const ssize_t length = Environment::hasRightsOfFile()
+                             ? 0
+                             : readlink("/proc/self/exe", program.data(), program.size());
+  if (length <= 0) {
+    return {AHS_HELPER};
+  }
+  const std::string_view path(program.data(), static_cast<std::size_t>(length));
+  return {besides(path, "ahs-proxy"), besides(path, AHS_HELPER_FROM_PROGRAM), AHS_HELPER};
 }
 
-void wipeAndFree(char** list) {
-  for (char** entry = list; *entry != nullptr; ++entry) {
-    explicit_bzero(*entry, strlen(*entry));
+/// Becomes the helper. The memory is the host's, so nothing but system calls.
+int becomeHelper(void* shared) {
+  Start& start = *static_cast<Start*>(shared);
+  // The socket becomes descriptor 0; everything else is closed.
+  const long moved = start.socket == STDIN_FILENO
+                         ? syscall(SYS_fcntl, start.socket, F_SETFD, 0)
+                         : syscall(SYS_dup3, start.socket, STDIN_FILENO, 0);
+  if (moved < 0 || syscall(SYS_close_range, STDIN_FILENO + 1, ~0U, 0) != 0) {
+    start.error = errno;
+    return 1;
   }
-  px_proxy_factory_free_proxies(list);
-}
-
-void ask(Lookup& lookup) {
-  if (lookup.factory == nullptr) {
-    lookup.factory = px_proxy_factory_new();
-  }
-  if (lookup.factory == nullptr) {
-    return;
-  }
-  const std::unique_ptr<char*, decltype(&wipeAndFree)> list(
-      px_proxy_factory_get_proxies(lookup.factory, lookup.url.c_str()), wipeAndFree);
-  if (list) {
-    for (char** entry = list.get(); *entry != nullptr; ++entry) {
-      lookup.entries.push_back(withoutCredentials(*entry));
+  for (const char* const program : start.programs) {
+    if (program != nullptr) {
+      const std::array<const char*, 2> arguments = {program, nullptr};
+      syscall(SYS_execve, program, arguments.data(), start.environment);
+      start.error = errno;
+      if (start.error != ENOENT && start.error != ENOTDIR) {
+        break;
+      }
     }
-    lookup.outcome = SystemProxy::Outcome::Found;
+  }
+  return 1;
+}
+
+constexpr int SharingMemory = CLONE_VM | CLONE_VFORK;  // and no signal at its end
+
+/// The helper's parent. It ends at once, so that the helper, whose end would be signalled, becomes
+/// init's child.
+int startHelpersProcess(void* shared) {
+  Start& start = *static_cast<Start*>(shared);
+  const int helper = __clone(becomeHelper, start.stackEnd, SharingMemory, shared);
+  if (helper < 0) {
+    start.error = errno;
+  } else if (start.error != 0) {
+    syscall(SYS_wait4, helper, nullptr, __WCLONE, nullptr);
+  }
+  return 0;
+}
+
+/// @return 0, or errno's number; ENOENT if the helper is not installed.
+int startHelper(int socket) {
+  const std::vector<std::string> places = findHelper();
+  char* const empty = nullptr;
+  alignas(16) std::array<std::array<char, StackBytes>, 2> stacks;
+  Start start{socket, {}, Environment::isShut() ? &empty : environ, &stacks[0].back() + 1};
+  std::transform(places.begin(), places.end(), start.programs.begin(),
+                 [](const std::string& place) { return place.c_str(); });
+  // No handler of the host may run in a process that shares its memory; the helper unblocks them.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const pid_t child = __clone(startHelpersProcess, &stacks[1].back() + 1, SharingMemory, &start);
+  if (child < 0) {
+    start.error = errno;
+  }
+  while (child >= 0 && waitpid(child, nullptr, __WCLONE) < 0 && errno == EINTR) {
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return start.error == ENOTDIR ? ENOENT : start.error;
+}
+
+SystemProxy::Outcome await(int socket, int cancel, MonotonicClock::time_point deadline) {
+  std::array<pollfd, 2> awaited{{{socket, POLLIN, 0}, {cancel, POLLIN, 0}}};
+  for (;;) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - MonotonicClock::now()).count();
+    if (left <= 0) {
+      return SystemProxy::Outcome::Late;
+    }
+    const int ready =
+        poll(awaited.data(), awaited.size(), static_cast<int>(std::min<long>(left, INT_MAX)));
+    if (ready > 0) {
+      return awaited[1].revents == 0 ? SystemProxy::Outcome::Found : SystemProxy::Outcome::Failed;
+    }
+    if (ready < 0 && errno != EINTR) {
+      return SystemProxy::Outcome::Failed;
+    }
   }
 }
 
-STATUSCODE Lookup::Run() {
-  // If a module throws, there is no answer.
-  guardedCall([this] { ask(*this); }, [](const char*) {});
-  factories().end(*this);
-  return THREAD_SUCCESS;
+/// Reads one entry a line; none if the helper has ended without an answer.
+SystemProxy::Outcome readAnswer(int socket, std::vector<std::string>& entries) {
+  std::string answer(MostAnswerBytes, '\0');
+  const ssize_t length = recv(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_TRUNC);
+  if (length <= 0 || static_cast<std::size_t>(length) > answer.size()) {
+    return SystemProxy::Outcome::Failed;
+  }
+  answer.resize(static_cast<std::size_t>(length));
+  for (std::size_t from = 0, end = 0; (end = answer.find('\n', from)) != std::string::npos;
+       from = end + 1) {
+    entries.push_back(answer.substr(from, end - from));
+  }
+  return SystemProxy::Outcome::Found;
 }
 
 }  // namespace
 
 SystemProxy::Outcome SystemProxy::find(const std::string& url, std::chrono::milliseconds limit,
-                                       std::vector<std::string>& entries) {
+                                       int cancel, std::vector<std::string>& entries) {
   const MonotonicClock::time_point deadline = MonotonicClock::now() + limit;
-  const auto lookup = std::make_unique<Lookup>(url);
-  Outcome outcome = factories().take(deadline, *lookup);
-  if (outcome != Outcome::Found) {
-    return outcome;
-  }
-  const CTask::Scope noTask(nullptr);  // a thread that hangs must not keep a task
-  if (lookup->Start() != THREAD_SUCCESS) {
-    factories().end(*lookup);
+  std::array<int, 2> ends{};
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     return Outcome::Failed;
   }
-  outcome = factories().wait(deadline, *lookup);
-  if (outcome == Outcome::Found) {
-    entries.swap(lookup->entries);
+  const Descriptor own(ends[0]);
+  {
+    const Descriptor helpers(ends[1]);
+    const bool isAsked = send(own.number(), url.data(), url.size(), MSG_NOSIGNAL) >= 0;
+    const int error = isAsked ? startHelper(helpers.number()) : errno;
+    if (error == ENOENT) {
+      entries = {"direct://"};
+      return Outcome::Found;
+    }
+    if (error != 0) {
+      return Outcome::Failed;
+    }
   }
-  return outcome;
+  const Outcome outcome = await(own.number(), cancel, deadline);
+  return outcome == Outcome::Found ? readAnswer(own.number(), entries) : outcome;
 }

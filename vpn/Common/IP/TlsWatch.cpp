@@ -41,6 +41,8 @@ bool TlsWatch::attach(ssl_ctx_st* context, TlsHandshake* shown) {
     return false;
   }
   SSL_CTX_set1_cert_store(context, m_trust.get());
+  // libcurl would write the keys to the file that SSLKEYLOGFILE names.
+  SSL_CTX_set_keylog_callback(context, nullptr);
   // A kept connection is idle most of the time, and there may be a thousand.
   SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
   SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);

@@ -1,13 +1,15 @@
-// A request in libcurl's options. Nothing is left to the environment but what the request says.
+// A request in libcurl's options. Nothing is left for libcurl to read in the environment.
 
 #include "vpn/Common/IP/TransferSetup.h"
 
 #include <curl/curl.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "vpn/Common/IP/ProbeRequest.h"
 #include "vpn/Common/IP/TlsHandshake.h"
+#include "vpn/Common/Utility/Environment.h"
 
 namespace {
 
@@ -49,14 +51,21 @@ void setTarget(const ProbeRequest& request, Options& options) {
   }
 }
 
-void setProxy(const ProbeRequest& request, Options& options) {
-  if (!request.environmentProxy) {
-    // Empty texts mean no proxy and no exceptions; without them libcurl would read the environment.
-    options.set(CURLOPT_PROXY, request.proxy.c_str());
-    if (!request.heedsExceptions) {
-      options.set(CURLOPT_NOPROXY, "");
+/// The first variable that has a value; empty if none has.
+const char* valueOf(std::initializer_list<const char*> variables) {
+  for (const char* const variable : variables) {
+    if (const char* const value = Environment::get(variable); value != nullptr) {
+      return value;
     }
   }
+  return "";
+}
+
+void setProxy(const ProbeRequest& request, Options& options) {
+  // Both are always set, an empty text for none: otherwise libcurl would read the environment.
+  options.set(CURLOPT_PROXY, request.proxyVariable != nullptr ? valueOf({request.proxyVariable})
+                                                              : request.proxy.c_str());
+  options.set(CURLOPT_NOPROXY, request.heedsExceptions ? valueOf({"no_proxy", "NO_PROXY"}) : "");
   if (request.logsIn()) {
     options.set(CURLOPT_PROXYUSERNAME, request.credentials->proxyUser.c_str());
     options.set(CURLOPT_PROXYPASSWORD, request.credentials->proxyPswd.c_str());

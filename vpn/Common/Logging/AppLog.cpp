@@ -11,7 +11,6 @@
 #include <spdlog/sinks/syslog_sink.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
 
@@ -25,6 +24,7 @@
 
 #include "vpn/Common/Logging/LegibleText.h"
 #include "vpn/Common/Logging/LogFile.h"
+#include "vpn/Common/Utility/Environment.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -47,8 +47,7 @@ std::unique_ptr<spdlog::formatter> formatterOf(const char* pattern, const char* 
 }
 
 spdlog::sink_ptr makeTerminal() {
-  const char* const noColor = getenv("NO_COLOR");
-  const bool plain = noColor != nullptr && *noColor != '\0';
+  const bool plain = Environment::get("NO_COLOR") != nullptr;
   auto sink = std::make_shared<spdlog::sinks::ansicolor_stderr_sink_st>(
       plain ? spdlog::color_mode::never : spdlog::color_mode::automatic);
   sink->set_formatter(formatterOf(LinePattern, "\n"));

@@ -172,8 +172,8 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
-            "Least important message to log (info unless given); without --log-file and --syslog "
-            "the log goes to standard error; without all three there is none")
+            "Least important message to log (info unless given), on standard error unless "
+            "--log-file or --syslog is given; with none of the three, no log")
       ->check(CLI::IsMember({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
   command.add_flag("--syslog", options.syslog, "Log to the system's log");

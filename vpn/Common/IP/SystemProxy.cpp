@@ -142,7 +142,7 @@ int startHelper(int socket) {
   if (child < 0) {
     start.error = errno;
   }
-  while (child >= 0 && waitpid(child, nullptr, __WCLONE) < 0 && errno == EINTR) {
+  while (child >= 0 && waitpid(child, nullptr, static_cast<int>(__WCLONE)) < 0 && errno == EINTR) {
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return start.error == ENOTDIR ? ENOENT : start.error;

@@ -22,8 +22,8 @@ demo: deps-build ## Build and watch a selection among simulated headends
 	simulator/demo.sh build/release
 
 .PHONY: lib
-lib: deps-lib ## Build only what is installed: library and command
-	cmake --preset lib
+lib: deps-lib ## Build only what is installed: library and command, for PREFIX
+	cmake --preset lib -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build --preset lib -j $(JOBS)
 
 # Uses what `make lib` has built: the user who may write to PREFIX often cannot build.

@@ -161,19 +161,25 @@ TEST_F(SystemProxyTest, WithoutStandardStreamsItAnswersToo) {
   }
 }
 
-/// Where the next test runs itself; beside it is no helper.
+/// The next test's, which runs a copy of this program elsewhere.
 TEST(DISABLED_Elsewhere, NamesADirectWay) {
   Entries entries;
   EXPECT_EQ(find("names", entries), Outcome::Found);
   EXPECT_THAT(entries, ElementsAre("direct://"));
 }
 
-TEST(SystemProxy, WhereTheHelperIsNotInstalledTheWayIsDirect) {
+TEST(SystemProxy, WhereNoHelperIsOrAnybodyMayHavePlacedItTheWayIsDirect) {
+  const auto here = std::filesystem::read_symlink("/proc/self/exe");
   const TemporaryDirectory elsewhere;
-  const std::string program = elsewhere.File("program");
-  std::filesystem::copy_file("/proc/self/exe", program);
-  runToEnd({program, "--gtest_also_run_disabled_tests", "--gtest_filter=DISABLED_Elsewhere.*"},
-           elsewhere.Path());
+  const std::vector<std::string> command = {elsewhere.File("program"),
+                                            "--gtest_also_run_disabled_tests",
+                                            "--gtest_filter=DISABLED_Elsewhere.*"};
+  std::filesystem::copy_file(here, command[0]);
+  runToEnd(command, elsewhere.Path());
+  std::filesystem::copy_file(here.parent_path() / "ahs-proxy", elsewhere.File("ahs-proxy"));
+  EXPECT_ANY_THROW(runToEnd(command, elsewhere.Path())) << "this one is asked";
+  std::filesystem::permissions(elsewhere.Path(), std::filesystem::perms(01777));  // as /tmp has it
+  runToEnd(command, elsewhere.Path());
 }
 
 }  // namespace

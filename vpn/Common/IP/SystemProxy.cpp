@@ -14,6 +14,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,36 +55,40 @@ class Descriptor {
 /// still meanwhile.
 struct Start {
   int socket;
-  std::array<const char*, 3> programs;  ///< best first; null for none
+  std::array<const char*, 2> programs;  ///< best first; null for none
   char* const* environment;
   char* stackEnd;
   int error = 0;  ///< why there is no helper
 };
 
-std::string besides(std::string_view path, const char* other) {
-  return std::string(path.substr(0, path.rfind('/') + 1)) + other;
+/// Adds the place of a helper in the directory of a file of ours, which is as trusted as the file,
+/// unless others may add files there (/tmp).
+void addBeside(std::string_view file, const char* helper, std::vector<std::string>& places) {
+  const std::string directory(file.substr(0, file.rfind('/') + 1));
+  struct stat status {};
+  if (stat(directory.c_str(), &status) == 0 && (status.st_mode & S_ISVTX) == 0) {
+    places.push_back(directory + helper);
+  }
 }
 
-/// Where the helper is. A shared library has it below its own directory, which is as trusted as the
-/// library. A program has it beside itself in a build tree, or where both were installed; but the
-/// path of a program with rights of its file may be a link that its caller made.
+/// Where the helper is. A shared library has it below its own directory. A program has it beside
+/// itself in a build tree, else where it was to be installed; the path of a program with rights of
+/// its file may be a link that its caller made.
 std::vector<std::string> findHelper() {
+  std::vector<std::string> places;
   Dl_info self{};
   link_map* object = nullptr;
+  std::array<char, PATH_MAX> program{};
   if (dladdr1(reinterpret_cast<const void*>(&findHelper), &self, reinterpret_cast<void**>(&object),
               RTLD_DL_LINKMAP) != 0 &&
       object != nullptr && *object->l_name == '/') {
-    return {besides(object->l_name, AHS_HELPER_FROM_LIBRARY)};
+    addBeside(object->l_name, AHS_HELPER_NAME, places);
+  } else if (const ssize_t length = readlink("/proc/self/exe", program.data(), program.size());
+             length > 0 && !Environment::hasRightsOfFile()) {
+    addBeside({program.data(), static_cast<std::size_t>(length)}, "ahs-proxy", places);
   }
-  std::array<char, PATH_MAX> program{};
-  const ssize_t length = Environment::hasRightsOfFile()
-                             ? 0
-                             : readlink("/proc/self/exe", program.data(), program.size());
-  if (length <= 0) {
-    return {AHS_HELPER};
-  }
-  const std::string_view path(program.data(), static_cast<std::size_t>(length));
-  return {besides(path, "ahs-proxy"), besides(path, AHS_HELPER_FROM_PROGRAM), AHS_HELPER};
+  places.emplace_back(AHS_HELPER);
+  return places;
 }
 
 /// Becomes the helper. The memory is the host's, so nothing but system calls.

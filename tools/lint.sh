@@ -32,6 +32,9 @@ if [ -n "$reached" ]; then
   exit 1
 fi
 
+echo "environment: one source reads it"
+! git grep -nE '\bgetenv *\(' -- vpn helper capi cli ':!vpn/Common/Utility/Environment.cpp' || exit 1
+
 echo "circles: no file and no room includes what includes it"
 tools/circles.sh
 

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -159,6 +160,27 @@ TEST_F(SystemProxyTest, WithoutStandardStreamsItAnswersToo) {
     dup2(saved, STDIN_FILENO);
     close(saved);
   }
+}
+
+TEST(SystemProxy, TheHelperOfAProgramWithSetUserIdIsItsCallers) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "takes root";
+  }
+  const pid_t host = fork();
+  if (host == 0) {
+    constexpr uid_t Caller = 1234;
+    Entries told;
+    const bool isTold = setgroups(0, nullptr) == 0 && setresgid(Caller, 0, 0) == 0 &&
+                        setresuid(Caller, 0, 0) == 0 && find("tells", told) == Outcome::Found;
+    for (const char* line : {"Uid:\t1234\t1234\t1234\t1234", "Gid:\t1234\t1234\t1234\t1234",
+                             "CapEff:\t0000000000000000", "CapPrm:\t0000000000000000"}) {
+      EXPECT_THAT(told, Contains(line));
+    }
+    _exit(isTold && !HasFailure() ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(host, &status, 0), host);
+  EXPECT_EQ(status, 0);
 }
 
 /// The next test's, which runs a copy of this program elsewhere.

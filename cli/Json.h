@@ -21,8 +21,7 @@ Json orNull(const std::optional<T>& value) {
 }
 inline Json orNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
 
-/// The object as text. Bytes that are not UTF-8 (in a path) are replaced.
-inline std::string jsonText(const Json& object) {
-  constexpr int Indent = 2;
-  return object.dump(Indent, ' ', false, Json::error_handler_t::replace) + "\n";
-}
+/// The object as text. Bytes that are not UTF-8 (in a path) are replaced; characters that a reader
+/// of the text would not see are escaped, which programs read as the same.
+/// @param indent blanks a level; -1 for one line.
+std::string jsonText(const Json& object, int indent = 2);

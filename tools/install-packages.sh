@@ -4,7 +4,7 @@
 set -euo pipefail
 
 lib=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-dev libspdlog-dev
-  libproxy-dev libcli11-dev nlohmann-json3-dev)
+  libproxy-dev libunistring-dev libcli11-dev nlohmann-json3-dev)
 build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
 # Peers of the benchmarks, also used by their short run as a test.
 peers=(python3 fping httping)

@@ -98,7 +98,7 @@ Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
     return {end.status, false};
   }
   Console::complain(
-      "for " + chosen.headend + ", '" + Console::visible(command.front()) + "' " +
+      "for " + Console::visible(chosen.headend) + ", " + Console::inQuotes(command.front()) + " " +
       (end.bySignal ? "was ended by signal " + std::to_string(end.status - ExitSignalBase)
                     : "ended with status " + std::to_string(end.status)) +
       " after " +
@@ -116,9 +116,9 @@ int runPrograms(const ExecOptions& options, const SelectionResult& result) {
   const std::size_t most = std::min<std::size_t>(result.headends.size(), options.tries);
   for (std::size_t place = 0; place < most; ++place) {
     const HeadendResult chosen = chosenHeadend(result.headends[place], result);
-    Console::complain((place == 0 ? "running with " : "trying ") + chosen.headend +
-                      (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "") +
-                      ".");
+    Console::complain(
+        (place == 0 ? "running with " : "trying ") + Console::visible(chosen.headend) +
+        (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "") + ".");
     attempt = runProgram(options, chosen, *foreground);
     if (!attempt.mayTryNext) {
       return attempt.status;

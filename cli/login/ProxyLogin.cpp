@@ -7,7 +7,7 @@
 
 #include "cli/Console.h"
 #include "vpn/Api/ProxyProviders.h"
-#include "vpn/Common/Logging/LegibleText.h"
+#include "vpn/Common/Trust/LegibleText.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include "cli/ExitStatus.h"
 #include "cli/login/ProxyLogin.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
+#include "vpn/Common/Trust/LegibleText.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ std::string adviceForFailure(const SelectionResult& result) {
   const std::string headend = result.results.empty() ? "HOST" : result.results.front().headend;
   return "no headend was selected by measurement." +
          (wasMeasuring ? "" : " " + statusInWords(result)) +
-         " Check the network and the addresses; 'ahs probe " + headend +
+         " Check the network and the addresses; 'ahs probe " + forShell(headend) +
          "' shows what fails there, and 'ahs select --log-level info' each step.";
 }
 

@@ -61,7 +61,7 @@ constexpr Cause Network{"network", "the network has changed"};
 
 std::string inWords(const HeadendResult& chosen) {
   const std::string name = nameBeside(chosen.headend, chosen.name);
-  return (name.empty() ? chosen.headend : Console::visible(name) + " (" + chosen.headend + ")") +
+  return Console::visible(name.empty() ? chosen.headend : name + " (" + chosen.headend + ")") +
          (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : ", not measured");
 }
 
@@ -80,7 +80,8 @@ std::string jsonLineOf(const HeadendResult& chosen, const std::optional<HeadendR
   line["metricMs"] = orNull(chosen.metricMs);
   line["previousHeadend"] = previous ? Json(previous->headend) : nullptr;
   line["cause"] = cause.word;
-  return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  constexpr int OneLine = -1;
+  return jsonText(line, OneLine);
 }
 
 /// Runs the person's command once per choice, one at a time. While it runs, only the newest choice

@@ -14,7 +14,7 @@
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/ConfigurationBytes.h"
 #include "vpn/Api/ConfigurationText.h"
-#include "vpn/Common/Logging/LegibleText.h"
+#include "vpn/Common/Trust/LegibleText.h"
 #include "vpn/Common/Utility/NearestName.h"
 #include "vpn/include/StringUtils.h"
 

@@ -2,10 +2,7 @@
 
 #include "vpn/Api/ConfigurationText.h"
 
-#include <utility>
-
-#include "vpn/Common/Logging/LegibleText.h"
-#include "vpn/include/StringUtils.h"
+#include "vpn/Common/Trust/LegibleText.h"
 
 namespace {
 
@@ -15,12 +12,7 @@ constexpr std::size_t MaxQuotedLength = 80;
 }  // namespace
 
 std::string ConfigurationText::oneLine(const std::string& text, std::size_t maxLength) {
-  // Escaped before it is cut, because escapes are longer than their characters.
-  std::string line;
-  for (const char c : text) {
-    line += c == '\n' || c == '\t' ? CStringUtils::printable(std::string(1, c)) : std::string(1, c);
-  }
-  return legible(std::move(line), maxLength);
+  return legibleLine(text, maxLength);
 }
 
 std::string ConfigurationText::quoted(const std::string& text) {

@@ -1,8 +1,15 @@
 // Text from anywhere as people see it.
 
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
 
-#include "vpn/Common/Logging/LegibleText.h"
+#include <map>
+#include <memory>
+#include <string>
+
+#include "vpn/Common/Trust/LegibleText.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -12,24 +19,51 @@ std::string shown(const std::string& text) { return legible(text, Ample); }
 
 TEST(LegibleText, WhatIsPlainOrWellFormedStaysAsItIs) {
   for (const std::string text :
-       {"gw.example.com", "M\u00fcnchen", "\u6771\u4eac", "two\nlines\t"}) {
+       {"gw.example.com", "M\u00fcnchen", "\u6771\u4eac", "two\nlines\t", "\u0600\u06dd\ufffd"}) {
     EXPECT_EQ(shown(text), text);
   }
 }
 
-TEST(LegibleText, WhatTurnsTheDirectionOfWritingIsShownByItsBytes) {
-  EXPECT_EQ(shown("a\u202eb"), "a\\xe2\\x80\\xaeb");
-  EXPECT_EQ(shown("a\u061cb"), "a\\xd8\\x9cb");
-  EXPECT_EQ(shown("\u200e\u200f"), "\\xe2\\x80\\x8e\\xe2\\x80\\x8f");
-  EXPECT_EQ(shown("\u2066\u2069"), "\\xe2\\x81\\xa6\\xe2\\x81\\xa9");
+TEST(LegibleText, WhatNobodySeesIsShownByItsBytes) {
+  for (const std::string text :
+       {// controls, separators
+        "\x1b", "\x7f", "\u0085", "\u2028", "\u2029",
+        // direction of writing
+        "\u061c", "\u200e", "\u200f", "\u202a", "\u202e", "\u2066", "\u2069",
+        // ignored: soft hyphen, fillers, spaces without width, selectors of variants, tags
+        "\u00ad", "\u034f", "\u115f", "\u1160", "\u17b4", "\u180e", "\u200b", "\u2060", "\u2065",
+        "\u3164", "\ufe0f", "\ufeff", "\uffa0", "\U0001d173", "\U000e0041", "\U000e0080",
+        "\U000e0100", "\U000e0fff",
+        // marks between lines, assigned or not
+        "\ufff0", "\ufff8", "\ufff9", "\ufffa", "\ufffb",
+        // no characters
+        "\ufdd0", "\ufdef", "\ufffe", "\uffff", "\U0001ffff", "\U0010fffe"}) {
+    std::string bytes;
+    for (const char c : text) {
+      bytes += CStringUtils::printable(std::string(1, c));
+    }
+    EXPECT_EQ(shown("a" + text + "b"), "a" + bytes + "b");
+  }
 }
 
-TEST(LegibleText, WhatIsNotSeenIsShownByItsBytes) {
-  EXPECT_EQ(shown("exam\u200bple"), "exam\\xe2\\x80\\x8bple");
-  EXPECT_EQ(shown("a\u2060b\u2065"), "a\\xe2\\x81\\xa0b\\xe2\\x81\\xa5");
-  EXPECT_EQ(shown("\ufeffa"), "\\xef\\xbb\\xbfa");
-  EXPECT_EQ(shown("\U000e0041\U000e007f"), "\\xf3\\xa0\\x81\\x81\\xf3\\xa0\\x81\\xbf");
-  EXPECT_EQ(shown("\U000e0080"), "\U000e0080") << "the next block has its uses";
+TEST(LegibleText, AWordForAShellIsReadAsWhatItIsAndCanBeSeen) {
+  for (const auto& [text, word] :
+       std::map<std::string, std::string>{{"", "''"},
+                                          {"/etc/ahs-1.xml", "/etc/ahs-1.xml"},
+                                          {"a b", "'a b'"},
+                                          {"$(id)`id`;&|<>*?!#~\\", "'$(id)`id`;&|<>*?!#~\\'"},
+                                          {"it's", "'it'\\''s'"},
+                                          {"\u00fc", "'\u00fc'"},
+                                          {"a\nb", "$'a\\x0ab'"},
+                                          {"it's\u202e\\", "$'it\\x27s\\xe2\\x80\\xae\\x5c'"}}) {
+    EXPECT_EQ(forShell(text), word);
+    const std::string command = "bash -c 'eval \"printf %s $1\"' bash \"$WORD\"";
+    ASSERT_EQ(setenv("WORD", word.c_str(), 1), 0);
+    const std::unique_ptr<FILE, int (*)(FILE*)> shell(popen(command.c_str(), "r"), pclose);
+    char read[64] = "";
+    const std::size_t length = fread(read, 1, sizeof read, shell.get());
+    EXPECT_EQ(std::string(read, length), text);
+  }
 }
 
 TEST(LegibleText, JoinersStayWhereWritingNeedsThem) {

@@ -56,6 +56,9 @@ TEST(Url, WhatIsAnAddressIsTakenApart) {
       {"192.0.2.1:8443", "192.0.2.1", "8443"},
       {"bücher.example:8443", "bücher.example", "8443"},
       {"例え.jp", "例え.jp"},
+      {"Bu\u0308cher.example", "Bu\u0308cher.example"},
+      {"\u0646\u0627\u0645\u0647\u200c\u0627\u06cc.example",
+       "\u0646\u0627\u0645\u0647\u200c\u0627\u06cc.example"},
       {std::string(253, 'a'), std::string(253, 'a')},
       {"a/" + std::string(2046, 'x'), "a", "", "/" + std::string(2046, 'x')},
   };
@@ -123,6 +126,16 @@ INSTANTIATE_TEST_SUITE_P(
                     "a/" + std::string(2047, 'x'), std::string(1 << 20, 'a'),
                     std::string(1 << 20, ':'), std::string(1 << 20, '[')),
     [](const auto& param) { return std::to_string(param.index); });
+
+TEST(Url, AHostIsWhatItLooksLikeAndIsLookedUpAsSuch) {
+  for (const char* text :
+       {"a\u200bb", "exam\u200cple", "a\u202eb", "a\u00adb", "a/\u2066b", "a\uffff",
+        "127\u30020\u30020\u30021", "a\uff0eb", "a\uff61b", "127.0.0.\uff11", "127.0.0.\u2460",
+        "a\u2024b", "\u2100b", "a\u3000b", "\uff47w"}) {
+    EXPECT_EQ(URL(text).getProtocol(), URLPROTOCOL_UNKNOWN) << text;
+    EXPECT_NE(URL::findError(text), "");
+  }
+}
 
 TEST(Url, WhatIsTakenReadsTheSameAgain) {
   for (const char* text : {"a", "a:8443", "[::1]", "[2001:db8::1]:8443", "[fe80::1%25eth0]:1",

@@ -22,8 +22,8 @@
 #include <memory>
 #include <utility>
 
-#include "vpn/Common/Logging/LegibleText.h"
 #include "vpn/Common/Logging/LogFile.h"
+#include "vpn/Common/Trust/LegibleText.h"
 #include "vpn/Common/Utility/Environment.h"
 #include "vpn/include/Locks.h"
 
@@ -109,8 +109,7 @@ class Outlets {
     m_hasFile = true;
   }
 
-  /// Drops the file with its first failure: the library's sink would write through a null stream
-  /// after a rotation that could not open the new one.
+  /// Drops the file with its first failure; a later message opens it again.
   template <class Action>
   void perform(Action action) {
     try {

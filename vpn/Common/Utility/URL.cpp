@@ -5,13 +5,17 @@
 #include "vpn/Common/Utility/URL.h"
 
 #include <arpa/inet.h>
+#include <uninorm.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstdlib>
 #include <iterator>
+#include <memory>
 #include <string_view>
 
+#include "vpn/Common/Trust/LegibleText.h"
 #include "vpn/include/StringUtils.h"
 #include "vpn/include/Utf8.h"
 
@@ -59,7 +63,8 @@ std::string findBadCharacter(std::string_view text) {
     }
     i += character.length;
   }
-  return {};
+  const std::string whole(text);
+  return legible(whole) == whole ? "" : "It has a character in it that nobody sees; take it out.";
 }
 
 std::string takeScheme(std::string_view& rest, URLPROTOCOL& protocol) {
@@ -123,6 +128,24 @@ bool isNumber(std::string_view label) {
          std::string_view::npos;
 }
 
+std::string normalised(uninorm_t form, const std::string& text) {
+  std::size_t length = 0;
+  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+  const std::unique_ptr<std::uint8_t, void (*)(void*)> result(
+      u8_normalize(form, bytes, text.size(), nullptr, &length), &std::free);
+  return result == nullptr ? "" : std::string(result.get(), result.get() + length);
+}
+
+/// Whether the look-up of a name (IDNA, UTS 46) would put other characters in the place of some:
+/// "127.0.0.\uff11" leads to 127.0.0.1, and in "a\u3002b" stands a full stop.
+bool isReplaced(const std::string& name) {
+  constexpr const char* IdeographicFullStop = "\u3002";
+  const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 128; };
+  return !std::all_of(name.begin(), name.end(), isAscii) &&
+         (name.find(IdeographicFullStop) != std::string::npos ||
+          normalised(UNINORM_NFKC, name) != normalised(UNINORM_NFC, name));
+}
+
 std::string checkName(const std::string& name) {
   if (name.empty()) {
     return "It has no host; write a name or an address before the port or the path.";
@@ -142,6 +165,11 @@ std::string checkName(const std::string& name) {
   // option.
   if (name.front() == '-' || name.find(".-") != std::string::npos) {
     return "The host has a part that begins with \"-\", which no name has; write it without.";
+  }
+  if (isReplaced(name)) {
+    return "The host has a character in it that stands for another one, such as a wide letter, "
+           "digit "
+           "or full stop; write the plain one.";
   }
   in_addr binary{};
   if (isNumber(std::string_view(name).substr(name.rfind('.') + 1)) &&

@@ -35,7 +35,7 @@ enum URLPROTOCOL {
 ///     location = ( "/" / "?" / "#" ) followed by anything but control characters and blanks
 ///
 /// Refused, so that the protocol is URLPROTOCOL_UNKNOWN and every other part empty: control
-/// characters (those of Unicode above 127 included) and blanks inside the text, text that is not
+/// characters, characters that nobody sees (`legible`) and blanks inside the text, text that is not
 /// UTF-8, user information ("user@host"), an IPv6 address without brackets, a number where a name
 /// should end ("10.1.2", "0x7f000001": what reads it as an address reads it differently from a
 /// person), any other scheme, a text longer than 2048 bytes.

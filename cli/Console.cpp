@@ -9,10 +9,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <limits>
-
 #include "cli/ExitStatus.h"
-#include "vpn/Api/ConfigurationText.h"
+#include "vpn/Common/Trust/LegibleText.h"
 
 std::string Console::write(int descriptor, const std::string& text) {
   std::size_t written = 0;
@@ -45,19 +43,28 @@ int Console::writeResult(const std::string& text, int exitStatus) {
   return ExitUsage;
 }
 
-int Console::writeFile(const std::string& path, const std::string& text, int exitStatus) {
-  constexpr mode_t ReadableByAll = 0644;
-  const int file =
-      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, ReadableByAll);
-  std::string error = file < 0 ? strerrordesc_np(errno) : write(file, text);
-  if (file >= 0 && close(file) != 0 && error.empty()) {
+std::string Console::findFile(const std::string& path, FileTrust::Place& place) {
+  FileTrust::Refusal refusal;
+  std::string error;
+  if (!FileTrust::findPlace(path, place, refusal)) {
+    error = "it " + refusal.text;
+  } else if (faccessat(place.directory.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
     error = strerrordesc_np(errno);
   }
-  if (error.empty()) {
+  return error.empty()
+             ? ""
+             : "the file " + inQuotes(path) + " cannot be written: " + error +
+                   ". Name a file in a directory of your own, or '-' for standard output.";
+}
+
+int Console::writeFile(const FileTrust::Place& place, const std::string& text, int exitStatus) {
+  constexpr mode_t ReadableByAll = 0644;
+  const int error = FileTrust::replaceFile(place, text, ReadableByAll);
+  if (error == 0) {
     return exitStatus;
   }
-  complain("the file '" + visible(path) + "' could not be written: " + error +
-           ". Name a file in a directory that you may write to and that has room.");
+  complain("the file " + inQuotes(place.path) + " could not be written: " + strerrordesc_np(error) +
+           ". Name one in a directory that has room.");
   return ExitUsage;
 }
 
@@ -74,11 +81,9 @@ int Console::complainOfUsage(const std::string& command, const std::string& erro
 
 void Console::note(const std::string& text) {
   // If standard error fails, no place is left to report to.
-  static_cast<void>(write(STDERR_FILENO, text + "\n"));
+  static_cast<void>(write(STDERR_FILENO, legible(text) + "\n"));
 }
 
-std::string Console::visible(const std::string& text) {
-  return ConfigurationText::oneLine(text, std::numeric_limits<std::size_t>::max());
-}
+std::string Console::visible(const std::string& text) { return legibleLine(text); }
 
 std::string Console::inQuotes(const std::string& text) { return "'" + visible(text) + "'"; }

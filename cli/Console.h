@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "vpn/Common/Trust/FileTrust.h"
+
 /// Writes to a person's terminal and a program's pipe. Thread-safe. Each call makes as few system
 /// calls as the kernel allows, so that lines of several threads do not mix.
 class Console {
@@ -18,9 +20,13 @@ class Console {
   /// the result must not believe in success.
   static int writeResult(const std::string& text, int exitStatus);
 
-  /// Writes the result to a file, which replaces an older one.
+  /// Finds the file that a result is to be written to, before the work for it begins.
+  /// @return an empty string, or why it cannot be written and what to do.
+  static std::string findFile(const std::string& path, FileTrust::Place& place);
+
+  /// Writes the result to a file, which replaces an older one when it is complete.
   /// @return `exitStatus`, or ExitUsage after a failed write, with a message.
-  static int writeFile(const std::string& path, const std::string& text, int exitStatus);
+  static int writeFile(const FileTrust::Place& place, const std::string& text, int exitStatus);
 
   /// Writes "ahs: text" to standard error. Say what happened, why, and what to do next.
   static void complain(const std::string& text);
@@ -31,12 +37,12 @@ class Console {
   static int complainOfUsage(const std::string& command, const std::string& error,
                              const std::vector<std::string>& problems = {});
 
-  /// Writes `text` and a line feed to standard error, without the prefix.
+  /// Writes `text` and a line feed to standard error, without the prefix. What these three write
+  /// is legible, whatever names are in it.
   static void note(const std::string& text);
 
-  /// `text` with suspicious bytes as \xNN: control characters (also line feeds and tabs),
-  /// characters that turn the direction of writing or separate lines, and invalid UTF-8. So no text
-  /// of a file or a network can move the cursor, colour the terminal or imitate another name.
+  /// `text` in one legible line: so no text of a file or a network can move the cursor, colour the
+  /// terminal or imitate another name.
   static std::string visible(const std::string& text);
 
   /// `visible` text between apostrophes.

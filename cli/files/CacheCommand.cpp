@@ -219,7 +219,8 @@ std::string findDirectory(const CacheOptions& options) {
   if (directory.empty()) {
     Console::complain(
         "there is no place for a selection cache: neither HOME nor XDG_CACHE_HOME is set to an "
-        "absolute path. Set one of them, or name a directory with --cache-dir.");
+        "absolute path, HOME to one of a directory that is there. Set one of them, or name a "
+        "directory with --cache-dir.");
   }
   return directory;
 }

@@ -117,8 +117,11 @@ DefaultPaths defaultPathsFor(const char* configHome, const char* cacheHome, cons
 }
 
 DefaultPaths defaultPaths() {
+  const char* const home = Environment::get("HOME");
+  // A user whose home directory is not there shall get none: root would make it.
+  const bool isThere = home != nullptr && findDirectoryError(home).empty();
   return defaultPathsFor(Environment::get("XDG_CONFIG_HOME"), Environment::get("XDG_CACHE_HOME"),
-                         Environment::get("HOME"));
+                         isThere ? home : nullptr);
 }
 
 std::string findDirectoryError(const std::string& path) { return findError(path, true); }

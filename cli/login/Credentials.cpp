@@ -16,7 +16,7 @@
 
 #include "cli/Console.h"
 #include "cli/Surroundings.h"
-#include "vpn/Api/FileTrust.h"
+#include "vpn/Common/Trust/FileTrust.h"
 
 namespace {
 
@@ -76,35 +76,14 @@ std::string take(int descriptor, Secret& password) {
 // Who can read the file knows the password; who can write it chooses what is sent.
 std::string findFileFault(const struct stat& facts) {
   constexpr mode_t AccessOfOthers = S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
-  if (!S_ISREG(facts.st_mode)) {
-    return "it is no regular file. Name a file, or hand the password over with "
-           "--proxy-password-fd.";
-  }
   if (facts.st_uid != geteuid() && facts.st_uid != 0) {
-    return "it belongs to another user. Take it over: chown " + std::to_string(geteuid()) +
-           " FILE.";
+    return "it belongs to another user. Write the password into a file of your own.";
   }
   if ((facts.st_mode & AccessOfOthers) != 0) {
     return "others may read or write it. Keep it to yourself: chmod 600 FILE. If it was readable "
-           "for "
-           "long, change the password.";
+           "for long, change the password.";
   }
   return "";
-}
-
-// Refuses a link: who can change it could send any file of this user to the proxy. Opening must not
-// wait for a pipe.
-int openPasswordFile(const std::string& path) {
-  return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-}
-
-std::string openingFault(int error) {
-  if (error == ELOOP) {
-    return "it is a link. Name the file itself, or hand it over with --proxy-password-fd, as in "
-           "'--proxy-password-fd 3 3<FILE'.";
-  }
-  return std::string("it cannot be opened: ") + strerrordesc_np(error) +
-         ". Name a file that holds the password and that you alone may read.";
 }
 
 }  // namespace
@@ -136,13 +115,18 @@ std::string findPasswordError(const Secret& password) {
 
 std::string readPasswordFile(const std::string& path, Secret& password) {
   const std::string name = "the password file " + Console::inQuotes(path) + " cannot be used: ";
-  const FileTrust::Descriptor file(openPasswordFile(path));
-  if (file.get() < 0) {
-    return name + openingFault(errno);
+  FileTrust::Descriptor file;
+  FileTrust::Refusal refusal;
+  // Who could change a directory or a link on the way could send any file of this user to the
+  // proxy.
+  if (!FileTrust::openFile(path, FileTrust::Check::Way, file, refusal)) {
+    return name + "it " + refusal.text +
+           ". Name a file that holds the password and that you alone may read, or hand the "
+           "password over with --proxy-password-fd.";
   }
   struct stat facts {};
   if (fstat(file.get(), &facts) != 0) {
-    return name + openingFault(errno);
+    return name + "it cannot be read: " + strerrordesc_np(errno) + ".";
   }
   std::string fault = findFileFault(facts);
   if (fault.empty()) {

@@ -47,8 +47,8 @@ std::string findUserError(const Secret& user);
 std::string findPasswordError(const Secret& password);
 
 /// Reads a password to the end of a file, or of a descriptor that the caller of the program has
-/// opened; drops one line feed at the end. The file must be a regular one, no link, owned by this
-/// user or root, without access for others. The descriptor is closed.
+/// opened; drops one line feed at the end. The file must be a regular one of this user or root
+/// without access for others, on a path that no other user can change. The descriptor is closed.
 /// @return an empty string, or what is wrong and how to mend it.
 std::string readPasswordFile(const std::string& path, Secret& password);
 std::string readPasswordDescriptor(int descriptor, Secret& password);

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "cli/login/Credentials.h"
-#include "vpn/Api/FileTrust.h"
+#include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/include/Locks.h"
 
 /// The terminal at which a person is asked. It does not show a secret while it is typed. However a

@@ -1,7 +1,9 @@
 // `ahs select`: one selection, from options to exit status. Standard output gets only the result.
 
 #include <memory>
+#include <optional>
 #include <set>
+#include <string>
 
 #include "cli/AddOption.h"
 #include "cli/Commands.h"
@@ -40,24 +42,49 @@ void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& p
     if (host != nullptr && !host->getHostAddress().empty() &&
         unknown.contains(CStringUtils::toLower(name))) {
       Console::complain("'" + Console::visible(name) + "' is a host entry of the profiles: name " +
-                        "its address, " + host->getHostAddress() +
+                        "its address, " + Console::visible(host->getHostAddress()) +
                         ", or leave the hosts out to select among all entries.");
     }
   }
 }
 
-int print(const SelectionResult& result, const SelectOptions& options, const SelectPlan& plan) {
-  const std::string text = options.json ? jsonOutput(result)
-                           : options.quiet
-                               ? quietOutput(result)
-                               : textOutput(result) + (options.explain ? explanation(result) : "");
-  int exitStatus = Console::writeResult(text, exitStatusOf(result.status));
-  if (options.html) {
-    exitStatus =
-        Console::writeFile(*options.html, pageOf(result, Wording::localTime(true)), exitStatus);
+/// A page or a picture: its file, or standard output in place of the text.
+struct Drawing {
+  std::optional<std::string> given;
+  FileTrust::Place place;
+
+  bool isText() const { return given == "-"; }
+  std::string findError() {
+    return given && !isText() ? Console::findFile(*given, place) : std::string();
   }
-  if (options.svg) {
-    exitStatus = Console::writeFile(*options.svg, chartOf(result), exitStatus);
+  int write(const std::string& text, int exitStatus) const {
+    return isText() ? Console::writeResult(text, exitStatus)
+                    : Console::writeFile(place, text, exitStatus);
+  }
+};
+
+struct Drawings {
+  Drawing page;
+  Drawing picture;
+};
+
+std::string textOf(const SelectionResult& result, const SelectOptions& options) {
+  return options.json    ? jsonOutput(result)
+         : options.quiet ? quietOutput(result)
+                         : textOutput(result) + (options.explain ? explanation(result) : "");
+}
+
+int print(const SelectionResult& result, const SelectOptions& options, const Drawings& drawings,
+          const SelectPlan& plan) {
+  int exitStatus = exitStatusOf(result.status);
+  if (!drawings.page.isText() && !drawings.picture.isText()) {
+    exitStatus = Console::writeResult(textOf(result, options), exitStatus);
+  }
+  if (drawings.page.given) {
+    exitStatus = drawings.page.write(pageOf(result, Wording::localTime(true)), exitStatus);
+  }
+  if (drawings.picture.given) {
+    exitStatus = drawings.picture.write(chartOf(result), exitStatus);
   }
   const std::string advice = adviceFor(result, plan.profilePlaces);
   if (!advice.empty()) {
@@ -65,6 +92,30 @@ int print(const SelectionResult& result, const SelectOptions& options, const Sel
   }
   noteEntriesTakenForHosts(result, plan);
   return exitStatus;
+}
+
+int runSelect(const SelectOptions& options) {
+  const std::string command = "ahs select";
+  Drawings drawings;
+  drawings.page.given = options.html;
+  drawings.picture.given = options.svg;
+  const bool isTwice = drawings.page.isText() && drawings.picture.isText();
+  const bool isDrawn = drawings.page.isText() || drawings.picture.isText();
+  std::string error;
+  if (isTwice || (isDrawn && (options.json || options.quiet || options.explain))) {
+    error =
+        "standard output takes one form of the result: '-' excludes --json, --quiet, --explain "
+        "and a second '-'.";
+  }
+  for (Drawing* const drawing : {&drawings.page, &drawings.picture}) {
+    error = error.empty() ? drawing->findError() : error;
+  }
+  if (!error.empty()) {
+    return Console::complainOfUsage(command, error);
+  }
+  return selectOnce(options, command, [&](const SelectionResult& result, const SelectPlan& plan) {
+    return print(result, options, drawings, plan);
+  });
 }
 
 void addOutput(CLI::App& command, SelectOptions& options) {
@@ -75,8 +126,9 @@ void addOutput(CLI::App& command, SelectOptions& options) {
                     "Print the first headend and nothing else; nothing when there is none")
           ->excludes(json);
   addOption(command, "--html", "FILE", options.html,
-            "Also write the result as a page without external resources");
-  addOption(command, "--svg", "FILE", options.svg, "Write the ranking as a picture too, as SVG");
+            "Also write the result as a page without external resources; - for standard output");
+  addOption(command, "--svg", "FILE", options.svg,
+            "Write the ranking as a picture too, as SVG; - for standard output");
   command
       .add_flag("--explain", options.explain, "Tell why this headend, in numbers, after the result")
       ->excludes(json, quiet);
@@ -103,12 +155,5 @@ void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
       "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
       "3 a proxy asks for a login and was given none or a wrong one,\n"
       "128 + number of the signal that ended it.");
-  command->callback([&chosen, options] {
-    chosen = [options] {
-      return selectOnce(*options, "ahs select",
-                        [options](const SelectionResult& result, const SelectPlan& plan) {
-                          return print(result, *options, plan);
-                        });
-    };
-  });
+  command->callback([&chosen, options] { chosen = [options] { return runSelect(*options); }; });
 }

@@ -72,8 +72,9 @@ CAppLog::Targets logOf(const SelectOptions& options) {
 void noteMissingCache(const SelectOptions& options, const SelectPlan& plan) {
   if (plan.sources.cacheDirectory.empty() && !options.noCache) {
     Console::complain(
-        "warning: neither HOME nor XDG_CACHE_HOME is set to an absolute path, so the selection is "
-        "not kept for the next time. Name a directory with --cache-dir, or say --no-cache.");
+        "warning: neither HOME nor XDG_CACHE_HOME is set to an absolute path, HOME to one of a "
+        "directory that is there, so the selection is not kept for the next time. Name a directory "
+        "with --cache-dir, or say --no-cache.");
   }
 }
 

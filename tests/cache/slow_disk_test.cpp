@@ -23,14 +23,15 @@ std::atomic<unsigned int> g_waiting{0};
 }  // namespace
 
 extern "C" {
-int __real_rename(const char* from, const char* to);  // NOLINT: the linker's name for it
-int __wrap_rename(const char* from, const char* to);  // NOLINT
+int __real_renameat(int in, const char* from, int out,
+                    const char* to);  // NOLINT: the linker's name for it
+int __wrap_renameat(int in, const char* from, int out, const char* to);  // NOLINT
 
-int __wrap_rename(const char* from, const char* to) {  // NOLINT
+int __wrap_renameat(int in, const char* from, int out, const char* to) {  // NOLINT
   ++g_waiting;
   { const std::lock_guard<std::mutex> turn(g_disk); }
   --g_waiting;
-  return __real_rename(from, to);
+  return __real_renameat(in, from, out, to);
 }
 }
 

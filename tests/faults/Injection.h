@@ -12,12 +12,11 @@ enum class Call {
   LookUpName,     ///< getaddrinfo
   Allocate,       ///< operator new
   AllocateInC,    ///< malloc, calloc, realloc
-  Open,           ///< open, mkostemp, fopen, opendir
+  Open,           ///< open, openat, fopen, opendir
   Read,           ///< read
-  Write,          ///< write, fwrite
-  Flush,          ///< fflush
-  Close,          ///< close, fclose
-  Rename,         ///< rename
+  Write,          ///< write
+  Close,          ///< close
+  Rename,         ///< renameat
   MakeDirectory,  ///< mkdir
   LookAt,         ///< stat, lstat, fstat
   ReadResolver,   ///< res_ninit

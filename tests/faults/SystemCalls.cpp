@@ -91,7 +91,6 @@ FAILING(Call::ReadResolver, -1, int, __res_ninit, (res_state state), (state), no
 
 OPENING(open, (const char* path, int flags, ...), (path, flags, mode));
 OPENING(openat, (int directory, const char* path, int flags, ...), (directory, path, flags, mode));
-FAILING(Call::Open, -1, int, mkostemp, (char* path, int flags), (path, flags));
 FAILING(Call::Open, nullptr, FILE*, fopen, (const char* path, const char* mode), (path, mode));
 FAILING(Call::Open, nullptr, DIR*, opendir, (const char* path), (path));
 FAILING(Call::Read, -1, ssize_t, read, (int descriptor, void* buffer, std::size_t size),
@@ -104,17 +103,6 @@ extern "C" ssize_t write(int descriptor, const void* data, std::size_t size) {
   }
   return isCutShort() ? real(descriptor, data, std::max<std::size_t>(size / 2, 1)) : -1;
 }
-
-extern "C" std::size_t fwrite(const void* data, std::size_t size, std::size_t count, FILE* stream) {
-  static auto* const real =
-      original<std::size_t(const void*, std::size_t, std::size_t, FILE*)>("fwrite");
-  if (!strikes(Call::Write)) {
-    return real(data, size, count, stream);
-  }
-  return isCutShort() ? real(data, size, count / 2, stream) : 0;
-}
-
-FAILING(Call::Flush, EOF, int, fflush, (FILE * stream), (stream));
 
 /// Like FAILING, for a function that closes even when it fails.
 #define CLOSING(failure, Type, name)                      \
@@ -129,8 +117,8 @@ FAILING(Call::Flush, EOF, int, fflush, (FILE * stream), (stream));
   static_assert(true, "takes a semicolon")
 
 CLOSING(-1, int, close);
-CLOSING(EOF, FILE*, fclose);
-FAILING(Call::Rename, -1, int, rename, (const char* from, const char* to), (from, to), noexcept);
+FAILING(Call::Rename, -1, int, renameat, (int in, const char* from, int out, const char* to),
+        (in, from, out, to), noexcept);
 FAILING(Call::MakeDirectory, -1, int, mkdir, (const char* path, mode_t mode), (path, mode),
         noexcept);
 FAILING(Call::LookAt, -1, int, stat, (const char* path, struct stat* result), (path, result),
@@ -142,10 +130,6 @@ FAILING(Call::LookAt, -1, int, lstat, (const char* path, struct stat* result), (
         noexcept);
 FAILING(Call::LookAt, -1, int, fstat, (int descriptor, struct stat* result), (descriptor, result),
         noexcept);
-
-// spdlog asks for its file's size by this name.
-FAILING(Call::LookAt, -1, int, fstat64, (int descriptor, struct stat64* result),
-        (descriptor, result), noexcept);
 
 // Sockets.
 

@@ -527,7 +527,6 @@ INSTANTIATE_TEST_SUITE_P(
     sweepsOf({{"Open", Call::Open, {EMFILE, EACCES, ENOSPC}, All, All},
               {"Read", Call::Read, {EIO}, All, All},
               {"Write", Call::Write, {ENOSPC, EIO, Fault::ShortWrite}, All, All},
-              {"Flush", Call::Flush, {ENOSPC}, All, All},
               {"Close", Call::Close, {EIO}, All, All},
               {"Rename", Call::Rename, {EACCES, ENOSPC}, All, All},
               {"MakeDirectory", Call::MakeDirectory, {EACCES, ENOSPC}, All, All},

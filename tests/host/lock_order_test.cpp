@@ -56,12 +56,12 @@ int __wrap_lstat(const char* path, struct stat* status) {  // NOLINT
   return __real_lstat(path, status);
 }
 
-int __real_rename(const char* from, const char* to);  // NOLINT
-int __wrap_rename(const char* from, const char* to);  // NOLINT
+int __real_renameat(int in, const char* from, int out, const char* to);  // NOLINT
+int __wrap_renameat(int in, const char* from, int out, const char* to);  // NOLINT
 
-int __wrap_rename(const char* from, const char* to) {  // NOLINT
+int __wrap_renameat(int in, const char* from, int out, const char* to) {  // NOLINT
   noteDisk();
-  return __real_rename(from, to);
+  return __real_renameat(in, from, out, to);
 }
 }
 

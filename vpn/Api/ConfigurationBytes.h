@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "vpn/Api/FileTrust.h"
+#include "vpn/Common/Trust/FileTrust.h"
 
 /// The bytes of a configuration file, checked before any parser sees them. Any thread may call
 /// these.

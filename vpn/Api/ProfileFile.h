@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "vpn/Api/ConfigurationFormat.h"
-#include "vpn/Api/FileTrust.h"
 #include "vpn/Api/Preference.h"
+#include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/Common/Utility/URL.h"
 
 /// Something wrong in a file, in words that help to mend it.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,4 +72,21 @@ TEST(ResolverPlace, NamesServersOfBothFamiliesAndSearchDomainsInLowerCaseAsTheyA
     GTEST_SKIP() << "no right to make a mount namespace";
   }
   EXPECT_EQ(status, 0);
+}
+
+TEST(ResolverPlace, OfSettingsWithoutAnEndIsUnreadableAtOnce) {
+  const tests::TemporaryDirectory directory;
+  const std::string pipe = directory.File("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const std::string large = directory.Write("large", std::string((1 << 20) + 1, '\n'));
+  for (const std::string& path : {pipe, std::string("/dev/zero"), large}) {
+    const int status = withSettings(path, [] {
+      alarm(10);  // the C library would wait, or fill the memory
+      return presentPlace() == "unreadable" ? 0 : 1;
+    });
+    if (status == NotPermitted) {
+      GTEST_SKIP() << "no right to make a mount namespace";
+    }
+    EXPECT_EQ(status, 0) << path;
+  }
 }

@@ -64,7 +64,7 @@ class PasswordDescriptorTest : public testing::Test {
 extern "C" int __real_fstat(int descriptor, struct stat* facts);
 extern "C" int __wrap_fstat(int descriptor, struct stat* facts) {
   const int result = __real_fstat(descriptor, facts);
-  if (result == 0 && isSomebodyElses) {
+  if (result == 0 && isSomebodyElses && S_ISREG(facts->st_mode)) {
     facts->st_uid = geteuid() + 1;
   }
   return result;
@@ -91,19 +91,33 @@ TEST_F(PasswordFileTest, OneThatOthersMayReadOrWriteIsRefusedWithTheRemedy) {
 TEST_F(PasswordFileTest, OneOfAnotherUserIsRefused) {
   const std::string path = write(Text);
   isSomebodyElses = true;
-  EXPECT_THAT(read(path), HasSubstr("it belongs to another user. Take it over: chown " +
-                                    std::to_string(geteuid()) + " FILE"));
+  EXPECT_THAT(read(path),
+              HasSubstr("it belongs to another user. Write the password into a file of your own."));
+}
+
+TEST_F(PasswordFileTest, OneOnAWayThatOthersCouldHaveChangedIsRefused) {
+  const std::string path = write(Text);
+  const std::string shared = directory.MakeDirectory("shared");
+  const std::string link = shared + "/link";
+  ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+  EXPECT_EQ(read(link), "");
+  ASSERT_EQ(chmod(shared.c_str(), 0777), 0);
+  for (const std::string& way : {link, shared + "/../password"}) {
+    EXPECT_THAT(read(way), HasSubstr("it is refused because another user could have changed it: " +
+                                     shared + " may be written by every user"));
+  }
+  ASSERT_EQ(chmod(shared.c_str(), 01777), 0);
+  EXPECT_EQ(read(link), "");
+  if (lchown(link.c_str(), geteuid() + 1, static_cast<gid_t>(-1)) == 0) {
+    EXPECT_THAT(read(link), HasSubstr(link + " belongs to user"));
+  }
 }
 
 TEST_F(PasswordFileTest, WhatIsNoFileIsRefusedWithoutWaitingForIt) {
-  const std::string path = write(Text);
-  const std::string link = directory.File("link");
-  ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
-  EXPECT_THAT(read(link), HasSubstr("it is a link. Name the file itself"));
-  EXPECT_THAT(read(directory.MakeDirectory("folder")), HasSubstr("it is no regular file"));
+  EXPECT_THAT(read(directory.MakeDirectory("folder")), HasSubstr("it is not a regular file"));
   const std::string pipe = directory.File("pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  EXPECT_THAT(read(pipe), HasSubstr("it is no regular file"));
+  EXPECT_THAT(read(pipe), HasSubstr("it is not a regular file"));
   EXPECT_THAT(read(directory.File("none")),
               HasSubstr("none' cannot be used: it cannot be opened: No such file"));
 }

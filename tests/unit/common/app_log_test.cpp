@@ -256,12 +256,53 @@ TEST_F(AppLog, APathThatCannotBeAFileIsReportedWithARemedy) {
               AllOf(HasSubstr("missing/a.log"), HasSubstr("create the directory")));
   EXPECT_THAT(problemWith(m_directory.Path()), HasSubstr("Is a directory"));
   EXPECT_THAT(problemWith("/dev/null"), HasSubstr("not a regular file"));
-  std::ofstream(path("target")) << "text";
-  std::filesystem::create_symlink(path("target"), path("link"));
-  EXPECT_THAT(problemWith(path("link")), HasSubstr("symbolic link"));
+  EXPECT_THAT(problemWith("/proc/self/comm"), HasSubstr("one of the kernel's"));
   ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
   EXPECT_NE(problemWith(path("pipe")), "");
   EXPECT_NE(CAppLog::open(toFile(0)), "");
+}
+
+TEST_F(AppLog, NobodyElseChoosesTheFileThatIsWrittenTo) {
+  const std::string secret = m_directory.Write("secret", "secret\n");
+  const std::string shared = m_directory.MakeDirectory("shared");
+  CAppLog::Targets targets;
+  const auto problem = [&targets](const std::string& file) {
+    targets.file = file;
+    const std::string said = CAppLog::open(targets);
+    error("message");
+    CAppLog::close();
+    return said;
+  };
+  std::filesystem::create_symlink(path("own.log"), path("link"));
+  EXPECT_EQ(problem(path("link")), "") << "a link of one's own leads on";
+  EXPECT_THAT(readFile(path("own.log")), EndsWith(" message\n"));
+  ASSERT_EQ(chmod(shared.c_str(), 0777), 0);
+  EXPECT_THAT(problem(shared + "/a.log"), HasSubstr(shared + " may be written by every user"));
+  EXPECT_THAT(problem(shared + "/../a.log"), HasSubstr(shared + " may be written by every user"));
+  ASSERT_EQ(chmod(shared.c_str(), 01777), 0);
+  EXPECT_EQ(problem(shared + "/a.log"), "") << "as in /tmp";
+  std::filesystem::create_hard_link(secret, shared + "/b.log");
+  EXPECT_THAT(problem(shared + "/b.log"), HasSubstr("has a second name"));
+  std::filesystem::create_symlink(secret, shared + "/c.log");
+  if (lchown((shared + "/c.log").c_str(), geteuid() + 1, getegid()) == 0) {
+    EXPECT_THAT(problem(shared + "/c.log"), HasSubstr("belongs to user"));
+  }
+  EXPECT_EQ(readFile(secret), "secret\n");
+}
+
+TEST_F(AppLog, TheFileStaysInItsDirectoryWhateverItsPathLeadsTo) {
+  const std::string inner = m_directory.MakeDirectory("inner");
+  const std::string stranger = m_directory.MakeDirectory("stranger");
+  CAppLog::Targets targets = toFile(1000);
+  targets.file = inner + "/a.log";
+  ASSERT_EQ(CAppLog::open(targets), "");
+  std::filesystem::rename(inner, path("moved"));
+  std::filesystem::create_symlink(stranger, inner);
+  for (int i = 0; i < 20; ++i) {
+    error(std::string(300, 'x').c_str());
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(stranger));
+  EXPECT_TRUE(std::filesystem::exists(path("moved/a.3.log")));
 }
 
 TEST_F(AppLog, TheOtherTargetsAreOpenEvenWhenTheFileIsNotAndWhatIsNoTerminalGetsNoColour) {
@@ -276,22 +317,28 @@ TEST_F(AppLog, TheOtherTargetsAreOpenEvenWhenTheFileIsNotAndWhatIsNoTerminalGets
               AllOf(EndsWith("vpn/source:12 on the terminal\n"), Not(HasSubstr("\x1b"))));
 }
 
-TEST_F(AppLog, ARotationThatCannotOpenTheNewFileLosesLinesAndNothingElse) {
+TEST_F(AppLog, ARotationThatFailsLosesLinesAndNothingElse) {
   ASSERT_EQ(CAppLog::open(toFile(1000)), "");
   error("before");
   const HeardLog log;
-  const std::string elsewhere = m_directory.Path() + ".away";
-  std::filesystem::rename(m_directory.Path(), elsewhere);
+  const auto full = [this](int number) {
+    return m_directory.MakeDirectory("a." + std::to_string(number) + ".log");
+  };
+  for (int number = 1; number <= 3; ++number) {
+    std::filesystem::create_directory(full(number) + "/one");
+  }
   error(std::string(950, 'x').c_str());
   error("too short to be rotated");
   error("lost");
-  std::filesystem::rename(elsewhere, m_directory.Path());
+  for (int number = 1; number <= 3; ++number) {
+    std::filesystem::remove_all(path("a." + std::to_string(number) + ".log"));
+  }
   EXPECT_EQ(log.lines().size(), 3U) << "listeners miss nothing";
   EXPECT_TRUE(eventually([this] {
     error("after");
     return written().find("after") != std::string::npos;
   }));
-  EXPECT_THAT(written(), testing::ContainsRegex(" W [0-9]+ [0-9]+ messages were lost: .*open"));
+  EXPECT_THAT(written(), testing::ContainsRegex(" W [0-9]+ [0-9]+ messages were lost: .*rotated"));
 }
 
 /// A log line as the terminal receives it.

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
@@ -32,7 +33,8 @@ std::string serverText(const struct __res_state& state, int index) {
 
 bool readResolverPlace(std::vector<std::string>& place) {
   struct __res_state state {};
-  if (res_ninit(&state) != 0) {
+  // The C library would read on and on.
+  if (!FileTrust::isBounded(_PATH_RESCONF) || res_ninit(&state) != 0) {
     return false;
   }
   const std::unique_ptr<struct __res_state, decltype(&res_nclose)> closed(&state, &res_nclose);

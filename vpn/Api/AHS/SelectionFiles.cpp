@@ -7,8 +7,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,8 +19,8 @@
 #include <utility>
 
 #include "vpn/Api/ConfigurationBytes.h"
-#include "vpn/Api/FileTrust.h"
 #include "vpn/Api/XmlDocument.h"
+#include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
@@ -192,25 +190,24 @@ bool SelectionFiles::read(const std::string& directory, const std::string& key, 
 bool SelectionFiles::write(const std::string& directory, const Selection& selection,
                            const std::string& text, std::string& problem) {
   const fs::path file = fileOf(directory, keyOf(selection));
+  if (selection.entry.GetTimestamp() == 0) {
+    problem = "the clock stands before 1970, so nobody could say how old a selection is";
+    return false;
+  }
   Selection again;
   if (text.size() > MaxSize || !parse(text, again, problem) || again.place != selection.place ||
       again.entry.toString() != selection.entry.toString()) {
     problem = "it is too large for a file, or its names are no text";
     return false;
   }
-  if (open(directory, true, problem).get() < 0) {
+  const FileTrust::Place place{open(directory, true, problem), file.filename().string(),
+                               file.string()};
+  if (place.directory.get() < 0) {
     return false;
   }
-  std::string temporary = file.string() + ".new-XXXXXX";
-  FileTrust::Descriptor opened(mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
-  std::FILE* const stream = opened.get() < 0 ? nullptr : fdopen(opened.get(), "w");
-  const bool isComplete = stream != nullptr && opened.release() >= 0 &&
-                          fwrite(text.data(), 1, text.size(), stream) == text.size();
-  // A file system may report a full disk as late as at the closing.
-  if (stream == nullptr || fclose(stream) != 0 || !isComplete ||
-      rename(temporary.c_str(), file.c_str()) != 0) {
+  errno = FileTrust::replaceFile(place, text, S_IRUSR | S_IWUSR);
+  if (errno != 0) {
     problem = failure("cannot write ", file);
-    unlink(temporary.c_str());
     return false;
   }
   const std::vector<UsedFile> files = filesIn(directory, problem);

@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 #include <stdlib.h>
@@ -17,6 +18,9 @@
 #include <string_view>
 
 #include "vpn/Common/IP/TransportMemory.h"
+#include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Trust/FileTrust.h"
+#include "vpn/Common/Trust/LegibleText.h"
 #include "vpn/Common/Utility/Environment.h"
 #include "vpn/include/Locks.h"
 
@@ -72,6 +76,25 @@ bool isCertificateDirectory(const char* path) {
   return false;
 }
 
+/// Adds the certificates of a file that nobody else could have written.
+void addCertificates(const std::string& path, X509_STORE* store) {
+  FileTrust::Descriptor file;
+  FileTrust::Refusal refusal;
+  if (!FileTrust::openFile(path, FileTrust::Check::Private, file, refusal)) {
+    CAppLog::LogDebugMessage("setTrustFile", __FILE__, __LINE__, Logging::DBG_Warning,
+                             "the file of certificates %s %s", legibleLine(path).c_str(),
+                             refusal.text.c_str());
+    return;
+  }
+  const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new_fd(file.get(), BIO_NOCLOSE),
+                                                       &BIO_free);
+  while (X509* const certificate =
+             text ? PEM_read_bio_X509_AUX(text.get(), nullptr, nullptr, nullptr) : nullptr) {
+    X509_STORE_add_cert(store, certificate);
+    X509_free(certificate);
+  }
+}
+
 /// libcurl's default trust and `extraFile`, in one store for all probes. Prefers the system's
 /// directory, read on demand, to its one large file, whose reading takes longer than many a probe.
 ProbeSettings::Trust makeTrust(const std::string& extraFile) {
@@ -86,7 +109,7 @@ ProbeSettings::Trust makeTrust(const std::string& extraFile) {
     X509_STORE_load_file(store.get(), version->cainfo);
   }
   if (!extraFile.empty()) {
-    X509_STORE_load_file(store.get(), extraFile.c_str());
+    addCertificates(extraFile, store.get());
   }
   // As libcurl does: an intermediate certificate that is trusted may end a chain.
   X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);

@@ -23,5 +23,7 @@ class ProbeSettings {
   /// The certificates that are trusted, the same object until `setTrustFile`; null if there is no
   /// memory for them. The first call reads the system's.
   static Trust trustedCertificates();
+  /// @param path of PEM certificates beside the system's; one that another user could have
+  ///        written is not used, and the log says so.
   static void setTrustFile(const std::string& path);
 };

@@ -1,69 +1,106 @@
-// Opens the log's file after the checks that the library's sink does not make.
+// The log's file. It is found once, on a path that no other user can change; from then on it is
+// opened and renamed in its directory, which stays open.
 
 #include "vpn/Common/Logging/LogFile.h"
 
-#include <fcntl.h>
-#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/details/null_mutex.h>
+#include <spdlog/sinks/base_sink.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
+#include <system_error>
 
-#include "vpn/include/StringUtils.h"
+#include "vpn/Common/Trust/FileTrust.h"
+#include "vpn/Common/Trust/LegibleText.h"
 
 namespace {
 
-std::runtime_error problemWith(const std::string& path, const std::string& reason,
-                               const std::string& remedy) {
-  return std::runtime_error("log file '" + CStringUtils::printable(path) +
-                            "' cannot be opened: " + reason + "; " + remedy);
-}
+/// Writes each message at once, so that a process that is killed loses none.
+class LogFile : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+ public:
+  LogFile(const std::string& path, std::size_t fileSize, std::size_t fileCount)
+      : m_path(path), m_fileSize(fileSize), m_fileCount(fileCount) {
+    FileTrust::Refusal refusal;
+    if (fileSize == 0) {
+      throw problem("cannot be of size 0");
+    }
+    if (!FileTrust::findPlace(path, m_place, refusal)) {
+      throw problem(refusal);
+    }
+    open();
+  }
 
-std::runtime_error problemOf(const std::string& path, int error) {
-  const char* const description = strerrordesc_np(error);
-  switch (error) {
-    case ELOOP:
-      return problemWith(path, "it is a symbolic link, which rotation would replace",
-                         "name the file itself");
-    case ENOENT:
-      return problemWith(path, "its directory does not exist", "create the directory");
-    default:
-      return problemWith(path, description != nullptr ? description : "unknown error",
-                         "choose another path or its permissions");
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    if (m_size > 0 && m_size + line.size() > m_fileSize) {
+      rotate();
+    }
+    m_size += line.size();
+    if (const int error = FileTrust::writeAll(m_file, {line.data(), line.size()}); error != 0) {
+      throw problem("cannot be written: " + std::generic_category().message(error));
+    }
   }
-}
+  void flush_() override {}
 
-/// Makes sure that `path` is a regular file, one that only its owner can read if it is new.
-void createPrivate(const std::string& path) {
-  // O_NONBLOCK: opening a pipe must not wait for its reader.
-  const int descriptor =
-      open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
-           S_IRUSR | S_IWUSR);
-  if (descriptor < 0) {
-    throw problemOf(path, errno);
+ private:
+  std::runtime_error problem(const std::string& what) const {
+    return std::runtime_error("log file '" + legibleLine(m_path) + "' " + what);
   }
-  struct stat properties = {};
-  const bool isRegular = fstat(descriptor, &properties) == 0 && S_ISREG(properties.st_mode);
-  close(descriptor);
-  if (!isRegular) {
-    throw problemWith(path, "it is not a regular file, which rotation needs",
-                      "choose another path");
+
+  std::runtime_error problem(const FileTrust::Refusal& refusal) const {
+    return problem(refusal.text +
+                   (refusal.error == ENOENT ? "; create the directory" : "; choose another path"));
   }
-}
+
+  void open() {
+    FileTrust::Refusal refusal;
+    struct stat status = {};
+    if (!FileTrust::openToAppend(m_place, m_file, refusal)) {
+      throw problem(refusal);
+    }
+    m_size = fstat(m_file.get(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+  }
+
+  /// "a.log" is renamed to "a.1.log", that to "a.2.log".
+  void rotate() {
+    const int directory = m_place.directory.get();
+    for (std::size_t i = m_fileCount; i > 0; --i) {
+      if (renameat(directory, nameOf(i - 1).c_str(), directory, nameOf(i).c_str()) != 0 &&
+          errno != ENOENT) {
+        throw problem("cannot be rotated: " + std::generic_category().message(errno));
+      }
+    }
+    if (m_fileCount == 0) {
+      unlinkat(directory, m_place.name.c_str(), 0);
+    }
+    open();
+  }
+
+  std::string nameOf(std::size_t number) const {
+    const std::string& name = m_place.name;
+    const std::size_t dot = name.rfind('.');
+    const std::size_t end = dot == std::string::npos || dot == 0 ? name.size() : dot;
+    return number == 0 ? name
+                       : name.substr(0, end) + "." + std::to_string(number) + name.substr(end);
+  }
+
+  const std::string m_path;
+  const std::size_t m_fileSize;
+  const std::size_t m_fileCount;
+  FileTrust::Place m_place;
+  FileTrust::Descriptor m_file;
+  std::size_t m_size = 0;
+};
 
 }  // namespace
 
 spdlog::sink_ptr openLogFile(const std::string& path, std::size_t fileSize, std::size_t fileCount) {
-  constexpr bool RotateOnOpen = false;
-  spdlog::file_event_handlers handlers;
-  handlers.before_open = createPrivate;
-  handlers.after_open = [](const std::string&, FILE* stream) {
-    fcntl(fileno(stream), F_SETFD, FD_CLOEXEC);
-  };
-  return std::make_shared<spdlog::sinks::rotating_file_sink_st>(path, fileSize, fileCount,
-                                                                RotateOnOpen, handlers);
+  return std::make_shared<LogFile>(path, fileSize, fileCount);
 }

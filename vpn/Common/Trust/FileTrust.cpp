@@ -1,18 +1,22 @@
 // Opens a path step by step from the root, as the kernel would, and checks each step first. It
 // follows links itself, so that their directories are checked too. The file that is read is the
-// very file that was checked.
+// very file that was checked; a file that is written stands in the very directory.
 
-#include "vpn/Api/FileTrust.h"
+#include "vpn/Common/Trust/FileTrust.h"
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -20,14 +24,14 @@
 #include <utility>
 #include <vector>
 
-#include "vpn/Api/ConfigurationText.h"
+#include "vpn/Common/Trust/LegibleText.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using ConfigurationText::oneLine;
 using FileTrust::Check;
 using FileTrust::Descriptor;
+using FileTrust::Place;
 using FileTrust::Refusal;
 
 // As many as the kernel follows.
@@ -58,17 +62,21 @@ std::string octal(mode_t mode) {
 }
 
 std::string distrust(const std::string& what, const std::string& remedy, Check check) {
-  return "is refused because another user could have changed it: " + what + ". Run '" + remedy +
-         (check == Check::Private ? "'" : "', or read it all the same with --trust-profiles");
+  return "is refused because another user could have changed it: " + what + ". " + remedy +
+         (check == Check::Strict ? ", or read it all the same with --trust-profiles" : "");
+}
+
+std::string remedyFor(const char* command, const std::string& path) {
+  return "Run '" + std::string(command) + " " + forShell(path) + "'";
 }
 
 /// What speaks against a file, directory or link.
 std::string findDistrust(const struct stat& status, const std::string& path, Check check) {
   const uid_t user = ::geteuid();
   if (status.st_uid != 0 && status.st_uid != user) {
-    return distrust(oneLine(path) + " belongs to user " + std::to_string(status.st_uid) +
+    return distrust(legibleLine(path) + " belongs to user " + std::to_string(status.st_uid) +
                         ", neither to root nor to the user who reads it, " + std::to_string(user),
-                    "chown " + std::to_string(user) + " " + oneLine(path), check);
+                    "Look at what it holds, and use a copy of your own", check);
   }
   const bool onlyOwnEntries = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
   if (S_ISLNK(status.st_mode) || onlyOwnEntries || (status.st_mode & OthersMayWrite) == 0) {
@@ -76,20 +84,15 @@ std::string findDistrust(const struct stat& status, const std::string& path, Che
   }
   const bool byGroup = (status.st_mode & S_IWGRP) != 0;
   const bool byAll = (status.st_mode & S_IWOTH) != 0;
-  return distrust(
-      oneLine(path) + " may be written by " +
-          (byAll ? "every user" : "group " + std::to_string(status.st_gid)) + " (mode " +
-          octal(status.st_mode & 07777U) + ")",
-      std::string("chmod ") + (byGroup ? "g" : "") + (byAll ? "o" : "") + "-w " + oneLine(path),
-      check);
+  return distrust(legibleLine(path) + " may be written by " +
+                      (byAll ? "every user" : "group " + std::to_string(status.st_gid)) +
+                      " (mode " + octal(status.st_mode & 07777U) + ")",
+                  remedyFor(byGroup && byAll ? "chmod go-w"
+                            : byGroup        ? "chmod g-w"
+                                             : "chmod o-w",
+                            path),
+                  check);
 }
-
-/// A place on the way: what to open, relative to which directory.
-struct Place {
-  Descriptor directory;  // none: the name is a whole path
-  std::string name;
-  std::string path;  // the whole, for messages
-};
 
 /// Goes to the end of one path. Used once.
 class Walk {
@@ -98,6 +101,10 @@ class Walk {
 
   /// @param status of what stands there; never a link.
   bool goTo(const std::string& path, Place& place, struct stat& status);
+  /// Why the walk ended: nothing has the last name, and `goTo` tells its place all the same.
+  bool isLastMissing() const {
+    return m_refusal.error == ENOENT && m_remaining.empty() && m_isOnWay;
+  }
 
  private:
   bool look(const std::string& name, Descriptor& found, struct stat& status);
@@ -111,6 +118,7 @@ class Walk {
   fs::path m_place;                      // its path
   std::vector<std::string> m_remaining;  // names to go, the next one last; "/" is the root
   int m_links = 0;
+  bool m_isOnWay = false;
 };
 
 bool Walk::goTo(const std::string& path, Place& place, struct stat& status) {
@@ -120,12 +128,15 @@ bool Walk::goTo(const std::string& path, Place& place, struct stat& status) {
     return fail(m_refusal, error.value());
   }
   push(whole);
-  while (!m_remaining.empty()) {
+  m_isOnWay = true;
+  bool isThere = true;
+  while (isThere && !m_remaining.empty()) {
     place.name = std::move(m_remaining.back());
     m_remaining.pop_back();
     Descriptor found;
-    if (!look(place.name, found, status)) {
-      return false;
+    isThere = look(place.name, found, status);
+    if (!isThere) {
+      continue;
     }
     if (S_ISLNK(status.st_mode)) {
       if (!follow(found)) {
@@ -141,7 +152,7 @@ bool Walk::goTo(const std::string& path, Place& place, struct stat& status) {
   }
   place.path = pathOf(place.name).string();
   place.directory = std::move(m_directory);
-  return true;
+  return isThere;
 }
 
 bool Walk::look(const std::string& name, Descriptor& found, struct stat& status) {
@@ -151,6 +162,9 @@ bool Walk::look(const std::string& name, Descriptor& found, struct stat& status)
   }
   if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)) {
     return true;  // the caller refuses it, whoever owns it
+  }
+  if (m_check == Check::Way && m_remaining.empty() && S_ISREG(status.st_mode)) {
+    return true;
   }
   const std::string distrust = findDistrust(status, pathOf(name).string(), m_check);
   return distrust.empty() || refuse(m_refusal, distrust);
@@ -201,8 +215,32 @@ bool open(const Place& place, Check check, int flags, const struct stat& expecte
   }
   // The inode number alone does not identify the file: the checked one is closed, and a new file
   // may have its number.
-  const std::string distrust = isChecked ? findDistrust(status, place.path, check) : std::string();
+  const std::string distrust =
+      isChecked && check != Check::Way ? findDistrust(status, place.path, check) : std::string();
   return distrust.empty() || refuse(refusal, distrust);
+}
+
+/// Whether what is written there would change the kernel instead of a file.
+bool isOfKernel(const Descriptor& file) {
+  constexpr decltype(statfs::f_type) Magics[] = {
+      PROC_SUPER_MAGIC, SYSFS_MAGIC,    DEBUGFS_MAGIC,      TRACEFS_MAGIC,
+      SECURITYFS_MAGIC, SELINUX_MAGIC,  CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC,
+      BPF_FS_MAGIC,     EFIVARFS_MAGIC, PSTOREFS_MAGIC,     BINFMTFS_MAGIC};
+  struct statfs facts = {};
+  return ::fstatfs(file.get(), &facts) == 0 &&
+         std::find(std::begin(Magics), std::end(Magics), facts.f_type) != std::end(Magics);
+}
+
+bool refuseKernels(Refusal& refusal) {
+  return refuse(refusal, "is no file on a disk, but one of the kernel's");
+}
+
+/// A name that nobody guesses, for the time until the file is complete.
+std::string temporaryName(const std::string& name) {
+  constexpr std::size_t MostBytes = 200;  // a name has at most 255
+  std::uint64_t number = 0;
+  static_cast<void>(::getrandom(&number, sizeof number, 0));
+  return name.substr(0, MostBytes) + ".new-" + std::to_string(number);
 }
 
 }  // namespace
@@ -241,8 +279,8 @@ bool FileTrust::openDirectory(const std::string& path, Check check, Descriptor& 
   }
   // Where entries are safe from others, others may still add their own.
   if (check == Check::Private && (status.st_mode & OthersMayWrite) != 0) {
-    return refuse(refusal, distrust(oneLine(path) + " may be written by other users",
-                                    "chmod go-w " + oneLine(path), check));
+    return refuse(refusal, distrust(legibleLine(path) + " may be written by other users",
+                                    remedyFor("chmod go-w", path), check));
   }
   return S_ISDIR(status.st_mode) ? open(place, check, O_DIRECTORY, status, directory, refusal)
                                  : fail(refusal, ENOTDIR);
@@ -260,6 +298,89 @@ bool FileTrust::makeDirectory(const std::string& path, Refusal& refusal) {
     return false;
   }
   return ::mkdir(path.c_str(), S_IRWXU) == 0 || errno == EEXIST || fail(refusal, errno);
+}
+
+bool FileTrust::findPlace(const std::string& path, Place& place, Refusal& refusal) {
+  Walk walk(Check::Way, refusal);
+  struct stat status = {};
+  const bool isThere = walk.goTo(path, place, status);
+  if (!isThere && !walk.isLastMissing()) {
+    return false;
+  }
+  if (isThere && !S_ISREG(status.st_mode)) {
+    return S_ISDIR(status.st_mode) ? fail(refusal, EISDIR)
+                                   : refuse(refusal, "is not a regular file");
+  }
+  return !isOfKernel(place.directory) || refuseKernels(refusal);
+}
+
+bool FileTrust::openToAppend(const Place& place, Descriptor& file, Refusal& refusal) {
+  file = Descriptor(
+      ::openat(place.directory.get(), place.name.c_str(),
+               O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
+               S_IRUSR | S_IWUSR));
+  struct stat status = {};
+  if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
+    return fail(refusal, errno);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return refuse(refusal, "is not a regular file");
+  }
+  if (isOfKernel(file)) {
+    return refuseKernels(refusal);
+  }
+  if (status.st_nlink > 1) {
+    return refuse(refusal, "has a second name, by which it is another file too");
+  }
+  const std::string distrust = findDistrust(status, place.path, Check::Private);
+  return distrust.empty() || refuse(refusal, distrust);
+}
+
+int FileTrust::replaceFile(const Place& place, std::string_view text, mode_t mode) {
+  const int directory = place.directory.get();
+  const std::string temporary = temporaryName(place.name);
+  struct stat former = {};
+  const bool hasFormer =
+      ::fstatat(directory, place.name.c_str(), &former, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISREG(former.st_mode);
+  Descriptor file(::openat(directory, temporary.c_str(),
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+  if (file.get() < 0) {
+    return errno;
+  }
+  int error = writeAll(file, text);
+  if (error == 0 && hasFormer && ::fchmod(file.get(), former.st_mode & ACCESSPERMS) != 0) {
+    error = errno;
+  }
+  // A file system may report a full disk as late as at the closing.
+  if (::close(file.release()) != 0 && error == 0) {
+    error = errno;
+  }
+  if (error == 0 && ::renameat(directory, temporary.c_str(), directory, place.name.c_str()) != 0) {
+    error = errno;
+  }
+  if (error != 0) {
+    ::unlinkat(directory, temporary.c_str(), 0);
+  }
+  return error;
+}
+
+int FileTrust::writeAll(const Descriptor& file, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t count = ::write(file.get(), text.data(), text.size());
+    if (count < 0 && errno != EINTR) {
+      return errno;
+    }
+    text.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+  }
+  return 0;
+}
+
+bool FileTrust::isBounded(const char* path) {
+  constexpr off_t MostBytes = off_t{1024} * 1024;
+  struct stat status = {};
+  return ::stat(path, &status) == 0 ? S_ISREG(status.st_mode) && status.st_size <= MostBytes
+                                    : errno == ENOENT;
 }
 
 int FileTrust::visitNames(Descriptor directory,

@@ -4,8 +4,10 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
-/// Opening files that another user could not have written. A file is trusted if it, and every
+/// Opening files that another user could not have written, and writing where no other user decides
+/// what is written. A file is trusted if it, and every
 /// directory and link on its path from the root, belongs to root or to the effective user and
 /// nobody else may write it. A directory with the sticky bit, such as /tmp, is trusted although
 /// everybody may write: only owners change its entries, and each entry's owner is checked. A group
@@ -18,6 +20,7 @@ namespace FileTrust {
 enum class Check {
   Strict,   ///< root and the effective user alone
   Private,  ///< the same, not for configuration; nobody else may even add files to the directory
+  Way,      ///< directories and links; the caller looks at the file itself
   Waived,   ///< whoever could have written the file
 };
 
@@ -44,7 +47,7 @@ class Descriptor {
   int m_descriptor;
 };
 
-/// Why there is nothing to read.
+/// Why nothing can be read, or written.
 struct Refusal {
   int error = 0;     ///< of the system (ENOENT, ...); 0: the file is there and refused
   std::string text;  ///< for a person, with a remedy where it is not trusted
@@ -61,6 +64,36 @@ bool openDirectory(const std::string& path, Check check, Descriptor& directory, 
 /// directory only.
 /// @return whether it is there; else `refusal` says why not.
 bool makeDirectory(const std::string& path, Refusal& refusal);
+
+/// Where a file is to be written: an open directory, and the name of the file, or of none, in it.
+struct Place {
+  Descriptor directory;
+  std::string name;
+  std::string path;  ///< the whole, without links
+};
+
+/// Finds the place of a file to be written, also through links, on the way of `Check::Way`. What is
+/// there must be a regular file; the kernel's own files (/proc, /sys) are refused to root too.
+/// @return whether the place is found and can be written; else `refusal` says why not.
+bool findPlace(const std::string& path, Place& place, Refusal& refusal);
+
+/// Opens the file of a place for appending, and makes it, for the user alone, if it is missing. It
+/// must be the user's or root's, without access for writing by others, and have no other name.
+/// @return whether `file` is open; else `refusal` says why not.
+bool openToAppend(const Place& place, Descriptor& file, Refusal& refusal);
+
+/// Makes or replaces the file of a place. It is complete before it has its name, so that after a
+/// failure the old one is there.
+/// @param mode of a new file, less the umask; a file that is replaced hands its own on.
+/// @return an errno value, 0 on success.
+int replaceFile(const Place& place, std::string_view text, mode_t mode);
+
+/// Writes all of `text`. @return an errno value, 0 on success.
+int writeAll(const Descriptor& file, std::string_view text);
+
+/// Whether reading a file, which others open by its name, ends: whether it is a regular one of at
+/// most 1 MiB, or missing.
+bool isBounded(const char* path);
 
 /// Calls `take` with each name in an open directory until it returns false.
 /// @return an errno value, 0 on success.

@@ -11,12 +11,15 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "tests/support/Eventually.h"
 #include "tests/support/LoopbackSockets.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/unit/common/http_probe_fixture.h"
 #include "vpn/Common/IP/HttpProbe.h"
+#include "vpn/Common/IP/NameLookup.h"
 
 namespace {
 
@@ -87,9 +90,9 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
   if (name == "both.test") {
     return several({"::1", "127.0.0.1"}, service, hints, result);  // in the order of RFC 6724
   }
-  if (name == "many.test") {
+  if (name == "many.test" || name == "too-many.test") {
     std::vector<std::string> addresses;
-    for (int last = 30; last > 0; --last) {
+    for (int last = name == "many.test" ? 16 : 17; last > 0; --last) {
       addresses.push_back("127.0.0." + std::to_string(last));
     }
     return several(addresses, service, hints, result);
@@ -144,6 +147,35 @@ TEST_F(HttpProbeTest, AnAddressThatRefusesLeadsToTheNextAtOnceWhoseRoundTripIsTo
     EXPECT_EQ(report().reused, reused);
     EXPECT_GE(report().networkRttUs, 0);
   }
+}
+
+TEST_F(HttpProbeTest, OfANameSixteenAddressesAreTried) {
+  const ScriptedServer server(answering(kOk));
+  EXPECT_EQ(probe(server.port(), kPatience, "too-many.test"), HTTP_SESSION_ERROR_CANNOT_CONNECT);
+  EXPECT_EQ(server.accepted(), 0U);
+}
+
+// The threads are those of look-ups that nobody waits for any more.
+TEST_F(HttpProbeTest, WhereTooManyLookUpsWereLeftBehindNoNameIsLookedUpUntilTheyHaveEnded) {
+  const ScriptedServer server(answering(kOk));
+  std::mutex held;
+  std::vector<std::thread> left;
+  {
+    const std::lock_guard<std::mutex> hold(held);
+    for (int i = 0; i < NameLookup::MostLeft; ++i) {
+      NameLookup lookup;
+      ASSERT_TRUE(lookup.begin());
+      left.emplace_back([&held] { const std::lock_guard<std::mutex> wait(held); });
+      lookup.noteStart();
+    }
+    EXPECT_EQ(probe(server.port(), kPatience, "one.test"), HTTP_SESSION_ERROR_DNS_RESOLUTION);
+    EXPECT_EQ(probe(server.port(), kPatience, "127.0.0.1"), HTTP_SESSION_SUCCESS);
+  }
+  for (std::thread& thread : left) {
+    thread.join();
+  }
+  EXPECT_TRUE(eventually(
+      [&] { return probe(server.port(), kPatience, "one.test") == HTTP_SESSION_SUCCESS; }));
 }
 
 TEST_F(HttpProbeTest, AProxysNameThatDoesNotResolveIsAConnectErrorAndAskedForAtPort80ByDefault) {

@@ -37,6 +37,10 @@ constexpr microseconds MostBodyWait(250'000);
 // libcurl knows itself when it has to act; this only keeps a wait from being endless.
 constexpr milliseconds MaxPoll(1000);
 
+// A name may have any number of addresses. So many are tried, those of a rotation among gateways
+// and no crowd of strangers.
+constexpr unsigned int MostAddresses = 16;
+
 // libcurl tries the next address of a name (after a refusal, or half of the time left) only when it
 // is called, so it is called this often.
 constexpr milliseconds NextAddress(10);
@@ -161,6 +165,7 @@ void HttpTransfer::start() {
   expects.body = m_keeps;
   m_head = AnswerHead(expects);
   m_firstByteMark = 0;
+  m_triedAddresses = 0;
   m_startedAt = Clock::now();
   m_tlsWatch.setEnd(m_request->deadline);
   const milliseconds left = m_request->timeLeft();
@@ -183,6 +188,7 @@ void HttpTransfer::start() {
 void HttpTransfer::step() {
   int running = 1;
   const CURLMcode state = curl_multi_perform(m_multi.get(), &running);
+  m_lookup.noteStart();
   noteFirstByte();
   if (state != CURLM_OK) {
     end(state == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT);
@@ -195,6 +201,7 @@ void HttpTransfer::step() {
 }
 
 void HttpTransfer::end(unsigned int code) {
+  m_lookup.end(code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_COULDNT_RESOLVE_PROXY);
   m_hasEnded = true;
   m_outcome.code = code;
   m_outcome.endedUs = now();
@@ -347,6 +354,15 @@ void HttpTransfer::setUpCallbacks() {
       });
   set(CURLOPT_WRITEDATA, this);
   set(
+      CURLOPT_RESOLVER_START_FUNCTION, +[](void*, void*, void* self) {
+        HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
+        constexpr int Refused = 1;
+        return unlessThrown(Refused, [&] {
+          return !transfer.m_request->needsName() || transfer.m_lookup.begin() ? 0 : Refused;
+        });
+      });
+  set(CURLOPT_RESOLVER_START_DATA, this);
+  set(
       CURLOPT_OPENSOCKETFUNCTION, +[](void* self, curlsocktype, curl_sockaddr* address) {
         return static_cast<HttpTransfer*>(self)->open(address->family, address->socktype,
                                                       address->protocol);
@@ -402,7 +418,8 @@ void HttpTransfer::setUpTelling() {
 /// Programs that the host starts must not inherit a connection, which would stay open as long as
 /// they run. libcurl must not repeat a request that a kept connection loses.
 int HttpTransfer::open(int family, int type, int protocol) {
-  if (m_outcome.reused) {
+  m_lookup.end(true);
+  if (m_outcome.reused || ++m_triedAddresses > MostAddresses) {
     return NoSocket;
   }
   if (m_openedUs == 0) {
@@ -442,6 +459,7 @@ void HttpTransfer::noteRequest(int localPort) {
   if (m_outcome.requestUs == 0) {
     m_outcome.requestUs = now();
   }
+  m_triedAddresses = 0;
   // Only a finished transfer knows its socket.
   const auto* const found = std::find_if(m_opened.begin(), m_opened.end(), [localPort](int socket) {
     return portOf(socket) == localPort;

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "vpn/Common/IP/AnswerHead.h"
+#include "vpn/Common/IP/NameLookup.h"
 #include "vpn/Common/IP/ProbeOutcome.h"
 #include "vpn/Common/IP/ProbeRequest.h"
 #include "vpn/Common/IP/TlsWatch.h"
@@ -87,6 +88,8 @@ class HttpTransfer {
   /// The last few sockets that were made, more than libcurl tries at a time.
   std::array<int, 4> m_opened{NoSocket, NoSocket, NoSocket, NoSocket};
   std::size_t m_openedCount = 0;
+  unsigned int m_triedAddresses = 0;  ///< for the connection that is being made
+  NameLookup m_lookup;
   int m_socket = NoSocket;  ///< while it is open and once a request could be sent
   ssl_st* m_tls = nullptr;  ///< the same of a secure one
   /// The easy handle is with the multi handle. After a request it is only if a body is due.

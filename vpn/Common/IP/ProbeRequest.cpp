@@ -4,6 +4,7 @@
 
 #include "vpn/Common/IP/ProbeRequest.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -116,6 +117,14 @@ std::string ProbeTarget::url() const {
 
 std::chrono::milliseconds ProbeRequest::timeLeft() const {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+}
+
+bool ProbeRequest::needsName() const {
+  const URL peer(proxy.empty() ? host : proxy);
+  in_addr binary{};
+  const bool isAddress = peer.getHost().find(':') != std::string::npos ||
+                         inet_pton(AF_INET, peer.getHost().c_str(), &binary) == 1;
+  return environmentProxy || !isAddress;
 }
 
 unsigned int ProbeRequest::prepare(const std::string& toHost, const PROXY_DATA& proxyData) {

@@ -53,6 +53,9 @@ struct ProbeRequest : ProbeTarget {
     return !proxied() && credentials->proxyUser.empty() && credentials->proxyPswd.empty();
   }
 
+  /// Whether the server that it connects to, or the proxy, may have a name instead of an address.
+  bool needsName() const;
+
   /// What is left of the time-out; 0 or less for nothing.
   std::chrono::milliseconds timeLeft() const;
 

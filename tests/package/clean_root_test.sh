@@ -93,10 +93,12 @@ fi
 mount -t proc proc "$root/proc"
 mount --bind "$today/archives" "$root/var/cache/apt/archives"
 
-mkdir "$root/packages" "$root/source"
+mkdir "$root/packages" "$root/source" "$scratch/files"
 for package in ahs libahs1 libahs-dev; do
   cp "$packages/$package"_*.deb "$root/packages/$package.deb"
+  dpkg-deb -x "$root/packages/$package.deb" "$scratch/files"
 done
+"$source/tests/package/hardening_test.sh" "$scratch/files" || fail "a program or library is not hardened"
 cp -r "$source/debian" "$source/examples" "$root/source"
 
 # run_test NAME: runs one of debian/tests, with its dependencies.

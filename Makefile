@@ -6,6 +6,7 @@ JOBS ?= $(shell nproc)
 CTEST_JOBS ?= $(shell expr 3 \* $$(nproc))
 FUZZ_SECONDS ?= 600
 SOAK_RUNS ?= 200000
+SOAK_ATTACKS ?= 20000
 PREFIX ?= /usr/local
 DESTDIR ?=
 
@@ -55,12 +56,13 @@ fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz
 
 .PHONY: soak
-soak: deps-world release ## Run for hours: races under two sanitizers, a fault at every call, many selections, valgrind, mutants
+soak: deps-world release ## Run for hours: races under two sanitizers, attacks, a fault at every call, many selections, valgrind, mutants
 	cmake --preset asan
-	cmake --build --preset asan -j $(JOBS) --target selection_stress
+	cmake --build --preset asan -j $(JOBS) --target selection_stress ahs ahs-gateways c_client
 	cmake --preset tsan
 	cmake --build --preset tsan -j $(JOBS) --target selection_stress
 	tests/stress/soak.sh build/asan build/tsan $(SOAK_RUNS)
+	for build in release asan; do tests/attack/attack.py build/$$build --seed $$(date +%s) --count $(SOAK_ATTACKS) || exit; done
 	build/release/bin/many_selections --runs 10000
 	AHS_CACHE_KILLS=1000 build/release/bin/cache_kill_test
 	tests/host/valgrind.sh build/release 100

@@ -8,7 +8,7 @@ lib=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libssl-dev libxml2-de
 build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
 # Peers of the benchmarks, also used by their short run as a test.
 peers=(python3 fping httping)
-test=("${build[@]}" fping nginx squid)
+test=("${build[@]}" python3 binutils fping nginx squid)
 world=("${test[@]}" "${peers[@]}" haproxy valgrind doxygen mandoc man-db zsh fish bash-completion
   clang-14 libclang-rt-14-dev debhelper lintian debootstrap abigail-tools)
 lint=("${test[@]}" clang-14 clang-format-14 clang-tidy-14 shellcheck)

@@ -212,6 +212,19 @@ std::optional<Piece> partingAnswer(const Request&, std::size_t index) {
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n", {}};
 }
 
+/// No answer over TLS, only noise.
+std::optional<Piece> endlessNoise(const Request& request, std::size_t index) {
+  return request.secure ? Piece{} : wholeAnswer(request, index);
+}
+
+/// 200,000 messages of noise before an answer.
+std::optional<Piece> lateAnswer(const Request& request, std::size_t index) {
+  constexpr std::size_t Pieces = 200'000 / NoiseAtOnce;
+  return request.secure && index < Pieces
+             ? Piece{}
+             : wholeAnswer(request, request.secure ? index - Pieces : index);
+}
+
 constexpr TlsManner withFlaw(CertificateFlaw flaw) { return {.flaw = flaw}; }
 
 constexpr TlsManner wantsCertificate(int version) {
@@ -226,6 +239,17 @@ constexpr Behaviour webServer(std::string_view name, std::string_view summary, T
           .answer = wholeAnswer,
           .afterwards = Afterwards::AsHttpSays,
           .tls = tls};
+}
+
+/// Over TLS, makes noise after a request. A plain request is answered as by a web server.
+constexpr Behaviour noisy(std::string_view name, std::string_view summary, TlsNoise noise,
+                          int newestVersion = 0,
+                          decltype(Behaviour::answer) answer = endlessNoise) {
+  return {.name = name,
+          .summary = summary,
+          .answer = answer,
+          .afterwards = Afterwards::AsHttpSays,
+          .tls = {.newestVersion = newestVersion, .noise = noise}};
 }
 
 /// Answers requests while the connection lasts, then ends it.
@@ -315,6 +339,13 @@ constexpr std::array Behaviours = {
               wantsCertificate(TLS1_2_VERSION)),
     webServer("client-certificate-13", "as normal, demands a client certificate under TLS 1.3",
               wantsCertificate(TLS1_3_VERSION)),
+    noisy("key-updates", "changes its keys for ever", TlsNoise::KeyUpdates),
+    noisy("key-updates-with-reply", "the same, and demands new keys for each",
+          TlsNoise::KeyUpdatesWithReply),
+    noisy("hello-requests", "begins TLS 1.2 again for ever", TlsNoise::HelloRequests,
+          TLS1_2_VERSION),
+    noisy("tickets", "gives tickets for later sessions for ever", TlsNoise::Tickets),
+    noisy("many-tickets", "gives 200,000 tickets and answers", TlsNoise::Tickets, 0, lateAnswer),
     webServer("old-tls", "as normal, knows TLS 1.0 and 1.1 alone", BeforeTls12),
 };
 

@@ -27,6 +27,10 @@ struct Piece {
   std::chrono::nanoseconds pause{0};
 };
 
+/// Messages of TLS that are no answer. Each empty piece of an answer is some of them.
+enum class TlsNoise { None, KeyUpdates, KeyUpdatesWithReply, HelloRequests, Tickets };
+constexpr int NoiseAtOnce = 64;
+
 /// Peculiarities of a gateway's TLS.
 struct TlsManner {
   CertificateFlaw flaw = CertificateFlaw::None;
@@ -34,6 +38,7 @@ struct TlsManner {
   /// OpenSSL's version numbers (TLS1_2_VERSION); 0 for no limit.
   int oldestVersion = 0;
   int newestVersion = 0;
+  TlsNoise noise = TlsNoise::None;
 };
 
 /// How a gateway treats its clients. A new behaviour needs a line in the table of Behaviours.cpp,

@@ -91,6 +91,7 @@ class Connection {
   bool endAnswer();
   Io readSome(char* buffer, std::size_t size, std::size_t& count);
   Io writeSome();
+  Io makeNoise();
   Io tlsResult(int result);
 
   FileDescriptor m_socket;
@@ -235,6 +236,7 @@ Io Connection::readSome(char* buffer, std::size_t size, std::size_t& count) {
 }
 
 Io Connection::writeSome() {
+  if (m_output.empty() && m_tls && m_behaviour->tls.noise != TlsNoise::None) return makeNoise();
   while (!m_output.empty()) {
     std::size_t count = 0;
     if (m_tls) {
@@ -250,6 +252,27 @@ Io Connection::writeSome() {
     m_output.erase(0, count);
   }
   return Io::Done;
+}
+
+Io Connection::makeNoise() {
+  SSL* const tls = m_tls.get();
+  const TlsNoise noise = m_behaviour->tls.noise;
+  Io result = Io::Done;
+  for (int i = 0; i < NoiseAtOnce && result == Io::Done; ++i) {
+    ERR_clear_error();
+    if (!SSL_in_init(tls)) {  // else the message before is not out yet
+      if (noise == TlsNoise::HelloRequests) {
+        SSL_renegotiate(tls);
+      } else if (noise == TlsNoise::Tickets) {
+        SSL_new_session_ticket(tls);
+      } else {
+        SSL_key_update(tls, noise == TlsNoise::KeyUpdates ? SSL_KEY_UPDATE_NOT_REQUESTED
+                                                          : SSL_KEY_UPDATE_REQUESTED);
+      }
+    }
+    result = tlsResult(SSL_do_handshake(tls));
+  }
+  return result;
 }
 
 Io Connection::tlsResult(int result) {

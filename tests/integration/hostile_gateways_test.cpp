@@ -149,6 +149,10 @@ std::vector<Hostile> hostiles() {
       overTls("client-certificate-12", WantsCertificate),
       overTls("client-certificate-13", WantsCertificate),
       overTls("old-tls", NoHttp),
+      overTls("key-updates", TimedOut),
+      overTls("key-updates-with-reply", TimedOut),
+      overTls("hello-requests", TimedOut),
+      overTls("tickets", TimedOut),
   };
 }
 

@@ -3,9 +3,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 
 #include "tests/unit/api/api_fixture.h"
@@ -79,6 +83,43 @@ TEST_F(FileTrustTest, WhatOthersMayWriteIsNamedWithTheRemedy) {
     setMode(one.path, 0700);
     EXPECT_EQ(refusalOf(deep), "");
   }
+}
+
+/// Gives user 65534 rights to a file by an access control list (acl(5)) with this mask. @return
+/// whether the file system has such lists.
+bool grant(const std::string& path, unsigned short rights, unsigned short mask) {
+  struct Entry {
+    std::uint16_t tag;
+    std::uint16_t rights;
+    std::uint32_t id;
+  };
+  // As linux/posix_acl_xattr.h describes it.
+  const struct {
+    std::uint32_t version = 2;
+    std::array<Entry, 5> entries;
+  } list{2,
+         {{{0x01, 7, ~0U},
+           {0x02, rights, Nobody},
+           {0x04, 0, ~0U},
+           {0x10, mask, ~0U},
+           {0x20, 0, ~0U}}}};
+  return ::setxattr(path.c_str(), "system.posix_acl_access", &list, sizeof list, 0) == 0;
+}
+
+TEST_F(FileTrustTest, WhatAnAccessControlListLetsAnotherUserWriteIsRefused) {
+  constexpr unsigned short Read = 4;
+  constexpr unsigned short Write = 6;
+  setMode(m_file, 0600);
+  if (!grant(m_file, Write, Write)) {
+    GTEST_SKIP() << "the file system has no access control lists";
+  }
+  EXPECT_THAT(refusalOf(m_file), HasSubstr(" may be written by group"));
+  ASSERT_EQ(std::system(("chmod g-w " + m_file).c_str()), 0) << "the remedy";
+  EXPECT_EQ(refusalOf(m_file), "");
+  ASSERT_TRUE(grant(m_file, Write, Read));
+  EXPECT_EQ(refusalOf(m_file), "") << "the mask takes the right to write away";
+  ASSERT_TRUE(grant(m_inner, Write, Write));
+  EXPECT_THAT(refusalOf(m_file), HasSubstr(m_inner + " may be written by group"));
 }
 
 TEST_F(FileTrustTest, ADirectoryInWhichOnlyOwnEntriesChangeIsTrustedButNoFileOfAnotherUserInIt) {

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include <stdexcept>
 #include <thread>
@@ -20,6 +21,7 @@
 namespace tests {
 namespace {
 
+using testing::AnyOf;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -205,6 +207,80 @@ TEST_P(HttpProbeThroughAnAskingProxy, IsAnswered) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Proxy, HttpProbeThroughAnAskingProxy, testing::ValuesIn(kLogins),
+                         [](const auto& param) { return param.param.name; });
+
+/// What a proxy answers to each request but the first with an NTLM or Negotiate message.
+struct ODD_TOKEN {
+  const char* name;
+  const char* scheme;
+  std::string token;
+};
+
+/// NTLM's second message ([MS-NLMP], section 2.2.1.2) that places its target information so, cut or
+/// filled up to a size.
+std::string ntlmMessage(unsigned short length, unsigned int offset, std::size_t size) {
+  std::string message(
+      "NTLMSSP\0\2\0\0\0\14\0\14\0\60\0\0\0\1\2\x81\0\1\2\3\4\5\6\7\b\0\0\0\0\0\0\0\0", 40);
+  for (const unsigned int number : {length | (static_cast<unsigned int>(length) << 16), offset}) {
+    for (unsigned int shift = 0; shift < 32; shift += 8) {
+      message += static_cast<char>(number >> shift);
+    }
+  }
+  message.resize(size, 'O');
+  std::string text(4 * (size / 3 + 1) + 1, '\0');
+  text.resize(static_cast<std::size_t>(EVP_EncodeBlock(
+      reinterpret_cast<unsigned char*>(text.data()),
+      reinterpret_cast<const unsigned char*>(message.data()), static_cast<int>(size))));
+  return text;
+}
+
+const ODD_TOKEN kOddTokens[] = {
+    {"NtlmThatIsNoBase64", "NTLM", "=*%"},
+    {"NtlmWithoutAMessage", "NTLM", ""},
+    {"NtlmOfAnotherKind", "NTLM", "TlRMTVNTUAABAAAA"},
+    {"NtlmCutInItsSignature", "NTLM", ntlmMessage(0, 0, 7)},
+    {"NtlmCutInItsChallenge", "NTLM", ntlmMessage(0, 0, 27)},
+    {"NtlmCutInItsPlaces", "NTLM", ntlmMessage(20, 48, 46)},
+    {"NtlmPlacesBeyondTheEnd", "NTLM", ntlmMessage(20, 60, 60)},
+    {"NtlmPlacesAtItsOwnHead", "NTLM", ntlmMessage(20, 0, 60)},
+    {"NtlmPlacesThatOverflow", "NTLM", ntlmMessage(0xFFFF, 0xFFFFFFF0, 60)},
+    {"NtlmPlacesInTheNegative", "NTLM", ntlmMessage(1, 0x80000000, 60)},
+    {"NtlmThatFillsTheHead", "NTLM", ntlmMessage(0xB000, 48, 0xB000 + 48)},
+    {"NtlmBeyondTheHead", "NTLM", ntlmMessage(0xFFFF, 48, 0xFFFF + 48)},
+    {"NegotiateWithoutEnd", "Negotiate", "YIIABAo="},
+    {"NegotiateThatIsNoBase64", "Negotiate", "=*%"},
+};
+
+class HttpProbeThroughAProxyOfOddTokens : public HttpProbeTest,
+                                          public testing::WithParamInterface<ODD_TOKEN> {
+ protected:
+  const Variable tickets{"KRB5CCNAME", "FILE:/nonexistent"};
+};
+
+TEST_P(HttpProbeThroughAProxyOfOddTokens, EndsAfterFewRequestsPlainAndInATunnel) {
+  const std::string scheme = GetParam().scheme;
+  const ScriptedServer server([&](Connection& connection) {
+    for (std::string head = connection.readHead(); !head.empty(); head = connection.readHead()) {
+      log.add(head);
+      const bool isAnswer = head.find("Authorization: " + scheme) != std::string::npos;
+      connection.send("HTTP/1.1 407 No\r\nProxy-Authenticate: " + scheme +
+                      (isAnswer || scheme == "Negotiate" ? " " + GetParam().token : "") +
+                      "\r\nContent-Length: 0\r\n\r\n");
+    }
+  });
+  proxy.proxyServer = proxyAt(server.port());
+  proxy.proxyUser = "user";
+  proxy.proxyPswd = "secret";
+  for (const bool secure : {false, true}) {
+    const std::size_t before = log.all().size();
+    const STATUSCODE status =
+        secure ? probeSecurely(443, kPatience, kElsewhere) : probe(80, kPatience, kElsewhere);
+    EXPECT_THAT(status, AnyOf(HTTP_SESSION_SUCCESS, HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE));
+    EXPECT_LE(log.all().size() - before, 4U);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Proxy, HttpProbeThroughAProxyOfOddTokens, testing::ValuesIn(kOddTokens),
                          [](const auto& param) { return param.param.name; });
 
 TEST_F(HttpProbeTest, ATunnelThatNeedsAuthenticationIsAnInvalidResponseWith407) {

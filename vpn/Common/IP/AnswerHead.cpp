@@ -14,6 +14,8 @@ constexpr std::size_t MaxBytes = 256UL * 1024;
 constexpr unsigned int MaxLines = 1000;
 // A tunnel through a proxy with NTLM takes four answers; the rest is room for interim ones.
 constexpr unsigned int MaxAnswers = 10;
+// NTLM takes two. The transport would answer one after the other.
+constexpr unsigned int MaxChallenges = 3;
 
 // What a server sends at once, before anything is acknowledged: ten segments of an Ethernet (RFC
 // 6928). A longer answer takes more round trips to arrive than a new connection takes to open.
@@ -49,12 +51,13 @@ bool AnswerHead::add(std::string_view line) {
     m_lines.clear();
     ++m_answers;
     m_status = statusOfLine(line);
+    m_challenges += m_status == ProxyChallenge ? 1 : 0;
   }
   m_ended = line == "\r\n" || line == "\n";
   if (m_lines.size() + line.size() <= MaxKeptBytes) {
     m_lines += line;
   }
-  return m_answers <= MaxAnswers && !(m_ended && endOfHead());
+  return m_answers <= MaxAnswers && m_challenges <= MaxChallenges && !(m_ended && endOfHead());
 }
 
 bool AnswerHead::addBody(std::size_t bytes) {

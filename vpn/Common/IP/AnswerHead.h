@@ -41,6 +41,7 @@ class AnswerHead {
   std::size_t m_bodyBytes = 0;
   unsigned int m_lineCount = 0;
   unsigned int m_answers = 0;
+  unsigned int m_challenges = 0;
   bool m_ended = true;
   bool m_complete = false;
   /// Status of the current head, from its first line; 0 if that has none.

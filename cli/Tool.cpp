@@ -7,6 +7,7 @@
 #include "cli/BuildFacts.h"
 #include "cli/CommandTree.h"
 #include "cli/Commands.h"
+#include "cli/Confinement.h"
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
@@ -233,6 +234,12 @@ int runTool(int argumentCount, char** arguments) {
                       CommandTree::fullName(*tool.get_subcommands().front()) +
                       " --json'. 'ahs --help' shows all options.");
     return ExitUsage;
+  }
+  // A user's program must be able to do whatever it could without us.
+  const std::string command = tool.get_subcommands().front()->get_name();
+  if (command != "exec" && command != "watch") {
+    Confinement::begin(command == "select" ? Confinement::Programs::OurHelper
+                                           : Confinement::Programs::None);
   }
   return chosen();
 }

@@ -141,8 +141,8 @@ TEST_F(ExecCommandTest, ALastHeadendThatWasKeptIsRunWith) {
   EXPECT_EQ(outcome.out, closed.Where().Text() + " []\n");
 }
 
-TEST_F(ExecCommandTest, TheProgramHasTheSignalsThatTheCommandWasStartedWith) {
-  for (const char* const state : {"SigBlk", "SigIgn"}) {
+TEST_F(ExecCommandTest, TheProgramHasTheSignalsAndRightsThatTheCommandWasStartedWith) {
+  for (const char* const state : {"SigBlk", "SigIgn", "NoNewPrivs", "Seccomp"}) {
     const std::string look =
         "sed -n 's/^" + std::string(state) + ":[[:space:]]*//p' /proc/self/status";
     const Outcome outcome = run({"exec", near.address(), "--", "sh", "-c", look});

@@ -217,6 +217,15 @@ TEST_F(SelectCommandTest, CtrlZRemovesTheTableUntilItIsBroughtBackAndCtrlCForGoo
   EXPECT_THAT(outcome.err, testing::EndsWith(TableRemoved));
 }
 
+TEST_F(SelectCommandTest, HasGivenUpWhatItNeverDoesWhenItMeasures) {
+  const Gateway far(Far);
+  Program program({"select", far.address(), "--log-level", "info"}, environment);
+  ASSERT_TRUE(program.waitForError("\n"));
+  EXPECT_THAT(readFile("/proc/" + std::to_string(program.pid()) + "/status"),
+              HasSubstr("\nSeccomp:\t2\n"));
+  EXPECT_EQ(program.finish().exitStatus, 0);
+}
+
 TEST_F(SelectCommandTest, ATerminationSignalEndsItWhileNobodyReadsItsOutput) {
   const Gateway near(Near);
   int ends[2];

@@ -1,0 +1,51 @@
+// What the command can still do once it has given up what it does not need.
+
+#include "cli/Confinement.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/ptrace.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+
+namespace tests {
+namespace {
+
+/// Whether a call is refused, in a process that is confined so.
+bool isRefused(Confinement::Programs programs, const std::function<long()>& call) {
+  const pid_t child = fork();
+  if (child == 0) {
+    Confinement::begin(programs);
+    _exit(call() < 0 && errno == EPERM ? 1 : 0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status));
+  return WEXITSTATUS(status) == 1;
+}
+
+long runTrue() { return execl("/bin/true", "true", nullptr); }
+// Only the process itself is harmed where it is not refused.
+long trace() { return ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); }
+long readOthers() { return process_vm_readv(getppid(), nullptr, 0, nullptr, 0, 0); }
+long becomeItself() { return setuid(getuid()); }
+
+TEST(Confinement, RefusesWhatTheCommandNeverDoesAndProgramsWhereItStartsNone) {
+  using enum Confinement::Programs;
+  for (const auto& call : {trace, readOthers}) {
+    EXPECT_TRUE(isRefused(None, call));
+    EXPECT_TRUE(isRefused(OurHelper, call));
+  }
+  for (const auto& call : {runTrue, becomeItself}) {
+    EXPECT_TRUE(isRefused(None, call));
+    EXPECT_FALSE(isRefused(OurHelper, call));
+  }
+  EXPECT_FALSE(isRefused(None, [] { return static_cast<long>(getppid()); }));
+}
+
+}  // namespace
+}  // namespace tests

@@ -141,6 +141,7 @@ void answer(const siginfo_t& told) {
 
 void Interruption::begin() {
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   const sigset_t signals = signalsOfInterest();
   sigset_t before;
   pthread_sigmask(SIG_BLOCK, &signals, &before);

@@ -11,7 +11,8 @@
 
 namespace {
 
-constexpr std::array Signals = {SIGPIPE, SIGINT, SIGQUIT, SIGHUP, SIGTSTP, SIGUSR1, SIGUSR2};
+constexpr std::array Signals = {SIGPIPE, SIGXFSZ, SIGINT,  SIGQUIT,
+                                SIGHUP,  SIGTSTP, SIGUSR1, SIGUSR2};
 
 struct Noted {
   std::vector<int> descriptors;

@@ -69,8 +69,10 @@ void passDescriptors(ChildProgram::Output output, posix_spawn_file_actions_t& ac
 void passSignals(posix_spawnattr_t& attributes) {
   sigset_t changed;
   sigemptyset(&changed);
-  if (!Surroundings::wasIgnored(SIGPIPE)) {
-    sigaddset(&changed, SIGPIPE);
+  for (const int signal : {SIGPIPE, SIGXFSZ}) {
+    if (!Surroundings::wasIgnored(signal)) {
+      sigaddset(&changed, signal);
+    }
   }
   posix_spawnattr_setsigmask(&attributes, &Surroundings::blockedSignals());
   posix_spawnattr_setsigdefault(&attributes, &changed);

@@ -24,8 +24,9 @@
  * later versions can add members at the end.
  *
  * Errors: a function that fails returns why, and ahs_error_text() says it in a sentence. No
- * exception leaves the library and no signal is raised. A handle that was given back, or never was
- * one, is refused with AHS_ERROR_BAD_PARAMETER wherever it is used.
+ * exception leaves the library and no signal is raised, not even SIGXFSZ for a file that grows too
+ * large. A handle that was given back, or never was one, is refused with AHS_ERROR_BAD_PARAMETER
+ * wherever it is used.
  *
  * Threads: any thread may call any function at any time, also inside a callback, unless the
  * function says otherwise. All callbacks of a library but ahs_socket_callback come one at a time

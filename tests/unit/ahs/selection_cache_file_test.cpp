@@ -59,23 +59,20 @@ class SelectionCacheFile : public CacheTest {
   }
 };
 
-/// Limits this process's file size for a scope: writing beyond it fails like on a full disk.
+/// Limits this process's file size for a scope: writing beyond it fails like on a full disk, and
+/// raises SIGXFSZ unless the writer prevents it.
 class FullDisk {
  public:
-  FullDisk() : m_handler(signal(SIGXFSZ, SIG_IGN)) {
+  FullDisk() {
     getrlimit(RLIMIT_FSIZE, &m_limit);
     rlimit small = m_limit;
     small.rlim_cur = 64;
     setrlimit(RLIMIT_FSIZE, &small);
   }
-  ~FullDisk() {
-    setrlimit(RLIMIT_FSIZE, &m_limit);
-    signal(SIGXFSZ, m_handler);
-  }
+  ~FullDisk() { setrlimit(RLIMIT_FSIZE, &m_limit); }
 
  private:
   rlimit m_limit{};
-  void (*m_handler)(int);
 };
 
 }  // namespace

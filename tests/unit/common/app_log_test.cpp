@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -339,6 +341,22 @@ TEST_F(AppLog, ARotationThatFailsLosesLinesAndNothingElse) {
     return written().find("after") != std::string::npos;
   }));
   EXPECT_THAT(written(), testing::ContainsRegex(" W [0-9]+ [0-9]+ messages were lost: .*rotated"));
+}
+
+TEST_F(AppLog, AFileBeyondTheLimitLosesLinesAndRaisesNoSignal) {
+  ASSERT_EQ(CAppLog::open(toFile()), "");
+  error("before");
+  rlimit former{};
+  getrlimit(RLIMIT_FSIZE, &former);
+  const rlimit small{100, former.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  error(std::string(200, 'x').c_str());
+  setrlimit(RLIMIT_FSIZE, &former);
+  sigset_t pending;
+  sigemptyset(&pending);
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGXFSZ), 0);
+  EXPECT_THAT(written(), testing::HasSubstr("before"));
 }
 
 /// A log line as the terminal receives it.

@@ -25,6 +25,7 @@
 #include "vpn/Common/Logging/LogFile.h"
 #include "vpn/Common/Trust/LegibleText.h"
 #include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Utility/FileSizeGuard.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -112,6 +113,7 @@ class Outlets {
   /// Drops the file with its first failure; a later message opens it again.
   template <class Action>
   void perform(Action action) {
+    const CFileSizeGuard noSignal;
     try {
       action();
     } catch (const std::exception&) {

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "vpn/Common/Trust/LegibleText.h"
+#include "vpn/Common/Utility/FileSizeGuard.h"
 
 namespace {
 
@@ -366,6 +367,7 @@ int FileTrust::replaceFile(const Place& place, std::string_view text, mode_t mod
 }
 
 int FileTrust::writeAll(const Descriptor& file, std::string_view text) {
+  const CFileSizeGuard noSignal;
   while (!text.empty()) {
     const ssize_t count = ::write(file.get(), text.data(), text.size());
     if (count < 0 && errno != EINTR) {

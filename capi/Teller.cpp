@@ -11,6 +11,7 @@
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/GuardedCall.h"
+#include "vpn/Common/Utility/StackSize.h"
 
 namespace {
 
@@ -35,11 +36,8 @@ void tellOne(const Teller::Message& message) {
 /// Holds the teller until it is closed.
 class Teller::TellingThread : public CThread {
  public:
-  // A client's callbacks need as much stack as on any thread.
-  static constexpr std::size_t StackSize = std::size_t{8} * 1024 * 1024;
-
   explicit TellingThread(std::shared_ptr<Teller> teller)
-      : CThread(StackSize), m_teller(std::move(teller)) {}
+      : CThread(callbackStackSize()), m_teller(std::move(teller)) {}
 
   STATUSCODE Run() override {
     m_teller->serve();

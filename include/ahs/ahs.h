@@ -32,7 +32,10 @@
  * function says otherwise. All callbacks of a library but ahs_socket_callback come one at a time
  * and in order: on a thread of the library, or, for a client with an event loop, inside
  * ahs_dispatch(). A callback that takes long holds up the callbacks after it and no measurement.
- * None may throw or end its thread, and no thread may be cancelled (pthread_cancel(3)) in here.
+ * None may throw or end its thread, and no thread may be cancelled (pthread_cancel(3)) in here. On
+ * a thread of the library nearly all signals are blocked; a program started there inherits that, so
+ * a callback that starts one unblocks them first (posix_spawnattr_setsigmask(3), or
+ * pthread_sigmask(3) between fork and exec).
  */
 
 #include <stddef.h>

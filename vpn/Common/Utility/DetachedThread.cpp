@@ -4,6 +4,7 @@
 #include "vpn/Common/Utility/DetachedThread.h"
 
 #include <limits.h>
+#include <link.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -24,12 +25,34 @@ sigset_t blockedSignals() {
   return blocked;
 }
 
+/// glibc takes the static thread-local storage, the host's too, out of each thread's stack. Counts
+/// what any module may have there.
+std::size_t threadLocalStorage() {
+  static const std::size_t all = [] {
+    std::size_t sum = 0;
+    dl_iterate_phdr(
+        [](dl_phdr_info* module, std::size_t, void* total) {
+          for (int i = 0; i < module->dlpi_phnum; ++i) {
+            const auto& part = module->dlpi_phdr[i];
+            *static_cast<std::size_t*>(total) +=
+                part.p_type == PT_TLS ? part.p_memsz + part.p_align : 0;
+          }
+          return 0;
+        },
+        &sum);
+    return sum;
+  }();
+  return all;
+}
+
 int setAttributes(pthread_attr_t& attributes, std::size_t stackSize) {
   const sigset_t blocked = blockedSignals();
   int error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   if (error == 0) {
     const auto smallest = static_cast<std::size_t>(PTHREAD_STACK_MIN);
-    error = pthread_attr_setstacksize(&attributes, std::max(stackSize, smallest));
+    constexpr std::size_t Page = 4096;
+    const std::size_t size = std::max(stackSize, smallest) + threadLocalStorage();
+    error = pthread_attr_setstacksize(&attributes, (size + Page - 1) / Page * Page);
   }
   if (error == 0) {
     error = pthread_attr_setsigmask_np(&attributes, &blocked);

@@ -12,6 +12,7 @@ constexpr std::size_t DefaultStackSize = std::size_t{256} * 1024;
 /// that a fault of the thread itself raises get through to the host's crash handler.
 ///
 /// @param body what the thread runs; @param argument is handed to it.
-/// @param stackSize bytes of stack; less than the system's minimum is raised to it.
+/// @param stackSize bytes of stack, besides the process's thread-local storage; less than the
+///        system's minimum is raised to it.
 /// @return 0, or the errno value of why there is no thread; `body` is not called then.
 int startDetachedThread(void* (*body)(void*), void* argument, std::size_t stackSize) noexcept;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/Common/Utility/StackSize.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -56,9 +57,9 @@ void* serve(void* nothing);
 /// stack gets here; after an ordinary return it is done already.
 class Succession {
  public:
-  Succession() : m_isSettled(startDetachedThread(serve, nullptr, DefaultStackSize) == 0) {}
+  Succession() : m_isSettled(startDetachedThread(serve, nullptr, callbackStackSize()) == 0) {}
   ~Succession() {
-    if (!m_isSettled && startDetachedThread(serve, nullptr, DefaultStackSize) != 0) {
+    if (!m_isSettled && startDetachedThread(serve, nullptr, callbackStackSize()) != 0) {
       const CAutoLockT<CMonitor> guard(reserve().lock);
       reserve().hasThread = false;  // what waits is left to the next thread that is made
     }
@@ -91,7 +92,7 @@ int CReserveThread::create() noexcept {
   Reserve& all = reserve();
   const CAutoLockT<CMonitor> guard(all.lock);
   if (!all.hasThread) {
-    const int error = startDetachedThread(serve, nullptr, DefaultStackSize);
+    const int error = startDetachedThread(serve, nullptr, callbackStackSize());
     if (error != 0) {
       return error;
     }

@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <utility>
@@ -14,6 +15,7 @@
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/GuardedCall.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/Common/Utility/StackSize.h"
 
 namespace {
 
@@ -86,7 +88,8 @@ STATUSCODE CThread::start(int& error) {
   m_reserved.function = threadEntry;
   m_reserved.argument = this;
 
-  error = startDetachedThread(threadEntry, this, m_stackSize);
+  const std::size_t clients = m_usesReserve ? callbackStackSize() : 0;
+  error = startDetachedThread(threadEntry, this, std::max(m_stackSize, clients));
   if (error == 0 || (m_usesReserve && CReserveThread::Run(m_reserved))) {
     m_state = State::Running;
     return THREAD_SUCCESS;

@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,6 +19,7 @@ struct Noted {
   std::vector<int> descriptors;
   sigset_t blocked{};
   sigset_t ignored{};
+  rlimit files{};
 };
 
 // Never freed: threads may ask while the process is ending.
@@ -35,6 +37,14 @@ void fillStandardDescriptors() {
     if (!isOpen(descriptor)) {
       static_cast<void>(open("/dev/null", O_RDONLY));
     }
+  }
+}
+
+/// Does nothing before the limit was noted.
+void limitDescriptors(rlim_t most) {
+  const rlimit files{most, noted().files.rlim_max};
+  if (files.rlim_max != 0) {
+    setrlimit(RLIMIT_NOFILE, &files);
   }
 }
 
@@ -57,7 +67,13 @@ void Surroundings::note() {
     }
   }
   pthread_sigmask(SIG_SETMASK, nullptr, &all.blocked);
+  getrlimit(RLIMIT_NOFILE, &all.files);
+  raiseDescriptorLimit();
 }
+
+void Surroundings::raiseDescriptorLimit() { limitDescriptors(noted().files.rlim_max); }
+
+void Surroundings::restoreDescriptorLimit() { limitDescriptors(noted().files.rlim_cur); }
 
 void Surroundings::forget(int descriptor) {
   std::erase(noted().descriptors, descriptor);

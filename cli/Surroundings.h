@@ -15,6 +15,13 @@ class Surroundings {
   /// opened later must not become a standard stream.
   static void note();
 
+  /// Lets the process open as many descriptors as the system allows it, which `note` does too; or
+  /// no more than it was started with, as child programs are to inherit.
+  /// @{
+  static void raiseDescriptorLimit();
+  static void restoreDescriptorLimit();
+  /// @}
+
   /// Forgets a descriptor that the process has closed: a later file with its number is our own.
   static void forget(int descriptor);
 

@@ -94,8 +94,10 @@ ChildProgram::ChildProgram(const std::vector<std::string>& command, const Variab
   posix_spawnattr_init(&attributes);
   passDescriptors(output, actions);
   passSignals(attributes);
+  Surroundings::restoreDescriptorLimit();
   const int error = posix_spawnp(&m_pid, arguments.front().c_str(), &actions, &attributes,
                                  pointersTo(arguments).data(), pointersTo(environment).data());
+  Surroundings::raiseDescriptorLimit();
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {

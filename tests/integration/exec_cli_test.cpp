@@ -73,6 +73,19 @@ TEST_F(ExecCommandTest, TheProgramIsToldTheBestHeadendInItsArgumentsAndItsEnviro
   EXPECT_THAT(outcome.err, HasSubstr("running with " + near.address() + ", "));
 }
 
+TEST_F(ExecCommandTest, TheProgramHasTheLimitOfDescriptorsThatTheCommandWasStartedWith) {
+  const std::string hosts = far.address() + " " + near.address();
+  const Outcome outcome =
+      shell("ulimit -Sn 300; ahs exec " + hosts + " -- sh -c 'ulimit -n' 2>/dev/null");
+  EXPECT_EQ(outcome.out, "300\n");
+}
+
+TEST_F(ExecCommandTest, AFileThatMayNotGrowIsAFailureWithAMessage) {
+  const Outcome outcome = shell("(ulimit -f 0; ahs cache path 2>&3 >out; echo $? >&3) 3>&1 | cat");
+  EXPECT_THAT(outcome.out, HasSubstr("could not be written to standard output: File too large"));
+  EXPECT_THAT(outcome.out, testing::EndsWith("2\n"));
+}
+
 TEST_F(ExecCommandTest, AHostEntrysNameIsInTheEnvironmentWhateverItHolds) {
   writeProfile("true", host("-rf $(touch x) `id`", near.address()));
   const Outcome outcome = run({"exec", "--", "printenv", "AHS_NAME"});

@@ -11,7 +11,7 @@
 namespace {
 
 static_assert(std::is_same_v<uint32_t, unsigned int>, "samples are handed out as they are stored");
-static_assert(static_cast<uint32_t>(HeadendOutcome::NotInCache) == AHS_OUTCOME_NOT_IN_CACHE);
+static_assert(static_cast<uint32_t>(HeadendOutcome::LackOfMemory) == AHS_OUTCOME_LACK_OF_MEMORY);
 
 const char* const Nothing = "";
 

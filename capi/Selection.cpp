@@ -183,9 +183,11 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
     const bool isFromCache = status == HEADENDSELECTION_SUCCESS;
     std::map<Place, SelectionRecord::Track> tracks;
     CCacheEntry entry;
+    Shortage shortage = Shortage::None;
     if (const auto under = run(); under != nullptr) {
       tracks = under->tracks();
       entry = under->entry();
+      shortage = under->shortage();
     }
     std::vector<CHeadendRTT> measured;
     if (ahs_is_success(code) != 0) {
@@ -196,7 +198,7 @@ Result Selection::resultOf(const std::vector<std::string>& headends, STATUSCODE 
       kept = {m_last->headend};
     }
     Result result(code, m_reason, kept, realm,
-                  collectResults(kept, *m_candidates, tracks, measured, isFromCache));
+                  collectResults(kept, *m_candidates, tracks, measured, isFromCache, shortage));
     if (isFromCache) {
       const auto age = SelectionTimes::ageOf(entry);
       result.value.from_cache = 1;
@@ -245,7 +247,7 @@ void Selection::tellProbe(const HttpProbe::Report& report,
                   candidate->name.c_str(),
                   candidate->headend.c_str(),
                   ended ? 1 : 0,
-                  static_cast<uint32_t>(outcomeOfStatus(report.status)),
+                  static_cast<uint32_t>(outcomeOf(report)),
                   report.rttMs,
                   "",
                   progress.probesStarted,

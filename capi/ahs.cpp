@@ -222,8 +222,8 @@ const char* ahs_status_text(ahs_status status) {
 }
 
 const char* ahs_outcome_name(uint32_t outcome) {
-  return outcome <= AHS_OUTCOME_NOT_IN_CACHE ? outcomeName(static_cast<HeadendOutcome>(outcome))
-                                             : "unknown";
+  return outcome <= AHS_OUTCOME_LACK_OF_MEMORY ? outcomeName(static_cast<HeadendOutcome>(outcome))
+                                               : "unknown";
 }
 
 const char* ahs_error_text(void) { return &lastErrorText[0]; }

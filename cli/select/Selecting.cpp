@@ -272,6 +272,10 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
     }
     SelectionResult result = resultOf(reason, login.hasCredentials());
     if (result.status != HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
+      const std::string shortage = shortageIn(result);
+      if (!shortage.empty() && isNew(shortage, m_told)) {
+        Console::complain(shortage);
+      }
       return result;
     }
     // This run has started no worker, so it ends at once and drops its copy of the login.
@@ -335,7 +339,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
     result.cacheAge = SelectionTimes::ageOf(entry);
   }
   result.results = collectResults(result.headends, m_candidates, m_recorder->tracks(), records,
-                                  result.fromCache);
+                                  result.fromCache, m_recorder->shortage());
   tellRules(result);
   return result;
 }

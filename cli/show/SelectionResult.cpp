@@ -131,6 +131,20 @@ std::string adviceFor(const SelectionResult& result, const std::string& profileP
   }
 }
 
+std::string shortageIn(const SelectionResult& result) {
+  const auto isLacking = [](const HeadendResult& headend) { return isShortage(headend.outcome); };
+  const auto first = std::ranges::find_if(result.results, isLacking);
+  if (first == result.results.end()) {
+    return "";
+  }
+  return std::string(outcomeName(first->outcome)) + ": " +
+         std::to_string(std::ranges::count_if(result.results, isLacking)) + " of " +
+         std::to_string(result.results.size()) +
+         " headends were not measured, and the selection is not remembered. Raise the limit of "
+         "open files ('ulimit -n'), processes ('ulimit -u') or memory ('ulimit -v'), or end other "
+         "programs.";
+}
+
 std::optional<unsigned int> parseReason(const std::string& text) {
   for (unsigned int reason = 0; reason < SelectionRules::ReasonCount; ++reason) {
     if (text == reasonName(reason) || text == std::to_string(reason)) {

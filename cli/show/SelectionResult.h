@@ -56,6 +56,10 @@ std::string libraryProblem(STATUSCODE status);
 /// For standard error: what a failed selection means and what to do; empty after a success.
 std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces);
 
+/// For standard error: how many headends this machine could not measure for want of something, and
+/// what to do; empty if there are none.
+std::string shortageIn(const SelectionResult& result);
+
 using SelectionRules::ReasonProxyAuthentication;
 using SelectionRules::ReasonReconnection;
 

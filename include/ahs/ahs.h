@@ -108,7 +108,11 @@ enum ahs_outcome {
   AHS_OUTCOME_NO_ANSWER_IN_TIME = 9, /**< its first probe was out when the selection ended */
   AHS_OUTCOME_NOT_FINISHED_IN_TIME = 10,
   AHS_OUTCOME_NOT_PROBED = 11,
-  AHS_OUTCOME_NOT_IN_CACHE = 12
+  AHS_OUTCOME_NOT_IN_CACHE = 12,
+  /* This machine ran out of something. Such a selection is not remembered. */
+  AHS_OUTCOME_LACK_OF_DESCRIPTORS = 13,
+  AHS_OUTCOME_LACK_OF_THREADS = 14,
+  AHS_OUTCOME_LACK_OF_MEMORY = 15
 };
 
 /** A headend given by code. This structure never changes. */

@@ -102,13 +102,16 @@ enum class Outcome : std::uint32_t {
   NoAnswerInTime,  ///< its first probe was out when the selection ended
   NotFinishedInTime,
   NotProbed,
-  NotInCache
+  NotInCache,
+  LackOfDescriptors,  ///< this machine ran out of these; such a selection is not remembered
+  LackOfThreads,
+  LackOfMemory
 };
 
 static_assert(static_cast<int>(Reason::Disconnect) == AHS_REASON_DISCONNECT &&
               static_cast<int>(ProxyType::None) == AHS_PROXY_NONE &&
               static_cast<int>(LogLevel::Info) == AHS_LOG_INFO &&
-              static_cast<int>(Outcome::NotInCache) == AHS_OUTCOME_NOT_IN_CACHE);
+              static_cast<int>(Outcome::LackOfMemory) == AHS_OUTCOME_LACK_OF_MEMORY);
 
 /// Such as "timed out"; "unknown" for a value that has no name.
 inline const char* outcomeName(Outcome outcome) noexcept {

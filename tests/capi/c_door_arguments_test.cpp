@@ -73,8 +73,8 @@ TEST(Names, OfTheVersionStatusesAndOutcomes) {
     EXPECT_NE(text.back(), '.') << text;
   }
   EXPECT_STREQ(ahs_outcome_name(AHS_OUTCOME_TIMED_OUT), "timed out");
-  EXPECT_STREQ(ahs_outcome_name(AHS_OUTCOME_NOT_IN_CACHE + 1), "unknown");
-  for (std::uint32_t outcome = 0; outcome <= AHS_OUTCOME_NOT_IN_CACHE; ++outcome) {
+  EXPECT_STREQ(ahs_outcome_name(AHS_OUTCOME_LACK_OF_MEMORY + 1), "unknown");
+  for (std::uint32_t outcome = 0; outcome <= AHS_OUTCOME_LACK_OF_MEMORY; ++outcome) {
     EXPECT_STRNE(ahs_outcome_name(outcome), "unknown") << outcome;
   }
 }

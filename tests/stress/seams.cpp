@@ -173,6 +173,7 @@ void __real__ZN17CHeadendSelection14OnTimerExpiredEPvm(void* ptrVal, unsigned lo
 int __real__Z19startDetachedThreadPFPvS_ES_m(void* (*body)(void*), void* argument,
                                              std::size_t stackSize);
 bool __real__ZN14CReserveThread3RunERNS_4BodyE(CReserveThread::Body* body);
+int __real__ZN12CWorkerQueue3runERNS_4BodyE(CWorkerQueue::Body* body);
 int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   clockid_t clock, const timespec* limit);
 
@@ -226,18 +227,36 @@ void __wrap__ZN17CHeadendSelection14OnTimerExpiredEPvm(void* ptrVal, unsigned lo
 int __wrap__Z19startDetachedThreadPFPvS_ES_m(void* (*body)(void*), void* argument,
                                              std::size_t stackSize) {
   const stress::Self& me = self();
-  if (me.stage == nullptr) {
+  // The thread that a run keeps in reserve serves any run.
+  if (me.stage == nullptr || (me.role == Role::Run && me.nextRole == Role::Reaper)) {
     return __real__Z19startDetachedThreadPFPvS_ES_m(body, argument, stackSize);
   }
   stress::pass();
   int error = EAGAIN;
   if (!me.stage->scenario.refuses(me.nextRole, me.nextWorker)) {
+    if (me.nextRole == Role::Worker) {
+      return __real__Z19startDetachedThreadPFPvS_ES_m(body, argument, stackSize);
+    }
     beginBy(body, argument, [&](Beginning* beginning) {
       error = __real__Z19startDetachedThreadPFPvS_ES_m(beginThread, beginning, stackSize);
       return error == 0;
     });
   }
   stress::pass();
+  return error;
+}
+
+int __wrap__ZN12CWorkerQueue3runERNS_4BodyE(CWorkerQueue::Body* body) {
+  if (self().stage == nullptr) {
+    return __real__ZN12CWorkerQueue3runERNS_4BodyE(body);
+  }
+  int error = 0;
+  beginBy(body->function, body->argument, [body, &error](Beginning* beginning) {
+    body->function = beginThread;
+    body->argument = beginning;
+    error = __real__ZN12CWorkerQueue3runERNS_4BodyE(body);
+    return error == 0;
+  });
   return error;
 }
 

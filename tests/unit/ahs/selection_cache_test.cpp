@@ -13,6 +13,7 @@
 #include "tests/unit/ahs/resolver_double.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Common/Utility/Shortage.h"
 
 using ::testing::SizeIs;
 
@@ -212,6 +213,16 @@ TEST_F(SelectionCache, DoesNotKeepWhatACancelledSelectionHasMeasured) {
   record->cancel();
   EXPECT_EQ(store("gw-a;"), HEADENDSELECTION_ERROR_CACHE_FAILURE);
   EXPECT_FALSE(has("gw-a;"));
+}
+
+TEST_F(SelectionCache, DoesNotKeepWhatWasMeasuredWhileThisMachineLackedSomething) {
+  const CacheHold cache;
+  CCacheEntry before = entryOf("gw-a;", {{"gw-a", 40}});
+  Shortages::note(Shortage::Descriptors);
+  CCacheEntry copy(before);
+  EXPECT_EQ(cache->AddEntry(copy), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  EXPECT_FALSE(has("gw-a;"));
+  EXPECT_EQ(store("gw-a;"), HEADENDSELECTION_SUCCESS);
 }
 
 TEST_F(SelectionCache, ReadsAsPlaceAndEntryOfWhatTheDirectoryDoesNotHave) {

@@ -58,6 +58,15 @@ TEST(Outcome, SaysHowAHeadendAnsweredOrWhyThereIsNoResult) {
     EXPECT_STREQ(outcomeName(outcomeOf(&each.track, each.isMeasured, false)), each.outcome);
   }
   EXPECT_STREQ(outcomeName(outcomeOf(nullptr, false, false)), "not probed");
+  for (const auto& [shortage, words] :
+       {std::pair(Shortage::Descriptors, "this machine ran out of descriptors"),
+        std::pair(Shortage::Threads, "this machine ran out of threads"),
+        std::pair(Shortage::Memory, "this machine ran out of memory")}) {
+    Track lacking = track(1, {HTTP_SESSION_ERROR_CANNOT_CONNECT});
+    lacking.ended.back().shortage = shortage;
+    EXPECT_STREQ(outcomeName(outcomeOf(&lacking, false, false)), words);
+    EXPECT_STREQ(outcomeName(outcomeOf(nullptr, false, false, shortage)), words);
+  }
   EXPECT_STREQ(outcomeName(outcomeOf(nullptr, true, true)), "from cache");
   EXPECT_STREQ(outcomeName(outcomeOf(nullptr, false, true)), "not in cache");
 }
@@ -99,6 +108,16 @@ TEST(CollectResults, TheHeadendThatIsOnlyRetainedHasNoMetric) {
   const auto results = collectResults({"gw-a"}, {candidate("gw-a")}, {}, {}, false);
   ASSERT_EQ(results.size(), 1U);
   EXPECT_EQ(results[0].metricMs, std::nullopt);
+}
+
+TEST(AShortage, IsToldOfWithItsRemedy) {
+  SelectionResult result;
+  result.results = collectResults({}, {candidate("gw-a"), candidate("gw-b")},
+                                  {{{"gw-a", 443}, track(1, {0})}}, {}, false, Shortage::Threads);
+  EXPECT_THAT(shortageIn(result),
+              testing::StartsWith("this machine ran out of threads: 1 of 2 headends were not "
+                                  "measured, and the selection is not remembered."));
+  EXPECT_EQ(shortageIn({}), "");
 }
 
 TEST(ExitStatusOfASelection, TellsSuccessProxyConfigurationAndFailureApart) {

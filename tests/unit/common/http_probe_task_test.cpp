@@ -1,8 +1,11 @@
 // Probes of a task: what a cancel does to them, and how they leave the machine.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <functional>
 #include <future>
@@ -40,6 +43,48 @@ TEST_F(HttpProbeTest, ACancelledTaskConnectsNowhere) {
   EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_EQ(report().connectUs, -1);
   EXPECT_EQ(server.accepted(), 1U);
+}
+
+/// For a scope, the process may open this many descriptors more.
+class FewDescriptors {
+ public:
+  explicit FewDescriptors(long more) {
+    getrlimit(RLIMIT_NOFILE, &m_before);
+    const int next = fcntl(0, F_DUPFD, 0);  // all below are open
+    close(next);
+    const rlimit few{static_cast<rlim_t>(next + more), m_before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+  }
+  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &m_before); }
+  FewDescriptors(const FewDescriptors&) = delete;
+  FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+ private:
+  rlimit m_before{};
+};
+
+TEST_F(HttpProbeTest, WhatThisMachineLacksIsTold) {
+  const ScriptedServer server(answering(kOk));
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);  // prepares the process
+  EXPECT_EQ(probe(server.port(), 1, "localhost"), HTTP_SESSION_SUCCESS);
+  EXPECT_EQ(report().shortage, Shortage::None);
+  const unsigned long before = Shortages::count();
+  const FewDescriptors none(0);
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_CANNOT_CONNECT);
+  EXPECT_EQ(report().shortage, Shortage::Descriptors);
+  EXPECT_EQ(probe(server.port(), 1, "name.test"), HTTP_SESSION_ERROR_DNS_RESOLUTION);
+  EXPECT_EQ(report().shortage, Shortage::Descriptors);
+  EXPECT_EQ(Shortages::count(), before + 2);
+}
+
+TEST_F(HttpProbeTest, OneDescriptorIsEnoughWhereThereAreFew) {
+  const ScriptedServer server([](Connection& connection) {
+    connection.readHead();
+    connection.send(kOk);
+  });
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+  const FewDescriptors two(2);  // and the server's
+  EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
 }
 
 /// A task that looks at its sockets.

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <cerrno>
@@ -16,9 +17,11 @@
 #include "tests/unit/common/give_up.h"
 #include "tests/unit/common/heard_log.h"
 #include "tests/unit/common/worker.h"
+#include "vpn/Common/Utility/Descriptors.h"
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 #include "vpn/Common/Utility/ReserveThread.h"
+#include "vpn/Common/Utility/WorkerQueue.h"
 
 using tests::Gate;
 
@@ -229,6 +232,119 @@ TEST_F(WithAReserve, ATaskThatNobodyMayWaitForIsDestroyedOnIt) {
   const Task::Place& destroyedOn = abandonTask();
   EXPECT_TRUE(eventually([] { return Counted::count() == 0; }));
   EXPECT_NE(destroyedOn.load(), std::this_thread::get_id());
+}
+
+TEST_F(WithAReserve, TasksThatMeasureWaitForNoOtherOnesCallback) {
+  auto* const first = new Task;
+  auto* const second = new Task;
+  refuses = false;
+  first->keepThread();
+  second->keepThread();
+  refuses = true;
+  Gate gate;
+  const auto waits = mustRun([&gate] { gate.pass(); });
+  mustRun([&gate] { gate.open(); })->finish();
+  waits->finish();
+  giveUp(first);
+  giveUp(second);
+}
+
+/// Workers of one task; the first has a thread, and the others have none until it lets them.
+class Crowd : public WithoutThreads {
+ protected:
+  void TearDown() override {
+    giveUp(m_task);
+    m_workers.clear();
+    EXPECT_TRUE(everythingIsGone());
+  }
+
+  template <class Body>
+  Worker& Start(Body body) {
+    auto worker = std::make_unique<Worker>(body);
+    worker->keepAlive(*m_task);
+    EXPECT_EQ(worker->Start(), THREAD_SUCCESS);
+    m_workers.push_back(std::move(worker));
+    return *m_workers.back();
+  }
+
+  /// Starts the worker that gets the only thread, and what then waits behind it.
+  template <class Body>
+  void StartFirst(Body afterGate) {
+    refuses = false;
+    Gate isIn;
+    Start([this, afterGate, &isIn] {
+      isIn.open();
+      m_gate.pass();
+      afterGate();
+    });
+    isIn.pass();
+    refuses = true;
+  }
+
+  std::vector<unsigned int> Finish() {
+    m_gate.open();
+    std::vector<unsigned int> codes;
+    for (const auto& worker : m_workers) {
+      codes.push_back(worker->finish());
+    }
+    return codes;
+  }
+
+  Task* const m_task = new Task;
+  Gate m_gate;
+  std::vector<std::unique_ptr<Worker>> m_workers;
+};
+
+TEST_F(Crowd, WhoGetsNoThreadTakesTheOneOfAWorkerThatHasEnded) {
+  std::vector<unsigned int> order;
+  StartFirst([] {});
+  for (unsigned int i = 0; i < 5; ++i) {
+    Start([&order, i]() -> STATUSCODE {
+      order.push_back(i);
+      return i;
+    });
+  }
+  EXPECT_THAT(Finish(), ElementsAre(0, 0, 1, 2, 3, 4));
+  EXPECT_THAT(order, ElementsAre(0, 1, 2, 3, 4));
+}
+
+TEST_F(Crowd, WhoseTimeIsOverBeforeItsTurnDoesNotBegin) {
+  StartFirst([] {});
+  Start([] { ADD_FAILURE(); });
+  EXPECT_EQ(CWorkerQueue::waitsFor(), Shortage::Threads);
+  m_task->endTime();
+  EXPECT_THAT(Finish(), ElementsAre(0, static_cast<unsigned int>(THREAD_ERROR_TIMEOUT)));
+}
+
+TEST_F(Crowd, AWorkerThatEndsItsThreadLeavesTheTurnToTheNext) {
+  for (const bool isRefused : {true, false}) {
+    StartFirst([isRefused] {
+      refuses = isRefused;
+      pthread_exit(nullptr);
+    });
+  }
+  Start([] {});
+  EXPECT_THAT(Finish(), ElementsAre(CThread::AbnormalExitCode, CThread::AbnormalExitCode, 0));
+}
+
+TEST_F(Crowd, TakesNoDescriptorsOfTheHosts) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit few{200, before.rlim_max};  // some of which are open
+  setrlimit(RLIMIT_NOFILE, &few);
+  refuses = false;
+  ASSERT_TRUE(eventually([] { return existing == 0; }));
+  for (int i = 0; i < 100; ++i) {
+    Start([this] {
+      CWorkerQueue::needFew();
+      m_gate.pass();
+    });
+  }
+  EXPECT_EQ(CWorkerQueue::waitsFor(), Shortage::Descriptors);
+  EXPECT_LE(2 * existing, 200 - Descriptors::HostsShare);
+  EXPECT_GE(existing, 20);
+  EXPECT_EQ(Finish().size(), 100U);
+  setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(WithoutThreads, AnExecutionContextIsNotCreatedAndCanBeLater) {

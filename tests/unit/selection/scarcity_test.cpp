@@ -9,6 +9,7 @@
 #include <new>
 #include <thread>
 
+#include "tests/support/Gate.h"
 #include "tests/unit/selection/selection_fixture.h"
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/ReserveThread.h"
@@ -77,13 +78,20 @@ class AShortage : public Scarcity, public testing::WithParamInterface<Row<Shorta
 
 TEST_P(AShortage, StillGivesOneCall) {
   const Shortage& shortage = GetParam().is;
-  probes().answer("gw1", {{.rtt = 20}});
+  Gate secondIsStarted;
+  if (shortage.ofSecondWorker == nullptr) {
+    secondIsStarted.open();
+  }
+  probes().answer("gw1", {{.rtt = 20, .during = [&] { secondIsStarted.pass(); }}});
   probes().answer("gw3", {{.rtt = 30}});
   probes().answerTest({.rtt = 3, .during = shortage.during});
   int started = 0;
   seams().afterStart.set([&](CThread&) {
     if (shortage.ofSecondWorker != nullptr) {
       *shortage.ofSecondWorker = ++started == 1 ? 0 : Plenty;
+      if (started > 1) {
+        secondIsStarted.open();
+      }
     }
   });
   // Steps after the failed one have memory again.
@@ -111,8 +119,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::ValuesIn(Rows<Shortage>{
         {"AResultsThreadUsesTheThreadInReserve",
          {.threads = 3 /* the workers' */, .headends = {"gw2", "gw1", "gw3"}}},
-        {"AThreadForAWorkerLeavesTheOthersToChooseFrom",
-         {.ofSecondWorker = &threadsLeft, .headends = {"gw1", "gw3"}}},
+        {"AThreadForAWorkerComesFromAnother",
+         {.ofSecondWorker = &threadsLeft, .headends = {"gw2", "gw1", "gw3"}}},
         {"MemoryForAWorkerLeavesTheOthersToChooseFrom",
          {.ofSecondWorker = &objectsLeft, .headends = {"gw1", "gw3"}}},
         {"AnyThreadDeliversTheLastHeadendOnTheThreadInReserve",

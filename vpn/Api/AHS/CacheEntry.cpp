@@ -2,9 +2,18 @@
 
 #include "vpn/Api/AHS/CacheEntry.h"
 
+#include "vpn/Common/Utility/Shortage.h"
 #include "vpn/include/StringUtils.h"
 
+CCacheEntry::CCacheEntry() : m_shortages(Shortages::count()) {}
+
+CCacheEntry::CCacheEntry(const std::vector<CHeadendRTT>& headendList) : CCacheEntry() {
+  m_headendList = headendList;
+}
+
 CCacheEntry::CCacheEntry(const CCacheEntry& other) = default;
+
+bool CCacheEntry::isFromShortage() const { return m_shortages != Shortages::count(); }
 
 STATUSCODE CCacheEntry::GetHeadendList(std::vector<CHeadendRTT>& headendList) const {
   headendList = m_headendList;

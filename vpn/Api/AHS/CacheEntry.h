@@ -12,14 +12,14 @@
 /// added. A value class without a lock of its own.
 class CCacheEntry {
  public:
-  CCacheEntry() = default;
+  CCacheEntry();
   CCacheEntry(const CCacheEntry& other);
   CCacheEntry(CCacheEntry&& other) = default;
   CCacheEntry& operator=(const CCacheEntry& other) = default;
   CCacheEntry& operator=(CCacheEntry&& other) = default;
   ~CCacheEntry() = default;
   /// An entry with these results, without time stamp and key.
-  explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList) : m_headendList(headendList) {}
+  explicit CCacheEntry(const std::vector<CHeadendRTT>& headendList);
 
   void SetHeadendList(const std::vector<CHeadendRTT>& headendList) { m_headendList = headendList; }
   /// Replaces `headendList` by the results in stored order; always 0.
@@ -39,6 +39,10 @@ class CCacheEntry {
   std::string GetKnownHeadends() const { return m_tstrKnownHeadends; }
   /// @}
 
+  /// Whether this machine has lacked anything since the entry was made: it may not be all that a
+  /// healthy machine would have measured. A copy is as old as its original.
+  bool isFromShortage() const;
+
   /// A line with time stamp and key, then an indented line a result; each ends with a line feed.
   std::string toString() const;
 
@@ -46,6 +50,7 @@ class CCacheEntry {
   std::vector<CHeadendRTT> m_headendList;
   long m_timestamp = 0;
   std::string m_tstrKnownHeadends;
+  unsigned long m_shortages;
 };
 
 /// Ages by the time of day, which may go backwards: a stamp in the future counts as old, not as

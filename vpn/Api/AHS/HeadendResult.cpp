@@ -11,21 +11,27 @@
 
 namespace {
 
+HeadendOutcome outcomeOfShortage(Shortage shortage) {
+  return shortage == Shortage::Descriptors ? HeadendOutcome::LackOfDescriptors
+         : shortage == Shortage::Threads   ? HeadendOutcome::LackOfThreads
+                                           : HeadendOutcome::LackOfMemory;
+}
+
 // The last answer describes a measured headend, not a probe that was lost.
 HeadendOutcome outcomeOfMeasured(const SelectionRecord::Track& track) {
   const auto last = std::find_if(
       track.ended.rbegin(), track.ended.rend(),
       [](const HttpProbe::Report& report) { return SelectionRules::isSample(report.status); });
-  return outcomeOfStatus(last == track.ended.rend() ? HTTP_SESSION_SUCCESS : last->status);
+  return last == track.ended.rend() ? HeadendOutcome::Answered : outcomeOf(*last);
 }
 
 HeadendResult resultOf(const Candidate& candidate, const SelectionRecord::Track* track,
-                       std::optional<unsigned int> metricMs, bool fromCache) {
+                       std::optional<unsigned int> metricMs, bool fromCache, Shortage shortage) {
   HeadendResult result;
   result.headend = candidate.headend;
   result.name = candidate.name;
   result.metricMs = metricMs;
-  result.outcome = outcomeOf(track, metricMs.has_value(), fromCache);
+  result.outcome = outcomeOf(track, metricMs.has_value(), fromCache, shortage);
   if (track != nullptr) {
     result.probes = track->ended;
   }
@@ -50,24 +56,30 @@ std::map<std::string, unsigned int> metricsOf(const std::vector<CHeadendRTT>& me
 }  // namespace
 
 const char* outcomeName(HeadendOutcome outcome) {
-  static constexpr const char* Names[] = {"answered",
-                                          "untrusted certificate",
-                                          "client certificate wanted",
-                                          "not HTTP",
-                                          "failed",
-                                          "from cache",
-                                          "cannot connect",
-                                          "timed out",
-                                          "name not resolved",
-                                          "no answer in time",
-                                          "not finished in time",
-                                          "not probed",
-                                          "not in cache"};
+  static const char* const Names[] = {"answered",
+                                      "untrusted certificate",
+                                      "client certificate wanted",
+                                      "not HTTP",
+                                      "failed",
+                                      "from cache",
+                                      "cannot connect",
+                                      "timed out",
+                                      "name not resolved",
+                                      "no answer in time",
+                                      "not finished in time",
+                                      "not probed",
+                                      "not in cache",
+                                      Shortages::inWords(Shortage::Descriptors),
+                                      Shortages::inWords(Shortage::Threads),
+                                      Shortages::inWords(Shortage::Memory)};
   return Names[static_cast<std::size_t>(outcome)];
 }
 
-HeadendOutcome outcomeOfStatus(STATUSCODE status) {
-  switch (status) {
+HeadendOutcome outcomeOf(const HttpProbe::Report& probe) {
+  if (probe.shortage != Shortage::None) {
+    return outcomeOfShortage(probe.shortage);
+  }
+  switch (probe.status) {
     case HTTP_SESSION_SUCCESS:
       return HeadendOutcome::Answered;
     case HTTP_SESSION_ERROR_UNTRUSTED_CERTIFICATE:
@@ -88,12 +100,17 @@ HeadendOutcome outcomeOfStatus(STATUSCODE status) {
   }
 }
 
-HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bool fromCache) {
+bool isShortage(HeadendOutcome outcome) { return outcome >= HeadendOutcome::LackOfDescriptors; }
+
+HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bool fromCache,
+                         Shortage shortage) {
   if (fromCache) {
     return hasMetric ? HeadendOutcome::FromCache : HeadendOutcome::NotInCache;
   }
   if (track == nullptr) {
-    return hasMetric ? HeadendOutcome::Answered : HeadendOutcome::NotProbed;
+    return hasMetric                    ? HeadendOutcome::Answered
+           : shortage != Shortage::None ? outcomeOfShortage(shortage)
+                                        : HeadendOutcome::NotProbed;
   }
   if (hasMetric) {
     return outcomeOfMeasured(*track);
@@ -101,15 +118,16 @@ HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bo
   if (track->ended.empty()) {
     return HeadendOutcome::NoAnswerInTime;
   }
-  const STATUSCODE last = track->ended.back().status;
-  return SelectionRules::isSample(last) ? HeadendOutcome::NotFinishedInTime : outcomeOfStatus(last);
+  const HttpProbe::Report& last = track->ended.back();
+  return SelectionRules::isSample(last.status) ? HeadendOutcome::NotFinishedInTime
+                                               : outcomeOf(last);
 }
 
 std::vector<HeadendResult> collectResults(const std::vector<std::string>& headends,
                                           const std::vector<Candidate>& candidates,
                                           const std::map<Place, SelectionRecord::Track>& tracks,
-                                          const std::vector<CHeadendRTT>& measured,
-                                          bool fromCache) {
+                                          const std::vector<CHeadendRTT>& measured, bool fromCache,
+                                          Shortage shortage) {
   // Several entries may name one headend; its result is told once.
   std::map<std::string, const Candidate*> waiting;
   for (const Candidate& candidate : candidates) {
@@ -126,9 +144,10 @@ std::vector<HeadendResult> collectResults(const std::vector<std::string>& headen
     waiting.erase(found);
     const auto metric = metrics.find(headend);
     const auto track = tracks.find(candidate.place);
-    results.push_back(resultOf(
-        candidate, track == tracks.end() ? nullptr : &track->second,
-        metric == metrics.end() ? std::nullopt : std::optional(metric->second), fromCache));
+    results.push_back(
+        resultOf(candidate, track == tracks.end() ? nullptr : &track->second,
+                 metric == metrics.end() ? std::nullopt : std::optional(metric->second), fromCache,
+                 shortage));
   };
   std::for_each(headends.begin(), headends.end(), tell);
   for (const Candidate& candidate : candidates) {

@@ -27,16 +27,25 @@ enum class HeadendOutcome {
   NotFinishedInTime,
   NotProbed,
   NotInCache,
+  // This machine lacked what a probe takes:
+  LackOfDescriptors,
+  LackOfThreads,
+  LackOfMemory,
 };
 
 /// The outcome in a few words, such as "cannot connect".
 const char* outcomeName(HeadendOutcome outcome);
 
-/// What one probe that ended with a status says of its headend.
-HeadendOutcome outcomeOfStatus(STATUSCODE status);
+/// What one probe that ended says of its headend.
+HeadendOutcome outcomeOf(const HttpProbe::Report& probe);
+
+/// Whether the outcome says nothing of the headend.
+bool isShortage(HeadendOutcome outcome);
 
 /// What became of a headend whose probes are `track`; null when there were none.
-HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bool fromCache);
+/// @param shortage what this machine lacked during the selection.
+HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bool fromCache,
+                         Shortage shortage = Shortage::None);
 
 /// What a selection found out about one headend.
 struct HeadendResult {
@@ -51,7 +60,9 @@ struct HeadendResult {
 /// Puts together what is known of each headend: those delivered in their order, then the other
 /// candidates in theirs. A headend that gave no answer is never left out.
 /// @param measured the records of the run, empty for a run that failed.
+/// @param shortage what this machine lacked meanwhile: why a headend was not probed.
 std::vector<HeadendResult> collectResults(const std::vector<std::string>& headends,
                                           const std::vector<Candidate>& candidates,
                                           const std::map<Place, SelectionRecord::Track>& tracks,
-                                          const std::vector<CHeadendRTT>& measured, bool fromCache);
+                                          const std::vector<CHeadendRTT>& measured, bool fromCache,
+                                          Shortage shortage = Shortage::None);

@@ -144,12 +144,13 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
     return HEADENDSELECTION_ERROR_BAD_PARAMETER;
   }
   try {
-    if (const auto record = SelectionRecord::current(); record != nullptr) {
+    const auto record = SelectionRecord::current();
+    if (record != nullptr) {
       record->noteEntry(entry);
-      // Who is cancelled has measured some headends, and the nearest may not be among them.
-      if (record->isCancelled()) {
-        return HEADENDSELECTION_ERROR_CACHE_FAILURE;
-      }
+    }
+    // Some headends may not have been measured, and the nearest may be among them.
+    if ((record != nullptr && record->isCancelled()) || entry.isFromShortage()) {
+      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
     }
     std::vector<std::string> place;
     const STATUSCODE status = calculateKey(place);

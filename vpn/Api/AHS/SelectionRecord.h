@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <optional>
@@ -31,6 +32,7 @@ class SelectionRecord : public ProbeTask {
 
   void probeStarted(const HttpProbe::Report& report) override;
   void probeEnded(const HttpProbe::Report& report) override;
+  void noteShortage(Shortage what) noexcept override { m_shortage = what; }
 
   SelectionRecord();
 
@@ -54,6 +56,9 @@ class SelectionRecord : public ProbeTask {
   /// That entry; one without records if there is none.
   CCacheEntry entry() const;
 
+  /// What this machine lacked last.
+  Shortage shortage() const noexcept { return m_shortage; }
+
   Progress progress() const;
   std::map<Place, Track> tracks() const;
   /// The test probe that has ended; none before it has.
@@ -63,6 +68,7 @@ class SelectionRecord : public ProbeTask {
   static bool isTestProbe(const HttpProbe::Report& report);
 
  private:
+  std::atomic<Shortage> m_shortage{Shortage::None};
   mutable CManualLock m_lock;
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
   std::optional<HttpProbe::Report> m_testProbe AHS_GUARDED_BY(m_lock);

@@ -16,6 +16,7 @@
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
+#include "vpn/Common/Utility/WorkerQueue.h"
 
 namespace {
 
@@ -55,6 +56,9 @@ ProbeOutcome send(const std::string& host, const PROXY_DATA& proxyData, ProbeReq
   outcome.code = request.prepare(host, proxyData);
   if (outcome.code != CURLE_OK) {
     return outcome;
+  }
+  if (request.isAddress()) {
+    CWorkerQueue::needFew();
   }
   const Utf8Locale utf8;  // libcurl reads an international name in the thread's locale
   if (keptHere == nullptr || !request.isDirect() || request.handshake != nullptr) {
@@ -127,8 +131,10 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
   report.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
                        ProbeRequest::Clock::now() - request.start)
                        .count();
+  Shortages::note(report.shortage);
   writeResults(report, outcome, results);
   tell(task, &ProbeTask::probeEnded, report);
+  CWorkerQueue::needFew();  // what comes now has its name looked up
   return report.status;
 }
 

@@ -14,9 +14,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string_view>
 #include <utility>
 
+#include "vpn/Common/IP/MultiHandle.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/IP/TransferSetup.h"
 
@@ -102,7 +104,7 @@ T HttpTransfer::get(Info info) const {
 HttpTransfer::HttpTransfer(const ProbeRequest& request, bool keeps, const Names& names)
     : m_keeps(keeps),
       m_names(names),
-      m_multi(curl_multi_init(), [](void* multi) { curl_multi_cleanup(multi); }),
+      m_multi(makeMultiHandle(), [](void* multi) { curl_multi_cleanup(multi); }),
       m_easy(curl_easy_init(), curl_easy_cleanup) {
   if (!m_multi || !m_easy ||
       curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, MaxConnections) != CURLM_OK) {
@@ -111,6 +113,10 @@ HttpTransfer::HttpTransfer(const ProbeRequest& request, bool keeps, const Names&
   }
   m_setup = setUpTransfer(m_easy.get(), request);
   set(CURLOPT_SHARE, names.get());
+  if (request.handshake == nullptr) {
+    static_assert(sizeof m_failure == CURL_ERROR_SIZE);
+    set(CURLOPT_ERRORBUFFER, m_failure.data());
+  }
   setUpCallbacks();
   // One with a login carries credentials, of which no copy is made.
   if (request.isDirect() ? request.tellsRequest : !request.secure && !request.logsIn()) {
@@ -205,6 +211,22 @@ void HttpTransfer::end(unsigned int code) {
   m_hasEnded = true;
   m_outcome.code = code;
   m_outcome.endedUs = now();
+  if (code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_COULDNT_RESOLVE_PROXY) {
+    m_outcome.shortage = shortageOfLookUp();
+  }
+}
+
+/// libcurl does not tell what a look-up lacked: a pair of sockets, or its thread.
+Shortage HttpTransfer::shortageOfLookUp() const {
+  std::array<int, 2> pair{};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) {
+    return Shortages::fromErrno(errno);
+  }
+  ::close(pair[0]);
+  ::close(pair[1]);
+  const bool lacksThread =
+      std::string_view(m_failure.data()).find("thread failed") != std::string_view::npos;
+  return lacksThread ? Shortage::Threads : Shortage::None;
 }
 
 /// The result of a transfer that libcurl has ended. Once the head is complete, an error in the
@@ -427,6 +449,9 @@ int HttpTransfer::open(int family, int type, int protocol) {
   }
   const int opened = socket(family, type | SOCK_CLOEXEC, protocol);
   ProbeTask* const task = m_request->task;
+  if (opened == NoSocket) {
+    m_outcome.shortage = Shortages::fromErrno(errno);
+  }
   if (opened != NoSocket && task != nullptr &&
       !unlessThrown(false, [&] { return task->socketOpened(opened, family); })) {
     ::close(opened);

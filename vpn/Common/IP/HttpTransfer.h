@@ -66,6 +66,8 @@ class HttpTransfer {
   long long sinceStart(Clock::time_point time) const;
   void collectTimes();
 
+  Shortage shortageOfLookUp() const;
+
   int open(int family, int type, int protocol);
   int close(int connection);
   void noteRequest(int localPort);
@@ -96,6 +98,8 @@ class HttpTransfer {
   bool m_attached = false;
   Clock::time_point m_startedAt;
   Clock::time_point m_headAt;
+  /// What libcurl says of a failure; as long as it demands.
+  std::array<char, 256> m_failure{};
   const Names m_names;
   // Last, so that they go first: the callbacks of the closing sockets write to the others.
   const Handle m_multi;

@@ -109,6 +109,10 @@ void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure meas
     report.addressPort = addressPort;
   }
   if (!isAnswer(report.status)) {
+    report.shortage = code == CURLE_OUT_OF_MEMORY && shortage == Shortage::None ? Shortage::Memory
+                      : osError == 0 || shortage != Shortage::None
+                          ? shortage
+                          : Shortages::fromErrno(static_cast<int>(osError));
     return;
   }
   report.responseRttUs = responseRoundTrip(*this);

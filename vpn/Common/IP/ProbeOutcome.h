@@ -27,7 +27,8 @@ struct ProbeOutcome {
   long long endedUs = 0;  ///< the request had ended; the probe may have gone on
   /// How long the connection, even a reused one, took to open; 0 without one.
   long long connectTookUs = 0;
-  long long networkRttUs = -1;  ///< -1 where the kernel cannot say
+  long long networkRttUs = -1;         ///< -1 where the kernel cannot say
+  Shortage shortage = Shortage::None;  ///< what could not be had for the request
   std::string address;
   unsigned short addressPort = 0;
   std::string headers;

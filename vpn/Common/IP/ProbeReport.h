@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "vpn/Common/Utility/Shortage.h"
 #include "vpn/include/StatusCode.h"
 
 /// What `uiRtt` is.
@@ -38,4 +39,6 @@ struct ProbeReport {
   long long responseRttUs = -1;     ///< from the request to the first byte of the answer
   std::string address;              ///< the address that was connected to (a proxy's, too), if any
   unsigned short addressPort = 0;   ///< the port at that address; 0 without one
+  /// What this machine lacked, where that is why there was no answer.
+  Shortage shortage = Shortage::None;
 };

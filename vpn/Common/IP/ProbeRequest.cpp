@@ -115,6 +115,11 @@ std::string ProbeTarget::url() const {
   return (secure ? "https://" : "http://") + host + ":" + std::to_string(port) + "/";
 }
 
+bool ProbeTarget::isAddress() const {
+  in_addr address{};
+  return host.starts_with('[') || inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
 std::chrono::milliseconds ProbeRequest::timeLeft() const {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
 }

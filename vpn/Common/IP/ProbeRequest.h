@@ -17,6 +17,8 @@ struct ProbeTarget {
   bool tellsRequest = false;  ///< the caller wants the request as it was sent
 
   bool operator==(const ProbeTarget&) const = default;
+  /// Whether the host is an address, so that no name is looked up.
+  bool isAddress() const;
   std::string url() const;
 };
 

@@ -12,7 +12,16 @@ ApiRunnable::ApiRunnable(const ApiRunnable& other) : CCountedLife(other) {
   CReserveThread::addHolder();
 }
 
-ApiRunnable::~ApiRunnable() { CReserveThread::removeHolder(); }
+ApiRunnable::~ApiRunnable() {
+  if (m_hasThread) {
+    CReserveThread::removeThread();
+  }
+  CReserveThread::removeHolder();
+}
+
+void ApiRunnable::keepThread() noexcept {
+  m_hasThread = m_hasThread || CReserveThread::addThread() == 0;
+}
 
 void ApiRunnable::operator delete(ApiRunnable* object, std::destroying_delete_t) { giveUp(object); }
 

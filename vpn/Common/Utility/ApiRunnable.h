@@ -1,13 +1,15 @@
 #pragma once
 
+#include <atomic>
+
 #include "vpn/Common/Utility/CountedLife.h"
 #include "vpn/Common/Utility/ReserveThread.h"
 
 /// A task of the API that is run once and may delete itself. Threads that may come late (a timer
 /// that is firing, a worker that nobody waits for) hold it.
 ///
-/// While it exists the thread in reserve exists too, which delivers the task's result when the
-/// system gives no other thread.
+/// While it exists a thread in reserve exists too, which delivers the task's result when the
+/// system gives no other thread; one of its own if `keepThread` could make it.
 class ApiRunnable : public CCountedLife<ApiRunnable> {
  public:
   ApiRunnable();
@@ -22,6 +24,13 @@ class ApiRunnable : public CCountedLife<ApiRunnable> {
   /// on another thread (on this one only if not even the reserve can be had).
   void leaveWithoutWaiting() noexcept;
 
+  /// Has a thread of its own in reserve, if the system gives one. For the thread that runs it.
+  void keepThread() noexcept;
+
+  /// Its time is over: workers of it that wait for their turn return at once. Any thread.
+  void endTime() noexcept { m_isLate = true; }
+  bool isLate() const noexcept { return m_isLate; }
+
   using CCountedLife::operator delete;
   static void operator delete(ApiRunnable* object, std::destroying_delete_t);
 
@@ -32,5 +41,7 @@ class ApiRunnable : public CCountedLife<ApiRunnable> {
  private:
   static void* destroyerEntry(void* object);
 
+  std::atomic<bool> m_isLate{false};
+  bool m_hasThread = false;
   CReserveThread::Body m_destruction;  // the last holder's, and then the reserve thread's
 };

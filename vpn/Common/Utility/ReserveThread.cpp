@@ -1,6 +1,6 @@
-// The thread in reserve. It sleeps until there is a body to call or nobody holds the reserve.
-// Before it calls a body it tries to start a successor, so that a slow or endless body delays the
-// others only while the system has no thread.
+// The threads in reserve. They sleep until there is a body to call or there are more of them than
+// are wanted. Before one calls a body and no other is idle it tries to start a successor, so that a
+// slow or endless body delays the others only while the system has no thread.
 
 #include "vpn/Common/Utility/ReserveThread.h"
 
@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <new>
-#include <utility>
 
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/StackSize.h"
@@ -16,13 +15,26 @@
 
 namespace {
 
+void* serve(void* nothing);
+
 /// The one reserve. It has no destructor that a late thread could trip over: see `reserve`.
 struct Reserve {
-  CMonitor lock;  // notified of a body, and of the last holder's leaving
+  CMonitor lock;  // notified of a body, and when fewer threads are wanted
   unsigned int holders AHS_GUARDED_BY(lock) = 0;
-  bool hasThread AHS_GUARDED_BY(lock) = false;
+  unsigned int own AHS_GUARDED_BY(lock) = 0;  // threads that `addThread` asked for
+  unsigned int threads AHS_GUARDED_BY(lock) = 0;
+  unsigned int busy AHS_GUARDED_BY(lock) = 0;
   CReserveThread::Body* first AHS_GUARDED_BY(lock) = nullptr;
   CReserveThread::Body** end AHS_GUARDED_BY(lock) = &first;
+
+  unsigned int wanted() const AHS_REQUIRES(lock) { return own + (holders != 0 ? 1 : 0); }
+  unsigned int idle() const AHS_REQUIRES(lock) { return threads - busy; }
+
+  int start() noexcept AHS_REQUIRES(lock) {
+    const int error = startDetachedThread(serve, nullptr, callbackStackSize());
+    threads += error == 0 ? 1 : 0;
+    return error;
+  }
 };
 
 Reserve& reserve() noexcept {
@@ -32,13 +44,13 @@ Reserve& reserve() noexcept {
   return instance;
 }
 
-/// Takes the next body, waiting for one. Null when nobody holds the reserve any more; there is no
-/// reserve thread from then on.
+/// Takes the next body, waiting for one. Null when this thread is one too many; it is no reserve
+/// thread from then on.
 CReserveThread::Body* nextBody(Reserve& all) {
   const CAutoLockT<CMonitor> guard(all.lock);
   while (all.first == nullptr) {
-    if (all.holders == 0) {
-      all.hasThread = false;
+    if (all.idle() > all.wanted()) {
+      --all.threads;
       return nullptr;
     }
     all.lock.wait();
@@ -48,40 +60,41 @@ CReserveThread::Body* nextBody(Reserve& all) {
   if (all.first == nullptr) {
     all.end = &all.first;
   }
+  ++all.busy;
+  if (all.idle() == 0) {
+    static_cast<void>(all.start());
+  }
   return body;
 }
 
-void* serve(void* nothing);
-
-/// What remains to be done when a body ends its thread, as pthread_exit(3) does. Unwinding the
-/// stack gets here; after an ordinary return it is done already.
-class Succession {
+/// Ends a call, also when the body ends its thread, as pthread_exit(3) does.
+class Call {
  public:
-  Succession() : m_isSettled(startDetachedThread(serve, nullptr, callbackStackSize()) == 0) {}
-  ~Succession() {
-    if (!m_isSettled && startDetachedThread(serve, nullptr, callbackStackSize()) != 0) {
-      const CAutoLockT<CMonitor> guard(reserve().lock);
-      reserve().hasThread = false;  // what waits is left to the next thread that is made
+  Call() = default;
+  ~Call() {
+    Reserve& all = reserve();
+    const CAutoLockT<CMonitor> guard(all.lock);
+    --all.busy;
+    all.threads -= m_hasReturned ? 0 : 1;
+    if (!m_hasReturned && all.idle() < all.wanted()) {
+      static_cast<void>(all.start());  // failing that, what waits is left to the next thread
     }
   }
-  Succession(const Succession&) = delete;
-  Succession& operator=(const Succession&) = delete;
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
 
-  /// Whether there is a successor; if not, the caller goes on as the reserve thread.
-  bool settle() { return std::exchange(m_isSettled, true); }
+  void noteReturn() { m_hasReturned = true; }
 
  private:
-  bool m_isSettled;
+  bool m_hasReturned = false;
 };
 
 void* serve(void* /*nothing*/) {
   pthread_setname_np(pthread_self(), "ahs");
   while (const CReserveThread::Body* const body = nextBody(reserve())) {
-    Succession succession;
+    Call call;
     body->function(body->argument);  // the body's storage may go with the call
-    if (succession.settle()) {
-      return nullptr;
-    }
+    call.noteReturn();
   }
   return nullptr;
 }
@@ -91,15 +104,26 @@ void* serve(void* /*nothing*/) {
 int CReserveThread::create() noexcept {
   Reserve& all = reserve();
   const CAutoLockT<CMonitor> guard(all.lock);
-  if (!all.hasThread) {
-    const int error = startDetachedThread(serve, nullptr, callbackStackSize());
-    if (error != 0) {
-      return error;
-    }
-    all.hasThread = true;
+  if (const int error = all.threads == 0 ? all.start() : 0; error != 0) {
+    return error;
   }
   ++all.holders;
   return 0;
+}
+
+int CReserveThread::addThread() noexcept {
+  Reserve& all = reserve();
+  const CAutoLockT<CMonitor> guard(all.lock);
+  const int error = all.start();
+  all.own += error == 0 ? 1 : 0;
+  return error;
+}
+
+void CReserveThread::removeThread() noexcept {
+  Reserve& all = reserve();
+  const CAutoLockT<CMonitor> guard(all.lock);
+  --all.own;
+  all.lock.notifyAll();
 }
 
 void CReserveThread::addHolder() noexcept {
@@ -119,7 +143,7 @@ void CReserveThread::removeHolder() noexcept {
 bool CReserveThread::Run(Body& body) noexcept {
   Reserve& all = reserve();
   const CAutoLockT<CMonitor> guard(all.lock);
-  if (!all.hasThread) {
+  if (all.threads == 0) {
     return false;
   }
   body.next = nullptr;

@@ -1,12 +1,13 @@
 #pragma once
 
-/// One thread of the process that is made in advance and kept for a body that must run although the
+/// Threads of the process that are made in advance and kept for bodies that must run although the
 /// system gives no thread: a limit is reached, or there is no memory for a stack.
 ///
-/// It exists from `create` until its last holder has left and nothing is left for it to do. Holders
-/// are the execution context, which creates it, and every task that may still need it. All
-/// operations may be called from any thread; none throws, waits for a body or allocates memory,
-/// but for `create`, which creates the thread.
+/// One exists from `create` until its last holder has left and nothing is left for it to do.
+/// Holders are the execution context, which creates it, and every task that may still need it. A
+/// task that measures adds one, so that its callback waits for no other. All operations may be
+/// called from any thread; none throws, waits for a body or allocates memory, but for `create` and
+/// `addThread`, which create a thread.
 class CReserveThread {
  public:
   /// A body that waits for the thread, in storage of its caller's that must stay where it is until
@@ -21,6 +22,11 @@ class CReserveThread {
   /// @return 0, or the errno value of why there is no thread; the caller is no holder then.
   static int create() noexcept;
 
+  /// Adds a thread for as long as the caller wants one. @return 0, or the errno value of why there
+  /// is none; otherwise `removeThread` ends it.
+  static int addThread() noexcept;
+  static void removeThread() noexcept;
+
   /// Makes the caller a holder, also where there is no thread.
   static void addHolder() noexcept;
 
@@ -29,6 +35,6 @@ class CReserveThread {
 
   /// Has the body called. Bodies that wait at the same time begin in the order they came, each on a
   /// thread of its own as far as the system gives one.
-  /// @return false when there is no reserve thread; the body is not called then.
+  /// @return false when there is no thread in reserve; the body is not called then.
   static bool Run(Body& body) noexcept;
 };

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "vpn/Common/Utility/Shortage.h"
+
 /// What threads work for. A thread has the task of the thread that started it, and a timer's
 /// callback that of the thread that armed the timer, so whatever serves a task below can find it
 /// without being handed it.
@@ -13,6 +15,9 @@ class CTask {
   virtual ~CTask() = default;
   CTask(const CTask&) = delete;
   CTask& operator=(const CTask&) = delete;
+
+  /// Something lacked on this machine, for a thread that works for this.
+  virtual void noteShortage(Shortage /*what*/) noexcept {}
 
   /// The task that this thread works for; null for none. Throws nothing.
   static std::shared_ptr<CTask> current() noexcept;

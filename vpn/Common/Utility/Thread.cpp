@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/ApiRunnable.h"
 #include "vpn/Common/Utility/GuardedCall.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
+#include "vpn/Common/Utility/Shortage.h"
 #include "vpn/Common/Utility/StackSize.h"
 
 namespace {
@@ -67,6 +69,9 @@ STATUSCODE CThread::Start() {
                            onReserve ? Logging::DBG_Warning : Logging::DBG_Error, "pthread_create",
                            THREAD_ERROR_CREATE_FAILED, error,
                            onReserve ? "the thread in reserve takes over" : nullptr);
+    if (m_pKeptAlive != nullptr) {
+      Shortages::note(Shortage::Threads);
+    }
   }
   return status;
 }
@@ -88,8 +93,14 @@ STATUSCODE CThread::start(int& error) {
   m_reserved.function = threadEntry;
   m_reserved.argument = this;
 
-  const std::size_t clients = m_usesReserve ? callbackStackSize() : 0;
-  error = startDetachedThread(threadEntry, this, std::max(m_stackSize, clients));
+  if (m_pKeptAlive != nullptr && m_stackSize == DefaultStackSize) {
+    m_waiting.function = threadEntry;
+    m_waiting.argument = this;
+    error = CWorkerQueue::run(m_waiting);
+  } else {
+    const std::size_t clients = m_usesReserve ? callbackStackSize() : 0;
+    error = startDetachedThread(threadEntry, this, std::max(m_stackSize, clients));
+  }
   if (error == 0 || (m_usesReserve && CReserveThread::Run(m_reserved))) {
     m_state = State::Running;
     return THREAD_SUCCESS;
@@ -111,6 +122,10 @@ void* CThread::threadEntry(void* object) {
   // Destroyed last: the task outlives all that the thread does for it.
   const CTask::Scope scope(std::move(thread->m_task));
   Ending ending(thread);
+  if (thread->m_pKeptAlive != nullptr && thread->m_pKeptAlive->isLate()) {
+    ending.exitCode = static_cast<unsigned int>(THREAD_ERROR_TIMEOUT);
+    return nullptr;
+  }
   guardedCall([thread, &ending] { ending.exitCode = static_cast<unsigned int>(thread->Run()); },
               logException);
   return nullptr;
@@ -153,7 +168,14 @@ void CThread::keepAlive(ApiRunnable& task) { m_pKeptAlive = &task; }
 
 void CThread::useReserve() { m_usesReserve = true; }
 
-void* CThread::operator new(std::size_t size) { return CCountedLife::operator new(size); }
+void* CThread::operator new(std::size_t size) {
+  try {
+    return CCountedLife::operator new(size);
+  } catch (const std::bad_alloc&) {
+    Shortages::note(Shortage::Memory);
+    throw;
+  }
+}
 
 void CThread::operator delete(void* memory) noexcept { CCountedLife::operator delete(memory); }
 

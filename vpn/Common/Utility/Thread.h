@@ -10,6 +10,7 @@
 #include "vpn/Common/Utility/DetachedThread.h"
 #include "vpn/Common/Utility/ReserveThread.h"
 #include "vpn/Common/Utility/Task.h"
+#include "vpn/Common/Utility/WorkerQueue.h"
 #include "vpn/include/Locks.h"
 #include "vpn/include/StatusCode.h"
 #include "vpn/include/ThreadAnnotations.h"
@@ -93,10 +94,15 @@ class CThread : public IRunnable, public CCountedLife<CThread> {
   /// Keeps `task` alive from `Start` until `Run` has returned, so that the thread may use it even
   /// when its owner has deleted it. The hold is given up before the thread counts as ended: who has
   /// waited for the thread finds it gone. To be called before `Start`, at most once.
+  ///
+  /// Where the process lacks descriptors or threads, such a thread waits for its turn after
+  /// `Start` (`CWorkerQueue`). If the task's time is over by then, it ends without `Run`, with the
+  /// exit code THREAD_ERROR_TIMEOUT.
   void keepAlive(ApiRunnable& task);
 
   /// Lets the thread that is kept in reserve run the body when the system gives no thread. For
-  /// what must happen at any price, and that alone. To be called before `Start`.
+  /// what must happen at any price, and that alone: to call the client, whose code gets a main
+  /// thread's stack. To be called before `Start`.
   void useReserve();
 
  private:
@@ -113,6 +119,7 @@ class CThread : public IRunnable, public CCountedLife<CThread> {
   std::shared_ptr<CTask> m_task;    // written by Start, taken over by the thread
   bool m_usesReserve = false;       // written before Start, read by it
   CReserveThread::Body m_reserved;  // the reserve thread's, once Start has handed it over
+  CWorkerQueue::Body m_waiting;     // the same of the queue of workers
 
   CMonitor m_stateLock;  // notified when the thread has ended
   State m_state AHS_GUARDED_BY(m_stateLock) = State::NotStarted;

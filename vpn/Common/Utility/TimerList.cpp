@@ -13,6 +13,7 @@
 #include "vpn/Common/Utility/GuardedCall.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/Common/Utility/Task.h"
+#include "vpn/Common/Utility/WorkerQueue.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -85,6 +86,10 @@ void CTimerList::service() {
   CTimer::Entry expired{};
   while (shared->waitForExpired(expired)) {
     const CTask::Scope scope(std::move(expired.task));
+    if (expired.pKeptAlive != nullptr) {
+      expired.pKeptAlive->endTime();
+      Shortages::note(CWorkerQueue::waitsFor());
+    }
     guardedCall([&expired] { expired.callback(expired.ptrVal, expired.longVal); }, logException);
     if (expired.pKeptAlive != nullptr) {
       expired.pKeptAlive->leaveWithoutWaiting();
@@ -126,6 +131,7 @@ STATUSCODE CTimer::StartTimer(unsigned long milliseconds) {
 }
 
 void CTimer::keepAlive(ApiRunnable& task) {
+  task.keepThread();
   const CAutoLockT<CMonitor> guard(m_pShared->lock);
   m_pEntry->pKeptAlive = &task;
 }

@@ -71,7 +71,8 @@ class CTimer {
   /// Keeps `task` alive while the callback runs, so that the callback may use it even when its
   /// owner deletes it meanwhile. If the callback holds it last, another thread destroys the task,
   /// so that other timers are not held up. A task that is being destroyed is not called back any
-  /// more; its destructor deletes this timer at the latest. To be called before `StartTimer`.
+  /// more; its destructor deletes this timer at the latest. The timer's expiry ends the task's
+  /// time, and the task gets a thread in reserve now. To be called before `StartTimer`.
   void keepAlive(ApiRunnable& task);
 
  private:

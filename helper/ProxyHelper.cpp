@@ -59,8 +59,8 @@ void makeUsual() {
   sigprocmask(SIG_SETMASK, &none, nullptr);
   const rlimit noCore{0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
-  static_cast<void>(chdir("/"));
-  setsid();  // modules cannot type at the host's terminal
+  [[maybe_unused]] const int moved = chdir("/");  // elsewhere will do as well
+  setsid();                                       // modules cannot type at the host's terminal
 }
 
 /// Moves the socket away from the standard streams, which modules may use.

@@ -20,7 +20,7 @@
 #include "cli/files/FileOptions.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/Candidates.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include "cli/AddOption.h"
 #include "cli/Console.h"
 #include "vpn/Api/ProfileFile.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 #include "vpn/include/InstanceSmartPtr.h"
 
 namespace {

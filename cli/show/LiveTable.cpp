@@ -16,7 +16,7 @@
 #include "cli/Wording.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/SelectionRules.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 #include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "vpn/Common/IP/HttpProbe.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
 
 namespace {

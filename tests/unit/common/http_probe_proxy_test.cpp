@@ -16,7 +16,7 @@
 #include "tests/unit/common/proxy_settings_double.h"
 #include "vpn/Common/IP/HttpHeaderResponse.h"
 #include "vpn/Common/IP/HttpProbe.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 
 namespace tests {
 namespace {

@@ -23,7 +23,7 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "vpn/Common/IP/SystemProxy.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 
 namespace tests {
 namespace {

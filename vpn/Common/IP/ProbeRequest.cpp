@@ -15,7 +15,7 @@
 #include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/IP/SystemProxy.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 #include "vpn/Common/Utility/URL.h"
 
 namespace {
@@ -129,7 +129,7 @@ bool ProbeRequest::needsName() const {
   in_addr binary{};
   const bool isAddress = peer.getHost().find(':') != std::string::npos ||
                          inet_pton(AF_INET, peer.getHost().c_str(), &binary) == 1;
-  return environmentProxy || !isAddress;
+  return proxyVariable != nullptr || !isAddress;
 }
 
 unsigned int ProbeRequest::prepare(const std::string& toHost, const PROXY_DATA& proxyData) {

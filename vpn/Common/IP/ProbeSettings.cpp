@@ -19,9 +19,9 @@
 
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Trust/Environment.h"
 #include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/Common/Trust/LegibleText.h"
-#include "vpn/Common/Utility/Environment.h"
 #include "vpn/include/Locks.h"
 
 namespace {

@@ -24,7 +24,7 @@
 #include <memory>
 #include <string_view>
 
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 
 // clone(2) by the C library's own name: a sanitizer's clone() knows no shared memory.

@@ -9,7 +9,7 @@
 
 #include "vpn/Common/IP/ProbeRequest.h"
 #include "vpn/Common/IP/TlsHandshake.h"
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 
 namespace {
 

@@ -23,9 +23,9 @@
 #include <utility>
 
 #include "vpn/Common/Logging/LogFile.h"
+#include "vpn/Common/Trust/Environment.h"
+#include "vpn/Common/Trust/FileSizeGuard.h"
 #include "vpn/Common/Trust/LegibleText.h"
-#include "vpn/Common/Utility/Environment.h"
-#include "vpn/Common/Utility/FileSizeGuard.h"
 #include "vpn/include/Locks.h"
 
 namespace {

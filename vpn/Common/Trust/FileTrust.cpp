@@ -24,8 +24,8 @@
 #include <utility>
 #include <vector>
 
+#include "vpn/Common/Trust/FileSizeGuard.h"
 #include "vpn/Common/Trust/LegibleText.h"
-#include "vpn/Common/Utility/FileSizeGuard.h"
 
 namespace {
 
@@ -240,7 +240,7 @@ bool refuseKernels(Refusal& refusal) {
 std::string temporaryName(const std::string& name) {
   constexpr std::size_t MostBytes = 200;  // a name has at most 255
   std::uint64_t number = 0;
-  static_cast<void>(::getrandom(&number, sizeof number, 0));
+  [[maybe_unused]] const ssize_t taken = ::getrandom(&number, sizeof number, 0);
   return name.substr(0, MostBytes) + ".new-" + std::to_string(number);
 }
 

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "vpn/Common/Utility/Shortage.h"
+enum class Shortage : unsigned char;
 
 /// What threads work for. A thread has the task of the thread that started it, and a timer's
 /// callback that of the thread that armed the timer, so whatever serves a task below can find it

@@ -1,7 +1,7 @@
 // The signal comes to the thread that writes. It is blocked there, and taken back once it is
 // pending, unless the host's own was pending before.
 
-#include "vpn/Common/Utility/FileSizeGuard.h"
+#include "vpn/Common/Trust/FileSizeGuard.h"
 
 #include <time.h>
 

@@ -1,6 +1,6 @@
 // The one place that reads the environment.
 
-#include "vpn/Common/Utility/Environment.h"
+#include "vpn/Common/Trust/Environment.h"
 
 #include <stdlib.h>
 #include <sys/auxv.h>

@@ -63,8 +63,10 @@ void makeUsual() {
   setsid();                                       // modules cannot type at the host's terminal
 }
 
-/// Moves the socket away from the standard streams, which modules may use.
+/// Closes what is the host's, and moves the socket away from the standard streams, which modules
+/// may use.
 int takeSocket() {
+  closefrom(STDIN_FILENO + 1);
   const int asker = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   close(STDIN_FILENO);
   open("/dev/null", O_RDWR);

@@ -94,11 +94,11 @@ std::vector<std::string> findHelper() {
 /// Becomes the helper. The memory is the host's, so nothing but system calls.
 int becomeHelper(void* shared) {
   Start& start = *static_cast<Start*>(shared);
-  // The socket becomes descriptor 0; everything else is closed.
+  // The socket becomes descriptor 0; the helper closes all others.
   const long moved = start.socket == STDIN_FILENO
                          ? syscall(SYS_fcntl, start.socket, F_SETFD, 0)
                          : syscall(SYS_dup3, start.socket, STDIN_FILENO, 0);
-  if (moved < 0 || syscall(SYS_close_range, STDIN_FILENO + 1, ~0U, 0) != 0) {
+  if (moved < 0) {
     start.error = errno;
     return 1;
   }

@@ -74,7 +74,11 @@ class Check {
         "the provider was deleted out of order");
     for (unsigned int i = 0; i < m_run.headends; ++i) {
       const std::size_t ended = find(WorkerEnds, i);
-      require((ended != Nowhere) == m_stage.isStarted[i], "a worker did not end");
+      // One that waits for a thread does not begin once the timer has fired.
+      const bool mayNotBegin = m_isByTimer && m_run.refuses(Role::Worker, i);
+      const bool isStarted = m_stage.isStarted[i];
+      require((ended != Nowhere) == isStarted || (isStarted && mayNotBegin),
+              "a worker did not end");
       require(ended == Nowhere || ended < destroyed, "destroyed before a worker had ended");
       require(m_isByTimer || ended == Nowhere || ended < m_first, "a worker was not waited for");
     }

@@ -122,7 +122,7 @@ void* CThread::threadEntry(void* object) {
   // Destroyed last: the task outlives all that the thread does for it.
   const CTask::Scope scope(std::move(thread->m_task));
   Ending ending(thread);
-  if (thread->m_pKeptAlive != nullptr && thread->m_pKeptAlive->isLate()) {
+  if (thread->m_waiting.hasWaited && thread->m_pKeptAlive->isLate()) {
     ending.exitCode = static_cast<unsigned int>(THREAD_ERROR_TIMEOUT);
     return nullptr;
   }

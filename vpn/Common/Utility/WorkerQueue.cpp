@@ -60,6 +60,7 @@ struct Queue {
 
   void append(Body& body) AHS_REQUIRES(lock) {
     body.next = nullptr;
+    body.hasWaited = false;
     *end = &body;
     end = &body.next;
   }
@@ -181,6 +182,9 @@ int CWorkerQueue::run(Body& body) noexcept {
   }
   all.append(body);
   const int error = startAll(all);
+  if (all.end == &body.next) {
+    body.hasWaited = true;  // it is the last one in the queue
+  }
   if (error == 0 || all.running != 0) {
     return 0;
   }

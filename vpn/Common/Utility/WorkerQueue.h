@@ -12,6 +12,7 @@ class CWorkerQueue {
     void* (*function)(void*) = nullptr;  ///< what is called; its result is dropped
     void* argument = nullptr;            ///< what it is called with
     Body* next = nullptr;                ///< the queue's
+    bool hasWaited = false;              ///< there was no room for it at first
   };
 
   CWorkerQueue() = delete;

@@ -80,6 +80,15 @@ TEST_F(ExecCommandTest, TheProgramHasTheLimitOfDescriptorsThatTheCommandWasStart
   EXPECT_EQ(outcome.out, "300\n");
 }
 
+TEST_F(ExecCommandTest, WhatTheMachineLacksIsToldAndNotRemembered) {
+  const Outcome outcome =
+      shell("(ulimit -n 5; ahs select " + near.address() + " no.such.example); ahs cache show");
+  EXPECT_THAT(outcome.out, HasSubstr("no.such.example  this machine ran out of descriptors\n"));
+  EXPECT_THAT(outcome.out,
+              HasSubstr("ahs: this machine ran out of descriptors: 1 of 2 headends were not"));
+  EXPECT_THAT(outcome.out, HasSubstr("Selections: 0\n"));
+}
+
 TEST_F(ExecCommandTest, AFileThatMayNotGrowIsAFailureWithAMessage) {
   const Outcome outcome = shell("(ulimit -f 0; ahs cache path 2>&3 >out; echo $? >&3) 3>&1 | cat");
   EXPECT_THAT(outcome.out, HasSubstr("could not be written to standard output: File too large"));

@@ -287,7 +287,7 @@ class Attack:
         elif kind in ("full", "null"):
             path = pathlib.Path("/dev") / kind
         self.outputs.append(path)
-        return str(path), kind not in ("new", "old", "null")
+        return str(path), kind not in ("new", "old")
 
     def draw_files(self):
         options = []
@@ -416,6 +416,8 @@ class Attack:
             if harmful:
                 raise Failure(f"{name} has {harmful}; {told}")
         after = self.snapshot()
+        if after.get("outside/keys", (0, 0, 1))[2] == 0:
+            del after["outside/keys"]  # libcurl opens the key log when it starts; nobody may write to it
         changed = sorted(name for name in before.keys() | after.keys() if before.get(name) != after.get(name))
         if changed:
             raise Failure(f"it changed {changed}; {told}")

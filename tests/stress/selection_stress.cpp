@@ -75,7 +75,7 @@ class Check {
     for (unsigned int i = 0; i < m_run.headends; ++i) {
       const std::size_t ended = find(WorkerEnds, i);
       // One that waits for a thread does not begin once the timer has fired.
-      const bool mayNotBegin = m_isByTimer && m_run.refuses(Role::Worker, i);
+      const bool mayNotBegin = find(TimerIsIn) != Nowhere && m_run.refuses(Role::Worker, i);
       const bool isStarted = m_stage.isStarted[i];
       require((ended != Nowhere) == isStarted || (isStarted && mayNotBegin),
               "a worker did not end");

@@ -56,7 +56,7 @@ std::map<std::string, unsigned int> metricsOf(const std::vector<CHeadendRTT>& me
 }  // namespace
 
 const char* outcomeName(HeadendOutcome outcome) {
-  static const char* const Names[] = {"answered",
+  static const char* const names[] = {"answered",
                                       "untrusted certificate",
                                       "client certificate wanted",
                                       "not HTTP",
@@ -72,7 +72,7 @@ const char* outcomeName(HeadendOutcome outcome) {
                                       Shortages::inWords(Shortage::Descriptors),
                                       Shortages::inWords(Shortage::Threads),
                                       Shortages::inWords(Shortage::Memory)};
-  return Names[static_cast<std::size_t>(outcome)];
+  return names[static_cast<std::size_t>(outcome)];
 }
 
 HeadendOutcome outcomeOf(const HttpProbe::Report& probe) {

@@ -158,7 +158,7 @@ TEST_F(SurroundingsTest, ClockAndHomeDirectoryDoWhatTheTableSays) {
     {"relative home", {"HOME=here"}, "", "warning: neither HOME nor XDG_CACHE_HOME", false},
     {"home that is not there", {"HOME=" + missing}, "", "warning: neither HOME", false},
     {"no home, cache that is not there", {"XDG_CACHE_HOME=" + made}, made + "/ahs", ""},
-#if AHS_MOVES_CLOCK
+#ifdef AHS_MOVES_CLOCK
     {"before 1970", {"HOME=" + home, preload, clock + Before1970}, "", "", false},
     {"after 2200", {"HOME=" + home, preload, clock + After2200}, cache, ""},
 #endif

@@ -138,8 +138,8 @@ TEST_F(SurroundingsTest, AHostEntryWithACharacterThatStandsForAnotherIsLeftOut) 
 // ---- Clock and home directory -----------------------------------------------------------------
 
 TEST_F(SurroundingsTest, ClockAndHomeDirectoryDoWhatTheTableSays) {
-  constexpr const char* Before1970 = "-86400";
-  constexpr const char* After2200 = "7300000000";
+  [[maybe_unused]] constexpr const char* Before1970 = "-86400";
+  [[maybe_unused]] constexpr const char* After2200 = "7300000000";
   const std::string preload = "LD_PRELOAD=" AHS_MOVED_CLOCK;
   const std::string clock = "AHS_TEST_CLOCK=";
   const std::string cache = home + "/.cache/ahs";
@@ -153,14 +153,14 @@ TEST_F(SurroundingsTest, ClockAndHomeDirectoryDoWhatTheTableSays) {
     bool remembers = true;  ///< the second selection needs no request
   };
   const Row rows[] = {
-    {"usual", {"HOME=" + home}, cache, ""},
-    {"no home", {}, "", "warning: neither HOME nor XDG_CACHE_HOME", false},
-    {"relative home", {"HOME=here"}, "", "warning: neither HOME nor XDG_CACHE_HOME", false},
-    {"home that is not there", {"HOME=" + missing}, "", "warning: neither HOME", false},
-    {"no home, cache that is not there", {"XDG_CACHE_HOME=" + made}, made + "/ahs", ""},
+      {"usual", {"HOME=" + home}, cache, ""},
+      {"no home", {}, "", "warning: neither HOME nor XDG_CACHE_HOME", false},
+      {"relative home", {"HOME=here"}, "", "warning: neither HOME nor XDG_CACHE_HOME", false},
+      {"home that is not there", {"HOME=" + missing}, "", "warning: neither HOME", false},
+      {"no home, cache that is not there", {"XDG_CACHE_HOME=" + made}, made + "/ahs", ""},
 #ifdef AHS_MOVES_CLOCK
-    {"before 1970", {"HOME=" + home, preload, clock + Before1970}, "", "", false},
-    {"after 2200", {"HOME=" + home, preload, clock + After2200}, cache, ""},
+      {"before 1970", {"HOME=" + home, preload, clock + Before1970}, "", "", false},
+      {"after 2200", {"HOME=" + home, preload, clock + After2200}, cache, ""},
 #endif
   };
   for (const Row& row : rows) {

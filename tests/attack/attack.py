@@ -341,10 +341,11 @@ class Attack:
         if self.chance(0.7):
             return
         limits = [f"ulimit -n {self.draw.choice([8, 12, 16, 24, 32, 64, 256])}",
-                  f"ulimit -f {self.draw.choice([0, 1, 4])}", f"ulimit -s {self.draw.choice([256, 1024, 'unlimited'])}",
+                  f"ulimit -s {self.draw.choice([256, 1024, 'unlimited'])}",
                   "umask 777", "umask 0", "exec <&-", "exec >&-", "exec 2>&-", "exec <&- >&- 2>&-", "exec >/dev/full",
                   "trap '' PIPE", "trap '' TERM INT HUP", "cd /", "ulimit -c 0"]
-        if not self.stage.is_sanitized:  # a sanitizer takes terabytes of addresses
+        if not self.stage.is_sanitized:  # a sanitizer takes terabytes of addresses, and may write a file as it starts
+            limits.append(f"ulimit -f {self.draw.choice([0, 1, 4])}")
             limits.append(f"ulimit -v {self.draw.choice([100, 128, 200, 512]) * 1024}")
         if self.command == "watch":
             limits.remove("trap '' TERM INT HUP")

@@ -95,6 +95,9 @@ TEST_F(ExecCommandTest, WhatTheMachineLacksIsToldAndNotRemembered) {
 }
 
 TEST_F(ExecCommandTest, AFileThatMayNotGrowIsAFailureWithAMessage) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "the sanitizer writes a file as it starts";
+#endif
   const Outcome outcome = shell("(ulimit -f 0; ahs cache path 2>&3 >out; echo $? >&3) 3>&1 | cat");
   EXPECT_THAT(outcome.out, HasSubstr("could not be written to standard output: File too large"));
   EXPECT_THAT(outcome.out, testing::EndsWith("2\n"));

@@ -29,6 +29,7 @@ namespace tests {
 namespace {
 
 using testing::Contains;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -136,12 +137,14 @@ TEST_F(SystemProxyTest, TheHelperHasNothingOfTheHostButItsUserAndItsEnvironment)
   const std::string none(16, '0');
   for (const std::string& expected :
        {"Uid:\t" + user + "\t" + user + "\t" + user + "\t" + user, "SigBlk:\t" + none,
-        "SigIgn:\t" + none, "CapInh:\t" + none, "CapPrm:\t" + none, "CapEff:\t" + none,
-        "CapAmb:\t" + none, std::string("NoNewPrivs:\t1"), std::string("descriptor 3"),
+        "CapInh:\t" + none, "CapPrm:\t" + none, "CapEff:\t" + none, "CapAmb:\t" + none,
+        std::string("NoNewPrivs:\t1"), std::string("descriptor 3"),
         std::string("AHS_TEST_VARIABLE=of the host")}) {
     EXPECT_THAT(entries, Contains(expected));
   }
   EXPECT_THAT(entries, Not(Contains(HasSubstr("descriptor 700"))));
+  // Of a test started by posix_spawn(3), glibc leaves its own signal 32 ignored.
+  EXPECT_THAT(entries, Contains(ContainsRegex("SigIgn:\t00000000[08]0000000")));
   if (geteuid() == 0) {
     EXPECT_THAT(entries, Contains("Groups:\t "));
   }

@@ -61,6 +61,7 @@ CThread::CThread(std::size_t stackSize)
 CThread::~CThread() = default;
 
 STATUSCODE CThread::Start() {
+  const bool isTasks = m_pKeptAlive != nullptr;
   int error = 0;
   const STATUSCODE status = start(error);
   if (error != 0) {
@@ -69,7 +70,7 @@ STATUSCODE CThread::Start() {
                            onReserve ? Logging::DBG_Warning : Logging::DBG_Error, "pthread_create",
                            THREAD_ERROR_CREATE_FAILED, error,
                            onReserve ? "the thread in reserve takes over" : nullptr);
-    if (m_pKeptAlive != nullptr) {
+    if (isTasks) {
       Shortages::note(Shortage::Threads);
     }
   }

@@ -6,9 +6,11 @@
 
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <array>
 #include <climits>
 #include <cstddef>
 #include <new>
@@ -39,7 +41,9 @@ long mostByMemory() noexcept {
   }
   long pages = 0;
   if (FILE* const sizes = fopen("/proc/self/statm", "re"); sizes != nullptr) {
-    pages = fscanf(sizes, "%ld", &pages) == 1 ? pages : 0;
+    std::array<char, 32> text{};  // the first number counts all pages
+    pages =
+        fgets(text.data(), text.size(), sizes) != nullptr ? strtol(text.data(), nullptr, 10) : 0;
     fclose(sizes);
   }
   return (static_cast<long>(space.rlim_cur) - pages * sysconf(_SC_PAGESIZE)) / BytesOfAWorker;

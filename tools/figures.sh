@@ -11,8 +11,8 @@ lines() { git ls-files -- "$@" | xargs -r -d '\n' cat | wc -l; } # lines PATHSPE
 
 echo "Lines by room"
 product=0
-for room in vpn/include vpn/Common/Trust vpn/Common/Logging vpn/Common/Utility vpn/Common/IP ':(glob)vpn/Api/*' vpn/Api/schema \
-  vpn/Api/AHS vpn/CMakeLists.txt helper capi include ':(glob)cli/*' $(git ls-files 'cli/*/*' | cut -d/ -f1,2 | sort -u); do
+for room in vpn/include vpn/Common/Trust vpn/Common/Logging vpn/Common/Utility vpn/Common/IP ':(glob)vpn/Api/*' \
+  vpn/Api/schema vpn/Api/AHS vpn/CMakeLists.txt helper capi include ':(glob)cli/*' $(git ls-files 'cli/*/*' | cut -d/ -f1,2 | sort -u); do
   count=$(lines "$room")
   product=$((product + count))
   printf '%7d  %s\n' "$count" "${room#:(glob)}"

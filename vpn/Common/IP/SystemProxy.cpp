@@ -25,6 +25,7 @@
 #include <string_view>
 
 #include "vpn/Common/Trust/Environment.h"
+#include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 
 // clone(2) by the C library's own name: a sanitizer's clone() knows no shared memory.
@@ -37,19 +38,6 @@ constexpr std::size_t MostAnswerBytes = 64UL * 1024;
 
 // Of each process on the way to the helper, which makes a few system calls.
 constexpr std::size_t StackBytes = 16UL * 1024;
-
-/// Closes a descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : m_number(number) {}
-  ~Descriptor() { close(m_number); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number() const { return m_number; }
-
- private:
-  const int m_number;
-};
 
 /// What the processes on the way to the helper share with the thread that starts them, which stands
 /// still meanwhile.
@@ -196,11 +184,11 @@ SystemProxy::Outcome SystemProxy::find(const std::string& url, std::chrono::mill
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     return Outcome::Failed;
   }
-  const Descriptor own(ends[0]);
+  const FileTrust::Descriptor own(ends[0]);
   {
-    const Descriptor helpers(ends[1]);
-    const bool isAsked = send(own.number(), url.data(), url.size(), MSG_NOSIGNAL) >= 0;
-    const int error = isAsked ? startHelper(helpers.number()) : errno;
+    const FileTrust::Descriptor helpers(ends[1]);
+    const bool isAsked = send(own.get(), url.data(), url.size(), MSG_NOSIGNAL) >= 0;
+    const int error = isAsked ? startHelper(helpers.get()) : errno;
     if (error == ENOENT) {
       entries = {"direct://"};
       return Outcome::Found;
@@ -209,6 +197,6 @@ SystemProxy::Outcome SystemProxy::find(const std::string& url, std::chrono::mill
       return Outcome::Failed;
     }
   }
-  const Outcome outcome = await(own.number(), cancel, deadline);
-  return outcome == Outcome::Found ? readAnswer(own.number(), entries) : outcome;
+  const Outcome outcome = await(own.get(), cancel, deadline);
+  return outcome == Outcome::Found ? readAnswer(own.get(), entries) : outcome;
 }

@@ -5,7 +5,6 @@
 #include <dirent.h>
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <memory>

@@ -168,8 +168,7 @@ std::string checkName(const std::string& name) {
   }
   if (isReplaced(name)) {
     return "The host has a character in it that stands for another one, such as a wide letter, "
-           "digit "
-           "or full stop; write the plain one.";
+           "digit or full stop; write the plain one.";
   }
   in_addr binary{};
   if (isNumber(std::string_view(name).substr(name.rfind('.') + 1)) &&

@@ -68,7 +68,7 @@ build_target() { # build_target PRESET TARGET LOG
 run_tests() { # run_tests PRESET TARGET FILTER SECONDS LOG
   ( # what it dies of is for the log too
     cd "$tree/build/$1" || exit
-    timeout -k 5 "$4" "bin/$2" --gtest_filter="$3" --gtest_brief=1 --gtest_fail_fast
+    timeout -k 5 "$4" "$(find bin -name "$2")" --gtest_filter="$3" --gtest_brief=1 --gtest_fail_fast
     exit $?
   ) >"$5" 2>&1
 }

@@ -65,10 +65,12 @@ build_target() { # build_target PRESET TARGET LOG
   cmake --build "$tree/build/$1" -j "${JOBS:-$(nproc)}" --target "$2" >"$3" 2>&1
 }
 
+program() { find "$tree/build/$1/bin" -name "$2"; } # program PRESET TARGET
+
 run_tests() { # run_tests PRESET TARGET FILTER SECONDS LOG
   ( # what it dies of is for the log too
     cd "$tree/build/$1" || exit
-    timeout -k 5 "$4" "$(find bin -name "$2")" --gtest_filter="$3" --gtest_brief=1 --gtest_fail_fast
+    timeout -k 5 "$4" "$(program "$1" "$2")" --gtest_filter="$3" --gtest_brief=1 --gtest_fail_fast
     exit $?
   ) >"$5" 2>&1
 }
@@ -107,7 +109,7 @@ try() { # try NAME: what becomes of a mutant, as the verdict
     verdict="does not apply"
   elif ! passes_without_mutants "$preset" "$target" "$log"; then
     verdict="has tests that fall without it"
-  elif ! "$tree/build/$preset/bin/$target" --gtest_filter="$filter" --gtest_list_tests | grep '^  ' >/dev/null; then
+  elif ! "$(program "$preset" "$target")" --gtest_filter="$filter" --gtest_list_tests | grep '^  ' >/dev/null; then
     verdict="names no test"
   else
     git -C "$tree" apply "$patches/$1.patch"

@@ -6,8 +6,6 @@
 #include <cstddef>
 #include <cstring>
 #include <map>
-#include <string_view>
-#include <utility>
 
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/ProxyChoice.h"

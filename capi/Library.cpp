@@ -4,7 +4,6 @@
 #include "capi/Library.h"
 
 #include <chrono>
-#include <utility>
 
 namespace {
 

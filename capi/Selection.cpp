@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <optional>
 #include <utility>
 
 #include "capi/SocketWay.h"

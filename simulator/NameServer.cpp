@@ -10,7 +10,6 @@
 #include <cctype>
 #include <cerrno>
 #include <optional>
-#include <string_view>
 #include <system_error>
 
 namespace simulator {

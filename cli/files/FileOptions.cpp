@@ -5,7 +5,6 @@
 #include "cli/files/FileOptions.h"
 
 #include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,11 +1,9 @@
 #pragma once
 
 #include <ahs/ahs.hpp>
-#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "tests/support/Eventually.h"

@@ -1,7 +1,6 @@
 // The C library's allocator for a program in which it can fail: under the C++ runtime, libcurl,
 // OpenSSL and libxml2 alike. The memory is the C library's own, so that free stays as it is.
 
-#include <cerrno>
 #include <cstddef>
 
 #include "tests/faults/Injection.h"

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstddef>
-
 namespace tests {
 
 /// What can be made to fail. A value stands for a family of library functions that fail alike; see

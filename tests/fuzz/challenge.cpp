@@ -1,7 +1,6 @@
 // Challenges of proxies. Whatever an answer's head, a realm is a bounded part of it without control
 // characters; folding, letter case and surroundings do not matter.
 
-#include <algorithm>
 #include <string>
 
 #include "tests/fuzz/require.h"

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
 
 #include "tests/host/HostScene.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"

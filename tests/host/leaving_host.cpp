@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <stdexcept>
 
 #include "tests/host/HostScene.h"
 

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <utility>

@@ -1,13 +1,11 @@
 // A proxy credential in clear text, and what it leaves in memory. Every block is searched for the
 // secret before this program frees it.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <functional>
 #include <string>
-#include <type_traits>
 #include <utility>
 
 #include "tests/support/ReleasedMemory.h"

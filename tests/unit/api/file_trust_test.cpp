@@ -1,7 +1,6 @@
 // Files that another user could have written, and files that nobody else could: owners, permissions
 // of files and directories, targets of links, and the text of a refusal.
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>

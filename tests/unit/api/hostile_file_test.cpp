@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 
 #include "tests/unit/api/api_fixture.h"
 

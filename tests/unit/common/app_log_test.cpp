@@ -12,7 +12,6 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <stdexcept>

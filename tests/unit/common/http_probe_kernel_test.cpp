@@ -2,7 +2,6 @@
 // TCP_INFO, and slows connect(2) down, which takes no time on a loopback interface.
 
 #include <dlfcn.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
@@ -14,7 +13,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
-#include <optional>
 #include <string>
 #include <thread>
 

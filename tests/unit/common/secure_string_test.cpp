@@ -9,7 +9,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 #include "tests/support/ReleasedMemory.h"
 #include "vpn/include/StringUtils.h"

@@ -2,7 +2,6 @@
 // and what happens to the timer.
 
 #include <string>
-#include <vector>
 
 #include "tests/unit/selection/selection_fixture.h"
 

@@ -2,7 +2,6 @@
 // that a run whose construction failed is harmless.
 
 #include <array>
-#include <vector>
 
 #include "tests/unit/selection/selection_fixture.h"
 

@@ -3,8 +3,6 @@
 
 #include <cstdio>
 #include <stdexcept>
-#include <utility>
-#include <vector>
 
 #include "tests/unit/selection/selection_fixture.h"
 

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cerrno>
 #include <new>
-#include <thread>
 
 #include "tests/support/Gate.h"
 #include "tests/unit/selection/selection_fixture.h"

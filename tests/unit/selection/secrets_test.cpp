@@ -1,7 +1,6 @@
 // Secrets in freed memory: whatever a run has held of a proxy's user and password is wiped before
 // its block is given back.
 
-#include <atomic>
 #include <string>
 
 #include "tests/support/ReleasedMemory.h"

@@ -2,9 +2,7 @@
 // is called once, nothing is used after it was freed, and no thread or acquisition is left.
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/unit/selection/selection_fixture.h"
 

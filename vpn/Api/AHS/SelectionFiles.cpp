@@ -14,7 +14,6 @@
 #include <charconv>
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <system_error>
 #include <utility>
 

@@ -21,7 +21,6 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <string_view>
 
 #include "vpn/Common/Trust/Environment.h"

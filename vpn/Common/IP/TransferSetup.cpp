@@ -5,7 +5,6 @@
 #include <curl/curl.h>
 
 #include <initializer_list>
-#include <string>
 
 #include "vpn/Common/IP/ProbeRequest.h"
 #include "vpn/Common/IP/TlsHandshake.h"

@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <memory>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
 #include "vpn/Common/Trust/FileTrust.h"

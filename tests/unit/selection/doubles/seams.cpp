@@ -1,8 +1,6 @@
 // The wrappers that the linker puts in front of real operations. Each calls the real one unless a
 // hook decides otherwise. Their names are the mangled names of the operations.
 
-#include <new>
-
 #include "tests/unit/selection/doubles/doubles.h"
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names

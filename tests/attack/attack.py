@@ -65,10 +65,6 @@ NAMES = ["", "-", "--", "-x", ".", "..", "a b", "a\nb", "a\tb", "\x1b]0;evil\x07
 ISOLATED = "AHS_ATTACK_ISOLATED"
 
 
-class Failure(Exception):
-    pass
-
-
 def is_harmful(character):
     """What a reader cannot see, or a terminal or text layout obeys."""
     code = ord(character)
@@ -367,8 +363,6 @@ class Attack:
     def run(self):
         before = self.snapshot()
         words = [word.encode("utf-8", "surrogateescape") for word in self.words()]
-        if any(b"\0" in word for word in words):
-            return
         program = subprocess.Popen(words, env=self.environment, cwd=self.root / "tmp", stdin=subprocess.DEVNULL,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True)
         killer = None
@@ -380,7 +374,7 @@ class Attack:
         except subprocess.TimeoutExpired:
             os.killpg(program.pid, signal.SIGKILL)
             out, err = program.communicate()
-            raise Failure(f"it did not end in {self.stage.limit} s; it wrote: {out!r} {err!r}") from None
+            raise AssertionError(f"it did not end in {self.stage.limit} s; it wrote: {out!r} {err!r}") from None
         finally:
             if killer is not None:
                 killer.cancel()
@@ -415,13 +409,13 @@ class Attack:
             except UnicodeDecodeError as error:
                 harmful = [str(error)]
             if harmful:
-                raise Failure(f"{name} has {harmful}; {told}")
+                raise AssertionError(f"{name} has {harmful}; {told}")
         after = self.snapshot()
         if after.get("outside/keys", (0, 0, 1))[2] == 0:
             del after["outside/keys"]  # libcurl opens the key log when it starts; nobody may write to it
         changed = sorted(name for name in before.keys() | after.keys() if before.get(name) != after.get(name))
         if changed:
-            raise Failure(f"it changed {changed}; {told}")
+            raise AssertionError(f"it changed {changed}; {told}")
         self.check_children(program.pid, told)
         if self.command == "select" and status == 0 and b"{" in out and "--json" in self.arguments:
             self.check_measured(json.loads(out), err, told)
@@ -437,9 +431,9 @@ class Attack:
         if self.command == "exec" and any("ulimit" in limit for limit in self.limits):
             expected.add(127)  # the program's own loader
         if status not in expected:
-            raise Failure(f"an undocumented {told}")
+            raise AssertionError(f"an undocumented {told}")
         if self.must_succeed and self.command in ("select", "exec", "host") and status != 0:
-            raise Failure(f"nothing was selected: {told}")
+            raise AssertionError(f"nothing was selected: {told}")
 
     def check_children(self, group, told):
         until = time.monotonic() + 5
@@ -449,17 +443,16 @@ class Attack:
             except ProcessLookupError:
                 return
             time.sleep(0.05)
-        raise Failure(f"a process is left: {told}")
+        raise AssertionError(f"a process is left: {told}")
 
     def check_measured(self, result, err, told):
         for headend in result["results"]:
             if not self.measures or headend["headend"] not in self.well or headend["metricMs"] is not None:
                 continue
-            lacked = self.limits and "this machine ran out of" in headend["outcome"]
-            if not lacked:
-                raise Failure(f"a gateway that is well is said to be: {headend['outcome']}; {told}")
+            if not self.limits or "this machine ran out of" not in headend["outcome"]:
+                raise AssertionError(f"a gateway that is well is said to be: {headend['outcome']}; {told}")
             if b"ran out of" not in err:
-                raise Failure(f"standard error does not say what this machine lacked; {told}")
+                raise AssertionError(f"standard error does not say what this machine lacked; {told}")
 
     def check_cache(self, told):
         if not self.cache.is_dir() or self.command in ("host", "cache clear") or not self.measures:
@@ -471,7 +464,7 @@ class Attack:
             known = {result["headend"] for result in selection["results"] if result["metricMs"] is not None}
             forgotten = set(self.well) & set(selection["candidates"]) - known
             if forgotten:
-                raise Failure(f"the cache remembers that {sorted(forgotten)} cannot be reached; {told}")
+                raise AssertionError(f"the cache remembers that {sorted(forgotten)} cannot be reached; {told}")
 
 
 def attempt(stage, seed, number):

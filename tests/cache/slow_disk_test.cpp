@@ -12,7 +12,6 @@
 
 #include "tests/host/HostScene.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
-#include "vpn/Api/AHS/SelectionCache.h"
 
 namespace {
 

@@ -15,7 +15,6 @@
 
 #include "tests/support/private_access.h"
 #include "tests/unit/ahs/resolver_double.h"
-#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Logging/AppLog.h"
 

@@ -16,7 +16,6 @@
 #include <thread>
 
 #include "tests/unit/ahs/cache_fixture.h"
-#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;

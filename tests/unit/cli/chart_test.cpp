@@ -8,7 +8,6 @@
 
 #include "cli/show/ResultPage.h"
 #include "tests/unit/cli/some_results.h"
-#include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
 namespace {
 

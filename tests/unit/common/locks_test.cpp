@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/common/counted.h"
+#include "tests/support/Eventually.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 
 namespace {

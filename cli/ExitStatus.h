@@ -39,6 +39,6 @@ inline constexpr std::array StatusMeanings = {
                   "a proxy asks for a login, and none or a wrong one was given"},
     StatusMeaning{"126", "exec", "the program cannot be run"},
     StatusMeaning{"127", "exec", "there is no such program"},
-    StatusMeaning{"any", "exec", "that of the program, where one was run"},
+    StatusMeaning{"any", "exec", "that of the program, whenever one ran"},
     StatusMeaning{"128 + N", "all", "ended by the signal N"},
 };

@@ -173,8 +173,8 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
-            "Least important message to log (info unless given), on standard error unless "
-            "--log-file or --syslog is given; with none of the three, no log")
+            "Log from this importance up, on standard error or where --log-file or --syslog says; "
+            "without it, these two log from info up")
       ->check(CLI::IsMember({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
   command.add_flag("--syslog", options.syslog, "Log to the system's log");

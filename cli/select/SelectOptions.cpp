@@ -133,9 +133,9 @@ void addReasonOption(CLI::App& command, SelectOptions& options) {
 }
 
 void addProxyOptions(CLI::App& command, ProxyOptions& options) {
-  CLI::Option* const proxy =
-      addOption(command, "--proxy", "HOST[:PORT]", options.proxy,
-                "Go through this proxy, whatever the preferences say; port 80 unless one is given");
+  CLI::Option* const proxy = addOption(
+      command, "--proxy", "HOST[:PORT]", options.proxy,
+      "Proxy of the test probe, whatever the preferences say; port 80 unless one is given");
   CLI::Option* const user = addOption(
       command, "--proxy-user", "NAME", options.user,
       "User name for a proxy that asks for a login; a missing password is asked for on the "
@@ -147,7 +147,9 @@ void addProxyOptions(CLI::App& command, ProxyOptions& options) {
   CLI::Option* const descriptor = addOption(
       command, "--proxy-password-fd", "N", options.passwordDescriptor,
       "Descriptor that is open for reading (0, or 3 and above) to take the password from");
-  command.add_flag("--no-proxy", options.noProxy, "Go through none, whatever the preferences say")
+  command
+      .add_flag("--no-proxy", options.noProxy,
+                "No proxy for the test probe, whatever the preferences say")
       ->excludes(proxy, user, file, descriptor);
   file->needs(user)->excludes(descriptor);
   descriptor->needs(user);
@@ -173,8 +175,8 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
-            "Log from this importance up, on standard error or where --log-file or --syslog says; "
-            "without it, these two log from info up")
+            "Log from this importance up, to --log-file or --syslog (there info unless given), or "
+            "else to standard error")
       ->check(CLI::IsMember({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
   command.add_flag("--syslog", options.syslog, "Log to the system's log");

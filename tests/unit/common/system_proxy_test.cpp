@@ -194,6 +194,7 @@ TEST(DISABLED_Elsewhere, NamesADirectWay) {
 }
 
 TEST(SystemProxy, WhereNoHelperIsOrAnybodyMayHavePlacedItTheWayIsDirect) {
+  std::filesystem::remove(AHS_HELPER);
   const auto here = std::filesystem::read_symlink("/proc/self/exe");
   const TemporaryDirectory elsewhere;
   const std::vector<std::string> command = {elsewhere.File("program"),
@@ -201,6 +202,9 @@ TEST(SystemProxy, WhereNoHelperIsOrAnybodyMayHavePlacedItTheWayIsDirect) {
                                             "--gtest_filter=DISABLED_Elsewhere.*"};
   std::filesystem::copy_file(here, command[0]);
   runToEnd(command, elsewhere.Path());
+  std::filesystem::copy_file(here.parent_path() / "ahs-proxy", AHS_HELPER);
+  EXPECT_ANY_THROW(runToEnd(command, elsewhere.Path())) << "the one that is installed is asked";
+  std::filesystem::remove(AHS_HELPER);
   std::filesystem::copy_file(here.parent_path() / "ahs-proxy", elsewhere.File("ahs-proxy"));
   EXPECT_ANY_THROW(runToEnd(command, elsewhere.Path())) << "this one is asked";
   std::filesystem::permissions(elsewhere.Path(), std::filesystem::perms(01777));  // as /tmp has it

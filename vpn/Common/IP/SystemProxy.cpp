@@ -92,6 +92,7 @@ int becomeHelper(void* shared) {
   for (const char* const program : start.programs) {
     if (program != nullptr) {
       const std::array<const char*, 2> arguments = {program, nullptr};
+      start.error = 0;  // from here on the helper's memory is its own
       syscall(SYS_execve, program, arguments.data(), start.environment);
       start.error = errno;
       if (start.error != ENOENT && start.error != ENOTDIR) {

@@ -169,6 +169,7 @@ TEST_F(HttpProbeTest, WhereTooManyLookUpsWereLeftBehindNoNameIsLookedUpUntilThey
       lookup.noteStart();
     }
     EXPECT_EQ(probe(server.port(), kPatience, "one.test"), HTTP_SESSION_ERROR_DNS_RESOLUTION);
+    EXPECT_EQ(report().shortage, Shortage::Threads) << "the name is not to blame";
     EXPECT_EQ(probe(server.port(), kPatience, "127.0.0.1"), HTTP_SESSION_SUCCESS);
   }
   for (std::thread& thread : left) {

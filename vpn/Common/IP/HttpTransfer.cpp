@@ -225,6 +225,7 @@ Shortage HttpTransfer::shortageOfLookUp() const {
   ::close(pair[0]);
   ::close(pair[1]);
   const bool lacksThread =
+      m_lookup.isRefused() ||
       std::string_view(m_failure.data()).find("thread failed") != std::string_view::npos;
   return lacksThread ? Shortage::Threads : Shortage::None;
 }
@@ -449,7 +450,7 @@ int HttpTransfer::open(int family, int type, int protocol) {
   }
   const int opened = socket(family, type | SOCK_CLOEXEC, protocol);
   ProbeTask* const task = m_request->task;
-  if (opened == NoSocket) {
+  if (opened == NoSocket && m_outcome.shortage == Shortage::None) {
     m_outcome.shortage = Shortages::fromErrno(errno);
   }
   if (opened != NoSocket && task != nullptr &&

@@ -24,7 +24,7 @@ constexpr std::string_view ThreadName = "ahs-name-lookup";
 constexpr std::chrono::seconds CountInterval{1};
 
 constinit std::atomic<int> underWay{0};
-// No fewer than there are.
+// About as many as there are.
 constinit std::atomic<int> left{0};
 constinit std::atomic<steady_clock::rep> nextCount{0};
 
@@ -46,11 +46,13 @@ void countAgain() {
   }
   int threads = 0;
   FileTrust::Descriptor all(open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  FileTrust::visitNames(std::move(all), [&threads](const std::string& thread) {
+  const int error = FileTrust::visitNames(std::move(all), [&threads](const std::string& thread) {
     threads += isLookup(thread) ? 1 : 0;
     return true;
   });
-  left = std::max(threads - underWay, 0);
+  if (error == 0) {
+    left = std::max(threads - underWay, 0);
+  }
 }
 
 }  // namespace
@@ -59,7 +61,8 @@ bool NameLookup::begin() {
   if (left >= MostLeft) {
     countAgain();
   }
-  if (left >= MostLeft) {
+  m_isRefused = left >= MostLeft;
+  if (m_isRefused) {
     return false;
   }
   end(true);

@@ -21,6 +21,8 @@ class NameLookup {
   /// To be called before the transport starts the thread, which inherits its name from the caller.
   /// @return whether it may be started.
   bool begin();
+  /// Whether too many were left behind for this one.
+  bool isRefused() const { return m_isRefused; }
   /// To be called when the thread has been started: gives the caller its own name back.
   void noteStart();
   /// To be called at the end. @param isOver whether the look-up has; else its thread is left
@@ -33,4 +35,5 @@ class NameLookup {
   std::array<char, NameBytes> m_callersName{};
   bool m_isStarting = false;
   bool m_isUnderWay = false;
+  bool m_isRefused = false;
 };

@@ -298,7 +298,12 @@ bool FileTrust::makeDirectory(const std::string& path, Refusal& refusal) {
   if (refusal.error != ENOENT || parent == whole || !makeDirectory(parent, refusal)) {
     return false;
   }
-  return ::mkdir(path.c_str(), S_IRWXU) == 0 || errno == EEXIST || fail(refusal, errno);
+  if (::mkdir(path.c_str(), S_IRWXU) == 0) {
+    return true;
+  }
+  // Somebody else has made it meanwhile.
+  return errno == EEXIST ? openDirectory(path, Check::Strict, directory, refusal)
+                         : fail(refusal, errno);
 }
 
 bool FileTrust::findPlace(const std::string& path, Place& place, Refusal& refusal) {
@@ -343,16 +348,15 @@ int FileTrust::replaceFile(const Place& place, std::string_view text, mode_t mod
   struct stat former = {};
   const bool hasFormer =
       ::fstatat(directory, place.name.c_str(), &former, AT_SYMLINK_NOFOLLOW) == 0 &&
-      S_ISREG(former.st_mode);
+      S_ISREG(former.st_mode) && former.st_uid == ::geteuid();
   Descriptor file(::openat(directory, temporary.c_str(),
-                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                           hasFormer ? S_IRUSR | S_IWUSR : mode));
   if (file.get() < 0) {
     return errno;
   }
-  int error = writeAll(file, text);
-  if (error == 0 && hasFormer && ::fchmod(file.get(), former.st_mode & ACCESSPERMS) != 0) {
-    error = errno;
-  }
+  int error = hasFormer && ::fchmod(file.get(), former.st_mode & ACCESSPERMS) != 0 ? errno : 0;
+  error = error != 0 ? error : writeAll(file, text);
   // A file system may report a full disk as late as at the closing.
   if (::close(file.release()) != 0 && error == 0) {
     error = errno;

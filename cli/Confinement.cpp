@@ -6,6 +6,7 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -37,6 +38,8 @@ constexpr long NobodyNeeds[] = {
     SYS_pivot_root,
     SYS_chroot,
     SYS_move_mount,
+    SYS_mount_setattr,
+    SYS_fsconfig,
     SYS_open_tree,
     SYS_fsopen,
     SYS_fsmount,
@@ -67,8 +70,8 @@ constexpr long TheHelperNeeds[] = {
 
 using Filter = std::vector<sock_filter>;
 
-void refuse(Filter& filter) {
-  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
+void refuse(Filter& filter, unsigned int error = EPERM) {
+  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
 }
 
 void load(Filter& filter, std::size_t offset) {
@@ -90,6 +93,20 @@ void refuseAll(Filter& filter, const long (&calls)[Count]) {
   }
 }
 
+/// Threads and programs are made without new namespaces.
+void refuseNamespaces(Filter& filter) {
+  constexpr long Namespaces = CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET |
+                              CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWCGROUP;
+  // Its flags are in memory, where no filter reads. The C library then takes clone(2).
+  unless(filter, BPF_JEQ, SYS_clone3, false);
+  refuse(filter, ENOSYS);
+  constexpr __u8 OtherCalls = 3;
+  filter.push_back(BPF_JUMP(BPF_JMP | BPF_K | BPF_JEQ, SYS_clone, 0, OtherCalls));
+  load(filter, offsetof(seccomp_data, args));
+  unless(filter, BPF_JSET, Namespaces, false);
+  refuse(filter);
+}
+
 Filter makeFilter(Confinement::Programs programs) {
   Filter filter;
   // The same numbers are other calls in 32-bit code.
@@ -104,6 +121,7 @@ Filter makeFilter(Confinement::Programs programs) {
   if (programs == Confinement::Programs::None) {
     refuseAll(filter, TheHelperNeeds);
   }
+  refuseNamespaces(filter);
   filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
   return filter;
 }

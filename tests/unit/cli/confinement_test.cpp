@@ -3,6 +3,8 @@
 #include "cli/Confinement.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -29,13 +31,17 @@ bool isRefused(Confinement::Programs programs, const std::function<long()>& call
 
 long runTrue() { return execl("/bin/true", "true", nullptr); }
 long readOthers() { return process_vm_readv(getppid(), nullptr, 0, nullptr, 0, 0); }
+// Where it is not refused, a second process returns too and ends like the first.
+long makeNamespace() { return syscall(SYS_clone, CLONE_NEWUSER | SIGCHLD, 0, 0, 0, 0); }
 // Not setuid(3), which has all threads do it, a sanitizer's own too.
 long becomeItself() { return syscall(SYS_setuid, getuid()); }
 
 TEST(Confinement, RefusesWhatTheCommandNeverDoesAndProgramsWhereItStartsNone) {
   using enum Confinement::Programs;
-  EXPECT_TRUE(isRefused(None, readOthers));
-  EXPECT_TRUE(isRefused(OurHelper, readOthers));
+  for (const auto& call : {makeNamespace, readOthers}) {
+    EXPECT_TRUE(isRefused(None, call));
+    EXPECT_TRUE(isRefused(OurHelper, call));
+  }
   for (const auto& call : {runTrue, becomeItself}) {
     EXPECT_TRUE(isRefused(None, call));
     EXPECT_FALSE(isRefused(OurHelper, call));

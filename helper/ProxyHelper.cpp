@@ -33,6 +33,9 @@ bool becomeSomebody() {
   const uid_t user = getuid() != 0 ? getuid() : geteuid();
   if (user != 0) {
     const gid_t group = getuid() != 0 ? getgid() : getegid();
+    if (getuid() == 0 && (seteuid(0) != 0 || setgroups(0, nullptr) != 0)) {
+      return false;  // root's groups would stay
+    }
     return setresgid(group, group, group) == 0 && setresuid(user, user, user) == 0;
   }
   if (setresgid(Nobody, Nobody, Nobody) != 0) {

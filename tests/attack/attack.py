@@ -299,7 +299,7 @@ class Attack:
         if self.command in ("select", "exec", "cache show", "cache clear") and self.chance(0.3):
             self.cache.mkdir(parents=True)
             entry = self.draw.choice(sorted((CORPUS / "cache").iterdir()))
-            self.put_file(self.cache / self.draw.choice(["selection.xml", "0" * 16 + ".xml", "ahs-selection-1.xml"]),
+            self.put_file(self.cache / self.draw.choice(["selection-1.xml", "selection-x.xml", "selections.xml"]),
                           entry.read_bytes())
             if self.chance(0.3):
                 self.cache.chmod(self.draw.choice([0o777, 0o500, 0o1777]))

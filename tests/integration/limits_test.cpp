@@ -108,7 +108,7 @@ TEST_P(ALimit, KeepsNoHeadendFromBeingMeasured) {
   std::cout << answered << " answered in " << object.at("elapsedMs") << " ms, worst error "
             << worstMs << " ms\n";
   EXPECT_EQ(answered, GetParam().headends) << said;
-  EXPECT_LE(worstMs, 10) << "the simulator is late on a busy machine, by hand it is 1";
+  EXPECT_LE(worstMs, 50) << "the simulator is late on a busy machine, by hand it is 1";
 }
 
 INSTANTIATE_TEST_SUITE_P(

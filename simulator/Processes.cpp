@@ -15,8 +15,8 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <memory>
+#include <sstream>
 #include <system_error>
 #include <thread>
 
@@ -58,7 +58,9 @@ std::vector<pid_t> children() {
     const char* const end = entry->d_name + std::strlen(entry->d_name);
     if (std::from_chars(entry->d_name, end, pid).ptr != end) continue;
     std::ifstream file("/proc/" + std::string(entry->d_name) + "/stat");
-    const std::string stat{std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text;
+    text << file.rdbuf();  // of a process that has just ended, reading fails; this does not throw
+    const std::string stat = text.str();
     // The form is "pid (name) state parent ...", and a name may contain brackets.
     const std::size_t nameEnd = stat.rfind(") ");
     if (nameEnd == std::string::npos || nameEnd + 4 >= stat.size()) continue;

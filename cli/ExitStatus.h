@@ -29,7 +29,7 @@ inline constexpr std::array StatusMeanings = {
     StatusMeaning{"0", "probe", "the headend has a metric for a selection"},
     StatusMeaning{"0", "profile check", "there are no mistakes"},
     StatusMeaning{"0", "all others", "done"},
-    StatusMeaning{"1", "select, exec", "nothing could be measured, and no program was run"},
+    StatusMeaning{"1", "select, exec", "nothing was measured (exec: nor any program run)"},
     StatusMeaning{"1", "watch", "the first selection could not be started"},
     StatusMeaning{"1", "probe", "the headend has no metric for a selection"},
     StatusMeaning{"1", "profile check", "there are mistakes"},

@@ -126,9 +126,9 @@ void addOutput(CLI::App& command, SelectOptions& options) {
                     "Print the first headend and nothing else; nothing when there is none")
           ->excludes(json);
   addOption(command, "--html", "FILE", options.html,
-            "Also write the result as a page without external resources; - for standard output");
+            "Also write the result as a self-contained page; - writes it in place of the text");
   addOption(command, "--svg", "FILE", options.svg,
-            "Write the ranking as a picture too, as SVG; - for standard output");
+            "Also write the ranking as SVG; - writes it in place of the text");
   command
       .add_flag("--explain", options.explain, "Tell why this headend, in numbers, after the result")
       ->excludes(json, quiet);

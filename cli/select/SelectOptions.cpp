@@ -176,7 +176,7 @@ void addCacheOptions(CLI::App& command, SelectOptions& options) {
 void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
             "Log what is at least as important, to standard error unless --log-file or --syslog is "
-            "given. Without this option: info with those two, else off")
+            "given; default: info with those two, else off")
       ->check(CLI::IsMember({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
   command.add_flag("--syslog", options.syslog, "Log to the system's log");

@@ -81,6 +81,22 @@ TEST(ApiRunnable, LeavingWithoutWaitingDestroysTheTaskOnAThreadOfItsOwn) {
   EXPECT_NE(destroyedOn.load(), std::this_thread::get_id());
 }
 
+TEST(ApiRunnable, DeleteAndWaitReturnsWhenTheLastHolderHasDestroyedTheTask) {
+  (new Task)->deleteAndWait();
+  EXPECT_EQ(Counted::count(), 0);
+
+  const auto gate = std::make_shared<Gate>();
+  Task::Place destroyedOn;
+  auto* const task = new TaskThatWaitsInItsDestructor(gate, destroyedOn);
+  task->enter();
+  std::jthread owner([task] {
+    task->deleteAndWait();
+    EXPECT_EQ(Counted::count(), 0);
+  });
+  task->leaveWithoutWaiting();
+  gate->open();
+}
+
 TEST(ApiRunnable, LeavingWithoutWaitingKeepsATaskThatOthersHold) {
   auto* const task = new Task;
   task->enter();

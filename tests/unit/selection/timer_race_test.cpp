@@ -94,17 +94,22 @@ TEST_F(TimerRace, AfterATestProbeSlowerThanTheBudgetEndsTheRunThoughNoWorkerIsOu
   EXPECT_EQ(doubles::log().texts().back(), SecondTime);
 }
 
-TEST_F(TimerRace, DuringTheNormalEndIsTooLate) {
+TEST_F(TimerRace, DuringTheNormalEndIsTooLateAndTheRunReturnsAfterIt) {
   std::thread timerThread;
   doubles::log().setHook([&](const doubles::LogLine& line) {
     // The run thread holds the end lock here and has not yet deleted the timer.
     if (line.message == "QIB in finishAHS() for first time") {
       timerThread = std::thread([] { timers().fire(); });
       EXPECT_TRUE(doubles::log().await("OnTimerExpired W QIB timer expired"));
+    } else if (line.function == "OnTimerExpired") {
+      EXPECT_TRUE(doubles::eventually([&] { return client.calls() == 1; }));
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      EXPECT_FALSE(hasRunReturned) << "while the timer still uses the run";
     }
   });
   makeFor({"gw1"});
   runToEnd();
+  EXPECT_EQ(cache().released, 1);
   ASSERT_TRUE(timerThread.joinable());
   timerThread.join();
 

@@ -108,10 +108,14 @@ void CHeadendSelection::run() {
                            "CHeadendSelection::selectHeadend", status, 0, nullptr);
   }
   finishAHS(true, status, extraInfo);
-  // A late worker, or the timer, may destroy the object later, on another thread. The client's
-  // callback is over when this function returns all the same.
+  // Abandoned workers may destroy the object later, on another thread. The client's callback is over
+  // when this function returns all the same.
   waitForDelivery();
-  delete this;
+  if (status == HEADENDSELECTION_ERROR_TIMEOUT && !m_pThreads.empty()) {
+    delete this;
+  } else {
+    deleteAndWait();  // a timer that is firing may hold it
+  }
 }
 
 // The client hears of every run that was started, also of one that ran out of memory or whose

@@ -54,13 +54,12 @@ class CHeadendSelection : public ApiRunnable {
   ~CHeadendSelection() override;
 
   /// Runs the selection to its end and deletes the object. To be called once. When it returns, the
-  /// client's callback has returned.
+  /// client's callback has returned, and the object is gone, unless the timer fired before the last
+  /// worker was started: then the last worker to end deletes it.
   void run() override;
 
-  /// Hands over a provider of proxy credentials, which the run owns from now on. Before `run` only.
-  /// The provider is deleted with the run: usually before `run` returns. When the timer fired
-  /// before the last worker was started, the run waits for none, and the last worker to end deletes
-  /// it.
+  /// Hands over a provider of proxy credentials, which the run owns from now on and deletes at its
+  /// own end. Before `run` only.
   void SetProxy(ProxyIfc* pProxy);
 
   /// Whether the run has been finished; any thread may ask. Setting it is the run's own affair.

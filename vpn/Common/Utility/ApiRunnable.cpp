@@ -5,6 +5,13 @@
 #include <pthread.h>
 
 #include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/include/Locks.h"
+
+/// What the owner waits for, on its stack.
+struct ApiRunnable::Gone {
+  CMonitor lock;
+  bool is AHS_GUARDED_BY(lock) = false;
+};
 
 ApiRunnable::ApiRunnable() { CReserveThread::addHolder(); }
 
@@ -17,6 +24,11 @@ ApiRunnable::~ApiRunnable() {
     CReserveThread::removeThread();
   }
   CReserveThread::removeHolder();
+  if (m_pGone != nullptr) {
+    const CAutoLockT<CMonitor> guard(m_pGone->lock);
+    m_pGone->is = true;
+    m_pGone->lock.notifyAll();
+  }
 }
 
 void ApiRunnable::keepThread() noexcept {
@@ -24,6 +36,16 @@ void ApiRunnable::keepThread() noexcept {
 }
 
 void ApiRunnable::operator delete(ApiRunnable* object, std::destroying_delete_t) { giveUp(object); }
+
+void ApiRunnable::deleteAndWait() noexcept {
+  Gone gone;
+  m_pGone = &gone;
+  delete this;
+  const CAutoLockT<CMonitor> guard(gone.lock);
+  while (!gone.is) {
+    gone.lock.wait();
+  }
+}
 
 void ApiRunnable::leave() noexcept { CCountedLife::leave(); }
 

@@ -31,6 +31,9 @@ class ApiRunnable : public CCountedLife<ApiRunnable> {
   void endTime() noexcept { m_isLate = true; }
   bool isLate() const noexcept { return m_isLate; }
 
+  /// Deletes the object, for its owner, and returns when it is destroyed, whoever held it last.
+  void deleteAndWait() noexcept;
+
   using CCountedLife::operator delete;
   static void operator delete(ApiRunnable* object, std::destroying_delete_t);
 
@@ -39,9 +42,12 @@ class ApiRunnable : public CCountedLife<ApiRunnable> {
   ApiRunnable& operator=(const ApiRunnable&) = delete;
 
  private:
+  struct Gone;
+
   static void* destroyerEntry(void* object);
 
   std::atomic<bool> m_isLate{false};
   bool m_hasThread = false;
+  Gone* m_pGone = nullptr;  ///< set before the owner's hold ends, read after the last one
   CReserveThread::Body m_destruction;  // the last holder's, and then the reserve thread's
 };

@@ -70,11 +70,11 @@ constexpr unsigned int kConnectTakesMs = 60;
 
 using HttpProbeKernelTest = HttpProbeTest;
 
-TEST_F(HttpProbeKernelTest, TheSmallestRoundTripIsRoundedToTheNearestMillisecond) {
+TEST_F(HttpProbeKernelTest, TheSmallestRoundTripIsRoundedToTheNearestMillisecondAndIsNeverNone) {
   const ScriptedServer server(answering(kOk));
   for (const auto& [microseconds, rtt] :
        std::initializer_list<std::pair<unsigned int, unsigned int>>{
-           {1, 0}, {499, 0}, {500, 1}, {1499, 1}, {1500, 2}, {77'000, 77}}) {
+           {1, 1}, {499, 1}, {500, 1}, {1499, 1}, {1500, 2}, {77'000, 77}}) {
     kernel.minRttUs = microseconds;
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
     EXPECT_EQ(results.uiRtt, rtt);

@@ -68,8 +68,9 @@ long long responseRoundTrip(const ProbeOutcome& outcome) {
 
 long long ifHappened(long long time) { return time > 0 ? time : Unknown; }
 
+/// At least 1, because 0 stands for a probe without an answer.
 unsigned int toMilliseconds(long long microseconds) {
-  return static_cast<unsigned int>((std::max(microseconds, 0LL) + 500) / 1000);
+  return static_cast<unsigned int>(std::max((microseconds + 500) / 1000, 1LL));
 }
 
 /// The network's round trip, or the nearest measure if the kernel has none. A connection reset

@@ -48,7 +48,7 @@ constexpr Range Ranges[] = {
     {&HS_SETTINGS::nResumeTime, 0, 8760},
     {&HS_SETTINGS::nImprovement, 0, 1000},
     {&HS_SETTINGS::nClearCache, 1, 365},
-    {&HS_SETTINGS::nConnectTimeout, 100, 600000},
+    {&HS_SETTINGS::nConnectTimeout, 3000, 600000},
     {&HS_SETTINGS::nReconnectTimeout, 100, 600000},
     {&HS_SETTINGS::nPingTimeout, 1000, 60000},
     {&HS_SETTINGS::nPingsPerHeadend, 1, 100},

@@ -185,7 +185,7 @@ TEST_F(ExecCommandTest, TheProgramHasTheSignalsAndRightsThatTheCommandWasStarted
 TEST_F(ExecCommandTest, TheProgramInheritsNoDescriptorOfTheCommand) {
   // A waiting worker has more open descriptors than one that is done.
   const SilentListener silent("127.0.0.1");
-  writePreferences(preference("SelectionConnectTimeout", "1000") +
+  writePreferences(preference("SelectionConnectTimeout", "3000") +
                    preference("SelectionPingTimeout", "20000"));
   const Outcome outcome = run({"exec", near.address(), silent.Where().Text(), "--log-file",
                                home + "/ahs.log", "--", "sh", "-c", "ls -l /proc/$$/fd"});

@@ -28,11 +28,11 @@ const NumberRow NumberRows[] = {
     {"SelectionResumeTime", &HS_SETTINGS::nResumeTime, 4, 0, 8760},
     {"SelectionImprovement", &HS_SETTINGS::nImprovement, 20, 0, 1000},
     {"SelectionClearCache", &HS_SETTINGS::nClearCache, 14, 1, 365},
-    {"SelectionConnectTimeout", &HS_SETTINGS::nConnectTimeout, 10000, 100, 600000},
+    {"SelectionConnectTimeout", &HS_SETTINGS::nConnectTimeout, 10000, 3000, 600000},
     {"SelectionReconnectTimeout", &HS_SETTINGS::nReconnectTimeout, 5000, 100, 600000},
     {"SelectionPingTimeout", &HS_SETTINGS::nPingTimeout, 2000, 1000, 60000},
     {"SelectionPingsPerHeadend", &HS_SETTINGS::nPingsPerHeadend, 3, 1, 100},
-    {"SelectionTestPingTimeout", &HS_SETTINGS::nTestPingTimeout, 5, 1, 60},
+    {"SelectionTestPingTimeout", &HS_SETTINGS::nTestPingTimeout, 3, 1, 60},
     {"SelectionMaxResults", &HS_SETTINGS::nMaxResults, 100, 1, 100000},
 };
 
@@ -84,7 +84,10 @@ TEST_F(AHSSettingsTest, TheEndsOfEveryRangeAreTakenWithoutAWordEachIntoItsOwnFie
   for (const NumberRow& row : NumberRows) {
     for (const unsigned int end : {row.least, row.most}) {
       HS_SETTINGS settings = readFrom(row.name, std::to_string(end));
-      EXPECT_EQ(settings.*row.field, end) << row.name;
+      if (row.field != &HS_SETTINGS::nTestPingTimeout) {
+        EXPECT_EQ(settings.*row.field, end) << row.name;
+        settings.nTestPingTimeout = 3;
+      }
       settings.*row.field = row.defaultValue;
       expectDefaults(settings);
     }
@@ -92,20 +95,40 @@ TEST_F(AHSSettingsTest, TheEndsOfEveryRangeAreTakenWithoutAWordEachIntoItsOwnFie
   EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+TEST_F(AHSSettingsTest, TheTimeLimitIsLongEnoughAndTheTestProbeGetsAThirdOfIt) {
+  const struct {
+    std::string connect, test;
+    unsigned int connectMs, testSeconds;
+  } rows[] = {{"100", "5", 3000, 1},   {"2999", "1", 3000, 1},     {"3000", "60", 3000, 1},
+              {"6000", "60", 6000, 2}, {"600000", "5", 600000, 5}, {"10000", "1", 10000, 1}};
+  for (const auto& row : rows) {
+    PreferenceMgr::Sources sources;
+    sources.preferences = {{SelectionConnectTimeout, row.connect},
+                           {SelectionTestPingTimeout, row.test}};
+    const ScopedPreferenceMgr preferences(sources);
+    const LogCapture log;
+    const HS_SETTINGS settings = read();
+    EXPECT_EQ(settings.nConnectTimeout, row.connectMs) << row.connect;
+    EXPECT_EQ(settings.nTestPingTimeout, row.testSeconds) << row.connect;
+    EXPECT_EQ(log.Lines().size(), std::stoi(row.connect) < 3000 ? 1U : 0U) << row.connect;
+  }
+}
+
 TEST_F(AHSSettingsTest, AValueThatMayNotStandGivesTheDefaultAndAWarning) {
   for (const NumberRow& row : NumberRows) {
     for (const std::string& wrong :
-         {std::to_string(row.most + 1), std::to_string(static_cast<long>(row.least) - 1),
+         {std::to_string(row.most + 1),
+          std::to_string(
+              row.field == &HS_SETTINGS::nConnectTimeout ? 99L : static_cast<long>(row.least) - 1),
           std::string("many"), std::string()}) {
       const LogCapture log;
       EXPECT_EQ(readFrom(row.name, wrong).*row.field, row.defaultValue) << row.name << wrong;
       // The first line is about the file, the second about the consequence.
       ASSERT_THAT(log.Lines(), SizeIs(2)) << row.name << wrong;
-      EXPECT_THAT(log.Lines()[1],
-                  AllOf(StartsWith("vpn/Api/AHS/AHSSettings: GetSettings: " +
-                                   std::to_string(Logging::DBG_Warning)),
-                        HasSubstr(std::string(row.name) + " is \"" + wrong + "\""),
-                        HasSubstr("the default " + std::to_string(row.defaultValue) + " is used")));
+      EXPECT_THAT(log.Lines()[1], AllOf(StartsWith("vpn/Api/AHS/AHSSettings: GetSettings: " +
+                                                   std::to_string(Logging::DBG_Warning)),
+                                        HasSubstr(std::string(row.name) + " is \"" + wrong + "\""),
+                                        HasSubstr("the default ")));
     }
   }
 }

@@ -3,6 +3,7 @@
 
 #include "vpn/Api/AHS/AHSSettings.h"
 
+#include <algorithm>
 #include <string>
 
 #include "vpn/Api/Preference.h"
@@ -56,6 +57,23 @@ unsigned int numberInForce(const CInstanceSmartPtr<PreferenceMgr>& preferenceMgr
   return number;
 }
 
+/// A shorter time passes before a far headend has answered if the network loses one packet: the
+/// kernel sends a SYN again after a second, and the test probe comes first.
+constexpr unsigned int LeastConnectTimeoutMs = 3000;
+
+/// Leaves the measurement two thirds of the time, whatever becomes of the test probe.
+void divideTime(HS_SETTINGS& settings) {
+  if (settings.nConnectTimeout < LeastConnectTimeoutMs) {
+    CAppLog::LogDebugMessage("GetSettings", SourceFile, __LINE__, Logging::DBG_Warning,
+                             "SelectionConnectTimeout is %u; %u is used, the least that measures",
+                             settings.nConnectTimeout, LeastConnectTimeoutMs);
+    settings.nConnectTimeout = LeastConnectTimeoutMs;
+  }
+  constexpr unsigned int ThirdsToSeconds = 3000;
+  settings.nTestPingTimeout =
+      std::min(settings.nTestPingTimeout, settings.nConnectTimeout / ThirdsToSeconds);
+}
+
 }  // namespace
 
 void CAHSSettings::GetSettings(HS_SETTINGS& settings) {
@@ -67,4 +85,5 @@ void CAHSSettings::GetSettings(HS_SETTINGS& settings) {
     settings.*setting.field =
         numberInForce(preferenceMgr, *PreferenceBase::find(setting.preference));
   }
+  divideTime(settings);
 }

@@ -77,6 +77,7 @@ const std::map<std::string, Names>& classesOfSources() {
       {"SelectionCache.cpp", {"the cache's writer lock", "the cache's lock"}},
       {"PreferenceMgr.cpp", {"the preference manager's lock"}},
       {"ExecutionContext.cpp", {"the execution context's lock"}},
+      {"ApiRunnable.cpp", {"the lock of a run's end"}},
       {"Thread.cpp", {"a thread's state lock"}},
       {"TimerList.cpp", {"a timer list's lock"}},
       {"ReserveThread.cpp", {"the reserve's lock"}},

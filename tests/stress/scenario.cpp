@@ -78,7 +78,7 @@ const std::array<Moment, MomentCount> Moments{{
     // The timer thread stops at the lock that is held here.
     {"while the run finishes", RunFinishes, TimerExpired},
     {"met by all while it finishes", ProbeOut, TimerFinishes, TimerFinishes, WantsToFinish},
-    {"in the destructor", RunFinishes, TimerIsIn, TimerExpired, RunReturned},
+    {"while the run is deleted", RunFinishes, TimerIsIn, TimerExpired, ClientLeft},
 }};
 
 Scenario::Scenario(std::uint64_t seed, unsigned long round, unsigned int ofMember)

@@ -66,6 +66,7 @@ class Check {
     require(find(ClientCalled) != Nowhere && m_first < find(ClientCalled), "no call, or too early");
     require(m_stage.events[left].role == Role::Results, "the client was called on another thread");
     require(left < find(RunReturned), "run returned before the client's callback had");
+    require(m_isByTimer || destroyed < find(RunReturned), "run returned before its end");
     require(destroyed != Nowhere && left < destroyed, "destroyed before the callback had returned");
     require(m_stage.events[destroyed].role != Role::Timer, "destroyed on the timer thread");
     require(second == Nowhere || second < destroyed, "destroyed before its second end");

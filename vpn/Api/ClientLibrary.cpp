@@ -18,6 +18,8 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
   HttpProbe::setRoundTripMeasure(value == PreferenceBase::RoundTripResponse
                                      ? HttpProbe::RoundTripMeasure::Response
                                      : HttpProbe::RoundTripMeasure::Network);
+  preferenceMgr.getPreferenceValue(SilentHeadends, value);
+  HttpProbe::setLeavesSilent(value != "wait");
 }
 
 }  // namespace

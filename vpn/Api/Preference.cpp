@@ -69,6 +69,10 @@ const auto& allDefinitions = *new std::vector<Definition>{
      .name = "RoundTripTime",
      .defaultValue = "network",
      .words = {"network", "response"}},
+    {.id = SilentHeadends,
+     .name = "SilentHeadends",
+     .defaultValue = "leave",
+     .words = {"leave", "wait"}},
 };
 
 std::string allowedNumbers(const Definition& definition) {

@@ -25,6 +25,7 @@ enum PreferenceId {
   SelectionTestPingTimeout = 58,
   SelectionMaxResults = 59,
   RoundTripTime = 60,
+  SilentHeadends = 65,
 };
 
 /// What a file can say of a preference besides its value.

@@ -17,10 +17,11 @@ using tests::TemporaryDirectory;
 namespace {
 
 std::vector<HttpProbe::RoundTripMeasure> g_measures;
+std::vector<bool> g_leavesSilent;
 
 class ClientLibraryTest : public testing::Test {
  protected:
-  ClientLibraryTest() { g_measures.clear(); }
+  ClientLibraryTest() { g_measures.clear(), g_leavesSilent.clear(); }
 
   TemporaryDirectory m_directory;
   CClientLibrary::Options m_options;
@@ -39,6 +40,7 @@ bool isThere(Which... which) {
 }  // namespace
 
 void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) { g_measures.push_back(measure); }
+void HttpProbe::setLeavesSilent(bool leaves) { g_leavesSilent.push_back(leaves); }
 
 TEST_F(ClientLibraryTest, PreferencesAndContextLiveAsLongAsTheObjectWhichMayComeAgain) {
   for (int i = 0; i < 3; ++i) {
@@ -77,11 +79,13 @@ TEST_F(ClientLibraryTest, ALogThatCannotBeOpenedIsReportedAndDoesNotStopTheStart
 
 TEST_F(ClientLibraryTest, TheProbesMeasureTheNetworkUnlessThePreferenceSaysOtherwise) {
   { const CClientLibrary library(m_options, m_status); }
-  m_options.sources.userPreferencesFile = m_directory.Write(
-      "user.xml", preferencesText(preferenceElement("RoundTripTime", "response")));
+  m_options.sources.userPreferencesFile =
+      m_directory.Write("user.xml", preferencesText(preferenceElement("RoundTripTime", "response") +
+                                                    preferenceElement("SilentHeadends", "wait")));
   { const CClientLibrary library(m_options, m_status); }
   EXPECT_THAT(g_measures, ElementsAre(HttpProbe::RoundTripMeasure::Network,
                                       HttpProbe::RoundTripMeasure::Response));
+  EXPECT_THAT(g_leavesSilent, ElementsAre(true, false));
 }
 
 TEST_F(ClientLibraryTest, PreferencesThatAreThereAlreadyStopTheStartAndStay) {

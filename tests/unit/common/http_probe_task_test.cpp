@@ -1,5 +1,6 @@
 // Probes of a task: what a cancel does to them, and how they leave the machine.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -9,9 +10,12 @@
 #include <functional>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 #include "tests/support/ScriptedServer.h"
 #include "tests/unit/common/http_probe_fixture.h"
+
+using std::chrono::milliseconds;
 
 namespace tests {
 namespace {
@@ -121,6 +125,91 @@ TEST_F(HttpProbeTest, ASocketThatTheTaskRefusesConnectsNowhere) {
     EXPECT_EQ(probe(server.port()), HTTP_SESSION_ERROR_CANNOT_CONNECT);
   }
   EXPECT_EQ(server.accepted(), 0U);
+}
+
+/// A listener whose queue is full: it answers no attempt to connect until `accept`.
+class FullListener {
+ public:
+  FullListener() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(m_listener, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length);
+    listen(m_listener, 0);
+    connect(m_filler, reinterpret_cast<sockaddr*>(&address), length);
+    port = ntohs(address.sin_port);
+  }
+  ~FullListener() {
+    ::close(m_filler);
+    ::close(m_listener);
+  }
+  FullListener(const FullListener&) = delete;
+  FullListener& operator=(const FullListener&) = delete;
+  void accept() const { ::close(::accept(m_listener, nullptr, nullptr)); }
+
+  unsigned short port = 0;
+
+ private:
+  const int m_listener = socket(AF_INET, SOCK_STREAM, 0);
+  const int m_filler = socket(AF_INET, SOCK_STREAM, 0);
+};
+
+/// A task of little patience.
+class Impatient : public RecordingWatcher {
+ public:
+  Impatient(ConnectPatience patience, std::function<void(unsigned int)> opened)
+      : m_patience(patience), m_opened(std::move(opened)) {}
+  ConnectPatience unanswered(const ProbeReport&, std::chrono::milliseconds) override {
+    return m_patience;
+  }
+  bool socketOpened(int, int) override {
+    m_opened(++sockets);
+    return true;
+  }
+  void connected(const ProbeReport&, long long) override { ++connections; }
+
+  unsigned int sockets = 0;
+  unsigned int connections = 0;
+
+ private:
+  const ConnectPatience m_patience;
+  const std::function<void(unsigned int)> m_opened;
+};
+
+TEST_F(HttpProbeTest, AHostThatIsSilentForLongerThanTheTasksPatienceIsLeft) {
+  const FullListener listener;
+  const milliseconds now(0);
+  for (const ConnectPatience& patience :
+       {ConnectPatience{.stand = now}, ConnectPatience{.giveUp = now},
+        ConnectPatience{.again = now, .giveUp = now}}) {
+    const auto task = std::make_shared<Impatient>(patience, [](unsigned int) {});
+    const CTask::Scope own(task);
+    const HttpProbe::KeptConnection kept;
+    EXPECT_EQ(probe(listener.port), HTTP_SESSION_ERROR_TIMEOUT);
+    EXPECT_TRUE(task->ended.back().silent);
+    EXPECT_EQ(task->ended.back().address, "");
+    EXPECT_EQ(task->connections, 0U);
+  }
+}
+
+TEST_F(HttpProbeTest, ASecondAttemptToConnectFindsAHostThatHasMissedTheFirst) {
+  const FullListener listener;
+  std::thread server;
+  const auto task = std::make_shared<Impatient>(
+      ConnectPatience{.again = milliseconds(0)}, [&](unsigned int number) {
+        if (number == 2) {
+          listener.accept();
+          server = std::thread([&listener] { listener.accept(); });
+        }
+      });
+  const CTask::Scope own(task);
+  const HttpProbe::KeptConnection kept;
+  EXPECT_EQ(probe(listener.port), HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+  server.join();
+  EXPECT_EQ(task->sockets, 2U);
+  EXPECT_EQ(task->connections, 1U);
 }
 
 }  // namespace

@@ -46,10 +46,42 @@ void SelectionRecord::probeEnded(const HttpProbe::Report& report) {
     m_testProbe = report;
     return;
   }
-  const bool isFirstAnswer = SelectionRules::isSample(report.status) && !hasAnswered(track);
+  const bool isSample = SelectionRules::isSample(report.status);
+  const bool isFirstAnswer = isSample && !hasAnswered(track);
+  if (isSample) {
+    const long long us = 1000LL * report.rttMs;
+    m_nearestUs = m_progress.placesAnswered == 0 ? us : std::min(m_nearestUs, us);
+    m_slowestUs = std::max(m_slowestUs, report.networkRttUs >= 0 ? report.networkRttUs : us);
+  }
   track.ended.push_back(report);
   ++m_progress.probesEnded;
   m_progress.placesAnswered += isFirstAnswer ? 1 : 0;
+}
+
+ConnectPatience SelectionRecord::unanswered(const HttpProbe::Report& report,
+                                            std::chrono::milliseconds /*waited*/) {
+  const auto inMs = [](long long us) {
+    return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::microseconds(us));
+  };
+  const CAutoLockT<CManualLock> guard(m_lock);
+  ConnectPatience::Known known;
+  known.testsWay = isTestProbe(report);
+  if (!known.testsWay) {
+    const Track& track = m_tracks[placeOf(report.host, report.port)];
+    known.wasSilent = !track.ended.empty() && track.ended.back().silent;
+    known.othersAnswered = m_progress.placesAnswered > (hasAnswered(track) ? 1 : 0);
+    known.nearest = inMs(m_nearestUs);
+    known.slowest = inMs(m_slowestUs);
+  }
+  return ConnectPatience::of(known);
+}
+
+void SelectionRecord::connected(const HttpProbe::Report& report, long long rttUs) {
+  if (isTestProbe(report)) {
+    return;
+  }
+  const CAutoLockT<CManualLock> guard(m_lock);
+  m_slowestUs = std::max(m_slowestUs, rttUs);
 }
 
 std::shared_ptr<SelectionRecord> SelectionRecord::current() {

@@ -32,6 +32,9 @@ class SelectionRecord : public ProbeTask {
 
   void probeStarted(const HttpProbe::Report& report) override;
   void probeEnded(const HttpProbe::Report& report) override;
+  ConnectPatience unanswered(const HttpProbe::Report& report,
+                             std::chrono::milliseconds waited) override;
+  void connected(const HttpProbe::Report& report, long long rttUs) override;
   void noteShortage(Shortage what) noexcept override { m_shortage = what; }
 
   SelectionRecord();
@@ -72,6 +75,9 @@ class SelectionRecord : public ProbeTask {
   mutable CManualLock m_lock;
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
   std::optional<HttpProbe::Report> m_testProbe AHS_GUARDED_BY(m_lock);
+  /// Round trips of those that have answered, in microseconds.
+  long long m_nearestUs AHS_GUARDED_BY(m_lock) = 0;
+  long long m_slowestUs AHS_GUARDED_BY(m_lock) = 0;
   Progress m_progress AHS_GUARDED_BY(m_lock);
   CCacheEntry m_entry AHS_GUARDED_BY(m_lock);
   Terms m_terms AHS_GUARDED_BY(m_lock);

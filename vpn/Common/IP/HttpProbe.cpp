@@ -117,6 +117,7 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
     report.options = options;
     tell(task, &ProbeTask::probeStarted, report);
     request.task = task;
+    request.report = &report;
     request.secure = secure;
     request.port = port;
     request.userAgent = userAgent;
@@ -191,5 +192,7 @@ HttpProbe::KeptConnection::~KeptConnection() {
 void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) {
   ProbeSettings::setMeasure(measure);
 }
+
+void HttpProbe::setLeavesSilent(bool leaves) { ProbeSettings::setLeavesSilent(leaves); }
 
 void HttpProbe::setTrustFile(const std::string& path) { ProbeSettings::setTrustFile(path); }

@@ -136,6 +136,10 @@ class HttpProbe {
   /// Chooses the measure for probes that start from now on; `Network` until it is called.
   static void setRoundTripMeasure(RoundTripMeasure measure);
 
+  /// Chooses whether probes that start from now on end when their task is out of patience
+  /// (`ProbeTask::unanswered`); they do until it is called.
+  static void setLeavesSilent(bool leaves);
+
   /// Adds certificates (a PEM file) to those trusted, for probes that start from now on; an empty
   /// path for the system's alone. The file is read at once; one that cannot be read adds nothing.
   static void setTrustFile(const std::string& path);

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "vpn/Common/IP/MultiHandle.h"
+#include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/IP/TransferSetup.h"
 
@@ -52,6 +53,16 @@ constexpr milliseconds LaterAddress(50);
 constexpr milliseconds RivalPoll(10);
 
 constexpr long long Unknown = -1;
+
+/// Whether something has answered an attempt to connect.
+bool isAnswered(int attempt) {
+  constexpr unsigned char SynSent = 2;
+  constexpr unsigned char Closed = 7;  // and before connect(2)
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  return getsockopt(attempt, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+         info.tcpi_state != SynSent && info.tcpi_state != Closed;
+}
 
 /// The smallest round trip that the kernel saw on a connection, in microseconds.
 long long smallestRoundTrip(int connection) {
@@ -134,7 +145,62 @@ long long HttpTransfer::sinceStart(Clock::time_point time) const {
   return std::chrono::duration_cast<microseconds>(time - m_request->start).count();
 }
 
-bool HttpTransfer::send(const ProbeRequest& request, Clock::time_point limit, HttpTransfer* rival) {
+/// Tells the task that the connection stands.
+void HttpTransfer::noteConnection() {
+  if (m_stands || m_request->task == nullptr || m_request->report == nullptr) {
+    return;
+  }
+  const auto found = std::find_if(m_opened.begin(), m_opened.end(), [](const Attempt& attempt) {
+    return attempt.socket != NoSocket && isAnswered(attempt.socket);
+  });
+  m_stands = found != m_opened.end() || m_outcome.requestUs > 0;
+  if (m_stands && !m_request->proxied()) {
+    unlessThrown(0, [&] {
+      m_request->task->connected(
+          *m_request->report, found != m_opened.end() ? smallestRoundTrip(found->socket) : Unknown);
+      return 0;
+    });
+  }
+}
+
+/// Asks the task how long to wait for an answer, and leaves what has been silent for longer. An
+/// attempt that is left fails, and libcurl turns to the next address if there is one.
+void HttpTransfer::checkPatience() {
+  const auto current = Clock::now();
+  if (m_stands || m_hasEnded || m_request->proxied()) {
+    return;
+  }
+  if (current - m_startedAt >= m_patience.stand) {
+    m_outcome.silent = true;
+    end(CURLE_OPERATION_TIMEDOUT);
+  } else if (m_openedCount > 0 && current >= m_nextLook) {
+    askPatience(std::chrono::duration_cast<milliseconds>(current - m_firstOpened));
+    const auto again = m_firstOpened + m_patience.again;
+    const auto next = current + ConnectPatience::NextLook;
+    m_nextLook = again > current ? std::min<Clock::time_point>(again, next) : next;
+    for (const Attempt& attempt : m_opened) {
+      if (attempt.socket != NoSocket && current - attempt.start >= m_patience.giveUp) {
+        m_wasLeft = true;
+        shutdown(attempt.socket, SHUT_RDWR);
+      }
+    }
+  }
+}
+
+void HttpTransfer::askPatience(milliseconds waited) {
+  ProbeTask* const task = m_request->task;
+  if (task == nullptr || m_request->report == nullptr || m_request->proxied()) {
+    return;
+  }
+  m_patience =
+      unlessThrown(ConnectPatience(), [&] { return task->unanswered(*m_request->report, waited); });
+  if (!ProbeSettings::leavesSilent()) {
+    m_patience = ConnectPatience();
+  }
+}
+
+bool HttpTransfer::send(const ProbeRequest& request, Clock::time_point limit, HttpTransfer* rival,
+                        bool mayStop) {
   m_request = &request;
   start();
   for (;;) {
@@ -142,13 +208,17 @@ bool HttpTransfer::send(const ProbeRequest& request, Clock::time_point limit, Ht
     for (HttpTransfer* const one : {this, rival}) {
       if (one != nullptr && !one->m_hasEnded) {
         one->step();
+        one->noteConnection();
         isUnderWay = isUnderWay || !one->m_hasEnded;
       }
     }
-    if (hasAnswer() || (rival != nullptr && rival->hasAnswer()) || !isUnderWay ||
-        Clock::now() >= limit) {
+    const bool isSecond = rival != nullptr && !rival->m_outcome.reused;
+    if (hasAnswer() || (isSecond && (wasHeard() || rival->wasHeard())) ||
+        (rival != nullptr && rival->hasAnswer()) || !isUnderWay || Clock::now() >= limit ||
+        (mayStop && wantsAnother())) {
       return hasAnswer();
     }
+    (m_hasEnded ? rival : this)->checkPatience();
     int ready = 0;
     const milliseconds longest = longestWait(limit);
     const bool waited = wait(rival != nullptr ? std::min(longest, RivalPoll) : longest, ready);
@@ -173,6 +243,9 @@ void HttpTransfer::start() {
   m_firstByteMark = 0;
   m_triedAddresses = 0;
   m_startedAt = Clock::now();
+  if (!m_stands) {
+    askPatience(milliseconds(0));
+  }
   m_tlsWatch.setEnd(m_request->deadline);
   const milliseconds left = m_request->timeLeft();
   set(CURLOPT_TIMEOUT_MS, static_cast<long>(left.count()));
@@ -239,6 +312,10 @@ unsigned int HttpTransfer::resultOfEnded() {
   if (m_tlsWatch.isLate() && !m_head.isComplete()) {
     return CURLE_OPERATION_TIMEDOUT;
   }
+  if (m_wasLeft && result == CURLE_COULDNT_CONNECT) {
+    m_outcome.silent = true;
+    return CURLE_OPERATION_TIMEDOUT;
+  }
   const bool isBodys = m_keeps || result == CURLE_WRITE_ERROR;
   return m_head.isComplete() && isBodys ? CURLE_OK : result;
 }
@@ -267,9 +344,24 @@ milliseconds HttpTransfer::longestWait(Clock::time_point limit) const {
   if (m_outcome.requestUs == 0) {
     const auto half = m_startedAt + (m_request->deadline - m_startedAt) / 2;
     const auto toHalf = std::chrono::ceil<milliseconds>(half - current) + milliseconds(1);
-    longest = std::min(longest, m_lost ? NextAddress : current > half ? LaterAddress : toHalf);
+    longest = std::min({longest,
+                        m_lost           ? NextAddress
+                        : current > half ? LaterAddress
+                                         : toHalf,
+                        toNextLook(current)});
   }
   return longest;
+}
+
+bool HttpTransfer::wantsAnother() const {
+  return isUnanswered() && Clock::now() - m_firstOpened >= m_patience.again;
+}
+
+milliseconds HttpTransfer::toNextLook(Clock::time_point current) const {
+  const auto next = m_openedCount > 0 ? m_nextLook : m_startedAt + m_patience.stand;
+  return m_stands || m_request->task == nullptr || m_request->proxied()
+             ? MaxPoll
+             : std::max(std::chrono::ceil<milliseconds>(next - current), milliseconds(0));
 }
 
 bool HttpTransfer::isReadyFor(const ProbeRequest& request) {
@@ -317,7 +409,7 @@ ProbeOutcome HttpTransfer::takeOutcome() {
     m_outcome.httpStatus = get<long>(CURLINFO_RESPONSE_CODE);
     m_outcome.tunnelStatus = get<long>(CURLINFO_HTTP_CONNECTCODE);
     m_outcome.offeredLogIns = get<long>(CURLINFO_PROXYAUTH_AVAIL);
-    m_outcome.osError = get<long>(CURLINFO_OS_ERRNO);
+    m_outcome.osError = m_outcome.silent ? 0 : get<long>(CURLINFO_OS_ERRNO);
     if (const char* address = get<const char*>(CURLINFO_PRIMARY_IP); address != nullptr) {
       m_outcome.address = address;
       m_outcome.addressPort = static_cast<unsigned short>(get<long>(CURLINFO_PRIMARY_PORT));
@@ -458,7 +550,12 @@ int HttpTransfer::open(int family, int type, int protocol) {
     ::close(opened);
     return NoSocket;
   }
-  m_opened.at(m_openedCount++ % m_opened.size()) = opened;
+  const Attempt attempt{opened, Clock::now()};
+  if (m_openedCount == 0) {
+    m_firstOpened = attempt.start;
+    m_nextLook = attempt.start + ConnectPatience::FirstLook;
+  }
+  m_opened.at(m_openedCount++ % m_opened.size()) = attempt;
   return opened;
 }
 
@@ -467,7 +564,9 @@ int HttpTransfer::open(int family, int type, int protocol) {
 int HttpTransfer::close(int connection) {
   const long long rtt = smallestRoundTrip(connection);
   m_lost = true;
-  std::replace(m_opened.begin(), m_opened.end(), connection, NoSocket);
+  for (Attempt& attempt : m_opened) {
+    attempt.socket = attempt.socket == connection ? NoSocket : attempt.socket;
+  }
   if (rtt != Unknown) {
     m_rttUs = rtt;
   }
@@ -487,10 +586,10 @@ void HttpTransfer::noteRequest(int localPort) {
   }
   m_triedAddresses = 0;
   // Only a finished transfer knows its socket.
-  const auto* const found = std::find_if(m_opened.begin(), m_opened.end(), [localPort](int socket) {
-    return portOf(socket) == localPort;
-  });
-  m_socket = found == m_opened.end() ? NoSocket : *found;
+  const auto* const found = std::find_if(
+      m_opened.begin(), m_opened.end(),
+      [localPort](const Attempt& attempt) { return portOf(attempt.socket) == localPort; });
+  m_socket = found == m_opened.end() ? NoSocket : found->socket;
   const auto* tls = get<curl_tlssessioninfo*>(CURLINFO_TLS_SSL_PTR);
   m_tls = m_request->secure && tls != nullptr ? static_cast<SSL*>(tls->internals) : nullptr;
 }

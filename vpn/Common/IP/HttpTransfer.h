@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "vpn/Common/IP/AnswerHead.h"
+#include "vpn/Common/IP/ConnectPatience.h"
 #include "vpn/Common/IP/NameLookup.h"
 #include "vpn/Common/IP/ProbeOutcome.h"
 #include "vpn/Common/IP/ProbeRequest.h"
@@ -30,9 +31,16 @@ class HttpTransfer {
 
   /// Sends a request to the same target, which outlives it. Ends when the answer's head has come,
   /// the request has failed or timed out, or `limit` has passed. A rival whose limit had passed
-  /// goes on meanwhile; then the first answer ends this. @return whether it has its answer.
+  /// goes on meanwhile; then the first answer ends this, and one that had not connected ends it
+  /// with whatever comes of its connection. @return whether it has its answer.
+  /// @param mayStop also ends, to go on as a rival, when its task wants a second attempt to
+  /// connect.
   bool send(const ProbeRequest& request, Clock::time_point limit = Clock::time_point::max(),
-            HttpTransfer* rival = nullptr);
+            HttpTransfer* rival = nullptr, bool mayStop = false);
+  /// Whether it has ended after an attempt to connect was answered.
+  bool wasHeard() const { return m_hasEnded && m_stands; }
+  /// Whether it waits for an answer to its attempts to connect.
+  bool isUnanswered() const { return !m_hasEnded && !m_stands && m_openedCount > 0; }
   bool hasAnswer() const { return m_hasEnded && m_outcome.code == 0; }
   /// What came of the last request. To be called once.
   ProbeOutcome takeOutcome();
@@ -43,6 +51,13 @@ class HttpTransfer {
   bool isReadyFor(const ProbeRequest& request);
 
  private:
+  static constexpr int NoSocket = -1;
+  using milliseconds = std::chrono::milliseconds;
+  /// An attempt to connect.
+  struct Attempt {
+    int socket = NoSocket;
+    Clock::time_point start;
+  };
   using Handle = std::unique_ptr<void, void (*)(void*)>;
 
   template <class Option, class T>
@@ -57,9 +72,14 @@ class HttpTransfer {
   void end(unsigned int code);
   unsigned int resultOfEnded();
   void noteFirstByte();
-  bool wait(std::chrono::milliseconds longest, int& ready);
-  std::chrono::milliseconds longestWait(Clock::time_point limit) const;
+  bool wait(milliseconds longest, int& ready);
+  milliseconds longestWait(Clock::time_point limit) const;
   bool isCancelled() const;
+  void noteConnection();
+  void checkPatience();
+  void askPatience(milliseconds waited);
+  bool wantsAnother() const;
+  milliseconds toNextLook(Clock::time_point current) const;
   void fetchBody();
   void detach();
   long long now() const { return sinceStart(Clock::now()); }
@@ -71,8 +91,6 @@ class HttpTransfer {
   int open(int family, int type, int protocol);
   int close(int connection);
   void noteRequest(int localPort);
-
-  static constexpr int NoSocket = -1;
 
   const bool m_keeps;
   const ProbeRequest* m_request = nullptr;  ///< the one under way
@@ -87,9 +105,14 @@ class HttpTransfer {
   long long m_openedUs = 0;
   long long m_tookUs = 0;
   long long m_rttUs = -1;
-  /// The last few sockets that were made, more than libcurl tries at a time.
-  std::array<int, 4> m_opened{NoSocket, NoSocket, NoSocket, NoSocket};
+  /// The last few that were made, more than libcurl makes at a time.
+  std::array<Attempt, 4> m_opened;
   std::size_t m_openedCount = 0;
+  Clock::time_point m_firstOpened;
+  bool m_stands = false;   ///< an attempt was answered
+  bool m_wasLeft = false;  ///< attempts were given up
+  ConnectPatience m_patience;
+  Clock::time_point m_nextLook;
   unsigned int m_triedAddresses = 0;  ///< for the connection that is being made
   NameLookup m_lookup;
   int m_socket = NoSocket;  ///< while it is open and once a request could be sent

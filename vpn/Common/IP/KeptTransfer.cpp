@@ -46,8 +46,16 @@ ProbeOutcome KeptTransfer::send(const ProbeRequest& request) {
   if (!transfer ||
       !transfer->send(request, HttpTransfer::Clock::now() + request.timeout / SilentPart)) {
     m_keeps = m_keeps && !transfer;
-    auto fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
-    fresh->send(request, HttpTransfer::Clock::time_point::max(), transfer.get());
+    Transfer fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
+    const auto endless = HttpTransfer::Clock::time_point::max();
+    if (!fresh->send(request, endless, transfer.get(), !transfer) && fresh->isUnanswered()) {
+      transfer = std::move(fresh);
+      fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
+      fresh->send(request, endless, transfer.get());
+      if (!fresh->wasHeard()) {
+        fresh.swap(transfer);
+      }
+    }
     if (!transfer || !transfer->hasAnswer()) {
       transfer = std::move(fresh);
     }

@@ -101,6 +101,7 @@ void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure meas
   report.status = statusOf(*this, proxied);
   report.transportError = code;
   report.httpStatus = finalStatus();
+  report.silent = silent;
   report.reused = reused;
   report.connectUs = ifHappened(connectUs);
   report.tlsUs = ifHappened(tlsUs);

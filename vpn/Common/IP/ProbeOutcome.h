@@ -10,6 +10,7 @@ struct ProbeOutcome {
   unsigned int code = 0;  ///< libcurl's CURLcode
   /// The request went out on the connection of an earlier one.
   bool reused = false;
+  bool silent = false;  ///< given up: no attempt to connect was answered
   bool clientCertificateAsked = false;
   long httpStatus = 0;
   long tunnelStatus = 0;

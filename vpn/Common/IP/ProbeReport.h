@@ -31,14 +31,16 @@ struct ProbeReport {
   unsigned int rttMs = 0;           ///< what `uiRtt` is for this probe
   unsigned int httpStatus = 0;      ///< what `uiHttpStatusCode` is; 0: none
   unsigned int transportError = 0;  ///< what `uiLastError` is
-  bool reused = false;              ///< on an earlier probe's connection; then the next two are -1
-  long long connectUs = -1;         ///< the connection stood
-  long long tlsUs = -1;             ///< the TLS handshake was done
-  long long totalUs = 0;            ///< the probe was over
-  long long networkRttUs = -1;      ///< smallest round trip that the kernel saw on the connection
-  long long responseRttUs = -1;     ///< from the request to the first byte of the answer
-  std::string address;              ///< the address that was connected to (a proxy's, too), if any
-  unsigned short addressPort = 0;   ///< the port at that address; 0 without one
+  /// Attempts to connect were given up before the time-out: nothing had answered.
+  bool silent = false;
+  bool reused = false;             ///< on an earlier probe's connection; then the next two are -1
+  long long connectUs = -1;        ///< the connection stood
+  long long tlsUs = -1;            ///< the TLS handshake was done
+  long long totalUs = 0;           ///< the probe was over
+  long long networkRttUs = -1;     ///< smallest round trip that the kernel saw on the connection
+  long long responseRttUs = -1;    ///< from the request to the first byte of the answer
+  std::string address;             ///< the address that was connected to (a proxy's, too), if any
+  unsigned short addressPort = 0;  ///< the port at that address; 0 without one
   /// What this machine lacked, where that is why there was no answer.
   Shortage shortage = Shortage::None;
 };

@@ -6,6 +6,7 @@
 #include "vpn/include/HttpSession.h"
 
 class ProbeTask;
+struct ProbeReport;
 struct TlsHandshake;
 
 /// What is sent, and to whom.
@@ -43,6 +44,8 @@ struct ProbeRequest : ProbeTarget {
   bool mayUseTicket = true;
   /// The task of the probe's thread, which outlives the request; null for none.
   ProbeTask* task = nullptr;
+  /// The probe as its task is told of it, which outlives the request; null for none.
+  const ProbeReport* report = nullptr;
   /// Where to tell of the TLS handshake, in place of a request; null for an ordinary one.
   TlsHandshake* handshake = nullptr;
   /// The caller's object, which outlives the request: credentials are not copied here.

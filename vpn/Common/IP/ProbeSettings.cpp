@@ -53,6 +53,7 @@ struct Settings {
   ProbeSettings::Trust trust AHS_GUARDED_BY(lock);
   /// Atomic without the lock: a probe reads it once and nothing else depends on it.
   std::atomic<RoundTripMeasure> measure{RoundTripMeasure::Network};
+  std::atomic<bool> leavesSilent{true};  // the same
 };
 
 Settings& settings() {
@@ -140,6 +141,10 @@ bool ProbeSettings::prepareTransport(bool secure) {
 RoundTripMeasure ProbeSettings::measure() { return settings().measure; }
 
 void ProbeSettings::setMeasure(RoundTripMeasure measure) { settings().measure = measure; }
+
+bool ProbeSettings::leavesSilent() { return settings().leavesSilent; }
+
+void ProbeSettings::setLeavesSilent(bool leaves) { settings().leavesSilent = leaves; }
 
 ProbeSettings::Trust ProbeSettings::trustedCertificates() {
   Settings& process = settings();

@@ -20,6 +20,10 @@ class ProbeSettings {
   static RoundTripMeasure measure();
   static void setMeasure(RoundTripMeasure measure);
 
+  /// Whether a probe ends early whose task is out of patience; see `ProbeTask`.
+  static bool leavesSilent();
+  static void setLeavesSilent(bool leaves);
+
   /// The certificates that are trusted, the same object until `setTrustFile`; null if there is no
   /// memory for them. The first call reads the system's.
   static Trust trustedCertificates();

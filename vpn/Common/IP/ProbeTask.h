@@ -1,15 +1,17 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 
+#include "vpn/Common/IP/ConnectPatience.h"
 #include "vpn/Common/IP/ProbeReport.h"
 #include "vpn/Common/Utility/Task.h"
 
 /// A task whose threads send probes: is told of each, gives each socket its way out of the machine,
 /// and can be cancelled.
 ///
-/// What derives from this overrides what it wants to know. The three operations are called on the
+/// What derives from this overrides what it wants to know. Its operations are called on the
 /// probe's own thread, by several at once, and hold up the probe; what they throw is dropped.
 class ProbeTask : public CTask {
  public:
@@ -26,6 +28,16 @@ class ProbeTask : public CTask {
   /// A TCP socket was made and is about to connect, to the server or to a proxy.
   /// @param family AF_INET or AF_INET6. @return false if it must not be used.
   virtual bool socketOpened(int /*socket*/, int /*family*/) { return true; }
+
+  /// A direct probe's attempt to connect has gone unanswered for so long. Asked before the first
+  /// attempt, and now and then while nothing answers. @return how long to wait.
+  virtual ConnectPatience unanswered(const ProbeReport& /*report*/,
+                                     std::chrono::milliseconds /*waited*/) {
+    return {};
+  }
+  /// The connection of a direct probe stands. @param rttUs the network's round trip in
+  /// microseconds, -1 if the kernel cannot say.
+  virtual void connected(const ProbeReport& /*report*/, long long /*rttUs*/) {}
 
   /// Ends running probes, closing their connections, and refuses later ones, all with
   /// HTTP_SESSION_ERROR_TIMEOUT. Returns at once; any thread may call it.

@@ -198,6 +198,7 @@ STATUSCODE HttpProbe::SendHttpProbe(const std::string& host, bool secure, bool r
 HttpProbe::KeptConnection::KeptConnection() noexcept { ++doubles::keptConnections; }
 HttpProbe::KeptConnection::~KeptConnection() { --doubles::keptConnections; }
 void HttpProbe::setRoundTripMeasure(RoundTripMeasure) {}
+void HttpProbe::setLeavesSilent(bool) {}
 void HttpProbe::setTrustFile(const std::string&) {}
 
 // --- Cache -------------------------------------------------------------------------------------

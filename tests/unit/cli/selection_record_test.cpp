@@ -50,6 +50,35 @@ TEST(SelectionRecord, AHeadendThatAnswersTwiceCountsOnceAndARefusalIsNoAnswer) {
   EXPECT_EQ(recorder.progress().probesEnded, 3U);
 }
 
+TEST(SelectionRecord, ASelectionIsDecidedOnceWhenOthersAreFarOrSilent) {
+  struct Deciding : SelectionRecord {
+    void decided(const Decided& decision) override { told.push_back(decision.headend); }
+    std::vector<std::string> told;
+  } record;
+  std::vector<Candidate> candidates;
+  for (const char* const host : {"gone", "far", "near", "other"}) {
+    candidates.push_back({host, host, Place(host, 443)});
+  }
+  record.setRules({candidates, 2, 0, nullptr});
+  const auto end = [&](const char* host, STATUSCODE status, unsigned int rttMs) {
+    record.probeStarted(report(host, 0));
+    record.probeEnded(report(host, status, rttMs));
+  };
+  end("near", HTTP_SESSION_SUCCESS, 11);
+  end("near", HTTP_SESSION_SUCCESS, 10);
+  record.connected(report("far", 0), 99'000);
+  end("other", HTTP_SESSION_ERROR_CANNOT_CONNECT, 0);
+  end("other", HTTP_SESSION_ERROR_CANNOT_CONNECT, 0);
+  static_cast<void>(record.unanswered(report("gone", 0), std::chrono::milliseconds(200)));
+  EXPECT_TRUE(record.told.empty());
+  static_cast<void>(record.unanswered(report("gone", 0), std::chrono::milliseconds(400)));
+  end("gone", HTTP_SESSION_SUCCESS, 1);
+  end("gone", HTTP_SESSION_SUCCESS, 1);
+  EXPECT_EQ(record.told, std::vector<std::string>{"near"});
+  ASSERT_TRUE(record.decision());
+  EXPECT_EQ(record.decision()->metricMs, 10U);
+}
+
 TEST(SelectionRecord, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {
   SelectionRecord recorder;
   recorder.probeStarted(report("[::1]", 0));

@@ -35,6 +35,11 @@ void SelectionRecord::probeStarted(const HttpProbe::Report& report) {
 }
 
 void SelectionRecord::probeEnded(const HttpProbe::Report& report) {
+  noteEnd(report);
+  tellIfDecided();
+}
+
+void SelectionRecord::noteEnd(const HttpProbe::Report& report) {
   const Place place = placeOf(report.host, report.port);
   const CAutoLockT<CManualLock> guard(m_lock);
   Track& track = m_tracks[place];
@@ -56,23 +61,32 @@ void SelectionRecord::probeEnded(const HttpProbe::Report& report) {
   track.ended.push_back(report);
   ++m_progress.probesEnded;
   m_progress.placesAnswered += isFirstAnswer ? 1 : 0;
+  noteSample(place, track);
 }
 
 ConnectPatience SelectionRecord::unanswered(const HttpProbe::Report& report,
-                                            std::chrono::milliseconds /*waited*/) {
+                                            std::chrono::milliseconds waited) {
   const auto inMs = [](long long us) {
     return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::microseconds(us));
   };
-  const CAutoLockT<CManualLock> guard(m_lock);
   ConnectPatience::Known known;
   known.testsWay = isTestProbe(report);
   if (!known.testsWay) {
-    const Track& track = m_tracks[placeOf(report.host, report.port)];
+    const Place place = placeOf(report.host, report.port);
+    const CAutoLockT<CManualLock> guard(m_lock);
+    const Track& track = m_tracks[place];
     known.wasSilent = !track.ended.empty() && track.ended.back().silent;
     known.othersAnswered = m_progress.placesAnswered > (hasAnswered(track) ? 1 : 0);
     known.nearest = inMs(m_nearestUs);
     known.slowest = inMs(m_slowestUs);
+    // Before the first attempt, a name may be looked up for long.
+    if (Deciding::Standing* const standing = standingOf(place);
+        standing != nullptr && waited.count() > 0) {
+      const auto since = MonotonicClock::now() - waited;
+      standing->silentSince = std::min(since, standing->silentSince.value_or(since));
+    }
   }
+  tellIfDecided();
   return ConnectPatience::of(known);
 }
 
@@ -80,8 +94,92 @@ void SelectionRecord::connected(const HttpProbe::Report& report, long long rttUs
   if (isTestProbe(report)) {
     return;
   }
+  {
+    const Place place = placeOf(report.host, report.port);
+    const CAutoLockT<CManualLock> guard(m_lock);
+    m_slowestUs = std::max(m_slowestUs, rttUs);
+    Deciding::Standing* const standing = standingOf(place);
+    if (standing == nullptr || standing->isFinished) {
+      return;
+    }
+    standing->silentSince.reset();
+    if (rttUs >= 0 && !standing->ms) {
+      standing->ms = static_cast<unsigned int>(rttUs / 1000);
+    }
+  }
+  tellIfDecided();
+}
+
+void SelectionRecord::setRules(const Rules& rules) {
   const CAutoLockT<CManualLock> guard(m_lock);
-  m_slowestUs = std::max(m_slowestUs, rttUs);
+  m_probes = rules.probes;
+  m_rules.improvementPercent = rules.improvementPercent;
+  for (const Candidate& candidate : rules.candidates) {
+    if (m_indices.emplace(candidate.place, m_candidates.size()).second) {
+      m_candidates.push_back(candidate);
+    }
+  }
+  m_standings.resize(m_candidates.size());
+  if (rules.last != nullptr) {
+    m_rules.last = m_indices.at(rules.last->place);
+  }
+}
+
+/// Null for what takes no part.
+Deciding::Standing* SelectionRecord::standingOf(const Place& place) {
+  const auto found = m_indices.find(place);
+  return found == m_indices.end() ? nullptr : &m_standings[found->second];
+}
+
+/// Takes the probe that has ended last.
+void SelectionRecord::noteSample(const Place& place, const Track& track) {
+  Deciding::Standing* const standing = standingOf(place);
+  if (standing == nullptr || standing->isFinished) {
+    return;
+  }
+  SelectionRules::Tally tally;
+  for (const HttpProbe::Report& report : track.ended) {
+    tally.take(report.status, report.rttMs);
+  }
+  if (!track.ended.back().silent) {
+    standing->silentSince.reset();
+  }
+  if (!tally.samplesMs.empty()) {
+    standing->ms = SelectionRules::metricOfSamples(tally.samplesMs, m_probes);
+  }
+  if (tally.hasGivenUp || track.ended.size() >= m_probes) {
+    standing->isFinished = true;
+    standing->finishedAs = m_finished++;
+    if (tally.hasGivenUp || tally.samplesMs.empty()) {
+      standing->ms.reset();
+    }
+  }
+}
+
+void SelectionRecord::tellIfDecided() {
+  Decided made;
+  {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    // Finding out costs more the more take part, so nobody looks before one has finished.
+    if (m_decided || m_finished == 0) {
+      return;
+    }
+    const auto now = MonotonicClock::now();
+    const std::optional<std::size_t> winner = Deciding::winnerOf(m_standings, m_rules, now);
+    if (!winner) {
+      return;
+    }
+    const Candidate& candidate = m_candidates[*winner];
+    made = {candidate.name, candidate.headend, *m_standings[*winner].ms,
+            std::chrono::duration_cast<std::chrono::milliseconds>(now - m_start)};
+    m_decided = made;
+  }
+  decided(made);
+}
+
+std::optional<SelectionRecord::Decided> SelectionRecord::decision() const {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  return m_decided;
 }
 
 std::shared_ptr<SelectionRecord> SelectionRecord::current() {

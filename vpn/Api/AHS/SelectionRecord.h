@@ -1,13 +1,16 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Api/AHS/Deciding.h"
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/include/Locks.h"
@@ -28,6 +31,14 @@ class SelectionRecord : public ProbeTask {
     unsigned int probesStarted = 0;
     unsigned int probesEnded = 0;
     unsigned int placesAnswered = 0;
+  };
+
+  /// The choice before the end of the measurement; see `Deciding`.
+  struct Decided {
+    std::string name;  ///< of the host entry
+    std::string headend;
+    unsigned int metricMs = 0;
+    std::chrono::milliseconds after{0};  ///< since the record was made
   };
 
   void probeStarted(const HttpProbe::Report& report) override;
@@ -54,6 +65,17 @@ class SelectionRecord : public ProbeTask {
   void setTerms(Terms terms);
   Terms terms() const;
 
+  /// What takes part and how the run chooses, without which nothing is decided. To be set before
+  /// the run starts.
+  struct Rules {
+    std::vector<Candidate> candidates;
+    unsigned int probes = 0;  ///< to each
+    unsigned int improvementPercent = 0;
+    const Candidate* last = nullptr;  ///< on a reconnection the headend used last, one of them
+  };
+  void setRules(const Rules& rules);
+  std::optional<Decided> decision() const;
+
   /// The run has used or stored this entry of the cache.
   void noteEntry(const CCacheEntry& entry);
   /// That entry; one without records if there is none.
@@ -70,7 +92,17 @@ class SelectionRecord : public ProbeTask {
   /// Whether a probe tests the way through a proxy and measures no headend.
   static bool isTestProbe(const HttpProbe::Report& report);
 
+ protected:
+  /// `probeEnded` without the decision that it may bring, which `tellIfDecided` tells.
+  void noteEnd(const HttpProbe::Report& report);
+  void tellIfDecided();
+  /// The selection is decided: told once, by a thread of a probe, before the run's result.
+  virtual void decided(const Decided& /*decision*/) {}
+
  private:
+  void noteSample(const Place& place, const Track& track) AHS_REQUIRES(m_lock);
+  Deciding::Standing* standingOf(const Place& place) AHS_REQUIRES(m_lock);
+
   std::atomic<Shortage> m_shortage{Shortage::None};
   mutable CManualLock m_lock;
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
@@ -78,6 +110,14 @@ class SelectionRecord : public ProbeTask {
   /// Round trips of those that have answered, in microseconds.
   long long m_nearestUs AHS_GUARDED_BY(m_lock) = 0;
   long long m_slowestUs AHS_GUARDED_BY(m_lock) = 0;
+  const MonotonicClock::time_point m_start = MonotonicClock::now();
+  std::vector<Candidate> m_candidates AHS_GUARDED_BY(m_lock);  // each place once
+  std::map<Place, std::size_t> m_indices AHS_GUARDED_BY(m_lock);
+  std::vector<Deciding::Standing> m_standings AHS_GUARDED_BY(m_lock);
+  Deciding::Rules m_rules AHS_GUARDED_BY(m_lock);
+  unsigned int m_probes AHS_GUARDED_BY(m_lock) = 0;
+  std::size_t m_finished AHS_GUARDED_BY(m_lock) = 0;
+  std::optional<Decided> m_decided AHS_GUARDED_BY(m_lock);
   Progress m_progress AHS_GUARDED_BY(m_lock);
   CCacheEntry m_entry AHS_GUARDED_BY(m_lock);
   Terms m_terms AHS_GUARDED_BY(m_lock);

@@ -9,8 +9,10 @@
 #include <utility>
 
 #include "capi/SocketWay.h"
+#include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/CacheEntry.h"
 #include "vpn/Api/AHS/HeadendSelection.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/AHS/SelectionThread.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
@@ -57,10 +59,14 @@ class Selection::Run : public SelectionRecord {
     m_selection->tellProbe(report, progress(), false);
   }
   void probeEnded(const HttpProbe::Report& report) override {
-    const CAutoLockT<CMonitor> guard(m_selection->m_lock);
-    SelectionRecord::probeEnded(report);
-    m_selection->tellProbe(report, progress(), true);
+    {
+      const CAutoLockT<CMonitor> guard(m_selection->m_lock);
+      noteEnd(report);
+      m_selection->tellProbe(report, progress(), true);
+    }
+    tellIfDecided();
   }
+  void decided(const Decided& decision) override { m_selection->tellDecision(decision); }
   bool socketOpened(int socket, int family) override {
     // The client may cancel while it looks at the socket.
     return !isCancelled() && m_way.prepare(socket, family) && !isCancelled();
@@ -87,6 +93,8 @@ Selection::Selection(std::shared_ptr<Teller> teller, std::shared_ptr<const Core>
       m_context(context),
       m_progress(request.on_progress),
       m_progressContext(request.progress_context),
+      m_decision(request.on_decision),
+      m_decisionContext(request.decision_context),
       m_start(std::chrono::steady_clock::now()),
       m_result(AHS_SUCCESS, request.reason) {
   // Made now, so that telling the result needs no memory. Once posted, it holds the selection.
@@ -102,6 +110,9 @@ std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
   std::unique_ptr<SelectionThread> thread;
   if (error.empty()) {
     run->setTerms({run->way().words(), request.measure_now != 0});
+    if (m_decision != nullptr) {
+      run->setRules(rules());
+    }
     const std::string last = lastOf(request);
     if (m_last == nullptr && !last.empty()) {
       CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,
@@ -222,9 +233,7 @@ void Selection::settle(Result&& result) {
     return;
   }
   m_result = std::move(result);
-  const auto elapsed = std::chrono::steady_clock::now() - m_start;
-  m_result.value.elapsed_ms =
-      static_cast<uint32_t>(std::chrono::duration_cast<milliseconds>(elapsed).count());
+  m_result.value.elapsed_ms = elapsedMs();
   m_isDone = true;
   m_lock.notifyAll();
   m_resultMessage.front().subject = shared_from_this();
@@ -259,4 +268,32 @@ void Selection::tellProbe(const HttpProbe::Report& report,
                         m_progress(&probe, m_progressContext);
                       }});
   m_teller->post(messages);
+}
+
+SelectionRecord::Rules Selection::rules() const {
+  HS_SETTINGS settings{};
+  CAHSSettings::GetSettings(settings);
+  const bool mayStay = m_reason == SelectionRules::ReasonReconnection;
+  return {*m_candidates, settings.nPingsPerHeadend, settings.nImprovement,
+          mayStay ? m_last : nullptr};
+}
+
+/// Tells the client of the decision, unless there is a result.
+void Selection::tellDecision(const SelectionRecord::Decided& decision) {
+  const uint32_t after = elapsedMs();
+  Teller::Messages messages;
+  messages.push_back({shared_from_this(), [this, decision, after] {
+                        const ahs_decision told{sizeof told, decision.name.c_str(),
+                                                decision.headend.c_str(), decision.metricMs, after};
+                        m_decision(&told, m_decisionContext);
+                      }});
+  const CAutoLockT<CMonitor> guard(m_lock);
+  if (!m_isDone) {
+    m_teller->post(messages);
+  }
+}
+
+uint32_t Selection::elapsedMs() const {
+  const auto elapsed = std::chrono::steady_clock::now() - m_start;
+  return static_cast<uint32_t>(std::chrono::duration_cast<milliseconds>(elapsed).count());
 }

@@ -60,6 +60,9 @@ class Selection : public ClientIfcBase,
   void settle(Result&& result);
   void tellProbe(const HttpProbe::Report& report, const SelectionRecord::Progress& progress,
                  bool ended) AHS_REQUIRES(m_lock);
+  SelectionRecord::Rules rules() const;
+  void tellDecision(const SelectionRecord::Decided& decision);
+  uint32_t elapsedMs() const;
 
   const std::shared_ptr<Teller> m_teller;
   std::shared_ptr<const Core> m_core;  // until `start`, and so are the runs
@@ -71,6 +74,8 @@ class Selection : public ClientIfcBase,
   void* const m_context;
   const ahs_progress_callback m_progress;
   void* const m_progressContext;
+  const ahs_decision_callback m_decision;
+  void* const m_decisionContext;
   const std::chrono::steady_clock::time_point m_start;
   CMonitor m_lock;  // notified of the result; taken before the teller's
   std::weak_ptr<Run> m_run AHS_GUARDED_BY(m_lock);

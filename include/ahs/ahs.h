@@ -208,6 +208,22 @@ typedef struct ahs_probe {
 /** Hears that a probe of its selection has started or ended. Never comes after the result. */
 typedef void (*ahs_progress_callback)(const ahs_probe* probe, void* context);
 
+/** A selection is decided before it ends: nobody who is still out can win, because the others are
+ * known to be farther away, or silent for max(300 ms, 2 x the best metric). On a reconnection the
+ * last headend has ended, too, or is silent. */
+typedef struct ahs_decision {
+  size_t size;         /**< of this structure, as the library has it */
+  const char* name;    /**< of the headend's host entry */
+  const char* headend; /**< host, or host:port, as in ahs_result */
+  uint32_t metric_ms;  /**< its metric */
+  uint32_t after_ms;   /**< since ahs_select() */
+} ahs_decision;
+
+/** Hears once at most that its selection is decided, before the result. It does not come where the
+ * cache answers or nobody was measured. The result may name another, in rare cases such as that of
+ * a lost packet. */
+typedef void (*ahs_decision_callback)(const ahs_decision* decision, void* context);
+
 /**
  * Is given each socket that a probe is about to connect, after interface, source address and mark
  * of the request were set. Comes on the probe's own thread, several at a time, and holds up that
@@ -238,13 +254,15 @@ typedef struct ahs_request {
   void* socket_context;              /**< handed to on_socket */
   ahs_progress_callback on_progress; /**< hears of each probe; null for nobody */
   void* progress_context;            /**< handed to on_progress */
+  ahs_decision_callback on_decision; /**< hears of the decision; null for nobody */
+  void* decision_context;            /**< handed to on_decision */
 } ahs_request;
 
 /** A connection without a last headend: to begin with. */
 #define AHS_REQUEST_INIT                                                                          \
   {                                                                                               \
     sizeof(ahs_request), AHS_REASON_CONNECTION, AHS_PROXY_BASIC, NULL, NULL, NULL, NULL, NULL, 0, \
-        0, NULL, NULL, NULL, NULL                                                                 \
+        0, NULL, NULL, NULL, NULL, NULL, NULL                                                     \
   }
 
 /** No metric, for ahs_candidate. */

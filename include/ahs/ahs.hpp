@@ -203,6 +203,18 @@ struct Probe {
   void cancel() const noexcept { ahs_cancel(selection); }
 };
 
+/// A selection is decided before it ends; see ahs_decision.
+struct Decision {
+  std::string name;                    ///< of the headend's host entry
+  std::string headend;                 ///< host, or host:port, as in Result
+  Milliseconds metric{};               ///< its metric
+  Milliseconds after{};                ///< since select()
+  ahs_selection* selection = nullptr;  ///< for cancel()
+
+  /// Cancels its selection, whose result then is Cancelled.
+  void cancel() const noexcept { ahs_cancel(selection); }
+};
+
 /// What is wanted of one selection. An empty text stands for nothing.
 struct Request {
   Reason reason = Reason::Connection;      ///< why a headend is needed
@@ -225,6 +237,9 @@ struct Request {
   std::function<bool(int socket)> onSocket{};
   /// Hears that a probe has started or ended; not after the result.
   std::function<void(const Probe&)> onProgress{};
+  /// Hears, once at most and before the result, which headend will be chosen. In rare cases, such
+  /// as that of a lost packet, the result names another.
+  std::function<void(const Decision&)> onDecision{};
 };
 
 /// What a selection found out about one headend.
@@ -308,6 +323,7 @@ struct Callbacks : std::enable_shared_from_this<Callbacks> {
   std::function<void(const LogMessage&)> onLog;
   std::function<void(const Result&)> onResult;
   std::function<void(const Probe&)> onProgress;
+  std::function<void(const Decision&)> onDecision;
   std::function<bool(int)> onSocket;
   ahs_selection* selection = nullptr;
 
@@ -329,6 +345,14 @@ struct Callbacks : std::enable_shared_from_this<Callbacks> {
                              static_cast<Outcome>(probe->outcome), Milliseconds(probe->rtt_ms),
                              probe->address, probe->probes_started, probe->probes_ended,
                              probe->headends_answered, probe->headend_count, self->selection});
+    });
+  }
+  static void tellDecision(const ahs_decision* decision, void* context) noexcept {
+    const auto self = from(context);
+    guarded([&] {
+      self->onDecision(Decision{decision->name, decision->headend,
+                                Milliseconds(decision->metric_ms), Milliseconds(decision->after_ms),
+                                self->selection});
     });
   }
   static int tellSocket(int socket, void* context) noexcept {
@@ -481,6 +505,7 @@ class Library {
     auto callbacks = std::make_shared<detail::Callbacks>();
     callbacks->onResult = std::move(onResult);
     callbacks->onProgress = request.onProgress;
+    callbacks->onDecision = request.onDecision;
     callbacks->onSocket = request.onSocket;
     ahs_request native = AHS_REQUEST_INIT;
     native.reason = static_cast<std::uint32_t>(request.reason);
@@ -496,6 +521,8 @@ class Library {
     native.socket_context = callbacks.get();
     native.on_progress = callbacks->onProgress ? detail::Callbacks::tellProgress : nullptr;
     native.progress_context = callbacks.get();
+    native.on_decision = callbacks->onDecision ? detail::Callbacks::tellDecision : nullptr;
+    native.decision_context = callbacks.get();
     const ahs_callback told = callbacks->onResult ? detail::Callbacks::tellResult : ahs_no_callback;
     const ahs_status status =
         ahs_select(m_owned.handle.get(), &native, told, callbacks.get(), &callbacks->selection);

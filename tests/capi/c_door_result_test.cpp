@@ -200,6 +200,32 @@ TEST(Progress, CountsTheProbesOfAllHeadendsOfEachSelectionAlone) {
 }
 
 // Long names that need no name server (RFC 6761), for a long report of each selection.
+TEST(Decision, IsToldOnceBeforeTheEndWhichItMayBringAbout) {
+  for (const bool cancels : {false, true}) {
+    const Gateway near(Gateway::All);
+    Gateway far(Gateway::Settings{.answers = 1, .delay = Far});
+    ahs::Library library(
+        optionsFor({far.Address(), {"Near", near.Address()}},
+                   {{"SelectionPingsPerHeadend", "2"}, {"RoundTripTime", "response"}}));
+    std::vector<ahs::Decision> told;
+    ahs::Request request = Reconnection;
+    request.lastHeadend = "Near";
+    request.onDecision = [&](const ahs::Decision& decision) {
+      told.push_back(decision);
+      cancels ? decision.cancel() : far.Release();
+    };
+    const ahs::Result result = library.select(request);
+    stop(library);
+    EXPECT_EQ(result.status, cancels ? ahs::Cancelled : ahs::AddedToCache);
+    ASSERT_THAT(told, SizeIs(1));
+    EXPECT_EQ(told[0].name, "Near");
+    EXPECT_EQ(told[0].headend, near.Address());
+    EXPECT_GE(told[0].after, Far);
+    EXPECT_LE(told[0].after, result.elapsed);
+    EXPECT_LT(told[0].metric, Far);
+  }
+}
+
 TEST(Log, CountsWhatIsLostWhileNobodyListens) {
   constexpr std::size_t More = std::size_t{5} * 1024 * 1024;
   constexpr int Headends = 100;

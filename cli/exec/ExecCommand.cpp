@@ -106,15 +106,29 @@ Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
   return {end.status, true};
 }
 
+/// The headends to try, best first; where nothing was measured all candidates, the last one first,
+/// because a program may reach what a probe does not.
+std::vector<std::string> headendsToTry(const SelectionResult& result) {
+  if (exitStatusOf(result.status) == ExitSelected) {
+    return result.headends;
+  }
+  std::vector<std::string> all;
+  for (const HeadendResult& headend : result.results) {
+    all.push_back(headend.headend);
+  }
+  return all;
+}
+
 int runPrograms(const ExecOptions& options, const SelectionResult& result) {
   const auto foreground = std::make_shared<Foreground>();
   Interruption::setDuties({CAppLog::flush, {}, {}, [foreground](int signal, bool fromTerminal) {
                              return foreground->takeOver(signal, fromTerminal);
                            }});
   Attempt attempt;
-  const std::size_t most = std::min<std::size_t>(result.headends.size(), options.tries);
+  const std::vector<std::string> headends = headendsToTry(result);
+  const std::size_t most = std::min<std::size_t>(headends.size(), options.tries);
   for (std::size_t place = 0; place < most; ++place) {
-    const HeadendResult chosen = chosenHeadend(result.headends[place], result);
+    const HeadendResult chosen = chosenHeadend(headends[place], result);
     Console::complain(
         (place == 0 ? "running with " : "trying ") + Console::visible(chosen.headend) +
         (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "") + ".");
@@ -126,8 +140,8 @@ int runPrograms(const ExecOptions& options, const SelectionResult& result) {
       return ExitSignalBase + *signal;
     }
   }
-  Console::complain(most < result.headends.size() ? "--tries allows no other headend."
-                                                  : "there is no other headend to try.");
+  Console::complain(most < headends.size() ? "--tries allows no other headend."
+                                           : "there is no other headend to try.");
   return attempt.status;
 }
 
@@ -146,9 +160,8 @@ int runExec(const ExecOptions& options) {
         if (!advice.empty()) {
           Console::complain(advice);
         }
-        // A client would connect to a headend kept without a measurement, too.
         const bool mayRun = selected == ExitSelected || selected == ExitNotMeasured;
-        return result.headends.empty() || !mayRun ? selected : runPrograms(options, result);
+        return mayRun && !result.results.empty() ? runPrograms(options, result) : selected;
       });
 }
 

@@ -123,7 +123,8 @@ void addOutput(CLI::App& command, SelectOptions& options) {
   CLI::Option* const quiet =
       command
           .add_flag("--quiet", options.quiet,
-                    "Print the first headend and nothing else; nothing when there is none")
+                    "Print the first headend alone; where nothing was measured, "
+                    "that of --last or nothing")
           ->excludes(json);
   addOption(command, "--html", "FILE", options.html,
             "Also write the result as a self-contained page; - writes it in place of the text");

@@ -240,6 +240,10 @@ bool Selecting::prepare() {
     return false;
   }
   m_candidates = findCandidates();
+  std::ranges::stable_sort(m_candidates, {}, [this](const Candidate& candidate) {
+    return std::ranges::find(m_plan.sources.headends, candidate.name, &GivenHeadend::name) -
+           m_plan.sources.headends.begin();
+  });
   CSelectionCache* cache = nullptr;
   static_cast<void>(CSelectionCache::createSingletonInstance(cache));
   m_cache.reset(cache);
@@ -338,9 +342,13 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
   if (result.fromCache) {
     result.cacheAge = SelectionTimes::ageOf(entry);
   }
+  tellRules(result);
+  if (exitStatusOf(result.status) == ExitNotMeasured &&
+      findNamed(m_plan.last, m_candidates) == nullptr) {
+    result.headends.clear();  // the run's first candidate, for want of a last headend
+  }
   result.results = collectResults(result.headends, m_candidates, m_recorder->tracks(), records,
                                   result.fromCache, m_recorder->shortage());
-  tellRules(result);
   return result;
 }
 

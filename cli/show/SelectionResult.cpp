@@ -88,7 +88,7 @@ std::string statusAsHex(STATUSCODE status) {
 
 std::string statusInWords(const SelectionResult& result) {
   const std::string kept =
-      result.headends.empty() ? "" : " The headend of the list is kept without a measurement.";
+      result.headends.empty() ? "" : " The last headend is kept without a measurement.";
   switch (result.status) {
     case HEADENDSELECTION_SUCCESS:
       return "Selected from the cache; nothing was measured now.";

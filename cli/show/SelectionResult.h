@@ -13,7 +13,8 @@
 struct SelectionResult {
   unsigned int reason = 0;
   STATUSCODE status = 0;
-  std::vector<std::string> headends;  ///< as delivered, best first
+  /// As delivered, best first; where nothing was measured, at most the headend used last.
+  std::vector<std::string> headends;
   std::string extraInfo;
   bool fromCache = false;
   bool hadLogin = false;                ///< the run had credentials for the proxy

@@ -206,8 +206,8 @@ class Watch {
       return status;
     }
     noteFailure(*result, status != ExitSelected);
-    if (result->headends.empty()) {
-      return std::nullopt;
+    if (status != ExitSelected || result->headends.empty()) {
+      return std::nullopt;  // what was not measured is no news
     }
     return take(choiceOf(*result), cause);
   }

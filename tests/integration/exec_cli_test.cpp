@@ -171,6 +171,19 @@ TEST_F(ExecCommandTest, ALastHeadendThatWasKeptIsRunWith) {
   EXPECT_EQ(outcome.out, closed.Where().Text() + " []\n");
 }
 
+TEST_F(ExecCommandTest, WhereNothingWasMeasuredAllAreTriedInTheirOrderTheLastHeadendFirst) {
+  const RefusingPort one("127.0.0.1");
+  const std::string first = "127.0.0.2:" + std::to_string(one.Where().port);
+  const std::string second = one.Where().Text();
+  for (const auto& [last, order] : {std::pair{std::string(), first + " " + second + " "},
+                                    {second, second + " " + first + " "}}) {
+    const Outcome outcome = run({"exec", first, second, "--last", last, "--", "sh", "-c",
+                                 "printf '%s ' $0; exit 9", "{headend}"});
+    EXPECT_EQ(outcome.exitStatus, 9);
+    EXPECT_EQ(outcome.out, order);
+  }
+}
+
 TEST_F(ExecCommandTest, TheProgramHasTheSignalsAndRightsThatTheCommandWasStartedWith) {
   for (const char* const state : {"SigBlk", "SigIgn", "NoNewPrivs", "Seccomp"}) {
     const std::string look =

@@ -76,6 +76,23 @@ TEST_F(SelectCommandTest, TheSecondRunIsAnsweredByTheCacheUnlessThereIsNone) {
   EXPECT_EQ(result.at("outcome"), "from cache");
 }
 
+TEST_F(SelectCommandTest, WhereNothingWasMeasuredOnlyALastHeadendThatWasNamedIsKept) {
+  const RefusingPort closed("127.0.0.1");
+  const std::string other = "127.0.0.2:" + std::to_string(closed.Where().port);
+  const std::string last = closed.Where().Text();
+  for (const auto& [named, kept] : {std::pair{std::string(), std::string()}, {last, last + "\n"}}) {
+    const std::vector<std::string> words = {"select", last, other, "--last", named};
+    Outcome outcome = run(words);
+    EXPECT_EQ(outcome.exitStatus, 1);
+    EXPECT_THAT(outcome.out, HasSubstr(kept.empty() ? "Headends: none\n" : "1. " + last));
+    EXPECT_THAT(outcome.out, HasSubstr(std::string("No headend could be measured.") +
+                                       (kept.empty() ? " (0x" : " The last headend is kept")));
+    outcome = run({words[0], words[1], words[2], words[3], words[4], "--quiet"});
+    EXPECT_EQ(outcome.exitStatus, 1);
+    EXPECT_EQ(outcome.out, kept);
+  }
+}
+
 // ---- Why --------------------------------------------------------------------------------------
 
 TEST_F(SelectCommandTest, OnAReconnectionTheThresholdOfThePreferencesCountsAndIsExplained) {

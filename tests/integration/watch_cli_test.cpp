@@ -140,12 +140,18 @@ TEST_F(WatchCommandTest, ProfilesThatHaveChangedCountAndThoseThatAreGoneAreNotTh
 TEST_F(WatchCommandTest, NothingMeasuredAndAnUnknownLastHeadendAreToldOnceAndAreNotTheEnd) {
   writePreferences(preference("SelectionPingTimeout", "1000"));
   Gateway gateway(std::chrono::seconds(5));
-  Program program({"watch", gateway.address(), "--last", "Nope", "--interval", "1"}, environment);
+  Program program(
+      {"watch", gateway.address(), "--last", "Nope", "--interval", "1", "--exec", "echo ran >&2"},
+      environment);
   ASSERT_TRUE(program.waitForError("No headend could be measured."));
+  EXPECT_EQ(program.soFar().out, "") << "nobody has chosen it";
   ASSERT_TRUE(program.waitForError("It is tried again every 1 s, and when the network changes."));
   gateway.setDelay(Near);
   ASSERT_TRUE(program.waitForError("headends can be measured again"));
+  ASSERT_TRUE(program.waitForOutput(gateway.address()));
+  ASSERT_TRUE(program.waitForError("ran\n"));
   const std::string shown = end(program).err;
+  expectOnce(shown, "ran\n");
   expectOnce(shown, "No headend could be measured.");
   expectOnce(shown, "no host entry that takes part is named 'Nope'");
 }

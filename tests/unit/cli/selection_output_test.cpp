@@ -81,7 +81,7 @@ TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   result.results = {headend("gw-a", std::nullopt)};
   const std::string text = textOutput(result);
   EXPECT_THAT(text, HasSubstr("1. gw-a  kept, not measured (timed out)\n"));
-  EXPECT_THAT(text, HasSubstr("The headend of the list is kept without a measurement."));
+  EXPECT_THAT(text, HasSubstr("The last headend is kept without a measurement."));
   EXPECT_THAT(text, Not(HasSubstr("Without a result")));
 }
 

@@ -30,7 +30,7 @@ constexpr std::size_t MaxWordLength = 80;
 constexpr std::size_t MaxTextLength = 300;
 
 std::string inQuotes(const std::string& word) {
-  return "'" + ConfigurationText::oneLine(word, MaxWordLength) + "'";
+  return "'" + ConfigurationText::oneLine(withoutMark(word), MaxWordLength) + "'";
 }
 
 std::string whereHelpIs(const CLI::App& command) {
@@ -192,6 +192,18 @@ std::vector<std::string> takeOtherLine(int& argumentCount, char** arguments) {
   return other;
 }
 
+/// The command line as the parser wants it: the last word first.
+std::vector<std::string> wordsOf(int argumentCount, char** arguments) {
+  std::vector<std::string> words;
+  for (int i = argumentCount - 1; i > 0; --i) {
+    words.emplace_back(arguments[i]);
+    if (words.back().starts_with('[') && words.back().ends_with(']')) {
+      words.back() += BracketMark;
+    }
+  }
+  return words;
+}
+
 }  // namespace
 
 void addCommands(CLI::App& tool, ChosenCommand& chosen, const std::vector<std::string>& other) {
@@ -222,7 +234,7 @@ int runTool(int argumentCount, char** arguments) {
   addCommands(tool, chosen, other);
   Interruption::begin();
   try {
-    tool.parse(argumentCount, arguments);
+    tool.parse(wordsOf(argumentCount, arguments));
   } catch (const CLI::CallForVersion&) {
     return Console::writeResult(
         tool.count("--json") > 0 ? BuildFacts::asJson() : BuildFacts::asText(), ExitPrinted);

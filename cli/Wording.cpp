@@ -1,7 +1,10 @@
 #include "cli/Wording.h"
 
+#include <arpa/inet.h>
 #include <stdio.h>
 #include <time.h>
+
+#include <algorithm>
 
 #include "cli/Console.h"
 #include "vpn/Common/Utility/URL.h"
@@ -18,13 +21,23 @@ std::string Wording::counted(std::size_t number, const std::string& one, const s
   return std::to_string(number) + " " + (number == 1 ? one : many.empty() ? one + "s" : many);
 }
 
+std::string Wording::asHost(const std::string& text) {
+  const std::size_t zone = std::min(text.find('%'), text.size());
+  in6_addr ignored{};
+  if (inet_pton(AF_INET6, text.substr(0, zone).c_str(), &ignored) != 1) {
+    return text;
+  }
+  return "[" + text.substr(0, zone) + (zone < text.size() ? "%25" + text.substr(zone + 1) : "") +
+         "]";
+}
+
 std::string Wording::hostError(const std::string& host) {
   const std::string error = host.empty() ? "it is empty." : URL::findError(host);
   return error.empty()
              ? ""
              : "the host " + Console::inQuotes(host) + " cannot be used: " + error +
-                   " A host is a name, an IPv4 address or an IPv6 address in brackets, with an "
-                   "optional port: gw.example.com, 192.0.2.7:8443, [2001:db8::7].";
+                   " A host is a name or an address, with an optional port: gw.example.com, "
+                   "192.0.2.7:8443, 2001:db8::7, [2001:db8::7]:8443.";
 }
 
 std::string Wording::fixed(double value, int digits) {

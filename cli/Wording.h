@@ -18,6 +18,9 @@ class Wording {
   static std::string counted(std::size_t number, const std::string& one,
                              const std::string& many = "");
 
+  /// A host as typed, an IPv6 address without brackets in its brackets.
+  static std::string asHost(const std::string& text);
+
   /// Why a host cannot be used, and what a host is; empty if it can be used.
   static std::string hostError(const std::string& host);
 

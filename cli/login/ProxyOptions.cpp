@@ -8,6 +8,7 @@
 #include <charconv>
 
 #include "cli/Console.h"
+#include "cli/Wording.h"
 #include "vpn/Api/ProxyChoice.h"
 
 namespace {
@@ -21,7 +22,7 @@ std::string takeProxy(const std::string& text, std::map<PreferenceId, std::strin
     return "--proxy takes no user name and password. Use --proxy-user NAME. For the password: " +
            std::string(WaysToGivePassword);
   }
-  const std::string error = takeProxyChoice(text, preferences);
+  const std::string error = takeProxyChoice(Wording::asHost(text), preferences);
   return error.empty() ? "" : "the proxy '" + Console::visible(text) + "' cannot be used: " + error;
 }
 

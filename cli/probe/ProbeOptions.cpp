@@ -24,7 +24,7 @@ const HostEntry* findEntry(const std::string& name, const std::vector<HostEntry>
 std::string takeHost(const std::string& host, const std::vector<HostEntry>& entries,
                      ProbePlan& plan) {
   const HostEntry* entry = findEntry(host, entries);
-  const std::string address = entry == nullptr ? host : entry->address;
+  const std::string address = entry == nullptr ? Wording::asHost(host) : entry->address;
   if (std::string error = Wording::hostError(address); !error.empty()) {
     return error;
   }

@@ -3,6 +3,8 @@
 
 #include "cli/select/SelectOptions.h"
 
+#include <arpa/inet.h>
+
 #include <map>
 #include <set>
 
@@ -10,19 +12,36 @@
 #include "cli/Console.h"
 #include "cli/Wording.h"
 #include "cli/show/SelectionResult.h"
+#include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
 
-// Drops repeated names: measuring a headend twice would only burden it.
+/// Equal for all spellings of one place: host, letter case, default port.
+Place spotOf(const std::string& host) {
+  Place place = candidateOf("", URL(host)).place;
+  const std::string address = place.first.substr(0, place.first.find('%'));
+  in6_addr binary{};
+  char text[INET6_ADDRSTRLEN] = "";
+  if (inet_pton(AF_INET6, address.c_str(), &binary) == 1 &&
+      inet_ntop(AF_INET6, &binary, text, sizeof text) != nullptr) {
+    place.first.replace(0, address.size(), text);
+  } else {
+    place.first = CStringUtils::toLower(place.first);
+  }
+  return place;
+}
+
+// Drops repeated places: measuring a headend twice would only burden it.
 std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHeadend>& headends) {
-  std::set<std::string> seen;
-  for (const std::string& host : hosts) {
+  std::set<Place> seen;
+  for (const std::string& typed : hosts) {
+    const std::string host = Wording::asHost(typed);
     if (std::string error = Wording::hostError(host); !error.empty()) {
       return error;
     }
-    if (seen.insert(CStringUtils::toLower(URL(host).getHostAndPort(false))).second) {
+    if (seen.insert(spotOf(host)).second) {
       headends.emplace_back(host);
     }
   }
@@ -31,9 +50,9 @@ std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHe
 
 // The run knows a headend by its address as typed; a person may spell the last headend differently.
 std::string findLast(const std::string& last, const std::vector<GivenHeadend>& headends) {
-  const std::string place = CStringUtils::toLower(URL(last).getHostAndPort(false));
+  const Place place = spotOf(Wording::asHost(last));
   for (const GivenHeadend& headend : headends) {
-    if (CStringUtils::toLower(URL(headend.address).getHostAndPort(false)) == place) {
+    if (!last.empty() && spotOf(headend.address) == place) {
       return headend.name;
     }
   }
@@ -114,9 +133,10 @@ bool takePlan(const SelectOptions& options, const std::string& command, SelectPl
 }
 
 void addHostOptions(CLI::App& command, SelectOptions& options) {
-  addOption(command, "HOST", "[HOST[:PORT]...]", options.hosts,
-            "Hosts to measure in place of all profiles: names, IPv4 addresses, IPv6 "
-            "addresses in brackets");
+  addOption(
+      command, "HOST", "[HOST[:PORT]...]", options.hosts,
+      "Hosts to measure in place of all profiles: names and addresses; an IPv6 address with a "
+      "port stands in brackets");
   addFileOptions(command, options);
   addOption(
       command, "--last", "NAME", options.last,

@@ -57,6 +57,17 @@ std::size_t countMetrics(const SelectionResult& result) {
       result.results, [](const HeadendResult& headend) { return headend.metricMs.has_value(); }));
 }
 
+/// How many others have the smallest metric too.
+std::string othersAsNear(const SelectionResult& result, unsigned int best) {
+  const auto all =
+      std::ranges::count(result.results, std::optional(best), &HeadendResult::metricMs);
+  return all < 2
+             ? ""
+             : "; " +
+                   Wording::counted(static_cast<std::size_t>(all - 1), "other is", "others are") +
+                   " as near";
+}
+
 std::string line(const std::string& label, const std::string& text) {
   constexpr std::size_t LabelWidth = 12;
   const std::string start = label.empty() ? " " : label + ":";
@@ -202,7 +213,8 @@ std::string decisionInWords(const SelectionResult& result) {
   const std::size_t count = countMetrics(result);
   return "Chose " + name(*decision.best) + ": " + best +
          (count == 1 ? ", the only metric."
-                     : ", the smallest of " + std::to_string(count) + " metrics.");
+                     : ", the smallest of " + std::to_string(count) + " metrics" +
+                           othersAsNear(result, *decision.best->metricMs) + ".");
 }
 
 std::string reasonsInWords(const SelectionResult& result) {

@@ -215,11 +215,12 @@ std::string tableOf(const SelectionResult& result) {
       "<th class=\"n\">metric, ms</th><th>samples, ms</th><th>outcome</th>"
       "<th class=\"n\">network, ms</th><th class=\"n\">answer, ms</th><th>address</th></tr>"
       "</thead>\n<tbody>\n";
-  std::size_t rank = 0;
+  const std::vector<std::size_t> ranks = ranksOf(result);
+  std::size_t place = 0;
   for (const HeadendResult& headend : result.results) {
-    const bool isRanked = rank < result.headends.size() && headend.headend == result.headends[rank];
-    rank += isRanked ? 1 : 0;
-    table += rowOf(headend, isRanked ? rank : 0, isRanked && rank == 1, named);
+    const bool isRanked = place < ranks.size() && headend.headend == result.headends[place];
+    table += rowOf(headend, isRanked ? ranks[place] : 0, isRanked && place == 0, named);
+    place += isRanked ? 1 : 0;
   }
   return table + "</tbody></table></div>\n";
 }

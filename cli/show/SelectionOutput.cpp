@@ -75,9 +75,10 @@ std::string listsOf(const SelectionResult& result) {
     }
     rows.back().push_back(words);
   };
+  const std::vector<std::size_t> ranks = ranksOf(result);
   for (const std::string& headend : result.headends) {
     const HeadendResult* known = find(result, headend);
-    add(start(std::to_string(rows.size() + 1) + ". ", headend), known, describe(known));
+    add(start(std::to_string(ranks[rows.size()]) + ". ", headend), known, describe(known));
   }
   for (const HeadendResult& headend : result.results) {
     if (std::ranges::find(result.headends, headend.headend) == result.headends.end()) {

@@ -47,6 +47,18 @@ const HeadendResult* find(const SelectionResult& result, const std::string& head
   return found == result.results.end() ? nullptr : &*found;
 }
 
+std::vector<std::size_t> ranksOf(const SelectionResult& result) {
+  std::vector<std::size_t> ranks;
+  std::optional<unsigned int> before;
+  for (const std::string& headend : result.headends) {
+    const HeadendResult* const known = find(result, headend);
+    const std::optional<unsigned int> metric = known == nullptr ? std::nullopt : known->metricMs;
+    ranks.push_back(metric && metric == before ? ranks.back() : ranks.size() + 1);
+    before = metric;
+  }
+  return ranks;
+}
+
 bool hasNames(const SelectionResult& result) {
   return std::ranges::any_of(result.results, [](const HeadendResult& headend) {
     return !nameBeside(headend.headend, headend.name).empty();

@@ -32,6 +32,9 @@ struct SelectionResult {
 /// The result of a headend; null if it is no candidate.
 const HeadendResult* find(const SelectionResult& result, const std::string& headend);
 
+/// The rank of each delivered headend, from 1; neighbours with equal metrics have the same.
+std::vector<std::size_t> ranksOf(const SelectionResult& result);
+
 /// Whether any headend has a name besides its address.
 bool hasNames(const SelectionResult& result);
 

@@ -93,6 +93,13 @@ TEST_F(SelectCommandTest, WhereNothingWasMeasuredOnlyALastHeadendThatWasNamedIsK
   }
 }
 
+TEST_F(SelectCommandTest, AnIPv6AddressMayHaveBrackets) {
+  const Outcome outcome = run({"select", "[::1]", "::2", "[::1]:443"});
+  EXPECT_THAT(outcome.out, HasSubstr("\n      [::1]  ")) << outcome.err;
+  EXPECT_THAT(outcome.out, HasSubstr("\n      [::2]  "));
+  EXPECT_EQ(run({"exec", "[::1]", "--", "echo", "{host}"}).out, "::1\n");
+}
+
 // ---- Why --------------------------------------------------------------------------------------
 
 TEST_F(SelectCommandTest, OnAReconnectionTheThresholdOfThePreferencesCountsAndIsExplained) {

@@ -42,6 +42,8 @@ TEST(Decision, IsTheSmallestMetric) {
   EXPECT_EQ(decision.last, nullptr);
   EXPECT_FALSE(decision.ratio);
   EXPECT_EQ(decisionInWords(result), "Chose gw-b: 18 ms, the smallest of 2 metrics.");
+  EXPECT_EQ(decisionInWords(measured({headend("a", 9), headend("b", 9), headend("c", 9)})),
+            "Chose a: 9 ms, the smallest of 3 metrics; 2 others are as near.");
   EXPECT_EQ(decisionInWords(measured({headend("gw-a", 41)})),
             "Chose gw-a: 41 ms, the only metric.");
 }

@@ -51,6 +51,7 @@ TEST_F(ProxyOptionsTest, AProxyIsAHostWithOrWithoutAPort) {
            {"192.0.2.7:8080", "192.0.2.7", "8080"},
            {"[2001:db8::7]:3128", "[2001:db8::7]", "3128"},
            {"[::1]", "[::1]", ""},
+           {"::1", "[::1]", ""},
            {"http://proxy:3128/", "proxy", "3128"}}) {
     options.proxy = text;
     EXPECT_EQ(make(), "") << text;
@@ -61,8 +62,8 @@ TEST_F(ProxyOptionsTest, AProxyIsAHostWithOrWithoutAPort) {
 }
 
 TEST_F(ProxyOptionsTest, WhatIsNoProxyIsRefusedWithAnExample) {
-  for (const char* wrong : {"", " ", "::1", "proxy:0", "proxy:99999", "proxy:x", "a b",
-                            "https://proxy", "socks5://proxy", "http://proxy/path", "proxy\x1b"}) {
+  for (const char* wrong : {"", " ", "proxy:0", "proxy:99999", "proxy:x", "a b", "https://proxy",
+                            "socks5://proxy", "http://proxy/path", "proxy\x1b"}) {
     options.proxy = wrong;
     EXPECT_THAT(make(), HasSubstr("proxy.example.com:3128")) << wrong;
     EXPECT_THAT(make(), Not(HasSubstr("\x1b")));

@@ -64,13 +64,16 @@ TEST_F(SelectOptionsTest, EveryReasonHasANameAndANumberAndNothingElseHas) {
 }
 
 TEST_F(SelectOptionsTest, HostsThatNameOnePlaceAreMeasuredOnce) {
-  options.hosts = {"gw-a", "gw-b:8443", "GW-A", "gw-a", "gw-b", "[::1]:443"};
+  options.hosts = {"gw-a",      "gw-b:8443", "GW-A",  "gw-a:443",     "gw-b",
+                   "[::1]:443", "::1",       "[::1]", "[0:0::0:1]",   "https://gw-a/x",
+                   "[::1]:444", "::A",       "::a",   "fe80::7%eth0", "[FE80::7%25eth0]"};
   EXPECT_EQ(make(), "");
-  EXPECT_THAT(plan.sources.headends, ElementsAre("gw-a", "gw-b:8443", "gw-b", "[::1]:443"));
+  EXPECT_THAT(plan.sources.headends, ElementsAre("gw-a", "gw-b:8443", "gw-b", "[::1]:443",
+                                                 "[::1]:444", "[::A]", "[fe80::7%25eth0]"));
 }
 
 TEST_F(SelectOptionsTest, AHostThatIsNoAddressIsRefusedByName) {
-  for (const char* wrong : {"", "gw:0", "gw:99999", "user@gw", "::1", "a b", "ftp://gw"}) {
+  for (const char* wrong : {"", "gw:0", "gw:99999", "user@gw", "::1::", "a b", "ftp://gw"}) {
     options.hosts = {"gw-a", wrong};
     EXPECT_THAT(make(), HasSubstr("the host '" + std::string(wrong) + "' cannot be used")) << wrong;
   }
@@ -79,8 +82,10 @@ TEST_F(SelectOptionsTest, AHostThatIsNoAddressIsRefusedByName) {
 }
 
 TEST_F(SelectOptionsTest, TheLastHeadendMayBeSpeltOtherwiseThanTheHostThatIsMeant) {
-  options.hosts = {"gw-a", "https://GW-B:8443"};
+  options.hosts = {"gw-a", "https://GW-B:8443", "2001:db8::7"};
   for (const auto& [last, taken] : {std::pair{"gw-b:8443", "https://GW-B:8443"},
+                                    {"[2001:DB8::7]:443", "[2001:db8::7]"},
+                                    {"gw-a:443", "gw-a"},
                                     {"Berlin, main office", "Berlin, main office"},
                                     {"", ""}}) {
     options.last = last;

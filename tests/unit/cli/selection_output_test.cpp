@@ -76,6 +76,15 @@ TEST(TextOutput, ShowsTheNamesOfHostEntriesInAColumnOfTheirOwn) {
                               "      gw-c       Oslo\\x1b[2J  cannot connect\n"));
 }
 
+TEST(TextOutput, RanksEqualMetricsEqually) {
+  const SelectionResult result =
+      measured({headend("a", 7), headend("b", 20), headend("c", 20), headend("d", 21)});
+  EXPECT_THAT(textOutput(result), HasSubstr("   1. a  7 ms\n"
+                                            "   2. b  20 ms\n"
+                                            "   2. c  20 ms\n"
+                                            "   4. d  21 ms\n"));
+}
+
 TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {"gw-a"});
   result.results = {headend("gw-a", std::nullopt)};

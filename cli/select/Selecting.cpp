@@ -275,6 +275,7 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
       return std::nullopt;
     }
     SelectionResult result = resultOf(reason, login.hasCredentials());
+    result.proxy = Console::visible(proxy.place.empty() ? proxyMetBy(*m_recorder) : proxy.place);
     if (result.status != HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
       const std::string shortage = shortageIn(result);
       if (!shortage.empty() && isNew(shortage, m_told)) {
@@ -284,8 +285,7 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
     }
     // This run has started no worker, so it ends at once and drops its copy of the login.
     endRun();
-    const std::string place = proxy.place.empty() ? proxyMetBy(*m_recorder) : proxy.place;
-    if (!findLogin(login, terminal, place, result.extraInfo)) {
+    if (!findLogin(login, terminal, result.proxy, result.extraInfo)) {
       return result;
     }
   }
@@ -339,6 +339,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
   if (exitStatusOf(result.status) == ExitSelected) {
     static_cast<void>(entry.GetHeadendList(records));
   }
+  result.testProbe = m_recorder->testProbe();
   if (result.fromCache) {
     result.cacheAge = SelectionTimes::ageOf(entry);
   }

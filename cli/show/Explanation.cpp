@@ -132,6 +132,11 @@ std::string sourceLine(const SelectionResult& result) {
           " days (SelectionClearCache); --no-cache measures now");
 }
 
+std::string proxyLine(const SelectionResult& result) {
+  const std::string words = proxyInWords(result);
+  return words.empty() ? "" : line("proxy", words);
+}
+
 std::string missingLines(const SelectionResult& result) {
   std::vector<const HeadendResult*> missing;
   for (const HeadendResult& headend : result.results) {
@@ -221,7 +226,7 @@ std::string reasonsInWords(const SelectionResult& result) {
   const Decision decision = decisionOf(result);
   return line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best)) +
          lastLine(result, decision) + ruleLines(result, decision) + sourceLine(result) +
-         missingLines(result) + earlyLines(result, decision);
+         proxyLine(result) + missingLines(result) + earlyLines(result, decision);
 }
 
 std::string explanation(const SelectionResult& result) {

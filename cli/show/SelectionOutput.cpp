@@ -122,7 +122,8 @@ std::string textOutput(const SelectionResult& result) {
   text += text.empty() ? "" : "\n";
   text += listsOf(result) + "Status: " + statusInWords(result) + " (" + statusAsHex(result.status) +
           " " + statusCodeName(result.status) + ")\n";
-  return text;
+  const std::string proxy = proxyInWords(result);
+  return text + (proxy.empty() ? "" : "Test probe: " + proxy + "\n");
 }
 
 std::string jsonOutput(const SelectionResult& result) {
@@ -136,6 +137,11 @@ std::string jsonOutput(const SelectionResult& result) {
   object["fromCache"] = result.fromCache;
   object["cacheAgeSeconds"] = result.cacheAge ? Json(result.cacheAge->count()) : Json(nullptr);
   object["elapsedMs"] = result.elapsed.count();
+  object["testProbe"] = result.testProbe ? probeAsJson(*result.testProbe) : Json(nullptr);
+  if (result.testProbe) {
+    object["testProbe"]["proxied"] = result.testProbe->proxied;
+    object["testProbe"]["words"] = orNull(proxyInWords(result));
+  }
   object["decision"] = decisionAsJson(result);
   object["results"] = Json::array();
   for (const HeadendResult& headend : result.results) {

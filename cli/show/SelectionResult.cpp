@@ -3,14 +3,17 @@
 
 #include "cli/show/SelectionResult.h"
 
+#include <curl/curl.h>
 #include <stdio.h>
 
 #include <algorithm>
 
 #include "cli/ExitStatus.h"
+#include "cli/Wording.h"
 #include "cli/login/ProxyLogin.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Common/Trust/LegibleText.h"
+#include "vpn/include/HttpSession.h"
 
 namespace {
 
@@ -30,8 +33,34 @@ std::string adviceForLogin(const SelectionResult& result) {
          "HOST:PORT, or none with --no-proxy.";
 }
 
+/// Nothing but the proxy has answered.
+bool onlyProxyAnswers(const SelectionResult& result) {
+  return result.testProbe && result.testProbe->proxied &&
+         result.testProbe->status == HTTP_SESSION_SUCCESS &&
+         exitStatusOf(result.status) == ExitNotMeasured;
+}
+
+/// What is wrong with the proxy, to follow its name; empty for nothing.
+std::string troubleOf(const HttpProbe::Report& probe) {
+  switch (probe.status) {
+    case HTTP_SESSION_ERROR_CONNECT:
+      return probe.transportError == CURLE_COULDNT_RESOLVE_PROXY ? "cannot be found"
+                                                                 : "refuses connections";
+    case HTTP_SESSION_ERROR_TIMEOUT:
+      return probe.connectUs < 0 ? "accepts no connection" : "does not answer";
+    case HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE:
+      return "does not answer like a proxy";
+    default:
+      return "";
+  }
+}
+
 /// The words for a failed selection would add nothing; those for any other status say why.
 std::string adviceForFailure(const SelectionResult& result) {
+  if (onlyProxyAnswers(result)) {
+    return proxyInWords(result) +
+           " Let this machine connect to the headends itself, or select where it may.";
+  }
   const bool wasMeasuring = result.status == HEADENDSELECTION_ERROR_SELECTION_FAILURE;
   const std::string headend = result.results.empty() ? "HOST" : result.results.front().headend;
   return "no headend was selected by measurement." +
@@ -119,6 +148,21 @@ std::string statusInWords(const SelectionResult& result) {
     default:
       return "The selection failed." + kept;
   }
+}
+
+std::string proxyInWords(const SelectionResult& result) {
+  const std::string proxy = "the proxy" + (result.proxy.empty() ? "" : " " + result.proxy);
+  if (onlyProxyAnswers(result)) {
+    return "only " + proxy +
+           " answers: headends are measured directly, and none can be reached so.";
+  }
+  const std::string trouble =
+      result.testProbe && result.testProbe->proxied ? troubleOf(*result.testProbe) : "";
+  return trouble.empty()
+             ? ""
+             : proxy + " " + trouble + ", which took " +
+                   Wording::fixed(static_cast<double>(result.testProbe->totalUs) / 1e6, 1) +
+                   " s; headends are measured directly.";
 }
 
 std::string libraryProblem(STATUSCODE status) {

@@ -24,6 +24,8 @@ struct SelectionResult {
   std::optional<std::chrono::seconds> cacheAge;  ///< since the cached measurement, if it is known
   unsigned int cacheDays = 0;                    ///< how long a measurement may be used again
   std::chrono::milliseconds elapsed{0};
+  std::optional<HttpProbe::Report> testProbe;  ///< if one was sent
+  std::string proxy;                           ///< host and port of its proxy, if they are known
   std::string report;  ///< the selection report of the log; empty without a ranking
   /// The delivered headends in their order, then the other candidates in theirs.
   std::vector<HeadendResult> results;
@@ -50,6 +52,10 @@ int exitStatusOf(STATUSCODE status);
 
 /// A status in words, a whole sentence.
 std::string statusInWords(const SelectionResult& result);
+
+/// What was wrong with the proxy of the test probe, what it cost, and what it means: whole sentences;
+/// empty if nothing was.
+std::string proxyInWords(const SelectionResult& result);
 
 /// A status for programs: "0xFE530010".
 std::string statusAsHex(STATUSCODE status);

@@ -100,6 +100,22 @@ TEST_F(SelectCommandTest, AnIPv6AddressMayHaveBrackets) {
   EXPECT_EQ(run({"exec", "[::1]", "--", "echo", "{host}"}).out, "::1\n");
 }
 
+TEST_F(SelectCommandTest, AProxyThatDoesNotServeIsToldWithWhatItCost) {
+  const Gateway gateway(Near);
+  const RefusingPort closed("127.0.0.1");
+  const std::string proxy = closed.Where().Text();
+  const Outcome outcome = run({"select", gateway.address(), "--proxy", proxy, "--explain"});
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
+  for (const char* const label : {"Test probe: ", "  proxy:      "}) {
+    EXPECT_THAT(outcome.out, HasSubstr(label + ("the proxy " + proxy + " refuses connections")));
+  }
+  EXPECT_THAT(
+      runJson({"select", closed.Where().Text(), "--no-cache", "--proxy", gateway.address()}, 1)
+          .at("testProbe")
+          .at("words"),
+      testing::StartsWith("only the proxy " + gateway.address() + " answers"));
+}
+
 // ---- Why --------------------------------------------------------------------------------------
 
 TEST_F(SelectCommandTest, OnAReconnectionTheThresholdOfThePreferencesCountsAndIsExplained) {

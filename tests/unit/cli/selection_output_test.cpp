@@ -163,6 +163,42 @@ TEST(Advice, SaysWhatToDoAfterAFailureAndNothingAfterASuccess) {
               HasSubstr("the profiles in '/p', set EnableAutomaticServerSelection to true"));
 }
 
+TEST(ProxyInWords, SaysWhatIsWrongWithItAndWhatItCost) {
+  SelectionResult result = measured({headend("gw-a", 20)});
+  result.proxy = "proxy:3128";
+  result.testProbe = HttpProbe::Report();
+  result.testProbe->totalUs = 1'234'000;
+  EXPECT_EQ(proxyInWords(result), "") << "it was not asked";
+  result.testProbe->proxied = true;
+  EXPECT_EQ(proxyInWords(result), "");
+  constexpr unsigned int UnknownProxy = 5;
+  for (const auto& [status, error, connectUs, words] :
+       {std::tuple{HTTP_SESSION_ERROR_CONNECT, UnknownProxy, -1, "cannot be found"},
+        {HTTP_SESSION_ERROR_CONNECT, 7U, -1, "refuses connections"},
+        {HTTP_SESSION_ERROR_TIMEOUT, 28U, -1, "accepts no connection"},
+        {HTTP_SESSION_ERROR_TIMEOUT, 28U, 900, "does not answer"},
+        {HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, 1U, 900, "does not answer like a proxy"}}) {
+    result.testProbe->status = status;
+    result.testProbe->transportError = error;
+    result.testProbe->connectUs = connectUs;
+    const std::string whole = "the proxy proxy:3128 " + std::string(words) +
+                              ", which took 1.2 s; headends are measured directly.";
+    EXPECT_EQ(proxyInWords(result), whole);
+    EXPECT_THAT(textOutput(result), HasSubstr("\nTest probe: " + whole + "\n"));
+    EXPECT_EQ(json::parse(jsonOutput(result)).at("testProbe").at("words"), whole);
+  }
+}
+
+TEST(ProxyInWords, SaysThatOnlyTheProxyGetsOut) {
+  SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {});
+  result.testProbe = HttpProbe::Report();
+  EXPECT_THAT(adviceFor(result, ""), Not(HasSubstr("only the proxy answers")));
+  result.testProbe->proxied = true;
+  EXPECT_THAT(adviceFor(result, ""),
+              HasSubstr("only the proxy answers: headends are measured directly, and none can"));
+  EXPECT_THAT(textOutput(result), HasSubstr("Test probe: only the proxy answers"));
+}
+
 TEST(Advice, SaysHowToLogInToAProxyAndThatALoginWasRefused) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED, {});
   result.extraInfo = "Office\x1b[2J";

@@ -128,6 +128,7 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
     outcome = ProbeOutcome();
     outcome.code = CURLE_OUT_OF_MEMORY;
   }
+  report.proxied = request.proxied() || outcome.code == CURLE_COULDNT_RESOLVE_PROXY;
   outcome.fill(report, request.proxied(), measure);
   report.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
                        ProbeRequest::Clock::now() - request.start)

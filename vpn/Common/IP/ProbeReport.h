@@ -27,6 +27,7 @@ struct ProbeReport {
   unsigned short port = 0;          ///< 1 to 65535
   bool secure = false;              ///< HTTPS
   unsigned int options = 0;         ///< as given to `SendHttpProbe`
+  bool proxied = false;             ///< a proxy was found for it
   STATUSCODE status = 0;            ///< as `SendHttpProbe` returns it
   unsigned int rttMs = 0;           ///< what `uiRtt` is for this probe
   unsigned int httpStatus = 0;      ///< what `uiHttpStatusCode` is; 0: none

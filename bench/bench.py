@@ -18,6 +18,7 @@ import choice
 import cost
 import figures
 import growth
+import lies
 import speed
 import truth
 import world
@@ -31,6 +32,7 @@ ROWS = {
     "busy": (truth.busy, "error of the metric on a busy machine"),
     "jitter": (truth.jitter, "error with jitter and loss"),
     "winner": (choice.winner, "how often the right gateway wins"),
+    "lies": (lies.lies, "how often the nearest gateway wins in networks that lie"),
     "processor": (cost.processor, "processor time beside curl's"),
     "memory": (cost.memory, "memory beside curl's"),
     "growth": (cost.growth, "cost as headends grow; draws the picture"),
@@ -39,7 +41,7 @@ ROWS = {
 
 
 # Rows with a ratio that must hold on any machine.
-CHECKED = ("time", "secure", "error", "busy", "jitter", "processor", "memory")
+CHECKED = ("time", "secure", "error", "busy", "jitter", "lies", "processor", "memory")
 
 
 @dataclasses.dataclass
@@ -58,6 +60,7 @@ class Sizes:
     jitter_rounds: int = 7
     scenes: int = 10
     trials: int = 20
+    lie_trials: int = 200
     cache_runs: int = 1000
     loops: int = 8
     # Factor for all distances.
@@ -66,11 +69,11 @@ class Sizes:
     @staticmethod
     def smoke():
         return Sizes(counts=(2, 3, 4), growth=(2, 3, 4), secure=2, busy=2, jitter=3, cached=5, rounds=1,
-                     jitter_rounds=1, scenes=1, trials=1, cache_runs=3, loops=1, scale=0.1)
+                     jitter_rounds=1, scenes=1, trials=1, lie_trials=1, cache_runs=3, loops=1, scale=0.1)
 
     @staticmethod
     def check():
-        return Sizes(rounds=2, jitter_rounds=3)
+        return Sizes(rounds=2, jitter_rounds=3, lie_trials=20)
 
 
 @dataclasses.dataclass

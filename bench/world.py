@@ -42,10 +42,14 @@ class Gateway:
     jitter: float = 0
     loss: float = 0
     behaviour: str = "normal"
+    # Of the answer, and of the SYN-ACK beyond the round trip.
+    delay: float = 0
+    opening: float = 0
 
     def lines(self):
-        return (f"path {self.address} rtt={self.rtt} jitter={self.jitter} loss={self.loss}\n"
-                f"gateway {self.address}:{PORT} behaviour={self.behaviour}\n")
+        return (f"path {self.address} rtt={self.rtt} opening={self.opening} jitter={self.jitter} "
+                f"loss={self.loss}\n"
+                f"gateway {self.address}:{PORT} delay={self.delay} behaviour={self.behaviour}\n")
 
 
 def address(index):

@@ -206,6 +206,16 @@ std::optional<Piece> keepingAnswer(const Request&, std::size_t index) {
   return Piece{"HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: keep-alive\r\n\r\n", {}};
 }
 
+/// Answers for the whole connection, the later ones just after the request that they guess.
+std::optional<Piece> answersAhead(const Request& request, std::size_t index) {
+  constexpr std::size_t Answers = 100;
+  constexpr std::chrono::milliseconds Guess{3};
+  if (index >= Answers) return {};
+  auto piece = keepingAnswer(request, 0);
+  if (index > 0) piece->pause = Guess;
+  return piece;
+}
+
 /// Announces the connection's end and closes it: every request needs a new connection.
 std::optional<Piece> partingAnswer(const Request&, std::size_t index) {
   if (index > 0) return {};
@@ -324,6 +334,10 @@ constexpr std::array Behaviours = {
     keeps("keeps-then-garbage", "answers and talks garbage at the second request", "garbage"),
     keeps("keeps-then-resets-midway", "answers and resets within its second answer",
           "resets-midway"),
+    Behaviour{.name = "answers-early",
+              .summary = "answers before it is asked, in plain HTTP",
+              .acts = Acts::OnAccept,
+              .answer = answersAhead},
     answers("leaves", "promises to keep the connection, and closes it", keepingAnswer),
     answers("parts", "answers, says that it closes the connection, and does", partingAnswer),
 

@@ -4,6 +4,7 @@
 #include "simulator/DelayLine.h"
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -25,6 +26,8 @@ constexpr std::size_t PortsLength = 4;
 struct Addresses {
   IpAddress source;
   IpAddress destination;
+  /// The packet is a SYN-ACK.
+  bool opens = false;
   /// Hash of addresses, protocol and ports. Two flows with the same hash only wait for each other.
   std::uint64_t flow = 0;
 };
@@ -73,6 +76,10 @@ std::optional<Addresses> dissect(std::span<const unsigned char> packet) {
   if (hasPorts && packet.size() >= headerLength + PortsLength) {
     result.flow = hash(result.flow, packet.subspan(headerLength, PortsLength));
   }
+  constexpr std::size_t FlagsAt = 13;
+  constexpr unsigned char SynAck = TH_SYN | TH_ACK;
+  result.opens = hasPorts && protocol == IPPROTO_TCP && packet.size() > headerLength + FlagsAt &&
+                 (packet[headerLength + FlagsAt] & SynAck) == SynAck;
   return result;
 }
 
@@ -110,6 +117,7 @@ void DelayLine::accept(Direction direction, std::span<const unsigned char> packe
   const auto jitter = std::chrono::duration_cast<std::chrono::nanoseconds>(
       lateness * std::chrono::duration<double, std::nano>(lane.path.jitter / 2));
   Clock::time_point due = now + lane.path.roundTrip / 2 + jitter;
+  if (addresses->opens) due += lane.path.opening;
   if (lane.path.jitter.count() > 0 && !lane.path.reorder)
     due = keepOrder(addresses->flow, due, now);
   m_held.push({due, m_nextNumber++, {direction, {packet.begin(), packet.end()}}});

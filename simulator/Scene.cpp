@@ -83,6 +83,8 @@ Path parsePath(const Words& words) {
   for (std::size_t i = 2; i < words.size(); ++i) {
     if (const auto rtt = valueOf(words[i], "rtt")) {
       path.roundTrip = parseMilliseconds(*rtt);
+    } else if (const auto opening = valueOf(words[i], "opening")) {
+      path.opening = parseMilliseconds(*opening);
     } else if (const auto jitter = valueOf(words[i], "jitter")) {
       path.jitter = parseMilliseconds(*jitter);
     } else if (const auto loss = valueOf(words[i], "loss")) {
@@ -90,7 +92,7 @@ Path parsePath(const Words& words) {
     } else if (words[i] == "reorder") {
       path.reorder = true;
     } else {
-      refuse(words[i], "a path has rtt=MS, jitter=MS, loss=PERCENT and reorder");
+      refuse(words[i], "a path has rtt=MS, opening=MS, jitter=MS, loss=PERCENT and reorder");
     }
   }
   return path;
@@ -213,8 +215,9 @@ void Scene::addLine(std::string_view line) {
     if (words.size() < least || words.size() > most) refuse(kind, grammar);
   };
   if (kind == "path") {
-    expectWords(2, 6,
-                "expected: path ADDRESS|default [rtt=MS] [jitter=MS] [loss=PERCENT] [reorder]");
+    expectWords(2, 7,
+                "expected: path ADDRESS|default [rtt=MS] [opening=MS] [jitter=MS] [loss=PERCENT] "
+                "[reorder]");
     if (words[1] == "default") {
       defaultPath = parsePath(words);
     } else {

@@ -44,6 +44,9 @@ class IpAddress {
 struct Path {
   /// 0 to 60 s.
   std::chrono::nanoseconds roundTrip{0};
+  /// Added to the round trip of a SYN and its SYN-ACK, as if what ends TCP near the client asked
+  /// the far side first. 0 to 60 s.
+  std::chrono::nanoseconds opening{0};
   /// Mean of the time added to the round trip, exponentially distributed: most packets are a little
   /// later, a few much later, none earlier.
   std::chrono::nanoseconds jitter{0};
@@ -95,7 +98,7 @@ class SceneError : public std::runtime_error {
 
 /// The simulated scene. Its text form has lines; `#` begins a comment:
 ///
-///     path ADDRESS|default [rtt=MS] [jitter=MS] [loss=PERCENT] [reorder]
+///     path ADDRESS|default [rtt=MS] [opening=MS] [jitter=MS] [loss=PERCENT] [reorder]
 ///     gateway ADDRESS:PORT [delay=MS] [behaviour=NAME]
 ///     name NAME ADDRESS
 ///     resolver ADDRESS

@@ -262,9 +262,9 @@ int parseCommandLine(int argc, char** argv, Options& options) {
   CLI::App app("Runs a command in a network in which headends are far away.", "ahs-wan");
   app.add_option("--config", options.config,
                  "File that describes the scene (see simulator/README.md)");
-  app.add_option(
-         "--path", options.paths,
-         "ADDRESS[,rtt=MS][,jitter=MS][,loss=PERCENT][,reorder]; may be given several times")
+  app.add_option("--path", options.paths,
+                 "ADDRESS[,rtt=MS][,opening=MS][,jitter=MS][,loss=PERCENT][,reorder]; may be given "
+                 "several times")
       ->allow_extra_args(false);
   app.add_option("--name", options.names, "NAME,ADDRESS; may be given several times")
       ->allow_extra_args(false);

@@ -166,11 +166,13 @@ void tellFileProblems(std::set<std::string>* told) {
   }
 }
 
-bool isResponseMeasured() {
+std::string roundTripMeasure() {
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   std::string measure;
-  return preferences != nullptr && preferences->getPreferenceValue(RoundTripTime, measure) == 0 &&
-         measure == PreferenceBase::RoundTripResponse;
+  if (preferences != nullptr) {
+    preferences->getPreferenceValue(RoundTripTime, measure);
+  }
+  return measure;
 }
 
 LoadedFiles::LoadedFiles(const FilePlan& plan) : m_plan(plan) { load(); }

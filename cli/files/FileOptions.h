@@ -67,8 +67,8 @@ std::string makeFilePlan(const FileOptions& options, const DefaultPaths& paths, 
 ///        null.
 void tellFileProblems(std::set<std::string>* told = nullptr);
 
-/// Whether the preferences make the time to the headend's answer the round trip.
-bool isResponseMeasured();
+/// Which round trip the preferences make count: "auto", "network" or "response".
+std::string roundTripMeasure();
 
 /// Loads the process's profiles and preferences for the object's lifetime.
 class LoadedFiles {

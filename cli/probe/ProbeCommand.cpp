@@ -200,7 +200,7 @@ int runProbe(const ProbeOptions& options) {
   }
   ProbePlan plan;
   tellFileProblems();
-  plan.isResponseMeasured = isResponseMeasured();
+  plan.measure = roundTripMeasure();
   HS_SETTINGS settings{};
   CAHSSettings::GetSettings(settings);
   const std::string error = makeProbePlan(options, findHostEntries(), settings, plan);

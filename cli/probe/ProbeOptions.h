@@ -33,7 +33,7 @@ struct ProbePlan {
   unsigned int selectionCount = 0;              ///< probes that a selection sends
   std::chrono::seconds selectionTimeout{0};     ///< of one probe of a selection
   std::chrono::milliseconds selectionLimit{0};  ///< time limit of a selection
-  bool isResponseMeasured = false;              ///< a sample is the time to the headend's answer
+  std::string measure = "auto";                 ///< which round trip a sample is
 };
 
 /// Turns options into a plan. The name of a host entry, in any letter case, takes precedence over a

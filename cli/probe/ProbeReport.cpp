@@ -17,6 +17,7 @@
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/ConfigurationText.h"
+#include "vpn/Api/Preference.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -183,10 +184,13 @@ std::string answerInWords(const ProbeFindings& findings) {
 // ---- The selection ----------------------------------------------------------------------------
 
 std::string measureInWords(const ProbePlan& plan) {
-  return plan.isResponseMeasured ? "A sample is the response time (preference RoundTripTime)."
-                                 : "A sample is the network's round trip, the smallest on its "
-                                   "connection so far (preference "
-                                   "RoundTripTime).";
+  return plan.measure == PreferenceBase::RoundTripResponse
+             ? "A sample is the response time (preference RoundTripTime)."
+             : "A sample is the network's round trip, the smallest on its connection so far "
+               "(preference RoundTripTime)" +
+                   std::string(plan.measure == PreferenceBase::RoundTripNetwork
+                                   ? "."
+                                   : ",\nunless it was acknowledged before it can have come.");
 }
 
 std::string schemeInWords(const ProbePlan& plan) {
@@ -418,7 +422,7 @@ std::string probeJson(const ProbeFindings& findings) {
   object["takesPart"] = plan.entry.empty() ? Json(nullptr) : Json(plan.leftOut.empty());
   object["secure"] = plan.secure;
   object["timeoutMs"] = std::chrono::milliseconds(plan.timeout).count();
-  object["roundTripTime"] = plan.isResponseMeasured ? "response" : "network";
+  object["roundTripTime"] = plan.measure;
   object["probes"] = probes;
   object["summary"] = summaryAsJson(findings.probes);
   object["selection"] = selectionAsJson(plan, workerViewOf(plan, findings.probes));

@@ -359,7 +359,7 @@ void Selecting::tellRules(SelectionResult& result) const {
   result.last = m_plan.last.empty() || known == nullptr ? m_plan.last : known->headend;
   result.improvementPercent = m_settings.nImprovement;
   result.cacheDays = m_settings.nClearCache;
-  result.isResponseMeasured = isResponseMeasured();
+  result.measure = roundTripMeasure();
 }
 
 void Selecting::endRun() {

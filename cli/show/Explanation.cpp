@@ -11,6 +11,7 @@
 #include "cli/Wording.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/SelectionRules.h"
+#include "vpn/Api/Preference.h"
 
 namespace {
 
@@ -47,6 +48,20 @@ std::vector<EarlyAnswer> findEarlyAnswers(const SelectionResult& result) {
     if (network >= 0 && response > network * EarlyFactor &&
         response - network > EarlyDifferenceUs) {
       found.push_back({headend.headend, network, response});
+    }
+  }
+  return found;
+}
+
+std::vector<Evidence> findEvidence(const SelectionResult& result) {
+  std::vector<Evidence> found;
+  for (const HeadendResult& headend : result.results) {
+    const auto probe = std::ranges::find_if(headend.probes, [](const HttpProbe::Report& report) {
+      return report.doubt != RoundTripDoubt::None;
+    });
+    if (probe != headend.probes.end()) {
+      found.push_back({headend.headend, probe->doubt, probe->openingUs, probe->networkRttUs,
+                       probe->responseRttUs});
     }
   }
   return found;
@@ -119,8 +134,9 @@ std::string lastLine(const SelectionResult& result, const Decision& decision) {
 std::string sourceLine(const SelectionResult& result) {
   if (!result.fromCache) {
     return line("source", "measured now, in " + std::to_string(result.elapsed.count()) + " ms, " +
-                              (result.isResponseMeasured ? "up to the headends' answers"
-                                                         : "the network alone"));
+                              (result.measure == PreferenceBase::RoundTripResponse
+                                   ? "up to the headends' answers"
+                                   : "the network alone"));
   }
   return line(
       "source",
@@ -155,14 +171,39 @@ std::string missingLines(const SelectionResult& result) {
   return text;
 }
 
+std::string inMilliseconds(long long time) {
+  return Wording::fixed(static_cast<double>(time) / 1000, 1) + " ms";
+}
+
+/// Each kind of evidence by its first headend.
+std::string evidenceLines(const SelectionResult& result, const Decision& decision) {
+  std::string text;
+  for (const RoundTripDoubt doubt :
+       {RoundTripDoubt::NearBox, RoundTripDoubt::EarlyAcknowledgement}) {
+    const auto first = std::ranges::find(decision.evidence, doubt, &Evidence::doubt);
+    if (first == decision.evidence.end()) {
+      continue;
+    }
+    const bool isBox = doubt == RoundTripDoubt::NearBox;
+    const auto count = std::ranges::count(decision.evidence, doubt, &Evidence::doubt);
+    text +=
+        line("evidence", name(*find(result, first->headend)) +
+                             (isBox ? " opens in " + inMilliseconds(first->openingUs) +
+                                          ", answers in " + inMilliseconds(first->responseUs)
+                                    : " acknowledges in " + inMilliseconds(first->networkUs) +
+                                          ", opens in " + inMilliseconds(first->openingUs)) +
+                             (count > 1 ? "; so do " + std::to_string(count - 1) + " more" : ""));
+    text += line("", isBox ? "something near takes connections for all headends: answers count"
+                           : "data was acknowledged before it had come: opening counts");
+  }
+  return text;
+}
+
 std::string earlyLines(const SelectionResult& result, const Decision& decision) {
-  if (decision.earlyAnswers.empty()) {
+  if (decision.earlyAnswers.empty() || !decision.evidence.empty()) {
     return "";
   }
   const EarlyAnswer& first = decision.earlyAnswers.front();
-  const auto inMilliseconds = [](long long time) {
-    return Wording::fixed(static_cast<double>(time) / 1000, 1) + " ms";
-  };
   std::string text =
       line("odd", name(*find(result, first.headend)) + "'s network answers in " +
                       inMilliseconds(first.networkUs) + ", it itself in " +
@@ -171,7 +212,7 @@ std::string earlyLines(const SelectionResult& result, const Decision& decision) 
                            ? "; so do " + std::to_string(decision.earlyAnswers.size() - 1) + " more"
                            : ""));
   text += line("", "either it is slow, or something on the way takes connections on its behalf");
-  if (!result.isResponseMeasured) {
+  if (result.measure != PreferenceBase::RoundTripResponse) {
     text += line("",
                  "set the preference RoundTripTime to 'response' to rank by answers instead, and "
                  "run 'ahs cache clear': what is remembered was measured the other way");
@@ -180,6 +221,12 @@ std::string earlyLines(const SelectionResult& result, const Decision& decision) 
 }
 
 }  // namespace
+
+const char* doubtName(RoundTripDoubt doubt) {
+  return doubt == RoundTripDoubt::NearBox                ? "box"
+         : doubt == RoundTripDoubt::EarlyAcknowledgement ? "early acknowledgement"
+                                                         : nullptr;
+}
 
 Decision decisionOf(const SelectionResult& result) {
   Decision decision;
@@ -192,6 +239,7 @@ Decision decisionOf(const SelectionResult& result) {
   }
   decision.last = result.last.empty() ? nullptr : find(result, result.last);
   decision.earlyAnswers = findEarlyAnswers(result);
+  decision.evidence = findEvidence(result);
   const bool isRuleApplied = result.reason == ReasonReconnection && decision.best != nullptr &&
                              decision.last != nullptr && decision.last->metricMs.has_value();
   if (isRuleApplied) {
@@ -226,7 +274,8 @@ std::string reasonsInWords(const SelectionResult& result) {
   const Decision decision = decisionOf(result);
   return line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best)) +
          lastLine(result, decision) + ruleLines(result, decision) + sourceLine(result) +
-         proxyLine(result) + missingLines(result) + earlyLines(result, decision);
+         proxyLine(result) + missingLines(result) + evidenceLines(result, decision) +
+         earlyLines(result, decision);
 }
 
 std::string explanation(const SelectionResult& result) {

@@ -13,6 +13,18 @@ struct EarlyAnswer {
   long long responseUs = 0;  ///< smallest time from request to answer
 };
 
+/// A headend whose network's round trip did not count, by the first probe that found out.
+struct Evidence {
+  std::string headend;
+  RoundTripDoubt doubt = RoundTripDoubt::None;
+  long long openingUs = 0;  ///< time that the connection took to open
+  long long networkUs = 0;
+  long long responseUs = 0;
+};
+
+/// "box" or "early acknowledgement"; null for no doubt.
+const char* doubtName(RoundTripDoubt doubt);
+
 /// The reasons for a selection's result, in numbers.
 struct Decision {
   /// The headend with the smallest metric, in the result; null if none has a metric.
@@ -28,6 +40,7 @@ struct Decision {
   /// Headends for which something on the way probably accepts connections: the TCP round trip ends
   /// there, the answer comes from farther away.
   std::vector<EarlyAnswer> earlyAnswers;
+  std::vector<Evidence> evidence;
 };
 
 /// Derives the decision from a result, which must outlive the return value.

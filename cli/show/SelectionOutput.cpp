@@ -36,13 +36,22 @@ Json decisionAsJson(const SelectionResult& result) {
                      {"networkRttMs", millisecondsAsJson(answer.networkUs)},
                      {"responseRttMs", millisecondsAsJson(answer.responseUs)}});
   }
+  Json evidence = Json::array();
+  for (const Evidence& each : decision.evidence) {
+    evidence.push_back({{"headend", each.headend},
+                        {"kind", doubtName(each.doubt)},
+                        {"openingMs", millisecondsAsJson(each.openingUs)},
+                        {"networkRttMs", millisecondsAsJson(each.networkUs)},
+                        {"responseRttMs", millisecondsAsJson(each.responseUs)}});
+  }
   return {{"words", decisionInWords(result)},
           {"best", nameOf(decision.best)},
           {"last", orNull(result.last)},
           {"ratio", orNull(decision.ratio)},
           {"threshold", orNull(decision.threshold)},
           {"retained", decision.isRetained},
-          {"earlyAnswers", early}};
+          {"earlyAnswers", early},
+          {"evidence", evidence}};
 }
 
 std::string describe(const HeadendResult* headend) {
@@ -113,8 +122,11 @@ Json probeAsJson(const HttpProbe::Report& probe) {
           {"connectMs", millisecondsAsJson(probe.connectUs)},
           {"tlsMs", millisecondsAsJson(probe.tlsUs)},
           {"totalMs", millisecondsAsJson(probe.totalUs)},
+          {"openingMs", millisecondsAsJson(probe.openingUs)},
           {"networkRttMs", millisecondsAsJson(probe.networkRttUs)},
-          {"responseRttMs", millisecondsAsJson(probe.responseRttUs)}};
+          {"responseRttMs", millisecondsAsJson(probe.responseRttUs)},
+          {"evidence",
+           probe.doubt == RoundTripDoubt::None ? Json(nullptr) : Json(doubtName(probe.doubt))}};
 }
 
 std::string textOutput(const SelectionResult& result) {

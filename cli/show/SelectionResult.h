@@ -20,7 +20,7 @@ struct SelectionResult {
   bool hadLogin = false;                ///< the run had credentials for the proxy
   std::string last;                     ///< the headend used last, as in `headends`; empty for none
   unsigned int improvementPercent = 0;  ///< how much better another one must be
-  bool isResponseMeasured = false;      ///< metrics are times to the headends' answers
+  std::string measure = "auto";         ///< which round trip metrics are: `RoundTripTime`
   std::optional<std::chrono::seconds> cacheAge;  ///< since the cached measurement, if it is known
   unsigned int cacheDays = 0;                    ///< how long a measurement may be used again
   std::chrono::milliseconds elapsed{0};

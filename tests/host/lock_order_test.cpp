@@ -82,6 +82,7 @@ const std::map<std::string, Names>& classesOfSources() {
       {"TimerList.cpp", {"a timer list's lock"}},
       {"ReserveThread.cpp", {"the reserve's lock"}},
       {"WorkerQueue.cpp", {"the lock of the queue of workers"}},
+      {"ProbeTask.cpp", {"the lock of a task's evidence"}},
       {"ProbeSettings.cpp", {"the lock of the probe's settings"}},
       {"AppLog.cpp", {"the log's listener lock", "the log's targets' lock"}},
       {"SelectionRecord.cpp", {"the lock of a selection's record"}},

@@ -15,9 +15,10 @@ constexpr const char* SourceFile = "vpn/Api/ClientLibrary";
 void applyProbePreferences(PreferenceMgr& preferenceMgr) {
   std::string value;
   preferenceMgr.getPreferenceValue(RoundTripTime, value);
-  HttpProbe::setRoundTripMeasure(value == PreferenceBase::RoundTripResponse
-                                     ? HttpProbe::RoundTripMeasure::Response
-                                     : HttpProbe::RoundTripMeasure::Network);
+  HttpProbe::setRoundTripMeasure(
+      value == PreferenceBase::RoundTripResponse  ? HttpProbe::RoundTripMeasure::Response
+      : value == PreferenceBase::RoundTripNetwork ? HttpProbe::RoundTripMeasure::Network
+                                                  : HttpProbe::RoundTripMeasure::Auto);
   preferenceMgr.getPreferenceValue(SilentHeadends, value);
   HttpProbe::setLeavesSilent(value != "wait");
 }

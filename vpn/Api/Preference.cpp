@@ -13,6 +13,7 @@ const std::string& PreferenceBase::PreferenceEnabled = *new std::string("true");
 const std::string& PreferenceBase::ProxyOverride = *new std::string("override");
 const std::string& PreferenceBase::ProxySystem = *new std::string("system");
 const std::string& PreferenceBase::ProxyNone = *new std::string("none");
+const std::string& PreferenceBase::RoundTripNetwork = *new std::string("network");
 const std::string& PreferenceBase::RoundTripResponse = *new std::string("response");
 
 namespace {
@@ -67,8 +68,8 @@ const auto& allDefinitions = *new std::vector<Definition>{
     numberOf(SelectionMaxResults, "SelectionMaxResults", "100", "results", 1, 100000),
     {.id = RoundTripTime,
      .name = "RoundTripTime",
-     .defaultValue = "network",
-     .words = {"network", "response"}},
+     .defaultValue = "auto",
+     .words = {"auto", "network", "response"}},
     {.id = SilentHeadends,
      .name = "SilentHeadends",
      .defaultValue = "leave",

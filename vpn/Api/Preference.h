@@ -53,6 +53,9 @@ class PreferenceBase {
   static const std::string& ProxySystem;
   /// "none": the value of `ProxySettings` that means a direct connection.
   static const std::string& ProxyNone;
+  /// "network": the value of `RoundTripTime` that means the network's round trip, whatever speaks
+  /// against it.
+  static const std::string& RoundTripNetwork;
   /// "response": the value of `RoundTripTime` that means the headend's answer.
   static const std::string& RoundTripResponse;
 

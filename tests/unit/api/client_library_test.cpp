@@ -77,15 +77,18 @@ TEST_F(ClientLibraryTest, ALogThatCannotBeOpenedIsReportedAndDoesNotStopTheStart
   EXPECT_TRUE(isThere<CExecutionContext>(API_INSTANCE));
 }
 
-TEST_F(ClientLibraryTest, TheProbesMeasureTheNetworkUnlessThePreferenceSaysOtherwise) {
+TEST_F(ClientLibraryTest, TheProbesLookForEvidenceUnlessThePreferenceSaysOtherwise) {
   { const CClientLibrary library(m_options, m_status); }
-  m_options.sources.userPreferencesFile =
-      m_directory.Write("user.xml", preferencesText(preferenceElement("RoundTripTime", "response") +
-                                                    preferenceElement("SilentHeadends", "wait")));
-  { const CClientLibrary library(m_options, m_status); }
-  EXPECT_THAT(g_measures, ElementsAre(HttpProbe::RoundTripMeasure::Network,
-                                      HttpProbe::RoundTripMeasure::Response));
-  EXPECT_THAT(g_leavesSilent, ElementsAre(true, false));
+  for (const char* const measure : {"network", "response"}) {
+    m_options.sources.userPreferencesFile =
+        m_directory.Write("user.xml", preferencesText(preferenceElement("RoundTripTime", measure) +
+                                                      preferenceElement("SilentHeadends", "wait")));
+    const CClientLibrary library(m_options, m_status);
+  }
+  EXPECT_THAT(g_measures,
+              ElementsAre(HttpProbe::RoundTripMeasure::Auto, HttpProbe::RoundTripMeasure::Network,
+                          HttpProbe::RoundTripMeasure::Response));
+  EXPECT_THAT(g_leavesSilent, ElementsAre(true, false, false));
 }
 
 TEST_F(ClientLibraryTest, PreferencesThatAreThereAlreadyStopTheStartAndStay) {

@@ -199,7 +199,8 @@ TEST_F(ProfileFileTest, AMistakeIsToldWithWhatItCostsAndTheMeantNameBeforeTheAll
           "\"true\" or \"false\"; it counts as \"false\"",
           "the value \"x\" of SelectionImprovement must be a whole number from 0 to 1000 "
           "(percent); it counts as \"20\"",
-          "the value \"x\" of RoundTripTime must be \"network\" or \"response\"; it is left out",
+          "the value \"x\" of RoundTripTime must be \"auto\", \"network\" or \"response\"; it "
+          "is left out",
           "unknown element <host> inside <profile> is passed over (did you mean <hosts>?); allowed "
           "here: <preferences>, <hosts>"));
 }

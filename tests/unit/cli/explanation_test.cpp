@@ -110,12 +110,26 @@ TEST(Decision, SuspectsAMiddleboxWhereTheNetworkAnswersLongBeforeTheGateway) {
   EXPECT_THAT(explanation(result), HasSubstr("gw-a's network answers in 1.9 ms, it itself in "
                                              "95.0 ms"));
   EXPECT_THAT(explanation(result), HasSubstr("RoundTripTime"));
-  result.isResponseMeasured = true;
+  result.measure = "response";
   EXPECT_THAT(explanation(result), HasSubstr("odd:"));
   EXPECT_THAT(explanation(result), Not(HasSubstr("RoundTripTime"))) << "it is in force already";
   result.results[0].probes = {probe(100, 25'000)};
   result.results[1].probes = {probe(200'000, 260'000)};
   EXPECT_TRUE(decisionOf(result).earlyAnswers.empty()) << "both are short, or alike";
+}
+
+TEST(Explanation, NamesTheEvidenceAgainstTheNetworksRoundTrip) {
+  SelectionResult result = measured({headend("gw-a", 95), headend("gw-b", 97)});
+  for (HeadendResult& each : result.results) {
+    each.probes = {probe(1'000, 95'000)};
+    each.probes[0].doubt = RoundTripDoubt::NearBox;
+    each.probes[0].openingUs = 1'100;
+  }
+  EXPECT_THAT(explanation(result),
+              HasSubstr("gw-a opens in 1.1 ms, answers in 95.0 ms; so do 1 more"));
+  EXPECT_THAT(explanation(result), Not(HasSubstr("odd:")));
+  result.results[1].probes[0].doubt = RoundTripDoubt::EarlyAcknowledgement;
+  EXPECT_THAT(explanation(result), HasSubstr("gw-b acknowledges in 1.0 ms, opens in 1.1 ms\n"));
 }
 
 TEST(Explanation, TellsWhenTheCacheMeasured) {

@@ -249,7 +249,7 @@ TEST(ProbeReport, TheJsonObjectHasEverythingByNameAndNullForWhatDidNotHappen) {
                            {object, "/hostEntry", nullptr},
                            {object, "/secure", false},
                            {object, "/timeoutMs", 2000},
-                           {object, "/roundTripTime", "network"},
+                           {object, "/roundTripTime", "auto"},
                            {object, "/probes/0/statusName", "HTTP_SESSION_SUCCESS"},
                            {object, "/probes/0/rttMs", 18},
                            {object, "/probes/1/connectMs", nullptr},

@@ -97,6 +97,18 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
   }
 }
 
+/// Replaces the network's round trip in the report of an answer, if the evidence speaks against it.
+void weigh(const ProbeOutcome& outcome, const ProbeTask* task, HttpProbe::Report& report) {
+  const RoundTripEvidence::RoundTrips seen{outcome.networkRoundTrip(), report.responseRttUs,
+                                           report.openingUs};
+  const RoundTripEvidence::Place address{report.address, report.addressPort};
+  const RoundTripEvidence::Verdict verdict =
+      task != nullptr ? task->weigh(address, seen)
+                      : RoundTripEvidence().weigh(address, seen, RoundTripEvidence::Clock::now());
+  report.doubt = verdict.doubt;
+  report.rttMs = ProbeOutcome::toMilliseconds(verdict.roundTripUs);
+}
+
 /// The whole of a probe. Not inlined, so that its traces on the stack are below its caller's frame.
 [[gnu::noinline]] STATUSCODE sendAndReport(const std::string& host, bool secure,
                                            unsigned short port, const std::string& userAgent,
@@ -130,6 +142,12 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
   }
   report.proxied = request.proxied() || outcome.code == CURLE_COULDNT_RESOLVE_PROXY;
   outcome.fill(report, request.proxied(), measure);
+  if (task != nullptr) {
+    task->noteEnded({request.host, request.port});
+  }
+  if (measure == RoundTripMeasure::Auto && !request.proxied() && report.responseRttUs >= 0) {
+    weigh(outcome, task, report);
+  }
   report.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
                        ProbeRequest::Clock::now() - request.start)
                        .count();

@@ -6,6 +6,7 @@
 
 #include "vpn/Common/IP/HttpTransfer.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <linux/tcp.h>  // glibc's netinet/tcp.h ends before tcpi_min_rtt
 #include <netinet/in.h>
@@ -85,6 +86,27 @@ int portOf(int connection) {
   }
   // The port is at the same place in both families.
   return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
+}
+
+/// The address that a socket is connected to; an empty one where it is not.
+RoundTripEvidence::Place peerOf(int connection) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  if (getpeername(connection, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return {};
+  }
+  const auto* const v4 = reinterpret_cast<const sockaddr_in*>(&address);
+  const auto* const v6 = reinterpret_cast<const sockaddr_in6*>(&address);
+  const void* const bytes = address.ss_family == AF_INET6 ? static_cast<const void*>(&v6->sin6_addr)
+                                                          : static_cast<const void*>(&v4->sin_addr);
+  inet_ntop(address.ss_family, bytes, text.data(), text.size());
+  return {text.data(), ntohs(v4->sin_port)};  // the port is at the same place in both families
+}
+
+/// Whether its connection goes to the headend, and to a request.
+bool measuresDistance(const ProbeRequest& request) {
+  return !request.proxied() && request.handshake == nullptr;
 }
 
 /// libcurl is C, and a callback must not be thrown through.
@@ -450,6 +472,7 @@ void HttpTransfer::collectTimes() {
   if (m_socket != NoSocket) {
     m_rttUs = smallestRoundTrip(m_socket);
   }
+  m_outcome.openingUs = m_openingUs;
   m_outcome.networkRttUs = m_rttUs;
 }
 
@@ -498,6 +521,7 @@ void HttpTransfer::setUpCallbacks() {
       CURLOPT_SSL_CTX_FUNCTION, +[](CURL*, void* context, void* self) {
         HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
         transfer.m_outcome.tlsStartUs = transfer.now();
+        transfer.noteOpening();
         return unlessThrown(CURLE_OUT_OF_MEMORY, [&] {
           const bool done = transfer.m_tlsWatch.attach(static_cast<SSL_CTX*>(context),
                                                        transfer.m_request->handshake);
@@ -537,11 +561,17 @@ int HttpTransfer::open(int family, int type, int protocol) {
   if (m_outcome.reused || ++m_triedAddresses > MostAddresses) {
     return NoSocket;
   }
+  ProbeTask* const task = m_request->task;
   if (m_openedUs == 0) {
     m_openedUs = now();
+    unlessThrown(false, [&] {
+      if (task != nullptr && measuresDistance(*m_request)) {
+        task->noteConnecting({m_request->host, m_request->port});
+      }
+      return true;
+    });
   }
   const int opened = socket(family, type | SOCK_CLOEXEC, protocol);
-  ProbeTask* const task = m_request->task;
   if (opened == NoSocket && m_outcome.shortage == Shortage::None) {
     m_outcome.shortage = Shortages::fromErrno(errno);
   }
@@ -577,6 +607,28 @@ int HttpTransfer::close(int connection) {
   return ::close(connection);
 }
 
+/// Takes the kernel's first sample of the connection that stands, before data goes out on it: later
+/// ones can be acknowledgements that were sent ahead.
+void HttpTransfer::noteOpening() {
+  if (m_openingUs != Unknown || !measuresDistance(*m_request)) {
+    return;
+  }
+  for (const Attempt& attempt : m_opened) {
+    const int connection = attempt.socket;
+    const long long rtt = connection == NoSocket ? Unknown : smallestRoundTrip(connection);
+    if (rtt == Unknown) {
+      continue;
+    }
+    m_openingUs = rtt;
+    unlessThrown(false, [&] {
+      if (m_request->task != nullptr) {
+        m_request->task->noteOpened({m_request->host, m_request->port}, peerOf(connection), rtt);
+      }
+      return true;
+    });
+  }
+}
+
 /// A connection, new or kept, is ready for the request. libcurl notes its time only after sending:
 /// a thread delayed in between would find the answer there already, and on a busy machine a server
 /// would seem the nearest.
@@ -584,6 +636,7 @@ void HttpTransfer::noteRequest(int localPort) {
   if (m_outcome.requestUs == 0) {
     m_outcome.requestUs = now();
   }
+  noteOpening();
   m_triedAddresses = 0;
   // Only a finished transfer knows its socket.
   const auto* const found = std::find_if(

@@ -90,6 +90,7 @@ class HttpTransfer {
 
   int open(int family, int type, int protocol);
   int close(int connection);
+  void noteOpening();
   void noteRequest(int localPort);
 
   const bool m_keeps;
@@ -104,6 +105,7 @@ class HttpTransfer {
   bool m_lost = false;  ///< an address has failed and libcurl may turn to the next
   long long m_openedUs = 0;
   long long m_tookUs = 0;
+  long long m_openingUs = -1;
   long long m_rttUs = -1;
   /// The last few that were made, more than libcurl makes at a time.
   std::array<Attempt, 4> m_opened;

@@ -68,21 +68,18 @@ long long responseRoundTrip(const ProbeOutcome& outcome) {
 
 long long ifHappened(long long time) { return time > 0 ? time : Unknown; }
 
-/// At least 1, because 0 stands for a probe without an answer.
-unsigned int toMilliseconds(long long microseconds) {
+}  // namespace
+
+long long ProbeOutcome::networkRoundTrip() const {
+  if (networkRttUs != Unknown) {
+    return networkRttUs;
+  }
+  return connectTookUs > 0 ? connectTookUs : endedUs - openedUs;
+}
+
+unsigned int ProbeOutcome::toMilliseconds(long long microseconds) {
   return static_cast<unsigned int>(std::max((microseconds + 500) / 1000, 1LL));
 }
-
-/// The network's round trip, or the nearest measure if the kernel has none. A connection reset
-/// while it opened counts until its end.
-long long networkRoundTrip(const ProbeOutcome& outcome) {
-  if (outcome.networkRttUs != Unknown) {
-    return outcome.networkRttUs;
-  }
-  return outcome.connectTookUs > 0 ? outcome.connectTookUs : outcome.endedUs - outcome.openedUs;
-}
-
-}  // namespace
 
 bool ProbeOutcome::connected() const {
   return reused || connectUs > 0 || networkRttUs != Unknown || osError == ECONNRESET;
@@ -105,6 +102,7 @@ void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure meas
   report.reused = reused;
   report.connectUs = ifHappened(connectUs);
   report.tlsUs = ifHappened(tlsUs);
+  report.openingUs = openingUs;
   report.networkRttUs = networkRttUs;
   if (connected()) {
     report.address = std::move(address);
@@ -119,5 +117,5 @@ void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure meas
   }
   report.responseRttUs = responseRoundTrip(*this);
   const bool response = proxied || measure == RoundTripMeasure::Response;
-  report.rttMs = toMilliseconds(response ? report.responseRttUs : networkRoundTrip(*this));
+  report.rttMs = toMilliseconds(response ? report.responseRttUs : networkRoundTrip());
 }

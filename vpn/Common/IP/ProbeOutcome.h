@@ -28,6 +28,7 @@ struct ProbeOutcome {
   long long endedUs = 0;  ///< the request had ended; the probe may have gone on
   /// How long the connection, even a reused one, took to open; 0 without one.
   long long connectTookUs = 0;
+  long long openingUs = -1;            ///< SYN to SYN-ACK, like the next
   long long networkRttUs = -1;         ///< -1 where the kernel cannot say
   Shortage shortage = Shortage::None;  ///< what could not be had for the request
   std::string address;
@@ -43,6 +44,13 @@ struct ProbeOutcome {
   /// like the proxy's own.
   unsigned int finalStatus() const;
 
-  /// Fills the report. Moves the address out of the outcome, so that nothing is allocated.
+  /// The network's round trip of an answer, or the nearest measure if the kernel has none. A
+  /// connection reset while it opened counts until its end.
+  long long networkRoundTrip() const;
+  /// At least 1, because 0 stands for a probe without an answer.
+  static unsigned int toMilliseconds(long long microseconds);
+
+  /// Fills the report; for `Auto`, `rttMs` is the network's. Moves the address out of the outcome,
+  /// so that nothing is allocated.
   void fill(ProbeReport& report, bool proxied, RoundTripMeasure measure);
 };

@@ -18,6 +18,19 @@ enum class RoundTripMeasure {
   /// Where a proxy has the request repeated to authenticate it, it goes from the first of them to
   /// the answer of the last.
   Response,
+  /// `Network`, unless there is evidence that what answers there is not the gateway; see
+  /// `RoundTripDoubt`.
+  Auto,
+};
+
+/// Why `Auto` does not take the network's round trip.
+enum class RoundTripDoubt : unsigned char {
+  None,
+  /// Something near the client opens the connections of all gateways: the response counts.
+  NearBox,
+  /// Data was acknowledged before it can have come. The time that the connection took to open
+  /// counts, or its half if that may be jitter.
+  EarlyAcknowledgement,
 };
 
 /// Everything known of one probe, in the order of events. Times are in microseconds from the
@@ -34,14 +47,16 @@ struct ProbeReport {
   unsigned int transportError = 0;  ///< what `uiLastError` is
   /// Attempts to connect were given up before the time-out: nothing had answered.
   bool silent = false;
-  bool reused = false;             ///< on an earlier probe's connection; then the next two are -1
-  long long connectUs = -1;        ///< the connection stood
-  long long tlsUs = -1;            ///< the TLS handshake was done
-  long long totalUs = 0;           ///< the probe was over
-  long long networkRttUs = -1;     ///< smallest round trip that the kernel saw on the connection
-  long long responseRttUs = -1;    ///< from the request to the first byte of the answer
-  std::string address;             ///< the address that was connected to (a proxy's, too), if any
-  unsigned short addressPort = 0;  ///< the port at that address; 0 without one
+  bool reused = false;              ///< on an earlier probe's connection; then the next two are -1
+  long long connectUs = -1;         ///< the connection stood
+  long long tlsUs = -1;             ///< the TLS handshake was done
+  long long totalUs = 0;            ///< the probe was over
+  long long openingUs = -1;         ///< SYN to SYN-ACK of the connection, by the kernel
+  long long networkRttUs = -1;      ///< smallest round trip that the kernel saw on the connection
+  long long responseRttUs = -1;     ///< from the request to the first byte of the answer
+  std::string address;              ///< the address that was connected to (a proxy's, too), if any
+  unsigned short addressPort = 0;   ///< the port at that address; 0 without one
+  RoundTripDoubt doubt = RoundTripDoubt::None;
   /// What this machine lacked, where that is why there was no answer.
   Shortage shortage = Shortage::None;
 };

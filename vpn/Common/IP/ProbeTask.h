@@ -6,7 +6,9 @@
 
 #include "vpn/Common/IP/ConnectPatience.h"
 #include "vpn/Common/IP/ProbeReport.h"
+#include "vpn/Common/IP/RoundTripEvidence.h"
 #include "vpn/Common/Utility/Task.h"
+#include "vpn/include/Locks.h"
 
 /// A task whose threads send probes: is told of each, gives each socket its way out of the machine,
 /// and can be cancelled.
@@ -39,6 +41,14 @@ class ProbeTask : public CTask {
   /// microseconds, -1 if the kernel cannot say.
   virtual void connected(const ProbeReport& /*report*/, long long /*rttUs*/) {}
 
+  /// What its probes know of their connections, for `weigh`; see `RoundTripEvidence`.
+  void noteConnecting(const RoundTripEvidence::Place& host);
+  void noteOpened(const RoundTripEvidence::Place& host, const RoundTripEvidence::Place& address,
+                  long long openingUs);
+  void noteEnded(const RoundTripEvidence::Place& host) noexcept;
+  RoundTripEvidence::Verdict weigh(const RoundTripEvidence::Place& address,
+                                   const RoundTripEvidence::RoundTrips& seen) const;
+
   /// Ends running probes, closing their connections, and refuses later ones, all with
   /// HTTP_SESSION_ERROR_TIMEOUT. Returns at once; any thread may call it.
   void cancel() noexcept;
@@ -51,4 +61,6 @@ class ProbeTask : public CTask {
  private:
   const int m_descriptor;
   std::atomic<bool> m_cancelled;
+  mutable CManualLock m_evidenceLock;
+  RoundTripEvidence m_evidence AHS_GUARDED_BY(m_evidenceLock);
 };

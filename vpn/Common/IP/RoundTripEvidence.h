@@ -1,0 +1,51 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "vpn/Common/IP/ProbeReport.h"
+
+/// What the probes of one task know of their connections, and what follows for a round trip.
+///
+/// A SYN-ACK cannot be sent before the SYN has come, an acknowledgement of data or an answer can be
+/// sent ahead. So the time that a connection takes to open (SYN to SYN-ACK) bounds the network's
+/// round trip, and many that open alike, long before the answers, speak for something on the way.
+/// Used by one thread at a time.
+class RoundTripEvidence {
+ public:
+  using Clock = std::chrono::steady_clock;
+  /// Host, or address, and port.
+  using Place = std::pair<std::string, unsigned short>;
+
+  /// One probe's, in microseconds.
+  struct RoundTrips {
+    long long networkUs;
+    long long responseUs;
+    long long openingUs;  ///< -1 where the kernel cannot say
+  };
+  struct Verdict {
+    long long roundTripUs;
+    RoundTripDoubt doubt = RoundTripDoubt::None;
+  };
+
+  /// A place's first connection is being made.
+  void connecting(const Place& host, Clock::time_point now);
+  /// A connection to a host stands, at an address.
+  void opened(const Place& host, const Place& address, long long openingUs);
+  /// A probe is over; a host that has not opened says nothing.
+  void ended(const Place& host) noexcept;
+
+  /// Which round trip of a probe counts, by all that is known now.
+  Verdict weigh(const Place& address, const RoundTrips& seen, Clock::time_point now) const;
+
+ private:
+  bool isBoxed(long long responseUs, Clock::time_point now) const;
+
+  std::map<Place, Clock::time_point> m_connecting;
+  std::set<Place> m_openHosts;
+  std::map<Place, long long> m_openingsUs;  ///< each address's smallest
+  long long m_smallestUs = 0;               ///< of all of them
+};

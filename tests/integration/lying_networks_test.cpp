@@ -22,7 +22,7 @@ constexpr int NearMs = 20;
 struct LIE {
   const char* what;
   bool isEverybodys;
-  bool isNear;        ///< TCP ends 1 ms from the client
+  bool isNear;        ///< TCP ends near the client, and a little nearer for the far ones
   bool isOpenedLate;  ///< but only once the far side has been asked
   bool isAnswered;    ///< answers come from 1 ms away, too
   const char* gateway;
@@ -63,7 +63,10 @@ TEST_F(LyingNetworks, DoNotMakeAFarGatewayTheNearest) {
       const bool lies = lie.isEverybodys || distance > NearMs;
       const std::string where = "10.77.0." + std::to_string(i);
       const std::string rest = std::to_string(distance - 1);
-      scene += "path " + where + " rtt=" + (lies && lie.isNear ? "1" : std::to_string(distance)) +
+      scene += "path " + where + " rtt=" +
+               (!lies || !lie.isNear ? std::to_string(distance)
+                : distance == NearMs ? "3"
+                                     : "1.5") +
                (lies && lie.isOpenedLate ? " opening=" + rest : "") + "\ngateway " + where +
                ":443" + (lies && lie.isNear && !lie.isAnswered ? " delay=" + rest : "") +
                (lies ? lie.gateway : "") + "\n";

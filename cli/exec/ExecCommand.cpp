@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -119,19 +120,38 @@ std::vector<std::string> headendsToTry(const SelectionResult& result) {
   return all;
 }
 
-int runPrograms(const ExecOptions& options, const SelectionResult& result) {
+std::optional<std::string> nextOf(const SelectionResult& result,
+                                  const std::set<std::string>& tried) {
+  const std::vector<std::string> all = headendsToTry(result);
+  const auto next = std::ranges::find_if(
+      all, [&tried](const std::string& headend) { return !tried.contains(headend); });
+  return next == all.end() ? std::nullopt : std::optional(*next);
+}
+
+/// @param result the first one, which may name only some of the headends.
+int runPrograms(const ExecOptions& options, SelectionResult result, const Selecting& selecting) {
   const auto foreground = std::make_shared<Foreground>();
   Interruption::setDuties({CAppLog::flush, {}, {}, [foreground](int signal, bool fromTerminal) {
                              return foreground->takeOver(signal, fromTerminal);
                            }});
   Attempt attempt;
-  const std::vector<std::string> headends = headendsToTry(result);
-  const std::size_t most = std::min<std::size_t>(headends.size(), options.tries);
-  for (std::size_t place = 0; place < most; ++place) {
-    const HeadendResult chosen = chosenHeadend(headends[place], result);
+  std::set<std::string> tried;
+  for (;;) {
+    std::optional<std::string> next = nextOf(result, tried);
+    if (!next) {
+      result = selecting.latest(true);
+      next = nextOf(result, tried);
+    }
+    if (!next || tried.size() == options.tries) {
+      Console::complain(next ? "--tries allows no other headend."
+                             : "there is no other headend to try.");
+      return attempt.status;
+    }
+    const HeadendResult chosen = chosenHeadend(*next, result);
     Console::complain(
-        (place == 0 ? "running with " : "trying ") + Console::visible(chosen.headend) +
+        (tried.empty() ? "running with " : "trying ") + Console::visible(chosen.headend) +
         (chosen.metricMs ? ", " + std::to_string(*chosen.metricMs) + " ms" : "") + ".");
+    tried.insert(*next);
     attempt = runProgram(options, chosen, *foreground);
     if (!attempt.mayTryNext) {
       return attempt.status;
@@ -139,10 +159,8 @@ int runPrograms(const ExecOptions& options, const SelectionResult& result) {
     if (const std::optional<int> signal = foreground->signal()) {
       return ExitSignalBase + *signal;
     }
+    result = selecting.latest(false);
   }
-  Console::complain(most < headends.size() ? "--tries allows no other headend."
-                                           : "there is no other headend to try.");
-  return attempt.status;
 }
 
 int runExec(const ExecOptions& options) {
@@ -153,16 +171,19 @@ int runExec(const ExecOptions& options) {
         "there is no program to run: it stands after --, as in 'ahs exec -- "
         "vpn-client --gateway {headend}'.");
   }
-  return selectOnce(
-      options.select, command, [&options](const SelectionResult& result, const SelectPlan& plan) {
-        const int selected = exitStatusOf(result.status);
-        const std::string advice = adviceFor(result, plan.profilePlaces);
-        if (!advice.empty()) {
-          Console::complain(advice);
-        }
-        const bool mayRun = selected == ExitSelected || selected == ExitNotMeasured;
-        return mayRun && !result.results.empty() ? runPrograms(options, result) : selected;
-      });
+  return selectOnce(options.select, command,
+                    [&options](const SelectionResult& result, const SelectPlan& plan,
+                               const Selecting& selecting) {
+                      const int selected = exitStatusOf(result.status);
+                      const std::string advice = adviceFor(result, plan.profilePlaces);
+                      if (!advice.empty()) {
+                        Console::complain(advice);
+                      }
+                      const bool mayRun = selected == ExitSelected || selected == ExitNotMeasured;
+                      return mayRun && !result.results.empty()
+                                 ? runPrograms(options, result, selecting)
+                                 : selected;
+                    });
 }
 
 }  // namespace
@@ -195,6 +216,7 @@ void addExecCommand(CLI::App& tool, ChosenCommand& chosen,
       "3 a proxy asks for a login and was given none or a wrong one.");
   command->callback([&chosen, options, &program] {
     options->program = program;
+    options->select.untilDecided = true;
     chosen = [options] { return runExec(*options); };
   });
 }

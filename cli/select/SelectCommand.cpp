@@ -113,9 +113,10 @@ int runSelect(const SelectOptions& options) {
   if (!error.empty()) {
     return Console::complainOfUsage(command, error);
   }
-  return selectOnce(options, command, [&](const SelectionResult& result, const SelectPlan& plan) {
-    return print(result, options, drawings, plan);
-  });
+  return selectOnce(options, command,
+                    [&](const SelectionResult& result, const SelectPlan& plan, const Selecting&) {
+                      return print(result, options, drawings, plan);
+                    });
 }
 
 void addOutput(CLI::App& command, SelectOptions& options) {
@@ -123,8 +124,8 @@ void addOutput(CLI::App& command, SelectOptions& options) {
   CLI::Option* const quiet =
       command
           .add_flag("--quiet", options.quiet,
-                    "Print the first headend alone; where nothing was measured, "
-                    "that of --last or nothing")
+                    "Print the first headend alone, as soon as it is decided; where nothing was "
+                    "measured, that of --last or nothing")
           ->excludes(json);
   addOption(command, "--html", "FILE", options.html,
             "Also write the result as a self-contained page; - writes it in place of the text");
@@ -156,5 +157,8 @@ void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
       "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
       "3 a proxy asks for a login and was given none or a wrong one,\n"
       "128 + number of the signal that ended it.");
-  command->callback([&chosen, options] { chosen = [options] { return runSelect(*options); }; });
+  command->callback([&chosen, options] {
+    options->untilDecided = options->quiet && !options->html && !options->svg;
+    chosen = [options] { return runSelect(*options); };
+  });
 }

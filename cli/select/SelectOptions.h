@@ -25,6 +25,8 @@ struct SelectOptions : FileOptions {
   std::optional<std::string> svg;
   bool noCache = false;
   bool quiet = false;
+  /// Set by commands that need the others no more once the first headend is decided.
+  bool untilDecided = false;
   bool explain = false;
   bool syslog = false;
   ProxyOptions proxy;

@@ -23,6 +23,7 @@
 #include "vpn/Api/AHS/SelectionThread.h"
 #include "vpn/Api/ClientIfcBase.h"
 #include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/Common/Utility/Thread.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/Locks.h"
@@ -117,6 +118,8 @@ constexpr milliseconds LineInterval{2000};
 // A run ends within microseconds of its result, unless workers still wait for an answer after the
 // time limit; a process that ends does not wait for those.
 constexpr milliseconds LongestRunEnd{100};
+// How often to ask whether it is decided, where that ends the wait.
+constexpr milliseconds DecisionInterval{5};
 // The run's own time limits are shorter.
 constexpr std::chrono::hours LongestWait{1000};
 
@@ -132,7 +135,9 @@ bool hasProfiles() {
          !profiles->getFileInitMap().empty();
 }
 
-void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
+using IsOver = std::function<bool(milliseconds longest)>;
+
+void waitWithTable(const IsOver& isOver, const std::function<LiveState()>& look) {
   const auto table = std::make_shared<LiveTable>();
   Interruption::setDuties({[table] {
                              // Flushes first: a blocked terminal delays `close`.
@@ -141,18 +146,18 @@ void waitWithTable(SelectionRun& run, const std::function<LiveState()>& look) {
                            },
                            [table] { table->erase(); },
                            {}});
-  while (!run.waitForDelivery(DrawingInterval)) {
+  while (!isOver(DrawingInterval)) {
     table->draw(look());
   }
   table->close();
 }
 
-void waitVisibly(SelectionRun& run, const std::function<LiveState()>& look) {
+void waitVisibly(const IsOver& isOver, const std::function<LiveState()>& look) {
   if (LiveTable::isPossible()) {
-    waitWithTable(run, look);
+    waitWithTable(isOver, look);
     return;
   }
-  while (!run.waitForDelivery(LineInterval)) {
+  while (!isOver(LineInterval)) {
     Console::note(liveLine(look()));
   }
 }
@@ -265,13 +270,13 @@ void Selecting::noteUnknownLast() const {
 }
 
 std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& password,
-                                              bool showsProgress) {
+                                              bool showsProgress, bool untilDecided) {
   noteUnknownLast();
   const ProxyInForce proxy = findProxy();
   const std::shared_ptr<Terminal> terminal = Terminal::find();
   ProxyLogin login(m_plan.proxy.user, password, terminal, proxy.isSystems);
   for (unsigned int reason = m_plan.reason;; reason = ReasonProxyAuthentication) {
-    if (!runOnce(reason, login, showsProgress)) {
+    if (!runOnce(reason, login, showsProgress, untilDecided)) {
       return std::nullopt;
     }
     SelectionResult result = resultOf(reason, login.hasCredentials());
@@ -292,8 +297,12 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
 }
 
 /// Runs one selection up to its result. @return whether it could be started.
-bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress) {
+bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress,
+                        bool untilDecided) {
   m_recorder = std::make_shared<SelectionRecord>();
+  m_recorder->setRules(
+      {m_candidates, m_settings.nPingsPerHeadend, m_settings.nImprovement,
+       reason == ReasonReconnection ? findNamed(m_plan.last, m_candidates) : nullptr});
   const CTask::Scope scope(m_recorder);
   m_run = std::make_unique<SelectionRun>();
   const STATUSCODE status = m_run->start(reason, m_plan.last, login.provider());
@@ -305,10 +314,23 @@ bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, bool showsProgre
     return false;
   }
   if (showsProgress) {
-    waitVisibly(*m_run, [this, reason] { return look(reason); });
+    waitVisibly([&](milliseconds longest) { return isOver(longest, untilDecided); },
+                [this, reason] { return look(reason); });
   }
-  m_run->waitForDelivery(LongestWait);
-  return true;
+  return isOver(LongestWait, untilDecided);
+}
+
+/// Waits for the result, or for the decision if that is enough.
+bool Selecting::isOver(milliseconds longest, bool untilDecided) {
+  if (!untilDecided) {
+    return m_run->waitForDelivery(longest);
+  }
+  for (const auto limit = MonotonicClock::now() + longest; MonotonicClock::now() < limit;) {
+    if (m_recorder->decision() || m_run->waitForDelivery(DecisionInterval)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 /// The progress of the run.
@@ -321,25 +343,50 @@ LiveState Selecting::look(unsigned int reason) const {
   state.elapsed = m_run->elapsed();
   state.budget = milliseconds(reason == ReasonReconnection ? m_settings.nReconnectTimeout
                                                            : m_settings.nConnectTimeout);
+  const auto decision = m_recorder->decision();
   for (const Candidate& candidate : m_candidates) {
     const auto track = tracks.find(candidate.place);
     state.rows.push_back(liveRowOf(candidate, track == tracks.end() ? nullptr : &track->second,
                                    m_settings.nPingsPerHeadend));
+    if (decision && decision->headend == candidate.headend) {
+      state.rows.back().waitsFor = "decided";
+    }
   }
   return state;
 }
 
+/// What the run would deliver if it ended now.
+SelectionResult Selecting::soFar() const {
+  SelectionResult result;
+  result.status = HEADENDSELECTION_ERROR_ADDED_TO_CACHE;
+  for (const CHeadendRTT& headend : m_recorder->order()) {
+    result.headends.push_back(headend.GetHeadend());
+  }
+  result.elapsed = m_run->elapsed();
+  return result;
+}
+
+SelectionResult Selecting::latest(bool isAwaited) const {
+  m_run->waitForDelivery(isAwaited ? LongestWait : milliseconds(0));
+  return resultOf(m_plan.reason, false);
+}
+
 SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
-  SelectionResult result = m_run->delivery();
+  const bool isDelivered = m_run->waitForDelivery({});
+  SelectionResult result = isDelivered ? m_run->delivery() : soFar();
   result.reason = reason;
   result.fromCache = result.status == HEADENDSELECTION_SUCCESS;
   result.hadLogin = hadLogin;
+  result.decided = m_recorder->decision();
   const CCacheEntry entry = m_recorder->entry();
   std::vector<CHeadendRTT> records;
   if (exitStatusOf(result.status) == ExitSelected) {
     static_cast<void>(entry.GetHeadendList(records));
   }
   result.testProbe = m_recorder->testProbe();
+  if (!isDelivered) {
+    records = m_recorder->order();
+  }
   if (result.fromCache) {
     result.cacheAge = SelectionTimes::ageOf(entry);
   }
@@ -370,6 +417,9 @@ void Selecting::endRun() {
 }
 
 int Selecting::leave(int exitStatus) {
+  if (m_run != nullptr && !m_run->waitForDelivery({})) {
+    m_recorder->cutShort();
+  }
   if (m_run != nullptr && !m_run->waitForEnd(LongestRunEnd)) {
     // Waiting threads must not see exit handlers free what they use, and their run would release
     // the cache too late.
@@ -380,8 +430,9 @@ int Selecting::leave(int exitStatus) {
   return exitStatus;
 }
 
-int selectOnce(const SelectOptions& options, const std::string& command,
-               const std::function<int(const SelectionResult&, const SelectPlan&)>& use) {
+int selectOnce(
+    const SelectOptions& options, const std::string& command,
+    const std::function<int(const SelectionResult&, const SelectPlan&, const Selecting&)>& use) {
   SelectPlan plan;
   std::optional<Secret> password;
   if (!takePlan(options, command, plan, password)) {
@@ -391,8 +442,8 @@ int selectOnce(const SelectOptions& options, const std::string& command,
   if (!selecting.isReady()) {
     return ExitUsage;
   }
-  const std::optional<SelectionResult> result =
-      selecting.run(password, !options.quiet && !options.json && !plan.log.terminal);
+  const std::optional<SelectionResult> result = selecting.run(
+      password, !options.quiet && !options.json && !plan.log.terminal, options.untilDecided);
   password.reset();
-  return result ? selecting.leave(use(*result, plan)) : ExitNotMeasured;
+  return result ? selecting.leave(use(*result, plan, selecting)) : ExitNotMeasured;
 }

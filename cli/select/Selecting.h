@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -42,8 +43,15 @@ class Selecting {
   /// Runs the selection. To be called once, and only if `isReady`.
   /// @param password for the plan's user name at the proxy, if given.
   /// @param showsProgress on standard error, while it measures.
+  /// @param untilDecided returns as soon as the first headend is decided; the others follow as far
+  ///        as they are known. The measurement goes on until `leave`.
   /// @return the result; none, after a message, if the selection could not start.
-  std::optional<SelectionResult> run(const std::optional<Secret>& password, bool showsProgress);
+  std::optional<SelectionResult> run(const std::optional<Secret>& password, bool showsProgress,
+                                     bool untilDecided = false);
+
+  /// The result now, after `run`: those who were out may have answered.
+  /// @param isAwaited waits for the end of the measurement.
+  SelectionResult latest(bool isAwaited) const;
 
   /// To be called last in a process that ends now. If threads still wait for answers, ends the
   /// process instead of waiting for them.
@@ -57,9 +65,11 @@ class Selecting {
 
   bool prepare();
   void noteUnknownLast() const;
-  bool runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress);
+  bool runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress, bool untilDecided);
+  bool isOver(std::chrono::milliseconds longest, bool untilDecided);
   LiveState look(unsigned int reason) const;
   SelectionResult resultOf(unsigned int reason, bool hadLogin) const;
+  SelectionResult soFar() const;
   void tellRules(SelectionResult& result) const;
   void endRun();
 
@@ -78,7 +88,8 @@ class Selecting {
 
 /// One selection, from options to the use of its result. Prints mistakes on standard error.
 /// @param command as a person calls it: "ahs select".
-/// @param use receives the result; returns the exit status.
+/// @param use receives the result, and the object to ask for a later one; returns the exit status.
 /// @return the exit status. May end the process, like `Selecting::leave`.
-int selectOnce(const SelectOptions& options, const std::string& command,
-               const std::function<int(const SelectionResult&, const SelectPlan&)>& use);
+int selectOnce(
+    const SelectOptions& options, const std::string& command,
+    const std::function<int(const SelectionResult&, const SelectPlan&, const Selecting&)>& use);

@@ -14,7 +14,7 @@ struct LiveRow {
   std::string headend;
   std::string name;                     ///< beside the headend; empty for none
   std::vector<unsigned int> samplesMs;  ///< so far, in order of arrival
-  std::string waitsFor;                 ///< or its failure; empty after success
+  std::string waitsFor;  ///< or its failure, or that it is decided; empty after success
 };
 
 /// The progress of a measurement.

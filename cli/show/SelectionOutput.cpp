@@ -44,6 +44,12 @@ Json decisionAsJson(const SelectionResult& result) {
                         {"networkRttMs", millisecondsAsJson(each.networkUs)},
                         {"responseRttMs", millisecondsAsJson(each.responseUs)}});
   }
+  Json decided;
+  if (result.decided) {
+    decided = {{"headend", result.decided->headend},
+               {"metricMs", result.decided->metricMs},
+               {"afterMs", result.decided->after.count()}};
+  }
   return {{"words", decisionInWords(result)},
           {"best", nameOf(decision.best)},
           {"last", orNull(result.last)},
@@ -51,7 +57,8 @@ Json decisionAsJson(const SelectionResult& result) {
           {"threshold", orNull(decision.threshold)},
           {"retained", decision.isRetained},
           {"earlyAnswers", early},
-          {"evidence", evidence}};
+          {"evidence", evidence},
+          {"decided", decided}};
 }
 
 std::string describe(const HeadendResult* headend) {

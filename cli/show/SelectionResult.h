@@ -26,6 +26,7 @@ struct SelectionResult {
   std::chrono::milliseconds elapsed{0};
   std::optional<HttpProbe::Report> testProbe;  ///< if one was sent
   std::string proxy;                           ///< host and port of its proxy, if they are known
+  std::optional<SelectionRecord::Decided> decided;  ///< before the end; nothing if it never was
   std::string report;  ///< the selection report of the log; empty without a ranking
   /// The delivered headends in their order, then the other candidates in theirs.
   std::vector<HeadendResult> results;
@@ -53,8 +54,8 @@ int exitStatusOf(STATUSCODE status);
 /// A status in words, a whole sentence.
 std::string statusInWords(const SelectionResult& result);
 
-/// What was wrong with the proxy of the test probe, what it cost, and what it means: whole sentences;
-/// empty if nothing was.
+/// What was wrong with the proxy of the test probe, what it cost, and what it means: whole
+/// sentences; empty if nothing was.
 std::string proxyInWords(const SelectionResult& result);
 
 /// A status for programs: "0xFE530010".

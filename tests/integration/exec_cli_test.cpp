@@ -14,6 +14,7 @@
 #include "tests/integration/running_program.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/HeldGateway.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tests {
@@ -116,6 +117,16 @@ TEST_F(ExecCommandTest, AProgramThatFailsAtOnceIsTriedWithTheNextHeadend) {
   EXPECT_THAT(outcome.err,
               HasSubstr("ahs: for " + near.address() + ", 'sh' ended with status 9 after "));
   EXPECT_THAT(outcome.err, HasSubstr("ahs: trying " + far.address()));
+}
+
+TEST_F(ExecCommandTest, TheProgramStartsAtTheDecisionAndIsTriedWithOneThatIsOut) {
+  writePreferences(preference("SelectionConnectTimeout", "60000") +
+                   preference("SelectionPingTimeout", "60000"));
+  HeldGateway held(HeldGateway::Settings{.answers = 2, .delay = Far});
+  const Outcome outcome = run({"exec", near.address(), held.Address(), "--", "sh", "-c",
+                               "echo $0; test $0 = " + held.Address() + " || exit 9", "{headend}"});
+  EXPECT_EQ(outcome.exitStatus, 0);
+  EXPECT_EQ(outcome.out, near.address() + "\n" + held.Address() + "\n") << outcome.err;
 }
 
 TEST_F(ExecCommandTest, WhenAllFailTheLastStatusIsTheCommands) {

@@ -205,6 +205,23 @@ TEST_F(SelectCommandTest, ATableIsShownOnATerminalAndRemovedAndTheRankingStays) 
   EXPECT_THAT(last, Not(HasSubstr("\x1b["))) << "nothing is drawn over it or erased";
 }
 
+TEST_F(SelectCommandTest, QuietEndsWithTheDecisionWhichIsRememberedAndTheTableShowsIt) {
+  writePreferences(preference("SelectionConnectTimeout", "60000") +
+                   preference("SelectionPingTimeout", "60000"));
+  const Gateway near(Near);
+  HeldGateway far(HeldGateway::Settings{.answers = 1, .delay = Far});
+  const std::vector<std::string> quiet = {"select",      "--quiet",  near.address(),
+                                          far.Address(), "--reason", "reconnection"};
+  EXPECT_EQ(run(quiet).out, near.address() + "\n");
+  EXPECT_TRUE(far.WaitUntilLeft());
+  EXPECT_EQ(selectJson({near.address(), far.Address()}).at("fromCache"), true);
+  HeldGateway other(HeldGateway::Settings{.answers = 2, .delay = Far});
+  Program program({"select", near.address(), other.Address()}, environment, Program::Terminal::All);
+  ASSERT_TRUE(program.waitForNext("  decided"));
+  other.Release();
+  EXPECT_EQ(program.finish().exitStatus, 0);
+}
+
 TEST_F(SelectCommandTest, AWindowThatBecomesNarrowerKeepsWhatStandsAboveTheTable) {
   const SilentListener silent("127.0.0.1");
   Program program({"select", silent.Where().Text()}, environment, Program::Terminal::Errors, -1,

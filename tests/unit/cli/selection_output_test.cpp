@@ -102,6 +102,7 @@ TEST(TextOutput, WithoutAnyHeadendSaysSo) {
 TEST(JsonOutput, HasEveryMemberAndNullsInPlaceOfNumbersThatThereAreNot) {
   SelectionResult result = reconnected();
   result.results[0].name = "Bern";
+  result.decided = {"Bern", "gw-b:8443", 25, std::chrono::milliseconds(300)};
   json object = json::parse(jsonOutput(result));
   const json first = {{"headend", "gw-b:8443"},
                       {"name", "Bern"},
@@ -126,6 +127,8 @@ TEST(JsonOutput, HasEveryMemberAndNullsInPlaceOfNumbersThatThereAreNot) {
                       {"fromCache", false},
                       {"elapsedMs", 321}};
   const json& results = object.at("results");
+  EXPECT_EQ(object.at("decision").at("decided"),
+            (json{{"headend", "gw-b:8443"}, {"metricMs", 25}, {"afterMs", 300}}));
   for (const auto& [part, members] :
        {std::pair{object, whole}, std::pair{results.at(0), first},
         std::pair{results.at(0).at("probes").at(0), probe}, std::pair{results.at(2), last},

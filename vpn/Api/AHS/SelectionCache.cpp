@@ -149,7 +149,7 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
       record->noteEntry(entry);
     }
     // Some headends may not have been measured, and the nearest may be among them.
-    if ((record != nullptr && record->isCancelled()) || entry.isFromShortage()) {
+    if ((record != nullptr && record->wasDropped()) || entry.isFromShortage()) {
       return HEADENDSELECTION_ERROR_CACHE_FAILURE;
     }
     std::vector<std::string> place;

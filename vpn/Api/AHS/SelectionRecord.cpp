@@ -4,6 +4,7 @@
 #include "vpn/Api/AHS/SelectionRecord.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 
 #include "vpn/Api/AHS/SelectionRules.h"
@@ -180,6 +181,33 @@ void SelectionRecord::tellIfDecided() {
 std::optional<SelectionRecord::Decided> SelectionRecord::decision() const {
   const CAutoLockT<CManualLock> guard(m_lock);
   return m_decided;
+}
+
+void SelectionRecord::cutShort() {
+  m_wasCutShort = true;
+  cancel();
+}
+
+std::vector<CHeadendRTT> SelectionRecord::order() const {
+  std::vector<std::pair<std::tuple<bool, bool, unsigned int, std::size_t>, std::string>> answered;
+  {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    for (std::size_t i = 0; i < m_standings.size(); ++i) {
+      const Deciding::Standing& standing = m_standings[i];
+      const std::string& headend = m_candidates[i].headend;
+      if (standing.ms) {
+        const bool isLater = !m_decided || headend != m_decided->headend;
+        answered.push_back(
+            {{isLater, !standing.isFinished, *standing.ms, standing.finishedAs}, headend});
+      }
+    }
+  }
+  std::ranges::sort(answered);
+  std::vector<CHeadendRTT> headends;
+  for (const auto& [rank, headend] : answered) {
+    headends.emplace_back(headend, std::get<2>(rank));
+  }
+  return headends;
 }
 
 std::shared_ptr<SelectionRecord> SelectionRecord::current() {

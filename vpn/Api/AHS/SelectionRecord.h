@@ -76,6 +76,15 @@ class SelectionRecord : public ProbeTask {
   void setRules(const Rules& rules);
   std::optional<Decided> decision() const;
 
+  /// Once it is decided, ends the probes that are out. What was measured is remembered, unlike that
+  /// of a cancelled run.
+  void cutShort();
+  /// Whether it was cancelled otherwise.
+  bool wasDropped() const noexcept { return isCancelled() && !m_wasCutShort; }
+  /// The headends that have answered, and how far they are as far as known: the decided one, those
+  /// that have finished, the others; each part the nearest first.
+  std::vector<CHeadendRTT> order() const;
+
   /// The run has used or stored this entry of the cache.
   void noteEntry(const CCacheEntry& entry);
   /// That entry; one without records if there is none.
@@ -104,6 +113,7 @@ class SelectionRecord : public ProbeTask {
   Deciding::Standing* standingOf(const Place& place) AHS_REQUIRES(m_lock);
 
   std::atomic<Shortage> m_shortage{Shortage::None};
+  std::atomic<bool> m_wasCutShort{false};
   mutable CManualLock m_lock;
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
   std::optional<HttpProbe::Report> m_testProbe AHS_GUARDED_BY(m_lock);

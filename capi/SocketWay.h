@@ -1,13 +1,11 @@
 #pragma once
 
-#include <sys/socket.h>
-
 #include <atomic>
-#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "ahs/ahs.h"
+#include "vpn/Common/IP/SocketRoute.h"
 #include "vpn/include/Locks.h"
 
 /// How the sockets of a selection leave the machine.
@@ -20,7 +18,7 @@ class SocketWay {
   std::string take(const ahs_request& request);
 
   /// The way in words that distinguish it from others.
-  std::vector<std::string> words() const;
+  std::vector<std::string> words() const { return m_route.words(); }
 
   /// Prepares a socket, and lets the client look at it. The first failure is logged. Any thread may
   /// call it. @return whether it may be used.
@@ -31,15 +29,10 @@ class SocketWay {
   void close();
 
  private:
-  std::string apply(int socket) const;
   bool ask(int socket);
 
   // Constant from `take` on.
-  std::string m_interface;
-  std::string m_sourceText;
-  sockaddr_storage m_source{};
-  socklen_t m_sourceLength = 0;  // 0: none
-  uint32_t m_mark = 0;
+  SocketRoute m_route{{"request.interface_name", "request.source_address", "request.mark"}};
   ahs_socket_callback m_callback = nullptr;
   void* m_context = nullptr;
 

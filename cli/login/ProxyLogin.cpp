@@ -32,14 +32,15 @@ ProxyLogin::ProxyLogin(const Secret& user, const std::optional<Secret>& password
   }
 }
 
-std::unique_ptr<ProxyIfc> ProxyLogin::provider() const {
+std::unique_ptr<ProxyIfc> ProxyLogin::provider(bool secure) const {
   const std::string host = m_isSystemProxy ? CProxyProvider::SystemHost : "";
   if (m_credentials) {
     return std::make_unique<CProxyProvider>(BasicProxy, m_credentials->user,
                                             m_credentials->password, host);
   }
-  return m_isSystemProxy ? std::make_unique<CProxyProvider>(NoProxy, Secret(), Secret(), host)
-                         : nullptr;
+  return m_isSystemProxy || secure ? std::make_unique<CProxyProvider>(secure ? BasicProxy : NoProxy,
+                                                                      Secret(), Secret(), host)
+                                   : nullptr;
 }
 
 bool ProxyLogin::hasCredentials() const { return m_credentials.has_value(); }

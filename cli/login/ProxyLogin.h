@@ -20,7 +20,8 @@ class ProxyLogin {
              std::shared_ptr<Terminal> terminal, bool systemProxy);
 
   /// The provider for the next run; null if the run needs none.
-  std::unique_ptr<ProxyIfc> provider() const;
+  /// @param secure has the headends measured over TLS in any case.
+  std::unique_ptr<ProxyIfc> provider(bool secure = false) const;
 
   /// Whether there are credentials for the next run.
   bool hasCredentials() const;

@@ -138,29 +138,46 @@ std::string outcomeOfError(int error) {
   }
 }
 
-void connectTo(CheckedAddress& target, milliseconds limit) {
+/// Replaces an IPv4 address by the one that stands for it.
+void translate(CheckedAddress& target, const ProbeWay& way) {
+  sockaddr_in from{};
+  memcpy(&from, &target.address, sizeof from);
+  sockaddr_in6 to{};
+  if (from.sin_family == AF_INET && way.translate(from.sin_addr, to.sin6_addr)) {
+    to.sin6_family = AF_INET6;
+    to.sin6_port = from.sin_port;
+    memcpy(&target.address, &to, sizeof to);
+    target.length = sizeof to;
+  }
+}
+
+void connectTo(CheckedAddress& target, milliseconds limit, const ProbeWay& way) {
+  translate(target, way);
   const auto start = Clock::now();
   const int connection = socket(target.address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   // The time limit of writes also bounds a connect.
   const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
   const timeval longest{seconds.count(), std::chrono::microseconds(limit - seconds).count()};
+  const bool mayConnect = connection < 0 || way.prepare(connection, target.address.ss_family);
   const bool isConnected =
-      connection >= 0 &&
+      connection >= 0 && mayConnect &&
       setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest) == 0 &&
       connect(connection, reinterpret_cast<const sockaddr*>(&target.address), target.length) == 0;
   const int error = isConnected ? 0 : errno;
   target.took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
-  target.outcome = error == EINVAL && needsZone(target) ? "needs a zone" : outcomeOfError(error);
+  target.outcome = !mayConnect                            ? "left out by the options"
+                   : error == EINVAL && needsZone(target) ? "needs a zone"
+                                                          : outcomeOfError(error);
   if (connection >= 0) {
     close(connection);
   }
 }
 
-void connectToAll(std::vector<CheckedAddress>& addresses, milliseconds limit) {
+void connectToAll(std::vector<CheckedAddress>& addresses, milliseconds limit, const ProbeWay& way) {
   std::vector<std::future<void>> attempts;
   attempts.reserve(addresses.size());
   for (CheckedAddress& address : addresses) {
-    attempts.push_back(std::async([&address, limit] { connectTo(address, limit); }));
+    attempts.push_back(std::async([&address, limit, &way] { connectTo(address, limit, way); }));
   }
   for (const std::future<void>& attempt : attempts) {
     attempt.wait();
@@ -169,13 +186,14 @@ void connectToAll(std::vector<CheckedAddress>& addresses, milliseconds limit) {
 
 }  // namespace
 
-AddressCheck checkAddresses(const std::string& host, unsigned short port, milliseconds limit) {
+AddressCheck checkAddresses(const std::string& host, unsigned short port, milliseconds limit,
+                            const ProbeWay& way) {
   AddressCheck check;
   resolve(host, port, limit, check);
   if (isAddressLiteral(host) && !check.addresses.empty()) {
     check.addresses.front().text = host;  // with its zone
   }
-  connectToAll(check.addresses, limit);
+  connectToAll(check.addresses, limit, way);
   return check;
 }
 

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/files/ProbeWay.h"
+
 /// One address of a name, and the outcome of one attempt to connect to it.
 struct CheckedAddress {
   std::string text;  ///< "192.0.2.7", "2001:db8::7", "fe80::7%eth0"
@@ -33,7 +35,7 @@ struct AddressCheck {
 /// slower resolver is left to its detached thread.
 /// @param host a name, or an address without brackets.
 AddressCheck checkAddresses(const std::string& host, unsigned short port,
-                            std::chrono::milliseconds limit);
+                            std::chrono::milliseconds limit, const ProbeWay& way = ProbeWay());
 
 /// Whether a host (without brackets) is an address rather than a name.
 bool isAddressLiteral(const std::string& host);

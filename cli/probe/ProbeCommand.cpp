@@ -45,11 +45,16 @@ constexpr unsigned int Wanted =
 /// Keeps the report of the last probe. Probing and reading happen on one thread.
 class LastReport : public ProbeTask {
  public:
+  explicit LastReport(std::shared_ptr<const ProbeWay> way) : m_way(std::move(way)) {}
+
   void probeEnded(const HttpProbe::Report& report) override { m_report = report; }
+  bool socketOpened(int socket, int family) override { return m_way->prepare(socket, family); }
+  bool translated(const in_addr& from, in6_addr& to) override { return m_way->translate(from, to); }
 
   const HttpProbe::Report& report() const { return m_report; }
 
  private:
+  const std::shared_ptr<const ProbeWay> m_way;
   HttpProbe::Report m_report;
 };
 
@@ -122,9 +127,7 @@ class Measurement {
 };
 
 /// @return false if the output is closed.
-bool measure(const ProbePlan& plan, Measurement& measurement) {
-  const auto watcher = std::make_shared<LastReport>();
-  const CTask::Scope scope(watcher);
+bool measure(const ProbePlan& plan, const LastReport& watcher, Measurement& measurement) {
   const HttpProbe::KeptConnection connection;
   const PROXY_DATA noProxy;  // a round trip through a proxy would measure the proxy
   const auto start = Clock::now();
@@ -135,7 +138,7 @@ bool measure(const ProbePlan& plan, Measurement& measurement) {
         plan.place.first, plan.secure, false, plan.place.second, "",
         static_cast<unsigned int>(plan.timeout.count()), noProxy, Wanted, results);
     const auto elapsed = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-    isTold = measurement.add({watcher->report(), elapsed}, std::move(results));
+    isTold = measurement.add({watcher.report(), elapsed}, std::move(results));
     if (SelectionRules::worthOfProbe(status) == SelectionRules::ProbeWorth::Unresolved) {
       break;  // no such host
     }
@@ -158,7 +161,7 @@ void takeNameServers(ProbeFindings& findings) {
 void lookCloser(ProbeFindings& findings) {
   const ProbePlan& plan = findings.plan;
   takeNameServers(findings);
-  findings.addresses = checkAddresses(plan.place.first, plan.place.second, plan.timeout);
+  findings.addresses = checkAddresses(plan.place.first, plan.place.second, plan.timeout, *plan.way);
   if (std::ranges::any_of(findings.addresses.addresses, &CheckedAddress::isConnected)) {
     findings.tls = inspectTls(plan.place.first, plan.place.second, plan.timeout);
   }
@@ -167,7 +170,10 @@ void lookCloser(ProbeFindings& findings) {
 int probe(const ProbePlan& plan, bool isJson) {
   const auto measurement = std::make_shared<Measurement>(plan, !isJson);
   Interruption::setDuties({[measurement] { measurement->sumUpInHaste(); }, {}, {}});
-  if (!measure(plan, *measurement)) {
+  plan.way->findNat64({plan.place.first});
+  const auto watcher = std::make_shared<LastReport>(plan.way);
+  const CTask::Scope scope(watcher);
+  if (!measure(plan, *watcher, *measurement)) {
     return ExitUsage;
   }
   ProbeFindings findings = measurement->findings();
@@ -185,9 +191,15 @@ int probe(const ProbePlan& plan, bool isJson) {
 int runProbe(const ProbeOptions& options) {
   FilePlan files;
   std::vector<std::string> problems;
-  const std::string fileError = makeFilePlan(options.files, defaultPaths(), files, problems);
-  if (!fileError.empty()) {
-    return Console::complainOfUsage(Command, fileError, problems);
+  std::string wrong = makeFilePlan(options.files, defaultPaths(), files, problems);
+  if (wrong.empty()) {
+    wrong = takeMeasurePreferences(options, {}, files.sources.preferences);
+  }
+  if (wrong.empty()) {
+    wrong = trustCertificates(options);
+  }
+  if (!wrong.empty()) {
+    return Console::complainOfUsage(Command, wrong, problems);
   }
   CAppLog::Targets noLog;
   noLog.off = true;
@@ -216,14 +228,7 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
   addOption(*command, "HOST", "HOST[:PORT]", options->host,
             "The headend: the name of a host entry of the profiles, or a host")
       ->required();
-  addOption(*command, "-c,--count", "N", options->count,
-            "Probes to send, 1 to 1000; unless given, as many as a selection sends")
-      ->check(CLI::Range(1U, MostProbes));
-  addOption(*command, "--timeout", "SECONDS", options->timeoutSeconds,
-            "Time limit of one probe, 1 to 3600; unless given, that of a probe of a selection")
-      ->check(CLI::Range(1U, LongestTimeoutSeconds));
-  command->add_flag("--secure", options->secure,
-                    "Probe over TLS, as a selection with a login at a proxy does");
+  addMeasureOptions(*command, *options, {MostProbes, LongestTimeoutSeconds});
   addFileOptions(*command, options->files);
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer(

@@ -51,5 +51,6 @@ std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEnt
   const unsigned int timeout = std::max(settings.nPingTimeout / MillisecondsPerSecond, 1U);
   plan.selectionTimeout = std::chrono::seconds(timeout);
   plan.timeout = std::chrono::seconds(options.timeoutSeconds.value_or(timeout));
-  return takeHost(options.host, entries, plan);
+  const std::string error = plan.way->take(options);
+  return error.empty() ? takeHost(options.host, entries, plan) : error;
 }

@@ -1,20 +1,20 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/files/FileOptions.h"
+#include "cli/files/MeasureOptions.h"
+#include "cli/files/ProbeWay.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/Candidates.h"
 
 /// Options of `ahs probe` as typed. An empty optional means that the option was not given.
-struct ProbeOptions {
+struct ProbeOptions : MeasureOptions {
   std::string host;
-  std::optional<unsigned int> count;
-  std::optional<unsigned int> timeoutSeconds;
-  bool secure = false;
   bool json = false;
   FileOptions files;  ///< the places of profiles and preferences alone
 };
@@ -27,6 +27,7 @@ struct ProbePlan {
   std::string profile;  ///< of the host entry
   std::string
       leftOut;  ///< why the host entry takes no part in automatic selection; empty if it does
+  std::shared_ptr<ProbeWay> way = std::make_shared<ProbeWay>();
   bool secure = false;
   unsigned int count = 0;
   std::chrono::seconds timeout{0};              ///< of one probe

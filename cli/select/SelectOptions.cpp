@@ -59,6 +59,18 @@ std::string findLast(const std::string& last, const std::vector<GivenHeadend>& h
   return last;
 }
 
+/// The preferences that -c and --timeout stand for.
+std::vector<std::string> limitsOf(const MeasureOptions& options) {
+  std::vector<std::string> settings;
+  if (options.count) {
+    settings.push_back("SelectionPingsPerHeadend=" + std::to_string(*options.count));
+  }
+  if (options.timeoutSeconds) {
+    settings.push_back("SelectionPingTimeout=" + std::to_string(*options.timeoutSeconds) + "000");
+  }
+  return settings;
+}
+
 std::string takeCache(const SelectOptions& options, const DefaultPaths& paths, SelectPlan& plan) {
   if (options.noCache) {
     return "";
@@ -105,6 +117,14 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   plan.log = logOf(options);
   std::string error = makeProxyPlan(options.proxy, plan.proxy);
   plan.sources.preferences = plan.proxy.preferences;
+  plan.secure = options.measure.secure;
+  if (error.empty()) {
+    error = takeMeasurePreferences(options.measure, limitsOf(options.measure),
+                                   plan.sources.preferences);
+  }
+  if (error.empty()) {
+    error = plan.way->take(options.measure);
+  }
   if (error.empty()) {
     error = takeHosts(options.hosts, plan.sources.headends);
   }
@@ -118,7 +138,10 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
 bool takePlan(const SelectOptions& options, const std::string& command, SelectPlan& plan,
               std::optional<Secret>& password) {
   std::vector<std::string> problems;
-  const std::string error = makePlan(options, defaultPaths(), plan, problems);
+  std::string error = makePlan(options, defaultPaths(), plan, problems);
+  if (error.empty()) {
+    error = trustCertificates(options.measure);
+  }
   if (!error.empty()) {
     Console::complainOfUsage(command, error, problems);
     return false;
@@ -141,6 +164,8 @@ void addHostOptions(CLI::App& command, SelectOptions& options) {
   addOption(
       command, "--last", "NAME", options.last,
       "The headend used last: a host entry in any letter case, or a host of the command line");
+  constexpr MeasureLimits OfPreferences{100, 60};
+  addMeasureOptions(command, options.measure, OfPreferences);
 }
 
 void addReasonOption(CLI::App& command, SelectOptions& options) {

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/files/FileOptions.h"
+#include "cli/files/MeasureOptions.h"
+#include "cli/files/ProbeWay.h"
 #include "cli/login/Credentials.h"
 #include "cli/login/ProxyOptions.h"
 #include "vpn/Common/Logging/AppLog.h"
@@ -30,9 +33,11 @@ struct SelectOptions : FileOptions {
   bool explain = false;
   bool syslog = false;
   ProxyOptions proxy;
+  MeasureOptions measure;
 };
 
-/// Each adds options of a selection to a command: hosts, files and the last headend; the reason;
+/// Each adds options of a selection to a command: hosts, files, the last headend and the
+/// measurement; the reason;
 /// the proxy; the cache; the log.
 void addHostOptions(CLI::App& command, SelectOptions& options);
 void addReasonOption(CLI::App& command, SelectOptions& options);
@@ -47,6 +52,8 @@ struct SelectPlan : FilePlan {
   std::string last;
   /// `sources` holds the proxy too.
   ProxyPlan proxy;
+  std::shared_ptr<ProbeWay> way = std::make_shared<ProbeWay>();
+  bool secure = false;  ///< headends are measured over TLS
 };
 
 /// Turns options into a plan. Named files must exist; of these, only preferences files are read,

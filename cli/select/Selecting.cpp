@@ -111,6 +111,18 @@ namespace {
 
 using std::chrono::milliseconds;
 
+/// The record of a selection whose probes leave by the way that the options name.
+class RoutedRecord : public SelectionRecord {
+ public:
+  explicit RoutedRecord(std::shared_ptr<const ProbeWay> way) : m_way(std::move(way)) {}
+
+  bool socketOpened(int socket, int family) override { return m_way->prepare(socket, family); }
+  bool translated(const in_addr& from, in6_addr& to) override { return m_way->translate(from, to); }
+
+ private:
+  const std::shared_ptr<const ProbeWay> m_way;
+};
+
 // How often to draw the table: fast enough to look alive, slow enough to cost nothing.
 constexpr milliseconds DrawingInterval{100};
 // How often to print the progress where no table can be drawn: these lines stay.
@@ -296,16 +308,33 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
   }
 }
 
+/// A record for a run that is about to start.
+std::shared_ptr<SelectionRecord> Selecting::record() const {
+  std::vector<std::string> hosts;
+  for (const Candidate& candidate : m_candidates) {
+    hosts.push_back(candidate.place.first);
+  }
+  m_plan.way->findNat64(hosts);
+  auto record = std::make_shared<RoutedRecord>(m_plan.way);
+  SelectionRecord::Terms terms;
+  terms.way = m_plan.way->words();
+  if (m_plan.secure) {
+    terms.way.emplace_back("TLS");
+  }
+  record->setTerms(terms);
+  return record;
+}
+
 /// Runs one selection up to its result. @return whether it could be started.
 bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress,
                         bool untilDecided) {
-  m_recorder = std::make_shared<SelectionRecord>();
+  m_recorder = record();
   m_recorder->setRules(
       {m_candidates, m_settings.nPingsPerHeadend, m_settings.nImprovement,
        reason == ReasonReconnection ? findNamed(m_plan.last, m_candidates) : nullptr});
   const CTask::Scope scope(m_recorder);
   m_run = std::make_unique<SelectionRun>();
-  const STATUSCODE status = m_run->start(reason, m_plan.last, login.provider());
+  const STATUSCODE status = m_run->start(reason, m_plan.last, login.provider(m_plan.secure));
   if (status != 0) {
     m_run.reset();
     Console::complain("the selection could not be started: " + std::string(statusCodeName(status)) +

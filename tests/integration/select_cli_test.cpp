@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,10 +13,12 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/integration/command_test.h"
 #include "tests/integration/running_program.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/HeldGateway.h"
 
 namespace tests {
@@ -114,6 +117,41 @@ TEST_F(SelectCommandTest, AProxyThatDoesNotServeIsToldWithWhatItCost) {
           .at("testProbe")
           .at("words"),
       testing::StartsWith("only the proxy " + gateway.address() + " answers"));
+}
+
+TEST_F(SelectCommandTest, ProbesLeaveByTheWayThatTheOptionsName) {
+  const Gateway gateway(Near);
+  for (const auto& [option, value, exitStatus] : {std::tuple{"-4", "--no-cache", 0},
+                                                  {"-6", "--no-cache", 1},
+                                                  {"--source", "127.0.0.3", 0},
+                                                  {"--source", "::1", 1},
+                                                  {"--interface", "lo", 0},
+                                                  {"--interface", "no-such", 2},
+                                                  {"--source", "192.0.2.1", 2}}) {
+    const Outcome outcome = run({"select", gateway.address(), option, value});
+    EXPECT_EQ(outcome.exitStatus, exitStatus) << option << outcome.err;
+    EXPECT_THAT(outcome.err, exitStatus == 2 ? HasSubstr("'ip address' shows") : HasSubstr(""));
+  }
+  EXPECT_EQ(run({"probe", gateway.address(), "-c", "1", "-4"}).exitStatus, 0);
+  EXPECT_THAT(run({"probe", gateway.address(), "-c", "1", "-6"}).out,
+              HasSubstr("left out by the options"));
+}
+
+TEST_F(SelectCommandTest, AnIPv4AddressIsReachedByNat64WhereNothingElseLeadsOut) {
+  if (geteuid() != 0 || unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) {
+    GTEST_SKIP() << "making a network takes the right to (CAP_SYS_ADMIN)";
+  }
+  writeFile("hosts", "64:ff9b::c000:aa ipv4only.arpa\n");
+  ChildProcess setUp({"/bin/sh", "-c",
+                      "mount --make-rprivate / && mount --bind hosts /etc/hosts && "
+                      "ip link set lo up && ip addr add 64:ff9b::c000:207 dev lo nodad"},
+                     home + "/output", home);
+  ASSERT_TRUE(setUp.WaitForEnd(std::chrono::seconds(10)) && setUp.ExitStatus() == 0);
+  ScriptedServer behind(answering(Welcome), "64:ff9b::c000:207");
+  const std::string address = "192.0.2.7:" + std::to_string(behind.port());
+  const json probe = resultOf(selectJson({address}), address).at("probes").at(0);
+  EXPECT_EQ(probe.at("address"), "64:ff9b::c000:207");
+  EXPECT_EQ(run({"probe", address, "-c", "1"}).exitStatus, 0);
 }
 
 // ---- Why --------------------------------------------------------------------------------------

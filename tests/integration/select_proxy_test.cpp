@@ -99,6 +99,28 @@ class SelectProxyTest : public CommandTest {
   std::string preferences;
 };
 
+// ---- Over TLS ----------------------------------------------------------------------------------
+
+TEST_F(SelectProxyTest, OverTlsOnRequestACertificateCountsThatIsTrusted) {
+  const auto outcomeWith = [this](std::vector<std::string> words) {
+    words.insert(words.begin(), {"select", gatewayAddress(), "--no-cache"});
+    const json result = resultOf(runJson(words, 0), gatewayAddress());
+    return result.at("outcome").get<std::string>();
+  };
+  EXPECT_EQ(outcomeWith({"--secure"}), "untrusted certificate");
+  EXPECT_EQ(outcomeWith({"--secure", "--cacert", authority.file()}), "answered");
+  const std::string none = outside.Write("none.pem", "-----BEGIN");
+  for (const std::string& file : {none, outside.File("missing")}) {
+    const Outcome refused = run({"select", gatewayAddress(), "--cacert", file});
+    EXPECT_EQ(refused.exitStatus, 2);
+    EXPECT_THAT(refused.err, HasSubstr("certificates of '" + file + "', cannot be used: "));
+  }
+  environment.push_back("SSL_CERT_FILE=" + authority.file());
+  EXPECT_EQ(outcomeWith({"--secure"}), "answered");
+  EXPECT_THAT(run({"probe", gatewayAddress(), "--secure", "-c", "1"}).out,
+              Not(HasSubstr("untrusted")));
+}
+
 // ---- The dialogue -----------------------------------------------------------------------------
 
 TEST_F(SelectProxyTest, AtATerminalAPersonLogsInToSquidAtTheSecondAttempt) {

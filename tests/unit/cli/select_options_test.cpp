@@ -94,6 +94,30 @@ TEST_F(SelectOptionsTest, TheLastHeadendMayBeSpeltOtherwiseThanTheHostThatIsMean
   }
 }
 
+TEST_F(SelectOptionsTest, APreferenceIsSetByItsNameOrByItsOwnOption) {
+  options.measure.settings = {"SelectionImprovement=5", "ProxySettings=none"};
+  options.measure.count = 7;
+  options.measure.timeoutSeconds = 3;
+  options.measure.roundTrip = "response";
+  EXPECT_EQ(make(), "");
+  const std::map<PreferenceId, std::string> all = {{ProxySettings, "none"},
+                                                   {SelectionImprovement, "5"},
+                                                   {SelectionPingTimeout, "3000"},
+                                                   {SelectionPingsPerHeadend, "7"},
+                                                   {RoundTripTime, "response"}};
+  EXPECT_EQ(plan.sources.preferences, all);
+  for (const auto& [wrong, says] :
+       {std::pair{"SelectionImprovement", "--set takes NAME=VALUE"},
+        {"SelectionImprovment=5", "did you mean 'SelectionImprovement'?"},
+        {"x=5", "no preference 'x'; 'ahs preferences show' lists them"},
+        {"SelectionImprovement=-1", "must be a whole number from 0 to 1000 (percent)"},
+        {"EnableAutomaticServerSelection=true", "set by profiles alone"},
+        {"RoundTripTime=network", "RoundTripTime is given twice"}}) {
+    options.measure.settings = {wrong};
+    EXPECT_THAT(make(), HasSubstr(says)) << wrong;
+  }
+}
+
 TEST_F(SelectOptionsTest, NamedPlacesHaveToExist) {
   options.profiles = directory.File("none");
   EXPECT_THAT(make(), HasSubstr("the profile directory '" + directory.File("none")));

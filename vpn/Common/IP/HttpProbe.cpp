@@ -214,4 +214,6 @@ void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) {
 
 void HttpProbe::setLeavesSilent(bool leaves) { ProbeSettings::setLeavesSilent(leaves); }
 
-void HttpProbe::setTrustFile(const std::string& path) { ProbeSettings::setTrustFile(path); }
+std::string HttpProbe::setTrustFile(const std::string& path) {
+  return ProbeSettings::setTrustFile(path);
+}

@@ -142,5 +142,6 @@ class HttpProbe {
 
   /// Adds certificates (a PEM file) to those trusted, for probes that start from now on; an empty
   /// path for the system's alone. The file is read at once; one that cannot be read adds nothing.
-  static void setTrustFile(const std::string& path);
+  /// @return why the file is of no use, or an empty text.
+  static std::string setTrustFile(const std::string& path);
 };

@@ -11,11 +11,13 @@
 #include <linux/tcp.h>  // glibc's netinet/tcp.h ends before tcpi_min_rtt
 #include <netinet/in.h>
 #include <openssl/ssl.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <string_view>
 #include <utility>
 
@@ -117,6 +119,25 @@ Result unlessThrown(Result otherwise, Body body) {
   } catch (...) {
     return otherwise;
   }
+}
+
+/// Lets the task replace an IPv4 address. libcurl's own object has room for an address of any kind.
+void translate(ProbeTask* task, curl_sockaddr& chosen) {
+  in6_addr replacement{};
+  if (task == nullptr || chosen.family != AF_INET || !unlessThrown(false, [&] {
+        return task->translated(reinterpret_cast<const sockaddr_in*>(&chosen.addr)->sin_addr,
+                                replacement);
+      })) {
+    return;
+  }
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_port = reinterpret_cast<const sockaddr_in*>(&chosen.addr)->sin_port;
+  address.sin6_addr = replacement;
+  chosen.family = AF_INET6;
+  chosen.addrlen = sizeof address;
+  memcpy(reinterpret_cast<char*>(&chosen) + offsetof(curl_sockaddr, addr), &address,
+         sizeof address);
 }
 
 }  // namespace
@@ -502,8 +523,9 @@ void HttpTransfer::setUpCallbacks() {
   set(CURLOPT_RESOLVER_START_DATA, this);
   set(
       CURLOPT_OPENSOCKETFUNCTION, +[](void* self, curlsocktype, curl_sockaddr* address) {
-        return static_cast<HttpTransfer*>(self)->open(address->family, address->socktype,
-                                                      address->protocol);
+        HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
+        translate(transfer.m_request->task, *address);
+        return transfer.open(address->family, address->socktype, address->protocol);
       });
   set(CURLOPT_OPENSOCKETDATA, this);
   set(

@@ -77,28 +77,31 @@ bool isCertificateDirectory(const char* path) {
   return false;
 }
 
-/// Adds the certificates of a file that nobody else could have written.
-void addCertificates(const std::string& path, X509_STORE* store) {
+/// Adds the certificates of a file that nobody else could have written. @return what is wrong.
+std::string addCertificates(const std::string& path, X509_STORE* store) {
   FileTrust::Descriptor file;
   FileTrust::Refusal refusal;
   if (!FileTrust::openFile(path, FileTrust::Check::Private, file, refusal)) {
     CAppLog::LogDebugMessage("setTrustFile", __FILE__, __LINE__, Logging::DBG_Warning,
                              "the file of certificates %s %s", legibleLine(path).c_str(),
                              refusal.text.c_str());
-    return;
+    return refusal.text;
   }
   const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new_fd(file.get(), BIO_NOCLOSE),
                                                        &BIO_free);
+  std::string problem = "it holds no certificate in PEM.";
   while (X509* const certificate =
              text ? PEM_read_bio_X509_AUX(text.get(), nullptr, nullptr, nullptr) : nullptr) {
     X509_STORE_add_cert(store, certificate);
     X509_free(certificate);
+    problem.clear();
   }
+  return problem;
 }
 
 /// libcurl's default trust and `extraFile`, in one store for all probes. Prefers the system's
 /// directory, read on demand, to its one large file, whose reading takes longer than many a probe.
-ProbeSettings::Trust makeTrust(const std::string& extraFile) {
+ProbeSettings::Trust makeTrust(const std::string& extraFile, std::string& problem) {
   ProbeSettings::Trust store(X509_STORE_new(), X509_STORE_free);
   if (!store) {
     return store;
@@ -110,7 +113,7 @@ ProbeSettings::Trust makeTrust(const std::string& extraFile) {
     X509_STORE_load_file(store.get(), version->cainfo);
   }
   if (!extraFile.empty()) {
-    addCertificates(extraFile, store.get());
+    problem = addCertificates(extraFile, store.get());
   }
   // As libcurl does: an intermediate certificate that is trusted may end a chain.
   X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
@@ -150,14 +153,17 @@ ProbeSettings::Trust ProbeSettings::trustedCertificates() {
   Settings& process = settings();
   CAutoLockT<CManualLock> guard(process.lock);
   if (!process.trust) {
-    process.trust = makeTrust({});
+    std::string ignored;
+    process.trust = makeTrust({}, ignored);
   }
   return process.trust;
 }
 
-void ProbeSettings::setTrustFile(const std::string& path) {
+std::string ProbeSettings::setTrustFile(const std::string& path) {
   Settings& process = settings();  // first: it prepares OpenSSL
-  Trust store = makeTrust(path);
+  std::string problem;
+  Trust store = makeTrust(path, problem);
   CAutoLockT<CManualLock> guard(process.lock);
   process.trust.swap(store);
+  return problem;
 }

@@ -29,5 +29,6 @@ class ProbeSettings {
   static Trust trustedCertificates();
   /// @param path of PEM certificates beside the system's; one that another user could have
   ///        written is not used, and the log says so.
-  static void setTrustFile(const std::string& path);
+  /// @return why the file is of no use, or an empty text.
+  static std::string setTrustFile(const std::string& path);
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -30,6 +32,9 @@ class ProbeTask : public CTask {
   /// A TCP socket was made and is about to connect, to the server or to a proxy.
   /// @param family AF_INET or AF_INET6. @return false if it must not be used.
   virtual bool socketOpened(int /*socket*/, int /*family*/) { return true; }
+
+  /// A socket is about to be made for an IPv4 address. @return whether `to` replaces it.
+  virtual bool translated(const in_addr& /*from*/, in6_addr& /*to*/) { return false; }
 
   /// A direct probe's attempt to connect has gone unanswered for so long. Asked before the first
   /// attempt, and now and then while nothing answers. @return how long to wait.

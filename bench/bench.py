@@ -16,6 +16,7 @@ import time
 import cache
 import choice
 import cost
+import decision
 import figures
 import growth
 import lies
@@ -33,6 +34,7 @@ ROWS = {
     "jitter": (truth.jitter, "error with jitter and loss"),
     "winner": (choice.winner, "how often the right gateway wins"),
     "lies": (lies.lies, "how often the nearest gateway wins in networks that lie"),
+    "decision": (decision.decision, "when a selection is decided beside a silent headend"),
     "processor": (cost.processor, "processor time beside curl's"),
     "memory": (cost.memory, "memory beside curl's"),
     "growth": (cost.growth, "cost as headends grow; draws the picture"),
@@ -41,7 +43,8 @@ ROWS = {
 
 
 # Rows with a ratio that must hold on any machine.
-CHECKED = ("time", "secure", "error", "busy", "jitter", "lies", "processor", "memory")
+CHECKED = ("time", "secure", "error", "busy", "jitter", "lies", "decision",
+           "processor", "memory")
 
 
 @dataclasses.dataclass
@@ -61,6 +64,7 @@ class Sizes:
     scenes: int = 10
     trials: int = 20
     lie_trials: int = 200
+    silent: int = 20
     cache_runs: int = 1000
     loops: int = 8
     # Factor for all distances.
@@ -69,11 +73,11 @@ class Sizes:
     @staticmethod
     def smoke():
         return Sizes(counts=(2, 3, 4), growth=(2, 3, 4), secure=2, busy=2, jitter=3, cached=5, rounds=1,
-                     jitter_rounds=1, scenes=1, trials=1, lie_trials=1, cache_runs=3, loops=1, scale=0.1)
+                     jitter_rounds=1, scenes=1, trials=1, lie_trials=1, silent=1, cache_runs=3, loops=1, scale=0.1)
 
     @staticmethod
     def check():
-        return Sizes(rounds=2, jitter_rounds=3, lie_trials=20)
+        return Sizes(rounds=2, jitter_rounds=3, lie_trials=20, silent=3)
 
 
 @dataclasses.dataclass

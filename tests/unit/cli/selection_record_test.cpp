@@ -54,29 +54,37 @@ TEST(SelectionRecord, ASelectionIsDecidedOnceWhenOthersAreFarOrSilent) {
   struct Deciding : SelectionRecord {
     void decided(const Decided& decision) override { told.push_back(decision.headend); }
     std::vector<std::string> told;
-  } record;
+  };
   std::vector<Candidate> candidates;
   for (const char* const host : {"gone", "far", "near", "other"}) {
     candidates.push_back({host, host, Place(host, 443)});
   }
-  record.setRules({candidates, 2, 0, nullptr});
-  const auto end = [&](const char* host, STATUSCODE status, unsigned int rttMs) {
-    record.probeStarted(report(host, 0));
-    record.probeEnded(report(host, status, rttMs));
-  };
-  end("near", HTTP_SESSION_SUCCESS, 11);
-  end("near", HTTP_SESSION_SUCCESS, 10);
-  record.connected(report("far", 0), 99'000);
-  end("other", HTTP_SESSION_ERROR_CANNOT_CONNECT, 0);
-  end("other", HTTP_SESSION_ERROR_CANNOT_CONNECT, 0);
-  static_cast<void>(record.unanswered(report("gone", 0), std::chrono::milliseconds(200)));
-  EXPECT_TRUE(record.told.empty());
-  static_cast<void>(record.unanswered(report("gone", 0), std::chrono::milliseconds(400)));
-  end("gone", HTTP_SESSION_SUCCESS, 1);
-  end("gone", HTTP_SESSION_SUCCESS, 1);
-  EXPECT_EQ(record.told, std::vector<std::string>{"near"});
-  ASSERT_TRUE(record.decision());
-  EXPECT_EQ(record.decision()->metricMs, 10U);
+  // Silence counts from the test probe on.
+  for (const bool wasSilent : {false, true}) {
+    Deciding record;
+    record.setRules({candidates, 2, 0, nullptr});
+    const auto end = [&](const char* host, STATUSCODE status, unsigned int rttMs) {
+      record.probeStarted(report(host, 0));
+      record.probeEnded(report(host, status, rttMs));
+    };
+    HttpProbe::Report test = report("gone", HTTP_SESSION_ERROR_TIMEOUT, 0, true);
+    test.silent = wasSilent;
+    static_cast<void>(record.unanswered(test, std::chrono::milliseconds(400)));
+    record.probeEnded(test);
+    end("near", HTTP_SESSION_SUCCESS, 11);
+    end("near", HTTP_SESSION_SUCCESS, 10);
+    record.connected(report("far", 0), 99'000);
+    end("other", HTTP_SESSION_ERROR_CANNOT_CONNECT, 0);
+    end("other", HTTP_SESSION_ERROR_CANNOT_CONNECT, 0);
+    static_cast<void>(record.unanswered(report("gone", 0), std::chrono::milliseconds(200)));
+    EXPECT_EQ(record.told.size(), wasSilent ? 1U : 0U);
+    static_cast<void>(record.unanswered(report("gone", 0), std::chrono::milliseconds(400)));
+    end("gone", HTTP_SESSION_SUCCESS, 1);
+    end("gone", HTTP_SESSION_SUCCESS, 1);
+    EXPECT_EQ(record.told, std::vector<std::string>{"near"});
+    ASSERT_TRUE(record.decision());
+    EXPECT_EQ(record.decision()->metricMs, 10U);
+  }
 }
 
 TEST(SelectionRecord, AnIpv6AddressIsOnePlaceWithOrWithoutBrackets) {

@@ -50,6 +50,10 @@ void SelectionRecord::noteEnd(const HttpProbe::Report& report) {
       m_tracks.erase(place);  // it measures nothing
     }
     m_testProbe = report;
+    if (Deciding::Standing* const standing = standingOf(place);
+        standing != nullptr && !report.silent) {
+      standing->silentSince.reset();
+    }
     return;
   }
   const bool isSample = SelectionRules::isSample(report.status);
@@ -72,14 +76,16 @@ ConnectPatience SelectionRecord::unanswered(const HttpProbe::Report& report,
   };
   ConnectPatience::Known known;
   known.testsWay = isTestProbe(report);
-  if (!known.testsWay) {
+  {
     const Place place = placeOf(report.host, report.port);
     const CAutoLockT<CManualLock> guard(m_lock);
-    const Track& track = m_tracks[place];
-    known.wasSilent = !track.ended.empty() && track.ended.back().silent;
-    known.othersAnswered = m_progress.placesAnswered > (hasAnswered(track) ? 1 : 0);
-    known.nearest = inMs(m_nearestUs);
-    known.slowest = inMs(m_slowestUs);
+    if (!known.testsWay) {
+      const Track& track = m_tracks[place];
+      known.wasSilent = !track.ended.empty() && track.ended.back().silent;
+      known.othersAnswered = m_progress.placesAnswered > (hasAnswered(track) ? 1 : 0);
+      known.nearest = inMs(m_nearestUs);
+      known.slowest = inMs(m_slowestUs);
+    }
     // Before the first attempt, a name may be looked up for long.
     if (Deciding::Standing* const standing = standingOf(place);
         standing != nullptr && waited.count() > 0) {
@@ -93,7 +99,7 @@ ConnectPatience SelectionRecord::unanswered(const HttpProbe::Report& report,
 
 void SelectionRecord::connected(const HttpProbe::Report& report, long long rttUs) {
   if (isTestProbe(report)) {
-    return;
+    return;  // its end tells that it was not silent
   }
   {
     const Place place = placeOf(report.host, report.port);

@@ -16,6 +16,7 @@
 #include "cli/show/ResultPage.h"
 #include "cli/show/SelectionOutput.h"
 #include "cli/show/SelectionResult.h"
+#include "cli/show/SelectionTable.h"
 #include "vpn/Api/ProfileMgr.h"
 #include "vpn/include/StringUtils.h"
 
@@ -69,7 +70,9 @@ struct Drawings {
 };
 
 std::string textOf(const SelectionResult& result, const SelectOptions& options) {
-  return options.json    ? jsonOutput(result)
+  return options.csv     ? separatedOutput(result, ',')
+         : options.tsv   ? separatedOutput(result, '\t')
+         : options.json  ? jsonOutput(result)
          : options.quiet ? quietOutput(result)
                          : textOutput(result) + (options.explain ? explanation(result) : "");
 }
@@ -102,10 +105,11 @@ int runSelect(const SelectOptions& options) {
   const bool isTwice = drawings.page.isText() && drawings.picture.isText();
   const bool isDrawn = drawings.page.isText() || drawings.picture.isText();
   std::string error;
-  if (isTwice || (isDrawn && (options.json || options.quiet || options.explain))) {
+  if (isTwice || (isDrawn && (options.json || options.quiet || options.explain || options.csv ||
+                              options.tsv))) {
     error =
-        "standard output takes one form of the result: '-' excludes --json, --quiet, --explain "
-        "and a second '-'.";
+        "standard output takes one form of the result: '-' excludes --json, --csv, --tsv, --quiet, "
+        "--explain and a second '-'.";
   }
   for (Drawing* const drawing : {&drawings.page, &drawings.picture}) {
     error = error.empty() ? drawing->findError() : error;
@@ -127,13 +131,19 @@ void addOutput(CLI::App& command, SelectOptions& options) {
                     "Print the first headend alone, as soon as it is decided; where nothing was "
                     "measured, that of --last or nothing")
           ->excludes(json);
+  CLI::Option* const csv =
+      command.add_flag("--csv", options.csv, "Print all headends as comma-separated values")
+          ->excludes(json, quiet);
+  CLI::Option* const tsv =
+      command.add_flag("--tsv", options.tsv, "Print all headends as tab-separated values")
+          ->excludes(json, quiet, csv);
   addOption(command, "--html", "FILE", options.html,
             "Also write the result as a self-contained page; - writes it in place of the text");
   addOption(command, "--svg", "FILE", options.svg,
             "Also write the ranking as SVG; - writes it in place of the text");
   command
       .add_flag("--explain", options.explain, "Tell why this headend, in numbers, after the result")
-      ->excludes(json, quiet);
+      ->excludes(json, quiet, csv, tsv);
 }
 
 }  // namespace

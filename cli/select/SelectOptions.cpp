@@ -11,6 +11,7 @@
 #include "cli/AddOption.h"
 #include "cli/Console.h"
 #include "cli/Wording.h"
+#include "cli/select/HostList.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/Candidates.h"
 #include "vpn/Common/Utility/URL.h"
@@ -34,12 +35,16 @@ Place spotOf(const std::string& host) {
 }
 
 // Drops repeated places: measuring a headend twice would only burden it.
-std::string takeHosts(const std::vector<std::string>& hosts, std::vector<GivenHeadend>& headends) {
+std::string takeHosts(const std::vector<std::string>& typed, std::vector<GivenHeadend>& headends) {
+  std::vector<ListedHost> hosts;
+  if (std::string error = listHosts(typed, hosts); !error.empty()) {
+    return error;
+  }
   std::set<Place> seen;
-  for (const std::string& typed : hosts) {
-    const std::string host = Wording::asHost(typed);
-    if (std::string error = Wording::hostError(host); !error.empty()) {
-      return error;
+  for (const auto& [text, where] : hosts) {
+    const std::string host = Wording::asHost(text);
+    if (const std::string error = Wording::hostError(host); !error.empty()) {
+      return where + error;
     }
     if (seen.insert(spotOf(host)).second) {
       headends.emplace_back(host);
@@ -158,8 +163,8 @@ bool takePlan(const SelectOptions& options, const std::string& command, SelectPl
 void addHostOptions(CLI::App& command, SelectOptions& options) {
   addOption(
       command, "HOST", "[HOST[:PORT]...]", options.hosts,
-      "Hosts to measure in place of all profiles: names and addresses; an IPv6 address with a "
-      "port stands in brackets");
+      "Hosts to measure in place of all profiles: names and addresses, an IPv6 address with a "
+      "port in brackets; @FILE and - (standard input) stand for the hosts there, one a line");
   addFileOptions(command, options);
   addOption(
       command, "--last", "NAME", options.last,

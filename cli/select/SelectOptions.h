@@ -28,6 +28,8 @@ struct SelectOptions : FileOptions {
   std::optional<std::string> svg;
   bool noCache = false;
   bool quiet = false;
+  bool csv = false;
+  bool tsv = false;
   /// Set by commands that need the others no more once the first headend is decided.
   bool untilDecided = false;
   bool explain = false;

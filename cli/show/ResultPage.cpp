@@ -182,18 +182,6 @@ std::string inMs(long long microseconds) {
   return microseconds < 0 ? "" : Wording::fixed(static_cast<double>(microseconds) / 1000, 1);
 }
 
-/// The probe with the smallest round trip; null if no probe has one.
-const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
-  const HttpProbe::Report* nearest = nullptr;
-  for (const HttpProbe::Report& probe : headend.probes) {
-    if (SelectionRules::isSample(probe.status) &&
-        (nearest == nullptr || probe.rttMs < nearest->rttMs)) {
-      nearest = &probe;
-    }
-  }
-  return nearest;
-}
-
 std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen, bool named) {
   static const HttpProbe::Report noProbe;
   const HttpProbe::Report* nearest = nearestProbe(headend);

@@ -88,6 +88,23 @@ std::vector<std::size_t> ranksOf(const SelectionResult& result) {
   return ranks;
 }
 
+const HttpProbe::Report* nearestProbe(const HeadendResult& headend) {
+  const HttpProbe::Report* nearest = nullptr;
+  for (const HttpProbe::Report& probe : headend.probes) {
+    if (SelectionRules::isSample(probe.status) &&
+        (nearest == nullptr || probe.rttMs < nearest->rttMs)) {
+      nearest = &probe;
+    }
+  }
+  return nearest;
+}
+
+std::size_t lostProbes(const HeadendResult& headend) {
+  return static_cast<std::size_t>(std::ranges::count_if(
+      headend.probes,
+      [](const HttpProbe::Report& probe) { return !SelectionRules::isSample(probe.status); }));
+}
+
 bool hasNames(const SelectionResult& result) {
   return std::ranges::any_of(result.results, [](const HeadendResult& headend) {
     return !nameBeside(headend.headend, headend.name).empty();

@@ -38,6 +38,12 @@ const HeadendResult* find(const SelectionResult& result, const std::string& head
 /// The rank of each delivered headend, from 1; neighbours with equal metrics have the same.
 std::vector<std::size_t> ranksOf(const SelectionResult& result);
 
+/// The probe with the smallest round trip; null if no probe has one.
+const HttpProbe::Report* nearestProbe(const HeadendResult& headend);
+
+/// How many probes had no answer.
+std::size_t lostProbes(const HeadendResult& headend);
+
 /// Whether any headend has a name besides its address.
 bool hasNames(const SelectionResult& result);
 

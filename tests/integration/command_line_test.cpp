@@ -99,6 +99,7 @@ TEST_F(CommandLineTest, WhatIsMissingTooMuchContradictoryOrNotAllowedIsNamed) {
            {{"select", "--last", "a", "--last", "b"}, "At Most 1 required but received 2"},
            {{"select", "gw", "--json", "--quiet"}, " excludes "},
            {{"select", "gw", "--json", "--explain"}, " excludes "},
+           {{"select", "gw", "--csv", "--tsv"}, " excludes "},
            {{"select", "gw", "--quiet", "--explain"}, " excludes "},
            {{"select", "gw", "--no-cache", "--cache-dir", "/tmp"}, " excludes "},
            {{"select", "gw", "--no-proxy", "--proxy", "p"}, " excludes "},

@@ -81,6 +81,13 @@ TEST_F(ExecCommandTest, TheProgramHasTheLimitOfDescriptorsThatTheCommandWasStart
   EXPECT_EQ(outcome.out, "300\n");
 }
 
+TEST_F(ExecCommandTest, HostsComeFromStandardInputAndGoIntoATable) {
+  const Outcome outcome =
+      shell("printf '" + near.address() + "\\n" + far.address() + "\\n' | ahs select - --csv 2>&1");
+  EXPECT_THAT(outcome.out, HasSubstr("\n1," + near.address() + ","));
+  EXPECT_THAT(outcome.out, HasSubstr("\n2," + far.address() + ","));
+}
+
 TEST_F(ExecCommandTest, WhatTheMachineLacksIsToldAndNotRemembered) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer opens a pipe to look at an object";

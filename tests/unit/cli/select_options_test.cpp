@@ -72,6 +72,23 @@ TEST_F(SelectOptionsTest, HostsThatNameOnePlaceAreMeasuredOnce) {
                                                  "[::1]:444", "[::A]", "[fe80::7%25eth0]"));
 }
 
+TEST_F(SelectOptionsTest, HostsOfAFileStandInItsPlaceAndAreRefusedByLine) {
+  const std::string file = directory.Write("hosts", "# ours\ngw-b:8443\r\n\n  ::1  # here\ngw-a");
+  options.hosts = {"gw-a", "@" + file, "gw-c"};
+  EXPECT_EQ(make(), "");
+  EXPECT_THAT(plan.sources.headends, ElementsAre("gw-a", "gw-b:8443", "[::1]", "gw-c"));
+  for (const auto& [text, says] : {std::pair{std::string("gw\na b\n"), ":2: the host 'a b' cannot"},
+                                   {std::string("#\n"), "there is no host in '"},
+                                   {std::string(1025UL * 1024, '\n'), "longer than 1 MiB"}}) {
+    options.hosts = {"@" + directory.Write("wrong", text)};
+    EXPECT_THAT(make(), HasSubstr(says));
+  }
+  for (const std::string& wrong : {directory.File("none"), directory.Path()}) {
+    options.hosts = {"@" + wrong};
+    EXPECT_THAT(make(), HasSubstr("the hosts of '" + wrong + "' cannot be read: "));
+  }
+}
+
 TEST_F(SelectOptionsTest, AHostThatIsNoAddressIsRefusedByName) {
   for (const char* wrong : {"", "gw:0", "gw:99999", "user@gw", "::1::", "a b", "ftp://gw"}) {
     options.hosts = {"gw-a", wrong};

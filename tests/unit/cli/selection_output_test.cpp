@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/show/SelectionOutput.h"
+#include "cli/show/SelectionTable.h"
 #include "tests/unit/cli/some_results.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/include/HttpSession.h"
@@ -144,6 +145,19 @@ TEST(JsonOutput, ARealmThatIsNotUtf8StillGivesJson) {
   result.extraInfo = "caf\xe9";
   const json object = json::parse(jsonOutput(result));
   EXPECT_EQ(object.at("extraInfo"), "caf\xef\xbf\xbd");
+}
+
+TEST(SeparatedOutput, HasARowForEachHeadendAndNoCellThatIsComputed) {
+  SelectionResult result = reconnected();
+  result.results[1].name = "a,\"b\"\n";
+  result.results[2].name = "=1+1";
+  EXPECT_EQ(separatedOutput(result, ','),
+            "rank,headend,name,metricMs,samplesMs,probes,lost,address,networkRttMs,responseRttMs,"
+            "httpStatus,outcome\n"
+            "1,gw-b:8443,,20,20,1,0,192.0.2.7,20.125,20.500,200,answered\n"
+            "2,gw-a,\"a,\"\"b\"\"\\x0a\",40,,0,0,,,,,untrusted certificate\n"
+            ",gw-c,'=1+1,,,1,1,,,,,cannot connect\n");
+  EXPECT_THAT(separatedOutput(result, '\t'), HasSubstr("\n2\tgw-a\ta,\"b\"\\x0a\t40\t"));
 }
 
 TEST(QuietOutput, IsTheFirstHeadendAloneOrNothing) {

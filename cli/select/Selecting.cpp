@@ -3,7 +3,6 @@
 
 #include "cli/select/Selecting.h"
 
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,24 +28,13 @@
 #include "vpn/include/Locks.h"
 #include "vpn/include/StringUtils.h"
 
-/// One selection run and its client: receives the result, and the report that the run logs. Must
-/// not be destroyed between the run's start and end.
+/// One selection run and its client: receives the result. Must not be destroyed between the run's
+/// start and end.
 class SelectionRun : public ClientIfcBase {
   using Clock = std::chrono::steady_clock;
   using milliseconds = std::chrono::milliseconds;
 
  public:
-  SelectionRun() {
-    CAppLog::setListener([this](const CAppLog::Record& record) {
-      // The run logs its report in this function.
-      if (strcmp(record.function, "logPingResults") == 0) {
-        const CAutoLockT<CMonitor> guard(m_lock);
-        m_delivery.report = record.message;
-      }
-    });
-  }
-  ~SelectionRun() override { CAppLog::setListener(nullptr); }
-
   /// To be called once. @return 0, or why no run started; then nothing is delivered.
   STATUSCODE start(unsigned int reason, const std::string& last,
                    std::unique_ptr<ProxyIfc> provider) {

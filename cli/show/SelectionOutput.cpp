@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "cli/Table.h"
+#include "cli/Wording.h"
 #include "cli/show/Explanation.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRules.h"
@@ -61,16 +62,44 @@ Json decisionAsJson(const SelectionResult& result) {
           {"decided", decided}};
 }
 
-std::string describe(const HeadendResult* headend) {
+/// The address that was measured, if the headend does not name it.
+std::string addressOf(const HeadendResult* headend) {
+  const HttpProbe::Report* const probe = headend == nullptr ? nullptr : nearestProbe(*headend);
+  return probe == nullptr || headend->headend.find(probe->address) != std::string::npos
+             ? ""
+             : probe->address;
+}
+
+/// A metric with a tenth if only that tells it from another one: "20 ms", "20.4 ms".
+std::string metricOf(const HeadendResult& headend, const SelectionResult& result) {
+  const unsigned int metric = *headend.metricMs;
+  const HttpProbe::Report* const probe = nearestProbe(headend);
+  if (probe != nullptr &&
+      std::ranges::count(result.results, headend.metricMs, &HeadendResult::metricMs) > 1) {
+    for (const long long us : {probe->networkRttUs, probe->responseRttUs, probe->openingUs}) {
+      if (us >= 0 && (us + 500) / 1000 == metric) {
+        return Wording::fixed(static_cast<double>(us) / 1000, 1) + " ms";
+      }
+    }
+  }
+  return std::to_string(metric) + " ms";
+}
+
+std::string describe(const HeadendResult* headend, const SelectionResult& result) {
   if (headend == nullptr || !headend->metricMs) {
     return "kept, not measured" +
            (headend == nullptr ? "" : std::string(" (") + outcomeName(headend->outcome) + ")");
   }
-  const std::string metric = std::to_string(*headend->metricMs) + " ms";
-  return headend->outcome == HeadendOutcome::Answered ||
-                 headend->outcome == HeadendOutcome::FromCache
-             ? metric
-             : metric + std::string(" (") + outcomeName(headend->outcome) + ")";
+  std::vector<std::string> notes;
+  if (headend->outcome != HeadendOutcome::Answered &&
+      headend->outcome != HeadendOutcome::FromCache) {
+    notes.emplace_back(outcomeName(headend->outcome));
+  }
+  if (const std::size_t lost = lostProbes(*headend); lost > 0) {
+    notes.push_back(std::to_string(lost) + " of " + std::to_string(headend->probes.size()) +
+                    " probes lost");
+  }
+  return metricOf(*headend, result) + (notes.empty() ? "" : " (" + Wording::joined(notes) + ")");
 }
 
 std::string start(const std::string& number, const std::string& headend) {
@@ -82,6 +111,8 @@ std::string start(const std::string& number, const std::string& headend) {
 /// The ordered list and the other headends as one table with a line between.
 std::string listsOf(const SelectionResult& result) {
   const bool named = hasNames(result);
+  const bool isLocated = std::ranges::any_of(
+      result.results, [](const HeadendResult& headend) { return !addressOf(&headend).empty(); });
   std::vector<std::vector<std::string>> rows;
   const auto add = [&](const std::string& first, const HeadendResult* known,
                        const std::string& words) {
@@ -89,19 +120,23 @@ std::string listsOf(const SelectionResult& result) {
     if (named) {
       rows.back().push_back(known == nullptr ? "" : nameBeside(known->headend, known->name));
     }
+    if (isLocated) {
+      rows.back().push_back(addressOf(known));
+    }
     rows.back().push_back(words);
   };
   const std::vector<std::size_t> ranks = ranksOf(result);
   for (const std::string& headend : result.headends) {
     const HeadendResult* known = find(result, headend);
-    add(start(std::to_string(ranks[rows.size()]) + ". ", headend), known, describe(known));
+    add(start(std::to_string(ranks[rows.size()]) + ". ", headend), known, describe(known, result));
   }
   for (const HeadendResult& headend : result.results) {
     if (std::ranges::find(result.headends, headend.headend) == result.headends.end()) {
       add(start("", headend.headend), &headend, outcomeName(headend.outcome));
     }
   }
-  std::string text = tableText(std::vector<std::string>(named ? 3 : 2), rows);
+  std::string text =
+      tableText(std::vector<std::string>(rows.empty() ? 1 : rows.front().size()), rows);
   std::size_t end = 1;  // after the empty heading
   for (std::size_t i = 0; i < result.headends.size(); ++i) {
     end = text.find('\n', end) + 1;
@@ -137,10 +172,8 @@ Json probeAsJson(const HttpProbe::Report& probe) {
 }
 
 std::string textOutput(const SelectionResult& result) {
-  std::string text = result.report;
-  text += text.empty() ? "" : "\n";
-  text += listsOf(result) + "Status: " + statusInWords(result) + " (" + statusAsHex(result.status) +
-          " " + statusCodeName(result.status) + ")\n";
+  const std::string text = listsOf(result) + "Status: " + statusInWords(result) + " (" +
+                           statusAsHex(result.status) + " " + statusCodeName(result.status) + ")\n";
   const std::string proxy = proxyInWords(result);
   return text + (proxy.empty() ? "" : "Test probe: " + proxy + "\n");
 }

@@ -6,7 +6,7 @@
 #include "cli/show/SelectionResult.h"
 #include "vpn/Common/IP/HttpProbe.h"
 
-/// The result for a person: the selection report, the ordered list, the headends without a result
+/// The result for a person: the ordered list, the headends without a result
 /// and why, and the status in words. Ends with a line feed.
 std::string textOutput(const SelectionResult& result);
 

@@ -27,7 +27,6 @@ struct SelectionResult {
   std::optional<HttpProbe::Report> testProbe;  ///< if one was sent
   std::string proxy;                           ///< host and port of its proxy, if they are known
   std::optional<SelectionRecord::Decided> decided;  ///< before the end; nothing if it never was
-  std::string report;  ///< the selection report of the log; empty without a ranking
   /// The delivered headends in their order, then the other candidates in theirs.
   std::vector<HeadendResult> results;
 };

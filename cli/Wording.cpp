@@ -5,8 +5,10 @@
 #include <time.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "cli/Console.h"
+#include "cli/Table.h"
 #include "vpn/Common/Utility/URL.h"
 
 std::string Wording::joined(const std::vector<std::string>& words, const std::string& between) {
@@ -19,6 +21,32 @@ std::string Wording::joined(const std::vector<std::string>& words, const std::st
 
 std::string Wording::counted(std::size_t number, const std::string& one, const std::string& many) {
   return std::to_string(number) + " " + (number == 1 ? one : many.empty() ? one + "s" : many);
+}
+
+std::string Wording::wrapped(const std::string& lines) {
+  constexpr std::size_t Width = 80;
+  std::string result;
+  std::istringstream stream(lines);
+  for (std::string line; std::getline(stream, line); result += line + "\n") {
+    const std::size_t indent = std::min(line.find_first_not_of(' '), line.size()) + 2;
+    while (widthOf(line) > Width) {
+      std::size_t end = Width;
+      while (widthOf(line.substr(0, end)) < Width) {
+        ++end;
+      }
+      std::size_t blank = line.rfind(' ', end);
+      if (blank == std::string::npos || blank < line.find_first_not_of(' ')) {
+        blank = line.find(' ', end);
+      }
+      const std::size_t next = line.find_first_not_of(' ', blank);
+      if (next == std::string::npos) {
+        break;
+      }
+      result += line.substr(0, line.find_last_not_of(' ', blank) + 1) + "\n";
+      line = std::string(indent, ' ') + line.substr(next);
+    }
+  }
+  return result;
 }
 
 std::string Wording::asHost(const std::string& text) {

@@ -18,6 +18,10 @@ class Wording {
   static std::string counted(std::size_t number, const std::string& one,
                              const std::string& many = "");
 
+  /// Lines broken at blanks to fit 80 columns, what follows indented by two more. Longer words
+  /// stay.
+  static std::string wrapped(const std::string& lines);
+
   /// A host as typed, an IPv6 address without brackets in its brackets.
   static std::string asHost(const std::string& text);
 

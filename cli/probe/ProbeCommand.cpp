@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "cli/AddOption.h"
@@ -11,6 +12,7 @@
 #include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Interruption.h"
+#include "cli/Wording.h"
 #include "cli/probe/ProbeOptions.h"
 #include "cli/probe/ProbeReport.h"
 #include "cli/show/SelectionResult.h"
@@ -105,7 +107,7 @@ class Measurement {
       // Begins a new line after the terminal's ^C.
       const std::string rest =
           "\n" + (isSummedUp ? probeVerdict(m_findings) : probeSummary(m_findings));
-      static_cast<void>(Console::writeResult(rest, ExitMeasured));
+      static_cast<void>(Console::writeResult(Wording::wrapped(rest), ExitMeasured));
     }
   }
 
@@ -116,7 +118,7 @@ class Measurement {
 
  private:
   bool show(const std::string& text) const AHS_REQUIRES(m_lock) {
-    return !m_isShown || Console::writeResult(text, ExitMeasured) == ExitMeasured;
+    return !m_isShown || Console::writeResult(Wording::wrapped(text), ExitMeasured) == ExitMeasured;
   }
 
   const bool m_isShown;
@@ -130,9 +132,17 @@ class Measurement {
 bool measure(const ProbePlan& plan, const LastReport& watcher, Measurement& measurement) {
   const HttpProbe::KeptConnection connection;
   const PROXY_DATA noProxy;  // a round trip through a proxy would measure the proxy
-  const auto start = Clock::now();
+  auto start = Clock::now();
+  auto last = start;
   bool isTold = measurement.begin();
   for (unsigned int i = 0; isTold && i < plan.count; ++i) {
+    if (i > 0 && plan.interval.count() > 0) {
+      // A selection does not pause.
+      const auto pause = Clock::now();
+      std::this_thread::sleep_until(last + plan.interval);
+      start += Clock::now() - pause;
+    }
+    last = Clock::now();
     HttpProbe::HTTP_PROBE_RESULTS results;
     const STATUSCODE status = HttpProbe::SendHttpProbe(
         plan.place.first, plan.secure, false, plan.place.second, "",
@@ -180,8 +190,9 @@ int probe(const ProbePlan& plan, bool isJson) {
   lookCloser(findings);
   measurement->conclude();
   const bool hasMetric = workerViewOf(plan, findings.probes).metricMs.has_value();
-  const int exitStatus = Console::writeResult(isJson ? probeJson(findings) : probeDetails(findings),
-                                              hasMetric ? ExitMeasured : ExitNotMeasured);
+  const int exitStatus =
+      Console::writeResult(isJson ? probeJson(findings) : Wording::wrapped(probeDetails(findings)),
+                           hasMetric ? ExitMeasured : ExitNotMeasured);
   if (const std::string advice = probeAdvice(findings); !advice.empty()) {
     Console::complain(advice);
   }
@@ -229,6 +240,9 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
             "The headend: the name of a host entry of the profiles, or a host")
       ->required();
   addMeasureOptions(*command, *options, {MostProbes, LongestTimeoutSeconds});
+  addOption(*command, "--interval", "SECONDS", options->intervalSeconds,
+            "Time from the start of one probe to that of the next; none unless given")
+      ->check(CLI::Range(1U, LongestTimeoutSeconds));
   addFileOptions(*command, options->files);
   command->add_flag("--json", options->json, "Print one JSON object");
   command->footer(

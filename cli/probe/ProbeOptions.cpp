@@ -44,6 +44,7 @@ std::string takeHost(const std::string& host, const std::vector<HostEntry>& entr
 std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEntry>& entries,
                           const HS_SETTINGS& settings, ProbePlan& plan) {
   plan.secure = options.secure;
+  plan.interval = std::chrono::seconds(options.intervalSeconds);
   plan.selectionCount = settings.nPingsPerHeadend;
   plan.selectionLimit = std::chrono::milliseconds(settings.nConnectTimeout);
   plan.count = options.count.value_or(settings.nPingsPerHeadend);

@@ -15,6 +15,7 @@
 /// Options of `ahs probe` as typed. An empty optional means that the option was not given.
 struct ProbeOptions : MeasureOptions {
   std::string host;
+  unsigned int intervalSeconds = 0;
   bool json = false;
   FileOptions files;  ///< the places of profiles and preferences alone
 };
@@ -31,6 +32,7 @@ struct ProbePlan {
   bool secure = false;
   unsigned int count = 0;
   std::chrono::seconds timeout{0};              ///< of one probe
+  std::chrono::seconds interval{0};             ///< from one probe's start to the next one's
   unsigned int selectionCount = 0;              ///< probes that a selection sends
   std::chrono::seconds selectionTimeout{0};     ///< of one probe of a selection
   std::chrono::milliseconds selectionLimit{0};  ///< time limit of a selection

@@ -74,17 +74,17 @@ std::string timesInWords(const HttpProbe::Report& report) {
   std::string text;
   const auto add = [&text](const char* what, long long time) {
     if (time >= 0) {
-      text += std::string(text.empty() ? "" : ", ") + what + " " + exactMs(time) + " ms";
+      text += std::string(text.empty() ? "" : ", ") + what + " " + exactMs(time);
     }
   };
   add("network", report.networkRttUs);
   add("response", report.responseRttUs);
-  add("connected after", report.connectUs);
-  add("TLS after", report.tlsUs);
+  add("connected", report.connectUs);
+  add("TLS", report.tlsUs);
   if (text.empty()) {
-    add("ended after", report.totalUs);
+    add("ended", report.totalUs);
   }
-  return report.reused ? text + ", same connection" : text;
+  return text + " ms" + (report.reused ? ", reused" : "");
 }
 
 std::string spreadInWords(const char* label, const std::optional<Spread>& spread) {
@@ -190,7 +190,7 @@ std::string measureInWords(const ProbePlan& plan) {
                "(preference RoundTripTime)" +
                    std::string(plan.measure == PreferenceBase::RoundTripNetwork
                                    ? "."
-                                   : ",\nunless it was acknowledged before it can have come.");
+                                   : ", unless it was acknowledged before it can have come.");
 }
 
 std::string schemeInWords(const ProbePlan& plan) {
@@ -198,7 +198,7 @@ std::string schemeInWords(const ProbePlan& plan) {
              ? "Probes over TLS are those of a selection with a login at a proxy; any other "
                "sends plain HTTP."
              : "Without a login at a proxy a selection sends plain HTTP, to a TLS server "
-               "too, whose refusal\n  comes from as far away as any other answer. --secure "
+               "too, whose refusal comes from as far away as any other answer. --secure "
                "probes over TLS.";
 }
 
@@ -336,8 +336,11 @@ std::string probeLine(const EndedProbe& probe, std::size_t index) {
       SelectionRules::isSample(report.status) ? std::to_string(report.rttMs) + " ms" : "no sample";
   char number[32];
   snprintf(number, sizeof number, "%4zu. ", index + 1);
-  return number + worth + "  " + answerInWords(report) + "  " + timesInWords(report) + "  " +
-         statusName(report.status) + " (" + statusAsHex(report.status) + ")\n";
+  return number + worth + "  " + answerInWords(report) + "  " + timesInWords(report) +
+         (report.status == HTTP_SESSION_SUCCESS
+              ? ""
+              : "  " + statusName(report.status) + " (" + statusAsHex(report.status) + ")") +
+         "\n";
 }
 
 std::string probeSummary(const ProbeFindings& findings) {

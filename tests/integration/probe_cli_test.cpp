@@ -38,6 +38,19 @@ TEST_F(ProbeCommandTest, AWebServerWithTlsIsToldInDetail) {
         std::string("  outcome:  answered\n")}) {
     EXPECT_THAT(outcome.out, HasSubstr(part));
   }
+  for (std::size_t at = 0, end = 0; (end = outcome.out.find('\n', at)) != std::string::npos;) {
+    EXPECT_LE(end - at, 80U) << outcome.out.substr(at, end - at);
+    at = end + 1;
+  }
+}
+
+TEST_F(ProbeCommandTest, ProbesComeAtAnIntervalThatCountsForNoLimit) {
+  const ScriptedServer server(answering(KeepAlive));
+  writePreferences(preference("SelectionConnectTimeout", "3000"));
+  const json result = runJson({"probe", "127.0.0.1:" + std::to_string(server.port()), "-c", "5",
+                               "--set", "SelectionPingsPerHeadend=5", "--interval", "1"},
+                              0);
+  EXPECT_EQ(result.at("selection").at("probes"), 5) << "3 s have passed";
 }
 
 TEST_F(ProbeCommandTest, SecureProbesAreThoseOfALoginAtAProxy) {

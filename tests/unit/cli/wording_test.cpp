@@ -17,6 +17,21 @@ TEST(Wording, ADurationIsToldInTheLargestUnitThatItHasTwice) {
   EXPECT_EQ(Wording::duration(172800), "2 days");
 }
 
+TEST(Wording, ALineOfMoreThan80ColumnsIsBrokenAtBlanks) {
+  const std::string ten = "123456789 ";
+  const std::string word(90, 'x');
+  for (const auto& [text, wrapped] :
+       {std::pair<std::string, std::string>{"\n  short\n", "\n  short\n"},
+        {"  " + ten + ten + ten + ten + ten + ten + ten + "12345678\n",
+         "  " + ten + ten + ten + ten + ten + ten + ten + "12345678\n"},
+        {ten + ten + ten + ten + ten + ten + ten + " 23456789 12",
+         ten + ten + ten + ten + ten + ten + ten + " 23456789\n  12\n"},
+        {"  a " + word + " b", "  a\n    " + word + "\n    b\n"},
+        {word, word + "\n"}}) {
+    EXPECT_EQ(Wording::wrapped(text), wrapped);
+  }
+}
+
 TEST(Wording, TheLocalTimeIsThatOfTheZoneInForceNow) {
   for (const std::string zone : {"+0530", "-0300"}) {
     // POSIX counts westwards.

@@ -103,16 +103,30 @@ Selection::Selection(std::shared_ptr<Teller> teller, std::shared_ptr<const Core>
 
 Selection::~Selection() = default;
 
+SelectionRecord::Terms Selection::termsOf(const ahs_request& request,
+                                          std::vector<std::string> way) const {
+  SelectionRecord::Terms terms{std::move(way), request.measure_now != 0};
+  if (request.max_age_s != 0) {
+    terms.maxAge = std::chrono::seconds(request.max_age_s);
+  }
+  terms.reason = m_reason;
+  terms.last = m_last != nullptr ? m_last->headend : "";
+  for (const Candidate& candidate : *m_candidates) {
+    terms.headends.push_back(candidate.headend);
+  }
+  return terms;
+}
+
 std::string Selection::start(const ahs_request& request, STATUSCODE& status) {
   const auto run = std::make_shared<Run>(std::move(m_core), std::move(m_runs), shared_from_this());
   status = HEADENDSELECTION_ERROR_BAD_PARAMETER;
   std::string error = run->way().take(request);
   std::unique_ptr<SelectionThread> thread;
   if (error.empty()) {
-    run->setTerms({run->way().words(), request.measure_now != 0});
     if (m_decision != nullptr) {
       run->setRules(rules());
     }
+    run->setTerms(termsOf(request, run->way().words()));
     const std::string last = lastOf(request);
     if (m_last == nullptr && !last.empty()) {
       CAppLog::LogDebugMessage("start", SourceFile, __LINE__, Logging::DBG_Warning,

@@ -54,6 +54,7 @@ class Selection : public ClientIfcBase,
  private:
   class Run;
 
+  SelectionRecord::Terms termsOf(const ahs_request& request, std::vector<std::string> way) const;
   std::shared_ptr<Run> run();
   Result resultOf(const std::vector<std::string>& headends, STATUSCODE status,
                   const std::string& realm) noexcept;

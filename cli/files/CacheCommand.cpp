@@ -17,7 +17,7 @@
 #include "cli/files/FileOptions.h"
 #include "vpn/Api/AHS/AHSSettings.h"
 #include "vpn/Api/AHS/CacheEntry.h"
-#include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/AHS/SelectionFiles.h"
 #include "vpn/include/StringUtils.h"
 
@@ -27,7 +27,6 @@ constexpr int ExitDone = ExitSelected;
 // The cache cannot be shown or cleared; the command line was right.
 constexpr int ExitUnusable = ExitNotMeasured;
 
-constexpr unsigned long SecondsPerDay = 86400;
 // Lines of a list, and characters of a text, to print: a file may hold a hundred thousand results
 // of four thousand characters.
 constexpr std::size_t MostLines = 10;
@@ -37,7 +36,7 @@ using Selection = SelectionFiles::Selection;
 
 /// What decides whether a selection of the cache answers.
 struct Here {
-  std::optional<std::string> place;  ///< the present one, if the resolver's settings can be read
+  std::optional<std::string> place;  ///< the present one, if it can be told
   unsigned long now = SelectionTimes::now();
   unsigned int clearCacheDays = 0;
 
@@ -50,7 +49,8 @@ struct Here {
     return isPlaceOf(selection) && isCurrent(selection);
   }
   unsigned long expiryOf(const Selection& selection) const {
-    return selection.entry.GetTimestamp() + clearCacheDays * SecondsPerDay;
+    const auto life = SelectionTimes::lifeOf(selection.entry, clearCacheDays);
+    return selection.entry.GetTimestamp() + static_cast<unsigned long>(life.count());
   }
 };
 
@@ -83,7 +83,7 @@ unsigned long lastUseOf(const Selection& selection) {
                   selection.entry.GetTimestamp());
 }
 
-// The name servers or the search domains of a place.
+// The words of a kind in a place.
 std::vector<std::string> partsOf(const std::string& place, const std::string& kind) {
   std::vector<std::string> values;
   std::istringstream words(place);
@@ -105,12 +105,13 @@ std::string moment(unsigned long time, unsigned long now) {
 std::string placeInWords(const std::string& place) {
   std::string text;
   for (const auto& [kind, words] :
-       {std::pair("nameserver", "name server "), std::pair("search", "search domain ")}) {
+       {std::pair("router", "router "), std::pair("network", "network "),
+        std::pair("nameserver", "name server "), std::pair("search", "search domain ")}) {
     for (const std::string& value : partsOf(place, kind)) {
       text += (text.empty() ? "" : ", ") + std::string(words) + value;
     }
   }
-  return !text.empty() ? shortened(text) : place.empty() ? "no name servers" : shortened(place);
+  return shortened(text.empty() ? place : text);
 }
 
 std::string worth(const Selection& selection, const Here& here) {
@@ -161,10 +162,10 @@ std::string selectionAsText(const Selection& selection, const Here& here) {
 
 std::string asText(const std::string& directory, const std::vector<Selection>& selections,
                    const Here& here) {
-  std::string text =
-      "Directory: " + Console::visible(directory) + "\nThis place: " +
-      (here.place ? placeInWords(*here.place) : "unknown, the resolver's settings cannot be read") +
-      "\nSelections: " + std::to_string(selections.size()) + "\n";
+  std::string text = "Directory: " + Console::visible(directory) + "\nThis place: " +
+                     (here.place ? placeInWords(*here.place)
+                                 : "unknown: it takes a router whose link address is known") +
+                     "\nSelections: " + std::to_string(selections.size()) + "\n";
   for (const Selection& selection : selections) {
     text += "\n" + selectionAsText(selection, here);
   }
@@ -236,7 +237,7 @@ int showCache(const CacheOptions& options) {
   Here here;
   here.clearCacheDays = settings.nClearCache;
   std::vector<std::string> place;
-  if (readResolverPlace(place)) {
+  if (CSelectionCache::findPlace(place)) {
     here.place = SelectionFiles::placeText(place);
   }
   std::string problem;

@@ -133,6 +133,10 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   if (error.empty()) {
     error = takeHosts(options.hosts, plan.sources.headends);
   }
+  plan.isFresh = options.fresh;
+  if (options.maxAge) {
+    plan.maxAge = std::chrono::seconds(*options.maxAge);
+  }
   plan.last = findLast(options.last.value_or(""), plan.sources.headends);
   if (error.empty()) {
     error = takeCache(options, paths, plan);
@@ -219,8 +223,14 @@ void addProxyOptions(CLI::App& command, ProxyOptions& options) {
 void addCacheOptions(CLI::App& command, SelectOptions& options) {
   CLI::Option* const directory = addOption(command, "--cache-dir", "DIR", options.cacheDirectory,
                                            "Directory of the selection cache");
+  CLI::Option* const fresh =
+      command.add_flag("--fresh", options.fresh, "Measure anew, and remember that");
+  CLI::Option* const age =
+      addOption(command, "--max-age", "SECONDS", options.maxAge,
+                "Measure anew unless a selection of at most this age is remembered")
+          ->excludes(fresh);
   command.add_flag("--no-cache", options.noCache, "Measure anew and store nothing")
-      ->excludes(directory);
+      ->excludes(directory, fresh, age);
 }
 
 void addLogOptions(CLI::App& command, SelectOptions& options) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,8 @@ struct SelectOptions : FileOptions {
   std::optional<std::string> html;
   std::optional<std::string> svg;
   bool noCache = false;
+  bool fresh = false;
+  std::optional<unsigned int> maxAge;
   bool quiet = false;
   bool csv = false;
   bool tsv = false;
@@ -52,6 +55,9 @@ struct SelectPlan : FilePlan {
   CAppLog::Targets log;
   unsigned int reason = 0;
   std::string last;
+  /// Measures whatever is remembered, and remembers that.
+  bool isFresh = false;
+  std::optional<std::chrono::seconds> maxAge = {};
   /// `sources` holds the proxy too.
   ProxyPlan proxy;
   std::shared_ptr<ProbeWay> way = std::make_shared<ProbeWay>();

@@ -297,18 +297,24 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
 }
 
 /// A record for a run that is about to start.
-std::shared_ptr<SelectionRecord> Selecting::record() const {
+std::shared_ptr<SelectionRecord> Selecting::record(unsigned int reason) const {
   std::vector<std::string> hosts;
+  SelectionRecord::Terms terms;
   for (const Candidate& candidate : m_candidates) {
     hosts.push_back(candidate.place.first);
+    terms.headends.push_back(candidate.headend);
   }
   m_plan.way->findNat64(hosts);
   auto record = std::make_shared<RoutedRecord>(m_plan.way);
-  SelectionRecord::Terms terms;
   terms.way = m_plan.way->words();
   if (m_plan.secure) {
     terms.way.emplace_back("TLS");
   }
+  terms.measuresNow = m_plan.isFresh;
+  terms.maxAge = m_plan.maxAge;
+  terms.reason = reason;
+  const Candidate* const last = findNamed(m_plan.last, m_candidates);
+  terms.last = last != nullptr ? last->headend : "";
   record->setTerms(terms);
   return record;
 }
@@ -316,7 +322,7 @@ std::shared_ptr<SelectionRecord> Selecting::record() const {
 /// Runs one selection up to its result. @return whether it could be started.
 bool Selecting::runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress,
                         bool untilDecided) {
-  m_recorder = record();
+  m_recorder = record(reason);
   m_recorder->setRules(
       {m_candidates, m_settings.nPingsPerHeadend, m_settings.nImprovement,
        reason == ReasonReconnection ? findNamed(m_plan.last, m_candidates) : nullptr});
@@ -406,6 +412,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
   }
   if (result.fromCache) {
     result.cacheAge = SelectionTimes::ageOf(entry);
+    result.cacheLife = SelectionTimes::lifeOf(entry, m_settings.nClearCache);
   }
   tellRules(result);
   if (exitStatusOf(result.status) == ExitNotMeasured &&
@@ -422,7 +429,6 @@ void Selecting::tellRules(SelectionResult& result) const {
   const Candidate* known = findNamed(m_plan.last, m_candidates);
   result.last = m_plan.last.empty() || known == nullptr ? m_plan.last : known->headend;
   result.improvementPercent = m_settings.nImprovement;
-  result.cacheDays = m_settings.nClearCache;
   result.measure = roundTripMeasure();
 }
 

@@ -67,7 +67,7 @@ class Selecting {
   void noteUnknownLast() const;
   bool runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress, bool untilDecided);
   bool isOver(std::chrono::milliseconds longest, bool untilDecided);
-  std::shared_ptr<SelectionRecord> record() const;
+  std::shared_ptr<SelectionRecord> record(unsigned int reason) const;
   LiveState look(unsigned int reason) const;
   SelectionResult resultOf(unsigned int reason, bool hadLogin) const;
   SelectionResult soFar() const;

@@ -138,14 +138,9 @@ std::string sourceLine(const SelectionResult& result) {
                                    ? "up to the headends' answers"
                                    : "the network alone"));
   }
-  return line(
-      "source",
-      "the cache; measured " +
-          (result.cacheAge
-               ? Wording::duration(static_cast<std::size_t>(result.cacheAge->count())) + " ago"
-               : "earlier") +
-          ", asked again after " + std::to_string(result.cacheDays) +
-          " days (SelectionClearCache); --no-cache measures now");
+  return line("source", "the cache; measured " + cacheAgeInWords(result) + ", used for " +
+                            Wording::duration(static_cast<std::size_t>(result.cacheLife.count())) +
+                            "; --fresh measures now");
 }
 
 std::string proxyLine(const SelectionResult& result) {

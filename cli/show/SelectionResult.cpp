@@ -144,12 +144,18 @@ std::string statusAsHex(STATUSCODE status) {
   return text;
 }
 
+std::string cacheAgeInWords(const SelectionResult& result) {
+  return result.cacheAge
+             ? Wording::duration(static_cast<std::size_t>(result.cacheAge->count())) + " ago"
+             : "before";
+}
+
 std::string statusInWords(const SelectionResult& result) {
   const std::string kept =
       result.headends.empty() ? "" : " The last headend is kept without a measurement.";
   switch (result.status) {
     case HEADENDSELECTION_SUCCESS:
-      return "Selected from the cache; nothing was measured now.";
+      return "Remembered from " + cacheAgeInWords(result) + "; the first one still answers.";
     case HEADENDSELECTION_ERROR_ADDED_TO_CACHE:
       return "Selected from measurements made now.";
     case HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED:

@@ -22,7 +22,7 @@ struct SelectionResult {
   unsigned int improvementPercent = 0;  ///< how much better another one must be
   std::string measure = "auto";         ///< which round trip metrics are: `RoundTripTime`
   std::optional<std::chrono::seconds> cacheAge;  ///< since the cached measurement, if it is known
-  unsigned int cacheDays = 0;                    ///< how long a measurement may be used again
+  std::chrono::seconds cacheLife{0};             ///< how long it may be used
   std::chrono::milliseconds elapsed{0};
   std::optional<HttpProbe::Report> testProbe;  ///< if one was sent
   std::string proxy;                           ///< host and port of its proxy, if they are known
@@ -55,6 +55,9 @@ std::string samplesText(const std::vector<unsigned int>& samplesMs, const char* 
 
 /// The exit status for a selection's status.
 int exitStatusOf(STATUSCODE status);
+
+/// When a remembered selection was measured: "3 minutes ago".
+std::string cacheAgeInWords(const SelectionResult& result);
 
 /// A status in words, a whole sentence.
 std::string statusInWords(const SelectionResult& result);

@@ -256,13 +256,15 @@ typedef struct ahs_request {
   void* progress_context;            /**< handed to on_progress */
   ahs_decision_callback on_decision; /**< hears of the decision; null for nobody */
   void* decision_context;            /**< handed to on_decision */
+  /** A remembered selection answers up to this age in seconds; 0: as the preferences say. */
+  uint32_t max_age_s;
 } ahs_request;
 
 /** A connection without a last headend: to begin with. */
 #define AHS_REQUEST_INIT                                                                          \
   {                                                                                               \
     sizeof(ahs_request), AHS_REASON_CONNECTION, AHS_PROXY_BASIC, NULL, NULL, NULL, NULL, NULL, 0, \
-        0, NULL, NULL, NULL, NULL, NULL, NULL                                                     \
+        0, NULL, NULL, NULL, NULL, NULL, NULL, 0                                                  \
   }
 
 /** No metric, for ahs_candidate. */

@@ -26,6 +26,7 @@
  * Options::ownLoop, inside Library::dispatch(). What a callback throws ends there and is dropped.
  */
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -230,6 +231,8 @@ struct Request {
   std::string sourceAddress{};
   std::uint32_t mark = 0;   ///< probes carry it (SO_MARK; takes CAP_NET_ADMIN); 0 for none
   bool measureNow = false;  ///< whatever the cache has, which then keeps the new result
+  /// A remembered selection answers up to this age; 0: as the preferences say.
+  std::chrono::seconds maxAge{0};
   /// Is given each socket that a probe is about to connect, after the three above were set, on the
   /// probe's own thread and several at a time. It must not close the socket, and of this library
   /// may call Selection::cancel() only. If it returns false or throws, the probe fails as if it
@@ -517,6 +520,9 @@ class Library {
     native.source_address = detail::orNull(request.sourceAddress);
     native.mark = request.mark;
     native.measure_now = request.measureNow ? 1 : 0;
+    constexpr std::chrono::seconds MostAge{UINT32_MAX};
+    native.max_age_s = static_cast<std::uint32_t>(
+        std::clamp(request.maxAge, std::chrono::seconds(0), MostAge).count());
     native.on_socket = callbacks->onSocket ? detail::Callbacks::tellSocket : nullptr;
     native.socket_context = callbacks.get();
     native.on_progress = callbacks->onProgress ? detail::Callbacks::tellProgress : nullptr;

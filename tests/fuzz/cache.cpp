@@ -8,7 +8,7 @@
 #include "tests/fuzz/require.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/private_access.h"
-#include "tests/unit/ahs/resolver_double.h"
+#include "tests/unit/ahs/network_double.h"
 #include "vpn/Api/AHS/SelectionCache.h"
 #include "vpn/Api/PreferenceMgr.h"
 
@@ -51,7 +51,7 @@ void requireStore() {
 class Surroundings {
  public:
   Surroundings() {
-    tests::setResolverPlace({"search home.test", "nameserver 192.0.2.1"});
+    tests::setNetworkPlace({"search home.test", "nameserver 192.0.2.1"});
     PreferenceMgr::Sources sources;
     sources.cacheDirectory = Directory();
     REQUIRE(PreferenceMgr::createInstance(sources) == PREFERENCEMGR_SUCCESS);

@@ -14,7 +14,8 @@
 #include <fstream>
 
 #include "tests/support/private_access.h"
-#include "tests/unit/ahs/resolver_double.h"
+#include "tests/unit/ahs/network_double.h"
+#include "vpn/Api/AHS/SelectionKey.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Common/Logging/AppLog.h"
 
@@ -66,7 +67,7 @@ int asNobody(const std::function<int()>& body) {
 }
 
 void CacheTest::SetUp() {
-  setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
+  setNetworkPlace({"nameserver 192.0.2.1", "search home.test"});
   usePreferences(m_directory);
   forgetWarnings();
   CAppLog::setListener([this](const CAppLog::Record& record) {
@@ -113,6 +114,18 @@ Records CacheTest::find(const std::string& knownHeadends) {
   return cache->IsInCache(key, entry) ? recordsOf(entry) : Records{};
 }
 
+namespace {
+
+std::string candidatesIn(const std::string& knownHeadends) {
+  std::string text;
+  for (const std::string& name : SelectionKey::candidatesOf(knownHeadends)) {
+    text += "<candidate name=\"" + name + "\"/>";
+  }
+  return text;
+}
+
+}  // namespace
+
 std::string CacheTest::fileOf(const std::string& knownHeadends) {
   std::string& file = m_files[knownHeadends];
   if (file.empty()) {
@@ -125,13 +138,13 @@ std::string CacheTest::fileOf(const std::string& knownHeadends) {
   return file;
 }
 
-void CacheTest::storeAged(const std::string& knownHeadends, long stored, long used) {
+void CacheTest::storeAged(const std::string& knownHeadends, long stored, long used,
+                          bool isPartial) {
   const std::string file = fileOf(knownHeadends);
   const long now = std::time(nullptr);
   write(file, "<selection place=\"nameserver 192.0.2.1 search home.test\" stored=\"" +
-                  std::to_string(now - stored) + "\"><candidate name=\"" +
-                  knownHeadends.substr(0, knownHeadends.size() - 1) +
-                  "\"/><result name=\"gw\" rtt=\"7\"/></selection>");
+                  std::to_string(now - stored) + (isPartial ? "\" partial=\"true" : "") + "\">" +
+                  candidatesIn(knownHeadends) + "<result name=\"gw\" rtt=\"7\"/></selection>");
   const timespec times[2] = {{now - used, 0}, {now - used, 0}};
   EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
 }

@@ -61,7 +61,7 @@ class CacheTest : public ::testing::Test {
   /// The file of a candidate set at home, which may not be there; there has been one.
   std::string fileOf(const std::string& knownHeadends);
   /// Stores a candidate set, as if it was stored and used last so many seconds ago.
-  void storeAged(const std::string& knownHeadends, long stored, long used);
+  void storeAged(const std::string& knownHeadends, long stored, long used, bool isPartial = false);
 
   /// As a new process has had none.
   void forgetWarnings();

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "tests/unit/ahs/cache_fixture.h"
-#include "tests/unit/ahs/resolver_double.h"
+#include "tests/unit/ahs/network_double.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
 #include "vpn/Common/Utility/Shortage.h"
@@ -66,8 +66,87 @@ TEST_F(SelectionCache, OtherCandidatesMiss) {
   EXPECT_EQ(store("gw-a;"), 0);
   EXPECT_FALSE(has("gw-b;gw-a;"));
   EXPECT_FALSE(has(""));
-  EXPECT_FALSE(has("GW-A;"));
   EXPECT_TRUE(has("gw-a;"));
+}
+
+TEST_F(SelectionCache, OrderAndSpellingOfTheSameCandidatesDoNotMatterAndAHitHasTheAskersSpelling) {
+  const Records measured{{"[::1]", 9}, {"GW-b:443", 7}, {"gw-a:8443", 8}};
+  EXPECT_EQ(store("gw-a:8443;gw-b:443;[::1];", measured), 0);
+  EXPECT_EQ(find("[::1]:443;gw-b;gw-b:443;gw-a:8443;"),
+            (Records{{"[::1]:443", 9}, {"gw-b", 7}, {"gw-a:8443", 8}}));
+  EXPECT_FALSE(has("gw-a;gw-b;[::1];"));
+  const auto record = std::make_shared<SelectionRecord>();
+  record->setTerms({.headends = {"Gw-A:8443", "gw-B", "[::1]"}});
+  const CTask::Scope scope(record);
+  EXPECT_EQ(find("[::1];gw-b;gw-a:8443;"), (Records{{"[::1]", 9}, {"gw-B", 7}, {"Gw-A:8443", 8}}));
+}
+
+TEST_F(SelectionCache, APreferenceThatChangesTheFiguresIsPartOfThePlace) {
+  EXPECT_EQ(store("gw-a;"), 0);
+  const std::string preferences = m_temporary.Path() + "/preferences.xml";
+  for (const auto& [name, value, isHit] : {std::tuple("RoundTripTime", "response", false),
+                                           {"SelectionPingsPerHeadend", "1", false},
+                                           {"SelectionPingTimeout", "5000", false},
+                                           {"SelectionImprovement", "5", true}}) {
+    write(preferences, std::string("<preferences version=\"1\"><preference name=\"") + name +
+                           "\" value=\"" + value + "\"/></preferences>");
+    usePreferences(m_directory, preferences);
+    EXPECT_EQ(has("gw-a;"), isHit) << name;
+  }
+}
+
+TEST_F(SelectionCache, ASelectionThatLacksACandidateOrProbesIsRememberedForTenMinutes) {
+  const auto whole = std::make_shared<SelectionRecord>();
+  HttpProbe::Report report;
+  report.host = "gw";
+  report.port = 443;
+  for (int i = 0; i < 3; ++i) {
+    whole->probeEnded(report);
+  }
+  const auto cutShort = std::make_shared<SelectionRecord>();
+  for (const auto& [record, key, isPartial] :
+       {std::tuple(whole, "gw;", false), {whole, "gw;lost;", true}, {cutShort, "late;", true}}) {
+    const CTask::Scope scope(record);
+    const std::string text = readFile(fileOf(key));
+    EXPECT_EQ(text.find(" partial=\"true\"") != std::string::npos, isPartial) << key;
+    for (const long age : {590, 610}) {
+      storeAged(key, age, 0, isPartial);
+      EXPECT_EQ(has(key), !isPartial || age == 590) << key;
+    }
+  }
+}
+
+TEST_F(SelectionCache, ASelectionOlderThanTheAskerWantsMisses) {
+  storeAged("gw;", 100, 0);
+  const auto record = std::make_shared<SelectionRecord>();
+  const CTask::Scope scope(record);
+  for (const auto& [most, isHit] : {std::pair(90, false), {110, true}}) {
+    record->setTerms({.maxAge = std::chrono::seconds(most)});
+    EXPECT_EQ(has("gw;"), isHit) << most;
+  }
+}
+
+TEST_F(SelectionCache, ASelectionWhoseFirstHeadendIsDeadIsForgotten) {
+  const Records measured{{"near:8443", 10}, {"last", 11}, {"far", 90}};
+  for (const std::string& directory : {m_directory, std::string()}) {
+    usePreferences(directory);
+    const CacheHold cache;
+    for (const unsigned int reason : {0U, 1U}) {
+      const std::string first = reason == 1 ? "last:443" : "near:8443";
+      const auto record = std::make_shared<SelectionRecord>();
+      record->setTerms({.reason = reason, .last = "last"});
+      EXPECT_EQ(store("far;last;near:8443;", measured), 0);
+      const CTask::Scope scope(record);
+      setDead("far:443");
+      EXPECT_TRUE(has("far;last;near:8443;"));
+      EXPECT_EQ(takeTrials(), std::vector<std::string>{first});
+      setDead(first);
+      EXPECT_FALSE(has("far;last;near:8443;"));
+      setDead("");
+      EXPECT_FALSE(has("far;last;near:8443;")) << "it is gone";
+      EXPECT_THAT(takeTrials(), SizeIs(0));
+    }
+  }
 }
 
 TEST_F(SelectionCache, ANewSelectionReplacesTheOlderOneOfItsKey) {
@@ -104,27 +183,27 @@ TEST_F(SelectionCache, AnotherPlaceMissesAndComingBackHits) {
   for (const std::vector<std::string>& place :
        {std::vector<std::string>{"nameserver 198.51.100.1", "search home.test"},
         std::vector<std::string>{"nameserver 192.0.2.1", "search work.test"}}) {
-    setResolverPlace(place);
+    setNetworkPlace(place);
     EXPECT_FALSE(has("gw-a;"));
     store("gw-a;", {{"gw-a", 9}});
   }
-  setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
+  setNetworkPlace({"nameserver 192.0.2.1", "search home.test"});
   EXPECT_EQ(find("gw-a;"), (Records{{"gw-a", 40}}));
 }
 
 TEST_F(SelectionCache, TheOrderOfNameServersIsNoPartOfThePlace) {
-  setResolverPlace({"nameserver 192.0.2.1", "nameserver 192.0.2.2"});
+  setNetworkPlace({"nameserver 192.0.2.1", "nameserver 192.0.2.2"});
   store("gw-a;");
-  setResolverPlace({"nameserver 192.0.2.2", "nameserver 192.0.2.1", "nameserver 192.0.2.1"});
+  setNetworkPlace({"nameserver 192.0.2.2", "nameserver 192.0.2.1", "nameserver 192.0.2.1"});
   EXPECT_TRUE(has("gw-a;"));
 }
 
 TEST_F(SelectionCache, AnUnknownPlaceMissesAndStoresNothing) {
   store("gw-a;");
-  setResolverPlace({});
+  setNetworkPlace({});
   EXPECT_FALSE(has("gw-a;"));
   EXPECT_EQ(store("gw-b;"), HEADENDSELECTION_ERROR_UNEXPECTED);
-  setResolverPlace({"nameserver 192.0.2.1", "search home.test"});
+  setNetworkPlace({"nameserver 192.0.2.1", "search home.test"});
   EXPECT_TRUE(has("gw-a;"));
   EXPECT_FALSE(has("gw-b;"));
 }

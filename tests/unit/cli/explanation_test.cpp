@@ -7,6 +7,7 @@
 
 #include <tuple>
 
+#include "cli/show/SelectionOutput.h"
 #include "tests/unit/cli/some_results.h"
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 
@@ -137,9 +138,10 @@ TEST(Explanation, TellsWhenTheCacheMeasured) {
   result.status = HEADENDSELECTION_SUCCESS;
   result.fromCache = true;
   result.cacheAge = std::chrono::seconds(119);
-  EXPECT_THAT(explanation(result), HasSubstr("the cache; measured 119 seconds ago"));
-  result.cacheAge.reset();
-  EXPECT_THAT(explanation(result), HasSubstr("the cache; measured earlier"));
+  result.cacheLife = std::chrono::minutes(10);
+  EXPECT_THAT(explanation(result),
+              HasSubstr("the cache; measured 119 seconds ago, used for 10 minutes"));
+  EXPECT_THAT(textOutput(result), HasSubstr("Remembered from 119 seconds ago"));
 }
 
 TEST(Explanation, NamesTheHeadendsWithoutAMetricUpToATenth) {

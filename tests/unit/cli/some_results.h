@@ -29,6 +29,5 @@ inline SelectionResult measured(const std::vector<HeadendResult>& results) {
     }
   }
   result.improvementPercent = 20;
-  result.cacheDays = 14;
   return result;
 }

@@ -12,8 +12,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/LoopbackSockets.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/unit/common/http_probe_fixture.h"
+#include "vpn/Common/IP/ConnectionTrial.h"
 
 using std::chrono::milliseconds;
 
@@ -210,6 +212,32 @@ TEST_F(HttpProbeTest, ASecondAttemptToConnectFindsAHostThatHasMissedTheFirst) {
   server.join();
   EXPECT_EQ(task->sockets, 2U);
   EXPECT_EQ(task->connections, 1U);
+}
+
+TEST_F(HttpProbeTest, ATrialOpensAConnectionInTheTasksWayAndSendsNothing) {
+  constexpr std::chrono::milliseconds Long = std::chrono::seconds(kPatience);
+  std::promise<bool> closed;
+  const ScriptedServer server(
+      [&](Connection& connection) { closed.set_value(connection.readHead().empty()); });
+  const RefusingPort refusing("127.0.0.1");
+  const SilentPort silent;
+  EXPECT_EQ(tryConnection("127.0.0.1", refusing.Where().port, Long), ConnectionTrial::Dead);
+  EXPECT_EQ(tryConnection("name.invalid", server.port(), Long), ConnectionTrial::Dead);
+  EXPECT_EQ(tryConnection("127.0.0.1", silent.port(), std::chrono::milliseconds(50)),
+            ConnectionTrial::Dead);
+  int seen = 0;
+  const CTask::Scope way(std::make_shared<Sockets>([&seen](int, int) { return ++seen > 0; }));
+  EXPECT_EQ(tryConnection("127.0.0.1", server.port(), Long), ConnectionTrial::Stands);
+  EXPECT_TRUE(closed.get_future().get());
+  EXPECT_EQ(seen, 1);
+  const CTask::Scope own(watcher);
+  {
+    const FewDescriptors none(0);
+    EXPECT_EQ(tryConnection("127.0.0.1", server.port(), Long), ConnectionTrial::Untried);
+  }
+  watcher->cancel();
+  EXPECT_EQ(tryConnection("127.0.0.1", server.port(), Long), ConnectionTrial::Untried);
+  EXPECT_TRUE(watcher->started.empty());
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include "vpn/Api/AHS/CacheEntry.h"
 
+#include <algorithm>
+
 #include "vpn/Common/Utility/Shortage.h"
 #include "vpn/include/StringUtils.h"
 
@@ -21,8 +23,8 @@ STATUSCODE CCacheEntry::GetHeadendList(std::vector<CHeadendRTT>& headendList) co
 }
 
 std::string CCacheEntry::toString() const {
-  std::string text = "stored " + std::to_string(m_timestamp) + ", candidates " +
-                     CStringUtils::printable(m_tstrKnownHeadends) + "\n";
+  std::string text = "stored " + std::to_string(m_timestamp) + (m_isPartial ? ", partial" : "") +
+                     ", candidates " + CStringUtils::printable(m_tstrKnownHeadends) + "\n";
   for (const CHeadendRTT& headend : m_headendList) {
     text += "  " + headend.toString() + "\n";
   }
@@ -43,8 +45,13 @@ std::optional<std::chrono::seconds> SelectionTimes::ageOf(const CCacheEntry& ent
   return std::chrono::seconds(time - entry.GetTimestamp());
 }
 
+std::chrono::seconds SelectionTimes::lifeOf(const CCacheEntry& entry, unsigned int clearCacheDays) {
+  constexpr std::chrono::seconds MostOfPartial = std::chrono::minutes(10);
+  const std::chrono::seconds whole = std::chrono::hours(24) * std::int64_t{clearCacheDays};
+  return entry.IsPartial() ? std::min(whole, MostOfPartial) : whole;
+}
+
 bool SelectionTimes::isExpired(const CCacheEntry& entry, unsigned int clearCacheDays) {
   const auto age = ageOf(entry);
-  return clearCacheDays == 0 || !age ||
-         *age > std::chrono::hours(24) * std::int64_t{clearCacheDays};
+  return clearCacheDays == 0 || !age || *age > lifeOf(entry, clearCacheDays);
 }

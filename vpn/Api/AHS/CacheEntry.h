@@ -39,6 +39,12 @@ class CCacheEntry {
   std::string GetKnownHeadends() const { return m_tstrKnownHeadends; }
   /// @}
 
+  /// Whether a candidate is missing, or did not get all of its probes.
+  /// @{
+  void SetPartial(bool isPartial) { m_isPartial = isPartial; }
+  bool IsPartial() const { return m_isPartial; }
+  /// @}
+
   /// Whether this machine has lacked anything since the entry was made: it may not be all that a
   /// healthy machine would have measured. A copy is as old as its original.
   bool isFromShortage() const;
@@ -51,6 +57,7 @@ class CCacheEntry {
   long m_timestamp = 0;
   std::string m_tstrKnownHeadends;
   unsigned long m_shortages;
+  bool m_isPartial = false;
 };
 
 /// Ages by the time of day, which may go backwards: a stamp in the future counts as old, not as
@@ -63,7 +70,11 @@ unsigned long now();
 /// Time since the entry was stored; none for a stamp of the future: nobody can say how old it is.
 std::optional<std::chrono::seconds> ageOf(const CCacheEntry& entry);
 
-/// Whether an entry has passed the clear-cache time, in days; 0 days let none answer.
+/// How long an entry may answer: the clear-cache time, in days. A partial one answers ten minutes
+/// at most: what was missing may be back, and be the nearest.
+std::chrono::seconds lifeOf(const CCacheEntry& entry, unsigned int clearCacheDays);
+
+/// Whether an entry is older than that; 0 days let none answer.
 bool isExpired(const CCacheEntry& entry, unsigned int clearCacheDays);
 
 }  // namespace SelectionTimes

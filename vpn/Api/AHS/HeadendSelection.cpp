@@ -108,8 +108,8 @@ void CHeadendSelection::run() {
                            "CHeadendSelection::selectHeadend", status, 0, nullptr);
   }
   finishAHS(true, status, extraInfo);
-  // Abandoned workers may destroy the object later, on another thread. The client's callback is over
-  // when this function returns all the same.
+  // Abandoned workers may destroy the object later, on another thread. The client's callback is
+  // over when this function returns all the same.
   waitForDelivery();
   if (status == HEADENDSELECTION_ERROR_TIMEOUT && !m_pThreads.empty()) {
     delete this;

@@ -8,12 +8,16 @@
 #include <utility>
 
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
-#include "vpn/Api/AHS/ResolverPlace.h"
+#include "vpn/Api/AHS/NetworkPlace.h"
 #include "vpn/Api/AHS/SelectionFiles.h"
+#include "vpn/Api/AHS/SelectionKey.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
+#include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Api/SaxWriterIfc.h"
+#include "vpn/Common/IP/ConnectionTrial.h"
 #include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/URL.h"
 #include "vpn/include/InstanceSmartPtr.h"
 #include "vpn/include/StringUtils.h"
 
@@ -24,10 +28,80 @@ constexpr const char* SourceFile = "vpn/Api/AHS/SelectionCache";
 /// Longest problem in the log; it holds a path, which has at most 4096 characters.
 constexpr std::size_t MaxProblemLength = 4400;
 
+/// A file may say anything.
+constexpr unsigned int MostMetric = 9999;
+
 STATUSCODE shortage(const char* function) {
   CAppLog::LogReturnCode(function, SourceFile, __LINE__, Logging::DBG_Warning, "operator new",
                          HEADENDSELECTION_ERROR_MEMALLOC_FAILED, 0, nullptr);
   return HEADENDSELECTION_ERROR_MEMALLOC_FAILED;
+}
+
+bool isOlder(const CCacheEntry& entry, std::chrono::seconds most) {
+  const auto age = SelectionTimes::ageOf(entry);
+  return !age || *age > most;
+}
+
+/// Whether a candidate is missing in what was measured, or has had too little time.
+bool isPartial(const CCacheEntry& entry, const std::string& key, const SelectionRecord* record) {
+  const std::size_t candidates = SelectionKey::candidatesOf(key).size();
+  HS_SETTINGS settings{};
+  CAHSSettings::GetSettings(settings);
+  return entry.GetListSize() < candidates ||
+         (record != nullptr &&
+          record->progress().probesEnded < candidates * settings.nPingsPerHeadend);
+}
+
+/// The result that a run hands out first: sorted like its own, so that ties fall alike.
+CHeadendRTT firstOf(const CCacheEntry& entry, const SelectionRecord::Terms& terms,
+                    unsigned int improvementPercent) {
+  std::vector<CHeadendRTT> ranked;
+  static_cast<void>(entry.GetHeadendList(ranked));
+  std::sort(ranked.begin(), ranked.end());
+  const unsigned int best = ranked.front().GetRTT();
+  const auto retained = std::ranges::find_if(ranked, [&](const CHeadendRTT& result) {
+    return result.GetHeadend() == terms.last &&
+           SelectionRules::retentionOf(result.GetRTT(), best, improvementPercent).isRetained;
+  });
+  const bool isKept =
+      terms.reason == SelectionRules::ReasonReconnection && retained != ranked.end();
+  return isKept ? *retained : ranked.front();
+}
+
+/// Connects to the remembered winner. Nobody is told of a gateway that is gone.
+bool isWinnerDead(const CCacheEntry& entry, const SelectionRecord::Terms& terms,
+                  unsigned int improvementPercent) {
+  using std::chrono::milliseconds;
+  constexpr milliseconds LeastPatience(500);
+  constexpr int RoundTrips = 3;
+  const CHeadendRTT first = firstOf(entry, terms, improvementPercent);
+  const URL url(first.GetHeadend());
+  const auto outcome = tryConnection(
+      url.getHost(), static_cast<unsigned short>(SelectionRules::portOf(url)),
+      std::max(milliseconds(std::min(first.GetRTT(), MostMetric)) * RoundTrips, LeastPatience));
+  if (outcome == ConnectionTrial::Dead) {
+    CAppLog::LogDebugMessage("IsInCache", SourceFile, __LINE__, Logging::DBG_Info,
+                             "%s is remembered and does not answer: the headends are measured anew",
+                             CStringUtils::printable(first.GetHeadend()).c_str());
+  }
+  return outcome == ConnectionTrial::Dead;
+}
+
+/// The preferences that change the figures, as words of a place.
+std::vector<std::string> figuresOf(PreferenceMgr& preferences) {
+  std::vector<std::string> words;
+  for (const PreferenceId id : {RoundTripTime, SelectionPingsPerHeadend, SelectionPingTimeout}) {
+    const PreferenceBase::Definition& definition = *PreferenceBase::find(id);
+    std::string value;
+    if (preferences.getPreferenceValue(id, value) == 0 && value != definition.defaultValue) {
+      words.push_back(definition.name + ("=" + CStringUtils::printable(value)));
+    }
+  }
+  return words;
+}
+
+void append(std::vector<std::string>& words, const std::vector<std::string>& more) {
+  words.insert(words.end(), more.begin(), more.end());
 }
 
 }  // namespace
@@ -84,6 +158,7 @@ STATUSCODE CSelectionCache::buildCacheFromPrefs() {
   const CInstanceSmartPtr<PreferenceMgr> preferences;
   if (preferences != nullptr) {
     m_directory = preferences->getCacheDirectory();
+    m_figures = figuresOf(*preferences);
   }
   return HEADENDSELECTION_SUCCESS;
 }
@@ -101,23 +176,26 @@ std::string CSelectionCache::toString() {
 bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
   try {
     const auto record = SelectionRecord::current();
+    const SelectionRecord::Terms terms =
+        record != nullptr ? record->terms() : SelectionRecord::Terms();
     std::vector<std::string> place;
-    if ((record != nullptr && record->terms().measuresNow) || calculateKey(place) != 0) {
+    if (terms.measuresNow || calculateKey(place) != 0) {
       return false;
     }
-    const std::string selectionKey = SelectionFiles::placeText(place) + '\n' + key;
+    std::string known = SelectionKey::canonical(key);
     CCacheEntry found;
-    const bool isInFile = readFile(selectionKey, found) && isCacheCurrent(key, found);
-    const CAutoLockT<CManualLock> lock(m_lock);
-    ml_dnsList.swap(place);
-    CCacheEntry own;
-    if (findDnsCacheEntry(key, own) && isCacheCurrent(key, own) &&
-        !(isInFile && found.GetTimestamp() > own.GetTimestamp())) {
-      std::swap(found, own);
-    } else if (!isInFile) {
+    if (!findYoungest(place, known, found) || (terms.maxAge && isOlder(found, *terms.maxAge))) {
+      return false;
+    }
+    SelectionKey::respell(
+        found, key, terms.headends.empty() ? SelectionKey::candidatesOf(key) : terms.headends);
+    const std::string selectionKey = SelectionFiles::placeText(place) + '\n' + known;
+    if (record != nullptr && isWinnerDead(found, terms, m_settings.nImprovement)) {
+      forget(selectionKey);
       return false;
     }
     if (!m_directory.empty()) {
+      const CAutoLockT<CManualLock> lock(m_lock);
       m_used.insert(selectionKey);
     }
     if (record != nullptr) {
@@ -129,6 +207,29 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
     static_cast<void>(shortage("IsInCache"));
     return false;
   }
+}
+
+/// Finds the younger one of file and memory, if it is current.
+bool CSelectionCache::findYoungest(const std::vector<std::string>& place, std::string& key,
+                                   CCacheEntry& entry) {
+  CCacheEntry found;
+  const bool isInFile =
+      readFile(SelectionFiles::placeText(place) + '\n' + key, found) && isCacheCurrent(key, found);
+  const CAutoLockT<CManualLock> lock(m_lock);
+  ml_dnsList = place;
+  CCacheEntry own;
+  const bool isOwn = findDnsCacheEntry(key, own) && isCacheCurrent(key, own) &&
+                     !(isInFile && found.GetTimestamp() > own.GetTimestamp());
+  std::swap(entry, isOwn ? own : found);
+  return isOwn || isInFile;
+}
+
+void CSelectionCache::forget(const std::string& selectionKey) {
+  if (!m_directory.empty()) {
+    SelectionFiles::remove(m_directory, selectionKey);
+  }
+  const CAutoLockT<CManualLock> lock(m_lock);
+  m_cache.erase(selectionKey);
 }
 
 STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry) {
@@ -158,10 +259,12 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
       return status;
     }
     entry.SetTimestamp(SelectionTimes::now());
+    entry.SetPartial(isPartial(entry, key, record.get()));
+    const std::string known = SelectionKey::canonical(key);
     CCacheEntry stored(entry);
-    stored.SetKnownHeadends(key);
+    stored.SetKnownHeadends(known);
     const CAutoLockT<CManualLock> lock(m_lock);
-    m_cache.insert_or_assign(SelectionFiles::placeText(place) + '\n' + key, stored);
+    m_cache.insert_or_assign(SelectionFiles::placeText(place) + '\n' + known, stored);
     ml_dnsList.swap(place);
     if (m_cache.size() > SelectionFiles::MaxFiles) {
       const auto stamp = [](const auto& item) { return item.second.GetTimestamp(); };
@@ -204,15 +307,25 @@ STATUSCODE CSelectionCache::updateCache() {
   }
 }
 
+bool CSelectionCache::findPlace(std::vector<std::string>& place) {
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  if (!readNetworkPlace(place) || preferences == nullptr) {
+    return false;
+  }
+  append(place, figuresOf(*preferences));
+  return true;
+}
+
 STATUSCODE CSelectionCache::calculateKey(std::vector<std::string>& dnsList) {
-  if (!readResolverPlace(dnsList)) {
-    CAppLog::LogReturnCode("calculateKey", SourceFile, __LINE__, Logging::DBG_Warning,
-                           "readResolverPlace", HEADENDSELECTION_ERROR_UNEXPECTED, 0, nullptr);
+  if (!readNetworkPlace(dnsList)) {
+    CAppLog::LogReturnCode("calculateKey", SourceFile, __LINE__, Logging::DBG_Info,
+                           "readNetworkPlace", HEADENDSELECTION_ERROR_UNEXPECTED, 0, nullptr);
     return HEADENDSELECTION_ERROR_UNEXPECTED;
   }
+  const CInstanceSmartPtr<PreferenceMgr> preferences;
+  append(dnsList, preferences != nullptr ? figuresOf(*preferences) : m_figures);
   if (const auto record = SelectionRecord::current(); record != nullptr) {
-    const SelectionRecord::Terms terms = record->terms();
-    dnsList.insert(dnsList.end(), terms.way.begin(), terms.way.end());
+    append(dnsList, record->terms().way);
   }
   return HEADENDSELECTION_SUCCESS;
 }
@@ -285,6 +398,9 @@ std::string CSelectionCache::documentOf(const SelectionFiles::Selection& selecti
   writer.startElement("selection");
   storeAttribute(&writer, "place", selection.place);
   storeAttribute(&writer, "stored", std::to_string(selection.entry.GetTimestamp()));
+  if (selection.entry.IsPartial()) {
+    storeAttribute(&writer, "partial", "true");
+  }
   std::vector<std::string> candidates;
   splitString(selection.entry.GetKnownHeadends(), ";", candidates);
   candidates.pop_back();  // each ends with a semicolon

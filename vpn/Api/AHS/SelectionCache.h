@@ -41,9 +41,11 @@ class CSelectionCache {
   /// The selections that the directory lacks, for people: place and entry of each.
   std::string toString();
 
-  /// Looks a candidate set up at the present place; waits for the disk to read one file. The
-  /// thread's selection (`SelectionRecord`) notes the entry that is found, and may ask to find
-  /// none.
+  /// Looks a candidate set up at the present place; waits for the disk to read one file. For a
+  /// thread that works for a selection (`SelectionRecord`), it connects to the headend that the
+  /// selection would hand out, for three of its round trips or half a second at most: if that one
+  /// is dead, the entry goes, and there is no hit. The selection notes the entry that is found, and
+  /// may ask to find none, or none that is old.
   /// @param key the candidate set; left alone.
   /// @param entry receives results, time stamp and key on a hit; is left alone on a miss.
   /// @return whether there is a current selection.
@@ -59,6 +61,11 @@ class CSelectionCache {
   STATUSCODE AddEntry(CCacheEntry& entry);
   /// The same under a given key, which the stored entry then carries.
   STATUSCODE AddEntry(CCacheEntry& entry, const std::string& key);
+
+  /// Where the machine is, and the preferences that change the figures, unless they are defaults:
+  /// "SelectionPingsPerHeadend=5".
+  /// @return false when the place is unknown, or there are no preferences.
+  static bool findPlace(std::vector<std::string>& place);
 
   CSelectionCache(const CSelectionCache&) = delete;
   CSelectionCache& operator=(const CSelectionCache&) = delete;
@@ -76,6 +83,8 @@ class CSelectionCache {
   /// Appends the pieces of `text` between `separators` to `parts`; an empty text has one, empty.
   static void splitString(const std::string& text, const std::string& separators,
                           std::vector<std::string>& parts);
+  bool findYoungest(const std::vector<std::string>& place, std::string& key, CCacheEntry& entry);
+  void forget(const std::string& selectionKey);
   bool isCacheCurrent(std::string& key, CCacheEntry& entry);
   /// Copies the entry in memory of a candidate set at the place in `ml_dnsList`, current or not.
   bool findDnsCacheEntry(std::string& key, CCacheEntry& entry) AHS_REQUIRES(m_lock);
@@ -92,8 +101,9 @@ class CSelectionCache {
 
   // What the directory does not have, by place and known-headends key (`SelectionFiles::keyOf`).
   std::map<std::string, CCacheEntry> m_cache AHS_GUARDED_BY(m_lock);
-  HS_SETTINGS m_settings;   // written by the constructor only, and so is the directory
-  std::string m_directory;  // empty for none
+  HS_SETTINGS m_settings;              // written by the constructor only, and so are the next two
+  std::string m_directory;             // empty for none
+  std::vector<std::string> m_figures;  // of the key, where the preferences are gone
   std::vector<std::string> ml_dnsList AHS_GUARDED_BY(m_lock);  // the last place
   std::set<std::string> m_used AHS_GUARDED_BY(m_lock);         // keys of uses to be noted there
 

@@ -78,10 +78,13 @@ bool SelectionReader::take(const std::string& element, const Attributes& attribu
   if (depth() == 1) {
     unsigned long stored = 0;
     const bool isStamped = takeNumber(valueOf(attributes, "stored"), stored);
+    const std::string* const partial = find(attributes, "partial");
     m_found.place = valueOf(attributes, "place");
     m_found.entry.SetTimestamp(stored);
-    return element == "selection" && attributes.size() == 2 && isStamped && stored > 0 &&
-           stored <= MaxTimestamp && find(attributes, "place") != nullptr;
+    m_found.entry.SetPartial(partial != nullptr);
+    return element == "selection" && attributes.size() == (partial != nullptr ? 3 : 2) &&
+           isStamped && stored > 0 && stored <= MaxTimestamp &&
+           find(attributes, "place") != nullptr && (partial == nullptr || *partial == "true");
   }
   const std::string& name = valueOf(attributes, "name");
   if (name.empty() || depth() != 2) {
@@ -218,6 +221,10 @@ bool SelectionFiles::write(const std::string& directory, const Selection& select
 
 void SelectionFiles::noteUse(const std::string& directory, const std::string& key) {
   utimensat(AT_FDCWD, fileOf(directory, key).c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+}
+
+void SelectionFiles::remove(const std::string& directory, const std::string& key) {
+  unlink(fileOf(directory, key).c_str());
 }
 
 std::vector<Selection> SelectionFiles::list(const std::string& directory, std::string& problem) {

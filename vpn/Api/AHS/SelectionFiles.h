@@ -51,6 +51,9 @@ bool write(const std::string& directory, const Selection& selection, const std::
 /// Notes that a selection is used now. Without its file, nothing is noted.
 void noteUse(const std::string& directory, const std::string& key);
 
+/// Removes the file of a selection, if there is one.
+void remove(const std::string& directory, const std::string& key);
+
 /// All selections that are understood, those used last first.
 /// @param problem receives the last problem; the others' selections are there all the same.
 std::vector<Selection> list(const std::string& directory, std::string& problem);

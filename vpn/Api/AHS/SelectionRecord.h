@@ -57,9 +57,15 @@ class SelectionRecord : public ProbeTask {
   struct Terms {
     /// How its probes leave the machine. The cache treats another way as another place. Printable
     /// ASCII.
-    std::vector<std::string> way;
+    std::vector<std::string> way = {};
     /// The cache finds nothing for it, but stores what it measures.
     bool measuresNow = false;
+    /// What is older is no hit.
+    std::optional<std::chrono::seconds> maxAge = {};
+    /// The run's reason, its candidates as it delivers them, and which of them was used last.
+    unsigned int reason = 0;
+    std::vector<std::string> headends = {};
+    std::string last = {};
   };
   /// To be set before the run starts.
   void setTerms(Terms terms);

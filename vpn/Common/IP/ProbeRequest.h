@@ -46,6 +46,8 @@ struct ProbeRequest : ProbeTarget {
   ProbeTask* task = nullptr;
   /// The probe as its task is told of it, which outlives the request; null for none.
   const ProbeReport* report = nullptr;
+  /// Nothing is sent once the connection stands.
+  bool connectsOnly = false;
   /// Where to tell of the TLS handshake, in place of a request; null for an ordinary one.
   TlsHandshake* handshake = nullptr;
   /// The caller's object, which outlives the request: credentials are not copied here.

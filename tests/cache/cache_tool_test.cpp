@@ -65,7 +65,7 @@ TEST_F(CacheCommandTest, WhereThereIsNoneThePathIsPrintedAndClearingMakesNothing
 
 TEST_F(CacheCommandTest, ASelectionIsShownWithItsPlaceAgeAndRankedResults) {
   const Gateway other{Near};
-  run({"select", "--quiet", gateway.address(), other.address()});
+  run({"select", gateway.address(), other.address()});
   const Outcome outcome = run({"cache", "show"});
   EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
   for (const std::string& text :

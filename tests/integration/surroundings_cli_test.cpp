@@ -155,7 +155,7 @@ TEST_F(SurroundingsTest, ClockAndHomeDirectoryDoWhatTheTableSays) {
     Words environment;
     std::string cache;      ///< directory that holds a selection afterwards; empty for none
     std::string says;       ///< on standard error
-    bool remembers = true;  ///< the second selection connects but once
+    bool remembers = true;  ///< the second selection connects once at most
   };
   const Row rows[] = {
       {"usual", {"HOME=" + home}, cache, ""},
@@ -182,7 +182,7 @@ TEST_F(SurroundingsTest, ClockAndHomeDirectoryDoWhatTheTableSays) {
       EXPECT_EQ(outcome.err.empty(), row.says.empty()) << outcome.err;
       once = isSecond ? once : gateway.requests() - before;
     }
-    EXPECT_EQ(gateway.requests() - before == once + 1, row.remembers);
+    EXPECT_EQ(gateway.requests() - before <= once + 1, row.remembers);
     EXPECT_EQ(filesIn(row.cache.empty() ? cache : row.cache), row.cache.empty() ? 0U : 1U);
     EXPECT_FALSE(fs::exists(missing));
   }

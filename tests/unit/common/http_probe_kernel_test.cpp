@@ -25,6 +25,7 @@ namespace {
 /// The scripted kernel's answers.
 struct KERNEL {
   std::atomic<unsigned int> minRttUs{0};
+  std::atomic<unsigned int> retransmissions{0};
   std::atomic<std::size_t> infoLength{sizeof(tcp_info)};
   std::atomic<bool> fails{false};
   std::atomic<unsigned int> asked{0};
@@ -49,6 +50,7 @@ int __wrap_getsockopt(int socket, int level, int option, void* value, socklen_t*
   }
   tcp_info info{};
   info.tcpi_min_rtt = kernel.minRttUs;
+  info.tcpi_total_retrans = kernel.retransmissions;
   *length = static_cast<socklen_t>(std::min<std::size_t>(*length, kernel.infoLength));
   std::memcpy(value, &info, *length);
   return 0;
@@ -91,6 +93,22 @@ TEST_F(HttpProbeKernelTest, AKeptConnectionIsAskedAtTheEndOfEachProbe) {
     EXPECT_EQ(results.uiRtt, milliseconds);
   }
   EXPECT_TRUE(report().reused);
+}
+
+TEST_F(HttpProbeKernelTest, ARepeatedAttemptToConnectIsBelievedForAsLongAsItTookAndNotKept) {
+  const ScriptedServer server(answering(kOk));
+  const HttpProbe::KeptConnection kept;
+  kernel.minRttUs = 1000;
+  kernel.connectTakesMs = kConnectTakesMs;
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Auto);
+  for (const unsigned int times : {1U, 1U, 0U}) {
+    kernel.retransmissions = times;
+    EXPECT_EQ(probe(server.port()), HTTP_SESSION_SUCCESS);
+    EXPECT_FALSE(report().reused);
+    EXPECT_EQ(results.uiRtt >= kConnectTakesMs, times > 0);
+  }
+  HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Network);
+  kernel.connectTakesMs = 0;
 }
 
 TEST_F(HttpProbeKernelTest, AConnectionThatIsClosedIsAskedAsItCloses) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "vpn/Common/IP/RoundTripEvidence.h"
@@ -32,6 +33,8 @@ TEST(RoundTripEvidence, DecidesWhichRoundTripCounts) {
       {"distances differ", {20, 60, 90}, 20, 90, 20, Doubt::None},
       {"a box", {1, 1.5, 2.9}, 1, 90, 90, Doubt::NearBox},
       {"a box, and the gateway beside it", {1, 1.5, 2}, 1, 4, 1, Doubt::None},
+      {"a box, and an answer sent ahead", {2.5, 1, 1}, 2, 6, 6, Doubt::NearBox},
+      {"the same, of one that opens late", {50, 1, 1, 1, 1, 1, 1, 1}, 1, 6, 50, Doubt::NearBox},
       {"two alike are no box", {1, 1.5}, 1, 90, 1, Doubt::None},
       {"one town is no box while one is elsewhere", {1, 1, 1, 9}, 1, 90, 1, Doubt::None},
       {"one data centre, too far for a box", {40, 40, 40}, 40, 90, 40, Doubt::None},
@@ -58,6 +61,19 @@ TEST(RoundTripEvidence, DecidesWhichRoundTripCounts) {
                        start + milliseconds(known.pendingSince));
     EXPECT_EQ(verdict.roundTripUs, inUs(known.counts)) << known.what;
     EXPECT_EQ(verdict.doubt, known.doubt) << known.what;
+  }
+}
+
+TEST(RoundTripEvidence, TakesASlowHeadendOfADataCentreForNoBox) {
+  RoundTripEvidence evidence;
+  const auto now = RoundTripEvidence::Clock::now();
+  for (const auto& [name, response, doubt] :
+       {std::tuple{"a", 90'000, Doubt::None}, std::tuple{"b", 90'000, Doubt::None},
+        std::tuple{"c", 90'000, Doubt::NearBox}, std::tuple{"d", 3'000, Doubt::None},
+        std::tuple{"e", 3'000, Doubt::None}, std::tuple{"f", 3'000, Doubt::None},
+        std::tuple{"a", 90'000, Doubt::None}}) {
+    evidence.opened({name, 443}, {name, 443}, 3'000);
+    EXPECT_EQ(evidence.weigh({name, 443}, {3'000, response, 3'000}, now).doubt, doubt) << name;
   }
 }
 

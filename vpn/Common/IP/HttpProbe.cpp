@@ -98,9 +98,11 @@ void tell(ProbeTask* task, void (ProbeTask::*what)(const HttpProbe::Report&),
 }
 
 /// Replaces the network's round trip in the report of an answer, if the evidence speaks against it.
-void weigh(const ProbeOutcome& outcome, const ProbeTask* task, HttpProbe::Report& report) {
-  const RoundTripEvidence::RoundTrips seen{outcome.networkRoundTrip(), report.responseRttUs,
-                                           report.openingUs};
+void weigh(const ProbeOutcome& outcome, ProbeTask* task, HttpProbe::Report& report) {
+  const long long networkUs =
+      outcome.openedAgain ? outcome.connectTookUs : outcome.networkRoundTrip();
+  const RoundTripEvidence::RoundTrips seen{networkUs, report.responseRttUs,
+                                           outcome.openedAgain ? networkUs : report.openingUs};
   const RoundTripEvidence::Place address{report.address, report.addressPort};
   const RoundTripEvidence::Verdict verdict =
       task != nullptr ? task->weigh(address, seen)

@@ -90,6 +90,14 @@ int portOf(int connection) {
   return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
 }
 
+/// Whether an attempt to connect had to be repeated: then no telling which one was answered.
+bool isRepeated(int connection) {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  return getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+         info.tcpi_total_retrans > 0;
+}
+
 /// The address that a socket is connected to; an empty one where it is not.
 RoundTripEvidence::Place peerOf(int connection) {
   sockaddr_storage address{};
@@ -637,8 +645,12 @@ void HttpTransfer::noteOpening() {
   }
   for (const Attempt& attempt : m_opened) {
     const int connection = attempt.socket;
-    const long long rtt = connection == NoSocket ? Unknown : smallestRoundTrip(connection);
-    if (rtt == Unknown) {
+    if (connection == NoSocket || !isAnswered(connection)) {
+      continue;
+    }
+    const long long rtt = smallestRoundTrip(connection);
+    m_outcome.openedAgain = m_outcome.openedAgain || isRepeated(connection);
+    if (rtt == Unknown || m_outcome.openedAgain) {
       continue;
     }
     m_openingUs = rtt;

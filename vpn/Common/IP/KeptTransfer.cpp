@@ -62,7 +62,7 @@ ProbeOutcome KeptTransfer::send(const ProbeRequest& request) {
   }
   ProbeOutcome outcome = transfer->takeOutcome();
   m_keeps = m_keeps && outcome.code == CURLE_OK && isPrompt(outcome, request);
-  if (m_keeps) {
+  if (m_keeps && !outcome.openedAgain) {  // the next one tells how far the headend is
     m_idle = std::move(transfer);
   }
   return outcome;

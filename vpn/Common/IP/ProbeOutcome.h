@@ -29,6 +29,7 @@ struct ProbeOutcome {
   /// How long the connection, even a reused one, took to open; 0 without one.
   long long connectTookUs = 0;
   long long openingUs = -1;            ///< SYN to SYN-ACK, like the next
+  bool openedAgain = false;            ///< its SYN was repeated, so that is not known
   long long networkRttUs = -1;         ///< -1 where the kernel cannot say
   Shortage shortage = Shortage::None;  ///< what could not be had for the request
   std::string address;

@@ -34,7 +34,7 @@ void ProbeTask::noteEnded(const RoundTripEvidence::Place& host) noexcept {
 }
 
 RoundTripEvidence::Verdict ProbeTask::weigh(const RoundTripEvidence::Place& address,
-                                            const RoundTripEvidence::RoundTrips& seen) const {
+                                            const RoundTripEvidence::RoundTrips& seen) {
   const CAutoLockT<CManualLock> guard(m_evidenceLock);
   return m_evidence.weigh(address, seen, RoundTripEvidence::Clock::now());
 }

@@ -52,7 +52,7 @@ class ProbeTask : public CTask {
                   long long openingUs);
   void noteEnded(const RoundTripEvidence::Place& host) noexcept;
   RoundTripEvidence::Verdict weigh(const RoundTripEvidence::Place& address,
-                                   const RoundTripEvidence::RoundTrips& seen) const;
+                                   const RoundTripEvidence::RoundTrips& seen);
 
   /// Ends running probes, closing their connections, and refuses later ones, all with
   /// HTTP_SESSION_ERROR_TIMEOUT. Returns at once; any thread may call it.

@@ -4,6 +4,7 @@
 #include "vpn/Common/IP/RoundTripEvidence.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace {
 
@@ -11,6 +12,9 @@ namespace {
 // gateways of one town by their load, a farther bound those of one far data centre.
 constexpr long long BandUs = 2'000;
 constexpr long long NearUs = 30'000;
+// An answer this much later is not the box's own. Where at least half come sooner, the later ones
+// are those of slow gateways, or of a busy machine.
+constexpr long long LateUs = 4'000;
 constexpr std::size_t LeastAddresses = 3;
 // One in so many may be late, for want of a lost packet or of a processor.
 constexpr std::size_t LatePart = 8;
@@ -35,23 +39,21 @@ void RoundTripEvidence::connecting(const Place& host, Clock::time_point now) {
 void RoundTripEvidence::opened(const Place& host, const Place& address, long long openingUs) {
   m_connecting.erase(host);
   m_openHosts.insert(host);
-  m_smallestUs = m_openingsUs.empty() ? openingUs : std::min(m_smallestUs, openingUs);
-  const auto [known, isNew] = m_openingsUs.emplace(address, openingUs);
-  known->second = std::min(known->second, openingUs);
+  const auto [known, isNew] = m_known.try_emplace(address, Known{openingUs});
+  known->second.openingUs = std::min(known->second.openingUs, openingUs);
+  m_smallestUs = m_known.size() == 1 ? openingUs : std::min(m_smallestUs, openingUs);
 }
 
 void RoundTripEvidence::ended(const Place& host) noexcept { m_connecting.erase(host); }
 
-bool RoundTripEvidence::isBoxed(long long responseUs, Clock::time_point now) const {
-  if (m_openingsUs.empty() || m_smallestUs > NearUs || responseUs <= m_smallestUs + 2 * BandUs) {
-    return false;
-  }
-  const std::size_t mostLate = (m_openingsUs.size() + m_connecting.size()) / LatePart;
+/// Whether all but a few connections open within a band.
+bool RoundTripEvidence::openAlike(Clock::time_point now) const {
+  const std::size_t mostLate = (m_known.size() + m_connecting.size()) / LatePart;
   std::size_t late = 0;
   std::size_t alike = 0;
   const std::string* last = nullptr;
-  for (const auto& [address, openingUs] : m_openingsUs) {
-    const bool isLate = openingUs > m_smallestUs + BandUs;
+  for (const auto& [address, known] : m_known) {
+    const bool isLate = known.openingUs > m_smallestUs + BandUs;
     late += isLate ? 1 : 0;
     alike += !isLate && (last == nullptr || *last != address.first) ? 1 : 0;
     last = isLate ? last : &address.first;
@@ -69,13 +71,34 @@ bool RoundTripEvidence::isBoxed(long long responseUs, Clock::time_point now) con
   return alike >= LeastAddresses;
 }
 
-RoundTripEvidence::Verdict RoundTripEvidence::weigh(const Place& address, const RoundTrips& seen,
-                                                    Clock::time_point now) const {
-  if (isBoxed(seen.responseUs, now)) {
-    return {seen.responseUs, RoundTripDoubt::NearBox};
+bool RoundTripEvidence::isBoxed(long long responseUs, Clock::time_point now) const {
+  if (m_known.empty() || m_smallestUs > NearUs || responseUs <= m_smallestUs + LateUs ||
+      !openAlike(now)) {
+    return false;
   }
-  const auto known = m_openingsUs.find(address);
-  const long long openingUs = known == m_openingsUs.end() ? seen.openingUs : known->second;
+  std::size_t answers = 0;
+  std::size_t prompt = 0;
+  for (const auto& [address, known] : m_known) {
+    answers += known.responseUs >= 0 ? 1 : 0;
+    prompt += known.responseUs >= 0 && known.responseUs <= m_smallestUs + LateUs ? 1 : 0;
+  }
+  return prompt == 0 || prompt * 2 < answers;
+}
+
+RoundTripEvidence::Verdict RoundTripEvidence::weigh(const Place& address, const RoundTrips& seen,
+                                                    Clock::time_point now) {
+  const auto known = m_known.find(address);
+  long long openingUs = seen.openingUs;
+  if (known != m_known.end()) {
+    Known& place = known->second;
+    openingUs = place.openingUs;
+    place.responseUs =
+        place.responseUs < 0 ? seen.responseUs : std::min(place.responseUs, seen.responseUs);
+  }
+  if (isBoxed(seen.responseUs, now)) {
+    // An answer that comes sooner than the connection opens was sent ahead.
+    return {std::max(seen.responseUs, openingUs), RoundTripDoubt::NearBox};
+  }
   if (openingUs <= seen.networkUs * DoubtfulFactor || openingUs - seen.networkUs <= NoiseUs) {
     return {seen.networkUs};
   }

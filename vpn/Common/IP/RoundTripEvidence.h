@@ -38,14 +38,20 @@ class RoundTripEvidence {
   /// A probe is over; a host that has not opened says nothing.
   void ended(const Place& host) noexcept;
 
-  /// Which round trip of a probe counts, by all that is known now.
-  Verdict weigh(const Place& address, const RoundTrips& seen, Clock::time_point now) const;
+  /// Which round trip of a probe that ends counts, by all that is known then.
+  Verdict weigh(const Place& address, const RoundTrips& seen, Clock::time_point now);
 
  private:
+  /// An address's, the smallest of each.
+  struct Known {
+    long long openingUs;
+    long long responseUs = -1;  ///< -1 before the first answer
+  };
+  bool openAlike(Clock::time_point now) const;
   bool isBoxed(long long responseUs, Clock::time_point now) const;
 
   std::map<Place, Clock::time_point> m_connecting;
   std::set<Place> m_openHosts;
-  std::map<Place, long long> m_openingsUs;  ///< each address's smallest
-  long long m_smallestUs = 0;               ///< of all of them
+  std::map<Place, Known> m_known;
+  long long m_smallestUs = 0;  ///< of all openings
 };

@@ -142,8 +142,8 @@ TEST_F(SelectProxyTest, AtATerminalAPersonLogsInToSquidAtTheSecondAttempt) {
 
   EXPECT_EQ(outcome.exitStatus, 0) << outcome.err;
   const std::string recorded = replaced(outcome.err, "\r", "");
-  const std::string dialogue = replaced(recorded.substr(0, recorded.find("\n   1. ")), squid->Address(),
-                                        "proxy.example.com:3128");
+  const std::string dialogue = replaced(recorded.substr(0, recorded.find("\n   1. ")),
+                                        squid->Address(), "proxy.example.com:3128");
   EXPECT_THAT(recorded, HasSubstr("   1. " + gatewayAddress() + "  "));
   EXPECT_THAT(readFile(AHS_SOURCE_DIR "/docs/cli.md"),
               HasSubstr(replaced("    " + replaced(dialogue, gatewayAddress(), "gw-a.example.com"),

@@ -32,7 +32,7 @@ words=$(git ls-files ':(glob)docs/*.md' | xargs awk '
   /^<!-- figures/ { written = 2 }
   /^<!-- (options|exit statuses) -->/ { written = 1; next }
   written == 1 && !/^\|/ { written = 0 }
-  !written { words += NF }
+  !written { for (i = 1; i <= NF; ++i) words += $i ~ /[[:alnum:]]/ }  # bars and dashes are none
   END { print words }')
 printf '%7d  docs/*.md\n' "$words"
 

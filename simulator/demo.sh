@@ -99,7 +99,7 @@ run() {
 # came_out FIRST LINE: succeeds if the first headend is FIRST and the output has LINE.
 came_out() {
   local first
-  first=$(sed -n 's/^ *1\. *\([^ ]*\).*/\1/p' "$scratch/output")
+  first=$(sed -n '/^ *1\. /{s/^ *1\. *\([^ ]*\).*/\1/p;q}' "$scratch/output")
   [[ $first == "$1" ]] && grep -qF -- "$2" "$scratch/output"
 }
 
@@ -123,7 +123,7 @@ recall() {
     fail "expected $1 first, from the cache"
 }
 
-# show AMSTERDAM BRUSSELS USELESS...: the four selections; the arguments are names in reports.
+# show AMSTERDAM BRUSSELS USELESS...: the four selections; the arguments are names in the list.
 show() {
   local amsterdam=$1 brussels=$2 useless
   shift 2

@@ -64,16 +64,14 @@ void addMeasureOptions(CLI::App& command, MeasureOptions& options, MeasureLimits
             "What a round trip is; RoundTripTime unless given")
       ->check(CLI::IsMember(roundTrips()));
   addOption(command, "--set", "NAME=VALUE", options.settings,
-            "A preference that goes before all files; may be repeated")
+            "A preference, before those of files; may be repeated")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   command.add_flag("--secure", options.secure, "Probe over TLS, as with a login at a proxy");
   addOption(command, "--cacert", "FILE", options.certificates,
             "Also trust the certificates (PEM) of FILE; $SSL_CERT_FILE unless given");
   CLI::Option* const four = command.add_flag("-4", options.onlyIPv4, "Probe over IPv4 alone");
-  command
-      .add_flag("-6", options.onlyIPv6,
-                "Probe over IPv6 alone; an IPv4 address by NAT64, where there is that")
+  command.add_flag("-6", options.onlyIPv6, "Probe over IPv6 alone, and IPv4 addresses by NAT64")
       ->excludes(four);
   addOption(command, "--interface", "NAME", options.interface,
             "Network interface that probes leave by");

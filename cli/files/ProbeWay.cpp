@@ -17,7 +17,7 @@ bool ProbeWay::needsNat64(const in_addr& address) const {
   return m_route.allows(AF_INET6) && (!m_route.allows(AF_INET) || !hasRouteTo(address));
 }
 
-void ProbeWay::findNat64(const std::vector<std::string>& hosts) {
+std::string ProbeWay::findNat64(const std::vector<std::string>& hosts) {
   m_nat64.reset();
   const bool isNeeded = std::ranges::any_of(hosts, [this](const std::string& host) {
     in_addr address{};
@@ -27,6 +27,10 @@ void ProbeWay::findNat64(const std::vector<std::string>& hosts) {
     constexpr std::chrono::seconds Longest{2};
     m_nat64 = Nat64::find(Longest);
   }
+  return !isNeeded || m_nat64 || m_route.allows(AF_INET)
+             ? ""
+             : "warning: -6 reaches no IPv4 address here, for this network has no NAT64 "
+               "('ipv4only.arpa' has no IPv6 address).";
 }
 
 bool ProbeWay::translate(const in_addr& from, in6_addr& to) const {

@@ -17,7 +17,8 @@ class ProbeWay {
 
   /// Looks for NAT64 if one of the hosts (without brackets) is an IPv4 address to which no other
   /// way leads.
-  void findNat64(const std::vector<std::string>& hosts);
+  /// @return an empty string, or why -6 excludes such a host.
+  std::string findNat64(const std::vector<std::string>& hosts);
 
   /// In words that distinguish it from others; empty for none of its own.
   std::vector<std::string> words() const { return m_route.words(); }

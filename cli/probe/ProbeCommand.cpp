@@ -180,7 +180,9 @@ void lookCloser(ProbeFindings& findings) {
 int probe(const ProbePlan& plan, bool isJson) {
   const auto measurement = std::make_shared<Measurement>(plan, !isJson);
   Interruption::setDuties({[measurement] { measurement->sumUpInHaste(); }, {}, {}});
-  plan.way->findNat64({plan.place.first});
+  if (const std::string warning = plan.way->findNat64({plan.place.first}); !warning.empty()) {
+    Console::complain(warning);
+  }
   const auto watcher = std::make_shared<LastReport>(plan.way);
   const CTask::Scope scope(watcher);
   if (!measure(plan, *watcher, *measurement)) {
@@ -241,7 +243,7 @@ void addProbeCommand(CLI::App& tool, ChosenCommand& chosen) {
       ->required();
   addMeasureOptions(*command, *options, {MostProbes, LongestTimeoutSeconds});
   addOption(*command, "--interval", "SECONDS", options->intervalSeconds,
-            "Time from the start of one probe to that of the next; none unless given")
+            "Time from one probe's start to the next one's")
       ->check(CLI::Range(1U, LongestTimeoutSeconds));
   addFileOptions(*command, options->files);
   command->add_flag("--json", options->json, "Print one JSON object");

@@ -12,7 +12,6 @@
 #include "cli/Wording.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/select/Selecting.h"
-#include "cli/show/Explanation.h"
 #include "cli/show/ResultPage.h"
 #include "cli/show/SelectionOutput.h"
 #include "cli/show/SelectionResult.h"
@@ -74,7 +73,7 @@ std::string textOf(const SelectionResult& result, const SelectOptions& options) 
          : options.tsv   ? separatedOutput(result, '\t')
          : options.json  ? jsonOutput(result)
          : options.quiet ? quietOutput(result)
-                         : textOutput(result) + (options.explain ? explanation(result) : "");
+                         : textOutput(result, options.explain);
 }
 
 int print(const SelectionResult& result, const SelectOptions& options, const Drawings& drawings,

@@ -165,10 +165,9 @@ bool takePlan(const SelectOptions& options, const std::string& command, SelectPl
 }
 
 void addHostOptions(CLI::App& command, SelectOptions& options) {
-  addOption(
-      command, "HOST", "[HOST[:PORT]...]", options.hosts,
-      "Hosts to measure in place of all profiles: names and addresses, an IPv6 address with a "
-      "port in brackets; @FILE and - (standard input) stand for the hosts there, one a line");
+  addOption(command, "HOST", "[HOST[:PORT]...]", options.hosts,
+            "Hosts to measure in place of all profiles; @FILE and - (standard input) stand for "
+            "those there, one a line");
   addFileOptions(command, options);
   addOption(
       command, "--last", "NAME", options.last,

@@ -304,7 +304,10 @@ std::shared_ptr<SelectionRecord> Selecting::record(unsigned int reason) const {
     hosts.push_back(candidate.place.first);
     terms.headends.push_back(candidate.headend);
   }
-  m_plan.way->findNat64(hosts);
+  const std::string warning = m_plan.way->findNat64(hosts);
+  if (!warning.empty() && isNew(warning, m_told)) {
+    Console::complain(warning);
+  }
   auto record = std::make_shared<RoutedRecord>(m_plan.way);
   terms.way = m_plan.way->words();
   if (m_plan.secure) {

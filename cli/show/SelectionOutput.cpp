@@ -171,11 +171,15 @@ Json probeAsJson(const HttpProbe::Report& probe) {
            probe.doubt == RoundTripDoubt::None ? Json(nullptr) : Json(doubtName(probe.doubt))}};
 }
 
-std::string textOutput(const SelectionResult& result) {
+std::string textOutput(const SelectionResult& result, bool explains) {
   const std::string text = listsOf(result) + "Status: " + statusInWords(result) + " (" +
                            statusAsHex(result.status) + " " + statusCodeName(result.status) + ")\n";
   const std::string proxy = proxyInWords(result);
-  return text + (proxy.empty() ? "" : "Test probe: " + proxy + "\n");
+  const Decision decision = decisionOf(result);
+  const bool staysThoughFarther = decision.isRetained && decision.best != decision.last;
+  return (staysThoughFarther && !explains ? decisionInWords(result) + "\n" : "") + text +
+         (proxy.empty() ? "" : "Test probe: " + proxy + "\n") +
+         (explains ? explanation(result) : "");
 }
 
 std::string jsonOutput(const SelectionResult& result) {

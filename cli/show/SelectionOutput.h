@@ -6,9 +6,9 @@
 #include "cli/show/SelectionResult.h"
 #include "vpn/Common/IP/HttpProbe.h"
 
-/// The result for a person: the ordered list, the headends without a result
-/// and why, and the status in words. Ends with a line feed.
-std::string textOutput(const SelectionResult& result);
+/// The result for a person: why the last headend stays, the ordered list, the headends without a
+/// result and why, and the status in words; `explains` adds the explanation. Ends with a line feed.
+std::string textOutput(const SelectionResult& result, bool explains = false);
 
 /// The result as one JSON object and a line feed; docs/cli.md describes the members.
 std::string jsonOutput(const SelectionResult& result);

@@ -121,16 +121,17 @@ TEST_F(SelectCommandTest, AProxyThatDoesNotServeIsToldWithWhatItCost) {
 
 TEST_F(SelectCommandTest, ProbesLeaveByTheWayThatTheOptionsName) {
   const Gateway gateway(Near);
-  for (const auto& [option, value, exitStatus] : {std::tuple{"-4", "--no-cache", 0},
-                                                  {"-6", "--no-cache", 1},
-                                                  {"--source", "127.0.0.3", 0},
-                                                  {"--source", "::1", 1},
-                                                  {"--interface", "lo", 0},
-                                                  {"--interface", "no-such", 2},
-                                                  {"--source", "192.0.2.1", 2}}) {
+  for (const auto& [option, value, exitStatus, says] :
+       {std::tuple{"-4", "--no-cache", 0, ""},
+        {"-6", "--no-cache", 1, "this network has no NAT64"},
+        {"--source", "127.0.0.3", 0, ""},
+        {"--source", "::1", 1, "no headend was selected"},
+        {"--interface", "lo", 0, ""},
+        {"--interface", "no-such", 2, "--interface: No such device. 'ip address' shows"},
+        {"--source", "192.0.2.1", 2, "--source: Cannot assign requested address."}}) {
     const Outcome outcome = run({"select", gateway.address(), option, value});
     EXPECT_EQ(outcome.exitStatus, exitStatus) << option << outcome.err;
-    EXPECT_THAT(outcome.err, exitStatus == 2 ? HasSubstr("'ip address' shows") : HasSubstr(""));
+    EXPECT_THAT(outcome.err, HasSubstr(says));
   }
   EXPECT_EQ(run({"probe", gateway.address(), "-c", "1", "-4"}).exitStatus, 0);
   EXPECT_THAT(run({"probe", gateway.address(), "-c", "1", "-6"}).out,

@@ -102,6 +102,16 @@ TEST(TextOutput, TellsLostProbesAndTenthsWhereOnlyTheyDiffer) {
                         "   3. c            192.0.2.7  21 ms\n"));
 }
 
+TEST(TextOutput, SaysWhyAHeadendStaysThatIsNotTheNearest) {
+  SelectionResult result = measured({headend("far", 21), headend("near", 20)});
+  EXPECT_THAT(textOutput(result), testing::StartsWith("Headends, in order of choice:\n"));
+  result.reason = 1;
+  result.last = "far";
+  EXPECT_THAT(textOutput(result),
+              testing::StartsWith("Stays with far: 21 ms, less than 1.20 times the best metric, "
+                                  "20 ms of near.\nHeadends, in order of choice:\n"));
+}
+
 TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {"gw-a"});
   result.results = {headend("gw-a", std::nullopt)};

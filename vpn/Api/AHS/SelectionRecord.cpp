@@ -210,6 +210,7 @@ std::vector<CHeadendRTT> SelectionRecord::order() const {
   }
   std::ranges::sort(answered);
   std::vector<CHeadendRTT> headends;
+  headends.reserve(answered.size());
   for (const auto& [rank, headend] : answered) {
     headends.emplace_back(headend, std::get<2>(rank));
   }

@@ -294,6 +294,14 @@ TEST_F(SelectionCache, DoesNotKeepWhatACancelledSelectionHasMeasured) {
   EXPECT_FALSE(has("gw-a;"));
 }
 
+TEST_F(SelectionCache, KeepsWhatWasMeasuredUntilTheDecision) {
+  const auto record = std::make_shared<SelectionRecord>();
+  const CTask::Scope scope(record);
+  record->cutShort();
+  EXPECT_EQ(store("gw-a;"), HEADENDSELECTION_SUCCESS);
+  EXPECT_TRUE(has("gw-a;"));
+}
+
 TEST_F(SelectionCache, DoesNotKeepWhatWasMeasuredWhileThisMachineLackedSomething) {
   const CacheHold cache;
   CCacheEntry before = entryOf("gw-a;", {{"gw-a", 40}});

@@ -38,7 +38,7 @@ std::string SelectionKey::canonical(const std::string& knownHeadends) {
   std::vector<std::string> candidates = candidatesOf(knownHeadends);
   std::ranges::transform(candidates, candidates.begin(), inCacheSpelling);
   std::ranges::sort(candidates);
-  candidates.erase(std::ranges::unique(candidates).begin(), candidates.end());
+  candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
   std::string key;
   for (const std::string& candidate : candidates) {
     key.append(candidate).append(1, ';');

@@ -167,6 +167,23 @@ std::optional<Piece> redirectToItself(const Request&, std::size_t index) {
   return Piece{"HTTP/1.1 302 Found\r\nLocation: /\r\nContent-Length: 0\r\n\r\n", {}};
 }
 
+std::optional<Piece> redirectToALogin(const Request& request, std::size_t index) {
+  if (index > 0) return {};
+  std::string answer = response(request, "302 Found", "Sign in");
+  answer.insert(answer.find('\r') + 2, "Location: http://login.portal.example/?from=gateway\r\n");
+  return Piece{answer, {}};
+}
+
+std::optional<Piece> loginPage(const Request& request, std::size_t index) {
+  if (index > 0) return {};
+  return Piece{response(request, "200 OK", "Sign in"), {}};
+}
+
+std::optional<Piece> busy(const Request& request, std::size_t index) {
+  if (index > 0) return {};
+  return Piece{response(request, "503 Service Unavailable", "Busy"), {}};
+}
+
 /// Control sequences for terminals and for printf, where programs often show a server's text.
 std::optional<Piece> controlSequences(const Request&, std::size_t index) {
   if (index > 0) return {};
@@ -324,6 +341,9 @@ constexpr std::array Behaviours = {
     answers("bomb-br", "the same for br, 600,000 times", brotliBomb),
     answers("interim-flood", "announces an answer for ever, with 100 Continue", interimFlood),
     answers("redirect-loop", "redirects to the same address", redirectToItself, Afterwards::Keep),
+    answers("portal", "redirects to a login, as a captive portal does", redirectToALogin),
+    answers("portal-page", "shows a login in place of the answer", loginPage),
+    answers("busy", "answers 503", busy),
     answers("escapes", "answers with what terminals and printf obey", controlSequences),
     answers("challenge", "demands a login for a realm that terminals and printf obey",
             controlSequencesInARealm),
@@ -349,6 +369,8 @@ constexpr std::array Behaviours = {
               withFlaw(CertificateFlaw::SelfSigned)),
     webServer("wrong-host", "as normal, with another host's certificate",
               withFlaw(CertificateFlaw::OtherHost)),
+    webServer("inspector", "as normal, with a certificate of an inspector of TLS",
+              withFlaw(CertificateFlaw::Inspected)),
     webServer("client-certificate-12", "as normal, demands a client certificate under TLS 1.2",
               wantsCertificate(TLS1_2_VERSION)),
     webServer("client-certificate-13", "as normal, demands a client certificate under TLS 1.3",

@@ -60,19 +60,25 @@ void addExtension(X509* certificate, X509* issuer, int kind, const std::string& 
   X509_EXTENSION_free(extension);
 }
 
+OpenSslPtr<X509> makeAuthority(const std::string& commonName, EVP_PKEY* key) {
+  auto certificate = makeCertificate(commonName, key);
+  X509* self = certificate.get();
+  X509_set_issuer_name(self, X509_get_subject_name(self));
+  addExtension(self, self, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
+  addExtension(self, self, NID_key_usage, "critical,keyCertSign,cRLSign");
+  addExtension(self, self, NID_subject_key_identifier, "hash");
+  if (X509_sign(self, key, EVP_sha256()) == 0) fail("X509_sign");
+  return certificate;
+}
+
 }  // namespace
 
 CertificateAuthority::CertificateAuthority()
     : m_key(makeKey()),
       m_serverKey(makeKey()),
-      m_certificate(makeCertificate("Simulated gateways' authority", m_key.get())) {
-  X509* self = m_certificate.get();
-  X509_set_issuer_name(self, X509_get_subject_name(self));
-  addExtension(self, self, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
-  addExtension(self, self, NID_key_usage, "critical,keyCertSign,cRLSign");
-  addExtension(self, self, NID_subject_key_identifier, "hash");
-  if (X509_sign(self, m_key.get(), EVP_sha256()) == 0) fail("X509_sign");
-}
+      m_certificate(makeAuthority("Simulated gateways' authority", m_key.get())),
+      m_inspectorKey(makeKey()),
+      m_inspectorCertificate(makeAuthority("Simulated inspector", m_inspectorKey.get())) {}
 
 void CertificateAuthority::write(const std::string& path) const {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "we"),
@@ -98,14 +104,19 @@ OpenSslPtr<X509> CertificateAuthority::issue(const IpAddress& address,
   }
 
   const bool selfSigned = flaw == CertificateFlaw::SelfSigned;
-  X509* const issuer = selfSigned ? certificate.get() : m_certificate.get();
+  const bool inspected = flaw == CertificateFlaw::Inspected;
+  X509* const issuer = selfSigned  ? certificate.get()
+                       : inspected ? m_inspectorCertificate.get()
+                                   : m_certificate.get();
   X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer));
   addExtension(certificate.get(), issuer, NID_basic_constraints, "critical,CA:FALSE");
   addExtension(certificate.get(), issuer, NID_ext_key_usage, "serverAuth");
   addExtension(certificate.get(), issuer, NID_subject_alt_name, alternatives);
   // A self-signed certificate has no key of an authority to name.
   if (!selfSigned) addExtension(certificate.get(), issuer, NID_authority_key_identifier, "keyid");
-  EVP_PKEY* const key = selfSigned ? m_serverKey.get() : m_key.get();
+  EVP_PKEY* const key = selfSigned  ? m_serverKey.get()
+                        : inspected ? m_inspectorKey.get()
+                                    : m_key.get();
   if (X509_sign(certificate.get(), key, EVP_sha256()) == 0) fail("X509_sign");
   return certificate;
 }

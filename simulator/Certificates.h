@@ -23,7 +23,8 @@ template <typename T>
 using OpenSslPtr = std::unique_ptr<T, OpenSslDeleter>;
 
 /// The fault in a server's certificate.
-enum class CertificateFlaw { None, Expired, NotYetValid, SelfSigned, OtherHost };
+/// `Inspected`: an inspector's authority has issued it.
+enum class CertificateFlaw { None, Expired, NotYetValid, SelfSigned, OtherHost, Inspected };
 
 /// A certificate authority that lives as long as the process. Its key is only in memory, so
 /// trusting its certificate means trusting only this run.
@@ -47,6 +48,8 @@ class CertificateAuthority {
   OpenSslPtr<EVP_PKEY> m_key;
   OpenSslPtr<EVP_PKEY> m_serverKey;
   OpenSslPtr<X509> m_certificate;
+  OpenSslPtr<EVP_PKEY> m_inspectorKey;
+  OpenSslPtr<X509> m_inspectorCertificate;
 };
 
 }  // namespace simulator

@@ -139,7 +139,8 @@ std::vector<unsigned char> answerTo(const std::vector<unsigned char>& question,
   const auto asked = question.size() > HeaderBytes ? parse(question) : std::nullopt;
   if (!asked) return {};
   Message message(question, asked->end);
-  const auto found = answers.find(asked->name);
+  auto found = answers.find(asked->name);
+  if (found == answers.end()) found = answers.find("*");
   if (found == answers.end()) {
     message.fail(NoSuchName);
     return message.take();

@@ -97,11 +97,19 @@ void configure(const std::string& commands, bool essential) {
   if (status != 0 && essential) throw std::runtime_error("ip(8) could not set up the network");
 }
 
+/// A gateway at no address in particular is at all of them.
+bool isAll(const IpAddress& address) { return address.text() == "0.0.0.0"; }
+
+bool answersForAll(const Scene& scene) {
+  return std::ranges::any_of(scene.gateways, isAll, &Gateway::address);
+}
+
 void checkAddresses(const Scene& scene) {
   const auto check = [](const IpAddress& address) {
     const std::string text = address.text();
     const auto& bytes = address.bytes();
     constexpr unsigned char V6Prefix[8] = {0xFD, 0x77};
+    if (isAll(address)) return;
     const bool inRange = address.isV4() ? bytes[12] == 10 && bytes[13] == 77
                                         : std::equal(bytes.begin(), bytes.begin() + 8, V6Prefix);
     if (!inRange) throw SceneError(text + ": expected an address of 10.77.0.0/16 or fd77::/64");
@@ -135,7 +143,8 @@ Network Network::make(const Scene& scene) {
   network.gatewayTun = openTun();
   configure("link set dev lo up\n" + std::string(TunSettings) +
                 "route add 10.76.0.1/32 dev wan0\n"
-                "route add local 10.77.0.0/16 dev lo\n",
+                "route add local " +
+                (answersForAll(scene) ? "default dev lo table main\n" : "10.77.0.0/16 dev lo\n"),
             true);
   configure("route add fd76::1/128 dev wan0\nroute add local fd77::/64 dev lo\n", needsV6);
   network.gatewayNamespace = FileDescriptor(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
@@ -148,10 +157,10 @@ Network Network::make(const Scene& scene) {
   network.clientTun = openTun();
   configure("link set dev lo up\n" + std::string(TunSettings) +
                 "address add 10.76.0.1/32 dev wan0\n"
-                "route add 10.77.0.0/16 dev wan0\n",
+                "route add default dev wan0\n",
             true);
   configure(LocalNetwork, false);
-  configure("address add fd76::1/128 dev wan0 nodad\nroute add fd77::/64 dev wan0\n", needsV6);
+  configure("address add fd76::1/128 dev wan0 nodad\nroute add default dev wan0\n", needsV6);
   return network;
 }
 

@@ -236,7 +236,7 @@ void Scene::addLine(std::string_view line) {
     constexpr std::size_t MostAddresses = 1000;
     expectWords(3, 3 + MostAddresses,
                 "expected: answer NAME [failure|silence|loop|odd-name|garbage] [ADDRESS...]");
-    answers[inLowerCase(parseName(words[1]))] = parseAnswer(words);
+    answers[words[1] == "*" ? "*" : inLowerCase(parseName(words[1]))] = parseAnswer(words);
   } else {
     refuse(kind, "expected path, gateway, name, resolver or answer");
   }

@@ -102,8 +102,9 @@ class SceneError : public std::runtime_error {
 ///     gateway ADDRESS:PORT [delay=MS] [behaviour=NAME]
 ///     name NAME ADDRESS
 ///     resolver ADDRESS
-///     answer NAME [failure|silence|loop|odd-name|garbage] [ADDRESS...]
+///     answer NAME|* [failure|silence|loop|odd-name|garbage] [ADDRESS...]
 ///
+/// A gateway at 0.0.0.0 answers for every address, `answer *` for every name without its own.
 /// Milliseconds and per cent may have decimals. Brackets enclose an IPv6 address before a port.
 /// Gateways and network read the same file; each uses its own lines.
 struct Scene {

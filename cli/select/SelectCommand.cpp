@@ -78,7 +78,7 @@ std::string textOf(const SelectionResult& result, const SelectOptions& options) 
 
 int print(const SelectionResult& result, const SelectOptions& options, const Drawings& drawings,
           const SelectPlan& plan) {
-  int exitStatus = exitStatusOf(result.status);
+  int exitStatus = exitStatusOf(result);
   if (!drawings.page.isText() && !drawings.picture.isText()) {
     exitStatus = Console::writeResult(textOf(result, options), exitStatus);
   }
@@ -163,8 +163,8 @@ void addSelectCommand(CLI::App& tool, ChosenCommand& chosen) {
       "  ahs select gw1.example.com gw2.example.com:8443\n"
       "  ahs select --reason reconnection --last Berlin\n"
       "  ahs select --json --no-cache | jq '.headends[0]'\n"
-      "Exit status: 0 selected, 1 nothing could be measured, 2 usage or configuration,\n"
-      "3 a proxy asks for a login and was given none or a wrong one,\n"
+      "Exit status: 0 selected, 1 nothing could be measured, or not the headends,\n"
+      "2 usage or configuration, 3 a proxy asks for a login and was given none or a wrong one,\n"
       "128 + number of the signal that ended it.");
   command->callback([&chosen, options] {
     options->untilDecided = options->quiet && !options->html && !options->svg;

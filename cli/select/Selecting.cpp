@@ -100,7 +100,7 @@ namespace {
 using std::chrono::milliseconds;
 
 /// The record of a selection whose probes leave by the way that the options name.
-class RoutedRecord : public SelectionRecord {
+class RoutedRecord : public BaitedRecord {
  public:
   explicit RoutedRecord(std::shared_ptr<const ProbeWay> way) : m_way(std::move(way)) {}
 
@@ -297,7 +297,7 @@ std::optional<SelectionResult> Selecting::run(const std::optional<Secret>& passw
 }
 
 /// A record for a run that is about to start.
-std::shared_ptr<SelectionRecord> Selecting::record(unsigned int reason) const {
+std::shared_ptr<BaitedRecord> Selecting::record(unsigned int reason) const {
   std::vector<std::string> hosts;
   SelectionRecord::Terms terms;
   for (const Candidate& candidate : m_candidates) {
@@ -424,6 +424,7 @@ SelectionResult Selecting::resultOf(unsigned int reason, bool hadLogin) const {
   }
   result.results = collectResults(result.headends, m_candidates, m_recorder->tracks(), records,
                                   result.fromCache, m_recorder->shortage());
+  tellDoubt(result);
   return result;
 }
 
@@ -435,7 +436,28 @@ void Selecting::tellRules(SelectionResult& result) const {
   result.measure = roundTripMeasure();
 }
 
+/// A doubt counts if it concerns the chosen headend. What failed is looked into too.
+void Selecting::tellDoubt(SelectionResult& result) const {
+  const bool isSelected = exitStatusOf(result.status) == ExitSelected;
+  if (!isSelected && exitStatusOf(result.status) != ExitNotMeasured) {
+    return;
+  }
+  if (!isSelected) {
+    m_recorder->awaitFailingBaits();
+  }
+  SelectionDoubt doubt = doubtOf(m_recorder->tracks(), m_recorder->baits());
+  const auto chosen = std::ranges::find_if(m_candidates, [&](const Candidate& candidate) {
+    return !result.headends.empty() && candidate.headend == result.headends.front();
+  });
+  if (!isSelected || (chosen != m_candidates.end() && doubt.places.contains(chosen->place))) {
+    result.doubt = std::move(doubt);
+  }
+}
+
 void Selecting::endRun() {
+  if (m_recorder != nullptr) {
+    m_recorder->endBaits();
+  }
   if (m_run != nullptr) {
     m_run->waitForEnd(LongestWait);
   }
@@ -446,6 +468,7 @@ int Selecting::leave(int exitStatus) {
   if (m_run != nullptr && !m_run->waitForDelivery({})) {
     m_recorder->cutShort();
   }
+  m_recorder->endBaits();
   if (m_run != nullptr && !m_run->waitForEnd(LongestRunEnd)) {
     // Waiting threads must not see exit handlers free what they use, and their run would release
     // the cache too late.

@@ -10,6 +10,7 @@
 
 #include "cli/login/Credentials.h"
 #include "cli/login/ProxyLogin.h"
+#include "cli/select/BaitedRecord.h"
 #include "cli/select/SelectOptions.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/AHSSettings.h"
@@ -67,11 +68,12 @@ class Selecting {
   void noteUnknownLast() const;
   bool runOnce(unsigned int reason, ProxyLogin& login, bool showsProgress, bool untilDecided);
   bool isOver(std::chrono::milliseconds longest, bool untilDecided);
-  std::shared_ptr<SelectionRecord> record(unsigned int reason) const;
+  std::shared_ptr<BaitedRecord> record(unsigned int reason) const;
   LiveState look(unsigned int reason) const;
   SelectionResult resultOf(unsigned int reason, bool hadLogin) const;
   SelectionResult soFar() const;
   void tellRules(SelectionResult& result) const;
+  void tellDoubt(SelectionResult& result) const;
   void endRun();
 
   const SelectPlan& m_plan;
@@ -82,7 +84,7 @@ class Selecting {
   std::unique_ptr<CSelectionCache, ReleaseCache> m_cache;
   std::vector<Candidate> m_candidates;
   HS_SETTINGS m_settings{};
-  std::shared_ptr<SelectionRecord> m_recorder;
+  std::shared_ptr<BaitedRecord> m_recorder;
   std::unique_ptr<SelectionRun> m_run;  // null when none is under way
   const bool m_isReady;
 };

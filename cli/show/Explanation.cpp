@@ -91,8 +91,10 @@ std::string line(const std::string& label, const std::string& text) {
 }
 
 std::string describe(const HeadendResult& headend) {
+  const std::string words = outcomeInWords(headend);
   const std::string samples =
-      headend.samplesMs.empty() ? "" : " (samples " + samplesText(headend.samplesMs, ", ") + ")";
+      (headend.samplesMs.empty() ? "" : " (samples " + samplesText(headend.samplesMs, ", ") + ")") +
+      (words == outcomeName(headend.outcome) ? "" : ", " + words);
   return name(headend) + "  " +
          (headend.metricMs ? inMs(*headend.metricMs) + samples
                            : std::string("no metric: ") + outcomeName(headend.outcome));
@@ -249,7 +251,7 @@ Decision decisionOf(const SelectionResult& result) {
 
 std::string decisionInWords(const SelectionResult& result) {
   const Decision decision = decisionOf(result);
-  if (decision.best == nullptr || exitStatusOf(result.status) != ExitSelected) {
+  if (decision.best == nullptr || exitStatusOf(result) != ExitSelected) {
     return statusInWords(result);
   }
   const std::string best = inMs(*decision.best->metricMs);
@@ -267,7 +269,9 @@ std::string decisionInWords(const SelectionResult& result) {
 
 std::string reasonsInWords(const SelectionResult& result) {
   const Decision decision = decisionOf(result);
-  return line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best)) +
+  const std::string doubt = doubtInWords(result.doubt);
+  return (doubt.empty() ? "" : line("doubt", doubt)) +
+         line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best)) +
          lastLine(result, decision) + ruleLines(result, decision) + sourceLine(result) +
          proxyLine(result) + missingLines(result) + evidenceLines(result, decision) +
          earlyLines(result, decision);

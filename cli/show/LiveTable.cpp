@@ -159,6 +159,8 @@ LiveRow liveRowOf(const Candidate& candidate, const SelectionRecord::Track* trac
   } else if (track->ended.size() < probes) {
     row.waitsFor = "waits for answer " + std::to_string(track->ended.size() + 1) + " of " +
                    std::to_string(probes);
+  } else if (!track->ended.empty() && isServerError(track->ended.back().httpStatus)) {
+    row.waitsFor = outcomeInWords(HeadendOutcome::Answered, track->ended.back().httpStatus);
   }
   return row;
 }

@@ -145,7 +145,7 @@ std::string bar(const HeadendResult& headend, const Scale& scale, double middle,
 std::string row(const HeadendResult& headend, const Scale& scale, double middle, bool isFirst) {
   // People look for the name; the row's title has name and address.
   const std::string name = nameBeside(headend.headend, headend.name);
-  const std::string outcome = asXmlText(outcomeName(headend.outcome));
+  const std::string outcome = asXmlText(outcomeInWords(headend));
   return "<g><title>" + asXmlText(titleOf(headend)) + ": " + outcome + "</title>\n" +
          text(Margin, middle + Base, "",
               asXmlText(shortened(Console::visible(name.empty() ? headend.headend : name)))) +
@@ -190,7 +190,7 @@ std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen,
          cell(rank == 0 ? "" : std::to_string(rank), true) + cell(headend.headend) +
          (named ? cell(nameBeside(headend.headend, headend.name)) : "") +
          cell(headend.metricMs ? std::to_string(*headend.metricMs) : "", true) +
-         cell(samplesText(headend.samplesMs, " ")) + cell(outcomeName(headend.outcome)) +
+         cell(samplesText(headend.samplesMs, " ")) + cell(outcomeInWords(headend)) +
          cell(inMs(probe.networkRttUs), true) + cell(inMs(probe.responseRttUs), true) +
          cell(probe.address) + "</tr>\n";
 }

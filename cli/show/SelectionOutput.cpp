@@ -23,6 +23,7 @@ Json headendAsJson(const HeadendResult& headend) {
           {"metricMs", orNull(headend.metricMs)},
           {"samplesMs", headend.samplesMs},
           {"outcome", outcomeName(headend.outcome)},
+          {"httpStatus", headend.httpStatus() == 0 ? Json(nullptr) : Json(headend.httpStatus())},
           {"probes", probes}};
 }
 
@@ -57,6 +58,8 @@ Json decisionAsJson(const SelectionResult& result) {
           {"ratio", orNull(decision.ratio)},
           {"threshold", orNull(decision.threshold)},
           {"retained", decision.isRetained},
+          {"doubt", orNull(doubtName(result.doubt))},
+          {"doubtWords", orNull(doubtInWords(result.doubt))},
           {"earlyAnswers", early},
           {"evidence", evidence},
           {"decided", decided}};
@@ -91,9 +94,10 @@ std::string describe(const HeadendResult* headend, const SelectionResult& result
            (headend == nullptr ? "" : std::string(" (") + outcomeName(headend->outcome) + ")");
   }
   std::vector<std::string> notes;
-  if (headend->outcome != HeadendOutcome::Answered &&
+  if (const std::string words = outcomeInWords(*headend);
+      words != outcomeName(HeadendOutcome::Answered) &&
       headend->outcome != HeadendOutcome::FromCache) {
-    notes.emplace_back(outcomeName(headend->outcome));
+    notes.push_back(words);
   }
   if (const std::size_t lost = lostProbes(*headend); lost > 0) {
     notes.push_back(std::to_string(lost) + " of " + std::to_string(headend->probes.size()) +
@@ -208,5 +212,5 @@ std::string jsonOutput(const SelectionResult& result) {
 }
 
 std::string quietOutput(const SelectionResult& result) {
-  return result.headends.empty() ? "" : result.headends.front() + "\n";
+  return result.headends.empty() || result.doubt.isThere() ? "" : result.headends.front() + "\n";
 }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "cli/Console.h"
 #include "cli/ExitStatus.h"
 #include "cli/Wording.h"
 #include "cli/login/ProxyLogin.h"
@@ -138,6 +139,45 @@ int exitStatusOf(STATUSCODE status) {
   }
 }
 
+int exitStatusOf(const SelectionResult& result) {
+  const int status = exitStatusOf(result.status);
+  return status == ExitSelected && result.doubt.isThere() ? ExitNotMeasured : status;
+}
+
+std::string doubtName(const SelectionDoubt& doubt) {
+  static const char* const names[] = {"",      "no network",  "portal",
+                                      "reset", "one address", "inspector"};
+  return names[static_cast<std::size_t>(doubt.kind)];
+}
+
+std::string doubtInWords(const SelectionDoubt& doubt) {
+  const std::string what = Console::inQuotes(doubt.leadsTo);
+  switch (doubt.kind) {
+    case SelectionDoubt::Kind::None:
+      return "";
+    case SelectionDoubt::Kind::NoNetwork:
+      return "This machine has no network: no route leads anywhere. Connect it and select again.";
+    case SelectionDoubt::Kind::Portal:
+      return "A captive portal answers in place of the headends" +
+             (doubt.leadsTo.empty() ? "" : " and leads to " + what) +
+             ". Open a browser, sign in to this network, and select again.";
+    case SelectionDoubt::Kind::Reset:
+      return "This network ends connections to everywhere itself, even to an address that nobody "
+             "has. Open a browser in case it asks for a login, or ask who runs the network which "
+             "ports it lets through.";
+    case SelectionDoubt::Kind::OneAddress:
+      return "The name server of this network leads the headends' names to " +
+             Console::visible(doubt.leadsTo) +
+             ", where they are not. Open a browser in case the network asks for a login, set "
+             "another name server, or name the headends by their addresses.";
+    case SelectionDoubt::Kind::Inspector:
+      return "All headends show a certificate of one issuer that is not trusted, " + what +
+             ": something on this network reads TLS, or the headends have an authority of their "
+             "own, whose certificate --cacert FILE names.";
+  }
+  return "";
+}
+
 std::string statusAsHex(STATUSCODE status) {
   char text[32];
   snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(status));
@@ -153,6 +193,9 @@ std::string cacheAgeInWords(const SelectionResult& result) {
 std::string statusInWords(const SelectionResult& result) {
   const std::string kept =
       result.headends.empty() ? "" : " The last headend is kept without a measurement.";
+  if (exitStatusOf(result.status) == ExitSelected && result.doubt.isThere()) {
+    return "Not selected: what was measured may not be the headends.";
+  }
   switch (result.status) {
     case HEADENDSELECTION_SUCCESS:
       return "Remembered from " + cacheAgeInWords(result) + "; the first one still answers.";
@@ -194,6 +237,9 @@ std::string libraryProblem(STATUSCODE status) {
 }
 
 std::string adviceFor(const SelectionResult& result, const std::string& profilePlaces) {
+  if (result.doubt.isThere()) {
+    return doubtInWords(result.doubt);
+  }
   switch (result.status) {
     case HEADENDSELECTION_SUCCESS:
     case HEADENDSELECTION_ERROR_ADDED_TO_CACHE:

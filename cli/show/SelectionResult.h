@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "vpn/Api/AHS/HeadendResult.h"
+#include "vpn/Api/AHS/SelectionDoubt.h"
 #include "vpn/Api/AHS/SelectionRules.h"
 #include "vpn/include/StatusCode.h"
 
@@ -27,6 +28,7 @@ struct SelectionResult {
   std::optional<HttpProbe::Report> testProbe;  ///< if one was sent
   std::string proxy;                           ///< host and port of its proxy, if they are known
   std::optional<SelectionRecord::Decided> decided;  ///< before the end; nothing if it never was
+  SelectionDoubt doubt;  ///< why the chosen headend may be none, or why none was measured
   /// The delivered headends in their order, then the other candidates in theirs.
   std::vector<HeadendResult> results;
 };
@@ -58,6 +60,15 @@ int exitStatusOf(STATUSCODE status);
 
 /// When a remembered selection was measured: "3 minutes ago".
 std::string cacheAgeInWords(const SelectionResult& result);
+
+/// The same, but not "selected" if what was measured may not be the headends.
+int exitStatusOf(const SelectionResult& result);
+
+/// The doubt and what to do, as sentences; empty for none.
+std::string doubtInWords(const SelectionDoubt& doubt);
+
+/// The kind of doubt, one word for programs; empty for none.
+std::string doubtName(const SelectionDoubt& doubt);
 
 /// A status in words, a whole sentence.
 std::string statusInWords(const SelectionResult& result);

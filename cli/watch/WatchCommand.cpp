@@ -200,7 +200,7 @@ class Watch {
       m_hasFailed = true;
       return cause == Start ? std::optional<int>(ExitNotMeasured) : std::nullopt;
     }
-    const int status = exitStatusOf(result->status);
+    const int status = exitStatusOf(*result);
     if (status == ExitProxyAsks) {
       Console::complain(adviceFor(*result, m_plan.profilePlaces));
       return status;
@@ -225,8 +225,9 @@ class Watch {
 
   void noteFailure(const SelectionResult& result, bool hasFailed) {
     if (hasFailed && !m_hasFailed) {
-      Console::complain(statusInWords(result) + " It is tried again every " +
-                        std::to_string(interval(true).count()) +
+      const std::string doubt = doubtInWords(result.doubt);
+      Console::complain((doubt.empty() ? statusInWords(result) : doubt) +
+                        " It is tried again every " + std::to_string(interval(true).count()) +
                         " s, and when the network changes.");
     } else if (!hasFailed && m_hasFailed) {
       Console::complain("headends can be measured again.");

@@ -1,8 +1,10 @@
-// Networks and gateways that pretend to be near: the real command in a simulated network. Skipped
-// where no network can be made.
+// Networks and gateways that pretend to be near, and networks in which something else answers: the
+// real command in a simulated network. Skipped where none can be made.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -14,8 +16,13 @@ namespace tests {
 namespace {
 
 using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
 
+/// The status "skipped" of automake and ctest.
 constexpr int NotPermitted = 77;
+
 constexpr int NearMs = 20;
 
 /// How gateways at 60 ms and more lie, and whether the nearest does, too.
@@ -31,22 +38,27 @@ struct LIE {
 
 class LyingNetworks : public CommandTest {
  protected:
-  json select(const std::string& scene) const {
-    writeFile("scene", scene);
-    writeFile("default.xml", "<preferences version=\"1\"/>\n");
-    writeFile(
-        "command",
-        "exec env -i HOME=" + home +
-            " " AHS_PROGRAM
-            " select --json --no-cache --preferences default.xml 10.77.0.5 10.77.0.2 10.77.0.1 "
-            "10.77.0.3 10.77.0.4 </dev/null >out 2>err");
-    ChildProcess wan({AHS_WAN, "--config", "scene", "--servers", AHS_GATEWAYS " --config scene",
-                      "--", "/bin/sh", "command"},
+  /// Runs a shell's command in a scene; `$AHS` is the command under test.
+  int inScene(const std::string& scene, const std::string& command) const {
+    writeFile("scene", "path default rtt=4\n" + scene);
+    writeFile("command", "AHS='env -i HOME=" + home + " " + AHS_PROGRAM + "'\nexec >out 2>err\n" +
+                             command + "\n");
+    ChildProcess wan({AHS_WAN, "--config", "scene", "--servers",
+                      std::string(AHS_GATEWAYS) + " --config scene", "--", "/bin/sh", "command"},
                      home + "/wan", home);
     EXPECT_TRUE(wan.WaitForEnd(Limit));
-    return wan.ExitStatus() == NotPermitted ? json()
-                                            : json::parse(readFile(home + "/out"), nullptr, false);
+    return wan.ExitStatus();
   }
+  /// The command's object for five gateways; none where no network can be made.
+  json selectFive(const std::string& scene) const {
+    writeFile("default.xml", "<preferences version=\"1\"/>\n");
+    const int status = inScene(
+        scene,
+        "$AHS select --json --no-cache --preferences default.xml 10.77.0.5 10.77.0.2 10.77.0.1 "
+        "10.77.0.3 10.77.0.4");
+    return status == NotPermitted ? json() : json::parse(readFile(home + "/out"), nullptr, false);
+  }
+  std::string told() const { return readFile(home + "/err"); }
 };
 
 TEST_F(LyingNetworks, DoNotMakeAFarGatewayTheNearest) {
@@ -71,7 +83,7 @@ TEST_F(LyingNetworks, DoNotMakeAFarGatewayTheNearest) {
                ":443" + (lies && lie.isNear && !lie.isAnswered ? " delay=" + rest : "") +
                (lies ? lie.gateway : "") + "\n";
     }
-    const json object = select(scene);
+    const json object = selectFive(scene);
     if (object.is_null()) {
       GTEST_SKIP() << readFile(home + "/wan");
     }
@@ -80,6 +92,71 @@ TEST_F(LyingNetworks, DoNotMakeAFarGatewayTheNearest) {
     EXPECT_EQ(object.at("results").at(1).at("probes").front().at("evidence"), lie.evidence)
         << lie.what;
   }
+}
+
+TEST_F(LyingNetworks, AreNamedAndNothingIsSelectedInThemOrRemembered) {
+  struct Case {
+    std::string scene;
+    std::string arguments;
+    const char* doubt;
+    const char* words;
+  };
+  const std::string sinkhole = "resolver 10.77.0.53\ngateway 10.77.0.9:443\nanswer * ";
+  const std::string all = "gateway 0.0.0.0:443 behaviour=";
+  const std::string hosts = " 10.77.0.1 10.77.0.2";
+  for (const Case& each :
+       {Case{all + "portal\n", hosts, "portal", "leads to 'login.portal.example'"},
+        Case{all + "portal-page\n", hosts, "portal", "Open a browser, sign in"},
+        Case{all + "resets\n", hosts, "reset", "ends connections to everywhere itself"},
+        Case{all + "refuse\n", hosts, "reset", "ends connections to everywhere itself"},
+        Case{sinkhole + "10.77.0.9\n", " a.example b.example", "one address", "to 10.77.0.9,"},
+        Case{sinkhole + "0.0.0.0\n", " a.example", "one address", "to this machine,"},
+        Case{all + "inspector\n",
+             hosts + " --proxy 10.77.0.3:1 --proxy-user u --proxy-password-fd 3 3<password",
+             "inspector", "Simulated inspector"}}) {
+    writeFile("password", "p");
+    const int status =
+        inScene(each.scene, "$AHS select --explain" + each.arguments +
+                                " && echo selected\n$AHS select --json" + each.arguments);
+    if (status == NotPermitted) {
+      GTEST_SKIP() << readFile(home + "/wan");
+    }
+    EXPECT_EQ(1, status) << each.scene << told();
+    const std::string output = readFile(home + "/out");
+    EXPECT_THAT(told(), HasSubstr(each.words)) << each.scene;
+    EXPECT_THAT(output, HasSubstr(each.words)) << each.scene;
+    EXPECT_THAT(output, Not(HasSubstr("\nselected\n")));
+    const auto object = json::parse(output.substr(output.find("\n{") + 1), nullptr, false);
+    EXPECT_EQ(object["decision"]["doubt"], each.doubt);
+    EXPECT_FALSE(std::filesystem::exists(home + "/.cache/ahs")) << each.scene;
+  }
+}
+
+TEST_F(LyingNetworks, AMachineWithoutANetworkIsToldFromHeadendsThatAreDown) {
+  const std::string scene = "resolver 10.77.0.53\ngateway 10.77.0.9:443\n";
+  const std::string down = "$AHS select --quiet gw.example 10.77.0.1";
+  const int status = inScene(scene, down);
+  if (status == NotPermitted) {
+    GTEST_SKIP() << readFile(home + "/wan");
+  }
+  EXPECT_EQ(1, status);
+  EXPECT_THAT(told(), Not(HasSubstr("has no network")));
+  EXPECT_EQ(1, inScene(scene, "ip route flush table main; " + down));
+  EXPECT_THAT(told(), HasSubstr("This machine has no network"));
+  EXPECT_THAT(readFile(home + "/out"), IsEmpty());
+}
+
+TEST_F(LyingNetworks, APortalIsNoChoiceToAnnounceButAProgramIsStillTried) {
+  const int status = inScene("gateway 0.0.0.0:443 behaviour=portal\n",
+                             "timeout 2 $AHS watch 10.77.0.1\necho watched\n"
+                             "$AHS select --quiet 10.77.0.1\n"
+                             "$AHS exec 10.77.0.1 -- echo {host}");
+  if (status == NotPermitted) {
+    GTEST_SKIP() << readFile(home + "/wan");
+  }
+  EXPECT_EQ(0, status) << told();
+  EXPECT_EQ("watched\n10.77.0.1\n", readFile(home + "/out"));
+  EXPECT_THAT(told(), HasSubstr("A captive portal answers"));
 }
 
 }  // namespace

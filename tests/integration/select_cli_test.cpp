@@ -26,6 +26,7 @@ namespace {
 
 using nlohmann::json;
 using testing::AnyOf;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -153,6 +154,16 @@ TEST_F(SelectCommandTest, AnIPv4AddressIsReachedByNat64WhereNothingElseLeadsOut)
   const json probe = resultOf(selectJson({address}), address).at("probes").at(0);
   EXPECT_EQ(probe.at("address"), "64:ff9b::c000:207");
   EXPECT_EQ(run({"probe", address, "-c", "1"}).exitStatus, 0);
+}
+
+TEST_F(SelectCommandTest, AnErrorOfTheServersIsToldWhereverTheHeadendIsListed) {
+  const Gateway gateway(Near, "HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n");
+  const Outcome outcome = run({"select", gateway.address(), "--explain", "--html", home + "/page"});
+  EXPECT_THAT(outcome.out, ContainsRegex(" ms \\(answers 503\\)"));
+  EXPECT_THAT(outcome.out, ContainsRegex("best: .*, answers 503\n"));
+  EXPECT_THAT(readFile(home + "/page"), HasSubstr("<td>answers 503</td>"));
+  EXPECT_EQ(selectJson({gateway.address(), "--no-cache"}).at("results").at(0).at("httpStatus"),
+            503);
 }
 
 // ---- Why --------------------------------------------------------------------------------------

@@ -131,17 +131,16 @@ TEST(JsonOutput, HasEveryMemberAndNullsInPlaceOfNumbersThatThereAreNot) {
   result.results[0].name = "Bern";
   result.decided = {"Bern", "gw-b:8443", 25, std::chrono::milliseconds(300)};
   json object = json::parse(jsonOutput(result));
-  const json first = {{"headend", "gw-b:8443"},
-                      {"name", "Bern"},
-                      {"metricMs", 20},
-                      {"samplesMs", {20}},
-                      {"outcome", "answered"}};
+  const json first = {{"headend", "gw-b:8443"}, {"name", "Bern"},        {"metricMs", 20},
+                      {"samplesMs", {20}},      {"outcome", "answered"}, {"httpStatus", 200}};
   const json probe = {
       {"status", "0x00000000"}, {"rttMs", 20},        {"httpStatus", 200}, {"address", "192.0.2.7"},
       {"reused", false},        {"connectMs", 20.25}, {"tlsMs", nullptr},  {"networkRttMs", 20.125},
       {"responseRttMs", 20.5},  {"totalMs", 41.0}};
-  const json last = {
-      {"metricMs", nullptr}, {"samplesMs", json::array()}, {"outcome", "cannot connect"}};
+  const json last = {{"metricMs", nullptr},
+                     {"samplesMs", json::array()},
+                     {"outcome", "cannot connect"},
+                     {"httpStatus", nullptr}};
   const json lastProbe = {
       {"status", "0xFE46001D"}, {"rttMs", nullptr}, {"httpStatus", nullptr}, {"address", nullptr}};
   const json whole = {{"schema", 1},

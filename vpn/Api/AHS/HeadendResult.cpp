@@ -100,6 +100,27 @@ HeadendOutcome outcomeOf(const HttpProbe::Report& probe) {
   }
 }
 
+unsigned int HeadendResult::httpStatus() const {
+  const auto last = std::find_if(probes.rbegin(), probes.rend(),
+                                 [](const auto& probe) { return probe.httpStatus != 0; });
+  return last == probes.rend() ? 0 : last->httpStatus;
+}
+
+bool isServerError(unsigned int httpStatus) {
+  constexpr unsigned int FirstServerError = 500;
+  return httpStatus >= FirstServerError;
+}
+
+std::string outcomeInWords(HeadendOutcome outcome, unsigned int httpStatus) {
+  return outcome == HeadendOutcome::Answered && isServerError(httpStatus)
+             ? "answers " + std::to_string(httpStatus)
+             : outcomeName(outcome);
+}
+
+std::string outcomeInWords(const HeadendResult& result) {
+  return outcomeInWords(result.outcome, result.httpStatus());
+}
+
 bool isShortage(HeadendOutcome outcome) { return outcome >= HeadendOutcome::LackOfDescriptors; }
 
 HeadendOutcome outcomeOf(const SelectionRecord::Track* track, bool hasMetric, bool fromCache,

@@ -55,7 +55,17 @@ struct HeadendResult {
   std::vector<unsigned int> samplesMs;   ///< measured now, in the order in which they came
   HeadendOutcome outcome = HeadendOutcome::NotProbed;
   std::vector<HttpProbe::Report> probes;  ///< all of this selection, also those without an answer
+
+  /// The HTTP status of its last answer with one; 0 without any.
+  unsigned int httpStatus() const;
 };
+
+bool isServerError(unsigned int httpStatus);
+
+/// The outcome in words; of a headend that answers with a server's error, which error:
+/// "answers 503".
+std::string outcomeInWords(HeadendOutcome outcome, unsigned int httpStatus);
+std::string outcomeInWords(const HeadendResult& result);
 
 /// Puts together what is known of each headend: those delivered in their order, then the other
 /// candidates in theirs. A headend that gave no answer is never left out.

@@ -9,6 +9,7 @@
 
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Api/AHS/NetworkPlace.h"
+#include "vpn/Api/AHS/SelectionDoubt.h"
 #include "vpn/Api/AHS/SelectionFiles.h"
 #include "vpn/Api/AHS/SelectionKey.h"
 #include "vpn/Api/AHS/SelectionRecord.h"
@@ -251,6 +252,10 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
     }
     // Some headends may not have been measured, and the nearest may be among them.
     if ((record != nullptr && record->wasDropped()) || entry.isFromShortage()) {
+      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
+    }
+    // Something else may have answered in their place.
+    if (record != nullptr && doubtOf(record->tracks(), record->baits()).isThere()) {
       return HEADENDSELECTION_ERROR_CACHE_FAILURE;
     }
     std::vector<std::string> place;

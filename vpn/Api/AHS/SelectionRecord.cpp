@@ -241,6 +241,17 @@ CCacheEntry SelectionRecord::entry() const {
   return m_entry;
 }
 
+void SelectionRecord::noteBait(const HttpProbe::Report& report,
+                               std::optional<HttpProbe::Report> Baits::*which) {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  m_baits.*which = report;
+}
+
+SelectionRecord::Baits SelectionRecord::baits() const {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  return m_baits;
+}
+
 SelectionRecord::Progress SelectionRecord::progress() const {
   const CAutoLockT<CManualLock> guard(m_lock);
   return m_progress;

@@ -41,6 +41,12 @@ class SelectionRecord : public ProbeTask {
     std::chrono::milliseconds after{0};  ///< since the record was made
   };
 
+  /// Probes of what cannot answer: what answers them answers for everybody. None before they ended.
+  struct Baits {
+    std::optional<HttpProbe::Report> address;  ///< of an address that nobody has
+    std::optional<HttpProbe::Report> name;     ///< of a name that nobody has
+  };
+
   void probeStarted(const HttpProbe::Report& report) override;
   void probeEnded(const HttpProbe::Report& report) override;
   ConnectPatience unanswered(const HttpProbe::Report& report,
@@ -99,6 +105,10 @@ class SelectionRecord : public ProbeTask {
   /// What this machine lacked last.
   Shortage shortage() const noexcept { return m_shortage; }
 
+  /// A bait's probe has ended.
+  void noteBait(const HttpProbe::Report& report, std::optional<HttpProbe::Report> Baits::*which);
+  Baits baits() const;
+
   Progress progress() const;
   std::map<Place, Track> tracks() const;
   /// The test probe that has ended; none before it has.
@@ -134,6 +144,7 @@ class SelectionRecord : public ProbeTask {
   unsigned int m_probes AHS_GUARDED_BY(m_lock) = 0;
   std::size_t m_finished AHS_GUARDED_BY(m_lock) = 0;
   std::optional<Decided> m_decided AHS_GUARDED_BY(m_lock);
+  Baits m_baits AHS_GUARDED_BY(m_lock);
   Progress m_progress AHS_GUARDED_BY(m_lock);
   CCacheEntry m_entry AHS_GUARDED_BY(m_lock);
   Terms m_terms AHS_GUARDED_BY(m_lock);

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 #include <utility>
 
@@ -78,6 +79,16 @@ long long smallestRoundTrip(int connection) {
     return Unknown;
   }
   return info.tcpi_min_rtt;
+}
+
+/// Whether a connection to an address ends on this machine, on every machine.
+bool leadsToThisMachine(const sockaddr& address) {
+  if (address.sa_family == AF_INET6) {
+    const in6_addr& v6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+    return IN6_IS_ADDR_LOOPBACK(&v6) || IN6_IS_ADDR_UNSPECIFIED(&v6);
+  }
+  const std::uint32_t v4 = ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr);
+  return address.sa_family == AF_INET && (v4 >> 24 == IN_LOOPBACKNET || v4 == INADDR_ANY);
 }
 
 int portOf(int connection) {
@@ -474,6 +485,7 @@ ProbeOutcome HttpTransfer::takeOutcome() {
     collectTimes();
   }
   m_outcome.clientCertificateAsked = m_tlsWatch.isClientCertificateAsked();
+  m_outcome.issuer = m_tlsWatch.untrustedIssuer();
   m_outcome.headers = m_head.takeLines();
   if (!(hasAnswer() && m_keeps)) {
     detach();
@@ -533,6 +545,8 @@ void HttpTransfer::setUpCallbacks() {
       CURLOPT_OPENSOCKETFUNCTION, +[](void* self, curlsocktype, curl_sockaddr* address) {
         HttpTransfer& transfer = *static_cast<HttpTransfer*>(self);
         translate(transfer.m_request->task, *address);
+        transfer.m_outcome.toThisMachine =
+            transfer.m_outcome.toThisMachine || leadsToThisMachine(address->addr);
         return transfer.open(address->family, address->socktype, address->protocol);
       });
   set(CURLOPT_OPENSOCKETDATA, this);

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "vpn/Common/Utility/URL.h"
 #include "vpn/include/HttpSession.h"
 
 namespace {
@@ -68,6 +69,14 @@ long long responseRoundTrip(const ProbeOutcome& outcome) {
 
 long long ifHappened(long long time) { return time > 0 ? time : Unknown; }
 
+/// The host of an absolute address, whatever follows it; empty for none.
+std::string hostOf(const std::string& location) {
+  const std::size_t scheme = location.find("//");
+  return scheme == std::string::npos
+             ? ""
+             : URL(location.substr(0, location.find_first_of("/?#", scheme + 2))).getHost();
+}
+
 }  // namespace
 
 long long ProbeOutcome::networkRoundTrip() const {
@@ -104,6 +113,14 @@ void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure meas
   report.tlsUs = ifHappened(tlsUs);
   report.openingUs = openingUs;
   report.networkRttUs = networkRttUs;
+  report.toThisMachine = toThisMachine;
+  report.systemError = connected() ? 0 : static_cast<int>(osError);
+  report.issuer = std::move(issuer);
+  constexpr unsigned int FirstRedirect = 300;
+  constexpr unsigned int FirstError = 400;
+  if (report.httpStatus >= FirstRedirect && report.httpStatus < FirstError) {
+    report.redirectHost = hostOf(location);
+  }
   if (connected()) {
     report.address = std::move(address);
     report.addressPort = addressPort;

@@ -34,6 +34,8 @@ struct ProbeOutcome {
   Shortage shortage = Shortage::None;  ///< what could not be had for the request
   std::string address;
   unsigned short addressPort = 0;
+  std::string issuer;  ///< of a certificate that is not trusted
+  bool toThisMachine = false;
   std::string headers;
   std::string location;
   std::string request;

@@ -47,16 +47,20 @@ struct ProbeReport {
   unsigned int transportError = 0;  ///< what `uiLastError` is
   /// Attempts to connect were given up before the time-out: nothing had answered.
   bool silent = false;
-  bool reused = false;              ///< on an earlier probe's connection; then the next two are -1
-  long long connectUs = -1;         ///< the connection stood
-  long long tlsUs = -1;             ///< the TLS handshake was done
-  long long totalUs = 0;            ///< the probe was over
-  long long openingUs = -1;         ///< SYN to SYN-ACK of the connection, by the kernel
-  long long networkRttUs = -1;      ///< smallest round trip that the kernel saw on the connection
-  long long responseRttUs = -1;     ///< from the request to the first byte of the answer
-  std::string address;              ///< the address that was connected to (a proxy's, too), if any
-  unsigned short addressPort = 0;   ///< the port at that address; 0 without one
+  bool reused = false;             ///< on an earlier probe's connection; then the next two are -1
+  long long connectUs = -1;        ///< the connection stood
+  long long tlsUs = -1;            ///< the TLS handshake was done
+  long long totalUs = 0;           ///< the probe was over
+  long long openingUs = -1;        ///< SYN to SYN-ACK of the connection, by the kernel
+  long long networkRttUs = -1;     ///< smallest round trip that the kernel saw on the connection
+  long long responseRttUs = -1;    ///< from the request to the first byte of the answer
+  std::string address;             ///< the address that was connected to (a proxy's, too), if any
+  unsigned short addressPort = 0;  ///< the port at that address; 0 without one
   RoundTripDoubt doubt = RoundTripDoubt::None;
+  int systemError = 0;         ///< errno of why there was no connection; 0 for none or unknown
+  std::string redirectHost;    ///< the host that an answer of 3xx leads to; empty for none
+  std::string issuer;          ///< of a certificate that is not trusted, unchecked; empty for none
+  bool toThisMachine = false;  ///< an address that was tried is the loopback's or none ("0.0.0.0")
   /// What this machine lacked, where that is why there was no answer.
   Shortage shortage = Shortage::None;
 };

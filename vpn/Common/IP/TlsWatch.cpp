@@ -6,6 +6,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <array>
 
 #include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/TlsHandshake.h"
@@ -56,6 +57,8 @@ bool TlsWatch::attach(ssl_ctx_st* context, TlsHandshake* shown) {
   if (m_shown != nullptr) {
     SSL_CTX_set_verify(context, SSL_VERIFY_NONE, &TlsWatch::onVerified);
     SSL_CTX_set_info_callback(context, &TlsWatch::onProgress);
+  } else {
+    SSL_CTX_set_verify(context, SSL_CTX_get_verify_mode(context), &TlsWatch::onDoubted);
   }
   return true;
 }
@@ -95,6 +98,19 @@ int TlsWatch::onVerified(int isFine, x509_store_ctx_st* store) {
     }
   }
   return 1;
+}
+
+/// Takes down who issued a certificate that is not trusted; the verdict stays.
+int TlsWatch::onDoubted(int isFine, x509_store_ctx_st* store) {
+  const auto* connection = static_cast<const SSL*>(
+      X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+  const X509* const certificate = X509_STORE_CTX_get0_cert(store);
+  if (isFine == 0 && certificate != nullptr) {
+    std::array<char, 256> issuer{};
+    X509_NAME_oneline(X509_get_issuer_name(certificate), issuer.data(), issuer.size());
+    withoutThrowing([&] { of(connection).m_untrustedIssuer = issuer.data(); });
+  }
+  return isFine;
 }
 
 void TlsWatch::onProgress(const ssl_st* connection, int where, int /*result*/) {

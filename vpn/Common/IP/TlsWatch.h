@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <string>
 
 struct ssl_ctx_st;
 struct ssl_st;
@@ -31,6 +32,8 @@ class TlsWatch {
   /// The server's talk went on beyond the end and was cut off.
   bool isLate() const { return m_late; }
   bool isClientCertificateAsked() const { return m_clientCertificateAsked; }
+  /// Who issued the server's certificate if that is not trusted, in one line; else empty.
+  const std::string& untrustedIssuer() const { return m_untrustedIssuer; }
   /// Whether what was trusted in the handshake is what is trusted now.
   bool isTrustCurrent() const;
 
@@ -38,6 +41,7 @@ class TlsWatch {
   static void onMessage(int sent, int version, int type, const void* data, std::size_t length,
                         ssl_st* connection, void* self);
   static int onVerified(int isFine, x509_store_ctx_st* store);
+  static int onDoubted(int isFine, x509_store_ctx_st* store);
   static void onProgress(const ssl_st* connection, int where, int result);
   static TlsWatch& of(const ssl_st* connection);
 
@@ -46,4 +50,5 @@ class TlsWatch {
   Clock::time_point m_end;
   bool m_late = false;
   bool m_clientCertificateAsked = false;
+  std::string m_untrustedIssuer;
 };

@@ -255,7 +255,7 @@ TEST_F(SelectCommandTest, ATableIsShownOnATerminalAndRemovedAndTheRankingStays) 
   EXPECT_THAT(last, Not(HasSubstr("\x1b["))) << "nothing is drawn over it or erased";
 }
 
-TEST_F(SelectCommandTest, QuietEndsWithTheDecisionAndTheTableShowsIt) {
+TEST_F(SelectCommandTest, QuietEndsWithTheDecisionWhichIsRememberedAndTheTableShowsIt) {
   writePreferences(preference("SelectionConnectTimeout", "60000") +
                    preference("SelectionPingTimeout", "60000"));
   const Gateway near(Near);
@@ -264,6 +264,7 @@ TEST_F(SelectCommandTest, QuietEndsWithTheDecisionAndTheTableShowsIt) {
                                           far.Address(), "--reason", "reconnection"};
   EXPECT_EQ(run(quiet).out, near.address() + "\n");
   EXPECT_TRUE(far.WaitUntilLeft());
+  EXPECT_EQ(selectJson({near.address(), far.Address()}).at("fromCache"), true);
   HeldGateway other(HeldGateway::Settings{.answers = 2, .delay = Far});
   Program program({"select", near.address(), other.Address()}, environment, Program::Terminal::All);
   ASSERT_TRUE(program.waitForNext("  decided"));

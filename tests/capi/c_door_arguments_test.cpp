@@ -321,7 +321,9 @@ TEST(Arguments, AreCopiedAndAllThatIsToldHasItsSize) {
   request.source_address = texts[5].c_str();
   request.interface_name = texts[7].c_str();
   request.on_progress = [](const ahs_probe* told, void*) { EXPECT_EQ(told->size, sizeof *told); };
-  request.on_decision = [](const ahs_decision* told, void*) { EXPECT_EQ(told->size, sizeof *told); };
+  request.on_decision = [](const ahs_decision* told, void*) {
+    EXPECT_EQ(told->size, sizeof *told);
+  };
   ahs_library* library = nullptr;
   ahs_selection* selection = nullptr;
   ASSERT_EQ(ahs_start(&options, &library), AHS_SUCCESS);

@@ -25,16 +25,16 @@ constexpr const char* Tun = "/dev/net/tun";
 constexpr const char* Device = "wan0";
 /// The kernel queues this many packets: the handshakes of some thousand connections.
 constexpr const char* TunSettings = "link set dev wan0 txqueuelen 16384 mtu 1500 up\n";
-/// The clients' local network, by which a machine knows where it is. Its router carries nothing:
-/// what is not in the scene stays unreachable.
+/// The clients' local network, by which a machine knows where it is. Its router carries nothing.
 constexpr const char* LocalNetwork =
     "link add home0 type veth peer name home1\n"
+    "link set dev home0 addrgenmode none\n"
+    "link set dev home1 addrgenmode none\n"
     "link set dev home0 up\n"
     "link set dev home1 up\n"
     "address add 10.75.0.2/24 dev home0\n"
     "neighbour add 10.75.0.1 lladdr 02:00:00:00:00:01 dev home0 nud permanent\n"
-    "route add default via 10.75.0.1 dev home0 metric 200\n"
-    "route add unreachable default metric 100\n";
+    "route add default via 10.75.0.1 dev home0 metric 200\n";
 
 std::string reason(int error) { return std::generic_category().message(error); }
 
@@ -160,7 +160,7 @@ Network Network::make(const Scene& scene) {
                 "route add default dev wan0\n",
             true);
   configure(LocalNetwork, false);
-  configure("address add fd76::1/128 dev wan0 nodad\nroute add default dev wan0\n", needsV6);
+  configure("address add fd76::1/128 dev wan0 nodad\nroute add ::/0 dev wan0\n", needsV6);
   return network;
 }
 

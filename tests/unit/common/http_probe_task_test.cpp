@@ -221,6 +221,10 @@ TEST_F(HttpProbeTest, ATrialOpensAConnectionInTheTasksWayAndSendsNothing) {
       [&](Connection& connection) { closed.set_value(connection.readHead().empty()); });
   const RefusingPort refusing("127.0.0.1");
   const SilentPort silent;
+  {
+    const FewDescriptors none(0);
+    EXPECT_EQ(tryConnection("127.0.0.1", server.port(), Long), ConnectionTrial::Untried);
+  }
   EXPECT_EQ(tryConnection("127.0.0.1", refusing.Where().port, Long), ConnectionTrial::Dead);
   EXPECT_EQ(tryConnection("name.invalid", server.port(), Long), ConnectionTrial::Dead);
   EXPECT_EQ(tryConnection("127.0.0.1", silent.port(), std::chrono::milliseconds(50)),
@@ -231,10 +235,6 @@ TEST_F(HttpProbeTest, ATrialOpensAConnectionInTheTasksWayAndSendsNothing) {
   EXPECT_TRUE(closed.get_future().get());
   EXPECT_EQ(seen, 1);
   const CTask::Scope own(watcher);
-  {
-    const FewDescriptors none(0);
-    EXPECT_EQ(tryConnection("127.0.0.1", server.port(), Long), ConnectionTrial::Untried);
-  }
   watcher->cancel();
   EXPECT_EQ(tryConnection("127.0.0.1", server.port(), Long), ConnectionTrial::Untried);
   EXPECT_TRUE(watcher->started.empty());

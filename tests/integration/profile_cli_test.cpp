@@ -192,7 +192,7 @@ TEST_F(ProfileCommandTest, PreferencesTellWhereEachValueComesFromAndWhatItGoesBe
   EXPECT_THAT(outcome.err, HasSubstr(m_preferences + ":5:"));
 
   EXPECT_THAT(outcome.out, ContainsRegex("ProxyHost +\"proxy1\" +" + home + "/global.xml:2 "));
-  EXPECT_EQ(runJson(show, 0)["preferences"].size(), 14U);
+  EXPECT_EQ(runJson(show, 0)["preferences"].size(), 15U);
 }
 
 }  // namespace

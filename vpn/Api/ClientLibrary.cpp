@@ -21,6 +21,8 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
                                                   : HttpProbe::RoundTripMeasure::Auto);
   preferenceMgr.getPreferenceValue(SilentHeadends, value);
   HttpProbe::setLeavesSilent(value != "wait");
+  preferenceMgr.getPreferenceValue(SelectionNeedsService, value);
+  HttpProbe::setNeedsService(value == "true");
 }
 
 }  // namespace

@@ -74,6 +74,10 @@ const auto& allDefinitions = *new std::vector<Definition>{
      .name = "SilentHeadends",
      .defaultValue = "leave",
      .words = {"leave", "wait"}},
+    {.id = SelectionNeedsService,
+     .name = "SelectionNeedsService",
+     .defaultValue = "false",
+     .words = {"true", "false"}},
 };
 
 std::string allowedNumbers(const Definition& definition) {

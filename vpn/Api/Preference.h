@@ -26,6 +26,7 @@ enum PreferenceId {
   SelectionMaxResults = 59,
   RoundTripTime = 60,
   SilentHeadends = 65,
+  SelectionNeedsService = 66,
 };
 
 /// What a file can say of a preference besides its value.

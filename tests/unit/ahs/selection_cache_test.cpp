@@ -86,6 +86,7 @@ TEST_F(SelectionCache, APreferenceThatChangesTheFiguresIsPartOfThePlace) {
   const std::string preferences = m_temporary.Path() + "/preferences.xml";
   for (const auto& [name, value, isHit] : {std::tuple("RoundTripTime", "response", false),
                                            {"SelectionPingsPerHeadend", "1", false},
+                                           {"SelectionNeedsService", "true", false},
                                            {"SelectionPingTimeout", "5000", false},
                                            {"SelectionImprovement", "5", true}}) {
     write(preferences, std::string("<preferences version=\"1\"><preference name=\"") + name +

@@ -18,10 +18,11 @@ namespace {
 
 std::vector<HttpProbe::RoundTripMeasure> g_measures;
 std::vector<bool> g_leavesSilent;
+std::vector<bool> g_needsService;
 
 class ClientLibraryTest : public testing::Test {
  protected:
-  ClientLibraryTest() { g_measures.clear(), g_leavesSilent.clear(); }
+  ClientLibraryTest() { g_measures.clear(), g_leavesSilent.clear(), g_needsService.clear(); }
 
   TemporaryDirectory m_directory;
   CClientLibrary::Options m_options;
@@ -41,6 +42,7 @@ bool isThere(Which... which) {
 
 void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) { g_measures.push_back(measure); }
 void HttpProbe::setLeavesSilent(bool leaves) { g_leavesSilent.push_back(leaves); }
+void HttpProbe::setNeedsService(bool needs) { g_needsService.push_back(needs); }
 
 TEST_F(ClientLibraryTest, PreferencesAndContextLiveAsLongAsTheObjectWhichMayComeAgain) {
   for (int i = 0; i < 3; ++i) {
@@ -80,15 +82,17 @@ TEST_F(ClientLibraryTest, ALogThatCannotBeOpenedIsReportedAndDoesNotStopTheStart
 TEST_F(ClientLibraryTest, TheProbesLookForEvidenceUnlessThePreferenceSaysOtherwise) {
   { const CClientLibrary library(m_options, m_status); }
   for (const char* const measure : {"network", "response"}) {
-    m_options.sources.userPreferencesFile =
-        m_directory.Write("user.xml", preferencesText(preferenceElement("RoundTripTime", measure) +
-                                                      preferenceElement("SilentHeadends", "wait")));
+    m_options.sources.userPreferencesFile = m_directory.Write(
+        "user.xml", preferencesText(preferenceElement("RoundTripTime", measure) +
+                                    preferenceElement("SilentHeadends", "wait") +
+                                    preferenceElement("SelectionNeedsService", "true")));
     const CClientLibrary library(m_options, m_status);
   }
   EXPECT_THAT(g_measures,
               ElementsAre(HttpProbe::RoundTripMeasure::Auto, HttpProbe::RoundTripMeasure::Network,
                           HttpProbe::RoundTripMeasure::Response));
   EXPECT_THAT(g_leavesSilent, ElementsAre(true, false, false));
+  EXPECT_THAT(g_needsService, ElementsAre(false, true, true));
 }
 
 TEST_F(ClientLibraryTest, PreferencesThatAreThereAlreadyStopTheStartAndStay) {

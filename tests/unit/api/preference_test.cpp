@@ -24,7 +24,7 @@ TEST(PreferenceBase, TheNumbersThatOtherPartsOfTheClientUseAreFixed) {
 }
 
 TEST(PreferenceBase, APreferenceIsFoundByExactNameAndByNumber) {
-  ASSERT_EQ(PreferenceBase::definitions().size(), 15U);
+  ASSERT_EQ(PreferenceBase::definitions().size(), 16U);
   for (const PreferenceBase::Definition& definition : PreferenceBase::definitions()) {
     EXPECT_EQ(PreferenceBase::find(definition.id), &definition);
     EXPECT_EQ(PreferenceBase::find(std::string(definition.name)), &definition);

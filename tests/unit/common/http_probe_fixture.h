@@ -64,6 +64,7 @@ class HttpProbeTest : public testing::Test {
 
   void TearDown() override {
     HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Network);
+    HttpProbe::setNeedsService(false);
     HttpProbe::setTrustFile("");
   }
 

@@ -193,6 +193,28 @@ TEST_F(HttpProbeTest, TheResponseMeasureCountsASlowGatewayAsFarAwayWhetherItAnsw
   }
 }
 
+TEST_F(HttpProbeTest,
+       WhatServesNothingCannotBeConnectedToWhereAServiceIsNeededUnlessItTestsTheWay) {
+  struct Row {
+    std::string answer;
+    bool serves;
+  };
+  for (const auto& [answer, serves] :
+       {Row{kOk, true}, Row{"HTTP/1.1 404 No\r\n\r\n", true}, Row{"HTTP/1.1 503 No\r\n\r\n", false},
+        Row{"SSH-2.0-x\r\n", false}, Row{"", false}}) {
+    for (const bool isNeeded : {false, true}) {
+      for (const bool isTest : {false, true}) {
+        HttpProbe::setNeedsService(isNeeded);
+        wanted = isTest ? kAll : kAll & ~HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS;
+        const STATUSCODE status = probeOf(closingAfter(answer));
+        EXPECT_EQ(status == HTTP_SESSION_ERROR_CANNOT_CONNECT, isNeeded && !isTest && !serves)
+            << answer;
+        EXPECT_EQ(report().rttMs == 0, status == HTTP_SESSION_ERROR_CANNOT_CONNECT);
+      }
+    }
+  }
+}
+
 TEST_F(HttpProbeTest, OnlyTheResultsAskedForAreWritten) {
   HttpProbe::setRoundTripMeasure(HttpProbe::RoundTripMeasure::Response);
   untouched.uiRtt = untouched.uiHttpStatusCode = untouched.uiLastError = 999999;

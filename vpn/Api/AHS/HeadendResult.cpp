@@ -112,9 +112,10 @@ bool isServerError(unsigned int httpStatus) {
 }
 
 std::string outcomeInWords(HeadendOutcome outcome, unsigned int httpStatus) {
-  return outcome == HeadendOutcome::Answered && isServerError(httpStatus)
-             ? "answers " + std::to_string(httpStatus)
-             : outcomeName(outcome);
+  const bool isRefused = outcome == HeadendOutcome::Answered ||
+                         outcome == HeadendOutcome::CannotConnect;  // `SelectionNeedsService`
+  return isRefused && isServerError(httpStatus) ? "answers " + std::to_string(httpStatus)
+                                                : outcomeName(outcome);
 }
 
 std::string outcomeInWords(const HeadendResult& result) {

@@ -91,7 +91,8 @@ bool isWinnerDead(const CCacheEntry& entry, const SelectionRecord::Terms& terms,
 /// The preferences that change the figures, as words of a place.
 std::vector<std::string> figuresOf(PreferenceMgr& preferences) {
   std::vector<std::string> words;
-  for (const PreferenceId id : {RoundTripTime, SelectionPingsPerHeadend, SelectionPingTimeout}) {
+  for (const PreferenceId id :
+       {RoundTripTime, SelectionNeedsService, SelectionPingsPerHeadend, SelectionPingTimeout}) {
     const PreferenceBase::Definition& definition = *PreferenceBase::find(id);
     std::string value;
     if (preferences.getPreferenceValue(id, value) == 0 && value != definition.defaultValue) {

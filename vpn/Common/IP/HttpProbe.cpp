@@ -111,6 +111,15 @@ void weigh(const ProbeOutcome& outcome, ProbeTask* task, HttpProbe::Report& repo
   report.rttMs = ProbeOutcome::toMilliseconds(verdict.roundTripUs);
 }
 
+/// Whether nothing that a client could use has answered, though something has.
+bool lacksService(const HttpProbe::Report& report) {
+  constexpr unsigned int FirstServerError = 500;
+  const bool isTest = (report.options & HttpProbe::HTTP_PROBE_RETURN_ALL_HEADERS) != 0;
+  return !report.proxied && !isTest &&
+         (report.httpStatus >= FirstServerError ||
+          report.status == HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
+}
+
 /// The whole of a probe. Not inlined, so that its traces on the stack are below its caller's frame.
 [[gnu::noinline]] STATUSCODE sendAndReport(const std::string& host, bool secure,
                                            unsigned short port, const std::string& userAgent,
@@ -149,6 +158,10 @@ void weigh(const ProbeOutcome& outcome, ProbeTask* task, HttpProbe::Report& repo
   }
   if (measure == RoundTripMeasure::Auto && !request.proxied() && report.responseRttUs >= 0) {
     weigh(outcome, task, report);
+  }
+  if (ProbeSettings::needsService() && lacksService(report)) {
+    report.status = HTTP_SESSION_ERROR_CANNOT_CONNECT;
+    report.rttMs = 0;
   }
   report.totalUs = std::chrono::duration_cast<std::chrono::microseconds>(
                        ProbeRequest::Clock::now() - request.start)
@@ -215,6 +228,7 @@ void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) {
 }
 
 void HttpProbe::setLeavesSilent(bool leaves) { ProbeSettings::setLeavesSilent(leaves); }
+void HttpProbe::setNeedsService(bool needs) { ProbeSettings::setNeedsService(needs); }
 
 std::string HttpProbe::setTrustFile(const std::string& path) {
   return ProbeSettings::setTrustFile(path);

@@ -140,6 +140,11 @@ class HttpProbe {
   /// (`ProbeTask::unanswered`); they do until it is called.
   static void setLeavesSilent(bool leaves);
 
+  /// Chooses whether a direct probe that starts from now on counts as one that could not connect
+  /// if the server answers 5xx, or not with HTTP; it does not until it is called. A probe that asks
+  /// for all headers, which tests the way, always counts as what it is.
+  static void setNeedsService(bool needs);
+
   /// Adds certificates (a PEM file) to those trusted, for probes that start from now on; an empty
   /// path for the system's alone. The file is read at once; one that cannot be read adds nothing.
   /// @return why the file is of no use, or an empty text.

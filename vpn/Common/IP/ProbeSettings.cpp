@@ -54,6 +54,7 @@ struct Settings {
   /// Atomic without the lock: a probe reads it once and nothing else depends on it.
   std::atomic<RoundTripMeasure> measure{RoundTripMeasure::Network};
   std::atomic<bool> leavesSilent{true};  // the same
+  std::atomic<bool> needsService{false};
 };
 
 Settings& settings() {
@@ -148,6 +149,10 @@ void ProbeSettings::setMeasure(RoundTripMeasure measure) { settings().measure = 
 bool ProbeSettings::leavesSilent() { return settings().leavesSilent; }
 
 void ProbeSettings::setLeavesSilent(bool leaves) { settings().leavesSilent = leaves; }
+
+bool ProbeSettings::needsService() { return settings().needsService; }
+
+void ProbeSettings::setNeedsService(bool needs) { settings().needsService = needs; }
 
 ProbeSettings::Trust ProbeSettings::trustedCertificates() {
   Settings& process = settings();

@@ -24,6 +24,10 @@ class ProbeSettings {
   static bool leavesSilent();
   static void setLeavesSilent(bool leaves);
 
+  /// Whether an answer without a service is a failure to connect.
+  static bool needsService();
+  static void setNeedsService(bool needs);
+
   /// The certificates that are trusted, the same object until `setTrustFile`; null if there is no
   /// memory for them. The first call reads the system's.
   static Trust trustedCertificates();

@@ -199,6 +199,7 @@ HttpProbe::KeptConnection::KeptConnection() noexcept { ++doubles::keptConnection
 HttpProbe::KeptConnection::~KeptConnection() { --doubles::keptConnections; }
 void HttpProbe::setRoundTripMeasure(RoundTripMeasure) {}
 void HttpProbe::setLeavesSilent(bool) {}
+void HttpProbe::setNeedsService(bool) {}
 std::string HttpProbe::setTrustFile(const std::string&) { return ""; }
 
 // --- Cache -------------------------------------------------------------------------------------

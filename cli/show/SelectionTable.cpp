@@ -10,7 +10,7 @@ using Cells = std::vector<std::string>;
 std::string cellText(const std::string& text, char separator) {
   // What begins like this, a spreadsheet would compute.
   const bool isFormula = !text.empty() && std::string("=+-@").find(text.front()) != text.npos;
-  const std::string visible = (isFormula ? "'" : "") + Console::visible(text);
+  std::string visible = (isFormula ? "'" : "") + Console::visible(text);
   if (separator != ',' || visible.find_first_of(",\"") == std::string::npos) {
     return visible;
   }

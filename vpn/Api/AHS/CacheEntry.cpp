@@ -48,7 +48,7 @@ std::optional<std::chrono::seconds> SelectionTimes::ageOf(const CCacheEntry& ent
 std::chrono::seconds SelectionTimes::lifeOf(const CCacheEntry& entry, unsigned int clearCacheDays) {
   constexpr std::chrono::seconds MostOfPartial = std::chrono::minutes(10);
   const std::chrono::seconds whole = std::chrono::hours(24) * std::int64_t{clearCacheDays};
-  return entry.IsPartial() ? std::min(whole, MostOfPartial) : whole;
+  return entry.isPartial() ? std::min(whole, MostOfPartial) : whole;
 }
 
 bool SelectionTimes::isExpired(const CCacheEntry& entry, unsigned int clearCacheDays) {

@@ -41,8 +41,8 @@ class CCacheEntry {
 
   /// Whether a candidate is missing, or did not get all of its probes.
   /// @{
-  void SetPartial(bool isPartial) { m_isPartial = isPartial; }
-  bool IsPartial() const { return m_isPartial; }
+  void setPartial(bool isPartial) { m_isPartial = isPartial; }
+  bool isPartial() const { return m_isPartial; }
   /// @}
 
   /// Whether this machine has lacked anything since the entry was made: it may not be all that a

@@ -265,7 +265,7 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
       return status;
     }
     entry.SetTimestamp(SelectionTimes::now());
-    entry.SetPartial(isPartial(entry, key, record.get()));
+    entry.setPartial(isPartial(entry, key, record.get()));
     const std::string known = SelectionKey::canonical(key);
     CCacheEntry stored(entry);
     stored.SetKnownHeadends(known);
@@ -404,7 +404,7 @@ std::string CSelectionCache::documentOf(const SelectionFiles::Selection& selecti
   writer.startElement("selection");
   storeAttribute(&writer, "place", selection.place);
   storeAttribute(&writer, "stored", std::to_string(selection.entry.GetTimestamp()));
-  if (selection.entry.IsPartial()) {
+  if (selection.entry.isPartial()) {
     storeAttribute(&writer, "partial", "true");
   }
   std::vector<std::string> candidates;

@@ -81,7 +81,7 @@ bool SelectionReader::take(const std::string& element, const Attributes& attribu
     const std::string* const partial = find(attributes, "partial");
     m_found.place = valueOf(attributes, "place");
     m_found.entry.SetTimestamp(stored);
-    m_found.entry.SetPartial(partial != nullptr);
+    m_found.entry.setPartial(partial != nullptr);
     return element == "selection" && attributes.size() == (partial != nullptr ? 3 : 2) &&
            isStamped && stored > 0 && stored <= MaxTimestamp &&
            find(attributes, "place") != nullptr && (partial == nullptr || *partial == "true");

@@ -107,7 +107,7 @@ class Kernel {
 
  private:
   bool receive(bool isDump, const Visitor& visit) {
-    std::array<char, 32 * 1024> buffer{};
+    std::vector<char> buffer(32UL * 1024);  // the kernel sends at most so much at once
     for (std::size_t all = 0; all < MostBytes;) {
       sockaddr_nl from{};
       socklen_t length = sizeof from;

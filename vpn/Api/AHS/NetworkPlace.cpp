@@ -192,8 +192,9 @@ void addHops(std::string_view route, std::set<Hop>& hops) {
 /// Whether an interface joins the machine to a network of its neighbours. Tunnels that frame like
 /// Ethernet tell by their kind; others, and modems, have no link addresses.
 bool isEthernet(Kernel& kernel, int interface) {
-  static const std::set<std::string_view> tunnels{"tun",       "gretap", "ip6gretap", "erspan",
-                                                  "ip6erspan", "vxlan",  "geneve",    "bareudp"};
+  // Without a destructor: a run may ask while the process exits.
+  static constexpr std::array<std::string_view, 8> Tunnels{
+      "tun", "gretap", "ip6gretap", "erspan", "ip6erspan", "vxlan", "geneve", "bareudp"};
   bool is = false;
   ifinfomsg header{};
   header.ifi_index = interface;
@@ -201,7 +202,7 @@ bool isEthernet(Kernel& kernel, int interface) {
     const Attributes info = attributesOf(find(attributesAfter<ifinfomsg>(link), IFLA_LINKINFO));
     const std::string_view kind = find(info, IFLA_INFO_KIND);
     is = headerOf<ifinfomsg>(link).ifi_type == ARPHRD_ETHER &&
-         !tunnels.contains(kind.substr(0, kind.find('\0')));
+         std::ranges::find(Tunnels, kind.substr(0, kind.find('\0'))) == Tunnels.end();
   });
   return isKnown && is;
 }

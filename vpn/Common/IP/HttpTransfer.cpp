@@ -495,11 +495,10 @@ ProbeOutcome HttpTransfer::takeOutcome() {
 
 void HttpTransfer::collectTimes() {
   if (!m_outcome.reused) {
-    const long long before = sinceStart(m_startedAt);
     const auto connected = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);
     const auto secured = get<curl_off_t>(CURLINFO_APPCONNECT_TIME_T);
-    m_outcome.connectUs = connected == 0 ? 0 : connected + before;
-    m_outcome.tlsUs = secured == 0 ? 0 : secured + before;
+    m_outcome.connectUs = connected == 0 ? 0 : connected + m_clockUs;
+    m_outcome.tlsUs = secured == 0 ? 0 : secured + m_clockUs;
     // Some versions count the handshake into the time to connect, and give none where it failed.
     if (m_outcome.tlsStartUs > 0 &&
         (m_outcome.connectUs == 0 || m_outcome.connectUs > m_outcome.tlsStartUs)) {
@@ -608,6 +607,7 @@ int HttpTransfer::open(int family, int type, int protocol) {
   ProbeTask* const task = m_request->task;
   if (m_openedUs == 0) {
     m_openedUs = now();
+    m_clockUs = m_openedUs - get<curl_off_t>(CURLINFO_NAMELOOKUP_TIME_T);
     unlessThrown(false, [&] {
       if (task != nullptr && measuresDistance(*m_request)) {
         task->noteConnecting({m_request->host, m_request->port});

@@ -104,6 +104,7 @@ class HttpTransfer {
   // The connection's, over all its requests.
   bool m_lost = false;  ///< an address has failed and libcurl may turn to the next
   long long m_openedUs = 0;
+  long long m_clockUs = 0;  ///< when libcurl's clock started, which a busy machine delays
   long long m_tookUs = 0;
   long long m_openingUs = -1;
   long long m_rttUs = -1;

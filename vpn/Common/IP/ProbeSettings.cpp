@@ -88,8 +88,10 @@ std::string addCertificates(const std::string& path, X509_STORE* store) {
                              refusal.text.c_str());
     return refusal.text;
   }
-  const std::unique_ptr<BIO, decltype(&BIO_free)> text(BIO_new_fd(file.get(), BIO_NOCLOSE),
-                                                       &BIO_free);
+  // Without a buffer OpenSSL reads each byte by a call of its own.
+  BIO* const bytes = BIO_new_fd(file.get(), BIO_NOCLOSE);
+  const std::unique_ptr<BIO, decltype(&BIO_free_all)> text(BIO_push(BIO_new(BIO_f_buffer()), bytes),
+                                                           &BIO_free_all);
   std::string problem = "it holds no certificate in PEM.";
   while (X509* const certificate =
              text ? PEM_read_bio_X509_AUX(text.get(), nullptr, nullptr, nullptr) : nullptr) {

@@ -21,13 +21,15 @@ def limit_of(gateways):
 
 
 def measure(world, gateways, rounds):
-    """Inside: alternates between ahs and curl."""
+    """Inside: alternates between ahs, the bare packets and curl."""
     result = []
     for _ in range(rounds):
         ours = w.select(world, gateways)
+        bare, bare_cost = w.run_bare(world, gateways, PINGS)
         times, cost = w.run_curl(world, gateways, PINGS)
         result.append({"elapsed": ours.elapsed, "metrics": ours.metrics,
                        "cost": dataclasses.asdict(ours.cost),
+                       "bare": bare, "bareCost": dataclasses.asdict(bare_cost),
                        "curl": times, "curlCost": dataclasses.asdict(cost)})
     return result
 

@@ -235,6 +235,14 @@ def run_curl(world, gateways, requests=3):
     return times, cost
 
 
+def run_bare(world, gateways, requests=3):
+    """The time that the same packets take without a selection, in milliseconds, and its cost."""
+    command = [world.program("bench-bare"), str(PORT), str(requests),
+               *sorted(gateway.address for gateway in gateways)]
+    output, cost = run_measured(world, command)
+    return float(output), cost
+
+
 def run_httping(gateways, requests=3):
     """One httping per gateway, all at once: the smallest time to connect of each."""
     times = {}

@@ -102,6 +102,7 @@ TEST_F(SelectCommandTest, AnIPv6AddressMayHaveBrackets) {
   EXPECT_THAT(outcome.out, HasSubstr("\n      [::1]  ")) << outcome.err;
   EXPECT_THAT(outcome.out, HasSubstr("\n      [::2]  "));
   EXPECT_EQ(run({"exec", "[::1]", "--", "echo", "{host}"}).out, "::1\n");
+  EXPECT_THAT(run({"select", "[gw,gw]"}).err, HasSubstr("'[gw,gw]' cannot be used"));
 }
 
 TEST_F(SelectCommandTest, AProxyThatDoesNotServeIsToldWithWhatItCost) {

@@ -97,16 +97,15 @@ TEST_F(SelectionCache, APreferenceThatChangesTheFiguresIsPartOfThePlace) {
 }
 
 TEST_F(SelectionCache, ASelectionThatLacksACandidateOrProbesIsRememberedForTenMinutes) {
-  const auto whole = std::make_shared<SelectionRecord>();
   HttpProbe::Report report;
   report.host = "gw";
   report.port = 443;
-  for (int i = 0; i < 3; ++i) {
-    whole->probeEnded(report);
-  }
-  const auto cutShort = std::make_shared<SelectionRecord>();
-  for (const auto& [record, key, isPartial] :
-       {std::tuple(whole, "gw;", false), {whole, "gw;lost;", true}, {cutShort, "late;", true}}) {
+  for (const auto& [probes, key, isPartial] :
+       {std::tuple(3, "gw;", false), {6, "gw;lost;", true}, {2, "late;", true}}) {
+    const auto record = std::make_shared<SelectionRecord>();
+    for (int i = 0; i < probes; ++i) {
+      record->probeEnded(report);
+    }
     const CTask::Scope scope(record);
     const std::string text = readFile(fileOf(key));
     EXPECT_EQ(text.find(" partial=\"true\"") != std::string::npos, isPartial) << key;

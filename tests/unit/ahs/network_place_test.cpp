@@ -1,8 +1,12 @@
 // What tells networks apart, in a network namespace of the test's own. Neighbours are permanent, so
 // that no time passes.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +26,7 @@ using Words = std::set<std::string>;
 constexpr const char* Interfaces =
     "ip link add wifi0 type veth peer name wifi1; ip link set wifi1 up; ip link set wifi0 up;"
     "ip link add wire0 type veth peer name wire1; ip link set wire1 up; ip link set wire0 up;"
-    "ip tuntap add vpn0 mode tap; ip link set vpn0 up;"
+    "ip link set vpn0 up;"
     "ip address add 192.0.2.7/24 dev wifi0; ip address add 198.51.100.9/25 dev wire0;"
     "ip address add 10.9.8.7/24 dev vpn0;"
     "ip -6 address add 2001:db8:1::7/64 dev wifi0 nodad;"
@@ -31,6 +35,13 @@ constexpr const char* Interfaces =
     "ip neighbour add 198.51.100.1 lladdr 02:00:00:00:00:02 dev wire0;"
     "ip neighbour add 10.9.8.1 lladdr 02:00:00:00:00:03 dev vpn0;"
     "ip neighbour add fe80::1 lladdr 02:00:00:00:00:04 dev wifi0;";
+
+/// A tunnel that frames like Ethernet. It has a carrier while this process holds it.
+bool makeTunnel() {
+  ifreq request{{"vpn0"}, {}};
+  request.ifr_flags = IFF_TAP;
+  return ioctl(open("/dev/net/tun", O_RDWR), TUNSETIFF, &request) == 0;
+}
 
 /// The place after some commands in a new namespace, but for the resolver's words; none if nobody
 /// can tell.
@@ -41,7 +52,7 @@ Words placeAfter(const std::string& commands) {
   if (child == 0) {
     std::string text = "cannot be made\n";
     if (unshare(geteuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) == 0 &&
-        system((Interfaces + commands).c_str()) == 0) {
+        makeTunnel() && system((Interfaces + commands).c_str()) == 0) {
       text.clear();
       std::vector<std::string> place;
       if (readNetworkPlace(place)) {

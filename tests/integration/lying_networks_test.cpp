@@ -159,5 +159,18 @@ TEST_F(LyingNetworks, APortalIsNoChoiceToAnnounceButAProgramIsStillTried) {
   EXPECT_THAT(told(), HasSubstr("A captive portal answers"));
 }
 
+TEST_F(LyingNetworks, APortalIsNotTakenForTheRememberedWinner) {
+  const std::string choose = "$AHS select 10.77.0.1 10.77.0.2";
+  const int status = inScene("path default rtt=40\ngateway 10.77.0.1:443\ngateway 10.77.0.2:443\n",
+                             choose + " && " + choose);
+  if (status == NotPermitted) {
+    GTEST_SKIP() << readFile(home + "/wan");
+  }
+  EXPECT_EQ(0, status) << told();
+  EXPECT_THAT(readFile(home + "/out"), HasSubstr("still answers"));
+  EXPECT_EQ(1, inScene("path default rtt=1\ngateway 0.0.0.0:443 behaviour=portal\n", choose));
+  EXPECT_THAT(told(), HasSubstr("A captive portal answers"));
+}
+
 }  // namespace
 }  // namespace tests

@@ -41,6 +41,9 @@ bool readNetworkPlace(std::vector<std::string>& place) {
 
 ConnectionTrial tryConnection(const std::string& host, unsigned short port,
                               std::chrono::milliseconds /*longest*/) noexcept {
+  if (host == "198.51.100.251") {
+    return ConnectionTrial::Dead;
+  }
   const std::lock_guard<std::mutex> guard(lock);
   trials.push_back(host + ":" + std::to_string(port));
   return trials.back() == dead ? ConnectionTrial::Dead : ConnectionTrial::Stands;

@@ -41,8 +41,10 @@ TEST(RoundTripEvidence, DecidesWhichRoundTripCounts) {
       {"a box, and a lost packet", {1, 1, 1, 1, 1, 1, 1, -1}, 1, 90, 90, Doubt::NearBox},
       {"others do not open", {1, 1, 1, -1, -1}, 1, 90, 1, Doubt::None},
       {"others cannot have been seen yet", {1, -1, -1}, 1, 90, 90, Doubt::NearBox, 5},
-      {"an acknowledgement sent ahead", {100}, 3, 5, 100, Doubt::EarlyAcknowledgement},
-      {"the same, or jitter", {100}, 30, 130, 50, Doubt::EarlyAcknowledgement},
+      {"an acknowledgement sent ahead", {100}, 4, 5, 73, Doubt::EarlyAcknowledgement},
+      {"the same, or jitter", {100}, 40, 140, 55, Doubt::EarlyAcknowledgement},
+      {"what holds up openings, near", {240}, 40, 40, 160, Doubt::EarlyAcknowledgement},
+      {"what holds up openings, farther", {280}, 80, 80, 170, Doubt::EarlyAcknowledgement},
       {"jitter", {39}, 20, 60, 20, Doubt::None},
       {"a process that woke late", {0.9}, 0.1, 1, 0.1, Doubt::None},
   };

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -295,6 +296,22 @@ TEST(StructuresOfALaterVersion, AreTakenUnlessTheyAskForWhatIsNotKnown) {
   const ahs_result* const result = ahs_wait(selection, AHS_WAIT_FOREVER);
   ASSERT_NE(result, nullptr);
   EXPECT_EQ(result->reason, std::uint32_t{AHS_REASON_PROCESS_LAUNCH});
+  ahs_free(selection);
+  ahs_stop(library);
+}
+
+/// Bytes behind an older client's structure are whatever its memory held.
+TEST(StructuresOfAnEarlierVersion, AreTakenWithoutWhatCameLater) {
+  ahs_request request = AHS_REQUEST_INIT;
+  request.size = offsetof(ahs_request, on_decision);
+  std::memset(reinterpret_cast<unsigned char*>(&request) + request.size, 0xA5,
+              sizeof request - request.size);
+  ahs_options options = AHS_OPTIONS_INIT;
+  ahs_library* library = nullptr;
+  ahs_selection* selection = nullptr;
+  ASSERT_EQ(ahs_start(&options, &library), AHS_SUCCESS);
+  ASSERT_EQ(ahs_select(library, &request, ahs_no_callback, nullptr, &selection), AHS_SUCCESS);
+  EXPECT_NE(ahs_wait(selection, AHS_WAIT_FOREVER), nullptr);
   ahs_free(selection);
   ahs_stop(library);
 }

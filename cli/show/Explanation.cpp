@@ -138,11 +138,26 @@ std::string sourceLine(const SelectionResult& result) {
     return line("source", "measured now, in " + std::to_string(result.elapsed.count()) + " ms, " +
                               (result.measure == PreferenceBase::RoundTripResponse
                                    ? "up to the headends' answers"
-                                   : "the network alone"));
+                               : result.measure == PreferenceBase::RoundTripNetwork
+                                   ? "the network alone"
+                                   : "the network, unless the evidence speaks against it"));
   }
   return line("source", "the cache; measured " + cacheAgeInWords(result) + ", used for " +
                             Wording::duration(static_cast<std::size_t>(result.cacheLife.count())) +
                             "; --fresh measures now");
+}
+
+/// The one that was decided on early, where it was another in the end.
+std::string decidedLine(const SelectionResult& result) {
+  if (!result.decided) {
+    return "";
+  }
+  const bool isChosen =
+      !result.headends.empty() && result.headends.front() == result.decided->headend;
+  return line("decided", "after " + std::to_string(result.decided->after.count()) + " ms" +
+                             (isChosen ? ""
+                                       : ": " + Console::visible(result.decided->headend) +
+                                             ", not the one of the end"));
 }
 
 std::string proxyLine(const SelectionResult& result) {
@@ -273,8 +288,8 @@ std::string reasonsInWords(const SelectionResult& result) {
   return (doubt.empty() ? "" : line("doubt", doubt)) +
          line("best", decision.best == nullptr ? "none has a metric" : describe(*decision.best)) +
          lastLine(result, decision) + ruleLines(result, decision) + sourceLine(result) +
-         proxyLine(result) + missingLines(result) + evidenceLines(result, decision) +
-         earlyLines(result, decision);
+         decidedLine(result) + proxyLine(result) + missingLines(result) +
+         evidenceLines(result, decision) + earlyLines(result, decision);
 }
 
 std::string explanation(const SelectionResult& result) {

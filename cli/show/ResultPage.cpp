@@ -186,13 +186,15 @@ std::string rowOf(const HeadendResult& headend, std::size_t rank, bool isChosen,
   static const HttpProbe::Report noProbe;
   const HttpProbe::Report* nearest = nearestProbe(headend);
   const HttpProbe::Report& probe = nearest == nullptr ? noProbe : *nearest;
+  const std::size_t lost = headend.samplesMs.empty() ? 0 : lostProbes(headend);
   return std::string(isChosen ? "<tr class=\"chosen\">" : "<tr>") +
          cell(rank == 0 ? "" : std::to_string(rank), true) + cell(headend.headend) +
          (named ? cell(nameBeside(headend.headend, headend.name)) : "") +
          cell(headend.metricMs ? std::to_string(*headend.metricMs) : "", true) +
-         cell(samplesText(headend.samplesMs, " ")) + cell(outcomeInWords(headend)) +
-         cell(inMs(probe.networkRttUs), true) + cell(inMs(probe.responseRttUs), true) +
-         cell(probe.address) + "</tr>\n";
+         cell(samplesText(headend.samplesMs, " ") +
+              (lost == 0 ? "" : " (" + std::to_string(lost) + " lost)")) +
+         cell(outcomeInWords(headend)) + cell(inMs(probe.networkRttUs), true) +
+         cell(inMs(probe.responseRttUs), true) + cell(probe.address) + "</tr>\n";
 }
 
 std::string tableOf(const SelectionResult& result) {

@@ -8,6 +8,7 @@
 
 #include "cli/show/ResultPage.h"
 #include "tests/unit/cli/some_results.h"
+#include "vpn/include/HttpSession.h"
 
 namespace {
 
@@ -103,9 +104,11 @@ TEST(ResultPage, ShowsMarkupInNamesAsTextEverywhere) {
 TEST(ResultPage, RanksWhatWasDeliveredListsTheRestAndHasAColumnForNamesWhereThereAreAny) {
   SelectionResult result =
       measured({headend("gw-a", 20, {20, 25}), headend("gw-b", 40), headend("gw-c", {})});
+  result.results[0].probes.resize(1);
+  result.results[0].probes[0].status = HTTP_SESSION_ERROR_TIMEOUT;
   std::string page = pageOf(result, "now");
   EXPECT_THAT(page, HasSubstr("<tr class=\"chosen\"><td class=\"n\">1</td><td>gw-a</td>"
-                              "<td class=\"n\">20</td><td>20 25</td><td>answered</td>"));
+                              "<td class=\"n\">20</td><td>20 25 (1 lost)</td>"));
   EXPECT_THAT(page, HasSubstr("<tr><td class=\"n\">2</td><td>gw-b</td>"));
   EXPECT_THAT(page, HasSubstr("<tr><td class=\"n\"></td><td>gw-c</td><td class=\"n\"></td>"
                               "<td></td><td>timed out</td>"));

@@ -5,7 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <tuple>
+#include <utility>
 
 #include "cli/show/SelectionOutput.h"
 #include "tests/unit/cli/some_results.h"
@@ -131,6 +133,17 @@ TEST(Explanation, NamesTheEvidenceAgainstTheNetworksRoundTrip) {
   EXPECT_THAT(explanation(result), Not(HasSubstr("odd:")));
   result.results[1].probes[0].doubt = RoundTripDoubt::EarlyAcknowledgement;
   EXPECT_THAT(explanation(result), HasSubstr("gw-b acknowledges in 1.0 ms, opens in 1.1 ms\n"));
+}
+
+TEST(Explanation, TellsWhenItWasDecidedAndIfItWasAnotherInTheEnd) {
+  SelectionResult result = measured({headend("gw-a", 40), headend("gw-b", 48)});
+  EXPECT_THAT(explanation(result), Not(HasSubstr("decided:")));
+  for (const auto& [headend, words] :
+       {std::pair{"gw-a", "decided:    after 90 ms\n"},
+        std::pair{"gw-b", "decided:    after 90 ms: gw-b, not the one of the end\n"}}) {
+    result.decided = {"", headend, 40, std::chrono::milliseconds(90)};
+    EXPECT_THAT(explanation(result), HasSubstr(words));
+  }
 }
 
 TEST(Explanation, TellsWhenTheCacheMeasured) {

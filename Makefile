@@ -95,7 +95,7 @@ figures: ## Print sizes: lines by room, the cache, include circles, longest func
 
 .PHONY: bench
 bench: deps-bench release ## Measure beside other programs (needs the right to make namespaces)
-	bench/run.sh build/release
+	bench/run.sh build/release $(if $(SAVE),--save $(SAVE)) $(if $(AGAINST),--against $(AGAINST))
 
 .PHONY: deb
 deb: deps-deb ## Build Debian packages into build/deb: library, development files, command

@@ -105,6 +105,8 @@ def parse():
     parser.add_argument("--seed", type=int, default=1, help="of jitter and loss (%(default)s)")
     parser.add_argument("--check", action="store_true",
                         help="fewer rounds; fail if a ratio is far from its target")
+    parser.add_argument("--save", metavar="FILE", help="keep the ratios in FILE")
+    parser.add_argument("--against", metavar="FILE", help="compare with the ratios of an earlier run's --save")
     parser.add_argument("--smoke", action="store_true", help="tiny numbers, to see that everything runs")
     arguments = parser.parse_intermixed_args()
     unknown = [row for row in arguments.rows if row not in ROWS]
@@ -146,6 +148,10 @@ def measure(arguments, scratch, load):
     print(text)
     if arguments.write:
         figures.write(os.path.join(ROOT, "docs", "benchmarks.md"), text)
+    if arguments.against:
+        print(f"\n{figures.against(arguments.against, found)}")
+    if arguments.save:
+        figures.save(arguments.save, found)
     broken = [figure for figure in found if figure.is_broken()] if arguments.check else []
     for figure in broken:
         print(f"FAILED: {figure.what}: ratio {figure.ratio or 'unknown'}, at most {figure.most:g}", file=sys.stderr)

@@ -18,7 +18,7 @@ def processor(bench):
     ours, theirs = found.cost("processor"), found.cost("processor", "curlCost")
     return [Figure(f"processor time of {count * g.PINGS:,} plain probes", "below `curl --parallel`'s",
                    f"{ours:,.0f} ms", f"`curl --parallel` {theirs:,.0f} ms", f"{ours / theirs:.2f}",
-                   ours < theirs, 1)]
+                   ours < theirs, 1, found.shares("processor"))]
 
 
 def memory(bench):
@@ -27,7 +27,8 @@ def memory(bench):
     ours, theirs = found.cost("peak_mib"), found.cost("peak_mib", "curlCost")
     return [Figure(f"memory at {count:,} headends, peak resident", f"at most {MOST_MIB} MiB",
                    f"{ours:.1f} MiB", f"`curl --parallel` (300 at once) {theirs:.1f} MiB",
-                   f"{ours / theirs:.2f}", ours <= MOST_MIB, MOST_OF_CURL)]
+                   f"{ours / theirs:.2f}", ours <= MOST_MIB, MOST_OF_CURL,
+                   found.shares("peak_mib"))]
 
 
 def bend_of(values, counts, least):

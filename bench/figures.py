@@ -3,12 +3,17 @@ whether the target is met."""
 
 import dataclasses
 import datetime
+import json
 import os
 import platform
 import re
+import statistics
 
 BEGIN = "<!-- figures: written by bench/run.sh --write -->"
 END = "<!-- end of figures -->"
+
+# Between runs of the same program, medians differ by less.
+LEAST_CHANGE = 0.02
 
 
 @dataclasses.dataclass
@@ -23,9 +28,13 @@ class Figure:
     met: bool | None
     # A ratio above this is a fault on any machine, even a busy one; None if there is no such bound.
     most: float | None = None
+    # The ratio of each round, where rounds have one.
+    rounds: list = dataclasses.field(default_factory=list)
 
     def is_broken(self):
-        return self.most is not None and not (self.ratio and float(self.ratio) <= self.most)
+        """Noise makes single rounds worse; a fault makes all of them worse."""
+        ratios = self.rounds or [float(self.ratio or "inf")]
+        return self.most is not None and min(ratios) > self.most
 
 
 def table(figures):
@@ -35,6 +44,41 @@ def table(figures):
         lines.append(f"| {figure.what} | {figure.target} | {figure.ours} | {figure.peer} "
                      f"| {figure.ratio} | {met} |")
     return "\n".join(lines)
+
+
+def save(path, figures):
+    """Keeps the ratios for a later run."""
+    with open(path, "w", encoding="utf-8") as file:
+        json.dump({figure.what: figure.rounds or [float(figure.ratio)]
+                   for figure in figures if figure.rounds or figure.ratio}, file, indent=1)
+
+
+def against(path, figures):
+    """A table of our ratios beside those of an earlier run. They differ where no round of one lies among
+    the rounds of the other, and their medians by over LEAST_CHANGE."""
+    with open(path, encoding="utf-8") as file:
+        earlier = json.load(file)
+    lines = [f"| ratio | {os.path.basename(path)} | now | change |", "|---|---|---|---|"]
+    for figure in figures:
+        now = figure.rounds or [float(figure.ratio)] if figure.rounds or figure.ratio else []
+        before = earlier.get(figure.what, [])
+        if now and before:
+            lines.append(f"| {figure.what} | {spread(before)} | {spread(now)} | {change(before, now)} |")
+    return "\n".join(lines)
+
+
+def spread(rounds):
+    median = f"{statistics.median(rounds):.3f}"
+    return median if len(rounds) == 1 else f"{median} ({min(rounds):.3f} to {max(rounds):.3f})"
+
+
+def change(before, now):
+    share = statistics.median(now) / statistics.median(before) - 1 if statistics.median(before) else 0
+    if abs(share) <= LEAST_CHANGE or (min(now) <= max(before) and min(before) <= max(now)):
+        return "none beyond noise"
+    word = "**worse**" if share > 0 else "better"
+    noise = "" if min(len(before), len(now)) > 1 else ", noise unknown"
+    return f"{word}, {100 * share:+.0f} %{noise}"
 
 
 def first_match(pattern, path):

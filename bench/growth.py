@@ -51,6 +51,10 @@ class Measurement:
     def cost(self, member, of="cost"):
         return statistics.median(round[of][member] for round in self.rounds)
 
+    def shares(self, member, of="curlCost"):
+        """Ours as a multiple of another's, round by round."""
+        return [round["cost"][member] / round[of][member] for round in self.rounds]
+
     def error(self, of="metrics"):
         return w.error_of(self.gateways, [round[of] for round in self.rounds])
 

@@ -58,10 +58,9 @@ def busy(bench):
     figures = []
     for who, name in (("curl", "`curl --parallel`"), ("httping", "`httping`"),
                       ("response", "its own `response`")):
-        figures.append(Figure(what, f"worst at most {WORST_MS} ms" if who == "curl" else "", str(ours),
+        figures.append(Figure(what if who == "curl" else f"the same, beside {name}", f"worst at most {WORST_MS} ms" if who == "curl" else "", str(ours),
                               f"{name} {error[who]}", ratio(ours.worst, error[who].worst),
                               is_true(ours) if who == "curl" else None, 1))
-        what = "the same"
     return figures
 
 

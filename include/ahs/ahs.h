@@ -209,8 +209,8 @@ typedef struct ahs_probe {
 typedef void (*ahs_progress_callback)(const ahs_probe* probe, void* context);
 
 /** A selection is decided before it ends: nobody who is still out can win, because the others are
- * known to be farther away, or silent for max(300 ms, 2 x the best metric). On a reconnection the
- * last headend has ended, too, or is silent. */
+ * known to be farther away, or have answered no attempt to connect for max(300 ms, 2 x the best
+ * metric). On a reconnection the last headend has ended, too, or is silent like that. */
 typedef struct ahs_decision {
   size_t size;         /**< of this structure, as the library has it */
   const char* name;    /**< of the headend's host entry */

@@ -231,7 +231,7 @@ struct Request {
   std::string sourceAddress{};
   std::uint32_t mark = 0;   ///< probes carry it (SO_MARK; takes CAP_NET_ADMIN); 0 for none
   bool measureNow = false;  ///< whatever the cache has, which then keeps the new result
-  /// A remembered selection answers up to this age; 0: as the preferences say.
+  /// A remembered selection answers up to this age; 0 or less: as the preferences say.
   std::chrono::seconds maxAge{0};
   /// Is given each socket that a probe is about to connect, after the three above were set, on the
   /// probe's own thread and several at a time. It must not close the socket, and of this library

@@ -497,8 +497,10 @@ void HttpTransfer::collectTimes() {
   if (!m_outcome.reused) {
     const auto connected = get<curl_off_t>(CURLINFO_CONNECT_TIME_T);
     const auto secured = get<curl_off_t>(CURLINFO_APPCONNECT_TIME_T);
-    m_outcome.connectUs = connected == 0 ? 0 : connected + m_clockUs;
-    m_outcome.tlsUs = secured == 0 ? 0 : secured + m_clockUs;
+    // The request went out afterwards, on our own clock.
+    const auto latest = m_outcome.requestUs > 0 ? m_outcome.requestUs : m_outcome.endedUs;
+    m_outcome.connectUs = connected == 0 ? 0 : std::min<long long>(connected + m_clockUs, latest);
+    m_outcome.tlsUs = secured == 0 ? 0 : std::min<long long>(secured + m_clockUs, latest);
     // Some versions count the handshake into the time to connect, and give none where it failed.
     if (m_outcome.tlsStartUs > 0 &&
         (m_outcome.connectUs == 0 || m_outcome.connectUs > m_outcome.tlsStartUs)) {

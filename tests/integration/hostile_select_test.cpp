@@ -64,7 +64,7 @@ TEST_F(HostileSelectCommand, ChoosesTheGoodOneInTimeAmongAllThatAreNot) {
   }
   EXPECT_THAT(log, Not(HasSubstr("evil"))) << "a gateway has written into the log";
   const json object = json::parse(outcome.out);
-  EXPECT_EQ(hosts[0], object.at("headends").at(0));
+  EXPECT_EQ(hosts[0], object.at("headends").at(0).get<std::string>());
   EXPECT_LT(object.at("elapsedMs"), MuchLaterMs);
   std::map<std::string, std::string> outcomes;
   for (const json& result : object.at("results")) {

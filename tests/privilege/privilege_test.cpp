@@ -27,6 +27,7 @@
 namespace tests {
 namespace {
 
+using testing::AnyOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -176,8 +177,9 @@ TEST_P(PrivilegedHost, ObeysNoVariable) {
   const std::string output = run(false) + (isShut ? run(true) : "");
   EXPECT_THAT(output, HasSubstr(measured));
   if (!isShut) {
-    // A module that the user chose is loaded by the helper alone, without the host's rights.
-    EXPECT_EQ(note(), std::to_string(geteuid() == 0 ? 1234 : geteuid()));
+    // A module that the user chose is loaded by the helper alone, without the host's rights;
+    // libproxy 0.5 loads none.
+    EXPECT_THAT(note(), AnyOf(std::to_string(geteuid() == 0 ? 1234 : geteuid()), ""));
     EXPECT_EQ(readFile(keyLog()), "") << "nobody's keys are written";
     return;
   }

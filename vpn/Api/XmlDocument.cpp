@@ -247,12 +247,12 @@ std::size_t XmlDocument::offsetOf(const std::string& attribute) const {
   return m_tag;
 }
 
-const std::string* XmlDocument::find(const Attributes& attributes, const std::string& name) {
+const std::string* XmlDocument::find(const Attributes& attributes, std::string_view name) {
   const auto found = std::ranges::find(attributes, name, &Attribute::name);
   return found != attributes.end() ? &found->value : nullptr;
 }
 
-const std::string& XmlDocument::valueOf(const Attributes& attributes, const std::string& name) {
+const std::string& XmlDocument::valueOf(const Attributes& attributes, std::string_view name) {
   static const std::string& none = *new std::string;
   const std::string* const value = find(attributes, name);
   return value != nullptr ? *value : none;

@@ -4,6 +4,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vpn/Api/ConfigurationBytes.h"
@@ -47,9 +48,9 @@ class XmlDocument {
   void refuse(Place place, const std::string& reason);
 
   /// The value of an attribute; null if there is none of that name.
-  static const std::string* find(const Attributes& attributes, const std::string& name);
+  static const std::string* find(const Attributes& attributes, std::string_view name);
   /// The same; empty if there is none. It lives as long as the list.
-  static const std::string& valueOf(const Attributes& attributes, const std::string& name);
+  static const std::string& valueOf(const Attributes& attributes, std::string_view name);
   /// How many elements are open, the one that `start` is told of included.
   std::size_t depth() const { return m_depth; }
 

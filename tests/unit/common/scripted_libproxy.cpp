@@ -14,8 +14,6 @@
 #include <thread>
 #include <vector>
 
-struct pxProxyFactory_ {};
-
 namespace {
 
 using Entries = std::vector<std::string>;
@@ -88,9 +86,10 @@ Entries answerTo(const std::string& url) {
 
 }  // namespace
 
-pxProxyFactory* px_proxy_factory_new() { return new pxProxyFactory_; }
+// The type behind the handle has another name in each release.
+pxProxyFactory* px_proxy_factory_new() { return reinterpret_cast<pxProxyFactory*>(new char); }
 
-void px_proxy_factory_free(pxProxyFactory* self) { delete self; }
+void px_proxy_factory_free(pxProxyFactory* self) { delete reinterpret_cast<char*>(self); }
 
 char** px_proxy_factory_get_proxies(pxProxyFactory* /*self*/, const char* url) {
   const Entries entries = answerTo(url);

@@ -216,7 +216,8 @@ std::string linkAddress(Kernel& kernel, const Hop& hop) {
   static_cast<void>(kernel.ask(
       RTM_GETNEIGH, 0, header,
       [&text](std::string_view neighbour) {
-        for (const char byte : find(attributesAfter<ndmsg>(neighbour), NDA_LLADDR)) {
+        const std::string_view address = find(attributesAfter<ndmsg>(neighbour), NDA_LLADDR);
+        for (const char byte : address) {
           constexpr std::string_view Digits = "0123456789abcdef";
           const auto value = static_cast<unsigned char>(byte);
           text += text.empty() ? "" : ":";

@@ -94,5 +94,21 @@ TEST(RoundTripEvidence, TakesTheSmallestOpeningOfAnAddressAndForgetsHostsThatFai
   EXPECT_EQ(verdict.roundTripUs, 1'000);
 }
 
+TEST(RoundTripEvidence, SeesABoxForOnePortAloneAndOneForPortsOfFewHeadends) {
+  RoundTripEvidence evidence;
+  RoundTripEvidence fewOfAPort;
+  const auto now = RoundTripEvidence::Clock::now();
+  for (const auto& [name, port, opening] :
+       {std::tuple{"a", 443, 1'000}, std::tuple{"b", 443, 1'000}, std::tuple{"c", 443, 1'000},
+        std::tuple{"d", 8443, 20'000}, std::tuple{"e", 8443, 60'000}}) {
+    const RoundTripEvidence::Place place(name, static_cast<unsigned short>(port));
+    evidence.opened(place, place, opening);
+    fewOfAPort.opened({name, name[0]}, {name, name[0]}, 1'000);
+  }
+  EXPECT_EQ(evidence.weigh({"a", 443}, {1'000, 90'000, -1}, now).doubt, Doubt::NearBox);
+  EXPECT_EQ(evidence.weigh({"d", 8443}, {20'000, 90'000, -1}, now).doubt, Doubt::None);
+  EXPECT_EQ(fewOfAPort.weigh({"d", 'd'}, {1'000, 90'000, -1}, now).doubt, Doubt::NearBox);
+}
+
 }  // namespace
 }  // namespace tests

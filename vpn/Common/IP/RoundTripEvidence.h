@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "vpn/Common/IP/ProbeReport.h"
 
@@ -47,11 +48,30 @@ class RoundTripEvidence {
     long long openingUs;
     long long responseUs = -1;  ///< -1 before the first answer
   };
-  bool openAlike(Clock::time_point now) const;
-  bool isBoxed(long long responseUs, Clock::time_point now) const;
 
-  std::map<Place, Clock::time_point> m_connecting;
-  std::set<Place> m_openHosts;
-  std::map<Place, Known> m_known;
-  long long m_smallestUs = 0;  ///< of all openings
+  /// Gateways that one box may serve.
+  class Group {
+   public:
+    void connecting(const Place& host, Clock::time_point now);
+    void opened(const Place& host, const Place& address, long long openingUs);
+    void ended(const Place& host) noexcept { m_connecting.erase(host); }
+    /// What is known of an address, its answer included; null if it has not opened.
+    const Known* answered(const Place& address, long long responseUs) noexcept;
+    /// Whether there are enough to tell a box from.
+    bool suffices() const;
+    bool isBoxed(long long responseUs, Clock::time_point now) const;
+
+   private:
+    long long smallestUs() const { return m_openings.empty() ? 0 : m_openings.front(); }
+    bool openAlike(Clock::time_point now) const;
+
+    std::map<Place, Clock::time_point> m_connecting;
+    std::set<Place> m_openHosts;
+    std::map<Place, Known> m_known;
+    std::vector<long long> m_openings;  ///< of them all, the smallest first
+  };
+
+  Group m_all;
+  /// Many a box ends the connections to one port alone.
+  std::map<unsigned short, Group> m_ports;
 };

@@ -11,9 +11,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <new>
+#include <utility>
 
 #include "vpn/Common/Utility/Descriptors.h"
 #include "vpn/Common/Utility/DetachedThread.h"
@@ -58,7 +60,13 @@ struct Queue {
   Body* first AHS_GUARDED_BY(lock) = nullptr;
   Body** end AHS_GUARDED_BY(lock) = &first;
 
-  bool hasRoom() const AHS_REQUIRES(lock) {
+  /// Given back without the lock, which is held while a thread is created. Then somebody who waits
+  /// is seen: first the one is written and then the other one read, here as there.
+  std::atomic<long> returned{0};
+  std::atomic<bool> someWait{false};
+
+  bool hasRoom() AHS_REQUIRES(lock) {
+    room += returned.exchange(0);
     return (room >= needs.toLookUp && running < most) || running == 0;
   }
 
@@ -79,6 +87,8 @@ struct Queue {
     end = first == nullptr ? &first : end;
     ++running;
     room -= needs.toLookUp;
+    body->toLookUp = needs.toLookUp;
+    body->later = needs.later;
     return body;
   }
 
@@ -105,6 +115,12 @@ Queue& queue() noexcept {
 
 /// What this thread's body has taken; 0 on threads that are no workers'.
 thread_local long share = 0;
+thread_local long later = 0;  // of that, what it keeps once it looks no name up
+
+void hold(const Body& body) {
+  share = body.toLookUp;
+  later = body.later;
+}
 
 /// Gives this thread's share back. @return the body that this thread has to call next, if any.
 Body* next() noexcept {
@@ -112,7 +128,10 @@ Body* next() noexcept {
   const CAutoLockT<CMonitor> guard(all.lock);
   all.giveBack(share);
   Body* const body = all.take();
-  share = body != nullptr ? all.needs.toLookUp : 0;
+  share = later = 0;
+  if (body != nullptr) {
+    hold(*body);
+  }
   return body;
 }
 
@@ -146,15 +165,8 @@ class Succession {
   bool m_hasEnded = false;
 };
 
-long firstShare() noexcept {
-  Queue& all = queue();
-  const CAutoLockT<CMonitor> guard(all.lock);
-  return all.needs.toLookUp;
-}
-
 void* serve(void* body) {
-  pthread_setname_np(pthread_self(), "ahs");
-  share = firstShare();
+  hold(*static_cast<Body*>(body));
   Succession succession;
   callAll(static_cast<Body*>(body));
   succession.end();
@@ -165,13 +177,22 @@ void* serve(void* body) {
 /// worker whose thread does not come about.
 /// @return 0, or the errno value of why there was no thread for one.
 int startAll(Queue& all) noexcept AHS_REQUIRES(all.lock) {
-  while (Body* const body = all.take()) {
+  for (;;) {
+    Body* body = all.take();
+    if (body == nullptr && all.first != nullptr) {
+      all.someWait = true;
+      body = all.take();  // what was given back before that is seen here
+    }
+    if (body == nullptr) {
+      all.someWait = all.first != nullptr;
+      return 0;
+    }
     if (const int error = startDetachedThread(serve, body, DefaultStackSize); error != 0) {
       all.putBack(*body);
+      all.someWait = true;
       return error;
     }
   }
-  return 0;
 }
 
 }  // namespace
@@ -182,6 +203,7 @@ int CWorkerQueue::run(Body& body) noexcept {
   if (all.running == 0) {
     all.needs = Descriptors::areFew() ? NeedsOfFew : Needs();
     all.room = Descriptors::left();
+    all.returned = 0;
     all.most = mostByMemory();
   }
   all.append(body);
@@ -198,14 +220,15 @@ int CWorkerQueue::run(Body& body) noexcept {
 }
 
 void CWorkerQueue::needFew() noexcept {
-  if (share == 0) {
+  if (share == later) {
     return;
   }
   Queue& all = queue();
-  const CAutoLockT<CMonitor> guard(all.lock);
-  all.room += share - all.needs.later;
-  share = all.needs.later;
-  static_cast<void>(startAll(all));
+  all.returned += std::exchange(share, later) - later;
+  if (all.someWait) {
+    const CAutoLockT<CMonitor> guard(all.lock);
+    static_cast<void>(startAll(all));
+  }
 }
 
 Shortage CWorkerQueue::waitsFor() noexcept {

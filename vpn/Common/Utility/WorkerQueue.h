@@ -13,6 +13,8 @@ class CWorkerQueue {
     void* argument = nullptr;            ///< what it is called with
     Body* next = nullptr;                ///< the queue's
     bool hasWaited = false;              ///< there was no room for it at first
+    long toLookUp = 0;                   ///< the queue's, like the next
+    long later = 0;
   };
 
   CWorkerQueue() = delete;

@@ -106,6 +106,10 @@ deb-check: deb ## Build the packages twice, compare, and use them in a clean roo
 	tests/package/reproducible_test.sh build/deb
 	tests/package/clean_root_test.sh . build/clean-root build/deb
 
+.PHONY: on-debian-13
+on-debian-13: deps-deb ## Pass the tests and use the packages in a clean root of Debian 13 (needs root)
+	tests/package/on_debian.sh trixie . build/clean-root
+
 .PHONY: abi
 abi: deps-world release ## Write the binary interface's description, which its test compares: see docs/versions.md
 	tests/package/abi_test.sh . build/release --write

@@ -20,10 +20,8 @@ enum class Call {
   ReadResolver,   ///< res_ninit
   Socket,         ///< socket, socketpair
   Connect,        ///< connect
-  Control,        ///< fcntl
   SocketOption,   ///< setsockopt, getsockopt
-  SocketName,     ///< getsockname, getpeername
-  Poll,           ///< poll
+  Watch,          ///< epoll_create1, eventfd, epoll_ctl
   Send,           ///< send to another process
   Receive,        ///< recv
 };

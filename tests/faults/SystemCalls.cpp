@@ -6,10 +6,11 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
-#include <poll.h>
 #include <pthread.h>
 #include <resolv.h>
 #include <stdio.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -133,15 +134,6 @@ FAILING(Call::LookAt, -1, int, fstat, (int descriptor, struct stat* result), (de
 
 // Sockets.
 
-extern "C" int fcntl(int descriptor, int command, ...) {
-  static auto* const real = original<int(int, int, ...)>("fcntl");
-  va_list arguments;
-  va_start(arguments, command);
-  void* const argument = va_arg(arguments, void*);  // any argument fits into a pointer
-  va_end(arguments);
-  return strikes(Call::Control) ? -1 : real(descriptor, command, argument);
-}
-
 FAILING(Call::Socket, -1, int, socket, (int domain, int type, int protocol),
         (domain, type, protocol), noexcept);
 FAILING(Call::Socket, -1, int, socketpair, (int domain, int type, int protocol, int* ends),
@@ -154,14 +146,11 @@ FAILING(Call::SocketOption, -1, int, setsockopt,
 FAILING(Call::SocketOption, -1, int, getsockopt,
         (int descriptor, int level, int name, void* value, socklen_t* length),
         (descriptor, level, name, value, length), noexcept);
-FAILING(Call::SocketName, -1, int, getsockname,
-        (int descriptor, sockaddr* address, socklen_t* length), (descriptor, address, length),
-        noexcept);
-FAILING(Call::SocketName, -1, int, getpeername,
-        (int descriptor, sockaddr* address, socklen_t* length), (descriptor, address, length),
-        noexcept);
-FAILING(Call::Poll, -1, int, poll, (pollfd * entries, nfds_t count, int timeout),
-        (entries, count, timeout));
+FAILING(Call::Watch, -1, int, epoll_create1, (int flags), (flags), noexcept);
+FAILING(Call::Watch, -1, int, eventfd, (unsigned int count, int flags), (count, flags), noexcept);
+FAILING(Call::Watch, -1, int, epoll_ctl,
+        (int watcher, int operation, int descriptor, epoll_event* event),
+        (watcher, operation, descriptor, event), noexcept);
 
 namespace {
 

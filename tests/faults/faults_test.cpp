@@ -39,6 +39,7 @@
 #include "vpn/Api/AHS/ResolverPlace.h"
 #include "vpn/Api/AHS/SelectionFiles.h"
 #include "vpn/Api/ClientIfcBase.h"
+#include "vpn/Common/IP/SocketLoop.h"
 #include "vpn/Common/Utility/Thread.h"
 
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
@@ -323,6 +324,7 @@ void AFault::DisturbAll(unsigned long calls, unsigned long most,
 }
 
 void AFault::Prepare() {
+  SocketLoop::prepare();  // what it opens stays open
   sm_host->Start();
   sm_host->ResetCache();
   if (GetParam().fault.call == Call::MakeDirectory) {
@@ -540,15 +542,12 @@ INSTANTIATE_TEST_SUITE_P(
     SelectionWithoutSockets, AFault,
     sweepsOf({{"Socket", Call::Socket, {EMFILE, ENOBUFS}, AllButOne},
               {"Connect", Call::Connect, {ENETUNREACH, EADDRNOTAVAIL}, All},
-              {"Control", Call::Control, {ENOMEM}, All},
               {"SocketOption", Call::SocketOption, {ENOBUFS}, All},
-              {"SocketName", Call::SocketName, {ENOBUFS}, All},
-              {"Poll", Call::Poll, {ENOMEM}, All},
+              {"Watch", Call::Watch, {EMFILE}, AllButOne},
               {"Send", Call::Send, {ECONNRESET, ENOBUFS}, All},
               {"Receive", Call::Receive, {ECONNRESET}, All},
               {"SecureSend", Call::Send, {ECONNRESET}, All, 0, Probing::Secure},
-              {"SecureReceive", Call::Receive, {ECONNRESET}, All, 0, Probing::Secure},
-              {"SecurePoll", Call::Poll, {ENOMEM}, All, 0, Probing::Secure}}),
+              {"SecureReceive", Call::Receive, {ECONNRESET}, All, 0, Probing::Secure}}),
     nameOfSweep);
 
 // A sanitizer brings its own allocator.

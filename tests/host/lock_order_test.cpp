@@ -83,6 +83,8 @@ const std::map<std::string, Names>& classesOfSources() {
       {"ReserveThread.cpp", {"the reserve's lock"}},
       {"WorkerQueue.cpp", {"the lock of the queue of workers"}},
       {"ProbeTask.cpp", {"the lock of a task's evidence"}},
+      {"SocketLoop.cpp", {"the lock of the loop of sockets"}},
+      {"TlsConnection.cpp", {"the lock of the TLS context"}},
       {"ProbeSettings.cpp", {"the lock of the probe's settings"}},
       {"AppLog.cpp", {"the log's listener lock", "the log's targets' lock"}},
       {"SelectionRecord.cpp", {"the lock of a selection's record"}},

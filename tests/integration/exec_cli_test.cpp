@@ -94,11 +94,11 @@ TEST_F(ExecCommandTest, WhatTheMachineLacksIsToldAndNotRemembered) {
 #endif
   const std::string inherits =
       "exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-; ";  // no more than it needs
-  const Outcome outcome = shell(inherits + "(ulimit -n 5; ahs select " + near.address() +
+  const Outcome outcome = shell(inherits + "(ulimit -n 6; ahs select " + near.address() +
                                 " no.such.example); ahs cache show");
   EXPECT_THAT(outcome.out, HasSubstr("no.such.example  this machine ran out of descriptors\n"));
   EXPECT_THAT(outcome.out,
-              HasSubstr("ahs: this machine ran out of descriptors: 1 of 2 headends were not"));
+              HasSubstr("ahs: this machine ran out of descriptors: 2 of 2 headends were not"));
   EXPECT_THAT(outcome.out, HasSubstr("Selections: 0\n"));
 }
 

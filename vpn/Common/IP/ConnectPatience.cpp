@@ -26,6 +26,14 @@ milliseconds ConnectPatience::silenceOf(milliseconds nearest) {
   return std::max(LeastSilence, 2 * nearest);
 }
 
+milliseconds ConnectPatience::nextLook(milliseconds waited) const {
+  milliseconds next = waited < firstLook ? firstLook : waited + NextLook;
+  for (const milliseconds due : {again, giveUp}) {
+    next = due > waited ? std::min(next, due) : next;
+  }
+  return next;
+}
+
 ConnectPatience ConnectPatience::of(const Known& known) {
   ConnectPatience patience;
   if (known.testsWay) {
@@ -34,6 +42,10 @@ ConnectPatience ConnectPatience::of(const Known& known) {
   }
   if (!known.othersAnswered) {
     return patience;
+  }
+  // What others show later makes all of these longer, unless the nearest is farther than that.
+  if (known.nearest <= FirstLook) {
+    patience.firstLook = silenceOf(known.nearest);
   }
   // What is alive would have to lose three attempts, the last of which gets as much time as the
   // slowest answer takes twice.

@@ -10,9 +10,14 @@ struct ConnectPatience {
   milliseconds stand = Endless;   ///< the probe may last without a connection
   milliseconds again = Endless;   ///< a second attempt then begins beside it
   milliseconds giveUp = Endless;  ///< it then counts as timed out
-  /// Attempts are looked at from this age on, and again after each such time.
-  static constexpr milliseconds FirstLook{100};
+  /// Attempts are looked at from this age on, before which nothing above can be due, and again
+  /// after each such time.
+  static constexpr milliseconds FirstLook{120};
   static constexpr milliseconds NextLook{50};
+  milliseconds firstLook = FirstLook;  ///< the same, by what is known
+
+  /// The age at which to look next.
+  milliseconds nextLook(milliseconds waited) const;
 
   /// What is known when an attempt is looked at.
   struct Known {

@@ -4,9 +4,8 @@
 
 #include <curl/curl.h>
 
-#include "vpn/Common/IP/HttpTransfer.h"
+#include "vpn/Common/IP/DirectTransfer.h"
 #include "vpn/Common/IP/ProbeTask.h"
-#include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
 
@@ -31,8 +30,8 @@ ConnectionTrial tryConnection(const std::string& host, unsigned short port,
     request.timeout = longest;
     request.deadline = request.start + longest;
     if (outcome.code == CURLE_OK) {
-      const Utf8Locale utf8;
-      HttpTransfer transfer(request, false, nullptr);
+      DirectTransfer::Addresses addresses;
+      DirectTransfer transfer(request, false, addresses);
       transfer.send(request);
       outcome = transfer.takeOutcome();
     }

@@ -8,6 +8,7 @@
 
 #include <utility>
 
+#include "vpn/Common/IP/DirectTransfer.h"
 #include "vpn/Common/IP/HttpTransfer.h"
 #include "vpn/Common/IP/KeptTransfer.h"
 #include "vpn/Common/IP/ProbeOutcome.h"
@@ -36,8 +37,14 @@ bool passwordIsUntried(const ProbeOutcome& outcome, const ProbeRequest& request)
 }
 
 ProbeOutcome sendOnce(ProbeRequest& request) {
-  HttpTransfer transfer(request, false, nullptr);
-  transfer.send(request);
+  if (DirectTransfer::serves(request)) {
+    DirectTransfer::Addresses addresses;
+    DirectTransfer transfer(request, false, addresses);
+    transfer.send(request);
+    return transfer.takeOutcome();
+  }
+  HttpTransfer transfer(request);
+  transfer.send();
   return transfer.takeOutcome();
 }
 
@@ -60,7 +67,7 @@ ProbeOutcome send(const std::string& host, const PROXY_DATA& proxyData, ProbeReq
   if (request.isAddress()) {
     CWorkerQueue::needFew();
   }
-  const Utf8Locale utf8;  // libcurl reads an international name in the thread's locale
+  const Utf8Locale utf8;  // libcurl reads a proxy's international name in the thread's locale
   if (keptHere == nullptr || !request.isDirect() || request.handshake != nullptr) {
     return sendLoggingIn(request);
   }

@@ -30,6 +30,7 @@ bool isPrompt(const ProbeOutcome& outcome, const ProbeRequest& request) {
 KeptTransfer::Transfer KeptTransfer::takeIdle(const ProbeRequest& request) {
   if (request != m_target) {
     m_idle.reset();
+    m_addresses.clear();
     m_target = request;
     m_keeps = true;
   }
@@ -44,13 +45,16 @@ KeptTransfer::Transfer KeptTransfer::takeIdle(const ProbeRequest& request) {
 ProbeOutcome KeptTransfer::send(const ProbeRequest& request) {
   Transfer transfer = takeIdle(request);
   if (!transfer ||
-      !transfer->send(request, HttpTransfer::Clock::now() + request.timeout / SilentPart)) {
+      !transfer->send(request, DirectTransfer::Clock::now() + request.timeout / SilentPart)) {
     m_keeps = m_keeps && !transfer;
-    Transfer fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
-    const auto endless = HttpTransfer::Clock::time_point::max();
+    const auto make = [&] {
+      return std::make_unique<DirectTransfer>(request, m_keeps, m_addresses);
+    };
+    Transfer fresh = make();
+    const auto endless = DirectTransfer::Clock::time_point::max();
     if (!fresh->send(request, endless, transfer.get(), !transfer) && fresh->isUnanswered()) {
       transfer = std::move(fresh);
-      fresh = std::make_unique<HttpTransfer>(request, m_keeps, m_names);
+      fresh = make();
       fresh->send(request, endless, transfer.get());
       if (!fresh->wasHeard()) {
         fresh.swap(transfer);

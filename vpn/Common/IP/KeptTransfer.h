@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "vpn/Common/IP/HttpTransfer.h"
+#include "vpn/Common/IP/DirectTransfer.h"
 
 /// The direct probes of one thread, which share a connection as long as the server lets them; see
 /// `HttpProbe::KeptConnection`.
@@ -11,12 +11,12 @@ class KeptTransfer {
   ProbeOutcome send(const ProbeRequest& request);
 
  private:
-  using Transfer = std::unique_ptr<HttpTransfer>;
+  using Transfer = std::unique_ptr<DirectTransfer>;
 
   Transfer takeIdle(const ProbeRequest& request);
 
-  const HttpTransfer::Names m_names = HttpTransfer::makeNames();  // first: transfers use it
   ProbeTarget m_target;
+  DirectTransfer::Addresses m_addresses;  // of the target; transfers use it
   bool m_keeps = false;
   Transfer m_idle;
 };

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "vpn/Common/IP/SystemProxy.h"
 #include "vpn/Common/Trust/Environment.h"
 #include "vpn/Common/Utility/URL.h"
+#include "vpn/Common/Utility/Utf8Locale.h"
 
 namespace {
 
@@ -37,6 +39,23 @@ std::string checkedHost(const std::string& host) {
   const URL url(text);
   // A text with more than a host, such as a port or a path, differs from its host fragment.
   return url.getHostFragment() == text ? text : std::string();
+}
+
+/// An international name as it is looked up and sent ("xn--..."); empty if it has no such form.
+std::string inAscii(const std::string& host) {
+  if (std::ranges::all_of(host, [](char c) { return static_cast<unsigned char>(c) < 128; })) {
+    return host;
+  }
+  const Utf8Locale utf8;  // libcurl reads it in the thread's locale
+  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), curl_url_cleanup);
+  char* text = nullptr;
+  if (!url ||
+      curl_url_set(url.get(), CURLUPART_URL, ("http://" + host + "/").c_str(), 0) != CURLUE_OK ||
+      curl_url_get(url.get(), CURLUPART_HOST, &text, CURLU_PUNYCODE) != CURLUE_OK) {
+    return {};
+  }
+  const std::unique_ptr<char, decltype(&curl_free)> owner(text, curl_free);
+  return text;
 }
 
 /// "http=http://host:port" as libcurl takes it, "http://host:port"; empty if it is no proxy.
@@ -136,7 +155,7 @@ unsigned int ProbeRequest::prepare(const std::string& toHost, const PROXY_DATA& 
   if (!ProbeSettings::prepareTransport(secure)) {
     return CURLE_FAILED_INIT;
   }
-  host = checkedHost(toHost);
+  host = inAscii(checkedHost(toHost));
   if (host.empty()) {
     return CURLE_URL_MALFORMAT;
   }

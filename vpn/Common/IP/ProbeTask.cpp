@@ -5,6 +5,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "vpn/Common/IP/SocketLoop.h"
+
 ProbeTask::ProbeTask() : m_descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_cancelled(false) {}
 
 ProbeTask::~ProbeTask() {
@@ -44,4 +46,5 @@ void ProbeTask::cancel() noexcept {
   if (m_descriptor >= 0) {
     eventfd_write(m_descriptor, 1);
   }
+  SocketLoop::lookAtAll();
 }

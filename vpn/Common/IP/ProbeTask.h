@@ -15,8 +15,10 @@
 /// A task whose threads send probes: is told of each, gives each socket its way out of the machine,
 /// and can be cancelled.
 ///
-/// What derives from this overrides what it wants to know. Its operations are called on the
-/// probe's own thread, by several at once, and hold up the probe; what they throw is dropped.
+/// What derives from this overrides what it wants to know. Its operations are called by several
+/// threads at once and hold up the probe; what they throw is dropped. `unanswered` and `connected`
+/// may come from the thread of another probe, of whatever task: they must not wait for anything but
+/// short locks.
 class ProbeTask : public CTask {
  public:
   ProbeTask();
@@ -63,9 +65,13 @@ class ProbeTask : public CTask {
   /// have to check now and then.
   int cancelDescriptor() const noexcept { return m_descriptor; }
 
+ protected:
+  /// Of locks that each probe takes: they are held for a few microseconds.
+  static constexpr unsigned long SpinCount = 500;
+
  private:
   const int m_descriptor;
   std::atomic<bool> m_cancelled;
-  mutable CManualLock m_evidenceLock;
+  mutable CManualLock m_evidenceLock{SpinCount};
   RoundTripEvidence m_evidence AHS_GUARDED_BY(m_evidenceLock);
 };

@@ -38,28 +38,40 @@ void noteCertificate(X509* certificate, std::string& der) {
 bool TlsWatch::attach(ssl_ctx_st* context, TlsHandshake* shown) {
   m_shown = shown;
   m_trust = ProbeSettings::trustedCertificates();
-  if (!m_trust || SSL_CTX_set_app_data(context, this) != 1) {
+  if (!prepare(context, m_trust) || SSL_CTX_set_app_data(context, this) != 1) {
     return false;
   }
-  SSL_CTX_set1_cert_store(context, m_trust.get());
   // libcurl would write the keys to the file that SSLKEYLOGFILE names.
   SSL_CTX_set_keylog_callback(context, nullptr);
+  SSL_CTX_set_msg_callback_arg(context, this);
+  if (m_shown != nullptr) {
+    SSL_CTX_set_verify(context, SSL_VERIFY_NONE, &TlsWatch::onVerified);
+    SSL_CTX_set_info_callback(context, &TlsWatch::onProgress);
+  }
+  return true;
+}
+
+bool TlsWatch::attach(ssl_st* connection) {
+  m_trust = ProbeSettings::trustedCertificates();
+  SSL_set_msg_callback_arg(connection, this);
+  return SSL_set_app_data(connection, this) == 1;
+}
+
+bool TlsWatch::prepare(ssl_ctx_st* context, const std::shared_ptr<x509_store_st>& trust) {
+  if (!trust) {
+    return false;
+  }
+  SSL_CTX_set1_cert_store(context, trust.get());
   // A kept connection is idle most of the time, and there may be a thousand.
   SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
   SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);
   SSL_CTX_set_msg_callback(context, &TlsWatch::onMessage);
-  SSL_CTX_set_msg_callback_arg(context, this);
   // There is no client certificate, but it is good to know that the server asked for one.
   SSL_CTX_set_client_cert_cb(context, [](SSL* connection, X509**, EVP_PKEY**) {
     of(connection).m_clientCertificateAsked = true;
     return 0;
   });
-  if (m_shown != nullptr) {
-    SSL_CTX_set_verify(context, SSL_VERIFY_NONE, &TlsWatch::onVerified);
-    SSL_CTX_set_info_callback(context, &TlsWatch::onProgress);
-  } else {
-    SSL_CTX_set_verify(context, SSL_CTX_get_verify_mode(context), &TlsWatch::onDoubted);
-  }
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, &TlsWatch::onDoubted);
   return true;
 }
 
@@ -124,6 +136,8 @@ void TlsWatch::onProgress(const ssl_st* connection, int where, int /*result*/) {
   }
 }
 
+/// A connection that libcurl has made has an application's data of libcurl's.
 TlsWatch& TlsWatch::of(const ssl_st* connection) {
-  return *static_cast<TlsWatch*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)));
+  void* const ofContext = SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection));
+  return *static_cast<TlsWatch*>(ofContext != nullptr ? ofContext : SSL_get_app_data(connection));
 }

@@ -26,6 +26,9 @@ class TlsWatch {
   ///        looked for and the handshake goes on in spite of it.
   /// @return false if there is no memory.
   bool attach(ssl_ctx_st* context, TlsHandshake* shown);
+  /// The same for one connection of a context that others share, which `prepare` has set up.
+  bool attach(ssl_st* connection);
+  static bool prepare(ssl_ctx_st* context, const std::shared_ptr<x509_store_st>& trust);
 
   /// When the time for talk that leads to nothing is over.
   void setEnd(Clock::time_point end) { m_end = end; }

@@ -89,9 +89,6 @@ unsigned int setUpTransfer(void* easy, const ProbeRequest& request) {
   options.set(CURLOPT_QUICK_EXIT, 1L);
   options.set(CURLOPT_BUFFERSIZE, ReceiveBufferBytes);
   options.set(CURLOPT_UPLOAD_BUFFERSIZE, SendBufferBytes);
-  if (request.connectsOnly) {
-    options.set(CURLOPT_CONNECT_ONLY, 1L);
-  }
   if (request.handshake != nullptr) {
     // Connects and sends nothing. The handshake reports doubts about the certificate; libcurl
     // checks the host alone.

@@ -80,7 +80,8 @@ BaitedRecord::~BaitedRecord() = default;
 void BaitedRecord::probeStarted(const HttpProbe::Report& report) {
   SelectionRecord::probeStarted(report);
   // Where descriptors are few, all are the headends'.
-  if (!isTestProbe(report) && !Descriptors::areFew() && !m_isLaid.test_and_set()) {
+  if (!isTestProbe(report) && !m_isLaid.test() && !Descriptors::areFew() &&
+      !m_isLaid.test_and_set()) {
     lay(report);
   }
 }

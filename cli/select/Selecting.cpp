@@ -245,9 +245,13 @@ bool Selecting::prepare() {
     return false;
   }
   m_candidates = findCandidates();
-  std::ranges::stable_sort(m_candidates, {}, [this](const Candidate& candidate) {
-    return std::ranges::find(m_plan.sources.headends, candidate.name, &GivenHeadend::name) -
-           m_plan.sources.headends.begin();
+  std::map<std::string, std::size_t> order;  // of those that are given
+  for (const GivenHeadend& given : m_plan.sources.headends) {
+    order.emplace(given.name, order.size());
+  }
+  std::ranges::stable_sort(m_candidates, {}, [&order](const Candidate& candidate) {
+    const auto found = order.find(candidate.name);
+    return found == order.end() ? order.size() : found->second;
   });
   CSelectionCache* cache = nullptr;
   static_cast<void>(CSelectionCache::createSingletonInstance(cache));

@@ -34,20 +34,24 @@ bool mayWin(const Standing& headend, unsigned int bestMs, MonotonicClock::time_p
 
 }  // namespace
 
+std::optional<std::size_t> Deciding::betterOf(const std::vector<Standing>& all,
+                                              std::optional<std::size_t> best, std::size_t other) {
+  const Standing& finished = all[other];
+  const bool isBetter = finished.isFinished && finished.ms &&
+                        (!best || std::tie(*finished.ms, finished.finishedAs) <
+                                      std::tie(*all[*best].ms, all[*best].finishedAs));
+  return isBetter ? other : best;
+}
+
 std::optional<std::size_t> Deciding::winnerOf(const std::vector<Standing>& all, const Rules& rules,
-                                              MonotonicClock::time_point now) {
-  const Standing* best = nullptr;
-  for (const Standing& headend : all) {
-    if (headend.isFinished && headend.ms &&
-        (best == nullptr ||
-         std::tie(*headend.ms, headend.finishedAs) < std::tie(*best->ms, best->finishedAs))) {
-      best = &headend;
+                                              MonotonicClock::time_point now, std::size_t bestAt,
+                                              std::size_t& rival) {
+  const Standing* const best = &all[bestAt];
+  for (std::size_t looked = 0; looked < all.size(); ++looked) {
+    if (mayWin(all[rival], *best->ms, now)) {
+      return std::nullopt;
     }
-  }
-  if (best == nullptr || std::ranges::any_of(all, [best, now](const Standing& headend) {
-        return mayWin(headend, *best->ms, now);
-      })) {
-    return std::nullopt;
+    rival = (rival + 1) % all.size();
   }
   if (rules.last) {
     const Standing& last = all[*rules.last];
@@ -59,5 +63,5 @@ std::optional<std::size_t> Deciding::winnerOf(const std::vector<Standing>& all, 
       return rules.last;
     }
   }
-  return static_cast<std::size_t>(best - all.data());
+  return bestAt;
 }

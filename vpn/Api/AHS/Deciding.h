@@ -30,7 +30,13 @@ struct Rules {
 
 /// The headend that is chosen whatever becomes of those that are out; none while one of them may
 /// win. In rare cases it is another: a lost packet makes a headend seem silent or far away.
+/// @param rival where to look first for one that may win; receives the one that was found. So all
+///        need not be looked at again and again.
 std::optional<std::size_t> winnerOf(const std::vector<Standing>& all, const Rules& rules,
-                                    MonotonicClock::time_point now);
+                                    MonotonicClock::time_point now, std::size_t best,
+                                    std::size_t& rival);
+/// The best of those that have finished: of `best`, none for the first, and another one.
+std::optional<std::size_t> betterOf(const std::vector<Standing>& all,
+                                    std::optional<std::size_t> best, std::size_t other);
 
 }  // namespace Deciding

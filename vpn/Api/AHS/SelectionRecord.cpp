@@ -160,6 +160,8 @@ void SelectionRecord::noteSample(const Place& place, const Track& track) {
     if (tally.hasGivenUp || tally.samplesMs.empty()) {
       standing->ms.reset();
     }
+    m_best = Deciding::betterOf(m_standings, m_best,
+                                static_cast<std::size_t>(standing - m_standings.data()));
   }
 }
 
@@ -167,12 +169,12 @@ void SelectionRecord::tellIfDecided() {
   Decided made;
   {
     const CAutoLockT<CManualLock> guard(m_lock);
-    // Finding out costs more the more take part, so nobody looks before one has finished.
-    if (m_decided || m_finished == 0) {
+    if (m_decided || !m_best) {
       return;
     }
     const auto now = MonotonicClock::now();
-    const std::optional<std::size_t> winner = Deciding::winnerOf(m_standings, m_rules, now);
+    const std::optional<std::size_t> winner =
+        Deciding::winnerOf(m_standings, m_rules, now, *m_best, m_rival);
     if (!winner) {
       return;
     }

@@ -130,7 +130,7 @@ class SelectionRecord : public ProbeTask {
 
   std::atomic<Shortage> m_shortage{Shortage::None};
   std::atomic<bool> m_wasCutShort{false};
-  mutable CManualLock m_lock;
+  mutable CManualLock m_lock{SpinCount};
   std::map<Place, Track> m_tracks AHS_GUARDED_BY(m_lock);
   std::optional<HttpProbe::Report> m_testProbe AHS_GUARDED_BY(m_lock);
   /// Round trips of those that have answered, in microseconds.
@@ -143,6 +143,8 @@ class SelectionRecord : public ProbeTask {
   Deciding::Rules m_rules AHS_GUARDED_BY(m_lock);
   unsigned int m_probes AHS_GUARDED_BY(m_lock) = 0;
   std::size_t m_finished AHS_GUARDED_BY(m_lock) = 0;
+  std::optional<std::size_t> m_best AHS_GUARDED_BY(m_lock);  // of those that have finished
+  std::size_t m_rival AHS_GUARDED_BY(m_lock) = 0;            // may win, as far as known
   std::optional<Decided> m_decided AHS_GUARDED_BY(m_lock);
   Baits m_baits AHS_GUARDED_BY(m_lock);
   Progress m_progress AHS_GUARDED_BY(m_lock);

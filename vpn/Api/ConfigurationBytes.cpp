@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <system_error>
 #include <tuple>
 
@@ -54,6 +56,31 @@ bool continues(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
 unsigned int characters(std::string_view text) {
   return static_cast<unsigned int>(text.size()) -
          static_cast<unsigned int>(std::ranges::count_if(text, continues));
+}
+
+/// Where a text has a NUL or ceases to be UTF-8; its size if it does not. Eight bytes at once, as
+/// long as all are ASCII.
+std::size_t findNoText(std::string_view text) {
+  constexpr std::uint64_t Lowest = 0x0101010101010101;
+  constexpr std::uint64_t Highest = 0x8080808080808080;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    std::uint64_t eight = 0;
+    if (text.size() - i >= sizeof eight) {
+      std::memcpy(&eight, text.data() + i, sizeof eight);
+    }
+    // Subtracting borrows from the highest bit of a NUL.
+    if (((eight | (eight - Lowest)) & Highest) == 0) {
+      i += sizeof eight;
+      continue;
+    }
+    const std::size_t length = utf8CharacterAt(text, i).length;
+    if (length == 0 || text[i] == '\0') {
+      return i;
+    }
+    i += length;
+  }
+  return i;
 }
 
 }  // namespace
@@ -114,21 +141,20 @@ ConfigurationBytes::ByteProblem ConfigurationBytes::findByteProblem(std::string_
     return {{}, "is empty"};
   }
   PlaceFinder places(contents);
-  std::size_t lastOpen = 0;
-  for (std::size_t i = 0; i < contents.size();) {
-    const std::size_t length = utf8CharacterAt(contents, i).length;
-    if (length == 0 || contents[i] == '\0') {
-      return {places.placeOf(i), "the byte " +
-                                     CStringUtils::printable(std::string(1, contents[i])) +
-                                     " is not UTF-8 text; save the file as UTF-8"};
+  const std::size_t wrong = findNoText(contents);
+  std::size_t next = 0;
+  for (std::size_t open = 0; open < wrong; open = next) {
+    next = std::min(contents.find('<', open + 1), wrong);
+    if (next - open > MaxTagLength + 1) {
+      return {places.placeOf(open), "a tag, text or comment is longer than " +
+                                        std::to_string(MaxTagLength / 1024) +
+                                        " KiB, the most that is allowed"};
     }
-    lastOpen = contents[i] == '<' ? i : lastOpen;
-    if (i - lastOpen > MaxTagLength) {
-      return {places.placeOf(lastOpen), "a tag, text or comment is longer than " +
-                                            std::to_string(MaxTagLength / 1024) +
-                                            " KiB, the most that is allowed"};
-    }
-    i += length;
+  }
+  if (wrong < contents.size()) {
+    return {places.placeOf(wrong), "the byte " +
+                                       CStringUtils::printable(std::string(1, contents[wrong])) +
+                                       " is not UTF-8 text; save the file as UTF-8"};
   }
   return {};
 }

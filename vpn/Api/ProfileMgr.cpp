@@ -120,8 +120,8 @@ const std::map<std::string, HostProfile*>& ProfileMgr::getHostProfileMap() const
 }
 
 std::string ProfileMgr::getProfileNameFromHost(const std::string& hostName) const {
-  const auto found = m_hostProfileMap.find(hostName);
-  return found != m_hostProfileMap.end() ? found->second->getProfileName() : std::string();
+  const auto found = m_profileOfHost.find(hostName);
+  return found != m_profileOfHost.end() ? *found->second : std::string();
 }
 
 std::string ProfileMgr::getProfilePath(const std::string& profileName) const {
@@ -185,6 +185,7 @@ void ProfileMgr::addHost(const std::string& profileName, const ProfileFile::Host
   m_hosts.push_back(
       std::make_unique<HostProfile>(profileName, host.name, host.address, host.line, host.url));
   known->second = m_hosts.back().get();
+  m_profileOfHost.emplace(known->second->getHostName(), &known->second->getProfileName());
 }
 
 void ProfileMgr::leaveOut(const std::string& profileName, const ProfileFile::Host& host) {

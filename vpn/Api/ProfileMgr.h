@@ -5,6 +5,8 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -111,6 +113,8 @@ class ProfileMgr {
   std::vector<std::unique_ptr<HostProfile>> m_hosts;
   std::map<std::string, HostInitSettings*> m_fileInitMap;
   std::map<std::string, HostProfile*> m_hostProfileMap;
+  // The names are those that the entries hold. A run asks for each of a thousand.
+  std::unordered_map<std::string_view, const std::string*> m_profileOfHost;
   std::map<std::string, std::string> m_profilePaths;  // profile name to its file, for messages
   std::vector<LeftOutHost> m_leftOut;
   std::vector<FileProblem> m_problems;

@@ -141,8 +141,8 @@ void XmlDocument::setCallbacks(_xmlSAXHandler& handler) {
       if (document.exceedsBounds(std::max(attributeCount, namespaceCount))) {
         return;
       }
-      Attributes list;
-      list.reserve(static_cast<std::size_t>(attributeCount));
+      Attributes& list = document.m_attributes;
+      list.clear();
       for (int i = 0; i < namespaceCount; ++i, namespaces += 2) {
         list.push_back({namespaces[0] != nullptr ? "xmlns:" + toText(namespaces[0]) : "xmlns",
                         toText(namespaces[1])});

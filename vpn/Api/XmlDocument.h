@@ -76,6 +76,7 @@ class XmlDocument {
   _xmlParserCtxt* m_context = nullptr;
   std::size_t m_tag = 0;  // where the last tag begins
   std::size_t m_depth = 0;
+  Attributes m_attributes;  // of the last tag
   bool m_refused = false;
   bool m_hasEnded = false;         // the parser has come to the end of the document
   std::exception_ptr m_exception;  // thrown in a callback, which may not leave through libxml2

@@ -10,13 +10,20 @@
 
 namespace {
 
-char lowered(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+/// Without a branch: it is asked for each byte of a thousand names.
+char lowered(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  const unsigned int isCapital = byte - static_cast<unsigned int>('A') < 26U ? 1 : 0;
+  return static_cast<char>(byte | (isCapital << 5U));
+}
 
 }  // namespace
 
 std::string CStringUtils::toLower(const std::string& text) {
   std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), lowered);
+  for (char& c : result) {
+    c = lowered(c);
+  }
   return result;
 }
 

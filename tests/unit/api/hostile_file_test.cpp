@@ -69,6 +69,12 @@ TEST_F(HostileFileTest, IsSkippedWithTheReason) {
   expect("a surrogate", hostNamed("\xED\xA0\x80"), {4, {"not UTF-8", "\\x"}});
   expect("beyond Unicode", hostNamed("\xF4\x90\x80\x80"), {4, {"not UTF-8", "\\x"}});
   expect("a character cut off", hostNamed("\xE2\x82"), {4, {"not UTF-8", "\\x"}});
+  for (std::size_t before = 0; before < 9; ++before) {
+    for (const char wrong : {'\0', '\x80'}) {
+      const std::string name = std::string(before, 'a') + wrong + "aaaaaaaa";
+      expect("a byte among eight", hostNamed(name), {4, {"not UTF-8"}});
+    }
+  }
   expect("UTF-16", std::string("<\0p\0r\0", 6), {1, {"not UTF-8"}});
   expect("UTF-16 with its mark", std::string("\xFF\xFE<\0p\0", 6), {1, {"not UTF-8"}});
   expect("nothing", "", {0, {"is empty"}});

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vpn/Api/AHS/HeadendRTT.h"
@@ -26,6 +27,9 @@ class CCacheEntry {
   STATUSCODE GetHeadendList(std::vector<CHeadendRTT>& headendList) const;
   unsigned int GetListSize() const { return static_cast<unsigned int>(m_headendList.size()); }
   void AddHeadend(const CHeadendRTT& headend) { m_headendList.push_back(headend); }
+  void AddHeadend(CHeadendRTT&& headend) { m_headendList.push_back(std::move(headend)); }
+  /// The results in stored order, without a copy.
+  const std::vector<CHeadendRTT>& headends() const { return m_headendList; }
 
   /// Seconds since 1970-01-01 00:00 UTC; 0 for an entry that was never stored.
   /// @{

@@ -17,10 +17,14 @@ class CHeadendRTT {
   /// @{
   CHeadendRTT(const CHeadendRTT& other);
   CHeadendRTT& operator=(const CHeadendRTT& other);
+  CHeadendRTT(CHeadendRTT&& other) = default;
+  CHeadendRTT& operator=(CHeadendRTT&& other) = default;
   /// @}
 
   /// A copy of the host, or host ":" port.
   std::string GetHeadend() const;
+  /// The same without a copy.
+  const std::string& headend() const { return m_headend; }
   /// The metric in milliseconds.
   unsigned int GetRTT() const;
   /// Host, five blanks, metric: a line of the selection report without its line feed. Characters

@@ -107,11 +107,10 @@ class Kernel {
 
  private:
   bool receive(bool isDump, const Visitor& visit) {
-    std::vector<char> buffer(32UL * 1024);  // the kernel sends at most so much at once
     for (std::size_t all = 0; all < MostBytes;) {
       sockaddr_nl from{};
       socklen_t length = sizeof from;
-      const ssize_t size = recvfrom(m_socket.get(), buffer.data(), buffer.size(), 0,
+      const ssize_t size = recvfrom(m_socket.get(), m_answer.data(), m_answer.size(), 0,
                                     reinterpret_cast<sockaddr*>(&from), &length);
       if (size < 0) {
         return false;
@@ -120,7 +119,7 @@ class Kernel {
         continue;  // another process's
       }
       all += static_cast<std::size_t>(size);
-      std::string_view rest(buffer.data(), static_cast<std::size_t>(size));
+      std::string_view rest(m_answer.data(), static_cast<std::size_t>(size));
       while (rest.size() >= sizeof(nlmsghdr)) {
         const auto head = headerOf<nlmsghdr>(rest);
         if (head.nlmsg_len < NLMSG_HDRLEN || head.nlmsg_len > rest.size()) {
@@ -142,6 +141,7 @@ class Kernel {
   }
 
   const FileTrust::Descriptor m_socket;
+  std::vector<char> m_answer = std::vector<char>(32UL * 1024);  // the kernel sends no more at once
   unsigned int m_sequence = 0;
 };
 
@@ -283,7 +283,8 @@ bool addRouters(Kernel& kernel, std::set<std::string>& words) {
   bool isAnyKnown = false;
   std::set<int> interfaces;
   for (const Hop& hop : hops) {
-    if (hop.router.empty() || !isEthernet(kernel, hop.interface)) {
+    if (hop.router.empty() ||
+        (!interfaces.contains(hop.interface) && !isEthernet(kernel, hop.interface))) {
       continue;
     }
     interfaces.insert(hop.interface);

@@ -57,17 +57,20 @@ bool isPartial(const CCacheEntry& entry, const std::string& key, const Selection
 /// The result that a run hands out first: sorted like its own, so that ties fall alike.
 CHeadendRTT firstOf(const CCacheEntry& entry, const SelectionRecord::Terms& terms,
                     unsigned int improvementPercent) {
-  std::vector<CHeadendRTT> ranked;
-  static_cast<void>(entry.GetHeadendList(ranked));
-  std::sort(ranked.begin(), ranked.end());
-  const unsigned int best = ranked.front().GetRTT();
-  const auto retained = std::ranges::find_if(ranked, [&](const CHeadendRTT& result) {
-    return result.GetHeadend() == terms.last &&
-           SelectionRules::retentionOf(result.GetRTT(), best, improvementPercent).isRetained;
+  std::vector<const CHeadendRTT*> ranked;
+  for (const CHeadendRTT& result : entry.headends()) {
+    ranked.push_back(&result);
+  }
+  std::sort(ranked.begin(), ranked.end(),
+            [](const CHeadendRTT* a, const CHeadendRTT* b) { return *a < *b; });
+  const unsigned int best = ranked.front()->GetRTT();
+  const auto retained = std::ranges::find_if(ranked, [&](const CHeadendRTT* result) {
+    return result->headend() == terms.last &&
+           SelectionRules::retentionOf(result->GetRTT(), best, improvementPercent).isRetained;
   });
   const bool isKept =
       terms.reason == SelectionRules::ReasonReconnection && retained != ranked.end();
-  return isKept ? *retained : ranked.front();
+  return isKept ? **retained : *ranked.front();
 }
 
 /// Whether a place that nobody has (RFC 5737) takes connections as soon as the winner has.
@@ -206,8 +209,7 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
     if (!findYoungest(place, known, found) || (terms.maxAge && isOlder(found, *terms.maxAge))) {
       return false;
     }
-    SelectionKey::respell(
-        found, key, terms.headends.empty() ? SelectionKey::candidatesOf(key) : terms.headends);
+    SelectionKey::respell(found, key, terms.headends);
     const std::string selectionKey = SelectionFiles::placeText(place) + '\n' + known;
     if (record != nullptr && isWinnerDead(found, terms, m_settings.nImprovement)) {
       forget(selectionKey);

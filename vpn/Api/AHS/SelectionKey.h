@@ -17,7 +17,7 @@ std::string canonical(const std::string& knownHeadends);
 std::vector<std::string> candidatesOf(const std::string& knownHeadends);
 
 /// Spells the results of an entry, and its key, as a run spells its candidates.
-/// @param headends as the run delivers them.
+/// @param headends as the run delivers them; none: as in the key.
 void respell(CCacheEntry& entry, const std::string& knownHeadends,
              const std::vector<std::string>& headends);
 

@@ -184,15 +184,13 @@ bool AnswerReader::hasNoBody() const {
 /// Finds out what follows the head.
 void AnswerReader::endHead() {
   m_left = m_length.value_or(0);
-  if (hasNoBody()) {
+  if (hasNoBody() || (!m_isChunked && m_length == 0)) {
     m_part = Part::Whole;
   } else if (m_isChunked) {
     m_part = Part::ChunkSize;
     m_isDoubtful = m_isDoubtful || m_length.has_value();
   } else if (!m_length) {
     m_part = Part::Unwanted;  // the body ends with the connection
-  } else if (m_left == 0) {
-    m_part = Part::Whole;
   }
 }
 

@@ -56,7 +56,7 @@ fuzz: fuzzers ## Fuzz every reader of foreign text, each for FUZZ_SECONDS (600)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) tools/fuzz.sh build/fuzz
 
 .PHONY: soak
-soak: deps-world release ## Run for hours: races under two sanitizers, attacks, a fault at every call, many selections, valgrind, mutants
+soak: deps-world deps-lint release ## Run for hours: races under two sanitizers, attacks, a fault at every call, many selections, valgrind, clang's analyzer in depth, mutants
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS) --target selection_stress ahs ahs-gateways c_client
 	cmake --preset tsan
@@ -67,6 +67,7 @@ soak: deps-world release ## Run for hours: races under two sanitizers, attacks, 
 	AHS_CACHE_KILLS=1000 build/release/bin/cache_kill_test
 	tests/host/valgrind.sh build/release 100
 	AHS_FAULTS=all build/release/bin/faults_test
+	tools/lint.sh $(JOBS) deep
 	JOBS=$(JOBS) tests/mutants/run.sh
 
 .PHONY: mutants

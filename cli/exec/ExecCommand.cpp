@@ -23,6 +23,7 @@
 #include "cli/select/Selecting.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Common/Logging/AppLog.h"
+#include "vpn/Common/Utility/URL.h"
 #include "vpn/include/Locks.h"
 
 namespace {
@@ -108,15 +109,20 @@ Attempt runProgram(const ExecOptions& options, const HeadendResult& chosen,
 }
 
 /// The headends to try, best first; where nothing was measured all candidates, the last one first,
-/// because a program may reach what a probe does not.
+/// because a program may reach what a probe does not. What may be no headend comes last.
 std::vector<std::string> headendsToTry(const SelectionResult& result) {
-  if (exitStatusOf(result.status) == ExitSelected) {
-    return result.headends;
+  std::vector<std::string> all = result.headends;
+  if (exitStatusOf(result.status) != ExitSelected) {
+    all.clear();
+    for (const HeadendResult& headend : result.results) {
+      all.push_back(headend.headend);
+    }
   }
-  std::vector<std::string> all;
-  for (const HeadendResult& headend : result.results) {
-    all.push_back(headend.headend);
-  }
+  std::ranges::stable_partition(all, [&result](const std::string& headend) {
+    const URL url(headend);
+    const auto port = static_cast<unsigned short>(SelectionRules::portOf(url));
+    return !result.doubt.places.contains(placeOf(url.getHost(), port));
+  });
   return all;
 }
 

@@ -159,6 +159,18 @@ TEST_F(LyingNetworks, APortalIsNoChoiceToAnnounceButAProgramIsStillTried) {
   EXPECT_THAT(told(), HasSubstr("A captive portal answers"));
 }
 
+TEST_F(LyingNetworks, AProgramIsTriedLastWithWhatANameServerLiesAbout) {
+  const int status = inScene(
+      "resolver 10.77.0.53\nanswer * 10.77.0.9\ngateway 10.77.0.9:443\n"
+      "path 10.77.0.1 rtt=40\ngateway 10.77.0.1:443\n",
+      "$AHS exec a.example 10.77.0.1 -- sh -c 'echo {host}; test {host} = a.example'");
+  if (status == NotPermitted) {
+    GTEST_SKIP() << readFile(home + "/wan");
+  }
+  EXPECT_EQ(0, status) << told();
+  EXPECT_EQ("10.77.0.1\na.example\n", readFile(home + "/out"));
+}
+
 TEST_F(LyingNetworks, APortalIsNotTakenForTheRememberedWinner) {
   const std::string choose = "$AHS select 10.77.0.1 10.77.0.2";
   const int status = inScene("path default rtt=40\ngateway 10.77.0.1:443\ngateway 10.77.0.2:443\n",

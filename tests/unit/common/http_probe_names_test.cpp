@@ -31,6 +31,7 @@ struct NAMES {
   std::vector<std::string> asked;
   unsigned int hanging = 0;
   bool release = false;
+  unsigned int late = 0;
 };
 
 NAMES& names() {
@@ -70,6 +71,21 @@ int hang() {
   return EAI_AGAIN;
 }
 
+/// Answers the first one that asks as soon as another one does, and the others not.
+int answerLate(const char* service, const addrinfo* hints, addrinfo** result) {
+  {
+    std::unique_lock<std::mutex> guard(names().mutex);
+    const bool isFirst = ++names().late == 1;
+    names().changed.notify_all();
+    names().changed.wait(guard, [isFirst] { return !isFirst || names().late > 1; });
+    if (isFirst) {
+      guard.unlock();
+      return resolveForReal("127.0.0.1", service, hints, result);
+    }
+  }
+  return hang();
+}
+
 }  // namespace
 
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
@@ -81,6 +97,9 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
   }
   if (name == "hangs.test") {
     return hang();
+  }
+  if (name == "late.test") {
+    return answerLate(service, hints, result);
   }
   static const std::map<std::string, int> failures = {
       {"unknown.test", EAI_NONAME}, {"serverfailure.test", EAI_AGAIN}, {"broken.test", EAI_FAIL}};
@@ -112,6 +131,16 @@ using testing::HasSubstr;
 std::vector<std::string> asked() {
   const std::lock_guard<std::mutex> guard(names().mutex);
   return names().asked;
+}
+
+/// Ends the one look-up that hangs.
+void releaseOne() {
+  std::unique_lock<std::mutex> guard(names().mutex);
+  names().changed.wait(guard, [] { return names().hanging == 1; });
+  names().release = true;
+  names().changed.notify_all();
+  names().changed.wait(guard, [] { return names().hanging == 0; });
+  names().release = false;
 }
 
 TEST_F(HttpProbeTest, ANameIsLookedUpInItsAsciiFormAndSentAsTheHost) {
@@ -193,12 +222,15 @@ TEST_F(HttpProbeTest, AProxysNameThatDoesNotResolveIsAConnectErrorAndAskedForAtP
 TEST_F(HttpProbeTest, ASilentNameServerDoesNotHoldUpTheTimeOut) {
   EXPECT_EQ(probe(80, 1, "hangs.test"), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_EQ(results.uiLastError, CURLE_OPERATION_TIMEDOUT);
-  std::unique_lock<std::mutex> guard(names().mutex);
-  names().changed.wait(guard, [] { return names().hanging == 1; });
-  names().release = true;
-  names().changed.notify_all();
-  names().changed.wait(guard, [] { return names().hanging == 0; });
-  names().release = false;
+  releaseOne();
+}
+
+TEST_F(HttpProbeTest, AnAnswerOfTheNameServerThatComesAfterTheTimeOutServesTheNextProbe) {
+  const ScriptedServer server(answering(kOk));
+  const HttpProbe::KeptConnection kept;
+  EXPECT_EQ(probe(server.port(), 1, "late.test"), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_EQ(probe(server.port(), kPatience, "late.test"), HTTP_SESSION_SUCCESS);
+  releaseOne();
 }
 
 TEST_F(HttpProbeTest, AThreadThatKeepsItsConnectionLooksANameUpOnceEvenIfTheServerCloses) {

@@ -16,16 +16,17 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "vpn/Common/IP/NameLookup.h"
 #include "vpn/Common/IP/ProbeTask.h"
 #include "vpn/Common/Utility/DetachedThread.h"
+#include "vpn/include/Locks.h"
 
 namespace {
 
@@ -33,55 +34,6 @@ using std::chrono::milliseconds;
 
 // Some modules of the name service switch take more than our other threads.
 constexpr std::size_t LookupStack = std::size_t{1024} * 1024;
-
-/// A question and its answer, which the asking thread writes before it rings.
-struct Question {
-  Question() = default;
-  ~Question() {
-    if (bell >= 0) {
-      close(bell);
-    }
-  }
-  Question(const Question&) = delete;
-  Question& operator=(const Question&) = delete;
-
-  std::string name;
-  std::string service;
-  int family = AF_UNSPEC;
-  const int bell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  std::vector<sockaddr_in6> found;
-  std::atomic<bool> isAnswered{false};
-};
-
-void answer(Question& question) {
-  addrinfo hints{};
-  hints.ai_family = question.family;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* all = nullptr;
-  if (getaddrinfo(question.name.c_str(), question.service.c_str(), &hints, &all) != 0) {
-    return;
-  }
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(all, freeaddrinfo);
-  for (const addrinfo* one = all; one != nullptr; one = one->ai_next) {
-    if (one->ai_family == AF_INET || one->ai_family == AF_INET6) {
-      memcpy(&question.found.emplace_back(), one->ai_addr, one->ai_addrlen);
-    }
-  }
-}
-
-void* ask(void* shared) {
-  const std::unique_ptr<std::shared_ptr<Question>> own(
-      static_cast<std::shared_ptr<Question>*>(shared));
-  Question& question = **own;
-  try {
-    answer(question);
-  } catch (...) {
-    question.found.clear();  // for want of memory
-  }
-  question.isAnswered = true;
-  eventfd_write(question.bell, 1);
-  return nullptr;
-}
 
 bool hasIpv6() {
   static const bool has = [] {
@@ -134,55 +86,147 @@ AddressLookup failed(unsigned int code, Shortage shortage = Shortage::None) {
   return {{}, code, shortage};
 }
 
+}  // namespace
+
+/// A question, and the first answer to it of those threads that ask.
+struct AddressLookup::Question {
+  Question(std::string host, unsigned short port)
+      : name(std::move(host)), service(std::to_string(port)) {}
+  ~Question() {
+    if (bell >= 0) {
+      close(bell);
+    }
+  }
+  Question(const Question&) = delete;
+  Question& operator=(const Question&) = delete;
+
+  /// @return the number of the next thread that asks.
+  unsigned int next() {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    return ++m_asked;
+  }
+  /// Takes an answer. A failure is one only if nobody has asked since.
+  void take(unsigned int number, Addresses found) {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    if (!m_answer && (!found.empty() || number == m_asked)) {
+      m_answer = std::move(found);
+      eventfd_write(bell, 1);
+    }
+  }
+  /// @return the addresses, none if there are none; nothing before the answer.
+  std::optional<Addresses> answer() const {
+    const CAutoLockT<CManualLock> guard(m_lock);
+    return m_answer;
+  }
+
+  const std::string name;
+  const std::string service;
+  const int bell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+
+ private:
+  mutable CManualLock m_lock;
+  unsigned int m_asked AHS_GUARDED_BY(m_lock) = 0;
+  std::optional<Addresses> m_answer AHS_GUARDED_BY(m_lock);
+};
+
+namespace {
+
+using Addresses = AddressLookup::Addresses;
+
+/// What a thread asks, and as which one.
+struct Asked {
+  AddressLookup::Late question;
+  unsigned int number;
+};
+
+Addresses addressesOf(const AddressLookup::Question& question) {
+  Addresses found;
+  addrinfo hints{};
+  hints.ai_family = hasIpv6() ? AF_UNSPEC : AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* all = nullptr;
+  if (getaddrinfo(question.name.c_str(), question.service.c_str(), &hints, &all) != 0) {
+    return found;
+  }
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(all, freeaddrinfo);
+  for (const addrinfo* one = all; one != nullptr; one = one->ai_next) {
+    if (one->ai_family == AF_INET || one->ai_family == AF_INET6) {
+      memcpy(&found.emplace_back(), one->ai_addr, one->ai_addrlen);
+    }
+  }
+  return found;
+}
+
+void* ask(void* shared) {
+  const std::unique_ptr<Asked> own(static_cast<Asked*>(shared));
+  Addresses found;
+  try {
+    found = addressesOf(*own->question);
+  } catch (...) {
+    found.clear();  // for want of memory
+  }
+  own->question->take(own->number, std::move(found));
+  return nullptr;
+}
+
 /// Waits for the answer.
-bool isAnswered(const Question& question, const ProbeTask* task,
-                AddressLookup::Clock::time_point limit) {
-  while (!question.isAnswered) {
+std::optional<Addresses> awaitAnswer(const AddressLookup::Question& question, const ProbeTask* task,
+                                     AddressLookup::Clock::time_point limit) {
+  for (;;) {
+    std::optional<Addresses> answer = question.answer();
     const auto left = std::chrono::ceil<milliseconds>(limit - AddressLookup::Clock::now());
-    if (left.count() <= 0 || (task != nullptr && task->isCancelled())) {
-      return false;
+    if (answer || left.count() <= 0 || (task != nullptr && task->isCancelled())) {
+      return answer;
     }
     std::array<pollfd, 2> both{
         {{question.bell, POLLIN, 0}, {task != nullptr ? task->cancelDescriptor() : -1, POLLIN, 0}}};
     poll(both.data(), both.size(), static_cast<int>(left.count()));
   }
-  return true;
 }
 
-AddressLookup lookUp(const ProbeRequest& request, AddressLookup::Clock::time_point limit) {
-  const auto question = std::make_shared<Question>();
-  if (question->bell < 0) {
+AddressLookup answered(Addresses addresses) {
+  return addresses.empty() ? failed(CURLE_COULDNT_RESOLVE_HOST)
+                           : AddressLookup{std::move(addresses)};
+}
+
+AddressLookup lookUp(const ProbeRequest& request, AddressLookup::Clock::time_point limit,
+                     AddressLookup::Late& late) {
+  std::optional<Addresses> known = late ? late->answer() : std::nullopt;
+  if (known && !known->empty()) {
+    return answered(std::move(*known));
+  }
+  if (!late || known) {
+    late = std::make_shared<AddressLookup::Question>(request.host, request.port);
+  }
+  if (late->bell < 0) {
+    late.reset();
     return failed(CURLE_COULDNT_RESOLVE_HOST, Shortages::fromErrno(errno));
   }
-  question->name = request.host;
-  question->service = std::to_string(request.port);
-  question->family = hasIpv6() ? AF_UNSPEC : AF_INET;
-  auto hold = std::make_unique<std::shared_ptr<Question>>(question);
+  auto asked = std::make_unique<Asked>(Asked{late, late->next()});
   NameLookup lookup;
   if (!lookup.begin()) {
     return failed(CURLE_COULDNT_RESOLVE_HOST, Shortage::Threads);
   }
-  const int error = startDetachedThread(ask, hold.get(), LookupStack);
+  const int error = startDetachedThread(ask, asked.get(), LookupStack);
   lookup.noteStart();
   if (error != 0) {
     lookup.end(true);
     return failed(CURLE_COULDNT_RESOLVE_HOST, Shortage::Threads);
   }
-  static_cast<void>(hold.release());
-  const bool isOver = isAnswered(*question, request.task, limit);
-  lookup.end(isOver);
-  if (!isOver) {
+  static_cast<void>(asked.release());
+  std::optional<Addresses> answer = awaitAnswer(*late, request.task, limit);
+  lookup.end(answer.has_value());
+  if (!answer) {
     return failed(request.task != nullptr && request.task->isCancelled()
                       ? CURLE_ABORTED_BY_CALLBACK
                       : CURLE_OPERATION_TIMEDOUT);
   }
-  return question->found.empty() ? failed(CURLE_COULDNT_RESOLVE_HOST)
-                                 : AddressLookup{std::move(question->found)};
+  return answered(std::move(*answer));
 }
 
 }  // namespace
 
-AddressLookup AddressLookup::of(const ProbeRequest& request, Clock::time_point limit) {
+AddressLookup AddressLookup::of(const ProbeRequest& request, Clock::time_point limit, Late& late) {
   if (const std::string literal = literalOf(request.host); !literal.empty()) {
     return {{addressOf(literal, zoneOf(request.host), request.port)}};
   }
@@ -195,7 +239,7 @@ AddressLookup AddressLookup::of(const ProbeRequest& request, Clock::time_point l
     }
     return local;
   }
-  return lookUp(request, limit);
+  return lookUp(request, limit, late);
 }
 
 std::string textOf(const sockaddr_in6& address) {

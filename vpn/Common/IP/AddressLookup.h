@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,14 +14,20 @@
 /// sockaddr_in, which is shorter.
 struct AddressLookup {
   using Clock = ProbeRequest::Clock;
+  using Addresses = std::vector<sockaddr_in6>;
 
-  std::vector<sockaddr_in6> addresses;
+  Addresses addresses;
   unsigned int code = 0;  ///< libcurl's, of why there are none
   Shortage shortage = Shortage::None;
 
+  /// A question that is left behind, whose answer a later look-up of the same host takes.
+  struct Question;
+  using Late = std::shared_ptr<Question>;
+
   /// Looks a request's host up until `limit`, or the end of its task. Without an answer until then,
-  /// the thread that asks is left behind; see `NameLookup`.
-  static AddressLookup of(const ProbeRequest& request, Clock::time_point limit);
+  /// the thread that asks is left behind; see `NameLookup`. The next look-up asks again, for a
+  /// packet may be lost, and takes what comes first, for a name server may be slow.
+  static AddressLookup of(const ProbeRequest& request, Clock::time_point limit, Late& late);
 };
 
 /// An address in words.

@@ -18,7 +18,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "vpn/Common/IP/AddressLookup.h"
 #include "vpn/Common/IP/KernelTrips.h"
 #include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/ProbeTask.h"
@@ -238,14 +237,14 @@ void DirectTransfer::start() {
 }
 
 bool DirectTransfer::findAddresses() {
-  if (!m_addresses.empty()) {
+  if (!m_addresses.all.empty()) {
     return true;
   }
   const auto stand = m_startedAt + m_patience.stand;
-  AddressLookup found =
-      AddressLookup::of(*m_request, std::min<Clock::time_point>(m_request->deadline, stand));
+  AddressLookup found = AddressLookup::of(
+      *m_request, std::min<Clock::time_point>(m_request->deadline, stand), m_addresses.late);
   if (!found.addresses.empty()) {
-    m_addresses.swap(found.addresses);
+    m_addresses.all.swap(found.addresses);
     return true;
   }
   m_outcome.shortage = found.shortage;
@@ -260,7 +259,7 @@ void DirectTransfer::beginToConnect() {
   m_openedAt = Clock::now();
   m_nextLook = m_openedAt + m_patience.nextLook(milliseconds(0));
   m_secondAt = m_openedAt + SecondFamily;
-  m_ways[0].family = m_addresses.front().sin6_family;
+  m_ways[0].family = m_addresses.all.front().sin6_family;
   m_ways[1].family = m_ways[0].family == AF_INET ? AF_INET6 : AF_INET;
   ProbeTask* const task = m_request->task;
   unlessThrown(false, [&] {
@@ -274,11 +273,11 @@ void DirectTransfer::beginToConnect() {
 
 /// The next address of a way's family; null for none.
 const sockaddr_in6* DirectTransfer::nextOf(Way& way) const {
-  while (way.next < m_addresses.size() && m_addresses[way.next].sin6_family != way.family) {
+  while (way.next < m_addresses.all.size() && m_addresses.all[way.next].sin6_family != way.family) {
     ++way.next;
   }
-  return way.next < m_addresses.size() && m_tried < MostAddresses ? &m_addresses[way.next]
-                                                                  : nullptr;
+  return way.next < m_addresses.all.size() && m_tried < MostAddresses ? &m_addresses.all[way.next]
+                                                                      : nullptr;
 }
 
 /// Opens what is due, and fails once all addresses have.
@@ -291,7 +290,7 @@ void DirectTransfer::connectOn() {
       close(way);
     }
     while (way.socket == NoSocket && isDue && nextOf(way) != nullptr) {
-      open(way, m_addresses[way.next++]);
+      open(way, m_addresses.all[way.next++]);
     }
     isFirstOver = way.socket == NoSocket;
   }

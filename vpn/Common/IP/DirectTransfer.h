@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "vpn/Common/IP/AddressLookup.h"
 #include "vpn/Common/IP/AnswerReader.h"
 #include "vpn/Common/IP/ConnectPatience.h"
 #include "vpn/Common/IP/ProbeOutcome.h"
@@ -28,7 +29,11 @@ class DirectTransfer {
   /// Whether a request can be sent like this.
   static bool serves(const ProbeRequest& request);
 
-  using Addresses = std::vector<sockaddr_in6>;
+  /// What is known of a host's addresses.
+  struct Addresses {
+    AddressLookup::Addresses all;
+    AddressLookup::Late late;  ///< an answer that an earlier transfer has not waited for
+  };
 
   /// @param keeps whether the rest of a short answer is wanted, so that the connection can be used
   ///        again.

@@ -30,7 +30,7 @@ bool isPrompt(const ProbeOutcome& outcome, const ProbeRequest& request) {
 KeptTransfer::Transfer KeptTransfer::takeIdle(const ProbeRequest& request) {
   if (request != m_target) {
     m_idle.reset();
-    m_addresses.clear();
+    m_addresses = {};
     m_target = request;
     m_keeps = true;
   }

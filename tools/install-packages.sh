@@ -10,8 +10,8 @@ build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
 peers=(python3 fping httping)
 test=("${build[@]}" python3 binutils fping nginx squid)
 world=("${test[@]}" "${peers[@]}" haproxy valgrind doxygen mandoc man-db zsh fish bash-completion
-  clang-14 libclang-rt-14-dev debhelper lintian debootstrap abigail-tools)
-lint=("${test[@]}" clang-14 clang-format-14 clang-tidy-14 shellcheck)
+  clang libclang-rt-dev debhelper lintian debootstrap abigail-tools)
+lint=("${test[@]}" clang clang-format clang-tidy shellcheck)
 deb=("${lib[@]}" debhelper lintian debootstrap)
 bench=("${build[@]}" "${peers[@]}")
 

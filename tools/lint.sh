@@ -12,7 +12,7 @@ mapfile -t sources < <(git ls-files '*.cpp' '*.hpp' '*.h' '*.c')
 mapfile -t scripts < <(git ls-files '*.sh' .ci/run debian/tests/command debian/tests/clients)
 
 echo "clang-format: ${#sources[@]} files"
-clang-format-14 --dry-run --Werror "${sources[@]}"
+clang-format --dry-run --Werror "${sources[@]}"
 
 echo "shellcheck: ${#scripts[@]} files"
 shellcheck "${scripts[@]}"
@@ -53,6 +53,6 @@ if [ "${2:-}" != deep ]; then
 fi
 mapfile -t translation_units < <(git ls-files 'vpn/*.cpp' 'helper/*.cpp' 'capi/*.cpp' 'cli/*.cpp' 'simulator/*.cpp')
 printf '%s\n' "${translation_units[@]}" |
-  xargs -P "$jobs" -n 4 clang-tidy-14 -p build/clang --quiet --warnings-as-errors='*' "${paths[@]}" \
+  xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet --warnings-as-errors='*' "${paths[@]}" \
     2>build/clang-tidy.log ||
   { echo "clang-tidy found something"; exit 1; }

@@ -38,10 +38,10 @@ echo "== headers, each alone"
 warnings=(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fsyntax-only -I "$scratch/usr/include")
 echo '#include <ahs/ahs.h>' | tee "$scratch/header.c" >"$scratch/header.cpp"
 echo '#include <ahs/ahs.hpp>' >"$scratch/header++.cpp"
-for compiler in gcc clang-14; do
+for compiler in gcc clang; do
   "$compiler" -std=c11 "${warnings[@]}" "$scratch/header.c" || fail "$compiler does not take ahs.h"
 done
-for compiler in g++ clang++-14; do
+for compiler in g++ clang++; do
   for header in "$scratch"/header*.cpp; do
     "$compiler" -std=c++20 "${warnings[@]}" "$header" || fail "$compiler does not take: $(cat "$header")"
   done

@@ -64,9 +64,15 @@ std::string adviceForFailure(const SelectionResult& result) {
   }
   const bool wasMeasuring = result.status == HEADENDSELECTION_ERROR_SELECTION_FAILURE;
   const std::string headend = result.results.empty() ? "HOST" : result.results.front().headend;
+  const bool isUnresolved = std::ranges::all_of(result.results, [](const HeadendResult& one) {
+    return one.outcome == HeadendOutcome::NameNotResolved;
+  });
   return "no headend was selected by measurement." +
          (wasMeasuring ? "" : " " + statusInWords(result)) +
-         " Check the network and the addresses; 'ahs probe " + forShell(headend) +
+         (isUnresolved && !result.results.empty()
+              ? " No name was resolved: check the names, and the name server (resolv.conf(5))"
+              : " Check the network and the addresses") +
+         "; 'ahs probe " + forShell(headend) +
          "' shows what fails there, and 'ahs select --log-level info' each step.";
 }
 

@@ -200,7 +200,9 @@ TEST(Advice, SaysWhatToDoAfterAFailureAndNothingAfterASuccess) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {});
   EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe HOST' shows what fails there"));
   result.results = {headend("gw:8443", {})};
-  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("'ahs probe gw:8443' shows"));
+  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("addresses; 'ahs probe gw:8443' shows"));
+  result.results.front().outcome = HeadendOutcome::NameNotResolved;
+  EXPECT_THAT(adviceFor(result, "'/p'"), HasSubstr("and the name server (resolv.conf(5)); 'ahs"));
   EXPECT_THAT(adviceFor(failed(HEADENDSELECTION_ERROR_NO_HEADENDS, {}), "'/p'"),
               HasSubstr("the profiles in '/p', set EnableAutomaticServerSelection to true"));
 }

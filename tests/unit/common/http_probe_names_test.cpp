@@ -222,6 +222,7 @@ TEST_F(HttpProbeTest, AProxysNameThatDoesNotResolveIsAConnectErrorAndAskedForAtP
 TEST_F(HttpProbeTest, ASilentNameServerDoesNotHoldUpTheTimeOut) {
   EXPECT_EQ(probe(80, 1, "hangs.test"), HTTP_SESSION_ERROR_TIMEOUT);
   EXPECT_EQ(results.uiLastError, CURLE_OPERATION_TIMEDOUT);
+  EXPECT_TRUE(report().unresolved);
   releaseOne();
 }
 

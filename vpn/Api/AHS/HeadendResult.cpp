@@ -92,7 +92,7 @@ HeadendOutcome outcomeOf(const HttpProbe::Report& probe) {
     case HTTP_SESSION_ERROR_CANNOT_CONNECT:
       return HeadendOutcome::CannotConnect;
     case HTTP_SESSION_ERROR_TIMEOUT:
-      return HeadendOutcome::TimedOut;
+      return probe.unresolved ? HeadendOutcome::NameNotResolved : HeadendOutcome::TimedOut;
     case HTTP_SESSION_ERROR_DNS_RESOLUTION:
       return HeadendOutcome::NameNotResolved;
     default:

@@ -248,6 +248,7 @@ bool DirectTransfer::findAddresses() {
     return true;
   }
   m_outcome.shortage = found.shortage;
+  m_outcome.unresolved = true;
   m_outcome.silent = found.code == CURLE_OPERATION_TIMEDOUT && stand < m_request->deadline;
   end(found.code);
   return false;

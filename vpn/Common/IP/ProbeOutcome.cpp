@@ -114,6 +114,7 @@ void ProbeOutcome::fill(ProbeReport& report, bool proxied, RoundTripMeasure meas
   report.openingUs = openingUs;
   report.networkRttUs = networkRttUs;
   report.toThisMachine = toThisMachine;
+  report.unresolved = unresolved;
   report.systemError = connected() ? 0 : static_cast<int>(osError);
   report.issuer = std::move(issuer);
   constexpr unsigned int FirstRedirect = 300;

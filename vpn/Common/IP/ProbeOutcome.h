@@ -36,6 +36,7 @@ struct ProbeOutcome {
   unsigned short addressPort = 0;
   std::string issuer;  ///< of a certificate that is not trusted
   bool toThisMachine = false;
+  bool unresolved = false;
   std::string headers;
   std::string location;
   std::string request;

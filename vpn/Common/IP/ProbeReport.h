@@ -61,6 +61,7 @@ struct ProbeReport {
   std::string redirectHost;    ///< the host that an answer of 3xx leads to; empty for none
   std::string issuer;          ///< of a certificate that is not trusted, unchecked; empty for none
   bool toThisMachine = false;  ///< an address that was tried is the loopback's or none ("0.0.0.0")
+  bool unresolved = false;     ///< it ended before an address of the name was known
   /// What this machine lacked, where that is why there was no answer.
   Shortage shortage = Shortage::None;
 };

@@ -212,8 +212,8 @@ void addExecCommand(CLI::App& tool, ChosenCommand& chosen,
   command->footer(
       "After -- stands the program with its arguments:\n"
       "  ahs exec [OPTIONS] [HOST[:PORT]...] -- PROGRAM [ARGUMENT...]\n"
-      "In the program's arguments {headend}, {host} and {port} are replaced; in its environment\n"
-      "are AHS_HEADEND, AHS_HOST, AHS_PORT, AHS_NAME and AHS_METRIC_MS.\n"
+      "In the program's arguments {headend}, {host}, {address} and {port} are replaced; in its\n"
+      "environment are AHS_HEADEND, AHS_HOST, AHS_ADDRESS, AHS_PORT, AHS_NAME, AHS_METRIC_MS.\n"
       "Examples:\n"
       "  ahs exec -- vpn-client --gateway {headend}\n"
       "  ahs exec gw1.example.com gw2.example.com -- vpn-client -p {port} {host}\n"

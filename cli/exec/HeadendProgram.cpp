@@ -10,6 +10,12 @@ namespace {
 /// Host and port that probes of a headend connect to.
 Place placeOfHeadend(const std::string& headend) { return candidateOf("", URL(headend)).place; }
 
+/// The address that was measured, if it is known; else the host.
+std::string addressOf(const HeadendResult& chosen, const std::string& host) {
+  const HttpProbe::Report* const probe = nearestProbe(chosen);
+  return probe != nullptr && !probe->address.empty() ? probe->address : host;
+}
+
 void replaceAll(std::string& text, const std::string& name, const std::string& value) {
   for (std::size_t at = text.find(name); at != std::string::npos; at = text.find(name, at)) {
     text.replace(at, name.size(), value);
@@ -32,6 +38,7 @@ ChildProgram::Variables variablesOf(const HeadendResult& chosen) {
   const auto [host, port] = placeOfHeadend(chosen.headend);
   return {{"AHS_HEADEND", chosen.headend},
           {"AHS_HOST", host},
+          {"AHS_ADDRESS", addressOf(chosen, host)},
           {"AHS_PORT", std::to_string(port)},
           {"AHS_NAME", chosen.name},
           {"AHS_METRIC_MS", chosen.metricMs ? std::to_string(*chosen.metricMs) : ""}};
@@ -44,6 +51,7 @@ std::vector<std::string> commandFor(const std::vector<std::string>& command,
   for (std::string& argument : result) {
     replaceAll(argument, "{headend}", chosen.headend);
     replaceAll(argument, "{host}", host);
+    replaceAll(argument, "{address}", addressOf(chosen, host));
     replaceAll(argument, "{port}", std::to_string(port));
   }
   return result;

@@ -31,6 +31,7 @@ TEST(HeadendProgram, TheHeadendItsHostAndItsPortAreReplacedWhereverTheyStand) {
            {"gw.example.com:8443", "--to={host}/{port}/{host}",
             "--to=gw.example.com/8443/gw.example.com"},
            {"gw.example.com", "{port}", "443"},
+           {"gw.example.com", "{address}", "gw.example.com"},
            {"[2001:db8::7]:8443", "{host} {port} {headend}", "2001:db8::7 8443 [2001:db8::7]:8443"},
            {"gw", "{} {name} {headend {hostx} }{", "{} {name} {headend {hostx} }{"}}) {
     EXPECT_THAT(commandFor({"vpn", argument}, gateway(headend, "", std::nullopt)),
@@ -39,12 +40,17 @@ TEST(HeadendProgram, TheHeadendItsHostAndItsPortAreReplacedWhereverTheyStand) {
 }
 
 TEST(HeadendProgram, TheEnvironmentNamesEverythingThatIsKnown) {
-  EXPECT_THAT(variablesOf(gateway("[2001:db8::7]:8443", "Z\xc3\xbcrich", 18)),
-              ElementsAre(Pair("AHS_HEADEND", "[2001:db8::7]:8443"),
-                          Pair("AHS_HOST", "2001:db8::7"), Pair("AHS_PORT", "8443"),
-                          Pair("AHS_NAME", "Z\xc3\xbcrich"), Pair("AHS_METRIC_MS", "18")));
+  EXPECT_THAT(
+      variablesOf(gateway("[2001:db8::7]:8443", "Z\xc3\xbcrich", 18)),
+      ElementsAre(Pair("AHS_HEADEND", "[2001:db8::7]:8443"), Pair("AHS_HOST", "2001:db8::7"),
+                  Pair("AHS_ADDRESS", "2001:db8::7"), Pair("AHS_PORT", "8443"),
+                  Pair("AHS_NAME", "Z\xc3\xbcrich"), Pair("AHS_METRIC_MS", "18")));
   EXPECT_THAT(variablesOf(gateway("gw", "", std::nullopt)),
               testing::Contains(Pair("AHS_METRIC_MS", "")));
+  HeadendResult measured = gateway("gw", "", 18);
+  measured.probes.emplace_back().address = "192.0.2.7";
+  EXPECT_THAT(variablesOf(measured), testing::Contains(Pair("AHS_ADDRESS", "192.0.2.7")));
+  EXPECT_THAT(commandFor({"{address}"}, measured), ElementsAre("192.0.2.7"));
 }
 
 TEST(HeadendProgram, AHeadendIsFoundAmongTheResults) {

@@ -2,6 +2,10 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/Wording.h"
 
 /// The parser takes an argument "[a,b]" for a list wherever several values may stand. Behind this
 /// mark, which `addOption` takes away, it leaves the brackets alone.
@@ -12,6 +16,13 @@ inline std::string withoutMark(std::string text) {
                                                               : text;
 }
 /// @}
+
+/// A check that a value is one of the words.
+inline auto oneOf(std::vector<std::string> words) {
+  return [words = std::move(words)](const std::string& text) {
+    return Wording::errorAmong(text, words);
+  };
+}
 
 /// Adds an option or operand with a value. The help shows `placeholder` for the value.
 template <class T>

@@ -38,8 +38,11 @@ int Console::writeResult(const std::string& text, int exitStatus) {
   if (error.empty()) {
     return exitStatus;
   }
+  if (errno == EPIPE) {
+    return ExitNoReader;
+  }
   complain("the result could not be written to standard output: " + error +
-           ". Check where the output goes (a closed pipe, a full disk) and run the command again.");
+           ". Check where the output goes (a full disk) and run the command again.");
   return ExitUsage;
 }
 

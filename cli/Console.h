@@ -17,7 +17,7 @@ class Console {
 
   /// Writes the command's result to standard output.
   /// @return `exitStatus`; after a failed write ExitUsage, with a message, because a caller without
-  /// the result must not believe in success.
+  /// the result must not believe in success; ExitNoReader where a reader such as head(1) has gone.
   static int writeResult(const std::string& text, int exitStatus);
 
   /// Finds the file that a result is to be written to, before the work for it begins.

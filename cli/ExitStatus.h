@@ -14,6 +14,7 @@ enum ExitStatus : int {
   ExitCannotRun = 126,   ///< the program exists but cannot be run (POSIX, 2.8.2)
   ExitNoProgram = 127,   ///< there is no such program (POSIX, 2.8.2)
   ExitSignalBase = 128,  ///< added to the number of the signal that ended the process
+  ExitNoReader = 141,    ///< as if SIGPIPE had ended the process
 };
 
 /// The meaning of an exit status for some commands.
@@ -41,5 +42,6 @@ inline constexpr std::array StatusMeanings = {
     StatusMeaning{"126", "exec", "the program cannot be run"},
     StatusMeaning{"127", "exec", "there is no such program"},
     StatusMeaning{"any", "exec", "that of the program, whenever one ran"},
-    StatusMeaning{"128 + N", "all", "ended by the signal N"},
+    StatusMeaning{"128 + N", "all",
+                  "ended by the signal N; 141 if nobody reads the output any more"},
 };

@@ -9,6 +9,7 @@
 
 #include "cli/Console.h"
 #include "cli/Table.h"
+#include "vpn/Common/Utility/NearestName.h"
 #include "vpn/Common/Utility/URL.h"
 
 std::string Wording::joined(const std::vector<std::string>& words, const std::string& between) {
@@ -23,12 +24,12 @@ std::string Wording::counted(std::size_t number, const std::string& one, const s
   return std::to_string(number) + " " + (number == 1 ? one : many.empty() ? one + "s" : many);
 }
 
-std::string Wording::wrapped(const std::string& lines) {
+std::string Wording::wrapped(const std::string& lines, std::size_t more) {
   constexpr std::size_t Width = 80;
   std::string result;
   std::istringstream stream(lines);
   for (std::string line; std::getline(stream, line); result += line + "\n") {
-    const std::size_t indent = std::min(line.find_first_not_of(' '), line.size()) + 2;
+    const std::size_t indent = std::min(line.find_first_not_of(' '), line.size()) + more;
     while (widthOf(line) > Width) {
       std::size_t end = Width;
       while (widthOf(line.substr(0, end)) < Width) {
@@ -53,7 +54,9 @@ std::string Wording::asHost(const std::string& text) {
   const std::size_t zone = std::min(text.find('%'), text.size());
   in6_addr ignored{};
   if (inet_pton(AF_INET6, text.substr(0, zone).c_str(), &ignored) != 1) {
-    return text;
+    const std::size_t end = std::min(text.rfind(':'), text.size());
+    const bool hasDot = end > 1 && text[end - 1] == '.';
+    return hasDot ? text.substr(0, end - 1) + text.substr(end) : text;
   }
   return "[" + text.substr(0, zone) + (zone < text.size() ? "%25" + text.substr(zone + 1) : "") +
          "]";
@@ -66,6 +69,15 @@ std::string Wording::hostError(const std::string& host) {
              : "the host " + Console::inQuotes(host) + " cannot be used: " + error +
                    " A host is a name or an address, with an optional port: gw.example.com, "
                    "192.0.2.7:8443, 2001:db8::7, [2001:db8::7]:8443.";
+}
+
+std::string Wording::errorAmong(const std::string& value, const std::vector<std::string>& words) {
+  if (std::ranges::find(words, value) != words.end()) {
+    return "";
+  }
+  const std::string* const meant = nearestName(value, words);
+  return Console::inQuotes(value) + " is none of " + joined(words) +
+         (meant != nullptr ? "; did you mean '" + *meant + "'?" : "");
 }
 
 std::string Wording::fixed(double value, int digits) {

@@ -18,15 +18,17 @@ class Wording {
   static std::string counted(std::size_t number, const std::string& one,
                              const std::string& many = "");
 
-  /// Lines broken at blanks to fit 80 columns, what follows indented by two more. Longer words
-  /// stay.
-  static std::string wrapped(const std::string& lines);
+  /// Lines broken at blanks to fit 80 columns, what follows indented by `more`. Longer words stay.
+  static std::string wrapped(const std::string& lines, std::size_t more = 2);
 
-  /// A host as typed, an IPv6 address without brackets in its brackets.
+  /// A host as typed, without a name's final dot, an IPv6 address without brackets in brackets.
   static std::string asHost(const std::string& text);
 
   /// Why a host cannot be used, and what a host is; empty if it can be used.
   static std::string hostError(const std::string& host);
+
+  /// Why a value is none of the words, and which one may be meant; empty if it is one.
+  static std::string errorAmong(const std::string& value, const std::vector<std::string>& words);
 
   /// A number in decimal with `digits` digits after the point.
   static std::string fixed(double value, int digits);

@@ -342,7 +342,7 @@ void addCompletionCommand(CLI::App& tool, ChosenCommand& chosen,
       tool.add_subcommand("completion", "Print a script that completes command lines in a shell");
   const auto shell = std::make_shared<std::string>();
   addOption(*command, "SHELL", "bash|zsh|fish", *shell, "Shell that the script is for")
-      ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+      ->check(oneOf({"bash", "zsh", "fish"}));
   addWords(*command, chosen, tool, words);
   command->footer(
       "Examples:\n"

@@ -62,7 +62,7 @@ void addMeasureOptions(CLI::App& command, MeasureOptions& options, MeasureLimits
       ->check(CLI::Range(Least, most.timeoutSeconds));
   addOption(command, "--rtt", Wording::joined(roundTrips(), "|"), options.roundTrip,
             "What a round trip is; RoundTripTime unless given")
-      ->check(CLI::IsMember(roundTrips()));
+      ->check(oneOf(roundTrips()));
   addOption(command, "--set", "NAME=VALUE", options.settings,
             "A preference, before those of files; may be repeated")
       ->expected(1)

@@ -2,7 +2,6 @@
 
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "cli/AddOption.h"
@@ -16,37 +15,8 @@
 #include "cli/show/SelectionOutput.h"
 #include "cli/show/SelectionResult.h"
 #include "cli/show/SelectionTable.h"
-#include "vpn/Api/ProfileMgr.h"
-#include "vpn/include/StringUtils.h"
 
 namespace {
-
-// Hosts of the command line replace the profiles. So the name of a host entry becomes a host that
-// no name server knows.
-void noteEntriesTakenForHosts(const SelectionResult& result, const SelectPlan& plan) {
-  std::set<std::string> unknown;
-  for (const HeadendResult& headend : result.results) {
-    if (headend.outcome == HeadendOutcome::NameNotResolved) {
-      unknown.insert(CStringUtils::toLower(headend.headend));
-    }
-  }
-  if (plan.sources.headends.empty() || unknown.empty()) {
-    return;
-  }
-  ProfileMgr profiles;
-  if (plan.sources.trustFiles) {
-    profiles.trustFiles();
-  }
-  profiles.loadDirectory(plan.sources.profileDirectory);
-  for (const auto& [name, host] : profiles.getHostProfileMap()) {
-    if (host != nullptr && !host->getHostAddress().empty() &&
-        unknown.contains(CStringUtils::toLower(name))) {
-      Console::complain("'" + Console::visible(name) + "' is a host entry of the profiles: name " +
-                        "its address, " + Console::visible(host->getHostAddress()) +
-                        ", or leave the hosts out to select among all entries.");
-    }
-  }
-}
 
 /// A page or a picture: its file, or standard output in place of the text.
 struct Drawing {
@@ -92,7 +62,6 @@ int print(const SelectionResult& result, const SelectOptions& options, const Dra
   if (!advice.empty()) {
     Console::complain(advice);
   }
-  noteEntriesTakenForHosts(result, plan);
   return exitStatus;
 }
 

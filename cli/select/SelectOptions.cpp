@@ -14,6 +14,7 @@
 #include "cli/select/HostList.h"
 #include "cli/show/SelectionResult.h"
 #include "vpn/Api/AHS/Candidates.h"
+#include "vpn/Api/ProfileMgr.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
 
@@ -34,20 +35,38 @@ Place spotOf(const std::string& host) {
   return place;
 }
 
+/// The host entries of the profiles, by their names in lower case.
+std::map<std::string, GivenHeadend> entriesOf(const FilePlan& plan) {
+  std::map<std::string, GivenHeadend> entries;
+  ProfileMgr profiles;
+  if (plan.sources.trustFiles) {
+    profiles.trustFiles();
+  }
+  profiles.loadDirectory(plan.sources.profileDirectory);
+  for (const auto& [name, host] : profiles.getHostProfileMap()) {
+    const std::string address = host == nullptr ? "" : host->getHostAddress();
+    entries.emplace(CStringUtils::toLower(name),
+                    GivenHeadend(name, address.empty() ? name : address));
+  }
+  return entries;
+}
+
 // Drops repeated places: measuring a headend twice would only burden it.
-std::string takeHosts(const std::vector<std::string>& typed, std::vector<GivenHeadend>& headends) {
+std::string takeHosts(const std::vector<std::string>& typed, SelectPlan& plan) {
   std::vector<ListedHost> hosts;
-  if (std::string error = listHosts(typed, hosts); !error.empty()) {
+  if (std::string error = listHosts(typed, hosts); !error.empty() || hosts.empty()) {
     return error;
   }
+  const std::map<std::string, GivenHeadend> entries = entriesOf(plan);
   std::set<Place> seen;
   for (const auto& [text, where] : hosts) {
-    const std::string host = Wording::asHost(text);
-    if (const std::string error = Wording::hostError(host); !error.empty()) {
+    const auto entry = entries.find(CStringUtils::toLower(text));
+    const GivenHeadend given = entry != entries.end() ? entry->second : Wording::asHost(text);
+    if (const std::string error = Wording::hostError(given.address); !error.empty()) {
       return where + error;
     }
-    if (seen.insert(spotOf(host)).second) {
-      headends.emplace_back(host);
+    if (seen.insert(spotOf(given.address)).second) {
+      plan.sources.headends.push_back(given);
     }
   }
   return "";
@@ -131,17 +150,17 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
     error = plan.way->take(options.measure);
   }
   if (error.empty()) {
-    error = takeHosts(options.hosts, plan.sources.headends);
+    error = makeFilePlan(options, paths, plan, problems);
+  }
+  if (error.empty()) {
+    error = takeHosts(options.hosts, plan);
   }
   plan.isFresh = options.fresh;
   if (options.maxAge) {
     plan.maxAge = std::chrono::seconds(*options.maxAge);
   }
   plan.last = findLast(options.last.value_or(""), plan.sources.headends);
-  if (error.empty()) {
-    error = takeCache(options, paths, plan);
-  }
-  return error.empty() ? makeFilePlan(options, paths, plan, problems) : error;
+  return error.empty() ? takeCache(options, paths, plan) : error;
 }
 
 bool takePlan(const SelectOptions& options, const std::string& command, SelectPlan& plan,
@@ -166,7 +185,8 @@ bool takePlan(const SelectOptions& options, const std::string& command, SelectPl
 
 void addHostOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "HOST", "[HOST[:PORT]...]", options.hosts,
-            "Hosts to measure in place of all profiles; @FILE and - (standard input) stand for "
+            "Hosts, or names of host entries, to measure in place of all profiles; @FILE and - "
+            "(standard input) stand for "
             "those there, one a line");
   addFileOptions(command, options);
   addOption(
@@ -180,8 +200,8 @@ void addReasonOption(CLI::App& command, SelectOptions& options) {
   const std::string names = Wording::joined(reasonNames());
   addOption(command, "--reason", "NAME|0-5", options.reason,
             "Why a headend is wanted: " + names + " (or 0 to 5); connection unless given")
-      ->check([names](const std::string& text) {
-        return parseReason(text) ? "" : "there is no such reason; use one of " + names;
+      ->check([](const std::string& text) {
+        return parseReason(text) ? "" : Wording::errorAmong(text, reasonNames());
       });
 }
 
@@ -236,7 +256,7 @@ void addLogOptions(CLI::App& command, SelectOptions& options) {
   addOption(command, "--log-level", "error|warning|info|off", options.logLevel,
             "Log what is at least as important, to standard error unless --log-file or --syslog is "
             "given; default: info with those two, else off")
-      ->check(CLI::IsMember({"error", "warning", "info", "off"}));
+      ->check(oneOf({"error", "warning", "info", "off"}));
   addOption(command, "--log-file", "FILE", options.logFile, "Log to a file, rotated at 4 MiB");
   command.add_flag("--syslog", options.syslog, "Log to the system's log");
 }

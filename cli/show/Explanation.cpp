@@ -86,8 +86,10 @@ std::string othersAsNear(const SelectionResult& result, unsigned int best) {
 std::string line(const std::string& label, const std::string& text) {
   constexpr std::size_t LabelWidth = 12;
   const std::string start = label.empty() ? " " : label + ":";
-  return "  " + start + std::string(LabelWidth - std::min(LabelWidth, start.size()), ' ') + text +
-         "\n";
+  return Wording::wrapped("  " + start +
+                              std::string(LabelWidth - std::min(LabelWidth, start.size()), ' ') +
+                              text + "\n",
+                          label.empty() ? 0 : LabelWidth);
 }
 
 std::string describe(const HeadendResult& headend) {
@@ -293,5 +295,5 @@ std::string reasonsInWords(const SelectionResult& result) {
 }
 
 std::string explanation(const SelectionResult& result) {
-  return "Why: " + decisionInWords(result) + "\n" + reasonsInWords(result);
+  return Wording::wrapped("Why: " + decisionInWords(result) + "\n") + reasonsInWords(result);
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "cli/ExitStatus.h"
 #include "cli/Table.h"
 #include "cli/Wording.h"
 #include "cli/show/Explanation.h"
@@ -176,18 +177,22 @@ Json probeAsJson(const HttpProbe::Report& probe) {
 }
 
 std::string textOutput(const SelectionResult& result, bool explains) {
-  const std::string text = listsOf(result) + "Status: " + statusInWords(result) + " (" +
-                           statusAsHex(result.status) + " " + statusCodeName(result.status) + ")\n";
+  const std::string status = "Status: " + statusInWords(result) +
+                             "\nCode:   " + statusAsHex(result.status) + " " +
+                             statusCodeName(result.status) +
+                             (exitStatusOf(result) == ExitSelected ? " (success)\n" : "\n");
   const std::string proxy = proxyInWords(result);
   const Decision decision = decisionOf(result);
   const bool staysThoughFarther = decision.isRetained && decision.best != decision.last;
-  return (staysThoughFarther && !explains ? decisionInWords(result) + "\n" : "") + text +
-         (proxy.empty() ? "" : "Test probe: " + proxy + "\n") +
+  return Wording::wrapped(staysThoughFarther && !explains ? decisionInWords(result) + "\n" : "") +
+         listsOf(result) +
+         Wording::wrapped(status + (proxy.empty() ? "" : "Test probe: " + proxy + "\n")) +
          (explains ? explanation(result) : "");
 }
 
 std::string jsonOutput(const SelectionResult& result) {
   Json object = newJson();
+  object["ok"] = exitStatusOf(result) == ExitSelected;
   object["reason"] = result.reason;
   object["reasonName"] = reasonName(result.reason);
   object["status"] = statusAsHex(result.status);

@@ -2,12 +2,15 @@
 // when the choice changes. Each selection restarts the client library, to read the profiles anew,
 // and measures, to see the present network.
 
+#include <sys/random.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <deque>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -135,6 +138,16 @@ class Hook {
   std::optional<ChildProgram::Variables> m_next;
 };
 
+/// A tenth more or less at random, so that a fleet that began together does not go on together.
+milliseconds spread(milliseconds interval) {
+  constexpr std::uint32_t Most = std::numeric_limits<std::uint32_t>::max();
+  std::uint32_t random = 0;
+  if (getrandom(&random, sizeof random, GRND_NONBLOCK) < 0) {
+    return interval;
+  }
+  return interval * 9 / 10 + interval / 5 * random / Most;
+}
+
 /// Answers a change of the network at once, except that a network that keeps changing must not
 /// cause a measurement for each change.
 class ChangeLimit {
@@ -183,8 +196,7 @@ class Watch {
       }
       cause = wait();
     }
-    Console::complain("nobody reads the output any more.");
-    return ExitUsage;
+    return ExitNoReader;
   }
 
  private:
@@ -264,7 +276,7 @@ class Watch {
   /// @return why to select again; nothing when nobody reads the output.
   std::optional<Cause> wait() {
     Cause cause = Interval;
-    auto end = BootClock::now() + interval(m_hasFailed);
+    auto end = BootClock::now() + spread(interval(m_hasFailed));
     while (true) {
       const auto left = std::chrono::ceil<milliseconds>(end - BootClock::now());
       if (left.count() <= 0) {
@@ -319,8 +331,9 @@ void addWatchCommand(CLI::App& tool, ChosenCommand& chosen) {
       "Select again at an interval and when the network changes; tell when the choice does");
   const auto options = std::make_shared<WatchOptions>();
   addHostOptions(*command, options->select);
-  addOption(*command, "--interval", "S", options->intervalSeconds,
-            "Time from one selection to the next, in seconds: 300 unless given")
+  addOption(
+      *command, "--interval", "S", options->intervalSeconds,
+      "Seconds from one selection to the next, a tenth more or less at random: 300 unless given")
       ->check(CLI::Range(1U, LongestIntervalSeconds));
   addOption(*command, "--exec", "COMMAND", options->program,
             "Run this by /bin/sh for each choice; the headend is in $AHS_HEADEND");

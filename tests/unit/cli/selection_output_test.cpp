@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 
+#include "cli/Wording.h"
+#include "cli/show/Explanation.h"
 #include "cli/show/SelectionOutput.h"
 #include "cli/show/SelectionTable.h"
 #include "tests/unit/cli/some_results.h"
@@ -56,8 +59,8 @@ TEST(TextOutput, IsListThenStatus) {
             "   2. gw-a                  40 ms (untrusted certificate)\n"
             "Without a result:\n"
             "      gw-c                  cannot connect\n"
-            "Status: Selected from measurements made now. "
-            "(0xFE530010 HEADENDSELECTION_ERROR_ADDED_TO_CACHE)\n");
+            "Status: Selected from measurements made now.\n"
+            "Code:   0xFE530010 HEADENDSELECTION_ERROR_ADDED_TO_CACHE (success)\n");
 }
 
 TEST(TextOutput, ShowsTheNamesOfHostEntriesInAColumnOfTheirOwn) {
@@ -112,12 +115,21 @@ TEST(TextOutput, SaysWhyAHeadendStaysThatIsNotTheNearest) {
                                   "20 ms of near.\nHeadends, in order of choice:\n"));
 }
 
+TEST(TextOutput, FitsItsSentencesInto80Columns) {
+  SelectionResult result = reconnected();
+  result.results[0].name = "Berlin, the headend with the longest name of all in this city";
+  std::istringstream lines(explanation(result));
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_LE(line.size(), 80U) << line;
+  }
+}
+
 TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   SelectionResult result = failed(HEADENDSELECTION_ERROR_SELECTION_FAILURE, {"gw-a"});
   result.results = {headend("gw-a", std::nullopt)};
   const std::string text = textOutput(result);
   EXPECT_THAT(text, HasSubstr("1. gw-a  kept, not measured (timed out)\n"));
-  EXPECT_THAT(text, HasSubstr("The last headend is kept without a measurement."));
+  EXPECT_THAT(text, HasSubstr("The last headend is kept without a\n  measurement.\n"));
   EXPECT_THAT(text, Not(HasSubstr("Without a result")));
 }
 
@@ -144,6 +156,7 @@ TEST(JsonOutput, HasEveryMemberAndNullsInPlaceOfNumbersThatThereAreNot) {
   const json lastProbe = {
       {"status", "0xFE46001D"}, {"rttMs", nullptr}, {"httpStatus", nullptr}, {"address", nullptr}};
   const json whole = {{"schema", 1},
+                      {"ok", true},
                       {"reason", 1},
                       {"reasonName", "reconnection"},
                       {"status", "0xFE530010"},
@@ -228,7 +241,7 @@ TEST(ProxyInWords, SaysWhatIsWrongWithItAndWhatItCost) {
     const std::string whole = "the proxy proxy:3128 " + std::string(words) +
                               ", which took 1.2 s; headends are measured directly.";
     EXPECT_EQ(proxyInWords(result), whole);
-    EXPECT_THAT(textOutput(result), HasSubstr("\nTest probe: " + whole + "\n"));
+    EXPECT_THAT(textOutput(result), HasSubstr(Wording::wrapped("Test probe: " + whole)));
     EXPECT_EQ(json::parse(jsonOutput(result)).at("testProbe").at("words"), whole);
   }
 }

@@ -32,6 +32,17 @@ TEST(Wording, ALineOfMoreThan80ColumnsIsBrokenAtBlanks) {
   }
 }
 
+TEST(Wording, AHostIsTakenWithoutItsFinalDotAndAnIpv6AddressInBrackets) {
+  for (const auto& [typed, host] : {std::pair{"gw.example.", "gw.example"},
+                                    {"gw.example.:8443", "gw.example:8443"},
+                                    {"gw:8443", "gw:8443"},
+                                    {".", "."},
+                                    {"2001:db8::7", "[2001:db8::7]"},
+                                    {"fe80::7%eth0", "[fe80::7%25eth0]"}}) {
+    EXPECT_EQ(Wording::asHost(typed), host);
+  }
+}
+
 TEST(Wording, TheLocalTimeIsThatOfTheZoneInForceNow) {
   for (const std::string zone : {"+0530", "-0300"}) {
     // POSIX counts westwards.

@@ -17,6 +17,8 @@ void CManualLock::Lock() AHS_NO_THREAD_SAFETY_ANALYSIS {
     }
 #if defined(__x86_64__)
     _mm_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
 #endif
   }
   m_mutex.lock();

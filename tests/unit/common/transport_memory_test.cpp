@@ -140,9 +140,15 @@ TEST(TransportMemory, WipingTheStackLeavesNothingOfWhatWasCalledBefore) {
 TEST(TransportMemory, WipingTheStackEmptiesTheRegistersThatTextIsCopiedWith) {
   std::array<char, 16> left{};
   std::memcpy(left.data(), Secret.data(), left.size());
+#if defined(__aarch64__)
+  asm volatile("ldr q3, %0" : : "m"(left) : "v3");
+  TransportMemory::wipeStack();
+  asm volatile("str q3, %0" : "=m"(left));
+#else
   asm volatile("movdqu %0, %%xmm3" : : "m"(left) : "xmm3");
   TransportMemory::wipeStack();
   asm volatile("movdqu %%xmm3, %0" : "=m"(left));
+#endif
   EXPECT_EQ(zeros(left.data(), left.size()), left.size());
 }
 

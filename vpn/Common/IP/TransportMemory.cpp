@@ -19,6 +19,20 @@ constexpr std::size_t StackDepth = 24UL * 1024;
 /// Text that is copied goes through vector registers and stays there; the dynamic linker puts them
 /// on the stack when it looks up a function at its first call, a signal whenever it comes.
 void wipeVectorRegisters() {
+#if defined(__aarch64__)
+  // Of v8 to v15 a call preserves the lower halves, which are the callers'.
+  asm volatile(
+      "movi v0.2d, #0\n\tmovi v1.2d, #0\n\tmovi v2.2d, #0\n\tmovi v3.2d, #0\n\t"
+      "movi v4.2d, #0\n\tmovi v5.2d, #0\n\tmovi v6.2d, #0\n\tmovi v7.2d, #0\n\t"
+      "mov v8.d[1], xzr\n\tmov v9.d[1], xzr\n\tmov v10.d[1], xzr\n\tmov v11.d[1], xzr\n\t"
+      "mov v12.d[1], xzr\n\tmov v13.d[1], xzr\n\tmov v14.d[1], xzr\n\tmov v15.d[1], xzr\n\t"
+      "movi v16.2d, #0\n\tmovi v17.2d, #0\n\tmovi v18.2d, #0\n\tmovi v19.2d, #0\n\t"
+      "movi v20.2d, #0\n\tmovi v21.2d, #0\n\tmovi v22.2d, #0\n\tmovi v23.2d, #0\n\t"
+      "movi v24.2d, #0\n\tmovi v25.2d, #0\n\tmovi v26.2d, #0\n\tmovi v27.2d, #0\n\t"
+      "movi v28.2d, #0\n\tmovi v29.2d, #0\n\tmovi v30.2d, #0\n\tmovi v31.2d, #0" ::
+          : "v0", "v1", "v2", "v3", "v4", "v5", "v6", "v7", "v16", "v17", "v18", "v19", "v20",
+            "v21", "v22", "v23", "v24", "v25", "v26", "v27", "v28", "v29", "v30", "v31");
+#elif defined(__x86_64__)
   if (__builtin_cpu_supports("avx512f")) {
     // Not declared as clobbered: a compiler that may not use these registers does not know them. No
     // call preserves them anyway.
@@ -39,6 +53,9 @@ void wipeVectorRegisters() {
                  : "xmm0", "xmm1", "xmm2", "xmm3", "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9",
                    "xmm10", "xmm11", "xmm12", "xmm13", "xmm14", "xmm15");
   }
+#else
+#error "which registers of this processor hold text that is copied?"
+#endif
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
+#include <time.h>
 
 #include <atomic>
 #include <thread>
@@ -75,6 +76,21 @@ TEST_F(HttpProbeTlsTest, APlainRequestToATlsServerIsAnInvalidResponse) {
   EXPECT_EQ(probeOf(answeringOverTls(TlsServerContext(authority.issue()), kOk)),
             HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE);
   expectRoundTripTimes();
+}
+
+/// Processor time of this process.
+std::chrono::nanoseconds worked() {
+  timespec time{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+TEST_F(HttpProbeTlsTest, AServerThatIsSilentInTheHandshakeIsWaitedForWithoutWork) {
+  const ScriptedServer server(staySilent);
+  const auto before = worked();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(probeSecurely(server.port(), 1), HTTP_SESSION_ERROR_TIMEOUT);
+  EXPECT_LT(worked() - before, (std::chrono::steady_clock::now() - start) / 2);
 }
 
 TEST_F(HttpProbeTlsTest, AHandshakeThatEndsInAnotherWayIsAnInvalidResponse) {

@@ -395,8 +395,8 @@ void DirectTransfer::noteEvents(int socket, std::uint32_t events) {
       return;
     }
     noteConnection(*way);
-  } else if (socket != m_socket) {
-    return;
+  } else if (socket != m_socket || (events == EPOLLOUT && m_tls && !m_tls->mustWrite())) {
+    return;  // each wait is told anew that a socket can be written to
   }
   m_events |= events;
   if (m_hasEnded) {

@@ -149,6 +149,8 @@ TlsConnection::~TlsConnection() {
   }
 }
 
+bool TlsConnection::mustWrite() const { return SSL_want_write(m_handle.get()); }
+
 bool TlsConnection::hasPending() const { return SSL_has_pending(m_handle.get()) != 0; }
 
 TlsConnection::State TlsConnection::shakeHands() {

@@ -33,6 +33,9 @@ class TlsConnection {
   /// Whether what waits has read all that has come; else it can go on at once.
   bool isDrained() const { return m_wire.isDrained; }
 
+  /// Whether what waits has to write first.
+  bool mustWrite() const;
+
   /// What is below.
   struct Wire {
     int socket;

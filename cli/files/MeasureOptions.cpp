@@ -65,8 +65,7 @@ void addMeasureOptions(CLI::App& command, MeasureOptions& options, MeasureLimits
       ->check(oneOf(roundTrips()));
   addOption(command, "--set", "NAME=VALUE", options.settings,
             "A preference, before those of files; may be repeated")
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+      ->allow_extra_args(false);  // hosts may follow
   command.add_flag("--secure", options.secure, "Probe over TLS, as with a login at a proxy");
   addOption(command, "--cacert", "FILE", options.certificates,
             "Also trust the certificates (PEM) of FILE; $SSL_CERT_FILE unless given");

@@ -102,7 +102,8 @@ TEST_F(SelectCommandTest, AnIPv6AddressMayHaveBrackets) {
   const Outcome outcome = run({"select", "[::1]", "::2", "[::1]:443"});
   EXPECT_THAT(outcome.out, HasSubstr("\n      [::1]  ")) << outcome.err;
   EXPECT_THAT(outcome.out, HasSubstr("\n      [::2]  "));
-  EXPECT_EQ(run({"exec", "[::1]", "--", "echo", "{host}"}).out, "::1\n");
+  EXPECT_EQ(run({"exec", "--set", "RoundTripTime=network", "[::1]", "--", "echo", "{host}"}).out,
+            "::1\n");
   EXPECT_THAT(run({"select", "[gw,gw]"}).err, HasSubstr("'[gw,gw]' cannot be used"));
 }
 

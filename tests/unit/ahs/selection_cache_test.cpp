@@ -294,6 +294,22 @@ TEST_F(SelectionCache, DoesNotKeepWhatACancelledSelectionHasMeasured) {
   EXPECT_FALSE(has("gw-a;"));
 }
 
+TEST_F(SelectionCache, DoesNotKeepWhatWasMeasuredWhileThePlaceChanged) {
+  const auto record = std::make_shared<SelectionRecord>();
+  const CTask::Scope scope(record);
+  for (const bool measuresNow : {false, true}) {
+    record->setTerms({.measuresNow = measuresNow});
+    setNetworkPlace({"nameserver 192.0.2.1"});
+    EXPECT_FALSE(has("gw;"));
+    setNetworkPlace({"nameserver 192.0.2.2"});
+    EXPECT_EQ(store("gw;"), HEADENDSELECTION_ERROR_CACHE_FAILURE);
+  }
+  setNetworkPlace({});  // the router's link address is not known yet
+  EXPECT_FALSE(has("gw;"));
+  setNetworkPlace({"nameserver 192.0.2.2"});
+  EXPECT_EQ(store("gw;"), HEADENDSELECTION_SUCCESS);
+}
+
 TEST_F(SelectionCache, KeepsWhatWasMeasuredUntilTheDecision) {
   const auto record = std::make_shared<SelectionRecord>();
   const CTask::Scope scope(record);

@@ -201,7 +201,11 @@ bool CSelectionCache::IsInCache(std::string& key, CCacheEntry& entry) {
     const SelectionRecord::Terms terms =
         record != nullptr ? record->terms() : SelectionRecord::Terms();
     std::vector<std::string> place;
-    if (terms.measuresNow || calculateKey(place) != 0) {
+    const bool isKnown = calculateKey(place) == 0;
+    if (record != nullptr) {
+      record->notePlace(isKnown ? SelectionFiles::placeText(place) : "");
+    }
+    if (terms.measuresNow || !isKnown) {
       return false;
     }
     std::string known = SelectionKey::canonical(key);
@@ -282,6 +286,11 @@ STATUSCODE CSelectionCache::AddEntry(CCacheEntry& entry, const std::string& key)
     const STATUSCODE status = calculateKey(place);
     if (status != HEADENDSELECTION_SUCCESS) {
       return status;
+    }
+    // What was measured elsewhere says nothing of this network.
+    const std::string before = record != nullptr ? record->place() : "";
+    if (!before.empty() && before != SelectionFiles::placeText(place)) {
+      return HEADENDSELECTION_ERROR_CACHE_FAILURE;
     }
     entry.SetTimestamp(SelectionTimes::now());
     entry.setPartial(isPartial(entry, key, record.get()));

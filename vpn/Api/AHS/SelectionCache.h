@@ -55,8 +55,8 @@ class CSelectionCache {
   /// stamps `entry` with the time of day. Waits for no disk.
   /// @return 0; HEADENDSELECTION_ERROR_BAD_PARAMETER for an entry without results;
   ///         HEADENDSELECTION_ERROR_CACHE_FAILURE when the selection that the thread works for was
-  ///         cancelled, or when this machine has lacked anything since the entry was made;
-  ///         HEADENDSELECTION_ERROR_UNEXPECTED when the place is unknown;
+  ///         cancelled or began at another place, or when this machine has lacked anything since
+  ///         the entry was made; HEADENDSELECTION_ERROR_UNEXPECTED when the place is unknown;
   ///         HEADENDSELECTION_ERROR_MEMALLOC_FAILED. Nothing is stored unless it is 0.
   STATUSCODE AddEntry(CCacheEntry& entry);
   /// The same under a given key, which the stored entry then carries.

@@ -233,6 +233,16 @@ SelectionRecord::Terms SelectionRecord::terms() const {
   return m_terms;
 }
 
+void SelectionRecord::notePlace(const std::string& place) {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  m_place = place;
+}
+
+std::string SelectionRecord::place() const {
+  const CAutoLockT<CManualLock> guard(m_lock);
+  return m_place;
+}
+
 void SelectionRecord::noteEntry(const CCacheEntry& entry) {
   const CAutoLockT<CManualLock> guard(m_lock);
   m_entry = entry;

@@ -97,6 +97,10 @@ class SelectionRecord : public ProbeTask {
   /// that have finished, the others; each part the nearest first.
   std::vector<CHeadendRTT> order() const;
 
+  /// Where the run looked into the cache, as the cache writes it; empty if that cannot be told.
+  void notePlace(const std::string& place);
+  std::string place() const;
+
   /// The run has used or stored this entry of the cache.
   void noteEntry(const CCacheEntry& entry);
   /// That entry; one without records if there is none.
@@ -148,6 +152,7 @@ class SelectionRecord : public ProbeTask {
   std::optional<Decided> m_decided AHS_GUARDED_BY(m_lock);
   Baits m_baits AHS_GUARDED_BY(m_lock);
   Progress m_progress AHS_GUARDED_BY(m_lock);
+  std::string m_place AHS_GUARDED_BY(m_lock);
   CCacheEntry m_entry AHS_GUARDED_BY(m_lock);
   Terms m_terms AHS_GUARDED_BY(m_lock);
 };

@@ -3,6 +3,7 @@
 
 #include "vpn/Common/IP/AnswerHead.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace {
@@ -28,11 +29,10 @@ constexpr unsigned int ProxyChallenge = 407;
 
 /// The status code in the first line of a head, "HTTP/1.1 200 OK"; 0 if it has none.
 unsigned int statusOfLine(std::string_view line) {
-  const std::size_t blank = line.find(' ');
+  line.remove_prefix(std::min(line.find(' '), line.size()));
+  line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
   unsigned int status = 0;
-  if (blank != std::string_view::npos) {
-    std::from_chars(line.data() + blank + 1, line.data() + line.size(), status);
-  }
+  std::from_chars(line.data(), line.data() + line.size(), status);
   return status;
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace simulator {
 namespace {
@@ -16,6 +17,8 @@ namespace {
 constexpr std::size_t MostHeld = 65'536;
 /// At this number all flows are forgotten.
 constexpr std::size_t MostFlows = 65'536;
+
+constexpr double OpeningsAtOnce = 5;
 
 constexpr std::size_t V4HeaderLength = 20;
 constexpr std::size_t V6HeaderLength = 40;
@@ -26,6 +29,8 @@ constexpr std::size_t PortsLength = 4;
 struct Addresses {
   IpAddress source;
   IpAddress destination;
+  /// The packet is a SYN.
+  bool asks = false;
   /// The packet is a SYN-ACK.
   bool opens = false;
   /// Hash of addresses, protocol and ports. Two flows with the same hash only wait for each other.
@@ -80,6 +85,8 @@ std::optional<Addresses> dissect(std::span<const unsigned char> packet) {
   constexpr unsigned char SynAck = TH_SYN | TH_ACK;
   result.opens = hasPorts && protocol == IPPROTO_TCP && packet.size() > headerLength + FlagsAt &&
                  (packet[headerLength + FlagsAt] & SynAck) == SynAck;
+  result.asks = hasPorts && protocol == IPPROTO_TCP && packet.size() > headerLength + FlagsAt &&
+                (packet[headerLength + FlagsAt] & SynAck) == TH_SYN;
   return result;
 }
 
@@ -96,12 +103,45 @@ double DelayLine::Random::fraction() {
 }
 
 DelayLine::DelayLine(const Scene& scene, std::uint64_t seed)
-    : m_defaultPath(scene.defaultPath), m_paths(scene.paths), m_seed(seed) {}
+    : m_link(scene.link),
+      m_openingsLeft(OpeningsAtOnce),
+      m_defaultPath(scene.defaultPath),
+      m_paths(scene.paths),
+      m_seed(seed) {}
+
+/// A token bucket, as routers limit what may be an attack.
+bool DelayLine::passesRouter(Clock::time_point now) {
+  const std::chrono::duration<double> passed = now - std::exchange(m_lastOpening, now);
+  m_openingsLeft = std::min(OpeningsAtOnce, m_openingsLeft + passed.count() * m_link.openings);
+  const bool passes = m_openingsLeft >= 1;
+  m_openingsLeft -= passes ? 1 : 0;
+  return passes;
+}
+
+/// @param now receives when the packet has left the line.
+bool DelayLine::passesLine(std::size_t bytes, Clock::time_point& now) {
+  while (!m_leaving.empty() && m_leaving.front() <= now) {
+    m_leaving.pop();
+  }
+  if (m_leaving.size() > m_link.queue) {
+    return false;
+  }
+  constexpr double BitsPerByte = 8;
+  const std::chrono::duration<double> takes(BitsPerByte * static_cast<double>(bytes) /
+                                            m_link.bitRate);
+  now = (m_leaving.empty() ? now : m_leaving.back()) +
+        std::chrono::duration_cast<Clock::duration>(takes);
+  m_leaving.push(now);
+  return true;
+}
 
 void DelayLine::accept(Direction direction, std::span<const unsigned char> packet,
                        Clock::time_point now) {
   const auto addresses = dissect(packet);
-  if (!addresses || m_held.size() >= MostHeld) {
+  if (!addresses || m_held.size() >= MostHeld ||
+      (direction == Direction::ToGateways &&
+       ((m_link.openings > 0 && addresses->asks && !passesRouter(now)) ||
+        (m_link.bitRate > 0 && !passesLine(packet.size(), now))))) {
     ++m_statistics.dropped;
     return;
   }

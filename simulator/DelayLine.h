@@ -82,9 +82,16 @@ class DelayLine {
     }
   };
 
+  bool passesRouter(Clock::time_point now);
+  bool passesLine(std::size_t bytes, Clock::time_point& now);
   Lane& laneOf(Direction direction, const IpAddress& gateway);
   Clock::time_point keepOrder(std::uint64_t flow, Clock::time_point due, Clock::time_point now);
 
+  const Link m_link;
+  /// When each packet on the client's line will have left.
+  std::queue<Clock::time_point> m_leaving;
+  double m_openingsLeft;
+  Clock::time_point m_lastOpening;
   Path m_defaultPath;
   std::map<IpAddress, Path> m_paths;
   std::uint64_t m_seed;

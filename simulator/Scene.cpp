@@ -98,6 +98,23 @@ Path parsePath(const Words& words) {
   return path;
 }
 
+Link parseLink(const Words& words) {
+  constexpr double Most = 1'000'000;
+  Link link;
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    if (const auto syns = valueOf(words[i], "syns")) {
+      link.openings = parseNumber(*syns, Most, "expected SYNs a second");
+    } else if (const auto mbit = valueOf(words[i], "mbit")) {
+      link.bitRate = 1e6 * parseNumber(*mbit, Most, "expected megabits a second");
+    } else if (const auto queue = valueOf(words[i], "queue")) {
+      link.queue = static_cast<std::size_t>(parseNumber(*queue, Most, "expected packets"));
+    } else {
+      refuse(words[i], "a link has syns=PER-SECOND, mbit=NUMBER and queue=PACKETS");
+    }
+  }
+  return link;
+}
+
 Gateway parseGateway(const Words& words) {
   constexpr std::string_view Expected = "expected ADDRESS:PORT, an IPv6 address in brackets";
   std::string_view host = words[1];
@@ -223,6 +240,9 @@ void Scene::addLine(std::string_view line) {
     } else {
       paths[parseAddress(words[1])] = parsePath(words);
     }
+  } else if (kind == "link") {
+    expectWords(2, 4, "expected: link [syns=PER-SECOND] [mbit=NUMBER] [queue=PACKETS]");
+    link = parseLink(words);
   } else if (kind == "gateway") {
     expectWords(2, 4, "expected: gateway ADDRESS:PORT [delay=MS] [behaviour=NAME]");
     gateways.push_back(parseGateway(words));
@@ -238,7 +258,7 @@ void Scene::addLine(std::string_view line) {
                 "expected: answer NAME [failure|silence|loop|odd-name|garbage] [ADDRESS...]");
     answers[words[1] == "*" ? "*" : inLowerCase(parseName(words[1]))] = parseAnswer(words);
   } else {
-    refuse(kind, "expected path, gateway, name, resolver or answer");
+    refuse(kind, "expected path, link, gateway, name, resolver or answer");
   }
 }
 

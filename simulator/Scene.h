@@ -56,6 +56,16 @@ struct Path {
   bool reorder = false;
 };
 
+/// How the client is connected: what its router and its line let through to the gateways.
+struct Link {
+  /// SYNs a second, five of them at once; the others are dropped. 0: all pass.
+  double openings = 0;
+  /// Bits a second. 0: any number.
+  double bitRate = 0;
+  /// Packets that wait for the line; more are dropped.
+  std::size_t queue = 100;
+};
+
 /// A gateway of the scene.
 struct Gateway {
   IpAddress address;
@@ -99,6 +109,7 @@ class SceneError : public std::runtime_error {
 /// The simulated scene. Its text form has lines; `#` begins a comment:
 ///
 ///     path ADDRESS|default [rtt=MS] [opening=MS] [jitter=MS] [loss=PERCENT] [reorder]
+///     link [syns=PER-SECOND] [mbit=MEGABITS-PER-SECOND] [queue=PACKETS]
 ///     gateway ADDRESS:PORT [delay=MS] [behaviour=NAME]
 ///     name NAME ADDRESS
 ///     resolver ADDRESS
@@ -111,6 +122,7 @@ struct Scene {
   /// The path to addresses without their own.
   Path defaultPath;
   std::map<IpAddress, Path> paths;
+  Link link;
   std::vector<Gateway> gateways;
   std::vector<HostName> names;
   /// The DNS server for programs in the network; none: only `names` are known.

@@ -171,6 +171,22 @@ TEST_F(LyingNetworks, AProgramIsTriedLastWithWhatANameServerLiesAbout) {
   EXPECT_EQ("10.77.0.1\na.example\n", readFile(home + "/out"));
 }
 
+TEST_F(LyingNetworks, ARouterThatLimitsOpeningsLosesNobodyWhoIsAlive) {
+  std::string scene = "link syns=20\n";
+  std::string hosts;
+  for (int i = 20; i > 0; --i) {
+    const std::string address = "10.77.0." + std::to_string(i);
+    scene +=
+        "path " + address + " rtt=" + std::to_string(i * 10) + "\ngateway " + address + ":443\n";
+    hosts += " " + address;
+  }
+  const int status = inScene(scene, "$AHS select --no-cache --quiet" + hosts);
+  if (status == NotPermitted) {
+    GTEST_SKIP() << readFile(home + "/wan");
+  }
+  EXPECT_EQ("10.77.0.1\n", readFile(home + "/out")) << told();
+}
+
 TEST_F(LyingNetworks, APortalIsNotTakenForTheRememberedWinner) {
   const std::string choose = "$AHS select 10.77.0.1 10.77.0.2";
   const int status = inScene("path default rtt=40\ngateway 10.77.0.1:443\ngateway 10.77.0.2:443\n",

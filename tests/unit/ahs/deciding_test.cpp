@@ -66,6 +66,12 @@ TEST(Deciding, NobodyWhoIsOutMayWin) {
   }
 }
 
+TEST(Deciding, SilenceCountsLaterWhereManyAreSilent) {
+  const Deciding::Rules rules{{}, 0, milliseconds(1200)};
+  EXPECT_FALSE(winnerOf({finished(20), silentFor(1199)}, rules, 0));
+  EXPECT_TRUE(winnerOf({finished(20), silentFor(1200)}, rules, 0));
+}
+
 TEST(Deciding, AReconnectionWaitsForTheLastHeadendAndMayKeepIt) {
   const struct {
     std::vector<Standing> all;  // the first is the last headend

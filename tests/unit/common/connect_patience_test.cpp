@@ -31,3 +31,13 @@ TEST(ConnectPatience, ComesFromWhatOthersHaveShown) {
     EXPECT_EQ(patience.giveUp.count(), each.giveUp) << &each - cases;
   }
 }
+
+TEST(ConnectPatience, IsLongerWhereManyAreSilentAndEndlessWhereSuchHaveAnswered) {
+  ConnectPatience::Known known;
+  known.othersAnswered = true;
+  known.slowest = milliseconds(200);
+  known.manyAreSilent = true;
+  EXPECT_EQ(ConnectPatience::of(known).giveUp, milliseconds(1400));
+  known.manyWereLate = true;
+  EXPECT_EQ(ConnectPatience::of(known).giveUp, ConnectPatience::Endless);
+}

@@ -21,15 +21,21 @@ unsigned int marginOf(unsigned int bestMs) {
   return std::max(LeastMs, bestMs / 4);
 }
 
-bool isSilent(const Standing& headend, unsigned int bestMs, MonotonicClock::time_point now) {
-  return headend.silentSince && !headend.ms &&
-         now - *headend.silentSince >=
-             ConnectPatience::silenceOf(std::chrono::milliseconds(bestMs));
+/// For how long what is silent may yet win.
+std::chrono::milliseconds silenceOf(unsigned int bestMs, const Deciding::Rules& rules) {
+  return std::max(rules.leastSilence,
+                  ConnectPatience::silenceOf(std::chrono::milliseconds(bestMs)));
 }
 
-bool mayWin(const Standing& headend, unsigned int bestMs, MonotonicClock::time_point now) {
+bool isSilent(const Standing& headend, std::chrono::milliseconds silence,
+              MonotonicClock::time_point now) {
+  return headend.silentSince && !headend.ms && now - *headend.silentSince >= silence;
+}
+
+bool mayWin(const Standing& headend, unsigned int bestMs, std::chrono::milliseconds silence,
+            MonotonicClock::time_point now) {
   const bool isFar = headend.ms && *headend.ms > bestMs + marginOf(bestMs);
-  return !headend.isFinished && !isFar && !isSilent(headend, bestMs, now);
+  return !headend.isFinished && !isFar && !isSilent(headend, silence, now);
 }
 
 }  // namespace
@@ -47,15 +53,16 @@ std::optional<std::size_t> Deciding::winnerOf(const std::vector<Standing>& all, 
                                               MonotonicClock::time_point now, std::size_t bestAt,
                                               std::size_t& rival) {
   const Standing* const best = &all[bestAt];
+  const std::chrono::milliseconds silence = silenceOf(*best->ms, rules);
   for (std::size_t looked = 0; looked < all.size(); ++looked) {
-    if (mayWin(all[rival], *best->ms, now)) {
+    if (mayWin(all[rival], *best->ms, silence, now)) {
       return std::nullopt;
     }
     rival = (rival + 1) % all.size();
   }
   if (rules.last) {
     const Standing& last = all[*rules.last];
-    if (!last.isFinished && !isSilent(last, *best->ms, now)) {
+    if (!last.isFinished && !isSilent(last, silence, now)) {
       return std::nullopt;
     }
     if (last.isFinished && last.ms &&

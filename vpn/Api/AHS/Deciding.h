@@ -26,6 +26,8 @@ struct Rules {
   /// On a reconnection, which of the headends was used last.
   std::optional<std::size_t> last;
   unsigned int improvementPercent = 0;
+  /// How long silence has to last at least before it counts.
+  std::chrono::milliseconds leastSilence{0};
 };
 
 /// The headend that is chosen whatever becomes of those that are out; none while one of them may

@@ -11,6 +11,9 @@
 
 namespace {
 
+constexpr std::size_t Many = 3;
+using std::chrono::milliseconds;
+
 bool hasAnswered(const SelectionRecord::Track& track) {
   return std::any_of(track.ended.begin(), track.ended.end(), [](const HttpProbe::Report& report) {
     return SelectionRules::isSample(report.status);
@@ -52,7 +55,7 @@ void SelectionRecord::noteEnd(const HttpProbe::Report& report) {
     m_testProbe = report;
     if (Deciding::Standing* const standing = standingOf(place);
         standing != nullptr && !report.silent) {
-      standing->silentSince.reset();
+      endSilence(*standing);
     }
     return;
   }
@@ -85,11 +88,14 @@ ConnectPatience SelectionRecord::unanswered(const HttpProbe::Report& report,
       known.othersAnswered = m_progress.placesAnswered > (hasAnswered(track) ? 1 : 0);
       known.nearest = inMs(m_nearestUs);
       known.slowest = inMs(m_slowestUs);
+      known.manyAreSilent = manyAreSilent();
+      known.manyWereLate = manyWereLate();
     }
     // Before the first attempt, a name may be looked up for long.
     if (Deciding::Standing* const standing = standingOf(place);
-        standing != nullptr && waited.count() > 0) {
+        standing != nullptr && !standing->isFinished && waited.count() > 0) {
       const auto since = MonotonicClock::now() - waited;
+      m_silent += standing->silentSince ? 0 : 1;
       standing->silentSince = std::min(since, standing->silentSince.value_or(since));
     }
   }
@@ -109,7 +115,7 @@ void SelectionRecord::connected(const HttpProbe::Report& report, long long rttUs
     if (standing == nullptr || standing->isFinished) {
       return;
     }
-    standing->silentSince.reset();
+    endSilence(*standing);
     if (rttUs >= 0 && !standing->ms) {
       standing->ms = static_cast<unsigned int>(rttUs / 1000);
     }
@@ -149,13 +155,14 @@ void SelectionRecord::noteSample(const Place& place, const Track& track) {
     tally.take(report.status, report.rttMs);
   }
   if (!track.ended.back().silent) {
-    standing->silentSince.reset();
+    endSilence(*standing);
   }
   if (!tally.samplesMs.empty()) {
     standing->ms = SelectionRules::metricOfSamples(tally.samplesMs, m_probes);
   }
   if (tally.hasGivenUp || track.ended.size() >= m_probes) {
     standing->isFinished = true;
+    m_silent -= standing->silentSince ? 1 : 0;
     standing->finishedAs = m_finished++;
     if (tally.hasGivenUp || tally.samplesMs.empty()) {
       standing->ms.reset();
@@ -163,6 +170,29 @@ void SelectionRecord::noteSample(const Place& place, const Track& track) {
     m_best = Deciding::betterOf(m_standings, m_best,
                                 static_cast<std::size_t>(standing - m_standings.data()));
   }
+}
+
+/// Notes an answer, a late one if the silence was one that counts.
+void SelectionRecord::endSilence(Deciding::Standing& standing) {
+  if (!standing.silentSince || standing.isFinished) {
+    return;
+  }
+  const auto silence = MonotonicClock::now() - *standing.silentSince;
+  m_late += silence >= ConnectPatience::silenceOf(std::chrono::milliseconds(0)) ? 1 : 0;
+  --m_silent;
+  standing.silentSince.reset();
+}
+
+/// A few may be gone. So many are rather held up by something that drops what opens connections.
+bool SelectionRecord::manyAreSilent() const {
+  constexpr std::size_t Part = 4;
+  return m_silent >= Many && m_silent * Part > m_standings.size();
+}
+
+/// Packets are lost anywhere, but not so many.
+bool SelectionRecord::manyWereLate() const {
+  constexpr std::size_t Part = 8;
+  return m_late >= Many && m_late * Part > m_standings.size();
 }
 
 void SelectionRecord::tellIfDecided() {
@@ -173,6 +203,11 @@ void SelectionRecord::tellIfDecided() {
       return;
     }
     const auto now = MonotonicClock::now();
+    m_rules.leastSilence = manyWereLate() ? ConnectPatience::Endless
+                           : manyAreSilent()
+                               ? ConnectPatience::silenceOfMany(std::chrono::ceil<milliseconds>(
+                                     std::chrono::microseconds(m_slowestUs)))
+                               : milliseconds(0);
     const std::optional<std::size_t> winner =
         Deciding::winnerOf(m_standings, m_rules, now, *m_best, m_rival);
     if (!winner) {

@@ -131,6 +131,9 @@ class SelectionRecord : public ProbeTask {
  private:
   void noteSample(const Place& place, const Track& track) AHS_REQUIRES(m_lock);
   Deciding::Standing* standingOf(const Place& place) AHS_REQUIRES(m_lock);
+  void endSilence(Deciding::Standing& standing) AHS_REQUIRES(m_lock);
+  bool manyAreSilent() const AHS_REQUIRES(m_lock);
+  bool manyWereLate() const AHS_REQUIRES(m_lock);
 
   std::atomic<Shortage> m_shortage{Shortage::None};
   std::atomic<bool> m_wasCutShort{false};
@@ -145,6 +148,8 @@ class SelectionRecord : public ProbeTask {
   std::map<Place, std::size_t> m_indices AHS_GUARDED_BY(m_lock);
   std::vector<Deciding::Standing> m_standings AHS_GUARDED_BY(m_lock);
   Deciding::Rules m_rules AHS_GUARDED_BY(m_lock);
+  std::size_t m_silent AHS_GUARDED_BY(m_lock) = 0;  // of those that are out
+  std::size_t m_late AHS_GUARDED_BY(m_lock) = 0;    // have answered after a long silence
   unsigned int m_probes AHS_GUARDED_BY(m_lock) = 0;
   std::size_t m_finished AHS_GUARDED_BY(m_lock) = 0;
   std::optional<std::size_t> m_best AHS_GUARDED_BY(m_lock);  // of those that have finished

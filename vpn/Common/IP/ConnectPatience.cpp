@@ -26,6 +26,10 @@ milliseconds ConnectPatience::silenceOf(milliseconds nearest) {
   return std::max(LeastSilence, 2 * nearest);
 }
 
+milliseconds ConnectPatience::silenceOfMany(milliseconds slowest) {
+  return LeastPatience + 2 * slowest;
+}
+
 milliseconds ConnectPatience::nextLook(milliseconds waited) const {
   milliseconds next = waited < firstLook ? firstLook : waited + NextLook;
   for (const milliseconds due : {again, giveUp}) {
@@ -40,7 +44,7 @@ ConnectPatience ConnectPatience::of(const Known& known) {
     patience.stand = TestPatience;
     return patience;
   }
-  if (!known.othersAnswered) {
+  if (!known.othersAnswered || known.manyWereLate) {
     return patience;
   }
   // What others show later makes all of these longer, unless the nearest is farther than that.
@@ -57,6 +61,7 @@ ConnectPatience ConnectPatience::of(const Known& known) {
   // is the nearest; most that are farther have answered the first.
   patience.again =
       std::max(known.nearest, silenceOf(known.nearest) - known.nearest * 5 / 4 - Leeway);
-  patience.giveUp = std::max(LeastPatience, 3 * known.slowest);
+  patience.giveUp = std::max(known.manyAreSilent ? silenceOfMany(known.slowest) : LeastPatience,
+                             3 * known.slowest);
   return patience;
 }

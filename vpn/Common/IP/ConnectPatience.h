@@ -24,12 +24,16 @@ struct ConnectPatience {
     bool testsWay = false;   ///< it measures nothing
     bool wasSilent = false;  ///< the host's probe before was given up, and nobody else's has to be
     bool othersAnswered = false;
-    milliseconds nearest{0};  ///< round trip of those that have answered
+    milliseconds nearest{0};     ///< round trip of those that have answered
     milliseconds slowest{0};
+    bool manyAreSilent = false;  ///< as where the network drops what opens connections
+    bool manyWereLate = false;   ///< and such have answered in the end: it does
   };
   static ConnectPatience of(const Known& known);
 
   /// How long nothing comes from a host that is farther than `nearest` or gone: long enough for two
   /// attempts.
   static milliseconds silenceOf(milliseconds nearest);
+  /// The same where many say nothing: until the kernel's second attempt has been answered.
+  static milliseconds silenceOfMany(milliseconds slowest);
 };

@@ -68,8 +68,8 @@ class Measurement {
     m_findings.plan = std::move(plan);
   }
 
-  /// @return false if the output is closed.
-  bool add(EndedProbe probe, HttpProbe::HTTP_PROBE_RESULTS results) {
+  /// @return the exit status if the output cannot be written, else ExitMeasured.
+  int add(EndedProbe probe, HttpProbe::HTTP_PROBE_RESULTS results) {
     const CAutoLockT<CManualLock> guard(m_lock);
     if (!results.tstrRequest.empty()) {
       m_findings.request = std::move(results.tstrRequest);
@@ -81,12 +81,12 @@ class Measurement {
     return show(probeLine(m_findings.probes.back(), m_findings.probes.size() - 1));
   }
 
-  bool begin() {
+  int begin() {
     const CAutoLockT<CManualLock> guard(m_lock);
     return show(probeHeading(m_findings.plan));
   }
 
-  bool sumUp() {
+  int sumUp() {
     const CAutoLockT<CManualLock> guard(m_lock);
     m_isSummedUp = true;
     return show(probeSummary(m_findings));
@@ -117,8 +117,8 @@ class Measurement {
   }
 
  private:
-  bool show(const std::string& text) const AHS_REQUIRES(m_lock) {
-    return !m_isShown || Console::writeResult(Wording::wrapped(text), ExitMeasured) == ExitMeasured;
+  int show(const std::string& text) const AHS_REQUIRES(m_lock) {
+    return m_isShown ? Console::writeResult(Wording::wrapped(text), ExitMeasured) : ExitMeasured;
   }
 
   const bool m_isShown;
@@ -128,14 +128,14 @@ class Measurement {
   ProbeFindings m_findings AHS_GUARDED_BY(m_lock);
 };
 
-/// @return false if the output is closed.
-bool measure(const ProbePlan& plan, const LastReport& watcher, Measurement& measurement) {
+/// @return the same.
+int measure(const ProbePlan& plan, const LastReport& watcher, Measurement& measurement) {
   const HttpProbe::KeptConnection connection;
   const PROXY_DATA noProxy;  // a round trip through a proxy would measure the proxy
   auto start = Clock::now();
   auto last = start;
-  bool isTold = measurement.begin();
-  for (unsigned int i = 0; isTold && i < plan.count; ++i) {
+  int written = measurement.begin();
+  for (unsigned int i = 0; written == ExitMeasured && i < plan.count; ++i) {
     if (i > 0 && plan.interval.count() > 0) {
       // A selection does not pause.
       const auto pause = Clock::now();
@@ -148,12 +148,12 @@ bool measure(const ProbePlan& plan, const LastReport& watcher, Measurement& meas
         plan.place.first, plan.secure, false, plan.place.second, "",
         static_cast<unsigned int>(plan.timeout.count()), noProxy, Wanted, results);
     const auto elapsed = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-    isTold = measurement.add({watcher.report(), elapsed}, std::move(results));
+    written = measurement.add({watcher.report(), elapsed}, std::move(results));
     if (SelectionRules::worthOfProbe(status) == SelectionRules::ProbeWorth::Unresolved) {
       break;  // no such host
     }
   }
-  return isTold && measurement.sumUp();
+  return written == ExitMeasured ? measurement.sumUp() : written;
 }
 
 void takeNameServers(ProbeFindings& findings) {
@@ -185,8 +185,8 @@ int probe(const ProbePlan& plan, bool isJson) {
   }
   const auto watcher = std::make_shared<LastReport>(plan.way);
   const CTask::Scope scope(watcher);
-  if (!measure(plan, *watcher, *measurement)) {
-    return ExitUsage;
+  if (const int written = measure(plan, *watcher, *measurement); written != ExitMeasured) {
+    return written;
   }
   ProbeFindings findings = measurement->findings();
   lookCloser(findings);

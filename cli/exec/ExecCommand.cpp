@@ -118,7 +118,7 @@ std::vector<std::string> headendsToTry(const SelectionResult& result) {
       all.push_back(headend.headend);
     }
   }
-  std::ranges::stable_partition(all, [&result](const std::string& headend) {
+  std::stable_partition(all.begin(), all.end(), [&result](const std::string& headend) {
     const URL url(headend);
     const auto port = static_cast<unsigned short>(SelectionRules::portOf(url));
     return !result.doubt.places.contains(placeOf(url.getHost(), port));

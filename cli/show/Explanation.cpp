@@ -227,9 +227,7 @@ std::string earlyLines(const SelectionResult& result, const Decision& decision) 
                            : ""));
   text += line("", "either it is slow, or something on the way takes connections on its behalf");
   if (result.measure != PreferenceBase::RoundTripResponse) {
-    text += line("",
-                 "set the preference RoundTripTime to 'response' to rank by answers instead, and "
-                 "run 'ahs cache clear': what is remembered was measured the other way");
+    text += line("", "set the preference RoundTripTime to 'response' to rank by answers instead");
   }
   return text;
 }

@@ -28,6 +28,12 @@ Json headendAsJson(const HeadendResult& headend) {
           {"probes", probes}};
 }
 
+Json sharedAsJson(const SelectionResult& result) {
+  const SharedAddress shared = sharedAddressOf(result);
+  return shared.names.empty() ? Json(nullptr)
+                              : Json{{"address", shared.address}, {"names", shared.names}};
+}
+
 Json decisionAsJson(const SelectionResult& result) {
   const Decision decision = decisionOf(result);
   const auto nameOf = [](const HeadendResult* headend) {
@@ -63,15 +69,8 @@ Json decisionAsJson(const SelectionResult& result) {
           {"doubtWords", orNull(doubtInWords(result.doubt))},
           {"earlyAnswers", early},
           {"evidence", evidence},
+          {"sharedAddress", sharedAsJson(result)},
           {"decided", decided}};
-}
-
-/// The address that was measured, if the headend does not name it.
-std::string addressOf(const HeadendResult* headend) {
-  const HttpProbe::Report* const probe = headend == nullptr ? nullptr : nearestProbe(*headend);
-  return probe == nullptr || headend->headend.find(probe->address) != std::string::npos
-             ? ""
-             : probe->address;
 }
 
 /// A metric with a tenth if only that tells it from another one: "20 ms", "20.4 ms".
@@ -182,11 +181,13 @@ std::string textOutput(const SelectionResult& result, bool explains) {
                              statusCodeName(result.status) +
                              (exitStatusOf(result) == ExitSelected ? " (success)\n" : "\n");
   const std::string proxy = proxyInWords(result);
+  const std::string shared = sharedInWords(result);
   const Decision decision = decisionOf(result);
   const bool staysThoughFarther = decision.isRetained && decision.best != decision.last;
   return Wording::wrapped(staysThoughFarther && !explains ? decisionInWords(result) + "\n" : "") +
          listsOf(result) +
-         Wording::wrapped(status + (proxy.empty() ? "" : "Test probe: " + proxy + "\n")) +
+         Wording::wrapped(status + (proxy.empty() ? "" : "Test probe: " + proxy + "\n") +
+                          (shared.empty() ? "" : "Note:   " + shared + "\n")) +
          (explains ? explanation(result) : "");
 }
 

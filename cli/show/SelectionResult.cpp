@@ -15,6 +15,7 @@
 #include "vpn/Api/AHS/HeadendSelectionErrors.h"
 #include "vpn/Common/Trust/LegibleText.h"
 #include "vpn/include/HttpSession.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -51,6 +52,10 @@ std::string troubleOf(const HttpProbe::Report& probe) {
       return probe.connectUs < 0 ? "accepts no connection" : "does not answer";
     case HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE:
       return "does not answer like a proxy";
+    case HTTP_SESSION_SUCCESS:
+      return isServerError(probe.httpStatus)
+                 ? "or the host behind it answers " + std::to_string(probe.httpStatus)
+                 : "";
     default:
       return "";
   }
@@ -222,8 +227,39 @@ std::string statusInWords(const SelectionResult& result) {
   }
 }
 
+std::string addressOf(const HeadendResult* headend) {
+  const HttpProbe::Report* const probe = headend == nullptr ? nullptr : nearestProbe(*headend);
+  return probe == nullptr || headend->headend.find(probe->address) != std::string::npos
+             ? ""
+             : probe->address;
+}
+
+SharedAddress sharedAddressOf(const SelectionResult& result) {
+  SharedAddress shared;
+  shared.address = result.headends.empty() ? "" : addressOf(find(result, result.headends.front()));
+  for (const HeadendResult& headend : result.results) {
+    if (!shared.address.empty() && addressOf(&headend) == shared.address) {
+      shared.names.insert(CStringUtils::toLower(headend.probes.front().host));
+    }
+  }
+  return shared.names.size() > 1 ? shared : SharedAddress{};
+}
+
+std::string sharedInWords(const SelectionResult& result) {
+  const SharedAddress shared = sharedAddressOf(result);
+  return shared.names.empty()
+             ? ""
+             : std::to_string(shared.names.size()) + " names lead to " +
+                   Console::visible(shared.address) +
+                   ", the chosen one too. Unless one gateway has them all, the name server "
+                   "misleads: --secure checks who answers.";
+}
+
 std::string proxyInWords(const SelectionResult& result) {
   const std::string proxy = "the proxy" + (result.proxy.empty() ? "" : " " + result.proxy);
+  if (result.status == HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {
+    return "";  // the status says it
+  }
   if (onlyProxyAnswers(result)) {
     return "only " + proxy +
            " answers: headends are measured directly, and none can be reached so.";

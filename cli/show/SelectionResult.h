@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,9 @@ std::vector<std::size_t> ranksOf(const SelectionResult& result);
 /// The probe with the smallest round trip; null if no probe has one.
 const HttpProbe::Report* nearestProbe(const HeadendResult& headend);
 
+/// The address that was measured; empty if the headend names it, or has no answer.
+std::string addressOf(const HeadendResult* headend);
+
 /// How many probes had no answer.
 std::size_t lostProbes(const HeadendResult& headend);
 
@@ -72,6 +76,16 @@ std::string doubtName(const SelectionDoubt& doubt);
 
 /// A status in words, a whole sentence.
 std::string statusInWords(const SelectionResult& result);
+
+/// Names of different headends that lead to the chosen one's address.
+struct SharedAddress {
+  std::string address;
+  std::set<std::string> names;  ///< with the chosen one's; empty if no other leads there
+};
+SharedAddress sharedAddressOf(const SelectionResult& result);
+
+/// That, and what it may mean: sentences; empty for none.
+std::string sharedInWords(const SelectionResult& result);
 
 /// What was wrong with the proxy of the test probe, what it cost, and what it means: whole
 /// sentences; empty if nothing was.

@@ -133,6 +133,27 @@ TEST(TextOutput, SaysThatARetainedHeadendWasNotMeasured) {
   EXPECT_THAT(text, Not(HasSubstr("Without a result")));
 }
 
+TEST(TextOutput, TellsThatOtherNamesLeadToTheChosenAddress) {
+  const auto at = [](const std::string& headend, const std::string& host,
+                     const std::string& address) {
+    HeadendResult result = ::headend(headend, 20);
+    result.probes.resize(1);
+    result.probes[0].host = host;
+    result.probes[0].address = address;
+    return result;
+  };
+  SelectionResult result =
+      measured({at("gw-a", "gw-a", "192.0.2.7"), at("gw-b:8443", "gw-b", "192.0.2.7"),
+                at("gw-b:444", "gw-b", "192.0.2.7"), at("gw-c", "gw-c", "192.0.2.8"),
+                at("192.0.2.7:445", "192.0.2.7", "192.0.2.7")});
+  EXPECT_THAT(textOutput(result),
+              HasSubstr("2 names lead to 192.0.2.7, the chosen one too. Unless"));
+  EXPECT_EQ(json::parse(jsonOutput(result)).at("decision").at("sharedAddress"),
+            (json{{"address", "192.0.2.7"}, {"names", {"gw-a", "gw-b"}}}));
+  std::ranges::rotate(result.headends, result.headends.begin() + 3);
+  EXPECT_THAT(textOutput(result), Not(HasSubstr("lead to"))) << "another one is chosen";
+}
+
 TEST(TextOutput, WithoutAnyHeadendSaysSo) {
   EXPECT_THAT(textOutput(failed(HEADENDSELECTION_ERROR_NO_HEADENDS, {})),
               testing::StartsWith("Headends: none\nStatus: Nothing was measured"));
@@ -234,7 +255,9 @@ TEST(ProxyInWords, SaysWhatIsWrongWithItAndWhatItCost) {
         {HTTP_SESSION_ERROR_CONNECT, 7U, -1, "refuses connections"},
         {HTTP_SESSION_ERROR_TIMEOUT, 28U, -1, "accepts no connection"},
         {HTTP_SESSION_ERROR_TIMEOUT, 28U, 900, "does not answer"},
-        {HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, 1U, 900, "does not answer like a proxy"}}) {
+        {HTTP_SESSION_ERROR_INVALID_SERVER_RESPONSE, 1U, 900, "does not answer like a proxy"},
+        {HTTP_SESSION_SUCCESS, 0U, 900, "or the host behind it answers 503"}}) {
+    result.testProbe->httpStatus = status == HTTP_SESSION_SUCCESS ? 503 : 0;
     result.testProbe->status = status;
     result.testProbe->transportError = error;
     result.testProbe->connectUs = connectUs;
@@ -244,6 +267,8 @@ TEST(ProxyInWords, SaysWhatIsWrongWithItAndWhatItCost) {
     EXPECT_THAT(textOutput(result), HasSubstr(Wording::wrapped("Test probe: " + whole)));
     EXPECT_EQ(json::parse(jsonOutput(result)).at("testProbe").at("words"), whole);
   }
+  result.status = HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED;
+  EXPECT_EQ(proxyInWords(result), "") << "the status says it";
 }
 
 TEST(ProxyInWords, SaysThatOnlyTheProxyGetsOut) {

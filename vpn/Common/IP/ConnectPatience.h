@@ -24,7 +24,7 @@ struct ConnectPatience {
     bool testsWay = false;   ///< it measures nothing
     bool wasSilent = false;  ///< the host's probe before was given up, and nobody else's has to be
     bool othersAnswered = false;
-    milliseconds nearest{0};     ///< round trip of those that have answered
+    milliseconds nearest{0};  ///< round trip of those that have answered
     milliseconds slowest{0};
     bool manyAreSilent = false;  ///< as where the network drops what opens connections
     bool manyWereLate = false;   ///< and such have answered in the end: it does

@@ -182,12 +182,14 @@ std::string textOutput(const SelectionResult& result, bool explains) {
                              (exitStatusOf(result) == ExitSelected ? " (success)\n" : "\n");
   const std::string proxy = proxyInWords(result);
   const std::string shared = sharedInWords(result);
+  const std::string loss = lossInWords(result);
   const Decision decision = decisionOf(result);
   const bool staysThoughFarther = decision.isRetained && decision.best != decision.last;
   return Wording::wrapped(staysThoughFarther && !explains ? decisionInWords(result) + "\n" : "") +
          listsOf(result) +
          Wording::wrapped(status + (proxy.empty() ? "" : "Test probe: " + proxy + "\n") +
-                          (shared.empty() ? "" : "Note:   " + shared + "\n")) +
+                          (shared.empty() ? "" : "Note:   " + shared + "\n") +
+                          (loss.empty() ? "" : "Note:   " + loss + "\n")) +
          (explains ? explanation(result) : "");
 }
 

@@ -255,6 +255,23 @@ std::string sharedInWords(const SelectionResult& result) {
                    "misleads: --secure checks who answers.";
 }
 
+std::string lossInWords(const SelectionResult& result) {
+  constexpr std::size_t Part = 4;
+  std::size_t lost = 0;
+  std::size_t sent = 0;
+  for (const HeadendResult& headend : result.results) {
+    if (nearestProbe(headend) != nullptr) {
+      lost += lostProbes(headend);
+      sent += headend.probes.size();
+    }
+  }
+  return lost * Part <= sent ? ""
+                             : std::to_string(lost) + " of " + std::to_string(sent) +
+                                   " probes of headends that answer were lost: the network is "
+                                   "bad, or limits how many connections open at once. Select "
+                                   "again, or name fewer headends.";
+}
+
 std::string proxyInWords(const SelectionResult& result) {
   const std::string proxy = "the proxy" + (result.proxy.empty() ? "" : " " + result.proxy);
   if (result.status == HEADENDSELECTION_ERROR_AUTH_PROXY_DETECTED) {

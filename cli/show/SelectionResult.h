@@ -87,6 +87,9 @@ SharedAddress sharedAddressOf(const SelectionResult& result);
 /// That, and what it may mean: sentences; empty for none.
 std::string sharedInWords(const SelectionResult& result);
 
+/// That over a quarter of the probes of headends which answer were lost: sentences; empty if not.
+std::string lossInWords(const SelectionResult& result);
+
 /// What was wrong with the proxy of the test probe, what it cost, and what it means: whole
 /// sentences; empty if nothing was.
 std::string proxyInWords(const SelectionResult& result);

@@ -172,7 +172,7 @@ TEST_F(LyingNetworks, AProgramIsTriedLastWithWhatANameServerLiesAbout) {
 }
 
 TEST_F(LyingNetworks, ARouterThatLimitsOpeningsLosesNobodyWhoIsAlive) {
-  std::string scene = "link syns=20\n";
+  std::string scene = "link syns=40\n";
   std::string hosts;
   for (int i = 20; i > 0; --i) {
     const std::string address = "10.77.0." + std::to_string(i);

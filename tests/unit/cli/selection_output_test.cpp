@@ -154,6 +154,18 @@ TEST(TextOutput, TellsThatOtherNamesLeadToTheChosenAddress) {
   EXPECT_THAT(textOutput(result), Not(HasSubstr("lead to"))) << "another one is chosen";
 }
 
+TEST(TextOutput, TellsThatManyProbesOfHeadendsThatAnswerWereLost) {
+  HeadendResult answers = headend("gw-a", 20);
+  HeadendResult isGone = headend("gw-b", std::nullopt);
+  answers.probes.resize(4);
+  answers.probes[0].status = HTTP_SESSION_ERROR_TIMEOUT;
+  isGone.probes.assign(2, answers.probes[0]);
+  EXPECT_THAT(textOutput(measured({answers, isGone})), Not(HasSubstr("probes of headends")));
+  answers.probes.pop_back();
+  EXPECT_THAT(textOutput(measured({answers, isGone})),
+              HasSubstr("1 of 3 probes of headends that answer were lost"));
+}
+
 TEST(TextOutput, WithoutAnyHeadendSaysSo) {
   EXPECT_THAT(textOutput(failed(HEADENDSELECTION_ERROR_NO_HEADENDS, {})),
               testing::StartsWith("Headends: none\nStatus: Nothing was measured"));

@@ -150,7 +150,7 @@ TEST(TextOutput, TellsThatOtherNamesLeadToTheChosenAddress) {
               HasSubstr("2 names lead to 192.0.2.7, the chosen one too. Unless"));
   EXPECT_EQ(json::parse(jsonOutput(result)).at("decision").at("sharedAddress"),
             (json{{"address", "192.0.2.7"}, {"names", {"gw-a", "gw-b"}}}));
-  std::ranges::rotate(result.headends, result.headends.begin() + 3);
+  std::rotate(result.headends.begin(), result.headends.begin() + 3, result.headends.end());
   EXPECT_THAT(textOutput(result), Not(HasSubstr("lead to"))) << "another one is chosen";
 }
 

@@ -10,7 +10,7 @@ build=("${lib[@]}" libgtest-dev libgmock-dev iproute2 curl openssl)
 peers=(python3 fping httping)
 test=("${build[@]}" python3 binutils fping nginx squid)
 world=("${test[@]}" "${peers[@]}" haproxy valgrind doxygen mandoc man-db zsh fish bash-completion
-  clang libclang-rt-dev debhelper lintian debootstrap abigail-tools)
+  clang libclang-rt-dev debhelper lintian debootstrap abigail-tools openvpn charon-systemd caddy)
 lint=("${test[@]}" clang clang-format clang-tidy shellcheck)
 deb=("${lib[@]}" debhelper lintian debootstrap)
 bench=("${build[@]}" "${peers[@]}")

@@ -69,12 +69,24 @@ void addMeasureOptions(CLI::App& command, MeasureOptions& options, MeasureLimits
   command.add_flag("--secure", options.secure, "Probe over TLS, as with a login at a proxy");
   addOption(command, "--cacert", "FILE", options.certificates,
             "Also trust the certificates (PEM) of FILE; $SSL_CERT_FILE unless given");
+  const std::vector<std::string> kinds(ProbeKindNames.begin(), ProbeKindNames.end());
+  addOption(command, "--probe", Wording::joined(kinds, "|"), options.probe,
+            "What gateways are asked, over UDP but for http; what host entries say unless given")
+      ->check(oneOf(kinds));
+  addOption(command, "--probe-port", "PORT", options.probePort,
+            "Where gateways are asked; at their own ports unless given")
+      ->check(CLI::Range(1, 65535));
   CLI::Option* const four = command.add_flag("-4", options.onlyIPv4, "Probe over IPv4 alone");
   command.add_flag("-6", options.onlyIPv6, "Probe over IPv6 alone, and IPv4 addresses by NAT64")
       ->excludes(four);
   addOption(command, "--interface", "NAME", options.interface,
             "Network interface that probes leave by");
   addOption(command, "--source", "ADDRESS", options.source, "Address that probes come from");
+}
+
+void takeProbeHow(const MeasureOptions& options, PreferenceMgr::Sources& sources) {
+  sources.probeKind = options.probe ? probeKindOf(*options.probe) : std::nullopt;
+  sources.probePort = options.probePort;
 }
 
 std::string takeMeasurePreferences(const MeasureOptions& options,

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "vpn/Api/Preference.h"
+#include "vpn/Api/PreferenceMgr.h"
 
 namespace CLI {
 class App;
@@ -21,6 +22,8 @@ struct MeasureOptions {
   std::optional<std::string> certificates;
   bool onlyIPv4 = false;
   bool onlyIPv6 = false;
+  std::optional<std::string> probe;
+  std::optional<unsigned short> probePort;
   std::optional<std::string> interface;
   std::optional<std::string> source;
 };
@@ -31,8 +34,12 @@ struct MeasureLimits {
   unsigned int timeoutSeconds;
 };
 
-/// Adds -c, --timeout, --rtt, --set, --secure, --cacert, -4, -6, --interface and --source.
+/// Adds -c, --timeout, --rtt, --set, --secure, --cacert, --probe, --probe-port, -4, -6, --interface
+/// and --source.
 void addMeasureOptions(CLI::App& command, MeasureOptions& options, MeasureLimits most);
+
+/// Takes --probe and --probe-port.
+void takeProbeHow(const MeasureOptions& options, PreferenceMgr::Sources& sources);
 
 /// Adds the preferences that --rtt and --set name, and `more` like them.
 /// @return an empty string, or what is wrong and what to do.

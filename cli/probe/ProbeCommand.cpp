@@ -171,9 +171,13 @@ void takeNameServers(ProbeFindings& findings) {
 void lookCloser(ProbeFindings& findings) {
   const ProbePlan& plan = findings.plan;
   takeNameServers(findings);
-  findings.addresses = checkAddresses(plan.place.first, plan.place.second, plan.timeout, *plan.way);
+  if (plan.how.kind != ProbeKind::Http) {
+    return;  // the rest is of TCP
+  }
+  const unsigned short port = plan.how.portAt(plan.place.second);
+  findings.addresses = checkAddresses(plan.place.first, port, plan.timeout, *plan.way);
   if (std::ranges::any_of(findings.addresses.addresses, &CheckedAddress::isConnected)) {
-    findings.tls = inspectTls(plan.place.first, plan.place.second, plan.timeout);
+    findings.tls = inspectTls(plan.place.first, port, plan.timeout);
   }
 }
 
@@ -214,6 +218,7 @@ int runProbe(const ProbeOptions& options) {
   if (!wrong.empty()) {
     return Console::complainOfUsage(Command, wrong, problems);
   }
+  takeProbeHow(options, files.sources);
   CAppLog::Targets noLog;
   noLog.off = true;
   CClientLibrary::Options libraryOptions{files.sources, noLog, ""};

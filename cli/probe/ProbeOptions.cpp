@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "cli/Wording.h"
+#include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/Utility/URL.h"
 #include "vpn/include/StringUtils.h"
 
@@ -53,5 +54,10 @@ std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEnt
   plan.selectionTimeout = std::chrono::seconds(timeout);
   plan.timeout = std::chrono::seconds(options.timeoutSeconds.value_or(timeout));
   const std::string error = plan.way->take(options);
-  return error.empty() ? takeHost(options.host, entries, plan) : error;
+  if (!error.empty()) {
+    return error;
+  }
+  const std::string hostError = takeHost(options.host, entries, plan);
+  plan.how = ProbeSettings::howTo(plan.place.first, plan.place.second);
+  return hostError;
 }

@@ -30,6 +30,7 @@ struct ProbePlan {
       leftOut;  ///< why the host entry takes no part in automatic selection; empty if it does
   std::shared_ptr<ProbeWay> way = std::make_shared<ProbeWay>();
   bool secure = false;
+  ProbeHow how;
   unsigned int count = 0;
   std::chrono::seconds timeout{0};              ///< of one probe
   std::chrono::seconds interval{0};             ///< from one probe's start to the next one's

@@ -183,7 +183,24 @@ std::string answerInWords(const ProbeFindings& findings) {
 
 // ---- The selection ----------------------------------------------------------------------------
 
+bool isDatagram(const ProbePlan& plan) { return plan.how.kind != ProbeKind::Http; }
+
+std::string_view kindOf(const ProbePlan& plan) {
+  return ProbeKindNames[static_cast<std::size_t>(plan.how.kind)];
+}
+
+std::string askedInWords(const ProbePlan& plan) {
+  const std::string port = std::to_string(plan.how.portAt(plan.place.second));
+  const std::string what = isDatagram(plan) ? std::string(kindOf(plan)) + " over UDP"
+                           : plan.secure    ? "HTTPS"
+                                            : "plain HTTP";
+  return what + (plan.how.port == 0 && !isDatagram(plan) ? "" : " at port " + port);
+}
+
 std::string measureInWords(const ProbePlan& plan) {
+  if (isDatagram(plan)) {
+    return "A sample is the time from a packet to its answer, by the kernel's clock.";
+  }
   return plan.measure == PreferenceBase::RoundTripResponse
              ? "A sample is the response time (preference RoundTripTime)."
              : "A sample is the network's round trip, the smallest on its connection so far "
@@ -194,6 +211,10 @@ std::string measureInWords(const ProbePlan& plan) {
 }
 
 std::string schemeInWords(const ProbePlan& plan) {
+  if (isDatagram(plan)) {
+    return "A gateway that answers no stranger (tls-auth, tls-crypt, WireGuard) has no metric: "
+           "name a TCP port beside it with --probe http --probe-port PORT.";
+  }
   return plan.secure
              ? "Probes over TLS are those of a selection with a login at a proxy; any other "
                "sends plain HTTP."
@@ -326,8 +347,8 @@ std::string probeHeading(const ProbePlan& plan) {
                                 : " (host entry '" + Console::visible(plan.entry) +
                                       "' of the profile '" + Console::visible(plan.profile) + "')";
   return "Probing " + Console::visible(hostAndPort(plan.place)) + entry + ": " +
-         Wording::counted(plan.count, "probe") + " of " + (plan.secure ? "HTTPS" : "plain HTTP") +
-         ", each " + std::to_string(plan.timeout.count()) + " s at most\n";
+         Wording::counted(plan.count, "probe") + " of " + askedInWords(plan) + ", each " +
+         std::to_string(plan.timeout.count()) + " s at most\n";
 }
 
 std::string probeLine(const EndedProbe& probe, std::size_t index) {
@@ -378,8 +399,10 @@ std::string probeVerdict(const ProbeFindings& findings) {
 }
 
 std::string probeDetails(const ProbeFindings& findings) {
-  return addressesInWords(findings) + tlsInWords(findings) + requestInWords(findings) +
-         answerInWords(findings) + probeVerdict(findings);
+  return isDatagram(findings.plan)
+             ? probeVerdict(findings)
+             : addressesInWords(findings) + tlsInWords(findings) + requestInWords(findings) +
+                   answerInWords(findings) + probeVerdict(findings);
 }
 
 std::string probeAdvice(const ProbeFindings& findings) {
@@ -398,6 +421,11 @@ std::string probeAdvice(const ProbeFindings& findings) {
       (isSilent && !findings.addresses.problem.empty())) {
     return adviceForName(findings);
   }
+  if (view.outcome == HeadendOutcome::CannotConnect && isDatagram(findings.plan)) {
+    return where + " refuses: nothing listens there at UDP port " +
+           std::to_string(findings.plan.how.portAt(findings.plan.place.second)) +
+           ". Check --probe and the port.";
+  }
   if (view.outcome == HeadendOutcome::CannotConnect) {
     return "no connection to " + where + " could be made. " +
            adviceForAddresses(findings.addresses);
@@ -405,7 +433,9 @@ std::string probeAdvice(const ProbeFindings& findings) {
   if (isSilent) {
     return where + " does not answer within " + std::to_string(findings.plan.timeout.count()) +
            " s. A firewall may drop what is sent, the machine may be off, or another program may "
-           "listen on the port. --timeout SECONDS waits longer.";
+           "listen on the port" +
+           (isDatagram(findings.plan) ? ", or the gateway answers no stranger" : "") +
+           ". --timeout SECONDS waits longer.";
   }
   return where + " would have no metric in a selection. " + view.why;
 }
@@ -424,6 +454,8 @@ std::string probeJson(const ProbeFindings& findings) {
   object["profile"] = orNull(plan.profile);
   object["takesPart"] = plan.entry.empty() ? Json(nullptr) : Json(plan.leftOut.empty());
   object["secure"] = plan.secure;
+  object["probe"] = kindOf(plan);
+  object["probePort"] = plan.how.portAt(plan.place.second);
   object["timeoutMs"] = std::chrono::milliseconds(plan.timeout).count();
   object["roundTripTime"] = plan.measure;
   object["probes"] = probes;

@@ -46,7 +46,8 @@ std::map<std::string, GivenHeadend> entriesOf(const FilePlan& plan) {
   for (const auto& [name, host] : profiles.getHostProfileMap()) {
     const std::string address = host == nullptr ? "" : host->getHostAddress();
     entries.emplace(CStringUtils::toLower(name),
-                    GivenHeadend(name, address.empty() ? name : address));
+                    GivenHeadend(name, address.empty() ? name : address,
+                                 host == nullptr ? ProbeHow{} : host->getHow()));
   }
   return entries;
 }
@@ -155,6 +156,7 @@ std::string makePlan(const SelectOptions& options, const DefaultPaths& paths, Se
   if (error.empty()) {
     error = takeHosts(options.hosts, plan);
   }
+  takeProbeHow(options.measure, plan.sources);
   plan.isFresh = options.fresh;
   if (options.maxAge) {
     plan.maxAge = std::chrono::seconds(*options.maxAge);

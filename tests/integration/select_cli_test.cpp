@@ -19,6 +19,7 @@
 #include "tests/integration/command_test.h"
 #include "tests/integration/running_program.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/DatagramGateway.h"
 #include "tests/support/HeldGateway.h"
 
 namespace tests {
@@ -60,6 +61,25 @@ TEST_F(SelectCommandTest, TheNearestHostComesFirst) {
   EXPECT_EQ(result.at("probes").size(), 3U);
   EXPECT_EQ(result.at("probes").at(0).at("httpStatus"), 200);
   EXPECT_EQ(result.at("probes").at(0).at("address"), "127.0.0.1");
+}
+
+TEST_F(SelectCommandTest, AGatewayIsAskedAsItsHostEntryOrTheCommandLineSays) {
+  const DatagramGateway gateway(DatagramGateway::OpenVpn);
+  const std::string address = gateway.Where().Text();
+  EXPECT_EQ(run({"select", address}).exitStatus, 1) << "it speaks no TCP";
+  const json asked = selectJson({address, "--probe", "openvpn"});
+  EXPECT_EQ(resultOf(asked, address).at("outcome"), "answered");
+  EXPECT_EQ(selectJson({address, "--probe", "openvpn"}).at("fromCache"), true);
+  const std::string port = std::to_string(gateway.Where().port);
+  writeFile(".config/ahs/profiles/udp.xml",
+            "<profile version='1'><preferences><preference name='EnableAutomaticServerSelection' "
+            "value='true'/></preferences><hosts><host name='Bern' address='127.0.0.1:1' "
+            "probe='openvpn' probe-port='" +
+                port + "'/></hosts></profile>");
+  EXPECT_EQ(selectJson({}).at("headends"), json({"127.0.0.1:1"}));
+  const json probed = runJson({"probe", "Bern"}, 0);
+  EXPECT_EQ(probed.at("probe"), "openvpn");
+  EXPECT_EQ(probed.at("probePort"), gateway.Where().port);
 }
 
 TEST_F(SelectCommandTest, TheSecondRunIsAnsweredByTheCacheUnlessThereIsNone) {

@@ -4,9 +4,11 @@
 
 #include <new>
 
+#include "vpn/Api/ConfigurationFormat.h"
 #include "vpn/Common/IP/HttpProbe.h"
 #include "vpn/Common/Trust/Environment.h"
 #include "vpn/Common/Utility/ExecutionContext.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -25,6 +27,29 @@ void applyProbePreferences(PreferenceMgr& preferenceMgr) {
   HttpProbe::setNeedsService(value == "true");
 }
 
+unsigned short portOf(const URL& url) {
+  constexpr unsigned short DefaultPort = 443;
+  const std::string& port = url.getPort();
+  return port.empty() ? DefaultPort : ConfigurationFormat::portOf(port);
+}
+
+void applyProbeHows(PreferenceMgr& preferenceMgr, const PreferenceMgr::Sources& sources) {
+  const auto choose = [&sources](const ProbeHow& own) {
+    return ProbeHow{sources.probeKind.value_or(own.kind), sources.probePort.value_or(own.port)};
+  };
+  ProbeHows hows;
+  hows.others = choose({});
+  ProfileMgr* profiles = nullptr;
+  if (preferenceMgr.getProfileMgr(profiles) == PREFERENCEMGR_SUCCESS) {
+    for (const auto& [name, host] : profiles->getHostProfileMap()) {
+      const URL& url = host->getUrl();
+      hows.known.emplace(std::pair(CStringUtils::toLower(url.getHost()), portOf(url)),
+                         choose(host->getHow()));
+    }
+  }
+  HttpProbe::setHows(std::move(hows));
+}
+
 }  // namespace
 
 CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status) {
@@ -40,6 +65,7 @@ CClientLibrary::CClientLibrary(Options& options, STATUSCODE& status) {
       m_pPreferenceMgr = PreferenceMgr::acquireInstance();
       m_pPreferenceMgr->releaseInstance();
       applyProbePreferences(*m_pPreferenceMgr);
+      applyProbeHows(*m_pPreferenceMgr, options.sources);
       step = "CExecutionContext::createInstance";
       status = CExecutionContext::createInstance(API_INSTANCE);
     }

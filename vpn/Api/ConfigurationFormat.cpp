@@ -4,14 +4,17 @@
 #include "vpn/Api/ConfigurationFormat.h"
 
 #include <algorithm>
+#include <charconv>
 
 #include "vpn/Api/ConfigurationText.h"
 #include "vpn/Api/Preference.h"
+#include "vpn/Common/IP/ProbeKind.h"
 #include "vpn/Common/Utility/NearestName.h"
 #include "vpn/include/StringUtils.h"
 
 namespace {
 
+using Form = ElementRule::Attribute::Form;
 using ConfigurationText::oneLine;
 using ConfigurationText::quoted;
 
@@ -41,7 +44,12 @@ ElementRule profileRule() {
                                 {"value", true, {}},
                                 {"user-controllable", false, {"true", "false"}}},
                                {}};
-  const ElementRule host{"host", {{"name", true, {}, true}, {"address", false, {}}}, {}};
+  const ElementRule host{"host",
+                         {{"name", true, {}, Form::HostName},
+                          {"address", false, {}},
+                          {"probe", false, {ProbeKindNames.begin(), ProbeKindNames.end()}},
+                          {"probe-port", false, {}, Form::Port}},
+                         {}};
   return {"profile",
           {{"version", true, {"1"}}},
           {{"preferences", {}, {preference}}, {"hosts", {}, {host}}}};
@@ -117,10 +125,20 @@ const ElementRule& ConfigurationFormat::rootOf(ConfigurationKind kind) {
 
 bool ConfigurationFormat::isAllowed(const ElementRule::Attribute& attribute,
                                     const std::string& value) {
-  if (attribute.isHostName) {
+  if (attribute.form == Form::Port) {
+    return portOf(value) != 0;
+  }
+  if (attribute.form == Form::HostName) {
     return !CStringUtils::trimmed(value).empty() && oneLine(value, MaxHostNameLength) == value;
   }
   return attribute.words.empty() || std::ranges::count(attribute.words, value) != 0;
+}
+
+unsigned short ConfigurationFormat::portOf(const std::string& value) {
+  unsigned short port = 0;
+  const char* const end = value.data() + value.size();
+  const auto [stop, error] = std::from_chars(value.data(), end, port);
+  return error == std::errc() && stop == end ? port : static_cast<unsigned short>(0);
 }
 
 std::string ConfigurationFormat::meantText(const std::string* meant, const std::string& open,
@@ -158,8 +176,10 @@ std::string ConfigurationFormat::wrongValue(const ElementRule& element,
                                             const std::string& value) {
   return "the value " + quoted(value) + " of \"" + attribute.name + "\" of <" + element.name +
          "> " +
-         (attribute.isHostName
+         (attribute.form == Form::HostName
               ? "must be 1 to 255 bytes of text that can be shown, not blanks alone"
+          : attribute.form == Form::Port
+              ? "must be a number from 1 to 65535"
               : "is not known" + allowedText(value, attribute.words, "\"", "\"")) +
          consequence(element, &attribute);
 }

@@ -16,7 +16,7 @@ struct ElementRule {
     std::string name;
     bool isRequired = false;
     std::vector<std::string> words;  ///< the values allowed; empty where a list cannot say it
-    bool isHostName = false;         ///< the value has to be a host entry's name
+    enum class Form { Words, HostName, Port } form = Form::Words;  ///< of the value
   };
   std::string name;
   std::vector<Attribute> attributes;
@@ -38,6 +38,9 @@ const ElementRule& rootOf(ConfigurationKind kind);
 
 /// Whether a value may stand in an attribute, as far as its element does not matter.
 bool isAllowed(const ElementRule::Attribute& attribute, const std::string& value);
+
+/// The port of an attribute that is allowed; 0 for an empty text.
+unsigned short portOf(const std::string& value);
 
 /// " (did you mean a?)", `meant` between `open` and `close`; nothing for null.
 std::string meantText(const std::string* meant, const std::string& open, const std::string& close);

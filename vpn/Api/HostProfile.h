@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "vpn/Common/IP/ProbeKind.h"
 #include "vpn/Common/Utility/URL.h"
 
 /// One host entry of a profile. Constant; any thread may read it.
@@ -13,12 +14,14 @@ class HostProfile {
   /// @param line line of the entry in its file, 0 if it comes from no file.
   /// @param url the address, else the name, parsed.
   HostProfile(const std::string& profileName, const std::string& hostName,
-              const std::string& address, unsigned int line, const URL& url = {})
+              const std::string& address, unsigned int line, const URL& url = {},
+              const ProbeHow& how = {})
       : m_profileName(profileName),
         m_hostName(hostName),
         m_address(address),
         m_line(line),
-        m_url(url) {}
+        m_url(url),
+        m_how(how) {}
 
   // The order of these four is part of the interface: name second, address fourth.
 
@@ -29,6 +32,7 @@ class HostProfile {
   virtual unsigned int getLine() const { return m_line; }
   virtual const std::string& getHostAddress() const { return m_address; }
   const URL& getUrl() const { return m_url; }
+  const ProbeHow& getHow() const { return m_how; }
   /// @}
 
   virtual ~HostProfile() = default;
@@ -41,4 +45,5 @@ class HostProfile {
   std::string m_address;
   unsigned int m_line;
   URL m_url;
+  ProbeHow m_how;
 };

@@ -4,6 +4,7 @@
 /// The preferences and profiles of the process.
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,11 @@ class PreferenceMgr {
     /// The caller's own preferences, which go before every file's. Values must be allowed ones
     /// (`PreferenceBase::findError`).
     std::map<PreferenceId, std::string> preferences;
+    /// How all headends are probed, whatever their entries say, where a part is given.
+    /// @{
+    std::optional<ProbeKind> probeKind;
+    std::optional<unsigned short> probePort;
+    /// @}
     /// Files are read whoever could have written them. Otherwise one that another user could have
     /// written counts as wrong; see FileTrust.
     bool trustFiles = false;

@@ -233,6 +233,8 @@ void FileReader::readHost(const Attributes& attributes) {
   const Place here = placeOfTag();
   ProfileFile::Host host{valueOf(attributes, "name"), valueOf(attributes, "address"), here.line,
                          here.column};
+  host.how.kind = probeKindOf(valueOf(attributes, "probe")).value_or(ProbeKind::Http);
+  host.how.port = ConfigurationFormat::portOf(valueOf(attributes, "probe-port"));
   if (CStringUtils::trimmed(host.address).empty()) {
     host.address.clear();
   }

@@ -9,6 +9,7 @@
 
 #include "vpn/Api/ConfigurationFormat.h"
 #include "vpn/Api/Preference.h"
+#include "vpn/Common/IP/ProbeKind.h"
 #include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/Common/Utility/URL.h"
 
@@ -34,6 +35,7 @@ struct ProfileFile {
     unsigned int column = 0;  ///< the same
     URL url{};                ///< the address, else the name; empty for an entry that is left out
     std::string reason{};     ///< why it is left out, as a phrase
+    ProbeHow how{};           ///< it is probed
   };
   PreferenceInfo preferences;  ///< what it sets
   std::vector<Host> hosts;     ///< in the order of the file

@@ -99,13 +99,13 @@ void ProfileMgr::addHeadends(const std::string& profileName,
   ProfileFile profile;
   profile.preferences.set(
       Preference(EnableAutomaticServerSelection, PreferenceBase::PreferenceEnabled, false));
-  for (const auto& [name, address] : headends) {
+  for (const auto& [name, address, how] : headends) {
     const URL url(address);
     if (url.getHost().empty()) {
       report({profileName, 0, 0,
               "the address " + quoted(address) + " is left out: " + URL::findError(address)});
     } else {
-      profile.hosts.push_back({name, address, 0, 0, url});
+      profile.hosts.push_back({name, address, 0, 0, url, {}, how});
     }
   }
   addProfile(profileName, profileName, profile);
@@ -182,8 +182,8 @@ void ProfileMgr::addHost(const std::string& profileName, const ProfileFile::Host
     leaveOut(profileName, other);
     return;
   }
-  m_hosts.push_back(
-      std::make_unique<HostProfile>(profileName, host.name, host.address, host.line, host.url));
+  m_hosts.push_back(std::make_unique<HostProfile>(profileName, host.name, host.address, host.line,
+                                                  host.url, host.how));
   known->second = m_hosts.back().get();
   m_profileOfHost.emplace(known->second->getHostName(), &known->second->getProfileName());
 }

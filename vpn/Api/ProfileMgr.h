@@ -21,11 +21,12 @@ struct GivenHeadend {
   GivenHeadend(const char* itsAddress) : name(itsAddress), address(itsAddress) {}
   GivenHeadend(const std::string& itsAddress) : name(itsAddress), address(itsAddress) {}
   /// @}
-  GivenHeadend(std::string itsName, std::string itsAddress)
-      : name(std::move(itsName)), address(std::move(itsAddress)) {}
+  GivenHeadend(std::string itsName, std::string itsAddress, ProbeHow itsHow = {})
+      : name(std::move(itsName)), address(std::move(itsAddress)), how(itsHow) {}
 
   std::string name;     ///< of its host entry
   std::string address;  ///< host, host:port or URL
+  ProbeHow how;         ///< it is probed
 
   bool operator==(const GivenHeadend&) const = default;
 };

@@ -42,6 +42,7 @@ bool isThere(Which... which) {
 
 void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) { g_measures.push_back(measure); }
 void HttpProbe::setLeavesSilent(bool leaves) { g_leavesSilent.push_back(leaves); }
+void HttpProbe::setHows(ProbeHows /*hows*/) {}
 void HttpProbe::setNeedsService(bool needs) { g_needsService.push_back(needs); }
 
 TEST_F(ClientLibraryTest, PreferencesAndContextLiveAsLongAsTheObjectWhichMayComeAgain) {

@@ -47,11 +47,16 @@ TEST_F(ProfileFileTest, AnEntryIsTakenAsItIsWrittenOrLeftOutWithTheReason) {
   expect("256 bytes", "<host name=\"" + longest + "n\" address=\"g\"/>", {}, {"1 to 255 bytes"});
   expect("misspelt address, for the name is another gateway",
          R"(<host name="amsterdam" adress="gw-ams"/>)", {},
-         {"\"adress\"", "<host>", "\"name\", \"address\"", "did you mean \"address\"?"});
+         {"\"adress\"", "<host>", "\"name\", \"address\", \"probe\"", "did you mean \"address\"?"});
   expect("address as an element, for the name is another gateway",
          R"(<host name="gw8"><address>real</address></host>)", {},
          {"<address> inside <host>", "as an attribute", "the entry is left out"});
   expect("nothing but blanks inside", "<host name=\"b\"> <!-- --> </host>", {"b"}, {});
+  expect("probes", R"(<host name="a" probe="openvpn" probe-port="1194"/>)", {"a"}, {});
+  expect("unknown probe", R"(<host name="a" probe="openvpm"/>)", {},
+         {"\"openvpm\"", "did you mean \"openvpn\"?", "the entry is left out"});
+  expect("wrong probe port", R"(<host name="a" probe-port="65536"/>)", {},
+         {"\"65536\"", "must be a number from 1 to 65535", "left out"});
   expect("hyphen", R"(<host name="a" address="-oProxy"/>)", {}, {"begins with \"-\""});
   expect("hyphen of the name", R"(<host name="-oProxy"/>)", {}, {"begins with \"-\""});
   expect("text beside", "Amsterdam<host name=\"a\"/>", {"a"}, {"<hosts>", "\"Amsterdam\""});

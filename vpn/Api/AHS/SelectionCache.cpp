@@ -17,6 +17,7 @@
 #include "vpn/Api/PreferenceMgr.h"
 #include "vpn/Api/SaxWriterIfc.h"
 #include "vpn/Common/IP/ConnectionTrial.h"
+#include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/Logging/AppLog.h"
 #include "vpn/Common/Utility/MonotonicClock.h"
 #include "vpn/Common/Utility/URL.h"
@@ -108,9 +109,12 @@ bool isWinnerDead(const CCacheEntry& entry, const SelectionRecord::Terms& terms,
   return outcome == ConnectionTrial::Dead;
 }
 
-/// The preferences that change the figures, as words of a place.
+/// The preferences that change the figures, and what is asked for, as words of a place.
 std::vector<std::string> figuresOf(PreferenceMgr& preferences) {
   std::vector<std::string> words;
+  if (const std::string word = ProbeSettings::howsWord(); !word.empty()) {
+    words.push_back(word);
+  }
   for (const PreferenceId id :
        {RoundTripTime, SelectionNeedsService, SelectionPingsPerHeadend, SelectionPingTimeout}) {
     const PreferenceBase::Definition& definition = *PreferenceBase::find(id);

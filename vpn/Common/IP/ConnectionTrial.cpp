@@ -4,7 +4,9 @@
 
 #include <curl/curl.h>
 
+#include "vpn/Common/IP/DatagramTransfer.h"
 #include "vpn/Common/IP/DirectTransfer.h"
+#include "vpn/Common/IP/ProbeSettings.h"
 #include "vpn/Common/IP/ProbeTask.h"
 
 namespace {
@@ -24,12 +26,15 @@ ConnectionTrial tryConnection(const std::string& host, unsigned short port,
   try {
     ProbeRequest request;
     request.task = ProbeTask::current().get();
-    request.port = port;
+    request.how = ProbeSettings::howTo(host, port);
+    request.port = request.how.portAt(port);
     request.connectsOnly = true;
     outcome.code = request.prepare(host, noProxy);
     request.timeout = longest;
     request.deadline = request.start + longest;
-    if (outcome.code == CURLE_OK) {
+    if (outcome.code == CURLE_OK && request.isDatagram()) {
+      outcome = DatagramTransfer(request).send();
+    } else if (outcome.code == CURLE_OK) {
       DirectTransfer::Addresses addresses;
       DirectTransfer transfer(request, false, addresses);
       transfer.send(request);

@@ -8,6 +8,7 @@
 
 #include <utility>
 
+#include "vpn/Common/IP/DatagramTransfer.h"
 #include "vpn/Common/IP/DirectTransfer.h"
 #include "vpn/Common/IP/HttpTransfer.h"
 #include "vpn/Common/IP/KeptTransfer.h"
@@ -37,6 +38,9 @@ bool passwordIsUntried(const ProbeOutcome& outcome, const ProbeRequest& request)
 }
 
 ProbeOutcome sendOnce(ProbeRequest& request) {
+  if (request.isDatagram()) {
+    return DatagramTransfer(request).send();
+  }
   if (DirectTransfer::serves(request)) {
     DirectTransfer::Addresses addresses;
     DirectTransfer transfer(request, false, addresses);
@@ -68,7 +72,8 @@ ProbeOutcome send(const std::string& host, const PROXY_DATA& proxyData, ProbeReq
     CWorkerQueue::needFew();
   }
   const Utf8Locale utf8;  // libcurl reads a proxy's international name in the thread's locale
-  if (keptHere == nullptr || !request.isDirect() || request.handshake != nullptr) {
+  if (keptHere == nullptr || !request.isDirect() || request.isDatagram() ||
+      request.handshake != nullptr) {
     return sendLoggingIn(request);
   }
   if (*keptHere == nullptr) {
@@ -149,7 +154,8 @@ bool lacksService(const HttpProbe::Report& report) {
     request.task = task;
     request.report = &report;
     request.secure = secure;
-    request.port = port;
+    request.how = ProbeSettings::howTo(host, port);
+    request.port = request.how.portAt(port);
     request.userAgent = userAgent;
     request.tellsRequest = (options & HttpProbe::HTTP_PROBE_RETURN_REQUEST) != 0;
     request.timeoutSeconds = timeoutSeconds;
@@ -236,6 +242,8 @@ void HttpProbe::setRoundTripMeasure(RoundTripMeasure measure) {
 
 void HttpProbe::setLeavesSilent(bool leaves) { ProbeSettings::setLeavesSilent(leaves); }
 void HttpProbe::setNeedsService(bool needs) { ProbeSettings::setNeedsService(needs); }
+
+void HttpProbe::setHows(ProbeHows hows) { ProbeSettings::setHows(std::move(hows)); }
 
 std::string HttpProbe::setTrustFile(const std::string& path) {
   return ProbeSettings::setTrustFile(path);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "vpn/Common/IP/ProbeKind.h"
 #include "vpn/Common/IP/ProbeReport.h"
 #include "vpn/Common/IP/TlsHandshake.h"
 #include "vpn/include/HttpSession.h"
@@ -144,6 +145,11 @@ class HttpProbe {
   /// if the server answers 5xx, or not with HTTP; it does not until it is called. A probe that asks
   /// for all headers, which tests the way, always counts as what it is.
   static void setNeedsService(bool needs);
+
+  /// Names the gateways that are probed in another way, for probes that start from now on. Probes
+  /// through a proxy stay as they are. An answer of another kind counts as success without an HTTP
+  /// status; an ICMP refusal as CANNOT_CONNECT.
+  static void setHows(ProbeHows hows);
 
   /// Adds certificates (a PEM file) to those trusted, for probes that start from now on; an empty
   /// path for the system's alone. The file is read at once; one that cannot be read adds nothing.

@@ -24,7 +24,7 @@ STATUSCODE statusOf(const ProbeOutcome& outcome, bool proxied) {
   constexpr long FirstFinal = 200;
   switch (outcome.code) {
     case CURLE_OK:
-      if (outcome.httpStatus >= FirstFinal && outcome.finalStatus() != 0) {
+      if (outcome.isServed || (outcome.httpStatus >= FirstFinal && outcome.finalStatus() != 0)) {
         return HTTP_SESSION_SUCCESS;
       }
       break;  // interim answers promise a final one; without it nothing has been answered

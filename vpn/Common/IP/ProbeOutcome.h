@@ -12,6 +12,7 @@ struct ProbeOutcome {
   bool reused = false;
   bool silent = false;  ///< given up: no attempt to connect was answered
   bool clientCertificateAsked = false;
+  bool isServed = false;  ///< answered in the gateway's own protocol, which is not HTTP
   long httpStatus = 0;
   long tunnelStatus = 0;
   /// The request went to an HTTP proxy, which answered it or passed it on.

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <string>
 
+#include "vpn/Common/IP/ProbeKind.h"
 #include "vpn/include/HttpSession.h"
 
 class ProbeTask;
@@ -46,6 +47,9 @@ struct ProbeRequest : ProbeTarget {
   ProbeTask* task = nullptr;
   /// The probe as its task is told of it, which outlives the request; null for none.
   const ProbeReport* report = nullptr;
+  /// What is asked for, and where; `port` is that port. A proxy is always asked by HTTP.
+  ProbeHow how;
+  bool isDatagram() const { return how.kind != ProbeKind::Http && !proxied(); }
   /// Nothing is sent once the connection stands.
   bool connectsOnly = false;
   /// Where to tell of the TLS handshake, in place of a request; null for an ordinary one.

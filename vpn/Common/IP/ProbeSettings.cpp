@@ -14,8 +14,10 @@
 #include <string.h>
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "vpn/Common/IP/TransportMemory.h"
 #include "vpn/Common/Logging/AppLog.h"
@@ -23,6 +25,7 @@
 #include "vpn/Common/Trust/FileTrust.h"
 #include "vpn/Common/Trust/LegibleText.h"
 #include "vpn/include/Locks.h"
+#include "vpn/include/StringUtils.h"
 
 namespace {
 
@@ -55,6 +58,8 @@ struct Settings {
   std::atomic<RoundTripMeasure> measure{RoundTripMeasure::Network};
   std::atomic<bool> leavesSilent{true};  // the same
   std::atomic<bool> needsService{false};
+  std::atomic<bool> hasHows{false};  // most processes have none
+  ProbeHows hows AHS_GUARDED_BY(lock);
 };
 
 Settings& settings() {
@@ -155,6 +160,50 @@ void ProbeSettings::setLeavesSilent(bool leaves) { settings().leavesSilent = lea
 bool ProbeSettings::needsService() { return settings().needsService; }
 
 void ProbeSettings::setNeedsService(bool needs) { settings().needsService = needs; }
+
+ProbeHow ProbeSettings::howTo(const std::string& host, unsigned short port) {
+  Settings& process = settings();
+  if (!process.hasHows) {
+    return {};
+  }
+  const bool isBracketed = host.starts_with('[') && host.ends_with(']');
+  const std::string plain = isBracketed ? host.substr(1, host.size() - 2) : host;
+  CAutoLockT<CManualLock> guard(process.lock);
+  const auto found = process.hows.known.find({CStringUtils::toLower(plain), port});
+  return found != process.hows.known.end() ? found->second : process.hows.others;
+}
+
+void ProbeSettings::setHows(ProbeHows hows) {
+  Settings& process = settings();
+  std::erase_if(hows.known, [&hows](const auto& one) { return one.second == hows.others; });
+  CAutoLockT<CManualLock> guard(process.lock);
+  std::swap(process.hows, hows);
+  process.hasHows = !process.hows.known.empty() || process.hows.others != ProbeHow{};
+}
+
+std::string ProbeSettings::howsWord() {
+  Settings& process = settings();
+  if (!process.hasHows) {
+    return "";
+  }
+  // FNV-1a: short, and the same in every process.
+  std::uint64_t sum = 0xcbf29ce484222325;
+  const auto add = [&sum](const std::string& text) {
+    for (const char c : text + '\n') {
+      sum = (sum ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+    }
+  };
+  const auto textOf = [](const ProbeHow& how) {
+    return std::string(ProbeKindNames[static_cast<std::size_t>(how.kind)]) + " " +
+           std::to_string(how.port);
+  };
+  CAutoLockT<CManualLock> guard(process.lock);
+  for (const auto& [place, how] : process.hows.known) {
+    add(place.first + " " + std::to_string(place.second) + " " + textOf(how));
+  }
+  add(textOf(process.hows.others));
+  return "probes " + std::to_string(sum);
+}
 
 ProbeSettings::Trust ProbeSettings::trustedCertificates() {
   Settings& process = settings();

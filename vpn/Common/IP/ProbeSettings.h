@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "vpn/Common/IP/ProbeKind.h"
 #include "vpn/Common/IP/ProbeReport.h"
 
 struct x509_store_st;
@@ -27,6 +28,12 @@ class ProbeSettings {
   /// Whether an answer without a service is a failure to connect.
   static bool needsService();
   static void setNeedsService(bool needs);
+
+  /// How the gateway at a host (as `SendHttpProbe` takes it) and port is probed.
+  static ProbeHow howTo(const std::string& host, unsigned short port);
+  static void setHows(ProbeHows hows);
+  /// A word that differs where they do; empty where all are probed by HTTP at their own ports.
+  static std::string howsWord();
 
   /// The certificates that are trusted, the same object until `setTrustFile`; null if there is no
   /// memory for them. The first call reads the system's.

@@ -53,11 +53,10 @@ std::string makeProbePlan(const ProbeOptions& options, const std::vector<HostEnt
   const unsigned int timeout = std::max(settings.nPingTimeout / MillisecondsPerSecond, 1U);
   plan.selectionTimeout = std::chrono::seconds(timeout);
   plan.timeout = std::chrono::seconds(options.timeoutSeconds.value_or(timeout));
-  const std::string error = plan.way->take(options);
-  if (!error.empty()) {
-    return error;
+  std::string error = plan.way->take(options);
+  if (error.empty()) {
+    error = takeHost(options.host, entries, plan);
+    plan.how = ProbeSettings::howTo(plan.place.first, plan.place.second);
   }
-  const std::string hostError = takeHost(options.host, entries, plan);
-  plan.how = ProbeSettings::howTo(plan.place.first, plan.place.second);
-  return hostError;
+  return error;
 }

@@ -53,14 +53,22 @@ constexpr long NobodyNeeds[] = {
     SYS_adjtimex,
     SYS_clock_adjtime,
     SYS_acct,
-    SYS_iopl,
-    SYS_ioperm,
     SYS_sethostname,
     SYS_setdomainname,
-    SYS_mknod,
     SYS_mknodat,
     SYS_open_by_handle_at,
+#if defined(__x86_64__)
+    SYS_iopl,
+    SYS_ioperm,
+    SYS_mknod,
+#endif
 };
+
+#if defined(__x86_64__)
+constexpr long Machine = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr long Machine = AUDIT_ARCH_AARCH64;
+#endif
 
 // To start libproxy's helper, which gives up its rights.
 constexpr long TheHelperNeeds[] = {
@@ -111,7 +119,7 @@ Filter makeFilter(Confinement::Programs programs) {
   Filter filter;
   // The same numbers are other calls in 32-bit code.
   load(filter, offsetof(seccomp_data, arch));
-  unless(filter, BPF_JEQ, AUDIT_ARCH_X86_64, true);
+  unless(filter, BPF_JEQ, Machine, true);
   refuse(filter);
   load(filter, offsetof(seccomp_data, nr));
   constexpr long OtherNumbers = 0x40000000;  // of the x32 interface
